@@ -1,0 +1,220 @@
+// Opens that outlive teardown.
+//
+// File objects may live on when the driver has let go of Provider, framework and FCB table. Their FCBs are taken off
+// FcbList first and stand on a list of their own, which needs nothing but a spin lock; each goes with its last open.
+
+#include "close/close.h"
+#include "dir/notify.h"
+#include "frame/diagnostics.h"
+#include "provider/provider_calls.h"
+
+namespace {
+
+DRIVER_GLOBAL KSPIN_LOCK OutlivingLock = 0;
+DRIVER_GLOBAL LIST_ENTRY OutlivingFcbs = {&OutlivingFcbs, &OutlivingFcbs}; // under OutlivingLock, as the next
+DRIVER_GLOBAL BOOLEAN Detached = FALSE;
+
+PFCB FcbOf(PLIST_ENTRY Links) {
+    return CONTAINING_RECORD(Links, FCB, FcbLinks);
+}
+
+PINSTANCE_CONTEXT InstanceOf(PLIST_ENTRY Links) {
+    return CONTAINING_RECORD(Links, INSTANCE_CONTEXT, Links);
+}
+
+// Takes every FCB but the control device's off FcbList.
+void TakeFcbs(PLIST_ENTRY Fcbs) {
+    InitializeListHead(Fcbs);
+    ResourceHold Hold;
+    Hold.AcquireExclusive(&FcbListResource, TRUE);
+    for (PLIST_ENTRY Links = FcbList.Flink; Links != &FcbList;) {
+        const PFCB Fcb = FcbOf(Links);
+        Links = Links->Flink;
+        if (Fcb != DriverFcb) {
+            RemoveEntryList(&Fcb->FcbLinks);
+            InsertTailList(Fcbs, &Fcb->FcbLinks);
+            --FcbCount;
+        }
+    }
+}
+
+void CloseHandles(PINSTANCE_CONTEXT Instance, PRV_SECURITY Security) {
+    constexpr PCSTR NOBODY = "nobody is left to be told";
+    if (Instance->FileHandle != 0) {
+        Ignore(RVFsdCloseFile(Security, Instance->FileHandle), NOBODY);
+    }
+    if (Instance->DirHandle != 0) {
+        Ignore(RVFsdCloseDirectory(Security, Instance->DirHandle), NOBODY);
+    }
+    if (Instance->VolumeHandle != 0) {
+        Ignore(RVFsdCloseVolume(Security, Instance->VolumeHandle), NOBODY);
+    }
+    Instance->FileHandle = Instance->DirHandle = Instance->VolumeHandle = 0;
+    // Copies of handles that this open or another one owned.
+    NtFsdEndBorrowing(Instance);
+    Instance->BaseHandle = Instance->RelatedHandle = 0;
+}
+
+void RemoveFromPrefixTable(PFCB Fcb) {
+    if (!(Fcb->OpenFlags & FCB_STATE_IN_PREFIX_TABLE)) {
+        return;
+    }
+    Fcb->OpenFlags &= ~static_cast<ULONG>(FCB_STATE_IN_PREFIX_TABLE);
+    if (Fcb->PrefixState != PREFIX_STATE_NEVER_INSERTED) {
+        RtlRemoveUnicodePrefix(&FcbPrefixTable, &Fcb->PrefixEntry);
+        --FcbPrefixCount;
+    }
+}
+
+// Removes all locks. Those that still wait are thereby granted one after the other, and cancelled by the completion
+// routine, which knows that the driver has stopped.
+void EndLocks(PFCB Fcb) {
+    if (!Fcb->FileLockInitialized) {
+        return;
+    }
+    BOOLEAN Restart = TRUE;
+    while (const FILE_LOCK_INFO *Found = FsRtlGetNextFileLock(&Fcb->FileLock, Restart)) {
+        FILE_LOCK_INFO Lock = *Found;
+        Restart = NT_SUCCESS(FsRtlFastUnlockSingle(&Fcb->FileLock, Lock.FileObject, &Lock.StartingByte, &Lock.Length,
+                                                   static_cast<PEPROCESS>(Lock.ProcessId), Lock.Key, nullptr, FALSE));
+    }
+    FsRtlUninitializeFileLock(&Fcb->FileLock);
+    Fcb->FileLockInitialized = FALSE;
+}
+
+void FreeFcb(PFCB Fcb) {
+    Ignore(ExDeleteResourceLite(&Fcb->PagingIoResource), "nobody ever took it");
+    Ignore(ExDeleteResourceLite(&Fcb->Resource), "no request runs any more");
+    FsRtlTeardownPerStreamContexts(&Fcb->Header);
+    FsRtlNotifyUninitializeSync(&Fcb->NotifySync);
+    NtFsdFreeFcbMemory(Fcb);
+}
+
+void FreeAll(PLIST_ENTRY Instances, PLIST_ENTRY Fcbs) {
+    while (!IsListEmpty(Instances)) {
+        NtFsdFreeInstance(InstanceOf(RemoveHeadList(Instances)));
+    }
+    while (!IsListEmpty(Fcbs)) {
+        FreeFcb(FcbOf(RemoveHeadList(Fcbs)));
+    }
+}
+
+// Moves the instances whose file objects have been closed meanwhile. OutlivingLock held.
+void TakeAbandoned(PFCB Fcb, PLIST_ENTRY Abandoned) {
+    for (PLIST_ENTRY Links = Fcb->InstanceList.Flink; Links != &Fcb->InstanceList;) {
+        const PINSTANCE_CONTEXT Instance = InstanceOf(Links);
+        Links = Links->Flink;
+        if (Instance->FileObject == nullptr) {
+            RemoveEntryList(&Instance->Links);
+            InsertTailList(Abandoned, &Instance->Links);
+        }
+    }
+}
+
+// Hands the FCBs over to the closes that will come, and frees what no close will come for.
+void Publish(PLIST_ENTRY Fcbs) {
+    LIST_ENTRY Abandoned;
+    LIST_ENTRY Unused;
+    InitializeListHead(&Abandoned);
+    InitializeListHead(&Unused);
+    {
+        const SpinLockHold Hold(&OutlivingLock);
+        while (!IsListEmpty(Fcbs)) {
+            const PFCB Fcb = FcbOf(RemoveHeadList(Fcbs));
+            TakeAbandoned(Fcb, &Abandoned);
+            InsertTailList(IsListEmpty(&Fcb->InstanceList) ? &Unused : &OutlivingFcbs, &Fcb->FcbLinks);
+        }
+        Detached = TRUE;
+    }
+    FreeAll(&Abandoned, &Unused);
+}
+
+// The FCB at FsContext if it outlived teardown. Compares addresses only: what FsContext points to may be gone.
+// OutlivingLock held.
+PFCB FindOutliving(const void *FsContext) {
+    for (PLIST_ENTRY Links = OutlivingFcbs.Flink; Links != &OutlivingFcbs; Links = Links->Flink) {
+        if (FcbOf(Links) == FsContext) {
+            return FcbOf(Links);
+        }
+    }
+    return nullptr;
+}
+
+PINSTANCE_CONTEXT FindInstance(PFCB Fcb, const void *FsContext2) {
+    for (PLIST_ENTRY Links = Fcb->InstanceList.Flink; Links != &Fcb->InstanceList; Links = Links->Flink) {
+        if (InstanceOf(Links) == FsContext2) {
+            return InstanceOf(Links);
+        }
+    }
+    return nullptr;
+}
+
+// Unlinks the open of FileObject into Instances, and its FCB into Fcbs when it was the last. OutlivingLock held.
+void TakeOpen(PFILE_OBJECT FileObject, PLIST_ENTRY Instances, PLIST_ENTRY Fcbs) {
+    const PFCB Fcb = FindOutliving(FileObject->FsContext);
+    if (Fcb == nullptr) {
+        return;
+    }
+    const PINSTANCE_CONTEXT Instance = FindInstance(Fcb, FileObject->FsContext2);
+    if (Instance == nullptr) {
+        return;
+    }
+    RemoveEntryList(&Instance->Links);
+    InsertTailList(Instances, &Instance->Links);
+    if (IsListEmpty(&Fcb->InstanceList)) {
+        RemoveEntryList(&Fcb->FcbLinks);
+        InsertTailList(Fcbs, &Fcb->FcbLinks);
+    }
+}
+
+// Teardown has begun but has not come to this open yet: it finds the mark. OutlivingLock held.
+void AbandonOpen(PFILE_OBJECT FileObject) {
+    if (FileObject->FsContext2 != nullptr && FileObject->FsContext != DriverFcb && NtFsdIsFcb(FileObject->FsContext)) {
+        static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2)->FileObject = nullptr;
+    }
+}
+
+} // namespace
+
+VOID NtFsdDetachOpens() {
+    LIST_ENTRY Fcbs;
+    LIST_ENTRY Notifications;
+    InitializeListHead(&Notifications);
+    TakeFcbs(&Fcbs);
+    if (!IsListEmpty(&Fcbs)) {
+        IRP_CONTEXT Context;
+        NtFsdFillIrpContext(&Context, nullptr, TRUE, 0);
+        for (PLIST_ENTRY Links = Fcbs.Flink; Links != &Fcbs; Links = Links->Flink) {
+            const PFCB Fcb = FcbOf(Links);
+            RemoveFromPrefixTable(Fcb);
+            NtFsdTakeNotifyList(Fcb, &Notifications);
+            EndLocks(Fcb);
+            for (PLIST_ENTRY Open = Fcb->InstanceList.Flink; Open != &Fcb->InstanceList; Open = Open->Flink) {
+                CloseHandles(InstanceOf(Open), &Context.SecurityContext);
+            }
+        }
+    }
+    Publish(&Fcbs);
+    // A completed request may be the last reference to its file object: the close that follows finds the lists in
+    // order.
+    NtFsdCompleteNotifyBatch(&Notifications, STATUS_CANCELLED);
+}
+
+VOID NtFsdCloseAfterTeardown(PFILE_OBJECT FileObject) {
+    LIST_ENTRY Instances;
+    LIST_ENTRY Fcbs;
+    InitializeListHead(&Instances);
+    InitializeListHead(&Fcbs);
+    {
+        const SpinLockHold Hold(&OutlivingLock);
+        if (Detached) {
+            TakeOpen(FileObject, &Instances, &Fcbs);
+        } else {
+            AbandonOpen(FileObject);
+        }
+        FileObject->FsContext = nullptr;
+        FileObject->FsContext2 = nullptr;
+        FileObject->SectionObjectPointer = nullptr;
+    }
+    FreeAll(&Instances, &Fcbs);
+}

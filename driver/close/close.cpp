@@ -1,0 +1,254 @@
+#include "close/close.h"
+
+#include "close/share_claim.h"
+#include "dir/notify.h"
+#include "frame/diagnostics.h"
+#include "frame/status_translation.h"
+#include "provider/attribute_names.h"
+#include "provider/provider_calls.h"
+
+namespace {
+
+struct CLOSE {
+    PIRP_CONTEXT IrpContext;
+    PFILE_OBJECT FileObject;
+    PFCB Fcb;
+    PINSTANCE_CONTEXT Instance;
+    ResourceHold Table; // FcbTableResource
+    ResourceHold Hold;  // the FCB's Resource
+    NTSTATUS Status = STATUS_SUCCESS;
+
+    PRV_SECURITY Security() const {
+        return &IrpContext->SecurityContext;
+    }
+    bool IsOpenDirectory() const {
+        return Fcb->OpenType == OPEN_TYPE_DIRECTORY && Instance->DirHandle != 0;
+    }
+    // Only the last open deletes.
+    bool Deletes() const {
+        return Fcb->OpenCount == 1 && (Fcb->OpenFlags & FCB_STATE_DELETE_ON_CLOSE) != 0;
+    }
+};
+
+// Both resources or none.
+bool AcquireAll(CLOSE &Close) {
+    const BOOLEAN Wait = Close.IrpContext->MayWait();
+    if (!Close.Table.AcquireExclusive(&FcbTableResource, Wait)) {
+        return false;
+    }
+    // Opens named relative to this one lose its handle. Their FCBs are taken one by one, so before this one's.
+    NtFsdRebaseBorrowers(Close.Instance);
+    if (!Close.Hold.AcquireExclusive(&Close.Fcb->Resource, Wait)) {
+        Close.Table.Release();
+        return false;
+    }
+    return true;
+}
+
+bool IsReadOnly(RVSTATUS Status, ULONG Attributes) {
+    return !RvIsError(Status) && (Attributes & RV_ATTR_READONLY) != 0;
+}
+
+void ClearReadOnlyDirectory(const CLOSE &Close) {
+    ULONG Attributes = 0;
+    const RVHANDLE Directory = Close.Instance->RelatedHandle;
+    const RVSTATUS Status =
+        RVFsdGetDirectoryInformation(Close.Security(), Directory, &Attributes, nullptr, nullptr, nullptr);
+    NtFsdDebugPrint(
+        TRACE_GENERAL, 0,
+        "NtFsdCommonClose directory attributes are %s%s%s%s%s%s%s%s%s%s%s(0x%08X) and status 0x%08X for FCB "
+        "0x%p (\"%wZ\").\n",
+        RV_ATTRIBUTE_NAME_ARGUMENTS(RvAttributeNames(Attributes)), Attributes, static_cast<ULONG>(Status), Close.Fcb,
+        &Close.Fcb->FullPath);
+    if (IsReadOnly(Status, Attributes)) {
+        Attributes &= ~static_cast<ULONG>(RV_ATTR_READONLY);
+        Ignore(RVFsdSetDirectoryInformation(Close.Security(), Directory, &Attributes, nullptr, nullptr, nullptr),
+               "the delete tells");
+    }
+}
+
+void ClearReadOnlyFile(const CLOSE &Close) {
+    ULONG Attributes = 0;
+    const RVHANDLE File = Close.Instance->FileHandle;
+    const RVSTATUS Status = RVFsdGetFileInformation(Close.Security(), File, &Attributes, nullptr);
+    NtFsdDebugPrint(
+        TRACE_GENERAL, 0,
+        "NtFsdCommonClose file attributes are %s%s%s%s%s%s%s%s%s%s%s(0x%08X) and status 0x%08X for FCB 0x%p "
+        "(\"%wZ\").\n",
+        RV_ATTRIBUTE_NAME_ARGUMENTS(RvAttributeNames(Attributes)), Attributes, static_cast<ULONG>(Status), Close.Fcb,
+        &Close.Fcb->FullPath);
+    if (IsReadOnly(Status, Attributes)) {
+        Attributes &= ~static_cast<ULONG>(RV_ATTR_READONLY);
+        Ignore(RVFsdSetFileInformation(Close.Security(), File, &Attributes, nullptr, nullptr, nullptr),
+               "the delete tells");
+    }
+}
+
+// A read-only object cannot be deleted; the attribute goes while there is still a handle.
+void PrepareDelete(const CLOSE &Close) {
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdCommonClose saw %s for FCB 0x%p (\"%wZ\").\n",
+                    (Close.Fcb->OpenFlags & FCB_STATE_DELETE_DISPOSITION) ? "FCB_STATE_DELETE_DISPOSITION"
+                                                                          : "FCB_STATE_DELETE_ON_CLOSE",
+                    Close.Fcb, &Close.Fcb->FullPath);
+    if (Close.IsOpenDirectory()) {
+        ClearReadOnlyDirectory(Close);
+    } else if (Close.Instance->FileHandle != 0) {
+        ClearReadOnlyFile(Close);
+    }
+}
+
+// The handles are what was opened, whatever the FCB is taken for by now.
+void CloseObjectHandles(CLOSE &Close) {
+    const PINSTANCE_CONTEXT Instance = Close.Instance;
+    if (Instance->FileHandle != 0) {
+        NtFsdDebugPrint(TRACE_GENERAL, 0, "Closing File 0x%x\n", LowPart(Instance->FileHandle));
+        Close.Status = NtFsdTranslateResult(RVFsdCloseFile(Close.Security(), Instance->FileHandle));
+    }
+    if (Instance->DirHandle != 0) {
+        NtFsdDebugPrint(TRACE_GENERAL, 0, "Closing Directory 0x%x\n", LowPart(Instance->DirHandle));
+        Ignore(RVFsdCloseDirectory(Close.Security(), Instance->DirHandle), "nobody can use the handle again");
+    }
+}
+
+// Asks the Provider for the delete; FALSE when there is nothing that may be asked.
+bool DeleteObject(CLOSE &Close) {
+    const PINSTANCE_CONTEXT Instance = Close.Instance;
+    if (Instance->PathLeft == nullptr || Instance->PathLeft[0] == 0) {
+        return false; // the root of a volume
+    }
+    bool IsDirectory = Close.Fcb->OpenType == OPEN_TYPE_DIRECTORY;
+    if (IsDirectory && Instance->DirHandle != 0) {
+        NtFsdDebugPrint(TRACE_GENERAL, 0, "Deleting Dir 0x%x\n", LowPart(Instance->DirHandle));
+    } else if (Instance->FileHandle != 0) {
+        NtFsdDebugPrint(TRACE_GENERAL, 0, "Deleting File 0x%x\n", LowPart(Instance->FileHandle));
+        IsDirectory = false;
+    }
+    const RVSTATUS Status = IsDirectory
+                                ? RVFsdDeleteDirectory(Close.Security(), Instance->BaseHandle, Instance->PathLeft)
+                                : RVFsdDeleteFile(Close.Security(), Instance->BaseHandle, Instance->PathLeft);
+    Close.Status = NtFsdTranslateResult(Status);
+    return true;
+}
+
+// What the status of the delete means. TRUE: the object is gone.
+bool JudgeDelete(CLOSE &Close) {
+    switch (Close.Status) {
+    case STATUS_SUCCESS:
+        return true;
+    case STATUS_NO_SUCH_FILE:
+        if (Close.Fcb->OpenType == OPEN_TYPE_DIRECTORY) {
+            NtFsdDebugPrint(TRACE_GENERAL, 0, "      Hit wierd case where lazy close directory gone.\n");
+            Close.Status = STATUS_SUCCESS;
+            return true;
+        }
+        // The server deletes a file with the handle for which that was reserved.
+        return (Close.Instance->ProviderOptions & RV_OPTION_RESERVE_DELETE) != 0;
+    case STATUS_OBJECT_PATH_NOT_FOUND:
+        Close.Status = STATUS_SHARING_VIOLATION;
+        return false;
+    default:
+        return false;
+    }
+}
+
+void DeleteOnClose(CLOSE &Close) {
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "   Deleting file/directory on close.\n");
+    if (DeleteObject(Close) && JudgeDelete(Close)) {
+        Ignore(NtFsdNotifyChange(Close.IrpContext, Close.Fcb, 1, Close.Hold), "watchers are told if they can be");
+        Close.Fcb->OpenFlags |= FCB_STATE_DELETED;
+    }
+    // Whatever came of it, it is not tried again.
+    Close.Fcb->OpenFlags &= ~static_cast<ULONG>(FCB_STATE_DELETE_ON_CLOSE | FCB_STATE_DELETE_DISPOSITION);
+}
+
+void CloseVolumeHandle(CLOSE &Close) {
+    const PINSTANCE_CONTEXT Instance = Close.Instance;
+    if (Instance->VolumeHandle == 0) {
+        return;
+    }
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "Closing Volume 0x%x\n", LowPart(Instance->VolumeHandle));
+    const RVSTATUS Status = RVFsdCloseVolume(Close.Security(), Instance->VolumeHandle);
+    if (RvIsError(Status)) {
+        Close.Status = NtFsdTranslateResult(Status);
+    } else {
+        Instance->VolumeHandle = 0;
+    }
+}
+
+void Dereference(CLOSE &Close) {
+    // A handle that was alone when it was cleaned up left its claim; others that have come since must not meet it.
+    if (Close.Fcb->OpenCount > 1) {
+        NtFsdRemoveShareClaim(Close.Fcb, Close.FileObject);
+    }
+    BOOLEAN FcbFreed = FALSE;
+    Ignore(TwSupDereference(Close.IrpContext, Close.Fcb, Close.Instance, &FcbFreed, Close.Hold),
+           "the delete is already done");
+    if (!FcbFreed) {
+        Close.Hold.Release();
+    }
+    Close.Table.Release();
+}
+
+// The work of a close whose resources are held.
+void EndOpen(CLOSE &Close) {
+    const PFCB Fcb = Close.Fcb;
+    if (Fcb->OpenCount == 1 && (Fcb->OpenFlags & FCB_STATE_DELETE_DISPOSITION)) {
+        Fcb->OpenFlags |= FCB_STATE_DELETE_ON_CLOSE;
+    }
+    if (Close.Deletes()) {
+        PrepareDelete(Close);
+    }
+    CloseObjectHandles(Close);
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "   FCB Open Count = %d\n", Fcb->OpenCount);
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "   pFcb = 0x%x, pFcb->OpenFlags = 0x%x\n",
+                    LowPart(reinterpret_cast<ULONG_PTR>(Fcb)), Fcb->OpenFlags);
+    if (Close.Deletes()) {
+        DeleteOnClose(Close);
+    }
+    CloseVolumeHandle(Close);
+    Dereference(Close);
+}
+
+NTSTATUS Finish(PIRP_CONTEXT IrpContext, PFILE_OBJECT FileObject, NTSTATUS Status) {
+    FileObject->SectionObjectPointer = nullptr;
+    FileObject->FsContext = nullptr;
+    FileObject->FsContext2 = nullptr;
+    IrpContext->Information = 0;
+    return NtFsdCompleteRequest(IrpContext, IrpContext->Irp, Status);
+}
+
+} // namespace
+
+VOID NtFsdFreeOrphanInstance(PFILE_OBJECT FileObject) {
+    const auto Instance = static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2);
+    if (Instance == nullptr || FileObject->FsContext != nullptr) {
+        return;
+    }
+    ResourceHold Table;
+    Table.AcquireExclusive(&FcbTableResource, TRUE);
+    RemoveEntryList(&Instance->Links);
+    FileObject->FsContext2 = nullptr;
+    NtFsdFreeInstance(Instance);
+}
+
+NTSTATUS NtFsdCommonClose(PIRP_CONTEXT IrpContext) {
+    const PFILE_OBJECT FileObject = IrpContext->FileObject;
+    if (!NtFsdIsFcb(FileObject->FsContext)) {
+        NtFsdFreeOrphanInstance(FileObject);
+        return Finish(IrpContext, FileObject, STATUS_UNSUCCESSFUL);
+    }
+    CLOSE Close = {.IrpContext = IrpContext,
+                   .FileObject = FileObject,
+                   .Fcb = static_cast<PFCB>(FileObject->FsContext),
+                   .Instance = static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2),
+                   .Table = {},
+                   .Hold = {}};
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "Close File FCB = 0x%p\n", Close.Fcb);
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "FileName           = %ls\n", NtFsdStablePath(Close.Fcb)->Buffer);
+    if (!AcquireAll(Close)) {
+        Ignore(NtFsdPostRequest(IrpContext), "a posted close is pending whatever becomes of it");
+        return STATUS_PENDING;
+    }
+    EndOpen(Close);
+    return Finish(IrpContext, FileObject, Close.Status);
+}

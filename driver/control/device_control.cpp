@@ -1,0 +1,233 @@
+// Device and file system controls: the multiple UNC provider's prefix claim; everything else is refused.
+
+#include "control/our_device.h"
+#include "frame/diagnostics.h"
+#include "frame/driver.h"
+#include "frame/memory.h"
+#include "names/paths.h"
+#include "provider/binding.h"
+
+namespace {
+
+constexpr UNICODE_STRING REFUSED_NAMES[] = {ConstantString(WTEXT("\\SYSTEM.INI")),
+                                            ConstantString(WTEXT("\\LOCALHOST"))};
+
+// A query path taken apart; all lengths in bytes.
+struct CLAIM_PATH {
+    UNICODE_STRING Name; // a view, of an even length
+    USHORT ServerPrefixLength;
+    USHORT VolumeLength;
+};
+
+// Measures \\server and \\server\share. Without a share both are the whole name.
+CLAIM_PATH SplitName(PCUNICODE_STRING PathName) {
+    CLAIM_PATH Path = {*PathName, 0, 0};
+    Path.Name.Length = static_cast<USHORT>(PathName->Length & ~1u);
+    const PCWSTR Text = Path.Name.Buffer;
+    const ULONG Units = Path.Name.Length / sizeof(WCHAR);
+    ULONG At = 0;
+    while (At < Units && Text[At] == SEPARATOR) {
+        ++At;
+    }
+    while (At < Units && Text[At] != SEPARATOR) {
+        ++At;
+    }
+    const ULONG ServerUnits = At;
+    if (At < Units) {
+        ++At;
+    }
+    const ULONG ShareStart = At;
+    while (At < Units && Text[At] != SEPARATOR) {
+        ++At;
+    }
+    const bool HasShare = At > ShareStart;
+    Path.ServerPrefixLength = HasShare ? static_cast<USHORT>(ServerUnits * sizeof(WCHAR)) : Path.Name.Length;
+    Path.VolumeLength = HasShare ? static_cast<USHORT>(At * sizeof(WCHAR)) : Path.Name.Length;
+    return Path;
+}
+
+// Everything that deciding a claim needs.
+struct CLAIM {
+    const CLAIM_PATH &Path;
+    const UNICODE_STRING &VolumePath;
+    RVSTATUS Result;
+    QUERY_PATH_RESPONSE *Response;
+};
+
+// The first Bytes of Text, for a message; Text may be shorter, or nothing.
+WideText FirstBytes(const UNICODE_STRING &Text, ULONG Bytes) {
+    return {Text.Buffer, (Bytes < Text.Length ? Bytes : Text.Length) / static_cast<ULONG>(sizeof(WCHAR))};
+}
+
+NTSTATUS ClaimSuccess(const CLAIM &Claim) {
+    const ULONG Length = g_bUNCPathFilterBehavior ? Claim.Path.ServerPrefixLength : Claim.VolumePath.Length;
+    Claim.Response->LengthAccepted = Length;
+    NtFsdDebugPrint(TRACE_CONTROL, 0,
+                    "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX successfully claiming \"%.*ws\" of \"%wZ\" (%u bytes).\n",
+                    Length / 2, FirstBytes(Claim.VolumePath, Length), &Claim.Path.Name, Length);
+    return STATUS_SUCCESS;
+}
+
+// With the filter switch on a known server is claimed whatever became of the volume.
+NTSTATUS ClaimServer(const CLAIM &Claim) {
+    const ULONG Length = Claim.Path.ServerPrefixLength;
+    Claim.Response->LengthAccepted = Length;
+    const WideText Claimed = FirstBytes(Claim.Path.Name, Length);
+    const ULONG Result = static_cast<ULONG>(Claim.Result);
+    if (RvCode(Claim.Result) == RVFS_UNRECOGNIZED_VOLUME) {
+        NtFsdDebugPrint(TRACE_CONTROL, 0,
+                        "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX for \"%wZ\" returned RVFS_UNRECOGNIZED_VOLUME (0x%08X), but "
+                        "successfully claiming \"%.*ws\" of \"%wZ\" (%u bytes).\n",
+                        &Claim.Path.Name, Result, Length / 2, Claimed, &Claim.Path.Name, Length);
+    } else {
+        NtFsdDebugPrint(TRACE_CONTROL, 0,
+                        "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX for \"%wZ\" returned RVFS_PATH_NOT_FOUND (0x%08X), but "
+                        "successfully claiming \"%.*ws\" of \"%wZ\" (%u bytes).\n",
+                        &Claim.Path.Name, Result, Length / 2, Claimed, &Claim.Path.Name, Length);
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS RefuseUnexpected(const CLAIM &Claim) {
+    NtFsdDebugPrint(TRACE_CONTROL, 0,
+                    "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX failed \"%wZ\" with unexpected status 0x%08X; setting Windows "
+                    "status STATUS_BAD_NETWORK_PATH (0x%08X).\n",
+                    &Claim.VolumePath, static_cast<ULONG>(Claim.Result), STATUS_BAD_NETWORK_PATH);
+    return STATUS_BAD_NETWORK_PATH;
+}
+
+NTSTATUS DecideClaim(const CLAIM &Claim) {
+    const ULONG Result = static_cast<ULONG>(Claim.Result);
+    switch (RvCode(Claim.Result)) {
+    case 0:
+        return RvIsError(Claim.Result) ? RefuseUnexpected(Claim) : ClaimSuccess(Claim);
+    case RVFS_UNKNOWN_SERVER:
+        NtFsdDebugPrint(TRACE_CONTROL, 0,
+                        "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX failed \"%wZ\" with RVFS_UNKNOWN_SERVER (0x%08X); setting "
+                        "status STATUS_BAD_NETWORK_PATH (0x%08X).\n",
+                        &Claim.VolumePath, Result, STATUS_BAD_NETWORK_PATH);
+        return STATUS_BAD_NETWORK_PATH;
+    case RVFS_NOT_AUTHENTICATED:
+        NtFsdDebugPrint(TRACE_CONTROL, 0,
+                        "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX failed \"%wZ\" with RVFS_NOT_AUTHENTICATED (0x%08X); "
+                        "setting status STATUS_LOGON_FAILURE (0x%08X).\n",
+                        &Claim.VolumePath, Result, STATUS_LOGON_FAILURE);
+        return STATUS_LOGON_FAILURE;
+    case RV_STATUS_ACCESS_DENIED:
+        NtFsdDebugPrint(TRACE_CONTROL, 0,
+                        "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX failed \"%wZ\" with RV_STATUS_ACCESS_DENIED (0x%08X); "
+                        "setting status STATUS_LOGON_FAILURE (0x%08X).\n",
+                        &Claim.VolumePath, Result, STATUS_LOGON_FAILURE);
+        return STATUS_LOGON_FAILURE;
+    case RVFS_UNRECOGNIZED_VOLUME:
+        if (g_bUNCPathFilterBehavior) {
+            return ClaimServer(Claim);
+        }
+        NtFsdDebugPrint(TRACE_CONTROL, 0,
+                        "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX failed \"%wZ\" with RVFS_UNRECOGNIZED_VOLUME (0x%08X); "
+                        "setting status STATUS_BAD_NETWORK_NAME (0x%08X).\n",
+                        &Claim.VolumePath, Result, STATUS_BAD_NETWORK_NAME);
+        return STATUS_BAD_NETWORK_NAME;
+    case RVFS_PATH_NOT_FOUND:
+        if (g_bUNCPathFilterBehavior) {
+            return ClaimServer(Claim);
+        }
+        NtFsdDebugPrint(TRACE_CONTROL, 0,
+                        "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX failed \"%wZ\" with RVFS_PATH_NOT_FOUND (0x%08X); setting "
+                        "status STATUS_BAD_NETWORK_NAME (0x%08X).\n",
+                        &Claim.VolumePath, Result, STATUS_BAD_NETWORK_NAME);
+        return STATUS_BAD_NETWORK_NAME;
+    default:
+        return RefuseUnexpected(Claim);
+    }
+}
+
+// The claim proper: asks the Provider for the volume of the name's \server\share.
+NTSTATUS ClaimPrefix(PIRP_CONTEXT IrpContext, const QUERY_PATH_REQUEST_EX *Request, QUERY_PATH_RESPONSE *Response) {
+    UNICODE_STRING PathName = Request->PathName;
+    NtFsdDebugPrint(TRACE_CONTROL, 0, "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX called with Query Path \"%wZ\".\n", &PathName);
+    Response->LengthAccepted = 0;
+    const CLAIM_PATH Path = SplitName(&PathName);
+    for (const UNICODE_STRING &Refused : REFUSED_NAMES) {
+        if (RtlEqualUnicodeString(&Path.Name, &Refused, TRUE)) {
+            NtFsdDebugPrint(TRACE_CONTROL, 0,
+                            "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX matched request \"%wZ\" against \"%wZ\"; "
+                            "STATUS_BAD_NETWORK_NAME.\n",
+                            &PathName, &Refused);
+            return STATUS_BAD_NETWORK_NAME;
+        }
+    }
+    OwnedString Volume;
+    const NTSTATUS Status = NtFsdUpdateUnicodeString(Volume.Get(), &Path.Name);
+    if (!NT_SUCCESS(Status)) {
+        NtFsdDebugPrint(TRACE_CONTROL, 0,
+                        "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX failed to duplicate Query Path \"%wZ\"; status 0x%08X.\n",
+                        &PathName, Status);
+        return Status;
+    }
+    Volume->Length = Path.VolumeLength;
+    Volume->Buffer[Path.VolumeLength / sizeof(WCHAR)] = 0;
+
+    OwnedString VolumePath;
+    const RVSTATUS Result = NtFsdQueryPathForVolume(&IrpContext->SecurityContext, Volume->Buffer, VolumePath.Get());
+    NtFsdDebugPrint(TRACE_CONTROL, 0,
+                    "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX RVFsdQueryPathForVolume for \"%wZ\" from \"%wZ\" returned "
+                    "\"%wZ\"; status 0x%08X.\n",
+                    Volume.Get(), &PathName, VolumePath.Get(), static_cast<ULONG>(Result));
+    return DecideClaim({Path, *VolumePath.Get(), Result, Response});
+}
+
+NTSTATUS QueryPath(PIRP_CONTEXT IrpContext, PIRP Irp, PIO_STACK_LOCATION IrpSp) {
+    const ULONG InputLength = IrpSp->Parameters.DeviceIoControl.InputBufferLength;
+    const ULONG OutputLength = IrpSp->Parameters.DeviceIoControl.OutputBufferLength;
+    static_assert(sizeof(QUERY_PATH_REQUEST_EX) == 80 && sizeof(QUERY_PATH_RESPONSE) == 4);
+    const bool TooSmall = InputLength < sizeof(QUERY_PATH_REQUEST_EX) || OutputLength < sizeof(QUERY_PATH_RESPONSE);
+    if (TooSmall) {
+        NtFsdDebugPrint(TRACE_CONTROL, 0,
+                        "IOCTL_REDIR_QUERY_PATH_EX called with insufficient buffer size; input %u bytes, output %u "
+                        "bytes.\n",
+                        InputLength, OutputLength);
+    }
+    if (Irp->RequestorMode != KernelMode) {
+        NtFsdDebugPrint(TRACE_CONTROL, 0,
+                        "IOCTL_REDIR_QUERY_PATH_EX called as user-mode IOCTL; returning "
+                        "STATUS_INVALID_DEVICE_REQUEST.\n");
+        return STATUS_INVALID_DEVICE_REQUEST;
+    }
+    if (TooSmall) {
+        return STATUS_INVALID_PARAMETER;
+    }
+    return ClaimPrefix(IrpContext,
+                       static_cast<const QUERY_PATH_REQUEST_EX *>(IrpSp->Parameters.DeviceIoControl.Type3InputBuffer),
+                       static_cast<QUERY_PATH_RESPONSE *>(Irp->UserBuffer));
+}
+
+NTSTATUS Finish(PIRP_CONTEXT IrpContext, PIRP Irp, NTSTATUS Status) {
+    IoGetCurrentIrpStackLocation(Irp)->Control &= static_cast<UCHAR>(~SL_PENDING_RETURNED);
+    Irp->IoStatus.Status = Status;
+    Irp->IoStatus.Information = 0;
+    IofCompleteRequest(Irp, IO_NETWORK_INCREMENT);
+    NtFsdDeleteIrpContext(IrpContext);
+    NtFsdDebugPrint(TRACE_CONTROL, 0, "NtFsdCommonDeviceControl() returning 0x%x\n", Status);
+    return Status;
+}
+
+} // namespace
+
+NTSTATUS NtFsdCommonDeviceControl(PIRP_CONTEXT IrpContext, PIRP Irp) {
+    NtFsdDebugPrint(TRACE_CONTROL, 0, "NtFsdCommonDeviceControl() entered\n");
+    if (!NT_SUCCESS(NtFsdEnsureFrameworkBound())) {
+        NtFsdDebugPrint(TRACE_CONTROL, 0, "Unable to Initialize Orrery\n");
+        return Finish(IrpContext, Irp, STATUS_UNSUCCESSFUL);
+    }
+    const PIO_STACK_LOCATION IrpSp = IoGetCurrentIrpStackLocation(Irp);
+    switch (IrpSp->Parameters.DeviceIoControl.IoControlCode) {
+    case FSCTL_GET_COMPRESSION:
+    case FSCTL_SET_COMPRESSION:
+        return NtFsdPostRequest(IrpContext);
+    case IOCTL_REDIR_QUERY_PATH_EX:
+        return Finish(IrpContext, Irp, QueryPath(IrpContext, Irp, IrpSp));
+    default:
+        return Finish(IrpContext, Irp, STATUS_INVALID_DEVICE_REQUEST);
+    }
+}

@@ -1,0 +1,120 @@
+#include "control/our_device.h"
+
+#include "frame/diagnostics.h"
+#include "frame/locks.h"
+#include "frame/memory.h"
+#include "frame/resources.h"
+#include "names/fcb.h"
+
+DRIVER_GLOBAL ERESOURCE g_OurDeviceResource = {};
+
+namespace {
+
+// One per process that has the device open; in DriverFcb's InstanceList, under g_OurDeviceResource.
+struct PROCESS_RECORD {
+    ULONG NodeTypeCode; // an instance context's: FsContext2 holds either
+    PEPROCESS Process;
+    PFILE_OBJECT FileObject; // of the process's first open
+    LIST_ENTRY Links;
+    ULONG ProcessOpenCount;
+};
+
+PROCESS_RECORD *FindProcess(PEPROCESS Process) {
+    for (PLIST_ENTRY Link = DriverFcb->InstanceList.Flink; Link != &DriverFcb->InstanceList; Link = Link->Flink) {
+        const auto Record = CONTAINING_RECORD(Link, PROCESS_RECORD, Links);
+        if (Record->Process == Process) {
+            return Record;
+        }
+    }
+    return nullptr;
+}
+
+PROCESS_RECORD *AddProcess(PEPROCESS Process, PFILE_OBJECT FileObject) {
+    auto Record = static_cast<PROCESS_RECORD *>(TwAllocMemory(sizeof(PROCESS_RECORD)));
+    if (Record != nullptr) {
+        Record->NodeTypeCode = NODE_TYPE_INSTANCE;
+        Record->Process = Process;
+        Record->FileObject = FileObject;
+        Record->ProcessOpenCount = 1;
+        InsertTailList(&DriverFcb->InstanceList, &Record->Links);
+    }
+    return Record;
+}
+
+ULONG LowAddress(const void *Address) {
+    return LowPart(reinterpret_cast<ULONG_PTR>(Address));
+}
+
+} // namespace
+
+NTSTATUS NtFsdOpenOurDevice(PFILE_OBJECT FileObject) {
+    NtFsdDebugPrint(TRACE_CREATE, 0, "NtFsdOpenOurDevice() entering\n");
+    ResourceHold Hold;
+    if (!Hold.AcquireExclusive(&g_OurDeviceResource, TRUE)) {
+        NtFsdDebugPrint(TRACE_CREATE, 0, "NtOpenOurDevice() returning STATUS_SUCCESS\n");
+        return STATUS_SUCCESS;
+    }
+    const PEPROCESS Process = IoGetCurrentProcess();
+    PROCESS_RECORD *Record = FindProcess(Process);
+    if (Record != nullptr) {
+        ++Record->ProcessOpenCount;
+    } else {
+        Record = AddProcess(Process, FileObject);
+        if (Record == nullptr) {
+            Hold.Release();
+            NtFsdDebugPrint(TRACE_CREATE, 0, "NtFsdOpenOurDevice() Unable to allocate instance\n");
+            return STATUS_INSUFFICIENT_RESOURCES;
+        }
+    }
+    NtFsdDebugPrint(TRACE_CREATE, 0, "       Device opened by process: 0x%X.\n", LowAddress(Process));
+    NtFsdDebugPrint(TRACE_CREATE, 0, "       Instance count for this process: %d\n", Record->ProcessOpenCount);
+    FileObject->FsContext2 = Record;
+    FileObject->FsContext = DriverFcb;
+    FileObject->SectionObjectPointer = &DriverFcb->SectionObjectPointers;
+    ++DriverFcb->OpenCount;
+    NtFsdDebugPrint(TRACE_CREATE, 0, "       Instance count for driver FCB: %d\n", DriverFcb->OpenCount);
+    Hold.Release();
+    NtFsdDebugPrint(TRACE_CREATE, 0, "NtOpenOurDevice() returning STATUS_SUCCESS\n");
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS NtFsdCloseOurDevice(PFILE_OBJECT FileObject) {
+    NtFsdDebugPrint(TRACE_CLOSE, 0, "NtFsdCloseOurDevice() called\n");
+    ResourceHold Hold;
+    if (!Hold.AcquireExclusive(&g_OurDeviceResource, TRUE)) {
+        return STATUS_SUCCESS;
+    }
+    const auto Record = static_cast<PROCESS_RECORD *>(FileObject->FsContext2);
+    if (Record != nullptr) {
+        NtFsdDebugPrint(TRACE_CLOSE, 0, "       Device closed by process: 0x%X.\n", LowAddress(IoGetCurrentProcess()));
+        NtFsdDebugPrint(TRACE_CLOSE, 0, "       Instance count for this process: %d\n", Record->ProcessOpenCount);
+        if (--Record->ProcessOpenCount == 0) {
+            NtFsdDebugPrint(TRACE_CLOSE, 0, "Process termination, cleaning resources.\n");
+            RemoveEntryList(&Record->Links);
+            TwFreeMemory(Record);
+        }
+    }
+    NtFsdDebugPrint(TRACE_CLOSE, 0, "       Instance count for driver FCB: %d\n", DriverFcb->OpenCount);
+    --DriverFcb->OpenCount;
+    // The record is shared by the process's opens and may be gone: nothing may find it through this file object.
+    FileObject->FsContext = nullptr;
+    FileObject->FsContext2 = nullptr;
+    FileObject->SectionObjectPointer = nullptr;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS NtFsdUnInitOurDevice() {
+    NtFsdDebugPrint(TRACE_ERROR, 0, "NtFsdUnInitOurDevice() entering\n");
+    if (DriverFcb != nullptr) {
+        while (!IsListEmpty(&DriverFcb->InstanceList)) {
+            TwFreeMemory(CONTAINING_RECORD(RemoveHeadList(&DriverFcb->InstanceList), PROCESS_RECORD, Links));
+        }
+        ResourceHold Hold;
+        Hold.AcquireExclusive(&DriverFcb->Resource, TRUE);
+        NtFsdDeleteFcb(DriverFcb, Hold);
+        DriverFcb = nullptr;
+    }
+    NtFsdDeleteResource(DRIVER_RESOURCE_OUR_DEVICE);
+    NtFsdDebugPrint(TRACE_ERROR, 0, "NtFsdUnInitOurDevice() returning STATUS_SUCCESS\n");
+    return STATUS_SUCCESS;
+}

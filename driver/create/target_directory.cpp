@@ -1,0 +1,212 @@
+#include "create/create_state.h"
+
+#include "names/paths.h"
+#include "provider/binding.h"
+
+namespace {
+
+// A copy of the target's final name, in the framework's memory.
+class FinalName {
+public:
+    FinalName() = default;
+    FinalName(const FinalName &) = delete;
+    FinalName &operator=(const FinalName &) = delete;
+    ~FinalName() {
+        if (Text_ != nullptr) {
+            g_pRvplInterface->Table->Free(g_pRvplInterface, Text_);
+        }
+    }
+    // Copies the Units units at Text and terminates them; false when no memory can be had.
+    bool Copy(PCWSTR Text, ULONG Units) {
+        Bytes_ = Units * sizeof(WCHAR);
+        Text_ = static_cast<PWSTR>(g_pRvplInterface->Table->Allocate(g_pRvplInterface, AllocationBytes()));
+        if (Text_ == nullptr) {
+            return false;
+        }
+        memcpy(Text_, Text, Bytes_);
+        Text_[Units] = 0;
+        return true;
+    }
+    PCWSTR Text() const {
+        return Text_;
+    }
+    ULONG Bytes() const {
+        return Bytes_;
+    }
+    ULONG AllocationBytes() const {
+        return Bytes_ + sizeof(WCHAR);
+    }
+
+private:
+    PWSTR Text_ = nullptr;
+    ULONG Bytes_ = 0;
+};
+
+// Composes the target's full path, after the related file object has proven to be an open of a path of ours.
+NTSTATUS ComposeTargetPath(PFILE_OBJECT FileObject, PUNICODE_STRING Path) {
+    PFILE_OBJECT RelatedFileObject = FileObject->RelatedFileObject;
+    PCUNICODE_STRING Base = nullptr;
+    if (RelatedFileObject != nullptr) {
+        if (!NtFsdIsFcb(RelatedFileObject->FsContext) || RelatedFileObject->FsContext2 == nullptr) {
+            return STATUS_INVALID_HANDLE;
+        }
+        PFCB Related = static_cast<PFCB>(RelatedFileObject->FsContext);
+        if (Related->OpenType == OPEN_TYPE_DEVICE) {
+            return STATUS_NOT_A_DIRECTORY;
+        }
+        Base = NtFsdStablePath(Related);
+    }
+    ULONG AllocationBytes = 0;
+    const NTSTATUS Status = NtFsdComposePath(Base, &FileObject->FileName, Path, &AllocationBytes);
+    if (Status == STATUS_INSUFFICIENT_RESOURCES) {
+        NtFsdAlwaysPrint("[RVFSD] NtFsdOpenTargetDirectory alloc for %hu bytes failed.\n", AllocationBytes);
+    }
+    return Status;
+}
+
+void Shorten(PUNICODE_STRING Path, ULONG Units) {
+    Path->Length = static_cast<USHORT>(Units * sizeof(WCHAR));
+    Path->Buffer[Units] = 0;
+}
+
+// No component of the path may be empty, the last included, and no zero may stand in it: the Provider would see another
+// path than the one that was named.
+bool IsPathValid(PCUNICODE_STRING Path) {
+    const ULONG Units = Path->Length / sizeof(WCHAR);
+    for (ULONG Index = 0; Index < Units; ++Index) {
+        const WCHAR Next = Index + 1 < Units ? Path->Buffer[Index + 1] : SEPARATOR;
+        if (Path->Buffer[Index] == 0 || (Path->Buffer[Index] == SEPARATOR && Next == SEPARATOR)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// Takes the final name off Path, which then names the parent directory.
+NTSTATUS SplitFinalName(PUNICODE_STRING Path, FinalName &Name) {
+    const ULONG Units = Path->Length / sizeof(WCHAR);
+    ULONG NameStart = Units;
+    while (NameStart != 0 && Path->Buffer[NameStart - 1] != SEPARATOR) {
+        --NameStart;
+    }
+    if (!Name.Copy(Path->Buffer + NameStart, Units - NameStart)) {
+        NtFsdDebugPrint(TRACE_CREATE, 0,
+                        "[RVFSD] NtFsdOpenTargetDirectory alloc %u bytes for remaining path of \"%Z\" failed.\n",
+                        Name.AllocationBytes(), Path);
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    Shorten(Path, NameStart != 0 ? NameStart - 1 : 0);
+    return STATUS_SUCCESS;
+}
+
+// A new parent is a directory as far as anybody knows.
+void TypeNewParent(PIO_STACK_LOCATION IrpSp, PFCB Fcb) {
+    const auto &Parameters = IrpSp->Parameters.Create;
+    IoSetShareAccess(Parameters.SecurityContext->DesiredAccess, Parameters.ShareAccess, IrpSp->FileObject,
+                     &Fcb->ShareAccess);
+    Fcb->OpenType = OPEN_TYPE_DIRECTORY;
+    NtFsdDebugPrint(TRACE_CREATE, 0, "[RVFSD] NtFsdOpenTargetDirectory pFcb->OpenType is set to OPEN_TYPE_DIRECTORY\n");
+}
+
+// Leaves Name alone in the file object, cut at the room that its buffer has.
+void ReplaceFileName(PUNICODE_STRING FileName, const FinalName &Name) {
+    const ULONG Room = FileName->MaximumLength & ~1u;
+    const ULONG Bytes = Name.Bytes() < Room ? Name.Bytes() : Room;
+    FileName->Length = static_cast<USHORT>(Bytes);
+    if (Bytes != 0) {
+        memcpy(FileName->Buffer, Name.Text(), Bytes);
+    }
+    if (Bytes + sizeof(WCHAR) <= Room) {
+        FileName->Buffer[Bytes / sizeof(WCHAR)] = 0;
+    }
+}
+
+// Opens the parent at the Provider and returns the Information that tells whether the target exists. A parent that
+// cannot be opened leaves the instance without a directory handle.
+ULONG_PTR OpenParentHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, bool NewParent,
+                           NTSTATUS TargetStatus) {
+    PRV_SECURITY Security = &IrpContext->SecurityContext;
+    ProviderDirectory Directory(Security);
+    const RVSTATUS Result = RVFsdOpenDirectory(Security, Instance->RelatedHandle, Instance->PathLeft, Directory.Out());
+    NtFsdDebugPrint(TRACE_CREATE, 0,
+                    "NtFsdOpenTargetDirectory RVFsdOpenDirectory for (0x%p) \"%ws\" returned status 0x%08X.\n",
+                    reinterpret_cast<PVOID>(Instance->RelatedHandle), static_cast<PCWSTR>(Instance->PathLeft),
+                    static_cast<ULONG>(Result));
+    const NTSTATUS Status = OpenResult(Result, Directory.Get());
+    if (Status == STATUS_SUCCESS) {
+        Instance->DirHandle = Directory.Detach();
+        Instance->RelatedHandle = Instance->DirHandle;
+        return TargetStatus == STATUS_NO_SUCH_FILE ? FILE_DOES_NOT_EXIST : FILE_EXISTS;
+    }
+    if (Status != STATUS_NOT_A_DIRECTORY) {
+        return FILE_DOES_NOT_EXIST;
+    }
+    if (NewParent) {
+        // The parent is a file after all, and must not stand in the way of opens that know it.
+        Fcb->OpenType = OPEN_TYPE_FILE;
+        NtFsdInitializeFcbFileLock(Fcb);
+    }
+    return FILE_EXISTS;
+}
+
+} // namespace
+
+NTSTATUS NtFsdOpenTargetDirectory(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp, PFCB *Fcb,
+                                  PINSTANCE_CONTEXT *Instance, PULONG_PTR Information, ResourceHold &Hold) {
+    PFILE_OBJECT FileObject = IrpSp->FileObject;
+    OwnedString Path;
+    NTSTATUS Status = ComposeTargetPath(FileObject, Path.Get());
+    if (Status != STATUS_SUCCESS) {
+        return Status;
+    }
+    const ULONG Units = Path->Length / sizeof(WCHAR);
+    const bool TrailingSlash = Units != 0 && Path->Buffer[Units - 1] == SEPARATOR;
+    if (TrailingSlash) {
+        Shorten(Path.Get(), Units - 1);
+    }
+    if (!IsPathValid(Path.Get())) {
+        return STATUS_OBJECT_NAME_INVALID;
+    }
+
+    NTSTATUS TargetStatus = STATUS_SUCCESS;
+    Status = NtFsdVerifyFile(IrpContext, Path->Buffer, Path->Length, &TargetStatus);
+    if (Status == STATUS_OBJECT_PATH_NOT_FOUND) {
+        NtFsdDebugPrint(TRACE_CREATE, 0,
+                        "NtFsdOpenTargetDirectory NtFsdVerifyFile for full path \"%wZ\" returned "
+                        "STATUS_OBJECT_PATH_NOT_FOUND (0x%08X).\n",
+                        Path.Get(), static_cast<ULONG>(Status));
+        return Status;
+    }
+    FinalName Name;
+    Status = SplitFinalName(Path.Get(), Name);
+    if (Status != STATUS_SUCCESS) {
+        return Status;
+    }
+
+    PFCB ParentFcb = nullptr;
+    PINSTANCE_CONTEXT ParentInstance = nullptr;
+    ULONG OpenCount = 0;
+    ULONG EntryType = ENTRY_TYPE_UNKNOWN;
+    Status = NtFsdOpenFcb(IrpContext, nullptr, Path.Get(), &ParentFcb, &ParentInstance, &OpenCount, &EntryType, Hold);
+    if (Status != STATUS_SUCCESS) {
+        NtFsdDebugPrint(TRACE_CREATE, 0,
+                        "[RVFSD] NtFsdOpenTargetDirectory NtFsdOpenFcb for (0x%p) \"%Z\" returned status 0x%08X.\n",
+                        Path.Get(), Path.Get(), static_cast<ULONG>(Status));
+        return Status;
+    }
+    *Fcb = ParentFcb;
+    *Instance = ParentInstance;
+    ParentInstance->TargetMissing = TargetStatus == STATUS_NO_SUCH_FILE;
+    ParentInstance->TrailingSlash = TrailingSlash;
+    // Failing creates that are still leaving the FCB neither typed it nor claimed a share of it.
+    const bool NewParent = OpenCount < 2 || ParentFcb->OpenType == OPEN_TYPE_UNKNOWN;
+    if (NewParent) {
+        TypeNewParent(IrpSp, ParentFcb);
+    }
+    if (ParentInstance->PathLeft[0] != 0) {
+        ParentFcb->VolumeResolved = 0; // only a volume root stays resolved; listings tell them apart by it
+    }
+    ReplaceFileName(&FileObject->FileName, Name);
+    *Information = OpenParentHandle(IrpContext, ParentFcb, ParentInstance, NewParent, TargetStatus);
+    return STATUS_SUCCESS;
+}

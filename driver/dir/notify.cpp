@@ -1,0 +1,123 @@
+#include "dir/notify.h"
+
+#include "frame/diagnostics.h"
+#include "frame/driver.h"
+
+namespace {
+
+NOTIFY_ENTRY *EntryOf(PLIST_ENTRY Links) {
+    return CONTAINING_RECORD(Links, NOTIFY_ENTRY, Links);
+}
+
+// Moves the requests that asked for names of files to Batch; the others go on waiting.
+void TakeFileNameWaiters(PFCB Parent, PLIST_ENTRY Batch) {
+    for (PLIST_ENTRY Links = Parent->NotifyList.Flink; Links != &Parent->NotifyList;) {
+        NOTIFY_ENTRY *Entry = EntryOf(Links);
+        Links = Links->Flink;
+        if (Entry->CompletionFilter & FILE_NOTIFY_CHANGE_FILE_NAME) {
+            RemoveEntryList(&Entry->Links);
+            InsertTailList(Batch, &Entry->Links);
+        }
+    }
+}
+
+void CompleteChanged(PLIST_ENTRY Batch) {
+    while (!IsListEmpty(Batch)) {
+        const PoolPointer<NOTIFY_ENTRY> Entry(EntryOf(RemoveHeadList(Batch)));
+        const PIRP Irp = Entry->Irp;
+        Entry->IrpContext->Information = 0;
+        NtFsdDebugPrint(TRACE_NOTIFY, 0, "Complete Irp: 0x%p\n", Irp);
+        Ignore(NtFsdCompleteRequest(Entry->IrpContext, Irp, STATUS_NOTIFY_ENUM_DIR), "it is the waiter's");
+        NtFsdDebugPrint(TRACE_NOTIFY, 0, "Remove IRP from List: 0x%p\n", Irp);
+    }
+}
+
+// Takes the waiters of the open directory whose path is exactly ParentPath. FcbTableResource held.
+void TakeWaitersOf(PUNICODE_STRING ParentPath, PLIST_ENTRY Batch) {
+    UNICODE_STRING Remaining;
+    const PFCB Parent = NtFsdFindFcb(ParentPath, &Remaining);
+    if (Parent == nullptr || Remaining.Length != 0) {
+        return;
+    }
+    NtFsdDebugPrint(TRACE_NOTIFY, 0, "Found Parent FCB 0x%p\n", Parent);
+    ResourceHold Hold;
+    if (Hold.AcquireExclusive(&Parent->Resource, TRUE)) {
+        TakeFileNameWaiters(Parent, Batch);
+    }
+}
+
+NTSTATUS ReportToParent(PFCB Fcb, ResourceHold &Hold) {
+    OwnedString Parent;
+    const NTSTATUS Status = NtFsdGetParentName(&Fcb->FullPath, Parent.Get());
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
+    NtFsdDebugPrint(TRACE_NOTIFY, 0, "Lookup Parent \"%wZ\"\n", Parent.Get());
+
+    // The table comes before any FCB in the lock order. The caller's open keeps the FCB meanwhile.
+    Hold.Release();
+    LIST_ENTRY Batch;
+    InitializeListHead(&Batch);
+    {
+        ResourceHold Table;
+        Table.AcquireExclusive(&FcbTableResource, TRUE);
+        Hold.AcquireExclusive(&Fcb->Resource, TRUE);
+        TakeWaitersOf(Parent.Get(), &Batch);
+    }
+    // A completed waiter may ask again at once, or close the directory: neither may find its lock held here.
+    CompleteChanged(&Batch);
+    return STATUS_SUCCESS;
+}
+
+} // namespace
+
+NTSTATUS NtFsdNotifyChange(PIRP_CONTEXT, PFCB Fcb, ULONG, ResourceHold &Hold) {
+    NtFsdDebugPrint(TRACE_NOTIFY, 0, "NtFsdNotifyChange Called FCB = 0x%p\n", Fcb);
+    if (!g_bEnableDirectoryNotify) {
+        return STATUS_SUCCESS;
+    }
+    const NTSTATUS Status = ReportToParent(Fcb, Hold);
+    NtFsdDebugPrint(TRACE_NOTIFY, 0, "NtFsdNotifyChange returns 0x%X\n", Status);
+    return Status;
+}
+
+NTSTATUS NtFsdGetParentName(PCUNICODE_STRING Name, PUNICODE_STRING Parent) {
+    constexpr ULONG SHORTEST = 6; // \s\v\n
+    if (NtFsdCountPathComponents(Name) < 3 || Name->Length / sizeof(WCHAR) < SHORTEST) {
+        return STATUS_OBJECT_PATH_INVALID;
+    }
+    ULONG End = Name->Length / sizeof(WCHAR);
+    while (End > 0 && Name->Buffer[End - 1] == SEPARATOR) {
+        --End;
+    }
+    while (End > 0 && Name->Buffer[End - 1] != SEPARATOR) {
+        --End;
+    }
+    if (End <= 1) {
+        return STATUS_OBJECT_PATH_INVALID; // no separator, or nothing before it
+    }
+    UNICODE_STRING Front = *Name;
+    Front.Length = static_cast<USHORT>((End - 1) * sizeof(WCHAR));
+    return NtFsdUpdateUnicodeString(Parent, &Front);
+}
+
+VOID NtFsdTakeNotifyList(PFCB Fcb, PLIST_ENTRY Batch) {
+    while (!IsListEmpty(&Fcb->NotifyList)) {
+        InsertTailList(Batch, RemoveHeadList(&Fcb->NotifyList));
+    }
+}
+
+VOID NtFsdCompleteNotifyBatch(PLIST_ENTRY Batch, NTSTATUS Status) {
+    while (!IsListEmpty(Batch)) {
+        const PoolPointer<NOTIFY_ENTRY> Entry(EntryOf(RemoveHeadList(Batch)));
+        NtFsdDebugPrint(TRACE_NOTIFY, 0, "Cleanup Irp: 0x%p\n", Entry->Irp);
+        Ignore(NtFsdCompleteRequest(Entry->IrpContext, Entry->Irp, Status), "it is the waiter's");
+    }
+}
+
+VOID NtFsdCompleteNotifyList(PFCB Fcb, NTSTATUS Status) {
+    LIST_ENTRY Batch;
+    InitializeListHead(&Batch);
+    NtFsdTakeNotifyList(Fcb, &Batch);
+    NtFsdCompleteNotifyBatch(&Batch, Status);
+}

@@ -1,0 +1,161 @@
+#include "frame/irp_context.h"
+
+#include "frame/diagnostics.h"
+#include "frame/driver.h"
+#include "frame/entry.h"
+#include "frame/memory.h"
+#include "provider/binding.h"
+
+DRIVER_GLOBAL NPAGED_LOOKASIDE_LIST g_IrpContextLookasideList = {};
+
+void NtFsdFillIrpContext(PIRP_CONTEXT Context, PIRP Irp, BOOLEAN Wait, ULONG Flags) {
+    RtlZeroMemory(Context, sizeof(IRP_CONTEXT));
+    Context->NodeByteSize = sizeof(IRP_CONTEXT);
+    Context->Irp = Irp;
+    Context->NodeTypeCode = NODE_TYPE_IRP_CONTEXT;
+    Context->Flags = Flags;
+    if (Irp != nullptr) {
+        const PIO_STACK_LOCATION IrpSp = IoGetCurrentIrpStackLocation(Irp);
+        Context->MajorFunction = IrpSp->MajorFunction;
+        Context->MinorFunction = IrpSp->MinorFunction;
+        Context->FileObject = IrpSp->FileObject;
+    }
+    if (!g_bEnableAsyncIo || Wait) {
+        Context->Flags |= IRP_CONTEXT_FLAG_WAIT;
+        NtFsdDebugPrint(TRACE_ASYNC, 0, "IRP %p is synchronous\n", Irp);
+    }
+    if (Irp != nullptr && IoGetTopLevelIrp() != Irp) {
+        Context->Flags |= IRP_CONTEXT_FLAG_RECURSIVE_CALL;
+    }
+    if (g_pSecurityContextInterface != nullptr) {
+        g_pSecurityContextInterface->Table->GetCallerContext(g_pSecurityContextInterface, &Context->SecurityContext);
+    }
+    Context->SecurityContextLength = 8;
+    Context->OriginatingProcess = IoGetCurrentProcess();
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "IRP Context Size = %ld\n", static_cast<LONG>(sizeof(IRP_CONTEXT)));
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "Security Context = 0x%I64X\n", Context->SecurityContext.Words[0]);
+}
+
+PIRP_CONTEXT NtFsdCreateIrpContext(PIRP Irp, BOOLEAN Wait) {
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdCreateIrpContext() entered\n");
+    ULONG Flags = 0;
+    auto Context = static_cast<PIRP_CONTEXT>(ExAllocateFromNPagedLookasideList(&g_IrpContextLookasideList));
+    if (Context == nullptr) {
+        Context = static_cast<PIRP_CONTEXT>(TwAllocBuffer(sizeof(IRP_CONTEXT)));
+        Flags = IRP_CONTEXT_FLAG_FROM_POOL;
+        if (Context == nullptr) {
+            NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdCreateIrpContext() unable to allocate IrpContext\n");
+            return nullptr;
+        }
+    }
+    NtFsdFillIrpContext(Context, Irp, Wait, Flags);
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdCreateIrpContext() returning IrpContext\n");
+    return Context;
+}
+
+VOID NtFsdDeleteIrpContext(PIRP_CONTEXT IrpContext) {
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdDeleteIrpContext() entering\n");
+    if (IrpContext->Flags & IRP_CONTEXT_FLAG_FROM_POOL) {
+        ExFreePoolWithTag(IrpContext, 0);
+    } else if (!(IrpContext->Flags & IRP_CONTEXT_FLAG_IN_FRAME)) {
+        ExFreeToNPagedLookasideList(&g_IrpContextLookasideList, IrpContext);
+    }
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdDeleteIrpContext() returning\n");
+}
+
+namespace {
+
+constexpr PCSTR MajorFunctionNames[] = {
+    "IRP_MJ_CREATE",
+    "IRP_MJ_CREATE_NAMED_PIPE",
+    "IRP_MJ_CLOSE",
+    "IRP_MJ_READ",
+    "IRP_MJ_WRITE",
+    "IRP_MJ_QUERY_INFORMATION",
+    "IRP_MJ_SET_INFORMATION",
+    "IRP_MJ_QUERY_EA",
+    "IRP_MJ_SET_EA",
+    "IRP_MJ_FLUSH_BUFFERS",
+    "IRP_MJ_QUERY_VOLUME_INFORMATION",
+    "IRP_MJ_SET_VOLUME_INFORMATION",
+    "IRP_MJ_DIRECTORY_CONTROL",
+    "IRP_MJ_FILE_SYSTEM_CONTROL",
+    "IRP_MJ_DEVICE_CONTROL",
+    "IRP_MJ_INTERNAL_DEVICE_CONTROL",
+    "IRP_MJ_SHUTDOWN",
+    "IRP_MJ_LOCK_CONTROL",
+    "IRP_MJ_CLEANUP",
+    "IRP_MJ_CREATE_MAILSLOT",
+    "IRP_MJ_QUERY_SECURITY",
+    "IRP_MJ_SET_SECURITY",
+    "IRP_MJ_POWER",
+    "IRP_MJ_SYSTEM_CONTROL",
+    "IRP_MJ_DEVICE_CHANGE",
+    "IRP_MJ_QUERY_QUOTA",
+    "IRP_MJ_SET_QUOTA",
+    "IRP_MJ_PNP",
+};
+static_assert(RTL_NUMBER_OF(MajorFunctionNames) == IRP_MJ_MAXIMUM_FUNCTION + 1);
+
+PCSTR MajorFunctionName(UCHAR MajorFunction) {
+    return MajorFunction < RTL_NUMBER_OF(MajorFunctionNames) ? MajorFunctionNames[MajorFunction] : "";
+}
+
+NTSTATUS FinalStatus(PIRP_CONTEXT IrpContext, NTSTATUS Status) {
+    if (IrpContext != nullptr && (IrpContext->Flags & IRP_CONTEXT_FLAG_ANSWER_CANCELLED)) {
+        return STATUS_CANCELLED;
+    }
+    return Status == STATUS_PENDING ? STATUS_UNSUCCESSFUL : Status;
+}
+
+} // namespace
+
+NTSTATUS NtFsdCompleteRequest(PIRP_CONTEXT IrpContext, PIRP Irp, NTSTATUS Status) {
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdCompleteRequest() entered\n");
+    const NTSTATUS Final = FinalStatus(IrpContext, Status);
+    if (Irp != nullptr) {
+        // Whatever cancel routine is running for this IRP has left when the lock has been ours.
+        KIRQL Irql;
+        IoAcquireCancelSpinLock(&Irql);
+        IoReleaseCancelSpinLock(Irql);
+        Irp->IoStatus.Information = IrpContext != nullptr ? IrpContext->Information : 0;
+        Irp->IoStatus.Status = Final;
+        if (IrpContext != nullptr) {
+            NtFsdDebugPrint(TRACE_ERROR, 0, "Function = %s -  IRP Status = 0x%X, Information = 0x%X\n",
+                            MajorFunctionName(IrpContext->MajorFunction), Final, LowPart(IrpContext->Information));
+        }
+        IofCompleteRequest(Irp, 1);
+    } else {
+        NtFsdDebugPrint(TRACE_ERROR, 0, "*** Complete IRP No IRP Specified IRP = 0x%X :: Context = 0x%X****\n", 0,
+                        LowPart(reinterpret_cast<ULONG_PTR>(IrpContext)));
+    }
+    if (IrpContext != nullptr) {
+        NtFsdDeleteIrpContext(IrpContext);
+    }
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdCompleteRequest() returning VOID\n");
+    return Final;
+}
+
+BOOLEAN NtFsdIsIrpTopLevel(PIRP Irp) {
+    if (IoGetTopLevelIrp() != nullptr) {
+        return FALSE;
+    }
+    IoSetTopLevelIrp(Irp);
+    return TRUE;
+}
+
+NTSTATUS NtFsdPostRequest(PIRP_CONTEXT IrpContext) {
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "TwFsdPostRequest called!\n");
+    NtFsdDebugPrint(TRACE_ASYNC, 0, "IRP %p Went Async\n", IrpContext->Irp);
+    if (IrpContext->Irp == nullptr) {
+        NtFsdDebugPrint(TRACE_GENERAL, 0, "[RVFSD-%p] NtFsdPostRequest for pIoContext 0x%p, but IRP is NULL.\n",
+                        KeGetCurrentThread(), IrpContext);
+        return STATUS_UNSUCCESSFUL;
+    }
+    // The request runs here and now, with waiting allowed, so that it is never posted a second time. Its outcome is in
+    // the IRP; the caller learns that it was pending, as from a request that another thread finishes.
+    IoMarkIrpPending(IrpContext->Irp);
+    IrpContext->Flags |= IRP_CONTEXT_FLAG_WAIT;
+    Ignore(NtFsdRunCommonRoutine(IrpContext), "the completed IRP carries it");
+    return STATUS_PENDING;
+}

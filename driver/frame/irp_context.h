@@ -1,0 +1,123 @@
+// The IrpContext: the record that carries one request from its entry routine to its completion.
+//
+// Records come from a lookaside list, from pool when the list yields nothing. The common routine that is given a
+// context completes the request (NtFsdCompleteRequest) or posts it; after either the context and the IRP are gone for
+// it.
+#pragma once
+
+#include "provider/provider_interface.h"
+
+enum IRP_CONTEXT_FLAGS : ULONG {
+    IRP_CONTEXT_FLAG_FROM_POOL = 0x1, // freed to pool, never enters the list
+    IRP_CONTEXT_FLAG_WAIT = 0x2,      // the request may block
+    IRP_CONTEXT_FLAG_WRITE_THROUGH = 0x4,
+    IRP_CONTEXT_FLAG_RECURSIVE_CALL = 0x10, // the IRP is not the thread's top-level IRP
+    IRP_CONTEXT_FLAG_DEFERRED_WRITE = 0x40,
+    IRP_CONTEXT_FLAG_VERIFY_READ = 0x80,
+    IRP_CONTEXT_STACK_IO_CONTEXT = 0x100,
+    IRP_CONTEXT_FLAG_IN_FSP = 0x200,
+    IRP_CONTEXT_FLAG_USER_IO = 0x400,
+    IRP_CONTEXT_FLAG_FCB_ACQUIRED = 0x4000,
+    IRP_CONTEXT_FLAG_LOCK_COMPLETION_POSTED = 0x8000,
+    IRP_CONTEXT_FLAG_FCB_RELEASED = 0x10000,
+    IRP_CONTEXT_FLAG_ANSWER_CANCELLED = 0x40000000, // a cancelled cleanup or close: done, and answered STATUS_CANCELLED
+    // The record lives in the frame of its entry routine: for cleanup and close, which may not fail for want of memory.
+    IRP_CONTEXT_FLAG_IN_FRAME = 0x20000000,
+};
+
+enum USER_BUFFER_FLAGS : ULONG {
+    USER_BUFFER_MDL_ALLOCATED = 0x1, // the driver allocated the IRP's MDL
+    USER_BUFFER_PAGES_LOCKED = 0x2,  // the driver locked the MDL's pages
+};
+
+inline constexpr USHORT NODE_TYPE_IRP_CONTEXT = 0x7700;
+
+struct IRP_CONTEXT {
+    USHORT NodeTypeCode;
+    SHORT NodeByteSize;
+    PIRP Irp; // NULL for a context made for an internal operation
+    UCHAR MajorFunction;
+    UCHAR MinorFunction;
+    ULONG Flags;
+    RV_SECURITY_CONTEXT SecurityContext; // its address is the first argument of every Provider operation
+    ULONG SecurityContextLength;
+    PEPROCESS OriginatingProcess;
+    LARGE_INTEGER LockLength;
+    PFILE_OBJECT FileObject;
+    ULONG_PTR Information; // completion stores it into the IRP
+    ULONG UserBufferFlags;
+    UCHAR Reserved[80];
+
+    BOOLEAN MayWait() const {
+        return static_cast<BOOLEAN>((Flags >> 1) & 1);
+    }
+};
+typedef IRP_CONTEXT *PIRP_CONTEXT;
+
+static_assert(sizeof(IRP_CONTEXT) == 168);
+static_assert(offsetof(IRP_CONTEXT, NodeByteSize) == 2 && offsetof(IRP_CONTEXT, Irp) == 8);
+static_assert(offsetof(IRP_CONTEXT, MajorFunction) == 16 && offsetof(IRP_CONTEXT, MinorFunction) == 17);
+static_assert(offsetof(IRP_CONTEXT, Flags) == 20 && offsetof(IRP_CONTEXT, SecurityContext) == 24);
+static_assert(offsetof(IRP_CONTEXT, SecurityContextLength) == 40 && offsetof(IRP_CONTEXT, OriginatingProcess) == 48);
+static_assert(offsetof(IRP_CONTEXT, LockLength) == 56 && offsetof(IRP_CONTEXT, FileObject) == 64);
+static_assert(offsetof(IRP_CONTEXT, Information) == 72 && offsetof(IRP_CONTEXT, UserBufferFlags) == 80);
+
+extern NPAGED_LOOKASIDE_LIST g_IrpContextLookasideList;
+
+// Makes the context of Irp (which may be NULL). Wait says whether the request may block; it is set regardless while
+// asynchronous I/O is off. Returns NULL when no memory can be had. The framework must be bound.
+PIRP_CONTEXT NtFsdCreateIrpContext(PIRP Irp, BOOLEAN Wait);
+
+// Fills Context, which the caller provides (zeroed or not), as NtFsdCreateIrpContext would. Flags are the initial
+// flags.
+void NtFsdFillIrpContext(PIRP_CONTEXT Context, PIRP Irp, BOOLEAN Wait, ULONG Flags);
+
+VOID NtFsdDeleteIrpContext(PIRP_CONTEXT IrpContext);
+
+// Completes Irp with Status and the context's Information (priority boost 1) and deletes the context. Either may be
+// NULL. A final status of STATUS_PENDING becomes STATUS_UNSUCCESSFUL: a finished request cannot be pending. Returns the
+// status that the request was completed with; neither argument may be touched afterwards.
+NTSTATUS NtFsdCompleteRequest(PIRP_CONTEXT IrpContext, PIRP Irp, NTSTATUS Status);
+
+// Makes Irp the thread's top-level IRP and returns TRUE when there is none; the caller resets it.
+BOOLEAN NtFsdIsIrpTopLevel(PIRP Irp);
+
+// Runs the request of IrpContext with waiting allowed, for a routine that could not have a resource without waiting.
+// Marks the IRP pending, completes it through its common routine and returns STATUS_PENDING; STATUS_UNSUCCESSFUL when
+// the context has no IRP. The caller returns the result as its own and touches neither context nor IRP again.
+NTSTATUS NtFsdPostRequest(PIRP_CONTEXT IrpContext);
+
+// ---- User buffers ------------------------------------------------------------------------------------------------
+
+// A system address of the IRP's data buffer: through its MDL, or the user buffer itself when there is no MDL. NULL when
+// the MDL cannot be mapped: the caller completes with STATUS_INSUFFICIENT_RESOURCES.
+PVOID NtFsdMapUserBuffer(PIRP_CONTEXT IrpContext);
+
+// Gives the IRP an MDL over its user buffer of Length bytes with locked pages. Operation is IoWriteAccess when the
+// driver will write into the buffer. Returns STATUS_INSUFFICIENT_RESOURCES or the code of the exception that the probe
+// raised.
+NTSTATUS NtFsdLockUserBuffer(PIRP_CONTEXT IrpContext, LOCK_OPERATION Operation, ULONG Length);
+
+// Undoes what NtFsdLockUserBuffer did, by UserBufferFlags. An MDL that came with the IRP is left alone.
+VOID NtFsdUnlockUserBuffer(PIRP_CONTEXT IrpContext);
+
+// A locked user buffer, undone when the scope ends (which must be before the request is completed).
+class [[nodiscard]] UserBufferLock {
+public:
+    explicit UserBufferLock(PIRP_CONTEXT IrpContext) : IrpContext_(IrpContext) {
+    }
+    UserBufferLock(const UserBufferLock &) = delete;
+    UserBufferLock &operator=(const UserBufferLock &) = delete;
+    ~UserBufferLock() {
+        Undo();
+    }
+    void Undo() {
+        if (IrpContext_ != nullptr) {
+            NtFsdUnlockUserBuffer(IrpContext_);
+            IrpContext_ = nullptr;
+        }
+    }
+
+private:
+    PIRP_CONTEXT IrpContext_;
+};

@@ -1,0 +1,75 @@
+// The general allocator and its owners.
+#pragma once
+
+#include "kernel/kernel.h"
+
+inline constexpr ULONG POOL_TAG_GENERAL = 0x53465652;  // "RVFS"
+inline constexpr ULONG POOL_TAG_REGISTRY = 0x53465754; // "TWFS"
+inline constexpr ULONG POOL_TAG_LOG = 0x474F4C52;      // "RLOG"
+
+// Non-paged pool, tag "RVFS", zero-filled. NULL on failure. The caller owns the block.
+PVOID TwAllocMemory(SIZE_T Size);
+
+// The same without the zeros, for buffers that are written before they are read.
+PVOID TwAllocBuffer(SIZE_T Size);
+
+// Frees a block of the general allocator; NULL is ignored.
+VOID TwFreeMemory(PVOID Pointer);
+
+// Owns one block of the general allocator.
+template <typename T>
+class PoolPointer {
+public:
+    PoolPointer() = default;
+    explicit PoolPointer(T *Pointer) : Pointer_(Pointer) {
+    }
+    PoolPointer(const PoolPointer &) = delete;
+    PoolPointer &operator=(const PoolPointer &) = delete;
+    ~PoolPointer() {
+        TwFreeMemory(Pointer_);
+    }
+    T *Get() const {
+        return Pointer_;
+    }
+    T *operator->() const {
+        return Pointer_;
+    }
+    explicit operator bool() const {
+        return Pointer_ != nullptr;
+    }
+    // Hands the block on; the new owner frees it.
+    [[nodiscard]] T *Detach() {
+        T *Pointer = Pointer_;
+        Pointer_ = nullptr;
+        return Pointer;
+    }
+
+private:
+    T *Pointer_ = nullptr;
+};
+
+// Runs Action when the scope ends, unless dropped.
+template <typename F>
+class [[nodiscard]] ScopeExit {
+public:
+    explicit ScopeExit(F Action) : Action_(Action) {
+    }
+    ScopeExit(const ScopeExit &) = delete;
+    ScopeExit &operator=(const ScopeExit &) = delete;
+    ~ScopeExit() {
+        if (Armed_) {
+            Action_();
+        }
+    }
+    void Drop() {
+        Armed_ = false;
+    }
+
+private:
+    F Action_;
+    bool Armed_ = true;
+};
+
+// Drops a status by name, with the reason in the source.
+inline void Ignore(NTSTATUS, PCSTR) {
+}

@@ -1,0 +1,20 @@
+// Data transfers, locks and flushes of open files.
+#pragma once
+
+#include "names/fcb.h"
+
+// Each completes the request and returns its status, or posts it and returns STATUS_PENDING.
+NTSTATUS NtFsdCommonRead(PIRP_CONTEXT IrpContext);
+NTSTATUS NtFsdCommonWrite(PIRP_CONTEXT IrpContext);
+NTSTATUS NtFsdCommonLockControl(PIRP_CONTEXT IrpContext);
+NTSTATUS NtFsdCommonFlush(PIRP_CONTEXT IrpContext);
+
+// Moves the FCB's three sizes after a transfer or a size change: grows to Offset + Length, or sets exactly Offset when
+// Length is 0. The caller holds the FCB's Resource, exclusive when ExclusiveHeld; a shared hold may be dropped and
+// retaken. Always STATUS_SUCCESS.
+NTSTATUS RvFsdUpdateFCBFileSize(PFCB Fcb, BOOLEAN ExclusiveHeld, LONG64 Offset, ULONG64 Length);
+
+// The completion routine of the FCB's FileLock: tells the Provider, completes the IRP.
+NTSTATUS NTAPI TwLockCompleteRoutine(PVOID Context, PIRP Irp);
+// The same after taking the FCB's Resource.
+NTSTATUS TwLockCompleteRoutineWithAcquire(PIRP_CONTEXT IrpContext);

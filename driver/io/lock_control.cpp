@@ -1,0 +1,362 @@
+// Byte-range locks: the run-time library decides locally, then the server is told.
+//
+// A lock that may wait must not hold the FCB's Resource while it waits: it gives the Resource up before the library
+// decides, and the server is told later under a new hold. Everything else holds the Resource from the decision to the
+// end, and the completion routine, which the library calls in the same thread, releases it:
+//
+//     unlock, or lock that fails at once     common (hold) -> library -> completion routine (server, release, complete)
+//     lock that may wait, decided at once    common -> library -> completion routine (returns) -> common: hold, server,
+//     ... lock that waits                        common returns pending; the thread that makes room -> library ->
+//     completion
+//                                            routine (posts) -> later: hold, server, release, complete
+//
+// While the library decides, the request's IRP is the thread's top-level IRP: that is how the completion routine tells
+// the request's own thread from the thread of another request.
+
+#include "frame/diagnostics.h"
+#include "frame/driver.h"
+#include "frame/status_translation.h"
+#include "io/io.h"
+#include "io/lock_grants.h"
+#include "provider/provider_calls.h"
+
+namespace {
+
+constexpr ULONG DEBUG_COMPONENT = 77;
+
+struct LOCKED_RANGE {
+    LARGE_INTEGER Offset;
+    LARGE_INTEGER Length;
+};
+
+// The ranges that an unlock-all gives back, noted before the library forgets them.
+struct LOCKED_RANGES {
+    ULONG Count;
+    LOCKED_RANGE Ranges[1];
+};
+
+PFCB FcbOf(PIRP_CONTEXT IrpContext) {
+    return static_cast<PFCB>(IrpContext->FileObject->FsContext);
+}
+
+PINSTANCE_CONTEXT InstanceOf(PIRP_CONTEXT IrpContext) {
+    return static_cast<PINSTANCE_CONTEXT>(IrpContext->FileObject->FsContext2);
+}
+
+// A slot of the IRP that is the driver's while it has the IRP. The ranges live in the frame of the common routine.
+PVOID &RangesSlot(PIRP Irp) {
+    return Irp->Tail.Overlay.DriverContext[0];
+}
+
+// ---- The server's side --------------------------------------------------------------------------------------------
+
+NTSTATUS UnlockAtServer(PIRP_CONTEXT IrpContext, LARGE_INTEGER Offset, LARGE_INTEGER Length) {
+    NtFsdDebugPrint(TRACE_LOCK, 0, "   Calling RVFsdUnlockFile...\n");
+    if (!NtFsdIsServerRange(Offset, Length)) {
+        return STATUS_SUCCESS;
+    }
+    return NtFsdTranslateResult(RVFsdUnlockFile(&IrpContext->SecurityContext, InstanceOf(IrpContext)->FileHandle,
+                                                static_cast<ULONG64>(Offset.QuadPart),
+                                                static_cast<ULONG64>(Length.QuadPart)));
+}
+
+NTSTATUS UnlockRangesAtServer(PIRP_CONTEXT IrpContext, const LOCKED_RANGES *Ranges) {
+    NTSTATUS Status = STATUS_SUCCESS;
+    for (ULONG Index = 0; Ranges != nullptr && Index < Ranges->Count; ++Index) {
+        Status = UnlockAtServer(IrpContext, Ranges->Ranges[Index].Offset, Ranges->Ranges[Index].Length);
+    }
+    return Status;
+}
+
+NTSTATUS LockAtServer(PIRP_CONTEXT IrpContext, const IO_STACK_LOCATION *IrpSp) {
+    NtFsdDebugPrint(TRACE_LOCK, 0, "   Calling RVFsdLockFile...\n");
+    const LARGE_INTEGER Offset = IrpSp->Parameters.LockControl.ByteOffset;
+    if (!NtFsdIsServerRange(Offset, IrpContext->LockLength)) {
+        return STATUS_SUCCESS;
+    }
+    const NTSTATUS Status = NtFsdTranslateResult(RVFsdLockFile(
+        &IrpContext->SecurityContext, InstanceOf(IrpContext)->FileHandle, (IrpSp->Flags & SL_EXCLUSIVE_LOCK) != 0,
+        static_cast<ULONG64>(Offset.QuadPart), static_cast<ULONG64>(IrpContext->LockLength.QuadPart)));
+    return Status == STATUS_PENDING ? STATUS_UNSUCCESSFUL : Status;
+}
+
+// Removes the local lock of a request that the library believes granted. For a request that kept the FCB the library
+// does so itself, when the completion routine fails it.
+VOID TakeLocalLockBack(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp) {
+    if (IrpContext->Flags & IRP_CONTEXT_FLAG_FCB_RELEASED) {
+        Ignore(FsRtlFastUnlockSingle(&FcbOf(IrpContext)->FileLock, IrpContext->FileObject,
+                                     &IrpSp->Parameters.LockControl.ByteOffset, &IrpContext->LockLength,
+                                     IoGetRequestorProcess(IrpContext->Irp), IrpSp->Parameters.LockControl.Key, nullptr,
+                                     FALSE),
+               "a cleanup may have removed it");
+    }
+}
+
+NTSTATUS FinishLock(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp) {
+    // Granted after the handle's cleanup: nobody would ever give it back.
+    if (IrpContext->FileObject->Flags & FO_CLEANUP_COMPLETE) {
+        TakeLocalLockBack(IrpContext, IrpSp);
+        return STATUS_CANCELLED;
+    }
+    const NTSTATUS Status = LockAtServer(IrpContext, IrpSp);
+    if (!NT_SUCCESS(Status) && (IrpContext->Flags & IRP_CONTEXT_FLAG_FCB_RELEASED)) {
+        TakeLocalLockBack(IrpContext, IrpSp);
+        DbgPrintEx(DEBUG_COMPONENT, 0, "Releasing the lcok due to server faile. Status 0x%x\n", Status);
+    }
+    return Status;
+}
+
+NTSTATUS TellServer(PIRP_CONTEXT IrpContext, PIRP Irp) {
+    if (!NT_SUCCESS(Irp->IoStatus.Status)) {
+        NtFsdDebugPrint(TRACE_LOCK, 0, "   Lock/unlock failed. Returning...\n");
+        return Irp->IoStatus.Status;
+    }
+    const PIO_STACK_LOCATION IrpSp = IoGetCurrentIrpStackLocation(Irp);
+    switch (IrpContext->MinorFunction) {
+    case IRP_MN_LOCK:
+        return FinishLock(IrpContext, IrpSp);
+    case IRP_MN_UNLOCK_SINGLE:
+        return UnlockAtServer(IrpContext, IrpSp->Parameters.LockControl.ByteOffset, IrpContext->LockLength);
+    case IRP_MN_UNLOCK_ALL:
+    case IRP_MN_UNLOCK_ALL_BY_KEY:
+        return UnlockRangesAtServer(IrpContext, static_cast<const LOCKED_RANGES *>(RangesSlot(Irp)));
+    default:
+        return STATUS_INVALID_PARAMETER;
+    }
+}
+
+// ---- Completion in a thread that does not hold the FCB
+// ----------------------------------------------------------------
+
+NTSTATUS PostCompletion(PIRP_CONTEXT IrpContext) {
+    NtFsdDebugPrint(TRACE_LOCK, 0, "   Not top level Irp. Post it.\n");
+    IrpContext->Flags |= IRP_CONTEXT_FLAG_LOCK_COMPLETION_POSTED;
+    return NtFsdPostRequest(IrpContext);
+}
+
+// The grants list of an unlock of this thread, or NULL. Only the exclusive owner may look.
+PLIST_ENTRY GrantsOfThisThread(PFCB Fcb) {
+    return ExIsResourceAcquiredExclusiveLite(&Fcb->Resource) ? Fcb->LockGrants : nullptr;
+}
+
+// A waiting lock was granted or ended by somebody else's request.
+NTSTATUS CompleteWaiter(PIRP_CONTEXT IrpContext, PIRP Irp) {
+    if (!NT_SUCCESS(Irp->IoStatus.Status)) {
+        // No lock, nothing to tell the server: this may be a canceller's thread, which must not be made to wait.
+        NtFsdDebugPrint(TRACE_LOCK, 0, "   Lock/unlock failed. Returning...\n");
+        return NtFsdCompleteRequest(IrpContext, Irp, Irp->IoStatus.Status);
+    }
+    if (NtFsdIsStopped()) {
+        // The failure makes the library take the lock back.
+        return NtFsdCompleteRequest(IrpContext, Irp, STATUS_CANCELLED);
+    }
+    const PLIST_ENTRY Grants = GrantsOfThisThread(FcbOf(IrpContext));
+    if (Grants == nullptr) {
+        return PostCompletion(IrpContext);
+    }
+    Irp->Tail.Overlay.DriverContext[0] = IrpContext;
+    InsertTailList(Grants, &Irp->Tail.Overlay.ListEntry);
+    return STATUS_PENDING;
+}
+
+// ---- The common routine
+// -----------------------------------------------------------------------------------------------
+
+// Notes this handle's locks (of an unlock by key: those with the key), which the library is about to remove.
+// STATUS_INSUFFICIENT_RESOURCES when they cannot be noted. Resource held exclusive.
+class NotedRanges {
+public:
+    explicit NotedRanges(PIRP_CONTEXT IrpContext) : IrpContext_(IrpContext) {
+    }
+    NotedRanges(const NotedRanges &) = delete;
+    NotedRanges &operator=(const NotedRanges &) = delete;
+    ~NotedRanges() {
+        TwFreeMemory(Ranges_);
+    }
+
+    NTSTATUS Note() {
+        const ULONG Capacity = Walk(0);
+        if (Capacity == 0) {
+            return STATUS_SUCCESS;
+        }
+        Ranges_ = static_cast<LOCKED_RANGES *>(
+            TwAllocMemory(FIELD_OFFSET(LOCKED_RANGES, Ranges) + SIZE_T{Capacity} * sizeof(LOCKED_RANGE)));
+        if (Ranges_ == nullptr) {
+            return STATUS_INSUFFICIENT_RESOURCES;
+        }
+        Walk(Capacity);
+        return STATUS_SUCCESS;
+    }
+    LOCKED_RANGES *Get() const {
+        return Ranges_;
+    }
+
+private:
+    bool IsMine(const FILE_LOCK_INFO &Lock) const {
+        return Lock.FileObject == IrpContext_->FileObject &&
+               Lock.ProcessId == IoGetRequestorProcess(IrpContext_->Irp) &&
+               (IrpContext_->MinorFunction != IRP_MN_UNLOCK_ALL_BY_KEY ||
+                Lock.Key == IoGetCurrentIrpStackLocation(IrpContext_->Irp)->Parameters.LockControl.Key);
+    }
+    // Counts the locks and notes the first Capacity of them.
+    ULONG Walk(ULONG Capacity) {
+        PFILE_LOCK FileLock = &FcbOf(IrpContext_)->FileLock;
+        ULONG Count = 0;
+        for (auto Lock = FsRtlGetNextFileLock(FileLock, TRUE); Lock != nullptr;
+             Lock = FsRtlGetNextFileLock(FileLock, FALSE)) {
+            if (!IsMine(*Lock)) {
+                continue;
+            }
+            if (Count < Capacity) {
+                Ranges_->Ranges[Count] = {Lock->StartingByte, Lock->Length};
+                Ranges_->Count = Count + 1;
+            }
+            ++Count;
+        }
+        return Count;
+    }
+
+    PIRP_CONTEXT IrpContext_;
+    LOCKED_RANGES *Ranges_ = nullptr;
+};
+
+// A lock that may wait: the FCB is not held while the library decides.
+NTSTATUS LockMayWait(PIRP_CONTEXT IrpContext, ResourceHold &Hold) {
+    const PIRP Irp = IrpContext->Irp;
+    const PFCB Fcb = FcbOf(IrpContext);
+    NtFsdDebugPrint(TRACE_LOCK, 0, "Lock command but not fail immediately. Releasing FCB\n");
+    Hold.Release();
+    IrpContext->Flags |= IRP_CONTEXT_FLAG_FCB_RELEASED;
+
+    const PIRP TopLevel = IoGetTopLevelIrp();
+    IoSetTopLevelIrp(Irp);
+    const NTSTATUS Status = FsRtlProcessFileLock(&Fcb->FileLock, Irp, IrpContext);
+    IoSetTopLevelIrp(TopLevel);
+    if (Status == STATUS_PENDING) {
+        return STATUS_PENDING; // it waits, or has waited: context and IRP are somebody else's
+    }
+    if (TopLevel != Irp) {
+        // A nested request: its thread may hold other locks and must not wait for this FCB.
+        return PostCompletion(IrpContext);
+    }
+    if (NT_SUCCESS(Irp->IoStatus.Status)) {
+        NtFsdDebugPrint(TRACE_LOCK, 0, "Lock successful, and Fcb not aquired. Complete it.\n");
+    }
+    return TwLockCompleteRoutineWithAcquire(IrpContext);
+}
+
+// An unlock, or a lock that fails at once. The library calls the completion routine in this thread, which ends the
+// hold.
+NTSTATUS DecideHeld(PIRP_CONTEXT IrpContext, ResourceHold &Hold) {
+    const PIRP Irp = IrpContext->Irp;
+    const PFCB Fcb = FcbOf(IrpContext);
+    NotedRanges Ranges(IrpContext);
+    if (IrpContext->MinorFunction == IRP_MN_UNLOCK_ALL || IrpContext->MinorFunction == IRP_MN_UNLOCK_ALL_BY_KEY) {
+        const NTSTATUS Status = Ranges.Note();
+        if (!NT_SUCCESS(Status)) {
+            Hold.Release();
+            return NtFsdCompleteRequest(IrpContext, Irp, Status);
+        }
+    }
+    RangesSlot(Irp) = Ranges.Get();
+    LIST_ENTRY Grants;
+    NtFsdCollectLockGrants(Fcb, &Grants);
+    IrpContext->Flags |= IRP_CONTEXT_FLAG_FCB_ACQUIRED;
+    Hold.Detach();
+    const NTSTATUS Status = FsRtlProcessFileLock(&Fcb->FileLock, Irp, IrpContext);
+    NtFsdPostLockGrants(&Grants);
+    return Status;
+}
+
+} // namespace
+
+VOID NtFsdCollectLockGrants(PFCB Fcb, PLIST_ENTRY Grants) {
+    InitializeListHead(Grants);
+    Fcb->LockGrants = Grants;
+}
+
+VOID NtFsdStopCollectingLockGrants(PFCB Fcb) {
+    Fcb->LockGrants = nullptr;
+}
+
+VOID NtFsdPostLockGrants(PLIST_ENTRY Grants) {
+    while (!IsListEmpty(Grants)) {
+        const PIRP Irp = CONTAINING_RECORD(RemoveHeadList(Grants), IRP, Tail.Overlay.ListEntry);
+        const auto IrpContext = static_cast<PIRP_CONTEXT>(Irp->Tail.Overlay.DriverContext[0]);
+        Ignore(PostCompletion(IrpContext), "the IRP carries it");
+    }
+}
+
+NTSTATUS NtFsdCommonLockControl(PIRP_CONTEXT IrpContext) {
+    if (IrpContext->Flags & IRP_CONTEXT_FLAG_LOCK_COMPLETION_POSTED) {
+        IrpContext->Flags &= ~static_cast<ULONG>(IRP_CONTEXT_FLAG_LOCK_COMPLETION_POSTED);
+        return TwLockCompleteRoutineWithAcquire(IrpContext);
+    }
+    const PIRP Irp = IrpContext->Irp;
+    const PIO_STACK_LOCATION IrpSp = IoGetCurrentIrpStackLocation(Irp);
+    PLARGE_INTEGER *Length = &IrpSp->Parameters.LockControl.Length;
+    IrpContext->LockLength.QuadPart = *Length != nullptr ? (*Length)->QuadPart : 0;
+    *Length = &IrpContext->LockLength;
+
+    ResourceHold Hold;
+    if (!Hold.AcquireExclusive(&FcbOf(IrpContext)->Resource, IrpContext->MayWait())) {
+        NtFsdDebugPrint(TRACE_LOCK, 0, "Unable to acquire pFcb resource. Posting...\n");
+        return NtFsdPostRequest(IrpContext);
+    }
+    switch (IrpContext->MinorFunction) {
+    case IRP_MN_LOCK:
+        InstanceOf(IrpContext)->LockKey = IrpSp->Parameters.LockControl.Key;
+        return (IrpSp->Flags & SL_FAIL_IMMEDIATELY) ? DecideHeld(IrpContext, Hold) : LockMayWait(IrpContext, Hold);
+    case IRP_MN_UNLOCK_SINGLE:
+        IrpSp->Parameters.LockControl.Key = InstanceOf(IrpContext)->LockKey;
+        return DecideHeld(IrpContext, Hold);
+    case IRP_MN_UNLOCK_ALL:
+    case IRP_MN_UNLOCK_ALL_BY_KEY:
+        return DecideHeld(IrpContext, Hold);
+    default:
+        Hold.Release();
+        return NtFsdCompleteRequest(IrpContext, Irp, STATUS_INVALID_PARAMETER);
+    }
+}
+
+NTSTATUS NTAPI TwLockCompleteRoutine(PVOID Context, PIRP Irp) {
+    const auto IrpContext = static_cast<PIRP_CONTEXT>(Context);
+    NtFsdDebugPrint(TRACE_LOCK, 0, "   TwLockCompleteRoutine\n");
+    if (!(IrpContext->Flags & IRP_CONTEXT_FLAG_FCB_ACQUIRED)) {
+        if (IoGetTopLevelIrp() != Irp) {
+            return CompleteWaiter(IrpContext, Irp);
+        }
+        NtFsdDebugPrint(TRACE_LOCK, 0, "   Fcb not acquired. Returning...\n");
+        return STATUS_SUCCESS;
+    }
+    const PFCB Fcb = FcbOf(IrpContext);
+    ResourceHold Hold;
+    Hold.Adopt(&Fcb->Resource);
+    const PIO_STACK_LOCATION IrpSp = IoGetCurrentIrpStackLocation(Irp);
+    NtFsdDebugPrint(TRACE_LOCK, 0, "   Minor function    : %d\n", IrpContext->MinorFunction);
+    NtFsdDebugPrint(TRACE_LOCK, 0, "   Byte offset       : %d\n", IrpSp->Parameters.LockControl.ByteOffset.LowPart);
+    NtFsdDebugPrint(TRACE_LOCK, 0, "   Lock length       : %d\n", IrpContext->LockLength.LowPart);
+    NtFsdDebugPrint(TRACE_LOCK, 0, "   IoStatus          : 0x%X\n", Irp->IoStatus.Status);
+    NtFsdDebugPrint(TRACE_LOCK, 0, "   IoInformation     : %X\n", LowPart(Irp->IoStatus.Information));
+
+    const NTSTATUS Status = TellServer(IrpContext, Irp);
+    NtFsdDebugPrint(TRACE_LOCK, 0, "   Releasing Fcb resource...\n");
+    NtFsdStopCollectingLockGrants(Fcb);
+    Hold.Release();
+    return NtFsdCompleteRequest(IrpContext, Irp, Status);
+}
+
+NTSTATUS TwLockCompleteRoutineWithAcquire(PIRP_CONTEXT IrpContext) {
+    NtFsdDebugPrint(TRACE_LOCK, 0, "TwLockCompleteRoutineWithAcquire, pIrp=0x%X\n",
+                    LowPart(reinterpret_cast<ULONG_PTR>(IrpContext->Irp)));
+    const PFCB Fcb = FcbOf(IrpContext);
+    ResourceHold Hold;
+    Hold.AcquireExclusive(&Fcb->Resource, TRUE);
+    IrpContext->Flags |= IRP_CONTEXT_FLAG_FCB_ACQUIRED;
+    LIST_ENTRY Grants;
+    NtFsdCollectLockGrants(Fcb, &Grants);
+    Hold.Detach();
+    const NTSTATUS Status = TwLockCompleteRoutine(IrpContext, IrpContext->Irp);
+    NtFsdPostLockGrants(&Grants);
+    return Status;
+}

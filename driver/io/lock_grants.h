@@ -1,0 +1,22 @@
+// Waiting locks that an unlock grants.
+//
+// The run-time library grants a waiting lock in the middle of the unlock that made room for it, before the server has
+// heard of the unlock. Told of the new lock then, the server would refuse it. So whoever unlocks collects the grants,
+// and lets them complete when its own calls are made and the FCB's Resource is released.
+#pragma once
+
+#include "names/fcb.h"
+
+// Grants on Fcb made by this thread go to Grants, which is made empty. Resource held exclusive.
+VOID NtFsdCollectLockGrants(PFCB Fcb, PLIST_ENTRY Grants);
+
+// Ends the collecting; Grants keeps what it has. Resource still held.
+VOID NtFsdStopCollectingLockGrants(PFCB Fcb);
+
+// Posts the completions of the collected grants. Called with no hold of the FCB; the FCB itself is not touched.
+VOID NtFsdPostLockGrants(PLIST_ENTRY Grants);
+
+// TRUE when the server knows the range: an empty one at offset 0 is kept locally only.
+inline bool NtFsdIsServerRange(LARGE_INTEGER Offset, LARGE_INTEGER Length) {
+    return Offset.QuadPart != 0 || Length.QuadPart != 0;
+}

@@ -1,0 +1,61 @@
+#include "names/fcb.h"
+
+namespace {
+
+// Guards Borrowers and BorrowLinks of all instances. A leaf; nothing is called under it.
+DRIVER_GLOBAL KSPIN_LOCK BorrowLock = 0;
+
+void Unlink(PINSTANCE_CONTEXT Borrower) {
+    RemoveEntryList(&Borrower->BorrowLinks);
+    InitializeListHead(&Borrower->BorrowLinks);
+}
+
+PINSTANCE_CONTEXT FirstBorrower(PINSTANCE_CONTEXT Lender) {
+    const SpinLockHold Hold(&BorrowLock);
+    return IsListEmpty(&Lender->Borrowers) ? nullptr
+                                           : CONTAINING_RECORD(Lender->Borrowers.Flink, INSTANCE_CONTEXT, BorrowLinks);
+}
+
+} // namespace
+
+RVHANDLE NtFsdHandleToLend(PINSTANCE_CONTEXT Instance) {
+    const RVHANDLE Directory = __atomic_load_n(&Instance->DirHandle, __ATOMIC_RELAXED);
+    if (Directory != 0) {
+        return Directory;
+    }
+    const PWSTR PathLeft = __atomic_load_n(&Instance->PathLeft, __ATOMIC_RELAXED);
+    return *PathLeft == 0 ? Instance->VolumeHandle : 0;
+}
+
+VOID NtFsdBorrowFrom(PINSTANCE_CONTEXT Lender, PINSTANCE_CONTEXT Borrower) {
+    const SpinLockHold Hold(&BorrowLock);
+    InsertTailList(&Lender->Borrowers, &Borrower->BorrowLinks);
+}
+
+VOID NtFsdEndBorrowing(PINSTANCE_CONTEXT Instance) {
+    const SpinLockHold Hold(&BorrowLock);
+    Unlink(Instance);
+    // Only an open that outlived teardown still has borrowers here; there are no handles left that they could use.
+    while (!IsListEmpty(&Instance->Borrowers)) {
+        Unlink(CONTAINING_RECORD(Instance->Borrowers.Flink, INSTANCE_CONTEXT, BorrowLinks));
+    }
+}
+
+VOID NtFsdNameByFullPath(PINSTANCE_CONTEXT Instance) {
+    if (Instance->DirHandle == 0) {
+        Instance->RelatedHandle = 0;
+    }
+    Instance->BaseHandle = 0;
+    __atomic_store_n(&Instance->PathLeft, Instance->Fcb->FullPath.Buffer, __ATOMIC_RELAXED);
+}
+
+VOID NtFsdRebaseBorrowers(PINSTANCE_CONTEXT Lender) {
+    // Instances and FCBs are freed under FcbTableResource only, which the caller holds: what the list shows stays.
+    for (PINSTANCE_CONTEXT Borrower = FirstBorrower(Lender); Borrower != nullptr; Borrower = FirstBorrower(Lender)) {
+        ResourceHold Hold;
+        Hold.AcquireExclusive(&Borrower->Fcb->Resource, TRUE);
+        NtFsdNameByFullPath(Borrower);
+        const SpinLockHold List(&BorrowLock);
+        Unlink(Borrower);
+    }
+}

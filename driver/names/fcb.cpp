@@ -1,0 +1,152 @@
+#include "names/fcb.h"
+
+#include "dir/notify.h"
+#include "frame/diagnostics.h"
+#include "io/io.h"
+
+DRIVER_GLOBAL UNICODE_PREFIX_TABLE FcbPrefixTable = {};
+DRIVER_GLOBAL ULONG FcbPrefixCount = 0;
+DRIVER_GLOBAL ERESOURCE FcbTableResource = {};
+DRIVER_GLOBAL LIST_ENTRY FcbList = {};
+DRIVER_GLOBAL ULONG FcbCount = 0;
+DRIVER_GLOBAL ERESOURCE FcbListResource = {};
+DRIVER_GLOBAL PFCB DriverFcb = nullptr;
+
+namespace {
+
+void SetUpHeader(PFCB Fcb) {
+    Fcb->Header.NodeTypeCode = NODE_TYPE_FCB_HEADER;
+    Fcb->Header.NodeByteSize = sizeof(FSRTL_ADVANCED_FCB_HEADER);
+    static_assert(sizeof(FSRTL_ADVANCED_FCB_HEADER) == 0x58);
+    Fcb->Header.Resource = &Fcb->Resource;
+    Fcb->Header.PagingIoResource = &Fcb->PagingIoResource;
+
+    Fcb->HeaderMutex.Count = 1;
+    Fcb->HeaderMutex.Owner = nullptr;
+    Fcb->HeaderMutex.Contention = 0;
+    KeInitializeEvent(&Fcb->HeaderMutex.Event, SynchronizationEvent, FALSE);
+
+    Fcb->Header.Flags |= FSRTL_FLAG_ADVANCED_HEADER;
+    Fcb->Header.Flags2 |= FSRTL_FLAG2_SUPPORTS_FILTER_CONTEXTS;
+    Fcb->Header.Version = FSRTL_FCB_HEADER_V1;
+    InitializeListHead(&Fcb->Header.FilterContexts);
+    Fcb->Header.FastMutex = &Fcb->HeaderMutex;
+    Fcb->Header.PushLock = 0;
+    Fcb->Header.FileContextSupportPointer = nullptr;
+}
+
+bool InitializeResources(PFCB Fcb) {
+    NTSTATUS Status = ExInitializeResourceLite(&Fcb->Resource);
+    if (!NT_SUCCESS(Status)) {
+        NtFsdAlwaysPrint("[RVFSD] NtFsdAllocFcb ExInitializeResourceLite for Resource returned 0x%08X.\n", Status);
+        return false;
+    }
+    Status = ExInitializeResourceLite(&Fcb->PagingIoResource);
+    if (!NT_SUCCESS(Status)) {
+        NtFsdAlwaysPrint("[RVFSD] NtFsdAllocFcb ExInitializeResourceLite for PagingIoResource returned 0x%08X.\n",
+                         Status);
+        Ignore(ExDeleteResourceLite(&Fcb->Resource), "it was just set up");
+        return false;
+    }
+    return true;
+}
+
+void AddToList(PFCB Fcb) {
+    ResourceHold List;
+    List.AcquireExclusive(&FcbListResource, TRUE);
+    ++FcbCount;
+    InsertTailList(&FcbList, &Fcb->FcbLinks);
+}
+
+void RemoveFromList(PFCB Fcb) {
+    ResourceHold List;
+    List.AcquireExclusive(&FcbListResource, TRUE);
+    RemoveEntryList(&Fcb->FcbLinks);
+    if (FcbCount != 0) {
+        --FcbCount;
+    }
+}
+
+} // namespace
+
+PFCB NtFsdAllocFcb(PFILE_OBJECT FileObject, PCUNICODE_STRING Path) {
+    auto Fcb = static_cast<PFCB>(TwAllocMemory(sizeof(FCB)));
+    if (Fcb == nullptr) {
+        NtFsdAlwaysPrint("[RVFSD] NtFsdAllocFcbAndPathMemory alloc for %u bytes failed.\n",
+                         static_cast<ULONG>(sizeof(FCB)));
+        return nullptr;
+    }
+    Fcb->CurrentPath = &Fcb->FirstPath;
+    if (Path != nullptr && !NT_SUCCESS(NtFsdUpdateUnicodeString(&Fcb->FirstPath.Path, Path))) {
+        NtFsdFreeFcbMemory(Fcb);
+        return nullptr;
+    }
+    Fcb->FullPath = Fcb->FirstPath.Path;
+    Fcb->NodeTypeCode = NODE_TYPE_FCB;
+    SetUpHeader(Fcb);
+    if (!InitializeResources(Fcb)) {
+        NtFsdFreeFcbMemory(Fcb);
+        return nullptr;
+    }
+    // Only an FCB that will live may be pointed to.
+    if (FileObject != nullptr) {
+        FileObject->SectionObjectPointer = &Fcb->SectionObjectPointers;
+    }
+    Fcb->PrefixState = PREFIX_STATE_NEVER_INSERTED;
+    InitializeListHead(&Fcb->InstanceList);
+    InitializeListHead(&Fcb->NotifyList);
+    Fcb->Header.IsFastIoPossible = FastIoIsNotPossible;
+    FsRtlNotifyInitializeSync(&Fcb->NotifySync);
+    AddToList(Fcb);
+    return Fcb;
+}
+
+VOID NtFsdFreeFcbMemory(PFCB Fcb) {
+    if (Fcb == nullptr) {
+        return;
+    }
+    for (PATH_RECORD *Record = Fcb->CurrentPath; Record != nullptr;) {
+        PATH_RECORD *Older = Record->Older;
+        NtFsdFreeUnicodeString(&Record->Path);
+        if (Record != &Fcb->FirstPath) {
+            TwFreeMemory(Record);
+        }
+        Record = Older;
+    }
+    ExFreePoolWithTag(Fcb, 0);
+}
+
+VOID NtFsdInitializeFcbFileLock(PFCB Fcb) {
+    if (!Fcb->FileLockInitialized) {
+        Fcb->FileLockInitialized = TRUE;
+        FsRtlInitializeFileLock(&Fcb->FileLock, TwLockCompleteRoutine, nullptr);
+    }
+}
+
+VOID NtFsdDeleteFcb(PFCB Fcb, ResourceHold &Hold) {
+    NtFsdCompleteNotifyList(Fcb, STATUS_CANCELLED);
+    if (Fcb->OpenType != OPEN_TYPE_DEVICE && Fcb->FullPath.Buffer != nullptr &&
+        (Fcb->OpenFlags & FCB_STATE_IN_PREFIX_TABLE)) {
+        Fcb->OpenFlags &= ~static_cast<ULONG>(FCB_STATE_IN_PREFIX_TABLE);
+        if (Fcb->PrefixState != PREFIX_STATE_NEVER_INSERTED) {
+            RtlRemoveUnicodePrefix(&FcbPrefixTable, &Fcb->PrefixEntry);
+            --FcbPrefixCount;
+        }
+    }
+    if (Fcb->Header.PagingIoResource != nullptr) {
+        Ignore(ExDeleteResourceLite(Fcb->Header.PagingIoResource), "nobody ever takes it");
+        Fcb->Header.PagingIoResource = nullptr;
+    }
+    if (Fcb->Header.Resource != nullptr) {
+        Hold.Release();
+        Ignore(ExDeleteResourceLite(Fcb->Header.Resource), "this was its last holder");
+        Fcb->Header.Resource = nullptr;
+    }
+    if (Fcb->FileLockInitialized) {
+        FsRtlUninitializeFileLock(&Fcb->FileLock);
+    }
+    FsRtlTeardownPerStreamContexts(&Fcb->Header);
+    RemoveFromList(Fcb);
+    FsRtlNotifyUninitializeSync(&Fcb->NotifySync);
+    NtFsdFreeFcbMemory(Fcb);
+}

@@ -1,0 +1,197 @@
+#include "frame/diagnostics.h"
+#include "names/fcb.h"
+
+namespace {
+
+// Puts Fcb into the prefix table under its FullPath. FALSE when the path is there already.
+bool InsertPrefix(PFCB Fcb) {
+    // The table accepts names that differ only in case; two FCBs may not.
+    UNICODE_STRING Remaining;
+    if (NtFsdFindFcb(&Fcb->FullPath, &Remaining) != nullptr && Remaining.Length == 0) {
+        return false;
+    }
+    if (!RtlInsertUnicodePrefix(&FcbPrefixTable, &Fcb->CurrentPath->Path, &Fcb->PrefixEntry)) {
+        return false;
+    }
+    ++FcbPrefixCount;
+    Fcb->OpenFlags |= FCB_STATE_IN_PREFIX_TABLE;
+    Fcb->PrefixState = PREFIX_STATE_INSERTED;
+    return true;
+}
+
+void RemovePrefix(PFCB Fcb) {
+    if (Fcb->OpenFlags & FCB_STATE_IN_PREFIX_TABLE) {
+        Fcb->OpenFlags &= ~static_cast<ULONG>(FCB_STATE_IN_PREFIX_TABLE);
+        if (Fcb->PrefixState != PREFIX_STATE_NEVER_INSERTED) {
+            RtlRemoveUnicodePrefix(&FcbPrefixTable, &Fcb->PrefixEntry);
+            --FcbPrefixCount;
+        }
+    }
+}
+
+UNICODE_STRING Rest(PUNICODE_STRING Path, USHORT Bytes) {
+    UNICODE_STRING Remaining = {static_cast<USHORT>(Path->Length - Bytes), 0, Path->Buffer + Bytes / sizeof(WCHAR)};
+    if (Remaining.Length != 0 && Remaining.Buffer[0] == SEPARATOR) {
+        Remaining.Length -= sizeof(WCHAR);
+        ++Remaining.Buffer;
+    }
+    return Remaining;
+}
+
+void TraceFind(PUNICODE_STRING Path, PFCB Fcb) {
+    const WideText Sought = {Path->Buffer, Path->Length / 2u};
+    NtFsdDebugPrint(TRACE_FCB, 0, "   Trying to find : %ls\n", Sought);
+    if (Fcb != nullptr) {
+        NtFsdDebugPrint(TRACE_FCB, 0, "   Found          : %ls\n", static_cast<PCWSTR>(Fcb->FullPath.Buffer));
+    } else {
+        NtFsdDebugPrint(TRACE_FCB, 0, "   Didn't find it.\n");
+    }
+    NtFsdDebugPrint(TRACE_FCB, 0, "   Current # entries in table: %u\n", FcbPrefixCount);
+}
+
+} // namespace
+
+PFCB NtFsdFindFcb(PUNICODE_STRING Path, PUNICODE_STRING Remaining) {
+    const PUNICODE_PREFIX_TABLE_ENTRY Entry = RtlFindUnicodePrefix(&FcbPrefixTable, Path, 0);
+    PFCB Fcb = nullptr;
+    if (Entry == nullptr) {
+        *Remaining = *Path;
+    } else {
+        Fcb = CONTAINING_RECORD(Entry, FCB, PrefixEntry);
+        if (Entry->Prefix->Length < Path->Length) {
+            *Remaining = Rest(Path, Entry->Prefix->Length);
+        } else if (RtlEqualUnicodeString(Entry->Prefix, Path, TRUE)) {
+            *Remaining = {0, 0, Path->Buffer};
+        } else {
+            *Remaining = *Path;
+        }
+    }
+    Remaining->MaximumLength = Remaining->Length;
+    if (TraceWanted(TRACE_FCB)) {
+        TraceFind(Path, Fcb);
+    }
+    return Fcb;
+}
+
+namespace {
+
+// A new FCB for Path, not yet in the table, its Resource not yet held.
+NTSTATUS AllocateForOpen(PIRP_CONTEXT IrpContext, PUNICODE_STRING Path, PUNICODE_STRING Remaining, PFCB *Fcb) {
+    const WideText Rest = {Remaining->Buffer, Remaining->Length / 2u};
+    NtFsdDebugPrint(TRACE_FCB, 0, "   Didn't find the prefix entry.\n");
+    NtFsdDebugPrint(TRACE_FCB, 0, "   Remaining Path = %ws.\n", Rest);
+    NtFsdDebugPrint(TRACE_FCB, 0, "   Remaining Len  = %d.\n", static_cast<ULONG>(Remaining->Length));
+    NtFsdDebugPrint(TRACE_FCB, 0, "   Allocating new FCB\n");
+    *Fcb = NtFsdAllocFcb(IrpContext->FileObject, Path);
+    if (*Fcb == nullptr) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    (*Fcb)->OpenType = OPEN_TYPE_UNKNOWN;
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS OpenOrCreateLocked(PIRP_CONTEXT IrpContext, PUNICODE_STRING Path, PFCB *Fcb, BOOLEAN *Created,
+                            ResourceHold &Hold) {
+    UNICODE_STRING Remaining;
+    PFCB Found = NtFsdFindFcb(Path, &Remaining);
+    if (Found != nullptr && Remaining.Length == 0) {
+        NtFsdDebugPrint(TRACE_FCB, 0, "   Found an existing prefix entry.\n");
+        *Created = FALSE;
+    } else {
+        const NTSTATUS Status = AllocateForOpen(IrpContext, Path, &Remaining, &Found);
+        if (!NT_SUCCESS(Status)) {
+            return Status;
+        }
+        *Created = TRUE;
+    }
+    Hold.AcquireExclusive(&Found->Resource, TRUE);
+    ++Found->OpenCount;
+    if (*Created && !InsertPrefix(Found)) {
+        NtFsdDebugPrint(TRACE_FCB, 0, "Failed inserting an FCB into the prefix table!\n");
+        if (IrpContext->FileObject != nullptr) {
+            IrpContext->FileObject->SectionObjectPointer = nullptr;
+        }
+        NtFsdDeleteFcb(Found, Hold);
+        return STATUS_UNSUCCESSFUL;
+    }
+    *Fcb = Found;
+    return STATUS_SUCCESS;
+}
+
+} // namespace
+
+NTSTATUS NtFsdOpenOrCreateFcb(PIRP_CONTEXT IrpContext, PUNICODE_STRING Path, PFCB *Fcb, BOOLEAN *Created,
+                              ResourceHold &Hold) {
+    *Fcb = nullptr;
+    *Created = FALSE;
+    ResourceHold Table;
+    if (!Table.AcquireExclusive(&FcbTableResource, TRUE)) {
+        return STATUS_CANT_WAIT;
+    }
+    const NTSTATUS Status = OpenOrCreateLocked(IrpContext, Path, Fcb, Created, Hold);
+    // The dump walks the whole table: only when somebody reads it.
+    if (TraceWanted(TRACE_PREFIX_DUMP)) {
+        NtFsdDumpPrefixTable();
+    }
+    return Status;
+}
+
+namespace {
+
+// Every open of Fcb names itself by the whole new path: the handles that its PathLeft was relative to belong to the old
+// one. A directory's own handle stays what names below the open are relative to.
+void RepointInstances(PFCB Fcb) {
+    for (PLIST_ENTRY Link = Fcb->InstanceList.Flink; Link != &Fcb->InstanceList; Link = Link->Flink) {
+        const auto Instance = CONTAINING_RECORD(Link, INSTANCE_CONTEXT, Links);
+        NtFsdNameByFullPath(Instance);
+    }
+}
+
+} // namespace
+
+NTSTATUS NtFsdRenameFcb(PFCB Fcb, PUNICODE_STRING NewPath, ResourceHold &Hold) {
+    // The record comes first: when there is no memory nothing has changed. It is always a new one, for the old path may
+    // be in use by readers without the Resource.
+    PoolPointer<PATH_RECORD> Record(static_cast<PATH_RECORD *>(TwAllocMemory(sizeof(PATH_RECORD))));
+    if (!Record) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    const NTSTATUS Status = NtFsdUpdateUnicodeString(&Record->Path, NewPath);
+    if (!NT_SUCCESS(Status)) {
+        return Status; // the string is empty
+    }
+    Hold.Release();
+    ResourceHold Table;
+    Table.AcquireExclusive(&FcbTableResource, TRUE);
+    Hold.AcquireExclusive(&Fcb->Resource, TRUE);
+
+    RemovePrefix(Fcb);
+    PATH_RECORD *Newest = Record.Detach();
+    Newest->Older = Fcb->CurrentPath;
+    Fcb->FullPath = Newest->Path;
+    __atomic_store_n(&Fcb->CurrentPath, Newest, __ATOMIC_RELEASE);
+    RepointInstances(Fcb);
+    if (!InsertPrefix(Fcb)) {
+        NtFsdAlwaysPrint("[RVFSD] NtFsdRenameFcb RtlInsertUnicodePrefix for \"%wZ\" on FCB 0x%p failed.\n",
+                         &Fcb->FullPath, Fcb);
+    }
+    return STATUS_SUCCESS;
+}
+
+VOID NtFsdDumpPrefixTable() {
+    NtFsdDebugPrint(TRACE_PREFIX_DUMP, 0, "Dump Notify Table\n");
+    NtFsdDebugPrint(TRACE_PREFIX_DUMP, 0, "---------------------------\n");
+    ULONG Counter = 1;
+    for (PUNICODE_PREFIX_TABLE_ENTRY Entry = RtlNextUnicodePrefix(&FcbPrefixTable, TRUE); Entry != nullptr;
+         Entry = RtlNextUnicodePrefix(&FcbPrefixTable, FALSE)) {
+        if (Entry->Prefix == nullptr) {
+            NtFsdDebugPrint(TRACE_PREFIX_DUMP, 0, "PREFIX ENTRY IS NULL!!!\n");
+            continue;
+        }
+        const PFCB Fcb = CONTAINING_RECORD(Entry, FCB, PrefixEntry);
+        if (!IsListEmpty(&Fcb->NotifyList)) {
+            NtFsdDebugPrint(TRACE_PREFIX_DUMP, 0, "%d: FCB: 0x%p - %ws\n", Counter++, Fcb,
+                            static_cast<PCWSTR>(Fcb->FullPath.Buffer));
+        }
+    }
+}

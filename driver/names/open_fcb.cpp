@@ -1,0 +1,222 @@
+#include "frame/diagnostics.h"
+#include "frame/status_translation.h"
+#include "names/fcb.h"
+#include "names/paths.h"
+#include "provider/provider_calls.h"
+
+namespace {
+
+// The related open of a relative create.
+struct RELATED_OPEN {
+    PFCB Fcb;
+    PINSTANCE_CONTEXT Instance;
+};
+
+// Proves that a related file object is an open of a path of ours before anything of it is read.
+NTSTATUS CheckRelated(PFILE_OBJECT FileObject, RELATED_OPEN *Related) {
+    *Related = {nullptr, nullptr};
+    if (FileObject == nullptr) {
+        return STATUS_SUCCESS;
+    }
+    if (!NtFsdIsFcb(FileObject->FsContext) || FileObject->FsContext2 == nullptr) {
+        return STATUS_INVALID_HANDLE;
+    }
+    Related->Fcb = static_cast<PFCB>(FileObject->FsContext);
+    if (Related->Fcb->OpenType == OPEN_TYPE_DEVICE) {
+        return STATUS_NOT_A_DIRECTORY;
+    }
+    Related->Instance = static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2);
+    return STATUS_SUCCESS;
+}
+
+// Wildcards may not stand in the last component, and no component may be empty: an FCB's path ends in no backslash. One
+// trailing backslash of a composed path (an empty relative name) is the look-up's business.
+bool IsNameValid(PCUNICODE_STRING Path) {
+    const ULONG Units = Path->Length / sizeof(WCHAR);
+    if (Units == 0 || Path->Buffer[0] != SEPARATOR || Units == 1) {
+        return false;
+    }
+    for (ULONG At = 1; At < Units; ++At) {
+        if (Path->Buffer[At] == 0 || (Path->Buffer[At] == SEPARATOR && Path->Buffer[At - 1] == SEPARATOR)) {
+            return false;
+        }
+    }
+    for (ULONG At = Units; At != 0 && Path->Buffer[At - 1] != SEPARATOR; --At) {
+        if (Path->Buffer[At - 1] == WTEXT('*') || Path->Buffer[At - 1] == WTEXT('?')) {
+            return false;
+        }
+    }
+    return true;
+}
+
+NTSTATUS ComposeName(const RELATED_OPEN &Related, PUNICODE_STRING Name, PUNICODE_STRING Path) {
+    ULONG Bytes = 0;
+    const NTSTATUS Status =
+        NtFsdComposePath(Related.Fcb != nullptr ? NtFsdStablePath(Related.Fcb) : nullptr, Name, Path, &Bytes);
+    if (Status == STATUS_INSUFFICIENT_RESOURCES) {
+        NtFsdDebugPrint(TRACE_FCB, 0,
+                        "[RVFSD] NtFsdOpenFcb for \"%wZ\" unable to alloc %hu bytes; STATUS_INSUFFICIENT_RESOURCES.\n",
+                        Name, Bytes);
+    }
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
+    // An empty name opens the related object again: its path has no separator behind it.
+    if (Name->Length == 0 && Path->Length > sizeof(WCHAR)) {
+        Path->Length -= sizeof(WCHAR);
+        Path->Buffer[Path->Length / sizeof(WCHAR)] = 0;
+    }
+    return IsNameValid(Path) ? STATUS_SUCCESS : STATUS_OBJECT_NAME_INVALID;
+}
+
+PINSTANCE_CONTEXT AllocateInstance(PIRP_CONTEXT IrpContext) {
+    auto Instance = static_cast<PINSTANCE_CONTEXT>(TwAllocMemory(sizeof(INSTANCE_CONTEXT)));
+    if (Instance != nullptr) {
+        Instance->NodeTypeCode = NODE_TYPE_INSTANCE;
+        Instance->FileObject = IrpContext->FileObject;
+        Instance->ProviderAccess = 0;
+        InitializeListHead(&Instance->Borrowers);
+        InitializeListHead(&Instance->BorrowLinks);
+    }
+    return Instance;
+}
+
+ULONG CountSeparators(PCUNICODE_STRING Path) {
+    ULONG Count = 0;
+    for (ULONG At = 0; At < Path->Length / sizeof(WCHAR); ++At) {
+        Count += Path->Buffer[At] == SEPARATOR ? 1 : 0;
+    }
+    return Count;
+}
+
+// TRUE when Units characters of Path end at a component boundary.
+bool EndsComponent(PCUNICODE_STRING Path, ULONG Units) {
+    const ULONG PathUnits = Path->Length / sizeof(WCHAR);
+    return Units == PathUnits || (Units < PathUnits && Path->Buffer[Units] == SEPARATOR);
+}
+
+// Opens the volume of the FCB's path and finds how many characters of the path it covers.
+RVSTATUS OpenVolumeOf(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, PULONG VolumeUnits) {
+    RV_SECURITY_CONTEXT *Security = &IrpContext->SecurityContext;
+    if (CountSeparators(&Fcb->FullPath) < 3) {
+        *VolumeUnits = Fcb->FullPath.Length / sizeof(WCHAR);
+        return RVFsdOpenVolume(Security, Fcb->FullPath.Buffer, &Instance->VolumeHandle);
+    }
+    OwnedString VolumePath;
+    RVSTATUS Result = NtFsdQueryPathForVolume(Security, Fcb->FullPath.Buffer, VolumePath.Get());
+    if (!RvIsError(Result)) {
+        Result = RVFsdOpenVolume(Security, VolumePath->Buffer, &Instance->VolumeHandle);
+        *VolumeUnits = VolumePath->Length / sizeof(WCHAR);
+    }
+    return Result;
+}
+
+// Makes the open relative to its volume. When the volume cannot be opened, or its path is no leading part of the FCB's,
+// the object is named by its full path; create finds out through its own calls.
+void SplitAgainstVolume(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance) {
+    ULONG VolumeUnits = 0;
+    const RVSTATUS Result = OpenVolumeOf(IrpContext, Fcb, Instance, &VolumeUnits);
+    NtFsdDebugPrint(TRACE_FCB, 0, " Open Vol \"%wZ\", handle=0x%x, status=0x%x.\n", &Fcb->FullPath,
+                    LowPart(Instance->VolumeHandle), static_cast<ULONG>(Result));
+    if (RvIsError(Result)) {
+        Instance->VolumeHandle = 0;
+        return;
+    }
+    if (!EndsComponent(&Fcb->FullPath, VolumeUnits)) {
+        RVFsdCloseVolume(&IrpContext->SecurityContext, Instance->VolumeHandle);
+        Instance->VolumeHandle = 0;
+        return;
+    }
+    PWSTR Split = Fcb->FullPath.Buffer + VolumeUnits;
+    if (*Split == SEPARATOR) {
+        ++Split;
+    }
+    Instance->PathLeft = Split;
+    Fcb->VolumeResolved = 1;
+    Instance->BaseHandle = Instance->RelatedHandle = Instance->VolumeHandle;
+    NtFsdDebugPrint(TRACE_FCB, 0, " Path past volume level = %ls\n", static_cast<PCWSTR>(Split));
+}
+
+// Makes the open relative to the open it was named by, which lives at least as long as this create. When that open has
+// no handle of its own directory (it created it and did not open it, or has been renamed) the full path is right,
+// whatever its other handles name.
+void NameRelative(const RELATED_OPEN &Related, PUNICODE_STRING Name, PFCB Fcb, PINSTANCE_CONTEXT Instance) {
+    Fcb->VolumeResolved = Related.Fcb->VolumeResolved;
+    const RVHANDLE Handle = NtFsdHandleToLend(Related.Instance);
+    if (Handle != 0) {
+        Instance->BaseHandle = Instance->RelatedHandle = Handle;
+        Instance->PathLeft = Fcb->FullPath.Buffer + (Fcb->FullPath.Length - Name->Length) / sizeof(WCHAR);
+        NtFsdBorrowFrom(Related.Instance, Instance);
+    }
+}
+
+void Attach(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance) {
+    InsertTailList(&Fcb->InstanceList, &Instance->Links);
+    ++Fcb->UncleanCount;
+    PFILE_OBJECT FileObject = IrpContext->FileObject;
+    FileObject->FsContext = Fcb;
+    FileObject->FsContext2 = Instance;
+    FileObject->SectionObjectPointer = &Fcb->SectionObjectPointers;
+}
+
+} // namespace
+
+NTSTATUS NtFsdOpenFcb(PIRP_CONTEXT IrpContext, PFILE_OBJECT RelatedFileObject, PUNICODE_STRING Name, PFCB *Fcb,
+                      PINSTANCE_CONTEXT *Instance, PULONG OpenCount, PULONG EntryType, ResourceHold &Hold) {
+    *Fcb = nullptr;
+    *Instance = nullptr;
+    RELATED_OPEN Related;
+    NTSTATUS Status = CheckRelated(RelatedFileObject, &Related);
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
+    OwnedString Path;
+    Status = ComposeName(Related, Name, Path.Get());
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
+    NTSTATUS FileStatus = STATUS_SUCCESS;
+    Status = NtFsdVerifyFile(IrpContext, Path->Buffer, Path->Length, &FileStatus);
+    if (Status != STATUS_SUCCESS) {
+        NtFsdDebugPrint(TRACE_FCB, 0, "[RVFSD] NtFsdOpenFcb NtFsdVerifyFile for \"%wZ\" failed; status 0x%08X.\n",
+                        Path.Get(), Status);
+        return NT_SUCCESS(Status) ? STATUS_UNSUCCESSFUL : Status;
+    }
+    if (FileStatus == STATUS_SUCCESS) {
+        *EntryType = ENTRY_TYPE_FILE;
+    } else if (FileStatus == STATUS_FILE_IS_A_DIRECTORY) {
+        *EntryType = ENTRY_TYPE_DIRECTORY;
+    }
+
+    PoolPointer<INSTANCE_CONTEXT> NewInstance(AllocateInstance(IrpContext));
+    if (!NewInstance) {
+        NtFsdDebugPrint(TRACE_FCB, 0,
+                        "[RVFSD] NtFsdOpenFcb for \"%wZ\" NtFsdAllocInstanceContext failed; "
+                        "STATUS_INSUFFICIENT_RESOURCES.\n",
+                        Path.Get());
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    PFCB Found;
+    BOOLEAN Created;
+    Status = NtFsdOpenOrCreateFcb(IrpContext, Path.Get(), &Found, &Created, Hold);
+    if (!NT_SUCCESS(Status)) {
+        NtFsdDebugPrint(TRACE_FCB, 0, "[RVFSD] NtFsdOpenFcb for \"%wZ\" NtFsdOpenOrCreateFcb failed; status 0x%08X.\n",
+                        Path.Get(), Status);
+        return Status;
+    }
+    if (FileStatus == STATUS_NO_SUCH_FILE) {
+        Found->OpenFlags |= FCB_STATE_NOT_FOUND_AT_OPEN;
+    }
+    NewInstance->Fcb = Found;
+    NewInstance->PathLeft = Found->FullPath.Buffer;
+    if (Related.Fcb == nullptr || Name->Length == 0) {
+        SplitAgainstVolume(IrpContext, Found, NewInstance.Get());
+    } else {
+        NameRelative(Related, Name, Found, NewInstance.Get());
+    }
+    *OpenCount = Found->OpenCount;
+    *Fcb = Found;
+    *Instance = NewInstance.Detach();
+    Attach(IrpContext, Found, *Instance);
+    return STATUS_SUCCESS;
+}

@@ -1,0 +1,21 @@
+// Path resolution: what the Provider says about a full path. None of these takes a lock; each may be called with FCB
+// resources held.
+#pragma once
+
+#include "frame/irp_context.h"
+#include "names/strings.h"
+
+// Asks which leading part of Path (NUL-terminated, \server\volume\...) is the volume. VolumePath receives an owned
+// buffer, freed by the caller; it is empty after an error. Returns the raw Provider status, warnings included; an
+// answer that is not terminated within its buffer is RVSTATUS::Unsuccessful.
+RVSTATUS NtFsdQueryPathForVolume(RV_SECURITY_CONTEXT *SecurityContext, PCWSTR Path, PUNICODE_STRING VolumePath);
+
+// Asks for the physical path behind a path of a distributed namespace, in the same manner.
+RVSTATUS NtFsdGetDFSPhysicalPath(RV_SECURITY_CONTEXT *SecurityContext, PUNICODE_STRING Path,
+                                 PUNICODE_STRING PhysicalPath);
+
+// Tells what Path (PathLength bytes, need not be terminated) names, keeping nothing open. The returned status says
+// whether the question could be asked; *FileStatus (may be NULL) is STATUS_SUCCESS for a file,
+// STATUS_FILE_IS_A_DIRECTORY, STATUS_NO_SUCH_FILE or STATUS_ACCESS_DENIED, or a failure for a volume root that cannot
+// be reached. A path of fewer than two components is refused with STATUS_BAD_NETWORK_PATH in both.
+NTSTATUS NtFsdVerifyFile(PIRP_CONTEXT IrpContext, PCWSTR Path, ULONG PathLength, NTSTATUS *FileStatus);

@@ -1,0 +1,63 @@
+// Counted strings as the driver keeps them: owned, NUL-terminated, 16-bit byte counts.
+#pragma once
+
+#include "frame/memory.h"
+
+inline constexpr WCHAR SEPARATOR = 0x005C;
+
+// Makes Destination an owned, NUL-terminated copy of Source, reusing its buffer when that is large enough. Returns
+// STATUS_NAME_TOO_LONG, before Destination is touched, when the text and its terminator do not fit a 16-bit size, and
+// STATUS_INSUFFICIENT_RESOURCES, with Destination empty, when no memory can be had.
+NTSTATUS NtFsdUpdateUnicodeString(PUNICODE_STRING Destination, PCUNICODE_STRING Source);
+
+// Frees the buffer and empties the string.
+VOID NtFsdFreeUnicodeString(PUNICODE_STRING String);
+
+// The number of path components: \server counts 1, \server\volume 2; an empty component between doubled backslashes
+// counts. A 16-bit zero ends the text early.
+ULONG NtFsdCountPathComponents(PCUNICODE_STRING Path);
+
+// Composes Base, one backslash unless Base already ends in one, and Name into the empty string Path, which owns its
+// buffer and is terminated. Base may be NULL: then Path is Name. Returns STATUS_OBJECT_NAME_INVALID when the result
+// does not fit a 16-bit size, STATUS_INSUFFICIENT_RESOURCES when no memory can be had (AllocationBytes, when given,
+// receives the size that was asked for).
+NTSTATUS NtFsdComposePath(PCUNICODE_STRING Base, PCUNICODE_STRING Name, PUNICODE_STRING Path, PULONG AllocationBytes);
+
+// A counted view of a literal. The buffer is read-only by convention.
+template <SIZE_T N>
+constexpr UNICODE_STRING ConstantString(const WCHAR (&Text)[N]) {
+    return {static_cast<USHORT>((N - 1) * sizeof(WCHAR)), static_cast<USHORT>(N * sizeof(WCHAR)),
+            const_cast<PWSTR>(Text)};
+}
+
+// Number of units before the terminating zero, at most Limit.
+inline ULONG WideLength(PCWSTR Text, ULONG Limit) {
+    ULONG Length = 0;
+    while (Length < Limit && Text[Length] != 0) {
+        ++Length;
+    }
+    return Length;
+}
+
+// A string of the driver that is freed by scope.
+class OwnedString {
+public:
+    OwnedString() = default;
+    OwnedString(const OwnedString &) = delete;
+    OwnedString &operator=(const OwnedString &) = delete;
+    ~OwnedString() {
+        NtFsdFreeUnicodeString(&String_);
+    }
+    PUNICODE_STRING Get() {
+        return &String_;
+    }
+    PCUNICODE_STRING Get() const {
+        return &String_;
+    }
+    UNICODE_STRING *operator->() {
+        return &String_;
+    }
+
+private:
+    UNICODE_STRING String_ = {0, 0, nullptr};
+};

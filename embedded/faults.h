@@ -1,0 +1,103 @@
+// Fault injection: makes the services that may fail do so, where a plan says.
+//
+// Faults hit only calls of driver code: threads inside a FaultScope (the I/O manager opens one around every call into
+// the driver; system threads run in one) and outside any FaultExempt. The plan has one mutex; while no plan is set a
+// service pays one relaxed load.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <string>
+
+#include "embedded/ke.h"
+
+namespace embedded {
+
+// TryAcquire is no failure but an answer: an acquire that may not wait is told that it would have to.
+enum class FaultKind : ULONG { Pool, Resource, Mdl, Thread, Map, TryAcquire };
+inline constexpr ULONG FaultKinds = 6;
+
+inline constexpr ULONG FaultBit(FaultKind Kind) {
+    return 1u << static_cast<ULONG>(Kind);
+}
+// All that are failures.
+inline constexpr ULONG AllFaultKinds = FaultBit(FaultKind::TryAcquire) - 1;
+
+struct FaultPlan {
+    enum class Mode {
+        Nth,           // the Nth call of the kinds fails (1 is the next one)
+        NthAndAfter,   // ... and every one after it
+        EachStackOnce, // a call fails the first time its calling stack is seen
+        Random,        // PerTenThousand of the calls, from Seed
+    };
+    Mode How = Mode::Nth;
+    ULONG Kinds = AllFaultKinds; // of FaultBit
+    ULONG64 Nth = 1;
+    ULONG PerTenThousand = 600;
+    ULONG64 Seed = 1;
+};
+
+// Counts since SetFaultPlan, by kind.
+struct FaultCounts {
+    std::array<ULONG64, FaultKinds> Calls{};
+    std::array<ULONG64, FaultKinds> Failed{};
+    ULONG64 TotalCalls() const;
+    ULONG64 TotalFailed() const;
+};
+
+// Sets the plan and zeroes the counts. The stacks seen by EachStackOnce are kept over plans until ForgetFaultStacks:
+// an operation is run again and again until a run fails nothing new.
+void SetFaultPlan(const FaultPlan &Plan);
+void ClearFaultPlan();
+FaultCounts GetFaultCounts();
+SIZE_T FaultStacksSeen();
+void ForgetFaultStacks();
+
+inline std::atomic<bool> FaultsArmed{false};
+bool NTAPI DecideFault(FaultKind Kind) noexcept;
+
+// Asked by every service that may fail: TRUE if this call has to.
+inline bool ShouldFail(FaultKind Kind) {
+    return FaultsArmed.load(std::memory_order_relaxed) && DecideFault(Kind);
+}
+
+// Driver code runs in this scope.
+class [[nodiscard]] FaultScope {
+public:
+    FaultScope() {
+        ++CurrentThread().FaultScopes;
+    }
+    ~FaultScope() {
+        --CurrentThread().FaultScopes;
+    }
+    FaultScope(const FaultScope &) = delete;
+    FaultScope &operator=(const FaultScope &) = delete;
+};
+
+// No faults in this scope, whatever scope is around it.
+class [[nodiscard]] FaultExempt {
+public:
+    FaultExempt() {
+        ++CurrentThread().FaultExempts;
+    }
+    ~FaultExempt() {
+        --CurrentThread().FaultExempts;
+    }
+    FaultExempt(const FaultExempt &) = delete;
+    FaultExempt &operator=(const FaultExempt &) = delete;
+};
+
+// A fault plan for a scope.
+class [[nodiscard]] PlannedFaults {
+public:
+    explicit PlannedFaults(const FaultPlan &Plan) {
+        SetFaultPlan(Plan);
+    }
+    ~PlannedFaults() {
+        ClearFaultPlan();
+    }
+    PlannedFaults(const PlannedFaults &) = delete;
+    PlannedFaults &operator=(const PlannedFaults &) = delete;
+};
+
+} // namespace embedded

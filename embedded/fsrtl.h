@@ -1,0 +1,41 @@
+// File system run-time library: byte-range lock tables, notify synchronisation, stream contexts, cached copies.
+//
+// The services are declared in kernel/linux/services.h. Here stand what tests plant and count.
+//
+// Lock tables: FILE_LOCK is the driver's memory, the records hang on its LockInformation from the first lock until
+// FsRtlUninitializeFileLock. Every table has one mutex. It is never held while a completion routine, an unlock
+// routine or a completed request runs, so a routine may call back into the same table; what was read before a
+// callback is read again after it. Nothing here waits for a lock range: a request that has to wait is queued.
+#pragma once
+
+#include <string>
+
+#include "kernel/linux/services.h"
+#include "kernel/linux/status.h"
+
+namespace embedded {
+
+// Grants a range as FsRtlProcessFileLock would for a request of Process, with no request and no callback. Key and
+// process are recorded as given. False when the range conflicts, wraps, or there is no memory.
+bool PlantFileLock(PFILE_LOCK FileLock, PFILE_OBJECT FileObject, PEPROCESS Process, ULONGLONG Offset, ULONGLONG Length,
+                   ULONG Key, bool Exclusive);
+
+// Requests that wait in a table.
+size_t WaitingFileLocks(PFILE_LOCK FileLock);
+
+// Everything of this room that is alive in the whole process.
+struct FsRtlCounts {
+    size_t LockTables;
+    size_t Locks;
+    size_t WaitingLocks;
+    size_t NotifySyncs;
+};
+FsRtlCounts CountFsRtl();
+
+// One line per kind of leak, empty when nothing is alive. VerifyNothingLeft asks it.
+std::string CheckFsRtlLeaks();
+
+// Live notify synchronisation objects; a part of CountFsRtl.
+size_t NotifySyncsInUse();
+
+} // namespace embedded

@@ -1,0 +1,44 @@
+#include "embedded/fsrtl.h"
+
+#include "embedded/verifier.h"
+
+#include <atomic>
+
+namespace {
+
+constexpr ULONG NotifySyncSignature = 0x636E7953;
+
+std::atomic<size_t> NotifySyncCount = 0;
+
+} // namespace
+
+// Opaque to the driver, which only keeps the pointer: requests wait in the driver's own list.
+struct _REAL_NOTIFY_SYNC {
+    ULONG Signature = NotifySyncSignature;
+};
+
+size_t embedded::NotifySyncsInUse() {
+    return NotifySyncCount.load();
+}
+
+VOID NTAPI FsRtlNotifyInitializeSync(PNOTIFY_SYNC *NotifySync) noexcept {
+    embedded::AtMostApc("FsRtlNotifyInitializeSync");
+    *NotifySync = new _REAL_NOTIFY_SYNC;
+    ++NotifySyncCount;
+}
+
+VOID NTAPI FsRtlNotifyUninitializeSync(PNOTIFY_SYNC *NotifySync) noexcept {
+    embedded::AtMostApc("FsRtlNotifyUninitializeSync");
+    if (*NotifySync == nullptr) {
+        return;
+    }
+    if ((*NotifySync)->Signature != NotifySyncSignature) {
+        embedded::BugCheck(embedded::bugcheck::Verifier, embedded::bugcheck::OwnRule,
+                           reinterpret_cast<ULONG_PTR>(*NotifySync), 0, 0,
+                           "FsRtlNotifyUninitializeSync: not a notify synchronisation object");
+    }
+    (*NotifySync)->Signature = 0;
+    delete *NotifySync;
+    *NotifySync = nullptr;
+    --NotifySyncCount;
+}

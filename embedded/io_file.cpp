@@ -1,0 +1,247 @@
+#include <cstring>
+#include <new>
+
+#include <fmt/format.h>
+
+#include "embedded/ex.h"
+#include "embedded/io_objects.h"
+#include "embedded/ps.h"
+#include "embedded/verifier.h"
+
+namespace embedded {
+namespace {
+
+std::atomic<size_t> FileObjects{0};
+
+// Cleanup and close are the I/O manager's own requests: kernel mode, synchronous, and nobody hears their status.
+void SendOwed(FileObject &File, UCHAR MajorFunction) {
+    DeviceObject &Device = *File.Device.Get();
+    const IrpHolder Block(AllocateIrp(Device));
+    IRP &Irp = Block->Irp;
+    Irp.Flags = IRP_CLOSE_OPERATION | IRP_SYNCHRONOUS_API;
+    Irp.RequestorMode = KernelMode;
+    Irp.Tail.Overlay.OriginalFileObject = &File.Nt;
+    IO_STACK_LOCATION &Stack = *Irp.Tail.Overlay.CurrentStackLocation;
+    Stack.MajorFunction = MajorFunction;
+    Stack.FileObject = &File.Nt;
+    static_cast<void>(CallDriverAndWait(Device, *Block));
+}
+
+} // namespace
+
+FileObject *FileObject::Create(Ref<DeviceObject> Device, std::u16string_view Name, ULONG Flags) noexcept {
+    PWSTR Buffer = nullptr;
+    const size_t Bytes = Name.size() * sizeof(WCHAR);
+    if (Bytes != 0) {
+        // A block of the driver's kind: file systems may replace the name.
+        Buffer = static_cast<PWSTR>(AllocatePool(PoolKind::Pool, PagedPool, Bytes, MakeTag("IoNm")));
+        if (Buffer == nullptr) {
+            return nullptr;
+        }
+        memcpy(Buffer, Name.data(), Bytes);
+    }
+    auto *File = new (std::nothrow) FileObject(std::move(Device));
+    if (File == nullptr) {
+        FreePool(PoolKind::Pool, Buffer, 0);
+        return nullptr;
+    }
+    FILE_OBJECT &Nt = File->Nt;
+    Nt.Type = IO_TYPE_FILE;
+    Nt.Size = sizeof(FILE_OBJECT);
+    Nt.DeviceObject = &File->Device->Nt;
+    Nt.Flags = Flags;
+    Nt.FileName = {static_cast<USHORT>(Bytes), static_cast<USHORT>(Bytes), Buffer};
+    Nt.FileObjectExtension = File;
+    KeInitializeEvent(&Nt.Lock, SynchronizationEvent, FALSE);
+    KeInitializeEvent(&Nt.Event, NotificationEvent, FALSE);
+    InitializeListHead(&Nt.IrpList);
+    FileObjects.fetch_add(1, std::memory_order_relaxed);
+    return File;
+}
+
+void FileObject::Lock() noexcept {
+    if (__atomic_exchange_n(&Nt.Busy, 1u, __ATOMIC_SEQ_CST) == 0) {
+        return;
+    }
+    __atomic_fetch_add(&Nt.Waiters, 1u, __ATOMIC_SEQ_CST);
+    while (__atomic_exchange_n(&Nt.Busy, 1u, __ATOMIC_SEQ_CST) != 0) {
+        static_cast<void>(KeWaitForSingleObject(&Nt.Lock, Executive, KernelMode, FALSE, nullptr));
+    }
+    __atomic_fetch_sub(&Nt.Waiters, 1u, __ATOMIC_SEQ_CST);
+}
+
+void FileObject::Unlock() noexcept {
+    __atomic_exchange_n(&Nt.Busy, 0u, __ATOMIC_SEQ_CST);
+    if (__atomic_load_n(&Nt.Waiters, __ATOMIC_SEQ_CST) != 0) {
+        KeSetEvent(&Nt.Lock, 0, FALSE);
+    }
+}
+
+void FileObject::OnLastHandleClosed() noexcept {
+    if (!Opened) {
+        return;
+    }
+    const bool Synchronous = IsSynchronous();
+    if (Synchronous) {
+        Lock();
+    }
+    SendOwed(*this, IRP_MJ_CLEANUP);
+    if (Synchronous) {
+        Unlock();
+    }
+}
+
+void FileObject::OnLastReference() noexcept {
+    if (Opened) {
+        SendOwed(*this, IRP_MJ_CLOSE);
+    }
+    if (Nt.FileName.Buffer != nullptr) {
+        FreePool(PoolKind::Pool, Nt.FileName.Buffer, 0);
+    }
+    Device->EndOpen();
+    FileObjects.fetch_sub(1, std::memory_order_relaxed);
+    delete this;
+}
+
+size_t LiveFileObjects() noexcept {
+    return FileObjects.load(std::memory_order_relaxed);
+}
+
+PFILE_OBJECT CreateFileObject(PDEVICE_OBJECT Device, std::u16string_view Name, ULONG Flags, bool SendsClose) {
+    auto Target = Ref<DeviceObject>::Share(DeviceObject::Of(Device));
+    InterlockedIncrement(&Device->ReferenceCount);
+    FileObject *File = FileObject::Create(std::move(Target), Name, Flags);
+    if (File == nullptr) {
+        throw std::bad_alloc();
+    }
+    File->Opened = SendsClose;
+    return &File->Nt;
+}
+
+void ReferenceFileObject(PFILE_OBJECT FileObject) noexcept {
+    FileObject::Of(FileObject)->Reference();
+}
+
+void DereferenceFileObject(PFILE_OBJECT FileObject) noexcept {
+    FileObject::Of(FileObject)->Dereference();
+}
+
+PFILE_OBJECT FileObjectFromHandle(HANDLE Handle) noexcept {
+    ObjectRef Target;
+    if (!NT_SUCCESS(ReferenceHandle(Handle, ObjectType::File, 0, UserMode, &Target))) {
+        return nullptr;
+    }
+    return &static_cast<FileObject *>(Target.Release())->Nt;
+}
+
+// ---- Raw requests --------------------------------------------------------------------------------------------
+
+SentIrp::SentIrp(SentIrp &&Other) noexcept : Block_(std::exchange(Other.Block_, nullptr)), Returned_(Other.Returned_) {
+}
+
+SentIrp::~SentIrp() {
+    if (Block_ != nullptr) {
+        WaitForIrp(*Block_);
+        DeviceObject *Device = Block_->HeldDevice;
+        FreeIrp(Block_);
+        Device->Dereference();
+    }
+}
+
+bool SentIrp::IsCompleted() const noexcept {
+    return Block_->IsCompleted();
+}
+
+IO_STATUS_BLOCK SentIrp::Wait() noexcept {
+    WaitForIrp(*Block_);
+    IO_STATUS_BLOCK Result{};
+    Result.Status = Block_->FinalStatus;
+    Result.Information = Block_->FinalInformation;
+    return Result;
+}
+
+CCHAR SentIrp::PriorityBoost() noexcept {
+    WaitForIrp(*Block_);
+    return Block_->PriorityBoost;
+}
+
+bool SentIrp::Cancel() noexcept {
+    return CancelIrp(*Block_);
+}
+
+void SentIrp::CancelWithin(LONGLONG Limit) noexcept {
+    CancelIrp(*Block_);
+    if (Clock::IsManual()) {
+        Clock::Advance(Limit);
+    } else if (Block_->MustWait) {
+        LARGE_INTEGER Timeout;
+        Timeout.QuadPart = -Limit;
+        static_cast<void>(KeWaitForSingleObject(&Block_->Done, Executive, KernelMode, FALSE, &Timeout));
+    }
+    if (!Block_->IsCompleted()) {
+        BugCheck(bugcheck::Verifier, 0x135, reinterpret_cast<ULONG_PTR>(&Block_->Irp), 0,
+                 static_cast<ULONG_PTR>(Limit / Clock::Millisecond),
+                 "a cancelled request was not completed in the allowed time");
+    }
+}
+
+PIRP SentIrp::Irp() const noexcept {
+    return &Block_->Irp;
+}
+
+SentIrp SendIrp(PDEVICE_OBJECT Device, const IrpBuilder &Builder) {
+    DeviceObject &Target = *DeviceObject::Of(Device);
+    // The driver may delete its device while it serves the request.
+    Target.Reference();
+    const bool Filter = Builder.CompletionRoutine != nullptr;
+    IrpBlock *Block = AllocateIrp(Target, Filter);
+    Block->HeldDevice = &Target; // the reference travels with the request
+    Block->CallersMdl = Builder.Mdl;
+    IRP &Irp = Block->Irp;
+    Irp.MdlAddress = Builder.Mdl;
+    Irp.Flags = Builder.IrpFlags;
+    Irp.RequestorMode = Builder.RequestorMode;
+    Irp.Cancel = Builder.CancelledBefore;
+    Irp.UserBuffer = Builder.UserBuffer;
+    Irp.AssociatedIrp.SystemBuffer = Builder.SystemBuffer;
+    Irp.Overlay.AllocationSize = Builder.AllocationSize;
+    Irp.Tail.Overlay.OriginalFileObject = Builder.FileObject;
+    IO_STACK_LOCATION &Stack = *Irp.Tail.Overlay.CurrentStackLocation;
+    Stack.MajorFunction = Builder.MajorFunction;
+    Stack.MinorFunction = Builder.MinorFunction;
+    Stack.Flags = Builder.StackFlags;
+    Stack.FileObject = Builder.FileObject;
+    if (Filter) {
+        Stack.CompletionRoutine = Builder.CompletionRoutine;
+        Stack.Context = Builder.CompletionContext;
+        Stack.Control = SL_INVOKE_ON_SUCCESS | SL_INVOKE_ON_ERROR | SL_INVOKE_ON_CANCEL;
+    }
+    if (Builder.Fill) {
+        Builder.Fill(&Stack);
+    }
+    KThread &Thread = CurrentThread();
+    const PIRP Before = std::exchange(Thread.TopLevelIrp, Builder.TopLevelIrp);
+    const NTSTATUS Returned = CallDriver(Target, *Block);
+    Thread.TopLevelIrp = Before;
+    return SentIrp(Block, Returned);
+}
+
+IO_STATUS_BLOCK SendIrpAndWait(PDEVICE_OBJECT Device, const IrpBuilder &Builder) {
+    return SendIrp(Device, Builder).Wait();
+}
+
+void InitializeIo() {
+    RegisterLeakCheck("requests", DescribeIrps);
+    RegisterLeakCheck("devices", [] {
+        return LiveDevices() == 0 ? std::string{} : fmt::format("{} device object(s) not deleted\n", LiveDevices());
+    });
+    RegisterLeakCheck("file objects", [] {
+        return LiveFileObjects() == 0 ? std::string{}
+                                      : fmt::format("{} file object(s) still referenced\n", LiveFileObjects());
+    });
+    RegisterLeakCheck("handles", [] {
+        return OpenHandleCount() == 0 ? std::string{} : fmt::format("{} handle(s) still open\n", OpenHandleCount());
+    });
+}
+
+} // namespace embedded

@@ -1,0 +1,506 @@
+#include <array>
+#include <chrono>
+#include <mutex>
+
+#include <fmt/format.h>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define IO_POISONS_IRPS 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define IO_POISONS_IRPS 1
+#endif
+#endif
+#ifdef IO_POISONS_IRPS
+#include <sanitizer/asan_interface.h>
+#endif
+
+#include "embedded/ex.h"
+#include "embedded/faults.h"
+#include "embedded/io_objects.h"
+#include "embedded/ps.h"
+#include "embedded/verifier.h"
+
+namespace embedded {
+namespace {
+
+// Own cache line: every request of every thread takes it.
+struct alignas(64) {
+    KSPIN_LOCK Lock = 0;
+} CancelSpinLock;
+
+IoObserver TheObserver;
+std::atomic<bool> Observing{false};
+
+std::atomic<IrpBlock *> AllBlocks{nullptr};
+
+int64_t WallClock() {
+    return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
+}
+
+constexpr size_t GuardedBytes = sizeof(IrpBlock) - offsetof(IrpBlock, Irp);
+
+// A completed IRP belongs to nobody: touching it is an error that AddressSanitizer reports and that the pattern makes
+// visible without it.
+void PoisonIrp(IrpBlock &Block) {
+    if (Verifying()) {
+        memset(static_cast<void *>(&Block.Irp), 0xF1, sizeof(IRP) + 2 * sizeof(IO_STACK_LOCATION));
+    }
+#ifdef IO_POISONS_IRPS
+    ASAN_POISON_MEMORY_REGION(&Block.Irp, GuardedBytes);
+#endif
+}
+
+void UnpoisonIrp([[maybe_unused]] IrpBlock &Block) {
+#ifdef IO_POISONS_IRPS
+    ASAN_UNPOISON_MEMORY_REGION(&Block.Irp, GuardedBytes);
+#endif
+    static_assert(GuardedBytes >= sizeof(IRP) + 2 * sizeof(IO_STACK_LOCATION));
+}
+
+// The free blocks of one thread. The newest goes out first while it is warm; under the verifier the oldest, so that a
+// freed block stays recognisable for a while. What a thread leaves goes to a common depot.
+class IrpCache {
+public:
+    ~IrpCache() {
+        std::lock_guard Lock(DepotMutex());
+        while (Count_ > 0) {
+            Depot().push_back(Take(true));
+        }
+    }
+
+    IrpBlock *Allocate() {
+        const bool Verify = Verifying();
+        if (Count_ > (Verify ? HeldBack : 0)) {
+            return Take(Verify);
+        }
+        {
+            std::lock_guard Lock(DepotMutex());
+            if (!Depot().empty()) {
+                IrpBlock *Block = Depot().back();
+                Depot().pop_back();
+                return Block;
+            }
+        }
+        auto *Block = new IrpBlock;
+        Block->NextOfAll = AllBlocks.load(std::memory_order_relaxed);
+        while (!AllBlocks.compare_exchange_weak(Block->NextOfAll, Block, std::memory_order_release)) {
+        }
+        return Block;
+    }
+
+    void Free(IrpBlock *Block) {
+        if (Count_ == Ring_.size()) {
+            std::lock_guard Lock(DepotMutex());
+            Depot().push_back(Take(true));
+        }
+        Ring_[(First_ + Count_++) % Ring_.size()] = Block;
+    }
+
+private:
+    static constexpr size_t HeldBack = 16;
+
+    static std::mutex &DepotMutex() {
+        static std::mutex &Mutex = *new std::mutex;
+        return Mutex;
+    }
+    static std::vector<IrpBlock *> &Depot() {
+        static auto &Blocks = *new std::vector<IrpBlock *>;
+        return Blocks;
+    }
+    IrpBlock *Take(bool Oldest) {
+        --Count_;
+        if (!Oldest) {
+            return Ring_[(First_ + Count_) % Ring_.size()];
+        }
+        IrpBlock *Block = Ring_[First_];
+        First_ = (First_ + 1) % Ring_.size();
+        return Block;
+    }
+
+    std::array<IrpBlock *, 32> Ring_{};
+    size_t First_ = 0;
+    size_t Count_ = 0;
+};
+
+IrpCache &ThreadCache() {
+    static thread_local IrpCache Cache;
+    return Cache;
+}
+
+[[noreturn]] void Report(ULONG_PTR Rule, const IrpBlock &Block, ULONG_PTR P3, std::string_view What) {
+    BugCheck(bugcheck::IoVerifier, Rule, reinterpret_cast<ULONG_PTR>(&Block.Irp), P3, 0, What);
+}
+
+std::string Describe(const IrpBlock &Block, UCHAR MajorFunction) {
+    return fmt::format("IRP {} ({}): ", static_cast<const void *>(&Block.Irp), MajorFunctionName(MajorFunction));
+}
+
+// ---- Completion ----------------------------------------------------------------------------------------------
+
+void CheckCompletion(const IrpBlock &Block) {
+    const IRP &Irp = Block.Irp;
+    const NTSTATUS Status = Irp.IoStatus.Status;
+    if (CurrentThread().Irql > DispatchLevel) {
+        Report(0x0E, Block, CurrentThread().Irql, "IofCompleteRequest was called above DISPATCH_LEVEL");
+    }
+    if (Status == STATUS_PENDING || Status == -1) {
+        Report(0x06, Block, static_cast<ULONG>(Status),
+               "a request was completed with a status that cannot be final: STATUS_PENDING or -1");
+    }
+    if (Irp.CancelRoutine != nullptr) {
+        Report(0x07, Block, reinterpret_cast<ULONG_PTR>(Irp.CancelRoutine),
+               "a request was completed while its cancel routine was still set");
+    }
+    if (Irp.MdlAddress != Block.CallersMdl) {
+        BugCheck(bugcheck::Verifier, bugcheck::FreeLockedMdl, reinterpret_cast<ULONG_PTR>(&Irp),
+                 reinterpret_cast<ULONG_PTR>(Irp.MdlAddress), reinterpret_cast<ULONG_PTR>(Block.CallersMdl),
+                 Block.CallersMdl == nullptr ? "a request was completed with an MDL of the driver's left on it"
+                                             : "a request was completed without the MDL that its sender put on it");
+    }
+}
+
+bool WantsCompletionRoutine(const IO_STACK_LOCATION &Location, const IRP &Irp) {
+    if (Location.CompletionRoutine == nullptr) {
+        return false;
+    }
+    return ((Location.Control & SL_INVOKE_ON_SUCCESS) && NT_SUCCESS(Irp.IoStatus.Status)) ||
+           ((Location.Control & SL_INVOKE_ON_ERROR) && !NT_SUCCESS(Irp.IoStatus.Status)) ||
+           ((Location.Control & SL_INVOKE_ON_CANCEL) && Irp.Cancel);
+}
+
+// Walks the stack from the driver's location up and calls the routines that drivers above left there.
+void RunCompletionRoutines(IrpBlock &Block) {
+    IRP &Irp = Block.Irp;
+    while (Irp.CurrentLocation <= Irp.StackCount) {
+        IO_STACK_LOCATION &Location = *Irp.Tail.Overlay.CurrentStackLocation;
+        Irp.PendingReturned = (Location.Control & SL_PENDING_RETURNED) != 0;
+        ++Irp.CurrentLocation;
+        ++Irp.Tail.Overlay.CurrentStackLocation;
+        const bool HasAbove = Irp.CurrentLocation <= Irp.StackCount;
+        if (WantsCompletionRoutine(Location, Irp)) {
+            IO_STACK_LOCATION *Above = Irp.Tail.Overlay.CurrentStackLocation;
+            {
+                RequireUnchanged Unchanged(DriverCall::Completion, "a completion routine");
+                static_cast<void>(
+                    Location.CompletionRoutine(HasAbove ? Above->DeviceObject : nullptr, &Irp, Location.Context));
+            }
+            if (Irp.PendingReturned && HasAbove && !(Above->Control & SL_PENDING_RETURNED)) {
+                Report(0x228, Block, reinterpret_cast<ULONG_PTR>(Location.CompletionRoutine),
+                       "a completion routine did not mark the request pending although it had pended below");
+            }
+        } else if (Irp.PendingReturned && HasAbove) {
+            IoMarkIrpPending(&Irp);
+        }
+    }
+}
+
+ULONG CodeOf(const IO_STACK_LOCATION &Location) {
+    switch (Location.MajorFunction) {
+    case IRP_MJ_FILE_SYSTEM_CONTROL:
+    case IRP_MJ_DEVICE_CONTROL:
+        return Location.Parameters.DeviceIoControl.IoControlCode;
+    case IRP_MJ_QUERY_INFORMATION:
+    case IRP_MJ_SET_INFORMATION:
+        return Location.Parameters.QueryFile.FileInformationClass;
+    case IRP_MJ_QUERY_VOLUME_INFORMATION:
+        return Location.Parameters.QueryVolume.FsInformationClass;
+    case IRP_MJ_DIRECTORY_CONTROL:
+        return Location.MinorFunction == IRP_MN_QUERY_DIRECTORY
+                   ? Location.Parameters.QueryDirectory.FileInformationClass
+                   : 0;
+    default:
+        return 0;
+    }
+}
+
+void Observe(const IrpBlock &Block) {
+    const IO_STACK_LOCATION &Location = *Block.Irp.Tail.Overlay.CurrentStackLocation;
+    const PFILE_OBJECT File = Location.FileObject;
+    TheObserver({Location.MajorFunction, Location.MinorFunction, CodeOf(Location), File,
+                 File == nullptr ? std::u16string_view{} : View(&File->FileName), Block.Irp.IoStatus.Status,
+                 Block.Irp.IoStatus.Information, Block.StartTime == 0 ? 0 : WallClock() - Block.StartTime});
+}
+
+// ---- Return from dispatch ------------------------------------------------------------------------------------
+
+// Both the return and the completion have happened: they must tell the same story.
+void CheckStory(const IrpBlock &Block, UCHAR MajorFunction) {
+    const NTSTATUS Returned = Block.ReturnedStatus;
+    if (Returned == STATUS_PENDING && !Block.MarkedPending) {
+        Report(0x23D, Block, 0,
+               Describe(Block, MajorFunction) + "STATUS_PENDING was returned for a request not marked pending");
+    }
+    if (Returned != STATUS_PENDING && Block.MarkedPending) {
+        Report(0x23E, Block, static_cast<ULONG>(Returned),
+               Describe(Block, MajorFunction) + "a request was marked pending, but STATUS_PENDING was not returned");
+    }
+    if (Returned != STATUS_PENDING && Returned != Block.FinalStatus) {
+        Report(0x224, Block, static_cast<ULONG>(Returned),
+               Describe(Block, MajorFunction) +
+                   fmt::format("dispatch returned 0x{:08X}, the request was completed with 0x{:08X}",
+                               static_cast<ULONG>(Returned), static_cast<ULONG>(Block.FinalStatus)));
+    }
+}
+
+// Gives an asynchronous caller the result: status block, data, events, then the request's own references.
+void FinishAsynchronous(IrpBlock &Block) {
+    if (Block.CopyTo != nullptr && !NT_ERROR(Block.FinalStatus)) {
+        memcpy(Block.CopyTo, Block.SystemBuffer, std::min<ULONG_PTR>(Block.FinalInformation, Block.CopyLimit));
+    }
+    if (Block.Iosb != nullptr) {
+        Block.Iosb->Information = Block.FinalInformation;
+        __atomic_store_n(&Block.Iosb->Status, Block.FinalStatus, __ATOMIC_RELEASE);
+    }
+    auto File = Ref<FileObject>::Adopt(Block.File);
+    auto Event = Ref<EventObject>::Adopt(Block.UserEvent);
+    FreeIrp(&Block);
+    if (Event) {
+        KeSetEvent(&Event->Event, 0, FALSE);
+    }
+    if (File) {
+        KeSetEvent(&File->Nt.Event, 0, FALSE);
+    }
+}
+
+} // namespace
+
+void SetIoObserver(IoObserver Observer) {
+    TheObserver = std::move(Observer);
+    Observing.store(static_cast<bool>(TheObserver), std::memory_order_release);
+}
+
+IrpBlock *AllocateIrp(DeviceObject &Device, bool Filter) noexcept {
+    const auto StackCount = static_cast<CCHAR>(Device.Nt.StackSize + (Filter ? 1 : 0));
+    if (Device.Nt.StackSize < 1 || Device.Nt.StackSize > MaximumStackSize) {
+        BugCheck(bugcheck::IoVerifier, bugcheck::OwnRule, reinterpret_cast<ULONG_PTR>(&Device.Nt),
+                 static_cast<ULONG_PTR>(Device.Nt.StackSize), 0, "a device's StackSize must be 1 to 7 here");
+    }
+    IrpBlock *Block = ThreadCache().Allocate();
+    UnpoisonIrp(*Block);
+    Block->State.store(IrpBlock::InUse, std::memory_order_relaxed);
+    Block->Asynchronous = false;
+    Block->File = nullptr;
+    Block->UserEvent = nullptr;
+    Block->Iosb = nullptr;
+    Block->CallersMdl = nullptr;
+    Block->MustWait = false;
+    Block->Process = CurrentThread().Process;
+    Block->SystemBuffer = nullptr;
+    Block->CopyTo = nullptr;
+    Block->MarkedPending = false;
+    Block->CompletedFrom = nullptr;
+
+    IRP &Irp = Block->Irp;
+    memset(static_cast<void *>(&Irp), 0, sizeof(IRP) + static_cast<size_t>(StackCount) * sizeof(IO_STACK_LOCATION));
+    Irp.Type = IO_TYPE_IRP;
+    Irp.Size = static_cast<USHORT>(sizeof(IRP) + static_cast<size_t>(StackCount) * sizeof(IO_STACK_LOCATION));
+    Irp.StackCount = StackCount;
+    Irp.CurrentLocation = static_cast<CHAR>(Device.Nt.StackSize);
+    Irp.Tail.Overlay.CurrentStackLocation = &Block->Stack[Device.Nt.StackSize - 1];
+    Irp.Tail.Overlay.Thread = &CurrentThread();
+    InitializeListHead(&Irp.ThreadListEntry);
+    Irp.Tail.Overlay.CurrentStackLocation->DeviceObject = &Device.Nt;
+    return Block;
+}
+
+void FreeIrp(IrpBlock *Block) noexcept {
+    const uint32_t State = Block->State.load(std::memory_order_relaxed);
+    if (!(State & IrpBlock::InUse)) {
+        Report(0x01, *Block, 0, "an IRP was freed twice");
+    }
+    if ((State & IrpBlock::Dispatched) && !(State & IrpBlock::Completed)) {
+        Report(0x20A, *Block, 0, "an IRP was freed while the driver still had it");
+    }
+    if (Block->SystemBuffer != nullptr) {
+        FreePool(PoolKind::Object, Block->SystemBuffer, 0);
+    }
+    if (!(State & IrpBlock::Completed)) {
+        PoisonIrp(*Block);
+    }
+    Block->State.store(0, std::memory_order_relaxed);
+    ThreadCache().Free(Block);
+}
+
+NTSTATUS CallDriver(DeviceObject &Device, IrpBlock &Block) noexcept {
+    KThread &Thread = CurrentThread();
+    const PIRP TopLevel = Thread.TopLevelIrp;
+    const UCHAR MajorFunction = Block.Irp.Tail.Overlay.CurrentStackLocation->MajorFunction;
+    const bool Asynchronous = Block.Asynchronous;
+    Block.StartTime = Observing.load(std::memory_order_acquire) ? WallClock() : 0;
+    Block.State.fetch_or(IrpBlock::Dispatched, std::memory_order_release);
+
+    NTSTATUS Status;
+    {
+        RequireUnchanged Unchanged(DriverCall::Dispatch, MajorFunctionName(MajorFunction));
+        FaultScope Faults;
+        Status = Device.Nt.DriverObject->MajorFunction[MajorFunction](&Device.Nt, &Block.Irp);
+    }
+    if (Thread.TopLevelIrp != TopLevel) {
+        Report(bugcheck::OwnRule, Block, reinterpret_cast<ULONG_PTR>(Thread.TopLevelIrp),
+               Describe(Block, MajorFunction) + "the thread's top-level IRP was not the same after the call");
+    }
+    if (Status == -1) {
+        Report(0x225, Block, 0, Describe(Block, MajorFunction) + "dispatch returned 0xFFFFFFFF");
+    }
+    Block.ReturnedStatus = Status;
+    if (!Block.IsCompleted()) {
+        if (Status != STATUS_PENDING) {
+            Report(0x226, Block, static_cast<ULONG>(Status),
+                   Describe(Block, MajorFunction) +
+                       "dispatch neither completed the request nor returned STATUS_PENDING");
+        }
+        if (!Asynchronous) {
+            KeInitializeEvent(&Block.Done, NotificationEvent, FALSE);
+        }
+    }
+    if (Block.State.fetch_or(IrpBlock::Returned, std::memory_order_acq_rel) & IrpBlock::Completed) {
+        CheckStory(Block, MajorFunction);
+        if (Asynchronous) {
+            FinishAsynchronous(Block);
+        }
+    } else if (!Asynchronous) {
+        // From here on the completer works with the block until it sets the event.
+        Block.MustWait = true;
+    }
+    return Status;
+}
+
+void WaitForIrp(IrpBlock &Block) noexcept {
+    if (Block.MustWait) {
+        static_cast<void>(KeWaitForSingleObject(&Block.Done, Executive, KernelMode, FALSE, nullptr));
+        Block.MustWait = false;
+    }
+}
+
+NTSTATUS CallDriverAndWait(DeviceObject &Device, IrpBlock &Block) noexcept {
+    static_cast<void>(CallDriver(Device, Block));
+    WaitForIrp(Block);
+    return Block.FinalStatus;
+}
+
+bool CancelIrp(IrpBlock &Block) noexcept {
+    PIRP Irp = &Block.Irp;
+    KIRQL Irql;
+    IoAcquireCancelSpinLock(&Irql);
+    // A request that is being completed is out of reach; one that is not yet stays readable while we work on it.
+    if (Block.State.fetch_or(IrpBlock::Cancelling, std::memory_order_acq_rel) & IrpBlock::Completing) {
+        IoReleaseCancelSpinLock(Irql);
+        return false;
+    }
+    Irp->Cancel = TRUE;
+    const PDRIVER_CANCEL Routine = __atomic_exchange_n(&Irp->CancelRoutine, nullptr, __ATOMIC_SEQ_CST);
+    if (Routine == nullptr) {
+        IoReleaseCancelSpinLock(Irql);
+        return false;
+    }
+    Irp->CancelIrql = Irql;
+    FaultScope Faults;
+    Routine(Irp->Tail.Overlay.CurrentStackLocation->DeviceObject, Irp);
+    if (FindHeld(CurrentThread(), &CancelSpinLock.Lock) != nullptr || CurrentThread().Irql != Irql) {
+        BugCheck(bugcheck::IoVerifier, bugcheck::OwnRule, reinterpret_cast<ULONG_PTR>(Irp), CurrentThread().Irql, Irql,
+                 "a cancel routine did not release the cancel spin lock to the IRQL of the request");
+    }
+    return true;
+}
+
+std::string DescribeIrps() {
+    std::string Text;
+    for (const IrpBlock *Block = AllBlocks.load(std::memory_order_acquire); Block != nullptr;
+         Block = Block->NextOfAll) {
+        const uint32_t State = Block->State.load(std::memory_order_acquire);
+        if (State & IrpBlock::InUse) {
+            Text += fmt::format("IRP {} {}\n", static_cast<const void *>(&Block->Irp),
+                                State & IrpBlock::Completed    ? "completed, but not freed"
+                                : State & IrpBlock::Dispatched ? "in a driver's hands, never completed"
+                                                               : "allocated, never sent");
+        }
+    }
+    return Text;
+}
+
+size_t IrpsInUse() noexcept {
+    size_t Count = 0;
+    for (const IrpBlock *Block = AllBlocks.load(std::memory_order_acquire); Block != nullptr;
+         Block = Block->NextOfAll) {
+        Count += (Block->State.load(std::memory_order_acquire) & IrpBlock::InUse) != 0;
+    }
+    return Count;
+}
+
+} // namespace embedded
+
+using namespace embedded;
+
+VOID NTAPI IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) noexcept {
+    IrpBlock &Block = *IrpBlock::Of(Irp);
+    PVOID Caller = __builtin_return_address(0);
+    if (Block.Signature != IrpBlock::SignatureValue) {
+        BugCheck(bugcheck::IoVerifier, 0x01, reinterpret_cast<ULONG_PTR>(Irp), 0, 0, "this is no IRP");
+    }
+    const uint32_t State = Block.State.fetch_or(IrpBlock::Completing, std::memory_order_acq_rel);
+    if (!(State & IrpBlock::InUse) || (State & IrpBlock::Completing)) {
+        BugCheck(bugcheck::MultipleIrpComplete, reinterpret_cast<ULONG_PTR>(Irp), 0, 0, 0,
+                 fmt::format("a request was completed twice: first from {}, now from {}",
+                             DescribeAddress(Block.CompletedFrom), DescribeAddress(Caller)));
+    }
+    Block.CompletedFrom = Caller;
+    if (!(State & IrpBlock::Dispatched)) {
+        Report(0x205, Block, 0, "a request was completed by a driver that it was not sent to");
+    }
+    CheckCompletion(Block);
+    const UCHAR MajorFunction = Irp->Tail.Overlay.CurrentStackLocation->MajorFunction;
+    if (Observing.load(std::memory_order_relaxed)) {
+        Observe(Block);
+    }
+    RunCompletionRoutines(Block);
+    Block.FinalStatus = Irp->IoStatus.Status;
+    Block.FinalInformation = Irp->IoStatus.Information;
+    Block.MarkedPending = Irp->PendingReturned;
+    Block.PriorityBoost = PriorityBoost;
+    const bool Asynchronous = Block.Asynchronous;
+    if (!(State & IrpBlock::Cancelling)) {
+        PoisonIrp(Block);
+    }
+    if (Block.State.fetch_or(IrpBlock::Completed, std::memory_order_acq_rel) & IrpBlock::Returned) {
+        CheckStory(Block, MajorFunction);
+        if (Asynchronous) {
+            FinishAsynchronous(Block);
+        } else {
+            KeSetEvent(&Block.Done, PriorityBoost, FALSE);
+        }
+    }
+}
+
+PIRP NTAPI IoGetTopLevelIrp() noexcept {
+    return CurrentThread().TopLevelIrp;
+}
+
+VOID NTAPI IoSetTopLevelIrp(PIRP Irp) noexcept {
+    CurrentThread().TopLevelIrp = Irp;
+}
+
+VOID NTAPI IoAcquireCancelSpinLock(PKIRQL Irql) noexcept {
+    *Irql = KeAcquireSpinLockRaiseToDpc(&CancelSpinLock.Lock);
+}
+
+VOID NTAPI IoReleaseCancelSpinLock(KIRQL Irql) noexcept {
+    KeReleaseSpinLock(&CancelSpinLock.Lock, Irql);
+}
+
+BOOLEAN NTAPI IoIsOperationSynchronous(PIRP Irp) noexcept {
+    // Paging I/O goes by its own flag alone, whatever the file was opened for.
+    if (Irp->Flags & IRP_PAGING_IO) {
+        return (Irp->Flags & IRP_SYNCHRONOUS_PAGING_IO) != 0;
+    }
+    const PFILE_OBJECT File = IoGetCurrentIrpStackLocation(Irp)->FileObject;
+    return (Irp->Flags & IRP_SYNCHRONOUS_API) != 0 || (File != nullptr && (File->Flags & FO_SYNCHRONOUS_IO) != 0);
+}
+
+PEPROCESS NTAPI IoGetRequestorProcess(PIRP Irp) noexcept {
+    return IrpBlock::Of(Irp)->Process;
+}
+
+BOOLEAN NTAPI IoCancelIrp(PIRP Irp) noexcept {
+    return CancelIrp(*IrpBlock::Of(Irp));
+}

@@ -1,0 +1,167 @@
+// The I/O manager's own records behind the platform's: device, file object, request, driver. For the rooms of this
+// kernel only; front ends and tests use io.h.
+//
+// A request is one block: the bookkeeping, the IRP, its stack locations. Its state word decides who finishes it: the
+// completer sets Completed, the caller of the driver sets Returned, and the second of the two finishes an asynchronous
+// request or has the waiter of a synchronous one woken. Blocks are kept per thread; none is ever given back to the
+// host, so that a completion that comes twice still finds a block to name.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+
+#include "embedded/io.h"
+#include "embedded/ke.h"
+#include "embedded/ob.h"
+
+namespace embedded {
+
+struct DriverRecord;
+
+class DeviceObject final : public Object {
+public:
+    // The object with its extension behind it; null when there is no memory.
+    static DeviceObject *Create(DriverRecord &Driver, ULONG ExtensionSize) noexcept;
+    static DeviceObject *Of(PDEVICE_OBJECT Device) noexcept {
+        return static_cast<DeviceObject *>(Device->DeviceObjectExtension);
+    }
+
+    // STATUS_NO_SUCH_DEVICE once the device is deleted or while it initialises; counts the open otherwise.
+    NTSTATUS BeginOpen() noexcept;
+    void EndOpen() noexcept;
+
+    DriverRecord *const Driver;
+    std::u16string Name;
+    std::atomic<bool> DeletePending{false};
+    SECURITY_DESCRIPTOR Security{};
+    alignas(16) DEVICE_OBJECT Nt{}; // last: the extension follows it
+
+private:
+    explicit DeviceObject(DriverRecord &Of) : Object(ObjectType::Device), Driver(&Of) {
+    }
+    void OnLastReference() noexcept override;
+};
+
+class FileObject final : public Object {
+public:
+    // Names it (a copy in pool) and counts it as an open of Device; null when there is no memory.
+    static FileObject *Create(Ref<DeviceObject> Device, std::u16string_view Name, ULONG Flags) noexcept;
+    static FileObject *Of(PFILE_OBJECT File) noexcept {
+        return static_cast<FileObject *>(File->FileObjectExtension);
+    }
+
+    bool IsSynchronous() const noexcept {
+        return (Nt.Flags & FO_SYNCHRONOUS_IO) != 0;
+    }
+    // The order of requests on a synchronous file: one at a time.
+    void Lock() noexcept;
+    void Unlock() noexcept;
+
+    const Ref<DeviceObject> Device;
+    bool Opened = false; // the driver accepted it: cleanup and close are owed
+    FILE_OBJECT Nt{};
+
+private:
+    explicit FileObject(Ref<DeviceObject> Of) : Object(ObjectType::File), Device(std::move(Of)) {
+    }
+    void OnLastHandleClosed() noexcept override;
+    void OnLastReference() noexcept override;
+};
+
+class EventObject final : public Object {
+public:
+    EventObject(EVENT_TYPE Type, bool Signalled) : Object(ObjectType::Event) {
+        KeInitializeEvent(&Event, Type, Signalled);
+    }
+    KEVENT Event;
+};
+
+struct DriverRecord {
+    DRIVER_OBJECT Nt{};
+    DRIVER_EXTENSION Extension{};
+    std::u16string Name;
+    std::u16string RegistryPath;
+};
+
+inline constexpr CCHAR MaximumStackSize = 7;
+
+struct IrpBlock {
+    enum : uint32_t { InUse = 1, Dispatched = 2, Completing = 4, Completed = 8, Returned = 16, Cancelling = 32 };
+    static constexpr uint32_t SignatureValue = 0x50524945;
+
+    uint32_t Signature = SignatureValue;
+    std::atomic<uint32_t> State{0};
+
+    // Set by whoever makes the request.
+    bool Asynchronous;        // nobody waits: the second of completer and caller finishes the block
+    FileObject *File;         // a reference of the request's own, for an asynchronous one
+    EventObject *UserEvent;   // likewise
+    PIO_STATUS_BLOCK Iosb;    // of the caller, written when an asynchronous request finishes
+    DeviceObject *HeldDevice; // a raw request's reference
+    PEPROCESS Process;        // of the thread that made the request
+    PMDL CallersMdl;          // the driver must leave it
+    PVOID SystemBuffer;       // pool of the request's own
+    PVOID CopyTo;             // Information bytes of SystemBuffer go here
+    ULONG CopyLimit;          // ... and never more than this
+    LARGE_INTEGER LockLength; // what Parameters.LockControl.Length points to
+
+    // Written by the completer.
+    NTSTATUS FinalStatus;
+    CCHAR PriorityBoost;
+    bool MarkedPending;
+    ULONG_PTR FinalInformation;
+    PVOID CompletedFrom;
+
+    NTSTATUS ReturnedStatus; // of the dispatch routine
+    int64_t StartTime;       // only while requests are observed
+    bool MustWait;           // the caller has to wait for Done before it touches the block again
+    KEVENT Done;             // initialised only when somebody has to wait
+    IrpBlock *NextOfAll;
+
+    alignas(16) IRP Irp;
+    IO_STACK_LOCATION Stack[MaximumStackSize + 1];
+
+    static IrpBlock *Of(PIRP Irp) noexcept {
+        return reinterpret_cast<IrpBlock *>(reinterpret_cast<char *>(Irp) - offsetof(IrpBlock, Irp));
+    }
+    bool IsCompleted() const noexcept {
+        return (State.load(std::memory_order_acquire) & Completed) != 0;
+    }
+};
+
+// A zeroed IRP for Device whose current stack location is the driver's. With Filter there is one more location above.
+IrpBlock *AllocateIrp(DeviceObject &Device, bool Filter = false) noexcept;
+// Gives the block back; one that the driver still has is bug check 0xC9 (0x20A).
+void FreeIrp(IrpBlock *Block) noexcept;
+
+struct IrpDeleter {
+    void operator()(IrpBlock *Block) const noexcept {
+        FreeIrp(Block);
+    }
+};
+using IrpHolder = std::unique_ptr<IrpBlock, IrpDeleter>;
+
+// Calls the driver's dispatch routine and checks what it leaves behind. Returns what it returned. Afterwards the block
+// of an asynchronous request may be gone.
+NTSTATUS CallDriver(DeviceObject &Device, IrpBlock &Block) noexcept;
+
+// Waits until a request that was sent is completed.
+void WaitForIrp(IrpBlock &Block) noexcept;
+
+// CallDriver, then the wait. Returns the final status.
+NTSTATUS CallDriverAndWait(DeviceObject &Device, IrpBlock &Block) noexcept;
+
+// The cancel spin lock is taken; runs the cancel routine. True when there was one.
+bool CancelIrp(IrpBlock &Block) noexcept;
+
+// The requests that are in a driver's hands, one line each.
+std::string DescribeIrps();
+size_t IrpsInUse() noexcept;
+size_t LiveDevices() noexcept;
+size_t LiveFileObjects() noexcept;
+
+// Adds the I/O manager's leak checks to the verifier's.
+void InitializeIo();
+
+} // namespace embedded

@@ -1,0 +1,274 @@
+#include "embedded/mm.h"
+
+#include <csignal>
+#include <mutex>
+#include <ucontext.h>
+
+#include <fmt/format.h>
+
+#include "embedded/ex.h"
+#include "embedded/faults.h"
+#include "embedded/ps.h"
+#include "embedded/verifier.h"
+
+// The guarded instructions: int Probe(const void *Address) returns 0, or 1 when the access faulted. They are no part
+// of any instrumented function, so that probing a redzone is no report.
+asm(R"(
+    .text
+    .p2align 4
+    .hidden EmbeddedProbeStart
+    .hidden EmbeddedProbeEnd
+    .hidden EmbeddedProbeFault
+    .hidden EmbeddedProbeRead
+    .hidden EmbeddedProbeWrite
+    .globl EmbeddedProbeStart
+    .globl EmbeddedProbeEnd
+    .globl EmbeddedProbeFault
+    .globl EmbeddedProbeRead
+    .globl EmbeddedProbeWrite
+EmbeddedProbeStart:
+    .type EmbeddedProbeRead, @function
+EmbeddedProbeRead:
+    movzbl (%rdi), %eax
+    xorl %eax, %eax
+    ret
+    .type EmbeddedProbeWrite, @function
+EmbeddedProbeWrite:
+    lock orb $0, (%rdi)
+    xorl %eax, %eax
+    ret
+EmbeddedProbeEnd:
+    .type EmbeddedProbeFault, @function
+EmbeddedProbeFault:
+    movl $1, %eax
+    ret
+)");
+
+extern "C" {
+extern const char EmbeddedProbeStart[];
+extern const char EmbeddedProbeEnd[];
+extern const char EmbeddedProbeFault[];
+int EmbeddedProbeRead(const void *Address);
+int EmbeddedProbeWrite(const void *Address);
+}
+
+namespace embedded {
+namespace {
+
+constexpr ULONG_PTR UserStart = 0x10000;
+constexpr ULONG_PTR UserEnd = 0x00007FFFFFFF0000;
+constexpr ULONG MdlTag = 0x206C644D; // "Mdl "
+
+struct sigaction OldSegv;
+struct sigaction OldBus;
+
+void PassOn(const struct sigaction &Old, int Signal, siginfo_t *Info, void *Context) {
+    if (Old.sa_flags & SA_SIGINFO) {
+        Old.sa_sigaction(Signal, Info, Context);
+    } else if (Old.sa_handler != SIG_DFL && Old.sa_handler != SIG_IGN) {
+        Old.sa_handler(Signal);
+    } else {
+        // The instruction faults again, now with the default action; a signal that was sent has to be sent again.
+        signal(Signal, SIG_DFL);
+        if (Info->si_code <= 0) {
+            raise(Signal);
+        }
+    }
+}
+
+void OnFault(int Signal, siginfo_t *Info, void *Context) {
+    greg_t &Rip = static_cast<ucontext_t *>(Context)->uc_mcontext.gregs[REG_RIP];
+    auto Place = reinterpret_cast<const char *>(Rip);
+    if (Place >= EmbeddedProbeStart && Place < EmbeddedProbeEnd) {
+        Rip = reinterpret_cast<greg_t>(EmbeddedProbeFault);
+        return;
+    }
+    PassOn(Signal == SIGSEGV ? OldSegv : OldBus, Signal, Info, Context);
+}
+
+void InstallHandler() {
+    struct sigaction New {};
+    New.sa_sigaction = OnFault;
+    New.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
+    sigemptyset(&New.sa_mask);
+    sigaction(SIGSEGV, &New, &OldSegv);
+    sigaction(SIGBUS, &New, &OldBus);
+}
+
+ULONG_PTR AddressOf(const void *Pointer) {
+    return reinterpret_cast<ULONG_PTR>(Pointer);
+}
+
+std::atomic<MM_SYSTEMSIZE> SystemSize{MmLargeSystem};
+std::atomic<ULONG64> Closes{0};
+std::atomic<PSECTION_OBJECT_POINTERS> LastClosed{nullptr};
+std::atomic<bool> CloseAnswer{true};
+
+[[noreturn]] __attribute__((noinline)) void NTAPI Stop(ULONG_PTR Which, const MDL *Mdl, const char *What) noexcept {
+    BugCheck(bugcheck::Verifier, Which, AddressOf(Mdl), static_cast<USHORT>(Mdl->MdlFlags), AddressOf(Mdl->Process),
+             fmt::format("{}: MDL {} of {} bytes at {}, flags 0x{:x}", What, static_cast<const void *>(Mdl),
+                         Mdl->ByteCount, MdlVirtualAddress(Mdl), static_cast<USHORT>(Mdl->MdlFlags)));
+}
+
+bool InUserHalf(ULONG_PTR Start, SIZE_T Length) {
+    return Start >= UserStart && Start < UserEnd && Length <= UserEnd - Start;
+}
+
+// Touches the first byte of the range and of every page after it.
+bool TouchPages(ULONG_PTR Start, SIZE_T Length, int (*Probe)(const void *)) {
+    const ULONG_PTR Last = Start + Length - 1;
+    if (Last < Start) {
+        return false;
+    }
+    for (ULONG_PTR Page = Start;;) {
+        if (Probe(reinterpret_cast<const void *>(Page)) != 0) {
+            return false;
+        }
+        const ULONG_PTR Next = (Page & ~ULONG_PTR{PAGE_SIZE - 1}) + PAGE_SIZE;
+        if (Next == 0 || Next > Last) {
+            return true;
+        }
+        Page = Next;
+    }
+}
+
+} // namespace
+
+bool ProbeRange(const void *Address, SIZE_T Length, bool Write) {
+    static std::once_flag Installed;
+    std::call_once(Installed, InstallHandler);
+    return Length == 0 || TouchPages(AddressOf(Address), Length, Write ? EmbeddedProbeWrite : EmbeddedProbeRead);
+}
+
+bool ProbeUserRange(const void *Address, SIZE_T Length, bool Write) {
+    if (Length == 0) {
+        return true;
+    }
+    return InUserHalf(AddressOf(Address), Length) && !(Verifying() && IsPoolAddress(Address)) &&
+           ProbeRange(Address, Length, Write);
+}
+
+void ProbeAndLockPages(PMDL Mdl, KPROCESSOR_MODE Mode, LOCK_OPERATION Operation) {
+    RequireIrql(IrqlRuleOf("MmProbeAndLockPages"));
+    if (Mdl->MdlFlags & (MDL_PAGES_LOCKED | MDL_SOURCE_IS_NONPAGED_POOL | MDL_PARTIAL)) {
+        Stop(bugcheck::OwnRule + 4, Mdl, "probe and lock of an MDL that is locked already");
+    }
+    if (ShouldFail(FaultKind::Mdl)) {
+        throw RaisedException{STATUS_WORKING_SET_QUOTA};
+    }
+    const bool Write = Operation != IoReadAccess;
+    const PVOID Address = MdlVirtualAddress(Mdl);
+    const bool Accessible =
+        Mode == UserMode ? ProbeUserRange(Address, Mdl->ByteCount, Write) : ProbeRange(Address, Mdl->ByteCount, Write);
+    if (!Accessible) {
+        throw RaisedException{STATUS_ACCESS_VIOLATION};
+    }
+    Mdl->MdlFlags = static_cast<CSHORT>(Mdl->MdlFlags | MDL_PAGES_LOCKED | (Write ? MDL_WRITE_OPERATION : 0));
+    if (Verifying()) {
+        Mdl->Process = CurrentThread().Process;
+        ++Mdl->Process->LockedMdls;
+    }
+}
+
+void SetSystemSize(MM_SYSTEMSIZE Size) {
+    SystemSize = Size;
+}
+
+ULONG64 SectionCloses() {
+    return Closes;
+}
+
+PSECTION_OBJECT_POINTERS LastSectionClosed() {
+    return LastClosed;
+}
+
+void ResetSectionCloses() {
+    Closes = 0;
+    LastClosed = nullptr;
+}
+
+void SetSectionCloseAnswer(bool Answer) {
+    CloseAnswer = Answer;
+}
+
+} // namespace embedded
+
+using namespace embedded;
+
+PMDL NTAPI IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN, PIRP Irp) noexcept {
+    RequireIrql(IrqlRuleOf("IoAllocateMdl"));
+    if (ShouldFail(FaultKind::Mdl)) {
+        return nullptr;
+    }
+    auto Mdl = static_cast<PMDL>(AllocatePool(PoolKind::Mdl, NonPagedPoolNx, sizeof(MDL), MdlTag));
+    if (Mdl == nullptr) {
+        return nullptr;
+    }
+    const ULONG_PTR Address = AddressOf(VirtualAddress);
+    *Mdl = MDL{};
+    Mdl->Size = sizeof(MDL);
+    Mdl->StartVa = reinterpret_cast<PVOID>(Address & ~ULONG_PTR{PAGE_SIZE - 1});
+    Mdl->ByteOffset = static_cast<ULONG>(Address & (PAGE_SIZE - 1));
+    Mdl->ByteCount = Length;
+    if (Irp != nullptr) {
+        PMDL *Link = &Irp->MdlAddress;
+        while (SecondaryBuffer && *Link != nullptr) {
+            Link = &(*Link)->Next;
+        }
+        *Link = Mdl;
+    }
+    return Mdl;
+}
+
+VOID NTAPI IoFreeMdl(PMDL Mdl) noexcept {
+    RequireIrql(IrqlRuleOf("IoFreeMdl"));
+    // Some drivers clear the lock flag themselves after unlocking; a process in the MDL means it was never unlocked.
+    if ((Mdl->MdlFlags & MDL_PAGES_LOCKED) || Mdl->Process != nullptr) {
+        Stop(bugcheck::FreeLockedMdl, Mdl, "MDL freed while its pages are locked");
+    }
+    FreePool(PoolKind::Mdl, Mdl, MdlTag);
+}
+
+VOID NTAPI MmUnlockPages(PMDL Mdl) noexcept {
+    RequireIrql(IrqlRuleOf("MmUnlockPages"));
+    if (Mdl->MdlFlags & MDL_PARTIAL) {
+        Stop(bugcheck::UnlockPartial, Mdl, "unlock of a partial MDL");
+    }
+    if (Mdl->MdlFlags & MDL_SOURCE_IS_NONPAGED_POOL) {
+        Stop(bugcheck::UnlockNonpaged, Mdl, "unlock of an MDL of nonpaged pool");
+    }
+    if (!(Mdl->MdlFlags & MDL_PAGES_LOCKED)) {
+        Stop(bugcheck::UnlockUnlocked, Mdl, "unlock of an MDL whose pages are not locked");
+    }
+    Mdl->MdlFlags =
+        static_cast<CSHORT>(Mdl->MdlFlags & ~(MDL_PAGES_LOCKED | MDL_MAPPED_TO_SYSTEM_VA | MDL_WRITE_OPERATION));
+    Mdl->MappedSystemVa = nullptr;
+    if (Mdl->Process != nullptr) {
+        --Mdl->Process->LockedMdls;
+        Mdl->Process = nullptr;
+    }
+}
+
+PVOID NTAPI MmMapLockedPagesSpecifyCache(PMDL Mdl, KPROCESSOR_MODE, MEMORY_CACHING_TYPE, PVOID, ULONG, ULONG) noexcept {
+    RequireIrql(IrqlRuleOf("MmMapLockedPagesSpecifyCache"));
+    if (!(Mdl->MdlFlags & (MDL_PAGES_LOCKED | MDL_PARTIAL))) {
+        Stop(bugcheck::OwnRule + 5, Mdl, "mapping of an MDL whose pages are not locked");
+    }
+    if (ShouldFail(FaultKind::Map)) {
+        return nullptr;
+    }
+    Mdl->MappedSystemVa = MdlVirtualAddress(Mdl);
+    Mdl->MdlFlags = static_cast<CSHORT>(Mdl->MdlFlags | MDL_MAPPED_TO_SYSTEM_VA);
+    return Mdl->MappedSystemVa;
+}
+
+MM_SYSTEMSIZE NTAPI MmQuerySystemSize() noexcept {
+    return SystemSize;
+}
+
+BOOLEAN NTAPI MmForceSectionClosed(PSECTION_OBJECT_POINTERS SectionObjectPointer, BOOLEAN) noexcept {
+    RequireIrql(IrqlRuleOf("MmForceSectionClosed"));
+    ++Closes;
+    LastClosed = SectionObjectPointer;
+    return CloseAnswer;
+}

@@ -1,0 +1,43 @@
+// Memory: MDLs, probing, and the few questions a file system asks the memory manager.
+//
+// Mappings are identities: the one address space is system and user space at once. Probing touches each page with a
+// guarded instruction; a handler for SIGSEGV and SIGBUS, installed at the first probe, passes everything else on to
+// the handler before it. Nothing blocks.
+#pragma once
+
+#include <exception>
+
+#include "embedded/ke.h"
+
+namespace embedded {
+
+// What a raising service raises. Never leaves an NTAPI function.
+struct RaisedException {
+    NTSTATUS Status;
+};
+
+// Probes every page of Mdl and marks it locked. Raises STATUS_ACCESS_VIOLATION with the MDL unchanged when a page
+// cannot be accessed; for UserMode also for pool, the lowest 64 KiB and anything beyond the user half.
+void ProbeAndLockPages(PMDL Mdl, KPROCESSOR_MODE Mode, LOCK_OPERATION Operation);
+
+// Whether [Address, Address + Length) can be read (written); a write probe leaves the bytes as they are.
+bool ProbeRange(const void *Address, SIZE_T Length, bool Write);
+
+// The same with the rules of UserMode: what ProbeForRead and ProbeForWrite accept.
+bool ProbeUserRange(const void *Address, SIZE_T Length, bool Write);
+
+inline PVOID MdlVirtualAddress(const MDL *Mdl) {
+    // By number: the start may be NULL or anything else a caller made up.
+    return reinterpret_cast<PVOID>(reinterpret_cast<ULONG_PTR>(Mdl->StartVa) + Mdl->ByteOffset);
+}
+
+void SetSystemSize(MM_SYSTEMSIZE Size);
+
+// Section closes since the last ResetSectionCloses, and the pointers of the last.
+ULONG64 SectionCloses();
+PSECTION_OBJECT_POINTERS LastSectionClosed();
+void ResetSectionCloses();
+// What MmForceSectionClosed answers; TRUE unless set.
+void SetSectionCloseAnswer(bool Answer);
+
+} // namespace embedded

@@ -1,0 +1,12 @@
+#include "kernel/kernel.h"
+
+#include "embedded/mm.h"
+
+NTSTATUS KernelProbeAndLockPages(PMDL Mdl, KPROCESSOR_MODE Mode, LOCK_OPERATION Operation) {
+    try {
+        embedded::ProbeAndLockPages(Mdl, Mode, Operation);
+        return STATUS_SUCCESS;
+    } catch (const embedded::RaisedException &Raised) {
+        return Raised.Status;
+    }
+}

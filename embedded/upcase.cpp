@@ -1,0 +1,38 @@
+#include "embedded/upcase.h"
+
+#include <array>
+#include <memory>
+#include <unicode/uchar.h>
+
+namespace embedded {
+namespace {
+
+constexpr size_t UnitCount = 0x10000;
+using UnitTable = std::array<WCHAR, UnitCount>;
+
+WCHAR UpperOf(UChar32 Unit) {
+    if (Unit >= 0xD800 && Unit <= 0xDFFF) {
+        return static_cast<WCHAR>(Unit);
+    }
+    UChar32 Upper = u_toupper(Unit);
+    // The platform never folds another letter onto ASCII: dotless i and long s are names of their own.
+    bool FoldsOntoAscii = Unit >= 0x80 && Upper < 0x80;
+    return static_cast<WCHAR>(Upper > 0xFFFF || FoldsOntoAscii ? Unit : Upper);
+}
+
+std::unique_ptr<const UnitTable> BuildTable() {
+    auto Table = std::make_unique<UnitTable>();
+    for (size_t Unit = 0; Unit < UnitCount; ++Unit) {
+        (*Table)[Unit] = UpperOf(static_cast<UChar32>(Unit));
+    }
+    return Table;
+}
+
+} // namespace
+
+const WCHAR *UpcaseTable() {
+    static const std::unique_ptr<const UnitTable> Table = BuildTable();
+    return Table->data();
+}
+
+} // namespace embedded

@@ -1,0 +1,74 @@
+// A Provider that serves local directories as volumes.
+//
+// The application makes one DirectoryProvider, adds its exports and hands Interface() to the component framework; it
+// keeps the object until every interface reference is released and no handle is open. Calls through the interface may
+// come from any number of threads at once; AddExport may be called at any time.
+//
+// Names are matched ignoring case and kept as they are (names.h, name_cache.h); nothing outside an exported directory
+// is ever reached (beneath.h). The calls act with the rights of the process.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "provider/provider_interface.h"
+
+namespace providers {
+
+struct ExportOptions {
+    bool ReadOnly = false;
+    uint64_t QuotaBytes = 0;      // 0 = no quota; counts the sizes of the files below the directory
+    bool EnforceLocks = true;     // byte-range locks forbid reads and writes through other handles
+    bool UseOpenat2 = true;       // false: component by component, every symbolic link refused
+    bool UseNotifications = true; // false: cached names are checked against the directories' time stamps
+};
+
+class DirectoryProvider {
+public:
+    DirectoryProvider();
+    DirectoryProvider(const DirectoryProvider &) = delete;
+    DirectoryProvider &operator=(const DirectoryProvider &) = delete;
+    // No call may be under way. Handles still open are closed.
+    ~DirectoryProvider();
+
+    // Serves Directory as \Server\Volume. Returns an empty text, or why it cannot be served, as one line to be printed.
+    [[nodiscard]] std::string AddExport(std::u16string_view Server, std::u16string_view Volume,
+                                        const std::filesystem::path &Directory, const ExportOptions &Options = {});
+    // The same for a name of the form \\server\volume or \server\volume.
+    [[nodiscard]] std::string AddExport(std::u16string_view UncName, const std::filesystem::path &Directory,
+                                        const ExportOptions &Options = {});
+
+    // The Provider's interface with one more reference, which the taker gives back through its release operation.
+    RVIOM_FSD *Interface();
+    // References given out and not yet released.
+    uint32_t InterfaceReferences() const;
+
+    // Handles that are open, of all kinds; 0 proves that nothing is left behind.
+    size_t OpenHandles() const;
+    struct OpenHandle {
+        RVHANDLE Handle;
+        std::string Kind; // "volume", "directory" or "file"
+        std::string Path; // in the local file system, as it was when the handle was opened
+    };
+    std::vector<OpenHandle> ListOpenHandles() const;
+
+    struct ExportInfo {
+        std::u16string Server;
+        std::u16string Volume;
+        std::filesystem::path Directory;
+        ExportOptions Options;
+        size_t DirectoryScans; // how often a directory had to be read for its names
+    };
+    std::vector<ExportInfo> Exports() const;
+
+    struct State;
+
+private:
+    std::unique_ptr<State> State_;
+};
+
+} // namespace providers

@@ -1,0 +1,140 @@
+#include "providers/directory/file_nodes.h"
+
+#include <algorithm>
+
+namespace providers::directory {
+namespace {
+
+constexpr ULONG ShareRead = 0x1;
+constexpr ULONG ShareWrite = 0x2;
+constexpr ULONG ShareDelete = 0x4;
+
+// The share bits that other opens must grant for this access.
+constexpr ULONG Needed(ULONG Access) {
+    return ((Access & (RV_ACCESS_READ | RV_ACCESS_EXECUTE)) != 0 ? ShareRead : 0u) |
+           ((Access & RV_ACCESS_WRITE) != 0 ? ShareWrite : 0u) | ((Access & RV_ACCESS_DELETE) != 0 ? ShareDelete : 0u);
+}
+
+// Last byte of a range that does not wrap.
+constexpr ULONG64 LastByte(ULONG64 First, ULONG64 Length) {
+    return First + (Length - 1);
+}
+
+constexpr bool Overlap(ULONG64 First, ULONG64 Length, ULONG64 OtherFirst, ULONG64 OtherLength) {
+    return Length != 0 && OtherLength != 0 && First <= LastByte(OtherFirst, OtherLength) &&
+           OtherFirst <= LastByte(First, Length);
+}
+
+} // namespace
+
+RVSTATUS FileNode::Share(const void *Owner, ULONG Access, ULONG ShareMode) {
+    const std::lock_guard Hold(Mutex_);
+    const ULONG Wanted = Needed(Access);
+    ShareEntry *Own = nullptr;
+    for (ShareEntry &Other : Shares_) {
+        if (Other.Owner == Owner) {
+            Own = &Other;
+        } else if (Wanted != 0 && Needed(Other.Access) != 0 &&
+                   ((Wanted & ~Other.Mode) != 0 || (Needed(Other.Access) & ~ShareMode) != 0)) {
+            return Failure(CODE_SHARING_VIOLATION);
+        }
+    }
+    if (Own != nullptr) {
+        *Own = {Owner, Access, ShareMode};
+    } else {
+        Shares_.push_back({Owner, Access, ShareMode});
+    }
+    return RVSTATUS::Success;
+}
+
+void FileNode::Leave(const void *Owner) {
+    const std::lock_guard Hold(Mutex_);
+    std::erase_if(Shares_, [Owner](const ShareEntry &Entry) { return Entry.Owner == Owner; });
+    std::erase_if(Locks_, [Owner](const LockEntry &Entry) { return Entry.Owner == Owner; });
+    LockCount_.store(static_cast<uint32_t>(Locks_.size()), std::memory_order_release);
+}
+
+RVSTATUS FileNode::CheckDelete(const void *Except) {
+    const std::lock_guard Hold(Mutex_);
+    const bool Refused = std::any_of(Shares_.begin(), Shares_.end(), [Except](const ShareEntry &Entry) {
+        return Entry.Owner != Except && Needed(Entry.Access) != 0 && (Entry.Mode & ShareDelete) == 0;
+    });
+    return Refused ? Failure(CODE_SHARING_VIOLATION) : RVSTATUS::Success;
+}
+
+RVSTATUS FileNode::Lock(const void *Owner, bool Exclusive, ULONG64 Offset, ULONG64 Length) {
+    if (Length != 0 && LastByte(Offset, Length) < Offset) {
+        return RVSTATUS::InvalidParameter;
+    }
+    const std::lock_guard Hold(Mutex_);
+    for (const LockEntry &Other : Locks_) {
+        const bool Compatible = !Exclusive && (!Other.Exclusive || Other.Owner == Owner);
+        if (!Compatible && Overlap(Offset, Length, Other.First, Other.Length)) {
+            return Failure(CODE_LOCK_NOT_GRANTED);
+        }
+    }
+    Locks_.push_back({Owner, Exclusive, Offset, Length});
+    LockCount_.store(static_cast<uint32_t>(Locks_.size()), std::memory_order_release);
+    return RVSTATUS::Success;
+}
+
+RVSTATUS FileNode::Unlock(const void *Owner, ULONG64 Offset, ULONG64 Length) {
+    const std::lock_guard Hold(Mutex_);
+    const auto Found = std::find_if(Locks_.begin(), Locks_.end(), [&](const LockEntry &Entry) {
+        return Entry.Owner == Owner && Entry.First == Offset && Entry.Length == Length;
+    });
+    if (Found == Locks_.end()) {
+        return Failure(CODE_RANGE_NOT_LOCKED);
+    }
+    Locks_.erase(Found);
+    LockCount_.store(static_cast<uint32_t>(Locks_.size()), std::memory_order_release);
+    return RVSTATUS::Success;
+}
+
+RVSTATUS FileNode::CheckLocks(const void *Owner, bool Write, ULONG64 Offset, ULONG64 Length) {
+    const std::lock_guard Hold(Mutex_);
+    const bool Conflict = std::any_of(Locks_.begin(), Locks_.end(), [&](const LockEntry &Entry) {
+        // An owner may read and write under its own locks, but not write what it locked shared.
+        const bool Forbids = Entry.Owner == Owner ? Write && !Entry.Exclusive : Write || Entry.Exclusive;
+        return Forbids && Overlap(Offset, Length, Entry.First, Entry.Length);
+    });
+    return Conflict ? Failure(CODE_LOCK_CONFLICT) : RVSTATUS::Success;
+}
+
+FileNode *FileNodes::Acquire(const ObjectKey &Key) {
+    Shard &Part = ShardOf(Key);
+    const std::lock_guard Hold(Part.Mutex);
+    std::unique_ptr<FileNode> &Node = Part.Nodes[Key];
+    if (!Node) {
+        Node = std::make_unique<FileNode>();
+        Node->Key_ = Key;
+    }
+    ++Node->References_;
+    return Node.get();
+}
+
+void FileNodes::Release(FileNode *Node) {
+    Shard &Part = ShardOf(Node->Key_);
+    const std::lock_guard Hold(Part.Mutex);
+    if (--Node->References_ == 0) {
+        Part.Nodes.erase(ObjectKey(Node->Key_));
+    }
+}
+
+RVSTATUS FileNodes::CheckDelete(const ObjectKey &Key) {
+    Shard &Part = ShardOf(Key);
+    const std::lock_guard Hold(Part.Mutex);
+    const auto Found = Part.Nodes.find(Key);
+    return Found == Part.Nodes.end() ? RVSTATUS::Success : Found->second->CheckDelete();
+}
+
+size_t FileNodes::Count() {
+    size_t Total = 0;
+    for (Shard &Part : Shards_) {
+        const std::lock_guard Hold(Part.Mutex);
+        Total += Part.Nodes.size();
+    }
+    return Total;
+}
+
+} // namespace providers::directory

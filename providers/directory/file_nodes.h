@@ -1,0 +1,96 @@
+// What the opens of one file have to agree on: share modes and byte-range locks.
+//
+// A node exists while a handle with access is open on the file; the handle's descriptor keeps the inode from being
+// reused. Locks: the table is sharded, each shard under a mutex; a node's lists under the node's own mutex, taken last.
+// Nothing here blocks on the file system.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+#include "providers/directory/beneath.h"
+#include "providers/directory/errno_status.h"
+
+namespace providers::directory {
+
+class FileNode {
+public:
+    // Grants or refuses Access under Share (the encodings of slot 18) to Owner against the other opens; a repeated call
+    // of the same owner replaces what it had. Refused: CODE_SHARING_VIOLATION, nothing changes.
+    RVSTATUS Share(const void *Owner, ULONG Access, ULONG ShareMode);
+
+    // Takes back Owner's share and all its locks.
+    void Leave(const void *Owner);
+
+    // CODE_SHARING_VIOLATION when an open other than Except does not share deletion.
+    RVSTATUS CheckDelete(const void *Except = nullptr);
+
+    // Byte-range locks of Owner. A shared lock may cover the owner's own exclusive one; everything else that overlaps
+    // an exclusive lock, and every exclusive lock that overlaps anything, is refused.
+    RVSTATUS Lock(const void *Owner, bool Exclusive, ULONG64 Offset, ULONG64 Length);
+    RVSTATUS Unlock(const void *Owner, ULONG64 Offset, ULONG64 Length);
+
+    // Whether Owner may read or write the range: CODE_LOCK_CONFLICT when another owner's lock forbids it.
+    RVSTATUS CheckTransfer(const void *Owner, bool Write, ULONG64 Offset, ULONG64 Length) {
+        return LockCount_.load(std::memory_order_acquire) == 0 ? RVSTATUS::Success
+                                                               : CheckLocks(Owner, Write, Offset, Length);
+    }
+
+    // Held around a change of size where the growth is charged to a quota.
+    std::mutex &SizeMutex() {
+        return SizeMutex_;
+    }
+
+private:
+    friend class FileNodes;
+    struct ShareEntry {
+        const void *Owner;
+        ULONG Access;
+        ULONG Mode;
+    };
+    struct LockEntry {
+        const void *Owner;
+        bool Exclusive;
+        ULONG64 First;
+        ULONG64 Length;
+    };
+
+    RVSTATUS CheckLocks(const void *Owner, bool Write, ULONG64 Offset, ULONG64 Length);
+
+    ObjectKey Key_;
+    size_t References_ = 0; // guarded by the shard's mutex
+    std::atomic<uint32_t> LockCount_ = 0;
+    std::mutex Mutex_;
+    std::mutex SizeMutex_;
+    std::vector<ShareEntry> Shares_;
+    std::vector<LockEntry> Locks_;
+};
+
+class FileNodes {
+public:
+    // The file's node with one reference, made when it is the first.
+    FileNode *Acquire(const ObjectKey &Key);
+    void Release(FileNode *Node);
+
+    // As FileNode::CheckDelete for a file that may have no node.
+    RVSTATUS CheckDelete(const ObjectKey &Key);
+
+    size_t Count();
+
+private:
+    struct Shard {
+        std::mutex Mutex;
+        std::unordered_map<ObjectKey, std::unique_ptr<FileNode>, ObjectKeyHash> Nodes;
+    };
+    Shard &ShardOf(const ObjectKey &Key) {
+        return Shards_[ObjectKeyHash{}(Key) >> 60];
+    }
+
+    std::array<Shard, 16> Shards_;
+};
+
+} // namespace providers::directory

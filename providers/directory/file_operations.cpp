@@ -1,0 +1,309 @@
+// Opening, creating and closing files, and the access of an open one: slots 18, 19 and 50.
+#include <cerrno>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "providers/directory/state.h"
+
+namespace providers::directory {
+namespace {
+
+using State = DirectoryProvider::State;
+using Sec = RV_SECURITY_CONTEXT *;
+
+constexpr int Attempts = 8;
+constexpr ULONG ActionReplaced = 3;
+constexpr ULONG ReadData = RV_ACCESS_READ | RV_ACCESS_EXECUTE;
+
+// One request of slot 18.
+struct Request {
+    ULONG Access;
+    ULONG Share;
+    ULONG Disposition;
+    ULONG Options;
+    ULONG Attributes;
+
+    bool Query() const {
+        return Disposition == RV_DISPOSITION_QUERY;
+    }
+    bool Creates() const {
+        return Disposition == RV_DISPOSITION_CREATE_NEW || Disposition == RV_DISPOSITION_CREATE_OR_REPLACE ||
+               Disposition == RV_DISPOSITION_OPEN_OR_CREATE;
+    }
+    bool Replaces() const {
+        return Disposition == RV_DISPOSITION_CREATE_OR_REPLACE || Disposition == RV_DISPOSITION_OVERWRITE_EXISTING;
+    }
+    // Access that the open of an existing file makes use of: replacing writes.
+    ULONG Uses() const {
+        return Query() ? 0 : Access | (Replaces() ? RV_ACCESS_WRITE : 0u);
+    }
+};
+
+struct Result {
+    std::unique_ptr<FileObject> File;
+    ULONG Action = 0;
+    bool Again = false; // the tree changed under the operation: start over
+};
+
+// Open flags for the access bits; a descriptor that only names the file when no data is to be moved.
+int FlagsFor(ULONG Access, ULONG Options) {
+    const bool Read = (Access & ReadData) != 0;
+    const bool Write = (Access & RV_ACCESS_WRITE) != 0;
+    if (!Read && !Write) {
+        return O_PATH;
+    }
+    // Nothing but regular files is served; without O_NONBLOCK a pipe put in place of one would block the open.
+    return (Read && Write ? O_RDWR
+            : Write       ? O_WRONLY
+                          : O_RDONLY) |
+           O_NONBLOCK | O_NOCTTY | ((Options & RV_OPTION_WRITE_THROUGH) != 0 ? O_DSYNC : 0);
+}
+
+RVSTATUS CheckKind(const struct stat &Stat, const Request &Wanted) {
+    if (S_ISDIR(Stat.st_mode)) {
+        return Failure(CODE_IS_A_DIRECTORY);
+    }
+    if (!Wanted.Query() && !S_ISREG(Stat.st_mode)) {
+        return RVSTATUS::AccessDenied;
+    }
+    return (Wanted.Uses() & RV_ACCESS_WRITE) != 0 && IsReadOnlyMode(Stat.st_mode) ? RVSTATUS::AccessDenied
+                                                                                  : RVSTATUS::Success;
+}
+
+// Empties a file that is to be replaced and gives it the new attributes.
+RVSTATUS Empty(const FileObject &File, const Request &Wanted) {
+    const std::lock_guard Hold(File.Node->SizeMutex());
+    struct stat Stat;
+    if (fstat(File.Fd.Get(), &Stat) != 0 || ftruncate(File.Fd.Get(), 0) != 0) {
+        return StatusFromErrno(errno);
+    }
+    File.Volume->Charge(-Stat.st_size);
+    return Wanted.Attributes != 0 ? ChangeMetadata(File.Fd.Get(), {&Wanted.Attributes}) : RVSTATUS::Success;
+}
+
+// Enters the file among the opens of its inode.
+RVSTATUS Join(FileObject &File, ULONG Uses, const Request &Wanted) {
+    File.Node = File.Nodes.Acquire(File.Key);
+    return File.Node->Share(&File, Uses, Wanted.Share);
+}
+
+RVSTATUS OpenExisting(State &Provider, const Place &At, const Resolved &Found, const Request &Wanted, Result &Out) {
+    if (Wanted.Disposition == RV_DISPOSITION_CREATE_NEW) {
+        return Failure(CODE_EXISTS);
+    }
+    if (Found.Name.empty() || Found.Type == DT_DIR) {
+        return Failure(CODE_IS_A_DIRECTORY);
+    }
+    if (At.Volume->Options.ReadOnly && (Wanted.Uses() & RV_ACCESS_WRITE) != 0) {
+        return RVSTATUS::AccessDenied;
+    }
+    // A device must not even be opened.
+    const bool Special = Found.Type != DT_REG && Found.Type != DT_LNK && Found.Type != DT_UNKNOWN;
+    if (Special && !Wanted.Query()) {
+        return RVSTATUS::AccessDenied;
+    }
+    UniqueFd Fd(At.Volume->Open(At.Ref, Found.Path(), FlagsFor(Wanted.Uses(), Wanted.Options)));
+    if (!Fd) {
+        Out.Again = errno == ENOENT;
+        return errno == ENXIO ? RVSTATUS::AccessDenied : StatusFromLookup(errno);
+    }
+    struct stat Stat;
+    if (fstat(Fd.Get(), &Stat) != 0) {
+        return StatusFromErrno(errno);
+    }
+    if (const RVSTATUS Status = CheckKind(Stat, Wanted); RvIsError(Status)) {
+        return Status;
+    }
+    auto File =
+        std::make_unique<FileObject>(At.Volume, std::move(Fd), KeyOf(Stat), PathFromRoot(At, Found), Provider.Nodes);
+    if (!Wanted.Query()) {
+        if (const RVSTATUS Status = Join(*File, Wanted.Uses(), Wanted); RvIsError(Status)) {
+            return Status;
+        }
+        File->Access = Wanted.Access;
+    }
+    Out.Action = RV_CREATE_ACTION_OPENED;
+    if (Wanted.Replaces()) {
+        if (const RVSTATUS Status = Empty(*File, Wanted); RvIsError(Status)) {
+            return Status;
+        }
+        // From here on only what was asked for counts; it is less, so it cannot be refused.
+        File->Node->Share(File.get(), Wanted.Access, Wanted.Share);
+        Out.Action = ActionReplaced;
+    }
+    Out.File = std::move(File);
+    return RVSTATUS::Success;
+}
+
+RVSTATUS CreateNew(State &Provider, const Place &At, const Resolved &Missing, const Request &Wanted, Result &Out) {
+    if (At.Volume->Options.ReadOnly) {
+        return RVSTATUS::AccessDenied;
+    }
+    UniqueFd Parent;
+    if (const RVSTATUS Status = OpenParent(At, Missing, Parent); RvIsError(Status)) {
+        return Status;
+    }
+    const int Through = (Wanted.Options & RV_OPTION_WRITE_THROUGH) != 0 ? O_DSYNC : 0;
+    UniqueFd Fd(openat(Parent.Get(), Missing.Name.c_str(),
+                       O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC | Through, 0666));
+    if (!Fd) {
+        Out.Again = errno == EEXIST;
+        return errno == ENOENT ? Failure(RVFS_PATH_NOT_FOUND) : StatusFromErrno(errno);
+    }
+    struct stat Stat;
+    RVSTATUS Status = fstat(Fd.Get(), &Stat) == 0 ? RVSTATUS::Success : StatusFromErrno(errno);
+    if (!RvIsError(Status) && Wanted.Attributes != 0) {
+        Status = ChangeMetadata(Fd.Get(), {&Wanted.Attributes});
+    }
+    if (RvIsError(Status)) {
+        // A file without what was asked for is not the one that was asked for.
+        unlinkat(Parent.Get(), Missing.Name.c_str(), 0);
+        return Status;
+    }
+    auto File =
+        std::make_unique<FileObject>(At.Volume, std::move(Fd), KeyOf(Stat), PathFromRoot(At, Missing), Provider.Nodes);
+    if (Status = Join(*File, Wanted.Access, Wanted); RvIsError(Status)) {
+        return Status;
+    }
+    File->Access = Wanted.Access;
+    Out.File = std::move(File);
+    Out.Action = RV_CREATE_ACTION_CREATED;
+    return RVSTATUS::Success;
+}
+
+RVSTATUS OpenOrCreate(State &Provider, const Place &At, const Request &Wanted, Result &Out) {
+    RVSTATUS Status = Failure(CODE_NO_SUCH_FILE);
+    for (int Attempt = 0; Attempt < Attempts; ++Attempt) {
+        Out = {};
+        Resolved Found;
+        Status = At.Volume->Names.Resolve(At.Ref, At.Path, Found);
+        if (!RvIsError(Status) && Found.Exists) {
+            Status = OpenExisting(Provider, At, Found, Wanted, Out);
+        } else if (!RvIsError(Status) && !Wanted.Creates()) {
+            return Failure(CODE_NO_SUCH_FILE);
+        } else if (!RvIsError(Status)) {
+            const std::lock_guard Hold(At.Volume->Changes);
+            Status = At.Volume->Names.Resolve(At.Ref, At.Path, Found);
+            if (!RvIsError(Status) && !Found.Exists) {
+                Status = CreateNew(Provider, At, Found, Wanted, Out);
+            } else if (!RvIsError(Status)) {
+                Out.Again = true; // someone else was first
+            }
+        }
+        if (!Out.Again) {
+            return Status;
+        }
+        if (Attempt != 0) {
+            At.Volume->Names.Forget();
+        }
+    }
+    // The last attempt's answer; for a name that is a link leading nowhere: missing to an open, in the way of a create.
+    return Wanted.Creates() ? Failure(CODE_EXISTS) : Status;
+}
+
+RVSTATUS NTAPI CreateFile(RVIOM_FSD *Self, Sec, RVHANDLE Base, PCWSTR Path, ULONG Access, ULONG Share,
+                          ULONG Disposition, ULONG Options, ULONG Attributes, RVHANDLE *File, ULONG *CreateAction) {
+    return Guarded([&] {
+        Store(File, 0u);
+        Store(CreateAction, 0u);
+        if (File == nullptr || Disposition > RV_DISPOSITION_OVERWRITE_EXISTING) {
+            return RVSTATUS::InvalidParameter;
+        }
+        Place At;
+        if (const RVSTATUS Status = State::Of(Self).Locate(Base, Path, At); RvIsError(Status)) {
+            return Status;
+        }
+        Result Opened;
+        const Request Wanted{Access, Share, Disposition, Options, Attributes & RV_ATTR_SETTABLE};
+        if (const RVSTATUS Status = OpenOrCreate(State::Of(Self), At, Wanted, Opened); RvIsError(Status)) {
+            return Status;
+        }
+        Opened.File->DeleteReserved = (Options & RV_OPTION_RESERVE_DELETE) != 0;
+        Store(CreateAction, Opened.Action);
+        return State::Of(Self).Publish(std::move(Opened.File), File);
+    });
+}
+
+RVSTATUS NTAPI CloseFile(RVIOM_FSD *Self, Sec, RVHANDLE File) {
+    return State::Of(Self).Open.Close(File, KIND_FILE) ? RVSTATUS::Success : RVSTATUS::InvalidHandle;
+}
+
+// Re-opens the very file that is open, with the flags for more access, under the same descriptor number.
+RVSTATUS Reopen(const FileObject &File, ULONG Access, ULONG Options) {
+    const UniqueFd Fd(
+        open(fmt::format("/proc/self/fd/{}", File.Fd.Get()).c_str(), FlagsFor(Access, Options) | O_CLOEXEC));
+    if (!Fd || dup3(Fd.Get(), File.Fd.Get(), O_CLOEXEC) < 0) {
+        return StatusFromErrno(errno);
+    }
+    return RVSTATUS::Success;
+}
+
+RVSTATUS CheckReservation(const FileObject &File, const struct stat &Stat) {
+    if (File.Volume->Options.ReadOnly || IsReadOnlyMode(Stat.st_mode)) {
+        return RVSTATUS::AccessDenied;
+    }
+    return File.Node->CheckDelete(&File);
+}
+
+bool Covers(int Flags, ULONG Access) {
+    const int Mode = Flags & O_ACCMODE;
+    const bool Named = (Flags & O_PATH) != 0;
+    const bool Read = !Named && Mode != O_WRONLY;
+    const bool Write = !Named && Mode != O_RDONLY;
+    return (Read || (Access & ReadData) == 0) && (Write || (Access & RV_ACCESS_WRITE) == 0);
+}
+
+RVSTATUS ChangeAccess(FileObject &File, ULONG Access, ULONG Share, ULONG Options) {
+    const std::lock_guard Hold(File.AccessMutex);
+    const bool Reserve = (Options & RV_OPTION_RESERVE_DELETE) != 0;
+    const bool MoreWriting = (Access & ~File.Access.load() & RV_ACCESS_WRITE) != 0;
+    struct stat Stat;
+    if (fstat(File.Fd.Get(), &Stat) != 0) {
+        return StatusFromErrno(errno);
+    }
+    if (MoreWriting && (File.Volume->Options.ReadOnly || IsReadOnlyMode(Stat.st_mode))) {
+        return RVSTATUS::AccessDenied;
+    }
+    if (Reserve) {
+        if (const RVSTATUS Status = CheckReservation(File, Stat); RvIsError(Status)) {
+            return Status;
+        }
+    }
+    if (!Covers(fcntl(File.Fd.Get(), F_GETFL), Access)) {
+        if (const RVSTATUS Status = Reopen(File, Access | File.Access.load(), Options); RvIsError(Status)) {
+            return Status;
+        }
+    }
+    if (const RVSTATUS Status = File.Node->Share(&File, Access, Share); RvIsError(Status)) {
+        return Status;
+    }
+    File.Access = Access;
+    File.DeleteReserved = Reserve;
+    return RVSTATUS::Success;
+}
+
+RVSTATUS NTAPI ModifyFileAccess(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG Access, ULONG Share, ULONG Options) {
+    return Guarded([&] {
+        const auto Found = State::Of(Self).Open.Acquire(Handle, KIND_FILE);
+        if (!Found) {
+            return RVSTATUS::InvalidHandle;
+        }
+        auto &File = static_cast<FileObject &>(*Found);
+        // A query open has no access that could be changed.
+        return File.Node == nullptr ? RVSTATUS::AccessDenied : ChangeAccess(File, Access, Share, Options);
+    });
+}
+
+} // namespace
+
+void FillFileSlots(RVIOM_FSD_TABLE &Table) {
+    Table.RVFsdCreateFile = &CreateFile;
+    Table.RVFsdCloseFile = &CloseFile;
+    Table.RVFsdModifyFileAccess = &ModifyFileAccess;
+}
+
+} // namespace providers::directory

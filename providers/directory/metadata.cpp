@@ -1,0 +1,211 @@
+#include "providers/directory/metadata.h"
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/sysmacros.h>
+#include <sys/xattr.h>
+
+namespace providers::directory {
+namespace {
+
+constexpr char RecordName[] = "user.rvfsd.attributes";
+constexpr LONG64 UnitsPerSecond = 10'000'000;
+constexpr LONG64 SecondsFrom1601 = 11'644'473'600;
+constexpr ULONG Kept = RV_ATTR_SETTABLE;
+
+// The extended attribute's value.
+struct Record {
+    uint32_t Version = 1;
+    uint32_t Attributes = 0;
+    uint32_t WriteBits = 0; // write permissions that READONLY took away
+    uint32_t HasCreation = 0;
+    int64_t Creation = 0;
+
+    bool operator==(const Record &) const = default;
+};
+static_assert(sizeof(Record) == 24);
+
+// A descriptor's link: leads to the open object itself and serves O_PATH descriptors too.
+std::string LinkOf(int Fd) {
+    return fmt::format("/proc/self/fd/{}", Fd);
+}
+
+LONG64 UnitsOf(int64_t Seconds, uint32_t Nanoseconds) {
+    return (Seconds + SecondsFrom1601) * UnitsPerSecond + Nanoseconds / 100;
+}
+
+timespec TimespecOf(LONG64 Units) {
+    return {static_cast<time_t>(Units / UnitsPerSecond - SecondsFrom1601),
+            static_cast<long>(Units % UnitsPerSecond * 100)};
+}
+
+void Parse(const void *Value, ssize_t Size, Record &Out) {
+    Record Read;
+    if (Size == sizeof Read) {
+        memcpy(&Read, Value, sizeof Read);
+        if (Read.Version == 1) {
+            Out = Read;
+        }
+    }
+}
+
+// An object without the record, or on a file system that keeps none, has the default one.
+Record ReadRecord(int Fd) {
+    Record Out;
+    char Value[sizeof(Record)];
+    ssize_t Size = fgetxattr(Fd, RecordName, Value, sizeof Value);
+    if (Size < 0 && errno == EBADF) {
+        Size = getxattr(LinkOf(Fd).c_str(), RecordName, Value, sizeof Value);
+    }
+    Parse(Value, Size, Out);
+    return Out;
+}
+
+int WriteRecord(int Fd, const Record &Value) {
+    const std::string Link = LinkOf(Fd);
+    if (Value == Record{}) {
+        return removexattr(Link.c_str(), RecordName) == 0 || errno == ENODATA || errno == EOPNOTSUPP ? 0 : errno;
+    }
+    return setxattr(Link.c_str(), RecordName, &Value, sizeof Value, 0) == 0 ? 0 : errno;
+}
+
+// The kernel wants write permission for the record; a read-only file of ours gets it for that moment.
+int WriteRecordAnyway(int Fd, mode_t Mode, const Record &Value) {
+    const int Error = WriteRecord(Fd, Value);
+    if (Error != EACCES || !IsReadOnlyMode(Mode) || chmod(LinkOf(Fd).c_str(), (Mode & 07777) | S_IWUSR) != 0) {
+        return Error;
+    }
+    const int Second = WriteRecord(Fd, Value);
+    return chmod(LinkOf(Fd).c_str(), Mode & 07777) == 0 || Second != 0 ? Second : errno;
+}
+
+void Fill(const struct statx &Stat, const Record &Kept, Metadata &Out) {
+    const bool Directory = S_ISDIR(Stat.stx_mode);
+    Out.Attributes = Kept.Attributes & RV_ATTR_SETTABLE;
+    if (Directory) {
+        Out.Attributes |= RV_ATTR_DIRECTORY;
+    } else {
+        Out.Attributes &= ~static_cast<ULONG>(RV_ATTR_READONLY);
+        Out.Attributes |= IsReadOnlyMode(Stat.stx_mode) ? RV_ATTR_READONLY : 0u;
+    }
+    Out.LastWrite = UnitsOf(Stat.stx_mtime.tv_sec, Stat.stx_mtime.tv_nsec);
+    Out.LastAccess = UnitsOf(Stat.stx_atime.tv_sec, Stat.stx_atime.tv_nsec);
+    const LONG64 Born =
+        (Stat.stx_mask & STATX_BTIME) != 0 ? UnitsOf(Stat.stx_btime.tv_sec, Stat.stx_btime.tv_nsec) : Out.LastWrite;
+    Out.Creation = Kept.HasCreation != 0 ? Kept.Creation : Born;
+    Out.EndOfFile = Directory ? 0 : Stat.stx_size;
+    Out.Allocated = Stat.stx_blocks * 512;
+    Out.Key = {makedev(Stat.stx_dev_major, Stat.stx_dev_minor), Stat.stx_ino};
+    Out.Mode = Stat.stx_mode;
+    Out.Owner = Stat.stx_uid;
+    Out.Links = Stat.stx_nlink;
+}
+
+bool Changes(const LONG64 *Time) {
+    return Time != nullptr && *Time != 0 && *Time != -1;
+}
+
+// Clears or gives back the write permissions of a file, remembering in the record what was taken.
+int ChangeReadOnly(int Fd, mode_t Mode, bool ReadOnly, Record &Value) {
+    if (ReadOnly == IsReadOnlyMode(Mode)) {
+        return 0;
+    }
+    mode_t Wanted = Mode & 07555;
+    if (ReadOnly) {
+        Value.WriteBits = Mode & 0222;
+    } else {
+        Wanted |= S_IWUSR | (Value.WriteBits & 0222);
+        Value.WriteBits = 0;
+    }
+    return chmod(LinkOf(Fd).c_str(), Wanted) == 0 ? 0 : errno;
+}
+
+RVSTATUS ChangeAttributes(int Fd, const MetadataChange &Change, mode_t Mode, Record &Value) {
+    const Record Before = Value;
+    const bool Directory = S_ISDIR(Mode);
+    if (Changes(Change.Creation)) {
+        Value.HasCreation = 1;
+        Value.Creation = *Change.Creation;
+    }
+    bool ReadOnly = IsReadOnlyMode(Mode);
+    if (Change.Attributes != nullptr) {
+        ReadOnly = !Directory && (*Change.Attributes & RV_ATTR_READONLY) != 0;
+        Value.Attributes = *Change.Attributes & (Directory ? Kept : Kept & ~static_cast<ULONG>(RV_ATTR_READONLY));
+    }
+    // Writing the record needs write permission: take it away last, give it back first.
+    if (!Directory && !ReadOnly) {
+        if (const int Error = ChangeReadOnly(Fd, Mode, false, Value); Error != 0) {
+            return StatusFromErrno(Error);
+        }
+    }
+    const bool Taking = !Directory && ReadOnly && !IsReadOnlyMode(Mode);
+    if (Taking) {
+        Value.WriteBits = Mode & 0222;
+    }
+    if (!(Value == Before)) {
+        const int Error = WriteRecordAnyway(Fd, Mode, Value);
+        // Only what was asked for must be kept; remembered permissions and ARCHIVE are a convenience.
+        const bool Needed = (Value.Attributes & ~static_cast<ULONG>(RV_ATTR_ARCHIVE)) != 0 || Changes(Change.Creation);
+        if (Error != 0 && (Error != EOPNOTSUPP || Needed)) {
+            return StatusFromErrno(Error);
+        }
+    }
+    return Taking ? StatusFromErrno(ChangeReadOnly(Fd, Mode, true, Value)) : RVSTATUS::Success;
+}
+
+} // namespace
+
+RVSTATUS ReadMetadata(int Fd, Metadata &Out) {
+    struct statx Stat;
+    if (statx(Fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &Stat) != 0) {
+        return StatusFromErrno(errno);
+    }
+    Fill(Stat, ReadRecord(Fd), Out);
+    return RVSTATUS::Success;
+}
+
+RVSTATUS ReadEntryMetadata(int Fd, const char *Name, Metadata &Out) {
+    struct statx Stat;
+    if (statx(Fd, Name, AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &Stat) != 0) {
+        return StatusFromErrno(errno);
+    }
+    Record Value;
+    if (!S_ISLNK(Stat.stx_mode)) {
+        char Bytes[sizeof(Record)];
+        const std::string Link = fmt::format("/proc/self/fd/{}/{}", Fd, Name);
+        Parse(Bytes, lgetxattr(Link.c_str(), RecordName, Bytes, sizeof Bytes), Value);
+    }
+    Fill(Stat, Value, Out);
+    return RVSTATUS::Success;
+}
+
+RVSTATUS ChangeMetadata(int Fd, const MetadataChange &Change) {
+    for (const LONG64 *Time : {Change.Creation, Change.LastWrite, Change.LastAccess}) {
+        if (Changes(Time) && *Time < 0) {
+            return RVSTATUS::InvalidParameter;
+        }
+    }
+    if (Change.Attributes != nullptr || Changes(Change.Creation)) {
+        struct stat Stat;
+        if (fstat(Fd, &Stat) != 0) {
+            return StatusFromErrno(errno);
+        }
+        Record Value = ReadRecord(Fd);
+        if (const RVSTATUS Status = ChangeAttributes(Fd, Change, Stat.st_mode, Value); RvIsError(Status)) {
+            return Status;
+        }
+    }
+    if (!Changes(Change.LastWrite) && !Changes(Change.LastAccess)) {
+        return RVSTATUS::Success;
+    }
+    const timespec Leave{0, UTIME_OMIT};
+    const timespec Times[2] = {Changes(Change.LastAccess) ? TimespecOf(*Change.LastAccess) : Leave,
+                               Changes(Change.LastWrite) ? TimespecOf(*Change.LastWrite) : Leave};
+    return utimensat(AT_FDCWD, LinkOf(Fd).c_str(), Times, 0) == 0 ? RVSTATUS::Success : StatusFromErrno(errno);
+}
+
+} // namespace providers::directory

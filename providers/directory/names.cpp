@@ -1,0 +1,228 @@
+#include "providers/directory/names.h"
+
+#include <algorithm>
+#include <iterator>
+#include <memory>
+#include <vector>
+
+#include <unicode/uchar.h>
+#include <unicode/utf16.h>
+#include <unicode/utf8.h>
+
+namespace providers::directory {
+namespace {
+
+constexpr char16_t PrivateBase = 0xF000;
+constexpr char16_t MaskStar = 0xF8FC;
+constexpr char16_t MaskQuestion = 0xF8FD;
+constexpr char16_t MaskDot = 0xF8FF;
+
+constexpr bool IsForbidden(UChar32 Character) {
+    return (Character > 0 && Character < 0x20) || Character == '"' || Character == '*' || Character == ':' ||
+           Character == '<' || Character == '>' || Character == '?' || Character == '\\' || Character == '|';
+}
+
+constexpr bool IsForbiddenAtEnd(UChar32 Character) {
+    return Character == '.' || Character == ' ';
+}
+
+// The units that stand for one byte. Others of the block stay ordinary private-use characters.
+constexpr bool StandsForByte(UChar32 Character) {
+    if (Character < PrivateBase || Character > PrivateBase + 0xFF) {
+        return false;
+    }
+    const UChar32 Byte = Character - PrivateBase;
+    return Byte >= 0x80 || IsForbidden(Byte) || IsForbiddenAtEnd(Byte);
+}
+
+constexpr bool IsShortForbidden(char16_t Unit) {
+    return IsForbidden(Unit) || Unit == u'.' || Unit == u'+' || Unit == u',' || Unit == u';' || Unit == u'=' ||
+           Unit == u'[' || Unit == u']' || Unit == u'/';
+}
+
+void AppendCharacter(std::u16string &Out, UChar32 Character) {
+    if (Character > 0xFFFF) {
+        Out.push_back(U16_LEAD(Character));
+        Out.push_back(U16_TRAIL(Character));
+    } else {
+        Out.push_back(static_cast<char16_t>(Character));
+    }
+}
+
+void AppendBytes(std::string &Out, UChar32 Character) {
+    char Bytes[U8_MAX_LENGTH];
+    int Count = 0;
+    U8_APPEND_UNSAFE(Bytes, Count, Character);
+    Out.append(Bytes, static_cast<size_t>(Count));
+}
+
+using FoldTable = std::unique_ptr<char16_t[]>;
+
+FoldTable MakeFoldTable() {
+    FoldTable Table(new char16_t[0x10000]);
+    for (UChar32 Unit = 0; Unit < 0x10000; ++Unit) {
+        const UChar32 Upper = u_toupper(Unit);
+        Table[Unit] = static_cast<char16_t>(U16_IS_SURROGATE(Unit) || Upper > 0xFFFF ? Unit : Upper);
+    }
+    return Table;
+}
+
+} // namespace
+
+std::u16string ServedName(std::string_view Native) {
+    std::u16string Served;
+    Served.reserve(Native.size());
+    const auto *Bytes = reinterpret_cast<const uint8_t *>(Native.data());
+    const auto Size = static_cast<int32_t>(Native.size());
+    for (int32_t Index = 0; Index < Size;) {
+        const int32_t Start = Index;
+        UChar32 Character = 0;
+        U8_NEXT(Bytes, Index, Size, Character);
+        if (Character < 0 || StandsForByte(Character)) {
+            for (int32_t Byte = Start; Byte < Index; ++Byte) {
+                Served.push_back(static_cast<char16_t>(PrivateBase + Bytes[Byte]));
+            }
+        } else if (IsForbidden(Character) || (Index == Size && IsForbiddenAtEnd(Character))) {
+            Served.push_back(static_cast<char16_t>(PrivateBase + Character));
+        } else {
+            AppendCharacter(Served, Character);
+        }
+    }
+    return Served;
+}
+
+std::optional<std::string> NativeName(std::u16string_view Served) {
+    std::string Native;
+    Native.reserve(Served.size() + 8);
+    for (size_t Index = 0; Index < Served.size();) {
+        UChar32 Character = 0;
+        U16_NEXT(Served.data(), Index, Served.size(), Character);
+        if (U_IS_SURROGATE(Character) || Character == '/' || Character == 0) {
+            return std::nullopt;
+        }
+        if (StandsForByte(Character)) {
+            Native.push_back(static_cast<char>(Character - PrivateBase));
+        } else {
+            AppendBytes(Native, Character);
+        }
+    }
+    if (Native.empty() || Native.size() > 255 || Native == "." || Native == "..") {
+        return std::nullopt;
+    }
+    // Two spellings must never lead to one entry: only the one that a listing gives is a name.
+    if (ServedName(Native) != Served) {
+        return std::nullopt;
+    }
+    return Native;
+}
+
+char16_t FoldUnit(char16_t Unit) {
+    static const FoldTable Table = MakeFoldTable();
+    return Table[Unit];
+}
+
+std::u16string Fold(std::u16string_view Name) {
+    std::u16string Folded(Name);
+    for (char16_t &Unit : Folded) {
+        Unit = FoldUnit(Unit);
+    }
+    return Folded;
+}
+
+std::u16string SpellingForCollision(std::u16string_view Name, unsigned K) {
+    const size_t Dot = Name.rfind(u'.');
+    const size_t Stem = Dot == std::u16string_view::npos || Dot == 0 ? Name.size() : Dot;
+    std::u16string Spelling(Name.substr(0, Stem));
+    Spelling.push_back(u'~');
+    for (const char Digit : std::to_string(K)) {
+        Spelling.push_back(static_cast<char16_t>(Digit));
+    }
+    return Spelling.append(Name.substr(Stem));
+}
+
+std::u16string ShortName(std::u16string_view Served) {
+    const size_t Dot = Served.rfind(u'.');
+    const size_t Stem = Dot == std::u16string_view::npos || Dot == 0 ? Served.size() : Dot;
+    const std::u16string_view Base = Served.substr(0, Stem);
+    const std::u16string_view Extension = Stem == Served.size() ? std::u16string_view() : Served.substr(Stem + 1);
+    const auto Plain = [](char16_t Unit) { return Unit > 0x20 && Unit < 0x7F && !IsShortForbidden(Unit); };
+    const bool Already = Base.size() <= 8 && Extension.size() <= 3 && (Stem == Served.size() || !Extension.empty()) &&
+                         std::all_of(Base.begin(), Base.end(), Plain) &&
+                         std::all_of(Extension.begin(), Extension.end(), Plain);
+    if (Already) {
+        return {};
+    }
+    const auto Keep = [&](std::u16string &Out, std::u16string_view From, size_t Count) {
+        for (const char16_t Unit : From) {
+            if (Count != 0 && Plain(Unit) && Unit != u'~') {
+                Out.push_back(FoldUnit(Unit));
+                --Count;
+            }
+        }
+    };
+    uint32_t Hash = 2166136261u;
+    for (const char16_t Unit : Served) {
+        Hash = (Hash ^ FoldUnit(Unit)) * 16777619u;
+    }
+    Hash ^= Hash >> 16;
+    std::u16string Short;
+    Keep(Short, Base, 2);
+    for (int Shift = 12; Shift >= 0; Shift -= 4) {
+        Short.push_back(u"0123456789ABCDEF"[(Hash >> Shift) & 0xF]);
+    }
+    Short.append(u"~1");
+    std::u16string Kept;
+    Keep(Kept, Extension, 3);
+    return Kept.empty() ? Short : Short + u"." + Kept;
+}
+
+bool HasWildcards(std::u16string_view Mask) {
+    constexpr char16_t Wildcards[] = {u'*', u'?', MaskStar, MaskQuestion, MaskDot};
+    return Mask.find_first_of(std::u16string_view(Wildcards, std::size(Wildcards))) != std::u16string_view::npos;
+}
+
+// A set of mask positions is carried along the name, so that the time is bounded by mask times name, whatever the
+// number of stars.
+bool MatchesMask(std::u16string_view Mask, std::u16string_view Name) {
+    if (Mask.empty() || Mask == u"*" || Mask == u"*.*") {
+        return true;
+    }
+    // The platform's "<" takes anything but the last full stop.
+    const size_t LastDot = Name.rfind(u'.');
+    std::vector<char> Now(Mask.size() + 1);
+    std::vector<char> Next(Mask.size() + 1);
+    // Positions that are reached without taking a unit of the name.
+    const auto Skip = [&](std::vector<char> &Set, bool AtEnd, bool AtDot) {
+        for (size_t At = 0; At < Mask.size(); ++At) {
+            const bool Free = Mask[At] == u'*' || Mask[At] == MaskStar ||
+                              (Mask[At] == MaskQuestion && (AtEnd || AtDot)) || (Mask[At] == MaskDot && AtEnd);
+            if (Set[At] != 0 && Free) {
+                Set[At + 1] = 1;
+            }
+        }
+    };
+    Now[0] = 1;
+    for (size_t Position = 0; Position < Name.size(); ++Position) {
+        const char16_t Unit = Name[Position];
+        const bool IsDot = Unit == u'.';
+        Skip(Now, false, IsDot);
+        std::fill(Next.begin(), Next.end(), 0);
+        for (size_t At = 0; At < Mask.size(); ++At) {
+            if (Now[At] == 0) {
+                continue;
+            }
+            const char16_t Wanted = Mask[At];
+            if (Wanted == u'*' || (Wanted == MaskStar && Position != LastDot)) {
+                Next[At] = 1;
+            } else if (Wanted == u'?' || (Wanted == MaskQuestion && !IsDot) || (Wanted == MaskDot && IsDot) ||
+                       Wanted == Unit) {
+                Next[At + 1] = 1;
+            }
+        }
+        Now.swap(Next);
+    }
+    Skip(Now, true, false);
+    return Now[Mask.size()] != 0;
+}
+
+} // namespace providers::directory

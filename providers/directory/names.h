@@ -1,0 +1,39 @@
+// Names on both sides: the bytes of a directory entry and the 16-bit name under which it is served.
+//
+// Served names are UTF-16. What cannot stand in a served name is written with private-use units U+F000 + byte: control
+// characters and " * : < > ? \ |, a full stop or blank at the end, and every byte that is not part of valid UTF-8. A
+// real private-use character that would read back as such a unit is treated as undecodable bytes, so that reading and
+// writing are exact inverses.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace providers::directory {
+
+// The served name of a directory entry. Any bytes are accepted; the answer is never empty for a name that is not.
+std::u16string ServedName(std::string_view Native);
+
+// The bytes of a served name, or nothing when no directory entry can be served under it: empty, "." and "..", longer
+// than 255 bytes, a separator or forbidden character, a lone surrogate, or a spelling that ServedName never gives.
+std::optional<std::string> NativeName(std::u16string_view Served);
+
+// The unit in upper case, one to one within the 16-bit range, as the platform compares names.
+char16_t FoldUnit(char16_t Unit);
+std::u16string Fold(std::u16string_view Name);
+
+// The K-th spelling (2, 3, ...) for a name that collides with another one: "~K" before the extension.
+std::u16string SpellingForCollision(std::u16string_view Name, unsigned K);
+
+// An 8.3 name made from the served name, upper case; empty for a name that is one already. Two names of a directory may
+// get the same one: it is then of no use to either.
+std::u16string ShortName(std::u16string_view Served);
+
+// Whether Mask holds one of the wildcards: * and ?, and U+F8FC, U+F8FD, U+F8FF, which stand for the platform's < > ".
+bool HasWildcards(std::u16string_view Mask);
+
+// Whether a served name matches a search mask, ignoring case. Both must be folded.
+bool MatchesMask(std::u16string_view FoldedMask, std::u16string_view FoldedName);
+
+} // namespace providers::directory

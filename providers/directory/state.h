@@ -1,0 +1,180 @@
+// What the operations of the directory Provider share: exports, open objects, and the way from a handle and a path to
+// them. Internal to the Provider.
+//
+// Lock order: an export's Changes, then its NameCache, then a FileNode's SizeMutex, then the rest, all leaves.
+#pragma once
+
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <new>
+#include <shared_mutex>
+
+#include "providers/directory/directory_provider.h"
+#include "providers/directory/file_nodes.h"
+#include "providers/directory/handle_table.h"
+#include "providers/directory/metadata.h"
+#include "providers/directory/name_cache.h"
+
+namespace providers::directory {
+
+struct Export {
+    Export(std::u16string_view ServerName, std::u16string_view VolumeName, std::filesystem::path Path, UniqueFd Fd,
+           const ExportOptions &Chosen);
+
+    // As OpenBeneath, below Base; a link that leads out of Base but not out of the export is followed.
+    int Open(const DirectoryRef &Base, std::string_view Path, int Flags) const;
+
+    // Takes Bytes more from the quota: CODE_QUOTA_EXCEEDED when it does not allow them. Negative gives back.
+    RVSTATUS Charge(int64_t Bytes);
+
+    // Unchanged after creation.
+    const std::u16string Server;
+    const std::u16string Volume;
+    const std::filesystem::path Directory;
+    const ExportOptions Options;
+    const Confinement How;
+    const UniqueFd Root;
+    DirectoryRef RootRef;
+    UCHAR Identifier[16] = {};
+
+    // Held while a name is given to something new, so that no two names differing only in case come into being.
+    std::mutex Changes;
+    NameCache Names;
+    std::atomic<int64_t> Used = 0; // bytes charged to the quota
+};
+using ExportPtr = std::shared_ptr<Export>;
+
+enum KIND : unsigned { KIND_VOLUME = 1, KIND_DIRECTORY = 2, KIND_FILE = 4 };
+inline constexpr unsigned KIND_FOLDER = KIND_VOLUME | KIND_DIRECTORY;
+inline constexpr unsigned KIND_ANY = KIND_FOLDER | KIND_FILE;
+
+// What a handle names.
+struct Object {
+    Object(unsigned ObjectKind, ExportPtr In, UniqueFd Opened, ObjectKey ObjectKeyValue, std::string Path)
+        : Kind(ObjectKind), Volume(std::move(In)), Fd(std::move(Opened)), Key(ObjectKeyValue),
+          FromRoot(std::move(Path)) {
+    }
+    virtual ~Object() = default;
+    unsigned KindMask() const {
+        return Kind;
+    }
+    DirectoryRef Ref() const {
+        return {Fd.Get(), Key, FromRoot};
+    }
+
+    // Unchanged after creation. A file's descriptor number stays, what it refers to may be re-opened.
+    const unsigned Kind;
+    const ExportPtr Volume;
+    const UniqueFd Fd;
+    const ObjectKey Key;
+    const std::string FromRoot;
+};
+
+// An enumeration in progress: the names as they were when it began.
+struct Listing {
+    uint8_t Tag = 0;
+    std::vector<ListedName> Names;
+    std::vector<std::u16string> ShortNames; // empty unless asked for
+};
+
+struct FolderObject final : Object {
+    using Object::Object;
+
+    std::mutex ListingMutex;
+    std::vector<Listing> Listings; // most recently used last; guarded by ListingMutex
+    uint8_t LastTag = 0;           // guarded by ListingMutex
+};
+
+struct FileObject final : Object {
+    FileObject(ExportPtr In, UniqueFd Opened, ObjectKey ObjectKeyValue, std::string Path, FileNodes &All)
+        : Object(KIND_FILE, std::move(In), std::move(Opened), ObjectKeyValue, std::move(Path)), Nodes(All) {
+    }
+    ~FileObject() override {
+        if (Node != nullptr) {
+            Node->Leave(this);
+            Nodes.Release(Node);
+        }
+    }
+
+    FileNodes &Nodes;
+    FileNode *Node = nullptr; // null for a query open; unchanged once the handle exists
+    std::atomic<ULONG> Access = 0;
+    std::atomic<bool> DeleteReserved = false;
+    std::mutex AccessMutex; // one change of access at a time
+};
+
+using Handles = HandleTable<Object>;
+
+// Where an operation acts: an export and, below Ref, a path.
+struct Place {
+    Handles::Use Base; // keeps Ref's descriptor open
+    ExportPtr Volume;
+    DirectoryRef Ref;
+    std::u16string_view Path;
+};
+
+// Runs an operation's body; no exception leaves it.
+template <class Body>
+RVSTATUS Guarded(Body Operation) noexcept {
+    try {
+        return Operation();
+    } catch (const std::bad_alloc &) {
+        return RVSTATUS::NoMemory;
+    } catch (const std::exception &) {
+        return RVSTATUS::Unsuccessful;
+    }
+}
+
+// Stores Value where the caller wants it.
+template <class Type, class Value>
+void Store(Type *Where, Value What) {
+    if (Where != nullptr) {
+        *Where = static_cast<Type>(What);
+    }
+}
+
+// Opens the directory that holds an object. Errors: as a look-up of a missing parent.
+RVSTATUS OpenParent(const Place &At, const Resolved &Found, UniqueFd &Parent);
+
+// The path of an object below the export's root.
+std::string PathFromRoot(const Place &At, const Resolved &Found);
+
+// The 64-bit identifier of an object.
+ULONG64 FileIdOf(const Export &Volume, const ObjectKey &Key);
+
+void FillVolumeSlots(RVIOM_FSD_TABLE &Table);
+void FillFolderSlots(RVIOM_FSD_TABLE &Table);
+void FillEnumerationSlots(RVIOM_FSD_TABLE &Table);
+void FillFileSlots(RVIOM_FSD_TABLE &Table);
+void FillTransferSlots(RVIOM_FSD_TABLE &Table);
+
+} // namespace providers::directory
+
+namespace providers {
+
+struct DirectoryProvider::State : RVIOM_FSD {
+    State();
+
+    // The export that an absolute path names; Rest receives what follows the volume. Errors: RVFS_UNKNOWN_SERVER,
+    // RVFS_UNRECOGNIZED_VOLUME.
+    RVSTATUS FindExport(std::u16string_view Path, directory::ExportPtr &Found, std::u16string_view &Rest) const;
+
+    // From a base handle (0 = Path is absolute) and a path.
+    RVSTATUS Locate(RVHANDLE Base, PCWSTR Path, directory::Place &Out);
+
+    // Gives Object a handle. CODE 0x0504 when the table is full.
+    RVSTATUS Publish(std::unique_ptr<directory::Object> New, RVHANDLE *Handle);
+
+    static State &Of(RVIOM_FSD *Self) {
+        return *static_cast<State *>(Self);
+    }
+
+    directory::FileNodes Nodes; // outlives the open files
+    directory::Handles Open;
+    std::atomic<uint32_t> References = 0;
+    mutable std::shared_mutex ExportsMutex;
+    std::vector<directory::ExportPtr> Exports; // guarded by ExportsMutex
+};
+
+} // namespace providers

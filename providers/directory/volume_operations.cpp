@@ -1,0 +1,173 @@
+// Operations on volumes, and those that take a handle of any kind: slots 3 to 7, 27, 48 and 49.
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include "providers/directory/state.h"
+
+namespace providers::directory {
+namespace {
+
+using State = DirectoryProvider::State;
+using Sec = RV_SECURITY_CONTEXT *;
+
+RVSTATUS NTAPI OpenVolume(RVIOM_FSD *Self, Sec, PCWSTR VolumePath, RVHANDLE *Volume) {
+    return Guarded([&] {
+        if (VolumePath == nullptr || Volume == nullptr) {
+            return RVSTATUS::InvalidParameter;
+        }
+        *Volume = 0;
+        ExportPtr Found;
+        std::u16string_view Rest;
+        if (const RVSTATUS Status = State::Of(Self).FindExport(VolumePath, Found, Rest); RvIsError(Status)) {
+            return Status;
+        }
+        if (Rest.find_first_not_of(u'\\') != Rest.npos) {
+            return Failure(RVFS_UNRECOGNIZED_VOLUME);
+        }
+        UniqueFd Fd(OpenBeneath(Found->How, Found->Root.Get(), "", O_PATH | O_DIRECTORY));
+        if (!Fd) {
+            return StatusFromErrno(errno);
+        }
+        return State::Of(Self).Publish(
+            std::make_unique<FolderObject>(KIND_VOLUME, Found, std::move(Fd), Found->RootRef.Key, std::string()),
+            Volume);
+    });
+}
+
+RVSTATUS NTAPI CloseVolume(RVIOM_FSD *Self, Sec, RVHANDLE Volume) {
+    return State::Of(Self).Open.Close(Volume, KIND_VOLUME) ? RVSTATUS::Success : RVSTATUS::InvalidHandle;
+}
+
+RVSTATUS NTAPI GetVolumeInformation(RVIOM_FSD *Self, Sec, RVHANDLE Volume, ULONG *Flags, UCHAR *Identifier, PVOID,
+                                    PVOID) {
+    const auto Found = State::Of(Self).Open.Acquire(Volume, KIND_VOLUME);
+    if (!Found) {
+        return RVSTATUS::InvalidHandle;
+    }
+    const Export &In = *Found->Volume;
+    Store(Flags, RV_VOLUME_IDENTIFIER_VALID | (In.Options.QuotaBytes != 0 ? RV_VOLUME_USER_QUOTAS : 0u));
+    if (Identifier != nullptr) {
+        memcpy(Identifier, In.Identifier, sizeof In.Identifier);
+    }
+    return RVSTATUS::Success;
+}
+
+RVSTATUS NTAPI GetVolumeSize(RVIOM_FSD *Self, Sec, RVHANDLE Volume, ULONG64 *Length, ULONG64 *Free,
+                             ULONG64 *QuotaAllowed, ULONG64 *FreeAfterQuota) {
+    const auto Found = State::Of(Self).Open.Acquire(Volume, KIND_VOLUME);
+    if (!Found) {
+        return RVSTATUS::InvalidHandle;
+    }
+    struct statvfs Info;
+    if (fstatvfs(Found->Fd.Get(), &Info) != 0) {
+        return StatusFromErrno(errno);
+    }
+    const ULONG64 Total = static_cast<ULONG64>(Info.f_blocks) * Info.f_frsize;
+    const ULONG64 Available = static_cast<ULONG64>(Info.f_bavail) * Info.f_frsize;
+    const Export &In = *Found->Volume;
+    const ULONG64 Quota = In.Options.QuotaBytes;
+    const auto Used = static_cast<ULONG64>(std::max<int64_t>(In.Used.load(), 0));
+    Store(Length, Total);
+    Store(Free, Available);
+    Store(QuotaAllowed, Quota != 0 ? Quota : Total);
+    // Without a quota the plain free space: callers compare with this figure in any case.
+    Store(FreeAfterQuota, Quota == 0 ? Available : std::min(Available, Quota > Used ? Quota - Used : 0));
+    return RVSTATUS::Success;
+}
+
+RVSTATUS NTAPI QueryPathForVolume(RVIOM_FSD *Self, Sec, PCWSTR FullPath, PWSTR Buffer) {
+    return Guarded([&] {
+        if (FullPath == nullptr || Buffer == nullptr) {
+            return RVSTATUS::InvalidParameter;
+        }
+        Buffer[0] = 0;
+        ExportPtr Found;
+        std::u16string_view Rest;
+        if (const RVSTATUS Status = State::Of(Self).FindExport(FullPath, Found, Rest); RvIsError(Status)) {
+            return Status;
+        }
+        // At most 2 * (1 + 255) units: always fits.
+        const std::u16string Path = u"\\" + Found->Server + u"\\" + Found->Volume;
+        static_assert((2 * 256 + 1) * sizeof(WCHAR) <= RV_PATH_BUFFER_BYTES);
+        memcpy(Buffer, Path.c_str(), (Path.size() + 1) * sizeof(WCHAR));
+        return RVSTATUS::Success;
+    });
+}
+
+RVSTATUS NTAPI GetFileId(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG64 *FileId) {
+    const auto Found = State::Of(Self).Open.Acquire(Handle, KIND_ANY);
+    if (!Found) {
+        return RVSTATUS::InvalidHandle;
+    }
+    Store(FileId, FileIdOf(*Found->Volume, Found->Key));
+    return RVSTATUS::Success;
+}
+
+// The right to erase is a right on the directory that holds the name. The directory is looked up again; when the name
+// leads to something else by now, the object of the handle is not there to be erased.
+RVSTATUS MayErase(const Object &Item, bool &May) {
+    May = false;
+    if (Item.FromRoot.empty() || Item.Volume->Options.ReadOnly) {
+        return RVSTATUS::Success;
+    }
+    const size_t Slash = Item.FromRoot.rfind('/');
+    const std::string Parent = Slash == std::string::npos ? "" : Item.FromRoot.substr(0, Slash);
+    const Export &In = *Item.Volume;
+    const UniqueFd Holder(OpenBeneath(In.How, In.Root.Get(), Parent, O_PATH | O_DIRECTORY));
+    const UniqueFd Again(OpenBeneath(In.How, In.Root.Get(), Item.FromRoot, O_PATH));
+    struct stat Directory;
+    struct stat Stat;
+    if (!Holder || !Again) {
+        return StatusFromLookup(errno);
+    }
+    if (fstat(Holder.Get(), &Directory) != 0 || fstat(Again.Get(), &Stat) != 0) {
+        return StatusFromErrno(errno);
+    }
+    if (!(KeyOf(Stat) == Item.Key)) {
+        return Failure(CODE_NO_SUCH_FILE);
+    }
+    if (faccessat(Holder.Get(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
+        return errno == EACCES || errno == EROFS ? RVSTATUS::Success : StatusFromErrno(errno);
+    }
+    const uid_t Me = geteuid();
+    May = (Directory.st_mode & S_ISVTX) == 0 || Me == 0 || Me == Stat.st_uid || Me == Directory.st_uid;
+    return RVSTATUS::Success;
+}
+
+RVSTATUS NTAPI GetEffectiveRights(RVIOM_FSD *Self, Sec, RVHANDLE Handle, USHORT *Rights) {
+    return Guarded([&] {
+        const auto Found = State::Of(Self).Open.Acquire(Handle, KIND_ANY);
+        if (!Found) {
+            return RVSTATUS::InvalidHandle;
+        }
+        bool May = false;
+        const RVSTATUS Status = MayErase(*Found, May);
+        Store(Rights, May ? USHORT{RV_RIGHT_ERASE} : USHORT{0});
+        return Status;
+    });
+}
+
+// Local directories are never part of a distributed name space.
+RVSTATUS NTAPI GetPhysicalPath(RVIOM_FSD *, Sec, RVHANDLE, PUNICODE_STRING, PUNICODE_STRING) {
+    return RVSTATUS::NotDistributedPath;
+}
+
+} // namespace
+
+void FillVolumeSlots(RVIOM_FSD_TABLE &Table) {
+    Table.RVFsdOpenVolume = &OpenVolume;
+    Table.RVFsdCloseVolume = &CloseVolume;
+    Table.RVFsdGetVolumeInformation = &GetVolumeInformation;
+    Table.RVFsdGetVolumeSize = &GetVolumeSize;
+    Table.RVFsdQueryPathForVolume = &QueryPathForVolume;
+    Table.RVFsdGetFileId = &GetFileId;
+    Table.RVFsdGetEffectiveRights = &GetEffectiveRights;
+    Table.RVFsdGetDFSPhysicalPath = &GetPhysicalPath;
+}
+
+} // namespace providers::directory

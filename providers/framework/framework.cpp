@@ -1,0 +1,551 @@
+#include "providers/framework/framework.h"
+
+#include "providers/framework/traps.h"
+
+#include <chrono>
+#include <cstdlib>
+#include <fmt/format.h>
+
+namespace providers {
+
+namespace {
+
+struct ClassRow {
+    const char *Name;
+    const GUID &Clsid;
+    const GUID &Iid;
+};
+
+// In the order of FrameworkClass.
+const ClassRow ClassRows[FrameworkClassCount] = {
+    {"RVPL", CLSID_Rvpl, IID_Rvpl},
+    {"Transport", CLSID_Transport, IID_Transport},
+    {"Quillon", CLSID_Quillon, IID_Quillon},
+    {"Provider", CLSID_Provider, IID_Provider},
+    {"SecurityContext", CLSID_SecurityContext, IID_SecurityContext},
+};
+
+std::atomic<Framework *> ActiveFramework{nullptr};
+
+bool SameGuid(const GUID &Left, const GUID &Right) {
+    return std::memcmp(&Left, &Right, sizeof(GUID)) == 0;
+}
+
+ULONG Raw(RVPSTATUS Status) {
+    return static_cast<ULONG>(Status);
+}
+
+LONG64 SystemClock() {
+    // 100-ns units between 1601-01-01 and 1970-01-01.
+    constexpr LONG64 UnixEpoch = 116444736000000000;
+    const auto Now = std::chrono::system_clock::now().time_since_epoch();
+    return UnixEpoch + std::chrono::duration_cast<std::chrono::nanoseconds>(Now).count() / 100;
+}
+
+} // namespace
+
+const char *NameOf(FrameworkClass Class) {
+    return ClassRows[static_cast<unsigned>(Class)].Name;
+}
+
+// The operations behind the tables: no exception may leave them, so all are noexcept.
+struct FrameworkEntries {
+    static Framework &Of(RVPL *Self) {
+        return *static_cast<Framework::RvplObject *>(Self)->Owner;
+    }
+    static Framework &Used(RVPL *Self, unsigned Slot) {
+        Framework &Owner = Of(Self);
+        Owner.CheckAlive(FrameworkClass::Rvpl, Slot);
+        return Owner;
+    }
+
+    static ULONG NTAPI ReleaseRvpl(RVPL *Self) noexcept {
+        return Of(Self).Release(FrameworkClass::Rvpl);
+    }
+    static PVOID NTAPI AllocateForText(RVPL *Self, SIZE_T Size) noexcept {
+        return Used(Self, 25).Allocate(Size, 25);
+    }
+    static PVOID NTAPI Allocate(RVPL *Self, SIZE_T Size) noexcept {
+        return Used(Self, 26).Allocate(Size, 26);
+    }
+    static VOID NTAPI Free(RVPL *Self, PVOID Pointer) noexcept {
+        Used(Self, 27).Free(Pointer);
+    }
+    static SIZE_T NTAPI StringLength(RVPL *Self, PCWSTR Text) noexcept {
+        Used(Self, 43);
+        return std::char_traits<char16_t>::length(Text);
+    }
+    static VOID NTAPI Clear(RVPL *Self, PVOID Pointer, SIZE_T Size) noexcept {
+        Used(Self, 44);
+        std::memset(Pointer, 0, Size);
+    }
+    static RVPSTATUS NTAPI AcquireMutex(RVPL *Self, RVPL_MUTEX Mutex) noexcept {
+        return Used(Self, 59).AcquireMutex(Mutex);
+    }
+    static RVPSTATUS NTAPI CreateMutex(RVPL *Self, ULONG One, RVPL_MUTEX *Mutex) noexcept {
+        return Used(Self, 62).CreateMutex(One, Mutex);
+    }
+    static VOID NTAPI DestroyMutex(RVPL *Self, RVPL_MUTEX Mutex) noexcept {
+        Used(Self, 66).DestroyMutex(Mutex);
+    }
+    static ULONG NTAPI Decrement(RVPL *Self, ULONG *Counter) noexcept {
+        Used(Self, 70);
+        return __atomic_sub_fetch(Counter, 1, __ATOMIC_SEQ_CST);
+    }
+    static ULONG NTAPI Increment(RVPL *Self, ULONG *Counter) noexcept {
+        Used(Self, 72);
+        return __atomic_add_fetch(Counter, 1, __ATOMIC_SEQ_CST);
+    }
+    static VOID NTAPI ReleaseMutex(RVPL *Self, RVPL_MUTEX Mutex) noexcept {
+        Used(Self, 73).ReleaseMutex(Mutex);
+    }
+    static VOID NTAPI SystemTime(RVPL *Self, LONG64 *Time) noexcept {
+        Framework &Owner = Used(Self, 86);
+        *Time = Owner.Time_ ? Owner.Time_() : SystemClock();
+    }
+
+    static ULONG NTAPI ReleaseSecurity(RV_SECURITY *Self) noexcept {
+        return static_cast<Framework::SecurityObject *>(Self)->Owner->Release(FrameworkClass::SecurityContext);
+    }
+    static VOID NTAPI GetCallerContext(RV_SECURITY *Self, RV_SECURITY_CONTEXT *SecurityContext) noexcept {
+        Framework &Owner = *static_cast<Framework::SecurityObject *>(Self)->Owner;
+        Owner.CheckAlive(FrameworkClass::SecurityContext, 9);
+        *SecurityContext = Owner.Caller_ ? Owner.Caller_() : Framework::DefaultCaller;
+    }
+
+    static ULONG NTAPI ReleasePlain(RVP_OBJECT *Self) noexcept {
+        auto *Object = static_cast<Framework::PlainObject *>(Self);
+        return Object->Owner->Release(Object->Class);
+    }
+
+    static ULONG NTAPI ReleaseProvider(RVIOM_FSD *Self) noexcept {
+        Framework *Owner = Framework::Active();
+        const ULONG Left = Owner->Release(FrameworkClass::Provider);
+        if (Owner->ProviderOwnTable_->Release != nullptr) {
+            Owner->ProviderOwnTable_->Release(Self);
+        }
+        return Left;
+    }
+
+    static RVPSTATUS Create(const GUID *Clsid, PVOID Outer, const GUID *Iid, PVOID *Out) noexcept {
+        Framework *Owner = Framework::Active();
+        if (Owner == nullptr) {
+            return RVPSTATUS::NoSuchClass;
+        }
+        return Owner->Create(Clsid, Outer, Iid, Out);
+    }
+
+    static const RVPL_TABLE *Rvpl() {
+        static const RVPL_TABLE Table = [] {
+            auto T = TrappedTable<RvplName, RVPL_TABLE>();
+            T.Release = ReleaseRvpl;
+            T.AllocateForText = AllocateForText;
+            T.Allocate = Allocate;
+            T.Free = Free;
+            T.StringLength = StringLength;
+            T.Clear = Clear;
+            T.AcquireMutex = AcquireMutex;
+            T.CreateMutex = CreateMutex;
+            T.DestroyMutex = DestroyMutex;
+            T.Decrement = Decrement;
+            T.Increment = Increment;
+            T.ReleaseMutex = ReleaseMutex;
+            T.SystemTime = SystemTime;
+            return T;
+        }();
+        return &Table;
+    }
+
+    static const RV_SECURITY_TABLE *Security() {
+        static const RV_SECURITY_TABLE Table = [] {
+            auto T = TrappedTable<SecurityName, RV_SECURITY_TABLE>();
+            T.Release = ReleaseSecurity;
+            T.GetCallerContext = GetCallerContext;
+            return T;
+        }();
+        return &Table;
+    }
+
+    // The driver only holds and releases these two, so their tables go as far as slot 31.
+    struct PlainTable {
+        RVP_OBJECT_TABLE Standard;
+        PVOID Unused3To31[29];
+    };
+    static const RVP_OBJECT_TABLE *Plain() {
+        static const PlainTable Table = [] {
+            auto T = TrappedTable<PlainObjectName, PlainTable>();
+            T.Standard.Release = ReleasePlain;
+            return T;
+        }();
+        return &Table.Standard;
+    }
+};
+
+Framework::Framework(RVIOM_FSD *Provider) {
+    Rvpl_.Table = FrameworkEntries::Rvpl();
+    Rvpl_.Owner = this;
+    Security_.Table = FrameworkEntries::Security();
+    Security_.Owner = this;
+    Transport_.Table = FrameworkEntries::Plain();
+    Transport_.Owner = this;
+    Transport_.Class = FrameworkClass::Transport;
+    Quillon_.Table = FrameworkEntries::Plain();
+    Quillon_.Owner = this;
+    Quillon_.Class = FrameworkClass::Quillon;
+    Framework *None = nullptr;
+    if (!ActiveFramework.compare_exchange_strong(None, this)) {
+        std::fprintf(stderr, "a second framework was made while one is active\n");
+        std::abort();
+    }
+    if (Provider != nullptr) {
+        RegisterProvider(Provider);
+    }
+}
+
+Framework::~Framework() {
+    if (Provider_ != nullptr) {
+        Provider_->Table = ProviderOwnTable_;
+    }
+    for (const auto &Entry : Blocks_) {
+        std::free(Entry.first);
+    }
+    ActiveFramework = nullptr;
+}
+
+Framework *Framework::Active() {
+    return ActiveFramework.load(std::memory_order_acquire);
+}
+
+void Framework::RegisterProvider(RVIOM_FSD *Provider) {
+    if (Provider_ != nullptr) {
+        std::fprintf(stderr, "a second Provider was registered\n");
+        std::abort();
+    }
+    ProviderOwnTable_ = Provider->Table;
+    ProviderTable_ = *Provider->Table;
+    ProviderTable_.Release = FrameworkEntries::ReleaseProvider;
+    Provider->Table = &ProviderTable_;
+    Provider_ = Provider;
+}
+
+void Framework::SetTimeSource(TimeSource Source) {
+    Time_ = std::move(Source);
+}
+
+void Framework::SetCaller(CallerSource Source) {
+    Caller_ = std::move(Source);
+}
+
+// ---- Creation and release ------------------------------------------------------------------------------------
+
+PVOID Framework::ObjectOf(FrameworkClass Class) {
+    switch (Class) {
+    case FrameworkClass::Rvpl:
+        return static_cast<RVPL *>(&Rvpl_);
+    case FrameworkClass::Transport:
+        return static_cast<RVP_OBJECT *>(&Transport_);
+    case FrameworkClass::Quillon:
+        return static_cast<RVP_OBJECT *>(&Quillon_);
+    case FrameworkClass::Provider:
+        return Provider_;
+    case FrameworkClass::SecurityContext:
+        return static_cast<RV_SECURITY *>(&Security_);
+    }
+    return nullptr;
+}
+
+RVPSTATUS Framework::Create(const GUID *Clsid, PVOID Outer, const GUID *Iid, PVOID *Out) {
+    if (Out == nullptr || Outer != nullptr) {
+        return RVPSTATUS::BadPointer;
+    }
+    *Out = nullptr;
+    unsigned Index = 0;
+    while (Index < FrameworkClassCount && !SameGuid(*Clsid, ClassRows[Index].Clsid)) {
+        Index++;
+    }
+    if (Index == FrameworkClassCount) {
+        return RVPSTATUS::NoSuchClass;
+    }
+    const auto Class = static_cast<FrameworkClass>(Index);
+
+    std::unique_lock Hold(Books_);
+    ClassState &Mine = State(Class);
+    Mine.Creates++;
+    if (Mine.BlockIn != 0 && --Mine.BlockIn == 0) {
+        Mine.Holding = true;
+        Mine.Blocked++;
+        Changed_.notify_all();
+        Changed_.wait(Hold, [&] { return !Mine.Holding; });
+        Mine.Blocked--;
+    }
+    RVPSTATUS Status = RVPSTATUS::Success;
+    bool WithObject = true;
+    for (auto Fault = Mine.Faults.begin(); Fault != Mine.Faults.end();) {
+        if (--Fault->Left == 0) {
+            Status = Fault->Status;
+            WithObject = Fault->WithObject;
+            Fault = Mine.Faults.erase(Fault);
+        } else {
+            ++Fault;
+        }
+    }
+    if (WithObject && (!SameGuid(*Iid, ClassRows[Index].Iid) || ObjectOf(Class) == nullptr)) {
+        Status = RVPSTATUS::NoSuchClass;
+        WithObject = false;
+    }
+    if (WithObject) {
+        Mine.References++;
+        Mine.Released = false;
+        *Out = ObjectOf(Class);
+    }
+    Log_.push_back(fmt::format("create {} -> 0x{:08X}{}", NameOf(Class), Raw(Status),
+                               !WithObject && !RvpIsError(Status) ? " (no object)" : ""));
+    Hold.unlock();
+    if (WithObject && Class == FrameworkClass::Provider && ProviderOwnTable_->AddRef != nullptr) {
+        reinterpret_cast<ULONG(NTAPI *)(RVIOM_FSD *)>(ProviderOwnTable_->AddRef)(Provider_);
+    }
+    return Status;
+}
+
+ULONG Framework::Release(FrameworkClass Class) {
+    std::lock_guard Hold(Books_);
+    ClassState &Mine = State(Class);
+    if (Mine.References == 0) {
+        Violations_.push_back(fmt::format("{} released without a reference", NameOf(Class)));
+        return 0;
+    }
+    const LONG Left = --Mine.References;
+    Mine.Released = Left == 0;
+    Log_.push_back(fmt::format("release {} -> {} left", NameOf(Class), Left));
+    return static_cast<ULONG>(Left);
+}
+
+void Framework::Misuse(std::string Text) {
+    std::lock_guard Hold(Books_);
+    Violations_.push_back(std::move(Text));
+}
+
+void Framework::CheckAlive(FrameworkClass Class, unsigned Slot) {
+    if (State(Class).Released.load(std::memory_order_relaxed)) {
+        Misuse(fmt::format("slot {} of {} called after its last release", Slot, NameOf(Class)));
+    }
+}
+
+// ---- RVPL memory and mutexes ---------------------------------------------------------------------------------
+
+PVOID Framework::Allocate(SIZE_T Size, unsigned Slot) {
+    std::lock_guard Hold(Books_);
+    Allocations_++;
+    if (FailAllocateIn_ != 0 && --FailAllocateIn_ == 0) {
+        return nullptr;
+    }
+    PVOID Pointer = std::malloc(Size == 0 ? 1 : Size);
+    if (Pointer == nullptr) {
+        return nullptr;
+    }
+    // Nothing promises zeroed memory; a caller that counts on it must fail here.
+    std::memset(Pointer, 0xA5, Size);
+    Blocks_[Pointer] = {Size, Slot};
+    return Pointer;
+}
+
+void Framework::Free(PVOID Pointer) {
+    std::lock_guard Hold(Books_);
+    const auto Found = Blocks_.find(Pointer);
+    if (Found == Blocks_.end()) {
+        Violations_.push_back(fmt::format("free of {}, which is not allocated", fmt::ptr(Pointer)));
+        return;
+    }
+    std::memset(Pointer, 0xDD, Found->second.Size);
+    Blocks_.erase(Found);
+    std::free(Pointer);
+}
+
+RVPSTATUS Framework::CreateMutex(ULONG One, RVPL_MUTEX *Handle) {
+    std::lock_guard Hold(Books_);
+    if (Handle == nullptr) {
+        return RVPSTATUS::BadPointer;
+    }
+    if (One != 1) {
+        Violations_.push_back(fmt::format("mutex created with {} instead of 1", One));
+    }
+    RVPSTATUS Status = RVPSTATUS::Success;
+    bool Store = true;
+    if (!CreateMutexFaults_.empty()) {
+        std::tie(Status, Store) = CreateMutexFaults_.front();
+        CreateMutexFaults_.pop_front();
+    }
+    if (Store) {
+        *Handle = ++LastMutex_;
+        Mutexes_[*Handle] = std::make_shared<Mutex>();
+    }
+    return Status;
+}
+
+RVPSTATUS Framework::AcquireMutex(RVPL_MUTEX Handle) {
+    std::shared_ptr<Mutex> Found;
+    {
+        std::lock_guard Hold(Books_);
+        if (!AcquireMutexFaults_.empty()) {
+            const RVPSTATUS Status = AcquireMutexFaults_.front();
+            AcquireMutexFaults_.pop_front();
+            return Status;
+        }
+        const auto Entry = Mutexes_.find(Handle);
+        if (Entry == Mutexes_.end()) {
+            Violations_.push_back(fmt::format("acquire of mutex {}, which does not exist", Handle));
+            return RVPSTATUS::BadPointer;
+        }
+        if (Entry->second->Owner == std::this_thread::get_id()) {
+            Violations_.push_back(fmt::format("mutex {} acquired twice by one thread", Handle));
+            return RVPSTATUS::BadPointer;
+        }
+        Found = Entry->second;
+    }
+    Found->Lock.lock();
+    std::lock_guard Hold(Books_);
+    Found->Owner = std::this_thread::get_id();
+    return RVPSTATUS::Success;
+}
+
+void Framework::ReleaseMutex(RVPL_MUTEX Handle) {
+    std::lock_guard Hold(Books_);
+    const auto Entry = Mutexes_.find(Handle);
+    if (Entry == Mutexes_.end() || Entry->second->Owner != std::this_thread::get_id()) {
+        Violations_.push_back(fmt::format("release of mutex {}, which this thread does not hold", Handle));
+        return;
+    }
+    Entry->second->Owner = {};
+    Entry->second->Lock.unlock();
+}
+
+void Framework::DestroyMutex(RVPL_MUTEX Handle) {
+    std::lock_guard Hold(Books_);
+    const auto Entry = Mutexes_.find(Handle);
+    if (Entry == Mutexes_.end()) {
+        Violations_.push_back(fmt::format("destruction of mutex {}, which does not exist", Handle));
+        return;
+    }
+    if (Entry->second->Owner != std::thread::id()) {
+        Violations_.push_back(fmt::format("destruction of mutex {} while it is held", Handle));
+        return;
+    }
+    Mutexes_.erase(Entry);
+}
+
+// ---- Faults --------------------------------------------------------------------------------------------------
+
+void Framework::FailCreate(FrameworkClass Class, RVPSTATUS Status, unsigned Nth) {
+    std::lock_guard Hold(Books_);
+    State(Class).Faults.push_back({Nth, Status, false});
+}
+
+void Framework::AnswerCreate(FrameworkClass Class, RVPSTATUS Status, unsigned Nth) {
+    std::lock_guard Hold(Books_);
+    State(Class).Faults.push_back({Nth, Status, true});
+}
+
+void Framework::BlockCreate(FrameworkClass Class, unsigned Nth) {
+    std::lock_guard Hold(Books_);
+    State(Class).BlockIn = Nth;
+}
+
+bool Framework::WaitUntilBlocked(FrameworkClass Class) {
+    std::unique_lock Hold(Books_);
+    return Changed_.wait_for(Hold, std::chrono::seconds(10), [&] { return State(Class).Blocked != 0; });
+}
+
+void Framework::UnblockCreate(FrameworkClass Class) {
+    std::lock_guard Hold(Books_);
+    State(Class).BlockIn = 0;
+    State(Class).Holding = false;
+    Changed_.notify_all();
+}
+
+void Framework::FailAllocate(unsigned Nth) {
+    std::lock_guard Hold(Books_);
+    FailAllocateIn_ = Nth;
+}
+
+void Framework::FailCreateMutex(RVPSTATUS Status, bool StoreHandle) {
+    std::lock_guard Hold(Books_);
+    CreateMutexFaults_.emplace_back(Status, StoreHandle);
+}
+
+void Framework::FailAcquireMutex(RVPSTATUS Status) {
+    std::lock_guard Hold(Books_);
+    AcquireMutexFaults_.push_back(Status);
+}
+
+// ---- Reports -------------------------------------------------------------------------------------------------
+
+std::vector<std::string> Framework::Log() const {
+    std::lock_guard Hold(Books_);
+    return Log_;
+}
+
+void Framework::ClearLog() {
+    std::lock_guard Hold(Books_);
+    Log_.clear();
+}
+
+LONG Framework::References(FrameworkClass Class) const {
+    return State(Class).References;
+}
+
+unsigned Framework::CreateCount(FrameworkClass Class) const {
+    std::lock_guard Hold(Books_);
+    return State(Class).Creates;
+}
+
+unsigned Framework::AllocationCount() const {
+    std::lock_guard Hold(Books_);
+    return Allocations_;
+}
+
+size_t Framework::LiveBlocks() const {
+    std::lock_guard Hold(Books_);
+    return Blocks_.size();
+}
+
+size_t Framework::LiveBytes() const {
+    std::lock_guard Hold(Books_);
+    size_t Bytes = 0;
+    for (const auto &Entry : Blocks_) {
+        Bytes += Entry.second.Size;
+    }
+    return Bytes;
+}
+
+size_t Framework::LiveMutexes() const {
+    std::lock_guard Hold(Books_);
+    return Mutexes_.size();
+}
+
+std::vector<std::string> Framework::Violations() const {
+    std::lock_guard Hold(Books_);
+    return Violations_;
+}
+
+std::vector<std::string> Framework::LeakReport() const {
+    std::lock_guard Hold(Books_);
+    std::vector<std::string> Lines;
+    for (unsigned Index = 0; Index < FrameworkClassCount; Index++) {
+        if (const LONG References = Classes_[Index].References; References != 0) {
+            Lines.push_back(fmt::format("{}: {} references", ClassRows[Index].Name, References));
+        }
+    }
+    for (const auto &Entry : Blocks_) {
+        Lines.push_back(fmt::format("block of {} bytes from slot {}", Entry.second.Size, Entry.second.Slot));
+    }
+    for (const auto &Entry : Mutexes_) {
+        Lines.push_back(fmt::format("mutex {}", Entry.first));
+    }
+    return Lines;
+}
+
+} // namespace providers
+
+NTKERNELAPI RVPSTATUS NTAPI ZelmCreateInstance(const GUID *Clsid, PVOID Outer, const GUID *Iid, PVOID *Out) {
+    return providers::FrameworkEntries::Create(Clsid, Outer, Iid, Out);
+}

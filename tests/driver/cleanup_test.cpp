@@ -1,0 +1,185 @@
+// What goes with the last handle of a file object: claims and locks, but neither FCB nor Provider handles.
+
+#include "embedded/faults.h"
+#include "embedded/fsrtl.h"
+#include "embedded/ps.h"
+#include "tests/driver/lock_client.h"
+#include "tests/driver/request_log.h"
+
+namespace {
+
+using providers::ProviderError;
+using providers::Slot;
+
+class Cleanup : public test::LockFixture {
+protected:
+    // Closes the handle but keeps the file object, so that its close is yet to come.
+    PFILE_OBJECT CleanUp(HANDLE Handle) {
+        PFILE_OBJECT Kept = embedded::FileObjectFromHandle(Handle);
+        EXPECT_EQ(Close(Handle), STATUS_SUCCESS);
+        return Kept;
+    }
+    static PFCB FcbOf(PFILE_OBJECT File) {
+        return static_cast<PFCB>(File->FsContext);
+    }
+};
+
+TEST_F(Cleanup, OfTheOnlyOpenLeavesItsShareClaim) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    Provider.ClearCalls();
+    const PFILE_OBJECT File = CleanUp(Handle);
+    EXPECT_EQ(FcbOf(File)->UncleanCount, 0u);
+    EXPECT_EQ(FcbOf(File)->OpenCount, 1u);
+    EXPECT_EQ(FcbOf(File)->ShareAccess.OpenCount, 1u);
+    EXPECT_TRUE(File->Flags & FO_CLEANUP_COMPLETE);
+    EXPECT_EQ(CallNames(), Calls{});
+    embedded::DereferenceFileObject(File);
+}
+
+TEST_F(Cleanup, OfOneOfTwoOpensGivesItsShareClaimBackOnce) {
+    const HANDLE Stays = MustOpen(u"\\srv\\vol\\a.txt");
+    const PFILE_OBJECT Goes = CleanUp(MustOpen(u"\\srv\\vol\\a.txt", Writer));
+    EXPECT_EQ(Fcb(Stays)->UncleanCount, 1u);
+    EXPECT_EQ(Fcb(Stays)->ShareAccess.OpenCount, 1u);
+    EXPECT_EQ(Fcb(Stays)->ShareAccess.Writers, 0u);
+    embedded::DereferenceFileObject(Goes);
+    EXPECT_EQ(Fcb(Stays)->ShareAccess.OpenCount, 1u);
+    Close(Stays);
+}
+
+TEST_F(Cleanup, AClaimThatItsCleanupLeftGoesWithTheClose) {
+    const PFILE_OBJECT Dead = CleanUp(MustOpen(u"\\srv\\vol\\a.txt"));
+    const HANDLE Next = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    embedded::DereferenceFileObject(Dead);
+    EXPECT_EQ(Fcb(Next)->ShareAccess.OpenCount, 1u);
+    EXPECT_EQ(Fcb(Next)->ShareAccess.Writers, 1u);
+    Close(Next);
+}
+
+TEST_F(Cleanup, ReleasesEveryLockOfTheHandleAndNoOther) {
+    const HANDLE Stays = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    const HANDLE Goes = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    EXPECT_EQ(Lock(Stays, 0, 1), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(Goes, 10, 1, 3), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(Goes, 20, 1, 4), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(Goes, 30, 1, 4), STATUS_SUCCESS);
+    Provider.ClearCalls();
+    const PFILE_OBJECT File = CleanUp(Goes);
+    EXPECT_EQ(ServerLocks(), (Calls{"unlock 10+1", "unlock 20+1", "unlock 30+1"}));
+    ASSERT_EQ(LocalLocks(Stays).size(), 1u);
+    EXPECT_EQ(LocalLocks(Stays)[0].FileObject, FileObject(Stays));
+    embedded::DereferenceFileObject(File);
+    Close(Stays);
+}
+
+TEST_F(Cleanup, ReleasesALockThatAnotherProcessTookThroughTheHandle) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    PEPROCESS Other = embedded::CreateProcess("other");
+    {
+        const embedded::AttachProcess Attached(Other);
+        EXPECT_EQ(Lock(Handle, 10, 1), STATUS_SUCCESS);
+    }
+    Close(Handle);
+    EXPECT_EQ(ServerLocks(), (Calls{"lock 10+1", "unlock 10+1"}));
+    embedded::DeleteProcess(Other);
+}
+
+struct RawAnswer {
+    ULONG Raw;
+    NTSTATUS Completed;
+};
+
+class CleanupAnswer : public Cleanup, public testing::WithParamInterface<RawAnswer> {};
+
+// The last unlock's own status is the cleanup's, untranslated, unless it would call a finished request pending.
+TEST_P(CleanupAnswer, IsTheRawStatusOfTheLastUnlock) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    EXPECT_EQ(Lock(Handle, 10, 1), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(Handle, 20, 1), STATUS_SUCCESS);
+    Provider.OnCall(Slot::UnlockFile).Nth(2).ReturnAfter(static_cast<RVSTATUS>(GetParam().Raw));
+    const test::RequestLog Log;
+    Close(Handle);
+    EXPECT_EQ(Log.Of(IRP_MJ_CLEANUP), std::vector<NTSTATUS>{GetParam().Completed});
+}
+
+INSTANTIATE_TEST_SUITE_P(Statuses, CleanupAnswer,
+                         testing::Values(RawAnswer{0, STATUS_SUCCESS},
+                                         RawAnswer{0xC7E70537, static_cast<NTSTATUS>(0xC7E70537)},
+                                         RawAnswer{0x103, STATUS_UNSUCCESSFUL}));
+
+TEST_F(Cleanup, AFailedUnlockDoesNotStopTheWalkAndOnlyTheLastOneCounts) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    EXPECT_EQ(Lock(Handle, 10, 1), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(Handle, 20, 1), STATUS_SUCCESS);
+    Provider.OnCall(Slot::UnlockFile).Nth(1).ReturnAfter(ProviderError(0x0102));
+    Provider.ClearCalls();
+    const test::RequestLog Log;
+    Close(Handle);
+    EXPECT_EQ(ServerLocks(), (Calls{"unlock 10+1", "unlock 20+1"}));
+    EXPECT_EQ(Log.Of(IRP_MJ_CLEANUP), std::vector<NTSTATUS>{STATUS_SUCCESS});
+}
+
+TEST_F(Cleanup, AWaiterGetsTheRangeAfterTheServerHeardOfTheUnlock) {
+    const HANDLE Stays = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    const HANDLE Goes = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    EXPECT_EQ(Lock(Goes, 0, 10), STATUS_SUCCESS);
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    embedded::SentIrp Waiting = Wait(Stays, 2, &Length);
+    EXPECT_EQ(Waiting.Returned(), STATUS_PENDING);
+    Close(Goes);
+    EXPECT_EQ(Waiting.Wait().Status, STATUS_SUCCESS);
+    EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10", "lock 2+4"}));
+    Close(Stays);
+}
+
+TEST_F(Cleanup, ALockGrantedAfterTheCleanupOfItsHandleIsGivenBack) {
+    const HANDLE Owner = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    const HANDLE Goes = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    EXPECT_EQ(Lock(Owner, 0, 10), STATUS_SUCCESS);
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    embedded::SentIrp Waiting = Wait(Goes, 2, &Length);
+    const PFILE_OBJECT File = CleanUp(Goes);
+    EXPECT_EQ(Unlock(Owner, 0, 10), STATUS_SUCCESS);
+    EXPECT_EQ(Waiting.Wait().Status, STATUS_CANCELLED);
+    EXPECT_TRUE(LocalLocks(Owner).empty());
+    EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10"}));
+    embedded::DereferenceFileObject(File);
+    Close(Owner);
+}
+
+TEST_F(Cleanup, OfADeletedFileIsAFullCleanup) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    EXPECT_EQ(Lock(Handle, 10, 1), STATUS_SUCCESS);
+    Fcb(Handle)->OpenFlags |= FCB_STATE_DELETED;
+    const test::RequestLog Log;
+    Close(Handle);
+    EXPECT_EQ(ServerLocks(), (Calls{"lock 10+1", "unlock 10+1"}));
+    EXPECT_EQ(Log.Of(IRP_MJ_CLEANUP), std::vector<NTSTATUS>{STATUS_SUCCESS});
+}
+
+TEST_F(Cleanup, OfAFileObjectWithoutContextsIsAnInvalidHandle) {
+    Start();
+    const PFILE_OBJECT Bare = embedded::CreateFileObject(Device(), u"\\srv\\vol\\a.txt", 0);
+    EXPECT_EQ(embedded::SendIrpAndWait(Device(), Plain(IRP_MJ_CLEANUP, Bare)).Status, STATUS_INVALID_HANDLE);
+    EXPECT_EQ(CallNames(), Calls{});
+    embedded::DereferenceFileObject(Bare);
+}
+
+TEST_F(Cleanup, OfABusyFileIsPostedAndDone) {
+    Start({.Switches = {{u"EnableAsyncIo", 1}}});
+    const HANDLE Stays = MustOpen(u"\\srv\\vol\\a.txt");
+    const HANDLE Goes = MustOpen(u"\\srv\\vol\\a.txt", {.Access = FILE_READ_DATA, .Options = 0});
+    const PFILE_OBJECT File = FileObject(Goes);
+    {
+        const embedded::PlannedFaults Busy({.Kinds = embedded::FaultBit(embedded::FaultKind::TryAcquire)});
+        embedded::SentIrp Posted = embedded::SendIrp(Device(), Plain(IRP_MJ_CLEANUP, File));
+        EXPECT_EQ(Posted.Returned(), STATUS_PENDING);
+        EXPECT_EQ(Posted.Wait().Status, STATUS_SUCCESS);
+    }
+    EXPECT_EQ(Fcb(Stays)->UncleanCount, 1u);
+    EXPECT_EQ(Fcb(Stays)->ShareAccess.OpenCount, 1u);
+    Close(Goes);
+    Close(Stays);
+}
+
+} // namespace

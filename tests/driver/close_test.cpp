@@ -1,0 +1,229 @@
+// The end of an open: its Provider handles, a pending delete, its FCB; and opens that outlive the driver.
+
+#include "embedded/faults.h"
+#include "tests/driver/lock_client.h"
+#include "tests/driver/request_log.h"
+
+namespace {
+
+using providers::ProviderError;
+using providers::Slot;
+using test::Open;
+
+constexpr Open Deleting = {.Access = DELETE | FILE_READ_DATA | SYNCHRONIZE};
+constexpr Open Directory = {.Access = DELETE | FILE_LIST_DIRECTORY | SYNCHRONIZE,
+                            .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT};
+
+class CloseOfAnOpen : public test::LockFixture {
+protected:
+    // As the disposition request marks it.
+    void MarkForDeletion(HANDLE Handle) {
+        Fcb(Handle)->OpenFlags |= FCB_STATE_DELETE_DISPOSITION;
+    }
+    // Closes and returns what the close request was completed with.
+    NTSTATUS CloseStatus(HANDLE Handle) {
+        const test::RequestLog Log;
+        Close(Handle);
+        const std::vector<NTSTATUS> Statuses = Log.Of(IRP_MJ_CLOSE);
+        return Statuses.size() == 1 ? Statuses[0] : STATUS_INTERNAL_ERROR;
+    }
+    std::u16string DeletedPath(Slot Operation) {
+        for (const providers::Call &Each : Provider.CallRecords()) {
+            if (Each.Operation == Operation) {
+                return Each.String("path");
+            }
+        }
+        return u"(none)";
+    }
+};
+
+TEST_F(CloseOfAnOpen, ClosesFileAndVolumeInThisOrder) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    Provider.ClearCalls();
+    EXPECT_EQ(CloseStatus(Handle), STATUS_SUCCESS);
+    EXPECT_EQ(CallNames(), (Calls{"RVFsdCloseFile", "RVFsdCloseVolume"}));
+}
+
+TEST_F(CloseOfAnOpen, AReadOnlyFileLosesTheAttributeBeforeItIsClosedAndDeleted) {
+    Provider.AddFile(u"\\srv\\vol\\r.txt", "x", RV_ATTR_READONLY | RV_ATTR_ARCHIVE);
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\r.txt", Deleting);
+    MarkForDeletion(Handle);
+    Provider.ClearCalls();
+    EXPECT_EQ(CloseStatus(Handle), STATUS_SUCCESS);
+    EXPECT_EQ(CallNames(), (Calls{"RVFsdGetFileInformation", "RVFsdSetFileInformation", "RVFsdCloseFile",
+                                  "RVFsdDeleteFile", "RVFsdCloseVolume"}));
+    EXPECT_EQ(DeletedPath(Slot::DeleteFile), u"r.txt");
+    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\r.txt"));
+}
+
+TEST_F(CloseOfAnOpen, AFailedAttributeQueryWritesNothingAndDeletesAllTheSame) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Deleting);
+    MarkForDeletion(Handle);
+    Provider.OnCall(Slot::GetFileInformation).Return(ProviderError(0x0102));
+    EXPECT_EQ(CloseStatus(Handle), STATUS_SUCCESS);
+    EXPECT_EQ(Provider.CountCalls(Slot::SetFileInformation), 0u);
+    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\a.txt"));
+}
+
+TEST_F(CloseOfAnOpen, OnlyTheLastOpenDeletes) {
+    const HANDLE First = MustOpen(u"\\srv\\vol\\a.txt", Deleting);
+    const HANDLE Second = MustOpen(u"\\srv\\vol\\a.txt", Deleting);
+    MarkForDeletion(First);
+    EXPECT_EQ(CloseStatus(First), STATUS_SUCCESS);
+    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\a.txt"));
+    EXPECT_EQ(Fcb(Second)->OpenCount, 1u);
+    EXPECT_TRUE(Fcb(Second)->OpenFlags & FCB_STATE_DELETE_DISPOSITION);
+    EXPECT_EQ(CloseStatus(Second), STATUS_SUCCESS);
+    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\a.txt"));
+}
+
+struct DeleteCase {
+    bool IsDirectory;
+    USHORT Code;
+    NTSTATUS Status;
+};
+
+class CloseAfterDelete : public CloseOfAnOpen, public testing::WithParamInterface<DeleteCase> {};
+
+TEST_P(CloseAfterDelete, AnswersWhatTheDeleteMeans) {
+    Provider.AddDirectory(u"\\srv\\vol\\d");
+    const bool IsDirectory = GetParam().IsDirectory;
+    const HANDLE Handle =
+        IsDirectory ? MustOpen(u"\\srv\\vol\\d", Directory) : MustOpen(u"\\srv\\vol\\a.txt", Deleting);
+    MarkForDeletion(Handle);
+    Provider.OnCall(IsDirectory ? Slot::DeleteDirectory : Slot::DeleteFile).Return(ProviderError(GetParam().Code));
+    EXPECT_EQ(CloseStatus(Handle), GetParam().Status);
+}
+
+INSTANTIATE_TEST_SUITE_P(Statuses, CloseAfterDelete,
+                         testing::Values(DeleteCase{true, 0x0502, STATUS_SUCCESS}, // somebody else was faster
+                                         DeleteCase{false, 0x0502, STATUS_NO_SUCH_FILE},
+                                         DeleteCase{true, 0x0503, STATUS_SHARING_VIOLATION},
+                                         DeleteCase{false, 0x0503, STATUS_SHARING_VIOLATION},
+                                         DeleteCase{true, 0x0513, STATUS_DIRECTORY_NOT_EMPTY},
+                                         DeleteCase{false, 0x0000, STATUS_UNSUCCESSFUL})); // an error without a code
+
+TEST_F(CloseOfAnOpen, ADirectoryIsClosedAndDeletedByBaseAndPath) {
+    Provider.AddDirectory(u"\\srv\\vol\\d");
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\d", Directory);
+    MarkForDeletion(Handle);
+    Provider.ClearCalls();
+    EXPECT_EQ(CloseStatus(Handle), STATUS_SUCCESS);
+    EXPECT_EQ(CallNames(), (Calls{"RVFsdGetDirectoryInformation", "RVFsdCloseDirectory", "RVFsdDeleteDirectory",
+                                  "RVFsdCloseVolume"}));
+    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\d"));
+}
+
+TEST_F(CloseOfAnOpen, ADirectoryThatWasCreatedButNotOpenedIsStillDeleted) {
+    Open Creating = Directory;
+    Creating.Disposition = FILE_CREATE;
+    Creating.Options |= FILE_DELETE_ON_CLOSE;
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\new", Creating);
+    ASSERT_TRUE(Provider.Exists(u"\\srv\\vol\\new"));
+    EXPECT_EQ(CloseStatus(Handle), STATUS_SUCCESS);
+    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\new"));
+}
+
+TEST_F(CloseOfAnOpen, AVolumeRootIsNeverDeleted) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol", Directory);
+    MarkForDeletion(Handle);
+    EXPECT_EQ(CloseStatus(Handle), STATUS_SUCCESS);
+    EXPECT_EQ(Provider.CountCalls(Slot::DeleteDirectory) + Provider.CountCalls(Slot::DeleteFile), 0u);
+}
+
+TEST_F(CloseOfAnOpen, AFailedFileCloseIsTheAnswerUnlessADeleteFollows) {
+    HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Deleting);
+    Provider.OnCall(Slot::CloseFile).Return(ProviderError(0x0101));
+    EXPECT_EQ(CloseStatus(Handle), STATUS_CONNECTION_DISCONNECTED);
+    Handle = MustOpen(u"\\srv\\vol\\a.txt", Deleting);
+    MarkForDeletion(Handle);
+    EXPECT_EQ(CloseStatus(Handle), STATUS_SUCCESS);
+}
+
+TEST_F(CloseOfAnOpen, AFailedVolumeCloseIsTheAnswerAndTheOpenEndsAllTheSame) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    Provider.OnCall(Slot::CloseVolume).Return(ProviderError(0x0102));
+    EXPECT_EQ(CloseStatus(Handle), STATUS_NETWORK_BUSY);
+    EXPECT_EQ(FcbPrefixCount, 0u);
+}
+
+// A directory's handle is what names below it are relative to; it goes with the directory's own open.
+TEST_F(CloseOfAnOpen, AFileOpenedBelowADirectoryIsDeletedByFullPathOnceTheDirectoryIsClosed) {
+    Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "x");
+    const HANDLE Parent = MustOpen(u"\\srv\\vol\\d", Directory);
+    Open Below = Deleting;
+    Below.Related = Parent;
+    const HANDLE Child = MustOpen(u"f.txt", Below);
+    EXPECT_NE(Instance(Child)->BaseHandle, 0u);
+    EXPECT_EQ(CloseStatus(Parent), STATUS_SUCCESS);
+    EXPECT_EQ(Instance(Child)->BaseHandle, 0u);
+    MarkForDeletion(Child);
+    Provider.ClearCalls();
+    EXPECT_EQ(CloseStatus(Child), STATUS_SUCCESS);
+    EXPECT_EQ(DeletedPath(Slot::DeleteFile), u"\\srv\\vol\\d\\f.txt");
+}
+
+TEST_F(CloseOfAnOpen, OfABusyFileIsPendingAndDone) {
+    Start({.Switches = {{u"EnableAsyncIo", 1}}});
+    const HANDLE Stays = MustOpen(u"\\srv\\vol\\a.txt");
+    for (ULONG64 Which : {1, 2}) { // the table, the FCB
+        const HANDLE Goes = MustOpen(u"\\srv\\vol\\a.txt", {.Access = FILE_READ_DATA, .Options = 0});
+        const PFILE_OBJECT File = FileObject(Goes);
+        EXPECT_EQ(embedded::SendIrpAndWait(Device(), Plain(IRP_MJ_CLEANUP, File)).Status, STATUS_SUCCESS);
+        {
+            const embedded::PlannedFaults Busy(
+                {.Kinds = embedded::FaultBit(embedded::FaultKind::TryAcquire), .Nth = Which});
+            embedded::SentIrp Posted = embedded::SendIrp(Device(), Plain(IRP_MJ_CLOSE, File));
+            EXPECT_EQ(Posted.Returned(), STATUS_PENDING);
+            EXPECT_EQ(Posted.Wait().Status, STATUS_SUCCESS);
+        }
+        EXPECT_EQ(Fcb(Stays)->OpenCount, 1u);
+        Close(Goes); // its file object has no contexts any more
+    }
+    Close(Stays);
+}
+
+// ---- After the driver has shut down
+// ------------------------------------------------------------------------------------
+
+TEST_F(CloseOfAnOpen, ShutdownClosesTheHandlesOfOpenFilesAndDeletesNothing) {
+    Provider.AddDirectory(u"\\srv\\vol\\d");
+    const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt", Deleting);
+    const HANDLE Again = MustOpen(u"\\srv\\vol\\A.TXT", Deleting);
+    const HANDLE Parent = MustOpen(u"\\srv\\vol\\d", Directory);
+    MarkForDeletion(File);
+    Kernel().SendShutdown();
+    EXPECT_EQ(Provider.OpenHandles(), Calls{});
+    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\a.txt"));
+    // The opens themselves end later, in any order, and leave nothing: the fixture proves it.
+    EXPECT_EQ(CloseStatus(Again), STATUS_SUCCESS);
+    EXPECT_EQ(CloseStatus(Parent), STATUS_SUCCESS);
+    EXPECT_EQ(CloseStatus(File), STATUS_SUCCESS);
+}
+
+TEST_F(CloseOfAnOpen, ShutdownEndsOpensThatBorrowHandlesOfOthers) {
+    Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "x");
+    const HANDLE Parent = MustOpen(u"\\srv\\vol\\d", Directory);
+    Open Below = Deleting;
+    Below.Related = Parent;
+    const HANDLE Child = MustOpen(u"f.txt", Below);
+    Kernel().SendShutdown();
+    EXPECT_EQ(CloseStatus(Parent), STATUS_SUCCESS);
+    EXPECT_EQ(CloseStatus(Child), STATUS_SUCCESS);
+}
+
+TEST_F(CloseOfAnOpen, ShutdownCancelsLocksThatWait) {
+    const HANDLE Owner = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    const HANDLE Other = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    EXPECT_EQ(Lock(Owner, 0, 10), STATUS_SUCCESS);
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    embedded::SentIrp One = Wait(Other, 0, &Length);
+    embedded::SentIrp Two = Wait(Other, 0, &Length);
+    Kernel().SendShutdown();
+    EXPECT_EQ(One.Wait().Status, STATUS_CANCELLED);
+    EXPECT_EQ(Two.Wait().Status, STATUS_CANCELLED);
+    Close(Owner);
+    Close(Other);
+}
+
+} // namespace

@@ -1,0 +1,87 @@
+// Byte-range locks for tests: by handle through the system services, and as raw requests.
+#pragma once
+
+#include "tests/support/driver_fixture.h"
+
+namespace test {
+
+// A driver with the file \srv\vol\a.txt.
+class LockFixture : public DriverFixture {
+protected:
+    using Calls = std::vector<std::string>;
+
+    static constexpr Open Writer = {.Access = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE};
+
+    LockFixture() {
+        Provider.AddFile(u"\\srv\\vol\\a.txt", "0123456789");
+    }
+
+    NTSTATUS Lock(HANDLE Handle, LONGLONG Offset, LONGLONG Length, ULONG Key = 0, bool Exclusive = true) {
+        IO_STATUS_BLOCK IoStatus = {};
+        LARGE_INTEGER At;
+        At.QuadPart = Offset;
+        LARGE_INTEGER Bytes;
+        Bytes.QuadPart = Length;
+        return NtLockFile(Handle, nullptr, nullptr, nullptr, &IoStatus, &At, &Bytes, Key, TRUE, Exclusive);
+    }
+    NTSTATUS Unlock(HANDLE Handle, LONGLONG Offset, LONGLONG Length, ULONG Key = 0) {
+        IO_STATUS_BLOCK IoStatus = {};
+        LARGE_INTEGER At;
+        At.QuadPart = Offset;
+        LARGE_INTEGER Bytes;
+        Bytes.QuadPart = Length;
+        return NtUnlockFile(Handle, &IoStatus, &At, &Bytes, Key);
+    }
+
+    // A request that carries nothing but its file object.
+    static embedded::IrpBuilder Plain(UCHAR MajorFunction, PFILE_OBJECT File) {
+        embedded::IrpBuilder Builder;
+        Builder.MajorFunction = MajorFunction;
+        Builder.FileObject = File;
+        return Builder;
+    }
+    // A request of the lock kind as the I/O manager sends it; Length must stay until it is completed.
+    embedded::IrpBuilder Request(HANDLE Handle, UCHAR MinorFunction, LONGLONG Offset, LARGE_INTEGER *Length,
+                                 ULONG Key = 0, UCHAR StackFlags = SL_EXCLUSIVE_LOCK) {
+        embedded::IrpBuilder Builder;
+        Builder.MajorFunction = IRP_MJ_LOCK_CONTROL;
+        Builder.MinorFunction = MinorFunction;
+        Builder.FileObject = FileObject(Handle);
+        Builder.StackFlags = StackFlags;
+        Builder.Fill = [=](PIO_STACK_LOCATION Stack) {
+            Stack->Parameters.LockControl.ByteOffset.QuadPart = Offset;
+            Stack->Parameters.LockControl.Length = Length;
+            Stack->Parameters.LockControl.Key = Key;
+        };
+        return Builder;
+    }
+    // A lock that may wait.
+    embedded::SentIrp Wait(HANDLE Handle, LONGLONG Offset, LARGE_INTEGER *Length) {
+        return embedded::SendIrp(Device(), Request(Handle, IRP_MN_LOCK, Offset, Length));
+    }
+
+    // The locks of the file's table.
+    std::vector<FILE_LOCK_INFO> LocalLocks(HANDLE Handle) {
+        std::vector<FILE_LOCK_INFO> Locks;
+        PFILE_LOCK Table = &Fcb(Handle)->FileLock;
+        for (auto Each = FsRtlGetNextFileLock(Table, TRUE); Each != nullptr;
+             Each = FsRtlGetNextFileLock(Table, FALSE)) {
+            Locks.push_back(*Each);
+        }
+        return Locks;
+    }
+    // "lock 10+5", "unlock 10+5": what the server was told, in order.
+    Calls ServerLocks() {
+        Calls Told;
+        for (const providers::Call &Each : Provider.CallRecords()) {
+            const bool IsLock = Each.Operation == providers::Slot::LockFile;
+            if (IsLock || Each.Operation == providers::Slot::UnlockFile) {
+                Told.push_back(std::string(IsLock ? "lock " : "unlock ") + std::to_string(Each.Number("offset")) + "+" +
+                               std::to_string(Each.Number("length")));
+            }
+        }
+        return Told;
+    }
+};
+
+} // namespace test

@@ -1,0 +1,232 @@
+// Byte-range locks: what is decided locally, what the server is told, and when.
+
+#include "embedded/faults.h"
+#include "embedded/fsrtl.h"
+#include "embedded/ps.h"
+#include "tests/driver/lock_client.h"
+
+namespace {
+
+using providers::ProviderError;
+using providers::Slot;
+using test::Open;
+
+class Locks : public test::LockFixture {
+protected:
+    HANDLE First = nullptr;
+    HANDLE Second = nullptr;
+
+    void SetUp() override {
+        First = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+        Second = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+        Provider.ClearCalls();
+    }
+    void TearDown() override {
+        Close(First);
+        Close(Second);
+        LockFixture::TearDown();
+    }
+    NTSTATUS Send(const embedded::IrpBuilder &Builder) {
+        return embedded::SendIrpAndWait(Device(), Builder).Status;
+    }
+};
+
+TEST_F(Locks, ALockGoesToTheServerAndAnUnlockTakesItBack) {
+    EXPECT_EQ(Lock(First, 10, 5), STATUS_SUCCESS);
+    EXPECT_EQ(LocalLocks(First).size(), 1u);
+    EXPECT_EQ(Unlock(First, 10, 5), STATUS_SUCCESS);
+    EXPECT_TRUE(LocalLocks(First).empty());
+    EXPECT_EQ(ServerLocks(), (Calls{"lock 10+5", "unlock 10+5"}));
+}
+
+TEST_F(Locks, AKeyOfZeroBecomesTheLowHalfOfTheProcess) {
+    EXPECT_EQ(Lock(First, 0, 1), STATUS_SUCCESS);
+    const auto Process = reinterpret_cast<ULONG_PTR>(IoGetCurrentProcess());
+    EXPECT_EQ(LocalLocks(First).at(0).Key, static_cast<ULONG>(Process));
+    EXPECT_EQ(Instance(First)->LockKey, static_cast<ULONG>(Process));
+}
+
+TEST_F(Locks, AnUnlockUsesTheKeyOfTheLastLockWhateverItCarries) {
+    EXPECT_EQ(Lock(First, 0, 1, 7), STATUS_SUCCESS);
+    EXPECT_EQ(Unlock(First, 0, 1, 99), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(First, 0, 1, 7), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(First, 5, 1, 8), STATUS_SUCCESS);
+    EXPECT_EQ(Unlock(First, 0, 1, 7), STATUS_RANGE_NOT_LOCKED);
+}
+
+TEST_F(Locks, AnEmptyRangeAtOffsetZeroNeverReachesTheServer) {
+    EXPECT_EQ(Lock(First, 0, 0), STATUS_SUCCESS);
+    EXPECT_EQ(LocalLocks(First).size(), 1u);
+    EXPECT_EQ(Unlock(First, 0, 0), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(First, 3, 0), STATUS_SUCCESS);
+    EXPECT_EQ(ServerLocks(), (Calls{"lock 3+0"}));
+}
+
+TEST_F(Locks, ALocalConflictAndAMissingRangeAreRefusedWithoutTheServer) {
+    EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
+    Provider.ClearCalls();
+    EXPECT_EQ(Lock(Second, 5, 1), STATUS_LOCK_NOT_GRANTED);
+    EXPECT_EQ(Unlock(Second, 5, 1), STATUS_RANGE_NOT_LOCKED);
+    EXPECT_EQ(ServerLocks(), Calls{});
+}
+
+TEST_F(Locks, ARefusalOfTheServerLeavesNoLocalLock) {
+    Provider.OnCall(Slot::LockFile).Return(ProviderError(providers::CodeLockNotGranted));
+    EXPECT_EQ(Lock(First, 0, 10), STATUS_LOCK_NOT_GRANTED);
+    EXPECT_TRUE(LocalLocks(First).empty());
+
+    LARGE_INTEGER Length = {.QuadPart = 10};
+    EXPECT_EQ(Wait(First, 0, &Length).Wait().Status, STATUS_LOCK_NOT_GRANTED);
+    EXPECT_TRUE(LocalLocks(First).empty());
+}
+
+TEST_F(Locks, AServerThatCallsALockPendingHasRefusedIt) {
+    Provider.OnCall(Slot::LockFile).Return(static_cast<RVSTATUS>(0x000E));
+    EXPECT_EQ(Lock(First, 0, 10), STATUS_UNSUCCESSFUL);
+    LARGE_INTEGER Length = {.QuadPart = 10};
+    EXPECT_EQ(Wait(First, 0, &Length).Wait().Status, STATUS_UNSUCCESSFUL);
+    EXPECT_TRUE(LocalLocks(First).empty());
+}
+
+TEST_F(Locks, AFailedUnlockAtTheServerIsReportedAndTheLocalLockIsGone) {
+    EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
+    Provider.OnCall(Slot::UnlockFile).ReturnAfter(ProviderError(0x0102));
+    EXPECT_EQ(Unlock(First, 0, 10), STATUS_NETWORK_BUSY);
+    EXPECT_TRUE(LocalLocks(First).empty());
+}
+
+TEST_F(Locks, AWaitingLockIsToldToTheServerAfterTheUnlockThatMadeRoom) {
+    EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    embedded::SentIrp Waiting = Wait(Second, 2, &Length);
+    EXPECT_EQ(Waiting.Returned(), STATUS_PENDING);
+    EXPECT_FALSE(Waiting.IsCompleted());
+    EXPECT_EQ(Unlock(First, 0, 10), STATUS_SUCCESS);
+    EXPECT_EQ(Waiting.Wait().Status, STATUS_SUCCESS);
+    EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10", "lock 2+4"}));
+    EXPECT_EQ(LocalLocks(First).size(), 1u);
+}
+
+TEST_F(Locks, AWaitingLockThatTheServerRefusesMakesRoomForTheNext) {
+    EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    embedded::SentIrp Refused = Wait(Second, 0, &Length);
+    embedded::SentIrp Next = Wait(First, 0, &Length);
+    Provider.OnCall(Slot::LockFile).Times(1).Return(ProviderError(providers::CodeLockNotGranted));
+    EXPECT_EQ(Unlock(First, 0, 10), STATUS_SUCCESS);
+    EXPECT_EQ(Refused.Wait().Status, STATUS_LOCK_NOT_GRANTED);
+    EXPECT_EQ(Next.Wait().Status, STATUS_SUCCESS);
+    EXPECT_EQ(LocalLocks(First).size(), 1u);
+}
+
+TEST_F(Locks, ALockThatMayWaitIsRefusedAtOnceWhenItsRangeWraps) {
+    LARGE_INTEGER Length = {.QuadPart = 100};
+    EXPECT_EQ(Wait(First, -10, &Length).Wait().Status, STATUS_INVALID_LOCK_RANGE);
+    EXPECT_EQ(ServerLocks(), Calls{});
+}
+
+TEST_F(Locks, ACancelledWaitNeverReachesTheServer) {
+    EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    embedded::SentIrp Waiting = Wait(Second, 2, &Length);
+    EXPECT_TRUE(Waiting.Cancel());
+    EXPECT_EQ(Waiting.Wait().Status, STATUS_CANCELLED);
+    EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10"}));
+}
+
+TEST_F(Locks, AnUnlockOfAllGivesBackExactlyTheLocksOfItsHandle) {
+    EXPECT_EQ(Lock(First, 0, 1, 5), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(Second, 10, 1, 5), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(First, 20, 1, 6), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(First, 0, 0, 6), STATUS_SUCCESS);
+    Provider.ClearCalls();
+    EXPECT_EQ(Send(Request(First, IRP_MN_UNLOCK_ALL, 0, nullptr)), STATUS_SUCCESS);
+    EXPECT_EQ(ServerLocks(), (Calls{"unlock 0+1", "unlock 20+1"}));
+    ASSERT_EQ(LocalLocks(First).size(), 1u);
+    EXPECT_EQ(LocalLocks(First)[0].FileObject, FileObject(Second));
+}
+
+TEST_F(Locks, AnUnlockByKeyGivesBackTheLocksOfTheKey) {
+    EXPECT_EQ(Lock(First, 0, 1, 5), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(First, 20, 1, 6), STATUS_SUCCESS);
+    Provider.ClearCalls();
+    EXPECT_EQ(Send(Request(First, IRP_MN_UNLOCK_ALL_BY_KEY, 0, nullptr, 5)), STATUS_SUCCESS);
+    EXPECT_EQ(ServerLocks(), (Calls{"unlock 0+1"}));
+    EXPECT_EQ(LocalLocks(First).size(), 1u);
+}
+
+TEST_F(Locks, AnUnlockOfAllWithoutMemoryChangesNothing) {
+    EXPECT_EQ(Lock(First, 0, 1), STATUS_SUCCESS);
+    Provider.ClearCalls();
+    const embedded::PlannedFaults Faults(
+        {.How = embedded::FaultPlan::Mode::NthAndAfter, .Kinds = embedded::FaultBit(embedded::FaultKind::Pool)});
+    EXPECT_EQ(Send(Request(First, IRP_MN_UNLOCK_ALL, 0, nullptr)), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(ServerLocks(), Calls{});
+    EXPECT_EQ(LocalLocks(First).size(), 1u);
+}
+
+TEST_F(Locks, AnUnknownMinorFunctionIsAnInvalidParameter) {
+    LARGE_INTEGER Length = {.QuadPart = 1};
+    EXPECT_EQ(Send(Request(First, 9, 0, &Length)), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Lock(First, 0, 1), STATUS_SUCCESS); // the FCB is free again
+}
+
+// A request inside another one of its thread.
+TEST_F(Locks, ANestedLockThatMayWaitIsPostedAndToldToTheServerOnce) {
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    IRP Outer = {};
+    embedded::IrpBuilder Builder = Request(First, IRP_MN_LOCK, 2, &Length);
+    Builder.TopLevelIrp = &Outer;
+    embedded::SentIrp Nested = embedded::SendIrp(Device(), Builder);
+    EXPECT_EQ(Nested.Returned(), STATUS_PENDING);
+    EXPECT_EQ(Nested.Wait().Status, STATUS_SUCCESS);
+    EXPECT_EQ(ServerLocks(), (Calls{"lock 2+4"}));
+}
+
+TEST_F(Locks, ANestedUnlockIsFinishedInItsThread) {
+    EXPECT_EQ(Lock(First, 2, 4), STATUS_SUCCESS);
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    IRP Outer = {};
+    embedded::IrpBuilder Builder = Request(First, IRP_MN_UNLOCK_SINGLE, 2, &Length);
+    Builder.TopLevelIrp = &Outer;
+    EXPECT_EQ(embedded::SendIrp(Device(), Builder).Returned(), STATUS_SUCCESS);
+    EXPECT_FALSE(ExIsResourceAcquiredSharedLite(&Fcb(First)->Resource));
+    EXPECT_EQ(ServerLocks(), (Calls{"lock 2+4", "unlock 2+4"}));
+}
+
+TEST_F(Locks, AnUnlockAfterItsLockWasTakenBySharedReadersGrantsBothWaiters) {
+    EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    embedded::IrpBuilder Shared = Request(Second, IRP_MN_LOCK, 0, &Length, 0, 0);
+    embedded::SentIrp One = embedded::SendIrp(Device(), Shared);
+    embedded::SentIrp Two = embedded::SendIrp(Device(), Shared);
+    EXPECT_EQ(Unlock(First, 0, 10), STATUS_SUCCESS);
+    EXPECT_EQ(One.Wait().Status, STATUS_SUCCESS);
+    EXPECT_EQ(Two.Wait().Status, STATUS_SUCCESS);
+    EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10", "lock 0+4", "lock 0+4"}));
+}
+
+class AsynchronousLocks : public Locks {
+protected:
+    void SetUp() override {
+        Start({.Switches = {{u"EnableAsyncIo", 1}}});
+        Locks::SetUp();
+    }
+};
+
+// With asynchronous I/O on, a busy FCB posts the request instead of making its caller wait.
+TEST_F(AsynchronousLocks, ALockOnABusyFileIsPostedAndStillHappensOnce) {
+    const Open Asynchronous = {.Access = FILE_READ_DATA | FILE_WRITE_DATA, .Options = 0};
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Asynchronous);
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    {
+        const embedded::PlannedFaults Busy({.Kinds = embedded::FaultBit(embedded::FaultKind::TryAcquire)});
+        embedded::SentIrp Posted = Wait(Handle, 2, &Length);
+        EXPECT_EQ(Posted.Returned(), STATUS_PENDING);
+        EXPECT_EQ(Posted.Wait().Status, STATUS_SUCCESS);
+    }
+    EXPECT_EQ(ServerLocks(), (Calls{"lock 2+4"}));
+    Close(Handle);
+}
+
+} // namespace

@@ -1,0 +1,385 @@
+// Data transfers: what reaches the Provider, what comes back, and what becomes of sizes and byte offsets.
+
+#include "embedded/faults.h"
+#include "embedded/mm.h"
+#include "io/io.h"
+#include "tests/support/driver_fixture.h"
+
+namespace {
+
+using providers::ProviderError;
+using providers::Slot;
+using test::Open;
+
+constexpr LONGLONG EndOfFileMarker = -1;
+
+class Data : public test::DriverFixture {
+protected:
+    static constexpr Open Writer = {.Access = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE};
+    static constexpr Open Asynchronous = {.Access = FILE_READ_DATA | FILE_WRITE_DATA, .Options = 0};
+
+    HANDLE Handle = nullptr;
+    char Buffer[64] = {};
+
+    Data() {
+        Provider.AddFile(u"\\srv\\vol\\a.txt", "0123456789");
+    }
+    void OpenFile(const Open &Request = Writer) {
+        Handle = MustOpen(u"\\srv\\vol\\a.txt", Request);
+        Provider.ClearCalls();
+    }
+    void TearDown() override {
+        if (Handle != nullptr) {
+            Close(Handle);
+        }
+        DriverFixture::TearDown();
+    }
+
+    LONGLONG Position() {
+        return FileObject(Handle)->CurrentByteOffset.QuadPart;
+    }
+    bool Modified() {
+        return (FileObject(Handle)->Flags & FO_FILE_MODIFIED) != 0;
+    }
+    LONGLONG FileSize() {
+        const FSRTL_ADVANCED_FCB_HEADER &Header = Fcb(Handle)->Header;
+        EXPECT_EQ(Header.AllocationSize.QuadPart, Header.FileSize.QuadPart);
+        EXPECT_EQ(Header.ValidDataLength.QuadPart, Header.FileSize.QuadPart);
+        return Header.FileSize.QuadPart;
+    }
+    // A read or write as a raw request.
+    embedded::IrpBuilder Raw(UCHAR MajorFunction, ULONG Length, LONGLONG Offset) {
+        embedded::IrpBuilder Builder;
+        Builder.MajorFunction = MajorFunction;
+        Builder.FileObject = FileObject(Handle);
+        Builder.UserBuffer = Buffer;
+        Builder.Fill = [=](PIO_STACK_LOCATION Stack) {
+            Stack->Parameters.Read.Length = Length;
+            Stack->Parameters.Read.ByteOffset.QuadPart = Offset;
+        };
+        return Builder;
+    }
+    IO_STATUS_BLOCK Send(const embedded::IrpBuilder &Builder) {
+        return embedded::SendIrpAndWait(Device(), Builder);
+    }
+};
+
+struct ReadCase {
+    ULONG Length;
+    LONGLONG Offset;
+    NTSTATUS Status;
+    std::string_view Text;
+    LONGLONG Position;
+};
+
+class Reads : public Data, public testing::WithParamInterface<ReadCase> {};
+
+TEST_P(Reads, GetWhatTheServerHas) {
+    const ReadCase &Case = GetParam();
+    OpenFile();
+    const test::Transfer Result = Read(Handle, Buffer, Case.Length, Case.Offset);
+    EXPECT_EQ(Result.Status, Case.Status);
+    EXPECT_EQ(std::string_view(Buffer, Result.Information), Case.Text);
+    EXPECT_EQ(Position(), Case.Position);
+}
+
+INSTANTIATE_TEST_SUITE_P(Ranges, Reads,
+                         testing::Values(ReadCase{4, 0, STATUS_SUCCESS, "0123", 4},
+                                         ReadCase{8, 6, STATUS_SUCCESS, "6789", 10},
+                                         ReadCase{1, 10, STATUS_END_OF_FILE, "", 10},
+                                         ReadCase{5, 1000, STATUS_END_OF_FILE, "", 1000},
+                                         ReadCase{0, 3, STATUS_SUCCESS, "", 0}));
+
+TEST_F(Data, TransfersOfNothingDoNotReachTheProvider) {
+    OpenFile();
+    EXPECT_EQ(Read(Handle, Buffer, 0, 3).Status, STATUS_SUCCESS);
+    EXPECT_EQ(Write(Handle, Buffer, 0, 7).Status, STATUS_SUCCESS);
+    EXPECT_EQ(CallNames(), std::vector<std::string>{});
+    EXPECT_EQ(Position(), 7); // the write's, not the read's
+    EXPECT_EQ(Send(Raw(IRP_MJ_WRITE, 0, EndOfFileMarker)).Status, STATUS_SUCCESS);
+    EXPECT_EQ(Position(), 7); // the end of file was not asked
+    EXPECT_FALSE(Modified());
+}
+
+TEST_F(Data, AWriteBeyondTheEndGrowsTheFileAndOneInsideDoesNot) {
+    OpenFile();
+    const test::Transfer Grown = Write(Handle, "abcdef", 6, 8);
+    EXPECT_EQ(Grown.Status, STATUS_SUCCESS);
+    EXPECT_EQ(Grown.Information, 6u);
+    EXPECT_EQ(FileSize(), 14);
+    EXPECT_EQ(Position(), 14);
+    EXPECT_TRUE(Modified());
+    EXPECT_EQ(Write(Handle, "x", 1, 0).Status, STATUS_SUCCESS);
+    EXPECT_EQ(FileSize(), 14);
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\a.txt"), "x1234567abcdef");
+}
+
+TEST_F(Data, AnAppendGoesWhereTheServerSaysTheFileEnds) {
+    OpenFile();
+    Provider.AddFile(u"\\srv\\vol\\a.txt", "0123456789ABC"); // somebody else's three
+    Provider.ClearCalls();
+    EXPECT_EQ(Send(Raw(IRP_MJ_WRITE, 2, EndOfFileMarker)).Information, 2u);
+    EXPECT_EQ(CallNames(), (std::vector<std::string>{"RVFsdGetFileSize", "RVFsdWriteFile"}));
+    EXPECT_EQ(Position(), FileSize());
+}
+
+TEST_F(Data, AnAppendWithoutAnAnswerWritesNothing) {
+    OpenFile();
+    Provider.OnCall(Slot::GetFileSize).Return(ProviderError(0x0102));
+    const IO_STATUS_BLOCK Result = Send(Raw(IRP_MJ_WRITE, 2, EndOfFileMarker));
+    EXPECT_EQ(Result.Status, STATUS_NETWORK_BUSY);
+    EXPECT_EQ(Result.Information, 0u);
+    EXPECT_EQ(Provider.CountCalls(Slot::WriteFile), 0u);
+}
+
+TEST_F(Data, PagingTransfersLeaveTheFileObjectAlone) {
+    OpenFile();
+    embedded::IrpBuilder Paging = Raw(IRP_MJ_READ, 4, 0);
+    Paging.IrpFlags = IRP_PAGING_IO;
+    EXPECT_EQ(Send(Paging).Information, 4u);
+    Paging = Raw(IRP_MJ_WRITE, 4, 20);
+    Paging.IrpFlags = IRP_PAGING_IO;
+    EXPECT_EQ(Send(Paging).Information, 4u);
+    EXPECT_EQ(Position(), 0);
+    EXPECT_FALSE(Modified());
+    EXPECT_EQ(FileSize(), 24);
+}
+
+TEST_F(Data, AsynchronousFilesHaveNoPosition) {
+    OpenFile(Asynchronous);
+    EXPECT_EQ(Send(Raw(IRP_MJ_READ, 4, 0)).Information, 4u);
+    EXPECT_EQ(Send(Raw(IRP_MJ_WRITE, 4, 0)).Information, 4u);
+    EXPECT_EQ(Position(), 0);
+    EXPECT_TRUE(Modified());
+}
+
+struct RangeCase {
+    UCHAR MajorFunction;
+    ULONG Length;
+    LONGLONG Offset;
+};
+
+class BadRanges : public Data, public testing::WithParamInterface<RangeCase> {};
+
+TEST_P(BadRanges, AreRefusedBeforeTheProvider) {
+    OpenFile();
+    const IO_STATUS_BLOCK Result = Send(Raw(GetParam().MajorFunction, GetParam().Length, GetParam().Offset));
+    EXPECT_EQ(Result.Status, STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(CallNames(), std::vector<std::string>{});
+}
+
+INSTANTIATE_TEST_SUITE_P(Ranges, BadRanges,
+                         testing::Values(RangeCase{IRP_MJ_READ, 1, -1}, RangeCase{IRP_MJ_READ, 2, INT64_MAX - 1},
+                                         RangeCase{IRP_MJ_WRITE, 1, -2}, RangeCase{IRP_MJ_WRITE, 2, INT64_MAX - 1}));
+
+struct AnswerCase {
+    ULONG Raw;
+    NTSTATUS Status;
+};
+
+class Answers : public Data, public testing::WithParamInterface<AnswerCase> {};
+
+// Warnings and a Provider that calls the transfer pending are failures: nothing is reported, nothing moves.
+TEST_P(Answers, ThatAreFailuresReportNothing) {
+    OpenFile();
+    Provider.OnCall(Slot::ReadFile).ReturnAfter(static_cast<RVSTATUS>(GetParam().Raw));
+    Provider.OnCall(Slot::WriteFile).Return(static_cast<RVSTATUS>(GetParam().Raw));
+    for (const IO_STATUS_BLOCK &Result : {Send(Raw(IRP_MJ_READ, 4, 2)), Send(Raw(IRP_MJ_WRITE, 40, 2))}) {
+        EXPECT_EQ(Result.Status, GetParam().Status);
+        EXPECT_EQ(Result.Information, 0u);
+    }
+    EXPECT_EQ(Position(), 0);
+    EXPECT_EQ(FileSize(), 10);
+    EXPECT_FALSE(Modified());
+}
+
+INSTANTIATE_TEST_SUITE_P(Statuses, Answers,
+                         testing::Values(AnswerCase{0xC7E7051E, STATUS_FILE_LOCK_CONFLICT},
+                                         AnswerCase{0x87E70007, STATUS_BUFFER_OVERFLOW},
+                                         AnswerCase{0x0000000E, STATUS_UNSUCCESSFUL},
+                                         AnswerCase{0xC7E70000, STATUS_UNSUCCESSFUL}));
+
+TEST_F(Data, AWriteThatMovedNothingDoesNotShrinkTheFile) {
+    OpenFile();
+    Provider.OnCall(Slot::WriteFile).AnswerBytes(0);
+    const test::Transfer Result = Write(Handle, "xyz", 3, 2);
+    EXPECT_EQ(Result.Status, STATUS_SUCCESS);
+    EXPECT_EQ(Result.Information, 0u);
+    EXPECT_EQ(FileSize(), 10);
+    EXPECT_FALSE(Modified());
+}
+
+TEST_F(Data, MoreThanWasAskedForIsNeverReported) {
+    OpenFile();
+    Provider.OnCall(Slot::ReadFile).AnswerBytes(4000);
+    Provider.OnCall(Slot::WriteFile).AnswerBytes(4000);
+    EXPECT_LE(Send(Raw(IRP_MJ_READ, 4, 0)).Information, 4u);
+    EXPECT_LE(Send(Raw(IRP_MJ_WRITE, 4, 0)).Information, 4u);
+}
+
+// ---- Buffers
+// -----------------------------------------------------------------------------------------------------------
+
+class CallersMdl {
+public:
+    CallersMdl(void *Address, ULONG Length) : Mdl(IoAllocateMdl(Address, Length, FALSE, FALSE, nullptr)) {
+        EXPECT_EQ(KernelProbeAndLockPages(Mdl, KernelMode, IoWriteAccess), STATUS_SUCCESS);
+    }
+    ~CallersMdl() {
+        EXPECT_TRUE(Mdl->MdlFlags & MDL_PAGES_LOCKED) << "the driver unlocked pages of its caller";
+        MmUnlockPages(Mdl);
+        IoFreeMdl(Mdl);
+    }
+    const PMDL Mdl;
+};
+
+TEST_F(Data, ACallersMdlDecidesHowMuchIsRead) {
+    OpenFile();
+    const CallersMdl Short(Buffer, 3);
+    embedded::IrpBuilder Builder = Raw(IRP_MJ_READ, 8, 0);
+    Builder.Mdl = Short.Mdl;
+    EXPECT_EQ(Send(Builder).Information, 3u);
+    EXPECT_STREQ(Buffer, "012");
+    const providers::Call Made = Provider.CallRecords().at(0);
+    EXPECT_EQ(Made.Number("length"), 3u);
+}
+
+TEST_F(Data, AWriteFromAnMdlThatIsTooShortIsRefused) {
+    OpenFile();
+    const CallersMdl Short(Buffer, 3);
+    embedded::IrpBuilder Builder = Raw(IRP_MJ_WRITE, 8, 0);
+    Builder.Mdl = Short.Mdl;
+    EXPECT_EQ(Send(Builder).Status, STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(CallNames(), std::vector<std::string>{});
+}
+
+TEST_F(Data, AnAddressThatIsNotTheCallersIsReportedAndNothingIsTransferred) {
+    OpenFile();
+    for (UCHAR MajorFunction : {IRP_MJ_READ, IRP_MJ_WRITE}) {
+        embedded::IrpBuilder Builder = Raw(MajorFunction, 8, 0);
+        Builder.UserBuffer = reinterpret_cast<PVOID>(ULONG_PTR{0x1000});
+        Builder.RequestorMode = UserMode;
+        EXPECT_EQ(Send(Builder).Status, STATUS_ACCESS_VIOLATION);
+    }
+    EXPECT_EQ(CallNames(), std::vector<std::string>{});
+}
+
+struct FaultCase {
+    embedded::FaultKind Kind;
+};
+
+class BufferFaults : public Data, public testing::WithParamInterface<FaultCase> {};
+
+TEST_P(BufferFaults, EndTheTransferWithoutAProviderCall) {
+    OpenFile();
+    for (UCHAR MajorFunction : {IRP_MJ_READ, IRP_MJ_WRITE}) {
+        const embedded::PlannedFaults Faults({.Kinds = embedded::FaultBit(GetParam().Kind)});
+        const IO_STATUS_BLOCK Result = Send(Raw(MajorFunction, 8, 0));
+        EXPECT_EQ(Result.Status, STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_EQ(Result.Information, 0u);
+    }
+    EXPECT_EQ(CallNames(), std::vector<std::string>{});
+    EXPECT_EQ(Read(Handle, Buffer, 4, 0).Information, 4u); // nothing is left held
+}
+
+INSTANTIATE_TEST_SUITE_P(Kinds, BufferFaults,
+                         testing::Values(FaultCase{embedded::FaultKind::Mdl}, FaultCase{embedded::FaultKind::Map}));
+
+TEST_F(Data, ATransferOnABusyFileIsPostedAndDone) {
+    Start({.Switches = {{u"EnableAsyncIo", 1}}});
+    OpenFile(Asynchronous);
+    for (UCHAR MajorFunction : {IRP_MJ_READ, IRP_MJ_WRITE}) {
+        const embedded::PlannedFaults Busy({.Kinds = embedded::FaultBit(embedded::FaultKind::TryAcquire)});
+        embedded::SentIrp Posted = embedded::SendIrp(Device(), Raw(MajorFunction, 4, 0));
+        EXPECT_EQ(Posted.Returned(), STATUS_PENDING);
+        EXPECT_EQ(Posted.Wait().Information, 4u);
+    }
+}
+
+TEST_F(Data, TransfersOnADirectoryAreRefused) {
+    Handle = MustOpen(u"\\srv\\vol", {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE});
+    EXPECT_EQ(Send(Raw(IRP_MJ_READ, 4, 0)).Status, STATUS_FILE_IS_A_DIRECTORY);
+    EXPECT_EQ(Send(Raw(IRP_MJ_WRITE, 4, 0)).Status, STATUS_FILE_IS_A_DIRECTORY);
+    EXPECT_EQ(Send(Raw(IRP_MJ_FLUSH_BUFFERS, 0, 0)).Status, STATUS_INVALID_PARAMETER);
+}
+
+// ---- The disk-full latch
+// -------------------------------------------------------------------------------------------------
+
+TEST_F(Data, ARefusedSizeRefusesWritesBeyondTheFreeSpaceForFiveSeconds) {
+    OpenFile();
+    Instance(Handle)->DiskFullLatched = TRUE;
+    Instance(Handle)->DiskFullTime = embedded::Clock::SystemTime();
+    Instance(Handle)->DiskFullAvailable = 20;
+    EXPECT_EQ(Write(Handle, "abcde", 5, 15).Status, STATUS_SUCCESS);
+    EXPECT_EQ(Write(Handle, "abcde", 5, 16).Status, STATUS_DISK_FULL);
+    EXPECT_EQ(Send(Raw(IRP_MJ_WRITE, 5, EndOfFileMarker)).Status, STATUS_DISK_FULL); // it would end at 25
+    embedded::Clock::Advance(5 * embedded::Clock::Second - 1);
+    EXPECT_EQ(Write(Handle, "abcde", 5, 16).Status, STATUS_DISK_FULL);
+    EXPECT_EQ(Provider.CountCalls(Slot::WriteFile), 1u);
+    embedded::Clock::Advance(1);
+    EXPECT_EQ(Write(Handle, "abcde", 5, 16).Status, STATUS_SUCCESS);
+    EXPECT_FALSE(Instance(Handle)->DiskFullLatched);
+    EXPECT_EQ(Instance(Handle)->DiskFullAvailable, 0u);
+}
+
+// ---- Sizes
+// ---------------------------------------------------------------------------------------------------------------
+
+struct SizeCase {
+    LONG64 Offset;
+    ULONG64 Length;
+    LONGLONG Size; // starting from 10
+};
+
+class Sizes : public Data, public testing::WithParamInterface<SizeCase> {};
+
+TEST_P(Sizes, GrowWithTransfersAndAreSetByALengthOfZero) {
+    OpenFile();
+    const PFCB File = Fcb(Handle);
+    // A shared holder gets its hold back shared; an exclusive one keeps it, whatever it says of itself.
+    NtFsdAcquireShared(&File->Resource, TRUE);
+    RvFsdUpdateFCBFileSize(File, FALSE, GetParam().Offset, GetParam().Length);
+    EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&File->Resource));
+    EXPECT_EQ(ExIsResourceAcquiredSharedLite(&File->Resource), 1u);
+    NtFsdReleaseResource(&File->Resource);
+    EXPECT_EQ(FileSize(), GetParam().Size);
+
+    NtFsdAcquireExclusive(&File->Resource, TRUE);
+    NtFsdAcquireShared(&File->Resource, TRUE);
+    RvFsdUpdateFCBFileSize(File, FALSE, 500, 0);
+    EXPECT_TRUE(ExIsResourceAcquiredExclusiveLite(&File->Resource));
+    NtFsdReleaseResource(&File->Resource);
+    NtFsdReleaseResource(&File->Resource);
+    EXPECT_EQ(FileSize(), 500);
+}
+
+INSTANTIATE_TEST_SUITE_P(Changes, Sizes,
+                         testing::Values(SizeCase{8, 6, 14}, SizeCase{2, 3, 10}, SizeCase{4, 0, 4}, SizeCase{99, 0, 99},
+                                         SizeCase{10, 0, 10}));
+
+TEST_F(Data, AThreadWithTwoSharedHoldsDoesNotWaitForItself) {
+    OpenFile();
+    const PFCB File = Fcb(Handle);
+    NtFsdAcquireShared(&File->Resource, TRUE);
+    NtFsdAcquireShared(&File->Resource, TRUE);
+    RvFsdUpdateFCBFileSize(File, FALSE, 99, 0);
+    NtFsdReleaseResource(&File->Resource);
+    NtFsdReleaseResource(&File->Resource);
+    EXPECT_EQ(FileSize(), 10);
+}
+
+// ---- Flush
+// -----------------------------------------------------------------------------------------------------------------
+
+TEST_F(Data, AFlushAsksTheProviderAndReportsItsAnswer) {
+    OpenFile();
+    IO_STATUS_BLOCK IoStatus = {};
+    EXPECT_EQ(NtFlushBuffersFile(Handle, &IoStatus), STATUS_SUCCESS);
+    EXPECT_EQ(CallNames(), std::vector<std::string>{"RVFsdFlushFile"});
+    Provider.OnCall(Slot::FlushFile).Return(ProviderError(0x0509));
+    EXPECT_EQ(NtFlushBuffersFile(Handle, &IoStatus), STATUS_DISK_FULL);
+    EXPECT_EQ(IoStatus.Information, 0u);
+}
+
+} // namespace

@@ -1,0 +1,473 @@
+#include "embedded/ex.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <ctime>
+#include <thread>
+
+#include "embedded/faults.h"
+#include "embedded/ps.h"
+#include "tests/embedded/planted.h"
+
+namespace embedded {
+namespace {
+
+constexpr ULONG Tag = MakeTag("Exec");
+
+// A thread of its own that takes part in Settle and takes resources when told to.
+class Actor {
+public:
+    Actor() : Host_([this] { Run(); }) {
+        Ready_.wait(false);
+    }
+    ~Actor() {
+        Do([this] { Quit_ = true; });
+        Host_.join();
+    }
+    // Starts What; returns when it is done or blocked in the kernel.
+    void Do(std::function<void()> What) {
+        What_ = std::move(What);
+        KeSetEvent(&Go_, 0, FALSE);
+        Clock::Settle();
+    }
+
+private:
+    void Run() {
+        KeInitializeEvent(&Go_, SynchronizationEvent, FALSE);
+        SettleWith Counting;
+        Ready_ = true;
+        Ready_.notify_one();
+        while (!Quit_) {
+            KeWaitForSingleObject(&Go_, Executive, KernelMode, FALSE, nullptr);
+            What_();
+        }
+    }
+
+    KEVENT Go_;
+    std::function<void()> What_;
+    bool Quit_ = false;
+    std::atomic<bool> Ready_{false};
+    std::thread Host_;
+};
+
+class ResourceTest : public testing::Test {
+protected:
+    void SetUp() override {
+        ResetLockOrder();
+        ASSERT_EQ(ExInitializeResourceLite(&Resource), STATUS_SUCCESS);
+    }
+    void TearDown() override {
+        ExDeleteResourceLite(&Resource);
+    }
+    void Shared(std::atomic<int> &Holders) {
+        KeEnterCriticalRegion();
+        ExAcquireResourceSharedLite(&Resource, TRUE);
+        ++Holders;
+    }
+    void Exclusive(std::atomic<int> &Holders) {
+        KeEnterCriticalRegion();
+        ExAcquireResourceExclusiveLite(&Resource, TRUE);
+        ++Holders;
+    }
+    void Release() {
+        ExReleaseResourceLite(&Resource);
+        KeLeaveCriticalRegion();
+    }
+    bool Try(bool Exclusively) {
+        CriticalRegion Region;
+        bool Got = Exclusively ? ExAcquireResourceExclusiveLite(&Resource, FALSE)
+                               : ExAcquireResourceSharedLite(&Resource, FALSE);
+        if (Got) {
+            ExReleaseResourceLite(&Resource);
+        }
+        return Got;
+    }
+
+    ERESOURCE Resource;
+    std::atomic<int> Readers{0}, Writers{0};
+};
+
+TEST_F(ResourceTest, SharedHoldersShareAndKeepWritersOut) {
+    Actor Reader;
+    Reader.Do([&] { Shared(Readers); });
+    EXPECT_TRUE(Try(false));
+    EXPECT_FALSE(Try(true));
+    Reader.Do([&] { Release(); });
+    EXPECT_TRUE(Try(true));
+}
+
+TEST_F(ResourceTest, AnExclusiveHolderKeepsEverybodyOut) {
+    Actor Writer;
+    Writer.Do([&] { Exclusive(Writers); });
+    EXPECT_FALSE(Try(false));
+    EXPECT_FALSE(Try(true));
+    Writer.Do([&] { Release(); });
+}
+
+TEST_F(ResourceTest, AnExclusiveHoldIsRecursiveAndCoversSharedAcquires) {
+    CriticalRegion Region;
+    EXPECT_TRUE(ExAcquireResourceExclusiveLite(&Resource, TRUE));
+    EXPECT_TRUE(ExAcquireResourceExclusiveLite(&Resource, TRUE));
+    EXPECT_TRUE(ExAcquireResourceSharedLite(&Resource, TRUE));
+    EXPECT_TRUE(ExIsResourceAcquiredExclusiveLite(&Resource));
+    EXPECT_EQ(ExIsResourceAcquiredSharedLite(&Resource), 3u);
+    Actor Other;
+    for (int Left = 3; Left > 0; --Left) {
+        Other.Do([&] { EXPECT_FALSE(Try(false)); });
+        ExReleaseResourceLite(&Resource);
+    }
+    Other.Do([&] { EXPECT_TRUE(Try(true)); });
+    EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Resource));
+    EXPECT_EQ(ExIsResourceAcquiredSharedLite(&Resource), 0u);
+}
+
+TEST_F(ResourceTest, ANewReaderWaitsBehindAWaitingWriterButAHolderDoesNot) {
+    Actor First, Writer, Second;
+    First.Do([&] { Shared(Readers); });
+    Writer.Do([&] { Exclusive(Writers); });
+    EXPECT_EQ(Writers, 0);
+    EXPECT_FALSE(Try(false)) << "a new reader overtook the waiting writer";
+    Second.Do([&] { Shared(Readers); });
+    EXPECT_EQ(Readers, 1);
+    First.Do([&] { Shared(Readers); });
+    EXPECT_EQ(Readers, 2) << "a holder waits for a writer that waits for it";
+    First.Do([&] { Release(); });
+    EXPECT_EQ(Writers, 0);
+    First.Do([&] { Release(); });
+    EXPECT_EQ(Writers, 1);
+    EXPECT_EQ(Readers, 2);
+    Writer.Do([&] { Release(); });
+    EXPECT_EQ(Readers, 3);
+    Second.Do([&] { Release(); });
+    EXPECT_EQ(Resource.ContentionCount, 2u);
+}
+
+TEST_F(ResourceTest, AReleaseByAWriterLetsAllWaitingReadersInBeforeTheNextWriter) {
+    Actor Writer, Next, One, Two;
+    Writer.Do([&] { Exclusive(Writers); });
+    One.Do([&] { Shared(Readers); });
+    Next.Do([&] { Exclusive(Writers); });
+    Two.Do([&] { Shared(Readers); });
+    Writer.Do([&] { Release(); });
+    EXPECT_EQ(Readers, 2);
+    EXPECT_EQ(Writers, 1);
+    One.Do([&] { Release(); });
+    EXPECT_EQ(Writers, 1);
+    Two.Do([&] { Release(); });
+    EXPECT_EQ(Writers, 2);
+    Next.Do([&] { Release(); });
+}
+
+TEST_F(ResourceTest, ConversionLetsReadersInAndKeepsTheHold) {
+    Actor Writer, Reader;
+    Writer.Do([&] {
+        Exclusive(Writers);
+        ExAcquireResourceExclusiveLite(&Resource, TRUE);
+    });
+    Reader.Do([&] { Shared(Readers); });
+    EXPECT_EQ(Readers, 0);
+    Writer.Do([&] {
+        ExConvertExclusiveToSharedLite(&Resource);
+        EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Resource));
+        EXPECT_EQ(ExIsResourceAcquiredSharedLite(&Resource), 2u);
+    });
+    EXPECT_EQ(Readers, 1);
+    EXPECT_FALSE(Try(true));
+    Reader.Do([&] { Release(); });
+    Writer.Do([&] { ExReleaseResourceLite(&Resource); });
+    EXPECT_FALSE(Try(true));
+    Writer.Do([&] { Release(); });
+    EXPECT_TRUE(Try(true));
+}
+
+TEST_F(ResourceTest, HoldsUnderLoadExcludeEachOther) {
+    int Guarded = 0;
+    std::atomic<int> ReadersNow{0};
+    std::vector<std::thread> Threads;
+    for (int Thread = 0; Thread < 4; ++Thread) {
+        Threads.emplace_back([&, Thread] {
+            for (int Round = 0; Round < 1500; ++Round) {
+                CriticalRegion Region;
+                if ((Round + Thread) % 3 == 0) {
+                    ExAcquireResourceExclusiveLite(&Resource, TRUE);
+                    EXPECT_EQ(ReadersNow.load(), 0);
+                    ++Guarded;
+                } else {
+                    ExAcquireResourceSharedLite(&Resource, TRUE);
+                    ++ReadersNow;
+                    EXPECT_LE(Guarded, 2000);
+                    --ReadersNow;
+                }
+                ExReleaseResourceLite(&Resource);
+            }
+        });
+    }
+    for (std::thread &Thread : Threads) {
+        Thread.join();
+    }
+    EXPECT_EQ(Guarded, 2000);
+    EXPECT_EQ(Resource.NumberOfExclusiveWaiters + Resource.NumberOfSharedWaiters, 0u);
+    EXPECT_EQ(Resource.SpinLock, 0u);
+}
+
+TEST_F(ResourceTest, ADeleteWhileAThreadWaitsStops) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            Actor Holder;
+            Actor Waiter;
+            Holder.Do([&] { Exclusive(Writers); });
+            Waiter.Do([&] { Exclusive(Writers); });
+            ExDeleteResourceLite(&Resource);
+        },
+        StopPattern(bugcheck::Verifier, 0x100B, "waited for"));
+}
+
+TEST(PoolTest, CountsByTagAndAltogether) {
+    const LONG64 Bytes = PoolBytesInUse(), Blocks = PoolBlocksInUse();
+    PVOID One = ExAllocatePoolWithTag(NonPagedPool, 100, Tag);
+    PVOID Two = ExAllocatePoolWithTag(PagedPool, 28, Tag);
+    EXPECT_EQ(PoolBytesInUse() - Bytes, 128);
+    EXPECT_EQ(PoolBlocksInUse() - Blocks, 2);
+    auto Statistics = PoolStatistics();
+    auto Mine = std::ranges::find(Statistics, Tag, &PoolTagUse::Tag);
+    ASSERT_NE(Mine, Statistics.end());
+    EXPECT_EQ(Mine->Blocks, 2u);
+    EXPECT_EQ(Mine->Bytes, 128u);
+    EXPECT_TRUE(IsPoolAddress(static_cast<char *>(One) + 99));
+    EXPECT_FALSE(IsPoolAddress(&Blocks));
+    // Freed elsewhere: the sum still fits.
+    std::thread([&] { ExFreePoolWithTag(One, Tag); }).join();
+    ExFreePoolWithTag(Two, 0);
+    EXPECT_EQ(PoolBytesInUse(), Bytes);
+    EXPECT_EQ(PoolBlocksInUse(), Blocks);
+}
+
+TEST(PoolTest, BlocksOutliveAChangeOfTheLevel) {
+    const LONG64 Blocks = PoolBlocksInUse();
+    PVOID Tracked = ExAllocatePoolWithTag(NonPagedPool, 64, Tag);
+    SetVerifierLevel(VerifierLevel::Off);
+    PVOID Plain = ExAllocatePoolWithTag(NonPagedPool, 64, Tag);
+    ExFreePoolWithTag(Tracked, Tag);
+    SetVerifierLevel(VerifierLevel::On);
+    ExFreePoolWithTag(Plain, Tag);
+    EXPECT_EQ(PoolBlocksInUse(), Blocks);
+}
+
+#if !defined(__SANITIZE_ADDRESS__)
+#if !defined(__has_feature)
+#define __has_feature(Feature) 0
+#endif
+#if !__has_feature(address_sanitizer)
+// The address sanitizer reports these itself, at the access.
+TEST(PoolDeathTest, OverrunUnderrunAndUseAfterFreeStop) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto Block = static_cast<volatile char *>(ExAllocatePoolWithTag(NonPagedPool, 33, Tag));
+    auto Free = [&] { ExFreePoolWithTag(const_cast<char *>(Block), Tag); };
+    EXPECT_DEATH((Block[33] = 1, Free()), "STOP 0x000000C1.*0000023.: bytes behind the block");
+    EXPECT_DEATH((Block[-4] = 1, Free()), "STOP 0x000000C1.*0000024.: bytes before the block");
+    EXPECT_DEATH(
+        {
+            Free();
+            Block[3] = 1;
+            // So many freed blocks push the first one out of quarantine.
+            std::vector<PVOID> Others;
+            for (int Round = 0; Round < 6000; ++Round) {
+                Others.push_back(ExAllocatePoolWithTag(NonPagedPool, 2000, Tag));
+            }
+            for (PVOID Other : Others) {
+                ExFreePoolWithTag(Other, Tag);
+            }
+        },
+        "STOP 0x000000CC.*was written to at offset 3");
+    Free();
+}
+#endif
+#endif
+
+TEST(LookasideTest, KeepsAsManyEntriesAsItsDepthAndFreesThemAtTheEnd) {
+    SetLookasideCaching(LookasideCaching::Always);
+    const LONG64 Blocks = PoolBlocksInUse();
+    NPAGED_LOOKASIDE_LIST List;
+    ExInitializeNPagedLookasideList(&List, nullptr, nullptr, 0, 168, Tag, 4);
+    std::vector<PVOID> Entries;
+    for (int Index = 0; Index < 6; ++Index) {
+        Entries.push_back(ExAllocateFromNPagedLookasideList(&List));
+    }
+    EXPECT_EQ(PoolBlocksInUse() - Blocks, 6);
+    for (PVOID Entry : Entries) {
+        ExFreeToNPagedLookasideList(&List, Entry);
+    }
+    EXPECT_EQ(ExQueryDepthSList(&List.L.ListHead), 4);
+    EXPECT_EQ(PoolBlocksInUse() - Blocks, 4);
+    EXPECT_EQ(ExAllocateFromNPagedLookasideList(&List), Entries[3]) << "the last one in comes out first";
+    ExFreeToNPagedLookasideList(&List, Entries[3]);
+    EXPECT_EQ(List.L.TotalAllocates, 7u);
+    EXPECT_EQ(List.L.AllocateMisses, 6u);
+    EXPECT_EQ(List.L.FreeMisses, 2u);
+    ExDeleteNPagedLookasideList(&List);
+    EXPECT_EQ(PoolBlocksInUse(), Blocks);
+    SetLookasideCaching(LookasideCaching::FollowVerifier);
+}
+
+TEST(LookasideTest, KeepsNothingUnderTheVerifier) {
+    const LONG64 Blocks = PoolBlocksInUse();
+    NPAGED_LOOKASIDE_LIST List;
+    ExInitializeNPagedLookasideList(&List, nullptr, nullptr, 0, 168, Tag, 4);
+    ExFreeToNPagedLookasideList(&List, ExAllocateFromNPagedLookasideList(&List));
+    EXPECT_EQ(PoolBlocksInUse(), Blocks);
+    ExDeleteNPagedLookasideList(&List);
+}
+
+TEST(LookasideTest, EntriesPassBetweenThreadsOnceEach) {
+    SLIST_HEADER Head{};
+    struct alignas(16) Entry {
+        SLIST_ENTRY Link;
+        int Uses;
+    } Entries[8] = {};
+    for (Entry &One : Entries) {
+        ExpInterlockedPushEntrySList(&Head, &One.Link);
+    }
+    std::vector<std::thread> Threads;
+    for (int Thread = 0; Thread < 3; ++Thread) {
+        Threads.emplace_back([&] {
+            for (int Round = 0; Round < 3000; ++Round) {
+                if (auto Mine = reinterpret_cast<Entry *>(ExpInterlockedPopEntrySList(&Head))) {
+                    ++Mine->Uses;
+                    ExpInterlockedPushEntrySList(&Head, &Mine->Link);
+                }
+            }
+        });
+    }
+    for (std::thread &Thread : Threads) {
+        Thread.join();
+    }
+    int Uses = 0;
+    for (const Entry &One : Entries) {
+        Uses += One.Uses;
+    }
+    EXPECT_EQ(Uses, 9000);
+    EXPECT_EQ(Head.Region, 8u);
+}
+
+TEST(TimeTest, LocalTimeFollowsTheTimezoneOfTheHost) {
+    const char *Old = getenv("TZ");
+    const std::string Saved = Old == nullptr ? "" : Old;
+    LARGE_INTEGER Universal, Local;
+    Universal.QuadPart = 133'485'408'000'000'000; // 2024-01-01
+    for (auto [Zone, Hours] : {std::pair{"UTC0", 0}, {"XST-3", 3}, {"YST5", -5}}) {
+        setenv("TZ", Zone, 1);
+        tzset();
+        ExSystemTimeToLocalTime(&Universal, &Local);
+        EXPECT_EQ(Local.QuadPart - Universal.QuadPart, Hours * 3600 * Clock::Second) << Zone;
+    }
+    Old == nullptr ? unsetenv("TZ") : setenv("TZ", Saved.c_str(), 1);
+    tzset();
+}
+
+// ---- Fault plans -------------------------------------------------------------------------------------------
+
+// Four allocations at three sites; frees what it got. Returns how many failed.
+__attribute__((noinline)) int AllocateSome() {
+    FaultScope Driver;
+    int Failed = 0;
+    auto Use = [&](PVOID Block) {
+        Failed += Block == nullptr;
+        if (Block != nullptr) {
+            ExFreePoolWithTag(Block, Tag);
+        }
+    };
+    const volatile int Rounds = 2; // one site: the loop must not be unrolled
+    for (int Round = 0; Round < Rounds; ++Round) {
+        Use(ExAllocatePoolWithTag(NonPagedPool, 16, Tag));
+    }
+    Use(ExAllocatePoolWithTag(NonPagedPool, 32, Tag));
+    Use(ExAllocatePoolWithTag(NonPagedPool, 48, Tag));
+    return Failed;
+}
+
+TEST(FaultTest, TheNthCallFailsOnceOrFromThenOn) {
+    for (ULONG64 Nth = 1; Nth <= 5; ++Nth) {
+        {
+            PlannedFaults Planned({.How = FaultPlan::Mode::Nth, .Nth = Nth});
+            EXPECT_EQ(AllocateSome(), Nth <= 4 ? 1 : 0);
+            EXPECT_EQ(GetFaultCounts().TotalCalls(), 4u);
+        }
+        PlannedFaults Planned({.How = FaultPlan::Mode::NthAndAfter, .Nth = Nth});
+        EXPECT_EQ(AllocateSome(), static_cast<int>(5 - Nth));
+    }
+    EXPECT_EQ(AllocateSome(), 0);
+}
+
+TEST(FaultTest, EveryCallingStackFailsOnce) {
+    ForgetFaultStacks();
+    int Runs = 0;
+    int Failed = 0;
+    ULONG64 New = 0;
+    do {
+        PlannedFaults Planned({.How = FaultPlan::Mode::EachStackOnce});
+        Failed += AllocateSome();
+        New = GetFaultCounts().TotalFailed();
+        ++Runs;
+    } while (New != 0 && Runs < 10);
+    EXPECT_EQ(Failed, 3) << "three sites, one of them in a loop";
+    EXPECT_EQ(Runs, 2);
+    EXPECT_EQ(FaultStacksSeen(), 3u);
+}
+
+TEST(FaultTest, OnlyDriverCodeIsHitAndOnlyThePlannedKinds) {
+    PlannedFaults Planned({.How = FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Pool), .Nth = 1});
+    auto Fails = [] {
+        PVOID Block = ExAllocatePoolWithTag(NonPagedPool, 16, Tag);
+        if (Block != nullptr) {
+            ExFreePoolWithTag(Block, Tag);
+        }
+        return Block == nullptr;
+    };
+    EXPECT_FALSE(Fails());
+    FaultScope Driver;
+    EXPECT_TRUE(Fails());
+    {
+        FaultExempt FrontEnd;
+        EXPECT_FALSE(Fails());
+    }
+    EXPECT_TRUE(Fails());
+    ERESOURCE Resource;
+    EXPECT_EQ(ExInitializeResourceLite(&Resource), STATUS_SUCCESS);
+    ExDeleteResourceLite(&Resource);
+    EXPECT_EQ(GetFaultCounts().Failed[static_cast<ULONG>(FaultKind::Pool)], 2u);
+}
+
+TEST(FaultTest, ResourcesAndTryAcquiresFailWhenAsked) {
+    FaultScope Driver;
+    ERESOURCE Resource;
+    {
+        PlannedFaults Planned({.Kinds = FaultBit(FaultKind::Resource)});
+        EXPECT_EQ(ExInitializeResourceLite(&Resource), STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_EQ(ExInitializeResourceLite(&Resource), STATUS_SUCCESS);
+    }
+    {
+        PlannedFaults Planned({.Kinds = FaultBit(FaultKind::TryAcquire)});
+        CriticalRegion Region;
+        EXPECT_FALSE(ExAcquireResourceSharedLite(&Resource, FALSE));
+        EXPECT_TRUE(ExAcquireResourceSharedLite(&Resource, FALSE));
+        ExReleaseResourceLite(&Resource);
+    }
+    ExDeleteResourceLite(&Resource);
+}
+
+TEST(FaultTest, ARandomPlanRepeatsWithItsSeed) {
+    auto Failures = [](ULONG64 Seed) {
+        PlannedFaults Planned({.How = FaultPlan::Mode::Random, .PerTenThousand = 5000, .Seed = Seed});
+        std::vector<int> Result;
+        for (int Round = 0; Round < 20; ++Round) {
+            Result.push_back(AllocateSome());
+        }
+        return Result;
+    };
+    EXPECT_EQ(Failures(7), Failures(7));
+    EXPECT_NE(Failures(7), Failures(8));
+}
+
+} // namespace
+} // namespace embedded

@@ -1,0 +1,567 @@
+#include "embedded/io.h"
+
+#include <thread>
+
+#include "embedded/ps.h"
+#include "io_fixture.h"
+#include "planted.h"
+
+namespace {
+
+using namespace embedded;
+using namespace iotest;
+
+IrpBuilder Request(UCHAR MajorFunction) {
+    IrpBuilder Builder;
+    Builder.MajorFunction = MajorFunction;
+    return Builder;
+}
+
+using IoRequestTest = IoTest;
+
+TEST_F(IoRequestTest, AnEntryThatTheDriverDoesNotServeIsRefused) {
+    TheKernel->Driver()->MajorFunction[IRP_MJ_POWER] = nullptr;
+    PDRIVER_OBJECT Bare = nullptr;
+    ASSERT_EQ(LoadDriverObject(
+                  [](PDRIVER_OBJECT Driver, PUNICODE_STRING) NTAPI -> NTSTATUS {
+                      PDEVICE_OBJECT Device;
+                      UNICODE_STRING Name = ToUnicodeString(u"\\Device\\Bare");
+                      return IoCreateDevice(Driver, 0, &Name, 0, 0, FALSE, &Device);
+                  },
+                  u"Bare", &Bare),
+              STATUS_SUCCESS);
+    EXPECT_EQ(SendIrpAndWait(Bare->DeviceObject, Request(IRP_MJ_READ)).Status, STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(FreeDriverObject(Bare), 1u);
+    EXPECT_EQ(DeviceFromName(u"\\Device\\Bare"), nullptr);
+}
+
+TEST_F(IoRequestTest, ARawRequestArrivesAsItWasBuilt) {
+    IRP Top{};
+    char Byte;
+    IrpBuilder Builder = Request(IRP_MJ_READ);
+    Builder.MinorFunction = IRP_MN_DPC;
+    Builder.IrpFlags = IRP_PAGING_IO | IRP_NOCACHE;
+    Builder.StackFlags = 3;
+    Builder.RequestorMode = UserMode;
+    Builder.CancelledBefore = true;
+    Builder.UserBuffer = &Byte;
+    Builder.TopLevelIrp = &Top;
+    Builder.Fill = [](PIO_STACK_LOCATION Stack) { Stack->Parameters.Read.Length = 77; };
+    Handlers[IRP_MJ_READ] = [&](PIRP Irp) {
+        const auto &Stack = *IoGetCurrentIrpStackLocation(Irp);
+        EXPECT_EQ(Irp->StackCount, 2);
+        EXPECT_EQ(Irp->CurrentLocation, 2);
+        EXPECT_EQ(Irp->Size, 208 + 2 * 72);
+        EXPECT_EQ(Stack.MinorFunction, IRP_MN_DPC);
+        EXPECT_EQ(Stack.Flags, 3);
+        EXPECT_EQ(Stack.Parameters.Read.Length, 77u);
+        EXPECT_EQ(Stack.DeviceObject, TheDevice);
+        EXPECT_EQ(Irp->Flags, ULONG{IRP_PAGING_IO | IRP_NOCACHE});
+        EXPECT_EQ(Irp->RequestorMode, UserMode);
+        EXPECT_EQ(Irp->UserBuffer, &Byte);
+        EXPECT_TRUE(Irp->Cancel);
+        EXPECT_EQ(IoGetTopLevelIrp(), &Top);
+        EXPECT_EQ(IoGetRequestorProcess(Irp), IoGetCurrentProcess());
+        return Complete(Irp, STATUS_CANCELLED, 5);
+    };
+    SentIrp Sent = SendIrp(TheDevice, Builder);
+    EXPECT_EQ(Sent.Returned(), STATUS_CANCELLED);
+    EXPECT_TRUE(Sent.IsCompleted());
+    EXPECT_EQ(Sent.Wait().Information, 5u);
+    EXPECT_EQ(Sent.PriorityBoost(), IO_NETWORK_INCREMENT);
+    EXPECT_EQ(IoGetTopLevelIrp(), nullptr);
+}
+
+TEST_F(IoRequestTest, WhatMakesARequestSynchronous) {
+    struct {
+        ULONG IrpFlags;
+        ULONG FileFlags;
+        bool Synchronous;
+    } const Cases[] = {
+        {0, 0, false},
+        {IRP_SYNCHRONOUS_API, 0, true},
+        {0, FO_SYNCHRONOUS_IO, true},
+        {IRP_PAGING_IO, 0, false},
+        {IRP_PAGING_IO, FO_SYNCHRONOUS_IO, false},
+        {IRP_PAGING_IO | IRP_SYNCHRONOUS_PAGING_IO, 0, true},
+        {IRP_NOCACHE, 0, false},
+    };
+    for (const auto &Case : Cases) {
+        const PFILE_OBJECT File = CreateFileObject(TheDevice, u"\\x", Case.FileFlags);
+        IrpBuilder Builder = Request(IRP_MJ_READ);
+        Builder.FileObject = File;
+        Builder.IrpFlags = Case.IrpFlags;
+        bool Synchronous = !Case.Synchronous;
+        Handlers[IRP_MJ_READ] = [&](PIRP Irp) {
+            Synchronous = IoIsOperationSynchronous(Irp);
+            return Complete(Irp, STATUS_SUCCESS);
+        };
+        SendIrpAndWait(TheDevice, Builder);
+        EXPECT_EQ(Synchronous, Case.Synchronous) << Case.IrpFlags << " " << Case.FileFlags;
+        DereferenceFileObject(File);
+    }
+}
+
+TEST_F(IoRequestTest, ACancelledRequestRunsItsRoutineOnce) {
+    static PIRP Cancelled;
+    Cancelled = nullptr;
+    Handlers[IRP_MJ_READ] = [](PIRP Irp) {
+        IoMarkIrpPending(Irp);
+        Irp->CancelRoutine = [](PDEVICE_OBJECT, PIRP Irp) NTAPI -> VOID {
+            EXPECT_TRUE(Irp->Cancel);
+            EXPECT_EQ(KeGetCurrentIrql(), DispatchLevel);
+            IoReleaseCancelSpinLock(Irp->CancelIrql);
+            Cancelled = Irp;
+            Complete(Irp, STATUS_CANCELLED);
+        };
+        return STATUS_PENDING;
+    };
+    SentIrp Sent = SendIrp(TheDevice, Request(IRP_MJ_READ));
+    EXPECT_EQ(Sent.Returned(), STATUS_PENDING);
+    EXPECT_FALSE(Sent.IsCompleted());
+    EXPECT_TRUE(Sent.Cancel());
+    EXPECT_EQ(Cancelled, Sent.Irp());
+    EXPECT_EQ(Sent.Wait().Status, STATUS_CANCELLED);
+    EXPECT_FALSE(Sent.Cancel()) << "a completed request is out of reach";
+}
+
+TEST_F(IoRequestTest, CompletionAndCancelFromTwoThreadsMeetOnce) {
+    for (int Round = 0; Round < 200; ++Round) {
+        PIRP Waiting = nullptr;
+        Handlers[IRP_MJ_READ] = [&](PIRP Irp) {
+            IoMarkIrpPending(Irp);
+            Waiting = Irp;
+            return STATUS_PENDING;
+        };
+        SentIrp Sent = SendIrp(TheDevice, Request(IRP_MJ_READ));
+        std::thread Server([&] { Complete(Waiting, STATUS_SUCCESS, 1); });
+        Sent.Cancel();
+        EXPECT_EQ(Sent.Wait().Status, STATUS_SUCCESS);
+        Server.join();
+    }
+}
+
+TEST_F(IoRequestTest, AFilterAboveSeesTheCompletion) {
+    static int Calls;
+    Calls = 0;
+    IrpBuilder Builder = Request(IRP_MJ_FLUSH_BUFFERS);
+    Builder.CompletionRoutine = [](PDEVICE_OBJECT, PIRP Irp, PVOID Context) NTAPI -> NTSTATUS {
+        ++Calls;
+        EXPECT_EQ(Context, &Calls);
+        if (Irp->PendingReturned) {
+            IoMarkIrpPending(Irp);
+        }
+        return STATUS_SUCCESS;
+    };
+    Builder.CompletionContext = &Calls;
+    EXPECT_EQ(SendIrpAndWait(TheDevice, Builder).Status, STATUS_SUCCESS);
+    EXPECT_EQ(Calls, 1);
+}
+
+TEST_F(IoRequestTest, TheObserverHearsOfEveryCompletedRequest) {
+    struct Line {
+        std::string Major;
+        std::u16string Name;
+        NTSTATUS Status;
+        ULONG_PTR Information;
+        ULONG Code;
+    };
+    std::vector<Line> Lines;
+    SetIoObserver([&](const CompletedRequest &Each) {
+        Lines.push_back({MajorFunctionName(Each.MajorFunction), std::u16string(Each.FileName), Each.Status,
+                         Each.Information, Each.Code});
+        EXPECT_GE(Each.Nanoseconds, 0);
+    });
+    Handlers[IRP_MJ_FILE_SYSTEM_CONTROL] = [](PIRP Irp) { return Complete(Irp, STATUS_INVALID_DEVICE_REQUEST, 3); };
+    const HANDLE Handle = Open(u"\\Device\\RvFsd\\f").Handle;
+    IO_STATUS_BLOCK Iosb;
+    EXPECT_EQ(NtFsControlFile(Handle, nullptr, nullptr, nullptr, &Iosb, FSCTL_GET_COMPRESSION, nullptr, 0, nullptr, 0),
+              STATUS_INVALID_DEVICE_REQUEST);
+    NtClose(Handle);
+    SetIoObserver({});
+    ASSERT_EQ(Lines.size(), 4u);
+    EXPECT_EQ(Lines[0].Major, "IRP_MJ_CREATE");
+    EXPECT_EQ(Lines[0].Name, u"\\f");
+    EXPECT_EQ(Lines[1].Code, ULONG{FSCTL_GET_COMPRESSION});
+    EXPECT_EQ(Lines[1].Status, STATUS_INVALID_DEVICE_REQUEST);
+    EXPECT_EQ(Lines[1].Information, 3u);
+    EXPECT_EQ(Lines[3].Major, "IRP_MJ_CLOSE");
+}
+
+TEST_F(IoRequestTest, ADeletedDeviceTakesNoOpensButServesTheOnesItHas) {
+    const HANDLE Handle = Open(u"\\Device\\RvFsd\\f").Handle;
+    IoDeleteDevice(std::exchange(TheDevice, nullptr));
+    EXPECT_EQ(Open(u"\\Device\\RvFsd\\g").Status, STATUS_NO_SUCH_DEVICE);
+    char Byte;
+    IO_STATUS_BLOCK Iosb;
+    EXPECT_EQ(NtReadFile(Handle, nullptr, nullptr, nullptr, &Iosb, &Byte, 1, nullptr, nullptr), STATUS_SUCCESS);
+    NtClose(Handle);
+    FsRtlDeregisterUncProvider(std::exchange(ProviderHandle, nullptr));
+}
+
+// ---- Share access ----------------------------------------------------------------------------------------------
+
+class ShareTest : public IoTest {
+protected:
+    PFILE_OBJECT New() {
+        Files.push_back(CreateFileObject(TheDevice, u"\\f", 0));
+        return Files.back();
+    }
+    void TearDown() override {
+        for (const PFILE_OBJECT File : Files) {
+            DereferenceFileObject(File);
+        }
+        IoTest::TearDown();
+    }
+    std::vector<PFILE_OBJECT> Files;
+    SHARE_ACCESS Share{};
+};
+
+TEST_F(ShareTest, EveryPairOfOpensAgreesWithTheRule) {
+    constexpr ACCESS_MASK Accesses[] = {0,
+                                        FILE_READ_DATA,
+                                        FILE_EXECUTE,
+                                        FILE_WRITE_DATA,
+                                        FILE_APPEND_DATA,
+                                        DELETE,
+                                        FILE_READ_DATA | FILE_WRITE_DATA | DELETE,
+                                        FILE_READ_ATTRIBUTES | SYNCHRONIZE};
+    // The access as a set of the share bits that it needs from the others.
+    auto Needs = [](ACCESS_MASK Access) {
+        return ((Access & (FILE_READ_DATA | FILE_EXECUTE)) ? FILE_SHARE_READ : 0) |
+               ((Access & (FILE_WRITE_DATA | FILE_APPEND_DATA)) ? FILE_SHARE_WRITE : 0) |
+               ((Access & DELETE) ? FILE_SHARE_DELETE : 0);
+    };
+    const PFILE_OBJECT First = New(), Second = New();
+    for (const ACCESS_MASK A : Accesses) {
+        for (const ACCESS_MASK B : Accesses) {
+            for (ULONG ShareA = 0; ShareA < 8; ++ShareA) {
+                for (ULONG ShareB = 0; ShareB < 8; ++ShareB) {
+                    IoSetShareAccess(A, ShareA, First, &Share);
+                    const bool Counts = Needs(A) != 0 && Needs(B) != 0;
+                    const bool Conflict = Counts && ((Needs(B) & ~ShareA) != 0 || (Needs(A) & ~ShareB) != 0);
+                    EXPECT_EQ(IoCheckShareAccess(B, ShareB, Second, &Share, TRUE),
+                              Conflict ? STATUS_SHARING_VIOLATION : STATUS_SUCCESS)
+                        << A << " " << ShareA << " " << B << " " << ShareB;
+                    EXPECT_EQ(Share.OpenCount, (Needs(A) != 0) + (Needs(B) != 0 && !Conflict));
+                }
+            }
+        }
+    }
+}
+
+TEST_F(ShareTest, WhatIsRemovedIsWhatWasAdded) {
+    const PFILE_OBJECT First = New(), Second = New(), Idle = New();
+    constexpr ULONG All = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    IoSetShareAccess(FILE_READ_DATA, All, First, &Share);
+    ASSERT_EQ(IoCheckShareAccess(FILE_WRITE_DATA | DELETE, FILE_SHARE_READ, Second, &Share, TRUE), STATUS_SUCCESS);
+    ASSERT_EQ(IoCheckShareAccess(SYNCHRONIZE, 0, Idle, &Share, TRUE), STATUS_SUCCESS);
+    EXPECT_EQ(Share.OpenCount, 2u);
+    EXPECT_EQ(Share.SharedRead, 2u);
+    EXPECT_EQ(Share.SharedWrite, 1u);
+    IoRemoveShareAccess(Idle, &Share);
+    EXPECT_EQ(Share.OpenCount, 2u);
+    IoRemoveShareAccess(First, &Share);
+    IoRemoveShareAccess(Second, &Share);
+    const SHARE_ACCESS None{};
+    EXPECT_EQ(memcmp(&Share, &None, sizeof(Share)), 0);
+}
+
+TEST_F(ShareTest, AnUncommittedCheckRecordsNothingButSetsTheFlags) {
+    const PFILE_OBJECT First = New(), Second = New();
+    IoSetShareAccess(FILE_READ_DATA, 0, First, &Share);
+    EXPECT_EQ(IoCheckShareAccess(FILE_WRITE_DATA, 7, Second, &Share, FALSE), STATUS_SHARING_VIOLATION);
+    EXPECT_TRUE(Second->WriteAccess);
+    EXPECT_TRUE(Second->SharedDelete);
+    EXPECT_EQ(Share.OpenCount, 1u);
+}
+
+// ---- Planted faults --------------------------------------------------------------------------------------------
+
+class IoPlantedTest : public testing::TestWithParam<PlantedFault> {};
+
+// Boots a kernel, lets reads be served as Serve says and sends one.
+void Read(Handler Serve, const IrpBuilder &Builder = Request(IRP_MJ_READ)) {
+    Kernel Running;
+    static_cast<void>(Running.LoadDriver(DriverEntry, u"RVFSD"));
+    Handlers[IRP_MJ_READ] = std::move(Serve);
+    SendIrpAndWait(TheDevice, Builder);
+}
+
+NTSTATUS Pend(PIRP Irp) {
+    IoMarkIrpPending(Irp);
+    return STATUS_PENDING;
+}
+
+VOID NTAPI NoCancel(PDEVICE_OBJECT, PIRP Irp) {
+    IoReleaseCancelSpinLock(Irp->CancelIrql);
+}
+
+const PlantedFault Planted[] = {
+    {"CompletedTwice", 0x44, 0, "completed twice",
+     [] {
+         Read([](PIRP Irp) {
+             Complete(Irp, STATUS_SUCCESS);
+             IofCompleteRequest(Irp, 0);
+             return STATUS_SUCCESS;
+         });
+     }},
+    {"CompletedWithPending", 0xC9, 0x06, "cannot be final",
+     [] { Read([](PIRP I) { return Complete(I, STATUS_PENDING); }); }},
+    {"CompletedWithMinusOne", 0xC9, 0x06, "cannot be final", [] { Read([](PIRP I) { return Complete(I, -1); }); }},
+    {"CompletedAboveDispatch", 0xC9, 0x0E, "above DISPATCH_LEVEL",
+     [] {
+         Read([](PIRP Irp) {
+             RaisedIrql Raised(HighLevel);
+             return Complete(Irp, STATUS_SUCCESS);
+         });
+     }},
+    {"CancelRoutineLeftSet", 0xC9, 0x07, "cancel routine",
+     [] {
+         Read([](PIRP Irp) {
+             Irp->CancelRoutine = NoCancel;
+             return Complete(Irp, STATUS_SUCCESS);
+         });
+     }},
+    {"MdlLeft", 0xC4, 0xB8, "MDL of the driver",
+     [] {
+         Read([](PIRP Irp) {
+             static char Buffer[64];
+             IoAllocateMdl(Buffer, sizeof(Buffer), FALSE, FALSE, Irp);
+             return Complete(Irp, STATUS_SUCCESS);
+         });
+     }},
+    {"CallersMdlTaken", 0xC4, 0xB8, "without the MDL",
+     [] {
+         IrpBuilder Builder = Request(IRP_MJ_READ);
+         MDL Own{};
+         Builder.Mdl = &Own;
+         Read(
+             [](PIRP Irp) {
+                 Irp->MdlAddress = nullptr;
+                 return Complete(Irp, STATUS_SUCCESS);
+             },
+             Builder);
+     }},
+    {"PendingReturnedUnmarked", 0xC9, 0x23D, "not marked pending",
+     [] {
+         Read([](PIRP Irp) {
+             Complete(Irp, STATUS_SUCCESS);
+             return STATUS_PENDING;
+         });
+     }},
+    {"MarkedPendingNotReturned", 0xC9, 0x23E, "STATUS_PENDING was not returned",
+     [] {
+         Read([](PIRP Irp) {
+             IoMarkIrpPending(Irp);
+             return Complete(Irp, STATUS_SUCCESS);
+         });
+     }},
+    {"UnmarkedAndCompletedLater", 0xC9, 0x23D, "not marked pending",
+     [] {
+         PIRP Waiting = nullptr;
+         Kernel Running;
+         static_cast<void>(Running.LoadDriver(DriverEntry, u"RVFSD"));
+         Handlers[IRP_MJ_READ] = [&](PIRP Irp) {
+             Waiting = Irp;
+             return STATUS_PENDING;
+         };
+         SentIrp Sent = SendIrp(TheDevice, Request(IRP_MJ_READ));
+         Complete(Waiting, STATUS_SUCCESS);
+     }},
+    {"NeitherCompletedNorPended", 0xC9, 0x226, "neither completed", [] { Read([](PIRP) { return STATUS_SUCCESS; }); }},
+    {"OtherStatusReturned", 0xC9, 0x224, "completed with 0xC0000011",
+     [] {
+         Read([](PIRP Irp) {
+             Complete(Irp, STATUS_END_OF_FILE);
+             return STATUS_SUCCESS;
+         });
+     }},
+    {"MinusOneReturned", 0xC9, 0x225, "0xFFFFFFFF",
+     [] {
+         Read([](PIRP Irp) {
+             Complete(Irp, STATUS_SUCCESS);
+             return NTSTATUS{-1};
+         });
+     }},
+    {"FilterDoesNotPassPendingOn", 0xC9, 0x228, "did not mark",
+     [] {
+         IrpBuilder Builder = Request(IRP_MJ_READ);
+         Builder.CompletionRoutine = [](PDEVICE_OBJECT, PIRP, PVOID) NTAPI -> NTSTATUS { return STATUS_SUCCESS; };
+         Read(
+             [](PIRP Irp) {
+                 IoMarkIrpPending(Irp);
+                 Complete(Irp, STATUS_SUCCESS);
+                 return STATUS_PENDING;
+             },
+             Builder);
+     }},
+    {"CompletedByAStranger", 0xC9, 0x205, "not sent to",
+     [] {
+         // The request has been finished and its block is new again: the driver still holds the old pointer.
+         Kernel Running;
+         static_cast<void>(Running.LoadDriver(DriverEntry, u"RVFSD"));
+         PIRP Kept = nullptr;
+         Handlers[IRP_MJ_READ] = [&](PIRP Irp) {
+             if (Kept == nullptr) {
+                 Kept = Irp;
+             } else {
+                 Handlers[IRP_MJ_CREATE] = {};
+             }
+             return Complete(Irp, STATUS_SUCCESS);
+         };
+         SendIrpAndWait(TheDevice, Request(IRP_MJ_READ));
+         // Comes round after the quarantine; built, not yet sent, and completed by somebody else.
+         for (int Round = 0; Round < 200; ++Round) {
+             IrpBuilder Builder = Request(IRP_MJ_FLUSH_BUFFERS);
+             Builder.Fill = [&](PIO_STACK_LOCATION Stack) {
+                 const auto *Irp = reinterpret_cast<const char *>(Kept);
+                 const auto *Here = reinterpret_cast<const char *>(Stack);
+                 if (Here > Irp && Here < Irp + 208 + 8 * 72) {
+                     IofCompleteRequest(Kept, 0);
+                 }
+             };
+             SendIrpAndWait(TheDevice, Builder);
+         }
+     }},
+    {"TopLevelIrpLeftSet", 0xC9, 0xF0000, "top-level IRP",
+     [] {
+         Read([](PIRP Irp) {
+             IoSetTopLevelIrp(reinterpret_cast<PIRP>(8));
+             return Complete(Irp, STATUS_SUCCESS);
+         });
+     }},
+    {"CancelLockKept", 0xC9, 0xF0000, "cancel spin lock",
+     [] {
+         Kernel Running;
+         static_cast<void>(Running.LoadDriver(DriverEntry, u"RVFSD"));
+         Handlers[IRP_MJ_READ] = [](PIRP Irp) {
+             Irp->CancelRoutine = [](PDEVICE_OBJECT, PIRP) NTAPI -> VOID {};
+             return Pend(Irp);
+         };
+         SentIrp Sent = SendIrp(TheDevice, Request(IRP_MJ_READ));
+         Sent.Cancel();
+     }},
+    {"CancelledButNeverCompleted", 0xC4, 0x135, "allowed time",
+     [] {
+         Kernel Running;
+         static_cast<void>(Running.LoadDriver(DriverEntry, u"RVFSD"));
+         Handlers[IRP_MJ_READ] = Pend;
+         SentIrp Sent = SendIrp(TheDevice, Request(IRP_MJ_READ));
+         Sent.CancelWithin(Clock::Second);
+     }},
+    {"DeviceDeletedTwice", 0xC9, 0xF0000, "deleted twice",
+     [] {
+         Kernel Running;
+         static_cast<void>(Running.LoadDriver(DriverEntry, u"RVFSD"));
+         IoDeleteDevice(TheDevice);
+         IoDeleteDevice(TheDevice);
+     }},
+    {"ShareRemovedTwice", 0xC9, 0xF0000, "never recorded",
+     [] {
+         Kernel Running;
+         static_cast<void>(Running.LoadDriver(DriverEntry, u"RVFSD"));
+         SHARE_ACCESS Share{};
+         const PFILE_OBJECT File = CreateFileObject(TheDevice, u"", 0);
+         IoSetShareAccess(FILE_READ_DATA, 0, File, &Share);
+         IoRemoveShareAccess(File, &Share);
+         IoRemoveShareAccess(File, &Share);
+     }},
+    {"DeviceLeftByAFailedStart", 0xC4, 0x60, "left a device behind",
+     [] {
+         Kernel Running;
+         static_cast<void>(Running.LoadDriver(
+             [](PDRIVER_OBJECT Driver, PUNICODE_STRING) NTAPI -> NTSTATUS {
+                 PDEVICE_OBJECT Device;
+                 static_cast<void>(IoCreateDevice(Driver, 0, nullptr, 0, 0, FALSE, &Device));
+                 return STATUS_UNSUCCESSFUL;
+             },
+             u"Bad"));
+     }},
+    {"HandleLeftOpen", 0xC4, 0x62, "1 handle.s. still open",
+     [] {
+         Kernel Running;
+         static_cast<void>(Running.LoadDriver(DriverEntry, u"RVFSD"));
+         HANDLE Handle;
+         static_cast<void>(CreateEventHandle(NotificationEvent, false, &Handle));
+         Running.Stop();
+     }},
+    {"FileObjectLeft", 0xC4, 0x62, "1 file object",
+     [] {
+         Kernel Running;
+         static_cast<void>(Running.LoadDriver(DriverEntry, u"RVFSD"));
+         CreateFileObject(TheDevice, u"", 0);
+         Running.Stop();
+     }},
+    {"ProviderLeftRegistered", 0xC4, 0x62, "handle",
+     [] {
+         Kernel Running;
+         static_cast<void>(Running.LoadDriver(DriverEntry, u"RVFSD"));
+         ProviderHandle = nullptr;
+         Running.Stop();
+     }},
+    {"IrqlChangedByDispatch", 0xC9, 0x05, "",
+     [] {
+         Read([](PIRP Irp) {
+             KeRaiseIrql(DispatchLevel);
+             return Complete(Irp, STATUS_SUCCESS);
+         });
+     }},
+};
+
+TEST_P(IoPlantedTest, StopsWithItsCode) {
+    const PlantedFault &Fault = GetParam();
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string Pattern = Fault.Code == 0x44 ? std::string("STOP 0x00000044.*") + Fault.What
+                                                   : StopPattern(Fault.Code, Fault.Parameter, Fault.What);
+    EXPECT_DEATH(Fault.Commit(), Pattern);
+}
+
+INSTANTIATE_TEST_SUITE_P(Io, IoPlantedTest, testing::ValuesIn(Planted),
+                         [](const auto &Each) { return std::string(Each.param.Name); });
+
+// ---- The kernel itself -------------------------------------------------------------------------------------------
+
+TEST(KernelLifeTest, StopListsWhatIsLeftWhenTheVerifierIsOff) {
+    KernelOptions Options;
+    Options.Verifier = VerifierLevel::Off;
+    Kernel Running(Options);
+    ASSERT_EQ(Running.LoadDriver(DriverEntry, u"RVFSD"), STATUS_SUCCESS);
+    HANDLE Handle;
+    ASSERT_EQ(CreateEventHandle(NotificationEvent, false, &Handle), STATUS_SUCCESS);
+    EXPECT_EQ(Running.Stop(), "1 handle(s) still open\n");
+    EXPECT_EQ(OpenHandleCount(), 0u);
+}
+
+TEST(KernelLifeTest, EachKernelStartsFresh) {
+    int Resets = 0;
+    KernelOptions Options;
+    Options.Registry = {{std::u16string(kServiceKey), u"EnableAsyncIo", 1}};
+    Options.ResetDriverImage = [&] { ++Resets; };
+    {
+        Kernel Running(Options);
+        EXPECT_TRUE(QueryRegistryValue(kServiceKey, u"EnableAsyncIo"));
+        EXPECT_THROW(Kernel Second, std::logic_error);
+    }
+    EXPECT_EQ(Resets, 1);
+    Kernel Running;
+    EXPECT_FALSE(QueryRegistryValue(kServiceKey, u"EnableAsyncIo"));
+    EXPECT_EQ(Running.Device(), nullptr);
+}
+
+TEST(KernelLifeTest, OpenFilesAreCleanedUpAndClosedAtTheEnd) {
+    Kernel Running;
+    Handlers = {};
+    ASSERT_EQ(Running.LoadDriver(DriverEntry, u"RVFSD"), STATUS_SUCCESS);
+    UNICODE_STRING Name = ToUnicodeString(u"\\Device\\RvFsd\\f");
+    OBJECT_ATTRIBUTES Attributes;
+    InitializeObjectAttributes(&Attributes, &Name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+    HANDLE Handle;
+    IO_STATUS_BLOCK Iosb;
+    ASSERT_EQ(NtOpenFile(&Handle, FILE_READ_DATA, &Attributes, &Iosb, 0, 0), STATUS_SUCCESS);
+    Seen.clear();
+    EXPECT_EQ(Running.CloseOpenHandles(), 1u) << "the file, not the provider's own handle";
+    EXPECT_EQ(Seen, (std::vector<UCHAR>{IRP_MJ_CLEANUP, IRP_MJ_CLOSE}));
+}
+
+} // namespace

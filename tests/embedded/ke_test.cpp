@@ -1,0 +1,347 @@
+#include "embedded/ke.h"
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "embedded/dbg.h"
+#include "embedded/faults.h"
+#include "embedded/ps.h"
+
+namespace embedded {
+namespace {
+
+constexpr LONGLONG Start = 133'000'000'000'000'000;
+
+LARGE_INTEGER Relative(LONGLONG Units) {
+    LARGE_INTEGER Time;
+    Time.QuadPart = -Units;
+    return Time;
+}
+
+// The manual clock, and no system thread left behind.
+class KernelTest : public testing::Test {
+protected:
+    void SetUp() override {
+        Clock::SetManual(Start);
+    }
+    void TearDown() override {
+        StopSystemThreads();
+        EXPECT_EQ(RunningSystemThreads(), 0u);
+        EXPECT_EQ(OpenThreadHandles(), 0u);
+        Clock::SetRunning();
+    }
+
+    void StartThread(PKSTART_ROUTINE Routine, PVOID Context) {
+        HANDLE Thread;
+        ASSERT_EQ(PsCreateSystemThread(&Thread, 0, nullptr, nullptr, nullptr, Routine, Context), STATUS_SUCCESS);
+        EXPECT_TRUE(IsThreadHandle(Thread));
+        EXPECT_TRUE(CloseThreadHandle(Thread));
+        EXPECT_FALSE(CloseThreadHandle(Thread));
+    }
+};
+
+struct Poller {
+    std::atomic<int> Polls{0};
+    int Limit = 0;
+    LONGLONG Period = 0;
+};
+
+VOID NTAPI Poll(PVOID Context) {
+    auto &Mine = *static_cast<Poller *>(Context);
+    while (Mine.Limit == 0 || Mine.Polls < Mine.Limit) {
+        ++Mine.Polls;
+        LARGE_INTEGER Interval = Relative(Mine.Period);
+        KeDelayExecutionThread(KernelMode, FALSE, &Interval);
+    }
+}
+
+TEST_F(KernelTest, TimeStandsStillUntilAdvanced) {
+    LARGE_INTEGER Now;
+    KeQuerySystemTimePrecise(&Now);
+    EXPECT_EQ(Now.QuadPart, Start);
+    EXPECT_EQ(Clock::BootTime(), Start);
+    Clock::Advance(Clock::Second);
+    KeQuerySystemTimePrecise(&Now);
+    EXPECT_EQ(Now.QuadPart, Start + Clock::Second);
+}
+
+TEST_F(KernelTest, AdvanceRunsAPollerOncePerPeriod) {
+    Poller Worker;
+    Worker.Limit = 21;
+    Worker.Period = 100 * Clock::Millisecond;
+    StartThread(Poll, &Worker);
+    Clock::Settle();
+    EXPECT_EQ(Worker.Polls, 1);
+    Clock::Advance(100 * Clock::Millisecond - 1);
+    EXPECT_EQ(Worker.Polls, 1);
+    Clock::Advance(1);
+    EXPECT_EQ(Worker.Polls, 2);
+    Clock::Advance(2 * Clock::Second);
+    EXPECT_EQ(Worker.Polls, 21);
+    EXPECT_EQ(RunningSystemThreads(), 0u);
+}
+
+struct Recorder {
+    static inline std::vector<int> Order;
+    int Id;
+    LONGLONG Period;
+};
+
+TEST_F(KernelTest, DelaysEndInTheOrderOfTheirTimes) {
+    Recorder::Order.clear();
+    Recorder All[] = {{1, 300}, {2, 100}, {3, 200}, {4, 250}};
+    for (Recorder &One : All) {
+        StartThread(
+            [](PVOID Context) NTAPI {
+                auto &Mine = *static_cast<Recorder *>(Context);
+                LARGE_INTEGER Interval = Relative(Mine.Period);
+                KeDelayExecutionThread(KernelMode, FALSE, &Interval);
+                Recorder::Order.push_back(Mine.Id);
+            },
+            &One);
+    }
+    Clock::Advance(1000);
+    EXPECT_EQ(Recorder::Order, (std::vector<int>{2, 3, 4, 1}));
+}
+
+TEST_F(KernelTest, JoinAdvancesTheClockUntilAllHaveEnded) {
+    Poller Worker;
+    Worker.Limit = 5;
+    Worker.Period = Clock::Second;
+    StartThread(Poll, &Worker);
+    EXPECT_EQ(JoinSystemThreads(), 0u);
+    EXPECT_EQ(Worker.Polls, 5);
+    EXPECT_EQ(Clock::SystemTime(), Start + 5 * Clock::Second);
+}
+
+TEST_F(KernelTest, JoinGivesUpAtItsLimitAndStopEndsTheRest) {
+    Poller Forever;
+    Forever.Period = Clock::Second;
+    StartThread(Poll, &Forever);
+    EXPECT_EQ(JoinSystemThreads(3 * Clock::Second), 1u);
+    EXPECT_EQ(Forever.Polls, 4);
+    StopSystemThreads();
+    EXPECT_EQ(RunningSystemThreads(), 0u);
+}
+
+VOID NTAPI TerminateDeep(int Depth) {
+    if (Depth > 0) {
+        TerminateDeep(Depth - 1);
+    } else {
+        PsTerminateSystemThread(STATUS_SUCCESS);
+    }
+    ADD_FAILURE() << "returned from a terminated thread";
+}
+
+TEST_F(KernelTest, TerminateEndsTheThreadFromAnyDepth) {
+    HANDLE Thread;
+    PsCreateSystemThread(
+        &Thread, 0, nullptr, nullptr, nullptr, [](PVOID) NTAPI { TerminateDeep(20); }, nullptr);
+    EXPECT_EQ(KeWaitForSingleObject(ThreadOfHandle(Thread), Executive, KernelMode, FALSE, nullptr), STATUS_SUCCESS);
+    EXPECT_EQ(JoinSystemThreads(), 0u);
+    CloseThreadHandle(Thread);
+    EXPECT_EQ(PsTerminateSystemThread(STATUS_SUCCESS), STATUS_INVALID_PARAMETER);
+}
+
+struct EventPair {
+    KEVENT Go, Done;
+    std::atomic<int> Woken{0};
+};
+
+VOID NTAPI AwaitGo(PVOID Context) {
+    auto &Pair = *static_cast<EventPair *>(Context);
+    KeWaitForSingleObject(&Pair.Go, Executive, KernelMode, FALSE, nullptr);
+    ++Pair.Woken;
+}
+
+struct EventCase {
+    EVENT_TYPE Type;
+    int WokenBySet;
+    LONG StateAfter;
+};
+
+TEST_F(KernelTest, ASetWakesAllOrOneByTheTypeOfTheEvent) {
+    for (EventCase Case : {EventCase{NotificationEvent, 3, 1}, {SynchronizationEvent, 1, 0}}) {
+        EventPair Pair;
+        KeInitializeEvent(&Pair.Go, Case.Type, FALSE);
+        for (int Thread = 0; Thread < 3; ++Thread) {
+            StartThread(AwaitGo, &Pair);
+        }
+        Clock::Settle();
+        EXPECT_EQ(Pair.Woken, 0);
+        EXPECT_EQ(KeSetEvent(&Pair.Go, 0, FALSE), 0);
+        Clock::Settle();
+        EXPECT_EQ(Pair.Woken, Case.WokenBySet);
+        EXPECT_EQ(KeReadStateEvent(&Pair.Go), Case.StateAfter);
+        KeSetEvent(&Pair.Go, 0, FALSE);
+        Clock::Settle();
+        KeSetEvent(&Pair.Go, 0, FALSE);
+        Clock::Settle();
+        EXPECT_EQ(Pair.Woken, 3);
+        EXPECT_EQ(JoinSystemThreads(), 0u);
+    }
+}
+
+TEST_F(KernelTest, AWaitTimesOutWhenTheClockReachesIt) {
+    static KEVENT Event;
+    static std::atomic<NTSTATUS> Result;
+    KeInitializeEvent(&Event, SynchronizationEvent, FALSE);
+    Result = STATUS_PENDING;
+    PKSTART_ROUTINE Waiting = [](PVOID) NTAPI {
+        LARGE_INTEGER Timeout = Relative(Clock::Second);
+        Result = KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, &Timeout);
+    };
+    StartThread(Waiting, nullptr);
+    Clock::Advance(Clock::Second - 1);
+    EXPECT_EQ(Result, STATUS_PENDING);
+    Clock::Advance(1);
+    EXPECT_EQ(Result, STATUS_TIMEOUT);
+
+    Result = STATUS_PENDING;
+    StartThread(Waiting, nullptr);
+    Clock::Settle();
+    KeSetEvent(&Event, 0, FALSE);
+    Clock::Settle();
+    EXPECT_EQ(Result, STATUS_SUCCESS);
+    EXPECT_EQ(KeReadStateEvent(&Event), 0);
+}
+
+TEST_F(KernelTest, AZeroTimeoutOnlyLooks) {
+    KEVENT Event;
+    LARGE_INTEGER Zero{};
+    KeInitializeEvent(&Event, SynchronizationEvent, TRUE);
+    EXPECT_EQ(KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, &Zero), STATUS_SUCCESS);
+    EXPECT_EQ(KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, &Zero), STATUS_TIMEOUT);
+    KeSetEvent(&Event, 0, FALSE);
+    KeClearEvent(&Event);
+    EXPECT_EQ(KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, &Zero), STATUS_TIMEOUT);
+}
+
+TEST_F(KernelTest, AForeignThreadThatSettlesIsWaitedFor) {
+    KEVENT Event;
+    KeInitializeEvent(&Event, NotificationEvent, FALSE);
+    std::atomic<bool> Passed{false};
+    std::atomic<bool> Counted{false};
+    std::thread Client([&] {
+        SettleWith Counting;
+        Counted = true;
+        Counted.notify_one();
+        KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, nullptr);
+        Passed = true;
+    });
+    Counted.wait(false);
+    Clock::Settle();
+    EXPECT_FALSE(Passed);
+    KeSetEvent(&Event, 0, FALSE);
+    Clock::Settle();
+    EXPECT_TRUE(Passed);
+    Client.join();
+}
+
+TEST(RunningClock, ADelayTakesRealTime) {
+    const LONGLONG Before = Clock::InterruptTime();
+    LARGE_INTEGER Interval = Relative(2 * Clock::Millisecond);
+    EXPECT_EQ(KeDelayExecutionThread(KernelMode, FALSE, &Interval), STATUS_SUCCESS);
+    EXPECT_GE(Clock::InterruptTime() - Before, 2 * Clock::Millisecond);
+    EXPECT_GT(Clock::SystemTime(), Clock::BootTime());
+}
+
+TEST(RunningClock, StoppingTheClockStopsDelaysThatAreUnderWay) {
+    Poller Worker;
+    Worker.Limit = 1;
+    Worker.Period = 3600 * Clock::Second;
+    HANDLE Thread;
+    PsCreateSystemThread(&Thread, 0, nullptr, nullptr, nullptr, Poll, &Worker);
+    CloseThreadHandle(Thread);
+    Clock::Settle();
+    Clock::SetManual(Start);
+    Clock::Advance(3600 * Clock::Second);
+    EXPECT_EQ(JoinSystemThreads(0), 0u);
+    Clock::SetRunning();
+}
+
+TEST(SpinLockTest, RaisesToDispatchAndRestoresTheOldLevel) {
+    KSPIN_LOCK Lock = 0;
+    RaisedIrql Apc(ApcLevel);
+    KIRQL Old = KeAcquireSpinLockRaiseToDpc(&Lock);
+    EXPECT_EQ(Old, ApcLevel);
+    EXPECT_EQ(KeGetCurrentIrql(), DispatchLevel);
+    KeReleaseSpinLock(&Lock, Old);
+    EXPECT_EQ(KeGetCurrentIrql(), ApcLevel);
+    EXPECT_EQ(Lock, 0u);
+}
+
+TEST(SpinLockTest, GuardsItsDataFromOtherThreads) {
+    KSPIN_LOCK Lock = 0;
+    int Count = 0;
+    std::vector<std::thread> Threads;
+    for (int Thread = 0; Thread < 3; ++Thread) {
+        Threads.emplace_back([&] {
+            for (int Round = 0; Round < 2000; ++Round) {
+                KIRQL Old = KeAcquireSpinLockRaiseToDpc(&Lock);
+                ++Count;
+                KeReleaseSpinLock(&Lock, Old);
+            }
+        });
+    }
+    for (std::thread &Thread : Threads) {
+        Thread.join();
+    }
+    EXPECT_EQ(Count, 6000);
+}
+
+TEST(ProcessTest, AThreadActsForTheProcessItIsAttachedTo) {
+    EXPECT_EQ(SystemProcess()->UniqueProcessId, 4u);
+    EXPECT_EQ(IoGetCurrentProcess(), SystemProcess());
+    PEPROCESS Client = CreateProcess("client.exe");
+    {
+        AttachProcess Attached(Client);
+        EXPECT_EQ(IoGetCurrentProcess(), Client);
+    }
+    EXPECT_EQ(IoGetCurrentProcess(), SystemProcess());
+    DeleteProcess(Client);
+}
+
+TEST(ThreadTest, CreationFailsByPlan) {
+    PlannedFaults Planned({.Kinds = FaultBit(FaultKind::Thread)});
+    FaultScope Driver;
+    HANDLE Thread;
+    EXPECT_EQ(PsCreateSystemThread(&Thread, 0, nullptr, nullptr, nullptr, Poll, nullptr),
+              STATUS_INSUFFICIENT_RESOURCES);
+}
+
+NTAPI std::string Formatted(PCSTR Format, ...) {
+    __builtin_ms_va_list List;
+    __builtin_ms_va_start(List, Format);
+    std::string Text = FormatMessage(Format, List);
+    __builtin_ms_va_end(List);
+    return Text;
+}
+
+TEST(DebugOutput, KnowsTheKernelsFormats) {
+    WCHAR Name[] = u"\\a\\\u00e4\U0001F600";
+    UNICODE_STRING Counted{10, 10, Name};
+    EXPECT_EQ(Formatted("plain %% %s|%5s|%-5s|%.2s", "text", "r", "l", "cut"), "plain % text|    r|l    |cu");
+    EXPECT_EQ(Formatted("%d %u %x %08lX %I64x %hx", -1, 0xFFFFFFFF, 0xAB, 0xC0000005, 0x123456789ABull, 0x12345),
+              "-1 4294967295 ab C0000005 123456789ab 2345");
+    EXPECT_EQ(Formatted("%wZ", &Counted), "\\a\\ä\xEF\xBF\xBD");
+    Counted.Length = 12;
+    EXPECT_EQ(Formatted("%wZ %ws %S %ls", &Counted, Name, u"s", u"t"), "\\a\\ä😀 \\a\\ä😀 s t");
+    EXPECT_EQ(Formatted("%p %c %02d:%*d", reinterpret_cast<PVOID>(0xAB), 'q', 7, 4, 9), "00000000000000AB q 07:   9");
+    EXPECT_EQ(Formatted("%s %wZ %", nullptr, nullptr), "(null) (null) ");
+}
+
+TEST(DebugOutput, GoesToTheSink) {
+    std::string Seen;
+    SetDebugSink([&](std::string_view Text) { Seen += Text; });
+    DbgPrint("%s-%d", "one", 1);
+    DbgPrintEx(80, 0xFFFFFFFF, "%s", "|two");
+    SetDebugSink(nullptr);
+    EXPECT_EQ(Seen, "one-1|two");
+}
+
+} // namespace
+} // namespace embedded

@@ -1,0 +1,38 @@
+// Planted faults: each breaks one rule in a child process, which must stop with the listed code.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include <fmt/format.h>
+#include <gtest/gtest.h>
+
+#include "embedded/verifier.h"
+
+namespace embedded {
+
+struct PlantedFault {
+    const char *Name;
+    ULONG Code;
+    ULONG_PTR Parameter;
+    const char *What;
+    void (*Commit)();
+};
+
+inline void PrintTo(const PlantedFault &Fault, std::ostream *Stream) {
+    *Stream << Fault.Name;
+}
+
+// The report's first line as a pattern.
+inline std::string StopPattern(ULONG Code, ULONG_PTR Parameter, const char *What) {
+    return fmt::format("STOP 0x{:08X} .0x{:016X}.*{}", Code, Parameter, What);
+}
+
+class PlantedFaults : public testing::TestWithParam<PlantedFault> {
+protected:
+    void SetUp() override {
+        GTEST_FLAG_SET(death_test_style, "threadsafe");
+    }
+};
+
+} // namespace embedded

@@ -1,0 +1,156 @@
+#include "embedded/rtl.h"
+
+#include "embedded/upcase.h"
+
+#include <gtest/gtest.h>
+#include <string>
+#include <string_view>
+
+namespace embedded {
+namespace {
+
+UNICODE_STRING StringOver(std::u16string_view Text) {
+    auto Bytes = static_cast<USHORT>(Text.size() * sizeof(WCHAR));
+    return {Bytes, Bytes, const_cast<PWSTR>(Text.data())};
+}
+
+TEST(Upcase, FoldsUnitsOneToOneAndLeavesTheRestAlone) {
+    const struct {
+        WCHAR Unit;
+        WCHAR Upper;
+        const char *Why;
+    } Cases[] = {
+        {u'a', u'A', "small letter"},
+        {u'z', u'Z', "last small letter"},
+        {u'Z', u'Z', "capital"},
+        {u'{', u'{', "just behind z"},
+        {u'`', u'`', "just before a"},
+        {u'\\', u'\\', "separator"},
+        {0x00E9, 0x00C9, "e with acute"},
+        {0x00FF, 0x0178, "to another page"},
+        {0x00DF, 0x00DF, "sharp s has no one-unit capital"},
+        {0x0131, 0x0131, "dotless i is not I"},
+        {0x017F, 0x017F, "long s is not S"},
+        {0x0436, 0x0416, "Cyrillic"},
+        {0x03C2, 0x03A3, "final sigma"},
+        {0xFF41, 0xFF21, "full width"},
+        {0xD801, 0xD801, "high surrogate"},
+        {0xDC28, 0xDC28, "low surrogate"},
+        {0xFFFF, 0xFFFF, "last unit"},
+    };
+    for (const auto &Case : Cases) {
+        EXPECT_EQ(UpcaseUnit(Case.Unit), Case.Upper) << Case.Why;
+    }
+}
+
+TEST(Upcase, NothingBeyondAsciiFoldsOntoAscii) {
+    for (unsigned Unit = 0x80; Unit <= 0xFFFF; ++Unit) {
+        EXPECT_GE(UpcaseUnit(static_cast<WCHAR>(Unit)), 0x80) << Unit;
+    }
+}
+
+TEST(Upcase, UpperCaseIsItsOwnUpperCase) {
+    for (unsigned Unit = 0; Unit <= 0xFFFF; ++Unit) {
+        WCHAR Upper = UpcaseUnit(static_cast<WCHAR>(Unit));
+        EXPECT_EQ(UpcaseUnit(Upper), Upper) << Unit;
+    }
+}
+
+TEST(RtlEqualUnicodeString, ComparesWholeStringsWithOrWithoutCase) {
+    const struct {
+        std::u16string_view One;
+        std::u16string_view Two;
+        bool Equal;
+        bool EqualIgnoringCase;
+    } Cases[] = {
+        {u"", u"", true, true},
+        {u"\\srv\\vol", u"\\srv\\vol", true, true},
+        {u"\\srv\\vol", u"\\SRV\\Vol", false, true},
+        {u"\\srv\\vol", u"\\srv\\vo", false, false},
+        {u"\\srv\\vol", u"\\srv\\vox", false, false},
+        {u"gr\u00FCn", u"GR\u00DCN", false, true},
+        {u"file", u"f\u0131le", false, false},
+    };
+    for (const auto &Case : Cases) {
+        UNICODE_STRING One = StringOver(Case.One);
+        UNICODE_STRING Two = StringOver(Case.Two);
+        EXPECT_EQ(RtlEqualUnicodeString(&One, &Two, FALSE), Case.Equal);
+        EXPECT_EQ(RtlEqualUnicodeString(&One, &Two, TRUE), Case.EqualIgnoringCase);
+        EXPECT_EQ(RtlCompareUnicodeString(&One, &Two, TRUE) == 0, Case.EqualIgnoringCase);
+    }
+}
+
+TEST(RtlCompareUnicodeString, OrdersByUnitThenByLength) {
+    UNICODE_STRING Short = StringOver(u"ab");
+    UNICODE_STRING Long = StringOver(u"ABC");
+    EXPECT_LT(RtlCompareUnicodeString(&Short, &Long, TRUE), 0);
+    EXPECT_GT(RtlCompareUnicodeString(&Short, &Long, FALSE), 0);
+    EXPECT_GT(RtlCompareUnicodeString(&Long, &Short, TRUE), 0);
+}
+
+TEST(RtlInitUnicodeString, CountsBytesAndKeepsRoomForTheTerminator) {
+    UNICODE_STRING String;
+    RtlInitUnicodeString(&String, u"abc");
+    EXPECT_EQ(String.Length, 6);
+    EXPECT_EQ(String.MaximumLength, 8);
+    RtlInitUnicodeString(&String, nullptr);
+    EXPECT_EQ(String.Length, 0);
+    EXPECT_EQ(String.Buffer, nullptr);
+    std::u16string Longest(40'000, u'x');
+    RtlInitUnicodeString(&String, Longest.c_str());
+    EXPECT_EQ(String.Length, 0xFFFC);
+    EXPECT_EQ(String.MaximumLength, 0xFFFE);
+}
+
+TEST(RtlTimeToTimeFields, SplitsTimesAndJoinsThemAgain) {
+    constexpr LONGLONG Day = 864'000'000'000;
+    const struct {
+        LONGLONG Time;
+        TIME_FIELDS Fields;
+    } Cases[] = {
+        {0, {1601, 1, 1, 0, 0, 0, 0, 1}},
+        {Day - 10'000, {1601, 1, 1, 23, 59, 59, 999, 1}},
+        {Day, {1601, 1, 2, 0, 0, 0, 0, 2}},
+        {116'444'736'000'000'000, {1970, 1, 1, 0, 0, 0, 0, 4}},
+        {125'963'424'000'000'000 + 59 * Day, {2000, 4, 29, 0, 0, 0, 0, 6}},
+        {125'963'424'000'000'000, {2000, 3, 1, 0, 0, 0, 0, 3}},
+        {125'963'424'000'000'000 - Day, {2000, 2, 29, 0, 0, 0, 0, 2}},
+    };
+    for (const auto &Case : Cases) {
+        LARGE_INTEGER Time{};
+        Time.QuadPart = Case.Time;
+        TIME_FIELDS Fields{};
+        RtlTimeToTimeFields(&Time, &Fields);
+        EXPECT_EQ(memcmp(&Fields, &Case.Fields, sizeof(Fields)), 0)
+            << Case.Time << ": " << Fields.Year << "-" << Fields.Month << "-" << Fields.Day << " weekday "
+            << Fields.Weekday;
+        LARGE_INTEGER Back{};
+        EXPECT_TRUE(RtlTimeFieldsToTime(&Fields, &Back));
+        EXPECT_EQ(Back.QuadPart, Case.Time);
+    }
+}
+
+TEST(RtlTimeFieldsToTime, RefusesDatesThatDoNotExist) {
+    const TIME_FIELDS Cases[] = {
+        {1600, 12, 31, 0, 0, 0, 0, 0}, {1999, 2, 29, 0, 0, 0, 0, 0}, {2000, 13, 1, 0, 0, 0, 0, 0},
+        {2000, 1, 1, 24, 0, 0, 0, 0},  {2000, 1, 1, 0, 60, 0, 0, 0}, {2000, 1, 1, 0, 0, 0, 1000, 0},
+        {2000, 1, 0, 0, 0, 0, 0, 0},   {30828, 1, 1, 0, 0, 0, 0, 0},
+    };
+    for (TIME_FIELDS Fields : Cases) {
+        LARGE_INTEGER Time{};
+        EXPECT_FALSE(RtlTimeFieldsToTime(&Fields, &Time)) << Fields.Year << "-" << Fields.Month << "-" << Fields.Day;
+    }
+}
+
+TEST(RtlCreateSecurityDescriptor, MakesAnEmptyDescriptorOfRevisionOneOnly) {
+    SECURITY_DESCRIPTOR Descriptor;
+    memset(&Descriptor, 0xAA, sizeof(Descriptor));
+    EXPECT_EQ(RtlCreateSecurityDescriptor(&Descriptor, 2), STATUS_UNKNOWN_REVISION);
+    EXPECT_EQ(RtlCreateSecurityDescriptor(&Descriptor, SECURITY_DESCRIPTOR_REVISION), STATUS_SUCCESS);
+    EXPECT_EQ(Descriptor.Revision, 1);
+    EXPECT_EQ(Descriptor.Control, 0);
+    EXPECT_EQ(Descriptor.Dacl, nullptr);
+}
+
+} // namespace
+} // namespace embedded

@@ -1,0 +1,463 @@
+#include "embedded/verifier.h"
+
+#include <thread>
+
+#include "embedded/ex.h"
+#include "embedded/mm.h"
+#include "embedded/ps.h"
+#include "tests/embedded/planted.h"
+
+namespace embedded {
+namespace {
+
+constexpr ULONG Tag = MakeTag("Test");
+
+// Initialised resources and spin locks that the faults below misuse. In the child process they are never cleaned up.
+struct Victims {
+    ERESOURCE A, B, C;
+    KSPIN_LOCK SpinA = 0, SpinB = 0;
+    Victims() {
+        ExInitializeResourceLite(&A);
+        ExInitializeResourceLite(&B);
+        ExInitializeResourceLite(&C);
+    }
+};
+
+Victims &Bad() {
+    static Victims &Instance = *new Victims;
+    return Instance;
+}
+
+void Exclusive(ERESOURCE &Resource) {
+    ExAcquireResourceExclusiveLite(&Resource, TRUE);
+}
+
+void TakeInTurn(ERESOURCE &First, ERESOURCE &Second) {
+    CriticalRegion Region;
+    Exclusive(First);
+    Exclusive(Second);
+    ExReleaseResourceLite(&Second);
+    ExReleaseResourceLite(&First);
+}
+
+PVOID Allocate(SIZE_T Size, POOL_TYPE Type = NonPagedPool) {
+    return ExAllocatePoolWithTag(Type, Size, Tag);
+}
+
+void InThread(void (*Body)()) {
+    std::thread(Body).join();
+}
+
+void InSystemThread(PKSTART_ROUTINE Body) {
+    HANDLE Thread;
+    PsCreateSystemThread(&Thread, 0, nullptr, nullptr, nullptr, Body, nullptr);
+    CloseThreadHandle(Thread);
+    JoinSystemThreads();
+}
+
+constexpr ULONG V = bugcheck::Verifier;
+
+const PlantedFault PoolFaults[] = {
+    {"ZeroBytes", V, 0x00, "zero bytes", [] { Allocate(0); }},
+    {"PagedAtDispatch", V, 0x01, "paged pool",
+     [] {
+         RaisedIrql Raised(DispatchLevel);
+         Allocate(16, PagedPool);
+     }},
+    {"AboveDispatch", V, 0x02, "above DISPATCH",
+     [] {
+         RaisedIrql Raised(HighLevel);
+         Allocate(16);
+     }},
+    {"FreeOfNoBlock", V, 0x10, "no block",
+     [] {
+         alignas(16) char Bytes[64] = {};
+         ExFreePoolWithTag(Bytes + 32, Tag);
+     }},
+    {"FreeInTheMiddle", V, 0x10, "no block", [] { ExFreePoolWithTag(static_cast<char *>(Allocate(64)) + 16, Tag); }},
+    {"FreeOfNull", V, 0x10, "NULL", [] { ExFreePoolWithTag(nullptr, 0); }},
+    {"PagedFreedAtDispatch", V, 0x11, "paged pool freed",
+     [] {
+         PVOID Block = Allocate(16, PagedPool);
+         RaisedIrql Raised(DispatchLevel);
+         ExFreePoolWithTag(Block, Tag);
+     }},
+    {"FreeAboveDispatch", V, 0x12, "freed above",
+     [] {
+         PVOID Block = Allocate(16);
+         RaisedIrql Raised(HighLevel);
+         ExFreePoolWithTag(Block, Tag);
+     }},
+    {"FreeTwice", V, 0x13, "freed twice",
+     [] {
+         PVOID Block = Allocate(64);
+         ExFreePoolWithTag(Block, Tag);
+         ExFreePoolWithTag(Block, Tag);
+     }},
+    {"WrongTag", V, 0x16, "another tag", [] { ExFreePoolWithTag(Allocate(64), MakeTag("Else")); }},
+    {"IrpFreedAsPool", V, 0x105, "another kind",
+     [] { ExFreePoolWithTag(AllocatePool(PoolKind::Irp, NonPagedPool, 64, Tag), Tag); }},
+    {"PoolFreedAsMdl", V, 0x16, "another kind", [] { IoFreeMdl(static_cast<PMDL>(memset(Allocate(64), 0, 64))); }},
+    {"LiveResourceInFreedPool", V, 0xD2, "live resource",
+     [] {
+         auto Block = static_cast<char *>(Allocate(256));
+         ExInitializeResourceLite(reinterpret_cast<PERESOURCE>(Block + 64));
+         ExFreePoolWithTag(Block, Tag);
+     }},
+    {"LiveLookasideInFreedPool", V, 0xCC, "live lookaside",
+     [] {
+         auto Block = static_cast<char *>(Allocate(512));
+         auto List = reinterpret_cast<PNPAGED_LOOKASIDE_LIST>((reinterpret_cast<ULONG_PTR>(Block) + 63) & ~63ull);
+         ExInitializeNPagedLookasideList(List, nullptr, nullptr, 0, 32, Tag, 4);
+         ExFreePoolWithTag(Block, Tag);
+     }},
+    {"Leak", V, 0x62, "left behind",
+     [] {
+         Allocate(100);
+         VerifyNothingLeft();
+     }},
+};
+
+const PlantedFault IrqlFaults[] = {
+    {"WaitAtDispatch", V, 0x120, "KeWait",
+     [] {
+         KEVENT Event;
+         KeInitializeEvent(&Event, NotificationEvent, TRUE);
+         RaisedIrql Raised(DispatchLevel);
+         KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, nullptr);
+     }},
+    {"PollAboveDispatch", V, 0x121, "KeWait",
+     [] {
+         KEVENT Event;
+         KeInitializeEvent(&Event, NotificationEvent, TRUE);
+         LARGE_INTEGER Zero{};
+         RaisedIrql Raised(HighLevel);
+         KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, &Zero);
+     }},
+    {"DelayAtDispatch", V, 0x122, "KeDelay",
+     [] {
+         LARGE_INTEGER Short{};
+         RaisedIrql Raised(DispatchLevel);
+         KeDelayExecutionThread(KernelMode, FALSE, &Short);
+     }},
+    {"ResourceAtDispatch", V, 0x20002, "ExAcquireResourceSharedLite called at IRQL 2",
+     [] {
+         Bad();
+         RaisedIrql Raised(DispatchLevel);
+         ExAcquireResourceSharedLite(&Bad().A, TRUE);
+     }},
+    {"ThreadAtApc", V, 0x20002, "PsCreateSystemThread",
+     [] {
+         HANDLE Thread;
+         RaisedIrql Raised(ApcLevel);
+         PsCreateSystemThread(&Thread, 0, nullptr, nullptr, nullptr, nullptr, nullptr);
+     }},
+    {"RaiseToLower", V, 0x30, "KeRaiseIrql",
+     [] {
+         KeRaiseIrql(DispatchLevel);
+         KeRaiseIrql(ApcLevel);
+     }},
+    {"LowerToHigher", V, 0x31, "KeLowerIrql", [] { KeLowerIrql(DispatchLevel); }},
+    {"SpinLockAboveDispatch", V, 0x40, "KeAcquireSpinLock",
+     [] {
+         Bad();
+         KeRaiseIrql(HighLevel);
+         KeAcquireSpinLockRaiseToDpc(&Bad().SpinA);
+     }},
+    {"SpinReleaseAtPassive", V, 0x32, "KeReleaseSpinLock",
+     [] {
+         KeAcquireSpinLockRaiseToDpc(&Bad().SpinA);
+         KeLowerIrql(PassiveLevel);
+         KeReleaseSpinLock(&Bad().SpinA, PassiveLevel);
+     }},
+    {"DispatchChangesIrql", bugcheck::IoVerifier, 0x05, "returned at 1",
+     [] {
+         RequireUnchanged Same(DriverCall::Dispatch, "NtFsdRead");
+         KeRaiseIrql(ApcLevel);
+     }},
+    {"DispatchKeepsRegion", bugcheck::ApcIndexMismatch, 0, "returned in 1",
+     [] {
+         RequireUnchanged Same(DriverCall::Dispatch, "NtFsdRead");
+         KeEnterCriticalRegion();
+     }},
+    {"FastIoKeepsRegion", V, 0xC5, "fast I/O",
+     [] {
+         RequireUnchanged Same(DriverCall::FastIo, "FastIoRead");
+         KeEnterCriticalRegion();
+     }},
+    {"CompletionChangesIrql", V, 0xFA, "completion",
+     [] {
+         RequireUnchanged Same(DriverCall::Completion, "Done");
+         KeRaiseIrql(DispatchLevel);
+     }},
+    {"DispatchKeepsLock", V, bugcheck::OwnRule + 1, "locks held",
+     [] {
+         CriticalRegion Region;
+         RequireUnchanged Same(DriverCall::Dispatch, "NtFsdRead");
+         Exclusive(Bad().A);
+     }},
+};
+
+const PlantedFault LockFaults[] = {
+    {"ResourceWithApcsOn", V, 0x37, "outside a critical region", [] { Exclusive(Bad().A); }},
+    {"ReleaseWithApcsOn", V, 0x38, "outside a critical region",
+     [] {
+         KeEnterCriticalRegion();
+         Exclusive(Bad().A);
+         KeLeaveCriticalRegion();
+         ExReleaseResourceLite(&Bad().A);
+     }},
+    {"RegionNeverEntered", V, 0x3E, "never entered", [] { KeLeaveCriticalRegion(); }},
+    {"SpinSelfDeadlock", V, 0x1000, "self-deadlock",
+     [] {
+         KeAcquireSpinLockRaiseToDpc(&Bad().SpinA);
+         KeAcquireSpinLockRaiseToDpc(&Bad().SpinA);
+     }},
+    {"UpgradeDeadlock", V, 0x1000, "holds the resource shared",
+     [] {
+         CriticalRegion Region;
+         ExAcquireResourceSharedLite(&Bad().A, TRUE);
+         Exclusive(Bad().A);
+     }},
+    {"TwoWayCycle", V, 0x1001, "lock order",
+     [] {
+         TakeInTurn(Bad().A, Bad().B);
+         TakeInTurn(Bad().B, Bad().A);
+     }},
+    {"ThreeWayCycleOverThreads", V, 0x1001, "lock order",
+     [] {
+         Bad();
+         InThread([] { TakeInTurn(Bad().A, Bad().B); });
+         InThread([] { TakeInTurn(Bad().B, Bad().C); });
+         InThread([] { TakeInTurn(Bad().C, Bad().A); });
+     }},
+    {"SpinAndSpinCycle", V, 0x1001, "lock order",
+     [] {
+         for (auto [First, Second] : {std::pair{&Bad().SpinA, &Bad().SpinB}, {&Bad().SpinB, &Bad().SpinA}}) {
+             KIRQL Old = KeAcquireSpinLockRaiseToDpc(First);
+             KeReleaseSpinLock(Second, KeAcquireSpinLockRaiseToDpc(Second));
+             KeReleaseSpinLock(First, Old);
+         }
+     }},
+    {"RankGoesDown", V, 0x1001, "lock order",
+     [] {
+         NameLock(&Bad().A, "FcbTableResource", 2);
+         NameLock(&Bad().B, "InitializeResource", 1);
+         TakeInTurn(Bad().A, Bad().B);
+     }},
+    {"ClassCycleOverOtherInstances", V, 0x1001, "lock order",
+     [] {
+         NameLock(&Bad().A, "Table", 0);
+         NameLock(&Bad().B, "File", 0);
+         NameLock(&Bad().C, "File", 0);
+         TakeInTurn(Bad().A, Bad().B);
+         TakeInTurn(Bad().C, Bad().A);
+     }},
+    {"UninitializedResource", V, 0x1002, "not initialised",
+     [] {
+         static ERESOURCE Never;
+         CriticalRegion Region;
+         Exclusive(Never);
+     }},
+    {"DeletedResource", V, 0x1002, "was deleted",
+     [] {
+         ExDeleteResourceLite(&Bad().A);
+         CriticalRegion Region;
+         Exclusive(Bad().A);
+     }},
+    {"WaitOnNoEvent", V, 0x1002, "not initialised",
+     [] {
+         static KEVENT Event;
+         Event.Header.Type = 77;
+         KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, nullptr);
+     }},
+    {"LookasideDeletedTwice", V, 0x1002, "was deleted",
+     [] {
+         static NPAGED_LOOKASIDE_LIST List;
+         ExInitializeNPagedLookasideList(&List, nullptr, nullptr, 0, 32, Tag, 4);
+         ExDeleteNPagedLookasideList(&List);
+         ExDeleteNPagedLookasideList(&List);
+     }},
+    {"SpinOutOfOrder", V, 0x1003, "taken later",
+     [] {
+         KIRQL Old = KeAcquireSpinLockRaiseToDpc(&Bad().SpinA);
+         KeAcquireSpinLockRaiseToDpc(&Bad().SpinB);
+         KeReleaseSpinLock(&Bad().SpinA, Old);
+     }},
+    {"SpinReleasedByAnother", V, 0x1004, "another thread",
+     [] {
+         KeAcquireSpinLockRaiseToDpc(&Bad().SpinA);
+         InThread([] {
+             KeRaiseIrql(DispatchLevel);
+             KeReleaseSpinLock(&Bad().SpinA, PassiveLevel);
+         });
+     }},
+    {"ResourceReleasedByAnother", V, 0x1004, "another thread",
+     [] {
+         CriticalRegion Region;
+         Exclusive(Bad().A);
+         InThread([] { ExReleaseResourceLite(&Bad().A); });
+     }},
+    {"InitializedTwice", V, 0x1005, "initialised twice", [] { ExInitializeResourceLite(&Bad().A); }},
+    {"SpinNotHeld", V, 0x1007, "not held", [] { KeReleaseSpinLock(&Bad().SpinA, PassiveLevel); }},
+    {"ResourceNotHeld", V, 0x1007, "not held", [] { ExReleaseResourceLite(&Bad().A); }},
+    {"ReleasedOnceTooOften", V, 0x1007, "not held",
+     [] {
+         CriticalRegion Region;
+         Exclusive(Bad().A);
+         ExReleaseResourceLite(&Bad().A);
+         ExReleaseResourceLite(&Bad().A);
+     }},
+    {"ConvertOfShared", V, 0x1007, "conversion",
+     [] {
+         CriticalRegion Region;
+         ExAcquireResourceSharedLite(&Bad().A, TRUE);
+         ExConvertExclusiveToSharedLite(&Bad().A);
+     }},
+    {"DeletedWhileHeld", V, 0x100B, "held or waited for",
+     [] {
+         CriticalRegion Region;
+         Exclusive(Bad().A);
+         ExDeleteResourceLite(&Bad().A);
+     }},
+    {"ThreadEndsWithLock", V, 0x100A, "ended while it holds",
+     [] {
+         Bad();
+         InThread([] {
+             KeEnterCriticalRegion();
+             Exclusive(Bad().A);
+         });
+     }},
+    {"SystemThreadEndsInRegion", 0x20, 0, "ended in 1 critical regions",
+     [] { InSystemThread([](PVOID) NTAPI { KeEnterCriticalRegion(); }); }},
+    {"ForeignWaitOnStack", V, 0x123, "kernel stack",
+     [] {
+         KEVENT Event;
+         KeInitializeEvent(&Event, NotificationEvent, TRUE);
+         // With fake stacks of a sanitizer the object is not where it seems.
+         if (auto Address = reinterpret_cast<ULONG_PTR>(&Event);
+             Address < CurrentThread().StackLow || Address >= CurrentThread().StackHigh) {
+             BugCheck(bugcheck::Verifier, bugcheck::UserWaitOnStack, 0, 0, 0, "fake kernel stack");
+         }
+         KeWaitForSingleObject(&Event, Executive, UserMode, FALSE, nullptr);
+     }},
+};
+
+char UserBytes[PAGE_SIZE];
+
+PMDL NewMdl(CSHORT Flags = 0) {
+    PMDL Mdl = IoAllocateMdl(UserBytes, sizeof(UserBytes), FALSE, FALSE, nullptr);
+    Mdl->MdlFlags = static_cast<CSHORT>(Mdl->MdlFlags | Flags);
+    return Mdl;
+}
+
+PMDL LockedMdl() {
+    PMDL Mdl = NewMdl();
+    KernelProbeAndLockPages(Mdl, UserMode, IoWriteAccess);
+    return Mdl;
+}
+
+const PlantedFault MdlFaults[] = {
+    {"UnlockOfUnlocked", V, 0x7C, "not locked", [] { MmUnlockPages(NewMdl()); }},
+    {"UnlockTwice", V, 0x7C, "not locked",
+     [] {
+         PMDL Mdl = LockedMdl();
+         MmUnlockPages(Mdl);
+         MmUnlockPages(Mdl);
+     }},
+    {"UnlockOfNonpaged", V, 0x7D, "nonpaged", [] { MmUnlockPages(NewMdl(MDL_SOURCE_IS_NONPAGED_POOL)); }},
+    {"UnlockOfPartial", V, 0xB4, "partial", [] { MmUnlockPages(NewMdl(MDL_PARTIAL)); }},
+    {"FreeWhileLocked", V, 0xB8, "while its pages are locked", [] { IoFreeMdl(LockedMdl()); }},
+    {"FreeWithFlagClearedButLocked", V, 0xB8, "while its pages are locked",
+     [] {
+         PMDL Mdl = LockedMdl();
+         Mdl->MdlFlags = 0;
+         IoFreeMdl(Mdl);
+     }},
+    {"LockTwice", V, bugcheck::OwnRule + 4, "locked already",
+     [] { KernelProbeAndLockPages(LockedMdl(), KernelMode, IoReadAccess); }},
+    {"MapOfUnlocked", V, bugcheck::OwnRule + 5, "not locked",
+     [] { MmMapLockedPagesSpecifyCache(NewMdl(), KernelMode, MmCached, nullptr, FALSE, NormalPagePriority); }},
+    {"ProcessEndsWithLockedPages", bugcheck::LeftLockedPages, 0, "MDLs locked",
+     [] {
+         PEPROCESS Process = CreateProcess("client.exe");
+         {
+             AttachProcess Attached(Process);
+             LockedMdl();
+         }
+         DeleteProcess(Process);
+     }},
+    {"MdlLeft", V, 0x62, "MDL block",
+     [] {
+         NewMdl();
+         VerifyNothingLeft();
+     }},
+};
+
+TEST_P(PlantedFaults, StopsWithItsCode) {
+    const PlantedFault &Fault = GetParam();
+    EXPECT_DEATH(Fault.Commit(), StopPattern(Fault.Code, Fault.Parameter, Fault.What));
+}
+
+auto NameOfFault = [](const testing::TestParamInfo<PlantedFault> &Info) { return std::string(Info.param.Name); };
+INSTANTIATE_TEST_SUITE_P(Pool, PlantedFaults, testing::ValuesIn(PoolFaults), NameOfFault);
+INSTANTIATE_TEST_SUITE_P(Irql, PlantedFaults, testing::ValuesIn(IrqlFaults), NameOfFault);
+INSTANTIATE_TEST_SUITE_P(Locks, PlantedFaults, testing::ValuesIn(LockFaults), NameOfFault);
+INSTANTIATE_TEST_SUITE_P(Mdls, PlantedFaults, testing::ValuesIn(MdlFaults), NameOfFault);
+
+TEST(VerifierTest, ALeakReportNamesTagSizeAndEveryRegisteredCheck) {
+    PVOID Block = Allocate(123);
+    std::string Leaks = "one widget";
+    RegisterLeakCheck("widgets", [&] { return Leaks; });
+    std::string Text = DescribeLeaks();
+    EXPECT_NE(Text.find("tag Test, 123 bytes"), std::string::npos) << Text;
+    EXPECT_NE(Text.find("widgets: one widget\n"), std::string::npos) << Text;
+    Leaks.clear();
+    EXPECT_EQ(DescribeLeaks().find("widgets"), std::string::npos);
+    ExFreePoolWithTag(Block, Tag);
+    EXPECT_EQ(DescribeLeaks().find("tag Test"), std::string::npos);
+    RegisterLeakCheck("widgets", [] { return std::string(); });
+}
+
+TEST(VerifierTest, EdgesOfADeletedLockAreForgotten) {
+    ResetLockOrder();
+    ERESOURCE Table, File;
+    ExInitializeResourceLite(&Table);
+    ExInitializeResourceLite(&File);
+    TakeInTurn(Table, File);
+    ExDeleteResourceLite(&File);
+    ExInitializeResourceLite(&File);
+    TakeInTurn(File, Table);
+    ExDeleteResourceLite(&File);
+    ExDeleteResourceLite(&Table);
+}
+
+TEST(VerifierTest, AnAcquireThatDoesNotWaitMayGoAgainstTheOrder) {
+    ResetLockOrder();
+    ERESOURCE A, B;
+    ExInitializeResourceLite(&A);
+    ExInitializeResourceLite(&B);
+    TakeInTurn(A, B);
+    {
+        CriticalRegion Region;
+        Exclusive(B);
+        EXPECT_TRUE(ExAcquireResourceExclusiveLite(&A, FALSE));
+        ExReleaseResourceLite(&A);
+        ExReleaseResourceLite(&B);
+    }
+    ExDeleteResourceLite(&A);
+    ExDeleteResourceLite(&B);
+}
+
+TEST(VerifierTest, ChecksAreOffWhenTheLevelIsOff) {
+    SetVerifierLevel(VerifierLevel::Off);
+    {
+        RaisedIrql Raised(HighLevel);
+        PVOID Block = Allocate(16);
+        ExFreePoolWithTag(Block, Tag);
+    }
+    SetVerifierLevel(VerifierLevel::On);
+}
+
+} // namespace
+} // namespace embedded

@@ -1,0 +1,227 @@
+#include "providers/framework/framework.h"
+#include "providers/scripted/scripted_provider.h"
+
+#include <future>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using namespace providers;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+constexpr RVPSTATUS Broken{0xC7E70001};
+
+struct ClassCase {
+    FrameworkClass Class;
+    const GUID &Clsid;
+    const GUID &Iid;
+};
+const ClassCase Classes[] = {
+    {FrameworkClass::Rvpl, CLSID_Rvpl, IID_Rvpl},
+    {FrameworkClass::Transport, CLSID_Transport, IID_Transport},
+    {FrameworkClass::Quillon, CLSID_Quillon, IID_Quillon},
+    {FrameworkClass::Provider, CLSID_Provider, IID_Provider},
+    {FrameworkClass::SecurityContext, CLSID_SecurityContext, IID_SecurityContext},
+};
+
+class FrameworkTest : public testing::Test {
+protected:
+    template <class Interface>
+    RVPSTATUS Create(FrameworkClass Class, Interface **Out) {
+        const ClassCase &Case = Classes[static_cast<unsigned>(Class)];
+        PVOID Object = this;
+        const RVPSTATUS Status = ZelmCreateInstance(&Case.Clsid, nullptr, &Case.Iid, &Object);
+        *Out = static_cast<Interface *>(Object);
+        return Status;
+    }
+    // Through the interface's own table type.
+    static ULONG Release(FrameworkClass Class, PVOID Object) {
+        auto Call = [](auto *Typed) { return Typed->Table->Release(Typed); };
+        switch (Class) {
+        case FrameworkClass::Rvpl:
+            return Call(static_cast<RVPL *>(Object));
+        case FrameworkClass::Provider:
+            return Call(static_cast<RVIOM_FSD *>(Object));
+        case FrameworkClass::SecurityContext:
+            return Call(static_cast<RV_SECURITY *>(Object));
+        default:
+            return Call(static_cast<RVP_OBJECT *>(Object));
+        }
+    }
+    RVPL *Rvpl() {
+        RVPL *Made = nullptr;
+        EXPECT_EQ(Create(FrameworkClass::Rvpl, &Made), RVPSTATUS::Success);
+        return Made;
+    }
+
+    ScriptedProvider Provider;
+    Framework Frame{&Provider};
+};
+
+TEST_F(FrameworkTest, EveryClassIsCountedUntilItsReleaseThroughSlotTwo) {
+    for (const ClassCase &Case : Classes) {
+        void *Object = nullptr;
+        ASSERT_EQ(Create(Case.Class, &Object), RVPSTATUS::Success) << NameOf(Case.Class);
+        ASSERT_NE(Object, nullptr);
+        EXPECT_EQ(Frame.References(Case.Class), 1);
+        EXPECT_EQ(Frame.LeakReport().size(), 1u);
+        EXPECT_EQ(Release(Case.Class, Object), 0u);
+        EXPECT_THAT(Frame.LeakReport(), IsEmpty());
+    }
+    EXPECT_THAT(Frame.Violations(), IsEmpty());
+}
+
+TEST_F(FrameworkTest, TheLogKeepsTheOrderOfCreationsAndReleases) {
+    RVPL *Services = Rvpl();
+    RVIOM_FSD *Fsd = nullptr;
+    Create(FrameworkClass::Provider, &Fsd);
+    EXPECT_EQ(Fsd, &Provider);
+    EXPECT_EQ(Provider.References(), 1);
+    Fsd->Table->Release(Fsd);
+    Services->Table->Release(Services);
+    EXPECT_THAT(Frame.Log(), ElementsAre("create RVPL -> 0x00000000", "create Provider -> 0x00000000",
+                                         "release Provider -> 0 left", "release RVPL -> 0 left"));
+    EXPECT_EQ(Provider.References(), 0);
+    EXPECT_EQ(Provider.CompareCalls({"Release"}), "");
+}
+
+TEST_F(FrameworkTest, AReleaseTooManyAndAUseAfterTheLastOneAreViolations) {
+    RVPL *Services = Rvpl();
+    Services->Table->Release(Services);
+    Services->Table->Release(Services);
+    ULONG Counter = 0;
+    Services->Table->Increment(Services, &Counter);
+    EXPECT_THAT(Frame.Violations(),
+                ElementsAre("RVPL released without a reference", "slot 72 of RVPL called after its last release"));
+}
+
+TEST_F(FrameworkTest, TheChosenCreationFailsAndTheNextSucceeds) {
+    Frame.FailCreate(FrameworkClass::Quillon, Broken, 2);
+    RVP_OBJECT *Object = nullptr;
+    EXPECT_EQ(Create(FrameworkClass::Quillon, &Object), RVPSTATUS::Success);
+    EXPECT_EQ(Create(FrameworkClass::Quillon, &Object), Broken);
+    EXPECT_EQ(Object, nullptr);
+    EXPECT_EQ(Create(FrameworkClass::Quillon, &Object), RVPSTATUS::Success);
+    EXPECT_EQ(Frame.References(FrameworkClass::Quillon), 2);
+    EXPECT_EQ(Frame.CreateCount(FrameworkClass::Quillon), 3u);
+}
+
+TEST_F(FrameworkTest, SuccessWithoutObjectAndObjectWithoutSuccessCanBeAnswered) {
+    RVP_OBJECT *Object = nullptr;
+    Frame.FailCreate(FrameworkClass::Transport, RVPSTATUS::Success);
+    EXPECT_EQ(Create(FrameworkClass::Transport, &Object), RVPSTATUS::Success);
+    EXPECT_EQ(Object, nullptr);
+    Frame.AnswerCreate(FrameworkClass::Provider, RVPSTATUS{1});
+    EXPECT_EQ(Create(FrameworkClass::Provider, &Object), RVPSTATUS{1});
+    EXPECT_NE(Object, nullptr);
+    EXPECT_EQ(Frame.References(FrameworkClass::Provider), 1);
+}
+
+TEST_F(FrameworkTest, UnknownClassesAndBadPointersAreRefused) {
+    PVOID Object = this;
+    EXPECT_EQ(ZelmCreateInstance(&IID_Rvpl, nullptr, &IID_Rvpl, &Object), RVPSTATUS::NoSuchClass);
+    EXPECT_EQ(ZelmCreateInstance(&CLSID_Rvpl, nullptr, &IID_Quillon, &Object), RVPSTATUS::NoSuchClass);
+    EXPECT_EQ(ZelmCreateInstance(&CLSID_Rvpl, this, &IID_Rvpl, &Object), RVPSTATUS::BadPointer);
+    EXPECT_EQ(ZelmCreateInstance(&CLSID_Rvpl, nullptr, &IID_Rvpl, nullptr), RVPSTATUS::BadPointer);
+}
+
+TEST_F(FrameworkTest, ABlockedCreationWaitsWhileOthersGoOn) {
+    Frame.BlockCreate(FrameworkClass::Rvpl);
+    auto Binding = std::async(std::launch::async, [&] { return Rvpl(); });
+    ASSERT_TRUE(Frame.WaitUntilBlocked(FrameworkClass::Rvpl));
+    RVP_OBJECT *Other = nullptr;
+    EXPECT_EQ(Create(FrameworkClass::Quillon, &Other), RVPSTATUS::Success);
+    EXPECT_EQ(Frame.References(FrameworkClass::Rvpl), 0);
+    Frame.UnblockCreate(FrameworkClass::Rvpl);
+    EXPECT_NE(Binding.get(), nullptr);
+}
+
+TEST_F(FrameworkTest, MemoryIsCountedUnzeroedAndFailsOnDemand) {
+    RVPL *Services = Rvpl();
+    Frame.FailAllocate(2);
+    auto *First = static_cast<UCHAR *>(Services->Table->Allocate(Services, 100));
+    EXPECT_EQ(Services->Table->AllocateForText(Services, 8), nullptr);
+    PVOID Third = Services->Table->AllocateForText(Services, 8);
+    EXPECT_EQ(First[99], 0xA5);
+    Services->Table->Clear(Services, First, 100);
+    EXPECT_EQ(First[99], 0);
+    EXPECT_EQ(Frame.LiveBytes(), 108u);
+    EXPECT_EQ(Frame.AllocationCount(), 3u);
+    Services->Table->Free(Services, First);
+    EXPECT_THAT(Frame.LeakReport(), ElementsAre("RVPL: 1 references", "block of 8 bytes from slot 25"));
+    Services->Table->Free(Services, Third);
+    Services->Table->Free(Services, &Services);
+    EXPECT_EQ(Frame.Violations().size(), 1u);
+}
+
+TEST_F(FrameworkTest, MutexesExcludeAndAreAccountedFor) {
+    RVPL *Services = Rvpl();
+    const RVPL_TABLE *Slots = Services->Table;
+    RVPL_MUTEX Mutex = 0;
+    Frame.FailCreateMutex(Broken, true);
+    EXPECT_EQ(Slots->CreateMutex(Services, 1, &Mutex), Broken);
+    Slots->DestroyMutex(Services, Mutex);
+    ASSERT_EQ(Slots->CreateMutex(Services, 1, &Mutex), RVPSTATUS::Success);
+
+    int Shared = 0;
+    auto Count = [&] {
+        for (int Turn = 0; Turn < 1000; Turn++) {
+            ASSERT_EQ(Slots->AcquireMutex(Services, Mutex), RVPSTATUS::Success);
+            Shared++;
+            Slots->ReleaseMutex(Services, Mutex);
+        }
+    };
+    std::thread Other(Count);
+    Count();
+    Other.join();
+    EXPECT_EQ(Shared, 2000);
+
+    Frame.FailAcquireMutex(Broken);
+    EXPECT_EQ(Slots->AcquireMutex(Services, Mutex), Broken);
+    EXPECT_THAT(Frame.Violations(), IsEmpty());
+    Slots->ReleaseMutex(Services, Mutex);
+    EXPECT_EQ(Frame.Violations().size(), 1u);
+    EXPECT_EQ(Frame.LiveMutexes(), 1u);
+    Slots->DestroyMutex(Services, Mutex);
+    EXPECT_EQ(Frame.LiveMutexes(), 0u);
+}
+
+TEST_F(FrameworkTest, CountersStringsTimeAndCallerAreServed) {
+    Frame.SetTimeSource([] { return LONG64{42}; });
+    Frame.SetCaller([] { return RV_SECURITY_CONTEXT{{7, 8}}; });
+    RVPL *Services = Rvpl();
+    RV_SECURITY *Security = nullptr;
+    Create(FrameworkClass::SecurityContext, &Security);
+    ULONG Counter = 5;
+    LONG64 Time = 0;
+    RV_SECURITY_CONTEXT Caller = {};
+    EXPECT_EQ(Services->Table->Increment(Services, &Counter), 6u);
+    EXPECT_EQ(Services->Table->Decrement(Services, &Counter), 5u);
+    EXPECT_EQ(Services->Table->StringLength(Services, u"abc"), 3u);
+    Services->Table->SystemTime(Services, &Time);
+    EXPECT_EQ(Time, 42);
+    Security->Table->GetCallerContext(Security, &Caller);
+    EXPECT_EQ(Caller.Words[1], 8u);
+}
+
+TEST_F(FrameworkTest, AnUnexpectedSlotEndsTheProgramByName) {
+    RVPL *Services = Rvpl();
+    auto *Slot = reinterpret_cast<void(NTAPI *)()>(Services->Table->Unused45To58[1]);
+    EXPECT_DEATH(Slot(), "unexpected slot 46 of RVPL called");
+}
+
+TEST(FrameworkAlone, WithoutOneEveryClassIsUnknownAndTheProviderGetsItsTableBack) {
+    ScriptedProvider Provider;
+    const RVIOM_FSD_TABLE *Own = Provider.Table;
+    {
+        Framework Frame(&Provider);
+        EXPECT_NE(Provider.Table, Own);
+    }
+    EXPECT_EQ(Provider.Table, Own);
+    PVOID Object = nullptr;
+    EXPECT_EQ(ZelmCreateInstance(&CLSID_Rvpl, nullptr, &IID_Rvpl, &Object), RVPSTATUS::NoSuchClass);
+}
+
+} // namespace

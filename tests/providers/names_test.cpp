@@ -1,0 +1,159 @@
+#include "providers/directory/names.h"
+
+#include <random>
+#include <set>
+
+#include <gtest/gtest.h>
+
+namespace providers::directory {
+namespace {
+
+TEST(DirectoryNames, WhatCannotStandInAServedNameIsWrittenWithPrivateUnits) {
+    const struct {
+        const char *Native;
+        const char16_t *Served;
+    } Cases[] = {
+        {"plain.txt", u"plain.txt"},
+        {"a:b", u"a\uF03Ab"},
+        {"a\\b|c", u"a\uF05Cb\uF07Cc"},
+        {"\"*<>?", u"\uF022\uF02A\uF03C\uF03E\uF03F"},
+        {"end.", u"end\uF02E"},
+        {"end ", u"end\uF020"},
+        {"in .the middle", u"in .the middle"},
+        {"\x01\x1F", u"\uF001\uF01F"},
+        {"caf\xE9", u"caf\uF0E9"},               // Latin-1
+        {"\xED\xA0\x80", u"\uF0ED\uF0A0\uF080"}, // a lone surrogate's encoding
+        {"\xC0\xAF", u"\uF0C0\uF0AF"},           // an overlong slash
+        {"\xEF\x80\xAA", u"\uF0EF\uF080\uF0AA"}, // U+F02A itself, which would read back as an asterisk
+        {"\xEF\x81\xA1", u"\uF061"},             // U+F061, which stands for nothing else
+        {"\xF0\x9F\x98\x80", u"\xD83D\xDE00"},
+        {"con", u"con"},
+    };
+    for (const auto &Case : Cases) {
+        EXPECT_EQ(ServedName(Case.Native), Case.Served) << Case.Native;
+        EXPECT_EQ(NativeName(Case.Served), std::string(Case.Native)) << Case.Native;
+    }
+}
+
+TEST(DirectoryNames, NamesThatNoListingGivesAreRefused) {
+    const std::u16string Cases[] = {
+        u"",
+        u".",
+        u"..",
+        u"\uF02E",
+        u".\uF02E",
+        u"a/b",
+        u"a\\b",
+        u"a:b",
+        u"a*",
+        u"a?",
+        u"end.",
+        u"end ",
+        u"\x01",
+        std::u16string(1, u'\0'),
+        u"\xD800",
+        u"x\xDC00",
+        u"\uF02Ex",
+        u"\uF0C3\uF0A9", // bytes that are valid UTF-8 together
+        std::u16string(256, u'n'),
+        std::u16string(86, u'\u20AC'),
+    };
+    for (const std::u16string &Case : Cases) {
+        EXPECT_FALSE(NativeName(Case).has_value()) << testing::PrintToString(Case);
+    }
+    EXPECT_TRUE(NativeName(std::u16string(255, u'n')).has_value());
+    EXPECT_TRUE(NativeName(std::u16string(85, u'\u20AC')).has_value());
+}
+
+TEST(DirectoryNames, AnyBytesComeBackFromTheirServedName) {
+    std::mt19937 Random(20240607);
+    const unsigned char Interesting[] = {0xEF, 0x80, 0x81, 0x82, 0x83, 0xAA, 0xC3, 0xA9, 0xED, 0xA0,
+                                         0xF0, 0x9F, '.',  ' ',  ':',  'a',  'A',  0x01, 0xFF, 0xBF};
+    for (int Round = 0; Round < 200'000; ++Round) {
+        std::string Native(1 + Random() % 12, '\0');
+        for (char &Byte : Native) {
+            do {
+                Byte = static_cast<char>(Random() % 2 != 0 ? Interesting[Random() % std::size(Interesting)] : Random());
+            } while (Byte == 0 || Byte == '/');
+        }
+        if (Native == "." || Native == "..") {
+            continue;
+        }
+        const std::u16string Served = ServedName(Native);
+        EXPECT_EQ(Served.find_first_of(u"\"*/:<>?\\|"), Served.npos);
+        ASSERT_EQ(NativeName(Served), Native) << testing::PrintToString(Native);
+    }
+}
+
+TEST(DirectoryNames, AnyAcceptedServedNameComesBackFromItsBytes) {
+    std::mt19937 Random(7);
+    int Accepted = 0;
+    for (int Round = 0; Round < 200'000; ++Round) {
+        std::u16string Served(1 + Random() % 5, u'\0');
+        for (char16_t &Unit : Served) {
+            Unit = static_cast<char16_t>(Random() % 2 != 0 ? 0xF000 + Random() % 0x100 : Random());
+        }
+        if (const auto Native = NativeName(Served)) {
+            ++Accepted;
+            ASSERT_EQ(ServedName(*Native), Served);
+        }
+    }
+    EXPECT_GT(Accepted, 10'000);
+}
+
+TEST(DirectoryNames, FoldingIsOneToOneWithinTheSixteenBitRange) {
+    EXPECT_EQ(Fold(u"straße Ärger éÿ ωσς"), u"STRAßE ÄRGER ÉŸ ΩΣΣ");
+    EXPECT_EQ(FoldUnit(0xD801), 0xD801);
+    for (unsigned Unit = 0; Unit < 0x10000; ++Unit) {
+        const char16_t Once = FoldUnit(static_cast<char16_t>(Unit));
+        ASSERT_EQ(FoldUnit(Once), Once) << Unit;
+    }
+}
+
+TEST(DirectoryNames, MasksMatchAsOnThePlatform) {
+    const struct {
+        const char16_t *Mask;
+        const char16_t *Name;
+        bool Matches;
+    } Cases[] = {
+        {u"*", u"ANY.THING", true},
+        {u"*.*", u"NODOT", true},
+        {u"*.TXT", u"A.TXT", true},
+        {u"*.TXT", u"A.TXTX", false},
+        {u"A*B*C", u"AXXBYYC", true},
+        {u"A*B*C", u"AXXBYY", false},
+        {u"?", u"A", true},
+        {u"?", u"AB", false},
+        {u"A?", u"A", false},
+        {u"A\uF8FD", u"A", true},
+        {u"A\uF8FD\uF8FD.B", u"A.B", true},
+        {u"A\uF8FD", u"ABC", false},
+        {u"\uF8FC.TXT", u"A.B.TXT", true},
+        {u"\uF8FC", u"A.TXT", false},
+        {u"\uF8FC", u"NODOT", true},
+        {u"A\uF8FF", u"A", true},
+        {u"A\uF8FFB", u"A.B", true},
+        {u"EXACT", u"EXACT", true},
+        {u"*A*A*A*A*A*A*A*B", u"AAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAAA", false},
+    };
+    for (const auto &Case : Cases) {
+        EXPECT_EQ(MatchesMask(Case.Mask, Case.Name), Case.Matches)
+            << testing::PrintToString(Case.Mask) << " " << testing::PrintToString(Case.Name);
+    }
+}
+
+TEST(DirectoryNames, ShortNamesAreMadeOnlyWhereNeeded) {
+    for (const char16_t *Plain : {u"README.TXT", u"a", u"12345678.123", u"x_y-z"}) {
+        EXPECT_EQ(ShortName(Plain), u"") << testing::PrintToString(Plain);
+    }
+    for (const char16_t *Long : {u"a long name.html", u"123456789", u".profile", u"a.b.c", u"ünïcode", u"..."}) {
+        const std::u16string Short = ShortName(Long);
+        EXPECT_FALSE(Short.empty());
+        EXPECT_LE(Short.size(), 12u);
+        EXPECT_EQ(Short, Fold(Short));
+        EXPECT_EQ(ShortName(Short), u"") << "a short name must be one itself";
+    }
+}
+
+} // namespace
+} // namespace providers::directory

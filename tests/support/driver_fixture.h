@@ -1,0 +1,110 @@
+// A started driver over the scripted Provider, for tests that speak NT: open, read, write, close, and look at what the
+// Provider was asked. When the fixture goes the kernel stops and proves that nothing is left.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "embedded/io.h"
+#include "embedded/kernel.h"
+#include "embedded/zw.h"
+#include "names/fcb.h"
+#include "providers/framework/framework.h"
+#include "providers/scripted/scripted_provider.h"
+
+namespace test {
+
+inline constexpr const char16_t *ServiceKey = u"\\REGISTRY\\Machine\\System\\CurrentControlSet\\Services\\RVFSD";
+
+// What an open asks for; the defaults open a file for reading with full sharing.
+struct Open {
+    ACCESS_MASK Access = FILE_READ_DATA | SYNCHRONIZE;
+    ULONG Share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    ULONG Disposition = FILE_OPEN;
+    ULONG Options = FILE_SYNCHRONOUS_IO_NONALERT;
+    ULONG Attributes = 0;
+    LONGLONG AllocationSize = 0;
+    HANDLE Related = nullptr;
+    UCHAR StackFlags = 0;
+    bool CheckParameters = true;
+};
+
+// The result of a read or write.
+struct Transfer {
+    NTSTATUS Status;
+    ULONG_PTR Information;
+};
+
+// Options of a start.
+struct StartOptions {
+    std::map<std::u16string, ULONG> Switches; // of the service key
+    bool StartsTheDriver = true;
+    RVIOM_FSD *Provider = nullptr; // instead of the scripted one
+    MM_SYSTEMSIZE SystemSize = MmMediumSystem;
+};
+
+class DriverFixture : public testing::Test {
+  protected:
+    DriverFixture();
+    ~DriverFixture() override;
+
+    void TearDown() override;
+
+    // Boots a kernel and starts the driver. Called by a test that wants other switches, before anything else; otherwise
+    // by the first use of the driver.
+    void Start(const StartOptions &Options = {});
+    // Starts nothing yet; the status of DriverEntry.
+    NTSTATUS Load();
+    // Shutdown, and the proof that nothing is left.
+    void Stop();
+    // For tests of a driver that refuses to shut down (an unbound framework, a failed start): what is left is expected.
+    void StopWithLeftovers();
+
+    embedded::Kernel &Kernel();
+    PDEVICE_OBJECT Device();
+
+    // Opens a path of the form \srv\vol\...; relative to Request.Related when that is given.
+    embedded::CreateResult Create(std::u16string_view Path, const Open &Request = {});
+    // Opens and expects success; closed by CloseAll at the latest.
+    HANDLE MustOpen(std::u16string_view Path, const Open &Request = {});
+    NTSTATUS Close(HANDLE Handle);
+
+    Transfer Read(HANDLE Handle, void *Buffer, ULONG Length, LONGLONG Offset);
+    Transfer Write(HANDLE Handle, const void *Buffer, ULONG Length, LONGLONG Offset);
+    std::string ReadAll(HANDLE Handle, ULONG Length = 4096);
+
+    // The file object behind a handle, its FCB and its instance. The reference is dropped at once: the handle keeps it.
+    PFILE_OBJECT FileObject(HANDLE Handle);
+    PFCB Fcb(HANDLE Handle);
+    PINSTANCE_CONTEXT Instance(HANDLE Handle);
+
+    // Names of the Provider calls since the last ClearCalls.
+    std::vector<std::string> CallNames() {
+        return Provider.CallNames();
+    }
+
+    providers::ScriptedProvider Provider;
+    std::unique_ptr<providers::Framework> Framework;
+    std::string Printed; // what the driver printed to the debugger
+
+  private:
+    void CheckBooks();
+
+    std::unique_ptr<embedded::Kernel> Kernel_;
+    StartOptions Options_;
+    bool Started_ = false;
+    bool Booted_ = false;
+};
+
+// The low 16 bits as an error of the Provider's.
+constexpr RVSTATUS RvError(USHORT Code) {
+    return static_cast<RVSTATUS>(0xC7E70000u | Code);
+}
+
+} // namespace test
