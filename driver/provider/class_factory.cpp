@@ -167,7 +167,7 @@ RVPSTATUS NtFsdSetupClassFactory() {
 
 extern "C" {
 
-DECLSPEC_EXPORT const GUID *ORCOM_Table[2] = {&CLSID_RvfsdMapping, nullptr};
+DECLSPEC_EXPORT const GUID *const ORCOM_Table[2] = {&CLSID_RvfsdMapping, nullptr};
 
 DECLSPEC_EXPORT RVPSTATUS NTAPI DllGetClassObject(const GUID *Clsid, const GUID *Iid, PVOID *Out) {
     const RequestInFlight InFlight;

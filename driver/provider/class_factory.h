@@ -40,7 +40,7 @@ struct RVFSD_MAPPING {
 
 extern "C" {
 // The exported table of class identifiers, ended by NULL.
-extern const GUID *ORCOM_Table[2];
+extern const GUID *const ORCOM_Table[2];
 
 // Answers Iid of the factory of Clsid into *Out, with a reference. RVPSTATUS::NoSuchClass for another class, or while
 // the framework is not there.
