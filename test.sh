@@ -69,7 +69,7 @@ while [ "$shard" -lt "$shards" ]; do
         # Whoever dies in the middle of a test, or of a leak, has not reported it as failed.
         [ "$bad" -gt 0 ] || bad=1
         echo "---- $log (exit status $code)"
-        grep -v -e '^\[ RUN      \]' -e '^\[       OK \]' -e '^\[-----' "$log" | tail -n 200
+        grep -v -e '^\[ RUN      \]' -e '^\[       OK \]' -e '^\[-----' -e '^$' "$log" | tail -n 200
         grep '^\[ RUN      \]' "$log" | tail -n 1 | sed 's/^/last started: /'
     fi
     grep '^\[  SKIPPED \].* ms)$' "$log" | sed 's/^/skipped: /' || true

@@ -166,6 +166,51 @@ NTSTATUS NTAPI ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_A
     return InsertHandle(*Opened.Get(), DesiredAccess, ObjectAttributes->Attributes, KernelMode, KeyHandle);
 }
 
+namespace {
+
+// The fixed part always, of the data what fits.
+NTSTATUS FillPartial(const RegistryValue &Value, PVOID Buffer, ULONG Length, PULONG ResultLength) {
+    constexpr ULONG Fixed = FIELD_OFFSET(KEY_VALUE_PARTIAL_INFORMATION, Data);
+    const auto DataLength = static_cast<ULONG>(Value.Data.size());
+    *ResultLength = Fixed + DataLength;
+    if (Length < Fixed) {
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    auto *Information = static_cast<PKEY_VALUE_PARTIAL_INFORMATION>(Buffer);
+    Information->TitleIndex = 0;
+    Information->Type = Value.Type;
+    Information->DataLength = DataLength;
+    memcpy(Information->Data, Value.Data.data(), std::min(DataLength, Length - Fixed));
+    return Length < Fixed + DataLength ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
+}
+
+// Fixed part, name, then the data at an 8-byte boundary; name and data only when both fit.
+NTSTATUS FillFull(const RegistryValue &Value, std::u16string_view Name, PVOID Buffer, ULONG Length,
+                  PULONG ResultLength) {
+    constexpr ULONG Fixed = FIELD_OFFSET(KEY_VALUE_FULL_INFORMATION, Name);
+    const auto NameLength = static_cast<ULONG>(Name.size() * sizeof(WCHAR));
+    const auto DataLength = static_cast<ULONG>(Value.Data.size());
+    const ULONG DataOffset = (Fixed + NameLength + 7) & ~7u;
+    *ResultLength = DataOffset + DataLength;
+    if (Length < Fixed) {
+        return STATUS_BUFFER_TOO_SMALL;
+    }
+    auto *Information = static_cast<PKEY_VALUE_FULL_INFORMATION>(Buffer);
+    Information->TitleIndex = 0;
+    Information->Type = Value.Type;
+    Information->DataOffset = DataOffset;
+    Information->DataLength = DataLength;
+    Information->NameLength = NameLength;
+    if (Length < DataOffset + DataLength) {
+        return STATUS_BUFFER_OVERFLOW;
+    }
+    memcpy(Information->Name, Name.data(), NameLength);
+    memcpy(static_cast<UCHAR *>(Buffer) + DataOffset, Value.Data.data(), DataLength);
+    return STATUS_SUCCESS;
+}
+
+} // namespace
+
 NTSTATUS NTAPI ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
                                KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass, PVOID KeyValueInformation,
                                ULONG Length, PULONG ResultLength) noexcept {
@@ -176,8 +221,8 @@ NTSTATUS NTAPI ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
         !NT_SUCCESS(Status)) {
         return Status;
     }
-    if (KeyValueInformationClass != KeyValuePartialInformation) {
-        return STATUS_NOT_IMPLEMENTED; // the other two classes are not simulated
+    if (KeyValueInformationClass != KeyValuePartialInformation && KeyValueInformationClass != KeyValueFullInformation) {
+        return STATUS_NOT_IMPLEMENTED; // the third class is not simulated
     }
     Registry &In = TheRegistry();
     std::lock_guard Lock(In.Mutex);
@@ -185,17 +230,7 @@ NTSTATUS NTAPI ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
     if (Value == nullptr) {
         return STATUS_OBJECT_NAME_NOT_FOUND;
     }
-    constexpr ULONG Fixed = FIELD_OFFSET(KEY_VALUE_PARTIAL_INFORMATION, Data);
-    const auto DataLength = static_cast<ULONG>(Value->Data.size());
-    *ResultLength = Fixed + DataLength;
-    if (Length < Fixed) {
-        return STATUS_BUFFER_TOO_SMALL;
-    }
-    // The fixed part always, of the data what fits.
-    auto *Information = static_cast<PKEY_VALUE_PARTIAL_INFORMATION>(KeyValueInformation);
-    Information->TitleIndex = 0;
-    Information->Type = Value->Type;
-    Information->DataLength = DataLength;
-    memcpy(Information->Data, Value->Data.data(), std::min(DataLength, Length - Fixed));
-    return Length < Fixed + DataLength ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
+    return KeyValueInformationClass == KeyValuePartialInformation
+               ? FillPartial(*Value, KeyValueInformation, Length, ResultLength)
+               : FillFull(*Value, View(ValueName), KeyValueInformation, Length, ResultLength);
 }

@@ -51,7 +51,6 @@ void CloseHandles(PINSTANCE_CONTEXT Instance, PRV_SECURITY Security) {
     }
     Instance->FileHandle = Instance->DirHandle = Instance->VolumeHandle = 0;
     // Copies of handles that this open or another one owned.
-    NtFsdEndBorrowing(Instance);
     Instance->BaseHandle = Instance->RelatedHandle = 0;
 }
 

@@ -3,6 +3,7 @@
 #include "close/close.h"
 #include "control/our_device.h"
 #include "create/create.h"
+#include "dir/directory.h"
 #include "frame/diagnostics.h"
 #include "frame/driver.h"
 #include "io/io.h"
@@ -74,23 +75,10 @@ bool CleanupUnbound(PIRP Irp, NTSTATUS *Status) {
     return true;
 }
 
-// A file object whose create attached only half of its contexts.
-void FreeOrphanInstance(PFILE_OBJECT FileObject) {
-    const auto Instance = static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2);
-    if (Instance == nullptr) {
-        return;
-    }
-    ResourceHold Table;
-    Table.AcquireExclusive(&FcbTableResource, TRUE);
-    RemoveEntryList(&Instance->Links);
-    FileObject->FsContext2 = nullptr;
-    NtFsdFreeInstance(Instance);
-}
-
 bool CloseSpecial(PIRP Irp, NTSTATUS *Status) {
     const PFILE_OBJECT FileObject = IoGetCurrentIrpStackLocation(Irp)->FileObject;
     if (FileObject->FsContext == nullptr) {
-        FreeOrphanInstance(FileObject);
+        NtFsdFreeOrphanInstance(FileObject);
         *Status = NtFsdCompleteRequest(nullptr, Irp, STATUS_SUCCESS);
         return true;
     }
@@ -139,6 +127,19 @@ void DefaultLockKey(PIRP_CONTEXT IrpContext) {
     }
 }
 
+// Classes from here on are refused before anything is made for the request.
+constexpr ULONG FIRST_UNKNOWN_CLASS = 56;
+
+bool RefuseUnknownListing(PIRP Irp, NTSTATUS *Status) {
+    const PIO_STACK_LOCATION IrpSp = IoGetCurrentIrpStackLocation(Irp);
+    if (IrpSp->MinorFunction != IRP_MN_QUERY_DIRECTORY ||
+        static_cast<ULONG>(IrpSp->Parameters.QueryDirectory.FileInformationClass) < FIRST_UNKNOWN_CLASS) {
+        return false;
+    }
+    *Status = NtFsdCompleteRequest(nullptr, Irp, STATUS_INVALID_INFO_CLASS);
+    return true;
+}
+
 NTSTATUS CommonCreate(PIRP_CONTEXT IrpContext) {
     return NtFsdCommonCreate(IrpContext, IrpContext->Irp);
 }
@@ -151,7 +152,18 @@ NTSTATUS CommonDeviceControl(PIRP_CONTEXT IrpContext) {
 
 constexpr UCHAR ENTRY_USUAL = ENTRY_BINDS | ENTRY_TESTS_CANCEL;
 
-enum : SIZE_T { ROW_CREATE, ROW_CLOSE, ROW_READ, ROW_WRITE, ROW_FLUSH, ROW_FSCTL, ROW_IOCTL, ROW_LOCK, ROW_CLEANUP };
+enum : SIZE_T {
+    ROW_CREATE,
+    ROW_CLOSE,
+    ROW_READ,
+    ROW_WRITE,
+    ROW_FLUSH,
+    ROW_FSCTL,
+    ROW_IOCTL,
+    ROW_LOCK,
+    ROW_CLEANUP,
+    ROW_DIRECTORY
+};
 
 constexpr ENTRY Entries[] = {
     {.MajorFunction = IRP_MJ_CREATE,
@@ -218,6 +230,13 @@ constexpr ENTRY Entries[] = {
      .Common = NtFsdCommonCleanup,
      .Unbound = CleanupUnbound,
      .MapDecode = MapDeletePending},
+    {.MajorFunction = IRP_MJ_DIRECTORY_CONTROL,
+     .Flags = ENTRY_USUAL | ENTRY_DECODES | ENTRY_RETURN_RUN,
+     .OpenType = OPEN_TYPE_DIRECTORY,
+     .Mask = TRACE_DIRECTORY,
+     .Name = "NtFsdDirectoryControl",
+     .Common = NtFsdCommonDirectoryControl,
+     .AfterDecode = RefuseUnknownListing},
 };
 static_assert(Entries[ROW_CREATE].MajorFunction == IRP_MJ_CREATE && Entries[ROW_CLOSE].MajorFunction == IRP_MJ_CLOSE &&
               Entries[ROW_READ].MajorFunction == IRP_MJ_READ && Entries[ROW_WRITE].MajorFunction == IRP_MJ_WRITE &&
@@ -225,7 +244,8 @@ static_assert(Entries[ROW_CREATE].MajorFunction == IRP_MJ_CREATE && Entries[ROW_
               Entries[ROW_FSCTL].MajorFunction == IRP_MJ_FILE_SYSTEM_CONTROL &&
               Entries[ROW_IOCTL].MajorFunction == IRP_MJ_DEVICE_CONTROL &&
               Entries[ROW_LOCK].MajorFunction == IRP_MJ_LOCK_CONTROL &&
-              Entries[ROW_CLEANUP].MajorFunction == IRP_MJ_CLEANUP);
+              Entries[ROW_CLEANUP].MajorFunction == IRP_MJ_CLEANUP &&
+              Entries[ROW_DIRECTORY].MajorFunction == IRP_MJ_DIRECTORY_CONTROL);
 
 // ---- The shape ------------------------------------------------------------------------------------------------------
 
@@ -317,6 +337,9 @@ NTSTATUS ServeInRegion(const ENTRY &Entry, PIRP Irp, bool Cancelled) {
         if (!NT_SUCCESS(Status)) {
             return NtFsdCompleteRequest(nullptr, Irp, Status);
         }
+    }
+    if (Entry.AfterDecode != nullptr && Entry.AfterDecode(Irp, &Status)) {
+        return Status;
     }
     return RunWithContext(Entry, Irp, Cancelled);
 }
@@ -415,6 +438,10 @@ NTSTATUS NTAPI NtFsdCleanup(PDEVICE_OBJECT, PIRP Irp) {
     return Serve(Entries[ROW_CLEANUP], Irp);
 }
 
+NTSTATUS NTAPI NtFsdDirectoryControl(PDEVICE_OBJECT, PIRP Irp) {
+    return Serve(Entries[ROW_DIRECTORY], Irp);
+}
+
 // Extended attributes are not offered: files have none, and a set is accepted and stores nothing.
 NTSTATUS NTAPI NtFsdQueryEa(PDEVICE_OBJECT, PIRP Irp) {
     NtFsdDebugPrint(TRACE_ENTRY, 0, "<<<<<<<<<<<<<NtFsdQueryEa() entered\n");
@@ -434,6 +461,7 @@ void NtFsdFillDispatchTable(PDRIVER_OBJECT DriverObject) {
     DriverObject->MajorFunction[IRP_MJ_QUERY_EA] = NtFsdQueryEa;
     DriverObject->MajorFunction[IRP_MJ_SET_EA] = NtFsdSetEa;
     DriverObject->MajorFunction[IRP_MJ_FLUSH_BUFFERS] = NtFsdFlushBuffers;
+    DriverObject->MajorFunction[IRP_MJ_DIRECTORY_CONTROL] = NtFsdDirectoryControl;
     DriverObject->MajorFunction[IRP_MJ_FILE_SYSTEM_CONTROL] = NtFsdFileSystemControl;
     DriverObject->MajorFunction[IRP_MJ_DEVICE_CONTROL] = NtFsdDeviceControl;
     DriverObject->MajorFunction[IRP_MJ_SHUTDOWN] = NtFsdShutdown;

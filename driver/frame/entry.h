@@ -29,6 +29,7 @@ struct ENTRY {
     bool (*InRegion)(PIRP Irp, NTSTATUS *Status);        // before the IrpContext is made
     void (*BeforeDecode)(PIRP Irp);
     NTSTATUS (*MapDecode)(NTSTATUS Status); // the decode's status as the entry sees it
+    bool (*AfterDecode)(PIRP Irp, NTSTATUS *Status);
     void (*BeforeCommon)(PIRP_CONTEXT IrpContext);
 };
 
@@ -48,6 +49,7 @@ NTSTATUS NTAPI NtFsdWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdQueryEa(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdSetEa(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdFlushBuffers(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+NTSTATUS NTAPI NtFsdDirectoryControl(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdFileSystemControl(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdDeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdShutdown(PDEVICE_OBJECT DeviceObject, PIRP Irp);

@@ -9,6 +9,7 @@
 #include "kernel/ddk.h"
 #else
 #include "kernel/linux/base.h"
+#include "kernel/linux/information.h"
 #include "kernel/linux/objects.h"
 #include "kernel/linux/services.h"
 #include "kernel/linux/status.h"

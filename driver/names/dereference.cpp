@@ -51,9 +51,7 @@ VOID NtFsdFreeInstance(PINSTANCE_CONTEXT Instance) {
         NtFsdDebugPrint(TRACE_FCB, 0, "   Freeing dangling directory entries.\n");
         TwFreeMemory(Instance->EnumBuffer);
     }
-    if (Instance->SearchMaskLength != 0) {
-        TwFreeMemory(Instance->SearchMask);
-    }
+    TwFreeMemory(Instance->SearchMask);
     ExFreePoolWithTag(Instance, 0);
 }
 

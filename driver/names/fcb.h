@@ -111,7 +111,7 @@ struct INSTANCE_CONTEXT {
     LONG64 DiskFullTime;
     ULONG64 DiskFullAvailable;
     UCHAR TrailingSlash;
-    // Directory listing. EnumBuffer and SearchMask are owned.
+    // Directory listing, under SearchLock. EnumBuffer and SearchMask are owned.
     UCHAR SearchInitialized;
     UCHAR Wildcard;
     ULONG DotEntries;
@@ -130,6 +130,10 @@ struct INSTANCE_CONTEXT {
     FCB *Fcb;
     LIST_ENTRY Borrowers;
     LIST_ENTRY BorrowLinks;
+    // Ours, of the listing. SearchLock serialises the queries of one open, which share the FCB's Resource.
+    KEVENT SearchLock;
+    UCHAR ExactAnswered; // a search without wildcards has handed out its entry
+    UCHAR BatchBroken;   // what follows the records counted in InfoCount is no record
 };
 typedef INSTANCE_CONTEXT *PINSTANCE_CONTEXT;
 

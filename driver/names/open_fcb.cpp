@@ -77,6 +77,7 @@ PINSTANCE_CONTEXT AllocateInstance(PIRP_CONTEXT IrpContext) {
         Instance->ProviderAccess = 0;
         InitializeListHead(&Instance->Borrowers);
         InitializeListHead(&Instance->BorrowLinks);
+        KeInitializeEvent(&Instance->SearchLock, SynchronizationEvent, TRUE);
     }
     return Instance;
 }

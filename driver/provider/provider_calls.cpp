@@ -99,6 +99,19 @@ RVSTATUS RVFsdSetDirectoryInformation(PRV_SECURITY Security, RVHANDLE Directory,
                 LastAccess);
 }
 
+RVSTATUS RVFsdEnumerateDirectory(PRV_SECURITY Security, RVHANDLE Directory, PCWSTR Mask, UCHAR Flag, ULONG *ResumeKey,
+                                 ULONG BufferBytes, PVOID Buffer) {
+    ULONG Size = BufferBytes;
+    return Call(&RVIOM_FSD_TABLE::RVFsdEnumerateDirectory, Security, Directory, Mask, Flag, ResumeKey, &Size, Buffer);
+}
+
+RVSTATUS RVFsdEnumerateDirectoryEx(PRV_SECURITY Security, RVHANDLE Directory, PCWSTR Mask, ULONG Options,
+                                   ULONG *ResumeKey, ULONG BufferBytes, PVOID Buffer) {
+    ULONG Size = BufferBytes;
+    return Call(&RVIOM_FSD_TABLE::RVFsdEnumerateDirectoryEx, Security, Directory, Mask, Options, ResumeKey, &Size,
+                Buffer);
+}
+
 RVSTATUS RVFsdCreateFile(PRV_SECURITY Security, RVHANDLE Base, PCWSTR Path, const RV_CREATE_PARAMETERS &Parameters,
                          RVHANDLE *File, ULONG *CreateAction) {
     *CreateAction = 0;

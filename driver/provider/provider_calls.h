@@ -31,6 +31,13 @@ RVSTATUS RVFsdGetDirectoryInformation(PRV_SECURITY Security, RVHANDLE Directory,
 RVSTATUS RVFsdSetDirectoryInformation(PRV_SECURITY Security, RVHANDLE Directory, ULONG *Attributes, LONG64 *Creation,
                                       LONG64 *LastWrite, LONG64 *LastAccess);
 
+// Fill Buffer of BufferBytes with directory records, from *ResumeKey on (0 starts the search). The size that the
+// Provider answers is not used: the buffer is walked within BufferBytes.
+RVSTATUS RVFsdEnumerateDirectory(PRV_SECURITY Security, RVHANDLE Directory, PCWSTR Mask, UCHAR Flag, ULONG *ResumeKey,
+                                 ULONG BufferBytes, PVOID Buffer);
+RVSTATUS RVFsdEnumerateDirectoryEx(PRV_SECURITY Security, RVHANDLE Directory, PCWSTR Mask, ULONG Options,
+                                   ULONG *ResumeKey, ULONG BufferBytes, PVOID Buffer);
+
 // Files.
 struct RV_CREATE_PARAMETERS {
     ULONG Access;

@@ -183,6 +183,15 @@ TEST_F(Locks, ANestedLockThatMayWaitIsPostedAndToldToTheServerOnce) {
     EXPECT_EQ(ServerLocks(), (Calls{"lock 2+4"}));
 }
 
+TEST_F(Locks, ANestedLockThatIsRefusedAtOnceIsCompletedOnce) {
+    LARGE_INTEGER Length = {.QuadPart = 100};
+    IRP Outer = {};
+    embedded::IrpBuilder Builder = Request(First, IRP_MN_LOCK, -10, &Length);
+    Builder.TopLevelIrp = &Outer;
+    EXPECT_EQ(Send(Builder), STATUS_INVALID_LOCK_RANGE);
+    EXPECT_EQ(ServerLocks(), Calls{});
+}
+
 TEST_F(Locks, ANestedUnlockIsFinishedInItsThread) {
     EXPECT_EQ(Lock(First, 2, 4), STATUS_SUCCESS);
     LARGE_INTEGER Length = {.QuadPart = 4};

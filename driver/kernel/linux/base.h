@@ -10,7 +10,8 @@
 #define NTAPI __attribute__((ms_abi))
 #define FASTCALL NTAPI
 #define NTKERNELAPI extern "C"
-#define DECLSPEC_EXPORT __attribute__((visibility("default")))
+// Marks what other modules take from the driver; here they are linked with it.
+#define DECLSPEC_EXPORT
 
 // Every variable of the driver stands in one section, so that the program can start the driver afresh in the same
 // process, as loading the image anew would.

@@ -1,0 +1,282 @@
+#include "dir/directory.h"
+#include "frame/diagnostics.h"
+#include "frame/driver.h"
+#include "frame/memory.h"
+
+namespace {
+
+PCSTR TrueOrFalse(ULONG Value) {
+    return Value ? "TRUE" : "FALSE";
+}
+
+constexpr UNICODE_STRING ALL_NAMES = ConstantString(WTEXT("*"));
+// What the command interpreter's "*.*" becomes on the platform.
+constexpr UNICODE_STRING ALL_NAMES_REWRITTEN = ConstantString(WTEXT(">>>>>>>>\">>>"));
+static_assert(ALL_NAMES_REWRITTEN.Length == 24);
+
+// Whether the lazy-close switch has been read: once per life of the driver, whatever came of it.
+DRIVER_GLOBAL LONG LazyCloseRead = 0;
+
+// The lock of one open's search: queries of one open may come side by side.
+class [[nodiscard]] SearchHold {
+public:
+    SearchHold() = default;
+    SearchHold(const SearchHold &) = delete;
+    SearchHold &operator=(const SearchHold &) = delete;
+    ~SearchHold() {
+        if (Instance_ != nullptr) {
+            KeSetEvent(&Instance_->SearchLock, IO_NO_INCREMENT, FALSE);
+        }
+    }
+    bool Acquire(PINSTANCE_CONTEXT Instance, BOOLEAN Wait) {
+        LARGE_INTEGER Now = {};
+        if (KeWaitForSingleObject(&Instance->SearchLock, Executive, KernelMode, FALSE, Wait ? nullptr : &Now) !=
+            STATUS_SUCCESS) {
+            return false;
+        }
+        Instance_ = Instance;
+        return true;
+    }
+
+private:
+    PINSTANCE_CONTEXT Instance_ = nullptr;
+};
+
+// One query of a directory.
+struct QUERY {
+    PIRP_CONTEXT IrpContext;
+    PIRP Irp;
+    PFCB Fcb;
+    PINSTANCE_CONTEXT Instance;
+    bool RestartScan;
+    bool SingleEntry;
+    bool IndexSpecified;
+    ULONG Length;
+    PUNICODE_STRING FileName;
+    ULONG InfoClass;
+    ULONG FixedSize;
+    bool Started; // this call set up the search
+    ULONG Information;
+};
+
+void TraceQuery(const QUERY &Query) {
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Index Specified     : %s\n", TrueOrFalse(Query.IndexSpecified));
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Restart Scan        : %s\n", TrueOrFalse(Query.RestartScan));
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Return Single Entry : %s\n", TrueOrFalse(Query.SingleEntry));
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Buffer Length       : 0x%X\n", Query.Length);
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Search Initialized  : %s\n",
+                    TrueOrFalse(Query.Instance->SearchInitialized));
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Information Class  : %d\n", Query.InfoClass);
+}
+
+QUERY ReadQuery(PIRP_CONTEXT IrpContext) {
+    const PIO_STACK_LOCATION IrpSp = IoGetCurrentIrpStackLocation(IrpContext->Irp);
+    return {.IrpContext = IrpContext,
+            .Irp = IrpContext->Irp,
+            .Fcb = static_cast<PFCB>(IrpContext->FileObject->FsContext),
+            .Instance = static_cast<PINSTANCE_CONTEXT>(IrpContext->FileObject->FsContext2),
+            .RestartScan = (IrpSp->Flags & SL_RESTART_SCAN) != 0,
+            .SingleEntry = (IrpSp->Flags & SL_RETURN_SINGLE_ENTRY) != 0,
+            .IndexSpecified = (IrpSp->Flags & SL_INDEX_SPECIFIED) != 0,
+            .Length = IrpSp->Parameters.QueryDirectory.Length,
+            .FileName = reinterpret_cast<PUNICODE_STRING>(IrpSp->Parameters.QueryDirectory.FileName),
+            .InfoClass = static_cast<ULONG>(IrpSp->Parameters.QueryDirectory.FileInformationClass),
+            .FixedSize = 0,
+            .Started = false,
+            .Information = 0};
+}
+
+// The refusals that need no lock. STATUS_SUCCESS: go on.
+NTSTATUS CheckQuery(QUERY &Query) {
+    if (Query.IndexSpecified) {
+        NtFsdDebugPrint(TRACE_DIRECTORY, 0, "SL_INDEX_SPECIFIED not supported. Returning STATUS_NOT_IMPLEMENTED.\n");
+        return STATUS_NOT_IMPLEMENTED;
+    }
+    Query.FixedSize = NtFsdDirEntryFixedSize(Query.InfoClass);
+    if (Query.FixedSize == 0) {
+        NtFsdDebugPrint(TRACE_DIRECTORY, 0, "Unknown DirInfo Level 0x%X\n", Query.InfoClass);
+        return STATUS_INVALID_INFO_CLASS;
+    }
+    return STATUS_SUCCESS;
+}
+
+void ReadLazyCloseOnce() {
+    if (InterlockedExchange(&LazyCloseRead, 1) == 0) {
+        Ignore(NtFsdReadLazyCloseConfig(), "short names are then asked for");
+    }
+}
+
+PCUNICODE_STRING MaskOf(const QUERY &Query) {
+    const PCUNICODE_STRING Name = Query.FileName;
+    if (Name == nullptr || Name->Buffer == nullptr || Name->Length < sizeof(WCHAR)) {
+        return &ALL_NAMES;
+    }
+    const bool Rewritten = Name->Length == ALL_NAMES_REWRITTEN.Length &&
+                           memcmp(Name->Buffer, ALL_NAMES_REWRITTEN.Buffer, Name->Length) == 0;
+    return Rewritten ? &ALL_NAMES : Name;
+}
+
+// Sets up the search of this open's first query, or of a restart.
+NTSTATUS StartSearch(QUERY &Query) {
+    // A directory that was created and not opened has no handle to list yet. The first search has the FCB exclusive.
+    if (!Query.Instance->SearchInitialized) {
+        const NTSTATUS Status = NtFsdEnsureDirectoryHandle(Query.IrpContext, Query.Fcb, Query.Instance);
+        if (!NT_SUCCESS(Status)) {
+            return Status;
+        }
+    }
+    const NTSTATUS Status = NtFsdInitializeSearch(Query.IrpContext, Query.Fcb, Query.Instance, MaskOf(Query));
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
+    Query.Instance->SearchInitialized = TRUE;
+    Query.Started = true;
+    ReadLazyCloseOnce();
+    const bool HasShortNames =
+        Query.InfoClass == FileBothDirectoryInformation || Query.InfoClass == FileIdBothDirectoryInformation;
+    if (HasShortNames && !__atomic_load_n(&g_bLazyClose, __ATOMIC_RELAXED)) {
+        Query.Instance->UseShortNames = TRUE;
+    }
+    return STATUS_SUCCESS;
+}
+
+void TraceSearch(PINSTANCE_CONTEXT Instance) {
+    if (Instance->SearchMask != nullptr) {
+        NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Search Mask : %ws\n", static_cast<PCWSTR>(Instance->SearchMask));
+    }
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Current Entries: 0x%x\n",
+                    LowPart(reinterpret_cast<ULONG_PTR>(Instance->EnumBuffer)));
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Next Entry     : 0x%x\n",
+                    LowPart(reinterpret_cast<ULONG_PTR>(Instance->NextEntry)));
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Info Count     : %d\n", Instance->InfoCount);
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   More Entries   : %s\n", TrueOrFalse(Instance->MoreEntries));
+}
+
+constexpr ULONG RoundUp(ULONG Bytes) {
+    return (Bytes + 7) & ~7u;
+}
+
+// Packs entries into Buffer until it is full, one is enough, or there is no more. The result of the last step.
+NTSTATUS PackEntries(QUERY &Query, UCHAR *Buffer) {
+    ULONG Offset = 0;
+    ULONG Previous = 0;
+    ULONG Remaining = Query.Length;
+    for (;;) {
+        ULONG EntrySize;
+        const NTSTATUS Status = NtFsdGetNextDirEntry(Query.IrpContext, Query.Fcb, Query.Instance, Query.InfoClass,
+                                                     Buffer + Offset, Remaining, &EntrySize);
+        if (Status != STATUS_SUCCESS) {
+            return Status;
+        }
+        const ULONG Distance = Offset - Previous;
+        RtlCopyMemory(Buffer + Previous, &Distance, sizeof(Distance));
+        Previous = Offset;
+        Query.Information = RoundUp(Query.Information) + EntrySize;
+        // The last entry may end where its rounding would not.
+        const ULONG Step = RoundUp(EntrySize);
+        Offset += Step;
+        Remaining = Remaining > Step ? Remaining - Step : 0;
+        Query.Instance->ExactAnswered = !Query.Instance->Wildcard;
+        if (Remaining <= Query.FixedSize || Query.SingleEntry || !Query.Instance->Wildcard) {
+            NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Previous Entry      : 0x%X\n", Previous);
+            return STATUS_SUCCESS;
+        }
+    }
+}
+
+NTSTATUS SettleStatus(const QUERY &Query, NTSTATUS Status) {
+    if (Status == STATUS_NO_MORE_FILES) {
+        if (Query.Information != 0) {
+            return STATUS_SUCCESS;
+        }
+        return Query.Started ? STATUS_NO_SUCH_FILE : STATUS_NO_MORE_FILES;
+    }
+    if (Status == STATUS_BUFFER_OVERFLOW && Query.Information != 0) {
+        NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Overflowed the user buffer!\n");
+        return STATUS_SUCCESS;
+    }
+    return Status;
+}
+
+// A search for one exact name answers once.
+bool IsAnswered(const QUERY &Query) {
+    return !Query.RestartScan && Query.Instance->SearchInitialized && !Query.Instance->Wildcard &&
+           (Query.Instance->ExactAnswered || Query.Instance->MoreEntries == 0);
+}
+
+// The query with the FCB's Resource and the search's lock held.
+NTSTATUS ListHeld(QUERY &Query) {
+    if (IsAnswered(Query)) {
+        NtFsdDebugPrint(TRACE_DIRECTORY, 0,
+                        "Not a wildcard, and we have already returned an entry. Returning STATUS_NO_MORE_FILES.\n");
+        return STATUS_NO_MORE_FILES;
+    }
+    if (!Query.Instance->SearchInitialized || Query.RestartScan) {
+        const NTSTATUS Status = StartSearch(Query);
+        if (!NT_SUCCESS(Status)) {
+            return Status;
+        }
+    }
+    TraceSearch(Query.Instance);
+
+    UserBufferLock Lock(Query.IrpContext);
+    UCHAR *Buffer = nullptr;
+    if (Query.Length != 0) {
+        const PMDL Mdl = Query.Irp->MdlAddress;
+        if (Mdl != nullptr && MmGetMdlByteCount(Mdl) < Query.Length) {
+            return STATUS_INVALID_PARAMETER;
+        }
+        const NTSTATUS Status = NtFsdLockUserBuffer(Query.IrpContext, IoWriteAccess, Query.Length);
+        if (!NT_SUCCESS(Status)) {
+            return Status;
+        }
+        Buffer = static_cast<UCHAR *>(NtFsdMapUserBuffer(Query.IrpContext));
+        if (Buffer == nullptr) {
+            return STATUS_INSUFFICIENT_RESOURCES;
+        }
+    }
+    return SettleStatus(Query, PackEntries(Query, Buffer));
+}
+
+NTSTATUS Complete(const QUERY &Query, NTSTATUS Status) {
+    Query.IrpContext->Information = Query.Information;
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Status              : 0x%X\n", Status);
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Information         : %u\n", Query.Information);
+    return NtFsdCompleteRequest(Query.IrpContext, Query.Irp, Status);
+}
+
+NTSTATUS QueryDirectory(PIRP_CONTEXT IrpContext) {
+    QUERY Query = ReadQuery(IrpContext);
+    TraceQuery(Query);
+    NTSTATUS Status = CheckQuery(Query);
+    if (Status != STATUS_SUCCESS) {
+        return Complete(Query, Status);
+    }
+    ResourceHold Hold;
+    const BOOLEAN Wait = IrpContext->MayWait();
+    const bool Acquired = __atomic_load_n(&Query.Instance->SearchInitialized, __ATOMIC_ACQUIRE)
+                              ? Hold.AcquireShared(&Query.Fcb->Resource, Wait)
+                              : Hold.AcquireExclusive(&Query.Fcb->Resource, Wait);
+    {
+        SearchHold Search;
+        if (!Acquired || !Search.Acquire(Query.Instance, Wait)) {
+            Hold.Release();
+            return NtFsdPostRequest(IrpContext);
+        }
+        Status = ListHeld(Query);
+    }
+    Hold.Release();
+    return Complete(Query, Status);
+}
+
+} // namespace
+
+NTSTATUS NtFsdCommonDirectoryControl(PIRP_CONTEXT IrpContext) {
+    if (IrpContext->MinorFunction == IRP_MN_QUERY_DIRECTORY) {
+        return QueryDirectory(IrpContext);
+    }
+    if (IrpContext->MinorFunction == IRP_MN_NOTIFY_CHANGE_DIRECTORY && g_bEnableDirectoryNotify) {
+        return NtFsdNotifyDirectoryChange(IrpContext);
+    }
+    return NtFsdCompleteRequest(IrpContext, IrpContext->Irp, STATUS_NOT_IMPLEMENTED);
+}
