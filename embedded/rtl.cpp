@@ -43,6 +43,10 @@ LONG NTAPI RtlCompareUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING St
     return static_cast<LONG>(One.size()) - static_cast<LONG>(Two.size());
 }
 
+WCHAR NTAPI RtlUpcaseUnicodeChar(WCHAR SourceCharacter) noexcept {
+    return embedded::UpcaseUnit(SourceCharacter);
+}
+
 BOOLEAN NTAPI RtlEqualUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2,
                                     BOOLEAN CaseInSensitive) noexcept {
     if (String1->Length != String2->Length) {

@@ -6,6 +6,7 @@
 #include "dir/directory.h"
 #include "frame/diagnostics.h"
 #include "frame/driver.h"
+#include "info/query.h"
 #include "io/io.h"
 #include "provider/binding.h"
 
@@ -162,7 +163,9 @@ enum : SIZE_T {
     ROW_IOCTL,
     ROW_LOCK,
     ROW_CLEANUP,
-    ROW_DIRECTORY
+    ROW_DIRECTORY,
+    ROW_QUERY_FILE,
+    ROW_QUERY_VOLUME
 };
 
 constexpr ENTRY Entries[] = {
@@ -237,6 +240,18 @@ constexpr ENTRY Entries[] = {
      .Name = "NtFsdDirectoryControl",
      .Common = NtFsdCommonDirectoryControl,
      .AfterDecode = RefuseUnknownListing},
+    {.MajorFunction = IRP_MJ_QUERY_INFORMATION,
+     .Flags = ENTRY_USUAL | ENTRY_DECODES,
+     .OpenType = 0,
+     .Mask = TRACE_FILE_INFO,
+     .Name = "NtFsdQueryInformation",
+     .Common = NtFsdCommonQueryInformation},
+    {.MajorFunction = IRP_MJ_QUERY_VOLUME_INFORMATION,
+     .Flags = ENTRY_USUAL | ENTRY_DECODES,
+     .OpenType = 0,
+     .Mask = TRACE_VOLUME_INFO,
+     .Name = "NtFsdQueryVolumeInformation",
+     .Common = NtFsdCommonQueryVolumeInfo},
 };
 static_assert(Entries[ROW_CREATE].MajorFunction == IRP_MJ_CREATE && Entries[ROW_CLOSE].MajorFunction == IRP_MJ_CLOSE &&
               Entries[ROW_READ].MajorFunction == IRP_MJ_READ && Entries[ROW_WRITE].MajorFunction == IRP_MJ_WRITE &&
@@ -245,7 +260,9 @@ static_assert(Entries[ROW_CREATE].MajorFunction == IRP_MJ_CREATE && Entries[ROW_
               Entries[ROW_IOCTL].MajorFunction == IRP_MJ_DEVICE_CONTROL &&
               Entries[ROW_LOCK].MajorFunction == IRP_MJ_LOCK_CONTROL &&
               Entries[ROW_CLEANUP].MajorFunction == IRP_MJ_CLEANUP &&
-              Entries[ROW_DIRECTORY].MajorFunction == IRP_MJ_DIRECTORY_CONTROL);
+              Entries[ROW_DIRECTORY].MajorFunction == IRP_MJ_DIRECTORY_CONTROL &&
+              Entries[ROW_QUERY_FILE].MajorFunction == IRP_MJ_QUERY_INFORMATION &&
+              Entries[ROW_QUERY_VOLUME].MajorFunction == IRP_MJ_QUERY_VOLUME_INFORMATION);
 
 // ---- The shape ------------------------------------------------------------------------------------------------------
 
@@ -438,6 +455,14 @@ NTSTATUS NTAPI NtFsdCleanup(PDEVICE_OBJECT, PIRP Irp) {
     return Serve(Entries[ROW_CLEANUP], Irp);
 }
 
+NTSTATUS NTAPI NtFsdQueryInformation(PDEVICE_OBJECT, PIRP Irp) {
+    return Serve(Entries[ROW_QUERY_FILE], Irp);
+}
+
+NTSTATUS NTAPI NtFsdQueryVolumeInformation(PDEVICE_OBJECT, PIRP Irp) {
+    return Serve(Entries[ROW_QUERY_VOLUME], Irp);
+}
+
 NTSTATUS NTAPI NtFsdDirectoryControl(PDEVICE_OBJECT, PIRP Irp) {
     return Serve(Entries[ROW_DIRECTORY], Irp);
 }
@@ -461,6 +486,8 @@ void NtFsdFillDispatchTable(PDRIVER_OBJECT DriverObject) {
     DriverObject->MajorFunction[IRP_MJ_QUERY_EA] = NtFsdQueryEa;
     DriverObject->MajorFunction[IRP_MJ_SET_EA] = NtFsdSetEa;
     DriverObject->MajorFunction[IRP_MJ_FLUSH_BUFFERS] = NtFsdFlushBuffers;
+    DriverObject->MajorFunction[IRP_MJ_QUERY_INFORMATION] = NtFsdQueryInformation;
+    DriverObject->MajorFunction[IRP_MJ_QUERY_VOLUME_INFORMATION] = NtFsdQueryVolumeInformation;
     DriverObject->MajorFunction[IRP_MJ_DIRECTORY_CONTROL] = NtFsdDirectoryControl;
     DriverObject->MajorFunction[IRP_MJ_FILE_SYSTEM_CONTROL] = NtFsdFileSystemControl;
     DriverObject->MajorFunction[IRP_MJ_DEVICE_CONTROL] = NtFsdDeviceControl;

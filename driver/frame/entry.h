@@ -49,6 +49,8 @@ NTSTATUS NTAPI NtFsdWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdQueryEa(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdSetEa(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdFlushBuffers(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+NTSTATUS NTAPI NtFsdQueryInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+NTSTATUS NTAPI NtFsdQueryVolumeInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdDirectoryControl(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdFileSystemControl(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdDeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp);

@@ -1,6 +1,7 @@
 #include "info/volume_size.h"
 
 #include "frame/diagnostics.h"
+#include "info/volume_path.h"
 #include "names/paths.h"
 #include "provider/provider_calls.h"
 
@@ -31,27 +32,6 @@ RVSTATUS ResolvePath(PRV_SECURITY Security, PFCB Fcb, PUNICODE_STRING Path) {
     return Status;
 }
 
-// Cuts Path after its volume component.
-void CutAfterVolume(PUNICODE_STRING Path) {
-    const ULONG Units = Path->Length / sizeof(WCHAR);
-    ULONG At = 0;
-    while (At < Units && Path->Buffer[At] == SEPARATOR) {
-        ++At;
-    }
-    for (ULONG Components = 0; Components < 2; ++Components) {
-        if (Components == 1 && At < Units) {
-            ++At; // the separator between server and volume
-        }
-        while (At < Units && Path->Buffer[At] != SEPARATOR) {
-            ++At;
-        }
-    }
-    if (At < Units) {
-        Path->Buffer[At] = 0;
-        Path->Length = static_cast<USHORT>(At * sizeof(WCHAR));
-    }
-}
-
 } // namespace
 
 RVSTATUS NtQueryPhysicalTargetVolumeSizeInfo(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT,
@@ -67,7 +47,7 @@ RVSTATUS NtQueryPhysicalTargetVolumeSizeInfo(PIRP_CONTEXT IrpContext, PFCB Fcb, 
     if (RvIsError(Status)) {
         return Status;
     }
-    CutAfterVolume(Path.Get());
+    NtFsdCutAfterVolume(Path.Get());
     NtFsdDebugPrint(TRACE_VOLUME_INFO, 0,
                     "[RVFSD] NtQueryPhysicalTargetVolumeSizeInfo determined target volume \"%ws\" for \"%wZ\".\n",
                     Path->Buffer, &Fcb->FullPath);

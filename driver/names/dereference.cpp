@@ -126,3 +126,24 @@ NTSTATUS NtFsdEnsureDirectoryHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE
     }
     return Status;
 }
+
+namespace {
+
+bool LacksDirectoryHandle(PFCB Fcb, PINSTANCE_CONTEXT Instance) {
+    return __atomic_load_n(&Fcb->OpenType, __ATOMIC_RELAXED) == OPEN_TYPE_DIRECTORY &&
+           __atomic_load_n(&Instance->DirHandle, __ATOMIC_RELAXED) == 0 &&
+           *__atomic_load_n(&Instance->PathLeft, __ATOMIC_RELAXED) != 0;
+}
+
+} // namespace
+
+NTSTATUS NtFsdAcquireForHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, ResourceHold &Hold) {
+    const BOOLEAN Wait = IrpContext->MayWait();
+    if (!LacksDirectoryHandle(Fcb, Instance)) {
+        return Hold.AcquireShared(&Fcb->Resource, Wait) ? STATUS_SUCCESS : STATUS_CANT_WAIT;
+    }
+    if (!Hold.AcquireExclusive(&Fcb->Resource, Wait)) {
+        return STATUS_CANT_WAIT;
+    }
+    return NtFsdEnsureDirectoryHandle(IrpContext, Fcb, Instance);
+}

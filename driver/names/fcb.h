@@ -252,6 +252,11 @@ inline bool NtFsdIsFcb(const void *FsContext) {
 // or the instance is a volume root. Returns the translated status of the open.
 NTSTATUS NtFsdEnsureDirectoryHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance);
 
+// Acquires Fcb's Resource for a request that uses the open's handle: shared, or exclusive when a directory's own handle
+// has to be opened first, which is done. STATUS_CANT_WAIT when it is busy and the request may not wait (nothing is held
+// then); with any other failure the Resource is held.
+NTSTATUS NtFsdAcquireForHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, ResourceHold &Hold);
+
 // ---- Borrowed handles (names/borrow.cpp)
 // -------------------------------------------------------------------------------
 

@@ -48,6 +48,12 @@ RVSTATUS RVFsdCloseVolume(PRV_SECURITY Security, RVHANDLE Volume) {
     return Call(&RVIOM_FSD_TABLE::RVFsdCloseVolume, Security, Volume);
 }
 
+RVSTATUS RVFsdGetVolumeInformation(PRV_SECURITY Security, RVHANDLE Volume, ULONG *Flags, UCHAR *Identifier16) {
+    *Flags = 0;
+    constexpr PVOID Nothing = nullptr;
+    return Call(&RVIOM_FSD_TABLE::RVFsdGetVolumeInformation, Security, Volume, Flags, Identifier16, Nothing, Nothing);
+}
+
 RVSTATUS RVFsdGetVolumeSize(PRV_SECURITY Security, RVHANDLE Volume, ULONG64 *Length, ULONG64 *Free,
                             ULONG64 *QuotaAllowed, ULONG64 *FreeAfterQuota) {
     *Length = *Free = *QuotaAllowed = *FreeAfterQuota = 0;
@@ -192,4 +198,20 @@ RVSTATUS RVFsdUnlockFile(PRV_SECURITY Security, RVHANDLE File, ULONG64 ByteOffse
 RVSTATUS RVFsdGetEffectiveRights(PRV_SECURITY Security, RVHANDLE Handle, USHORT *Rights) {
     *Rights = 0;
     return Call(&RVIOM_FSD_TABLE::RVFsdGetEffectiveRights, Security, Handle, Rights);
+}
+
+RVSTATUS RVFsdGetFileTimes(PRV_SECURITY Security, RVHANDLE File, ULONG *Attributes, LONG64 *Creation, LONG64 *LastWrite,
+                           LONG64 *LastAccess, ULONG64 *EndOfFile) {
+    *Attributes = 0;
+    *Creation = *LastWrite = *LastAccess = 0;
+    *EndOfFile = 0;
+    constexpr ULONG64 *NoValue = nullptr;
+    constexpr UCHAR *NoByte = nullptr;
+    return Call(&RVIOM_FSD_TABLE::RVFsdGetFileInformation, Security, File, Attributes, Creation, LastWrite, LastAccess,
+                EndOfFile, NoValue, NoByte, NoByte, NoByte, NoByte, NoByte);
+}
+
+RVSTATUS RVFsdGetFileId(PRV_SECURITY Security, RVHANDLE Handle, ULONG64 *FileId) {
+    *FileId = 0;
+    return Call(&RVIOM_FSD_TABLE::RVFsdGetFileId, Security, Handle, FileId);
 }

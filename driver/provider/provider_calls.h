@@ -15,6 +15,8 @@ inline void Ignore(RVSTATUS, PCSTR) {
 // Volumes.
 RVSTATUS RVFsdOpenVolume(PRV_SECURITY Security, PCWSTR VolumePath, RVHANDLE *Volume);
 RVSTATUS RVFsdCloseVolume(PRV_SECURITY Security, RVHANDLE Volume);
+// Identifier16 may be NULL.
+RVSTATUS RVFsdGetVolumeInformation(PRV_SECURITY Security, RVHANDLE Volume, ULONG *Flags, UCHAR *Identifier16);
 RVSTATUS RVFsdGetVolumeSize(PRV_SECURITY Security, RVHANDLE Volume, ULONG64 *Length, ULONG64 *Free,
                             ULONG64 *QuotaAllowed, ULONG64 *FreeAfterQuota);
 // Buffer holds RV_PATH_BUFFER_BYTES; it is terminated within them or the call fails.
@@ -68,7 +70,12 @@ RVSTATUS RVFsdWriteFile(PRV_SECURITY Security, RVHANDLE File, LONG64 *ByteOffset
 RVSTATUS RVFsdLockFile(PRV_SECURITY Security, RVHANDLE File, BOOLEAN Exclusive, ULONG64 ByteOffset, ULONG64 Length);
 RVSTATUS RVFsdUnlockFile(PRV_SECURITY Security, RVHANDLE File, ULONG64 ByteOffset, ULONG64 Length);
 
+// The same operation for a query: attributes, the three times and the size, all set to 0 before the call.
+RVSTATUS RVFsdGetFileTimes(PRV_SECURITY Security, RVHANDLE File, ULONG *Attributes, LONG64 *Creation, LONG64 *LastWrite,
+                           LONG64 *LastAccess, ULONG64 *EndOfFile);
+
 // Any handle.
+RVSTATUS RVFsdGetFileId(PRV_SECURITY Security, RVHANDLE Handle, ULONG64 *FileId);
 RVSTATUS RVFsdGetEffectiveRights(PRV_SECURITY Security, RVHANDLE Handle, USHORT *Rights);
 
 // ---- Handles by scope ----------------------------------------------------------------------------------------------

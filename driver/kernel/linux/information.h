@@ -44,6 +44,19 @@ typedef enum _FILE_INFORMATION_CLASS {
     FileIdFullDirectoryInformation = 38,
 } FILE_INFORMATION_CLASS;
 
+typedef enum _FSINFOCLASS {
+    FileFsVolumeInformation = 1,
+    FileFsLabelInformation,
+    FileFsSizeInformation,
+    FileFsDeviceInformation,
+    FileFsAttributeInformation,
+    FileFsControlInformation,
+    FileFsFullSizeInformation,
+    FileFsObjectIdInformation,
+    FileFsDriverPathInformation,
+    FileFsVolumeFlagsInformation,
+} FS_INFORMATION_CLASS;
+
 // ---- Directory entries
 // -----------------------------------------------------------------------------------------------
 

@@ -1,0 +1,388 @@
+// Asking about open files and their volumes.
+
+#include "info/query.h"
+#include "tests/support/driver_fixture.h"
+
+namespace {
+
+using test::Open;
+using test::RvError;
+
+struct Answer {
+    NTSTATUS Status;
+    ULONG_PTR Information;
+    std::vector<UCHAR> Bytes;
+
+    template <typename T>
+    T At(size_t Offset) const {
+        T Value;
+        memcpy(&Value, Bytes.data() + Offset, sizeof(T));
+        return Value;
+    }
+    std::u16string Text(size_t Offset, size_t Length) const {
+        std::u16string Found(Length / 2, u'\0');
+        memcpy(Found.data(), Bytes.data() + Offset, Length);
+        return Found;
+    }
+};
+
+class Asking : public test::DriverFixture {
+protected:
+    // Sends the request itself, with a system buffer whose bytes beyond the answer must stay as they are.
+    Answer Ask(UCHAR MajorFunction, HANDLE Handle, ULONG InfoClass, ULONG Length) {
+        constexpr UCHAR Pattern = 0xA5;
+        Answer Result = {STATUS_UNSUCCESSFUL, 0, std::vector<UCHAR>(Length + 64, Pattern)};
+        embedded::IrpBuilder Builder;
+        Builder.MajorFunction = MajorFunction;
+        Builder.FileObject = FileObject(Handle);
+        Builder.SystemBuffer = Result.Bytes.data();
+        Builder.Fill = [=](PIO_STACK_LOCATION IrpSp) {
+            IrpSp->Parameters.QueryFile.Length = Length;
+            IrpSp->Parameters.QueryFile.FileInformationClass = InfoClass;
+        };
+        const IO_STATUS_BLOCK IoStatus = embedded::SendIrpAndWait(Device(), Builder);
+        Result.Status = IoStatus.Status;
+        Result.Information = IoStatus.Information;
+        EXPECT_LE(Result.Information, Length);
+        for (size_t At = Length; At < Result.Bytes.size(); ++At) {
+            EXPECT_EQ(Result.Bytes[At], Pattern) << "class " << InfoClass << ", length " << Length;
+        }
+        return Result;
+    }
+    Answer File(HANDLE Handle, ULONG InfoClass, ULONG Length = 1024) {
+        return Ask(IRP_MJ_QUERY_INFORMATION, Handle, InfoClass, Length);
+    }
+    Answer Volume(HANDLE Handle, ULONG InfoClass, ULONG Length = 1024) {
+        return Ask(IRP_MJ_QUERY_VOLUME_INFORMATION, Handle, InfoClass, Length);
+    }
+    HANDLE OpenDirectory(std::u16string_view Path) {
+        return MustOpen(Path, {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
+                               .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
+    }
+    void SetVolume(ULONG Flags, ULONG FirstWord) {
+        Provider.OnCall(providers::Slot::GetVolumeInformation).Answer([=](providers::Outputs &Out) {
+            *Out.VolumeFlags = Flags;
+            if (Out.Identifier != nullptr) {
+                memset(Out.Identifier, 0, 16);
+                memcpy(Out.Identifier, &FirstWord, 4);
+            }
+        });
+    }
+};
+
+TEST_F(Asking, EveryClassAnswersEveryLengthAsItsLayoutSays) {
+    Provider.AddFile(u"\\srv\\vol\\f.txt", "12345");
+    Provider.AddDirectory(u"\\srv\\vol\\d");
+    HANDLE AFile = MustOpen(u"\\srv\\vol\\f.txt");
+    HANDLE ADirectory = OpenDirectory(u"\\srv\\vol\\d");
+    constexpr ULONG FileName = 2 * 14; // \srv\vol\f.txt
+    constexpr ULONG DirectoryName = 2 * 10;
+    // Where a class may be cut, after which fields; the last is the whole answer with its tail.
+    struct Layout {
+        ULONG InfoClass;
+        std::vector<ULONG> Cuts;
+        bool CutOfFileSucceeds;
+    };
+    for (const HANDLE Handle : {AFile, ADirectory}) {
+        const bool IsFile = Handle == AFile;
+        const ULONG Name = IsFile ? FileName : DirectoryName;
+        const Layout Layouts[] = {
+            {FileBasicInformation, {0, 8, 16, 24, 32, 40}, true},
+            {FileStandardInformation, {0, 8, 16, 20, 21, 24}, false},
+            {FileInternalInformation, {0, 8}, false},
+            {FileEaInformation, {0, 4}, false},
+            {FilePositionInformation, {0, 8}, false},
+            {FileNetworkOpenInformation, {0, 56}, false},
+            {FileAttributeTagInformation, {0, 8}, false},
+        };
+        for (const Layout &Class : Layouts) {
+            for (ULONG Length = 0; Length <= Class.Cuts.back() + 8; ++Length) {
+                const Answer Got = File(Handle, Class.InfoClass, Length);
+                ULONG Fits = 0;
+                for (const ULONG Cut : Class.Cuts) {
+                    Fits = Cut <= Length ? Cut : Fits;
+                }
+                const bool Whole = Length >= Class.Cuts.back();
+                // With the fields but not the tail the count is overdrawn: cut, and all of the buffer is used.
+                const bool Overdrawn = (Class.InfoClass == FileBasicInformation && Length >= 36 && !Whole) ||
+                                       (Class.InfoClass == FileStandardInformation && Length >= 22 && !Whole);
+                const NTSTATUS Expected = Whole                                 ? STATUS_SUCCESS
+                                          : Overdrawn                           ? STATUS_BUFFER_OVERFLOW
+                                          : (Class.CutOfFileSucceeds && IsFile) ? STATUS_SUCCESS
+                                                                                : STATUS_BUFFER_OVERFLOW;
+                EXPECT_EQ(Got.Status, Expected) << "class " << Class.InfoClass << ", length " << Length;
+                EXPECT_EQ(Got.Information, Overdrawn ? Length : Fits)
+                    << "class " << Class.InfoClass << ", length " << Length;
+            }
+        }
+        for (ULONG Length = 0; Length <= 4 + Name + 8; ++Length) {
+            const Answer Got = File(Handle, FileNameInformation, Length);
+            EXPECT_EQ(Got.Status, Length < 4 + Name ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS) << Length;
+            EXPECT_EQ(Got.Information, Length < 4 ? 0 : std::min(Length, 4 + Name)) << Length;
+            if (Length >= 4) {
+                EXPECT_EQ(Got.At<ULONG>(0), Name);
+            }
+        }
+        for (ULONG Length = 0; Length <= 100 + Name + 8; ++Length) {
+            const Answer Got = File(Handle, FileAllInformation, Length);
+            EXPECT_EQ(Got.Status, Length < 100 + Name ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS) << Length;
+        }
+    }
+    Close(ADirectory);
+    Close(AFile);
+}
+
+TEST_F(Asking, TheAllClassIsTheOtherClassesAtTheirPlaces) {
+    Provider.AddFile(u"\\srv\\vol\\f.txt", "12345", RV_ATTR_READONLY);
+    HANDLE Handle = MustOpen(u"\\srv\\vol\\f.txt");
+    char Byte;
+    Read(Handle, &Byte, 1, 2);
+    const Answer All = File(Handle, FileAllInformation);
+    ASSERT_EQ(All.Status, STATUS_SUCCESS);
+    const Answer Basic = File(Handle, FileBasicInformation);
+    const Answer Standard = File(Handle, FileStandardInformation);
+    EXPECT_EQ(memcmp(All.Bytes.data(), Basic.Bytes.data(), 36), 0);
+    EXPECT_EQ(memcmp(All.Bytes.data() + 40, Standard.Bytes.data(), 22), 0);
+    EXPECT_EQ(All.At<ULONG>(32), static_cast<ULONG>(FILE_ATTRIBUTE_READONLY));
+    EXPECT_EQ(All.At<LONG64>(40), 5); // allocation
+    EXPECT_EQ(All.At<LONG64>(48), 5); // end of file
+    EXPECT_EQ(All.At<ULONG>(56), 1u); // links
+    EXPECT_EQ(All.At<ULONG>(76), static_cast<ULONG>(FILE_GENERIC_READ));
+    EXPECT_EQ(All.At<LONG64>(80), 3); // position
+    EXPECT_EQ(All.At<ULONG>(88), static_cast<ULONG>(FILE_SYNCHRONOUS_IO_NONALERT));
+    EXPECT_EQ(All.Text(100, All.At<ULONG>(96)), u"\\srv\\vol\\f.txt");
+    Close(Handle);
+}
+
+TEST_F(Asking, AttributesAreShownAsTheirKindAsks) {
+    Provider.AddFile(u"\\srv\\vol\\f", "");
+    Provider.AddDirectory(u"\\srv\\vol\\d");
+    HANDLE AFile = MustOpen(u"\\srv\\vol\\f");
+    HANDLE ADirectory = OpenDirectory(u"\\srv\\vol\\d");
+    const struct {
+        HANDLE Handle;
+        ULONG Reported, Basic, Tag;
+    } Cases[] = {{AFile, 0, 0x80, 0},
+                 {AFile, 0x81, 0x01, 0x81},
+                 {AFile, 0x80, 0x80, 0x80},
+                 {ADirectory, 0, 0x10, 0},
+                 {ADirectory, 0x11, 0x11, 0x11}};
+    for (const auto &Case : Cases) {
+        Provider.ClearScript();
+        const auto Report = [&](providers::Outputs &Out) { *Out.Attributes = Case.Reported; };
+        Provider.OnCall(providers::Slot::GetFileInformation).Answer(Report);
+        Provider.OnCall(providers::Slot::GetDirectoryInformation).Answer(Report);
+        EXPECT_EQ(File(Case.Handle, FileBasicInformation).At<ULONG>(32), Case.Basic) << Case.Reported;
+        EXPECT_EQ(File(Case.Handle, FileAttributeTagInformation).At<ULONG>(0), Case.Tag) << Case.Reported;
+    }
+    Close(ADirectory);
+    Close(AFile);
+}
+
+TEST_F(Asking, AFailingProviderLeavesZerosAndTheSizesAsTheyWere) {
+    Provider.AddFile(u"\\srv\\vol\\f", "12345");
+    HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    Provider.OnCall(providers::Slot::GetFileInformation).ReturnAfter(RvError(0x0100));
+    const Answer Got = File(Handle, FileStandardInformation);
+    EXPECT_EQ(Got.Status, STATUS_SUCCESS);
+    EXPECT_EQ(Got.At<LONG64>(8), 0);
+    EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, 5);
+    EXPECT_EQ(File(Handle, FileBasicInformation).At<ULONG>(32), static_cast<ULONG>(FILE_ATTRIBUTE_NORMAL));
+    Close(Handle);
+}
+
+TEST_F(Asking, AnyQueryRefreshesTheSizesAlsoDownwards) {
+    Provider.AddFile(u"\\srv\\vol\\f", "12345");
+    HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    for (const char *Content : {"1234567890", "1"}) {
+        Provider.AddFile(u"\\srv\\vol\\f", Content);
+        Close(Handle);
+        Handle = MustOpen(u"\\srv\\vol\\f");
+        Provider.OnCall(providers::Slot::GetFileInformation).Answer([](providers::Outputs &Out) {
+            *Out.EndOfFile = 3;
+        });
+        File(Handle, FilePositionInformation);
+        EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, 3);
+        EXPECT_EQ(Fcb(Handle)->Header.AllocationSize.QuadPart, 3);
+        EXPECT_EQ(Fcb(Handle)->Header.ValidDataLength.QuadPart, 3);
+        Provider.ClearScript();
+    }
+    Close(Handle);
+}
+
+TEST_F(Asking, IdentifiersComeFromVolumesThatHaveThem) {
+    Provider.AddFile(u"\\srv\\vol\\f", "");
+    HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    SetVolume(0, 0);
+    EXPECT_EQ(File(Handle, FileInternalInformation).At<ULONG64>(0), 0x00000ABA00000020u);
+    Provider.ClearScript();
+    SetVolume(RV_VOLUME_IDENTIFIER_VALID, 7);
+    Provider.OnCall(providers::Slot::GetFileId).Answer([](providers::Outputs &Out) {
+        *Out.FileId = 0x1122334455667788;
+    });
+    EXPECT_EQ(File(Handle, FileInternalInformation).At<ULONG64>(0), 0x1122334455667788u);
+    Provider.ClearScript();
+    SetVolume(RV_VOLUME_IDENTIFIER_VALID, 7);
+    Provider.OnCall(providers::Slot::GetFileId).Return(RvError(0x0006));
+    const Answer Failed = File(Handle, FileInternalInformation);
+    EXPECT_EQ(Failed.Status, STATUS_ACCESS_DENIED);
+    EXPECT_EQ(Failed.At<ULONG64>(0), 0u);
+    Close(Handle);
+}
+
+TEST_F(Asking, AnOpenWithATrailingBackslashGetsItsNameBackWithOne) {
+    Provider.AddDirectory(u"\\srv\\vol\\d");
+    HANDLE Handle = OpenDirectory(u"\\srv\\vol\\d\\");
+    const Answer Got = File(Handle, FileNameInformation);
+    EXPECT_EQ(Got.At<ULONG>(0), 22u);
+    EXPECT_EQ(Got.Text(4, 22), u"\\srv\\vol\\d\\");
+    const Answer Cut = File(Handle, FileAlternateNameInformation, 4 + 21);
+    EXPECT_EQ(Cut.Status, STATUS_BUFFER_OVERFLOW);
+    EXPECT_EQ(Cut.Information, 25u);
+    Close(Handle);
+}
+
+TEST_F(Asking, WhatIsNotServedIsRefused) {
+    Provider.AddFile(u"\\srv\\vol\\f", "");
+    HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    for (const ULONG InfoClass : {0u, 1u, 8u, 22u, 99u, 0xFFFFFFFFu}) {
+        const Answer Got = File(Handle, InfoClass);
+        EXPECT_EQ(Got.Status, STATUS_INVALID_PARAMETER) << InfoClass;
+        EXPECT_EQ(Got.Information, 0u);
+    }
+    for (const ULONG InfoClass : {0u, 6u, 8u, 9u, 10u, 77u}) {
+        const Answer Got = Volume(Handle, InfoClass);
+        EXPECT_EQ(Got.Status, STATUS_INVALID_INFO_CLASS) << InfoClass;
+        EXPECT_EQ(Got.Information, 0u);
+    }
+    HANDLE TheDevice = MustOpen(u"", {.Access = SYNCHRONIZE | FILE_READ_ATTRIBUTES});
+    EXPECT_EQ(File(TheDevice, FileBasicInformation).Status, STATUS_INVALID_PARAMETER);
+    const Answer OfDevice = Volume(TheDevice, FileFsSizeInformation);
+    EXPECT_EQ(OfDevice.Status, STATUS_SUCCESS);
+    EXPECT_EQ(OfDevice.Information, 0u);
+    Close(TheDevice);
+    Close(Handle);
+}
+
+TEST_F(Asking, ADirectoryThatWasCreatedAndNotOpenedIsNotTakenForItsParent) {
+    HANDLE Made = MustOpen(u"\\srv\\vol\\new", {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
+                                                .Disposition = FILE_CREATE,
+                                                .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
+    const RVHANDLE Parent = Instance(Made)->RelatedHandle;
+    EXPECT_EQ(File(Made, FileBasicInformation).Status, STATUS_SUCCESS);
+    EXPECT_NE(Instance(Made)->DirHandle, 0u);
+    EXPECT_NE(Instance(Made)->RelatedHandle, Parent);
+    Close(Made);
+    HANDLE Second = MustOpen(u"\\srv\\vol\\new2", {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
+                                                   .Disposition = FILE_CREATE,
+                                                   .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
+    Provider.OnCall(providers::Slot::OpenDirectory).Return(RvError(0x0006));
+    EXPECT_EQ(File(Second, FileBasicInformation).Status, STATUS_ACCESS_DENIED);
+    Close(Second);
+}
+
+// ---- Volumes
+// -----------------------------------------------------------------------------------------------------------
+
+TEST_F(Asking, VolumeClassesAnswerEveryLengthAndNeverWriteBeyondIt) {
+    Provider.AddFile(u"\\srv\\vol\\f", "");
+    HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    const struct {
+        ULONG InfoClass, Fixed, Variable;
+    } Classes[] = {{FileFsVolumeInformation, 18, 6},     {FileFsLabelInformation, 4, 6},
+                   {FileFsSizeInformation, 24, 0},       {FileFsDeviceInformation, 8, 0},
+                   {FileFsAttributeInformation, 12, 10}, {FileFsFullSizeInformation, 32, 0}};
+    for (const auto &Class : Classes) {
+        for (ULONG Length = 0; Length <= Class.Fixed + Class.Variable + 8; ++Length) {
+            const Answer Got = Volume(Handle, Class.InfoClass, Length);
+            const ULONG Whole = Class.Fixed + Class.Variable;
+            EXPECT_EQ(Got.Status, Length < Class.Fixed ? STATUS_INFO_LENGTH_MISMATCH
+                                  : Length < Whole     ? STATUS_BUFFER_OVERFLOW
+                                                       : STATUS_SUCCESS)
+                << "class " << Class.InfoClass << ", length " << Length;
+            EXPECT_EQ(Got.Information, Length < Class.Fixed ? 0 : std::min(Length, Whole));
+        }
+    }
+    Close(Handle);
+}
+
+TEST_F(Asking, LabelsSerialNumbersAndSizes) {
+    Provider.AddFile(u"\\srv\\vol\\f", "");
+    HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    Provider.OnCall(providers::Slot::GetVolumeSize).Answer([](providers::Outputs &Out) {
+        *Out.VolumeLength = 100 * 4096 + 5;
+        *Out.Free = 50 * 4096;
+        *Out.QuotaAllowed = 20 * 4096;
+        *Out.FreeAfterQuota = 10 * 4096 + 4095;
+    });
+    const struct {
+        ULONG Flags, FirstWord, Serial, Attributes;
+        LONG64 Total, Available;
+    } Cases[] = {
+        {0, 0x1234, 0x5C564F4C, 0x82, 100, 50},
+        {RV_VOLUME_IDENTIFIER_VALID, 0x1234, 0x1234, 0x82, 100, 50},
+        {RV_VOLUME_IDENTIFIER_VALID, 0, 0x5C564F4C, 0x82, 100, 50},
+        {RV_VOLUME_USER_QUOTAS, 0, 0x5C564F4C, 0xA2, 20, 10},
+    };
+    for (const auto &Case : Cases) {
+        SetVolume(Case.Flags, Case.FirstWord);
+        const Answer OfVolume = Volume(Handle, FileFsVolumeInformation);
+        EXPECT_EQ(OfVolume.At<ULONG>(8), Case.Serial);
+        EXPECT_EQ(OfVolume.Text(18, OfVolume.At<ULONG>(12)), u"VOL");
+        EXPECT_EQ(Volume(Handle, FileFsAttributeInformation).At<ULONG>(0), Case.Attributes);
+        const Answer Size = Volume(Handle, FileFsSizeInformation);
+        EXPECT_EQ(Size.At<LONG64>(0), Case.Total);
+        EXPECT_EQ(Size.At<LONG64>(8), Case.Available);
+        const Answer Full = Volume(Handle, FileFsFullSizeInformation);
+        EXPECT_EQ(Full.At<LONG64>(8), Case.Available);
+        EXPECT_EQ(Full.At<LONG64>(16), Case.Available);
+        Provider.ClearScript();
+        Provider.OnCall(providers::Slot::GetVolumeSize).Answer([](providers::Outputs &Out) {
+            *Out.VolumeLength = 100 * 4096 + 5;
+            *Out.Free = 50 * 4096;
+            *Out.QuotaAllowed = 20 * 4096;
+            *Out.FreeAfterQuota = 10 * 4096 + 4095;
+        });
+    }
+    Close(Handle);
+}
+
+TEST(SerialFromPath, TakesTheVolumesFirstLettersAndPadsWithTheServers) {
+    const struct {
+        const char16_t *Path;
+        ULONG Serial;
+    } Cases[] = {{u"\\srv\\ab", 0x5C414253},
+                 {u"\\srv\\data1", 0x5C444154},
+                 {u"\\srv\\data2", 0x5C444154},
+                 {u"\\srv\\a", 0x5C415352},
+                 {u"", 0}};
+    for (const auto &Case : Cases) {
+        EXPECT_EQ(NtFsdVolumeSerialFromPath(Case.Path, Case.Path), Case.Serial);
+    }
+}
+
+TEST_F(Asking, AVolumeThatCannotBeReachedIsTheStatusAndTheDeviceClassAsksNobody) {
+    Provider.AddFile(u"\\srv\\vol\\f", "");
+    HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    const struct {
+        providers::Slot Slot;
+        NTSTATUS Status;
+    } Cases[] = {{providers::Slot::QueryPathForVolume, STATUS_NO_LOGON_SERVERS},
+                 {providers::Slot::OpenVolume, STATUS_NO_LOGON_SERVERS},
+                 {providers::Slot::GetVolumeSize, STATUS_NO_LOGON_SERVERS}};
+    for (const auto &Case : Cases) {
+        Provider.OnCall(Case.Slot).Return(RvError(RVFS_UNKNOWN_SERVER));
+        const Answer Got = Volume(Handle, FileFsSizeInformation);
+        EXPECT_EQ(Got.Status, Case.Status);
+        EXPECT_EQ(Got.Information, 0u);
+        Provider.ClearScript();
+    }
+    Provider.ClearCalls();
+    const Answer OfDevice = Volume(Handle, FileFsDeviceInformation);
+    EXPECT_EQ(OfDevice.At<ULONG>(0), 7u);
+    EXPECT_EQ(OfDevice.At<ULONG>(4), 0x30u);
+    EXPECT_EQ(Provider.CountCalls(), 0u);
+    Close(Handle);
+}
+
+} // namespace
