@@ -148,8 +148,9 @@ void CheckCompletion(const IrpBlock &Block) {
         Report(0x06, Block, static_cast<ULONG>(Status),
                "a request was completed with a status that cannot be final: STATUS_PENDING or -1");
     }
-    if (Irp.CancelRoutine != nullptr) {
-        Report(0x07, Block, reinterpret_cast<ULONG_PTR>(Irp.CancelRoutine),
+    // A cancellation that came first may be clearing it at this moment.
+    if (const auto Routine = __atomic_load_n(&Irp.CancelRoutine, __ATOMIC_RELAXED); Routine != nullptr) {
+        Report(0x07, Block, reinterpret_cast<ULONG_PTR>(Routine),
                "a request was completed while its cancel routine was still set");
     }
     if (Irp.MdlAddress != Block.CallersMdl) {
@@ -166,7 +167,7 @@ bool WantsCompletionRoutine(const IO_STACK_LOCATION &Location, const IRP &Irp) {
     }
     return ((Location.Control & SL_INVOKE_ON_SUCCESS) && NT_SUCCESS(Irp.IoStatus.Status)) ||
            ((Location.Control & SL_INVOKE_ON_ERROR) && !NT_SUCCESS(Irp.IoStatus.Status)) ||
-           ((Location.Control & SL_INVOKE_ON_CANCEL) && Irp.Cancel);
+           ((Location.Control & SL_INVOKE_ON_CANCEL) && __atomic_load_n(&Irp.Cancel, __ATOMIC_RELAXED));
 }
 
 // Walks the stack from the driver's location up and calls the routines that drivers above left there.
@@ -388,7 +389,7 @@ bool CancelIrp(IrpBlock &Block) noexcept {
         IoReleaseCancelSpinLock(Irql);
         return false;
     }
-    Irp->Cancel = TRUE;
+    __atomic_store_n(&Irp->Cancel, TRUE, __ATOMIC_RELAXED);
     const PDRIVER_CANCEL Routine = __atomic_exchange_n(&Irp->CancelRoutine, nullptr, __ATOMIC_SEQ_CST);
     if (Routine == nullptr) {
         IoReleaseCancelSpinLock(Irql);

@@ -1,0 +1,72 @@
+// One running driver: the kernel, the framework's stand-in, the directory Provider with its exports, the driver.
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "embedded/io.h"
+#include "embedded/kernel.h"
+#include "providers/directory/directory_provider.h"
+#include "providers/framework/framework.h"
+#include "providers/recorder/recorder.h"
+
+namespace app {
+
+struct Export {
+    std::string Name;                // \\server\volume
+    std::filesystem::path Directory; // what it serves
+};
+
+struct SessionOptions {
+    std::vector<Export> Exports;              // empty: the sample tree as \\demo\files
+    std::map<std::string, uint32_t> Switches; // values of the service key
+    std::map<std::string, uint64_t> Quotas;   // by export name, bytes
+    std::optional<uint32_t> TraceMask;        // the driver's lines on standard error
+    std::optional<std::filesystem::path> Log; // where the driver's log goes
+};
+
+// The switches that the driver reads, for --set and its help.
+const std::vector<std::string> &KnownSwitches();
+
+class Session {
+public:
+    // Starts everything. UsageError when an export cannot be served, StatusError when the driver does not start.
+    explicit Session(const SessionOptions &Options);
+    ~Session();
+    Session(const Session &) = delete;
+    Session &operator=(const Session &) = delete;
+
+    // Shuts down and proves that nothing is left: the findings, one line each; empty when there are none.
+    std::string Stop();
+
+    // Requests and Provider calls from now on go to Sink as lines, in order; an empty sink ends that.
+    void Watch(std::function<void(const std::string &)> Sink);
+
+    const std::vector<Export> &Exports() const {
+        return Exports_;
+    }
+
+private:
+    void OnRequest(const embedded::CompletedRequest &Request);
+    void Tell(const std::string &Line);
+
+    std::vector<Export> Exports_;
+    std::optional<std::filesystem::path> Log_;
+    std::optional<std::filesystem::path> LogDirectory_;
+    providers::DirectoryProvider Directories_;
+    RVIOM_FSD *Served_ = nullptr;
+    std::unique_ptr<providers::Recorder> Recorder_;
+    std::unique_ptr<embedded::Kernel> Kernel_;
+    std::unique_ptr<providers::Framework> Framework_;
+    std::mutex WatchLock_;
+    std::function<void(const std::string &)> Watcher_;
+    bool Stopped_ = false;
+};
+
+} // namespace app

@@ -1,0 +1,47 @@
+// Text between the shell and the kernel: paths, statuses, sizes, times.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "kernel/kernel.h"
+
+namespace app {
+
+// The command was not understood: exit code 2.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+// A driver or the kernel refused: exit code 1. What names the object.
+struct StatusError : std::runtime_error {
+    StatusError(NTSTATUS Status, const std::string &What);
+    NTSTATUS Status;
+};
+
+// Strict conversions: UsageError for text that is not UTF-8; unpaired surrogates are shown as U+FFFD.
+std::u16string Widen(std::string_view Text);
+std::string Narrow(std::u16string_view Text);
+
+// A remote path: \\server\volume[\...] or //server/volume[/...], kept with one leading backslash.
+bool IsRemote(std::string_view Path);
+std::u16string RemotePath(std::string_view Path); // UsageError without server and volume
+std::string ShowPath(std::u16string_view Path);   // \\server\volume\...
+
+// "STATUS_SUCCESS", or the number when it has no name.
+std::string StatusName(NTSTATUS Status);
+// "STATUS_SUCCESS (0x00000000)"
+std::string ShowStatus(NTSTATUS Status);
+// "FILE_OPENED" and so on.
+std::string InformationName(ULONG_PTR Information);
+
+// A number in any C notation. UsageError otherwise.
+uint64_t ParseNumber(std::string_view Text);
+
+// 100-ns units since 1601 as local time; "-" for 0.
+std::string ShowTime(LONG64 Time);
+// "rhsda": the attribute letters, '-' where absent.
+std::string ShowAttributes(ULONG Attributes);
+
+} // namespace app

@@ -1,0 +1,288 @@
+// cat, put, cp: the bytes of files.
+
+#include <cstdio>
+#include <memory>
+#include <optional>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include "app/remote_file.h"
+#include "app/text.h"
+#include "app/verbs/verbs.h"
+
+namespace app {
+
+namespace {
+
+constexpr size_t BufferBytes = 1 << 20;
+
+// A local file or stream that throws what the system says.
+class LocalFile {
+public:
+    LocalFile(int Descriptor, std::string Name) : Descriptor_(Descriptor), Name_(std::move(Name)) {
+    }
+    static LocalFile Open(const std::string &Name, int Flags) {
+        const int Descriptor = open(Name.c_str(), Flags | O_CLOEXEC, 0666);
+        if (Descriptor < 0) {
+            throw std::runtime_error(fmt::format("{}: {}", Name, strerror(errno)));
+        }
+        return {Descriptor, Name};
+    }
+    LocalFile(LocalFile &&Other) noexcept : Descriptor_(Other.Descriptor_), Name_(std::move(Other.Name_)) {
+        Other.Descriptor_ = -1;
+    }
+    ~LocalFile() {
+        if (Descriptor_ > 2) {
+            close(Descriptor_);
+        }
+    }
+    size_t Read(void *Buffer, size_t Length) {
+        for (;;) {
+            const ssize_t Got = read(Descriptor_, Buffer, Length);
+            if (Got >= 0) {
+                return static_cast<size_t>(Got);
+            }
+            if (errno != EINTR) {
+                throw std::runtime_error(fmt::format("{}: {}", Name_, strerror(errno)));
+            }
+        }
+    }
+    void Write(const void *Buffer, size_t Length) {
+        auto At = static_cast<const char *>(Buffer);
+        while (Length != 0) {
+            const ssize_t Put = write(Descriptor_, At, Length);
+            if (Put < 0 && errno != EINTR) {
+                throw std::runtime_error(fmt::format("{}: {}", Name_, strerror(errno)));
+            }
+            if (Put > 0) {
+                At += Put;
+                Length -= static_cast<size_t>(Put);
+            }
+        }
+    }
+    LONG64 Size() const {
+        struct stat Status = {};
+        return fstat(Descriptor_, &Status) == 0 && S_ISREG(Status.st_mode) ? Status.st_size : -1;
+    }
+
+private:
+    int Descriptor_;
+    std::string Name_;
+};
+
+// A bar on a terminal, nothing elsewhere.
+class Progress {
+public:
+    explicit Progress(LONG64 Total) : Total_(Total), Shown_(isatty(STDERR_FILENO) != 0 && Total > 0) {
+    }
+    ~Progress() {
+        if (Shown_) {
+            fmt::print(stderr, "\n");
+        }
+    }
+    void Show(LONG64 Done) {
+        if (!Shown_) {
+            return;
+        }
+        constexpr int Width = 40;
+        const int Filled = static_cast<int>(Done * Width / Total_);
+        if (Filled != Last_ || Done == Total_) {
+            Last_ = Filled;
+            fmt::print(stderr, "\r[{:<{}}] {:3}%", std::string(static_cast<size_t>(Filled), '#'), Width,
+                       Done * 100 / Total_);
+            fflush(stderr);
+        }
+    }
+
+private:
+    LONG64 Total_;
+    bool Shown_;
+    int Last_ = -1;
+};
+
+using Source = std::function<size_t(LONG64 Offset, void *Buffer, size_t Length)>;
+using Sink = std::function<void(LONG64 Offset, const void *Buffer, size_t Length)>;
+
+LONG64 Copy(const Source &From, const Sink &To, LONG64 Total) {
+    const auto Buffer = std::make_unique<char[]>(BufferBytes);
+    Progress Bar(Total);
+    LONG64 Offset = 0;
+    while (const size_t Got = From(Offset, Buffer.get(), BufferBytes)) {
+        To(Offset, Buffer.get(), Got);
+        Offset += static_cast<LONG64>(Got);
+        Bar.Show(Offset);
+    }
+    return Offset;
+}
+
+RemoteFile OpenForReading(const std::string &Path) {
+    return RemoteFile(RemotePath(Path),
+                      {.Options = FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT | FILE_SEQUENTIAL_ONLY});
+}
+
+// A file to be written. One that this open created is removed again unless it is kept.
+class RemoteTarget {
+public:
+    RemoteTarget(const std::string &Path, bool Replace)
+        : File_(RemotePath(Path), {.Access = FILE_WRITE_DATA | DELETE | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
+                                   .Share = FILE_SHARE_READ,
+                                   .Disposition = static_cast<ULONG>(Replace ? FILE_OVERWRITE_IF : FILE_CREATE),
+                                   .Options = FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT}) {
+    }
+    RemoteFile &File() {
+        return File_;
+    }
+    // The data is all there: an error of the close counts too.
+    void Keep() {
+        File_.Flush();
+        Kept_ = true;
+        const NTSTATUS Status = File_.Close();
+        if (!NT_SUCCESS(Status)) {
+            throw StatusError(Status, ShowPath(File_.Path()));
+        }
+    }
+    ~RemoteTarget() {
+        if (!Kept_ && File_.CreateInformation() == FILE_CREATED) {
+            const std::u16string Path = File_.Path();
+            File_.Close();
+            const embedded::CreateResult Partial = OpenRemote(
+                Path, {.Access = DELETE | SYNCHRONIZE,
+                       .Options = FILE_NON_DIRECTORY_FILE | FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT});
+            if (NT_SUCCESS(Partial.Status)) {
+                NtClose(Partial.Handle);
+            }
+        }
+    }
+
+private:
+    RemoteFile File_;
+    bool Kept_ = false;
+};
+
+LONG64 RemoteSize(RemoteFile &File) {
+    const RemoteFile::Answer Standard = File.Query(FileStandardInformation, sizeof(FILE_STANDARD_INFORMATION));
+    FILE_STANDARD_INFORMATION Record;
+    memcpy(&Record, Standard.Bytes.data(), sizeof(Record));
+    return Record.EndOfFile.QuadPart;
+}
+
+void Cat(const std::string &Path) {
+    RemoteFile File = OpenForReading(Path);
+    LocalFile Out(STDOUT_FILENO, "standard output");
+    Copy([&](LONG64 Offset, void *Buffer, size_t Length) { return File.Read(Offset, Buffer, Length); },
+         [&](LONG64, const void *Buffer, size_t Length) { Out.Write(Buffer, Length); }, -1);
+}
+
+void CopyIn(LocalFile &From, const std::string &Path, bool Replace) {
+    RemoteTarget Target(Path, Replace);
+    Copy([&](LONG64, void *Buffer, size_t Length) { return From.Read(Buffer, Length); },
+         [&](LONG64 Offset, const void *Buffer, size_t Length) { Target.File().Write(Offset, Buffer, Length); },
+         From.Size());
+    Target.Keep();
+}
+
+void CopyOut(const std::string &Path, const std::string &To, bool Replace) {
+    RemoteFile File = OpenForReading(Path);
+    LocalFile Out = LocalFile::Open(To, O_WRONLY | O_CREAT | (Replace ? O_TRUNC : O_EXCL));
+    try {
+        Copy([&](LONG64 Offset, void *Buffer, size_t Length) { return File.Read(Offset, Buffer, Length); },
+             [&](LONG64, const void *Buffer, size_t Length) { Out.Write(Buffer, Length); }, RemoteSize(File));
+    } catch (...) {
+        if (!Replace) {
+            unlink(To.c_str());
+        }
+        throw;
+    }
+}
+
+void CopyAcross(const std::string &From, const std::string &To, bool Replace) {
+    RemoteFile File = OpenForReading(From);
+    RemoteTarget Target(To, Replace);
+    Copy([&](LONG64 Offset, void *Buffer, size_t Length) { return File.Read(Offset, Buffer, Length); },
+         [&](LONG64 Offset, const void *Buffer, size_t Length) { Target.File().Write(Offset, Buffer, Length); },
+         RemoteSize(File));
+    Target.Keep();
+}
+
+void CopyAny(const std::string &From, const std::string &To, bool Replace) {
+    if (IsRemote(From) && IsRemote(To)) {
+        CopyAcross(From, To, Replace);
+    } else if (IsRemote(From)) {
+        CopyOut(From, To, Replace);
+    } else if (IsRemote(To)) {
+        LocalFile Source = LocalFile::Open(From, O_RDONLY);
+        CopyIn(Source, To, Replace);
+    } else {
+        throw UsageError("cp: one side at least is remote (\\\\server\\volume\\...)");
+    }
+}
+
+} // namespace
+
+int Guarded(const std::function<void()> &Action) {
+    try {
+        Action();
+        return 0;
+    } catch (const UsageError &) {
+        throw;
+    } catch (const std::exception &Error) {
+        fflush(stdout);
+        fmt::print(stderr, "{}\n", Error.what());
+        return 1;
+    }
+}
+
+void AddDataVerbs(CLI::App &App, Command &Chosen) {
+    auto *CatVerb = App.add_subcommand("cat", "print files");
+    auto Paths = std::make_shared<std::vector<std::string>>();
+    CatVerb->add_option("PATH", *Paths, "\\\\server\\volume\\file")->required();
+    CatVerb->callback([&Chosen, Paths] {
+        Chosen = [Paths](Session &) {
+            int Code = 0;
+            for (const std::string &Path : *Paths) {
+                Code |= Guarded([&Path] { Cat(Path); });
+            }
+            return Code;
+        };
+    });
+
+    struct PutOptions {
+        std::string Path;
+        std::string From = "-";
+        bool Force = false;
+    };
+    auto *PutVerb = App.add_subcommand("put", "write a file from a local one or from standard input");
+    auto Put = std::make_shared<PutOptions>();
+    PutVerb->add_option("PATH", Put->Path, "\\\\server\\volume\\file")->required();
+    PutVerb->add_option("FILE", Put->From, "local file; - is standard input")->capture_default_str();
+    PutVerb->add_flag("--force", Put->Force, "replace a file that is there");
+    PutVerb->callback([&Chosen, Put] {
+        Chosen = [Put](Session &) {
+            return Guarded([&] {
+                LocalFile From =
+                    Put->From == "-" ? LocalFile(STDIN_FILENO, "standard input") : LocalFile::Open(Put->From, O_RDONLY);
+                CopyIn(From, Put->Path, Put->Force);
+            });
+        };
+    });
+
+    struct CopyOptions {
+        std::string From;
+        std::string To;
+        bool Force = false;
+    };
+    auto *CopyVerb = App.add_subcommand("cp", "copy a file in, out, or from server to server");
+    auto Copying = std::make_shared<CopyOptions>();
+    CopyVerb->add_option("SOURCE", Copying->From)->required();
+    CopyVerb->add_option("TARGET", Copying->To)->required();
+    CopyVerb->add_flag("--force", Copying->Force, "replace a file that is there");
+    CopyVerb->callback([&Chosen, Copying] {
+        Chosen = [Copying](Session &) { return Guarded([&] { CopyAny(Copying->From, Copying->To, Copying->Force); }); };
+    });
+}
+
+} // namespace app

@@ -1,0 +1,293 @@
+// ls, find, watch: directories.
+
+#include <atomic>
+#include <csignal>
+#include <map>
+#include <thread>
+
+#include <fmt/format.h>
+
+#include "app/remote_file.h"
+#include "app/text.h"
+#include "app/verbs/verbs.h"
+
+namespace app {
+
+namespace {
+
+const std::map<std::string, ULONG> ClassNames = {
+    {"directory", FileDirectoryInformation},     {"full", FileFullDirectoryInformation},
+    {"both", FileBothDirectoryInformation},      {"names", FileNamesInformation},
+    {"id_both", FileIdBothDirectoryInformation}, {"id_full", FileIdFullDirectoryInformation}};
+
+constexpr auto MaskCharacters = u"*?<>\"";
+
+OpenRequest ForListing() {
+    return {.Access = FILE_LIST_DIRECTORY | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
+            .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT};
+}
+
+// A path whose last component may be a mask.
+struct Target {
+    std::u16string Directory;
+    std::u16string Mask;
+};
+
+Target Split(const std::string &Text) {
+    std::u16string Path = RemotePath(Text);
+    const size_t Last = Path.rfind(u'\\');
+    if (Path.find_first_of(MaskCharacters, Last) == std::u16string::npos) {
+        return {Path, u"*"};
+    }
+    return {Path.substr(0, Last), Path.substr(Last + 1)};
+}
+
+struct ListOptions {
+    std::vector<std::string> Paths;
+    bool Long = false;
+    bool Recursive = false;
+    std::string Class;
+    uint32_t Buffer = 65536;
+    bool Restart = false;
+    bool Single = false;
+};
+
+void PrintEntry(const DirectoryEntry &Entry, bool Long) {
+    if (Long) {
+        fmt::print("{} {:>14}  {}  {:<14}{}\n", ShowAttributes(Entry.Attributes), Entry.Size,
+                   ShowTime(Entry.LastWrite).substr(0, 19), Narrow(Entry.ShortName), Narrow(Entry.Name));
+    } else {
+        fmt::print("{}\n", Narrow(Entry.Name));
+    }
+}
+
+// The listing as the driver gives it: dot entries, one class, one buffer length.
+void ListRaw(const Target &Where, const ListOptions &Options) {
+    RemoteFile Directory(Where.Directory, ForListing());
+    const auto Found = ClassNames.find(Options.Class.empty() ? "both" : Options.Class);
+    if (Found == ClassNames.end()) {
+        throw UsageError(
+            fmt::format("--class: {} is none of directory, full, both, names, id_both, id_full", Options.Class));
+    }
+    // With --restart the search is begun again after the first answer.
+    bool Begun = false;
+    bool Restarted = !Options.Restart;
+    for (;;) {
+        const RemoteFile::Answer Batch =
+            Directory.List(Found->second, Options.Buffer, Where.Mask, Begun && !Restarted, Options.Single);
+        Restarted = Restarted || Begun;
+        if (Batch.Status == STATUS_NO_MORE_FILES) {
+            return;
+        }
+        if (!NT_SUCCESS(Batch.Status)) {
+            throw StatusError(Batch.Status, ShowPath(Where.Directory + u"\\" + Where.Mask));
+        }
+        for (const DirectoryEntry &Entry : UnpackEntries(Batch, Found->second)) {
+            PrintEntry(Entry, Options.Long);
+        }
+        Begun = true;
+    }
+}
+
+void ListTree(const Target &Where, const ListOptions &Options) {
+    fmt::print("{}:\n", ShowPath(Where.Directory));
+    std::vector<DirectoryEntry> Entries;
+    {
+        RemoteFile Directory(Where.Directory, ForListing());
+        Entries = ListDirectory(Directory, Where.Mask, Options.Buffer);
+    }
+    for (const DirectoryEntry &Entry : Entries) {
+        PrintEntry(Entry, Options.Long);
+    }
+    for (const DirectoryEntry &Entry : Entries) {
+        if (Entry.Attributes & FILE_ATTRIBUTE_DIRECTORY) {
+            fmt::print("\n");
+            ListTree({Where.Directory + u"\\" + Entry.Name, u"*"}, Options);
+        }
+    }
+}
+
+// Every path below Directory, the directory itself first. Errors are told and the walk goes on.
+int Find(const std::u16string &Directory, const std::u16string &Mask, bool Shown) {
+    int Code = 0;
+    std::vector<DirectoryEntry> Entries;
+    std::vector<DirectoryEntry> Matches;
+    Code |= Guarded([&] {
+        RemoteFile Open(Directory, ForListing());
+        Entries = ListDirectory(Open, u"*", 65536);
+        if (!Shown) {
+            RemoteFile Again(Directory, ForListing());
+            Matches = ListDirectory(Again, Mask, 65536);
+        }
+    });
+    for (const DirectoryEntry &Entry : Shown ? Entries : Matches) {
+        fmt::print("{}\n", ShowPath(Directory + u"\\" + Entry.Name));
+    }
+    for (const DirectoryEntry &Entry : Entries) {
+        if (Entry.Attributes & FILE_ATTRIBUTE_DIRECTORY) {
+            Code |= Find(Directory + u"\\" + Entry.Name, Mask, Shown);
+        }
+    }
+    return Code;
+}
+
+// ---- watch
+// -------------------------------------------------------------------------------------------------------------
+
+volatile std::sig_atomic_t Interrupted = 0;
+
+void OnInterrupt(int) {
+    Interrupted = 1;
+}
+
+// Ctrl-C ends the wait, not the program.
+class InterruptScope {
+public:
+    InterruptScope() : Old_(std::signal(SIGINT, OnInterrupt)) {
+        Interrupted = 0;
+    }
+    ~InterruptScope() {
+        std::signal(SIGINT, Old_);
+    }
+
+private:
+    void (*Old_)(int);
+};
+
+// A wait on an asynchronous handle; the handle's close ends it.
+class Wait {
+public:
+    explicit Wait(const std::u16string &Path)
+        : Directory_(Path, {.Access = FILE_LIST_DIRECTORY, .Options = FILE_DIRECTORY_FILE}) {
+        constexpr ULONG Everything = 0xFFF;
+        const NTSTATUS Status = NtNotifyChangeDirectoryFile(Directory_.Handle(), nullptr, nullptr, nullptr, &IoStatus_,
+                                                            Buffer_, sizeof(Buffer_), Everything, FALSE);
+        if (!NT_SUCCESS(Status)) {
+            throw StatusError(Status, ShowPath(Path));
+        }
+    }
+    // TRUE when the wait has ended.
+    bool WaitFor(LONGLONG Milliseconds) {
+        LARGE_INTEGER Timeout;
+        Timeout.QuadPart = -Milliseconds * 10000;
+        return NtWaitForSingleObject(Directory_.Handle(), FALSE, &Timeout) == STATUS_SUCCESS;
+    }
+    NTSTATUS Status() const {
+        return IoStatus_.Status;
+    }
+    const std::u16string &Path() const {
+        return Directory_.Path();
+    }
+
+private:
+    RemoteFile Directory_;
+    IO_STATUS_BLOCK IoStatus_ = {};
+    UCHAR Buffer_[1024];
+};
+
+// Waits of the console, which go on while other verbs run; each is told when it ends.
+class Background {
+public:
+    ~Background() {
+        Stop_ = true;
+        for (std::thread &Thread : Threads_) {
+            Thread.join();
+        }
+    }
+    void Add(std::unique_ptr<Wait> Waiting) {
+        Threads_.emplace_back([this, Watched = std::move(Waiting)] {
+            while (!Stop_) {
+                if (Watched->WaitFor(50)) {
+                    fmt::print("watch {}: {}\n", ShowPath(Watched->Path()), ShowStatus(Watched->Status()));
+                    fflush(stdout);
+                    return;
+                }
+            }
+        });
+    }
+
+private:
+    std::atomic<bool> Stop_ = false;
+    std::vector<std::thread> Threads_;
+};
+
+std::unique_ptr<Background> ConsoleWaits;
+
+int Watch(const std::string &Path) {
+    return Guarded([&] {
+        auto Waiting = std::make_unique<Wait>(RemotePath(Path));
+        if (ConsoleWaits != nullptr) {
+            fmt::print("watching {}\n", ShowPath(Waiting->Path()));
+            ConsoleWaits->Add(std::move(Waiting));
+            return;
+        }
+        const InterruptScope Interrupts;
+        while (!Waiting->WaitFor(200)) {
+            if (Interrupted) {
+                throw StatusError(STATUS_CANCELLED, ShowPath(Waiting->Path()));
+            }
+        }
+        fmt::print("{}\n", ShowStatus(Waiting->Status()));
+    });
+}
+
+} // namespace
+
+void BeginConsoleWaits() {
+    ConsoleWaits = std::make_unique<Background>();
+}
+
+void EndConsoleWaits() {
+    ConsoleWaits.reset();
+}
+
+void AddDirectoryVerbs(CLI::App &App, Command &Chosen) {
+    auto *ListVerb = App.add_subcommand("ls", "list directories; the last component may be a mask");
+    auto Options = std::make_shared<ListOptions>();
+    ListVerb->add_option("PATH", Options->Paths, "'\\\\server\\volume\\dir[\\MASK]'")->required();
+    ListVerb->add_flag("-l", Options->Long, "attributes, size, time, short name");
+    ListVerb->add_flag("-R", Options->Recursive, "directories below too");
+    ListVerb->add_option("--class", Options->Class, "directory, full, both, names, id_both, id_full");
+    ListVerb->add_option("--buffer", Options->Buffer, "bytes of each query's buffer")
+        ->capture_default_str()
+        ->check(CLI::Range(0u, 1u << 24));
+    ListVerb->add_flag("--restart", Options->Restart, "begin again after the first answer");
+    ListVerb->add_flag("--single", Options->Single, "one entry a query");
+    ListVerb->callback([&Chosen, Options] {
+        Chosen = [Options](Session &) {
+            int Code = 0;
+            for (const std::string &Path : Options->Paths) {
+                Code |= Guarded([&] {
+                    const Target Where = Split(Path);
+                    if (Options->Recursive) {
+                        ListTree(Where, *Options);
+                    } else {
+                        ListRaw(Where, *Options);
+                    }
+                });
+            }
+            return Code;
+        };
+    });
+
+    struct FindOptions {
+        std::string Path;
+        std::string Name;
+    };
+    auto *FindVerb = App.add_subcommand("find", "every path below a directory");
+    auto Finding = std::make_shared<FindOptions>();
+    FindVerb->add_option("PATH", Finding->Path)->required();
+    FindVerb->add_option("--name", Finding->Name, "only names that match this mask");
+    FindVerb->callback([&Chosen, Finding] {
+        Chosen = [Finding](Session &) {
+            return Find(RemotePath(Finding->Path), Widen(Finding->Name), Finding->Name.empty());
+        };
+    });
+
+    auto *WatchVerb = App.add_subcommand("watch", "wait until an entry appears or vanishes (EnableDirectoryNotify=1)");
+    auto Path = std::make_shared<std::string>();
+    WatchVerb->add_option("PATH", *Path)->required();
+    WatchVerb->callback([&Chosen, Path] { Chosen = [Path](Session &) { return Watch(*Path); }; });
+}
+
+} // namespace app

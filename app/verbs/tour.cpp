@@ -1,0 +1,91 @@
+// tour: the road of one request, with everything that was asked of the driver and of the Provider.
+
+#include <cstdio>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "app/remote_file.h"
+#include "app/text.h"
+#include "app/verbs/verbs.h"
+#include "embedded/mup.h"
+
+namespace app {
+
+namespace {
+
+// What the driver was asked comes after what it asked the Provider for: shown the other way round.
+class Collector {
+public:
+    explicit Collector(Session &Running) : Running_(Running) {
+        Running_.Watch([this](const std::string &Line) { Lines_.push_back(Line); });
+    }
+    ~Collector() {
+        Running_.Watch({});
+    }
+    void Print(const char *Step) {
+        fmt::print("\n{}\n", Step);
+        std::vector<std::string> Calls;
+        for (const std::string &Line : Lines_) {
+            if (Line.starts_with(' ')) {
+                Calls.push_back(Line);
+                continue;
+            }
+            fmt::print("  {}\n", Line);
+            for (const std::string &Call : Calls) {
+                fmt::print("  {}\n", Call);
+            }
+            Calls.clear();
+        }
+        Lines_.clear();
+    }
+
+private:
+    Session &Running_;
+    std::vector<std::string> Lines_;
+};
+
+} // namespace
+
+int RunTour(Session &Running) {
+    std::u16string Path = Widen(Running.Exports().front().Name).substr(1) + u"\\docs\\a.txt";
+    return Guarded([&] {
+        fmt::print("The road of one request: reading {}\n", ShowPath(Path));
+        Collector Log(Running);
+        const embedded::PathClaim Claim = embedded::QueryPathClaim(Path);
+        if (!NT_SUCCESS(Claim.Status)) {
+            throw StatusError(Claim.Status, ShowPath(Path));
+        }
+        Log.Print(fmt::format("claim: {} of the name belongs to the driver",
+                              ShowPath(Path.substr(0, Claim.BytesClaimed / sizeof(WCHAR))))
+                      .c_str());
+        RemoteFile File(Path, {.Options = FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
+        Log.Print("open");
+        std::string Text(65536, '\0');
+        Text.resize(File.Read(0, Text.data(), Text.size()));
+        Log.Print("read");
+        const NTSTATUS Closed = File.Close();
+        Log.Print("cleanup and close");
+        if (!NT_SUCCESS(Closed)) {
+            throw StatusError(Closed, ShowPath(Path));
+        }
+        fmt::print("\nthe file, {} bytes:\n", Text.size());
+        fwrite(Text.data(), 1, Text.size(), stdout);
+    });
+}
+
+void AddTourVerb(CLI::App &App, Command &Chosen) {
+    auto *Verb = App.add_subcommand("tour", "walk the road of one request and show every step");
+    Verb->callback([&Chosen] { Chosen = RunTour; });
+}
+
+void AddVerbs(CLI::App &App, Command &Chosen) {
+    AddDataVerbs(App, Chosen);
+    AddOpenVerbs(App, Chosen);
+    AddInfoVerbs(App, Chosen);
+    AddChangeVerbs(App, Chosen);
+    AddDirectoryVerbs(App, Chosen);
+    AddTourVerb(App, Chosen);
+}
+
+} // namespace app

@@ -1,0 +1,37 @@
+// The verbs: each adds a subcommand and, when it was chosen, leaves in Chosen what to run over a session.
+//
+// A verb prints data on standard output and messages on standard error, and returns the exit code. StatusError and
+// UsageError may leave it.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include <CLI/CLI.hpp>
+
+#include "app/session.h"
+
+namespace app {
+
+using Command = std::function<int(Session &)>;
+
+void AddDataVerbs(CLI::App &App, Command &Chosen);      // cat, put, cp
+void AddOpenVerbs(CLI::App &App, Command &Chosen);      // open, claim
+void AddInfoVerbs(CLI::App &App, Command &Chosen);      // stat, df, vol
+void AddChangeVerbs(CLI::App &App, Command &Chosen);    // attrib, touch, truncate, rm, rmdir, mv
+void AddDirectoryVerbs(CLI::App &App, Command &Chosen); // ls, find, watch
+void AddTourVerb(CLI::App &App, Command &Chosen);       // tour
+
+// All of them.
+void AddVerbs(CLI::App &App, Command &Chosen);
+
+// Runs Action for one object; a StatusError is told on standard error and gives 1.
+int Guarded(const std::function<void()> &Action);
+
+// The console: verbs over one running driver until quit or end of input.
+int RunConsole(Session &Running);
+
+// Walks the road of one request and prints it.
+int RunTour(Session &Running);
+
+} // namespace app

@@ -1,0 +1,36 @@
+// A Provider in front of another one that tells what it was asked.
+//
+// Every operation is passed on as it came; then one line goes to the sink, in the calling thread:
+// RVFsdOpenVolume("\demo\files") -> 0x00000000 handle=1. The sink must accept calls from several threads at once.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "provider/provider_interface.h"
+
+namespace providers {
+
+class Recorder : public RVIOM_FSD {
+public:
+    using Sink = std::function<void(std::string)>;
+
+    // Below stays its owner's and outlives this object.
+    explicit Recorder(RVIOM_FSD *Below);
+    Recorder(const Recorder &) = delete;
+    Recorder &operator=(const Recorder &) = delete;
+
+    // An empty sink turns recording off. Not while calls are under way.
+    void SetSink(Sink To) {
+        Sink_ = std::move(To);
+    }
+
+private:
+    friend struct RecorderThunks;
+
+    RVIOM_FSD *Below_;
+    RVIOM_FSD_TABLE Table_;
+    Sink Sink_;
+};
+
+} // namespace providers
