@@ -103,8 +103,8 @@ void DriverFixture::StopWithLeftovers() {
 
 embedded::CreateResult DriverFixture::Create(std::u16string_view Path, const Open &Request) {
     Kernel();
-    const std::u16string Name = Request.Related != nullptr ? std::u16string(Path)
-                                                            : u"\\Device\\RvFsd" + std::u16string(Path);
+    const std::u16string Name =
+        Request.Related != nullptr ? std::u16string(Path) : u"\\Device\\RvFsd" + std::u16string(Path);
     UNICODE_STRING ObjectName = Counted(Name);
     OBJECT_ATTRIBUTES Attributes;
     InitializeObjectAttributes(&Attributes, &ObjectName, OBJ_CASE_INSENSITIVE, Request.Related, nullptr);
@@ -145,8 +145,8 @@ Transfer DriverFixture::Write(HANDLE Handle, const void *Buffer, ULONG Length, L
     IO_STATUS_BLOCK IoStatus = {};
     LARGE_INTEGER At;
     At.QuadPart = Offset;
-    const NTSTATUS Status = NtWriteFile(Handle, nullptr, nullptr, nullptr, &IoStatus, const_cast<void *>(Buffer),
-                                        Length, &At, nullptr);
+    const NTSTATUS Status =
+        NtWriteFile(Handle, nullptr, nullptr, nullptr, &IoStatus, const_cast<void *>(Buffer), Length, &At, nullptr);
     return {Status, IoStatus.Information};
 }
 

@@ -50,7 +50,7 @@ struct StartOptions {
 };
 
 class DriverFixture : public testing::Test {
-  protected:
+protected:
     DriverFixture();
     ~DriverFixture() override;
 
@@ -93,7 +93,7 @@ class DriverFixture : public testing::Test {
     std::unique_ptr<providers::Framework> Framework;
     std::string Printed; // what the driver printed to the debugger
 
-  private:
+private:
     void CheckBooks();
 
     std::unique_ptr<embedded::Kernel> Kernel_;
