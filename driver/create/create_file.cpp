@@ -159,9 +159,17 @@ NTSTATUS CheckDeleteOnClose(CREATE_STATE &Create, RVSTATUS Queried, ULONG Attrib
                         RV_ATTRIBUTE_NAME_ARGUMENTS(Set), Attributes, static_cast<ULONG>(Queried), Create.Fcb,
                         &Create.Fcb->FullPath);
     }
+    // A file that this very open made would stay behind as the trace of a create that failed. Being read-only, it could
+    // not be deleted either.
+    const bool Stray = CreateAction == RV_CREATE_ACTION_CREATED;
+    ULONG Writable = (Attributes | Create.Attributes) & RV_ATTR_SETTABLE;
+    if (Stray && (Writable & RV_ATTR_READONLY) != 0) {
+        Writable &= ~static_cast<ULONG>(RV_ATTR_READONLY);
+        Ignore(RVFsdSetFileInformation(Create.Security(), File.Get(), &Writable, nullptr, nullptr, nullptr),
+               "the delete is tried all the same");
+    }
     File.CloseNow();
-    // A file that this very open made would stay behind as the trace of a create that failed.
-    if (CreateAction == RV_CREATE_ACTION_CREATED) {
+    if (Stray) {
         RVFsdDeleteFile(Create.Security(), Create.Instance->RelatedHandle, Create.Instance->PathLeft);
     }
     return FailCreate(Create, ReadOnly ? STATUS_CANNOT_DELETE : Status, FILE_SUPERSEDED);

@@ -7,6 +7,7 @@
 #include "frame/diagnostics.h"
 #include "frame/driver.h"
 #include "info/query.h"
+#include "info/set_information.h"
 #include "io/io.h"
 #include "provider/binding.h"
 
@@ -165,7 +166,8 @@ enum : SIZE_T {
     ROW_CLEANUP,
     ROW_DIRECTORY,
     ROW_QUERY_FILE,
-    ROW_QUERY_VOLUME
+    ROW_QUERY_VOLUME,
+    ROW_SET_FILE
 };
 
 constexpr ENTRY Entries[] = {
@@ -252,6 +254,12 @@ constexpr ENTRY Entries[] = {
      .Mask = TRACE_VOLUME_INFO,
      .Name = "NtFsdQueryVolumeInformation",
      .Common = NtFsdCommonQueryVolumeInfo},
+    {.MajorFunction = IRP_MJ_SET_INFORMATION,
+     .Flags = ENTRY_USUAL | ENTRY_DECODES,
+     .OpenType = 0,
+     .Mask = TRACE_FILE_INFO,
+     .Name = "NtFsdSetInformation",
+     .Common = NtFsdCommonSetInformation},
 };
 static_assert(Entries[ROW_CREATE].MajorFunction == IRP_MJ_CREATE && Entries[ROW_CLOSE].MajorFunction == IRP_MJ_CLOSE &&
               Entries[ROW_READ].MajorFunction == IRP_MJ_READ && Entries[ROW_WRITE].MajorFunction == IRP_MJ_WRITE &&
@@ -262,7 +270,8 @@ static_assert(Entries[ROW_CREATE].MajorFunction == IRP_MJ_CREATE && Entries[ROW_
               Entries[ROW_CLEANUP].MajorFunction == IRP_MJ_CLEANUP &&
               Entries[ROW_DIRECTORY].MajorFunction == IRP_MJ_DIRECTORY_CONTROL &&
               Entries[ROW_QUERY_FILE].MajorFunction == IRP_MJ_QUERY_INFORMATION &&
-              Entries[ROW_QUERY_VOLUME].MajorFunction == IRP_MJ_QUERY_VOLUME_INFORMATION);
+              Entries[ROW_QUERY_VOLUME].MajorFunction == IRP_MJ_QUERY_VOLUME_INFORMATION &&
+              Entries[ROW_SET_FILE].MajorFunction == IRP_MJ_SET_INFORMATION);
 
 // ---- The shape ------------------------------------------------------------------------------------------------------
 
@@ -459,6 +468,10 @@ NTSTATUS NTAPI NtFsdQueryInformation(PDEVICE_OBJECT, PIRP Irp) {
     return Serve(Entries[ROW_QUERY_FILE], Irp);
 }
 
+NTSTATUS NTAPI NtFsdSetInformation(PDEVICE_OBJECT, PIRP Irp) {
+    return Serve(Entries[ROW_SET_FILE], Irp);
+}
+
 NTSTATUS NTAPI NtFsdQueryVolumeInformation(PDEVICE_OBJECT, PIRP Irp) {
     return Serve(Entries[ROW_QUERY_VOLUME], Irp);
 }
@@ -488,6 +501,7 @@ void NtFsdFillDispatchTable(PDRIVER_OBJECT DriverObject) {
     DriverObject->MajorFunction[IRP_MJ_FLUSH_BUFFERS] = NtFsdFlushBuffers;
     DriverObject->MajorFunction[IRP_MJ_QUERY_INFORMATION] = NtFsdQueryInformation;
     DriverObject->MajorFunction[IRP_MJ_QUERY_VOLUME_INFORMATION] = NtFsdQueryVolumeInformation;
+    DriverObject->MajorFunction[IRP_MJ_SET_INFORMATION] = NtFsdSetInformation;
     DriverObject->MajorFunction[IRP_MJ_DIRECTORY_CONTROL] = NtFsdDirectoryControl;
     DriverObject->MajorFunction[IRP_MJ_FILE_SYSTEM_CONTROL] = NtFsdFileSystemControl;
     DriverObject->MajorFunction[IRP_MJ_DEVICE_CONTROL] = NtFsdDeviceControl;

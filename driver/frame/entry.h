@@ -50,6 +50,7 @@ NTSTATUS NTAPI NtFsdQueryEa(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdSetEa(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdFlushBuffers(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdQueryInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+NTSTATUS NTAPI NtFsdSetInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdQueryVolumeInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdDirectoryControl(PDEVICE_OBJECT DeviceObject, PIRP Irp);
 NTSTATUS NTAPI NtFsdFileSystemControl(PDEVICE_OBJECT DeviceObject, PIRP Irp);

@@ -37,6 +37,10 @@ public:
     explicit operator bool() const {
         return Pointer_ != nullptr;
     }
+    // Takes Pointer over; must own nothing yet.
+    void Adopt(T *Pointer) {
+        Pointer_ = Pointer;
+    }
     // Hands the block on; the new owner frees it.
     [[nodiscard]] T *Detach() {
         T *Pointer = Pointer_;

@@ -49,6 +49,9 @@
 #undef KeQueryTickCount
 #undef KeQueryInterruptTime
 
+// An empty macro with the name of a constant that the driver may want.
+#undef NOTHING
+
 #include <stddef.h>
 #include <string.h>
 

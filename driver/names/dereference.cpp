@@ -117,12 +117,12 @@ NTSTATUS NtFsdEnsureDirectoryHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE
     if (Instance->DirHandle != 0 || *Instance->PathLeft == 0) {
         return STATUS_SUCCESS;
     }
-    RVHANDLE Handle = 0;
+    ProviderDirectory Directory(&IrpContext->SecurityContext);
     const NTSTATUS Status = NtFsdTranslateResult(
-        RVFsdOpenDirectory(&IrpContext->SecurityContext, Instance->BaseHandle, Instance->PathLeft, &Handle));
+        RVFsdOpenDirectory(&IrpContext->SecurityContext, Instance->BaseHandle, Instance->PathLeft, Directory.Out()));
     if (NT_SUCCESS(Status)) {
-        Instance->RelatedHandle = Handle;
-        __atomic_store_n(&Instance->DirHandle, Handle, __ATOMIC_RELAXED);
+        Instance->RelatedHandle = Directory.Get();
+        __atomic_store_n(&Instance->DirHandle, Directory.Detach(), __ATOMIC_RELAXED);
     }
     return Status;
 }

@@ -211,10 +211,35 @@ PFCB NtFsdFindFcb(PUNICODE_STRING Path, PUNICODE_STRING Remaining);
 NTSTATUS NtFsdOpenOrCreateFcb(PIRP_CONTEXT IrpContext, PUNICODE_STRING Path, PFCB *Fcb, BOOLEAN *Created,
                               ResourceHold &Hold);
 
+// A path that an FCB is to take, made before anything is changed so that taking it cannot fail for memory.
+class [[nodiscard]] NewPathRecord {
+public:
+    NewPathRecord() = default;
+    NewPathRecord(const NewPathRecord &) = delete;
+    NewPathRecord &operator=(const NewPathRecord &) = delete;
+    ~NewPathRecord();
+    // Copies Path, once. STATUS_INSUFFICIENT_RESOURCES or STATUS_NAME_TOO_LONG.
+    NTSTATUS Make(PCUNICODE_STRING Path);
+    PUNICODE_STRING Path() const {
+        return &Record_->Path;
+    }
+    PATH_RECORD *Detach() {
+        return Record_.Detach();
+    }
+
+private:
+    PoolPointer<PATH_RECORD> Record_;
+};
+
 // Re-keys Fcb under NewPath. The caller holds its Resource in Hold and holds it again afterwards; it was released in
-// between. Every instance keeps a valid PathLeft. Returns STATUS_INSUFFICIENT_RESOURCES or STATUS_NAME_TOO_LONG with
-// the old path still in force; success even when the new key could not be inserted.
-NTSTATUS NtFsdRenameFcb(PFCB Fcb, PUNICODE_STRING NewPath, ResourceHold &Hold);
+// between, unless the caller holds FcbTableResource too. Every instance keeps a valid PathLeft. When the new key cannot
+// be inserted the FCB stays out of the table.
+VOID NtFsdRenameFcb(PFCB Fcb, NewPathRecord &NewPath, ResourceHold &Hold);
+// The same for a path that is still to be copied: fails as Make does, with the old path still in force.
+NTSTATUS NtFsdRenameFcb(PFCB Fcb, PCUNICODE_STRING NewPath, ResourceHold &Hold);
+
+// TRUE when an FCB's path lies below Path. Walks the table. FcbTableResource held.
+bool NtFsdHasFcbBelow(PCUNICODE_STRING Path);
 
 // Trace of the FCBs that have notification requests waiting. FcbTableResource held.
 VOID NtFsdDumpPrefixTable();

@@ -3,13 +3,8 @@
 
 namespace {
 
-// Puts Fcb into the prefix table under its FullPath. FALSE when the path is there already.
+// Puts Fcb into the prefix table under its FullPath, which no FCB there has. FALSE when the table refuses it.
 bool InsertPrefix(PFCB Fcb) {
-    // The table accepts names that differ only in case; two FCBs may not.
-    UNICODE_STRING Remaining;
-    if (NtFsdFindFcb(&Fcb->FullPath, &Remaining) != nullptr && Remaining.Length == 0) {
-        return false;
-    }
     if (!RtlInsertUnicodePrefix(&FcbPrefixTable, &Fcb->CurrentPath->Path, &Fcb->PrefixEntry)) {
         return false;
     }
@@ -147,35 +142,72 @@ void RepointInstances(PFCB Fcb) {
     }
 }
 
+// The table accepts names that differ only in case; two FCBs may not.
+bool IsPathTaken(PUNICODE_STRING Path) {
+    UNICODE_STRING Remaining;
+    return NtFsdFindFcb(Path, &Remaining) != nullptr && Remaining.Length == 0;
+}
+
 } // namespace
 
-NTSTATUS NtFsdRenameFcb(PFCB Fcb, PUNICODE_STRING NewPath, ResourceHold &Hold) {
-    // The record comes first: when there is no memory nothing has changed. It is always a new one, for the old path may
-    // be in use by readers without the Resource.
+NewPathRecord::~NewPathRecord() {
+    if (Record_) {
+        NtFsdFreeUnicodeString(&Record_->Path);
+    }
+}
+
+NTSTATUS NewPathRecord::Make(PCUNICODE_STRING Path) {
     PoolPointer<PATH_RECORD> Record(static_cast<PATH_RECORD *>(TwAllocMemory(sizeof(PATH_RECORD))));
     if (!Record) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    const NTSTATUS Status = NtFsdUpdateUnicodeString(&Record->Path, NewPath);
-    if (!NT_SUCCESS(Status)) {
-        return Status; // the string is empty
+    const NTSTATUS Status = NtFsdUpdateUnicodeString(&Record->Path, Path);
+    if (NT_SUCCESS(Status)) {
+        Record_.Adopt(Record.Detach());
     }
+    return Status;
+}
+
+VOID NtFsdRenameFcb(PFCB Fcb, NewPathRecord &NewPath, ResourceHold &Hold) {
     Hold.Release();
     ResourceHold Table;
     Table.AcquireExclusive(&FcbTableResource, TRUE);
     Hold.AcquireExclusive(&Fcb->Resource, TRUE);
 
     RemovePrefix(Fcb);
-    PATH_RECORD *Newest = Record.Detach();
+    // Always a new record: the old path may be in use by readers without the Resource.
+    PATH_RECORD *Newest = NewPath.Detach();
     Newest->Older = Fcb->CurrentPath;
     Fcb->FullPath = Newest->Path;
     __atomic_store_n(&Fcb->CurrentPath, Newest, __ATOMIC_RELEASE);
     RepointInstances(Fcb);
-    if (!InsertPrefix(Fcb)) {
+    if (IsPathTaken(&Fcb->FullPath) || !InsertPrefix(Fcb)) {
         NtFsdAlwaysPrint("[RVFSD] NtFsdRenameFcb RtlInsertUnicodePrefix for \"%wZ\" on FCB 0x%p failed.\n",
                          &Fcb->FullPath, Fcb);
     }
-    return STATUS_SUCCESS;
+}
+
+NTSTATUS NtFsdRenameFcb(PFCB Fcb, PCUNICODE_STRING NewPath, ResourceHold &Hold) {
+    NewPathRecord Record;
+    const NTSTATUS Status = Record.Make(NewPath);
+    if (NT_SUCCESS(Status)) {
+        NtFsdRenameFcb(Fcb, Record, Hold);
+    }
+    return Status;
+}
+
+bool NtFsdHasFcbBelow(PCUNICODE_STRING Path) {
+    for (PUNICODE_PREFIX_TABLE_ENTRY Entry = RtlNextUnicodePrefix(&FcbPrefixTable, TRUE); Entry != nullptr;
+         Entry = RtlNextUnicodePrefix(&FcbPrefixTable, FALSE)) {
+        if (Entry->Prefix->Length <= Path->Length || Entry->Prefix->Buffer[Path->Length / sizeof(WCHAR)] != SEPARATOR) {
+            continue;
+        }
+        const UNICODE_STRING Front = {Path->Length, Path->Length, Entry->Prefix->Buffer};
+        if (RtlEqualUnicodeString(&Front, Path, TRUE)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 VOID NtFsdDumpPrefixTable() {

@@ -29,11 +29,10 @@ NTSTATUS CheckRelated(PFILE_OBJECT FileObject, RELATED_OPEN *Related) {
     return STATUS_SUCCESS;
 }
 
-// Wildcards may not stand in the last component, and no component may be empty: an FCB's path ends in no backslash. One
-// trailing backslash of a composed path (an empty relative name) is the look-up's business.
+// Wildcards may not stand in the last component, and no component may be empty: an FCB's path ends in no backslash.
 bool IsNameValid(PCUNICODE_STRING Path) {
     const ULONG Units = Path->Length / sizeof(WCHAR);
-    if (Units == 0 || Path->Buffer[0] != SEPARATOR || Units == 1) {
+    if (Units < 2 || Path->Buffer[0] != SEPARATOR || Path->Buffer[Units - 1] == SEPARATOR) {
         return false;
     }
     for (ULONG At = 1; At < Units; ++At) {
@@ -90,9 +89,12 @@ ULONG CountSeparators(PCUNICODE_STRING Path) {
     return Count;
 }
 
-// TRUE when Units characters of Path end at a component boundary.
+// TRUE when Units characters of Path, at least one, end at a component boundary.
 bool EndsComponent(PCUNICODE_STRING Path, ULONG Units) {
     const ULONG PathUnits = Path->Length / sizeof(WCHAR);
+    if (Units == 0) {
+        return false;
+    }
     return Units == PathUnits || (Units < PathUnits && Path->Buffer[Units] == SEPARATOR);
 }
 

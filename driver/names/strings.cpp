@@ -8,7 +8,9 @@ namespace {
 constexpr ULONG LONGEST_TEXT_BYTES = 0xFFFF - sizeof(WCHAR);
 
 void Store(PUNICODE_STRING Destination, PCUNICODE_STRING Source) {
-    RtlCopyMemory(Destination->Buffer, Source->Buffer, Source->Length);
+    if (Source->Length != 0) {
+        RtlCopyMemory(Destination->Buffer, Source->Buffer, Source->Length);
+    }
     Destination->Length = Source->Length;
     Destination->Buffer[Source->Length / sizeof(WCHAR)] = 0;
 }

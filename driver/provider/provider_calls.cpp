@@ -12,6 +12,12 @@ RVSTATUS Call(Operation RVIOM_FSD_TABLE::*Slot, PRV_SECURITY Security, T... Argu
     return (Provider->Table->*Slot)(Provider, Security, Arguments...);
 }
 
+// The error with the code of a status that claims success without cause; the code still says what happened.
+RVSTATUS AsError(RVSTATUS Status) {
+    constexpr ULONG PROVIDER_ERROR = 0xC7E70000;
+    return RvCode(Status) != 0 ? static_cast<RVSTATUS>(PROVIDER_ERROR | RvCode(Status)) : RVSTATUS::Unsuccessful;
+}
+
 // Calls an operation that opens something. 0 never names an open object: a success that hands it out is an error.
 template <typename Operation, typename... T>
 RVSTATUS CallOpen(RVHANDLE *Handle, Operation RVIOM_FSD_TABLE::*Slot, PRV_SECURITY Security, T... Arguments) {
@@ -21,7 +27,7 @@ RVSTATUS CallOpen(RVHANDLE *Handle, Operation RVIOM_FSD_TABLE::*Slot, PRV_SECURI
         *Handle = 0;
         return Status;
     }
-    return *Handle != 0 ? Status : RVSTATUS::Unsuccessful;
+    return *Handle != 0 ? Status : AsError(Status);
 }
 
 bool IsTerminated(PCWSTR Buffer) {
@@ -214,4 +220,24 @@ RVSTATUS RVFsdGetFileTimes(PRV_SECURITY Security, RVHANDLE File, ULONG *Attribut
 RVSTATUS RVFsdGetFileId(PRV_SECURITY Security, RVHANDLE Handle, ULONG64 *FileId) {
     *FileId = 0;
     return Call(&RVIOM_FSD_TABLE::RVFsdGetFileId, Security, Handle, FileId);
+}
+
+RVSTATUS RVFsdGetBasicFileInformation(PRV_SECURITY Security, RVHANDLE File, ULONG *Attributes) {
+    *Attributes = 0;
+    constexpr LONG64 *NoTime = nullptr;
+    return Call(&RVIOM_FSD_TABLE::RVFsdGetBasicFileInformation, Security, File, Attributes, NoTime, NoTime, NoTime);
+}
+
+RVSTATUS RVFsdModifyFileAccess(PRV_SECURITY Security, RVHANDLE File, ULONG Access, ULONG Share, ULONG Options) {
+    return Call(&RVIOM_FSD_TABLE::RVFsdModifyFileAccess, Security, File, Access, Share, Options);
+}
+
+RVSTATUS RVFsdMoveFile(PRV_SECURITY Security, RVHANDLE SourceBase, PCWSTR Source, RVHANDLE TargetBase,
+                       PCWSTR TargetName) {
+    return Call(&RVIOM_FSD_TABLE::RVFsdMoveFile, Security, SourceBase, Source, TargetBase, TargetName);
+}
+
+RVSTATUS RVFsdMoveDirectory(PRV_SECURITY Security, RVHANDLE SourceBase, PCWSTR Source, RVHANDLE TargetBase,
+                            PCWSTR TargetName) {
+    return Call(&RVIOM_FSD_TABLE::RVFsdMoveDirectory, Security, SourceBase, Source, TargetBase, TargetName);
 }

@@ -62,6 +62,12 @@ RVSTATUS RVFsdGetFileSize(PRV_SECURITY Security, RVHANDLE File, ULONG64 *EndOfFi
 RVSTATUS RVFsdGetFileInformation(PRV_SECURITY Security, RVHANDLE File, ULONG *Attributes, ULONG64 *EndOfFile);
 RVSTATUS RVFsdSetFileInformation(PRV_SECURITY Security, RVHANDLE File, ULONG *Attributes, LONG64 *Creation,
                                  LONG64 *LastWrite, LONG64 *LastAccess);
+RVSTATUS RVFsdGetBasicFileInformation(PRV_SECURITY Security, RVHANDLE File, ULONG *Attributes);
+RVSTATUS RVFsdModifyFileAccess(PRV_SECURITY Security, RVHANDLE File, ULONG Access, ULONG Share, ULONG Options);
+RVSTATUS RVFsdMoveFile(PRV_SECURITY Security, RVHANDLE SourceBase, PCWSTR Source, RVHANDLE TargetBase,
+                       PCWSTR TargetName);
+RVSTATUS RVFsdMoveDirectory(PRV_SECURITY Security, RVHANDLE SourceBase, PCWSTR Source, RVHANDLE TargetBase,
+                            PCWSTR TargetName);
 // *Bytes is the count offered to the Provider before the call, and at most Length after it.
 RVSTATUS RVFsdReadFile(PRV_SECURITY Security, RVHANDLE File, LONG64 *ByteOffset, ULONG64 Length, PVOID Buffer,
                        ULONG64 *Bytes);

@@ -1,0 +1,380 @@
+// Rename: one move at the Provider from a handle and a relative path to the target directory's handle and a new name;
+// then the FCB takes its new path.
+
+#include "frame/diagnostics.h"
+#include "frame/status_translation.h"
+#include "info/set_information.h"
+#include "provider/provider_calls.h"
+
+namespace {
+
+// One rename. The new path exists before anything is asked of the Provider: after the move nothing may fail for memory.
+struct RENAME {
+    SET_INFORMATION &Change;
+    PFILE_OBJECT TargetFile;
+    PFCB TargetFcb;
+    PINSTANCE_CONTEXT TargetInstance;
+    bool Replace;
+    bool CaseOnly = false;           // the object itself bears the new name, in another case
+    bool SameName = false;           // the object itself bears the new name
+    OwnedString NewName = {};        // the new final component
+    NewPathRecord NewPath = {};      // the FCB's path after the move
+    OwnedString CaseOnlySource = {}; // the old final component of a case-only rename
+
+    PCUNICODE_STRING Source() const {
+        return &Change.Fcb->FullPath;
+    }
+    PCUNICODE_STRING TargetDirectory() const {
+        return &TargetFcb->FullPath;
+    }
+};
+
+UNICODE_STRING View(PWSTR Text, ULONG Units) {
+    const USHORT Bytes = static_cast<USHORT>(Units * sizeof(WCHAR));
+    return {Bytes, Bytes, Text};
+}
+
+ULONG UnitsOf(PCUNICODE_STRING Text) {
+    return Text->Length / sizeof(WCHAR);
+}
+
+// The directory's path without a trailing backslash.
+UNICODE_STRING WithoutSlash(PCUNICODE_STRING Path) {
+    ULONG Units = UnitsOf(Path);
+    if (Units != 0 && Path->Buffer[Units - 1] == SEPARATOR) {
+        --Units;
+    }
+    return View(Path->Buffer, Units);
+}
+
+// ---- Preparation
+// -------------------------------------------------------------------------------------------------------
+
+// The new name must be one component.
+bool IsOneComponent(PCUNICODE_STRING Name) {
+    for (ULONG At = 0; At < UnitsOf(Name); ++At) {
+        if (Name->Buffer[At] == SEPARATOR || Name->Buffer[At] == 0) {
+            return false;
+        }
+    }
+    return UnitsOf(Name) != 0;
+}
+
+NTSTATUS PrepareNames(RENAME &Rename) {
+    if (!IsOneComponent(&Rename.TargetFile->FileName)) {
+        return STATUS_OBJECT_NAME_INVALID;
+    }
+    NTSTATUS Status = NtFsdUpdateUnicodeString(Rename.NewName.Get(), &Rename.TargetFile->FileName);
+    if (!NT_SUCCESS(Status)) {
+        return Status == STATUS_NAME_TOO_LONG ? STATUS_OBJECT_NAME_INVALID : Status;
+    }
+    const UNICODE_STRING Directory = WithoutSlash(Rename.TargetDirectory());
+    OwnedString Path;
+    Status = NtFsdComposePath(&Directory, Rename.NewName.Get(), Path.Get(), nullptr);
+    return NT_SUCCESS(Status) ? Rename.NewPath.Make(Path.Get()) : Status;
+}
+
+// ---- The case-only test
+// ------------------------------------------------------------------------------------------------
+
+// What is left of the source path behind the target directory and one backslash, when it lies in it. Empty otherwise,
+// and the reason is traced.
+UNICODE_STRING RemainderInTarget(const RENAME &Rename) {
+    constexpr UNICODE_STRING NOTHING = {0, 0, nullptr};
+    const PCUNICODE_STRING Source = Rename.Source();
+    const PCUNICODE_STRING Target = Rename.TargetDirectory();
+    if (Source->Length < Target->Length) {
+        NtFsdDebugPrint(
+            TRACE_FILE_INFO, 0,
+            "NtFsdFileSetRenameInfo determined cannot be case-only rename based on length:\n        source: "
+            "\"%wZ\" (%u)\n        target: \"%wZ\" (%u)\n",
+            Source, static_cast<ULONG>(Source->Length), Target, static_cast<ULONG>(Target->Length));
+        return NOTHING;
+    }
+    const UNICODE_STRING Directory = WithoutSlash(Target);
+    const ULONG Units = UnitsOf(&Directory);
+    if (UnitsOf(Source) <= Units || Source->Buffer[Units] != SEPARATOR) {
+        NtFsdDebugPrint(TRACE_FILE_INFO, 0,
+                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on parent directory "
+                        "backslash:\n        source: \"%wZ\"\n        target: \"%wZ\"\n",
+                        Source, Target);
+        return NOTHING;
+    }
+    const UNICODE_STRING Front = View(Source->Buffer, Units);
+    if (!RtlEqualUnicodeString(&Front, &Directory, TRUE)) {
+        NtFsdDebugPrint(TRACE_FILE_INFO, 0,
+                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on parent directory "
+                        "compare:\n        source: \"%wZ\"\n        target: \"%wZ\"\n",
+                        Source, Target);
+        return NOTHING;
+    }
+    const UNICODE_STRING Rest = View(Source->Buffer + Units + 1, UnitsOf(Source) - Units - 1);
+    if (!IsOneComponent(&Rest)) {
+        NtFsdDebugPrint(TRACE_FILE_INFO, 0,
+                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on final component "
+                        "backslash:\n        source: \"%wZ\"\n        target: \"%wZ\"\n",
+                        Source, Target);
+        return NOTHING;
+    }
+    return Rest;
+}
+
+NTSTATUS TestCaseOnly(RENAME &Rename) {
+    const UNICODE_STRING Old = RemainderInTarget(Rename);
+    if (Old.Length == 0) {
+        return STATUS_SUCCESS;
+    }
+    PCUNICODE_STRING New = Rename.NewName.Get();
+    // However the directory is spelled: what has the name already must not be deleted to make room for itself.
+    Rename.SameName = RtlEqualUnicodeString(&Old, New, FALSE);
+    if (Rename.SameName || !RtlEqualUnicodeString(&Old, New, TRUE)) {
+        NtFsdDebugPrint(TRACE_FILE_INFO, 0,
+                        "NtFsdFileSetRenameInfo determined \"%wZ\" and \"%wZ\" are not a case-only rename.\n", &Old,
+                        New);
+        return STATUS_SUCCESS;
+    }
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0,
+                    "NtFsdFileSetRenameInfo determined \"%wZ\" and \"%wZ\" represent a case-only rename.\n", &Old, New);
+    const NTSTATUS Status = NtFsdUpdateUnicodeString(Rename.CaseOnlySource.Get(), &Old);
+    if (!NT_SUCCESS(Status)) {
+        NtFsdDebugPrint(TRACE_FILE_INFO, 0, "NtFsdFileSetRenameInfo TwAllocMemory for %u bytes for \"%wZ\" failed.\n",
+                        Old.Length + static_cast<ULONG>(sizeof(WCHAR)), &Old);
+        return Status;
+    }
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0, "NtFsdFileSetRenameInfo constructed pCaseOnlyRenameSourceName \"%ws\".\n",
+                    Rename.CaseOnlySource->Buffer);
+    Rename.CaseOnly = true;
+    return STATUS_SUCCESS;
+}
+
+// ---- The move
+// ----------------------------------------------------------------------------------------------------------
+
+struct MOVE {
+    RVHANDLE SourceBase;
+    PCWSTR SourcePath;
+    RVHANDLE TargetBase;
+    PCWSTR TargetName;
+};
+
+MOVE MoveOf(RENAME &Rename) {
+    MOVE Move = {0, nullptr, Rename.TargetInstance->RelatedHandle, Rename.NewName->Buffer};
+    const PINSTANCE_CONTEXT Source = Rename.Change.Instance;
+    if (Rename.CaseOnly) {
+        Move.SourceBase = Rename.TargetInstance->RelatedHandle;
+        Move.SourcePath = Rename.CaseOnlySource->Buffer;
+    } else {
+        Move.SourceBase = Rename.Change.IsDirectory() ? Source->BaseHandle : Source->RelatedHandle;
+        Move.SourcePath = Source->PathLeft;
+    }
+    return Move;
+}
+
+void TraceMove(const MOVE &Move) {
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0, "   Source directory %x:%ws \n", LowPart(Move.SourceBase), Move.SourcePath);
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0, "   Target directory %x:%ws \n", LowPart(Move.TargetBase), Move.TargetName);
+}
+
+const void *Shown(RVHANDLE Handle) {
+    return reinterpret_cast<const void *>(Handle);
+}
+
+bool IsAccessDenied(RVSTATUS Status) {
+    return RvCode(Status) == RV_STATUS_ACCESS_DENIED;
+}
+
+// Once more with the read-only attribute off, when that is what stands in the way; it is put back whatever came of it.
+RVSTATUS RetryDirectory(SET_INFORMATION &Change, const MOVE &Move, RVSTATUS First) {
+    const RVHANDLE Directory = Change.Instance->RelatedHandle;
+    ULONG Attributes = 0;
+    if (RvIsError(RVFsdGetDirectoryInformation(Change.Security(), Directory, &Attributes, nullptr, nullptr, nullptr)) ||
+        !(Attributes & RV_ATTR_READONLY)) {
+        return First;
+    }
+    ULONG Writable = Attributes & ~static_cast<ULONG>(RV_ATTR_READONLY);
+    if (RvIsError(RVFsdSetDirectoryInformation(Change.Security(), Directory, &Writable, nullptr, nullptr, nullptr))) {
+        return First;
+    }
+    const RVSTATUS Second =
+        RVFsdMoveDirectory(Change.Security(), Move.SourceBase, Move.SourcePath, Move.TargetBase, Move.TargetName);
+    Ignore(RVFsdSetDirectoryInformation(Change.Security(), Directory, &Attributes, nullptr, nullptr, nullptr),
+           "the move's result counts");
+    return Second;
+}
+
+RVSTATUS MoveDirectory(SET_INFORMATION &Change, const MOVE &Move) {
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0, " Renaming Directory\n");
+    TraceMove(Move);
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0, "NtFsdFileSetRenameInfo RVFsdMoveDirectory (0x%p) \"%ws\" to (0x%p) \"%ws\".\n",
+                    Shown(Move.SourceBase), Move.SourcePath, Shown(Move.TargetBase), Move.TargetName);
+    const RVSTATUS Result =
+        RVFsdMoveDirectory(Change.Security(), Move.SourceBase, Move.SourcePath, Move.TargetBase, Move.TargetName);
+    return IsAccessDenied(Result) ? RetryDirectory(Change, Move, Result) : Result;
+}
+
+RVSTATUS RetryFile(SET_INFORMATION &Change, const MOVE &Move, RVSTATUS First) {
+    const RVHANDLE File = Change.Instance->FileHandle;
+    ULONG Attributes = 0;
+    RVSTATUS Result = RVFsdGetBasicFileInformation(Change.Security(), File, &Attributes);
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0,
+                    "NtFsdFileSetRenameInfo RV_STATUS_ACCESS_DENIED; RVFsdGetBasicFileInformation for FileHandle "
+                    "0x%08X status 0x%08X.\n",
+                    LowPart(File), static_cast<ULONG>(Result));
+    if (RvIsError(Result) || !(Attributes & RV_ATTR_READONLY)) {
+        return First;
+    }
+    ULONG Writable = Attributes & ~static_cast<ULONG>(RV_ATTR_READONLY);
+    Result = RVFsdSetFileInformation(Change.Security(), File, &Writable, nullptr, nullptr, nullptr);
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0,
+                    "NtFsdFileSetRenameInfo RV_ATTR_READONLY; RVFsdSetFileInformation for FileHandle 0x%08X status "
+                    "0x%08X.\n",
+                    LowPart(File), static_cast<ULONG>(Result));
+    if (RvIsError(Result)) {
+        return First;
+    }
+    const RVSTATUS Second =
+        RVFsdMoveFile(Change.Security(), Move.SourceBase, Move.SourcePath, Move.TargetBase, Move.TargetName);
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0, "NtFsdFileSetRenameInfo re-RVFsdMoveFile status 0x%08X.\n",
+                    static_cast<ULONG>(Second));
+    Result = RVFsdSetFileInformation(Change.Security(), File, &Attributes, nullptr, nullptr, nullptr);
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0,
+                    "NtFsdFileSetRenameInfo RVFsdSetFileInformation to restore attributes status 0x%08X.\n",
+                    static_cast<ULONG>(Result));
+    return Second;
+}
+
+RVSTATUS MoveFile(SET_INFORMATION &Change, const MOVE &Move) {
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0, " Renaming File\n");
+    TraceMove(Move);
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0, "NtFsdFileSetRenameInfo RVFsdMoveFile (0x%p) \"%ws\" to (0x%p) \"%ws\".\n",
+                    Shown(Move.SourceBase), Move.SourcePath, Shown(Move.TargetBase), Move.TargetName);
+    RVSTATUS Result =
+        RVFsdMoveFile(Change.Security(), Move.SourceBase, Move.SourcePath, Move.TargetBase, Move.TargetName);
+    if (IsAccessDenied(Result)) {
+        Result = RetryFile(Change, Move, Result);
+    }
+    if (RvCode(Result) != 0) {
+        NtFsdDebugPrint(TRACE_FILE_INFO, 0, "NtFsdFileSetRenameInfo final RVFsdMoveFile status 0x%08X.\n",
+                        static_cast<ULONG>(Result));
+    }
+    return Result;
+}
+
+// ---- The rules
+// ---------------------------------------------------------------------------------------------------------
+
+// A target that could not be opened as a directory has no handle that the new name could be relative to.
+bool HasTargetHandle(const RENAME &Rename) {
+    return Rename.TargetInstance->DirHandle != 0 || *Rename.TargetInstance->PathLeft == 0;
+}
+
+bool IsInTheWay(const RENAME &Rename) {
+    return !Rename.TargetInstance->TargetMissing && !Rename.CaseOnly;
+}
+
+// Everything that can be known before something is deleted or moved.
+NTSTATUS CheckRules(const RENAME &Rename) {
+    if (IsInTheWay(Rename) && (!Rename.Replace || Rename.Change.IsDirectory())) {
+        return STATUS_OBJECT_NAME_COLLISION;
+    }
+    UNICODE_STRING Remaining;
+    const PFCB Holder = NtFsdFindFcb(Rename.NewPath.Path(), &Remaining);
+    if (Holder != nullptr && Remaining.Length == 0 && Holder != Rename.Change.Fcb) {
+        return STATUS_ACCESS_DENIED; // opens of the new name would be left with a stale FCB
+    }
+    if (Rename.Change.IsDirectory() && NtFsdHasFcbBelow(Rename.Source())) {
+        return STATUS_ACCESS_DENIED; // what is open below would keep its old path
+    }
+    return STATUS_SUCCESS;
+}
+
+// Deletes the file that is to be replaced.
+NTSTATUS ClearTheWay(RENAME &Rename) {
+    if (!IsInTheWay(Rename)) {
+        return STATUS_SUCCESS;
+    }
+    const NTSTATUS Status = NtFsdTranslateResult(
+        RVFsdDeleteFile(Rename.Change.Security(), Rename.TargetInstance->RelatedHandle, Rename.NewName->Buffer));
+    return Status == STATUS_NO_SUCH_FILE ? STATUS_SUCCESS : Status;
+}
+
+// The rename with FcbTableResource held, so that no path of an FCB changes but the one that this changes.
+NTSTATUS RenameHeld(RENAME &Rename) {
+    SET_INFORMATION &Change = Rename.Change;
+    if (!HasTargetHandle(Rename)) {
+        return STATUS_OBJECT_PATH_NOT_FOUND;
+    }
+    NTSTATUS Status = PrepareNames(Rename);
+    if (NT_SUCCESS(Status)) {
+        Status = TestCaseOnly(Rename);
+    }
+    if (!NT_SUCCESS(Status) || Rename.SameName) {
+        return Status;
+    }
+    Status = CheckRules(Rename);
+    if (NT_SUCCESS(Status)) {
+        Status = ClearTheWay(Rename);
+    }
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
+    const MOVE Move = MoveOf(Rename);
+    Status = NtFsdTranslateResult(Change.IsDirectory() ? MoveDirectory(Change, Move) : MoveFile(Change, Move));
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0, "NtFsdFileSetRenameInfo built path \"%wZ\" for NtFsdRenameFcb.\n",
+                    Rename.NewPath.Path());
+    NtFsdRenameFcb(Change.Fcb, Rename.NewPath, Change.Hold);
+    return Status;
+}
+
+// The rename consumes the target open's directory handle. FcbTableResource held, no FCB's Resource.
+RVHANDLE TakeTargetHandle(const RENAME &Rename) {
+    const PINSTANCE_CONTEXT Target = Rename.TargetInstance;
+    NtFsdRebaseBorrowers(Target);
+    ResourceHold Hold;
+    Hold.AcquireExclusive(&Rename.TargetFcb->Resource, TRUE);
+    const RVHANDLE Handle = Target->DirHandle;
+    if (Handle != 0) {
+        __atomic_store_n(&Target->DirHandle, RVHANDLE{0}, __ATOMIC_RELAXED);
+        Target->RelatedHandle = Target->BaseHandle;
+    }
+    return Handle;
+}
+
+} // namespace
+
+NTSTATUS NtFsdFileSetRenameInfo(SET_INFORMATION &Change) {
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0, " NtFsdFileSetRenameInfo()...\n");
+    const PFILE_OBJECT TargetFile = IoGetCurrentIrpStackLocation(Change.IrpContext->Irp)->Parameters.SetFile.FileObject;
+    if (TargetFile == nullptr) {
+        NtFsdDebugPrint(TRACE_FILE_INFO, 0, "   Called for a simple rename.  Not supported!\n");
+        return STATUS_NOT_SUPPORTED;
+    }
+    PFCB TargetFcb;
+    PINSTANCE_CONTEXT TargetInstance;
+    NTSTATUS Status = NtFsdDecodeFileObject(TargetFile, &TargetFcb, &TargetInstance, OPEN_TYPE_DIRECTORY);
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
+    if (NtFsdCountPathComponents(&Change.Fcb->FullPath) < 3) {
+        return STATUS_INVALID_PARAMETER; // the root of a volume has no name of its own
+    }
+    RENAME Rename = {.Change = Change,
+                     .TargetFile = TargetFile,
+                     .TargetFcb = TargetFcb,
+                     .TargetInstance = TargetInstance,
+                     .Replace = Change.Buffer[0] != FALSE};
+    // In the order of the locks: the table, then the FCB again.
+    Change.Hold.Release();
+    ResourceHold Table;
+    Table.AcquireExclusive(&FcbTableResource, TRUE);
+    Change.Hold.AcquireExclusive(&Change.Fcb->Resource, TRUE);
+    Status = RenameHeld(Rename);
+    Change.Hold.Release();
+    ProviderDirectory Directory(Change.Security());
+    *Directory.Out() = TakeTargetHandle(Rename);
+    Table.Release();
+    return Status;
+}

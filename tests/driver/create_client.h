@@ -1,0 +1,101 @@
+// Opens for tests: a small tree, what a path is opened as, and the proof that a failed open left nothing.
+#pragma once
+
+#include "create/create.h"
+#include "embedded/faults.h"
+#include "provider/provider_calls.h"
+#include "tests/support/driver_fixture.h"
+
+namespace test {
+
+inline constexpr ULONG Synchronous = FILE_SYNCHRONOUS_IO_NONALERT;
+inline constexpr Open AsDirectory = {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
+                                     .Options = FILE_DIRECTORY_FILE | Synchronous};
+inline constexpr Open AsTarget = {.Access = FILE_WRITE_DATA | SYNCHRONIZE, .StackFlags = SL_OPEN_TARGET_DIRECTORY};
+inline constexpr Open ForDelete = {.Access = DELETE | FILE_READ_DATA | SYNCHRONIZE};
+
+inline Open With(Open Request, ULONG Disposition, ULONG MoreOptions = 0) {
+    Request.Disposition = Disposition;
+    Request.Options |= MoreOptions;
+    Request.CheckParameters = false;
+    return Request;
+}
+
+// The open proper, not one of the questions whether something is there.
+inline bool IsRealOpen(const providers::Call &Made) {
+    return Made.Operation == providers::Slot::CreateFile && Made.Number("disposition") != RV_DISPOSITION_QUERY;
+}
+inline bool IsQuestion(const providers::Call &Made) {
+    return Made.Operation == providers::Slot::CreateFile && Made.Number("disposition") == RV_DISPOSITION_QUERY;
+}
+
+class CreateFixture : public DriverFixture {
+protected:
+    using Calls = std::vector<std::string>;
+    using Slot = providers::Slot;
+
+    CreateFixture() {
+        Provider.AddFile(u"\\srv\\vol\\a.txt", "0123456789");
+        Provider.AddFile(u"\\srv\\vol\\docs\\f.txt", "inside");
+        Provider.AddDirectory(u"\\srv\\vol\\docs\\sub");
+    }
+    // Binds the framework, so that the driver's routines may be called directly.
+    void Bind() {
+        Close(MustOpen(u"\\srv\\vol", AsDirectory));
+        Provider.ClearCalls();
+    }
+    static IRP_CONTEXT Context(PFILE_OBJECT File = nullptr) {
+        IRP_CONTEXT Made = {};
+        Made.NodeTypeCode = NODE_TYPE_IRP_CONTEXT;
+        Made.Flags = IRP_CONTEXT_FLAG_WAIT;
+        Made.SecurityContext = providers::Framework::DefaultCaller;
+        Made.FileObject = File;
+        return Made;
+    }
+    static UNICODE_STRING Counted(std::u16string_view Text) {
+        const auto Bytes = static_cast<USHORT>(Text.size() * sizeof(WCHAR));
+        return {Bytes, Bytes, const_cast<PWSTR>(Text.data())};
+    }
+    static std::u16string View(const UNICODE_STRING &Text) {
+        return {Text.Buffer, Text.Length / sizeof(WCHAR)};
+    }
+    // Opens and closes again what could be opened.
+    embedded::CreateResult Try(std::u16string_view Path, const Open &Request = {}) {
+        embedded::CreateResult Result = Create(Path, Request);
+        if (Result.Handle != nullptr) {
+            Close(Result.Handle);
+            Result.Handle = nullptr;
+        }
+        return Result;
+    }
+    void ExpectRefused(std::u16string_view Path, const Open &Request, NTSTATUS Status,
+                       ULONG_PTR Information = FILE_DOES_NOT_EXIST) {
+        const embedded::CreateResult Result = Try(Path, Request);
+        EXPECT_EQ(Result.Status, Status) << providers::ToUtf8(Path);
+        EXPECT_EQ(Result.Information, Information) << providers::ToUtf8(Path);
+    }
+    void ExpectOpened(std::u16string_view Path, const Open &Request, ULONG_PTR Information) {
+        const embedded::CreateResult Result = Try(Path, Request);
+        EXPECT_EQ(Result.Status, STATUS_SUCCESS) << providers::ToUtf8(Path);
+        EXPECT_EQ(Result.Information, Information) << providers::ToUtf8(Path);
+    }
+    // The tables of the driver and the Provider's books are as they were before the first open.
+    void ExpectNothingOpen(const std::string &After) {
+        EXPECT_EQ(Provider.OpenHandles(), Calls{}) << After;
+        EXPECT_EQ(FcbPrefixCount, 0u) << After;
+        EXPECT_EQ(FcbCount, 1u) << After; // the control device's
+    }
+    // The last call of that kind.
+    providers::Call Last(Slot Operation) {
+        providers::Call Found;
+        for (const providers::Call &Each : Provider.CallRecords()) {
+            if (Each.Operation == Operation) {
+                Found = Each;
+            }
+        }
+        EXPECT_EQ(Found.Operation, Operation) << "no such call";
+        return Found;
+    }
+};
+
+} // namespace test

@@ -1,0 +1,359 @@
+// Opens that share an FCB: share access, what a second open may do, opens that fail while others wait.
+
+#include <thread>
+
+#include "tests/driver/create_client.h"
+#include "tests/driver/request_log.h"
+
+namespace {
+
+using providers::Call;
+using providers::ProviderError;
+using providers::Slot;
+using test::AsDirectory;
+using test::ForDelete;
+using test::IsRealOpen;
+using test::Open;
+using test::With;
+
+constexpr ULONG D = FILE_DIRECTORY_FILE;
+constexpr ULONG N = FILE_NON_DIRECTORY_FILE;
+constexpr ULONG ShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+class SharedOpens : public test::CreateFixture {
+protected:
+    SharedOpens() {
+        // The server has no opinion of its own here.
+        Provider.Edit([](providers::Tree &Tree) { Tree.SetSharing(false); });
+    }
+    static bool Same(const SHARE_ACCESS &Left, const SHARE_ACCESS &Right) {
+        return Left.OpenCount == Right.OpenCount && Left.Readers == Right.Readers && Left.Writers == Right.Writers &&
+               Left.Deleters == Right.Deleters && Left.SharedRead == Right.SharedRead &&
+               Left.SharedWrite == Right.SharedWrite && Left.SharedDelete == Right.SharedDelete;
+    }
+};
+
+// ---- Share access against a model of its own
+
+// Bit 0: reading, 1: writing, 2: deleting; for accesses and for share modes.
+constexpr ULONG Kinds = 8;
+
+ACCESS_MASK AccessOf(ULONG Kind) {
+    return FILE_READ_ATTRIBUTES | SYNCHRONIZE | (Kind & 1 ? FILE_READ_DATA : 0) | (Kind & 2 ? FILE_WRITE_DATA : 0) |
+           (Kind & 4 ? DELETE : 0);
+}
+
+// Two opens get along when each wants only what the other allows; who wants nothing meets nobody.
+bool Compatible(ULONG Access1, ULONG Share1, ULONG Access2, ULONG Share2) {
+    return Access1 == 0 || Access2 == 0 || ((Access2 & ~Share1) == 0 && (Access1 & ~Share2) == 0);
+}
+
+TEST_F(SharedOpens, GetAlongExactlyWhenTheirAccessAndSharingDo) {
+    Provider.SetRecording(false);
+    for (ULONG First = 0; First < Kinds * Kinds; First++) {
+        const HANDLE Held = MustOpen(u"\\srv\\vol\\a.txt", {.Access = AccessOf(First % Kinds), .Share = First / Kinds});
+        const SHARE_ACCESS Before = Fcb(Held)->ShareAccess;
+        for (ULONG Second = 0; Second < Kinds * Kinds; Second++) {
+            const embedded::CreateResult Result =
+                Create(u"\\srv\\vol\\a.txt", {.Access = AccessOf(Second % Kinds), .Share = Second / Kinds});
+            const bool Fits = Compatible(First % Kinds, First / Kinds, Second % Kinds, Second / Kinds);
+            ASSERT_EQ(Result.Status, Fits ? STATUS_SUCCESS : STATUS_SHARING_VIOLATION) << First << " " << Second;
+            if (Fits) {
+                ASSERT_EQ(Fcb(Held)->ShareAccess.OpenCount, Before.OpenCount + (Second % Kinds != 0 ? 1 : 0));
+                Close(Result.Handle);
+            } else {
+                ASSERT_EQ(Result.Information, static_cast<ULONG_PTR>(FILE_DOES_NOT_EXIST));
+            }
+            ASSERT_TRUE(Same(Fcb(Held)->ShareAccess, Before)) << First << " " << Second;
+            ASSERT_EQ(Fcb(Held)->OpenCount, 1u);
+            ASSERT_EQ(Fcb(Held)->UncleanCount, 1u);
+        }
+        Close(Held);
+    }
+}
+
+struct ExtraCase {
+    ULONG Disposition;
+    ULONG FirstShare;
+    bool Fits;
+};
+
+TEST_F(SharedOpens, ThatReplaceContentNeedTheAccessForIt) {
+    constexpr ExtraCase Cases[] = {
+        {FILE_OPEN, FILE_SHARE_READ, true},
+        {FILE_OPEN_IF, FILE_SHARE_READ, true},
+        {FILE_OVERWRITE, FILE_SHARE_READ, false},
+        {FILE_OVERWRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, true},
+        {FILE_OVERWRITE_IF, FILE_SHARE_READ, false},
+        {FILE_OVERWRITE_IF, FILE_SHARE_READ | FILE_SHARE_WRITE, true},
+        {FILE_SUPERSEDE, FILE_SHARE_READ | FILE_SHARE_WRITE, false},
+        {FILE_SUPERSEDE, ShareAll, true},
+    };
+    for (const ExtraCase &Each : Cases) {
+        const HANDLE Held = MustOpen(u"\\srv\\vol\\a.txt", {.Share = Each.FirstShare});
+        const embedded::CreateResult Result = Create(u"\\srv\\vol\\a.txt", With({}, Each.Disposition));
+        EXPECT_EQ(Result.Status, Each.Fits ? STATUS_SUCCESS : STATUS_SHARING_VIOLATION) << Each.Disposition;
+        const bool Replaces = Each.Disposition != FILE_OPEN && Each.Disposition != FILE_OPEN_IF;
+        if (Each.Fits) {
+            EXPECT_EQ(Result.Information, static_cast<ULONG_PTR>(Replaces ? FILE_OVERWRITTEN : FILE_OPENED));
+            EXPECT_EQ(Fcb(Held)->ShareAccess.Writers, Replaces ? 1u : 0u);
+            // Overwriting an existing file is checked for the access; it is not opened with it.
+            const bool Adds = Each.Disposition == FILE_SUPERSEDE || Each.Disposition == FILE_OVERWRITE_IF;
+            const ULONG Deletes = Each.Disposition == FILE_SUPERSEDE ? 0x11 : 0;
+            EXPECT_EQ(Instance(Result.Handle)->ProviderAccess, RV_ACCESS_READ | (Adds ? 0x4u : 0u) | Deletes);
+            Close(Result.Handle);
+        }
+        EXPECT_EQ(Fcb(Held)->ShareAccess.Writers, 0u);
+        Close(Held);
+    }
+}
+
+TEST_F(SharedOpens, SayWhatIsIncompatibleWithTheShareModeThatWasAskedFor) {
+    Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 32}}});
+    const HANDLE Held = MustOpen(u"\\srv\\vol\\a.txt", {.Access = FILE_READ_DATA | SYNCHRONIZE, .Share = 0});
+    ExpectRefused(u"\\srv\\vol\\a.txt",
+                  {.Access = FILE_READ_DATA | SYNCHRONIZE,
+                   .Share = FILE_SHARE_WRITE,
+                   .Options = FILE_NO_INTERMEDIATE_BUFFERING | test::Synchronous},
+                  STATUS_SHARING_VIOLATION);
+    EXPECT_NE(Printed.find("ERROR : Incompatible sharing mode detected: DesiredAccess 00100001\t, DesiredShareAccess "
+                           "00000002\t,  Error c0000043\n"),
+              std::string::npos);
+    Close(Held);
+}
+
+TEST_F(SharedOpens, SucceedWithoutAClaimWhenTheClaimIsRefusedAtTheEnd) {
+    const HANDLE Held = MustOpen(u"\\srv\\vol\\a.txt");
+    const PFCB Shared = Fcb(Held);
+    const SHARE_ACCESS Before = Shared->ShareAccess;
+    Provider.OnCall(Slot::CreateFile, IsRealOpen).Do([&](const Call &) { Shared->ShareAccess.SharedRead = 0; });
+    const HANDLE Second = MustOpen(u"\\srv\\vol\\a.txt");
+    EXPECT_NE(Printed.find("[RVFSD] ERROR : IoCheckShareAccess failed for DesiredAccess 0x100001 ShareAccess 0x7 for "
+                           "FCB ShareAccess 0x6; status 0xC0000043 on \"\\srv\\vol\\a.txt\".\n"),
+              std::string::npos);
+    EXPECT_FALSE(FileObject(Second)->ReadAccess);
+    Shared->ShareAccess = Before;
+    Close(Second);
+    EXPECT_TRUE(Same(Shared->ShareAccess, Before)) << "nothing was taken that had not been added";
+    Close(Held);
+}
+
+TEST_F(SharedOpens, DoNotMeetTheClaimOfAHandleThatIsGone) {
+    const HANDLE Dead = MustOpen(u"\\srv\\vol\\a.txt", {.Access = FILE_WRITE_DATA | SYNCHRONIZE, .Share = 0});
+    const PFILE_OBJECT File = embedded::FileObjectFromHandle(Dead);
+    Close(Dead);
+    const HANDLE Next = MustOpen(u"\\srv\\vol\\a.txt", {.Share = FILE_SHARE_READ});
+    EXPECT_EQ(Fcb(Next)->OpenCount, 2u);
+    EXPECT_EQ(Fcb(Next)->ShareAccess.OpenCount, 1u);
+    EXPECT_EQ(Fcb(Next)->ShareAccess.Writers, 0u);
+    embedded::DereferenceFileObject(File);
+    EXPECT_EQ(Fcb(Next)->ShareAccess.OpenCount, 1u);
+    EXPECT_EQ(Fcb(Next)->ShareAccess.Readers, 1u);
+    Close(Next);
+}
+
+// ---- What a second open may do
+
+TEST_F(SharedOpens, CannotCreateWhatIsOpen) {
+    const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt");
+    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+    Provider.ClearCalls();
+    ExpectRefused(u"\\srv\\vol\\a.txt", With({}, FILE_CREATE, N), STATUS_OBJECT_NAME_COLLISION, FILE_EXISTS);
+    ExpectRefused(u"\\srv\\vol\\docs", With(AsDirectory, FILE_CREATE), STATUS_OBJECT_NAME_COLLISION, FILE_EXISTS);
+    EXPECT_EQ(Provider.CountCalls(Slot::CreateDirectory), 0u);
+    for (const Call &Each : Provider.CallRecords()) {
+        EXPECT_FALSE(IsRealOpen(Each));
+    }
+    EXPECT_EQ(Fcb(File)->OpenCount, 1u);
+    EXPECT_EQ(Fcb(Directory)->OpenCount, 1u);
+    Close(File);
+    Close(Directory);
+}
+
+TEST_F(SharedOpens, AreWhatTheFirstOneWas) {
+    // The objects change places at the server; who has them open still has what he opened.
+    const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt");
+    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs\\sub", AsDirectory);
+    Provider.Edit([](providers::Tree &Tree) {
+        Tree.Delete(false, 0, u"\\srv\\vol\\a.txt");
+        Tree.AddDirectory(u"\\srv\\vol\\a.txt");
+        Tree.Delete(true, 0, u"\\srv\\vol\\docs\\sub");
+        Tree.AddFile(u"\\srv\\vol\\docs\\sub");
+    });
+    ExpectRefused(u"\\srv\\vol\\a.txt", With({.Options = D}, FILE_OPEN), STATUS_NOT_A_DIRECTORY, FILE_EXISTS);
+    ExpectRefused(u"\\srv\\vol\\a.txt", With({.Options = D}, FILE_OPEN_IF), STATUS_NOT_A_DIRECTORY, FILE_EXISTS);
+    ExpectRefused(u"\\srv\\vol\\a.txt", {}, STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(Fcb(File)->OpenType, OPEN_TYPE_FILE + 0u);
+    ExpectRefused(u"\\srv\\vol\\docs\\sub", {}, STATUS_NOT_A_DIRECTORY);
+    ExpectRefused(u"\\srv\\vol\\docs\\sub", With({}, FILE_OPEN, N), STATUS_FILE_IS_A_DIRECTORY);
+    EXPECT_EQ(Fcb(Directory)->OpenType, OPEN_TYPE_DIRECTORY + 0u);
+    EXPECT_EQ(Fcb(Directory)->VolumeResolved, 0);
+    Close(File);
+    Close(Directory);
+    ExpectNothingOpen("the closes");
+}
+
+TEST_F(SharedOpens, OfWhatIsToBeDeletedAreRefused) {
+    const HANDLE Held = MustOpen(u"\\srv\\vol\\a.txt", ForDelete);
+    Fcb(Held)->OpenFlags |= FCB_STATE_DELETE_DISPOSITION;
+    Provider.ClearCalls();
+    ExpectRefused(u"\\srv\\vol\\a.txt", {}, STATUS_DELETE_PENDING);
+    ExpectRefused(u"\\srv\\vol\\a.txt", With({}, FILE_OPEN, FILE_DELETE_ON_CLOSE), STATUS_DELETE_PENDING);
+    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\a.txt"));
+    EXPECT_TRUE(Fcb(Held)->OpenFlags & FCB_STATE_DELETE_DISPOSITION);
+    Close(Held);
+    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\a.txt"));
+}
+
+TEST_F(SharedOpens, ThatFailLeaveTheFcbAsItWas) {
+    const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt");
+    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+    const SHARE_ACCESS Before = Fcb(File)->ShareAccess;
+    const ULONG Flags = Fcb(File)->OpenFlags;
+    Provider.OnCall(Slot::CreateFile, IsRealOpen).Return(ProviderError(0x0006));
+    ExpectRefused(u"\\srv\\vol\\a.txt", With(ForDelete, FILE_OPEN, FILE_DELETE_ON_CLOSE), STATUS_ACCESS_DENIED,
+                  FILE_SUPERSEDED);
+    EXPECT_TRUE(Same(Fcb(File)->ShareAccess, Before));
+    EXPECT_EQ(Fcb(File)->OpenFlags, Flags);
+    EXPECT_EQ(Fcb(File)->OpenCount, 1u);
+    EXPECT_EQ(Fcb(File)->UncleanCount, 1u);
+    EXPECT_EQ(Fcb(File)->OpenType, OPEN_TYPE_FILE + 0u);
+    Provider.OnCall(Slot::OpenDirectory).Return(ProviderError(0x0006));
+    ExpectRefused(u"\\srv\\vol\\docs", AsDirectory, STATUS_ACCESS_DENIED);
+    EXPECT_EQ(Fcb(Directory)->VolumeResolved, 0) << "its listings keep their dot entries";
+    EXPECT_EQ(Fcb(Directory)->OpenType, OPEN_TYPE_DIRECTORY + 0u);
+    Close(File);
+    Close(Directory);
+}
+
+TEST_F(SharedOpens, KeepTheLocksOfTheFirst) {
+    const HANDLE First = MustOpen(u"\\srv\\vol\\a.txt");
+    LARGE_INTEGER At = {};
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    IO_STATUS_BLOCK IoStatus;
+    ASSERT_EQ(NtLockFile(First, nullptr, nullptr, nullptr, &IoStatus, &At, &Length, 0, TRUE, TRUE), STATUS_SUCCESS);
+    const HANDLE Second = MustOpen(u"\\srv\\vol\\a.txt");
+    Provider.OnCall(Slot::CreateFile, IsRealOpen).Return(ProviderError(0x0006));
+    Try(u"\\srv\\vol\\a.txt");
+    EXPECT_EQ(NtLockFile(Second, nullptr, nullptr, nullptr, &IoStatus, &At, &Length, 0, TRUE, TRUE),
+              STATUS_LOCK_NOT_GRANTED);
+    Close(First);
+    Close(Second);
+}
+
+// ---- Opens that fail while others wait for them
+
+// The first create hangs at the Provider and fails; the second has found its FCB and waits for it.
+class ConcurrentCreates : public SharedOpens {
+protected:
+    embedded::CreateResult SecondWhileFirstFails(const Open &First, const Open &Second) {
+        providers::Rule &Gate = Provider.OnCall(Slot::CreateFile, IsRealOpen).Times(1).Block();
+        Gate.Return(ProviderError(0x0006));
+        Provider.ClearCalls();
+        std::thread Failing([&] { EXPECT_EQ(Create(u"\\srv\\vol\\a.txt", First).Status, STATUS_ACCESS_DENIED); });
+        EXPECT_TRUE(Gate.WaitUntilBlocked());
+        embedded::CreateResult Result;
+        std::thread Waiting([&] { Result = Create(u"\\srv\\vol\\a.txt", Second); });
+        while (Provider.CountCalls(Slot::CloseFile) < 2) { // its probe; what it waits for next is the FCB
+            std::this_thread::yield();
+        }
+        for (int Turns = 0; Turns < 1000; Turns++) {
+            std::this_thread::yield();
+        }
+        Gate.Release();
+        Failing.join();
+        Waiting.join();
+        Provider.ClearScript();
+        return Result;
+    }
+};
+
+TEST_F(ConcurrentCreates, TheOneThatWaitedForAFailingFirstOpenIsTheFirst) {
+    Start();
+    for (int Round = 0; Round < 20; Round++) {
+        const embedded::CreateResult Result =
+            SecondWhileFirstFails({.Access = FILE_WRITE_DATA | SYNCHRONIZE, .Share = 0}, {.Share = FILE_SHARE_READ});
+        ASSERT_EQ(Result.Status, STATUS_SUCCESS);
+        EXPECT_EQ(Result.Information, static_cast<ULONG_PTR>(FILE_OPENED));
+        const PFCB Found = Fcb(Result.Handle);
+        EXPECT_EQ(Found->OpenCount, 1u);
+        EXPECT_EQ(Found->UncleanCount, 1u);
+        EXPECT_EQ(Found->OpenType, OPEN_TYPE_FILE + 0u);
+        EXPECT_EQ(Found->ShareAccess.OpenCount, 1u);
+        EXPECT_EQ(Found->ShareAccess.Writers, 0u);
+        ExpectRefused(u"\\srv\\vol\\a.txt", {.Access = FILE_WRITE_DATA | SYNCHRONIZE}, STATUS_SHARING_VIOLATION);
+        Close(Result.Handle);
+        ExpectNothingOpen("the round");
+    }
+}
+
+TEST_F(ConcurrentCreates, OpensAndClosesOfNestedNamesDoNotDisturbEachOther) {
+    Start({.Switches = {{u"EnableDirectoryNotify", 1}}});
+    Provider.SetRecording(false);
+    constexpr int Threads = 4;
+    constexpr int Rounds = 60;
+    const std::u16string_view Paths[] = {u"\\srv\\vol\\docs\\f.txt", u"\\SRV\\vol\\DOCS\\F.txt",
+                                         u"\\srv\\vol\\docs",        u"\\srv\\vol",
+                                         u"\\srv\\vol\\docs\\sub",   u"\\srv\\vol\\docs\\none"};
+    std::vector<std::thread> Workers;
+    for (int Index = 0; Index < Threads; Index++) {
+        Workers.emplace_back([&, Index] {
+            const std::u16string Own = u"own" + std::u16string(1, static_cast<char16_t>(u'0' + Index));
+            for (int Round = 0; Round < Rounds; Round++) {
+                Try(Paths[(Round + Index) % std::size(Paths)]);
+                const HANDLE Parent = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+                Open Below = With(ForDelete, FILE_OPEN_IF, N | (Round % 2 ? FILE_DELETE_ON_CLOSE : 0));
+                Below.Related = Parent;
+                const HANDLE Child = MustOpen(Own, Below);
+                // Everybody opens everybody's: it is there or not, but nothing else may happen.
+                const NTSTATUS Other = Try(u"\\srv\\vol\\docs\\own0", With(ForDelete, FILE_OPEN, N)).Status;
+                EXPECT_TRUE(Other == STATUS_SUCCESS || Other == STATUS_OBJECT_NAME_NOT_FOUND) << std::hex << Other;
+                if (Round % 3) {
+                    Close(Parent);
+                    EXPECT_EQ(Instance(Child)->BaseHandle, 0u);
+                    Close(Child);
+                } else {
+                    Close(Child);
+                    Close(Parent);
+                }
+            }
+        });
+    }
+    for (std::thread &Each : Workers) {
+        Each.join();
+    }
+    ExpectNothingOpen("all threads");
+}
+
+// ---- Telling the watchers
+
+TEST_F(SharedOpens, TellTheWatchersWhenAllElseIsDone) {
+    Start({.Switches = {{u"EnableDirectoryNotify", 1}}});
+    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+    for (const bool IsDirectory : {false, true}) {
+        embedded::IrpBuilder Builder;
+        Builder.MajorFunction = IRP_MJ_DIRECTORY_CONTROL;
+        Builder.MinorFunction = IRP_MN_NOTIFY_CHANGE_DIRECTORY;
+        Builder.FileObject = FileObject(Directory);
+        Builder.Fill = [](PIO_STACK_LOCATION IrpSp) {
+            IrpSp->Parameters.NotifyDirectory.CompletionFilter = FILE_NOTIFY_CHANGE_FILE_NAME;
+        };
+        embedded::SentIrp Waiting = embedded::SendIrp(Device(), Builder);
+        unsigned CallsBefore = 0;
+        std::vector<UCHAR> Order;
+        embedded::SetIoObserver([&](const embedded::CompletedRequest &Request) {
+            Order.push_back(Request.MajorFunction);
+            CallsBefore = Request.MajorFunction == IRP_MJ_DIRECTORY_CONTROL ? Provider.CountCalls() : CallsBefore;
+        });
+        const HANDLE Made = MustOpen(IsDirectory ? u"\\srv\\vol\\docs\\newdir" : u"\\srv\\vol\\docs\\newfile",
+                                     With(IsDirectory ? AsDirectory : Open{}, FILE_CREATE));
+        embedded::SetIoObserver({});
+        EXPECT_EQ(Order, (std::vector<UCHAR>{IRP_MJ_DIRECTORY_CONTROL, IRP_MJ_CREATE}));
+        EXPECT_EQ(CallsBefore, Provider.CountCalls());
+        EXPECT_EQ(Waiting.Wait().Status, STATUS_NOTIFY_ENUM_DIR);
+        Close(Made);
+    }
+    Close(Directory);
+}
+
+} // namespace

@@ -1,0 +1,452 @@
+// Create: what is done for which disposition on what is there, and how it is answered.
+
+#include "embedded/faults.h"
+#include "tests/driver/create_client.h"
+#include "tests/driver/request_log.h"
+
+namespace {
+
+using providers::Call;
+using providers::ProviderError;
+using providers::Slot;
+using test::AsDirectory;
+using test::ForDelete;
+using test::IsQuestion;
+using test::IsRealOpen;
+using test::Open;
+using test::With;
+
+constexpr ULONG D = FILE_DIRECTORY_FILE;
+constexpr ULONG N = FILE_NON_DIRECTORY_FILE;
+
+class Creates : public test::CreateFixture {
+protected:
+    void FailOpen(USHORT Code) {
+        Provider.OnCall(Slot::CreateFile, IsRealOpen).Return(ProviderError(Code));
+    }
+};
+
+// ---- The decision table
+
+enum class There { File, Directory, Nothing };
+
+struct Decision {
+    There What;
+    std::vector<ULONG> Flags;
+    std::vector<ULONG> Dispositions;
+    std::vector<std::string> Calls; // after the path was looked up
+    NTSTATUS Status;
+    ULONG_PTR Information;
+};
+
+const std::vector<ULONG> Any = {FILE_SUPERSEDE, FILE_OPEN,      FILE_CREATE,
+                                FILE_OPEN_IF,   FILE_OVERWRITE, FILE_OVERWRITE_IF};
+const std::vector<ULONG> Opening = {FILE_OPEN, FILE_OVERWRITE};
+const std::vector<ULONG> OpeningOrCreating = {FILE_SUPERSEDE, FILE_OPEN_IF, FILE_OVERWRITE_IF};
+const std::vector<ULONG> Replacing = {FILE_SUPERSEDE, FILE_OVERWRITE_IF};
+
+using Names = std::vector<std::string>;
+
+Names operator+(Names Left, const Names &Right) {
+    Left.insert(Left.end(), Right.begin(), Right.end());
+    return Left;
+}
+
+const Names OpenFile = {"CreateFile", "GetFileInformation"};
+const Names Root = {"QueryPathForVolume", "OpenVolume", "CloseVolume"}; // the parent is looked for
+const Names Ask = {"OpenDirectory", "CreateFile"};                      // what kind is it
+
+const Decision Decisions[] = {
+    {There::Directory, {0, D}, Opening, {"OpenDirectory"}, STATUS_SUCCESS, FILE_OPENED},
+    {There::Directory, {0, D}, {FILE_CREATE}, {"CreateDirectory"}, STATUS_OBJECT_NAME_COLLISION, FILE_EXISTS},
+    {There::Directory, {0, D}, OpeningOrCreating, {"OpenDirectory"}, STATUS_SUCCESS, FILE_OPENED},
+    {There::Directory, {N, D | N}, Any, {}, STATUS_FILE_IS_A_DIRECTORY, FILE_DOES_NOT_EXIST},
+    {There::File, {D | N}, Any, {}, STATUS_FILE_IS_A_DIRECTORY, FILE_DOES_NOT_EXIST},
+    {There::File, {D}, Opening, Names{"OpenDirectory"} + Root, STATUS_NOT_A_DIRECTORY, FILE_DOES_NOT_EXIST},
+    {There::File, {D}, {FILE_CREATE}, {"CreateDirectory"}, STATUS_OBJECT_NAME_COLLISION, FILE_EXISTS},
+    {There::File,
+     {D},
+     OpeningOrCreating,
+     {"OpenDirectory", "CreateDirectory"},
+     STATUS_OBJECT_NAME_COLLISION,
+     FILE_EXISTS},
+    {There::File, {0, N}, {FILE_OPEN, FILE_OPEN_IF}, OpenFile, STATUS_SUCCESS, FILE_OPENED},
+    {There::File, {0, N}, {FILE_CREATE}, {"CreateFile"}, STATUS_OBJECT_NAME_COLLISION, FILE_EXISTS},
+    {There::File, {0, N}, {FILE_OVERWRITE}, OpenFile, STATUS_SUCCESS, FILE_OVERWRITTEN},
+    {There::File, {0, N}, Replacing, OpenFile, STATUS_SUCCESS, FILE_SUPERSEDED},
+    {There::Nothing, {D | N}, Any, Ask, STATUS_FILE_IS_A_DIRECTORY, FILE_DOES_NOT_EXIST},
+    {There::Nothing,
+     {D},
+     Opening,
+     Ask + Names{"OpenDirectory"} + Root,
+     STATUS_OBJECT_NAME_NOT_FOUND,
+     FILE_DOES_NOT_EXIST},
+    {There::Nothing, {D}, {FILE_CREATE}, Ask + Names{"CreateDirectory"}, STATUS_SUCCESS, FILE_CREATED},
+    {There::Nothing,
+     {D},
+     OpeningOrCreating,
+     Ask + Names{"OpenDirectory", "CreateDirectory", "OpenDirectory"},
+     STATUS_SUCCESS,
+     FILE_CREATED},
+    {There::Nothing, {N}, Opening, Ask + Names{"CreateFile"}, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST},
+    {There::Nothing,
+     {N},
+     {FILE_CREATE, FILE_OPEN_IF, FILE_SUPERSEDE, FILE_OVERWRITE_IF},
+     Ask + OpenFile,
+     STATUS_SUCCESS,
+     FILE_CREATED},
+    {There::Nothing,
+     {0},
+     {FILE_CREATE, FILE_OPEN_IF, FILE_SUPERSEDE, FILE_OVERWRITE_IF},
+     Ask + Ask + OpenFile,
+     STATUS_SUCCESS,
+     FILE_CREATED},
+    {There::Nothing, {0}, Opening, Ask + Ask + Root, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST},
+};
+
+TEST_F(Creates, DecideByTypeFlagsEntryAndDisposition) {
+    size_t Rows = 0;
+    for (const Decision &Row : Decisions) {
+        for (const ULONG Flags : Row.Flags) {
+            for (const ULONG Disposition : Row.Dispositions) {
+                SCOPED_TRACE(::testing::Message() << "entry " << static_cast<int>(Row.What) << " flags " << Flags
+                                                  << " disposition " << Disposition);
+                Provider.Edit([&](providers::Tree &Tree) {
+                    Tree.AddFile(u"\\srv\\vol\\x", "here");
+                    if (Row.What != There::File) {
+                        Tree.Delete(false, 0, u"\\srv\\vol\\x");
+                    }
+                    if (Row.What == There::Directory) {
+                        Tree.AddDirectory(u"\\srv\\vol\\x");
+                    }
+                });
+                Bind();
+                Open Request = With({.Options = test::Synchronous | Flags}, Disposition);
+                const embedded::CreateResult Result = Create(u"\\srv\\vol\\x", Request);
+                EXPECT_EQ(Result.Status, Row.Status);
+                EXPECT_EQ(Result.Information, Row.Information);
+                Names Expected = Row.What == There::File ? Names{"CreateFile", "CloseFile"} : Names{"CreateFile"};
+                Expected = Expected + Names{"QueryPathForVolume", "OpenVolume"} + Row.Calls;
+                if (Row.Status == STATUS_SUCCESS) {
+                    const bool IsFile = Fcb(Result.Handle)->OpenType == OPEN_TYPE_FILE;
+                    EXPECT_EQ(IsFile, Row.Calls.back() == "GetFileInformation");
+                    EXPECT_EQ(Instance(Result.Handle)->FileHandle != 0, IsFile);
+                } else {
+                    Expected.push_back("CloseVolume");
+                }
+                EXPECT_EQ(Provider.CompareCalls(Expected), "");
+                if (Result.Handle != nullptr) {
+                    Close(Result.Handle);
+                }
+                ExpectNothingOpen("the row");
+                Provider.Edit([](providers::Tree &Tree) {
+                    Tree.Delete(true, 0, u"\\srv\\vol\\x");
+                    Tree.Delete(false, 0, u"\\srv\\vol\\x");
+                });
+                ++Rows;
+            }
+        }
+    }
+    EXPECT_EQ(Rows, 3u * 4u * 6u) << "a row of the table is missing";
+}
+
+TEST(CreateAction, OfADispositionDependsOnTheKind) {
+    constexpr ULONG Directory[] = {ACTION_CREATE_OPEN_DIR, ACTION_OPEN_DIR, ACTION_CREATE_DIR,
+                                   ACTION_CREATE_OPEN_DIR, ACTION_OPEN_DIR, ACTION_CREATE_OPEN_DIR};
+    constexpr ULONG File[] = {ACTION_REPLACE_FILE,        ACTION_OPEN_FILE,      ACTION_CREATE_NEW_FILE,
+                              ACTION_OPEN_OR_CREATE_FILE, ACTION_OVERWRITE_FILE, ACTION_REPLACE_FILE};
+    for (ULONG Disposition = 0; Disposition <= FILE_OVERWRITE_IF; Disposition++) {
+        ULONG Action = 99;
+        EXPECT_EQ(NtFsdActionFromDisposition(TRUE, FALSE, Disposition, &Action), STATUS_SUCCESS);
+        EXPECT_EQ(Action, Directory[Disposition]);
+        EXPECT_EQ(NtFsdActionFromDisposition(TRUE, TRUE, Disposition, &Action), STATUS_SUCCESS);
+        EXPECT_EQ(Action, Directory[Disposition]);
+        EXPECT_EQ(NtFsdActionFromDisposition(FALSE, TRUE, Disposition, &Action), STATUS_SUCCESS);
+        EXPECT_EQ(Action, File[Disposition]);
+        EXPECT_EQ(NtFsdActionFromDisposition(FALSE, FALSE, Disposition, &Action), STATUS_UNSUCCESSFUL);
+    }
+    ULONG Action = 99;
+    EXPECT_EQ(NtFsdActionFromDisposition(FALSE, TRUE, 6, &Action), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Action, 99u);
+}
+
+// ---- What the Provider is given
+
+TEST_F(Creates, HandTheProviderItsOwnEncodings) {
+    struct Case {
+        ACCESS_MASK Access;
+        ULONG Options;
+        ULONG Disposition;
+        ULONG64 ProviderAccess, ProviderOptions, ProviderDisposition;
+    };
+    constexpr Case Cases[] = {
+        {FILE_READ_DATA, 0, FILE_OPEN, 0x2, 0, 3},
+        {FILE_WRITE_DATA, FILE_WRITE_THROUGH, FILE_SUPERSEDE, 0x4, 0x1, 2},
+        {FILE_EXECUTE, FILE_NO_INTERMEDIATE_BUFFERING, FILE_OPEN_IF, 0x8, 0x2, 4},
+        {DELETE, FILE_RANDOM_ACCESS, FILE_OPEN, 0x11, 0x8, 3},
+        {FILE_APPEND_DATA, FILE_SEQUENTIAL_ONLY, FILE_OVERWRITE, 0x5, 0x10, 5},
+        {FILE_READ_ATTRIBUTES, FILE_OPEN_FOR_BACKUP_INTENT, FILE_OVERWRITE_IF, 0x1, 0x20, 2},
+        {0, 0, FILE_OPEN, 0x1, 0, 3},
+        {SYNCHRONIZE, 0, FILE_OPEN, 0, 0, 3},
+        {MAXIMUM_ALLOWED, 0, FILE_OPEN, 0, 0, 3},
+        {FILE_READ_DATA | FILE_WRITE_DATA | FILE_EXECUTE | DELETE | FILE_APPEND_DATA, FILE_DELETE_ON_CLOSE, FILE_OPEN,
+         0x1F, 0, 3},
+    };
+    for (const Case &Each : Cases) {
+        Provider.AddFile(u"\\srv\\vol\\e.txt", "x");
+        const HANDLE Handle = MustOpen(u"\\srv\\vol\\e.txt", With({.Access = Each.Access,
+                                                                   .Share = FILE_SHARE_READ | FILE_SHARE_DELETE,
+                                                                   .Options = Each.Options,
+                                                                   .Attributes = 0x1BF},
+                                                                  Each.Disposition));
+        const Call Made = Last(Slot::CreateFile);
+        EXPECT_EQ(Made.Number("access"), Each.ProviderAccess) << Made.Format();
+        EXPECT_EQ(Made.Number("options"), Each.ProviderOptions) << Made.Format();
+        EXPECT_EQ(Made.Number("disposition"), Each.ProviderDisposition) << Made.Format();
+        EXPECT_EQ(Made.Number("share"), 5u);
+        EXPECT_EQ(Made.Number("attributes"), 0x27u) << "only what may be set is passed on";
+        EXPECT_EQ(Made.String("path"), u"e.txt");
+        EXPECT_EQ(Made.Number("base"), Instance(Handle)->VolumeHandle);
+        EXPECT_EQ(Instance(Handle)->ProviderAccess, Each.ProviderAccess);
+        EXPECT_EQ(Instance(Handle)->ProviderOptions, Each.ProviderOptions);
+        EXPECT_EQ(Instance(Handle)->ShareMode, 5u);
+        EXPECT_EQ((Fcb(Handle)->OpenFlags & FCB_STATE_EXECUTE_ACCESS) != 0, (Each.Access & FILE_EXECUTE) != 0);
+        Provider.Edit([](providers::Tree &Tree) { Tree.Find(u"\\srv\\vol\\e.txt")->Attributes = 0; });
+        Close(Handle);
+    }
+}
+
+TEST_F(Creates, UncachedReadersThatShareWritingShareReadingToo) {
+    for (const bool Uncached : {false, true}) {
+        const HANDLE Handle =
+            MustOpen(u"\\srv\\vol\\a.txt", With({.Access = FILE_READ_DATA | SYNCHRONIZE, .Share = FILE_SHARE_WRITE},
+                                                FILE_OPEN, Uncached ? FILE_NO_INTERMEDIATE_BUFFERING : 0));
+        EXPECT_EQ(Last(Slot::CreateFile).Number("share"), Uncached ? 3u : 2u);
+        EXPECT_EQ(Instance(Handle)->ShareMode, Uncached ? 3u : 2u);
+        EXPECT_EQ(Fcb(Handle)->ShareAccess.SharedRead, Uncached ? 1u : 0u);
+        Close(Handle);
+    }
+}
+
+TEST_F(Creates, TellWhatTheProviderDidByItsAction) {
+    struct Case {
+        ULONG Action;
+        ULONG_PTR Information;
+    };
+    for (const Case &Each : {Case{1, FILE_OPENED}, Case{2, FILE_CREATED}, Case{0, FILE_SUPERSEDED},
+                             Case{3, FILE_SUPERSEDED}, Case{77, FILE_SUPERSEDED}}) {
+        Provider.OnCall(Slot::CreateFile, IsRealOpen).Answer([&](providers::Outputs &Out) {
+            *Out.CreateAction = Each.Action;
+        });
+        ExpectOpened(u"\\srv\\vol\\a.txt", With({}, FILE_OPEN_IF), Each.Information);
+        ExpectOpened(u"\\srv\\vol\\a.txt", With({}, FILE_OVERWRITE), FILE_OVERWRITTEN);
+        Provider.ClearScript();
+    }
+}
+
+TEST_F(Creates, TakeTheSizesOfTheFileWhenTheyCanBeHad) {
+    HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, 10);
+    Close(Handle);
+    for (const RVSTATUS Raw : {ProviderError(0x0102), static_cast<RVSTATUS>(0x40000000)}) {
+        Provider.OnCall(Slot::GetFileInformation).ReturnAfter(Raw);
+        Handle = MustOpen(u"\\srv\\vol\\a.txt");
+        EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, 0) << "only an answer of exactly success counts";
+        Close(Handle);
+        Provider.ClearScript();
+    }
+}
+
+// ---- Failures of the Provider
+
+TEST_F(Creates, MapFailuresOfTheFileOpen) {
+    struct Case {
+        ULONG Raw;
+        NTSTATUS Status;
+        ULONG_PTR Information;
+    };
+    constexpr Case Others[] = {
+        {0xC7E70503, STATUS_OBJECT_PATH_NOT_FOUND, FILE_DOES_NOT_EXIST},
+        {0xC7E7050D, STATUS_SHARING_VIOLATION, FILE_EXISTS},
+        {0xC7E7050E, STATUS_SHARING_VIOLATION, FILE_EXISTS},
+        {0xC7E70006, STATUS_ACCESS_DENIED, FILE_SUPERSEDED},
+        {0xC7E70107, STATUS_ACCESS_DENIED, FILE_SUPERSEDED},
+        {0xC7E70506, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST},
+        {0xC7E70509, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST},
+        {0xC7E70510, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST},
+        {0xC7E7000E, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST}, // pending
+        {0xC7E70000, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST}, // an error without a code
+        {0x00000000, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST}, // success without a handle
+        {0x00000516, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST},
+        {0x80000006, STATUS_ACCESS_DENIED, FILE_SUPERSEDED}, // the code decides, whatever the severity
+        {0xC0000503, STATUS_OBJECT_PATH_NOT_FOUND, FILE_DOES_NOT_EXIST},
+    };
+    for (const Case &Each : Others) {
+        SCOPED_TRACE(::testing::Message() << std::hex << Each.Raw);
+        Provider.OnCall(Slot::CreateFile, IsRealOpen).Return(static_cast<RVSTATUS>(Each.Raw));
+        for (const ULONG Disposition : {FILE_OPEN, FILE_OPEN_IF, FILE_OVERWRITE, FILE_SUPERSEDE, FILE_OVERWRITE_IF}) {
+            ExpectRefused(u"\\srv\\vol\\a.txt", With({}, Disposition), Each.Status, Each.Information);
+        }
+        // Without a type flag a missing name is replaced, not created new.
+        ExpectRefused(u"\\srv\\vol\\no", With({}, FILE_CREATE), Each.Status, Each.Information);
+        const bool Collides = Each.Status == STATUS_OBJECT_NAME_NOT_FOUND;
+        ExpectRefused(u"\\srv\\vol\\no", With({}, FILE_CREATE, N),
+                      Collides ? STATUS_OBJECT_NAME_COLLISION : Each.Status,
+                      Collides ? static_cast<ULONG_PTR>(FILE_EXISTS) : Each.Information);
+        ExpectNothingOpen("a failed open");
+        Provider.ClearScript();
+    }
+}
+
+TEST_F(Creates, KeepNothingOfAnOpenThatSucceededWithANoteThatIsAFailure) {
+    for (const Slot Operation : {Slot::CreateFile, Slot::OpenDirectory}) {
+        for (const ULONG Raw : {0x80000007u, 0x80000505u}) {
+            Provider.OnCall(Operation).ReturnAfter(static_cast<RVSTATUS>(Raw));
+            for (const ULONG Disposition : Any) {
+                EXPECT_FALSE(NT_SUCCESS(Try(u"\\srv\\vol\\a.txt", With({}, Disposition)).Status) &&
+                             Operation == Slot::CreateFile);
+                Try(u"\\srv\\vol\\docs", With(AsDirectory, Disposition));
+                ExpectNothingOpen("a note");
+            }
+            Provider.ClearScript();
+        }
+    }
+}
+
+TEST_F(Creates, TellAMissingParentFromAMissingName) {
+    struct Case {
+        std::u16string_view Path;
+        ULONG Flags;
+        NTSTATUS Status;
+    };
+    constexpr Case Cases[] = {
+        {u"\\srv\\vol\\docs\\no", 0, STATUS_OBJECT_NAME_NOT_FOUND},
+        {u"\\srv\\vol\\docs\\no", D, STATUS_OBJECT_NAME_NOT_FOUND},
+        {u"\\srv\\vol\\docs\\no", N, STATUS_OBJECT_NAME_NOT_FOUND},
+        {u"\\srv\\vol\\no\\no", 0, STATUS_OBJECT_PATH_NOT_FOUND},
+        {u"\\srv\\vol\\no\\no", D, STATUS_OBJECT_PATH_NOT_FOUND},
+        {u"\\srv\\vol\\no\\no", N, STATUS_OBJECT_PATH_NOT_FOUND},
+    };
+    for (const Case &Each : Cases) {
+        for (const ULONG Disposition : {FILE_OPEN, FILE_OVERWRITE}) {
+            ExpectRefused(Each.Path, With({.Options = test::Synchronous | Each.Flags}, Disposition), Each.Status);
+        }
+    }
+}
+
+TEST_F(Creates, AskForTheParentWhenTheProviderSaysNoSuchFileForBoth) {
+    // A Provider that does not tell the two apart: the probe of the parent decides.
+    Provider.OnPath(Slot::CreateFile, u"\\srv\\vol\\gone\\no").Return(ProviderError(0x0506));
+    Provider.OnPath(Slot::CreateFile, u"gone\\no").Return(ProviderError(0x0506));
+    Provider.OnPath(Slot::OpenDirectory, u"gone\\no").Return(ProviderError(0x0506));
+    for (const ULONG Flags : {0u, D}) {
+        ExpectRefused(u"\\srv\\vol\\gone\\no", {.Options = test::Synchronous | Flags}, STATUS_OBJECT_PATH_NOT_FOUND);
+    }
+    ExpectRefused(u"\\srv\\vol\\gone\\no", With({.Options = D}, FILE_CREATE), STATUS_OBJECT_PATH_NOT_FOUND);
+}
+
+TEST_F(Creates, OfDirectoriesAnswerTheProvidersFailure) {
+    Provider.OnCall(Slot::OpenDirectory).Return(ProviderError(0x0006));
+    ExpectRefused(u"\\srv\\vol\\docs", AsDirectory, STATUS_ACCESS_DENIED);
+    Provider.ClearScript();
+    Provider.OnCall(Slot::CreateDirectory).Return(ProviderError(0x0509));
+    ExpectRefused(u"\\srv\\vol\\new", With(AsDirectory, FILE_CREATE), STATUS_DISK_FULL);
+    ExpectRefused(u"\\srv\\vol\\new", With(AsDirectory, FILE_OPEN_IF), STATUS_OBJECT_NAME_COLLISION, FILE_EXISTS);
+    Provider.ClearScript();
+    Provider.OnCall(Slot::CreateDirectory).Return(static_cast<RVSTATUS>(0xC7E70000));
+    ExpectRefused(u"\\srv\\vol\\new", With(AsDirectory, FILE_CREATE), STATUS_UNSUCCESSFUL);
+    ExpectNothingOpen("failed directories");
+}
+
+TEST_F(Creates, FailWhenWhatIsThereCannotBeFoundOutAndNoTypeWasGiven) {
+    Provider.OnCall(Slot::CreateFile, [](const Call &Made) { return IsQuestion(Made) && Made.Number("base") != 0; })
+        .Return(ProviderError(0x0102));
+    ExpectRefused(u"\\srv\\vol\\no", With({}, FILE_OPEN_IF), STATUS_NETWORK_BUSY);
+    ExpectOpened(u"\\srv\\vol\\no", With({}, FILE_OPEN_IF, N), FILE_CREATED);
+}
+
+// ---- Directories
+
+TEST_F(Creates, ADirectoryThatWasCreatedOnlyHasNoHandleOfItsOwn) {
+    HANDLE Handle = MustOpen(u"\\srv\\vol\\new", With(AsDirectory, FILE_CREATE));
+    EXPECT_EQ(Instance(Handle)->DirHandle, 0u);
+    EXPECT_EQ(Fcb(Handle)->OpenType, OPEN_TYPE_DIRECTORY + 0u);
+    EXPECT_EQ(Fcb(Handle)->VolumeResolved, 0);
+    Close(Handle);
+    Handle = MustOpen(u"\\srv\\vol\\newer", With(AsDirectory, FILE_OPEN_IF));
+    EXPECT_NE(Instance(Handle)->DirHandle, 0u);
+    EXPECT_EQ(Instance(Handle)->RelatedHandle, Instance(Handle)->DirHandle);
+    EXPECT_EQ(Fcb(Handle)->VolumeResolved, 0);
+    Close(Handle);
+}
+
+TEST_F(Creates, ADirectoryThatWasCreatedButCannotBeOpenedIsADirectoryAllTheSame) {
+    for (const ULONG Raw : {0xC7E70006u, 0x40000000u}) {
+        Provider.OnCall(Slot::OpenDirectory, [](const Call &Made) { return Made.String("path") == u"new"; })
+            .Nth(3)
+            .ReturnAfter(static_cast<RVSTATUS>(Raw));
+        const HANDLE Handle = MustOpen(u"\\srv\\vol\\new", With(AsDirectory, FILE_OPEN_IF));
+        EXPECT_EQ(Instance(Handle)->DirHandle, 0u);
+        EXPECT_EQ(Fcb(Handle)->OpenType, OPEN_TYPE_DIRECTORY + 0u);
+        Close(Handle);
+        Provider.ClearScript();
+        Provider.Edit([](providers::Tree &Tree) { Tree.Delete(true, 0, u"\\srv\\vol\\new"); });
+        ExpectNothingOpen("the close");
+    }
+}
+
+TEST_F(Creates, AVolumeRootOpensWhateverTheDisposition) {
+    for (const ULONG Disposition : Any) {
+        Provider.ClearCalls();
+        ExpectOpened(u"\\srv\\vol", With(AsDirectory, Disposition), FILE_OPENED);
+        EXPECT_EQ(
+            Provider.CompareCalls({"QueryPathForVolume", "OpenVolume", "CloseVolume", "OpenVolume", "CloseVolume"}),
+            "");
+    }
+    ExpectOpened(u"\\srv\\vol\\", AsDirectory, FILE_OPENED);
+    ExpectOpened(u"\\srv\\vol", With({}, FILE_OPEN, N), FILE_OPENED);
+    ExpectRefused(u"\\srv\\vol\\", With({}, FILE_OPEN, N), STATUS_FILE_IS_A_DIRECTORY);
+    Open Deleting = With(AsDirectory, FILE_OPEN, FILE_DELETE_ON_CLOSE);
+    Deleting.Access |= DELETE;
+    ExpectRefused(u"\\srv\\vol", Deleting, STATUS_CANNOT_DELETE);
+    ExpectRefused(u"\\none\\vol", AsDirectory, STATUS_BAD_NETWORK_PATH);
+}
+
+TEST_F(Creates, AVolumeRootByAnEmptyRelativeNameIsNotDeletedEither) {
+    const HANDLE RootHandle = MustOpen(u"\\srv\\vol", AsDirectory);
+    Open Deleting = With(AsDirectory, FILE_OPEN, FILE_DELETE_ON_CLOSE);
+    Deleting.Access |= DELETE;
+    Deleting.Related = RootHandle;
+    ExpectRefused(u"", Deleting, STATUS_CANNOT_DELETE);
+    EXPECT_EQ(Fcb(RootHandle)->VolumeResolved, 1);
+    Close(RootHandle);
+}
+
+TEST_F(Creates, ATrailingBackslashIsForDirectories) {
+    ExpectOpened(u"\\srv\\vol\\docs\\", AsDirectory, FILE_OPENED);
+    ExpectOpened(u"\\srv\\vol\\docs\\", {}, FILE_OPENED);
+    for (const ULONG Flags : {0u, N}) {
+        ExpectRefused(u"\\srv\\vol\\a.txt\\", {.Options = test::Synchronous | Flags}, STATUS_OBJECT_NAME_INVALID);
+        ExpectRefused(u"\\srv\\vol\\no\\", With({}, FILE_OPEN_IF, Flags), STATUS_OBJECT_NAME_INVALID);
+    }
+    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\no"));
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\new\\", With(AsDirectory, FILE_CREATE));
+    EXPECT_EQ(View(Fcb(Handle)->FullPath), u"\\srv\\vol\\new");
+    EXPECT_EQ(Instance(Handle)->TrailingSlash, 1);
+    Close(Handle);
+}
+
+// ---- Requests that no path is looked up for
+
+TEST_F(Creates, AreRefusedBeforeTheProviderIsAskedWhenTheyCannotBeServed) {
+    Bind();
+    ExpectRefused(u"\\srv\\vol\\a.txt", With({}, FILE_OPEN, FILE_OPEN_BY_FILE_ID), STATUS_NOT_SUPPORTED);
+    for (const ULONG Disposition : {6u, 7u, 0xFFu}) {
+        ExpectRefused(u"\\srv\\vol\\a.txt", With({}, Disposition), STATUS_INVALID_PARAMETER);
+        ExpectRefused(u"\\srv\\vol", With(AsDirectory, Disposition), STATUS_INVALID_PARAMETER);
+    }
+    EXPECT_EQ(Provider.CountCalls(), 0u);
+    ExpectNothingOpen("refusals");
+}
+
+} // namespace

@@ -1,0 +1,624 @@
+// FCBs: one per path, found by path; how opens name their object to the Provider; the file-object check.
+
+#include "embedded/faults.h"
+#include "tests/driver/create_client.h"
+
+namespace {
+
+using providers::ProviderError;
+using providers::Slot;
+using test::AsDirectory;
+using test::ForDelete;
+using test::Open;
+using test::With;
+
+class Fcbs : public test::CreateFixture {
+protected:
+    // What the open calls its object when it asks the Provider.
+    std::u16string PathLeft(HANDLE Handle) {
+        return Instance(Handle)->PathLeft;
+    }
+    std::u16string FullPath(HANDLE Handle) {
+        return View(Fcb(Handle)->FullPath);
+    }
+    // Ends an open whose FCB is held.
+    static void Drop(IRP_CONTEXT &Request, PFCB Found, PINSTANCE_CONTEXT Made, ResourceHold &Hold) {
+        Hold.Release();
+        ResourceHold Table;
+        Table.AcquireExclusive(&FcbTableResource, TRUE);
+        Hold.AcquireExclusive(&Found->Resource, TRUE);
+        BOOLEAN Freed = FALSE;
+        EXPECT_EQ(TwSupDereference(&Request, Found, Made, &Freed, Hold), STATUS_SUCCESS);
+        EXPECT_TRUE(Freed);
+    }
+    // PathLeft of an open points into the path of its FCB.
+    void ExpectPathLeftInside(HANDLE Handle) {
+        const UNICODE_STRING &Path = Fcb(Handle)->FullPath;
+        const PWSTR Left = Instance(Handle)->PathLeft;
+        EXPECT_GE(Left, Path.Buffer);
+        EXPECT_LE(Left, Path.Buffer + Path.Length / sizeof(WCHAR));
+    }
+};
+
+TEST_F(Fcbs, OnePathHasOneFcbInWhateverLetterCase) {
+    const HANDLE First = MustOpen(u"\\srv\\vol\\docs\\f.txt");
+    const HANDLE Second = MustOpen(u"\\SRV\\Vol\\DOCS\\F.TXT");
+    const HANDLE Other = MustOpen(u"\\srv\\vol\\docs");
+    EXPECT_EQ(Fcb(First), Fcb(Second));
+    EXPECT_NE(Fcb(First), Fcb(Other));
+    EXPECT_EQ(Fcb(First)->OpenCount, 2u);
+    EXPECT_EQ(Fcb(First)->UncleanCount, 2u);
+    EXPECT_EQ(FullPath(Second), u"\\srv\\vol\\docs\\f.txt");
+    EXPECT_EQ(FcbPrefixCount, 2u);
+    EXPECT_NE(Instance(First), Instance(Second));
+    EXPECT_EQ(FileObject(Second)->SectionObjectPointer, &Fcb(First)->SectionObjectPointers);
+    Close(First);
+    EXPECT_EQ(Fcb(Second)->OpenCount, 1u);
+    EXPECT_EQ(Fcb(Second)->UncleanCount, 1u);
+    Close(Second);
+    Close(Other);
+    ExpectNothingOpen("the last close");
+}
+
+TEST_F(Fcbs, HaveAHeaderThatTheSystemUnderstands) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    const PFCB Found = Fcb(Handle);
+    EXPECT_EQ(Found->Header.NodeTypeCode, 0x7705);
+    EXPECT_EQ(Found->Header.NodeByteSize, 0x58);
+    EXPECT_EQ(Found->NodeTypeCode, 0x7704u);
+    EXPECT_TRUE(Found->Header.Flags & FSRTL_FLAG_ADVANCED_HEADER);
+    EXPECT_TRUE(Found->Header.Flags2 & FSRTL_FLAG2_SUPPORTS_FILTER_CONTEXTS);
+    EXPECT_EQ(Found->Header.IsFastIoPossible, FastIoIsNotPossible);
+    EXPECT_EQ(Found->Header.Resource, &Found->Resource);
+    EXPECT_EQ(Found->Header.PagingIoResource, &Found->PagingIoResource);
+    EXPECT_EQ(Found->PrefixState, 1);
+    EXPECT_TRUE(Found->OpenFlags & FCB_STATE_IN_PREFIX_TABLE);
+    EXPECT_EQ(Found->Header.FileSize.QuadPart, 10);
+    EXPECT_EQ(Found->Header.AllocationSize.QuadPart, 10);
+    EXPECT_EQ(Found->Header.ValidDataLength.QuadPart, 10);
+    EXPECT_EQ(Instance(Handle)->NodeTypeCode, 0x7706u);
+    EXPECT_EQ(Instance(Handle)->FileObject, FileObject(Handle));
+    Close(Handle);
+}
+
+// ---- Names
+
+struct NameCase {
+    const char *Name;
+    std::u16string_view Path;
+};
+
+class RefusedName : public Fcbs, public testing::WithParamInterface<NameCase> {};
+
+TEST_P(RefusedName, IsInvalidBeforeTheProviderIsAsked) {
+    Bind();
+    ExpectRefused(GetParam().Path, With({}, FILE_OPEN_IF), STATUS_OBJECT_NAME_INVALID);
+    EXPECT_EQ(Provider.CountCalls(), 0u);
+    ExpectNothingOpen("a refused name");
+}
+
+INSTANTIATE_TEST_SUITE_P(Names, RefusedName,
+                         testing::Values(NameCase{"Star", u"\\srv\\vol\\*.txt"},
+                                         NameCase{"Question", u"\\srv\\vol\\a?"},
+                                         NameCase{"OnlyStar", u"\\srv\\vol\\docs\\*"},
+                                         NameCase{"StarAndSlash", u"\\srv\\vol\\a*\\"},
+                                         NameCase{"EmptyComponent", u"\\srv\\vol\\\\a.txt"},
+                                         NameCase{"TwoTrailingSlashes", u"\\srv\\vol\\docs\\\\"},
+                                         NameCase{"OnlySlashes", u"\\\\"}, NameCase{"OneSlash", u"\\"},
+                                         NameCase{"EmbeddedZero", std::u16string_view(u"\\srv\\vol\\a\0b", 12)}),
+                         [](const auto &Info) { return Info.param.Name; });
+
+TEST_F(Fcbs, WildcardsInAnEarlierComponentAreTheProvidersBusiness) {
+    Bind();
+    ExpectRefused(u"\\srv\\vol\\d*cs\\f.txt", {}, STATUS_OBJECT_PATH_NOT_FOUND);
+    EXPECT_EQ(Provider.CountCalls(), 1u);
+}
+
+TEST_F(Fcbs, AServerAloneIsABadPath) {
+    ExpectRefused(u"\\srv", {}, STATUS_BAD_NETWORK_PATH);
+}
+
+TEST_F(Fcbs, APathOf32KilobytesIsOpenedAndALongerOneRefused) {
+    const std::u16string Parent = u"\\srv\\vol\\" + std::u16string(16000, u'p');
+    const std::u16string Path = Parent + u"\\" + std::u16string(16000, u'f');
+    Provider.AddFile(Path, "far away");
+    const HANDLE Handle = MustOpen(Path);
+    EXPECT_EQ(FullPath(Handle), Path);
+    EXPECT_EQ(ReadAll(Handle), "far away");
+    Close(Handle);
+    const HANDLE Directory = MustOpen(Parent, AsDirectory);
+    Open Below = {};
+    Below.Related = Directory;
+    Provider.ClearCalls();
+    ExpectRefused(std::u16string(16800, u'x'), Below, STATUS_OBJECT_NAME_INVALID); // 65534 bytes with its base
+    EXPECT_EQ(Provider.CountCalls(), 0u);
+    Close(Directory);
+}
+
+// ---- How opens name their object
+
+TEST_F(Fcbs, AnOpenIsNamedRelativeToItsVolume) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\docs\\f.txt");
+    EXPECT_EQ(PathLeft(Handle), u"docs\\f.txt");
+    const PINSTANCE_CONTEXT Context = Instance(Handle);
+    EXPECT_NE(Context->VolumeHandle, 0u);
+    EXPECT_EQ(Context->BaseHandle, Context->VolumeHandle);
+    EXPECT_EQ(Context->RelatedHandle, Context->VolumeHandle);
+    EXPECT_EQ(Fcb(Handle)->VolumeResolved, 1);
+    ExpectPathLeftInside(Handle);
+    Close(Handle);
+}
+
+TEST_F(Fcbs, AVolumeRootHasNothingLeftOfItsPath) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol", AsDirectory);
+    EXPECT_EQ(PathLeft(Handle), u"");
+    ExpectPathLeftInside(Handle);
+    const PINSTANCE_CONTEXT Context = Instance(Handle);
+    EXPECT_NE(Context->VolumeHandle, 0u);
+    EXPECT_EQ(Context->BaseHandle, Context->VolumeHandle);
+    EXPECT_EQ(Context->RelatedHandle, Context->VolumeHandle);
+    EXPECT_EQ(Context->DirHandle, 0u);
+    EXPECT_EQ(Fcb(Handle)->OpenType, OPEN_TYPE_DIRECTORY + 0u);
+    Close(Handle);
+}
+
+TEST_F(Fcbs, WhenTheVolumeCannotBeOpenedTheWholePathNamesTheObject) {
+    for (const Slot Fails : {Slot::QueryPathForVolume, Slot::OpenVolume}) {
+        Provider.OnCall(Fails).Return(ProviderError(0x0101));
+        const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+        EXPECT_EQ(PathLeft(Handle), u"\\srv\\vol\\a.txt");
+        EXPECT_EQ(Instance(Handle)->BaseHandle, 0u);
+        EXPECT_EQ(Instance(Handle)->RelatedHandle, 0u);
+        EXPECT_EQ(Instance(Handle)->VolumeHandle, 0u);
+        EXPECT_EQ(ReadAll(Handle), "0123456789");
+        Close(Handle);
+        Provider.ClearScript();
+    }
+}
+
+struct VolumePathCase {
+    const char *Name;
+    std::u16string_view Answer;
+    std::u16string_view PathLeft; // of \srv\vol\docs\f.txt
+};
+
+class VolumePath : public Fcbs, public testing::WithParamInterface<VolumePathCase> {};
+
+TEST_P(VolumePath, SplitsOnlyAtAComponentOfThePath) {
+    Bind();
+    IRP_CONTEXT Request = Context(embedded::CreateFileObject(Device(), u"x", 0));
+    RVHANDLE Volume = 0;
+    ASSERT_EQ(RVFsdOpenVolume(&Request.SecurityContext, u"\\srv\\vol", &Volume), RVSTATUS::Success);
+    Provider.OnCall(Slot::QueryPathForVolume).AnswerPath(std::u16string(GetParam().Answer));
+    // Whatever it is called, it is a volume.
+    Provider.OnCall(Slot::OpenVolume)
+        .Answer([Volume](providers::Outputs &Out) { *Out.Handle = Volume; })
+        .ReturnAfter({});
+
+    UNICODE_STRING Name = Counted(u"\\srv\\vol\\docs\\f.txt");
+    PFCB Found = nullptr;
+    PINSTANCE_CONTEXT Made = nullptr;
+    ULONG OpenCount = 0;
+    ULONG EntryType = 0;
+    ResourceHold Hold;
+    ASSERT_EQ(NtFsdOpenFcb(&Request, nullptr, &Name, &Found, &Made, &OpenCount, &EntryType, Hold), STATUS_SUCCESS);
+    EXPECT_EQ(std::u16string(Made->PathLeft), GetParam().PathLeft);
+    EXPECT_EQ(EntryType, ENTRY_TYPE_FILE + 0u);
+    const bool Resolved = GetParam().PathLeft[0] != u'\\';
+    EXPECT_EQ(Made->VolumeHandle, Resolved ? Volume : 0);
+    EXPECT_EQ(Made->BaseHandle, Made->VolumeHandle);
+    EXPECT_EQ(Made->RelatedHandle, Made->VolumeHandle);
+    EXPECT_EQ(Found->VolumeResolved, Resolved ? 1 : 0);
+    if (Made->VolumeHandle != 0) {
+        RVFsdCloseVolume(&Request.SecurityContext, Made->VolumeHandle);
+    }
+    Drop(Request, Found, Made, Hold);
+    EXPECT_EQ(Request.FileObject->FsContext, nullptr);
+    EXPECT_EQ(Request.FileObject->FsContext2, nullptr);
+    embedded::DereferenceFileObject(Request.FileObject);
+    ExpectNothingOpen("the dereference");
+}
+
+INSTANTIATE_TEST_SUITE_P(Answers, VolumePath,
+                         testing::Values(VolumePathCase{"TheVolume", u"\\srv\\vol", u"docs\\f.txt"},
+                                         VolumePathCase{"ADeepVolume", u"\\srv\\vol\\docs", u"f.txt"},
+                                         VolumePathCase{"InsideAComponent", u"\\srv\\vo", u"\\srv\\vol\\docs\\f.txt"},
+                                         VolumePathCase{"InsideALaterOne", u"\\srv\\vol\\do",
+                                                        u"\\srv\\vol\\docs\\f.txt"},
+                                         VolumePathCase{"LongerThanThePath", u"\\srv\\vol\\docs\\f.txt\\and\\more",
+                                                        u"\\srv\\vol\\docs\\f.txt"}),
+                         [](const auto &Info) { return Info.param.Name; });
+
+// ---- Relative opens
+
+class RelativeOpens : public Fcbs {
+protected:
+    Open Below(HANDLE Related, Open Request = {}) {
+        Request.Related = Related;
+        return Request;
+    }
+};
+
+TEST_F(RelativeOpens, AreNamedByTheDirectorysHandleAndShareTheFcbOfThePath) {
+    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+    const HANDLE Whole = MustOpen(u"\\srv\\vol\\docs\\f.txt");
+    const HANDLE Relative = MustOpen(u"F.txt", Below(Directory));
+    EXPECT_EQ(Fcb(Whole), Fcb(Relative));
+    EXPECT_EQ(PathLeft(Relative), u"f.txt");
+    EXPECT_EQ(Instance(Relative)->BaseHandle, Instance(Directory)->DirHandle);
+    EXPECT_EQ(Instance(Relative)->RelatedHandle, Instance(Directory)->DirHandle);
+    EXPECT_EQ(Instance(Relative)->VolumeHandle, 0u);
+    ExpectPathLeftInside(Relative);
+    Close(Directory);
+    Close(Whole);
+    Close(Relative);
+}
+
+TEST_F(RelativeOpens, OfAnEmptyNameOpenTheSameObjectAgain) {
+    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+    for (const std::u16string_view Name : {u"", u"\\"}) {
+        const HANDLE Again = MustOpen(Name, Below(Directory, AsDirectory));
+        EXPECT_EQ(Fcb(Again), Fcb(Directory));
+        EXPECT_EQ(PathLeft(Again), u"docs");
+        EXPECT_NE(Instance(Again)->VolumeHandle, 0u);
+        Close(Again);
+    }
+    const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt");
+    const HANDLE Again = MustOpen(u"", Below(File));
+    EXPECT_EQ(Fcb(Again), Fcb(File));
+    EXPECT_EQ(ReadAll(Again), "0123456789");
+    Close(Again);
+    Close(File);
+    Close(Directory);
+}
+
+TEST_F(RelativeOpens, OfAVolumeRootAreNamedByItsVolumeHandle) {
+    const HANDLE Root = MustOpen(u"\\srv\\vol", AsDirectory);
+    const HANDLE Relative = MustOpen(u"docs\\f.txt", Below(Root));
+    EXPECT_EQ(PathLeft(Relative), u"docs\\f.txt");
+    EXPECT_EQ(Instance(Relative)->BaseHandle, Instance(Root)->VolumeHandle);
+    EXPECT_EQ(FullPath(Relative), u"\\srv\\vol\\docs\\f.txt");
+    Close(Root);
+    EXPECT_EQ(ReadAll(Relative), "inside");
+    Close(Relative);
+}
+
+TEST_F(RelativeOpens, ThroughADirectoryThatWasCreatedOnlyStayInIt) {
+    Open Creating = With(AsDirectory, FILE_CREATE);
+    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs\\new", Creating);
+    EXPECT_EQ(Instance(Directory)->DirHandle, 0u);
+    Open Making = Below(Directory, With({.Access = FILE_WRITE_DATA | SYNCHRONIZE}, FILE_CREATE));
+    const HANDLE File = MustOpen(u"x.txt", Making);
+    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\docs\\new\\x.txt"));
+    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\docs\\x.txt"));
+    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\x.txt"));
+    Close(Directory);
+    Close(File);
+}
+
+TEST_F(RelativeOpens, BelowAFileAreRefused) {
+    const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt");
+    Provider.OnCall(Slot::CreateFile, test::IsQuestion).Return(ProviderError(0x0506));
+    ExpectRefused(u"x", Below(File), STATUS_NOT_A_DIRECTORY);
+    EXPECT_EQ(Fcb(File)->OpenCount, 1u);
+    Close(File);
+}
+
+TEST_F(RelativeOpens, OfAForeignFileObjectAreRefusedBeforeTheProviderIsAsked) {
+    Bind();
+    OBJECT_ATTRIBUTES Attributes;
+    UNICODE_STRING DeviceName = Counted(u"\\Device\\RvFsd");
+    InitializeObjectAttributes(&Attributes, &DeviceName, 0, nullptr, nullptr);
+    embedded::CreateParameters Parameters;
+    Parameters.ObjectAttributes = &Attributes;
+    Parameters.DesiredAccess = FILE_READ_DATA | SYNCHRONIZE;
+    Parameters.Options = test::Synchronous;
+    const embedded::CreateResult OurDevice = embedded::CreateFile(Parameters);
+    ASSERT_EQ(OurDevice.Status, STATUS_SUCCESS);
+    ExpectRefused(u"a.txt", Below(OurDevice.Handle), STATUS_NOT_A_DIRECTORY);
+    ExpectRefused(u"a.txt", Below(OurDevice.Handle, test::AsTarget), STATUS_NOT_A_DIRECTORY);
+    EXPECT_EQ(Provider.CountCalls(), 0u);
+    Close(OurDevice.Handle);
+
+    struct {
+        ULONG Signature;
+        void *Instance;
+    } const Contexts[] = {{0, nullptr}, {0x7701, &Provider}, {0x7704, nullptr}};
+    for (const auto &Each : Contexts) {
+        auto Record = std::make_unique<FCB>();
+        Record->NodeTypeCode = Each.Signature;
+        const PFILE_OBJECT Related = embedded::CreateFileObject(Device(), u"r", 0);
+        const PFILE_OBJECT File = embedded::CreateFileObject(Device(), u"f", 0);
+        Related->FsContext = Each.Signature != 0 ? Record.get() : nullptr;
+        Related->FsContext2 = Each.Instance;
+        IRP_CONTEXT Request = Context(File);
+        UNICODE_STRING Name = Counted(u"a.txt");
+        PFCB Found;
+        PINSTANCE_CONTEXT Made;
+        ULONG OpenCount;
+        ULONG EntryType = 0;
+        ResourceHold Hold;
+        EXPECT_EQ(NtFsdOpenFcb(&Request, Related, &Name, &Found, &Made, &OpenCount, &EntryType, Hold),
+                  STATUS_INVALID_HANDLE);
+        EXPECT_FALSE(Hold.Held());
+        Related->FsContext = Related->FsContext2 = nullptr;
+        embedded::DereferenceFileObject(Related);
+        embedded::DereferenceFileObject(File);
+    }
+    EXPECT_EQ(Provider.CountCalls(), 0u);
+}
+
+TEST_F(RelativeOpens, DeleteTheRightObjectWhenTheDirectoryIsClosedFirst) {
+    // Another directory takes the number that the closed one had, as servers do.
+    Provider.AddFile(u"\\srv\\vol\\docs\\x.txt", "goes");
+    Provider.AddFile(u"\\srv\\vol\\other\\x.txt", "stays");
+    for (const bool Root : {false, true}) {
+        Provider.AddFile(u"\\srv\\vol\\docs\\x.txt", "goes");
+        const HANDLE Directory =
+            Root ? MustOpen(u"\\srv\\vol", AsDirectory) : MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+        const HANDLE File = MustOpen(Root ? u"docs\\x.txt" : u"x.txt",
+                                     Below(Directory, With(ForDelete, FILE_OPEN, FILE_DELETE_ON_CLOSE)));
+        const RVHANDLE Borrowed = Instance(File)->BaseHandle;
+        Close(Directory);
+        EXPECT_EQ(Instance(File)->BaseHandle, 0u);
+        EXPECT_EQ(Instance(File)->RelatedHandle, 0u);
+        EXPECT_EQ(PathLeft(File), u"\\srv\\vol\\docs\\x.txt");
+        Provider.ClearCalls();
+        Close(File);
+        EXPECT_NE(Last(Slot::DeleteFile).Number("base"), Borrowed);
+        EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\docs\\x.txt"));
+        EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\other\\x.txt"));
+    }
+}
+
+TEST_F(RelativeOpens, OfOpensThatBorrowKeepTheirOwnDirectoryHandle) {
+    const HANDLE Root = MustOpen(u"\\srv\\vol", AsDirectory);
+    const HANDLE Docs = MustOpen(u"docs", Below(Root, AsDirectory));
+    const HANDLE File = MustOpen(u"f.txt", Below(Docs));
+    Close(Root);
+    EXPECT_EQ(Instance(Docs)->BaseHandle, 0u);
+    EXPECT_NE(Instance(Docs)->DirHandle, 0u);
+    EXPECT_EQ(Instance(Docs)->RelatedHandle, Instance(Docs)->DirHandle);
+    EXPECT_EQ(Instance(File)->BaseHandle, Instance(Docs)->DirHandle);
+    const HANDLE Again = MustOpen(u"sub", Below(Docs, AsDirectory));
+    EXPECT_EQ(FullPath(Again), u"\\srv\\vol\\docs\\sub");
+    Close(Docs);
+    EXPECT_EQ(PathLeft(File), u"\\srv\\vol\\docs\\f.txt");
+    EXPECT_EQ(ReadAll(File), "inside");
+    Close(File);
+    Close(Again);
+}
+
+// ---- Renaming
+
+class RenamedFcbs : public Fcbs {
+protected:
+    NTSTATUS Rename(HANDLE Handle, std::u16string_view NewPath) {
+        UNICODE_STRING Name = Counted(NewPath);
+        const PFCB Renamed = Fcb(Handle);
+        ResourceHold Hold;
+        Hold.AcquireExclusive(&Renamed->Resource, TRUE);
+        const NTSTATUS Status = NtFsdRenameFcb(Renamed, &Name, Hold);
+        EXPECT_TRUE(Hold.Held());
+        return Status;
+    }
+    PFCB Find(std::u16string_view Path) {
+        UNICODE_STRING Name = Counted(Path);
+        UNICODE_STRING Remaining;
+        ResourceHold Table;
+        Table.AcquireExclusive(&FcbTableResource, TRUE);
+        const PFCB Found = NtFsdFindFcb(&Name, &Remaining);
+        EXPECT_EQ(Remaining.MaximumLength, Remaining.Length);
+        return Remaining.Length == 0 ? Found : nullptr;
+    }
+};
+
+TEST_F(RenamedFcbs, AreFoundUnderTheNewPathAndEveryOpenNamesIt) {
+    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+    const HANDLE First = MustOpen(u"\\srv\\vol\\docs\\f.txt");
+    const HANDLE Second = MustOpen(u"\\srv\\vol\\docs\\f.txt");
+    Open Below = {};
+    Below.Related = Directory;
+    const HANDLE Third = MustOpen(u"f.txt", Below);
+    const PCUNICODE_STRING Before = NtFsdStablePath(Fcb(First));
+    ASSERT_EQ(Rename(First, u"\\srv\\vol\\renamed"), STATUS_SUCCESS);
+    EXPECT_EQ(View(*Before), u"\\srv\\vol\\docs\\f.txt") << "a reader without the lock still has the old path";
+    EXPECT_EQ(Find(u"\\SRV\\vol\\renamed"), Fcb(First));
+    EXPECT_EQ(Find(u"\\srv\\vol\\docs\\f.txt"), nullptr);
+    for (const HANDLE Each : {First, Second, Third}) {
+        EXPECT_EQ(PathLeft(Each), u"\\srv\\vol\\renamed");
+        EXPECT_EQ(Instance(Each)->BaseHandle, 0u);
+        ExpectPathLeftInside(Each);
+    }
+    for (const HANDLE Each : {Directory, First, Second, Third}) {
+        Close(Each);
+    }
+    ExpectNothingOpen("closing renamed opens");
+}
+
+TEST_F(RenamedFcbs, KeepTheirPathWhenThereIsNoMemory) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    for (ULONG64 Nth = 1; Nth <= 2; Nth++) {
+        const embedded::PlannedFaults NoMemory({.Nth = Nth});
+        const embedded::FaultScope InDriver;
+        EXPECT_EQ(Rename(Handle, u"\\srv\\vol\\b.txt"), STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_EQ(embedded::GetFaultCounts().TotalFailed(), 1u);
+    }
+    EXPECT_EQ(Rename(Handle, std::u16string(32767, u'x')), STATUS_NAME_TOO_LONG);
+    EXPECT_EQ(FullPath(Handle), u"\\srv\\vol\\a.txt");
+    EXPECT_EQ(PathLeft(Handle), u"a.txt");
+    EXPECT_EQ(Find(u"\\srv\\vol\\a.txt"), Fcb(Handle));
+    EXPECT_EQ(FcbPrefixCount, 1u);
+    Close(Handle);
+}
+
+TEST_F(RenamedFcbs, OntoAPathThatIsOpenStayOutOfTheTable) {
+    const HANDLE Target = MustOpen(u"\\srv\\vol\\a.txt");
+    const HANDLE Source = MustOpen(u"\\srv\\vol\\docs\\f.txt");
+    EXPECT_EQ(Rename(Source, u"\\srv\\VOL\\A.txt"), STATUS_SUCCESS);
+    EXPECT_NE(Printed.find("[RVFSD] NtFsdRenameFcb RtlInsertUnicodePrefix for \"\\srv\\VOL\\A.txt\" on FCB 0x"),
+              std::string::npos);
+    EXPECT_FALSE(Fcb(Source)->OpenFlags & FCB_STATE_IN_PREFIX_TABLE);
+    EXPECT_EQ(Find(u"\\srv\\vol\\a.txt"), Fcb(Target));
+    EXPECT_EQ(FcbPrefixCount, 1u);
+    EXPECT_EQ(FullPath(Source), u"\\srv\\VOL\\A.txt");
+    Close(Target);
+    const HANDLE Fresh = MustOpen(u"\\srv\\vol\\a.txt");
+    EXPECT_NE(Fcb(Fresh), Fcb(Source));
+    Close(Fresh);
+    Close(Source);
+    ExpectNothingOpen("the close of an FCB outside the table");
+}
+
+TEST_F(RenamedFcbs, ToAnotherLetterCaseOfTheirOwnPathStayInTheTable) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    EXPECT_EQ(Rename(Handle, u"\\srv\\vol\\A.TXT"), STATUS_SUCCESS);
+    EXPECT_EQ(Find(u"\\srv\\vol\\a.txt"), Fcb(Handle));
+    EXPECT_EQ(FullPath(Handle), u"\\srv\\vol\\A.TXT");
+    Close(Handle);
+}
+
+// ---- Looking up
+
+TEST_F(RenamedFcbs, AreLookedUpByTheLongestPathInFront) {
+    Bind();
+    const HANDLE Docs = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+    const HANDLE Root = MustOpen(u"\\srv\\vol", AsDirectory);
+    struct Case {
+        std::u16string_view Path;
+        HANDLE Found;
+        std::u16string_view Remaining;
+    };
+    const Case Cases[] = {
+        {u"\\srv\\vol\\docs", Docs, u""},      {u"\\SRV\\VOL\\DOCS\\a\\b", Docs, u"a\\b"},
+        {u"\\srv\\vol\\docs\\", Docs, u""},    {u"\\srv\\vol\\docs2", Root, u"docs2"},
+        {u"\\srv\\vo", nullptr, u"\\srv\\vo"}, {u"\\other\\vol\\docs", nullptr, u"\\other\\vol\\docs"},
+    };
+    ResourceHold Table;
+    Table.AcquireExclusive(&FcbTableResource, TRUE);
+    for (const Case &Each : Cases) {
+        UNICODE_STRING Name = Counted(Each.Path);
+        UNICODE_STRING Remaining;
+        EXPECT_EQ(NtFsdFindFcb(&Name, &Remaining), Each.Found != nullptr ? Fcb(Each.Found) : nullptr);
+        EXPECT_EQ(View(Remaining), Each.Remaining);
+    }
+    Table.Release();
+    Close(Docs);
+    Close(Root);
+}
+
+TEST_F(Fcbs, ALookUpIsTracedOnceForAnOpen) {
+    Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 0x200000}}});
+    Bind();
+    Printed.clear();
+    Close(MustOpen(u"\\srv\\vol\\a.txt"));
+    size_t Times = 0;
+    for (size_t At = Printed.find("   Trying to find : "); At != std::string::npos;
+         At = Printed.find("   Trying to find : ", At + 1)) {
+        ++Times;
+    }
+    EXPECT_EQ(Times, 1u);
+    size_t At = 0; // every line carries a prefix of its own
+    for (const char *Line :
+         {"   Trying to find : \\srv\\vol\\a.txt\n", "   Didn't find it.\n", "   Current # entries in table: 0\n",
+          "   Didn't find the prefix entry.\n", "   Remaining Path = \\srv\\vol\\a.txt.\n", "   Remaining Len  = 28.\n",
+          "   Allocating new FCB\n", " Open Vol \"\\srv\\vol\\a.txt\", handle=0x",
+          " Path past volume level = a.txt\n"}) {
+        const size_t Found = Printed.find(Line, At);
+        ASSERT_NE(Found, std::string::npos) << Line;
+        At = Found;
+    }
+}
+
+// ---- References and the file-object check
+
+TEST_F(Fcbs, ADereferenceWithoutAnFcbFreesTheInstance) {
+    Bind();
+    IRP_CONTEXT Request = Context();
+    for (const bool WithInstance : {false, true}) {
+        PINSTANCE_CONTEXT Orphan = nullptr;
+        if (WithInstance) {
+            Orphan = static_cast<PINSTANCE_CONTEXT>(TwAllocMemory(sizeof(INSTANCE_CONTEXT)));
+            InitializeListHead(&Orphan->Borrowers);
+            InitializeListHead(&Orphan->BorrowLinks);
+        }
+        BOOLEAN Freed = FALSE;
+        ResourceHold None;
+        EXPECT_EQ(TwSupDereference(&Request, nullptr, Orphan, &Freed, None), STATUS_INVALID_PARAMETER);
+        EXPECT_TRUE(Freed); // that nothing leaks the kernel proves when it stops
+    }
+}
+
+TEST_F(Fcbs, TheFileObjectCheckLooksAtOneThingAfterAnother) {
+    Bind();
+    auto Record = std::make_unique<FCB>();
+    const PFILE_OBJECT File = embedded::CreateFileObject(Device(), u"x", 0);
+    INSTANCE_CONTEXT Open = {};
+    struct Case {
+        bool Fcb, Instance;
+        ULONG Signature;
+        ULONG Flags;
+        ULONG Expected;
+        NTSTATUS Status;
+    };
+    constexpr Case Cases[] = {
+        {false, false, 0x7704, 0, 0, STATUS_INVALID_HANDLE},
+        {false, true, 0x7704, 0, 0, STATUS_INVALID_HANDLE},
+        {true, false, 0x1234, FCB_STATE_DELETED, 3, STATUS_INVALID_HANDLE},
+        {true, true, 0x1234, FCB_STATE_DELETED, 3, STATUS_INVALID_PARAMETER},
+        {true, true, 0x7706, 0, 0, STATUS_INVALID_PARAMETER},
+        {true, true, 0x7704, FCB_STATE_DELETED, 3, STATUS_DELETE_PENDING},
+        {true, true, 0x7704, 0, OPEN_TYPE_DIRECTORY, STATUS_INVALID_PARAMETER},
+        {true, true, 0x7704, 0, OPEN_TYPE_FILE, STATUS_SUCCESS},
+        {true, true, 0x7704, FCB_STATE_DELETE_DISPOSITION, 0, STATUS_SUCCESS},
+    };
+    for (const Case &Each : Cases) {
+        Record->NodeTypeCode = Each.Signature;
+        Record->OpenFlags = Each.Flags;
+        Record->OpenType = OPEN_TYPE_FILE;
+        // Only a record with the signature has a path.
+        Record->CurrentPath = Each.Signature == 0x7704 ? &Record->FirstPath : reinterpret_cast<PATH_RECORD *>(8);
+        File->FsContext = Each.Fcb ? Record.get() : nullptr;
+        File->FsContext2 = Each.Instance ? &Open : nullptr;
+        PFCB Found;
+        PINSTANCE_CONTEXT Made;
+        EXPECT_EQ(NtFsdDecodeFileObject(File, &Found, &Made, Each.Expected), Each.Status);
+        EXPECT_EQ(Found, File->FsContext);
+        EXPECT_EQ(Made, File->FsContext2);
+    }
+    File->FsContext = File->FsContext2 = nullptr;
+    embedded::DereferenceFileObject(File);
+}
+
+TEST_F(Fcbs, AnOpenedDirectorysHandleIsNotLostToANote) {
+    const HANDLE Directory = MustOpen(u"\\srv\\vol\\new", With(AsDirectory, FILE_CREATE));
+    Provider.OnCall(Slot::OpenDirectory).ReturnAfter(static_cast<RVSTATUS>(0x80000007));
+    IRP_CONTEXT Request = Context();
+    EXPECT_FALSE(NT_SUCCESS(NtFsdEnsureDirectoryHandle(&Request, Fcb(Directory), Instance(Directory))));
+    EXPECT_EQ(Instance(Directory)->DirHandle, 0u);
+    Provider.ClearScript();
+    EXPECT_EQ(NtFsdEnsureDirectoryHandle(&Request, Fcb(Directory), Instance(Directory)), STATUS_SUCCESS);
+    EXPECT_NE(Instance(Directory)->DirHandle, 0u);
+    Close(Directory);
+    ExpectNothingOpen("the close");
+}
+
+TEST_F(Fcbs, AnFcbThatTheTableRefusesIsTornDown) {
+    // A name that the table takes for present already, under another FCB's nose, cannot be had; memory can run out.
+    Bind();
+    for (ULONG64 Nth = 1;; Nth++) {
+        ASSERT_LT(Nth, 100u);
+        const embedded::PlannedFaults Faults(
+            {.Kinds = embedded::FaultBit(embedded::FaultKind::Pool) | embedded::FaultBit(embedded::FaultKind::Resource),
+             .Nth = Nth});
+        const embedded::CreateResult Result = Try(u"\\srv\\vol\\docs\\f.txt");
+        if (embedded::GetFaultCounts().TotalFailed() == 0) {
+            EXPECT_EQ(Result.Status, STATUS_SUCCESS);
+            EXPECT_GT(Nth, 5u) << "the sweep must have met the FCB, its path, its resources and the instance";
+            break;
+        }
+        ExpectNothingOpen("failure " + std::to_string(Nth));
+    }
+}
+
+} // namespace

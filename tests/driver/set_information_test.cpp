@@ -1,0 +1,395 @@
+// Setting what files and directories are: attributes and times, the byte offset, sizes; and requests that are refused.
+
+#include "tests/driver/request_log.h"
+#include "tests/driver/set_client.h"
+
+namespace {
+
+using providers::ProviderError;
+using providers::Slot;
+using test::DirectoryForChange;
+using test::ForChange;
+using test::Open;
+
+class Setting : public test::SetFixture {};
+
+// ---- Attributes and times
+// ----------------------------------------------------------------------------------------------
+
+struct BasicCase {
+    ULONG Attributes;
+    LONG64 Creation, LastAccess, LastWrite;
+    const char *Sent; // behind the handle; NULL: no call
+};
+
+class BasicInformation : public Setting, public testing::WithParamInterface<BasicCase> {
+protected:
+    static FILE_BASIC_INFORMATION Given() {
+        FILE_BASIC_INFORMATION Basic = {};
+        Basic.FileAttributes = GetParam().Attributes;
+        Basic.CreationTime.QuadPart = GetParam().Creation;
+        Basic.LastAccessTime.QuadPart = GetParam().LastAccess;
+        Basic.LastWriteTime.QuadPart = GetParam().LastWrite;
+        Basic.ChangeTime.QuadPart = 77; // counts for nothing
+        return Basic;
+    }
+};
+
+TEST_P(BasicInformation, SendsWhatChangesAndNothingElse) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", ForChange);
+    Provider.ClearCalls();
+    EXPECT_EQ(Set(Handle, FileBasicInformation, Given()), STATUS_SUCCESS);
+    if (GetParam().Sent == nullptr) {
+        EXPECT_EQ(CallNames(), Calls{});
+    } else {
+        ASSERT_EQ(CallNames(), Calls{"RVFsdSetFileInformation"});
+        EXPECT_NE(Provider.Calls()[0].find(GetParam().Sent), std::string::npos) << Provider.Calls()[0];
+        EXPECT_EQ(Last(Slot::SetFileInformation).Number("handle"), Instance(Handle)->FileHandle);
+    }
+    Close(Handle);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Values, BasicInformation,
+    testing::Values(BasicCase{0, 0, 0, 0, nullptr}, BasicCase{0, -1, -1, -1, nullptr}, BasicCase{0, 0, -1, 0, nullptr},
+                    BasicCase{FILE_ATTRIBUTE_NORMAL, 0, 0, 0,
+                              "attributes=0, creation=null, lastWrite=null, lastAccess=null"},
+                    BasicCase{FILE_ATTRIBUTE_TEMPORARY, 0, 0, 0, "attributes=0, creation=null"},
+                    BasicCase{0xFFFFFFFF, -1, 0, -1, "attributes=0x27, creation=null, lastWrite=null, lastAccess=null"},
+                    BasicCase{FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_HIDDEN, 0, 0, 0, "attributes=2, creation=null"},
+                    BasicCase{0, 5, 0, 0, "attributes=null, creation=5, lastWrite=null, lastAccess=null"},
+                    BasicCase{0, -1, 6, 0, "attributes=null, creation=null, lastWrite=null, lastAccess=6"},
+                    BasicCase{0, 0, 0, 7, "attributes=null, creation=null, lastWrite=7, lastAccess=null"},
+                    BasicCase{1, 1, 2, 3, "attributes=1, creation=1, lastWrite=3, lastAccess=2"}));
+
+TEST_F(Setting, ADirectoryIsChangedByItsOwnHandleAndStaysADirectory) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\d", DirectoryForChange);
+    FILE_BASIC_INFORMATION Basic = {};
+    Basic.FileAttributes = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_NORMAL;
+    EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), STATUS_SUCCESS);
+    EXPECT_EQ(Last(Slot::SetDirectoryInformation).Number("attributes"), 0x12u);
+    EXPECT_EQ(Last(Slot::SetDirectoryInformation).Number("handle"), Instance(Handle)->DirHandle);
+    Basic.FileAttributes = 0;
+    Basic.LastWriteTime.QuadPart = 9;
+    EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), STATUS_SUCCESS);
+    EXPECT_NE(Provider.Calls().back().find("attributes=null, creation=null, lastWrite=9"), std::string::npos);
+    Close(Handle);
+}
+
+// The handle that such an open names itself by is its parent's.
+TEST_F(Setting, ADirectoryThatWasCreatedButNotOpenedIsOpenedBeforeItIsChanged) {
+    const HANDLE Handle = CreateUnopened(u"\\srv\\vol\\d\\new");
+    FILE_BASIC_INFORMATION Basic = {};
+    Basic.FileAttributes = FILE_ATTRIBUTE_HIDDEN;
+    {
+        providers::Rule &Fails = Provider.OnCall(Slot::OpenDirectory).Return(ProviderError(0x0102)).Times(1);
+        Provider.ClearCalls();
+        EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), STATUS_NETWORK_BUSY);
+        EXPECT_EQ(CallNames(), Calls{"RVFsdOpenDirectory"});
+        EXPECT_EQ(Fails.Fired(), 1u);
+    }
+    EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), STATUS_SUCCESS);
+    EXPECT_EQ(Provider.Attributes(u"\\srv\\vol\\d\\new") & RV_ATTR_HIDDEN, RV_ATTR_HIDDEN + 0u);
+    EXPECT_EQ(Provider.Attributes(u"\\srv\\vol\\d") & RV_ATTR_HIDDEN, 0u);
+    Close(Handle);
+}
+
+TEST_F(Setting, ARefusalOfTheProviderIsTheAnswer) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", ForChange);
+    FILE_BASIC_INFORMATION Basic = {};
+    Basic.FileAttributes = FILE_ATTRIBUTE_HIDDEN;
+    for (const auto &[Raw, Status] :
+         std::vector<std::pair<RVSTATUS, NTSTATUS>>{{ProviderError(0x0006), STATUS_ACCESS_DENIED},
+                                                    {ProviderError(0x0000), STATUS_UNSUCCESSFUL},
+                                                    {ProviderError(0x000E), STATUS_UNSUCCESSFUL},
+                                                    {static_cast<RVSTATUS>(0x0000000E), STATUS_UNSUCCESSFUL}}) {
+        Provider.ClearScript();
+        Provider.OnCall(Slot::SetFileInformation).Return(Raw);
+        EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), Status);
+    }
+    Close(Handle);
+}
+
+// ---- Classes, lengths, devices
+// -----------------------------------------------------------------------------------------
+
+struct LengthCase {
+    ULONG InfoClass;
+    ULONG InputBytes;
+};
+
+class ShortBuffers : public Setting, public testing::WithParamInterface<LengthCase> {};
+
+TEST_P(ShortBuffers, AreRefusedBeforeAnybodyReadsThem) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", ForChange);
+    Provider.ClearCalls();
+    for (ULONG Length = 0; Length < GetParam().InputBytes; ++Length) {
+        const std::vector<UCHAR> Exact(Length); // the sanitizer sees a byte read behind it
+        EXPECT_EQ(Send(Handle, GetParam().InfoClass, Exact.data(), Length), STATUS_INFO_LENGTH_MISMATCH) << Length;
+    }
+    EXPECT_EQ(Send(Handle, GetParam().InfoClass, nullptr, 100), STATUS_INFO_LENGTH_MISMATCH);
+    EXPECT_EQ(CallNames(), Calls{});
+    for (ULONG Length : {GetParam().InputBytes, GetParam().InputBytes + 9}) {
+        const std::vector<UCHAR> Zeros(Length);
+        EXPECT_NE(Send(Handle, GetParam().InfoClass, Zeros.data(), Length), STATUS_INFO_LENGTH_MISMATCH);
+    }
+    Close(Handle);
+}
+
+INSTANTIATE_TEST_SUITE_P(Classes, ShortBuffers,
+                         testing::Values(LengthCase{FileBasicInformation, 40}, LengthCase{FileRenameInformation, 1},
+                                         LengthCase{FileDispositionInformation, 1},
+                                         LengthCase{FilePositionInformation, 8}, LengthCase{FileAllInformation, 88},
+                                         LengthCase{FileAllocationInformation, 8},
+                                         LengthCase{FileEndOfFileInformation, 8}));
+
+TEST_F(Setting, OtherClassesAreNotKnownAndLinksAreNotOffered) {
+    Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 1}}});
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", ForChange);
+    const std::vector<UCHAR> Zeros(200);
+    Provider.ClearCalls();
+    for (ULONG InfoClass = 0; InfoClass < 70; ++InfoClass) {
+        switch (InfoClass) {
+        case FileBasicInformation:
+        case FileRenameInformation:
+        case FileDispositionInformation:
+        case FilePositionInformation:
+        case FileAllInformation:
+        case FileAllocationInformation:
+        case FileEndOfFileInformation:
+            continue;
+        case FileLinkInformation:
+            EXPECT_EQ(Send(Handle, InfoClass, Zeros.data(), 200), STATUS_INVALID_DEVICE_REQUEST);
+            continue;
+        default:
+            EXPECT_EQ(Send(Handle, InfoClass, Zeros.data(), 200), STATUS_INVALID_PARAMETER) << InfoClass;
+        }
+    }
+    EXPECT_EQ(Send(Handle, 0xFFFFFFFF, Zeros.data(), 200), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(CallNames(), Calls{});
+    EXPECT_NE(Printed.find("SetFileInformation Error: Invalid Level 0x5\n"), std::string::npos);
+    EXPECT_NE(Printed.find("SetFileInformation Error: Invalid Level 0xFFFFFFFF\n"), std::string::npos);
+    Close(Handle);
+}
+
+TEST_F(Setting, TheDeviceItselfHasNothingToSet) {
+    Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 128}}});
+    const HANDLE Handle = MustOpen(u"", {.Access = FILE_READ_DATA | SYNCHRONIZE});
+    const FILE_BASIC_INFORMATION Basic = {};
+    EXPECT_EQ(Send(Handle, FileBasicInformation, &Basic, sizeof(Basic)), STATUS_INVALID_PARAMETER);
+    EXPECT_NE(Printed.find("Error: Attempted to set info on a device.\n"), std::string::npos);
+    Close(Handle);
+}
+
+TEST_F(Setting, ACancelledRequestIsCompletedAndChangesNothing) {
+    Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 128}}});
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", ForChange);
+    const UCHAR Delete = 1;
+    embedded::IrpBuilder Cancelled = Request(Handle, FileDispositionInformation, &Delete, 1);
+    Cancelled.CancelledBefore = true;
+    EXPECT_EQ(embedded::SendIrpAndWait(Device(), Cancelled).Status, STATUS_CANCELLED);
+    EXPECT_NE(Printed.find("NtFsdSetInformation() called with a cancelled Irp\n"), std::string::npos);
+    EXPECT_FALSE(Fcb(Handle)->OpenFlags & FCB_STATE_DELETE_DISPOSITION);
+    Close(Handle);
+}
+
+TEST_F(Setting, OnABusyFileIsPendingAndDone) {
+    Start({.Switches = {{u"EnableAsyncIo", 1}}});
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", {.Access = ForChange.Access & ~SYNCHRONIZE, .Options = 0});
+    const LONG64 Size = 4;
+    const embedded::PlannedFaults Busy({.Kinds = embedded::FaultBit(embedded::FaultKind::TryAcquire), .Nth = 1});
+    embedded::SentIrp Posted = embedded::SendIrp(Device(), Request(Handle, FileEndOfFileInformation, &Size, 8));
+    EXPECT_EQ(Posted.Returned(), STATUS_PENDING);
+    EXPECT_EQ(Posted.Wait().Status, STATUS_SUCCESS);
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\a.txt"), "0123");
+    Close(Handle);
+}
+
+// ---- The byte offset
+// ---------------------------------------------------------------------------------------------------
+
+TEST_F(Setting, ThePositionIsTakenAsItIs) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", ForChange);
+    Provider.ClearCalls();
+    for (LONG64 Position : {LONG64{0}, LONG64{7}, INT64_MAX, LONG64{-1}}) {
+        EXPECT_EQ(Send(Handle, FilePositionInformation, &Position, 8), STATUS_SUCCESS);
+        EXPECT_EQ(FileObject(Handle)->CurrentByteOffset.QuadPart, Position);
+    }
+    EXPECT_EQ(CallNames(), Calls{});
+    Close(Handle);
+}
+
+TEST_F(Setting, AllInformationSetsBasicAndPositionWhateverBecomesOfTheFirst) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", ForChange);
+    UCHAR All[88] = {};
+    All[32] = FILE_ATTRIBUTE_HIDDEN;
+    All[80] = 33;
+    Provider.OnCall(Slot::SetFileInformation).Nth(2).Return(RVSTATUS::AccessDenied);
+    EXPECT_EQ(Send(Handle, FileAllInformation, All, 88), STATUS_SUCCESS);
+    EXPECT_EQ(Provider.Attributes(u"\\srv\\vol\\a.txt"), RV_ATTR_HIDDEN + 0u);
+    EXPECT_EQ(FileObject(Handle)->CurrentByteOffset.QuadPart, 33);
+    All[80] = 34;
+    EXPECT_EQ(Send(Handle, FileAllInformation, All, 88), STATUS_SUCCESS);
+    EXPECT_EQ(FileObject(Handle)->CurrentByteOffset.QuadPart, 34);
+    Close(Handle);
+}
+
+// ---- Sizes
+// -------------------------------------------------------------------------------------------------------------
+
+class SettingSizes : public Setting, public testing::WithParamInterface<ULONG> {
+protected:
+    void SetUp() override {
+        Handle = MustOpen(u"\\srv\\vol\\a.txt", ForChange);
+        Provider.ClearCalls();
+    }
+    NTSTATUS SetSize(LONG64 Size) {
+        return Send(Handle, GetParam(), &Size, sizeof(Size));
+    }
+    void SetFree(ULONG64 Bytes) {
+        Provider.Edit([=](providers::Tree &Tree) { Tree.FindVolume(u"\\srv\\vol")->FreeAfterQuota = Bytes; });
+    }
+    void ExpectSizes(LONGLONG Size) {
+        EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, Size);
+        EXPECT_EQ(Fcb(Handle)->Header.AllocationSize.QuadPart, Size);
+        EXPECT_EQ(Fcb(Handle)->Header.ValidDataLength.QuadPart, Size);
+    }
+    bool IsMarkedChanged() {
+        constexpr ULONG Both = FO_FILE_MODIFIED | FO_FILE_SIZE_CHANGED;
+        return (FileObject(Handle)->Flags & Both) == Both;
+    }
+
+    HANDLE Handle = nullptr;
+};
+
+INSTANTIATE_TEST_SUITE_P(EndOfFileAndAllocation, SettingSizes,
+                         testing::Values(FileEndOfFileInformation, FileAllocationInformation));
+
+TEST_P(SettingSizes, IsAWriteOfNothingAtTheNewEnd) {
+    EXPECT_EQ(SetSize(4), STATUS_SUCCESS);
+    EXPECT_EQ(CallNames(), (Calls{"RVFsdGetDFSPhysicalPath", "RVFsdQueryPathForVolume", "RVFsdOpenVolume",
+                                  "RVFsdGetVolumeSize", "RVFsdCloseVolume", "RVFsdWriteFile"}));
+    const providers::Call Written = Last(Slot::WriteFile);
+    EXPECT_EQ(Written.Number("offset"), 4u);
+    EXPECT_EQ(Written.Number("length"), 0u);
+    EXPECT_EQ(Written.Number("data"), 0u);
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\a.txt"), "0123");
+    ExpectSizes(4);
+    EXPECT_TRUE(IsMarkedChanged());
+    EXPECT_EQ(SetSize(6), STATUS_SUCCESS);
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\a.txt"), std::string("0123\0\0", 6));
+    ExpectSizes(6);
+    EXPECT_EQ(SetSize(0), STATUS_SUCCESS);
+    ExpectSizes(0);
+    Close(Handle);
+}
+
+TEST_P(SettingSizes, ToTheSameSizeStillTellsTheServer) {
+    EXPECT_EQ(SetSize(10), STATUS_SUCCESS);
+    EXPECT_EQ(Provider.CountCalls(Slot::WriteFile), 1u);
+    EXPECT_TRUE(IsMarkedChanged());
+    Close(Handle);
+}
+
+TEST_P(SettingSizes, FailsAsTheServerFailsAndLeavesTheSizes) {
+    for (const auto &[Raw, Status] :
+         std::vector<std::pair<RVSTATUS, NTSTATUS>>{{ProviderError(0x0006), STATUS_ACCESS_DENIED},
+                                                    {ProviderError(0x0000), STATUS_UNSUCCESSFUL},
+                                                    {static_cast<RVSTATUS>(0x0000000E), STATUS_UNSUCCESSFUL},
+                                                    {static_cast<RVSTATUS>(0x80000007), STATUS_BUFFER_OVERFLOW}}) {
+        Provider.ClearScript();
+        Provider.OnCall(Slot::WriteFile).Return(Raw);
+        EXPECT_EQ(SetSize(4), Status);
+        ExpectSizes(10);
+        EXPECT_TRUE(IsMarkedChanged()); // the server may have begun
+    }
+    Close(Handle);
+}
+
+TEST_P(SettingSizes, NegativeOnesAreRefusedBeforeAnybodyIsAsked) {
+    for (LONG64 Size : {LONG64{-1}, INT64_MIN}) {
+        EXPECT_EQ(SetSize(Size), STATUS_INVALID_PARAMETER);
+    }
+    EXPECT_EQ(CallNames(), Calls{});
+    EXPECT_FALSE(Instance(Handle)->DiskFullLatched);
+    ExpectSizes(10);
+    Close(Handle);
+}
+
+TEST_P(SettingSizes, BeyondTheFreeSpaceAreRefusedAndNotAByteSooner) {
+    SetFree(10);
+    EXPECT_EQ(SetSize(11), STATUS_DISK_FULL);
+    EXPECT_EQ(SetSize(INT64_MAX), STATUS_DISK_FULL);
+    EXPECT_EQ(Provider.CountCalls(Slot::WriteFile), 0u);
+    EXPECT_FALSE(FileObject(Handle)->Flags & FO_FILE_SIZE_CHANGED);
+    ExpectSizes(10);
+    EXPECT_EQ(SetSize(10), STATUS_SUCCESS);
+    Close(Handle);
+}
+
+// A refused size refuses the writes that follow, through this open and for five seconds.
+TEST_P(SettingSizes, ARefusalIsRememberedForTheWritesThatFollow) {
+    const HANDLE Other = MustOpen(u"\\srv\\vol\\a.txt", ForChange);
+    SetFree(10);
+    EXPECT_EQ(SetSize(11), STATUS_DISK_FULL);
+    EXPECT_EQ(Instance(Handle)->DiskFullAvailable, 10u);
+    SetFree(1000);
+    EXPECT_EQ(Write(Handle, "abc", 3, 7).Status, STATUS_SUCCESS);
+    EXPECT_EQ(Write(Handle, "abc", 3, 8).Status, STATUS_DISK_FULL);
+    EXPECT_EQ(Write(Other, "abc", 3, 8).Status, STATUS_SUCCESS);
+    embedded::Clock::Advance(5 * embedded::Clock::Second - 1);
+    EXPECT_EQ(Write(Handle, "abc", 3, 8).Status, STATUS_DISK_FULL);
+    // Another refusal begins the five seconds anew.
+    SetFree(10);
+    EXPECT_EQ(SetSize(12), STATUS_DISK_FULL);
+    SetFree(1000);
+    embedded::Clock::Advance(5 * embedded::Clock::Second - 1);
+    EXPECT_EQ(Write(Handle, "abc", 3, 8).Status, STATUS_DISK_FULL);
+    EXPECT_EQ(SetSize(20), STATUS_SUCCESS); // sizes are judged afresh
+    EXPECT_TRUE(Instance(Handle)->DiskFullLatched);
+    embedded::Clock::Advance(1);
+    EXPECT_EQ(Write(Handle, "abc", 3, 8).Status, STATUS_SUCCESS);
+    EXPECT_FALSE(Instance(Handle)->DiskFullLatched);
+    Close(Handle);
+    Close(Other);
+}
+
+TEST_P(SettingSizes, WithoutAnAnswerAboutTheSpaceNothingIsRefused) {
+    SetFree(1);
+    for (Slot Fails : {Slot::QueryPathForVolume, Slot::OpenVolume, Slot::GetVolumeSize}) {
+        Provider.ClearScript();
+        Provider.OnCall(Fails).Return(ProviderError(0x0102));
+        EXPECT_EQ(SetSize(8), STATUS_SUCCESS) << NameOf(Fails);
+    }
+    Provider.ClearScript();
+    EXPECT_EQ(SetSize(8), STATUS_DISK_FULL);
+    Close(Handle);
+}
+
+TEST_P(SettingSizes, ADirectoryHasNone) {
+    const HANDLE Directory = MustOpen(u"\\srv\\vol\\d", DirectoryForChange);
+    Provider.ClearCalls();
+    for (LONG64 Size : {LONG64{5}, LONG64{-5}}) {
+        EXPECT_EQ(Send(Directory, GetParam(), &Size, sizeof(Size)), STATUS_INVALID_DEVICE_REQUEST);
+    }
+    EXPECT_EQ(CallNames(), Calls{});
+    Close(Directory);
+    Close(Handle);
+}
+
+TEST_F(Setting, AdvanceOnlyMakesNoDifference) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", ForChange);
+    for (const bool AdvanceOnly : {true, false}) {
+        const LONG64 Size = AdvanceOnly ? 4 : 2;
+        embedded::IrpBuilder Builder = Request(Handle, FileEndOfFileInformation, &Size, 8);
+        Builder.Fill = [Usual = Builder.Fill, AdvanceOnly](PIO_STACK_LOCATION Stack) {
+            Usual(Stack);
+            Stack->Parameters.SetFile.AdvanceOnly = AdvanceOnly;
+        };
+        EXPECT_EQ(embedded::SendIrpAndWait(Device(), Builder).Status, STATUS_SUCCESS);
+        EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, Size);
+    }
+    Close(Handle);
+}
+
+} // namespace

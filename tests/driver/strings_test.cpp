@@ -1,0 +1,205 @@
+// Counted strings: copies, components, composed paths.
+
+#include "embedded/faults.h"
+#include "names/strings.h"
+#include "tests/support/driver_fixture.h"
+
+namespace {
+
+constexpr ULONG LongestText = 65532; // bytes; with its terminator the largest even 16-bit size
+
+UNICODE_STRING Counted(std::u16string_view Text) {
+    const auto Bytes = static_cast<USHORT>(Text.size() * sizeof(WCHAR));
+    return {Bytes, Bytes, const_cast<PWSTR>(Text.data())};
+}
+
+std::u16string View(PCUNICODE_STRING Text) {
+    return {Text->Buffer, Text->Length / sizeof(WCHAR)};
+}
+
+class Strings : public test::DriverFixture {
+protected:
+    void SetUp() override {
+        Start({.Switches = {}, .StartsTheDriver = false});
+    }
+};
+
+TEST_F(Strings, ACopyIsTerminatedAndExactlyAsLargeAsItMustBe) {
+    for (const std::u16string_view Text : {u"", u"a", u"\\srv\\vol"}) {
+        OwnedString Copy;
+        const UNICODE_STRING Source = Counted(Text);
+        ASSERT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Source), STATUS_SUCCESS);
+        EXPECT_EQ(View(Copy.Get()), Text);
+        EXPECT_EQ(Copy->MaximumLength, Source.Length + sizeof(WCHAR));
+        EXPECT_EQ(Copy->Buffer[Text.size()], 0);
+        EXPECT_NE(Copy->Buffer, Source.Buffer);
+    }
+}
+
+TEST_F(Strings, AnEmptyStringWithoutBufferIsCopiedAsEmptyText) {
+    OwnedString Copy;
+    const UNICODE_STRING Nothing = {0, 0, nullptr};
+    ASSERT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Nothing), STATUS_SUCCESS);
+    EXPECT_EQ(Copy->Length, 0);
+    EXPECT_EQ(Copy->Buffer[0], 0);
+}
+
+TEST_F(Strings, ACopyReusesALargeEnoughBufferAndReplacesASmallerOne) {
+    OwnedString Copy;
+    UNICODE_STRING Source = Counted(u"12345678");
+    ASSERT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Source), STATUS_SUCCESS);
+    const PWSTR Buffer = Copy->Buffer;
+    for (const std::u16string_view Fits : {u"1", u"", u"87654321"}) {
+        Source = Counted(Fits);
+        ASSERT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Source), STATUS_SUCCESS);
+        EXPECT_EQ(Copy->Buffer, Buffer);
+        EXPECT_EQ(Copy->MaximumLength, 18);
+        EXPECT_EQ(View(Copy.Get()), Fits);
+        EXPECT_EQ(Copy->Buffer[Fits.size()], 0);
+    }
+    Source = Counted(u"123456789");
+    ASSERT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Source), STATUS_SUCCESS);
+    EXPECT_EQ(Copy->MaximumLength, 20);
+    EXPECT_EQ(View(Copy.Get()), u"123456789");
+}
+
+TEST_F(Strings, ACopyThatGetsNoMemoryIsEmptyAndSaysSo) {
+    OwnedString Copy;
+    UNICODE_STRING Source = Counted(u"ab");
+    ASSERT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Source), STATUS_SUCCESS);
+    Source = Counted(u"abc");
+    {
+        const embedded::PlannedFaults NoMemory({});
+        const embedded::FaultScope InDriver;
+        EXPECT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Source), STATUS_INSUFFICIENT_RESOURCES);
+    }
+    EXPECT_EQ(Copy->Buffer, nullptr);
+    EXPECT_EQ(Copy->Length, 0);
+    EXPECT_EQ(Copy->MaximumLength, 0);
+    EXPECT_NE(Printed.find("[RVFSD] NtFsdUpdateUnicodeString alloc for 8 bytes failed.\n"), std::string::npos);
+}
+
+TEST_F(Strings, ACopyBeyondASixteenBitSizeIsRefusedBeforeItTouchesTheDestination) {
+    struct Case {
+        USHORT Bytes;
+        bool Fits;
+    };
+    const std::u16string Text(0x8000, u'x');
+    for (const Case &Each :
+         {Case{65531, true}, Case{65532, true}, Case{65533, true}, Case{65534, false}, Case{65535, false}}) {
+        OwnedString Copy;
+        const UNICODE_STRING Old = Counted(u"old");
+        ASSERT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Old), STATUS_SUCCESS);
+        const UNICODE_STRING Source = {Each.Bytes, Each.Bytes, const_cast<PWSTR>(Text.data())};
+        EXPECT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Source), Each.Fits ? STATUS_SUCCESS : STATUS_NAME_TOO_LONG);
+        EXPECT_EQ(View(Copy.Get()), Each.Fits ? Text.substr(0, Each.Bytes / 2) : u"old") << Each.Bytes;
+    }
+}
+
+TEST_F(Strings, HalfACharacterAtTheEndIsDropped) {
+    OwnedString Copy;
+    const UNICODE_STRING Odd = {5, 5, const_cast<PWSTR>(u"abc")};
+    ASSERT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Odd), STATUS_SUCCESS);
+    EXPECT_EQ(View(Copy.Get()), u"ab");
+    EXPECT_EQ(Copy->Buffer[2], 0);
+}
+
+TEST_F(Strings, AFreedStringIsEmptyAndMayBeFreedAgain) {
+    UNICODE_STRING Copy = {0, 0, nullptr};
+    const UNICODE_STRING Source = Counted(u"text");
+    ASSERT_EQ(NtFsdUpdateUnicodeString(&Copy, &Source), STATUS_SUCCESS);
+    for (int Times = 0; Times < 2; Times++) {
+        NtFsdFreeUnicodeString(&Copy);
+        EXPECT_EQ(Copy.Buffer, nullptr);
+        EXPECT_EQ(Copy.Length, 0);
+        EXPECT_EQ(Copy.MaximumLength, 0);
+    }
+}
+
+TEST(Components, AreCountedBetweenBackslashes) {
+    struct Case {
+        std::u16string_view Path;
+        ULONG Count;
+    };
+    constexpr Case Cases[] = {
+        {u"", 0},
+        {u"\\", 0},
+        {u"\\\\\\", 0},
+        {u"\\server", 1},
+        {u"server", 1},
+        {u"\\server\\", 1},
+        {u"\\\\server", 1},
+        {u"\\server\\volume", 2},
+        {u"\\server\\volume\\", 2},
+        {u"\\server\\volume\\a\\b", 4},
+        {u"a\\\\b", 3},
+        {u"a\\\\", 2}, // the empty component counts, the end does not
+        {std::u16string_view(u"\\a\0\\b", 5), 1},
+        {std::u16string_view(u"\\\0a", 3), 0},
+        {std::u16string_view(u"\\a\\\0b", 5), 1},
+    };
+    for (const Case &Each : Cases) {
+        const UNICODE_STRING Path = Counted(Each.Path);
+        EXPECT_EQ(NtFsdCountPathComponents(&Path), Each.Count) << providers::ToUtf8(Each.Path);
+    }
+}
+
+TEST(Components, OfAPathThatEndsInHalfACharacterAreTheWholeOnes) {
+    const UNICODE_STRING Path = {7, 7, const_cast<PWSTR>(u"\\a\\b")};
+    EXPECT_EQ(NtFsdCountPathComponents(&Path), 1u);
+}
+
+TEST_F(Strings, AComposedPathHasOneSeparator) {
+    struct Case {
+        const char16_t *Base; // nullptr: none
+        std::u16string_view Name;
+        std::u16string_view Path;
+    };
+    constexpr Case Cases[] = {
+        {nullptr, u"\\srv\\vol", u"\\srv\\vol"},
+        {nullptr, u"", u""},
+        {u"\\srv\\vol", u"a", u"\\srv\\vol\\a"},
+        {u"\\srv\\vol\\", u"a", u"\\srv\\vol\\a"},
+        {u"\\srv\\vol", u"", u"\\srv\\vol\\"},
+        {u"\\srv\\vol\\", u"", u"\\srv\\vol\\"},
+        {u"", u"a", u"\\a"},
+        {u"\\srv", u"\\a", u"\\srv\\\\a"},
+    };
+    for (const Case &Each : Cases) {
+        const UNICODE_STRING Base = Counted(Each.Base != nullptr ? Each.Base : u"");
+        const UNICODE_STRING Name = Counted(Each.Name);
+        OwnedString Path;
+        ULONG Bytes = 0;
+        ASSERT_EQ(NtFsdComposePath(Each.Base != nullptr ? &Base : nullptr, &Name, Path.Get(), &Bytes), STATUS_SUCCESS);
+        EXPECT_EQ(View(Path.Get()), Each.Path);
+        EXPECT_EQ(Path->Buffer[Path->Length / 2], 0);
+        EXPECT_EQ(Path->MaximumLength, Path->Length + sizeof(WCHAR));
+        EXPECT_EQ(Bytes, Path->MaximumLength);
+    }
+}
+
+TEST_F(Strings, AComposedPathBeyondASixteenBitSizeIsRefused) {
+    const std::u16string Base(16000, u'b');
+    const UNICODE_STRING BaseString = Counted(Base);
+    for (const ULONG TextBytes : {LongestText - 2, LongestText, LongestText + 2, LongestText + 4}) {
+        const std::u16string Name(TextBytes / 2 - Base.size() - 1, u'n');
+        const UNICODE_STRING NameString = Counted(Name);
+        OwnedString Path;
+        const NTSTATUS Status = NtFsdComposePath(&BaseString, &NameString, Path.Get(), nullptr);
+        EXPECT_EQ(Status, TextBytes <= LongestText ? STATUS_SUCCESS : STATUS_OBJECT_NAME_INVALID) << TextBytes;
+        EXPECT_EQ(Path->Length, TextBytes <= LongestText ? TextBytes : 0u);
+    }
+}
+
+TEST_F(Strings, AComposedPathThatGetsNoMemoryTellsHowMuchItWanted) {
+    const UNICODE_STRING Name = Counted(u"\\srv");
+    OwnedString Path;
+    ULONG Bytes = 0;
+    const embedded::PlannedFaults NoMemory({});
+    const embedded::FaultScope InDriver;
+    EXPECT_EQ(NtFsdComposePath(nullptr, &Name, Path.Get(), &Bytes), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(Bytes, 10u);
+    EXPECT_EQ(Path->Buffer, nullptr);
+}
+
+} // namespace

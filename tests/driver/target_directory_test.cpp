@@ -1,0 +1,241 @@
+// The open of a target's parent directory, as it comes before a rename or a link.
+
+#include "tests/driver/create_client.h"
+
+namespace {
+
+using providers::Call;
+using providers::ProviderError;
+using providers::Slot;
+using test::AsDirectory;
+using test::AsTarget;
+using test::Open;
+using test::With;
+
+class TargetOpens : public test::CreateFixture {
+protected:
+    std::u16string NameOf(HANDLE Handle) {
+        return View(FileObject(Handle)->FileName);
+    }
+    Open Below(HANDLE Related) {
+        Open Request = AsTarget;
+        Request.Related = Related;
+        return Request;
+    }
+};
+
+struct TargetCase {
+    const char *Name;
+    std::u16string_view Path;
+    std::u16string_view Parent;
+    std::u16string_view FinalName;
+    ULONG_PTR Information;
+    std::u16string_view PathLeft;
+};
+
+class TargetOf : public TargetOpens, public testing::WithParamInterface<TargetCase> {};
+
+TEST_P(TargetOf, OpensTheParentAndKeepsTheName) {
+    const embedded::CreateResult Result = Create(GetParam().Path, AsTarget);
+    ASSERT_EQ(Result.Status, STATUS_SUCCESS);
+    EXPECT_EQ(Result.Information, GetParam().Information);
+    EXPECT_EQ(NameOf(Result.Handle), GetParam().FinalName);
+    const PFCB Parent = Fcb(Result.Handle);
+    const PINSTANCE_CONTEXT Made = Instance(Result.Handle);
+    EXPECT_EQ(View(Parent->FullPath), GetParam().Parent);
+    EXPECT_EQ(Parent->OpenType, OPEN_TYPE_DIRECTORY + 0u);
+    EXPECT_EQ(Made->TargetMissing, GetParam().Information == FILE_DOES_NOT_EXIST ? 1 : 0);
+    EXPECT_EQ(Made->TrailingSlash, GetParam().Path.back() == u'\\' ? 1 : 0);
+    EXPECT_NE(Made->DirHandle, 0u);
+    EXPECT_EQ(Made->RelatedHandle, Made->DirHandle);
+    EXPECT_EQ(std::u16string(Made->PathLeft), GetParam().PathLeft);
+    EXPECT_EQ(Parent->VolumeResolved, GetParam().PathLeft.empty() ? 1 : 0);
+    EXPECT_EQ(Parent->ShareAccess.Writers, 1u);
+    EXPECT_EQ(Last(Slot::OpenDirectory).Number("base"), Made->VolumeHandle);
+    Close(Result.Handle);
+    ExpectNothingOpen("the close");
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Targets, TargetOf,
+    testing::Values(
+        TargetCase{"Missing", u"\\srv\\vol\\docs\\new", u"\\srv\\vol\\docs", u"new", FILE_DOES_NOT_EXIST, u"docs"},
+        TargetCase{"Existing", u"\\srv\\vol\\docs\\f.txt", u"\\srv\\vol\\docs", u"f.txt", FILE_EXISTS, u"docs"},
+        TargetCase{"ExistingDirectory", u"\\srv\\vol\\docs\\sub", u"\\srv\\vol\\docs", u"sub", FILE_EXISTS, u"docs"},
+        TargetCase{"TrailingSlash", u"\\srv\\vol\\docs\\new\\", u"\\srv\\vol\\docs", u"new", FILE_DOES_NOT_EXIST,
+                   u"docs"},
+        TargetCase{"BelowTheRoot", u"\\srv\\vol\\new", u"\\srv\\vol", u"new", FILE_DOES_NOT_EXIST, u""},
+        TargetCase{"ExistingBelowTheRoot", u"\\srv\\vol\\a.txt", u"\\srv\\vol", u"a.txt", FILE_EXISTS, u""}),
+    [](const auto &Info) { return Info.param.Name; });
+
+TEST_F(TargetOpens, AskInThisOrder) {
+    Bind();
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\docs\\new", AsTarget);
+    EXPECT_EQ(Provider.CompareCalls({"CreateFile", "CreateFile", "QueryPathForVolume", "OpenVolume", "OpenDirectory"}),
+              "");
+    EXPECT_EQ(Provider.CallRecords()[0].String("path"), u"\\srv\\vol\\docs\\new");
+    EXPECT_EQ(Provider.CallRecords()[1].String("path"), u"\\srv\\vol\\docs");
+    Close(Handle);
+}
+
+TEST_F(TargetOpens, AreComposedWithTheRelatedDirectory) {
+    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+    const HANDLE Handle = MustOpen(u"sub\\new", Below(Directory));
+    EXPECT_EQ(View(Fcb(Handle)->FullPath), u"\\srv\\vol\\docs\\sub");
+    EXPECT_EQ(NameOf(Handle), u"new");
+    const HANDLE Direct = MustOpen(u"f.txt", Below(Directory));
+    EXPECT_EQ(Fcb(Direct), Fcb(Directory));
+    EXPECT_EQ(Fcb(Directory)->OpenCount, 2u);
+    // An empty name is the related object itself.
+    const HANDLE Itself = MustOpen(u"", Below(Directory));
+    EXPECT_EQ(View(Fcb(Itself)->FullPath), u"\\srv\\vol");
+    for (const HANDLE Each : {Itself, Direct, Handle, Directory}) {
+        Close(Each);
+    }
+}
+
+TEST_F(TargetOpens, OfAnOpenDirectoryLeaveItsStateAlone) {
+    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+    const SHARE_ACCESS Before = Fcb(Directory)->ShareAccess;
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\docs\\new", AsTarget);
+    EXPECT_EQ(Fcb(Handle), Fcb(Directory));
+    EXPECT_EQ(Fcb(Directory)->ShareAccess.OpenCount, Before.OpenCount);
+    EXPECT_EQ(Fcb(Directory)->ShareAccess.Writers, Before.Writers);
+    EXPECT_EQ(Fcb(Directory)->VolumeResolved, 0) << "its listings keep their dot entries";
+    Close(Handle);
+    EXPECT_EQ(Fcb(Directory)->ShareAccess.OpenCount, Before.OpenCount);
+    Close(Directory);
+}
+
+TEST_F(TargetOpens, NeverDeleteTheParent) {
+    Provider.AddDirectory(u"\\srv\\vol\\empty");
+    for (const ACCESS_MASK Access : {FILE_WRITE_DATA + 0u, FILE_WRITE_DATA | DELETE + 0u}) {
+        Open Deleting = With(AsTarget, FILE_OPEN, FILE_DELETE_ON_CLOSE);
+        Deleting.Access = Access | SYNCHRONIZE;
+        const HANDLE Handle = MustOpen(u"\\srv\\vol\\empty\\new", Deleting);
+        EXPECT_FALSE(Fcb(Handle)->OpenFlags & FCB_STATE_DELETE_ON_CLOSE);
+        Close(Handle);
+        EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\empty"));
+    }
+}
+
+TEST_F(TargetOpens, CutANameThatDoesNotFitIntoItsFileObject) {
+    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+    // An empty name opens the directory as the target: its own name is longer than the room of the empty one.
+    for (const USHORT Room : {0, 2, 4, 5, 8, 9, 10, 64}) {
+        PFILE_OBJECT File = embedded::CreateFileObject(Device(), u"", 0);
+        std::u16string Buffer(64, u'#');
+        const UNICODE_STRING Old = File->FileName;
+        File->FileName = {0, Room, Buffer.data()};
+        IO_STACK_LOCATION Stack = {};
+        IO_SECURITY_CONTEXT Security = {};
+        Stack.FileObject = File;
+        Stack.Parameters.Create.SecurityContext = &Security;
+        File->RelatedFileObject = FileObject(Directory);
+        IRP_CONTEXT Request = Context(File);
+        PFCB Found = nullptr;
+        PINSTANCE_CONTEXT Made = nullptr;
+        ULONG_PTR Information = 99;
+        ResourceHold Hold;
+        ASSERT_EQ(NtFsdOpenTargetDirectory(&Request, &Stack, &Found, &Made, &Information, Hold), STATUS_SUCCESS);
+        EXPECT_EQ(Information, static_cast<ULONG_PTR>(FILE_EXISTS));
+        const size_t Units = std::min<size_t>(4, Room / 2);
+        EXPECT_EQ(View(File->FileName), std::u16string(u"docs").substr(0, Units));
+        EXPECT_EQ(Buffer[Units], Room / 2u > Units ? u'\0' : u'#') << Room;
+        EXPECT_EQ(Buffer[Units + 1], u'#') << Room;
+        RVFsdCloseDirectory(&Request.SecurityContext, Made->DirHandle);
+        RVFsdCloseVolume(&Request.SecurityContext, Made->VolumeHandle);
+        Hold.Release();
+        {
+            ResourceHold Table;
+            Table.AcquireExclusive(&FcbTableResource, TRUE);
+            Hold.AcquireExclusive(&Found->Resource, TRUE);
+            BOOLEAN Freed;
+            EXPECT_EQ(TwSupDereference(&Request, Found, Made, &Freed, Hold), STATUS_SUCCESS);
+            EXPECT_TRUE(Freed);
+        }
+        File->RelatedFileObject = nullptr;
+        File->FileName = Old;
+        embedded::DereferenceFileObject(File);
+    }
+    Close(Directory);
+}
+
+// ---- Parents that are none
+
+TEST_F(TargetOpens, WithoutTheirParentAreRefusedWhenTheProbeSaysSo) {
+    ExpectRefused(u"\\srv\\vol\\no\\new", AsTarget, STATUS_OBJECT_PATH_NOT_FOUND);
+    // A Provider that does not tell: the parent is opened as something that is not there.
+    Provider.OnPath(Slot::CreateFile, u"\\srv\\vol\\no\\new").Return(ProviderError(0x0506));
+    ExpectOpened(u"\\srv\\vol\\no\\new", AsTarget, FILE_DOES_NOT_EXIST);
+    ExpectNothingOpen("missing parents");
+}
+
+TEST_F(TargetOpens, BelowAFileOpenWithoutADirectoryHandle) {
+    Provider.OnPath(Slot::CreateFile, u"\\srv\\vol\\a.txt\\new").Return(ProviderError(0x0506));
+    const embedded::CreateResult Result = Create(u"\\srv\\vol\\a.txt\\new", AsTarget);
+    ASSERT_EQ(Result.Status, STATUS_SUCCESS);
+    EXPECT_EQ(Result.Information, static_cast<ULONG_PTR>(FILE_EXISTS));
+    EXPECT_EQ(Instance(Result.Handle)->DirHandle, 0u);
+    EXPECT_EQ(Fcb(Result.Handle)->OpenType, OPEN_TYPE_FILE + 0u);
+    const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt", {.Share = 7});
+    EXPECT_EQ(ReadAll(File), "0123456789");
+    Close(Result.Handle);
+    Close(File);
+    ExpectNothingOpen("the closes");
+}
+
+TEST_F(TargetOpens, OfAParentThatIsAnOpenFileTakeNothingFromIt) {
+    const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt");
+    LARGE_INTEGER At = {};
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    IO_STATUS_BLOCK IoStatus;
+    ASSERT_EQ(NtLockFile(File, nullptr, nullptr, nullptr, &IoStatus, &At, &Length, 0, TRUE, TRUE), STATUS_SUCCESS);
+    Provider.OnPath(Slot::CreateFile, u"\\srv\\vol\\a.txt\\new").Return(ProviderError(0x0506));
+    ExpectOpened(u"\\srv\\vol\\a.txt\\new", AsTarget, FILE_EXISTS);
+    EXPECT_NE(FsRtlGetNextFileLock(&Fcb(File)->FileLock, TRUE), nullptr);
+    EXPECT_EQ(Fcb(File)->OpenType, OPEN_TYPE_FILE + 0u);
+    Close(File);
+}
+
+TEST_F(TargetOpens, OfAParentThatCannotBeOpenedTellThatTheTargetIsNotThere) {
+    Provider.OnCall(Slot::OpenDirectory).Return(ProviderError(0x0006));
+    const embedded::CreateResult Result = Create(u"\\srv\\vol\\docs\\f.txt", AsTarget);
+    ASSERT_EQ(Result.Status, STATUS_SUCCESS);
+    EXPECT_EQ(Result.Information, static_cast<ULONG_PTR>(FILE_DOES_NOT_EXIST));
+    EXPECT_EQ(Instance(Result.Handle)->DirHandle, 0u);
+    EXPECT_EQ(Instance(Result.Handle)->RelatedHandle, Instance(Result.Handle)->VolumeHandle);
+    EXPECT_EQ(Fcb(Result.Handle)->OpenType, OPEN_TYPE_DIRECTORY + 0u);
+    Close(Result.Handle);
+}
+
+TEST_F(TargetOpens, OfNamesThatCannotBeAreRefused) {
+    struct Case {
+        std::u16string_view Path;
+        NTSTATUS Status;
+    };
+    constexpr Case Cases[] = {
+        {u"\\srv\\vol", STATUS_BAD_NETWORK_PATH}, // its parent is a server
+        {u"\\srv", STATUS_OBJECT_NAME_INVALID},
+        {u"\\", STATUS_OBJECT_NAME_INVALID},
+        {u"\\srv\\vol\\docs\\\\new", STATUS_OBJECT_NAME_INVALID},
+        {u"\\srv\\vol\\docs\\new\\\\", STATUS_OBJECT_NAME_INVALID},
+        {u"\\srv\\vol\\d*\\new", STATUS_OBJECT_NAME_INVALID},
+        {std::u16string_view(u"\\srv\\vol\\a\0b", 12), STATUS_OBJECT_NAME_INVALID},
+    };
+    Provider.OnPath(Slot::CreateFile, u"\\srv\\vol\\d*\\new").Return(ProviderError(0x0506));
+    for (const Case &Each : Cases) {
+        ExpectRefused(Each.Path, AsTarget, Each.Status);
+    }
+    ExpectNothingOpen("refusals");
+}
+
+TEST_F(TargetOpens, WithoutTheFrameworksMemoryForTheNameAreRefused) {
+    Bind();
+    Framework->FailAllocate();
+    ExpectRefused(u"\\srv\\vol\\docs\\new", AsTarget, STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(Provider.CountCalls(), 1u);
+    ExpectOpened(u"\\srv\\vol\\docs\\new", AsTarget, FILE_DOES_NOT_EXIST);
+}
+
+} // namespace
