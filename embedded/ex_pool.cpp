@@ -233,7 +233,10 @@ bool FreeTracked(PoolKind Kind, PVOID Block, ULONG Tag) {
     std::unique_lock Lock(Place.Mutex);
     auto Found = Place.Live.find(AddressOf(Block));
     if (Found == Place.Live.end()) {
-        const bool Twice = Place.Freed.contains(AddressOf(Block));
+        // An address freed once may have come back as a block allocated unverified.
+        const PoolHeader *Header = static_cast<const PoolHeader *>(Block) - 1;
+        const bool Twice = Place.Freed.contains(AddressOf(Block)) &&
+                           !(AnyUntracked && Header->Magic == LiveMagic && Header->Tracked == 0);
         if (!Twice && AnyUntracked) {
             return false;
         }

@@ -112,8 +112,13 @@ RVSTATUS NTAPI GetFileId(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG64 *FileId)
 // leads to something else by now, the object of the handle is not there to be erased.
 RVSTATUS MayErase(const Object &Item, bool &May) {
     May = false;
-    if (Item.FromRoot.empty() || Item.Volume->Options.ReadOnly) {
+    if (Item.Volume->Options.ReadOnly) {
         return RVSTATUS::Success;
+    }
+    // A root is never erased itself; it is asked on behalf of the names in it.
+    if (Item.FromRoot.empty()) {
+        May = faccessat(Item.Volume->Root.Get(), ".", W_OK | X_OK, AT_EACCESS) == 0;
+        return May || errno == EACCES || errno == EROFS ? RVSTATUS::Success : StatusFromErrno(errno);
     }
     const size_t Slash = Item.FromRoot.rfind('/');
     const std::string Parent = Slash == std::string::npos ? "" : Item.FromRoot.substr(0, Slash);
