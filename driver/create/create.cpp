@@ -145,7 +145,7 @@ NTSTATUS OpenVolumeRoot(CREATE_STATE &Create) {
     if (Create.DeleteOnClose) {
         return STATUS_CANNOT_DELETE;
     }
-    Create.Fcb->OpenType = OPEN_TYPE_DIRECTORY;
+    NtFsdSetOpenType(Create.Fcb, OPEN_TYPE_DIRECTORY);
     Create.Information = FILE_OPENED;
     NtFsdDebugPrint(TRACE_CREATE, 0, "Successfully Opened Volume root. Exiting...\n");
     return STATUS_SUCCESS;
@@ -251,7 +251,7 @@ void UndoFcbChanges(CREATE_STATE &Create) {
     if (!Create.Shared) {
         NtFsdInitializeFcbFileLock(Fcb);
         IoRemoveShareAccess(Create.FileObject, &Fcb->ShareAccess);
-        Fcb->OpenType = OPEN_TYPE_UNKNOWN;
+        NtFsdSetOpenType(Fcb, OPEN_TYPE_UNKNOWN);
     } else if (Fcb->OpenType == OPEN_TYPE_DIRECTORY && Create.Instance->PathLeft[0] != 0) {
         // The look-up marked the path as resolved; a directory that is open says that it is not a volume root.
         Fcb->VolumeResolved = 0;

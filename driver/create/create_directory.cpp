@@ -5,8 +5,7 @@ namespace {
 // Marks the FCB as a directory below its volume. A volume root keeps saying that its path was resolved: its listings
 // have no dot entries.
 void MarkDirectory(CREATE_STATE &Create) {
-    // Requests on other opens read the kind without the FCB's lock.
-    __atomic_store_n(&Create.Fcb->OpenType, OPEN_TYPE_DIRECTORY, __ATOMIC_RELAXED);
+    NtFsdSetOpenType(Create.Fcb, OPEN_TYPE_DIRECTORY);
     if (Create.Instance->PathLeft[0] != 0) {
         Create.Fcb->VolumeResolved = 0;
     }

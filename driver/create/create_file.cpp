@@ -233,7 +233,7 @@ NTSTATUS PerformFileAction(CREATE_STATE &Create) {
         return Status;
     }
     if (!Create.Shared) {
-        Create.Fcb->OpenType = OPEN_TYPE_FILE;
+        NtFsdSetOpenType(Create.Fcb, OPEN_TYPE_FILE);
     }
     DeriveProviderArguments(Create);
     Status = CheckShareAccess(Create);

@@ -104,7 +104,7 @@ void TypeNewParent(PIO_STACK_LOCATION IrpSp, PFCB Fcb) {
     const auto &Parameters = IrpSp->Parameters.Create;
     IoSetShareAccess(Parameters.SecurityContext->DesiredAccess, Parameters.ShareAccess, IrpSp->FileObject,
                      &Fcb->ShareAccess);
-    Fcb->OpenType = OPEN_TYPE_DIRECTORY;
+    NtFsdSetOpenType(Fcb, OPEN_TYPE_DIRECTORY);
     NtFsdDebugPrint(TRACE_CREATE, 0, "[RVFSD] NtFsdOpenTargetDirectory pFcb->OpenType is set to OPEN_TYPE_DIRECTORY\n");
 }
 
@@ -143,7 +143,7 @@ ULONG_PTR OpenParentHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT 
     }
     if (NewParent) {
         // The parent is a file after all, and must not stand in the way of opens that know it.
-        Fcb->OpenType = OPEN_TYPE_FILE;
+        NtFsdSetOpenType(Fcb, OPEN_TYPE_FILE);
         NtFsdInitializeFcbFileLock(Fcb);
     }
     return FILE_EXISTS;

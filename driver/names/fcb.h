@@ -263,6 +263,14 @@ NTSTATUS TwSupDereference(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT I
 // Frees an instance with its listing buffers. Unlinked by the caller.
 VOID NtFsdFreeInstance(PINSTANCE_CONTEXT Instance);
 
+// Says what kind of object Fcb is. Fcb->Resource is held exclusively; requests on other opens read the kind without it,
+// and it stays what it is while any of them is there.
+inline VOID NtFsdSetOpenType(PFCB Fcb, ULONG OpenType) {
+    if (__atomic_load_n(&Fcb->OpenType, __ATOMIC_RELAXED) != OpenType) {
+        __atomic_store_n(&Fcb->OpenType, OpenType, __ATOMIC_RELAXED);
+    }
+}
+
 // The file-object check of every request: fetches FCB and instance and tests signature, deletion and type
 // (ExpectedOpenType 0 = any). STATUS_INVALID_HANDLE, STATUS_INVALID_PARAMETER, STATUS_DELETE_PENDING or STATUS_SUCCESS.
 NTSTATUS NtFsdDecodeFileObject(PFILE_OBJECT FileObject, PFCB *Fcb, PINSTANCE_CONTEXT *Instance, ULONG ExpectedOpenType);

@@ -89,12 +89,9 @@ ULONG CountSeparators(PCUNICODE_STRING Path) {
     return Count;
 }
 
-// TRUE when Units characters of Path, at least one, end at a component boundary.
+// TRUE when Units characters of Path end at a component boundary.
 bool EndsComponent(PCUNICODE_STRING Path, ULONG Units) {
     const ULONG PathUnits = Path->Length / sizeof(WCHAR);
-    if (Units == 0) {
-        return false;
-    }
     return Units == PathUnits || (Units < PathUnits && Path->Buffer[Units] == SEPARATOR);
 }
 

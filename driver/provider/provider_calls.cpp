@@ -39,9 +39,15 @@ bool IsTerminated(PCWSTR Buffer) {
     return false;
 }
 
-// A path answer counts only when it ends within its buffer.
+// A path answer counts only when it names something and ends within its buffer.
 RVSTATUS CheckPath(RVSTATUS Status, PCWSTR Buffer) {
-    return RvIsError(Status) || IsTerminated(Buffer) ? Status : RVSTATUS::Unsuccessful;
+    if (RvIsError(Status)) {
+        return Status;
+    }
+    if (Buffer[0] == 0) {
+        return AsError(Status);
+    }
+    return IsTerminated(Buffer) ? Status : RVSTATUS::Unsuccessful;
 }
 
 } // namespace

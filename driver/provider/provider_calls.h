@@ -19,7 +19,8 @@ RVSTATUS RVFsdCloseVolume(PRV_SECURITY Security, RVHANDLE Volume);
 RVSTATUS RVFsdGetVolumeInformation(PRV_SECURITY Security, RVHANDLE Volume, ULONG *Flags, UCHAR *Identifier16);
 RVSTATUS RVFsdGetVolumeSize(PRV_SECURITY Security, RVHANDLE Volume, ULONG64 *Length, ULONG64 *Free,
                             ULONG64 *QuotaAllowed, ULONG64 *FreeAfterQuota);
-// Buffer holds RV_PATH_BUFFER_BYTES; it is terminated within them or the call fails.
+// Buffer holds RV_PATH_BUFFER_BYTES, its first unit 0; the answer is not empty and is terminated within them, or the
+// call fails.
 RVSTATUS RVFsdQueryPathForVolume(PRV_SECURITY Security, PCWSTR FullPath, PWSTR Buffer);
 RVSTATUS RVFsdGetDFSPhysicalPath(PRV_SECURITY Security, PUNICODE_STRING Path, PUNICODE_STRING PhysicalPath);
 

@@ -75,6 +75,19 @@ TEST_F(Paths, AnAnswerThatDoesNotEndInItsBufferIsAnError) {
     ExpectEmpty(Physical);
 }
 
+TEST_F(Paths, ASuccessWithoutAPathIsAnErrorWithItsCode) {
+    struct Case {
+        ULONG Raw, Error;
+    };
+    for (const Case &Each : {Case{0, 0xC7E70001}, Case{0x80000007, 0xC7E70007}, Case{0xC7E70517, 0xC7E70517}}) {
+        Provider.OnCall(Slot::QueryPathForVolume).Return(static_cast<RVSTATUS>(Each.Raw));
+        OwnedString Volume;
+        EXPECT_EQ(VolumeOf(u"\\srv\\vol\\a", Volume), static_cast<RVSTATUS>(Each.Error));
+        ExpectEmpty(Volume);
+        Provider.ClearScript();
+    }
+}
+
 TEST_F(Paths, TheLongestAnswerIsTakenWhole) {
     const std::u16string Longest = u"\\" + std::u16string(4094, u'v');
     Provider.OnCall(Slot::QueryPathForVolume).AnswerPath(Longest);

@@ -1,0 +1,126 @@
+// Renames beside opens and other renames.
+
+#include <atomic>
+#include <thread>
+
+#include "tests/driver/rename_client.h"
+
+namespace {
+
+using test::Open;
+
+class RenamesConcurrent : public test::RenameFixture {
+protected:
+    static constexpr int Rounds = 40;
+
+    // Runs Work in its own thread, Rounds times.
+    template <typename T>
+    void Run(T Work) {
+        Threads_.emplace_back([Work] {
+            for (int Round = 0; Round < Rounds; ++Round) {
+                Work(Round);
+            }
+        });
+    }
+    void Join() {
+        for (std::thread &Each : Threads_) {
+            Each.join();
+        }
+        Threads_.clear();
+    }
+    // Opens Path, if it is there, and reads what must be in it.
+    void ReadIfThere(std::u16string_view Path, const std::string &Content) {
+        const embedded::CreateResult Opened = Create(Path);
+        if (Opened.Status == STATUS_SUCCESS) {
+            EXPECT_EQ(ReadAll(Opened.Handle), Content);
+            Close(Opened.Handle);
+        } else {
+            EXPECT_TRUE(Opened.Status == STATUS_OBJECT_NAME_NOT_FOUND || Opened.Status == STATUS_NO_SUCH_FILE ||
+                        Opened.Status == STATUS_OBJECT_PATH_NOT_FOUND)
+                << std::hex << Opened.Status;
+        }
+    }
+    // Denied: somebody's open of the new name, or of one below a directory, is not quite gone.
+    static void ExpectRenamedOrDenied(NTSTATUS Status) {
+        EXPECT_TRUE(Status == STATUS_SUCCESS || Status == STATUS_ACCESS_DENIED) << std::hex << Status;
+    }
+    void ExpectWhereItSays(HANDLE Handle) {
+        EXPECT_TRUE(Provider.Exists(PathOf(Handle))) << providers::ToUtf8(PathOf(Handle));
+        EXPECT_TRUE(Fcb(Handle)->OpenFlags & FCB_STATE_IN_PREFIX_TABLE);
+    }
+
+private:
+    std::vector<std::thread> Threads_;
+};
+
+TEST_F(RenamesConcurrent, WithOpensOfTheOldAndTheNewName) {
+    const HANDLE Handle = OpenFile();
+    Run([&](int Round) {
+        ExpectRenamedOrDenied(Rename(Handle, Round % 2 ? u"\\srv\\vol\\a.txt" : u"\\srv\\vol\\b.txt", true));
+    });
+    Run([&](int) { ReadIfThere(u"\\srv\\vol\\a.txt", "0123456789"); });
+    Run([&](int) { ReadIfThere(u"\\srv\\vol\\B.TXT", "0123456789"); });
+    Join();
+    EXPECT_EQ(FcbPrefixCount, 1u);
+    EXPECT_EQ(Rename(Handle, u"\\srv\\vol\\c.txt"), STATUS_SUCCESS);
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\c.txt"), "0123456789");
+    ExpectWhereItSays(Handle);
+    Close(Handle);
+}
+
+// Two handles of one file rename it and mark it for deletion; it goes with the last of them, under the name it has.
+TEST_F(RenamesConcurrent, ThroughSeveralHandlesOfOneFile) {
+    const HANDLE One = OpenFile();
+    const HANDLE Two = OpenFile();
+    const auto Try = [&](HANDLE Handle, std::u16string_view Name) {
+        // The other one may have been there between the open of the target and the rename.
+        const NTSTATUS Status = Rename(Handle, Name);
+        EXPECT_TRUE(Status == STATUS_SUCCESS || Status == STATUS_OBJECT_NAME_COLLISION) << std::hex << Status;
+    };
+    Run([&](int Round) { Try(One, Round % 2 ? u"\\srv\\vol\\b.txt" : u"\\srv\\vol\\d\\b.txt"); });
+    Run([&](int Round) { Try(Two, Round % 2 ? u"\\srv\\vol\\c.txt" : u"\\srv\\vol\\d\\C.TXT"); });
+    Run([&](int) {
+        UCHAR Byte;
+        EXPECT_EQ(Read(Two, &Byte, 1, 3).Status, STATUS_SUCCESS);
+        EXPECT_EQ(Byte, '3');
+    });
+    Join();
+    ExpectWhereItSays(One);
+    const std::u16string Path = PathOf(One);
+    EXPECT_EQ(SetDisposition(One, true), STATUS_SUCCESS);
+    Close(One);
+    EXPECT_TRUE(Provider.Exists(Path));
+    Close(Two);
+    EXPECT_FALSE(Provider.Exists(Path));
+}
+
+// A file goes into a directory and out again while the directory changes its own name.
+TEST_F(RenamesConcurrent, OfADirectoryAndOfAFileIntoIt) {
+    const HANDLE File = OpenFile();
+    const HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
+    std::atomic<int> Arrived = 0;
+    Run([&](int Round) {
+        const NTSTATUS Status = Rename(File, Round % 2 ? u"\\srv\\vol\\d\\f.txt" : u"\\srv\\vol\\e\\f.txt");
+        Arrived += Status == STATUS_SUCCESS;
+        EXPECT_TRUE(Status == STATUS_SUCCESS || Status == STATUS_OBJECT_PATH_NOT_FOUND ||
+                    Status == STATUS_OBJECT_NAME_COLLISION || Status == STATUS_ACCESS_DENIED ||
+                    Status == STATUS_NO_SUCH_FILE)
+            << std::hex << Status;
+        ExpectRenamedOrDenied(Rename(File, u"\\srv\\vol\\a.txt", true));
+    });
+    Run([&](int Round) {
+        const NTSTATUS Status = Rename(Directory, Round % 2 ? u"\\srv\\vol\\d" : u"\\srv\\vol\\e");
+        EXPECT_TRUE(Status == STATUS_SUCCESS || Status == STATUS_ACCESS_DENIED ||
+                    Status == STATUS_OBJECT_NAME_COLLISION)
+            << std::hex << Status;
+    });
+    Run([&](int Round) { ReadIfThere(Round % 2 ? u"\\srv\\vol\\d\\f.txt" : u"\\srv\\vol\\e\\f.txt", "0123456789"); });
+    Join();
+    ExpectWhereItSays(File);
+    ExpectWhereItSays(Directory);
+    EXPECT_EQ(ReadAll(File), "0123456789");
+    Close(File);
+    Close(Directory);
+}
+
+} // namespace

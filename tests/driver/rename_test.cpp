@@ -1,0 +1,626 @@
+// Renames: what is moved, what stands in the way, and what the FCB and its opens are called afterwards.
+
+#include "tests/driver/rename_client.h"
+
+namespace {
+
+using providers::ProviderError;
+using providers::Slot;
+using test::Open;
+
+class Renaming : public test::RenameFixture {};
+
+// ---- The move
+// ----------------------------------------------------------------------------------------------------------
+
+TEST_F(Renaming, AFileTakesItsNewNameWithEverythingItHas) {
+    const HANDLE Handle = OpenFile();
+    const PFCB Before = Fcb(Handle);
+    EXPECT_EQ(Rename(Handle, u"\\srv\\vol\\b.txt"), STATUS_SUCCESS);
+    EXPECT_EQ(Fcb(Handle), Before);
+    ExpectNamed(Handle, u"\\srv\\vol\\b.txt");
+    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\a.txt"));
+    EXPECT_EQ(ReadAll(Handle), "0123456789");
+    const HANDLE Again = OpenFile(u"\\srv\\vol\\B.TXT");
+    EXPECT_EQ(Fcb(Again), Before);
+    EXPECT_EQ(Create(u"\\srv\\vol\\a.txt").Status, STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(FcbPrefixCount, 1u);
+    Close(Again);
+    Close(Handle);
+}
+
+TEST_F(Renaming, MovesFromTheOpensOwnHandleAndPathToTheDirectorysHandleAndTheNewName) {
+    const HANDLE Handle = OpenFile();
+    const HANDLE Target = OpenTarget(u"\\srv\\vol\\d\\new.txt");
+    const RVHANDLE Directory = Instance(Target)->DirHandle;
+    EXPECT_EQ(RenameThrough(Handle, Target), STATUS_SUCCESS);
+    EXPECT_EQ(CallNames(), (Calls{"RVFsdMoveFile", "RVFsdCloseDirectory"}));
+    const providers::Call Move = Last(Slot::MoveFile);
+    EXPECT_EQ(Move.Number("sourceBase"), Instance(Handle)->VolumeHandle);
+    EXPECT_EQ(Move.String("source"), u"a.txt");
+    EXPECT_EQ(Move.Number("targetBase"), Directory);
+    EXPECT_EQ(Move.String("target"), u"new.txt");
+    ExpectNamed(Handle, u"\\srv\\vol\\d\\new.txt");
+    // The target's directory handle is used up.
+    EXPECT_EQ(Instance(Target)->DirHandle, 0u);
+    EXPECT_EQ(Instance(Target)->RelatedHandle, Instance(Target)->BaseHandle);
+    Close(Target);
+    // The next one starts from the whole path.
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\back.txt"), STATUS_SUCCESS);
+    ExpectNamed(Handle, u"\\srv\\vol\\back.txt");
+    Close(Handle);
+}
+
+TEST_F(Renaming, BelowARootDirectoryHandleIsRelativeToIt) {
+    const HANDLE Handle = OpenFile();
+    const HANDLE Root = OpenDirectory(u"\\srv\\vol\\d");
+    EXPECT_EQ(Rename(Handle, u"new.txt", false, Root), STATUS_SUCCESS);
+    ExpectNamed(Handle, u"\\srv\\vol\\d\\new.txt");
+    Close(Root);
+    Close(Handle);
+}
+
+TEST_F(Renaming, ADirectoryKeepsItsHandleForTheNamesBelowIt) {
+    Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "inside");
+    const HANDLE Handle = OpenDirectory(u"\\srv\\vol\\d");
+    const HANDLE Target = OpenTarget(u"\\srv\\vol\\e");
+    EXPECT_EQ(RenameThrough(Handle, Target), STATUS_SUCCESS);
+    EXPECT_EQ(Last(Slot::MoveDirectory).Number("sourceBase"), Instance(Handle)->VolumeHandle);
+    EXPECT_EQ(Last(Slot::MoveDirectory).String("source"), u"d");
+    EXPECT_EQ(Last(Slot::MoveDirectory).String("target"), u"e");
+    Close(Target);
+    ExpectNamed(Handle, u"\\srv\\vol\\e");
+    Open Below = {.Related = Handle};
+    const HANDLE Child = MustOpen(u"f.txt", Below);
+    EXPECT_EQ(PathOf(Child), u"\\srv\\vol\\e\\f.txt");
+    EXPECT_EQ(ReadAll(Child), "inside");
+    Close(Child);
+    Close(Handle);
+}
+
+TEST_F(Renaming, ADirectoryThatWasCreatedButNotOpenedMovesItself) {
+    const HANDLE Handle = CreateUnopened(u"\\srv\\vol\\d\\new");
+    EXPECT_EQ(Rename(Handle, u"\\srv\\vol\\moved"), STATUS_SUCCESS);
+    ExpectNamed(Handle, u"\\srv\\vol\\moved");
+    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\d"));
+    Close(Handle);
+}
+
+TEST_F(Renaming, IntoAnotherVolumeIsRefusedByTheServerAndChangesNothing) {
+    Provider.AddFile(u"\\srv\\other\\x.txt");
+    Provider.Edit([](providers::Tree &Tree) { Tree.AddVolume(u"\\srv\\vol2"); });
+    const HANDLE Handle = OpenFile();
+    EXPECT_EQ(Rename(Handle, u"\\srv\\vol2\\a.txt"), STATUS_NOT_SAME_DEVICE);
+    EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
+    EXPECT_EQ(std::u16string(Instance(Handle)->PathLeft), u"a.txt");
+    EXPECT_EQ(ReadAll(Handle), "0123456789");
+    Close(Handle);
+}
+
+class FailedMoves : public Renaming, public testing::WithParamInterface<std::pair<RVSTATUS, NTSTATUS>> {};
+
+TEST_P(FailedMoves, LeaveNameAndKey) {
+    const auto [Answer, Status] = GetParam();
+    const HANDLE File = OpenFile();
+    const HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
+    Provider.OnCall(Slot::MoveFile).Return(Answer);
+    Provider.OnCall(Slot::MoveDirectory).Return(Answer);
+    EXPECT_EQ(RenameTo(File, u"\\srv\\vol\\new"), Status);
+    EXPECT_EQ(Made(), (Calls{"RVFsdMoveFile", "RVFsdCloseDirectory"}));
+    EXPECT_EQ(RenameTo(Directory, u"\\srv\\vol\\new"), Status);
+    EXPECT_EQ(Made(), (Calls{"RVFsdMoveDirectory", "RVFsdCloseDirectory"}));
+    EXPECT_EQ(PathOf(File), u"\\srv\\vol\\a.txt");
+    EXPECT_EQ(PathOf(Directory), u"\\srv\\vol\\d");
+    const HANDLE Again = OpenFile(u"\\srv\\vol\\a.txt");
+    EXPECT_EQ(Fcb(Again), Fcb(File));
+    Close(Again);
+    Close(Directory);
+    Close(File);
+}
+
+INSTANTIATE_TEST_SUITE_P(Answers, FailedMoves,
+                         testing::Values(std::pair{ProviderError(0x0102), STATUS_NETWORK_BUSY},
+                                         std::pair{ProviderError(0x0107), STATUS_ACCESS_DENIED},
+                                         std::pair{ProviderError(0x0510), STATUS_OBJECT_NAME_COLLISION},
+                                         std::pair{ProviderError(0x0000), STATUS_UNSUCCESSFUL},
+                                         std::pair{static_cast<RVSTATUS>(0x80000008), STATUS_NO_DATA_DETECTED}));
+
+// ---- What stands in the way
+// --------------------------------------------------------------------------------------------
+
+TEST_F(Renaming, AnExistingTargetIsACollisionUnlessItIsToBeReplaced) {
+    Provider.AddFile(u"\\srv\\vol\\d\\b.txt", "old");
+    const HANDLE Handle = OpenFile();
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\b.txt"), STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(Made(), Calls{"RVFsdCloseDirectory"});
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\b.txt"), "old");
+
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\b.txt", true), STATUS_SUCCESS);
+    EXPECT_EQ(Made(), (Calls{"RVFsdDeleteFile", "RVFsdMoveFile", "RVFsdCloseDirectory"}));
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\b.txt"), "0123456789");
+    ExpectNamed(Handle, u"\\srv\\vol\\d\\b.txt");
+    Close(Handle);
+}
+
+TEST_F(Renaming, ATargetThatCannotBeDeletedStays) {
+    Provider.AddFile(u"\\srv\\vol\\b.txt", "old", RV_ATTR_READONLY);
+    const HANDLE Handle = OpenFile();
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", true), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(Made(), (Calls{"RVFsdDeleteFile", "RVFsdCloseDirectory"}));
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\a.txt"), "0123456789");
+    EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
+    Close(Handle);
+}
+
+TEST_F(Renaming, ATargetThatVanishedMeanwhileIsOutOfTheWay) {
+    Provider.AddFile(u"\\srv\\vol\\b.txt", "old");
+    const HANDLE Handle = OpenFile();
+    Provider.OnCall(Slot::DeleteFile).ReturnAfter(ProviderError(0x0506));
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", true), STATUS_SUCCESS);
+    Close(Handle);
+}
+
+TEST_F(Renaming, ADirectoryReplacesNothing) {
+    Provider.AddFile(u"\\srv\\vol\\b.txt", "old");
+    Provider.AddDirectory(u"\\srv\\vol\\e");
+    const HANDLE Handle = OpenDirectory(u"\\srv\\vol\\d");
+    for (const bool Replace : {false, true}) {
+        EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", Replace), STATUS_OBJECT_NAME_COLLISION);
+        EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\e", Replace), STATUS_OBJECT_NAME_COLLISION);
+        EXPECT_EQ(Made(), Calls{"RVFsdCloseDirectory"});
+    }
+    Close(Handle);
+}
+
+TEST_F(Renaming, AnOpenTargetIsNotReplacedUnderItsOpens) {
+    Provider.AddFile(u"\\srv\\vol\\b.txt", "old");
+    const HANDLE Handle = OpenFile();
+    const HANDLE Victim = OpenFile(u"\\srv\\vol\\B.txt");
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", true), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(Made(), Calls{"RVFsdCloseDirectory"});
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", false), STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(ReadAll(Victim), "old");
+    Close(Victim);
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", true), STATUS_SUCCESS);
+    Close(Handle);
+}
+
+TEST_F(Renaming, ADirectoryWithOpensBelowItStays) {
+    Provider.AddFile(u"\\srv\\vol\\d\\sub\\f.txt", "x");
+    Provider.AddFile(u"\\srv\\vol\\dd\\f.txt", "x");
+    const HANDLE Handle = OpenDirectory(u"\\srv\\vol\\d");
+    const HANDLE Beside = OpenFile(u"\\srv\\vol\\dd\\f.txt"); // begins alike, lies elsewhere
+    const HANDLE Below = OpenFile(u"\\SRV\\vol\\D\\sub\\f.txt");
+    for (std::u16string_view Name : {u"\\srv\\vol\\e", u"\\srv\\vol\\D"}) {
+        EXPECT_EQ(RenameTo(Handle, Name), STATUS_ACCESS_DENIED);
+        EXPECT_EQ(Made(), Calls{"RVFsdCloseDirectory"});
+    }
+    Close(Below);
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\e"), STATUS_SUCCESS);
+    Close(Beside);
+    Close(Handle);
+}
+
+// ---- The letter case of a name
+// -----------------------------------------------------------------------------------------
+
+class CaseOnly : public Renaming, public testing::WithParamInterface<bool> {}; // replace
+
+INSTANTIATE_TEST_SUITE_P(Replace, CaseOnly, testing::Bool());
+
+// The object itself is no obstacle, and is never deleted to make room for itself.
+TEST_P(CaseOnly, OfAFileMovesByTheOldNameInTheTargetDirectory) {
+    StartPrinting();
+    Provider.AddFile(u"\\srv\\vol\\d\\file.txt", "kept");
+    const HANDLE Handle = OpenFile(u"\\srv\\vol\\d\\file.txt");
+    const HANDLE Target = OpenTarget(u"\\srv\\vol\\D\\FILE.TXT");
+    const RVHANDLE Directory = Instance(Target)->DirHandle;
+    EXPECT_EQ(RenameThrough(Handle, Target, GetParam()), STATUS_SUCCESS);
+    EXPECT_EQ(CallNames(), (Calls{"RVFsdMoveFile", "RVFsdCloseDirectory"}));
+    const providers::Call Move = Last(Slot::MoveFile);
+    EXPECT_EQ(Move.Number("sourceBase"), Directory);
+    EXPECT_EQ(Move.String("source"), u"file.txt");
+    EXPECT_EQ(Move.Number("targetBase"), Directory);
+    EXPECT_EQ(Move.String("target"), u"FILE.TXT");
+    Close(Target);
+    ExpectNamed(Handle, u"\\srv\\vol\\D\\FILE.TXT");
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\FILE.TXT"), "kept");
+    EXPECT_TRUE(HasPrinted("NtFsdFileSetRenameInfo determined \"file.txt\" and \"FILE.TXT\" represent a case-only "
+                           "rename.\n"));
+    EXPECT_TRUE(HasPrinted("NtFsdFileSetRenameInfo constructed pCaseOnlyRenameSourceName \"file.txt\".\n"));
+    // Once more through the same handle, whose file object still has its first name.
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\File.Txt", GetParam()), STATUS_SUCCESS);
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\file.txt"), "kept");
+    EXPECT_EQ(FcbPrefixCount, 1u);
+    Close(Handle);
+}
+
+TEST_P(CaseOnly, OfADirectoryWorksAlike) {
+    Provider.AddFile(u"\\srv\\vol\\d\\sub\\f.txt", "x");
+    const HANDLE Handle = OpenDirectory(u"\\srv\\vol\\d\\sub");
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\SUB", GetParam()), STATUS_SUCCESS);
+    EXPECT_EQ(Made(), (Calls{"RVFsdMoveDirectory", "RVFsdCloseDirectory"}));
+    ExpectNamed(Handle, u"\\srv\\vol\\d\\SUB");
+    Close(Handle);
+}
+
+TEST_P(CaseOnly, ToTheNameThatItHasDoesNothing) {
+    Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "kept");
+    const HANDLE Handle = OpenFile(u"\\srv\\vol\\d\\f.txt");
+    for (std::u16string_view Name : {u"\\srv\\vol\\d\\f.txt", u"\\SRV\\Vol\\D\\f.txt"}) {
+        EXPECT_EQ(RenameTo(Handle, Name, GetParam()), STATUS_SUCCESS);
+        EXPECT_EQ(Made(), Calls{"RVFsdCloseDirectory"});
+    }
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\f.txt"), "kept");
+    EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\d\\f.txt");
+    Close(Handle);
+}
+
+struct NotCaseOnlyCase {
+    std::u16string_view Source;
+    std::u16string_view Target;
+    const char *Printed;
+};
+
+class NotCaseOnly : public Renaming, public testing::WithParamInterface<NotCaseOnlyCase> {};
+
+// The target exists and is another file: it stays, or is deleted where that was asked for.
+TEST_P(NotCaseOnly, IsARenameLikeAnyOther) {
+    StartPrinting();
+    Provider.AddFile(GetParam().Source, "mine");
+    Provider.AddFile(GetParam().Target, "theirs");
+    const HANDLE Handle = OpenFile(GetParam().Source);
+    EXPECT_EQ(RenameTo(Handle, GetParam().Target), STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_TRUE(HasPrinted(GetParam().Printed)) << Printed;
+    EXPECT_FALSE(HasPrinted("represent a case-only rename"));
+    EXPECT_EQ(Provider.Content(GetParam().Target), "theirs");
+    EXPECT_EQ(RenameTo(Handle, GetParam().Target, true), STATUS_SUCCESS);
+    EXPECT_EQ(Provider.Content(GetParam().Target), "mine");
+    EXPECT_FALSE(Provider.Exists(GetParam().Source));
+    Close(Handle);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Reasons, NotCaseOnly,
+    testing::Values(
+        NotCaseOnlyCase{u"\\srv\\vol\\f.txt", u"\\srv\\vol\\directory\\F.TXT",
+                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on length:\n        "
+                        "source: \"\\srv\\vol\\f.txt\" (28)\n        target: \"\\srv\\vol\\directory\" (36)\n"},
+        NotCaseOnlyCase{u"\\srv\\vol\\docs2\\f.txt", u"\\srv\\vol\\docs\\F.TXT",
+                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on parent directory "
+                        "backslash:\n        source: \"\\srv\\vol\\docs2\\f.txt\"\n        target: "
+                        "\"\\srv\\vol\\docs\"\n"},
+        NotCaseOnlyCase{u"\\srv\\vol\\abcd\\f.txt", u"\\srv\\vol\\docs\\F.TXT",
+                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on parent directory "
+                        "compare:\n        source: \"\\srv\\vol\\abcd\\f.txt\"\n        target: "
+                        "\"\\srv\\vol\\docs\"\n"},
+        NotCaseOnlyCase{u"\\srv\\vol\\sub\\f.txt", u"\\srv\\vol\\F.TXT",
+                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on final component "
+                        "backslash:\n        source: \"\\srv\\vol\\sub\\f.txt\"\n        target: \"\\srv\\vol\"\n"},
+        NotCaseOnlyCase{u"\\srv\\vol\\f.txt", u"\\srv\\vol\\G.TXT",
+                        "NtFsdFileSetRenameInfo determined \"f.txt\" and \"G.TXT\" are not a case-only rename.\n"},
+        NotCaseOnlyCase{u"\\srv\\vol\\f.txt", u"\\srv\\vol\\F.TXT2",
+                        "NtFsdFileSetRenameInfo determined \"f.txt\" and \"F.TXT2\" are not a case-only rename.\n"}));
+
+// ---- Read-only objects
+// -------------------------------------------------------------------------------------------------
+
+// Where the retry goes wrong.
+enum class Trouble { None, NotReadOnly, Query, Clear, SecondMove, Restore };
+
+struct RetryCase {
+    Trouble At;
+    NTSTATUS Status;
+    unsigned Calls; // of the five: move, query, clear, move, restore
+};
+
+class ReadOnly : public Renaming, public testing::WithParamInterface<std::tuple<RetryCase, bool>> {
+protected:
+    static const RetryCase &Case() {
+        return std::get<0>(GetParam());
+    }
+    static bool IsDirectory() {
+        return std::get<1>(GetParam());
+    }
+    static constexpr std::u16string_view Old = u"\\srv\\vol\\r";
+    static constexpr std::u16string_view New = u"\\srv\\vol\\d\\r2";
+
+    void MakeObject() {
+        const ULONG Attributes = RV_ATTR_HIDDEN | (Case().At == Trouble::NotReadOnly ? 0u : RV_ATTR_READONLY + 0u);
+        IsDirectory() ? Provider.AddDirectory(Old) : Provider.AddFile(Old, "x");
+        Provider.Edit([=](providers::Tree &Tree) { Tree.Find(Old)->Attributes = Attributes; });
+    }
+    void Plant() {
+        const Slot Move = IsDirectory() ? Slot::MoveDirectory : Slot::MoveFile;
+        const Slot Query = IsDirectory() ? Slot::GetDirectoryInformation : Slot::GetBasicFileInformation;
+        const Slot Set = IsDirectory() ? Slot::SetDirectoryInformation : Slot::SetFileInformation;
+        switch (Case().At) {
+        case Trouble::None:
+            return;
+        case Trouble::NotReadOnly:
+            Provider.OnCall(Move).Return(RVSTATUS::AccessDenied);
+            return;
+        case Trouble::Query:
+            Provider.OnCall(Query).ReturnAfter(ProviderError(0x0102));
+            return;
+        case Trouble::Clear:
+            Provider.OnCall(Set).Nth(1).Return(ProviderError(0x0102));
+            return;
+        case Trouble::SecondMove:
+            Provider.OnCall(Move).Nth(2).Return(ProviderError(0x0102));
+            return;
+        case Trouble::Restore:
+            Provider.OnCall(Set).Nth(2).Return(ProviderError(0x0102));
+            return;
+        }
+    }
+};
+
+TEST_P(ReadOnly, IsMovedWithTheAttributeOffAndHasItAgainWhateverHappened) {
+    MakeObject();
+    const HANDLE Handle = MustOpen(Old, IsDirectory() ? test::DirectoryForChange : WithoutData);
+    Plant();
+    EXPECT_EQ(RenameTo(Handle, New), Case().Status);
+    Calls Expected = IsDirectory()
+                         ? Calls{"RVFsdMoveDirectory", "RVFsdGetDirectoryInformation", "RVFsdSetDirectoryInformation",
+                                 "RVFsdMoveDirectory", "RVFsdSetDirectoryInformation"}
+                         : Calls{"RVFsdMoveFile", "RVFsdGetBasicFileInformation", "RVFsdSetFileInformation",
+                                 "RVFsdMoveFile", "RVFsdSetFileInformation"};
+    Expected.resize(Case().Calls);
+    Expected.push_back("RVFsdCloseDirectory");
+    EXPECT_EQ(Made(), Expected);
+    const bool Moved = Case().Status == STATUS_SUCCESS;
+    EXPECT_EQ(Provider.Exists(New), Moved);
+    EXPECT_EQ(Provider.Exists(Old), !Moved);
+    const bool Stays = Case().At != Trouble::NotReadOnly && Case().At != Trouble::Restore;
+    EXPECT_EQ((Provider.Attributes(Moved ? New : Old) & RV_ATTR_READONLY) != 0, Stays);
+    EXPECT_TRUE(Provider.Attributes(Moved ? New : Old) & RV_ATTR_HIDDEN); // the rest of the word is untouched
+    EXPECT_EQ(PathOf(Handle), Moved ? New : Old);
+    Close(Handle);
+}
+
+INSTANTIATE_TEST_SUITE_P(Troubles, ReadOnly,
+                         testing::Combine(testing::Values(RetryCase{Trouble::None, STATUS_SUCCESS, 5},
+                                                          RetryCase{Trouble::NotReadOnly, STATUS_ACCESS_DENIED, 2},
+                                                          RetryCase{Trouble::Query, STATUS_ACCESS_DENIED, 2},
+                                                          RetryCase{Trouble::Clear, STATUS_ACCESS_DENIED, 3},
+                                                          RetryCase{Trouble::SecondMove, STATUS_NETWORK_BUSY, 5},
+                                                          RetryCase{Trouble::Restore, STATUS_SUCCESS, 5}),
+                                          testing::Bool()));
+
+// ---- Other opens
+// -------------------------------------------------------------------------------------------------------
+
+// Every open of the file, however it was named, names the renamed file and nothing else.
+TEST_F(Renaming, EveryOtherOpenStaysValidAndDeletesTheRenamedFile) {
+    for (int Deleting = 0; Deleting < 3; ++Deleting) {
+        Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "mine");
+        const HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
+        Open Below = test::ForChange;
+        Below.Related = Directory;
+        const HANDLE Handles[] = {OpenFile(u"\\srv\\vol\\d\\f.txt"), MustOpen(u"f.txt", Below),
+                                  OpenFile(u"\\srv\\vol\\D\\F.TXT")};
+        EXPECT_EQ(Rename(Handles[0], u"\\srv\\vol\\moved.txt"), STATUS_SUCCESS);
+        Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "a new one");
+        for (HANDLE Each : Handles) {
+            ExpectNamed(Each, u"\\srv\\vol\\moved.txt");
+            EXPECT_EQ(ReadAll(Each), "mine");
+        }
+        EXPECT_EQ(SetDisposition(Handles[Deleting], true), STATUS_SUCCESS);
+        Close(Handles[(Deleting + 1) % 3]);
+        Close(Directory);
+        Close(Handles[(Deleting + 2) % 3]);
+        EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\moved.txt"));
+        Close(Handles[Deleting]);
+        EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\moved.txt"));
+        EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\f.txt"), "a new one");
+    }
+}
+
+TEST_F(Renaming, DeleteOnCloseFollowsTheFile) {
+    Open Deleting = test::ForChange;
+    Deleting.Options |= FILE_DELETE_ON_CLOSE;
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Deleting);
+    EXPECT_EQ(Rename(Handle, u"\\srv\\vol\\d\\b.txt"), STATUS_SUCCESS);
+    Provider.AddFile(u"\\srv\\vol\\a.txt", "a new one");
+    Close(Handle);
+    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\d\\b.txt"));
+    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\a.txt"));
+}
+
+// The directory that was opened as the target may itself be renamed before the rename arrives.
+TEST_F(Renaming, TheNewPathIsTheTargetDirectorysPathOfNow) {
+    const HANDLE Handle = OpenFile();
+    const HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
+    const HANDLE Target = OpenTarget(u"\\srv\\vol\\d\\new.txt");
+    EXPECT_EQ(Rename(Directory, u"\\srv\\vol\\e"), STATUS_SUCCESS);
+    EXPECT_EQ(RenameThrough(Handle, Target), STATUS_SUCCESS);
+    ExpectNamed(Handle, u"\\srv\\vol\\e\\new.txt");
+    Close(Target);
+    Close(Directory);
+    Close(Handle);
+}
+
+TEST_F(Renaming, OpensBelowTheTargetOutliveItsHandle) {
+    Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "inside");
+    const HANDLE Handle = OpenFile();
+    const HANDLE Target = OpenTarget(u"\\srv\\vol\\d\\new.txt");
+    Open Below = test::ForChange;
+    Below.Related = Target;
+    const HANDLE Child = MustOpen(u"f.txt", Below);
+    EXPECT_EQ(RenameThrough(Handle, Target), STATUS_SUCCESS);
+    ExpectNamed(Child, u"\\srv\\vol\\d\\f.txt");
+    EXPECT_EQ(Rename(Child, u"\\srv\\vol\\d\\g.txt"), STATUS_SUCCESS);
+    Close(Target);
+    Close(Child);
+    Close(Handle);
+}
+
+// ---- Refusals
+// ----------------------------------------------------------------------------------------------------------
+
+TEST_F(Renaming, WithoutATargetIsNotSupported) {
+    StartPrinting();
+    const HANDLE Handle = OpenFile();
+    Provider.ClearCalls();
+    EXPECT_EQ(Rename(Handle, u"b.txt"), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(CallNames(), Calls{});
+    EXPECT_TRUE(HasPrinted("   Called for a simple rename.  Not supported!\n"));
+    Close(Handle);
+}
+
+TEST_F(Renaming, ATargetThatIsNoDirectoryOfOursIsRefused) {
+    Provider.AddFile(u"\\srv\\vol\\b.txt");
+    const HANDLE Handle = OpenFile();
+    const HANDLE Other = OpenFile(u"\\srv\\vol\\b.txt");
+    const PFILE_OBJECT Foreign = embedded::CreateFileObject(Device(), u"\\x", 0);
+    const UCHAR Replace = 1;
+    Provider.ClearCalls();
+    EXPECT_EQ(Send(Handle, FileRenameInformation, &Replace, 1, Foreign), STATUS_INVALID_HANDLE);
+    EXPECT_EQ(RenameThrough(Handle, Other, true), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(CallNames(), Calls{});
+    embedded::DereferenceFileObject(Foreign);
+    Close(Other);
+    Close(Handle);
+}
+
+// Such an open still has its volume's handle: the move would land in the root and replace what is there.
+TEST_F(Renaming, ATargetDirectoryThatCouldNotBeOpenedIsRefused) {
+    Provider.AddFile(u"\\srv\\vol\\d\\new.txt", "theirs");
+    Provider.AddFile(u"\\srv\\vol\\new.txt", "in the root");
+    const HANDLE Handle = OpenFile();
+    for (USHORT Code : {RV_STATUS_ACCESS_DENIED, RVFS_NOT_A_DIRECTORY}) {
+        Provider.OnCall(Slot::OpenDirectory).Return(ProviderError(Code)).Times(1);
+        const HANDLE Target = OpenTarget(u"\\srv\\vol\\d\\new.txt");
+        EXPECT_EQ(Instance(Target)->DirHandle, 0u);
+        const NTSTATUS Expected =
+            Code == RVFS_NOT_A_DIRECTORY ? STATUS_INVALID_PARAMETER : STATUS_OBJECT_PATH_NOT_FOUND;
+        EXPECT_EQ(RenameThrough(Handle, Target, true), Expected);
+        EXPECT_EQ(CallNames(), Calls{});
+        Close(Target);
+    }
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\new.txt"), "in the root");
+    Close(Handle);
+}
+
+TEST_F(Renaming, TheRootOfAVolumeHasNoNameToChange) {
+    const HANDLE Root = OpenDirectory(u"\\srv\\vol");
+    EXPECT_EQ(RenameTo(Root, u"\\srv\\vol\\d\\x"), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(Made(), Calls{});
+    Close(Root);
+}
+
+// The name of the target's file object while one of these lives.
+class Renamed {
+public:
+    Renamed(PFILE_OBJECT File, std::u16string_view Name) : File_(File), Old_(File->FileName) {
+        const auto Bytes = static_cast<USHORT>(Name.size() * sizeof(WCHAR));
+        File->FileName = {Bytes, Bytes, const_cast<PWSTR>(Name.data())};
+    }
+    ~Renamed() {
+        File_->FileName = Old_;
+    }
+    Renamed(const Renamed &) = delete;
+    Renamed &operator=(const Renamed &) = delete;
+
+private:
+    PFILE_OBJECT File_;
+    UNICODE_STRING Old_;
+};
+
+class BadNames : public Renaming, public testing::WithParamInterface<std::u16string> {};
+
+TEST_P(BadNames, AreRefusedBeforeAnythingIsAsked) {
+    const HANDLE Handle = OpenFile();
+    const HANDLE Target = OpenTarget(u"\\srv\\vol\\d\\new.txt");
+    {
+        const Renamed Bad(FileObject(Target), GetParam());
+        EXPECT_EQ(RenameThrough(Handle, Target, true), STATUS_OBJECT_NAME_INVALID);
+    }
+    EXPECT_EQ(CallNames(), Calls{"RVFsdCloseDirectory"});
+    EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
+    Close(Target);
+    Close(Handle);
+}
+
+INSTANTIATE_TEST_SUITE_P(Names, BadNames,
+                         testing::Values(u"", u"\\", u"\\x", u"x\\", u"x\\y", std::u16string(u"x\0y", 3),
+                                         std::u16string(32767, u'n'),   // too long itself
+                                         std::u16string(32756, u'n'))); // by one, below "\srv\vol\d"
+
+TEST_F(Renaming, ThePathMayBeAsLongAsASizeCanSay) {
+    const HANDLE Handle = OpenFile();
+    const HANDLE Target = OpenTarget(u"\\srv\\vol\\d\\new.txt");
+    const std::u16string Name(32755, u'n');
+    Provider.OnCall(Slot::MoveFile).Return(RVSTATUS::Success);
+    {
+        const Renamed Longest(FileObject(Target), Name);
+        EXPECT_EQ(RenameThrough(Handle, Target), STATUS_SUCCESS);
+    }
+    EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\d\\" + Name);
+    Close(Target);
+    Close(Handle);
+}
+
+// ---- Faults
+// ------------------------------------------------------------------------------------------------------------
+
+// Memory is had before the server hears of it, or nothing happens.
+TEST_F(Renaming, WithoutMemoryNothingHasChanged) {
+    for (std::u16string_view Name : {u"\\srv\\vol\\d\\new.txt", u"\\srv\\vol\\A.TXT"}) {
+        for (ULONG64 Nth = 1;; ++Nth) {
+            Provider.AddFile(u"\\srv\\vol\\a.txt", "mine");
+            const HANDLE Handle = OpenFile();
+            const HANDLE Target = OpenTarget(Name);
+            NTSTATUS Status;
+            bool Failed;
+            {
+                const embedded::PlannedFaults NoMemory(
+                    {.Kinds = embedded::FaultBit(embedded::FaultKind::Pool), .Nth = Nth});
+                Status = RenameThrough(Handle, Target);
+                Failed = embedded::GetFaultCounts().TotalFailed() != 0;
+            }
+            const bool Moved = Provider.CountCalls(Slot::MoveFile) != 0;
+            EXPECT_EQ(Status, Moved ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES);
+            EXPECT_EQ(PathOf(Handle), Moved ? Name : u"\\srv\\vol\\a.txt");
+            EXPECT_TRUE(Fcb(Handle)->OpenFlags & FCB_STATE_IN_PREFIX_TABLE);
+            EXPECT_TRUE(Provider.Exists(PathOf(Handle)));
+            EXPECT_EQ(SetDisposition(Handle, true), STATUS_SUCCESS);
+            Close(Target);
+            Close(Handle);
+            if (!Failed) {
+                EXPECT_GT(Nth, 3u);
+                break;
+            }
+        }
+    }
+}
+
+// Whatever the server fails, the driver's name of the file is the server's.
+TEST_F(Renaming, AnyFailureOfTheProviderLeavesFileAndFcbOfOneName) {
+    for (unsigned Nth = 1;; ++Nth) {
+        Provider.AddFile(u"\\srv\\vol\\r.txt", "mine", RV_ATTR_READONLY);
+        Provider.AddFile(u"\\srv\\vol\\d\\b.txt", "theirs");
+        const HANDLE Handle = MustOpen(u"\\srv\\vol\\r.txt", WithoutData);
+        Provider.FailEverything(Slot::Any, Nth, ProviderError(0x0102));
+        const NTSTATUS Status = Rename(Handle, u"\\srv\\vol\\d\\b.txt", true);
+        const bool Fired = Provider.FaultFired();
+        Provider.ClearScript();
+        EXPECT_EQ(PathOf(Handle), Status == STATUS_SUCCESS ? u"\\srv\\vol\\d\\b.txt" : u"\\srv\\vol\\r.txt") << Nth;
+        EXPECT_EQ(Provider.Content(PathOf(Handle)), "mine") << Nth;
+        Close(Handle);
+        if (!Fired) {
+            EXPECT_EQ(Status, STATUS_SUCCESS);
+            break;
+        }
+        Provider.Edit([](providers::Tree &Tree) {
+            for (std::u16string_view Path : {u"\\srv\\vol\\r.txt", u"\\srv\\vol\\d\\b.txt"}) {
+                if (providers::Node *Left = Tree.Find(Path)) {
+                    Left->Attributes = 0;
+                }
+            }
+        });
+    }
+}
+
+} // namespace
