@@ -1,11 +1,16 @@
 // rvfsd: the redirector's driver on the embedded kernel, over local directories.
 
+#include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
+#include <iostream>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include "app/interrupt.h"
 #include "app/session.h"
 #include "app/text.h"
 #include "app/verbs/verbs.h"
@@ -43,15 +48,19 @@ SessionOptions SessionOf(const GlobalOptions &Text) {
     }
     for (const std::string &One : Text.Switches) {
         const auto [Name, Value] = SplitPair(One, "--set NAME=VALUE");
-        const auto &Known = KnownSwitches();
-        if (std::find(Known.begin(), Known.end(), Name) == Known.end()) {
-            throw UsageError(fmt::format("--set: the driver has no switch {}; it has {}", Name,
-                                         fmt::join(Known.begin(), Known.end(), ", ")));
+        const std::span<const Switch> Known = KnownSwitches();
+        if (std::none_of(Known.begin(), Known.end(),
+                         [&Name = Name](const Switch &Each) { return Each.Name == Name; })) {
+            std::string Names;
+            for (const Switch &Each : Known) {
+                Names += std::string(Names.empty() ? "" : ", ") + Each.Name;
+            }
+            throw UsageError(fmt::format("--set: the driver has no switch {}; it has {}", Name, Names));
         }
-        Options.Switches[Name] = static_cast<uint32_t>(ParseNumber(Value));
+        Options.Switches[Name] = ParseWord(Value);
     }
     if (!Text.Trace.empty()) {
-        Options.TraceMask = static_cast<uint32_t>(ParseNumber(Text.Trace));
+        Options.TraceMask = ParseWord(Text.Trace);
     }
     if (!Text.Log.empty()) {
         Options.Log = Text.Log;
@@ -74,17 +83,44 @@ void AddGlobalOptions(CLI::App &App, GlobalOptions &Text) {
     App.set_version_flag("--version", std::string("rvfsd " RVFSD_VERSION ", the driver linked natively"));
 }
 
+// What went wrong, told; the exit code that says so.
+int CodeOf(const std::exception &Error) {
+    Complain(Error.what());
+    return dynamic_cast<const UsageError *>(&Error) != nullptr    ? 2
+           : dynamic_cast<const Interrupted *>(&Error) != nullptr ? InterruptedCode
+                                                                  : 1;
+}
+
 // Runs Chosen over a driver of its own; what is left behind afterwards is exit code 3.
 int RunOver(const SessionOptions &Options, const Command &Chosen) {
     Session Running(Options);
-    const int Code = Chosen(Running);
-    fflush(stdout);
+    int Code = 0;
+    try {
+        Code = Chosen(Running);
+    } catch (const std::exception &Error) {
+        Code = CodeOf(Error);
+    }
+    if (fflush(stdout) != 0 && Code == 0) {
+        Complain(fmt::format("standard output: {}", strerror(errno)));
+        Code = 1;
+    }
     const std::string Findings = Running.Stop();
     if (!Findings.empty()) {
-        fmt::print(stderr, "{}", Findings);
+        Complain("left behind when the driver stopped:\n" + Findings);
         return 3;
     }
     return Code;
+}
+
+// The command line's first fault in words of ours where the library's mislead.
+int BadUsage(const CLI::App &App, const CLI::ParseError &Error) {
+    const std::vector<std::string> Extra = App.remaining();
+    if (App.get_subcommands().empty() && !Extra.empty() && !Extra[0].starts_with('-')) {
+        Complain(fmt::format("{}: no such verb; --help lists them", Extra[0]));
+    } else {
+        App.exit(Error, std::cerr, std::cerr);
+    }
+    return 2;
 }
 
 int Main(int Count, char **Words) {
@@ -100,8 +136,7 @@ int Main(int Count, char **Words) {
     } catch (const CLI::Success &Help) {
         return App.exit(Help);
     } catch (const CLI::ParseError &Error) {
-        App.exit(Error, std::cerr, std::cerr);
-        return 2;
+        return BadUsage(App, Error);
     }
     if (!Chosen) {
         Chosen = isatty(STDIN_FILENO) && isatty(STDOUT_FILENO) ? Command(RunConsole) : Command(RunTour);
@@ -112,13 +147,10 @@ int Main(int Count, char **Words) {
 } // namespace
 
 int main(int Count, char **Words) {
+    CatchInterrupts();
     try {
         return Main(Count, Words);
-    } catch (const UsageError &Error) {
-        fmt::print(stderr, "{}\n", Error.what());
-        return 2;
     } catch (const std::exception &Error) {
-        fmt::print(stderr, "{}\n", Error.what());
-        return 1;
+        return CodeOf(Error);
     }
 }

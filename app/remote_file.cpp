@@ -4,6 +4,7 @@
 #include <cstring>
 #include <utility>
 
+#include "app/interrupt.h"
 #include "app/text.h"
 
 namespace app {
@@ -41,6 +42,7 @@ embedded::CreateResult OpenRemote(std::u16string_view Path, const OpenRequest &R
 }
 
 RemoteFile::RemoteFile(std::u16string Path, const OpenRequest &Request) : Path_(std::move(Path)) {
+    CheckInterrupt();
     const embedded::CreateResult Result = OpenRemote(Path_, Request);
     if (!NT_SUCCESS(Result.Status)) {
         throw StatusError(Result.Status, ShowPath(Path_));
@@ -63,6 +65,7 @@ NTSTATUS RemoteFile::Close() {
 }
 
 size_t RemoteFile::Read(LONG64 Offset, void *Buffer, size_t Length) {
+    CheckInterrupt();
     IO_STATUS_BLOCK IoStatus = {};
     LARGE_INTEGER At;
     At.QuadPart = Offset;
@@ -80,6 +83,7 @@ size_t RemoteFile::Read(LONG64 Offset, void *Buffer, size_t Length) {
 void RemoteFile::Write(LONG64 Offset, const void *Buffer, size_t Length) {
     auto Bytes = static_cast<const char *>(Buffer);
     while (Length != 0) {
+        CheckInterrupt();
         IO_STATUS_BLOCK IoStatus = {};
         LARGE_INTEGER At;
         At.QuadPart = Offset;
@@ -147,6 +151,7 @@ void RemoteFile::Set(ULONG InfoClass, const void *Record, ULONG Length) {
 
 RemoteFile::Answer RemoteFile::List(ULONG InfoClass, ULONG Length, std::u16string_view Mask, bool Restart,
                                     bool Single) {
+    CheckInterrupt();
     Answer Result = {STATUS_UNSUCCESSFUL, 0, std::vector<UCHAR>(Length)};
     UNICODE_STRING Name = Counted(Mask);
     IO_STATUS_BLOCK IoStatus = {};

@@ -1,4 +1,5 @@
-// An open file or directory of a server, through the system services.
+// An open file or directory of a server, through the system services. Opens, transfers and listings throw Interrupted
+// instead of beginning after a signal (interrupt.h).
 #pragma once
 
 #include <string>

@@ -1,12 +1,17 @@
 #include "app/session.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
 #include <unistd.h>
 
 #include <fmt/format.h>
 
 #include "app/text.h"
+#include "embedded/verifier.h"
+#include "frame/diagnostics.h"
 #include "kernel/linux/driver_image.h"
 
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
@@ -17,11 +22,15 @@ namespace {
 
 constexpr auto ServiceKey = u"\\REGISTRY\\Machine\\System\\CurrentControlSet\\Services\\RVFSD";
 
+// Beside the sources that the program was built in (build/PRESET/app), also after they were moved as a whole.
 std::filesystem::path SampleTree() {
     if (const char *Override = getenv("RVFSD_SAMPLE")) {
         return Override;
     }
-    return RVFSD_SOURCE_DIR "/app/sample";
+    std::error_code Error;
+    const std::filesystem::path Program = std::filesystem::read_symlink("/proc/self/exe", Error);
+    const std::filesystem::path Beside = Program.parent_path() / "../../../app/sample";
+    return std::filesystem::is_directory(Beside, Error) ? Beside.lexically_normal() : RVFSD_SOURCE_DIR "/app/sample";
 }
 
 std::map<std::string, uint32_t> SwitchesOf(const SessionOptions &Options) {
@@ -39,26 +48,68 @@ std::map<std::string, uint32_t> SwitchesOf(const SessionOptions &Options) {
     return Switches;
 }
 
-std::filesystem::path MakeLogDirectory() {
-    std::string Name = (std::filesystem::temp_directory_path() / "rvfsd-log-XXXXXX").string();
-    if (mkdtemp(Name.data()) == nullptr) {
-        throw UsageError(fmt::format("{}: cannot be made", Name));
-    }
-    return Name;
-}
+constexpr Switch Switches[] = {{"EnableDirectoryNotify", 0},
+                               {"EnableAsyncIo", 0},
+                               {"UNCPathFilterBehavior", 0},
+                               {"FailDeleteInUseWorkaround", 1},
+                               {"Defer Windows DELETE Access Check", 0},
+                               {"EnableDebug", 0},
+                               {"FsDisplayOutput", 0},
+                               {"FsDebugLevel", 0},
+                               {"RvioctlDbgMsg", 0},
+                               {"DebugLogging", 0}};
 
 } // namespace
 
-const std::vector<std::string> &KnownSwitches() {
-    static const std::vector<std::string> Names = {"EnableDirectoryNotify", "EnableAsyncIo",
-                                                   "UNCPathFilterBehavior", "FailDeleteInUseWorkaround",
-                                                   "EnableDebug",           "Defer Windows DELETE Access Check",
-                                                   "FsDisplayOutput",       "FsDebugLevel",
-                                                   "RvioctlDbgMsg",         "DebugLogging"};
-    return Names;
+std::span<const Switch> KnownSwitches() {
+    return Switches;
 }
 
-Session::Session(const SessionOptions &Options) : Exports_(Options.Exports), Log_(Options.Log) {
+// A system volume whose Rvfsd.log is the file of the user's choice, which fills while the driver runs.
+class LogVolume {
+public:
+    explicit LogVolume(const std::filesystem::path &File) : File_(std::filesystem::absolute(File)) {
+        std::error_code Error;
+        const bool Special = std::filesystem::exists(File_, Error) && !std::filesystem::is_regular_file(File_, Error);
+        if (Special || !std::ofstream(File_, std::ios::trunc)) {
+            throw UsageError(
+                fmt::format("--log {}: {}", File.string(), Special ? "not a regular file" : strerror(errno)));
+        }
+        std::string Name = (std::filesystem::temp_directory_path() / "rvfsd-log-XXXXXX").string();
+        if (mkdtemp(Name.data()) == nullptr) {
+            throw UsageError(fmt::format("--log: {}: {}", Name, strerror(errno)));
+        }
+        Directory_ = Name;
+        std::filesystem::create_symlink(File_, Inside());
+    }
+    ~LogVolume() {
+        std::error_code Error;
+        // DebugLogging=2 deletes the old log: what came then is a file of its own.
+        if (!std::filesystem::is_symlink(Inside(), Error)) {
+            std::filesystem::copy_file(Inside(), File_, std::filesystem::copy_options::overwrite_existing, Error);
+            if (Error) {
+                Complain(fmt::format("--log {}: {}", File_.string(), Error.message()));
+            }
+        }
+        std::filesystem::remove_all(Directory_, Error);
+    }
+    LogVolume(const LogVolume &) = delete;
+    LogVolume &operator=(const LogVolume &) = delete;
+
+    const std::filesystem::path &Directory() const {
+        return Directory_;
+    }
+
+private:
+    std::filesystem::path Inside() const {
+        return Directory_ / "Rvfsd.log";
+    }
+
+    std::filesystem::path File_;
+    std::filesystem::path Directory_;
+};
+
+Session::Session(const SessionOptions &Options) : Exports_(Options.Exports), Switches_(SwitchesOf(Options)) {
     if (Exports_.empty()) {
         Exports_.push_back({"\\\\demo\\files", SampleTree()});
     }
@@ -73,13 +124,13 @@ Session::Session(const SessionOptions &Options) : Exports_(Options.Exports), Log
         }
     }
     embedded::KernelOptions Boot;
-    for (const auto &[Name, Value] : SwitchesOf(Options)) {
+    for (const auto &[Name, Value] : Switches_) {
         Boot.Registry.push_back({ServiceKey, Widen(Name), Value});
     }
     Boot.Time = embedded::ClockMode::Running;
-    if (Log_) {
-        LogDirectory_ = MakeLogDirectory();
-        Boot.SystemVolume = LogDirectory_;
+    if (Options.Log) {
+        Log_ = std::make_unique<LogVolume>(*Options.Log);
+        Boot.SystemVolume = Log_->Directory();
     }
     Boot.DebugSink = [](std::string_view Text) { fwrite(Text.data(), 1, Text.size(), stderr); };
     Boot.ResetDriverImage = ResetDriverImage;
@@ -110,6 +161,9 @@ std::string Session::Stop() {
     if (Kernel_ != nullptr) {
         // A command that was ended in the middle leaves handles, as a process that dies does.
         Kernel_->CloseOpenHandles();
+        // The driver shuts down as strictly as it ran; what is left is wanted as text then, not as a stop.
+        Kernel_->SendShutdown();
+        embedded::SetVerifierLevel(embedded::VerifierLevel::Off);
         Findings = Kernel_->Stop();
     }
     if (Framework_ != nullptr) {
@@ -120,18 +174,28 @@ std::string Session::Stop() {
     for (const auto &Left : Directories_.ListOpenHandles()) {
         Findings += fmt::format("a {} handle of the Provider is left: {}\n", Left.Kind, Left.Path);
     }
-    if (LogDirectory_) {
-        std::error_code Error;
-        std::filesystem::copy_file(*LogDirectory_ / "Rvfsd.log", *Log_,
-                                   std::filesystem::copy_options::overwrite_existing, Error);
-        if (Error) {
-            fmt::print(stderr, "{}: {}\n", Log_->string(), Error.message());
-        }
-        std::filesystem::remove_all(*LogDirectory_, Error);
-    }
+    Log_.reset();
     Framework_.reset();
     Kernel_.reset();
     return Findings;
+}
+
+std::vector<std::filesystem::path> Session::OpenFiles() const {
+    std::vector<std::filesystem::path> Paths;
+    for (const auto &Open : Directories_.ListOpenHandles()) {
+        if (Open.Kind == "file") {
+            Paths.emplace_back(Open.Path);
+        }
+    }
+    return Paths;
+}
+
+uint32_t Session::Trace(uint32_t Mask, bool On) {
+    g_uDebugMask = On ? g_uDebugMask | Mask : g_uDebugMask & ~Mask;
+    g_uDebugFlags = On && g_uDebugFlags == 0 ? 1 : g_uDebugFlags;
+    g_bDisplayOutput = On ? TRUE : g_bDisplayOutput;
+    g_uTraceGate = g_uDebugFlags != 0 ? g_uDebugMask : 0;
+    return g_uTraceGate;
 }
 
 void Session::Tell(const std::string &Line) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -31,12 +32,19 @@ struct SessionOptions {
     std::optional<std::filesystem::path> Log; // where the driver's log goes
 };
 
-// The switches that the driver reads, for --set and its help.
-const std::vector<std::string> &KnownSwitches();
+// A switch that the driver reads, with what it takes when the service key has no value.
+struct Switch {
+    const char *Name;
+    uint32_t Default;
+};
+std::span<const Switch> KnownSwitches();
+
+class LogVolume;
 
 class Session {
 public:
-    // Starts everything. UsageError when an export cannot be served, StatusError when the driver does not start.
+    // Starts everything. UsageError when an export cannot be served or the log cannot be written, StatusError when the
+    // driver does not start.
     explicit Session(const SessionOptions &Options);
     ~Session();
     Session(const Session &) = delete;
@@ -51,14 +59,24 @@ public:
     const std::vector<Export> &Exports() const {
         return Exports_;
     }
+    // The values of the service key as the driver found them at its start.
+    const std::map<std::string, uint32_t> &Switches() const {
+        return Switches_;
+    }
+    // The local files that handles of the Provider are open for.
+    std::vector<std::filesystem::path> OpenFiles() const;
+
+    // Turns categories of the driver's messages on or off, as a debugger would: the service key is read at its start
+    // only. Not while requests are running. The categories that are on now.
+    uint32_t Trace(uint32_t Mask, bool On);
 
 private:
     void OnRequest(const embedded::CompletedRequest &Request);
     void Tell(const std::string &Line);
 
     std::vector<Export> Exports_;
-    std::optional<std::filesystem::path> Log_;
-    std::optional<std::filesystem::path> LogDirectory_;
+    std::map<std::string, uint32_t> Switches_;
+    std::unique_ptr<LogVolume> Log_;
     providers::DirectoryProvider Directories_;
     RVIOM_FSD *Served_ = nullptr;
     std::unique_ptr<providers::Recorder> Recorder_;

@@ -1,6 +1,7 @@
 #include "app/text.h"
 
 #include <charconv>
+#include <cstdio>
 #include <ctime>
 
 #include <fmt/format.h>
@@ -85,7 +86,7 @@ std::string InformationName(ULONG_PTR Information) {
     return Information < std::size(Names) ? Names[Information] : fmt::format("{}", Information);
 }
 
-uint64_t ParseNumber(std::string_view Text) {
+uint64_t ParseNumber(std::string_view Text, uint64_t Largest) {
     const bool Hexadecimal = Text.starts_with("0x") || Text.starts_with("0X");
     const std::string_view Digits = Hexadecimal ? Text.substr(2) : Text;
     uint64_t Value = 0;
@@ -93,7 +94,20 @@ uint64_t ParseNumber(std::string_view Text) {
     if (Digits.empty() || Result.ec != std::errc() || Result.ptr != Digits.data() + Digits.size()) {
         throw UsageError(fmt::format("{}: not a number", Text));
     }
+    if (Value > Largest) {
+        throw UsageError(fmt::format("{}: larger than {}", Text, Largest));
+    }
     return Value;
+}
+
+uint32_t ParseWord(std::string_view Text) {
+    return static_cast<uint32_t>(ParseNumber(Text, UINT32_MAX));
+}
+
+void Complain(std::string_view Message) noexcept {
+    fflush(stdout);
+    fwrite(Message.data(), 1, Message.size(), stderr);
+    fputc('\n', stderr);
 }
 
 std::string ShowTime(LONG64 Time) {

@@ -1,6 +1,7 @@
 // Text between the shell and the kernel: paths, statuses, sizes, times.
 #pragma once
 
+#include <cstdint>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -36,8 +37,13 @@ std::string ShowStatus(NTSTATUS Status);
 // "FILE_OPENED" and so on.
 std::string InformationName(ULONG_PTR Information);
 
-// A number in any C notation. UsageError otherwise.
-uint64_t ParseNumber(std::string_view Text);
+// A decimal number, or a hexadecimal one after 0x, of at most Largest. UsageError otherwise.
+uint64_t ParseNumber(std::string_view Text, uint64_t Largest = UINT64_MAX);
+uint32_t ParseWord(std::string_view Text);
+
+// One message on standard error, behind what standard output was given before. Never throws: when standard error cannot
+// be written there is nobody left to tell.
+void Complain(std::string_view Message) noexcept;
 
 // 100-ns units since 1601 as local time; "-" for 0.
 std::string ShowTime(LONG64 Time);

@@ -1,15 +1,15 @@
 // cat, put, cp: the bytes of files.
 
 #include <cstdio>
+#include <cstring>
 #include <memory>
-#include <optional>
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
 
+#include "app/interrupt.h"
+#include "app/local_file.h"
 #include "app/remote_file.h"
 #include "app/text.h"
 #include "app/verbs/verbs.h"
@@ -20,60 +20,6 @@ namespace {
 
 constexpr size_t BufferBytes = 1 << 20;
 
-// A local file or stream that throws what the system says.
-class LocalFile {
-public:
-    LocalFile(int Descriptor, std::string Name) : Descriptor_(Descriptor), Name_(std::move(Name)) {
-    }
-    static LocalFile Open(const std::string &Name, int Flags) {
-        const int Descriptor = open(Name.c_str(), Flags | O_CLOEXEC, 0666);
-        if (Descriptor < 0) {
-            throw std::runtime_error(fmt::format("{}: {}", Name, strerror(errno)));
-        }
-        return {Descriptor, Name};
-    }
-    LocalFile(LocalFile &&Other) noexcept : Descriptor_(Other.Descriptor_), Name_(std::move(Other.Name_)) {
-        Other.Descriptor_ = -1;
-    }
-    ~LocalFile() {
-        if (Descriptor_ > 2) {
-            close(Descriptor_);
-        }
-    }
-    size_t Read(void *Buffer, size_t Length) {
-        for (;;) {
-            const ssize_t Got = read(Descriptor_, Buffer, Length);
-            if (Got >= 0) {
-                return static_cast<size_t>(Got);
-            }
-            if (errno != EINTR) {
-                throw std::runtime_error(fmt::format("{}: {}", Name_, strerror(errno)));
-            }
-        }
-    }
-    void Write(const void *Buffer, size_t Length) {
-        auto At = static_cast<const char *>(Buffer);
-        while (Length != 0) {
-            const ssize_t Put = write(Descriptor_, At, Length);
-            if (Put < 0 && errno != EINTR) {
-                throw std::runtime_error(fmt::format("{}: {}", Name_, strerror(errno)));
-            }
-            if (Put > 0) {
-                At += Put;
-                Length -= static_cast<size_t>(Put);
-            }
-        }
-    }
-    LONG64 Size() const {
-        struct stat Status = {};
-        return fstat(Descriptor_, &Status) == 0 && S_ISREG(Status.st_mode) ? Status.st_size : -1;
-    }
-
-private:
-    int Descriptor_;
-    std::string Name_;
-};
-
 // A bar on a terminal, nothing elsewhere.
 class Progress {
 public:
@@ -81,7 +27,7 @@ public:
     }
     ~Progress() {
         if (Shown_) {
-            fmt::print(stderr, "\n");
+            fputs("\n", stderr);
         }
     }
     void Show(LONG64 Done) {
@@ -89,11 +35,13 @@ public:
             return;
         }
         constexpr int Width = 40;
+        Done = std::min(Done, Total_); // the file may have grown meanwhile
         const int Filled = static_cast<int>(Done * Width / Total_);
         if (Filled != Last_ || Done == Total_) {
             Last_ = Filled;
-            fmt::print(stderr, "\r[{:<{}}] {:3}%", std::string(static_cast<size_t>(Filled), '#'), Width,
-                       Done * 100 / Total_);
+            const std::string Bar = fmt::format("\r[{:<{}}] {:3}%", std::string(static_cast<size_t>(Filled), '#'),
+                                                Width, Done * 100 / Total_);
+            fputs(Bar.c_str(), stderr);
             fflush(stderr);
         }
     }
@@ -116,6 +64,7 @@ LONG64 Copy(const Source &From, const Sink &To, LONG64 Total) {
         Offset += static_cast<LONG64>(Got);
         Bar.Show(Offset);
     }
+    CheckInterrupt(); // an end that came with the signal is no end of the data
     return Offset;
 }
 
@@ -177,7 +126,29 @@ void Cat(const std::string &Path) {
          [&](LONG64, const void *Buffer, size_t Length) { Out.Write(Buffer, Length); }, -1);
 }
 
-void CopyIn(LocalFile &From, const std::string &Path, bool Replace) {
+// The local files that serve Path, found without changing anything: what must not be overwritten by itself.
+std::vector<std::filesystem::path> FilesBehind(Session &Running, const std::string &Path) {
+    try {
+        const RemoteFile Probe(RemotePath(Path), {.Access = FILE_READ_ATTRIBUTES | SYNCHRONIZE});
+        return Running.OpenFiles();
+    } catch (const StatusError &) {
+        return {}; // nothing is there, or the open that follows says what is wrong
+    }
+}
+
+void RefuseSame(const std::vector<std::filesystem::path> &Sources, const std::vector<std::filesystem::path> &Targets,
+                const std::string &Target) {
+    for (const std::filesystem::path &Source : Sources) {
+        if (IsOneOf(Source, Targets)) {
+            throw std::runtime_error(fmt::format("{}: source and target are the same file", Target));
+        }
+    }
+}
+
+void CopyIn(Session &Running, LocalFile &From, const std::string &Path, bool Replace) {
+    if (Replace) {
+        RefuseSame({From.Name()}, FilesBehind(Running, Path), Path);
+    }
     RemoteTarget Target(Path, Replace);
     Copy([&](LONG64, void *Buffer, size_t Length) { return From.Read(Buffer, Length); },
          [&](LONG64 Offset, const void *Buffer, size_t Length) { Target.File().Write(Offset, Buffer, Length); },
@@ -185,22 +156,20 @@ void CopyIn(LocalFile &From, const std::string &Path, bool Replace) {
     Target.Keep();
 }
 
-void CopyOut(const std::string &Path, const std::string &To, bool Replace) {
+void CopyOut(Session &Running, const std::string &Path, const std::string &To, bool Replace) {
     RemoteFile File = OpenForReading(Path);
-    LocalFile Out = LocalFile::Open(To, O_WRONLY | O_CREAT | (Replace ? O_TRUNC : O_EXCL));
-    try {
-        Copy([&](LONG64 Offset, void *Buffer, size_t Length) { return File.Read(Offset, Buffer, Length); },
-             [&](LONG64, const void *Buffer, size_t Length) { Out.Write(Buffer, Length); }, RemoteSize(File));
-    } catch (...) {
-        if (!Replace) {
-            unlink(To.c_str());
-        }
-        throw;
-    }
+    LocalTarget Target(To, Replace, Running.OpenFiles());
+    Copy([&](LONG64 Offset, void *Buffer, size_t Length) { return File.Read(Offset, Buffer, Length); },
+         [&](LONG64, const void *Buffer, size_t Length) { Target.Write(Buffer, Length); }, RemoteSize(File));
+    Target.Keep();
 }
 
-void CopyAcross(const std::string &From, const std::string &To, bool Replace) {
+void CopyAcross(Session &Running, const std::string &From, const std::string &To, bool Replace) {
+    const std::vector<std::filesystem::path> Targets = FilesBehind(Running, To);
     RemoteFile File = OpenForReading(From);
+    if (Replace) {
+        RefuseSame(Running.OpenFiles(), Targets, To);
+    }
     RemoteTarget Target(To, Replace);
     Copy([&](LONG64 Offset, void *Buffer, size_t Length) { return File.Read(Offset, Buffer, Length); },
          [&](LONG64 Offset, const void *Buffer, size_t Length) { Target.File().Write(Offset, Buffer, Length); },
@@ -208,14 +177,14 @@ void CopyAcross(const std::string &From, const std::string &To, bool Replace) {
     Target.Keep();
 }
 
-void CopyAny(const std::string &From, const std::string &To, bool Replace) {
+void CopyAny(Session &Running, const std::string &From, const std::string &To, bool Replace) {
     if (IsRemote(From) && IsRemote(To)) {
-        CopyAcross(From, To, Replace);
+        CopyAcross(Running, From, To, Replace);
     } else if (IsRemote(From)) {
-        CopyOut(From, To, Replace);
+        CopyOut(Running, From, To, Replace);
     } else if (IsRemote(To)) {
-        LocalFile Source = LocalFile::Open(From, O_RDONLY);
-        CopyIn(Source, To, Replace);
+        LocalFile Source = LocalFile::OpenForReading(From);
+        CopyIn(Running, Source, To, Replace);
     } else {
         throw UsageError("cp: one side at least is remote (\\\\server\\volume\\...)");
     }
@@ -229,9 +198,10 @@ int Guarded(const std::function<void()> &Action) {
         return 0;
     } catch (const UsageError &) {
         throw;
+    } catch (const Interrupted &) {
+        throw;
     } catch (const std::exception &Error) {
-        fflush(stdout);
-        fmt::print(stderr, "{}\n", Error.what());
+        Complain(Error.what());
         return 1;
     }
 }
@@ -261,11 +231,11 @@ void AddDataVerbs(CLI::App &App, Command &Chosen) {
     PutVerb->add_option("FILE", Put->From, "local file; - is standard input")->capture_default_str();
     PutVerb->add_flag("--force", Put->Force, "replace a file that is there");
     PutVerb->callback([&Chosen, Put] {
-        Chosen = [Put](Session &) {
+        Chosen = [Put](Session &Running) {
             return Guarded([&] {
                 LocalFile From =
-                    Put->From == "-" ? LocalFile(STDIN_FILENO, "standard input") : LocalFile::Open(Put->From, O_RDONLY);
-                CopyIn(From, Put->Path, Put->Force);
+                    Put->From == "-" ? LocalFile(STDIN_FILENO, "standard input") : LocalFile::OpenForReading(Put->From);
+                CopyIn(Running, From, Put->Path, Put->Force);
             });
         };
     });
@@ -281,7 +251,9 @@ void AddDataVerbs(CLI::App &App, Command &Chosen) {
     CopyVerb->add_option("TARGET", Copying->To)->required();
     CopyVerb->add_flag("--force", Copying->Force, "replace a file that is there");
     CopyVerb->callback([&Chosen, Copying] {
-        Chosen = [Copying](Session &) { return Guarded([&] { CopyAny(Copying->From, Copying->To, Copying->Force); }); };
+        Chosen = [Copying](Session &Running) {
+            return Guarded([&] { CopyAny(Running, Copying->From, Copying->To, Copying->Force); });
+        };
     });
 }
 

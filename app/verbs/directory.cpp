@@ -1,12 +1,12 @@
 // ls, find, watch: directories.
 
 #include <atomic>
-#include <csignal>
 #include <map>
 #include <thread>
 
 #include <fmt/format.h>
 
+#include "app/interrupt.h"
 #include "app/remote_file.h"
 #include "app/text.h"
 #include "app/verbs/verbs.h"
@@ -131,29 +131,6 @@ int Find(const std::u16string &Directory, const std::u16string &Mask, bool Shown
     return Code;
 }
 
-// ---- watch
-// -------------------------------------------------------------------------------------------------------------
-
-volatile std::sig_atomic_t Interrupted = 0;
-
-void OnInterrupt(int) {
-    Interrupted = 1;
-}
-
-// Ctrl-C ends the wait, not the program.
-class InterruptScope {
-public:
-    InterruptScope() : Old_(std::signal(SIGINT, OnInterrupt)) {
-        Interrupted = 0;
-    }
-    ~InterruptScope() {
-        std::signal(SIGINT, Old_);
-    }
-
-private:
-    void (*Old_)(int);
-};
-
 // A wait on an asynchronous handle; the handle's close ends it.
 class Wait {
 public:
@@ -221,11 +198,8 @@ int Watch(const std::string &Path) {
             ConsoleWaits->Add(std::move(Waiting));
             return;
         }
-        const InterruptScope Interrupts;
         while (!Waiting->WaitFor(200)) {
-            if (Interrupted) {
-                throw StatusError(STATUS_CANCELLED, ShowPath(Waiting->Path()));
-            }
+            CheckInterrupt();
         }
         fmt::print("{}\n", ShowStatus(Waiting->Status()));
     });

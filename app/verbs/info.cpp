@@ -83,7 +83,7 @@ int ShowRaw(RemoteFile &File, ULONG InfoClass, ULONG Length) {
     if (NT_SUCCESS(Raw.Status)) {
         return 0;
     }
-    fmt::print(stderr, "{}: {}\n", ShowStatus(Raw.Status), ShowPath(File.Path()));
+    Complain(fmt::format("{}: {}", ShowStatus(Raw.Status), ShowPath(File.Path())));
     return 1;
 }
 

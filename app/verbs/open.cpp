@@ -63,7 +63,7 @@ ULONG ParseFlags(const std::string &Text, const NameTable &Table, const char *Wh
         if (Found != Table.end()) {
             Value |= Found->second;
         } else if (!Part.empty() && isdigit(static_cast<unsigned char>(Part[0])) != 0) {
-            Value |= static_cast<ULONG>(ParseNumber(Part));
+            Value |= ParseWord(Part);
         } else if (!Part.empty()) {
             throw UsageError(fmt::format("{}: {} is none of {}", What, Part, Known(Table)));
         }
@@ -77,7 +77,11 @@ ULONG ParseLetters(const std::string &Text, const std::map<char, ULONG> &Letters
     for (const char Letter : Text) {
         const auto Found = Letters.find(Letter);
         if (Found == Letters.end()) {
-            throw UsageError(fmt::format("{}: {} is no letter of it", What, Letter));
+            std::string Known;
+            for (const auto &[One, Bit] : Letters) {
+                Known += One;
+            }
+            throw UsageError(fmt::format("{}: {} is none of the letters {}", What, Text, Known));
         }
         Value |= Found->second;
     }
@@ -111,15 +115,16 @@ OpenRequest RequestOf(const OpenOptions &Text) {
                                         {'s', FILE_ATTRIBUTE_SYSTEM},
                                         {'a', FILE_ATTRIBUTE_ARCHIVE}},
                                        "--attributes"),
-            .AllocationSize = static_cast<LONG64>(ParseNumber(Text.AllocationSize))};
+            .AllocationSize = static_cast<LONG64>(ParseNumber(Text.AllocationSize, INT64_MAX))};
 }
 
 int OpenOnce(const OpenOptions &Text) {
     const std::u16string Path = RemotePath(Text.Path);
     const embedded::CreateResult Result = OpenRemote(Path, RequestOf(Text));
     if (!NT_SUCCESS(Result.Status)) {
-        fmt::print(stderr, "{}: {}\n", ShowStatus(Result.Status), ShowPath(Path));
-        fmt::print("Information {}\n", InformationName(Result.Information));
+        Complain(fmt::format("{}: {}", ShowStatus(Result.Status), ShowPath(Path)));
+        // 0 is nobody's answer to a refused open: it did not get as far as the driver.
+        fmt::print("Information {}\n", Result.Information != 0 ? InformationName(Result.Information) : "0");
         return 1;
     }
     fmt::print("{}\nInformation {}\n", ShowStatus(Result.Status), InformationName(Result.Information));

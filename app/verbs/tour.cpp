@@ -45,10 +45,7 @@ private:
     std::vector<std::string> Lines_;
 };
 
-} // namespace
-
-int RunTour(Session &Running) {
-    std::u16string Path = Widen(Running.Exports().front().Name).substr(1) + u"\\docs\\a.txt";
+int RunTourOf(const std::u16string &Path, Session &Running) {
     return Guarded([&] {
         fmt::print("The road of one request: reading {}\n", ShowPath(Path));
         Collector Log(Running);
@@ -74,9 +71,21 @@ int RunTour(Session &Running) {
     });
 }
 
+} // namespace
+
+int RunTour(Session &Running) {
+    return RunTourOf(Widen(Running.Exports().front().Name).substr(1) + u"\\docs\\a.txt", Running);
+}
+
 void AddTourVerb(CLI::App &App, Command &Chosen) {
     auto *Verb = App.add_subcommand("tour", "walk the road of one request and show every step");
-    Verb->callback([&Chosen] { Chosen = RunTour; });
+    auto Path = std::make_shared<std::string>();
+    Verb->add_option("PATH", *Path, "the file to read; docs\\a.txt of the first export when it is left out");
+    Verb->callback([&Chosen, Path] {
+        Chosen = [Path](Session &Running) {
+            return Path->empty() ? RunTour(Running) : RunTourOf(RemotePath(*Path), Running);
+        };
+    });
 }
 
 void AddVerbs(CLI::App &App, Command &Chosen) {

@@ -1,7 +1,7 @@
 // The verbs: each adds a subcommand and, when it was chosen, leaves in Chosen what to run over a session.
 //
-// A verb prints data on standard output and messages on standard error, and returns the exit code. StatusError and
-// UsageError may leave it.
+// A verb prints data on standard output and messages on standard error, and returns the exit code. StatusError,
+// UsageError and Interrupted may leave it.
 #pragma once
 
 #include <functional>
@@ -25,13 +25,13 @@ void AddTourVerb(CLI::App &App, Command &Chosen);       // tour
 // All of them.
 void AddVerbs(CLI::App &App, Command &Chosen);
 
-// Runs Action for one object; a StatusError is told on standard error and gives 1.
+// Runs Action for one object: 0, or 1 after an error, which is told on standard error. UsageError and Interrupted pass.
 int Guarded(const std::function<void()> &Action);
 
 // The console: verbs over one running driver until quit or end of input.
 int RunConsole(Session &Running);
 
-// Walks the road of one request and prints it.
+// Walks the road of one request and prints it: docs\a.txt of the first export.
 int RunTour(Session &Running);
 
 } // namespace app

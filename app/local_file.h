@@ -1,0 +1,57 @@
+// Files of the machine that the program runs on, for the verbs that move bytes. Failures are std::runtime_error with
+// the name and what the system says; waits end with Interrupted.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace app {
+
+class LocalFile {
+public:
+    // Takes a descriptor over; those of the standard streams stay open.
+    LocalFile(int Descriptor, std::string Name) : Descriptor_(Descriptor), Name_(std::move(Name)) {
+    }
+    LocalFile(LocalFile &&Other) noexcept;
+    LocalFile &operator=(LocalFile &&) = delete;
+    ~LocalFile();
+
+    static LocalFile OpenForReading(const std::string &Name);
+
+    // Bytes read; 0 at the end.
+    size_t Read(void *Buffer, size_t Length);
+    // Writes all of it.
+    void Write(const void *Buffer, size_t Length);
+    // Of a regular file, otherwise -1.
+    int64_t Size() const;
+    const std::string &Name() const {
+        return Name_;
+    }
+
+protected:
+    int Descriptor_;
+    std::string Name_;
+};
+
+// A file to be written. One that was made for it is removed again unless it is kept.
+class LocalTarget : public LocalFile {
+public:
+    // Refuses a file that is there unless Replace; refuses one that is among Sources in any case. Nothing is emptied
+    // before both are settled.
+    LocalTarget(const std::string &Name, bool Replace, const std::vector<std::filesystem::path> &Sources);
+    ~LocalTarget();
+
+    // The bytes are all there: closes the file, whose failure counts too.
+    void Keep();
+
+private:
+    bool Made_ = false;
+};
+
+// TRUE when Name is one of Files, by whatever name.
+bool IsOneOf(const std::filesystem::path &Name, const std::vector<std::filesystem::path> &Files);
+
+} // namespace app
