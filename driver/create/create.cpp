@@ -128,7 +128,7 @@ NTSTATUS FindFcb(CREATE_STATE &Create) {
 NTSTATUS CheckRelatedFileObject(const CREATE_STATE &Create) {
     if (Create.RelatedFileObject != nullptr && Create.Name.Length != 0) {
         const FCB *Related = static_cast<const FCB *>(Create.RelatedFileObject->FsContext);
-        if (Related->OpenType != OPEN_TYPE_DIRECTORY) {
+        if (__atomic_load_n(&Related->OpenType, __ATOMIC_RELAXED) != OPEN_TYPE_DIRECTORY) {
             return STATUS_NOT_A_DIRECTORY;
         }
     }
@@ -225,14 +225,14 @@ NTSTATUS CompleteSuccess(CREATE_STATE &Create) {
     RecordShareAccess(Create);
     if (Fcb->OpenType == OPEN_TYPE_FILE && !Create.Shared) {
         if ((Create.DesiredAccess & FILE_EXECUTE) != 0) {
-            Fcb->OpenFlags |= FCB_STATE_EXECUTE_ACCESS;
+            NtFsdSetOpenFlags(Fcb, FCB_STATE_EXECUTE_ACCESS);
         }
         NtFsdInitializeFcbFileLock(Fcb);
     }
     if (Create.DeleteOnClose) {
         NtFsdDebugPrint(TRACE_CREATE, 0, "[RVFSD] NtFsdCommonCreate FCB_STATE_DELETE_ON_CLOSE set on \"%wZ\" \n",
                         &Fcb->FullPath);
-        Fcb->OpenFlags |= FCB_STATE_DELETE_ON_CLOSE;
+        NtFsdSetOpenFlags(Fcb, FCB_STATE_DELETE_ON_CLOSE);
     }
     // Last, because it drops the Resource: an open that attaches meanwhile must find the FCB finished.
     if (Create.EntryCreated) {
@@ -246,19 +246,20 @@ NTSTATUS CompleteSuccess(CREATE_STATE &Create) {
 // Puts the FCB back to what it was before this create, for those who have it open or attach before the reference goes.
 void UndoFcbChanges(CREATE_STATE &Create) {
     PFCB Fcb = Create.Fcb;
-    Fcb->OpenFlags =
-        (Create.SavedOpenFlags & ~FCB_STATE_IN_PREFIX_TABLE) | (Fcb->OpenFlags & FCB_STATE_IN_PREFIX_TABLE);
+    constexpr ULONG KEPT = FCB_STATE_IN_PREFIX_TABLE;
+    NtFsdClearOpenFlags(Fcb, ~(Create.SavedOpenFlags | KEPT));
+    NtFsdSetOpenFlags(Fcb, Create.SavedOpenFlags & ~KEPT);
     if (!Create.Shared) {
         NtFsdInitializeFcbFileLock(Fcb);
         IoRemoveShareAccess(Create.FileObject, &Fcb->ShareAccess);
         NtFsdSetOpenType(Fcb, OPEN_TYPE_UNKNOWN);
     } else if (Fcb->OpenType == OPEN_TYPE_DIRECTORY && Create.Instance->PathLeft[0] != 0) {
         // The look-up marked the path as resolved; a directory that is open says that it is not a volume root.
-        Fcb->VolumeResolved = 0;
+        NtFsdSetVolumeResolved(Fcb, 0);
     }
     ForgetShareClaim(Create.FileObject);
     if (Fcb->OpenCount == 1) {
-        Fcb->OpenFlags |= FCB_STATE_FIRST_OPEN_FAILED;
+        NtFsdSetOpenFlags(Fcb, FCB_STATE_FIRST_OPEN_FAILED);
     }
     if (Fcb->UncleanCount != 0) {
         --Fcb->UncleanCount; // no cleanup comes for an open that failed

@@ -7,7 +7,7 @@ namespace {
 void MarkDirectory(CREATE_STATE &Create) {
     NtFsdSetOpenType(Create.Fcb, OPEN_TYPE_DIRECTORY);
     if (Create.Instance->PathLeft[0] != 0) {
-        Create.Fcb->VolumeResolved = 0;
+        NtFsdSetVolumeResolved(Create.Fcb, 0);
     }
 }
 

@@ -51,7 +51,7 @@ NTSTATUS ComposeTargetPath(PFILE_OBJECT FileObject, PUNICODE_STRING Path) {
             return STATUS_INVALID_HANDLE;
         }
         PFCB Related = static_cast<PFCB>(RelatedFileObject->FsContext);
-        if (Related->OpenType == OPEN_TYPE_DEVICE) {
+        if (__atomic_load_n(&Related->OpenType, __ATOMIC_RELAXED) == OPEN_TYPE_DEVICE) {
             return STATUS_NOT_A_DIRECTORY;
         }
         Base = NtFsdStablePath(Related);
@@ -204,7 +204,7 @@ NTSTATUS NtFsdOpenTargetDirectory(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION Ir
         TypeNewParent(IrpSp, ParentFcb);
     }
     if (ParentInstance->PathLeft[0] != 0) {
-        ParentFcb->VolumeResolved = 0; // only a volume root stays resolved; listings tell them apart by it
+        NtFsdSetVolumeResolved(ParentFcb, 0); // only a volume root stays resolved; listings tell them apart by it
     }
     ReplaceFileName(&FileObject->FileName, Name);
     *Information = OpenParentHandle(IrpContext, ParentFcb, ParentInstance, NewParent, TargetStatus);

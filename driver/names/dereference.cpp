@@ -24,14 +24,14 @@ NTSTATUS DeleteByFullPath(PIRP_CONTEXT IrpContext, PFCB Fcb, ResourceHold &Hold)
     }
     if (Status == STATUS_SUCCESS) {
         Ignore(NtFsdNotifyChange(IrpContext, Fcb, 1, Hold), "whether anybody watches does not matter");
-        Fcb->OpenFlags |= FCB_STATE_DELETED;
+        NtFsdSetOpenFlags(Fcb, FCB_STATE_DELETED);
     }
     return Status;
 }
 
 NTSTATUS PendingDelete(PIRP_CONTEXT IrpContext, PFCB Fcb, ResourceHold &Hold) {
     if (Fcb->OpenFlags & FCB_STATE_DELETE_DISPOSITION) {
-        Fcb->OpenFlags |= FCB_STATE_DELETE_ON_CLOSE;
+        NtFsdSetOpenFlags(Fcb, FCB_STATE_DELETE_ON_CLOSE);
     }
     if (!(Fcb->OpenFlags & FCB_STATE_DELETE_ON_CLOSE)) {
         return STATUS_SUCCESS;
@@ -39,7 +39,7 @@ NTSTATUS PendingDelete(PIRP_CONTEXT IrpContext, PFCB Fcb, ResourceHold &Hold) {
     // A volume root is never deleted, whatever its flags say.
     const NTSTATUS Status =
         NtFsdCountPathComponents(&Fcb->FullPath) < 3 ? STATUS_CANNOT_DELETE : DeleteByFullPath(IrpContext, Fcb, Hold);
-    Fcb->OpenFlags &= ~static_cast<ULONG>(FCB_STATE_DELETE_DISPOSITION | FCB_STATE_DELETE_ON_CLOSE);
+    NtFsdClearOpenFlags(Fcb, FCB_STATE_DELETE_DISPOSITION | FCB_STATE_DELETE_ON_CLOSE);
     return Status;
 }
 

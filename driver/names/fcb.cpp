@@ -127,7 +127,7 @@ VOID NtFsdDeleteFcb(PFCB Fcb, ResourceHold &Hold) {
     NtFsdCompleteNotifyList(Fcb, STATUS_CANCELLED);
     if (Fcb->OpenType != OPEN_TYPE_DEVICE && Fcb->FullPath.Buffer != nullptr &&
         (Fcb->OpenFlags & FCB_STATE_IN_PREFIX_TABLE)) {
-        Fcb->OpenFlags &= ~static_cast<ULONG>(FCB_STATE_IN_PREFIX_TABLE);
+        NtFsdClearOpenFlags(Fcb, FCB_STATE_IN_PREFIX_TABLE);
         if (Fcb->PrefixState != PREFIX_STATE_NEVER_INSERTED) {
             RtlRemoveUnicodePrefix(&FcbPrefixTable, &Fcb->PrefixEntry);
             --FcbPrefixCount;

@@ -271,6 +271,18 @@ inline VOID NtFsdSetOpenType(PFCB Fcb, ULONG OpenType) {
     }
 }
 
+// Changes of the FCB_STATE bits and of VolumeResolved, with the Resource held exclusively. Decoding a file object reads
+// the bits without it, and a relative open reads VolumeResolved of its directory.
+inline VOID NtFsdSetOpenFlags(PFCB Fcb, ULONG Bits) {
+    __atomic_store_n(&Fcb->OpenFlags, Fcb->OpenFlags | Bits, __ATOMIC_RELAXED);
+}
+inline VOID NtFsdClearOpenFlags(PFCB Fcb, ULONG Bits) {
+    __atomic_store_n(&Fcb->OpenFlags, Fcb->OpenFlags & ~Bits, __ATOMIC_RELAXED);
+}
+inline VOID NtFsdSetVolumeResolved(PFCB Fcb, UCHAR Resolved) {
+    __atomic_store_n(&Fcb->VolumeResolved, Resolved, __ATOMIC_RELAXED);
+}
+
 // The file-object check of every request: fetches FCB and instance and tests signature, deletion and type
 // (ExpectedOpenType 0 = any). STATUS_INVALID_HANDLE, STATUS_INVALID_PARAMETER, STATUS_DELETE_PENDING or STATUS_SUCCESS.
 NTSTATUS NtFsdDecodeFileObject(PFILE_OBJECT FileObject, PFCB *Fcb, PINSTANCE_CONTEXT *Instance, ULONG ExpectedOpenType);

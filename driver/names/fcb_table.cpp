@@ -9,14 +9,14 @@ bool InsertPrefix(PFCB Fcb) {
         return false;
     }
     ++FcbPrefixCount;
-    Fcb->OpenFlags |= FCB_STATE_IN_PREFIX_TABLE;
+    NtFsdSetOpenFlags(Fcb, FCB_STATE_IN_PREFIX_TABLE);
     Fcb->PrefixState = PREFIX_STATE_INSERTED;
     return true;
 }
 
 void RemovePrefix(PFCB Fcb) {
     if (Fcb->OpenFlags & FCB_STATE_IN_PREFIX_TABLE) {
-        Fcb->OpenFlags &= ~static_cast<ULONG>(FCB_STATE_IN_PREFIX_TABLE);
+        NtFsdClearOpenFlags(Fcb, FCB_STATE_IN_PREFIX_TABLE);
         if (Fcb->PrefixState != PREFIX_STATE_NEVER_INSERTED) {
             RtlRemoveUnicodePrefix(&FcbPrefixTable, &Fcb->PrefixEntry);
             --FcbPrefixCount;

@@ -22,7 +22,7 @@ NTSTATUS CheckRelated(PFILE_OBJECT FileObject, RELATED_OPEN *Related) {
         return STATUS_INVALID_HANDLE;
     }
     Related->Fcb = static_cast<PFCB>(FileObject->FsContext);
-    if (Related->Fcb->OpenType == OPEN_TYPE_DEVICE) {
+    if (__atomic_load_n(&Related->Fcb->OpenType, __ATOMIC_RELAXED) == OPEN_TYPE_DEVICE) {
         return STATUS_NOT_A_DIRECTORY;
     }
     Related->Instance = static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2);
@@ -132,7 +132,7 @@ void SplitAgainstVolume(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Ins
         ++Split;
     }
     Instance->PathLeft = Split;
-    Fcb->VolumeResolved = 1;
+    NtFsdSetVolumeResolved(Fcb, 1);
     Instance->BaseHandle = Instance->RelatedHandle = Instance->VolumeHandle;
     NtFsdDebugPrint(TRACE_FCB, 0, " Path past volume level = %ls\n", static_cast<PCWSTR>(Split));
 }
@@ -141,7 +141,7 @@ void SplitAgainstVolume(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Ins
 // no handle of its own directory (it created it and did not open it, or has been renamed) the full path is right,
 // whatever its other handles name.
 void NameRelative(const RELATED_OPEN &Related, PUNICODE_STRING Name, PFCB Fcb, PINSTANCE_CONTEXT Instance) {
-    Fcb->VolumeResolved = Related.Fcb->VolumeResolved;
+    NtFsdSetVolumeResolved(Fcb, __atomic_load_n(&Related.Fcb->VolumeResolved, __ATOMIC_RELAXED));
     const RVHANDLE Handle = NtFsdHandleToLend(Related.Instance);
     if (Handle != 0) {
         Instance->BaseHandle = Instance->RelatedHandle = Handle;
@@ -205,7 +205,7 @@ NTSTATUS NtFsdOpenFcb(PIRP_CONTEXT IrpContext, PFILE_OBJECT RelatedFileObject, P
         return Status;
     }
     if (FileStatus == STATUS_NO_SUCH_FILE) {
-        Found->OpenFlags |= FCB_STATE_NOT_FOUND_AT_OPEN;
+        NtFsdSetOpenFlags(Found, FCB_STATE_NOT_FOUND_AT_OPEN);
     }
     NewInstance->Fcb = Found;
     NewInstance->PathLeft = Found->FullPath.Buffer;

@@ -136,7 +136,7 @@ TEST_F(Asking, TheAllClassIsTheOtherClassesAtTheirPlaces) {
     Provider.AddFile(u"\\srv\\vol\\f.txt", "12345", RV_ATTR_READONLY);
     HANDLE Handle = MustOpen(u"\\srv\\vol\\f.txt");
     char Byte;
-    Read(Handle, &Byte, 1, 2);
+    ASSERT_EQ(Read(Handle, &Byte, 1, 2).Status, STATUS_SUCCESS);
     const Answer All = File(Handle, FileAllInformation);
     ASSERT_EQ(All.Status, STATUS_SUCCESS);
     const Answer Basic = File(Handle, FileBasicInformation);

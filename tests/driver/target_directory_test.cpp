@@ -109,7 +109,7 @@ TEST_F(TargetOpens, OfAnOpenDirectoryLeaveItsStateAlone) {
 
 TEST_F(TargetOpens, NeverDeleteTheParent) {
     Provider.AddDirectory(u"\\srv\\vol\\empty");
-    for (const ACCESS_MASK Access : {FILE_WRITE_DATA + 0u, FILE_WRITE_DATA | DELETE + 0u}) {
+    for (const ACCESS_MASK Access : {ACCESS_MASK{FILE_WRITE_DATA}, ACCESS_MASK{FILE_WRITE_DATA | DELETE}}) {
         Open Deleting = With(AsTarget, FILE_OPEN, FILE_DELETE_ON_CLOSE);
         Deleting.Access = Access | SYNCHRONIZE;
         const HANDLE Handle = MustOpen(u"\\srv\\vol\\empty\\new", Deleting);

@@ -1,0 +1,107 @@
+// Renames that change nothing but the letter case of a name, and those that look alike.
+
+#include "tests/driver/rename_client.h"
+
+namespace {
+
+using providers::Slot;
+
+class CaseOnly : public test::RenameFixture, public testing::WithParamInterface<bool> {}; // replace
+
+INSTANTIATE_TEST_SUITE_P(Replace, CaseOnly, testing::Bool());
+
+// The object itself is no obstacle, and is never deleted to make room for itself.
+TEST_P(CaseOnly, OfAFileMovesByTheOldNameInTheTargetDirectory) {
+    StartPrinting();
+    Provider.AddFile(u"\\srv\\vol\\d\\file.txt", "kept");
+    const HANDLE Handle = OpenFile(u"\\srv\\vol\\d\\file.txt");
+    const HANDLE Target = OpenTarget(u"\\srv\\vol\\D\\FILE.TXT");
+    const RVHANDLE Directory = Instance(Target)->DirHandle;
+    EXPECT_EQ(RenameThrough(Handle, Target, GetParam()), STATUS_SUCCESS);
+    EXPECT_EQ(CallNames(), (Calls{"RVFsdMoveFile", "RVFsdCloseDirectory"}));
+    const providers::Call Move = Last(Slot::MoveFile);
+    EXPECT_EQ(Move.Number("sourceBase"), Directory);
+    EXPECT_EQ(Move.String("source"), u"file.txt");
+    EXPECT_EQ(Move.Number("targetBase"), Directory);
+    EXPECT_EQ(Move.String("target"), u"FILE.TXT");
+    Close(Target);
+    ExpectNamed(Handle, u"\\srv\\vol\\D\\FILE.TXT");
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\FILE.TXT"), "kept");
+    EXPECT_TRUE(HasPrinted("NtFsdFileSetRenameInfo determined \"file.txt\" and \"FILE.TXT\" represent a case-only "
+                           "rename.\n"));
+    EXPECT_TRUE(HasPrinted("NtFsdFileSetRenameInfo constructed pCaseOnlyRenameSourceName \"file.txt\".\n"));
+    // Once more through the same handle, whose file object still has its first name.
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\File.Txt", GetParam()), STATUS_SUCCESS);
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\file.txt"), "kept");
+    EXPECT_EQ(FcbPrefixCount, 1u);
+    Close(Handle);
+}
+
+TEST_P(CaseOnly, OfADirectoryWorksAlike) {
+    Provider.AddFile(u"\\srv\\vol\\d\\sub\\f.txt", "x");
+    const HANDLE Handle = OpenDirectory(u"\\srv\\vol\\d\\sub");
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\SUB", GetParam()), STATUS_SUCCESS);
+    EXPECT_EQ(Made(), (Calls{"RVFsdMoveDirectory", "RVFsdCloseDirectory"}));
+    ExpectNamed(Handle, u"\\srv\\vol\\d\\SUB");
+    Close(Handle);
+}
+
+TEST_P(CaseOnly, ToTheNameThatItHasDoesNothing) {
+    Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "kept");
+    const HANDLE Handle = OpenFile(u"\\srv\\vol\\d\\f.txt");
+    for (std::u16string_view Name : {u"\\srv\\vol\\d\\f.txt", u"\\SRV\\Vol\\D\\f.txt"}) {
+        EXPECT_EQ(RenameTo(Handle, Name, GetParam()), STATUS_SUCCESS);
+        EXPECT_EQ(Made(), Calls{"RVFsdCloseDirectory"});
+    }
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\f.txt"), "kept");
+    EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\d\\f.txt");
+    Close(Handle);
+}
+
+struct NotCaseOnlyCase {
+    std::u16string_view Source;
+    std::u16string_view Target;
+    const char *Printed;
+};
+
+class NotCaseOnly : public test::RenameFixture, public testing::WithParamInterface<NotCaseOnlyCase> {};
+
+// The target exists and is another file: it stays, or is deleted where that was asked for.
+TEST_P(NotCaseOnly, IsARenameLikeAnyOther) {
+    StartPrinting();
+    Provider.AddFile(GetParam().Source, "mine");
+    Provider.AddFile(GetParam().Target, "theirs");
+    const HANDLE Handle = OpenFile(GetParam().Source);
+    EXPECT_EQ(RenameTo(Handle, GetParam().Target), STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_TRUE(HasPrinted(GetParam().Printed)) << Printed;
+    EXPECT_FALSE(HasPrinted("represent a case-only rename"));
+    EXPECT_EQ(Provider.Content(GetParam().Target), "theirs");
+    EXPECT_EQ(RenameTo(Handle, GetParam().Target, true), STATUS_SUCCESS);
+    EXPECT_EQ(Provider.Content(GetParam().Target), "mine");
+    EXPECT_FALSE(Provider.Exists(GetParam().Source));
+    Close(Handle);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Reasons, NotCaseOnly,
+    testing::Values(
+        NotCaseOnlyCase{u"\\srv\\vol\\f.txt", u"\\srv\\vol\\directory\\F.TXT",
+                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on length:\n        "
+                        "source: \"\\srv\\vol\\f.txt\" (28)\n        target: \"\\srv\\vol\\directory\" (36)\n"},
+        NotCaseOnlyCase{u"\\srv\\vol\\docs2\\f.txt", u"\\srv\\vol\\docs\\F.TXT",
+                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on parent directory "
+                        "backslash:\n        source: \"\\srv\\vol\\docs2\\f.txt\"\n        target: "
+                        "\"\\srv\\vol\\docs\"\n"},
+        NotCaseOnlyCase{u"\\srv\\vol\\abcd\\f.txt", u"\\srv\\vol\\docs\\F.TXT",
+                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on parent directory "
+                        "compare:\n        source: \"\\srv\\vol\\abcd\\f.txt\"\n        target: "
+                        "\"\\srv\\vol\\docs\"\n"},
+        NotCaseOnlyCase{u"\\srv\\vol\\sub\\f.txt", u"\\srv\\vol\\F.TXT",
+                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on final component "
+                        "backslash:\n        source: \"\\srv\\vol\\sub\\f.txt\"\n        target: \"\\srv\\vol\"\n"},
+        NotCaseOnlyCase{u"\\srv\\vol\\f.txt", u"\\srv\\vol\\G.TXT",
+                        "NtFsdFileSetRenameInfo determined \"f.txt\" and \"G.TXT\" are not a case-only rename.\n"},
+        NotCaseOnlyCase{u"\\srv\\vol\\f.txt", u"\\srv\\vol\\F.TXT2",
+                        "NtFsdFileSetRenameInfo determined \"f.txt\" and \"F.TXT2\" are not a case-only rename.\n"}));
+
+} // namespace
