@@ -33,6 +33,12 @@ T *AllocateStructure(PoolKind Kind, ULONG Tag, SIZE_T Size = sizeof(T)) {
 LONG64 PoolBytesInUse();
 LONG64 PoolBlocksInUse();
 
+// Enters blocks of the unverified kind into the thread's books, or takes them out.
+inline void CountPool(KThread &Thread, LONG64 Bytes, LONG64 Blocks) {
+    Thread.PoolBytes.store(Thread.PoolBytes.load(std::memory_order_relaxed) + Bytes, std::memory_order_relaxed);
+    Thread.PoolBlocks.store(Thread.PoolBlocks.load(std::memory_order_relaxed) + Blocks, std::memory_order_relaxed);
+}
+
 struct PoolTagUse {
     ULONG Tag;
     PoolKind Kind;

@@ -93,9 +93,7 @@ Shard &ShardOf(const void *Block) {
 }
 
 void Count(LONG64 Bytes, LONG64 Blocks) {
-    KThread &Thread = CurrentThread();
-    Thread.PoolBytes.store(Thread.PoolBytes.load(std::memory_order_relaxed) + Bytes, std::memory_order_relaxed);
-    Thread.PoolBlocks.store(Thread.PoolBlocks.load(std::memory_order_relaxed) + Blocks, std::memory_order_relaxed);
+    CountPool(CurrentThread(), Bytes, Blocks);
 }
 
 ULONG64 CanaryOf(const void *Block) {

@@ -40,11 +40,15 @@ int64_t WallClock() {
 
 constexpr size_t GuardedBytes = sizeof(IrpBlock) - offsetof(IrpBlock, Irp);
 
+__attribute__((noinline)) void NTAPI OverwriteIrp(IrpBlock &Block) noexcept {
+    memset(static_cast<void *>(&Block.Irp), 0xF1, sizeof(IRP) + 2 * sizeof(IO_STACK_LOCATION));
+}
+
 // A completed IRP belongs to nobody: touching it is an error that AddressSanitizer reports and that the pattern makes
 // visible without it.
 void PoisonIrp(IrpBlock &Block) {
     if (Verifying()) {
-        memset(static_cast<void *>(&Block.Irp), 0xF1, sizeof(IRP) + 2 * sizeof(IO_STACK_LOCATION));
+        OverwriteIrp(Block);
     }
 #ifdef IO_POISONS_IRPS
     ASAN_POISON_MEMORY_REGION(&Block.Irp, GuardedBytes);
@@ -137,8 +141,18 @@ std::string Describe(const IrpBlock &Block, UCHAR MajorFunction) {
 }
 
 // ---- Completion ----------------------------------------------------------------------------------------------
+//
+// What a completion does rarely is of the services' convention (see ke.h).
 
-void CheckCompletion(const IrpBlock &Block) {
+bool IsCompletable(const IrpBlock &Block) {
+    const IRP &Irp = Block.Irp;
+    const NTSTATUS Status = Irp.IoStatus.Status;
+    return CurrentThread().Irql <= DispatchLevel && Status != STATUS_PENDING && Status != -1 &&
+           Irp.CancelRoutine == nullptr && Irp.MdlAddress == Block.CallersMdl;
+}
+
+// Says what is wrong with a completion that IsCompletable refused.
+__attribute__((noinline)) void NTAPI ReportCompletion(const IrpBlock &Block) noexcept {
     const IRP &Irp = Block.Irp;
     const NTSTATUS Status = Irp.IoStatus.Status;
     if (CurrentThread().Irql > DispatchLevel) {
@@ -170,6 +184,20 @@ bool WantsCompletionRoutine(const IO_STACK_LOCATION &Location, const IRP &Irp) {
            ((Location.Control & SL_INVOKE_ON_CANCEL) && __atomic_load_n(&Irp.Cancel, __ATOMIC_RELAXED));
 }
 
+__attribute__((noinline)) void NTAPI CallCompletionRoutine(IrpBlock &Block, IO_STACK_LOCATION &Location,
+                                                           bool HasAbove) noexcept {
+    IRP &Irp = Block.Irp;
+    IO_STACK_LOCATION *Above = Irp.Tail.Overlay.CurrentStackLocation;
+    {
+        RequireUnchanged Unchanged(DriverCall::Completion, "a completion routine");
+        static_cast<void>(Location.CompletionRoutine(HasAbove ? Above->DeviceObject : nullptr, &Irp, Location.Context));
+    }
+    if (Irp.PendingReturned && HasAbove && !(Above->Control & SL_PENDING_RETURNED)) {
+        Report(0x228, Block, reinterpret_cast<ULONG_PTR>(Location.CompletionRoutine),
+               "a completion routine did not mark the request pending although it had pended below");
+    }
+}
+
 // Walks the stack from the driver's location up and calls the routines that drivers above left there.
 void RunCompletionRoutines(IrpBlock &Block) {
     IRP &Irp = Block.Irp;
@@ -180,16 +208,7 @@ void RunCompletionRoutines(IrpBlock &Block) {
         ++Irp.Tail.Overlay.CurrentStackLocation;
         const bool HasAbove = Irp.CurrentLocation <= Irp.StackCount;
         if (WantsCompletionRoutine(Location, Irp)) {
-            IO_STACK_LOCATION *Above = Irp.Tail.Overlay.CurrentStackLocation;
-            {
-                RequireUnchanged Unchanged(DriverCall::Completion, "a completion routine");
-                static_cast<void>(
-                    Location.CompletionRoutine(HasAbove ? Above->DeviceObject : nullptr, &Irp, Location.Context));
-            }
-            if (Irp.PendingReturned && HasAbove && !(Above->Control & SL_PENDING_RETURNED)) {
-                Report(0x228, Block, reinterpret_cast<ULONG_PTR>(Location.CompletionRoutine),
-                       "a completion routine did not mark the request pending although it had pended below");
-            }
+            CallCompletionRoutine(Block, Location, HasAbove);
         } else if (Irp.PendingReturned && HasAbove) {
             IoMarkIrpPending(&Irp);
         }
@@ -215,7 +234,7 @@ ULONG CodeOf(const IO_STACK_LOCATION &Location) {
     }
 }
 
-void Observe(const IrpBlock &Block) {
+__attribute__((noinline)) void NTAPI Observe(const IrpBlock &Block) noexcept {
     const IO_STACK_LOCATION &Location = *Block.Irp.Tail.Overlay.CurrentStackLocation;
     const PFILE_OBJECT File = Location.FileObject;
     TheObserver({Location.MajorFunction, Location.MinorFunction, CodeOf(Location), File,
@@ -262,6 +281,30 @@ void FinishAsynchronous(IrpBlock &Block) {
     if (File) {
         KeSetEvent(&File->Nt.Event, 0, FALSE);
     }
+}
+
+// The end of a request that was completed after its dispatch routine had returned.
+__attribute__((noinline)) void NTAPI FinishPended(IrpBlock &Block, UCHAR MajorFunction) noexcept {
+    CheckStory(Block, MajorFunction);
+    if (Block.Asynchronous) {
+        FinishAsynchronous(Block);
+    } else {
+        KeSetEvent(&Block.Done, Block.PriorityBoost, FALSE);
+    }
+}
+
+[[noreturn]] __attribute__((noinline)) void NTAPI ReportNoIrp(const IrpBlock &Block, uint32_t State,
+                                                              PVOID Caller) noexcept {
+    const auto Irp = reinterpret_cast<ULONG_PTR>(&Block.Irp);
+    if (Block.Signature != IrpBlock::SignatureValue) {
+        BugCheck(bugcheck::IoVerifier, 0x01, Irp, 0, 0, "this is no IRP");
+    }
+    if (!(State & IrpBlock::InUse) || (State & IrpBlock::Completing)) {
+        BugCheck(bugcheck::MultipleIrpComplete, Irp, 0, 0, 0,
+                 fmt::format("a request was completed twice: first from {}, now from {}",
+                             DescribeAddress(Block.CompletedFrom), DescribeAddress(Caller)));
+    }
+    Report(0x205, Block, 0, "a request was completed by a driver that it was not sent to");
 }
 
 } // namespace
@@ -329,7 +372,9 @@ NTSTATUS CallDriver(DeviceObject &Device, IrpBlock &Block) noexcept {
     const UCHAR MajorFunction = Block.Irp.Tail.Overlay.CurrentStackLocation->MajorFunction;
     const bool Asynchronous = Block.Asynchronous;
     Block.StartTime = Observing.load(std::memory_order_acquire) ? WallClock() : 0;
-    Block.State.fetch_or(IrpBlock::Dispatched, std::memory_order_release);
+    Block.Dispatcher = &Thread;
+    // Nobody else has the request yet.
+    Block.State.store(Block.State.load(std::memory_order_relaxed) | IrpBlock::Dispatched, std::memory_order_release);
 
     NTSTATUS Status;
     {
@@ -355,7 +400,8 @@ NTSTATUS CallDriver(DeviceObject &Device, IrpBlock &Block) noexcept {
             KeInitializeEvent(&Block.Done, NotificationEvent, FALSE);
         }
     }
-    if (Block.State.fetch_or(IrpBlock::Returned, std::memory_order_acq_rel) & IrpBlock::Completed) {
+    if (Block.IsCompleted() ||
+        (Block.State.fetch_or(IrpBlock::Returned, std::memory_order_acq_rel) & IrpBlock::Completed)) {
         CheckStory(Block, MajorFunction);
         if (Asynchronous) {
             FinishAsynchronous(Block);
@@ -436,22 +482,20 @@ using namespace embedded;
 VOID NTAPI IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) noexcept {
     IrpBlock &Block = *IrpBlock::Of(Irp);
     PVOID Caller = __builtin_return_address(0);
-    if (Block.Signature != IrpBlock::SignatureValue) {
-        BugCheck(bugcheck::IoVerifier, 0x01, reinterpret_cast<ULONG_PTR>(Irp), 0, 0, "this is no IRP");
+    if (Block.Signature != IrpBlock::SignatureValue) [[unlikely]] {
+        ReportNoIrp(Block, 0, Caller);
     }
     const uint32_t State = Block.State.fetch_or(IrpBlock::Completing, std::memory_order_acq_rel);
-    if (!(State & IrpBlock::InUse) || (State & IrpBlock::Completing)) {
-        BugCheck(bugcheck::MultipleIrpComplete, reinterpret_cast<ULONG_PTR>(Irp), 0, 0, 0,
-                 fmt::format("a request was completed twice: first from {}, now from {}",
-                             DescribeAddress(Block.CompletedFrom), DescribeAddress(Caller)));
+    constexpr uint32_t SentOnce = IrpBlock::InUse | IrpBlock::Dispatched;
+    if ((State & (SentOnce | IrpBlock::Completing)) != SentOnce) [[unlikely]] {
+        ReportNoIrp(Block, State, Caller);
     }
     Block.CompletedFrom = Caller;
-    if (!(State & IrpBlock::Dispatched)) {
-        Report(0x205, Block, 0, "a request was completed by a driver that it was not sent to");
+    if (!IsCompletable(Block)) [[unlikely]] {
+        ReportCompletion(Block);
     }
-    CheckCompletion(Block);
     const UCHAR MajorFunction = Irp->Tail.Overlay.CurrentStackLocation->MajorFunction;
-    if (Observing.load(std::memory_order_relaxed)) {
+    if (Observing.load(std::memory_order_relaxed)) [[unlikely]] {
         Observe(Block);
     }
     RunCompletionRoutines(Block);
@@ -459,17 +503,15 @@ VOID NTAPI IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) noexcept {
     Block.FinalInformation = Irp->IoStatus.Information;
     Block.MarkedPending = Irp->PendingReturned;
     Block.PriorityBoost = PriorityBoost;
-    const bool Asynchronous = Block.Asynchronous;
     if (!(State & IrpBlock::Cancelling)) {
         PoisonIrp(Block);
     }
-    if (Block.State.fetch_or(IrpBlock::Completed, std::memory_order_acq_rel) & IrpBlock::Returned) {
-        CheckStory(Block, MajorFunction);
-        if (Asynchronous) {
-            FinishAsynchronous(Block);
-        } else {
-            KeSetEvent(&Block.Done, PriorityBoost, FALSE);
-        }
+    if (Block.Dispatcher == &CurrentThread() && !(State & IrpBlock::Returned)) {
+        // The dispatch routine has yet to return, in this very thread. Only a cancel can come between, and it looks at
+        // Completing alone.
+        Block.State.store(State | IrpBlock::Completing | IrpBlock::Completed, std::memory_order_release);
+    } else if (Block.State.fetch_or(IrpBlock::Completed, std::memory_order_acq_rel) & IrpBlock::Returned) {
+        FinishPended(Block, MajorFunction);
     }
 }
 

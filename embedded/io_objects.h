@@ -106,6 +106,8 @@ struct IrpBlock {
     ULONG CopyLimit;          // ... and never more than this
     LARGE_INTEGER LockLength; // what Parameters.LockControl.Length points to
 
+    const KThread *Dispatcher; // the thread that calls the driver
+
     // Written by the completer.
     NTSTATUS FinalStatus;
     CCHAR PriorityBoost;

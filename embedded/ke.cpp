@@ -9,6 +9,7 @@
 
 #include "embedded/ex.h"
 #include "embedded/locks.h"
+#include "embedded/mm.h"
 #include "embedded/ps.h"
 #include "embedded/verifier.h"
 
@@ -148,6 +149,7 @@ void EnterThread(KThread &Thread) {
 }
 
 void LeaveThread(KThread &Thread) {
+    FreeSpareMdl(Thread);
     ThreadList &List = Threads();
     std::lock_guard Guard(List.Mutex);
     List.GonePoolBytes += Thread.PoolBytes.load(std::memory_order_relaxed);

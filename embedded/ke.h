@@ -53,7 +53,7 @@ struct _KTHREAD {
     PEPROCESS Process;
     ULONG FaultScopes;  // driver code runs: faults may be injected
     ULONG FaultExempts; // ... but not while this is set
-    PVOID IoState;      // the I/O manager's
+    PMDL SpareMdl;      // the MDL freed last, while nothing is verified
 
     ULONG HeldCount;
     embedded::HeldLock Held[embedded::MaximumHeldLocks];

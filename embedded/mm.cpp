@@ -1,8 +1,8 @@
 #include "embedded/mm.h"
 
 #include <csignal>
-#include <mutex>
 #include <ucontext.h>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -56,7 +56,9 @@ namespace embedded {
 namespace {
 
 constexpr ULONG_PTR UserStart = 0x10000;
-constexpr ULONG_PTR UserEnd = 0x00007FFFFFFF0000;
+// Linux hands out the last 64 KiB below the end too, which Windows does not: a main thread's stack begins there when
+// the address space is not randomised.
+constexpr ULONG_PTR UserEnd = 0x00007FFFFFFFF000;
 constexpr ULONG MdlTag = 0x206C644D; // "Mdl "
 
 struct sigaction OldSegv;
@@ -132,11 +134,46 @@ bool TouchPages(ULONG_PTR Start, SIZE_T Length, int (*Probe)(const void *)) {
     }
 }
 
+__attribute__((noinline)) PMDL NTAPI NewMdl() noexcept {
+    return static_cast<PMDL>(AllocatePool(PoolKind::Mdl, NonPagedPoolNx, sizeof(MDL), MdlTag));
+}
+
+__attribute__((noinline)) void NTAPI DeleteMdl(PMDL Mdl) noexcept {
+    FreePool(PoolKind::Mdl, Mdl, MdlTag);
+}
+
+// Each thread keeps the MDL that it freed last for its next transfer, out of the books as if it were freed. Under the
+// verifier every MDL is a block of its own, so that its misuse shows.
+PMDL TakeMdl() {
+    KThread &Thread = CurrentThread();
+    if (Thread.SpareMdl == nullptr || Verifying()) {
+        return NewMdl();
+    }
+    CountPool(Thread, sizeof(MDL), 1);
+    return std::exchange(Thread.SpareMdl, nullptr);
+}
+
+void GiveMdl(PMDL Mdl) {
+    KThread &Thread = CurrentThread();
+    if (Thread.SpareMdl != nullptr || Verifying()) {
+        DeleteMdl(Mdl);
+        return;
+    }
+    CountPool(Thread, -static_cast<LONG64>(sizeof(MDL)), -1);
+    Thread.SpareMdl = Mdl;
+}
+
 } // namespace
 
+void FreeSpareMdl(KThread &Thread) {
+    if (PMDL Mdl = std::exchange(Thread.SpareMdl, nullptr); Mdl != nullptr) {
+        CountPool(CurrentThread(), sizeof(MDL), 1);
+        DeleteMdl(Mdl);
+    }
+}
+
 bool ProbeRange(const void *Address, SIZE_T Length, bool Write) {
-    static std::once_flag Installed;
-    std::call_once(Installed, InstallHandler);
+    [[maybe_unused]] static const bool Installed = (InstallHandler(), true);
     return Length == 0 || TouchPages(AddressOf(Address), Length, Write ? EmbeddedProbeWrite : EmbeddedProbeRead);
 }
 
@@ -200,7 +237,7 @@ PMDL NTAPI IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBu
     if (ShouldFail(FaultKind::Mdl)) {
         return nullptr;
     }
-    auto Mdl = static_cast<PMDL>(AllocatePool(PoolKind::Mdl, NonPagedPoolNx, sizeof(MDL), MdlTag));
+    const PMDL Mdl = TakeMdl();
     if (Mdl == nullptr) {
         return nullptr;
     }
@@ -226,7 +263,7 @@ VOID NTAPI IoFreeMdl(PMDL Mdl) noexcept {
     if ((Mdl->MdlFlags & MDL_PAGES_LOCKED) || Mdl->Process != nullptr) {
         Stop(bugcheck::FreeLockedMdl, Mdl, "MDL freed while its pages are locked");
     }
-    FreePool(PoolKind::Mdl, Mdl, MdlTag);
+    GiveMdl(Mdl);
 }
 
 VOID NTAPI MmUnlockPages(PMDL Mdl) noexcept {

@@ -31,6 +31,9 @@ inline PVOID MdlVirtualAddress(const MDL *Mdl) {
     return reinterpret_cast<PVOID>(reinterpret_cast<ULONG_PTR>(Mdl->StartVa) + Mdl->ByteOffset);
 }
 
+// Frees the MDL that an ending thread kept; the thread is the calling one.
+void FreeSpareMdl(KThread &Thread);
+
 void SetSystemSize(MM_SYSTEMSIZE Size);
 
 // Section closes since the last ResetSectionCloses, and the pointers of the last.

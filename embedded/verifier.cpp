@@ -82,18 +82,8 @@ void NTAPI ReportIrql(KIRQL Highest, std::string_view Routine) noexcept {
              fmt::format("{} called at IRQL {}, allowed up to {}", Routine, Irql, Highest));
 }
 
-RequireUnchanged::RequireUnchanged(DriverCall Call, const char *Routine) : Call_(Call), Routine_(Routine) {
+void RequireUnchanged::Compare() const {
     const KThread &Thread = CurrentThread();
-    CriticalRegions_ = Thread.CriticalRegions;
-    HeldCount_ = Thread.HeldCount;
-    Irql_ = Thread.Irql;
-}
-
-RequireUnchanged::~RequireUnchanged() {
-    const KThread &Thread = CurrentThread();
-    if (!Verifying()) {
-        return;
-    }
     const CallCodes &Codes = ChangedCodes[static_cast<int>(Call_)];
     if (Thread.Irql != Irql_) {
         BugCheck(

@@ -147,12 +147,23 @@ enum class DriverCall { Dispatch, FastIo, Completion, Other };
 
 class RequireUnchanged {
 public:
-    RequireUnchanged(DriverCall Call, const char *Routine);
-    ~RequireUnchanged();
+    RequireUnchanged(DriverCall Call, const char *Routine) : Call_(Call), Routine_(Routine) {
+        const KThread &Thread = CurrentThread();
+        CriticalRegions_ = Thread.CriticalRegions;
+        HeldCount_ = Thread.HeldCount;
+        Irql_ = Thread.Irql;
+    }
+    ~RequireUnchanged() {
+        if (Verifying()) {
+            Compare();
+        }
+    }
     RequireUnchanged(const RequireUnchanged &) = delete;
     RequireUnchanged &operator=(const RequireUnchanged &) = delete;
 
 private:
+    void Compare() const;
+
     DriverCall Call_;
     const char *Routine_;
     LONG CriticalRegions_;

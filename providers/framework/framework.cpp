@@ -109,8 +109,18 @@ struct FrameworkEntries {
     }
     static VOID NTAPI GetCallerContext(RV_SECURITY *Self, RV_SECURITY_CONTEXT *SecurityContext) noexcept {
         Framework &Owner = *static_cast<Framework::SecurityObject *>(Self)->Owner;
+        *SecurityContext = Framework::DefaultCaller;
+        if (Owner.Caller_ || Owner.State(FrameworkClass::SecurityContext).Released.load(std::memory_order_relaxed)) {
+            AskForCaller(Owner, SecurityContext);
+        }
+    }
+    // Apart, so that every request need not save its caller's vector registers for it.
+    __attribute__((noinline)) static VOID NTAPI AskForCaller(Framework &Owner,
+                                                             RV_SECURITY_CONTEXT *SecurityContext) noexcept {
         Owner.CheckAlive(FrameworkClass::SecurityContext, 9);
-        *SecurityContext = Owner.Caller_ ? Owner.Caller_() : Framework::DefaultCaller;
+        if (Owner.Caller_) {
+            *SecurityContext = Owner.Caller_();
+        }
     }
 
     static ULONG NTAPI ReleasePlain(RVP_OBJECT *Self) noexcept {
