@@ -1,0 +1,30 @@
+#!/bin/sh
+# Runs the benchmarks in rounds and writes the table of ratios into README.md.
+#   bench/run.sh <rvfsd_bench> [rounds]
+# The machine should be at rest: what else runs ends up in the figures.
+set -eu
+
+program=$(realpath "$1")
+rounds=${2:-3}
+here=$(dirname "$(realpath "$0")")
+results=$(mktemp -d)
+trap 'rm -rf "$results"' EXIT
+
+# Each round is a run of its own; the order changes from round to round, and within a run the repetitions of all
+# benchmarks are mixed. Only ratios inside one run are used.
+round=1
+while [ "$round" -le "$rounds" ]; do
+  if [ $((round % 2)) -eq 1 ]; then order="small large"; else order="large small"; fi
+  for part in $order; do
+    echo "round $round of $rounds: $part" >&2
+    case $part in
+    small) set -- "--benchmark_filter=-^table/" --benchmark_enable_random_interleaving=true --benchmark_repetitions=7 ;;
+    # These share a table that grows, so they keep their order.
+    large) set -- "--benchmark_filter=^table/" --benchmark_repetitions=3 ;;
+    esac
+    "$program" "$@" --benchmark_min_time=0.05 --benchmark_format=json >"$results/$part.$round.json"
+  done
+  round=$((round + 1))
+done
+
+python3 "$here/table.py" "$here/README.md" "$results"/*.json

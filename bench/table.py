@@ -1,0 +1,131 @@
+#!/usr/bin/env python3
+"""Makes the table of README.md from the JSON of several benchmark runs.
+
+Each row is the median over the rounds of a ratio of medians taken inside one round.
+"""
+import collections
+import json
+import re
+import statistics
+import sys
+
+BEGIN, END = "<!-- table -->", "<!-- end of table -->"
+
+
+class Round:
+    """The medians of one round: nanoseconds by name, and the counters of the rows that count."""
+
+    def __init__(self):
+        self.samples = collections.defaultdict(list)
+        self.rates = collections.defaultdict(list)
+        self.counters = {}
+
+    def add(self, path):
+        for row in json.load(open(path))["benchmarks"]:
+            if row["run_type"] != "iteration":
+                continue
+            name = re.sub(r"/(iterations|real_time|repeats):?\w*", "", row["run_name"])
+            # Processor time where one thread works alone: the machine is shared.
+            self.samples[name].append(row["cpu_time"])
+            if "items_per_second" in row:
+                self.rates[name].append(row["items_per_second"])
+            self.counters.update({f"{name}.{key}": row[key] for key in ("first", "further") if key in row})
+
+    def time(self, name):
+        return statistics.median(self.samples[name])
+
+    def ratio(self, one, other):
+        return self.time(one) / self.time(other)
+
+    def speed_up(self, name):
+        rate = lambda threads: statistics.median(self.rates[f"{name}/threads:{threads}"])
+        return rate(2) / rate(1)
+
+
+def against(one, other):
+    return lambda r: r.ratio(one, other)
+
+
+def scaling(one, other):
+    return lambda r: r.speed_up(one) / r.speed_up(other)
+
+
+PAIR = "yardstick/shared_mutex_pair"
+AT_MOST, AT_LEAST = "≤", "≥"
+
+# (goal, what, figure, direction, limit or None, unit)
+ROWS = [
+    ("1", "read 4 KiB, stub: request, in shared_mutex pairs", against("read/stub/request", PAIR), AT_MOST, 20, ""),
+    ("1", "read 4 KiB, stub: NtReadFile, in shared_mutex pairs", against("read/stub/service", PAIR), AT_MOST, 20, ""),
+    ("1", "read 4 KiB, directory: request / direct call", against("read/directory/request", "read/directory/direct"),
+     AT_MOST, 1.20, ""),
+    ("1", "read 4 KiB, directory: NtReadFile / direct call", against("read/directory/service", "read/directory/direct"),
+     AT_MOST, 1.20, ""),
+    ("", "read 4 KiB, stub, after a native read: (both - native) / alone",
+     lambda r: (r.time("read/stub/service_after_native") - r.time("read/native")) / r.time("read/stub/service"),
+     AT_MOST, None, ""),
+    ("", "write 4 KiB, stub: request, in shared_mutex pairs", against("write/stub/request", PAIR), AT_MOST, None, ""),
+    ("", "write 4 KiB, directory: NtWriteFile / direct call",
+     against("write/directory/service", "write/directory/direct"), AT_MOST, None, ""),
+    ("2", "open + cleanup + close, directory: driver / its Provider calls",
+     against("open/directory/driver", "open/directory/direct"), AT_MOST, 1.5, ""),
+    ("2", "open + cleanup + close, stub / native open + close", against("open/stub/driver", "open/native"),
+     AT_MOST, 0.7, ""),
+    ("3", "look-up hit, random names: 1,000,000 / 1,000", against("table/hit/1000000", "table/hit/1000"),
+     AT_MOST, 9, ""),
+    ("3", "look-up hit, 1,000 hot names: among 1,000,000 / 1,000", against("table/hot/1000000", "table/hot/1000"),
+     AT_MOST, 1.5, ""),
+    ("3", "look-up miss / hit at 1,000", against("table/miss/1000", "table/hit/1000"), AT_MOST, 2, ""),
+    ("3", "look-up miss / hit at 1,000,000", against("table/miss/1000000", "table/hit/1000000"), AT_MOST, 2, ""),
+    ("3", "open + close: at 1,000,000 / 1,000", against("table/open/1000000", "table/open/1000"), AT_MOST, 2, ""),
+    ("4", "trace off / built out, stub read", against("trace/off", "trace/built_out"), AT_MOST, 1.08, ""),
+    ("4", "trace on, no mask matching / built out", against("trace/no_match", "trace/built_out"), AT_MOST, 1.35, ""),
+    ("5", "two threads, different files: speed-up / that of pread",
+     scaling("threads/read/different", "threads/pread/different"), AT_LEAST, 0.93, ""),
+    ("5", "two threads, same file: speed-up / that of pread", scaling("threads/read/same", "threads/pread/same"),
+     AT_LEAST, 0.85, ""),
+    ("5", "two threads, opens of different files: speed-up / native",
+     scaling("threads/open/different", "threads/open/native"), AT_LEAST, 0.7, ""),
+    ("10", "pool of the first open of a 70-character path", lambda r: r.counters["pool/open.first"], AT_MOST, 1536,
+     " B"),
+    ("10", "pool of a further open", lambda r: r.counters["pool/open.further"], AT_MOST, 600, " B"),
+]
+
+
+def shown(value, unit):
+    return f"{value:,.0f}{unit}" if unit else f"{value:.3g}"
+
+
+def table(rounds):
+    lines = ["| goal | figure | limit | measured | rounds from - to | held |", "|---|---|---|---|---|---|"]
+    for goal, what, figure, direction, limit, unit in ROWS:
+        values = [figure(r) for r in rounds]
+        middle = statistics.median(values)
+        held = "" if limit is None else "yes" if (middle <= limit) == (direction == AT_MOST) else "**no**"
+        bound = "" if limit is None else f"{direction} {shown(limit, unit)}"
+        lines.append(f"| {goal} | {what} | {bound} | {shown(middle, unit)} | "
+                     f"{shown(min(values), unit)} - {shown(max(values), unit)} | {held} |")
+    lines += ["", "Absolute times of the same runs, in ns (medians; they hold for that machine in that hour only):", "",
+              "| benchmark | ns |", "|---|---|"]
+    for name in sorted(rounds[0].samples):
+        if not name.startswith(("threads/", "pool/")):
+            middle = statistics.median(r.time(name) for r in rounds)
+            lines.append(f"| {name} | {middle:,.0f} |" if middle >= 100 else f"| {name} | {middle:.2f} |")
+    return "\n".join(lines)
+
+
+def main():
+    readme, *paths = sys.argv[1:]
+    rounds = collections.defaultdict(Round)
+    for path in paths:
+        rounds[path.split(".")[-2]].add(path)
+    text = open(readme).read()
+    head, rest = text.split(BEGIN)
+    tail = rest.split(END)[1]
+    made = table(list(rounds.values()))
+    open(readme, "w").write(f"{head}{BEGIN}\n{made}\n{END}{tail}")
+    print(made)
+
+
+if __name__ == "__main__":
+    main()

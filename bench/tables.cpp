@@ -1,0 +1,122 @@
+// Look-ups among 1,000 and 1,000,000 open files, and opens beside them. Registered in the order in which the table
+// grows, so that a run fills it once.
+#include <random>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+
+#include "bench/world.h"
+#include "names/fcb.h"
+
+namespace bench {
+namespace {
+
+constexpr unsigned Few = 1'000;
+constexpr unsigned Many = 1'000'000;
+// What is looked up is a sample: its own names must not fill the caches.
+constexpr unsigned Sample = 4'096;
+constexpr unsigned Hot = 1'000;
+constexpr unsigned NeverOpen = 2'000'000; // names from here on are not in the table
+
+std::vector<HANDLE> &Population() {
+    static std::vector<HANDLE> Handles;
+    return Handles;
+}
+
+void Populate(unsigned Count) {
+    Use(ProviderKind::Stub);
+    while (Population().size() < Count) {
+        Population().push_back(Open(FilePath(static_cast<unsigned>(Population().size()))));
+    }
+}
+
+// The names one after the other in memory, in the order of their use.
+class Names {
+public:
+    Names(unsigned Count, unsigned First, unsigned End) {
+        std::minstd_rand Random(1);
+        std::uniform_int_distribution<unsigned> Any(First, End - 1);
+        for (unsigned Index = 0; Index < Count; ++Index) {
+            const std::u16string Path = FilePath(Any(Random));
+            Units_ = Path.size();
+            Text_ += Path;
+        }
+        Count_ = Count;
+    }
+    UNICODE_STRING Next() {
+        const auto Bytes = static_cast<USHORT>(Units_ * sizeof(WCHAR));
+        const UNICODE_STRING Name = {Bytes, Bytes, Text_.data() + At_ * Units_};
+        At_ = At_ + 1 == Count_ ? 0 : At_ + 1;
+        return Name;
+    }
+
+private:
+    std::u16string Text_;
+    size_t Units_ = 0;
+    size_t Count_ = 0;
+    size_t At_ = 0;
+};
+
+void Find(benchmark::State &State, unsigned Population, Names Wanted, bool IsThere) {
+    for (auto _ : State) {
+        UNICODE_STRING Name = Wanted.Next();
+        UNICODE_STRING Remaining;
+        const PFCB Found = NtFsdFindFcb(&Name, &Remaining);
+        if ((Found != nullptr) != IsThere) {
+            Fail(fmt::format("a look-up among {} files went wrong", Population));
+        }
+    }
+}
+
+void FindRandom(benchmark::State &State, unsigned Count) {
+    Populate(Count);
+    // At the small size each name comes up anyway; at the large one every look-up must be to another name.
+    Find(State, Count, Names(Count > Few ? 64 * Sample : Sample, 0, Count), true);
+}
+
+void FindHot(benchmark::State &State, unsigned Count) {
+    Populate(Count);
+    Find(State, Count, Names(Hot, 0, Count), true);
+}
+
+void FindMissing(benchmark::State &State, unsigned Count) {
+    Populate(Count);
+    Find(State, Count, Names(Count > Few ? 64 * Sample : Sample, NeverOpen, NeverOpen + Count), false);
+}
+
+void OpenAndClose(benchmark::State &State, unsigned Count) {
+    Populate(Count);
+    std::vector<std::u16string> Paths;
+    for (unsigned Index = 0; Index < Sample; ++Index) {
+        Paths.push_back(FilePath(NeverOpen + Index));
+    }
+    size_t At = 0;
+    for (auto _ : State) {
+        Close(Open(Paths[At]));
+        At = At + 1 == Paths.size() ? 0 : At + 1;
+    }
+}
+
+const bool Registered = [] {
+    using benchmark::RegisterBenchmark;
+    for (const unsigned Count : {Few, Many}) {
+        const std::string Size = fmt::format("/{}", Count);
+        RegisterBenchmark(("table/hit" + Size).c_str(), FindRandom, Count);
+        RegisterBenchmark(("table/hot" + Size).c_str(), FindHot, Count);
+        RegisterBenchmark(("table/miss" + Size).c_str(), FindMissing, Count);
+        RegisterBenchmark(("table/open" + Size).c_str(), OpenAndClose, Count);
+    }
+    return true;
+}();
+
+} // namespace
+
+void EmptyTable() {
+    for (const HANDLE Handle : Population()) {
+        Close(Handle);
+    }
+    Population().clear();
+}
+
+} // namespace bench

@@ -1,0 +1,208 @@
+#include "bench/world.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <utility>
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include "embedded/kernel.h"
+#include "kernel/linux/driver_image.h"
+#include "providers/directory/directory_provider.h"
+#include "providers/framework/framework.h"
+#include "providers/recorder/recorder.h"
+#include "providers/stub/stub_provider.h"
+
+extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
+extern "C" NTSTATUS NTAPI DriverEntryNoTrace(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
+
+namespace bench {
+namespace {
+
+constexpr const char16_t *ServiceKey = u"\\REGISTRY\\Machine\\System\\CurrentControlSet\\Services\\RVFSD";
+constexpr ULONG MaskOfNoMessage = 0x40000000;
+constexpr unsigned NativeFiles = 64;
+constexpr unsigned PathUnits = 70;
+
+UNICODE_STRING Counted(std::u16string_view Text) {
+    const auto Bytes = static_cast<USHORT>(Text.size() * sizeof(WCHAR));
+    return {Bytes, Bytes, const_cast<PWSTR>(Text.data())};
+}
+
+// The name below the volume: two directories and a file, 70 characters with \srv\vol in front.
+std::string RelativeName(unsigned Index) {
+    const std::string Directories = "documents/quarterly reports/";
+    const std::string Number = fmt::format("{:08}.txt", Index);
+    const size_t Given = std::string("\\srv\\vol\\").size() + Directories.size() + Number.size();
+    return Directories + std::string(PathUnits - Given, 'n') + Number;
+}
+
+// Files in memory, gone with the program.
+class NativeTree {
+public:
+    NativeTree() : Root_(fmt::format("/dev/shm/rvfsd-bench-{}", getpid())) {
+        std::filesystem::create_directories((Root_ / RelativeName(0)).parent_path());
+        for (unsigned Index = 0; Index < NativeFiles; ++Index) {
+            std::ofstream(Root_ / RelativeName(Index)) << std::string(TransferBytes, 'x');
+        }
+    }
+    ~NativeTree() {
+        std::error_code Ignored;
+        std::filesystem::remove_all(Root_, Ignored);
+    }
+    NativeTree(const NativeTree &) = delete;
+    NativeTree &operator=(const NativeTree &) = delete;
+
+    const std::filesystem::path &Root() const {
+        return Root_;
+    }
+
+private:
+    std::filesystem::path Root_;
+};
+
+NativeTree &Tree() {
+    static NativeTree Instance;
+    return Instance;
+}
+
+struct World {
+    World(ProviderKind Kind, Trace Output, bool Recorded)
+        : Kind(Kind), Output(Output), Recorded(Recorded), Recorder(MakeProvider()) {
+        if (Recorded) {
+            Recorder.SetSink([this](std::string Line) { Calls += Line.substr(0, Line.find('(')) + "\n"; });
+            Target = &Recorder;
+        }
+        embedded::KernelOptions Options;
+        Options.Time = embedded::ClockMode::Running;
+        Options.Verifier = embedded::VerifierLevel::Off;
+        Options.DebugSink = [](std::string_view) {};
+        Options.ResetDriverImage = ResetDriverImage;
+        if (Output == Trace::NoMatch) {
+            Options.Registry = {{ServiceKey, u"EnableDebug", 1}, {ServiceKey, u"FsDebugLevel", MaskOfNoMessage}};
+        }
+        Kernel = std::make_unique<embedded::Kernel>(std::move(Options));
+        Framework = std::make_unique<providers::Framework>(Target);
+        const NTSTATUS Status =
+            Kernel->LoadDriver(Output == Trace::BuiltOut ? DriverEntryNoTrace : DriverEntry, u"RVFSD");
+        if (!NT_SUCCESS(Status)) {
+            Fail(fmt::format("the driver did not start: 0x{:08X}", static_cast<ULONG>(Status)));
+        }
+    }
+    ~World() {
+        if (const std::string Left = Kernel->Stop(); !Left.empty()) {
+            Fail("left behind:\n" + Left);
+        }
+    }
+
+    RVIOM_FSD *MakeProvider() {
+        if (Kind == ProviderKind::Stub) {
+            Stub = std::make_unique<providers::StubProvider>();
+            return Target = Stub.get();
+        }
+        Directory = std::make_unique<providers::DirectoryProvider>();
+        if (const std::string Why = Directory->AddExport(u"srv", u"vol", Tree().Root()); !Why.empty()) {
+            Fail(Why);
+        }
+        return Target = Directory->Interface();
+    }
+
+    const ProviderKind Kind;
+    const Trace Output;
+    const bool Recorded;
+    std::string Calls;
+    std::unique_ptr<providers::StubProvider> Stub;
+    std::unique_ptr<providers::DirectoryProvider> Directory;
+    RVIOM_FSD *Target = nullptr;
+    providers::Recorder Recorder;
+    std::unique_ptr<providers::Framework> Framework;
+    std::unique_ptr<embedded::Kernel> Kernel;
+    RV_SECURITY_CONTEXT Caller = providers::Framework::DefaultCaller;
+};
+
+std::unique_ptr<World> Current;
+
+} // namespace
+
+void Fail(std::string_view What) {
+    fmt::print(stderr, "rvfsd_bench: {}\n", What);
+    std::exit(1);
+}
+
+void Use(ProviderKind Kind, Trace Output) {
+    if (Current != nullptr && Current->Kind == Kind && Current->Output == Output && !Current->Recorded) {
+        return;
+    }
+    EmptyTable(); // its files are open in the world that ends
+    StopWorld();
+    Current = std::make_unique<World>(Kind, Output, false);
+}
+
+void UseRecorded(ProviderKind Kind) {
+    EmptyTable();
+    StopWorld();
+    Current = std::make_unique<World>(Kind, Trace::Off, true);
+}
+
+std::string TakeRecordedCalls() {
+    return std::exchange(Current->Calls, {});
+}
+
+void StopWorld() {
+    Current.reset();
+}
+
+RVIOM_FSD *Provider() {
+    return Current->Target;
+}
+
+PDEVICE_OBJECT Device() {
+    return Current->Kernel->Device();
+}
+
+RV_SECURITY_CONTEXT *Security() {
+    return &Current->Caller;
+}
+
+std::u16string FilePath(unsigned Index) {
+    std::string Name = RelativeName(Index);
+    std::u16string Path = u"\\srv\\vol\\";
+    for (const char Each : Name) {
+        Path += Each == '/' ? u'\\' : static_cast<char16_t>(Each);
+    }
+    return Path;
+}
+
+std::string NativePath(unsigned Index) {
+    return (Tree().Root() / RelativeName(Index)).string();
+}
+
+HANDLE Open(std::u16string_view Path) {
+    static const std::u16string DevicePrefix = u"\\Device\\RvFsd";
+    thread_local std::u16string Name;
+    Name.assign(DevicePrefix).append(Path);
+    UNICODE_STRING ObjectName = Counted(Name);
+    OBJECT_ATTRIBUTES Attributes;
+    InitializeObjectAttributes(&Attributes, &ObjectName, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+    HANDLE Handle = nullptr;
+    IO_STATUS_BLOCK Iosb;
+    const NTSTATUS Status = NtCreateFile(&Handle, FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE, &Attributes, &Iosb,
+                                         nullptr, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN,
+                                         FILE_SYNCHRONOUS_IO_NONALERT | FILE_NON_DIRECTORY_FILE, nullptr, 0);
+    if (!NT_SUCCESS(Status)) {
+        Fail(fmt::format("an open failed: 0x{:08X}", static_cast<ULONG>(Status)));
+    }
+    return Handle;
+}
+
+void Close(HANDLE Handle) {
+    if (const NTSTATUS Status = NtClose(Handle); !NT_SUCCESS(Status)) {
+        Fail(fmt::format("a close failed: 0x{:08X}", static_cast<ULONG>(Status)));
+    }
+}
+
+} // namespace bench
