@@ -58,7 +58,7 @@ void RemoveFromPrefixTable(PFCB Fcb) {
     if (!(Fcb->OpenFlags & FCB_STATE_IN_PREFIX_TABLE)) {
         return;
     }
-    Fcb->OpenFlags &= ~static_cast<ULONG>(FCB_STATE_IN_PREFIX_TABLE);
+    NtFsdClearOpenFlags(Fcb, FCB_STATE_IN_PREFIX_TABLE);
     if (Fcb->PrefixState != PREFIX_STATE_NEVER_INSERTED) {
         RtlRemoveUnicodePrefix(&FcbPrefixTable, &Fcb->PrefixEntry);
         --FcbPrefixCount;

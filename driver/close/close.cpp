@@ -155,10 +155,10 @@ void DeleteOnClose(CLOSE &Close) {
     NtFsdDebugPrint(TRACE_GENERAL, 0, "   Deleting file/directory on close.\n");
     if (DeleteObject(Close) && JudgeDelete(Close)) {
         Ignore(NtFsdNotifyChange(Close.IrpContext, Close.Fcb, 1, Close.Hold), "watchers are told if they can be");
-        Close.Fcb->OpenFlags |= FCB_STATE_DELETED;
+        NtFsdSetOpenFlags(Close.Fcb, FCB_STATE_DELETED);
     }
     // Whatever came of it, it is not tried again.
-    Close.Fcb->OpenFlags &= ~static_cast<ULONG>(FCB_STATE_DELETE_ON_CLOSE | FCB_STATE_DELETE_DISPOSITION);
+    NtFsdClearOpenFlags(Close.Fcb, FCB_STATE_DELETE_ON_CLOSE | FCB_STATE_DELETE_DISPOSITION);
 }
 
 void CloseVolumeHandle(CLOSE &Close) {
@@ -193,7 +193,7 @@ void Dereference(CLOSE &Close) {
 void EndOpen(CLOSE &Close) {
     const PFCB Fcb = Close.Fcb;
     if (Fcb->OpenCount == 1 && (Fcb->OpenFlags & FCB_STATE_DELETE_DISPOSITION)) {
-        Fcb->OpenFlags |= FCB_STATE_DELETE_ON_CLOSE;
+        NtFsdSetOpenFlags(Fcb, FCB_STATE_DELETE_ON_CLOSE);
     }
     if (Close.Deletes()) {
         PrepareDelete(Close);

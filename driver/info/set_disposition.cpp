@@ -80,7 +80,7 @@ NTSTATUS ClearDisposition(SET_INFORMATION &Change) {
             return STATUS_ACCESS_DENIED;
         }
     }
-    Change.Fcb->OpenFlags &= ~static_cast<ULONG>(FCB_STATE_DELETE_DISPOSITION);
+    NtFsdClearOpenFlags(Change.Fcb, FCB_STATE_DELETE_DISPOSITION);
     Change.FileObject->DeletePending = FALSE;
     return STATUS_SUCCESS;
 }
@@ -88,7 +88,7 @@ NTSTATUS ClearDisposition(SET_INFORMATION &Change) {
 void MarkDisposition(SET_INFORMATION &Change) {
     NtFsdDebugPrint(TRACE_FILE_INFO, 0,
                     "[RVFSD] NtFsdFileSetDispositionInfo Setting FCB_STATE_DELETE_DISPOSITION flag\n");
-    Change.Fcb->OpenFlags |= FCB_STATE_DELETE_DISPOSITION;
+    NtFsdSetOpenFlags(Change.Fcb, FCB_STATE_DELETE_DISPOSITION);
 }
 
 NTSTATUS SetOnDirectory(SET_INFORMATION &Change) {

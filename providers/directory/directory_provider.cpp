@@ -94,8 +94,8 @@ RVPSTATUS NTAPI QueryInterface(RVP_OBJECT *Self, const GUID *Iid, PVOID *Out) {
     return RVPSTATUS::Success;
 }
 
-ULONG NTAPI AddRef(RVP_OBJECT *Self) {
-    return DirectoryProvider::State::Of(reinterpret_cast<RVIOM_FSD *>(Self)).References.fetch_add(1) + 1;
+ULONG NTAPI AddRef(RVIOM_FSD *Self) {
+    return DirectoryProvider::State::Of(Self).References.fetch_add(1) + 1;
 }
 
 ULONG NTAPI Release(RVIOM_FSD *Self) {
