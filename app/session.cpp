@@ -1,5 +1,6 @@
 #include "app/session.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -123,6 +124,12 @@ Session::Session(const SessionOptions &Options) : Exports_(Options.Exports), Swi
             throw UsageError(Problem);
         }
     }
+    for (const auto &Quota : Options.Quotas) {
+        if (std::none_of(Exports_.begin(), Exports_.end(),
+                         [&](const Export &One) { return One.Name == Quota.first; })) {
+            throw UsageError(fmt::format("--quota {}: no export of that name", Quota.first));
+        }
+    }
     embedded::KernelOptions Boot;
     for (const auto &[Name, Value] : Switches_) {
         Boot.Registry.push_back({ServiceKey, Widen(Name), Value});
@@ -193,7 +200,8 @@ std::vector<std::filesystem::path> Session::OpenFiles() const {
 uint32_t Session::Trace(uint32_t Mask, bool On) {
     g_uDebugMask = On ? g_uDebugMask | Mask : g_uDebugMask & ~Mask;
     g_uDebugFlags = On && g_uDebugFlags == 0 ? 1 : g_uDebugFlags;
-    g_bDisplayOutput = On ? TRUE : g_bDisplayOutput;
+    const bool Asked = Switches_.contains("FsDisplayOutput");
+    g_bDisplayOutput = On || (g_bDisplayOutput && (Asked || g_uDebugMask != 0));
     g_uTraceGate = g_uDebugFlags != 0 ? g_uDebugMask : 0;
     return g_uTraceGate;
 }

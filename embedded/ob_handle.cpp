@@ -14,7 +14,8 @@ namespace embedded {
 // the order of their release: a stale handle stays invalid for as long as possible.
 class HandleTable {
 public:
-    struct Entry {
+    // A cache line each: threads that work with handles opened one after the other must not share their words.
+    struct alignas(64) Entry {
         std::atomic<ULONG_PTR> Word{0}; // the object, or 0; bit 0 is the lock
         ACCESS_MASK GrantedAccess = 0;
         bool Kernel = false;

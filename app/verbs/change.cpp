@@ -113,7 +113,7 @@ LONG64 ParseTime(const std::string &Text) {
     }
     tm Local = {};
     if (strptime(Text.c_str(), "%Y-%m-%d %H:%M:%S", &Local) == nullptr) {
-        return static_cast<LONG64>(ParseNumber(Text));
+        return static_cast<LONG64>(ParseNumber(Text, INT64_MAX));
     }
     Local.tm_isdst = -1;
     return (static_cast<LONG64>(mktime(&Local)) + 11644473600) * 10000000;
@@ -172,7 +172,8 @@ void AddChangeVerbs(CLI::App &App, Command &Chosen) {
     TruncateVerb->add_option("SIZE", Sizing->Second, "bytes")->required();
     TruncateVerb->callback([&Chosen, Sizing] {
         Chosen = [Sizing](Session &) {
-            return Guarded([&] { Truncate(Sizing->Text, static_cast<LONG64>(ParseNumber(Sizing->Second))); });
+            return Guarded(
+                [&] { Truncate(Sizing->Text, static_cast<LONG64>(ParseNumber(Sizing->Second, INT64_MAX))); });
         };
     });
 

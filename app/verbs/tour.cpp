@@ -97,4 +97,13 @@ void AddVerbs(CLI::App &App, Command &Chosen) {
     AddTourVerb(App, Chosen);
 }
 
+const CLI::App *FindVerb(const CLI::App &App, const std::string &Name) {
+    for (const CLI::App *Verb : App.get_subcommands({})) {
+        if (Verb->get_name() == Name) {
+            return Verb;
+        }
+    }
+    return nullptr;
+}
+
 } // namespace app

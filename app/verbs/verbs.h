@@ -24,6 +24,8 @@ void AddTourVerb(CLI::App &App, Command &Chosen);       // tour
 
 // All of them.
 void AddVerbs(CLI::App &App, Command &Chosen);
+// The verb of that name, or null.
+const CLI::App *FindVerb(const CLI::App &App, const std::string &Name);
 
 // Runs Action for one object: 0, or 1 after an error, which is told on standard error. UsageError and Interrupted pass.
 int Guarded(const std::function<void()> &Action);

@@ -19,7 +19,7 @@ namespace {
 constexpr ULONG LINE_BYTES = 4096;
 constexpr ULONG PREFIX_PROCESS = 0x2;
 constexpr ULONG PREFIX_THREAD = 0x4;
-constexpr ULONG DPFLTR_IHVDRIVER = 80; // the component that the lines are printed under
+constexpr ULONG DEBUG_COMPONENT = 80; // that the lines are printed under
 
 // Appends formatted text to a line of LINE_BYTES.
 template <typename... T>
@@ -41,7 +41,7 @@ ULONG AppendPrefixes(PCHAR Line) {
 
 void SendLine(PCSTR Line, ULONG Length) {
     if (g_bDisplayOutput) {
-        DbgPrintEx(DPFLTR_IHVDRIVER, 0xFFFFFFFF, "%s", Line);
+        DbgPrintEx(DEBUG_COMPONENT, 0xFFFFFFFF, "%s", Line);
     }
     NtFsdLogAppend(Line, Length);
 }
@@ -95,10 +95,14 @@ void NtFsdPrintLine(PCSTR Format, const FormatArgument *Arguments, ULONG Count) 
 }
 
 void NtFsdLogAppend(PCSTR Text, ULONG Length) {
-    if (g_pLogBuffer == nullptr || g_uDebugFlags == 0) {
+    if (g_uDebugFlags == 0) {
         return;
     }
+    // Shutdown takes the buffer away while refused requests still trace.
     SpinLockHold Hold(&g_LogBufferLock);
+    if (g_pLogBuffer == nullptr) {
+        return;
+    }
     if (Length > LOG_BUFFER_BYTES - g_uLogBufferUsed) {
         RtlZeroMemory(g_pLogBuffer, LOG_BUFFER_BYTES);
         g_uLogBufferUsed = 0;

@@ -6,6 +6,7 @@
 #include "dir/directory.h"
 #include "frame/diagnostics.h"
 #include "frame/driver.h"
+#include "frame/memory.h"
 #include "info/query.h"
 #include "info/set_information.h"
 #include "io/io.h"
@@ -56,7 +57,7 @@ bool CreateSpecial(PIRP Irp, NTSTATUS *Status) {
 }
 
 bool IsDriverFcb(PFILE_OBJECT FileObject) {
-    return NtFsdIsFcb(FileObject->FsContext) && static_cast<PFCB>(FileObject->FsContext)->OpenType == OPEN_TYPE_DEVICE;
+    return NtFsdIsFcb(FileObject->FsContext) && FileObject->FsContext == DriverFcb;
 }
 
 // A device open is closed whatever the binding: nothing else would give its process record back.
@@ -77,11 +78,12 @@ bool CleanupUnbound(PIRP Irp, NTSTATUS *Status) {
     return true;
 }
 
-bool CloseSpecial(PIRP Irp, NTSTATUS *Status) {
+bool CloseSpecial(PIRP Irp, bool Cancelled, NTSTATUS *Status) {
     const PFILE_OBJECT FileObject = IoGetCurrentIrpStackLocation(Irp)->FileObject;
+    const NTSTATUS Done = Cancelled ? STATUS_CANCELLED : STATUS_SUCCESS;
     if (FileObject->FsContext == nullptr) {
         NtFsdFreeOrphanInstance(FileObject);
-        *Status = NtFsdCompleteRequest(nullptr, Irp, STATUS_SUCCESS);
+        *Status = NtFsdCompleteRequest(nullptr, Irp, Done);
         return true;
     }
     if (!NtFsdIsFcb(FileObject->FsContext)) {
@@ -89,15 +91,16 @@ bool CloseSpecial(PIRP Irp, NTSTATUS *Status) {
         FileObject->FsContext = nullptr;
         FileObject->FsContext2 = nullptr;
         FileObject->SectionObjectPointer = nullptr;
-        *Status = NtFsdCompleteRequest(nullptr, Irp, STATUS_SUCCESS);
+        *Status = NtFsdCompleteRequest(nullptr, Irp, Done);
         return true;
     }
     const auto Fcb = static_cast<PFCB>(FileObject->FsContext);
     NtFsdDebugPrint(TRACE_GENERAL, 0, " File Object: 0x%p -> \"%wZ\".\n", FileObject, NtFsdStablePath(Fcb));
-    if (Fcb->OpenType != OPEN_TYPE_DEVICE) {
+    if (Fcb != DriverFcb) {
         return false;
     }
-    *Status = NtFsdCompleteRequest(nullptr, Irp, NtFsdCloseOurDevice(FileObject));
+    Ignore(NtFsdCloseOurDevice(FileObject), "it always succeeds");
+    *Status = NtFsdCompleteRequest(nullptr, Irp, Done);
     return true;
 }
 
@@ -316,7 +319,10 @@ NTSTATUS ServeAfterTeardown(const ENTRY &Entry, PIRP Irp) {
     case IRP_MJ_CLEANUP:
         return NtFsdCompleteAtOnce(Irp, STATUS_SUCCESS, 0, IO_NETWORK_INCREMENT);
     case IRP_MJ_CREATE:
-        return NtFsdCompleteAtOnce(Irp, STATUS_UNSUCCESSFUL, FILE_DOES_NOT_EXIST, IO_NETWORK_INCREMENT);
+        if (IsDeviceOpen(FileObject)) {
+            return NtFsdCompleteAtOnce(Irp, STATUS_UNSUCCESSFUL, FILE_DOES_NOT_EXIST, IO_NETWORK_INCREMENT);
+        }
+        return RefuseUnbound(Irp);
     default:
         return RefuseUnbound(Irp);
     }
@@ -347,7 +353,7 @@ NTSTATUS RunWithContext(const ENTRY &Entry, PIRP Irp, bool Cancelled) {
 
 NTSTATUS ServeInRegion(const ENTRY &Entry, PIRP Irp, bool Cancelled) {
     NTSTATUS Status;
-    if (Entry.InRegion != nullptr && Entry.InRegion(Irp, &Status)) {
+    if (Entry.InRegion != nullptr && Entry.InRegion(Irp, Cancelled, &Status)) {
         return Status;
     }
     if (Entry.BeforeDecode != nullptr) {

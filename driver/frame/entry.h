@@ -24,9 +24,9 @@ struct ENTRY {
     NTSTATUS (*Common)(PIRP_CONTEXT IrpContext);
 
     // Deviations; NULL where the entry has none. One that answers TRUE has completed the IRP with *Status.
-    bool (*Unbound)(PIRP Irp, NTSTATUS *Status);         // instead of the refusal of an unbound framework
-    bool (*AfterCancelTest)(PIRP Irp, NTSTATUS *Status); // before the critical region
-    bool (*InRegion)(PIRP Irp, NTSTATUS *Status);        // before the IrpContext is made
+    bool (*Unbound)(PIRP Irp, NTSTATUS *Status);                  // instead of the refusal of an unbound framework
+    bool (*AfterCancelTest)(PIRP Irp, NTSTATUS *Status);          // before the critical region
+    bool (*InRegion)(PIRP Irp, bool Cancelled, NTSTATUS *Status); // before the IrpContext is made
     void (*BeforeDecode)(PIRP Irp);
     NTSTATUS (*MapDecode)(NTSTATUS Status); // the decode's status as the entry sees it
     bool (*AfterDecode)(PIRP Irp, NTSTATUS *Status);

@@ -33,11 +33,29 @@ public:
         return Length_ == Room_;
     }
     ULONG Finish() {
+        if (Full()) {
+            DropSplitCharacter();
+        }
         Buffer_[Length_] = '\0';
         return Length_;
     }
 
 private:
+    // Narrow text is put byte by byte; a cut may have left the first bytes of a UTF-8 sequence.
+    void DropSplitCharacter() {
+        ULONG Start = Length_;
+        ULONG Following = 0;
+        while (Start != 0 && Following < 3 && (Buffer_[Start - 1] & 0xC0) == 0x80) {
+            --Start;
+            ++Following;
+        }
+        const UCHAR Lead = Start != 0 ? static_cast<UCHAR>(Buffer_[Start - 1]) : 0;
+        const ULONG Wanted = Lead >= 0xF0 ? 3 : Lead >= 0xE0 ? 2 : Lead >= 0xC0 ? 1 : 0;
+        if (Following < Wanted) {
+            Length_ = Start - 1;
+        }
+    }
+
     char *Buffer_;
     ULONG Room_;
     ULONG Length_ = 0;
@@ -50,6 +68,9 @@ constexpr bool IsTrailSurrogate(WCHAR Unit) {
     return Unit >= 0xDC00 && Unit <= 0xDFFF;
 }
 
+// Stands for half of a surrogate pair, which UTF-8 has no form for.
+constexpr ULONG REPLACEMENT_CHARACTER = 0xFFFD;
+
 // Writes one character of 16-bit text as UTF-8; returns the units it took.
 ULONG PutCharacter(Output &Out, PCWSTR Text, ULONG Units) {
     ULONG Code = Text[0];
@@ -57,6 +78,8 @@ ULONG PutCharacter(Output &Out, PCWSTR Text, ULONG Units) {
     if (IsLeadSurrogate(Text[0]) && Units > 1 && IsTrailSurrogate(Text[1])) {
         Code = 0x10000 + ((Code - 0xD800) << 10) + (Text[1] - 0xDC00u);
         Taken = 2;
+    } else if (IsLeadSurrogate(Text[0]) || IsTrailSurrogate(Text[0])) {
+        Code = REPLACEMENT_CHARACTER;
     }
     char Bytes[4];
     ULONG Count = 0;

@@ -19,10 +19,12 @@ constexpr char END_MARKER[] = "*** End of Log ***";
 constexpr ULONG END_MARKER_BYTES = sizeof(END_MARKER) - 1;
 static_assert(END_MARKER_BYTES == 18);
 
-// Waits 100 ms; FALSE as soon as the writer has to end.
-bool Pause() {
+constexpr LONG64 PAUSE_UNITS = 1000000; // 100 ms
+
+// Waits Units of 100 ns; FALSE as soon as the writer has to end.
+bool Pause(LONG64 Units) {
     LARGE_INTEGER Interval;
-    Interval.QuadPart = -1000000;
+    Interval.QuadPart = -Units;
     return KeWaitForSingleObject(&WriterStop, Executive, KernelMode, FALSE, &Interval) == STATUS_TIMEOUT;
 }
 
@@ -122,7 +124,7 @@ bool StartLog(LOG_FILE &Log) {
             }
             ZwClose(Log.Handle);
         }
-    } while (Pause());
+    } while (Pause(PAUSE_UNITS));
     return false;
 }
 
@@ -174,7 +176,8 @@ NTSTATUS RunWriter() {
         return STATUS_SUCCESS;
     }
     bool WrapNow = false;
-    while (Drain(Log, Buffer, &WrapNow) || Pause()) {
+    // Also a stream of text that never ends must not keep the writer from ending.
+    while (Pause(Drain(Log, Buffer, &WrapNow) ? 0 : PAUSE_UNITS)) {
     }
     Drain(Log, Buffer, &WrapNow); // what came between the last look and the end
     ZwClose(Log.Handle);

@@ -71,10 +71,13 @@ VOID NtFsdTeardown() {
 
 namespace {
 
+// Two that tear down would wait for each other.
+DRIVER_GLOBAL LONG ShutdownBegun = 0;
+
 // The request is counted in while it tears down: teardown waits for all others.
 NTSTATUS Shutdown(PIRP Irp) {
     const RequestInFlight InFlight;
-    if (!InFlight || !NT_SUCCESS(NtFsdEnsureFrameworkBound())) {
+    if (!InFlight || !NT_SUCCESS(NtFsdEnsureFrameworkBound()) || InterlockedExchange(&ShutdownBegun, 1) != 0) {
         const NTSTATUS Status = NtFsdCompleteAtOnce(Irp, STATUS_UNSUCCESSFUL, 0, IO_NETWORK_INCREMENT);
         NtFsdDebugPrint(TRACE_CONTROL, 0, "Unable to Initialize Orrery\n");
         return Status;

@@ -15,12 +15,17 @@ bool IsEqualGuid(const GUID *Left, const GUID &Right) {
     return memcmp(Left, &Right, sizeof(GUID)) == 0;
 }
 
+// Objects may outlive teardown, which releases the services that count them.
 ULONG Increment(ULONG *Counter) {
-    return g_pRvplInterface->Table->Increment(g_pRvplInterface, Counter);
+    const RequestInFlight InFlight;
+    return InFlight ? g_pRvplInterface->Table->Increment(g_pRvplInterface, Counter)
+                    : __atomic_add_fetch(Counter, 1, __ATOMIC_SEQ_CST);
 }
 
 ULONG Decrement(ULONG *Counter) {
-    return g_pRvplInterface->Table->Decrement(g_pRvplInterface, Counter);
+    const RequestInFlight InFlight;
+    return InFlight ? g_pRvplInterface->Table->Decrement(g_pRvplInterface, Counter)
+                    : __atomic_sub_fetch(Counter, 1, __ATOMIC_SEQ_CST);
 }
 
 // Answers Object for one of two identifiers, with a reference taken through the object's own table.
@@ -49,8 +54,10 @@ ULONG NTAPI MappingAddRef(RVFSD_MAPPING *This) {
 }
 
 ULONG NTAPI MappingRelease(RVFSD_MAPPING *This) {
+    const RequestInFlight InFlight;
     const ULONG Count = Decrement(&This->RefCount);
-    if (Count == 0) {
+    // After teardown the block stays with the framework, whose memory it is.
+    if (Count == 0 && InFlight) {
         g_pRvplInterface->Table->Free(g_pRvplInterface, This);
     }
     return Count;

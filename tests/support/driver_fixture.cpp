@@ -31,6 +31,7 @@ void DriverFixture::Start(const StartOptions &Options) {
         Boot.Registry.push_back({ServiceKey, Name, Value});
     }
     Boot.SystemSize = Options.SystemSize;
+    Boot.SystemVolume = Options.SystemVolume;
     Boot.DebugSink = [this](std::string_view Text) {
         const std::lock_guard Hold(PrintedLock);
         Printed += Text;

@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
@@ -47,6 +48,7 @@ struct StartOptions {
     bool StartsTheDriver = true;
     RVIOM_FSD *Provider = nullptr; // instead of the scripted one
     MM_SYSTEMSIZE SystemSize = MmMediumSystem;
+    std::optional<std::filesystem::path> SystemVolume; // where \??\C:\ leads; memory when not given
 };
 
 class DriverFixture : public testing::Test {

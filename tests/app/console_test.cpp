@@ -1,0 +1,87 @@
+// The console: verbs over one running driver, on a terminal and without one.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/app/program.h"
+
+namespace {
+
+using test::Ran;
+using testing::HasSubstr;
+
+constexpr auto Prompt = "\nrvfsd> "; // a redrawn one begins with a carriage return
+constexpr auto SecondFile = "A second file, so that a listing has something to list.";
+
+TEST(ProgramConsole, ASessionOnATerminal) {
+    test::Terminal Screen({});
+    EXPECT_THAT(Screen.Expect(Prompt), HasSubstr("rvfsd console; exports: \\\\demo\\files"));
+
+    Screen.Type("cat \\\\demo\\files\\docs\\b.txt\n");
+    EXPECT_THAT(Screen.Expect(Prompt), HasSubstr(SecondFile));
+    // The tabulator finishes verbs, exports, directories, files and options.
+    Screen.Type("cla\t\\\\de\tdo\t\n");
+    EXPECT_THAT(Screen.Expect(Prompt), HasSubstr("claimed \\\\demo\\files (22 bytes)"));
+    Screen.Type("cat //demo/files/docs/b\t\n");
+    EXPECT_THAT(Screen.Expect(Prompt), HasSubstr(SecondFile));
+    Screen.Type("cat \\\\demo\\files\\d\tb\t\n");
+    EXPECT_THAT(Screen.Expect(Prompt), HasSubstr(SecondFile));
+    Screen.Type("open \\\\demo\\files\\x --dis\tcreate --acc\t0\n");
+    EXPECT_THAT(Screen.Expect(Prompt), HasSubstr("STATUS_INVALID_PARAMETER (0xC000000D)"));
+    // The arrow brings the line before the last.
+    Screen.Type("\x1b[A\x1b[A\n");
+    EXPECT_THAT(Screen.Expect(Prompt), HasSubstr(SecondFile));
+    Screen.Type("nonsense\n");
+    EXPECT_THAT(Screen.Expect(Prompt), HasSubstr("\nnonsense: no such verb; help lists them"));
+    // Ctrl-D on an empty line ends. It must not come before the line editor has the terminal, which a completion shows.
+    Screen.Type("qui\t");
+    Screen.Expect("quit");
+    Screen.Type("\x15\x04");
+    EXPECT_EQ(Screen.Finish(), 0);
+}
+
+TEST(ProgramConsole, ShowsSwitchesRequestsAndTraces) {
+    const Ran Session = test::RunProgram({"--set", "UNCPathFilterBehavior=1", "console"},
+                                         "set\n"
+                                         "requests on\n"
+                                         "cat \\\\demo\\files\\docs\\b.txt\n"
+                                         "requests off\n"
+                                         "trace 0x1000 on\n"
+                                         "claim \\\\demo\\files\n"
+                                         "trace 0x1000 off\n"
+                                         "cat \"\\\\demo\\files\\docs\\old\\Größe und Maß.txt\"\n"
+                                         "quit\n");
+    EXPECT_EQ(Session.Code, 0);
+    EXPECT_THAT(Session.Out, HasSubstr("UNCPathFilterBehavior              0x1\n"));
+    EXPECT_THAT(Session.Out, HasSubstr("FailDeleteInUseWorkaround          0x1  (default)\n"));
+    EXPECT_THAT(Session.Out, HasSubstr("IRP_MJ_READ              STATUS_END_OF_FILE (0xC0000011)"));
+    EXPECT_THAT(Session.Out, HasSubstr("    RVFsdCloseVolume(handle="));
+    EXPECT_THAT(Session.Error, HasSubstr("NtFsdCommonDeviceControl() returning 0x0\n"));
+    // After "off" there is nothing but the file.
+    const std::string Last = "categories traced: 0x0\n"
+                             "Names with blanks and letters outside ASCII are names like any other.\n";
+    EXPECT_TRUE(Session.Out.ends_with(Last)) << Session.Out;
+    EXPECT_THAT(Session.Error, Not(HasSubstr("NtFsdCreate")));
+}
+
+TEST(ProgramConsole, GoesOnAfterMistakes) {
+    const Ran Session = test::RunProgram({"console"}, "\n"
+                                                      "   \n"
+                                                      "cat\n"
+                                                      "cat \"open\n"
+                                                      "cat \\\\demo\\files\\nope\n"
+                                                      "trace x on\n"
+                                                      "requests perhaps\n"
+                                                      "set EnableDebug=1\n"
+                                                      "\xff\xfe\n"
+                                                      "cat \\\\demo\\files\\docs\\b.txt\n");
+    EXPECT_EQ(Session.Code, 0);
+    for (const char *Message : {"PATH is required", "a quotation mark is not closed",
+                                "STATUS_OBJECT_NAME_NOT_FOUND (0xC0000034): ", "x: not a number",
+                                "requests on, or requests off", "set shows the switches"}) {
+        EXPECT_THAT(Session.Error, HasSubstr(Message));
+    }
+    EXPECT_THAT(Session.Out, HasSubstr(SecondFile));
+}
+
+} // namespace

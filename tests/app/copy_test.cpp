@@ -1,0 +1,135 @@
+// put and cp: bytes arrive whole or not at all, and nothing is overwritten unasked.
+
+#include <csignal>
+#include <unistd.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/app/program.h"
+
+namespace {
+
+using test::Ran;
+using testing::StartsWith;
+
+class ProgramCopy : public testing::Test {
+protected:
+    ProgramCopy() {
+        // More than two buffers, and no multiple of anything.
+        for (size_t Index = 0; Bytes.size() < (5u << 19) + 77; ++Index) {
+            Bytes += std::to_string(Index * 2654435761u) + '\n';
+        }
+        Local.Write("big", Bytes);
+        Served.Write("there", "old");
+    }
+
+    std::vector<std::string> Line(const std::vector<std::string> &Words) const {
+        std::vector<std::string> All = {"--export", "\\\\srv\\vol=" + Served.Path().string()};
+        All.insert(All.end(), Words.begin(), Words.end());
+        return All;
+    }
+    Ran Run(const std::vector<std::string> &Words, std::string_view Input = {}) const {
+        return test::RunProgram(Line(Words), Input);
+    }
+    void Succeeds(const std::vector<std::string> &Words, std::string_view Input = {}) const {
+        const Ran Result = Run(Words, Input);
+        EXPECT_EQ(Result.Code, 0) << Result.Error;
+        EXPECT_EQ(Result.Error, "");
+        EXPECT_EQ(Result.Out, "");
+    }
+    void Fails(const std::vector<std::string> &Words, const std::string &Message) const {
+        const Ran Result = Run(Words);
+        EXPECT_EQ(Result.Code, 1);
+        EXPECT_THAT(Result.Error, StartsWith(Message));
+    }
+
+    test::ScratchDirectory Served;
+    test::ScratchDirectory Local;
+    std::string Bytes;
+};
+
+TEST_F(ProgramCopy, GoesInOutAndAcross) {
+    Succeeds({"cp", Local.File("big"), R"(\\srv\vol\in)"});
+    EXPECT_EQ(Served.Read("in"), Bytes);
+    Succeeds({"cp", R"(\\srv\vol\in)", R"(\\srv\vol\across)"});
+    EXPECT_EQ(Served.Read("across"), Bytes);
+    Succeeds({"cp", "//srv/vol/across", Local.File("out")});
+    EXPECT_EQ(Local.Read("out"), Bytes);
+    Succeeds({"put", R"(\\srv\vol\put)", Local.File("big")});
+    EXPECT_EQ(Served.Read("put"), Bytes);
+    Succeeds({"put", R"(\\srv\vol\stdin)"}, "of standard input");
+    EXPECT_EQ(Served.Read("stdin"), "of standard input");
+    Succeeds({"put", R"(\\srv\vol\empty)"});
+    EXPECT_TRUE(Served.Has("empty"));
+    EXPECT_EQ(Run({"cat", R"(\\srv\vol\across)"}).Out, Bytes);
+}
+
+TEST_F(ProgramCopy, OverwritesOnlyWithForce) {
+    Local.Write("there", "old");
+    Fails({"cp", Local.File("big"), R"(\\srv\vol\THERE)"}, "STATUS_OBJECT_NAME_COLLISION (0xC0000035): ");
+    Fails({"put", R"(\\srv\vol\there)", Local.File("big")}, "STATUS_OBJECT_NAME_COLLISION (0xC0000035): ");
+    Served.Write("small", "new");
+    Fails({"cp", R"(\\srv\vol\small)", Local.File("there")}, Local.File("there") + ": File exists\n");
+    EXPECT_EQ(Served.Read("there"), "old");
+    EXPECT_EQ(Local.Read("there"), "old");
+
+    Succeeds({"cp", "--force", R"(\\srv\vol\small)", R"(\\srv\vol\there)"});
+    EXPECT_EQ(Served.Read("there"), "new");
+    Local.Write("there", Bytes);
+    Succeeds({"cp", "--force", R"(\\srv\vol\small)", Local.File("there")});
+    EXPECT_EQ(Local.Read("there"), "new") << "what was longer is cut";
+}
+
+TEST_F(ProgramCopy, NeverEmptiesAFileByCopyingItOntoItself) {
+    std::filesystem::create_hard_link(Served.File("there"), Served.File("link"));
+    const std::pair<std::string, std::string> Pairs[] = {
+        {R"(\\srv\vol\there)", R"(\\srv\vol\there)"}, {R"(\\srv\vol\there)", R"(\\SRV\VOL\THERE)"},
+        {R"(\\srv\vol\there)", R"(\\srv\vol\link)"},  {R"(\\srv\vol\there)", Served.File("link")},
+        {Served.File("link"), R"(\\srv\vol\there)"},
+    };
+    for (const auto &[From, To] : Pairs) {
+        Fails({"cp", "--force", From, To}, To + ": source and target are the same file\n");
+        EXPECT_EQ(Served.Read("there"), "old") << From << " to " << To;
+    }
+}
+
+TEST_F(ProgramCopy, RemovesAPartThatItMadeAndNothingElse) {
+    const std::string Export = "\\\\srv\\vol=" + Served.Path().string();
+    const Ran Full = test::RunProgram(
+        {"--export", Export, "--quota", "\\\\srv\\vol=1500000", "cp", Local.File("big"), R"(\\srv\vol\part)"});
+    EXPECT_EQ(Full.Code, 1);
+    EXPECT_EQ(Full.Error, "STATUS_QUOTA_EXCEEDED (0xC0000044): \\\\srv\\vol\\part\n");
+    EXPECT_FALSE(Served.Has("part"));
+    const Ran Over = test::RunProgram({"--export", Export, "--quota", "\\\\srv\\vol=1500000", "cp", "--force",
+                                       Local.File("big"), R"(\\srv\vol\there)"});
+    EXPECT_EQ(Over.Code, 1);
+    EXPECT_TRUE(Served.Has("there")) << "it was there before";
+
+    // A source that opens and cannot be read.
+    Fails({"put", R"(\\srv\vol\part)", Local.Path().string()}, Local.Path().string() + ": Is a directory\n");
+    EXPECT_FALSE(Served.Has("part"));
+    Fails({"cp", R"(\\srv\vol\nope)", Local.File("out")}, "STATUS_OBJECT_NAME_NOT_FOUND (0xC0000034): ");
+    EXPECT_FALSE(Local.Has("out"));
+    Fails({"cp", Local.File("nope"), R"(\\srv\vol\part)"}, Local.File("nope") + ": No such file or directory\n");
+    EXPECT_FALSE(Served.Has("part"));
+    Fails({"cp", R"(\\srv\vol\there)", Local.File("no/where")}, Local.File("no/where") + ": No such file or directory");
+}
+
+TEST_F(ProgramCopy, CtrlCEndsItCleanly) {
+    const Ran Broken = test::RunProgramWith(Line({"put", R"(\\srv\vol\part)"}), [this](pid_t Child, int Input) {
+        // Once the program has taken most of it, its target is open.
+        for (size_t At = 0; At < Bytes.size();) {
+            const ssize_t Put = write(Input, Bytes.data() + At, Bytes.size() - At);
+            ASSERT_GT(Put, 0);
+            At += static_cast<size_t>(Put);
+        }
+        ASSERT_TRUE(Served.Has("part"));
+        kill(Child, SIGINT);
+    });
+    EXPECT_EQ(Broken.Code, 130);
+    EXPECT_EQ(Broken.Error, "interrupted\n") << "or something was left behind in the driver";
+    EXPECT_FALSE(Served.Has("part"));
+}
+
+} // namespace

@@ -1,0 +1,71 @@
+// The built program as its users meet it: arguments and standard input in, standard output, messages and exit code out.
+#pragma once
+
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace test {
+
+struct Ran {
+    int Code = -1; // exit code; 128 + n when signal n ended it
+    std::string Out;
+    std::string Error;
+};
+
+// Runs rvfsd to its end, without a terminal. One that does not end within a minute is killed (137).
+Ran RunProgram(const std::vector<std::string> &Arguments, std::string_view Input = {});
+// The same with standard output going to a file, such as /dev/full.
+Ran RunProgramInto(const std::filesystem::path &Output, const std::vector<std::string> &Arguments);
+// The same, but Meanwhile runs beside it and holds the writing end of its standard input, which is closed afterwards.
+Ran RunProgramWith(const std::vector<std::string> &Arguments, const std::function<void(pid_t, int Input)> &Meanwhile);
+
+// The program on a terminal of its own.
+class Terminal {
+public:
+    explicit Terminal(const std::vector<std::string> &Arguments);
+    ~Terminal(); // kills what still runs
+    Terminal(const Terminal &) = delete;
+    Terminal &operator=(const Terminal &) = delete;
+
+    void Type(std::string_view Text);
+    // What was shown since the last call, up to and including Text; all there is, when a minute brings no Text.
+    std::string Expect(std::string_view Text);
+    // Reads on to the end of the program; its exit code.
+    int Finish();
+
+private:
+    bool ReadMore();
+
+    pid_t Child_ = -1;
+    int Master_ = -1;
+    std::string Pending_;
+};
+
+// A directory that goes with its object.
+class ScratchDirectory {
+public:
+    ScratchDirectory();
+    ~ScratchDirectory();
+    ScratchDirectory(const ScratchDirectory &) = delete;
+    ScratchDirectory &operator=(const ScratchDirectory &) = delete;
+
+    const std::filesystem::path &Path() const {
+        return Path_;
+    }
+    std::string File(std::string_view Name) const {
+        return (Path_ / Name).string();
+    }
+    void Write(std::string_view Name, std::string_view Bytes) const;
+    std::string Read(std::string_view Name) const;
+    bool Has(std::string_view Name) const;
+
+private:
+    std::filesystem::path Path_;
+};
+
+} // namespace test

@@ -1,0 +1,348 @@
+// What the driver prints, where it goes, and the log file.
+
+#include <filesystem>
+
+#include "embedded/faults.h"
+#include "embedded/system_volume.h"
+#include "frame/diagnostics.h"
+#include "tests/driver/frame_client.h"
+
+namespace {
+
+using embedded::Clock;
+
+class Diagnostics : public test::FrameFixture {
+protected:
+    // What one message of category Mask produces.
+    std::string Trace(ULONG Mask) {
+        Printed.clear();
+        NtFsdDebugPrint(Mask, 0, "line %d\n", 7);
+        return Printed;
+    }
+    static std::string Buffered() {
+        return {g_pLogBuffer, g_uLogBufferUsed};
+    }
+};
+
+TEST_F(Diagnostics, PrefixesStandThreadProcessDriver) {
+    const std::string Thread = fmt::format("[TID - 0x{:X}] ", reinterpret_cast<ULONG_PTR>(KeGetCurrentThread()));
+    const std::string Process = fmt::format("[PID - 0x{:X}] ", reinterpret_cast<ULONG_PTR>(IoGetCurrentProcess()));
+    const std::map<ULONG, std::string> Wanted = {{1, ""}, {2, Process}, {4, Thread}, {6, Thread + Process}};
+    for (const auto &[EnableDebug, Prefix] : Wanted) {
+        StartTracing(0, EnableDebug);
+        EXPECT_EQ(Trace(0), Prefix + "[RVFSD] line 7\n") << "EnableDebug " << EnableDebug;
+        Stop();
+    }
+}
+
+struct MaskCase {
+    ULONG EnableDebug;
+    ULONG Level;
+    ULONG Mask;
+    bool Produced;
+};
+
+TEST_F(Diagnostics, AMessageIsProducedWhenItsMaskSharesABit) {
+    constexpr MaskCase Cases[] = {
+        {1, 0x41, 0x40, true},        {1, 0x41, 0x1, true},      {1, 0x41, 0x60, true},
+        {1, 0x41, 0x20, false},       {1, 0, 0x40, false},       {1, 0, 0, true}, // mask 0: whatever the level
+        {0, 0xFFFFFFFF, 0x40, false}, {0, 0xFFFFFFFF, 0, false}, {1, 0x2000000, 0x2000000, true},
+    };
+    for (const MaskCase &Each : Cases) {
+        StartTracing(Each.Level, Each.EnableDebug);
+        EXPECT_EQ(Trace(Each.Mask), Each.Produced ? "[RVFSD] line 7\n" : "")
+            << std::hex << Each.EnableDebug << " " << Each.Level << " " << Each.Mask;
+        Stop();
+    }
+}
+
+TEST_F(Diagnostics, AFilteredMessageEvaluatesNoArgument) {
+    StartTracing(0x40);
+    int Evaluated = 0;
+    const auto Count = [&] { return ++Evaluated; };
+    NtFsdDebugPrint(0x20, 0, "%d\n", Count());
+    EXPECT_EQ(Evaluated, 0);
+    NtFsdDebugPrint(0x40, 0, "%d\n", Count());
+    EXPECT_EQ(Evaluated, 1);
+}
+
+TEST_F(Diagnostics, WithoutEnableDebugTheOtherSwitchesAreNotRead) {
+    Start(
+        {.Switches = {{u"FsDisplayOutput", 1}, {u"FsDebugLevel", 0xFF}, {u"RvioctlDbgMsg", 1}, {u"DebugLogging", 1}}});
+    EXPECT_EQ(g_uDebugFlags, 0u);
+    EXPECT_EQ(g_bDisplayOutput, FALSE);
+    EXPECT_EQ(g_uDebugMask, 0u);
+    EXPECT_EQ(g_uIoctlDebugMessages, 0u);
+    EXPECT_EQ(g_uDebugLogging, 0u);
+    EXPECT_NE(g_pLogBuffer, nullptr);
+    NtFsdLogAppend("text", 4);
+    EXPECT_EQ(g_uLogBufferUsed, 0u);
+}
+
+TEST_F(Diagnostics, WithoutDisplayOutputLinesGoToTheLogBufferOnly) {
+    Start({.Switches = {{u"EnableDebug", 1}, {u"FsDebugLevel", 0x40}}});
+    EXPECT_EQ(Trace(0x40), "");
+    EXPECT_EQ(Buffered(), "[RVFSD] line 7\n");
+}
+
+TEST_F(Diagnostics, ALineIsCutAt4095Bytes) {
+    StartTracing(0x40);
+    Printed.clear();
+    const std::string Long(5000, 'x');
+    NtFsdDebugPrint(0x40, 0, "%s\n", Long.c_str());
+    EXPECT_EQ(Printed, "[RVFSD] " + Long.substr(0, 4095 - 8));
+}
+
+TEST_F(Diagnostics, ALineWithoutMemoryIsDropped) {
+    StartTracing(0x40);
+    const embedded::PlannedFaults NoMemory({.Kinds = embedded::FaultBit(embedded::FaultKind::Pool)});
+    const embedded::FaultScope AsTheDriver;
+    EXPECT_EQ(Trace(0x40), "");
+    EXPECT_EQ(Trace(0x40), "[RVFSD] line 7\n");
+}
+
+TEST_F(Diagnostics, WhatIsAlwaysPrintedNeedsNeitherSwitchNorMemory) {
+    Start();
+    const embedded::PlannedFaults NoMemory({.How = embedded::FaultPlan::Mode::NthAndAfter});
+    const embedded::FaultScope AsTheDriver;
+    NtFsdAlwaysPrint("[RVFSD] %u bytes, %s\n", 12u, "100%s");
+    EXPECT_EQ(Printed, "[RVFSD] 12 bytes, 100%s\n");
+}
+
+// ---- Text from outside
+// -----------------------------------------------------------------------------------------------
+
+struct ExternalCase {
+    ULONG EnableDebug;
+    ULONG Messages;
+    std::string Text;
+    std::string Wanted;
+};
+
+TEST_F(Diagnostics, ExternalTextIsDataAndHasItsOwnSwitch) {
+    const std::string Longest(4096, 'y');
+    const ExternalCase Cases[] = {
+        {1, 1, "100%s%n%wZ\n", "100%s%n%wZ\n"},   {1, 0, "text\n", ""},      {0, 1, "text\n", ""},
+        {1, 1, Longest, Longest.substr(0, 4095)}, {1, 1, Longest + "y", ""}, {1, 1, "", ""},
+    };
+    for (const ExternalCase &Each : Cases) {
+        Start({.Switches = {{u"EnableDebug", Each.EnableDebug},
+                            {u"FsDisplayOutput", 1},
+                            {u"FsDebugLevel", 0},
+                            {u"RvioctlDbgMsg", Each.Messages}}});
+        Printed.clear();
+        NtFsdExternalPrint(Each.Text.c_str());
+        EXPECT_EQ(Printed, Each.Wanted);
+        Stop();
+    }
+}
+
+TEST_F(Diagnostics, ExternalTextHasThreadAndProcessButNotTheDriverInFront) {
+    Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"RvioctlDbgMsg", 1}}});
+    Printed.clear();
+    NtFsdExternalPrint("text\n");
+    EXPECT_EQ(Printed.find("[TID - 0x"), 0u);
+    EXPECT_NE(Printed.find("[PID - 0x"), std::string::npos);
+    EXPECT_EQ(Printed.find("[RVFSD]"), std::string::npos);
+}
+
+// ---- The log buffer
+// --------------------------------------------------------------------------------------------------
+
+TEST_F(Diagnostics, TextThatDoesNotFitEmptiesTheBufferFirst) {
+    StartTracing(0);
+    g_uLogBufferUsed = LOG_BUFFER_BYTES - 8;
+    NtFsdLogAppend("12345678", 8);
+    EXPECT_EQ(g_uLogBufferUsed, LOG_BUFFER_BYTES);
+    g_uLogBufferUsed = LOG_BUFFER_BYTES - 8;
+    g_pLogBuffer[20] = 'x';
+    NtFsdLogAppend("123456789", 9);
+    EXPECT_EQ(Buffered(), "123456789");
+    EXPECT_EQ(g_pLogBuffer[20], 0);
+}
+
+TEST_F(Diagnostics, ADriverWithoutALogBufferTracesToTheDebugger) {
+    Start({.Switches = {{u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 0x40}, {u"DebugLogging", 1}},
+           .StartsTheDriver = false});
+    {
+        const embedded::PlannedFaults NoBuffer({.Kinds = embedded::FaultBit(embedded::FaultKind::Pool)});
+        ASSERT_EQ(Load(), STATUS_SUCCESS);
+    }
+    EXPECT_EQ(g_pLogBuffer, nullptr);
+    EXPECT_EQ(Trace(0x40), "[RVFSD] line 7\n");
+    Clock::Advance(Clock::Second);
+}
+
+// ---- The log file
+// ----------------------------------------------------------------------------------------------------
+
+constexpr const char16_t *LogName = u"\\Rvfsd.log";
+// The kernel's clock starts there, and so does its system.
+const std::string Banner = "Twfs Log starting Wed Jan 1, 2025 00:00:00\n"
+                           "System Boot Time(0x1db5be019ba4000) Wed Jan 1, 2025 00:00:00\n";
+
+class LogFile : public Diagnostics {
+protected:
+    void Boot(ULONG DebugLogging, std::optional<std::filesystem::path> Volume = {}) {
+        Start({.Switches = {{u"EnableDebug", 1}, {u"FsDebugLevel", 0x40}, {u"DebugLogging", DebugLogging}},
+               .StartsTheDriver = false,
+               .SystemVolume = std::move(Volume)});
+    }
+    void MustLoad() {
+        ASSERT_EQ(Load(), STATUS_SUCCESS);
+        Clock::Settle();
+    }
+    static std::string Log() {
+        Clock::Settle();
+        return embedded::ReadSystemFile(LogName).value_or("(none)");
+    }
+    static void Pass100ms(unsigned Times = 1) {
+        Clock::Advance(Times * 100 * Clock::Millisecond);
+    }
+    static void Append(std::string_view Text) {
+        NtFsdLogAppend(Text.data(), static_cast<ULONG>(Text.size()));
+    }
+};
+
+TEST_F(LogFile, BeginsWithTwoBannerLines) {
+    Boot(1);
+    MustLoad();
+    EXPECT_EQ(Log(), Banner);
+    Append("later\n");
+    EXPECT_EQ(Log(), Banner) << "the writer looks every 100 ms";
+    Pass100ms();
+    EXPECT_EQ(Log(), Banner + "later\n");
+}
+
+TEST_F(LogFile, IsOverwrittenFromItsStartOrDeletedFirst) {
+    const std::string Old(Banner.size() + 4, 'o');
+    for (const auto &[DebugLogging, Wanted] :
+         std::map<ULONG, std::string>{{1, Banner + "oooo"}, {3, Banner}, {2, Banner}}) {
+        Boot(DebugLogging);
+        embedded::WriteSystemFile(LogName, Old);
+        MustLoad();
+        EXPECT_EQ(Log(), Wanted) << "DebugLogging " << DebugLogging;
+        Stop();
+    }
+}
+
+TEST_F(LogFile, IsNotWrittenWithoutItsSwitch) {
+    Boot(0);
+    MustLoad();
+    Pass100ms(3);
+    EXPECT_EQ(Log(), "(none)");
+}
+
+TEST_F(LogFile, AnOpenThatFailsIsTriedAgainEvery100ms) {
+    Boot(1);
+    embedded::FailNext(embedded::VolumeOperation::Create, STATUS_ACCESS_DENIED, 3);
+    MustLoad();
+    Append("kept\n");
+    Pass100ms(2);
+    EXPECT_EQ(Log(), "(none)");
+    Pass100ms();
+    const std::string Started = Log();
+    EXPECT_EQ(Started.find("Twfs Log starting Wed Jan 1, 2025 00:00:00\n"), 0u);
+    EXPECT_NE(Started.find("kept\n"), std::string::npos);
+}
+
+TEST_F(LogFile, ABannerThatCannotBeWrittenIsTriedAgainEvery100ms) {
+    for (const NTSTATUS Failure : {STATUS_FILE_INVALID, STATUS_DISK_FULL}) {
+        Boot(1);
+        embedded::FailNext(embedded::VolumeOperation::Write, Failure, 2);
+        MustLoad();
+        EXPECT_EQ(Log(), "");
+        Pass100ms();
+        EXPECT_EQ(Log(), "");
+        Pass100ms();
+        EXPECT_EQ(Log(), Banner);
+        Stop();
+    }
+}
+
+TEST_F(LogFile, ABlockThatCannotBeWrittenLeavesNoHole) {
+    Boot(1);
+    MustLoad();
+    Append("lost\n");
+    embedded::FailNext(embedded::VolumeOperation::Write, STATUS_DISK_FULL);
+    Pass100ms();
+    EXPECT_EQ(Log(), Banner);
+    Append("next\n");
+    Pass100ms();
+    EXPECT_EQ(Log(), Banner + "next\n");
+}
+
+TEST_F(LogFile, AWriterWithoutMemoryEndsAndShutdownDoesNotWaitForIt) {
+    Boot(0);
+    MustLoad();
+    g_uDebugLogging = 1;
+    {
+        const embedded::PlannedFaults NoBuffer({.Kinds = embedded::FaultBit(embedded::FaultKind::Pool)});
+        NtFsdStartLogWriter();
+        Clock::Settle();
+        EXPECT_EQ(embedded::GetFaultCounts().TotalFailed(), 1u);
+    }
+    EXPECT_EQ(Kernel().SendShutdown(), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(Log(), "(none)");
+}
+
+TEST_F(LogFile, ShutdownWritesTheRest) {
+    Boot(1);
+    MustLoad();
+    Append("the last line\n");
+    EXPECT_EQ(Kernel().SendShutdown(), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(Log(), Banner + "the last line\n");
+    EXPECT_EQ(g_pLogBuffer, nullptr);
+    NtFsdDebugPrint(0x40, 0, "nobody writes this\n");
+    EXPECT_EQ(Log(), Banner + "the last line\n");
+}
+
+TEST_F(LogFile, ShutdownEndsAWriterThatCannotOpenItsFile) {
+    Boot(1);
+    embedded::FailNext(embedded::VolumeOperation::Create, STATUS_ACCESS_DENIED, ~0u);
+    MustLoad();
+    EXPECT_EQ(Kernel().SendShutdown(), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(Log(), "(none)");
+}
+
+TEST_F(LogFile, AfterHalfAGigabyteTheNextTextStandsAtTheStart) {
+    const std::filesystem::path Folder = std::filesystem::temp_directory_path() / fmt::format("rvfsd-log-{}", getpid());
+    std::filesystem::create_directory(Folder);
+    Boot(1, Folder);
+    MustLoad();
+    const auto Head = [&] {
+        Clock::Settle();
+        std::string Start(64, '\0');
+        FILE *File = fopen((Folder / "Rvfsd.log").c_str(), "rb");
+        Start.resize(fread(Start.data(), 1, Start.size(), File));
+        fclose(File);
+        return Start;
+    };
+    const auto Size = [&] {
+        Clock::Settle();
+        return std::filesystem::file_size(Folder / "Rvfsd.log");
+    };
+    // Blocks of the whole buffer until one more does not fit below 500 MiB; that one is still written behind them.
+    const std::string Block(LOG_BUFFER_BYTES, 'b');
+    const unsigned Fit = static_cast<unsigned>((0x1F400000 - Banner.size()) / Block.size());
+    for (unsigned Written = 0; Written < Fit; ++Written) {
+        Append(Block);
+        Pass100ms();
+    }
+    EXPECT_EQ(Size(), Banner.size() + Fit * Block.size());
+    EXPECT_EQ(Head(), Banner.substr(0, 64));
+    Append(Block);
+    Pass100ms();
+    EXPECT_EQ(Size(), Banner.size() + (Fit + 1) * Block.size());
+    EXPECT_EQ(Head(), "*** End of Log ***" + Banner.substr(18, 64 - 18));
+    Append("round again\n");
+    Pass100ms();
+    EXPECT_EQ(Head(), "round again\n*** End of Log ***" + Banner.substr(30, 64 - 30));
+    Append("and on\n");
+    Pass100ms();
+    EXPECT_EQ(Head(), "round again\nand on\n*** End of Log ***" + Banner.substr(37, 64 - 37));
+    Stop();
+    std::filesystem::remove_all(Folder);
+}
+
+} // namespace

@@ -1,0 +1,351 @@
+// Shutdown: the order of the teardown, what refuses afterwards, and what is still open or under way meanwhile.
+
+#include <atomic>
+#include <thread>
+
+#include "close/close.h"
+#include "embedded/ex.h"
+#include "embedded/mup.h"
+#include "embedded/ps.h"
+#include "frame/diagnostics.h"
+#include "frame/driver.h"
+#include "provider/binding.h"
+#include "provider/class_factory.h"
+#include "tests/driver/frame_client.h"
+#include "tests/driver/lock_client.h"
+
+namespace {
+
+using embedded::SendIrp;
+
+// A device that stays for requests after the driver has deleted it.
+class KeptDevice {
+public:
+    KeptDevice() : Device_(embedded::DeviceFromName(u"\\Device\\RvFsd")) {
+    }
+    ~KeptDevice() {
+        embedded::DereferenceDevice(Device_);
+    }
+    KeptDevice(const KeptDevice &) = delete;
+    KeptDevice &operator=(const KeptDevice &) = delete;
+    operator PDEVICE_OBJECT() const {
+        return Device_;
+    }
+
+private:
+    PDEVICE_OBJECT Device_;
+};
+
+class Shutdown : public test::LockFixture {
+protected:
+    using Lines = std::vector<std::string>;
+    using Class = providers::FrameworkClass;
+    using Slot = providers::Slot;
+
+    void StartTracing(ULONG Mask) {
+        Start({.Switches = {{u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", Mask}}});
+    }
+    void Bind() {
+        Close(MustOpen(u"\\srv\\vol\\a.txt"));
+        Provider.ClearCalls();
+    }
+    NTSTATUS ShutDown() {
+        return Kernel().SendShutdown();
+    }
+};
+
+TEST_F(Shutdown, ReleasesEverythingInItsOrder) {
+    StartTracing(0x10000);
+    Bind();
+    Framework->ClearLog();
+    Printed.clear();
+    EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(Framework->Log(),
+              (Lines{"release SecurityContext -> 0 left", "release Provider -> 0 left", "release Quillon -> 0 left",
+                     "release Transport -> 0 left", "release RVPL -> 0 left"}));
+    EXPECT_EQ(Printed, "[RVFSD] Deregistering Unc Provider\n"
+                       "[RVFSD] NtFsdUnInitOurDevice() entering\n"
+                       "[RVFSD] NtFsdUnInitOurDevice() returning STATUS_SUCCESS\n"
+                       "[RVFSD] Deleting the device object\n"
+                       "[RVFSD] <<<<<<<<<<<<<NtFsdShutdown() returning STATUS_NOT_SUPPORTED\n");
+    EXPECT_EQ(Provider.Calls(), Lines{"Release() -> 0x00000000"})
+        << "with nothing open the Provider is asked nothing else";
+    EXPECT_EQ(embedded::RegisteredUncProviders().size(), 0u);
+    EXPECT_EQ(embedded::LiveObjects(embedded::LiveKind::Resource), 0u);
+    EXPECT_EQ(embedded::LiveObjects(embedded::LiveKind::Lookaside), 0u);
+    EXPECT_EQ(Device(), nullptr);
+    EXPECT_EQ(g_uInitStage, 0u);
+}
+
+TEST_F(Shutdown, DestroysTheClassMutexBeforeTheInterfacesGo) {
+    Start();
+    PVOID Factory = nullptr;
+    ASSERT_EQ(DllGetClassObject(&CLSID_RvfsdMapping, &IID_IUnknown, &Factory), RVPSTATUS::Success);
+    EXPECT_EQ(Framework->LiveMutexes(), 1u);
+    EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(Framework->LiveMutexes(), 0u);
+    EXPECT_EQ(Framework->Violations(), Lines{});
+    EXPECT_EQ(g_bClassFactoryReady, FALSE);
+    EXPECT_EQ(DllGetClassObject(&CLSID_RvfsdMapping, &IID_IUnknown, &Factory), RVPSTATUS::NoSuchClass);
+}
+
+TEST_F(Shutdown, WhileTheFrameworkCannotBeBoundIsRefusedAndUndoesNothing) {
+    StartTracing(0x1001);
+    Framework->FailCreate(Class::Rvpl, RVPSTATUS::NoSuchClass);
+    Printed.clear();
+    embedded::SentIrp Sent = SendIrp(Device(), Plain(IRP_MJ_SHUTDOWN, nullptr));
+    EXPECT_EQ(Sent.Returned(), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Sent.Wait().Status, STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Sent.PriorityBoost(), 2);
+    EXPECT_EQ(Printed, "[RVFSD] <<<<<<<<<<<<<NtFsdShutdown() entered\n[RVFSD] Unable to Initialize Orrery\n");
+    EXPECT_NE(Device(), nullptr);
+    g_bFrameworkBindFailed = 0; // only the test lets it try again
+}
+
+TEST_F(Shutdown, IsCompletedBeforeItTearsDownWithBoostTwo) {
+    Start();
+    const KeptDevice Kept;
+    embedded::SentIrp Sent = SendIrp(Kept, Plain(IRP_MJ_SHUTDOWN, nullptr));
+    EXPECT_EQ(Sent.Returned(), STATUS_NOT_SUPPORTED);
+    const IO_STATUS_BLOCK Block = Sent.Wait();
+    EXPECT_EQ(Block.Status, STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(Block.Information, 0u);
+    EXPECT_EQ(Sent.PriorityBoost(), 2);
+}
+
+// ---- Afterwards
+// ------------------------------------------------------------------------------------------------------
+
+struct After {
+    UCHAR MajorFunction;
+    NTSTATUS Status;
+};
+
+TEST_F(Shutdown, LaterRequestsAreRefusedAndTouchNothing) {
+    constexpr NTSTATUS Refused = STATUS_UNSUCCESSFUL;
+    constexpr After Cases[] = {
+        {IRP_MJ_CREATE, Refused},
+        {IRP_MJ_READ, Refused},
+        {IRP_MJ_WRITE, Refused},
+        {IRP_MJ_QUERY_INFORMATION, Refused},
+        {IRP_MJ_SET_INFORMATION, Refused},
+        {IRP_MJ_QUERY_EA, STATUS_NO_EAS_ON_FILE},
+        {IRP_MJ_SET_EA, STATUS_SUCCESS},
+        {IRP_MJ_FLUSH_BUFFERS, Refused},
+        {IRP_MJ_QUERY_VOLUME_INFORMATION, Refused},
+        {IRP_MJ_DIRECTORY_CONTROL, Refused},
+        {IRP_MJ_FILE_SYSTEM_CONTROL, Refused},
+        {IRP_MJ_DEVICE_CONTROL, Refused},
+        {IRP_MJ_SHUTDOWN, Refused},
+        {IRP_MJ_LOCK_CONTROL, Refused},
+        {IRP_MJ_CLEANUP, STATUS_SUCCESS},
+        {IRP_MJ_CLOSE, STATUS_SUCCESS},
+    };
+    Start();
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    const KeptDevice Kept;
+    EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
+    Provider.ClearCalls();
+    Framework->ClearLog();
+    for (const After &Each : Cases) {
+        const IO_STATUS_BLOCK Block = embedded::SendIrpAndWait(Kept, Plain(Each.MajorFunction, FileObject(Handle)));
+        EXPECT_EQ(Block.Status, Each.Status) << embedded::MajorFunctionName(Each.MajorFunction);
+        EXPECT_EQ(Block.Information, 0u) << embedded::MajorFunctionName(Each.MajorFunction);
+    }
+    EXPECT_EQ(Provider.Calls(), Lines{});
+    EXPECT_EQ(Framework->Log(), Lines{});
+    Close(Handle);
+}
+
+TEST_F(Shutdown, AnOpenOfTheDeviceItselfDoesNotExistAfterwards) {
+    Start();
+    Bind();
+    const KeptDevice Kept;
+    const test::OwnedFile File(Kept, u"");
+    EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
+    const IO_STATUS_BLOCK Block = embedded::SendIrpAndWait(Kept, Plain(IRP_MJ_CREATE, File));
+    EXPECT_EQ(Block.Status, STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Block.Information, static_cast<ULONG_PTR>(FILE_DOES_NOT_EXIST));
+    EXPECT_EQ(File->FsContext, nullptr);
+}
+
+TEST_F(Shutdown, MappingObjectsMayBeReleasedAfterwards) {
+    Start();
+    PVOID Out = nullptr;
+    ASSERT_EQ(DllGetClassObject(&CLSID_RvfsdMapping, &IID_IClassFactory, &Out), RVPSTATUS::Success);
+    const auto Factory = static_cast<RVFSD_FACTORY *>(Out);
+    ASSERT_EQ(Factory->Table->CreateInstance(Factory, nullptr, &IID_RvfsdMapping, &Out), RVPSTATUS::Success);
+    const auto Mapping = static_cast<RVFSD_MAPPING *>(Out);
+    EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(Mapping->Table->AddRef(Mapping), 2u);
+    EXPECT_EQ(Mapping->Table->Release(Mapping), 1u);
+    EXPECT_EQ(Mapping->Table->Release(Mapping), 0u);
+    EXPECT_EQ(Factory->Table->LockServer(Factory, 1), RVPSTATUS::Success);
+    EXPECT_EQ(Factory->Table->CreateInstance(Factory, nullptr, &IID_RvfsdMapping, &Out), RVPSTATUS::NoSuchClass);
+    EXPECT_EQ(Factory->Table->Release(Factory), 0u);
+    EXPECT_EQ(Framework->Violations(), Lines{}) << "nothing that was released is called";
+    // The block is the framework's own, which the driver can no longer give back: the one thing that stays.
+    EXPECT_EQ(Framework->LiveBlocks(), 1u);
+    EXPECT_EQ(embedded::LiveObjects(embedded::LiveKind::Resource), 0u);
+    StopWithLeftovers();
+}
+
+// ---- What is open or under way
+// ---------------------------------------------------------------------------------------
+
+TEST_F(Shutdown, OpensThatOutliveItHaveNoProviderHandlesAndCloseHarmlessly) {
+    Provider.AddFile(u"\\srv\\vol\\doomed.txt", "stays");
+    Provider.AddDirectory(u"\\srv\\vol\\docs");
+    Start();
+    const HANDLE Handles[] = {
+        MustOpen(u"\\srv\\vol\\a.txt"),
+        MustOpen(u"\\srv\\vol\\a.txt"),
+        MustOpen(u"\\srv\\vol\\docs", {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
+                                       .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT}),
+        MustOpen(u"\\srv\\vol\\doomed.txt",
+                 {.Access = DELETE | SYNCHRONIZE, .Options = FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT}),
+        MustOpen(u""),
+    };
+    EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(Provider.OpenHandles(), Lines{});
+    Provider.ClearCalls();
+    char Byte;
+    EXPECT_EQ(Read(Handles[0], &Byte, 1, 0).Status, STATUS_UNSUCCESSFUL);
+    for (const HANDLE Each : Handles) {
+        EXPECT_EQ(Close(Each), STATUS_SUCCESS);
+    }
+    EXPECT_EQ(Provider.Calls(), Lines{});
+    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\doomed.txt")) << "no pending delete is carried out";
+}
+
+TEST_F(Shutdown, ALockThatWaitsIsCancelled) {
+    const HANDLE Holder = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    const HANDLE Waiter = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    EXPECT_EQ(Lock(Holder, 0, 10), STATUS_SUCCESS);
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    embedded::SentIrp Waiting = Wait(Waiter, 2, &Length);
+    EXPECT_EQ(Waiting.Returned(), STATUS_PENDING);
+    EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(Waiting.Wait().Status, STATUS_CANCELLED);
+    Close(Holder);
+    Close(Waiter);
+}
+
+TEST_F(Shutdown, WaitsForARequestThatIsUnderWay) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    providers::Rule &Held = Provider.OnCall(Slot::ReadFile).Block();
+    std::atomic<bool> ReadDone = false;
+    std::atomic<bool> DownAfterRead = false;
+    std::thread Reader([&] {
+        char Byte = 0;
+        EXPECT_EQ(Read(Handle, &Byte, 1, 0).Status, STATUS_SUCCESS);
+        EXPECT_EQ(Byte, '0');
+        ReadDone = true;
+    });
+    ASSERT_TRUE(Held.WaitUntilBlocked());
+    Framework->ClearLog();
+    std::thread Down([&] {
+        EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
+        DownAfterRead = ReadDone || Provider.OpenHandles().empty();
+    });
+    while (!NtFsdIsStopped()) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(Create(u"\\srv\\vol\\a.txt").Status, STATUS_UNSUCCESSFUL) << "nothing new begins meanwhile";
+    EXPECT_EQ(Framework->Log(), Lines{}) << "nothing is released meanwhile";
+    EXPECT_FALSE(ReadDone);
+    Held.Release();
+    Reader.join();
+    Down.join();
+    EXPECT_TRUE(DownAfterRead);
+    EXPECT_EQ(Provider.Violations(), Lines{});
+    Close(Handle);
+}
+
+TEST_F(Shutdown, ACloseThatComesWhileItWaitsLeavesNothing) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    const HANDLE Other = MustOpen(u"\\srv\\vol\\a.txt");
+    providers::Rule &Held = Provider.OnCall(Slot::ReadFile).Block();
+    std::thread Reader([&] {
+        char Byte;
+        EXPECT_EQ(Read(Handle, &Byte, 1, 0).Status, STATUS_SUCCESS);
+    });
+    ASSERT_TRUE(Held.WaitUntilBlocked());
+    std::thread Down([&] { EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED); });
+    while (!NtFsdIsStopped()) {
+        std::this_thread::yield();
+    }
+    EXPECT_EQ(Close(Other), STATUS_SUCCESS);
+    Held.Release();
+    Reader.join();
+    Down.join();
+    EXPECT_EQ(Provider.OpenHandles(), Lines{});
+    Close(Handle);
+}
+
+// ---- Races
+// -----------------------------------------------------------------------------------------------------------
+
+TEST_F(Shutdown, OfTwoAtOnceOneTearsDownAndTheOtherIsRefused) {
+    for (int Round = 0; Round < 50; ++Round) {
+        Start();
+        Bind();
+        {
+            const KeptDevice Kept;
+            std::atomic<int> Ready = 0;
+            NTSTATUS Statuses[2];
+            const auto Send = [&](NTSTATUS *Status) {
+                ++Ready;
+                while (Ready != 2) {
+                }
+                *Status = embedded::SendIrpAndWait(Kept, Plain(IRP_MJ_SHUTDOWN, nullptr)).Status;
+            };
+            std::thread Other(Send, &Statuses[0]);
+            Send(&Statuses[1]);
+            Other.join();
+            EXPECT_TRUE((Statuses[0] == STATUS_NOT_SUPPORTED && Statuses[1] == STATUS_UNSUCCESSFUL) ||
+                        (Statuses[1] == STATUS_NOT_SUPPORTED && Statuses[0] == STATUS_UNSUCCESSFUL))
+                << std::hex << Statuses[0] << " " << Statuses[1];
+        }
+        Stop();
+    }
+}
+
+// Requests of every kind while the driver goes down, with all its messages on their way to a log.
+TEST_F(Shutdown, RequestsThatRaceWithItEndOneWayOrTheOther) {
+    Provider.SetRecording(false);
+    for (int Round = 0; Round < 20; ++Round) {
+        Start({.Switches = {{u"EnableDebug", 6}, {u"FsDebugLevel", 0xFFFFFFFF}, {u"DebugLogging", 1}}});
+        std::atomic<int> Served = 0;
+        std::atomic<bool> Over = false;
+        std::vector<std::thread> Clients;
+        for (int Client = 0; Client < 3; ++Client) {
+            Clients.emplace_back([&] {
+                while (!Over) {
+                    const embedded::CreateResult Opened = Create(u"\\srv\\vol\\a.txt");
+                    if (!NT_SUCCESS(Opened.Status)) {
+                        EXPECT_NE(Opened.Status, STATUS_PENDING);
+                        continue;
+                    }
+                    char Byte = 0;
+                    const NTSTATUS Status = Read(Opened.Handle, &Byte, 1, 0).Status;
+                    EXPECT_TRUE(Status == STATUS_SUCCESS || Status == STATUS_UNSUCCESSFUL) << std::hex << Status;
+                    EXPECT_EQ(Close(Opened.Handle), STATUS_SUCCESS);
+                    ++Served;
+                }
+            });
+        }
+        while (Served < 10) {
+            std::this_thread::yield();
+        }
+        EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
+        EXPECT_EQ(Provider.OpenHandles(), Lines{});
+        Over = true;
+        for (std::thread &Each : Clients) {
+            Each.join();
+        }
+        Stop();
+    }
+}
+
+} // namespace

@@ -1,0 +1,397 @@
+// The driver's start: switches, device, registration, what every failure leaves, and the thread that opens the device
+// up.
+
+#include "embedded/ex.h"
+#include "embedded/faults.h"
+#include "embedded/mup.h"
+#include "embedded/ps.h"
+#include "frame/driver.h"
+#include "frame/fast_io.h"
+#include "frame/irp_context.h"
+#include "provider/binding.h"
+#include "tests/driver/frame_client.h"
+#include "tests/driver/request_log.h"
+
+extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
+
+namespace {
+
+using embedded::Clock;
+using embedded::FaultBit;
+using embedded::FaultKind;
+
+class DriverStart : public test::FrameFixture {
+protected:
+    // A value of any size under the service key.
+    static void SetValue(std::u16string_view Name, ULONG Type, std::initializer_list<int> Bytes) {
+        std::vector<std::byte> Data;
+        for (const int Each : Bytes) {
+            Data.push_back(static_cast<std::byte>(Each));
+        }
+        embedded::SetRegistryValue(test::ServiceKey, Name, Type, Data);
+    }
+};
+
+// ---- Switches
+// --------------------------------------------------------------------------------------------------------
+
+struct Switch {
+    const char16_t *Name;
+    const BOOLEAN *Global;
+    BOOLEAN Default;
+};
+
+constexpr Switch Switches[] = {
+    {u"EnableDirectoryNotify", &g_bEnableDirectoryNotify, FALSE},
+    {u"EnableAsyncIo", &g_bEnableAsyncIo, FALSE},
+    {u"UNCPathFilterBehavior", &g_bUNCPathFilterBehavior, FALSE},
+    {u"FailDeleteInUseWorkaround", &g_bFailDeleteInUseWorkaround, TRUE},
+    {u"Defer Windows DELETE Access Check", &g_bDeferDeleteAccessCheck, FALSE},
+};
+
+TEST_F(DriverStart, SwitchesThatAreMissingHaveTheirDefaults) {
+    Start();
+    for (const Switch &Each : Switches) {
+        EXPECT_EQ(*Each.Global, Each.Default);
+    }
+}
+
+TEST_F(DriverStart, ASwitchIsOnWhenItIsNotZeroAndMovesNoOther) {
+    for (const Switch &Set : Switches) {
+        for (const ULONG Value : {0u, 1u, 0x100u}) {
+            Start({.Switches = {{Set.Name, Value}}});
+            for (const Switch &Each : Switches) {
+                EXPECT_EQ(*Each.Global, Each.Name == Set.Name ? Value != 0 : Each.Default);
+            }
+            Stop();
+        }
+    }
+}
+
+TEST_F(DriverStart, AValueOfEightBytesIsIgnored) {
+    Start({.StartsTheDriver = false});
+    SetValue(u"FailDeleteInUseWorkaround", REG_BINARY, {0, 0, 0, 0, 0, 0, 0, 0});
+    SetValue(u"EnableAsyncIo", REG_BINARY, {1, 0, 0, 0, 0, 0, 0, 0});
+    ASSERT_EQ(Load(), STATUS_SUCCESS);
+    EXPECT_EQ(g_bFailDeleteInUseWorkaround, TRUE);
+    EXPECT_EQ(g_bEnableAsyncIo, FALSE);
+}
+
+TEST_F(DriverStart, AServiceValueIsCopiedUpToFourBytesWhateverItsType) {
+    struct ValueCase {
+        const char16_t *Name;
+        NTSTATUS Status;
+        ULONG Value;
+        ULONG Length;
+    };
+    constexpr ULONG Untouched = 0xDDDDDDDD;
+    Start();
+    SetValue(u"four", REG_SZ, {1, 2, 3, 4});
+    SetValue(u"one", REG_BINARY, {7});
+    SetValue(u"none", REG_BINARY, {});
+    SetValue(u"five", REG_BINARY, {1, 2, 3, 4, 5});
+    SetValue(u"eight", REG_BINARY, {1, 2, 3, 4, 5, 6, 7, 8});
+    SetValue(u"nine", REG_BINARY, {1, 2, 3, 4, 5, 6, 7, 8, 9});
+    constexpr ValueCase Cases[] = {
+        {u"four", STATUS_SUCCESS, 0x04030201, 4},
+        {u"one", STATUS_SUCCESS, 0xDDDDDD07, 1},
+        {u"none", STATUS_SUCCESS, Untouched, 0},
+        {u"five", STATUS_BUFFER_OVERFLOW, Untouched, 5},
+        {u"eight", STATUS_BUFFER_OVERFLOW, Untouched, 8},
+        {u"nine", STATUS_BUFFER_OVERFLOW, Untouched, 9},
+        {u"missing", STATUS_OBJECT_NAME_NOT_FOUND, Untouched, 77},
+    };
+    for (const ValueCase &Each : Cases) {
+        ULONG Value = Untouched;
+        ULONG Length = 77;
+        EXPECT_EQ(NtFsdReadServiceValue(Each.Name, REG_DWORD, 4, &Value, &Length), Each.Status);
+        EXPECT_EQ(Value, Each.Value);
+        EXPECT_EQ(Length, Each.Length);
+    }
+}
+
+TEST_F(DriverStart, AServiceKeyThatIsMissingLeavesTheDefaults) {
+    Start({.StartsTheDriver = false});
+    embedded::DeleteRegistryKey(test::ServiceKey);
+    ASSERT_EQ(Load(), STATUS_SUCCESS);
+    EXPECT_EQ(g_bFailDeleteInUseWorkaround, TRUE);
+    EXPECT_EQ(g_bEnableAsyncIo, FALSE);
+}
+
+// ---- What stands after the start
+// -------------------------------------------------------------------------------------
+
+TEST_F(DriverStart, TheDeviceIsAnUnnamedNetworkFileSystem) {
+    Start();
+    const PDEVICE_OBJECT Device = DriverStart::Device();
+    ASSERT_EQ(Device, g_pDeviceObject);
+    EXPECT_EQ(Device->NextDevice, nullptr);
+    EXPECT_EQ(Device->DeviceType, static_cast<ULONG>(FILE_DEVICE_NETWORK_FILE_SYSTEM));
+    EXPECT_EQ(Device->Characteristics, static_cast<ULONG>(FILE_REMOTE_DEVICE));
+    EXPECT_EQ(Device->StackSize, 2);
+    EXPECT_EQ(Device->Flags & (DO_EXCLUSIVE | DO_DEVICE_INITIALIZING), 0u);
+    const auto Extension = static_cast<DEVICE_EXTENSION *>(Device->DeviceExtension);
+    EXPECT_EQ(embedded::View(&Extension->DeviceName), u"\\Device\\RvFsd");
+    EXPECT_EQ(Extension->DeviceName.MaximumLength, 60);
+    EXPECT_EQ(embedded::View(&Extension->VersionName), u"v5.00.001 (07292006)");
+    EXPECT_EQ(Extension->VersionName.MaximumLength, 50);
+    EXPECT_EQ(Kernel().Driver()->DriverUnload, nullptr);
+    EXPECT_EQ(g_uInitStage, 8u);
+    EXPECT_EQ(g_bDriverEntryDone, 1);
+}
+
+TEST_F(DriverStart, ItRegistersItsNameAndLinksToIt) {
+    Start();
+    const auto Registered = embedded::RegisteredUncProviders();
+    ASSERT_EQ(Registered.size(), 1u);
+    EXPECT_EQ(Registered[0].DeviceName, u"\\Device\\RvFsd");
+    EXPECT_EQ(Registered[0].Flags, 0u);
+    std::u16string Target;
+    EXPECT_EQ(embedded::QuerySymbolicLink(u"\\DosDevices\\RvFsd", &Target), STATUS_SUCCESS);
+    EXPECT_EQ(Target, u"\\Device\\RvFsd");
+}
+
+TEST_F(DriverStart, TheFrameworkIsNotTouched) {
+    Start();
+    EXPECT_EQ(Framework->Log(), Lines{});
+}
+
+TEST_F(DriverStart, TheLookasideListFollowsTheSystemSize) {
+    for (const auto &[Size, Depth] :
+         std::map<MM_SYSTEMSIZE, USHORT>{{MmSmallSystem, 4}, {MmMediumSystem, 8}, {MmLargeSystem, 16}}) {
+        Start({.SystemSize = Size});
+        EXPECT_EQ(g_IrpContextLookasideList.L.Depth, Depth);
+        EXPECT_EQ(g_IrpContextLookasideList.L.Size, 168u);
+        EXPECT_EQ(g_IrpContextLookasideList.L.Tag, 0x63787446u);
+        Stop();
+    }
+}
+
+TEST_F(DriverStart, FastIoReadsAndWritesByTheCacheAndRefusesTheRest) {
+    StartTracing(1);
+    const PFAST_IO_DISPATCH Table = Kernel().Driver()->FastIoDispatch;
+    ASSERT_NE(Table, nullptr);
+    EXPECT_EQ(Table->SizeOfFastIoDispatch, 224u);
+    EXPECT_EQ(Table->FastIoRead, FsRtlCopyRead);
+    EXPECT_EQ(Table->FastIoWrite, FsRtlCopyWrite);
+    EXPECT_EQ(Table->FastIoLock, nullptr);
+    EXPECT_EQ(Table->FastIoDeviceControl, nullptr);
+    Printed.clear();
+    EXPECT_FALSE(Table->FastIoCheckIfPossible(nullptr, nullptr, 0, TRUE, 0, TRUE, nullptr, nullptr));
+    EXPECT_FALSE(Table->FastIoQueryBasicInfo(nullptr, TRUE, nullptr, nullptr, nullptr));
+    EXPECT_FALSE(Table->FastIoQueryStandardInfo(nullptr, TRUE, nullptr, nullptr, nullptr));
+    EXPECT_EQ(Printed, "[RVFSD] --++++++++++++++++++--+++NtFsdFastIoCheckIfPossible called!\n"
+                       "[RVFSD] --++++++++++++++++++--+++NtFsdFastQueryBasicInfo called!\n"
+                       "[RVFSD] --++++++++++++++++++--+++NtFsdFastQueryStdInfo called!\n");
+}
+
+TEST_F(DriverStart, ASectionIsCreatedUnderTheFilesResource) {
+    Start();
+    const PFAST_IO_DISPATCH Table = Kernel().Driver()->FastIoDispatch;
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    const auto Closes = embedded::CurrentThread().CriticalRegions;
+    Table->AcquireFileForNtCreateSection(FileObject(Handle));
+    EXPECT_TRUE(ExIsResourceAcquiredExclusiveLite(&Fcb(Handle)->Resource));
+    Table->ReleaseFileForNtCreateSection(FileObject(Handle));
+    EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Fcb(Handle)->Resource));
+    EXPECT_EQ(embedded::CurrentThread().CriticalRegions, Closes);
+    const test::OwnedFile Bare(Device(), u"\\srv\\vol\\a.txt");
+    Table->AcquireFileForNtCreateSection(Bare);
+    Table->ReleaseFileForNtCreateSection(Bare);
+    EXPECT_EQ(embedded::CurrentThread().CriticalRegions, Closes);
+    Close(Handle);
+}
+
+TEST_F(DriverStart, TellsItsStepsInOrder) {
+    StartTracing(8);
+    size_t At = 0;
+    for (const char *Each :
+         {"[RVFSD] DriverEntry() entered\n", "[RVFSD] Async IO set to 0\n",
+          "[RVFSD] DriverEntry set UNCPathFilterBehavior to FALSE.\n",
+          "[RVFSD] DriverEntry set FailDeleteInUseWorkaround to TRUE.\n",
+          "[RVFSD] DriverEntry set Defer Windows DELETE Access Check to FALSE.\n",
+          "[RVFSD] IO Device \\Device\\RvFsd created, 0x", "[RVFSD] Setup driver name completed.\n",
+          "[RVFSD] Calling FsRtlRegisterUncProvider()\n", "[RVFSD] DriverEntry() exiting, status = 0x0\n"}) {
+        const size_t Found = Printed.find(Each, At);
+        ASSERT_NE(Found, std::string::npos) << "missing or too early: " << Each;
+        At = Found;
+    }
+}
+
+// ---- Starts that fail
+// ------------------------------------------------------------------------------------------------
+
+class FailedStart : public DriverStart {
+protected:
+    // Starts with the Nth call of Kind failing until none fails; the statuses in order. Each kernel's stop proves that
+    // nothing is left.
+    std::vector<NTSTATUS> Sweep(FaultKind Kind, std::map<std::u16string, ULONG> Switches = {}) {
+        std::vector<NTSTATUS> Statuses;
+        for (ULONG64 Nth = 1;; ++Nth) {
+            Start({.Switches = Switches, .StartsTheDriver = false});
+            ULONG64 Failed;
+            {
+                const embedded::PlannedFaults Plan({.Kinds = FaultBit(Kind), .Nth = Nth});
+                Statuses.push_back(Load());
+                Failed = embedded::GetFaultCounts().TotalFailed();
+            }
+            if (NT_SUCCESS(Statuses.back())) {
+                EXPECT_EQ(g_bFailDeleteInUseWorkaround, TRUE);
+                EXPECT_EQ(g_bEnableAsyncIo, FALSE);
+            } else {
+                EXPECT_EQ(g_pDeviceObject, nullptr);
+                EXPECT_EQ(g_uInitStage, 0u);
+                EXPECT_EQ(embedded::RegisteredUncProviders().size(), 0u);
+                EXPECT_EQ(embedded::LiveObjects(embedded::LiveKind::Resource), 0u);
+                // Nothing holds its threads up any more; the last of them may still be on its way out.
+                EXPECT_EQ(embedded::JoinSystemThreads(0), 0u);
+            }
+            Stop();
+            if (Failed == 0) {
+                return Statuses;
+            }
+        }
+    }
+};
+
+TEST_F(FailedStart, EveryResourceIsNeeded) {
+    // The FCB table, the framework, the FCB list, the control device, and two of the driver FCB.
+    std::vector<NTSTATUS> Wanted(6, STATUS_UNSUCCESSFUL);
+    Wanted.push_back(STATUS_SUCCESS);
+    EXPECT_EQ(Sweep(FaultKind::Resource), Wanted);
+}
+
+TEST_F(FailedStart, MemoryIsNeededForTheDeviceAndItsFcbAlone) {
+    std::vector<NTSTATUS> Wanted(7, STATUS_SUCCESS); // the log buffer and six switches: defaults
+    Wanted.push_back(STATUS_INSUFFICIENT_RESOURCES); // the device
+    Wanted.push_back(STATUS_UNSUCCESSFUL);           // the driver FCB
+    Wanted.push_back(STATUS_SUCCESS);                // the link
+    Wanted.push_back(STATUS_SUCCESS);                // nothing failed
+    EXPECT_EQ(Sweep(FaultKind::Pool), Wanted);
+}
+
+TEST_F(FailedStart, TakesItsLogWriterAlong) {
+    const std::map<std::u16string, ULONG> Logging = {
+        {u"EnableDebug", 1}, {u"FsDebugLevel", 0x10008}, {u"DebugLogging", 1}};
+    EXPECT_EQ(Sweep(FaultKind::Resource, Logging).size(), 7u);
+}
+
+TEST_F(FailedStart, SaysWhatFailed) {
+    struct Told {
+        FaultKind Kind;
+        ULONG64 Nth;
+        const char *Text;
+    };
+    constexpr Told Cases[] = {
+        {FaultKind::Resource, 1, "[RVFSD] Failed to initialize our device support, 0xc000009a\n"},
+        {FaultKind::Resource, 1, "[RVFSD] DriverEntry NtFsdInitOurDevice returned 0xC000009A.\n"},
+        {FaultKind::Resource, 4, "[RVFSD] NtFsdInitOurDevice ExInitializeResourceLite returned 0xC000009A.\n"},
+        {FaultKind::Resource, 5, "[RVFSD] NtFsdInitOurDevice NtFsdAllocFcb returned NULL.\n"},
+    };
+    for (const Told &Each : Cases) {
+        Printed.clear();
+        Start({.Switches = {{u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 0x10000}},
+               .StartsTheDriver = false});
+        {
+            const embedded::PlannedFaults Plan({.Kinds = FaultBit(Each.Kind), .Nth = Each.Nth});
+            EXPECT_EQ(Load(), STATUS_UNSUCCESSFUL);
+        }
+        EXPECT_TRUE(WasPrinted(Each.Text)) << Each.Text << Printed;
+        Stop();
+    }
+}
+
+TEST_F(FailedStart, ARefusedRegistrationIsTheAnswer) {
+    Start({.Switches = {{u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 0x10000}},
+           .StartsTheDriver = false});
+    embedded::FailNextUncRegistration(STATUS_SHARING_VIOLATION);
+    EXPECT_EQ(Load(), STATUS_SHARING_VIOLATION);
+    EXPECT_EQ(Printed, "[RVFSD] Failed to register \\Device\\RvFsd as Unc Provider, 0xc0000043\n"
+                       "[RVFSD] NtFsdUnInitOurDevice() entering\n"
+                       "[RVFSD] NtFsdUnInitOurDevice() returning STATUS_SUCCESS\n"
+                       "[RVFSD] Deleting the device object\n");
+    EXPECT_EQ(embedded::LiveObjects(embedded::LiveKind::Resource), 0u);
+    EXPECT_EQ(embedded::LiveObjects(embedded::LiveKind::Lookaside), 0u);
+}
+
+NTSTATUS StatusWithoutThread;
+
+NTSTATUS NTAPI StartWithoutThread(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath) {
+    const embedded::PlannedFaults NoThread({.Kinds = FaultBit(FaultKind::Thread)});
+    StatusWithoutThread = DriverEntry(DriverObject, RegistryPath);
+    return STATUS_SUCCESS; // the driver stays, as it does where a failed start unloads nothing
+}
+
+TEST_F(FailedStart, AMissingDeferredThreadIsTheAnswerAndUndoesNothing) {
+    Start({.StartsTheDriver = false});
+    ASSERT_EQ(Kernel().LoadDriver(StartWithoutThread, u"RVFSD"), STATUS_SUCCESS);
+    EXPECT_EQ(StatusWithoutThread, STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(g_bDriverEntryDone, 1);
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    EXPECT_EQ(ReadAll(Handle), "0123456789");
+    Close(Handle);
+}
+
+// ---- The deferred thread
+// ---------------------------------------------------------------------------------------------
+
+class DeferredStart : public DriverStart {
+protected:
+    void ExpectNoDacl() {
+        const SECURITY_DESCRIPTOR *Descriptor = embedded::DeviceSecurity(Device());
+        ASSERT_NE(Descriptor, nullptr);
+        EXPECT_EQ(Descriptor->Revision, 1);
+        EXPECT_EQ(Descriptor->Control & 0x4, 0) << "a DACL is present";
+        EXPECT_EQ(Descriptor->Dacl, nullptr);
+    }
+};
+
+TEST_F(DeferredStart, AfterASecondTheDeviceHasNoDaclAndNobodyHasItOpen) {
+    StartTracing(0x10008);
+    Clock::Advance(Clock::Second - 1);
+    EXPECT_EQ(embedded::DeviceSecurity(Device()), nullptr);
+    Clock::Advance(1);
+    ExpectNoDacl();
+    EXPECT_EQ(embedded::RunningSystemThreads(), 0u);
+    EXPECT_EQ(DriverFcb->OpenCount, 0u);
+    size_t At = 0;
+    for (const char *Each : {"Call to Finish Driver Init\n", "VEYFSD: Call To RvSetupDeviceAccess\n",
+                             "Device Name: \\Device\\RvFsd\n", "ZwCreate Status 0x0\n"}) {
+        At = Printed.find(Each, At);
+        ASSERT_NE(At, std::string::npos) << Each;
+    }
+    EXPECT_FALSE(WasPrinted("ZwCreate Status 0\n")) << "only a failed try is told";
+}
+
+// The tries fail for want of memory for the process record; after the tenth there is memory again.
+TEST_F(DeferredStart, ADeviceThatDoesNotOpenIsGivenUpAfterTenTriesAndOpenedUpAllTheSame) {
+    StartTracing(8);
+    std::vector<NTSTATUS> Tries;
+    embedded::SetFaultPlan({.How = embedded::FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Pool)});
+    embedded::SetIoObserver([&](const embedded::CompletedRequest &Request) {
+        if (Request.MajorFunction == IRP_MJ_CREATE) {
+            Tries.push_back(Request.Status);
+            if (Tries.size() == 10) {
+                embedded::ClearFaultPlan();
+            }
+        }
+    });
+    Clock::Advance(10 * Clock::Second - 1);
+    EXPECT_EQ(Tries, std::vector<NTSTATUS>(9, STATUS_INSUFFICIENT_RESOURCES));
+    EXPECT_EQ(embedded::DeviceSecurity(Device()), nullptr);
+    Clock::Advance(1);
+    embedded::SetIoObserver({});
+    ASSERT_EQ(Tries.size(), 11u);
+    EXPECT_EQ(Tries[10], STATUS_SUCCESS);
+    ExpectNoDacl();
+    EXPECT_EQ(embedded::RunningSystemThreads(), 0u);
+}
+
+TEST_F(DeferredStart, EndsHarmlesslyWhenTheDeviceIsGone) {
+    Start();
+    EXPECT_EQ(Kernel().SendShutdown(), STATUS_NOT_SUPPORTED);
+    Clock::Advance(20 * Clock::Second);
+    EXPECT_EQ(embedded::RunningSystemThreads(), 0u);
+}
+
+} // namespace
