@@ -14,8 +14,7 @@ namespace {
 
 constexpr unsigned Few = 1'000;
 constexpr unsigned Many = 1'000'000;
-// What is looked up is a sample: its own names must not fill the caches.
-constexpr unsigned Sample = 4'096;
+constexpr unsigned Sample = 4'096; // names looked up; the large table takes more of them
 constexpr unsigned Hot = 1'000;
 constexpr unsigned NeverOpen = 2'000'000; // names from here on are not in the table
 

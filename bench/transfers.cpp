@@ -194,8 +194,8 @@ const bool Registered = [] {
         for (const auto &[Kind, Name] :
              {std::pair{ProviderKind::Stub, "stub"}, {ProviderKind::Directory, "directory"}}) {
             const std::string Under = What + "/" + Name;
-            RegisterBenchmark((Under + "/service").c_str(), Service, Kind, Trace::Off, Write);
-            RegisterBenchmark((Under + "/request").c_str(), Request, Kind, Trace::Off, Write);
+            RegisterBenchmark((Under + "/service").c_str(), Service, Kind, Trace::Usual, Write);
+            RegisterBenchmark((Under + "/request").c_str(), Request, Kind, Trace::Usual, Write);
             RegisterBenchmark((Under + "/direct").c_str(), Direct, Kind, Write);
         }
     }

@@ -18,6 +18,7 @@
 #include "providers/stub/stub_provider.h"
 
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
+extern "C" NTSTATUS NTAPI DriverEntryTrace(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
 extern "C" NTSTATUS NTAPI DriverEntryNoTrace(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
 
 namespace bench {
@@ -70,6 +71,17 @@ NativeTree &Tree() {
     return Instance;
 }
 
+PDRIVER_INITIALIZE EntryOf(Trace Output) {
+    switch (Output) {
+    case Trace::Usual:
+        return DriverEntry;
+    case Trace::BuiltOut:
+        return DriverEntryNoTrace;
+    default:
+        return DriverEntryTrace;
+    }
+}
+
 struct World {
     World(ProviderKind Kind, Trace Output, bool Recorded)
         : Kind(Kind), Output(Output), Recorded(Recorded), Recorder(MakeProvider()) {
@@ -87,8 +99,7 @@ struct World {
         }
         Kernel = std::make_unique<embedded::Kernel>(std::move(Options));
         Framework = std::make_unique<providers::Framework>(Target);
-        const NTSTATUS Status =
-            Kernel->LoadDriver(Output == Trace::BuiltOut ? DriverEntryNoTrace : DriverEntry, u"RVFSD");
+        const NTSTATUS Status = Kernel->LoadDriver(EntryOf(Output), u"RVFSD");
         if (!NT_SUCCESS(Status)) {
             Fail(fmt::format("the driver did not start: 0x{:08X}", static_cast<ULONG>(Status)));
         }
@@ -145,7 +156,7 @@ void Use(ProviderKind Kind, Trace Output) {
 void UseRecorded(ProviderKind Kind) {
     EmptyTable();
     StopWorld();
-    Current = std::make_unique<World>(Kind, Trace::Off, true);
+    Current = std::make_unique<World>(Kind, Trace::Usual, true);
 }
 
 std::string TakeRecordedCalls() {

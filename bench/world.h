@@ -13,9 +13,11 @@ namespace bench {
 
 enum class ProviderKind { Stub, Directory };
 
-// How the driver was built and what its switches say about output.
+// Which driver it is and what its switches say about output. The first is the one of the program; the others are
+// built apart and alike, to be compared with each other.
 enum class Trace {
-    BuiltOut, // the build without trace
+    Usual, // off
+    BuiltOut,
     Off,
     NoMatch, // on, with a mask that no message has
 };
@@ -23,7 +25,7 @@ enum class Trace {
 inline constexpr ULONG TransferBytes = 4096;
 
 // Makes the world of this kind the current one, unless it is.
-void Use(ProviderKind Provider, Trace Output = Trace::Off);
+void Use(ProviderKind Provider, Trace Output = Trace::Usual);
 // A fresh world whose Provider calls are recorded; too slow to be measured.
 void UseRecorded(ProviderKind Kind);
 // The operations called since the last time, one name a line.
