@@ -168,6 +168,13 @@ NTSTATUS NTAPI ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_A
 
 namespace {
 
+// The first Bytes of the value's data; one without data has no address to copy from.
+void CopyData(const RegistryValue &Value, UCHAR *To, ULONG Bytes) {
+    if (Bytes != 0) {
+        memcpy(To, Value.Data.data(), Bytes);
+    }
+}
+
 // The fixed part always, of the data what fits.
 NTSTATUS FillPartial(const RegistryValue &Value, PVOID Buffer, ULONG Length, PULONG ResultLength) {
     constexpr ULONG Fixed = FIELD_OFFSET(KEY_VALUE_PARTIAL_INFORMATION, Data);
@@ -180,7 +187,7 @@ NTSTATUS FillPartial(const RegistryValue &Value, PVOID Buffer, ULONG Length, PUL
     Information->TitleIndex = 0;
     Information->Type = Value.Type;
     Information->DataLength = DataLength;
-    memcpy(Information->Data, Value.Data.data(), std::min(DataLength, Length - Fixed));
+    CopyData(Value, Information->Data, std::min(DataLength, Length - Fixed));
     return Length < Fixed + DataLength ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
 }
 
@@ -205,7 +212,7 @@ NTSTATUS FillFull(const RegistryValue &Value, std::u16string_view Name, PVOID Bu
         return STATUS_BUFFER_OVERFLOW;
     }
     memcpy(Information->Name, Name.data(), NameLength);
-    memcpy(static_cast<UCHAR *>(Buffer) + DataOffset, Value.Data.data(), DataLength);
+    CopyData(Value, static_cast<UCHAR *>(Buffer) + DataOffset, DataLength);
     return STATUS_SUCCESS;
 }
 
