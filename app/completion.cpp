@@ -13,7 +13,6 @@ namespace {
 
 constexpr ULONG ListingBytes = 65536;
 
-// Verbs and the console's words, or the options of the line's verb.
 std::vector<std::string> Verbs() {
     CLI::App App;
     Command Chosen;

@@ -19,9 +19,6 @@
 
 namespace app {
 
-void BeginConsoleWaits();
-void EndConsoleWaits();
-
 namespace {
 
 // The line editor's callbacks have no argument of ours.

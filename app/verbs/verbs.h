@@ -30,6 +30,10 @@ const CLI::App *FindVerb(const CLI::App &App, const std::string &Name);
 // Runs Action for one object: 0, or 1 after an error, which is told on standard error. UsageError and Interrupted pass.
 int Guarded(const std::function<void()> &Action);
 
+// Between the two, the waits of watch go on beside other verbs; the second ends them.
+void BeginConsoleWaits();
+void EndConsoleWaits();
+
 // The console: verbs over one running driver until quit or end of input.
 int RunConsole(Session &Running);
 
