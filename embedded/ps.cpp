@@ -33,6 +33,7 @@ struct ThreadTable {
     std::condition_variable Ended;
     std::list<ThreadPointer> Threads; // started and not yet joined
     std::map<ULONG_PTR, ThreadPointer> Handles;
+    std::multimap<PVOID, ThreadPointer> References; // that the driver took
     ULONG_PTR NextHandle = FirstHandle;
     SIZE_T Running = 0;
     SIZE_T Started = 0;
@@ -205,6 +206,11 @@ void StopSystemThreads() {
         All.Ended.wait(Lock, [&] { return All.Running == 0; });
     }
     Reap();
+    {
+        // Who waits for a thread that the machine has ended never gets to give its reference back.
+        std::lock_guard Guard(All.Mutex);
+        All.References.clear();
+    }
     All.Stopping = false;
 }
 
@@ -264,6 +270,35 @@ NTSTATUS NTAPI PsTerminateSystemThread(NTSTATUS) noexcept {
         return STATUS_INVALID_PARAMETER;
     }
     longjmp(CurrentSystemThread->Exit, 1);
+}
+
+// Only threads are referenced in this way.
+NTSTATUS NTAPI ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK, POBJECT_TYPE, KPROCESSOR_MODE, PVOID *Object,
+                                         POBJECT_HANDLE_INFORMATION) noexcept {
+    RequireIrql(IrqlRuleOf("ObReferenceObjectByHandle"));
+    ThreadTable &All = Table();
+    std::lock_guard Guard(All.Mutex);
+    auto Found = All.Handles.find(reinterpret_cast<ULONG_PTR>(Handle));
+    if (Found == All.Handles.end()) {
+        *Object = nullptr;
+        return STATUS_INVALID_HANDLE;
+    }
+    *Object = &Found->second->Thread;
+    All.References.emplace(*Object, Found->second);
+    return STATUS_SUCCESS;
+}
+
+LONG_PTR NTAPI ObfDereferenceObject(PVOID Object) noexcept {
+    ThreadTable &All = Table();
+    ThreadPointer Last; // let go with the table unlocked
+    std::lock_guard Guard(All.Mutex);
+    auto Found = All.References.find(Object);
+    if (Found == All.References.end()) {
+        BugCheck(0x18, 0, reinterpret_cast<ULONG_PTR>(Object), 0, 0, "dereference of an object that is not referenced");
+    }
+    Last = std::move(Found->second);
+    All.References.erase(Found);
+    return static_cast<LONG_PTR>(All.References.count(Object));
 }
 
 PEPROCESS NTAPI IoGetCurrentProcess() noexcept {

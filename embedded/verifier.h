@@ -110,6 +110,7 @@ inline constexpr IrqlRule IrqlRules[] = {
     {"MmProbeAndLockPages", ApcLevel},
     {"MmUnlockPages", DispatchLevel},
     {"PsCreateSystemThread", PassiveLevel},
+    {"ObReferenceObjectByHandle", PassiveLevel},
     {"PsTerminateSystemThread", PassiveLevel},
 };
 

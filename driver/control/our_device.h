@@ -5,6 +5,12 @@
 
 extern ERESOURCE g_OurDeviceResource;
 
+// TRUE for a file object of the control device itself, which is opened without a name. Touches nothing but the file
+// object.
+inline bool NtFsdIsDeviceOpen(const FILE_OBJECT *FileObject) {
+    return FileObject->FileName.Length == 0 && FileObject->RelatedFileObject == nullptr;
+}
+
 // Attaches FileObject to the driver FCB and counts the open for the current process. Works before the framework is
 // bound. STATUS_INSUFFICIENT_RESOURCES when no process record can be had (nothing is attached then).
 NTSTATUS NtFsdOpenOurDevice(PFILE_OBJECT FileObject);

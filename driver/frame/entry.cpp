@@ -16,10 +16,6 @@ namespace {
 
 // ---- Deviations -----------------------------------------------------------------------------------------------------
 
-bool IsDeviceOpen(PFILE_OBJECT FileObject) {
-    return FileObject->FileName.Length == 0 && FileObject->RelatedFileObject == nullptr;
-}
-
 NTSTATUS OpenDevice(PIRP Irp, CCHAR PriorityBoost) {
     const NTSTATUS Status = NtFsdOpenOurDevice(IoGetCurrentIrpStackLocation(Irp)->FileObject);
     return NtFsdCompleteAtOnce(Irp, Status, NT_SUCCESS(Status) ? FILE_OPENED : FILE_DOES_NOT_EXIST, PriorityBoost);
@@ -33,7 +29,7 @@ bool CreateUnbound(PIRP Irp, NTSTATUS *Status) {
     NtFsdDebugPrint(TRACE_CREATE, 0, "File %ws\n", Name);
     NtFsdDebugPrint(TRACE_CREATE, 0, "RelatedObject = 0x%X\n",
                     LowPart(reinterpret_cast<ULONG_PTR>(FileObject->RelatedFileObject)));
-    if (!IsDeviceOpen(FileObject)) {
+    if (!NtFsdIsDeviceOpen(FileObject)) {
         return false;
     }
     NtFsdDebugPrint(TRACE_CREATE, 0, "Open our Device at Init\n");
@@ -48,7 +44,7 @@ bool CreateSpecial(PIRP Irp, NTSTATUS *Status) {
         *Status = NtFsdCompleteRequest(nullptr, Irp, STATUS_ACCESS_DENIED);
         return true;
     }
-    if (IsDeviceOpen(IrpSp->FileObject)) {
+    if (NtFsdIsDeviceOpen(IrpSp->FileObject)) {
         *Status = OpenDevice(Irp, IO_DISK_INCREMENT);
         NtFsdDebugPrint(TRACE_CREATE, 0, "NtFsdCreate() returning 0x%x from opening device\n", *Status);
         return true;
@@ -319,7 +315,7 @@ NTSTATUS ServeAfterTeardown(const ENTRY &Entry, PIRP Irp) {
     case IRP_MJ_CLEANUP:
         return NtFsdCompleteAtOnce(Irp, STATUS_SUCCESS, 0, IO_NETWORK_INCREMENT);
     case IRP_MJ_CREATE:
-        if (IsDeviceOpen(FileObject)) {
+        if (NtFsdIsDeviceOpen(FileObject)) {
             return NtFsdCompleteAtOnce(Irp, STATUS_UNSUCCESSFUL, FILE_DOES_NOT_EXIST, IO_NETWORK_INCREMENT);
         }
         return RefuseUnbound(Irp);

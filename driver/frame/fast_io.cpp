@@ -1,4 +1,5 @@
 #include "frame/fast_io.h"
+#include "control/our_device.h"
 
 #include "frame/diagnostics.h"
 #include "frame/driver.h"
@@ -24,12 +25,21 @@ BOOLEAN NTAPI NtFsdFastQueryStdInfo(PFILE_OBJECT, BOOLEAN, PFILE_STANDARD_INFORM
     return FALSE;
 }
 
+// The FCB of a file object that a section can be made of, or NULL. The driver's own has none and goes with teardown,
+// before the file objects that point to it.
+PFCB SectionFcb(PFILE_OBJECT FileObject) {
+    PFCB Fcb;
+    PINSTANCE_CONTEXT Instance;
+    return !NtFsdIsDeviceOpen(FileObject) && NT_SUCCESS(NtFsdDecodeFileObject(FileObject, &Fcb, &Instance, 0))
+               ? Fcb
+               : nullptr;
+}
+
 // The hold outlives the routine: NtFsdReleaseForCreateSection gives it back.
 VOID NTAPI NtFsdAcquireForCreateSection(PFILE_OBJECT FileObject) {
     const RequestInFlight InFlight;
-    PFCB Fcb;
-    PINSTANCE_CONTEXT Instance;
-    if (InFlight && NT_SUCCESS(NtFsdDecodeFileObject(FileObject, &Fcb, &Instance, 0))) {
+    const PFCB Fcb = InFlight ? SectionFcb(FileObject) : nullptr;
+    if (Fcb != nullptr) {
         ResourceHold Hold;
         if (Hold.AcquireExclusive(Fcb->Header.Resource, TRUE)) {
             Hold.Detach();
@@ -38,10 +48,8 @@ VOID NTAPI NtFsdAcquireForCreateSection(PFILE_OBJECT FileObject) {
 }
 
 VOID NTAPI NtFsdReleaseForCreateSection(PFILE_OBJECT FileObject) {
-    PFCB Fcb;
-    PINSTANCE_CONTEXT Instance;
-    if (NT_SUCCESS(NtFsdDecodeFileObject(FileObject, &Fcb, &Instance, 0)) &&
-        ExIsResourceAcquiredExclusiveLite(Fcb->Header.Resource)) {
+    const PFCB Fcb = SectionFcb(FileObject);
+    if (Fcb != nullptr && ExIsResourceAcquiredExclusiveLite(Fcb->Header.Resource)) {
         NtFsdReleaseResource(Fcb->Header.Resource);
         // Closing a section may close file objects, whose close needs the FCB table: only with the Resource released.
         MmForceSectionClosed(&Fcb->SectionObjectPointers, TRUE);

@@ -7,9 +7,8 @@
 
 namespace {
 
-DRIVER_GLOBAL LONG WriterRunning = 0;
 DRIVER_GLOBAL KEVENT WriterStop = {};
-DRIVER_GLOBAL KEVENT WriterEnded = {};
+DRIVER_GLOBAL PVOID WriterThread = nullptr; // referenced
 
 constexpr UNICODE_STRING LOG_FILE_NAME = ConstantString(WTEXT("\\??\\C:\\Rvfsd.log"));
 constexpr LONG64 LOG_WRAP_BYTES = 0x1F400000;
@@ -188,9 +187,7 @@ NTSTATUS RunWriter() {
 
 VOID NTAPI NtFsdLogWriter(PVOID Context) {
     UNREFERENCED_PARAMETER(Context);
-    const NTSTATUS Status = RunWriter();
-    KeSetEvent(&WriterEnded, IO_NO_INCREMENT, FALSE);
-    PsTerminateSystemThread(Status);
+    PsTerminateSystemThread(RunWriter());
 }
 
 void NtFsdStartLogWriter() {
@@ -204,19 +201,26 @@ void NtFsdStartLogWriter() {
         Ignore(ZwDeleteFile(&Attributes), "there may be no old log");
     }
     KeInitializeEvent(&WriterStop, NotificationEvent, FALSE);
-    KeInitializeEvent(&WriterEnded, NotificationEvent, FALSE);
     HANDLE Thread = nullptr;
-    const NTSTATUS Status = PsCreateSystemThread(&Thread, 0, nullptr, nullptr, nullptr, NtFsdLogWriter, nullptr);
-    if (NT_SUCCESS(Status)) {
-        InterlockedExchange(&WriterRunning, 1);
-        ZwClose(Thread);
+    if (!NT_SUCCESS(PsCreateSystemThread(&Thread, 0, nullptr, nullptr, nullptr, NtFsdLogWriter, nullptr))) {
+        return;
     }
+    PVOID Object = nullptr;
+    if (NT_SUCCESS(ObReferenceObjectByHandle(Thread, 0, nullptr, KernelMode, &Object, nullptr))) {
+        __atomic_store_n(&WriterThread, Object, __ATOMIC_RELEASE);
+    } else {
+        KeSetEvent(&WriterStop, IO_NO_INCREMENT, FALSE); // nobody could wait for it: rather no log
+    }
+    ZwClose(Thread);
 }
 
 void NtFsdStopDebug() {
-    if (InterlockedExchange(&WriterRunning, 0) != 0) {
+    // Waits for the thread itself: after a failed start its code goes with the image.
+    const PVOID Writer = __atomic_exchange_n(&WriterThread, nullptr, __ATOMIC_ACQ_REL);
+    if (Writer != nullptr) {
         KeSetEvent(&WriterStop, IO_NO_INCREMENT, FALSE);
-        KeWaitForSingleObject(&WriterEnded, Executive, KernelMode, FALSE, nullptr);
+        KeWaitForSingleObject(Writer, Executive, KernelMode, FALSE, nullptr);
+        ObfDereferenceObject(Writer);
     }
     PCHAR Buffer;
     {

@@ -195,6 +195,12 @@ TEST_F(DriverStart, ASectionIsCreatedUnderTheFilesResource) {
     Table->ReleaseFileForNtCreateSection(FileObject(Handle));
     EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Fcb(Handle)->Resource));
     EXPECT_EQ(embedded::CurrentThread().CriticalRegions, Closes);
+    // The control device has no data, and its FCB does not wait for those who hold it.
+    const HANDLE OfDevice = MustOpen(u"");
+    Table->AcquireFileForNtCreateSection(FileObject(OfDevice));
+    EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Fcb(OfDevice)->Resource));
+    Table->ReleaseFileForNtCreateSection(FileObject(OfDevice));
+    Close(OfDevice);
     const test::OwnedFile Bare(Device(), u"\\srv\\vol\\a.txt");
     Table->AcquireFileForNtCreateSection(Bare);
     Table->ReleaseFileForNtCreateSection(Bare);
@@ -243,7 +249,7 @@ protected:
                 EXPECT_EQ(g_uInitStage, 0u);
                 EXPECT_EQ(embedded::RegisteredUncProviders().size(), 0u);
                 EXPECT_EQ(embedded::LiveObjects(embedded::LiveKind::Resource), 0u);
-                // Nothing holds its threads up any more; the last of them may still be on its way out.
+                // The writer is waited for; the kernel's own record of it may be a moment late.
                 EXPECT_EQ(embedded::JoinSystemThreads(0), 0u);
             }
             Stop();

@@ -10,6 +10,7 @@ typedef struct _EPROCESS *PEPROCESS;
 typedef struct _KTHREAD *PKTHREAD;
 typedef struct _KTHREAD *PETHREAD;
 typedef struct _OBJECT_TYPE *POBJECT_TYPE;
+typedef struct _OBJECT_HANDLE_INFORMATION *POBJECT_HANDLE_INFORMATION;
 typedef struct _REAL_NOTIFY_SYNC *PNOTIFY_SYNC;
 typedef PVOID PSECURITY_DESCRIPTOR;
 typedef struct _VPB *PVPB;

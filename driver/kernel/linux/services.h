@@ -76,6 +76,10 @@ NTKERNELAPI NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG Desi
                                                 PVOID ClientId, PKSTART_ROUTINE StartRoutine,
                                                 PVOID StartContext) noexcept;
 NTKERNELAPI NTSTATUS NTAPI PsTerminateSystemThread(NTSTATUS ExitStatus) noexcept;
+NTKERNELAPI NTSTATUS NTAPI ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK DesiredAccess, POBJECT_TYPE ObjectType,
+                                                     KPROCESSOR_MODE AccessMode, PVOID *Object,
+                                                     POBJECT_HANDLE_INFORMATION HandleInformation) noexcept;
+NTKERNELAPI LONG_PTR NTAPI ObfDereferenceObject(PVOID Object) noexcept;
 
 // ---- Mm: memory --------------------------------------------------------------------------------------------
 
