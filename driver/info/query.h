@@ -7,7 +7,7 @@
 // request or posts it.
 NTSTATUS NtFsdCommonQueryInformation(PIRP_CONTEXT IrpContext);
 
-// Serves IRP_MJ_QUERY_VOLUME_INFORMATION. Takes no FCB lock beyond a moment for the path; always completes the request.
+// Serves IRP_MJ_QUERY_VOLUME_INFORMATION. Takes no FCB lock; always completes the request.
 NTSTATUS NtFsdCommonQueryVolumeInfo(PIRP_CONTEXT IrpContext);
 
 // A serial number made from up to four characters: those from the last backslash of FallbackPath on that is followed by

@@ -61,21 +61,26 @@ void GatherDirectory(QUERY &Query) {
     }
 }
 
+// A warning is none, whatever it is translated from.
+bool Succeeded(RVSTATUS Status) {
+    return NT_SUCCESS(NtFsdTranslateResult(Status));
+}
+
 // The flags of the open's volume: by its own handle, or by the volume of its path.
 void GatherVolumeFlags(QUERY &Query) {
     ULONG *Flags = &Query.Facts.VolumeFlags;
     const RVHANDLE Own = Query.Instance->VolumeHandle;
-    if (Own != 0 && !RvIsError(RVFsdGetVolumeInformation(Query.Security(), Own, Flags, nullptr))) {
+    if (Own != 0 && Succeeded(RVFsdGetVolumeInformation(Query.Security(), Own, Flags, nullptr))) {
         return;
     }
     *Flags = 0;
     OwnedString VolumePath;
-    if (RvIsError(NtFsdQueryPathForVolume(Query.Security(), Query.Fcb->FullPath.Buffer, VolumePath.Get()))) {
+    if (!Succeeded(NtFsdQueryPathForVolume(Query.Security(), Query.Fcb->FullPath.Buffer, VolumePath.Get()))) {
         return;
     }
     ProviderVolume Volume(Query.Security());
-    if (!RvIsError(RVFsdOpenVolume(Query.Security(), VolumePath->Buffer, Volume.Out())) &&
-        RvIsError(RVFsdGetVolumeInformation(Query.Security(), Volume.Get(), Flags, nullptr))) {
+    if (Succeeded(RVFsdOpenVolume(Query.Security(), VolumePath->Buffer, Volume.Out())) &&
+        !Succeeded(RVFsdGetVolumeInformation(Query.Security(), Volume.Get(), Flags, nullptr))) {
         *Flags = 0;
     }
 }
@@ -248,13 +253,13 @@ NTSTATUS NtFsdFileAllInfo(const QUERY &Query, AnswerBuffer &Answer) {
     constexpr ULONG ALIGNMENT = 0;
     constexpr ULONG EA_SIZE = 0;
     NTSTATUS Status = NtFsdFileBasicInfo(Query, Answer);
-    if (Status == STATUS_SUCCESS) {
+    if (NT_SUCCESS(Status)) {
         Status = NtFsdFileStandardInfo(Query, Answer);
     }
-    if (Status == STATUS_SUCCESS) {
+    if (NT_SUCCESS(Status)) {
         Status = NtFsdFileInternalInfo(Query, Answer);
     }
-    if (Status != STATUS_SUCCESS) {
+    if (!NT_SUCCESS(Status)) {
         return Status;
     }
     if (!Answer.Put(EA_SIZE) || !Answer.Put(ACCESS_FLAGS) ||
@@ -310,9 +315,9 @@ NTSTATUS AnswerHeld(QUERY &Query, ULONG InfoClass, AnswerBuffer &Answer) {
     return Answer.Remaining() < 0 ? STATUS_BUFFER_OVERFLOW : Status;
 }
 
-NTSTATUS Refuse(PIRP_CONTEXT IrpContext) {
+NTSTATUS Refuse(PIRP_CONTEXT IrpContext, NTSTATUS Status) {
     IrpContext->Information = 0;
-    return NtFsdCompleteRequest(IrpContext, IrpContext->Irp, STATUS_INVALID_PARAMETER);
+    return NtFsdCompleteRequest(IrpContext, IrpContext->Irp, Status);
 }
 
 } // namespace
@@ -329,11 +334,14 @@ NTSTATUS NtFsdCommonQueryInformation(PIRP_CONTEXT IrpContext) {
     if (Query.Fcb->OpenType == OPEN_TYPE_DEVICE) {
         NtFsdDebugPrint(TRACE_FILE_INFO, 0, "File stream is a device. Returning invalid parameter\n");
         NtFsdDebugPrint(TRACE_FILE_INFO, 0, "Info Level 0x%X\n", InfoClass);
-        return Refuse(IrpContext);
+        return Refuse(IrpContext, STATUS_INVALID_PARAMETER);
     }
     const PVOID Buffer = Irp->AssociatedIrp.SystemBuffer;
     if (Buffer == nullptr && Length != 0) {
-        return Refuse(IrpContext);
+        return Refuse(IrpContext, STATUS_INVALID_PARAMETER);
+    }
+    if (NtFsdLacksFileHandle(Query.Fcb, Query.Instance)) {
+        return Refuse(IrpContext, STATUS_INVALID_HANDLE);
     }
     ResourceHold Hold;
     const NTSTATUS Acquired = NtFsdAcquireForHandle(IrpContext, Query.Fcb, Query.Instance, Hold);
@@ -342,8 +350,7 @@ NTSTATUS NtFsdCommonQueryInformation(PIRP_CONTEXT IrpContext) {
     }
     if (!NT_SUCCESS(Acquired)) {
         Hold.Release();
-        IrpContext->Information = 0;
-        return NtFsdCompleteRequest(IrpContext, Irp, Acquired);
+        return Refuse(IrpContext, Acquired);
     }
     AnswerBuffer Answer(Buffer, Length);
     const NTSTATUS Status = AnswerHeld(Query, InfoClass, Answer);

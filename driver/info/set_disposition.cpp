@@ -45,7 +45,6 @@ RVSTATUS ModifyAccess(SET_INFORMATION &Change, ULONG Options) {
 }
 
 // The open's options say whether the server holds the deletion reserved: the close judges by it.
-
 RVSTATUS ReserveDelete(SET_INFORMATION &Change) {
     const ULONG Options = Change.Instance->ProviderOptions | RV_OPTION_RESERVE_DELETE;
     const RVSTATUS Result = ModifyAccess(Change, Options);

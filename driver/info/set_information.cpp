@@ -47,18 +47,19 @@ NTSTATUS SetEndOfFile(SET_INFORMATION &Change) {
 struct CLASS_CHANGE {
     ULONG InfoClass;
     ULONG InputBytes; // a shorter buffer is refused
+    bool UsesHandle;  // of the directory it is for
     NTSTATUS (*Apply)(SET_INFORMATION &Change);
 };
 
 constexpr CLASS_CHANGE Changes[] = {
-    {FileBasicInformation, 40, NtFsdFileSetBasicInfo},
-    {FileRenameInformation, 1, NtFsdFileSetRenameInfo},
-    {FileLinkInformation, 0, RefuseLink},
-    {FileDispositionInformation, 1, NtFsdFileSetDispositionInfo},
-    {FilePositionInformation, 8, SetPosition},
-    {FileAllInformation, 88, SetAll},
-    {FileAllocationInformation, 8, SetAllocation},
-    {FileEndOfFileInformation, 8, SetEndOfFile},
+    {FileBasicInformation, 40, true, NtFsdFileSetBasicInfo},
+    {FileRenameInformation, 1, true, NtFsdFileSetRenameInfo},
+    {FileLinkInformation, 0, false, RefuseLink},
+    {FileDispositionInformation, 1, true, NtFsdFileSetDispositionInfo},
+    {FilePositionInformation, 8, false, SetPosition},
+    {FileAllInformation, 88, true, SetAll},
+    {FileAllocationInformation, 8, false, SetAllocation},
+    {FileEndOfFileInformation, 8, false, SetEndOfFile},
 };
 
 const CLASS_CHANGE *FindChange(ULONG InfoClass) {
@@ -70,7 +71,7 @@ const CLASS_CHANGE *FindChange(ULONG InfoClass) {
     return nullptr;
 }
 
-// A directory that was created and not opened gets its own handle before anything is done to it.
+// A directory that was created and not opened gets its own handle before anything is done with that.
 NTSTATUS Apply(SET_INFORMATION &Change, ULONG InfoClass, ULONG Length) {
     const CLASS_CHANGE *Row = FindChange(InfoClass);
     if (Row == nullptr) {
@@ -80,7 +81,7 @@ NTSTATUS Apply(SET_INFORMATION &Change, ULONG InfoClass, ULONG Length) {
     if (Length < Row->InputBytes || (Change.Buffer == nullptr && Row->InputBytes != 0)) {
         return STATUS_INFO_LENGTH_MISMATCH;
     }
-    if (Change.IsDirectory()) {
+    if (Row->UsesHandle && Change.IsDirectory()) {
         const NTSTATUS Status = NtFsdEnsureDirectoryHandle(Change.IrpContext, Change.Fcb, Change.Instance);
         if (!NT_SUCCESS(Status)) {
             return Status;
@@ -105,6 +106,9 @@ NTSTATUS NtFsdCommonSetInformation(PIRP_CONTEXT IrpContext) {
     if (Change.Fcb->OpenType == OPEN_TYPE_DEVICE) {
         NtFsdDebugPrint(TRACE_FILE_INFO, 0, "Error: Attempted to set info on a device.\n");
         return NtFsdCompleteRequest(IrpContext, Irp, STATUS_INVALID_PARAMETER);
+    }
+    if (NtFsdLacksFileHandle(Change.Fcb, Change.Instance)) {
+        return NtFsdCompleteRequest(IrpContext, Irp, STATUS_INVALID_HANDLE);
     }
     if (!Change.Hold.AcquireExclusive(&Change.Fcb->Resource, IrpContext->MayWait())) {
         return NtFsdPostRequest(IrpContext);

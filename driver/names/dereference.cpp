@@ -109,7 +109,8 @@ NTSTATUS NtFsdDecodeFileObject(PFILE_OBJECT FileObject, PFCB *Fcb, PINSTANCE_CON
     if (ExpectedOpenType != 0 && ExpectedOpenType != __atomic_load_n(&(*Fcb)->OpenType, __ATOMIC_RELAXED)) {
         return STATUS_INVALID_PARAMETER;
     }
-    return STATUS_SUCCESS;
+    return ExpectedOpenType == OPEN_TYPE_FILE && NtFsdLacksFileHandle(*Fcb, *Instance) ? STATUS_INVALID_HANDLE
+                                                                                       : STATUS_SUCCESS;
 }
 
 NTSTATUS NtFsdEnsureDirectoryHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance) {

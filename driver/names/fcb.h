@@ -283,6 +283,12 @@ inline VOID NtFsdSetVolumeResolved(PFCB Fcb, UCHAR Resolved) {
     __atomic_store_n(&Fcb->VolumeResolved, Resolved, __ATOMIC_RELAXED);
 }
 
+// TRUE for an open of a file without a handle of it: the parent of a rename's target that turned out to be a file. It
+// can only be closed; the Provider must never be asked with handle 0.
+inline bool NtFsdLacksFileHandle(const FCB *Fcb, const INSTANCE_CONTEXT *Instance) {
+    return __atomic_load_n(&Fcb->OpenType, __ATOMIC_RELAXED) == OPEN_TYPE_FILE && Instance->FileHandle == 0;
+}
+
 // The file-object check of every request: fetches FCB and instance and tests signature, deletion and type
 // (ExpectedOpenType 0 = any). STATUS_INVALID_HANDLE, STATUS_INVALID_PARAMETER, STATUS_DELETE_PENDING or STATUS_SUCCESS.
 NTSTATUS NtFsdDecodeFileObject(PFILE_OBJECT FileObject, PFCB *Fcb, PINSTANCE_CONTEXT *Instance, ULONG ExpectedOpenType);

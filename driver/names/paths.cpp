@@ -8,14 +8,13 @@ namespace {
 
 constexpr USHORT PATH_BUFFER_BYTES = RV_PATH_BUFFER_BYTES;
 
-// Gives String a buffer for a path answer. The Provider writes it before anybody reads it: no zeros needed.
+// Gives String a buffer for a path answer. Zeroed: a Provider that fills a counted string may leave out the terminator.
 bool AllocatePathBuffer(PUNICODE_STRING String) {
-    *String = {0, PATH_BUFFER_BYTES, static_cast<PWSTR>(TwAllocBuffer(PATH_BUFFER_BYTES))};
+    *String = {0, PATH_BUFFER_BYTES, static_cast<PWSTR>(TwAllocMemory(PATH_BUFFER_BYTES))};
     if (String->Buffer == nullptr) {
         String->MaximumLength = 0;
         return false;
     }
-    String->Buffer[0] = 0;
     return true;
 }
 

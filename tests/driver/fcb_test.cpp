@@ -438,6 +438,7 @@ TEST_F(Fcbs, TheFileObjectCheckLooksAtOneThingAfterAnother) {
     auto Record = std::make_unique<FCB>();
     const PFILE_OBJECT File = embedded::CreateFileObject(Device(), u"x", 0);
     INSTANCE_CONTEXT Open = {};
+    Open.FileHandle = 1;
     struct Case {
         bool Fcb, Instance;
         ULONG Signature;

@@ -173,11 +173,27 @@ TEST_F(TargetOpens, WithoutTheirParentAreRefusedWhenTheProbeSaysSo) {
 
 TEST_F(TargetOpens, BelowAFileOpenWithoutADirectoryHandle) {
     Provider.OnPath(Slot::CreateFile, u"\\srv\\vol\\a.txt\\new").Return(ProviderError(0x0506));
-    const embedded::CreateResult Result = Create(u"\\srv\\vol\\a.txt\\new", AsTarget);
+    Open Request = AsTarget;
+    Request.Access = FILE_READ_DATA | FILE_READ_ATTRIBUTES | FILE_WRITE_DATA | SYNCHRONIZE;
+    const embedded::CreateResult Result = Create(u"\\srv\\vol\\a.txt\\new", Request);
     ASSERT_EQ(Result.Status, STATUS_SUCCESS);
     EXPECT_EQ(Result.Information, static_cast<ULONG_PTR>(FILE_EXISTS));
     EXPECT_EQ(Instance(Result.Handle)->DirHandle, 0u);
     EXPECT_EQ(Fcb(Result.Handle)->OpenType, OPEN_TYPE_FILE + 0u);
+    // It has no handle that the Provider could be asked with.
+    Provider.ClearCalls();
+    char Byte = 0;
+    LARGE_INTEGER End = {};
+    LARGE_INTEGER Id = {};
+    IO_STATUS_BLOCK IoStatus;
+    EXPECT_EQ(Read(Result.Handle, &Byte, 1, 0).Status, STATUS_INVALID_HANDLE);
+    EXPECT_EQ(Write(Result.Handle, &Byte, 1, 0).Status, STATUS_INVALID_HANDLE);
+    EXPECT_EQ(NtFlushBuffersFile(Result.Handle, &IoStatus), STATUS_INVALID_HANDLE);
+    EXPECT_EQ(NtSetInformationFile(Result.Handle, &IoStatus, &End, sizeof(End), FileEndOfFileInformation),
+              STATUS_INVALID_HANDLE);
+    EXPECT_EQ(NtQueryInformationFile(Result.Handle, &IoStatus, &Id, sizeof(Id), FileInternalInformation),
+              STATUS_INVALID_HANDLE);
+    EXPECT_TRUE(Provider.Calls().empty());
     const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt", {.Share = 7});
     EXPECT_EQ(ReadAll(File), "0123456789");
     Close(Result.Handle);
