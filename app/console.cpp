@@ -101,17 +101,17 @@ void RunVerb(Session &Running, Parts Line) {
 }
 
 void Help(Session &, const Parts &) {
-    CLI::App App("The console runs these verbs over one driver.", "");
+    CLI::App App;
     Command Chosen;
     AddVerbs(App, Chosen);
-    fmt::print("{}\n"
+    fmt::print("The console runs these verbs over one driver.\n{}\n"
                "Of the console:\n"
                "  VERB --help                 what a verb takes\n"
-               "  set                         the values of the driver's service key\n"
+               "  set                         the driver's switches and their values\n"
                "  trace MASK on|off           the driver's messages of these categories\n"
                "  requests on|off             every request and every call of the Provider\n"
                "  quit                        end; so does the end of input\n",
-               App.help());
+               CLI::Formatter().make_subcommands(&App, CLI::AppFormatMode::Normal));
 }
 
 void ShowSwitches(Session &Running, const Parts &Line) {

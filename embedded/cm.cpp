@@ -141,7 +141,8 @@ void ResetRegistry() noexcept {
 using namespace embedded;
 
 NTSTATUS NTAPI ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_ATTRIBUTES ObjectAttributes) noexcept {
-    RequireIrql(PassiveLevel, "ZwOpenKey");
+    RequireIrql(IrqlRuleOf("ZwOpenKey"));
+    CheckZwPointers("ZwOpenKey", KeyHandle, ObjectAttributes);
     CheckZwString(ObjectAttributes->ObjectName);
     const std::u16string_view Path = View(ObjectAttributes->ObjectName);
     ObjectRef Root;
@@ -221,7 +222,8 @@ NTSTATUS FillFull(const RegistryValue &Value, std::u16string_view Name, PVOID Bu
 NTSTATUS NTAPI ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
                                KEY_VALUE_INFORMATION_CLASS KeyValueInformationClass, PVOID KeyValueInformation,
                                ULONG Length, PULONG ResultLength) noexcept {
-    RequireIrql(PassiveLevel, "ZwQueryValueKey");
+    RequireIrql(IrqlRuleOf("ZwQueryValueKey"));
+    CheckZwPointers("ZwQueryValueKey", ValueName, static_cast<char *>(KeyValueInformation), ResultLength);
     CheckZwString(ValueName);
     ObjectRef Target;
     if (const NTSTATUS Status = ReferenceHandle(KeyHandle, ObjectType::Key, 0, KernelMode, &Target);

@@ -13,10 +13,10 @@ namespace {
 }
 
 // There is no cache manager: a file object with a cache map would get data that nobody keeps.
-BOOLEAN CopyThroughCache(PFILE_OBJECT FileObject, std::string_view Routine) {
-    AtMostApc(Routine);
+BOOLEAN CopyThroughCache(PFILE_OBJECT FileObject, const IrqlRule &Rule) {
+    RequireIrql(Rule);
     if (FileObject->PrivateCacheMap != nullptr) {
-        Misuse(FileObject, fmt::format("{}: caching was set up on a file object", Routine));
+        Misuse(FileObject, fmt::format("{}: caching was set up on a file object", Rule.Routine));
     }
     return FALSE;
 }
@@ -74,16 +74,16 @@ using namespace embedded;
 
 BOOLEAN NTAPI FsRtlCopyRead(PFILE_OBJECT FileObject, PLARGE_INTEGER, ULONG, BOOLEAN, ULONG, PVOID, PIO_STATUS_BLOCK,
                             PDEVICE_OBJECT) noexcept {
-    return CopyThroughCache(FileObject, "FsRtlCopyRead");
+    return CopyThroughCache(FileObject, IrqlRuleOf("FsRtlCopyRead"));
 }
 
 BOOLEAN NTAPI FsRtlCopyWrite(PFILE_OBJECT FileObject, PLARGE_INTEGER, ULONG, BOOLEAN, ULONG, PVOID, PIO_STATUS_BLOCK,
                              PDEVICE_OBJECT) noexcept {
-    return CopyThroughCache(FileObject, "FsRtlCopyWrite");
+    return CopyThroughCache(FileObject, IrqlRuleOf("FsRtlCopyWrite"));
 }
 
 VOID NTAPI FsRtlTeardownPerStreamContexts(PFSRTL_ADVANCED_FCB_HEADER AdvancedHeader) noexcept {
-    AtMostApc("FsRtlTeardownPerStreamContexts");
+    RequireIrql(IrqlRuleOf("FsRtlTeardownPerStreamContexts"));
     if (!Verifying()) {
         return;
     }

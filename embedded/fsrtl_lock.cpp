@@ -422,14 +422,14 @@ using namespace embedded;
 
 VOID NTAPI FsRtlInitializeFileLock(PFILE_LOCK FileLock, PCOMPLETE_LOCK_IRP_ROUTINE CompleteLockIrpRoutine,
                                    PUNLOCK_ROUTINE UnlockRoutine) noexcept {
-    AtMostApc("FsRtlInitializeFileLock");
+    RequireIrql(IrqlRuleOf("FsRtlInitializeFileLock"));
     *FileLock = {};
     FileLock->CompleteLockIrpRoutine = CompleteLockIrpRoutine;
     FileLock->UnlockRoutine = UnlockRoutine;
 }
 
 VOID NTAPI FsRtlUninitializeFileLock(PFILE_LOCK FileLock) noexcept {
-    AtMostApc("FsRtlUninitializeFileLock");
+    RequireIrql(IrqlRuleOf("FsRtlUninitializeFileLock"));
     TableReference Table = ExistingTable(FileLock);
     if (Table == nullptr) {
         return;
@@ -449,7 +449,7 @@ VOID NTAPI FsRtlUninitializeFileLock(PFILE_LOCK FileLock) noexcept {
 }
 
 NTSTATUS NTAPI FsRtlProcessFileLock(PFILE_LOCK FileLock, PIRP Irp, PVOID Context) noexcept {
-    AtMostApc("FsRtlProcessFileLock");
+    RequireIrql(IrqlRuleOf("FsRtlProcessFileLock"));
     const IO_STACK_LOCATION *Stack = IoGetCurrentIrpStackLocation(Irp);
     Owner By{Stack->FileObject, IoGetRequestorProcess(Irp), Stack->Parameters.LockControl.Key};
     PCOMPLETE_LOCK_IRP_ROUTINE Routine = FileLock->CompleteLockIrpRoutine;
@@ -473,7 +473,7 @@ NTSTATUS NTAPI FsRtlProcessFileLock(PFILE_LOCK FileLock, PIRP Irp, PVOID Context
 }
 
 PFILE_LOCK_INFO NTAPI FsRtlGetNextFileLock(PFILE_LOCK FileLock, BOOLEAN Restart) noexcept {
-    AtMostApc("FsRtlGetNextFileLock");
+    RequireIrql(IrqlRuleOf("FsRtlGetNextFileLock"));
     TableReference Table = ExistingTable(FileLock);
     if (Table == nullptr) {
         return nullptr;
@@ -493,7 +493,7 @@ PFILE_LOCK_INFO NTAPI FsRtlGetNextFileLock(PFILE_LOCK FileLock, BOOLEAN Restart)
 NTSTATUS NTAPI FsRtlFastUnlockSingle(PFILE_LOCK FileLock, PFILE_OBJECT FileObject, LARGE_INTEGER *FileOffset,
                                      PLARGE_INTEGER Length, PEPROCESS Process, ULONG Key, PVOID Context,
                                      BOOLEAN /*AlreadySynchronized*/) noexcept {
-    AtMostApc("FsRtlFastUnlockSingle");
+    RequireIrql(IrqlRuleOf("FsRtlFastUnlockSingle"));
     Range Bytes{static_cast<ULONGLONG>(FileOffset->QuadPart), static_cast<ULONGLONG>(Length->QuadPart)};
     return UnlockSingle(FileLock, Bytes, {FileObject, Process, Key}, Context);
 }

@@ -22,13 +22,13 @@ size_t embedded::NotifySyncsInUse() {
 }
 
 VOID NTAPI FsRtlNotifyInitializeSync(PNOTIFY_SYNC *NotifySync) noexcept {
-    embedded::AtMostApc("FsRtlNotifyInitializeSync");
+    embedded::RequireIrql(embedded::IrqlRuleOf("FsRtlNotifyInitializeSync"));
     *NotifySync = new _REAL_NOTIFY_SYNC;
     ++NotifySyncCount;
 }
 
 VOID NTAPI FsRtlNotifyUninitializeSync(PNOTIFY_SYNC *NotifySync) noexcept {
-    embedded::AtMostApc("FsRtlNotifyUninitializeSync");
+    embedded::RequireIrql(embedded::IrqlRuleOf("FsRtlNotifyUninitializeSync"));
     if (*NotifySync == nullptr) {
         return;
     }

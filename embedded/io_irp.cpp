@@ -373,6 +373,9 @@ NTSTATUS CallDriver(DeviceObject &Device, IrpBlock &Block) noexcept {
     const bool Asynchronous = Block.Asynchronous;
     Block.StartTime = Observing.load(std::memory_order_acquire) ? WallClock() : 0;
     Block.Dispatcher = &Thread;
+    if (Block.Irp.RequestorMode == KernelMode && Block.Irp.MdlAddress == nullptr) {
+        RequireKernelAddress(bugcheck::UserAddressInIrp, Block.Irp.UserBuffer, MajorFunctionName(MajorFunction));
+    }
     // Nobody else has the request yet.
     Block.State.store(Block.State.load(std::memory_order_relaxed) | IrpBlock::Dispatched, std::memory_order_release);
 
@@ -532,6 +535,7 @@ VOID NTAPI IoReleaseCancelSpinLock(KIRQL Irql) noexcept {
 }
 
 BOOLEAN NTAPI IoIsOperationSynchronous(PIRP Irp) noexcept {
+    RequireIrql(IrqlRuleOf("IoIsOperationSynchronous"));
     // Paging I/O goes by its own flag alone, whatever the file was opened for.
     if (Irp->Flags & IRP_PAGING_IO) {
         return (Irp->Flags & IRP_SYNCHRONOUS_PAGING_IO) != 0;
@@ -541,6 +545,7 @@ BOOLEAN NTAPI IoIsOperationSynchronous(PIRP Irp) noexcept {
 }
 
 PEPROCESS NTAPI IoGetRequestorProcess(PIRP Irp) noexcept {
+    RequireIrql(IrqlRuleOf("IoGetRequestorProcess"));
     return IrpBlock::Of(Irp)->Process;
 }
 

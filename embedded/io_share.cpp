@@ -41,7 +41,7 @@ void Add(const FILE_OBJECT &File, SHARE_ACCESS &Share) {
 
 VOID NTAPI IoSetShareAccess(ACCESS_MASK DesiredAccess, ULONG DesiredShareAccess, PFILE_OBJECT FileObject,
                             PSHARE_ACCESS ShareAccess) noexcept {
-    embedded::AtMostApc("IoSetShareAccess");
+    embedded::RequireIrql(embedded::IrqlRuleOf("IoSetShareAccess"));
     *ShareAccess = {};
     if (NoteAccess(DesiredAccess, FileObject)) {
         NoteSharing(DesiredShareAccess, FileObject);
@@ -51,7 +51,7 @@ VOID NTAPI IoSetShareAccess(ACCESS_MASK DesiredAccess, ULONG DesiredShareAccess,
 
 NTSTATUS NTAPI IoCheckShareAccess(ACCESS_MASK DesiredAccess, ULONG DesiredShareAccess, PFILE_OBJECT FileObject,
                                   PSHARE_ACCESS ShareAccess, BOOLEAN Update) noexcept {
-    embedded::AtMostApc("IoCheckShareAccess");
+    embedded::RequireIrql(embedded::IrqlRuleOf("IoCheckShareAccess"));
     if (!NoteAccess(DesiredAccess, FileObject)) {
         return STATUS_SUCCESS;
     }
@@ -71,7 +71,7 @@ NTSTATUS NTAPI IoCheckShareAccess(ACCESS_MASK DesiredAccess, ULONG DesiredShareA
 }
 
 VOID NTAPI IoRemoveShareAccess(PFILE_OBJECT FileObject, PSHARE_ACCESS ShareAccess) noexcept {
-    embedded::AtMostApc("IoRemoveShareAccess");
+    embedded::RequireIrql(embedded::IrqlRuleOf("IoRemoveShareAccess"));
     if (!FileObject->ReadAccess && !FileObject->WriteAccess && !FileObject->DeleteAccess) {
         return;
     }

@@ -347,6 +347,7 @@ using namespace embedded;
 
 VOID NTAPI KeInitializeEvent(PKEVENT Event, EVENT_TYPE Type, BOOLEAN State) noexcept {
     RequireIrql(IrqlRuleOf("KeInitializeEvent"));
+    RequireKernelAddress(bugcheck::UserAddress, Event, "KeInitializeEvent");
     *Event = KEVENT{};
     Event->Header.Type = static_cast<UCHAR>(Type);
     Event->Header.Size = sizeof(KEVENT) / sizeof(LONG);

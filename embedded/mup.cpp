@@ -235,7 +235,7 @@ using namespace embedded;
 
 NTSTATUS NTAPI FsRtlRegisterUncProviderEx(PHANDLE MupHandle, PUNICODE_STRING RedirDevName, PDEVICE_OBJECT DeviceObject,
                                           ULONG Flags) noexcept {
-    RequireIrql(PassiveLevel, "FsRtlRegisterUncProviderEx");
+    RequireIrql(IrqlRuleOf("FsRtlRegisterUncProviderEx"));
     *MupHandle = nullptr;
     Mup &In = TheMup();
     {
@@ -262,7 +262,7 @@ NTSTATUS NTAPI FsRtlRegisterUncProviderEx(PHANDLE MupHandle, PUNICODE_STRING Red
 }
 
 VOID NTAPI FsRtlDeregisterUncProvider(HANDLE Handle) noexcept {
-    RequireIrql(PassiveLevel, "FsRtlDeregisterUncProvider");
+    RequireIrql(IrqlRuleOf("FsRtlDeregisterUncProvider"));
     ObjectRef Target;
     if (!NT_SUCCESS(ReferenceHandle(Handle, ObjectType::UncProvider, 0, KernelMode, &Target))) {
         return;

@@ -289,6 +289,7 @@ NTSTATUS NTAPI ObReferenceObjectByHandle(HANDLE Handle, ACCESS_MASK, POBJECT_TYP
 }
 
 LONG_PTR NTAPI ObfDereferenceObject(PVOID Object) noexcept {
+    RequireIrql(IrqlRuleOf("ObfDereferenceObject"));
     ThreadTable &All = Table();
     ThreadPointer Last; // let go with the table unlocked
     std::lock_guard Guard(All.Mutex);
@@ -302,5 +303,6 @@ LONG_PTR NTAPI ObfDereferenceObject(PVOID Object) noexcept {
 }
 
 PEPROCESS NTAPI IoGetCurrentProcess() noexcept {
+    RequireIrql(IrqlRuleOf("IoGetCurrentProcess"));
     return CurrentThread().Process;
 }

@@ -1,6 +1,7 @@
 #include "embedded/rtl.h"
 
 #include "embedded/upcase.h"
+#include "embedded/verifier.h"
 
 #include <algorithm>
 #include <limits>
@@ -44,11 +45,13 @@ LONG NTAPI RtlCompareUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING St
 }
 
 WCHAR NTAPI RtlUpcaseUnicodeChar(WCHAR SourceCharacter) noexcept {
+    embedded::RequireIrql(embedded::IrqlRuleOf("RtlUpcaseUnicodeChar"));
     return embedded::UpcaseUnit(SourceCharacter);
 }
 
 BOOLEAN NTAPI RtlEqualUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2,
                                     BOOLEAN CaseInSensitive) noexcept {
+    embedded::RequireIrql(embedded::IrqlRuleOf("RtlEqualUnicodeString"));
     if (String1->Length != String2->Length) {
         return FALSE;
     }

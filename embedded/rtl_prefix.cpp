@@ -255,6 +255,7 @@ size_t PrefixTablesInUse() {
 using namespace embedded;
 
 VOID NTAPI RtlInitializeUnicodePrefix(PUNICODE_PREFIX_TABLE PrefixTable) noexcept {
+    RequireIrql(IrqlRuleOf("RtlInitializeUnicodePrefix"));
     Registry.DestroyLeftBy(PrefixTable);
     *PrefixTable = {};
     PrefixTable->NodeTypeCode = PrefixTableNode;
@@ -262,7 +263,7 @@ VOID NTAPI RtlInitializeUnicodePrefix(PUNICODE_PREFIX_TABLE PrefixTable) noexcep
 
 BOOLEAN NTAPI RtlInsertUnicodePrefix(PUNICODE_PREFIX_TABLE PrefixTable, PUNICODE_STRING Prefix,
                                      PUNICODE_PREFIX_TABLE_ENTRY PrefixTableEntry) noexcept {
-    AtMostApc("RtlInsertUnicodePrefix");
+    RequireIrql(IrqlRuleOf("RtlInsertUnicodePrefix"));
     PrefixIndex *Index = IndexOf(PrefixTable);
     if (Index == nullptr) {
         Index = Registry.Create(PrefixTable);
@@ -298,7 +299,7 @@ BOOLEAN NTAPI RtlInsertUnicodePrefix(PUNICODE_PREFIX_TABLE PrefixTable, PUNICODE
 
 VOID NTAPI RtlRemoveUnicodePrefix(PUNICODE_PREFIX_TABLE PrefixTable,
                                   PUNICODE_PREFIX_TABLE_ENTRY PrefixTableEntry) noexcept {
-    AtMostApc("RtlRemoveUnicodePrefix");
+    RequireIrql(IrqlRuleOf("RtlRemoveUnicodePrefix"));
     Entry *Old = PrefixTableEntry;
     VerifyRemoval(PrefixTable, Old);
     PrefixIndex *Index = IndexOf(PrefixTable);
@@ -330,7 +331,7 @@ VOID NTAPI RtlRemoveUnicodePrefix(PUNICODE_PREFIX_TABLE PrefixTable,
 
 PUNICODE_PREFIX_TABLE_ENTRY NTAPI RtlFindUnicodePrefix(PUNICODE_PREFIX_TABLE PrefixTable, PUNICODE_STRING FullName,
                                                        ULONG CaseInsensitiveIndex) noexcept {
-    AtMostApc("RtlFindUnicodePrefix");
+    RequireIrql(IrqlRuleOf("RtlFindUnicodePrefix"));
     PrefixIndex *Index = IndexOf(PrefixTable);
     if (Index == nullptr) {
         return nullptr;
@@ -339,7 +340,7 @@ PUNICODE_PREFIX_TABLE_ENTRY NTAPI RtlFindUnicodePrefix(PUNICODE_PREFIX_TABLE Pre
 }
 
 PUNICODE_PREFIX_TABLE_ENTRY NTAPI RtlNextUnicodePrefix(PUNICODE_PREFIX_TABLE PrefixTable, BOOLEAN Restart) noexcept {
-    AtMostApc("RtlNextUnicodePrefix");
+    RequireIrql(IrqlRuleOf("RtlNextUnicodePrefix"));
     PrefixIndex *Index = IndexOf(PrefixTable);
     if (Index == nullptr) {
         return nullptr;

@@ -47,6 +47,10 @@ inline constexpr ULONG_PTR UnlockPartial = 0xB4;
 inline constexpr ULONG_PTR FreeLockedMdl = 0xB8;
 inline constexpr ULONG_PTR FreedLookaside = 0xCC;
 inline constexpr ULONG_PTR FreedResource = 0xD2;
+inline constexpr ULONG_PTR UserAddress = 0xE0;      // given to a routine of the kernel
+inline constexpr ULONG_PTR UserAddressInIrp = 0xE2; // of a request from the kernel
+inline constexpr ULONG_PTR UserAddressToZw = 0xE3;
+inline constexpr ULONG_PTR MalformedString = 0xE4;
 inline constexpr ULONG_PTR IrpFreedAsPool = 0x105;
 inline constexpr ULONG_PTR WaitAtDispatch = 0x120;
 inline constexpr ULONG_PTR WaitAboveDispatch = 0x121;
@@ -98,9 +102,29 @@ inline constexpr IrqlRule IrqlRules[] = {
     {"ExIsResourceAcquiredExclusiveLite", DispatchLevel},
     {"ExIsResourceAcquiredSharedLite", DispatchLevel},
     {"ExReleaseResourceLite", DispatchLevel},
+    {"FsRtlCopyRead", ApcLevel},
+    {"FsRtlCopyWrite", ApcLevel},
+    {"FsRtlDeregisterUncProvider", PassiveLevel},
+    {"FsRtlFastUnlockSingle", ApcLevel},
+    {"FsRtlGetNextFileLock", ApcLevel},
+    {"FsRtlInitializeFileLock", ApcLevel},
+    {"FsRtlNotifyInitializeSync", ApcLevel},
+    {"FsRtlNotifyUninitializeSync", ApcLevel},
+    {"FsRtlProcessFileLock", ApcLevel},
+    {"FsRtlRegisterUncProviderEx", PassiveLevel},
+    {"FsRtlTeardownPerStreamContexts", ApcLevel},
+    {"FsRtlUninitializeFileLock", ApcLevel},
     {"IoAllocateMdl", DispatchLevel},
+    {"IoCheckShareAccess", ApcLevel},
+    {"IoCreateDevice", ApcLevel},
+    {"IoCreateSymbolicLink", ApcLevel},
+    {"IoDeleteDevice", ApcLevel},
     {"IoFreeMdl", DispatchLevel},
     {"IoGetCurrentProcess", DispatchLevel},
+    {"IoGetRequestorProcess", DispatchLevel},
+    {"IoIsOperationSynchronous", DispatchLevel},
+    {"IoRemoveShareAccess", ApcLevel},
+    {"IoSetShareAccess", ApcLevel},
     {"KeEnterCriticalRegion", ApcLevel},
     {"KeInitializeEvent", DispatchLevel},
     {"KeLeaveCriticalRegion", ApcLevel},
@@ -109,9 +133,27 @@ inline constexpr IrqlRule IrqlRules[] = {
     {"MmMapLockedPagesSpecifyCache", DispatchLevel},
     {"MmProbeAndLockPages", ApcLevel},
     {"MmUnlockPages", DispatchLevel},
-    {"PsCreateSystemThread", PassiveLevel},
+    {"NtClose", PassiveLevel},
+    {"NtCreateFile", PassiveLevel},
+    {"NtSetSecurityObject", PassiveLevel},
     {"ObReferenceObjectByHandle", PassiveLevel},
+    {"ObfDereferenceObject", DispatchLevel},
+    {"PsCreateSystemThread", PassiveLevel},
     {"PsTerminateSystemThread", PassiveLevel},
+    {"RtlEqualUnicodeString", PassiveLevel},
+    {"RtlFindUnicodePrefix", ApcLevel},
+    {"RtlInitializeUnicodePrefix", ApcLevel},
+    {"RtlInsertUnicodePrefix", ApcLevel},
+    {"RtlNextUnicodePrefix", ApcLevel},
+    {"RtlRemoveUnicodePrefix", ApcLevel},
+    {"RtlUpcaseUnicodeChar", PassiveLevel},
+    {"ZwClose", PassiveLevel},
+    {"ZwDeleteFile", PassiveLevel},
+    {"ZwOpenKey", PassiveLevel},
+    {"ZwQuerySystemInformation", PassiveLevel},
+    {"ZwQueryValueKey", PassiveLevel},
+    {"ZwWriteFile", PassiveLevel},
+    {"a file service", PassiveLevel},
 };
 
 // The row of a routine; a routine without a row does not compile.
@@ -135,11 +177,34 @@ inline void RequireIrql(KIRQL Highest, std::string_view Routine) {
 inline void RequireIrql(const IrqlRule &Rule) {
     RequireIrql(Rule.Highest, Rule.Routine);
 }
-inline void AtMostApc(std::string_view Routine) {
-    RequireIrql(ApcLevel, Routine);
-}
-inline void AtMostDispatch(std::string_view Routine) {
-    RequireIrql(DispatchLevel, Routine);
+
+// Memory of a process. One address space serves for kernel and user here, so what is user memory has to be said: a
+// driver must not hand such an address to the kernel as its own, nor be given one in a request of the kernel's.
+class UserMemory {
+public:
+    explicit UserMemory(SIZE_T Bytes);
+    ~UserMemory();
+    UserMemory(const UserMemory &) = delete;
+    UserMemory &operator=(const UserMemory &) = delete;
+
+    PVOID Address() const {
+        return Address_;
+    }
+
+private:
+    PVOID Address_;
+    SIZE_T Bytes_;
+};
+
+[[noreturn]] void NTAPI ReportUserAddress(ULONG_PTR Rule, const void *Address, std::string_view Routine) noexcept;
+inline std::atomic<SIZE_T> UserMemories{0};
+bool NTAPI IsUserMemory(const void *Address) noexcept;
+
+// Stops with 0xC4/Rule when Address is a process's.
+inline void RequireKernelAddress(ULONG_PTR Rule, const void *Address, std::string_view Routine) {
+    if (UserMemories.load(std::memory_order_relaxed) != 0 && Verifying() && IsUserMemory(Address)) [[unlikely]] {
+        ReportUserAddress(Rule, Address, Routine);
+    }
 }
 
 // Around a call into the driver: the IRQL, the critical-region count and the number of held locks must be the same

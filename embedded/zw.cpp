@@ -18,12 +18,12 @@ NTSTATUS CreateEventHandle(EVENT_TYPE Type, bool Signalled, HANDLE *Handle) noex
 using namespace embedded;
 
 NTSTATUS NTAPI NtClose(HANDLE Handle) noexcept {
-    RequireIrql(PassiveLevel, "NtClose");
+    RequireIrql(IrqlRuleOf("NtClose"));
     return CloseHandle(Handle, PreviousMode());
 }
 
 NTSTATUS NTAPI ZwClose(HANDLE Handle) noexcept {
-    RequireIrql(PassiveLevel, "ZwClose");
+    RequireIrql(IrqlRuleOf("ZwClose"));
     return CloseHandle(Handle, KernelMode);
 }
 
@@ -50,7 +50,7 @@ NTSTATUS NTAPI NtWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_IN
 
 NTSTATUS NTAPI NtSetSecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityInformation,
                                    PSECURITY_DESCRIPTOR SecurityDescriptor) noexcept {
-    RequireIrql(PassiveLevel, "NtSetSecurityObject");
+    RequireIrql(IrqlRuleOf("NtSetSecurityObject"));
     ObjectRef Target;
     ACCESS_MASK Granted = 0;
     if (const NTSTATUS Status = ReferenceHandle(Handle, ObjectType::File, 0, PreviousMode(), &Target, &Granted);
@@ -76,7 +76,8 @@ NTSTATUS NTAPI NtSetSecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityI
 
 NTSTATUS NTAPI ZwQuerySystemInformation(SYSTEM_INFORMATION_CLASS SystemInformationClass, PVOID SystemInformation,
                                         ULONG SystemInformationLength, PULONG ReturnLength) noexcept {
-    RequireIrql(PassiveLevel, "ZwQuerySystemInformation");
+    RequireIrql(IrqlRuleOf("ZwQuerySystemInformation"));
+    CheckZwPointers("ZwQuerySystemInformation", static_cast<char *>(SystemInformation), ReturnLength);
     if (SystemInformationClass != SystemTimeOfDayInformation) {
         return STATUS_INVALID_INFO_CLASS;
     }

@@ -36,6 +36,7 @@ struct CreateResult {
     NTSTATUS Status = STATUS_UNSUCCESSFUL;
     ULONG_PTR Information = 0; // what the driver completed with, also on failure
     HANDLE Handle = nullptr;
+    bool Asked = false; // the driver was asked: a refusal is its own
 };
 
 // Opens or creates a file. Blocks until the driver has answered.

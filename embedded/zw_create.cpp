@@ -193,6 +193,7 @@ CreateResult OpenOnDevice(Destination &To, const CreateParameters &Parameters, P
         if (Result.Status = CopyEa(*Block, Parameters); !NT_SUCCESS(Result.Status)) {
             return Result;
         }
+        Result.Asked = true;
         Result.Status = CallDriverAndWait(Device, *Block);
         Result.Information = Block->FinalInformation;
     }
@@ -219,17 +220,21 @@ CreateResult OpenOnDevice(Destination &To, const CreateParameters &Parameters, P
 
 void CheckZwString(PCUNICODE_STRING String) noexcept {
     if (Verifying() && String != nullptr && ((String->Length & 1) || String->Length > String->MaximumLength)) {
-        BugCheck(bugcheck::Verifier, 0xE4, reinterpret_cast<ULONG_PTR>(String), String->Length, String->MaximumLength,
-                 "a Zw routine was given a string of odd length, or longer than its buffer");
+        BugCheck(bugcheck::Verifier, bugcheck::MalformedString, reinterpret_cast<ULONG_PTR>(String), String->Length,
+                 String->MaximumLength, "a Zw routine was given a string of odd length, or longer than its buffer");
     }
 }
 
 CreateResult CreateFile(const CreateParameters &Parameters) noexcept {
-    RequireIrql(PassiveLevel, "NtCreateFile");
+    RequireIrql(IrqlRuleOf("NtCreateFile"));
     CreateResult Result;
     if (Parameters.ObjectAttributes == nullptr || Parameters.ObjectAttributes->Length != sizeof(OBJECT_ATTRIBUTES) ||
         (Parameters.Mode == UserMode && Parameters.CheckParameters && !AreValid(Parameters))) {
         Result.Status = STATUS_INVALID_PARAMETER;
+        return Result;
+    }
+    if (const PCUNICODE_STRING Name = Parameters.ObjectAttributes->ObjectName; Name != nullptr && (Name->Length & 1)) {
+        Result.Status = STATUS_OBJECT_NAME_INVALID;
         return Result;
     }
     ACCESS_STATE State{};
@@ -259,6 +264,7 @@ namespace {
 
 NTSTATUS CreateFor(KPROCESSOR_MODE Mode, PHANDLE FileHandle, PIO_STATUS_BLOCK Iosb, CreateParameters Parameters) {
     if (Mode == KernelMode) {
+        CheckZwPointers("ZwCreateFile", FileHandle, Iosb, Parameters.ObjectAttributes, Parameters.AllocationSize);
         CheckZwString(Parameters.ObjectAttributes->ObjectName);
     }
     Parameters.Mode = Mode;
@@ -304,6 +310,8 @@ NTSTATUS NTAPI ZwOpenFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess, POBJECT
 }
 
 NTSTATUS NTAPI ZwDeleteFile(POBJECT_ATTRIBUTES ObjectAttributes) noexcept {
+    RequireIrql(IrqlRuleOf("ZwDeleteFile"));
+    CheckZwPointers("ZwDeleteFile", ObjectAttributes);
     CheckZwString(ObjectAttributes->ObjectName);
     ParsedName Parsed;
     if (const NTSTATUS Status = LookupName(View(ObjectAttributes->ObjectName), true, &Parsed); !NT_SUCCESS(Status)) {

@@ -130,7 +130,8 @@ NTSTATUS NTAPI NtWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcR
 NTSTATUS NTAPI ZwWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID,
                            PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length, PLARGE_INTEGER ByteOffset,
                            PULONG Key) noexcept {
-    RequireIrql(PassiveLevel, "ZwWriteFile");
+    RequireIrql(IrqlRuleOf("ZwWriteFile"));
+    CheckZwPointers("ZwWriteFile", static_cast<const char *>(Buffer), IoStatusBlock, ByteOffset);
     ObjectRef Target;
     if (const NTSTATUS Status = ReferenceHandle(FileHandle, ObjectType::Any, 0, KernelMode, &Target);
         !NT_SUCCESS(Status)) {

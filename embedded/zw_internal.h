@@ -2,6 +2,7 @@
 #pragma once
 
 #include "embedded/io_objects.h"
+#include "embedded/verifier.h"
 #include "embedded/zw.h"
 
 namespace embedded {
@@ -14,8 +15,13 @@ inline constexpr ULONG FileOpenedCaseSensitive = 0x00040000;
 inline constexpr ULONG FileRandomAccess = 0x00100000;
 inline constexpr UCHAR StackWriteThrough = 0x04;
 
-// The verifier's rule for a string that is given to a Zw routine: an even length, not longer than its buffer.
+// The verifier's rules for what is given to a Zw routine: no address of a process; a string of an even length, not
+// longer than its buffer.
 void CheckZwString(PCUNICODE_STRING String) noexcept;
+template <typename... T>
+void CheckZwPointers(std::string_view Routine, const T *...Pointers) {
+    (RequireKernelAddress(bugcheck::UserAddressToZw, Pointers, Routine), ...);
+}
 
 // One request of a service on a file that the caller has a handle for. Begin references the file, takes the file's
 // own lock when it is synchronous and makes the IRP; Run calls the driver.

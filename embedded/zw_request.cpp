@@ -16,7 +16,7 @@ FileRequest::~FileRequest() {
 
 NTSTATUS FileRequest::Begin(HANDLE Handle, ACCESS_MASK Access, KPROCESSOR_MODE Mode, UCHAR MajorFunction,
                             UCHAR MinorFunction) noexcept {
-    RequireIrql(PassiveLevel, "a file service");
+    RequireIrql(IrqlRuleOf("a file service"));
     ObjectRef Target;
     if (const NTSTATUS Status = ReferenceHandle(Handle, ObjectType::File, 0, Mode, &Target, &Granted_);
         !NT_SUCCESS(Status)) {

@@ -123,8 +123,8 @@ int OpenOnce(const OpenOptions &Text) {
     const embedded::CreateResult Result = OpenRemote(Path, RequestOf(Text));
     if (!NT_SUCCESS(Result.Status)) {
         Complain(fmt::format("{}: {}", ShowStatus(Result.Status), ShowPath(Path)));
-        // 0 is nobody's answer to a refused open: it did not get as far as the driver.
-        fmt::print("Information {}\n", Result.Information != 0 ? InformationName(Result.Information) : "0");
+        fmt::print("Information {}\n",
+                   Result.Asked ? InformationName(Result.Information) : "none: the driver was not asked");
         return 1;
     }
     fmt::print("{}\nInformation {}\n", ShowStatus(Result.Status), InformationName(Result.Information));

@@ -199,6 +199,17 @@ VOID NtFsdDetachOpens() {
     NtFsdCompleteNotifyBatch(&Notifications, STATUS_CANCELLED);
 }
 
+PFCB NtFsdFcbAfterTeardown(PFILE_OBJECT FileObject) {
+    const SpinLockHold Hold(&OutlivingLock);
+    if (Detached) {
+        return FindOutliving(FileObject->FsContext);
+    }
+    // The control device's FCB goes only after the others have been handed over.
+    return FileObject->FsContext != DriverFcb && NtFsdIsFcb(FileObject->FsContext)
+               ? static_cast<PFCB>(FileObject->FsContext)
+               : nullptr;
+}
+
 VOID NtFsdCloseAfterTeardown(PFILE_OBJECT FileObject) {
     LIST_ENTRY Instances;
     LIST_ENTRY Fcbs;

@@ -55,8 +55,8 @@ NTSTATUS NtFsdCommonCleanup(PIRP_CONTEXT IrpContext) {
     if (Fcb->UncleanCount != 0) {
         --Fcb->UncleanCount;
     }
-    // The claim of the only open goes with the FCB.
-    if (Fcb->OpenCount > 1) {
+    // The claim of the only open goes with the FCB; opens of the device, counted under another lock, claim nothing.
+    if (Fcb->OpenType != OPEN_TYPE_DEVICE && Fcb->OpenCount > 1) {
         NtFsdRemoveShareClaim(Fcb, FileObject);
     }
     NTSTATUS Status = STATUS_SUCCESS;

@@ -22,3 +22,7 @@ VOID NtFsdDetachOpens();
 // Ends an open that outlived teardown: frees its instance and its FCB without Provider, table or framework. May also be
 // called between the stop of requests and NtFsdDetachOpens, which then frees the open.
 VOID NtFsdCloseAfterTeardown(PFILE_OBJECT FileObject);
+
+// The FCB of a file object once requests are refused, while teardown runs or after it; NULL for the control device and
+// for anything that is not open. Valid as long as the file object is.
+PFCB NtFsdFcbAfterTeardown(PFILE_OBJECT FileObject);

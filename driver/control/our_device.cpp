@@ -18,6 +18,8 @@ struct PROCESS_RECORD {
     LIST_ENTRY Links;
     ULONG ProcessOpenCount;
 };
+static_assert(offsetof(PROCESS_RECORD, Process) == 8 && offsetof(PROCESS_RECORD, FileObject) == 16 &&
+              offsetof(PROCESS_RECORD, Links) == 24 && offsetof(PROCESS_RECORD, ProcessOpenCount) == 40);
 
 PROCESS_RECORD *FindProcess(PEPROCESS Process) {
     for (PLIST_ENTRY Link = DriverFcb->InstanceList.Flink; Link != &DriverFcb->InstanceList; Link = Link->Flink) {

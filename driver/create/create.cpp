@@ -13,6 +13,7 @@ void ReadParameters(CREATE_STATE &Create, PIRP_CONTEXT IrpContext, PIRP Irp) {
     Create.FileObject = IrpSp->FileObject;
     Create.RelatedFileObject = IrpSp->FileObject->RelatedFileObject;
     Create.Name = IrpSp->FileObject->FileName;
+    Create.Name.Length &= static_cast<USHORT>(~1u); // half a character names nothing
     Create.DesiredAccess = Parameters.SecurityContext->DesiredAccess;
     Create.ShareAccess = Parameters.ShareAccess;
     Create.Options = Parameters.Options & 0xFFFFFF;

@@ -21,6 +21,9 @@ struct DEVICE_EXTENSION {
     WCHAR DeviceNameBuffer[30];
     WCHAR VersionNameBuffer[25];
 };
+static_assert(offsetof(DEVICE_EXTENSION, DeviceName) == 8 && offsetof(DEVICE_EXTENSION, VersionName) == 24 &&
+              offsetof(DEVICE_EXTENSION, DeviceNameBuffer) == 40 &&
+              offsetof(DEVICE_EXTENSION, VersionNameBuffer) == 100);
 
 // Start-up stages, as teardown enters them. 2, 3, 4 and 9 are teardown steps that start-up never sets.
 enum INIT_STAGE : ULONG {

@@ -325,6 +325,10 @@ NTSTATUS ServeAfterTeardown(const ENTRY &Entry, PIRP Irp) {
 }
 
 NTSTATUS RunWithContext(const ENTRY &Entry, PIRP Irp, bool Cancelled) {
+    // The Provider is asked in somebody's name or not at all. Only a flush, which binds nothing, can come here without.
+    if (g_pSecurityContextInterface == nullptr && !(Entry.Flags & ENTRY_MUST_RUN)) {
+        return RefuseUnbound(Irp);
+    }
     const BOOLEAN Wait = IoIsOperationSynchronous(Irp);
     IRP_CONTEXT InFrame;
     PIRP_CONTEXT IrpContext = NtFsdCreateIrpContext(Irp, Wait);
@@ -363,7 +367,7 @@ NTSTATUS ServeInRegion(const ENTRY &Entry, PIRP Irp, bool Cancelled) {
             Status = Entry.MapDecode(Status);
         }
         if (!NT_SUCCESS(Status)) {
-            return NtFsdCompleteRequest(nullptr, Irp, Status);
+            return NtFsdCompleteRequest(nullptr, Irp, Cancelled ? STATUS_CANCELLED : Status);
         }
     }
     if (Entry.AfterDecode != nullptr && Entry.AfterDecode(Irp, &Status)) {
@@ -428,7 +432,6 @@ NTSTATUS NtFsdRunCommonRoutine(PIRP_CONTEXT IrpContext) {
 }
 
 // ---- The dispatch routines
-// --------------------------------------------------------------------------------------------
 
 NTSTATUS NTAPI NtFsdCreate(PDEVICE_OBJECT, PIRP Irp) {
     return Serve(Entries[ROW_CREATE], Irp);

@@ -1,6 +1,6 @@
 #include "frame/fast_io.h"
-#include "control/our_device.h"
 
+#include "close/close.h"
 #include "frame/diagnostics.h"
 #include "frame/driver.h"
 #include "names/fcb.h"
@@ -25,14 +25,12 @@ BOOLEAN NTAPI NtFsdFastQueryStdInfo(PFILE_OBJECT, BOOLEAN, PFILE_STANDARD_INFORM
     return FALSE;
 }
 
-// The FCB of a file object that a section can be made of, or NULL. The driver's own has none and goes with teardown,
-// before the file objects that point to it.
+// The FCB of a file object that a section can be made of, or NULL. The driver's own makes none: no section is made of
+// the control device.
 PFCB SectionFcb(PFILE_OBJECT FileObject) {
     PFCB Fcb;
     PINSTANCE_CONTEXT Instance;
-    return !NtFsdIsDeviceOpen(FileObject) && NT_SUCCESS(NtFsdDecodeFileObject(FileObject, &Fcb, &Instance, 0))
-               ? Fcb
-               : nullptr;
+    return NT_SUCCESS(NtFsdDecodeFileObject(FileObject, &Fcb, &Instance, 0)) && Fcb != DriverFcb ? Fcb : nullptr;
 }
 
 // The hold outlives the routine: NtFsdReleaseForCreateSection gives it back.
@@ -48,7 +46,8 @@ VOID NTAPI NtFsdAcquireForCreateSection(PFILE_OBJECT FileObject) {
 }
 
 VOID NTAPI NtFsdReleaseForCreateSection(PFILE_OBJECT FileObject) {
-    const PFCB Fcb = SectionFcb(FileObject);
+    const RequestInFlight InFlight;
+    const PFCB Fcb = InFlight ? SectionFcb(FileObject) : NtFsdFcbAfterTeardown(FileObject);
     if (Fcb != nullptr && ExIsResourceAcquiredExclusiveLite(Fcb->Header.Resource)) {
         NtFsdReleaseResource(Fcb->Header.Resource);
         // Closing a section may close file objects, whose close needs the FCB table: only with the Resource released.

@@ -1,5 +1,6 @@
 #include "frame/irp_context.h"
 
+#include "dir/notify.h"
 #include "frame/diagnostics.h"
 #include "frame/driver.h"
 #include "frame/entry.h"
@@ -27,6 +28,7 @@ void NtFsdFillIrpContext(PIRP_CONTEXT Context, PIRP Irp, BOOLEAN Wait, ULONG Fla
     if (Irp != nullptr && IoGetTopLevelIrp() != Irp) {
         Context->Flags |= IRP_CONTEXT_FLAG_RECURSIVE_CALL;
     }
+    // A cleanup or close runs without it rather than not at all; it then has nothing left to ask the Provider for.
     if (g_pSecurityContextInterface != nullptr) {
         g_pSecurityContextInterface->Table->GetCallerContext(g_pSecurityContextInterface, &Context->SecurityContext);
     }
@@ -38,6 +40,9 @@ void NtFsdFillIrpContext(PIRP_CONTEXT Context, PIRP Irp, BOOLEAN Wait, ULONG Fla
 
 PIRP_CONTEXT NtFsdCreateIrpContext(PIRP Irp, BOOLEAN Wait) {
     NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdCreateIrpContext() entered\n");
+    if (g_pSecurityContextInterface == nullptr) {
+        return nullptr; // nobody can tell whose request it is
+    }
     ULONG Flags = 0;
     auto Context = static_cast<PIRP_CONTEXT>(ExAllocateFromNPagedLookasideList(&g_IrpContextLookasideList));
     if (Context == nullptr) {
@@ -113,6 +118,9 @@ NTSTATUS FinalStatus(PIRP_CONTEXT IrpContext, NTSTATUS Status) {
 NTSTATUS NtFsdCompleteRequest(PIRP_CONTEXT IrpContext, PIRP Irp, NTSTATUS Status) {
     NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdCompleteRequest() entered\n");
     const NTSTATUS Final = FinalStatus(IrpContext, Status);
+    if (IrpContext != nullptr) {
+        NtFsdCompleteChanged(IrpContext);
+    }
     if (Irp != nullptr) {
         // Whatever cancel routine is running for this IRP has left when the lock has been ours.
         KIRQL Irql;

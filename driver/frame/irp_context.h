@@ -46,7 +46,8 @@ struct IRP_CONTEXT {
     PFILE_OBJECT FileObject;
     ULONG_PTR Information; // completion stores it into the IRP
     ULONG UserBufferFlags;
-    UCHAR Reserved[80];
+    LIST_ENTRY ChangedWaiters; // taken by NtFsdNotifyChange; completed before this request is. Flink NULL: none
+    UCHAR Reserved[64];
 
     BOOLEAN MayWait() const {
         return static_cast<BOOLEAN>((Flags >> 1) & 1);
@@ -65,7 +66,8 @@ static_assert(offsetof(IRP_CONTEXT, Information) == 72 && offsetof(IRP_CONTEXT, 
 extern NPAGED_LOOKASIDE_LIST g_IrpContextLookasideList;
 
 // Makes the context of Irp (which may be NULL). Wait says whether the request may block; it is set regardless while
-// asynchronous I/O is off. Returns NULL when no memory can be had. The framework must be bound.
+// asynchronous I/O is off. Returns NULL when no memory can be had, or no identity of the caller: the framework must be
+// bound.
 PIRP_CONTEXT NtFsdCreateIrpContext(PIRP Irp, BOOLEAN Wait);
 
 // Fills Context, which the caller provides (zeroed or not), as NtFsdCreateIrpContext would. Flags are the initial

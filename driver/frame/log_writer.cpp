@@ -127,14 +127,10 @@ bool StartLog(LOG_FILE &Log) {
     return false;
 }
 
-// Takes the text out of the shared buffer. *WrapNow is set when writing it would pass the wrap size.
-ULONG TakeText(LOG_FILE &Log, PCHAR Buffer, bool *WrapNow) {
+// Takes the text out of the shared buffer.
+ULONG TakeText(PCHAR Buffer) {
     SpinLockHold Hold(&g_LogBufferLock);
     const ULONG Length = g_uLogBufferUsed;
-    if (Log.Position.QuadPart + Length > LOG_WRAP_BYTES) {
-        Log.Wrapped = true;
-        *WrapNow = true;
-    }
     if (g_pLogBuffer != nullptr) {
         RtlCopyMemory(Buffer, g_pLogBuffer, Length);
         g_pLogBuffer[0] = 0;
@@ -144,20 +140,20 @@ ULONG TakeText(LOG_FILE &Log, PCHAR Buffer, bool *WrapNow) {
 }
 
 // Writes what the shared buffer holds; FALSE when it was empty.
-bool Drain(LOG_FILE &Log, PCHAR Buffer, bool *WrapNow) {
-    const ULONG Length = TakeText(Log, Buffer, WrapNow);
+bool Drain(LOG_FILE &Log, PCHAR Buffer) {
+    const ULONG Length = TakeText(Buffer);
     if (Length == 0) {
         return false;
     }
-    // A block that cannot be written is lost; the position stays, so that the file keeps no hole.
+    // A block that would pass the wrap size still goes behind the text; what comes next goes to the start.
+    const bool WrapsNow = Log.Position.QuadPart + Length > LOG_WRAP_BYTES;
     ULONG_PTR Written = 0;
-    Ignore(WriteAt(Log, Buffer, Length, &Written), "the log has nowhere to report its own failure");
-    if (*WrapNow) {
-        Log.Position.QuadPart = 0;
-        *WrapNow = false;
-    } else {
-        Log.Position.QuadPart += static_cast<LONG64>(Written);
+    if (!NT_SUCCESS(WriteAt(Log, Buffer, Length, &Written))) {
+        // The block is lost. The file is as it was, so that it keeps no hole and wraps with the next block.
+        return true;
     }
+    Log.Wrapped = Log.Wrapped || WrapsNow;
+    Log.Position.QuadPart = WrapsNow ? 0 : Log.Position.QuadPart + static_cast<LONG64>(Written);
     if (Log.Wrapped) {
         Ignore(WriteAt(Log, END_MARKER, END_MARKER_BYTES, &Written), "the marker is rewritten with the next text");
     }
@@ -174,11 +170,10 @@ NTSTATUS RunWriter() {
     if (!StartLog(Log)) {
         return STATUS_SUCCESS;
     }
-    bool WrapNow = false;
     // Also a stream of text that never ends must not keep the writer from ending.
-    while (Pause(Drain(Log, Buffer, &WrapNow) ? 0 : PAUSE_UNITS)) {
+    while (Pause(Drain(Log, Buffer) ? 0 : PAUSE_UNITS)) {
     }
-    Drain(Log, Buffer, &WrapNow); // what came between the last look and the end
+    Drain(Log, Buffer); // what came between the last look and the end
     ZwClose(Log.Handle);
     return STATUS_SUCCESS;
 }

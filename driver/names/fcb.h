@@ -1,173 +1,10 @@
-// FCBs and instance contexts: one FCB per path shared by all opens of it, one instance context per open.
+// FCBs and instance contexts: making and finding them, the prefix table, opens, decoding, borrowed handles.
 //
-//     FcbPrefixTable --(FullPath, ignoring case)--> FCB <---- FILE_OBJECT.FsContext
-//                                                    |              |
-//     FcbList ------------------------------------> FCB         FsContext2
-//                                                    |              |
-//                                              InstanceList ---> INSTANCE_CONTEXT (Provider handles, PathLeft)
-//
-// Locks, in the order in which they may be nested:
-//   1. FcbTableResource guards FcbPrefixTable and FcbPrefixCount; with the FCB's Resource it guards OpenCount.
-//   2. An FCB's Resource guards its fields, its InstanceList and its instances. The FCB lives while OpenCount is above
-//   0,
-//      so whoever has an instance may drop the Resource and take it again.
-//   3. A parent FCB's Resource may be taken while a child's is held: change notification only.
-//   FcbListResource is a leaf: it guards FcbList and FcbCount.
-// A routine that has an FCB's Resource and needs FcbTableResource releases the Resource first. All acquisitions for
-// opens wait. PagingIoResource exists for the header and is never taken by the driver.
-//
-// FullPath may be read with the Resource held. Without it NtFsdStablePath gives a path that stays as it is until the
-// FCB goes: a replaced path is kept, so that traces and the PathLeft of other instances never reach freed memory.
+// fcb_records.h draws the records and says which lock guards what and in which order locks are nested. Here each
+// routine says which of them its caller holds.
 #pragma once
 
-#include "frame/irp_context.h"
-#include "frame/locks.h"
-#include "names/strings.h"
-
-enum OPEN_TYPE : ULONG {
-    OPEN_TYPE_DEVICE = 1,
-    OPEN_TYPE_DIRECTORY = 3,
-    OPEN_TYPE_FILE = 4,
-    OPEN_TYPE_UNKNOWN = 10,
-};
-
-enum FCB_STATE : ULONG {
-    FCB_STATE_NOT_FOUND_AT_OPEN = 0x1,
-    FCB_STATE_DELETED = 0x20,
-    FCB_STATE_DELETE_ON_CLOSE = 0x400,
-    FCB_STATE_FIRST_OPEN_FAILED = 0x2000,
-    FCB_STATE_DELETE_DISPOSITION = 0x8000,
-    FCB_STATE_EXECUTE_ACCESS = 0x1000000,
-    FCB_STATE_IN_PREFIX_TABLE = 0x10000000,
-};
-
-// What the existence probe found, as creates keep it.
-enum ENTRY_TYPE : ULONG {
-    ENTRY_TYPE_UNKNOWN = 0,
-    ENTRY_TYPE_FILE = 2,
-    ENTRY_TYPE_DIRECTORY = 3,
-};
-
-inline constexpr SHORT NODE_TYPE_FCB_HEADER = 0x7705;
-inline constexpr ULONG NODE_TYPE_FCB = 0x7704;
-inline constexpr ULONG NODE_TYPE_INSTANCE = 0x7706;
-inline constexpr USHORT PREFIX_STATE_NEVER_INSERTED = 0xFFFF;
-inline constexpr USHORT PREFIX_STATE_INSERTED = 1;
-
-// A path that an FCB has or had. Never changed once it is reachable; lives until its FCB goes.
-struct PATH_RECORD {
-    PATH_RECORD *Older;
-    UNICODE_STRING Path; // owned
-};
-
-struct FCB {
-    // Unchanged after creation.
-    FSRTL_ADVANCED_FCB_HEADER Header; // its sizes: under Resource
-    SECTION_OBJECT_POINTERS SectionObjectPointers;
-    ULONG NodeTypeCode;
-    LIST_ENTRY FcbLinks; // under FcbListResource
-    FAST_MUTEX HeaderMutex;
-    ERESOURCE Resource;
-    ERESOURCE PagingIoResource;
-    // Under Resource.
-    LIST_ENTRY NotifyList;
-    PNOTIFY_SYNC NotifySync;
-    ULONG OpenType;  // OPEN_TYPE
-    ULONG OpenFlags; // FCB_STATE
-    ULONG OpenCount; // changed under FcbTableResource and Resource
-    ULONG UncleanCount;
-    UNICODE_STRING FullPath; // owned; changed under FcbTableResource and Resource
-    UCHAR VolumeResolved;
-    SHARE_ACCESS ShareAccess;
-    USHORT PrefixState;
-    UNICODE_PREFIX_TABLE_ENTRY PrefixEntry; // under FcbTableResource
-    LIST_ENTRY InstanceList;
-    FILE_LOCK FileLock; // its own lock
-    // Ours.
-    UCHAR FileLockInitialized;
-    LIST_ENTRY *LockGrants; // while an unlock is under way: collects the waiting locks that it grants
-    PATH_RECORD FirstPath;
-    PATH_RECORD *CurrentPath; // FullPath is its Path
-};
-typedef FCB *PFCB;
-
-// One open. Under the FCB's Resource, except where said.
-struct INSTANCE_CONTEXT {
-    ULONG NodeTypeCode;
-    PFILE_OBJECT FileObject;
-    LIST_ENTRY Links;
-    RVHANDLE RelatedHandle; // names below this open are relative to it
-    RVHANDLE BaseHandle;    // PathLeft is relative to it; 0: PathLeft is absolute
-    RVHANDLE FileHandle;
-    RVHANDLE DirHandle;
-    RVHANDLE VolumeHandle;
-    PWSTR PathLeft; // into the FCB's FullPath buffer
-    ULONG LockKey;
-    ULONG ProviderAccess;
-    ULONG ShareMode;
-    ULONG ProviderOptions;
-    UCHAR TargetMissing;
-    UCHAR DiskFullLatched;
-    LONG64 DiskFullTime;
-    ULONG64 DiskFullAvailable;
-    UCHAR TrailingSlash;
-    // Directory listing, under SearchLock. EnumBuffer and SearchMask are owned.
-    UCHAR SearchInitialized;
-    UCHAR Wildcard;
-    ULONG DotEntries;
-    PVOID EnumBuffer;
-    ULONG SearchMaskLength;
-    PWSTR SearchMask;
-    PVOID NextEntry;
-    ULONG EnumBufferSize;
-    ULONG InfoCount;
-    UCHAR MoreEntries;
-    ULONG ResumeKey;
-    UCHAR UseShortNames;
-    ULONG ShortNameOption;
-    // Ours. An open named relative to another borrows that open's handle as its BaseHandle and RelatedHandle;
-    // BorrowLinks has it in Borrowers of the open that owns it. Under the borrow lock (names/borrow.cpp).
-    FCB *Fcb;
-    LIST_ENTRY Borrowers;
-    LIST_ENTRY BorrowLinks;
-    // Ours, of the listing. SearchLock serialises the queries of one open, which share the FCB's Resource.
-    KEVENT SearchLock;
-    UCHAR ExactAnswered; // a search without wildcards has handed out its entry
-    UCHAR BatchBroken;   // what follows the records counted in InfoCount is no record
-};
-typedef INSTANCE_CONTEXT *PINSTANCE_CONTEXT;
-
-// The fields keep the order in which they are listed: each begins after the one before it.
-static_assert(offsetof(FCB, Header) == 0 && offsetof(FCB, SectionObjectPointers) == sizeof(FSRTL_ADVANCED_FCB_HEADER));
-static_assert(offsetof(FCB, NodeTypeCode) < offsetof(FCB, FcbLinks) &&
-              offsetof(FCB, FcbLinks) < offsetof(FCB, HeaderMutex));
-static_assert(offsetof(FCB, HeaderMutex) < offsetof(FCB, Resource) &&
-              offsetof(FCB, Resource) < offsetof(FCB, PagingIoResource));
-static_assert(offsetof(FCB, PagingIoResource) < offsetof(FCB, NotifyList) &&
-              offsetof(FCB, NotifyList) < offsetof(FCB, NotifySync));
-static_assert(offsetof(FCB, NotifySync) < offsetof(FCB, OpenType) &&
-              offsetof(FCB, OpenType) < offsetof(FCB, OpenFlags));
-static_assert(offsetof(FCB, OpenFlags) < offsetof(FCB, OpenCount) &&
-              offsetof(FCB, OpenCount) < offsetof(FCB, UncleanCount));
-static_assert(offsetof(FCB, UncleanCount) < offsetof(FCB, FullPath) &&
-              offsetof(FCB, FullPath) < offsetof(FCB, VolumeResolved));
-static_assert(offsetof(FCB, VolumeResolved) < offsetof(FCB, ShareAccess) &&
-              offsetof(FCB, ShareAccess) < offsetof(FCB, PrefixState));
-static_assert(offsetof(FCB, PrefixState) < offsetof(FCB, PrefixEntry) &&
-              offsetof(FCB, PrefixEntry) < offsetof(FCB, InstanceList) &&
-              offsetof(FCB, InstanceList) < offsetof(FCB, FileLock));
-static_assert(offsetof(INSTANCE_CONTEXT, NodeTypeCode) == 0 && offsetof(INSTANCE_CONTEXT, FileObject) == 8 &&
-              offsetof(INSTANCE_CONTEXT, Links) == 16 && offsetof(INSTANCE_CONTEXT, RelatedHandle) == 32 &&
-              offsetof(INSTANCE_CONTEXT, BaseHandle) == 40 && offsetof(INSTANCE_CONTEXT, FileHandle) == 48 &&
-              offsetof(INSTANCE_CONTEXT, DirHandle) == 56 && offsetof(INSTANCE_CONTEXT, VolumeHandle) == 64 &&
-              offsetof(INSTANCE_CONTEXT, PathLeft) == 72 && offsetof(INSTANCE_CONTEXT, LockKey) == 80 &&
-              offsetof(INSTANCE_CONTEXT, ProviderAccess) == 84 && offsetof(INSTANCE_CONTEXT, ShareMode) == 88 &&
-              offsetof(INSTANCE_CONTEXT, ProviderOptions) == 92 && offsetof(INSTANCE_CONTEXT, TargetMissing) == 96);
-static_assert(offsetof(INSTANCE_CONTEXT, DiskFullLatched) == 97 && offsetof(INSTANCE_CONTEXT, DiskFullTime) == 104 &&
-              offsetof(INSTANCE_CONTEXT, DiskFullAvailable) == 112 &&
-              offsetof(INSTANCE_CONTEXT, TrailingSlash) == 120 &&
-              offsetof(INSTANCE_CONTEXT, SearchInitialized) == 121 &&
-              offsetof(INSTANCE_CONTEXT, ShortNameOption) == 180);
+#include "names/fcb_records.h"
 
 // ---- Global objects ----------------------------------------------------------------------------------------------
 
@@ -245,7 +82,6 @@ bool NtFsdHasFcbBelow(PCUNICODE_STRING Path);
 VOID NtFsdDumpPrefixTable();
 
 // ---- Opens (names/open_fcb.cpp)
-// --------------------------------------------------------------------------------------
 
 // Finds or makes the FCB and the instance context of an open of Name, relative to RelatedFileObject when given, and
 // attaches them to the IrpContext's file object. On success Hold holds the FCB's Resource exclusive. *EntryType (which
@@ -309,7 +145,6 @@ NTSTATUS NtFsdEnsureDirectoryHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE
 NTSTATUS NtFsdAcquireForHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, ResourceHold &Hold);
 
 // ---- Borrowed handles (names/borrow.cpp)
-// -------------------------------------------------------------------------------
 
 // The handle that names below Instance's open are relative to: its own directory or, for a volume root, its volume. 0
 // when it has neither; then the full path is right.

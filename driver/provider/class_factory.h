@@ -23,6 +23,7 @@ struct RVFSD_FACTORY {
     ULONG RefCount;
     ULONG LockCount;
 };
+static_assert(offsetof(RVFSD_FACTORY, RefCount) == 8 && offsetof(RVFSD_FACTORY, LockCount) == 12);
 
 // The mapping object. Slots 3 to 8 are the mapping operations; while the driver offers none, each answers
 // RVPSTATUS::NoSuchClass.

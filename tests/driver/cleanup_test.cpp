@@ -84,28 +84,21 @@ TEST_F(Cleanup, ReleasesALockThatAnotherProcessTookThroughTheHandle) {
     embedded::DeleteProcess(Other);
 }
 
-struct RawAnswer {
-    ULONG Raw;
-    NTSTATUS Completed;
-};
-
-class CleanupAnswer : public Cleanup, public testing::WithParamInterface<RawAnswer> {};
-
 // The last unlock's own status is the cleanup's, untranslated, unless it would call a finished request pending.
-TEST_P(CleanupAnswer, IsTheRawStatusOfTheLastUnlock) {
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Writer);
-    EXPECT_EQ(Lock(Handle, 10, 1), STATUS_SUCCESS);
-    EXPECT_EQ(Lock(Handle, 20, 1), STATUS_SUCCESS);
-    Provider.OnCall(Slot::UnlockFile).Nth(2).ReturnAfter(static_cast<RVSTATUS>(GetParam().Raw));
-    const test::RequestLog Log;
-    Close(Handle);
-    EXPECT_EQ(Log.Of(IRP_MJ_CLEANUP), std::vector<NTSTATUS>{GetParam().Completed});
+TEST_F(Cleanup, AnswersTheRawStatusOfTheLastUnlock) {
+    for (const auto &[Raw, Status] : {std::pair{0u, STATUS_SUCCESS},
+                                      {0xC7E70537u, static_cast<NTSTATUS>(0xC7E70537)},
+                                      {0x103u, STATUS_UNSUCCESSFUL}}) {
+        const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+        EXPECT_EQ(Lock(Handle, 10, 1), STATUS_SUCCESS);
+        EXPECT_EQ(Lock(Handle, 20, 1), STATUS_SUCCESS);
+        Provider.OnCall(Slot::UnlockFile).Nth(2).ReturnAfter(static_cast<RVSTATUS>(Raw));
+        const test::RequestLog Log;
+        Close(Handle);
+        EXPECT_EQ(Log.Of(IRP_MJ_CLEANUP), std::vector<NTSTATUS>{Status});
+        Provider.ClearScript();
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Statuses, CleanupAnswer,
-                         testing::Values(RawAnswer{0, STATUS_SUCCESS},
-                                         RawAnswer{0xC7E70537, static_cast<NTSTATUS>(0xC7E70537)},
-                                         RawAnswer{0x103, STATUS_UNSUCCESSFUL}));
 
 TEST_F(Cleanup, AFailedUnlockDoesNotStopTheWalkAndOnlyTheLastOneCounts) {
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Writer);
@@ -155,14 +148,6 @@ TEST_F(Cleanup, OfADeletedFileIsAFullCleanup) {
     Close(Handle);
     EXPECT_EQ(ServerLocks(), (Calls{"lock 10+1", "unlock 10+1"}));
     EXPECT_EQ(Log.Of(IRP_MJ_CLEANUP), std::vector<NTSTATUS>{STATUS_SUCCESS});
-}
-
-TEST_F(Cleanup, OfAFileObjectWithoutContextsIsAnInvalidHandle) {
-    Start();
-    const PFILE_OBJECT Bare = embedded::CreateFileObject(Device(), u"\\srv\\vol\\a.txt", 0);
-    EXPECT_EQ(embedded::SendIrpAndWait(Device(), Plain(IRP_MJ_CLEANUP, Bare)).Status, STATUS_INVALID_HANDLE);
-    EXPECT_EQ(CallNames(), Calls{});
-    embedded::DereferenceFileObject(Bare);
 }
 
 TEST_F(Cleanup, OfABusyFileIsPostedAndDone) {

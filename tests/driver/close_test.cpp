@@ -1,4 +1,4 @@
-// The end of an open: its Provider handles, a pending delete, its FCB; and opens that outlive the driver.
+// The end of an open: its Provider handles, a pending delete, its FCB.
 
 #include "embedded/faults.h"
 #include "tests/driver/lock_client.h"
@@ -77,31 +77,29 @@ TEST_F(CloseOfAnOpen, OnlyTheLastOpenDeletes) {
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\a.txt"));
 }
 
-struct DeleteCase {
-    bool IsDirectory;
-    USHORT Code;
-    NTSTATUS Status;
-};
-
-class CloseAfterDelete : public CloseOfAnOpen, public testing::WithParamInterface<DeleteCase> {};
-
-TEST_P(CloseAfterDelete, AnswersWhatTheDeleteMeans) {
-    Provider.AddDirectory(u"\\srv\\vol\\d");
-    const bool IsDirectory = GetParam().IsDirectory;
-    const HANDLE Handle =
-        IsDirectory ? MustOpen(u"\\srv\\vol\\d", Directory) : MustOpen(u"\\srv\\vol\\a.txt", Deleting);
-    MarkForDeletion(Handle);
-    Provider.OnCall(IsDirectory ? Slot::DeleteDirectory : Slot::DeleteFile).Return(ProviderError(GetParam().Code));
-    EXPECT_EQ(CloseStatus(Handle), GetParam().Status);
+TEST_F(CloseOfAnOpen, AnswersWhatItsDeleteMeans) {
+    struct Case {
+        bool IsDirectory;
+        USHORT Code;
+        NTSTATUS Status;
+    };
+    constexpr Case Cases[] = {
+        {true, 0x0502, STATUS_SUCCESS}, // somebody else was faster
+        {false, 0x0502, STATUS_NO_SUCH_FILE},
+        {true, 0x0503, STATUS_SHARING_VIOLATION},
+        {false, 0x0503, STATUS_SHARING_VIOLATION},
+        {true, 0x0513, STATUS_DIRECTORY_NOT_EMPTY},
+        {false, 0x0000, STATUS_UNSUCCESSFUL}, // an error without a code
+    };
+    for (const Case &Each : Cases) {
+        const HANDLE Handle =
+            Each.IsDirectory ? MustOpen(u"\\srv\\vol\\docs", Directory) : MustOpen(u"\\srv\\vol\\a.txt", Deleting);
+        MarkForDeletion(Handle);
+        Provider.OnCall(Each.IsDirectory ? Slot::DeleteDirectory : Slot::DeleteFile).Return(ProviderError(Each.Code));
+        EXPECT_EQ(CloseStatus(Handle), Each.Status) << std::hex << Each.Code;
+        Provider.ClearScript();
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Statuses, CloseAfterDelete,
-                         testing::Values(DeleteCase{true, 0x0502, STATUS_SUCCESS}, // somebody else was faster
-                                         DeleteCase{false, 0x0502, STATUS_NO_SUCH_FILE},
-                                         DeleteCase{true, 0x0503, STATUS_SHARING_VIOLATION},
-                                         DeleteCase{false, 0x0503, STATUS_SHARING_VIOLATION},
-                                         DeleteCase{true, 0x0513, STATUS_DIRECTORY_NOT_EMPTY},
-                                         DeleteCase{false, 0x0000, STATUS_UNSUCCESSFUL})); // an error without a code
 
 TEST_F(CloseOfAnOpen, ADirectoryIsClosedAndDeletedByBaseAndPath) {
     Provider.AddDirectory(u"\\srv\\vol\\d");
@@ -169,7 +167,7 @@ TEST_F(CloseOfAnOpen, OfABusyFileIsPendingAndDone) {
     for (ULONG64 Which : {1, 2}) { // the table, the FCB
         const HANDLE Goes = MustOpen(u"\\srv\\vol\\a.txt", {.Access = FILE_READ_DATA, .Options = 0});
         const PFILE_OBJECT File = FileObject(Goes);
-        EXPECT_EQ(embedded::SendIrpAndWait(Device(), Plain(IRP_MJ_CLEANUP, File)).Status, STATUS_SUCCESS);
+        EXPECT_EQ(Send(Plain(IRP_MJ_CLEANUP, File)).Status, STATUS_SUCCESS);
         {
             const embedded::PlannedFaults Busy(
                 {.Kinds = embedded::FaultBit(embedded::FaultKind::TryAcquire), .Nth = Which});
@@ -181,49 +179,6 @@ TEST_F(CloseOfAnOpen, OfABusyFileIsPendingAndDone) {
         Close(Goes); // its file object has no contexts any more
     }
     Close(Stays);
-}
-
-// ---- After the driver has shut down
-// ------------------------------------------------------------------------------------
-
-TEST_F(CloseOfAnOpen, ShutdownClosesTheHandlesOfOpenFilesAndDeletesNothing) {
-    Provider.AddDirectory(u"\\srv\\vol\\d");
-    const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt", Deleting);
-    const HANDLE Again = MustOpen(u"\\srv\\vol\\A.TXT", Deleting);
-    const HANDLE Parent = MustOpen(u"\\srv\\vol\\d", Directory);
-    MarkForDeletion(File);
-    Kernel().SendShutdown();
-    EXPECT_EQ(Provider.OpenHandles(), Calls{});
-    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\a.txt"));
-    // The opens themselves end later, in any order, and leave nothing: the fixture proves it.
-    EXPECT_EQ(CloseStatus(Again), STATUS_SUCCESS);
-    EXPECT_EQ(CloseStatus(Parent), STATUS_SUCCESS);
-    EXPECT_EQ(CloseStatus(File), STATUS_SUCCESS);
-}
-
-TEST_F(CloseOfAnOpen, ShutdownEndsOpensThatBorrowHandlesOfOthers) {
-    Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "x");
-    const HANDLE Parent = MustOpen(u"\\srv\\vol\\d", Directory);
-    Open Below = Deleting;
-    Below.Related = Parent;
-    const HANDLE Child = MustOpen(u"f.txt", Below);
-    Kernel().SendShutdown();
-    EXPECT_EQ(CloseStatus(Parent), STATUS_SUCCESS);
-    EXPECT_EQ(CloseStatus(Child), STATUS_SUCCESS);
-}
-
-TEST_F(CloseOfAnOpen, ShutdownCancelsLocksThatWait) {
-    const HANDLE Owner = MustOpen(u"\\srv\\vol\\a.txt", Writer);
-    const HANDLE Other = MustOpen(u"\\srv\\vol\\a.txt", Writer);
-    EXPECT_EQ(Lock(Owner, 0, 10), STATUS_SUCCESS);
-    LARGE_INTEGER Length = {.QuadPart = 4};
-    embedded::SentIrp One = Wait(Other, 0, &Length);
-    embedded::SentIrp Two = Wait(Other, 0, &Length);
-    Kernel().SendShutdown();
-    EXPECT_EQ(One.Wait().Status, STATUS_CANCELLED);
-    EXPECT_EQ(Two.Wait().Status, STATUS_CANCELLED);
-    Close(Owner);
-    Close(Other);
 }
 
 } // namespace

@@ -110,7 +110,6 @@ TEST_F(Diagnostics, WhatIsAlwaysPrintedNeedsNeitherSwitchNorMemory) {
 }
 
 // ---- Text from outside
-// -----------------------------------------------------------------------------------------------
 
 struct ExternalCase {
     ULONG EnableDebug;
@@ -147,7 +146,6 @@ TEST_F(Diagnostics, ExternalTextHasThreadAndProcessButNotTheDriverInFront) {
 }
 
 // ---- The log buffer
-// --------------------------------------------------------------------------------------------------
 
 TEST_F(Diagnostics, TextThatDoesNotFitEmptiesTheBufferFirst) {
     StartTracing(0);
@@ -174,7 +172,6 @@ TEST_F(Diagnostics, ADriverWithoutALogBufferTracesToTheDebugger) {
 }
 
 // ---- The log file
-// ----------------------------------------------------------------------------------------------------
 
 constexpr const char16_t *LogName = u"\\Rvfsd.log";
 // The kernel's clock starts there, and so does its system.
@@ -329,6 +326,12 @@ TEST_F(LogFile, AfterHalfAGigabyteTheNextTextStandsAtTheStart) {
         Append(Block);
         Pass100ms();
     }
+    EXPECT_EQ(Size(), Banner.size() + Fit * Block.size());
+    EXPECT_EQ(Head(), Banner.substr(0, 64));
+    // A block that is lost wraps nothing.
+    embedded::FailNext(embedded::VolumeOperation::Write, STATUS_DISK_FULL);
+    Append(Block);
+    Pass100ms();
     EXPECT_EQ(Size(), Banner.size() + Fit * Block.size());
     EXPECT_EQ(Head(), Banner.substr(0, 64));
     Append(Block);

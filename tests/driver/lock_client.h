@@ -1,52 +1,34 @@
 // Byte-range locks for tests: by handle through the system services, and as raw requests.
 #pragma once
 
-#include "tests/support/driver_fixture.h"
+#include "tests/driver/frame_client.h"
 
 namespace test {
 
-// A driver with the file \srv\vol\a.txt.
-class LockFixture : public DriverFixture {
+class LockFixture : public FrameFixture {
 protected:
-    using Calls = std::vector<std::string>;
+    using Calls = Lines;
 
     static constexpr Open Writer = {.Access = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE};
 
-    LockFixture() {
-        Provider.AddFile(u"\\srv\\vol\\a.txt", "0123456789");
-    }
-
     NTSTATUS Lock(HANDLE Handle, LONGLONG Offset, LONGLONG Length, ULONG Key = 0, bool Exclusive = true) {
         IO_STATUS_BLOCK IoStatus = {};
-        LARGE_INTEGER At;
-        At.QuadPart = Offset;
-        LARGE_INTEGER Bytes;
-        Bytes.QuadPart = Length;
+        LARGE_INTEGER At = {.QuadPart = Offset};
+        LARGE_INTEGER Bytes = {.QuadPart = Length};
         return NtLockFile(Handle, nullptr, nullptr, nullptr, &IoStatus, &At, &Bytes, Key, TRUE, Exclusive);
     }
     NTSTATUS Unlock(HANDLE Handle, LONGLONG Offset, LONGLONG Length, ULONG Key = 0) {
         IO_STATUS_BLOCK IoStatus = {};
-        LARGE_INTEGER At;
-        At.QuadPart = Offset;
-        LARGE_INTEGER Bytes;
-        Bytes.QuadPart = Length;
+        LARGE_INTEGER At = {.QuadPart = Offset};
+        LARGE_INTEGER Bytes = {.QuadPart = Length};
         return NtUnlockFile(Handle, &IoStatus, &At, &Bytes, Key);
     }
 
-    // A request that carries nothing but its file object.
-    static embedded::IrpBuilder Plain(UCHAR MajorFunction, PFILE_OBJECT File) {
-        embedded::IrpBuilder Builder;
-        Builder.MajorFunction = MajorFunction;
-        Builder.FileObject = File;
-        return Builder;
-    }
     // A request of the lock kind as the I/O manager sends it; Length must stay until it is completed.
     embedded::IrpBuilder Request(HANDLE Handle, UCHAR MinorFunction, LONGLONG Offset, LARGE_INTEGER *Length,
                                  ULONG Key = 0, UCHAR StackFlags = SL_EXCLUSIVE_LOCK) {
-        embedded::IrpBuilder Builder;
-        Builder.MajorFunction = IRP_MJ_LOCK_CONTROL;
+        embedded::IrpBuilder Builder = Plain(IRP_MJ_LOCK_CONTROL, FileObject(Handle));
         Builder.MinorFunction = MinorFunction;
-        Builder.FileObject = FileObject(Handle);
         Builder.StackFlags = StackFlags;
         Builder.Fill = [=](PIO_STACK_LOCATION Stack) {
             Stack->Parameters.LockControl.ByteOffset.QuadPart = Offset;

@@ -3,17 +3,16 @@
 #include "embedded/faults.h"
 #include "embedded/mm.h"
 #include "io/io.h"
-#include "tests/support/driver_fixture.h"
+#include "tests/driver/frame_client.h"
 
 namespace {
 
 using providers::ProviderError;
-using providers::Slot;
 using test::Open;
 
 constexpr LONGLONG EndOfFileMarker = -1;
 
-class Data : public test::DriverFixture {
+class Data : public test::FrameFixture {
 protected:
     static constexpr Open Writer = {.Access = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE};
     static constexpr Open Asynchronous = {.Access = FILE_READ_DATA | FILE_WRITE_DATA, .Options = 0};
@@ -21,9 +20,6 @@ protected:
     HANDLE Handle = nullptr;
     char Buffer[64] = {};
 
-    Data() {
-        Provider.AddFile(u"\\srv\\vol\\a.txt", "0123456789");
-    }
     void OpenFile(const Open &Request = Writer) {
         Handle = MustOpen(u"\\srv\\vol\\a.txt", Request);
         Provider.ClearCalls();
@@ -32,7 +28,7 @@ protected:
         if (Handle != nullptr) {
             Close(Handle);
         }
-        DriverFixture::TearDown();
+        FrameFixture::TearDown();
     }
 
     LONGLONG Position() {
@@ -49,9 +45,7 @@ protected:
     }
     // A read or write as a raw request.
     embedded::IrpBuilder Raw(UCHAR MajorFunction, ULONG Length, LONGLONG Offset) {
-        embedded::IrpBuilder Builder;
-        Builder.MajorFunction = MajorFunction;
-        Builder.FileObject = FileObject(Handle);
+        embedded::IrpBuilder Builder = Plain(MajorFunction, FileObject(Handle));
         Builder.UserBuffer = Buffer;
         Builder.Fill = [=](PIO_STACK_LOCATION Stack) {
             Stack->Parameters.Read.Length = Length;
@@ -59,42 +53,35 @@ protected:
         };
         return Builder;
     }
-    IO_STATUS_BLOCK Send(const embedded::IrpBuilder &Builder) {
-        return embedded::SendIrpAndWait(Device(), Builder);
-    }
 };
 
-struct ReadCase {
-    ULONG Length;
-    LONGLONG Offset;
-    NTSTATUS Status;
-    std::string_view Text;
-    LONGLONG Position;
-};
-
-class Reads : public Data, public testing::WithParamInterface<ReadCase> {};
-
-TEST_P(Reads, GetWhatTheServerHas) {
-    const ReadCase &Case = GetParam();
+TEST_F(Data, AReadGetsWhatTheServerHas) {
+    struct Case {
+        ULONG Length;
+        LONGLONG Offset;
+        NTSTATUS Status;
+        std::string_view Text;
+        LONGLONG Position;
+    };
+    constexpr Case Cases[] = {
+        {0, 3, STATUS_SUCCESS, "", 0}, // of nothing: the position stays
+        {4, 0, STATUS_SUCCESS, "0123", 4},   {8, 6, STATUS_SUCCESS, "6789", 10},
+        {1, 10, STATUS_END_OF_FILE, "", 10}, {5, 1000, STATUS_END_OF_FILE, "", 1000},
+    };
     OpenFile();
-    const test::Transfer Result = Read(Handle, Buffer, Case.Length, Case.Offset);
-    EXPECT_EQ(Result.Status, Case.Status);
-    EXPECT_EQ(std::string_view(Buffer, Result.Information), Case.Text);
-    EXPECT_EQ(Position(), Case.Position);
+    for (const Case &Each : Cases) {
+        const test::Transfer Result = Read(Handle, Buffer, Each.Length, Each.Offset);
+        EXPECT_EQ(Result.Status, Each.Status) << Each.Offset;
+        EXPECT_EQ(std::string_view(Buffer, Result.Information), Each.Text) << Each.Offset;
+        EXPECT_EQ(Position(), Each.Position) << Each.Offset;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Ranges, Reads,
-                         testing::Values(ReadCase{4, 0, STATUS_SUCCESS, "0123", 4},
-                                         ReadCase{8, 6, STATUS_SUCCESS, "6789", 10},
-                                         ReadCase{1, 10, STATUS_END_OF_FILE, "", 10},
-                                         ReadCase{5, 1000, STATUS_END_OF_FILE, "", 1000},
-                                         ReadCase{0, 3, STATUS_SUCCESS, "", 0}));
 
 TEST_F(Data, TransfersOfNothingDoNotReachTheProvider) {
     OpenFile();
     EXPECT_EQ(Read(Handle, Buffer, 0, 3).Status, STATUS_SUCCESS);
     EXPECT_EQ(Write(Handle, Buffer, 0, 7).Status, STATUS_SUCCESS);
-    EXPECT_EQ(CallNames(), std::vector<std::string>{});
+    EXPECT_EQ(CallNames(), Lines{});
     EXPECT_EQ(Position(), 7); // the write's, not the read's
     EXPECT_EQ(Send(Raw(IRP_MJ_WRITE, 0, EndOfFileMarker)).Status, STATUS_SUCCESS);
     EXPECT_EQ(Position(), 7); // the end of file was not asked
@@ -119,7 +106,7 @@ TEST_F(Data, AnAppendGoesWhereTheServerSaysTheFileEnds) {
     Provider.AddFile(u"\\srv\\vol\\a.txt", "0123456789ABC"); // somebody else's three
     Provider.ClearCalls();
     EXPECT_EQ(Send(Raw(IRP_MJ_WRITE, 2, EndOfFileMarker)).Information, 2u);
-    EXPECT_EQ(CallNames(), (std::vector<std::string>{"RVFsdGetFileSize", "RVFsdWriteFile"}));
+    EXPECT_EQ(CallNames(), (Lines{"RVFsdGetFileSize", "RVFsdWriteFile"}));
     EXPECT_EQ(Position(), FileSize());
 }
 
@@ -153,51 +140,37 @@ TEST_F(Data, AsynchronousFilesHaveNoPosition) {
     EXPECT_TRUE(Modified());
 }
 
-struct RangeCase {
-    UCHAR MajorFunction;
-    ULONG Length;
-    LONGLONG Offset;
-};
-
-class BadRanges : public Data, public testing::WithParamInterface<RangeCase> {};
-
-TEST_P(BadRanges, AreRefusedBeforeTheProvider) {
+TEST_F(Data, RangesThatNoOffsetCanNameAreRefusedBeforeTheProvider) {
     OpenFile();
-    const IO_STATUS_BLOCK Result = Send(Raw(GetParam().MajorFunction, GetParam().Length, GetParam().Offset));
-    EXPECT_EQ(Result.Status, STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(CallNames(), std::vector<std::string>{});
+    for (const auto &[MajorFunction, Length, Offset] : {std::tuple{IRP_MJ_READ, 1, -1ll},
+                                                        {IRP_MJ_READ, 2, INT64_MAX - 1ll},
+                                                        {IRP_MJ_WRITE, 1, -2ll},
+                                                        {IRP_MJ_WRITE, 2, INT64_MAX - 1ll}}) {
+        EXPECT_EQ(Send(Raw(static_cast<UCHAR>(MajorFunction), static_cast<ULONG>(Length), Offset)).Status,
+                  STATUS_INVALID_PARAMETER);
+    }
+    EXPECT_EQ(CallNames(), Lines{});
 }
 
-INSTANTIATE_TEST_SUITE_P(Ranges, BadRanges,
-                         testing::Values(RangeCase{IRP_MJ_READ, 1, -1}, RangeCase{IRP_MJ_READ, 2, INT64_MAX - 1},
-                                         RangeCase{IRP_MJ_WRITE, 1, -2}, RangeCase{IRP_MJ_WRITE, 2, INT64_MAX - 1}));
-
-struct AnswerCase {
-    ULONG Raw;
-    NTSTATUS Status;
-};
-
-class Answers : public Data, public testing::WithParamInterface<AnswerCase> {};
-
 // Warnings and a Provider that calls the transfer pending are failures: nothing is reported, nothing moves.
-TEST_P(Answers, ThatAreFailuresReportNothing) {
+TEST_F(Data, AnswersThatAreFailuresReportNothing) {
     OpenFile();
-    Provider.OnCall(Slot::ReadFile).ReturnAfter(static_cast<RVSTATUS>(GetParam().Raw));
-    Provider.OnCall(Slot::WriteFile).Return(static_cast<RVSTATUS>(GetParam().Raw));
-    for (const IO_STATUS_BLOCK &Result : {Send(Raw(IRP_MJ_READ, 4, 2)), Send(Raw(IRP_MJ_WRITE, 40, 2))}) {
-        EXPECT_EQ(Result.Status, GetParam().Status);
-        EXPECT_EQ(Result.Information, 0u);
+    for (const auto &[Answer, Status] : {std::pair{0xC7E7051Eu, STATUS_FILE_LOCK_CONFLICT},
+                                         {0x87E70007u, STATUS_BUFFER_OVERFLOW},
+                                         {0x0000000Eu, STATUS_UNSUCCESSFUL},
+                                         {0xC7E70000u, STATUS_UNSUCCESSFUL}}) {
+        Provider.OnCall(Slot::ReadFile).ReturnAfter(static_cast<RVSTATUS>(Answer));
+        Provider.OnCall(Slot::WriteFile).Return(static_cast<RVSTATUS>(Answer));
+        for (const IO_STATUS_BLOCK &Result : {Send(Raw(IRP_MJ_READ, 4, 2)), Send(Raw(IRP_MJ_WRITE, 40, 2))}) {
+            EXPECT_EQ(Result.Status, Status) << std::hex << Answer;
+            EXPECT_EQ(Result.Information, 0u) << std::hex << Answer;
+        }
+        Provider.ClearScript();
     }
     EXPECT_EQ(Position(), 0);
     EXPECT_EQ(FileSize(), 10);
     EXPECT_FALSE(Modified());
 }
-
-INSTANTIATE_TEST_SUITE_P(Statuses, Answers,
-                         testing::Values(AnswerCase{0xC7E7051E, STATUS_FILE_LOCK_CONFLICT},
-                                         AnswerCase{0x87E70007, STATUS_BUFFER_OVERFLOW},
-                                         AnswerCase{0x0000000E, STATUS_UNSUCCESSFUL},
-                                         AnswerCase{0xC7E70000, STATUS_UNSUCCESSFUL}));
 
 TEST_F(Data, AWriteThatMovedNothingDoesNotShrinkTheFile) {
     OpenFile();
@@ -218,7 +191,6 @@ TEST_F(Data, MoreThanWasAskedForIsNeverReported) {
 }
 
 // ---- Buffers
-// -----------------------------------------------------------------------------------------------------------
 
 class CallersMdl {
 public:
@@ -250,7 +222,7 @@ TEST_F(Data, AWriteFromAnMdlThatIsTooShortIsRefused) {
     embedded::IrpBuilder Builder = Raw(IRP_MJ_WRITE, 8, 0);
     Builder.Mdl = Short.Mdl;
     EXPECT_EQ(Send(Builder).Status, STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(CallNames(), std::vector<std::string>{});
+    EXPECT_EQ(CallNames(), Lines{});
 }
 
 TEST_F(Data, AnAddressThatIsNotTheCallersIsReportedAndNothingIsTransferred) {
@@ -261,29 +233,22 @@ TEST_F(Data, AnAddressThatIsNotTheCallersIsReportedAndNothingIsTransferred) {
         Builder.RequestorMode = UserMode;
         EXPECT_EQ(Send(Builder).Status, STATUS_ACCESS_VIOLATION);
     }
-    EXPECT_EQ(CallNames(), std::vector<std::string>{});
+    EXPECT_EQ(CallNames(), Lines{});
 }
 
-struct FaultCase {
-    embedded::FaultKind Kind;
-};
-
-class BufferFaults : public Data, public testing::WithParamInterface<FaultCase> {};
-
-TEST_P(BufferFaults, EndTheTransferWithoutAProviderCall) {
+TEST_F(Data, WithoutAnMdlOrItsMappingNothingIsTransferred) {
     OpenFile();
-    for (UCHAR MajorFunction : {IRP_MJ_READ, IRP_MJ_WRITE}) {
-        const embedded::PlannedFaults Faults({.Kinds = embedded::FaultBit(GetParam().Kind)});
-        const IO_STATUS_BLOCK Result = Send(Raw(MajorFunction, 8, 0));
-        EXPECT_EQ(Result.Status, STATUS_INSUFFICIENT_RESOURCES);
-        EXPECT_EQ(Result.Information, 0u);
+    for (const embedded::FaultKind Kind : {embedded::FaultKind::Mdl, embedded::FaultKind::Map}) {
+        for (const UCHAR MajorFunction : {IRP_MJ_READ, IRP_MJ_WRITE}) {
+            const embedded::PlannedFaults Faults({.Kinds = embedded::FaultBit(Kind)});
+            const IO_STATUS_BLOCK Result = Send(Raw(MajorFunction, 8, 0));
+            EXPECT_EQ(Result.Status, STATUS_INSUFFICIENT_RESOURCES);
+            EXPECT_EQ(Result.Information, 0u);
+        }
     }
-    EXPECT_EQ(CallNames(), std::vector<std::string>{});
+    EXPECT_EQ(CallNames(), Lines{});
     EXPECT_EQ(Read(Handle, Buffer, 4, 0).Information, 4u); // nothing is left held
 }
-
-INSTANTIATE_TEST_SUITE_P(Kinds, BufferFaults,
-                         testing::Values(FaultCase{embedded::FaultKind::Mdl}, FaultCase{embedded::FaultKind::Map}));
 
 TEST_F(Data, ATransferOnABusyFileIsPostedAndDone) {
     Start({.Switches = {{u"EnableAsyncIo", 1}}});
@@ -304,7 +269,6 @@ TEST_F(Data, TransfersOnADirectoryAreRefused) {
 }
 
 // ---- The disk-full latch
-// -------------------------------------------------------------------------------------------------
 
 TEST_F(Data, ARefusedSizeRefusesWritesBeyondTheFreeSpaceForFiveSeconds) {
     OpenFile();
@@ -324,39 +288,33 @@ TEST_F(Data, ARefusedSizeRefusesWritesBeyondTheFreeSpaceForFiveSeconds) {
 }
 
 // ---- Sizes
-// ---------------------------------------------------------------------------------------------------------------
 
-struct SizeCase {
-    LONG64 Offset;
-    ULONG64 Length;
-    LONGLONG Size; // starting from 10
-};
-
-class Sizes : public Data, public testing::WithParamInterface<SizeCase> {};
-
-TEST_P(Sizes, GrowWithTransfersAndAreSetByALengthOfZero) {
+TEST_F(Data, SizesGrowWithTransfersAndAreSetByALengthOfZero) {
+    struct Case {
+        LONG64 Offset;
+        ULONG64 Length;
+        LONGLONG Size; // starting from 10
+    };
     OpenFile();
     const PFCB File = Fcb(Handle);
-    // A shared holder gets its hold back shared; an exclusive one keeps it, whatever it says of itself.
-    NtFsdAcquireShared(&File->Resource, TRUE);
-    RvFsdUpdateFCBFileSize(File, FALSE, GetParam().Offset, GetParam().Length);
-    EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&File->Resource));
-    EXPECT_EQ(ExIsResourceAcquiredSharedLite(&File->Resource), 1u);
-    NtFsdReleaseResource(&File->Resource);
-    EXPECT_EQ(FileSize(), GetParam().Size);
-
-    NtFsdAcquireExclusive(&File->Resource, TRUE);
-    NtFsdAcquireShared(&File->Resource, TRUE);
-    RvFsdUpdateFCBFileSize(File, FALSE, 500, 0);
-    EXPECT_TRUE(ExIsResourceAcquiredExclusiveLite(&File->Resource));
-    NtFsdReleaseResource(&File->Resource);
-    NtFsdReleaseResource(&File->Resource);
-    EXPECT_EQ(FileSize(), 500);
+    for (const Case &Each : {Case{8, 6, 14}, Case{2, 3, 10}, Case{4, 0, 4}, Case{99, 0, 99}, Case{10, 0, 10}}) {
+        // An exclusive holder keeps its hold, whatever it says of itself.
+        NtFsdAcquireExclusive(&File->Resource, TRUE);
+        NtFsdAcquireShared(&File->Resource, TRUE);
+        RvFsdUpdateFCBFileSize(File, FALSE, 10, 0);
+        EXPECT_TRUE(ExIsResourceAcquiredExclusiveLite(&File->Resource));
+        NtFsdReleaseResource(&File->Resource);
+        NtFsdReleaseResource(&File->Resource);
+        EXPECT_EQ(FileSize(), 10);
+        // A shared one gets it back shared.
+        NtFsdAcquireShared(&File->Resource, TRUE);
+        RvFsdUpdateFCBFileSize(File, FALSE, Each.Offset, Each.Length);
+        EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&File->Resource));
+        EXPECT_EQ(ExIsResourceAcquiredSharedLite(&File->Resource), 1u);
+        NtFsdReleaseResource(&File->Resource);
+        EXPECT_EQ(FileSize(), Each.Size);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Changes, Sizes,
-                         testing::Values(SizeCase{8, 6, 14}, SizeCase{2, 3, 10}, SizeCase{4, 0, 4}, SizeCase{99, 0, 99},
-                                         SizeCase{10, 0, 10}));
 
 TEST_F(Data, AThreadWithTwoSharedHoldsDoesNotWaitForItself) {
     OpenFile();
@@ -370,13 +328,12 @@ TEST_F(Data, AThreadWithTwoSharedHoldsDoesNotWaitForItself) {
 }
 
 // ---- Flush
-// -----------------------------------------------------------------------------------------------------------------
 
 TEST_F(Data, AFlushAsksTheProviderAndReportsItsAnswer) {
     OpenFile();
     IO_STATUS_BLOCK IoStatus = {};
     EXPECT_EQ(NtFlushBuffersFile(Handle, &IoStatus), STATUS_SUCCESS);
-    EXPECT_EQ(CallNames(), std::vector<std::string>{"RVFsdFlushFile"});
+    EXPECT_EQ(CallNames(), Lines{"RVFsdFlushFile"});
     Provider.OnCall(Slot::FlushFile).Return(ProviderError(0x0509));
     EXPECT_EQ(NtFlushBuffersFile(Handle, &IoStatus), STATUS_DISK_FULL);
     EXPECT_EQ(IoStatus.Information, 0u);

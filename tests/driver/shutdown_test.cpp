@@ -11,7 +11,6 @@
 #include "frame/driver.h"
 #include "provider/binding.h"
 #include "provider/class_factory.h"
-#include "tests/driver/frame_client.h"
 #include "tests/driver/lock_client.h"
 
 namespace {
@@ -38,17 +37,6 @@ private:
 
 class Shutdown : public test::LockFixture {
 protected:
-    using Lines = std::vector<std::string>;
-    using Class = providers::FrameworkClass;
-    using Slot = providers::Slot;
-
-    void StartTracing(ULONG Mask) {
-        Start({.Switches = {{u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", Mask}}});
-    }
-    void Bind() {
-        Close(MustOpen(u"\\srv\\vol\\a.txt"));
-        Provider.ClearCalls();
-    }
     NTSTATUS ShutDown() {
         return Kernel().SendShutdown();
     }
@@ -114,7 +102,6 @@ TEST_F(Shutdown, IsCompletedBeforeItTearsDownWithBoostTwo) {
 }
 
 // ---- Afterwards
-// ------------------------------------------------------------------------------------------------------
 
 struct After {
     UCHAR MajorFunction;
@@ -191,17 +178,13 @@ TEST_F(Shutdown, MappingObjectsMayBeReleasedAfterwards) {
 }
 
 // ---- What is open or under way
-// ---------------------------------------------------------------------------------------
 
 TEST_F(Shutdown, OpensThatOutliveItHaveNoProviderHandlesAndCloseHarmlessly) {
     Provider.AddFile(u"\\srv\\vol\\doomed.txt", "stays");
-    Provider.AddDirectory(u"\\srv\\vol\\docs");
-    Start();
     const HANDLE Handles[] = {
         MustOpen(u"\\srv\\vol\\a.txt"),
-        MustOpen(u"\\srv\\vol\\a.txt"),
-        MustOpen(u"\\srv\\vol\\docs", {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
-                                       .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT}),
+        MustOpen(u"\\srv\\vol\\A.TXT"),
+        MustOpen(u"\\srv\\vol\\docs", AsDirectory),
         MustOpen(u"\\srv\\vol\\doomed.txt",
                  {.Access = DELETE | SYNCHRONIZE, .Options = FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT}),
         MustOpen(u""),
@@ -218,15 +201,44 @@ TEST_F(Shutdown, OpensThatOutliveItHaveNoProviderHandlesAndCloseHarmlessly) {
     EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\doomed.txt")) << "no pending delete is carried out";
 }
 
-TEST_F(Shutdown, ALockThatWaitsIsCancelled) {
+TEST_F(Shutdown, OpensThatBorrowHandlesOfOthersEndInAnyOrder) {
+    Provider.AddFile(u"\\srv\\vol\\docs\\f.txt", "x");
+    const HANDLE Parent = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+    const HANDLE Child = MustOpen(u"f.txt", {.Related = Parent});
+    EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(Close(Parent), STATUS_SUCCESS);
+    EXPECT_EQ(Close(Child), STATUS_SUCCESS);
+}
+
+TEST_F(Shutdown, ASectionUnderWayGivesTheFileBackAfterwards) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    const HANDLE Again = MustOpen(u"", {.Related = Handle});
+    const HANDLE OfDevice = MustOpen(u"");
+    const PFAST_IO_DISPATCH Table = Kernel().Driver()->FastIoDispatch;
+    Table->AcquireFileForNtCreateSection(FileObject(Again));
+    Table->AcquireFileForNtCreateSection(FileObject(OfDevice));
+    EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
+    Table->ReleaseFileForNtCreateSection(FileObject(OfDevice)); // its FCB is gone
+    Table->ReleaseFileForNtCreateSection(FileObject(Again));
+    EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Fcb(Handle)->Resource));
+    Table->AcquireFileForNtCreateSection(FileObject(Handle));
+    EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Fcb(Handle)->Resource)) << "nothing new begins";
+    for (const HANDLE Each : {Handle, Again, OfDevice}) {
+        Close(Each);
+    }
+}
+
+TEST_F(Shutdown, LocksThatWaitAreCancelledOneAfterTheOther) {
     const HANDLE Holder = MustOpen(u"\\srv\\vol\\a.txt", Writer);
     const HANDLE Waiter = MustOpen(u"\\srv\\vol\\a.txt", Writer);
     EXPECT_EQ(Lock(Holder, 0, 10), STATUS_SUCCESS);
     LARGE_INTEGER Length = {.QuadPart = 4};
-    embedded::SentIrp Waiting = Wait(Waiter, 2, &Length);
-    EXPECT_EQ(Waiting.Returned(), STATUS_PENDING);
+    embedded::SentIrp One = Wait(Waiter, 2, &Length);
+    embedded::SentIrp Two = Wait(Waiter, 2, &Length);
+    EXPECT_EQ(One.Returned(), STATUS_PENDING);
     EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
-    EXPECT_EQ(Waiting.Wait().Status, STATUS_CANCELLED);
+    EXPECT_EQ(One.Wait().Status, STATUS_CANCELLED);
+    EXPECT_EQ(Two.Wait().Status, STATUS_CANCELLED);
     Close(Holder);
     Close(Waiter);
 }
@@ -284,7 +296,6 @@ TEST_F(Shutdown, ACloseThatComesWhileItWaitsLeavesNothing) {
 }
 
 // ---- Races
-// -----------------------------------------------------------------------------------------------------------
 
 TEST_F(Shutdown, OfTwoAtOnceOneTearsDownAndTheOtherIsRefused) {
     for (int Round = 0; Round < 50; ++Round) {

@@ -3,6 +3,7 @@
 
 #include "embedded/ex.h"
 #include "embedded/faults.h"
+#include "embedded/mm.h"
 #include "embedded/mup.h"
 #include "embedded/ps.h"
 #include "frame/driver.h"
@@ -11,6 +12,7 @@
 #include "provider/binding.h"
 #include "tests/driver/frame_client.h"
 #include "tests/driver/request_log.h"
+#include "tests/support/driver_under_test.h"
 
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
 
@@ -33,7 +35,6 @@ protected:
 };
 
 // ---- Switches
-// --------------------------------------------------------------------------------------------------------
 
 struct Switch {
     const char16_t *Name;
@@ -119,7 +120,6 @@ TEST_F(DriverStart, AServiceKeyThatIsMissingLeavesTheDefaults) {
 }
 
 // ---- What stands after the start
-// -------------------------------------------------------------------------------------
 
 TEST_F(DriverStart, TheDeviceIsAnUnnamedNetworkFileSystem) {
     Start();
@@ -167,15 +167,38 @@ TEST_F(DriverStart, TheLookasideListFollowsTheSystemSize) {
     }
 }
 
+TEST_F(DriverStart, ARequestsContextIsTakenFromTheListAndPutBack) {
+    embedded::SetLookasideCaching(embedded::LookasideCaching::Always);
+    Start();
+    for (int Round = 0; Round < 8; ++Round) {
+        EXPECT_EQ(Close(MustOpen(u"\\srv\\vol\\a.txt")), STATUS_SUCCESS);
+    }
+    EXPECT_GT(g_IrpContextLookasideList.L.TotalAllocates, g_IrpContextLookasideList.L.AllocateMisses * 4);
+    EXPECT_EQ(g_IrpContextLookasideList.L.FreeMisses, 0u);
+    Stop();
+    embedded::SetLookasideCaching(embedded::LookasideCaching::FollowVerifier);
+}
+
 TEST_F(DriverStart, FastIoReadsAndWritesByTheCacheAndRefusesTheRest) {
     StartTracing(1);
     const PFAST_IO_DISPATCH Table = Kernel().Driver()->FastIoDispatch;
     ASSERT_NE(Table, nullptr);
     EXPECT_EQ(Table->SizeOfFastIoDispatch, 224u);
-    EXPECT_EQ(Table->FastIoRead, FsRtlCopyRead);
-    EXPECT_EQ(Table->FastIoWrite, FsRtlCopyWrite);
+    EXPECT_EQ(test::ServiceBehind(reinterpret_cast<void *>(Table->FastIoRead)),
+              reinterpret_cast<void *>(FsRtlCopyRead));
+    EXPECT_EQ(test::ServiceBehind(reinterpret_cast<void *>(Table->FastIoWrite)),
+              reinterpret_cast<void *>(FsRtlCopyWrite));
     EXPECT_EQ(Table->FastIoLock, nullptr);
     EXPECT_EQ(Table->FastIoDeviceControl, nullptr);
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    IO_STATUS_BLOCK IoStatus = {};
+    LARGE_INTEGER Offset = {};
+    char Bytes[4];
+    // Without a cache the I/O manager has to send a request.
+    for (const auto Routine : {Table->FastIoRead, Table->FastIoWrite}) {
+        EXPECT_FALSE(Routine(FileObject(Handle), &Offset, sizeof(Bytes), TRUE, 0, Bytes, &IoStatus, Device()));
+    }
+    EXPECT_EQ(Close(Handle), STATUS_SUCCESS);
     Printed.clear();
     EXPECT_FALSE(Table->FastIoCheckIfPossible(nullptr, nullptr, 0, TRUE, 0, TRUE, nullptr, nullptr));
     EXPECT_FALSE(Table->FastIoQueryBasicInfo(nullptr, TRUE, nullptr, nullptr, nullptr));
@@ -189,12 +212,18 @@ TEST_F(DriverStart, ASectionIsCreatedUnderTheFilesResource) {
     Start();
     const PFAST_IO_DISPATCH Table = Kernel().Driver()->FastIoDispatch;
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
-    const auto Closes = embedded::CurrentThread().CriticalRegions;
-    Table->AcquireFileForNtCreateSection(FileObject(Handle));
-    EXPECT_TRUE(ExIsResourceAcquiredExclusiveLite(&Fcb(Handle)->Resource));
-    Table->ReleaseFileForNtCreateSection(FileObject(Handle));
-    EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Fcb(Handle)->Resource));
-    EXPECT_EQ(embedded::CurrentThread().CriticalRegions, Closes);
+    const HANDLE Again = MustOpen(u"", {.Related = Handle}); // a file without a name of its own
+    const auto Regions = embedded::CurrentThread().CriticalRegions;
+    for (const HANDLE Each : {Handle, Again}) {
+        Table->AcquireFileForNtCreateSection(FileObject(Each));
+        EXPECT_TRUE(ExIsResourceAcquiredExclusiveLite(&Fcb(Each)->Resource));
+        embedded::ResetSectionCloses();
+        Table->ReleaseFileForNtCreateSection(FileObject(Each));
+        EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Fcb(Each)->Resource));
+        EXPECT_EQ(embedded::LastSectionClosed(), &Fcb(Each)->SectionObjectPointers);
+        EXPECT_EQ(embedded::CurrentThread().CriticalRegions, Regions);
+    }
+    Close(Again);
     // The control device has no data, and its FCB does not wait for those who hold it.
     const HANDLE OfDevice = MustOpen(u"");
     Table->AcquireFileForNtCreateSection(FileObject(OfDevice));
@@ -204,7 +233,7 @@ TEST_F(DriverStart, ASectionIsCreatedUnderTheFilesResource) {
     const test::OwnedFile Bare(Device(), u"\\srv\\vol\\a.txt");
     Table->AcquireFileForNtCreateSection(Bare);
     Table->ReleaseFileForNtCreateSection(Bare);
-    EXPECT_EQ(embedded::CurrentThread().CriticalRegions, Closes);
+    EXPECT_EQ(embedded::CurrentThread().CriticalRegions, Regions);
     Close(Handle);
 }
 
@@ -225,7 +254,6 @@ TEST_F(DriverStart, TellsItsStepsInOrder) {
 }
 
 // ---- Starts that fail
-// ------------------------------------------------------------------------------------------------
 
 class FailedStart : public DriverStart {
 protected:
@@ -339,7 +367,6 @@ TEST_F(FailedStart, AMissingDeferredThreadIsTheAnswerAndUndoesNothing) {
 }
 
 // ---- The deferred thread
-// ---------------------------------------------------------------------------------------------
 
 class DeferredStart : public DriverStart {
 protected:

@@ -282,6 +282,35 @@ TEST(PoolDeathTest, OverrunUnderrunAndUseAfterFreeStop) {
         "STOP 0x000000CC.*was written to at offset 3");
     Free();
 }
+#else
+// What the sanitizer reports at the access itself.
+TEST(PoolDeathTest, OverrunUseAfterFreeOverlapAndUnwoundStackStop) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto Block = static_cast<volatile char *>(ExAllocatePoolWithTag(NonPagedPool, 33, Tag));
+    const PVOID Start = const_cast<char *>(Block);
+    volatile SIZE_T Length = 20;
+    EXPECT_DEATH(Block[33] = 1, "heap-buffer-overflow");
+    EXPECT_DEATH(
+        {
+            ExFreePoolWithTag(Start, Tag);
+            Block[3] = 1;
+        },
+        "heap-use-after-free");
+    EXPECT_DEATH(RtlCopyMemory(Start, static_cast<char *>(Start) + 4, Length), "memcpy-param-overlap");
+    EXPECT_DEATH(
+        {
+            // A status block of a frame that has gone.
+            PIO_STATUS_BLOCK(*volatile Leave)
+            () = [] {
+                IO_STATUS_BLOCK Local;
+                PIO_STATUS_BLOCK volatile Escaped = &Local;
+                return static_cast<PIO_STATUS_BLOCK>(Escaped);
+            };
+            Leave()->Information = 1;
+        },
+        "stack-use-after-return");
+    ExFreePoolWithTag(Start, Tag);
+}
 #endif
 #endif
 

@@ -2,6 +2,7 @@
 
 #include <thread>
 
+#include "embedded/io_objects.h"
 #include "embedded/ps.h"
 #include "io_fixture.h"
 #include "planted.h"
@@ -395,6 +396,25 @@ const PlantedFault Planted[] = {
                  return STATUS_PENDING;
              },
              Builder);
+     }},
+    {"CompletedButNoIrp", 0xC9, 0x01, "no IRP",
+     [] {
+         alignas(16) static char Bytes[2 * sizeof(IrpBlock)] = {};
+         IofCompleteRequest(&reinterpret_cast<IrpBlock *>(Bytes)->Irp, 0);
+     }},
+    {"FreedInTheDriversHands", 0xC9, 0x20A, "still had it",
+     [] {
+         Read([](PIRP Irp) {
+             FreeIrp(IrpBlock::Of(Irp));
+             return STATUS_SUCCESS;
+         });
+     }},
+    {"UserAddressInAKernelRequest", 0xC4, 0xE2, "an address of a process",
+     [] {
+         const UserMemory Client(64);
+         IrpBuilder Builder = Request(IRP_MJ_READ);
+         Builder.UserBuffer = Client.Address();
+         Read([](PIRP Irp) { return Complete(Irp, STATUS_SUCCESS); }, Builder);
      }},
     {"CompletedByAStranger", 0xC9, 0x205, "not sent to",
      [] {

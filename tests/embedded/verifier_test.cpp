@@ -152,6 +152,26 @@ const PlantedFault IrqlFaults[] = {
          RaisedIrql Raised(ApcLevel);
          PsCreateSystemThread(&Thread, 0, nullptr, nullptr, nullptr, nullptr, nullptr);
      }},
+    {"CaseOfNamesAtApc", V, 0x20002, "RtlEqualUnicodeString",
+     [] {
+         UNICODE_STRING Name{};
+         RaisedIrql Raised(ApcLevel);
+         RtlEqualUnicodeString(&Name, &Name, TRUE);
+     }},
+    {"RegistryAtApc", V, 0x20002, "ZwOpenKey",
+     [] {
+         OBJECT_ATTRIBUTES Attributes{};
+         HANDLE Key;
+         RaisedIrql Raised(ApcLevel);
+         ZwOpenKey(&Key, KEY_READ, &Attributes);
+     }},
+    {"ShareAccessAtDispatch", V, 0x20002, "IoSetShareAccess",
+     [] {
+         FILE_OBJECT File{};
+         SHARE_ACCESS Share{};
+         RaisedIrql Raised(DispatchLevel);
+         IoSetShareAccess(FILE_READ_DATA, 0, &File, &Share);
+     }},
     {"RaiseToLower", V, 0x30, "KeRaiseIrql",
      [] {
          KeRaiseIrql(DispatchLevel);
@@ -183,6 +203,16 @@ const PlantedFault IrqlFaults[] = {
     {"FastIoKeepsRegion", V, 0xC5, "fast I/O",
      [] {
          RequireUnchanged Same(DriverCall::FastIo, "FastIoRead");
+         KeEnterCriticalRegion();
+     }},
+    {"FastIoChangesIrql", V, 0xC6, "fast I/O",
+     [] {
+         RequireUnchanged Same(DriverCall::FastIo, "FastIoRead");
+         KeRaiseIrql(ApcLevel);
+     }},
+    {"CompletionKeepsRegion", V, 0xFB, "completion",
+     [] {
+         RequireUnchanged Same(DriverCall::Completion, "Done");
          KeEnterCriticalRegion();
      }},
     {"CompletionChangesIrql", V, 0xFA, "completion",
@@ -330,6 +360,19 @@ const PlantedFault LockFaults[] = {
      }},
     {"SystemThreadEndsInRegion", 0x20, 0, "ended in 1 critical regions",
      [] { InSystemThread([](PVOID) NTAPI { KeEnterCriticalRegion(); }); }},
+    {"EventInUserMemory", V, 0xE0, "an address of a process",
+     [] {
+         const UserMemory Client(sizeof(KEVENT));
+         KeInitializeEvent(static_cast<PKEVENT>(Client.Address()), NotificationEvent, FALSE);
+     }},
+    {"UserAddressGivenToZw", V, 0xE3, "ZwQueryValueKey",
+     [] {
+         const UserMemory Client(64);
+         UNICODE_STRING Name{};
+         ULONG Length;
+         ZwQueryValueKey(nullptr, &Name, KeyValuePartialInformation, static_cast<char *>(Client.Address()) + 8, 20,
+                         &Length);
+     }},
     {"ForeignWaitOnStack", V, 0x123, "kernel stack",
      [] {
          KEVENT Event;

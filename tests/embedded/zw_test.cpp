@@ -27,6 +27,16 @@ protected:
     IO_STATUS_BLOCK Iosb{};
 };
 
+TEST_F(ZwTest, AnObjectNameOfHalfACharacterIsInvalid) {
+    UNICODE_STRING Name = ToUnicodeString(u"\\Device\\RvFsd\\f");
+    --Name.Length;
+    OBJECT_ATTRIBUTES Attributes;
+    InitializeObjectAttributes(&Attributes, &Name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
+    HANDLE Handle;
+    IO_STATUS_BLOCK Iosb;
+    EXPECT_EQ(NtOpenFile(&Handle, FILE_READ_DATA, &Attributes, &Iosb, 0, 0), STATUS_OBJECT_NAME_INVALID);
+}
+
 TEST_F(ZwTest, AnOpenReachesTheDriverWithNameFlagsAndAccess) {
     std::u16string Name;
     ULONG Options = 0, FileFlags = 0, IrpFlags = 0;

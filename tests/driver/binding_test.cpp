@@ -1,0 +1,228 @@
+// Binding to the component framework on the first request, and the class that the driver publishes.
+
+#include <thread>
+
+#include "frame/driver.h"
+#include "provider/binding.h"
+#include "provider/class_factory.h"
+#include "tests/driver/frame_client.h"
+
+namespace {
+
+class Binding : public test::FrameFixture {
+protected:
+    NTSTATUS FirstRequest() {
+        return Send(Plain(IRP_MJ_DEVICE_CONTROL, nullptr)).Status;
+    }
+    // What a request is answered that reached its common routine.
+    static constexpr NTSTATUS Served = STATUS_INVALID_DEVICE_REQUEST;
+    // Only a test lets the driver try again, so that it can shut down; it must not obtain twice what it kept.
+    static void Forget() {
+        NtFsdReleaseSecurityContextInterface();
+        NtFsdReleaseProviderInterfaces();
+        NtFsdReleaseRvplInterface();
+        g_bFrameworkBindFailed = 0;
+    }
+};
+
+TEST_F(Binding, HappensOnceWithTheFirstRequestInItsOrder) {
+    Start();
+    EXPECT_EQ(Framework->Log(), Lines{});
+    EXPECT_EQ(FirstRequest(), Served);
+    EXPECT_EQ(Framework->Log(),
+              (Lines{"create RVPL -> 0x00000000", "create Transport -> 0x00000000", "create Quillon -> 0x00000000",
+                     "create Provider -> 0x00000000", "create SecurityContext -> 0x00000000"}));
+    EXPECT_EQ(FirstRequest(), Served);
+    EXPECT_EQ(Framework->Log().size(), 5u);
+}
+
+TEST_F(Binding, BeforeTheStartHasFinishedIsRefusedAndDoesNotCount) {
+    Start();
+    g_bDriverEntryDone = 0;
+    EXPECT_EQ(FirstRequest(), STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Framework->Log(), Lines{});
+    g_bDriverEntryDone = 1;
+    EXPECT_EQ(FirstRequest(), Served);
+}
+
+struct FailedClass {
+    providers::FrameworkClass Class;
+    const char *Told;
+    bool AnyStatusFails; // otherwise only an error does
+};
+
+constexpr FailedClass Classes[] = {
+    {providers::FrameworkClass::Rvpl, "VEYFSD: Unable to obtain RVPL interface\n", false},
+    {providers::FrameworkClass::Transport, "VEYFSD: Unable to obtain RVP Transport interface, status = C7E70002\n",
+     false},
+    {providers::FrameworkClass::Quillon, "VEYFSD: Error Loading Quillon, status = C7E70002\n", false},
+    {providers::FrameworkClass::Provider, "Unable to obtain RVIOM Fsd interface\n", true},
+    {providers::FrameworkClass::SecurityContext, "Unable to obtain Local Security Context interface\n", true},
+};
+
+TEST_F(Binding, ThatFailsIsToldNeverRetriedAndKeepsWhatItGot) {
+    for (const FailedClass &Failed : Classes) {
+        StartTracing(0x10000);
+        Printed.clear();
+        Framework->FailCreate(Failed.Class, RVPSTATUS::NoSuchClass);
+        EXPECT_EQ(FirstRequest(), STATUS_UNSUCCESSFUL);
+        EXPECT_EQ(Printed, std::string("[RVFSD] ") + Failed.Told);
+        EXPECT_EQ(FirstRequest(), STATUS_UNSUCCESSFUL);
+        for (const FailedClass &Each : Classes) {
+            EXPECT_EQ(Framework->References(Each.Class), Each.Class < Failed.Class ? 1 : 0);
+            EXPECT_EQ(Framework->CreateCount(Each.Class), Each.Class <= Failed.Class ? 1u : 0u);
+        }
+        EXPECT_EQ(g_bFrameworkBound, 0);
+        Forget();
+        Stop();
+    }
+}
+
+TEST_F(Binding, TakesANoteForSuccessWhereOnlyAnErrorFails) {
+    constexpr auto Note = static_cast<RVPSTATUS>(0x40000001);
+    for (const FailedClass &Each : Classes) {
+        Start();
+        Framework->AnswerCreate(Each.Class, Note);
+        EXPECT_EQ(FirstRequest(), Each.AnyStatusFails ? STATUS_UNSUCCESSFUL : Served);
+        if (Each.AnyStatusFails) {
+            Forget();
+        }
+        Stop();
+        // A success without an object is none.
+        Start();
+        Framework->FailCreate(Each.Class, RVPSTATUS::Success);
+        EXPECT_EQ(FirstRequest(), STATUS_UNSUCCESSFUL);
+        Forget();
+        Stop();
+    }
+}
+
+using ConcurrentBinding = Binding;
+
+TEST_F(ConcurrentBinding, ARequestThatComesMeanwhileSharesTheOutcome) {
+    for (const bool Fails : {false, true}) {
+        Start();
+        Framework->BlockCreate(Class::Quillon);
+        if (Fails) {
+            Framework->FailCreate(Class::Provider, RVPSTATUS::NoSuchClass);
+        }
+        NTSTATUS Statuses[2] = {};
+        std::thread First([&] { Statuses[0] = FirstRequest(); });
+        ASSERT_TRUE(Framework->WaitUntilBlocked(Class::Quillon));
+        std::thread Second([&] { Statuses[1] = FirstRequest(); });
+        for (int Turns = 0; Turns < 1000; ++Turns) {
+            std::this_thread::yield();
+        }
+        Framework->UnblockCreate(Class::Quillon);
+        First.join();
+        Second.join();
+        for (const NTSTATUS Each : Statuses) {
+            EXPECT_EQ(Each, Fails ? STATUS_UNSUCCESSFUL : Served);
+        }
+        EXPECT_EQ(Framework->CreateCount(Class::Quillon), 1u);
+        if (Fails) {
+            Forget();
+        }
+        Stop();
+    }
+}
+
+// ---- The published class
+
+class PublishedClass : public Binding {
+protected:
+    RVFSD_FACTORY *Factory(const GUID &Iid = IID_IClassFactory) {
+        PVOID Out = nullptr;
+        EXPECT_EQ(DllGetClassObject(&CLSID_RvfsdMapping, &Iid, &Out), RVPSTATUS::Success);
+        return static_cast<RVFSD_FACTORY *>(Out);
+    }
+};
+
+TEST_F(PublishedClass, IsFoundByItsIdentifierAlone) {
+    Start();
+    ASSERT_NE(ORCOM_Table[0], nullptr);
+    EXPECT_EQ(memcmp(ORCOM_Table[0], &CLSID_RvfsdMapping, sizeof(GUID)), 0);
+    EXPECT_EQ(ORCOM_Table[1], nullptr);
+    PVOID Out = this;
+    EXPECT_EQ(DllGetClassObject(&IID_RvfsdMapping, &IID_IUnknown, &Out), RVPSTATUS::NoSuchClass);
+    EXPECT_EQ(Out, this) << "untouched";
+    EXPECT_EQ(DllGetClassObject(&CLSID_RvfsdMapping, &IID_RvfsdMapping, &Out), RVPSTATUS::NoSuchClass);
+    EXPECT_EQ(Out, nullptr);
+    EXPECT_EQ(DllGetClassObject(&CLSID_RvfsdMapping, &IID_IUnknown, nullptr), RVPSTATUS::BadPointer);
+    RVFSD_FACTORY *const One = Factory();
+    EXPECT_EQ(Factory(IID_IUnknown), One);
+    EXPECT_EQ(One->RefCount, 2u);
+    EXPECT_EQ(One->Table->LockServer(One, 1), RVPSTATUS::Success);
+    EXPECT_EQ(One->LockCount, 1u);
+    EXPECT_EQ(One->Table->LockServer(One, 2), RVPSTATUS::Success) << "anything but 1 unlocks";
+    EXPECT_EQ(One->LockCount, 0u);
+    EXPECT_EQ(One->Table->Release(One), 1u);
+    EXPECT_EQ(One->Table->Release(One), 0u);
+}
+
+TEST_F(PublishedClass, MakesObjectsThatGoWithTheirLastReference) {
+    Start();
+    RVFSD_FACTORY *const Maker = Factory();
+    for (const GUID *Iid : {&IID_IUnknown, &IID_RvfsdMapping}) {
+        PVOID Out = nullptr;
+        ASSERT_EQ(Maker->Table->CreateInstance(Maker, nullptr, Iid, &Out), RVPSTATUS::Success);
+        const auto Mapping = static_cast<RVFSD_MAPPING *>(Out);
+        PVOID Again = nullptr;
+        EXPECT_EQ(Mapping->Table->QueryInterface(Mapping, &IID_RvfsdMapping, &Again), RVPSTATUS::Success);
+        EXPECT_EQ(Again, Mapping);
+        EXPECT_EQ(Mapping->Table->QueryInterface(Mapping, &IID_IClassFactory, &Again), RVPSTATUS::NoSuchClass);
+        EXPECT_EQ(Again, nullptr);
+        EXPECT_EQ(Mapping->Table->QueryInterface(Mapping, &IID_IUnknown, nullptr), RVPSTATUS::BadPointer);
+        EXPECT_EQ(Mapping->Table->Release(Mapping), 1u);
+        EXPECT_EQ(Framework->LiveBlocks(), 1u);
+        EXPECT_EQ(Mapping->Table->Release(Mapping), 0u);
+        EXPECT_EQ(Framework->LiveBlocks(), 0u);
+    }
+}
+
+TEST_F(PublishedClass, RefusesWhatItCannotMakeAndKeepsNothing) {
+    StartTracing(0x20000);
+    RVFSD_FACTORY *const Maker = Factory();
+    const auto Make = [&](PVOID Outer, const GUID *Iid, PVOID *Out) {
+        return Maker->Table->CreateInstance(Maker, Outer, Iid, Out);
+    };
+    PVOID Out = this;
+    Printed.clear();
+    EXPECT_EQ(Make(this, &IID_IUnknown, &Out), RVPSTATUS::BadPointer) << "no aggregation";
+    EXPECT_EQ(Printed, "[RVFSD] Call to RvfsdFactoryCreateInstance\n");
+    EXPECT_EQ(Make(nullptr, &IID_IUnknown, nullptr), RVPSTATUS::BadPointer);
+    EXPECT_EQ(Make(nullptr, &IID_IClassFactory, &Out), RVPSTATUS::NoSuchClass);
+    EXPECT_EQ(Out, nullptr);
+    Framework->FailAllocate();
+    EXPECT_EQ(Make(nullptr, &IID_IUnknown, &Out), RVPSTATUS::NoMemory);
+    for (const auto &[Answer, Wanted] : {std::pair{RVPSTATUS::NoMemory, RVPSTATUS::NoMemory},
+                                         std::pair{static_cast<RVPSTATUS>(0x40000001), RVPSTATUS::NoSuchClass}}) {
+        const unsigned Before = Framework->AllocationCount();
+        Framework->FailAcquireMutex(Answer);
+        EXPECT_EQ(Make(nullptr, &IID_IUnknown, &Out), Wanted);
+        EXPECT_EQ(Framework->AllocationCount(), Before);
+    }
+    EXPECT_EQ(Framework->LiveBlocks(), 0u);
+}
+
+TEST_F(PublishedClass, IsNotThereWithoutItsMutexOrTheFramework) {
+    StartTracing(0x10000);
+    PVOID Out = nullptr;
+    Bind();
+    for (const bool Stored : {false, true}) {
+        Printed.clear();
+        Framework->FailCreateMutex(RVPSTATUS::NoMemory, Stored);
+        EXPECT_EQ(DllGetClassObject(&CLSID_RvfsdMapping, &IID_IUnknown, &Out), RVPSTATUS::NoSuchClass);
+        EXPECT_EQ(Printed, "[RVFSD] Failed to create Rvfsd class mutex\n");
+        EXPECT_EQ(Framework->LiveMutexes(), 0u) << "a handle that was stored all the same is destroyed";
+        EXPECT_EQ(g_hClassMutex, 0u);
+    }
+    EXPECT_NE(Factory(), nullptr) << "it may be tried again";
+    Stop();
+    Start();
+    Framework->FailCreate(Class::Rvpl, RVPSTATUS::NoSuchClass);
+    EXPECT_EQ(DllGetClassObject(&CLSID_RvfsdMapping, &IID_IUnknown, &Out), RVPSTATUS::NoSuchClass);
+    Forget();
+}
+
+} // namespace

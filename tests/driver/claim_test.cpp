@@ -1,0 +1,284 @@
+// The control device: prefix claims of the multiple UNC provider, other controls, and opens of the device itself.
+
+#include <thread>
+
+#include "embedded/faults.h"
+#include "embedded/ps.h"
+#include "tests/driver/frame_client.h"
+
+namespace {
+
+using providers::ProviderError;
+
+class Claims : public test::FrameFixture {
+protected:
+    struct Answer {
+        NTSTATUS Status;
+        ULONG Accepted;
+    };
+    embedded::IrpBuilder Question(UNICODE_STRING Name) {
+        Request_ = {};
+        Request_.PathName = Name;
+        Response_.LengthAccepted = 0xDEAD;
+        embedded::IrpBuilder Builder = Plain(IRP_MJ_DEVICE_CONTROL, nullptr);
+        Builder.UserBuffer = &Response_;
+        Builder.Fill = [this](PIO_STACK_LOCATION IrpSp) {
+            auto &Control = IrpSp->Parameters.DeviceIoControl;
+            Control.IoControlCode = IOCTL_REDIR_QUERY_PATH_EX;
+            Control.InputBufferLength = InputBytes;
+            Control.OutputBufferLength = OutputBytes;
+            Control.Type3InputBuffer = &Request_;
+        };
+        return Builder;
+    }
+    static UNICODE_STRING Counted(std::u16string_view Text, USHORT MoreBytes = 0) {
+        const auto Bytes = static_cast<USHORT>(Text.size() * sizeof(WCHAR) + MoreBytes);
+        return {Bytes, Bytes, const_cast<PWSTR>(Text.data())};
+    }
+    Answer Ask(UNICODE_STRING Name) {
+        const IO_STATUS_BLOCK Block = Send(Question(Name));
+        EXPECT_EQ(Block.Information, 0u);
+        return {Block.Status, Response_.LengthAccepted};
+    }
+    Answer Ask(std::u16string_view Name) {
+        return Ask(Counted(Name));
+    }
+    void StartFiltering(bool Filter, ULONG Mask = 0x1000) {
+        Start({.Switches = {{u"UNCPathFilterBehavior", Filter},
+                            {u"EnableDebug", 1},
+                            {u"FsDisplayOutput", 1},
+                            {u"FsDebugLevel", Mask}}});
+        Bind();
+        Printed.clear();
+    }
+
+    ULONG InputBytes = sizeof(QUERY_PATH_REQUEST_EX);
+    ULONG OutputBytes = sizeof(QUERY_PATH_RESPONSE);
+
+private:
+    QUERY_PATH_REQUEST_EX Request_ = {};
+    QUERY_PATH_RESPONSE Response_ = {};
+};
+
+constexpr std::string_view Prefix = "[RVFSD] [RVFSD] IOCTL_REDIR_QUERY_PATH_EX ";
+
+struct StatusRow {
+    ULONG Raw;
+    NTSTATUS Off, On;
+    ULONG ClaimOn; // with the filter on; off, only a success claims
+    const char *Told, *ToldOn;
+};
+
+constexpr StatusRow Rows[] = {
+    {0xC7E70517, STATUS_BAD_NETWORK_PATH, STATUS_BAD_NETWORK_PATH, 0,
+     "failed \"\" with RVFS_UNKNOWN_SERVER (0xC7E70517); setting status STATUS_BAD_NETWORK_PATH (0xC00000BE).\n",
+     nullptr},
+    {0xC7E70536, STATUS_LOGON_FAILURE, STATUS_LOGON_FAILURE, 0,
+     "failed \"\" with RVFS_NOT_AUTHENTICATED (0xC7E70536); setting status STATUS_LOGON_FAILURE (0xC000006D).\n",
+     nullptr},
+    {0xC7E70006, STATUS_LOGON_FAILURE, STATUS_LOGON_FAILURE, 0,
+     "failed \"\" with RV_STATUS_ACCESS_DENIED (0xC7E70006); setting status STATUS_LOGON_FAILURE (0xC000006D).\n",
+     nullptr},
+    {0xC7E7050A, STATUS_BAD_NETWORK_NAME, STATUS_SUCCESS, 8,
+     "failed \"\" with RVFS_UNRECOGNIZED_VOLUME (0xC7E7050A); setting status STATUS_BAD_NETWORK_NAME (0xC00000CC).\n",
+     "RVFS_UNRECOGNIZED_VOLUME (0xC7E7050A)"},
+    {0xC7E70503, STATUS_BAD_NETWORK_NAME, STATUS_SUCCESS, 8,
+     "failed \"\" with RVFS_PATH_NOT_FOUND (0xC7E70503); setting status STATUS_BAD_NETWORK_NAME (0xC00000CC).\n",
+     "RVFS_PATH_NOT_FOUND (0xC7E70503)"},
+    {0xC7E70102, STATUS_BAD_NETWORK_PATH, STATUS_BAD_NETWORK_PATH, 0,
+     "failed \"\" with unexpected status 0xC7E70102; setting Windows status STATUS_BAD_NETWORK_PATH (0xC00000BE).\n",
+     nullptr},
+    // An error without a code is no success.
+    {0xC7E70000, STATUS_BAD_NETWORK_PATH, STATUS_BAD_NETWORK_PATH, 0,
+     "failed \"\" with unexpected status 0xC7E70000; setting Windows status STATUS_BAD_NETWORK_PATH (0xC00000BE).\n",
+     nullptr},
+};
+
+TEST_F(Claims, AreDecidedByTheProvidersStatusAndTheFilter) {
+    for (const bool Filter : {false, true}) {
+        StartFiltering(Filter);
+        for (const StatusRow &Row : Rows) {
+            SCOPED_TRACE(fmt::format("{:08X}, filter {}", Row.Raw, Filter));
+            Provider.OnCall(Slot::QueryPathForVolume).Return(static_cast<RVSTATUS>(Row.Raw));
+            Printed.clear();
+            const Answer Got = Ask(u"\\srv\\vol\\docs");
+            EXPECT_EQ(Got.Status, Filter ? Row.On : Row.Off);
+            EXPECT_EQ(Got.Accepted, Filter ? Row.ClaimOn : 0u);
+            const std::string Told =
+                Filter && Row.ToldOn != nullptr
+                    ? fmt::format("for \"\\srv\\vol\\docs\" returned {}, but successfully claiming \"\\srv\" of "
+                                  "\"\\srv\\vol\\docs\" (8 bytes).\n",
+                                  Row.ToldOn)
+                    : Row.Told;
+            EXPECT_TRUE(WasPrinted(std::string(Prefix) + Told)) << Printed;
+            Provider.ClearScript();
+        }
+        Stop();
+    }
+}
+
+struct NameRow {
+    std::u16string_view Name;
+    std::u16string_view Asked; // of the Provider
+    ULONG Filtered;            // the claim with the filter on
+};
+
+TEST_F(Claims, AskForServerAndShareAndClaimTheServer) {
+    constexpr NameRow Names[] = {
+        {u"\\srv\\vol\\docs\\a.txt", u"\\srv\\vol", 8},
+        {u"\\srv\\vol", u"\\srv\\vol", 8},
+        {u"\\srv\\vol\\", u"\\srv\\vol", 8},
+        {u"\\\\srv\\vol\\docs", u"\\\\srv\\vol", 10},
+        {u"\\srv", u"\\srv", 8},
+        {u"\\srv\\", u"\\srv\\", 10},
+        {u"\\srv\\\\vol", u"\\srv\\\\vol", 18}, // an empty share is none
+        {u"\\", u"\\", 2},
+        {u"srv\\vol\\x", u"srv\\vol", 6},
+    };
+    StartFiltering(true);
+    Provider.OnCall(Slot::QueryPathForVolume).ReturnAfter(RVSTATUS::Success).AnswerPath(u"\\srv\\vol");
+    for (const NameRow &Row : Names) {
+        Provider.ClearCalls();
+        const Answer Got = Ask(Row.Name);
+        EXPECT_EQ(Got.Status, STATUS_SUCCESS) << providers::ToUtf8(Row.Name);
+        EXPECT_EQ(Got.Accepted, Row.Filtered) << providers::ToUtf8(Row.Name);
+        EXPECT_EQ(Provider.CallRecords().at(0).String("path"), Row.Asked);
+    }
+    // Half a character at the end is no part of the name.
+    EXPECT_EQ(Ask(Counted(u"\\srv\\vol", 1)).Accepted, 8u);
+    EXPECT_EQ(Ask(Counted(u"\\srv", 1)).Accepted, 8u);
+    // Without the filter the claim is as long as the path that the Provider answers, whatever was asked.
+    Stop();
+    StartFiltering(false);
+    for (const std::u16string_view Path : {u"\\srv\\vol", u"\\srv", u"\\longer\\than\\asked\\for"}) {
+        Provider.OnCall(Slot::QueryPathForVolume).ReturnAfter(RVSTATUS::Success).AnswerPath(std::u16string(Path));
+        EXPECT_EQ(Ask(u"\\srv\\vol\\docs").Accepted, Path.size() * sizeof(WCHAR));
+        Provider.ClearScript();
+    }
+    EXPECT_TRUE(
+        WasPrinted(std::string(Prefix) + "successfully claiming \"\\srv\" of \"\\srv\\vol\\docs\" (8 bytes).\n"));
+}
+
+TEST_F(Claims, NeverTakeTheTwoRefusedNames) {
+    StartFiltering(true);
+    for (const std::u16string_view Name : {u"\\SYSTEM.INI", u"\\system.Ini", u"\\LocalHost"}) {
+        EXPECT_EQ(Ask(Name).Status, STATUS_BAD_NETWORK_NAME);
+    }
+    EXPECT_EQ(CallNames(), Lines{});
+    EXPECT_TRUE(WasPrinted(std::string(Prefix) +
+                           "matched request \"\\LocalHost\" against \"\\LOCALHOST\"; STATUS_BAD_NETWORK_NAME.\n"));
+    EXPECT_EQ(Ask(u"\\LOCALHOST\\vol").Status, STATUS_BAD_NETWORK_PATH) << "the Provider knows no such server";
+    EXPECT_EQ(Provider.CountCalls(), 1u);
+}
+
+TEST_F(Claims, NeedAKernelCallerAndRoomForBothRecords) {
+    struct Case {
+        ULONG Input, Output;
+        KPROCESSOR_MODE Mode;
+        NTSTATUS Status;
+    };
+    StartFiltering(false);
+    for (const Case &Each :
+         {Case{79, 4, KernelMode, STATUS_INVALID_PARAMETER}, Case{80, 3, KernelMode, STATUS_INVALID_PARAMETER},
+          Case{0, 0, UserMode, STATUS_INVALID_DEVICE_REQUEST}, Case{80, 4, UserMode, STATUS_INVALID_DEVICE_REQUEST},
+          Case{80, 4, KernelMode, STATUS_SUCCESS}}) {
+        InputBytes = Each.Input;
+        OutputBytes = Each.Output;
+        Printed.clear();
+        embedded::IrpBuilder Builder = Question(Counted(u"\\srv\\vol"));
+        Builder.RequestorMode = Each.Mode;
+        embedded::SentIrp Sent = embedded::SendIrp(Device(), Builder);
+        EXPECT_EQ(Sent.Wait().Status, Each.Status);
+        EXPECT_EQ(Sent.PriorityBoost(), 2);
+        EXPECT_EQ(WasPrinted(fmt::format("called with insufficient buffer size; input {} bytes, output {} bytes.\n",
+                                         Each.Input, Each.Output)),
+                  Each.Input < 80 || Each.Output < 4);
+    }
+}
+
+TEST_F(Claims, WithoutMemoryForTheNameAreRefused) {
+    StartFiltering(false, 0);
+    for (const ULONG64 Nth : {2, 3}) { // after the context: the name, the Provider's buffer
+        const embedded::PlannedFaults NoMemory({.Kinds = embedded::FaultBit(embedded::FaultKind::Pool), .Nth = Nth});
+        const Answer Got = Ask(u"\\srv\\vol");
+        EXPECT_EQ(Got.Status, Nth == 2 ? STATUS_INSUFFICIENT_RESOURCES : STATUS_BAD_NETWORK_PATH);
+        EXPECT_EQ(Got.Accepted, 0u);
+    }
+    EXPECT_EQ(CallNames(), Lines{});
+}
+
+TEST_F(Claims, OtherControlsAreInvalidByBothFunctions) {
+    Start();
+    for (const UCHAR MajorFunction : {IRP_MJ_DEVICE_CONTROL, IRP_MJ_FILE_SYSTEM_CONTROL}) {
+        for (const ULONG Code : {0u, 0xFFFFFFFFu, FSCTL_GET_COMPRESSION + 0u, FSCTL_SET_COMPRESSION + 0u}) {
+            embedded::IrpBuilder Builder = Plain(MajorFunction, nullptr);
+            Builder.Fill = [Code](PIO_STACK_LOCATION IrpSp) { IrpSp->Parameters.DeviceIoControl.IoControlCode = Code; };
+            embedded::SentIrp Sent = embedded::SendIrp(Device(), Builder);
+            const bool Posted = Code == FSCTL_GET_COMPRESSION || Code == FSCTL_SET_COMPRESSION;
+            EXPECT_EQ(Sent.Returned(), Posted ? STATUS_PENDING : STATUS_INVALID_DEVICE_REQUEST);
+            EXPECT_EQ(Sent.Wait().Status, STATUS_INVALID_DEVICE_REQUEST);
+        }
+    }
+}
+
+// ---- The device itself
+
+TEST_F(Claims, DeviceOpensAreCountedByProcess) {
+    StartTracing(0x220);
+    const PEPROCESS Other = embedded::CreateProcess("other");
+    const HANDLE One = OpenDevice();
+    const HANDLE Two = OpenDevice();
+    EXPECT_EQ(FileObject(One)->FsContext2, FileObject(Two)->FsContext2) << "one record a process";
+    EXPECT_EQ(FileObject(One)->FsContext, DriverFcb);
+    EXPECT_EQ(FileObject(One)->SectionObjectPointer, &DriverFcb->SectionObjectPointers);
+    EXPECT_TRUE(WasPrinted("[RVFSD]        Instance count for this process: 2\n"));
+    {
+        const embedded::AttachProcess Attached(Other);
+        const HANDLE Third = OpenDevice();
+        EXPECT_NE(FileObject(Third)->FsContext2, FileObject(One)->FsContext2);
+        EXPECT_EQ(DriverFcb->OpenCount, 3u);
+        Printed.clear();
+        Close(Third);
+        EXPECT_TRUE(WasPrinted("[RVFSD] Process termination, cleaning resources.\n"
+                               "[RVFSD]        Instance count for driver FCB: 3\n"));
+    }
+    Close(One);
+    EXPECT_EQ(DriverFcb->OpenCount, 1u);
+    EXPECT_FALSE(IsListEmpty(&DriverFcb->InstanceList));
+    Close(Two);
+    EXPECT_EQ(DriverFcb->OpenCount, 0u);
+    EXPECT_TRUE(IsListEmpty(&DriverFcb->InstanceList));
+    embedded::DeleteProcess(Other);
+}
+
+TEST_F(Claims, ADeviceOpenWithoutMemoryAttachesNothing) {
+    Start();
+    Bind();
+    const embedded::PlannedFaults NoMemory(
+        {.How = embedded::FaultPlan::Mode::NthAndAfter, .Kinds = embedded::FaultBit(embedded::FaultKind::Pool)});
+    const embedded::CreateResult Result = Create(u"");
+    EXPECT_EQ(Result.Status, STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(Result.Information, static_cast<ULONG_PTR>(FILE_DOES_NOT_EXIST));
+    EXPECT_EQ(DriverFcb->OpenCount, 0u);
+    EXPECT_TRUE(IsListEmpty(&DriverFcb->InstanceList));
+}
+
+using ConcurrentClaims = Claims;
+
+// Opens of the device are counted under the control device's lock, which its cleanup does not take.
+TEST_F(ConcurrentClaims, DeviceOpensAndClosesAreAllCounted) {
+    Start();
+    Bind();
+    const auto OpenAndClose = [this] {
+        for (int Round = 0; Round < 200; ++Round) {
+            Close(OpenDevice());
+        }
+    };
+    std::thread Other(OpenAndClose);
+    OpenAndClose();
+    Other.join();
+    EXPECT_EQ(DriverFcb->OpenCount, 0u);
+    EXPECT_TRUE(IsListEmpty(&DriverFcb->InstanceList));
+}
+
+} // namespace

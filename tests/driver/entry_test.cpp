@@ -1,0 +1,398 @@
+// The shape that all entry routines share, and where one of them deviates: binding, cancelled requests, file objects
+// that are not the driver's, and what becomes of a request when there is no memory for it.
+
+#include "embedded/faults.h"
+#include "embedded/mm.h"
+#include "embedded/ps.h"
+#include "frame/entry.h"
+#include "provider/binding.h"
+#include "provider/provider_calls.h"
+#include "tests/driver/frame_client.h"
+
+namespace {
+
+struct EntryRow {
+    UCHAR MajorFunction;
+    const char *Name;
+    ULONG Mask;
+    bool Binds;
+    bool TestsCancel;
+    bool RunInFront; // of the returning line
+    NTSTATUS Bare;   // the answer to a file object without contexts
+};
+
+constexpr NTSTATUS NoHandle = STATUS_INVALID_HANDLE;
+constexpr EntryRow Entries[] = {
+    {IRP_MJ_CLOSE, "NtFsdClose", 512, true, true, false, STATUS_SUCCESS},
+    {IRP_MJ_READ, "NtFsdRead", 2, true, true, true, NoHandle},
+    {IRP_MJ_WRITE, "NtFsdWrite", 2048, true, true, true, NoHandle},
+    {IRP_MJ_QUERY_INFORMATION, "NtFsdQueryInformation", 128, true, true, false, NoHandle},
+    {IRP_MJ_SET_INFORMATION, "NtFsdSetInformation", 128, true, true, false, NoHandle},
+    {IRP_MJ_FLUSH_BUFFERS, "NtFsdFlushBuffers", 16384, false, false, true, NoHandle},
+    {IRP_MJ_QUERY_VOLUME_INFORMATION, "NtFsdQueryVolumeInformation", 256, true, true, false, NoHandle},
+    {IRP_MJ_DIRECTORY_CONTROL, "NtFsdDirectoryControl", 64, true, true, true, NoHandle},
+    {IRP_MJ_FILE_SYSTEM_CONTROL, "NtFsdFileSystemControl", 4096, true, true, false, STATUS_INVALID_DEVICE_REQUEST},
+    {IRP_MJ_DEVICE_CONTROL, "NtFsdDeviceControl", 4096, true, true, false, STATUS_INVALID_DEVICE_REQUEST},
+    {IRP_MJ_LOCK_CONTROL, "NtFsdLockControl", 32768, true, false, true, NoHandle},
+    {IRP_MJ_CLEANUP, "NtFsdCleanup", 1024, true, true, false, NoHandle},
+};
+
+constexpr std::string_view Arrow = "<<<<<<<<<<<<<";
+
+class Entry : public test::FrameFixture {
+protected:
+    // Sends a request of a row on a file object without contexts.
+    IO_STATUS_BLOCK SendBare(const EntryRow &Row, bool Cancelled = false) {
+        const test::OwnedFile Bare(Device(), u"\\srv\\vol\\a.txt");
+        embedded::IrpBuilder Builder = Plain(Row.MajorFunction, Bare);
+        Builder.CancelledBefore = Cancelled;
+        return Send(Builder);
+    }
+    embedded::IrpBuilder Cancelled(UCHAR MajorFunction, PFILE_OBJECT File) {
+        embedded::IrpBuilder Builder = Plain(MajorFunction, File);
+        Builder.CancelledBefore = true;
+        return Builder;
+    }
+    embedded::IrpBuilder CreateOf(PFILE_OBJECT File, UCHAR StackFlags = 0) {
+        embedded::IrpBuilder Builder = Plain(IRP_MJ_CREATE, File);
+        Builder.StackFlags = StackFlags;
+        Builder.Fill = [this](PIO_STACK_LOCATION IrpSp) {
+            Security_.DesiredAccess = FILE_READ_DATA;
+            IrpSp->Parameters.Create.SecurityContext = &Security_;
+            IrpSp->Parameters.Create.Options = FILE_OPEN << 24;
+        };
+        return Builder;
+    }
+
+private:
+    IO_SECURITY_CONTEXT Security_ = {};
+};
+
+TEST_F(Entry, EveryEntryNamesItselfAtItsMask) {
+    for (const EntryRow &Row : Entries) {
+        StartTracing(Row.Mask | 1);
+        Bind();
+        Printed.clear();
+        EXPECT_EQ(SendBare(Row).Status, Row.Bare) << Row.Name;
+        EXPECT_EQ(Printed.find(fmt::format("[RVFSD] {}{}() entered\n", Arrow, Row.Name)), 0u) << Printed;
+        EXPECT_TRUE(Printed.ends_with(fmt::format("[RVFSD] {}{}() returning 0x{:x}\n", Row.RunInFront ? Arrow : "",
+                                                  Row.Name, static_cast<ULONG>(Row.Bare))))
+            << Printed;
+        Stop();
+        StartTracing(~(Row.Mask | 1));
+        Bind();
+        Printed.clear();
+        SendBare(Row);
+        EXPECT_FALSE(WasPrinted(std::string(Row.Name) + "()")) << "at another mask: " << Printed;
+        Stop();
+    }
+}
+
+TEST_F(Entry, WithoutTheFrameworkARequestIsRefusedWithBoostTwo) {
+    StartTracing(0x1000);
+    Framework->FailCreate(Class::Rvpl, RVPSTATUS::NoSuchClass);
+    for (const EntryRow &Row : Entries) {
+        Printed.clear();
+        const test::OwnedFile Bare(Device(), u"\\srv\\vol\\a.txt");
+        embedded::SentIrp Sent = embedded::SendIrp(Device(), Plain(Row.MajorFunction, Bare));
+        const IO_STATUS_BLOCK Block = Sent.Wait();
+        EXPECT_EQ(Block.Status, Row.Binds ? STATUS_UNSUCCESSFUL : Row.Bare) << Row.Name;
+        EXPECT_EQ(Block.Information, 0u) << Row.Name;
+        EXPECT_EQ(Sent.PriorityBoost(), Row.Binds ? 2 : 1) << Row.Name;
+        EXPECT_EQ(WasPrinted("[RVFSD] Unable to Initialize Orrery\n"), Row.Binds) << Row.Name;
+    }
+    EXPECT_EQ(Create(u"\\srv\\vol\\a.txt").Status, STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Framework->CreateCount(Class::Rvpl), 1u) << "a failed binding is not tried again";
+    g_bFrameworkBindFailed = 0; // only the test lets it try again, so that it can shut down
+}
+
+TEST_F(Entry, ACancelledRequestIsCompletedAndTouchesNothing) {
+    for (const EntryRow &Row : Entries) {
+        StartTracing(Row.Mask);
+        Bind();
+        Printed.clear();
+        EXPECT_EQ(SendBare(Row, true).Status, Row.TestsCancel ? STATUS_CANCELLED : Row.Bare) << Row.Name;
+        EXPECT_EQ(WasPrinted(fmt::format("[RVFSD] {}() called with a cancelled Irp\n", Row.Name)), Row.TestsCancel);
+        EXPECT_EQ(CallNames(), Lines{});
+        Stop();
+    }
+    Bind();
+    const test::OwnedFile File(Device(), u"\\srv\\vol\\a.txt");
+    embedded::IrpBuilder Builder = CreateOf(File);
+    Builder.CancelledBefore = true;
+    EXPECT_EQ(Send(Builder).Status, STATUS_CANCELLED);
+    EXPECT_EQ(File->FsContext, nullptr);
+}
+
+TEST_F(Entry, ACancelledCleanupAndCloseDoTheirWorkAllTheSame) {
+    const HANDLE Stays = MustOpen(u"\\srv\\vol\\a.txt");
+    const HANDLE Goes = MustOpen(u"\\srv\\vol\\a.txt");
+    const PFILE_OBJECT File = FileObject(Goes);
+    EXPECT_EQ(Send(Cancelled(IRP_MJ_CLEANUP, File)).Status, STATUS_CANCELLED);
+    EXPECT_EQ(Fcb(Stays)->UncleanCount, 1u);
+    EXPECT_EQ(Send(Cancelled(IRP_MJ_CLOSE, File)).Status, STATUS_CANCELLED);
+    EXPECT_EQ(Fcb(Stays)->OpenCount, 1u);
+    EXPECT_EQ(File->FsContext, nullptr);
+    EXPECT_EQ(Provider.OpenHandles().size(), 2u) << "a file and its volume";
+    Close(Goes);
+    Close(Stays);
+    // An open of the device is given back too.
+    const HANDLE OfDevice = OpenDevice();
+    EXPECT_EQ(Send(Cancelled(IRP_MJ_CLOSE, FileObject(OfDevice))).Status, STATUS_CANCELLED);
+    EXPECT_EQ(DriverFcb->OpenCount, 0u);
+    EXPECT_TRUE(IsListEmpty(&DriverFcb->InstanceList));
+    Close(OfDevice);
+}
+
+TEST_F(Entry, AFileObjectOfSomebodyElseIsNeitherReadNorFreed) {
+    Start();
+    Bind();
+    ULONG64 Foreign[64] = {}; // no FCB: nothing in it is the signature
+    for (const EntryRow &Row : Entries) {
+        const test::OwnedFile File(Device(), u"\\srv\\vol\\a.txt");
+        File->FsContext = Foreign;
+        File->FsContext2 = &Foreign[32];
+        const bool DecodesAFile = Row.MajorFunction == IRP_MJ_READ || Row.MajorFunction == IRP_MJ_WRITE;
+        const NTSTATUS Wanted = Row.Bare != NoHandle ? Row.Bare
+                                : DecodesAFile       ? STATUS_FILE_IS_A_DIRECTORY
+                                                     : STATUS_INVALID_PARAMETER;
+        EXPECT_EQ(Send(Plain(Row.MajorFunction, File)).Status, Wanted) << Row.Name;
+        EXPECT_EQ(File->FsContext == nullptr, Row.MajorFunction == IRP_MJ_CLOSE);
+        File->FsContext = File->FsContext2 = nullptr;
+    }
+    for (const ULONG64 Each : Foreign) {
+        EXPECT_EQ(Each, 0u);
+    }
+    EXPECT_EQ(CallNames(), Lines{});
+}
+
+TEST_F(Entry, AnInstanceWithoutItsFcbGoesWithTheClose) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    const HANDLE Orphan = MustOpen(u"\\srv\\vol\\a.txt");
+    const PFILE_OBJECT File = FileObject(Orphan);
+    const INSTANCE_CONTEXT Copy = *Instance(Orphan);
+    Send(Plain(IRP_MJ_CLEANUP, File));
+    File->FsContext = nullptr;
+    EXPECT_EQ(Send(Plain(IRP_MJ_CLOSE, File)).Status, STATUS_SUCCESS);
+    EXPECT_EQ(File->FsContext2, nullptr);
+    EXPECT_EQ(Fcb(Handle)->InstanceList.Flink, &Instance(Handle)->Links) << "it has left the list";
+    // What else it held is the test's to give back: its Provider handles and its count.
+    RV_SECURITY_CONTEXT Security = {};
+    RVFsdCloseFile(&Security, Copy.FileHandle);
+    RVFsdCloseVolume(&Security, Copy.VolumeHandle);
+    --Fcb(Handle)->OpenCount;
+    Close(Orphan);
+    Close(Handle);
+}
+
+// ---- Memory and identity
+
+TEST_F(Entry, WithoutMemoryForItsContextARequestIsRefusedButAnOpenStillEnds) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    const PFILE_OBJECT File = FileObject(Handle);
+    {
+        const embedded::PlannedFaults NoMemory({.How = embedded::FaultPlan::Mode::NthAndAfter});
+        char Byte;
+        EXPECT_EQ(Read(Handle, &Byte, 1, 0).Status, STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_EQ(Create(u"\\srv\\vol\\b.txt").Status, STATUS_INSUFFICIENT_RESOURCES);
+        EXPECT_EQ(Send(Plain(IRP_MJ_CLEANUP, File)).Status, STATUS_SUCCESS);
+        EXPECT_EQ(Send(Plain(IRP_MJ_CLOSE, File)).Status, STATUS_SUCCESS);
+    }
+    EXPECT_EQ(Provider.OpenHandles(), Lines{});
+    Close(Handle);
+}
+
+TEST_F(Entry, AContextFromPoolIsMarkedAndGoesBackToPool) {
+    Bind();
+    const embedded::PlannedFaults ListFails({.Kinds = embedded::FaultBit(embedded::FaultKind::Pool)});
+    const embedded::FaultScope AsTheDriver;
+    const PIRP_CONTEXT Context = NtFsdCreateIrpContext(nullptr, FALSE);
+    ASSERT_NE(Context, nullptr);
+    EXPECT_EQ(Context->Flags, IRP_CONTEXT_FLAG_FROM_POOL | IRP_CONTEXT_FLAG_WAIT);
+    const ULONG Frees = g_IrpContextLookasideList.L.TotalFrees;
+    NtFsdDeleteIrpContext(Context);
+    EXPECT_EQ(g_IrpContextLookasideList.L.TotalFrees, Frees) << "it never enters the list";
+}
+
+TEST_F(Entry, AContextWithoutARequestIsEmptyAndCompletingItFreesIt) {
+    StartTracing(0x10000);
+    Framework->SetCaller([] { return RV_SECURITY_CONTEXT{{7, 8}}; });
+    Bind();
+    const PIRP_CONTEXT Context = NtFsdCreateIrpContext(nullptr, FALSE);
+    ASSERT_NE(Context, nullptr);
+    EXPECT_EQ(Context->NodeTypeCode, 0x7700);
+    EXPECT_EQ(Context->NodeByteSize, 168);
+    EXPECT_EQ(Context->MajorFunction, 0);
+    EXPECT_EQ(Context->MinorFunction, 0);
+    EXPECT_EQ(Context->FileObject, nullptr);
+    EXPECT_EQ(Context->Flags, IRP_CONTEXT_FLAG_WAIT + 0u) << "asynchronous I/O is off";
+    EXPECT_EQ(Context->SecurityContext.Words[0], 7u);
+    EXPECT_EQ(Context->SecurityContext.Words[1], 8u);
+    EXPECT_EQ(Context->SecurityContextLength, 8u);
+    EXPECT_EQ(Context->OriginatingProcess, IoGetCurrentProcess());
+    Printed.clear();
+    NtFsdCompleteRequest(Context, nullptr, STATUS_SUCCESS);
+    EXPECT_EQ(Printed.find("[RVFSD] *** Complete IRP No IRP Specified IRP = 0x0 :: Context = 0x"), 0u) << Printed;
+    NtFsdCompleteRequest(nullptr, nullptr, STATUS_SUCCESS);
+}
+
+TEST_F(Entry, WithoutTheCallersIdentityNothingIsAskedInHisName) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    Provider.ClearCalls();
+    RV_SECURITY *const Held = g_pSecurityContextInterface;
+    g_pSecurityContextInterface = nullptr;
+    EXPECT_EQ(Send(Plain(IRP_MJ_FLUSH_BUFFERS, FileObject(Handle))).Status, STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(NtFsdCreateIrpContext(nullptr, TRUE), nullptr);
+    g_pSecurityContextInterface = Held;
+    EXPECT_EQ(CallNames(), Lines{});
+    Close(Handle);
+}
+
+TEST_F(Entry, ACompletionCarriesBoostOneAndIsTold) {
+    StartTracing(0x10000);
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    Printed.clear();
+    char Bytes[8];
+    EXPECT_EQ(Read(Handle, Bytes, 8, 4).Information, 6u);
+    EXPECT_EQ(Printed, "[RVFSD] Function = IRP_MJ_READ -  IRP Status = 0x0, Information = 0x6\n");
+    EXPECT_EQ(BoostOf(Plain(IRP_MJ_FLUSH_BUFFERS, FileObject(Handle))), 1);
+    Close(Handle);
+}
+
+TEST_F(Entry, OnlyAsynchronousRequestsMayNotWait) {
+    struct Case {
+        ULONG EnableAsyncIo;
+        BOOLEAN Wait;
+        bool MayWait;
+    };
+    for (const Case &Each : {Case{0, FALSE, true}, Case{0, TRUE, true}, Case{1, FALSE, false}, Case{1, TRUE, true}}) {
+        Start({.Switches = {{u"EnableAsyncIo", Each.EnableAsyncIo}}});
+        Bind();
+        const PIRP_CONTEXT Context = NtFsdCreateIrpContext(nullptr, Each.Wait);
+        EXPECT_EQ(Context->MayWait() != FALSE, Each.MayWait);
+        NtFsdDeleteIrpContext(Context);
+        Stop();
+    }
+}
+
+// ---- Create
+
+TEST_F(Entry, APagingFileIsRefused) {
+    StartTracing(0x20);
+    Bind();
+    const test::OwnedFile File(Device(), u"\\srv\\vol\\a.txt");
+    Printed.clear();
+    const IO_STATUS_BLOCK Block = Send(CreateOf(File, SL_OPEN_PAGING_FILE));
+    EXPECT_EQ(Block.Status, STATUS_ACCESS_DENIED);
+    EXPECT_EQ(Block.Information, 0u);
+    EXPECT_EQ(Printed, "[RVFSD] NtFsdCreate() asked to open paging file, returning ACCESS_DENIED\n");
+    EXPECT_EQ(CallNames(), Lines{});
+}
+
+TEST_F(Entry, HalfACharacterAtTheEndIsNoPartOfTheName) {
+    Provider.AddFile(u"\\srv\\vol\\docs\\f.t", "right");
+    const HANDLE Parent = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+    test::OwnedFile File(Device(), u"f.tx");
+    --File->FileName.Length;
+    File->RelatedFileObject = FileObject(Parent);
+    EXPECT_EQ(Send(CreateOf(File)).Status, STATUS_SUCCESS);
+    ASSERT_NE(File->FsContext2, nullptr);
+    EXPECT_EQ(std::u16string(static_cast<PINSTANCE_CONTEXT>(File->FsContext2)->PathLeft), u"f.t");
+    Send(Plain(IRP_MJ_CLEANUP, File));
+    EXPECT_EQ(Send(Plain(IRP_MJ_CLOSE, File)).Status, STATUS_SUCCESS);
+    Close(Parent);
+}
+
+TEST_F(Entry, TheDeviceOpensAndClosesWithoutTheFramework) {
+    StartTracing(0x20);
+    Framework->FailCreate(Class::Rvpl, RVPSTATUS::NoSuchClass);
+    Printed.clear();
+    const test::OwnedFile File(Device(), u"");
+    embedded::SentIrp Sent = embedded::SendIrp(Device(), CreateOf(File));
+    EXPECT_EQ(Sent.Wait().Status, STATUS_SUCCESS);
+    EXPECT_EQ(Sent.Wait().Information, static_cast<ULONG_PTR>(FILE_OPENED));
+    EXPECT_EQ(Sent.PriorityBoost(), 2);
+    EXPECT_EQ(Printed.find("[RVFSD] Name Length 0\n[RVFSD] File \n[RVFSD] RelatedObject = 0x0\n"
+                           "[RVFSD] Open our Device at Init\n[RVFSD] NtFsdOpenOurDevice() entering\n"),
+              0u)
+        << Printed;
+    EXPECT_EQ(DriverFcb->OpenCount, 1u);
+    EXPECT_EQ(Send(Plain(IRP_MJ_CLEANUP, File)).Status, STATUS_SUCCESS);
+    EXPECT_EQ(Send(Plain(IRP_MJ_CLOSE, File)).Status, STATUS_SUCCESS);
+    EXPECT_EQ(DriverFcb->OpenCount, 0u);
+    EXPECT_EQ(File->FsContext2, nullptr);
+    g_bFrameworkBindFailed = 0; // only the test lets it try again, so that it can shut down
+}
+
+TEST_F(Entry, ExtendedAttributesAreNotOffered) {
+    StartTracing(1);
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    Printed.clear();
+    EXPECT_EQ(Send(Plain(IRP_MJ_QUERY_EA, FileObject(Handle))).Status, STATUS_NO_EAS_ON_FILE);
+    EXPECT_EQ(Send(Plain(IRP_MJ_SET_EA, FileObject(Handle))).Status, STATUS_SUCCESS);
+    EXPECT_EQ(Printed, "[RVFSD] <<<<<<<<<<<<<NtFsdQueryEa() entered\n[RVFSD] <<<<<<<<<<<<<NtFsdSetEa() entered\n");
+    Close(Handle);
+}
+
+TEST_F(Entry, AListingOfAnUnknownClassIsRefusedAtOnce) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+    Provider.ClearCalls();
+    for (const ULONG Unknown : {56u, 57u, 0xFFFFFFFFu}) {
+        embedded::IrpBuilder Builder = Plain(IRP_MJ_DIRECTORY_CONTROL, FileObject(Handle));
+        Builder.MinorFunction = IRP_MN_QUERY_DIRECTORY;
+        Builder.Fill = [Unknown](PIO_STACK_LOCATION IrpSp) {
+            IrpSp->Parameters.QueryDirectory.FileInformationClass = Unknown;
+        };
+        EXPECT_EQ(Send(Builder).Status, STATUS_INVALID_INFO_CLASS) << Unknown;
+    }
+    EXPECT_EQ(CallNames(), Lines{});
+    Close(Handle);
+}
+
+// ---- User buffers
+
+TEST_F(Entry, ALockedBufferIsUndoneOnceAndACallersMdlIsLeftAlone) {
+    Bind();
+    char Buffer[32];
+    IRP Irp = {};
+    Irp.UserBuffer = Buffer;
+    IRP_CONTEXT Context = {};
+    Context.Irp = &Irp;
+    EXPECT_EQ(NtFsdMapUserBuffer(&Context), Buffer) << "without an MDL: the address itself";
+    EXPECT_EQ(NtFsdLockUserBuffer(&Context, IoWriteAccess, sizeof(Buffer)), STATUS_SUCCESS);
+    EXPECT_EQ(Context.UserBufferFlags, USER_BUFFER_MDL_ALLOCATED | USER_BUFFER_PAGES_LOCKED);
+    // A second turn of the same request finds its own MDL and still knows that it is its own.
+    EXPECT_EQ(NtFsdLockUserBuffer(&Context, IoWriteAccess, sizeof(Buffer)), STATUS_SUCCESS);
+    EXPECT_EQ(Context.UserBufferFlags, USER_BUFFER_MDL_ALLOCATED | USER_BUFFER_PAGES_LOCKED);
+    EXPECT_EQ(NtFsdMapUserBuffer(&Context), Buffer);
+    NtFsdUnlockUserBuffer(&Context);
+    EXPECT_EQ(Irp.MdlAddress, nullptr);
+    EXPECT_EQ(Context.UserBufferFlags, 0u);
+
+    const PMDL Mdl = IoAllocateMdl(Buffer, sizeof(Buffer), FALSE, FALSE, nullptr);
+    Irp.MdlAddress = Mdl;
+    EXPECT_EQ(NtFsdLockUserBuffer(&Context, IoReadAccess, sizeof(Buffer)), STATUS_SUCCESS);
+    EXPECT_EQ(Context.UserBufferFlags, USER_BUFFER_PAGES_LOCKED + 0u) << "locked here, allocated elsewhere";
+    NtFsdUnlockUserBuffer(&Context);
+    EXPECT_EQ(Irp.MdlAddress, Mdl);
+    EXPECT_FALSE(Mdl->MdlFlags & MDL_PAGES_LOCKED);
+    IoFreeMdl(Mdl);
+}
+
+TEST_F(Entry, ABufferThatCannotBeProbedLeavesNoMdl) {
+    StartTracing(0x10000);
+    Bind();
+    IRP Irp = {};
+    Irp.UserBuffer = reinterpret_cast<PVOID>(ULONG_PTR{0x10});
+    Irp.RequestorMode = UserMode;
+    IRP_CONTEXT Context = {};
+    Context.Irp = &Irp;
+    Printed.clear();
+    EXPECT_EQ(NtFsdLockUserBuffer(&Context, IoWriteAccess, 8), STATUS_ACCESS_VIOLATION);
+    EXPECT_EQ(Irp.MdlAddress, nullptr);
+    EXPECT_EQ(Context.UserBufferFlags, 0u);
+    EXPECT_TRUE(WasPrinted("[RVFSD] Failed probing and locking Mdl in MapUserBuffer!\n"));
+    EXPECT_TRUE(WasPrinted("[RVFSD] Probe and Lock status = 0xC0000005!\n"));
+}
+
+} // namespace
