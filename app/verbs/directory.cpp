@@ -30,23 +30,24 @@ OpenRequest ForListing() {
 // A path whose last component may be a mask.
 struct Target {
     std::u16string Directory;
-    std::u16string Mask;
+    std::u16string Mask = u"*";
+    bool IsMasked = false;
 };
 
 Target Split(const std::string &Text) {
     std::u16string Path = RemotePath(Text);
     const size_t Last = Path.rfind(u'\\');
     if (Path.find_first_of(MaskCharacters, Last) == std::u16string::npos) {
-        return {Path, u"*"};
+        return {Path};
     }
-    return {Path.substr(0, Last), Path.substr(Last + 1)};
+    return {Path.substr(0, Last), Path.substr(Last + 1), true};
 }
 
 struct ListOptions {
     std::vector<std::string> Paths;
     bool Long = false;
     bool Recursive = false;
-    std::string Class;
+    std::string Class = "both";
     uint32_t Buffer = 65536;
     bool Restart = false;
     bool Single = false;
@@ -61,20 +62,31 @@ void PrintEntry(const DirectoryEntry &Entry, bool Long) {
     }
 }
 
-// The listing as the driver gives it: dot entries, one class, one buffer length.
-void ListRaw(const Target &Where, const ListOptions &Options) {
-    RemoteFile Directory(Where.Directory, ForListing());
-    const auto Found = ClassNames.find(Options.Class.empty() ? "both" : Options.Class);
-    if (Found == ClassNames.end()) {
-        throw UsageError(
-            fmt::format("--class: {} is none of directory, full, both, names, id_both, id_full", Options.Class));
+// Opens what Where names; for the name of a file the directory that holds it, with the name as the mask.
+RemoteFile OpenTarget(Target &Where) {
+    try {
+        return RemoteFile(Where.Directory, ForListing());
+    } catch (const StatusError &Refused) {
+        if (Refused.Status != STATUS_NOT_A_DIRECTORY || Where.IsMasked) {
+            throw;
+        }
     }
+    const size_t Last = Where.Directory.rfind(u'\\');
+    Where.Mask = Where.Directory.substr(Last + 1);
+    Where.Directory.resize(Last);
+    return RemoteFile(Where.Directory, ForListing());
+}
+
+// The listing as the driver gives it: dot entries, one class, one buffer length.
+void ListRaw(Target Where, const ListOptions &Options) {
+    RemoteFile Directory = OpenTarget(Where);
+    const ULONG InfoClass = ClassNames.at(Options.Class);
     // With --restart the search is begun again after the first answer.
     bool Begun = false;
     bool Restarted = !Options.Restart;
     for (;;) {
         const RemoteFile::Answer Batch =
-            Directory.List(Found->second, Options.Buffer, Where.Mask, Begun && !Restarted, Options.Single);
+            Directory.List(InfoClass, Options.Buffer, Where.Mask, Begun && !Restarted, Options.Single);
         Restarted = Restarted || Begun;
         if (Batch.Status == STATUS_NO_MORE_FILES) {
             return;
@@ -82,7 +94,7 @@ void ListRaw(const Target &Where, const ListOptions &Options) {
         if (!NT_SUCCESS(Batch.Status)) {
             throw StatusError(Batch.Status, ShowPath(Where.Directory + u"\\" + Where.Mask));
         }
-        for (const DirectoryEntry &Entry : UnpackEntries(Batch, Found->second)) {
+        for (const DirectoryEntry &Entry : UnpackEntries(Batch, InfoClass)) {
             PrintEntry(Entry, Options.Long);
         }
         Begun = true;
@@ -102,12 +114,13 @@ void ListTree(const Target &Where, const ListOptions &Options) {
     for (const DirectoryEntry &Entry : Entries) {
         if (Entry.Attributes & FILE_ATTRIBUTE_DIRECTORY) {
             fmt::print("\n");
-            ListTree({Where.Directory + u"\\" + Entry.Name, u"*"}, Options);
+            ListTree({Where.Directory + u"\\" + Entry.Name}, Options);
         }
     }
 }
 
-// Every path below Directory, the directory itself first. Errors are told and the walk goes on.
+// Every path below Directory; with a Mask (Shown is false) those whose last name matches it. Errors are told and the
+// walk goes on.
 int Find(const std::u16string &Directory, const std::u16string &Mask, bool Shown) {
     int Code = 0;
     std::vector<DirectoryEntry> Entries;
@@ -137,17 +150,32 @@ public:
     explicit Wait(const std::u16string &Path)
         : Directory_(Path, {.Access = FILE_LIST_DIRECTORY, .Options = FILE_DIRECTORY_FILE}) {
         constexpr ULONG Everything = 0xFFF;
-        const NTSTATUS Status = NtNotifyChangeDirectoryFile(Directory_.Handle(), nullptr, nullptr, nullptr, &IoStatus_,
-                                                            Buffer_, sizeof(Buffer_), Everything, FALSE);
+        NTSTATUS Status = embedded::CreateEventHandle(NotificationEvent, false, &Ended_);
+        if (NT_SUCCESS(Status)) {
+            Status = NtNotifyChangeDirectoryFile(Directory_.Handle(), Ended_, nullptr, nullptr, &IoStatus_, Buffer_,
+                                                 sizeof(Buffer_), Everything, FALSE);
+        }
         if (!NT_SUCCESS(Status)) {
+            NtClose(Ended_);
             throw StatusError(Status, ShowPath(Path));
         }
+    }
+    Wait(const Wait &) = delete;
+    Wait &operator=(const Wait &) = delete;
+    ~Wait() {
+        End();
+        NtClose(Ended_);
     }
     // TRUE when the wait has ended.
     bool WaitFor(LONGLONG Milliseconds) {
         LARGE_INTEGER Timeout;
         Timeout.QuadPart = -Milliseconds * 10000;
-        return NtWaitForSingleObject(Directory_.Handle(), FALSE, &Timeout) == STATUS_SUCCESS;
+        return NtWaitForSingleObject(Ended_, FALSE, &Timeout) == STATUS_SUCCESS;
+    }
+    // Ends it now, if it has not: the request writes into this object until it is completed.
+    void End() {
+        Directory_.Close();
+        NtWaitForSingleObject(Ended_, FALSE, nullptr);
     }
     NTSTATUS Status() const {
         return IoStatus_.Status;
@@ -158,11 +186,12 @@ public:
 
 private:
     RemoteFile Directory_;
+    HANDLE Ended_ = nullptr;
     IO_STATUS_BLOCK IoStatus_ = {};
     UCHAR Buffer_[1024];
 };
 
-// Waits of the console, which go on while other verbs run; each is told when it ends.
+// Waits of the console, which go on while other verbs run; each is told when it ends, at the latest with the console.
 class Background {
 public:
     ~Background() {
@@ -173,13 +202,11 @@ public:
     }
     void Add(std::unique_ptr<Wait> Waiting) {
         Threads_.emplace_back([this, Watched = std::move(Waiting)] {
-            while (!Stop_) {
-                if (Watched->WaitFor(50)) {
-                    fmt::print("watch {}: {}\n", ShowPath(Watched->Path()), ShowStatus(Watched->Status()));
-                    fflush(stdout);
-                    return;
-                }
+            while (!Stop_ && !Watched->WaitFor(50)) {
             }
+            Watched->End();
+            fmt::print("watch {}: {}\n", ShowPath(Watched->Path()), ShowStatus(Watched->Status()));
+            fflush(stdout);
         });
     }
 
@@ -220,13 +247,16 @@ void AddDirectoryVerbs(CLI::App &App, Command &Chosen) {
     auto Options = std::make_shared<ListOptions>();
     ListVerb->add_option("PATH", Options->Paths, "'\\\\server\\volume\\dir[\\MASK]'")->required();
     ListVerb->add_flag("-l", Options->Long, "attributes, size, time, short name");
-    ListVerb->add_flag("-R", Options->Recursive, "directories below too");
-    ListVerb->add_option("--class", Options->Class, "directory, full, both, names, id_both, id_full");
+    auto *Recursive = ListVerb->add_flag("-R", Options->Recursive, "directories below too, without dot entries");
+    ListVerb->add_option("--class", Options->Class, "the class of information asked for")
+        ->capture_default_str()
+        ->check(CLI::IsMember(ClassNames))
+        ->excludes(Recursive);
     ListVerb->add_option("--buffer", Options->Buffer, "bytes of each query's buffer")
         ->capture_default_str()
         ->check(CLI::Range(0u, 1u << 24));
-    ListVerb->add_flag("--restart", Options->Restart, "begin again after the first answer");
-    ListVerb->add_flag("--single", Options->Single, "one entry a query");
+    ListVerb->add_flag("--restart", Options->Restart, "begin again after the first answer")->excludes(Recursive);
+    ListVerb->add_flag("--single", Options->Single, "one entry a query")->excludes(Recursive);
     ListVerb->callback([&Chosen, Options] {
         Chosen = [Options](Session &) {
             int Code = 0;

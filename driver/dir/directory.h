@@ -36,15 +36,11 @@ extern BOOLEAN g_bLazyClose;
 // Bytes before the file name in an entry of InfoClass; 0 for a class that is not supported.
 ULONG NtFsdDirEntryFixedSize(ULONG InfoClass);
 
-// The Provider's directory record as it lies in a batch, checked to lie inside. Name and ShortName point into the batch
-// and may be unaligned: copy, do not dereference.
+// The Provider's directory record as it lies in a batch, checked to lie inside. The pointers lead into the batch and
+// may be unaligned: copy, do not dereference.
 struct DIR_RECORD {
-    ULONG NextOffset; // 0: the last one
-    ULONG Attributes;
-    LONG64 CreationTime;
-    LONG64 LastWriteTime;
-    LONG64 LastAccessTime;
-    ULONG64 Size;
+    ULONG NextOffset;  // 0: the last one
+    const UCHAR *Head; // what both forms of the record begin with: attributes, times, size
     const UCHAR *Name;
     ULONG NameBytes;
     const UCHAR *ShortName; // NULL in a basic record

@@ -55,17 +55,22 @@ struct QUERY {
     PUNICODE_STRING FileName;
     ULONG InfoClass;
     ULONG FixedSize;
-    bool Started; // this call set up the search
+    bool Started;   // this call set up the search
+    ULONG Previous; // where the last entry handed out begins
     ULONG Information;
 };
+
+// Whether there is a search. Read without its lock to choose the hold of the FCB.
+bool IsSearching(PINSTANCE_CONTEXT Instance) {
+    return __atomic_load_n(&Instance->SearchInitialized, __ATOMIC_ACQUIRE) != FALSE;
+}
 
 void TraceQuery(const QUERY &Query) {
     NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Index Specified     : %s\n", TrueOrFalse(Query.IndexSpecified));
     NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Restart Scan        : %s\n", TrueOrFalse(Query.RestartScan));
     NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Return Single Entry : %s\n", TrueOrFalse(Query.SingleEntry));
     NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Buffer Length       : 0x%X\n", Query.Length);
-    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Search Initialized  : %s\n",
-                    TrueOrFalse(Query.Instance->SearchInitialized));
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Search Initialized  : %s\n", TrueOrFalse(IsSearching(Query.Instance)));
     NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Information Class  : %d\n", Query.InfoClass);
 }
 
@@ -83,26 +88,15 @@ QUERY ReadQuery(PIRP_CONTEXT IrpContext) {
             .InfoClass = static_cast<ULONG>(IrpSp->Parameters.QueryDirectory.FileInformationClass),
             .FixedSize = 0,
             .Started = false,
+            .Previous = 0,
             .Information = 0};
 }
 
-// The refusals that need no lock. STATUS_SUCCESS: go on.
-NTSTATUS CheckQuery(QUERY &Query) {
-    if (Query.IndexSpecified) {
-        NtFsdDebugPrint(TRACE_DIRECTORY, 0, "SL_INDEX_SPECIFIED not supported. Returning STATUS_NOT_IMPLEMENTED.\n");
-        return STATUS_NOT_IMPLEMENTED;
-    }
-    Query.FixedSize = NtFsdDirEntryFixedSize(Query.InfoClass);
-    if (Query.FixedSize == 0) {
-        NtFsdDebugPrint(TRACE_DIRECTORY, 0, "Unknown DirInfo Level 0x%X\n", Query.InfoClass);
-        return STATUS_INVALID_INFO_CLASS;
-    }
-    return STATUS_SUCCESS;
-}
-
+// Marked as read only after it is, so that no search goes by a switch that is still being read.
 void ReadLazyCloseOnce() {
-    if (InterlockedExchange(&LazyCloseRead, 1) == 0) {
+    if (!__atomic_load_n(&LazyCloseRead, __ATOMIC_ACQUIRE)) {
         Ignore(NtFsdReadLazyCloseConfig(), "short names are then asked for");
+        __atomic_store_n(&LazyCloseRead, 1, __ATOMIC_RELEASE);
     }
 }
 
@@ -129,7 +123,7 @@ NTSTATUS StartSearch(QUERY &Query) {
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
-    Query.Instance->SearchInitialized = TRUE;
+    __atomic_store_n(&Query.Instance->SearchInitialized, TRUE, __ATOMIC_RELEASE);
     Query.Started = true;
     ReadLazyCloseOnce();
     const bool HasShortNames =
@@ -159,7 +153,6 @@ constexpr ULONG RoundUp(ULONG Bytes) {
 // Packs entries into Buffer until it is full, one is enough, or there is no more. The result of the last step.
 NTSTATUS PackEntries(QUERY &Query, UCHAR *Buffer) {
     ULONG Offset = 0;
-    ULONG Previous = 0;
     ULONG Remaining = Query.Length;
     for (;;) {
         ULONG EntrySize;
@@ -168,9 +161,9 @@ NTSTATUS PackEntries(QUERY &Query, UCHAR *Buffer) {
         if (Status != STATUS_SUCCESS) {
             return Status;
         }
-        const ULONG Distance = Offset - Previous;
-        RtlCopyMemory(Buffer + Previous, &Distance, sizeof(Distance));
-        Previous = Offset;
+        const ULONG Distance = Offset - Query.Previous;
+        RtlCopyMemory(Buffer + Query.Previous, &Distance, sizeof(Distance));
+        Query.Previous = Offset;
         Query.Information = RoundUp(Query.Information) + EntrySize;
         // The last entry may end where its rounding would not.
         const ULONG Step = RoundUp(EntrySize);
@@ -178,7 +171,6 @@ NTSTATUS PackEntries(QUERY &Query, UCHAR *Buffer) {
         Remaining = Remaining > Step ? Remaining - Step : 0;
         Query.Instance->ExactAnswered = !Query.Instance->Wildcard;
         if (Remaining <= Query.FixedSize || Query.SingleEntry || !Query.Instance->Wildcard) {
-            NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Previous Entry      : 0x%X\n", Previous);
             return STATUS_SUCCESS;
         }
     }
@@ -204,21 +196,16 @@ bool IsAnswered(const QUERY &Query) {
            (Query.Instance->ExactAnswered || Query.Instance->MoreEntries == 0);
 }
 
-// The query with the FCB's Resource and the search's lock held.
+// Begins the search when there is none, and packs what fits into the caller's buffer.
 NTSTATUS ListHeld(QUERY &Query) {
-    if (IsAnswered(Query)) {
-        NtFsdDebugPrint(TRACE_DIRECTORY, 0,
-                        "Not a wildcard, and we have already returned an entry. Returning STATUS_NO_MORE_FILES.\n");
-        return STATUS_NO_MORE_FILES;
-    }
+    NTSTATUS Status = STATUS_SUCCESS;
     if (!Query.Instance->SearchInitialized || Query.RestartScan) {
-        const NTSTATUS Status = StartSearch(Query);
-        if (!NT_SUCCESS(Status)) {
-            return Status;
-        }
+        Status = StartSearch(Query);
     }
     TraceSearch(Query.Instance);
-
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
     UserBufferLock Lock(Query.IrpContext);
     UCHAR *Buffer = nullptr;
     if (Query.Length != 0) {
@@ -226,7 +213,7 @@ NTSTATUS ListHeld(QUERY &Query) {
         if (Mdl != nullptr && MmGetMdlByteCount(Mdl) < Query.Length) {
             return STATUS_INVALID_PARAMETER;
         }
-        const NTSTATUS Status = NtFsdLockUserBuffer(Query.IrpContext, IoWriteAccess, Query.Length);
+        Status = NtFsdLockUserBuffer(Query.IrpContext, IoWriteAccess, Query.Length);
         if (!NT_SUCCESS(Status)) {
             return Status;
         }
@@ -238,7 +225,23 @@ NTSTATUS ListHeld(QUERY &Query) {
     return SettleStatus(Query, PackEntries(Query, Buffer));
 }
 
-NTSTATUS Complete(const QUERY &Query, NTSTATUS Status) {
+// What the search's state refuses, with the FCB's Resource and the search's lock held. STATUS_SUCCESS: go on.
+NTSTATUS CheckHeld(QUERY &Query) {
+    if (IsAnswered(Query)) {
+        NtFsdDebugPrint(TRACE_DIRECTORY, 0,
+                        "Not a wildcard, and we have already returned an entry. Returning STATUS_NO_MORE_FILES.\n");
+        return STATUS_NO_MORE_FILES;
+    }
+    Query.FixedSize = NtFsdDirEntryFixedSize(Query.InfoClass);
+    if (Query.FixedSize == 0) {
+        NtFsdDebugPrint(TRACE_DIRECTORY, 0, "Unknown DirInfo Level 0x%X\n", Query.InfoClass);
+        return STATUS_INVALID_INFO_CLASS;
+    }
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS CompleteListed(const QUERY &Query, NTSTATUS Status) {
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Previous Entry      : 0x%X\n", Query.Previous);
     Query.IrpContext->Information = Query.Information;
     NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Status              : 0x%X\n", Status);
     NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Information         : %u\n", Query.Information);
@@ -248,25 +251,29 @@ NTSTATUS Complete(const QUERY &Query, NTSTATUS Status) {
 NTSTATUS QueryDirectory(PIRP_CONTEXT IrpContext) {
     QUERY Query = ReadQuery(IrpContext);
     TraceQuery(Query);
-    NTSTATUS Status = CheckQuery(Query);
-    if (Status != STATUS_SUCCESS) {
-        return Complete(Query, Status);
+    if (Query.IndexSpecified) {
+        NtFsdDebugPrint(TRACE_DIRECTORY, 0, "SL_INDEX_SPECIFIED not supported. Returning STATUS_NOT_IMPLEMENTED.\n");
+        return NtFsdCompleteRequest(IrpContext, Query.Irp, STATUS_NOT_IMPLEMENTED);
     }
-    ResourceHold Hold;
-    const BOOLEAN Wait = IrpContext->MayWait();
-    const bool Acquired = __atomic_load_n(&Query.Instance->SearchInitialized, __ATOMIC_ACQUIRE)
-                              ? Hold.AcquireShared(&Query.Fcb->Resource, Wait)
-                              : Hold.AcquireExclusive(&Query.Fcb->Resource, Wait);
+    NTSTATUS Refused;
+    NTSTATUS Status = STATUS_SUCCESS;
     {
+        ResourceHold Hold;
         SearchHold Search;
+        const BOOLEAN Wait = IrpContext->MayWait();
+        const bool Acquired = IsSearching(Query.Instance) ? Hold.AcquireShared(&Query.Fcb->Resource, Wait)
+                                                          : Hold.AcquireExclusive(&Query.Fcb->Resource, Wait);
         if (!Acquired || !Search.Acquire(Query.Instance, Wait)) {
             Hold.Release();
             return NtFsdPostRequest(IrpContext);
         }
-        Status = ListHeld(Query);
+        Refused = CheckHeld(Query);
+        if (Refused == STATUS_SUCCESS) {
+            Status = ListHeld(Query);
+        }
     }
-    Hold.Release();
-    return Complete(Query, Status);
+    return Refused != STATUS_SUCCESS ? NtFsdCompleteRequest(IrpContext, Query.Irp, Refused)
+                                     : CompleteListed(Query, Status);
 }
 
 } // namespace

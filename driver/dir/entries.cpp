@@ -179,7 +179,11 @@ NTSTATUS FetchBatch(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) {
     if (RvIsError(Result)) {
         const NTSTATUS Status = NtFsdTranslateResult(Result);
         NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   No more entries from RVIOM; status 0x%08X.\n", Status);
-        return EndListing(Instance, Status == STATUS_CONNECTION_DISCONNECTED ? Status : STATUS_NO_MORE_FILES);
+        if (Status == STATUS_CONNECTION_DISCONNECTED) {
+            EndBatch(Instance); // not the end: the next call asks again, so that nobody takes the part for the whole
+            return Status;
+        }
+        return EndListing(Instance, STATUS_NO_MORE_FILES);
     }
     if (IsEmptyRecord(Instance)) {
         return EndListing(Instance, STATUS_NO_MORE_FILES);
@@ -221,15 +225,17 @@ constexpr ULONG KEPT_ATTRIBUTES = 0x1C37;
 // The part that all classes but the names class begin with.
 FILE_DIRECTORY_INFORMATION DetailsOf(const DIR_RECORD &Record) {
     FILE_DIRECTORY_INFORMATION Details = {};
-    Details.CreationTime.QuadPart = Record.CreationTime;
-    Details.LastAccessTime.QuadPart = Record.LastAccessTime;
-    Details.LastWriteTime.QuadPart = Record.LastWriteTime;
-    ULONG Attributes = Record.Attributes & KEPT_ATTRIBUTES;
-    if (Record.Attributes & RV_ATTR_DIRECTORY) {
-        Details.ChangeTime.QuadPart = Record.CreationTime;
+    RECORD_HEAD Head;
+    RtlCopyMemory(&Head, Record.Head, sizeof(Head));
+    Details.CreationTime.QuadPart = Head.CreationTime;
+    Details.LastAccessTime.QuadPart = Head.LastAccessTime;
+    Details.LastWriteTime.QuadPart = Head.LastWriteTime;
+    ULONG Attributes = Head.Attributes & KEPT_ATTRIBUTES;
+    if (Head.Attributes & RV_ATTR_DIRECTORY) {
+        Details.ChangeTime.QuadPart = Head.CreationTime;
     } else {
-        Details.EndOfFile.QuadPart = static_cast<LONG64>(Record.Size);
-        Details.AllocationSize.QuadPart = static_cast<LONG64>(Record.Size);
+        Details.EndOfFile.QuadPart = static_cast<LONG64>(Head.Size);
+        Details.AllocationSize.QuadPart = static_cast<LONG64>(Head.Size);
         if (Attributes == 0) {
             Attributes = FILE_ATTRIBUTE_NORMAL;
         }
@@ -278,16 +284,15 @@ bool NtFsdParseDirRecord(const UCHAR *Batch, ULONG Bytes, ULONG Offset, bool Wit
     }
     const UCHAR *At = Batch + Offset;
     const ULONG Room = Bytes - Offset;
-    RECORD_HEAD Head;
-    RtlCopyMemory(&Head, At, sizeof(Head));
+    const ULONG NextOffset = ReadUlong(At);
     const ULONG NameUnits = ReadUlong(At + (WithShortName ? SHORT_FORM_NAME_LENGTH : BASIC_NAME_LENGTH));
     if (NameUnits > LONGEST_NAME_BYTES / sizeof(WCHAR) || NameUnits * sizeof(WCHAR) > Room - NameOffset) {
         return false;
     }
     const ULONG NameBytes = NameUnits * static_cast<ULONG>(sizeof(WCHAR));
     // The next record begins behind this one, at a character's boundary, inside the batch.
-    if (Head.NextOffset != 0 &&
-        (Head.NextOffset < NameOffset + NameBytes || Head.NextOffset >= Room || Head.NextOffset % sizeof(WCHAR) != 0)) {
+    if (NextOffset != 0 &&
+        (NextOffset < NameOffset + NameBytes || NextOffset >= Room || NextOffset % sizeof(WCHAR) != 0)) {
         return false;
     }
     ULONG ShortUnits = 0;
@@ -295,12 +300,8 @@ bool NtFsdParseDirRecord(const UCHAR *Batch, ULONG Bytes, ULONG Offset, bool Wit
         ShortUnits = ReadUlong(At + SHORT_FORM_SHORT_LENGTH);
         ShortUnits = ShortUnits < SHORT_NAME_UNITS ? ShortUnits : SHORT_NAME_UNITS;
     }
-    *Record = {.NextOffset = Head.NextOffset,
-               .Attributes = Head.Attributes,
-               .CreationTime = Head.CreationTime,
-               .LastWriteTime = Head.LastWriteTime,
-               .LastAccessTime = Head.LastAccessTime,
-               .Size = Head.Size,
+    *Record = {.NextOffset = NextOffset,
+               .Head = At,
                .Name = At + NameOffset,
                .NameBytes = NameBytes,
                .ShortName = WithShortName ? At + SHORT_FORM_SHORT_NAME : nullptr,
@@ -333,7 +334,7 @@ NTSTATUS NtFsdTarnwellDirToNtDir(ULONG InfoClass, const DIR_RECORD *Record, UCHA
                         Needed, &Name, InfoClass, Available);
         return STATUS_BUFFER_OVERFLOW;
     }
-    RtlZeroMemory(Out, Needed);
+    RtlZeroMemory(Out, Layout->FixedSize); // the name fills the rest
     WriteEntry(*Layout, *Record, Out);
     *EntrySize = Needed;
     return STATUS_SUCCESS;

@@ -9,31 +9,30 @@ NOTIFY_ENTRY *EntryOf(PLIST_ENTRY Links) {
     return CONTAINING_RECORD(Links, NOTIFY_ENTRY, Links);
 }
 
-// Moves the requests that asked for names of files to Batch; the others go on waiting.
-void TakeFileNameWaiters(PFCB Parent, PLIST_ENTRY Batch) {
+// The waiters that IrpContext's request is to complete.
+PLIST_ENTRY ChangedOf(PIRP_CONTEXT IrpContext) {
+    if (IrpContext->ChangedWaiters.Flink == nullptr) {
+        InitializeListHead(&IrpContext->ChangedWaiters);
+    }
+    return &IrpContext->ChangedWaiters;
+}
+
+// Moves the requests that asked for names of files to Changed; the others go on waiting.
+void TakeFileNameWaiters(PFCB Parent, PLIST_ENTRY Changed) {
     for (PLIST_ENTRY Links = Parent->NotifyList.Flink; Links != &Parent->NotifyList;) {
         NOTIFY_ENTRY *Entry = EntryOf(Links);
         Links = Links->Flink;
         if (Entry->CompletionFilter & FILE_NOTIFY_CHANGE_FILE_NAME) {
+            NtFsdDebugPrint(TRACE_NOTIFY, 0, "Complete Irp: 0x%p\n", Entry->Irp);
             RemoveEntryList(&Entry->Links);
-            InsertTailList(Batch, &Entry->Links);
+            InsertTailList(Changed, &Entry->Links);
+            NtFsdDebugPrint(TRACE_NOTIFY, 0, "Remove IRP from List: 0x%p\n", Entry->Irp);
         }
     }
 }
 
-void CompleteChanged(PLIST_ENTRY Batch) {
-    while (!IsListEmpty(Batch)) {
-        const PoolPointer<NOTIFY_ENTRY> Entry(EntryOf(RemoveHeadList(Batch)));
-        const PIRP Irp = Entry->Irp;
-        Entry->IrpContext->Information = 0;
-        NtFsdDebugPrint(TRACE_NOTIFY, 0, "Complete Irp: 0x%p\n", Irp);
-        Ignore(NtFsdCompleteRequest(Entry->IrpContext, Irp, STATUS_NOTIFY_ENUM_DIR), "it is the waiter's");
-        NtFsdDebugPrint(TRACE_NOTIFY, 0, "Remove IRP from List: 0x%p\n", Irp);
-    }
-}
-
 // Takes the waiters of the open directory whose path is exactly ParentPath. FcbTableResource held.
-void TakeWaitersOf(PUNICODE_STRING ParentPath, PLIST_ENTRY Batch) {
+void TakeWaitersOf(PUNICODE_STRING ParentPath, PLIST_ENTRY Changed) {
     UNICODE_STRING Remaining;
     const PFCB Parent = NtFsdFindFcb(ParentPath, &Remaining);
     if (Parent == nullptr || Remaining.Length != 0) {
@@ -42,11 +41,11 @@ void TakeWaitersOf(PUNICODE_STRING ParentPath, PLIST_ENTRY Batch) {
     NtFsdDebugPrint(TRACE_NOTIFY, 0, "Found Parent FCB 0x%p\n", Parent);
     ResourceHold Hold;
     if (Hold.AcquireExclusive(&Parent->Resource, TRUE)) {
-        TakeFileNameWaiters(Parent, Batch);
+        TakeFileNameWaiters(Parent, Changed);
     }
 }
 
-NTSTATUS ReportToParent(PFCB Fcb, ResourceHold &Hold) {
+NTSTATUS ReportToParent(PIRP_CONTEXT IrpContext, PFCB Fcb, ResourceHold &Hold) {
     OwnedString Parent;
     const NTSTATUS Status = NtFsdGetParentName(&Fcb->FullPath, Parent.Get());
     if (!NT_SUCCESS(Status)) {
@@ -56,29 +55,32 @@ NTSTATUS ReportToParent(PFCB Fcb, ResourceHold &Hold) {
 
     // The table comes before any FCB in the lock order. The caller's open keeps the FCB meanwhile.
     Hold.Release();
-    LIST_ENTRY Batch;
-    InitializeListHead(&Batch);
-    {
-        ResourceHold Table;
-        Table.AcquireExclusive(&FcbTableResource, TRUE);
-        Hold.AcquireExclusive(&Fcb->Resource, TRUE);
-        TakeWaitersOf(Parent.Get(), &Batch);
-    }
-    // A completed waiter may ask again at once, or close the directory: neither may find its lock held here.
-    CompleteChanged(&Batch);
+    ResourceHold Table;
+    Table.AcquireExclusive(&FcbTableResource, TRUE);
+    Hold.AcquireExclusive(&Fcb->Resource, TRUE);
+    TakeWaitersOf(Parent.Get(), ChangedOf(IrpContext));
     return STATUS_SUCCESS;
 }
 
 } // namespace
 
-NTSTATUS NtFsdNotifyChange(PIRP_CONTEXT, PFCB Fcb, ULONG, ResourceHold &Hold) {
+NTSTATUS NtFsdNotifyChange(PIRP_CONTEXT IrpContext, PFCB Fcb, ULONG, ResourceHold &Hold) {
     NtFsdDebugPrint(TRACE_NOTIFY, 0, "NtFsdNotifyChange Called FCB = 0x%p\n", Fcb);
     if (!g_bEnableDirectoryNotify) {
         return STATUS_SUCCESS;
     }
-    const NTSTATUS Status = ReportToParent(Fcb, Hold);
+    const NTSTATUS Status = ReportToParent(IrpContext, Fcb, Hold);
     NtFsdDebugPrint(TRACE_NOTIFY, 0, "NtFsdNotifyChange returns 0x%X\n", Status);
     return Status;
+}
+
+VOID NtFsdCompleteChanged(PIRP_CONTEXT IrpContext) {
+    const PLIST_ENTRY Changed = &IrpContext->ChangedWaiters;
+    while (Changed->Flink != nullptr && !IsListEmpty(Changed)) {
+        const PoolPointer<NOTIFY_ENTRY> Entry(EntryOf(RemoveHeadList(Changed)));
+        Entry->IrpContext->Information = 0;
+        Ignore(NtFsdCompleteRequest(Entry->IrpContext, Entry->Irp, STATUS_NOTIFY_ENUM_DIR), "it is the waiter's");
+    }
 }
 
 NTSTATUS NtFsdGetParentName(PCUNICODE_STRING Name, PUNICODE_STRING Parent) {

@@ -2,8 +2,13 @@
 
 #include <map>
 #include <random>
+#include <set>
+#include <sstream>
+#include <thread>
 
 #include "dir/directory.h"
+#include "embedded/ex.h"
+#include "embedded/faults.h"
 #include "tests/support/driver_fixture.h"
 
 namespace {
@@ -12,11 +17,8 @@ using test::Open;
 
 struct Entry {
     std::u16string Name;
-    std::u16string ShortName;
     ULONG Attributes;
     LONGLONG Size;
-
-    bool operator==(const Entry &) const = default;
 };
 
 // Reads the entries of a packed buffer and checks that it is packed as callers rely on.
@@ -36,10 +38,6 @@ std::vector<Entry> Unpack(const std::vector<UCHAR> &Buffer, ULONG_PTR Informatio
         if (InfoClass != FileNamesInformation) {
             memcpy(&Found.Attributes, Buffer.data() + At + 56, sizeof(ULONG));
             memcpy(&Found.Size, Buffer.data() + At + 40, sizeof(LONGLONG));
-        }
-        if (InfoClass == FileBothDirectoryInformation) {
-            Found.ShortName.resize(Buffer[At + 68] / 2);
-            memcpy(Found.ShortName.data(), Buffer.data() + At + 70, Buffer[At + 68]);
         }
         Entries.push_back(Found);
         if (Next == 0) {
@@ -74,6 +72,9 @@ protected:
         IO_STATUS_BLOCK IoStatus = {};
         Result.Status = NtQueryDirectoryFile(Directory, nullptr, nullptr, nullptr, &IoStatus, Result.Buffer.data(),
                                              Length, InfoClass, Single, Mask != nullptr ? &Name : nullptr, Restart);
+        if (Result.Status == STATUS_PENDING) {
+            Result.Status = IoStatus.Status; // a posted query is over when it returns
+        }
         Result.Information = IoStatus.Information;
         EXPECT_LE(Result.Information, Length);
         for (ULONG_PTR At = Result.Information; At < Length; ++At) {
@@ -82,14 +83,16 @@ protected:
         return Result;
     }
 
+    static void AddNames(const Answer &Result, std::vector<std::u16string> &Names) {
+        for (const Entry &One : Unpack(Result.Buffer, Result.Information, FileDirectoryInformation)) {
+            Names.push_back(One.Name);
+        }
+    }
     std::vector<std::u16string> Names(HANDLE Directory, const char16_t *Mask = nullptr) {
         std::vector<std::u16string> Found;
         Answer Result = Query(Directory, 65536, Mask, true);
-        while (Result.Status == STATUS_SUCCESS) {
-            for (const Entry &One : Unpack(Result.Buffer, Result.Information, FileDirectoryInformation)) {
-                Found.push_back(One.Name);
-            }
-            Result = Query(Directory, 65536);
+        for (; Result.Status == STATUS_SUCCESS; Result = Query(Directory, 65536)) {
+            AddNames(Result, Found);
         }
         EXPECT_TRUE(Result.Status == STATUS_NO_MORE_FILES || Result.Status == STATUS_NO_SUCH_FILE);
         return Found;
@@ -168,6 +171,7 @@ TEST_F(Listing, AnExactNameAnswersOnceUntilRestartedAndIsNotLostByASmallBuffer) 
     EXPECT_EQ(First.Status, STATUS_SUCCESS);
     EXPECT_EQ(Unpack(First.Buffer, First.Information, FileDirectoryInformation).size(), 1u);
     EXPECT_EQ(Query(Directory, 4096, u"a.txt").Status, STATUS_NO_MORE_FILES);
+    EXPECT_EQ(Query(Directory, 4096, u"a.txt", false, false, 4).Status, STATUS_NO_MORE_FILES) << "whatever the class";
     EXPECT_EQ(Query(Directory, 4096, u"a.txt", true).Status, STATUS_SUCCESS);
     EXPECT_EQ(Query(Directory, 4096, u"none.txt", true).Status, STATUS_NO_SUCH_FILE);
     EXPECT_EQ(Query(Directory, 4096, u"none.txt").Status, STATUS_NO_MORE_FILES);
@@ -206,27 +210,51 @@ TEST_F(Listing, AnySequenceOfBuffersTellsTheSameAsOneLargeBuffer) {
         Provider.AddFile(Name, "1");
     }
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
+    const LONG64 Before = embedded::PoolBytesInUse();
     const std::vector<std::u16string> Whole = Names(Directory, u"*");
     for (int Round = 0; Round < 20; ++Round) {
         std::vector<std::u16string> Found;
         bool Restart = true;
         for (;;) {
             const ULONG Length = Random() % 2000;
-            Answer Result = Query(Directory, Length, u"*", Restart, Random() % 4 == 0);
+            Answer Result = Query(Directory, Length, u"*", std::exchange(Restart, false), Random() % 4 == 0);
+            EXPECT_LE(embedded::PoolBytesInUse() - Before, 12288 + 256) << "one batch and the mask";
             if (Result.Status == STATUS_BUFFER_OVERFLOW) {
-                Restart = false; // the search is set up; the entry stays first
-                continue;
+                continue; // the entry stays first
             }
-            Restart = false;
             if (Result.Status != STATUS_SUCCESS) {
                 EXPECT_EQ(Result.Status, STATUS_NO_MORE_FILES);
                 break;
             }
-            for (const Entry &One : Unpack(Result.Buffer, Result.Information, FileDirectoryInformation)) {
-                Found.push_back(One.Name);
-            }
+            AddNames(Result, Found);
         }
         EXPECT_EQ(Found, Whole);
+    }
+    Close(Directory);
+}
+
+TEST_F(Listing, AFailedAllocationLosesAndDoublesNothing) {
+    Provider.AddDirectory(u"\\srv\\vol\\d");
+    for (char16_t Last = u'a'; Last <= u'h'; ++Last) {
+        Provider.AddFile(std::u16string(u"\\srv\\vol\\d\\") + std::u16string(200, u'x') + Last, "");
+    }
+    HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
+    const std::vector<std::u16string> Whole = Names(Directory);
+    bool Failed = true;
+    for (ULONG64 Nth = 1; Failed; ++Nth) {
+        embedded::PlannedFaults Plan({.Kinds = embedded::FaultBit(embedded::FaultKind::Pool), .Nth = Nth});
+        std::vector<std::u16string> Found;
+        for (bool Restart = true;;) {
+            const Answer Result = Query(Directory, 1200, u"*", Restart);
+            if (Result.Status == STATUS_NO_MORE_FILES) {
+                break;
+            }
+            AddNames(Result, Found);
+            Restart = Result.Status != STATUS_SUCCESS && Found.empty(); // a restart that failed is asked for again
+            EXPECT_TRUE(Result.Status == STATUS_SUCCESS || Result.Status == STATUS_INSUFFICIENT_RESOURCES);
+        }
+        EXPECT_EQ(Found, Whole) << Nth;
+        Failed = embedded::GetFaultCounts().TotalFailed() != 0;
     }
     Close(Directory);
 }
@@ -273,25 +301,101 @@ TEST_F(Listing, RequestsThatCannotBeServedSayWhichWay) {
     Close(Directory);
 }
 
-TEST_F(Listing, AProvidersErrorEndsTheListingAndADisconnectIsToldAsSuch) {
+TEST_F(Listing, QueriesOfOneOpenSideBySideShareItsEntriesAmongThem) {
+    Start({.Switches = {{u"EnableAsyncIo", 1}}});
     Provider.AddDirectory(u"\\srv\\vol\\d");
+    for (char16_t First = u'a'; First <= u'z'; ++First) {
+        for (char16_t Second = u'a'; Second <= u'z'; ++Second) {
+            Provider.AddFile(std::u16string(u"\\srv\\vol\\d\\a name of some length ") + First + Second, "");
+        }
+    }
+    HANDLE Directory = MustOpen(u"\\srv\\vol\\d", {.Access = FILE_LIST_DIRECTORY, .Options = FILE_DIRECTORY_FILE});
+    std::vector<std::u16string> Found[3];
+    std::vector<std::thread> Threads;
+    for (auto &Mine : Found) {
+        Threads.emplace_back([this, Directory, &Mine] {
+            for (;;) {
+                const Answer Result = Query(Directory, 1000);
+                if (Result.Status == STATUS_NO_MORE_FILES) {
+                    return;
+                }
+                AddNames(Result, Mine);
+            }
+        });
+    }
+    std::multiset<std::u16string> All;
+    for (size_t Thread = 0; Thread < std::size(Found); ++Thread) {
+        Threads[Thread].join();
+        All.insert(Found[Thread].begin(), Found[Thread].end());
+    }
+    EXPECT_EQ(All.size(), 26u * 26u + 2u);
+    EXPECT_EQ(std::set<std::u16string>(All.begin(), All.end()).size(), All.size());
+    Close(Directory);
+}
+
+TEST_F(Listing, AProvidersErrorIsTheEndButADisconnectIsToldUntilItIsOver) {
+    Provider.AddDirectory(u"\\srv\\vol\\d");
+    Provider.AddFile(u"\\srv\\vol\\d\\x1", "");
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
     Provider.OnCall(providers::Slot::EnumerateDirectory).Return(test::RvError(0x0101));
     EXPECT_EQ(Query(Directory, 4096, u"x*").Status, STATUS_CONNECTION_DISCONNECTED);
+    EXPECT_EQ(Query(Directory, 4096).Status, STATUS_CONNECTION_DISCONNECTED);
     Provider.ClearScript();
+    EXPECT_EQ(Query(Directory, 4096).Status, STATUS_SUCCESS);
     Provider.OnCall(providers::Slot::EnumerateDirectory).Return(test::RvError(0x0006));
     EXPECT_EQ(Query(Directory, 4096, u"x*", true).Status, STATUS_NO_SUCH_FILE);
+    Provider.ClearCalls();
+    EXPECT_EQ(Query(Directory, 4096).Status, STATUS_NO_MORE_FILES);
+    EXPECT_TRUE(CallNames().empty()) << "the end is remembered";
+    Close(Directory);
+}
+
+TEST_F(Listing, TheTraceFollowsAQueryToItsEnd) {
+    Start({.Switches = {{u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 0x40}}});
+    Provider.AddFile(u"\\srv\\vol\\ab", "");
+    Provider.AddFile(u"\\srv\\vol\\ac", "");
+    HANDLE Directory = OpenDirectory(u"\\srv\\vol");
+    Printed.clear();
+    Query(Directory, 4096, u"a*", true, false, FileNamesInformation);
+    std::string Bare; // without prefixes and the two lines that hold addresses
+    std::istringstream Lines(Printed);
+    for (std::string Line; std::getline(Lines, Line);) {
+        if (Line.find("Entries: ") == Line.npos && Line.find("Next Entry") == Line.npos) {
+            Bare += Line.substr(std::string_view("[RVFSD] ").size()) + "\n";
+        }
+    }
+    EXPECT_EQ(Bare, "   Index Specified     : FALSE\n"
+                    "   Restart Scan        : TRUE\n"
+                    "   Return Single Entry : FALSE\n"
+                    "   Buffer Length       : 0x1000\n"
+                    "   Search Initialized  : FALSE\n"
+                    "   Information Class  : 12\n"
+                    "   Search Mask : a*\n"
+                    "   Info Count     : 0\n"
+                    "   More Entries   : TRUE\n"
+                    "We need more retrieve more entries for \"a*\".\n"
+                    "   New Info Count : 2\n"
+                    "We need more retrieve more entries for \"a*\".\n"
+                    "   No more entries from RVIOM; status 0x80000006.\n"
+                    "   Previous Entry      : 0x10\n"
+                    "   Status              : 0x0\n"
+                    "   Information         : 32\n"
+                    "<<<<<<<<<<<<<NtFsdDirectoryControl() returning 0x0\n")
+        << Printed;
+    // What is refused before it is begun is not told as a query's end.
+    Printed.clear();
+    Query(Directory, 4096, nullptr, false, false, 4);
+    EXPECT_NE(Printed.find("Unknown DirInfo Level 0x4\n"), std::string::npos) << Printed;
+    EXPECT_EQ(Printed.find("   Status"), std::string::npos) << Printed;
     Close(Directory);
 }
 
 // ---- The batch is data from outside
 // -----------------------------------------------------------------------------------
 
-std::vector<UCHAR> Record(ULONG Next, ULONG NameUnits) {
-    std::vector<UCHAR> Bytes(60 + 2 * NameUnits + 8);
-    memcpy(Bytes.data(), &Next, 4);
-    memcpy(Bytes.data() + 56, &NameUnits, 4);
-    return Bytes;
+void PutRecord(UCHAR *At, ULONG Next, ULONG NameUnits) {
+    memcpy(At, &Next, 4);
+    memcpy(At + 56, &NameUnits, 4);
 }
 
 TEST(DirectoryRecord, OnlyWhatLiesInsideTheBatchIsARecord) {
@@ -300,7 +404,6 @@ TEST(DirectoryRecord, OnlyWhatLiesInsideTheBatchIsARecord) {
         ULONG Bytes, Offset, Next, NameUnits;
         bool Valid;
     } Cases[] = {
-        {"the last record", 80, 0, 0, 10, true},
         {"a name up to the end", 80, 0, 0, 10, true},
         {"a name beyond the end", 79, 0, 0, 10, false},
         {"a name of 2 GiB", 4096, 0, 0, 0x40000000, false},
@@ -314,12 +417,10 @@ TEST(DirectoryRecord, OnlyWhatLiesInsideTheBatchIsARecord) {
         {"an offset beyond the end", 80, 81, 0, 0, false},
     };
     for (const auto &Case : Cases) {
-        std::vector<UCHAR> Batch(std::max<ULONG>(Case.Bytes, 4096));
-        const std::vector<UCHAR> One = Record(Case.Next, Case.NameUnits < 100 ? Case.NameUnits : 0);
-        memcpy(Batch.data(), One.data(), One.size());
-        memcpy(Batch.data() + 56, &Case.NameUnits, 4);
-        Batch.resize(Case.Bytes); // so that a read beyond it is found
-        Batch.shrink_to_fit();
+        std::vector<UCHAR> Batch(std::max<ULONG>(Case.Bytes, 60));
+        PutRecord(Batch.data(), Case.Next, Case.NameUnits);
+        Batch.resize(Case.Bytes);
+        Batch.shrink_to_fit(); // a read beyond it is found
         DIR_RECORD Parsed;
         EXPECT_EQ(NtFsdParseDirRecord(Batch.data(), Case.Bytes, Case.Offset, false, &Parsed), Case.Valid) << Case.What;
     }
@@ -331,10 +432,8 @@ TEST_F(Listing, ABatchThatBreaksEndsAfterItsGoodRecordsWithAClearStatus) {
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
     Provider.OnCall(providers::Slot::EnumerateDirectory).Answer([](providers::Outputs &Out) {
         auto Buffer = static_cast<UCHAR *>(Out.Buffer);
-        const std::vector<UCHAR> Good = Record(80, 10);
-        const std::vector<UCHAR> Bad = Record(0xFFFFFF00, 10);
-        memcpy(Buffer, Good.data(), 80);
-        memcpy(Buffer + 80, Bad.data(), 80);
+        PutRecord(Buffer, 80, 10);
+        PutRecord(Buffer + 80, 0xFFFFFF00, 10);
     });
     Answer First = Query(Directory, 4096, u"x*");
     EXPECT_EQ(First.Status, STATUS_UNEXPECTED_NETWORK_ERROR);
@@ -346,29 +445,22 @@ TEST_F(Listing, ABatchThatBreaksEndsAfterItsGoodRecordsWithAClearStatus) {
 
 TEST_F(Listing, ShortNamesAreAskedForUnlessLazyCloseIsOnAndTheSwitchIsReadOnce) {
     constexpr auto Key = u"\\REGISTRY\\Machine\\Software\\Veyra\\Client\\Parameters";
-    const struct {
-        const char *What;
-        std::optional<ULONG> LazyClose;
-        bool ShortNames;
-    } Cases[] = {{"absent", std::nullopt, true}, {"0", 0, true}, {"1", 1, false}};
-    for (const auto &Case : Cases) {
+    Provider.AddFile(u"\\srv\\vol\\a long name.txt", "");
+    for (const std::optional<ULONG> LazyClose : {std::optional<ULONG>(), {0u}, {1u}}) {
         Start();
-        if (Case.LazyClose) {
-            embedded::SetRegistryDword(Key, u"Enable Lazy Close", *Case.LazyClose);
+        if (LazyClose) {
+            embedded::SetRegistryDword(Key, u"Enable Lazy Close", *LazyClose);
         }
-        Provider.AddFile(u"\\srv\\vol\\a long name.txt", "");
+        const bool Expected = LazyClose.value_or(0) == 0;
         HANDLE Directory = OpenDirectory(u"\\srv\\vol");
-        Provider.ClearCalls();
-        Answer Result = Query(Directory, 4096, u"*", false, false, FileBothDirectoryInformation);
-        ASSERT_EQ(Result.Status, STATUS_SUCCESS);
-        EXPECT_EQ(Provider.CountCalls(providers::Slot::EnumerateDirectoryEx) != 0, Case.ShortNames) << Case.What;
-        for (const Entry &One : Unpack(Result.Buffer, Result.Information, FileBothDirectoryInformation)) {
-            EXPECT_EQ(One.ShortName.empty(), !Case.ShortNames) << Case.What;
+        for (const ULONG InfoClass : {FileBothDirectoryInformation, FileIdBothDirectoryInformation}) {
+            Provider.ClearCalls();
+            const Answer Result = Query(Directory, 4096, u"*", true, false, InfoClass);
+            ASSERT_EQ(Result.Status, STATUS_SUCCESS);
+            EXPECT_EQ(Provider.CountCalls(providers::Slot::EnumerateDirectoryEx) != 0, Expected);
+            EXPECT_EQ(Result.Buffer[68] != 0, Expected) << "the short name's length";
+            embedded::SetRegistryDword(Key, u"Enable Lazy Close", Expected ? 1 : 0);
         }
-        embedded::SetRegistryDword(Key, u"Enable Lazy Close", Case.ShortNames ? 1u : 0u);
-        Provider.ClearCalls();
-        Query(Directory, 4096, u"*", true, false, FileBothDirectoryInformation);
-        EXPECT_EQ(Provider.CountCalls(providers::Slot::EnumerateDirectoryEx) != 0, Case.ShortNames) << Case.What;
         Close(Directory);
         Stop();
     }

@@ -2,6 +2,7 @@
 
 #include <thread>
 
+#include "dir/notify.h"
 #include "embedded/faults.h"
 #include "tests/support/driver_fixture.h"
 
@@ -10,6 +11,7 @@ namespace {
 using embedded::IrpBuilder;
 using embedded::SendIrp;
 using embedded::SentIrp;
+using test::Open;
 
 class Watching : public test::DriverFixture {
 protected:
@@ -22,16 +24,22 @@ protected:
         return MustOpen(Path, {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE, .Options = FILE_DIRECTORY_FILE});
     }
 
-    SentIrp Wait(HANDLE Directory, ULONG Filter, UCHAR Flags = 0) {
+    SentIrp WaitOn(PFILE_OBJECT Directory, ULONG Filter, UCHAR Flags = 0, PIO_COMPLETION_ROUTINE Completion = nullptr,
+                   PVOID Context = nullptr) {
         IrpBuilder Builder;
         Builder.MajorFunction = IRP_MJ_DIRECTORY_CONTROL;
         Builder.MinorFunction = IRP_MN_NOTIFY_CHANGE_DIRECTORY;
-        Builder.FileObject = FileObject(Directory);
+        Builder.FileObject = Directory;
         Builder.StackFlags = Flags;
+        Builder.CompletionRoutine = Completion;
+        Builder.CompletionContext = Context;
         Builder.Fill = [Filter](PIO_STACK_LOCATION IrpSp) {
             IrpSp->Parameters.NotifyDirectory.CompletionFilter = Filter;
         };
         return SendIrp(Device(), Builder);
+    }
+    SentIrp Wait(HANDLE Directory, ULONG Filter, UCHAR Flags = 0, PIO_COMPLETION_ROUTINE Completion = nullptr) {
+        return WaitOn(FileObject(Directory), Filter, Flags, Completion, Directory);
     }
 
     void MakeFile(std::u16string_view Path) {
@@ -96,13 +104,31 @@ TEST_F(Watching, TheCleanupOfAnyHandleEndsAllWaitsAndLaterOnesDoNotBegin) {
         EXPECT_EQ(OnFirst.Wait().Status, STATUS_SUCCESS);
         EXPECT_EQ(OnSecond.Wait().Status, STATUS_SUCCESS);
     }
-    IrpBuilder Late;
-    Late.MajorFunction = IRP_MJ_DIRECTORY_CONTROL;
-    Late.MinorFunction = IRP_MN_NOTIFY_CHANGE_DIRECTORY;
-    Late.FileObject = Kept;
-    EXPECT_EQ(embedded::SendIrpAndWait(Device(), Late).Status, STATUS_NOTIFY_CLEANUP);
+    EXPECT_EQ(WaitOn(Kept, FILE_NOTIFY_CHANGE_FILE_NAME).Wait().Status, STATUS_NOTIFY_CLEANUP);
     embedded::DereferenceFileObject(Kept);
     Close(Second);
+}
+
+NTSTATUS NTAPI CloseWatched(PDEVICE_OBJECT, PIRP Irp, PVOID Directory) {
+    IoMarkIrpPending(Irp);
+    EXPECT_EQ(NtClose(static_cast<HANDLE>(Directory)), STATUS_SUCCESS);
+    return STATUS_SUCCESS;
+}
+
+TEST_F(Watching, TheCompletionOfAWaitMayCloseTheDirectoryWhateverMadeTheChange) {
+    Provider.AddFile(u"\\srv\\vol\\d\\old", "");
+    const Open Changes[] = {
+        {.Access = FILE_WRITE_DATA | SYNCHRONIZE, .Disposition = FILE_CREATE},
+        {.Disposition = FILE_CREATE, .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT},
+        {.Access = DELETE | SYNCHRONIZE, .Options = FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT},
+    };
+    constexpr std::u16string_view Names[] = {u"\\srv\\vol\\d\\new", u"\\srv\\vol\\d\\sub", u"\\srv\\vol\\d\\old"};
+    for (size_t Index = 0; Index < std::size(Changes); ++Index) {
+        HANDLE Directory = Watch(u"\\srv\\vol\\d");
+        SentIrp Request = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME, 0, CloseWatched);
+        Close(MustOpen(Names[Index], Changes[Index]));
+        EXPECT_EQ(Request.Wait().Status, STATUS_NOTIFY_ENUM_DIR) << Index;
+    }
 }
 
 TEST_F(Watching, WithoutMemoryTheRequestIsRefusedAndNothingWaits) {
@@ -123,17 +149,28 @@ TEST_F(Watching, WithoutMemoryTheRequestIsRefusedAndNothingWaits) {
     }
 }
 
+// Each thread watches a directory and its parent, makes and deletes entries in both, and closes.
 TEST_F(Watching, ConcurrentWatchersCreatorsAndClosersOfParentAndChild) {
     std::vector<std::thread> Threads;
     for (int Thread = 0; Thread < 3; ++Thread) {
         Threads.emplace_back([this, Thread] {
             for (int Round = 0; Round < 40; ++Round) {
-                HANDLE Directory = Watch(u"\\srv\\vol\\d");
-                SentIrp Request = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
-                MakeFile(u"\\srv\\vol\\d\\t" + std::u16string(1 + Thread, u'x') + std::u16string(1 + Round, u'y'));
-                Close(Directory);
-                const NTSTATUS Status = Request.Wait().Status;
-                EXPECT_TRUE(Status == STATUS_SUCCESS || Status == STATUS_NOTIFY_ENUM_DIR);
+                HANDLE Parent = Watch(u"\\srv\\vol");
+                HANDLE Child = Watch(u"\\srv\\vol\\d");
+                SentIrp OnParent = Wait(Parent, FILE_NOTIFY_CHANGE_FILE_NAME);
+                SentIrp OnChild = Wait(Child, FILE_NOTIFY_CHANGE_FILE_NAME);
+                for (const std::u16string_view Where : {u"\\srv\\vol\\d\\t", u"\\srv\\vol\\t"}) {
+                    Close(MustOpen(std::u16string(Where) + std::u16string(1 + Thread, u'x'),
+                                   {.Access = DELETE | SYNCHRONIZE,
+                                    .Disposition = FILE_CREATE,
+                                    .Options = FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT}));
+                }
+                Close(Round % 2 == 0 ? Child : Parent);
+                Close(Round % 2 == 0 ? Parent : Child);
+                for (SentIrp *Request : {&OnParent, &OnChild}) {
+                    const NTSTATUS Status = Request->Wait().Status;
+                    EXPECT_TRUE(Status == STATUS_SUCCESS || Status == STATUS_NOTIFY_ENUM_DIR);
+                }
             }
         });
     }
@@ -142,22 +179,37 @@ TEST_F(Watching, ConcurrentWatchersCreatorsAndClosersOfParentAndChild) {
     }
 }
 
-TEST(WatchingSwitchedOff, IsNotImplemented) {
-    struct Fixture : test::DriverFixture {
-        void TestBody() override {
-            Provider.AddDirectory(u"\\srv\\vol\\d");
-            HANDLE Directory =
-                MustOpen(u"\\srv\\vol\\d", {.Access = FILE_LIST_DIRECTORY, .Options = FILE_DIRECTORY_FILE});
-            IrpBuilder Builder;
-            Builder.MajorFunction = IRP_MJ_DIRECTORY_CONTROL;
-            Builder.MinorFunction = IRP_MN_NOTIFY_CHANGE_DIRECTORY;
-            Builder.FileObject = FileObject(Directory);
-            EXPECT_EQ(embedded::SendIrpAndWait(Device(), Builder).Status, STATUS_NOT_IMPLEMENTED);
-            Close(Directory);
-            TearDown();
-        }
-    } Off;
-    Off.TestBody();
+TEST_F(Watching, TheParentIsThePathWithoutItsLastComponent) {
+    const struct {
+        std::u16string_view Path, Parent; // no parent: empty
+    } Cases[] = {{u"\\srv\\vol\\docs\\a.txt", u"\\srv\\vol\\docs"},
+                 {u"\\srv\\vol\\docs\\\\", u"\\srv\\vol"},
+                 {u"\\s\\v\\n", u"\\s\\v"},
+                 {u"\\srv\\vol", u""},
+                 {u"\\srv\\vol\\", u""},
+                 {u"\\srv", u""},
+                 {u"a\\\\b", u""},
+                 {u"", u""}};
+    for (const auto &Case : Cases) {
+        const UNICODE_STRING Path = embedded::ToUnicodeString(Case.Path);
+        OwnedString Parent;
+        EXPECT_EQ(NtFsdGetParentName(&Path, Parent.Get()),
+                  Case.Parent.empty() ? STATUS_OBJECT_PATH_INVALID : STATUS_SUCCESS);
+        EXPECT_EQ(embedded::View(Parent.Get()), Case.Parent);
+        EXPECT_TRUE(Case.Parent.empty() || Parent->Buffer[Case.Parent.size()] == 0);
+    }
+}
+
+class WatchingSwitchedOff : public Watching {
+    void SetUp() override {
+        Provider.AddDirectory(u"\\srv\\vol\\d");
+    }
+};
+
+TEST_F(WatchingSwitchedOff, IsNotImplemented) {
+    HANDLE Directory = Watch(u"\\srv\\vol\\d");
+    EXPECT_EQ(Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME).Wait().Status, STATUS_NOT_IMPLEMENTED);
+    Close(Directory);
 }
 
 } // namespace

@@ -1,0 +1,106 @@
+// ls, find and watch as their users meet them.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "tests/app/program.h"
+
+namespace {
+
+using test::Ran;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+
+class ProgramListing : public testing::Test {
+protected:
+    ProgramListing() {
+        std::filesystem::create_directories(Local.Path() / "d" / "sub");
+        for (const char *Name : {"d/a.txt", "d/B.TXT", "d/abc", "d/a rather long name.html", "d/sub/below.txt"}) {
+            Local.Write(Name, "x");
+        }
+    }
+
+    std::vector<std::string> Line(std::vector<std::string> Words) const {
+        Words.insert(Words.begin(), {"--export", R"(\\srv\vol=)" + Local.Path().string()});
+        return Words;
+    }
+    std::string Out(const std::vector<std::string> &Words) const {
+        const Ran Done = test::RunProgram(Line(Words));
+        EXPECT_EQ(Done.Code, 0) << Done.Error;
+        return Done.Out;
+    }
+
+    test::ScratchDirectory Local;
+};
+
+constexpr auto Whole = ".\n..\na rather long name.html\na.txt\nabc\nB.TXT\nsub\n";
+
+TEST_F(ProgramListing, EveryClassAndEveryWayOfAskingTellsTheSame) {
+    for (const char *Class : {"directory", "full", "both", "names", "id_both", "id_full"}) {
+        EXPECT_EQ(Out({"ls", "--class", Class, "--buffer", "200", R"(\\srv\vol\d)"}), Whole) << Class;
+    }
+    EXPECT_EQ(Out({"ls", "--single", R"(\\srv\vol\d)"}), Whole);
+    EXPECT_EQ(Out({"ls", "--single", "--restart", R"(\\srv\vol\d)"}), std::string(".\n") + Whole);
+    EXPECT_EQ(
+        Out({"ls", "-R", R"(\\srv\vol\d)"}),
+        "\\\\srv\\vol\\d:\na rather long name.html\na.txt\nabc\nB.TXT\nsub\n\n\\\\srv\\vol\\d\\sub:\nbelow.txt\n");
+    EXPECT_EQ(Out({"find", R"(\\srv\vol\d)", "--name", "*.txt"}),
+              "\\\\srv\\vol\\d\\a.txt\n\\\\srv\\vol\\d\\B.TXT\n\\\\srv\\vol\\d\\sub\\below.txt\n");
+}
+
+TEST_F(ProgramListing, TheLastComponentIsAMaskOrTheNameOfAFile) {
+    const struct {
+        const char *Mask;
+        const char *Out;
+    } Cases[] = {{"*.txt", "a.txt\nB.TXT\n"}, {"ab?", "abc\n"},      {"abc>>>", "abc\n"},
+                 {"<.txt", "a.txt\nB.TXT\n"}, {"a\"txt", "a.txt\n"}, {"*~1.htm", "a rather long name.html\n"},
+                 {"b.txt", "B.TXT\n"}};
+    for (const auto &Case : Cases) {
+        EXPECT_EQ(Out({"ls", std::string(R"(\\srv\vol\d\)") + Case.Mask}), Case.Out) << Case.Mask;
+    }
+    for (auto &[Mask, Error] : {std::pair{"z*", "STATUS_NO_SUCH_FILE (0xC000000F): \\\\srv\\vol\\d\\z*"},
+                                {"abc\\*", "STATUS_NOT_A_DIRECTORY (0xC0000103): \\\\srv\\vol\\d\\abc"}}) {
+        const Ran None = test::RunProgram(Line({"ls", std::string(R"(\\srv\vol\d\)") + Mask}));
+        EXPECT_EQ(None.Code, 1);
+        EXPECT_THAT(None.Error, HasSubstr(Error));
+    }
+}
+
+TEST_F(ProgramListing, ShortNamesAreShownUnlessLazyCloseIsOn) {
+    const std::string Mask = R"(\\srv\vol\d\a r*)";
+    EXPECT_THAT(Out({"ls", "-l", Mask}), ContainsRegex(" AR[0-9A-F]{4}~1\\.HTM +a rather long name"));
+    for (auto &[Value, Expected] : {std::pair{"1", false}, {"0", true}}) {
+        const Ran Listed = test::RunProgram(
+            Line({"--set", std::string("Enable Lazy Close=") + Value, "ls", "-l", "--class", "id_both", Mask}));
+        EXPECT_EQ(Listed.Out.find("~1.HTM") != std::string::npos, Expected) << Listed.Out << Listed.Error;
+    }
+}
+
+TEST_F(ProgramListing, AWaitInTheConsoleIsEndedByOtherVerbsAndByTheConsole) {
+    const Ran Off = test::RunProgram(Line({"watch", R"(\\srv\vol\d)"}));
+    EXPECT_EQ(Off.Code, 1);
+    EXPECT_THAT(Off.Error, HasSubstr("STATUS_NOT_IMPLEMENTED"));
+
+    test::Terminal Screen(Line({"--set", "EnableDirectoryNotify=1", "console"}));
+    const std::string Changed = "watch \\\\srv\\vol\\d: STATUS_NOTIFY_ENUM_DIR (0x0000010C)";
+    const struct {
+        const char *Verb;
+        std::string Told;
+    } Cases[] = {{R"(touch \\srv\vol\d\new)", Changed},
+                 {R"(rm \\srv\vol\d\new)", Changed},
+                 {R"(mkdir \\srv\vol\d\made)", Changed},
+                 {R"(rmdir \\srv\vol\d\made)", Changed},
+                 {R"(ls \\srv\vol\d)", "watch \\\\srv\\vol\\d: STATUS_SUCCESS (0x00000000)"},
+                 {"quit", "watch \\\\srv\\vol\\d: STATUS_SUCCESS (0x00000000)"}};
+    for (const auto &Case : Cases) {
+        Screen.Type("watch \\\\srv\\vol\\d\n");
+        EXPECT_THAT(Screen.Expect("watching \\\\srv\\vol\\d"), HasSubstr("watching"));
+        Screen.Type(std::string(Case.Verb) + "\n");
+        EXPECT_THAT(Screen.Expect(Case.Told), HasSubstr(Case.Told)) << Case.Verb;
+    }
+    EXPECT_EQ(Screen.Finish(), 0);
+}
+
+} // namespace

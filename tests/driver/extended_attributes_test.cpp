@@ -1,0 +1,30 @@
+// Extended attributes: there are none, and a set stores nothing.
+
+#include "tests/support/driver_fixture.h"
+
+namespace {
+
+class ExtendedAttributes : public test::DriverFixture {};
+
+TEST_F(ExtendedAttributes, AQueryFindsNoneAndASetIsAcceptedOnEveryKindOfOpen) {
+    Provider.AddFile(u"\\srv\\vol\\d\\f", "");
+    for (const std::u16string_view Path : {u"\\srv\\vol\\d\\f", u"\\srv\\vol\\d", u"\\srv\\vol", u""}) {
+        HANDLE Open = MustOpen(Path, {.Access = FILE_READ_ATTRIBUTES | SYNCHRONIZE});
+        Provider.ClearCalls();
+        for (const UCHAR MajorFunction : {IRP_MJ_QUERY_EA, IRP_MJ_SET_EA, IRP_MJ_QUERY_EA}) {
+            embedded::IrpBuilder Builder;
+            Builder.MajorFunction = MajorFunction;
+            Builder.FileObject = FileObject(Open);
+            Builder.Fill = [](PIO_STACK_LOCATION IrpSp) { IrpSp->Parameters.QueryEa.Length = 64; };
+            embedded::SentIrp Request = embedded::SendIrp(Device(), Builder);
+            const IO_STATUS_BLOCK Answer = Request.Wait();
+            EXPECT_EQ(Answer.Status, MajorFunction == IRP_MJ_SET_EA ? STATUS_SUCCESS : STATUS_NO_EAS_ON_FILE);
+            EXPECT_EQ(Answer.Information, 0u);
+            EXPECT_EQ(Request.PriorityBoost(), IO_DISK_INCREMENT);
+        }
+        EXPECT_TRUE(CallNames().empty()) << "the Provider is not asked";
+        Close(Open);
+    }
+}
+
+} // namespace
