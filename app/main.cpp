@@ -25,6 +25,9 @@ struct GlobalOptions {
     std::vector<std::string> Switches;
     std::string Trace;
     std::string Log;
+    std::string Image;
+    std::string Calls;
+    bool Version = false;
 };
 
 // NAME=VALUE at its first '='.
@@ -39,8 +42,13 @@ std::pair<std::string, std::string> SplitPair(const std::string &Text, const cha
 SessionOptions SessionOf(const GlobalOptions &Text) {
     SessionOptions Options;
     for (const std::string &One : Text.Exports) {
-        const auto [Name, Directory] = SplitPair(One, "--export '\\\\server\\volume=DIR'");
-        Options.Exports.push_back({ShowPath(RemotePath(Name)), Directory});
+        const auto [Name, Served] = SplitPair(One, "--export '\\\\server\\volume=DIR'");
+        const std::string Volume = ShowPath(RemotePath(Name));
+        if (Served[0] == '\\') {
+            Options.Exports.push_back({Volume, {}, ShowPath(RemotePath(Served))});
+        } else {
+            Options.Exports.push_back({Volume, Served});
+        }
     }
     for (const std::string &One : Text.Quotas) {
         const auto [Name, Bytes] = SplitPair(One, "--quota '\\\\server\\volume=BYTES'");
@@ -65,22 +73,43 @@ SessionOptions SessionOf(const GlobalOptions &Text) {
     if (!Text.Log.empty()) {
         Options.Log = Text.Log;
     }
+    if (!Text.Image.empty()) {
+        Options.Image = Text.Image;
+    }
+    if (!Text.Calls.empty()) {
+        if (!Options.Image) {
+            throw UsageError("--calls: only the calls of an image can be recorded (--image)");
+        }
+        Options.Calls = Text.Calls;
+    }
     return Options;
 }
 
 void AddGlobalOptions(CLI::App &App, GlobalOptions &Text) {
     App.add_option("--export", Text.Exports,
-                   "serve DIR as a volume, '\\\\server\\volume=DIR'; may be repeated. Without "
-                   "one the sample tree is \\\\demo\\files")
+                   "serve DIR as a volume, '\\\\server\\volume=DIR', or a directory of another export, "
+                   "'\\\\server\\volume=\\\\other\\vol\\dir'; may be repeated. Without one the sample tree is "
+                   "\\\\demo\\files")
         ->take_all()
         ->expected(1);
     App.add_option("--quota", Text.Quotas, "limit an export, '\\\\server\\volume=BYTES'")->take_all()->expected(1);
-    App.add_option("--set", Text.Switches, "a value of the driver's service key, NAME=VALUE; may be repeated")
+    App.add_option("--set", Text.Switches, "a switch of the driver's, NAME=VALUE; may be repeated")
         ->take_all()
         ->expected(1);
     App.add_option("--trace", Text.Trace, "the driver's messages of these categories on standard error");
     App.add_option("--log", Text.Log, "the driver's log file");
-    App.set_version_flag("--version", std::string("rvfsd " RVFSD_VERSION ", the driver linked natively"));
+    App.add_option("--image", Text.Image, "run this image of the driver (RVFSD.sys) instead of the one linked in");
+    App.add_option("--calls", Text.Calls, "write every kernel service that the image calls into this file");
+    App.add_flag("--version", Text.Version, "which program this is, and which driver it holds");
+}
+
+void ShowVersion(const GlobalOptions &Text) {
+    if (Text.Image.empty()) {
+        fmt::print("rvfsd " RVFSD_VERSION ", the driver linked natively\n");
+        return;
+    }
+    fmt::print("rvfsd " RVFSD_VERSION ", the driver is the image {}\n",
+               LoadImage(Text.Image, embedded::CallRecording::None)->Describe());
 }
 
 // What went wrong, told; the exit code that says so.
@@ -137,6 +166,10 @@ int Main(int Count, char **Words) {
         return App.exit(Help);
     } catch (const CLI::ParseError &Error) {
         return BadUsage(App, Error);
+    }
+    if (Text.Version) {
+        ShowVersion(Text);
+        return 0;
     }
     if (!Chosen) {
         Chosen = isatty(STDIN_FILENO) && isatty(STDOUT_FILENO) ? Command(RunConsole) : Command(RunTour);

@@ -11,9 +11,11 @@
 #include <fmt/format.h>
 
 #include "app/text.h"
+#include "embedded/image_symbols.h"
 #include "embedded/verifier.h"
 #include "frame/diagnostics.h"
 #include "kernel/linux/driver_image.h"
+#include "provider/framework.h"
 
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
 
@@ -22,6 +24,7 @@ namespace app {
 namespace {
 
 constexpr auto ServiceKey = u"\\REGISTRY\\Machine\\System\\CurrentControlSet\\Services\\RVFSD";
+constexpr auto ClientKey = u"\\REGISTRY\\Machine\\Software\\Veyra\\Client\\Parameters";
 
 // Beside the sources that the program was built in (build/PRESET/app), also after they were moved as a whole.
 std::filesystem::path SampleTree() {
@@ -58,12 +61,30 @@ constexpr Switch Switches[] = {{"EnableDirectoryNotify", 0},
                                {"FsDisplayOutput", 0},
                                {"FsDebugLevel", 0},
                                {"RvioctlDbgMsg", 0},
-                               {"DebugLogging", 0}};
+                               {"DebugLogging", 0},
+                               {"Enable Lazy Close", 0, true}};
+
+const char16_t *KeyOf(const std::string &Name) {
+    const auto At = std::find_if(std::begin(Switches), std::end(Switches),
+                                 [&Name](const Switch &Each) { return Each.Name == Name; });
+    return At != std::end(Switches) && At->OfClient ? ClientKey : ServiceKey;
+}
 
 } // namespace
 
 std::span<const Switch> KnownSwitches() {
     return Switches;
+}
+
+std::unique_ptr<embedded::DriverImage> LoadImage(const std::filesystem::path &File, embedded::CallRecording Recording) {
+    embedded::ImageOptions Options;
+    Options.Modules = {{"zelm.sys", "ZelmCreateInstance", reinterpret_cast<void *>(ZelmCreateInstance), 4}};
+    Options.Recording = Recording;
+    try {
+        return std::make_unique<embedded::DriverImage>(File, std::move(Options));
+    } catch (const embedded::ImageError &Refused) {
+        throw UsageError(Refused.what());
+    }
 }
 
 // A system volume whose Rvfsd.log is the file of the user's choice, which fills while the driver runs.
@@ -114,25 +135,10 @@ Session::Session(const SessionOptions &Options) : Exports_(Options.Exports), Swi
     if (Exports_.empty()) {
         Exports_.push_back({"\\\\demo\\files", SampleTree()});
     }
-    for (const Export &One : Exports_) {
-        providers::ExportOptions Serving;
-        if (const auto Quota = Options.Quotas.find(One.Name); Quota != Options.Quotas.end()) {
-            Serving.QuotaBytes = Quota->second;
-        }
-        const std::string Problem = Directories_.AddExport(Widen(One.Name), One.Directory, Serving);
-        if (!Problem.empty()) {
-            throw UsageError(Problem);
-        }
-    }
-    for (const auto &Quota : Options.Quotas) {
-        if (std::none_of(Exports_.begin(), Exports_.end(),
-                         [&](const Export &One) { return One.Name == Quota.first; })) {
-            throw UsageError(fmt::format("--quota {}: no export of that name", Quota.first));
-        }
-    }
+    Serve(Options.Quotas);
     embedded::KernelOptions Boot;
     for (const auto &[Name, Value] : Switches_) {
-        Boot.Registry.push_back({ServiceKey, Widen(Name), Value});
+        Boot.Registry.push_back({KeyOf(Name), Widen(Name), Value});
     }
     Boot.Time = embedded::ClockMode::Running;
     if (Options.Log) {
@@ -140,7 +146,11 @@ Session::Session(const SessionOptions &Options) : Exports_(Options.Exports), Swi
         Boot.SystemVolume = Log_->Directory();
     }
     Boot.DebugSink = [](std::string_view Text) { fwrite(Text.data(), 1, Text.size(), stderr); };
-    Boot.ResetDriverImage = ResetDriverImage;
+    if (Options.Image) {
+        OpenImage(Options);
+    } else {
+        Boot.ResetDriverImage = ResetDriverImage;
+    }
     Kernel_ = std::make_unique<embedded::Kernel>(std::move(Boot));
 
     Served_ = Directories_.Interface();
@@ -148,9 +158,52 @@ Session::Session(const SessionOptions &Options) : Exports_(Options.Exports), Swi
     Framework_ = std::make_unique<providers::Framework>(Recorder_.get());
     Framework_->SetTimeSource([] { return embedded::Clock::SystemTime(); });
     Framework_->SetCaller([] { return RV_SECURITY_CONTEXT{{geteuid(), getegid()}}; });
-    const NTSTATUS Status = Kernel_->LoadDriver(DriverEntry, u"RVFSD");
+    const NTSTATUS Status =
+        Image_ != nullptr ? Kernel_->LoadDriver(*Image_, u"RVFSD") : Kernel_->LoadDriver(DriverEntry, u"RVFSD");
     if (!NT_SUCCESS(Status)) {
         throw StatusError(Status, "the driver did not start");
+    }
+}
+
+void Session::OpenImage(const SessionOptions &Options) {
+    if (Options.Calls) {
+        Calls_.open(*Options.Calls, std::ios::trunc);
+        if (!Calls_) {
+            throw UsageError(fmt::format("--calls {}: {}", Options.Calls->string(), strerror(errno)));
+        }
+        embedded::SetCallSink([this](const std::string &Line) { Calls_ << Line << '\n'; });
+    }
+    Image_ = LoadImage(*Options.Image, Options.Calls ? embedded::CallRecording::Traced : embedded::CallRecording::None);
+}
+
+void Session::Serve(const std::map<std::string, uint64_t> &Quotas) {
+    for (const auto &Quota : Quotas) {
+        const auto At =
+            std::find_if(Exports_.begin(), Exports_.end(), [&](const Export &One) { return One.Name == Quota.first; });
+        if (At == Exports_.end()) {
+            throw UsageError(fmt::format("--quota {}: no export of that name", Quota.first));
+        }
+        if (!At->Target.empty()) {
+            throw UsageError(fmt::format("--quota {}: a link has the quota of the export that it leads to", At->Name));
+        }
+    }
+    std::vector<providers::ExportLink> Links;
+    for (const Export &One : Exports_) {
+        if (!One.Target.empty()) {
+            Links.push_back({Widen(One.Name), Widen(One.Target)});
+            continue;
+        }
+        providers::ExportOptions Serving;
+        if (const auto Quota = Quotas.find(One.Name); Quota != Quotas.end()) {
+            Serving.QuotaBytes = Quota->second;
+        }
+        const std::string Problem = Directories_.AddExport(Widen(One.Name), One.Directory, Serving);
+        if (!Problem.empty()) {
+            throw UsageError(Problem);
+        }
+    }
+    if (const std::string Problem = Directories_.AddLinks(Links); !Problem.empty()) {
+        throw UsageError(Problem);
     }
 }
 
@@ -184,6 +237,14 @@ std::string Session::Stop() {
     Log_.reset();
     Framework_.reset();
     Kernel_.reset();
+    Image_.reset();
+    if (Calls_.is_open()) {
+        embedded::SetCallSink({});
+        Calls_.close();
+        if (!Calls_) {
+            Findings += "--calls: the file could not be written\n";
+        }
+    }
     return Findings;
 }
 
@@ -197,13 +258,29 @@ std::vector<std::filesystem::path> Session::OpenFiles() const {
     return Paths;
 }
 
+template <typename T>
+T &Session::DriverVariable(T &Linked, const char *Name) {
+    if (Image_ == nullptr) {
+        return Linked;
+    }
+    void *Found = embedded::FindImageSymbol(*Image_, Name);
+    if (Found == nullptr) {
+        throw UsageError("the image's debug information (RVFSD.pdb beside it) is needed for that");
+    }
+    return *static_cast<T *>(Found);
+}
+
 uint32_t Session::Trace(uint32_t Mask, bool On) {
-    g_uDebugMask = On ? g_uDebugMask | Mask : g_uDebugMask & ~Mask;
-    g_uDebugFlags = On && g_uDebugFlags == 0 ? 1 : g_uDebugFlags;
+    auto &DebugMask = DriverVariable(g_uDebugMask, "g_uDebugMask");
+    auto &DebugFlags = DriverVariable(g_uDebugFlags, "g_uDebugFlags");
+    auto &DisplayOutput = DriverVariable(g_bDisplayOutput, "g_bDisplayOutput");
+    auto &TraceGate = DriverVariable(g_uTraceGate, "g_uTraceGate");
+    DebugMask = On ? DebugMask | Mask : DebugMask & ~Mask;
+    DebugFlags = On && DebugFlags == 0 ? 1 : DebugFlags;
     const bool Asked = Switches_.contains("FsDisplayOutput");
-    g_bDisplayOutput = On || (g_bDisplayOutput && (Asked || g_uDebugMask != 0));
-    g_uTraceGate = g_uDebugFlags != 0 ? g_uDebugMask : 0;
-    return g_uTraceGate;
+    DisplayOutput = On || (DisplayOutput && (Asked || DebugMask != 0));
+    TraceGate = DebugFlags != 0 ? DebugMask : 0;
+    return TraceGate;
 }
 
 void Session::Tell(const std::string &Line) {

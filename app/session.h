@@ -2,6 +2,7 @@
 #pragma once
 
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <map>
 #include <memory>
@@ -11,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "embedded/image.h"
 #include "embedded/io.h"
 #include "embedded/kernel.h"
 #include "providers/directory/directory_provider.h"
@@ -21,23 +23,30 @@ namespace app {
 
 struct Export {
     std::string Name;                // \\server\volume
-    std::filesystem::path Directory; // what it serves
+    std::filesystem::path Directory; // what it serves; empty for a link
+    std::string Target = {};         // where a link leads: \\server\volume[\directory...]
 };
 
 struct SessionOptions {
-    std::vector<Export> Exports;              // empty: the sample tree as \\demo\files
-    std::map<std::string, uint32_t> Switches; // values of the service key
-    std::map<std::string, uint64_t> Quotas;   // by export name, bytes
-    std::optional<uint32_t> TraceMask;        // the driver's lines on standard error
-    std::optional<std::filesystem::path> Log; // where the driver's log goes
+    std::vector<Export> Exports;                // empty: the sample tree as \\demo\files
+    std::map<std::string, uint32_t> Switches;   // registry values, by name
+    std::map<std::string, uint64_t> Quotas;     // by export name, bytes
+    std::optional<uint32_t> TraceMask;          // the driver's lines on standard error
+    std::optional<std::filesystem::path> Log;   // where the driver's log goes
+    std::optional<std::filesystem::path> Image; // the driver's image, instead of the driver that is linked in
+    std::optional<std::filesystem::path> Calls; // where a line for each of the image's kernel calls goes
 };
 
-// A switch that the driver reads, with what it takes when the service key has no value.
+// A switch that the driver reads, with what it takes when its key has no value.
 struct Switch {
     const char *Name;
     uint32_t Default;
+    bool OfClient = false; // in the client's parameters key; the others are in the driver's service key
 };
 std::span<const Switch> KnownSwitches();
+
+// Loads an image as a session does. UsageError with a line for each reason when it is refused.
+std::unique_ptr<embedded::DriverImage> LoadImage(const std::filesystem::path &File, embedded::CallRecording Recording);
 
 class LogVolume;
 
@@ -59,7 +68,7 @@ public:
     const std::vector<Export> &Exports() const {
         return Exports_;
     }
-    // The values of the service key as the driver found them at its start.
+    // The registry values as the driver found them at its start.
     const std::map<std::string, uint32_t> &Switches() const {
         return Switches_;
     }
@@ -71,12 +80,19 @@ public:
     uint32_t Trace(uint32_t Mask, bool On);
 
 private:
+    // Hands the exports to the Provider. UsageError when one cannot be served.
+    void Serve(const std::map<std::string, uint64_t> &Quotas);
+    void OpenImage(const SessionOptions &Options);
+    template <typename T>
+    T &DriverVariable(T &Linked, const char *Name);
     void OnRequest(const embedded::CompletedRequest &Request);
     void Tell(const std::string &Line);
 
     std::vector<Export> Exports_;
     std::map<std::string, uint32_t> Switches_;
     std::unique_ptr<LogVolume> Log_;
+    std::ofstream Calls_;
+    std::unique_ptr<embedded::DriverImage> Image_; // null: the driver is linked in
     providers::DirectoryProvider Directories_;
     RVIOM_FSD *Served_ = nullptr;
     std::unique_ptr<providers::Recorder> Recorder_;

@@ -34,9 +34,11 @@ struct AttributeChange {
 AttributeChange ParseChange(const std::string &Text) {
     AttributeChange Change;
     char Sign = 0;
+    bool Complete = false; // a sign has its letter
     for (const char Letter : Text) {
-        if (Letter == '+' || Letter == '-') {
+        if ((Letter == '+' || Letter == '-') && (Sign == 0 || Complete)) {
             Sign = Letter;
+            Complete = false;
             continue;
         }
         const ULONG Bit = Letter == 'r'   ? FILE_ATTRIBUTE_READONLY
@@ -48,6 +50,10 @@ AttributeChange ParseChange(const std::string &Text) {
             throw UsageError(fmt::format("{}: a change reads like +r-ha, of the letters r, h, s, a", Text));
         }
         (Sign == '+' ? Change.Set : Change.Clear) |= Bit;
+        Complete = true;
+    }
+    if (!Complete) {
+        throw UsageError(fmt::format("{}: a change reads like +r-ha, of the letters r, h, s, a", Text));
     }
     return Change;
 }
@@ -63,9 +69,23 @@ void ChangeAttributes(const std::string &Path, const AttributeChange &Change) {
     SetBasic(File, New);
 }
 
+// Opens a file or makes it. Those who watch its directory are told of a file that is asked for as a new one, not of one
+// that an open makes because there is none.
+RemoteFile OpenOrMake(const std::string &Path) {
+    OpenRequest Request = {.Access = FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES | SYNCHRONIZE};
+    try {
+        return RemoteFile(RemotePath(Path), Request);
+    } catch (const StatusError &Missing) {
+        if (Missing.Status != STATUS_OBJECT_NAME_NOT_FOUND) {
+            throw;
+        }
+    }
+    Request.Disposition = FILE_CREATE;
+    return RemoteFile(RemotePath(Path), Request);
+}
+
 void Touch(const std::string &Path, LONG64 Time) {
-    RemoteFile File(RemotePath(Path), {.Access = FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES | SYNCHRONIZE,
-                                       .Disposition = FILE_OPEN_IF});
+    RemoteFile File = OpenOrMake(Path);
     FILE_BASIC_INFORMATION Record = {};
     Record.LastAccessTime.QuadPart = Time;
     Record.LastWriteTime.QuadPart = Time;
@@ -111,9 +131,16 @@ LONG64 ParseTime(const std::string &Text) {
     if (Text.empty()) {
         return embedded::Clock::SystemTime();
     }
+    if (Text == "-1") {
+        return -1; // which leaves a time as it is, as 0 does
+    }
     tm Local = {};
-    if (strptime(Text.c_str(), "%Y-%m-%d %H:%M:%S", &Local) == nullptr) {
+    const char *End = strptime(Text.c_str(), "%Y-%m-%d %H:%M:%S", &Local);
+    if (End == nullptr) {
         return static_cast<LONG64>(ParseNumber(Text, INT64_MAX));
+    }
+    if (*End != 0) {
+        throw UsageError(fmt::format("{}: {} does not belong to a time", Text, End));
     }
     Local.tm_isdst = -1;
     return (static_cast<LONG64>(mktime(&Local)) + 11644473600) * 10000000;
@@ -144,6 +171,7 @@ void AddChangeVerbs(CLI::App &App, Command &Chosen) {
     auto Attributes = std::make_shared<Options>();
     auto *AttributeVerb = App.add_subcommand("attrib", "set and clear attributes, as in: attrib +r-h PATH");
     AttributeVerb->prefix_command();
+    AttributeVerb->set_help_flag("--help", "Print this help message and exit"); // -h is a change
     AttributeVerb->callback([&Chosen, Attributes, AttributeVerb] {
         std::vector<std::string> Words = AttributeVerb->remaining();
         if (Words.size() < 2) {

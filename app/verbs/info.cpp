@@ -1,6 +1,9 @@
 // stat, df, vol: what an open file and its volume say of themselves.
 
+#include <algorithm>
 #include <cstring>
+#include <optional>
+#include <span>
 
 #include <fmt/format.h>
 
@@ -12,6 +15,8 @@ namespace app {
 
 namespace {
 
+using Answer = RemoteFile::Answer;
+
 constexpr ULONG LongestAnswer = 66 * 1024;
 
 OpenRequest ForAttributes() {
@@ -19,46 +24,185 @@ OpenRequest ForAttributes() {
 }
 
 template <typename T>
-T At(const RemoteFile::Answer &Answer, size_t Offset) {
+T At(const Answer &From, size_t Offset) {
     T Value = {};
-    if (Offset + sizeof(T) <= Answer.Bytes.size()) {
-        memcpy(&Value, Answer.Bytes.data() + Offset, sizeof(T));
+    if (Offset + sizeof(T) <= From.Bytes.size()) {
+        memcpy(&Value, From.Bytes.data() + Offset, sizeof(T));
     }
     return Value;
 }
 
-std::string TextAt(const RemoteFile::Answer &Answer, size_t Offset, size_t Bytes) {
+// A name of Bytes bytes behind its length.
+std::string NameAt(const Answer &From, size_t LengthOffset, size_t Offset) {
+    const size_t Bytes = At<ULONG>(From, LengthOffset);
     std::u16string Text(Bytes / sizeof(WCHAR), u'\0');
-    if (Offset + Bytes <= Answer.Bytes.size()) {
-        memcpy(Text.data(), Answer.Bytes.data() + Offset, Bytes);
+    if (Offset + Bytes <= From.Bytes.size()) {
+        memcpy(Text.data(), From.Bytes.data() + Offset, Bytes);
     }
     return Narrow(Text);
 }
 
-void ShowFile(RemoteFile &File) {
-    const RemoteFile::Answer All = File.Query(FileAllInformation, LongestAnswer);
-    const RemoteFile::Answer Open = File.Query(FileNetworkOpenInformation, 56);
-    const RemoteFile::Answer Tag = File.Query(FileAttributeTagInformation, 8);
-    const RemoteFile::Answer Alternate = File.Query(FileAlternateNameInformation, LongestAnswer);
-    fmt::print("{}\n", "\\" + TextAt(All, 100, At<ULONG>(All, 96)));
-    fmt::print("  FileBasicInformation          created {}  accessed {}\n"
-               "                                written {}  changed {}\n"
-               "                                attributes {} (0x{:x})\n",
-               ShowTime(At<LONG64>(All, 0)), ShowTime(At<LONG64>(All, 8)), ShowTime(At<LONG64>(All, 16)),
-               ShowTime(At<LONG64>(All, 24)), ShowAttributes(At<ULONG>(All, 32)), At<ULONG>(All, 32));
-    fmt::print("  FileStandardInformation       size {}  allocated {}  links {}  delete pending {}  directory {}\n",
-               At<LONG64>(All, 48), At<LONG64>(All, 40), At<ULONG>(All, 56), At<UCHAR>(All, 60) ? "yes" : "no",
-               At<UCHAR>(All, 61) ? "yes" : "no");
-    fmt::print("  FileInternalInformation       index 0x{:016x}\n", At<ULONG64>(All, 64));
-    fmt::print("  FileEaInformation             size {}\n", At<ULONG>(All, 72));
-    fmt::print("  FileAccessInformation         access 0x{:08x} (as the all class tells it)\n", At<ULONG>(All, 76));
-    fmt::print("  FilePositionInformation       offset {}\n", At<LONG64>(All, 80));
-    fmt::print("  FileModeInformation           mode 0x{:x} (as the all class tells it)\n", At<ULONG>(All, 88));
-    fmt::print("  FileNetworkOpenInformation    size {}  attributes {}\n", At<LONG64>(Open, 40),
-               ShowAttributes(At<ULONG>(Open, 48)));
-    fmt::print("  FileAttributeTagInformation   attributes {} (0x{:x})  reparse tag {}\n",
-               ShowAttributes(At<ULONG>(Tag, 0)), At<ULONG>(Tag, 0), At<ULONG>(Tag, 4));
-    fmt::print("  FileAlternateNameInformation  {}\n", "\\" + TextAt(Alternate, 4, At<ULONG>(Alternate, 0)));
+// ---- Flags
+// -------------------------------------------------------------------------------------------------------------
+
+struct Flag {
+    ULONG Bit;
+    const char *Name;
+};
+
+constexpr Flag AttributeFlags[] = {{0x1, "READONLY"},
+                                   {0x2, "HIDDEN"},
+                                   {0x4, "SYSTEM"},
+                                   {0x10, "DIRECTORY"},
+                                   {0x20, "ARCHIVE"},
+                                   {0x80, "NORMAL"},
+                                   {0x100, "TEMPORARY"},
+                                   {0x400, "REPARSE_POINT"},
+                                   {0x800, "COMPRESSED"},
+                                   {0x1000, "OFFLINE"},
+                                   {0x2000, "NOT_CONTENT_INDEXED"}};
+constexpr Flag AccessFlags[] = {{0x1, "READ_DATA"},       {0x2, "WRITE_DATA"},       {0x4, "APPEND_DATA"},
+                                {0x8, "READ_EA"},         {0x10, "WRITE_EA"},        {0x20, "EXECUTE"},
+                                {0x40, "DELETE_CHILD"},   {0x80, "READ_ATTRIBUTES"}, {0x100, "WRITE_ATTRIBUTES"},
+                                {0x10000, "DELETE"},      {0x20000, "READ_CONTROL"}, {0x40000, "WRITE_DAC"},
+                                {0x80000, "WRITE_OWNER"}, {0x100000, "SYNCHRONIZE"}};
+constexpr Flag ModeFlags[] = {
+    {0x2, "WRITE_THROUGH"},         {0x4, "SEQUENTIAL_ONLY"},          {0x8, "NO_INTERMEDIATE_BUFFERING"},
+    {0x10, "SYNCHRONOUS_IO_ALERT"}, {0x20, "SYNCHRONOUS_IO_NONALERT"}, {0x1000, "DELETE_ON_CLOSE"}};
+constexpr Flag FileSystemFlags[] = {{0x1, "CASE_SENSITIVE_SEARCH"},
+                                    {0x2, "CASE_PRESERVED_NAMES"},
+                                    {0x4, "UNICODE_ON_DISK"},
+                                    {0x20, "VOLUME_QUOTAS"},
+                                    {0x80, "SUPPORTS_REPARSE_POINTS"}};
+constexpr Flag DeviceFlags[] = {{0x10, "REMOTE_DEVICE"}, {0x20, "DEVICE_IS_MOUNTED"}};
+
+// "0x21 READONLY ARCHIVE"; bits without a name show in the number alone.
+std::string ShowFlags(ULONG Value, std::span<const Flag> Known) {
+    std::string Text = fmt::format("0x{:x}", Value);
+    for (const Flag &One : Known) {
+        if ((Value & One.Bit) != 0) {
+            Text += fmt::format(" {}", One.Name);
+        }
+    }
+    return Text;
+}
+
+// ---- The classes
+// -------------------------------------------------------------------------------------------------------
+
+struct InfoClass {
+    ULONG Number;
+    const char *Name;
+    ULONG Length; // of the buffer that it is asked with
+    std::string (*Decode)(const Answer &From);
+};
+
+std::string DecodeBasic(const Answer &From) {
+    return fmt::format("created {}  accessed {}\n{:32}written {}  changed {}\n{:32}attributes {}",
+                       ShowTime(At<LONG64>(From, 0)), ShowTime(At<LONG64>(From, 8)), "", ShowTime(At<LONG64>(From, 16)),
+                       ShowTime(At<LONG64>(From, 24)), "", ShowFlags(At<ULONG>(From, 32), AttributeFlags));
+}
+
+std::string DecodeStandard(const Answer &From) {
+    return fmt::format("size {}  allocated {}  links {}  delete pending {}  directory {}", At<LONG64>(From, 8),
+                       At<LONG64>(From, 0), At<ULONG>(From, 16), At<UCHAR>(From, 20) ? "yes" : "no",
+                       At<UCHAR>(From, 21) ? "yes" : "no");
+}
+
+std::string DecodeAll(const Answer &From) {
+    return fmt::format("{} bytes: the others, with access {}\n{:32}and mode {}", From.Information,
+                       ShowFlags(At<ULONG>(From, 76), AccessFlags), "", ShowFlags(At<ULONG>(From, 88), ModeFlags));
+}
+
+std::string DecodeNetworkOpen(const Answer &From) {
+    return fmt::format("size {}  allocated {}  attributes {}", At<LONG64>(From, 40), At<LONG64>(From, 32),
+                       ShowFlags(At<ULONG>(From, 48), AttributeFlags));
+}
+
+std::string DecodeTag(const Answer &From) {
+    return fmt::format("attributes {}  reparse tag {}", ShowFlags(At<ULONG>(From, 0), AttributeFlags),
+                       At<ULONG>(From, 4));
+}
+
+std::string DecodeName(const Answer &From) {
+    return "\\" + NameAt(From, 0, 4);
+}
+
+// Access, mode and alignment are the system's own to tell: it does not ask the driver for these alone.
+constexpr InfoClass FileClasses[] = {
+    {FileBasicInformation, "FileBasicInformation", 40, DecodeBasic},
+    {FileStandardInformation, "FileStandardInformation", 24, DecodeStandard},
+    {FileInternalInformation, "FileInternalInformation", 8,
+     [](const Answer &From) { return fmt::format("index 0x{:016x}", At<ULONG64>(From, 0)); }},
+    {FileEaInformation, "FileEaInformation", 4,
+     [](const Answer &From) { return fmt::format("size {}", At<ULONG>(From, 0)); }},
+    {FileAccessInformation, "FileAccessInformation", 4,
+     [](const Answer &From) { return "access " + ShowFlags(At<ULONG>(From, 0), AccessFlags); }},
+    {FileNameInformation, "FileNameInformation", LongestAnswer, DecodeName},
+    {FilePositionInformation, "FilePositionInformation", 8,
+     [](const Answer &From) { return fmt::format("offset {}", At<LONG64>(From, 0)); }},
+    {FileModeInformation, "FileModeInformation", 4,
+     [](const Answer &From) { return "mode " + ShowFlags(At<ULONG>(From, 0), ModeFlags); }},
+    {FileAlignmentInformation, "FileAlignmentInformation", 4,
+     [](const Answer &From) { return fmt::format("requirement {}", At<ULONG>(From, 0)); }},
+    {FileAllInformation, "FileAllInformation", LongestAnswer, DecodeAll},
+    {FileAlternateNameInformation, "FileAlternateNameInformation", LongestAnswer, DecodeName},
+    {FileStreamInformation, "FileStreamInformation", LongestAnswer, DecodeName},
+    {FileNetworkOpenInformation, "FileNetworkOpenInformation", 56, DecodeNetworkOpen},
+    {FileAttributeTagInformation, "FileAttributeTagInformation", 8, DecodeTag},
+};
+
+std::string ShowUnits(ULONG64 Units, const Answer &From, size_t SectorsOffset) {
+    const ULONG64 UnitBytes = ULONG64{At<ULONG>(From, SectorsOffset)} * At<ULONG>(From, SectorsOffset + 4);
+    return fmt::format("{} ({} bytes)", Units, Units * UnitBytes);
+}
+
+std::string DecodeVolume(const Answer &From) {
+    return fmt::format("label \"{}\"  serial number {:08X}  created {}", NameAt(From, 12, 18), At<ULONG>(From, 8),
+                       ShowTime(At<LONG64>(From, 0)));
+}
+
+std::string DecodeSize(const Answer &From) {
+    return fmt::format("units {}  available {}\n{:32}of {} sectors of {} bytes",
+                       ShowUnits(At<ULONG64>(From, 0), From, 16), ShowUnits(At<ULONG64>(From, 8), From, 16), "",
+                       At<ULONG>(From, 16), At<ULONG>(From, 20));
+}
+
+std::string DecodeFullSize(const Answer &From) {
+    return fmt::format("units {}  to the caller {}\n{:32}in fact {}  of {} sectors of {} bytes",
+                       ShowUnits(At<ULONG64>(From, 0), From, 24), ShowUnits(At<ULONG64>(From, 8), From, 24), "",
+                       ShowUnits(At<ULONG64>(From, 16), From, 24), At<ULONG>(From, 24), At<ULONG>(From, 28));
+}
+
+std::string DecodeDevice(const Answer &From) {
+    return fmt::format("type {}  characteristics {}", At<ULONG>(From, 0), ShowFlags(At<ULONG>(From, 4), DeviceFlags));
+}
+
+std::string DecodeFileSystem(const Answer &From) {
+    return fmt::format("file system \"{}\"  longest component {}\n{:32}attributes {}", NameAt(From, 8, 12),
+                       At<ULONG>(From, 4), "", ShowFlags(At<ULONG>(From, 0), FileSystemFlags));
+}
+
+// The system lets no caller ask for the label alone.
+constexpr InfoClass VolumeClasses[] = {
+    {FileFsVolumeInformation, "FileFsVolumeInformation", 1024, DecodeVolume},
+    {FileFsLabelInformation, "FileFsLabelInformation", 1024,
+     [](const Answer &From) { return '"' + NameAt(From, 0, 4) + '"'; }},
+    {FileFsSizeInformation, "FileFsSizeInformation", 24, DecodeSize},
+    {FileFsDeviceInformation, "FileFsDeviceInformation", 8, DecodeDevice},
+    {FileFsAttributeInformation, "FileFsAttributeInformation", 1024, DecodeFileSystem},
+    {FileFsFullSizeInformation, "FileFsFullSizeInformation", 32, DecodeFullSize},
+};
+
+using Question = Answer (RemoteFile::*)(ULONG InfoClass, ULONG Length);
+
+// Each class as it is answered, or the status of its refusal.
+void ShowClasses(RemoteFile &File, std::span<const InfoClass> Classes, Question Ask) {
+    fmt::print("{}\n", ShowPath(File.Path()));
+    for (const InfoClass &One : Classes) {
+        const Answer Given = (File.*Ask)(One.Number, One.Length);
+        fmt::print("  {:<30}{}\n", One.Name, NT_SUCCESS(Given.Status) ? One.Decode(Given) : ShowStatus(Given.Status));
+    }
 }
 
 void HexDump(const UCHAR *Bytes, size_t Count) {
@@ -76,8 +220,7 @@ void HexDump(const UCHAR *Bytes, size_t Count) {
 }
 
 // One class with one buffer length, as it came.
-int ShowRaw(RemoteFile &File, ULONG InfoClass, ULONG Length) {
-    const RemoteFile::Answer Raw = File.Ask(InfoClass, Length);
+int ShowRaw(RemoteFile &File, const Answer &Raw) {
     fmt::print("{}\nInformation {}\n", ShowStatus(Raw.Status), Raw.Information);
     HexDump(Raw.Bytes.data(), std::min<size_t>(Raw.Information, Raw.Bytes.size()));
     if (NT_SUCCESS(Raw.Status)) {
@@ -87,83 +230,61 @@ int ShowRaw(RemoteFile &File, ULONG InfoClass, ULONG Length) {
     return 1;
 }
 
-std::string Size(ULONG64 Units, ULONG64 UnitBytes) {
-    return fmt::format("{}", Units * UnitBytes);
-}
-
 void ShowSpace(const std::string &Path) {
     RemoteFile File(RemotePath(Path), ForAttributes());
-    const RemoteFile::Answer Full = File.QueryVolume(FileFsFullSizeInformation, 32);
-    const RemoteFile::Answer Attributes = File.QueryVolume(FileFsAttributeInformation, 256);
+    const Answer Full = File.QueryVolume(FileFsFullSizeInformation, 32);
+    const Answer Attributes = File.QueryVolume(FileFsAttributeInformation, 256);
     const ULONG64 Unit = ULONG64{At<ULONG>(Full, 24)} * At<ULONG>(Full, 28);
     const ULONG64 Total = At<ULONG64>(Full, 0);
     const ULONG64 Available = At<ULONG64>(Full, 8);
     constexpr ULONG VolumeQuotas = 0x20;
-    fmt::print("{:<32} {:>16} {:>16} {:>16}  {}\n", ShowPath(File.Path()), Size(Total, Unit),
-               Size(Total - std::min(Total, Available), Unit), Size(Available, Unit),
+    fmt::print("{:<32} {:>16} {:>16} {:>16}  {}\n", ShowPath(File.Path()), Total * Unit,
+               (Total - std::min(Total, Available)) * Unit, Available * Unit,
                (At<ULONG>(Attributes, 0) & VolumeQuotas) ? "quota" : "");
 }
 
-void ShowVolume(const std::string &Path) {
-    RemoteFile File(RemotePath(Path), ForAttributes());
-    const RemoteFile::Answer Volume = File.QueryVolume(FileFsVolumeInformation, 1024);
-    const RemoteFile::Answer Label = File.AskVolume(FileFsLabelInformation, 1024);
-    const RemoteFile::Answer Sizes = File.QueryVolume(FileFsSizeInformation, 24);
-    const RemoteFile::Answer Device = File.QueryVolume(FileFsDeviceInformation, 8);
-    const RemoteFile::Answer Attributes = File.QueryVolume(FileFsAttributeInformation, 1024);
-    const RemoteFile::Answer Full = File.QueryVolume(FileFsFullSizeInformation, 32);
-    fmt::print("{}\n", ShowPath(File.Path()));
-    fmt::print("  FileFsVolumeInformation       label \"{}\"  serial number {:08X}  created {}\n",
-               TextAt(Volume, 18, At<ULONG>(Volume, 12)), At<ULONG>(Volume, 8), ShowTime(At<LONG64>(Volume, 0)));
-    // The system lets no caller ask for this class alone.
-    fmt::print("  FileFsLabelInformation        {}\n",
-               NT_SUCCESS(Label.Status) ? '"' + TextAt(Label, 4, At<ULONG>(Label, 0)) + '"' : ShowStatus(Label.Status));
-    fmt::print("  FileFsSizeInformation         {} units in all, {} available, {} sectors of {} bytes a unit\n",
-               At<ULONG64>(Sizes, 0), At<ULONG64>(Sizes, 8), At<ULONG>(Sizes, 16), At<ULONG>(Sizes, 20));
-    fmt::print("  FileFsDeviceInformation       type {}  characteristics 0x{:x}\n", At<ULONG>(Device, 0),
-               At<ULONG>(Device, 4));
-    fmt::print("  FileFsAttributeInformation    attributes 0x{:x}  longest component {}  file system \"{}\"\n",
-               At<ULONG>(Attributes, 0), At<ULONG>(Attributes, 4), TextAt(Attributes, 12, At<ULONG>(Attributes, 8)));
-    fmt::print("  FileFsFullSizeInformation     {} units in all, {} for the caller, {} in fact\n", At<ULONG64>(Full, 0),
-               At<ULONG64>(Full, 8), At<ULONG64>(Full, 16));
-}
+// ---- The verbs
+// ---------------------------------------------------------------------------------------------------------
 
-} // namespace
-
-void AddInfoVerbs(CLI::App &App, Command &Chosen) {
-    struct StatOptions {
+// A verb that shows every class, or one with a buffer length of the caller's choice.
+void AddClassVerb(CLI::App &App, Command &Chosen, const char *Name, const char *What,
+                  std::span<const InfoClass> Classes, Question Ask) {
+    struct Options {
         std::vector<std::string> Paths;
-        int Class = 0;
+        std::optional<uint32_t> Class;
         uint32_t Length = 1024;
     };
-    auto *StatVerb = App.add_subcommand("stat", "every class of file information, decoded");
-    auto Stat = std::make_shared<StatOptions>();
-    StatVerb->add_option("PATH", Stat->Paths)->required();
-    StatVerb->add_option("--class", Stat->Class, "ask one class and show what came");
-    StatVerb->add_option("--length", Stat->Length, "buffer length for --class")
+    auto *Verb = App.add_subcommand(Name, What);
+    auto Given = std::make_shared<Options>();
+    Verb->add_option("PATH", Given->Paths)->required();
+    auto *Class = Verb->add_option("--class", Given->Class, "ask one class, by its number, and show what came");
+    Verb->add_option("--length", Given->Length, "buffer length for --class")
         ->capture_default_str()
-        ->check(CLI::Range(0u, 1u << 20));
-    StatVerb->callback([&Chosen, Stat] {
-        Chosen = [Stat](Session &) {
+        ->check(CLI::Range(0u, 1u << 20))
+        ->needs(Class);
+    Verb->callback([&Chosen, Given, Classes, Ask] {
+        Chosen = [Given, Classes, Ask](Session &) {
             int Code = 0;
-            for (const std::string &Path : Stat->Paths) {
+            for (const std::string &Path : Given->Paths) {
                 Code |= Guarded([&] {
                     RemoteFile File(RemotePath(Path), ForAttributes());
-                    if (Stat->Class != 0) {
-                        Code |= ShowRaw(File, static_cast<ULONG>(Stat->Class), Stat->Length);
+                    if (Given->Class) {
+                        Code |= ShowRaw(File, (File.*Ask)(*Given->Class, Given->Length));
                     } else {
-                        ShowFile(File);
+                        ShowClasses(File, Classes, Ask);
                     }
                 });
             }
             return Code;
         };
     });
+}
 
-    auto *SpaceVerb = App.add_subcommand("df", "space of the volumes behind paths (all exports without a path)");
+void AddSpaceVerb(CLI::App &App, Command &Chosen) {
+    auto *Verb = App.add_subcommand("df", "space of the volumes behind paths (all exports without a path)");
     auto Paths = std::make_shared<std::vector<std::string>>();
-    SpaceVerb->add_option("PATH", *Paths);
-    SpaceVerb->callback([&Chosen, Paths] {
+    Verb->add_option("PATH", *Paths);
+    Verb->callback([&Chosen, Paths] {
         Chosen = [Paths](Session &Running) {
             std::vector<std::string> Volumes = *Paths;
             if (Volumes.empty()) {
@@ -179,12 +300,15 @@ void AddInfoVerbs(CLI::App &App, Command &Chosen) {
             return Code;
         };
     });
+}
 
-    auto *VolumeVerb = App.add_subcommand("vol", "every class of volume information, decoded");
-    auto Path = std::make_shared<std::string>();
-    VolumeVerb->add_option("PATH", *Path)->required();
-    VolumeVerb->callback(
-        [&Chosen, Path] { Chosen = [Path](Session &) { return Guarded([&] { ShowVolume(*Path); }); }; });
+} // namespace
+
+void AddInfoVerbs(CLI::App &App, Command &Chosen) {
+    AddClassVerb(App, Chosen, "stat", "every class of file information, decoded", FileClasses, &RemoteFile::Ask);
+    AddSpaceVerb(App, Chosen);
+    AddClassVerb(App, Chosen, "vol", "every class of volume information, decoded", VolumeClasses,
+                 &RemoteFile::AskVolume);
 }
 
 } // namespace app

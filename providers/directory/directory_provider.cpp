@@ -23,14 +23,6 @@ int OpenForNames(void *Context, const DirectoryRef &Base, std::string_view Path,
     return static_cast<const Export *>(Context)->Open(Base, Path, Flags);
 }
 
-// The first component after leading separators; Path becomes what follows it.
-std::u16string_view TakeComponent(std::u16string_view &Path) {
-    Path.remove_prefix(std::min(Path.find_first_not_of(Separator), Path.size()));
-    const std::u16string_view Component = Path.substr(0, Path.find(Separator));
-    Path.remove_prefix(Component.size());
-    return Component;
-}
-
 uint64_t Mix(uint64_t Value) {
     Value = (Value ^ (Value >> 30)) * 0xBF58476D1CE4E5B9u;
     Value = (Value ^ (Value >> 27)) * 0x94D049BB133111EBu;
@@ -180,6 +172,23 @@ std::string PathFromRoot(const Place &At, const Resolved &Found) {
     return At.Ref.FromRoot.empty() || Below.empty() ? At.Ref.FromRoot + Below : At.Ref.FromRoot + "/" + Below;
 }
 
+std::u16string_view TakeComponent(std::u16string_view &Path) {
+    Path.remove_prefix(std::min(Path.find_first_not_of(Separator), Path.size()));
+    const std::u16string_view Component = Path.substr(0, Path.find(Separator));
+    Path.remove_prefix(Component.size());
+    return Component;
+}
+
+std::string FaultOfNames(std::u16string_view Server, std::u16string_view Volume) {
+    constexpr std::u16string_view Forbidden = u"\\/:*?\"<>|";
+    for (const std::u16string_view Name : {Server, Volume}) {
+        if (Name.empty() || Name.find_first_of(Forbidden) != Name.npos || Name.size() > 255) {
+            return "a server and a volume name are needed, as in \\\\server\\volume";
+        }
+    }
+    return {};
+}
+
 ULONG64 FileIdOf(const Export &Volume, const ObjectKey &Key) {
     // A file system mounted inside the export has inode numbers of its own.
     return Key.Device == Volume.RootRef.Key.Device ? Key.Inode : Mix(Key.Inode ^ Mix(Key.Device));
@@ -196,20 +205,27 @@ DirectoryProvider::State::State() {
     Table = &Operations;
 }
 
-RVSTATUS DirectoryProvider::State::FindExport(std::u16string_view Path, ExportPtr &Found,
-                                              std::u16string_view &Rest) const {
+RVSTATUS DirectoryProvider::State::FindVolume(std::u16string_view Path, NamedVolume &Found) const {
     const std::u16string Server = Fold(TakeComponent(Path));
     const std::u16string Volume = Fold(TakeComponent(Path));
     bool KnownServer = false;
-    const std::shared_lock Hold(ExportsMutex);
-    for (const ExportPtr &Candidate : Exports) {
-        if (Fold(Candidate->Server) != Server) {
-            continue;
+    const auto IsNamed = [&](const auto &Candidate) {
+        if (Fold(Candidate.Server) != Server) {
+            return false;
         }
         KnownServer = true;
-        if (Fold(Candidate->Volume) == Volume) {
-            Found = Candidate;
-            Rest = Path;
+        return Fold(Candidate.Volume) == Volume;
+    };
+    const std::shared_lock Hold(ExportsMutex);
+    for (const ExportPtr &Candidate : Exports) {
+        if (IsNamed(*Candidate)) {
+            Found = {Candidate, nullptr, Path};
+            return RVSTATUS::Success;
+        }
+    }
+    for (const LinkPtr &Candidate : Links) {
+        if (IsNamed(*Candidate)) {
+            Found = {Candidate->Target, Candidate, Path};
             return RVSTATUS::Success;
         }
     }
@@ -221,9 +237,19 @@ RVSTATUS DirectoryProvider::State::Locate(RVHANDLE Base, PCWSTR Path, Place &Out
         return RVSTATUS::InvalidParameter;
     }
     if (Base == 0) {
-        const RVSTATUS Status = FindExport(Path, Out.Volume, Out.Path);
-        if (!RvIsError(Status)) {
+        NamedVolume Found;
+        if (const RVSTATUS Status = FindVolume(Path, Found); RvIsError(Status)) {
+            return Status;
+        }
+        Out.Volume = Found.Volume;
+        Out.Path = Found.Rest;
+        if (Found.Through == nullptr) {
             Out.Ref = Out.Volume->RootRef;
+            return RVSTATUS::Success;
+        }
+        const RVSTATUS Status = OpenLinked(*Found.Through, Out.LinkRoot);
+        if (!RvIsError(Status)) {
+            Out.Ref = Out.LinkRoot->Ref();
         }
         return Status;
     }
@@ -249,12 +275,8 @@ DirectoryProvider::~DirectoryProvider() = default;
 
 std::string DirectoryProvider::AddExport(std::u16string_view Server, std::u16string_view Volume,
                                          const std::filesystem::path &Directory, const ExportOptions &Options) {
-    constexpr std::u16string_view Forbidden = u"\\/:*?\"<>|";
-    for (const std::u16string_view Name : {Server, Volume}) {
-        if (Name.empty() || Name.find_first_of(Forbidden) != Name.npos || Name.size() > 255) {
-            return fmt::format("cannot export {}: a server and a volume name are needed, as in \\\\server\\volume",
-                               Directory.string());
-        }
+    if (const std::string Fault = FaultOfNames(Server, Volume); !Fault.empty()) {
+        return fmt::format("cannot export {}: {}", Directory.string(), Fault);
     }
     UniqueFd Root(open(Directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!Root) {
@@ -272,6 +294,11 @@ std::string DirectoryProvider::AddExport(std::u16string_view Server, std::u16str
         if (Fold(Other->Server) == Fold(Server) && Fold(Other->Volume) == Fold(Volume)) {
             return fmt::format("cannot export {}: its volume name already serves {}", Directory.string(),
                                Other->Directory.string());
+        }
+    }
+    for (const LinkPtr &Other : State_->Links) {
+        if (Fold(Other->Server) == Fold(Server) && Fold(Other->Volume) == Fold(Volume)) {
+            return fmt::format("cannot export {}: its volume name is a link already", Directory.string());
         }
     }
     State_->Exports.push_back(std::move(New));

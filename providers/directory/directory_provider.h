@@ -6,6 +6,9 @@
 //
 // Names are matched ignoring case and kept as they are (names.h, name_cache.h); nothing outside an exported directory
 // is ever reached (beneath.h). The calls act with the rights of the process.
+//
+// A volume may be a link to a directory of an export: a distributed path, which the physical-path operation resolves.
+// What is below is the same as through the export; so are its quota, its identifiers and its options.
 #pragma once
 
 #include <cstdint>
@@ -27,6 +30,12 @@ struct ExportOptions {
     bool UseNotifications = true; // false: cached names are checked against the directories' time stamps
 };
 
+// A volume that is a directory of another.
+struct ExportLink {
+    std::u16string Name;   // \\server\volume
+    std::u16string Target; // \\server\volume[\directory...] of an export or of another link
+};
+
 class DirectoryProvider {
 public:
     DirectoryProvider();
@@ -41,6 +50,10 @@ public:
     // The same for a name of the form \\server\volume or \server\volume.
     [[nodiscard]] std::string AddExport(std::u16string_view UncName, const std::filesystem::path &Directory,
                                         const ExportOptions &Options = {});
+    // Adds links, all or none, in whatever order they name each other. Returns as AddExport: a link is refused whose
+    // name is taken, whose target is not below an export, is no directory there, is relative, or leads back to the
+    // link.
+    [[nodiscard]] std::string AddLinks(const std::vector<ExportLink> &Links);
 
     // The Provider's interface with one more reference, which the taker gives back through its release operation.
     RVIOM_FSD *Interface();

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <map>
 
 #include <fcntl.h>
 
@@ -48,40 +47,18 @@ void Put(UCHAR *Record, size_t Offset, Type Value) {
     memcpy(Record + Offset, &Value, sizeof Value);
 }
 
-// The short names of a directory that lead back to exactly one entry.
-void MakeShortNames(const std::vector<ListedName> &All, std::vector<std::u16string> &Short) {
-    std::map<std::u16string, int> Users;
-    for (const ListedName &Item : All) {
-        ++Users[Fold(Item.Served)];
-        Short.push_back(ShortName(Item.Served));
-        ++Users[Short.back()];
-    }
-    for (std::u16string &Name : Short) {
-        if (Users[Name] != 1) {
-            Name.clear();
-        }
-    }
-}
-
+// A mask is matched against the short names too, whether or not they are given.
 RVSTATUS CollectWildcard(FolderObject &Folder, std::u16string_view Mask, bool WithShort, Listing &Out) {
-    std::vector<ListedName> All;
-    if (const RVSTATUS Status = Folder.Volume->Names.List(Folder.Ref(), All); RvIsError(Status)) {
-        return Status;
-    }
-    std::vector<std::u16string> Short;
-    if (WithShort) {
-        MakeShortNames(All, Short);
-    }
     const std::u16string Folded = Fold(Mask);
-    for (size_t Index = 0; Index < All.size(); ++Index) {
-        const bool Matches = MatchesMask(Folded, Fold(All[Index].Served)) ||
-                             (WithShort && !Short[Index].empty() && MatchesMask(Folded, Short[Index]));
-        if (Matches) {
-            Out.Names.push_back(std::move(All[Index]));
-            if (WithShort) {
-                Out.ShortNames.push_back(std::move(Short[Index]));
-            }
-        }
+    const bool Everything = MatchesEverything(Folded);
+    const RVSTATUS Status = Folder.Volume->Names.List(
+        Folder.Ref(), WithShort || !Everything,
+        [&](std::u16string_view Name, std::u16string_view Short) {
+            return Everything || MatchesMask(Folded, Name) || (!Short.empty() && MatchesMask(Folded, Short));
+        },
+        Out.Names);
+    if (RvIsError(Status)) {
+        return Status;
     }
     return Out.Names.size() < MaxPosition ? RVSTATUS::Success : RVSTATUS::NoMemory;
 }
@@ -101,14 +78,11 @@ RVSTATUS Collect(FolderObject &Folder, PCWSTR Mask, bool WithShort, Listing &Out
         return RVSTATUS::Success; // no entry can have this name
     }
     if (!RvIsError(Status) && Found.Exists) {
-        Out.Names.push_back({Found.Served, Found.Name});
-        if (WithShort) {
-            std::u16string Short = ShortName(Found.Served);
-            Resolved Back;
-            const bool Leads = !Short.empty() && !RvIsError(Folder.Volume->Names.Resolve(Folder.Ref(), Short, Back)) &&
-                               Back.Exists && Back.Name == Found.Name;
-            Out.ShortNames.push_back(Leads ? std::move(Short) : std::u16string());
-        }
+        std::u16string Short = WithShort ? ShortName(Found.Served) : std::u16string();
+        Resolved Back;
+        const bool Leads = !Short.empty() && !RvIsError(Folder.Volume->Names.Resolve(Folder.Ref(), Short, Back)) &&
+                           Back.Exists && Back.Name == Found.Name;
+        Out.Names.push_back({Found.Served, Found.Name, Leads ? std::move(Short) : std::u16string()});
     }
     return Status;
 }
@@ -132,18 +106,18 @@ size_t RecordSize(const ListedName &Item, bool WithShort) {
     return (WithShort ? OFFSET_FULL_NAME : OFFSET_BASIC_NAME) + Item.Served.size() * sizeof(WCHAR);
 }
 
-void WriteRecord(UCHAR *Record, const Metadata &Data, const ListedName &Item, const std::u16string *Short) {
-    const size_t NameOffset = Short != nullptr ? OFFSET_FULL_NAME : OFFSET_BASIC_NAME;
+void WriteRecord(UCHAR *Record, const Metadata &Data, const ListedName &Item, bool WithShort) {
+    const size_t NameOffset = WithShort ? OFFSET_FULL_NAME : OFFSET_BASIC_NAME;
     memset(Record, 0, NameOffset);
     Put(Record, OFFSET_ATTRIBUTES, Data.Attributes);
     Put(Record, OFFSET_CREATION, Data.Creation);
     Put(Record, OFFSET_LAST_WRITE, Data.LastWrite);
     Put(Record, OFFSET_LAST_ACCESS, Data.LastAccess);
     Put(Record, OFFSET_SIZE, Data.EndOfFile);
-    if (Short != nullptr) {
-        const size_t Units = std::min(Short->size(), ShortNameUnits);
+    if (WithShort) {
+        const size_t Units = std::min(Item.Short.size(), ShortNameUnits);
         Put(Record, OFFSET_SHORT_LENGTH, static_cast<ULONG>(Units));
-        memcpy(Record + OFFSET_SHORT_NAME, Short->data(), Units * sizeof(WCHAR));
+        memcpy(Record + OFFSET_SHORT_NAME, Item.Short.data(), Units * sizeof(WCHAR));
         Put(Record, OFFSET_FULL_NAME_LENGTH, static_cast<ULONG>(Item.Served.size()));
     } else {
         Put(Record, OFFSET_BASIC_NAME_LENGTH, static_cast<ULONG>(Item.Served.size()));
@@ -171,11 +145,7 @@ RVSTATUS FillBatch(const FolderObject &Folder, const Listing &From, bool WithSho
             // What is in the batch is good; the error comes with the next one.
             return Last != nullptr ? RVSTATUS::Success : Status;
         }
-        static const std::u16string NoShort;
-        const std::u16string *Short = !WithShort                ? nullptr
-                                      : From.ShortNames.empty() ? &NoShort
-                                                                : &From.ShortNames[Position];
-        WriteRecord(Buffer + Start, Data, Item, Short);
+        WriteRecord(Buffer + Start, Data, Item, WithShort);
         if (Last != nullptr) {
             Put(Last, OFFSET_NEXT, static_cast<ULONG>(Buffer + Start - Last));
         }

@@ -49,36 +49,6 @@ RVSTATUS NTAPI CreateDirectory(RVIOM_FSD *Self, Sec, RVHANDLE Base, PCWSTR Path)
     });
 }
 
-RVSTATUS OpenFolder(const Place &At, std::unique_ptr<Object> &Opened) {
-    RVSTATUS Status = Failure(CODE_NO_SUCH_FILE);
-    for (int Attempt = 0; Attempt < Attempts; ++Attempt) {
-        Resolved Found;
-        if (Status = At.Volume->Names.Resolve(At.Ref, At.Path, Found); RvIsError(Status)) {
-            return Status;
-        }
-        if (!Found.Exists) {
-            return Failure(CODE_NO_SUCH_FILE);
-        }
-        UniqueFd Fd(At.Volume->Open(At.Ref, Found.Path(), O_PATH | O_DIRECTORY));
-        struct stat Stat;
-        if (Fd && fstat(Fd.Get(), &Stat) == 0) {
-            Opened = std::make_unique<FolderObject>(KIND_DIRECTORY, At.Volume, std::move(Fd), KeyOf(Stat),
-                                                    PathFromRoot(At, Found));
-            return RVSTATUS::Success;
-        }
-        const int Error = errno;
-        Status = StatusFromLookup(Error);
-        if (Error != ENOENT) {
-            return Status;
-        }
-        // Known by name and not to be found: moved away just now, or a link that leads nowhere.
-        if (Attempt != 0) {
-            At.Volume->Names.Forget();
-        }
-    }
-    return Status;
-}
-
 RVSTATUS NTAPI OpenDirectory(RVIOM_FSD *Self, Sec, RVHANDLE Base, PCWSTR Path, RVHANDLE *Directory) {
     return Guarded([&] {
         if (Directory == nullptr) {
@@ -90,7 +60,7 @@ RVSTATUS NTAPI OpenDirectory(RVIOM_FSD *Self, Sec, RVHANDLE Base, PCWSTR Path, R
             return Status;
         }
         std::unique_ptr<Object> Opened;
-        if (const RVSTATUS Status = OpenFolder(At, Opened); RvIsError(Status)) {
+        if (const RVSTATUS Status = OpenFolder(At, KIND_DIRECTORY, Opened); RvIsError(Status)) {
             return Status;
         }
         return State::Of(Self).Publish(std::move(Opened), Directory);
@@ -319,6 +289,36 @@ RVSTATUS NTAPI MoveFile(RVIOM_FSD *Self, Sec, RVHANDLE SourceBase, PCWSTR Source
 }
 
 } // namespace
+
+RVSTATUS OpenFolder(const Place &At, unsigned Kind, std::unique_ptr<Object> &Opened) {
+    RVSTATUS Status = Failure(CODE_NO_SUCH_FILE);
+    for (int Attempt = 0; Attempt < Attempts; ++Attempt) {
+        Resolved Found;
+        if (Status = At.Volume->Names.Resolve(At.Ref, At.Path, Found); RvIsError(Status)) {
+            return Status;
+        }
+        if (!Found.Exists) {
+            return Failure(CODE_NO_SUCH_FILE);
+        }
+        UniqueFd Fd(At.Volume->Open(At.Ref, Found.Path(), O_PATH | O_DIRECTORY));
+        struct stat Stat;
+        if (Fd && fstat(Fd.Get(), &Stat) == 0) {
+            Opened =
+                std::make_unique<FolderObject>(Kind, At.Volume, std::move(Fd), KeyOf(Stat), PathFromRoot(At, Found));
+            return RVSTATUS::Success;
+        }
+        const int Error = errno;
+        Status = StatusFromLookup(Error);
+        if (Error != ENOENT) {
+            return Status;
+        }
+        // Known by name and not to be found: moved away just now, or a link that leads nowhere.
+        if (Attempt != 0) {
+            At.Volume->Names.Forget();
+        }
+    }
+    return Status;
+}
 
 void FillFolderSlots(RVIOM_FSD_TABLE &Table) {
     Table.RVFsdCreateDirectory = &CreateDirectory;

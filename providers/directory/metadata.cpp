@@ -1,6 +1,7 @@
 #include "providers/directory/metadata.h"
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <string>
 
@@ -157,6 +158,33 @@ RVSTATUS ChangeAttributes(int Fd, const MetadataChange &Change, mode_t Mode, Rec
     return Taking ? StatusFromErrno(ChangeReadOnly(Fd, Mode, true, Value)) : RVSTATUS::Success;
 }
 
+// Rounding to what a file system keeps is no loss; more is.
+bool IsKept(const timespec &Wanted, const timespec &Kept) {
+    constexpr time_t CoarsestSeconds = 2 * 24 * 60 * 60;
+    return Wanted.tv_nsec == UTIME_OMIT || std::abs(Wanted.tv_sec - Kept.tv_sec) <= CoarsestSeconds;
+}
+
+// The kernel takes a time beyond what the file system can keep for the nearest that it can. That is not what was asked
+// for: the file gets its times back.
+RVSTATUS ChangeTimes(int Fd, const MetadataChange &Change) {
+    const timespec Leave{0, UTIME_OMIT};
+    const bool Access = Changes(Change.LastAccess);
+    const bool Write = Changes(Change.LastWrite);
+    const timespec Wanted[2] = {Access ? TimespecOf(*Change.LastAccess) : Leave,
+                                Write ? TimespecOf(*Change.LastWrite) : Leave};
+    const std::string Link = LinkOf(Fd);
+    struct stat Before;
+    struct stat After;
+    if (fstat(Fd, &Before) != 0 || utimensat(AT_FDCWD, Link.c_str(), Wanted, 0) != 0 || fstat(Fd, &After) != 0) {
+        return StatusFromErrno(errno);
+    }
+    if (IsKept(Wanted[0], After.st_atim) && IsKept(Wanted[1], After.st_mtim)) {
+        return RVSTATUS::Success;
+    }
+    const timespec Old[2] = {Access ? Before.st_atim : Leave, Write ? Before.st_mtim : Leave};
+    return utimensat(AT_FDCWD, Link.c_str(), Old, 0) == 0 ? RVSTATUS::InvalidParameter : StatusFromErrno(errno);
+}
+
 } // namespace
 
 RVSTATUS ReadMetadata(int Fd, Metadata &Out) {
@@ -189,23 +217,20 @@ RVSTATUS ChangeMetadata(int Fd, const MetadataChange &Change) {
             return RVSTATUS::InvalidParameter;
         }
     }
-    if (Change.Attributes != nullptr || Changes(Change.Creation)) {
-        struct stat Stat;
-        if (fstat(Fd, &Stat) != 0) {
-            return StatusFromErrno(errno);
-        }
-        Record Value = ReadRecord(Fd);
-        if (const RVSTATUS Status = ChangeAttributes(Fd, Change, Stat.st_mode, Value); RvIsError(Status)) {
+    if (Changes(Change.LastWrite) || Changes(Change.LastAccess)) {
+        if (const RVSTATUS Status = ChangeTimes(Fd, Change); RvIsError(Status)) {
             return Status;
         }
     }
-    if (!Changes(Change.LastWrite) && !Changes(Change.LastAccess)) {
+    if (Change.Attributes == nullptr && !Changes(Change.Creation)) {
         return RVSTATUS::Success;
     }
-    const timespec Leave{0, UTIME_OMIT};
-    const timespec Times[2] = {Changes(Change.LastAccess) ? TimespecOf(*Change.LastAccess) : Leave,
-                               Changes(Change.LastWrite) ? TimespecOf(*Change.LastWrite) : Leave};
-    return utimensat(AT_FDCWD, LinkOf(Fd).c_str(), Times, 0) == 0 ? RVSTATUS::Success : StatusFromErrno(errno);
+    struct stat Stat;
+    if (fstat(Fd, &Stat) != 0) {
+        return StatusFromErrno(errno);
+    }
+    Record Value = ReadRecord(Fd);
+    return ChangeAttributes(Fd, Change, Stat.st_mode, Value);
 }
 
 } // namespace providers::directory

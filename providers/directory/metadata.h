@@ -36,7 +36,8 @@ RVSTATUS ReadMetadata(int Fd, Metadata &Out);
 // Of the entry Name of the directory Fd, the entry itself when it is a link.
 RVSTATUS ReadEntryMetadata(int Fd, const char *Name, Metadata &Out);
 
-// Sets through the descriptor. CODE_NOT_SUPPORTED when the file system cannot keep an attribute that is asked for.
+// Sets through the descriptor. CODE_NOT_SUPPORTED when the file system cannot keep an attribute that is asked for,
+// InvalidParameter for a time that is negative or that it cannot keep.
 RVSTATUS ChangeMetadata(int Fd, const MetadataChange &Change);
 
 // Whether this READONLY, as a listing shows it, is set on a file with the given mode.

@@ -122,6 +122,9 @@ void NameCache::Add(Names &Dir, std::string_view Native, unsigned char Type) {
         }
     }
     At->second = {std::move(Served), std::string(Native), {}, Type};
+    if (Inserted && Dir.KnowsShort) {
+        AddShort(Dir, At->second);
+    }
 }
 
 void NameCache::Remove(Names &Dir, std::string_view Native) {
@@ -131,6 +134,9 @@ void NameCache::Remove(Names &Dir, std::string_view Native) {
     }
     const auto At = Dir.ByFold.find(Fold(ServedName(Native)));
     if (At != Dir.ByFold.end() && At->second.Native == Native) {
+        if (Dir.KnowsShort) {
+            RemoveShort(Dir, At->second);
+        }
         Dir.ByFold.erase(At);
         --Entries_;
     }
@@ -194,6 +200,8 @@ RVSTATUS NameCache::Scan(int Fd, Names &Dir) {
     ++Scans_;
     Entries_ -= Dir.ByFold.size();
     Dir.ByFold.clear();
+    Dir.ByShort.clear();
+    Dir.KnowsShort = false;
     Dir.Collisions = false;
     Dir.Stale = false;
     std::map<std::u16string, std::map<std::string, unsigned char>> Same;
@@ -293,25 +301,40 @@ RVSTATUS NameCache::Probe(const DirectoryRef &Base, Resolved &Out, bool Last) {
     return Out.Exists || Last ? RVSTATUS::Success : Failure(RVFS_PATH_NOT_FOUND);
 }
 
+void NameCache::AddShort(Names &Dir, Entry &Item) {
+    if (std::u16string Short = ShortName(Item.Served); !Short.empty()) {
+        Dir.ByShort.emplace(std::move(Short), &Item);
+    }
+}
+
+void NameCache::RemoveShort(Names &Dir, const Entry &Item) {
+    const auto [First, End] = Dir.ByShort.equal_range(ShortName(Item.Served));
+    const auto Own = std::find_if(First, End, [&Item](const auto &Each) { return Each.second == &Item; });
+    if (Own != End) {
+        Dir.ByShort.erase(Own);
+    }
+}
+
+// The only entry with this short name; one that several have, or that is somebody's own name, leads to none.
+NameCache::Entry *NameCache::FindByShort(Names &Dir, const std::u16string &Short) {
+    if (!Dir.KnowsShort) {
+        for (auto &[Folded, Item] : Dir.ByFold) {
+            AddShort(Dir, Item);
+        }
+        Dir.KnowsShort = true;
+    }
+    const auto [First, End] = Dir.ByShort.equal_range(Short);
+    return First != End && std::next(First) == End && !Dir.ByFold.contains(Short) ? First->second : nullptr;
+}
+
 // The entry served under the name, or the only one with it as short name.
 NameCache::Entry *NameCache::FindEntry(Names &Dir, std::u16string_view Name) {
     const std::u16string Folded = Fold(Name);
     if (const auto Found = Dir.ByFold.find(Folded); Found != Dir.ByFold.end()) {
         return &Found->second;
     }
-    if (Folded.size() > 12 || Folded.find(u'~') == std::u16string::npos) {
-        return nullptr;
-    }
-    Entry *Only = nullptr;
-    for (auto &[Key, Item] : Dir.ByFold) {
-        if (ShortName(Item.Served) == Folded) {
-            if (Only != nullptr) {
-                return nullptr;
-            }
-            Only = &Item;
-        }
-    }
-    return Only;
+    const bool MayBeShort = Folded.size() <= 12 && Folded.find(u'~') != std::u16string::npos;
+    return MayBeShort ? FindByShort(Dir, Folded) : nullptr;
 }
 
 RVSTATUS NameCache::Resolve(const DirectoryRef &Base, std::u16string_view Path, Resolved &Out) {
@@ -382,7 +405,8 @@ RVSTATUS NameCache::Resolve(const DirectoryRef &Base, std::u16string_view Path, 
     }
 }
 
-RVSTATUS NameCache::List(const DirectoryRef &Dir, std::vector<ListedName> &Listed) {
+RVSTATUS NameCache::List(const DirectoryRef &Dir, bool WithShort, const Filter &Wanted,
+                         std::vector<ListedName> &Listed) {
     std::vector<std::pair<std::u16string, ListedName>> Sorted;
     {
         const std::lock_guard Hold(Mutex_);
@@ -393,9 +417,14 @@ RVSTATUS NameCache::List(const DirectoryRef &Dir, std::vector<ListedName> &Liste
                 return Status;
             }
         }
-        Sorted.reserve(Found->ByFold.size());
         for (const auto &[Folded, Item] : Found->ByFold) {
-            Sorted.emplace_back(Folded, ListedName{Item.Served, Item.Native});
+            std::u16string Short = WithShort ? ShortName(Item.Served) : std::u16string();
+            if (!Short.empty() && FindByShort(*Found, Short) != &Item) {
+                Short.clear();
+            }
+            if (Wanted(Folded, Short)) {
+                Sorted.emplace_back(Folded, ListedName{Item.Served, Item.Native, std::move(Short)});
+            }
         }
     }
     std::sort(Sorted.begin(), Sorted.end(),

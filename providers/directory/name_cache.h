@@ -12,6 +12,7 @@
 // Lock: one mutex, a leaf. Reading a directory happens under it. Safe for concurrent calls.
 #pragma once
 
+#include <functional>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -48,6 +49,7 @@ struct Resolved {
 struct ListedName {
     std::u16string Served;
     std::string Native;
+    std::u16string Short; // leads back to this entry; empty when it has none, or when it was not asked for
 };
 
 class NameCache {
@@ -62,8 +64,10 @@ public:
     // name is not valid.
     RVSTATUS Resolve(const DirectoryRef &Base, std::u16string_view Path, Resolved &Out);
 
-    // All names of the directory Dir, sorted by their folded form.
-    RVSTATUS List(const DirectoryRef &Dir, std::vector<ListedName> &Names);
+    // Decides over an entry by its folded name and its short name. Runs under the cache's mutex.
+    using Filter = std::function<bool(std::u16string_view Folded, std::u16string_view Short)>;
+    // The names of the directory Dir that Wanted accepts, sorted by their folded form.
+    RVSTATUS List(const DirectoryRef &Dir, bool WithShort, const Filter &Wanted, std::vector<ListedName> &Names);
 
     // Forgets what is cached, after an operation met something that the cache does not know.
     void Forget();
@@ -85,6 +89,8 @@ private:
     struct Names {
         ObjectKey Key;
         std::unordered_map<std::u16string, Entry> ByFold;
+        std::unordered_multimap<std::u16string, Entry *> ByShort; // kept right once it was needed
+        bool KnowsShort = false;
         std::list<ObjectKey>::iterator Age;
         Stamp Seen;
         timespec ScannedAt{};
@@ -98,6 +104,9 @@ private:
     void ApplyEvent(int Watch, uint32_t Mask, const char *Name);
     void Add(Names &Dir, std::string_view Native, unsigned char Type);
     void Remove(Names &Dir, std::string_view Native);
+    static void AddShort(Names &Dir, Entry &Item);
+    static void RemoveShort(Names &Dir, const Entry &Item);
+    static Entry *FindByShort(Names &Dir, const std::u16string &Short);
     static Entry *FindEntry(Names &Dir, std::u16string_view Name);
     NamesPtr FindFresh(const ObjectKey &Key);
     RVSTATUS Read(int Fd, NamesPtr &Out);

@@ -181,10 +181,14 @@ bool HasWildcards(std::u16string_view Mask) {
     return Mask.find_first_of(std::u16string_view(Wildcards, std::size(Wildcards))) != std::u16string_view::npos;
 }
 
+bool MatchesEverything(std::u16string_view Mask) {
+    return Mask.empty() || Mask == u"*" || Mask == u"*.*";
+}
+
 // A set of mask positions is carried along the name, so that the time is bounded by mask times name, whatever the
 // number of stars.
 bool MatchesMask(std::u16string_view Mask, std::u16string_view Name) {
-    if (Mask.empty() || Mask == u"*" || Mask == u"*.*") {
+    if (MatchesEverything(Mask)) {
         return true;
     }
     // The platform's "<" takes anything but the last full stop.

@@ -33,6 +33,9 @@ std::u16string ShortName(std::u16string_view Served);
 // Whether Mask holds one of the wildcards: * and ?, and U+F8FC, U+F8FD, U+F8FF, which stand for the platform's < > ".
 bool HasWildcards(std::u16string_view Mask);
 
+// Whether every name matches Mask.
+bool MatchesEverything(std::u16string_view Mask);
+
 // Whether a served name matches a search mask, ignoring case. Both must be folded.
 bool MatchesMask(std::u16string_view FoldedMask, std::u16string_view FoldedName);
 

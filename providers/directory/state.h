@@ -1,7 +1,8 @@
 // What the operations of the directory Provider share: exports, open objects, and the way from a handle and a path to
 // them. Internal to the Provider.
 //
-// Lock order: an export's Changes, then its NameCache, then a FileNode's SizeMutex, then the rest, all leaves.
+// Lock order: the exports' mutex, then an export's Changes, then its NameCache, then a FileNode's SizeMutex, then the
+// rest, all leaves.
 #pragma once
 
 #include <exception>
@@ -45,6 +46,32 @@ struct Export {
 };
 using ExportPtr = std::shared_ptr<Export>;
 
+// A volume that is a directory of an export.
+struct Link {
+    std::u16string Server;
+    std::u16string Volume;
+    ExportPtr Target;
+    std::u16string Path; // below the target's root, without separators at its ends
+
+    // Where it leads, as \server\volume\path.
+    std::u16string Physical() const;
+};
+using LinkPtr = std::shared_ptr<const Link>;
+
+// What an absolute path names: an export, directly or through a link, and what follows the volume.
+struct NamedVolume {
+    ExportPtr Volume;
+    LinkPtr Through;
+    std::u16string_view Rest;
+
+    const std::u16string &Server() const {
+        return Through != nullptr ? Through->Server : Volume->Server;
+    }
+    const std::u16string &Name() const {
+        return Through != nullptr ? Through->Volume : Volume->Volume;
+    }
+};
+
 enum KIND : unsigned { KIND_VOLUME = 1, KIND_DIRECTORY = 2, KIND_FILE = 4 };
 inline constexpr unsigned KIND_FOLDER = KIND_VOLUME | KIND_DIRECTORY;
 inline constexpr unsigned KIND_ANY = KIND_FOLDER | KIND_FILE;
@@ -75,7 +102,6 @@ struct Object {
 struct Listing {
     uint8_t Tag = 0;
     std::vector<ListedName> Names;
-    std::vector<std::u16string> ShortNames; // empty unless asked for
 };
 
 struct FolderObject final : Object {
@@ -108,7 +134,8 @@ using Handles = HandleTable<Object>;
 
 // Where an operation acts: an export and, below Ref, a path.
 struct Place {
-    Handles::Use Base; // keeps Ref's descriptor open
+    Handles::Use Base;                // this or
+    std::unique_ptr<Object> LinkRoot; // this keeps Ref's descriptor open, unless it is the export's own
     ExportPtr Volume;
     DirectoryRef Ref;
     std::u16string_view Path;
@@ -134,6 +161,18 @@ void Store(Type *Where, Value What) {
     }
 }
 
+// The first component behind leading separators; Path becomes what follows it.
+std::u16string_view TakeComponent(std::u16string_view &Path);
+
+// Why these cannot be the names of a server and a volume; empty when they can.
+std::string FaultOfNames(std::u16string_view Server, std::u16string_view Volume);
+
+// Opens a directory as an object of that kind.
+RVSTATUS OpenFolder(const Place &At, unsigned Kind, std::unique_ptr<Object> &Opened);
+
+// The directory that a link leads to, as a volume. RVFS_PATH_NOT_FOUND when it is not there any more.
+RVSTATUS OpenLinked(const Link &Through, std::unique_ptr<Object> &Opened);
+
 // Opens the directory that holds an object. Errors: as a look-up of a missing parent.
 RVSTATUS OpenParent(const Place &At, const Resolved &Found, UniqueFd &Parent);
 
@@ -156,9 +195,8 @@ namespace providers {
 struct DirectoryProvider::State : RVIOM_FSD {
     State();
 
-    // The export that an absolute path names; Rest receives what follows the volume. Errors: RVFS_UNKNOWN_SERVER,
-    // RVFS_UNRECOGNIZED_VOLUME.
-    RVSTATUS FindExport(std::u16string_view Path, directory::ExportPtr &Found, std::u16string_view &Rest) const;
+    // The volume that an absolute path names. Errors: RVFS_UNKNOWN_SERVER, RVFS_UNRECOGNIZED_VOLUME.
+    RVSTATUS FindVolume(std::u16string_view Path, directory::NamedVolume &Found) const;
 
     // From a base handle (0 = Path is absolute) and a path.
     RVSTATUS Locate(RVHANDLE Base, PCWSTR Path, directory::Place &Out);
@@ -175,6 +213,7 @@ struct DirectoryProvider::State : RVIOM_FSD {
     std::atomic<uint32_t> References = 0;
     mutable std::shared_mutex ExportsMutex;
     std::vector<directory::ExportPtr> Exports; // guarded by ExportsMutex
+    std::vector<directory::LinkPtr> Links;     // guarded by ExportsMutex
 };
 
 } // namespace providers

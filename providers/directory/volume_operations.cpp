@@ -15,27 +15,35 @@ namespace {
 using State = DirectoryProvider::State;
 using Sec = RV_SECURITY_CONTEXT *;
 
+RVSTATUS OpenRoot(const ExportPtr &In, std::unique_ptr<Object> &Opened) {
+    UniqueFd Fd(OpenBeneath(In->How, In->Root.Get(), "", O_PATH | O_DIRECTORY));
+    if (!Fd) {
+        return StatusFromErrno(errno);
+    }
+    Opened = std::make_unique<FolderObject>(KIND_VOLUME, In, std::move(Fd), In->RootRef.Key, std::string());
+    return RVSTATUS::Success;
+}
+
 RVSTATUS NTAPI OpenVolume(RVIOM_FSD *Self, Sec, PCWSTR VolumePath, RVHANDLE *Volume) {
     return Guarded([&] {
         if (VolumePath == nullptr || Volume == nullptr) {
             return RVSTATUS::InvalidParameter;
         }
         *Volume = 0;
-        ExportPtr Found;
-        std::u16string_view Rest;
-        if (const RVSTATUS Status = State::Of(Self).FindExport(VolumePath, Found, Rest); RvIsError(Status)) {
+        NamedVolume Found;
+        if (const RVSTATUS Status = State::Of(Self).FindVolume(VolumePath, Found); RvIsError(Status)) {
             return Status;
         }
-        if (Rest.find_first_not_of(u'\\') != Rest.npos) {
+        if (Found.Rest.find_first_not_of(u'\\') != Found.Rest.npos) {
             return Failure(RVFS_UNRECOGNIZED_VOLUME);
         }
-        UniqueFd Fd(OpenBeneath(Found->How, Found->Root.Get(), "", O_PATH | O_DIRECTORY));
-        if (!Fd) {
-            return StatusFromErrno(errno);
+        std::unique_ptr<Object> Opened;
+        if (const RVSTATUS Status =
+                Found.Through != nullptr ? OpenLinked(*Found.Through, Opened) : OpenRoot(Found.Volume, Opened);
+            RvIsError(Status)) {
+            return Status;
         }
-        return State::Of(Self).Publish(
-            std::make_unique<FolderObject>(KIND_VOLUME, Found, std::move(Fd), Found->RootRef.Key, std::string()),
-            Volume);
+        return State::Of(Self).Publish(std::move(Opened), Volume);
     });
 }
 
@@ -86,13 +94,12 @@ RVSTATUS NTAPI QueryPathForVolume(RVIOM_FSD *Self, Sec, PCWSTR FullPath, PWSTR B
             return RVSTATUS::InvalidParameter;
         }
         Buffer[0] = 0;
-        ExportPtr Found;
-        std::u16string_view Rest;
-        if (const RVSTATUS Status = State::Of(Self).FindExport(FullPath, Found, Rest); RvIsError(Status)) {
+        NamedVolume Found;
+        if (const RVSTATUS Status = State::Of(Self).FindVolume(FullPath, Found); RvIsError(Status)) {
             return Status;
         }
-        // At most 2 * (1 + 255) units: always fits.
-        const std::u16string Path = u"\\" + Found->Server + u"\\" + Found->Volume;
+        // At most 2 * (1 + 255) units: always fits. A link's own name: it is as long as what it stands for in FullPath.
+        const std::u16string Path = u"\\" + Found.Server() + u"\\" + Found.Name();
         static_assert((2 * 256 + 1) * sizeof(WCHAR) <= RV_PATH_BUFFER_BYTES);
         memcpy(Buffer, Path.c_str(), (Path.size() + 1) * sizeof(WCHAR));
         return RVSTATUS::Success;
@@ -116,8 +123,8 @@ RVSTATUS MayErase(const Object &Item, bool &May) {
         return RVSTATUS::Success;
     }
     // A root is never erased itself; it is asked on behalf of the names in it.
-    if (Item.FromRoot.empty()) {
-        May = faccessat(Item.Volume->Root.Get(), ".", W_OK | X_OK, AT_EACCESS) == 0;
+    if (Item.Kind == KIND_VOLUME || Item.FromRoot.empty()) {
+        May = faccessat(Item.Fd.Get(), ".", W_OK | X_OK, AT_EACCESS) == 0;
         return May || errno == EACCES || errno == EROFS ? RVSTATUS::Success : StatusFromErrno(errno);
     }
     const size_t Slash = Item.FromRoot.rfind('/');
@@ -157,9 +164,30 @@ RVSTATUS NTAPI GetEffectiveRights(RVIOM_FSD *Self, Sec, RVHANDLE Handle, USHORT 
     });
 }
 
-// Local directories are never part of a distributed name space.
-RVSTATUS NTAPI GetPhysicalPath(RVIOM_FSD *, Sec, RVHANDLE, PUNICODE_STRING, PUNICODE_STRING) {
-    return RVSTATUS::NotDistributedPath;
+// Only what is named through a link is part of a distributed name space. Whether the rest of the path is there is not
+// asked: the name is what is translated.
+RVSTATUS NTAPI GetPhysicalPath(RVIOM_FSD *Self, Sec, RVHANDLE, PUNICODE_STRING Path, PUNICODE_STRING Physical) {
+    return Guarded([&] {
+        if (Path == nullptr || Path->Buffer == nullptr || Physical == nullptr || Physical->Buffer == nullptr) {
+            return RVSTATUS::InvalidParameter;
+        }
+        NamedVolume Found;
+        const std::u16string_view Asked(Path->Buffer, Path->Length / sizeof(WCHAR));
+        if (RvIsError(State::Of(Self).FindVolume(Asked, Found)) || Found.Through == nullptr) {
+            return RVSTATUS::NotDistributedPath;
+        }
+        std::u16string Answer = Found.Through->Physical();
+        for (std::u16string_view Name; !(Name = TakeComponent(Found.Rest)).empty();) {
+            Answer.append(u"\\").append(Name);
+        }
+        const size_t Bytes = Answer.size() * sizeof(WCHAR);
+        if (Bytes + sizeof(WCHAR) > Physical->MaximumLength) {
+            return Failure(CODE_NAME_INVALID);
+        }
+        memcpy(Physical->Buffer, Answer.c_str(), Bytes + sizeof(WCHAR));
+        Physical->Length = static_cast<USHORT>(Bytes);
+        return RVSTATUS::Success;
+    });
 }
 
 } // namespace

@@ -15,6 +15,8 @@
 
 #include <fcntl.h>
 
+#include "tests/support/driver_under_test.h"
+
 extern char **environ;
 
 namespace test {
@@ -34,6 +36,9 @@ std::vector<char *> Pointers(std::vector<std::string> &Words) {
 
 std::vector<std::string> CommandLine(const std::vector<std::string> &Arguments) {
     std::vector<std::string> Words = {RVFSD_PROGRAM};
+    if (const std::string Image = ImageUnderTest(); !Image.empty()) {
+        Words.insert(Words.end(), {"--image", Image});
+    }
     Words.insert(Words.end(), Arguments.begin(), Arguments.end());
     return Words;
 }

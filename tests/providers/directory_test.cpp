@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <map>
 #include <set>
 #include <thread>
 
@@ -81,7 +82,7 @@ TEST_F(DirectoryProviderTest, VolumesAreFoundByNameIgnoringCase) {
     RVHANDLE Handle = 1;
     EXPECT_EQ(Table->RVFsdOpenVolume(Fsd, nullptr, u"\\srv\\vol\\dir", &Handle), Failure(0x050A));
     EXPECT_EQ(Handle, 0u);
-    EXPECT_EQ(Table->RVFsdGetDFSPhysicalPath(Fsd, nullptr, 0, nullptr, nullptr), RVSTATUS::NotDistributedPath);
+    EXPECT_EQ(Table->RVFsdGetDFSPhysicalPath(Fsd, nullptr, 0, nullptr, nullptr), RVSTATUS::InvalidParameter);
 }
 
 TEST_F(DirectoryProviderTest, VolumeFiguresAgreeWithTheFileSystem) {
@@ -536,8 +537,47 @@ TEST_F(DirectoryProviderTest, ShortNamesLeadBackToTheirFiles) {
     Write("PLAIN.TXT", "plain");
     const std::vector<Listed> Entries = List(Volume, u"*", true);
     ASSERT_EQ(Entries.size(), 2u);
-    EXPECT_EQ(Content(Entries[0].Short), "long");
+    const std::u16string Short = Entries[0].Short;
+    EXPECT_EQ(Content(Short), "long");
     EXPECT_EQ(Entries[1].Short, u"");
+    // A mask meets it in either form of the records, with and without wildcards.
+    const std::vector<std::u16string> Long = {u"a rather long name.html"};
+    for (const std::u16string &Mask : {Short, Short.substr(0, 6) + u"*", u"*~1" + Short.substr(8)}) {
+        EXPECT_EQ(Names(Volume, Mask.c_str()), Long);
+        EXPECT_EQ(List(Volume, Mask.c_str(), true)[0].Short, Short);
+    }
+    // A file of that very name takes it away, and gives it back.
+    Write(std::string(Short.begin(), Short.end()), "other");
+    EXPECT_EQ(List(Volume, u"a r*", true)[0].Short, u"");
+    EXPECT_EQ(Content(Short), "other");
+    EXPECT_EQ(Delete(Short), Done);
+    EXPECT_EQ(List(Volume, u"a r*", true)[0].Short, Short);
+    EXPECT_EQ(Delete(Short), Done);
+    EXPECT_EQ(Content(Short), "failed 1286");
+}
+
+TEST_F(DirectoryProviderTest, ShortNamesAreUniqueInTheirDirectoryAndStayWhatTheyAre) {
+    const auto Native = [](int Index) { return "one of many long names " + std::to_string(Index) + ".text"; };
+    for (int Index = 0; Index < 3000; ++Index) {
+        Write(Native(Index), Native(Index));
+    }
+    std::map<std::u16string, std::u16string> ByShort;
+    size_t Without = 0;
+    for (const Listed &Entry : List(Volume, u"*", true)) {
+        Without += Entry.Short.empty();
+        EXPECT_TRUE(Entry.Short.empty() || ByShort.emplace(Entry.Short, Entry.Name).second);
+    }
+    EXPECT_GT(Without, 0u) << "some must collide, or this shows nothing";
+    EXPECT_LT(Without, 300u);
+    for (int Index = 0; Index < 3000; Index += 2) {
+        fs::remove(Root / Native(Index));
+    }
+    for (const Listed &Entry : List(Volume, u"*", true)) {
+        if (!Entry.Short.empty()) {
+            EXPECT_EQ(ByShort.try_emplace(Entry.Short, Entry.Name).first->second, Entry.Name);
+            EXPECT_EQ(Content(Entry.Short), std::string(Entry.Name.begin(), Entry.Name.end()));
+        }
+    }
 }
 
 TEST_F(DirectoryProviderTest, LongPathsAreReached) {

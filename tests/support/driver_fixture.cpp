@@ -2,9 +2,7 @@
 
 #include <mutex>
 
-#include "kernel/linux/driver_image.h"
-
-extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
+#include "tests/support/driver_under_test.h"
 
 namespace test {
 
@@ -36,7 +34,7 @@ void DriverFixture::Start(const StartOptions &Options) {
         const std::lock_guard Hold(PrintedLock);
         Printed += Text;
     };
-    Boot.ResetDriverImage = ResetDriverImage;
+    Boot.ResetDriverImage = ResetDriverUnderTest;
     Kernel_ = std::make_unique<embedded::Kernel>(std::move(Boot));
     Framework = std::make_unique<providers::Framework>(Options.Provider != nullptr ? Options.Provider : &Provider);
     Framework->SetTimeSource([] { return embedded::Clock::SystemTime(); });
@@ -46,7 +44,7 @@ void DriverFixture::Start(const StartOptions &Options) {
 }
 
 NTSTATUS DriverFixture::Load() {
-    const NTSTATUS Status = Kernel_->LoadDriver(DriverEntry, u"RVFSD");
+    const NTSTATUS Status = LoadDriverUnderTest(*Kernel_);
     Booted_ = NT_SUCCESS(Status);
     return Status;
 }

@@ -1,0 +1,205 @@
+// Asking and changing what files and volumes are, as users do: stat, df, vol, attrib, touch, truncate, rm, rmdir, mv.
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/app/program.h"
+
+namespace {
+
+using test::Ran;
+using test::RunProgram;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::Not;
+
+// An export \\s\v with a file and a directory, and links to it.
+class Information : public testing::Test {
+protected:
+    Information() {
+        Served.Write("f", "content");
+        std::filesystem::create_directories(Served.Path() / "d" / "e");
+    }
+    Ran Run(std::vector<std::string> Words) const {
+        std::vector<std::string> All = {"--export", R"(\\s\v=)" + Served.Path().string(), "--export",
+                                        R"(\\dfs\l=\\S\V\d)"};
+        All.insert(All.end(), Words.begin(), Words.end());
+        return RunProgram(All);
+    }
+    // Runs what must be refused with that message in front, and nothing said on standard output.
+    void ExpectRefused(std::vector<std::string> Words, int Code, const std::string &Message) const {
+        const Ran Result = Run(Words);
+        EXPECT_EQ(Result.Code, Code) << Message;
+        EXPECT_EQ(Result.Error.substr(0, Message.size()), Message);
+        EXPECT_EQ(Result.Out, "");
+    }
+    std::string Out(std::vector<std::string> Words) const {
+        const Ran Result = Run(std::move(Words));
+        EXPECT_EQ(Result.Code, 0) << Result.Error;
+        return Result.Out;
+    }
+
+    test::ScratchDirectory Served;
+};
+
+TEST_F(Information, StatShowsEveryClassWithTheNamesOfItsFlags) {
+    const std::string Shown = Out({"stat", R"(\\s\v\f)"});
+    for (const char *Line : {
+             "FileBasicInformation +created 20.* accessed 20",
+             "attributes 0x80 NORMAL\n",
+             "FileStandardInformation +size 7  allocated 7  links 1  delete pending no  directory no\n",
+             "FileInternalInformation +index 0x[0-9a-f]{16}\n",
+             "FileEaInformation +size 0\n",
+             "FileAccessInformation +access 0x100080 READ_ATTRIBUTES SYNCHRONIZE\n",
+             R"(FileNameInformation +\\\\s\\v\\f)",
+             "FilePositionInformation +offset 0\n",
+             "FileModeInformation +mode 0x20 SYNCHRONOUS_IO_NONALERT\n",
+             "FileAlignmentInformation +requirement 0\n",
+             "FileAllInformation +112 bytes",
+             R"(FileAlternateNameInformation +\\\\s\\v\\f)",
+             R"(FileStreamInformation +STATUS_INVALID_PARAMETER \(0xC000000D\))",
+             "FileNetworkOpenInformation +size 7  allocated 7  attributes 0x80 NORMAL\n",
+             "FileAttributeTagInformation +attributes 0x0  reparse tag 0\n",
+         }) {
+        EXPECT_THAT(Shown, ContainsRegex(Line));
+    }
+    EXPECT_THAT(Out({"stat", R"(\\s\v\d)"}), HasSubstr("attributes 0x10 DIRECTORY\n"));
+}
+
+TEST_F(Information, OneClassIsShownAsItCame) {
+    const Ran Cut = Run({"stat", R"(\\s\v\f)", "--class", "9", "--length", "9"});
+    EXPECT_EQ(Cut.Code, 1);
+    EXPECT_EQ(Cut.Out, "STATUS_BUFFER_OVERFLOW (0x80000005)\nInformation 9\n"
+                       "0000  0c 00 00 00 5c 00 73 00 5c                       ....\\.s.\\\n");
+    EXPECT_EQ(Out({"stat", R"(\\s\v\f)", "--class", "7", "--length", "100"}),
+              "STATUS_SUCCESS (0x00000000)\nInformation 4\n"
+              "0000  00 00 00 00                                      ....\n");
+    EXPECT_THAT(Out({"vol", R"(\\s\v)", "--class", "4"}), HasSubstr("0000  07 00 00 00 30 00 00 00 "));
+    for (const char *Number : {"0", "1", "1000"}) {
+        EXPECT_THAT(Run({"stat", R"(\\s\v\f)", "--class", Number}).Out,
+                    HasSubstr("STATUS_INVALID_INFO_CLASS (0xC0000003)\nInformation 0\n"));
+    }
+    EXPECT_THAT(Run({"stat", R"(\\s\v\f)", "--class", "4", "--length", "39"}).Out,
+                HasSubstr("STATUS_INFO_LENGTH_MISMATCH (0xC0000004)\nInformation 0\n"));
+    EXPECT_EQ(Run({"stat", R"(\\s\v\f)", "--length", "4"}).Code, 2) << "of which class?";
+}
+
+TEST_F(Information, VolumesAnswerAlikeThroughADistributedPath) {
+    const auto Volume = [this](const char *Path, std::vector<std::string> Options) {
+        Options.insert(Options.end(), {"vol", Path});
+        const std::string Shown = Out(Options);
+        return Shown.substr(Shown.find('\n')); // behind the path
+    };
+    const std::vector<std::string> Quota = {"--quota", R"(\\s\v=100000)"};
+    const std::string Direct = Volume(R"(\\s\v\d)", Quota);
+    EXPECT_EQ(Volume(R"(\\dfs\l)", Quota), Direct);
+    EXPECT_THAT(Direct, HasSubstr("label \"V\""));
+    EXPECT_THAT(Direct, HasSubstr("units 24 (98304 bytes)"));
+    EXPECT_THAT(Direct, HasSubstr("attributes 0xa2 CASE_PRESERVED_NAMES VOLUME_QUOTAS SUPPORTS_REPARSE_POINTS\n"));
+    EXPECT_THAT(Volume(R"(\\dfs\l\e)", {}),
+                HasSubstr("attributes 0x82 CASE_PRESERVED_NAMES SUPPORTS_REPARSE_POINTS\n"));
+    const std::string Space = Out({"--quota", R"(\\s\v=100000)", "df"});
+    for (const char *Name : {R"(\\\\s\\v)", R"(\\\\dfs\\l)"}) {
+        EXPECT_THAT(Space, ContainsRegex(std::string(Name) + " +98304 +[0-9]+ +[0-9]+  quota\n"));
+    }
+}
+
+TEST_F(Information, ALinkServesADirectoryOfAnotherExport) {
+    EXPECT_EQ(Out({"claim", R"(\\dfs\l\e)"}), "STATUS_SUCCESS (0x00000000)\nclaimed \\\\dfs\\l (12 bytes)\n");
+    EXPECT_EQ(Out({"mv", R"(\\s\v\f)", R"(\\dfs\l\g)"}), "");
+    EXPECT_EQ(Out({"cat", R"(\\DFS\L\G)"}), "content");
+    EXPECT_EQ(Out({"find", R"(\\dfs\l)"}), "\\\\dfs\\l\\e\n\\\\dfs\\l\\g\n");
+    EXPECT_EQ(Out({"rm", R"(\\dfs\l\g)"}), "");
+    EXPECT_FALSE(Served.Has("d/g"));
+    ExpectRefused({"rmdir", R"(\\dfs\l)"}, 1, "STATUS_CANNOT_DELETE (0xC0000121): \\\\dfs\\l\n");
+}
+
+TEST_F(Information, ALinkThatLeadsNowhereIsBadUsage) {
+    const struct {
+        std::vector<std::string> Options;
+        const char *Message;
+    } Cases[] = {
+        {{"--export", R"(\\a\b=\\no\such)"}, "cannot link \\\\a\\b to \\\\no\\such: nothing is exported as"},
+        {{"--export", R"(\\a\b=\\a\b\x)"}, "cannot link \\\\a\\b to \\\\a\\b\\x: the links lead round in a circle\n"},
+        {{"--export", R"(\\a\b=\\a\c)", "--export", R"(\\a\c=\\a\b)"},
+         "cannot link \\\\a\\b to \\\\a\\c: the links lead round in a circle\n"},
+        {{"--export", R"(\\a\b=\\s\v\nope)"}, "cannot link \\\\a\\b to \\\\s\\v\\nope: there is no such directory\n"},
+        {{"--export", R"(\\a\b=\\s\v\d\..)"}, "cannot link \\\\a\\b to \\\\s\\v\\d\\..: a target has no \".\" or"},
+        {{"--export", R"(\\a\b=\s\v)"}, "\\s\\v: a remote path begins with"},
+        {{"--export", R"(\\a\b=\\s)"}, "\\\\s: a remote path names a server and a volume"},
+        {{"--quota", R"(\\dfs\l=5)"}, "--quota \\\\dfs\\l: a link has the quota of the export that it leads to\n"},
+    };
+    for (const auto &Each : Cases) {
+        std::vector<std::string> Words = Each.Options;
+        Words.emplace_back("df");
+        ExpectRefused(Words, 2, Each.Message);
+    }
+}
+
+TEST_F(Information, AttributesAndTimesAreChangedAndKept) {
+    EXPECT_EQ(Out({"attrib", "+rhsa", R"(\\s\v\f)"}), "");
+    EXPECT_THAT(Out({"stat", R"(\\s\v\f)"}), HasSubstr("attributes 0x27 READONLY HIDDEN SYSTEM ARCHIVE\n"));
+    ExpectRefused({"rm", R"(\\s\v\f)"}, 1, "STATUS_CANNOT_DELETE (0xC0000121): \\\\s\\v\\f\n");
+    EXPECT_EQ(Out({"mv", R"(\\s\v\f)", R"(\\s\v\F)"}), "") << "read-only files may be renamed";
+    EXPECT_EQ(Out({"attrib", "-hs", R"(\\s\v\f)"}), "") << "-h is a change, not a call for help";
+    EXPECT_THAT(Out({"stat", R"(\\s\v\f)"}), HasSubstr("attributes 0x21 READONLY ARCHIVE\n"));
+    EXPECT_EQ(Out({"touch", "--time", "2001-02-03 04:05:06", R"(\\s\v\f)"}), "");
+    const std::string Kept = Out({"stat", R"(\\s\v\f)"});
+    EXPECT_THAT(Kept, HasSubstr("written 2001-02-03 04:05:06.0000000"));
+    for (const char *Unchanged : {"0", "-1"}) {
+        EXPECT_EQ(Out({"touch", "--time", Unchanged, R"(\\s\v\f)"}), "");
+    }
+    ExpectRefused({"touch", "--time", "9223372036854775807", R"(\\s\v\f)"}, 1,
+                  "STATUS_INVALID_PARAMETER (0xC000000D): \\\\s\\v\\f\n");
+    EXPECT_EQ(Out({"stat", R"(\\s\v\f)"}), Kept);
+    EXPECT_EQ(Out({"rm", "--force", R"(\\s\v\f)"}), "");
+    EXPECT_FALSE(Served.Has("F"));
+}
+
+TEST_F(Information, WhatIsNoChangeIsBadUsage) {
+    for (const char *Text : {"+", "-", "+-h", "+h-", "h", "+x", ""}) {
+        ExpectRefused({"attrib", Text, R"(\\s\v\f)"}, 2, std::string(Text) + ": a change reads like +r-ha");
+    }
+    ExpectRefused({"touch", "--time", "2001-02-03 04:05:06x", R"(\\s\v\f)"}, 2, "2001-02-03 04:05:06x: x does not");
+    ExpectRefused({"touch", "--time", "-2", R"(\\s\v\f)"}, 2, "-2: not a number\n");
+    ExpectRefused({"truncate", R"(\\s\v\f)", "-1"}, 2, "-1: not a number\n");
+}
+
+TEST_F(Information, RefusedChangesLeaveEverythingAsItWas) {
+    Served.Write("g", "other");
+    ExpectRefused({"truncate", R"(\\s\v\f)", "9223372036854775807"}, 1, "STATUS_DISK_FULL (0xC000007F): \\\\s\\v\\f\n");
+    ExpectRefused({"truncate", R"(\\s\v\d)", "1"}, 1, "STATUS_FILE_IS_A_DIRECTORY (0xC00000BA): \\\\s\\v\\d\n");
+    ExpectRefused({"mv", R"(\\s\v\f)", R"(\\s\v\g)"}, 1, "STATUS_OBJECT_NAME_COLLISION (0xC0000035): \\\\s\\v\\f\n");
+    ExpectRefused({"mv", R"(\\s\v\d)", R"(\\s\v\g)", "--replace"}, 1, "STATUS_OBJECT_NAME_COLLISION (0xC0000035)");
+    ExpectRefused({"mv", R"(\\s\v\f)", R"(\\s\v\d)", "--replace"}, 1, "STATUS_FILE_IS_A_DIRECTORY (0xC00000BA)");
+    ExpectRefused({"mv", R"(\\s\v\d)", R"(\\s\v\d\e\x)"}, 1, "STATUS_ACCESS_DENIED (0xC0000022)");
+    ExpectRefused({"rmdir", R"(\\s\v\d)"}, 1, "STATUS_DIRECTORY_NOT_EMPTY (0xC0000101): \\\\s\\v\\d\n");
+    EXPECT_EQ(Served.Read("f"), "content");
+    EXPECT_EQ(Served.Read("g"), "other");
+    const test::ScratchDirectory Elsewhere;
+    ExpectRefused({"--export", R"(\\s\w=)" + Elsewhere.Path().string(), "mv", R"(\\s\v\f)", R"(\\s\w\f)", "--replace"},
+                  1, "STATUS_NOT_SAME_DEVICE (0xC00000D4): \\\\s\\v\\f\n");
+    EXPECT_EQ(Served.Read("f"), "content");
+    EXPECT_EQ(Out({"mv", R"(\\s\v\f)", R"(\\s\v\g)", "--replace"}), "");
+    EXPECT_EQ(Served.Read("g"), "content");
+    EXPECT_EQ(Out({"truncate", R"(\\s\v\g)", "3"}), "");
+    EXPECT_EQ(Served.Read("g"), "con");
+    EXPECT_EQ(Out({"rmdir", R"(\\s\v\d\e)", R"(\\s\v\d)"}), "");
+    EXPECT_FALSE(Served.Has("d"));
+}
+
+TEST_F(Information, AQuotaReallyCounts) {
+    const auto With = [this](std::vector<std::string> Words) {
+        Words.insert(Words.begin(), {"--quota", R"(\\s\v=100000)"});
+        return Run(Words);
+    };
+    EXPECT_EQ(With({"truncate", R"(\\s\v\f)", "99000"}).Code, 0);
+    const Ran Full = With({"truncate", R"(\\s\v\f)", "100001"});
+    EXPECT_EQ(Full.Code, 1);
+    EXPECT_EQ(Full.Error, "STATUS_DISK_FULL (0xC000007F): \\\\s\\v\\f\n");
+    EXPECT_THAT(With({"df", R"(\\s\v)"}).Out, ContainsRegex(" 98304 +98304 +0  quota\n"));
+    EXPECT_EQ(With({"rm", R"(\\s\v\f)"}).Code, 0);
+    EXPECT_THAT(With({"df", R"(\\s\v)"}).Out, ContainsRegex(" 98304 +0 +98304  quota\n"));
+}
+
+} // namespace
