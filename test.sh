@@ -1,5 +1,8 @@
 #!/bin/sh
-# Builds and runs the tests: ./test.sh [debug|asan|tsan|gcc] [GTEST_FILTER]
+# Builds and runs the tests: ./test.sh [debug|asan|tsan|gcc|image] [GTEST_FILTER]
+#
+# image runs the same tests on RVFSD.sys, loaded, instead of the driver linked in; then every import of the image must have
+# been called by some test, unless a filter is given.
 #
 # tsan runs the concurrent tests only, unless a filter is given: those with "Concurrent" in their name. The last line
 # tells the count; the exit status is 0 only when at least one test ran and none failed.
@@ -14,14 +17,23 @@ debug) extra= ;;
 asan) extra=$packages_sanitizers ;;
 tsan) extra=$packages_sanitizers filter=${2:-*Concurrent*} ;;
 gcc) extra="g++ libbenchmark-dev" ;;
+image) extra="$packages_image gdb" ;;
 *)
-    echo "usage: $0 [debug|asan|tsan|gcc] [GTEST_FILTER]" >&2
+    echo "usage: $0 [debug|asan|tsan|gcc|image] [GTEST_FILTER]" >&2
     exit 2
     ;;
 esac
 # shellcheck disable=SC2086 # lists of words
 require_packages $packages_tests $extra
-build_preset "$preset" rvfsd_tests
+program=rvfsd_tests
+if [ "$preset" = image ]; then
+    build_preset image
+    # The test program is one of the debug build's: the kernel around the image is compiled there.
+    preset=debug
+    program=rvfsd_image_tests
+    configure_options=-DRVFSD_IMAGE_UNDER_TEST=$PWD/build/image/windows/RVFSD.sys
+fi
+build_preset "$preset" "$program"
 
 # A report ends the run with its stack; leaks count.
 export ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1
@@ -37,17 +49,19 @@ fi
 
 # One process a processor, each with its share of the tests.
 shards=$(nproc)
-logs=build/$preset/test-logs
+logs=build/$preset/$program-logs
 mkdir -p "$logs"
 rm -f "$logs"/shard-*
+calls=
+[ "$program" = rvfsd_tests ] || calls=$PWD/$logs
 running=
 shard=0
 while [ "$shard" -lt "$shards" ]; do
     (
         code=0
         # shellcheck disable=SC2086 # a command and its option, or nothing
-        GTEST_TOTAL_SHARDS=$shards GTEST_SHARD_INDEX=$shard \
-            $runner "build/$preset/tests/rvfsd_tests" --gtest_filter="$filter" --gtest_color=no >"$logs/shard-$shard.log" 2>&1 \
+        GTEST_TOTAL_SHARDS=$shards GTEST_SHARD_INDEX=$shard RVFSD_CALL_COUNTS=${calls:+$calls/shard-$shard.calls} \
+            $runner "build/$preset/tests/$program" --gtest_filter="$filter" --gtest_color=no >"$logs/shard-$shard.log" 2>&1 \
             </dev/null || code=$?
         echo "$code" >"$logs/shard-$shard.exit"
     ) &
@@ -77,6 +91,17 @@ while [ "$shard" -lt "$shards" ]; do
     failed=$((failed + bad))
     shard=$((shard + 1))
 done
+if [ -n "$calls" ] && [ "$filter" = "*" ]; then
+    unused=$(awk '{ calls[$1 " " $2] += $3 } END { for (name in calls) if (!calls[name]) print name }' "$logs"/shard-*.calls |
+        sort)
+    if [ -n "$unused" ]; then
+        echo "Imports of the image that no test reached:"
+        echo "$unused"
+        failed=$((failed + 1))
+    else
+        echo "Every import of the image was called: $(awk '{ print $1, $2 }' "$logs"/shard-*.calls | sort -u | wc -l)"
+    fi
+fi
 [ $((passed + failed)) -gt 0 ] || { echo "No test matches '$filter'."; failed=1; }
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -55,6 +55,9 @@ SIZE_T PoolBlocksOfKind(PoolKind Kind);
 // TRUE if Address lies in a block that was allocated while Verifying().
 bool IsPoolAddress(const void *Address);
 
+// A line for each aligned word of a live block, allocated while Verifying(), that points between Low and High.
+std::vector<std::string> PoolPointersInto(const void *Low, const void *High);
+
 // Frees what a thread that was stopped in a delay had allocated while Verifying().
 void FreePoolOfThread(const KThread &Thread);
 

@@ -43,6 +43,15 @@ void LeaveLiveObject(const void *Object) {
     Live().Objects.erase(Object);
 }
 
+std::vector<std::string> LiveObjectsIn(const void *Low, const void *High) {
+    std::lock_guard Guard(Live().Mutex);
+    std::vector<std::string> Lines;
+    for (auto At = Live().Objects.lower_bound(Low); At != Live().Objects.end() && At->first < High; ++At) {
+        Lines.push_back(fmt::format("a {} at {} lies in it", NameOf(At->second.Kind), At->first));
+    }
+    return Lines;
+}
+
 void VerifyNoLiveObject(const void *Block, SIZE_T Size) {
     std::lock_guard Guard(Live().Mutex);
     auto Found = Live().Objects.lower_bound(Block);

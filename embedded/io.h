@@ -41,7 +41,14 @@ const char *MajorFunctionName(UCHAR MajorFunction) noexcept;
 // Makes a driver object of that name, every entry of whose table answers STATUS_INVALID_DEVICE_REQUEST, and runs its
 // initialisation in the system process. When that fails the driver object is gone again (its devices too: a device
 // left behind by a failed start is bug check 0xC4 0x60). *DriverObject is set on success.
-NTSTATUS LoadDriverObject(PDRIVER_INITIALIZE Initialize, std::u16string_view Name, PDRIVER_OBJECT *DriverObject);
+// Place tells where the driver lies in memory; all null for one that is linked in.
+struct DriverPlace {
+    PVOID Start = nullptr;
+    ULONG Size = 0; // bytes
+    PVOID Section = nullptr;
+};
+NTSTATUS LoadDriverObject(PDRIVER_INITIALIZE Initialize, std::u16string_view Name, PDRIVER_OBJECT *DriverObject,
+                          const DriverPlace &Place = {});
 
 // Frees a driver object; devices that it left are deleted and counted into the result.
 size_t FreeDriverObject(PDRIVER_OBJECT DriverObject) noexcept;

@@ -142,7 +142,8 @@ size_t LiveDevices() noexcept {
     return Devices.load(std::memory_order_relaxed);
 }
 
-NTSTATUS LoadDriverObject(PDRIVER_INITIALIZE Initialize, std::u16string_view Name, PDRIVER_OBJECT *DriverObject) {
+NTSTATUS LoadDriverObject(PDRIVER_INITIALIZE Initialize, std::u16string_view Name, PDRIVER_OBJECT *DriverObject,
+                          const DriverPlace &Place) {
     auto Record = std::make_unique<DriverRecord>();
     Record->Name = u"\\FileSystem\\" + std::u16string(Name);
     Record->RegistryPath = u"\\REGISTRY\\Machine\\System\\CurrentControlSet\\Services\\" + std::u16string(Name);
@@ -152,6 +153,9 @@ NTSTATUS LoadDriverObject(PDRIVER_INITIALIZE Initialize, std::u16string_view Nam
     Driver.DriverExtension = &Record->Extension;
     Driver.DriverName = ToUnicodeString(Record->Name);
     Driver.DriverInit = Initialize;
+    Driver.DriverStart = Place.Start;
+    Driver.DriverSize = Place.Size;
+    Driver.DriverSection = Place.Section;
     Record->Extension.DriverObject = &Driver;
     std::fill(std::begin(Driver.MajorFunction), std::end(Driver.MajorFunction), InvalidDeviceRequest);
 
@@ -214,7 +218,7 @@ using namespace embedded;
 NTSTATUS NTAPI IoCreateDevice(PDRIVER_OBJECT DriverObject, ULONG DeviceExtensionSize, PUNICODE_STRING DeviceName,
                               ULONG DeviceType, ULONG DeviceCharacteristics, BOOLEAN Exclusive,
                               PDEVICE_OBJECT *DeviceObject) noexcept {
-    AtMostApc("IoCreateDevice");
+    RequireIrql(IrqlRuleOf("IoCreateDevice"));
     *DeviceObject = nullptr;
     if (ShouldFail(FaultKind::Pool)) {
         return STATUS_INSUFFICIENT_RESOURCES;
@@ -239,7 +243,7 @@ NTSTATUS NTAPI IoCreateDevice(PDRIVER_OBJECT DriverObject, ULONG DeviceExtension
 }
 
 VOID NTAPI IoDeleteDevice(PDEVICE_OBJECT DeviceObject) noexcept {
-    AtMostApc("IoDeleteDevice");
+    RequireIrql(IrqlRuleOf("IoDeleteDevice"));
     embedded::DeviceObject &Device = *embedded::DeviceObject::Of(DeviceObject);
     if (Device.DeletePending.exchange(true, std::memory_order_acq_rel)) {
         BugCheck(bugcheck::IoVerifier, bugcheck::OwnRule, reinterpret_cast<ULONG_PTR>(DeviceObject), 0, 0,
@@ -253,7 +257,7 @@ VOID NTAPI IoDeleteDevice(PDEVICE_OBJECT DeviceObject) noexcept {
 }
 
 NTSTATUS NTAPI IoCreateSymbolicLink(PUNICODE_STRING SymbolicLinkName, PUNICODE_STRING DeviceName) noexcept {
-    AtMostApc("IoCreateSymbolicLink");
+    RequireIrql(IrqlRuleOf("IoCreateSymbolicLink"));
     if (ShouldFail(FaultKind::Pool)) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }

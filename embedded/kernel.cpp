@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include "embedded/dbg.h"
+#include "embedded/image.h"
 #include "embedded/io_objects.h"
 #include "embedded/locks.h"
 #include "embedded/mm.h"
@@ -56,6 +57,19 @@ NTSTATUS Kernel::LoadDriver(PDRIVER_INITIALIZE Initialize, std::u16string_view N
     return LoadDriverObject(Initialize, Name, &Driver_);
 }
 
+NTSTATUS Kernel::LoadDriver(DriverImage &Image, std::u16string_view Name) {
+    if (Driver_ != nullptr) {
+        throw std::logic_error("this kernel has its driver already");
+    }
+    Image_ = &Image;
+    const DriverPlace Place = {Image.Base(), Image.Format().ImageSize, Image.Section()};
+    const NTSTATUS Status = LoadDriverObject(Image.Entry(), Name, &Driver_, Place);
+    if (NT_SUCCESS(Status)) {
+        Image.DiscardStartSections();
+    }
+    return Status;
+}
+
 NTSTATUS Kernel::SendShutdown() {
     NTSTATUS Status = STATUS_SUCCESS;
     if (Driver_ == nullptr || std::exchange(ShutDown_, true)) {
@@ -97,6 +111,11 @@ std::string Kernel::Stop() {
         }
     }
     Left += DescribeLeaks();
+    if (DriverImage *Image = std::exchange(Image_, nullptr)) {
+        for (const std::string &Line : PointersInto(*Image)) {
+            Left += fmt::format("the image cannot be unmapped: {}\n", Line);
+        }
+    }
     if (!Left.empty() && Verifying()) {
         BugCheck(bugcheck::Verifier, bugcheck::LeakAtUnload, 0, 0, 0, "left behind when the kernel stopped:\n" + Left);
     }

@@ -18,6 +18,8 @@
 
 namespace embedded {
 
+class DriverImage;
+
 struct RegistryDefault {
     std::u16string Key;
     std::u16string Name;
@@ -54,6 +56,9 @@ public:
 
     // Runs the driver's initialisation; its status. Name is the service's ("RVFSD"). One driver per kernel.
     NTSTATUS LoadDriver(PDRIVER_INITIALIZE Initialize, std::u16string_view Name);
+    // The same for a loaded image, which must live until the kernel has stopped. Stop then also proves that nothing
+    // points into it any more.
+    NTSTATUS LoadDriver(DriverImage &Image, std::u16string_view Name);
     // Null before LoadDriver and when it failed.
     PDRIVER_OBJECT Driver() const noexcept {
         return Driver_;
@@ -79,6 +84,7 @@ public:
 private:
     KernelOptions Options_;
     PDRIVER_OBJECT Driver_ = nullptr;
+    DriverImage *Image_ = nullptr;
     bool ShutDown_ = false;
     bool Stopped_ = false;
 };

@@ -10,6 +10,9 @@
 #include <fmt/format.h>
 
 #include "embedded/ex.h"
+#include "embedded/image.h"
+#include "embedded/image_symbols.h"
+#include "embedded/image_unwind.h"
 #include "embedded/ps.h"
 
 namespace embedded {
@@ -19,6 +22,16 @@ struct LeakChecks {
     std::mutex Mutex;
     std::map<std::string, std::function<std::string()>, std::less<>> Checks;
 };
+
+struct UserRanges {
+    std::mutex Mutex;
+    std::map<ULONG_PTR, SIZE_T> Ranges;
+};
+
+UserRanges &Users() {
+    static UserRanges &Instance = *new UserRanges;
+    return Instance;
+}
 
 LeakChecks &Leaks() {
     static LeakChecks Instance;
@@ -67,6 +80,14 @@ void BugCheck(ULONG Code, ULONG_PTR P1, ULONG_PTR P2, ULONG_PTR P3, ULONG_PTR P4
     WriteToStderr(
         fmt::format("*** STOP 0x{:08X} (0x{:016X},0x{:016X},0x{:016X},0x{:016X}): {}\n", Code, P1, P2, P3, P4, What));
     PVOID Frames[48];
+    if (AnyImage()) {
+        // The host's unwinder ends at the first frame of an image.
+        const size_t Count = CaptureStack(Frames, std::size(Frames));
+        for (size_t Index = 0; Index < Count; ++Index) {
+            WriteToStderr(fmt::format("  {}\n", DescribeAddress(Frames[Index])));
+        }
+        std::abort();
+    }
     int Count = backtrace(Frames, 48);
     backtrace_symbols_fd(Frames, Count, STDERR_FILENO);
     std::abort();
@@ -80,6 +101,33 @@ void NTAPI ReportIrql(KIRQL Highest, std::string_view Routine) noexcept {
     KIRQL Irql = CurrentThread().Irql;
     BugCheck(bugcheck::Verifier, bugcheck::WrongIrql, Irql, Highest, 0,
              fmt::format("{} called at IRQL {}, allowed up to {}", Routine, Irql, Highest));
+}
+
+UserMemory::UserMemory(SIZE_T Bytes) : Address_(std::malloc(Bytes)), Bytes_(Bytes) {
+    std::lock_guard Guard(Users().Mutex);
+    Users().Ranges[reinterpret_cast<ULONG_PTR>(Address_)] = Bytes_;
+    ++UserMemories;
+}
+
+UserMemory::~UserMemory() {
+    {
+        std::lock_guard Guard(Users().Mutex);
+        Users().Ranges.erase(reinterpret_cast<ULONG_PTR>(Address_));
+        --UserMemories;
+    }
+    std::free(Address_);
+}
+
+bool NTAPI IsUserMemory(const void *Address) noexcept {
+    const auto Value = reinterpret_cast<ULONG_PTR>(Address);
+    std::lock_guard Guard(Users().Mutex);
+    auto Next = Users().Ranges.upper_bound(Value);
+    return Next != Users().Ranges.begin() && Value < std::prev(Next)->first + std::prev(Next)->second;
+}
+
+void NTAPI ReportUserAddress(ULONG_PTR Rule, const void *Address, std::string_view Routine) noexcept {
+    BugCheck(bugcheck::Verifier, Rule, reinterpret_cast<ULONG_PTR>(Address), 0, 0,
+             fmt::format("{}: {} is an address of a process", Routine, Address));
 }
 
 void RequireUnchanged::Compare() const {
@@ -145,26 +193,61 @@ void VerifyNothingLeft() {
     }
 }
 
+namespace {
+
+// Through the frames of an image, which keeps no frame pointers, by its unwind tables: from the frame that a function
+// of the image called to the host's frame behind it, whose frame pointer it returns; 0 when the way is lost.
+ULONG_PTR WalkImage(const DriverImage &Image, PVOID Return, ULONG_PTR Frame, PVOID *Frames, size_t Count,
+                    size_t *Found) {
+    const KThread &Thread = CurrentThread();
+    UnwindContext Context = {};
+    Context.Rip = reinterpret_cast<ULONG_PTR>(Return);
+    Context.Registers[StackPointer] = Frame + 16;
+    Context.Registers[FramePointer] = *reinterpret_cast<const ULONG_PTR *>(Frame);
+    while (Image.Contains(reinterpret_cast<PVOID>(Context.Rip))) {
+        if (!UnwindImageFrame(Image, &Context, Thread.StackLow, Thread.StackHigh) || *Found == Count) {
+            return 0;
+        }
+        Frames[(*Found)++] = reinterpret_cast<PVOID>(Context.Rip);
+    }
+    return Context.Registers[FramePointer];
+}
+
+} // namespace
+
 __attribute__((noinline, no_sanitize("address"), no_sanitize("thread"))) size_t CaptureStack(PVOID *Frames,
                                                                                              size_t Count) {
     const KThread &Thread = CurrentThread();
     auto Frame = reinterpret_cast<ULONG_PTR>(__builtin_frame_address(0));
     size_t Found = 0;
+    size_t TracedCalls = 0;
     while (Found < Count && Frame >= Thread.StackLow && Frame + 16 <= Thread.StackHigh && Frame % 8 == 0) {
         auto Words = reinterpret_cast<const ULONG_PTR *>(Frame);
         if (Words[1] == 0) {
             break;
         }
-        Frames[Found++] = reinterpret_cast<PVOID>(Words[1]);
-        if (Words[0] <= Frame) {
+        PVOID Return = reinterpret_cast<PVOID>(Words[1]);
+        if (PVOID Real = TracedReturn(Return, TracedCalls)) {
+            Return = Real;
+            ++TracedCalls;
+        }
+        Frames[Found++] = Return;
+        ULONG_PTR Next = Words[0];
+        if (const DriverImage *Image = ImageOf(Return)) {
+            Next = WalkImage(*Image, Return, Frame, Frames, Count, &Found);
+        }
+        if (Next <= Frame) {
             break;
         }
-        Frame = Words[0];
+        Frame = Next;
     }
     return Found;
 }
 
 std::string DescribeAddress(const void *Address) {
+    if (const DriverImage *Image = ImageOf(Address)) {
+        return DescribeImageAddress(*Image, Address);
+    }
     Dl_info Info;
     if (dladdr(Address, &Info) == 0 || Info.dli_fname == nullptr) {
         return fmt::format("{}", Address);

@@ -9,11 +9,9 @@
 #include "dir/directory.h"
 #include "embedded/kernel.h"
 #include "embedded/zw.h"
-#include "kernel/linux/driver_image.h"
 #include "providers/framework/framework.h"
 #include "providers/stub/stub_provider.h"
-
-extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
+#include "tests/support/driver_under_test.h"
 
 namespace fuzz {
 
@@ -79,10 +77,10 @@ public:
         Table_.RVFsdEnumerateDirectoryEx = EnumerateEx;
         Stub_.Table = &Table_;
         embedded::KernelOptions Options;
-        Options.ResetDriverImage = ResetDriverImage;
+        Options.ResetDriverImage = test::ResetDriverUnderTest;
         Kernel_ = std::make_unique<embedded::Kernel>(std::move(Options));
         Framework_ = std::make_unique<providers::Framework>(&Stub_);
-        Require(NT_SUCCESS(Kernel_->LoadDriver(DriverEntry, u"RVFSD")), "the driver starts");
+        Require(NT_SUCCESS(test::LoadDriverUnderTest(*Kernel_)), "the driver starts");
     }
     ~Driver() {
         Require(Kernel_->Stop().empty(), "nothing is left");

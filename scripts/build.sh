@@ -42,6 +42,9 @@ require_packages() {
     rm -f "$log"
 }
 
+# What build_preset gives to the configuration besides the preset.
+configure_options=
+
 # build_preset PRESET [TARGET...]: configures and builds, quietly unless something fails. Ends the script on a failure.
 build_preset() {
     preset=$1
@@ -50,8 +53,9 @@ build_preset() {
     log=build/$preset.log
     mkdir -p build
     started=$(date +%s)
+    # shellcheck disable=SC2086 # a list of options
     echo "Building preset $preset (log: $log)"
-    if ! { cmake --preset "$preset" && cmake --build --preset "$preset" --parallel "$(nproc)" "$@"; } >"$log" 2>&1; then
+    if ! { cmake --preset "$preset" $configure_options && cmake --build --preset "$preset" --parallel "$(nproc)" "$@"; } >"$log" 2>&1; then
         tail -n 100 "$log" >&2
         echo "The build of preset $preset failed." >&2
         exit 1

@@ -1,0 +1,235 @@
+#include "embedded/image_calls.h"
+
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <sys/mman.h>
+
+#include <fmt/format.h>
+
+#include "embedded/ke.h"
+#include "embedded/verifier.h"
+#include "kernel/kernel.h"
+
+extern "C" {
+void EmbeddedCallTracer();
+void EmbeddedCallReturned();
+}
+
+namespace embedded {
+namespace {
+
+constexpr size_t StubBytes = 32;
+
+struct OpenCall {
+    CallRecord *Record;
+    void *ReturnsTo;
+    int64_t Begun;
+    KIRQL Irql;
+    uint64_t Arguments[4];
+};
+
+// The traced calls of this thread that have not returned, the innermost last.
+thread_local std::vector<OpenCall> Open;
+
+struct Output {
+    std::mutex Lock;
+    CallSink Sink;
+    std::atomic<bool> On{false};
+};
+
+Output &Lines() {
+    static auto &Instance = *new Output;
+    return Instance;
+}
+
+std::string ResultText(ResultKind Kind, uint64_t Result) {
+    switch (Kind) {
+    case ResultKind::Byte:
+        return fmt::format("{}", Result & 0xFF);
+    case ResultKind::Word32:
+        return fmt::format("0x{:x}", Result & 0xFFFFFFFF);
+    case ResultKind::Status:
+        return fmt::format("0x{:08X}", Result & 0xFFFFFFFF);
+    case ResultKind::Word64:
+        return fmt::format("0x{:x}", Result);
+    case ResultKind::None:
+        return "-";
+    case ResultKind::NoReturn:
+        return "does not return";
+    }
+    return {};
+}
+
+// The system time of the call's begin, the thread's number, the IRQL, the call, its result.
+void WriteLine(int64_t Begun, KIRQL Irql, const char *Name, const uint64_t *Arguments, size_t Count,
+               const std::string &Result) {
+    std::string Line =
+        fmt::format("{} thread 0x{:x} irql {} {}(", Begun, reinterpret_cast<uintptr_t>(&CurrentThread()), Irql, Name);
+    for (size_t Index = 0; Index < Count; ++Index) {
+        Line += fmt::format("{}0x{:x}", Index == 0 ? "" : ", ", Arguments[Index]);
+    }
+    Line += ") = " + Result;
+    const std::lock_guard Hold(Lines().Lock);
+    if (Lines().Sink) {
+        Lines().Sink(Line);
+    }
+}
+
+uint8_t *Put(uint8_t *At, std::initializer_list<uint8_t> Code) {
+    for (const uint8_t Each : Code) {
+        *At++ = Each;
+    }
+    return At;
+}
+
+uint8_t *PutAddress(uint8_t *At, const void *Address) {
+    memcpy(At, &Address, sizeof(Address));
+    return At + sizeof(Address);
+}
+
+} // namespace
+
+void SetCallSink(CallSink Sink) {
+    const std::lock_guard Hold(Lines().Lock);
+    Lines().On = static_cast<bool>(Sink);
+    Lines().Sink = std::move(Sink);
+}
+
+CallStubs::CallStubs(CallRecording Recording, size_t Count)
+    : Recording_(Recording), Bytes_((Count * StubBytes + 4095) / 4096 * 4096) {
+    if (Recording_ == CallRecording::None || Bytes_ == 0) {
+        Bytes_ = 0;
+        return;
+    }
+    void *Mapped = mmap(nullptr, Bytes_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (Mapped == MAP_FAILED) {
+        throw std::bad_alloc();
+    }
+    Code_ = static_cast<uint8_t *>(Mapped);
+}
+
+CallStubs::~CallStubs() {
+    if (Code_ != nullptr) {
+        munmap(Code_, Bytes_);
+    }
+}
+
+void *CallStubs::Add(const std::string &Module, const Service &Called) {
+    auto Record = std::make_unique<CallRecord>();
+    Record->Calls = 0;
+    Record->Target = Called.Address;
+    Record->Module = Module;
+    Record->Called = Called;
+    const CallRecord *Where = Records_.emplace_back(std::move(Record)).get();
+    if (Recording_ == CallRecording::None) {
+        return Called.Address;
+    }
+    uint8_t *Stub = Code_ + Used_;
+    Used_ += StubBytes;
+    uint8_t *At = PutAddress(Put(Stub, {0x49, 0xBB}), Where); // mov r11, the record
+    At = Put(At, {0xF0, 0x49, 0xFF, 0x03});                   // lock inc [r11]
+    if (Recording_ == CallRecording::Counted || Called.Raises) {
+        Put(At, {0x41, 0xFF, 0x63, 0x08}); // jmp [r11+8]
+    } else {
+        At = PutAddress(Put(At, {0x48, 0xB8}), reinterpret_cast<const void *>(EmbeddedCallTracer)); // mov rax, tracer
+        Put(At, {0xFF, 0xE0});                                                                      // jmp rax
+    }
+    return Stub;
+}
+
+void CallStubs::Seal() {
+    if (Code_ != nullptr && mprotect(Code_, Bytes_, PROT_READ | PROT_EXEC) != 0) {
+        throw std::bad_alloc();
+    }
+}
+
+RaisingCall::RaisingCall(const char *Name, uint64_t First, uint64_t Second, uint64_t Third) noexcept
+    : Name_(Name), Arguments_{First, Second, Third}, Begun_(0) {
+    if (Lines().On) {
+        Begun_ = Clock::SystemTime();
+    }
+}
+
+void RaisingCall::Ended(uint32_t Code) noexcept {
+    if (Lines().On) {
+        WriteLine(Begun_, CurrentThread().Irql, Name_, Arguments_, 3,
+                  Code == 0 ? "-" : fmt::format("raises 0x{:08X}", Code));
+    }
+}
+
+void *TracedReturn(const void *Address, size_t Depth) noexcept {
+    if (Address != reinterpret_cast<const void *>(EmbeddedCallReturned) || Depth >= Open.size()) {
+        return nullptr;
+    }
+    return Open[Open.size() - 1 - Depth].ReturnsTo;
+}
+
+} // namespace embedded
+
+using namespace embedded;
+
+extern "C" {
+
+// The tracer's halves. The first takes the return address out of *ReturnSlot and says where to jump; the second gives
+// it back.
+void *NTAPI EmbeddedCallEntered(CallRecord *Record, const uint64_t *Arguments, void **ReturnSlot) noexcept {
+    OpenCall Call = {Record, *ReturnSlot, Clock::SystemTime(), CurrentThread().Irql, {}};
+    memcpy(Call.Arguments, Arguments, sizeof(Call.Arguments));
+    if (Record->Called.Result == ResultKind::NoReturn) {
+        WriteLine(Call.Begun, Call.Irql, Record->Called.Name, Call.Arguments, Record->Called.Arguments,
+                  ResultText(ResultKind::NoReturn, 0));
+        return Record->Target;
+    }
+    Open.push_back(Call);
+    *ReturnSlot = reinterpret_cast<void *>(EmbeddedCallReturned);
+    return Record->Target;
+}
+
+void *NTAPI EmbeddedCallLeft(uint64_t Result) noexcept {
+    const OpenCall Call = Open.back();
+    Open.pop_back();
+    WriteLine(Call.Begun, Call.Irql, Call.Record->Called.Name, Call.Arguments, Call.Record->Called.Arguments,
+              ResultText(Call.Record->Called.Result, Result));
+    return Call.ReturnsTo;
+}
+}
+
+asm(R"(
+    .text
+    .globl EmbeddedCallTracer
+    .type EmbeddedCallTracer, @function
+EmbeddedCallTracer:
+    pushq %rbp
+    movq %rsp, %rbp
+    subq $0x40, %rsp
+    movq %rcx, 0x20(%rsp)
+    movq %rdx, 0x28(%rsp)
+    movq %r8, 0x30(%rsp)
+    movq %r9, 0x38(%rsp)
+    movq %r11, %rcx
+    leaq 0x20(%rsp), %rdx
+    leaq 8(%rbp), %r8
+    callq EmbeddedCallEntered
+    movq %rax, %r11
+    movq 0x20(%rsp), %rcx
+    movq 0x28(%rsp), %rdx
+    movq 0x30(%rsp), %r8
+    movq 0x38(%rsp), %r9
+    leave
+    jmpq *%r11
+    .size EmbeddedCallTracer, . - EmbeddedCallTracer
+
+    .globl EmbeddedCallReturned
+    .type EmbeddedCallReturned, @function
+EmbeddedCallReturned:
+    subq $0x40, %rsp
+    movq %rax, 0x20(%rsp)
+    movq %rax, %rcx
+    callq EmbeddedCallLeft
+    movq %rax, %r11
+    movq 0x20(%rsp), %rax
+    addq $0x40, %rsp
+    jmpq *%r11
+    .size EmbeddedCallReturned, . - EmbeddedCallReturned
+)");

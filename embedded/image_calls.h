@@ -1,0 +1,75 @@
+// The record of the services that a loaded image calls: how often each, and if wanted a line for every call.
+//
+// A slot of the image's import table then points to a stub: one that counts and jumps on, or one that also hands the
+// call to the tracer, which writes the line when the service returns.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "embedded/image_services.h"
+
+namespace embedded {
+
+enum class CallRecording { None, Counted, Traced };
+
+// One import. The stubs know the offsets of the first two fields.
+struct CallRecord {
+    std::atomic<uint64_t> Calls;
+    void *Target;
+    std::string Module;
+    Service Called;
+};
+
+// Receives each line of a trace, without its end; called in the calling thread at any IRQL, one call at a time. Not to
+// be changed while an image runs.
+using CallSink = std::function<void(const std::string &)>;
+void SetCallSink(CallSink Sink);
+
+// The stubs of one image, and their records.
+class CallStubs {
+public:
+    // Room for Count imports. Throws std::bad_alloc when there is none.
+    CallStubs(CallRecording Recording, size_t Count);
+    ~CallStubs();
+    CallStubs(const CallStubs &) = delete;
+    CallStubs &operator=(const CallStubs &) = delete;
+
+    // The address for the import's slot. At most Count times, then Seal.
+    void *Add(const std::string &Module, const Service &Called);
+    // Makes the stubs executable, and no longer writable.
+    void Seal();
+
+    // In the order they were added.
+    const std::vector<std::unique_ptr<CallRecord>> &Records() const {
+        return Records_;
+    }
+
+private:
+    CallRecording Recording_;
+    uint8_t *Code_ = nullptr;
+    size_t Bytes_ = 0;
+    size_t Used_ = 0;
+    std::vector<std::unique_ptr<CallRecord>> Records_;
+};
+
+// A call of a raising service does not come through the tracer: its gate says so itself. Begun tells the time.
+struct RaisingCall {
+    RaisingCall(const char *Name, uint64_t First, uint64_t Second, uint64_t Third) noexcept;
+    void Ended(uint32_t Code) noexcept;
+
+private:
+    const char *Name_;
+    uint64_t Arguments_[3];
+    int64_t Begun_;
+};
+
+// Where a service really returns to when its return address is the tracer's; Depth counts the traced calls that the
+// walk of the thread's stack has met, from 0. Null when Address is not the tracer's.
+void *TracedReturn(const void *Address, size_t Depth) noexcept;
+
+} // namespace embedded

@@ -1,0 +1,188 @@
+#include "embedded/image_services.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "embedded/image_unwind.h"
+#include "embedded/verifier.h"
+#include "kernel/kernel.h"
+
+namespace embedded {
+namespace {
+
+// ---- What the compiler calls by itself, in the image's convention ----------------------------------------------
+
+void *NTAPI CopyMemory(void *To, const void *From, SIZE_T Length) noexcept {
+    return memcpy(To, From, Length);
+}
+void *NTAPI MoveMemory(void *To, const void *From, SIZE_T Length) noexcept {
+    return memmove(To, From, Length);
+}
+void *NTAPI FillMemory(void *To, int Value, SIZE_T Length) noexcept {
+    return memset(To, Value, Length);
+}
+int NTAPI CompareMemory(const void *One, const void *Two, SIZE_T Length) noexcept {
+    return memcmp(One, Two, Length);
+}
+SIZE_T NTAPI TextLength(const char *Text) noexcept {
+    return strlen(Text);
+}
+SIZE_T NTAPI WideTextLength(const WCHAR *Text) noexcept {
+    return std::char_traits<WCHAR>::length(Text);
+}
+// Named by unwind data; exceptions are led to handlers by image_unwind.cpp, which never calls it.
+ULONG NTAPI SpecificHandler(PVOID, PVOID, PVOID, PVOID) noexcept {
+    BugCheck(bugcheck::Verifier, bugcheck::OwnRule, 0, 0, 0, "__C_specific_handler was called by the image itself");
+}
+
+// ---- The table -------------------------------------------------------------------------------------------------
+
+template <typename T>
+void *AddressOf(T *Function) {
+    return reinterpret_cast<void *>(Function);
+}
+
+template <typename R>
+constexpr ResultKind KindOf() {
+    if constexpr (std::is_void_v<R>) {
+        return ResultKind::None;
+    } else if constexpr (sizeof(R) == 1) {
+        return ResultKind::Byte;
+    } else if constexpr (std::is_same_v<R, NTSTATUS>) {
+        return ResultKind::Status;
+    } else {
+        return sizeof(R) == 8 ? ResultKind::Word64 : ResultKind::Word32;
+    }
+}
+
+template <typename R, typename... Args>
+Service Of(const char *Name, R(NTAPI *Function)(Args...) noexcept) {
+    return {Name, AddressOf(Function), KindOf<R>(), std::min<uint8_t>(sizeof...(Args), 4), false};
+}
+// A 32-bit result that is no status.
+template <typename R, typename... Args>
+Service Plain(const char *Name, R(NTAPI *Function)(Args...) noexcept) {
+    return {Name, AddressOf(Function), ResultKind::Word32, std::min<uint8_t>(sizeof...(Args), 4), false};
+}
+template <typename R, typename... Args>
+Service Ending(const char *Name, R(NTAPI *Function)(Args...) noexcept) {
+    return {Name, AddressOf(Function), ResultKind::NoReturn, std::min<uint8_t>(sizeof...(Args), 4), false};
+}
+Service Raising(const char *Name, uint8_t Arguments) {
+    return {Name, RaisingGate(Name), ResultKind::None, Arguments, true};
+}
+
+std::vector<Service> Table() {
+    return {
+        Of("memcpy", CopyMemory),
+        Of("memmove", MoveMemory),
+        Of("memset", FillMemory),
+        Plain("memcmp", CompareMemory),
+        Of("strlen", TextLength),
+        Of("wcslen", WideTextLength),
+        Of("__C_specific_handler", SpecificHandler),
+        Raising("MmProbeAndLockPages", 3),
+        Raising("ProbeForRead", 3),
+        Raising("ProbeForWrite", 3),
+        Raising("ExRaiseStatus", 1),
+        Of("ExAllocatePoolWithTag", ExAllocatePoolWithTag),
+        Of("ExFreePoolWithTag", ExFreePoolWithTag),
+        Of("ExInitializeResourceLite", ExInitializeResourceLite),
+        Of("ExDeleteResourceLite", ExDeleteResourceLite),
+        Of("ExAcquireResourceExclusiveLite", ExAcquireResourceExclusiveLite),
+        Of("ExAcquireResourceSharedLite", ExAcquireResourceSharedLite),
+        Of("ExReleaseResourceLite", ExReleaseResourceLite),
+        Of("ExConvertExclusiveToSharedLite", ExConvertExclusiveToSharedLite),
+        Of("ExIsResourceAcquiredExclusiveLite", ExIsResourceAcquiredExclusiveLite),
+        Of("ExIsResourceAcquiredSharedLite", ExIsResourceAcquiredSharedLite),
+        Of("ExInitializeNPagedLookasideList", ExInitializeNPagedLookasideList),
+        Of("ExDeleteNPagedLookasideList", ExDeleteNPagedLookasideList),
+        Of("ExpInterlockedPopEntrySList", ExpInterlockedPopEntrySList),
+        Of("ExpInterlockedPushEntrySList", ExpInterlockedPushEntrySList),
+        Of("ExQueryDepthSList", ExQueryDepthSList),
+        Of("ExSystemTimeToLocalTime", ExSystemTimeToLocalTime),
+        Of("KeGetCurrentIrql", KeGetCurrentIrql),
+        Of("KeGetCurrentThread", KeGetCurrentThread),
+        Of("KeEnterCriticalRegion", KeEnterCriticalRegion),
+        Of("KeLeaveCriticalRegion", KeLeaveCriticalRegion),
+        Of("KeAcquireSpinLockRaiseToDpc", KeAcquireSpinLockRaiseToDpc),
+        Of("KeReleaseSpinLock", KeReleaseSpinLock),
+        Of("KeInitializeEvent", KeInitializeEvent),
+        Plain("KeSetEvent", KeSetEvent),
+        Of("KeWaitForSingleObject", KeWaitForSingleObject),
+        Of("KeDelayExecutionThread", KeDelayExecutionThread),
+        Of("KeQuerySystemTimePrecise", KeQuerySystemTimePrecise),
+        Ending("KeBugCheckEx", KeBugCheckEx),
+        Of("PsCreateSystemThread", PsCreateSystemThread),
+        Ending("PsTerminateSystemThread", PsTerminateSystemThread),
+        Of("ObReferenceObjectByHandle", ObReferenceObjectByHandle),
+        Of("ObfDereferenceObject", ObfDereferenceObject),
+        Of("MmQuerySystemSize", MmQuerySystemSize),
+        Of("MmUnlockPages", MmUnlockPages),
+        Of("MmMapLockedPagesSpecifyCache", MmMapLockedPagesSpecifyCache),
+        Of("MmForceSectionClosed", MmForceSectionClosed),
+        Of("IoCreateDevice", IoCreateDevice),
+        Of("IoDeleteDevice", IoDeleteDevice),
+        Of("IoCreateSymbolicLink", IoCreateSymbolicLink),
+        Of("IofCompleteRequest", IofCompleteRequest),
+        Of("IoGetTopLevelIrp", IoGetTopLevelIrp),
+        Of("IoSetTopLevelIrp", IoSetTopLevelIrp),
+        Of("IoAcquireCancelSpinLock", IoAcquireCancelSpinLock),
+        Of("IoReleaseCancelSpinLock", IoReleaseCancelSpinLock),
+        Of("IoIsOperationSynchronous", IoIsOperationSynchronous),
+        Of("IoGetCurrentProcess", IoGetCurrentProcess),
+        Of("IoGetRequestorProcess", IoGetRequestorProcess),
+        Of("IoAllocateMdl", IoAllocateMdl),
+        Of("IoFreeMdl", IoFreeMdl),
+        Of("IoSetShareAccess", IoSetShareAccess),
+        Of("IoCheckShareAccess", IoCheckShareAccess),
+        Of("IoRemoveShareAccess", IoRemoveShareAccess),
+        Of("FsRtlRegisterUncProviderEx", FsRtlRegisterUncProviderEx),
+        Of("FsRtlDeregisterUncProvider", FsRtlDeregisterUncProvider),
+        Of("FsRtlCopyRead", FsRtlCopyRead),
+        Of("FsRtlCopyWrite", FsRtlCopyWrite),
+        Of("FsRtlInitializeFileLock", FsRtlInitializeFileLock),
+        Of("FsRtlUninitializeFileLock", FsRtlUninitializeFileLock),
+        Of("FsRtlProcessFileLock", FsRtlProcessFileLock),
+        Of("FsRtlGetNextFileLock", FsRtlGetNextFileLock),
+        Of("FsRtlFastUnlockSingle", FsRtlFastUnlockSingle),
+        Of("FsRtlNotifyInitializeSync", FsRtlNotifyInitializeSync),
+        Of("FsRtlNotifyUninitializeSync", FsRtlNotifyUninitializeSync),
+        Of("FsRtlTeardownPerStreamContexts", FsRtlTeardownPerStreamContexts),
+        Of("RtlInitializeUnicodePrefix", RtlInitializeUnicodePrefix),
+        Of("RtlInsertUnicodePrefix", RtlInsertUnicodePrefix),
+        Of("RtlRemoveUnicodePrefix", RtlRemoveUnicodePrefix),
+        Of("RtlFindUnicodePrefix", RtlFindUnicodePrefix),
+        Of("RtlNextUnicodePrefix", RtlNextUnicodePrefix),
+        Of("RtlEqualUnicodeString", RtlEqualUnicodeString),
+        Of("RtlUpcaseUnicodeChar", RtlUpcaseUnicodeChar),
+        Of("RtlTimeToTimeFields", RtlTimeToTimeFields),
+        Of("RtlCreateSecurityDescriptor", RtlCreateSecurityDescriptor),
+        Of("ZwOpenKey", ZwOpenKey),
+        Of("ZwQueryValueKey", ZwQueryValueKey),
+        Of("ZwClose", ZwClose),
+        Of("ZwOpenFile", ZwOpenFile),
+        Of("ZwCreateFile", ZwCreateFile),
+        Of("ZwWriteFile", ZwWriteFile),
+        Of("ZwDeleteFile", ZwDeleteFile),
+        Of("ZwQuerySystemInformation", ZwQuerySystemInformation),
+        Of("NtSetSecurityObject", NtSetSecurityObject),
+        {"DbgPrint", AddressOf(&DbgPrint), ResultKind::Status, 1, false},
+        {"DbgPrintEx", AddressOf(&DbgPrintEx), ResultKind::Status, 3, false},
+    };
+}
+
+} // namespace
+
+const std::vector<Service> &KernelServices() {
+    static const std::vector<Service> Services = Table();
+    return Services;
+}
+
+const Service *FindKernelService(std::string_view Name) {
+    const std::vector<Service> &All = KernelServices();
+    const auto Found = std::find_if(All.begin(), All.end(), [Name](const Service &Each) { return Each.Name == Name; });
+    return Found == All.end() ? nullptr : &*Found;
+}
+
+} // namespace embedded

@@ -1,0 +1,183 @@
+// Exceptions, reports and the truth about a loaded driver, with the probe: an image made to raise, catch, leak and
+// fail.
+#include <fstream>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "embedded/ex.h"
+#include "embedded/image.h"
+#include "embedded/image_symbols.h"
+#include "embedded/kernel.h"
+#include "embedded/verifier.h"
+
+using testing::HasSubstr;
+using testing::Not;
+
+namespace embedded {
+namespace {
+
+constexpr NTSTATUS One = static_cast<NTSTATUS>(0xE0000001), Other = static_cast<NTSTATUS>(0xE0000002);
+
+class ImageProbe : public testing::Test {
+protected:
+    ImageProbe() : TheKernel(std::make_unique<Kernel>()), Image(Load()) {
+        EXPECT_EQ(TheKernel->LoadDriver(*Image, u"Probe"), STATUS_SUCCESS);
+    }
+    ~ImageProbe() override {
+        EXPECT_EQ(TheKernel->Stop(), "");
+        TheKernel.reset();
+    }
+
+    static std::unique_ptr<DriverImage> Load(CallRecording Recording = CallRecording::None) {
+        ImageOptions Options;
+        Options.Recording = Recording;
+        return std::make_unique<DriverImage>(RVFSD_IMAGE_FOLDER "/probe/probe.sys", std::move(Options));
+    }
+
+    template <typename... Args>
+    NTSTATUS Call(const char *Name, Args... Values) {
+        const auto Function = reinterpret_cast<NTSTATUS(NTAPI *)(Args...)>(Image->Export(Name));
+        return Function(Values...);
+    }
+    ULONG Steps() {
+        return std::exchange(*static_cast<ULONG *>(Image->Export("ProbeSteps")), 0);
+    }
+
+    std::unique_ptr<Kernel> TheKernel;
+    std::unique_ptr<DriverImage> Image;
+};
+
+TEST_F(ImageProbe, TheDriverObjectTellsWhereTheImageLies) {
+    const PDRIVER_OBJECT Driver = TheKernel->Driver();
+    EXPECT_EQ(Driver->DriverStart, Image->Base());
+    EXPECT_EQ(Driver->DriverSize, Image->Format().ImageSize);
+    const auto *Section = static_cast<LoaderEntry *>(Driver->DriverSection);
+    EXPECT_EQ(Section->DllBase, Image->Base());
+    EXPECT_EQ(Section->EntryPoint, reinterpret_cast<void *>(Driver->DriverInit));
+    EXPECT_EQ(Section->SizeOfImage, Driver->DriverSize);
+    EXPECT_EQ(std::u16string_view(Section->BaseDllName.Buffer, Section->BaseDllName.Length / 2), u"probe.sys");
+    EXPECT_EQ(Section->CheckSum, Image->Format().Checksum);
+}
+
+TEST_F(ImageProbe, AddressesInTheImageMovedWithIt) {
+    ASSERT_NE(reinterpret_cast<uint64_t>(Image->Base()), Image->Format().PreferredBase);
+    EXPECT_EQ(*static_cast<const char **>(Image->Export("ProbePointer")), Image->Export("ProbeText"));
+    EXPECT_STREQ(static_cast<const char *>(Image->Export("ProbeText")), "a constant");
+}
+
+TEST_F(ImageProbe, ItsOwnHandlersTakeWhatIsRaised) {
+    EXPECT_EQ(Call("ProbeCatch", One), One);
+    for (const ULONG Depth : {0u, 1u, 7u, 60u}) {
+        EXPECT_EQ(Call("ProbeCatchFromTheDepth", Depth, Other), Other) << Depth;
+    }
+    for (const ULONG Bytes : {16u, 4000u, 70000u}) {
+        EXPECT_EQ(Call("ProbeMovingFrame", Bytes, One), One) << Bytes;
+    }
+}
+
+TEST_F(ImageProbe, AFilterChoosesAndTheOuterHandlerTakesTheRest) {
+    EXPECT_EQ(Call("ProbeFilter", One, One), One);
+    EXPECT_EQ(Steps(), 12u);
+    EXPECT_EQ(Call("ProbeFilter", Other, One), Other);
+    EXPECT_EQ(Steps(), 13u);
+}
+
+TEST_F(ImageProbe, WhatMustRunAtTheEndRunsAfterTheFilterInnermostFirst) {
+    EXPECT_EQ(Call("ProbeFinally", One, One), One);
+    EXPECT_EQ(Steps(), 1456u);
+}
+
+TEST_F(ImageProbe, RegistersThatCallsPreserveSurviveACatch) {
+    ULONG64 Numbers[7] = {11, 12, 13, 14, 15, 16, 0};
+    double Values[7] = {0.5, 1.5, 2.5, 3.5, 4.5, 5.5, 0};
+    EXPECT_EQ(Call("ProbeRegisters", Numbers, Values), STATUS_ACCESS_VIOLATION);
+    EXPECT_EQ(Numbers[6], 11u + 24 + 39 + 56 + 75 + 96);
+    EXPECT_EQ(Values[6], 0.5 + 3 + 7.5 + 14 + 22.5 + 33);
+}
+
+TEST_F(ImageProbe, UserMemoryIsProbedAndRaisesWhatWindowsRaises) {
+    constexpr NTSTATUS Misaligned = static_cast<NTSTATUS>(0x80000002);
+    alignas(8) static char Good[64];
+    const auto Ask = [&](const void *Address, SIZE_T Length, ULONG Alignment) {
+        return Call("ProbeMemory", const_cast<void *>(Address), Length, Alignment);
+    };
+    EXPECT_EQ(Ask(Good, 64, 8), STATUS_SUCCESS);
+    EXPECT_EQ(Ask(Good + 1, 8, 8), Misaligned);
+    EXPECT_EQ(Ask(nullptr, 1, 1), STATUS_ACCESS_VIOLATION);
+    EXPECT_EQ(Ask(nullptr, 0, 1), STATUS_SUCCESS);
+    EXPECT_EQ(Ask(Image->Base(), 1, 1), STATUS_ACCESS_VIOLATION) << "it cannot be written";
+}
+
+TEST_F(ImageProbe, AnExceptionThatNobodyTakesStopsWithTheImagesLines) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(Call("ProbeUncaught", 2u, One),
+                 "STOP 0x0000001E .0x00000000E0000001.*no handler takes it\n"
+                 ".*probe.sys!Deep.*probe.cpp:[^\n]*\n(.*\n)*.*probe.sys!ProbeUncaught.*probe.cpp:");
+}
+
+TEST_F(ImageProbe, AReportNamesTheLineThatAllocatedWhatIsLeft) {
+    void *Block = nullptr;
+    ASSERT_EQ(Call("ProbeAllocate", &Block), STATUS_SUCCESS);
+    const std::string Report = DescribePool(PoolKind::Pool);
+    EXPECT_THAT(Report,
+                testing::ContainsRegex("tag Prob, 24 bytes, from .*probe.sys!AllocateInTheDepth[^<]*probe.cpp:[0-9]+"));
+    EXPECT_THAT(Report, testing::ContainsRegex("probe.sys!ProbeAllocate[^<]*probe.cpp:[0-9]+"));
+    EXPECT_THAT(Report, testing::ContainsRegex("ProbeAllocate[^<]*< [^<]*_tests")) << "and on to who called the driver";
+    EXPECT_EQ(Call("ProbeFree", Block), STATUS_SUCCESS);
+    EXPECT_THAT(DescribePool(PoolKind::Pool), Not(HasSubstr("Prob")));
+}
+
+TEST_F(ImageProbe, APointerIntoTheImageIsFoundBeforeItIsUnmapped) {
+    EXPECT_TRUE(PointersInto(*Image).empty());
+    void *Block = nullptr;
+    ASSERT_EQ(Call("ProbeAllocate", &Block), STATUS_SUCCESS);
+    void *Inside = Image->Export("ProbeText");
+    memcpy(static_cast<char *>(Block) + 8, &Inside, sizeof(Inside));
+    const std::vector<std::string> Found = PointersInto(*Image);
+    ASSERT_EQ(Found.size(), 1u);
+    EXPECT_THAT(Found[0], HasSubstr("a pool block of tag Prob points to probe.sys!ProbeText"));
+    EXPECT_EQ(Call("ProbeFree", Block), STATUS_SUCCESS);
+}
+
+// ---- The trace of calls ------------------------------------------------------------------------------------------
+
+class ImageCalls : public ImageProbe {
+protected:
+    ImageCalls() {
+        TheKernel->Stop();
+        TheKernel = std::make_unique<Kernel>();
+        Image = Load(CallRecording::Traced);
+        SetCallSink([this](const std::string &Line) { Lines.push_back(Line); });
+    }
+    ~ImageCalls() override {
+        SetCallSink({});
+    }
+
+    std::vector<std::string> Lines;
+};
+
+TEST_F(ImageCalls, HaveALineEachWithThreadLevelAndResult) {
+    void *Block = nullptr;
+    ASSERT_EQ(Call("ProbeAllocate", &Block), STATUS_SUCCESS);
+    EXPECT_THAT(DescribePool(PoolKind::Pool), HasSubstr("< probe.sys!AllocateInTheDepth"))
+        << "the walk sees through";
+    ASSERT_EQ(Call("ProbeFree", Block), STATUS_SUCCESS);
+    ASSERT_EQ(Call("ProbeCatch", One), One);
+    ASSERT_EQ(Lines.size(), 3u);
+    EXPECT_THAT(Lines[0], testing::ContainsRegex("^[0-9]+ thread 0x[0-9a-f]+ irql 0 "
+                                                 "ExAllocatePoolWithTag\\(0x200, 0x18, 0x626f7250\\) = 0x[0-9a-f]+$"));
+    EXPECT_THAT(Lines[1], testing::ContainsRegex("ExFreePoolWithTag\\(0x[0-9a-f]+, 0x0\\) = -$"));
+    EXPECT_THAT(Lines[2], HasSubstr("ExRaiseStatus(0xe0000001, 0x0, 0x0) = raises 0xE0000001"));
+    std::map<std::string, uint64_t> Counts;
+    for (const auto &Record : Image->Calls()) {
+        Counts[Record->Called.Name] = Record->Calls;
+    }
+    EXPECT_EQ(Counts["ExAllocatePoolWithTag"], 1u);
+    EXPECT_EQ(Counts["ExRaiseStatus"], 1u);
+    EXPECT_GE(Counts["__C_specific_handler"], 1u) << "it named the handler that took the exception";
+    EXPECT_EQ(Counts["ProbeForRead"], 0u);
+}
+
+} // namespace
+} // namespace embedded
