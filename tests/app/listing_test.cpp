@@ -55,7 +55,7 @@ TEST_F(ProgramListing, TheLastComponentIsAMaskOrTheNameOfAFile) {
         const char *Mask;
         const char *Out;
     } Cases[] = {{"*.txt", "a.txt\nB.TXT\n"}, {"ab?", "abc\n"},      {"abc>>>", "abc\n"},
-                 {"<.txt", "a.txt\nB.TXT\n"}, {"a\"txt", "a.txt\n"}, {"*~1.htm", "a rather long name.html\n"},
+                 {"<.txt", "a.txt\nB.TXT\n"}, {"a\"txt", "a.txt\n"}, {"*~?.htm", "a rather long name.html\n"},
                  {"b.txt", "B.TXT\n"}};
     for (const auto &Case : Cases) {
         EXPECT_EQ(Out({"ls", std::string(R"(\\srv\vol\d\)") + Case.Mask}), Case.Out) << Case.Mask;
@@ -68,13 +68,29 @@ TEST_F(ProgramListing, TheLastComponentIsAMaskOrTheNameOfAFile) {
     }
 }
 
+TEST_F(ProgramListing, AnEmptyVolumeIsListedAsEmptyAndAMaskThatMatchesNothingIsTold) {
+    const test::ScratchDirectory Empty;
+    const std::string Export = R"(\\srv\new=)" + Empty.Path().string();
+    for (const std::vector<std::string> &Verb : {std::vector<std::string>{"ls"}, {"ls", "-l", "--single"}, {"find"}}) {
+        std::vector<std::string> Words = {"--export", Export};
+        Words.insert(Words.end(), Verb.begin(), Verb.end());
+        Words.push_back(R"(\\srv\new)");
+        const Ran Done = test::RunProgram(Words);
+        EXPECT_EQ(Done.Code, 0) << Done.Error;
+        EXPECT_EQ(Done.Out + Done.Error, "");
+    }
+    const Ran Refused = test::RunProgram({"--export", Export, "ls", R"(\\srv\new\*)"});
+    EXPECT_EQ(Refused.Code, 1);
+    EXPECT_THAT(Refused.Error, HasSubstr("STATUS_NO_SUCH_FILE"));
+}
+
 TEST_F(ProgramListing, ShortNamesAreShownUnlessLazyCloseIsOn) {
     const std::string Mask = R"(\\srv\vol\d\a r*)";
-    EXPECT_THAT(Out({"ls", "-l", Mask}), ContainsRegex(" AR[0-9A-F]{4}~1\\.HTM +a rather long name"));
+    EXPECT_THAT(Out({"ls", "-l", Mask}), ContainsRegex(" AR[0-9A-Z]{4}~[1-9]\\.HTM +a rather long name"));
     for (auto &[Value, Expected] : {std::pair{"1", false}, {"0", true}}) {
         const Ran Listed = test::RunProgram(
             Line({"--set", std::string("Enable Lazy Close=") + Value, "ls", "-l", "--class", "id_both", Mask}));
-        EXPECT_EQ(Listed.Out.find("~1.HTM") != std::string::npos, Expected) << Listed.Out << Listed.Error;
+        EXPECT_EQ((Listed.Out.find(".HTM ") != std::string::npos), Expected) << Listed.Out << Listed.Error;
     }
 }
 
