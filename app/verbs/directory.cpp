@@ -88,7 +88,9 @@ void ListRaw(Target Where, const ListOptions &Options) {
         const RemoteFile::Answer Batch =
             Directory.List(InfoClass, Options.Buffer, Where.Mask, Begun && !Restarted, Options.Single);
         Restarted = Restarted || Begun;
-        if (Batch.Status == STATUS_NO_MORE_FILES) {
+        // The root of a volume has no dot entries: there an empty directory is one in which nothing matches.
+        const bool IsEmpty = Batch.Status == STATUS_NO_SUCH_FILE && !Where.IsMasked && Where.Mask == u"*";
+        if (Batch.Status == STATUS_NO_MORE_FILES || IsEmpty) {
             return;
         }
         if (!NT_SUCCESS(Batch.Status)) {

@@ -1,9 +1,9 @@
 #include "frame/diagnostics.h"
 #include "frame/status_translation.h"
 #include "info/answer.h"
+#include "info/open_volume.h"
 #include "info/query.h"
 #include "io/io.h"
-#include "names/paths.h"
 #include "provider/provider_calls.h"
 
 namespace {
@@ -61,30 +61,6 @@ void GatherDirectory(QUERY &Query) {
     }
 }
 
-// A warning is none, whatever it is translated from.
-bool Succeeded(RVSTATUS Status) {
-    return NT_SUCCESS(NtFsdTranslateResult(Status));
-}
-
-// The flags of the open's volume: by its own handle, or by the volume of its path.
-void GatherVolumeFlags(QUERY &Query) {
-    ULONG *Flags = &Query.Facts.VolumeFlags;
-    const RVHANDLE Own = Query.Instance->VolumeHandle;
-    if (Own != 0 && Succeeded(RVFsdGetVolumeInformation(Query.Security(), Own, Flags, nullptr))) {
-        return;
-    }
-    *Flags = 0;
-    OwnedString VolumePath;
-    if (!Succeeded(NtFsdQueryPathForVolume(Query.Security(), Query.Fcb->FullPath.Buffer, VolumePath.Get()))) {
-        return;
-    }
-    ProviderVolume Volume(Query.Security());
-    if (Succeeded(RVFsdOpenVolume(Query.Security(), VolumePath->Buffer, Volume.Out())) &&
-        !Succeeded(RVFsdGetVolumeInformation(Query.Security(), Volume.Get(), Flags, nullptr))) {
-        *Flags = 0;
-    }
-}
-
 // ---- Fills
 // -------------------------------------------------------------------------------------------------------------
 
@@ -104,35 +80,49 @@ ULONG ShownAttributes(const QUERY &Query) {
     return Others != 0 ? Others : FILE_ATTRIBUTE_NORMAL;
 }
 
-bool PutTime(AnswerBuffer &Answer, LONG64 Time) {
-    return Answer.Put(Time);
-}
-
 ULONG High(LONG64 Time) {
     return static_cast<ULONG>(static_cast<ULONG64>(Time) >> 32);
 }
 
-void TraceBasic(const QUERY &Query) {
+ULONG Low(LONG64 Time) {
+    return LowPart(static_cast<ULONG64>(Time));
+}
+
+// The fields that fit, each told as it is written; FALSE when one does not.
+bool PutBasic(const QUERY &Query, AnswerBuffer &Answer) {
     const FACTS &Facts = Query.Facts;
+    if (!Answer.Put(Facts.CreationTime)) {
+        return false;
+    }
     NtFsdDebugPrint(TRACE_FILE_INFO, 0, " BasicInfo->CreationDate = %x%x\n", High(Facts.CreationTime),
-                    LowPart(static_cast<ULONG64>(Facts.CreationTime)));
+                    Low(Facts.CreationTime));
+    if (!Answer.Put(Facts.LastAccessTime)) {
+        return false;
+    }
     NtFsdDebugPrint(TRACE_FILE_INFO, 0, " BasicInfo->LastAccessTime = %x%x\n", High(Facts.LastAccessTime),
-                    LowPart(static_cast<ULONG64>(Facts.LastAccessTime)));
+                    Low(Facts.LastAccessTime));
+    if (!Answer.Put(Facts.LastWriteTime)) {
+        return false;
+    }
     NtFsdDebugPrint(TRACE_FILE_INFO, 0, " BasicInfo->LastWriteTime = %x%x\n", High(Facts.LastWriteTime),
-                    LowPart(static_cast<ULONG64>(Facts.LastWriteTime)));
-    NtFsdDebugPrint(TRACE_FILE_INFO, 0, " BasicInfo->FileAttributes = 0x%x\n", ShownAttributes(Query));
+                    Low(Facts.LastWriteTime));
+    constexpr LONG64 ChangeTime = 0;
+    if (!Answer.Put(ChangeTime)) {
+        return false;
+    }
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0, " BasicInfo->ChangeTime = %x%x\n", High(ChangeTime), Low(ChangeTime));
+    const ULONG Attributes = ShownAttributes(Query);
+    if (!Answer.Put(Attributes)) {
+        return false;
+    }
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0, " BasicInfo->FileAttributes = 0x%x\n", Attributes);
+    Answer.Skip(BASIC_TAIL);
+    return true;
 }
 
 // A file's answer may be cut without a word; a directory's may not.
 NTSTATUS NtFsdFileBasicInfo(const QUERY &Query, AnswerBuffer &Answer) {
-    const FACTS &Facts = Query.Facts;
-    TraceBasic(Query);
-    if (PutTime(Answer, Facts.CreationTime) && PutTime(Answer, Facts.LastAccessTime) &&
-        PutTime(Answer, Facts.LastWriteTime) && PutTime(Answer, 0) && Answer.Put(ShownAttributes(Query))) {
-        Answer.Skip(BASIC_TAIL);
-        return STATUS_SUCCESS;
-    }
-    return Query.IsDirectory() ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS;
+    return PutBasic(Query, Answer) || !Query.IsDirectory() ? STATUS_SUCCESS : STATUS_BUFFER_OVERFLOW;
 }
 
 NTSTATUS NtFsdFileStandardInfo(const QUERY &Query, AnswerBuffer &Answer) {
@@ -310,7 +300,7 @@ NTSTATUS AnswerHeld(QUERY &Query, ULONG InfoClass, AnswerBuffer &Answer) {
     } else {
         GatherDirectory(Query);
     }
-    GatherVolumeFlags(Query);
+    Query.Facts.VolumeFlags = NtFsdVolumeOfOpen(Query.Security(), Query.Fcb, Query.Instance).Flags;
     const NTSTATUS Status = FillClass(Query, InfoClass, Answer);
     return Answer.Remaining() < 0 ? STATUS_BUFFER_OVERFLOW : Status;
 }

@@ -3,6 +3,7 @@
 
 #include "frame/diagnostics.h"
 #include "frame/status_translation.h"
+#include "info/replaced_file.h"
 #include "info/set_information.h"
 #include "provider/provider_calls.h"
 
@@ -79,7 +80,7 @@ NTSTATUS PrepareNames(RENAME &Rename) {
 
 // What is left of the source path behind the target directory and one backslash, when it lies in it. Empty otherwise,
 // and the reason is traced.
-UNICODE_STRING RemainderInTarget(const RENAME &Rename) {
+UNICODE_STRING RemainderInTarget(RENAME &Rename) {
     constexpr UNICODE_STRING NOTHING = {0, 0, nullptr};
     const PCUNICODE_STRING Source = Rename.Source();
     const PCUNICODE_STRING Target = Rename.TargetDirectory();
@@ -93,7 +94,7 @@ UNICODE_STRING RemainderInTarget(const RENAME &Rename) {
     }
     const UNICODE_STRING Directory = WithoutSlash(Target);
     const ULONG Units = UnitsOf(&Directory);
-    if (UnitsOf(Source) <= Units || Source->Buffer[Units] != SEPARATOR) {
+    if (UnitsOf(Source) > Units && Source->Buffer[Units] != SEPARATOR) {
         NtFsdDebugPrint(TRACE_FILE_INFO, 0,
                         "NtFsdFileSetRenameInfo determined cannot be case-only rename based on parent directory "
                         "backslash:\n        source: \"%wZ\"\n        target: \"%wZ\"\n",
@@ -108,8 +109,11 @@ UNICODE_STRING RemainderInTarget(const RENAME &Rename) {
                         Source, Target);
         return NOTHING;
     }
-    const UNICODE_STRING Rest = View(Source->Buffer + Units + 1, UnitsOf(Source) - Units - 1);
-    if (!IsOneComponent(&Rest)) {
+    // Nothing is left when the source is the target directory itself. As many characters as the new name has are
+    // compared at the end: of a longer name those do not begin behind a backslash.
+    const bool Itself = UnitsOf(Source) == Units;
+    const UNICODE_STRING Rest = Itself ? NOTHING : View(Source->Buffer + Units + 1, UnitsOf(Source) - Units - 1);
+    if (!IsOneComponent(&Rest) || Rest.Length > Rename.NewName->Length) {
         NtFsdDebugPrint(TRACE_FILE_INFO, 0,
                         "NtFsdFileSetRenameInfo determined cannot be case-only rename based on final component "
                         "backslash:\n        source: \"%wZ\"\n        target: \"%wZ\"\n",
@@ -185,6 +189,9 @@ bool IsAccessDenied(RVSTATUS Status) {
 
 // Once more with the read-only attribute off, when that is what stands in the way; it is put back whatever came of it.
 RVSTATUS RetryDirectory(SET_INFORMATION &Change, const MOVE &Move, RVSTATUS First) {
+    if (!NT_SUCCESS(Change.NeedHandle())) {
+        return First;
+    }
     const RVHANDLE Directory = Change.Instance->RelatedHandle;
     ULONG Attributes = 0;
     if (RvIsError(RVFsdGetDirectoryInformation(Change.Security(), Directory, &Attributes, nullptr, nullptr, nullptr)) ||
@@ -288,10 +295,19 @@ NTSTATUS CheckRules(const RENAME &Rename) {
     return STATUS_SUCCESS;
 }
 
-// Deletes the file that is to be replaced.
+// Deletes the file that is to be replaced, unless that would lose what is to be moved, or be in vain.
 NTSTATUS ClearTheWay(RENAME &Rename) {
     if (!IsInTheWay(Rename)) {
         return STATUS_SUCCESS;
+    }
+    switch (NtFsdWhatIsReplaced(Rename.Change.Security(), Rename.Change.Fcb, Rename.Change.Instance, Rename.TargetFcb,
+                                Rename.TargetInstance, Rename.NewName->Buffer)) {
+    case REPLACED::Itself:
+        return STATUS_SUCCESS; // the Provider judges the move from one of its names to another
+    case REPLACED::Unreachable:
+        return STATUS_NOT_SAME_DEVICE;
+    case REPLACED::Another:
+        break;
     }
     const NTSTATUS Status = NtFsdTranslateResult(
         RVFsdDeleteFile(Rename.Change.Security(), Rename.TargetInstance->RelatedHandle, Rename.NewName->Buffer));

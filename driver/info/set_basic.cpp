@@ -31,6 +31,9 @@ NTSTATUS NtFsdFileSetBasicInfo(SET_INFORMATION &Change) {
             Change.Security(), Change.Instance->FileHandle, ChangesAttributes ? &Attributes : nullptr,
             TimeOrNull(Basic.CreationTime), TimeOrNull(Basic.LastWriteTime), TimeOrNull(Basic.LastAccessTime)));
     }
+    if (const NTSTATUS Status = Change.NeedHandle(); !NT_SUCCESS(Status)) {
+        return Status;
+    }
     Attributes |= RV_ATTR_DIRECTORY;
     return NtFsdTranslateResult(RVFsdSetDirectoryInformation(
         Change.Security(), Change.Instance->RelatedHandle, ChangesAttributes ? &Attributes : nullptr,

@@ -91,12 +91,16 @@ void MarkDisposition(SET_INFORMATION &Change) {
 }
 
 NTSTATUS SetOnDirectory(SET_INFORMATION &Change) {
-    const RVHANDLE Directory = Change.Instance->RelatedHandle;
     if (Change.Fcb->OpenCount != 1 || NtFsdCountPathComponents(&Change.Fcb->FullPath) < 3) {
         return STATUS_CANNOT_DELETE; // others have it open, or it is the root of its volume
     }
+    NTSTATUS Status = Change.NeedHandle();
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
+    const RVHANDLE Directory = Change.Instance->RelatedHandle;
     ULONG Entries = 0;
-    const NTSTATUS Status = NtFsdCountDirectoryEntries(Change.IrpContext, Change.Instance, &Entries);
+    Status = NtFsdCountDirectoryEntries(Change.IrpContext, Change.Instance, &Entries);
     if (Status != STATUS_SUCCESS) {
         return Status;
     }

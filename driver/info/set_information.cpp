@@ -47,19 +47,18 @@ NTSTATUS SetEndOfFile(SET_INFORMATION &Change) {
 struct CLASS_CHANGE {
     ULONG InfoClass;
     ULONG InputBytes; // a shorter buffer is refused
-    bool UsesHandle;  // of the directory it is for
     NTSTATUS (*Apply)(SET_INFORMATION &Change);
 };
 
 constexpr CLASS_CHANGE Changes[] = {
-    {FileBasicInformation, 40, true, NtFsdFileSetBasicInfo},
-    {FileRenameInformation, 1, true, NtFsdFileSetRenameInfo},
-    {FileLinkInformation, 0, false, RefuseLink},
-    {FileDispositionInformation, 1, true, NtFsdFileSetDispositionInfo},
-    {FilePositionInformation, 8, false, SetPosition},
-    {FileAllInformation, 88, true, SetAll},
-    {FileAllocationInformation, 8, false, SetAllocation},
-    {FileEndOfFileInformation, 8, false, SetEndOfFile},
+    {FileBasicInformation, 40, NtFsdFileSetBasicInfo},
+    {FileRenameInformation, 1, NtFsdFileSetRenameInfo},
+    {FileLinkInformation, 0, RefuseLink},
+    {FileDispositionInformation, 1, NtFsdFileSetDispositionInfo},
+    {FilePositionInformation, 8, SetPosition},
+    {FileAllInformation, 88, SetAll},
+    {FileAllocationInformation, 8, SetAllocation},
+    {FileEndOfFileInformation, 8, SetEndOfFile},
 };
 
 const CLASS_CHANGE *FindChange(ULONG InfoClass) {
@@ -71,7 +70,6 @@ const CLASS_CHANGE *FindChange(ULONG InfoClass) {
     return nullptr;
 }
 
-// A directory that was created and not opened gets its own handle before anything is done with that.
 NTSTATUS Apply(SET_INFORMATION &Change, ULONG InfoClass, ULONG Length) {
     const CLASS_CHANGE *Row = FindChange(InfoClass);
     if (Row == nullptr) {
@@ -80,12 +78,6 @@ NTSTATUS Apply(SET_INFORMATION &Change, ULONG InfoClass, ULONG Length) {
     }
     if (Length < Row->InputBytes || (Change.Buffer == nullptr && Row->InputBytes != 0)) {
         return STATUS_INFO_LENGTH_MISMATCH;
-    }
-    if (Row->UsesHandle && Change.IsDirectory()) {
-        const NTSTATUS Status = NtFsdEnsureDirectoryHandle(Change.IrpContext, Change.Fcb, Change.Instance);
-        if (!NT_SUCCESS(Status)) {
-            return Status;
-        }
     }
     return Row->Apply(Change);
 }

@@ -18,6 +18,10 @@ struct SET_INFORMATION {
     RV_SECURITY_CONTEXT *Security() const {
         return &IrpContext->SecurityContext;
     }
+    // Before the first use of a directory's RelatedHandle: one that was created and not opened has its parent's.
+    NTSTATUS NeedHandle() {
+        return IsDirectory() ? NtFsdEnsureDirectoryHandle(IrpContext, Fcb, Instance) : STATUS_SUCCESS;
+    }
     bool IsFile() const {
         return Fcb->OpenType == OPEN_TYPE_FILE;
     }

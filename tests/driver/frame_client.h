@@ -22,9 +22,10 @@ protected:
         Provider.AddDirectory(u"\\srv\\vol\\docs");
     }
 
-    // Traces of the categories Mask go to Printed.
+    // Traces of the categories Mask go to Printed. The driver's threads have said what they say at start.
     void StartTracing(ULONG Mask, ULONG EnableDebug = 1) {
         Start({.Switches = {{u"EnableDebug", EnableDebug}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", Mask}}});
+        embedded::Clock::Settle();
     }
     // The framework is bound with the first request; this is one.
     void Bind() {

@@ -179,6 +179,34 @@ TEST_F(Asking, AttributesAreShownAsTheirKindAsks) {
     Close(AFile);
 }
 
+// Each field is told when it is written, so a cut answer shows where it was cut.
+TEST_F(Asking, TheBasicClassTellsItsFieldsOneByOne) {
+    Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 128}}});
+    Provider.AddFile(u"\\srv\\vol\\f", "");
+    Provider.Edit([](providers::Tree &Tree) {
+        providers::Node *File = Tree.Find(u"\\srv\\vol\\f");
+        File->Creation = 0x0000000100000002;
+        File->LastAccess = 0x0000000300000004;
+        File->LastWrite = 0x0000000500000006;
+        File->Attributes = RV_ATTR_HIDDEN;
+    });
+    constexpr const char *Lines[] = {" BasicInfo->CreationDate = 12\n", " BasicInfo->LastAccessTime = 34\n",
+                                     " BasicInfo->LastWriteTime = 56\n", " BasicInfo->ChangeTime = 00\n",
+                                     " BasicInfo->FileAttributes = 0x2\n"};
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    for (const auto &[Length, Fields] : {std::pair{0u, 0u}, {7u, 0u}, {8u, 1u}, {31u, 3u}, {32u, 4u}, {40u, 5u}}) {
+        Printed.clear();
+        File(Handle, FileBasicInformation, Length);
+        size_t At = 0;
+        for (size_t Index = 0; Index < std::size(Lines); ++Index) {
+            const size_t Found = Printed.find(Lines[Index], At);
+            EXPECT_EQ(Found != std::string::npos, Index < Fields) << Length << Lines[Index] << Printed;
+            At = Found == std::string::npos ? At : Found;
+        }
+    }
+    Close(Handle);
+}
+
 TEST_F(Asking, AFailingProviderLeavesZerosAndTheSizesAsTheyWere) {
     Provider.AddFile(u"\\srv\\vol\\f", "12345");
     HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
@@ -343,6 +371,36 @@ TEST_F(Asking, LabelsSerialNumbersAndSizes) {
             *Out.QuotaAllowed = 20 * 4096;
             *Out.FreeAfterQuota = 10 * 4096 + 4095;
         });
+    }
+    Close(Handle);
+}
+
+// The physical volume answers, whatever the path is called, and the open's own volume is not asked.
+TEST_F(Asking, VolumesBehindADistributedPathAnswerForIt) {
+    Provider.AddFile(u"\\srv\\vol\\f", "");
+    Provider.Edit([](providers::Tree &Tree) {
+        providers::Volume &Physical = Tree.AddVolume(u"\\phys\\ab");
+        Physical.Length = 40 * 4096;
+        Physical.Free = 30 * 4096;
+        Physical.QuotaAllowed = 20 * 4096;
+        Physical.FreeAfterQuota = 10 * 4096;
+        Tree.AddDistributedLink(u"\\srv\\vol", u"\\phys\\ab\\deep\\down");
+    });
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    for (const auto &[Flags, Total, Available] :
+         {std::tuple{0u, 40, 30}, {RV_VOLUME_USER_QUOTAS + 0u, 20, 10}, {RV_VOLUME_IDENTIFIER_VALID + 0u, 40, 30}}) {
+        SetVolume(Flags, 0x1234);
+        Provider.ClearCalls();
+        const Answer OfVolume = Volume(Handle, FileFsVolumeInformation);
+        EXPECT_EQ(CallNames(), (std::vector<std::string>{"RVFsdGetDFSPhysicalPath", "RVFsdOpenVolume",
+                                                         "RVFsdGetVolumeInformation", "RVFsdCloseVolume"}));
+        EXPECT_NE(Provider.Calls()[1].find("\\phys\\AB\""), std::string::npos) << Provider.Calls()[1];
+        EXPECT_EQ(OfVolume.At<ULONG>(8), Flags == RV_VOLUME_IDENTIFIER_VALID ? 0x1234u : 0x5C414250u);
+        EXPECT_EQ(OfVolume.Text(18, OfVolume.At<ULONG>(12)), u"AB");
+        const Answer Size = Volume(Handle, FileFsSizeInformation);
+        EXPECT_EQ(Size.At<LONG64>(0), Total);
+        EXPECT_EQ(Size.At<LONG64>(8), Available);
+        Provider.ClearScript();
     }
     Close(Handle);
 }

@@ -58,6 +58,19 @@ TEST_P(CaseOnly, ToTheNameThatItHasDoesNothing) {
     Close(Handle);
 }
 
+class IntoItself : public test::RenameFixture {};
+
+TEST_F(IntoItself, ADirectoryIsRefusedByTheServerAndIsNoCaseOnlyRename) {
+    StartPrinting();
+    Provider.AddDirectory(u"\\srv\\vol\\d");
+    const HANDLE Handle = OpenDirectory(u"\\srv\\vol\\d");
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\D\\d"), STATUS_OBJECT_PATH_INVALID);
+    EXPECT_TRUE(HasPrinted("NtFsdFileSetRenameInfo determined cannot be case-only rename based on final component "
+                           "backslash:\n        source: \"\\srv\\vol\\d\"\n        target: \"\\srv\\vol\\d\"\n"))
+        << Printed;
+    Close(Handle);
+}
+
 struct NotCaseOnlyCase {
     std::u16string_view Source;
     std::u16string_view Target;
@@ -99,6 +112,15 @@ INSTANTIATE_TEST_SUITE_P(
         NotCaseOnlyCase{u"\\srv\\vol\\sub\\f.txt", u"\\srv\\vol\\F.TXT",
                         "NtFsdFileSetRenameInfo determined cannot be case-only rename based on final component "
                         "backslash:\n        source: \"\\srv\\vol\\sub\\f.txt\"\n        target: \"\\srv\\vol\"\n"},
+        // Of one length, and none in the other.
+        NotCaseOnlyCase{u"\\srv\\vol\\ab.txt", u"\\srv\\vol\\abcdef\\G",
+                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on parent directory "
+                        "compare:\n        source: \"\\srv\\vol\\ab.txt\"\n        target: "
+                        "\"\\srv\\vol\\abcdef\"\n"},
+        // Only the end of the longer name is compared.
+        NotCaseOnlyCase{u"\\srv\\vol\\ff.txt", u"\\srv\\vol\\F.TXT",
+                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on final component "
+                        "backslash:\n        source: \"\\srv\\vol\\ff.txt\"\n        target: \"\\srv\\vol\"\n"},
         NotCaseOnlyCase{u"\\srv\\vol\\f.txt", u"\\srv\\vol\\G.TXT",
                         "NtFsdFileSetRenameInfo determined \"f.txt\" and \"G.TXT\" are not a case-only rename.\n"},
         NotCaseOnlyCase{u"\\srv\\vol\\f.txt", u"\\srv\\vol\\F.TXT2",

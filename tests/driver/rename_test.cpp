@@ -8,7 +8,16 @@ using providers::ProviderError;
 using providers::Slot;
 using test::Open;
 
-class Renaming : public test::RenameFixture {};
+class Renaming : public test::RenameFixture {
+protected:
+    // What is asked before a file is deleted to make room.
+    const Calls LooksAtWhatIsReplaced = {"RVFsdGetVolumeInformation",
+                                         "RVFsdGetVolumeInformation",
+                                         "RVFsdGetFileId",
+                                         "RVFsdCreateFile",
+                                         "RVFsdGetFileId",
+                                         "RVFsdCloseFile"};
+};
 
 // ---- The move
 // ----------------------------------------------------------------------------------------------------------
@@ -80,9 +89,19 @@ TEST_F(Renaming, ADirectoryKeepsItsHandleForTheNamesBelowIt) {
 
 TEST_F(Renaming, ADirectoryThatWasCreatedButNotOpenedMovesItself) {
     const HANDLE Handle = CreateUnopened(u"\\srv\\vol\\d\\new");
-    EXPECT_EQ(Rename(Handle, u"\\srv\\vol\\moved"), STATUS_SUCCESS);
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\moved"), STATUS_SUCCESS);
+    EXPECT_EQ(Made(), (Calls{"RVFsdMoveDirectory", "RVFsdCloseDirectory"})); // it needed no handle
     ExpectNamed(Handle, u"\\srv\\vol\\moved");
     EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\d"));
+    // The handle that is opened later is of the directory where it is now, and never its parent's.
+    Provider.Edit([](providers::Tree &Tree) { Tree.Find(u"\\srv\\vol\\moved")->Attributes = RV_ATTR_READONLY; });
+    Provider.OnCall(Slot::MoveDirectory).Nth(1).Return(RVSTATUS::AccessDenied);
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\back"), STATUS_SUCCESS);
+    EXPECT_EQ(Made(), (Calls{"RVFsdMoveDirectory", "RVFsdOpenDirectory", "RVFsdGetDirectoryInformation",
+                             "RVFsdSetDirectoryInformation", "RVFsdMoveDirectory", "RVFsdSetDirectoryInformation",
+                             "RVFsdCloseDirectory"}));
+    EXPECT_EQ(Provider.Attributes(u"\\srv\\vol\\d\\back"), RV_ATTR_READONLY | RV_ATTR_DIRECTORY);
+    EXPECT_EQ(Provider.Attributes(u"\\srv\\vol\\d") & RV_ATTR_READONLY, 0u);
     Close(Handle);
 }
 
@@ -136,7 +155,9 @@ TEST_F(Renaming, AnExistingTargetIsACollisionUnlessItIsToBeReplaced) {
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\b.txt"), "old");
 
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\b.txt", true), STATUS_SUCCESS);
-    EXPECT_EQ(Made(), (Calls{"RVFsdDeleteFile", "RVFsdMoveFile", "RVFsdCloseDirectory"}));
+    Calls Expected = LooksAtWhatIsReplaced;
+    Expected.insert(Expected.end(), {"RVFsdDeleteFile", "RVFsdMoveFile", "RVFsdCloseDirectory"});
+    EXPECT_EQ(Made(), Expected);
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\b.txt"), "0123456789");
     ExpectNamed(Handle, u"\\srv\\vol\\d\\b.txt");
     Close(Handle);
@@ -146,7 +167,9 @@ TEST_F(Renaming, ATargetThatCannotBeDeletedStays) {
     Provider.AddFile(u"\\srv\\vol\\b.txt", "old", RV_ATTR_READONLY);
     const HANDLE Handle = OpenFile();
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", true), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(Made(), (Calls{"RVFsdDeleteFile", "RVFsdCloseDirectory"}));
+    Calls Expected = LooksAtWhatIsReplaced;
+    Expected.insert(Expected.end(), {"RVFsdDeleteFile", "RVFsdCloseDirectory"});
+    EXPECT_EQ(Made(), Expected);
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\a.txt"), "0123456789");
     EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
     Close(Handle);

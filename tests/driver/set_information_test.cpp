@@ -94,6 +94,25 @@ TEST_F(Setting, ADirectoryThatWasCreatedButNotOpenedIsOpenedBeforeItIsChanged) {
     Close(Handle);
 }
 
+TEST_F(Setting, WhatNeedsNoHandleOpensNone) {
+    const HANDLE Handle = CreateUnopened(u"\\srv\\vol\\d\\new");
+    Provider.ClearCalls();
+    EXPECT_EQ(Set(Handle, FileBasicInformation, FILE_BASIC_INFORMATION{}), STATUS_SUCCESS);
+    EXPECT_EQ(SetDisposition(Handle, false), STATUS_SUCCESS);
+    const UCHAR Replace = 0;
+    EXPECT_EQ(Send(Handle, FileRenameInformation, &Replace, 1), STATUS_NOT_SUPPORTED);
+    const HANDLE Second = MustOpen(u"\\srv\\vol\\d\\new", DirectoryForChange);
+    Provider.ClearCalls();
+    EXPECT_EQ(SetDisposition(Handle, true), STATUS_CANNOT_DELETE);
+    EXPECT_EQ(CallNames(), Calls{});
+    EXPECT_EQ(Instance(Handle)->DirHandle, 0u);
+    Close(Second);
+    EXPECT_EQ(SetDisposition(Handle, true), STATUS_SUCCESS);
+    EXPECT_NE(Instance(Handle)->DirHandle, 0u);
+    Close(Handle);
+    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\d\\new"));
+}
+
 TEST_F(Setting, ARefusalOfTheProviderIsTheAnswer) {
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", ForChange);
     FILE_BASIC_INFORMATION Basic = {};

@@ -1,11 +1,11 @@
 // The translation of Provider statuses.
 
 #include "frame/status_translation.h"
-#include "tests/support/driver_fixture.h"
+#include "tests/driver/frame_client.h"
 
 namespace {
 
-class StatusTranslation : public test::DriverFixture {
+class StatusTranslation : public test::FrameFixture {
 protected:
     static NTSTATUS Translate(ULONG Raw) {
         return NtFsdTranslateErrorCode(static_cast<RVSTATUS>(Raw));
@@ -75,7 +75,7 @@ TEST_F(StatusTranslation, SeveralCodesShareAStatus) {
 }
 
 TEST_F(StatusTranslation, EveryCodeButZeroIsTraced) {
-    Start({.Switches = {{u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 0x10000}}});
+    StartTracing(0x10000);
     Printed.clear();
     Translate(0xC7E70000);
     EXPECT_EQ(Printed, "");

@@ -1,0 +1,67 @@
+// The options that exchange the driver for an image: what is no image is said in one line and ends with 2.
+#include <algorithm>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "tests/app/program.h"
+#include "tests/support/driver_under_test.h"
+
+using test::ImageUnderTest;
+using test::Ran;
+using test::RunProgram;
+using test::ScratchDirectory;
+using testing::HasSubstr;
+
+namespace {
+
+const std::string File = R"(\\demo\files\docs\a.txt)";
+
+TEST(ImageOption, WhatIsNoDriverIsSaidInOneLineAndEndsWithTwo) {
+    const ScratchDirectory Scratch;
+    Scratch.Write("text", "hello");
+    Scratch.Write("empty", "");
+    Scratch.Write("cut", std::string("MZ") + std::string(200, '\0'));
+    const struct {
+        std::string Image;
+        const char *Says;
+    } Cases[] = {
+        {Scratch.File("missing"), "no such file"},        {Scratch.File("."), "not a regular file"},
+        {Scratch.File("text"), "does not begin with MZ"}, {Scratch.File("empty"), "does not begin with MZ"},
+        {Scratch.File("cut"), "there is no PE header"},   {RVFSD_PROGRAM, "does not begin with MZ"},
+    };
+    for (const auto &Case : Cases) {
+        for (const std::vector<std::string> &Rest : {std::vector<std::string>{"cat", File}, {"--version"}}) {
+            std::vector<std::string> Words = {"--image", Case.Image};
+            Words.insert(Words.end(), Rest.begin(), Rest.end());
+            const Ran Result = RunProgram(Words);
+            EXPECT_EQ(Result.Code, 2) << Case.Image;
+            EXPECT_EQ(Result.Out, "");
+            EXPECT_THAT(Result.Error, HasSubstr(Case.Image + ": "));
+            EXPECT_THAT(Result.Error, HasSubstr(Case.Says));
+            EXPECT_EQ(std::count(Result.Error.begin(), Result.Error.end(), '\n'), 1) << Result.Error;
+        }
+    }
+}
+
+TEST(ImageOption, CallsAreRecordedOfAnImageOnly) {
+    const ScratchDirectory Scratch;
+    const Ran Result = RunProgram({"--calls", Scratch.File("calls"), "cat", File});
+    if (ImageUnderTest().empty()) {
+        EXPECT_EQ(Result.Code, 2);
+        EXPECT_THAT(Result.Error, HasSubstr("--calls: only the calls of an image"));
+        return;
+    }
+    EXPECT_EQ(Result.Code, 0) << Result.Error;
+    const std::string Calls = Scratch.Read("calls");
+    // One line a call: when, who, at which level, what, with which result.
+    EXPECT_THAT(Calls,
+                testing::ContainsRegex("\n[0-9]+ thread 0x[0-9a-f]+ irql [0-9] IoCreateDevice\\(.*\\) = 0x00000000\n"));
+    EXPECT_THAT(Calls, HasSubstr(" ZelmCreateInstance("));
+    EXPECT_THAT(Calls, HasSubstr(" MmProbeAndLockPages("));
+    const Ran Nowhere = RunProgram({"--calls", "/nowhere/calls", "cat", File});
+    EXPECT_EQ(Nowhere.Code, 2);
+    EXPECT_THAT(Nowhere.Error, HasSubstr("--calls /nowhere/calls: "));
+}
+
+} // namespace
