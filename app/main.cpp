@@ -98,7 +98,8 @@ void AddGlobalOptions(CLI::App &App, GlobalOptions &Text) {
         ->expected(1);
     App.add_option("--trace", Text.Trace, "the driver's messages of these categories on standard error");
     App.add_option("--log", Text.Log, "the driver's log file");
-    App.add_option("--image", Text.Image, "run this image of the driver (RVFSD.sys) instead of the one linked in");
+    App.add_option("--image", Text.Image, "run this image of the driver (RVFSD.sys) instead of the one linked in")
+        ->take_last();
     App.add_option("--calls", Text.Calls, "write every kernel service that the image calls into this file");
     App.add_flag("--version", Text.Version, "which program this is, and which driver it holds");
 }
