@@ -55,6 +55,13 @@
 #include <stddef.h>
 #include <string.h>
 
+// A freestanding compiler calls these even for a few bytes whose number it knows. Under their other names it copies
+// such in place, and calls for the rest. Never inside a __try, where calls alone are guarded.
+#define memcpy __builtin_memcpy
+#define memmove __builtin_memmove
+#define memset __builtin_memset
+#define memcmp __builtin_memcmp
+
 // The DDK wraps its declarations in one extern "C" block; the driver's own imports stand alone.
 #undef NTKERNELAPI
 #define NTKERNELAPI extern "C" __declspec(dllimport)

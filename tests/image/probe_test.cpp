@@ -160,8 +160,7 @@ protected:
 TEST_F(ImageCalls, HaveALineEachWithThreadLevelAndResult) {
     void *Block = nullptr;
     ASSERT_EQ(Call("ProbeAllocate", &Block), STATUS_SUCCESS);
-    EXPECT_THAT(DescribePool(PoolKind::Pool), HasSubstr("< probe.sys!AllocateInTheDepth"))
-        << "the walk sees through";
+    EXPECT_THAT(DescribePool(PoolKind::Pool), HasSubstr("< probe.sys!AllocateInTheDepth")) << "the walk sees through";
     ASSERT_EQ(Call("ProbeFree", Block), STATUS_SUCCESS);
     ASSERT_EQ(Call("ProbeCatch", One), One);
     ASSERT_EQ(Lines.size(), 3u);

@@ -1,0 +1,45 @@
+// The test build of the image exports the layouts that it was compiled with: they are this kernel's.
+#include <algorithm>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "embedded/image.h"
+#include "embedded/image_layouts.h"
+#include "provider/framework.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace embedded {
+namespace {
+
+TEST(ImageLayouts, AreThoseOfTheTestBuildAndADifferenceIsNamed) {
+    ImageOptions Options;
+    Options.Modules = {{"zelm.sys", "ZelmCreateInstance", reinterpret_cast<void *>(ZelmCreateInstance), 4}};
+    const DriverImage Image(RVFSD_IMAGE_FOLDER "/RVFSD-test.sys", std::move(Options)); // compares, and is not refused
+    const void *Table = Image.Export("RVFSD_Layouts");
+    ASSERT_NE(Table, nullptr);
+    EXPECT_THAT(CompareLayoutTable(Image, Table, KernelLayouts()), ElementsAre());
+    ASSERT_GT(KernelLayouts().size(), 250u);
+
+    std::vector<Layout> Ours = KernelLayouts();
+    const auto Field = [&Ours](std::string_view Name) {
+        return std::find_if(Ours.begin(), Ours.end(), [Name](const Layout &Each) { return Each.Name == Name; });
+    };
+    Field("IRP.IoStatus")->Value += 8;
+    Field("FILE_OBJECT")->Value = 224;
+    EXPECT_THAT(CompareLayoutTable(Image, Table, Ours),
+                ElementsAre(HasSubstr("IRP.IoStatus is at or has 48 bytes, this kernel's 56"),
+                            HasSubstr("FILE_OBJECT is at or has 216 bytes, this kernel's 224")));
+
+    Ours = KernelLayouts();
+    Ours.erase(Field("MDL.ByteCount"));
+    Ours.push_back({"MDL.Pages", 48});
+    EXPECT_THAT(
+        CompareLayoutTable(Image, Table, Ours),
+        ElementsAre(HasSubstr("MDL.ByteCount is unknown to this kernel"), HasSubstr("does not know MDL.Pages")));
+}
+
+} // namespace
+} // namespace embedded
