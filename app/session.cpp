@@ -264,7 +264,7 @@ T &Session::DriverVariable(T &Linked, const char *Name) {
         return Linked;
     }
     void *Found = embedded::FindImageSymbol(*Image_, Name);
-    if (Found == nullptr) {
+    if (Found == nullptr || !Image_->Writable(Found, sizeof(T))) {
         throw UsageError("the image's debug information (RVFSD.pdb beside it) is needed for that");
     }
     return *static_cast<T *>(Found);

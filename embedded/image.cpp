@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstring>
 #include <fstream>
+#include <map>
 #include <mutex>
 #include <sys/mman.h>
 
@@ -84,6 +85,27 @@ std::filesystem::path Absolute(const std::filesystem::path &File) {
     return Error ? File : Whole;
 }
 
+constexpr const char *KernelModule = "ntoskrnl.exe";
+
+bool IsModule(const std::string &Name, const ImageOptions &Options) {
+    return Name == KernelModule || std::any_of(Options.Modules.begin(), Options.Modules.end(),
+                                               [&](const ModuleExport &Each) { return Each.Module == Name; });
+}
+
+// What an import is bound to; without an address when there is nothing.
+Service ServiceFor(const ImageImport &Import, const ImageOptions &Options) {
+    if (Import.Module == KernelModule) {
+        const Service *Found = FindKernelService(Import.Name);
+        return Found == nullptr ? Service{} : *Found;
+    }
+    for (const ModuleExport &Each : Options.Modules) {
+        if (Each.Module == Import.Module && Each.Name == Import.Name) {
+            return {Each.Name.c_str(), Each.Address, ResultKind::Status, Each.Arguments, false};
+        }
+    }
+    return {};
+}
+
 UNICODE_STRING Counted(const std::u16string &Text) {
     const auto Bytes = static_cast<USHORT>(Text.size() * sizeof(WCHAR));
     return {Bytes, Bytes, const_cast<PWSTR>(Text.data())};
@@ -150,14 +172,18 @@ DriverImage::~DriverImage() {
     if (PointersInto(*this).empty()) {
         munmap(Base_, Format_.ImageSize);
     } else {
-        // What still runs in it calls the kernel through these.
-        static auto &Kept = *new std::vector<std::unique_ptr<CallStubs>>;
-        Kept.push_back(std::move(Stubs_));
+        // What still runs in it calls the kernel through the stubs, which know the imports' names.
+        static auto &Kept = *new std::vector<std::pair<std::unique_ptr<CallStubs>, std::vector<ImageImport>>>;
+        Kept.emplace_back(std::move(Stubs_), std::move(Format_.Imports));
     }
 }
 
 void DriverImage::Map(std::span<const uint8_t> Bytes, uintptr_t Base) {
-    void *Mapped = mmap(reinterpret_cast<void *>(Base), Format_.ImageSize, PROT_READ | PROT_WRITE,
+    // Where any place will do, one near the kernel's code: processors predict branches into the distance less well.
+    constexpr uintptr_t Distance = 256 * 1024 * 1024;
+    const uintptr_t Code = reinterpret_cast<uintptr_t>(&EmbeddedImageChanged) / 4096 * 4096;
+    const uintptr_t Near = Code > Distance ? Code - Distance : 0;
+    void *Mapped = mmap(reinterpret_cast<void *>(Base != 0 ? Base : Near), Format_.ImageSize, PROT_READ | PROT_WRITE,
                         MAP_PRIVATE | MAP_ANONYMOUS | (Base != 0 ? MAP_FIXED_NOREPLACE : 0), -1, 0);
     if (Mapped == MAP_FAILED) {
         Refuse(File_, {fmt::format("cannot be mapped: {}", strerror(errno))});
@@ -180,37 +206,32 @@ void DriverImage::Relocate() {
 }
 
 void DriverImage::Bind(const ImageOptions &Options) {
-    constexpr const char *KernelModule = "ntoskrnl.exe";
-    std::vector<std::string> Missing;
+    std::vector<std::string> Modules; // in the order of the file
+    std::map<std::string, std::string> Missing;
     Stubs_ = std::make_unique<CallStubs>(Options.Recording, Format_.Imports.size());
     for (const ImageImport &Import : Format_.Imports) {
-        Service Called = {};
-        if (Import.Module == KernelModule) {
-            if (const Service *Found = FindKernelService(Import.Name)) {
-                Called = *Found;
-            }
-        } else {
-            for (const ModuleExport &Each : Options.Modules) {
-                if (Each.Module == Import.Module && Each.Name == Import.Name) {
-                    Called = {Each.Name.c_str(), Each.Address, ResultKind::Status, Each.Arguments, false};
-                }
-            }
-        }
+        Service Called = ServiceFor(Import, Options);
         if (Called.Address == nullptr) {
-            const bool Known = Import.Module == KernelModule ||
-                               std::any_of(Options.Modules.begin(), Options.Modules.end(),
-                                           [&](const ModuleExport &Each) { return Each.Module == Import.Module; });
-            Missing.push_back(Known ? fmt::format("{} does not export {}", Import.Module, Import.Name)
-                                    : fmt::format("it imports {} from {}, which is no module of this kernel",
-                                                  Import.Name, Import.Module));
+            auto [Names, New] = Missing.try_emplace(Import.Module);
+            if (New) {
+                Modules.push_back(Import.Module);
+            }
+            Names->second += (New ? "" : ", ") + Import.Name;
             continue;
         }
         Called.Name = Import.Name.c_str();
         void *Address = Stubs_->Add(Import.Module, Called);
         memcpy(Base_ + Import.SlotRva, &Address, sizeof(Address));
     }
-    if (!Missing.empty()) {
-        Refuse(File_, Missing);
+    std::vector<std::string> Reasons;
+    for (const std::string &Module : Modules) {
+        Reasons.push_back(
+            IsModule(Module, Options)
+                ? fmt::format("{} does not export {}", Module, Missing[Module])
+                : fmt::format("it imports {} from {}, which is no module of this kernel", Missing[Module], Module));
+    }
+    if (!Reasons.empty()) {
+        Refuse(File_, Reasons);
     }
     Stubs_->Seal();
 }
@@ -285,6 +306,14 @@ bool DriverImage::Readable(const void *Address, size_t Size) const {
         }
     }
     return false;
+}
+
+bool DriverImage::Writable(const void *Address, size_t Size) const {
+    const auto Rva = static_cast<uint32_t>(static_cast<const char *>(Address) - Base_);
+    return Readable(Address, Size) &&
+           std::any_of(Format_.Sections.begin(), Format_.Sections.end(), [Rva](const ImageSection &Each) {
+               return Each.Writable && Rva >= Each.Rva && Rva - Each.Rva < Each.Size;
+           });
 }
 
 bool DriverImage::IsCode(uint32_t Rva) const {

@@ -64,8 +64,8 @@ static_assert(offsetof(LoaderEntry, DllBase) == 0x30 && offsetof(LoaderEntry, Si
 class DriverImage {
 public:
     // Reads, checks, maps and binds File. Throws ImageError when it cannot be read, is none, needs what this kernel
-    // does not have (all unresolved imports are named), when its table of record layouts differs from this kernel's, or
-    // when the debug information beside it is another build's.
+    // does not have (all unresolved imports are named, a line a module), when its table of record layouts differs from
+    // this kernel's, or when the debug information beside it is another build's.
     explicit DriverImage(const std::filesystem::path &File, ImageOptions Options = {});
     // The same for the bytes of File, which is not read: its name is for reports, and for what lies beside it.
     DriverImage(const std::filesystem::path &File, std::span<const uint8_t> Bytes, const ImageOptions &Options);
@@ -90,6 +90,8 @@ public:
     // The Size bytes at Address lie in one section that can be read, and will be for as long as the image is loaded.
     // What the image says about itself is read only where this is so.
     bool Readable(const void *Address, size_t Size) const;
+    // The same, for bytes that may be written.
+    bool Writable(const void *Address, size_t Size) const;
     // A function can begin at Rva.
     bool IsCode(uint32_t Rva) const;
     PDRIVER_INITIALIZE Entry() const {

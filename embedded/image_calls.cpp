@@ -7,7 +7,6 @@
 
 #include <fmt/format.h>
 
-#include "embedded/ke.h"
 #include "embedded/verifier.h"
 #include "kernel/kernel.h"
 
@@ -35,7 +34,6 @@ thread_local std::vector<OpenCall> Open;
 struct Output {
     std::mutex Lock;
     CallSink Sink;
-    std::atomic<bool> On{false};
 };
 
 Output &Lines() {
@@ -92,7 +90,7 @@ uint8_t *PutAddress(uint8_t *At, const void *Address) {
 
 void SetCallSink(CallSink Sink) {
     const std::lock_guard Hold(Lines().Lock);
-    Lines().On = static_cast<bool>(Sink);
+    CallLinesWanted = static_cast<bool>(Sink);
     Lines().Sink = std::move(Sink);
 }
 
@@ -144,18 +142,9 @@ void CallStubs::Seal() {
     }
 }
 
-RaisingCall::RaisingCall(const char *Name, uint64_t First, uint64_t Second, uint64_t Third) noexcept
-    : Name_(Name), Arguments_{First, Second, Third}, Begun_(0) {
-    if (Lines().On) {
-        Begun_ = Clock::SystemTime();
-    }
-}
-
-void RaisingCall::Ended(uint32_t Code) noexcept {
-    if (Lines().On) {
-        WriteLine(Begun_, CurrentThread().Irql, Name_, Arguments_, 3,
-                  Code == 0 ? "-" : fmt::format("raises 0x{:08X}", Code));
-    }
+void RaisingCall::Write(uint32_t Code) noexcept {
+    WriteLine(Begun_, CurrentThread().Irql, Name_, Arguments_, 3,
+              Code == 0 ? "-" : fmt::format("raises 0x{:08X}", Code));
 }
 
 void *TracedReturn(const void *Address, size_t Depth) noexcept {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "embedded/image_services.h"
+#include "embedded/ke.h"
 
 namespace embedded {
 
@@ -57,12 +58,25 @@ private:
     std::vector<std::unique_ptr<CallRecord>> Records_;
 };
 
-// A call of a raising service does not come through the tracer: its gate says so itself. Begun tells the time.
+// There is a sink.
+inline constinit std::atomic<bool> CallLinesWanted{false};
+
+// A call of a raising service does not come through the tracer: its gate says so itself, on every call, so that nothing
+// is done when no line is wanted.
 struct RaisingCall {
-    RaisingCall(const char *Name, uint64_t First, uint64_t Second, uint64_t Third) noexcept;
-    void Ended(uint32_t Code) noexcept;
+    RaisingCall(const char *Name, uint64_t First, uint64_t Second, uint64_t Third) noexcept
+        : Name_(Name), Arguments_{First, Second, Third},
+          Begun_(CallLinesWanted.load(std::memory_order_relaxed) ? Clock::SystemTime() : 0) {
+    }
+    void Ended(uint32_t Code) noexcept {
+        if (CallLinesWanted.load(std::memory_order_relaxed)) {
+            Write(Code);
+        }
+    }
 
 private:
+    void Write(uint32_t Code) noexcept;
+
     const char *Name_;
     uint64_t Arguments_[3];
     int64_t Begun_;

@@ -158,6 +158,9 @@ private:
     void ReadUnwindTable();
     void ReadDebugDirectory();
 
+    static bool LiesIn(const ImageSection &Section, uint64_t Rva, uint64_t Size) {
+        return Rva >= Section.Rva && Rva - Section.Rva < Section.Size && Size <= Section.Size - (Rva - Section.Rva);
+    }
     const ImageSection *SectionOf(uint64_t Rva, uint64_t Size) const {
         const auto Behind = std::partition_point(Format_.Sections.begin(), Format_.Sections.end(),
                                                  [Rva](const ImageSection &Each) { return Each.Rva <= Rva; });
@@ -165,8 +168,7 @@ private:
             return nullptr;
         }
         const ImageSection &Section = *std::prev(Behind);
-        const uint64_t At = Rva - Section.Rva;
-        return At < Section.Size && Size <= Section.Size - At ? &Section : nullptr;
+        return LiesIn(Section, Rva, Size) ? &Section : nullptr;
     }
     // Where Size bytes at Rva stand in the file; nothing when they are not all there.
     std::optional<uint64_t> OffsetOf(uint64_t Rva, uint64_t Size) const {
@@ -226,7 +228,7 @@ bool Reader::ReadHeaders() {
     const auto OptionalSize = Field<uint16_t>(Header + 20);
     const auto Characteristics = Field<uint16_t>(Header + 22);
     if (Characteristics & Dll) {
-        Refuse("a DLL, not a driver");
+        return Refuse("a DLL, not a driver");
     }
     if (!(Characteristics & ExecutableFile)) {
         Refuse("not executable: the linker has not finished it");
@@ -249,7 +251,7 @@ bool Reader::ReadOptionalHeader(uint64_t Optional, uint16_t OptionalSize) {
     Format_.Checksum = Field<uint32_t>(Optional + ChecksumField);
     const auto Subsystem = Field<uint16_t>(Optional + 68);
     if (Subsystem != SubsystemNative) {
-        Refuse("{} (subsystem {}), not a driver (subsystem 1)", SubsystemName(Subsystem), Subsystem);
+        return Refuse("{} (subsystem {}), not a driver (subsystem 1)", SubsystemName(Subsystem), Subsystem);
     }
     if (Field<uint16_t>(Optional + 70) & GuardControlFlow) {
         Refuse("compiled for control flow guard, which this kernel does not provide");
@@ -387,9 +389,9 @@ void Reader::ReadExports() {
         const auto Name = AtRva<uint32_t>(NameRva + 4 * static_cast<uint64_t>(Index));
         const auto Ordinal = AtRva<uint16_t>(OrdinalRva + 2 * static_cast<uint64_t>(Index));
         const auto Text = Name ? TextAtRva(*Name) : std::nullopt;
-        const auto Rva =
-            Ordinal && *Ordinal < Functions ? AtRva<uint32_t>(AddressRva + 4 * uint64_t{*Ordinal}) : std::nullopt;
-        if (!Text || !IsName(*Text) || !Rva || SectionOf(*Rva, 1) == nullptr) {
+        const uint32_t Number = Ordinal ? *Ordinal : UINT32_MAX;
+        const auto Rva = AtRva<uint32_t>(AddressRva + 4 * uint64_t{Number});
+        if (!Text || !IsName(*Text) || Number >= Functions || !Rva || SectionOf(*Rva, 1) == nullptr) {
             Refuse("its table of exports is damaged at entry {}", Index);
             return;
         }
@@ -504,8 +506,11 @@ void Reader::ReadRelocations() {
 
 bool Reader::ReadRelocationBlock(uint32_t Page, uint64_t Offset, uint32_t Count) {
     constexpr unsigned Absolute = 0, Dir64 = 10;
+    // A block's places mostly lie in one section, and there may be millions of them.
+    const ImageSection *Section = SectionOf(Page, 1);
     for (uint32_t Index = 0; Index < Count; ++Index) {
-        const auto Entry = Field<uint16_t>(Offset + 2 * uint64_t{Index});
+        uint16_t Entry;
+        memcpy(&Entry, &File_[Offset + 2 * uint64_t{Index}], sizeof(Entry));
         const unsigned Kind = Entry >> 12;
         const uint64_t Rva = Page + uint64_t{Entry & 0xFFFu};
         if (Kind == Absolute) {
@@ -514,7 +519,7 @@ bool Reader::ReadRelocationBlock(uint32_t Page, uint64_t Offset, uint32_t Count)
         if (Kind != Dir64) {
             return Refuse("it has a relocation of kind {}, which x64 does not know", Kind);
         }
-        if (SectionOf(Rva, 8) == nullptr) {
+        if ((Section == nullptr || !LiesIn(*Section, Rva, 8)) && SectionOf(Rva, 8) == nullptr) {
             return Refuse("its relocation of 0x{:X} lies outside its sections", Rva);
         }
         Format_.Relocations.push_back(static_cast<uint32_t>(Rva));

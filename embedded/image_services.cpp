@@ -12,17 +12,121 @@ namespace {
 
 // ---- What the compiler calls by itself, in the image's convention ----------------------------------------------
 
-void *NTAPI CopyMemory(void *To, const void *From, SIZE_T Length) noexcept {
-    return memcpy(To, From, Length);
-}
-void *NTAPI MoveMemory(void *To, const void *From, SIZE_T Length) noexcept {
+// A function that calls across conventions keeps ten registers more on the stack. A driver copies, fills and compares a
+// few bytes at a time in most places, which costs a fraction of that: such lengths are dealt with in place, by blocks
+// that may overlap, all of them read before the first is written.
+constexpr SIZE_T Near = 64;
+
+__attribute__((noinline)) void *NTAPI CopyFar(void *To, const void *From, SIZE_T Length) noexcept {
     return memmove(To, From, Length);
 }
-void *NTAPI FillMemory(void *To, int Value, SIZE_T Length) noexcept {
+__attribute__((noinline)) void *NTAPI FillFar(void *To, int Value, SIZE_T Length) noexcept {
     return memset(To, Value, Length);
 }
-int NTAPI CompareMemory(const void *One, const void *Two, SIZE_T Length) noexcept {
+__attribute__((noinline)) int NTAPI CompareFar(const void *One, const void *Two, SIZE_T Length) noexcept {
     return memcmp(One, Two, Length);
+}
+
+using Word16 = unsigned long long __attribute__((vector_size(16)));
+
+template <typename T>
+T Load(const char *From) {
+    T Block;
+    __builtin_memcpy(&Block, From, sizeof(T));
+    return Block;
+}
+
+template <typename T>
+void Store(char *To, T Block) {
+    __builtin_memcpy(To, &Block, sizeof(T));
+}
+
+// One to two blocks' bytes.
+template <typename T>
+void CopyEnds(char *To, const char *From, SIZE_T Length) {
+    const T First = Load<T>(From), Last = Load<T>(From + Length - sizeof(T));
+    Store(To, First);
+    Store(To + Length - sizeof(T), Last);
+}
+
+template <typename T>
+void FillBoth(char *To, char *AndTo, T Block) {
+    Store(To, Block);
+    Store(AndTo, Block);
+}
+
+// The areas may overlap.
+void *NTAPI MoveMemory(void *Target, const void *Source, SIZE_T Length) noexcept {
+    auto *To = static_cast<char *>(Target);
+    const auto *From = static_cast<const char *>(Source);
+    if (Length > Near) {
+        return CopyFar(Target, Source, Length);
+    }
+    if (Length > 32) {
+        const auto A = Load<Word16>(From), B = Load<Word16>(From + 16);
+        const auto C = Load<Word16>(From + Length - 32), D = Load<Word16>(From + Length - 16);
+        Store(To, A);
+        Store(To + 16, B);
+        Store(To + Length - 32, C);
+        Store(To + Length - 16, D);
+    } else if (Length >= 16) {
+        CopyEnds<Word16>(To, From, Length);
+    } else if (Length >= 8) {
+        CopyEnds<uint64_t>(To, From, Length);
+    } else if (Length >= 4) {
+        CopyEnds<uint32_t>(To, From, Length);
+    } else if (Length >= 2) {
+        CopyEnds<uint16_t>(To, From, Length);
+    } else if (Length == 1) {
+        *To = *From;
+    }
+    return Target;
+}
+
+void *NTAPI FillMemory(void *Target, int Value, SIZE_T Length) noexcept {
+    auto *To = static_cast<char *>(Target), *End = To + Length;
+    if (Length > 2 * Near) {
+        return FillFar(Target, Value, Length);
+    }
+    const uint64_t Eight = static_cast<uint8_t>(Value) * 0x0101010101010101ULL;
+    const Word16 Sixteen = {Eight, Eight};
+    if (Length >= 16) {
+        if (Length > 32) {
+            if (Length > 64) {
+                FillBoth(To + 32, End - 48, Sixteen);
+                FillBoth(To + 48, End - 64, Sixteen);
+            }
+            FillBoth(To + 16, End - 32, Sixteen);
+        }
+        FillBoth(To, End - 16, Sixteen);
+    } else if (Length >= 8) {
+        FillBoth<uint64_t>(To, End - 8, Eight);
+    } else if (Length >= 4) {
+        FillBoth(To, End - 4, static_cast<uint32_t>(Eight));
+    } else if (Length >= 2) {
+        FillBoth(To, End - 2, static_cast<uint16_t>(Eight));
+    } else if (Length == 1) {
+        *To = static_cast<char>(Value);
+    }
+    return Target;
+}
+
+int NTAPI CompareMemory(const void *One, const void *Two, SIZE_T Length) noexcept {
+    if (Length > 4 * Near) {
+        return CompareFar(One, Two, Length);
+    }
+    const auto *Left = static_cast<const uint8_t *>(One), *Right = static_cast<const uint8_t *>(Two);
+    SIZE_T At = 0;
+    while (At + 8 <= Length && Load<uint64_t>(reinterpret_cast<const char *>(Left + At)) ==
+                                   Load<uint64_t>(reinterpret_cast<const char *>(Right + At))) {
+        At += 8;
+    }
+    for (; At < Length; ++At) {
+        if (Left[At] != Right[At]) {
+            return Left[At] < Right[At] ? -1 : 1;
+        }
+    }
+    return 0;
 }
 SIZE_T NTAPI TextLength(const char *Text) noexcept {
     return strlen(Text);
@@ -74,7 +178,7 @@ Service Raising(const char *Name, uint8_t Arguments) {
 
 std::vector<Service> Table() {
     return {
-        Of("memcpy", CopyMemory),
+        Of("memcpy", MoveMemory),
         Of("memmove", MoveMemory),
         Of("memset", FillMemory),
         Plain("memcmp", CompareMemory),

@@ -78,7 +78,7 @@ private:
     const FunctionEntry *Find(uint32_t Rva) const;
     bool Read(uint32_t Info, UnwindTable *Table) const;
     bool Apply(const UnwindTable &Table, uint32_t PrologOffset, uint64_t Base, UnwindContext *Context) const;
-    bool ApplyCode(const UnwindTable &Table, unsigned *Index, uint64_t Base, UnwindContext *Context) const;
+    bool ApplyCode(const UnwindTable &Table, unsigned Index, uint64_t Base, UnwindContext *Context) const;
 
     const DriverImage &Image_;
     uintptr_t Low_;
@@ -119,17 +119,21 @@ bool Walker::Read(uint32_t Info, UnwindTable *Table) const {
     return Image_.Readable(Image_.Base() + Info, 4 + CodeBytes + (Followed ? sizeof(FunctionEntry) : 0));
 }
 
-bool Walker::ApplyCode(const UnwindTable &Table, unsigned *Index, uint64_t Base, UnwindContext *Context) const {
-    constexpr unsigned Slots[] = {1, 2, 1, 1, 2, 3, 1, 1, 2, 3};
+// How many of the table's words the code at Index takes, with its operand; 0 when it is unknown or not all there.
+unsigned CodeLength(const UnwindTable &Table, unsigned Index) {
+    constexpr unsigned Lengths[] = {1, 2, 1, 1, 2, 3, 1, 1, 2, 3};
+    const unsigned Operation = Table.Codes[Index] >> 8 & 0xF;
+    const bool LargeOperand = Operation == 1 && Table.Codes[Index] >> 12 == 1;
+    const unsigned Length = Operation < std::size(Lengths) ? Lengths[Operation] + LargeOperand : 0;
+    return Length <= Table.CodeCount - Index ? Length : 0;
+}
+
+bool Walker::ApplyCode(const UnwindTable &Table, unsigned Index, uint64_t Base, UnwindContext *Context) const {
     uint64_t *Registers = Context->Registers;
-    const uint16_t Code = Table.Codes[*Index];
+    const uint16_t Code = Table.Codes[Index];
     const unsigned Operation = Code >> 8 & 0xF, Operand = Code >> 12;
     const bool LargeOperand = Operation == 1 && Operand == 1;
-    if (Operation >= std::size(Slots) || *Index + Slots[Operation] + LargeOperand > Table.CodeCount) {
-        return false;
-    }
-    const uint16_t *Next = &Table.Codes[*Index + 1];
-    *Index += Slots[Operation] + LargeOperand;
+    const uint16_t *Next = &Table.Codes[Index + 1];
     const auto Wide = [Next] { return Next[0] | uint32_t{Next[1]} << 16; };
     switch (Operation) {
     case 0: // pushed
@@ -159,13 +163,12 @@ bool Walker::ApplyCode(const UnwindTable &Table, unsigned *Index, uint64_t Base,
 
 bool Walker::Apply(const UnwindTable &Table, uint32_t PrologOffset, uint64_t Base, UnwindContext *Context) const {
     for (unsigned Index = 0; Index < Table.CodeCount;) {
-        const bool NotYet = (Table.Codes[Index] & 0xFF) > PrologOffset;
-        const unsigned Here = Index;
-        UnwindContext Ignored = *Context;
-        // What the function has not done yet may fail, but an unknown code has no length.
-        if (!ApplyCode(Table, &Index, Base, NotYet ? &Ignored : Context) && (!NotYet || Index == Here)) {
+        const unsigned Length = CodeLength(Table, Index);
+        const bool Done = (Table.Codes[Index] & 0xFF) <= PrologOffset;
+        if (Length == 0 || (Done && !ApplyCode(Table, Index, Base, Context))) {
             return false;
         }
+        Index += Length;
     }
     return true;
 }
@@ -411,7 +414,7 @@ void Raise::Dispatch(UnwindContext *Resume) {
 constexpr uint32_t StatusDatatypeMisalignment = 0x80000002;
 
 template <typename Body>
-uint32_t Catch(Body Run, RaisingCall Call) noexcept {
+uint32_t Catch(Body Run, RaisingCall &&Call) noexcept {
     uint32_t Code = 0;
     try {
         Run();
@@ -483,8 +486,9 @@ void EmbeddedGateProbeForWrite();
 void EmbeddedGateExRaiseStatus();
 }
 
-// A gate is entered like the service and keeps what the image's function has in the registers that calls preserve. It
-// looks like an ordinary frame to whoever walks the frame pointers.
+// A gate is entered like the service and calls what carries it out. When that asks for a raise, the registers that
+// calls preserve are again what the image's function has in them, and are kept for the search for a handler. It looks
+// like an ordinary frame to whoever walks the frame pointers.
 asm(R"(
     .text
     .macro GATE service
@@ -509,6 +513,15 @@ EmbeddedRaisingGate:
     movq %rsp, %rbp
     .cfi_def_cfa_register %rbp
     subq $0x160, %rsp
+    callq *%r10
+    testl %eax, %eax
+    jnz 1f
+    leave
+    .cfi_remember_state
+    .cfi_def_cfa %rsp, 8
+    ret
+    .cfi_restore_state
+1:  movl %eax, %ecx
     movq 8(%rbp), %rax
     movq %rax, 0x30(%rsp)          # Rip
     leaq 16(%rbp), %rax
@@ -532,15 +545,6 @@ EmbeddedRaisingGate:
     movaps %xmm13, 0x30+144+16*7(%rsp)
     movaps %xmm14, 0x30+144+16*8(%rsp)
     movaps %xmm15, 0x30+144+16*9(%rsp)
-    callq *%r10
-    testl %eax, %eax
-    jnz 1f
-    leave
-    .cfi_remember_state
-    .cfi_def_cfa %rsp, 8
-    ret
-    .cfi_restore_state
-1:  movl %eax, %ecx
     leaq 0x30(%rsp), %rdx
     callq EmbeddedDispatchRaise
     leaq 0x30(%rsp), %r11
