@@ -81,15 +81,52 @@ void CallsOfOpenAndClose(const std::u16string &Path) {
     Call(&Slots::RVFsdCloseVolume, Volume);
 }
 
-std::string DifferenceOfCalls(ProviderKind Kind) {
-    const std::u16string Path = FilePath(0);
-    UseRecorded(Kind);
-    Close(Open(Path));
-    const std::string ByDriver = TakeRecordedCalls();
-    CallsOfOpenAndClose(Path);
-    const std::string Direct = TakeRecordedCalls();
-    return ByDriver == Direct ? std::string{}
-                              : fmt::format("the driver calls\n{}and the benchmark\n{}", ByDriver, Direct);
+void CallsOfFileQuery(const DirectFile &File, bool WithIdentifier) {
+    const Caller Call;
+    ULONG Attributes = 0;
+    LONG64 Times[3] = {};
+    ULONG64 EndOfFile = 0;
+    constexpr ULONG64 *NoValue = nullptr;
+    constexpr UCHAR *NoByte = nullptr;
+    Call(&Slots::RVFsdGetFileInformation, File.File, &Attributes, &Times[0], &Times[1], &Times[2], &EndOfFile, NoValue,
+         NoByte, NoByte, NoByte, NoByte, NoByte);
+    ULONG Flags = 0;
+    constexpr PVOID Nothing = nullptr;
+    Call(&Slots::RVFsdGetVolumeInformation, File.Volume, &Flags, NoByte, Nothing, Nothing);
+    if (WithIdentifier) {
+        ULONG64 Identifier = 0;
+        Call(&Slots::RVFsdGetFileId, File.File, &Identifier);
+    }
+}
+
+void CallsOfVolumeSize(const std::u16string &Path) {
+    const Caller Call;
+    WCHAR Physical[RV_PATH_BUFFER_BYTES / sizeof(WCHAR)];
+    const auto Bytes = static_cast<USHORT>(Path.size() * sizeof(WCHAR));
+    UNICODE_STRING Asked = {Bytes, Bytes, const_cast<PWSTR>(Path.data())};
+    UNICODE_STRING Answer = {0, RV_PATH_BUFFER_BYTES, Physical};
+    // The path is no distributed one, which is an error.
+    if (!RvIsError(Call.To->Table->RVFsdGetDFSPhysicalPath(Call.To, Call.Who, 0, &Asked, &Answer))) {
+        Fail("a path that leads nowhere else does");
+    }
+    const char16_t *Left = nullptr;
+    const RVHANDLE Volume = OpenVolume(Call, Path.c_str(), &Left);
+    ULONG Flags = 0;
+    constexpr UCHAR *NoByte = nullptr;
+    constexpr PVOID Nothing = nullptr;
+    Call(&Slots::RVFsdGetVolumeInformation, Volume, &Flags, NoByte, Nothing, Nothing);
+    ULONG64 Sizes[4] = {};
+    Call(&Slots::RVFsdGetVolumeSize, Volume, &Sizes[0], &Sizes[1], &Sizes[2], &Sizes[3]);
+    Call(&Slots::RVFsdCloseVolume, Volume);
+}
+
+std::string DifferenceBetween(const std::function<void()> &ByDriver, const std::function<void()> &Direct) {
+    TakeRecordedCalls();
+    ByDriver();
+    const std::string OfDriver = TakeRecordedCalls();
+    Direct();
+    const std::string Made = TakeRecordedCalls();
+    return OfDriver == Made ? std::string{} : fmt::format("the driver calls\n{}and the benchmark\n{}", OfDriver, Made);
 }
 
 } // namespace bench

@@ -3,14 +3,14 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "bench/world.h"
+#include "bench/rows.h"
 #include "embedded/ex.h"
 
 namespace bench {
 namespace {
 
-void ThroughDriver(benchmark::State &State, ProviderKind Kind) {
-    Use(Kind);
+void ThroughDriver(benchmark::State &State, ProviderKind Kind, DriverKind Driver) {
+    Use(Kind, Driver);
     const std::u16string Path = FilePath(0);
     for (auto _ : State) {
         Close(Open(Path));
@@ -18,11 +18,14 @@ void ThroughDriver(benchmark::State &State, ProviderKind Kind) {
 }
 
 void ProviderCalls(benchmark::State &State, ProviderKind Kind) {
-    if (const std::string Difference = DifferenceOfCalls(Kind); !Difference.empty()) {
+    const std::u16string Path = FilePath(0);
+    UseRecorded(Kind);
+    const std::string Difference =
+        DifferenceBetween([&Path] { Close(Open(Path)); }, [&Path] { CallsOfOpenAndClose(Path); });
+    if (!Difference.empty()) {
         Fail(Difference);
     }
     Use(Kind);
-    const std::u16string Path = FilePath(0);
     for (auto _ : State) {
         CallsOfOpenAndClose(Path);
     }
@@ -53,16 +56,20 @@ void Pool(benchmark::State &State) {
     }
 }
 
-const bool Registered = [] {
+} // namespace
+
+void RegisterOpens(DriverKind Driver) {
     using benchmark::RegisterBenchmark;
+    const std::string Under = Prefix(Driver) + "open/";
+    RegisterBenchmark((Under + "stub/driver").c_str(), ThroughDriver, ProviderKind::Stub, Driver);
+    RegisterBenchmark((Under + "directory/driver").c_str(), ThroughDriver, ProviderKind::Directory, Driver);
+    if (Driver != DriverKind::Linked) {
+        return;
+    }
     RegisterBenchmark("open/native", Native);
-    RegisterBenchmark("open/stub/driver", ThroughDriver, ProviderKind::Stub);
     RegisterBenchmark("open/stub/direct", ProviderCalls, ProviderKind::Stub);
-    RegisterBenchmark("open/directory/driver", ThroughDriver, ProviderKind::Directory);
     RegisterBenchmark("open/directory/direct", ProviderCalls, ProviderKind::Directory);
     RegisterBenchmark("pool/open", Pool)->Iterations(16);
-    return true;
-}();
+}
 
-} // namespace
 } // namespace bench

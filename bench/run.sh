@@ -1,12 +1,23 @@
 #!/bin/sh
 # Runs the benchmarks in rounds and writes the table of ratios into README.md.
-#   bench/run.sh <rvfsd_bench> [rounds]
+#   bench/run.sh <rvfsd_bench> [rounds [image]]
+# The image is build/image/windows/RVFSD.sys if no other is given; without one its rows are left out.
 # The machine should be at rest: what else runs ends up in the figures.
 set -eu
 
 program=$(realpath "$1")
 rounds=${2:-3}
 here=$(dirname "$(realpath "$0")")
+image=${3:-$here/../build/image/windows/RVFSD.sys}
+if [ -f "$image" ]; then
+  image=$(realpath "$image")
+elif [ $# -ge 3 ]; then
+  echo "$image: no such file" >&2
+  exit 2
+else
+  image=
+  echo "$here/../build/image/windows/RVFSD.sys is not built: the driver linked in alone is measured" >&2
+fi
 results=$(mktemp -d)
 trap 'rm -rf "$results"' EXIT
 
@@ -22,7 +33,7 @@ while [ "$round" -le "$rounds" ]; do
     # These share a table that grows, so they keep their order.
     large) set -- "--benchmark_filter=^table/" --benchmark_repetitions=3 ;;
     esac
-    "$program" "$@" --benchmark_min_time=0.05 --benchmark_format=json >"$results/$part.$round.json"
+    "$program" ${image:+--image "$image"} "$@" --benchmark_min_time=0.05 --benchmark_format=json >"$results/$part.$round.json"
   done
   round=$((round + 1))
 done

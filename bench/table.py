@@ -46,12 +46,41 @@ def against(one, other):
     return lambda r: r.ratio(one, other)
 
 
+def share(name):
+    """The driver's part of a listing that the Provider alone takes the rest of."""
+    return lambda r: 1 - r.ratio(f"{name}/direct", f"{name}/driver")
+
+
+def rate(name):
+    return lambda r: statistics.median(r.rates[name])
+
+
 def scaling(one, other):
     return lambda r: r.speed_up(one) / r.speed_up(other)
 
 
+CLASSES = ("basic", "standard", "internal", "ea", "name", "position", "all", "alternate_name", "network_open",
+           "attribute_tag")
+
+
+def queries():
+    """A query of each class beside the Provider calls that it costs."""
+    under = "information/directory/"
+    for name in CLASSES:
+        direct = "direct_with_identifier" if name in ("internal", "all") else "direct"
+        yield ("", f"query {name.replace('_', ' ')}, directory: request / its Provider calls",
+               against(under + name, under + direct), AT_MOST, None, "")
+    for provider in ("directory", "stub"):
+        yield ("", f"query volume size, {provider}: request / its Provider calls",
+               against(f"information/{provider}/volume_size", f"information/{provider}/volume_size_direct"), AT_MOST,
+               None, "")
+    yield ("", "query basic, stub: request, in shared_mutex pairs",
+           against("information/stub/basic", PAIR), AT_MOST, None, "")
+
+
 PAIR = "yardstick/shared_mutex_pair"
 AT_MOST, AT_LEAST = "≤", "≥"
+IMAGE_LIMIT = 1.05
 
 # (goal, what, figure, direction, limit or None, unit)
 ROWS = [
@@ -78,6 +107,11 @@ ROWS = [
     ("3", "look-up miss / hit at 1,000", against("table/miss/1000", "table/hit/1000"), AT_MOST, 2, ""),
     ("3", "look-up miss / hit at 1,000,000", against("table/miss/1000000", "table/hit/1000000"), AT_MOST, 2, ""),
     ("3", "open + close: at 1,000,000 / 1,000", against("table/open/1000000", "table/open/1000"), AT_MOST, 2, ""),
+    ("", "rename there and back, random names: among 1,000,000 / 1,000",
+     against("table/rename_there_and_back/1000000", "table/rename_there_and_back/1000"), AT_MOST, None, ""),
+    ("", "rename of a directory with nothing open below: among 1,000,000 / 1,000",
+     against("table/rename_directory/1000000", "table/rename_directory/1000"), AT_MOST, None, ""),
+    *queries(),
     ("4", "trace off / built out, stub read", against("trace/off", "trace/built_out"), AT_MOST, 1.08, ""),
     ("4", "trace on, no mask matching / built out", against("trace/no_match", "trace/built_out"), AT_MOST, 1.35, ""),
     ("5", "two threads, different files: speed-up / that of pread",
@@ -86,6 +120,11 @@ ROWS = [
      AT_LEAST, 0.85, ""),
     ("5", "two threads, opens of different files: speed-up / native",
      scaling("threads/open/different", "threads/open/native"), AT_LEAST, 0.7, ""),
+    ("", "list 100,000 entries, scripted Provider: the driver's share", share("listing/scripted"), AT_MOST, 0.5, ""),
+    ("", "list 100,000 entries, batches ready-made (stub): the driver's share", share("listing/stub"), AT_MOST, 0.5, ""),
+    ("", "list 100,000 entries, directory: the driver's share", share("listing/directory"), AT_MOST, None, ""),
+    ("", "entries listed through the driver, directory", rate("listing/directory/driver"), AT_LEAST, None, " /s"),
+    ("", "entries listed by the Provider alone, directory", rate("listing/directory/direct"), AT_LEAST, None, " /s"),
     ("10", "pool of the first open of a 70-character path", lambda r: r.counters["pool/open.first"], AT_MOST, 1536,
      " B"),
     ("10", "pool of a further open", lambda r: r.counters["pool/open.further"], AT_MOST, 600, " B"),
@@ -94,6 +133,31 @@ ROWS = [
 
 def shown(value, unit):
     return f"{value:,.0f}{unit}" if unit else f"{value:.3g}"
+
+
+IMAGE = "image/"
+
+
+def image_table(rounds):
+    """Every row that was measured with the image too, beside the same with the driver linked in."""
+    names = sorted(name for name in rounds[0].samples if name.startswith(IMAGE))
+    if not names:
+        return []
+    lines = ["The image beside the driver linked in, each row a ratio inside one run (the aim is at most "
+             f"{IMAGE_LIMIT:.2f}):", "", "| benchmark | linked in, ns | image, ns | image / linked in | "
+             "rounds from - to | held |", "|---|---|---|---|---|---|"]
+    for name in names:
+        own = name.removeprefix(IMAGE)
+        values = [r.ratio(name, own) for r in rounds]
+        middle = statistics.median(values)
+        lines.append(f"| {own} | {nanoseconds(rounds, own)} | {nanoseconds(rounds, name)} | {middle:.3f} | "
+                     f"{min(values):.3f} - {max(values):.3f} | {'yes' if middle <= IMAGE_LIMIT else '**no**'} |")
+    return [*lines, ""]
+
+
+def nanoseconds(rounds, name):
+    middle = statistics.median(r.time(name) for r in rounds)
+    return f"{middle:,.0f}" if middle >= 100 else f"{middle:.2f}"
 
 
 def table(rounds):
@@ -105,12 +169,11 @@ def table(rounds):
         bound = "" if limit is None else f"{direction} {shown(limit, unit)}"
         lines.append(f"| {goal} | {what} | {bound} | {shown(middle, unit)} | "
                      f"{shown(min(values), unit)} - {shown(max(values), unit)} | {held} |")
-    lines += ["", "Absolute times of the same runs, in ns (medians; they hold for that machine in that hour only):", "",
+    lines += ["", *image_table(rounds), "Absolute times of the same runs, in ns (medians; they hold for that machine in that hour only):", "",
               "| benchmark | ns |", "|---|---|"]
     for name in sorted(rounds[0].samples):
-        if not name.startswith(("threads/", "pool/")):
-            middle = statistics.median(r.time(name) for r in rounds)
-            lines.append(f"| {name} | {middle:,.0f} |" if middle >= 100 else f"| {name} | {middle:.2f} |")
+        if not name.startswith(("threads/", "pool/", IMAGE)):
+            lines.append(f"| {name} | {nanoseconds(rounds, name)} |")
     return "\n".join(lines)
 
 

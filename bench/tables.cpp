@@ -1,12 +1,12 @@
-// Look-ups among 1,000 and 1,000,000 open files, and opens beside them. Registered in the order in which the table
-// grows, so that a run fills it once.
+// Look-ups among 1,000 and 1,000,000 open files, opens beside them, and renames of them. Registered in the order in
+// which the table grows, so that a run fills it once.
 #include <random>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 #include <fmt/format.h>
 
-#include "bench/world.h"
+#include "bench/rows.h"
 #include "names/fcb.h"
 
 namespace bench {
@@ -26,7 +26,7 @@ std::vector<HANDLE> &Population() {
 void Populate(unsigned Count) {
     Use(ProviderKind::Stub);
     while (Population().size() < Count) {
-        Population().push_back(Open(FilePath(static_cast<unsigned>(Population().size()))));
+        Population().push_back(OpenToRename(FilePath(static_cast<unsigned>(Population().size()))));
     }
 }
 
@@ -97,7 +97,60 @@ void OpenAndClose(benchmark::State &State, unsigned Count) {
     }
 }
 
-const bool Registered = [] {
+// Replaces what is there.
+void Rename(HANDLE Handle, std::u16string_view Path) {
+    struct {
+        UCHAR ReplaceIfExists = 1;
+        HANDLE RootDirectory = nullptr;
+        ULONG NameLength = 0;
+        WCHAR Name[128];
+    } Information;
+    constexpr std::u16string_view Device = u"\\Device\\RvFsd";
+    const size_t Units = Device.size() + Path.size();
+    if (Units > std::size(Information.Name)) {
+        Fail("a path is too long to be renamed to");
+    }
+    Information.NameLength = static_cast<ULONG>(Units * sizeof(WCHAR));
+    Device.copy(Information.Name, Device.size());
+    Path.copy(Information.Name + Device.size(), Path.size());
+    IO_STATUS_BLOCK Iosb;
+    const NTSTATUS Status =
+        NtSetInformationFile(Handle, &Iosb, &Information, sizeof(Information), FileRenameInformation);
+    if (!NT_SUCCESS(Status)) {
+        Fail(fmt::format("a rename failed: 0x{:08X}", static_cast<ULONG>(Status)));
+    }
+}
+
+// A name that the stub has not, and back: every file is found under its own name afterwards.
+void RenameThereAndBack(benchmark::State &State, unsigned Count) {
+    Populate(Count);
+    std::minstd_rand Random(1);
+    std::uniform_int_distribution<unsigned> Any(0, Count - 1);
+    for (auto _ : State) {
+        const unsigned Index = Any(Random);
+        const std::u16string Own = FilePath(Index);
+        std::u16string Other = Own;
+        Other[Own.rfind(u'\\') + 1] = u'!';
+        Rename(Population()[Index], Other);
+        Rename(Population()[Index], Own);
+    }
+}
+
+// Nothing that is open may lie below a directory that is renamed.
+void RenameDirectory(benchmark::State &State, unsigned Count) {
+    Populate(Count);
+    const HANDLE Handle = OpenToRename(u"\\srv\\vol\\documents\\drafts", true);
+    bool Second = false;
+    for (auto _ : State) {
+        Rename(Handle, Second ? u"\\srv\\vol\\documents\\!two" : u"\\srv\\vol\\documents\\!one");
+        Second = !Second;
+    }
+    Close(Handle);
+}
+
+} // namespace
+
+void RegisterTables() {
     using benchmark::RegisterBenchmark;
     for (const unsigned Count : {Few, Many}) {
         const std::string Size = fmt::format("/{}", Count);
@@ -105,11 +158,10 @@ const bool Registered = [] {
         RegisterBenchmark(("table/hot" + Size).c_str(), FindHot, Count);
         RegisterBenchmark(("table/miss" + Size).c_str(), FindMissing, Count);
         RegisterBenchmark(("table/open" + Size).c_str(), OpenAndClose, Count);
+        RegisterBenchmark(("table/rename_there_and_back" + Size).c_str(), RenameThereAndBack, Count);
+        RegisterBenchmark(("table/rename_directory" + Size).c_str(), RenameDirectory, Count);
     }
-    return true;
-}();
-
-} // namespace
+}
 
 void EmptyTable() {
     for (const HANDLE Handle : Population()) {

@@ -7,7 +7,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include "bench/world.h"
+#include "bench/rows.h"
 #include "embedded/io.h"
 
 namespace bench {
@@ -52,8 +52,8 @@ void TransferDirect(RVIOM_FSD *To, RV_SECURITY_CONTEXT *Who, RVHANDLE File, bool
     Require(Bytes == TransferBytes, "a transfer was short");
 }
 
-void Service(benchmark::State &State, ProviderKind Kind, Trace Output, bool Write) {
-    Use(Kind, Output);
+void Service(benchmark::State &State, ProviderKind Kind, DriverKind Driver, bool Write) {
+    Use(Kind, Driver);
     const HANDLE Handle = Open(FilePath(0));
     for (auto _ : State) {
         TransferThroughService(Handle, Write);
@@ -61,8 +61,8 @@ void Service(benchmark::State &State, ProviderKind Kind, Trace Output, bool Writ
     Close(Handle);
 }
 
-void Request(benchmark::State &State, ProviderKind Kind, Trace Output, bool Write) {
-    Use(Kind, Output);
+void Request(benchmark::State &State, ProviderKind Kind, DriverKind Driver, bool Write) {
+    Use(Kind, Driver);
     const HANDLE Handle = Open(FilePath(0));
     const PFILE_OBJECT File = embedded::FileObjectFromHandle(Handle);
     const PDEVICE_OBJECT To = Device();
@@ -185,32 +185,39 @@ void RegisterThreads(const char *Name, void (*Function)(benchmark::State &)) {
     }
 }
 
-const bool Registered = [] {
+} // namespace
+
+void RegisterTransfers(DriverKind Driver) {
     using benchmark::RegisterBenchmark;
-    RegisterBenchmark("yardstick/shared_mutex_pair", SharedMutexPair);
     for (const bool Write : {false, true}) {
         const std::string What = Write ? "write" : "read";
-        RegisterBenchmark((What + "/native").c_str(), Native, Write);
         for (const auto &[Kind, Name] :
              {std::pair{ProviderKind::Stub, "stub"}, {ProviderKind::Directory, "directory"}}) {
-            const std::string Under = What + "/" + Name;
-            RegisterBenchmark((Under + "/service").c_str(), Service, Kind, Trace::Usual, Write);
-            RegisterBenchmark((Under + "/request").c_str(), Request, Kind, Trace::Usual, Write);
-            RegisterBenchmark((Under + "/direct").c_str(), Direct, Kind, Write);
+            const std::string Under = Prefix(Driver) + What + "/" + Name;
+            RegisterBenchmark((Under + "/service").c_str(), Service, Kind, Driver, Write);
+            RegisterBenchmark((Under + "/request").c_str(), Request, Kind, Driver, Write);
+            if (Driver == DriverKind::Linked) {
+                RegisterBenchmark((Under + "/direct").c_str(), Direct, Kind, Write);
+            }
+        }
+        if (Driver == DriverKind::Linked) {
+            RegisterBenchmark((What + "/native").c_str(), Native, Write);
         }
     }
+    if (Driver != DriverKind::Linked) {
+        return;
+    }
+    RegisterBenchmark("yardstick/shared_mutex_pair", SharedMutexPair);
     RegisterBenchmark("read/stub/service_after_native", NativeThenService);
-    RegisterBenchmark("trace/built_out", Request, ProviderKind::Stub, Trace::BuiltOut, false);
-    RegisterBenchmark("trace/off", Request, ProviderKind::Stub, Trace::Off, false);
-    RegisterBenchmark("trace/no_match", Request, ProviderKind::Stub, Trace::NoMatch, false);
+    RegisterBenchmark("trace/built_out", Request, ProviderKind::Stub, DriverKind::TraceBuiltOut, false);
+    RegisterBenchmark("trace/off", Request, ProviderKind::Stub, DriverKind::TraceOff, false);
+    RegisterBenchmark("trace/no_match", Request, ProviderKind::Stub, DriverKind::TraceNoMatch, false);
     RegisterThreads<false>("threads/read/different", ThreadsRead);
     RegisterThreads<true>("threads/read/same", ThreadsRead);
     RegisterThreads<false>("threads/pread/different", ThreadsPread);
     RegisterThreads<true>("threads/pread/same", ThreadsPread);
     RegisterThreads<false>("threads/open/different", ThreadsOpenAndClose);
     RegisterThreads<false>("threads/open/native", ThreadsNativeOpenAndClose);
-    return true;
-}();
+}
 
-} // namespace
 } // namespace bench

@@ -10,11 +10,14 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
+#include "embedded/image.h"
 #include "embedded/kernel.h"
 #include "kernel/linux/driver_image.h"
+#include "provider/framework.h"
 #include "providers/directory/directory_provider.h"
 #include "providers/framework/framework.h"
 #include "providers/recorder/recorder.h"
+#include "providers/scripted/scripted_provider.h"
 #include "providers/stub/stub_provider.h"
 
 extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath);
@@ -28,6 +31,7 @@ constexpr const char16_t *ServiceKey = u"\\REGISTRY\\Machine\\System\\CurrentCon
 constexpr ULONG MaskOfNoMessage = 0x40000000;
 constexpr unsigned NativeFiles = 64;
 constexpr unsigned PathUnits = 70;
+constexpr std::u16string_view ListedName = u"listed";
 
 UNICODE_STRING Counted(std::u16string_view Text) {
     const auto Bytes = static_cast<USHORT>(Text.size() * sizeof(WCHAR));
@@ -40,6 +44,10 @@ std::string RelativeName(unsigned Index) {
     const std::string Number = fmt::format("{:08}.txt", Index);
     const size_t Given = std::string("\\srv\\vol\\").size() + Directories.size() + Number.size();
     return Directories + std::string(PathUnits - Given, 'n') + Number;
+}
+
+std::string ListedFile(unsigned Index) {
+    return fmt::format("a file of the listing {:06}.txt", Index);
 }
 
 // Files in memory, gone with the program.
@@ -61,6 +69,14 @@ public:
     const std::filesystem::path &Root() const {
         return Root_;
     }
+    void MakeListed() {
+        const std::filesystem::path Directory = Root_ / std::u16string(ListedName);
+        if (std::filesystem::create_directory(Directory)) {
+            for (unsigned Index = 0; Index < ListedEntries; ++Index) {
+                std::ofstream(Directory / ListedFile(Index));
+            }
+        }
+    }
 
 private:
     std::filesystem::path Root_;
@@ -71,20 +87,46 @@ NativeTree &Tree() {
     return Instance;
 }
 
-PDRIVER_INITIALIZE EntryOf(Trace Output) {
-    switch (Output) {
-    case Trace::Usual:
+std::string &ImageFile() {
+    static std::string Name;
+    return Name;
+}
+
+std::unique_ptr<embedded::DriverImage> MapImage() {
+    embedded::ImageOptions Options;
+    Options.Modules = {{"zelm.sys", "ZelmCreateInstance", reinterpret_cast<void *>(ZelmCreateInstance), 4}};
+    try {
+        return std::make_unique<embedded::DriverImage>(ImageFile(), std::move(Options));
+    } catch (const embedded::ImageError &Refused) {
+        Fail(Refused.what());
+    }
+}
+
+PDRIVER_INITIALIZE EntryOf(DriverKind Driver) {
+    switch (Driver) {
+    case DriverKind::Linked:
         return DriverEntry;
-    case Trace::BuiltOut:
+    case DriverKind::TraceBuiltOut:
         return DriverEntryNoTrace;
     default:
         return DriverEntryTrace;
     }
 }
 
+std::unique_ptr<providers::ScriptedProvider> MakeScripted() {
+    auto Made = std::make_unique<providers::ScriptedProvider>();
+    Made->SetRecording(false);
+    const std::u16string Directory = u"\\srv\\vol\\" + std::u16string(ListedName) + u"\\";
+    for (unsigned Index = 0; Index < ListedEntries; ++Index) {
+        const std::string Name = ListedFile(Index);
+        Made->AddFile(Directory + std::u16string(Name.begin(), Name.end()));
+    }
+    return Made;
+}
+
 struct World {
-    World(ProviderKind Kind, Trace Output, bool Recorded)
-        : Kind(Kind), Output(Output), Recorded(Recorded), Recorder(MakeProvider()) {
+    World(ProviderKind Kind, DriverKind Driver, bool Recorded)
+        : Kind(Kind), Driver(Driver), Recorded(Recorded), Recorder(MakeProvider()) {
         if (Recorded) {
             Recorder.SetSink([this](std::string Line) { Calls += Line.substr(0, Line.find('(')) + "\n"; });
             Target = &Recorder;
@@ -93,13 +135,18 @@ struct World {
         Options.Time = embedded::ClockMode::Running;
         Options.Verifier = embedded::VerifierLevel::Off;
         Options.DebugSink = [](std::string_view) {};
-        Options.ResetDriverImage = ResetDriverImage;
-        if (Output == Trace::NoMatch) {
+        if (Driver == DriverKind::Image) {
+            Image = MapImage();
+        } else {
+            Options.ResetDriverImage = ResetDriverImage;
+        }
+        if (Driver == DriverKind::TraceNoMatch) {
             Options.Registry = {{ServiceKey, u"EnableDebug", 1}, {ServiceKey, u"FsDebugLevel", MaskOfNoMessage}};
         }
         Kernel = std::make_unique<embedded::Kernel>(std::move(Options));
         Framework = std::make_unique<providers::Framework>(Target);
-        const NTSTATUS Status = Kernel->LoadDriver(EntryOf(Output), u"RVFSD");
+        const NTSTATUS Status =
+            Image != nullptr ? Kernel->LoadDriver(*Image, u"RVFSD") : Kernel->LoadDriver(EntryOf(Driver), u"RVFSD");
         if (!NT_SUCCESS(Status)) {
             Fail(fmt::format("the driver did not start: 0x{:08X}", static_cast<ULONG>(Status)));
         }
@@ -112,8 +159,13 @@ struct World {
 
     RVIOM_FSD *MakeProvider() {
         if (Kind == ProviderKind::Stub) {
-            Stub = std::make_unique<providers::StubProvider>();
+            Stub =
+                std::make_unique<providers::StubProvider>(providers::StubOptions{.EntriesPerDirectory = ListedEntries});
             return Target = Stub.get();
+        }
+        if (Kind == ProviderKind::Scripted) {
+            Scripted = MakeScripted();
+            return Target = Scripted.get();
         }
         Directory = std::make_unique<providers::DirectoryProvider>();
         if (const std::string Why = Directory->AddExport(u"srv", u"vol", Tree().Root()); !Why.empty()) {
@@ -123,10 +175,12 @@ struct World {
     }
 
     const ProviderKind Kind;
-    const Trace Output;
+    const DriverKind Driver;
     const bool Recorded;
     std::string Calls;
+    std::unique_ptr<embedded::DriverImage> Image; // outlives the kernel
     std::unique_ptr<providers::StubProvider> Stub;
+    std::unique_ptr<providers::ScriptedProvider> Scripted;
     std::unique_ptr<providers::DirectoryProvider> Directory;
     RVIOM_FSD *Target = nullptr;
     providers::Recorder Recorder;
@@ -144,19 +198,23 @@ void Fail(std::string_view What) {
     std::exit(1);
 }
 
-void Use(ProviderKind Kind, Trace Output) {
-    if (Current != nullptr && Current->Kind == Kind && Current->Output == Output && !Current->Recorded) {
+void SetImage(const std::string &File) {
+    ImageFile() = File;
+}
+
+void Use(ProviderKind Kind, DriverKind Driver) {
+    if (Current != nullptr && Current->Kind == Kind && Current->Driver == Driver && !Current->Recorded) {
         return;
     }
     EmptyTable(); // its files are open in the world that ends
     StopWorld();
-    Current = std::make_unique<World>(Kind, Output, false);
+    Current = std::make_unique<World>(Kind, Driver, false);
 }
 
 void UseRecorded(ProviderKind Kind) {
     EmptyTable();
     StopWorld();
-    Current = std::make_unique<World>(Kind, Trace::Usual, true);
+    Current = std::make_unique<World>(Kind, DriverKind::Linked, true);
 }
 
 std::string TakeRecordedCalls() {
@@ -192,7 +250,16 @@ std::string NativePath(unsigned Index) {
     return (Tree().Root() / RelativeName(Index)).string();
 }
 
-HANDLE Open(std::u16string_view Path) {
+std::u16string ListedDirectory() {
+    if (Current->Kind == ProviderKind::Directory) {
+        Tree().MakeListed();
+    }
+    return u"\\srv\\vol\\" + std::u16string(ListedName);
+}
+
+namespace {
+
+HANDLE OpenAs(std::u16string_view Path, ACCESS_MASK Access, ULONG Options) {
     static const std::u16string DevicePrefix = u"\\Device\\RvFsd";
     thread_local std::u16string Name;
     Name.assign(DevicePrefix).append(Path);
@@ -201,13 +268,28 @@ HANDLE Open(std::u16string_view Path) {
     InitializeObjectAttributes(&Attributes, &ObjectName, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
     HANDLE Handle = nullptr;
     IO_STATUS_BLOCK Iosb;
-    const NTSTATUS Status = NtCreateFile(&Handle, FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE, &Attributes, &Iosb,
-                                         nullptr, 0, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN,
-                                         FILE_SYNCHRONOUS_IO_NONALERT | FILE_NON_DIRECTORY_FILE, nullptr, 0);
+    const NTSTATUS Status = NtCreateFile(&Handle, Access | SYNCHRONIZE, &Attributes, &Iosb, nullptr, 0,
+                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN,
+                                         FILE_SYNCHRONOUS_IO_NONALERT | Options, nullptr, 0);
     if (!NT_SUCCESS(Status)) {
         Fail(fmt::format("an open failed: 0x{:08X}", static_cast<ULONG>(Status)));
     }
     return Handle;
+}
+
+} // namespace
+
+HANDLE Open(std::u16string_view Path) {
+    return OpenAs(Path, FILE_READ_DATA | FILE_WRITE_DATA, FILE_NON_DIRECTORY_FILE);
+}
+
+HANDLE OpenToRename(std::u16string_view Path, bool Directory) {
+    return Directory ? OpenAs(Path, FILE_LIST_DIRECTORY | DELETE, FILE_DIRECTORY_FILE)
+                     : OpenAs(Path, FILE_READ_DATA | FILE_WRITE_DATA | DELETE, FILE_NON_DIRECTORY_FILE);
+}
+
+HANDLE OpenDirectory(std::u16string_view Path) {
+    return OpenAs(Path, FILE_LIST_DIRECTORY, FILE_DIRECTORY_FILE);
 }
 
 void Close(HANDLE Handle) {

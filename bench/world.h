@@ -3,6 +3,7 @@
 // One world at a time; the main thread makes and changes it, between benchmarks. Any thread may use it.
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -11,21 +12,26 @@
 
 namespace bench {
 
-enum class ProviderKind { Stub, Directory };
+enum class ProviderKind { Stub, Scripted, Directory };
 
-// Which driver it is and what its switches say about output. The first is the one of the program; the others are
-// built apart and alike, to be compared with each other.
-enum class Trace {
-    Usual, // off
-    BuiltOut,
-    Off,
-    NoMatch, // on, with a mask that no message has
+// Which driver it is and what its switches say about output. The first is the one of the program and the second the
+// image; the others are built apart and alike, to be compared with each other.
+enum class DriverKind {
+    Linked, // trace off
+    Image,  // trace off
+    TraceBuiltOut,
+    TraceOff,
+    TraceNoMatch, // on, with a mask that no message has
 };
 
 inline constexpr ULONG TransferBytes = 4096;
+inline constexpr unsigned ListedEntries = 100'000;
+
+// The file of DriverKind::Image. Told before the first world, by main.
+void SetImage(const std::string &File);
 
 // Makes the world of this kind the current one, unless it is.
-void Use(ProviderKind Provider, Trace Output = Trace::Usual);
+void Use(ProviderKind Provider, DriverKind Driver = DriverKind::Linked);
 // A fresh world whose Provider calls are recorded; too slow to be measured.
 void UseRecorded(ProviderKind Kind);
 // The operations called since the last time, one name a line.
@@ -44,8 +50,13 @@ std::u16string FilePath(unsigned Index);
 // The same file's name in the local file system, for the native calls. It has TransferBytes bytes.
 std::string NativePath(unsigned Index);
 
-// Opens an existing file through the driver; a failure ends the program.
+// The path of a directory of ListedEntries entries below the volume, which the first call makes.
+std::u16string ListedDirectory();
+
+// Opens an existing file (directory) through the driver; a failure ends the program.
 HANDLE Open(std::u16string_view Path);
+HANDLE OpenToRename(std::u16string_view Path, bool Directory = false);
+HANDLE OpenDirectory(std::u16string_view Path);
 void Close(HANDLE Handle);
 
 // A file opened by calling the Provider directly.
@@ -56,10 +67,13 @@ struct DirectFile {
 DirectFile OpenDirect(const std::u16string &Path);
 void CloseDirect(const DirectFile &File);
 
-// Makes the Provider calls that one open, cleanup and close of an existing file cost, in the driver's order.
+// Make the Provider calls that one request costs, in the driver's order: the open, cleanup and close of an existing
+// file; the query of a class of file information, with the identifier or without; the query of a volume's size.
 void CallsOfOpenAndClose(const std::u16string &Path);
-// Empty when that is what the driver calls; otherwise both lists. Changes the world.
-std::string DifferenceOfCalls(ProviderKind Kind);
+void CallsOfFileQuery(const DirectFile &File, bool WithIdentifier);
+void CallsOfVolumeSize(const std::u16string &Path);
+// Empty when both make the same calls in a recorded world; otherwise both lists.
+std::string DifferenceBetween(const std::function<void()> &ByDriver, const std::function<void()> &Direct);
 
 // Closes the files that the table benchmarks left open.
 void EmptyTable();

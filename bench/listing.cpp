@@ -1,0 +1,116 @@
+// Listing a large directory: through the driver in buffers of 64 KiB, and at the Provider itself in the batches that
+// the driver asks for.
+#include <cstring>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+#include <fmt/format.h>
+
+#include "bench/rows.h"
+
+namespace bench {
+namespace {
+
+constexpr ULONG BufferBytes = 65536;
+constexpr ULONG BatchBytes = 12288;
+
+// Lists the directory from its beginning. Take is given every answer with its length.
+template <typename Taker>
+void ListThroughDriver(HANDLE Directory, std::vector<UCHAR> &Buffer, Taker Take) {
+    for (BOOLEAN Restart = TRUE;; Restart = FALSE) {
+        IO_STATUS_BLOCK Iosb;
+        const NTSTATUS Status =
+            NtQueryDirectoryFile(Directory, nullptr, nullptr, nullptr, &Iosb, Buffer.data(), BufferBytes,
+                                 FileBothDirectoryInformation, FALSE, nullptr, Restart);
+        if (Status == STATUS_NO_MORE_FILES) {
+            return;
+        }
+        if (!NT_SUCCESS(Status)) {
+            Fail(fmt::format("a listing failed: 0x{:08X}", static_cast<ULONG>(Status)));
+        }
+        Take(Iosb.Information);
+    }
+}
+
+ULONG Ulong(const UCHAR *At) {
+    ULONG Value;
+    memcpy(&Value, At, sizeof Value);
+    return Value;
+}
+
+// How many there are in a chain of entries or records, which both begin with the way to the next.
+unsigned CountChain(const UCHAR *At) {
+    unsigned Count = 1;
+    for (; Ulong(At) != 0; At += Ulong(At)) {
+        ++Count;
+    }
+    return Count;
+}
+
+void RequireAll(unsigned Count, unsigned Wanted) {
+    if (Count != Wanted) {
+        Fail(fmt::format("{} entries were listed in place of {}", Count, Wanted));
+    }
+}
+
+void ThroughDriver(benchmark::State &State, ProviderKind Kind, DriverKind Driver) {
+    Use(Kind, Driver);
+    const HANDLE Directory = OpenDirectory(ListedDirectory());
+    std::vector<UCHAR> Buffer(BufferBytes);
+    unsigned Count = 0;
+    ListThroughDriver(Directory, Buffer, [&](ULONG_PTR) { Count += CountChain(Buffer.data()); });
+    RequireAll(Count, ListedEntries + 2); // "." and ".."
+    for (auto _ : State) {
+        ListThroughDriver(Directory, Buffer, [](ULONG_PTR Bytes) { benchmark::DoNotOptimize(Bytes); });
+    }
+    State.SetItemsProcessed(State.iterations() * ListedEntries);
+    Close(Directory);
+}
+
+template <typename Taker>
+void ListDirect(RVHANDLE Directory, std::vector<UCHAR> &Buffer, Taker Take) {
+    RVIOM_FSD *To = Provider();
+    for (ULONG ResumeKey = 0;;) {
+        ULONG Bytes = BatchBytes;
+        const RVSTATUS Status =
+            To->Table->RVFsdEnumerateDirectoryEx(To, Security(), Directory, u"*", 0, &ResumeKey, &Bytes, Buffer.data());
+        if (RvIsError(Status)) {
+            return;
+        }
+        Take();
+    }
+}
+
+void Direct(benchmark::State &State, ProviderKind Kind) {
+    Use(Kind);
+    RVIOM_FSD *To = Provider();
+    RVHANDLE Directory = 0;
+    if (RvIsError(To->Table->RVFsdOpenDirectory(To, Security(), 0, ListedDirectory().c_str(), &Directory))) {
+        Fail("the directory does not open");
+    }
+    std::vector<UCHAR> Buffer(BatchBytes);
+    unsigned Count = 0;
+    ListDirect(Directory, Buffer, [&] { Count += CountChain(Buffer.data()); });
+    RequireAll(Count, ListedEntries);
+    for (auto _ : State) {
+        ListDirect(Directory, Buffer, [] {});
+    }
+    State.SetItemsProcessed(State.iterations() * ListedEntries);
+    To->Table->RVFsdCloseDirectory(To, Security(), Directory);
+}
+
+} // namespace
+
+void RegisterListings(DriverKind Driver) {
+    for (const auto &[Kind, Name] : {std::pair{ProviderKind::Stub, "stub"},
+                                     {ProviderKind::Scripted, "scripted"},
+                                     {ProviderKind::Directory, "directory"}}) {
+        const std::string Under = fmt::format("{}listing/{}", Prefix(Driver), Name);
+        benchmark::RegisterBenchmark((Under + "/driver").c_str(), ThroughDriver, Kind, Driver);
+        if (Driver == DriverKind::Linked) {
+            benchmark::RegisterBenchmark((Under + "/direct").c_str(), Direct, Kind);
+        }
+    }
+}
+
+} // namespace bench

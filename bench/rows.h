@@ -1,0 +1,22 @@
+// The rows of the benchmark program, by what they measure. main registers them: once for the driver linked in, with all
+// that it is compared with, and once for the image, with what goes through the driver from end to end, under "image/".
+#pragma once
+
+#include <string>
+
+#include "bench/world.h"
+
+namespace bench {
+
+void RegisterTransfers(DriverKind Driver);
+void RegisterOpens(DriverKind Driver);
+void RegisterListings(DriverKind Driver);
+void RegisterQueries(DriverKind Driver);
+// Look-ups call functions of the driver linked in: there are no such rows for the image.
+void RegisterTables();
+
+inline std::string Prefix(DriverKind Driver) {
+    return Driver == DriverKind::Image ? "image/" : "";
+}
+
+} // namespace bench
