@@ -85,6 +85,11 @@ SessionOptions SessionOf(const GlobalOptions &Text) {
     return Options;
 }
 
+// An empty name would be taken for an option that was not given.
+std::string NotEmpty(const std::string &Text) {
+    return Text.empty() ? "the name of a file is missing" : "";
+}
+
 void AddGlobalOptions(CLI::App &App, GlobalOptions &Text) {
     App.add_option("--export", Text.Exports,
                    "serve DIR as a volume, '\\\\server\\volume=DIR', or a directory of another export, "
@@ -99,8 +104,10 @@ void AddGlobalOptions(CLI::App &App, GlobalOptions &Text) {
     App.add_option("--trace", Text.Trace, "the driver's messages of these categories on standard error");
     App.add_option("--log", Text.Log, "the driver's log file");
     App.add_option("--image", Text.Image, "run this image of the driver (RVFSD.sys) instead of the one linked in")
-        ->take_last();
-    App.add_option("--calls", Text.Calls, "write every kernel service that the image calls into this file");
+        ->take_last()
+        ->check(NotEmpty);
+    App.add_option("--calls", Text.Calls, "write every kernel service that the image calls into this file")
+        ->check(NotEmpty);
     App.add_flag("--version", Text.Version, "which program this is, and which driver it holds");
 }
 

@@ -166,14 +166,20 @@ Session::Session(const SessionOptions &Options) : Exports_(Options.Exports), Swi
 }
 
 void Session::OpenImage(const SessionOptions &Options) {
-    if (Options.Calls) {
-        Calls_.open(*Options.Calls, std::ios::trunc);
-        if (!Calls_) {
-            throw UsageError(fmt::format("--calls {}: {}", Options.Calls->string(), strerror(errno)));
-        }
-        embedded::SetCallSink([this](const std::string &Line) { Calls_ << Line << '\n'; });
-    }
     Image_ = LoadImage(*Options.Image, Options.Calls ? embedded::CallRecording::Traced : embedded::CallRecording::None);
+    if (!Options.Calls) {
+        return;
+    }
+    std::error_code Error;
+    if (std::filesystem::equivalent(*Options.Calls, *Options.Image, Error)) {
+        throw UsageError(fmt::format("--calls {}: that is the image", Options.Calls->string()));
+    }
+    Calls_.open(*Options.Calls, std::ios::trunc);
+    if (!Calls_) {
+        throw UsageError(fmt::format("--calls {}: {}", Options.Calls->string(), strerror(errno)));
+    }
+    // Each line is out before the call's caller goes on: a trace is wanted most when what follows ends the program.
+    Tracing_.emplace([this](const std::string &Line) { Calls_ << Line << std::endl; });
 }
 
 void Session::Serve(const std::map<std::string, uint64_t> &Quotas) {
@@ -239,7 +245,7 @@ std::string Session::Stop() {
     Kernel_.reset();
     Image_.reset();
     if (Calls_.is_open()) {
-        embedded::SetCallSink({});
+        Tracing_.reset();
         Calls_.close();
         if (!Calls_) {
             Findings += "--calls: the file could not be written\n";

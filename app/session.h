@@ -50,6 +50,19 @@ std::unique_ptr<embedded::DriverImage> LoadImage(const std::filesystem::path &Fi
 
 class LogVolume;
 
+// Calls of the image go to Sink while this lives.
+class CallTrace {
+public:
+    explicit CallTrace(embedded::CallSink Sink) {
+        embedded::SetCallSink(std::move(Sink));
+    }
+    ~CallTrace() {
+        embedded::SetCallSink({});
+    }
+    CallTrace(const CallTrace &) = delete;
+    CallTrace &operator=(const CallTrace &) = delete;
+};
+
 class Session {
 public:
     // Starts everything. UsageError when an export cannot be served or the log cannot be written, StatusError when the
@@ -92,6 +105,7 @@ private:
     std::map<std::string, uint32_t> Switches_;
     std::unique_ptr<LogVolume> Log_;
     std::ofstream Calls_;
+    std::optional<CallTrace> Tracing_;
     std::unique_ptr<embedded::DriverImage> Image_; // null: the driver is linked in
     providers::DirectoryProvider Directories_;
     RVIOM_FSD *Served_ = nullptr;

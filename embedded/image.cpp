@@ -15,6 +15,7 @@
 #include "embedded/image_layouts.h"
 #include "embedded/image_symbols.h"
 #include "embedded/io_objects.h"
+#include "embedded/mm.h"
 #include "embedded/mup.h"
 #include "embedded/ps.h"
 #include "embedded/rtl.h"
@@ -100,7 +101,7 @@ Service ServiceFor(const ImageImport &Import, const ImageOptions &Options) {
     }
     for (const ModuleExport &Each : Options.Modules) {
         if (Each.Module == Import.Module && Each.Name == Import.Name) {
-            return {Each.Name.c_str(), Each.Address, ResultKind::Status, Each.Arguments, false};
+            return {Each.Name.c_str(), Each.Address, ResultKind::Status, Each.Arguments, false, {}};
         }
     }
     return {};
@@ -122,6 +123,7 @@ DriverImage::DriverImage(const std::filesystem::path &File, std::span<const uint
     if (const auto Reasons = ReadImageFormat(Bytes, &Format_); !Reasons.empty()) {
         Refuse(File, Reasons);
     }
+    WatchFaults();
     FindPdb();
     Map(Bytes, Options.Base);
     try {
@@ -223,15 +225,15 @@ void DriverImage::Bind(const ImageOptions &Options) {
         void *Address = Stubs_->Add(Import.Module, Called);
         memcpy(Base_ + Import.SlotRva, &Address, sizeof(Address));
     }
-    std::vector<std::string> Reasons;
+    std::string Text;
     for (const std::string &Module : Modules) {
-        Reasons.push_back(
-            IsModule(Module, Options)
-                ? fmt::format("{} does not export {}", Module, Missing[Module])
-                : fmt::format("it imports {} from {}, which is no module of this kernel", Missing[Module], Module));
+        Text += Text.empty() ? "" : "; ";
+        Text += IsModule(Module, Options)
+                    ? fmt::format("{} does not export {}", Module, Missing[Module])
+                    : fmt::format("it imports {} from {}, which is no module of this kernel", Missing[Module], Module);
     }
-    if (!Reasons.empty()) {
-        Refuse(File_, Reasons);
+    if (!Text.empty()) {
+        Refuse(File_, {Text});
     }
     Stubs_->Seal();
 }
@@ -249,8 +251,8 @@ void DriverImage::Protect() {
 
 void DriverImage::DiscardStartSections() {
     for (const ImageSection &Section : Format_.Sections) {
-        if (Section.Discardable) {
-            mprotect(Base_ + Section.Rva, Section.Size, PROT_NONE);
+        if (Section.Discardable && mprotect(Base_ + Section.Rva, Section.Size, PROT_NONE) != 0) {
+            Refuse(File_, {fmt::format("section {} cannot be taken away: {}", Section.Name, strerror(errno))});
         }
     }
 }
@@ -260,8 +262,11 @@ void DriverImage::FindPdb() {
     const std::filesystem::path Beside =
         File_.parent_path() / std::filesystem::path(Format_.PdbName.substr(Format_.PdbName.find_last_of("\\/") + 1));
     std::error_code Error;
-    if (Format_.PdbName.empty() || !std::filesystem::is_regular_file(Beside, Error)) {
+    if (Format_.PdbName.empty() || !std::filesystem::exists(Beside, Error)) {
         return;
+    }
+    if (!std::filesystem::is_regular_file(Beside, Error)) {
+        Refuse(Beside, {"not a regular file"});
     }
     try {
         if (ReadPdbGuid(Beside) != Format_.PdbGuid) {

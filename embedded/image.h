@@ -64,7 +64,7 @@ static_assert(offsetof(LoaderEntry, DllBase) == 0x30 && offsetof(LoaderEntry, Si
 class DriverImage {
 public:
     // Reads, checks, maps and binds File. Throws ImageError when it cannot be read, is none, needs what this kernel
-    // does not have (all unresolved imports are named, a line a module), when its table of record layouts differs from
+    // does not have (all unresolved imports are named in one line), when its table of record layouts differs from
     // this kernel's, or when the debug information beside it is another build's.
     explicit DriverImage(const std::filesystem::path &File, ImageOptions Options = {});
     // The same for the bytes of File, which is not read: its name is for reports, and for what lies beside it.

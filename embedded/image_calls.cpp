@@ -45,6 +45,8 @@ std::string ResultText(ResultKind Kind, uint64_t Result) {
     switch (Kind) {
     case ResultKind::Byte:
         return fmt::format("{}", Result & 0xFF);
+    case ResultKind::Word16:
+        return fmt::format("0x{:x}", Result & 0xFFFF);
     case ResultKind::Word32:
         return fmt::format("0x{:x}", Result & 0xFFFFFFFF);
     case ResultKind::Status:
@@ -60,12 +62,13 @@ std::string ResultText(ResultKind Kind, uint64_t Result) {
 }
 
 // The system time of the call's begin, the thread's number, the IRQL, the call, its result.
-void WriteLine(int64_t Begun, KIRQL Irql, const char *Name, const uint64_t *Arguments, size_t Count,
-               const std::string &Result) {
-    std::string Line =
-        fmt::format("{} thread 0x{:x} irql {} {}(", Begun, reinterpret_cast<uintptr_t>(&CurrentThread()), Irql, Name);
-    for (size_t Index = 0; Index < Count; ++Index) {
-        Line += fmt::format("{}0x{:x}", Index == 0 ? "" : ", ", Arguments[Index]);
+void WriteLine(int64_t Begun, KIRQL Irql, const Service &Called, const uint64_t *Arguments, const std::string &Result) {
+    std::string Line = fmt::format("{} thread 0x{:x} irql {} {}(", Begun, reinterpret_cast<uintptr_t>(&CurrentThread()),
+                                   Irql, Called.Name);
+    for (size_t Index = 0; Index < Called.Arguments; ++Index) {
+        const unsigned Bytes = Called.Sizes[Index];
+        const uint64_t Mask = Bytes == 0 || Bytes >= 8 ? UINT64_MAX : (uint64_t{1} << (8 * Bytes)) - 1;
+        Line += fmt::format("{}0x{:x}", Index == 0 ? "" : ", ", Arguments[Index] & Mask);
     }
     Line += ") = " + Result;
     const std::lock_guard Hold(Lines().Lock);
@@ -119,6 +122,8 @@ void *CallStubs::Add(const std::string &Module, const Service &Called) {
     Record->Target = Called.Address;
     Record->Module = Module;
     Record->Called = Called;
+    Record->Name = Called.Name;
+    Record->Called.Name = Record->Name.c_str();
     const CallRecord *Where = Records_.emplace_back(std::move(Record)).get();
     if (Recording_ == CallRecording::None) {
         return Called.Address;
@@ -143,8 +148,8 @@ void CallStubs::Seal() {
 }
 
 void RaisingCall::Write(uint32_t Code) noexcept {
-    WriteLine(Begun_, CurrentThread().Irql, Name_, Arguments_, 3,
-              Code == 0 ? "-" : fmt::format("raises 0x{:08X}", Code));
+    const Service Called = {Name_, nullptr, ResultKind::None, Count_, true, {}};
+    WriteLine(Begun_, CurrentThread().Irql, Called, Arguments_, Code == 0 ? "-" : fmt::format("raises 0x{:08X}", Code));
 }
 
 void *TracedReturn(const void *Address, size_t Depth) noexcept {
@@ -166,8 +171,7 @@ void *NTAPI EmbeddedCallEntered(CallRecord *Record, const uint64_t *Arguments, v
     OpenCall Call = {Record, *ReturnSlot, Clock::SystemTime(), CurrentThread().Irql, {}};
     memcpy(Call.Arguments, Arguments, sizeof(Call.Arguments));
     if (Record->Called.Result == ResultKind::NoReturn) {
-        WriteLine(Call.Begun, Call.Irql, Record->Called.Name, Call.Arguments, Record->Called.Arguments,
-                  ResultText(ResultKind::NoReturn, 0));
+        WriteLine(Call.Begun, Call.Irql, Record->Called, Call.Arguments, ResultText(ResultKind::NoReturn, 0));
         return Record->Target;
     }
     Open.push_back(Call);
@@ -178,7 +182,7 @@ void *NTAPI EmbeddedCallEntered(CallRecord *Record, const uint64_t *Arguments, v
 void *NTAPI EmbeddedCallLeft(uint64_t Result) noexcept {
     const OpenCall Call = Open.back();
     Open.pop_back();
-    WriteLine(Call.Begun, Call.Irql, Call.Record->Called.Name, Call.Arguments, Call.Record->Called.Arguments,
+    WriteLine(Call.Begun, Call.Irql, Call.Record->Called, Call.Arguments,
               ResultText(Call.Record->Called.Result, Result));
     return Call.ReturnsTo;
 }

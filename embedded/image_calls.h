@@ -23,6 +23,7 @@ struct CallRecord {
     std::atomic<uint64_t> Calls;
     void *Target;
     std::string Module;
+    std::string Name;
     Service Called;
 };
 
@@ -64,8 +65,8 @@ inline constinit std::atomic<bool> CallLinesWanted{false};
 // A call of a raising service does not come through the tracer: its gate says so itself, on every call, so that nothing
 // is done when no line is wanted.
 struct RaisingCall {
-    RaisingCall(const char *Name, uint64_t First, uint64_t Second, uint64_t Third) noexcept
-        : Name_(Name), Arguments_{First, Second, Third},
+    RaisingCall(const char *Name, uint8_t Count, uint64_t First, uint64_t Second, uint64_t Third) noexcept
+        : Name_(Name), Count_(Count), Arguments_{First, Second, Third},
           Begun_(CallLinesWanted.load(std::memory_order_relaxed) ? Clock::SystemTime() : 0) {
     }
     void Ended(uint32_t Code) noexcept {
@@ -78,6 +79,7 @@ private:
     void Write(uint32_t Code) noexcept;
 
     const char *Name_;
+    uint8_t Count_;
     uint64_t Arguments_[3];
     int64_t Begun_;
 };

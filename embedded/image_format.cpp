@@ -273,7 +273,8 @@ bool Reader::ReadOptionalHeader(uint64_t Optional, uint16_t OptionalSize) {
         SectionTable_ + SectionCount_ * SectionHeaderBytes > Format_.HeaderSize) {
         Refuse("its headers are {} bytes long, which cannot be", Format_.HeaderSize);
     }
-    if (const uint32_t Right = ImageChecksum(File_, Optional + ChecksumField); Right != Format_.Checksum) {
+    if (const uint32_t Right = ImageChecksum(File_, Optional + ChecksumField);
+        Reasons_.empty() && Right != Format_.Checksum) {
         Refuse("its checksum is 0x{:08X} where 0x{:08X} belongs: damaged, or changed after it was linked",
                Format_.Checksum, Right);
     }
@@ -484,7 +485,7 @@ void Reader::CheckSlots() {
 
 void Reader::ReadRelocations() {
     const Range &Table = Directories_[Relocations];
-    if (Fixed_) {
+    if (Fixed_ || Table.Size == 0) {
         Refuse("it cannot be moved: it has no relocations");
         return;
     }

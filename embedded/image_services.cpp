@@ -155,25 +155,35 @@ constexpr ResultKind KindOf() {
     } else if constexpr (std::is_same_v<R, NTSTATUS>) {
         return ResultKind::Status;
     } else {
-        return sizeof(R) == 8 ? ResultKind::Word64 : ResultKind::Word32;
+        return sizeof(R) == 8 ? ResultKind::Word64 : sizeof(R) == 2 ? ResultKind::Word16 : ResultKind::Word32;
     }
+}
+
+template <typename... Args>
+Service Make(const char *Name, void *Address, ResultKind Result) {
+    constexpr size_t Bytes[] = {sizeof(Args)..., 0};
+    Service Made = {Name, Address, Result, std::min<uint8_t>(sizeof...(Args), 4), false, {}};
+    for (size_t Index = 0; Index < Made.Arguments; ++Index) {
+        Made.Sizes[Index] = static_cast<uint8_t>(Bytes[Index]);
+    }
+    return Made;
 }
 
 template <typename R, typename... Args>
 Service Of(const char *Name, R(NTAPI *Function)(Args...) noexcept) {
-    return {Name, AddressOf(Function), KindOf<R>(), std::min<uint8_t>(sizeof...(Args), 4), false};
+    return Make<Args...>(Name, AddressOf(Function), KindOf<R>());
 }
 // A 32-bit result that is no status.
 template <typename R, typename... Args>
 Service Plain(const char *Name, R(NTAPI *Function)(Args...) noexcept) {
-    return {Name, AddressOf(Function), ResultKind::Word32, std::min<uint8_t>(sizeof...(Args), 4), false};
+    return Make<Args...>(Name, AddressOf(Function), ResultKind::Word32);
 }
 template <typename R, typename... Args>
 Service Ending(const char *Name, R(NTAPI *Function)(Args...) noexcept) {
-    return {Name, AddressOf(Function), ResultKind::NoReturn, std::min<uint8_t>(sizeof...(Args), 4), false};
+    return Make<Args...>(Name, AddressOf(Function), ResultKind::NoReturn);
 }
 Service Raising(const char *Name, uint8_t Arguments) {
-    return {Name, RaisingGate(Name), ResultKind::None, Arguments, true};
+    return {Name, RaisingGate(Name), ResultKind::None, Arguments, true, {}};
 }
 
 std::vector<Service> Table() {
@@ -271,8 +281,8 @@ std::vector<Service> Table() {
         Of("ZwDeleteFile", ZwDeleteFile),
         Of("ZwQuerySystemInformation", ZwQuerySystemInformation),
         Of("NtSetSecurityObject", NtSetSecurityObject),
-        {"DbgPrint", AddressOf(&DbgPrint), ResultKind::Status, 1, false},
-        {"DbgPrintEx", AddressOf(&DbgPrintEx), ResultKind::Status, 3, false},
+        {"DbgPrint", AddressOf(&DbgPrint), ResultKind::Status, 1, false, {}},
+        {"DbgPrintEx", AddressOf(&DbgPrintEx), ResultKind::Status, 3, false, {4, 4, 8}},
     };
 }
 

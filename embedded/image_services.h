@@ -8,7 +8,7 @@
 
 namespace embedded {
 
-enum class ResultKind : uint8_t { None, Byte, Word32, Status, Word64, NoReturn };
+enum class ResultKind : uint8_t { None, Byte, Word16, Word32, Status, Word64, NoReturn };
 
 struct Service {
     const char *Name;
@@ -17,6 +17,8 @@ struct Service {
     uint8_t Arguments; // those shown in a call trace; at most four
     // May raise: its address is a gate that hands the exception to the image's own handlers.
     bool Raises;
+    // Bytes of each argument that is shown; 0 for eight. The rest of its register has no meaning.
+    uint8_t Sizes[4];
 };
 
 // All of them, of ntoskrnl.exe.

@@ -151,13 +151,13 @@ std::string OutputOf(std::vector<std::string> Words) {
     close(Pipe[1]);
     std::string Text;
     char Part[4096];
-    for (ssize_t Got; Failed == 0 && (Got = read(Pipe[0], Part, sizeof(Part))) > 0;) {
+    for (ssize_t Got; Failed == 0 && (Got = TEMP_FAILURE_RETRY(read(Pipe[0], Part, sizeof(Part)))) > 0;) {
         Text.append(Part, static_cast<size_t>(Got));
     }
     close(Pipe[0]);
     int Status = -1;
     if (Failed == 0) {
-        waitpid(Child, &Status, 0);
+        TEMP_FAILURE_RETRY(waitpid(Child, &Status, 0));
     }
     return Status == 0 ? Text : std::string();
 }

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <optional>
+#include <ucontext.h>
 
 #include <fmt/format.h>
 
@@ -246,6 +247,23 @@ struct ExceptionPointers {
 using Filter = int32_t(NTAPI *)(ExceptionPointers *Pointers, void *Establisher);
 using Termination = void(NTAPI *)(uint8_t Abnormal, void *Establisher);
 
+// A line for each frame of the image from Context on.
+std::string DescribeFrames(const DriverImage &Image, UnwindContext At) {
+    const Walker Walk(Image, CurrentThread().StackLow, CurrentThread().StackHigh);
+    std::string Text;
+    Frame Left;
+    for (unsigned Depth = 0; Depth < DeepestStack && Image.Contains(reinterpret_cast<void *>(At.Rip)); ++Depth) {
+        Text += "\n  in " + DescribeAddress(reinterpret_cast<void *>(At.Rip));
+        if (!Walk.Step(&At, &Left)) {
+            break;
+        }
+    }
+    return Text;
+}
+
+// Raises of this thread that are being dispatched.
+thread_local unsigned Deep = 0;
+
 class Raise {
 public:
     Raise(uint32_t Code, const UnwindContext &Origin, const DriverImage &Image)
@@ -285,15 +303,12 @@ private:
 void Raise::NotTaken(std::string_view Why) {
     std::string Text =
         fmt::format("exception 0x{:08X} raised into {}: {}", Code_, Image_.File().filename().string(), Why);
-    UnwindContext At = Origin_;
-    Frame Left;
-    for (unsigned Depth = 0; Depth < DeepestStack && Image_.Contains(reinterpret_cast<void *>(At.Rip)); ++Depth) {
-        Text += "\n  in " + DescribeAddress(reinterpret_cast<void *>(At.Rip));
-        if (!Walk_.Step(&At, &Left)) {
-            break;
-        }
+    if (Deep > 1) {
+        Text +=
+            " (it was raised while another looked for its handler: only handlers of the filter's or the termination "
+            "handler's own are asked)";
     }
-    BugCheck(0x1E, Code_, Origin_.Rip, 0, 0, Text);
+    BugCheck(0x1E, Code_, Origin_.Rip, 0, 0, Text + DescribeFrames(Image_, Origin_));
 }
 
 // The one language handler there is: reached through the image's jump to its import.
@@ -403,7 +418,6 @@ void Raise::Dispatch(UnwindContext *Resume) {
         if (Depth == TakenDepth) {
             *Resume = Before;
             Resume->Rip = reinterpret_cast<uint64_t>(Image_.Base()) + Target_;
-            Resume->Registers[StackPointer] = Here.Establisher;
             return;
         }
     }
@@ -445,6 +459,26 @@ bool UnwindImageFrame(const DriverImage &Image, UnwindContext *Context, uintptr_
     return Walker(Image, Low, High).Step(Context, &Ignored);
 }
 
+void ReportFaultInImage(const void *Address, void *SignalContext) {
+    // In the order of the instruction set.
+    constexpr int Order[] = {REG_RAX, REG_RCX, REG_RDX, REG_RBX, REG_RSP, REG_RBP, REG_RSI, REG_RDI,
+                             REG_R8,  REG_R9,  REG_R10, REG_R11, REG_R12, REG_R13, REG_R14, REG_R15};
+    const greg_t *Registers = static_cast<const ucontext_t *>(SignalContext)->uc_mcontext.gregs;
+    const auto Rip = reinterpret_cast<const void *>(Registers[REG_RIP]);
+    const DriverImage *Image = ImageOf(Rip);
+    if (Image == nullptr) {
+        return;
+    }
+    UnwindContext Context = {};
+    Context.Rip = static_cast<uint64_t>(Registers[REG_RIP]);
+    for (size_t Index = 0; Index < std::size(Order); ++Index) {
+        Context.Registers[Index] = static_cast<uint64_t>(Registers[Order[Index]]);
+    }
+    BugCheck(0x50, reinterpret_cast<ULONG_PTR>(Address), 0, Context.Rip, 0,
+             fmt::format("{} touched memory at {} that it cannot{}", Image->File().filename().string(), Address,
+                         DescribeFrames(*Image, Context)));
+}
+
 } // namespace embedded
 
 using namespace embedded;
@@ -453,19 +487,20 @@ using namespace embedded;
 extern "C" {
 
 uint32_t NTAPI EmbeddedRaisingMmProbeAndLockPages(PMDL Mdl, KPROCESSOR_MODE Mode, LOCK_OPERATION Operation) noexcept {
-    return Catch([=] { ProbeAndLockPages(Mdl, Mode, Operation); },
-                 {"MmProbeAndLockPages", Number(Mdl), static_cast<uint64_t>(Mode), static_cast<uint64_t>(Operation)});
+    return Catch(
+        [=] { ProbeAndLockPages(Mdl, Mode, Operation); },
+        {"MmProbeAndLockPages", 3, Number(Mdl), static_cast<uint64_t>(Mode), static_cast<uint64_t>(Operation)});
 }
 uint32_t NTAPI EmbeddedRaisingProbeForRead(const void *Address, SIZE_T Length, ULONG Alignment) noexcept {
     return Catch([=] { Probe(Address, Length, Alignment, false); },
-                 {"ProbeForRead", Number(Address), Length, Alignment});
+                 {"ProbeForRead", 3, Number(Address), Length, Alignment});
 }
 uint32_t NTAPI EmbeddedRaisingProbeForWrite(void *Address, SIZE_T Length, ULONG Alignment) noexcept {
     return Catch([=] { Probe(Address, Length, Alignment, true); },
-                 {"ProbeForWrite", Number(Address), Length, Alignment});
+                 {"ProbeForWrite", 3, Number(Address), Length, Alignment});
 }
 uint32_t NTAPI EmbeddedRaisingExRaiseStatus(NTSTATUS Status) noexcept {
-    return Catch([=] { throw RaisedException{Status}; }, {"ExRaiseStatus", static_cast<uint32_t>(Status), 0, 0});
+    return Catch([=] { throw RaisedException{Status}; }, {"ExRaiseStatus", 1, static_cast<uint32_t>(Status), 0, 0});
 }
 
 // Where the raise goes on, into *Context; the code, which handlers find in eax.
@@ -475,7 +510,9 @@ uint32_t NTAPI EmbeddedDispatchRaise(uint32_t Code, UnwindContext *Context) noex
         BugCheck(0x1E, Code, Context->Rip, 0, 0, fmt::format("exception 0x{:08X} raised outside of any image", Code));
     }
     UnwindContext Resume;
+    ++Deep;
     Raise(Code, *Context, *Image).Dispatch(&Resume);
+    --Deep;
     *Context = Resume;
     return Code;
 }

@@ -28,6 +28,9 @@ inline constexpr size_t FramePointer = 5;
 // no use. Low and High bound the stack.
 bool UnwindImageFrame(const DriverImage &Image, UnwindContext *Context, uintptr_t Low, uintptr_t High);
 
+// From the handler of a memory fault: when the instruction is an image's, stops with its frames; returns otherwise.
+void ReportFaultInImage(const void *Address, void *SignalContext);
+
 // The gates of the raising services: what an image's import slot points to.
 void *RaisingGate(const char *Service);
 

@@ -1,5 +1,7 @@
 #include "embedded/mm.h"
 
+#include "embedded/image_unwind.h"
+
 #include <csignal>
 #include <ucontext.h>
 #include <utility>
@@ -85,6 +87,7 @@ void OnFault(int Signal, siginfo_t *Info, void *Context) {
         Rip = reinterpret_cast<greg_t>(EmbeddedProbeFault);
         return;
     }
+    ReportFaultInImage(Info->si_addr, Context);
     PassOn(Signal == SIGSEGV ? OldSegv : OldBus, Signal, Info, Context);
 }
 
@@ -172,8 +175,12 @@ void FreeSpareMdl(KThread &Thread) {
     }
 }
 
-bool ProbeRange(const void *Address, SIZE_T Length, bool Write) {
+void WatchFaults() {
     [[maybe_unused]] static const bool Installed = (InstallHandler(), true);
+}
+
+bool ProbeRange(const void *Address, SIZE_T Length, bool Write) {
+    WatchFaults();
     return Length == 0 || TouchPages(AddressOf(Address), Length, Write ? EmbeddedProbeWrite : EmbeddedProbeRead);
 }
 

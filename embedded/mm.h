@@ -20,6 +20,9 @@ struct RaisedException {
 // cannot be accessed; for UserMode also for pool, the lowest 64 KiB and anything beyond the user half.
 void ProbeAndLockPages(PMDL Mdl, KPROCESSOR_MODE Mode, LOCK_OPERATION Operation);
 
+// Installs the handler, if that has not been done.
+void WatchFaults();
+
 // Whether [Address, Address + Length) can be read (written); a write probe leaves the bytes as they are.
 bool ProbeRange(const void *Address, SIZE_T Length, bool Write);
 

@@ -1,5 +1,6 @@
 #include "embedded/ps.h"
 
+#include <chrono>
 #include <csetjmp>
 #include <list>
 #include <map>
@@ -25,6 +26,9 @@ struct SystemThread {
     bool Stopped = false; // ended in a delay, by StopSystemThreads
     bool Ended = false;   // guarded by the table's mutex
 };
+
+// How long the host waits for system threads when the machine goes down.
+constexpr std::chrono::seconds LongestEnd{60};
 
 using ThreadPointer = std::shared_ptr<SystemThread>;
 
@@ -203,7 +207,16 @@ void StopSystemThreads() {
         for (const ThreadPointer &Thread : All.Threads) {
             UnparkThread(Thread->Thread);
         }
-        All.Ended.wait(Lock, [&] { return All.Running == 0; });
+        // A thread that waits for what never comes, or never comes to a delay, would hang the machine.
+        if (!All.Ended.wait_for(Lock, LongestEnd, [&] { return All.Running == 0; })) {
+            std::string Text = fmt::format("{} system thread(s) do not end", All.Running);
+            for (const ThreadPointer &Thread : All.Threads) {
+                if (!Thread->Ended) {
+                    Text += "\n  begun at " + DescribeAddress(reinterpret_cast<void *>(Thread->Start));
+                }
+            }
+            BugCheck(bugcheck::Verifier, bugcheck::LeakAtUnload, 0, 0, 0, Text);
+        }
     }
     Reap();
     {

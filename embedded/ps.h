@@ -59,7 +59,8 @@ SIZE_T JoinSystemThreads(LONGLONG Limit = 60 * Clock::Second);
 
 // The machine goes down: every system thread that is in a delay, or enters one, ends there, as if it had called
 // PsTerminateSystemThread; all are joined. Pool that such a thread allocated and still has is no leak: it is freed.
-// Waits for threads that are busy; a thread that never comes to a delay without a lock hangs it.
+// Waits for threads that are busy; one that has not come to a delay without a lock after a minute stops the process
+// with the place where it began.
 void StopSystemThreads();
 
 // TRUE in a system thread that StopSystemThreads wants ended; asked by the delays.

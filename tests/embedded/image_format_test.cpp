@@ -304,8 +304,8 @@ TEST(ImageLoader, AllUnresolvedImportsAreNamedAtOnce) {
     Parts.OtherImport = "ZelmNoSuchThing";
     const File Bytes = BuildSmallImage(Parts);
     EXPECT_EQ(Refusal([&] { Load(Bytes); }),
-              "/no/such/folder/small.sys: ntoskrnl.exe does not export NtNoSuchThing, ExNeitherThis\n"
-              "/no/such/folder/small.sys: zelm.sys does not export ZelmNoSuchThing");
+              "/no/such/folder/small.sys: ntoskrnl.exe does not export NtNoSuchThing, ExNeitherThis; "
+              "zelm.sys does not export ZelmNoSuchThing");
     // What is refused leaves its place free.
     ImageOptions There = Options();
     There.Base = reinterpret_cast<uintptr_t>(Load(BuildSmallImage())->Base());

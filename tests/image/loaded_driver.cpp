@@ -42,7 +42,10 @@ void CountCalls(const embedded::DriverImage &Image) {
 
 // There is always a mapping: tests call functions of the driver, and look at its variables, without a kernel too.
 std::unique_ptr<embedded::DriverImage> &Mapping() {
-    static auto &Instance = *new std::unique_ptr<embedded::DriverImage>(Map());
+    static auto &Instance = *new std::unique_ptr<embedded::DriverImage>;
+    if (Instance == nullptr) {
+        Instance = Map();
+    }
     return Instance;
 }
 
@@ -65,6 +68,14 @@ public:
     }
 };
 
+// A test that runs no kernel leaves the driver's variables to nobody either.
+class FreshImage : public testing::EmptyTestEventListener {
+    void OnTestEnd(const testing::TestInfo &) override {
+        ResetDriverUnderTest();
+    }
+};
+
+[[maybe_unused]] const bool Listening = (testing::UnitTest::GetInstance()->listeners().Append(new FreshImage), true);
 [[maybe_unused]] const testing::Environment *const Registered = testing::AddGlobalTestEnvironment(new ImageOfAllTests);
 
 } // namespace
@@ -76,7 +87,7 @@ NTSTATUS LoadDriverUnderTest(embedded::Kernel &Kernel) {
 void ResetDriverUnderTest() {
     CountCalls(*Mapping());
     Mapping().reset();
-    Mapping() = Map();
+    Mapping();
 }
 
 void *ServiceBehind(void *Function) {

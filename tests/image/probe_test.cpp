@@ -116,6 +116,13 @@ TEST_F(ImageProbe, AnExceptionThatNobodyTakesStopsWithTheImagesLines) {
                  ".*probe.sys!Deep.*probe.cpp:[^\n]*\n(.*\n)*.*probe.sys!ProbeUncaught.*probe.cpp:");
 }
 
+TEST_F(ImageProbe, AMemoryFaultStopsWithTheImagesLinesToo) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(Call("ProbeTouch", reinterpret_cast<ULONG *>(0x10)),
+                 "STOP 0x00000050 .0x0000000000000010.*probe.sys touched memory at 0x10 that it cannot\n"
+                 ".*in probe.sys!ProbeTouch.*probe.cpp:[0-9]+");
+}
+
 TEST_F(ImageProbe, AReportNamesTheLineThatAllocatedWhatIsLeft) {
     void *Block = nullptr;
     ASSERT_EQ(Call("ProbeAllocate", &Block), STATUS_SUCCESS);
@@ -167,7 +174,7 @@ TEST_F(ImageCalls, HaveALineEachWithThreadLevelAndResult) {
     EXPECT_THAT(Lines[0], testing::ContainsRegex("^[0-9]+ thread 0x[0-9a-f]+ irql 0 "
                                                  "ExAllocatePoolWithTag\\(0x200, 0x18, 0x626f7250\\) = 0x[0-9a-f]+$"));
     EXPECT_THAT(Lines[1], testing::ContainsRegex("ExFreePoolWithTag\\(0x[0-9a-f]+, 0x0\\) = -$"));
-    EXPECT_THAT(Lines[2], HasSubstr("ExRaiseStatus(0xe0000001, 0x0, 0x0) = raises 0xE0000001"));
+    EXPECT_THAT(Lines[2], HasSubstr("ExRaiseStatus(0xe0000001) = raises 0xE0000001"));
     std::map<std::string, uint64_t> Counts;
     for (const auto &Record : Image->Calls()) {
         Counts[Record->Called.Name] = Record->Calls;

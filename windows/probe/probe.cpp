@@ -92,7 +92,7 @@ PROBE ProbeFinally(NTSTATUS Status, NTSTATUS Wanted) {
     return STATUS_SUCCESS;
 }
 
-// Registers that calls preserve hold the same after the catch: nine numbers and eight floating-point ones live across
+// Registers that calls preserve hold the same after the catch: six numbers and six floating-point ones live across
 // it.
 PROBE ProbeRegisters(PULONG64 Numbers, double *Values) {
     const ULONG64 A = Numbers[0], B = Numbers[1], C = Numbers[2], D = Numbers[3], E = Numbers[4], F = Numbers[5];
@@ -103,18 +103,40 @@ PROBE ProbeRegisters(PULONG64 Numbers, double *Values) {
     return Caught;
 }
 
-// A frame that moves its stack pointer, whose unwinding goes by a frame register.
+// Writes over the stack below its caller's frame.
+static __attribute__((noinline)) ULONG Overwrite(ULONG Value) {
+    volatile ULONG Much[128];
+    for (ULONG Index = 0; Index < 128; ++Index) {
+        Much[Index] = Value;
+    }
+    return Much[Value % 128];
+}
+
+// A frame that moves its stack pointer, whose unwinding goes by a frame register: what it holds below is there after
+// the catch, and calls do not overwrite it. Returns the bytes that are spoiled, or the code.
 PROBE ProbeMovingFrame(ULONG Bytes, NTSTATUS Status) {
     volatile char *Room = static_cast<volatile char *>(__builtin_alloca(Bytes));
-    Room[0] = 1;
-    Room[Bytes - 1] = 2;
+    for (ULONG Index = 0; Index < Bytes; ++Index) {
+        Room[Index] = static_cast<char>(Index);
+    }
     NTSTATUS Caught = STATUS_SUCCESS;
     __try {
         Deep(3, Status, Bytes, 2, 3);
     } __except (EXCEPTION_EXECUTE_HANDLER) {
         Caught = GetExceptionCode();
     }
-    return Room[0] == 1 && Room[Bytes - 1] == 2 ? Caught : STATUS_UNSUCCESSFUL;
+    Step(Overwrite(9));
+    NTSTATUS Spoiled = 0;
+    for (ULONG Index = 0; Index < Bytes; ++Index) {
+        Spoiled += Room[Index] != static_cast<char>(Index);
+    }
+    return Spoiled != 0 ? Spoiled : Caught;
+}
+
+// Touches memory as no driver may.
+PROBE ProbeTouch(PULONG Address) {
+    Step(*const_cast<volatile ULONG *>(Address));
+    return STATUS_SUCCESS;
 }
 
 // What user memory raises.
