@@ -92,9 +92,12 @@ while [ "$shard" -lt "$shards" ]; do
     shard=$((shard + 1))
 done
 if [ -n "$calls" ] && [ "$filter" = "*" ]; then
-    unused=$(awk '{ calls[$1 " " $2] += $3 } END { for (name in calls) if (!calls[name]) print name }' "$logs"/shard-*.calls |
+    unused=$(awk '{ calls[$1 " " $2] += $3 } END { for (name in calls) if (!calls[name]) print name }' "$logs"/shard-*.calls 2>/dev/null |
         sort)
-    if [ -n "$unused" ]; then
+    if ! cat "$logs"/shard-*.calls 2>/dev/null | grep -q .; then
+        echo "No call of an import was counted."
+        failed=$((failed + 1))
+    elif [ -n "$unused" ]; then
         echo "Imports of the image that no test reached:"
         echo "$unused"
         failed=$((failed + 1))
