@@ -96,11 +96,16 @@ void AddGlobalOptions(CLI::App &App, GlobalOptions &Text) {
                    "'\\\\server\\volume=\\\\other\\vol\\dir'; may be repeated. Without one the sample tree is "
                    "\\\\demo\\files")
         ->take_all()
-        ->expected(1);
-    App.add_option("--quota", Text.Quotas, "limit an export, '\\\\server\\volume=BYTES'")->take_all()->expected(1);
+        ->expected(1)
+        ->allow_extra_args(false);
+    App.add_option("--quota", Text.Quotas, "limit an export, '\\\\server\\volume=BYTES'")
+        ->take_all()
+        ->expected(1)
+        ->allow_extra_args(false);
     App.add_option("--set", Text.Switches, "a switch of the driver's, NAME=VALUE; may be repeated")
         ->take_all()
-        ->expected(1);
+        ->expected(1)
+        ->allow_extra_args(false);
     App.add_option("--trace", Text.Trace, "the driver's messages of these categories on standard error");
     App.add_option("--log", Text.Log, "the driver's log file");
     App.add_option("--image", Text.Image, "run this image of the driver (RVFSD.sys) instead of the one linked in")

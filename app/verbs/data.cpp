@@ -177,7 +177,29 @@ void CopyAcross(Session &Running, const std::string &From, const std::string &To
     Target.Keep();
 }
 
-void CopyAny(Session &Running, const std::string &From, const std::string &To, bool Replace) {
+std::string LastComponent(const std::string &Path) {
+    return Path.substr(Path.find_last_of(IsRemote(Path) ? "\\/" : "/") + 1);
+}
+
+// Where a copy to To goes: a directory takes it in under the last component of From.
+std::string CopyTarget(const std::string &From, const std::string &To) {
+    if (!IsRemote(To)) {
+        std::error_code Unknown; // the open that follows says what is wrong
+        const bool Into = std::filesystem::is_directory(To, Unknown);
+        return Into ? (std::filesystem::path(To) / LastComponent(From)).string() : To;
+    }
+    const embedded::CreateResult Directory =
+        OpenRemote(RemotePath(To), {.Access = FILE_READ_ATTRIBUTES | SYNCHRONIZE,
+                                    .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
+    if (!NT_SUCCESS(Directory.Status)) {
+        return To;
+    }
+    NtClose(Directory.Handle);
+    return (To.ends_with('\\') || To.ends_with('/') ? To : To + '\\') + LastComponent(From);
+}
+
+void CopyAny(Session &Running, const std::string &From, const std::string &Target, bool Replace) {
+    const std::string To = CopyTarget(From, Target);
     if (IsRemote(From) && IsRemote(To)) {
         CopyAcross(Running, From, To, Replace);
     } else if (IsRemote(From)) {
@@ -232,6 +254,9 @@ void AddDataVerbs(CLI::App &App, Command &Chosen) {
     PutVerb->add_flag("--force", Put->Force, "replace a file that is there");
     PutVerb->callback([&Chosen, Put] {
         Chosen = [Put](Session &Running) {
+            if (!IsRemote(Put->Path) && IsRemote(Put->From)) {
+                throw UsageError(fmt::format("put: the target comes first: put {} {}", Put->From, Put->Path));
+            }
             return Guarded([&] {
                 LocalFile From =
                     Put->From == "-" ? LocalFile(STDIN_FILENO, "standard input") : LocalFile::OpenForReading(Put->From);
@@ -248,7 +273,7 @@ void AddDataVerbs(CLI::App &App, Command &Chosen) {
     auto *CopyVerb = App.add_subcommand("cp", "copy a file in, out, or from server to server");
     auto Copying = std::make_shared<CopyOptions>();
     CopyVerb->add_option("SOURCE", Copying->From)->required();
-    CopyVerb->add_option("TARGET", Copying->To)->required();
+    CopyVerb->add_option("TARGET", Copying->To, "a file, or the directory to copy into")->required();
     CopyVerb->add_flag("--force", Copying->Force, "replace a file that is there");
     CopyVerb->callback([&Chosen, Copying] {
         Chosen = [Copying](Session &Running) {

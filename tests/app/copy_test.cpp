@@ -56,6 +56,11 @@ TEST_F(ProgramCopy, GoesInOutAndAcross) {
     EXPECT_EQ(Served.Read("across"), Bytes);
     Succeeds({"cp", "//srv/vol/across", Local.File("out")});
     EXPECT_EQ(Local.Read("out"), Bytes);
+    Succeeds({"mkdir", R"(\\srv\vol\dir)"});
+    Succeeds({"cp", Local.File("big"), R"(\\srv\vol\dir)"});
+    EXPECT_EQ(Served.Read("dir/big"), Bytes) << "a directory takes it in";
+    Succeeds({"cp", R"(\\srv\vol\across)", Local.Path().string()});
+    EXPECT_EQ(Local.Read("across"), Bytes);
     Succeeds({"put", R"(\\srv\vol\put)", Local.File("big")});
     EXPECT_EQ(Served.Read("put"), Bytes);
     Succeeds({"put", R"(\\srv\vol\stdin)"}, "of standard input");

@@ -126,6 +126,11 @@ TEST(Program, NamesThatAreNoneAreRefusedByTheDriver) {
 TEST(Program, BadUsageIsSaidAndEndsWithTwo) {
     const Case Cases[] = {
         {{"frobnicate"}, 2, "", "frobnicate: no such verb; --help lists them\n"},
+        {{"--set", "EnableDebug=0", "frobnicate"}, 2, "", "frobnicate: no such verb; --help lists them\n"},
+        {{"put", "here", R"(\\demo\files\there)"},
+         2,
+         "",
+         "put: the target comes first: put \\\\demo\\files\\there here\n"},
         {{"--bogus"}, 2, "", "The following argument was not expected: --bogus..."},
         {{"cat"}, 2, "", "PATH is required..."},
         {{"cat", "docs/a.txt"}, 2, "", "docs/a.txt: a remote path begins with \\\\server\\volume\n"},
