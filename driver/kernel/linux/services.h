@@ -30,21 +30,26 @@ NTKERNELAPI PSLIST_ENTRY NTAPI ExpInterlockedPushEntrySList(PSLIST_HEADER ListHe
 NTKERNELAPI USHORT NTAPI ExQueryDepthSList(PSLIST_HEADER ListHead) noexcept;
 NTKERNELAPI VOID NTAPI ExSystemTimeToLocalTime(PLARGE_INTEGER SystemTime, PLARGE_INTEGER LocalTime) noexcept;
 
-// Inline in the DDK as well: the list's own counters and routines, then the interlocked list.
+// Inline in the DDK as well: the list's own counters and routines, then the interlocked list. The counters are
+// statistics and not interlocked, there as here: two threads at once may count for one.
+static inline VOID CountInLookasideList(ULONG *Counter) {
+    __atomic_store_n(Counter, __atomic_load_n(Counter, __ATOMIC_RELAXED) + 1, __ATOMIC_RELAXED);
+}
+
 static inline PVOID ExAllocateFromNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside) {
-    __atomic_fetch_add(&Lookaside->L.TotalAllocates, 1, __ATOMIC_RELAXED);
+    CountInLookasideList(&Lookaside->L.TotalAllocates);
     PVOID Entry = ExpInterlockedPopEntrySList(&Lookaside->L.ListHead);
     if (Entry == nullptr) {
-        __atomic_fetch_add(&Lookaside->L.AllocateMisses, 1, __ATOMIC_RELAXED);
+        CountInLookasideList(&Lookaside->L.AllocateMisses);
         Entry = Lookaside->L.Allocate(Lookaside->L.Type, Lookaside->L.Size, Lookaside->L.Tag);
     }
     return Entry;
 }
 
 static inline VOID ExFreeToNPagedLookasideList(PNPAGED_LOOKASIDE_LIST Lookaside, PVOID Entry) {
-    __atomic_fetch_add(&Lookaside->L.TotalFrees, 1, __ATOMIC_RELAXED);
+    CountInLookasideList(&Lookaside->L.TotalFrees);
     if (ExQueryDepthSList(&Lookaside->L.ListHead) >= Lookaside->L.Depth) {
-        __atomic_fetch_add(&Lookaside->L.FreeMisses, 1, __ATOMIC_RELAXED);
+        CountInLookasideList(&Lookaside->L.FreeMisses);
         Lookaside->L.Free(Entry);
     } else {
         ExpInterlockedPushEntrySList(&Lookaside->L.ListHead, (PSLIST_ENTRY)Entry);
