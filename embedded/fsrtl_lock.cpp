@@ -14,6 +14,7 @@
 #include "embedded/fsrtl_ranges.h"
 #include "embedded/verifier.h"
 
+#include <algorithm>
 #include <atomic>
 #include <list>
 #include <memory>
@@ -180,6 +181,9 @@ std::optional<Grant> GrantNextLocked(LockTable &Table) {
         }
         Waiter Next = TakeLocked(Table.Waiters, At);
         try {
+            if (ShouldFail(FaultKind::Pool)) {
+                throw std::bad_alloc();
+            }
             LockId Id = Table.GrantLocked(Next.Wanted);
             return Grant{std::move(Next), STATUS_SUCCESS, Id};
         } catch (const std::bad_alloc &) {
@@ -366,6 +370,14 @@ std::optional<Waiter> TakeWaiter(const TableReference &Table, Predicate Counts) 
     return std::nullopt;
 }
 
+// Whether a request waits that no canceller has taken.
+bool AnyWaits(LockTable &Table) {
+    std::lock_guard Hold(Table.Mutex);
+    return std::any_of(Table.Waiters.begin(), Table.Waiters.end(), [](const Waiter &Waiting) {
+        return __atomic_load_n(&Waiting.Irp->CancelRoutine, __ATOMIC_SEQ_CST) != nullptr;
+    });
+}
+
 // Removes the locks and ends the waiting requests of an owner.
 void UnlockAll(PFILE_LOCK FileLock, const OwnerPattern &Whose, PVOID Context) {
     TableReference Table = ExistingTable(FileLock);
@@ -434,7 +446,7 @@ VOID NTAPI FsRtlUninitializeFileLock(PFILE_LOCK FileLock) noexcept {
     if (Table == nullptr) {
         return;
     }
-    if (Verifying() && WaitingFileLocks(FileLock) != 0) {
+    if (Verifying() && AnyWaits(*Table)) {
         BugCheck(bugcheck::Verifier, bugcheck::OwnRule, reinterpret_cast<ULONG_PTR>(FileLock), 0, 0,
                  "FsRtlUninitializeFileLock: lock requests still wait in the table");
     }

@@ -13,6 +13,7 @@ namespace {
 DRIVER_GLOBAL KSPIN_LOCK OutlivingLock = 0;
 DRIVER_GLOBAL LIST_ENTRY OutlivingFcbs = {&OutlivingFcbs, &OutlivingFcbs}; // under OutlivingLock, as the next
 DRIVER_GLOBAL BOOLEAN Detached = FALSE;
+DRIVER_GLOBAL PFCB OutlivingDevice = nullptr; // under OutlivingLock: the control device's, whose opens it counts
 
 PFCB FcbOf(PLIST_ENTRY Links) {
     return CONTAINING_RECORD(Links, FCB, FcbLinks);
@@ -148,6 +149,20 @@ PINSTANCE_CONTEXT FindInstance(PFCB Fcb, const void *FsContext2) {
     return nullptr;
 }
 
+// TRUE for an FCB of the control device. OutlivingLock held.
+bool IsDeviceFcb(const void *FsContext) {
+    return FsContext != nullptr && (FsContext == DriverFcb || FsContext == OutlivingDevice);
+}
+
+// Counts an open of the control device out. Its process record went with teardown; the FCB goes into Fcbs with the last
+// open, or with teardown when that has not come to it yet. OutlivingLock held.
+void TakeDeviceOpen(PFCB Fcb, PLIST_ENTRY Fcbs) {
+    if (--Fcb->OpenCount == 0 && Fcb == OutlivingDevice) {
+        OutlivingDevice = nullptr;
+        InsertTailList(Fcbs, &Fcb->FcbLinks);
+    }
+}
+
 // Unlinks the open of FileObject into Instances, and its FCB into Fcbs when it was the last. OutlivingLock held.
 void TakeOpen(PFILE_OBJECT FileObject, PLIST_ENTRY Instances, PLIST_ENTRY Fcbs) {
     const PFCB Fcb = FindOutliving(FileObject->FsContext);
@@ -168,7 +183,7 @@ void TakeOpen(PFILE_OBJECT FileObject, PLIST_ENTRY Instances, PLIST_ENTRY Fcbs) 
 
 // Teardown has begun but has not come to this open yet: it finds the mark. OutlivingLock held.
 void AbandonOpen(PFILE_OBJECT FileObject) {
-    if (FileObject->FsContext2 != nullptr && FileObject->FsContext != DriverFcb && NtFsdIsFcb(FileObject->FsContext)) {
+    if (FileObject->FsContext2 != nullptr && NtFsdIsFcb(FileObject->FsContext)) {
         static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2)->FileObject = nullptr;
     }
 }
@@ -199,13 +214,37 @@ VOID NtFsdDetachOpens() {
     NtFsdCompleteNotifyBatch(&Notifications, STATUS_CANCELLED);
 }
 
+bool NtFsdKeepDeviceFcb() {
+    {
+        const SpinLockHold Hold(&OutlivingLock);
+        if (DriverFcb->OpenCount == 0) {
+            return false;
+        }
+    }
+    {
+        ResourceHold Hold;
+        Hold.AcquireExclusive(&FcbListResource, TRUE);
+        RemoveEntryList(&DriverFcb->FcbLinks);
+        --FcbCount;
+    }
+    PFCB Unused = nullptr;
+    {
+        const SpinLockHold Hold(&OutlivingLock);
+        (DriverFcb->OpenCount == 0 ? Unused : OutlivingDevice) = DriverFcb;
+        DriverFcb = nullptr;
+    }
+    if (Unused != nullptr) {
+        FreeFcb(Unused);
+    }
+    return true;
+}
+
 PFCB NtFsdFcbAfterTeardown(PFILE_OBJECT FileObject) {
     const SpinLockHold Hold(&OutlivingLock);
     if (Detached) {
         return FindOutliving(FileObject->FsContext);
     }
-    // The control device's FCB goes only after the others have been handed over.
-    return FileObject->FsContext != DriverFcb && NtFsdIsFcb(FileObject->FsContext)
+    return !IsDeviceFcb(FileObject->FsContext) && NtFsdIsFcb(FileObject->FsContext)
                ? static_cast<PFCB>(FileObject->FsContext)
                : nullptr;
 }
@@ -217,7 +256,9 @@ VOID NtFsdCloseAfterTeardown(PFILE_OBJECT FileObject) {
     InitializeListHead(&Fcbs);
     {
         const SpinLockHold Hold(&OutlivingLock);
-        if (Detached) {
+        if (IsDeviceFcb(FileObject->FsContext)) {
+            TakeDeviceOpen(static_cast<PFCB>(FileObject->FsContext), &Fcbs);
+        } else if (Detached) {
             TakeOpen(FileObject, &Instances, &Fcbs);
         } else {
             AbandonOpen(FileObject);

@@ -37,8 +37,7 @@ bool AcquireAll(CLOSE &Close) {
         return false;
     }
     // Opens named relative to this one lose its handle. Their FCBs are taken one by one, so before this one's.
-    NtFsdRebaseBorrowers(Close.Instance);
-    if (!Close.Hold.AcquireExclusive(&Close.Fcb->Resource, Wait)) {
+    if (!NtFsdRebaseBorrowers(Close.Instance, Wait) || !Close.Hold.AcquireExclusive(&Close.Fcb->Resource, Wait)) {
         Close.Table.Release();
         return false;
     }

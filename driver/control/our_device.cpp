@@ -1,5 +1,6 @@
 #include "control/our_device.h"
 
+#include "close/close.h"
 #include "frame/diagnostics.h"
 #include "frame/locks.h"
 #include "frame/memory.h"
@@ -111,10 +112,13 @@ NTSTATUS NtFsdUnInitOurDevice() {
         while (!IsListEmpty(&DriverFcb->InstanceList)) {
             TwFreeMemory(CONTAINING_RECORD(RemoveHeadList(&DriverFcb->InstanceList), PROCESS_RECORD, Links));
         }
-        ResourceHold Hold;
-        Hold.AcquireExclusive(&DriverFcb->Resource, TRUE);
-        NtFsdDeleteFcb(DriverFcb, Hold);
-        DriverFcb = nullptr;
+        // File objects that are still there point to the FCB: then it goes with the last of them.
+        if (!NtFsdKeepDeviceFcb()) {
+            ResourceHold Hold;
+            Hold.AcquireExclusive(&DriverFcb->Resource, TRUE);
+            NtFsdDeleteFcb(DriverFcb, Hold);
+            DriverFcb = nullptr;
+        }
     }
     NtFsdDeleteResource(DRIVER_RESOURCE_OUR_DEVICE);
     NtFsdDebugPrint(TRACE_ERROR, 0, "NtFsdUnInitOurDevice() returning STATUS_SUCCESS\n");

@@ -1,6 +1,7 @@
 #include "create/create_state.h"
 
 #include "info/volume_size.h"
+#include "io/io.h"
 #include "provider/attribute_names.h"
 
 namespace {
@@ -208,7 +209,7 @@ NTSTATUS OpenFileAtProvider(CREATE_STATE &Create) {
     ULONG Attributes = 0;
     ULONG64 EndOfFile = 0;
     const RVSTATUS Queried = RVFsdGetFileInformation(Create.Security(), File.Get(), &Attributes, &EndOfFile);
-    if (Queried == RVSTATUS::Success) {
+    if (Queried == RVSTATUS::Success && EndOfFile <= static_cast<ULONG64>(LARGEST_OFFSET)) {
         PFCB Fcb = Create.Fcb;
         Fcb->Header.AllocationSize.QuadPart = static_cast<LONG64>(EndOfFile);
         Fcb->Header.FileSize.QuadPart = static_cast<LONG64>(EndOfFile);

@@ -110,7 +110,8 @@ NTSTATUS FinalStatus(PIRP_CONTEXT IrpContext, NTSTATUS Status) {
     if (IrpContext != nullptr && (IrpContext->Flags & IRP_CONTEXT_FLAG_ANSWER_CANCELLED)) {
         return STATUS_CANCELLED;
     }
-    return Status == STATUS_PENDING ? STATUS_UNSUCCESSFUL : Status;
+    // Neither is the status of a finished request, and a Provider's raw one may be either.
+    return Status == STATUS_PENDING || Status == -1 ? STATUS_UNSUCCESSFUL : Status;
 }
 
 } // namespace
@@ -152,9 +153,17 @@ BOOLEAN NtFsdIsIrpTopLevel(PIRP Irp) {
     return TRUE;
 }
 
-NTSTATUS NtFsdPostRequest(PIRP_CONTEXT IrpContext) {
+VOID NtFsdMarkPosted(PIRP_CONTEXT IrpContext) {
     NtFsdDebugPrint(TRACE_GENERAL, 0, "TwFsdPostRequest called!\n");
     NtFsdDebugPrint(TRACE_ASYNC, 0, "IRP %p Went Async\n", IrpContext->Irp);
+    if (IrpContext->Irp != nullptr) {
+        IoMarkIrpPending(IrpContext->Irp);
+        IrpContext->Flags |= IRP_CONTEXT_FLAG_WAIT;
+    }
+}
+
+NTSTATUS NtFsdPostRequest(PIRP_CONTEXT IrpContext) {
+    NtFsdMarkPosted(IrpContext);
     if (IrpContext->Irp == nullptr) {
         NtFsdDebugPrint(TRACE_GENERAL, 0, "[RVFSD-%p] NtFsdPostRequest for pIoContext 0x%p, but IRP is NULL.\n",
                         KeGetCurrentThread(), IrpContext);
@@ -162,8 +171,6 @@ NTSTATUS NtFsdPostRequest(PIRP_CONTEXT IrpContext) {
     }
     // The request runs here and now, with waiting allowed, so that it is never posted a second time. Its outcome is in
     // the IRP; the caller learns that it was pending, as from a request that another thread finishes.
-    IoMarkIrpPending(IrpContext->Irp);
-    IrpContext->Flags |= IRP_CONTEXT_FLAG_WAIT;
     Ignore(NtFsdRunCommonRoutine(IrpContext), "the completed IRP carries it");
     return STATUS_PENDING;
 }

@@ -77,8 +77,9 @@ void NtFsdFillIrpContext(PIRP_CONTEXT Context, PIRP Irp, BOOLEAN Wait, ULONG Fla
 VOID NtFsdDeleteIrpContext(PIRP_CONTEXT IrpContext);
 
 // Completes Irp with Status and the context's Information (priority boost 1) and deletes the context. Either may be
-// NULL. A final status of STATUS_PENDING becomes STATUS_UNSUCCESSFUL: a finished request cannot be pending. Returns the
-// status that the request was completed with; neither argument may be touched afterwards.
+// NULL. A final status of STATUS_PENDING becomes STATUS_UNSUCCESSFUL, as a finished request cannot be pending, and so
+// does -1, which is no request's status. Returns the status that the request was completed with; neither argument may
+// be touched afterwards.
 NTSTATUS NtFsdCompleteRequest(PIRP_CONTEXT IrpContext, PIRP Irp, NTSTATUS Status);
 
 // Makes Irp the thread's top-level IRP and returns TRUE when there is none; the caller resets it.
@@ -88,6 +89,10 @@ BOOLEAN NtFsdIsIrpTopLevel(PIRP Irp);
 // Marks the IRP pending, completes it through its common routine and returns STATUS_PENDING; STATUS_UNSUCCESSFUL when
 // the context has no IRP. The caller returns the result as its own and touches neither context nor IRP again.
 NTSTATUS NtFsdPostRequest(PIRP_CONTEXT IrpContext);
+
+// The first half of it, for a caller that finishes the request itself: says that the request is posted, marks its IRP
+// pending and lets it wait.
+VOID NtFsdMarkPosted(PIRP_CONTEXT IrpContext);
 
 // ---- User buffers ------------------------------------------------------------------------------------------------
 

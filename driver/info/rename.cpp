@@ -348,7 +348,7 @@ NTSTATUS RenameHeld(RENAME &Rename) {
 // The rename consumes the target open's directory handle. FcbTableResource held, no FCB's Resource.
 RVHANDLE TakeTargetHandle(const RENAME &Rename) {
     const PINSTANCE_CONTEXT Target = Rename.TargetInstance;
-    NtFsdRebaseBorrowers(Target);
+    NtFsdRebaseBorrowers(Target, TRUE);
     ResourceHold Hold;
     Hold.AcquireExclusive(&Rename.TargetFcb->Resource, TRUE);
     const RVHANDLE Handle = Target->DirHandle;

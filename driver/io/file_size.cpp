@@ -48,6 +48,9 @@ void UpdateFromShared(PFCB Fcb, ULONG64 End, ULONG64 Length) {
 
 NTSTATUS RvFsdUpdateFCBFileSize(PFCB Fcb, BOOLEAN ExclusiveHeld, LONG64 Offset, ULONG64 Length) {
     const ULONG64 End = EndOf(Offset, Length);
+    if (End > static_cast<ULONG64>(LARGEST_OFFSET)) {
+        return STATUS_SUCCESS;
+    }
     const LONG64 Target = TargetSize(Fcb, End, Length);
     if (Target == Fcb->Header.FileSize.QuadPart) {
         return STATUS_SUCCESS;

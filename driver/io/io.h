@@ -3,6 +3,9 @@
 
 #include "names/fcb.h"
 
+// The end of the longest file that a signed offset can name.
+inline constexpr LONG64 LARGEST_OFFSET = 0x7FFFFFFFFFFFFFFF;
+
 // Each completes the request and returns its status, or posts it and returns STATUS_PENDING.
 NTSTATUS NtFsdCommonRead(PIRP_CONTEXT IrpContext);
 NTSTATUS NtFsdCommonWrite(PIRP_CONTEXT IrpContext);
@@ -10,8 +13,8 @@ NTSTATUS NtFsdCommonLockControl(PIRP_CONTEXT IrpContext);
 NTSTATUS NtFsdCommonFlush(PIRP_CONTEXT IrpContext);
 
 // Moves the FCB's three sizes after a transfer or a size change: grows to Offset + Length, or sets exactly Offset when
-// Length is 0. The caller holds the FCB's Resource, exclusive when ExclusiveHeld; a shared hold may be dropped and
-// retaken. Always STATUS_SUCCESS.
+// Length is 0. An end beyond LARGEST_OFFSET, which only a Provider can come to, changes nothing. The caller holds the
+// FCB's Resource, exclusive when ExclusiveHeld; a shared hold may be dropped and retaken. Always STATUS_SUCCESS.
 NTSTATUS RvFsdUpdateFCBFileSize(PFCB Fcb, BOOLEAN ExclusiveHeld, LONG64 Offset, ULONG64 Length);
 
 // The completion routine of the FCB's FileLock: tells the Provider, completes the IRP.

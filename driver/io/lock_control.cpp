@@ -6,9 +6,8 @@
 //
 //     unlock, or lock that fails at once     common (hold) -> library -> completion routine (server, release, complete)
 //     lock that may wait, decided at once    common -> library -> completion routine (returns) -> common: hold, server,
-//     ... lock that waits                        common returns pending; the thread that makes room -> library ->
-//     completion
-//                                            routine (posts) -> later: hold, server, release, complete
+//     ... lock that waits                    common returns pending; the thread that makes room -> library ->
+//                                            completion routine (collects) -> later: hold, server, release, complete
 //
 // While the library decides, the request's IRP is the thread's top-level IRP: that is how the completion routine tells
 // the request's own thread from the thread of another request.
@@ -43,9 +42,20 @@ PINSTANCE_CONTEXT InstanceOf(PIRP_CONTEXT IrpContext) {
     return static_cast<PINSTANCE_CONTEXT>(IrpContext->FileObject->FsContext2);
 }
 
-// A slot of the IRP that is the driver's while it has the IRP. The ranges live in the frame of the common routine.
+// Slots of the IRP, which are the driver's while it has the IRP. What unlock-all noted lives in the frame of the common
+// routine.
 PVOID &RangesSlot(PIRP Irp) {
     return Irp->Tail.Overlay.DriverContext[0];
+}
+
+// The context of a collected grant.
+PVOID &ContextSlot(PIRP Irp) {
+    return Irp->Tail.Overlay.DriverContext[0];
+}
+
+// A bool in the frame of LockMayWait; looked at only by a completion routine that runs inside that frame.
+PVOID &DecidedSlot(PIRP Irp) {
+    return Irp->Tail.Overlay.DriverContext[1];
 }
 
 // ---- The server's side --------------------------------------------------------------------------------------------
@@ -63,7 +73,11 @@ NTSTATUS UnlockAtServer(PIRP_CONTEXT IrpContext, LARGE_INTEGER Offset, LARGE_INT
 NTSTATUS UnlockRangesAtServer(PIRP_CONTEXT IrpContext, const LOCKED_RANGES *Ranges) {
     NTSTATUS Status = STATUS_SUCCESS;
     for (ULONG Index = 0; Ranges != nullptr && Index < Ranges->Count; ++Index) {
-        Status = UnlockAtServer(IrpContext, Ranges->Ranges[Index].Offset, Ranges->Ranges[Index].Length);
+        const LOCKED_RANGE &Range = Ranges->Ranges[Index];
+        // A range that is kept locally only has no answer, which would hide that of the range before it.
+        if (NtFsdIsServerRange(Range.Offset, Range.Length)) {
+            Status = UnlockAtServer(IrpContext, Range.Offset, Range.Length);
+        }
     }
     return Status;
 }
@@ -92,10 +106,30 @@ VOID TakeLocalLockBack(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp) {
     }
 }
 
+// TRUE while the table has the lock that was granted to the request. Resource held exclusive.
+bool IsStillGranted(PIRP_CONTEXT IrpContext, const IO_STACK_LOCATION *IrpSp) {
+    const PFILE_LOCK FileLock = &FcbOf(IrpContext)->FileLock;
+    for (auto Lock = FsRtlGetNextFileLock(FileLock, TRUE); Lock != nullptr;
+         Lock = FsRtlGetNextFileLock(FileLock, FALSE)) {
+        if (Lock->FileObject == IrpContext->FileObject &&
+            Lock->StartingByte.QuadPart == IrpSp->Parameters.LockControl.ByteOffset.QuadPart &&
+            Lock->Length.QuadPart == IrpContext->LockLength.QuadPart &&
+            Lock->Key == IrpSp->Parameters.LockControl.Key &&
+            Lock->ProcessId == IoGetRequestorProcess(IrpContext->Irp)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 NTSTATUS FinishLock(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp) {
     // Granted after the handle's cleanup: nobody would ever give it back.
     if (IrpContext->FileObject->Flags & FO_CLEANUP_COMPLETE) {
         TakeLocalLockBack(IrpContext, IrpSp);
+        return STATUS_CANCELLED;
+    }
+    // An unlock may have come between the grant and this hold: the server would keep what nobody here has any more.
+    if ((IrpContext->Flags & IRP_CONTEXT_FLAG_FCB_RELEASED) && !IsStillGranted(IrpContext, IrpSp)) {
         return STATUS_CANCELLED;
     }
     const NTSTATUS Status = LockAtServer(IrpContext, IrpSp);
@@ -125,11 +159,14 @@ NTSTATUS TellServer(PIRP_CONTEXT IrpContext, PIRP Irp) {
     }
 }
 
-// ---- Completion in a thread that does not hold the FCB
-// ----------------------------------------------------------------
+// ---- Completion in a thread that does not hold the FCB -------------------------------------------------------------
+
+void TracePosting() {
+    NtFsdDebugPrint(TRACE_LOCK, 0, "   Not top level Irp. Post it.\n");
+}
 
 NTSTATUS PostCompletion(PIRP_CONTEXT IrpContext) {
-    NtFsdDebugPrint(TRACE_LOCK, 0, "   Not top level Irp. Post it.\n");
+    TracePosting();
     IrpContext->Flags |= IRP_CONTEXT_FLAG_LOCK_COMPLETION_POSTED;
     return NtFsdPostRequest(IrpContext);
 }
@@ -139,28 +176,51 @@ PLIST_ENTRY GrantsOfThisThread(PFCB Fcb) {
     return ExIsResourceAcquiredExclusiveLite(&Fcb->Resource) ? Fcb->LockGrants : nullptr;
 }
 
-// A waiting lock was granted or ended by somebody else's request.
-NTSTATUS CompleteWaiter(PIRP_CONTEXT IrpContext, PIRP Irp) {
-    if (!NT_SUCCESS(Irp->IoStatus.Status)) {
-        // No lock, nothing to tell the server: this may be a canceller's thread, which must not be made to wait.
-        NtFsdDebugPrint(TRACE_LOCK, 0, "   Lock/unlock failed. Returning...\n");
-        return NtFsdCompleteRequest(IrpContext, Irp, Irp->IoStatus.Status);
+// Ends a waiter that gets no lock. There is nothing to tell the server: this may be a canceller's thread, which must
+// not be made to wait, and which no entry routine has counted in.
+NTSTATUS EndWaiter(PIRP_CONTEXT IrpContext, PIRP Irp) {
+    NtFsdDebugPrint(TRACE_LOCK, 0, "   Lock/unlock failed. Returning...\n");
+    const RequestInFlight InFlight;
+    if (!InFlight) {
+        // Teardown does not wait for this thread: the list that the context came from may be gone.
+        IrpContext->Flags |= IRP_CONTEXT_FLAG_FROM_POOL;
     }
-    if (NtFsdIsStopped()) {
-        // The failure makes the library take the lock back.
-        return NtFsdCompleteRequest(IrpContext, Irp, STATUS_CANCELLED);
-    }
-    const PLIST_ENTRY Grants = GrantsOfThisThread(FcbOf(IrpContext));
-    if (Grants == nullptr) {
-        return PostCompletion(IrpContext);
-    }
-    Irp->Tail.Overlay.DriverContext[0] = IrpContext;
-    InsertTailList(Grants, &Irp->Tail.Overlay.ListEntry);
-    return STATUS_PENDING;
+    return NtFsdCompleteRequest(IrpContext, Irp, Irp->IoStatus.Status);
 }
 
-// ---- The common routine
-// -----------------------------------------------------------------------------------------------
+// A waiting lock was granted or ended by somebody else's request. A failure that is returned for a granted lock makes
+// the library take the lock back before it goes on.
+NTSTATUS CompleteWaiter(PIRP_CONTEXT IrpContext, PIRP Irp) {
+    const PLIST_ENTRY Grants = GrantsOfThisThread(FcbOf(IrpContext));
+    const bool Ended = NtFsdIsStopped() || (Grants != nullptr && (IrpContext->FileObject->Flags & FO_CLEANUP_COMPLETE));
+    if (Ended && NT_SUCCESS(Irp->IoStatus.Status)) {
+        Irp->IoStatus.Status = STATUS_CANCELLED;
+    }
+    const NTSTATUS Status = Irp->IoStatus.Status;
+    if (Grants != nullptr) {
+        // Nothing is completed under this thread's hold, failures neither: the close that may follow takes
+        // FcbTableResource, which comes before an FCB's Resource.
+        ContextSlot(Irp) = IrpContext;
+        InsertTailList(Grants, &Irp->Tail.Overlay.ListEntry);
+        return Status;
+    }
+    return NT_SUCCESS(Status) ? PostCompletion(IrpContext) : EndWaiter(IrpContext, Irp);
+}
+
+// Tells the server of a decided lock and completes the request. What that grants goes to the end of Grants.
+NTSTATUS CompleteWithAcquire(PIRP_CONTEXT IrpContext, PLIST_ENTRY Grants) {
+    NtFsdDebugPrint(TRACE_LOCK, 0, "TwLockCompleteRoutineWithAcquire, pIrp=0x%X\n",
+                    LowPart(reinterpret_cast<ULONG_PTR>(IrpContext->Irp)));
+    const PFCB Fcb = FcbOf(IrpContext);
+    ResourceHold Hold;
+    Hold.AcquireExclusive(&Fcb->Resource, TRUE);
+    IrpContext->Flags |= IRP_CONTEXT_FLAG_FCB_ACQUIRED;
+    Fcb->LockGrants = Grants;
+    Hold.Detach();
+    return TwLockCompleteRoutine(IrpContext, IrpContext->Irp);
+}
+
+// ---- The common routine --------------------------------------------------------------------------------------------
 
 // Notes this handle's locks (of an unlock by key: those with the key), which the library is about to remove.
 // STATUS_INSUFFICIENT_RESOURCES when they cannot be noted. Resource held exclusive.
@@ -228,13 +288,16 @@ NTSTATUS LockMayWait(PIRP_CONTEXT IrpContext, ResourceHold &Hold) {
     Hold.Release();
     IrpContext->Flags |= IRP_CONTEXT_FLAG_FCB_RELEASED;
 
+    bool Decided = false;
+    DecidedSlot(Irp) = &Decided;
     const PIRP TopLevel = IoGetTopLevelIrp();
     IoSetTopLevelIrp(Irp);
     const NTSTATUS Status = FsRtlProcessFileLock(&Fcb->FileLock, Irp, IrpContext);
     IoSetTopLevelIrp(TopLevel);
-    if (Status == STATUS_PENDING) {
+    if (Status == STATUS_PENDING && !Decided) {
         return STATUS_PENDING; // it waits, or has waited: context and IRP are somebody else's
     }
+    // Pending and decided: the library began to queue it and ended it again, as one that was cancelled meanwhile.
     if (TopLevel != Irp) {
         // A nested request: its thread may hold other locks and must not wait for this FCB.
         return PostCompletion(IrpContext);
@@ -242,7 +305,8 @@ NTSTATUS LockMayWait(PIRP_CONTEXT IrpContext, ResourceHold &Hold) {
     if (NT_SUCCESS(Irp->IoStatus.Status)) {
         NtFsdDebugPrint(TRACE_LOCK, 0, "Lock successful, and Fcb not aquired. Complete it.\n");
     }
-    return TwLockCompleteRoutineWithAcquire(IrpContext);
+    const NTSTATUS Final = TwLockCompleteRoutineWithAcquire(IrpContext);
+    return Status == STATUS_PENDING ? STATUS_PENDING : Final;
 }
 
 // An unlock, or a lock that fails at once. The library calls the completion routine in this thread, which ends the
@@ -280,10 +344,13 @@ VOID NtFsdStopCollectingLockGrants(PFCB Fcb) {
 }
 
 VOID NtFsdPostLockGrants(PLIST_ENTRY Grants) {
+    // A waiter that does not keep its lock grants the next one: that one is found here, not a level deeper.
     while (!IsListEmpty(Grants)) {
         const PIRP Irp = CONTAINING_RECORD(RemoveHeadList(Grants), IRP, Tail.Overlay.ListEntry);
-        const auto IrpContext = static_cast<PIRP_CONTEXT>(Irp->Tail.Overlay.DriverContext[0]);
-        Ignore(PostCompletion(IrpContext), "the IRP carries it");
+        const auto IrpContext = static_cast<PIRP_CONTEXT>(ContextSlot(Irp));
+        TracePosting();
+        NtFsdMarkPosted(IrpContext);
+        Ignore(CompleteWithAcquire(IrpContext, Grants), "the IRP carries it");
     }
 }
 
@@ -327,6 +394,7 @@ NTSTATUS NTAPI TwLockCompleteRoutine(PVOID Context, PIRP Irp) {
             return CompleteWaiter(IrpContext, Irp);
         }
         NtFsdDebugPrint(TRACE_LOCK, 0, "   Fcb not acquired. Returning...\n");
+        *static_cast<bool *>(DecidedSlot(Irp)) = true;
         return STATUS_SUCCESS;
     }
     const PFCB Fcb = FcbOf(IrpContext);
@@ -347,16 +415,9 @@ NTSTATUS NTAPI TwLockCompleteRoutine(PVOID Context, PIRP Irp) {
 }
 
 NTSTATUS TwLockCompleteRoutineWithAcquire(PIRP_CONTEXT IrpContext) {
-    NtFsdDebugPrint(TRACE_LOCK, 0, "TwLockCompleteRoutineWithAcquire, pIrp=0x%X\n",
-                    LowPart(reinterpret_cast<ULONG_PTR>(IrpContext->Irp)));
-    const PFCB Fcb = FcbOf(IrpContext);
-    ResourceHold Hold;
-    Hold.AcquireExclusive(&Fcb->Resource, TRUE);
-    IrpContext->Flags |= IRP_CONTEXT_FLAG_FCB_ACQUIRED;
     LIST_ENTRY Grants;
-    NtFsdCollectLockGrants(Fcb, &Grants);
-    Hold.Detach();
-    const NTSTATUS Status = TwLockCompleteRoutine(IrpContext, IrpContext->Irp);
+    InitializeListHead(&Grants);
+    const NTSTATUS Status = CompleteWithAcquire(IrpContext, &Grants);
     NtFsdPostLockGrants(&Grants);
     return Status;
 }

@@ -1,4 +1,4 @@
-// Waiting locks that an unlock grants.
+// Waiting locks that an unlock grants, or ends when the grant fails.
 //
 // The run-time library grants a waiting lock in the middle of the unlock that made room for it, before the server has
 // heard of the unlock. Told of the new lock then, the server would refuse it. So whoever unlocks collects the grants,
@@ -13,7 +13,8 @@ VOID NtFsdCollectLockGrants(PFCB Fcb, PLIST_ENTRY Grants);
 // Ends the collecting; Grants keeps what it has. Resource still held.
 VOID NtFsdStopCollectingLockGrants(PFCB Fcb);
 
-// Posts the completions of the collected grants. Called with no hold of the FCB; the FCB itself is not touched.
+// Completes the collected grants, one after the other, and those that they make in turn. Called with no hold of the
+// FCB, which the caller does not touch afterwards: it may be gone.
 VOID NtFsdPostLockGrants(PLIST_ENTRY Grants);
 
 // TRUE when the server knows the range: an empty one at offset 0 is kept locally only.

@@ -17,6 +17,14 @@ struct READ {
 // Asks the Provider for the bytes; *Count is what it read, 0 on failure.
 NTSTATUS ReadFromProvider(const READ &Read, ULONG Transfer, PVOID Buffer, ULONG64 *Count) {
     LONG64 Offset = Read.Offset;
+    // Nothing is asked for that no offset can name.
+    const LONG64 Nameable = LARGEST_OFFSET - Offset;
+    if (Nameable == 0) {
+        return STATUS_SUCCESS;
+    }
+    if (Transfer > Nameable) {
+        Transfer = static_cast<ULONG>(Nameable);
+    }
     ULONG64 Bytes = Read.Length;
     const RVSTATUS Raw = RVFsdReadFile(&Read.IrpContext->SecurityContext, Read.File, &Offset, Transfer, Buffer, &Bytes);
     NtFsdDebugPrint(TRACE_READ, 0, "   RVFsdReadFile returned       : 0x%x\n", static_cast<ULONG>(Raw));
@@ -78,7 +86,7 @@ NTSTATUS NtFsdCommonRead(PIRP_CONTEXT IrpContext) {
     if (Read.Length == 0) {
         return NtFsdCompleteRequest(IrpContext, Irp, STATUS_SUCCESS);
     }
-    if (!IsTransferRange(Read.Offset, Read.Length)) {
+    if (Read.Offset < 0) {
         return NtFsdCompleteRequest(IrpContext, Irp, STATUS_INVALID_PARAMETER);
     }
     ResourceHold Hold;

@@ -2,9 +2,7 @@
 #pragma once
 
 #include "frame/status_translation.h"
-#include "names/fcb.h"
-
-inline constexpr LONG64 LARGEST_OFFSET = 0x7FFFFFFFFFFFFFFF;
+#include "io/io.h"
 
 // TRUE when Length bytes from Offset on stay inside what a signed offset can name.
 inline bool IsTransferRange(LONG64 Offset, ULONG Length) {

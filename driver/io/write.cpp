@@ -60,7 +60,9 @@ NTSTATUS TestDiskFullLatch(const WRITE &Write) {
     if (!Instance->DiskFullLatched) {
         return STATUS_SUCCESS;
     }
-    if (NtFsdSystemTime() - Instance->DiskFullTime >= DISK_FULL_PERIOD) {
+    // A clock that was set back must not keep it for as long.
+    const LONG64 Now = NtFsdSystemTime();
+    if (Now < Instance->DiskFullTime || Now - Instance->DiskFullTime >= DISK_FULL_PERIOD) {
         Instance->DiskFullTime = 0;
         Instance->DiskFullAvailable = 0;
         Instance->DiskFullLatched = FALSE;
@@ -138,8 +140,8 @@ NTSTATUS WriteHeld(WRITE &Write) {
 }
 
 NTSTATUS CompleteEmptyWrite(const WRITE &Write) {
-    // Where the file ends was not asked, so the marker leaves the byte offset alone.
-    if (Write.Offset != END_OF_FILE_MARKER) {
+    // Where the file ends was not asked, so the marker leaves the byte offset alone; so does what is no offset.
+    if (Write.Offset >= 0) {
         MarkWritten(Write);
     }
     return NtFsdCompleteRequest(Write.IrpContext, Write.Irp, STATUS_SUCCESS);

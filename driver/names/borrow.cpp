@@ -23,7 +23,7 @@ RVHANDLE NtFsdHandleToLend(PINSTANCE_CONTEXT Instance) {
     if (Directory != 0) {
         return Directory;
     }
-    const PWSTR PathLeft = __atomic_load_n(&Instance->PathLeft, __ATOMIC_RELAXED);
+    const PWSTR PathLeft = __atomic_load_n(&Instance->PathLeft, __ATOMIC_ACQUIRE);
     return *PathLeft == 0 ? Instance->VolumeHandle : 0;
 }
 
@@ -46,16 +46,19 @@ VOID NtFsdNameByFullPath(PINSTANCE_CONTEXT Instance) {
         Instance->RelatedHandle = 0;
     }
     Instance->BaseHandle = 0;
-    __atomic_store_n(&Instance->PathLeft, Instance->Fcb->FullPath.Buffer, __ATOMIC_RELAXED);
+    __atomic_store_n(&Instance->PathLeft, Instance->Fcb->FullPath.Buffer, __ATOMIC_RELEASE);
 }
 
-VOID NtFsdRebaseBorrowers(PINSTANCE_CONTEXT Lender) {
+bool NtFsdRebaseBorrowers(PINSTANCE_CONTEXT Lender, BOOLEAN Wait) {
     // Instances and FCBs are freed under FcbTableResource only, which the caller holds: what the list shows stays.
     for (PINSTANCE_CONTEXT Borrower = FirstBorrower(Lender); Borrower != nullptr; Borrower = FirstBorrower(Lender)) {
         ResourceHold Hold;
-        Hold.AcquireExclusive(&Borrower->Fcb->Resource, TRUE);
+        if (!Hold.AcquireExclusive(&Borrower->Fcb->Resource, Wait)) {
+            return false;
+        }
         NtFsdNameByFullPath(Borrower);
         const SpinLockHold List(&BorrowLock);
         Unlink(Borrower);
     }
+    return true;
 }

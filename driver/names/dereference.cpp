@@ -94,15 +94,18 @@ NTSTATUS NtFsdDecodeFileObject(PFILE_OBJECT FileObject, PFCB *Fcb, PINSTANCE_CON
                                ULONG ExpectedOpenType) {
     *Fcb = static_cast<PFCB>(FileObject->FsContext);
     *Instance = static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2);
+    // Nothing of a record is read before its signature is known, the path of the trace included.
+    const bool IsFcb = NtFsdIsFcb(*Fcb);
+    if (IsFcb) {
+        NtFsdDebugPrint(TRACE_FCB, 0, " File Object: 0x%x -> \"%wZ\"\n",
+                        LowPart(reinterpret_cast<ULONG_PTR>(FileObject)), NtFsdStablePath(*Fcb));
+    }
     if (*Fcb == nullptr || *Instance == nullptr) {
         return STATUS_INVALID_HANDLE;
     }
-    // Nothing of a record is read before its signature is known, the path of the trace included.
-    if ((*Fcb)->NodeTypeCode != NODE_TYPE_FCB) {
+    if (!IsFcb) {
         return STATUS_INVALID_PARAMETER;
     }
-    NtFsdDebugPrint(TRACE_FCB, 0, " File Object: 0x%x -> \"%wZ\"\n", LowPart(reinterpret_cast<ULONG_PTR>(FileObject)),
-                    NtFsdStablePath(*Fcb));
     if (__atomic_load_n(&(*Fcb)->OpenFlags, __ATOMIC_RELAXED) & FCB_STATE_DELETED) {
         return STATUS_DELETE_PENDING;
     }
@@ -133,7 +136,7 @@ namespace {
 bool LacksDirectoryHandle(PFCB Fcb, PINSTANCE_CONTEXT Instance) {
     return __atomic_load_n(&Fcb->OpenType, __ATOMIC_RELAXED) == OPEN_TYPE_DIRECTORY &&
            __atomic_load_n(&Instance->DirHandle, __ATOMIC_RELAXED) == 0 &&
-           *__atomic_load_n(&Instance->PathLeft, __ATOMIC_RELAXED) != 0;
+           *__atomic_load_n(&Instance->PathLeft, __ATOMIC_ACQUIRE) != 0;
 }
 
 } // namespace

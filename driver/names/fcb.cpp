@@ -124,6 +124,8 @@ VOID NtFsdInitializeFcbFileLock(PFCB Fcb) {
 }
 
 VOID NtFsdDeleteFcb(PFCB Fcb, ResourceHold &Hold) {
+    // Nobody waits by now: the cleanup of each open has taken the waiters, and later ones are refused. So nothing is
+    // completed under the lock here.
     NtFsdCompleteNotifyList(Fcb, STATUS_CANCELLED);
     if (Fcb->OpenType != OPEN_TYPE_DEVICE && Fcb->FullPath.Buffer != nullptr &&
         (Fcb->OpenFlags & FCB_STATE_IN_PREFIX_TABLE)) {

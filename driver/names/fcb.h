@@ -69,7 +69,7 @@ private:
 };
 
 // Re-keys Fcb under NewPath. The caller holds its Resource in Hold and holds it again afterwards; it was released in
-// between, unless the caller holds FcbTableResource too. Every instance keeps a valid PathLeft. When the new key cannot
+// between, unless the caller holds FcbTableResource exclusive too. Every instance keeps a valid PathLeft. When the new key cannot
 // be inserted the FCB stays out of the table.
 VOID NtFsdRenameFcb(PFCB Fcb, NewPathRecord &NewPath, ResourceHold &Hold);
 // The same for a path that is still to be copied: fails as Make does, with the old path still in force.
@@ -161,5 +161,6 @@ VOID NtFsdNameByFullPath(PINSTANCE_CONTEXT Instance);
 VOID NtFsdEndBorrowing(PINSTANCE_CONTEXT Instance);
 
 // Gives every open that borrows from Lender, whose handles are about to be closed, its full path instead of the handle.
-// FcbTableResource held exclusive, and no FCB's Resource: each borrower's FCB is taken in turn.
-VOID NtFsdRebaseBorrowers(PINSTANCE_CONTEXT Lender);
+// FcbTableResource held exclusive, and no FCB's Resource: each borrower's FCB is taken in turn. FALSE when one was busy
+// and Wait is FALSE; those before it are rebased, and calling again goes on.
+bool NtFsdRebaseBorrowers(PINSTANCE_CONTEXT Lender, BOOLEAN Wait);

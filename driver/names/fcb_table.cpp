@@ -169,10 +169,13 @@ NTSTATUS NewPathRecord::Make(PCUNICODE_STRING Path) {
 }
 
 VOID NtFsdRenameFcb(PFCB Fcb, NewPathRecord &NewPath, ResourceHold &Hold) {
-    Hold.Release();
     ResourceHold Table;
-    Table.AcquireExclusive(&FcbTableResource, TRUE);
-    Hold.AcquireExclusive(&Fcb->Resource, TRUE);
+    if (!ExIsResourceAcquiredExclusiveLite(&FcbTableResource)) {
+        // In the order of the locks.
+        Hold.Release();
+        Table.AcquireExclusive(&FcbTableResource, TRUE);
+        Hold.AcquireExclusive(&Fcb->Resource, TRUE);
+    }
 
     RemovePrefix(Fcb);
     // Always a new record: the old path may be in use by readers without the Resource.
@@ -221,7 +224,8 @@ VOID NtFsdDumpPrefixTable() {
             continue;
         }
         const PFCB Fcb = CONTAINING_RECORD(Entry, FCB, PrefixEntry);
-        if (!IsListEmpty(&Fcb->NotifyList)) {
+        // Read without the FCB's Resource, under which waiters come and go: for the trace this is good enough.
+        if (__atomic_load_n(&Fcb->NotifyList.Flink, __ATOMIC_RELAXED) != &Fcb->NotifyList) {
             NtFsdDebugPrint(TRACE_PREFIX_DUMP, 0, "%d: FCB: 0x%p - %ws\n", Counter++, Fcb,
                             static_cast<PCWSTR>(Fcb->FullPath.Buffer));
         }

@@ -133,6 +133,8 @@ NTSTATUS NtFsdVerifyFile(PIRP_CONTEXT IrpContext, PCWSTR Path, ULONG PathLength,
     NTSTATUS *Found = FileStatus != nullptr ? FileStatus : &Unused;
     *Found = STATUS_SUCCESS;
     if (PathLength > 0xFFFF) {
+        NtFsdDebugPrint(TRACE_FACTORY, 0, "NtFsdVerifyFile duplicate string failed; status 0x%08X.\n",
+                        STATUS_NAME_TOO_LONG);
         return STATUS_NAME_TOO_LONG;
     }
 

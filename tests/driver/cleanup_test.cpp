@@ -84,11 +84,12 @@ TEST_F(Cleanup, ReleasesALockThatAnotherProcessTookThroughTheHandle) {
     embedded::DeleteProcess(Other);
 }
 
-// The last unlock's own status is the cleanup's, untranslated, unless it would call a finished request pending.
+// The last unlock's own status is the cleanup's, untranslated, unless no finished request can have it.
 TEST_F(Cleanup, AnswersTheRawStatusOfTheLastUnlock) {
     for (const auto &[Raw, Status] : {std::pair{0u, STATUS_SUCCESS},
                                       {0xC7E70537u, static_cast<NTSTATUS>(0xC7E70537)},
-                                      {0x103u, STATUS_UNSUCCESSFUL}}) {
+                                      {0x103u, STATUS_UNSUCCESSFUL},
+                                      {0xFFFFFFFFu, STATUS_UNSUCCESSFUL}}) {
         const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Writer);
         EXPECT_EQ(Lock(Handle, 10, 1), STATUS_SUCCESS);
         EXPECT_EQ(Lock(Handle, 20, 1), STATUS_SUCCESS);
@@ -138,6 +139,47 @@ TEST_F(Cleanup, ALockGrantedAfterTheCleanupOfItsHandleIsGivenBack) {
     EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10"}));
     embedded::DereferenceFileObject(File);
     Close(Owner);
+}
+
+TEST_F(Cleanup, AWaiterOfTheHandleItselfGetsNothingAndTheServerHearsNothingOfIt) {
+    const HANDLE Stays = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    const HANDLE Goes = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    EXPECT_EQ(Lock(Goes, 0, 10), STATUS_SUCCESS);
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    embedded::SentIrp Own = Wait(Goes, 2, &Length);
+    embedded::SentIrp Other = Wait(Stays, 2, &Length);
+    Close(Goes);
+    EXPECT_EQ(Own.Wait().Status, STATUS_CANCELLED);
+    EXPECT_EQ(Other.Wait().Status, STATUS_SUCCESS);
+    EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10", "lock 2+4"}));
+    Close(Stays);
+}
+
+// Its completion is the last of its file object, and the close that follows takes other locks first.
+TEST_F(Cleanup, AWaiterWhoseGrantFailsIsCompletedUnderNoLock) {
+    const HANDLE Owner = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    const HANDLE Closed = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    EXPECT_EQ(Lock(Owner, 0, 10), STATUS_SUCCESS);
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    embedded::SentIrp Waiting = Wait(Closed, 2, &Length);
+    const PFILE_OBJECT Kept = CleanUp(Closed);
+    const PERESOURCE Resource = &Fcb(Owner)->Resource;
+    std::vector<BOOLEAN> Held;
+    embedded::SetIoObserver([&](const embedded::CompletedRequest &Request) {
+        if (Request.MajorFunction == IRP_MJ_LOCK_CONTROL) {
+            Held.push_back(ExIsResourceAcquiredExclusiveLite(Resource));
+            embedded::DereferenceFileObject(Kept);
+        }
+    });
+    {
+        const embedded::PlannedFaults Faults(
+            {.How = embedded::FaultPlan::Mode::NthAndAfter, .Kinds = embedded::FaultBit(embedded::FaultKind::Pool)});
+        Close(Owner);
+    }
+    embedded::SetIoObserver({});
+    EXPECT_EQ(Waiting.Wait().Status, STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(Held, std::vector<BOOLEAN>{FALSE});
+    EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10"}));
 }
 
 TEST_F(Cleanup, OfADeletedFileIsAFullCleanup) {

@@ -255,6 +255,10 @@ TEST_F(Creates, TakeTheSizesOfTheFileWhenTheyCanBeHad) {
         Close(Handle);
         Provider.ClearScript();
     }
+    Provider.OnCall(Slot::GetFileInformation).Answer([](providers::Outputs &Out) { *Out.EndOfFile = 1ull << 63; });
+    Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, 0) << "a size that no offset can name";
+    Close(Handle);
 }
 
 // ---- Failures of the Provider

@@ -1,5 +1,7 @@
 // Byte-range locks: what is decided locally, what the server is told, and when.
 
+#include <pthread.h>
+
 #include "embedded/faults.h"
 #include "embedded/fsrtl.h"
 #include "embedded/ps.h"
@@ -119,6 +121,78 @@ TEST_F(Locks, AWaitingLockThatTheServerRefusesMakesRoomForTheNext) {
     EXPECT_EQ(LocalLocks(First).size(), 1u);
 }
 
+// Runs Work on a thread with a stack of about a kernel's size, checks of this build included.
+void OnASmallStack(std::function<void()> Work) {
+    constexpr size_t StackBytes = 256 * 1024;
+    pthread_attr_t Attributes;
+    pthread_t Thread;
+    ASSERT_EQ(pthread_attr_init(&Attributes), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&Attributes, StackBytes), 0);
+    const auto Run = [](void *Context) -> void * {
+        (*static_cast<std::function<void()> *>(Context))();
+        return nullptr;
+    };
+    ASSERT_EQ(pthread_create(&Thread, &Attributes, Run, &Work), 0);
+    pthread_join(Thread, nullptr);
+    pthread_attr_destroy(&Attributes);
+}
+
+TEST_F(Locks, WaitersThatKeepNothingGrantEachOtherWithoutGoingDeeper) {
+    EXPECT_EQ(Lock(First, 0, 1), STATUS_SUCCESS);
+    LARGE_INTEGER Length = {.QuadPart = 1};
+    std::vector<embedded::SentIrp> Waiting;
+    for (int Each = 0; Each < 2000; ++Each) {
+        Waiting.push_back(Wait(Second, 0, &Length));
+    }
+    Provider.OnCall(Slot::LockFile).Return(ProviderError(providers::CodeLockNotGranted));
+    OnASmallStack([&] { EXPECT_EQ(Unlock(First, 0, 1), STATUS_SUCCESS); });
+    for (embedded::SentIrp &Each : Waiting) {
+        ASSERT_EQ(Each.Wait().Status, STATUS_LOCK_NOT_GRANTED);
+    }
+    EXPECT_TRUE(LocalLocks(First).empty());
+}
+
+// The unlock's completion comes before the server hears of what the unlock granted.
+TEST_F(Locks, ALockThatIsUnlockedBeforeTheServerHeardOfItIsCancelled) {
+    EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    embedded::SentIrp Waiting = Wait(Second, 2, &Length);
+    std::function<void()> Overtake = [&] {
+        EXPECT_EQ(Send(Request(Second, IRP_MN_UNLOCK_ALL, 0, nullptr)), STATUS_LOCK_NOT_GRANTED);
+    };
+    Provider.OnCall(Slot::UnlockFile).Nth(2).ReturnAfter(ProviderError(providers::CodeLockNotGranted));
+    LARGE_INTEGER Whole = {.QuadPart = 10};
+    embedded::IrpBuilder Unlocking = Request(First, IRP_MN_UNLOCK_SINGLE, 0, &Whole);
+    Unlocking.CompletionContext = &Overtake;
+    Unlocking.CompletionRoutine = [](PDEVICE_OBJECT, PIRP, PVOID Context) NTAPI -> NTSTATUS {
+        (*static_cast<std::function<void()> *>(Context))();
+        return STATUS_SUCCESS;
+    };
+    EXPECT_EQ(Send(Unlocking), STATUS_SUCCESS);
+    EXPECT_EQ(Waiting.Wait().Status, STATUS_CANCELLED);
+    EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10", "unlock 2+4"}));
+    EXPECT_TRUE(LocalLocks(First).empty());
+}
+
+// A library that began to queue a request and ended it again says pending, though it has called the completion routine
+// in the request's own thread.
+TEST_F(Locks, ALockThatIsEndedWhileItIsQueuedIsCompletedOnce) {
+    static PCOMPLETE_LOCK_IRP_ROUTINE Completion;
+    Completion = Fcb(First)->FileLock.CompleteLockIrpRoutine;
+    Fcb(First)->FileLock.CompleteLockIrpRoutine = [](PVOID Context, PIRP Irp) NTAPI -> NTSTATUS {
+        IoMarkIrpPending(Irp);
+        Irp->IoStatus.Status = STATUS_CANCELLED;
+        Completion(Context, Irp);
+        return STATUS_PENDING;
+    };
+    LARGE_INTEGER Length = {.QuadPart = 100};
+    embedded::SentIrp Ended = Wait(First, -10, &Length);
+    Fcb(First)->FileLock.CompleteLockIrpRoutine = Completion;
+    EXPECT_EQ(Ended.Returned(), STATUS_PENDING);
+    ASSERT_TRUE(Ended.IsCompleted());
+    EXPECT_EQ(Ended.Wait().Status, STATUS_CANCELLED);
+}
+
 TEST_F(Locks, ALockThatMayWaitIsRefusedAtOnceWhenItsRangeWraps) {
     LARGE_INTEGER Length = {.QuadPart = 100};
     EXPECT_EQ(Wait(First, -10, &Length).Wait().Status, STATUS_INVALID_LOCK_RANGE);
@@ -144,6 +218,25 @@ TEST_F(Locks, AnUnlockOfAllGivesBackExactlyTheLocksOfItsHandle) {
     EXPECT_EQ(ServerLocks(), (Calls{"unlock 0+1", "unlock 20+1"}));
     ASSERT_EQ(LocalLocks(First).size(), 1u);
     EXPECT_EQ(LocalLocks(First)[0].FileObject, FileObject(Second));
+}
+
+class TracedLocks : public Locks {
+protected:
+    void SetUp() override {
+        StartTracing(0x8000);
+        Locks::SetUp();
+    }
+};
+
+TEST_F(TracedLocks, ARangeThatTheServerNeverHadDoesNotHideAFailureBeforeIt) {
+    EXPECT_EQ(Lock(First, 10, 1), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(First, 0, 0), STATUS_SUCCESS);
+    Provider.OnCall(Slot::UnlockFile).ReturnAfter(ProviderError(0x0102));
+    Printed.clear();
+    EXPECT_EQ(Send(Request(First, IRP_MN_UNLOCK_ALL, 0, nullptr)), STATUS_NETWORK_BUSY);
+    const std::string_view Line = "Calling RVFsdUnlockFile...";
+    ASSERT_TRUE(WasPrinted(Line));
+    EXPECT_EQ(Printed.find(Line), Printed.rfind(Line)) << "a call that was not made";
 }
 
 TEST_F(Locks, AnUnlockByKeyGivesBackTheLocksOfTheKey) {

@@ -84,7 +84,8 @@ TEST_F(Data, TransfersOfNothingDoNotReachTheProvider) {
     EXPECT_EQ(CallNames(), Lines{});
     EXPECT_EQ(Position(), 7); // the write's, not the read's
     EXPECT_EQ(Send(Raw(IRP_MJ_WRITE, 0, EndOfFileMarker)).Status, STATUS_SUCCESS);
-    EXPECT_EQ(Position(), 7); // the end of file was not asked
+    EXPECT_EQ(Send(Raw(IRP_MJ_WRITE, 0, -5)).Status, STATUS_SUCCESS);
+    EXPECT_EQ(Position(), 7); // the end of file was not asked, and the other is no offset
     EXPECT_FALSE(Modified());
 }
 
@@ -142,14 +143,21 @@ TEST_F(Data, AsynchronousFilesHaveNoPosition) {
 
 TEST_F(Data, RangesThatNoOffsetCanNameAreRefusedBeforeTheProvider) {
     OpenFile();
-    for (const auto &[MajorFunction, Length, Offset] : {std::tuple{IRP_MJ_READ, 1, -1ll},
-                                                        {IRP_MJ_READ, 2, INT64_MAX - 1ll},
-                                                        {IRP_MJ_WRITE, 1, -2ll},
-                                                        {IRP_MJ_WRITE, 2, INT64_MAX - 1ll}}) {
+    for (const auto &[MajorFunction, Length, Offset] :
+         {std::tuple{IRP_MJ_READ, 1, -1ll}, {IRP_MJ_WRITE, 1, -2ll}, {IRP_MJ_WRITE, 2, INT64_MAX - 1ll}}) {
         EXPECT_EQ(Send(Raw(static_cast<UCHAR>(MajorFunction), static_cast<ULONG>(Length), Offset)).Status,
                   STATUS_INVALID_PARAMETER);
     }
     EXPECT_EQ(CallNames(), Lines{});
+}
+
+TEST_F(Data, AReadThatWouldEndBeyondTheLargestOffsetIsCutThere) {
+    OpenFile();
+    EXPECT_EQ(Send(Raw(IRP_MJ_READ, 4, INT64_MAX - 1ll)).Status, STATUS_END_OF_FILE);
+    EXPECT_EQ(Send(Raw(IRP_MJ_READ, 4, INT64_MAX)).Status, STATUS_END_OF_FILE);
+    ASSERT_EQ(Provider.CountCalls(Slot::ReadFile), 1u);
+    EXPECT_EQ(Provider.CallRecords().at(0).Number("length"), 1u);
+    EXPECT_EQ(Position(), INT64_MAX);
 }
 
 // Warnings and a Provider that calls the transfer pending are failures: nothing is reported, nothing moves.
@@ -287,6 +295,14 @@ TEST_F(Data, ARefusedSizeRefusesWritesBeyondTheFreeSpaceForFiveSeconds) {
     EXPECT_EQ(Instance(Handle)->DiskFullAvailable, 0u);
 }
 
+TEST_F(Data, AClockThatWasSetBackEndsTheRefusals) {
+    OpenFile();
+    Instance(Handle)->DiskFullLatched = TRUE;
+    Instance(Handle)->DiskFullTime = embedded::Clock::SystemTime() + 3600 * embedded::Clock::Second;
+    EXPECT_EQ(Write(Handle, "abcde", 5, 16).Status, STATUS_SUCCESS);
+    EXPECT_FALSE(Instance(Handle)->DiskFullLatched);
+}
+
 // ---- Sizes
 
 TEST_F(Data, SizesGrowWithTransfersAndAreSetByALengthOfZero) {
@@ -297,7 +313,10 @@ TEST_F(Data, SizesGrowWithTransfersAndAreSetByALengthOfZero) {
     };
     OpenFile();
     const PFCB File = Fcb(Handle);
-    for (const Case &Each : {Case{8, 6, 14}, Case{2, 3, 10}, Case{4, 0, 4}, Case{99, 0, 99}, Case{10, 0, 10}}) {
+    for (const Case &Each :
+         {Case{8, 6, 14}, Case{2, 3, 10}, Case{4, 0, 4}, Case{99, 0, 99}, Case{10, 0, 10},
+          // What no offset can name is no size.
+          Case{INT64_MIN, 0, 10}, Case{INT64_MAX, 1, 10}, Case{8, ~0ull, 10}, Case{INT64_MAX, 0, INT64_MAX}}) {
         // An exclusive holder keeps its hold, whatever it says of itself.
         NtFsdAcquireExclusive(&File->Resource, TRUE);
         NtFsdAcquireShared(&File->Resource, TRUE);

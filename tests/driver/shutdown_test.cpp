@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <thread>
+#include <utility>
 
 #include "close/close.h"
 #include "embedded/ex.h"
@@ -201,6 +202,21 @@ TEST_F(Shutdown, OpensThatOutliveItHaveNoProviderHandlesAndCloseHarmlessly) {
     EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\doomed.txt")) << "no pending delete is carried out";
 }
 
+// Whoever makes a section, or filters, reads what the file object points to without asking the driver.
+TEST_F(Shutdown, WhatOpensOfTheDevicePointToStaysUntilTheLastIsClosed) {
+    const HANDLE Opens[] = {MustOpen(u""), MustOpen(u""), MustOpen(u"\\srv\\vol\\a.txt")};
+    const PFILE_OBJECT First = FileObject(Opens[0]);
+    ASSERT_NE(First->FsContext, nullptr);
+    EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
+    for (const HANDLE Each : Opens) {
+        const PFILE_OBJECT File = FileObject(Each);
+        EXPECT_EQ(static_cast<PFCB>(File->FsContext)->NodeTypeCode, NODE_TYPE_FCB);
+        EXPECT_EQ(File->SectionObjectPointer, &static_cast<PFCB>(File->FsContext)->SectionObjectPointers);
+        EXPECT_EQ(File->SectionObjectPointer->DataSectionObject, nullptr);
+        EXPECT_EQ(Close(Each), STATUS_SUCCESS);
+    }
+}
+
 TEST_F(Shutdown, OpensThatBorrowHandlesOfOthersEndInAnyOrder) {
     Provider.AddFile(u"\\srv\\vol\\docs\\f.txt", "x");
     const HANDLE Parent = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
@@ -218,7 +234,7 @@ TEST_F(Shutdown, ASectionUnderWayGivesTheFileBackAfterwards) {
     Table->AcquireFileForNtCreateSection(FileObject(Again));
     Table->AcquireFileForNtCreateSection(FileObject(OfDevice));
     EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
-    Table->ReleaseFileForNtCreateSection(FileObject(OfDevice)); // its FCB is gone
+    Table->ReleaseFileForNtCreateSection(FileObject(OfDevice)); // there is nothing to release
     Table->ReleaseFileForNtCreateSection(FileObject(Again));
     EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Fcb(Handle)->Resource));
     Table->AcquireFileForNtCreateSection(FileObject(Handle));
@@ -241,6 +257,24 @@ TEST_F(Shutdown, LocksThatWaitAreCancelledOneAfterTheOther) {
     EXPECT_EQ(Two.Wait().Status, STATUS_CANCELLED);
     Close(Holder);
     Close(Waiter);
+}
+
+// A canceller that has taken the request, but not ended it yet, is nobody that teardown could wait for.
+TEST_F(Shutdown, ALockWhoseCancellerIsOvertakenIsCompletedAllTheSame) {
+    const HANDLE Holder = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    EXPECT_EQ(Lock(Holder, 0, 10), STATUS_SUCCESS);
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    embedded::SentIrp Waiting = Wait(Holder, 2, &Length);
+    const PIRP Irp = Waiting.Irp();
+    Irp->Cancel = TRUE;
+    const PDRIVER_CANCEL Routine = std::exchange(Irp->CancelRoutine, nullptr);
+    ASSERT_NE(Routine, nullptr);
+    EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
+    EXPECT_FALSE(Waiting.IsCompleted());
+    IoAcquireCancelSpinLock(&Irp->CancelIrql);
+    Routine(nullptr, Irp);
+    EXPECT_EQ(Waiting.Wait().Status, STATUS_CANCELLED);
+    Close(Holder);
 }
 
 TEST_F(Shutdown, WaitsForARequestThatIsUnderWay) {
