@@ -39,6 +39,11 @@ ULONG AppendPrefixes(PCHAR Line) {
     return Length;
 }
 
+bool EndsLine(PCSTR Format) {
+    const size_t Length = strlen(Format);
+    return Length != 0 && Format[Length - 1] == '\n';
+}
+
 void SendLine(PCSTR Line, ULONG Length) {
     if (g_bDisplayOutput) {
         DbgPrintEx(DEBUG_COMPONENT, 0xFFFFFFFF, "%s", Line);
@@ -64,7 +69,12 @@ void NtFsdTraceLine(PCSTR Format, const FormatArgument *Arguments, ULONG Count) 
     }
     ULONG Length = AppendPrefixes(Line.Get());
     Length = Append(Line.Get(), Length, "[RVFSD] ");
-    Length += FormatBounded(Line.Get() + Length, LINE_BYTES - Length, Format, Arguments, Count);
+    // A line that is cut keeps its end, or the next one would stand behind it.
+    Length += FormatBounded(Line.Get() + Length, LINE_BYTES - 1 - Length, Format, Arguments, Count);
+    if (EndsLine(Format) && Line.Get()[Length - 1] != '\n') {
+        Line.Get()[Length++] = '\n';
+        Line.Get()[Length] = '\0';
+    }
     SendLine(Line.Get(), Length);
 }
 

@@ -68,8 +68,13 @@ constexpr bool IsTrailSurrogate(WCHAR Unit) {
     return Unit >= 0xDC00 && Unit <= 0xDFFF;
 }
 
-// Stands for half of a surrogate pair, which UTF-8 has no form for.
+// Stands for half of a surrogate pair, which UTF-8 has no form for, and for control characters: a zero would end the
+// line early and a line end would begin one that the driver never wrote.
 constexpr ULONG REPLACEMENT_CHARACTER = 0xFFFD;
+
+constexpr bool IsControl(WCHAR Unit) {
+    return Unit < 0x20 || Unit == 0x7F;
+}
 
 // Writes one character of 16-bit text as UTF-8; returns the units it took.
 ULONG PutCharacter(Output &Out, PCWSTR Text, ULONG Units) {
@@ -78,7 +83,7 @@ ULONG PutCharacter(Output &Out, PCWSTR Text, ULONG Units) {
     if (IsLeadSurrogate(Text[0]) && Units > 1 && IsTrailSurrogate(Text[1])) {
         Code = 0x10000 + ((Code - 0xD800) << 10) + (Text[1] - 0xDC00u);
         Taken = 2;
-    } else if (IsLeadSurrogate(Text[0]) || IsTrailSurrogate(Text[0])) {
+    } else if (IsLeadSurrogate(Text[0]) || IsTrailSurrogate(Text[0]) || IsControl(Text[0])) {
         Code = REPLACEMENT_CHARACTER;
     }
     char Bytes[4];

@@ -78,6 +78,10 @@ NTSTATUS NtFsdEnsureFrameworkBound() {
     if (IsSet(&g_bFrameworkBindFailed) || !IsSet(&g_bDriverEntryDone)) {
         return STATUS_UNSUCCESSFUL;
     }
+    // What the framework loads may send a request of its own, on this thread.
+    if (ExIsResourceAcquiredExclusiveLite(&g_FrameworkInitResource)) {
+        return STATUS_UNSUCCESSFUL;
+    }
     ResourceHold Hold;
     if (!Hold.AcquireExclusive(&g_FrameworkInitResource, FALSE)) {
         // Another thread is binding: wait for it and share its outcome.
@@ -108,8 +112,8 @@ void NtFsdDestroyClassMutex() {
     if (g_hClassMutex != 0) {
         g_pRvplInterface->Table->DestroyMutex(g_pRvplInterface, g_hClassMutex);
         g_hClassMutex = 0;
-        g_bClassFactoryReady = FALSE;
     }
+    g_bClassFactoryReady = FALSE;
 }
 
 void NtFsdReleaseSecurityContextInterface() {

@@ -146,13 +146,14 @@ constexpr RVFSD_FACTORY_TABLE FactoryTable = {FactoryQueryInterface, FactoryAddR
 
 RVPSTATUS CreateFactory() {
     const RVPSTATUS Status = g_pRvplInterface->Table->CreateMutex(g_pRvplInterface, 1, &g_hClassMutex);
-    if (RvpIsError(Status)) {
+    // A success that hands out no mutex is none.
+    if (RvpIsError(Status) || g_hClassMutex == 0) {
         NtFsdDebugPrint(TRACE_ERROR, 0, "Failed to create Rvfsd class mutex\n");
         if (g_hClassMutex != 0) {
             g_pRvplInterface->Table->DestroyMutex(g_pRvplInterface, g_hClassMutex);
             g_hClassMutex = 0;
         }
-        return Status;
+        return RvpIsError(Status) ? Status : RVPSTATUS::NoSuchClass;
     }
     Factory.RefCount = 0;
     Factory.LockCount = 0;

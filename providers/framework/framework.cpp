@@ -281,6 +281,11 @@ RVPSTATUS Framework::Create(const GUID *Clsid, PVOID Outer, const GUID *Iid, PVO
     std::unique_lock Hold(Books_);
     ClassState &Mine = State(Class);
     Mine.Creates++;
+    if (const std::function<void()> Before = std::exchange(Mine.Before, nullptr)) {
+        Hold.unlock();
+        Before();
+        Hold.lock();
+    }
     if (Mine.BlockIn != 0 && --Mine.BlockIn == 0) {
         Mine.Holding = true;
         Mine.Blocked++;
@@ -453,6 +458,11 @@ void Framework::FailCreate(FrameworkClass Class, RVPSTATUS Status, unsigned Nth)
 void Framework::AnswerCreate(FrameworkClass Class, RVPSTATUS Status, unsigned Nth) {
     std::lock_guard Hold(Books_);
     State(Class).Faults.push_back({Nth, Status, true});
+}
+
+void Framework::BeforeCreate(FrameworkClass Class, std::function<void()> Action) {
+    std::lock_guard Hold(Books_);
+    State(Class).Before = std::move(Action);
 }
 
 void Framework::BlockCreate(FrameworkClass Class, unsigned Nth) {

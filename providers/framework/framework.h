@@ -58,6 +58,8 @@ public:
     void FailCreate(FrameworkClass Class, RVPSTATUS Status, unsigned Nth = 1);
     // Answers Status and an object all the same, which counts as handed out.
     void AnswerCreate(FrameworkClass Class, RVPSTATUS Status, unsigned Nth = 1);
+    // Runs Action in the thread of the next creation, before it; once.
+    void BeforeCreate(FrameworkClass Class, std::function<void()> Action);
     // Holds the creation in its thread until UnblockCreate.
     void BlockCreate(FrameworkClass Class, unsigned Nth = 1);
     // FALSE when no creation of the class came to be blocked within ten seconds.
@@ -99,6 +101,7 @@ private:
         std::atomic<bool> Released{false}; // the last reference went, after there had been one
         unsigned Creates = 0;
         std::vector<CreateFault> Faults;
+        std::function<void()> Before;
         unsigned BlockIn = 0; // the creation to hold, counted down; 0 = none
         unsigned Blocked = 0;
         bool Holding = false;

@@ -97,6 +97,18 @@ TEST_F(Binding, TakesANoteForSuccessWhereOnlyAnErrorFails) {
     }
 }
 
+TEST_F(Binding, ARequestThatTheFrameworkSendsMeanwhileIsRefusedAndBindsNothing) {
+    Start();
+    NTSTATUS Within = STATUS_SUCCESS;
+    Framework->BeforeCreate(Class::Quillon, [&] { Within = FirstRequest(); });
+    EXPECT_EQ(FirstRequest(), Served);
+    EXPECT_EQ(Within, STATUS_UNSUCCESSFUL);
+    for (const FailedClass &Each : Classes) {
+        EXPECT_EQ(Framework->CreateCount(Each.Class), 1u);
+    }
+    EXPECT_EQ(FirstRequest(), Served);
+}
+
 using ConcurrentBinding = Binding;
 
 TEST_F(ConcurrentBinding, ARequestThatComesMeanwhileSharesTheOutcome) {

@@ -90,7 +90,11 @@ TEST_F(Diagnostics, ALineIsCutAt4095Bytes) {
     Printed.clear();
     const std::string Long(5000, 'x');
     NtFsdDebugPrint(0x40, 0, "%s\n", Long.c_str());
-    EXPECT_EQ(Printed, "[RVFSD] " + Long.substr(0, 4095 - 8));
+    EXPECT_EQ(Printed, "[RVFSD] " + Long.substr(0, 4095 - 8 - 1) + "\n") << "and keeps its end";
+    Printed.clear();
+    NtFsdDebugPrint(0x40, 0, "%s\n", Long.substr(0, 4095 - 8 - 1).c_str());
+    NtFsdDebugPrint(0x40, 0, "%s", "no end");
+    EXPECT_EQ(Printed, "[RVFSD] " + Long.substr(0, 4095 - 8 - 1) + "\n[RVFSD] no end");
 }
 
 TEST_F(Diagnostics, ALineWithoutMemoryIsDropped) {

@@ -103,10 +103,14 @@ TEST(Format, WideTextIsWrittenAsUtf8) {
 }
 
 TEST(Format, HalfASurrogatePairBecomesTheReplacementCharacter) {
+    const UNICODE_STRING Controls = Counted(u"a\0b\nc\x7F"
+                                            "d",
+                                            7);
     const WCHAR Lead[] = {u'a', 0xD83D, 0};
     const WCHAR Trail[] = {0xDE00, u'b', 0};
     ExpectAll({
         {Formatted("%ws", Lead), "a\uFFFD"},
+        {Formatted("%wZ|", &Controls), "a\uFFFDb\uFFFDc\uFFFDd|"}, // nothing of a name ends or begins a line
         {Formatted("%ws", Trail), "\uFFFDb"},
         {Formatted("%.1ws", u"\U0001F600"), "\uFFFD"}, // a precision in the middle of a pair
     });
