@@ -8,6 +8,8 @@
 #include <unicode/ustring.h>
 #include <unicode/utf16.h>
 
+#include "providers/wide_text.h"
+
 namespace app {
 
 StatusError::StatusError(NTSTATUS Failure, const std::string &What)
@@ -28,13 +30,7 @@ std::u16string Widen(std::string_view Text) {
 }
 
 std::string Narrow(std::u16string_view Text) {
-    std::string Out(Text.size() * 3, '\0');
-    int32_t Length = 0;
-    UErrorCode Error = U_ZERO_ERROR;
-    u_strToUTF8WithSub(Out.data(), static_cast<int32_t>(Out.size()), &Length, Text.data(),
-                       static_cast<int32_t>(Text.size()), 0xFFFD, nullptr, &Error);
-    Out.resize(static_cast<size_t>(Length));
-    return Out;
+    return providers::ToUtf8(Text);
 }
 
 bool IsRemote(std::string_view Path) {

@@ -1,8 +1,11 @@
 // ls, find, watch: directories.
 
+#include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <map>
 #include <thread>
+#include <vector>
 
 #include <fmt/format.h>
 
@@ -103,32 +106,56 @@ void ListRaw(Target Where, const ListOptions &Options) {
     }
 }
 
-void ListTree(const Target &Where, const ListOptions &Options) {
-    fmt::print("{}:\n", ShowPath(Where.Directory));
-    std::vector<DirectoryEntry> Entries;
-    {
-        RemoteFile Directory(Where.Directory, ForListing());
-        Entries = ListDirectory(Directory, Where.Mask, Options.Buffer);
+// The identifiers of the directories that a walk has come through, from the top.
+using WayDown = std::vector<LONG64>;
+
+// A link of the server may lead back to a directory that the walk is in, which then has no end. Adds Directory to Way;
+// TRUE when it is on it already. A volume without identifiers cannot say.
+bool LeadsBack(RemoteFile &Directory, WayDown &Way) {
+    constexpr LONG64 NoIdentifier = 0xABA00000020; // the driver's, for such volumes
+    LONG64 Identifier = NoIdentifier;
+    const RemoteFile::Answer Answer = Directory.Ask(FileInternalInformation, sizeof(Identifier));
+    if (NT_SUCCESS(Answer.Status)) {
+        memcpy(&Identifier, Answer.Bytes.data(), sizeof(Identifier));
     }
+    const bool Back = Identifier != NoIdentifier && std::find(Way.begin(), Way.end(), Identifier) != Way.end();
+    Way.push_back(Identifier);
+    return Back;
+}
+
+// Errors are told and the walk goes on.
+int ListTree(const Target &Where, const ListOptions &Options, WayDown Way) {
+    std::vector<DirectoryEntry> Entries;
+    int Code = Guarded([&] {
+        RemoteFile Directory(Where.Directory, ForListing());
+        const bool IsFirst = Way.empty();
+        if (LeadsBack(Directory, Way)) {
+            return;
+        }
+        fmt::print("{}{}:\n", IsFirst ? "" : "\n", ShowPath(Where.Directory));
+        Entries = ListDirectory(Directory, Where.Mask, Options.Buffer);
+    });
     for (const DirectoryEntry &Entry : Entries) {
         PrintEntry(Entry, Options.Long);
     }
     for (const DirectoryEntry &Entry : Entries) {
         if (Entry.Attributes & FILE_ATTRIBUTE_DIRECTORY) {
-            fmt::print("\n");
-            ListTree({Where.Directory + u"\\" + Entry.Name}, Options);
+            Code |= ListTree({Where.Directory + u"\\" + Entry.Name}, Options, Way);
         }
     }
+    return Code;
 }
 
 // Every path below Directory; with a Mask (Shown is false) those whose last name matches it. Errors are told and the
 // walk goes on.
-int Find(const std::u16string &Directory, const std::u16string &Mask, bool Shown) {
-    int Code = 0;
+int Find(const std::u16string &Directory, const std::u16string &Mask, bool Shown, WayDown Way) {
     std::vector<DirectoryEntry> Entries;
     std::vector<DirectoryEntry> Matches;
-    Code |= Guarded([&] {
+    int Code = Guarded([&] {
         RemoteFile Open(Directory, ForListing());
+        if (LeadsBack(Open, Way)) {
+            return;
+        }
         Entries = ListDirectory(Open, u"*", 65536);
         if (!Shown) {
             RemoteFile Again(Directory, ForListing());
@@ -140,7 +167,7 @@ int Find(const std::u16string &Directory, const std::u16string &Mask, bool Shown
     }
     for (const DirectoryEntry &Entry : Entries) {
         if (Entry.Attributes & FILE_ATTRIBUTE_DIRECTORY) {
-            Code |= Find(Directory + u"\\" + Entry.Name, Mask, Shown);
+            Code |= Find(Directory + u"\\" + Entry.Name, Mask, Shown, Way);
         }
     }
     return Code;
@@ -158,7 +185,9 @@ public:
                                                  sizeof(Buffer_), Everything, FALSE);
         }
         if (!NT_SUCCESS(Status)) {
-            NtClose(Ended_);
+            if (Ended_ != nullptr) {
+                NtClose(Ended_);
+            }
             throw StatusError(Status, ShowPath(Path));
         }
     }
@@ -263,14 +292,16 @@ void AddDirectoryVerbs(CLI::App &App, Command &Chosen) {
         Chosen = [Options](Session &) {
             int Code = 0;
             for (const std::string &Path : Options->Paths) {
+                int Below = 0;
                 Code |= Guarded([&] {
                     const Target Where = Split(Path);
                     if (Options->Recursive) {
-                        ListTree(Where, *Options);
+                        Below = ListTree(Where, *Options, {});
                     } else {
                         ListRaw(Where, *Options);
                     }
                 });
+                Code |= Below;
             }
             return Code;
         };
@@ -286,7 +317,7 @@ void AddDirectoryVerbs(CLI::App &App, Command &Chosen) {
     FindVerb->add_option("--name", Finding->Name, "only names that match this mask");
     FindVerb->callback([&Chosen, Finding] {
         Chosen = [Finding](Session &) {
-            return Find(RemotePath(Finding->Path), Widen(Finding->Name), Finding->Name.empty());
+            return Find(RemotePath(Finding->Path), Widen(Finding->Name), Finding->Name.empty(), {});
         };
     });
 

@@ -76,6 +76,7 @@ void TraceQuery(const QUERY &Query) {
 
 QUERY ReadQuery(PIRP_CONTEXT IrpContext) {
     const PIO_STACK_LOCATION IrpSp = IoGetCurrentIrpStackLocation(IrpContext->Irp);
+    const auto InfoClass = static_cast<ULONG>(IrpSp->Parameters.QueryDirectory.FileInformationClass);
     return {.IrpContext = IrpContext,
             .Irp = IrpContext->Irp,
             .Fcb = static_cast<PFCB>(IrpContext->FileObject->FsContext),
@@ -85,8 +86,8 @@ QUERY ReadQuery(PIRP_CONTEXT IrpContext) {
             .IndexSpecified = (IrpSp->Flags & SL_INDEX_SPECIFIED) != 0,
             .Length = IrpSp->Parameters.QueryDirectory.Length,
             .FileName = reinterpret_cast<PUNICODE_STRING>(IrpSp->Parameters.QueryDirectory.FileName),
-            .InfoClass = static_cast<ULONG>(IrpSp->Parameters.QueryDirectory.FileInformationClass),
-            .FixedSize = 0,
+            .InfoClass = InfoClass,
+            .FixedSize = NtFsdDirEntryFixedSize(InfoClass),
             .Started = false,
             .Previous = 0,
             .Information = 0};
@@ -190,10 +191,10 @@ NTSTATUS SettleStatus(const QUERY &Query, NTSTATUS Status) {
     return Status;
 }
 
-// A search for one exact name answers once.
+// A search for one exact name answers once. One that a broken batch ended goes on saying so.
 bool IsAnswered(const QUERY &Query) {
     return !Query.RestartScan && Query.Instance->SearchInitialized && !Query.Instance->Wildcard &&
-           (Query.Instance->ExactAnswered || Query.Instance->MoreEntries == 0);
+           (Query.Instance->ExactAnswered || (Query.Instance->MoreEntries == 0 && !Query.Instance->BatchBroken));
 }
 
 // Begins the search when there is none, and packs what fits into the caller's buffer.
@@ -225,19 +226,23 @@ NTSTATUS ListHeld(QUERY &Query) {
     return SettleStatus(Query, PackEntries(Query, Buffer));
 }
 
+// STATUS_SUCCESS: go on.
+NTSTATUS CheckClass(const QUERY &Query) {
+    if (Query.FixedSize != 0) {
+        return STATUS_SUCCESS;
+    }
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "Unknown DirInfo Level 0x%X\n", Query.InfoClass);
+    return STATUS_INVALID_INFO_CLASS;
+}
+
 // What the search's state refuses, with the FCB's Resource and the search's lock held. STATUS_SUCCESS: go on.
-NTSTATUS CheckHeld(QUERY &Query) {
+NTSTATUS CheckHeld(const QUERY &Query) {
     if (IsAnswered(Query)) {
         NtFsdDebugPrint(TRACE_DIRECTORY, 0,
                         "Not a wildcard, and we have already returned an entry. Returning STATUS_NO_MORE_FILES.\n");
         return STATUS_NO_MORE_FILES;
     }
-    Query.FixedSize = NtFsdDirEntryFixedSize(Query.InfoClass);
-    if (Query.FixedSize == 0) {
-        NtFsdDebugPrint(TRACE_DIRECTORY, 0, "Unknown DirInfo Level 0x%X\n", Query.InfoClass);
-        return STATUS_INVALID_INFO_CLASS;
-    }
-    return STATUS_SUCCESS;
+    return CheckClass(Query);
 }
 
 NTSTATUS CompleteListed(const QUERY &Query, NTSTATUS Status) {
@@ -255,9 +260,12 @@ NTSTATUS QueryDirectory(PIRP_CONTEXT IrpContext) {
         NtFsdDebugPrint(TRACE_DIRECTORY, 0, "SL_INDEX_SPECIFIED not supported. Returning STATUS_NOT_IMPLEMENTED.\n");
         return NtFsdCompleteRequest(IrpContext, Query.Irp, STATUS_NOT_IMPLEMENTED);
     }
-    NTSTATUS Refused;
+    NTSTATUS Refused = STATUS_SUCCESS;
+    if (Query.RestartScan || !IsSearching(Query.Instance)) {
+        Refused = CheckClass(Query); // no search can have answered: nothing to wait for
+    }
     NTSTATUS Status = STATUS_SUCCESS;
-    {
+    if (Refused == STATUS_SUCCESS) {
         ResourceHold Hold;
         SearchHold Search;
         const BOOLEAN Wait = IrpContext->MayWait();

@@ -126,6 +126,18 @@ bool ParseAt(PINSTANCE_CONTEXT Instance, ULONG Offset, DIR_RECORD *Record) {
                                Instance->UseShortNames, Record);
 }
 
+// Whether an entry can have this name. A separator in it would lead those who compose paths of it somewhere else.
+bool IsEntryName(const DIR_RECORD &Record) {
+    for (ULONG At = 0; At < Record.NameBytes; At += sizeof(WCHAR)) {
+        WCHAR Unit;
+        RtlCopyMemory(&Unit, Record.Name + At, sizeof(Unit));
+        if (Unit == 0 || Unit == SEPARATOR || Unit == WTEXT('/')) {
+            return false;
+        }
+    }
+    return Record.NameBytes != 0;
+}
+
 // Counts the records of a fresh batch, as far as they are records.
 void CountRecords(PINSTANCE_CONTEXT Instance) {
     ULONG Offset = 0;
@@ -133,7 +145,7 @@ void CountRecords(PINSTANCE_CONTEXT Instance) {
     Instance->BatchBroken = FALSE;
     for (;;) {
         DIR_RECORD Record;
-        if (!ParseAt(Instance, Offset, &Record)) {
+        if (!ParseAt(Instance, Offset, &Record) || !IsEntryName(Record)) {
             Instance->BatchBroken = TRUE;
             break;
         }

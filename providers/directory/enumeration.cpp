@@ -2,11 +2,13 @@
 //
 // A search takes the directory's matching names once; its resume key is the search's tag and the position in that list.
 // So entries that come and go never make another entry appear twice or be missed: those that went are left out when
-// their turn comes, those that came are not part of this search. A folder handle keeps its last few searches.
+// their turn comes, those that came are not part of this search. A folder handle keeps its last few searches; one that
+// went is answered as a lost connection, the one error that nobody takes for the end of the directory.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
 
+#include <dirent.h>
 #include <fcntl.h>
 
 #include "providers/directory/names.h"
@@ -20,11 +22,16 @@ using Sec = RV_SECURITY_CONTEXT *;
 
 constexpr size_t KeptListings = 8;
 constexpr uint8_t MaxTag = 254;
+constexpr uint8_t UnkeptTag = 255; // of a search that is not kept
 constexpr unsigned PositionBits = 24;
 constexpr ULONG MaxPosition = (1u << PositionBits) - 1;
 constexpr ULONG EndKey = 0xFFFFFFFF; // the search is over; asking again gives the same answer
 constexpr size_t ShortNameUnits = 12;
 constexpr USHORT CodeBufferTooSmall = 0x0007;
+constexpr USHORT CodeSearchGone = 0x0101;
+
+// The flag of a search that wants one batch and no more, as whoever counts entries does.
+constexpr UCHAR FLAG_ONE_BATCH = 1;
 
 // Where a record keeps what; records start on 8-byte boundaries.
 enum OFFSET : size_t {
@@ -82,24 +89,31 @@ RVSTATUS Collect(FolderObject &Folder, PCWSTR Mask, bool WithShort, Listing &Out
         Resolved Back;
         const bool Leads = !Short.empty() && !RvIsError(Folder.Volume->Names.Resolve(Folder.Ref(), Short, Back)) &&
                            Back.Exists && Back.Name == Found.Name;
-        Out.Names.push_back({Found.Served, Found.Name, Leads ? std::move(Short) : std::u16string()});
+        Out.Names.push_back({Found.Served, Found.Name, Leads ? std::move(Short) : std::u16string(), Found.Type});
     }
     return Status;
 }
 
-// Data of one entry; of what a link leads to when that can be reached.
-RVSTATUS EntryMetadata(const FolderObject &Folder, const std::string &Native, Metadata &Data) {
-    if (const RVSTATUS Status = ReadEntryMetadata(Folder.Fd.Get(), Native.c_str(), Data); RvIsError(Status)) {
-        return Status;
+// Data of one entry; of what a link leads to when that can be reached. FALSE when the entry is not there any more. One
+// that will not be looked at is listed all the same, with what is known: it must not keep the others from being listed.
+bool EntryMetadata(const FolderObject &Folder, const ListedName &Item, Metadata &Data) {
+    const RVSTATUS Status = ReadEntryMetadata(Folder.Fd.Get(), Item.Native.c_str(), Data);
+    if (Status == Failure(CODE_NO_SUCH_FILE)) {
+        return false;
+    }
+    if (RvIsError(Status)) {
+        Data = {};
+        Data.Attributes = Item.Type == DT_DIR ? RV_ATTR_DIRECTORY : 0u;
+        return true;
     }
     if (S_ISLNK(Data.Mode)) {
-        const UniqueFd Target(Folder.Volume->Open(Folder.Ref(), Native, O_PATH));
+        const UniqueFd Target(Folder.Volume->Open(Folder.Ref(), Item.Native, O_PATH));
         Metadata Behind;
         if (Target && !RvIsError(ReadMetadata(Target.Get(), Behind))) {
             Data = Behind;
         }
     }
-    return RVSTATUS::Success;
+    return true;
 }
 
 size_t RecordSize(const ListedName &Item, bool WithShort) {
@@ -137,13 +151,8 @@ RVSTATUS FillBatch(const FolderObject &Folder, const Listing &From, bool WithSho
             return Last != nullptr ? RVSTATUS::Success : Failure(CodeBufferTooSmall);
         }
         Metadata Data;
-        const RVSTATUS Status = EntryMetadata(Folder, Item.Native, Data);
-        if (Status == Failure(CODE_NO_SUCH_FILE)) {
+        if (!EntryMetadata(Folder, Item, Data)) {
             continue;
-        }
-        if (RvIsError(Status)) {
-            // What is in the batch is good; the error comes with the next one.
-            return Last != nullptr ? RVSTATUS::Success : Status;
         }
         WriteRecord(Buffer + Start, Data, Item, WithShort);
         if (Last != nullptr) {
@@ -155,13 +164,20 @@ RVSTATUS FillBatch(const FolderObject &Folder, const Listing &From, bool WithSho
     return Last != nullptr ? RVSTATUS::Success : Failure(CODE_NO_MORE_FILES);
 }
 
+auto FindListing(FolderObject &Folder, uint8_t Tag) {
+    return std::find_if(Folder.Listings.begin(), Folder.Listings.end(),
+                        [Tag](const Listing &Item) { return Item.Tag == Tag; });
+}
+
 // Starts a search and makes room for it among those the handle keeps.
 RVSTATUS BeginListing(FolderObject &Folder, PCWSTR Mask, bool WithShort) {
     Listing New;
     if (const RVSTATUS Status = Collect(Folder, Mask, WithShort, New); RvIsError(Status)) {
         return Status;
     }
-    Folder.LastTag = Folder.LastTag == MaxTag ? 1 : static_cast<uint8_t>(Folder.LastTag + 1);
+    do {
+        Folder.LastTag = Folder.LastTag == MaxTag ? 1 : static_cast<uint8_t>(Folder.LastTag + 1);
+    } while (FindListing(Folder, Folder.LastTag) != Folder.Listings.end());
     New.Tag = Folder.LastTag;
     if (Folder.Listings.size() == KeptListings) {
         Folder.Listings.erase(Folder.Listings.begin());
@@ -170,55 +186,79 @@ RVSTATUS BeginListing(FolderObject &Folder, PCWSTR Mask, bool WithShort) {
     return RVSTATUS::Success;
 }
 
-RVSTATUS Enumerate(State &Provider, RVHANDLE Directory, PCWSTR Mask, bool WithShort, ULONG *ResumeKey,
-                   ULONG *BufferSize, PVOID Buffer) {
-    if (ResumeKey == nullptr || BufferSize == nullptr || Buffer == nullptr) {
+// What a caller of both slots asks for, beside the mask.
+struct Request {
+    bool WithShort;
+    bool OneBatch;
+    ULONG *ResumeKey;
+    ULONG *BufferSize;
+    PVOID Buffer;
+};
+
+// One batch of From, from Position on; size and key become what the caller gets.
+RVSTATUS Serve(const FolderObject &Folder, const Listing &From, size_t Position, const Request &Wanted) {
+    size_t Filled = 0;
+    const RVSTATUS Status = FillBatch(Folder, From, Wanted.WithShort, Position, static_cast<UCHAR *>(Wanted.Buffer),
+                                      *Wanted.BufferSize, Filled);
+    *Wanted.BufferSize = static_cast<ULONG>(Filled);
+    *Wanted.ResumeKey = Position == From.Names.size()
+                            ? EndKey
+                            : static_cast<ULONG>(From.Tag) << PositionBits | static_cast<ULONG>(Position);
+    return Status;
+}
+
+RVSTATUS Enumerate(State &Provider, RVHANDLE Directory, PCWSTR Mask, const Request &Wanted) {
+    if (Wanted.ResumeKey == nullptr || Wanted.BufferSize == nullptr || Wanted.Buffer == nullptr) {
         return RVSTATUS::InvalidParameter;
     }
     const auto Found = Provider.Open.Acquire(Directory, KIND_FOLDER);
     if (!Found) {
         return RVSTATUS::InvalidHandle;
     }
-    if (*ResumeKey == EndKey) {
+    const ULONG Key = *Wanted.ResumeKey;
+    if (Key == EndKey) {
         return Failure(CODE_NO_MORE_FILES);
     }
     auto &Folder = static_cast<FolderObject &>(*Found);
+    if (Key == 0 && Wanted.OneBatch) {
+        // Not kept, so that it costs no running search its place.
+        Listing Once;
+        Once.Tag = UnkeptTag;
+        const RVSTATUS Status = Collect(Folder, Mask, Wanted.WithShort, Once);
+        return RvIsError(Status) ? Status : Serve(Folder, Once, 0, Wanted);
+    }
     const std::lock_guard Hold(Folder.ListingMutex);
-    size_t Position = *ResumeKey & MaxPosition;
-    auto Tag = static_cast<uint8_t>(*ResumeKey >> PositionBits);
-    if (*ResumeKey == 0) {
-        if (const RVSTATUS Status = BeginListing(Folder, Mask, WithShort); RvIsError(Status)) {
+    if (Key == 0) {
+        if (const RVSTATUS Status = BeginListing(Folder, Mask, Wanted.WithShort); RvIsError(Status)) {
             return Status;
         }
-        Tag = Folder.LastTag;
     }
-    auto From = std::find_if(Folder.Listings.begin(), Folder.Listings.end(),
-                             [Tag](const Listing &Item) { return Item.Tag == Tag; });
-    if (From == Folder.Listings.end() || Position > From->Names.size()) {
-        return RVSTATUS::InvalidParameter; // not a key that this handle gave out and still keeps
+    auto From = FindListing(Folder, Key == 0 ? Folder.LastTag : static_cast<uint8_t>(Key >> PositionBits));
+    if (From == Folder.Listings.end() || (Key & MaxPosition) > From->Names.size()) {
+        return Failure(CodeSearchGone);
     }
     std::rotate(From, From + 1, Folder.Listings.end());
     From = Folder.Listings.end() - 1;
-    size_t Filled = 0;
-    const RVSTATUS Status =
-        FillBatch(Folder, *From, WithShort, Position, static_cast<UCHAR *>(Buffer), *BufferSize, Filled);
-    *BufferSize = static_cast<ULONG>(Filled);
-    const bool Over = Position == From->Names.size();
-    *ResumeKey = Over ? EndKey : static_cast<ULONG>(Tag) << PositionBits | static_cast<ULONG>(Position);
-    if (Over) {
+    const RVSTATUS Status = Serve(Folder, *From, Key & MaxPosition, Wanted);
+    if (*Wanted.ResumeKey == EndKey) {
         Folder.Listings.erase(From);
     }
     return Status;
 }
 
-RVSTATUS NTAPI EnumerateDirectory(RVIOM_FSD *Self, Sec, RVHANDLE Directory, PCWSTR Mask, UCHAR, ULONG *ResumeKey,
+RVSTATUS NTAPI EnumerateDirectory(RVIOM_FSD *Self, Sec, RVHANDLE Directory, PCWSTR Mask, UCHAR Flag, ULONG *ResumeKey,
                                   ULONG *BufferSize, PVOID Buffer) {
-    return Guarded([&] { return Enumerate(State::Of(Self), Directory, Mask, false, ResumeKey, BufferSize, Buffer); });
+    return Guarded([&] {
+        return Enumerate(State::Of(Self), Directory, Mask,
+                         {false, Flag == FLAG_ONE_BATCH, ResumeKey, BufferSize, Buffer});
+    });
 }
 
 RVSTATUS NTAPI EnumerateDirectoryEx(RVIOM_FSD *Self, Sec, RVHANDLE Directory, PCWSTR Mask, ULONG, ULONG *ResumeKey,
                                     ULONG *BufferSize, PVOID Buffer) {
-    return Guarded([&] { return Enumerate(State::Of(Self), Directory, Mask, true, ResumeKey, BufferSize, Buffer); });
+    return Guarded([&] {
+        return Enumerate(State::Of(Self), Directory, Mask, {true, false, ResumeKey, BufferSize, Buffer});
+    });
 }
 
 } // namespace

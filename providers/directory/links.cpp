@@ -2,10 +2,10 @@
 #include <algorithm>
 
 #include <fmt/format.h>
-#include <unicode/ustring.h>
 
 #include "providers/directory/names.h"
 #include "providers/directory/state.h"
+#include "providers/wide_text.h"
 
 namespace providers::directory {
 namespace {
@@ -28,18 +28,8 @@ struct Wanted {
     std::string Shown; // how a message names it
 };
 
-std::string Shown(std::u16string_view Text) {
-    std::string Out(Text.size() * 3, '\0');
-    int32_t Length = 0;
-    UErrorCode Error = U_ZERO_ERROR;
-    u_strToUTF8WithSub(Out.data(), static_cast<int32_t>(Out.size()), &Length, Text.data(),
-                       static_cast<int32_t>(Text.size()), 0xFFFD, nullptr, &Error);
-    Out.resize(static_cast<size_t>(Length));
-    return Out;
-}
-
 std::string ShownVolume(const Split &Path) {
-    return fmt::format("\\\\{}\\{}", Shown(Path.Server), Shown(Path.Volume));
+    return fmt::format("\\\\{}\\{}", ToUtf8(Path.Server), ToUtf8(Path.Volume));
 }
 
 void AppendPath(std::u16string &Path, std::u16string_view More) {
@@ -66,7 +56,7 @@ std::string Parse(std::u16string_view Text, Split &Out) {
 }
 
 std::string ParseLink(const ExportLink &Given, Wanted &Out) {
-    Out.Shown = fmt::format("cannot link {} to {}", Shown(Given.Name), Shown(Given.Target));
+    Out.Shown = fmt::format("cannot link {} to {}", ToUtf8(Given.Name), ToUtf8(Given.Target));
     std::string Fault = Parse(Given.Name, Out.Name);
     if (Fault.empty() && !Out.Name.Rest.empty()) {
         Fault = "the name must be \\\\server\\volume, without a path after it";

@@ -187,7 +187,11 @@ void NameCache::Watch(int Fd, Names &Dir) {
 }
 
 RVSTATUS NameCache::Scan(int Fd, Names &Dir) {
-    const int Own = openat(Fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    int Own = openat(Fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (Own < 0 && errno == EACCES) {
+        // It may be read and not be searched, not even for ".".
+        Own = open(fmt::format("/proc/self/fd/{}", Fd).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    }
     DIR *Stream = Own < 0 ? nullptr : fdopendir(Own);
     if (Stream == nullptr) {
         const int Error = errno;
@@ -279,6 +283,9 @@ RVSTATUS NameCache::Read(int Fd, NamesPtr &Out) {
 }
 
 RVSTATUS NameCache::Enter(const DirectoryRef &Base, const std::string &Path, NamesPtr &Out) {
+    if (Path.empty()) {
+        return Read(Base.Fd, Out);
+    }
     const UniqueFd Fd(Open_(Context_, Base, Path, O_PATH | O_DIRECTORY));
     if (!Fd) {
         return StatusFromLookup(errno);
@@ -423,7 +430,7 @@ RVSTATUS NameCache::List(const DirectoryRef &Dir, bool WithShort, const Filter &
                 Short.clear();
             }
             if (Wanted(Folded, Short)) {
-                Sorted.emplace_back(Folded, ListedName{Item.Served, Item.Native, std::move(Short)});
+                Sorted.emplace_back(Folded, ListedName{Item.Served, Item.Native, std::move(Short), Item.Type});
             }
         }
     }

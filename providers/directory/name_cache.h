@@ -21,6 +21,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include <dirent.h>
+
 #include "providers/directory/beneath.h"
 #include "providers/directory/errno_status.h"
 
@@ -50,6 +52,7 @@ struct ListedName {
     std::u16string Served;
     std::string Native;
     std::u16string Short; // leads back to this entry; empty when it has none, or when it was not asked for
+    unsigned char Type = DT_UNKNOWN;
 };
 
 class NameCache {

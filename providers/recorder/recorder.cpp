@@ -2,40 +2,17 @@
 
 #include <fmt/format.h>
 
+#include "providers/wide_text.h"
+
 namespace providers {
 
 namespace {
-
-// 16-bit text as UTF-8; what cannot be expressed is shown as a question mark.
-std::string Narrow(const WCHAR *Text, size_t Units) {
-    std::string Out;
-    for (size_t At = 0; At < Units; ++At) {
-        uint32_t Code = Text[At];
-        if (Code >= 0xD800 && Code < 0xDC00 && At + 1 < Units && Text[At + 1] >= 0xDC00 && Text[At + 1] < 0xE000) {
-            Code = 0x10000 + ((Code - 0xD800) << 10) + (Text[++At] - 0xDC00u);
-        } else if (Code >= 0xD800 && Code < 0xE000) {
-            Code = '?';
-        }
-        if (Code < 0x80) {
-            Out += static_cast<char>(Code);
-        } else if (Code < 0x800) {
-            Out += {static_cast<char>(0xC0 | Code >> 6), static_cast<char>(0x80 | (Code & 63))};
-        } else if (Code < 0x10000) {
-            Out += {static_cast<char>(0xE0 | Code >> 12), static_cast<char>(0x80 | (Code >> 6 & 63)),
-                    static_cast<char>(0x80 | (Code & 63))};
-        } else {
-            Out += {static_cast<char>(0xF0 | Code >> 18), static_cast<char>(0x80 | (Code >> 12 & 63)),
-                    static_cast<char>(0x80 | (Code >> 6 & 63)), static_cast<char>(0x80 | (Code & 63))};
-        }
-    }
-    return Out;
-}
 
 std::string Quoted(PCWSTR Text) {
     if (Text == nullptr) {
         return "null";
     }
-    return '"' + Narrow(Text, std::char_traits<char16_t>::length(Text)) + '"';
+    return '"' + ToUtf8(Text) + '"';
 }
 
 // What goes in is shown in the call, what comes out behind its status. Pointers to data show only that they are there.
@@ -59,7 +36,7 @@ struct Line {
         }
     }
     void Show(const char *Name, PUNICODE_STRING Value) {
-        Argument(Name, '"' + Narrow(Value->Buffer, Value->Length / 2) + '"');
+        Argument(Name, '"' + ToUtf8({Value->Buffer, Value->Length / sizeof(WCHAR)}) + '"');
     }
     void Show(const char *Name, ULONG64 Value) {
         Argument(Name, fmt::format("{}", Value));

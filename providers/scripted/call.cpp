@@ -134,36 +134,6 @@ std::string Call::Format() const {
     return Line;
 }
 
-std::string ToUtf8(std::u16string_view Text) {
-    std::string Bytes;
-    for (size_t At = 0; At < Text.size(); At++) {
-        ULONG Point = Text[At];
-        const bool High = Point >= 0xD800 && Point < 0xDC00;
-        if (High && At + 1 < Text.size() && Text[At + 1] >= 0xDC00 && Text[At + 1] < 0xE000) {
-            Point = 0x10000 + ((Point - 0xD800) << 10) + (Text[++At] - 0xDC00u);
-        } else if (Point >= 0xD800 && Point < 0xE000) {
-            Bytes += fmt::format("\\u{:04X}", Point);
-            continue;
-        }
-        if (Point < 0x80) {
-            Bytes += static_cast<char>(Point);
-        } else if (Point < 0x800) {
-            Bytes += static_cast<char>(0xC0 | Point >> 6);
-            Bytes += static_cast<char>(0x80 | (Point & 0x3F));
-        } else if (Point < 0x10000) {
-            Bytes += static_cast<char>(0xE0 | Point >> 12);
-            Bytes += static_cast<char>(0x80 | (Point >> 6 & 0x3F));
-            Bytes += static_cast<char>(0x80 | (Point & 0x3F));
-        } else {
-            Bytes += static_cast<char>(0xF0 | Point >> 18);
-            Bytes += static_cast<char>(0x80 | (Point >> 12 & 0x3F));
-            Bytes += static_cast<char>(0x80 | (Point >> 6 & 0x3F));
-            Bytes += static_cast<char>(0x80 | (Point & 0x3F));
-        }
-    }
-    return Bytes;
-}
-
 std::u16string FoldCase(std::u16string_view Text) {
     std::u16string Folded(Text);
     for (char16_t &Unit : Folded) {

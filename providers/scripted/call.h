@@ -3,6 +3,7 @@
 
 #include "provider/provider_interface.h"
 #include "providers/scripted/slots.h"
+#include "providers/wide_text.h"
 
 #include <optional>
 #include <string>
@@ -75,9 +76,6 @@ struct Call {
     // RVFsdOpenDirectory(base=1, path="docs") -> 0x00000000 handle=2
     std::string Format() const;
 };
-
-// Unpaired surrogates become \uXXXX.
-std::string ToUtf8(std::u16string_view Text);
 
 // Folds letter case for comparing names: ASCII, Latin-1, Greek and Cyrillic, which is what test names use.
 std::u16string FoldCase(std::u16string_view Text);

@@ -6,10 +6,12 @@
 #include <filesystem>
 
 #include "tests/app/program.h"
+#include "tests/support/without_override.h"
 
 namespace {
 
 using test::Ran;
+using testing::AllOf;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 
@@ -66,6 +68,35 @@ TEST_F(ProgramListing, TheLastComponentIsAMaskOrTheNameOfAFile) {
         EXPECT_EQ(None.Code, 1);
         EXPECT_THAT(None.Error, HasSubstr(Error));
     }
+}
+
+TEST_F(ProgramListing, LinksThatLeadBackAreListedAndNotEntered) {
+    const std::filesystem::path Loop = Local.Path() / "loop";
+    std::filesystem::create_directory(Loop);
+    std::filesystem::create_directory_symlink(".", Loop / "a");
+    std::filesystem::create_directory_symlink(".", Loop / "b");
+    std::filesystem::create_directory(Loop / "c");
+    std::filesystem::create_directory_symlink("..", Loop / "c" / "up");
+    EXPECT_EQ(Out({"ls", "-R", R"(\\srv\vol\loop)"}), "\\\\srv\\vol\\loop:\na\nb\nc\n\n\\\\srv\\vol\\loop\\c:\nup\n");
+    EXPECT_EQ(Out({"find", R"(\\srv\vol\loop)"}),
+              "\\\\srv\\vol\\loop\\a\n\\\\srv\\vol\\loop\\b\n\\\\srv\\vol\\loop\\c\n\\\\srv\\vol\\loop\\c\\up\n");
+}
+
+TEST_F(ProgramListing, ADirectoryThatDoesNotOpenIsToldAndTheOthersAreListed) {
+    // Names of "half" may be read, and nothing in it be reached.
+    const std::filesystem::path Half = Local.Path() / "d" / "half";
+    std::filesystem::create_directories(Half / "inner");
+    std::filesystem::permissions(Half, std::filesystem::perms::owner_read);
+    for (const std::vector<std::string> &Verb : {std::vector<std::string>{"ls", "-R"}, {"find"}}) {
+        std::vector<std::string> Words = Verb;
+        Words.push_back(R"(\\srv\vol\d)");
+        Ran Done;
+        test::WithoutOverride([&] { Done = test::RunProgram(Line(Words)); });
+        EXPECT_EQ(Done.Code, 1);
+        EXPECT_THAT(Done.Error, HasSubstr("STATUS_ACCESS_DENIED (0xC0000022): \\\\srv\\vol\\d\\half\\inner"));
+        EXPECT_THAT(Done.Out, AllOf(HasSubstr("inner\n"), HasSubstr("below.txt\n")));
+    }
+    std::filesystem::permissions(Half, std::filesystem::perms::owner_all);
 }
 
 TEST_F(ProgramListing, AnEmptyVolumeIsListedAsEmptyAndAMaskThatMatchesNothingIsTold) {

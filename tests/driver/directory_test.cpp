@@ -1,112 +1,23 @@
 // Listing a directory through the driver.
 
-#include <map>
+#include <future>
 #include <random>
 #include <set>
 #include <sstream>
 #include <thread>
 
-#include "dir/directory.h"
 #include "embedded/ex.h"
 #include "embedded/faults.h"
-#include "tests/support/driver_fixture.h"
+#include "tests/driver/listing_client.h"
 
 namespace {
 
+using test::Listing;
 using test::Open;
+using test::Unpack;
 
-struct Entry {
-    std::u16string Name;
-    ULONG Attributes;
-    LONGLONG Size;
-};
-
-// Reads the entries of a packed buffer and checks that it is packed as callers rely on.
-std::vector<Entry> Unpack(const std::vector<UCHAR> &Buffer, ULONG_PTR Information, ULONG InfoClass) {
-    std::vector<Entry> Entries;
-    const ULONG Fixed = NtFsdDirEntryFixedSize(InfoClass);
-    for (ULONG_PTR At = 0; Information != 0;) {
-        EXPECT_EQ(At % 8, 0u);
-        ULONG Next;
-        memcpy(&Next, Buffer.data() + At, sizeof(Next));
-        ULONG NameBytes;
-        const ULONG LengthAt = InfoClass == FileNamesInformation ? 8 : 60;
-        memcpy(&NameBytes, Buffer.data() + At + LengthAt, sizeof(NameBytes));
-        Entry Found = {};
-        Found.Name.resize(NameBytes / 2);
-        memcpy(Found.Name.data(), Buffer.data() + At + Fixed, NameBytes);
-        if (InfoClass != FileNamesInformation) {
-            memcpy(&Found.Attributes, Buffer.data() + At + 56, sizeof(ULONG));
-            memcpy(&Found.Size, Buffer.data() + At + 40, sizeof(LONGLONG));
-        }
-        Entries.push_back(Found);
-        if (Next == 0) {
-            EXPECT_EQ(Information, At + Fixed + NameBytes) << "Information ends with the last entry";
-            break;
-        }
-        At += Next;
-    }
-    return Entries;
-}
-
-class Listing : public test::DriverFixture {
-protected:
-    struct Answer {
-        NTSTATUS Status;
-        ULONG_PTR Information;
-        std::vector<UCHAR> Buffer;
-    };
-
-    HANDLE OpenDirectory(std::u16string_view Path) {
-        return MustOpen(Path, {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
-                               .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
-    }
-
-    // One query. The bytes that Information does not cover must come back as they went in.
-    Answer Query(HANDLE Directory, ULONG Length, const char16_t *Mask = nullptr, bool Restart = false,
-                 bool Single = false, ULONG InfoClass = FileDirectoryInformation) {
-        constexpr UCHAR Pattern = 0xA5;
-        Answer Result = {STATUS_UNSUCCESSFUL, 0, std::vector<UCHAR>(Length, Pattern)};
-        std::u16string Text = Mask != nullptr ? Mask : u"";
-        UNICODE_STRING Name = {static_cast<USHORT>(Text.size() * 2), static_cast<USHORT>(Text.size() * 2), Text.data()};
-        IO_STATUS_BLOCK IoStatus = {};
-        Result.Status = NtQueryDirectoryFile(Directory, nullptr, nullptr, nullptr, &IoStatus, Result.Buffer.data(),
-                                             Length, InfoClass, Single, Mask != nullptr ? &Name : nullptr, Restart);
-        if (Result.Status == STATUS_PENDING) {
-            Result.Status = IoStatus.Status; // a posted query is over when it returns
-        }
-        Result.Information = IoStatus.Information;
-        EXPECT_LE(Result.Information, Length);
-        for (ULONG_PTR At = Result.Information; At < Length; ++At) {
-            EXPECT_EQ(Result.Buffer[At], Pattern) << "byte " << At << " is beyond what was reported";
-        }
-        return Result;
-    }
-
-    static void AddNames(const Answer &Result, std::vector<std::u16string> &Names) {
-        for (const Entry &One : Unpack(Result.Buffer, Result.Information, FileDirectoryInformation)) {
-            Names.push_back(One.Name);
-        }
-    }
-    std::vector<std::u16string> Names(HANDLE Directory, const char16_t *Mask = nullptr) {
-        std::vector<std::u16string> Found;
-        Answer Result = Query(Directory, 65536, Mask, true);
-        for (; Result.Status == STATUS_SUCCESS; Result = Query(Directory, 65536)) {
-            AddNames(Result, Found);
-        }
-        EXPECT_TRUE(Result.Status == STATUS_NO_MORE_FILES || Result.Status == STATUS_NO_SUCH_FILE);
-        return Found;
-    }
-
-    std::string LastMask() {
-        for (const auto &Line : Provider.Calls()) {
-            if (Line.find("EnumerateDirectory") != std::string::npos) {
-                return Line;
-            }
-        }
-        return "";
-    }
-};
+constexpr ULONG Classes[] = {FileDirectoryInformation, FileFullDirectoryInformation,   FileBothDirectoryInformation,
+                             FileNamesInformation,     FileIdBothDirectoryInformation, FileIdFullDirectoryInformation};
 
 TEST_F(Listing, ASubdirectoryBeginsWithItselfAndItsParentAndAVolumeRootDoesNot) {
     Provider.AddDirectory(u"\\srv\\vol\\d");
@@ -134,6 +45,39 @@ TEST_F(Listing, ADirectoryThatWasCreatedAndNotOpenedListsItselfAndNotItsParent) 
     Close(Made);
 }
 
+TEST_F(Listing, TheDotEntriesAreThereForMasksWithoutAnOrdinaryCharacter) {
+    Provider.AddFile(u"\\srv\\vol\\d\\abc", "");
+    Provider.AddFile(u"\\srv\\vol\\d\\a.txt", "");
+    HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
+    using Found = std::vector<std::u16string>;
+    EXPECT_EQ(Names(Directory, u"???"), (Found{u".", u"..", u"abc"}));
+    EXPECT_EQ(Names(Directory, u"*.txt"), (Found{u"a.txt"}));
+    EXPECT_EQ(Names(Directory, u"*.*"), (Found{u"abc", u"a.txt"})) << "a full stop is an ordinary character";
+    EXPECT_EQ(Names(Directory, u"\""), (Found{u"."})) << "no wildcard: one answer";
+    Close(Directory);
+}
+
+TEST_F(Listing, AHundredThousandEntriesAreAllListed) {
+    constexpr int Count = 100'000;
+    Provider.AddDirectory(u"\\srv\\vol\\d");
+    Provider.Edit([](providers::Tree &Tree) {
+        providers::Node &Parent = *Tree.Find(u"\\srv\\vol\\d");
+        for (int Index = 0; Index < Count; ++Index) {
+            auto File = std::make_shared<providers::Node>();
+            const std::string Digits = std::to_string(Count + Index);
+            File->Name.assign(Digits.begin(), Digits.end());
+            Parent.Attach(std::move(File));
+        }
+    });
+    HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
+    const std::vector<std::u16string> Found = Names(Directory);
+    ASSERT_EQ(Found.size(), Count + 2u);
+    EXPECT_EQ(Found.back(), u"199999");
+    EXPECT_TRUE(std::is_sorted(Found.begin(), Found.end()));
+    EXPECT_EQ(std::adjacent_find(Found.begin(), Found.end()), Found.end());
+    Close(Directory);
+}
+
 TEST_F(Listing, MasksReachTheProviderRewritten) {
     Provider.AddDirectory(u"\\srv\\vol\\d");
     const struct {
@@ -152,6 +96,7 @@ TEST_F(Listing, MasksReachTheProviderRewritten) {
                   "b\""},
         {u"plain", "\"plain\""},
         {u"", "\"*\""},
+        {u"???", "\"???\""},
     };
     HANDLE Directory = OpenDirectory(u"\\srv\\vol");
     for (const auto &Case : Cases) {
@@ -183,9 +128,7 @@ TEST_F(Listing, EveryBufferLengthAnswersWithWholeEntriesOrNothing) {
     Provider.AddFile(u"\\srv\\vol\\d\\ten chars.", "12");
     Provider.AddFile(u"\\srv\\vol\\d\\another one", "3");
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
-    for (const ULONG InfoClass :
-         {FileDirectoryInformation, FileFullDirectoryInformation, FileBothDirectoryInformation, FileNamesInformation,
-          FileIdBothDirectoryInformation, FileIdFullDirectoryInformation}) {
+    for (const ULONG InfoClass : Classes) {
         const ULONG Fixed = NtFsdDirEntryFixedSize(InfoClass);
         for (ULONG Length = 0; Length < 600; ++Length) {
             Answer Result = Query(Directory, Length, u"*", true, false, InfoClass);
@@ -214,10 +157,15 @@ TEST_F(Listing, AnySequenceOfBuffersTellsTheSameAsOneLargeBuffer) {
     const std::vector<std::u16string> Whole = Names(Directory, u"*");
     for (int Round = 0; Round < 20; ++Round) {
         std::vector<std::u16string> Found;
+        const ULONG InfoClass = Classes[Round % std::size(Classes)];
         bool Restart = true;
         for (;;) {
+            if (Random() % 100 == 0) {
+                Found.clear();
+                Restart = true;
+            }
             const ULONG Length = Random() % 2000;
-            Answer Result = Query(Directory, Length, u"*", std::exchange(Restart, false), Random() % 4 == 0);
+            Answer Result = Query(Directory, Length, u"*", std::exchange(Restart, false), Random() % 4 == 0, InfoClass);
             EXPECT_LE(embedded::PoolBytesInUse() - Before, 12288 + 256) << "one batch and the mask";
             if (Result.Status == STATUS_BUFFER_OVERFLOW) {
                 continue; // the entry stays first
@@ -226,7 +174,7 @@ TEST_F(Listing, AnySequenceOfBuffersTellsTheSameAsOneLargeBuffer) {
                 EXPECT_EQ(Result.Status, STATUS_NO_MORE_FILES);
                 break;
             }
-            AddNames(Result, Found);
+            AddNames(Result, Found, InfoClass);
         }
         EXPECT_EQ(Found, Whole);
     }
@@ -259,26 +207,6 @@ TEST_F(Listing, AFailedAllocationLosesAndDoublesNothing) {
     Close(Directory);
 }
 
-TEST_F(Listing, AttributesSizesAndTimesFollowTheKindOfTheEntry) {
-    Provider.AddDirectory(u"\\srv\\vol\\d");
-    Provider.AddFile(u"\\srv\\vol\\d\\plain", "123");
-    Provider.AddFile(u"\\srv\\vol\\d\\readonly", "1", RV_ATTR_READONLY);
-    Provider.AddDirectory(u"\\srv\\vol\\d\\sub");
-    HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
-    Answer Result = Query(Directory, 65536, u"*");
-    std::map<std::u16string, Entry> ByName;
-    for (const Entry &One : Unpack(Result.Buffer, Result.Information, FileDirectoryInformation)) {
-        ByName[One.Name] = One;
-    }
-    EXPECT_EQ(ByName[u"plain"].Attributes, static_cast<ULONG>(FILE_ATTRIBUTE_NORMAL));
-    EXPECT_EQ(ByName[u"plain"].Size, 3);
-    EXPECT_EQ(ByName[u"readonly"].Attributes, static_cast<ULONG>(FILE_ATTRIBUTE_READONLY));
-    EXPECT_EQ(ByName[u"sub"].Attributes & FILE_ATTRIBUTE_DIRECTORY, static_cast<ULONG>(FILE_ATTRIBUTE_DIRECTORY));
-    EXPECT_EQ(ByName[u"sub"].Size, 0);
-    EXPECT_EQ(ByName[u"."].Attributes & FILE_ATTRIBUTE_DIRECTORY, static_cast<ULONG>(FILE_ATTRIBUTE_DIRECTORY));
-    Close(Directory);
-}
-
 TEST_F(Listing, RequestsThatCannotBeServedSayWhichWay) {
     Provider.AddDirectory(u"\\srv\\vol\\d");
     Provider.AddFile(u"\\srv\\vol\\f", "");
@@ -290,6 +218,19 @@ TEST_F(Listing, RequestsThatCannotBeServedSayWhichWay) {
                                                      sizeof(Buffer), InfoClass, FALSE, nullptr, FALSE);
         EXPECT_EQ(Status, STATUS_INVALID_INFO_CLASS) << InfoClass;
     }
+    embedded::IrpBuilder Builder;
+    Builder.MajorFunction = IRP_MJ_DIRECTORY_CONTROL;
+    Builder.MinorFunction = IRP_MN_QUERY_DIRECTORY;
+    Builder.FileObject = FileObject(Directory);
+    Builder.StackFlags = SL_INDEX_SPECIFIED | SL_RESTART_SCAN;
+    Builder.Fill = [](PIO_STACK_LOCATION IrpSp) {
+        IrpSp->Parameters.QueryDirectory.FileInformationClass = FileDirectoryInformation;
+    };
+    Provider.ClearCalls();
+    const IO_STATUS_BLOCK ByIndex = embedded::SendIrp(Device(), Builder).Wait();
+    EXPECT_EQ(ByIndex.Status, STATUS_NOT_IMPLEMENTED);
+    EXPECT_EQ(ByIndex.Information, 0u);
+    EXPECT_EQ(CallNames().size(), 0u);
     HANDLE File = MustOpen(u"\\srv\\vol\\f");
     EXPECT_EQ(Query(File, 4096).Status, STATUS_INVALID_PARAMETER);
     // A buffer that cannot be written to.
@@ -298,6 +239,20 @@ TEST_F(Listing, RequestsThatCannotBeServedSayWhichWay) {
                                    4096, FileDirectoryInformation, FALSE, nullptr, FALSE),
               STATUS_ACCESS_VIOLATION);
     Close(File);
+    Close(Directory);
+}
+
+TEST_F(Listing, AnUnknownClassIsRefusedWithoutWaitingForTheDirectory) {
+    Provider.AddDirectory(u"\\srv\\vol\\d");
+    HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
+    std::future<NTSTATUS> Refused;
+    {
+        ResourceHold Hold;
+        ASSERT_TRUE(Hold.AcquireExclusive(&Fcb(Directory)->Resource, TRUE));
+        Refused = std::async(std::launch::async, [&] { return Query(Directory, 4096, u"*", false, false, 4).Status; });
+        EXPECT_EQ(Refused.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    }
+    EXPECT_EQ(Refused.get(), STATUS_INVALID_INFO_CLASS);
     Close(Directory);
 }
 
@@ -388,82 +343,6 @@ TEST_F(Listing, TheTraceFollowsAQueryToItsEnd) {
     EXPECT_NE(Printed.find("Unknown DirInfo Level 0x4\n"), std::string::npos) << Printed;
     EXPECT_EQ(Printed.find("   Status"), std::string::npos) << Printed;
     Close(Directory);
-}
-
-// ---- The batch is data from outside
-// -----------------------------------------------------------------------------------
-
-void PutRecord(UCHAR *At, ULONG Next, ULONG NameUnits) {
-    memcpy(At, &Next, 4);
-    memcpy(At + 56, &NameUnits, 4);
-}
-
-TEST(DirectoryRecord, OnlyWhatLiesInsideTheBatchIsARecord) {
-    const struct {
-        const char *What;
-        ULONG Bytes, Offset, Next, NameUnits;
-        bool Valid;
-    } Cases[] = {
-        {"a name up to the end", 80, 0, 0, 10, true},
-        {"a name beyond the end", 79, 0, 0, 10, false},
-        {"a name of 2 GiB", 4096, 0, 0, 0x40000000, false},
-        {"a name too long for 16 bits", 0x20000, 0, 0, 0x8000, false},
-        {"no room for the head", 59, 0, 0, 0, false},
-        {"a next record behind this one", 4096, 0, 80, 10, true},
-        {"a next record inside this one", 4096, 0, 62, 10, false},
-        {"a next record at an odd place", 4096, 0, 81, 10, false},
-        {"a next record at the end", 160, 0, 160, 10, false},
-        {"a next record beyond the end", 160, 0, 0xFFFFFFF0, 10, false},
-        {"an offset beyond the end", 80, 81, 0, 0, false},
-    };
-    for (const auto &Case : Cases) {
-        std::vector<UCHAR> Batch(std::max<ULONG>(Case.Bytes, 60));
-        PutRecord(Batch.data(), Case.Next, Case.NameUnits);
-        Batch.resize(Case.Bytes);
-        Batch.shrink_to_fit(); // a read beyond it is found
-        DIR_RECORD Parsed;
-        EXPECT_EQ(NtFsdParseDirRecord(Batch.data(), Case.Bytes, Case.Offset, false, &Parsed), Case.Valid) << Case.What;
-    }
-}
-
-TEST_F(Listing, ABatchThatBreaksEndsAfterItsGoodRecordsWithAClearStatus) {
-    Provider.AddDirectory(u"\\srv\\vol\\d");
-    Provider.AddFile(u"\\srv\\vol\\d\\x1", "");
-    HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
-    Provider.OnCall(providers::Slot::EnumerateDirectory).Answer([](providers::Outputs &Out) {
-        auto Buffer = static_cast<UCHAR *>(Out.Buffer);
-        PutRecord(Buffer, 80, 10);
-        PutRecord(Buffer + 80, 0xFFFFFF00, 10);
-    });
-    Answer First = Query(Directory, 4096, u"x*");
-    EXPECT_EQ(First.Status, STATUS_UNEXPECTED_NETWORK_ERROR);
-    EXPECT_EQ(Unpack(First.Buffer, First.Information, FileDirectoryInformation).size(), 1u);
-    // Nobody may take what came so far for the whole directory.
-    EXPECT_EQ(Query(Directory, 4096).Status, STATUS_UNEXPECTED_NETWORK_ERROR);
-    Close(Directory);
-}
-
-TEST_F(Listing, ShortNamesAreAskedForUnlessLazyCloseIsOnAndTheSwitchIsReadOnce) {
-    constexpr auto Key = u"\\REGISTRY\\Machine\\Software\\Veyra\\Client\\Parameters";
-    Provider.AddFile(u"\\srv\\vol\\a long name.txt", "");
-    for (const std::optional<ULONG> LazyClose : {std::optional<ULONG>(), {0u}, {1u}}) {
-        Start();
-        if (LazyClose) {
-            embedded::SetRegistryDword(Key, u"Enable Lazy Close", *LazyClose);
-        }
-        const bool Expected = LazyClose.value_or(0) == 0;
-        HANDLE Directory = OpenDirectory(u"\\srv\\vol");
-        for (const ULONG InfoClass : {FileBothDirectoryInformation, FileIdBothDirectoryInformation}) {
-            Provider.ClearCalls();
-            const Answer Result = Query(Directory, 4096, u"*", true, false, InfoClass);
-            ASSERT_EQ(Result.Status, STATUS_SUCCESS);
-            EXPECT_EQ(Provider.CountCalls(providers::Slot::EnumerateDirectoryEx) != 0, Expected);
-            EXPECT_EQ(Result.Buffer[68] != 0, Expected) << "the short name's length";
-            embedded::SetRegistryDword(Key, u"Enable Lazy Close", Expected ? 1 : 0);
-        }
-        Close(Directory);
-        Stop();
-    }
 }
 
 } // namespace

@@ -109,6 +109,18 @@ TEST_F(Watching, TheCleanupOfAnyHandleEndsAllWaitsAndLaterOnesDoNotBegin) {
     Close(Second);
 }
 
+TEST_F(Watching, AShutdownCancelsTheWaits) {
+    HANDLE Directory = Watch(u"\\srv\\vol\\d");
+    {
+        SentIrp Request = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
+        EXPECT_FALSE(Request.IsCompleted());
+        Kernel().SendShutdown();
+        EXPECT_TRUE(Request.IsCompleted());
+        EXPECT_EQ(Request.Wait().Status, STATUS_CANCELLED);
+    }
+    Close(Directory);
+}
+
 NTSTATUS NTAPI CloseWatched(PDEVICE_OBJECT, PIRP Irp, PVOID Directory) {
     IoMarkIrpPending(Irp);
     EXPECT_EQ(NtClose(static_cast<HANDLE>(Directory)), STATUS_SUCCESS);

@@ -126,11 +126,11 @@ protected:
 
     // One batch; the entries are appended.
     RVSTATUS Batch(RVHANDLE Folder, const char16_t *Mask, ULONG &Key, std::vector<Listed> &Out, bool WithShort = false,
-                   ULONG Size = 12288) {
+                   ULONG Size = 12288, UCHAR Flag = 0) {
         std::vector<UCHAR> Buffer(Size);
         const RVSTATUS Status =
             WithShort ? Table->RVFsdEnumerateDirectoryEx(Fsd, nullptr, Folder, Mask, 0, &Key, &Size, Buffer.data())
-                      : Table->RVFsdEnumerateDirectory(Fsd, nullptr, Folder, Mask, 0, &Key, &Size, Buffer.data());
+                      : Table->RVFsdEnumerateDirectory(Fsd, nullptr, Folder, Mask, Flag, &Key, &Size, Buffer.data());
         for (size_t At = 0; !RvIsError(Status);) {
             const auto Get = [&](size_t Offset, auto &Value) {
                 ASSERT_LE(At + Offset + sizeof Value, Size) << "a record outside the batch";
