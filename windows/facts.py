@@ -3,6 +3,7 @@ driver/ read and name, the identities of an image and a PDB. What cannot be used
 import collections
 import datetime
 import glob
+import hashlib
 import importlib.machinery
 import importlib.util
 import os
@@ -11,9 +12,12 @@ import struct
 import subprocess
 import sys
 import tomllib
+import zipfile
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(HERE)
+PAGES = ["README.txt", "INSTALL.txt", "VALUES.txt", "MESSAGES.txt", "CRASH.txt", "LIMITS.txt"]
+FILES = sorted(["RVFSD.inf", "RVFSD.pdb", "RVFSD.reg", "RVFSD.sys", "SHA256SUMS", *PAGES])
 
 
 class BadInput(Exception):
@@ -48,6 +52,42 @@ def guarded(name, main):
         text = f"{error.filename}: {error.strerror}" if error.filename else str(error)
     print(f"{name}: {text}", file=sys.stderr)
     return 2
+
+
+# ---- The files of a package ----------------------------------------------------------------------------------------
+
+LARGEST = 64 << 20  # bytes of one file: a zip may claim anything
+
+
+def read_zip(path):
+    """The entries of a zip and what each holds. What stops the reading, whichever decompressor it comes from, is told
+    with the names of the zip and the entry."""
+    with open(path, "rb") as file:
+        where = path
+        try:
+            archive = zipfile.ZipFile(file)
+            entries, data = archive.infolist(), []
+            for entry in entries:
+                where = f"{path}: {entry.filename!r}"
+                if entry.file_size > LARGEST:
+                    raise ValueError("too large")
+                data.append(archive.read(entry))
+        except Exception as error:
+            raise BadInput(f"{where}: not a usable zip: {error or type(error).__name__}") from None
+    return entries, data
+
+
+def read_sums(files):
+    """The sums in SHA256SUMS, by the names of the files."""
+    lines = files["SHA256SUMS"].decode("ascii", "replace").splitlines()
+    return dict(reversed(line.split("  ", 1)) for line in lines if "  " in line)
+
+
+def wrong_sums(files):
+    """Names of the files, but for SHA256SUMS itself, that have no sum there or another one."""
+    sums = read_sums(files)
+    return [name for name in sorted(set(files) - {"SHA256SUMS"})
+            if sums.get(name) != hashlib.sha256(files[name]).hexdigest()]
 
 
 # ---- The commit ----------------------------------------------------------------------------------------------------
@@ -96,7 +136,9 @@ QUERY = re.compile(r"\bZwQueryValueKey\(")
 NAMED_TEXT = r'\b{}\s*=\s*ConstantString\(\s*WTEXT\("([^"]+)"\)\s*\)'
 
 DriverValue = collections.namedtuple("DriverValue", "key name default")
-DriverNames = collections.namedtuple("DriverNames", "service_key device log_file debug_component categories unloads")
+DriverNames = collections.namedtuple("DriverNames", "service_key device log_file debug_component categories unloads "
+                                     "always_printed takes_text")
+ALWAYS_PRINT = re.compile(r'\bNtFsdAlwaysPrint\(\s*((?:"(?:[^"\\]|\\.)*"\s*)+)')
 
 
 class Sources:
@@ -178,8 +220,29 @@ def driver_names(sources):
     entry = "driver/frame/driver_entry.cpp"
     sources.find(entry, r"(FsRtlRegisterUncProviderEx)\(", "the registration as UNC provider")
     unloads = sources.find(entry, r"DriverUnload = (\w+);", "DriverUnload") != "nullptr"
+    # The pages say that the prefixes of a line are addresses, whatever their labels promise.
+    for label, call in (("TID", "KeGetCurrentThread"), ("PID", "IoGetCurrentProcess")):
+        sources.find("driver/frame/diagnostics.cpp",
+                     rf'(\[{label} - 0x%I64X\] ", reinterpret_cast<ULONG64>\({call}\(\)\))', f"the prefix {label}")
     return DriverNames(registry_path(sources.constant("driver/frame/configuration.cpp", "SERVICE_KEY")),
-                       sources.constant(entry, "DEVICE_NAME"), log_file, int(component), categories, unloads)
+                       sources.constant(entry, "DEVICE_NAME"), log_file, int(component), categories, unloads,
+                       always_printed(sources), takes_text(sources))
+
+
+def takes_text(sources):
+    """Whether anything hands the driver text of other parts of the client: a call beyond declaration and definition."""
+    uses = sources.count(re.compile(r"\bNtFsdExternalPrint\("))
+    return uses != {"driver/frame/diagnostics.cpp": 1, "driver/frame/diagnostics.h": 1}
+
+
+def always_printed(sources):
+    """The formats of the lines that are printed whatever the values say."""
+    formats = []
+    for _, text in sorted(sources.text.items()):
+        for literals in ALWAYS_PRINT.findall(text):
+            parts = re.findall(r'"((?:[^"\\]|\\.)*)"', literals)
+            formats.append("".join(parts).removesuffix("\\n").replace('\\"', '"'))
+    return formats
 
 
 # ---- Image and PDB -------------------------------------------------------------------------------------------------

@@ -21,6 +21,7 @@ CLASSES = {"system": "{4d36e97d-e325-11ce-bfc1-08002be10318}"}
 SERVICE = {"servicetype": "2", "starttype": "1", "errorcontrol": "1", "servicebinary": "%13%\\RVFSD.sys",
            "loadordergroup": "Network", "dependencies": "Mup"}
 FLAGS_DWORD_KEEP = 0x00010003
+KEEP_START_TYPE = "0x00000010"
 
 
 def split(text, separator):
@@ -144,8 +145,11 @@ def check_install(inf, service):
     if not inf.one("defaultinstall.ntamd64", "optiondesc"):
         inf.report.fault("INF: no description of the installation")
     added = inf.all("defaultinstall.ntamd64.services", "addservice")
-    if len(added) != 3 or added[0] != service or added[1]:
+    if len(added) != 3 or added[0] != service:
         inf.report.fault(f"INF: AddService = {','.join(added)}; the driver reads the key of the service {service}")
+    elif added[1] != KEEP_START_TYPE:
+        inf.report.fault(f"INF: AddService = {','.join(added)}; flags other than {KEEP_START_TYPE}: an update would "
+                         "not keep the start type")
     return added[2].lower() if len(added) == 3 else ""
 
 
