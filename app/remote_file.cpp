@@ -6,6 +6,7 @@
 
 #include "app/interrupt.h"
 #include "app/text.h"
+#include "embedded/io.h"
 
 namespace app {
 
@@ -56,12 +57,21 @@ RemoteFile::RemoteFile(RemoteFile &&Other) noexcept
 }
 
 RemoteFile::~RemoteFile() {
-    Close();
+    if (Handle_ != nullptr) {
+        NtClose(Handle_);
+    }
 }
 
 NTSTATUS RemoteFile::Close() {
     const HANDLE Handle = std::exchange(Handle_, nullptr);
-    return Handle != nullptr ? NtClose(Handle) : STATUS_SUCCESS;
+    return Handle != nullptr ? embedded::CloseHandleTelling(Handle) : STATUS_SUCCESS;
+}
+
+void RemoteFile::End() {
+    const NTSTATUS Status = Close();
+    if (!NT_SUCCESS(Status)) {
+        throw StatusError(Status, ShowPath(Path_));
+    }
 }
 
 size_t RemoteFile::Read(LONG64 Offset, void *Buffer, size_t Length) {

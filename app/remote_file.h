@@ -62,8 +62,10 @@ public:
     // The next entries of the directory in one buffer. STATUS_NO_MORE_FILES and STATUS_NO_SUCH_FILE end a listing.
     Answer List(ULONG InfoClass, ULONG Length, std::u16string_view Mask, bool Restart, bool Single);
 
-    // Closes and forgets the handle; the status of the close.
+    // Closes and forgets the handle; the failure of the cleanup or the close that the driver was asked for.
     NTSTATUS Close();
+    // The same when something was changed; StatusError on failure.
+    void End();
 
 private:
     std::u16string Path_;

@@ -67,6 +67,7 @@ void ChangeAttributes(const std::string &Path, const AttributeChange &Change) {
         New.FileAttributes = FILE_ATTRIBUTE_NORMAL; // 0 would mean: leave as it is
     }
     SetBasic(File, New);
+    File.End();
 }
 
 // Opens a file or makes it. Those who watch its directory are told of a file that is asked for as a new one, not of one
@@ -90,12 +91,14 @@ void Touch(const std::string &Path, LONG64 Time) {
     Record.LastAccessTime.QuadPart = Time;
     Record.LastWriteTime.QuadPart = Time;
     SetBasic(File, Record);
+    File.End();
 }
 
 void Truncate(const std::string &Path, LONG64 Size) {
     RemoteFile File(RemotePath(Path), {.Access = FILE_WRITE_DATA | SYNCHRONIZE,
                                        .Options = FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
     File.Set(FileEndOfFileInformation, &Size, sizeof(Size));
+    File.End();
 }
 
 void Remove(const std::string &Path, ULONG Kind, bool Force) {
@@ -107,11 +110,7 @@ void Remove(const std::string &Path, ULONG Kind, bool Force) {
         Name, {.Access = DELETE | FILE_READ_ATTRIBUTES | SYNCHRONIZE, .Options = Kind | FILE_SYNCHRONOUS_IO_NONALERT});
     const UCHAR Delete = 1;
     File.Set(FileDispositionInformation, &Delete, sizeof(Delete));
-    // The deletion is carried out by the close, and so is its failure told.
-    const NTSTATUS Status = File.Close();
-    if (!NT_SUCCESS(Status)) {
-        throw StatusError(Status, ShowPath(Name));
-    }
+    File.End(); // which carries the deletion out
 }
 
 void Move(const std::string &From, const std::string &To, bool Replace) {
@@ -125,6 +124,7 @@ void Move(const std::string &From, const std::string &To, bool Replace) {
     memcpy(Record.data() + 16, &NameBytes, sizeof(NameBytes));
     memcpy(Record.data() + NameOffset, Target.data(), NameBytes);
     File.Set(FileRenameInformation, Record.data(), static_cast<ULONG>(Record.size()));
+    File.End();
 }
 
 LONG64 ParseTime(const std::string &Text) {
@@ -225,7 +225,8 @@ void AddChangeVerbs(CLI::App &App, Command &Chosen) {
     MakeVerb->callback(ForEach(Making, [](const Options &, const std::string &Path) {
         RemoteFile(RemotePath(Path), {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
                                       .Disposition = FILE_CREATE,
-                                      .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
+                                      .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT})
+            .End();
     }));
 
     auto Moving = std::make_shared<Options>();

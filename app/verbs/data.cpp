@@ -13,6 +13,7 @@
 #include "app/remote_file.h"
 #include "app/text.h"
 #include "app/verbs/verbs.h"
+#include "embedded/io.h"
 
 namespace app {
 
@@ -88,26 +89,27 @@ public:
     // The data is all there: an error of the close counts too.
     void Keep() {
         File_.Flush();
+        File_.End();
         Kept_ = true;
-        const NTSTATUS Status = File_.Close();
-        if (!NT_SUCCESS(Status)) {
-            throw StatusError(Status, ShowPath(File_.Path()));
-        }
     }
     ~RemoteTarget() {
         if (!Kept_ && File_.CreateInformation() == FILE_CREATED) {
-            const std::u16string Path = File_.Path();
-            File_.Close();
-            const embedded::CreateResult Partial = OpenRemote(
-                Path, {.Access = DELETE | SYNCHRONIZE,
-                       .Options = FILE_NON_DIRECTORY_FILE | FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT});
-            if (NT_SUCCESS(Partial.Status)) {
-                NtClose(Partial.Handle);
-            }
+            RemovePart();
         }
     }
 
 private:
+    void RemovePart() {
+        static_cast<void>(File_.Close()); // whatever came of data that is not kept
+        const embedded::CreateResult Part = OpenRemote(
+            File_.Path(), {.Access = DELETE | SYNCHRONIZE,
+                           .Options = FILE_NON_DIRECTORY_FILE | FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT});
+        const NTSTATUS Status = NT_SUCCESS(Part.Status) ? embedded::CloseHandleTelling(Part.Handle) : Part.Status;
+        if (!NT_SUCCESS(Status)) {
+            Complain(fmt::format("{}: a part of the data stays in {}", ShowStatus(Status), ShowPath(File_.Path())));
+        }
+    }
+
     RemoteFile File_;
     bool Kept_ = false;
 };

@@ -7,6 +7,7 @@
 #include "app/remote_file.h"
 #include "app/text.h"
 #include "app/verbs/verbs.h"
+#include "embedded/io.h"
 #include "embedded/mup.h"
 
 namespace app {
@@ -128,7 +129,7 @@ int OpenOnce(const OpenOptions &Text) {
         return 1;
     }
     fmt::print("{}\nInformation {}\n", ShowStatus(Result.Status), InformationName(Result.Information));
-    const NTSTATUS Closed = NtClose(Result.Handle);
+    const NTSTATUS Closed = embedded::CloseHandleTelling(Result.Handle);
     if (!NT_SUCCESS(Closed)) {
         throw StatusError(Closed, ShowPath(Path));
     }

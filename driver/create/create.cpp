@@ -146,6 +146,10 @@ NTSTATUS OpenVolumeRoot(CREATE_STATE &Create) {
     if (Create.DeleteOnClose) {
         return STATUS_CANNOT_DELETE;
     }
+    // The path became a volume's under a file that others have open: their FCB stays a file's.
+    if (Create.Shared && Create.Fcb->OpenType != OPEN_TYPE_DIRECTORY) {
+        return FailCreate(Create, STATUS_NOT_A_DIRECTORY, FILE_EXISTS);
+    }
     NtFsdSetOpenType(Create.Fcb, OPEN_TYPE_DIRECTORY);
     Create.Information = FILE_OPENED;
     NtFsdDebugPrint(TRACE_CREATE, 0, "Successfully Opened Volume root. Exiting...\n");
@@ -166,7 +170,7 @@ NTSTATUS CheckDelete(const CREATE_STATE &Create) {
     if ((Create.DesiredAccess & DELETE) == 0) {
         return STATUS_ACCESS_DENIED;
     }
-    return IsVolumeRoot(Create) ? STATUS_CANNOT_DELETE : STATUS_SUCCESS;
+    return NtFsdIsVolumeRoot(Create.Fcb) ? STATUS_CANNOT_DELETE : STATUS_SUCCESS;
 }
 
 NTSTATUS OpenPath(CREATE_STATE &Create) {
@@ -304,10 +308,6 @@ NTSTATUS CompleteFailure(CREATE_STATE &Create, NTSTATUS Status) {
 }
 
 } // namespace
-
-bool IsVolumeRoot(const CREATE_STATE &Create) {
-    return Create.Instance->PathLeft[0] == 0 || NtFsdCountPathComponents(&Create.Fcb->FullPath) < 3;
-}
 
 NTSTATUS NtFsdCommonCreate(PIRP_CONTEXT IrpContext, PIRP Irp) {
     NtFsdDebugPrint(TRACE_CREATE, 0, "NtFsdCommonCreate entering...\n");

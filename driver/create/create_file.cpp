@@ -144,6 +144,20 @@ NTSTATUS FileOpenFailure(CREATE_STATE &Create, NTSTATUS Status) {
     return STATUS_OBJECT_NAME_NOT_FOUND;
 }
 
+// Removes the file that this very open made, which would stay behind as the trace of a create that failed. Closes File.
+void RemoveStray(const CREATE_STATE &Create, ProviderFile &File, ULONG Attributes) {
+    ULONG Writable = (Attributes | Create.Attributes) & RV_ATTR_SETTABLE;
+    if ((Writable & RV_ATTR_READONLY) != 0) {
+        // Being read-only, it could not be deleted.
+        Writable &= ~static_cast<ULONG>(RV_ATTR_READONLY);
+        Ignore(RVFsdSetFileInformation(Create.Security(), File.Get(), &Writable, nullptr, nullptr, nullptr),
+               "the delete is tried all the same");
+    }
+    File.CloseNow();
+    Ignore(RVFsdDeleteFile(Create.Security(), Create.Instance->RelatedHandle, Create.Instance->PathLeft),
+           "the create answers with its own failure");
+}
+
 // A file that may not be deleted, or of which that is not known, is not opened to be deleted on close.
 NTSTATUS CheckDeleteOnClose(CREATE_STATE &Create, RVSTATUS Queried, ULONG Attributes, ProviderFile &File,
                             ULONG CreateAction) {
@@ -160,18 +174,10 @@ NTSTATUS CheckDeleteOnClose(CREATE_STATE &Create, RVSTATUS Queried, ULONG Attrib
                         RV_ATTRIBUTE_NAME_ARGUMENTS(Set), Attributes, static_cast<ULONG>(Queried), Create.Fcb,
                         &Create.Fcb->FullPath);
     }
-    // A file that this very open made would stay behind as the trace of a create that failed. Being read-only, it could
-    // not be deleted either.
-    const bool Stray = CreateAction == RV_CREATE_ACTION_CREATED;
-    ULONG Writable = (Attributes | Create.Attributes) & RV_ATTR_SETTABLE;
-    if (Stray && (Writable & RV_ATTR_READONLY) != 0) {
-        Writable &= ~static_cast<ULONG>(RV_ATTR_READONLY);
-        Ignore(RVFsdSetFileInformation(Create.Security(), File.Get(), &Writable, nullptr, nullptr, nullptr),
-               "the delete is tried all the same");
-    }
-    File.CloseNow();
-    if (Stray) {
-        RVFsdDeleteFile(Create.Security(), Create.Instance->RelatedHandle, Create.Instance->PathLeft);
+    if (CreateAction == RV_CREATE_ACTION_CREATED) {
+        RemoveStray(Create, File, Attributes);
+    } else {
+        File.CloseNow();
     }
     return FailCreate(Create, ReadOnly ? STATUS_CANNOT_DELETE : Status, FILE_SUPERSEDED);
 }
@@ -203,6 +209,10 @@ NTSTATUS OpenFileAtProvider(CREATE_STATE &Create) {
                                             File.Out(), &CreateAction);
     NTSTATUS Status = OpenResult(Opened, File.Get());
     if (Status != STATUS_SUCCESS) {
+        // A note whose code is a failure: the Provider made the file all the same.
+        if (!RvIsError(Opened) && File.Get() != 0 && CreateAction == RV_CREATE_ACTION_CREATED) {
+            RemoveStray(Create, File, 0);
+        }
         return FileOpenFailure(Create, Status);
     }
 

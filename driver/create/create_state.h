@@ -117,9 +117,6 @@ inline bool EraseCheckWanted(const CREATE_STATE &Create) {
     return (Create.DesiredAccess & DELETE) != 0 && !g_bDeferDeleteAccessCheck;
 }
 
-// TRUE when the path is the root of a volume, whether or not the volume could be opened.
-bool IsVolumeRoot(const CREATE_STATE &Create);
-
 // Works out Create.Action from the type flags, the disposition and what is at the path.
 NTSTATUS ChooseAction(CREATE_STATE &Create);
 

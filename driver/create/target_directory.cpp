@@ -43,9 +43,9 @@ private:
 };
 
 // Composes the target's full path, after the related file object has proven to be an open of a path of ours.
-NTSTATUS ComposeTargetPath(PFILE_OBJECT FileObject, PUNICODE_STRING Path) {
+NTSTATUS ComposeTargetPath(PFILE_OBJECT FileObject, PUNICODE_STRING Path, PATH_SOURCE *ComposedOf) {
     PFILE_OBJECT RelatedFileObject = FileObject->RelatedFileObject;
-    PCUNICODE_STRING Base = nullptr;
+    *ComposedOf = {nullptr, nullptr};
     if (RelatedFileObject != nullptr) {
         if (!NtFsdIsFcb(RelatedFileObject->FsContext) || RelatedFileObject->FsContext2 == nullptr) {
             return STATUS_INVALID_HANDLE;
@@ -54,10 +54,10 @@ NTSTATUS ComposeTargetPath(PFILE_OBJECT FileObject, PUNICODE_STRING Path) {
         if (__atomic_load_n(&Related->OpenType, __ATOMIC_RELAXED) == OPEN_TYPE_DEVICE) {
             return STATUS_NOT_A_DIRECTORY;
         }
-        Base = NtFsdStablePath(Related);
+        *ComposedOf = NtFsdPathSource(Related);
     }
     ULONG AllocationBytes = 0;
-    const NTSTATUS Status = NtFsdComposePath(Base, &FileObject->FileName, Path, &AllocationBytes);
+    const NTSTATUS Status = NtFsdComposePath(ComposedOf->Path(), &FileObject->FileName, Path, &AllocationBytes);
     if (Status == STATUS_INSUFFICIENT_RESOURCES) {
         NtFsdAlwaysPrint("[RVFSD] NtFsdOpenTargetDirectory alloc for %hu bytes failed.\n", AllocationBytes);
     }
@@ -149,13 +149,13 @@ ULONG_PTR OpenParentHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT 
     return FILE_EXISTS;
 }
 
-} // namespace
-
-NTSTATUS NtFsdOpenTargetDirectory(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp, PFCB *Fcb,
-                                  PINSTANCE_CONTEXT *Instance, PULONG_PTR Information, ResourceHold &Hold) {
+// STATUS_RETRY when the related directory was renamed in between: nothing has been done then.
+NTSTATUS OpenParentOnce(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp, PFCB *Fcb, PINSTANCE_CONTEXT *Instance,
+                        PULONG_PTR Information, ResourceHold &Hold) {
     PFILE_OBJECT FileObject = IrpSp->FileObject;
     OwnedString Path;
-    NTSTATUS Status = ComposeTargetPath(FileObject, Path.Get());
+    PATH_SOURCE ComposedOf;
+    NTSTATUS Status = ComposeTargetPath(FileObject, Path.Get(), &ComposedOf);
     if (Status != STATUS_SUCCESS) {
         return Status;
     }
@@ -187,7 +187,8 @@ NTSTATUS NtFsdOpenTargetDirectory(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION Ir
     PINSTANCE_CONTEXT ParentInstance = nullptr;
     ULONG OpenCount = 0;
     ULONG EntryType = ENTRY_TYPE_UNKNOWN;
-    Status = NtFsdOpenFcb(IrpContext, nullptr, Path.Get(), &ParentFcb, &ParentInstance, &OpenCount, &EntryType, Hold);
+    Status = NtFsdOpenFcb(IrpContext, nullptr, Path.Get(), &ParentFcb, &ParentInstance, &OpenCount, &EntryType, Hold,
+                          &ComposedOf);
     if (Status != STATUS_SUCCESS) {
         NtFsdDebugPrint(TRACE_CREATE, 0,
                         "[RVFSD] NtFsdOpenTargetDirectory NtFsdOpenFcb for (0x%p) \"%Z\" returned status 0x%08X.\n",
@@ -209,4 +210,15 @@ NTSTATUS NtFsdOpenTargetDirectory(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION Ir
     ReplaceFileName(&FileObject->FileName, Name);
     *Information = OpenParentHandle(IrpContext, ParentFcb, ParentInstance, NewParent, TargetStatus);
     return STATUS_SUCCESS;
+}
+
+} // namespace
+
+NTSTATUS NtFsdOpenTargetDirectory(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp, PFCB *Fcb,
+                                  PINSTANCE_CONTEXT *Instance, PULONG_PTR Information, ResourceHold &Hold) {
+    NTSTATUS Status;
+    do {
+        Status = OpenParentOnce(IrpContext, IrpSp, Fcb, Instance, Information, Hold);
+    } while (Status == STATUS_RETRY);
+    return Status;
 }

@@ -5,33 +5,28 @@
 
 namespace {
 
-// A warning is none, whatever it is translated from.
-bool Succeeded(RVSTATUS Status) {
-    return NT_SUCCESS(NtFsdTranslateResult(Status));
-}
-
-bool Ask(PRV_SECURITY Security, RVHANDLE Handle, OPEN_VOLUME *Volume) {
-    if (Succeeded(RVFsdGetVolumeInformation(Security, Handle, &Volume->Flags, Volume->Identifier))) {
-        return true;
+NTSTATUS Ask(PRV_SECURITY Security, RVHANDLE Handle, OPEN_VOLUME *Volume) {
+    const NTSTATUS Status =
+        NtFsdTranslateResult(RVFsdGetVolumeInformation(Security, Handle, &Volume->Flags, Volume->Identifier));
+    if (!NT_SUCCESS(Status)) {
+        *Volume = {};
     }
-    *Volume = {};
-    return false;
+    return Status;
 }
 
 } // namespace
 
-OPEN_VOLUME NtFsdVolumeOfOpen(PRV_SECURITY Security, PFCB Fcb, PINSTANCE_CONTEXT Instance) {
-    OPEN_VOLUME Volume = {};
-    if (Instance->VolumeHandle != 0 && Ask(Security, Instance->VolumeHandle, &Volume)) {
-        return Volume;
+NTSTATUS NtFsdVolumeOfOpen(PRV_SECURITY Security, PFCB Fcb, PINSTANCE_CONTEXT Instance, OPEN_VOLUME *Volume) {
+    *Volume = {};
+    if (Instance->VolumeHandle != 0 && NT_SUCCESS(Ask(Security, Instance->VolumeHandle, Volume))) {
+        return STATUS_SUCCESS;
     }
     OwnedString VolumePath;
-    if (!Succeeded(NtFsdQueryPathForVolume(Security, Fcb->FullPath.Buffer, VolumePath.Get()))) {
-        return Volume;
+    NTSTATUS Status = NtFsdTranslateResult(NtFsdQueryPathForVolume(Security, Fcb->FullPath.Buffer, VolumePath.Get()));
+    if (!NT_SUCCESS(Status)) {
+        return Status;
     }
     ProviderVolume Handle(Security);
-    if (Succeeded(RVFsdOpenVolume(Security, VolumePath->Buffer, Handle.Out()))) {
-        Ask(Security, Handle.Get(), &Volume);
-    }
-    return Volume;
+    Status = NtFsdTranslateResult(RVFsdOpenVolume(Security, VolumePath->Buffer, Handle.Out()));
+    return NT_SUCCESS(Status) ? Ask(Security, Handle.Get(), Volume) : Status;
 }

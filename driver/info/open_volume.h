@@ -17,5 +17,6 @@ struct OPEN_VOLUME {
 };
 
 // Asks for the volume of an open: by the open's own handle, or by the volume of its path. The FCB's Resource or
-// FcbTableResource is held, so that the path stays.
-OPEN_VOLUME NtFsdVolumeOfOpen(PRV_SECURITY Security, PFCB Fcb, PINSTANCE_CONTEXT Instance);
+// FcbTableResource is held, so that the path stays. Returns the translated status of the call that failed, *Volume
+// being zeros then.
+NTSTATUS NtFsdVolumeOfOpen(PRV_SECURITY Security, PFCB Fcb, PINSTANCE_CONTEXT Instance, OPEN_VOLUME *Volume);

@@ -148,15 +148,15 @@ NTSTATUS NtFsdFileInternalInfo(const QUERY &Query, AnswerBuffer &Answer) {
         return STATUS_SUCCESS;
     }
     ULONG64 FileId = 0;
-    const RVSTATUS Result = RVFsdGetFileId(
-        Query.Security(), Query.IsFile() ? Query.Instance->FileHandle : Query.Instance->RelatedHandle, &FileId);
-    if (RvIsError(Result)) {
+    const NTSTATUS Status = NtFsdTranslateResult(RVFsdGetFileId(
+        Query.Security(), Query.IsFile() ? Query.Instance->FileHandle : Query.Instance->RelatedHandle, &FileId));
+    if (!NT_SUCCESS(Status)) {
         FileId = 0;
     }
     NtFsdDebugPrint(TRACE_FILE_INFO, 0, " InternalInfo->IndexNumber = 0x%x%x\n", static_cast<ULONG>(FileId >> 32),
                     LowPart(FileId));
     Answer.Put(FileId);
-    return NtFsdTranslateResult(Result);
+    return Status;
 }
 
 // The full path, with the trailing backslash that the open's name had.
@@ -300,7 +300,9 @@ NTSTATUS AnswerHeld(QUERY &Query, ULONG InfoClass, AnswerBuffer &Answer) {
     } else {
         GatherDirectory(Query);
     }
-    Query.Facts.VolumeFlags = NtFsdVolumeOfOpen(Query.Security(), Query.Fcb, Query.Instance).Flags;
+    OPEN_VOLUME Volume;
+    Ignore(NtFsdVolumeOfOpen(Query.Security(), Query.Fcb, Query.Instance, &Volume), "an unknown volume has no flags");
+    Query.Facts.VolumeFlags = Volume.Flags;
     const NTSTATUS Status = FillClass(Query, InfoClass, Answer);
     return Answer.Remaining() < 0 ? STATUS_BUFFER_OVERFLOW : Status;
 }

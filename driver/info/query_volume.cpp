@@ -48,11 +48,12 @@ struct QUERY {
 };
 
 NTSTATUS VolumeFlags(const QUERY &Query, PULONG Flags, UCHAR *Identifier) {
-    const RVSTATUS Result = RVFsdGetVolumeInformation(Query.Security, Query.Volume, Flags, Identifier);
-    if (RvIsError(Result)) {
+    const NTSTATUS Status =
+        NtFsdTranslateResult(RVFsdGetVolumeInformation(Query.Security, Query.Volume, Flags, Identifier));
+    if (!NT_SUCCESS(Status)) {
         *Flags = 0;
     }
-    return NtFsdTranslateResult(Result);
+    return Status;
 }
 
 ULONG SerialNumber(const QUERY &Query, ULONG Flags, const UCHAR *Identifier) {
@@ -242,13 +243,14 @@ NTSTATUS ResolvePath(PRV_SECURITY Security, PUNICODE_STRING FullPath, PUNICODE_S
     }
     NtFsdFreeUnicodeString(Path); // a warning came with a path
     Status = NtFsdQueryPathForVolume(Security, FullPath->Buffer, Path);
-    if (!RvIsError(Status)) {
+    const NTSTATUS Translated = NtFsdTranslateResult(Status);
+    if (NT_SUCCESS(Translated)) {
         return STATUS_SUCCESS;
     }
     NtFsdDebugPrint(TRACE_VOLUME_INFO, 0,
                     "[RVFSD] NtFsdCommonQueryVolumeInfo RVFsdQueryPathForVolume for \"%wZ\" failed; status 0x%08X.\n",
                     FullPath, static_cast<ULONG>(Status));
-    return NtFsdTranslateResult(Status);
+    return Translated;
 }
 
 void UpcaseInPlace(PUNICODE_STRING Text) {
@@ -286,12 +288,13 @@ NTSTATUS AnswerFromVolume(PIRP_CONTEXT IrpContext, PFCB Fcb, ULONG InfoClass, An
                     Physical.Get(), &Query.VolumeName);
     ProviderVolume Volume(Security);
     const RVSTATUS Opened = RVFsdOpenVolume(Security, Physical->Buffer, Volume.Out());
-    if (RvIsError(Opened)) {
+    Status = NtFsdTranslateResult(Opened);
+    if (!NT_SUCCESS(Status)) {
         NtFsdDebugPrint(TRACE_VOLUME_INFO, 0,
                         "[RVFSD] NtFsdCommonQueryVolumeInfo RVFsdOpenVolume for volume \"%wZ\" failed; status "
                         "0x%08X.\n",
                         Physical.Get(), static_cast<ULONG>(Opened));
-        return NtFsdTranslateResult(Opened);
+        return Status;
     }
     Query.Volume = Volume.Get();
     return FillClass(Query, InfoClass, Answer);

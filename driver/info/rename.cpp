@@ -51,10 +51,11 @@ UNICODE_STRING WithoutSlash(PCUNICODE_STRING Path) {
 // ---- Preparation
 // -------------------------------------------------------------------------------------------------------
 
-// The new name must be one component.
-bool IsOneComponent(PCUNICODE_STRING Name) {
+// The new name must be one component, of a name that an open would take.
+bool IsNewNameValid(PCUNICODE_STRING Name) {
     for (ULONG At = 0; At < UnitsOf(Name); ++At) {
-        if (Name->Buffer[At] == SEPARATOR || Name->Buffer[At] == 0) {
+        const WCHAR Unit = Name->Buffer[At];
+        if (Unit == SEPARATOR || Unit == 0 || Unit == WTEXT('*') || Unit == WTEXT('?')) {
             return false;
         }
     }
@@ -62,7 +63,7 @@ bool IsOneComponent(PCUNICODE_STRING Name) {
 }
 
 NTSTATUS PrepareNames(RENAME &Rename) {
-    if (!IsOneComponent(&Rename.TargetFile->FileName)) {
+    if (!IsNewNameValid(&Rename.TargetFile->FileName)) {
         return STATUS_OBJECT_NAME_INVALID;
     }
     NTSTATUS Status = NtFsdUpdateUnicodeString(Rename.NewName.Get(), &Rename.TargetFile->FileName);
@@ -78,10 +79,8 @@ NTSTATUS PrepareNames(RENAME &Rename) {
 // ---- The case-only test
 // ------------------------------------------------------------------------------------------------
 
-// What is left of the source path behind the target directory and one backslash, when it lies in it. Empty otherwise,
-// and the reason is traced.
-UNICODE_STRING RemainderInTarget(RENAME &Rename) {
-    constexpr UNICODE_STRING NOTHING = {0, 0, nullptr};
+// Whether the source path begins with the target directory's. If not, the reason is traced.
+bool BeginsWithTarget(RENAME &Rename) {
     const PCUNICODE_STRING Source = Rename.Source();
     const PCUNICODE_STRING Target = Rename.TargetDirectory();
     if (Source->Length < Target->Length) {
@@ -90,7 +89,7 @@ UNICODE_STRING RemainderInTarget(RENAME &Rename) {
             "NtFsdFileSetRenameInfo determined cannot be case-only rename based on length:\n        source: "
             "\"%wZ\" (%u)\n        target: \"%wZ\" (%u)\n",
             Source, static_cast<ULONG>(Source->Length), Target, static_cast<ULONG>(Target->Length));
-        return NOTHING;
+        return false;
     }
     const UNICODE_STRING Directory = WithoutSlash(Target);
     const ULONG Units = UnitsOf(&Directory);
@@ -99,7 +98,7 @@ UNICODE_STRING RemainderInTarget(RENAME &Rename) {
                         "NtFsdFileSetRenameInfo determined cannot be case-only rename based on parent directory "
                         "backslash:\n        source: \"%wZ\"\n        target: \"%wZ\"\n",
                         Source, Target);
-        return NOTHING;
+        return false;
     }
     const UNICODE_STRING Front = View(Source->Buffer, Units);
     if (!RtlEqualUnicodeString(&Front, &Directory, TRUE)) {
@@ -107,31 +106,40 @@ UNICODE_STRING RemainderInTarget(RENAME &Rename) {
                         "NtFsdFileSetRenameInfo determined cannot be case-only rename based on parent directory "
                         "compare:\n        source: \"%wZ\"\n        target: \"%wZ\"\n",
                         Source, Target);
-        return NOTHING;
+        return false;
     }
-    // Nothing is left when the source is the target directory itself. As many characters as the new name has are
-    // compared at the end: of a longer name those do not begin behind a backslash.
-    const bool Itself = UnitsOf(Source) == Units;
-    const UNICODE_STRING Rest = Itself ? NOTHING : View(Source->Buffer + Units + 1, UnitsOf(Source) - Units - 1);
-    if (!IsOneComponent(&Rest) || Rest.Length > Rename.NewName->Length) {
-        NtFsdDebugPrint(TRACE_FILE_INFO, 0,
-                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on final component "
-                        "backslash:\n        source: \"%wZ\"\n        target: \"%wZ\"\n",
-                        Source, Target);
-        return NOTHING;
+    return true;
+}
+
+UNICODE_STRING FinalComponent(PCUNICODE_STRING Path) {
+    ULONG Start = UnitsOf(Path);
+    while (Start != 0 && Path->Buffer[Start - 1] != SEPARATOR) {
+        --Start;
     }
-    return Rest;
+    return View(Path->Buffer + Start, UnitsOf(Path) - Start);
 }
 
 NTSTATUS TestCaseOnly(RENAME &Rename) {
-    const UNICODE_STRING Old = RemainderInTarget(Rename);
-    if (Old.Length == 0) {
+    if (!BeginsWithTarget(Rename)) {
         return STATUS_SUCCESS;
     }
+    const UNICODE_STRING Old = FinalComponent(Rename.Source());
     PCUNICODE_STRING New = Rename.NewName.Get();
+    // As many characters as the new name has are compared at the end: of a longer name those do not begin behind a
+    // backslash.
+    if (Old.Length > New->Length) {
+        NtFsdDebugPrint(TRACE_FILE_INFO, 0,
+                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on final component "
+                        "backslash:\n        source: \"%wZ\"\n        target: \"%wZ\"\n",
+                        Rename.Source(), Rename.TargetDirectory());
+        return STATUS_SUCCESS;
+    }
+    // The name alone says nothing of an object deeper below the target directory, or of that directory itself.
+    const UNICODE_STRING Directory = WithoutSlash(Rename.TargetDirectory());
+    const bool LiesInTarget = UnitsOf(Rename.Source()) == UnitsOf(&Directory) + 1 + UnitsOf(&Old);
     // However the directory is spelled: what has the name already must not be deleted to make room for itself.
-    Rename.SameName = RtlEqualUnicodeString(&Old, New, FALSE);
-    if (Rename.SameName || !RtlEqualUnicodeString(&Old, New, TRUE)) {
+    Rename.SameName = LiesInTarget && RtlEqualUnicodeString(&Old, New, FALSE);
+    if (!LiesInTarget || Rename.SameName || !RtlEqualUnicodeString(&Old, New, TRUE)) {
         NtFsdDebugPrint(TRACE_FILE_INFO, 0,
                         "NtFsdFileSetRenameInfo determined \"%wZ\" and \"%wZ\" are not a case-only rename.\n", &Old,
                         New);
@@ -281,6 +289,9 @@ bool IsInTheWay(const RENAME &Rename) {
 
 // Everything that can be known before something is deleted or moved.
 NTSTATUS CheckRules(const RENAME &Rename) {
+    if (NtFsdIsVolumeRoot(Rename.Change.Fcb)) {
+        return STATUS_INVALID_PARAMETER; // an open has found it out while the Resource was not held
+    }
     if (IsInTheWay(Rename) && (!Rename.Replace || Rename.Change.IsDirectory())) {
         return STATUS_OBJECT_NAME_COLLISION;
     }
@@ -300,16 +311,13 @@ NTSTATUS ClearTheWay(RENAME &Rename) {
     if (!IsInTheWay(Rename)) {
         return STATUS_SUCCESS;
     }
-    switch (NtFsdWhatIsReplaced(Rename.Change.Security(), Rename.Change.Fcb, Rename.Change.Instance, Rename.TargetFcb,
-                                Rename.TargetInstance, Rename.NewName->Buffer)) {
-    case REPLACED::Itself:
-        return STATUS_SUCCESS; // the Provider judges the move from one of its names to another
-    case REPLACED::Unreachable:
-        return STATUS_NOT_SAME_DEVICE;
-    case REPLACED::Another:
-        break;
+    bool IsItself;
+    NTSTATUS Status = NtFsdLookAtReplaced(Rename.Change.Security(), Rename.Change.Fcb, Rename.Change.Instance,
+                                          Rename.TargetFcb, Rename.TargetInstance, Rename.NewName->Buffer, &IsItself);
+    if (!NT_SUCCESS(Status) || IsItself) {
+        return Status; // of the file itself the Provider judges the move from one of its names to another
     }
-    const NTSTATUS Status = NtFsdTranslateResult(
+    Status = NtFsdTranslateResult(
         RVFsdDeleteFile(Rename.Change.Security(), Rename.TargetInstance->RelatedHandle, Rename.NewName->Buffer));
     return Status == STATUS_NO_SUCH_FILE ? STATUS_SUCCESS : Status;
 }
@@ -374,7 +382,7 @@ NTSTATUS NtFsdFileSetRenameInfo(SET_INFORMATION &Change) {
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
-    if (NtFsdCountPathComponents(&Change.Fcb->FullPath) < 3) {
+    if (NtFsdIsVolumeRoot(Change.Fcb)) {
         return STATUS_INVALID_PARAMETER; // the root of a volume has no name of its own
     }
     RENAME Rename = {.Change = Change,

@@ -1,6 +1,8 @@
 #include "info/replaced_file.h"
 
+#include "frame/status_translation.h"
 #include "info/open_volume.h"
+#include "names/paths.h"
 
 namespace {
 
@@ -17,47 +19,92 @@ UNICODE_STRING VolumePart(const UNICODE_STRING &Path) {
     return Part;
 }
 
-bool HasOneVolumeName(PFCB First, PFCB Second) {
+bool BeginAlike(PFCB First, PFCB Second) {
     const UNICODE_STRING FirstPart = VolumePart(First->FullPath);
     const UNICODE_STRING SecondPart = VolumePart(Second->FullPath);
     return RtlEqualUnicodeString(&FirstPart, &SecondPart, TRUE);
 }
 
-// Whether something in Source's volume can be moved into Target's. Volumes without identifiers are told apart by name.
-// A distributed path may have another volume's name and lead into the same one, and a volume may begin below another.
-bool IsOneVolume(const OPEN_VOLUME &Source, const OPEN_VOLUME &Target, bool OneName) {
-    return Source.HasIdentifier() && Target.HasIdentifier()
-               ? memcmp(Source.Identifier, Target.Identifier, sizeof(Source.Identifier)) == 0
-               : OneName;
+// An identifier of zeros is a Provider's that has none to give.
+bool IsIdentified(const OPEN_VOLUME &Volume) {
+    UCHAR Bits = 0;
+    for (const UCHAR Byte : Volume.Identifier) {
+        Bits |= Byte;
+    }
+    return Volume.HasIdentifier() && Bits != 0;
 }
 
-// The identifier of what bears Name below Directory; 0 when there is none to be had.
-ULONG64 FileIdOf(PRV_SECURITY Security, RVHANDLE Directory, PCWSTR Name) {
+// STATUS_SUCCESS when both paths lie in one volume by the Provider's word for where it begins: several volumes may
+// begin below one \server\volume.
+NTSTATUS CompareVolumePaths(PRV_SECURITY Security, PFCB Source, PFCB Target) {
+    if (!BeginAlike(Source, Target)) {
+        return STATUS_NOT_SAME_DEVICE;
+    }
+    OwnedString SourceVolume;
+    NTSTATUS Status =
+        NtFsdTranslateResult(NtFsdQueryPathForVolume(Security, Source->FullPath.Buffer, SourceVolume.Get()));
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
+    OwnedString TargetVolume;
+    Status = NtFsdTranslateResult(NtFsdQueryPathForVolume(Security, Target->FullPath.Buffer, TargetVolume.Get()));
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
+    return RtlEqualUnicodeString(SourceVolume.Get(), TargetVolume.Get(), TRUE) ? STATUS_SUCCESS
+                                                                               : STATUS_NOT_SAME_DEVICE;
+}
+
+// The identifier of what bears Name below Directory. STATUS_NO_SUCH_FILE and STATUS_FILE_IS_A_DIRECTORY are answers,
+// too.
+NTSTATUS FileIdOf(PRV_SECURITY Security, RVHANDLE Directory, PCWSTR Name, PULONG64 FileId) {
     ProviderFile File(Security);
     ULONG Action;
-    ULONG64 FileId = 0;
-    if (RvIsError(RVFsdCreateFile(Security, Directory, Name, RV_QUERY_ACCESS, File.Out(), &Action)) ||
-        RvIsError(RVFsdGetFileId(Security, File.Get(), &FileId))) {
-        return 0;
+    const NTSTATUS Status =
+        NtFsdTranslateResult(RVFsdCreateFile(Security, Directory, Name, RV_QUERY_ACCESS, File.Out(), &Action));
+    return NT_SUCCESS(Status) ? NtFsdTranslateResult(RVFsdGetFileId(Security, File.Get(), FileId)) : Status;
+}
+
+// By the identifiers of the files. One that cannot be had leaves it open whether the file itself would be deleted.
+NTSTATUS CompareFiles(PRV_SECURITY Security, RVHANDLE Source, RVHANDLE TargetDirectory, PCWSTR NewName, bool *AreOne) {
+    ULONG64 SourceId = 0;
+    NTSTATUS Status = NtFsdTranslateResult(RVFsdGetFileId(Security, Source, &SourceId));
+    if (!NT_SUCCESS(Status)) {
+        return Status;
     }
-    return FileId;
+    ULONG64 TargetId = 0;
+    Status = FileIdOf(Security, TargetDirectory, NewName, &TargetId);
+    if (Status == STATUS_NO_SUCH_FILE || Status == STATUS_FILE_IS_A_DIRECTORY) {
+        return STATUS_SUCCESS; // not the file, whatever the delete will say
+    }
+    *AreOne = NT_SUCCESS(Status) && TargetId == SourceId;
+    return Status;
 }
 
 } // namespace
 
-REPLACED NtFsdWhatIsReplaced(PRV_SECURITY Security, PFCB SourceFcb, PINSTANCE_CONTEXT Source, PFCB TargetFcb,
-                             PINSTANCE_CONTEXT Target, PCWSTR NewName) {
-    const OPEN_VOLUME SourceVolume = NtFsdVolumeOfOpen(Security, SourceFcb, Source);
-    const OPEN_VOLUME TargetVolume = NtFsdVolumeOfOpen(Security, TargetFcb, Target);
-    if (!IsOneVolume(SourceVolume, TargetVolume, HasOneVolumeName(SourceFcb, TargetFcb))) {
-        return REPLACED::Unreachable;
+NTSTATUS NtFsdLookAtReplaced(PRV_SECURITY Security, PFCB SourceFcb, PINSTANCE_CONTEXT Source, PFCB TargetFcb,
+                             PINSTANCE_CONTEXT Target, PCWSTR NewName, bool *IsItself) {
+    *IsItself = false;
+    OPEN_VOLUME SourceVolume;
+    NTSTATUS Status = NtFsdVolumeOfOpen(Security, SourceFcb, Source, &SourceVolume);
+    if (!NT_SUCCESS(Status)) {
+        return Status;
     }
-    if (!SourceVolume.HasIdentifier() || !TargetVolume.HasIdentifier()) {
-        return REPLACED::Another; // nor have the files identifiers
+    OPEN_VOLUME TargetVolume;
+    Status = NtFsdVolumeOfOpen(Security, TargetFcb, Target, &TargetVolume);
+    if (!NT_SUCCESS(Status)) {
+        return Status;
     }
-    ULONG64 SourceId = 0;
-    if (RvIsError(RVFsdGetFileId(Security, Source->FileHandle, &SourceId)) || SourceId == 0) {
-        return REPLACED::Another;
+    // A distributed path may have another volume's name and lead into the same one.
+    if (!IsIdentified(SourceVolume) || !IsIdentified(TargetVolume)) {
+        Status = CompareVolumePaths(Security, SourceFcb, TargetFcb);
+    } else if (memcmp(SourceVolume.Identifier, TargetVolume.Identifier, sizeof(SourceVolume.Identifier)) != 0) {
+        Status = STATUS_NOT_SAME_DEVICE;
     }
-    return FileIdOf(Security, Target->RelatedHandle, NewName) == SourceId ? REPLACED::Itself : REPLACED::Another;
+    // Without valid identifiers the files have none either.
+    if (!NT_SUCCESS(Status) || !SourceVolume.HasIdentifier() || !TargetVolume.HasIdentifier()) {
+        return Status;
+    }
+    return CompareFiles(Security, Source->FileHandle, Target->RelatedHandle, NewName, IsItself);
 }

@@ -91,7 +91,7 @@ void MarkDisposition(SET_INFORMATION &Change) {
 }
 
 NTSTATUS SetOnDirectory(SET_INFORMATION &Change) {
-    if (Change.Fcb->OpenCount != 1 || NtFsdCountPathComponents(&Change.Fcb->FullPath) < 3) {
+    if (Change.Fcb->OpenCount != 1 || NtFsdIsVolumeRoot(Change.Fcb)) {
         return STATUS_CANNOT_DELETE; // others have it open, or it is the root of its volume
     }
     NTSTATUS Status = Change.NeedHandle();

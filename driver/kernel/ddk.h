@@ -77,6 +77,14 @@
 #define WTEXT_(Literal) L##Literal
 #define WTEXT(Literal) WTEXT_(Literal)
 
+// Names that these headers are too old for.
+#ifndef FILE_SESSION_AWARE
+#define FILE_SESSION_AWARE 0x00040000
+#endif
+#ifndef FILE_ATTRIBUTE_INTEGRITY_STREAM
+#define FILE_ATTRIBUTE_INTEGRITY_STREAM 0x00008000
+#endif
+
 typedef unsigned char BYTE;
 typedef unsigned int UINT;
 typedef unsigned long DWORD;

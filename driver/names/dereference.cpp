@@ -37,8 +37,7 @@ NTSTATUS PendingDelete(PIRP_CONTEXT IrpContext, PFCB Fcb, ResourceHold &Hold) {
         return STATUS_SUCCESS;
     }
     // A volume root is never deleted, whatever its flags say.
-    const NTSTATUS Status =
-        NtFsdCountPathComponents(&Fcb->FullPath) < 3 ? STATUS_CANNOT_DELETE : DeleteByFullPath(IrpContext, Fcb, Hold);
+    const NTSTATUS Status = NtFsdIsVolumeRoot(Fcb) ? STATUS_CANNOT_DELETE : DeleteByFullPath(IrpContext, Fcb, Hold);
     NtFsdClearOpenFlags(Fcb, FCB_STATE_DELETE_DISPOSITION | FCB_STATE_DELETE_ON_CLOSE);
     return Status;
 }

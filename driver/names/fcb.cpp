@@ -101,6 +101,11 @@ PFCB NtFsdAllocFcb(PFILE_OBJECT FileObject, PCUNICODE_STRING Path) {
     return Fcb;
 }
 
+bool NtFsdIsVolumeRoot(const FCB *Fcb) {
+    // An open file stays one, though its path may have become a volume's meanwhile.
+    return (Fcb->VolumeRoot && Fcb->OpenType != OPEN_TYPE_FILE) || NtFsdCountPathComponents(&Fcb->FullPath) < 3;
+}
+
 VOID NtFsdFreeFcbMemory(PFCB Fcb) {
     if (Fcb == nullptr) {
         return;

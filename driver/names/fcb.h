@@ -27,6 +27,28 @@ inline PCUNICODE_STRING NtFsdStablePath(PFCB Fcb) {
     return &__atomic_load_n(&Fcb->CurrentPath, __ATOMIC_ACQUIRE)->Path;
 }
 
+// The path of an FCB that another path is composed of, to tell afterwards whether a rename has come in between. A
+// record lives as long as its FCB, so that no later path can have its address.
+struct PATH_SOURCE {
+    PFCB Fcb; // NULL: the other path stands for itself
+    PATH_RECORD *Record;
+
+    PCUNICODE_STRING Path() const {
+        return Fcb != nullptr ? &Record->Path : nullptr;
+    }
+    // FcbTableResource held.
+    bool IsCurrent() const {
+        return Fcb == nullptr || Fcb->CurrentPath == Record;
+    }
+};
+inline PATH_SOURCE NtFsdPathSource(PFCB Fcb) {
+    return {Fcb, Fcb != nullptr ? __atomic_load_n(&Fcb->CurrentPath, __ATOMIC_ACQUIRE) : nullptr};
+}
+
+// TRUE when Fcb is the root of a volume as far as the driver knows, however its opens name it: such a one is neither
+// renamed nor deleted. Resource held.
+bool NtFsdIsVolumeRoot(const FCB *Fcb);
+
 // Frees the paths and the block; NULL is ignored.
 VOID NtFsdFreeFcbMemory(PFCB Fcb);
 
@@ -44,9 +66,9 @@ VOID NtFsdInitializeFcbFileLock(PFCB Fcb);
 PFCB NtFsdFindFcb(PUNICODE_STRING Path, PUNICODE_STRING Remaining);
 
 // Finds the FCB of exactly Path or creates it. On success Hold holds its Resource exclusive and OpenCount is one
-// higher.
-NTSTATUS NtFsdOpenOrCreateFcb(PIRP_CONTEXT IrpContext, PUNICODE_STRING Path, PFCB *Fcb, BOOLEAN *Created,
-                              ResourceHold &Hold);
+// higher. STATUS_RETRY, with nothing done, when Source, which Path was composed of, has another path by now.
+NTSTATUS NtFsdOpenOrCreateFcb(PIRP_CONTEXT IrpContext, PUNICODE_STRING Path, const PATH_SOURCE &Source, PFCB *Fcb,
+                              BOOLEAN *Created, ResourceHold &Hold);
 
 // A path that an FCB is to take, made before anything is changed so that taking it cannot fail for memory.
 class [[nodiscard]] NewPathRecord {
@@ -69,8 +91,8 @@ private:
 };
 
 // Re-keys Fcb under NewPath. The caller holds its Resource in Hold and holds it again afterwards; it was released in
-// between, unless the caller holds FcbTableResource exclusive too. Every instance keeps a valid PathLeft. When the new key cannot
-// be inserted the FCB stays out of the table.
+// between, unless the caller holds FcbTableResource exclusive too. Every instance keeps a valid PathLeft. When the new
+// key cannot be inserted the FCB stays out of the table.
 VOID NtFsdRenameFcb(PFCB Fcb, NewPathRecord &NewPath, ResourceHold &Hold);
 // The same for a path that is still to be copied: fails as Make does, with the old path still in force.
 NTSTATUS NtFsdRenameFcb(PFCB Fcb, PCUNICODE_STRING NewPath, ResourceHold &Hold);
@@ -86,9 +108,12 @@ VOID NtFsdDumpPrefixTable();
 // Finds or makes the FCB and the instance context of an open of Name, relative to RelatedFileObject when given, and
 // attaches them to the IrpContext's file object. On success Hold holds the FCB's Resource exclusive. *EntryType (which
 // the caller initialises) says what the probe found. Failures: STATUS_OBJECT_NAME_INVALID (wildcards, too long, empty
-// component), STATUS_INVALID_HANDLE or STATUS_NOT_A_DIRECTORY (related file object), the probe's, or resources.
+// component), STATUS_INVALID_HANDLE or STATUS_NOT_A_DIRECTORY (related file object), the probe's, or resources. A
+// related directory that is renamed meanwhile makes it begin anew. A caller without a related file object may have
+// composed Name itself and give what of: then that is STATUS_RETRY, with nothing done.
 NTSTATUS NtFsdOpenFcb(PIRP_CONTEXT IrpContext, PFILE_OBJECT RelatedFileObject, PUNICODE_STRING Name, PFCB *Fcb,
-                      PINSTANCE_CONTEXT *Instance, PULONG OpenCount, PULONG EntryType, ResourceHold &Hold);
+                      PINSTANCE_CONTEXT *Instance, PULONG OpenCount, PULONG EntryType, ResourceHold &Hold,
+                      const PATH_SOURCE *ComposedOf = nullptr);
 
 // Drops the open of Instance: carries out a pending delete when it is the FCB's last, frees the instance, tears the FCB
 // down when none is left. The caller holds FcbTableResource, and Fcb's Resource in Hold; when *FcbFreed (may be NULL)
@@ -120,7 +145,7 @@ inline VOID NtFsdSetVolumeResolved(PFCB Fcb, UCHAR Resolved) {
 }
 
 // TRUE for an open of a file without a handle of it: the parent of a rename's target that turned out to be a file. It
-// can only be closed; the Provider must never be asked with handle 0.
+// can only be closed and asked for its volume; the Provider must never be asked with handle 0.
 inline bool NtFsdLacksFileHandle(const FCB *Fcb, const INSTANCE_CONTEXT *Instance) {
     return __atomic_load_n(&Fcb->OpenType, __ATOMIC_RELAXED) == OPEN_TYPE_FILE && Instance->FileHandle == 0;
 }

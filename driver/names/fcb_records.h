@@ -84,6 +84,7 @@ struct FCB {
     FILE_LOCK FileLock; // its own lock
     // Ours.
     UCHAR FileLockInitialized;
+    UCHAR VolumeRoot;       // an open found that FullPath is the path of a volume
     LIST_ENTRY *LockGrants; // while an unlock is under way: collects the waiting locks that it grants
     PATH_RECORD FirstPath;
     PATH_RECORD *CurrentPath; // FullPath is its Path

@@ -115,13 +115,17 @@ NTSTATUS OpenOrCreateLocked(PIRP_CONTEXT IrpContext, PUNICODE_STRING Path, PFCB 
 
 } // namespace
 
-NTSTATUS NtFsdOpenOrCreateFcb(PIRP_CONTEXT IrpContext, PUNICODE_STRING Path, PFCB *Fcb, BOOLEAN *Created,
-                              ResourceHold &Hold) {
+NTSTATUS NtFsdOpenOrCreateFcb(PIRP_CONTEXT IrpContext, PUNICODE_STRING Path, const PATH_SOURCE &Source, PFCB *Fcb,
+                              BOOLEAN *Created, ResourceHold &Hold) {
     *Fcb = nullptr;
     *Created = FALSE;
     ResourceHold Table;
     if (!Table.AcquireExclusive(&FcbTableResource, TRUE)) {
         return STATUS_CANT_WAIT;
+    }
+    // From here on a rename of Source finds the FCB of Path below it, and is refused.
+    if (!Source.IsCurrent()) {
+        return STATUS_RETRY;
     }
     const NTSTATUS Status = OpenOrCreateLocked(IrpContext, Path, Fcb, Created, Hold);
     // The dump walks the whole table: only when somebody reads it.

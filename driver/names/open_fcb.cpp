@@ -12,6 +12,13 @@ struct RELATED_OPEN {
     PINSTANCE_CONTEXT Instance;
 };
 
+// What an open finds under its name. The instance exists before the FCB is held.
+struct FOUND_FCB {
+    PFCB Fcb = nullptr;
+    NTSTATUS FileStatus = STATUS_SUCCESS; // of the probe
+    PoolPointer<INSTANCE_CONTEXT> Instance = {};
+};
+
 // Proves that a related file object is an open of a path of ours before anything of it is read.
 NTSTATUS CheckRelated(PFILE_OBJECT FileObject, RELATED_OPEN *Related) {
     *Related = {nullptr, nullptr};
@@ -48,10 +55,9 @@ bool IsNameValid(PCUNICODE_STRING Path) {
     return true;
 }
 
-NTSTATUS ComposeName(const RELATED_OPEN &Related, PUNICODE_STRING Name, PUNICODE_STRING Path) {
+NTSTATUS ComposeName(const PATH_SOURCE &Related, PUNICODE_STRING Name, PUNICODE_STRING Path) {
     ULONG Bytes = 0;
-    const NTSTATUS Status =
-        NtFsdComposePath(Related.Fcb != nullptr ? NtFsdStablePath(Related.Fcb) : nullptr, Name, Path, &Bytes);
+    const NTSTATUS Status = NtFsdComposePath(Related.Path(), Name, Path, &Bytes);
     if (Status == STATUS_INSUFFICIENT_RESOURCES) {
         NtFsdDebugPrint(TRACE_FCB, 0,
                         "[RVFSD] NtFsdOpenFcb for \"%wZ\" unable to alloc %hu bytes; STATUS_INSUFFICIENT_RESOURCES.\n",
@@ -132,6 +138,9 @@ void SplitAgainstVolume(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Ins
         ++Split;
     }
     Instance->PathLeft = Split;
+    if (*Split == 0) {
+        Fcb->VolumeRoot = TRUE;
+    }
     NtFsdSetVolumeResolved(Fcb, 1);
     Instance->BaseHandle = Instance->RelatedHandle = Instance->VolumeHandle;
     NtFsdDebugPrint(TRACE_FCB, 0, " Path past volume level = %ls\n", static_cast<PCWSTR>(Split));
@@ -159,10 +168,46 @@ void Attach(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance) {
     FileObject->SectionObjectPointer = &Fcb->SectionObjectPointers;
 }
 
+// Composes the path, asks what is there, and finds or makes its FCB. STATUS_RETRY when a rename of what the path is
+// composed of came in between.
+NTSTATUS FindByName(PIRP_CONTEXT IrpContext, const PATH_SOURCE &Related, const PATH_SOURCE *ComposedOf,
+                    PUNICODE_STRING Name, FOUND_FCB &Found, ResourceHold &Hold) {
+    OwnedString Path;
+    NTSTATUS Status = ComposeName(Related, Name, Path.Get());
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
+    Status = NtFsdVerifyFile(IrpContext, Path->Buffer, Path->Length, &Found.FileStatus);
+    if (Status != STATUS_SUCCESS) {
+        NtFsdDebugPrint(TRACE_FCB, 0, "[RVFSD] NtFsdOpenFcb NtFsdVerifyFile for \"%wZ\" failed; status 0x%08X.\n",
+                        Path.Get(), Status);
+        return NT_SUCCESS(Status) ? STATUS_UNSUCCESSFUL : Status;
+    }
+    if (!Found.Instance) {
+        Found.Instance.Adopt(AllocateInstance(IrpContext));
+    }
+    if (!Found.Instance) {
+        NtFsdDebugPrint(TRACE_FCB, 0,
+                        "[RVFSD] NtFsdOpenFcb for \"%wZ\" NtFsdAllocInstanceContext failed; "
+                        "STATUS_INSUFFICIENT_RESOURCES.\n",
+                        Path.Get());
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
+    BOOLEAN Created;
+    Status = NtFsdOpenOrCreateFcb(IrpContext, Path.Get(), ComposedOf != nullptr ? *ComposedOf : Related, &Found.Fcb,
+                                  &Created, Hold);
+    if (!NT_SUCCESS(Status)) {
+        NtFsdDebugPrint(TRACE_FCB, 0, "[RVFSD] NtFsdOpenFcb for \"%wZ\" NtFsdOpenOrCreateFcb failed; status 0x%08X.\n",
+                        Path.Get(), Status);
+    }
+    return Status;
+}
+
 } // namespace
 
 NTSTATUS NtFsdOpenFcb(PIRP_CONTEXT IrpContext, PFILE_OBJECT RelatedFileObject, PUNICODE_STRING Name, PFCB *Fcb,
-                      PINSTANCE_CONTEXT *Instance, PULONG OpenCount, PULONG EntryType, ResourceHold &Hold) {
+                      PINSTANCE_CONTEXT *Instance, PULONG OpenCount, PULONG EntryType, ResourceHold &Hold,
+                      const PATH_SOURCE *ComposedOf) {
     *Fcb = nullptr;
     *Instance = nullptr;
     RELATED_OPEN Related;
@@ -170,53 +215,30 @@ NTSTATUS NtFsdOpenFcb(PIRP_CONTEXT IrpContext, PFILE_OBJECT RelatedFileObject, P
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
-    OwnedString Path;
-    Status = ComposeName(Related, Name, Path.Get());
+    FOUND_FCB Found;
+    do {
+        Status = FindByName(IrpContext, NtFsdPathSource(Related.Fcb), ComposedOf, Name, Found, Hold);
+    } while (Status == STATUS_RETRY && ComposedOf == nullptr);
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
-    NTSTATUS FileStatus = STATUS_SUCCESS;
-    Status = NtFsdVerifyFile(IrpContext, Path->Buffer, Path->Length, &FileStatus);
-    if (Status != STATUS_SUCCESS) {
-        NtFsdDebugPrint(TRACE_FCB, 0, "[RVFSD] NtFsdOpenFcb NtFsdVerifyFile for \"%wZ\" failed; status 0x%08X.\n",
-                        Path.Get(), Status);
-        return NT_SUCCESS(Status) ? STATUS_UNSUCCESSFUL : Status;
-    }
-    if (FileStatus == STATUS_SUCCESS) {
+    if (Found.FileStatus == STATUS_SUCCESS) {
         *EntryType = ENTRY_TYPE_FILE;
-    } else if (FileStatus == STATUS_FILE_IS_A_DIRECTORY) {
+    } else if (Found.FileStatus == STATUS_FILE_IS_A_DIRECTORY) {
         *EntryType = ENTRY_TYPE_DIRECTORY;
+    } else if (Found.FileStatus == STATUS_NO_SUCH_FILE) {
+        NtFsdSetOpenFlags(Found.Fcb, FCB_STATE_NOT_FOUND_AT_OPEN);
     }
-
-    PoolPointer<INSTANCE_CONTEXT> NewInstance(AllocateInstance(IrpContext));
-    if (!NewInstance) {
-        NtFsdDebugPrint(TRACE_FCB, 0,
-                        "[RVFSD] NtFsdOpenFcb for \"%wZ\" NtFsdAllocInstanceContext failed; "
-                        "STATUS_INSUFFICIENT_RESOURCES.\n",
-                        Path.Get());
-        return STATUS_INSUFFICIENT_RESOURCES;
-    }
-    PFCB Found;
-    BOOLEAN Created;
-    Status = NtFsdOpenOrCreateFcb(IrpContext, Path.Get(), &Found, &Created, Hold);
-    if (!NT_SUCCESS(Status)) {
-        NtFsdDebugPrint(TRACE_FCB, 0, "[RVFSD] NtFsdOpenFcb for \"%wZ\" NtFsdOpenOrCreateFcb failed; status 0x%08X.\n",
-                        Path.Get(), Status);
-        return Status;
-    }
-    if (FileStatus == STATUS_NO_SUCH_FILE) {
-        NtFsdSetOpenFlags(Found, FCB_STATE_NOT_FOUND_AT_OPEN);
-    }
-    NewInstance->Fcb = Found;
-    NewInstance->PathLeft = Found->FullPath.Buffer;
+    Found.Instance->Fcb = Found.Fcb;
+    Found.Instance->PathLeft = Found.Fcb->FullPath.Buffer;
     if (Related.Fcb == nullptr || Name->Length == 0) {
-        SplitAgainstVolume(IrpContext, Found, NewInstance.Get());
+        SplitAgainstVolume(IrpContext, Found.Fcb, Found.Instance.Get());
     } else {
-        NameRelative(Related, Name, Found, NewInstance.Get());
+        NameRelative(Related, Name, Found.Fcb, Found.Instance.Get());
     }
-    *OpenCount = Found->OpenCount;
-    *Fcb = Found;
-    *Instance = NewInstance.Detach();
-    Attach(IrpContext, Found, *Instance);
+    *OpenCount = Found.Fcb->OpenCount;
+    *Fcb = Found.Fcb;
+    *Instance = Found.Instance.Detach();
+    Attach(IrpContext, Found.Fcb, *Instance);
     return STATUS_SUCCESS;
 }

@@ -58,6 +58,23 @@ TEST_F(CreateChecks, ForDeleteOnCloseLeaveNoFileBehindThatTheyMade) {
     ExpectNothingOpen("refusals");
 }
 
+TEST_F(CreateChecks, ThatEndInANoteLeaveNoFileBehindThatTheyMade) {
+    // The Provider opened, and answered with a warning whose code is a failure.
+    Provider.OnCall(Slot::CreateFile, test::IsRealOpen).ReturnAfter(static_cast<RVSTATUS>(0x80000007));
+    for (const ULONG Attributes : {0u, FILE_ATTRIBUTE_READONLY + 0u}) {
+        Open Making = With({}, FILE_CREATE, N);
+        Making.Attributes = Attributes;
+        ExpectRefused(u"\\srv\\vol\\stray", Making, STATUS_OBJECT_NAME_COLLISION, FILE_EXISTS);
+        EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\stray"));
+    }
+    ExpectRefused(u"\\srv\\vol\\stray", With({}, FILE_OPEN_IF), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\stray"));
+    // One that was there stays.
+    ExpectRefused(u"\\srv\\vol\\a.txt", With({}, FILE_OPEN_IF), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\a.txt"));
+    ExpectNothingOpen("refusals");
+}
+
 // ---- Space
 
 TEST_F(CreateChecks, OfMoreThanTheCallerMayUseFindTheDiskFull) {

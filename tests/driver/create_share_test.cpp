@@ -193,6 +193,18 @@ TEST_F(SharedOpens, AreWhatTheFirstOneWas) {
     ExpectNothingOpen("the closes");
 }
 
+TEST_F(SharedOpens, OfAFileWhosePathBecameAVolumesAreRefused) {
+    const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt");
+    RVHANDLE Volume = 0;
+    Provider.Edit([&](providers::Tree &Tree) { Tree.OpenVolume(u"\\srv\\vol", &Volume); });
+    Provider.OnCall(Slot::QueryPathForVolume).AnswerPath(u"\\srv\\vol\\a.txt");
+    Provider.OnCall(Slot::OpenVolume).ReturnAfter(RVSTATUS::Success).AnswerHandle(Volume);
+    ExpectRefused(u"\\srv\\vol\\a.txt", {}, STATUS_NOT_A_DIRECTORY, FILE_EXISTS);
+    EXPECT_EQ(Fcb(File)->OpenType, OPEN_TYPE_FILE + 0u);
+    Close(File);
+    ExpectNothingOpen("the close");
+}
+
 TEST_F(SharedOpens, OfWhatIsToBeDeletedAreRefused) {
     const HANDLE Held = MustOpen(u"\\srv\\vol\\a.txt", ForDelete);
     Fcb(Held)->OpenFlags |= FCB_STATE_DELETE_DISPOSITION;

@@ -1,5 +1,8 @@
 // Create: what is done for which disposition on what is there, and how it is answered.
 
+#include <regex>
+#include <sstream>
+
 #include "embedded/faults.h"
 #include "tests/driver/create_client.h"
 #include "tests/driver/request_log.h"
@@ -451,6 +454,46 @@ TEST_F(Creates, AreRefusedBeforeTheProviderIsAskedWhenTheyCannotBeServed) {
     }
     EXPECT_EQ(Provider.CountCalls(), 0u);
     ExpectNothingOpen("refusals");
+}
+
+// ---- The trace of the parameters
+
+// The bits that the lines behind the line of a value name; one that is named twice is in it no more.
+ULONG BitsBehind(const std::string &Printed, const std::string &Value) {
+    const std::regex Named("    ([0-9a-f]+) = [A-Z_]+$");
+    std::istringstream Lines(Printed.substr(std::min(Printed.find(Value), Printed.size())));
+    std::string Line;
+    std::getline(Lines, Line);
+    ULONG Bits = 0;
+    for (std::smatch Found; std::getline(Lines, Line) && std::regex_search(Line, Found, Named);) {
+        Bits ^= static_cast<ULONG>(std::stoul(Found[1], nullptr, 16));
+    }
+    return Bits;
+}
+
+TEST_F(Creates, ShowEveryBitOfTheirParameters) {
+    Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 0x100020}}});
+    FILE_OBJECT File = {};
+    IO_SECURITY_CONTEXT Security = {};
+    Security.DesiredAccess = 0xF31F01FF;
+    IRP Irp = {};
+    IO_STACK_LOCATION IrpSp = {};
+    IrpSp.FileObject = &File;
+    IrpSp.Flags = 0x87;
+    IrpSp.Parameters.Create.SecurityContext = &Security;
+    IrpSp.Parameters.Create.Options = 0x03F7FFFF; // 0x80000 has no name
+    IrpSp.Parameters.Create.FileAttributes = 0xFFF7;
+    IrpSp.Parameters.Create.ShareAccess = 7;
+    IRP_CONTEXT IrpContext = Context();
+    IrpContext.Flags = 0x7D6;
+    NtFsdDumpCreateParameters(&IrpContext, &Irp, &IrpSp);
+    EXPECT_EQ(BitsBehind(Printed, "pIrpSp->Flags "), 0x87u);
+    EXPECT_EQ(BitsBehind(Printed, "DesiredAccess "), 0xF31F01FFu);
+    EXPECT_EQ(BitsBehind(Printed, "CreateOptions "), 0xF7FFFFu);
+    EXPECT_EQ(BitsBehind(Printed, "CreateDisposition "), FILE_OPEN_IF + 0u);
+    EXPECT_EQ(BitsBehind(Printed, "FileAttributes "), 0xFFF7u);
+    EXPECT_EQ(BitsBehind(Printed, "ShareAccess "), 7u);
+    EXPECT_EQ(BitsBehind(Printed, "pIrpContext->Flags "), 0x7D6u);
 }
 
 } // namespace

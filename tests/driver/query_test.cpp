@@ -8,6 +8,8 @@ namespace {
 using test::Open;
 using test::RvError;
 
+constexpr RVSTATUS Warning = static_cast<RVSTATUS>(0x80000008); // translated to a warning
+
 struct Answer {
     NTSTATUS Status;
     ULONG_PTR Information;
@@ -251,10 +253,13 @@ TEST_F(Asking, IdentifiersComeFromVolumesThatHaveThem) {
     EXPECT_EQ(File(Handle, FileInternalInformation).At<ULONG64>(0), 0x1122334455667788u);
     Provider.ClearScript();
     SetVolume(RV_VOLUME_IDENTIFIER_VALID, 7);
-    Provider.OnCall(providers::Slot::GetFileId).Return(RvError(0x0006));
-    const Answer Failed = File(Handle, FileInternalInformation);
-    EXPECT_EQ(Failed.Status, STATUS_ACCESS_DENIED);
-    EXPECT_EQ(Failed.At<ULONG64>(0), 0u);
+    for (const auto &[Result, Status] :
+         {std::pair{RvError(0x0006), STATUS_ACCESS_DENIED}, {Warning, STATUS_NO_DATA_DETECTED}}) {
+        Provider.OnCall(providers::Slot::GetFileId).ReturnAfter(Result).Times(1);
+        const Answer Failed = File(Handle, FileInternalInformation);
+        EXPECT_EQ(Failed.Status, Status);
+        EXPECT_EQ(Failed.At<ULONG64>(0), 0u);
+    }
     Close(Handle);
 }
 
@@ -424,12 +429,15 @@ TEST_F(Asking, AVolumeThatCannotBeReachedIsTheStatusAndTheDeviceClassAsksNobody)
     HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
     const struct {
         providers::Slot Slot;
+        RVSTATUS Result;
         NTSTATUS Status;
-    } Cases[] = {{providers::Slot::QueryPathForVolume, STATUS_NO_LOGON_SERVERS},
-                 {providers::Slot::OpenVolume, STATUS_NO_LOGON_SERVERS},
-                 {providers::Slot::GetVolumeSize, STATUS_NO_LOGON_SERVERS}};
+    } Cases[] = {{providers::Slot::QueryPathForVolume, RvError(RVFS_UNKNOWN_SERVER), STATUS_NO_LOGON_SERVERS},
+                 {providers::Slot::OpenVolume, RvError(RVFS_UNKNOWN_SERVER), STATUS_NO_LOGON_SERVERS},
+                 {providers::Slot::GetVolumeSize, RvError(RVFS_UNKNOWN_SERVER), STATUS_NO_LOGON_SERVERS},
+                 {providers::Slot::QueryPathForVolume, Warning, STATUS_NO_DATA_DETECTED},
+                 {providers::Slot::OpenVolume, Warning, STATUS_NO_DATA_DETECTED}};
     for (const auto &Case : Cases) {
-        Provider.OnCall(Case.Slot).Return(RvError(RVFS_UNKNOWN_SERVER));
+        Provider.OnCall(Case.Slot).ReturnAfter(Case.Result);
         const Answer Got = Volume(Handle, FileFsSizeInformation);
         EXPECT_EQ(Got.Status, Case.Status);
         EXPECT_EQ(Got.Information, 0u);

@@ -65,8 +65,7 @@ TEST_F(IntoItself, ADirectoryIsRefusedByTheServerAndIsNoCaseOnlyRename) {
     Provider.AddDirectory(u"\\srv\\vol\\d");
     const HANDLE Handle = OpenDirectory(u"\\srv\\vol\\d");
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\D\\d"), STATUS_OBJECT_PATH_INVALID);
-    EXPECT_TRUE(HasPrinted("NtFsdFileSetRenameInfo determined cannot be case-only rename based on final component "
-                           "backslash:\n        source: \"\\srv\\vol\\d\"\n        target: \"\\srv\\vol\\d\"\n"))
+    EXPECT_TRUE(HasPrinted("NtFsdFileSetRenameInfo determined \"d\" and \"d\" are not a case-only rename.\n"))
         << Printed;
     Close(Handle);
 }
@@ -109,9 +108,11 @@ INSTANTIATE_TEST_SUITE_P(
                         "NtFsdFileSetRenameInfo determined cannot be case-only rename based on parent directory "
                         "compare:\n        source: \"\\srv\\vol\\abcd\\f.txt\"\n        target: "
                         "\"\\srv\\vol\\docs\"\n"},
+        // Of one name, but not directly in the target directory.
         NotCaseOnlyCase{u"\\srv\\vol\\sub\\f.txt", u"\\srv\\vol\\F.TXT",
-                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on final component "
-                        "backslash:\n        source: \"\\srv\\vol\\sub\\f.txt\"\n        target: \"\\srv\\vol\"\n"},
+                        "NtFsdFileSetRenameInfo determined \"f.txt\" and \"F.TXT\" are not a case-only rename.\n"},
+        NotCaseOnlyCase{u"\\srv\\vol\\sub\\f.txt", u"\\srv\\vol\\f.txt",
+                        "NtFsdFileSetRenameInfo determined \"f.txt\" and \"f.txt\" are not a case-only rename.\n"},
         // Of one length, and none in the other.
         NotCaseOnlyCase{u"\\srv\\vol\\ab.txt", u"\\srv\\vol\\abcdef\\G",
                         "NtFsdFileSetRenameInfo determined cannot be case-only rename based on parent directory "

@@ -123,4 +123,48 @@ TEST_F(RenamesConcurrent, OfADirectoryAndOfAFileIntoIt) {
     Close(Directory);
 }
 
+// A directory is renamed while the Provider is asked about a name below it, and another takes its old name.
+class RenamesMeanwhile : public test::RenameFixture {
+protected:
+    void SetUp() override {
+        Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "mine");
+        Directory_ = OpenDirectory(u"\\srv\\vol\\d");
+        File_ = OpenFile();
+        Provider.OnCall(Slot::CreateFile).Nth(1).Do([this](const providers::Call &) {
+            EXPECT_EQ(Rename(Directory_, u"\\srv\\vol\\e"), STATUS_SUCCESS);
+            Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "theirs");
+        });
+    }
+    void TearDown() override {
+        Close(File_);
+        Close(Directory_);
+        test::RenameFixture::TearDown();
+    }
+    HANDLE Directory_ = nullptr;
+    HANDLE File_ = nullptr;
+};
+
+TEST_F(RenamesMeanwhile, AnOpenBelowItIsOfTheFileThatItFinds) {
+    Open Below = test::ForChange;
+    Below.Related = Directory_;
+    const HANDLE Mine = MustOpen(u"f.txt", Below);
+    EXPECT_EQ(PathOf(Mine), u"\\srv\\vol\\e\\f.txt");
+    const HANDLE Theirs = OpenFile(u"\\srv\\vol\\d\\f.txt");
+    EXPECT_NE(Fcb(Mine), Fcb(Theirs));
+    EXPECT_EQ(ReadAll(Mine), "mine");
+    EXPECT_EQ(ReadAll(Theirs), "theirs");
+    EXPECT_EQ(SetDisposition(Mine, true), STATUS_SUCCESS);
+    Close(Mine);
+    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\e\\f.txt"));
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\f.txt"), "theirs");
+    Close(Theirs);
+}
+
+TEST_F(RenamesMeanwhile, ARenameIntoItReplacesWhatIsInIt) {
+    EXPECT_EQ(Rename(File_, u"f.txt", true, Directory_), STATUS_SUCCESS);
+    ExpectNamed(File_, u"\\srv\\vol\\e\\f.txt");
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\e\\f.txt"), "0123456789");
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\f.txt"), "theirs");
+}
+
 } // namespace

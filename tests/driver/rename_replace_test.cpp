@@ -8,6 +8,7 @@
 
 namespace {
 
+using providers::Slot;
 using test::Open;
 
 // ---- Over the scripted Provider
@@ -40,11 +41,15 @@ TEST_F(Replacing, TheFileItselfUnderAnotherNameIsNotDeleted) {
 
 // The move would be refused: the file in its way would be gone for nothing.
 TEST_F(Replacing, NothingIsDeletedInAVolumeThatTheFileCannotBeMovedInto) {
-    for (const ULONG Flags : {RV_VOLUME_IDENTIFIER_VALID + 0u, 0u}) {
-        Provider.Edit([=](providers::Tree &Tree) {
+    // With an identifier of its own, without one, and both with one that is none.
+    for (const auto &[Flags, Byte] :
+         {std::pair{RV_VOLUME_IDENTIFIER_VALID + 0u, 0x77}, {0u, 0x77}, {RV_VOLUME_IDENTIFIER_VALID + 0u, 0}}) {
+        Provider.Edit([Flags = Flags, Byte = Byte](providers::Tree &Tree) {
             providers::Volume &Other = Tree.AddVolume(u"\\srv\\vol2");
-            Other.Identifier[0] = 0x77;
             Other.Flags = Flags;
+            for (providers::Volume *Each : {&Other, Byte == 0 ? Tree.FindVolume(u"\\srv\\vol") : &Other}) {
+                memset(Each->Identifier, Byte, sizeof(Each->Identifier));
+            }
         });
         Provider.AddFile(u"\\srv\\vol2\\b.txt", "theirs");
         const HANDLE Handle = OpenFile();
@@ -57,34 +62,29 @@ TEST_F(Replacing, NothingIsDeletedInAVolumeThatTheFileCannotBeMovedInto) {
 }
 
 TEST_F(Replacing, AVolumeThatBeginsBelowAnotherIsAnother) {
-    Provider.OnCall(Slot::GetVolumeInformation).Nth(2).Answer([](providers::Outputs &Out) {
-        *Out.VolumeFlags = RV_VOLUME_IDENTIFIER_VALID;
-        memset(Out.Identifier, 0x77, 16);
-    });
-    const HANDLE Handle = OpenFile();
-    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", true), STATUS_NOT_SAME_DEVICE);
-    ExpectBothThere();
-    Close(Handle);
+    Provider.AddFile(u"\\srv\\vol\\d\\b.txt", "theirs");
+    for (const bool ByIdentifier : {true, false}) {
+        const HANDLE Handle = OpenFile();
+        const HANDLE Target = OpenTarget(u"\\srv\\vol\\d\\b.txt");
+        if (ByIdentifier) {
+            Provider.OnCall(Slot::GetVolumeInformation).Nth(2).Answer([](providers::Outputs &Out) {
+                memset(Out.Identifier, 0x77, 16);
+            });
+        } else {
+            Provider.Edit([](providers::Tree &Tree) { Tree.FindVolume(u"\\srv\\vol")->Flags = 0; });
+            Provider.OnPath(Slot::QueryPathForVolume, u"\\srv\\vol\\d").AnswerPath(u"\\srv\\vol\\d");
+        }
+        EXPECT_EQ(RenameThrough(Handle, Target, true), STATUS_NOT_SAME_DEVICE);
+        EXPECT_EQ(Provider.CountCalls(Slot::DeleteFile) + Provider.CountCalls(Slot::MoveFile), 0u);
+        Close(Target);
+        Close(Handle);
+    }
 }
 
-// What cannot be told apart is replaced as it was asked for.
-class UntoldReplacing : public Replacing, public testing::WithParamInterface<int> {};
-
-TEST_P(UntoldReplacing, IsCarriedOut) {
+// Without identifiers nothing can be told apart: it is replaced as it was asked for.
+TEST_F(Replacing, WithoutIdentifiersIsCarriedOut) {
+    Provider.Edit([](providers::Tree &Tree) { Tree.FindVolume(u"\\srv\\vol")->Flags = 0; });
     const HANDLE Handle = OpenFile();
-    switch (GetParam()) {
-    case 0:
-        Provider.Edit([](providers::Tree &Tree) { Tree.FindVolume(u"\\srv\\vol")->Flags = 0; });
-        break;
-    case 1:
-        Provider.OnCall(Slot::GetFileId).Nth(1).Return(test::RvError(0x0102));
-        break;
-    case 2:
-        Provider.OnCall(Slot::GetFileId).Nth(2).Return(test::RvError(0x0102));
-        break;
-    default:
-        break;
-    }
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", true), STATUS_SUCCESS);
     ExpectNamed(Handle, u"\\srv\\vol\\b.txt");
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\b.txt"), "0123456789");
@@ -92,7 +92,63 @@ TEST_P(UntoldReplacing, IsCarriedOut) {
     Close(Handle);
 }
 
-INSTANTIATE_TEST_SUITE_P(Reasons, UntoldReplacing, testing::Values(0, 1, 2));
+struct LookCase {
+    const char *Name;
+    Slot Question;
+    unsigned Nth; // 0: every one
+    RVSTATUS Answer;
+    NTSTATUS Status;
+    bool Identified = true;
+};
+
+class Looking : public Replacing, public testing::WithParamInterface<LookCase> {};
+
+// A question that is not answered might have shown the file itself, which would be deleted.
+TEST_P(Looking, DeletesNothingInDoubt) {
+    const HANDLE Handle = OpenFile();
+    const HANDLE Target = OpenTarget(u"\\srv\\vol\\b.txt");
+    if (!GetParam().Identified) {
+        Provider.Edit([](providers::Tree &Tree) { Tree.FindVolume(u"\\srv\\vol")->Flags = 0; });
+    }
+    providers::Rule &Rule = Provider.OnCall(GetParam().Question).Return(GetParam().Answer);
+    if (GetParam().Nth != 0) {
+        Rule.Nth(GetParam().Nth);
+    }
+    EXPECT_EQ(RenameThrough(Handle, Target, true), GetParam().Status);
+    if (GetParam().Status != STATUS_SUCCESS) {
+        EXPECT_EQ(Provider.CountCalls(Slot::DeleteFile) + Provider.CountCalls(Slot::MoveFile), 0u);
+        ExpectBothThere();
+        EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
+    }
+    Close(Target);
+    Close(Handle);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Questions, Looking,
+    testing::Values(LookCase{"OwnIdentifier", Slot::GetFileId, 1, test::RvError(0x0102), STATUS_NETWORK_BUSY},
+                    LookCase{"ItsIdentifier", Slot::GetFileId, 2, test::RvError(0x0102), STATUS_NETWORK_BUSY},
+                    LookCase{"AWarningForAnIdentifier", Slot::GetFileId, 2, static_cast<RVSTATUS>(0x80000008),
+                             STATUS_NO_DATA_DETECTED},
+                    LookCase{"ItsOpen", Slot::CreateFile, 1, test::RvError(0x0102), STATUS_NETWORK_BUSY},
+                    LookCase{"ItsDeniedOpen", Slot::CreateFile, 1, RVSTATUS::AccessDenied, STATUS_ACCESS_DENIED},
+                    LookCase{"TheVolumes", Slot::GetVolumeInformation, 0, test::RvError(0x0102), STATUS_NETWORK_BUSY},
+                    LookCase{"TheVolumesPaths", Slot::QueryPathForVolume, 2, test::RvError(0x0102), STATUS_NETWORK_BUSY,
+                             false},
+                    // Nothing there is an answer.
+                    LookCase{"ItsAbsence", Slot::CreateFile, 1, test::RvError(0x0506), STATUS_SUCCESS}),
+    [](const auto &Info) { return std::string(Info.param.Name); });
+
+// Nor is a directory the file; that it is not deleted like one is for the server to say.
+TEST_F(Replacing, ADirectoryIsNotReplacedByAFile) {
+    const HANDLE Handle = OpenFile();
+    const NTSTATUS Status = RenameTo(Handle, u"\\srv\\vol\\d", true);
+    EXPECT_EQ(Status, STATUS_FILE_IS_A_DIRECTORY);
+    EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
+    ExpectBothThere();
+    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\d"));
+    Close(Handle);
+}
 
 // ---- Over local directories, where one file has many names
 // ----------------------------------------------------------

@@ -432,6 +432,32 @@ TEST_F(Renaming, TheRootOfAVolumeHasNoNameToChange) {
     Close(Root);
 }
 
+// However it is named: an open relative to its parent is none of the root's own, but of the same FCB.
+TEST_F(Renaming, AVolumeThatBeginsDeeperHasNoneEither) {
+    Provider.OnPath(Slot::QueryPathForVolume, u"\\srv\\vol\\d").AnswerPath(u"\\srv\\vol\\d");
+    Provider.OnPath(Slot::OpenVolume, u"\\srv\\vol\\d")
+        .ReturnAfter(RVSTATUS::Success)
+        .Answer([this](providers::Outputs &Out) {
+            Provider.Edit([&](providers::Tree &Tree) { Tree.OpenVolume(u"\\srv\\vol", Out.Handle); });
+        });
+    const HANDLE Parent = OpenDirectory(u"\\srv\\vol");
+    const HANDLE Root = OpenDirectory(u"\\srv\\vol\\d");
+    ASSERT_EQ(Instance(Root)->PathLeft[0], 0);
+    Open Below = test::DirectoryForChange;
+    Below.Related = Parent;
+    const HANDLE Relative = MustOpen(u"d", Below);
+    ASSERT_EQ(Fcb(Relative), Fcb(Root));
+    for (const HANDLE Each : {Root, Relative}) {
+        EXPECT_EQ(RenameTo(Each, u"\\srv\\vol\\x"), STATUS_INVALID_PARAMETER);
+        EXPECT_EQ(Made(), Calls{});
+    }
+    Close(Relative);
+    EXPECT_EQ(SetDisposition(Root, true), STATUS_CANNOT_DELETE);
+    Close(Root);
+    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\d"));
+    Close(Parent);
+}
+
 // The name of the target's file object while one of these lives.
 class Renamed {
 public:
@@ -466,7 +492,7 @@ TEST_P(BadNames, AreRefusedBeforeAnythingIsAsked) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Names, BadNames,
-                         testing::Values(u"", u"\\", u"\\x", u"x\\", u"x\\y", std::u16string(u"x\0y", 3),
+                         testing::Values(u"", u"\\", u"\\x", u"x\\", u"x\\y", u"x*", u"?y", std::u16string(u"x\0y", 3),
                                          std::u16string(32767, u'n'),   // too long itself
                                          std::u16string(32756, u'n'))); // by one, below "\srv\vol\d"
 

@@ -83,7 +83,8 @@
     X(STATUS_FILE_CLOSED, 0xC0000128)                                                                                  \
     X(STATUS_UNRECOGNIZED_VOLUME, 0xC000014F)                                                                          \
     X(STATUS_INVALID_LOCK_RANGE, 0xC00001A1)                                                                           \
-    X(STATUS_CONNECTION_DISCONNECTED, 0xC000020C)
+    X(STATUS_CONNECTION_DISCONNECTED, 0xC000020C)                                                                      \
+    X(STATUS_RETRY, 0xC000022D)
 
 // Typed constants, usable in constant expressions and switch labels.
 #define NTSTATUS_CONSTANT(Name, Value) inline constexpr NTSTATUS Name = (NTSTATUS)Value;
