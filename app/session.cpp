@@ -174,6 +174,9 @@ void Session::OpenImage(const SessionOptions &Options) {
     if (std::filesystem::equivalent(*Options.Calls, *Options.Image, Error)) {
         throw UsageError(fmt::format("--calls {}: that is the image", Options.Calls->string()));
     }
+    if (!Image_->Pdb().empty() && std::filesystem::equivalent(*Options.Calls, Image_->Pdb(), Error)) {
+        throw UsageError(fmt::format("--calls {}: that is the image's debug information", Options.Calls->string()));
+    }
     Calls_.open(*Options.Calls, std::ios::trunc);
     if (!Calls_) {
         throw UsageError(fmt::format("--calls {}: {}", Options.Calls->string(), strerror(errno)));

@@ -345,16 +345,12 @@ std::string DescribePool(PoolKind Kind) {
     return Text;
 }
 
-__attribute__((no_sanitize("address"))) std::vector<std::string> PoolPointersInto(const void *Low, const void *High) {
+std::vector<std::string> PoolPointersInto(const void *Low, const void *High) {
     std::vector<std::string> Lines;
     ForEachBlock([&](ULONG_PTR Block, const PoolRecord &Record) {
-        for (SIZE_T At = 0; At + sizeof(PVOID) <= Record.Size; At += sizeof(PVOID)) {
-            PVOID Word;
-            memcpy(&Word, reinterpret_cast<const void *>(Block + At), sizeof(Word));
-            if (Word >= Low && Word < High) {
-                Lines.push_back(fmt::format("a {} block of tag {} points to {}", KindName(Record.Kind),
-                                            TagText(Record.Tag), DescribeAddress(Word)));
-            }
+        for (const void *Word : PointersWithin(reinterpret_cast<const void *>(Block), Record.Size, Low, High)) {
+            Lines.push_back(fmt::format("a {} block of tag {} points to {}", KindName(Record.Kind), TagText(Record.Tag),
+                                        DescribeAddress(Word)));
         }
     });
     return Lines;

@@ -14,6 +14,7 @@
 #include "embedded/ex.h"
 #include "embedded/ex_live.h"
 #include "embedded/faults.h"
+#include "embedded/image_calls.h"
 #include "embedded/verifier.h"
 
 namespace embedded {
@@ -295,7 +296,8 @@ NTSTATUS NTAPI ExDeleteResourceLite(PERESOURCE Resource) noexcept {
 
 BOOLEAN NTAPI ExAcquireResourceExclusiveLite(PERESOURCE Resource, BOOLEAN Wait) noexcept {
     KThread &Thread = CurrentThread();
-    if (Verifying()) {
+    const bool Verify = Verifying();
+    if (Verify) {
         VerifyAcquire(Thread, Resource, IrqlRuleOf("ExAcquireResourceExclusiveLite"));
     }
     if (HeldLock *Held = FindHeld(Thread, Resource)) {
@@ -312,8 +314,8 @@ BOOLEAN NTAPI ExAcquireResourceExclusiveLite(PERESOURCE Resource, BOOLEAN Wait) 
         if (ShouldFail(FaultKind::TryAcquire)) {
             return FALSE;
         }
-    } else if (Verifying()) {
-        CheckLockOrder(Thread, Resource, __builtin_return_address(0));
+    } else if (Verify) {
+        CheckLockOrder(Thread, Resource, CallerOf(__builtin_return_address(0)));
     }
     if (!TryExclusive(Resource)) [[unlikely]] {
         if (!Wait) {
@@ -322,13 +324,15 @@ BOOLEAN NTAPI ExAcquireResourceExclusiveLite(PERESOURCE Resource, BOOLEAN Wait) 
         WaitExclusive(Thread, Resource);
     }
     SetOwner(Resource, &Thread);
-    PushHeld(Thread, Resource, LockKind::ResourceExclusive, __builtin_return_address(0));
+    PVOID Where = __builtin_return_address(0);
+    PushHeld(Thread, Resource, LockKind::ResourceExclusive, Verify ? CallerOf(Where) : Where);
     return TRUE;
 }
 
 BOOLEAN NTAPI ExAcquireResourceSharedLite(PERESOURCE Resource, BOOLEAN Wait) noexcept {
     KThread &Thread = CurrentThread();
-    if (Verifying()) {
+    const bool Verify = Verifying();
+    if (Verify) {
         VerifyAcquire(Thread, Resource, IrqlRuleOf("ExAcquireResourceSharedLite"));
     }
     if (HeldLock *Held = FindHeld(Thread, Resource)) {
@@ -339,8 +343,8 @@ BOOLEAN NTAPI ExAcquireResourceSharedLite(PERESOURCE Resource, BOOLEAN Wait) noe
         if (ShouldFail(FaultKind::TryAcquire)) {
             return FALSE;
         }
-    } else if (Verifying()) {
-        CheckLockOrder(Thread, Resource, __builtin_return_address(0));
+    } else if (Verify) {
+        CheckLockOrder(Thread, Resource, CallerOf(__builtin_return_address(0)));
     }
     if (!TryShared(Resource)) [[unlikely]] {
         if (!Wait) {
@@ -348,7 +352,8 @@ BOOLEAN NTAPI ExAcquireResourceSharedLite(PERESOURCE Resource, BOOLEAN Wait) noe
         }
         WaitShared(Thread, Resource);
     }
-    PushHeld(Thread, Resource, LockKind::ResourceShared, __builtin_return_address(0));
+    PVOID Where = __builtin_return_address(0);
+    PushHeld(Thread, Resource, LockKind::ResourceShared, Verify ? CallerOf(Where) : Where);
     return TRUE;
 }
 

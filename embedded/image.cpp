@@ -190,6 +190,11 @@ void DriverImage::Map(std::span<const uint8_t> Bytes, uintptr_t Base) {
     if (Mapped == MAP_FAILED) {
         Refuse(File_, {fmt::format("cannot be mapped: {}", strerror(errno))});
     }
+    // Kernels before 4.17 do not know the flag and take the address for a wish.
+    if (Base != 0 && Mapped != reinterpret_cast<void *>(Base)) {
+        munmap(Mapped, Format_.ImageSize);
+        Refuse(File_, {fmt::format("cannot be mapped: 0x{:x} is not free", Base)});
+    }
     Base_ = static_cast<char *>(Mapped);
     memcpy(Base_, Bytes.data(), Format_.HeaderSize);
     for (const ImageSection &Section : Format_.Sections) {
@@ -269,7 +274,7 @@ void DriverImage::FindPdb() {
         Refuse(Beside, {"not a regular file"});
     }
     try {
-        if (ReadPdbGuid(Beside) != Format_.PdbGuid) {
+        if (ReadPdbIdentity(Beside) != Format_.Pdb) {
             Refuse(Beside, {fmt::format("the debug information of another build than {}", File_.filename().string())});
         }
     } catch (const ImageError &) {
@@ -288,7 +293,7 @@ void DriverImage::CompareLayouts() {
             }
         }
     };
-    Compare("RVFSD_Layouts", KernelLayouts());
+    Compare("RVFSD_Layouts", SharedLayouts());
 }
 
 void *DriverImage::Export(std::string_view Name) const {
@@ -329,7 +334,7 @@ bool DriverImage::IsCode(uint32_t Rva) const {
 
 std::string DriverImage::Describe() const {
     std::string Build;
-    for (const uint8_t Byte : Format_.PdbGuid) {
+    for (const uint8_t Byte : Format_.Pdb.Guid) {
         Build += fmt::format("{:02x}", Byte);
     }
     return fmt::format("{}, {} bytes in memory, checksum 0x{:08X}, build {}{}", File_.string(), Format_.ImageSize,
@@ -339,7 +344,7 @@ std::string DriverImage::Describe() const {
 
 DriverImage *ImageOf(const void *Address) noexcept {
     for (const auto &Place : Loaded) {
-        DriverImage *Each = Place.load(std::memory_order_relaxed);
+        DriverImage *Each = Place.load(std::memory_order_acquire);
         if (Each != nullptr && Each->Contains(Address)) {
             return Each;
         }
@@ -367,11 +372,10 @@ std::vector<std::string> PointersInto(const DriverImage &Image) {
     const FsRtlCounts Counts = CountFsRtl();
     Note(Counts.LockTables, "lock table(s) in use");
     Note(Counts.NotifySyncs, "notify synchronisation(s)");
-    for (std::string &Line : LiveObjectsIn(Low, High)) {
-        Found.push_back(std::move(Line));
-    }
-    for (std::string &Line : PoolPointersInto(Low, High)) {
-        Found.push_back(std::move(Line));
+    for (const auto Search : {LiveObjectsIn, PoolPointersInto, IrpPointersInto, FilePointersInto}) {
+        for (std::string &Line : Search(Low, High)) {
+            Found.push_back(std::move(Line));
+        }
     }
     return Found;
 }

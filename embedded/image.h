@@ -133,13 +133,13 @@ private:
     std::unique_ptr<CallStubs> Stubs_;
 };
 
-// The image that contains Address, or null. Images are few; the list has a lock of its own.
+// The image that contains Address, or null. Images are few; the list is read without a lock.
 DriverImage *ImageOf(const void *Address) noexcept;
 
 bool AnyImage() noexcept;
 
-// A line for each thing of this kernel that still points into Image: threads, devices, requests, callbacks, locks,
-// tables. Called when the kernel has stopped.
+// A line for each thing of this kernel that still points into Image: threads, devices, requests, files, callbacks,
+// locks, tables. Called when the kernel has stopped.
 std::vector<std::string> PointersInto(const DriverImage &Image);
 
 } // namespace embedded

@@ -3,7 +3,9 @@
 #include <cstring>
 #include <mutex>
 #include <new>
+#include <sched.h>
 #include <sys/mman.h>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -25,11 +27,15 @@ struct OpenCall {
     void *ReturnsTo;
     int64_t Begun;
     KIRQL Irql;
+    bool Waits; // a line says so already
     uint64_t Arguments[4];
 };
 
 // The traced calls of this thread that have not returned, the innermost last.
 thread_local std::vector<OpenCall> Open;
+
+// That of a raising service, which calls nobody: further in than all of these.
+thread_local const RaisingCall *OpenRaising = nullptr;
 
 struct Output {
     std::mutex Lock;
@@ -55,14 +61,13 @@ std::string ResultText(ResultKind Kind, uint64_t Result) {
         return fmt::format("0x{:x}", Result);
     case ResultKind::None:
         return "-";
-    case ResultKind::NoReturn:
-        return "does not return";
     }
     return {};
 }
 
 // The system time of the call's begin, the thread's number, the IRQL, the call, its result.
-void WriteLine(int64_t Begun, KIRQL Irql, const Service &Called, const uint64_t *Arguments, const std::string &Result) {
+std::string LineOf(int64_t Begun, KIRQL Irql, const Service &Called, const uint64_t *Arguments,
+                   const std::string &Result) {
     std::string Line = fmt::format("{} thread 0x{:x} irql {} {}(", Begun, reinterpret_cast<uintptr_t>(&CurrentThread()),
                                    Irql, Called.Name);
     for (size_t Index = 0; Index < Called.Arguments; ++Index) {
@@ -70,11 +75,29 @@ void WriteLine(int64_t Begun, KIRQL Irql, const Service &Called, const uint64_t 
         const uint64_t Mask = Bytes == 0 || Bytes >= 8 ? UINT64_MAX : (uint64_t{1} << (8 * Bytes)) - 1;
         Line += fmt::format("{}0x{:x}", Index == 0 ? "" : ", ", Arguments[Index] & Mask);
     }
-    Line += ") = " + Result;
+    return Line + ") = " + Result;
+}
+
+std::string LineOf(const OpenCall &Call, const std::string &Result) {
+    return LineOf(Call.Begun, Call.Irql, Call.Record->Called, Call.Arguments, Result);
+}
+
+void WriteLine(const std::string &Line) {
     const std::lock_guard Hold(Lines().Lock);
     if (Lines().Sink) {
         Lines().Sink(Line);
     }
+}
+
+// The sink's lock, unless its holder keeps it: it may be this thread, or one that has stopped.
+std::unique_lock<std::mutex> TryHoldSink() {
+    constexpr int LongestWait = 1000;
+    std::unique_lock Hold(Lines().Lock, std::try_to_lock);
+    for (int Round = 0; !Hold.owns_lock() && Round < LongestWait; ++Round) {
+        sched_yield();
+        Hold.try_lock();
+    }
+    return Hold;
 }
 
 uint8_t *Put(uint8_t *At, std::initializer_list<uint8_t> Code) {
@@ -147,9 +170,41 @@ void CallStubs::Seal() {
     }
 }
 
-void RaisingCall::Write(uint32_t Code) noexcept {
+std::string RaisingCall::Line(const std::string &Result) const {
     const Service Called = {Name_, nullptr, ResultKind::None, Count_, true, {}};
-    WriteLine(Begun_, CurrentThread().Irql, Called, Arguments_, Code == 0 ? "-" : fmt::format("raises 0x{:08X}", Code));
+    return LineOf(Begun_, CurrentThread().Irql, Called, Arguments_, Result);
+}
+
+void RaisingCall::Begin() noexcept {
+    Begun_ = Clock::SystemTime();
+    OpenRaising = this;
+}
+
+void RaisingCall::End(uint32_t Code) noexcept {
+    OpenRaising = nullptr;
+    WriteLine(Line(Code == 0 ? "-" : fmt::format("raises 0x{:08X}", Code)));
+}
+
+void WriteOpenCalls() noexcept {
+    constexpr const char *Result = "does not return";
+    if (!Open.empty() || OpenRaising != nullptr) {
+        if (const auto Hold = TryHoldSink(); Hold.owns_lock() && Lines().Sink) {
+            for (const OpenCall &Call : Open) {
+                Lines().Sink(LineOf(Call, Result));
+            }
+            if (OpenRaising != nullptr) {
+                Lines().Sink(OpenRaising->Line(Result));
+            }
+        }
+    }
+    Open.clear();
+    OpenRaising = nullptr;
+}
+
+void WriteWaitingCall() noexcept {
+    if (!Open.empty() && !std::exchange(Open.back().Waits, true)) {
+        WriteLine(LineOf(Open.back(), "waits"));
+    }
 }
 
 void *TracedReturn(const void *Address, size_t Depth) noexcept {
@@ -157,6 +212,11 @@ void *TracedReturn(const void *Address, size_t Depth) noexcept {
         return nullptr;
     }
     return Open[Open.size() - 1 - Depth].ReturnsTo;
+}
+
+void *NTAPI CallerOf(void *Return) noexcept {
+    void *Real = TracedReturn(Return, 0);
+    return Real == nullptr ? Return : Real;
 }
 
 } // namespace embedded
@@ -168,12 +228,8 @@ extern "C" {
 // The tracer's halves. The first takes the return address out of *ReturnSlot and says where to jump; the second gives
 // it back.
 void *NTAPI EmbeddedCallEntered(CallRecord *Record, const uint64_t *Arguments, void **ReturnSlot) noexcept {
-    OpenCall Call = {Record, *ReturnSlot, Clock::SystemTime(), CurrentThread().Irql, {}};
+    OpenCall Call = {Record, *ReturnSlot, Clock::SystemTime(), CurrentThread().Irql, false, {}};
     memcpy(Call.Arguments, Arguments, sizeof(Call.Arguments));
-    if (Record->Called.Result == ResultKind::NoReturn) {
-        WriteLine(Call.Begun, Call.Irql, Record->Called, Call.Arguments, ResultText(ResultKind::NoReturn, 0));
-        return Record->Target;
-    }
     Open.push_back(Call);
     *ReturnSlot = reinterpret_cast<void *>(EmbeddedCallReturned);
     return Record->Target;
@@ -182,8 +238,7 @@ void *NTAPI EmbeddedCallEntered(CallRecord *Record, const uint64_t *Arguments, v
 void *NTAPI EmbeddedCallLeft(uint64_t Result) noexcept {
     const OpenCall Call = Open.back();
     Open.pop_back();
-    WriteLine(Call.Begun, Call.Irql, Call.Record->Called, Call.Arguments,
-              ResultText(Call.Record->Called.Result, Result));
+    WriteLine(LineOf(Call, ResultText(Call.Record->Called.Result, Result)));
     return Call.ReturnsTo;
 }
 }

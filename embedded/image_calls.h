@@ -63,29 +63,47 @@ private:
 inline constinit std::atomic<bool> CallLinesWanted{false};
 
 // A call of a raising service does not come through the tracer: its gate says so itself, on every call, so that nothing
-// is done when no line is wanted.
-struct RaisingCall {
+// is done when no line is wanted. Not to be moved while it lasts.
+class RaisingCall {
+public:
     RaisingCall(const char *Name, uint8_t Count, uint64_t First, uint64_t Second, uint64_t Third) noexcept
-        : Name_(Name), Count_(Count), Arguments_{First, Second, Third},
-          Begun_(CallLinesWanted.load(std::memory_order_relaxed) ? Clock::SystemTime() : 0) {
-    }
-    void Ended(uint32_t Code) noexcept {
+        : Name_(Name), Count_(Count), Arguments_{First, Second, Third}, Begun_(0) {
         if (CallLinesWanted.load(std::memory_order_relaxed)) {
-            Write(Code);
+            Begin();
         }
     }
+    RaisingCall(const RaisingCall &) = delete;
+    RaisingCall &operator=(const RaisingCall &) = delete;
+    void Ended(uint32_t Code) noexcept {
+        if (Begun_ != 0) {
+            End(Code);
+        }
+    }
+    std::string Line(const std::string &Result) const;
 
 private:
-    void Write(uint32_t Code) noexcept;
+    void Begin() noexcept;
+    void End(uint32_t Code) noexcept;
 
     const char *Name_;
     uint8_t Count_;
     uint64_t Arguments_[3];
-    int64_t Begun_;
+    int64_t Begun_; // 0: no line is wanted
 };
+
+// The calls that this thread is in will not return: writes a line for each, the outermost first, and forgets them. When
+// somebody keeps the sink busy for long, as a thread that was stopped in it does, they are only forgotten.
+void WriteOpenCalls() noexcept;
+
+// The calling thread is about to wait, perhaps for ever: the innermost call that it is in gets a line that says so,
+// once.
+void WriteWaitingCall() noexcept;
 
 // Where a service really returns to when its return address is the tracer's; Depth counts the traced calls that the
 // walk of the thread's stack has met, from 0. Null when Address is not the tracer's.
 void *TracedReturn(const void *Address, size_t Depth) noexcept;
+
+// Who really called the service whose return address is Return. For the paths of a service that verify or report.
+void *NTAPI CallerOf(void *Return) noexcept;
 
 } // namespace embedded

@@ -115,6 +115,7 @@ public:
             ReadRelocations();
             ReadUnwindTable();
             ReadDebugDirectory();
+            ReadLoadConfiguration();
         }
         return std::move(Reasons_);
     }
@@ -157,6 +158,7 @@ private:
     bool ReadRelocationBlock(uint32_t Page, uint64_t Offset, uint32_t Count);
     void ReadUnwindTable();
     void ReadDebugDirectory();
+    void ReadLoadConfiguration();
 
     static bool LiesIn(const ImageSection &Section, uint64_t Rva, uint64_t Size) {
         return Rva >= Section.Rva && Rva - Section.Rva < Section.Size && Size <= Section.Size - (Rva - Section.Rva);
@@ -568,15 +570,46 @@ void Reader::ReadDebugDirectory() {
             continue;
         }
         const auto Guid = AtRva<std::array<uint8_t, 16>>(*Rva + uint64_t{4});
+        const auto Age = AtRva<uint32_t>(*Rva + uint64_t{20});
         const auto Name = TextAtRva(*Rva + uint64_t{24});
         const auto Control = [](char Each) { return static_cast<unsigned char>(Each) < ' ' || Each == 0x7F; };
         if (Name && std::any_of(Name->begin(), Name->end(), Control)) {
             Refuse("the name of its debug information is none: {}", Printable(*Name));
-        } else if (Guid && Name) {
-            Format_.PdbGuid = *Guid;
+        } else if (Guid && Age && Name) {
+            Format_.Pdb = {*Guid, *Age};
             Format_.PdbName = *Name;
         }
         return;
+    }
+}
+
+// What it asks of its loader, each of which would be missed only when it matters.
+void Reader::ReadLoadConfiguration() {
+    constexpr struct {
+        uint32_t Offset;
+        uint32_t Bytes;
+        const char *Reason;
+    } Wishes[] = {{0x58, 8, "it has a security cookie, which this kernel does not set"},
+                  {0x90, 4, "it has guard flags, which this kernel does not honour"},
+                  {0xC0, 8, "it has dynamic relocations, which this kernel does not carry out"},
+                  {0xE0, 4, "it has dynamic relocations, which this kernel does not carry out"}};
+    const Range &Table = Directories_[LoadConfig];
+    if (!Table.Present()) {
+        return;
+    }
+    // As long as it says itself; what it does not have is zero.
+    const auto Bytes = AtRva<uint32_t>(Table.Rva);
+    if (!Bytes || !OffsetOf(Table.Rva, *Bytes)) {
+        Refuse("its load configuration is not in the image");
+        return;
+    }
+    for (const auto &Each : Wishes) {
+        const bool Has = Each.Offset + Each.Bytes <= *Bytes;
+        const auto Low = Has ? AtRva<uint32_t>(Table.Rva + uint64_t{Each.Offset}) : std::nullopt;
+        const auto High = Has ? AtRva<uint32_t>(Table.Rva + uint64_t{Each.Offset} + Each.Bytes - 4) : std::nullopt;
+        if (Low.value_or(0) != 0 || High.value_or(0) != 0) {
+            Refuse("{}", Each.Reason);
+        }
     }
 }
 

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <array>
+#include <compare>
 #include <cstdint>
 #include <span>
 #include <string>
@@ -38,6 +39,14 @@ struct ImageExport {
     uint32_t Rva;
 };
 
+// Which build debug information belongs to.
+struct PdbIdentity {
+    std::array<uint8_t, 16> Guid = {};
+    uint32_t Age = 0; // of one identifier, grows with each change that an image has to know
+
+    auto operator<=>(const PdbIdentity &) const = default;
+};
+
 struct ImageFormat {
     uint64_t PreferredBase = 0;
     uint32_t ImageSize = 0;
@@ -50,8 +59,8 @@ struct ImageFormat {
     std::vector<ImageExport> Exports;   // by name
     uint32_t UnwindRva = 0;             // table of function entries, sorted, checked
     uint32_t UnwindBytes = 0;
-    std::array<uint8_t, 16> PdbGuid = {}; // of the debug information the image was linked with
-    std::string PdbName;                  // empty: none
+    PdbIdentity Pdb;     // of the debug information the image was linked with
+    std::string PdbName; // empty: none
 };
 
 // Reads File into *Format and returns why it cannot be loaded, one line a reason, without a trailing period; empty when

@@ -6,6 +6,7 @@
 #include <fmt/format.h>
 
 #include "embedded/image.h"
+#include "provider/layout.h"
 
 #pragma GCC diagnostic ignored "-Winvalid-offsetof"
 
@@ -31,8 +32,9 @@ std::string NameIn(const DriverImage &Image, const char *Address) {
 
 } // namespace
 
-const std::vector<Layout> &KernelLayouts() {
-    static const std::vector<Layout> Layouts = {RVFSD_LAYOUT(LAYOUT_SIZE_ENTRY, LAYOUT_FIELD_ENTRY)};
+const std::vector<Layout> &SharedLayouts() {
+    static const std::vector<Layout> Layouts = {RVFSD_LAYOUT(LAYOUT_SIZE_ENTRY, LAYOUT_FIELD_ENTRY)
+                                                    RVFSD_PROVIDER_LAYOUT(LAYOUT_SIZE_ENTRY, LAYOUT_FIELD_ENTRY)};
     return Layouts;
 }
 

@@ -1,5 +1,5 @@
-// The sizes and offsets of the records that the kernel and a driver share, as this kernel was compiled with them, and
-// their comparison with the table that a test build of the image exports.
+// The sizes and offsets of the records that a driver shares with the kernel, the framework and the Provider, as this
+// kernel was compiled with them, and their comparison with the table that a test build of the image exports.
 #pragma once
 
 #include <string>
@@ -13,8 +13,8 @@ class DriverImage;
 
 using Layout = LAYOUT_ENTRY;
 
-// The kernel's records.
-const std::vector<Layout> &KernelLayouts();
+// Those of the kernel's records, of the framework's and the Provider's tables, and of the information records.
+const std::vector<Layout> &SharedLayouts();
 
 // A line for each size or offset that the table at Table, inside Image, has otherwise than Ours, lacks, or has in
 // excess, by its name. Empty when they agree.

@@ -178,10 +178,6 @@ template <typename R, typename... Args>
 Service Plain(const char *Name, R(NTAPI *Function)(Args...) noexcept) {
     return Make<Args...>(Name, AddressOf(Function), ResultKind::Word32);
 }
-template <typename R, typename... Args>
-Service Ending(const char *Name, R(NTAPI *Function)(Args...) noexcept) {
-    return Make<Args...>(Name, AddressOf(Function), ResultKind::NoReturn);
-}
 Service Raising(const char *Name, uint8_t Arguments) {
     return {Name, RaisingGate(Name), ResultKind::None, Arguments, true, {}};
 }
@@ -226,9 +222,9 @@ std::vector<Service> Table() {
         Of("KeWaitForSingleObject", KeWaitForSingleObject),
         Of("KeDelayExecutionThread", KeDelayExecutionThread),
         Of("KeQuerySystemTimePrecise", KeQuerySystemTimePrecise),
-        Ending("KeBugCheckEx", KeBugCheckEx),
+        Of("KeBugCheckEx", KeBugCheckEx),
         Of("PsCreateSystemThread", PsCreateSystemThread),
-        Ending("PsTerminateSystemThread", PsTerminateSystemThread),
+        Of("PsTerminateSystemThread", PsTerminateSystemThread),
         Of("ObReferenceObjectByHandle", ObReferenceObjectByHandle),
         Of("ObfDereferenceObject", ObfDereferenceObject),
         Of("MmQuerySystemSize", MmQuerySystemSize),

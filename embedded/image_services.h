@@ -8,7 +8,7 @@
 
 namespace embedded {
 
-enum class ResultKind : uint8_t { None, Byte, Word16, Word32, Status, Word64, NoReturn };
+enum class ResultKind : uint8_t { None, Byte, Word16, Word32, Status, Word64 };
 
 struct Service {
     const char *Name;

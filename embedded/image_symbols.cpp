@@ -9,6 +9,7 @@
 #include <spawn.h>
 #include <stdexcept>
 #include <sys/wait.h>
+#include <tuple>
 #include <unistd.h>
 #include <vector>
 
@@ -118,15 +119,17 @@ private:
     Bytes Directory_;
 };
 
-std::array<uint8_t, 16> GuidOf(const StreamFile &Streams) {
-    constexpr size_t GuidAt = 12;
-    std::array<uint8_t, 16> Guid;
+PdbIdentity IdentityOf(const StreamFile &Streams) {
+    constexpr size_t GuidAt = 12, AgeAt = 8;
+    PdbIdentity Identity;
     const Bytes Information = Streams.Stream(1);
-    if (Information.size() < GuidAt + Guid.size()) {
+    if (Information.size() < GuidAt + Identity.Guid.size()) {
         throw std::runtime_error("damaged: it has no identifier");
     }
-    memcpy(Guid.data(), Information.data() + GuidAt, Guid.size());
-    return Guid;
+    memcpy(Identity.Guid.data(), Information.data() + GuidAt, Identity.Guid.size());
+    // Not the age beside the identifier: that also grows with changes that leave the image as it is.
+    Identity.Age = StreamFile::Word(Streams.Stream(3), AgeAt);
+    return Identity;
 }
 
 // What a program prints; empty when it cannot be run.
@@ -194,7 +197,7 @@ std::string Printable(std::string Text) {
 struct Cache {
     std::mutex Lock;
     std::map<std::filesystem::path, std::shared_ptr<const PdbSymbols>> Symbols;
-    std::map<std::pair<std::string, uint64_t>, std::string> Lines;
+    std::map<std::tuple<std::string, PdbIdentity, uint64_t>, std::string> Lines;
 };
 
 Cache &Known() {
@@ -208,7 +211,7 @@ std::shared_ptr<const PdbSymbols> SymbolsOf(const DriverImage &Image) {
     }
     const std::lock_guard Hold(Known().Lock);
     auto &Found = Known().Symbols[Image.Pdb()];
-    if (Found == nullptr || Found->Guid() != Image.Format().PdbGuid) {
+    if (Found == nullptr || Found->Identity() != Image.Format().Pdb) {
         try {
             Found = std::make_shared<const PdbSymbols>(Image.Pdb());
         } catch (const std::runtime_error &) {
@@ -217,7 +220,16 @@ std::shared_ptr<const PdbSymbols> SymbolsOf(const DriverImage &Image) {
         }
     }
     // Built anew since: what it says is not about this image.
-    return Found->Guid() == Image.Format().PdbGuid ? Found : nullptr;
+    return Found->Identity() == Image.Format().Pdb ? Found : nullptr;
+}
+
+// The file beside the image is still the one of its build: the symbolizer reads it anew, and does not compare.
+bool IsPdbStillItsOwn(const DriverImage &Image) {
+    try {
+        return ReadPdbIdentity(Image.Pdb()) == Image.Format().Pdb;
+    } catch (const std::runtime_error &) {
+        return false;
+    }
 }
 
 std::optional<uint32_t> RvaOf(const DriverImage &Image, const PdbSymbols::Place &Place) {
@@ -270,8 +282,8 @@ std::string NearestSymbol(const DriverImage &Image, uint32_t Rva) {
 
 } // namespace
 
-std::array<uint8_t, 16> ReadPdbGuid(const std::filesystem::path &File) {
-    return GuidOf(StreamFile(ReadFile(File)));
+PdbIdentity ReadPdbIdentity(const std::filesystem::path &File) {
+    return IdentityOf(StreamFile(ReadFile(File)));
 }
 
 PdbSymbols::PdbSymbols(const std::filesystem::path &File) : PdbSymbols(ReadFile(File)) {
@@ -280,7 +292,7 @@ PdbSymbols::PdbSymbols(const std::filesystem::path &File) : PdbSymbols(ReadFile(
 PdbSymbols::PdbSymbols(std::vector<uint8_t> Bytes) {
     constexpr size_t PublicSymbol = 0x110E;
     const StreamFile Streams(std::move(Bytes));
-    Guid_ = GuidOf(Streams);
+    Identity_ = IdentityOf(Streams);
     const uint32_t Records = StreamFile::Word(Streams.Stream(3), 20) & 0xFFFF;
     const auto Symbols = Streams.Stream(Records);
     for (size_t At = 0; At + 4 <= Symbols.size();) {
@@ -305,12 +317,13 @@ std::string DescribeImageAddress(const DriverImage &Image, const void *Address) 
     if (!Image.Pdb().empty()) {
         // Where a call returns to may belong to the next line, or to the next function.
         const uint32_t Place = IsInsideFunction(Image, Rva) ? Rva - 1 : Rva;
-        const std::pair Key(Image.File().string(), Image.Format().PreferredBase + Place);
+        const std::string File = Image.File().string();
+        const uint64_t Asked = Image.Format().PreferredBase + Place;
         const std::lock_guard Hold(Known().Lock);
-        auto [Found, New] = Known().Lines.try_emplace(Key);
-        if (New) {
-            Found->second = LinesOf(
-                OutputOf({"llvm-symbolizer", "--obj=" + Key.first, "--inlines", fmt::format("0x{:x}", Key.second)}));
+        auto [Found, New] = Known().Lines.try_emplace({File, Image.Format().Pdb, Asked});
+        if (New && IsPdbStillItsOwn(Image)) {
+            Found->second =
+                LinesOf(OutputOf({"llvm-symbolizer", "--obj=" + File, "--inlines", fmt::format("0x{:x}", Asked)}));
         }
         if (!Found->second.empty()) {
             return Module + Printable(Found->second);

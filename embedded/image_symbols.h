@@ -5,7 +5,6 @@
 // kernel is held by the caller except to report a fault.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <filesystem>
 #include <map>
@@ -14,12 +13,14 @@
 #include <string_view>
 #include <vector>
 
+#include "embedded/image_format.h"
+
 namespace embedded {
 
 class DriverImage;
 
-// The identifier of the PDB in File. Throws std::runtime_error with the reason when it is none.
-std::array<uint8_t, 16> ReadPdbGuid(const std::filesystem::path &File);
+// Which build the PDB in File belongs to. Throws std::runtime_error with the reason when it is none.
+PdbIdentity ReadPdbIdentity(const std::filesystem::path &File);
 
 // The public symbols of a PDB: segment (from 1) and offset by name.
 class PdbSymbols {
@@ -30,8 +31,8 @@ public:
     // The same for the bytes of a file.
     explicit PdbSymbols(std::vector<uint8_t> Bytes);
 
-    const std::array<uint8_t, 16> &Guid() const {
-        return Guid_;
+    const PdbIdentity &Identity() const {
+        return Identity_;
     }
     struct Place {
         uint16_t Segment;
@@ -42,7 +43,7 @@ public:
     }
 
 private:
-    std::array<uint8_t, 16> Guid_ = {};
+    PdbIdentity Identity_;
     std::map<std::string, Place, std::less<>> Publics_;
 };
 

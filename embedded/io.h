@@ -63,6 +63,10 @@ void ReferenceFileObject(PFILE_OBJECT FileObject) noexcept;
 void DereferenceFileObject(PFILE_OBJECT FileObject) noexcept;
 // The file object behind a handle, with a reference for the caller; null when the handle is not a file's.
 PFILE_OBJECT FileObjectFromHandle(HANDLE Handle) noexcept;
+// NtClose for callers that must know what became of it, which the platform tells nobody: the failure of the close
+// request, or else of the cleanup request, that closing Handle made this thread send. Requests that come later, since
+// somebody else still refers to the file, are not told.
+NTSTATUS CloseHandleTelling(HANDLE Handle) noexcept;
 // The device behind a name such as "\Device\RvFsd" with a reference for the caller; null when there is none.
 PDEVICE_OBJECT DeviceFromName(std::u16string_view Name) noexcept;
 void DereferenceDevice(PDEVICE_OBJECT Device) noexcept;

@@ -1,5 +1,7 @@
 #include <cstring>
+#include <mutex>
 #include <new>
+#include <set>
 
 #include <fmt/format.h>
 
@@ -7,13 +9,45 @@
 #include "embedded/io_objects.h"
 #include "embedded/ps.h"
 #include "embedded/verifier.h"
+#include "embedded/zw.h"
 
 namespace embedded {
 namespace {
 
 std::atomic<size_t> FileObjects{0};
 
-// Cleanup and close are the I/O manager's own requests: kernel mode, synchronous, and nobody hears their status.
+// Those made while the verifier was on.
+struct FileList {
+    std::mutex Mutex;
+    std::set<const FileObject *> Files;
+};
+
+FileList &Verified() {
+    static FileList &Instance = *new FileList;
+    return Instance;
+}
+
+__attribute__((noinline)) void EnterList(FileObject &File) {
+    std::lock_guard Guard(Verified().Mutex);
+    Verified().Files.insert(&File);
+    File.Listed = true;
+}
+
+__attribute__((noinline)) void LeaveList(const FileObject &File) {
+    std::lock_guard Guard(Verified().Mutex);
+    Verified().Files.erase(&File);
+}
+
+// A caller that wants to hear what its file's last requests were completed with.
+struct CloseWitness {
+    const FileObject *File = nullptr;
+    NTSTATUS Cleanup = STATUS_SUCCESS;
+    NTSTATUS Close = STATUS_SUCCESS;
+};
+thread_local CloseWitness *Witness = nullptr;
+
+// Cleanup and close are the I/O manager's own requests: kernel mode, synchronous, and their status is nobody's but a
+// witness's.
 void SendOwed(FileObject &File, UCHAR MajorFunction) {
     DeviceObject &Device = *File.Device.Get();
     const IrpHolder Block(AllocateIrp(Device));
@@ -24,7 +58,10 @@ void SendOwed(FileObject &File, UCHAR MajorFunction) {
     IO_STACK_LOCATION &Stack = *Irp.Tail.Overlay.CurrentStackLocation;
     Stack.MajorFunction = MajorFunction;
     Stack.FileObject = &File.Nt;
-    static_cast<void>(CallDriverAndWait(Device, *Block));
+    const NTSTATUS Status = CallDriverAndWait(Device, *Block);
+    if (Witness != nullptr && Witness->File == &File) {
+        (MajorFunction == IRP_MJ_CLEANUP ? Witness->Cleanup : Witness->Close) = Status;
+    }
 }
 
 } // namespace
@@ -56,6 +93,9 @@ FileObject *FileObject::Create(Ref<DeviceObject> Device, std::u16string_view Nam
     KeInitializeEvent(&Nt.Event, NotificationEvent, FALSE);
     InitializeListHead(&Nt.IrpList);
     FileObjects.fetch_add(1, std::memory_order_relaxed);
+    if (Verifying()) {
+        EnterList(*File);
+    }
     return File;
 }
 
@@ -99,12 +139,27 @@ void FileObject::OnLastReference() noexcept {
         FreePool(PoolKind::Pool, Nt.FileName.Buffer, 0);
     }
     Device->EndOpen();
+    if (Listed) {
+        LeaveList(*this);
+    }
     FileObjects.fetch_sub(1, std::memory_order_relaxed);
     delete this;
 }
 
 size_t LiveFileObjects() noexcept {
     return FileObjects.load(std::memory_order_relaxed);
+}
+
+std::vector<std::string> FilePointersInto(const void *Low, const void *High) {
+    std::vector<std::string> Lines;
+    std::lock_guard Guard(Verified().Mutex);
+    for (const FileObject *File : Verified().Files) {
+        for (const void *Word : PointersWithin(&File->Nt, sizeof(File->Nt), Low, High)) {
+            Lines.push_back(fmt::format("file object {} points to {}", static_cast<const void *>(&File->Nt),
+                                        DescribeAddress(Word)));
+        }
+    }
+    return Lines;
 }
 
 PFILE_OBJECT CreateFileObject(PDEVICE_OBJECT Device, std::u16string_view Name, ULONG Flags, bool SendsClose) {
@@ -132,6 +187,23 @@ PFILE_OBJECT FileObjectFromHandle(HANDLE Handle) noexcept {
         return nullptr;
     }
     return &static_cast<FileObject *>(Target.Release())->Nt;
+}
+
+NTSTATUS CloseHandleTelling(HANDLE Handle) noexcept {
+    CloseWitness Told;
+    {
+        ObjectRef Target;
+        if (NT_SUCCESS(ReferenceHandle(Handle, ObjectType::File, 0, UserMode, &Target))) {
+            Told.File = static_cast<FileObject *>(Target.Get());
+        }
+    }
+    CloseWitness *const Outer = std::exchange(Witness, &Told);
+    const NTSTATUS Status = NtClose(Handle);
+    Witness = Outer;
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
+    return NT_SUCCESS(Told.Close) ? Told.Cleanup : Told.Close;
 }
 
 // ---- Raw requests --------------------------------------------------------------------------------------------

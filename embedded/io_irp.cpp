@@ -17,6 +17,7 @@
 
 #include "embedded/ex.h"
 #include "embedded/faults.h"
+#include "embedded/image_calls.h"
 #include "embedded/io_objects.h"
 #include "embedded/ps.h"
 #include "embedded/verifier.h"
@@ -469,6 +470,25 @@ std::string DescribeIrps() {
     return Text;
 }
 
+std::vector<std::string> IrpPointersInto(const void *Low, const void *High) {
+    std::vector<std::string> Lines;
+    for (const IrpBlock *Block = AllBlocks.load(std::memory_order_acquire); Block != nullptr;
+         Block = Block->NextOfAll) {
+        const uint32_t State = Block->State.load(std::memory_order_acquire);
+        // What stands in a completed one is nobody's any more.
+        if (!(State & IrpBlock::InUse) || (State & IrpBlock::Completed)) {
+            continue;
+        }
+        const size_t Bytes = sizeof(IRP) + static_cast<size_t>(Block->Irp.StackCount) * sizeof(IO_STACK_LOCATION);
+        static_assert(offsetof(IrpBlock, Stack) == offsetof(IrpBlock, Irp) + sizeof(IRP));
+        for (const void *Word : PointersWithin(&Block->Irp, Bytes, Low, High)) {
+            Lines.push_back(
+                fmt::format("IRP {} points to {}", static_cast<const void *>(&Block->Irp), DescribeAddress(Word)));
+        }
+    }
+    return Lines;
+}
+
 size_t IrpsInUse() noexcept {
     size_t Count = 0;
     for (const IrpBlock *Block = AllBlocks.load(std::memory_order_acquire); Block != nullptr;
@@ -485,6 +505,9 @@ using namespace embedded;
 VOID NTAPI IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) noexcept {
     IrpBlock &Block = *IrpBlock::Of(Irp);
     PVOID Caller = __builtin_return_address(0);
+    if (Verifying()) {
+        Caller = CallerOf(Caller);
+    }
     if (Block.Signature != IrpBlock::SignatureValue) [[unlikely]] {
         ReportNoIrp(Block, 0, Caller);
     }

@@ -10,6 +10,8 @@
 #include <atomic>
 #include <cstddef>
 #include <memory>
+#include <string>
+#include <vector>
 
 #include "embedded/io.h"
 #include "embedded/ke.h"
@@ -60,6 +62,7 @@ public:
 
     const Ref<DeviceObject> Device;
     bool Opened = false; // the driver accepted it: cleanup and close are owed
+    bool Listed = false; // among those that FilePointersInto looks at
     FILE_OBJECT Nt{};
 
 private:
@@ -162,6 +165,11 @@ std::string DescribeIrps();
 size_t IrpsInUse() noexcept;
 size_t LiveDevices() noexcept;
 size_t LiveFileObjects() noexcept;
+
+// A line for each aligned word that points between Low and High of the requests in use, with their stack locations, and
+// of the file objects that were made while Verifying(). Called when no driver code runs.
+std::vector<std::string> IrpPointersInto(const void *Low, const void *High);
+std::vector<std::string> FilePointersInto(const void *Low, const void *High);
 
 // Adds the I/O manager's leak checks to the verifier's.
 void InitializeIo();

@@ -1,13 +1,17 @@
 #include "embedded/ke.h"
 
 #include <algorithm>
+#include <csignal>
 #include <list>
 #include <pthread.h>
 #include <sched.h>
+#include <sys/mman.h>
+#include <utility>
 
 #include <fmt/format.h>
 
 #include "embedded/ex.h"
+#include "embedded/image_calls.h"
 #include "embedded/locks.h"
 #include "embedded/mm.h"
 #include "embedded/ps.h"
@@ -131,6 +135,37 @@ __attribute__((noinline)) void NTAPI VerifySpinRelease(KThread &Thread, PKSPIN_L
              static_cast<ULONG_PTR>(Thread.CriticalRegions), 0, "KeLeaveCriticalRegion of a region never entered");
 }
 
+// Room for a report in source lines; pages that it does not touch cost nothing.
+constexpr size_t SignalStackBytes = 256 * 1024;
+
+void GiveSignalStack(KThread &Thread) {
+    stack_t Stack;
+    if (sigaltstack(nullptr, &Stack) != 0 || !(Stack.ss_flags & SS_DISABLE)) {
+        return;
+    }
+    void *Room = mmap(nullptr, SignalStackBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (Room == MAP_FAILED) {
+        return;
+    }
+    Stack = {};
+    Stack.ss_sp = Room;
+    Stack.ss_size = SignalStackBytes;
+    if (sigaltstack(&Stack, nullptr) == 0) {
+        Thread.SignalStack = Room;
+    } else {
+        munmap(Room, SignalStackBytes);
+    }
+}
+
+void TakeSignalStack(KThread &Thread) {
+    if (Thread.SignalStack != nullptr) {
+        stack_t Stack = {};
+        Stack.ss_flags = SS_DISABLE;
+        sigaltstack(&Stack, nullptr);
+        munmap(std::exchange(Thread.SignalStack, nullptr), SignalStackBytes);
+    }
+}
+
 } // namespace
 
 void EnterThread(KThread &Thread) {
@@ -143,6 +178,7 @@ void EnterThread(KThread &Thread) {
         Thread.StackLow = AddressOf(Low);
         Thread.StackHigh = Thread.StackLow + Size;
     }
+    GiveSignalStack(Thread);
     CurrentThreadRecord = &Thread;
     std::lock_guard Guard(Threads().Mutex);
     Threads().Threads.push_back(&Thread);
@@ -150,6 +186,7 @@ void EnterThread(KThread &Thread) {
 
 void LeaveThread(KThread &Thread) {
     FreeSpareMdl(Thread);
+    TakeSignalStack(Thread);
     ThreadList &List = Threads();
     std::lock_guard Guard(List.Mutex);
     List.GonePoolBytes += Thread.PoolBytes.load(std::memory_order_relaxed);
@@ -257,7 +294,7 @@ KIRQL NTAPI KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock) noexcept {
     const bool Verify = Verifying();
     const KIRQL Old = Thread.Irql;
     if (Verify) {
-        VerifySpinAcquire(Thread, SpinLock, __builtin_return_address(0));
+        VerifySpinAcquire(Thread, SpinLock, CallerOf(__builtin_return_address(0)));
     }
     Thread.Irql = DispatchLevel;
     KSPIN_LOCK Free = 0;
@@ -266,7 +303,7 @@ KIRQL NTAPI KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock) noexcept {
         SpinForLock(Thread, SpinLock);
     }
     if (Verify) {
-        PushHeld(Thread, SpinLock, LockKind::SpinLock, __builtin_return_address(0));
+        PushHeld(Thread, SpinLock, LockKind::SpinLock, CallerOf(__builtin_return_address(0)));
     }
     return Old;
 }

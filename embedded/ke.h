@@ -70,6 +70,8 @@ struct _KTHREAD {
     std::condition_variable ParkWake;
     bool ParkToken;
     bool Parked;
+
+    PVOID SignalStack; // for the report of a stack that is used up; null when the host's thread has one of its own
 };
 
 namespace embedded {

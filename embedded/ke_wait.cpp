@@ -6,6 +6,7 @@
 
 #include <fmt/format.h>
 
+#include "embedded/image_calls.h"
 #include "embedded/ke.h"
 #include "embedded/ps.h"
 #include "embedded/verifier.h"
@@ -219,6 +220,9 @@ SettleWith::~SettleWith() {
 
 void ParkThread(LONGLONG Due) {
     KThread &Thread = CurrentThread();
+    if (CallLinesWanted.load(std::memory_order_relaxed)) {
+        WriteWaitingCall();
+    }
     if (Due == Clock::Never) {
         WaitForToken(Thread, nullptr);
         return;

@@ -1,8 +1,8 @@
 #include "embedded/mm.h"
 
-#include "embedded/image_unwind.h"
-
+#include <algorithm>
 #include <csignal>
+#include <iterator>
 #include <ucontext.h>
 #include <utility>
 
@@ -10,6 +10,7 @@
 
 #include "embedded/ex.h"
 #include "embedded/faults.h"
+#include "embedded/image_faults.h"
 #include "embedded/ps.h"
 #include "embedded/verifier.h"
 
@@ -63,18 +64,20 @@ constexpr ULONG_PTR UserStart = 0x10000;
 constexpr ULONG_PTR UserEnd = 0x00007FFFFFFFF000;
 constexpr ULONG MdlTag = 0x206C644D; // "Mdl "
 
-struct sigaction OldSegv;
-struct sigaction OldBus;
+// Those of a probe's instructions, and those that a driver's image can cause besides.
+constexpr int Signals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP};
+struct sigaction Old[std::size(Signals)];
 
-void PassOn(const struct sigaction &Old, int Signal, siginfo_t *Info, void *Context) {
-    if (Old.sa_flags & SA_SIGINFO) {
-        Old.sa_sigaction(Signal, Info, Context);
-    } else if (Old.sa_handler != SIG_DFL && Old.sa_handler != SIG_IGN) {
-        Old.sa_handler(Signal);
+void PassOn(const struct sigaction &To, int Signal, siginfo_t *Info, void *Context) {
+    if (To.sa_flags & SA_SIGINFO) {
+        To.sa_sigaction(Signal, Info, Context);
+    } else if (To.sa_handler != SIG_DFL && To.sa_handler != SIG_IGN) {
+        To.sa_handler(Signal);
     } else {
-        // The instruction faults again, now with the default action; a signal that was sent has to be sent again.
+        // The instruction faults again, now with the default action; a signal that was sent has to be sent again, and
+        // one that comes behind its instruction.
         signal(Signal, SIG_DFL);
-        if (Info->si_code <= 0) {
+        if (Info->si_code <= 0 || Signal == SIGTRAP) {
             raise(Signal);
         }
     }
@@ -87,8 +90,11 @@ void OnFault(int Signal, siginfo_t *Info, void *Context) {
         Rip = reinterpret_cast<greg_t>(EmbeddedProbeFault);
         return;
     }
-    ReportFaultInImage(Info->si_addr, Context);
-    PassOn(Signal == SIGSEGV ? OldSegv : OldBus, Signal, Info, Context);
+    if (Info->si_code > 0) {
+        ReportFaultInImage(Signal, Info->si_addr, Context);
+    }
+    const auto *Which = std::find(std::begin(Signals), std::end(Signals), Signal);
+    PassOn(Old[Which - Signals], Signal, Info, Context);
 }
 
 void InstallHandler() {
@@ -96,8 +102,9 @@ void InstallHandler() {
     New.sa_sigaction = OnFault;
     New.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
     sigemptyset(&New.sa_mask);
-    sigaction(SIGSEGV, &New, &OldSegv);
-    sigaction(SIGBUS, &New, &OldBus);
+    for (size_t Index = 0; Index < std::size(Signals); ++Index) {
+        sigaction(Signals[Index], &New, &Old[Index]);
+    }
 }
 
 ULONG_PTR AddressOf(const void *Pointer) {

@@ -12,6 +12,7 @@
 
 #include "embedded/ex.h"
 #include "embedded/faults.h"
+#include "embedded/image_calls.h"
 #include "embedded/verifier.h"
 
 namespace embedded {
@@ -282,6 +283,7 @@ NTSTATUS NTAPI PsTerminateSystemThread(NTSTATUS) noexcept {
     if (CurrentSystemThread == nullptr) {
         return STATUS_INVALID_PARAMETER;
     }
+    WriteOpenCalls();
     longjmp(CurrentSystemThread->Exit, 1);
 }
 

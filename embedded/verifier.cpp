@@ -56,6 +56,8 @@ struct CallCodes {
     ULONG_PTR RegionParameter;
 };
 
+thread_local ULONG_PTR ReportedFrame = 0;
+
 // By DriverCall.
 constexpr CallCodes ChangedCodes[] = {
     {"dispatch routine", bugcheck::IoVerifier, 0x05, bugcheck::ApcIndexMismatch, 0},
@@ -65,6 +67,10 @@ constexpr CallCodes ChangedCodes[] = {
 };
 
 } // namespace
+
+void ReportStackFrom(ULONG_PTR Frame) {
+    ReportedFrame = Frame;
+}
 
 void BugCheck(ULONG Code, ULONG_PTR P1, ULONG_PTR P2, ULONG_PTR P3, ULONG_PTR P4, std::string_view What) {
     static std::atomic_flag Stopping;
@@ -83,6 +89,7 @@ void BugCheck(ULONG Code, ULONG_PTR P1, ULONG_PTR P2, ULONG_PTR P3, ULONG_PTR P4
     if (AnyImage()) {
         // The host's unwinder ends at the first frame of an image.
         const size_t Count = CaptureStack(Frames, std::size(Frames));
+        WriteOpenCalls();
         for (size_t Index = 0; Index < Count; ++Index) {
             WriteToStderr(fmt::format("  {}\n", DescribeAddress(Frames[Index])));
         }
@@ -218,7 +225,7 @@ ULONG_PTR WalkImage(const DriverImage &Image, PVOID Return, ULONG_PTR Frame, PVO
 __attribute__((noinline, no_sanitize("address"), no_sanitize("thread"))) size_t CaptureStack(PVOID *Frames,
                                                                                              size_t Count) {
     const KThread &Thread = CurrentThread();
-    auto Frame = reinterpret_cast<ULONG_PTR>(__builtin_frame_address(0));
+    auto Frame = ReportedFrame != 0 ? ReportedFrame : reinterpret_cast<ULONG_PTR>(__builtin_frame_address(0));
     size_t Found = 0;
     size_t TracedCalls = 0;
     while (Found < Count && Frame >= Thread.StackLow && Frame + 16 <= Thread.StackHigh && Frame % 8 == 0) {
@@ -240,6 +247,18 @@ __attribute__((noinline, no_sanitize("address"), no_sanitize("thread"))) size_t 
             break;
         }
         Frame = Next;
+    }
+    return Found;
+}
+
+__attribute__((no_sanitize("address", "thread"))) std::vector<const void *>
+PointersWithin(const void *Start, size_t Bytes, const void *Low, const void *High) {
+    std::vector<const void *> Found;
+    const auto *Words = static_cast<const void *const *>(Start);
+    for (size_t Index = 0; Index < Bytes / sizeof(*Words); ++Index) {
+        if (const void *Word = Words[Index]; Word >= Low && Word < High) {
+            Found.push_back(Word);
+        }
     }
     return Found;
 }

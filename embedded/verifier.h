@@ -72,6 +72,10 @@ inline constexpr ULONG_PTR OwnRule = 0x000F0000;   // rules of this kernel that 
 // Prints "*** STOP 0x000000C4 (0x...,0x...,0x...,0x...): What" and the calling stack to stderr and aborts.
 [[noreturn]] void BugCheck(ULONG Code, ULONG_PTR P1, ULONG_PTR P2, ULONG_PTR P3, ULONG_PTR P4, std::string_view What);
 
+// What this thread reports next happened in the frame at Frame, not in the caller's: a handler of signals has a stack
+// of its own. 0 for an unknown frame.
+void ReportStackFrom(ULONG_PTR Frame);
+
 enum class VerifierLevel { Off, On };
 
 inline std::atomic<VerifierLevel> CurrentVerifierLevel{VerifierLevel::On};
@@ -251,6 +255,9 @@ void VerifyNothingLeft();
 // Up to Count return addresses of the calling thread, innermost first, by its frame pointers; frames compiled
 // without them end the walk. Returns how many. Costs nanoseconds and never faults.
 size_t CaptureStack(PVOID *Frames, size_t Count);
+
+// The aligned words of the Bytes bytes at Start that point between Low and High. The bytes may be poisoned.
+std::vector<const void *> PointersWithin(const void *Start, size_t Bytes, const void *Low, const void *High);
 
 // Address as "module+0xoffset" or "symbol+0xoffset".
 std::string DescribeAddress(const void *Address);

@@ -53,6 +53,18 @@ void CheckFormat(const ImageFormat &Format, size_t FileBytes) {
             "the unwind table lies in a section");
 }
 
+void CheckScopes(const DriverImage &Image, uint64_t Rip, const ImageFrame &At) {
+    std::vector<ImageScope> Scopes;
+    if (ReadImageScopes(Image, Rip, At, &Scopes) != nullptr) {
+        return;
+    }
+    for (const ImageScope &Each : Scopes) {
+        Require(Image.IsCode(Each.Target != 0 ? Each.Target : Each.Handler), "a scope leads to code");
+        Require(Each.Handler == 1 || Image.IsCode(Each.Handler), "a filter is code");
+        Require(&Each == &Scopes[0] || Each.Number > (&Each)[-1].Number, "scopes come in the table's order");
+    }
+}
+
 // From Rip up a stack whose words lead into the image, and to the stack itself.
 void Walk(const DriverImage &Image, uint64_t Rip) {
     alignas(16) uint64_t Stack[128];
@@ -65,10 +77,12 @@ void Walk(const DriverImage &Image, uint64_t Rip) {
     std::fill(std::begin(Context.Registers), std::end(Context.Registers), Low + 256);
     Context.Registers[StackPointer] = Low;
     for (size_t Frames = 0; Image.Contains(reinterpret_cast<void *>(Context.Rip)); ++Frames) {
-        const uint64_t Before = Context.Registers[StackPointer];
-        if (!UnwindImageFrame(Image, &Context, Low, High)) {
+        const uint64_t Before = Context.Registers[StackPointer], Place = Context.Rip;
+        ImageFrame Left;
+        if (!UnwindImageFrame(Image, &Context, Low, High, &Left)) {
             return;
         }
+        CheckScopes(Image, Place, Left);
         const uint64_t Now = Context.Registers[StackPointer];
         Require(Now > Before && Now <= High, "a walk goes up its stack");
         Require(Frames < std::size(Stack), "a walk has an end");

@@ -62,6 +62,18 @@ TEST(ImageOption, CallsAreRecordedOfAnImageOnly) {
     const Ran Nowhere = RunProgram({"--calls", "/nowhere/calls", "cat", File});
     EXPECT_EQ(Nowhere.Code, 2);
     EXPECT_THAT(Nowhere.Error, HasSubstr("--calls /nowhere/calls: "));
+
+    // Neither the image nor what names its lines is written over.
+    for (const char *Extension : {".sys", ".pdb"}) {
+        const auto Original = std::filesystem::path(ImageUnderTest()).replace_extension(Extension);
+        std::filesystem::copy_file(Original, Scratch.File(Original.filename().string()));
+    }
+    const std::string Copy = Scratch.File("RVFSD.sys"), Pdb = Scratch.File("RVFSD.pdb");
+    for (const std::string &Own : {Copy, Pdb}) {
+        const uintmax_t Size = std::filesystem::file_size(Own);
+        EXPECT_EQ(RunProgram({"--image", Copy, "--calls", Own, "cat", File}).Code, 2) << Own;
+        EXPECT_EQ(std::filesystem::file_size(Own), Size);
+    }
 }
 
 } // namespace

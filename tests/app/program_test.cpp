@@ -171,6 +171,7 @@ TEST(Program, BadUsageIsSaidAndEndsWithTwo) {
 
 TEST(Program, OpenTellsStatusAndInformationOfEveryDisposition) {
     const test::ScratchDirectory Served;
+    std::filesystem::create_directories(Served.Path() / "full" / "inside");
     const auto Open = [&Served](std::vector<std::string> Options) {
         std::vector<std::string> Words = {"--export", "\\\\srv\\vol=" + Served.Path().string(), "open"};
         Words.insert(Words.end(), Options.begin(), Options.end());
@@ -200,6 +201,9 @@ TEST(Program, OpenTellsStatusAndInformationOfEveryDisposition) {
          "STATUS_INVALID_PARAMETER (0xC000000D): ..."},
         {Open({File, "--access", "delete,synchronize", "--options", "delete_on_close,synchronous_io_nonalert"}), 0,
          Good + "FILE_OPENED\n", ""},
+        // What the close says of the deletion counts too.
+        {Open({R"(\\srv\vol\full)", "--access", "delete", "--options", "delete_on_close,directory_file"}), 1,
+         Good + "FILE_OPENED\n", "STATUS_DIRECTORY_NOT_EMPTY (0xC0000101): \\\\srv\\vol\\full\n"},
     };
     for (const Case &Each : Cases) {
         Check(Each);

@@ -89,6 +89,9 @@ File Damaged(File Bytes, const Patches &Changes, bool Image = true) {
 constexpr uint32_t Characteristics = Pe + 22, ImageSize = Optional + 56, HeaderSize = Optional + 60;
 constexpr uint32_t VirtualSize = 8, VirtualAddress = 12, RawSize = 16, RawOffset = 20, Flags = 36;
 
+constexpr uint32_t LoadConfigRva = Variables + 0x40, LoadConfig = 0xC00 + 0x40; // nothing else lies there
+constexpr Patch LoadConfigAt = {Directory(10), LoadConfigRva | uint64_t{0x108} << 32, 8};
+
 const Damage Damages[] = {
     {"not a Windows image: it does not begin with MZ", {{0, 'Z', 1}}},
     {"not a Windows image: there is no PE header where the file says", {{0x3C, 0xFFFFFFFC}}},
@@ -119,6 +122,17 @@ const Damage Damages[] = {
     {"it has thread-local storage, which a driver cannot have", {{Directory(9), Constants}}},
     {"it has delayed imports, which a kernel does not resolve", {{Directory(13), Constants}, {Directory(13) + 4, 32}}},
     {"it holds managed code", {{Directory(14), Constants}, {Directory(14) + 4, 72}}},
+    {"its load configuration is not in the image", {{Directory(10), End - 2}, {Directory(10) + 4, 320}}},
+    {"its load configuration is not in the image", {{LoadConfig, 0x1000}, LoadConfigAt}},
+    {"it has a security cookie, which this kernel does not set",
+     {{LoadConfig, 0x108}, LoadConfigAt, {LoadConfig + 0x5C, 1}}},
+    {"it has guard flags, which this kernel does not honour",
+     {{LoadConfig, 0x94}, LoadConfigAt, {LoadConfig + 0x90, 0x100}}},
+    {"it has dynamic relocations, which this kernel does not carry out",
+     {{LoadConfig, 0x108}, LoadConfigAt, {LoadConfig + 0xC0, 1}}},
+    {"it has dynamic relocations, which this kernel does not carry out",
+     {{LoadConfig, 0x108}, LoadConfigAt, {LoadConfig + 0xE0, 1}}},
+    {"", {{LoadConfig, 0x90}, LoadConfigAt, {LoadConfig + 0x90, 0x100}}}, // behind its end
 
     {"it has 0 sections; 1 to 96 can be", {{Pe + 6, 0, 2}}},
     {"its headers are 1024 bytes long, which cannot be", {{Pe + 6, 0xFFFF, 2}}},
@@ -242,6 +256,21 @@ TEST(ImageFormat, TheChecksumMustBeRight) {
     EXPECT_THAT(Reasons(Bytes), testing::StartsWith("its checksum is "));
 }
 
+TEST(ImageFormat, ASignedFileIsTheSameImage) {
+    File Bytes = BuildSmallImage();
+    const uint32_t Unsigned = static_cast<uint32_t>(Bytes.size());
+    // A signature lies behind everything else, aligned to eight bytes, where the directory says: no Rva, an offset.
+    constexpr uint32_t Certificate = 0x108;
+    ASSERT_EQ(Unsigned % 8, 0u);
+    Bytes.resize(Unsigned + Certificate, 0xA5);
+    Bytes = Damaged(Bytes, std::vector<Patch>{{Directory(4), Unsigned},
+                                              {Directory(4) + 4, Certificate},
+                                              {Unsigned, Certificate},
+                                              {Unsigned + 4, 0x00020200}});
+    EXPECT_EQ(Reasons(Bytes), "");
+    EXPECT_NE(Load(Bytes)->Export("Pointer"), nullptr);
+}
+
 TEST(ImageFormat, CutShortAnywhereItIsRefused) {
     const File Whole = BuildSmallImage();
     const auto CutTo = [&Whole](size_t Length) {
@@ -292,7 +321,8 @@ TEST(ImageFormat, TheGoodImageIsReadWhole) {
                 testing::ElementsAre("ntoskrnl.exe ExRaiseStatus 2000", "ntoskrnl.exe KeGetCurrentIrql 2008",
                                      "ntoskrnl.exe __C_specific_handler 2010", "zelm.sys ZelmCreateInstance 2080"));
     EXPECT_EQ(Format.PdbName, "C:\\x\\small.pdb");
-    EXPECT_EQ(Format.PdbGuid[15], 16);
+    EXPECT_EQ(Format.Pdb.Guid[15], 16);
+    EXPECT_EQ(Format.Pdb.Age, 1u);
     EXPECT_EQ(Format.UnwindBytes, 36u);
 }
 
@@ -394,6 +424,13 @@ TEST_F(ImageFiles, DebugInformationBesideItMustBeItsOwn) {
     const std::string Beside = (Folder / "small.pdb").string();
     Write("small.pdb", Pdb);
     EXPECT_EQ(RefusalOf(Image), Beside + ": the debug information of another build than small.sys");
+    Pdb[3 * 512 + 12] ^= 1;
+    Pdb[3 * 512 + 8] = 7; // a change that the image does not have to know of
+    Write("small.pdb", Pdb);
+    EXPECT_EQ(RefusalOf(Image), "loaded");
+    Pdb[4 * 512 + 8] = 2; // one that it does
+    Write("small.pdb", Pdb);
+    EXPECT_EQ(RefusalOf(Image), Beside + ": the debug information of another build than small.sys");
     Write("small.pdb", {});
     EXPECT_EQ(RefusalOf(Image), Beside + ": not a PDB");
     Pdb.resize(2 * 512 + 8);
@@ -441,7 +478,7 @@ TEST(DebugInformation, WhatIsDamagedIsRefusedWithItsReason) {
             EXPECT_STREQ(Refused.what(), Each.Reason);
         }
     }
-    EXPECT_THROW(ReadPdbGuid("/no/such/file"), std::runtime_error);
+    EXPECT_THROW(ReadPdbIdentity("/no/such/file"), std::runtime_error);
 }
 
 // ---- What the loader makes of a good one -----------------------------------------------------------------------

@@ -189,6 +189,30 @@ TEST_F(IoRequestTest, TheObserverHearsOfEveryCompletedRequest) {
     EXPECT_EQ(Lines[3].Major, "IRP_MJ_CLOSE");
 }
 
+TEST_F(IoRequestTest, OnlyATellingCloseHearsOfTheRequestsThatItSends) {
+    struct {
+        NTSTATUS Cleanup, Close, Told;
+    } constexpr Cases[] = {
+        {STATUS_SUCCESS, STATUS_SUCCESS, STATUS_SUCCESS},
+        {STATUS_SUCCESS, STATUS_DIRECTORY_NOT_EMPTY, STATUS_DIRECTORY_NOT_EMPTY},
+        {STATUS_RANGE_NOT_LOCKED, STATUS_SUCCESS, STATUS_RANGE_NOT_LOCKED},
+        {STATUS_RANGE_NOT_LOCKED, STATUS_DIRECTORY_NOT_EMPTY, STATUS_DIRECTORY_NOT_EMPTY},
+    };
+    for (const auto &Each : Cases) {
+        Handlers[IRP_MJ_CLEANUP] = [&Each](PIRP Irp) { return Complete(Irp, Each.Cleanup); };
+        Handlers[IRP_MJ_CLOSE] = [&Each](PIRP Irp) { return Complete(Irp, Each.Close); };
+        EXPECT_EQ(CloseHandleTelling(Open(u"\\Device\\RvFsd\\f").Handle), Each.Told);
+        EXPECT_EQ(NtClose(Open(u"\\Device\\RvFsd\\f").Handle), STATUS_SUCCESS);
+    }
+    // Somebody else still refers to the file: its close comes later, and is not this handle's to tell.
+    Handlers[IRP_MJ_CLEANUP] = {};
+    const HANDLE Handle = Open(u"\\Device\\RvFsd\\f").Handle;
+    const PFILE_OBJECT File = FileObjectFromHandle(Handle);
+    EXPECT_EQ(CloseHandleTelling(Handle), STATUS_SUCCESS);
+    DereferenceFileObject(File);
+    EXPECT_EQ(CloseHandleTelling(Handle), STATUS_INVALID_HANDLE);
+}
+
 TEST_F(IoRequestTest, ADeletedDeviceTakesNoOpensButServesTheOnesItHas) {
     const HANDLE Handle = Open(u"\\Device\\RvFsd\\f").Handle;
     IoDeleteDevice(std::exchange(TheDevice, nullptr));

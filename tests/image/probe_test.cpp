@@ -1,6 +1,9 @@
 // Exceptions, reports and the truth about a loaded driver, with the probe: an image made to raise, catch, leak and
 // fail.
+#include <cstdio>
+#include <filesystem>
 #include <fstream>
+#include <thread>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,8 +11,11 @@
 #include "embedded/ex.h"
 #include "embedded/image.h"
 #include "embedded/image_symbols.h"
+#include "embedded/io_objects.h"
 #include "embedded/kernel.h"
+#include "embedded/ps.h"
 #include "embedded/verifier.h"
+#include "tests/app/program.h"
 
 using testing::HasSubstr;
 using testing::Not;
@@ -123,6 +129,34 @@ TEST_F(ImageProbe, AMemoryFaultStopsWithTheImagesLinesToo) {
                  ".*in probe.sys!ProbeTouch.*probe.cpp:[0-9]+");
 }
 
+TEST_F(ImageProbe, AFaultOfAServiceStopsWithTheServiceAndTheImagesLines) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    for (const SIZE_T Bytes : {3u, 4096u}) { // in place, and by the C library
+        EXPECT_DEATH(Call("ProbeFill", reinterpret_cast<void *>(0x10), Bytes),
+                     "STOP 0x00000050 .0x0000000000000010.*memset touched memory at 0x10 that it cannot, called by "
+                     "probe.sys\n.*in probe.sys!ProbeFill[^\n]*probe.cpp:[0-9]+");
+    }
+    // Also where the tracer stands between.
+    EXPECT_DEATH(Image = Load(CallRecording::Traced);
+                 Call("ProbeFill", reinterpret_cast<void *>(0x10), SIZE_T{4096}),
+                 "memset touched memory at 0x10 that it cannot, called by probe.sys\n.*in probe.sys!ProbeFill");
+}
+
+TEST_F(ImageProbe, WhateverElseTheProcessorRefusesStopsWithTheImagesLines) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(Call("ProbeDivide", 0u), "STOP 0x0000001E .0x00000000C0000094.*probe.sys divided by zero[^\n]*\n"
+                                          ".*in probe.sys!ProbeDivide[^\n]*probe.cpp:[0-9]+");
+    EXPECT_DEATH(Call("ProbeTrap"), "STOP 0x0000001E .0x00000000C000001D.*\n.*in probe.sys!ProbeTrap");
+    EXPECT_DEATH(Call("ProbeBreak"), "STOP 0x0000001E .0x0000000080000003.*\n.*in probe.sys!ProbeBreak");
+    EXPECT_DEATH(std::thread([this] { Image = Load(), KeGetCurrentIrql(), Call("ProbeTakeStack"); }).join(),
+                 "STOP 0x0000007F .0x0000000000000008.*probe.sys used up the stack, [0-9]+ bytes\n"
+                 ".*in probe.sys!TakeStack");
+}
+
+TEST_F(ImageProbe, AFilterSeesThatAServicesExceptionCannotBeContinued) {
+    EXPECT_EQ(Call("ProbeFlags", One), 1);
+}
+
 TEST_F(ImageProbe, AReportNamesTheLineThatAllocatedWhatIsLeft) {
     void *Block = nullptr;
     ASSERT_EQ(Call("ProbeAllocate", &Block), STATUS_SUCCESS);
@@ -135,6 +169,22 @@ TEST_F(ImageProbe, AReportNamesTheLineThatAllocatedWhatIsLeft) {
     EXPECT_THAT(DescribePool(PoolKind::Pool), Not(HasSubstr("Prob")));
 }
 
+TEST(ImageLines, AreNotTakenFromDebugInformationBuiltAnewSince) {
+    const test::ScratchDirectory Scratch;
+    for (const char *Name : {"probe.sys", "probe.pdb"}) {
+        std::filesystem::copy_file(std::filesystem::path(RVFSD_IMAGE_FOLDER "/probe") / Name, Scratch.File(Name));
+    }
+    const DriverImage Image(Scratch.File("probe.sys"));
+    EXPECT_THAT(DescribeImageAddress(Image, Image.Export("ProbeFree")), HasSubstr("probe.cpp:"));
+    std::string Pdb = Scratch.Read("probe.pdb");
+    const auto &Guid = Image.Format().Pdb.Guid;
+    const size_t At = Pdb.find(std::string(Guid.begin(), Guid.end()));
+    ASSERT_NE(At, std::string::npos);
+    Pdb[At] ^= 1;
+    Scratch.Write("probe.pdb", Pdb);
+    EXPECT_THAT(DescribeImageAddress(Image, Image.Export("ProbeAllocate")), Not(HasSubstr("probe.cpp:")));
+}
+
 TEST_F(ImageProbe, APointerIntoTheImageIsFoundBeforeItIsUnmapped) {
     EXPECT_TRUE(PointersInto(*Image).empty());
     void *Block = nullptr;
@@ -145,6 +195,37 @@ TEST_F(ImageProbe, APointerIntoTheImageIsFoundBeforeItIsUnmapped) {
     ASSERT_EQ(Found.size(), 1u);
     EXPECT_THAT(Found[0], HasSubstr("a pool block of tag Prob points to probe.sys!ProbeText"));
     EXPECT_EQ(Call("ProbeFree", Block), STATUS_SUCCESS);
+}
+
+TEST_F(ImageProbe, ARequestOrAFileThatPointsIntoTheImageIsFoundToo) {
+    PDEVICE_OBJECT Device = nullptr;
+    ASSERT_EQ(IoCreateDevice(TheKernel->Driver(), 0, nullptr, FILE_DEVICE_NETWORK_FILE_SYSTEM, 0, FALSE, &Device),
+              STATUS_SUCCESS);
+    Device->Flags &= ~static_cast<ULONG>(DO_DEVICE_INITIALIZING);
+    TheKernel->Driver()->MajorFunction[IRP_MJ_READ] = reinterpret_cast<PDRIVER_DISPATCH>(Image->Export("ProbePend"));
+    const PFILE_OBJECT File = CreateFileObject(Device, u"", 0, false);
+    const auto Lines = [this] {
+        std::vector<std::string> Found = PointersInto(*Image);
+        EXPECT_THAT(Found[0], HasSubstr("1 device(s)"));
+        Found.erase(Found.begin());
+        return Found;
+    };
+    IrpBuilder Builder;
+    Builder.MajorFunction = IRP_MJ_READ;
+    Builder.FileObject = File;
+    {
+        SentIrp Sent = SendIrp(Device, Builder);
+        EXPECT_THAT(Lines(),
+                    testing::ElementsAre(testing::ContainsRegex("^IRP 0x.* points to probe.sys!CancelPended")));
+        EXPECT_TRUE(Sent.Cancel());
+        EXPECT_EQ(Sent.Wait().Status, STATUS_CANCELLED);
+        EXPECT_THAT(Lines(), testing::IsEmpty());
+    }
+    File->FsContext = Image->Export("ProbeText");
+    EXPECT_THAT(Lines(), testing::ElementsAre(testing::ContainsRegex("^file object 0x.* to probe.sys!ProbeText")));
+    DereferenceFileObject(File);
+    EXPECT_THAT(Lines(), testing::IsEmpty());
+    IoDeleteDevice(Device);
 }
 
 // ---- The trace of calls ------------------------------------------------------------------------------------------
@@ -183,6 +264,70 @@ TEST_F(ImageCalls, HaveALineEachWithThreadLevelAndResult) {
     EXPECT_EQ(Counts["ExRaiseStatus"], 1u);
     EXPECT_GE(Counts["__C_specific_handler"], 1u) << "it named the handler that took the exception";
     EXPECT_EQ(Counts["ProbeForRead"], 0u);
+}
+
+TEST_F(ImageCalls, ThatNeverReturnHaveALineToo) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const auto FreeTwice = [this] {
+        SetCallSink([](const std::string &Line) { fprintf(stderr, "%s\n", Line.c_str()); });
+        void *Block = nullptr;
+        Call("ProbeAllocate", &Block);
+        Call("ProbeFree", Block);
+        Call("ProbeFree", Block);
+    };
+    EXPECT_DEATH(FreeTwice(),
+                 "ExFreePoolWithTag\\(0x[0-9a-f]+, 0x0\\) = -\n(.*\n)*"
+                 "[0-9]+ thread 0x[0-9a-f]+ irql 0 ExFreePoolWithTag\\(0x[0-9a-f]+, 0x0\\) = does not return\n");
+
+    EXPECT_EQ(Call("ProbeEndThread", nullptr), STATUS_INVALID_PARAMETER) << "no system thread";
+    HANDLE Thread = nullptr;
+    ASSERT_EQ(PsCreateSystemThread(&Thread, 0, nullptr, nullptr, nullptr,
+                                   reinterpret_cast<PKSTART_ROUTINE>(Image->Export("ProbeEndThread")), nullptr),
+              STATUS_SUCCESS);
+    EXPECT_EQ(JoinSystemThreads(Clock::Second), 0u);
+    ZwClose(Thread);
+    EXPECT_THAT(Lines, testing::ElementsAre(HasSubstr("PsTerminateSystemThread(0x0) = 0xC000000D"),
+                                            HasSubstr("PsTerminateSystemThread(0x0) = does not return")));
+}
+
+TEST_F(ImageCalls, ThatWaitSaySoBeforeTheyDo) {
+    KEVENT Event;
+    KeInitializeEvent(&Event, NotificationEvent, TRUE);
+    LARGE_INTEGER None = {};
+    EXPECT_EQ(Call("ProbeWait", &Event, &None), STATUS_SUCCESS);
+    ASSERT_EQ(Lines.size(), 1u);
+    KeClearEvent(&Event);
+    LARGE_INTEGER Soon;
+    Clock::SetRunning(); // nobody else would move it
+    Soon.QuadPart = -Clock::Millisecond;
+    EXPECT_EQ(Call("ProbeWait", &Event, &Soon), STATUS_TIMEOUT);
+    EXPECT_THAT(Lines[1], testing::ContainsRegex("KeWaitForSingleObject\\(.*\\) = waits$"));
+    EXPECT_THAT(Lines[2], testing::ContainsRegex("KeWaitForSingleObject\\(.*\\) = 0x00000102$"));
+}
+
+TEST_F(ImageCalls, DoNotHideTheLineThatTookALockOrCompletedARequest) {
+    KSPIN_LOCK SpinLock = 0;
+    ERESOURCE Exclusive, Shared;
+    ExInitializeResourceLite(&Exclusive);
+    ExInitializeResourceLite(&Shared);
+    KIRQL Old;
+    ASSERT_EQ(Call("ProbeTakeLocks", &SpinLock, &Exclusive, &Shared, &Old), STATUS_SUCCESS);
+    const std::string Held = DescribeHeldLocks(CurrentThread());
+    EXPECT_THAT(Held, testing::ContainsRegex("\\(resource, exclusive\\), taken at probe.sys!ProbeTakeLocks.*\n"
+                                             ".*\\(resource, shared\\), taken at probe.sys!ProbeTakeLocks.*\n"
+                                             ".*\\(spin lock\\), taken at probe.sys!ProbeTakeLocks"));
+    KeReleaseSpinLock(&SpinLock, Old);
+    ExReleaseResourceLite(&Shared);
+    ExReleaseResourceLite(&Exclusive);
+    KeLeaveCriticalRegion();
+    ExDeleteResourceLite(&Shared);
+    ExDeleteResourceLite(&Exclusive);
+
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    IrpBlock Block = {};
+    Block.Signature = IrpBlock::SignatureValue;
+    EXPECT_DEATH(Call("ProbeComplete", &Block.Irp),
+                 "a request was completed twice: first from [^,]*, now from probe.sys!ProbeComplete");
 }
 
 } // namespace

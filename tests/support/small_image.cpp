@@ -188,6 +188,7 @@ std::vector<uint8_t> BuildSmallImage(const ImageParts &Parts) {
     File.PutWords(DebugTable, {0, 0, 0, 2, 34, DebugEntry, FileOffset(DebugEntry)});
     File.PutBytes(FileOffset(DebugEntry), {'R', 'S', 'D', 'S'});
     File.PutBytes(FileOffset(DebugEntry) + 4, Guid);
+    File.Put(FileOffset(DebugEntry) + 20, uint32_t{1}); // the age
     File.PutBytes(FileOffset(DebugEntry) + 24,
                   {'C', ':', '\\', 'x', '\\', 's', 'm', 'a', 'l', 'l', '.', 'p', 'd', 'b', 0});
     File.Put(FileOffset(Pointer), PreferredBase + Text);

@@ -139,6 +139,36 @@ PROBE ProbeTouch(PULONG Address) {
     return STATUS_SUCCESS;
 }
 
+// Has a service touch it.
+PROBE ProbeFill(PVOID Address, SIZE_T Bytes) {
+    memset(Address, 0, Bytes);
+    Step(9);
+    return STATUS_SUCCESS;
+}
+
+// Needs more stack than there is.
+static __attribute__((noinline)) ULONG TakeStack(ULONG Depth) {
+    volatile ULONG Much[128];
+    Much[Depth % 128] = Depth;
+    return Depth == 0xFFFFFFFF ? 0 : TakeStack(Depth + 1) + Much[Depth % 128];
+}
+PROBE ProbeTakeStack() {
+    return static_cast<NTSTATUS>(TakeStack(0));
+}
+
+PROBE ProbeDivide(ULONG Value) {
+    return static_cast<NTSTATUS>(1000 / *const_cast<volatile ULONG *>(&Value));
+}
+
+PROBE ProbeTrap() {
+    __builtin_trap();
+}
+
+PROBE ProbeBreak() {
+    asm volatile("int3");
+    return STATUS_SUCCESS;
+}
+
 // What user memory raises.
 PROBE ProbeMemory(PVOID Address, SIZE_T Length, ULONG Alignment) {
     __try {
@@ -146,6 +176,22 @@ PROBE ProbeMemory(PVOID Address, SIZE_T Length, ULONG Alignment) {
         ProbeForWrite(Address, Length, Alignment);
     } __except (EXCEPTION_EXECUTE_HANDLER) {
         return GetExceptionCode();
+    }
+    return STATUS_SUCCESS;
+}
+
+static LONG FlagsOf(EXCEPTION_POINTERS *Pointers, PULONG Flags) {
+    *Flags = Pointers->ExceptionRecord->ExceptionFlags;
+    return EXCEPTION_EXECUTE_HANDLER;
+}
+
+// The record's flags, which a filter sees.
+PROBE ProbeFlags(NTSTATUS Status) {
+    ULONG Flags = 0;
+    __try {
+        ExRaiseStatus(Status);
+    } __except (FlagsOf(GetExceptionInformation(), &Flags)) {
+        return static_cast<NTSTATUS>(Flags);
     }
     return STATUS_SUCCESS;
 }
@@ -170,4 +216,46 @@ PROBE ProbeAllocate(PVOID *Block) {
 PROBE ProbeFree(PVOID Block) {
     ExFreePoolWithTag(Block, 0);
     return STATUS_SUCCESS;
+}
+
+// ---- Requests, locks and threads --------------------------------------------------------------------------------
+
+static VOID NTAPI CancelPended(PDEVICE_OBJECT, PIRP Irp) {
+    IoReleaseCancelSpinLock(Irp->CancelIrql);
+    Irp->IoStatus.Status = STATUS_CANCELLED;
+    IofCompleteRequest(Irp, 0);
+}
+
+// A dispatch routine that keeps its request until it is cancelled.
+PROBE ProbePend(PDEVICE_OBJECT, PIRP Irp) {
+    IoMarkIrpPending(Irp);
+    IoSetCancelRoutine(Irp, CancelPended);
+    return STATUS_PENDING;
+}
+
+PROBE ProbeComplete(PIRP Irp) {
+    IofCompleteRequest(Irp, 0);
+    Step(1);
+    return STATUS_SUCCESS;
+}
+
+PROBE ProbeTakeLocks(PKSPIN_LOCK SpinLock, PERESOURCE Exclusive, PERESOURCE Shared, PKIRQL Old) {
+    KeEnterCriticalRegion();
+    ExAcquireResourceExclusiveLite(Exclusive, TRUE);
+    ExAcquireResourceSharedLite(Shared, TRUE);
+    *Old = KeAcquireSpinLockRaiseToDpc(SpinLock);
+    return STATUS_SUCCESS;
+}
+
+PROBE ProbeWait(PKEVENT Event, PLARGE_INTEGER Timeout) {
+    const NTSTATUS Status = KeWaitForSingleObject(Event, Executive, KernelMode, FALSE, Timeout);
+    Step(2);
+    return Status;
+}
+
+// Also a thread that ends itself.
+PROBE ProbeEndThread(PVOID) {
+    const NTSTATUS Status = PsTerminateSystemThread(STATUS_SUCCESS);
+    Step(3);
+    return Status;
 }
