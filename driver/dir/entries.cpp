@@ -126,16 +126,39 @@ bool ParseAt(PINSTANCE_CONTEXT Instance, ULONG Offset, DIR_RECORD *Record) {
                                Instance->UseShortNames, Record);
 }
 
+// TRUE when one of the four units of Word is Unit.
+bool HasUnit(ULONG64 Word, WCHAR Unit) {
+    constexpr ULONG64 ONES = 0x0001000100010001;
+    const ULONG64 Rest = Word ^ (ONES * Unit);
+    return ((Rest - ONES) & ~Rest & (ONES << 15)) != 0;
+}
+
+bool HasNoNameUnit(const UCHAR *Units) {
+    ULONG64 Word;
+    RtlCopyMemory(&Word, Units, sizeof(Word));
+    return HasUnit(Word, 0) || HasUnit(Word, SEPARATOR) || HasUnit(Word, WTEXT('/'));
+}
+
 // Whether an entry can have this name. A separator in it would lead those who compose paths of it somewhere else.
 bool IsEntryName(const DIR_RECORD &Record) {
-    for (ULONG At = 0; At < Record.NameBytes; At += sizeof(WCHAR)) {
-        WCHAR Unit;
-        RtlCopyMemory(&Unit, Record.Name + At, sizeof(Unit));
-        if (Unit == 0 || Unit == SEPARATOR || Unit == WTEXT('/')) {
+    if (Record.NameBytes < sizeof(ULONG64)) {
+        for (ULONG At = 0; At < Record.NameBytes; At += sizeof(WCHAR)) {
+            WCHAR Unit;
+            RtlCopyMemory(&Unit, Record.Name + At, sizeof(Unit));
+            if (Unit == 0 || Unit == SEPARATOR || Unit == WTEXT('/')) {
+                return false;
+            }
+        }
+        return Record.NameBytes != 0;
+    }
+    // Four units at a time; the last four may be looked at twice.
+    const UCHAR *Last = Record.Name + Record.NameBytes - sizeof(ULONG64);
+    for (const UCHAR *At = Record.Name; At < Last; At += sizeof(ULONG64)) {
+        if (HasNoNameUnit(At)) {
             return false;
         }
     }
-    return Record.NameBytes != 0;
+    return !HasNoNameUnit(Last);
 }
 
 // Counts the records of a fresh batch, as far as they are records.
