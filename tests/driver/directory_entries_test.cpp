@@ -72,7 +72,7 @@ TEST_F(Listing, IdentifiersAreNumberedThroughAcrossDirectories) {
 }
 
 // ---- The batch is data from outside
-// -----------------------------------------------------------------------------------
+// ----------------------------------------------------------------------------------
 
 void PutRecord(UCHAR *At, ULONG Next, ULONG NameUnits) {
     memcpy(At, &Next, sizeof(Next));
@@ -142,6 +142,29 @@ TEST_F(Listing, ABatchThatBreaksEndsAfterItsGoodRecordsWithAClearStatus) {
     // The last of them once more, for an exact name.
     EXPECT_EQ(Query(Directory, 4096, u"x1", true).Status, STATUS_UNEXPECTED_NETWORK_ERROR);
     EXPECT_EQ(Query(Directory, 4096).Status, STATUS_UNEXPECTED_NETWORK_ERROR);
+    Close(Directory);
+}
+
+TEST_F(Listing, ASeparatorAnywhereInANameIsFoundAndNothingElseTakenForOne) {
+    Provider.AddDirectory(u"\\srv\\vol\\d");
+    Provider.AddFile(u"\\srv\\vol\\d\\x1", "");
+    HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
+    for (const char16_t Unit : {u'\0', u'\\', u'/', u'\x015C', u'\x5C00', u'\x2F2F', u'\xFFFF'}) {
+        const bool Ends = Unit < 0x100;
+        for (size_t Length = 1; Length < 10; ++Length) {
+            for (size_t At = 0; At < Length; ++At) {
+                std::u16string Name(Length, u'x');
+                Name[At] = Unit;
+                Provider.ClearScript();
+                Provider.OnCall(providers::Slot::EnumerateDirectory).Answer([&Name](providers::Outputs &Out) {
+                    PutRecord(static_cast<UCHAR *>(Out.Buffer), 0, Name);
+                });
+                EXPECT_EQ(Query(Directory, 4096, u"x*", true).Status,
+                          Ends ? STATUS_UNEXPECTED_NETWORK_ERROR : STATUS_SUCCESS)
+                    << static_cast<unsigned>(Unit) << " at " << At << " of " << Length;
+            }
+        }
+    }
     Close(Directory);
 }
 
