@@ -214,11 +214,13 @@ VOID NtFsdDetachOpens() {
     NtFsdCompleteNotifyBatch(&Notifications, STATUS_CANCELLED);
 }
 
-bool NtFsdKeepDeviceFcb() {
+PFCB NtFsdTakeDeviceFcb() {
     {
         const SpinLockHold Hold(&OutlivingLock);
         if (DriverFcb->OpenCount == 0) {
-            return false;
+            const PFCB Fcb = DriverFcb;
+            DriverFcb = nullptr;
+            return Fcb;
         }
     }
     {
@@ -236,7 +238,7 @@ bool NtFsdKeepDeviceFcb() {
     if (Unused != nullptr) {
         FreeFcb(Unused);
     }
-    return true;
+    return nullptr;
 }
 
 PFCB NtFsdFcbAfterTeardown(PFILE_OBJECT FileObject) {

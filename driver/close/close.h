@@ -23,9 +23,10 @@ VOID NtFsdDetachOpens();
 // called between the stop of requests and NtFsdDetachOpens, which then frees the open.
 VOID NtFsdCloseAfterTeardown(PFILE_OBJECT FileObject);
 
-// Leaves the control device's FCB to the file objects that still point to it: it goes with the last of their closes.
-// FALSE, and nothing done, when there are none. Part of teardown, with no request in flight; FcbListResource is valid.
-bool NtFsdKeepDeviceFcb();
+// Takes the control device's FCB out of use. Returns it, the caller's to delete, when no file object points to it;
+// otherwise NULL: it goes with the last of their closes. Part of teardown, with no request in flight; FcbListResource
+// is valid.
+PFCB NtFsdTakeDeviceFcb();
 
 // The FCB of a file object once requests are refused, while teardown runs or after it; NULL for the control device and
 // for anything that is not open. Valid as long as the file object is.

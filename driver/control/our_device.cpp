@@ -113,11 +113,10 @@ NTSTATUS NtFsdUnInitOurDevice() {
             TwFreeMemory(CONTAINING_RECORD(RemoveHeadList(&DriverFcb->InstanceList), PROCESS_RECORD, Links));
         }
         // File objects that are still there point to the FCB: then it goes with the last of them.
-        if (!NtFsdKeepDeviceFcb()) {
+        if (const PFCB Unused = NtFsdTakeDeviceFcb(); Unused != nullptr) {
             ResourceHold Hold;
-            Hold.AcquireExclusive(&DriverFcb->Resource, TRUE);
-            NtFsdDeleteFcb(DriverFcb, Hold);
-            DriverFcb = nullptr;
+            Hold.AcquireExclusive(&Unused->Resource, TRUE);
+            NtFsdDeleteFcb(Unused, Hold);
         }
     }
     NtFsdDeleteResource(DRIVER_RESOURCE_OUR_DEVICE);

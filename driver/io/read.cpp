@@ -18,19 +18,19 @@ struct READ {
 NTSTATUS ReadFromProvider(const READ &Read, ULONG Transfer, PVOID Buffer, ULONG64 *Count) {
     LONG64 Offset = Read.Offset;
     // Nothing is asked for that no offset can name.
-    const LONG64 Nameable = LARGEST_OFFSET - Offset;
+    const auto Nameable = static_cast<ULONG64>(LARGEST_OFFSET - Offset);
     if (Nameable == 0) {
         return STATUS_SUCCESS;
     }
     if (Transfer > Nameable) {
         Transfer = static_cast<ULONG>(Nameable);
     }
-    ULONG64 Bytes = Read.Length;
+    ULONG64 Bytes = Read.Length < Nameable ? Read.Length : Nameable;
     const RVSTATUS Raw = RVFsdReadFile(&Read.IrpContext->SecurityContext, Read.File, &Offset, Transfer, Buffer, &Bytes);
     NtFsdDebugPrint(TRACE_READ, 0, "   RVFsdReadFile returned       : 0x%x\n", static_cast<ULONG>(Raw));
     const NTSTATUS Status = TransferStatus(Raw);
     if (NT_SUCCESS(Status)) {
-        *Count = Bytes;
+        *Count = Bytes < Nameable ? Bytes : Nameable;
         NtFsdDebugPrint(TRACE_READ_DETAIL, 0, "Read offset       : %d\n", static_cast<LONG>(Read.Offset));
         NtFsdDebugPrint(TRACE_READ_DETAIL, 0, "Bytes to read     : %d\n", Read.Length);
         NtFsdDebugPrint(TRACE_READ_DETAIL, 0, "File Handle       : 0x%x\n", LowPart(Read.File));

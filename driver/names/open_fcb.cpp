@@ -138,9 +138,7 @@ void SplitAgainstVolume(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Ins
         ++Split;
     }
     Instance->PathLeft = Split;
-    if (*Split == 0) {
-        Fcb->VolumeRoot = TRUE;
-    }
+    Fcb->VolumeRoot = *Split == 0;
     NtFsdSetVolumeResolved(Fcb, 1);
     Instance->BaseHandle = Instance->RelatedHandle = Instance->VolumeHandle;
     NtFsdDebugPrint(TRACE_FCB, 0, " Path past volume level = %ls\n", static_cast<PCWSTR>(Split));
@@ -168,6 +166,16 @@ void Attach(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance) {
     FileObject->SectionObjectPointer = &Fcb->SectionObjectPointers;
 }
 
+// A rename holds the table until the new path is in force, so that one which the server has carried out is seen.
+bool WasRenamed(const PATH_SOURCE &Source) {
+    if (Source.Fcb == nullptr) {
+        return false;
+    }
+    ResourceHold Table;
+    Table.AcquireShared(&FcbTableResource, TRUE);
+    return !Source.IsCurrent();
+}
+
 // Composes the path, asks what is there, and finds or makes its FCB. STATUS_RETRY when a rename of what the path is
 // composed of came in between.
 NTSTATUS FindByName(PIRP_CONTEXT IrpContext, const PATH_SOURCE &Related, const PATH_SOURCE *ComposedOf,
@@ -181,6 +189,9 @@ NTSTATUS FindByName(PIRP_CONTEXT IrpContext, const PATH_SOURCE &Related, const P
     if (Status != STATUS_SUCCESS) {
         NtFsdDebugPrint(TRACE_FCB, 0, "[RVFSD] NtFsdOpenFcb NtFsdVerifyFile for \"%wZ\" failed; status 0x%08X.\n",
                         Path.Get(), Status);
+        if (WasRenamed(ComposedOf != nullptr ? *ComposedOf : Related)) {
+            return STATUS_RETRY; // it was asked for under a name that is not its own any more
+        }
         return NT_SUCCESS(Status) ? STATUS_UNSUCCESSFUL : Status;
     }
     if (!Found.Instance) {

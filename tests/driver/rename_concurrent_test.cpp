@@ -132,7 +132,9 @@ protected:
         File_ = OpenFile();
         Provider.OnCall(Slot::CreateFile).Nth(1).Do([this](const providers::Call &) {
             EXPECT_EQ(Rename(Directory_, u"\\srv\\vol\\e"), STATUS_SUCCESS);
-            Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "theirs");
+            if (Replaced_) {
+                Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "theirs");
+            }
         });
     }
     void TearDown() override {
@@ -142,7 +144,17 @@ protected:
     }
     HANDLE Directory_ = nullptr;
     HANDLE File_ = nullptr;
+    bool Replaced_ = true; // by another directory of the old name
 };
+
+TEST_F(RenamesMeanwhile, AnOpenBelowItIsNotRefusedForTheNameThatIsGone) {
+    Replaced_ = false;
+    Open Below;
+    Below.Related = Directory_;
+    const HANDLE Mine = MustOpen(u"f.txt", Below);
+    EXPECT_EQ(PathOf(Mine), u"\\srv\\vol\\e\\f.txt");
+    Close(Mine);
+}
 
 TEST_F(RenamesMeanwhile, AnOpenBelowItIsOfTheFileThatItFinds) {
     Open Below = test::ForChange;
