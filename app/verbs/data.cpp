@@ -86,11 +86,11 @@ public:
     RemoteFile &File() {
         return File_;
     }
-    // The data is all there: an error of the close counts too.
+    // The data is all there and stays: an error of the close is told, and takes nothing away.
     void Keep() {
         File_.Flush();
-        File_.End();
         Kept_ = true;
+        File_.End();
     }
     ~RemoteTarget() {
         if (!Kept_ && File_.CreateInformation() == FILE_CREATED) {
@@ -105,7 +105,8 @@ private:
             File_.Path(), {.Access = DELETE | SYNCHRONIZE,
                            .Options = FILE_NON_DIRECTORY_FILE | FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT});
         const NTSTATUS Status = NT_SUCCESS(Part.Status) ? embedded::CloseHandleTelling(Part.Handle) : Part.Status;
-        if (!NT_SUCCESS(Status)) {
+        const bool Gone = Status == STATUS_OBJECT_NAME_NOT_FOUND || Status == STATUS_OBJECT_PATH_NOT_FOUND;
+        if (!NT_SUCCESS(Status) && !Gone) {
             Complain(fmt::format("{}: a part of the data stays in {}", ShowStatus(Status), ShowPath(File_.Path())));
         }
     }

@@ -113,12 +113,13 @@ using WayDown = std::vector<LONG64>;
 // TRUE when it is on it already. A volume without identifiers cannot say.
 bool LeadsBack(RemoteFile &Directory, WayDown &Way) {
     constexpr LONG64 NoIdentifier = 0xABA00000020; // the driver's, for such volumes
-    LONG64 Identifier = NoIdentifier;
+    LONG64 Identifier = 0;                         // and for a file of which it could not be had
     const RemoteFile::Answer Answer = Directory.Ask(FileInternalInformation, sizeof(Identifier));
     if (NT_SUCCESS(Answer.Status)) {
         memcpy(&Identifier, Answer.Bytes.data(), sizeof(Identifier));
     }
-    const bool Back = Identifier != NoIdentifier && std::find(Way.begin(), Way.end(), Identifier) != Way.end();
+    const bool Known = Identifier != 0 && Identifier != NoIdentifier;
+    const bool Back = Known && std::find(Way.begin(), Way.end(), Identifier) != Way.end();
     Way.push_back(Identifier);
     return Back;
 }
