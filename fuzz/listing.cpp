@@ -121,11 +121,6 @@ void CheckEntries(const std::vector<UCHAR> &Buffer, ULONG_PTR Information, ULONG
         memcpy(&NameBytes, Buffer.data() + At + (InfoClass == FileNamesInformation ? 8 : 60), sizeof(NameBytes));
         Require(At + Fixed + NameBytes <= Information, "an entry's name lies inside");
         Require(NameBytes != 0, "an entry has a name");
-        for (ULONG_PTR Byte = At + Fixed; Byte < At + Fixed + NameBytes; Byte += sizeof(WCHAR)) {
-            WCHAR Unit;
-            memcpy(&Unit, Buffer.data() + Byte, sizeof(Unit));
-            Require(Unit != 0 && Unit != u'\\' && Unit != u'/', "a name is one component");
-        }
         if (Next == 0) {
             Require(At + Fixed + NameBytes == Information, "the answer ends with its last entry");
             return;

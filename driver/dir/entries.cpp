@@ -8,8 +8,7 @@ namespace {
 
 DRIVER_GLOBAL LONG64 g_FileIdCounter = 0;
 
-// ---- The classes
-// -----------------------------------------------------------------------------------------------------
+// ---- The classes ----------------------------------------------------------------------------------------------------
 
 constexpr ULONG NONE = 0;
 
@@ -48,8 +47,7 @@ const CLASS_LAYOUT *LayoutOf(ULONG InfoClass) {
     return nullptr;
 }
 
-// ---- The Provider's records
-// --------------------------------------------------------------------------------------------
+// ---- The Provider's records -----------------------------------------------------------------------------------------
 
 // What both forms of the record begin with.
 struct RECORD_HEAD {
@@ -114,8 +112,7 @@ void FillDotEntries(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) {
     Instance->DotEntries = 0;
 }
 
-// ---- Batches
-// -----------------------------------------------------------------------------------------------------------
+// ---- Batches --------------------------------------------------------------------------------------------------------
 
 ULONG OffsetOf(PINSTANCE_CONTEXT Instance, PVOID Entry) {
     return static_cast<ULONG>(static_cast<UCHAR *>(Entry) - static_cast<UCHAR *>(Instance->EnumBuffer));
@@ -126,41 +123,6 @@ bool ParseAt(PINSTANCE_CONTEXT Instance, ULONG Offset, DIR_RECORD *Record) {
                                Instance->UseShortNames, Record);
 }
 
-// TRUE when one of the four units of Word is Unit.
-bool HasUnit(ULONG64 Word, WCHAR Unit) {
-    constexpr ULONG64 ONES = 0x0001000100010001;
-    const ULONG64 Rest = Word ^ (ONES * Unit);
-    return ((Rest - ONES) & ~Rest & (ONES << 15)) != 0;
-}
-
-bool HasNoNameUnit(const UCHAR *Units) {
-    ULONG64 Word;
-    RtlCopyMemory(&Word, Units, sizeof(Word));
-    return HasUnit(Word, 0) || HasUnit(Word, SEPARATOR) || HasUnit(Word, WTEXT('/'));
-}
-
-// Whether an entry can have this name. A separator in it would lead those who compose paths of it somewhere else.
-bool IsEntryName(const DIR_RECORD &Record) {
-    if (Record.NameBytes < sizeof(ULONG64)) {
-        for (ULONG At = 0; At < Record.NameBytes; At += sizeof(WCHAR)) {
-            WCHAR Unit;
-            RtlCopyMemory(&Unit, Record.Name + At, sizeof(Unit));
-            if (Unit == 0 || Unit == SEPARATOR || Unit == WTEXT('/')) {
-                return false;
-            }
-        }
-        return Record.NameBytes != 0;
-    }
-    // Four units at a time; the last four may be looked at twice.
-    const UCHAR *Last = Record.Name + Record.NameBytes - sizeof(ULONG64);
-    for (const UCHAR *At = Record.Name; At < Last; At += sizeof(ULONG64)) {
-        if (HasNoNameUnit(At)) {
-            return false;
-        }
-    }
-    return !HasNoNameUnit(Last);
-}
-
 // Counts the records of a fresh batch, as far as they are records.
 void CountRecords(PINSTANCE_CONTEXT Instance) {
     ULONG Offset = 0;
@@ -168,7 +130,7 @@ void CountRecords(PINSTANCE_CONTEXT Instance) {
     Instance->BatchBroken = FALSE;
     for (;;) {
         DIR_RECORD Record;
-        if (!ParseAt(Instance, Offset, &Record) || !IsEntryName(Record)) {
+        if (!ParseAt(Instance, Offset, &Record) || Record.NameBytes == 0) {
             Instance->BatchBroken = TRUE;
             break;
         }
@@ -252,8 +214,7 @@ NTSTATUS EnsureRecord(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) {
     return FetchBatch(IrpContext, Instance);
 }
 
-// ---- Conversion
-// --------------------------------------------------------------------------------------------------------
+// ---- Conversion -----------------------------------------------------------------------------------------------------
 
 constexpr ULONG KEPT_ATTRIBUTES = 0x1C37;
 
