@@ -11,8 +11,8 @@
 #include <fmt/format.h>
 
 #include "app/text.h"
-#include "embedded/image_symbols.h"
-#include "embedded/verifier.h"
+#include "embedded/image/symbols.h"
+#include "embedded/verifier/verifier.h"
 #include "frame/diagnostics.h"
 #include "kernel/linux/driver_image.h"
 #include "provider/framework.h"

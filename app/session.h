@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "embedded/image.h"
+#include "embedded/image/driver_image.h"
 #include "embedded/io.h"
 #include "embedded/kernel.h"
 #include "providers/directory/directory_provider.h"

@@ -10,7 +10,7 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include "embedded/image.h"
+#include "embedded/image/driver_image.h"
 #include "embedded/kernel.h"
 #include "kernel/linux/driver_image.h"
 #include "provider/framework.h"

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 namespace embedded {
 namespace {

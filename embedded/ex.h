@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "embedded/ke.h"
-#include "embedded/locks.h"
+#include "embedded/verifier/locks.h"
 
 namespace embedded {
 

@@ -7,7 +7,7 @@
 
 #include "embedded/ex.h"
 #include "embedded/ex_live.h"
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 namespace embedded {
 namespace {

@@ -12,7 +12,7 @@
 #include "embedded/ex.h"
 #include "embedded/ex_live.h"
 #include "embedded/faults.h"
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define EMBEDDED_ASAN 1

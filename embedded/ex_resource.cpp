@@ -14,8 +14,8 @@
 #include "embedded/ex.h"
 #include "embedded/ex_live.h"
 #include "embedded/faults.h"
-#include "embedded/image_calls.h"
-#include "embedded/verifier.h"
+#include "embedded/image/calls.h"
+#include "embedded/verifier/verifier.h"
 
 namespace embedded {
 namespace {

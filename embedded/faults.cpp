@@ -5,7 +5,7 @@
 #include <random>
 #include <unordered_set>
 
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 namespace embedded {
 namespace {

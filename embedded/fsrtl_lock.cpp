@@ -12,7 +12,7 @@
 
 #include "embedded/faults.h"
 #include "embedded/fsrtl_ranges.h"
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 #include <algorithm>
 #include <atomic>

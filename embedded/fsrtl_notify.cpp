@@ -1,6 +1,6 @@
 #include "embedded/fsrtl.h"
 
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 #include <atomic>
 

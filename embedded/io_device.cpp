@@ -9,7 +9,7 @@
 #include "embedded/io_objects.h"
 #include "embedded/mup.h"
 #include "embedded/ps.h"
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 namespace embedded {
 namespace {

@@ -8,7 +8,7 @@
 #include "embedded/ex.h"
 #include "embedded/io_objects.h"
 #include "embedded/ps.h"
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 #include "embedded/zw.h"
 
 namespace embedded {

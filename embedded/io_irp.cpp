@@ -17,10 +17,10 @@
 
 #include "embedded/ex.h"
 #include "embedded/faults.h"
-#include "embedded/image_calls.h"
+#include "embedded/image/calls.h"
 #include "embedded/io_objects.h"
 #include "embedded/ps.h"
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 namespace embedded {
 namespace {

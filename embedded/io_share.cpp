@@ -1,7 +1,7 @@
 // Share access: who reads, writes and deletes a file, and what each opener lets the others do. The caller holds the
 // lock of the file's record.
 #include "embedded/io_objects.h"
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 namespace {
 

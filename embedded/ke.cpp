@@ -11,11 +11,11 @@
 #include <fmt/format.h>
 
 #include "embedded/ex.h"
-#include "embedded/image_calls.h"
-#include "embedded/locks.h"
+#include "embedded/image/calls.h"
 #include "embedded/mm.h"
 #include "embedded/ps.h"
-#include "embedded/verifier.h"
+#include "embedded/verifier/locks.h"
+#include "embedded/verifier/verifier.h"
 
 namespace embedded {
 namespace {

@@ -6,10 +6,10 @@
 
 #include <fmt/format.h>
 
-#include "embedded/image_calls.h"
+#include "embedded/image/calls.h"
 #include "embedded/ke.h"
 #include "embedded/ps.h"
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 namespace embedded {
 namespace {

@@ -6,13 +6,13 @@
 #include <fmt/format.h>
 
 #include "embedded/dbg.h"
-#include "embedded/image.h"
+#include "embedded/image/driver_image.h"
 #include "embedded/io_objects.h"
-#include "embedded/locks.h"
 #include "embedded/mm.h"
 #include "embedded/mup.h"
 #include "embedded/ps.h"
 #include "embedded/system_volume.h"
+#include "embedded/verifier/locks.h"
 
 namespace embedded {
 namespace {

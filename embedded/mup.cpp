@@ -5,7 +5,7 @@
 #include <optional>
 
 #include "embedded/io_objects.h"
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 namespace embedded {
 namespace {

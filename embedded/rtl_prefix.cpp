@@ -13,7 +13,7 @@
 #include "embedded/rtl.h"
 
 #include "embedded/rtl_prefix_index.h"
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 #include <algorithm>
 #include <array>

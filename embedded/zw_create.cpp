@@ -3,7 +3,7 @@
 #include "embedded/ex.h"
 #include "embedded/mup.h"
 #include "embedded/system_volume.h"
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 #include "embedded/zw_internal.h"
 
 namespace embedded {

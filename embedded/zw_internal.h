@@ -2,7 +2,7 @@
 #pragma once
 
 #include "embedded/io_objects.h"
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 #include "embedded/zw.h"
 
 namespace embedded {

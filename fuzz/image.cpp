@@ -6,9 +6,9 @@
 #include <cstring>
 #include <vector>
 
-#include "embedded/image.h"
-#include "embedded/image_symbols.h"
-#include "embedded/image_unwind.h"
+#include "embedded/image/driver_image.h"
+#include "embedded/image/symbols.h"
+#include "embedded/image/unwind.h"
 #include "tests/support/small_image.h"
 
 namespace fuzz {

@@ -12,10 +12,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "embedded/image.h"
-#include "embedded/image_layouts.h"
-#include "embedded/image_symbols.h"
-#include "embedded/image_unwind.h"
+#include "embedded/image/driver_image.h"
+#include "embedded/image/layouts.h"
+#include "embedded/image/symbols.h"
+#include "embedded/image/unwind.h"
 #include "embedded/ke.h"
 #include "tests/support/small_image.h"
 

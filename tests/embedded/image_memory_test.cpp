@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "embedded/image_services.h"
+#include "embedded/image/services.h"
 #include "kernel/kernel.h"
 
 namespace embedded {

@@ -10,7 +10,7 @@
 #include "embedded/ex.h"
 #include "embedded/faults.h"
 #include "embedded/ps.h"
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 namespace embedded {
 namespace {

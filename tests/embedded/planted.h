@@ -7,7 +7,7 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 namespace embedded {
 

@@ -1,4 +1,4 @@
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 #include <thread>
 

@@ -4,8 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "embedded/image.h"
-#include "embedded/image_layouts.h"
+#include "embedded/image/driver_image.h"
+#include "embedded/image/layouts.h"
 #include "provider/framework.h"
 
 using testing::ElementsAre;

@@ -9,12 +9,12 @@
 #include <gtest/gtest.h>
 
 #include "embedded/ex.h"
-#include "embedded/image.h"
-#include "embedded/image_symbols.h"
+#include "embedded/image/driver_image.h"
+#include "embedded/image/symbols.h"
 #include "embedded/io_objects.h"
 #include "embedded/kernel.h"
 #include "embedded/ps.h"
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 #include "tests/app/program.h"
 
 using testing::HasSubstr;

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "embedded/image_format.h"
+#include "embedded/image/format.h"
 
 namespace test {
 

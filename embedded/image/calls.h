@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "embedded/image_services.h"
+#include "embedded/image/services.h"
 #include "embedded/ke.h"
 
 namespace embedded {

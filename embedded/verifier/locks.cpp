@@ -1,4 +1,4 @@
-#include "embedded/locks.h"
+#include "embedded/verifier/locks.h"
 
 #include <map>
 #include <set>
@@ -7,7 +7,7 @@
 
 #include <fmt/format.h>
 
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 namespace embedded {
 namespace {

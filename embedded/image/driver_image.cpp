@@ -1,4 +1,4 @@
-#include "embedded/image.h"
+#include "embedded/image/driver_image.h"
 
 #include <algorithm>
 #include <atomic>
@@ -12,8 +12,8 @@
 
 #include "embedded/ex_live.h"
 #include "embedded/fsrtl.h"
-#include "embedded/image_layouts.h"
-#include "embedded/image_symbols.h"
+#include "embedded/image/layouts.h"
+#include "embedded/image/symbols.h"
 #include "embedded/io_objects.h"
 #include "embedded/mm.h"
 #include "embedded/mup.h"

@@ -1,4 +1,4 @@
-#include "embedded/image_format.h"
+#include "embedded/image/format.h"
 
 #include <algorithm>
 #include <cctype>

@@ -1,7 +1,7 @@
 // A driver's image, loaded: mapped with its protections, moved to where it lies, its imports bound to this kernel.
 //
 // One object owns one mapping. Load and the destructor are called while no driver code runs. Reports name addresses
-// inside a loaded image by function, file and line (image_symbols.h).
+// inside a loaded image by function, file and line (symbols.h).
 #pragma once
 
 #include <filesystem>
@@ -13,8 +13,8 @@
 #include <string_view>
 #include <vector>
 
-#include "embedded/image_calls.h"
-#include "embedded/image_format.h"
+#include "embedded/image/calls.h"
+#include "embedded/image/format.h"
 #include "kernel/kernel.h"
 
 namespace embedded {

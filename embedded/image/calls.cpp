@@ -1,4 +1,4 @@
-#include "embedded/image_calls.h"
+#include "embedded/image/calls.h"
 
 #include <cstring>
 #include <mutex>
@@ -9,7 +9,7 @@
 
 #include <fmt/format.h>
 
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 #include "kernel/kernel.h"
 
 extern "C" {

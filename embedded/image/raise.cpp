@@ -5,10 +5,10 @@
 
 #include <fmt/format.h>
 
-#include "embedded/image_calls.h"
-#include "embedded/image_unwind.h"
+#include "embedded/image/calls.h"
+#include "embedded/image/unwind.h"
 #include "embedded/mm.h"
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 namespace embedded {
 namespace {

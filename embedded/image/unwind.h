@@ -1,5 +1,5 @@
 // Unwinding through a loaded image by its own tables, and what leads an exception to its own handlers
-// (image_raise.cpp).
+// (raise.cpp).
 //
 // The stack is read only between the bounds given; the tables were checked as far as ReadImageFormat says, the rest is
 // checked here: a damaged table ends the walk.
@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "embedded/image.h"
+#include "embedded/image/driver_image.h"
 
 namespace embedded {
 

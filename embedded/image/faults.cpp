@@ -1,4 +1,4 @@
-#include "embedded/image_faults.h"
+#include "embedded/image/faults.h"
 
 #include <csignal>
 #include <cstring>
@@ -7,10 +7,10 @@
 
 #include <fmt/format.h>
 
-#include "embedded/image_calls.h"
-#include "embedded/image_unwind.h"
+#include "embedded/image/calls.h"
+#include "embedded/image/unwind.h"
 #include "embedded/mm.h"
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 namespace embedded {
 namespace {

@@ -1,4 +1,4 @@
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 #include <cstdlib>
 #include <cxxabi.h>
@@ -10,9 +10,9 @@
 #include <fmt/format.h>
 
 #include "embedded/ex.h"
-#include "embedded/image.h"
-#include "embedded/image_symbols.h"
-#include "embedded/image_unwind.h"
+#include "embedded/image/driver_image.h"
+#include "embedded/image/symbols.h"
+#include "embedded/image/unwind.h"
 #include "embedded/ps.h"
 
 namespace embedded {

@@ -1,10 +1,10 @@
-#include "embedded/image_unwind.h"
+#include "embedded/image/unwind.h"
 
 #include <algorithm>
 #include <cstring>
 #include <optional>
 
-#include "embedded/verifier.h"
+#include "embedded/verifier/verifier.h"
 
 namespace embedded {
 namespace {

@@ -1,4 +1,4 @@
-#include "embedded/image_symbols.h"
+#include "embedded/image/symbols.h"
 
 #include <algorithm>
 #include <bit>
@@ -16,7 +16,7 @@
 #include <cxxabi.h>
 #include <fmt/format.h>
 
-#include "embedded/image.h"
+#include "embedded/image/driver_image.h"
 
 extern char **environ;
 

@@ -1,10 +1,10 @@
-#include "embedded/image_services.h"
+#include "embedded/image/services.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "embedded/image_unwind.h"
-#include "embedded/verifier.h"
+#include "embedded/image/unwind.h"
+#include "embedded/verifier/verifier.h"
 #include "kernel/kernel.h"
 
 namespace embedded {
@@ -134,7 +134,7 @@ SIZE_T NTAPI TextLength(const char *Text) noexcept {
 SIZE_T NTAPI WideTextLength(const WCHAR *Text) noexcept {
     return std::char_traits<WCHAR>::length(Text);
 }
-// Named by unwind data; exceptions are led to handlers by image_unwind.cpp, which never calls it.
+// Named by unwind data; exceptions are led to handlers by unwind.cpp, which never calls it.
 ULONG NTAPI SpecificHandler(PVOID, PVOID, PVOID, PVOID) noexcept {
     BugCheck(bugcheck::Verifier, bugcheck::OwnRule, 0, 0, 0, "__C_specific_handler was called by the image itself");
 }

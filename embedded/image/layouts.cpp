@@ -1,11 +1,11 @@
-#include "embedded/image_layouts.h"
+#include "embedded/image/layouts.h"
 
 #include <cstring>
 #include <map>
 
 #include <fmt/format.h>
 
-#include "embedded/image.h"
+#include "embedded/image/driver_image.h"
 #include "provider/layout.h"
 
 #pragma GCC diagnostic ignored "-Winvalid-offsetof"

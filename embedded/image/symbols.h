@@ -13,7 +13,7 @@
 #include <string_view>
 #include <vector>
 
-#include "embedded/image_format.h"
+#include "embedded/image/format.h"
 
 namespace embedded {
 
