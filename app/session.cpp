@@ -12,7 +12,7 @@
 
 #include "app/text.h"
 #include "embedded/image/symbols.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
 #include "frame/diagnostics.h"
 #include "kernel/linux/driver_image.h"
 #include "provider/framework.h"

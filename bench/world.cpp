@@ -12,6 +12,7 @@
 
 #include "embedded/image/driver_image.h"
 #include "embedded/kernel.h"
+#include "embedded/verifier/report.h"
 #include "kernel/linux/driver_image.h"
 #include "provider/framework.h"
 #include "providers/directory/directory_provider.h"

@@ -6,7 +6,7 @@
 
 #include "embedded/faults.h"
 #include "embedded/ob.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/rules.h"
 #include "embedded/zw_internal.h"
 
 namespace embedded {

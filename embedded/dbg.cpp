@@ -4,7 +4,7 @@
 #include <cstring>
 #include <mutex>
 
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/rules.h"
 
 namespace embedded {
 namespace {

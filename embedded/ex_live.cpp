@@ -4,7 +4,7 @@
 
 #include <fmt/format.h>
 
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
 
 namespace embedded {
 namespace {

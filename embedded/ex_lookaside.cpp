@@ -7,7 +7,8 @@
 
 #include "embedded/ex.h"
 #include "embedded/ex_live.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/rules.h"
 
 namespace embedded {
 namespace {

@@ -12,7 +12,8 @@
 #include "embedded/ex.h"
 #include "embedded/ex_live.h"
 #include "embedded/faults.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/stack.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define EMBEDDED_ASAN 1

@@ -15,7 +15,8 @@
 #include "embedded/ex_live.h"
 #include "embedded/faults.h"
 #include "embedded/image/calls.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/rules.h"
 
 namespace embedded {
 namespace {

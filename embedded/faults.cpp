@@ -5,7 +5,7 @@
 #include <random>
 #include <unordered_set>
 
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/stack.h"
 
 namespace embedded {
 namespace {

@@ -1,6 +1,8 @@
 #include "embedded/fsrtl.h"
 
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/leaks.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/rules.h"
 
 #include <fmt/format.h>
 #include <string_view>

@@ -12,7 +12,8 @@
 
 #include "embedded/faults.h"
 #include "embedded/fsrtl_ranges.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/rules.h"
 
 #include <algorithm>
 #include <atomic>

@@ -1,6 +1,7 @@
 #include "embedded/fsrtl.h"
 
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/rules.h"
 
 #include <atomic>
 

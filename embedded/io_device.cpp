@@ -9,7 +9,8 @@
 #include "embedded/io_objects.h"
 #include "embedded/mup.h"
 #include "embedded/ps.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/rules.h"
 
 namespace embedded {
 namespace {

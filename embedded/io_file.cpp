@@ -8,7 +8,9 @@
 #include "embedded/ex.h"
 #include "embedded/io_objects.h"
 #include "embedded/ps.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/leaks.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/stack.h"
 #include "embedded/zw.h"
 
 namespace embedded {

@@ -20,7 +20,10 @@
 #include "embedded/image/calls.h"
 #include "embedded/io_objects.h"
 #include "embedded/ps.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/rules.h"
+#include "embedded/verifier/stack.h"
+#include "embedded/verifier/user_memory.h"
 
 namespace embedded {
 namespace {

@@ -1,7 +1,8 @@
 // Share access: who reads, writes and deletes a file, and what each opener lets the others do. The caller holds the
 // lock of the file's record.
 #include "embedded/io_objects.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/rules.h"
 
 namespace {
 

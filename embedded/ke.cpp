@@ -15,7 +15,8 @@
 #include "embedded/mm.h"
 #include "embedded/ps.h"
 #include "embedded/verifier/locks.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/rules.h"
 
 namespace embedded {
 namespace {

@@ -9,7 +9,9 @@
 #include "embedded/image/calls.h"
 #include "embedded/ke.h"
 #include "embedded/ps.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/rules.h"
+#include "embedded/verifier/user_memory.h"
 
 namespace embedded {
 namespace {

@@ -12,7 +12,9 @@
 #include "embedded/mup.h"
 #include "embedded/ps.h"
 #include "embedded/system_volume.h"
+#include "embedded/verifier/leaks.h"
 #include "embedded/verifier/locks.h"
+#include "embedded/verifier/report.h"
 
 namespace embedded {
 namespace {

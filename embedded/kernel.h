@@ -13,7 +13,7 @@
 
 #include "embedded/cm.h"
 #include "embedded/ke.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
 #include "kernel/kernel.h"
 
 namespace embedded {

@@ -12,7 +12,8 @@
 #include "embedded/faults.h"
 #include "embedded/image/faults.h"
 #include "embedded/ps.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/rules.h"
 
 // The guarded instructions: int Probe(const void *Address) returns 0, or 1 when the access faulted. They are no part
 // of any instrumented function, so that probing a redzone is no report.

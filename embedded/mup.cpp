@@ -5,7 +5,8 @@
 #include <optional>
 
 #include "embedded/io_objects.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/leaks.h"
+#include "embedded/verifier/rules.h"
 
 namespace embedded {
 namespace {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "embedded/upcase.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
 
 namespace embedded {
 

@@ -5,7 +5,7 @@
 
 #include "embedded/ob.h"
 #include "embedded/ps.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
 
 namespace embedded {
 

@@ -13,7 +13,9 @@
 #include "embedded/ex.h"
 #include "embedded/faults.h"
 #include "embedded/image/calls.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/rules.h"
+#include "embedded/verifier/stack.h"
 
 namespace embedded {
 namespace {

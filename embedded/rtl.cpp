@@ -1,7 +1,7 @@
 #include "embedded/rtl.h"
 
 #include "embedded/upcase.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/rules.h"
 
 #include <algorithm>
 #include <limits>

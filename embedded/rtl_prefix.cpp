@@ -13,7 +13,9 @@
 #include "embedded/rtl.h"
 
 #include "embedded/rtl_prefix_index.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/leaks.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/rules.h"
 
 #include <algorithm>
 #include <array>

@@ -3,7 +3,7 @@
 #include <cstring>
 
 #include "embedded/ps.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/rules.h"
 #include "embedded/zw_internal.h"
 
 namespace embedded {

@@ -3,7 +3,8 @@
 #include "embedded/ex.h"
 #include "embedded/mup.h"
 #include "embedded/system_volume.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/rules.h"
 #include "embedded/zw_internal.h"
 
 namespace embedded {

@@ -1,7 +1,7 @@
 #include <algorithm>
 
 #include "embedded/system_volume.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/rules.h"
 #include "embedded/zw_internal.h"
 
 namespace embedded {

@@ -3,7 +3,7 @@
 #include <span>
 
 #include "embedded/faults.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/rules.h"
 #include "embedded/zw_internal.h"
 
 namespace embedded {

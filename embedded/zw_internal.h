@@ -2,7 +2,8 @@
 #pragma once
 
 #include "embedded/io_objects.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/user_memory.h"
 #include "embedded/zw.h"
 
 namespace embedded {

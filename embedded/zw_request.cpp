@@ -2,7 +2,7 @@
 #include <cstring>
 
 #include "embedded/ex.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/rules.h"
 #include "embedded/zw_internal.h"
 
 namespace embedded {

@@ -9,7 +9,6 @@
 
 #include <fmt/format.h>
 
-#include "embedded/verifier/verifier.h"
 #include "kernel/kernel.h"
 
 extern "C" {

@@ -10,7 +10,8 @@
 #include "embedded/image/calls.h"
 #include "embedded/image/unwind.h"
 #include "embedded/mm.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/stack.h"
 
 namespace embedded {
 namespace {

@@ -8,7 +8,7 @@
 #include "embedded/image/calls.h"
 #include "embedded/image/unwind.h"
 #include "embedded/mm.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
 
 namespace embedded {
 namespace {

@@ -4,7 +4,7 @@
 #include <cstring>
 
 #include "embedded/image/unwind.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
 #include "kernel/kernel.h"
 
 namespace embedded {

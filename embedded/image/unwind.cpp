@@ -4,7 +4,7 @@
 #include <cstring>
 #include <optional>
 
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/stack.h"
 
 namespace embedded {
 namespace {

@@ -7,7 +7,8 @@
 
 #include <fmt/format.h>
 
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/stack.h"
 
 namespace embedded {
 namespace {

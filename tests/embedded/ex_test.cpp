@@ -7,6 +7,7 @@
 
 #include "embedded/faults.h"
 #include "embedded/ps.h"
+#include "embedded/verifier/report.h"
 #include "tests/embedded/planted.h"
 
 namespace embedded {

@@ -1,7 +1,7 @@
 #include "embedded/fsrtl.h"
 
 #include "embedded/io.h"
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/report.h"
 
 #include <functional>
 #include <gtest/gtest.h>

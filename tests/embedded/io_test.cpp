@@ -4,6 +4,8 @@
 
 #include "embedded/io_objects.h"
 #include "embedded/ps.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/user_memory.h"
 #include "io_fixture.h"
 #include "planted.h"
 

@@ -10,7 +10,6 @@
 #include "embedded/ex.h"
 #include "embedded/faults.h"
 #include "embedded/ps.h"
-#include "embedded/verifier/verifier.h"
 
 namespace embedded {
 namespace {

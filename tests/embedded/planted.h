@@ -7,8 +7,6 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
-#include "embedded/verifier/verifier.h"
-
 namespace embedded {
 
 struct PlantedFault {

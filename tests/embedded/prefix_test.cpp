@@ -1,7 +1,6 @@
 #include "embedded/rtl.h"
 
 #include "embedded/upcase.h"
-#include "embedded/verifier/verifier.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>

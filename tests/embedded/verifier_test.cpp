@@ -1,4 +1,7 @@
-#include "embedded/verifier/verifier.h"
+#include "embedded/verifier/leaks.h"
+#include "embedded/verifier/report.h"
+#include "embedded/verifier/rules.h"
+#include "embedded/verifier/user_memory.h"
 
 #include <thread>
 

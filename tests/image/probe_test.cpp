@@ -14,7 +14,6 @@
 #include "embedded/io_objects.h"
 #include "embedded/kernel.h"
 #include "embedded/ps.h"
-#include "embedded/verifier/verifier.h"
 #include "tests/app/program.h"
 
 using testing::HasSubstr;

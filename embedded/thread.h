@@ -1,0 +1,123 @@
+// Threads as the embedded kernel knows them: one record each, with what it holds and where it waits.
+//
+// A record belongs to its thread: only the fields under "parking" are touched by others, under ParkMutex. Everything
+// else of this kernel may include this file; it includes no other of its rooms.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+
+#include "kernel/kernel.h"
+
+namespace embedded {
+
+inline constexpr KIRQL PassiveLevel = 0;
+inline constexpr KIRQL ApcLevel = 1;
+inline constexpr KIRQL DispatchLevel = 2;
+inline constexpr KIRQL HighLevel = 15;
+
+enum class LockKind : UCHAR { SpinLock, ResourceShared, ResourceExclusive };
+
+// One lock that a thread holds; Count is how often (resources only).
+struct HeldLock {
+    PVOID Lock;
+    PVOID Where;
+    ULONG Count;
+    LockKind Kind;
+};
+
+// A lock-order edge this thread has seen accepted already.
+struct SeenEdge {
+    PVOID From;
+    PVOID To;
+    ULONG64 Generation;
+};
+
+inline constexpr ULONG MaximumHeldLocks = 32;
+inline constexpr ULONG SeenEdges = 64;
+inline constexpr UCHAR ThreadObjectType = 6;
+
+} // namespace embedded
+
+struct _KTHREAD {
+    DISPATCHER_HEADER Header; // signalled when a system thread has ended: threads can be waited for
+
+    KIRQL Irql;
+    bool SystemThread;
+    bool CountsInSettle; // Clock::Settle waits for this thread
+    LONG CriticalRegions;
+    PIRP TopLevelIrp;
+    PEPROCESS Process;
+    ULONG FaultScopes;  // driver code runs: faults may be injected
+    ULONG FaultExempts; // ... but not while this is set
+    PMDL SpareMdl;      // the MDL freed last, while nothing is verified
+
+    ULONG HeldCount;
+    embedded::HeldLock Held[embedded::MaximumHeldLocks];
+    embedded::SeenEdge Seen[embedded::SeenEdges];
+    ULONG_PTR StackLow;
+    ULONG_PTR StackHigh;
+
+    // Pool of the unverified kind: written by this thread only, summed by others.
+    std::atomic<LONG64> PoolBytes;
+    std::atomic<LONG64> PoolBlocks;
+
+    // Parking.
+    std::mutex ParkMutex;
+    std::condition_variable ParkWake;
+    bool ParkToken;
+    bool Parked;
+
+    PVOID SignalStack; // for the report of a stack that is used up; null when the host's thread has one of its own
+};
+
+namespace embedded {
+
+using KThread = _KTHREAD;
+
+inline constinit thread_local KThread *CurrentThreadRecord = nullptr;
+
+// What a service calls on its rare paths is NTAPI as well: a call of the host's convention would make every service
+// save ten vector registers on its common path, and so would one that may throw.
+
+// Gives the calling thread its record; it lives until the thread ends. The process of a foreign thread is System.
+__attribute__((noinline)) KThread &NTAPI AttachThread() noexcept;
+
+inline KThread &CurrentThread() {
+    KThread *Thread = CurrentThreadRecord;
+    return Thread != nullptr ? *Thread : AttachThread();
+}
+
+// Calls Visit for every thread record, under the list's lock: Visit may read only PoolBytes and PoolBlocks.
+void ForEachThread(void (*Visit)(KThread &, void *), void *Context);
+
+// Lock bookkeeping, shared by spin locks and resources. Where is the caller's return address.
+inline HeldLock *FindHeld(KThread &Thread, const void *Lock) {
+    for (ULONG Index = Thread.HeldCount; Index-- > 0;) {
+        if (Thread.Held[Index].Lock == Lock) {
+            return &Thread.Held[Index];
+        }
+    }
+    return nullptr;
+}
+
+[[noreturn]] void NTAPI ReportTooManyLocks(const KThread &Thread) noexcept;
+
+inline void PushHeld(KThread &Thread, PVOID Lock, LockKind Kind, PVOID Where) {
+    if (Thread.HeldCount == MaximumHeldLocks) [[unlikely]] {
+        ReportTooManyLocks(Thread);
+    }
+    Thread.Held[Thread.HeldCount++] = {Lock, Where, 1, Kind};
+}
+
+// Moves the locks behind Held, which were taken later, one place down.
+void NTAPI CloseGap(KThread &Thread, HeldLock *Held) noexcept;
+
+inline void DropHeld(KThread &Thread, HeldLock *Held) {
+    if (Held != &Thread.Held[--Thread.HeldCount]) {
+        CloseGap(Thread, Held);
+    }
+}
+
+} // namespace embedded

@@ -1,0 +1,136 @@
+// Rules of calls: the highest IRQL of each service, and what a call into the driver must leave as it was.
+#pragma once
+
+#include <string_view>
+
+#include "embedded/thread.h"
+#include "embedded/verifier/report.h"
+
+namespace embedded {
+
+// One row per service: the highest IRQL it may be called at.
+struct IrqlRule {
+    std::string_view Routine;
+    KIRQL Highest;
+};
+
+inline constexpr IrqlRule IrqlRules[] = {
+    {"DbgPrint", DispatchLevel},
+    {"DbgPrintEx", DispatchLevel},
+    {"ExAcquireResourceExclusiveLite", ApcLevel},
+    {"ExAcquireResourceSharedLite", ApcLevel},
+    {"ExConvertExclusiveToSharedLite", DispatchLevel},
+    {"ExDeleteNPagedLookasideList", DispatchLevel},
+    {"ExDeleteResourceLite", ApcLevel},
+    {"ExInitializeNPagedLookasideList", DispatchLevel},
+    {"ExInitializeResourceLite", DispatchLevel},
+    {"ExIsResourceAcquiredExclusiveLite", DispatchLevel},
+    {"ExIsResourceAcquiredSharedLite", DispatchLevel},
+    {"ExReleaseResourceLite", DispatchLevel},
+    {"FsRtlCopyRead", ApcLevel},
+    {"FsRtlCopyWrite", ApcLevel},
+    {"FsRtlDeregisterUncProvider", PassiveLevel},
+    {"FsRtlFastUnlockSingle", ApcLevel},
+    {"FsRtlGetNextFileLock", ApcLevel},
+    {"FsRtlInitializeFileLock", ApcLevel},
+    {"FsRtlNotifyInitializeSync", ApcLevel},
+    {"FsRtlNotifyUninitializeSync", ApcLevel},
+    {"FsRtlProcessFileLock", ApcLevel},
+    {"FsRtlRegisterUncProviderEx", PassiveLevel},
+    {"FsRtlTeardownPerStreamContexts", ApcLevel},
+    {"FsRtlUninitializeFileLock", ApcLevel},
+    {"IoAllocateMdl", DispatchLevel},
+    {"IoCheckShareAccess", ApcLevel},
+    {"IoCreateDevice", ApcLevel},
+    {"IoCreateSymbolicLink", ApcLevel},
+    {"IoDeleteDevice", ApcLevel},
+    {"IoFreeMdl", DispatchLevel},
+    {"IoGetCurrentProcess", DispatchLevel},
+    {"IoGetRequestorProcess", DispatchLevel},
+    {"IoIsOperationSynchronous", DispatchLevel},
+    {"IoRemoveShareAccess", ApcLevel},
+    {"IoSetShareAccess", ApcLevel},
+    {"KeEnterCriticalRegion", ApcLevel},
+    {"KeInitializeEvent", DispatchLevel},
+    {"KeLeaveCriticalRegion", ApcLevel},
+    {"KeSetEvent", DispatchLevel},
+    {"MmForceSectionClosed", ApcLevel},
+    {"MmMapLockedPagesSpecifyCache", DispatchLevel},
+    {"MmProbeAndLockPages", ApcLevel},
+    {"MmUnlockPages", DispatchLevel},
+    {"NtClose", PassiveLevel},
+    {"NtCreateFile", PassiveLevel},
+    {"NtSetSecurityObject", PassiveLevel},
+    {"ObReferenceObjectByHandle", PassiveLevel},
+    {"ObfDereferenceObject", DispatchLevel},
+    {"PsCreateSystemThread", PassiveLevel},
+    {"PsTerminateSystemThread", PassiveLevel},
+    {"RtlEqualUnicodeString", PassiveLevel},
+    {"RtlFindUnicodePrefix", ApcLevel},
+    {"RtlInitializeUnicodePrefix", ApcLevel},
+    {"RtlInsertUnicodePrefix", ApcLevel},
+    {"RtlNextUnicodePrefix", ApcLevel},
+    {"RtlRemoveUnicodePrefix", ApcLevel},
+    {"RtlUpcaseUnicodeChar", PassiveLevel},
+    {"ZwClose", PassiveLevel},
+    {"ZwDeleteFile", PassiveLevel},
+    {"ZwOpenKey", PassiveLevel},
+    {"ZwQuerySystemInformation", PassiveLevel},
+    {"ZwQueryValueKey", PassiveLevel},
+    {"ZwWriteFile", PassiveLevel},
+    {"a file service", PassiveLevel},
+};
+
+// The row of a routine; a routine without a row does not compile.
+consteval const IrqlRule &IrqlRuleOf(std::string_view Routine) {
+    for (const IrqlRule &Rule : IrqlRules) {
+        if (Rule.Routine == Routine) {
+            return Rule;
+        }
+    }
+    throw "no such routine in IrqlRules";
+}
+
+[[noreturn]] void NTAPI ReportIrql(KIRQL Highest, std::string_view Routine) noexcept;
+
+// Stops when the calling thread's IRQL is above what Routine allows.
+inline void RequireIrql(KIRQL Highest, std::string_view Routine) {
+    if (Verifying() && CurrentThread().Irql > Highest) [[unlikely]] {
+        ReportIrql(Highest, Routine);
+    }
+}
+inline void RequireIrql(const IrqlRule &Rule) {
+    RequireIrql(Rule.Highest, Rule.Routine);
+}
+
+// Around a call into the driver: the IRQL, the critical-region count and the number of held locks must be the same
+// after the call as before it.
+enum class DriverCall { Dispatch, FastIo, Completion, Other };
+
+class RequireUnchanged {
+public:
+    RequireUnchanged(DriverCall Call, const char *Routine) : Call_(Call), Routine_(Routine) {
+        const KThread &Thread = CurrentThread();
+        CriticalRegions_ = Thread.CriticalRegions;
+        HeldCount_ = Thread.HeldCount;
+        Irql_ = Thread.Irql;
+    }
+    ~RequireUnchanged() {
+        if (Verifying()) {
+            Compare();
+        }
+    }
+    RequireUnchanged(const RequireUnchanged &) = delete;
+    RequireUnchanged &operator=(const RequireUnchanged &) = delete;
+
+private:
+    void Compare() const;
+
+    DriverCall Call_;
+    const char *Routine_;
+    LONG CriticalRegions_;
+    ULONG HeldCount_;
+    KIRQL Irql_;
+};
+
+} // namespace embedded
