@@ -23,6 +23,9 @@ bool PlantFileLock(PFILE_LOCK FileLock, PFILE_OBJECT FileObject, PEPROCESS Proce
 // Requests that wait in a table.
 size_t WaitingFileLocks(PFILE_LOCK FileLock);
 
+// FsRtlNotifyInitializeSync, which raises (RaisedException) when memory is out: the driver calls it through its seam.
+void NotifyInitializeSync(PNOTIFY_SYNC *NotifySync);
+
 // Everything of this room that is alive in the whole process.
 struct FsRtlCounts {
     size_t LockTables;

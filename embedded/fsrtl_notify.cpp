@@ -1,5 +1,7 @@
 #include "embedded/fsrtl.h"
 
+#include "embedded/faults.h"
+#include "embedded/mm.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"
 
@@ -22,8 +24,11 @@ size_t embedded::NotifySyncsInUse() {
     return NotifySyncCount.load();
 }
 
-VOID NTAPI FsRtlNotifyInitializeSync(PNOTIFY_SYNC *NotifySync) noexcept {
-    embedded::RequireIrql(embedded::IrqlRuleOf("FsRtlNotifyInitializeSync"));
+void embedded::NotifyInitializeSync(PNOTIFY_SYNC *NotifySync) {
+    RequireIrql(IrqlRuleOf("FsRtlNotifyInitializeSync"));
+    if (ShouldFail(FaultKind::NotifySync)) {
+        throw RaisedException{STATUS_INSUFFICIENT_RESOURCES};
+    }
     *NotifySync = new _REAL_NOTIFY_SYNC;
     ++NotifySyncCount;
 }

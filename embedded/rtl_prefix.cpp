@@ -10,6 +10,7 @@
 // from the longest down. A key holds 48 bits of hash and the name's length; a slot also holds the name's buffer, so
 // that a hit costs one slot and one buffer, and reads the entry only to choose between names that differ in case.
 
+#include "embedded/faults.h"
 #include "embedded/rtl.h"
 
 #include "embedded/rtl_prefix_index.h"
@@ -266,6 +267,9 @@ VOID NTAPI RtlInitializeUnicodePrefix(PUNICODE_PREFIX_TABLE PrefixTable) noexcep
 BOOLEAN NTAPI RtlInsertUnicodePrefix(PUNICODE_PREFIX_TABLE PrefixTable, PUNICODE_STRING Prefix,
                                      PUNICODE_PREFIX_TABLE_ENTRY PrefixTableEntry) noexcept {
     RequireIrql(IrqlRuleOf("RtlInsertUnicodePrefix"));
+    if (ShouldFail(FaultKind::Prefix)) {
+        return FALSE;
+    }
     PrefixIndex *Index = IndexOf(PrefixTable);
     if (Index == nullptr) {
         Index = Registry.Create(PrefixTable);

@@ -1,5 +1,6 @@
 #include "kernel/kernel.h"
 
+#include "embedded/fsrtl.h"
 #include "embedded/mm.h"
 
 NTSTATUS KernelProbeAndLockPages(PMDL Mdl, KPROCESSOR_MODE Mode, LOCK_OPERATION Operation) {
@@ -7,6 +8,16 @@ NTSTATUS KernelProbeAndLockPages(PMDL Mdl, KPROCESSOR_MODE Mode, LOCK_OPERATION 
         embedded::ProbeAndLockPages(Mdl, Mode, Operation);
         return STATUS_SUCCESS;
     } catch (const embedded::RaisedException &Raised) {
+        return Raised.Status;
+    }
+}
+
+NTSTATUS KernelNotifyInitializeSync(PNOTIFY_SYNC *NotifySync) {
+    try {
+        embedded::NotifyInitializeSync(NotifySync);
+        return STATUS_SUCCESS;
+    } catch (const embedded::RaisedException &Raised) {
+        *NotifySync = nullptr;
         return Raised.Status;
     }
 }

@@ -162,6 +162,8 @@ NTSTATUS PackEntries(QUERY &Query, UCHAR *Buffer) {
         if (Status != STATUS_SUCCESS) {
             return Status;
         }
+        // The bytes up to the boundary on which the entry begins are counted with it.
+        memset(Buffer + Query.Information, 0, Offset - Query.Information);
         const ULONG Distance = Offset - Query.Previous;
         RtlCopyMemory(Buffer + Query.Previous, &Distance, sizeof(Distance));
         Query.Previous = Offset;

@@ -3,8 +3,8 @@
 
 #include "kernel/kernel.h"
 
-// Counts what is left as the classes do: a structure's unwritten tail may be charged as well, and drive the count below
-// zero; from then on nothing fits.
+// Counts what is left as the classes do: a structure's tail is charged as a whole, and may drive the count below zero;
+// from then on nothing fits. Every byte that is counted is written: the buffer comes with whatever lay there before.
 class AnswerBuffer {
 public:
     AnswerBuffer(PVOID Buffer, ULONG Length)
@@ -24,7 +24,7 @@ public:
             return false;
         }
         RtlCopyMemory(At_, Bytes, Count);
-        Skip(Count);
+        Advance(Count);
         return true;
     }
     // Appends what fits of Bytes; FALSE when that was not all.
@@ -32,13 +32,16 @@ public:
         const bool All = Fits(Count);
         const ULONG Part = All ? Count : (Remaining_ > 0 ? static_cast<ULONG>(Remaining_) : 0);
         RtlCopyMemory(At_, Bytes, Part);
-        Skip(Part);
+        Advance(Part);
         return All;
     }
-    // Charges bytes that are not written.
-    void Skip(ULONG Count) {
-        At_ += Count;
-        Remaining_ -= Count;
+    // Charges Count bytes of no meaning, and zeroes those of them that are there.
+    void PutTail(ULONG Count) {
+        const LONG64 There = Remaining_ < static_cast<LONG64>(Count) ? Remaining_ : static_cast<LONG64>(Count);
+        if (There > 0) {
+            memset(At_, 0, static_cast<SIZE_T>(There));
+        }
+        Advance(Count);
     }
     LONG64 Remaining() const {
         return Remaining_;
@@ -49,6 +52,11 @@ public:
     }
 
 private:
+    void Advance(ULONG Count) {
+        At_ += Count;
+        Remaining_ -= Count;
+    }
+
     UCHAR *At_;
     ULONG Length_;
     LONG64 Remaining_;

@@ -116,7 +116,7 @@ bool PutBasic(const QUERY &Query, AnswerBuffer &Answer) {
         return false;
     }
     NtFsdDebugPrint(TRACE_FILE_INFO, 0, " BasicInfo->FileAttributes = 0x%x\n", Attributes);
-    Answer.Skip(BASIC_TAIL);
+    Answer.PutTail(BASIC_TAIL);
     return true;
 }
 
@@ -132,7 +132,7 @@ NTSTATUS NtFsdFileStandardInfo(const QUERY &Query, AnswerBuffer &Answer) {
     const BOOLEAN Directory = Query.IsDirectory();
     if (Answer.Put(Size) && Answer.Put(Size) && Answer.Put(Links) && Answer.Put(DeletePending) &&
         Answer.Put(Directory)) {
-        Answer.Skip(STANDARD_TAIL);
+        Answer.PutTail(STANDARD_TAIL);
         return STATUS_SUCCESS;
     }
     return STATUS_BUFFER_OVERFLOW;
@@ -216,15 +216,15 @@ NTSTATUS NtFsdNetworkOpenInfo(const QUERY &Query, AnswerBuffer &Answer) {
         Status = NtFsdFileStandardInfo(Query, StandardScratch);
     }
     if (!NT_SUCCESS(Status)) {
-        Answer.Skip(SIZE);
+        Answer.PutTail(SIZE);
         return Status;
     }
-    // The four times lie alike; the reserved word at the end stays as it is.
+    // The four times lie alike.
     Answer.PutBytes(&Basic, offsetof(FILE_BASIC_INFORMATION, FileAttributes));
     Answer.Put(Standard.AllocationSize.QuadPart);
     Answer.Put(Standard.EndOfFile.QuadPart);
     Answer.Put(Basic.FileAttributes);
-    Answer.Skip(sizeof(ULONG));
+    Answer.PutTail(sizeof(ULONG)); // reserved
     return STATUS_SUCCESS;
 }
 

@@ -88,6 +88,13 @@ PFCB NtFsdAllocFcb(PFILE_OBJECT FileObject, PCUNICODE_STRING Path) {
         NtFsdFreeFcbMemory(Fcb);
         return nullptr;
     }
+    if (const NTSTATUS Status = KernelNotifyInitializeSync(&Fcb->NotifySync); !NT_SUCCESS(Status)) {
+        NtFsdAlwaysPrint("[RVFSD] NtFsdAllocFcb FsRtlNotifyInitializeSync raised 0x%08X.\n", Status);
+        Ignore(ExDeleteResourceLite(&Fcb->PagingIoResource), "it was just set up");
+        Ignore(ExDeleteResourceLite(&Fcb->Resource), "it was just set up");
+        NtFsdFreeFcbMemory(Fcb);
+        return nullptr;
+    }
     // Only an FCB that will live may be pointed to.
     if (FileObject != nullptr) {
         FileObject->SectionObjectPointer = &Fcb->SectionObjectPointers;
@@ -96,7 +103,6 @@ PFCB NtFsdAllocFcb(PFILE_OBJECT FileObject, PCUNICODE_STRING Path) {
     InitializeListHead(&Fcb->InstanceList);
     InitializeListHead(&Fcb->NotifyList);
     Fcb->Header.IsFastIoPossible = FastIoIsNotPossible;
-    FsRtlNotifyInitializeSync(&Fcb->NotifySync);
     AddToList(Fcb);
     return Fcb;
 }

@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "embedded/fsrtl.h"
 #include "embedded/image/calls.h"
 #include "embedded/image/unwind.h"
 #include "embedded/mm.h"
@@ -212,6 +213,9 @@ uint32_t NTAPI EmbeddedRaisingMmProbeAndLockPages(PMDL Mdl, KPROCESSOR_MODE Mode
         [=] { ProbeAndLockPages(Mdl, Mode, Operation); },
         {"MmProbeAndLockPages", 3, Number(Mdl), static_cast<uint64_t>(Mode), static_cast<uint64_t>(Operation)});
 }
+uint32_t NTAPI EmbeddedRaisingFsRtlNotifyInitializeSync(PNOTIFY_SYNC *NotifySync) noexcept {
+    return Catch([=] { NotifyInitializeSync(NotifySync); }, {"FsRtlNotifyInitializeSync", 1, Number(NotifySync), 0, 0});
+}
 uint32_t NTAPI EmbeddedRaisingProbeForRead(const void *Address, SIZE_T Length, ULONG Alignment) noexcept {
     return Catch([=] { Probe(Address, Length, Alignment, false); },
                  {"ProbeForRead", 3, Number(Address), Length, Alignment});
@@ -239,6 +243,7 @@ uint32_t NTAPI EmbeddedDispatchRaise(uint32_t Code, UnwindContext *Context) noex
 }
 
 void EmbeddedGateMmProbeAndLockPages();
+void EmbeddedGateFsRtlNotifyInitializeSync();
 void EmbeddedGateProbeForRead();
 void EmbeddedGateProbeForWrite();
 void EmbeddedGateExRaiseStatus();
@@ -258,6 +263,7 @@ EmbeddedGate\service:
     .size EmbeddedGate\service, . - EmbeddedGate\service
     .endm
     GATE MmProbeAndLockPages
+    GATE FsRtlNotifyInitializeSync
     GATE ProbeForRead
     GATE ProbeForWrite
     GATE ExRaiseStatus
@@ -338,6 +344,7 @@ void *RaisingGate(const char *Service) {
         const char *Name;
         void (*Gate)();
     } Gates[] = {{"MmProbeAndLockPages", EmbeddedGateMmProbeAndLockPages},
+                 {"FsRtlNotifyInitializeSync", EmbeddedGateFsRtlNotifyInitializeSync},
                  {"ProbeForRead", EmbeddedGateProbeForRead},
                  {"ProbeForWrite", EmbeddedGateProbeForWrite},
                  {"ExRaiseStatus", EmbeddedGateExRaiseStatus}};

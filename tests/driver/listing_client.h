@@ -37,6 +37,9 @@ inline std::vector<Entry> Unpack(const std::vector<UCHAR> &Buffer, ULONG_PTR Inf
             EXPECT_EQ(Information, At + Fixed + NameBytes) << "Information ends with the last entry";
             break;
         }
+        for (ULONG_PTR Gap = At + Fixed + NameBytes; Gap < At + Next; ++Gap) {
+            EXPECT_EQ(Buffer[Gap], 0) << "byte " << Gap << " is counted and was never written";
+        }
         At += Next;
     }
     return Entries;

@@ -46,6 +46,9 @@ protected:
         Result.Status = IoStatus.Status;
         Result.Information = IoStatus.Information;
         EXPECT_LE(Result.Information, Length);
+        for (ULONG_PTR At = 0; At < Result.Information; ++At) {
+            EXPECT_NE(Result.Bytes[At], Pattern) << "class " << InfoClass << ": byte " << At << " was never written";
+        }
         for (size_t At = Length; At < Result.Bytes.size(); ++At) {
             EXPECT_EQ(Result.Bytes[At], Pattern) << "class " << InfoClass << ", length " << Length;
         }

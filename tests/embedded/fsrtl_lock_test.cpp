@@ -451,7 +451,7 @@ TEST_F(FileLocks, CancelAndGrantRacingEndARequestOnce) {
 
 TEST(NotifySync, IsCountedFromSetUpToTeardown) {
     PNOTIFY_SYNC Sync = nullptr;
-    FsRtlNotifyInitializeSync(&Sync);
+    ASSERT_EQ(KernelNotifyInitializeSync(&Sync), STATUS_SUCCESS);
     ASSERT_NE(Sync, nullptr);
     EXPECT_EQ(CheckFsRtlLeaks(), "1 notify synchronisation object(s) left\n");
     FsRtlNotifyUninitializeSync(&Sync);

@@ -140,7 +140,6 @@ NTKERNELAPI PFILE_LOCK_INFO NTAPI FsRtlGetNextFileLock(PFILE_LOCK FileLock, BOOL
 NTKERNELAPI NTSTATUS NTAPI FsRtlFastUnlockSingle(PFILE_LOCK FileLock, PFILE_OBJECT FileObject,
                                                  LARGE_INTEGER *FileOffset, PLARGE_INTEGER Length, PEPROCESS Process,
                                                  ULONG Key, PVOID Context, BOOLEAN AlreadySynchronized) noexcept;
-NTKERNELAPI VOID NTAPI FsRtlNotifyInitializeSync(PNOTIFY_SYNC *NotifySync) noexcept;
 NTKERNELAPI VOID NTAPI FsRtlNotifyUninitializeSync(PNOTIFY_SYNC *NotifySync) noexcept;
 NTKERNELAPI VOID NTAPI FsRtlTeardownPerStreamContexts(PFSRTL_ADVANCED_FCB_HEADER AdvancedHeader) noexcept;
 

@@ -10,3 +10,13 @@ NTSTATUS KernelProbeAndLockPages(PMDL Mdl, KPROCESSOR_MODE Mode, LOCK_OPERATION 
     }
     return STATUS_SUCCESS;
 }
+
+NTSTATUS KernelNotifyInitializeSync(PNOTIFY_SYNC *NotifySync) {
+    __try {
+        FsRtlNotifyInitializeSync(NotifySync);
+    } __except (EXCEPTION_EXECUTE_HANDLER) {
+        *NotifySync = nullptr;
+        return GetExceptionCode();
+    }
+    return STATUS_SUCCESS;
+}
