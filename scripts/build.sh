@@ -45,7 +45,29 @@ require_packages() {
 # What build_preset gives to the configuration besides the preset.
 configure_options=
 
-# build_preset PRESET [TARGET...]: configures and builds, quietly unless something fails. Ends the script on a failure.
+# show_build LOG: the build's lines from standard input into LOG; on a terminal, how far it is and what is left of it.
+show_build() {
+    begun=$(date +%s)
+    while IFS= read -r line; do
+        printf '%s\n' "$line"
+        case $line in
+        "["[0-9]*/[0-9]*"] "*)
+            [ -t 2 ] || continue
+            counts=${line%%]*}
+            done_=${counts#?}
+            all=${done_#*/}
+            done_=${done_%/*}
+            left=
+            [ "$done_" -lt 10 ] || left=", about $((($(date +%s) - begun) * (all - done_) / done_ + 1)) s left"
+            printf '\r  %s of %s%s    ' "$done_" "$all" "$left" >&2
+            ;;
+        esac
+    done >>"$1"
+    [ ! -t 2 ] || printf '\r%50s\r' '' >&2
+}
+
+# build_preset PRESET [TARGET...]: configures and builds; says little, and the build's last lines when it fails. Ends the
+# script on a failure.
 build_preset() {
     preset=$1
     shift
@@ -53,12 +75,37 @@ build_preset() {
     log=build/$preset.log
     mkdir -p build
     started=$(date +%s)
+    if [ -f "build/$preset/CMakeCache.txt" ] && ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$PWD" "build/$preset/CMakeCache.txt"; then
+        # Copied or moved together with the sources: a cache holds for one place.
+        rm -rf "build/$preset/CMakeCache.txt" "build/$preset/CMakeFiles"
+    fi
+    first=
+    [ -f "build/$preset/build.ninja" ] || first=", the first time: one to two minutes of two processors"
     # shellcheck disable=SC2086 # a list of options
-    echo "Building preset $preset (log: $log)"
-    if ! { cmake --preset "$preset" $configure_options && cmake --build --preset "$preset" --parallel "$(nproc)" "$@"; } >"$log" 2>&1; then
+    echo "Building preset $preset (log: $log)$first"
+    code=build/$preset.code
+    echo 1 >"$code"
+    : >"$log"
+    # shellcheck disable=SC2086 # a list of options
+    {
+        cmake --preset "$preset" $configure_options &&
+            cmake --build --preset "$preset" --parallel "$(nproc)" "$@" &&
+            echo 0 >"$code"
+    } </dev/null 2>&1 | show_build "$log"
+    if [ "$(cat "$code")" -ne 0 ]; then
+        rm -f "$code"
         tail -n 100 "$log" >&2
         echo "The build of preset $preset failed." >&2
         exit 1
     fi
+    rm -f "$code"
     echo "Built preset $preset in $(($(date +%s) - started)) s"
+}
+
+# is_newer STAMP PATH...: something below PATHs has changed since STAMP was written, or been added, or taken away. It is the
+# time of the last change of the inode that counts, which nobody sets: copies that keep their old times are seen too.
+is_newer() {
+    stamp=$1
+    shift
+    [ ! -f "$stamp" ] || [ -n "$(find "$@" -cnewer "$stamp" -print -quit 2>&1)" ]
 }

@@ -14,6 +14,9 @@ constexpr auto Prompt = "\nrvfsd> "; // a redrawn one begins with a carriage ret
 constexpr auto SecondFile = "A second file, so that a listing has something to list.";
 
 TEST(ProgramConsole, ASessionOnATerminal) {
+    if (!test::Terminal::CanBeHad()) {
+        GTEST_SKIP() << "no pseudo terminals here";
+    }
     test::Terminal Screen({});
     EXPECT_THAT(Screen.Expect(Prompt), HasSubstr("rvfsd console; exports: \\\\demo\\files"));
 

@@ -126,6 +126,9 @@ TEST_F(ProgramListing, ShortNamesAreShownUnlessLazyCloseIsOn) {
 }
 
 TEST_F(ProgramListing, AWaitInTheConsoleIsEndedByOtherVerbsAndByTheConsole) {
+    if (!test::Terminal::CanBeHad()) {
+        GTEST_SKIP() << "no pseudo terminals here";
+    }
     const Ran Off = test::RunProgram(Line({"watch", R"(\\srv\vol\d)"}));
     EXPECT_EQ(Off.Code, 1);
     EXPECT_THAT(Off.Error, HasSubstr("STATUS_NOT_IMPLEMENTED"));

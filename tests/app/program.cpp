@@ -157,6 +157,17 @@ Terminal::Terminal(const std::vector<std::string> &Arguments) {
     }
 }
 
+bool Terminal::CanBeHad() {
+    int Master;
+    int Slave;
+    if (openpty(&Master, &Slave, nullptr, nullptr, nullptr) != 0) {
+        return false;
+    }
+    close(Master);
+    close(Slave);
+    return true;
+}
+
 Terminal::~Terminal() {
     if (Child_ > 0) {
         kill(Child_, SIGKILL);

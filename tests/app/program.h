@@ -32,6 +32,9 @@ public:
     Terminal(const Terminal &) = delete;
     Terminal &operator=(const Terminal &) = delete;
 
+    // FALSE where the system hands out no pseudo terminals: tests that need one are skipped there.
+    static bool CanBeHad();
+
     void Type(std::string_view Text);
     // What was shown since the last call, up to and including Text; all there is, when a minute brings no Text.
     std::string Expect(std::string_view Text);
