@@ -215,7 +215,7 @@ SentIrp::SentIrp(SentIrp &&Other) noexcept : Block_(std::exchange(Other.Block_, 
 
 SentIrp::~SentIrp() {
     if (Block_ != nullptr) {
-        WaitForIrp(*Block_);
+        Wait();
         DeviceObject *Device = Block_->HeldDevice;
         FreeIrp(Block_);
         Device->Dereference();
@@ -231,6 +231,10 @@ IO_STATUS_BLOCK SentIrp::Wait() noexcept {
     IO_STATUS_BLOCK Result{};
     Result.Status = Block_->FinalStatus;
     Result.Information = Block_->FinalInformation;
+    // The last part of a request's end runs in its sender's thread; the close that may follow, too.
+    if (FileObject *File = std::exchange(Block_->File, nullptr); File != nullptr) {
+        File->Dereference();
+    }
     return Result;
 }
 
@@ -271,6 +275,12 @@ SentIrp SendIrp(PDEVICE_OBJECT Device, const IrpBuilder &Builder) {
     IrpBlock *Block = AllocateIrp(Target, Filter);
     Block->HeldDevice = &Target; // the reference travels with the request
     Block->CallersMdl = Builder.Mdl;
+    // Until the request is over its file object cannot be closed. A close itself is sent when nothing refers to it.
+    if (Builder.FileObject != nullptr && Builder.FileObject->FileObjectExtension != nullptr &&
+        Builder.MajorFunction != IRP_MJ_CLOSE) {
+        Block->File = FileObject::Of(Builder.FileObject);
+        Block->File->Reference();
+    }
     IRP &Irp = Block->Irp;
     Irp.MdlAddress = Builder.Mdl;
     Irp.Flags = Builder.IrpFlags;

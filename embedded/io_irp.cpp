@@ -19,7 +19,9 @@
 #include "embedded/faults.h"
 #include "embedded/image/calls.h"
 #include "embedded/io_objects.h"
+#include "embedded/mm_mapping.h"
 #include "embedded/ps.h"
+#include "embedded/verifier/answers.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"
 #include "embedded/verifier/stack.h"
@@ -267,22 +269,25 @@ void CheckStory(const IrpBlock &Block, UCHAR MajorFunction) {
     }
 }
 
-// Gives an asynchronous caller the result: status block, data, events, then the request's own references.
+// Gives an asynchronous caller the result: data, status block, events, then the request's own references. A failure
+// that the caller was told at once is told nowhere else.
 void FinishAsynchronous(IrpBlock &Block) {
-    if (Block.CopyTo != nullptr && !NT_ERROR(Block.FinalStatus)) {
-        memcpy(Block.CopyTo, Block.SystemBuffer, std::min<ULONG_PTR>(Block.FinalInformation, Block.CopyLimit));
+    const bool Failed = NT_ERROR(Block.FinalStatus);
+    if (!Failed) {
+        CopyAnswer(Block);
     }
-    if (Block.Iosb != nullptr) {
+    const bool Tells = !Failed || Block.MarkedPending;
+    if (Block.Iosb != nullptr && Tells) {
         Block.Iosb->Information = Block.FinalInformation;
         __atomic_store_n(&Block.Iosb->Status, Block.FinalStatus, __ATOMIC_RELEASE);
     }
     auto File = Ref<FileObject>::Adopt(Block.File);
     auto Event = Ref<EventObject>::Adopt(Block.UserEvent);
     FreeIrp(&Block);
-    if (Event) {
+    if (Event && Tells) {
         KeSetEvent(&Event->Event, 0, FALSE);
     }
-    if (File) {
+    if (File && Tells) {
         KeSetEvent(&File->Nt.Event, 0, FALSE);
     }
 }
@@ -335,6 +340,7 @@ IrpBlock *AllocateIrp(DeviceObject &Device, bool Filter) noexcept {
     Block->MustWait = false;
     Block->Process = CurrentThread().Process;
     Block->SystemBuffer = nullptr;
+    Block->Garbage = 0;
     Block->CopyTo = nullptr;
     Block->MarkedPending = false;
     Block->CompletedFrom = nullptr;
@@ -375,6 +381,8 @@ NTSTATUS CallDriver(DeviceObject &Device, IrpBlock &Block) noexcept {
     const PIRP TopLevel = Thread.TopLevelIrp;
     const UCHAR MajorFunction = Block.Irp.Tail.Overlay.CurrentStackLocation->MajorFunction;
     const bool Asynchronous = Block.Asynchronous;
+    Block.MajorFunction = MajorFunction;
+    Block.Code = CodeOf(*Block.Irp.Tail.Overlay.CurrentStackLocation);
     Block.StartTime = Observing.load(std::memory_order_acquire) ? WallClock() : 0;
     Block.Dispatcher = &Thread;
     if (Block.Irp.RequestorMode == KernelMode && Block.Irp.MdlAddress == nullptr) {
@@ -418,6 +426,18 @@ NTSTATUS CallDriver(DeviceObject &Device, IrpBlock &Block) noexcept {
         Block.MustWait = true;
     }
     return Status;
+}
+
+void CopyAnswer(const IrpBlock &Block) {
+    if (Block.CopyTo == nullptr) {
+        return;
+    }
+    const auto Counted = std::min<ULONG_PTR>(Block.FinalInformation, Block.CopyLimit);
+    if (Block.Garbage != 0 && Verifying()) {
+        CheckAnswer({Block.MajorFunction, Block.Code, Block.SystemBufferSize}, Block.SystemBuffer, Block.GarbageFrom,
+                    Counted, Block.Garbage, MajorFunctionName(Block.MajorFunction));
+    }
+    memcpy(Block.CopyTo, Block.SystemBuffer, Counted);
 }
 
 void WaitForIrp(IrpBlock &Block) noexcept {
@@ -522,6 +542,9 @@ VOID NTAPI IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) noexcept {
     Block.CompletedFrom = Caller;
     if (!IsCompletable(Block)) [[unlikely]] {
         ReportCompletion(Block);
+    }
+    for (PMDL Mdl = Block.CallersMdl; Mdl != nullptr; Mdl = Mdl->Next) {
+        WriteBack(Mdl); // the sender unlocks it later
     }
     const UCHAR MajorFunction = Irp->Tail.Overlay.CurrentStackLocation->MajorFunction;
     if (Observing.load(std::memory_order_relaxed)) [[unlikely]] {

@@ -102,9 +102,14 @@ struct IrpBlock {
     EventObject *UserEvent;   // likewise
     PIO_STATUS_BLOCK Iosb;    // of the caller, written when an asynchronous request finishes
     DeviceObject *HeldDevice; // a raw request's reference
-    PEPROCESS Process;        // of the thread that made the request
-    PMDL CallersMdl;          // the driver must leave it
-    PVOID SystemBuffer;       // pool of the request's own
+    UCHAR MajorFunction;      // and Code: what was asked
+    ULONG Code;
+    PEPROCESS Process;  // of the thread that made the request
+    PMDL CallersMdl;    // the driver must leave it
+    PVOID SystemBuffer; // pool of the request's own
+    ULONG SystemBufferSize;
+    ULONG Garbage; // what its bytes from GarbageFrom on were filled with; 0: nothing
+    ULONG GarbageFrom;
     PVOID CopyTo;             // Information bytes of SystemBuffer go here
     ULONG CopyLimit;          // ... and never more than this
     LARGE_INTEGER LockLength; // what Parameters.LockControl.Length points to
@@ -150,6 +155,9 @@ using IrpHolder = std::unique_ptr<IrpBlock, IrpDeleter>;
 // Calls the driver's dispatch routine and checks what it leaves behind. Returns what it returned. Afterwards the block
 // of an asynchronous request may be gone.
 NTSTATUS CallDriver(DeviceObject &Device, IrpBlock &Block) noexcept;
+
+// Gives the caller the bytes of the system buffer that the driver says it wrote. The request ended without an error.
+void CopyAnswer(const IrpBlock &Block);
 
 // Waits until a request that was sent is completed.
 void WaitForIrp(IrpBlock &Block) noexcept;

@@ -11,9 +11,11 @@
 #include "embedded/ex.h"
 #include "embedded/faults.h"
 #include "embedded/image/faults.h"
+#include "embedded/mm_mapping.h"
 #include "embedded/ps.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"
+#include "embedded/verifier/stack.h"
 
 // The guarded instructions: int Probe(const void *Address) returns 0, or 1 when the access faulted. They are no part
 // of any instrumented function, so that probing a redzone is no report.
@@ -90,6 +92,13 @@ void OnFault(int Signal, siginfo_t *Info, void *Context) {
     if (Place >= EmbeddedProbeStart && Place < EmbeddedProbeEnd) {
         Rip = reinterpret_cast<greg_t>(EmbeddedProbeFault);
         return;
+    }
+    if (Info->si_code > 0 && Signal == SIGSEGV && IsGoneMapping(Info->si_addr)) {
+        ReportStackFrom(static_cast<ULONG_PTR>(static_cast<ucontext_t *>(Context)->uc_mcontext.gregs[REG_RBP]));
+        BugCheck(bugcheck::Verifier, bugcheck::OwnRule + 7, reinterpret_cast<ULONG_PTR>(Info->si_addr),
+                 static_cast<ULONG_PTR>(Rip), 0,
+                 fmt::format("{} was the mapping of pages that are unlocked by now, used at {}", Info->si_addr,
+                             DescribeAddress(Place)));
     }
     if (Info->si_code > 0) {
         ReportFaultInImage(Signal, Info->si_addr, Context);
@@ -292,6 +301,9 @@ VOID NTAPI MmUnlockPages(PMDL Mdl) noexcept {
     if (!(Mdl->MdlFlags & MDL_PAGES_LOCKED)) {
         Stop(bugcheck::UnlockUnlocked, Mdl, "unlock of an MDL whose pages are not locked");
     }
+    if (Mdl->MdlFlags & MDL_MAPPED_TO_SYSTEM_VA) {
+        UnmapApart(Mdl);
+    }
     Mdl->MdlFlags =
         static_cast<CSHORT>(Mdl->MdlFlags & ~(MDL_PAGES_LOCKED | MDL_MAPPED_TO_SYSTEM_VA | MDL_WRITE_OPERATION));
     Mdl->MappedSystemVa = nullptr;
@@ -309,7 +321,10 @@ PVOID NTAPI MmMapLockedPagesSpecifyCache(PMDL Mdl, KPROCESSOR_MODE, MEMORY_CACHI
     if (ShouldFail(FaultKind::Map)) {
         return nullptr;
     }
-    Mdl->MappedSystemVa = MdlVirtualAddress(Mdl);
+    if (!(Mdl->MdlFlags & MDL_MAPPED_TO_SYSTEM_VA)) {
+        const bool Apart = Verifying() && (Mdl->MdlFlags & MDL_PAGES_LOCKED) && Mdl->Process != nullptr;
+        Mdl->MappedSystemVa = Apart ? MapApart(Mdl) : MdlVirtualAddress(Mdl);
+    }
     Mdl->MdlFlags = static_cast<CSHORT>(Mdl->MdlFlags | MDL_MAPPED_TO_SYSTEM_VA);
     return Mdl->MappedSystemVa;
 }

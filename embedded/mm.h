@@ -1,7 +1,7 @@
 // Memory: MDLs, probing, and the few questions a file system asks the memory manager.
 //
-// Mappings are identities: the one address space is system and user space at once. Probing touches each page with a
-// guarded instruction; a handler for SIGSEGV and SIGBUS, installed at the first probe, passes everything else on to
+// The one address space is system and user space at once; see mm_mapping.h for mappings. Probing touches each page with
+// a guarded instruction; a handler for SIGSEGV and SIGBUS, installed at the first probe, passes everything else on to
 // the handler before it. Nothing blocks.
 #pragma once
 

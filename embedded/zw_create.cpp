@@ -270,8 +270,10 @@ NTSTATUS CreateFor(KPROCESSOR_MODE Mode, PHANDLE FileHandle, PIO_STATUS_BLOCK Io
     }
     Parameters.Mode = Mode;
     const CreateResult Result = CreateFile(Parameters);
-    Iosb->Status = Result.Status;
-    Iosb->Information = Result.Information;
+    if (!NT_ERROR(Result.Status)) {
+        Iosb->Status = Result.Status;
+        Iosb->Information = Result.Information;
+    }
     if (NT_SUCCESS(Result.Status)) {
         *FileHandle = Result.Handle;
     }

@@ -3,6 +3,7 @@
 #include <span>
 
 #include "embedded/faults.h"
+#include "embedded/verifier/answers.h"
 #include "embedded/verifier/rules.h"
 #include "embedded/zw_internal.h"
 
@@ -137,6 +138,7 @@ bool AskFast(BOOLEAN(NTAPI *Query)(PFILE_OBJECT, BOOLEAN, Record *, PIO_STATUS_B
         return false;
     }
     Record Found{};
+    const ULONG Garbage = Verifying() ? FillWithGarbage(&Found, sizeof(Found)) : 0;
     IO_STATUS_BLOCK Answered{};
     {
         RequireUnchanged Unchanged(DriverCall::FastIo, Routine);
@@ -145,8 +147,12 @@ bool AskFast(BOOLEAN(NTAPI *Query)(PFILE_OBJECT, BOOLEAN, Record *, PIO_STATUS_B
             return false;
         }
     }
-    *Iosb = Answered;
-    memcpy(To, &Found, std::min<ULONG_PTR>(Answered.Information, sizeof(Found)));
+    *Iosb = Answered; // of a failure too: this way is not the I/O manager's completion
+    const auto Counted = std::min<ULONG_PTR>(Answered.Information, sizeof(Found));
+    if (Garbage != 0) {
+        CheckAnswer({IRP_MJ_MAXIMUM_FUNCTION + 1, 0, sizeof(Found)}, &Found, 0, Counted, Garbage, Routine);
+    }
+    memcpy(To, &Found, Counted);
     return true;
 }
 

@@ -2,6 +2,7 @@
 #include <cstring>
 
 #include "embedded/ex.h"
+#include "embedded/verifier/answers.h"
 #include "embedded/verifier/rules.h"
 #include "embedded/zw_internal.h"
 
@@ -49,8 +50,11 @@ NTSTATUS FileRequest::UseSystemBuffer(ULONG Size, const void *Input, ULONG Input
         if (Buffer == nullptr) {
             return STATUS_INSUFFICIENT_RESOURCES;
         }
-        // Nothing of an earlier request may reach the caller through bytes that the driver did not write.
-        memset(Buffer, 0, Size);
+        // Nobody cleans such a buffer: what the driver does not write is what the kernel had there.
+        if (Verifying()) {
+            Block_->Garbage = FillWithGarbage(Buffer, Size);
+            Block_->GarbageFrom = InputLength;
+        }
         if (InputLength != 0) {
             memcpy(Buffer, Input, InputLength);
         }
@@ -59,18 +63,19 @@ NTSTATUS FileRequest::UseSystemBuffer(ULONG Size, const void *Input, ULONG Input
     }
     Block_->CopyTo = CopyTo;
     Block_->CopyLimit = CopyLimit;
+    Block_->SystemBufferSize = Size;
     return STATUS_SUCCESS;
 }
 
 NTSTATUS FileRequest::RunToEnd(PIO_STATUS_BLOCK Iosb) noexcept {
     const NTSTATUS Status = CallDriverAndWait(*File_->Device.Get(), *Block_);
     const ULONG_PTR Information = Block_->FinalInformation;
-    if (Block_->CopyTo != nullptr && !NT_ERROR(Status)) {
-        memcpy(Block_->CopyTo, Block_->SystemBuffer, std::min<ULONG_PTR>(Information, Block_->CopyLimit));
-    }
-    if (Iosb != nullptr) {
-        Iosb->Status = Status;
-        Iosb->Information = Information;
+    if (!NT_ERROR(Status)) {
+        CopyAnswer(*Block_);
+        if (Iosb != nullptr) {
+            Iosb->Status = Status;
+            Iosb->Information = Information;
+        }
     }
     return Status;
 }

@@ -116,6 +116,8 @@ TEST_F(Listing, ABatchThatBreaksEndsAfterItsGoodRecordsWithAClearStatus) {
     Provider.AddDirectory(u"\\srv\\vol\\d");
     Provider.AddFile(u"\\srv\\vol\\d\\x1", "");
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
+    const test::RequestLog Log;
+    Completed = &Log;
     const struct {
         std::u16string First, Second;
         ULONG Next;

@@ -188,6 +188,8 @@ TEST_F(Listing, AFailedAllocationLosesAndDoublesNothing) {
     }
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
     const std::vector<std::u16string> Whole = Names(Directory);
+    const test::RequestLog Log;
+    Completed = &Log;
     bool Failed = true;
     for (ULONG64 Nth = 1; Failed; ++Nth) {
         embedded::PlannedFaults Plan({.Kinds = embedded::FaultBit(embedded::FaultKind::Pool), .Nth = Nth});

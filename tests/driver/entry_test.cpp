@@ -364,7 +364,9 @@ TEST_F(Entry, ALockedBufferIsUndoneOnceAndACallersMdlIsLeftAlone) {
     // A second turn of the same request finds its own MDL and still knows that it is its own.
     EXPECT_EQ(NtFsdLockUserBuffer(&Context, IoWriteAccess, sizeof(Buffer)), STATUS_SUCCESS);
     EXPECT_EQ(Context.UserBufferFlags, USER_BUFFER_MDL_ALLOCATED | USER_BUFFER_PAGES_LOCKED);
-    EXPECT_EQ(NtFsdMapUserBuffer(&Context), Buffer);
+    const PVOID Mapped = NtFsdMapUserBuffer(&Context);
+    EXPECT_EQ(Mapped, Irp.MdlAddress->MappedSystemVa);
+    EXPECT_NE(Mapped, Buffer);
     NtFsdUnlockUserBuffer(&Context);
     EXPECT_EQ(Irp.MdlAddress, nullptr);
     EXPECT_EQ(Context.UserBufferFlags, 0u);

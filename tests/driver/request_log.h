@@ -13,7 +13,7 @@ public:
     RequestLog() {
         embedded::SetIoObserver([this](const embedded::CompletedRequest &Request) {
             const std::lock_guard Hold(Lock_);
-            Entries_.push_back({Request.MajorFunction, Request.Status});
+            Entries_.push_back({Request.MajorFunction, Request.Status, Request.Information});
         });
     }
     ~RequestLog() {
@@ -22,6 +22,11 @@ public:
     RequestLog(const RequestLog &) = delete;
     RequestLog &operator=(const RequestLog &) = delete;
 
+    // The bytes that the last request was completed with.
+    ULONG_PTR LastInformation() const {
+        const std::lock_guard Hold(Lock_);
+        return Entries_.empty() ? 0 : Entries_.back().Information;
+    }
     // The statuses of one kind of request.
     std::vector<NTSTATUS> Of(UCHAR MajorFunction) const {
         const std::lock_guard Hold(Lock_);
@@ -38,6 +43,7 @@ private:
     struct Entry {
         UCHAR MajorFunction;
         NTSTATUS Status;
+        ULONG_PTR Information;
     };
     mutable std::mutex Lock_;
     std::vector<Entry> Entries_;

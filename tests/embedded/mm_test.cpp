@@ -150,15 +150,28 @@ TEST(MdlTest, DescribesTheBufferAndChainsToTheIrp) {
     IoFreeMdl(First);
 }
 
-TEST(MdlTest, AMappingIsTheBufferItselfUntilTheUnlock) {
-    static char Buffer[100];
+TEST(MdlTest, AMappingIsAnotherAddressUntilTheUnlockBringsItsBytes) {
+    static char Buffer[3 * PAGE_SIZE];
     PMDL Mdl = IoAllocateMdl(Buffer, sizeof(Buffer), FALSE, FALSE, nullptr);
     ASSERT_EQ(KernelProbeAndLockPages(Mdl, UserMode, IoWriteAccess), STATUS_SUCCESS);
     EXPECT_EQ(SystemProcess()->LockedMdls, 1);
-    EXPECT_EQ(MmMapLockedPagesSpecifyCache(Mdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority), Buffer);
+    auto Map = [Mdl] {
+        return static_cast<char *>(
+            MmMapLockedPagesSpecifyCache(Mdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority));
+    };
+    Buffer[7] = 'b';
+    char *const Mapped = Map();
     EXPECT_TRUE(Mdl->MdlFlags & MDL_MAPPED_TO_SYSTEM_VA);
-    EXPECT_EQ(Mdl->MappedSystemVa, Buffer);
+    EXPECT_EQ(Mdl->MappedSystemVa, Mapped);
+    EXPECT_EQ(Map(), Mapped) << "mapped once";
+    EXPECT_NE(Mapped, Buffer);
+    EXPECT_EQ((Mapped - Buffer) % PAGE_SIZE, 0);
+    EXPECT_EQ(Mapped[7], 'b');
+    Mapped[sizeof(Buffer) - 1] = 'd';
+    Buffer[8] = 'c'; // what only the caller writes stays
     MmUnlockPages(Mdl);
+    EXPECT_EQ(Buffer[sizeof(Buffer) - 1], 'd');
+    EXPECT_EQ(Buffer[8], 'c');
     EXPECT_EQ(Mdl->MdlFlags, 0);
     EXPECT_EQ(SystemProcess()->LockedMdls, 0);
     IoFreeMdl(Mdl);

@@ -424,6 +424,15 @@ const PlantedFault MdlFaults[] = {
      [] { KernelProbeAndLockPages(LockedMdl(), KernelMode, IoReadAccess); }},
     {"MapOfUnlocked", V, bugcheck::OwnRule + 5, "not locked",
      [] { MmMapLockedPagesSpecifyCache(NewMdl(), KernelMode, MmCached, nullptr, FALSE, NormalPagePriority); }},
+    {"MappingUsedAfterUnlock", V, bugcheck::OwnRule + 7, "pages that are unlocked",
+     [] {
+         WatchFaults();
+         PMDL Mdl = LockedMdl();
+         auto *Mapped = static_cast<volatile char *>(
+             MmMapLockedPagesSpecifyCache(Mdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority));
+         MmUnlockPages(Mdl);
+         Mapped[0] = 1;
+     }},
     {"ProcessEndsWithLockedPages", bugcheck::LeftLockedPages, 0, "MDLs locked",
      [] {
          PEPROCESS Process = CreateProcess("client.exe");

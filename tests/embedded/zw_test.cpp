@@ -242,8 +242,9 @@ TEST_F(ZwTest, APendedReadOfASynchronousFileIsWaitedFor) {
     });
     char Byte;
     LARGE_INTEGER Zero = At(0);
+    Iosb.Status = 77;
     EXPECT_EQ(NtReadFile(Handle, nullptr, nullptr, nullptr, &Iosb, &Byte, 1, &Zero, nullptr), STATUS_END_OF_FILE);
-    EXPECT_EQ(Iosb.Status, STATUS_END_OF_FILE);
+    EXPECT_EQ(Iosb.Status, 77) << "a failure is told by the return alone";
     Server.join();
     NtClose(Handle);
 }
@@ -273,6 +274,33 @@ TEST_F(ZwTest, AnAsynchronousReadPendsAndSignalsItsEvent) {
     EXPECT_EQ(Iosb.Information, 1u);
     EXPECT_EQ(Seen.back(), IRP_MJ_CLOSE);
     NtClose(Event);
+}
+
+// What a driver counts and does not write is reported: a run at once, a single byte when it is no chance any more.
+TEST_F(ZwTest, AnAnswerMayNotCountBytesThatWereNotWritten) {
+    size_t Written = 40;
+    size_t Hole = 40;
+    Handlers[IRP_MJ_QUERY_INFORMATION] = [&](PIRP Irp) {
+        auto *Bytes = static_cast<char *>(Irp->AssociatedIrp.SystemBuffer);
+        for (size_t Index = 0; Index < Written; ++Index) {
+            Bytes[Index] = Index == Hole ? Bytes[Index] : 7;
+        }
+        return Complete(Irp, STATUS_SUCCESS, 40);
+    };
+    const HANDLE Handle = OpenFile();
+    const auto Ask = [&](int Times) {
+        char Answer[40];
+        for (; Times > 0; --Times) {
+            NtQueryInformationFile(Handle, &Iosb, Answer, sizeof(Answer), 4);
+        }
+    };
+    Ask(20); // all written: nobody complains
+    Written = 36;
+    EXPECT_DEATH(Ask(1), "STOP 0x000000C4 .0x00000000000F0006.*counts byte 36,");
+    Written = 40;
+    Hole = 17;
+    EXPECT_DEATH(Ask(4), "STOP 0x000000C4 .0x00000000000F0006.*counts byte 17,");
+    NtClose(Handle);
 }
 
 TEST_F(ZwTest, RequestsOnASynchronousFileComeOneAtATime) {
