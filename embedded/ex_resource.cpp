@@ -13,6 +13,7 @@
 
 #include "embedded/ex.h"
 #include "embedded/ex_live.h"
+#include "embedded/explorer/schedule.h"
 #include "embedded/faults.h"
 #include "embedded/image/calls.h"
 #include "embedded/verifier/report.h"
@@ -85,6 +86,7 @@ void RequireApcsOff(const KThread &Thread, PERESOURCE Resource, ULONG_PTR Which)
 
 __attribute__((noinline)) void NTAPI VerifyAcquire(KThread &Thread, PERESOURCE Resource,
                                                    const IrqlRule &Rule) noexcept {
+    SchedulePoint("the acquire of a resource", Resource);
     RequireIrql(Rule);
     RequireLive(Resource);
     RequireApcsOff(Thread, Resource, bugcheck::ResourceApcsOn);
@@ -114,7 +116,7 @@ bool TryShared(PERESOURCE Resource) {
 
 template <class Try>
 bool SpinFor(PERESOURCE Resource, Try &&Attempt) {
-    for (int Round = 0; Round < SpinRounds; ++Round) {
+    for (int Round = 0; Round < SpinRounds && !ExplorerRuns.load(std::memory_order_relaxed); ++Round) {
         if (Attempt(Resource)) {
             return true;
         }
@@ -375,6 +377,7 @@ VOID NTAPI ExReleaseResourceLite(PERESOURCE Resource) noexcept {
     const bool Exclusive = Held->Kind == LockKind::ResourceExclusive;
     DropHeld(Thread, Held);
     ReleaseWord(Resource, Exclusive);
+    SchedulePoint("the release of a resource", nullptr);
 }
 
 VOID NTAPI ExConvertExclusiveToSharedLite(PERESOURCE Resource) noexcept {

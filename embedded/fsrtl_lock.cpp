@@ -10,6 +10,7 @@
 
 #include "embedded/fsrtl.h"
 
+#include "embedded/explorer/schedule.h"
 #include "embedded/faults.h"
 #include "embedded/fsrtl_ranges.h"
 #include "embedded/verifier/report.h"
@@ -138,6 +139,7 @@ TableReference TableOf(PFILE_LOCK FileLock) {
 // Hands a decided request to the driver, or completes it when the driver has no routine. No lock may be held; the
 // request belongs to others afterwards.
 NTSTATUS CompleteLockIrp(PCOMPLETE_LOCK_IRP_ROUTINE Routine, PVOID Context, PIRP Irp, NTSTATUS Status) {
+    SchedulePoint("the end of a lock request", Irp);
     Irp->IoStatus.Status = Status;
     Irp->IoStatus.Information = 0;
     if (Routine != nullptr) {

@@ -16,6 +16,7 @@
 #endif
 
 #include "embedded/ex.h"
+#include "embedded/explorer/schedule.h"
 #include "embedded/faults.h"
 #include "embedded/image/calls.h"
 #include "embedded/io_objects.h"
@@ -455,6 +456,7 @@ NTSTATUS CallDriverAndWait(DeviceObject &Device, IrpBlock &Block) noexcept {
 
 bool CancelIrp(IrpBlock &Block) noexcept {
     PIRP Irp = &Block.Irp;
+    SchedulePoint("IoCancelIrp", Irp);
     KIRQL Irql;
     IoAcquireCancelSpinLock(&Irql);
     // A request that is being completed is out of reach; one that is not yet stays readable while we work on it.
@@ -529,6 +531,7 @@ VOID NTAPI IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) noexcept {
     IrpBlock &Block = *IrpBlock::Of(Irp);
     PVOID Caller = __builtin_return_address(0);
     if (Verifying()) {
+        SchedulePoint("IofCompleteRequest", Irp);
         Caller = CallerOf(Caller);
     }
     if (Block.Signature != IrpBlock::SignatureValue) [[unlikely]] {

@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 
 #include "embedded/ex.h"
+#include "embedded/explorer/schedule.h"
 #include "embedded/image/calls.h"
 #include "embedded/mm.h"
 #include "embedded/ps.h"
@@ -74,6 +75,9 @@ __attribute__((noinline)) void NTAPI SpinForLock(KThread &Thread, PKSPIN_LOCK Sp
         if (Owner == 0 && OwnerOf(SpinLock).compare_exchange_weak(Owner, Self, std::memory_order_acquire,
                                                                   std::memory_order_relaxed)) {
             return;
+        }
+        if (ExplorerRuns.load(std::memory_order_relaxed) && YieldForSpinLock(SpinLock)) {
+            continue;
         }
         // The holder cannot be preempted in a real kernel; here it can, and must get the processor.
         if (Round % 64 == 63) {
@@ -295,6 +299,7 @@ KIRQL NTAPI KeAcquireSpinLockRaiseToDpc(PKSPIN_LOCK SpinLock) noexcept {
     const bool Verify = Verifying();
     const KIRQL Old = Thread.Irql;
     if (Verify) {
+        SchedulePoint("KeAcquireSpinLock", SpinLock);
         VerifySpinAcquire(Thread, SpinLock, CallerOf(__builtin_return_address(0)));
     }
     Thread.Irql = DispatchLevel;
@@ -314,11 +319,16 @@ VOID NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql) noexcept {
     if (OwnerOf(SpinLock).load(std::memory_order_relaxed) != AddressOf(&Thread)) [[unlikely]] {
         ReportNotOwner(Thread, SpinLock);
     }
-    if (Verifying()) {
+    const bool Verify = Verifying();
+    if (Verify) {
         VerifySpinRelease(Thread, SpinLock, NewIrql);
     }
     OwnerOf(SpinLock).store(0, std::memory_order_release);
     Thread.Irql = NewIrql;
+    if (Verify && ExplorerRuns.load(std::memory_order_relaxed)) [[unlikely]] {
+        SpinLockReleased(SpinLock);
+        SchedulePoint("KeReleaseSpinLock", SpinLock);
+    }
 }
 
 VOID NTAPI KeBugCheckEx(ULONG BugCheckCode, ULONG_PTR Parameter1, ULONG_PTR Parameter2, ULONG_PTR Parameter3,

@@ -66,6 +66,9 @@ public:
     // wait of this kernel: a delay, an event, a resource. The calling thread is not counted.
     static void Settle();
 
+    // Manual only: the time is Time from now on, unless it is later already; wakes nobody.
+    static void MoveTo(LONGLONG Time);
+
     // Interrupt time of the earliest timed wait; Never when there is none.
     static LONGLONG NextDue();
 

@@ -1,4 +1,5 @@
 // Parking, settling, events and waits.
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <ctime>
@@ -6,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "embedded/explorer/schedule.h"
 #include "embedded/image/calls.h"
 #include "embedded/ke.h"
 #include "embedded/ps.h"
@@ -225,6 +227,9 @@ void ParkThread(LONGLONG Due) {
     if (CallLinesWanted.load(std::memory_order_relaxed)) {
         WriteWaitingCall();
     }
+    if (ExplorerRuns.load(std::memory_order_relaxed) && BlockExplored(Due)) {
+        return;
+    }
     if (Due == Clock::Never) {
         WaitForToken(Thread, nullptr);
         return;
@@ -243,6 +248,9 @@ void ParkThread(LONGLONG Due) {
 }
 
 void UnparkThread(KThread &Thread) {
+    if (ExplorerRuns.load(std::memory_order_relaxed) && WakeExplored(Thread)) {
+        return;
+    }
     std::lock_guard Guard(Thread.ParkMutex);
     Thread.ParkToken = true;
     if (Thread.Parked) {
@@ -293,6 +301,11 @@ void Clock::Advance(LONGLONG Units) {
         Settle();
     }
     State().ManualNow = Target;
+}
+
+void Clock::MoveTo(LONGLONG Time) {
+    std::lock_guard Guard(State().Mutex);
+    State().ManualNow = std::max<LONGLONG>(State().ManualNow, Time);
 }
 
 void Clock::Settle() {
@@ -363,6 +376,7 @@ VOID NTAPI KeInitializeEvent(PKEVENT Event, EVENT_TYPE Type, BOOLEAN State) noex
 
 LONG NTAPI KeSetEvent(PKEVENT Event, KPRIORITY, BOOLEAN) noexcept {
     RequireIrql(IrqlRuleOf("KeSetEvent"));
+    SchedulePoint("KeSetEvent", Event);
     Bucket &Place = BucketOf(Event);
     std::lock_guard Guard(Place.Mutex);
     LONG Old = SignalOf(Event->Header).load();
@@ -378,6 +392,7 @@ NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON, KPROCESSOR_MODE
     if (Verifying()) {
         VerifyWait(Header, WaitMode, Timeout);
     }
+    SchedulePoint("KeWaitForSingleObject", Object);
     const LONGLONG Due = DueTime(Timeout);
     Bucket &Place = BucketOf(Object);
     Waiter Entry{Object, &CurrentThread(), false, nullptr};

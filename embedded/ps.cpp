@@ -11,6 +11,7 @@
 #include <fmt/format.h>
 
 #include "embedded/ex.h"
+#include "embedded/explorer/schedule.h"
 #include "embedded/faults.h"
 #include "embedded/image/calls.h"
 #include "embedded/verifier/report.h"
@@ -79,6 +80,7 @@ __attribute__((noinline)) void RunStartRoutine(SystemThread &Thread) {
 }
 
 void ThreadMain(SystemThread &Thread) {
+    EnterExplored(Thread.Thread.Explored);
     CurrentSystemThread = &Thread;
     EnterThread(Thread.Thread);
     RunStartRoutine(Thread);
@@ -94,6 +96,7 @@ void ThreadMain(SystemThread &Thread) {
         Table().Ended.notify_all();
     }
     SettleLeave();
+    LeaveExplored();
 }
 
 // Joins the threads that have ended; the table is not locked.
@@ -261,6 +264,8 @@ NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBU
     Thread->Start = StartRoutine;
     Thread->Context = StartContext;
 
+    SchedulePoint("PsCreateSystemThread", nullptr);
+    AdoptThread(Thread->Thread);
     ThreadTable &All = Table();
     std::lock_guard Guard(All.Mutex);
     SettleEnter();

@@ -38,6 +38,8 @@ inline constexpr ULONG MaximumHeldLocks = 32;
 inline constexpr ULONG SeenEdges = 64;
 inline constexpr UCHAR ThreadObjectType = 6;
 
+struct ExploredThread;
+
 } // namespace embedded
 
 struct _KTHREAD {
@@ -69,6 +71,7 @@ struct _KTHREAD {
     bool ParkToken;
     bool Parked;
 
+    embedded::ExploredThread *Explored; // while the schedule explorer runs it
     PVOID SignalStack; // for the report of a stack that is used up; null when the host's thread has one of its own
 };
 

@@ -38,6 +38,9 @@ void BugCheck(ULONG Code, ULONG_PTR P1, ULONG_PTR P2, ULONG_PTR P3, ULONG_PTR P4
     }
     WriteToStderr(
         fmt::format("*** STOP 0x{:08X} (0x{:016X},0x{:016X},0x{:016X},0x{:016X}): {}\n", Code, P1, P2, P3, P4, What));
+    if (const auto Note = ReportNote.load(); Note != nullptr) {
+        WriteToStderr(Note());
+    }
     PVOID Frames[48];
     if (AnyImage()) {
         // The host's unwinder ends at the first frame of an image.

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <string>
 #include <string_view>
 
 #include "kernel/kernel.h"
@@ -69,6 +70,9 @@ inline constexpr ULONG_PTR OwnRule = 0x000F0000;   // rules of this kernel that 
 
 // Prints "*** STOP 0x000000C4 (0x...,0x...,0x...,0x...): What" and the calling stack to stderr and aborts.
 [[noreturn]] void BugCheck(ULONG Code, ULONG_PTR P1, ULONG_PTR P2, ULONG_PTR P3, ULONG_PTR P4, std::string_view What);
+
+// Adds lines to every report, when set.
+inline std::atomic<std::string (*)()> ReportNote{nullptr};
 
 enum class VerifierLevel { Off, On };
 

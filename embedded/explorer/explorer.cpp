@@ -1,0 +1,557 @@
+#include "embedded/explorer/explorer.h"
+
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <semaphore>
+#include <thread>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include "embedded/explorer/schedule.h"
+#include "embedded/ke.h"
+#include "embedded/verifier/locks.h"
+#include "embedded/verifier/report.h"
+
+extern "C" void __sanitizer_set_death_callback(void (*Callback)()) __attribute__((weak));
+
+namespace embedded {
+
+enum class Phase { Ready, Blocked, Spinning, Ended };
+
+struct ExploredThread {
+    explicit ExploredThread(std::string Named) : Name(std::move(Named)) {
+    }
+    const std::string Name;
+    KThread *Record = nullptr;
+    std::thread Host; // of a race's own thread; one of the system has its host elsewhere
+    std::binary_semaphore Go{0};
+
+    // Of whoever runs, under the scheduler's mutex.
+    Phase State = Phase::Ready;
+    bool Woken = false; // a wake-up that came before the block
+    LONGLONG Due = Clock::Never;
+    const void *SpinLock = nullptr;
+    const char *At = "its start";
+    const void *Object = nullptr;
+    uint64_t Priority = 0;
+    bool Free = false; // the exploration is over; it goes on by itself
+};
+
+namespace {
+
+constinit thread_local ExploredThread *Self = nullptr;
+
+// Who could go on: first the thread that ran, if it can; last, with TimeLast, one whose time would have to come.
+struct Candidates {
+    std::vector<ExploredThread *> Threads;
+    bool StillRuns = false;
+    bool TimeLast = false;
+};
+
+// A choice among Count; those from Free on cost a preemption.
+struct Choice {
+    unsigned Taken;
+    unsigned Count;
+    unsigned Free;
+
+    bool Costs() const {
+        return Taken >= Free;
+    }
+};
+
+// Says who goes next.
+class Strategy {
+public:
+    virtual ~Strategy() = default;
+    virtual size_t Choose(const Candidates &Among) = 0;
+    virtual void Enter(ExploredThread &) {
+    }
+    virtual std::string Text() const = 0;
+};
+
+// Depth first through all choices that cost at most so many preemptions.
+class Walk final : public Strategy {
+public:
+    explicit Walk(unsigned Preemptions) : Preemptions_(Preemptions) {
+    }
+    Walk(unsigned Preemptions, std::vector<unsigned> Given) : Preemptions_(Preemptions) {
+        for (const unsigned Each : Given) {
+            Path_.push_back({Each, 0, 0});
+        }
+    }
+    size_t Choose(const Candidates &Among) override {
+        const auto Count = static_cast<unsigned>(Among.Threads.size());
+        const unsigned Free = Among.StillRuns ? 1 : Count - (Among.TimeLast ? 1 : 0);
+        if (Next_ == Path_.size()) {
+            Path_.push_back({0, Count, Free});
+        }
+        Choice &Here = Path_[Next_++];
+        if (Here.Count == 0) {
+            Here = {std::min(Here.Taken, Count - 1), Count, Free};
+        }
+        if (Here.Count != Count) {
+            BugCheck(bugcheck::Verifier, bugcheck::OwnRule + 9, Here.Count, Count, Next_,
+                     "a schedule took another way when it was repeated");
+        }
+        return Here.Taken;
+    }
+    // Moves on to the next schedule; FALSE at the end.
+    bool Advance() {
+        for (Path_.resize(Next_), Next_ = 0; !Path_.empty(); Path_.pop_back()) {
+            Choice &Last = Path_.back();
+            unsigned Spent = 0;
+            for (const Choice &Each : Path_) {
+                Spent += &Each != &Last && Each.Costs();
+            }
+            if (++Last.Taken < Last.Count && Spent + Last.Costs() <= Preemptions_) {
+                return true;
+            }
+        }
+        return false;
+    }
+    std::string Text() const override {
+        std::string Choices;
+        size_t Last = 0;
+        for (size_t Index = 0; Index < std::min(Next_, Path_.size()); ++Index) {
+            Last = Path_[Index].Taken != 0 ? Index + 1 : Last;
+        }
+        for (size_t Index = 0; Index < Last; ++Index) {
+            Choices += fmt::format("{}{}", Index == 0 ? "" : ".", Path_[Index].Taken);
+        }
+        return fmt::format("p{}:{}", Preemptions_, Choices);
+    }
+
+private:
+    const unsigned Preemptions_;
+    std::vector<Choice> Path_;
+    size_t Next_ = 0;
+};
+
+// The thread of the highest priority goes; at Depth - 1 points, drawn among Points, the one that runs becomes the last.
+class Priorities final : public Strategy {
+public:
+    Priorities(uint64_t Seed, unsigned Depth, size_t Points)
+        : Seed_(Seed), Depth_(Depth), Random_(Seed), Points_(Points) {
+        for (unsigned Change = 1; Change < Depth; ++Change) {
+            Changes_.push_back(Random_() % std::max<size_t>(Points, 1));
+        }
+    }
+    void Enter(ExploredThread &Thread) override {
+        Thread.Priority = FirstLowered + 1 + Random_() % FirstLowered;
+    }
+    size_t Choose(const Candidates &Among) override {
+        const size_t Here = At_++;
+        auto Best = Highest(Among.Threads);
+        for (const size_t Change : Changes_) {
+            if (Change == Here) {
+                (*Best)->Priority = Lowered_--;
+                Best = Highest(Among.Threads);
+            }
+        }
+        // Who waits for a time must not make it pass for ever while others could go on.
+        if (Among.TimeLast && *Best == Among.Threads.back()) {
+            (*Best)->Priority = Lowered_--;
+        }
+        return static_cast<size_t>(Best - Among.Threads.begin());
+    }
+    std::string Text() const override {
+        return fmt::format("s{}:{}:{}", Seed_, Depth_, Points_);
+    }
+
+private:
+    static std::vector<ExploredThread *>::const_iterator Highest(const std::vector<ExploredThread *> &Among) {
+        return std::max_element(Among.begin(), Among.end(),
+                                [](const auto *One, const auto *Two) { return One->Priority < Two->Priority; });
+    }
+    static constexpr uint64_t FirstLowered = 1'000'000'000;
+
+    const uint64_t Seed_;
+    const unsigned Depth_;
+    uint64_t Lowered_ = FirstLowered;
+    std::mt19937_64 Random_;
+    const size_t Points_;
+    std::vector<size_t> Changes_;
+    size_t At_ = 0;
+};
+
+// One schedule under way. Whoever runs holds the turn; the mutex is for the moments between.
+class Scheduler {
+public:
+    Scheduler(const Race &Of, Strategy &By) : Race_(Of), By_(By) {
+    }
+
+    void Run() {
+        for (const auto &Body : Race_.Threads) {
+            ExploredThread &Thread = Add(fmt::format("thread {}", Threads_.size() + 1));
+            Thread.Host = std::thread([this, &Thread, &Body] {
+                CurrentThread().Explored = &Thread;
+                __atomic_store_n(&Thread.Record, &CurrentThread(), __ATOMIC_RELEASE);
+                Enter(Thread);
+                Body();
+                Leave();
+            });
+        }
+        for (const auto &Thread : Threads_) {
+            while (__atomic_load_n(&Thread->Record, __ATOMIC_ACQUIRE) == nullptr) {
+                std::this_thread::yield();
+            }
+        }
+        Threads_.front()->Go.release();
+        Over_.acquire();
+        for (const auto &Thread : Threads_) {
+            if (Thread->Host.joinable()) {
+                Thread->Host.join();
+            }
+        }
+    }
+
+    ExploredThread &Add(std::string Name) {
+        Threads_.push_back(std::make_unique<ExploredThread>(std::move(Name)));
+        By_.Enter(*Threads_.back());
+        return *Threads_.back();
+    }
+    void Enter(ExploredThread &Thread) {
+        Self = &Thread;
+        Thread.Go.acquire();
+    }
+    void Leave() {
+        Self->Record->Explored = nullptr;
+        Self->State = Phase::Ended;
+        ExploredThread &Gone = *Self;
+        Self = nullptr;
+        PassOn(Gone);
+    }
+    void Point(const char *What, const void *Object) {
+        Self->At = What;
+        Self->Object = Object;
+        ++Points_;
+        Switch();
+    }
+    void Block(LONGLONG Due) {
+        ExploredThread &Mine = *Self;
+        if (!Mine.Woken) {
+            Mine.State = Phase::Blocked;
+            Mine.Due = Due;
+            Switch();
+        }
+        Mine.Woken = false;
+    }
+    void Spin(const void *SpinLock) {
+        Self->State = Phase::Spinning;
+        Self->SpinLock = SpinLock;
+        Switch();
+    }
+    void Wake(ExploredThread &Thread) {
+        Thread.Woken = true;
+        if (Thread.State == Phase::Blocked) {
+            Thread.State = Phase::Ready;
+        }
+    }
+    void Released(const void *SpinLock) {
+        for (const auto &Each : Threads_) {
+            if (Each->State == Phase::Spinning && Each->SpinLock == SpinLock) {
+                Each->State = Phase::Ready;
+            }
+        }
+    }
+    size_t Points() const {
+        return Points_;
+    }
+    const Race &Of() const {
+        return Race_;
+    }
+    std::string Schedule() const {
+        return By_.Text();
+    }
+
+private:
+    // Gives the turn on and waits until it comes back.
+    void Switch() {
+        ExploredThread &Mine = *Self;
+        PassOn(Mine);
+        if (!Mine.Free) {
+            return;
+        }
+        // Over: it parks like any other thread from here on.
+        Mine.Record->Explored = nullptr;
+        Self = nullptr;
+    }
+    void PassOn(ExploredThread &From) {
+        ExploredThread *Next = Pick(From);
+        if (Next == nullptr) {
+            End(From);
+            return;
+        }
+        if (Next == &From) {
+            return;
+        }
+        Next->Go.release();
+        if (From.State != Phase::Ended) {
+            From.Go.acquire();
+        }
+    }
+    // All of the race's own have ended and those of the system wait for something that may come later.
+    void End(ExploredThread &Last) {
+        for (const auto &Each : Threads_) {
+            if (Each->State != Phase::Ended) {
+                Each->Free = true;
+            }
+        }
+        ExplorerRuns = false;
+        for (const auto &Each : Threads_) {
+            if (Each->Free && Each.get() != &Last) {
+                Each->Go.release();
+            }
+        }
+        Over_.release();
+    }
+    // Null when nobody is left who could run.
+    ExploredThread *Pick(ExploredThread &From) {
+        Candidates Among;
+        Among.StillRuns = From.State == Phase::Ready;
+        if (Among.StillRuns) {
+            Among.Threads.push_back(&From);
+        }
+        ExploredThread *Timed = nullptr;
+        bool OwnLeft = false;
+        for (const auto &Each : Threads_) {
+            if (Each->State == Phase::Ready && Each.get() != &From) {
+                Among.Threads.push_back(Each.get());
+            }
+            if (Each->State == Phase::Blocked && Each->Due != Clock::Never &&
+                (Timed == nullptr || Each->Due < Timed->Due)) {
+                Timed = Each.get();
+            }
+            OwnLeft |= Each->Host.joinable() && Each->State != Phase::Ended;
+        }
+        // Time may pass at any moment: it is one more that could go on.
+        if (Timed != nullptr) {
+            Among.TimeLast = !Among.Threads.empty();
+            Among.Threads.push_back(Timed);
+        }
+        if (Among.Threads.empty()) {
+            if (OwnLeft) {
+                ReportStandstill();
+            }
+            return nullptr;
+        }
+        ExploredThread *Next = Among.Threads[Among.Threads.size() == 1 ? 0 : By_.Choose(Among)];
+        if (Next == Timed) {
+            Clock::MoveTo(Timed->Due);
+            Timed->Due = Clock::Never;
+        }
+        Next->State = Phase::Ready;
+        return Next;
+    }
+    [[noreturn]] void ReportStandstill() const {
+        std::string Text = "nobody can go on: a deadlock, or a wake-up was lost";
+        for (const auto &Each : Threads_) {
+            if (Each->State == Phase::Ended) {
+                continue;
+            }
+            Text += fmt::format("\n  {} waits at {} for {}", Each->Name, Each->At, DescribeLock(Each->Object));
+            const std::string Held = DescribeHeldLocks(*Each->Record);
+            Text += Held.empty() ? ", holds nothing" : ", holds\n" + Held;
+        }
+        BugCheck(bugcheck::Verifier, bugcheck::OwnRule + 8, 0, 0, 0, Text);
+    }
+
+    const Race &Race_;
+    Strategy &By_;
+    std::vector<std::unique_ptr<ExploredThread>> Threads_;
+    size_t Points_ = 0;
+    std::binary_semaphore Over_{0};
+};
+
+std::atomic<Scheduler *> Current{nullptr};
+std::atomic<size_t> Tried{0}; // schedules of this exploration
+
+std::string NameSchedule() {
+    const Scheduler *Running = Current.load();
+    return Running == nullptr ? std::string{}
+                              : fmt::format("  at schedule {} of the race \"{}\": RVFSD_SCHEDULE={}\n", Tried.load(),
+                                            Running->Of().Name, Running->Schedule());
+}
+
+// Sanitizers end the process without the verifier.
+void WriteSchedule() {
+    const std::string Text = NameSchedule();
+    static_cast<void>(!write(STDERR_FILENO, Text.data(), Text.size()));
+}
+
+struct Outcome {
+    std::string Failure;
+    size_t Points;
+};
+
+Outcome RunOne(const Race &Of, Strategy &By) {
+    if (Of.Before) {
+        Of.Before();
+    }
+    // Kept until the next one: threads of the system that go on by themselves may still be on their way out of it.
+    static std::vector<std::unique_ptr<Scheduler>> Kept;
+    if (Kept.size() > 64) {
+        Kept.erase(Kept.begin());
+    }
+    Kept.push_back(std::make_unique<Scheduler>(Of, By));
+    Scheduler &Running = *Kept.back();
+    ReportNote.store(NameSchedule);
+    if (__sanitizer_set_death_callback != nullptr) {
+        __sanitizer_set_death_callback(WriteSchedule);
+    }
+    ++Tried;
+    Current = &Running;
+    ExplorerRuns = true;
+    Running.Run();
+    ExplorerRuns = false;
+    Clock::Settle();
+    std::string Failure = Of.After ? Of.After() : std::string{};
+    Current = nullptr;
+    return {std::move(Failure), Running.Points()};
+}
+
+bool ReadNumber(std::string_view *Text, uint64_t *Number) {
+    const auto [End, Error] = std::from_chars(Text->data(), Text->data() + Text->size(), *Number);
+    const bool Found = Error == std::errc{};
+    Text->remove_prefix(static_cast<size_t>(End - Text->data()));
+    if (!Text->empty()) {
+        Text->remove_prefix(1);
+    }
+    return Found;
+}
+
+} // namespace
+
+void NTAPI ReachPoint(const char *What, const void *Object) noexcept {
+    if (Self != nullptr) {
+        Current.load()->Point(What, Object);
+    }
+}
+
+bool BlockExplored(LONGLONG Due) noexcept {
+    if (Self == nullptr) {
+        return false;
+    }
+    Current.load()->Block(Due);
+    return true;
+}
+
+bool WakeExplored(KThread &Thread) noexcept {
+    if (Thread.Explored == nullptr || Self == nullptr) {
+        return false;
+    }
+    Current.load()->Wake(*Thread.Explored);
+    return true;
+}
+
+bool YieldForSpinLock(const void *Object) noexcept {
+    if (Self == nullptr) {
+        return false;
+    }
+    Current.load()->Spin(Object);
+    return true;
+}
+
+void SpinLockReleased(const void *Object) noexcept {
+    if (Self != nullptr) {
+        Current.load()->Released(Object);
+    }
+}
+
+ExploredThread *AdoptThread(KThread &Thread) noexcept {
+    if (Self == nullptr) {
+        return nullptr;
+    }
+    ExploredThread &Explored = Current.load()->Add("a system thread");
+    Explored.Record = &Thread;
+    Thread.Explored = &Explored;
+    return &Explored;
+}
+
+void EnterExplored(ExploredThread *Explored) noexcept {
+    if (Explored != nullptr) {
+        Current.load()->Enter(*Explored);
+    }
+}
+
+void LeaveExplored() noexcept {
+    if (Self != nullptr) {
+        Current.load()->Leave();
+    }
+}
+
+std::string RunSchedule(const Race &Of, const std::string &Schedule) {
+    std::string_view Text = Schedule;
+    const bool IsWalk = !Text.empty() && Text.front() == 'p';
+    Text.remove_prefix(Text.empty() ? 0 : 1);
+    uint64_t First = 0;
+    if (!ReadNumber(&Text, &First)) {
+        return "no schedule: " + Schedule;
+    }
+    std::vector<unsigned> Numbers;
+    for (uint64_t Number = 0; !Text.empty() && ReadNumber(&Text, &Number);) {
+        Numbers.push_back(static_cast<unsigned>(Number));
+    }
+    if (IsWalk) {
+        Walk Given(static_cast<unsigned>(First), Numbers);
+        return RunOne(Of, Given).Failure;
+    }
+    Numbers.resize(2, 1);
+    Priorities Given(First, Numbers[0], Numbers[1]);
+    return RunOne(Of, Given).Failure;
+}
+
+ExploreResult Explore(const Race &Of, const ExploreOptions &Options) {
+    ExploreResult Result;
+    Tried = 0;
+    if (const char *Only = std::getenv("RVFSD_SCHEDULE"); Only != nullptr) {
+        Result.Schedule = Only;
+        Result.Failure = RunSchedule(Of, Only);
+        return Result;
+    }
+    Walk All(Options.Preemptions);
+    size_t Points = 1;
+    for (bool More = true; More; More = All.Advance()) {
+        if (Result.Walked == Options.MostSchedules) {
+            Result.Bounded = true;
+            break;
+        }
+        const Outcome Now = RunOne(Of, All);
+        ++Result.Walked;
+        Points = std::max(Points, Now.Points);
+        if (!Now.Failure.empty()) {
+            Result.Failure = Now.Failure;
+            Result.Schedule = All.Text();
+            return Result;
+        }
+    }
+    for (; Result.Random < Options.RandomSchedules; ++Result.Random) {
+        Priorities Drawn(Options.FirstSeed + Result.Random, Options.Depth, Points);
+        const Outcome Now = RunOne(Of, Drawn);
+        Result.MostPoints = std::max(Points, Now.Points);
+        if (!Now.Failure.empty()) {
+            Result.Failure = Now.Failure;
+            Result.Schedule = Drawn.Text();
+            ++Result.Random;
+            return Result;
+        }
+    }
+    Result.MostPoints = std::max(Points, Result.MostPoints);
+    return Result;
+}
+
+ExploreOptions OptionsFromEnvironment(ExploreOptions Options) {
+    if (const char *Times = std::getenv("RVFSD_EXPLORE"); Times != nullptr) {
+        const size_t Factor = std::max(1, std::atoi(Times));
+        Options.RandomSchedules *= Factor;
+        Options.MostSchedules *= Factor;
+    }
+    return Options;
+}
+
+} // namespace embedded
