@@ -144,6 +144,9 @@ NTSTATUS NTAPI ZwOpenKey(PHANDLE KeyHandle, ACCESS_MASK DesiredAccess, POBJECT_A
     RequireIrql(IrqlRuleOf("ZwOpenKey"));
     CheckZwPointers("ZwOpenKey", KeyHandle, ObjectAttributes);
     CheckZwString(ObjectAttributes->ObjectName);
+    if (ShouldFail(FaultKind::Registry)) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
     const std::u16string_view Path = View(ObjectAttributes->ObjectName);
     ObjectRef Root;
     if (ObjectAttributes->RootDirectory != nullptr) {
@@ -225,6 +228,9 @@ NTSTATUS NTAPI ZwQueryValueKey(HANDLE KeyHandle, PUNICODE_STRING ValueName,
     RequireIrql(IrqlRuleOf("ZwQueryValueKey"));
     CheckZwPointers("ZwQueryValueKey", ValueName, static_cast<char *>(KeyValueInformation), ResultLength);
     CheckZwString(ValueName);
+    if (ShouldFail(FaultKind::Registry)) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
     ObjectRef Target;
     if (const NTSTATUS Status = ReferenceHandle(KeyHandle, ObjectType::Key, 0, KernelMode, &Target);
         !NT_SUCCESS(Status)) {

@@ -16,6 +16,8 @@ namespace embedded {
 
 inline constexpr std::u16string_view kServiceKey = u"\\REGISTRY\\Machine\\System\\CurrentControlSet\\Services\\RVFSD";
 inline constexpr std::u16string_view kClientParametersKey = u"\\REGISTRY\\Machine\\Software\\Veyra\\Client\\Parameters";
+inline constexpr std::u16string_view kSystemPolicyKey =
+    u"\\REGISTRY\\Machine\\Software\\Microsoft\\Windows\\CurrentVersion\\Policies\\System";
 
 struct RegistryValue {
     ULONG Type = REG_NONE;

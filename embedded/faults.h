@@ -14,8 +14,20 @@
 namespace embedded {
 
 // TryAcquire is no failure but an answer: an acquire that may not wait is told that it would have to.
-enum class FaultKind : ULONG { Pool, Resource, Mdl, Thread, Map, NotifySync, Prefix, TryAcquire };
-inline constexpr ULONG FaultKinds = 8;
+enum class FaultKind : ULONG {
+    Pool,
+    Resource,
+    Mdl,
+    Thread,
+    Map,
+    NotifySync,
+    Prefix,
+    Token,
+    Link,
+    Registry,
+    TryAcquire
+};
+inline constexpr ULONG FaultKinds = 11;
 
 inline constexpr ULONG FaultBit(FaultKind Kind) {
     return 1u << static_cast<ULONG>(Kind);

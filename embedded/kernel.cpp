@@ -11,6 +11,7 @@
 #include "embedded/mm.h"
 #include "embedded/mup.h"
 #include "embedded/ps.h"
+#include "embedded/se.h"
 #include "embedded/system_volume.h"
 #include "embedded/verifier/leaks.h"
 #include "embedded/verifier/locks.h"
@@ -103,10 +104,8 @@ std::string Kernel::Stop() {
     StopSystemThreads();
 
     // As when processes exit: what they left open is closed while there is a driver to hear of it.
-    std::string Left;
-    if (const size_t Handles = CloseHandles(HandleSet::All); Handles != 0) {
-        Left = fmt::format("{} handle(s) still open\n", Handles);
-    }
+    std::string Left = DescribeOpenHandles();
+    CloseHandles(HandleSet::All);
     if (Driver_ != nullptr) {
         if (const size_t Devices = FreeDriverObject(std::exchange(Driver_, nullptr)); Devices != 0) {
             Left += fmt::format("{} device(s) not deleted by the driver\n", Devices);
@@ -123,6 +122,7 @@ std::string Kernel::Stop() {
     }
     ResetMup();
     ResetNameSpace();
+    ResetSecurity();
     ResetSystemVolume();
     ResetRegistry();
     SetIoObserver({});

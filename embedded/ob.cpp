@@ -1,11 +1,9 @@
-#include "embedded/ob.h"
-
 #include <algorithm>
 #include <mutex>
-#include <shared_mutex>
-#include <vector>
 
+#include "embedded/ob_tree.h"
 #include "embedded/upcase.h"
+#include "embedded/verifier/leaks.h"
 #include "embedded/verifier/report.h"
 
 namespace embedded {
@@ -36,42 +34,18 @@ bool EqualNames(std::u16string_view Left, std::u16string_view Right, bool CaseIn
                       [Upcase](char16_t L, char16_t R) { return L == R || Upcase[L] == Upcase[R]; });
 }
 
-namespace {
-
-// Names equal ignoring case cannot stand side by side, as in the real tree's usual configuration; an exact look-up
-// still has to match the case.
-class DirectoryObject final : public Object {
-public:
-    DirectoryObject() : Object(ObjectType::Directory) {
-    }
-    Object *Find(std::u16string_view Name, bool CaseInsensitive) const {
-        for (const auto &[Key, Child] : Children) {
-            if (EqualNames(Key, Name, CaseInsensitive)) {
-                return Child.Get();
-            }
-        }
-        return nullptr;
-    }
-
-    std::vector<std::pair<std::u16string, ObjectRef>> Children;
-};
-
-class SymbolicLinkObject final : public Object {
-public:
-    explicit SymbolicLinkObject(std::u16string_view To) : Object(ObjectType::SymbolicLink), Target(To) {
-    }
-    const std::u16string Target;
-};
-
-struct Tree {
-    std::shared_mutex Mutex;
-    Ref<DirectoryObject> Root;
-};
+bool NameLess::operator()(std::u16string_view Left, std::u16string_view Right) const noexcept {
+    const WCHAR *Upcase = UpcaseTable();
+    return std::lexicographical_compare(Left.begin(), Left.end(), Right.begin(), Right.end(),
+                                        [Upcase](char16_t L, char16_t R) { return Upcase[L] < Upcase[R]; });
+}
 
 Tree &TheTree() {
     static Tree &Instance = *new Tree;
     return Instance;
 }
+
+namespace {
 
 bool HasNameBelow(ObjectType Type) {
     return Type == ObjectType::Device || Type == ObjectType::UncProvider || Type == ObjectType::Mup ||
@@ -88,25 +62,54 @@ std::u16string_view TakeComponent(std::u16string_view &Rest) {
 
 constexpr unsigned MaximumLinks = 32;
 
-// The tree's mutex is held. After a link Path is the link's target with the rest, in Parsed->Buffer.
-NTSTATUS Walk(Tree &In, std::u16string_view Path, bool CaseInsensitive, ParsedName *Parsed) {
+// What \?? means for the calling thread: the directory of its logon session, or the global one.
+DirectoryObject *DosDevicesOfCaller(const Tree &In) {
+    auto *Own = static_cast<DirectoryObject *>(EffectiveToken().Session->DosDevices.Get());
+    return Own != nullptr ? Own : In.Global.Get();
+}
+
+// Goes down Rest from the root as far as there are directories. What a logon session's own directory does not have is
+// looked for in the global one.
+NTSTATUS GoDown(Tree &In, bool CaseInsensitive, std::u16string_view *Rest, Object **Reached) {
+    Object *Current = In.Root.Get();
+    bool DosDevices = false;
+    while (!Rest->empty() && Current->Type() == ObjectType::Directory) {
+        const std::u16string_view Component = TakeComponent(*Rest);
+        if (Component.empty()) {
+            return STATUS_OBJECT_NAME_INVALID;
+        }
+        if (Current == In.Root.Get() && Component == u"??") {
+            Current = DosDevicesOfCaller(In);
+            DosDevices = true;
+            continue;
+        }
+        Object *Next = static_cast<DirectoryObject *>(Current)->Find(Component, CaseInsensitive);
+        if (Next == nullptr && std::exchange(DosDevices, false)) {
+            Next = In.Global->Find(Component, CaseInsensitive);
+        }
+        if (Next == nullptr) {
+            return Rest->empty() ? STATUS_OBJECT_NAME_NOT_FOUND : STATUS_OBJECT_PATH_NOT_FOUND;
+        }
+        Current = Next;
+        DosDevices = false;
+    }
+    *Reached = Current;
+    return STATUS_SUCCESS;
+}
+
+// The tree's mutex is held. After a link Path is the link's target with the rest, in Parsed->Buffer. With OpenLink a
+// link that ends the path is what is looked for.
+NTSTATUS Walk(Tree &In, std::u16string_view Path, bool CaseInsensitive, ParsedName *Parsed, bool OpenLink = false) {
     for (unsigned Links = 0; Links <= MaximumLinks; ++Links) {
         if (Path.empty() || Path.front() != u'\\') {
             return STATUS_OBJECT_PATH_SYNTAX_BAD;
         }
-        Object *Current = In.Root.Get();
+        Object *Current = nullptr;
         std::u16string_view Rest = Path == u"\\" ? std::u16string_view{} : Path;
-        while (!Rest.empty() && Current->Type() == ObjectType::Directory) {
-            const std::u16string_view Component = TakeComponent(Rest);
-            if (Component.empty()) {
-                return STATUS_OBJECT_NAME_INVALID;
-            }
-            Current = static_cast<DirectoryObject *>(Current)->Find(Component, CaseInsensitive);
-            if (Current == nullptr) {
-                return Rest.empty() ? STATUS_OBJECT_NAME_NOT_FOUND : STATUS_OBJECT_PATH_NOT_FOUND;
-            }
+        if (const NTSTATUS Status = GoDown(In, CaseInsensitive, &Rest, &Current); !NT_SUCCESS(Status)) {
+            return Status;
         }
-        if (Current->Type() != ObjectType::SymbolicLink) {
+        if (Current->Type() != ObjectType::SymbolicLink || (OpenLink && Rest.empty())) {
             if (!Rest.empty() && !HasNameBelow(Current->Type())) {
                 return STATUS_OBJECT_TYPE_MISMATCH;
             }
@@ -123,7 +126,19 @@ NTSTATUS Walk(Tree &In, std::u16string_view Path, bool CaseInsensitive, ParsedNa
     return STATUS_NAME_TOO_LONG;
 }
 
-// The directory that holds Path's last component, with links resolved; the tree's mutex is held.
+// Takes Target, which has left its directory, out of the books; the tree's mutex is held exclusively.
+void Forget(Object &Target) {
+    if (Target.Type() == ObjectType::SymbolicLink) {
+        static_cast<SymbolicLinkObject &>(Target).Parent = nullptr;
+    } else if (Target.Type() == ObjectType::Directory) {
+        for (const auto &[Name, Child] : static_cast<DirectoryObject &>(Target).Children) {
+            Forget(*Child.Get());
+        }
+    }
+}
+
+} // namespace
+
 NTSTATUS WalkToParent(Tree &In, std::u16string_view Path, Ref<DirectoryObject> *Parent, std::u16string_view *Leaf) {
     const size_t Slash = Path.rfind(u'\\');
     if (Slash == Path.npos || Slash + 1 == Path.size()) {
@@ -142,12 +157,22 @@ NTSTATUS WalkToParent(Tree &In, std::u16string_view Path, Ref<DirectoryObject> *
     return STATUS_SUCCESS;
 }
 
-} // namespace
+NTSTATUS Enter(DirectoryObject &Parent, std::u16string_view Name, Object &Target) {
+    if (!Parent.Children.try_emplace(std::u16string(Name), ObjectRef::Share(&Target)).second) {
+        return STATUS_OBJECT_NAME_COLLISION;
+    }
+    if (Target.Type() == ObjectType::SymbolicLink) {
+        auto &Link = static_cast<SymbolicLinkObject &>(Target);
+        Link.Parent = &Parent;
+        Link.Name = Name;
+    }
+    return STATUS_SUCCESS;
+}
 
-NTSTATUS LookupName(std::u16string_view Path, bool CaseInsensitive, ParsedName *Parsed) noexcept {
+NTSTATUS LookupName(std::u16string_view Path, bool CaseInsensitive, ParsedName *Parsed, bool OpenLink) noexcept {
     Tree &In = TheTree();
     std::shared_lock Lock(In.Mutex);
-    return In.Root ? Walk(In, Path, CaseInsensitive, Parsed) : STATUS_OBJECT_PATH_NOT_FOUND;
+    return In.Root ? Walk(In, Path, CaseInsensitive, Parsed, OpenLink) : STATUS_OBJECT_PATH_NOT_FOUND;
 }
 
 NTSTATUS InsertName(std::u16string_view Path, Object &Target) noexcept {
@@ -158,11 +183,7 @@ NTSTATUS InsertName(std::u16string_view Path, Object &Target) noexcept {
     if (const NTSTATUS Status = WalkToParent(In, Path, &Parent, &Leaf); !NT_SUCCESS(Status)) {
         return Status;
     }
-    if (Parent->Find(Leaf, true) != nullptr) {
-        return STATUS_OBJECT_NAME_COLLISION;
-    }
-    Parent->Children.emplace_back(std::u16string(Leaf), ObjectRef::Share(&Target));
-    return STATUS_SUCCESS;
+    return Enter(*Parent.Get(), Leaf, Target);
 }
 
 bool RemoveName(std::u16string_view Path) noexcept {
@@ -174,14 +195,13 @@ bool RemoveName(std::u16string_view Path) noexcept {
     if (!NT_SUCCESS(WalkToParent(In, Path, &Parent, &Leaf))) {
         return false;
     }
-    auto &Children = Parent->Children;
-    const auto Found = std::find_if(Children.begin(), Children.end(),
-                                    [&](const auto &Child) { return EqualNames(Child.first, Leaf, true); });
-    if (Found == Children.end()) {
+    const auto Found = Parent->Children.find(Leaf);
+    if (Found == Parent->Children.end()) {
         return false;
     }
     Removed = std::move(Found->second);
-    Children.erase(Found);
+    Parent->Children.erase(Found);
+    Forget(*Removed.Get());
     Lock.unlock();
     return true;
 }
@@ -199,28 +219,13 @@ NTSTATUS CreateDirectory(std::u16string_view Path) noexcept {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS CreateSymbolicLink(std::u16string_view Path, std::u16string_view Target) noexcept {
-    const auto Link = Ref<SymbolicLinkObject>::Adopt(new SymbolicLinkObject(Target));
-    return InsertName(Path, *Link.Get());
-}
-
-NTSTATUS QuerySymbolicLink(std::u16string_view Path, std::u16string *Target) noexcept {
-    Tree &In = TheTree();
-    std::shared_lock Lock(In.Mutex);
-    Ref<DirectoryObject> Parent;
-    std::u16string_view Leaf;
-    if (const NTSTATUS Status = WalkToParent(In, Path, &Parent, &Leaf); !NT_SUCCESS(Status)) {
-        return Status;
+ObjectRef CreateSessionDirectory(std::u16string_view Path, Security Access) noexcept {
+    auto Directory = Ref<DirectoryObject>::Adopt(new DirectoryObject(std::move(Access)));
+    if (!NT_SUCCESS(InsertName(Path, *Directory.Get()))) {
+        return {};
     }
-    const Object *Found = Parent->Find(Leaf, true);
-    if (Found == nullptr) {
-        return STATUS_OBJECT_NAME_NOT_FOUND;
-    }
-    if (Found->Type() != ObjectType::SymbolicLink) {
-        return STATUS_OBJECT_TYPE_MISMATCH;
-    }
-    *Target = static_cast<const SymbolicLinkObject *>(Found)->Target;
-    return STATUS_SUCCESS;
+    static_cast<void>(CreateSymbolicLink(std::u16string(Path) + u"\\Global", GlobalDosDevices));
+    return std::move(Directory).As<Object>();
 }
 
 void InitializeNameSpace() {
@@ -228,18 +233,26 @@ void InitializeNameSpace() {
         Tree &In = TheTree();
         std::unique_lock Lock(In.Mutex);
         In.Root = Ref<DirectoryObject>::Adopt(new DirectoryObject);
+        In.Global = Ref<DirectoryObject>::Adopt(new DirectoryObject(
+            {true, MakeAcl({{true, GENERIC_ALL, AdministratorsSid}, {true, GENERIC_ALL, SystemSid}})}));
+        static_cast<void>(Enter(*In.Root.Get(), GlobalDosDevices.substr(1), *In.Global.Get()));
     }
-    for (const std::u16string_view Directory : {u"\\Device", u"\\??", u"\\FileSystem", u"\\Sessions\\0\\DosDevices"}) {
+    for (const std::u16string_view Directory : {u"\\Device", u"\\FileSystem", u"\\Sessions\\0\\DosDevices"}) {
         static_cast<void>(CreateDirectory(Directory));
     }
     static_cast<void>(CreateSymbolicLink(u"\\DosDevices", u"\\??"));
+    RegisterLeakCheck("symbolic links", DescribeDriversLinks);
 }
 
 void ResetNameSpace() noexcept {
     Tree &In = TheTree();
-    Ref<DirectoryObject> Old; // the objects go with no lock held
+    Ref<DirectoryObject> Old, Global; // the objects go with no lock held
     std::unique_lock Lock(In.Mutex);
     Old = std::exchange(In.Root, {});
+    Global = std::exchange(In.Global, {});
+    if (Old) {
+        Forget(*Old.Get());
+    }
     Lock.unlock();
 }
 

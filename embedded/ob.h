@@ -30,6 +30,7 @@ enum class ObjectType : uint8_t {
     Mup,
     SystemVolume,
     SystemFile,
+    Token,
 };
 
 // What every object of the kernel starts with. Born with one reference, which its creator holds.
@@ -160,6 +161,9 @@ NTSTATUS CloseHandle(HANDLE Handle, KPROCESSOR_MODE Mode) noexcept;
 // The number of handles that are open, all kinds together.
 size_t OpenHandleCount() noexcept;
 
+// What is open, by type: "2 token handle(s)"; empty when nothing is.
+std::string DescribeOpenHandles();
+
 // Closes every open user handle, as when the processes exit, or the kernel's own as well, and returns how many there
 // were.
 enum class HandleSet { User, All };
@@ -179,8 +183,11 @@ struct ParsedName {
 // link; only devices and their like accept a remaining name. STATUS_OBJECT_PATH_SYNTAX_BAD without a leading
 // backslash, STATUS_OBJECT_PATH_NOT_FOUND, STATUS_OBJECT_NAME_NOT_FOUND, STATUS_NAME_TOO_LONG for links in a circle,
 // STATUS_OBJECT_TYPE_MISMATCH when a name goes on below an object that has nothing below it. Path must outlive
-// Parsed. Reference counts the target.
-NTSTATUS LookupName(std::u16string_view Path, bool CaseInsensitive, ParsedName *Parsed) noexcept;
+// Parsed. Reference counts the target. With OpenLink a link that ends the path is itself the target.
+//
+// \?? is the calling thread's: what its logon session's directory does not have is looked for in \GLOBAL??. SYSTEM has
+// the global directory alone.
+NTSTATUS LookupName(std::u16string_view Path, bool CaseInsensitive, ParsedName *Parsed, bool OpenLink = false) noexcept;
 
 // Puts Target (referenced by the tree) under Path, whose parent directory must exist. STATUS_OBJECT_NAME_COLLISION
 // when the name is taken.
@@ -189,12 +196,25 @@ NTSTATUS InsertName(std::u16string_view Path, Object &Target) noexcept;
 bool RemoveName(std::u16string_view Path) noexcept;
 // Makes a directory and those above it.
 NTSTATUS CreateDirectory(std::u16string_view Path) noexcept;
-// Makes a symbolic link; errors as InsertName.
+// The directory that \?? means in a new logon session, with a link to the global one in it; null when its name is
+// taken.
+struct Security;
+ObjectRef CreateSessionDirectory(std::u16string_view Path, Security Access) noexcept;
+// Makes a permanent symbolic link of the kernel's own, which everybody may open; errors as InsertName.
 NTSTATUS CreateSymbolicLink(std::u16string_view Path, std::u16string_view Target) noexcept;
 // The target of the link of that name, or STATUS_OBJECT_NAME_NOT_FOUND / STATUS_OBJECT_TYPE_MISMATCH.
 NTSTATUS QuerySymbolicLink(std::u16string_view Path, std::u16string *Target) noexcept;
 
-// Builds the tree of a fresh kernel (\Device, \??, \DosDevices -> \??, \Sessions\0\DosDevices).
+// The security of the object of that name, a directory or a link: the bytes of its DACL, empty when it has none. The
+// status of a link that is not there.
+NTSTATUS QueryNameSecurity(std::u16string_view Path, Security *Access) noexcept;
+
+// The links that drivers made and left, one line each.
+std::string DescribeDriversLinks();
+
+inline constexpr std::u16string_view GlobalDosDevices = u"\\GLOBAL??";
+
+// Builds the tree of a fresh kernel (\Device, \GLOBAL??, \DosDevices -> \??, \Sessions\0\DosDevices).
 void InitializeNameSpace();
 // Empties the tree.
 void ResetNameSpace() noexcept;

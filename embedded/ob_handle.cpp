@@ -1,7 +1,10 @@
 #include <array>
 #include <deque>
+#include <map>
 #include <mutex>
 #include <thread>
+
+#include <fmt/format.h>
 
 #include "embedded/ob.h"
 #include "embedded/ps.h"
@@ -96,6 +99,24 @@ public:
     size_t Open() {
         std::lock_guard Lock(Mutex_);
         return Open_;
+    }
+
+    // Calls Visit for the object of every open handle.
+    template <typename F>
+    void ForEach(F Visit) {
+        size_t End = 0;
+        {
+            std::lock_guard Lock(Mutex_);
+            End = Used_;
+        }
+        for (size_t Index = 0; Index < End; ++Index) {
+            Entry &Slot = *Find(Index);
+            auto *Target = reinterpret_cast<Object *>(LockEntry(Slot));
+            if (Target != nullptr) {
+                Visit(*Target);
+            }
+            Slot.Word.store(reinterpret_cast<ULONG_PTR>(Target), std::memory_order_release);
+        }
     }
 
     size_t CloseAll(HandleSet Which) noexcept {
@@ -242,6 +263,20 @@ NTSTATUS CloseHandle(HANDLE Handle, KPROCESSOR_MODE Mode) noexcept {
 
 size_t OpenHandleCount() noexcept {
     return Table().Open();
+}
+
+std::string DescribeOpenHandles() {
+    static constexpr const char *Names[] = {
+        "",       "directory",    "symbolic link", "device",        "file", "key",  "event",
+        "thread", "UNC provider", "UNC provider",  "system volume", "file", "token"};
+    static_assert(std::size(Names) == static_cast<size_t>(ObjectType::Token) + 1);
+    std::map<std::string, size_t> Counts;
+    Table().ForEach([&](const Object &Each) { ++Counts[Names[static_cast<size_t>(Each.Type())]]; });
+    std::string Text;
+    for (const auto &[Name, Count] : Counts) {
+        Text += fmt::format("{} {} handle(s) still open\n", Count, Name);
+    }
+    return Text;
 }
 
 size_t CloseHandles(HandleSet Which) noexcept {

@@ -144,12 +144,13 @@ PEPROCESS SystemProcess() {
     return &System;
 }
 
-PEPROCESS CreateProcess(std::string_view Name) {
+PEPROCESS CreateProcess(std::string_view Name, TokenRef Token) {
     ProcessTable &All = Processes();
     std::lock_guard Guard(All.Mutex);
     auto Process = new _EPROCESS{};
     Process->UniqueProcessId = All.NextId;
     Process->Name = Name;
+    Process->Token = Token.Release();
     All.NextId += 4;
     All.Processes.emplace_back(Process);
     return Process;
@@ -160,6 +161,7 @@ void DeleteProcess(PEPROCESS Process) {
         BugCheck(bugcheck::LeftLockedPages, 0, 0, reinterpret_cast<ULONG_PTR>(Process), static_cast<ULONG_PTR>(Left),
                  fmt::format("process {} ends with {} MDLs locked", Process->Name, Left));
     }
+    const auto Token = TokenRef::Adopt(std::exchange(Process->Token, nullptr));
     std::lock_guard Guard(Processes().Mutex);
     Processes().Processes.remove_if([&](const auto &Entry) { return Entry.get() == Process; });
 }

@@ -8,19 +8,21 @@
 #include <string_view>
 
 #include "embedded/ke.h"
+#include "embedded/se.h"
 
 struct _EPROCESS {
     ULONG_PTR UniqueProcessId;
     std::string Name;
-    std::atomic<LONG64> LockedMdls; // counted while Verifying()
+    std::atomic<LONG64> LockedMdls;         // counted while Verifying()
+    embedded::TokenObject *Token = nullptr; // null: SYSTEM's. Referenced by the process
 };
 
 namespace embedded {
 
 // The process of the kernel itself; threads that never attached act for it. Lives for ever, id 4.
 PEPROCESS SystemProcess();
-// A new process; lives until DeleteProcess. Never NULL.
-PEPROCESS CreateProcess(std::string_view Name);
+// A new process; lives until DeleteProcess. Never NULL. Its threads act for Token, or for SYSTEM when there is none.
+PEPROCESS CreateProcess(std::string_view Name, Ref<TokenObject> Token = {});
 // Stops with 0xCB when pages are still locked for the process. No thread may act for it any more.
 void DeleteProcess(PEPROCESS Process);
 

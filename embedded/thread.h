@@ -12,6 +12,8 @@
 
 namespace embedded {
 
+class TokenObject;
+
 inline constexpr KIRQL PassiveLevel = 0;
 inline constexpr KIRQL ApcLevel = 1;
 inline constexpr KIRQL DispatchLevel = 2;
@@ -51,9 +53,10 @@ struct _KTHREAD {
     LONG CriticalRegions;
     PIRP TopLevelIrp;
     PEPROCESS Process;
-    ULONG FaultScopes;  // driver code runs: faults may be injected
-    ULONG FaultExempts; // ... but not while this is set
-    PMDL SpareMdl;      // the MDL freed last, while nothing is verified
+    embedded::TokenObject *Impersonated; // null: the process's own token
+    ULONG FaultScopes;                   // driver code runs: faults may be injected
+    ULONG FaultExempts;                  // ... but not while this is set
+    PMDL SpareMdl;                       // the MDL freed last, while nothing is verified
 
     ULONG HeldCount;
     embedded::HeldLock Held[embedded::MaximumHeldLocks];

@@ -98,5 +98,14 @@ NTKERNELAPI NTSTATUS NTAPI NtNotifyChangeDirectoryFile(HANDLE FileHandle, HANDLE
                                                        PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer,
                                                        ULONG Length, ULONG CompletionFilter,
                                                        BOOLEAN WatchTree) noexcept;
+// Symbolic link objects. OBJ_PERMANENT is SYSTEM's privilege; what a link's security does not give is denied.
+NTKERNELAPI NTSTATUS NTAPI NtCreateSymbolicLinkObject(PHANDLE LinkHandle, ACCESS_MASK DesiredAccess,
+                                                      POBJECT_ATTRIBUTES ObjectAttributes,
+                                                      PUNICODE_STRING LinkTarget) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtOpenSymbolicLinkObject(PHANDLE LinkHandle, ACCESS_MASK DesiredAccess,
+                                                    POBJECT_ATTRIBUTES ObjectAttributes) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtQuerySymbolicLinkObject(HANDLE LinkHandle, PUNICODE_STRING LinkTarget,
+                                                     PULONG ReturnedLength) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtMakeTemporaryObject(HANDLE Handle) noexcept;
 // Waits for an event or for the last request of an asynchronous file.
 NTKERNELAPI NTSTATUS NTAPI NtWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout) noexcept;

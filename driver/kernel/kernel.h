@@ -11,6 +11,7 @@
 #include "kernel/linux/base.h"
 #include "kernel/linux/information.h"
 #include "kernel/linux/objects.h"
+#include "kernel/linux/security.h"
 #include "kernel/linux/services.h"
 #include "kernel/linux/status.h"
 #endif

@@ -43,6 +43,21 @@
     SIZE_OF(KEY_VALUE_PARTIAL_INFORMATION, 16)                                                                         \
         OFFSET_OF(KEY_VALUE_PARTIAL_INFORMATION, TitleIndex, 0x0) OFFSET_OF(KEY_VALUE_PARTIAL_INFORMATION, Type, 0x4)  \
         OFFSET_OF(KEY_VALUE_PARTIAL_INFORMATION, DataLength, 0x8) OFFSET_OF(KEY_VALUE_PARTIAL_INFORMATION, Data, 0xC)  \
+    SIZE_OF(KEY_VALUE_FULL_INFORMATION, 24)                                                                            \
+        OFFSET_OF(KEY_VALUE_FULL_INFORMATION, TitleIndex, 0x0) OFFSET_OF(KEY_VALUE_FULL_INFORMATION, Type, 0x4)        \
+        OFFSET_OF(KEY_VALUE_FULL_INFORMATION, DataOffset, 0x8) OFFSET_OF(KEY_VALUE_FULL_INFORMATION, DataLength, 0xC)  \
+        OFFSET_OF(KEY_VALUE_FULL_INFORMATION, NameLength, 0x10) OFFSET_OF(KEY_VALUE_FULL_INFORMATION, Name, 0x14)      \
+    SIZE_OF(ANSI_STRING, 16)                                                                                           \
+        OFFSET_OF(ANSI_STRING, Length, 0x0) OFFSET_OF(ANSI_STRING, MaximumLength, 0x2)                                 \
+        OFFSET_OF(ANSI_STRING, Buffer, 0x8)                                                                            \
+    SIZE_OF(TOKEN_STATISTICS, 56)                                                                                      \
+        OFFSET_OF(TOKEN_STATISTICS, TokenId, 0x0) OFFSET_OF(TOKEN_STATISTICS, AuthenticationId, 0x8)                   \
+        OFFSET_OF(TOKEN_STATISTICS, ExpirationTime, 0x10) OFFSET_OF(TOKEN_STATISTICS, TokenType, 0x18)                 \
+        OFFSET_OF(TOKEN_STATISTICS, ImpersonationLevel, 0x1C) OFFSET_OF(TOKEN_STATISTICS, ModifiedId, 0x30)            \
+    SIZE_OF(TOKEN_DEFAULT_DACL, 8)                                                                                     \
+        OFFSET_OF(TOKEN_DEFAULT_DACL, DefaultDacl, 0x0)                                                                \
+    SIZE_OF(ACL, 8)                                                                                                    \
+        OFFSET_OF(ACL, AclRevision, 0x0) OFFSET_OF(ACL, AclSize, 0x2) OFFSET_OF(ACL, AceCount, 0x4)                    \
     SIZE_OF(SECURITY_DESCRIPTOR, 40)                                                                                   \
         OFFSET_OF(SECURITY_DESCRIPTOR, Revision, 0x0) OFFSET_OF(SECURITY_DESCRIPTOR, Control, 0x2)                     \
         OFFSET_OF(SECURITY_DESCRIPTOR, Owner, 0x8) OFFSET_OF(SECURITY_DESCRIPTOR, Group, 0x10)                         \

@@ -524,7 +524,7 @@ const PlantedFault Planted[] = {
              },
              u"Bad"));
      }},
-    {"HandleLeftOpen", 0xC4, 0x62, "1 handle.s. still open",
+    {"HandleLeftOpen", 0xC4, 0x62, "1 event handle.s. still open",
      [] {
          Kernel Running;
          static_cast<void>(Running.LoadDriver(DriverEntry, u"RVFSD"));
@@ -575,7 +575,7 @@ TEST(KernelLifeTest, StopListsWhatIsLeftWhenTheVerifierIsOff) {
     ASSERT_EQ(Running.LoadDriver(DriverEntry, u"RVFSD"), STATUS_SUCCESS);
     HANDLE Handle;
     ASSERT_EQ(CreateEventHandle(NotificationEvent, false, &Handle), STATUS_SUCCESS);
-    EXPECT_EQ(Running.Stop(), "1 handle(s) still open\n");
+    EXPECT_EQ(Running.Stop(), "1 event handle(s) still open\n");
     EXPECT_EQ(OpenHandleCount(), 0u);
 }
 

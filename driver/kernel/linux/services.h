@@ -6,6 +6,7 @@
 #pragma once
 
 #include "kernel/linux/objects.h"
+#include "kernel/linux/security.h"
 
 // ---- Ex: executive -----------------------------------------------------------------------------------------
 
@@ -161,6 +162,12 @@ NTKERNELAPI WCHAR NTAPI RtlUpcaseUnicodeChar(WCHAR SourceCharacter) noexcept;
 NTKERNELAPI VOID NTAPI RtlTimeToTimeFields(PLARGE_INTEGER Time, PTIME_FIELDS TimeFields) noexcept;
 NTKERNELAPI NTSTATUS NTAPI RtlCreateSecurityDescriptor(PSECURITY_DESCRIPTOR SecurityDescriptor,
                                                        ULONG Revision) noexcept;
+NTKERNELAPI NTSTATUS NTAPI RtlSetDaclSecurityDescriptor(PSECURITY_DESCRIPTOR SecurityDescriptor, BOOLEAN DaclPresent,
+                                                        PACL Dacl, BOOLEAN DaclDefaulted) noexcept;
+// With AllocateDestinationString FALSE the destination's own buffer is filled, or STATUS_BUFFER_OVERFLOW.
+NTKERNELAPI NTSTATUS NTAPI RtlAnsiStringToUnicodeString(PUNICODE_STRING DestinationString, PCANSI_STRING SourceString,
+                                                        BOOLEAN AllocateDestinationString) noexcept;
+NTKERNELAPI VOID NTAPI RtlFreeUnicodeString(PUNICODE_STRING UnicodeString) noexcept;
 
 // ---- Zw, Nt: system services -------------------------------------------------------------------------------
 
@@ -187,6 +194,25 @@ NTKERNELAPI NTSTATUS NTAPI ZwQuerySystemInformation(SYSTEM_INFORMATION_CLASS Sys
                                                     PULONG ReturnLength) noexcept;
 NTKERNELAPI NTSTATUS NTAPI NtSetSecurityObject(HANDLE Handle, SECURITY_INFORMATION SecurityInformation,
                                                PSECURITY_DESCRIPTOR SecurityDescriptor) noexcept;
+
+// Tokens. The handles are NtCurrentThread() and NtCurrentProcess() alone.
+NTKERNELAPI NTSTATUS NTAPI ZwOpenThreadTokenEx(HANDLE ThreadHandle, ACCESS_MASK DesiredAccess, BOOLEAN OpenAsSelf,
+                                               ULONG HandleAttributes, PHANDLE TokenHandle) noexcept;
+NTKERNELAPI NTSTATUS NTAPI ZwOpenProcessTokenEx(HANDLE ProcessHandle, ACCESS_MASK DesiredAccess, ULONG HandleAttributes,
+                                                PHANDLE TokenHandle) noexcept;
+NTKERNELAPI NTSTATUS NTAPI ZwQueryInformationToken(HANDLE TokenHandle, TOKEN_INFORMATION_CLASS TokenInformationClass,
+                                                   PVOID TokenInformation, ULONG TokenInformationLength,
+                                                   PULONG ReturnLength) noexcept;
+
+// Symbolic link objects.
+NTKERNELAPI NTSTATUS NTAPI ZwCreateSymbolicLinkObject(PHANDLE LinkHandle, ACCESS_MASK DesiredAccess,
+                                                      POBJECT_ATTRIBUTES ObjectAttributes,
+                                                      PUNICODE_STRING LinkTarget) noexcept;
+NTKERNELAPI NTSTATUS NTAPI ZwOpenSymbolicLinkObject(PHANDLE LinkHandle, ACCESS_MASK DesiredAccess,
+                                                    POBJECT_ATTRIBUTES ObjectAttributes) noexcept;
+NTKERNELAPI NTSTATUS NTAPI ZwQuerySymbolicLinkObject(HANDLE LinkHandle, PUNICODE_STRING LinkTarget,
+                                                     PULONG ReturnedLength) noexcept;
+NTKERNELAPI NTSTATUS NTAPI ZwMakeTemporaryObject(HANDLE Handle) noexcept;
 
 // ---- Debug output ------------------------------------------------------------------------------------------
 

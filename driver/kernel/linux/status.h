@@ -53,7 +53,10 @@
     X(STATUS_DELETE_PENDING, 0xC0000056)                                                                               \
     X(STATUS_UNKNOWN_REVISION, 0xC0000058)                                                                             \
     X(STATUS_NO_LOGON_SERVERS, 0xC000005E)                                                                             \
+    X(STATUS_NO_SUCH_LOGON_SESSION, 0xC000005F)                                                                        \
+    X(STATUS_PRIVILEGE_NOT_HELD, 0xC0000061)                                                                           \
     X(STATUS_LOGON_FAILURE, 0xC000006D)                                                                                \
+    X(STATUS_NO_TOKEN, 0xC000007C)                                                                                     \
     X(STATUS_RANGE_NOT_LOCKED, 0xC000007E)                                                                             \
     X(STATUS_DISK_FULL, 0xC000007F)                                                                                    \
     X(STATUS_INVALID_VOLUME_LABEL, 0xC0000086)                                                                         \
@@ -61,6 +64,7 @@
     X(STATUS_INSUFFICIENT_RESOURCES, 0xC000009A)                                                                       \
     X(STATUS_WORKING_SET_QUOTA, 0xC00000A1)                                                                            \
     X(STATUS_DEVICE_NOT_READY, 0xC00000A3)                                                                             \
+    X(STATUS_CANT_OPEN_ANONYMOUS, 0xC00000A6)                                                                          \
     X(STATUS_IO_TIMEOUT, 0xC00000B5)                                                                                   \
     X(STATUS_FILE_IS_A_DIRECTORY, 0xC00000BA)                                                                          \
     X(STATUS_NOT_SUPPORTED, 0xC00000BB)                                                                                \
@@ -72,6 +76,7 @@
     X(STATUS_CANT_WAIT, 0xC00000D8)                                                                                    \
     X(STATUS_INTERNAL_ERROR, 0xC00000E5)                                                                               \
     X(STATUS_INVALID_USER_BUFFER, 0xC00000E8)                                                                          \
+    X(STATUS_INVALID_PARAMETER_2, 0xC00000F0)                                                                          \
     X(STATUS_DIRECTORY_NOT_EMPTY, 0xC0000101)                                                                          \
     X(STATUS_FILE_CORRUPT_ERROR, 0xC0000102)                                                                           \
     X(STATUS_NOT_A_DIRECTORY, 0xC0000103)                                                                              \
@@ -84,7 +89,9 @@
     X(STATUS_UNRECOGNIZED_VOLUME, 0xC000014F)                                                                          \
     X(STATUS_INVALID_LOCK_RANGE, 0xC00001A1)                                                                           \
     X(STATUS_CONNECTION_DISCONNECTED, 0xC000020C)                                                                      \
-    X(STATUS_RETRY, 0xC000022D)
+    X(STATUS_NOT_FOUND, 0xC0000225)                                                                                    \
+    X(STATUS_RETRY, 0xC000022D)                                                                                        \
+    X(STATUS_RESOURCE_NOT_OWNED, 0xC0000264)
 
 // Typed constants, usable in constant expressions and switch labels.
 #define NTSTATUS_CONSTANT(Name, Value) inline constexpr NTSTATUS Name = (NTSTATUS)Value;
