@@ -6,6 +6,7 @@
 #include "close/close.h"
 #include "dir/notify.h"
 #include "frame/diagnostics.h"
+#include "io/lock_table.h"
 #include "provider/provider_calls.h"
 
 namespace {
@@ -72,11 +73,15 @@ void EndLocks(PFCB Fcb) {
     if (!Fcb->FileLockInitialized) {
         return;
     }
-    BOOLEAN Restart = TRUE;
-    while (const FILE_LOCK_INFO *Found = FsRtlGetNextFileLock(&Fcb->FileLock, Restart)) {
-        FILE_LOCK_INFO Lock = *Found;
-        Restart = NT_SUCCESS(FsRtlFastUnlockSingle(&Fcb->FileLock, Lock.FileObject, &Lock.StartingByte, &Lock.Length,
-                                                   static_cast<PEPROCESS>(Lock.ProcessId), Lock.Key, nullptr, FALSE));
+    bool Again = true;
+    while (Again) {
+        NotedLocks Locks;
+        const bool All = Locks.Note(Fcb, {});
+        bool Removed = false;
+        for (const NOTED_LOCK &Lock : Locks) {
+            Removed |= NtFsdRemoveLock(Fcb, Lock);
+        }
+        Again = !All && Removed;
     }
     FsRtlUninitializeFileLock(&Fcb->FileLock);
     Fcb->FileLockInitialized = FALSE;

@@ -3,40 +3,43 @@
 #include "dir/notify.h"
 #include "frame/diagnostics.h"
 #include "io/lock_grants.h"
+#include "io/lock_table.h"
 #include "provider/provider_calls.h"
 
 namespace {
 
-// Removes a lock from the table and tells the server. FALSE when the table keeps it.
-bool ReleaseLock(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, FILE_LOCK_INFO Lock, NTSTATUS *Status) {
-    NtFsdDebugPrint(TRACE_CLEANUP, 0, "   Unlocking, offset = %d ", Lock.StartingByte.LowPart);
+// Removes a lock from the table and tells the server, if that knows of it. FALSE when the table keeps it.
+bool ReleaseLock(PIRP_CONTEXT IrpContext, PFCB Fcb, const NOTED_LOCK &Lock, NTSTATUS *Status) {
+    NtFsdDebugPrint(TRACE_CLEANUP, 0, "   Unlocking, offset = %d ", Lock.Offset.LowPart);
     NtFsdDebugPrint(TRACE_CLEANUP, 0, "   length = %d\n", Lock.Length.LowPart);
-    if (!NT_SUCCESS(FsRtlFastUnlockSingle(&Fcb->FileLock, Lock.FileObject, &Lock.StartingByte, &Lock.Length,
-                                          static_cast<PEPROCESS>(Lock.ProcessId), Lock.Key, nullptr, FALSE))) {
+    if (!NtFsdRemoveLock(Fcb, Lock)) {
         return false;
     }
-    if (NtFsdIsServerRange(Lock.StartingByte, Lock.Length)) {
+    if (Lock.Told && NtFsdIsServerRange(Lock.Offset, Lock.Length)) {
         // The last raw result is the answer of the whole cleanup.
+        const auto Instance = static_cast<PINSTANCE_CONTEXT>(IrpContext->FileObject->FsContext2);
         *Status = static_cast<NTSTATUS>(RVFsdUnlockFile(&IrpContext->SecurityContext, Instance->FileHandle,
-                                                        static_cast<ULONG64>(Lock.StartingByte.QuadPart),
+                                                        static_cast<ULONG64>(Lock.Offset.QuadPart),
                                                         static_cast<ULONG64>(Lock.Length.QuadPart)));
     }
     return true;
 }
 
 // Releases every lock of the file object, under whatever key and by whatever process it was taken: what stayed would
-// block others and name a file object that is gone.
-NTSTATUS ReleaseLocks(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance) {
+// block others and name a file object that is gone. Without memory a few at a time, as long as some go.
+NTSTATUS ReleaseLocks(PIRP_CONTEXT IrpContext, PFCB Fcb) {
     NTSTATUS Status = STATUS_SUCCESS;
-    BOOLEAN Restart = TRUE;
-    for (;;) {
-        const FILE_LOCK_INFO *Lock = FsRtlGetNextFileLock(&Fcb->FileLock, Restart);
-        if (Lock == nullptr) {
-            return Status;
+    bool Again = true;
+    while (Again) {
+        NotedLocks Locks;
+        const bool All = Locks.Note(Fcb, {.FileObject = IrpContext->FileObject});
+        bool Released = false;
+        for (const NOTED_LOCK &Lock : Locks) {
+            Released |= ReleaseLock(IrpContext, Fcb, Lock, &Status);
         }
-        // The list changes with every removal; a lock that cannot be removed is passed over, so that the walk ends.
-        Restart = Lock->FileObject == IrpContext->FileObject && ReleaseLock(IrpContext, Fcb, Instance, *Lock, &Status);
+        Again = !All && Released;
     }
+    return Status;
 }
 
 } // namespace
@@ -66,7 +69,7 @@ NTSTATUS NtFsdCommonCleanup(PIRP_CONTEXT IrpContext) {
     InitializeListHead(&Notifications);
     if (Fcb->OpenType == OPEN_TYPE_FILE) {
         if (Fcb->FileLockInitialized) {
-            Status = ReleaseLocks(IrpContext, Fcb, static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2));
+            Status = ReleaseLocks(IrpContext, Fcb);
         }
     } else {
         NtFsdTakeNotifyList(Fcb, &Notifications);

@@ -5,10 +5,6 @@
 
 namespace {
 
-PCSTR TrueOrFalse(ULONG Value) {
-    return Value ? "TRUE" : "FALSE";
-}
-
 constexpr UNICODE_STRING ALL_NAMES = ConstantString(WTEXT("*"));
 // What the command interpreter's "*.*" becomes on the platform.
 constexpr UNICODE_STRING ALL_NAMES_REWRITTEN = ConstantString(WTEXT(">>>>>>>>\">>>"));

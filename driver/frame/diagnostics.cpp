@@ -21,27 +21,29 @@ constexpr ULONG PREFIX_PROCESS = 0x2;
 constexpr ULONG PREFIX_THREAD = 0x4;
 constexpr ULONG DEBUG_COMPONENT = 80; // that the lines are printed under
 
-// Appends formatted text to a line of LINE_BYTES.
-template <typename... T>
-ULONG Append(PCHAR Line, ULONG Length, PCSTR Format, T... Values) {
-    const FormatArgument Arguments[] = {MakeFormatArgument(Values)..., FormatArgument{}};
-    return Length + FormatBounded(Line + Length, LINE_BYTES - Length, Format, Arguments, sizeof...(T));
+// Formats a line of at most Size - 1 bytes and its end. A line that is cut keeps its end, or the next one would stand
+// behind it.
+ULONG FormatLine(PCHAR Line, ULONG Size, PCSTR Format, const FormatArgument *Arguments, ULONG Count) {
+    ULONG Length = FormatBounded(Line, Size - 1, Format, Arguments, Count);
+    const size_t FormatLength = strlen(Format);
+    const bool Ends = FormatLength != 0 && Format[FormatLength - 1] == '\n';
+    if (Ends && (Length == 0 || Line[Length - 1] != '\n')) {
+        Line[Length++] = '\n';
+        Line[Length] = '\0';
+    }
+    return Length;
 }
 
 ULONG AppendPrefixes(PCHAR Line) {
     ULONG Length = 0;
     if (g_uDebugFlags & PREFIX_THREAD) {
-        Length = Append(Line, Length, "[TID - 0x%I64X] ", reinterpret_cast<ULONG64>(KeGetCurrentThread()));
+        Length = FormatText(Line, LINE_BYTES, "[TID - 0x%I64X] ", reinterpret_cast<ULONG64>(KeGetCurrentThread()));
     }
     if (g_uDebugFlags & PREFIX_PROCESS) {
-        Length = Append(Line, Length, "[PID - 0x%I64X] ", reinterpret_cast<ULONG64>(IoGetCurrentProcess()));
+        Length += FormatText(Line + Length, LINE_BYTES - Length, "[PID - 0x%I64X] ",
+                             reinterpret_cast<ULONG64>(IoGetCurrentProcess()));
     }
     return Length;
-}
-
-bool EndsLine(PCSTR Format) {
-    const size_t Length = strlen(Format);
-    return Length != 0 && Format[Length - 1] == '\n';
 }
 
 void SendLine(PCSTR Line, ULONG Length) {
@@ -49,15 +51,6 @@ void SendLine(PCSTR Line, ULONG Length) {
         DbgPrintEx(DEBUG_COMPONENT, 0xFFFFFFFF, "%s", Line);
     }
     NtFsdLogAppend(Line, Length);
-}
-
-// A 32-bit switch; a value that cannot be read gives 0.
-bool ReadSwitch(PCWSTR Name, PULONG Value) {
-    ULONG Length = 0;
-    ULONG Read = 0;
-    const NTSTATUS Status = NtFsdReadServiceValue(Name, REG_DWORD, sizeof(Read), &Read, &Length);
-    *Value = NT_SUCCESS(Status) ? Read : 0;
-    return NT_SUCCESS(Status);
 }
 
 } // namespace
@@ -68,13 +61,8 @@ void NtFsdTraceLine(PCSTR Format, const FormatArgument *Arguments, ULONG Count) 
         return;
     }
     ULONG Length = AppendPrefixes(Line.Get());
-    Length = Append(Line.Get(), Length, "[RVFSD] ");
-    // A line that is cut keeps its end, or the next one would stand behind it.
-    Length += FormatBounded(Line.Get() + Length, LINE_BYTES - 1 - Length, Format, Arguments, Count);
-    if (EndsLine(Format) && Line.Get()[Length - 1] != '\n') {
-        Line.Get()[Length++] = '\n';
-        Line.Get()[Length] = '\0';
-    }
+    Length += FormatText(Line.Get() + Length, LINE_BYTES - Length, "[RVFSD] ");
+    Length += FormatLine(Line.Get() + Length, LINE_BYTES - Length, Format, Arguments, Count);
     SendLine(Line.Get(), Length);
 }
 
@@ -93,14 +81,14 @@ void NtFsdExternalPrint(PCSTR Text) {
         return;
     }
     ULONG Length = AppendPrefixes(Line.Get());
-    Length = Append(Line.Get(), Length, "%s", Text);
+    Length += FormatText(Line.Get() + Length, LINE_BYTES - Length, "%s", Text);
     SendLine(Line.Get(), Length);
 }
 
 void NtFsdPrintLine(PCSTR Format, const FormatArgument *Arguments, ULONG Count) {
     // These lines report that memory ran out: they must not need any.
     char Line[512];
-    FormatBounded(Line, sizeof(Line), Format, Arguments, Count);
+    FormatLine(Line, sizeof(Line), Format, Arguments, Count);
     DbgPrint("%s", Line);
 }
 
@@ -125,19 +113,15 @@ void NtFsdInitDebug() {
     g_uLogBufferUsed = 0;
     g_pLogBuffer = static_cast<PCHAR>(TwAllocMemory(LOG_BUFFER_BYTES));
 
-    ULONG Flags = 0;
-    if (!ReadSwitch(WTEXT("EnableDebug"), &Flags) || Flags == 0) {
+    const ULONG Flags = NtFsdReadSwitch(WTEXT("EnableDebug"), 0);
+    if (Flags == 0) {
         return;
     }
-    ULONG Display = 0;
-    ULONG Mask = 0;
-    ReadSwitch(WTEXT("FsDisplayOutput"), &Display);
-    ReadSwitch(WTEXT("FsDebugLevel"), &Mask);
-    ReadSwitch(WTEXT("RvioctlDbgMsg"), &g_uIoctlDebugMessages);
-    ReadSwitch(WTEXT("DebugLogging"), &g_uDebugLogging);
-    g_bDisplayOutput = Display != 0;
-    g_uDebugMask = Mask;
+    g_bDisplayOutput = NtFsdReadSwitch(WTEXT("FsDisplayOutput"), 0) != 0;
+    g_uDebugMask = NtFsdReadSwitch(WTEXT("FsDebugLevel"), 0);
+    g_uIoctlDebugMessages = NtFsdReadSwitch(WTEXT("RvioctlDbgMsg"), 0);
+    g_uDebugLogging = NtFsdReadSwitch(WTEXT("DebugLogging"), 0);
     g_uDebugFlags = Flags;
-    g_uTraceGate = Mask;
+    g_uTraceGate = g_uDebugMask;
     NtFsdStartLogWriter();
 }

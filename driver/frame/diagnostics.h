@@ -62,14 +62,12 @@ void NtFsdPrintLine(PCSTR Format, const FormatArgument *Arguments, ULONG Count);
 
 template <typename... T>
 __attribute__((noinline, cold)) void NtFsdTraceArguments(PCSTR Format, T... Values) {
-    const FormatArgument Arguments[] = {MakeFormatArgument(Values)..., FormatArgument{}};
-    NtFsdTraceLine(Format, Arguments, sizeof...(T));
+    WithFormatArguments([=](auto Arguments, ULONG Count) { NtFsdTraceLine(Format, Arguments, Count); }, Values...);
 }
 
 template <typename... T>
 __attribute__((noinline, cold)) void NtFsdPrintArguments(PCSTR Format, T... Values) {
-    const FormatArgument Arguments[] = {MakeFormatArgument(Values)..., FormatArgument{}};
-    NtFsdPrintLine(Format, Arguments, sizeof...(T));
+    WithFormatArguments([=](auto Arguments, ULONG Count) { NtFsdPrintLine(Format, Arguments, Count); }, Values...);
 }
 
 // Prints a message of category Mask. Level has no effect on the output. A macro, so that a filtered call evaluates
@@ -116,6 +114,10 @@ inline constexpr ULONG LOG_BUFFER_BYTES = 0x800000;
 extern PCHAR g_pLogBuffer;
 extern ULONG g_uLogBufferUsed;
 extern KSPIN_LOCK g_LogBufferLock;
+
+inline PCSTR TrueOrFalse(bool Value) {
+    return Value ? "TRUE" : "FALSE";
+}
 
 // Low half of a 64-bit handle, for the messages that show it as %x.
 inline ULONG LowPart(ULONG64 Value) {

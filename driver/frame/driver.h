@@ -1,7 +1,10 @@
 // Driver-wide objects and switches, start-up and teardown.
 #pragma once
 
-#include "kernel/kernel.h"
+#include "names/strings.h"
+
+// What the UNC provider knows the device by.
+inline constexpr UNICODE_STRING DEVICE_NAME = ConstantString(WTEXT("\\Device\\RvFsd"));
 
 extern PDEVICE_OBJECT g_pDeviceObject;
 extern ULONG g_uInitStage;
@@ -39,31 +42,49 @@ enum INIT_STAGE : ULONG {
 // and Size are not used. ResultLength receives the value's length when the value exists. IRQL PASSIVE_LEVEL.
 NTSTATUS NtFsdReadServiceValue(PCWSTR ValueName, ULONG Type, ULONG Size, PVOID Buffer, PULONG ResultLength);
 
-// Undoes start-up according to g_uInitStage.
-VOID NtFsdTeardown();
+// A 32-bit switch of the service key; Default when it cannot be read.
+inline ULONG NtFsdReadSwitch(PCWSTR Name, ULONG Default) {
+    ULONG Value = Default;
+    ULONG Length = 0;
+    // A failed read leaves the default in force.
+    static_cast<void>(NtFsdReadServiceValue(Name, REG_DWORD, sizeof(Value), &Value, &Length));
+    return Value;
+}
+
+// Undoes start-up according to g_uInitStage. Own is the number of requests that the caller has counted in. FALSE when
+// another request does not end: everything is left as it is, and new requests stay refused.
+bool NtFsdTeardown(LONG Own);
 
 VOID NTAPI NtFsdFinishDriverInit(PVOID Context);
 
 // ---- Requests in flight --------------------------------------------------------------------------------------------
 
-// Enters a request; FALSE once teardown has begun, and then nothing of the driver may be used. LeaveRequest follows.
-bool NtFsdEnterRequest();
-void NtFsdLeaveRequest();
+// What is in flight without being a request: calls of the class factory and of fast I/O.
+inline constexpr UCHAR IN_FLIGHT_CALL = IRP_MJ_MAXIMUM_FUNCTION + 1;
+
+// Enters a request of MajorFunction (or IN_FLIGHT_CALL); FALSE once teardown has begun, and then nothing of the driver
+// may be used. NtFsdLeaveRequest with the same function follows, of the same thread or another.
+bool NtFsdEnterRequest(UCHAR MajorFunction);
+void NtFsdLeaveRequest(UCHAR MajorFunction);
+// Counts in once more what a request that is in flight hands to another thread.
+void NtFsdKeepRequest(UCHAR MajorFunction);
 // TRUE once teardown has begun.
 bool NtFsdIsStopped();
 // Refuses new requests and waits until those in flight have left. Own is the number of holds of the calling thread.
-void NtFsdStopRequests(LONG Own);
+// Says every ten seconds what it waits for, and gives up after a minute: then FALSE.
+bool NtFsdStopRequests(LONG Own);
 
 // A request in flight, by scope.
 class [[nodiscard]] RequestInFlight {
 public:
-    RequestInFlight() : Entered_(NtFsdEnterRequest()) {
+    explicit RequestInFlight(UCHAR MajorFunction = IN_FLIGHT_CALL)
+        : MajorFunction_(MajorFunction), Entered_(NtFsdEnterRequest(MajorFunction)) {
     }
     RequestInFlight(const RequestInFlight &) = delete;
     RequestInFlight &operator=(const RequestInFlight &) = delete;
     ~RequestInFlight() {
         if (Entered_) {
-            NtFsdLeaveRequest();
+            NtFsdLeaveRequest(MajorFunction_);
         }
     }
     explicit operator bool() const {
@@ -71,5 +92,6 @@ public:
     }
 
 private:
+    UCHAR MajorFunction_;
     bool Entered_;
 };

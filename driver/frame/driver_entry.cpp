@@ -19,21 +19,12 @@ DRIVER_GLOBAL BOOLEAN g_bDeferDeleteAccessCheck = FALSE;
 
 namespace {
 
-constexpr UNICODE_STRING DEVICE_NAME = ConstantString(WTEXT("\\Device\\RvFsd"));
 constexpr UNICODE_STRING LINK_NAME = ConstantString(WTEXT("\\DosDevices\\RvFsd"));
 constexpr UNICODE_STRING VERSION_NAME = ConstantString(WTEXT("v5.00.001 (07292006)"));
 constexpr ULONG LOOKASIDE_TAG = 0x63787446; // "Ftxc"
 
-PCSTR TrueOrFalse(BOOLEAN Value) {
-    return Value ? "TRUE" : "FALSE";
-}
-
-// A switch of the service key, reduced to a Boolean; Default is in force when it cannot be read.
 BOOLEAN ReadSwitch(PCWSTR Name, ULONG Default) {
-    ULONG Value = Default;
-    ULONG Length = 0;
-    Ignore(NtFsdReadServiceValue(Name, REG_DWORD, sizeof(Value), &Value, &Length), "the default stays in force");
-    return Value != 0;
+    return NtFsdReadSwitch(Name, Default) != 0;
 }
 
 void ReadSwitches() {
@@ -174,7 +165,7 @@ NTSTATUS StartDeferredThread() {
 
 // After a start that failed nothing of the driver may be left: the image is about to go.
 NTSTATUS FailStart(NTSTATUS Status) {
-    NtFsdTeardown();
+    NtFsdTeardown(0);
     NtFsdStopDebug();
     return Status;
 }

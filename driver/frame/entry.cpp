@@ -16,40 +16,60 @@ namespace {
 
 // ---- Deviations -----------------------------------------------------------------------------------------------------
 
-NTSTATUS OpenDevice(PIRP Irp, CCHAR PriorityBoost) {
-    const NTSTATUS Status = NtFsdOpenOurDevice(IoGetCurrentIrpStackLocation(Irp)->FileObject);
-    return NtFsdCompleteAtOnce(Irp, Status, NT_SUCCESS(Status) ? FILE_OPENED : FILE_DOES_NOT_EXIST, PriorityBoost);
+bool Complete(ENTRY_REQUEST &Request, NTSTATUS Status) {
+    Request.Status = NtFsdCompleteRequest(nullptr, Request.Irp, Status);
+    return true;
+}
+
+bool CompleteAtOnce(ENTRY_REQUEST &Request, NTSTATUS Status, ULONG_PTR Information = 0) {
+    Request.Status = NtFsdCompleteAtOnce(Request.Irp, Status, Information, IO_NETWORK_INCREMENT);
+    return true;
+}
+
+bool RefuseUnbound(ENTRY_REQUEST &Request) {
+    CompleteAtOnce(Request, STATUS_UNSUCCESSFUL);
+    NtFsdDebugPrint(TRACE_CONTROL, 0, "Unable to Initialize Orrery\n");
+    return true;
+}
+
+void OpenDevice(ENTRY_REQUEST &Request, CCHAR PriorityBoost) {
+    const NTSTATUS Status = NtFsdOpenOurDevice(Request.FileObject);
+    Request.Status =
+        NtFsdCompleteAtOnce(Request.Irp, Status, NT_SUCCESS(Status) ? FILE_OPENED : FILE_DOES_NOT_EXIST, PriorityBoost);
 }
 
 // The device itself can be opened before the framework is there: that is how it is found at start.
-bool CreateUnbound(PIRP Irp, NTSTATUS *Status) {
-    const PFILE_OBJECT FileObject = IoGetCurrentIrpStackLocation(Irp)->FileObject;
+bool CreateUnbound(ENTRY_REQUEST &Request) {
+    const PFILE_OBJECT FileObject = Request.FileObject;
     const WideText Name = {FileObject->FileName.Buffer, FileObject->FileName.Length / 2u};
     NtFsdDebugPrint(TRACE_CREATE, 0, "Name Length %d\n", static_cast<ULONG>(FileObject->FileName.Length));
     NtFsdDebugPrint(TRACE_CREATE, 0, "File %ws\n", Name);
     NtFsdDebugPrint(TRACE_CREATE, 0, "RelatedObject = 0x%X\n",
                     LowPart(reinterpret_cast<ULONG_PTR>(FileObject->RelatedFileObject)));
     if (!NtFsdIsDeviceOpen(FileObject)) {
-        return false;
+        return RefuseUnbound(Request);
     }
     NtFsdDebugPrint(TRACE_CREATE, 0, "Open our Device at Init\n");
-    *Status = OpenDevice(Irp, IO_NETWORK_INCREMENT);
+    OpenDevice(Request, IO_NETWORK_INCREMENT);
     return true;
 }
 
-bool CreateSpecial(PIRP Irp, NTSTATUS *Status) {
-    const PIO_STACK_LOCATION IrpSp = IoGetCurrentIrpStackLocation(Irp);
-    if (IrpSp->Flags & SL_OPEN_PAGING_FILE) {
+bool CreateStopped(ENTRY_REQUEST &Request) {
+    return NtFsdIsDeviceOpen(Request.FileObject) ? CompleteAtOnce(Request, STATUS_UNSUCCESSFUL, FILE_DOES_NOT_EXIST)
+                                                 : RefuseUnbound(Request);
+}
+
+bool CreateAdmitted(ENTRY_REQUEST &Request) {
+    if (IoGetCurrentIrpStackLocation(Request.Irp)->Flags & SL_OPEN_PAGING_FILE) {
         NtFsdDebugPrint(TRACE_CREATE, 0, "NtFsdCreate() asked to open paging file, returning ACCESS_DENIED\n");
-        *Status = NtFsdCompleteRequest(nullptr, Irp, STATUS_ACCESS_DENIED);
-        return true;
+        return Complete(Request, STATUS_ACCESS_DENIED);
     }
-    if (NtFsdIsDeviceOpen(IrpSp->FileObject)) {
-        *Status = OpenDevice(Irp, IO_DISK_INCREMENT);
-        NtFsdDebugPrint(TRACE_CREATE, 0, "NtFsdCreate() returning 0x%x from opening device\n", *Status);
-        return true;
+    if (!NtFsdIsDeviceOpen(Request.FileObject)) {
+        return false;
     }
-    return false;
+    OpenDevice(Request, IO_DISK_INCREMENT);
+    NtFsdDebugPrint(TRACE_CREATE, 0, "NtFsdCreate() returning 0x%x from opening device\n", Request.Status);
+    return true;
 }
 
 bool IsDriverFcb(PFILE_OBJECT FileObject) {
@@ -57,38 +77,37 @@ bool IsDriverFcb(PFILE_OBJECT FileObject) {
 }
 
 // A device open is closed whatever the binding: nothing else would give its process record back.
-bool CloseUnbound(PIRP Irp, NTSTATUS *Status) {
-    const PFILE_OBJECT FileObject = IoGetCurrentIrpStackLocation(Irp)->FileObject;
-    if (!IsDriverFcb(FileObject)) {
-        return false;
-    }
-    *Status = NtFsdCompleteRequest(nullptr, Irp, NtFsdCloseOurDevice(FileObject));
-    return true;
+bool CloseUnbound(ENTRY_REQUEST &Request) {
+    return IsDriverFcb(Request.FileObject) ? Complete(Request, NtFsdCloseOurDevice(Request.FileObject))
+                                           : RefuseUnbound(Request);
 }
 
-bool CleanupUnbound(PIRP Irp, NTSTATUS *Status) {
-    if (!IsDriverFcb(IoGetCurrentIrpStackLocation(Irp)->FileObject)) {
-        return false;
-    }
-    *Status = NtFsdCompleteRequest(nullptr, Irp, STATUS_SUCCESS);
-    return true;
+bool CleanupUnbound(ENTRY_REQUEST &Request) {
+    return IsDriverFcb(Request.FileObject) ? Complete(Request, STATUS_SUCCESS) : RefuseUnbound(Request);
 }
 
-bool CloseSpecial(PIRP Irp, bool Cancelled, NTSTATUS *Status) {
-    const PFILE_OBJECT FileObject = IoGetCurrentIrpStackLocation(Irp)->FileObject;
-    const NTSTATUS Done = Cancelled ? STATUS_CANCELLED : STATUS_SUCCESS;
+bool CloseStopped(ENTRY_REQUEST &Request) {
+    NtFsdCloseAfterTeardown(Request.FileObject);
+    return CompleteAtOnce(Request, STATUS_SUCCESS);
+}
+
+bool CleanupStopped(ENTRY_REQUEST &Request) {
+    return CompleteAtOnce(Request, STATUS_SUCCESS);
+}
+
+bool CloseInRegion(ENTRY_REQUEST &Request) {
+    const PFILE_OBJECT FileObject = Request.FileObject;
+    const NTSTATUS Done = Request.Cancelled ? STATUS_CANCELLED : STATUS_SUCCESS;
     if (FileObject->FsContext == nullptr) {
         NtFsdFreeOrphanInstance(FileObject);
-        *Status = NtFsdCompleteRequest(nullptr, Irp, Done);
-        return true;
+        return Complete(Request, Done);
     }
     if (!NtFsdIsFcb(FileObject->FsContext)) {
         // Not ours: nothing that it points to may be touched.
         FileObject->FsContext = nullptr;
         FileObject->FsContext2 = nullptr;
         FileObject->SectionObjectPointer = nullptr;
-        *Status = NtFsdCompleteRequest(nullptr, Irp, Done);
-        return true;
+        return Complete(Request, Done);
     }
     const auto Fcb = static_cast<PFCB>(FileObject->FsContext);
     NtFsdDebugPrint(TRACE_GENERAL, 0, " File Object: 0x%p -> \"%wZ\".\n", FileObject, NtFsdStablePath(Fcb));
@@ -96,48 +115,63 @@ bool CloseSpecial(PIRP Irp, bool Cancelled, NTSTATUS *Status) {
         return false;
     }
     Ignore(NtFsdCloseOurDevice(FileObject), "it always succeeds");
-    *Status = NtFsdCompleteRequest(nullptr, Irp, Done);
-    return true;
+    return Complete(Request, Done);
 }
 
-NTSTATUS MapNotAFile(NTSTATUS Status) {
-    return Status == STATUS_INVALID_PARAMETER ? STATUS_FILE_IS_A_DIRECTORY : Status;
+bool WriteInRegion(ENTRY_REQUEST &Request) {
+    NtFsdDebugPrint(TRACE_WRITE, 0, "   I/O Request       : %s\n",
+                    IoIsOperationSynchronous(Request.Irp) ? "Synchronous" : "Asynchronous");
+    return false;
 }
 
-NTSTATUS MapReadDecode(NTSTATUS Status) {
-    if (!NT_SUCCESS(Status)) {
+bool WriteDecoded(ENTRY_REQUEST &Request) {
+    if (Request.Status == STATUS_INVALID_PARAMETER) {
+        Request.Status = STATUS_FILE_IS_A_DIRECTORY;
+    }
+    return false;
+}
+
+bool ReadDecoded(ENTRY_REQUEST &Request) {
+    if (!NT_SUCCESS(Request.Status)) {
         NtFsdDebugPrint(TRACE_READ, 0, "<<<<<<<<<<<<<NtFsdRead() Unable to Decode FileObject\n");
     }
-    return MapNotAFile(Status);
+    return WriteDecoded(Request);
 }
 
 // The handle of a deleted file is still cleaned up.
-NTSTATUS MapDeletePending(NTSTATUS Status) {
-    return Status == STATUS_DELETE_PENDING ? STATUS_SUCCESS : Status;
-}
-
-void TraceWriteMode(PIRP Irp) {
-    NtFsdDebugPrint(TRACE_WRITE, 0, "   I/O Request       : %s\n",
-                    IoIsOperationSynchronous(Irp) ? "Synchronous" : "Asynchronous");
-}
-
-void DefaultLockKey(PIRP_CONTEXT IrpContext) {
-    ULONG *Key = &IoGetCurrentIrpStackLocation(IrpContext->Irp)->Parameters.LockControl.Key;
-    if (*Key == 0) {
-        *Key = LowPart(reinterpret_cast<ULONG_PTR>(IrpContext->OriginatingProcess));
+bool CleanupDecoded(ENTRY_REQUEST &Request) {
+    if (Request.Status == STATUS_DELETE_PENDING) {
+        Request.Status = STATUS_SUCCESS;
     }
+    return false;
+}
+
+bool LockDecoded(ENTRY_REQUEST &Request) {
+    ULONG *Key = &IoGetCurrentIrpStackLocation(Request.Irp)->Parameters.LockControl.Key;
+    if (*Key == 0) {
+        *Key = LowPart(reinterpret_cast<ULONG_PTR>(IoGetCurrentProcess()));
+    }
+    return false;
 }
 
 // Classes from here on are refused before anything is made for the request.
 constexpr ULONG FIRST_UNKNOWN_CLASS = 56;
 
-bool RefuseUnknownListing(PIRP Irp, NTSTATUS *Status) {
-    const PIO_STACK_LOCATION IrpSp = IoGetCurrentIrpStackLocation(Irp);
-    if (IrpSp->MinorFunction != IRP_MN_QUERY_DIRECTORY ||
-        static_cast<ULONG>(IrpSp->Parameters.QueryDirectory.FileInformationClass) < FIRST_UNKNOWN_CLASS) {
-        return false;
-    }
-    *Status = NtFsdCompleteRequest(nullptr, Irp, STATUS_INVALID_INFO_CLASS);
+bool DirectoryDecoded(ENTRY_REQUEST &Request) {
+    const PIO_STACK_LOCATION IrpSp = IoGetCurrentIrpStackLocation(Request.Irp);
+    return NT_SUCCESS(Request.Status) && IrpSp->MinorFunction == IRP_MN_QUERY_DIRECTORY &&
+           static_cast<ULONG>(IrpSp->Parameters.QueryDirectory.FileInformationClass) >= FIRST_UNKNOWN_CLASS &&
+           Complete(Request, STATUS_INVALID_INFO_CLASS);
+}
+
+// Extended attributes are not offered: files have none, and a set is accepted and stores nothing.
+bool QueryEa(ENTRY_REQUEST &Request) {
+    Request.Status = NtFsdCompleteAtOnce(Request.Irp, STATUS_NO_EAS_ON_FILE, 0, IO_DISK_INCREMENT);
+    return true;
+}
+
+bool SetEa(ENTRY_REQUEST &Request) {
+    Request.Status = NtFsdCompleteAtOnce(Request.Irp, STATUS_SUCCESS, 0, IO_DISK_INCREMENT);
     return true;
 }
 
@@ -151,126 +185,100 @@ NTSTATUS CommonDeviceControl(PIRP_CONTEXT IrpContext) {
 
 // ---- The table ------------------------------------------------------------------------------------------------------
 
+struct ENTRY_TABLE {
+    ENTRY Entries[IRP_MJ_MAXIMUM_FUNCTION + 1];
+};
+
 constexpr UCHAR ENTRY_USUAL = ENTRY_BINDS | ENTRY_TESTS_CANCEL;
 
-enum : SIZE_T {
-    ROW_CREATE,
-    ROW_CLOSE,
-    ROW_READ,
-    ROW_WRITE,
-    ROW_FLUSH,
-    ROW_FSCTL,
-    ROW_IOCTL,
-    ROW_LOCK,
-    ROW_CLEANUP,
-    ROW_DIRECTORY,
-    ROW_QUERY_FILE,
-    ROW_QUERY_VOLUME,
-    ROW_SET_FILE
-};
+constexpr ENTRY_TABLE MakeTable() {
+    ENTRY_TABLE Table = {};
+    Table.Entries[IRP_MJ_CREATE] = {.Name = "NtFsdCreate",
+                                    .Flags = ENTRY_USUAL,
+                                    .OpenType = 0,
+                                    .Mask = TRACE_CREATE,
+                                    .Common = CommonCreate,
+                                    .Unbound = CreateUnbound,
+                                    .Stopped = CreateStopped,
+                                    .Admitted = CreateAdmitted};
+    Table.Entries[IRP_MJ_CLOSE] = {.Name = "NtFsdClose",
+                                   .Flags = ENTRY_USUAL | ENTRY_MUST_RUN,
+                                   .OpenType = 0,
+                                   .Mask = TRACE_CLOSE,
+                                   .Common = NtFsdCommonClose,
+                                   .Unbound = CloseUnbound,
+                                   .Stopped = CloseStopped,
+                                   .InRegion = CloseInRegion};
+    Table.Entries[IRP_MJ_READ] = {.Name = "NtFsdRead",
+                                  .Flags = ENTRY_USUAL | ENTRY_DECODES | ENTRY_RETURN_RUN,
+                                  .OpenType = OPEN_TYPE_FILE,
+                                  .Mask = TRACE_READ,
+                                  .Common = NtFsdCommonRead,
+                                  .Decoded = ReadDecoded};
+    Table.Entries[IRP_MJ_WRITE] = {.Name = "NtFsdWrite",
+                                   .Flags = ENTRY_USUAL | ENTRY_DECODES | ENTRY_RETURN_RUN,
+                                   .OpenType = OPEN_TYPE_FILE,
+                                   .Mask = TRACE_WRITE,
+                                   .Common = NtFsdCommonWrite,
+                                   .InRegion = WriteInRegion,
+                                   .Decoded = WriteDecoded};
+    Table.Entries[IRP_MJ_QUERY_INFORMATION] = {.Name = "NtFsdQueryInformation",
+                                               .Flags = ENTRY_USUAL | ENTRY_DECODES,
+                                               .OpenType = 0,
+                                               .Mask = TRACE_FILE_INFO,
+                                               .Common = NtFsdCommonQueryInformation};
+    Table.Entries[IRP_MJ_SET_INFORMATION] = {.Name = "NtFsdSetInformation",
+                                             .Flags = ENTRY_USUAL | ENTRY_DECODES,
+                                             .OpenType = 0,
+                                             .Mask = TRACE_FILE_INFO,
+                                             .Common = NtFsdCommonSetInformation};
+    Table.Entries[IRP_MJ_QUERY_EA] = {.Name = "NtFsdQueryEa", .Whole = QueryEa};
+    Table.Entries[IRP_MJ_SET_EA] = {.Name = "NtFsdSetEa", .Whole = SetEa};
+    Table.Entries[IRP_MJ_FLUSH_BUFFERS] = {.Name = "NtFsdFlushBuffers",
+                                           .Flags = ENTRY_DECODES | ENTRY_RETURN_RUN,
+                                           .OpenType = OPEN_TYPE_FILE,
+                                           .Mask = TRACE_FLUSH,
+                                           .Common = NtFsdCommonFlush};
+    Table.Entries[IRP_MJ_QUERY_VOLUME_INFORMATION] = {.Name = "NtFsdQueryVolumeInformation",
+                                                      .Flags = ENTRY_USUAL | ENTRY_DECODES,
+                                                      .OpenType = 0,
+                                                      .Mask = TRACE_VOLUME_INFO,
+                                                      .Common = NtFsdCommonQueryVolumeInfo};
+    Table.Entries[IRP_MJ_DIRECTORY_CONTROL] = {.Name = "NtFsdDirectoryControl",
+                                               .Flags = ENTRY_USUAL | ENTRY_DECODES | ENTRY_RETURN_RUN,
+                                               .OpenType = OPEN_TYPE_DIRECTORY,
+                                               .Mask = TRACE_DIRECTORY,
+                                               .Common = NtFsdCommonDirectoryControl,
+                                               .Decoded = DirectoryDecoded};
+    Table.Entries[IRP_MJ_FILE_SYSTEM_CONTROL] = {.Name = "NtFsdFileSystemControl",
+                                                 .Flags = ENTRY_USUAL,
+                                                 .OpenType = 0,
+                                                 .Mask = TRACE_CONTROL,
+                                                 .Common = CommonDeviceControl};
+    Table.Entries[IRP_MJ_DEVICE_CONTROL] = {.Name = "NtFsdDeviceControl",
+                                            .Flags = ENTRY_USUAL,
+                                            .OpenType = 0,
+                                            .Mask = TRACE_CONTROL,
+                                            .Common = CommonDeviceControl};
+    Table.Entries[IRP_MJ_SHUTDOWN] = {.Name = "NtFsdShutdown", .Whole = NtFsdServeShutdown};
+    Table.Entries[IRP_MJ_LOCK_CONTROL] = {.Name = "NtFsdLockControl",
+                                          .Flags = ENTRY_BINDS | ENTRY_DECODES | ENTRY_RETURN_RUN,
+                                          .OpenType = OPEN_TYPE_FILE,
+                                          .Mask = TRACE_LOCK,
+                                          .Common = NtFsdCommonLockControl,
+                                          .Decoded = LockDecoded};
+    Table.Entries[IRP_MJ_CLEANUP] = {.Name = "NtFsdCleanup",
+                                     .Flags = ENTRY_USUAL | ENTRY_MUST_RUN | ENTRY_DECODES,
+                                     .OpenType = 0,
+                                     .Mask = TRACE_CLEANUP,
+                                     .Common = NtFsdCommonCleanup,
+                                     .Unbound = CleanupUnbound,
+                                     .Stopped = CleanupStopped,
+                                     .Decoded = CleanupDecoded};
+    return Table;
+}
 
-constexpr ENTRY Entries[] = {
-    {.MajorFunction = IRP_MJ_CREATE,
-     .Flags = ENTRY_USUAL,
-     .OpenType = 0,
-     .Mask = TRACE_CREATE,
-     .Name = "NtFsdCreate",
-     .Common = CommonCreate,
-     .Unbound = CreateUnbound,
-     .AfterCancelTest = CreateSpecial},
-    {.MajorFunction = IRP_MJ_CLOSE,
-     .Flags = ENTRY_USUAL | ENTRY_MUST_RUN,
-     .OpenType = 0,
-     .Mask = TRACE_CLOSE,
-     .Name = "NtFsdClose",
-     .Common = NtFsdCommonClose,
-     .Unbound = CloseUnbound,
-     .InRegion = CloseSpecial},
-    {.MajorFunction = IRP_MJ_READ,
-     .Flags = ENTRY_USUAL | ENTRY_DECODES | ENTRY_RETURN_RUN,
-     .OpenType = OPEN_TYPE_FILE,
-     .Mask = TRACE_READ,
-     .Name = "NtFsdRead",
-     .Common = NtFsdCommonRead,
-     .MapDecode = MapReadDecode},
-    {.MajorFunction = IRP_MJ_WRITE,
-     .Flags = ENTRY_USUAL | ENTRY_DECODES | ENTRY_RETURN_RUN,
-     .OpenType = OPEN_TYPE_FILE,
-     .Mask = TRACE_WRITE,
-     .Name = "NtFsdWrite",
-     .Common = NtFsdCommonWrite,
-     .BeforeDecode = TraceWriteMode,
-     .MapDecode = MapNotAFile},
-    {.MajorFunction = IRP_MJ_FLUSH_BUFFERS,
-     .Flags = ENTRY_DECODES | ENTRY_RETURN_RUN,
-     .OpenType = OPEN_TYPE_FILE,
-     .Mask = TRACE_FLUSH,
-     .Name = "NtFsdFlushBuffers",
-     .Common = NtFsdCommonFlush},
-    {.MajorFunction = IRP_MJ_FILE_SYSTEM_CONTROL,
-     .Flags = ENTRY_USUAL,
-     .OpenType = 0,
-     .Mask = TRACE_CONTROL,
-     .Name = "NtFsdFileSystemControl",
-     .Common = CommonDeviceControl},
-    {.MajorFunction = IRP_MJ_DEVICE_CONTROL,
-     .Flags = ENTRY_USUAL,
-     .OpenType = 0,
-     .Mask = TRACE_CONTROL,
-     .Name = "NtFsdDeviceControl",
-     .Common = CommonDeviceControl},
-    {.MajorFunction = IRP_MJ_LOCK_CONTROL,
-     .Flags = ENTRY_BINDS | ENTRY_DECODES | ENTRY_RETURN_RUN,
-     .OpenType = OPEN_TYPE_FILE,
-     .Mask = TRACE_LOCK,
-     .Name = "NtFsdLockControl",
-     .Common = NtFsdCommonLockControl,
-     .BeforeCommon = DefaultLockKey},
-    {.MajorFunction = IRP_MJ_CLEANUP,
-     .Flags = ENTRY_USUAL | ENTRY_MUST_RUN | ENTRY_DECODES,
-     .OpenType = 0,
-     .Mask = TRACE_CLEANUP,
-     .Name = "NtFsdCleanup",
-     .Common = NtFsdCommonCleanup,
-     .Unbound = CleanupUnbound,
-     .MapDecode = MapDeletePending},
-    {.MajorFunction = IRP_MJ_DIRECTORY_CONTROL,
-     .Flags = ENTRY_USUAL | ENTRY_DECODES | ENTRY_RETURN_RUN,
-     .OpenType = OPEN_TYPE_DIRECTORY,
-     .Mask = TRACE_DIRECTORY,
-     .Name = "NtFsdDirectoryControl",
-     .Common = NtFsdCommonDirectoryControl,
-     .AfterDecode = RefuseUnknownListing},
-    {.MajorFunction = IRP_MJ_QUERY_INFORMATION,
-     .Flags = ENTRY_USUAL | ENTRY_DECODES,
-     .OpenType = 0,
-     .Mask = TRACE_FILE_INFO,
-     .Name = "NtFsdQueryInformation",
-     .Common = NtFsdCommonQueryInformation},
-    {.MajorFunction = IRP_MJ_QUERY_VOLUME_INFORMATION,
-     .Flags = ENTRY_USUAL | ENTRY_DECODES,
-     .OpenType = 0,
-     .Mask = TRACE_VOLUME_INFO,
-     .Name = "NtFsdQueryVolumeInformation",
-     .Common = NtFsdCommonQueryVolumeInfo},
-    {.MajorFunction = IRP_MJ_SET_INFORMATION,
-     .Flags = ENTRY_USUAL | ENTRY_DECODES,
-     .OpenType = 0,
-     .Mask = TRACE_FILE_INFO,
-     .Name = "NtFsdSetInformation",
-     .Common = NtFsdCommonSetInformation},
-};
-static_assert(Entries[ROW_CREATE].MajorFunction == IRP_MJ_CREATE && Entries[ROW_CLOSE].MajorFunction == IRP_MJ_CLOSE &&
-              Entries[ROW_READ].MajorFunction == IRP_MJ_READ && Entries[ROW_WRITE].MajorFunction == IRP_MJ_WRITE &&
-              Entries[ROW_FLUSH].MajorFunction == IRP_MJ_FLUSH_BUFFERS &&
-              Entries[ROW_FSCTL].MajorFunction == IRP_MJ_FILE_SYSTEM_CONTROL &&
-              Entries[ROW_IOCTL].MajorFunction == IRP_MJ_DEVICE_CONTROL &&
-              Entries[ROW_LOCK].MajorFunction == IRP_MJ_LOCK_CONTROL &&
-              Entries[ROW_CLEANUP].MajorFunction == IRP_MJ_CLEANUP &&
-              Entries[ROW_DIRECTORY].MajorFunction == IRP_MJ_DIRECTORY_CONTROL &&
-              Entries[ROW_QUERY_FILE].MajorFunction == IRP_MJ_QUERY_INFORMATION &&
-              Entries[ROW_QUERY_VOLUME].MajorFunction == IRP_MJ_QUERY_VOLUME_INFORMATION &&
-              Entries[ROW_SET_FILE].MajorFunction == IRP_MJ_SET_INFORMATION);
+constexpr ENTRY_TABLE Table = MakeTable();
 
 // ---- The shape ------------------------------------------------------------------------------------------------------
 
@@ -299,41 +307,17 @@ bool IsCancelled(PIRP Irp) {
     return Cancelled;
 }
 
-NTSTATUS RefuseUnbound(PIRP Irp) {
-    const NTSTATUS Status = NtFsdCompleteAtOnce(Irp, STATUS_UNSUCCESSFUL, 0, IO_NETWORK_INCREMENT);
-    NtFsdDebugPrint(TRACE_CONTROL, 0, "Unable to Initialize Orrery\n");
-    return Status;
-}
-
-// After teardown only opens that are still there may end; everything else is refused as if the framework were gone.
-NTSTATUS ServeAfterTeardown(const ENTRY &Entry, PIRP Irp) {
-    const PFILE_OBJECT FileObject = IoGetCurrentIrpStackLocation(Irp)->FileObject;
-    switch (Entry.MajorFunction) {
-    case IRP_MJ_CLOSE:
-        NtFsdCloseAfterTeardown(FileObject);
-        return NtFsdCompleteAtOnce(Irp, STATUS_SUCCESS, 0, IO_NETWORK_INCREMENT);
-    case IRP_MJ_CLEANUP:
-        return NtFsdCompleteAtOnce(Irp, STATUS_SUCCESS, 0, IO_NETWORK_INCREMENT);
-    case IRP_MJ_CREATE:
-        if (NtFsdIsDeviceOpen(FileObject)) {
-            return NtFsdCompleteAtOnce(Irp, STATUS_UNSUCCESSFUL, FILE_DOES_NOT_EXIST, IO_NETWORK_INCREMENT);
-        }
-        return RefuseUnbound(Irp);
-    default:
-        return RefuseUnbound(Irp);
-    }
-}
-
-NTSTATUS RunWithContext(const ENTRY &Entry, PIRP Irp, bool Cancelled) {
+NTSTATUS RunWithContext(const ENTRY &Entry, ENTRY_REQUEST &Request) {
     // The Provider is asked in somebody's name or not at all. Only a flush, which binds nothing, can come here without.
     if (g_pSecurityContextInterface == nullptr && !(Entry.Flags & ENTRY_MUST_RUN)) {
-        return RefuseUnbound(Irp);
+        RefuseUnbound(Request);
+        return Request.Status;
     }
-    const BOOLEAN Wait = IoIsOperationSynchronous(Irp);
+    const PIRP Irp = Request.Irp;
     IRP_CONTEXT InFrame;
-    PIRP_CONTEXT IrpContext = NtFsdCreateIrpContext(Irp, Wait);
+    PIRP_CONTEXT IrpContext = NtFsdCreateIrpContext(Irp, IoIsOperationSynchronous(Irp));
     if (IrpContext == nullptr) {
-        if (Entry.MajorFunction == IRP_MJ_CREATE) {
+        if (Entry.Common == CommonCreate) {
             NtFsdDebugPrint(TRACE_CREATE, 0, "NtFsdCreate() couldn't allocate Irp context\n");
         }
         if (!(Entry.Flags & ENTRY_MUST_RUN)) {
@@ -342,71 +326,76 @@ NTSTATUS RunWithContext(const ENTRY &Entry, PIRP Irp, bool Cancelled) {
         IrpContext = &InFrame;
         NtFsdFillIrpContext(IrpContext, Irp, TRUE, IRP_CONTEXT_FLAG_IN_FRAME);
     }
-    if (Cancelled) {
+    if (Request.Cancelled) {
         IrpContext->Flags |= IRP_CONTEXT_FLAG_ANSWER_CANCELLED;
-    }
-    if (Entry.BeforeCommon != nullptr) {
-        Entry.BeforeCommon(IrpContext);
     }
     return Entry.Common(IrpContext);
 }
 
-NTSTATUS ServeInRegion(const ENTRY &Entry, PIRP Irp, bool Cancelled) {
-    NTSTATUS Status;
-    if (Entry.InRegion != nullptr && Entry.InRegion(Irp, Cancelled, &Status)) {
-        return Status;
-    }
-    if (Entry.BeforeDecode != nullptr) {
-        Entry.BeforeDecode(Irp);
+NTSTATUS ServeInRegion(const ENTRY &Entry, ENTRY_REQUEST &Request) {
+    if (Entry.InRegion != nullptr && Entry.InRegion(Request)) {
+        return Request.Status;
     }
     if (Entry.Flags & ENTRY_DECODES) {
         PFCB Fcb;
         PINSTANCE_CONTEXT Instance;
-        Status = NtFsdDecodeFileObject(IoGetCurrentIrpStackLocation(Irp)->FileObject, &Fcb, &Instance, Entry.OpenType);
-        if (Entry.MapDecode != nullptr) {
-            Status = Entry.MapDecode(Status);
-        }
-        if (!NT_SUCCESS(Status)) {
-            return NtFsdCompleteRequest(nullptr, Irp, Cancelled ? STATUS_CANCELLED : Status);
-        }
+        Request.Status = NtFsdDecodeFileObject(Request.FileObject, &Fcb, &Instance, Entry.OpenType);
     }
-    if (Entry.AfterDecode != nullptr && Entry.AfterDecode(Irp, &Status)) {
-        return Status;
+    if (Entry.Decoded != nullptr && Entry.Decoded(Request)) {
+        return Request.Status;
     }
-    return RunWithContext(Entry, Irp, Cancelled);
+    if (!NT_SUCCESS(Request.Status)) {
+        return NtFsdCompleteRequest(nullptr, Request.Irp, Request.Cancelled ? STATUS_CANCELLED : Request.Status);
+    }
+    return RunWithContext(Entry, Request);
 }
 
-NTSTATUS Serve(const ENTRY &Entry, PIRP Irp) {
-    NtFsdDebugPrint(TRACE_ENTRY, 0, "<<<<<<<<<<<<<%s() entered\n", Entry.Name);
-    const RequestInFlight InFlight;
-    if (!InFlight) {
-        return ServeAfterTeardown(Entry, Irp);
-    }
-    NTSTATUS Status;
+// What comes before the critical region. TRUE: the request is completed.
+bool IsRefused(const ENTRY &Entry, ENTRY_REQUEST &Request) {
     if ((Entry.Flags & ENTRY_BINDS) && !NT_SUCCESS(NtFsdEnsureFrameworkBound())) {
-        if (Entry.Unbound != nullptr && Entry.Unbound(Irp, &Status)) {
-            return Status;
-        }
-        return RefuseUnbound(Irp);
+        return Entry.Unbound != nullptr ? Entry.Unbound(Request) : RefuseUnbound(Request);
     }
-    const bool Cancelled = (Entry.Flags & ENTRY_TESTS_CANCEL) && IsCancelled(Irp);
-    if (Cancelled) {
+    Request.Cancelled = (Entry.Flags & ENTRY_TESTS_CANCEL) && IsCancelled(Request.Irp);
+    if (Request.Cancelled) {
         NtFsdDebugPrint(Entry.Mask, 0, "%s() called with a cancelled Irp\n", Entry.Name);
         if (!(Entry.Flags & ENTRY_MUST_RUN)) {
-            return NtFsdCompleteRequest(nullptr, Irp, STATUS_CANCELLED);
+            return Complete(Request, STATUS_CANCELLED);
         }
     }
-    if (Entry.AfterCancelTest != nullptr && Entry.AfterCancelTest(Irp, &Status)) {
-        return Status;
+    return Entry.Admitted != nullptr && Entry.Admitted(Request);
+}
+
+NTSTATUS Serve(const ENTRY &Entry, ENTRY_REQUEST &Request) {
+    const RequestInFlight InFlight(IoGetCurrentIrpStackLocation(Request.Irp)->MajorFunction);
+    if (!InFlight) {
+        // Only opens that are still there may end; everything else is refused as if the framework were gone.
+        Entry.Stopped != nullptr ? Entry.Stopped(Request) : RefuseUnbound(Request);
+        return Request.Status;
     }
+    if (IsRefused(Entry, Request)) {
+        return Request.Status;
+    }
+    NTSTATUS Status;
     {
         const CriticalRegion Region;
-        const TopLevelIrp TopLevel(Irp);
-        Status = ServeInRegion(Entry, Irp, Cancelled);
+        const TopLevelIrp TopLevel(Request.Irp);
+        Status = ServeInRegion(Entry, Request);
     }
     NtFsdDebugPrint(Entry.Mask, 0, "%s%s() returning 0x%x\n", (Entry.Flags & ENTRY_RETURN_RUN) ? "<<<<<<<<<<<<<" : "",
                     Entry.Name, Status);
     return Status;
+}
+
+NTSTATUS NTAPI Dispatch(PDEVICE_OBJECT, PIRP Irp) {
+    const PIO_STACK_LOCATION IrpSp = IoGetCurrentIrpStackLocation(Irp);
+    const ENTRY &Entry = Table.Entries[IrpSp->MajorFunction];
+    NtFsdDebugPrint(TRACE_ENTRY, 0, "<<<<<<<<<<<<<%s() entered\n", Entry.Name);
+    ENTRY_REQUEST Request = {.Irp = Irp, .FileObject = IrpSp->FileObject, .Cancelled = false, .Status = STATUS_SUCCESS};
+    if (Entry.Whole != nullptr) {
+        Entry.Whole(Request);
+        return Request.Status;
+    }
+    return Serve(Entry, Request);
 }
 
 } // namespace
@@ -419,98 +408,17 @@ NTSTATUS NtFsdCompleteAtOnce(PIRP Irp, NTSTATUS Status, ULONG_PTR Information, C
 }
 
 NTSTATUS NtFsdRunCommonRoutine(PIRP_CONTEXT IrpContext) {
-    for (const ENTRY &Entry : Entries) {
-        if (Entry.MajorFunction == IrpContext->MajorFunction) {
-            if (IrpContext->MajorFunction == IRP_MJ_FILE_SYSTEM_CONTROL ||
-                IrpContext->MajorFunction == IRP_MJ_DEVICE_CONTROL) {
-                break; // a posted control has no common routine left to run
-            }
-            return Entry.Common(IrpContext);
-        }
+    const ENTRY &Entry = Table.Entries[IrpContext->MajorFunction];
+    if (Entry.Common == nullptr || Entry.Common == CommonDeviceControl) {
+        return NtFsdCompleteRequest(IrpContext, IrpContext->Irp, STATUS_INVALID_DEVICE_REQUEST);
     }
-    return NtFsdCompleteRequest(IrpContext, IrpContext->Irp, STATUS_INVALID_DEVICE_REQUEST);
-}
-
-// ---- The dispatch routines
-
-NTSTATUS NTAPI NtFsdCreate(PDEVICE_OBJECT, PIRP Irp) {
-    return Serve(Entries[ROW_CREATE], Irp);
-}
-
-NTSTATUS NTAPI NtFsdClose(PDEVICE_OBJECT, PIRP Irp) {
-    return Serve(Entries[ROW_CLOSE], Irp);
-}
-
-NTSTATUS NTAPI NtFsdRead(PDEVICE_OBJECT, PIRP Irp) {
-    return Serve(Entries[ROW_READ], Irp);
-}
-
-NTSTATUS NTAPI NtFsdWrite(PDEVICE_OBJECT, PIRP Irp) {
-    return Serve(Entries[ROW_WRITE], Irp);
-}
-
-NTSTATUS NTAPI NtFsdFlushBuffers(PDEVICE_OBJECT, PIRP Irp) {
-    return Serve(Entries[ROW_FLUSH], Irp);
-}
-
-NTSTATUS NTAPI NtFsdFileSystemControl(PDEVICE_OBJECT, PIRP Irp) {
-    return Serve(Entries[ROW_FSCTL], Irp);
-}
-
-NTSTATUS NTAPI NtFsdDeviceControl(PDEVICE_OBJECT, PIRP Irp) {
-    return Serve(Entries[ROW_IOCTL], Irp);
-}
-
-NTSTATUS NTAPI NtFsdLockControl(PDEVICE_OBJECT, PIRP Irp) {
-    return Serve(Entries[ROW_LOCK], Irp);
-}
-
-NTSTATUS NTAPI NtFsdCleanup(PDEVICE_OBJECT, PIRP Irp) {
-    return Serve(Entries[ROW_CLEANUP], Irp);
-}
-
-NTSTATUS NTAPI NtFsdQueryInformation(PDEVICE_OBJECT, PIRP Irp) {
-    return Serve(Entries[ROW_QUERY_FILE], Irp);
-}
-
-NTSTATUS NTAPI NtFsdSetInformation(PDEVICE_OBJECT, PIRP Irp) {
-    return Serve(Entries[ROW_SET_FILE], Irp);
-}
-
-NTSTATUS NTAPI NtFsdQueryVolumeInformation(PDEVICE_OBJECT, PIRP Irp) {
-    return Serve(Entries[ROW_QUERY_VOLUME], Irp);
-}
-
-NTSTATUS NTAPI NtFsdDirectoryControl(PDEVICE_OBJECT, PIRP Irp) {
-    return Serve(Entries[ROW_DIRECTORY], Irp);
-}
-
-// Extended attributes are not offered: files have none, and a set is accepted and stores nothing.
-NTSTATUS NTAPI NtFsdQueryEa(PDEVICE_OBJECT, PIRP Irp) {
-    NtFsdDebugPrint(TRACE_ENTRY, 0, "<<<<<<<<<<<<<NtFsdQueryEa() entered\n");
-    return NtFsdCompleteAtOnce(Irp, STATUS_NO_EAS_ON_FILE, 0, IO_DISK_INCREMENT);
-}
-
-NTSTATUS NTAPI NtFsdSetEa(PDEVICE_OBJECT, PIRP Irp) {
-    NtFsdDebugPrint(TRACE_ENTRY, 0, "<<<<<<<<<<<<<NtFsdSetEa() entered\n");
-    return NtFsdCompleteAtOnce(Irp, STATUS_SUCCESS, 0, IO_DISK_INCREMENT);
+    return Entry.Common(IrpContext);
 }
 
 void NtFsdFillDispatchTable(PDRIVER_OBJECT DriverObject) {
-    DriverObject->MajorFunction[IRP_MJ_CREATE] = NtFsdCreate;
-    DriverObject->MajorFunction[IRP_MJ_CLOSE] = NtFsdClose;
-    DriverObject->MajorFunction[IRP_MJ_READ] = NtFsdRead;
-    DriverObject->MajorFunction[IRP_MJ_WRITE] = NtFsdWrite;
-    DriverObject->MajorFunction[IRP_MJ_QUERY_EA] = NtFsdQueryEa;
-    DriverObject->MajorFunction[IRP_MJ_SET_EA] = NtFsdSetEa;
-    DriverObject->MajorFunction[IRP_MJ_FLUSH_BUFFERS] = NtFsdFlushBuffers;
-    DriverObject->MajorFunction[IRP_MJ_QUERY_INFORMATION] = NtFsdQueryInformation;
-    DriverObject->MajorFunction[IRP_MJ_QUERY_VOLUME_INFORMATION] = NtFsdQueryVolumeInformation;
-    DriverObject->MajorFunction[IRP_MJ_SET_INFORMATION] = NtFsdSetInformation;
-    DriverObject->MajorFunction[IRP_MJ_DIRECTORY_CONTROL] = NtFsdDirectoryControl;
-    DriverObject->MajorFunction[IRP_MJ_FILE_SYSTEM_CONTROL] = NtFsdFileSystemControl;
-    DriverObject->MajorFunction[IRP_MJ_DEVICE_CONTROL] = NtFsdDeviceControl;
-    DriverObject->MajorFunction[IRP_MJ_SHUTDOWN] = NtFsdShutdown;
-    DriverObject->MajorFunction[IRP_MJ_LOCK_CONTROL] = NtFsdLockControl;
-    DriverObject->MajorFunction[IRP_MJ_CLEANUP] = NtFsdCleanup;
+    for (ULONG MajorFunction = 0; MajorFunction <= IRP_MJ_MAXIMUM_FUNCTION; ++MajorFunction) {
+        if (Table.Entries[MajorFunction].Name != nullptr) {
+            DriverObject->MajorFunction[MajorFunction] = Dispatch;
+        }
+    }
 }

@@ -1,8 +1,8 @@
 // The entry routines: one shape, a table of the entries and their differences.
 //
-// NtFsdServe is the road of every request from the dispatch table to its common routine: count it in, bind the
-// framework, refuse a cancelled IRP, enter a critical region, take the top-level slot if free, decode the file object,
-// make the IrpContext, run the common routine. What deviates stands in the entry's row.
+// One dispatch routine serves every major function that has a row in the table: it counts the request in, binds the
+// framework, refuses a cancelled IRP, enters a critical region, takes the top-level slot if free, decodes the file
+// object, makes the IrpContext and runs the common routine. What deviates stands in the row.
 #pragma once
 
 #include "frame/irp_context.h"
@@ -15,22 +15,31 @@ enum ENTRY_FLAGS : UCHAR {
     ENTRY_RETURN_RUN = 0x10,  // the returning line begins with the run of the entry line
 };
 
-struct ENTRY {
-    UCHAR MajorFunction;
-    UCHAR Flags;
-    USHORT OpenType; // required of the FCB; 0 = any
-    ULONG Mask;      // of the lines other than the entry line
-    PCSTR Name;
-    NTSTATUS (*Common)(PIRP_CONTEXT IrpContext);
+// A request on its way through its entry.
+struct ENTRY_REQUEST {
+    PIRP Irp;
+    PFILE_OBJECT FileObject;
+    bool Cancelled;  // found cancelled, and runs all the same
+    NTSTATUS Status; // what the entry returns once the request is completed; before that, what the decode answered
+};
 
-    // Deviations; NULL where the entry has none. One that answers TRUE has completed the IRP with *Status.
-    bool (*Unbound)(PIRP Irp, NTSTATUS *Status);                  // instead of the refusal of an unbound framework
-    bool (*AfterCancelTest)(PIRP Irp, NTSTATUS *Status);          // before the critical region
-    bool (*InRegion)(PIRP Irp, bool Cancelled, NTSTATUS *Status); // before the IrpContext is made
-    void (*BeforeDecode)(PIRP Irp);
-    NTSTATUS (*MapDecode)(NTSTATUS Status); // the decode's status as the entry sees it
-    bool (*AfterDecode)(PIRP Irp, NTSTATUS *Status);
-    void (*BeforeCommon)(PIRP_CONTEXT IrpContext);
+// A deviation. TRUE: it has completed the IRP with Status, and the entry is done.
+typedef bool (*ENTRY_HOOK)(ENTRY_REQUEST &Request);
+
+struct ENTRY {
+    PCSTR Name;                                  // NULL: the major function is not served
+    UCHAR Flags;                                 // ENTRY_FLAGS
+    UCHAR OpenType;                              // required of the FCB; 0 = any
+    ULONG Mask;                                  // of the lines other than the entry line
+    NTSTATUS (*Common)(PIRP_CONTEXT IrpContext); // completes the request, or posts it
+
+    // NULL where the entry has none.
+    ENTRY_HOOK Whole;    // instead of everything but the entry line
+    ENTRY_HOOK Unbound;  // instead of the refusal of an unbound framework
+    ENTRY_HOOK Stopped;  // instead of the refusal after teardown
+    ENTRY_HOOK Admitted; // before the critical region
+    ENTRY_HOOK InRegion; // before the decode
+    ENTRY_HOOK Decoded;  // after it, also when it failed; may change Status
 };
 
 // Fills DriverObject's dispatch table.
@@ -42,19 +51,5 @@ NTSTATUS NtFsdRunCommonRoutine(PIRP_CONTEXT IrpContext);
 // Completes Irp outside the context machinery.
 NTSTATUS NtFsdCompleteAtOnce(PIRP Irp, NTSTATUS Status, ULONG_PTR Information, CCHAR PriorityBoost);
 
-NTSTATUS NTAPI NtFsdCreate(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-NTSTATUS NTAPI NtFsdClose(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-NTSTATUS NTAPI NtFsdRead(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-NTSTATUS NTAPI NtFsdWrite(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-NTSTATUS NTAPI NtFsdQueryEa(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-NTSTATUS NTAPI NtFsdSetEa(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-NTSTATUS NTAPI NtFsdFlushBuffers(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-NTSTATUS NTAPI NtFsdQueryInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-NTSTATUS NTAPI NtFsdSetInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-NTSTATUS NTAPI NtFsdQueryVolumeInformation(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-NTSTATUS NTAPI NtFsdDirectoryControl(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-NTSTATUS NTAPI NtFsdFileSystemControl(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-NTSTATUS NTAPI NtFsdDeviceControl(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-NTSTATUS NTAPI NtFsdShutdown(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-NTSTATUS NTAPI NtFsdLockControl(PDEVICE_OBJECT DeviceObject, PIRP Irp);
-NTSTATUS NTAPI NtFsdCleanup(PDEVICE_OBJECT DeviceObject, PIRP Irp);
+// IRP_MJ_SHUTDOWN, after its entry line (frame/teardown.cpp).
+bool NtFsdServeShutdown(ENTRY_REQUEST &Request);

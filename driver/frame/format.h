@@ -199,3 +199,18 @@ FormatTypes<T...> FormatTypesOf(T...);
 // Writes Format with its arguments to Buffer of Size bytes (at least 1): cut at Size - 1 bytes and always terminated.
 // Returns the bytes written, terminator not counted.
 ULONG FormatBounded(char *Buffer, ULONG Size, PCSTR Format, const FormatArgument *Arguments, ULONG Count);
+
+// Calls Use with Values as an array of arguments and its length.
+template <typename F, typename... T>
+auto WithFormatArguments(F Use, T... Values) {
+    const FormatArgument Arguments[] = {MakeFormatArgument(Values)..., FormatArgument{}};
+    return Use(Arguments, static_cast<ULONG>(sizeof...(T)));
+}
+
+// FormatBounded with the arguments themselves.
+template <typename... T>
+ULONG FormatText(char *Buffer, ULONG Size, PCSTR Format, T... Values) {
+    return WithFormatArguments([=](const FormatArgument *Arguments,
+                                   ULONG Count) { return FormatBounded(Buffer, Size, Format, Arguments, Count); },
+                               Values...);
+}

@@ -70,6 +70,7 @@ VOID NtFsdDeleteIrpContext(PIRP_CONTEXT IrpContext) {
 
 namespace {
 
+// Beside them what is in flight without being a request.
 constexpr PCSTR MajorFunctionNames[] = {
     "IRP_MJ_CREATE",
     "IRP_MJ_CREATE_NAMED_PIPE",
@@ -99,12 +100,9 @@ constexpr PCSTR MajorFunctionNames[] = {
     "IRP_MJ_QUERY_QUOTA",
     "IRP_MJ_SET_QUOTA",
     "IRP_MJ_PNP",
+    "call",
 };
-static_assert(RTL_NUMBER_OF(MajorFunctionNames) == IRP_MJ_MAXIMUM_FUNCTION + 1);
-
-PCSTR MajorFunctionName(UCHAR MajorFunction) {
-    return MajorFunction < RTL_NUMBER_OF(MajorFunctionNames) ? MajorFunctionNames[MajorFunction] : "";
-}
+static_assert(RTL_NUMBER_OF(MajorFunctionNames) == IN_FLIGHT_CALL + 1);
 
 NTSTATUS FinalStatus(PIRP_CONTEXT IrpContext, NTSTATUS Status) {
     if (IrpContext != nullptr && (IrpContext->Flags & IRP_CONTEXT_FLAG_ANSWER_CANCELLED)) {
@@ -115,6 +113,10 @@ NTSTATUS FinalStatus(PIRP_CONTEXT IrpContext, NTSTATUS Status) {
 }
 
 } // namespace
+
+PCSTR NtFsdMajorFunctionName(UCHAR MajorFunction) {
+    return MajorFunction < RTL_NUMBER_OF(MajorFunctionNames) ? MajorFunctionNames[MajorFunction] : "";
+}
 
 NTSTATUS NtFsdCompleteRequest(PIRP_CONTEXT IrpContext, PIRP Irp, NTSTATUS Status) {
     NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdCompleteRequest() entered\n");
@@ -131,7 +133,7 @@ NTSTATUS NtFsdCompleteRequest(PIRP_CONTEXT IrpContext, PIRP Irp, NTSTATUS Status
         Irp->IoStatus.Status = Final;
         if (IrpContext != nullptr) {
             NtFsdDebugPrint(TRACE_ERROR, 0, "Function = %s -  IRP Status = 0x%X, Information = 0x%X\n",
-                            MajorFunctionName(IrpContext->MajorFunction), Final, LowPart(IrpContext->Information));
+                            NtFsdMajorFunctionName(IrpContext->MajorFunction), Final, LowPart(IrpContext->Information));
         }
         IofCompleteRequest(Irp, 1);
     } else {

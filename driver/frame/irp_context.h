@@ -30,6 +30,14 @@ enum USER_BUFFER_FLAGS : ULONG {
     USER_BUFFER_PAGES_LOCKED = 0x2,  // the driver locked the MDL's pages
 };
 
+// A lock that may wait, until the server is told of it (io/lock_table.h).
+enum LOCK_STATE : ULONG {
+    LOCK_STATE_ENTERED = 0x1,  // in LockRequests
+    LOCK_STATE_GRANTED = 0x2,  // the library has granted it
+    LOCK_STATE_REVOKED = 0x4,  // an unlock has taken it away again
+    LOCK_STATE_DOUBTFUL = 0x8, // an unlock came while it was being decided: the table knows
+};
+
 inline constexpr USHORT NODE_TYPE_IRP_CONTEXT = 0x7700;
 
 struct IRP_CONTEXT {
@@ -47,7 +55,10 @@ struct IRP_CONTEXT {
     ULONG_PTR Information; // completion stores it into the IRP
     ULONG UserBufferFlags;
     LIST_ENTRY ChangedWaiters; // taken by NtFsdNotifyChange; completed before this request is. Flink NULL: none
-    UCHAR Reserved[64];
+    LIST_ENTRY LockLinks;      // in the FCB's LockRequests, while LockState says so
+    PMDL UserBufferMdl;        // that UserBufferFlags describe
+    ULONG LockState;           // LOCK_STATE
+    UCHAR Reserved[32];
 
     BOOLEAN MayWait() const {
         return static_cast<BOOLEAN>((Flags >> 1) & 1);
@@ -81,6 +92,9 @@ VOID NtFsdDeleteIrpContext(PIRP_CONTEXT IrpContext);
 // does -1, which is no request's status. Returns the status that the request was completed with; neither argument may
 // be touched afterwards.
 NTSTATUS NtFsdCompleteRequest(PIRP_CONTEXT IrpContext, PIRP Irp, NTSTATUS Status);
+
+// "IRP_MJ_READ" and so on.
+PCSTR NtFsdMajorFunctionName(UCHAR MajorFunction);
 
 // Makes Irp the thread's top-level IRP and returns TRUE when there is none; the caller resets it.
 BOOLEAN NtFsdIsIrpTopLevel(PIRP Irp);

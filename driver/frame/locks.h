@@ -1,8 +1,16 @@
 // Resource acquisition: every acquire enters a critical region, every release leaves it.
 //
-// Lock order: FcbTableResource, then an FCB's Resource, then a parent FCB's Resource (change notification only).
-// FcbListResource, g_OurDeviceResource, g_MappedDeviceResource and g_FrameworkInitResource are leaves. Raw acquire and
-// release calls stand in locks.cpp alone.
+// Locks, in the order in which they may be nested. A thread that needs an earlier one releases the later first.
+//   1. FcbTableResource
+//   2. an FCB's Resource; of several: the closing open's last (names/borrow.cpp takes those of its borrowers one by one
+//      before it), a parent's under its child's (change notification only)
+//   3. an open's SearchLock, an event (dir/directory_control.cpp)
+//   4. leaves, under which nothing else is taken: FcbListResource, g_OurDeviceResource, g_MappedDeviceResource,
+//      g_FrameworkInitResource (under which the framework is called), the framework's class mutex
+//   5. spin locks, each alone: g_AsyncIrpQueueLock, the cancel spin lock, the borrow lock (names/borrow.cpp), that of
+//      lock requests (io/lock_table.cpp), that of opens that outlive teardown (close/after_teardown.cpp), and under any
+//      of them g_LogBufferLock, since a trace may be made with a spin lock held
+// Raw acquire and release calls stand in locks.cpp alone.
 #pragma once
 
 #include "kernel/kernel.h"

@@ -75,12 +75,6 @@ DATE_TEXT LocalDate(LARGE_INTEGER SystemTime) {
     return Date;
 }
 
-template <typename... T>
-ULONG FormatLine(char *Line, ULONG Size, PCSTR Format, T... Values) {
-    const FormatArgument Arguments[] = {MakeFormatArgument(Values)..., FormatArgument{}};
-    return FormatBounded(Line, Size, Format, Arguments, sizeof...(T));
-}
-
 NTSTATUS WriteBannerLine(LOG_FILE &Log, PCSTR Line, ULONG Length) {
     ULONG_PTR Written = 0;
     const NTSTATUS Status = WriteAt(Log, Line, Length, &Written);
@@ -101,14 +95,14 @@ NTSTATUS WriteBanner(LOG_FILE &Log) {
     char Line[128];
     const DATE_TEXT Start = LocalDate(Now);
     ULONG Length =
-        FormatLine(Line, sizeof(Line), "Twfs Log starting %s %s %d, %d %0.2d:%0.2d:%0.2d\n", Start.Weekday, Start.Month,
+        FormatText(Line, sizeof(Line), "Twfs Log starting %s %s %d, %d %0.2d:%0.2d:%0.2d\n", Start.Weekday, Start.Month,
                    Start.Fields.Day, Start.Fields.Year, Start.Fields.Hour, Start.Fields.Minute, Start.Fields.Second);
     const NTSTATUS Status = WriteBannerLine(Log, Line, Length);
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
     const DATE_TEXT Booted = LocalDate(Boot);
-    Length = FormatLine(Line, sizeof(Line), "System Boot Time(0x%I64x) %s %s %d, %d %0.2d:%0.2d:%0.2d\n", Boot.QuadPart,
+    Length = FormatText(Line, sizeof(Line), "System Boot Time(0x%I64x) %s %s %d, %d %0.2d:%0.2d:%0.2d\n", Boot.QuadPart,
                         Booted.Weekday, Booted.Month, Booted.Fields.Day, Booted.Fields.Year, Booted.Fields.Hour,
                         Booted.Fields.Minute, Booted.Fields.Second);
     return WriteBannerLine(Log, Line, Length);

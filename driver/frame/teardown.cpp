@@ -43,14 +43,16 @@ void DeleteDevice() {
 
 } // namespace
 
-VOID NtFsdTeardown() {
+bool NtFsdTeardown(LONG Own) {
     const ULONG Stage = g_uInitStage;
     if (Stage == INIT_STAGE_NONE || Stage > LAST_STAGE) {
-        return;
+        return true;
     }
     // Nothing of what follows may meet a request: new ones are refused, those in flight have left (but this one), and
     // no open keeps anything of the Provider. The opens themselves stay until their file objects go.
-    NtFsdStopRequests(Stage == INIT_STAGE_REGISTERED ? 1 : 0);
+    if (!NtFsdStopRequests(Own)) {
+        return false;
+    }
     NtFsdMarkFrameworkUnbound();
     if (Stage == INIT_STAGE_REGISTERED) {
         NtFsdDetachOpens();
@@ -67,31 +69,39 @@ VOID NtFsdTeardown() {
     NtFsdDeleteResource(DRIVER_RESOURCE_FRAMEWORK_INIT);
     NtFsdDeleteResource(DRIVER_RESOURCE_FCB_LIST);
     g_uInitStage = INIT_STAGE_NONE;
+    return true;
 }
 
 namespace {
 
-// Two that tear down would wait for each other.
+// Two that tear down would wait for each other. A shutdown that gave up leaves it to the next one, if any comes.
 DRIVER_GLOBAL LONG ShutdownBegun = 0;
+DRIVER_GLOBAL LONG GaveUp = 0;
 
-// The request is counted in while it tears down: teardown waits for all others.
-NTSTATUS Shutdown(PIRP Irp) {
-    const RequestInFlight InFlight;
-    if (!InFlight || !NT_SUCCESS(NtFsdEnsureFrameworkBound()) || InterlockedExchange(&ShutdownBegun, 1) != 0) {
-        const NTSTATUS Status = NtFsdCompleteAtOnce(Irp, STATUS_UNSUCCESSFUL, 0, IO_NETWORK_INCREMENT);
-        NtFsdDebugPrint(TRACE_CONTROL, 0, "Unable to Initialize Orrery\n");
-        return Status;
+// TRUE when this request is to tear down. It is counted in meanwhile: teardown waits for all others.
+bool BeginsShutdown(bool InFlight) {
+    if (!InFlight) {
+        return InterlockedExchange(&GaveUp, 0) != 0;
     }
-    const NTSTATUS Status = NtFsdCompleteAtOnce(Irp, STATUS_NOT_SUPPORTED, 0, IO_NETWORK_INCREMENT);
-    NtFsdTeardown();
-    NtFsdDebugPrint(TRACE_ERROR, 0, "<<<<<<<<<<<<<NtFsdShutdown() returning STATUS_NOT_SUPPORTED\n");
-    NtFsdStopDebug();
-    return Status;
+    return NT_SUCCESS(NtFsdEnsureFrameworkBound()) && InterlockedExchange(&ShutdownBegun, 1) == 0;
 }
 
 } // namespace
 
-NTSTATUS NTAPI NtFsdShutdown(PDEVICE_OBJECT, PIRP Irp) {
-    NtFsdDebugPrint(TRACE_ENTRY, 0, "<<<<<<<<<<<<<NtFsdShutdown() entered\n");
-    return Shutdown(Irp);
+bool NtFsdServeShutdown(ENTRY_REQUEST &Request) {
+    const RequestInFlight InFlight(IRP_MJ_SHUTDOWN);
+    if (!BeginsShutdown(static_cast<bool>(InFlight))) {
+        Request.Status = NtFsdCompleteAtOnce(Request.Irp, STATUS_UNSUCCESSFUL, 0, IO_NETWORK_INCREMENT);
+        NtFsdDebugPrint(TRACE_CONTROL, 0, "Unable to Initialize Orrery\n");
+        return true;
+    }
+    Request.Status = NtFsdCompleteAtOnce(Request.Irp, STATUS_NOT_SUPPORTED, 0, IO_NETWORK_INCREMENT);
+    const bool Done = NtFsdTeardown(InFlight ? 1 : 0);
+    NtFsdDebugPrint(TRACE_ERROR, 0, "<<<<<<<<<<<<<NtFsdShutdown() returning STATUS_NOT_SUPPORTED\n");
+    if (Done) {
+        NtFsdStopDebug();
+    } else {
+        InterlockedExchange(&GaveUp, 1); // the log writer lives on: the log tells what the shutdown waited for
+    }
+    return true;
 }

@@ -15,8 +15,11 @@ PVOID NtFsdMapUserBuffer(PIRP_CONTEXT IrpContext) {
 NTSTATUS NtFsdLockUserBuffer(PIRP_CONTEXT IrpContext, LOCK_OPERATION Operation, ULONG Length) {
     const PIRP Irp = IrpContext->Irp;
     PMDL Mdl = Irp->MdlAddress;
-    if (Mdl == nullptr) {
+    // Flags that stand belong to an MDL of ours from an earlier turn of this request, which is still ours to undo.
+    if (Mdl == nullptr || Mdl != IrpContext->UserBufferMdl) {
         IrpContext->UserBufferFlags = 0;
+    }
+    if (Mdl == nullptr) {
         Mdl = IoAllocateMdl(Irp->UserBuffer, Length, FALSE, FALSE, Irp);
         if (Mdl == nullptr) {
             return STATUS_INSUFFICIENT_RESOURCES;
@@ -24,9 +27,9 @@ NTSTATUS NtFsdLockUserBuffer(PIRP_CONTEXT IrpContext, LOCK_OPERATION Operation, 
         IrpContext->UserBufferFlags |= USER_BUFFER_MDL_ALLOCATED;
         NtFsdDebugPrint(TRACE_GENERAL, 0, "Allocate User MDL! 0x%p\n", Mdl);
     } else {
-        // Marks that stand belong to an MDL of ours from an earlier turn of this request; it is still ours to undo.
         NtFsdDebugPrint(TRACE_GENERAL, 0, "MDL Present in Irp!\n");
     }
+    IrpContext->UserBufferMdl = Mdl;
     if (Mdl->MdlFlags & MDL_PAGES_LOCKED) {
         return STATUS_SUCCESS;
     }
@@ -49,6 +52,9 @@ NTSTATUS NtFsdLockUserBuffer(PIRP_CONTEXT IrpContext, LOCK_OPERATION Operation, 
 
 VOID NtFsdUnlockUserBuffer(PIRP_CONTEXT IrpContext) {
     const PIRP Irp = IrpContext->Irp;
+    if (Irp->MdlAddress == nullptr || Irp->MdlAddress != IrpContext->UserBufferMdl) {
+        return;
+    }
     if (IrpContext->UserBufferFlags & USER_BUFFER_PAGES_LOCKED) {
         MmUnlockPages(Irp->MdlAddress);
         Irp->MdlAddress->MdlFlags &= static_cast<SHORT>(~MDL_PAGES_LOCKED);

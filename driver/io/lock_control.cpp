@@ -17,21 +17,20 @@
 #include "frame/status_translation.h"
 #include "io/io.h"
 #include "io/lock_grants.h"
+#include "io/lock_table.h"
 #include "provider/provider_calls.h"
 
 namespace {
 
 constexpr ULONG DEBUG_COMPONENT = 77;
 
-struct LOCKED_RANGE {
-    LARGE_INTEGER Offset;
-    LARGE_INTEGER Length;
-};
-
-// The ranges that an unlock-all gives back, noted before the library forgets them.
-struct LOCKED_RANGES {
-    ULONG Count;
-    LOCKED_RANGE Ranges[1];
+// What the common routine has in its frame while the library decides, and what the completion routine leaves there when
+// the library calls it inside that frame.
+struct DECISION {
+    const NotedLocks *Noted = nullptr; // the locks that an unlock-all gives back
+    bool AtServer = true;              // an unlock of one range: the server knows of its lock
+    bool Decided = false;              // a lock that may wait did not have to
+    NTSTATUS Status = STATUS_PENDING;  // what the request was completed with
 };
 
 PFCB FcbOf(PIRP_CONTEXT IrpContext) {
@@ -42,20 +41,28 @@ PINSTANCE_CONTEXT InstanceOf(PIRP_CONTEXT IrpContext) {
     return static_cast<PINSTANCE_CONTEXT>(IrpContext->FileObject->FsContext2);
 }
 
-// Slots of the IRP, which are the driver's while it has the IRP. What unlock-all noted lives in the frame of the common
-// routine.
-PVOID &RangesSlot(PIRP Irp) {
+// Slots of the IRP, which are the driver's while it has the IRP. The first is looked at only by a completion routine
+// that runs inside the frame of the decision; it is empty once the request has left that.
+PVOID &DecisionSlot(PIRP Irp) {
     return Irp->Tail.Overlay.DriverContext[0];
 }
 
 // The context of a collected grant.
 PVOID &ContextSlot(PIRP Irp) {
-    return Irp->Tail.Overlay.DriverContext[0];
+    return Irp->Tail.Overlay.DriverContext[1];
 }
 
-// A bool in the frame of LockMayWait; looked at only by a completion routine that runs inside that frame.
-PVOID &DecidedSlot(PIRP Irp) {
-    return Irp->Tail.Overlay.DriverContext[1];
+LOCK_PATTERN PatternOf(PIRP_CONTEXT IrpContext) {
+    const PIO_STACK_LOCATION IrpSp = IoGetCurrentIrpStackLocation(IrpContext->Irp);
+    LOCK_PATTERN Pattern = {.FileObject = IrpContext->FileObject, .Process = IoGetRequestorProcess(IrpContext->Irp)};
+    if (IrpContext->MinorFunction != IRP_MN_UNLOCK_ALL) {
+        Pattern.Key = &IrpSp->Parameters.LockControl.Key;
+    }
+    if (IrpContext->MinorFunction == IRP_MN_LOCK || IrpContext->MinorFunction == IRP_MN_UNLOCK_SINGLE) {
+        Pattern.Offset = &IrpSp->Parameters.LockControl.ByteOffset;
+        Pattern.Length = &IrpContext->LockLength;
+    }
+    return Pattern;
 }
 
 // ---- The server's side --------------------------------------------------------------------------------------------
@@ -70,13 +77,12 @@ NTSTATUS UnlockAtServer(PIRP_CONTEXT IrpContext, LARGE_INTEGER Offset, LARGE_INT
                                                 static_cast<ULONG64>(Length.QuadPart)));
 }
 
-NTSTATUS UnlockRangesAtServer(PIRP_CONTEXT IrpContext, const LOCKED_RANGES *Ranges) {
+NTSTATUS UnlockNotedAtServer(PIRP_CONTEXT IrpContext, const NotedLocks &Noted) {
     NTSTATUS Status = STATUS_SUCCESS;
-    for (ULONG Index = 0; Ranges != nullptr && Index < Ranges->Count; ++Index) {
-        const LOCKED_RANGE &Range = Ranges->Ranges[Index];
-        // A range that is kept locally only has no answer, which would hide that of the range before it.
-        if (NtFsdIsServerRange(Range.Offset, Range.Length)) {
-            Status = UnlockAtServer(IrpContext, Range.Offset, Range.Length);
+    for (const NOTED_LOCK &Lock : Noted) {
+        // A lock that is kept locally only has no answer, which would hide that of the one before it.
+        if (Lock.Told && NtFsdIsServerRange(Lock.Offset, Lock.Length)) {
+            Status = UnlockAtServer(IrpContext, Lock.Offset, Lock.Length);
         }
     }
     return Status;
@@ -107,29 +113,25 @@ VOID TakeLocalLockBack(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp) {
 }
 
 // TRUE while the table has the lock that was granted to the request. Resource held exclusive.
-bool IsStillGranted(PIRP_CONTEXT IrpContext, const IO_STACK_LOCATION *IrpSp) {
-    const PFILE_LOCK FileLock = &FcbOf(IrpContext)->FileLock;
-    for (auto Lock = FsRtlGetNextFileLock(FileLock, TRUE); Lock != nullptr;
-         Lock = FsRtlGetNextFileLock(FileLock, FALSE)) {
-        if (Lock->FileObject == IrpContext->FileObject &&
-            Lock->StartingByte.QuadPart == IrpSp->Parameters.LockControl.ByteOffset.QuadPart &&
-            Lock->Length.QuadPart == IrpContext->LockLength.QuadPart &&
-            Lock->Key == IrpSp->Parameters.LockControl.Key &&
-            Lock->ProcessId == IoGetRequestorProcess(IrpContext->Irp)) {
-            return true;
-        }
-    }
-    return false;
+bool IsInTable(PIRP_CONTEXT IrpContext) {
+    const LOCK_PATTERN Pattern = PatternOf(IrpContext);
+    bool Found = false;
+    NtFsdWalkLocks(FcbOf(IrpContext), [&](const FILE_LOCK_INFO &Lock) {
+        Found = Pattern.Matches(Lock);
+        return !Found;
+    });
+    return Found;
 }
 
 NTSTATUS FinishLock(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp) {
+    // An unlock may have come between the grant and this hold: the server would keep what nobody here has any more.
+    bool Doubtful;
+    if (!NtFsdLeaveLockRequest(IrpContext, &Doubtful) || (Doubtful && !IsInTable(IrpContext))) {
+        return STATUS_CANCELLED;
+    }
     // Granted after the handle's cleanup: nobody would ever give it back.
     if (IrpContext->FileObject->Flags & FO_CLEANUP_COMPLETE) {
         TakeLocalLockBack(IrpContext, IrpSp);
-        return STATUS_CANCELLED;
-    }
-    // An unlock may have come between the grant and this hold: the server would keep what nobody here has any more.
-    if ((IrpContext->Flags & IRP_CONTEXT_FLAG_FCB_RELEASED) && !IsStillGranted(IrpContext, IrpSp)) {
         return STATUS_CANCELLED;
     }
     const NTSTATUS Status = LockAtServer(IrpContext, IrpSp);
@@ -140,9 +142,16 @@ NTSTATUS FinishLock(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp) {
     return Status;
 }
 
-NTSTATUS TellServer(PIRP_CONTEXT IrpContext, PIRP Irp) {
+// Takes a request that gets no lock out of the FCB's LockRequests.
+void LeaveWithoutLock(PIRP_CONTEXT IrpContext) {
+    bool Doubtful;
+    NtFsdLeaveLockRequest(IrpContext, &Doubtful);
+}
+
+NTSTATUS TellServer(PIRP_CONTEXT IrpContext, PIRP Irp, const DECISION &Decision) {
     if (!NT_SUCCESS(Irp->IoStatus.Status)) {
         NtFsdDebugPrint(TRACE_LOCK, 0, "   Lock/unlock failed. Returning...\n");
+        LeaveWithoutLock(IrpContext);
         return Irp->IoStatus.Status;
     }
     const PIO_STACK_LOCATION IrpSp = IoGetCurrentIrpStackLocation(Irp);
@@ -150,10 +159,12 @@ NTSTATUS TellServer(PIRP_CONTEXT IrpContext, PIRP Irp) {
     case IRP_MN_LOCK:
         return FinishLock(IrpContext, IrpSp);
     case IRP_MN_UNLOCK_SINGLE:
-        return UnlockAtServer(IrpContext, IrpSp->Parameters.LockControl.ByteOffset, IrpContext->LockLength);
+        return Decision.AtServer
+                   ? UnlockAtServer(IrpContext, IrpSp->Parameters.LockControl.ByteOffset, IrpContext->LockLength)
+                   : STATUS_SUCCESS;
     case IRP_MN_UNLOCK_ALL:
     case IRP_MN_UNLOCK_ALL_BY_KEY:
-        return UnlockRangesAtServer(IrpContext, static_cast<const LOCKED_RANGES *>(RangesSlot(Irp)));
+        return Decision.Noted != nullptr ? UnlockNotedAtServer(IrpContext, *Decision.Noted) : STATUS_SUCCESS;
     default:
         return STATUS_INVALID_PARAMETER;
     }
@@ -180,6 +191,7 @@ PLIST_ENTRY GrantsOfThisThread(PFCB Fcb) {
 // not be made to wait, and which no entry routine has counted in.
 NTSTATUS EndWaiter(PIRP_CONTEXT IrpContext, PIRP Irp) {
     NtFsdDebugPrint(TRACE_LOCK, 0, "   Lock/unlock failed. Returning...\n");
+    LeaveWithoutLock(IrpContext);
     const RequestInFlight InFlight;
     if (!InFlight) {
         // Teardown does not wait for this thread: the list that the context came from may be gone.
@@ -197,6 +209,9 @@ NTSTATUS CompleteWaiter(PIRP_CONTEXT IrpContext, PIRP Irp) {
         Irp->IoStatus.Status = STATUS_CANCELLED;
     }
     const NTSTATUS Status = Irp->IoStatus.Status;
+    if (NT_SUCCESS(Status)) {
+        NtFsdGrantLockRequest(IrpContext);
+    }
     if (Grants != nullptr) {
         // Nothing is completed under this thread's hold, failures neither: the close that may follow takes
         // FcbTableResource, which comes before an FCB's Resource.
@@ -215,6 +230,7 @@ NTSTATUS CompleteWithAcquire(PIRP_CONTEXT IrpContext, PLIST_ENTRY Grants) {
     ResourceHold Hold;
     Hold.AcquireExclusive(&Fcb->Resource, TRUE);
     IrpContext->Flags |= IRP_CONTEXT_FLAG_FCB_ACQUIRED;
+    DecisionSlot(IrpContext->Irp) = nullptr;
     Fcb->LockGrants = Grants;
     Hold.Detach();
     return TwLockCompleteRoutine(IrpContext, IrpContext->Irp);
@@ -222,79 +238,22 @@ NTSTATUS CompleteWithAcquire(PIRP_CONTEXT IrpContext, PLIST_ENTRY Grants) {
 
 // ---- The common routine --------------------------------------------------------------------------------------------
 
-// Notes this handle's locks (of an unlock by key: those with the key), which the library is about to remove.
-// STATUS_INSUFFICIENT_RESOURCES when they cannot be noted. Resource held exclusive.
-class NotedRanges {
-public:
-    explicit NotedRanges(PIRP_CONTEXT IrpContext) : IrpContext_(IrpContext) {
-    }
-    NotedRanges(const NotedRanges &) = delete;
-    NotedRanges &operator=(const NotedRanges &) = delete;
-    ~NotedRanges() {
-        TwFreeMemory(Ranges_);
-    }
-
-    NTSTATUS Note() {
-        const ULONG Capacity = Walk(0);
-        if (Capacity == 0) {
-            return STATUS_SUCCESS;
-        }
-        Ranges_ = static_cast<LOCKED_RANGES *>(
-            TwAllocMemory(FIELD_OFFSET(LOCKED_RANGES, Ranges) + SIZE_T{Capacity} * sizeof(LOCKED_RANGE)));
-        if (Ranges_ == nullptr) {
-            return STATUS_INSUFFICIENT_RESOURCES;
-        }
-        Walk(Capacity);
-        return STATUS_SUCCESS;
-    }
-    LOCKED_RANGES *Get() const {
-        return Ranges_;
-    }
-
-private:
-    bool IsMine(const FILE_LOCK_INFO &Lock) const {
-        return Lock.FileObject == IrpContext_->FileObject &&
-               Lock.ProcessId == IoGetRequestorProcess(IrpContext_->Irp) &&
-               (IrpContext_->MinorFunction != IRP_MN_UNLOCK_ALL_BY_KEY ||
-                Lock.Key == IoGetCurrentIrpStackLocation(IrpContext_->Irp)->Parameters.LockControl.Key);
-    }
-    // Counts the locks and notes the first Capacity of them.
-    ULONG Walk(ULONG Capacity) {
-        PFILE_LOCK FileLock = &FcbOf(IrpContext_)->FileLock;
-        ULONG Count = 0;
-        for (auto Lock = FsRtlGetNextFileLock(FileLock, TRUE); Lock != nullptr;
-             Lock = FsRtlGetNextFileLock(FileLock, FALSE)) {
-            if (!IsMine(*Lock)) {
-                continue;
-            }
-            if (Count < Capacity) {
-                Ranges_->Ranges[Count] = {Lock->StartingByte, Lock->Length};
-                Ranges_->Count = Count + 1;
-            }
-            ++Count;
-        }
-        return Count;
-    }
-
-    PIRP_CONTEXT IrpContext_;
-    LOCKED_RANGES *Ranges_ = nullptr;
-};
-
 // A lock that may wait: the FCB is not held while the library decides.
 NTSTATUS LockMayWait(PIRP_CONTEXT IrpContext, ResourceHold &Hold) {
     const PIRP Irp = IrpContext->Irp;
     const PFCB Fcb = FcbOf(IrpContext);
     NtFsdDebugPrint(TRACE_LOCK, 0, "Lock command but not fail immediately. Releasing FCB\n");
+    NtFsdEnterLockRequest(IrpContext);
     Hold.Release();
     IrpContext->Flags |= IRP_CONTEXT_FLAG_FCB_RELEASED;
 
-    bool Decided = false;
-    DecidedSlot(Irp) = &Decided;
+    DECISION Decision;
+    DecisionSlot(Irp) = &Decision;
     const PIRP TopLevel = IoGetTopLevelIrp();
     IoSetTopLevelIrp(Irp);
     const NTSTATUS Status = FsRtlProcessFileLock(&Fcb->FileLock, Irp, IrpContext);
     IoSetTopLevelIrp(TopLevel);
-    if (Status == STATUS_PENDING && !Decided) {
+    if (!Decision.Decided) {
         return STATUS_PENDING; // it waits, or has waited: context and IRP are somebody else's
     }
     // Pending and decided: the library began to queue it and ended it again, as one that was cancelled meanwhile.
@@ -310,26 +269,35 @@ NTSTATUS LockMayWait(PIRP_CONTEXT IrpContext, ResourceHold &Hold) {
 }
 
 // An unlock, or a lock that fails at once. The library calls the completion routine in this thread, which ends the
-// hold.
+// hold and leaves the status that the request got: the library's own need not be it.
 NTSTATUS DecideHeld(PIRP_CONTEXT IrpContext, ResourceHold &Hold) {
     const PIRP Irp = IrpContext->Irp;
     const PFCB Fcb = FcbOf(IrpContext);
-    NotedRanges Ranges(IrpContext);
-    if (IrpContext->MinorFunction == IRP_MN_UNLOCK_ALL || IrpContext->MinorFunction == IRP_MN_UNLOCK_ALL_BY_KEY) {
-        const NTSTATUS Status = Ranges.Note();
-        if (!NT_SUCCESS(Status)) {
+    DECISION Decision;
+    NotedLocks Noted;
+    switch (IrpContext->MinorFunction) {
+    case IRP_MN_UNLOCK_SINGLE:
+        Decision.AtServer = NtFsdIsUnlockForServer(Fcb, PatternOf(IrpContext));
+        break;
+    case IRP_MN_UNLOCK_ALL:
+    case IRP_MN_UNLOCK_ALL_BY_KEY:
+        if (!Noted.Note(Fcb, PatternOf(IrpContext))) {
             Hold.Release();
-            return NtFsdCompleteRequest(IrpContext, Irp, Status);
+            return NtFsdCompleteRequest(IrpContext, Irp, STATUS_INSUFFICIENT_RESOURCES);
         }
+        Decision.Noted = &Noted;
+        break;
+    default:
+        break;
     }
-    RangesSlot(Irp) = Ranges.Get();
+    DecisionSlot(Irp) = &Decision;
     LIST_ENTRY Grants;
     NtFsdCollectLockGrants(Fcb, &Grants);
     IrpContext->Flags |= IRP_CONTEXT_FLAG_FCB_ACQUIRED;
     Hold.Detach();
-    const NTSTATUS Status = FsRtlProcessFileLock(&Fcb->FileLock, Irp, IrpContext);
+    Ignore(FsRtlProcessFileLock(&Fcb->FileLock, Irp, IrpContext), "the completion routine has left the request's");
     NtFsdPostLockGrants(&Grants);
-    return Status;
+    return Decision.Status;
 }
 
 } // namespace
@@ -394,7 +362,10 @@ NTSTATUS NTAPI TwLockCompleteRoutine(PVOID Context, PIRP Irp) {
             return CompleteWaiter(IrpContext, Irp);
         }
         NtFsdDebugPrint(TRACE_LOCK, 0, "   Fcb not acquired. Returning...\n");
-        *static_cast<bool *>(DecidedSlot(Irp)) = true;
+        if (NT_SUCCESS(Irp->IoStatus.Status)) {
+            NtFsdGrantLockRequest(IrpContext);
+        }
+        static_cast<DECISION *>(DecisionSlot(Irp))->Decided = true;
         return STATUS_SUCCESS;
     }
     const PFCB Fcb = FcbOf(IrpContext);
@@ -407,11 +378,15 @@ NTSTATUS NTAPI TwLockCompleteRoutine(PVOID Context, PIRP Irp) {
     NtFsdDebugPrint(TRACE_LOCK, 0, "   IoStatus          : 0x%X\n", Irp->IoStatus.Status);
     NtFsdDebugPrint(TRACE_LOCK, 0, "   IoInformation     : %X\n", LowPart(Irp->IoStatus.Information));
 
-    const NTSTATUS Status = TellServer(IrpContext, Irp);
+    DECISION None;
+    DECISION *const InFrame = static_cast<DECISION *>(DecisionSlot(Irp));
+    DECISION &Decision = InFrame != nullptr ? *InFrame : None;
+    const NTSTATUS Status = TellServer(IrpContext, Irp, Decision);
     NtFsdDebugPrint(TRACE_LOCK, 0, "   Releasing Fcb resource...\n");
     NtFsdStopCollectingLockGrants(Fcb);
     Hold.Release();
-    return NtFsdCompleteRequest(IrpContext, Irp, Status);
+    Decision.Status = NtFsdCompleteRequest(IrpContext, Irp, Status);
+    return Decision.Status;
 }
 
 NTSTATUS TwLockCompleteRoutineWithAcquire(PIRP_CONTEXT IrpContext) {

@@ -16,8 +16,3 @@ VOID NtFsdStopCollectingLockGrants(PFCB Fcb);
 // Completes the collected grants, one after the other, and those that they make in turn. Called with no hold of the
 // FCB, which the caller does not touch afterwards: it may be gone.
 VOID NtFsdPostLockGrants(PLIST_ENTRY Grants);
-
-// TRUE when the server knows the range: an empty one at offset 0 is kept locally only.
-inline bool NtFsdIsServerRange(LARGE_INTEGER Offset, LARGE_INTEGER Length) {
-    return Offset.QuadPart != 0 || Length.QuadPart != 0;
-}

@@ -32,9 +32,9 @@ void TraceWrite(const WRITE &Write) {
                     LowPart(reinterpret_cast<ULONG_PTR>(Write.FileObject)));
     NtFsdDebugPrint(TRACE_WRITE, 0, "   Write offset      : %d\n", static_cast<LONG>(Write.Offset));
     NtFsdDebugPrint(TRACE_WRITE, 0, "   Bytes to write    : %d\n", Write.Length);
-    NtFsdDebugPrint(TRACE_WRITE, 0, "   Paging IO         : %s\n", Write.IsPaging() ? "TRUE" : "FALSE");
+    NtFsdDebugPrint(TRACE_WRITE, 0, "   Paging IO         : %s\n", TrueOrFalse(Write.IsPaging()));
     NtFsdDebugPrint(TRACE_WRITE, 0, "   Synchronous IO    : %s\n",
-                    (Write.FileObject->Flags & FO_SYNCHRONOUS_IO) ? "TRUE" : "FALSE");
+                    TrueOrFalse((Write.FileObject->Flags & FO_SYNCHRONOUS_IO) != 0));
     NtFsdDebugPrint(TRACE_WRITE, 0, "   File Handle       : 0x%x\n", LowPart(Write.Instance->FileHandle));
 }
 

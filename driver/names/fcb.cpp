@@ -102,6 +102,7 @@ PFCB NtFsdAllocFcb(PFILE_OBJECT FileObject, PCUNICODE_STRING Path) {
     Fcb->PrefixState = PREFIX_STATE_NEVER_INSERTED;
     InitializeListHead(&Fcb->InstanceList);
     InitializeListHead(&Fcb->NotifyList);
+    InitializeListHead(&Fcb->LockRequests);
     Fcb->Header.IsFastIoPossible = FastIoIsNotPossible;
     AddToList(Fcb);
     return Fcb;

@@ -6,14 +6,12 @@
 //                                                    |              |
 //                                              InstanceList ---> INSTANCE_CONTEXT (Provider handles, PathLeft)
 //
-// Locks, in the order in which they may be nested:
-//   1. FcbTableResource guards FcbPrefixTable and FcbPrefixCount; with the FCB's Resource it guards OpenCount.
-//   2. An FCB's Resource guards its fields, its InstanceList and its instances. The FCB lives while OpenCount is not 0,
-//      so whoever has an instance may drop the Resource and take it again.
-//   3. A parent FCB's Resource may be taken while a child's is held: change notification only.
-//   FcbListResource is a leaf: it guards FcbList and FcbCount.
-// A routine that has an FCB's Resource and needs FcbTableResource releases the Resource first. All acquisitions for
-// opens wait. PagingIoResource exists for the header and is never taken by the driver.
+// The order of locks stands in frame/locks.h. Here:
+//   FcbTableResource guards FcbPrefixTable and FcbPrefixCount; with the FCB's Resource it guards OpenCount.
+//   An FCB's Resource guards its fields, its InstanceList and its instances. The FCB lives while OpenCount is not 0, so
+//   whoever has an instance may drop the Resource and take it again.
+//   FcbListResource guards FcbList and FcbCount.
+// All acquisitions for opens wait. PagingIoResource exists for the header and is never taken by the driver.
 //
 // FullPath may be read with the Resource held. Without it NtFsdStablePath gives a path that stays as it is until the
 // FCB goes: a replaced path is kept, so that traces and the PathLeft of other instances never reach freed memory.
@@ -84,8 +82,9 @@ struct FCB {
     FILE_LOCK FileLock; // its own lock
     // Ours.
     UCHAR FileLockInitialized;
-    UCHAR VolumeRoot;       // an open found that FullPath is the path of a volume
-    LIST_ENTRY *LockGrants; // while an unlock is under way: collects the waiting locks that it grants
+    UCHAR VolumeRoot;        // an open found that FullPath is the path of a volume
+    LIST_ENTRY *LockGrants;  // while an unlock is under way: collects the waiting locks that it grants
+    LIST_ENTRY LockRequests; // locks that may wait, until the server is told of them (io/lock_table.h)
     PATH_RECORD FirstPath;
     PATH_RECORD *CurrentPath; // FullPath is its Path
 };

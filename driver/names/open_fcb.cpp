@@ -129,7 +129,8 @@ void SplitAgainstVolume(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Ins
         return;
     }
     if (!EndsComponent(&Fcb->FullPath, VolumeUnits)) {
-        RVFsdCloseVolume(&IrpContext->SecurityContext, Instance->VolumeHandle);
+        Ignore(RVFsdCloseVolume(&IrpContext->SecurityContext, Instance->VolumeHandle),
+               "nobody can use the handle again");
         Instance->VolumeHandle = 0;
         return;
     }

@@ -113,7 +113,7 @@ public:
     }
     void CloseNow() {
         if (Handle_ != 0) {
-            Close(Security_, Detach());
+            Ignore(Close(Security_, Detach()), "nobody can use the handle again");
         }
     }
 

@@ -11,7 +11,7 @@
 // ---- Statuses ----------------------------------------------------------------------------------------------
 
 // A raw Provider status. A type of its own, so that none can reach an IRP without NtFsdTranslateErrorCode.
-enum class RVSTATUS : ULONG {
+enum class [[nodiscard]] RVSTATUS : ULONG{
     Success = 0,
     InvalidHandle = 0xC7E70003,
     InvalidParameter = 0xC7E70004,

@@ -81,7 +81,7 @@ RVSTATUS Empty(const FileObject &File, const Request &Wanted) {
     if (fstat(File.Fd.Get(), &Stat) != 0 || ftruncate(File.Fd.Get(), 0) != 0) {
         return StatusFromErrno(errno);
     }
-    File.Volume->Charge(-Stat.st_size);
+    static_cast<void>(File.Volume->Charge(-Stat.st_size));
     return Wanted.Attributes != 0 ? ChangeMetadata(File.Fd.Get(), {&Wanted.Attributes}) : RVSTATUS::Success;
 }
 
@@ -132,7 +132,7 @@ RVSTATUS OpenExisting(State &Provider, const Place &At, const Resolved &Found, c
             return Status;
         }
         // From here on only what was asked for counts; it is less, so it cannot be refused.
-        File->Node->Share(File.get(), Wanted.Access, Wanted.Share);
+        static_cast<void>(File->Node->Share(File.get(), Wanted.Access, Wanted.Share));
         Out.Action = ActionReplaced;
     }
     Out.File = std::move(File);

@@ -157,7 +157,7 @@ RVSTATUS Delete(State &Provider, RVHANDLE Base, PCWSTR Path, Kind Wanted) {
         return StatusFromErrno(errno == EEXIST ? ENOTEMPTY : errno);
     }
     if (S_ISREG(Stat.st_mode) && Stat.st_nlink == 1) {
-        At.Volume->Charge(-Stat.st_size);
+        static_cast<void>(At.Volume->Charge(-Stat.st_size));
     }
     return RVSTATUS::Success;
 }

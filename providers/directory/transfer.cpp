@@ -112,7 +112,7 @@ RVSTATUS WithQuota(const FileObject &File, ULONG64 End, bool MayShrink, Body Cha
     const RVSTATUS Status = Change();
     // What the change did not do is given back.
     if (fstat(File.Fd.Get(), &After) == 0) {
-        File.Volume->Charge(After.st_size - Before.st_size - Charged);
+        static_cast<void>(File.Volume->Charge(After.st_size - Before.st_size - Charged));
     }
     return Status;
 }

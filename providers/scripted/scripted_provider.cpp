@@ -214,7 +214,7 @@ RVSTATUS ScriptedProvider::Perform(Slot Which, const Script::Steps &Steps, const
     if (Steps.Instead) {
         // A handle is gone once its close was tried, whatever the answer: a second try is a fault of the caller.
         if (Closes) {
-            Default(Tree_);
+            static_cast<void>(Default(Tree_));
         }
         return *Steps.Instead;
     }

@@ -111,6 +111,9 @@ TEST_F(Diagnostics, WhatIsAlwaysPrintedNeedsNeitherSwitchNorMemory) {
     const embedded::FaultScope AsTheDriver;
     NtFsdAlwaysPrint("[RVFSD] %u bytes, %s\n", 12u, "100%s");
     EXPECT_EQ(Printed, "[RVFSD] 12 bytes, 100%s\n");
+    Printed.clear();
+    NtFsdAlwaysPrint("%s\n", std::string(600, 'x').c_str());
+    EXPECT_EQ(Printed, std::string(510, 'x') + "\n") << "cut, and with its end";
 }
 
 // ---- Text from outside

@@ -152,26 +152,31 @@ TEST_F(Locks, WaitersThatKeepNothingGrantEachOtherWithoutGoingDeeper) {
     EXPECT_TRUE(LocalLocks(First).empty());
 }
 
-// The unlock's completion comes before the server hears of what the unlock granted.
+// The unlock's completion comes before the server hears of what the unlock granted. The server is not asked to unlock
+// what it never had, and the unlock's status is the local one.
 TEST_F(Locks, ALockThatIsUnlockedBeforeTheServerHeardOfItIsCancelled) {
-    EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
     LARGE_INTEGER Length = {.QuadPart = 4};
-    embedded::SentIrp Waiting = Wait(Second, 2, &Length);
-    std::function<void()> Overtake = [&] {
-        EXPECT_EQ(Send(Request(Second, IRP_MN_UNLOCK_ALL, 0, nullptr)), STATUS_LOCK_NOT_GRANTED);
-    };
-    Provider.OnCall(Slot::UnlockFile).Nth(2).ReturnAfter(ProviderError(providers::CodeLockNotGranted));
     LARGE_INTEGER Whole = {.QuadPart = 10};
-    embedded::IrpBuilder Unlocking = Request(First, IRP_MN_UNLOCK_SINGLE, 0, &Whole);
-    Unlocking.CompletionContext = &Overtake;
-    Unlocking.CompletionRoutine = [](PDEVICE_OBJECT, PIRP, PVOID Context) NTAPI -> NTSTATUS {
-        (*static_cast<std::function<void()> *>(Context))();
-        return STATUS_SUCCESS;
-    };
-    EXPECT_EQ(Send(Unlocking), STATUS_SUCCESS);
-    EXPECT_EQ(Waiting.Wait().Status, STATUS_CANCELLED);
-    EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10", "unlock 2+4"}));
-    EXPECT_TRUE(LocalLocks(First).empty());
+    for (const UCHAR Minor : {IRP_MN_UNLOCK_SINGLE, IRP_MN_UNLOCK_ALL, IRP_MN_UNLOCK_ALL_BY_KEY}) {
+        Provider.ClearCalls();
+        EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
+        embedded::SentIrp Waiting = Wait(Second, 2, &Length);
+        std::function<void()> Overtake = [&] {
+            EXPECT_EQ(Send(Request(Second, Minor, 2, &Length)), STATUS_SUCCESS);
+            EXPECT_EQ(Send(Request(Second, Minor, 2, &Length)),
+                      Minor == IRP_MN_UNLOCK_SINGLE ? STATUS_RANGE_NOT_LOCKED : STATUS_SUCCESS);
+        };
+        embedded::IrpBuilder Unlocking = Request(First, IRP_MN_UNLOCK_SINGLE, 0, &Whole);
+        Unlocking.CompletionContext = &Overtake;
+        Unlocking.CompletionRoutine = [](PDEVICE_OBJECT, PIRP, PVOID Context) NTAPI -> NTSTATUS {
+            (*static_cast<std::function<void()> *>(Context))();
+            return STATUS_SUCCESS;
+        };
+        EXPECT_EQ(Send(Unlocking), STATUS_SUCCESS);
+        EXPECT_EQ(Waiting.Wait().Status, STATUS_CANCELLED);
+        EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10"}));
+        EXPECT_TRUE(LocalLocks(First).empty());
+    }
 }
 
 // A library that began to queue a request and ended it again says pending, though it has called the completion routine

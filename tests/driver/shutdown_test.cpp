@@ -308,6 +308,38 @@ TEST_F(Shutdown, WaitsForARequestThatIsUnderWay) {
     Close(Handle);
 }
 
+TEST_F(Shutdown, GivesUpAfterAMinuteAndUndoesNothing) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    providers::Rule &Held = Provider.OnCall(Slot::ReadFile).Block();
+    std::thread Reader([&] {
+        char Byte = 0;
+        EXPECT_EQ(Read(Handle, &Byte, 1, 0).Status, STATUS_SUCCESS);
+    });
+    ASSERT_TRUE(Held.WaitUntilBlocked());
+    Framework->ClearLog();
+    std::atomic<bool> GaveUp = false;
+    std::thread Down([&] {
+        EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
+        GaveUp = true;
+    });
+    LONGLONG Seconds = 0;
+    while (!GaveUp) {
+        embedded::Clock::Advance(embedded::Clock::Second);
+        ++Seconds;
+    }
+    Down.join();
+    EXPECT_GE(Seconds, 60);
+    EXPECT_NE(Printed.find("Shutdown waits for 1 IRP_MJ_READ\n"), std::string::npos);
+    EXPECT_NE(Printed.find("Shutdown waits for \"\\srv\\vol\\a.txt\"\n"), std::string::npos);
+    EXPECT_EQ(Framework->Log(), Lines{});
+    EXPECT_EQ(Create(u"\\srv\\vol\\a.txt").Status, STATUS_UNSUCCESSFUL);
+    Held.Release();
+    Reader.join();
+    EXPECT_EQ(Send(Plain(IRP_MJ_SHUTDOWN, nullptr)).Status, STATUS_NOT_SUPPORTED) << "nothing holds it any more";
+    EXPECT_EQ(Provider.OpenHandles(), Lines{});
+    Close(Handle);
+}
+
 TEST_F(Shutdown, ACloseThatComesWhileItWaitsLeavesNothing) {
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
     const HANDLE Other = MustOpen(u"\\srv\\vol\\a.txt");
