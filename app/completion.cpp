@@ -6,33 +6,30 @@
 #include "app/remote_file.h"
 #include "app/text.h"
 #include "app/verbs/verbs.h"
+#include "app/walk.h"
 
 namespace app {
 
 namespace {
 
-constexpr ULONG ListingBytes = 65536;
-
-std::vector<std::string> Verbs() {
-    CLI::App App;
-    Command Chosen;
-    AddVerbs(App, Chosen);
+std::vector<std::string> Words() {
     std::vector<std::string> Names(std::begin(ConsoleWords), std::end(ConsoleWords));
-    for (const CLI::App *Verb : App.get_subcommands({})) {
-        Names.push_back(Verb->get_name());
+    for (const Verb &Each : Verbs()) {
+        if (!Each.Hidden) {
+            Names.push_back(Each.Name);
+        }
     }
     return Names;
 }
 
-std::vector<std::string> OptionsOf(const std::string &Verb) {
-    CLI::App App;
-    Command Chosen;
-    AddVerbs(App, Chosen);
+std::vector<std::string> OptionsOf(const std::string &Name) {
     std::vector<std::string> Names;
-    if (const CLI::App *Found = FindVerb(App, Verb); Found != nullptr) {
-        for (const CLI::Option *Option : Found->get_options()) {
-            for (const std::string &Name : Option->get_lnames()) {
-                Names.push_back("--" + Name);
+    const VerbList List = Verbs();
+    if (const Verb *Found = FindVerb(List, Name); Found != nullptr) {
+        for (const Parameter &Each : Found->Parameters) {
+            const size_t At = Each.Names.find("--");
+            if (At != std::string::npos && !Each.Hidden) {
+                Names.push_back(Each.Names.substr(At));
             }
         }
     }
@@ -52,7 +49,7 @@ std::vector<std::string> RemoteNames(Session &Running, const std::string &Word) 
         const std::string Directory = Word.substr(0, Word.rfind(Separator));
         RemoteFile Open(RemotePath(Directory), {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
                                                 .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
-        for (const DirectoryEntry &Entry : ListDirectory(Open, u"*", ListingBytes)) {
+        for (const DirectoryEntry &Entry : ListDirectory(Open, u"*", LargeListing)) {
             std::string Name = Directory + Separator + Narrow(Entry.Name);
             if (Entry.Attributes & FILE_ATTRIBUTE_DIRECTORY) {
                 Name += Separator;
@@ -61,6 +58,22 @@ std::vector<std::string> RemoteNames(Session &Running, const std::string &Word) 
         }
     } catch (const UsageError &) {
         // no server and volume yet: the exports are the names there are
+    } catch (const StatusError &) {
+        // nothing to be listed there
+    }
+    return Names;
+}
+
+// The same for a word that is relative to the console's directory.
+std::vector<std::string> RelativeNames(const std::string &Word) {
+    const size_t Last = Word.rfind('\\');
+    const std::string Prefix = Last == std::string::npos ? "" : Word.substr(0, Last + 1);
+    std::vector<std::string> Names;
+    try {
+        RemoteFile Open(RemotePath(Prefix.empty() ? "." : Prefix), ForListing());
+        for (const DirectoryEntry &Entry : ListDirectory(Open, u"*", LargeListing)) {
+            Names.push_back(Prefix + Narrow(Entry.Name) + (IsDirectory(Entry) ? "\\" : ""));
+        }
     } catch (const StatusError &) {
         // nothing to be listed there
     }
@@ -82,23 +95,62 @@ std::vector<std::string> LocalNames(const std::string &Word) {
 
 } // namespace
 
+LastWord FindLastWord(std::string_view Line) {
+    LastWord Word;
+    Word.Start = Line.size();
+    bool Open = false;
+    for (size_t At = 0; At < Line.size(); ++At) {
+        const char Byte = Line[At];
+        const bool Blank = Word.Quote == 0 && (Byte == ' ' || Byte == '\t');
+        if (Blank) {
+            Word = {Line.size(), "", 0};
+            Open = false;
+            continue;
+        }
+        if (!Open) {
+            Word.Start = At;
+            Open = true;
+        }
+        if (Word.Quote == 0 && (Byte == '"' || Byte == '\'')) {
+            Word.Quote = Byte;
+        } else if (Word.Quote == Byte) {
+            Word.Quote = 0;
+        } else {
+            Word.Text += Byte;
+        }
+    }
+    return Word;
+}
+
+std::string Respell(const std::string &Full, const LastWord &Word, size_t Cursor, bool Closed) {
+    const bool Blanks = Full.find_first_of(" \t") != std::string::npos;
+    if (Word.Quote != 0) {
+        // The editor's word begins behind the mark or behind a blank: what stands before that stays.
+        const size_t Kept = Cursor > Word.Start + 1 ? Cursor - Word.Start - 1 : 0;
+        return Full.substr(std::min(Kept, Full.size())) + (Closed ? std::string(1, Word.Quote) : "");
+    }
+    return Blanks && Cursor == Word.Start ? '"' + Full + (Closed ? "\"" : "") : Full;
+}
+
 std::vector<std::string> Completions(Session &Running, std::string_view Before, const std::string &Word) {
     const size_t First = Before.find_first_not_of(" \t");
     std::vector<std::string> Names;
     if (First == std::string_view::npos) {
-        Names = Verbs();
+        Names = Words();
     } else if (Word.starts_with('-')) {
         Names = OptionsOf(std::string(Before.substr(First, Before.find_first_of(" \t", First) - First)));
     } else {
-        Names = IsRemote(Word) ? RemoteNames(Running, Word) : LocalNames(Word);
+        Names = IsRemote(Word) && (Word[0] == '\\' || Word[0] == '/') ? RemoteNames(Running, Word) : LocalNames(Word);
+        if (!RemoteDirectory().empty()) {
+            const std::vector<std::string> Relative = RelativeNames(Word);
+            Names.insert(Names.end(), Relative.begin(), Relative.end());
+        }
         if (Word.empty()) {
             const std::vector<std::string> Remote = RemoteNames(Running, "\\");
             Names.insert(Names.end(), Remote.begin(), Remote.end());
         }
     }
-    std::erase_if(Names, [&Word](const std::string &Name) {
-        return !Name.starts_with(Word) || Name.find_first_of(" \t") != std::string::npos;
-    });
+    std::erase_if(Names, [&Word](const std::string &Name) { return !Name.starts_with(Word); });
     return Names;
 }
 

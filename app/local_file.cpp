@@ -1,6 +1,8 @@
 #include "app/local_file.h"
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <stdexcept>
@@ -15,6 +17,8 @@
 namespace app {
 
 namespace {
+
+constexpr int64_t UnixEpoch = 116444736000000000; // 1970 in 100-ns units since 1601
 
 [[noreturn]] void Fail(const std::string &Name, int Error) {
     throw std::runtime_error(fmt::format("{}: {}", Name, strerror(Error)));
@@ -73,17 +77,34 @@ int64_t LocalFile::Size() const {
     return fstat(Descriptor_, &Status) == 0 && S_ISREG(Status.st_mode) ? Status.st_size : -1;
 }
 
-LocalTarget::LocalTarget(const std::string &Name, bool Replace, const std::vector<std::filesystem::path> &Sources)
+int64_t LocalFile::WriteTime() const {
+    struct stat Status = {};
+    if (fstat(Descriptor_, &Status) != 0 || !S_ISREG(Status.st_mode)) {
+        return 0;
+    }
+    return UnixEpoch + Status.st_mtim.tv_sec * int64_t{10'000'000} + Status.st_mtim.tv_nsec / 100;
+}
+
+LocalTarget::LocalTarget(const std::string &Name, bool Replace, bool InPlace,
+                         const std::vector<std::filesystem::path> &Sources)
     : LocalFile(open(Name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666), Name) {
     if (Descriptor_ >= 0) {
-        Made_ = true;
+        Part_ = Name;
         return;
     }
-    if (errno != EEXIST || !Replace) {
+    if (errno != EEXIST) {
         Fail(Name, errno);
+    }
+    if (!Replace) {
+        throw std::runtime_error(Name + ": File exists; --force replaces it");
     }
     if (IsOneOf(Name, Sources)) {
         throw std::runtime_error(fmt::format("{}: source and target are the same file", Name));
+    }
+    std::error_code Error;
+    if (!InPlace && std::filesystem::is_regular_file(Name, Error)) {
+        OpenBeside();
+        return;
     }
     Descriptor_ = open(Name.c_str(), O_WRONLY | O_CLOEXEC);
     if (Descriptor_ < 0 || (Size() > 0 && ftruncate(Descriptor_, 0) != 0)) {
@@ -91,17 +112,53 @@ LocalTarget::LocalTarget(const std::string &Name, bool Replace, const std::vecto
     }
 }
 
-LocalTarget::~LocalTarget() {
-    if (Made_) {
-        unlink(Name_.c_str());
+void LocalTarget::OpenBeside() {
+    std::error_code Error;
+    Name_ = std::filesystem::canonical(Name_, Error).string(); // the file itself is replaced, not a link to it
+    struct stat Old = {};
+    if (Error || stat(Name_.c_str(), &Old) != 0 || access(Name_.c_str(), W_OK) != 0) {
+        Fail(Name_, Error ? Error.value() : errno);
+    }
+    std::string Beside = Name_ + ".XXXXXX";
+    Descriptor_ = mkostemp(Beside.data(), O_CLOEXEC);
+    if (Descriptor_ < 0) {
+        Fail(Beside, errno);
+    }
+    Part_ = Beside;
+    // Its owner stays when that may be given away; its rights in any case.
+    static_cast<void>(fchown(Descriptor_, Old.st_uid, Old.st_gid) == 0 || errno == EPERM);
+    if (fchmod(Descriptor_, Old.st_mode & 07777) != 0) {
+        Fail(Beside, errno);
     }
 }
 
-void LocalTarget::Keep() {
+LocalTarget::~LocalTarget() {
+    if (!Part_.empty()) {
+        unlink(Part_.c_str());
+    }
+}
+
+void LocalTarget::Keep(int64_t WriteTime) {
+    if (WriteTime > UnixEpoch) {
+        const int64_t Since = WriteTime - UnixEpoch;
+        const timespec Time = {Since / 10'000'000, Since % 10'000'000 * 100};
+        const timespec Times[] = {Time, Time};
+        if (futimens(Descriptor_, Times) != 0) {
+            Fail(Name_, errno);
+        }
+    }
+    const bool Replaces = !Part_.empty() && Part_ != Name_;
+    // A name that is taken from a whole file must not lead to one whose bytes are not there yet.
+    if (Replaces && fdatasync(Descriptor_) != 0) {
+        Fail(Name_, errno);
+    }
     if (close(std::exchange(Descriptor_, -1)) != 0) {
         Fail(Name_, errno);
     }
-    Made_ = false;
+    if (Replaces && rename(Part_.c_str(), Name_.c_str()) != 0) {
+        Fail(Name_, errno);
+    }
+    Part_.clear();
 }
 
 bool IsOneOf(const std::filesystem::path &Name, const std::vector<std::filesystem::path> &Files) {

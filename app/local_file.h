@@ -27,6 +27,8 @@ public:
     void Write(const void *Buffer, size_t Length);
     // Of a regular file, otherwise -1.
     int64_t Size() const;
+    // Of the last change of its bytes, in 100-ns units since 1601; 0 when it is no regular file.
+    int64_t WriteTime() const;
     const std::string &Name() const {
         return Name_;
     }
@@ -36,19 +38,23 @@ protected:
     std::string Name_;
 };
 
-// A file to be written. One that was made for it is removed again unless it is kept.
+// A file to be written. One that was made for it is removed again unless it is kept; one that replaces a regular file
+// is written beside that and takes its name at the end.
 class LocalTarget : public LocalFile {
 public:
     // Refuses a file that is there unless Replace; refuses one that is among Sources in any case. Nothing is emptied
-    // before both are settled.
-    LocalTarget(const std::string &Name, bool Replace, const std::vector<std::filesystem::path> &Sources);
+    // before both are settled. InPlace: a file that is there is written into.
+    LocalTarget(const std::string &Name, bool Replace, bool InPlace, const std::vector<std::filesystem::path> &Sources);
     ~LocalTarget();
 
-    // The bytes are all there: closes the file, whose failure counts too.
-    void Keep();
+    // The bytes are all there: closes the file, whose failure counts too, and puts it in its place. WriteTime as above;
+    // 0: now.
+    void Keep(int64_t WriteTime);
 
 private:
-    bool Made_ = false;
+    void OpenBeside();
+
+    std::string Part_; // what is to be removed unless it is kept: Name_, or what is beside it; empty: nothing
 };
 
 // TRUE when Name is one of Files, by whatever name.

@@ -26,6 +26,10 @@ class RemoteFile {
 public:
     // StatusError when the open is refused.
     RemoteFile(std::u16string Path, const OpenRequest &Request);
+    // Takes over what an open that succeeded gave.
+    RemoteFile(std::u16string Path, const embedded::CreateResult &Opened)
+        : Path_(std::move(Path)), Handle_(Opened.Handle), Information_(Opened.Information) {
+    }
     RemoteFile(RemoteFile &&Other) noexcept;
     RemoteFile(const RemoteFile &) = delete;
     RemoteFile &operator=(const RemoteFile &) = delete;
@@ -80,6 +84,9 @@ struct DirectoryEntry {
     LONG64 Size;
     LONG64 LastWrite;
 };
+
+// A buffer for listings that are wanted whole.
+inline constexpr ULONG LargeListing = 65536;
 
 // The entries of a packed answer.
 std::vector<DirectoryEntry> UnpackEntries(const RemoteFile::Answer &Answer, ULONG InfoClass);

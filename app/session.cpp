@@ -13,7 +13,6 @@
 #include "app/text.h"
 #include "embedded/image/symbols.h"
 #include "embedded/verifier/report.h"
-#include "frame/diagnostics.h"
 #include "kernel/linux/driver_image.h"
 #include "provider/framework.h"
 
@@ -26,15 +25,17 @@ namespace {
 constexpr auto ServiceKey = u"\\REGISTRY\\Machine\\System\\CurrentControlSet\\Services\\RVFSD";
 constexpr auto ClientKey = u"\\REGISTRY\\Machine\\Software\\Veyra\\Client\\Parameters";
 
-// Beside the sources that the program was built in (build/PRESET/app), also after they were moved as a whole.
+// Where the sample tree comes from: beside an installed program, beside the sources that the program was built in
+// (build/PRESET/app), also after they were moved as a whole, or where they were.
 std::filesystem::path SampleTree() {
-    if (const char *Override = getenv("RVFSD_SAMPLE")) {
-        return Override;
-    }
     std::error_code Error;
-    const std::filesystem::path Program = std::filesystem::read_symlink("/proc/self/exe", Error);
-    const std::filesystem::path Beside = Program.parent_path() / "../../../app/sample";
-    return std::filesystem::is_directory(Beside, Error) ? Beside.lexically_normal() : RVFSD_SOURCE_DIR "/app/sample";
+    const std::filesystem::path Program = std::filesystem::read_symlink("/proc/self/exe", Error).parent_path();
+    for (const char *Beside : {"../share/rvfsd/sample", "../../../app/sample"}) {
+        if (std::filesystem::is_directory(Program / Beside, Error)) {
+            return (Program / Beside).lexically_normal();
+        }
+    }
+    return RVFSD_SOURCE_DIR "/app/sample";
 }
 
 std::map<std::string, uint32_t> SwitchesOf(const SessionOptions &Options) {
@@ -68,6 +69,47 @@ const char16_t *KeyOf(const std::string &Name) {
     const auto At = std::find_if(std::begin(Switches), std::end(Switches),
                                  [&Name](const Switch &Each) { return Each.Name == Name; });
     return At != std::end(Switches) && At->OfClient ? ClientKey : ServiceKey;
+}
+
+} // namespace
+
+std::filesystem::path DefaultTree() {
+    const char *Data = getenv("XDG_DATA_HOME");
+    const char *Home = getenv("HOME");
+    if (Data != nullptr && *Data == '/') {
+        return std::filesystem::path(Data) / "rvfsd/demo";
+    }
+    if (Home != nullptr && *Home == '/') {
+        return std::filesystem::path(Home) / ".local/share/rvfsd/demo";
+    }
+    return std::filesystem::temp_directory_path() / fmt::format("rvfsd-demo-{}", geteuid());
+}
+
+namespace {
+
+// Copies the sample tree to where it is served from, unless it is there. Two programs may do so at once.
+std::filesystem::path MakeDefaultTree() {
+    const std::filesystem::path Tree = DefaultTree();
+    std::error_code Error;
+    if (std::filesystem::is_directory(Tree, Error)) {
+        return Tree;
+    }
+    std::filesystem::create_directories(Tree.parent_path(), Error);
+    std::string Half = Tree.string() + ".XXXXXX";
+    if (mkdtemp(Half.data()) == nullptr) {
+        throw UsageError(fmt::format("{}: {}; --export serves a directory of yours", Half, strerror(errno)));
+    }
+    std::filesystem::copy(SampleTree(), Half, std::filesystem::copy_options::recursive, Error);
+    std::filesystem::permissions(Half, std::filesystem::perms(0755));
+    if (!Error && rename(Half.c_str(), Tree.c_str()) == 0) {
+        return Tree;
+    }
+    const std::string Reason = Error ? Error.message() : strerror(errno);
+    std::filesystem::remove_all(Half);
+    if (!std::filesystem::is_directory(Tree)) {
+        throw UsageError(fmt::format("{}: {}; --export serves a directory of yours", Tree.string(), Reason));
+    }
+    return Tree;
 }
 
 } // namespace
@@ -131,30 +173,38 @@ private:
     std::filesystem::path Directory_;
 };
 
-Session::Session(const SessionOptions &Options) : Exports_(Options.Exports), Switches_(SwitchesOf(Options)) {
+Session::Session(const SessionOptions &Options)
+    : Options_(Options), Exports_(Options.Exports), Switches_(SwitchesOf(Options)) {
     if (Exports_.empty()) {
-        Exports_.push_back({"\\\\demo\\files", SampleTree()});
+        Exports_.push_back({"\\\\demo\\files", MakeDefaultTree()});
     }
-    Serve(Options.Quotas);
+    if (Options.Log) {
+        Log_ = std::make_unique<LogVolume>(*Options.Log);
+    }
+    Start();
+}
+
+void Session::Start() {
+    Directories_ = std::make_unique<providers::DirectoryProvider>();
+    Serve(Options_.Quotas);
     embedded::KernelOptions Boot;
     for (const auto &[Name, Value] : Switches_) {
         Boot.Registry.push_back({KeyOf(Name), Widen(Name), Value});
     }
     Boot.Time = embedded::ClockMode::Running;
-    if (Options.Log) {
-        Log_ = std::make_unique<LogVolume>(*Options.Log);
+    if (Log_ != nullptr) {
         Boot.SystemVolume = Log_->Directory();
     }
     Boot.DebugSink = [](std::string_view Text) { fwrite(Text.data(), 1, Text.size(), stderr); };
-    if (Options.Image) {
-        OpenImage(Options);
+    if (Options_.Image) {
+        OpenImage();
     } else {
         Boot.ResetDriverImage = ResetDriverImage;
     }
+    Stopped_ = false;
     Kernel_ = std::make_unique<embedded::Kernel>(std::move(Boot));
 
-    Served_ = Directories_.Interface();
-    Recorder_ = std::make_unique<providers::Recorder>(Served_);
+    Recorder_ = std::make_unique<providers::Recorder>(Directories_->Interface());
     Framework_ = std::make_unique<providers::Framework>(Recorder_.get());
     Framework_->SetTimeSource([] { return embedded::Clock::SystemTime(); });
     Framework_->SetCaller([] { return RV_SECURITY_CONTEXT{{geteuid(), getegid()}}; });
@@ -165,7 +215,8 @@ Session::Session(const SessionOptions &Options) : Exports_(Options.Exports), Swi
     }
 }
 
-void Session::OpenImage(const SessionOptions &Options) {
+void Session::OpenImage() {
+    const SessionOptions &Options = Options_;
     Image_ = LoadImage(*Options.Image, Options.Calls ? embedded::CallRecording::Traced : embedded::CallRecording::None);
     if (!Options.Calls) {
         return;
@@ -177,7 +228,9 @@ void Session::OpenImage(const SessionOptions &Options) {
     if (!Image_->Pdb().empty() && std::filesystem::equivalent(*Options.Calls, Image_->Pdb(), Error)) {
         throw UsageError(fmt::format("--calls {}: that is the image's debug information", Options.Calls->string()));
     }
-    Calls_.open(*Options.Calls, std::ios::trunc);
+    // A driver that is started again goes on with the same record.
+    Calls_.open(*Options.Calls, Recorded_ ? std::ios::app : std::ios::trunc);
+    Recorded_ = true;
     if (!Calls_) {
         throw UsageError(fmt::format("--calls {}: {}", Options.Calls->string(), strerror(errno)));
     }
@@ -206,12 +259,12 @@ void Session::Serve(const std::map<std::string, uint64_t> &Quotas) {
         if (const auto Quota = Quotas.find(One.Name); Quota != Quotas.end()) {
             Serving.QuotaBytes = Quota->second;
         }
-        const std::string Problem = Directories_.AddExport(Widen(One.Name), One.Directory, Serving);
+        const std::string Problem = Directories_->AddExport(Widen(One.Name), One.Directory, Serving);
         if (!Problem.empty()) {
             throw UsageError(Problem);
         }
     }
-    if (const std::string Problem = Directories_.AddLinks(Links); !Problem.empty()) {
+    if (const std::string Problem = Directories_->AddLinks(Links); !Problem.empty()) {
         throw UsageError(Problem);
     }
 }
@@ -240,12 +293,12 @@ std::string Session::Stop() {
             Findings += Line + "\n";
         }
     }
-    for (const auto &Left : Directories_.ListOpenHandles()) {
+    for (const auto &Left : Directories_->ListOpenHandles()) {
         Findings += fmt::format("a {} handle of the Provider is left: {}\n", Left.Kind, Left.Path);
     }
-    Log_.reset();
     Framework_.reset();
     Kernel_.reset();
+    Recorder_.reset();
     Image_.reset();
     if (Calls_.is_open()) {
         Tracing_.reset();
@@ -257,39 +310,37 @@ std::string Session::Stop() {
     return Findings;
 }
 
-std::vector<std::filesystem::path> Session::OpenFiles() const {
+std::vector<std::filesystem::path> Session::OpenOf(std::string_view Kind) const {
     std::vector<std::filesystem::path> Paths;
-    for (const auto &Open : Directories_.ListOpenHandles()) {
-        if (Open.Kind == "file") {
+    for (const auto &Open : Directories_->ListOpenHandles()) {
+        if (Open.Kind == Kind) {
             Paths.emplace_back(Open.Path);
         }
     }
     return Paths;
 }
 
-template <typename T>
-T &Session::DriverVariable(T &Linked, const char *Name) {
-    if (Image_ == nullptr) {
-        return Linked;
-    }
-    void *Found = embedded::FindImageSymbol(*Image_, Name);
-    if (Found == nullptr || !Image_->Writable(Found, sizeof(T))) {
-        throw UsageError("the image's debug information (RVFSD.pdb beside it) is needed for that");
-    }
-    return *static_cast<T *>(Found);
+std::vector<std::filesystem::path> Session::OpenFiles() const {
+    return OpenOf("file");
+}
+
+std::vector<std::filesystem::path> Session::OpenDirectories() const {
+    return OpenOf("directory");
 }
 
 uint32_t Session::Trace(uint32_t Mask, bool On) {
-    auto &DebugMask = DriverVariable(g_uDebugMask, "g_uDebugMask");
-    auto &DebugFlags = DriverVariable(g_uDebugFlags, "g_uDebugFlags");
-    auto &DisplayOutput = DriverVariable(g_bDisplayOutput, "g_bDisplayOutput");
-    auto &TraceGate = DriverVariable(g_uTraceGate, "g_uTraceGate");
-    DebugMask = On ? DebugMask | Mask : DebugMask & ~Mask;
-    DebugFlags = On && DebugFlags == 0 ? 1 : DebugFlags;
-    const bool Asked = Switches_.contains("FsDisplayOutput");
-    DisplayOutput = On || (DisplayOutput && (Asked || DebugMask != 0));
-    TraceGate = DebugFlags != 0 ? DebugMask : 0;
-    return TraceGate;
+    uint32_t &Level = Switches_["FsDebugLevel"];
+    Level = On ? Level | Mask : Level & ~Mask;
+    const uint32_t Now = Level;
+    Switches_["FsDisplayOutput"] = Now != 0 || Options_.TraceMask ? 1 : 0;
+    if (uint32_t &Output = Switches_["EnableDebug"]; Now != 0 && Output == 0) {
+        Output = 1;
+    }
+    if (const std::string Findings = Stop(); !Findings.empty()) {
+        throw std::runtime_error("left behind when the driver stopped:\n" + Findings);
+    }
+    Start();
+    return Now;
 }
 
 void Session::Tell(const std::string &Line) {

@@ -28,7 +28,7 @@ struct Export {
 };
 
 struct SessionOptions {
-    std::vector<Export> Exports;                // empty: the sample tree as \\demo\files
+    std::vector<Export> Exports;                // empty: DefaultTree() as \\demo\files
     std::map<std::string, uint32_t> Switches;   // registry values, by name
     std::map<std::string, uint64_t> Quotas;     // by export name, bytes
     std::optional<uint32_t> TraceMask;          // the driver's lines on standard error
@@ -44,6 +44,10 @@ struct Switch {
     bool OfClient = false; // in the client's parameters key; the others are in the driver's service key
 };
 std::span<const Switch> KnownSwitches();
+
+// The directory that is served when nothing else is: a copy of the sample tree, of the user's own. It is made by the
+// first session that needs it, and stays.
+std::filesystem::path DefaultTree();
 
 // Loads an image as a session does. UsageError with a line for each reason when it is refused.
 std::unique_ptr<embedded::DriverImage> LoadImage(const std::filesystem::path &File, embedded::CallRecording Recording);
@@ -85,36 +89,39 @@ public:
     const std::map<std::string, uint32_t> &Switches() const {
         return Switches_;
     }
-    // The local files that handles of the Provider are open for.
+    // The local files that handles of the Provider are open for; and the directories.
     std::vector<std::filesystem::path> OpenFiles() const;
+    std::vector<std::filesystem::path> OpenDirectories() const;
 
-    // Turns categories of the driver's messages on or off, as a debugger would: the service key is read at its start
-    // only. Not while requests are running. The categories that are on now.
+    // Turns categories of the driver's messages on or off as an administrator does: in the service key, which the
+    // driver reads at its start, and so it is started again. Opens and waits must have ended before. The categories
+    // that are on now. StatusError when the driver does not start.
     uint32_t Trace(uint32_t Mask, bool On);
 
 private:
+    void Start();
     // Hands the exports to the Provider. UsageError when one cannot be served.
     void Serve(const std::map<std::string, uint64_t> &Quotas);
-    void OpenImage(const SessionOptions &Options);
-    template <typename T>
-    T &DriverVariable(T &Linked, const char *Name);
+    void OpenImage();
+    std::vector<std::filesystem::path> OpenOf(std::string_view Kind) const;
     void OnRequest(const embedded::CompletedRequest &Request);
     void Tell(const std::string &Line);
 
+    SessionOptions Options_;
     std::vector<Export> Exports_;
     std::map<std::string, uint32_t> Switches_;
     std::unique_ptr<LogVolume> Log_;
     std::ofstream Calls_;
+    bool Recorded_ = false;
     std::optional<CallTrace> Tracing_;
     std::unique_ptr<embedded::DriverImage> Image_; // null: the driver is linked in
-    providers::DirectoryProvider Directories_;
-    RVIOM_FSD *Served_ = nullptr;
+    std::unique_ptr<providers::DirectoryProvider> Directories_;
     std::unique_ptr<providers::Recorder> Recorder_;
     std::unique_ptr<embedded::Kernel> Kernel_;
     std::unique_ptr<providers::Framework> Framework_;
     std::mutex WatchLock_;
     std::function<void(const std::string &)> Watcher_;
-    bool Stopped_ = false;
+    bool Stopped_ = true;
 };
 
 } // namespace app

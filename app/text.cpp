@@ -1,13 +1,18 @@
 #include "app/text.h"
 
+#include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 
 #include <fmt/format.h>
 #include <unicode/ustring.h>
 #include <unicode/utf16.h>
 
+#include "embedded/ke.h"
+#include "frame/diagnostics.h"
 #include "providers/wide_text.h"
 
 namespace app {
@@ -33,27 +38,79 @@ std::string Narrow(std::u16string_view Text) {
     return providers::ToUtf8(Text);
 }
 
+namespace {
+
+std::u16string CurrentDirectory;
+
+// Current with Text behind it, where "." and ".." are steps; the volume's root is the top.
+std::u16string Below(const std::u16string &Current, std::u16string_view Text) {
+    std::u16string Path = Current;
+    const size_t Root = Current.find(u'\\', Current.find(u'\\', 1) + 1);
+    if (Text.starts_with(u'\\')) {
+        Path.resize(std::min(Root, Path.size()));
+    }
+    while (!Text.empty()) {
+        const std::u16string_view Step = Text.substr(0, Text.find(u'\\'));
+        Text.remove_prefix(std::min(Step.size() + 1, Text.size()));
+        if (Step == u"..") {
+            const size_t Last = Path.rfind(u'\\');
+            Path.resize(Root == std::u16string::npos || Last < Root ? Path.size() : Last);
+        } else if (!Step.empty() && Step != u".") {
+            Path += u'\\';
+            Path += Step;
+        }
+    }
+    return Path;
+}
+
+std::u16string WithBackslashes(std::string_view Path) {
+    std::u16string Wide = Widen(Path);
+    std::replace(Wide.begin(), Wide.end(), u'/', u'\\');
+    return Wide;
+}
+
+} // namespace
+
+void SetRemoteDirectory(std::u16string Directory) {
+    CurrentDirectory = std::move(Directory);
+}
+
+const std::u16string &RemoteDirectory() {
+    return CurrentDirectory;
+}
+
 bool IsRemote(std::string_view Path) {
-    return Path.starts_with("\\\\") || Path.starts_with("//");
+    return Path.starts_with("\\\\") || Path.starts_with("//") ||
+           (!CurrentDirectory.empty() && Path.find('\\') != std::string_view::npos);
 }
 
 std::u16string RemotePath(std::string_view Path) {
-    if (!IsRemote(Path)) {
+    std::u16string Wide;
+    if (Path.starts_with("\\\\") || Path.starts_with("//")) {
+        Wide = Path[0] == '/' ? WithBackslashes(Path) : Widen(Path);
+        Wide.erase(0, 1);
+    } else if (!CurrentDirectory.empty() && !Path.empty()) {
+        Wide = Below(CurrentDirectory, WithBackslashes(Path));
+    } else {
         throw UsageError(fmt::format("{}: a remote path begins with \\\\server\\volume", Path));
     }
-    std::u16string Wide = Widen(Path);
-    if (Path[0] == '/') {
-        for (char16_t &Unit : Wide) {
-            Unit = Unit == u'/' ? u'\\' : Unit;
-        }
-    }
-    Wide.erase(0, 1);
     const size_t Server = Wide.find(u'\\', 1);
     if (Wide.size() < 2 || Server == 1 || Server == std::u16string::npos || Server + 1 == Wide.size() ||
         Wide[Server + 1] == u'\\') {
         throw UsageError(fmt::format("{}: a remote path names a server and a volume, as in \\\\server\\volume", Path));
     }
+    while (Wide.ends_with(u'\\')) {
+        Wide.pop_back();
+    }
     return Wide;
+}
+
+std::u16string ParentOf(const std::u16string &Path) {
+    return Path.substr(0, Path.rfind(u'\\'));
+}
+
+std::u16string LastOf(const std::u16string &Path) {
+    return Path.substr(Path.rfind(u'\\') + 1);
 }
 
 std::string ShowPath(std::u16string_view Path) {
@@ -98,6 +155,136 @@ uint64_t ParseNumber(std::string_view Text, uint64_t Largest) {
 
 uint32_t ParseWord(std::string_view Text) {
     return static_cast<uint32_t>(ParseNumber(Text, UINT32_MAX));
+}
+
+uint64_t ParseSize(std::string_view Text, uint64_t Largest) {
+    std::string_view Digits = Text;
+    if (!Text.starts_with("0x")) {
+        for (const std::string_view Tail : {"iB", "B"}) {
+            const size_t Bare = Digits.size() - std::min(Digits.size(), Tail.size());
+            if (Digits.ends_with(Tail) && Bare > 0 && strchr("KMGTPkmgtp", Digits[Bare - 1]) != nullptr) {
+                Digits.remove_suffix(Tail.size());
+            }
+        }
+    }
+    const std::string_view Units = "KMGTP";
+    const size_t Unit = Digits.empty() || Text.starts_with("0x")
+                            ? std::string_view::npos
+                            : Units.find(static_cast<char>(toupper(static_cast<unsigned char>(Digits.back()))));
+    if (Unit == std::string_view::npos) {
+        return ParseNumber(Text, Largest);
+    }
+    const unsigned Shift = 10 * static_cast<unsigned>(Unit + 1);
+    try {
+        const uint64_t Count = ParseNumber(Digits.substr(0, Digits.size() - 1));
+        if (Count > Largest >> Shift) {
+            throw UsageError(fmt::format("{}: larger than {}", Text, Largest));
+        }
+        return Count << Shift;
+    } catch (const UsageError &) {
+        if (Digits.find_first_not_of("0123456789") != Digits.size() - 1) {
+            throw UsageError(fmt::format("{}: not a number", Text));
+        }
+        throw;
+    }
+}
+
+LONG64 ParseTime(const std::string &Text) {
+    if (Text.empty()) {
+        return embedded::Clock::SystemTime();
+    }
+    if (Text == "-1") {
+        return -1; // which leaves a time as it is, as 0 does
+    }
+    tm Local = {};
+    const char *End = nullptr;
+    for (const char *Form : {"%Y-%m-%d %H:%M:%S", "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
+        tm Read = {};
+        if (const char *Behind = strptime(Text.c_str(), Form, &Read); Behind != nullptr) {
+            Local = Read;
+            End = Behind;
+            break;
+        }
+    }
+    if (End == nullptr) {
+        if (Text.find_first_of("-: ", 1) != std::string::npos) {
+            throw UsageError(fmt::format("{}: a time reads like 2026-02-28 or 2026-02-28 14:05:00", Text));
+        }
+        return static_cast<LONG64>(ParseNumber(Text, INT64_MAX));
+    }
+    if (*End != 0) {
+        throw UsageError(fmt::format("{}: {} does not belong to a time", Text, End));
+    }
+    Local.tm_isdst = -1;
+    const int Day = Local.tm_mday;
+    const time_t Seconds = mktime(&Local);
+    if (Local.tm_mday != Day) {
+        throw UsageError(fmt::format("{}: there is no such day", Text));
+    }
+    return (static_cast<LONG64>(Seconds) + 11644473600) * 10000000;
+}
+
+namespace {
+
+constexpr struct {
+    const char *Name;
+    uint32_t Bit;
+} Categories[] = {{"entry", TRACE_ENTRY},
+                  {"read", TRACE_READ},
+                  {"start", TRACE_START},
+                  {"general", TRACE_GENERAL},
+                  {"create", TRACE_CREATE},
+                  {"directory", TRACE_DIRECTORY},
+                  {"file-info", TRACE_FILE_INFO},
+                  {"volume-info", TRACE_VOLUME_INFO},
+                  {"close", TRACE_CLOSE},
+                  {"cleanup", TRACE_CLEANUP},
+                  {"write", TRACE_WRITE},
+                  {"control", TRACE_CONTROL},
+                  {"ea", TRACE_EA},
+                  {"flush", TRACE_FLUSH},
+                  {"lock", TRACE_LOCK},
+                  {"error", TRACE_ERROR},
+                  {"factory", TRACE_FACTORY},
+                  {"prefix-dump", TRACE_PREFIX_DUMP},
+                  {"notify", TRACE_NOTIFY},
+                  {"create-dump", TRACE_CREATE_DUMP},
+                  {"fcb", TRACE_FCB},
+                  {"read-detail", TRACE_READ_DETAIL},
+                  {"async", TRACE_ASYNC},
+                  {"external", TRACE_EXTERNAL},
+                  {"all", 0xFFFFFFFF}};
+
+} // namespace
+
+uint32_t ParseCategories(std::string_view Text) {
+    uint32_t Mask = 0;
+    for (bool More = true; More;) {
+        const std::string_view Word = Text.substr(0, Text.find(','));
+        More = Word.size() < Text.size();
+        Text.remove_prefix(Word.size() + (More ? 1 : 0));
+        const auto Found = std::find_if(std::begin(Categories), std::end(Categories),
+                                        [Word](const auto &Each) { return Word == Each.Name; });
+        if (Found != std::end(Categories)) {
+            Mask |= Found->Bit;
+        } else if (!Word.empty() && isdigit(static_cast<unsigned char>(Word[0])) != 0) {
+            Mask |= ParseWord(Word);
+        } else {
+            throw UsageError(fmt::format("{}: no category of messages; there are {}, and numbers", Word,
+                                         ShowCategories(UINT32_MAX) + ", all"));
+        }
+    }
+    return Mask;
+}
+
+std::string ShowCategories(uint32_t Mask) {
+    std::string Names;
+    for (const auto &Each : Categories) {
+        if ((Each.Bit & Mask) != 0 && Each.Bit != UINT32_MAX) {
+            Names += (Names.empty() ? "" : ", ") + std::string(Each.Name);
+        }
+    }
+    return Names.empty() ? "none" : Names;
 }
 
 void Complain(std::string_view Message) noexcept {

@@ -1,29 +1,17 @@
-// attrib, touch, truncate, rm, rmdir, mv: changes of files and directories.
+// attrib, touch, truncate, mkdir, rm, rmdir, mv: changes of files and directories.
 
-#include <cstring>
-#include <ctime>
+#include <algorithm>
 
 #include <fmt/format.h>
 
-#include "app/remote_file.h"
 #include "app/text.h"
+#include "app/tree_copy.h"
 #include "app/verbs/verbs.h"
-#include "embedded/ke.h"
+#include "app/walk.h"
 
 namespace app {
 
 namespace {
-
-FILE_BASIC_INFORMATION Basic(RemoteFile &File) {
-    const RemoteFile::Answer Answer = File.Query(FileBasicInformation, sizeof(FILE_BASIC_INFORMATION));
-    FILE_BASIC_INFORMATION Record;
-    memcpy(&Record, Answer.Bytes.data(), sizeof(Record));
-    return Record;
-}
-
-void SetBasic(RemoteFile &File, const FILE_BASIC_INFORMATION &Record) {
-    File.Set(FileBasicInformation, &Record, sizeof(Record));
-}
 
 // "+rh-a" as bits to set and bits to clear.
 struct AttributeChange {
@@ -58,8 +46,8 @@ AttributeChange ParseChange(const std::string &Text) {
     return Change;
 }
 
-void ChangeAttributes(const std::string &Path, const AttributeChange &Change) {
-    RemoteFile File(RemotePath(Path), {.Access = FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES | SYNCHRONIZE});
+void ChangeAttributes(const std::u16string &Path, const AttributeChange &Change) {
+    RemoteFile File(Path, {.Access = FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES | SYNCHRONIZE});
     const ULONG Old = Basic(File).FileAttributes;
     FILE_BASIC_INFORMATION New = {};
     New.FileAttributes = (Old | Change.Set) & ~Change.Clear & ~static_cast<ULONG>(FILE_ATTRIBUTE_NORMAL);
@@ -72,20 +60,20 @@ void ChangeAttributes(const std::string &Path, const AttributeChange &Change) {
 
 // Opens a file or makes it. Those who watch its directory are told of a file that is asked for as a new one, not of one
 // that an open makes because there is none.
-RemoteFile OpenOrMake(const std::string &Path) {
+RemoteFile OpenOrMake(const std::u16string &Path) {
     OpenRequest Request = {.Access = FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES | SYNCHRONIZE};
     try {
-        return RemoteFile(RemotePath(Path), Request);
+        return RemoteFile(Path, Request);
     } catch (const StatusError &Missing) {
         if (Missing.Status != STATUS_OBJECT_NAME_NOT_FOUND) {
             throw;
         }
     }
     Request.Disposition = FILE_CREATE;
-    return RemoteFile(RemotePath(Path), Request);
+    return RemoteFile(Path, Request);
 }
 
-void Touch(const std::string &Path, LONG64 Time) {
+void Touch(const std::u16string &Path, LONG64 Time) {
     RemoteFile File = OpenOrMake(Path);
     FILE_BASIC_INFORMATION Record = {};
     Record.LastAccessTime.QuadPart = Time;
@@ -94,149 +82,300 @@ void Touch(const std::string &Path, LONG64 Time) {
     File.End();
 }
 
-void Truncate(const std::string &Path, LONG64 Size) {
-    RemoteFile File(RemotePath(Path), {.Access = FILE_WRITE_DATA | SYNCHRONIZE,
-                                       .Options = FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
+void Truncate(const std::u16string &Path, LONG64 Size) {
+    RemoteFile File(Path, {.Access = FILE_WRITE_DATA | SYNCHRONIZE,
+                           .Options = FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
     File.Set(FileEndOfFileInformation, &Size, sizeof(Size));
     File.End();
 }
 
-void Remove(const std::string &Path, ULONG Kind, bool Force) {
-    const std::u16string Name = RemotePath(Path);
-    if (Force) {
-        ChangeAttributes(Path, {.Set = 0, .Clear = FILE_ATTRIBUTE_READONLY});
-    }
-    RemoteFile File(
-        Name, {.Access = DELETE | FILE_READ_ATTRIBUTES | SYNCHRONIZE, .Options = Kind | FILE_SYNCHRONOUS_IO_NONALERT});
-    const UCHAR Delete = 1;
-    File.Set(FileDispositionInformation, &Delete, sizeof(Delete));
-    File.End(); // which carries the deletion out
+struct ChangeWords {
+    std::vector<std::string> Paths;
+    std::string Text;
+    bool Flag = false;
+    bool Other = false;
+};
+
+Verb AttributeVerb() {
+    const auto Words = std::make_shared<ChangeWords>();
+    return {.Name = "attrib",
+            .Group = "changes",
+            .Summary = "set and clear attributes, as in: attrib +r-h PATH",
+            .Parameters = {Parameter{"PATH", "a change of the letters r, h, s, a; then files, masks too", &Words->Paths}
+                               .Needed()
+                               .As("CHANGE PATH..."),
+                           Parameter{"--change", "the change", &Words->Text}.Unseen()},
+            .Run =
+                [Words](Session &) {
+                    if (Words->Text.empty() || Words->Paths.empty()) {
+                        throw UsageError("attrib: a change (as +r-h) and paths are needed");
+                    }
+                    const AttributeChange Change = ParseChange(Words->Text.substr(1));
+                    return ForEachPath(Words->Paths,
+                                       [&](const std::u16string &Path) { ChangeAttributes(Path, Change); });
+                },
+            .Examples = {R"(attrib +r '\\demo\files\docs\*.txt')"},
+            // -h is a change here, and any first word that is no option with a name of several letters.
+            .Prepare =
+                [](std::vector<std::string> &Given) {
+                    const auto Change = std::find_if(Given.begin(), Given.end(),
+                                                     [](const std::string &Word) { return !Word.starts_with("--"); });
+                    if (Change != Given.end() && Given.size() > 1) {
+                        Change->insert(0, "--change=:"); // the mark keeps an empty one apart from none
+                    }
+                }};
 }
 
-void Move(const std::string &From, const std::string &To, bool Replace) {
-    const std::u16string Target = u"\\??\\UNC" + RemotePath(To);
-    RemoteFile File(RemotePath(From), {.Access = DELETE | FILE_READ_ATTRIBUTES | SYNCHRONIZE});
-    // FILE_RENAME_INFORMATION: replace at 0, root directory at 8, length of the name at 16, the name at 20.
-    constexpr size_t NameOffset = 20;
-    std::vector<UCHAR> Record(NameOffset + Target.size() * sizeof(WCHAR));
-    Record[0] = Replace ? 1 : 0;
-    const ULONG NameBytes = static_cast<ULONG>(Target.size() * sizeof(WCHAR));
-    memcpy(Record.data() + 16, &NameBytes, sizeof(NameBytes));
-    memcpy(Record.data() + NameOffset, Target.data(), NameBytes);
-    File.Set(FileRenameInformation, Record.data(), static_cast<ULONG>(Record.size()));
-    File.End();
+Verb TouchVerb() {
+    const auto Words = std::make_shared<ChangeWords>();
+    return {.Name = "touch",
+            .Group = "changes",
+            .Summary = "set the times of files, making those that are missing",
+            .Parameters = {Parameter{"PATH", "files, masks too", &Words->Paths}.Needed(),
+                           Parameter{"--time", "\"YYYY-MM-DD HH:MM:SS\" or 100-ns units since 1601; now when left out",
+                                     &Words->Text}
+                               .As("TIME")},
+            .Run = [Words](Session &) {
+                const LONG64 Time = ParseTime(Words->Text);
+                return ForEachPath(Words->Paths, [&](const std::u16string &Path) { Touch(Path, Time); });
+            }};
 }
 
-LONG64 ParseTime(const std::string &Text) {
-    if (Text.empty()) {
-        return embedded::Clock::SystemTime();
+Verb TruncateVerb() {
+    const auto Words = std::make_shared<ChangeWords>();
+    const auto Size = std::make_shared<std::string>();
+    return {.Name = "truncate",
+            .Group = "changes",
+            .Summary = "set the size of a file",
+            .Parameters = {Parameter{"PATH", "the file", &Words->Text}.Needed(),
+                           Parameter{"SIZE", "bytes, or 64K, 1M, 2G", Size.get()}.Needed()},
+            .Run = [Words, Size](Session &) {
+                const auto Bytes = static_cast<LONG64>(ParseSize(*Size, INT64_MAX));
+                return Guarded([&] { Truncate(RemotePath(Words->Text), Bytes); });
+            }};
+}
+
+// Deletes what a path of rm stands for.
+int RemoveOne(Session &Running, const std::u16string &Path, bool Recursive, bool Force) {
+    int Code = 0;
+    const int Failed = Guarded([&] {
+        try {
+            Remove(Path, FILE_NON_DIRECTORY_FILE, Force);
+        } catch (const StatusError &Refused) {
+            if (Refused.Status == STATUS_FILE_IS_A_DIRECTORY && Recursive) {
+                Code = RemoveTree(Running, Path, Force);
+            } else if (Refused.Status == STATUS_FILE_IS_A_DIRECTORY) {
+                throw StatusError(Refused.Status, ShowPath(Path) + "; -r deletes directories with all below");
+            } else {
+                throw;
+            }
+        }
+    });
+    return Code | Failed;
+}
+
+bool IsAbsent(NTSTATUS Status) {
+    return Status == STATUS_NO_SUCH_FILE || Status == STATUS_OBJECT_NAME_NOT_FOUND ||
+           Status == STATUS_OBJECT_PATH_NOT_FOUND;
+}
+
+// What Text stands for; with Force nothing when nothing is there.
+std::vector<std::u16string> Doomed(const std::string &Text, bool Force) {
+    try {
+        std::vector<std::u16string> Paths = Expand(Text);
+        if (Force && Paths.size() == 1) {
+            const embedded::CreateResult Found = OpenRemote(Paths[0], {.Access = FILE_READ_ATTRIBUTES | SYNCHRONIZE});
+            if (!NT_SUCCESS(Found.Status)) {
+                throw StatusError(Found.Status, ShowPath(Paths[0]));
+            }
+            NtClose(Found.Handle);
+        }
+        return Paths;
+    } catch (const StatusError &Missing) {
+        if (Force && IsAbsent(Missing.Status)) {
+            return {};
+        }
+        throw;
     }
-    if (Text == "-1") {
-        return -1; // which leaves a time as it is, as 0 does
+}
+
+Verb RemoveVerb() {
+    const auto Words = std::make_shared<ChangeWords>();
+    return {.Name = "rm",
+            .Group = "changes",
+            .Summary = "delete files",
+            .Parameters = {Parameter{"PATH", "files, masks too", &Words->Paths}.Needed(),
+                           {"-r,-R,--recursive", "directories with all below", &Words->Other},
+                           {"-f,--force", "read-only files too; what is not there is no failure", &Words->Flag}},
+            .Run = [Words](Session &Running) {
+                int Code = 0;
+                for (const std::string &Text : Words->Paths) {
+                    std::vector<std::u16string> Paths;
+                    Code |= Guarded([&] { Paths = Doomed(Text, Words->Flag); });
+                    for (const std::u16string &Path : Paths) {
+                        Code |= RemoveOne(Running, Path, Words->Other, Words->Flag);
+                    }
+                }
+                return Code;
+            }};
+}
+
+Verb RemoveDirectoryVerb() {
+    const auto Words = std::make_shared<ChangeWords>();
+    return {.Name = "rmdir",
+            .Group = "changes",
+            .Summary = "delete empty directories",
+            .Parameters = {Parameter{"PATH", "directories, masks too", &Words->Paths}.Needed()},
+            .Run = [Words](Session &) {
+                return ForEachPath(Words->Paths,
+                                   [](const std::u16string &Path) { Remove(Path, FILE_DIRECTORY_FILE, false); });
+            }};
+}
+
+// Path and every directory above it that is missing; what is there already is no failure.
+void MakeWay(const std::u16string &Path) {
+    const size_t Root = Path.find(u'\\', Path.find(u'\\', 1) + 1);
+    for (size_t End = Root; End != std::u16string::npos;) {
+        End = Path.find(u'\\', End + 1);
+        const std::u16string Step = Path.substr(0, End);
+        try {
+            MakeDirectory(Step);
+        } catch (const StatusError &Refused) {
+            if (Refused.Status != STATUS_OBJECT_NAME_COLLISION || KindOf(Step) != Kind::Directory) {
+                throw;
+            }
+        }
     }
-    tm Local = {};
-    const char *End = strptime(Text.c_str(), "%Y-%m-%d %H:%M:%S", &Local);
-    if (End == nullptr) {
-        return static_cast<LONG64>(ParseNumber(Text, INT64_MAX));
+}
+
+Verb MakeVerb() {
+    const auto Words = std::make_shared<ChangeWords>();
+    return {.Name = "mkdir",
+            .Group = "changes",
+            .Summary = "make directories",
+            .Parameters = {Parameter{"PATH", "the directories", &Words->Paths}.Needed(),
+                           {"-p,--parents", "those above too; what is there already is no failure", &Words->Flag}},
+            .Run = [Words](Session &) {
+                int Code = 0;
+                for (const std::string &Text : Words->Paths) {
+                    Code |= Guarded([&] { Words->Flag ? MakeWay(RemotePath(Text)) : MakeDirectory(RemotePath(Text)); });
+                }
+                return Code;
+            }};
+}
+
+// Every file below From has the same bytes below To.
+void Verify(const Place &From, const Place &To, WayDown Way) {
+    if (From.WhatIsThere() != Kind::Directory) {
+        if (!SameBytes(From.Path, To.Path)) {
+            throw std::runtime_error(fmt::format("{}: the copy differs; {} stays", To.Show(), From.Show()));
+        }
+        return;
     }
-    if (*End != 0) {
-        throw UsageError(fmt::format("{}: {} does not belong to a time", Text, End));
+    for (const DirectoryEntry &Entry : EntriesOn(From.Path, Way)) {
+        Verify(From.Child(Narrow(Entry.Name)), To.Child(Narrow(Entry.Name)), Way);
     }
-    Local.tm_isdst = -1;
-    return (static_cast<LONG64>(mktime(&Local)) + 11644473600) * 10000000;
+}
+
+// From one volume to another: copied, compared, deleted.
+int MoveAcross(Session &Running, const Place &From, const Place &To, bool Replace) {
+    const bool Directory = From.WhatIsThere() == Kind::Directory;
+    if (Directory && To.WhatIsThere() != Kind::Missing) {
+        throw StatusError(STATUS_OBJECT_NAME_COLLISION, To.Show());
+    }
+    if (const int Code = CopyTree(Running, From, To, true, {.Force = Replace, .Preserve = true}); Code != 0) {
+        Complain(fmt::format("{}: not all of it could be copied; it stays, and so does what is in {}", From.Show(),
+                             To.Show()));
+        return Code;
+    }
+    Verify(From, To, {});
+    return Directory ? RemoveTree(Running, From.Path, true) : RemoveOne(Running, From.Path, false, true);
+}
+
+// Two names of one directory, as far as the volume has identifiers.
+bool SameDirectory(const std::u16string &One, const std::u16string &Other) {
+    if (ParentOf(One).size() != ParentOf(Other).size() || LastOf(One).size() != LastOf(Other).size()) {
+        return false;
+    }
+    try {
+        WayDown Way;
+        RemoteFile First(One, {.Access = FILE_READ_ATTRIBUTES | SYNCHRONIZE});
+        RemoteFile Second(Other, {.Access = FILE_READ_ATTRIBUTES | SYNCHRONIZE});
+        return LeadsBack(First, Way) || LeadsBack(Second, Way);
+    } catch (const StatusError &) {
+        return false;
+    }
+}
+
+int Move(Session &Running, const Place &From, const Place &Target, bool Replace) {
+    // A change of case names the same directory: that is no move into it.
+    const bool Same = Target.WhatIsThere() == Kind::Directory && SameDirectory(From.Path, Target.Path);
+    const Place To = Same ? Target : TargetOf(From, Target);
+    try {
+        Rename(From.Path, To.Path, Replace);
+        return 0;
+    } catch (const StatusError &Refused) {
+        if (Refused.Status == STATUS_OBJECT_NAME_COLLISION) {
+            throw StatusError(Refused.Status, To.Show() + (Replace ? "" : "; --replace replaces a file"));
+        }
+        if (Refused.Status == STATUS_OBJECT_NAME_NOT_FOUND || Refused.Status == STATUS_OBJECT_PATH_NOT_FOUND) {
+            throw StatusError(Refused.Status, From.WhatIsThere() == Kind::Missing ? From.Show() : To.Show());
+        }
+        if (Refused.Status == STATUS_FILE_IS_A_DIRECTORY) {
+            throw StatusError(Refused.Status, To.Show());
+        }
+        if (Refused.Status != STATUS_NOT_SAME_DEVICE) {
+            throw;
+        }
+    }
+    return MoveAcross(Running, From, To, Replace);
+}
+
+Verb MoveVerb() {
+    const auto Words = std::make_shared<ChangeWords>();
+    return {.Name = "mv",
+            .Group = "changes",
+            .Summary = "rename or move; from one volume to another by a copy that is compared",
+            .Parameters = {Parameter{"PATH",
+                                     "files and directories, masks too; then the new name, or the directory to go into",
+                                     &Words->Paths}
+                               .Needed()
+                               .As("SOURCE... TARGET"),
+                           {"-f,--replace", "replace files that are there", &Words->Flag}},
+            .Run = [Words](Session &Running) {
+                if (Words->Paths.size() < 2) {
+                    throw UsageError("mv: where to? mv SOURCE... TARGET");
+                }
+                const Place To{true, RemotePath(Words->Paths.back()), {}};
+                std::vector<std::u16string> From;
+                int Code = 0;
+                for (size_t Index = 0; Index + 1 < Words->Paths.size(); ++Index) {
+                    Code |= Guarded([&] {
+                        for (std::u16string &Path : Expand(Words->Paths[Index])) {
+                            From.push_back(std::move(Path));
+                        }
+                    });
+                }
+                if (From.size() > 1 && To.WhatIsThere() != Kind::Directory) {
+                    throw UsageError(fmt::format("{}: several files are moved into a directory only", To.Show()));
+                }
+                for (const std::u16string &Path : From) {
+                    Code |= Guarded([&] { Code |= Move(Running, {true, Path, {}}, To, Words->Flag); });
+                }
+                return Code;
+            }};
 }
 
 } // namespace
 
-void AddChangeVerbs(CLI::App &App, Command &Chosen) {
-    struct Options {
-        std::vector<std::string> Paths;
-        std::string Text;
-        std::string Second;
-        bool Flag = false;
-    };
-    const auto ForEach = [&Chosen](std::shared_ptr<Options> Chose,
-                                   std::function<void(const Options &, const std::string &)> Action) {
-        return [&Chosen, Chose, Action] {
-            Chosen = [Chose, Action](Session &) {
-                int Code = 0;
-                for (const std::string &Path : Chose->Paths) {
-                    Code |= Guarded([&] { Action(*Chose, Path); });
-                }
-                return Code;
-            };
-        };
-    };
-
-    auto Attributes = std::make_shared<Options>();
-    auto *AttributeVerb = App.add_subcommand("attrib", "set and clear attributes, as in: attrib +r-h PATH");
-    AttributeVerb->prefix_command();
-    AttributeVerb->set_help_flag("--help", "Print this help message and exit"); // -h is a change
-    AttributeVerb->callback([&Chosen, Attributes, AttributeVerb] {
-        std::vector<std::string> Words = AttributeVerb->remaining();
-        if (Words.size() < 2) {
-            throw UsageError("attrib: a change (as +r-h) and paths are needed");
-        }
-        Chosen = [Words](Session &) {
-            const AttributeChange Change = ParseChange(Words[0]);
-            int Code = 0;
-            for (size_t Index = 1; Index < Words.size(); ++Index) {
-                Code |= Guarded([&] { ChangeAttributes(Words[Index], Change); });
-            }
-            return Code;
-        };
-    });
-
-    auto Touching = std::make_shared<Options>();
-    auto *TouchVerb = App.add_subcommand("touch", "set the times of files, making those that are missing");
-    TouchVerb->add_option("PATH", Touching->Paths)->required();
-    TouchVerb->add_option("--time", Touching->Text, "\"YYYY-MM-DD HH:MM:SS\" or 100-ns units since 1601; default now");
-    TouchVerb->callback(
-        ForEach(Touching, [](const Options &Chose, const std::string &Path) { Touch(Path, ParseTime(Chose.Text)); }));
-
-    auto Sizing = std::make_shared<Options>();
-    auto *TruncateVerb = App.add_subcommand("truncate", "set the size of a file");
-    TruncateVerb->add_option("PATH", Sizing->Text)->required();
-    TruncateVerb->add_option("SIZE", Sizing->Second, "bytes")->required();
-    TruncateVerb->callback([&Chosen, Sizing] {
-        Chosen = [Sizing](Session &) {
-            return Guarded(
-                [&] { Truncate(Sizing->Text, static_cast<LONG64>(ParseNumber(Sizing->Second, INT64_MAX))); });
-        };
-    });
-
-    auto Removing = std::make_shared<Options>();
-    auto *RemoveVerb = App.add_subcommand("rm", "delete files");
-    RemoveVerb->add_option("PATH", Removing->Paths)->required();
-    RemoveVerb->add_flag("-f,--force", Removing->Flag, "read-only files too");
-    RemoveVerb->callback(ForEach(Removing, [](const Options &Chose, const std::string &Path) {
-        Remove(Path, FILE_NON_DIRECTORY_FILE, Chose.Flag);
-    }));
-
-    auto Directories = std::make_shared<Options>();
-    auto *RemoveDirectoryVerb = App.add_subcommand("rmdir", "delete empty directories");
-    RemoveDirectoryVerb->add_option("PATH", Directories->Paths)->required();
-    RemoveDirectoryVerb->callback(ForEach(
-        Directories, [](const Options &, const std::string &Path) { Remove(Path, FILE_DIRECTORY_FILE, false); }));
-
-    auto Making = std::make_shared<Options>();
-    auto *MakeVerb = App.add_subcommand("mkdir", "make directories");
-    MakeVerb->add_option("PATH", Making->Paths)->required();
-    MakeVerb->callback(ForEach(Making, [](const Options &, const std::string &Path) {
-        RemoteFile(RemotePath(Path), {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
-                                      .Disposition = FILE_CREATE,
-                                      .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT})
-            .End();
-    }));
-
-    auto Moving = std::make_shared<Options>();
-    auto *MoveVerb = App.add_subcommand("mv", "rename or move within a volume");
-    MoveVerb->add_option("SOURCE", Moving->Text)->required();
-    MoveVerb->add_option("TARGET", Moving->Second)->required();
-    MoveVerb->add_flag("--replace", Moving->Flag, "replace a file that is there");
-    MoveVerb->callback([&Chosen, Moving] {
-        Chosen = [Moving](Session &) { return Guarded([&] { Move(Moving->Text, Moving->Second, Moving->Flag); }); };
-    });
+void AddChangeVerbs(VerbList &List) {
+    List.push_back(AttributeVerb());
+    List.push_back(TouchVerb());
+    List.push_back(TruncateVerb());
+    List.push_back(MakeVerb());
+    List.push_back(RemoveVerb());
+    List.push_back(RemoveDirectoryVerb());
+    List.push_back(MoveVerb());
 }
 
 } // namespace app

@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "app/output.h"
 #include "app/remote_file.h"
 #include "app/text.h"
 #include "app/verbs/verbs.h"
@@ -196,11 +197,38 @@ constexpr InfoClass VolumeClasses[] = {
 
 using Question = Answer (RemoteFile::*)(ULONG InfoClass, ULONG Length);
 
+// One class as a record: its numbers and names as the text for people has them, and its bytes for those who decode.
+void PrintClassRecord(RemoteFile &File, const InfoClass &One, const Answer &Given) {
+    std::vector<Field> Fields = {{"path", ShowPath(File.Path())},
+                                 {"class", std::string(One.Name)},
+                                 {"number", uint64_t{One.Number}},
+                                 {"status", StatusName(Given.Status)}};
+    if (NT_SUCCESS(Given.Status)) {
+        std::string Hex;
+        for (size_t Index = 0; Index < std::min<size_t>(Given.Information, Given.Bytes.size()); ++Index) {
+            Hex += fmt::format("{:02x}", Given.Bytes[Index]);
+        }
+        std::string Text = One.Decode(Given);
+        for (size_t At; (At = Text.find('\n')) != std::string::npos;) {
+            Text.replace(At, std::min(Text.find_first_not_of(' ', At + 1), Text.size()) - At, "  ");
+        }
+        Fields.push_back({"text", Text});
+        Fields.push_back({"bytes", Hex});
+    }
+    PrintRecord(Fields);
+}
+
 // Each class as it is answered, or the status of its refusal.
 void ShowClasses(RemoteFile &File, std::span<const InfoClass> Classes, Question Ask) {
-    fmt::print("{}\n", ShowPath(File.Path()));
+    if (!WantsJson()) {
+        fmt::print("{}\n", ShowPath(File.Path()));
+    }
     for (const InfoClass &One : Classes) {
         const Answer Given = (File.*Ask)(One.Number, One.Length);
+        if (WantsJson()) {
+            PrintClassRecord(File, One, Given);
+            continue;
+        }
         fmt::print("  {:<30}{}\n", One.Name, NT_SUCCESS(Given.Status) ? One.Decode(Given) : ShowStatus(Given.Status));
     }
 }
@@ -230,85 +258,100 @@ int ShowRaw(RemoteFile &File, const Answer &Raw) {
     return 1;
 }
 
-void ShowSpace(const std::string &Path) {
+void ShowSpace(const std::string &Path, bool Human) {
     RemoteFile File(RemotePath(Path), ForAttributes());
     const Answer Full = File.QueryVolume(FileFsFullSizeInformation, 32);
     const Answer Attributes = File.QueryVolume(FileFsAttributeInformation, 256);
     const ULONG64 Unit = ULONG64{At<ULONG>(Full, 24)} * At<ULONG>(Full, 28);
     const ULONG64 Total = At<ULONG64>(Full, 0);
     const ULONG64 Available = At<ULONG64>(Full, 8);
+    const ULONG64 Used = Total - std::min(Total, Available);
     constexpr ULONG VolumeQuotas = 0x20;
-    fmt::print("{:<32} {:>16} {:>16} {:>16}  {}\n", ShowPath(File.Path()), Total * Unit,
-               (Total - std::min(Total, Available)) * Unit, Available * Unit,
-               (At<ULONG>(Attributes, 0) & VolumeQuotas) ? "quota" : "");
+    const bool Quota = (At<ULONG>(Attributes, 0) & VolumeQuotas) != 0;
+    if (WantsJson()) {
+        PrintRecord({{"path", ShowPath(File.Path())},
+                     {"bytes", uint64_t{Total * Unit}},
+                     {"used", uint64_t{Used * Unit}},
+                     {"available", uint64_t{Available * Unit}},
+                     {"quota", Quota}});
+        return;
+    }
+    fmt::print("{:<32} {:>16} {:>16} {:>16}  {}\n", ShowPath(File.Path()), ShowBytes(Total * Unit, Human),
+               ShowBytes(Used * Unit, Human), ShowBytes(Available * Unit, Human), Quota ? "quota" : "");
 }
 
 // ---- The verbs
 // ---------------------------------------------------------------------------------------------------------
 
 // A verb that shows every class, or one with a buffer length of the caller's choice.
-void AddClassVerb(CLI::App &App, Command &Chosen, const char *Name, const char *What,
-                  std::span<const InfoClass> Classes, Question Ask) {
-    struct Options {
+Verb ClassVerb(const char *Name, const char *What, std::span<const InfoClass> Classes, Question Ask) {
+    struct Words {
         std::vector<std::string> Paths;
         std::optional<uint32_t> Class;
-        uint32_t Length = 1024;
+        std::optional<uint32_t> Length;
     };
-    auto *Verb = App.add_subcommand(Name, What);
-    auto Given = std::make_shared<Options>();
-    Verb->add_option("PATH", Given->Paths)->required();
-    auto *Class = Verb->add_option("--class", Given->Class, "ask one class, by its number, and show what came");
-    Verb->add_option("--length", Given->Length, "buffer length for --class")
-        ->capture_default_str()
-        ->check(CLI::Range(0u, 1u << 20))
-        ->needs(Class);
-    Verb->callback([&Chosen, Given, Classes, Ask] {
-        Chosen = [Given, Classes, Ask](Session &) {
-            int Code = 0;
-            for (const std::string &Path : Given->Paths) {
-                Code |= Guarded([&] {
-                    RemoteFile File(RemotePath(Path), ForAttributes());
-                    if (Given->Class) {
-                        Code |= ShowRaw(File, (File.*Ask)(*Given->Class, Given->Length));
-                    } else {
-                        ShowClasses(File, Classes, Ask);
-                    }
-                });
-            }
-            return Code;
-        };
-    });
+    const auto Given = std::make_shared<Words>();
+    return {.Name = Name,
+            .Group = "information",
+            .Summary = What,
+            .Parameters =
+                {Parameter{"PATH", "files and directories", &Given->Paths}.Needed(),
+                 Parameter{"--class", "ask one class, by its number, and show what came", &Given->Class}.As("NUMBER"),
+                 Parameter{"--length", "buffer length for --class; 1024 when left out", &Given->Length}.As("BYTES")},
+            .Run = [Given, Classes, Ask](Session &) {
+                constexpr uint32_t Longest = 1 << 20;
+                if (Given->Length && (!Given->Class || *Given->Length > Longest)) {
+                    throw UsageError(fmt::format("--length: at most {}, and with --class only", Longest));
+                }
+                int Code = 0;
+                for (const std::string &Path : Given->Paths) {
+                    Code |= Guarded([&] {
+                        RemoteFile File(RemotePath(Path), ForAttributes());
+                        if (Given->Class) {
+                            Code |= ShowRaw(File, (File.*Ask)(*Given->Class, Given->Length.value_or(1024)));
+                        } else {
+                            ShowClasses(File, Classes, Ask);
+                        }
+                    });
+                }
+                return Code;
+            }};
 }
 
-void AddSpaceVerb(CLI::App &App, Command &Chosen) {
-    auto *Verb = App.add_subcommand("df", "space of the volumes behind paths (all exports without a path)");
-    auto Paths = std::make_shared<std::vector<std::string>>();
-    Verb->add_option("PATH", *Paths);
-    Verb->callback([&Chosen, Paths] {
-        Chosen = [Paths](Session &Running) {
-            std::vector<std::string> Volumes = *Paths;
-            if (Volumes.empty()) {
-                for (const Export &One : Running.Exports()) {
-                    Volumes.push_back(One.Name);
+Verb SpaceVerb() {
+    const auto Paths = std::make_shared<std::vector<std::string>>();
+    const auto Human = std::make_shared<bool>(false);
+    return {.Name = "df",
+            .Group = "information",
+            .Summary = "space of the volumes behind paths (all exports without a path)",
+            .Parameters = {Parameter{"PATH", "files and directories", Paths.get()}.As("[PATH...]"),
+                           {"-h,--human", "sizes for people", Human.get()}},
+            .Run = [Paths, Human](Session &Running) {
+                std::vector<std::string> Volumes = *Paths;
+                if (Volumes.empty()) {
+                    for (const Export &One : Running.Exports()) {
+                        Volumes.push_back(One.Name);
+                    }
                 }
-            }
-            fmt::print("{:<32} {:>16} {:>16} {:>16}\n", "volume", "bytes", "used", "available");
-            int Code = 0;
-            for (const std::string &Path : Volumes) {
-                Code |= Guarded([&] { ShowSpace(Path); });
-            }
-            return Code;
-        };
-    });
+                if (!WantsJson()) {
+                    fmt::print("{:<32} {:>16} {:>16} {:>16}\n", "volume", *Human ? "size" : "bytes", "used",
+                               "available");
+                }
+                int Code = 0;
+                for (const std::string &Path : Volumes) {
+                    Code |= Guarded([&] { ShowSpace(Path, *Human); });
+                }
+                return Code;
+            }};
 }
 
 } // namespace
 
-void AddInfoVerbs(CLI::App &App, Command &Chosen) {
-    AddClassVerb(App, Chosen, "stat", "every class of file information, decoded", FileClasses, &RemoteFile::Ask);
-    AddSpaceVerb(App, Chosen);
-    AddClassVerb(App, Chosen, "vol", "every class of volume information, decoded", VolumeClasses,
-                 &RemoteFile::AskVolume);
+void AddInfoVerbs(VerbList &List) {
+    List.push_back(ClassVerb("stat", "every class of file information, decoded", FileClasses, &RemoteFile::Ask));
+    List.push_back(SpaceVerb());
+    List.push_back(
+        ClassVerb("vol", "every class of volume information, decoded", VolumeClasses, &RemoteFile::AskVolume));
 }
 
 } // namespace app

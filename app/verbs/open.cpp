@@ -1,9 +1,11 @@
 // open, claim: one create with every parameter, one prefix claim.
 
 #include <map>
+#include <sstream>
 
 #include <fmt/format.h>
 
+#include "app/output.h"
 #include "app/remote_file.h"
 #include "app/text.h"
 #include "app/verbs/verbs.h"
@@ -59,7 +61,8 @@ std::string Known(const NameTable &Table) {
 // A comma-separated list of names and numbers, OR-ed.
 ULONG ParseFlags(const std::string &Text, const NameTable &Table, const char *What) {
     ULONG Value = 0;
-    for (const std::string &Part : CLI::detail::split(Text, ',')) {
+    std::istringstream Parts(Text);
+    for (std::string Part; std::getline(Parts, Part, ',');) {
         const auto Found = Table.find(Part);
         if (Found != Table.end()) {
             Value |= Found->second;
@@ -116,19 +119,29 @@ OpenRequest RequestOf(const OpenOptions &Text) {
                                         {'s', FILE_ATTRIBUTE_SYSTEM},
                                         {'a', FILE_ATTRIBUTE_ARCHIVE}},
                                        "--attributes"),
-            .AllocationSize = static_cast<LONG64>(ParseNumber(Text.AllocationSize, INT64_MAX))};
+            .AllocationSize = static_cast<LONG64>(ParseSize(Text.AllocationSize, INT64_MAX))};
 }
 
 int OpenOnce(const OpenOptions &Text) {
     const std::u16string Path = RemotePath(Text.Path);
     const embedded::CreateResult Result = OpenRemote(Path, RequestOf(Text));
+    if (WantsJson()) {
+        PrintRecord({{"path", ShowPath(Path)},
+                     {"status", StatusName(Result.Status)},
+                     {"information", Result.Asked ? InformationName(Result.Information) : ""}});
+    }
     if (!NT_SUCCESS(Result.Status)) {
         Complain(fmt::format("{}: {}", ShowStatus(Result.Status), ShowPath(Path)));
+        if (WantsJson()) {
+            return 1;
+        }
         fmt::print("Information {}\n",
                    Result.Asked ? InformationName(Result.Information) : "none: the driver was not asked");
         return 1;
     }
-    fmt::print("{}\nInformation {}\n", ShowStatus(Result.Status), InformationName(Result.Information));
+    if (!WantsJson()) {
+        fmt::print("{}\nInformation {}\n", ShowStatus(Result.Status), InformationName(Result.Information));
+    }
     const NTSTATUS Closed = embedded::CloseHandleTelling(Result.Handle);
     if (!NT_SUCCESS(Closed)) {
         throw StatusError(Closed, ShowPath(Path));
@@ -150,6 +163,12 @@ int ClaimOnce(const std::string &Text) {
         throw StatusError(Claim.Status, ShowPath(Path));
     }
     const size_t Units = std::min<size_t>(Claim.BytesClaimed / sizeof(WCHAR), Path.size());
+    if (WantsJson()) {
+        PrintRecord({{"path", ShowPath(Path)},
+                     {"claimed", ShowPath(Path.substr(0, Units))},
+                     {"bytes", static_cast<uint64_t>(Claim.BytesClaimed)}});
+        return 0;
+    }
     fmt::print("{}\nclaimed {} ({} bytes)\n", ShowStatus(Claim.Status), ShowPath(Path.substr(0, Units)),
                Claim.BytesClaimed);
     return 0;
@@ -157,27 +176,29 @@ int ClaimOnce(const std::string &Text) {
 
 } // namespace
 
-void AddOpenVerbs(CLI::App &App, Command &Chosen) {
-    auto *OpenVerb = App.add_subcommand("open", "open or create with every parameter, print status and Information");
-    auto Text = std::make_shared<OpenOptions>();
-    OpenVerb->add_option("PATH", Text->Path)->required();
-    OpenVerb->add_option("--access", Text->Access, "names or numbers: " + Known(AccessNames))->capture_default_str();
-    OpenVerb->add_option("--share", Text->Share, "of r, w, d; - for none")->capture_default_str();
-    OpenVerb->add_option("--disposition", Text->Disposition, Known(DispositionNames))->capture_default_str();
-    OpenVerb->add_option("--options", Text->Options, "names or numbers: " + Known(OptionNames))->capture_default_str();
-    OpenVerb->add_option("--attributes", Text->Attributes, "of r, h, s, a");
-    OpenVerb->add_option("--allocation-size", Text->AllocationSize, "bytes")->capture_default_str();
-    OpenVerb->callback([&Chosen, Text] {
-        Chosen = [Text](Session &) {
-            int Code = 0;
-            return Guarded([&] { Code = OpenOnce(*Text); }) | Code;
-        };
-    });
-
-    auto *ClaimVerb = App.add_subcommand("claim", "ask for the prefix of a path that the driver claims");
-    auto Path = std::make_shared<std::string>();
-    ClaimVerb->add_option("PATH", *Path)->required();
-    ClaimVerb->callback([&Chosen, Path] { Chosen = [Path](Session &) { return Guarded([&] { ClaimOnce(*Path); }); }; });
+void AddOpenVerbs(VerbList &List) {
+    const auto Text = std::make_shared<OpenOptions>();
+    List.push_back(
+        {.Name = "open",
+         .Group = "requests",
+         .Summary = "open or create with every parameter, print status and Information",
+         .Parameters = {Parameter{"PATH", "what to open", &Text->Path}.Needed(),
+                        {"--access", "names or numbers: " + Known(AccessNames), &Text->Access},
+                        {"--share", "of r, w, d; - for none", &Text->Share},
+                        {"--disposition", Known(DispositionNames), &Text->Disposition},
+                        {"--options", "names or numbers: " + Known(OptionNames), &Text->Options},
+                        {"--attributes", "of r, h, s, a", &Text->Attributes},
+                        Parameter{"--allocation-size", "bytes, or 64K, 1M, 2G", &Text->AllocationSize}.As("BYTES")},
+         .Run = [Text](Session &) {
+             int Code = 0;
+             return Guarded([&] { Code = OpenOnce(*Text); }) | Code;
+         }});
+    const auto Path = std::make_shared<std::string>();
+    List.push_back({.Name = "claim",
+                    .Group = "requests",
+                    .Summary = "ask for the prefix of a path that the driver claims",
+                    .Parameters = {Parameter{"PATH", "the path", Path.get()}.Needed()},
+                    .Run = [Path](Session &) { return Guarded([&] { ClaimOnce(*Path); }); }});
 }
 
 } // namespace app

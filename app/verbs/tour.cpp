@@ -77,33 +77,16 @@ int RunTour(Session &Running) {
     return RunTourOf(Widen(Running.Exports().front().Name).substr(1) + u"\\docs\\a.txt", Running);
 }
 
-void AddTourVerb(CLI::App &App, Command &Chosen) {
-    auto *Verb = App.add_subcommand("tour", "walk the road of one request and show every step");
-    auto Path = std::make_shared<std::string>();
-    Verb->add_option("PATH", *Path, "the file to read; docs\\a.txt of the first export when it is left out");
-    Verb->callback([&Chosen, Path] {
-        Chosen = [Path](Session &Running) {
-            return Path->empty() ? RunTour(Running) : RunTourOf(RemotePath(*Path), Running);
-        };
-    });
-}
-
-void AddVerbs(CLI::App &App, Command &Chosen) {
-    AddDataVerbs(App, Chosen);
-    AddOpenVerbs(App, Chosen);
-    AddInfoVerbs(App, Chosen);
-    AddChangeVerbs(App, Chosen);
-    AddDirectoryVerbs(App, Chosen);
-    AddTourVerb(App, Chosen);
-}
-
-const CLI::App *FindVerb(const CLI::App &App, const std::string &Name) {
-    for (const CLI::App *Verb : App.get_subcommands({})) {
-        if (Verb->get_name() == Name) {
-            return Verb;
-        }
-    }
-    return nullptr;
+void AddTourVerb(VerbList &List) {
+    const auto Path = std::make_shared<std::string>();
+    List.push_back(
+        {.Name = "tour",
+         .Group = "requests",
+         .Summary = "walk the road of one request and show every step",
+         .Parameters = {{"PATH", "the file to read; docs\\a.txt of the first export when it is left out", Path.get()}},
+         .Run = [Path](Session &Running) {
+             return Path->empty() ? RunTour(Running) : RunTourOf(RemotePath(*Path), Running);
+         }});
 }
 
 } // namespace app

@@ -1,41 +1,34 @@
-// The verbs: each adds a subcommand and, when it was chosen, leaves in Chosen what to run over a session.
-//
-// A verb prints data on standard output and messages on standard error, and returns the exit code. StatusError,
-// UsageError and Interrupted may leave it.
+// Every verb of the program. A verb prints data on standard output and messages on standard error.
 #pragma once
 
-#include <functional>
-#include <string>
+#include <vector>
 
-#include <CLI/CLI.hpp>
-
-#include "app/session.h"
+#include "app/verbs/verb.h"
 
 namespace app {
 
-using Command = std::function<int(Session &)>;
+using VerbList = std::vector<Verb>;
 
-void AddDataVerbs(CLI::App &App, Command &Chosen);      // cat, put, cp
-void AddOpenVerbs(CLI::App &App, Command &Chosen);      // open, claim
-void AddInfoVerbs(CLI::App &App, Command &Chosen);      // stat, df, vol
-void AddChangeVerbs(CLI::App &App, Command &Chosen);    // attrib, touch, truncate, rm, rmdir, mv
-void AddDirectoryVerbs(CLI::App &App, Command &Chosen); // ls, find, watch
-void AddTourVerb(CLI::App &App, Command &Chosen);       // tour
+void AddFileVerbs(VerbList &List);    // cat, put, get, cp
+void AddChangeVerbs(VerbList &List);  // attrib, touch, truncate, mkdir, rm, rmdir, mv
+void AddListingVerbs(VerbList &List); // ls, find, tree, du
+void AddWatchVerb(VerbList &List);    // watch
+void AddInfoVerbs(VerbList &List);    // stat, df, vol
+void AddOpenVerbs(VerbList &List);    // open, claim
+void AddTourVerb(VerbList &List);     // tour
 
-// All of them.
-void AddVerbs(CLI::App &App, Command &Chosen);
+// All of them, and console; each call gives them places of their own for what they are told.
+VerbList Verbs();
 // The verb of that name, or null.
-const CLI::App *FindVerb(const CLI::App &App, const std::string &Name);
-
-// Runs Action for one object: 0, or 1 after an error, which is told on standard error. UsageError and Interrupted pass.
-int Guarded(const std::function<void()> &Action);
+const Verb *FindVerb(const VerbList &List, const std::string &Name);
 
 // Between the two, the waits of watch go on beside other verbs; the second ends them.
 void BeginConsoleWaits();
 void EndConsoleWaits();
 
-// The console: verbs over one running driver until quit or end of input.
-int RunConsole(Session &Running);
+// The console: verbs over one running driver until quit or end of input. The exit code of its last failure when it
+// reads commands from a pipe or a file.
+int RunConsole(Session &Running, bool EndAtFailure);
 
 // Walks the road of one request and prints it: docs\a.txt of the first export.
 int RunTour(Session &Running);

@@ -29,11 +29,15 @@ TEST(ProgramConsole, ASessionOnATerminal) {
     EXPECT_THAT(Screen.Expect(Prompt), HasSubstr(SecondFile));
     Screen.Type("cat \\\\demo\\files\\d\tb\t\n");
     EXPECT_THAT(Screen.Expect(Prompt), HasSubstr(SecondFile));
+    Screen.Type("cat \\\\demo\\files\\docs\\old\\\t\n");
+    EXPECT_THAT(Screen.Expect(Prompt), HasSubstr("Names with blanks"));
+    Screen.Type("cat '\\\\demo\\files\\docs\\old\\Gr\t\n");
+    EXPECT_THAT(Screen.Expect(Prompt), HasSubstr("Names with blanks"));
     Screen.Type("open \\\\demo\\files\\x --dis\tcreate --acc\t0\n");
     EXPECT_THAT(Screen.Expect(Prompt), HasSubstr("STATUS_INVALID_PARAMETER (0xC000000D)"));
     // The arrow brings the line before the last.
     Screen.Type("\x1b[A\x1b[A\n");
-    EXPECT_THAT(Screen.Expect(Prompt), HasSubstr(SecondFile));
+    EXPECT_THAT(Screen.Expect(Prompt), HasSubstr("Names with blanks"));
     Screen.Type("nonsense\n");
     EXPECT_THAT(Screen.Expect(Prompt), HasSubstr("\nnonsense: no such verb; help lists them"));
     // Ctrl-D on an empty line ends. It must not come before the line editor has the terminal, which a completion shows.
@@ -49,7 +53,7 @@ TEST(ProgramConsole, ShowsSwitchesRequestsAndTraces) {
                                          "requests on\n"
                                          "cat \\\\demo\\files\\docs\\b.txt\n"
                                          "requests off\n"
-                                         "trace 0x1000 on\n"
+                                         "trace control on\n"
                                          "claim \\\\demo\\files\n"
                                          "trace 0x1000 off\n"
                                          "cat \"\\\\demo\\files\\docs\\old\\Größe und Maß.txt\"\n"
@@ -61,7 +65,7 @@ TEST(ProgramConsole, ShowsSwitchesRequestsAndTraces) {
     EXPECT_THAT(Session.Out, HasSubstr("    RVFsdCloseVolume(handle="));
     EXPECT_THAT(Session.Error, HasSubstr("NtFsdCommonDeviceControl() returning 0x0\n"));
     // After "off" there is nothing but the file.
-    const std::string Last = "categories traced: 0x0\n"
+    const std::string Last = "categories traced: none (0x0)\n"
                              "Names with blanks and letters outside ASCII are names like any other.\n";
     EXPECT_TRUE(Session.Out.ends_with(Last)) << Session.Out;
     EXPECT_THAT(Session.Error, Not(HasSubstr("NtFsdCreate")));
@@ -78,13 +82,35 @@ TEST(ProgramConsole, GoesOnAfterMistakes) {
                                                       "set EnableDebug=1\n"
                                                       "\xff\xfe\n"
                                                       "cat \\\\demo\\files\\docs\\b.txt\n");
-    EXPECT_EQ(Session.Code, 0);
+    EXPECT_EQ(Session.Code, 2) << "of the last failure";
     for (const char *Message : {"PATH is required", "a quotation mark is not closed",
-                                "STATUS_OBJECT_NAME_NOT_FOUND (0xC0000034): ", "x: not a number",
+                                "STATUS_OBJECT_NAME_NOT_FOUND (0xC0000034): ", "x: no category of messages",
                                 "requests on, or requests off", "set shows the switches"}) {
         EXPECT_THAT(Session.Error, HasSubstr(Message));
     }
-    EXPECT_THAT(Session.Out, HasSubstr(SecondFile));
+    EXPECT_EQ(Session.Out, SecondFile + std::string("\n")) << "and no banner";
+    const Ran Stopped = test::RunProgram({"console", "-e"}, "cat \\\\demo\\files\\nope\nls\n");
+    EXPECT_EQ(Stopped.Code, 1);
+    EXPECT_EQ(Stopped.Out, "");
+}
+
+TEST(ProgramConsole, HasDirectoriesOfItsOwn) {
+    const test::ScratchDirectory Local;
+    Local.Write("mine", "mine");
+    const Ran Session = test::RunProgram({"console"}, "lcd " + Local.Path().string() +
+                                                          "\n"
+                                                          "cd //demo/files/docs/ # where the texts are\n"
+                                                          "cat b.txt\n"
+                                                          "cd ..\\..\\..\npwd\n"
+                                                          "put mine\n"
+                                                          "cp .\\mine copy\n"
+                                                          "cd nope\n"
+                                                          "? rmdir\n"
+                                                          "rm mine\n");
+    EXPECT_EQ(Session.Code, 1);
+    EXPECT_EQ(Session.Error, "STATUS_OBJECT_NAME_NOT_FOUND (0xC0000034): \\\\demo\\files\\nope\n");
+    EXPECT_THAT(Session.Out, HasSubstr(SecondFile + std::string("\n\\\\demo\\files\nrmdir PATH...\n")));
+    EXPECT_EQ(Local.Read("copy"), "mine");
 }
 
 } // namespace

@@ -61,21 +61,24 @@ TEST_F(ProgramCopy, GoesInOutAndAcross) {
     EXPECT_EQ(Served.Read("dir/big"), Bytes) << "a directory takes it in";
     Succeeds({"cp", R"(\\srv\vol\across)", Local.Path().string()});
     EXPECT_EQ(Local.Read("across"), Bytes);
-    Succeeds({"put", R"(\\srv\vol\put)", Local.File("big")});
+    Succeeds({"put", Local.File("big"), R"(\\srv\vol\put)"});
     EXPECT_EQ(Served.Read("put"), Bytes);
-    Succeeds({"put", R"(\\srv\vol\stdin)"}, "of standard input");
+    Succeeds({"put", "-", R"(\\srv\vol\stdin)"}, "of standard input");
     EXPECT_EQ(Served.Read("stdin"), "of standard input");
-    Succeeds({"put", R"(\\srv\vol\empty)"});
+    Succeeds({"put", "-", R"(\\srv\vol\empty)"});
     EXPECT_TRUE(Served.Has("empty"));
+    Succeeds({"get", R"(\\srv\vol\p*)", Local.Path().string()});
+    EXPECT_EQ(Local.Read("put"), Bytes);
     EXPECT_EQ(Run({"cat", R"(\\srv\vol\across)"}).Out, Bytes);
 }
 
 TEST_F(ProgramCopy, OverwritesOnlyWithForce) {
     Local.Write("there", "old");
     Fails({"cp", Local.File("big"), R"(\\srv\vol\THERE)"}, "STATUS_OBJECT_NAME_COLLISION (0xC0000035): ");
-    Fails({"put", R"(\\srv\vol\there)", Local.File("big")}, "STATUS_OBJECT_NAME_COLLISION (0xC0000035): ");
+    Fails({"put", Local.File("big"), R"(\\srv\vol\there)"}, "STATUS_OBJECT_NAME_COLLISION (0xC0000035): ");
     Served.Write("small", "new");
-    Fails({"cp", R"(\\srv\vol\small)", Local.File("there")}, Local.File("there") + ": File exists\n");
+    Fails({"cp", R"(\\srv\vol\small)", Local.File("there")},
+          Local.File("there") + ": File exists; --force replaces it\n");
     EXPECT_EQ(Served.Read("there"), "old");
     EXPECT_EQ(Local.Read("there"), "old");
 
@@ -84,6 +87,17 @@ TEST_F(ProgramCopy, OverwritesOnlyWithForce) {
     Local.Write("there", Bytes);
     Succeeds({"cp", "--force", R"(\\srv\vol\small)", Local.File("there")});
     EXPECT_EQ(Local.Read("there"), "new") << "what was longer is cut";
+
+    // What replaces a file has its attributes, and is another file unless it is written in place.
+    Succeeds({"attrib", "+h", R"(\\srv\vol\there)"});
+    std::filesystem::create_hard_link(Served.File("there"), Served.File("link"));
+    Succeeds({"put", "--inplace", "-f", Local.File("big"), R"(\\srv\vol\there)"});
+    EXPECT_EQ(Served.Read("link"), Bytes);
+    Succeeds({"put", "-f", "-", R"(\\srv\vol\there)"}, "newer");
+    EXPECT_EQ(Served.Read("there"), "newer");
+    EXPECT_EQ(Served.Read("link"), Bytes);
+    EXPECT_THAT(Run({"ls", "-l", R"(\\srv\vol\there)"}).Out, StartsWith("--h--"));
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(Served.Path()), {}), 3) << "no part is left";
 }
 
 TEST_F(ProgramCopy, NeverEmptiesAFileByCopyingItOntoItself) {
@@ -109,10 +123,11 @@ TEST_F(ProgramCopy, RemovesAPartThatItMadeAndNothingElse) {
     const Ran Over = test::RunProgram({"--export", Export, "--quota", "\\\\srv\\vol=1500000", "cp", "--force",
                                        Local.File("big"), R"(\\srv\vol\there)"});
     EXPECT_EQ(Over.Code, 1);
-    EXPECT_TRUE(Served.Has("there")) << "it was there before";
+    EXPECT_EQ(Served.Read("there"), "old") << "it was there before, and is whole";
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(Served.Path()), {}), 1);
 
     // A source that opens and cannot be read.
-    Fails({"put", R"(\\srv\vol\part)", Local.Path().string()}, Local.Path().string() + ": Is a directory\n");
+    Fails({"put", Local.Path().string(), R"(\\srv\vol\part)"}, Local.Path().string() + ": a directory; -r copies");
     EXPECT_FALSE(Served.Has("part"));
     Fails({"cp", R"(\\srv\vol\nope)", Local.File("out")}, "STATUS_OBJECT_NAME_NOT_FOUND (0xC0000034): ");
     EXPECT_FALSE(Local.Has("out"));
@@ -122,19 +137,42 @@ TEST_F(ProgramCopy, RemovesAPartThatItMadeAndNothingElse) {
 }
 
 TEST_F(ProgramCopy, CtrlCEndsItCleanly) {
-    const Ran Broken = test::RunProgramWith(Line({"put", R"(\\srv\vol\part)"}), [this](pid_t Child, int Input) {
-        // Once the program has taken most of it, its target is open.
-        for (size_t At = 0; At < Bytes.size();) {
-            const ssize_t Put = write(Input, Bytes.data() + At, Bytes.size() - At);
-            ASSERT_GT(Put, 0);
-            At += static_cast<size_t>(Put);
-        }
-        ASSERT_TRUE(Served.Has("part"));
-        kill(Child, SIGINT);
-    });
+    const Ran Broken =
+        test::RunProgramWith(Line({"put", "-f", "-", R"(\\srv\vol\there)"}), [this](pid_t Child, int Input) {
+            // Once the program has taken most of it, its target is open.
+            for (size_t At = 0; At < Bytes.size();) {
+                const ssize_t Put = write(Input, Bytes.data() + At, Bytes.size() - At);
+                ASSERT_GT(Put, 0);
+                At += static_cast<size_t>(Put);
+            }
+            kill(Child, SIGINT);
+        });
     EXPECT_EQ(Broken.Code, 130);
     EXPECT_EQ(Broken.Error, "interrupted\n") << "or something was left behind in the driver";
-    EXPECT_FALSE(Served.Has("part"));
+    EXPECT_EQ(Served.Read("there"), "old");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(Served.Path()), {}), 1);
+}
+
+TEST_F(ProgramCopy, DirectoriesGoWithAllBelow) {
+    std::filesystem::create_directories(Local.Path() / "tree" / "sub" / "empty");
+    Local.Write("tree/a", "a");
+    Local.Write("tree/sub/b", "b");
+    Fails({"cp", Local.File("tree"), R"(\\srv\vol)"}, Local.File("tree") + ": a directory; -r copies directories\n");
+    Succeeds({"cp", "-r", Local.File("tree"), Local.File("big"), R"(\\srv\vol\)"});
+    EXPECT_EQ(Served.Read("tree/sub/b") + Served.Read("big"), "b" + Bytes);
+    Succeeds({"cp", "-r", R"(\\srv\vol\tree)", R"(\\srv\vol\twin)"});
+    EXPECT_TRUE(Served.Has("twin/sub/empty"));
+    Succeeds({"get", "-r", R"(\\srv\vol\twin\)", Local.File("back")});
+    EXPECT_EQ(Local.Read("back/a") + Local.Read("back/sub/b"), "ab");
+    for (const std::string &Inside : {std::string(R"(\\srv\vol\twin\sub)"), Served.File("twin/sub/new")}) {
+        const Ran Refused = Run({"cp", "-r", R"(\\SRV\vol\TWIN)", Inside});
+        EXPECT_EQ(Refused.Code, 1);
+        EXPECT_TRUE(Refused.Error.ends_with(": a directory is not copied into itself\n")) << Refused.Error;
+    }
+    // One that fails does not keep the others.
+    const Ran Some = Run({"cp", "-r", R"(\\srv\vol\tree)", R"(\\srv\vol\nope)", Local.Path().string()});
+    EXPECT_EQ(Some.Code, 1);
+    EXPECT_THAT(Some.Error, testing::HasSubstr("STATUS_OBJECT_NAME_NOT_FOUND (0xC0000034): \\\\srv\\vol\\nope\n"));
 }
 
 } // namespace

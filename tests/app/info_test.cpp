@@ -161,6 +161,10 @@ TEST_F(Information, WhatIsNoChangeIsBadUsage) {
         ExpectRefused({"attrib", Text, R"(\\s\v\f)"}, 2, std::string(Text) + ": a change reads like +r-ha");
     }
     ExpectRefused({"touch", "--time", "2001-02-03 04:05:06x", R"(\\s\v\f)"}, 2, "2001-02-03 04:05:06x: x does not");
+    for (const char *NoDay : {"2026-02-31", "2026-02-31 10:00:00", "2025-02-29"}) {
+        ExpectRefused({"touch", "--time", NoDay, R"(\\s\v\f)"}, 2, std::string(NoDay) + ": there is no such day\n");
+    }
+    ExpectRefused({"truncate", R"(\\s\v\f)", "1Q"}, 2, "1Q: not a number\n");
     ExpectRefused({"touch", "--time", "-2", R"(\\s\v\f)"}, 2, "-2: not a number\n");
     ExpectRefused({"truncate", R"(\\s\v\f)", "-1"}, 2, "-1: not a number\n");
 }
@@ -169,23 +173,67 @@ TEST_F(Information, RefusedChangesLeaveEverythingAsItWas) {
     Served.Write("g", "other");
     ExpectRefused({"truncate", R"(\\s\v\f)", "9223372036854775807"}, 1, "STATUS_DISK_FULL (0xC000007F): \\\\s\\v\\f\n");
     ExpectRefused({"truncate", R"(\\s\v\d)", "1"}, 1, "STATUS_FILE_IS_A_DIRECTORY (0xC00000BA): \\\\s\\v\\d\n");
-    ExpectRefused({"mv", R"(\\s\v\f)", R"(\\s\v\g)"}, 1, "STATUS_OBJECT_NAME_COLLISION (0xC0000035): \\\\s\\v\\f\n");
+    ExpectRefused({"mv", R"(\\s\v\f)", R"(\\s\v\g)"}, 1,
+                  "STATUS_OBJECT_NAME_COLLISION (0xC0000035): \\\\s\\v\\g; --rep");
+    ExpectRefused({"mv", R"(\\s\v\f)", R"(\\s\v\no\g)"}, 1,
+                  "STATUS_OBJECT_PATH_NOT_FOUND (0xC000003A): \\\\s\\v\\no\\g");
+    ExpectRefused({"mv", R"(\\s\v\no)", R"(\\s\v\x)"}, 1, "STATUS_OBJECT_NAME_NOT_FOUND (0xC0000034): \\\\s\\v\\no");
+    ExpectRefused({"rm", R"(\\s\v\d)"}, 1, "STATUS_FILE_IS_A_DIRECTORY (0xC00000BA): \\\\s\\v\\d; -r deletes");
     ExpectRefused({"mv", R"(\\s\v\d)", R"(\\s\v\g)", "--replace"}, 1, "STATUS_OBJECT_NAME_COLLISION (0xC0000035)");
-    ExpectRefused({"mv", R"(\\s\v\f)", R"(\\s\v\d)", "--replace"}, 1, "STATUS_FILE_IS_A_DIRECTORY (0xC00000BA)");
     ExpectRefused({"mv", R"(\\s\v\d)", R"(\\s\v\d\e\x)"}, 1, "STATUS_ACCESS_DENIED (0xC0000022)");
     ExpectRefused({"rmdir", R"(\\s\v\d)"}, 1, "STATUS_DIRECTORY_NOT_EMPTY (0xC0000101): \\\\s\\v\\d\n");
     EXPECT_EQ(Served.Read("f"), "content");
     EXPECT_EQ(Served.Read("g"), "other");
-    const test::ScratchDirectory Elsewhere;
-    ExpectRefused({"--export", R"(\\s\w=)" + Elsewhere.Path().string(), "mv", R"(\\s\v\f)", R"(\\s\w\f)", "--replace"},
-                  1, "STATUS_NOT_SAME_DEVICE (0xC00000D4): \\\\s\\v\\f\n");
-    EXPECT_EQ(Served.Read("f"), "content");
     EXPECT_EQ(Out({"mv", R"(\\s\v\f)", R"(\\s\v\g)", "--replace"}), "");
     EXPECT_EQ(Served.Read("g"), "content");
     EXPECT_EQ(Out({"truncate", R"(\\s\v\g)", "3"}), "");
     EXPECT_EQ(Served.Read("g"), "con");
     EXPECT_EQ(Out({"rmdir", R"(\\s\v\d\e)", R"(\\s\v\d)"}), "");
     EXPECT_FALSE(Served.Has("d"));
+}
+
+TEST_F(Information, SeveralFilesGoIntoADirectoryAndFromVolumeToVolume) {
+    const test::ScratchDirectory Elsewhere;
+    const auto With = [&](std::vector<std::string> Words) {
+        Words.insert(Words.begin(), {"--export", R"(\\s\w=)" + Elsewhere.Path().string()});
+        return Run(Words);
+    };
+    Served.Write("g.txt", "g");
+    Served.Write("h.txt", "h");
+    std::filesystem::create_directories(Served.Path() / "m" / "e");
+    EXPECT_EQ(Out({"mv", R"(\\s\v\*.txt)", R"(\\s\v\f)", R"(\\s\v\m\)"}), "");
+    EXPECT_EQ(Served.Read("m/g.txt") + Served.Read("m/h.txt") + Served.Read("m/f"), "ghcontent");
+    EXPECT_EQ(Out({"mv", R"(\\s\v\m)", R"(\\s\v\M)"}), "") << "a change of case is no move into itself";
+    EXPECT_EQ(Out({"touch", "--time", "2001-02-03", R"(\\s\v\M\f)"}), "");
+    EXPECT_EQ(With({"mv", R"(\\s\v\M)", R"(\\s\w)"}).Error, "");
+    EXPECT_EQ(Elsewhere.Read("M/f"), "content");
+    EXPECT_TRUE(Elsewhere.Has("M/e"));
+    EXPECT_FALSE(Served.Has("M"));
+    EXPECT_THAT(With({"ls", "-l", R"(\\s\w\M\f)"}).Out, HasSubstr("2001-02-03 00:00:00"));
+    Served.Write("f", "new");
+    const Ran Kept = With({"mv", R"(\\s\v\f)", R"(\\s\w\M)"});
+    EXPECT_EQ(Kept.Error, "STATUS_OBJECT_NAME_COLLISION (0xC0000035): \\\\s\\w\\M\\f; --replace replaces a file\n");
+    EXPECT_EQ(Served.Read("f") + Elsewhere.Read("M/f"), "newcontent");
+    EXPECT_EQ(With({"mv", "-f", R"(\\s\v\f)", R"(\\s\w\M)"}).Code, 0);
+    EXPECT_EQ(Elsewhere.Read("M/f"), "new");
+}
+
+TEST_F(Information, WholeTreesAreMadeAndDeleted) {
+    EXPECT_EQ(Out({"mkdir", "-p", R"(\\s\v\d\x\y\)", R"(\\s\v\d\x)"}), "");
+    EXPECT_TRUE(Served.Has("d/x/y"));
+    ExpectRefused({"mkdir", "-p", R"(\\s\v\f\x)"}, 1, "STATUS_OBJECT_NAME_COLLISION (0xC0000035): \\\\s\\v\\f");
+    EXPECT_EQ(Out({"attrib", "+r", R"(\\s\v\f)"}), "");
+    EXPECT_EQ(Out({"rm", "-rf", R"(\\s\v\d\x)", R"(\\s\v\f)"}), "");
+    EXPECT_FALSE(Served.Has("f") || Served.Has("d/x"));
+    // What a link leads to is not of the tree.
+    std::filesystem::create_directory(Served.Path() / "kept");
+    Served.Write("kept/file", "kept");
+    std::filesystem::create_directory_symlink("../kept", Served.Path() / "d" / "link");
+    ExpectRefused({"rm", "-rf", R"(\\s\v\d)"}, 1, "\\\\s\\v\\d\\link: a link to a directory, which is neither");
+    EXPECT_EQ(Served.Read("kept/file"), "kept");
+    EXPECT_FALSE(Served.Has("d/e"));
+    EXPECT_EQ(Out({"rm", "-f", R"(\\s\v\nope)", R"(\\s\v\no\where)", R"(\\s\v\*.no)"}), "");
+    ExpectRefused({"rm", R"(\\s\v\nope)"}, 1, "STATUS_OBJECT_NAME_NOT_FOUND (0xC0000034): \\\\s\\v\\nope");
 }
 
 TEST_F(Information, AQuotaReallyCounts) {

@@ -70,6 +70,21 @@ TEST_F(ProgramListing, TheLastComponentIsAMaskOrTheNameOfAFile) {
     }
 }
 
+TEST_F(ProgramListing, TreesAndSizesAreDrawnForPeopleAndForScripts) {
+    Local.Write("d/sub/below.txt", std::string(3000, 'x'));
+    EXPECT_EQ(Out({"tree", R"(\\srv\vol\d\)"}), "\\\\srv\\vol\\d\n"
+                                                "├── a rather long name.html\n├── a.txt\n├── abc\n├── B.TXT\n"
+                                                "└── sub\n    └── below.txt\n\n1 directories, 5 files\n");
+    EXPECT_EQ(Out({"du", "-h", R"(\\srv\vol)"}),
+              "  2.9K  \\\\srv\\vol\\d\\sub\n  2.9K  \\\\srv\\vol\\d\n  2.9K  \\\\srv\\vol\n");
+    EXPECT_EQ(Out({"du", "-s", "--json", R"(\\srv\vol\d)"}), "{\"path\":\"\\\\\\\\srv\\\\vol\\\\d\",\"bytes\":3004}\n");
+    EXPECT_THAT(
+        Out({"ls", R"(\\srv\vol\d\sub\below.txt)", "--json"}),
+        ContainsRegex("^\\{\"path\":\"[^\"]*below.txt\",\"name\":\"below.txt\",\"short_name\":\"[^\"]*\",\"directory\":"
+                      "false,\"size\":3000,\"written\":\"20[-0-9]*T[0-9:.]*Z\",\"attributes\":\"-----\"\\}\n$"));
+    EXPECT_EQ(Out({"ls"}), "\\\\srv\\vol\n");
+}
+
 TEST_F(ProgramListing, LinksThatLeadBackAreListedAndNotEntered) {
     const std::filesystem::path Loop = Local.Path() / "loop";
     std::filesystem::create_directory(Loop);
@@ -131,7 +146,7 @@ TEST_F(ProgramListing, AWaitInTheConsoleIsEndedByOtherVerbsAndByTheConsole) {
     }
     const Ran Off = test::RunProgram(Line({"watch", R"(\\srv\vol\d)"}));
     EXPECT_EQ(Off.Code, 1);
-    EXPECT_THAT(Off.Error, HasSubstr("STATUS_NOT_IMPLEMENTED"));
+    EXPECT_THAT(Off.Error, HasSubstr("d; --set EnableDirectoryNotify=1 turns notification on"));
 
     test::Terminal Screen(Line({"--set", "EnableDirectoryNotify=1", "console"}));
     const std::string Changed = "watch \\\\srv\\vol\\d: STATUS_NOTIFY_ENUM_DIR (0x0000010C)";

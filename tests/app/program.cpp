@@ -64,8 +64,18 @@ std::string Contents(const std::filesystem::path &Name) {
     return {std::istreambuf_iterator<char>(Stream), {}};
 }
 
+// The user whose program runs has a home of their own, without any configuration.
+void UseOwnHome() {
+    static const ScratchDirectory Home;
+    setenv("HOME", Home.Path().c_str(), 1);
+    for (const char *Name : {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_STATE_HOME", "NO_COLOR"}) {
+        unsetenv(Name);
+    }
+}
+
 // Starts the program with these as its standard streams; closes none of them.
 pid_t Start(const std::vector<std::string> &Arguments, int Input, int Output, int Error) {
+    UseOwnHome();
     std::vector<std::string> Words = CommandLine(Arguments);
     posix_spawn_file_actions_t Actions;
     posix_spawn_file_actions_init(&Actions);
@@ -145,6 +155,7 @@ Ran RunProgramWith(const std::vector<std::string> &Arguments, const std::functio
 Terminal::Terminal(const std::vector<std::string> &Arguments) {
     std::vector<std::string> Words = CommandLine(Arguments);
     const std::vector<char *> Argv = Pointers(Words);
+    UseOwnHome();
     winsize Size = {50, 200, 0, 0};
     Child_ = forkpty(&Master_, nullptr, nullptr, &Size);
     if (Child_ < 0) {

@@ -115,9 +115,9 @@ TEST(Program, NamesThatAreNoneAreRefusedByTheDriver) {
     const std::string Component(300, 'a');
     const std::string Long(32'700, 'b');
     const std::string Longer(70'000, 'c');
-    for (const std::string &Rest : {std::string("docs\\*.txt"), std::string("docs\\?"), std::string("\\docs\\a.txt"),
-                                    std::string("docs\\\\a.txt"), std::string("..\\passwd"),
-                                    std::string("docs\\a.txt:stream"), std::string("a\tb"), Component, Long, Longer}) {
+    for (const std::string &Rest :
+         {std::string("do*\\a.txt"), std::string("\\docs\\a.txt"), std::string("docs\\\\a.txt"),
+          std::string("..\\passwd"), std::string("docs\\a.txt:stream"), std::string("a\tb"), Component, Long, Longer}) {
         const std::string Path = R"(\\demo\files\)" + Rest;
         Check({{"cat", Path}, 1, "", "STATUS_OBJECT_NAME_INVALID (0xC0000033): " + Path + "\n"});
     }
@@ -125,21 +125,21 @@ TEST(Program, NamesThatAreNoneAreRefusedByTheDriver) {
 
 TEST(Program, BadUsageIsSaidAndEndsWithTwo) {
     const Case Cases[] = {
-        {{"frobnicate"}, 2, "", "frobnicate: no such verb; --help lists them\n"},
-        {{"--set", "EnableDebug=0", "frobnicate"}, 2, "", "frobnicate: no such verb; --help lists them\n"},
-        {{"put", "here", R"(\\demo\files\there)"},
+        {{"frobnicate"}, 2, "", "frobnicate: no such verb; help lists them\n"},
+        {{"--set", "EnableDebug=0", "frobnicate"}, 2, "", "frobnicate: no such verb; help lists them\n"},
+        {{"put", R"(\\demo\files\there)", "here"},
          2,
          "",
-         "put: the target comes first: put \\\\demo\\files\\there here\n"},
+         "put: the target comes last: put here \\\\demo\\files\\there\n"},
         {{"--bogus"}, 2, "", "The following argument was not expected: --bogus..."},
-        {{"cat"}, 2, "", "PATH is required..."},
+        {{"cat"}, 2, "", "cat: PATH is required; help cat tells what it takes\n"},
         {{"cat", "docs/a.txt"}, 2, "", "docs/a.txt: a remote path begins with \\\\server\\volume\n"},
         {{"cat", ""}, 2, "", ": a remote path begins with..."},
         {{"cat", R"(\\demo)"}, 2, "", "\\\\demo: a remote path names a server and a volume..."},
         {{"cat", R"(\\demo\)"}, 2, "", "\\\\demo\\: a remote path names a server and a volume..."},
         {{"cat", R"(\\\files\a.txt)"}, 2, "", "\\\\\\files\\a.txt: a remote path names a server and a volume..."},
         {{"cat", "\\\\demo\\files\\\xff"}, 2, "", "an argument is not valid UTF-8\n"},
-        {{"cp", "/etc/passwd", "/tmp/x"}, 2, "", "cp: one side at least is remote..."},
+        {{"cp", "/etc/passwd", "/tmp/x"}, 2, "", "one side at least is remote..."},
         {{"--export", "x", "tour"}, 2, "", "x: expected --export '\\\\server\\volume=DIR'\n"},
         {{"--export", R"(\\a\b=)", "tour"}, 2, "", "\\\\a\\b=: expected --export..."},
         {{"--export", R"(\\a=/tmp)", "tour"}, 2, "", "\\\\a: a remote path names a server and a volume..."},
@@ -155,7 +155,10 @@ TEST(Program, BadUsageIsSaidAndEndsWithTwo) {
         {{"--set", "EnableDebug", "tour"}, 2, "", "EnableDebug: expected --set NAME=VALUE\n"},
         {{"--set", "EnableDebug=yes", "tour"}, 2, "", "yes: not a number\n"},
         {{"--set", "EnableDebug=0x100000000", "tour"}, 2, "", "0x100000000: larger than 4294967295\n"},
-        {{"--trace", "all", "tour"}, 2, "", "all: not a number\n"},
+        {{"--trace", "create,bogus", "tour"},
+         2,
+         "",
+         "bogus: no category of messages; there are entry, read, start,..."},
         {{"--log", "/no/where/log", "tour"}, 2, "", "--log /no/where/log: No such file or directory\n"},
         {{"--log", "/dev/null", "tour"}, 2, "", "--log /dev/null: not a regular file\n"},
         {{"open", R"(\\demo\files)", "--access", "look"}, 2, "", "--access: look is none of append, delete..."},

@@ -1,0 +1,236 @@
+#include "app/config.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include "app/output.h"
+#include "app/text.h"
+
+namespace app {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+std::vector<Setting> InForce;
+
+void Put(std::vector<Setting> &Settings, Setting New) {
+    const auto Old = std::find_if(Settings.begin(), Settings.end(), [&New](const Setting &Each) {
+        return Each.Kind == New.Kind && Each.Name == New.Name;
+    });
+    if (Old != Settings.end()) {
+        *Old = std::move(New);
+    } else {
+        Settings.push_back(std::move(New));
+    }
+}
+
+// ---- Files
+
+std::string ValueOf(const Json &Value, const std::string &Where) {
+    if (Value.is_string()) {
+        return Value.get<std::string>();
+    }
+    if (Value.is_number_unsigned()) {
+        return std::to_string(Value.get<uint64_t>());
+    }
+    throw UsageError(Where + ": a text or a number is expected");
+}
+
+void ReadFile(const std::filesystem::path &File, std::vector<Setting> &Settings) {
+    std::ifstream Stream(File);
+    if (!Stream) {
+        throw UsageError(fmt::format("{}: {}", File.string(), strerror(errno)));
+    }
+    Json Tree;
+    try {
+        Tree = Json::parse(Stream, nullptr, true, true);
+    } catch (const Json::parse_error &Error) {
+        throw UsageError(fmt::format("{}: {}", File.string(), Error.what()));
+    }
+    if (!Tree.is_object()) {
+        throw UsageError(fmt::format("{}: an object is expected", File.string()));
+    }
+    constexpr struct {
+        const char *Key;
+        const char *Kind;
+    } Tables[] = {{"exports", "export"}, {"quotas", "quota"}, {"switches", "switch"}};
+    for (const auto &[Key, Value] : Tree.items()) {
+        const std::string Where = fmt::format("{}: {}", File.string(), Key);
+        const auto Table = std::find_if(std::begin(Tables), std::end(Tables),
+                                        [&Key = Key](const auto &Each) { return Key == Each.Key; });
+        if (Table == std::end(Tables)) {
+            if (Key != "trace" && Key != "log" && Key != "image") {
+                throw UsageError(Where + ": no such setting; there are exports, quotas, switches, trace, log, image");
+            }
+            Put(Settings, {Key, "", ValueOf(Value, Where), File.string()});
+            continue;
+        }
+        if (!Value.is_object()) {
+            throw UsageError(Where + ": an object is expected");
+        }
+        for (const auto &[Name, Inner] : Value.items()) {
+            std::string Text = ValueOf(Inner, fmt::format("{}: {}", Where, Name));
+            const bool Switch = std::string_view(Table->Kind) == "switch";
+            // Directories are named from where the file is.
+            if (std::string_view(Table->Kind) == "export" && !Text.starts_with('\\')) {
+                Text = (File.parent_path() / Text).lexically_normal().string();
+            }
+            Put(Settings, {Table->Kind, Switch ? Name : ShowPath(RemotePath(Name)), std::move(Text), File.string()});
+        }
+    }
+}
+
+void ReadFiles(const GlobalOptions &Text, std::vector<Setting> &Settings) {
+    if (Text.NoConfig) {
+        return;
+    }
+    if (!Text.Config.empty()) {
+        ReadFile(std::filesystem::absolute(Text.Config), Settings);
+        return;
+    }
+    std::vector<std::filesystem::path> Files = {"/etc/rvfsd/config.json"};
+    const char *Configs = getenv("XDG_CONFIG_HOME");
+    const char *Home = getenv("HOME");
+    if (Configs != nullptr && *Configs == '/') {
+        Files.push_back(std::filesystem::path(Configs) / "rvfsd/config.json");
+    } else if (Home != nullptr && *Home == '/') {
+        Files.push_back(std::filesystem::path(Home) / ".config/rvfsd/config.json");
+    }
+    for (const std::filesystem::path &File : Files) {
+        std::error_code Unknown;
+        if (std::filesystem::exists(File, Unknown)) {
+            ReadFile(File, Settings);
+        }
+    }
+}
+
+// ---- The command line
+
+// NAME=VALUE at its first '='.
+std::pair<std::string, std::string> SplitPair(const std::string &Text, const char *What) {
+    const size_t At = Text.find('=');
+    if (At == std::string::npos || At == 0 || At + 1 == Text.size()) {
+        throw UsageError(fmt::format("{}: expected {}", Text, What));
+    }
+    return {Text.substr(0, At), Text.substr(At + 1)};
+}
+
+constexpr auto CommandLine = "command line";
+
+} // namespace
+
+std::vector<Setting> Configure(const GlobalOptions &Text) {
+    std::vector<Setting> Settings;
+    ReadFiles(Text, Settings);
+    std::vector<std::string> Named; // twice on one line is a mistake, which the Provider tells
+    for (const std::string &One : Text.Exports) {
+        const auto [Name, Served] = SplitPair(One, "--export '\\\\server\\volume=DIR'");
+        const std::string Volume = ShowPath(RemotePath(Name));
+        if (std::find(Named.begin(), Named.end(), Volume) == Named.end()) {
+            Put(Settings, {"export", Volume, Served, CommandLine});
+        } else {
+            Settings.push_back({"export", Volume, Served, CommandLine});
+        }
+        Named.push_back(Volume);
+    }
+    for (const std::string &One : Text.Quotas) {
+        const auto [Name, Bytes] = SplitPair(One, "--quota '\\\\server\\volume=BYTES'");
+        Put(Settings, {"quota", ShowPath(RemotePath(Name)), Bytes, CommandLine});
+    }
+    for (const std::string &One : Text.Switches) {
+        const auto [Name, Value] = SplitPair(One, "--set NAME=VALUE");
+        Put(Settings, {"switch", Name, Value, CommandLine});
+    }
+    const std::pair<const char *, const std::string &> Words[] = {
+        {"trace", Text.Trace}, {"log", Text.Log}, {"image", Text.Image}, {"calls", Text.Calls}};
+    for (const auto &[Kind, Word] : Words) {
+        if (!Word.empty()) {
+            Put(Settings, {Kind, "", Word, CommandLine});
+        }
+    }
+    return Settings;
+}
+
+SessionOptions SessionOf(const std::vector<Setting> &Settings) {
+    SessionOptions Options;
+    for (const Setting &Each : Settings) {
+        if (Each.Kind == "export" && Each.Value.starts_with('\\')) {
+            Options.Exports.push_back({Each.Name, {}, ShowPath(RemotePath(Each.Value))});
+        } else if (Each.Kind == "export") {
+            Options.Exports.push_back({Each.Name, Each.Value});
+        } else if (Each.Kind == "quota") {
+            Options.Quotas[Each.Name] = ParseSize(Each.Value);
+        } else if (Each.Kind == "switch") {
+            const std::span<const Switch> Known = KnownSwitches();
+            if (std::none_of(Known.begin(), Known.end(),
+                             [&Each](const Switch &One) { return Each.Name == One.Name; })) {
+                std::string Names;
+                for (const Switch &One : Known) {
+                    Names += std::string(Names.empty() ? "" : ", ") + One.Name;
+                }
+                throw UsageError(fmt::format("--set: the driver has no switch {}; it has {}", Each.Name, Names));
+            }
+            Options.Switches[Each.Name] = ParseWord(Each.Value);
+        } else if (Each.Kind == "trace") {
+            Options.TraceMask = ParseCategories(Each.Value);
+        } else if (Each.Kind == "log") {
+            Options.Log = Each.Value;
+        } else if (Each.Kind == "image") {
+            Options.Image = Each.Value;
+        } else if (Each.Kind == "calls") {
+            Options.Calls = Each.Value;
+        }
+    }
+    if (Options.Calls && !Options.Image) {
+        throw UsageError("--calls: only the calls of an image can be recorded (--image)");
+    }
+    return Options;
+}
+
+void SetInForce(std::vector<Setting> Settings) {
+    InForce = std::move(Settings);
+}
+
+void AddConfigVerb(VerbList &List) {
+    List.push_back(
+        {.Name = "config",
+         .Group = "program",
+         .Summary = "what is served and switched, and where that is said",
+         .Text =
+             "Configuration is read from /etc/rvfsd/config.json, then from $XDG_CONFIG_HOME/rvfsd/config.json "
+             "(~/.config/rvfsd/config.json), then from the command line; the later wins for each export, quota and "
+             "switch. A file holds an object: \"exports\" and \"quotas\" by \"//server/volume\", \"switches\" by name, "
+             "\"trace\", \"log\" and \"image\". Directories are named from where the file is; comments are allowed.",
+         .Alone = [] {
+             std::vector<Setting> Shown = InForce;
+             if (std::none_of(Shown.begin(), Shown.end(), [](const Setting &Each) { return Each.Kind == "export"; })) {
+                 Shown.insert(Shown.begin(), {"export", "\\\\demo\\files", DefaultTree().string(), "default"});
+             }
+             for (const Switch &Each : KnownSwitches()) {
+                 if (std::none_of(Shown.begin(), Shown.end(), [&Each](const Setting &One) {
+                         return One.Kind == "switch" && One.Name == Each.Name;
+                     })) {
+                     Shown.push_back({"switch", Each.Name, std::to_string(Each.Default), "default"});
+                 }
+             }
+             for (const Setting &Each : Shown) {
+                 if (WantsJson()) {
+                     PrintRecord(
+                         {{"kind", Each.Kind}, {"name", Each.Name}, {"value", Each.Value}, {"from", Each.From}});
+                 } else {
+                     fmt::print("{:<8} {:<34} {:<24} {}\n", Each.Kind, Each.Name, Each.Value,
+                                Coloured(Colour::Faint, Each.From));
+                 }
+             }
+             return 0;
+         }});
+}
+
+} // namespace app

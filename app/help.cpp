@@ -1,0 +1,486 @@
+#include "app/help.h"
+
+#include <algorithm>
+#include <cstring>
+#include <fstream>
+
+#include <fmt/format.h>
+
+#include "app/command_line.h"
+#include "app/output.h"
+#include "app/text.h"
+
+namespace app {
+
+namespace {
+
+constexpr size_t Width = 100;
+constexpr size_t Column = 26;
+
+// The groups of verbs, in the order of the manual.
+constexpr struct {
+    const char *Name;
+    const char *Title;
+} Groups[] = {{"files", "read, write and copy files"},
+              {"changes", "change files and directories"},
+              {"listings", "list directories and wait for changes"},
+              {"information", "what files and volumes say of themselves"},
+              {"letters", "drive letters"},
+              {"mount", "the volumes as directories of this system"},
+              {"requests", "single requests and what the driver makes of them"},
+              {"journal", "records of requests, and reports of them"},
+              {"providers", "Providers of one's own"},
+              {"program", "the program itself"}};
+
+bool IsOfGroup(const Verb &Each, const char *Group) {
+    return !Each.Hidden && Each.Group == Group;
+}
+
+// Text behind Left at the column of explanations, in lines of at most Width.
+std::string Explained(const std::string &Left, const std::string &Text) {
+    std::string Out = "  " + Left;
+    if (Out.size() + 2 > Column) {
+        Out += '\n';
+        Out.append(Column, ' ');
+    } else {
+        Out.append(Column - Out.size(), ' ');
+    }
+    size_t Used = Column;
+    for (size_t At = 0; At < Text.size();) {
+        const size_t End = std::min(Text.find(' ', At), Text.size());
+        const size_t Length = End - At;
+        if (Used > Column && Used + 1 + Length > Width) {
+            Out += '\n';
+            Out.append(Column, ' ');
+            Used = Column;
+        } else if (Used > Column) {
+            Out += ' ';
+            ++Used;
+        }
+        Out.append(Text, At, Length);
+        Used += Length;
+        At = End + 1;
+    }
+    return Out + '\n';
+}
+
+std::string ShownNames(const Parameter &Each) {
+    std::string Names = Each.Names;
+    for (size_t At; (At = Names.find(',')) != std::string::npos && Names.find(", ") != At;) {
+        Names.replace(At, 1, "\x01 ");
+    }
+    std::replace(Names.begin(), Names.end(), '\x01', ',');
+    if (!Each.IsOption()) {
+        return Each.Shown.empty() ? Each.Names : Each.Shown;
+    }
+    return Each.IsFlag() ? Names : Names + ' ' + (Each.Shown.empty() ? "VALUE" : Each.Shown);
+}
+
+std::string HelpOf(const Parameter &Each) {
+    std::string Text = Each.Help;
+    if (!Each.OneOf.empty()) {
+        Text += ": " + fmt::format("{}", fmt::join(Each.OneOf, ", "));
+    }
+    if (const auto Default = std::get_if<std::string *>(&Each.Goes); Default != nullptr && !(**Default).empty()) {
+        Text += fmt::format(" ({} when left out)", **Default);
+    } else if (const auto Number = std::get_if<uint32_t *>(&Each.Goes)) {
+        Text += fmt::format(" ({} when left out)", **Number);
+    }
+    return Text;
+}
+
+std::string Synopsis(const Verb &Which) {
+    std::string Line = Which.Name;
+    const bool Options = std::any_of(Which.Parameters.begin(), Which.Parameters.end(),
+                                     [](const Parameter &Each) { return Each.IsOption() && !Each.Hidden; });
+    if (Options) {
+        Line += " [OPTION...]";
+    }
+    for (const Parameter &Each : Which.Parameters) {
+        if (!Each.IsOption()) {
+            const bool Several = std::holds_alternative<std::vector<std::string> *>(Each.Goes);
+            const std::string Shown = Each.Shown.empty() ? Each.Names + (Several ? "..." : "") : Each.Shown;
+            Line += Each.Required || Shown.starts_with('[') ? " " + Shown : " [" + Shown + "]";
+        }
+    }
+    return Line;
+}
+
+constexpr auto ExitCodes =
+    "0: all was done. 1: the driver, the kernel or the local system refused something; the message "
+    "names the status and the object. 2: the words were not understood. 3: something was left "
+    "behind when the driver stopped, which is a fault to report. 130: interrupted.";
+
+// ---- Manual pages
+
+// Text for troff: nothing in it is taken for a request.
+std::string Troff(const std::string &Text) {
+    std::string Out;
+    for (size_t At = 0; At < Text.size(); ++At) {
+        const char Byte = Text[At];
+        if (Byte == '\\') {
+            Out += "\\e";
+        } else if (Byte == '-') {
+            Out += "\\-";
+        } else if ((Byte == '.' || Byte == '\'') && (At == 0 || Text[At - 1] == '\n')) {
+            Out += std::string("\\&") + Byte;
+        } else if (Byte == '\'') {
+            Out += "\\(aq";
+        } else {
+            Out += Byte;
+        }
+    }
+    return Out;
+}
+
+std::string TroffOption(const Parameter &Each) {
+    return fmt::format(".TP\n.B {}\n{}\n", Troff(ShownNames(Each)), Troff(HelpOf(Each)));
+}
+
+std::string PageHead(const std::string &Name, const std::string &What) {
+    std::string Capitals = Name;
+    std::transform(Capitals.begin(), Capitals.end(), Capitals.begin(),
+                   [](unsigned char Letter) { return static_cast<char>(toupper(Letter)); });
+    return fmt::format(".TH {} 1 \"\" \"rvfsd " RVFSD_VERSION "\" \"User Commands\"\n.SH NAME\n{} \\- {}\n",
+                       Troff(Capitals), Troff(Name), Troff(What));
+}
+
+std::string VerbSection(const Verb &Which) {
+    std::string Page =
+        fmt::format(".SS {}\n.B rvfsd {}\n.PP\n{}.\n", Troff(Which.Name), Troff(Synopsis(Which)), Troff(Which.Summary));
+    if (!Which.Text.empty()) {
+        Page += ".PP\n" + Troff(Which.Text) + "\n";
+    }
+    for (const Parameter &Each : Which.Parameters) {
+        if (!Each.Hidden) {
+            Page += TroffOption(Each);
+        }
+    }
+    for (const std::string &Example : Which.Examples) {
+        Page += fmt::format(".PP\nExample:\n.RS\n.EX\nrvfsd {}\n.EE\n.RE\n", Troff(Example));
+    }
+    return Page;
+}
+
+std::string MainPage(const VerbList &List) {
+    std::string Page = PageHead("rvfsd", "a network redirector's driver, run in user mode");
+    Page +=
+        ".SH SYNOPSIS\n.B rvfsd\n[OPTION...] [VERB [WORD...]]\n"
+        ".SH DESCRIPTION\nThe driver of the redirector runs on an embedded kernel and serves local directories as "
+        "volumes of servers. A verb works with them through the whole driver: paths are named as the redirector's "
+        "users "
+        "name them, " +
+        Troff("\\\\server\\volume\\path, or //server/volume/path. Without a verb it is the console on a terminal, and "
+              "elsewhere the tour of one request. Options of the program may stand behind the verb.") +
+        "\n.SH OPTIONS\n";
+    GlobalOptions Text;
+    for (const Parameter &Each : GlobalParameters(Text)) {
+        Page += TroffOption(Each);
+    }
+    Page += ".SH VERBS\n";
+    for (const auto &Group : Groups) {
+        std::string Names;
+        for (const Verb &Each : List) {
+            if (IsOfGroup(Each, Group.Name)) {
+                Names += (Names.empty() ? "" : ", ") + Each.Name;
+            }
+        }
+        if (!Names.empty()) {
+            Page += fmt::format(".TP\n.BR rvfsd\\-{} (1)\n{}: {}\n", Group.Name, Group.Title, Troff(Names));
+        }
+    }
+    Page +=
+        std::string(".SH EXIT STATUS\n") + Troff(ExitCodes) +
+        "\n.SH FILES\n.TP\n.I /etc/rvfsd/config.json\n.TP\n.I $XDG_CONFIG_HOME/rvfsd/config.json\nWhat is served and "
+        "switched when the command line says nothing else: see\n.B rvfsd config\nin\n.BR rvfsd\\-program (1).\n"
+        ".TP\n.I $XDG_DATA_HOME/rvfsd/demo\nThe copy of the sample tree that is served when nothing else is.\n"
+        ".SH ENVIRONMENT\n.TP\n.B NO_COLOR\nwhen set, nothing is coloured.\n";
+    return Page;
+}
+
+std::string GroupPage(const VerbList &List, const char *Group, const char *Title) {
+    std::string Page = PageHead(std::string("rvfsd-") + Group, std::string("verbs of rvfsd: ") + Title);
+    Page += ".SH SYNOPSIS\n";
+    bool First = true;
+    for (const Verb &Each : List) {
+        if (IsOfGroup(Each, Group)) {
+            Page += (First ? "" : ".br\n") + std::string(".B rvfsd ") + Troff(Synopsis(Each)) + "\n";
+            First = false;
+        }
+    }
+    Page += ".SH DESCRIPTION\nThe options of\n.BR rvfsd (1)\nmay stand before and behind the verb.\n.SH VERBS\n";
+    for (const Verb &Each : List) {
+        if (IsOfGroup(Each, Group)) {
+            Page += VerbSection(Each);
+        }
+    }
+    return Page + ".SH SEE ALSO\n.BR rvfsd (1)\n";
+}
+
+void WriteFile(const std::filesystem::path &Name, const std::string &Text) {
+    std::ofstream Stream(Name, std::ios::trunc);
+    if (!(Stream << Text) || !Stream.flush()) {
+        throw std::runtime_error(fmt::format("{}: {}", Name.string(), strerror(errno)));
+    }
+}
+
+bool HasVerbs(const VerbList &List, const char *Group) {
+    return std::any_of(List.begin(), List.end(), [Group](const Verb &Each) { return IsOfGroup(Each, Group); });
+}
+
+// ---- Completion
+
+// The long and short names of options, with blanks between.
+std::vector<std::string> OptionNames(const std::vector<Parameter> &Parameters) {
+    std::vector<std::string> Names;
+    for (const Parameter &Each : Parameters) {
+        std::string_view Rest = Each.Names;
+        while (Each.IsOption() && !Each.Hidden && !Rest.empty()) {
+            const std::string_view Name = Rest.substr(0, Rest.find(','));
+            Names.emplace_back(Name);
+            Rest.remove_prefix(std::min(Name.size() + 1, Rest.size()));
+        }
+    }
+    return Names;
+}
+
+std::string Bash(const VerbList &List) {
+    GlobalOptions Text;
+    std::string Verbs;
+    std::string Cases;
+    for (const Verb &Each : List) {
+        if (!Each.Hidden) {
+            Verbs += Each.Name + ' ';
+            Cases +=
+                fmt::format("        {}) options=\"{}\" ;;\n", Each.Name, fmt::join(OptionNames(Each.Parameters), " "));
+        }
+    }
+    return fmt::format(
+        "# bash completion for rvfsd\n"
+        "_rvfsd() {{\n"
+        "    local word=${{COMP_WORDS[COMP_CWORD]}} verbs=\"{0}\" globals=\"{1} --help\" options= verb= each\n"
+        "    for each in \"${{COMP_WORDS[@]:1:COMP_CWORD-1}}\"; do\n"
+        "        case \" $verbs \" in *\" $each \"*) verb=$each; break ;; esac\n"
+        "    done\n"
+        "    case $verb in\n{2}    esac\n"
+        "    COMPREPLY=()\n"
+        "    case $word in\n"
+        "    -*) mapfile -t COMPREPLY < <(compgen -W \"$options $globals\" -- \"$word\") ;;\n"
+        "    *)\n"
+        "        [ -n \"$verb\" ] || mapfile -t COMPREPLY < <(compgen -W \"$verbs\" -- \"$word\")\n"
+        "        ;;\n"
+        "    esac\n"
+        "}}\n"
+        "complete -o default -F _rvfsd rvfsd\n",
+        Verbs, fmt::join(OptionNames(GlobalParameters(Text)), " "), Cases);
+}
+
+// Single quotes around Text, for zsh and fish.
+std::string Quoted(std::string Text, const char *Escape) {
+    for (size_t At = 0; (At = Text.find('\'', At)) != std::string::npos; At += strlen(Escape)) {
+        Text.replace(At, 1, Escape);
+    }
+    return '\'' + Text + '\'';
+}
+
+std::string Zsh(const VerbList &List) {
+    GlobalOptions Text;
+    std::string Verbs;
+    std::string Cases;
+    for (const Verb &Each : List) {
+        if (!Each.Hidden) {
+            Verbs += "        " + Quoted(Each.Name + ":" + Each.Summary, "'\\''") + "\n";
+            Cases +=
+                fmt::format("        {}) options=({}) ;;\n", Each.Name, fmt::join(OptionNames(Each.Parameters), " "));
+        }
+    }
+    return fmt::format("#compdef rvfsd\n"
+                       "_rvfsd() {{\n"
+                       "    local -a verbs options globals\n"
+                       "    local verb each\n"
+                       "    verbs=(\n{0}    )\n"
+                       "    globals=({1} --help)\n"
+                       "    for each in ${{words[2,CURRENT-1]}}; do\n"
+                       "        if (( ${{verbs[(I)$each:*]}} )); then verb=$each; break; fi\n"
+                       "    done\n"
+                       "    case $verb in\n{2}    esac\n"
+                       "    if [[ ${{words[CURRENT]}} == -* ]]; then\n"
+                       "        compadd -- $options $globals\n"
+                       "    elif [[ -z $verb ]]; then\n"
+                       "        _describe verb verbs\n"
+                       "    else\n"
+                       "        _files\n"
+                       "    fi\n"
+                       "}}\n"
+                       "_rvfsd \"$@\"\n",
+                       Verbs, fmt::join(OptionNames(GlobalParameters(Text)), " "), Cases);
+}
+
+std::string FishOption(const std::string &Name) {
+    return Name.starts_with("--") ? " -l " + Name.substr(2) : " -s " + Name.substr(1);
+}
+
+std::string Fish(const VerbList &List) {
+    GlobalOptions Text;
+    std::string Out = "# fish completion for rvfsd\n";
+    const auto AddOptions = [&Out](const std::vector<Parameter> &Parameters, const std::string &When) {
+        for (const Parameter &Each : Parameters) {
+            std::string Names;
+            for (const std::string &Name : OptionNames({Each})) {
+                Names += FishOption(Name);
+            }
+            if (!Names.empty()) {
+                Out += fmt::format("complete -c rvfsd{}{} -d {}\n", When, Names, Quoted(Each.Help, "\\'"));
+            }
+        }
+    };
+    AddOptions(GlobalParameters(Text), "");
+    for (const Verb &Each : List) {
+        if (!Each.Hidden) {
+            Out += fmt::format("complete -c rvfsd -n __fish_use_subcommand -a {} -d {}\n", Each.Name,
+                               Quoted(Each.Summary, "\\'"));
+            AddOptions(Each.Parameters, fmt::format(" -n '__fish_seen_subcommand_from {}'", Each.Name));
+        }
+    }
+    return Out;
+}
+
+} // namespace
+
+std::string NoSuchVerb(const std::string &Word) {
+    return fmt::format("{}: no such verb; help lists them", Word);
+}
+
+std::string ProgramHelp(const VerbList &List, bool InConsole) {
+    std::string Out;
+    if (!InConsole) {
+        Out = "A network redirector's driver, run in user mode over local directories.\n\n"
+              "rvfsd [OPTION...] [VERB [WORD...]]\n";
+    }
+    for (const auto &Group : Groups) {
+        if (!HasVerbs(List, Group.Name)) {
+            continue;
+        }
+        Out += fmt::format("{}{}\n", Out.empty() ? "" : "\n", Coloured(Colour::Bold, Group.Title));
+        for (const Verb &Each : List) {
+            if (IsOfGroup(Each, Group.Name)) {
+                Out += Explained(Each.Name, Each.Summary);
+            }
+        }
+    }
+    if (InConsole) {
+        return Out;
+    }
+    Out += "\n" + Coloured(Colour::Bold, "options, before or behind the verb") + "\n";
+    GlobalOptions Text;
+    for (const Parameter &Each : GlobalParameters(Text)) {
+        Out += Explained(ShownNames(Each), HelpOf(Each));
+    }
+    return Out + Explained("-h, --help", "this; VERB --help or help VERB tells what a verb takes");
+}
+
+std::string VerbHelp(const Verb &Which, bool InConsole) {
+    std::string Out = fmt::format("{}{}\n\n{}\n", InConsole ? "" : "rvfsd ", Synopsis(Which), Which.Summary);
+    if (!Which.Text.empty()) {
+        Out += "\n" + Which.Text + "\n";
+    }
+    if (!Which.Parameters.empty()) {
+        Out += "\n";
+    }
+    for (const Parameter &Each : Which.Parameters) {
+        if (!Each.Hidden) {
+            Out += Explained(ShownNames(Each), HelpOf(Each));
+        }
+    }
+    for (const std::string &Example : Which.Examples) {
+        Out += fmt::format("\nfor example: {}{}\n", InConsole ? "" : "rvfsd ", Example);
+    }
+    return Out;
+}
+
+std::string ReadmeTable(const VerbList &List) {
+    std::string Out = "| verbs | |\n|---|---|\n";
+    for (const auto &Group : Groups) {
+        std::string Names;
+        for (const Verb &Each : List) {
+            if (IsOfGroup(Each, Group.Name)) {
+                Names += (Names.empty() ? "`" : ", `") + Each.Name + '`';
+            }
+        }
+        if (!Names.empty()) {
+            Out += fmt::format("| {} | {} |\n", Names, Group.Title);
+        }
+    }
+    return Out;
+}
+
+std::string CompletionScript(const VerbList &List, const std::string &Shell) {
+    if (Shell == "bash") {
+        return Bash(List);
+    }
+    if (Shell == "zsh") {
+        return Zsh(List);
+    }
+    if (Shell == "fish") {
+        return Fish(List);
+    }
+    throw UsageError(fmt::format("{}: completion is there for bash, zsh and fish", Shell));
+}
+
+void WriteManual(const VerbList &List, const std::filesystem::path &Directory) {
+    std::filesystem::create_directories(Directory);
+    WriteFile(Directory / "rvfsd.1", MainPage(List));
+    for (const auto &Group : Groups) {
+        if (HasVerbs(List, Group.Name)) {
+            WriteFile(Directory / fmt::format("rvfsd-{}.1", Group.Name), GroupPage(List, Group.Name, Group.Title));
+        }
+    }
+}
+
+void AddHelpVerbs(VerbList &List) {
+    const auto Word = std::make_shared<std::string>();
+    List.push_back({.Name = "help",
+                    .Group = "program",
+                    .Summary = "the verbs, or what one of them takes",
+                    .Parameters = {{"VERB", "the verb", Word.get()}},
+                    .Alone = [Word] {
+                        const VerbList Known = Verbs();
+                        if (Word->empty()) {
+                            fmt::print("{}", ProgramHelp(Known, false));
+                            return 0;
+                        }
+                        const Verb *Which = FindVerb(Known, *Word);
+                        if (Which == nullptr) {
+                            throw UsageError(NoSuchVerb(*Word));
+                        }
+                        fmt::print("{}", VerbHelp(*Which, false));
+                        return 0;
+                    }});
+    const auto Shell = std::make_shared<std::string>();
+    List.push_back({.Name = "completion",
+                    .Group = "program",
+                    .Summary = "print the completion script for a shell",
+                    .Parameters = {Parameter{"SHELL", "bash, zsh or fish", Shell.get()}.Needed()},
+                    .Examples = {"completion bash >/etc/bash_completion.d/rvfsd"},
+                    .Alone = [Shell] {
+                        fmt::print("{}", CompletionScript(Verbs(), *Shell));
+                        return 0;
+                    }});
+    const auto Directory = std::make_shared<std::string>();
+    List.push_back({.Name = "manual",
+                    .Group = "program",
+                    .Summary = "write the manual pages into a directory; without one the README's table of verbs",
+                    .Parameters = {{"DIR", "the directory", Directory.get()}},
+                    .Alone =
+                        [Directory] {
+                            if (Directory->empty()) {
+                                fmt::print("{}", ReadmeTable(Verbs()));
+                            } else {
+                                WriteManual(Verbs(), *Directory);
+                            }
+                            return 0;
+                        },
+                    .Hidden = true});
+}
+
+} // namespace app
