@@ -143,7 +143,7 @@ TEST_F(BeneathTest, SwappingADirectoryForALinkNeverLeadsOut) {
     ASSERT_EQ(stat((Outer / "secret" / "file").c_str(), &Secret), 0);
     int Escapes = 0;
     int Reached = 0;
-    WhileSwapping(Root, 200, [&] {
+    const auto Race = [&] {
         RVHANDLE Handle = 0;
         ULONG64 Id = 0;
         if (Open(u"SWAP\\file", Handle, ReadWrite) == RVSTATUS::Success) {
@@ -170,7 +170,11 @@ TEST_F(BeneathTest, SwappingADirectoryForALinkNeverLeadsOut) {
         Move(u"swap\\mine", u"mine");
         Delete(u"swap\\planted");
         DeleteFolder(u"swap\\made");
-    });
+    };
+    // On a busy machine the swapper may have the directory nearly all the time.
+    for (int Tries = 0; Tries < 25 && Reached == 0; ++Tries) {
+        WhileSwapping(Root, 200, Race);
+    }
     EXPECT_EQ(Escapes, 0);
     EXPECT_GT(Reached, 0);
     ExpectOutsideUntouched();
