@@ -14,6 +14,10 @@
 #include "embedded/ob.h"
 #include "embedded/thread.h"
 
+inline bool operator==(const LUID &Left, const LUID &Right) {
+    return Left.LowPart == Right.LowPart && Left.HighPart == Right.HighPart;
+}
+
 namespace embedded {
 
 // ---- Identities and lists of access --------------------------------------------------------------------------
@@ -48,9 +52,6 @@ NTSTATUS CaptureSecurity(PSECURITY_DESCRIPTOR Descriptor, Security *Captured) no
 enum class Elevation : ULONG { Default = 1, Full = 2, Limited = 3 };
 
 inline constexpr LUID SystemLogonId = {0x3E7, 0};
-inline bool operator==(const LUID &Left, const LUID &Right) {
-    return Left.LowPart == Right.LowPart && Left.HighPart == Right.HighPart;
-}
 
 struct LogonSession;
 

@@ -5,6 +5,7 @@
 #include "frame/fast_io.h"
 #include "frame/memory.h"
 #include "frame/resources.h"
+#include "mapping/drive_mapping.h"
 #include "names/fcb.h"
 #include "provider/binding.h"
 
@@ -197,6 +198,13 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRI
     OpenForRequests(DriverObject);
     Status = RegisterUncProvider();
     if (!NT_SUCCESS(Status)) {
+        return FailStart(Status);
+    }
+
+    Status = NtFsdInitMappedDevices();
+    if (!NT_SUCCESS(Status)) {
+        // Teardown leaves out one request: that of a shutdown.
+        const RequestInFlight Own;
         return FailStart(Status);
     }
 

@@ -2,13 +2,14 @@
 
 #include "control/our_device.h"
 #include "frame/memory.h"
+#include "mapping/drive_mapping.h"
 #include "names/fcb.h"
 #include "provider/binding.h"
 
 namespace {
 
 constexpr PERESOURCE Resources[DRIVER_RESOURCE_COUNT] = {&FcbTableResource, &g_FrameworkInitResource, &FcbListResource,
-                                                         &g_OurDeviceResource};
+                                                         &g_OurDeviceResource, &g_MappedDeviceResource};
 DRIVER_GLOBAL bool SetUp[DRIVER_RESOURCE_COUNT] = {};
 
 } // namespace

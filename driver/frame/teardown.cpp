@@ -6,6 +6,7 @@
 #include "frame/driver.h"
 #include "frame/entry.h"
 #include "frame/resources.h"
+#include "mapping/drive_mapping.h"
 #include "provider/binding.h"
 
 namespace {
@@ -56,6 +57,7 @@ bool NtFsdTeardown(LONG Own) {
     NtFsdMarkFrameworkUnbound();
     if (Stage == INIT_STAGE_REGISTERED) {
         NtFsdDetachOpens();
+        NtFsdFreeMappedDevices();
     }
 
     bool Entered = false;
@@ -67,6 +69,7 @@ bool NtFsdTeardown(LONG Own) {
     }
     DeleteDevice();
     NtFsdDeleteResource(DRIVER_RESOURCE_FRAMEWORK_INIT);
+    NtFsdDeleteResource(DRIVER_RESOURCE_MAPPED_DEVICES);
     NtFsdDeleteResource(DRIVER_RESOURCE_FCB_LIST);
     g_uInitStage = INIT_STAGE_NONE;
     return true;

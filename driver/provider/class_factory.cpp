@@ -63,10 +63,6 @@ ULONG NTAPI MappingRelease(RVFSD_MAPPING *This) {
     return Count;
 }
 
-RVPSTATUS NTAPI MappingNotOffered(RVFSD_MAPPING *) {
-    return RVPSTATUS::NoSuchClass;
-}
-
 void BuildMappingTable() {
     if (g_bMappingTableReady) {
         return;
@@ -74,9 +70,12 @@ void BuildMappingTable() {
     MappingTable.QueryInterface = MappingQueryInterface;
     MappingTable.AddRef = MappingAddRef;
     MappingTable.Release = MappingRelease;
-    for (auto &Operation : MappingTable.Operations) {
-        Operation = MappingNotOffered;
-    }
+    MappingTable.VerifyPath = RvxVerifyPath;
+    MappingTable.MapDrive = RvxMapDrive;
+    MappingTable.UnMapDrive = RvxUnMapDrive;
+    MappingTable.QueryDrive = RvxQueryDrive;
+    MappingTable.UnMapServer = RvxUnMapServer;
+    MappingTable.TraceMessage = RvxTraceMessage;
     g_bMappingTableReady = TRUE;
 }
 

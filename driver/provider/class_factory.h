@@ -1,6 +1,7 @@
 // The component class that the driver publishes: its factory and the mapping object.
 #pragma once
 
+#include "mapping/mapping_object.h"
 #include "provider/framework.h"
 
 inline constexpr GUID CLSID_RvfsdMapping = {
@@ -25,15 +26,19 @@ struct RVFSD_FACTORY {
 };
 static_assert(offsetof(RVFSD_FACTORY, RefCount) == 8 && offsetof(RVFSD_FACTORY, LockCount) == 12);
 
-// The mapping object. Slots 3 to 8 are the mapping operations; while the driver offers none, each answers
-// RVPSTATUS::NoSuchClass.
-struct RVFSD_MAPPING;
+// The mapping object. What slots 3 to 8 do stands with the routines of their names (mapping/mapping_object.h).
 struct RVFSD_MAPPING_TABLE {
     RVPSTATUS(NTAPI *QueryInterface)(RVFSD_MAPPING *This, const GUID *Iid, PVOID *Out); // 0
     ULONG(NTAPI *AddRef)(RVFSD_MAPPING *This);                                          // 1
     ULONG(NTAPI *Release)(RVFSD_MAPPING *This);                                         // 2
-    RVPSTATUS(NTAPI *Operations[6])(RVFSD_MAPPING *This);                               // 3 to 8
+    NTSTATUS(NTAPI *VerifyPath)(RVFSD_MAPPING *This, ULONG Number, PCSTR Utf8Path);     // 3
+    NTSTATUS(NTAPI *MapDrive)(RVFSD_MAPPING *This, const MAP_REQUEST *Request);         // 4
+    NTSTATUS(NTAPI *UnMapDrive)(RVFSD_MAPPING *This, const ULONG *Request);             // 5
+    NTSTATUS(NTAPI *QueryDrive)(RVFSD_MAPPING *This, QUERY_DRIVE *Request);             // 6
+    NTSTATUS(NTAPI *UnMapServer)(RVFSD_MAPPING *This, ULONG ConnectionId);              // 7
+    NTSTATUS(NTAPI *TraceMessage)(RVFSD_MAPPING *This, PCSTR Text);                     // 8
 };
+static_assert(sizeof(RVFSD_MAPPING_TABLE) == 9 * 8 && offsetof(RVFSD_MAPPING_TABLE, VerifyPath) == 3 * 8);
 struct RVFSD_MAPPING {
     const RVFSD_MAPPING_TABLE *Table;
     ULONG RefCount;

@@ -227,8 +227,21 @@ Tree::Place Tree::Walk(std::shared_ptr<Node> Start, const std::vector<std::u16st
     return Here;
 }
 
+namespace {
+
+// The verifying of paths hands on what a client sent, which begins with two backslashes.
+std::u16string_view WithOneBackslash(PCWSTR Path) {
+    std::u16string_view Whole = Path;
+    if (Whole.starts_with(u"\\\\")) {
+        Whole.remove_prefix(1);
+    }
+    return Whole;
+}
+
+} // namespace
+
 Tree::Place Tree::Resolve(RVHANDLE Base, PCWSTR Path) {
-    const std::u16string_view Whole = Path == nullptr ? std::u16string_view() : Path;
+    const std::u16string_view Whole = Path == nullptr ? std::u16string_view() : WithOneBackslash(Path);
     if (Path == nullptr) {
         Violation("the path is null");
         return {RVSTATUS::InvalidParameter, {}, {}, {}};
@@ -265,7 +278,7 @@ RVSTATUS Tree::QueryPathForVolume(PCWSTR FullPath, PWSTR Buffer) {
         Violation("a null path or buffer");
         return RVSTATUS::InvalidParameter;
     }
-    const std::u16string_view Whole = FullPath;
+    const std::u16string_view Whole = WithOneBackslash(FullPath);
     const auto Components = Split(Whole);
     Volume *Found = nullptr;
     const RVSTATUS Status = VolumeOf(Components, &Found);

@@ -291,6 +291,7 @@ protected:
 TEST_F(FailedStart, EveryResourceIsNeeded) {
     // The FCB table, the framework, the FCB list, the control device, and two of the driver FCB.
     std::vector<NTSTATUS> Wanted(6, STATUS_UNSUCCESSFUL);
+    Wanted.push_back(STATUS_INSUFFICIENT_RESOURCES); // the list of mapped drives
     Wanted.push_back(STATUS_SUCCESS);
     EXPECT_EQ(Sweep(FaultKind::Resource), Wanted);
 }
@@ -307,7 +308,7 @@ TEST_F(FailedStart, MemoryIsNeededForTheDeviceAndItsFcbAlone) {
 TEST_F(FailedStart, TakesItsLogWriterAlong) {
     const std::map<std::u16string, ULONG> Logging = {
         {u"EnableDebug", 1}, {u"FsDebugLevel", 0x10008}, {u"DebugLogging", 1}};
-    EXPECT_EQ(Sweep(FaultKind::Resource, Logging).size(), 7u);
+    EXPECT_EQ(Sweep(FaultKind::Resource, Logging).size(), 8u);
 }
 
 TEST_F(FailedStart, SaysWhatFailed) {

@@ -1,0 +1,45 @@
+// Where the link of a mapped drive leads.
+#pragma once
+
+#include "names/strings.h"
+
+// The driver's device followed by Path, in a block of its own.
+class LinkTarget {
+public:
+    LinkTarget() = default;
+    // Without memory there is none.
+    explicit LinkTarget(PCWSTR Path) {
+        const UNICODE_STRING View = {static_cast<USHORT>(WideLength(Path, 0x7FFF) * sizeof(WCHAR)), 0,
+                                     const_cast<PWSTR>(Path)};
+        Build(&View);
+    }
+    // STATUS_NAME_TOO_LONG, STATUS_INSUFFICIENT_RESOURCES. Must be empty yet.
+    NTSTATUS Build(PCUNICODE_STRING Path) {
+        if (BytesFor(Path) > 0xFFFE) {
+            return STATUS_NAME_TOO_LONG;
+        }
+        const auto Bytes = static_cast<USHORT>(BytesFor(Path));
+        Buffer_.Adopt(static_cast<PWSTR>(TwAllocBuffer(Bytes)));
+        if (!Buffer_) {
+            return STATUS_INSUFFICIENT_RESOURCES;
+        }
+        String_ = {static_cast<USHORT>(Bytes - sizeof(WCHAR)), Bytes, Buffer_.Get()};
+        RtlCopyMemory(String_.Buffer, DEVICE.Buffer, DEVICE.Length);
+        RtlCopyMemory(String_.Buffer + DEVICE.Length / sizeof(WCHAR), Path->Buffer, Path->Length);
+        String_.Buffer[String_.Length / sizeof(WCHAR)] = 0;
+        return STATUS_SUCCESS;
+    }
+    static ULONG BytesFor(PCUNICODE_STRING Path) {
+        return ULONG{DEVICE.Length} + Path->Length + sizeof(WCHAR);
+    }
+    // NULL when there is none.
+    PUNICODE_STRING Get() const {
+        return Buffer_ ? const_cast<PUNICODE_STRING>(&String_) : nullptr;
+    }
+
+    static constexpr UNICODE_STRING DEVICE = ConstantString(WTEXT("\\Device\\RvFsd"));
+
+private:
+    PoolPointer<WCHAR> Buffer_;
+    UNICODE_STRING String_ = {0, 0, nullptr};
+};
