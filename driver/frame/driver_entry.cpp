@@ -200,11 +200,8 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRI
     if (!NT_SUCCESS(Status)) {
         return FailStart(Status);
     }
-
     Status = NtFsdInitMappedDevices();
     if (!NT_SUCCESS(Status)) {
-        // Teardown leaves out one request: that of a shutdown.
-        const RequestInFlight Own;
         return FailStart(Status);
     }
 
