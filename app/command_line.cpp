@@ -79,6 +79,9 @@ std::vector<Parameter> GlobalParameters(GlobalOptions &Text) {
         Parameter{"--image", "run this image of the driver (RVFSD.sys) instead of the one linked in", &Text.Image}.As(
             "FILE"),
         Parameter{"--calls", "write every kernel service that the image calls into this file", &Text.Calls}.As("FILE"),
+        Parameter{"--use", "map a drive letter before the verb runs; may be repeated", &Text.Uses}.As(
+            "'G:=\\\\server\\volume'"),
+        Parameter{"--session", "the logon session to begin in (the verb session lists them)", &Text.Logon}.As("NAME"),
         Parameter{"--config", "read this configuration instead of the usual ones", &Text.Config}.As("FILE"),
         {"--no-config", "read no configuration", &Text.NoConfig},
         {"--json", "facts as one JSON object a line", &Text.Json},

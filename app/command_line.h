@@ -17,6 +17,8 @@ struct GlobalOptions {
     std::string Log;
     std::string Image;
     std::string Calls;
+    std::vector<std::string> Uses;
+    std::string Logon;
     std::string Config;
     bool NoConfig = false;
     bool Json = false;

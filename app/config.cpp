@@ -148,8 +148,15 @@ std::vector<Setting> Configure(const GlobalOptions &Text) {
         const auto [Name, Value] = SplitPair(One, "--set NAME=VALUE");
         Put(Settings, {"switch", Name, Value, CommandLine});
     }
-    const std::pair<const char *, const std::string &> Words[] = {
-        {"trace", Text.Trace}, {"log", Text.Log}, {"image", Text.Image}, {"calls", Text.Calls}};
+    for (const std::string &One : Text.Uses) {
+        const auto [Name, Path] = SplitPair(One, "--use 'G:=\\\\server\\volume'");
+        Put(Settings, {"use", Name, Path, CommandLine});
+    }
+    const std::pair<const char *, const std::string &> Words[] = {{"session", Text.Logon},
+                                                                  {"trace", Text.Trace},
+                                                                  {"log", Text.Log},
+                                                                  {"image", Text.Image},
+                                                                  {"calls", Text.Calls}};
     for (const auto &[Kind, Word] : Words) {
         if (!Word.empty()) {
             Put(Settings, {Kind, "", Word, CommandLine});
@@ -184,6 +191,16 @@ SessionOptions SessionOf(const std::vector<Setting> &Settings) {
             Options.Log = Each.Value;
         } else if (Each.Kind == "image") {
             Options.Image = Each.Value;
+        } else if (Each.Kind == "use") {
+            Options.Uses.push_back(Each.Name + "=" + Each.Value);
+        } else if (Each.Kind == "session") {
+            const std::vector<LogonName> &Known = Logons();
+            if (std::none_of(Known.begin(), Known.end(),
+                             [&Each](const LogonName &One) { return Each.Value == One.Name; })) {
+                throw UsageError(
+                    fmt::format("--session {}: there is no such session; the verb session lists them", Each.Value));
+            }
+            Options.Logon = Each.Value;
         } else if (Each.Kind == "calls") {
             Options.Calls = Each.Value;
         }

@@ -62,7 +62,12 @@ int Told(const T &Action) {
 // Runs Chosen over a driver of its own; what is left behind afterwards is exit code 3.
 int RunOver(const SessionOptions &Options, const Command &Chosen) {
     Session Running(Options);
-    const int Code = Told([&] { return Chosen(Running); });
+    const int Code = Told([&] {
+        for (const std::string &Each : Options.Uses) {
+            UseDrive(Running.Drives(), Each);
+        }
+        return Chosen(Running);
+    });
     const std::string Findings = Running.Stop();
     if (!Findings.empty()) {
         Complain("left behind when the driver stopped:\n" + Findings);

@@ -22,7 +22,7 @@ UNICODE_STRING Counted(std::u16string_view Text) {
 } // namespace
 
 embedded::CreateResult OpenRemote(std::u16string_view Path, const OpenRequest &Request) {
-    const std::u16string Name = u"\\??\\UNC" + std::u16string(Path);
+    const std::u16string Name = KernelName(Path);
     if (Name.size() > 0x7FFE) {
         return {STATUS_OBJECT_NAME_INVALID, FILE_DOES_NOT_EXIST, nullptr};
     }

@@ -63,7 +63,8 @@ constexpr Switch Switches[] = {{"EnableDirectoryNotify", 0},
                                {"FsDebugLevel", 0},
                                {"RvioctlDbgMsg", 0},
                                {"DebugLogging", 0},
-                               {"Enable Lazy Close", 0, true}};
+                               {"Enable Lazy Close", 0, true},
+                               {"EnableLinkedConnections", 0, true}};
 
 const char16_t *KeyOf(const std::string &Name) {
     const auto At = std::find_if(std::begin(Switches), std::end(Switches),
@@ -174,7 +175,8 @@ private:
 };
 
 Session::Session(const SessionOptions &Options)
-    : Options_(Options), Exports_(Options.Exports), Switches_(SwitchesOf(Options)) {
+    : Options_(Options), Exports_(Options.Exports), Switches_(SwitchesOf(Options)),
+      Logon_(Options.Logon.empty() ? Logons().front().Name : Options.Logon) {
     if (Exports_.empty()) {
         Exports_.push_back({"\\\\demo\\files", MakeDefaultTree()});
     }
@@ -207,12 +209,25 @@ void Session::Start() {
     Recorder_ = std::make_unique<providers::Recorder>(Directories_->Interface());
     Framework_ = std::make_unique<providers::Framework>(Recorder_.get());
     Framework_->SetTimeSource([] { return embedded::Clock::SystemTime(); });
-    Framework_->SetCaller([] { return RV_SECURITY_CONTEXT{{geteuid(), getegid()}}; });
+    Framework_->SetCaller([] { return CallerContext(); });
     const NTSTATUS Status =
         Image_ != nullptr ? Kernel_->LoadDriver(*Image_, u"RVFSD") : Kernel_->LoadDriver(DriverEntry, u"RVFSD");
     if (!NT_SUCCESS(Status)) {
         throw StatusError(Status, "the driver did not start");
     }
+    LogOn();
+}
+
+void Session::LogOn() {
+    Drives_ = std::make_unique<app::Drives>(
+        Image_ != nullptr ? reinterpret_cast<Drives::GetClassObject>(Image_->Export("DllGetClassObject"))
+                          : DllGetClassObject,
+        Logon_);
+    for (const DriveUse &Each : Uses_) {
+        Drives_->Act(Each.Logon);
+        Drives_->Use(Each);
+    }
+    Drives_->Act(Logon_);
 }
 
 void Session::OpenImage() {
@@ -283,6 +298,11 @@ std::string Session::Stop() {
     if (Kernel_ != nullptr) {
         // A command that was ended in the middle leaves handles, as a process that dies does.
         Kernel_->CloseOpenHandles();
+        if (Drives_ != nullptr) {
+            Uses_ = Drives_->Uses();
+            Logon_ = Drives_->Acting();
+            Drives_.reset();
+        }
         // The driver shuts down as strictly as it ran; what is left is wanted as text then, not as a stop.
         Kernel_->SendShutdown();
         embedded::SetVerifierLevel(embedded::VerifierLevel::Off);

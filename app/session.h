@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "app/drives.h"
 #include "embedded/image/driver_image.h"
 #include "embedded/io.h"
 #include "embedded/kernel.h"
@@ -34,6 +35,8 @@ struct SessionOptions {
     std::optional<uint32_t> TraceMask;          // the driver's lines on standard error
     std::optional<std::filesystem::path> Log;   // where the driver's log goes
     std::optional<std::filesystem::path> Image; // the driver's image, instead of the driver that is linked in
+    std::vector<std::string> Uses;              // letters that are mapped at the start, G:=\\server\volume
+    std::string Logon;                          // the logon session that it begins in; empty: the first
     std::optional<std::filesystem::path> Calls; // where a line for each of the image's kernel calls goes
 };
 
@@ -93,6 +96,11 @@ public:
     std::vector<std::filesystem::path> OpenFiles() const;
     std::vector<std::filesystem::path> OpenDirectories() const;
 
+    // Drive letters, and the logon session that the calling thread acts in.
+    app::Drives &Drives() {
+        return *Drives_;
+    }
+
     // Turns categories of the driver's messages on or off as an administrator does: in the service key, which the
     // driver reads at its start, and so it is started again. Opens and waits must have ended before. The categories
     // that are on now. StatusError when the driver does not start.
@@ -100,6 +108,7 @@ public:
 
 private:
     void Start();
+    void LogOn();
     // Hands the exports to the Provider. UsageError when one cannot be served.
     void Serve(const std::map<std::string, uint64_t> &Quotas);
     void OpenImage();
@@ -119,6 +128,9 @@ private:
     std::unique_ptr<providers::Recorder> Recorder_;
     std::unique_ptr<embedded::Kernel> Kernel_;
     std::unique_ptr<providers::Framework> Framework_;
+    std::unique_ptr<app::Drives> Drives_;
+    std::vector<DriveUse> Uses_; // mapped when the driver was stopped
+    std::string Logon_;
     std::mutex WatchLock_;
     std::function<void(const std::string &)> Watcher_;
     bool Stopped_ = true;

@@ -45,7 +45,7 @@ std::u16string CurrentDirectory;
 // Current with Text behind it, where "." and ".." are steps; the volume's root is the top.
 std::u16string Below(const std::u16string &Current, std::u16string_view Text) {
     std::u16string Path = Current;
-    const size_t Root = Current.find(u'\\', Current.find(u'\\', 1) + 1);
+    const size_t Root = RootLength(Current);
     if (Text.starts_with(u'\\')) {
         Path.resize(std::min(Root, Path.size()));
     }
@@ -54,7 +54,7 @@ std::u16string Below(const std::u16string &Current, std::u16string_view Text) {
         Text.remove_prefix(std::min(Step.size() + 1, Text.size()));
         if (Step == u"..") {
             const size_t Last = Path.rfind(u'\\');
-            Path.resize(Root == std::u16string::npos || Last < Root ? Path.size() : Last);
+            Path.resize(Last == std::u16string::npos || Last < Root ? Path.size() : Last);
         } else if (!Step.empty() && Step != u".") {
             Path += u'\\';
             Path += Step;
@@ -79,13 +79,40 @@ const std::u16string &RemoteDirectory() {
     return CurrentDirectory;
 }
 
+namespace {
+
+// "G:", "G:\\..." or "G:/..."
+bool HasLetter(std::string_view Path) {
+    return Path.size() >= 2 && isalpha(static_cast<unsigned char>(Path[0])) != 0 && Path[1] == ':' &&
+           (Path.size() == 2 || Path[2] == '\\' || Path[2] == '/');
+}
+
+} // namespace
+
+std::u16string KernelName(std::u16string_view Path) {
+    return (Path.starts_with(u'\\') ? u"\\??\\UNC" : u"\\??\\") + std::u16string(Path);
+}
+
+size_t RootLength(std::u16string_view Path) {
+    const size_t Root = Path.starts_with(u'\\') ? Path.find(u'\\', Path.find(u'\\', 1) + 1) : 2;
+    return std::min(Root, Path.size());
+}
+
 bool IsRemote(std::string_view Path) {
-    return Path.starts_with("\\\\") || Path.starts_with("//") ||
+    return HasLetter(Path) || Path.starts_with("\\\\") || Path.starts_with("//") ||
            (!CurrentDirectory.empty() && Path.find('\\') != std::string_view::npos);
 }
 
 std::u16string RemotePath(std::string_view Path) {
     std::u16string Wide;
+    if (HasLetter(Path)) {
+        Wide = WithBackslashes(Path);
+        Wide[0] = static_cast<char16_t>(toupper(static_cast<unsigned char>(Path[0])));
+        while (Wide.ends_with(u'\\')) {
+            Wide.pop_back();
+        }
+        return Wide;
+    }
     if (Path.starts_with("\\\\") || Path.starts_with("//")) {
         Wide = Path[0] == '/' ? WithBackslashes(Path) : Widen(Path);
         Wide.erase(0, 1);
@@ -105,6 +132,15 @@ std::u16string RemotePath(std::string_view Path) {
     return Wide;
 }
 
+std::string UncPath(std::string_view Path) {
+    const std::u16string Wide = RemotePath(Path);
+    if (!Wide.starts_with(u'\\')) {
+        throw UsageError(
+            fmt::format("{}: a path with server and volume is wanted here, as in \\\\server\\volume", Path));
+    }
+    return ShowPath(Wide);
+}
+
 std::u16string ParentOf(const std::u16string &Path) {
     return Path.substr(0, Path.rfind(u'\\'));
 }
@@ -114,7 +150,7 @@ std::u16string LastOf(const std::u16string &Path) {
 }
 
 std::string ShowPath(std::u16string_view Path) {
-    return "\\" + Narrow(Path);
+    return (Path.starts_with(u'\\') ? "\\" : "") + Narrow(Path);
 }
 
 std::string StatusName(NTSTATUS Status) {

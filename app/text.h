@@ -28,8 +28,14 @@ std::string Narrow(std::u16string_view Text);
 // A remote path: \\server\volume[\...] or //server/volume[/...], kept with one leading backslash and without separators
 // at its end. In a console that has changed its directory, what does not begin so is relative to that: dir\file,
 // .\file; IsRemote is TRUE only of those with a backslash, for the others may be local files.
+// Through a drive letter it begins with that and has no leading backslash: G:\dir\file, G: for the mapped directory.
 bool IsRemote(std::string_view Path);
 std::u16string RemotePath(std::string_view Path); // UsageError without server and volume
+std::string UncPath(std::string_view Path);       // the same, shown, without letters: UsageError for one
+// The name of a remote path for the kernel: below \??.
+std::u16string KernelName(std::u16string_view Path);
+// The length of its part that cannot be left: server and volume, or the letter.
+size_t RootLength(std::u16string_view Path);
 // What relative paths are relative to; empty: there are none.
 void SetRemoteDirectory(std::u16string Directory);
 const std::u16string &RemoteDirectory();

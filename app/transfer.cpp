@@ -52,7 +52,7 @@ LONG64 RemoteSize(RemoteFile &File) {
 }
 
 void RenameOpen(RemoteFile &File, const std::u16string &To, bool Replace) {
-    const std::u16string Target = u"\\??\\UNC" + To;
+    const std::u16string Target = KernelName(To);
     // FILE_RENAME_INFORMATION: replace at 0, root directory at 8, length of the name at 16, the name at 20.
     constexpr size_t NameOffset = 20;
     std::vector<UCHAR> Record(NameOffset + Target.size() * sizeof(WCHAR));

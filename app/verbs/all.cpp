@@ -12,6 +12,7 @@ VerbList Verbs() {
     AddWatchVerb(List);
     AddInfoVerbs(List);
     AddOpenVerbs(List);
+    AddMappingVerbs(List);
     AddTourVerb(List);
     const auto EndAtFailure = std::make_shared<bool>(false);
     List.push_back({.Name = "console",

@@ -234,8 +234,7 @@ Verb RemoveDirectoryVerb() {
 
 // Path and every directory above it that is missing; what is there already is no failure.
 void MakeWay(const std::u16string &Path) {
-    const size_t Root = Path.find(u'\\', Path.find(u'\\', 1) + 1);
-    for (size_t End = Root; End != std::u16string::npos;) {
+    for (size_t End = RootLength(Path); End < Path.size();) {
         End = Path.find(u'\\', End + 1);
         const std::u16string Step = Path.substr(0, End);
         try {

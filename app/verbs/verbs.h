@@ -16,6 +16,10 @@ void AddWatchVerb(VerbList &List);    // watch
 void AddInfoVerbs(VerbList &List);    // stat, df, vol
 void AddOpenVerbs(VerbList &List);    // open, claim
 void AddTourVerb(VerbList &List);     // tour
+void AddMappingVerbs(VerbList &List); // use, verify, session
+
+// Maps a letter as --use says: G:=\\server\volume.
+void UseDrive(Drives &Of, const std::string &Text);
 
 // All of them, and console; each call gives them places of their own for what they are told.
 VerbList Verbs();
