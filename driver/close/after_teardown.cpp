@@ -56,17 +56,6 @@ void CloseHandles(PINSTANCE_CONTEXT Instance, PRV_SECURITY Security) {
     Instance->BaseHandle = Instance->RelatedHandle = 0;
 }
 
-void RemoveFromPrefixTable(PFCB Fcb) {
-    if (!(Fcb->OpenFlags & FCB_STATE_IN_PREFIX_TABLE)) {
-        return;
-    }
-    NtFsdClearOpenFlags(Fcb, FCB_STATE_IN_PREFIX_TABLE);
-    if (Fcb->PrefixState != PREFIX_STATE_NEVER_INSERTED) {
-        RtlRemoveUnicodePrefix(&FcbPrefixTable, &Fcb->PrefixEntry);
-        --FcbPrefixCount;
-    }
-}
-
 // Removes all locks. Those that still wait are thereby granted one after the other, and cancelled by the completion
 // routine, which knows that the driver has stopped.
 void EndLocks(PFCB Fcb) {
@@ -87,20 +76,12 @@ void EndLocks(PFCB Fcb) {
     Fcb->FileLockInitialized = FALSE;
 }
 
-void FreeFcb(PFCB Fcb) {
-    Ignore(ExDeleteResourceLite(&Fcb->PagingIoResource), "nobody ever took it");
-    Ignore(ExDeleteResourceLite(&Fcb->Resource), "no request runs any more");
-    FsRtlTeardownPerStreamContexts(&Fcb->Header);
-    FsRtlNotifyUninitializeSync(&Fcb->NotifySync);
-    NtFsdFreeFcbMemory(Fcb);
-}
-
 void FreeAll(PLIST_ENTRY Instances, PLIST_ENTRY Fcbs) {
     while (!IsListEmpty(Instances)) {
         NtFsdFreeInstance(InstanceOf(RemoveHeadList(Instances)));
     }
     while (!IsListEmpty(Fcbs)) {
-        FreeFcb(FcbOf(RemoveHeadList(Fcbs)));
+        NtFsdFreeFcb(FcbOf(RemoveHeadList(Fcbs)));
     }
 }
 
@@ -205,7 +186,7 @@ VOID NtFsdDetachOpens() {
         NtFsdFillIrpContext(&Context, nullptr, TRUE, 0);
         for (PLIST_ENTRY Links = Fcbs.Flink; Links != &Fcbs; Links = Links->Flink) {
             const PFCB Fcb = FcbOf(Links);
-            RemoveFromPrefixTable(Fcb);
+            NtFsdRemovePrefix(Fcb);
             NtFsdTakeNotifyList(Fcb, &Notifications);
             EndLocks(Fcb);
             for (PLIST_ENTRY Open = Fcb->InstanceList.Flink; Open != &Fcb->InstanceList; Open = Open->Flink) {
@@ -241,7 +222,7 @@ PFCB NtFsdTakeDeviceFcb() {
         DriverFcb = nullptr;
     }
     if (Unused != nullptr) {
-        FreeFcb(Unused);
+        NtFsdFreeFcb(Unused);
     }
     return nullptr;
 }

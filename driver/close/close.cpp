@@ -89,6 +89,7 @@ void PrepareDelete(const CLOSE &Close) {
                     (Close.Fcb->OpenFlags & FCB_STATE_DELETE_DISPOSITION) ? "FCB_STATE_DELETE_DISPOSITION"
                                                                           : "FCB_STATE_DELETE_ON_CLOSE",
                     Close.Fcb, &Close.Fcb->FullPath);
+    const ActForDeletionOwner Owner(Close.IrpContext, Close.Fcb);
     if (Close.IsOpenDirectory()) {
         ClearReadOnlyDirectory(Close);
     } else if (Close.Instance->FileHandle != 0) {
@@ -122,6 +123,7 @@ bool DeleteObject(CLOSE &Close) {
         NtFsdDebugPrint(TRACE_GENERAL, 0, "Deleting File 0x%x\n", LowPart(Instance->FileHandle));
         IsDirectory = false;
     }
+    const ActForDeletionOwner Owner(Close.IrpContext, Close.Fcb);
     const RVSTATUS Status = IsDirectory
                                 ? RVFsdDeleteDirectory(Close.Security(), Instance->BaseHandle, Instance->PathLeft)
                                 : RVFsdDeleteFile(Close.Security(), Instance->BaseHandle, Instance->PathLeft);
@@ -208,6 +210,11 @@ void EndOpen(CLOSE &Close) {
     Dereference(Close);
 }
 
+// FALSE for a record that was never made an open's.
+bool IsLinked(PINSTANCE_CONTEXT Instance) {
+    return Instance->Links.Flink != nullptr;
+}
+
 NTSTATUS Finish(PIRP_CONTEXT IrpContext, PFILE_OBJECT FileObject, NTSTATUS Status) {
     FileObject->SectionObjectPointer = nullptr;
     FileObject->FsContext = nullptr;
@@ -223,10 +230,13 @@ VOID NtFsdFreeOrphanInstance(PFILE_OBJECT FileObject) {
     if (Instance == nullptr || FileObject->FsContext != nullptr) {
         return;
     }
+    FileObject->FsContext2 = nullptr;
+    if (!IsLinked(Instance)) {
+        return;
+    }
     ResourceHold Table;
     Table.AcquireExclusive(&FcbTableResource, TRUE);
     RemoveEntryList(&Instance->Links);
-    FileObject->FsContext2 = nullptr;
     NtFsdFreeInstance(Instance);
 }
 
@@ -236,10 +246,14 @@ NTSTATUS NtFsdCommonClose(PIRP_CONTEXT IrpContext) {
         NtFsdFreeOrphanInstance(FileObject);
         return Finish(IrpContext, FileObject, STATUS_UNSUCCESSFUL);
     }
+    const auto Instance = static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2);
+    if (Instance == nullptr || !IsLinked(Instance)) {
+        return Finish(IrpContext, FileObject, STATUS_SUCCESS); // it is no open: there is nothing to end
+    }
     CLOSE Close = {.IrpContext = IrpContext,
                    .FileObject = FileObject,
                    .Fcb = static_cast<PFCB>(FileObject->FsContext),
-                   .Instance = static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2),
+                   .Instance = Instance,
                    .Table = {},
                    .Hold = {}};
     NtFsdDebugPrint(TRACE_GENERAL, 0, "Close File FCB = 0x%p\n", Close.Fcb);

@@ -3,11 +3,15 @@
 
 #include "names/fcb.h"
 
-// Takes FileObject's claim out of Fcb's share access, once: a second call finds no claim. Resource held exclusive.
-inline VOID NtFsdRemoveShareClaim(PFCB Fcb, PFILE_OBJECT FileObject) {
-    IoRemoveShareAccess(FileObject, &Fcb->ShareAccess);
-    // The removal goes by these flags and leaves them as they are.
+// Makes FileObject claim nothing. Its access flags are what the removal of a claim goes by.
+inline VOID NtFsdForgetShareClaim(PFILE_OBJECT FileObject) {
     FileObject->ReadAccess = FALSE;
     FileObject->WriteAccess = FALSE;
     FileObject->DeleteAccess = FALSE;
+}
+
+// Takes FileObject's claim out of Fcb's share access, once: a second call finds no claim. Resource held exclusive.
+inline VOID NtFsdRemoveShareClaim(PFCB Fcb, PFILE_OBJECT FileObject) {
+    IoRemoveShareAccess(FileObject, &Fcb->ShareAccess);
+    NtFsdForgetShareClaim(FileObject); // the removal leaves the flags as they are
 }

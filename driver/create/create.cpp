@@ -1,5 +1,6 @@
 #include "create/create_state.h"
 
+#include "close/share_claim.h"
 #include "dir/notify.h"
 
 namespace {
@@ -78,27 +79,22 @@ NTSTATUS OpenTarget(CREATE_STATE &Create) {
     return Status;
 }
 
-void ForgetShareClaim(PFILE_OBJECT FileObject) {
-    FileObject->ReadAccess = FALSE;
-    FileObject->WriteAccess = FALSE;
-    FileObject->DeleteAccess = FALSE;
-}
-
 // Takes the claims of handles that are cleaned up but not closed out of the share record. Only right when no other open
 // lives, which is when the record may simply be emptied.
 void DropDeadShareClaims(PFCB Fcb) {
     for (PLIST_ENTRY Entry = Fcb->InstanceList.Flink; Entry != &Fcb->InstanceList; Entry = Entry->Flink) {
         PINSTANCE_CONTEXT Instance = CONTAINING_RECORD(Entry, INSTANCE_CONTEXT, Links);
         if (Instance->FileObject != nullptr) {
-            ForgetShareClaim(Instance->FileObject);
+            NtFsdForgetShareClaim(Instance->FileObject);
         }
     }
     memset(&Fcb->ShareAccess, 0, sizeof(Fcb->ShareAccess));
 }
 
 NTSTATUS FindFcb(CREATE_STATE &Create) {
-    const NTSTATUS Status = NtFsdOpenFcb(Create.IrpContext, Create.RelatedFileObject, &Create.Name, &Create.Fcb,
-                                         &Create.Instance, &Create.OpenCount, &Create.EntryType, Create.Hold);
+    const NTSTATUS Status =
+        NtFsdOpenFcb(Create.IrpContext, Create.RelatedFileObject, &Create.Name, &Create.Fcb, &Create.Instance,
+                     &Create.OpenCount, &Create.EntryType, Create.Hold, &Create.Before);
     if (Status != STATUS_SUCCESS) {
         return Status;
     }
@@ -110,7 +106,6 @@ NTSTATUS FindFcb(CREATE_STATE &Create) {
     NtFsdDebugPrint(TRACE_CREATE, 0, "Instance Volume Handle = 0x%x\n", LowPart(Instance->VolumeHandle));
     NtFsdDebugPrint(TRACE_CREATE, 0, "Instance pPathLeft     = \"%ls\"\n", static_cast<PCWSTR>(Instance->PathLeft));
     NtFsdDebugPrint(TRACE_CREATE, 0, "FCB full path          = \"%wZ\"\n", &Fcb->FullPath);
-    Create.SavedOpenFlags = Fcb->OpenFlags;
     Create.Shared = Create.OpenCount > 1 && Fcb->OpenType != OPEN_TYPE_UNKNOWN;
     Instance->TrailingSlash = Create.TrailingSlash;
     if (!Create.Shared) {
@@ -218,7 +213,7 @@ void RecordShareAccess(CREATE_STATE &Create) {
                      Create.CheckAccess, Create.ShareAccess, CommonShareMode(Fcb->ShareAccess),
                      static_cast<ULONG>(Status), &Fcb->FullPath);
     // The check noted the access in the file object before it refused; cleanup would take away what was never added.
-    ForgetShareClaim(Create.FileObject);
+    NtFsdForgetShareClaim(Create.FileObject);
 }
 
 // Every success ends here, with the FCB's Resource held.
@@ -237,6 +232,7 @@ NTSTATUS CompleteSuccess(CREATE_STATE &Create) {
     if (Create.DeleteOnClose) {
         NtFsdDebugPrint(TRACE_CREATE, 0, "[RVFSD] NtFsdCommonCreate FCB_STATE_DELETE_ON_CLOSE set on \"%wZ\" \n",
                         &Fcb->FullPath);
+        Fcb->DeleteOnCloseOwner = Create.Instance->Opener;
         NtFsdSetOpenFlags(Fcb, FCB_STATE_DELETE_ON_CLOSE);
     }
     // Last, because it drops the Resource: an open that attaches meanwhile must find the FCB finished.
@@ -252,17 +248,16 @@ NTSTATUS CompleteSuccess(CREATE_STATE &Create) {
 void UndoFcbChanges(CREATE_STATE &Create) {
     PFCB Fcb = Create.Fcb;
     constexpr ULONG KEPT = FCB_STATE_IN_PREFIX_TABLE;
-    NtFsdClearOpenFlags(Fcb, ~(Create.SavedOpenFlags | KEPT));
-    NtFsdSetOpenFlags(Fcb, Create.SavedOpenFlags & ~KEPT);
+    NtFsdClearOpenFlags(Fcb, ~(Create.Before.OpenFlags | KEPT));
+    NtFsdSetOpenFlags(Fcb, Create.Before.OpenFlags & ~KEPT);
+    NtFsdSetVolumeResolved(Fcb, Create.Before.VolumeResolved);
+    Fcb->VolumeRoot = Create.Before.VolumeRoot;
     if (!Create.Shared) {
         NtFsdInitializeFcbFileLock(Fcb);
-        IoRemoveShareAccess(Create.FileObject, &Fcb->ShareAccess);
+        NtFsdRemoveShareClaim(Fcb, Create.FileObject);
         NtFsdSetOpenType(Fcb, OPEN_TYPE_UNKNOWN);
-    } else if (Fcb->OpenType == OPEN_TYPE_DIRECTORY && Create.Instance->PathLeft[0] != 0) {
-        // The look-up marked the path as resolved; a directory that is open says that it is not a volume root.
-        NtFsdSetVolumeResolved(Fcb, 0);
     }
-    ForgetShareClaim(Create.FileObject);
+    NtFsdForgetShareClaim(Create.FileObject);
     if (Fcb->OpenCount == 1) {
         NtFsdSetOpenFlags(Fcb, FCB_STATE_FIRST_OPEN_FAILED);
     }

@@ -6,7 +6,7 @@ namespace {
 // have no dot entries.
 void MarkDirectory(CREATE_STATE &Create) {
     NtFsdSetOpenType(Create.Fcb, OPEN_TYPE_DIRECTORY);
-    if (Create.Instance->PathLeft[0] != 0) {
+    if (!NtFsdIsVolumeRoot(Create.Fcb)) {
         NtFsdSetVolumeResolved(Create.Fcb, 0);
     }
 }

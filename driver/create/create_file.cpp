@@ -219,15 +219,15 @@ NTSTATUS OpenFileAtProvider(CREATE_STATE &Create) {
     ULONG Attributes = 0;
     ULONG64 EndOfFile = 0;
     const RVSTATUS Queried = RVFsdGetFileInformation(Create.Security(), File.Get(), &Attributes, &EndOfFile);
+    Status = CheckDeleteOnClose(Create, Queried, Attributes, File, CreateAction);
+    if (Status != STATUS_SUCCESS) {
+        return Status;
+    }
     if (Queried == RVSTATUS::Success && EndOfFile <= static_cast<ULONG64>(LARGEST_OFFSET)) {
         PFCB Fcb = Create.Fcb;
         Fcb->Header.AllocationSize.QuadPart = static_cast<LONG64>(EndOfFile);
         Fcb->Header.FileSize.QuadPart = static_cast<LONG64>(EndOfFile);
         Fcb->Header.ValidDataLength.QuadPart = static_cast<LONG64>(EndOfFile);
-    }
-    Status = CheckDeleteOnClose(Create, Queried, Attributes, File, CreateAction);
-    if (Status != STATUS_SUCCESS) {
-        return Status;
     }
     Create.EntryCreated = Parameters.Disposition == RV_DISPOSITION_CREATE_NEW;
     Create.Information = FileInformation(Create, CreateAction);

@@ -40,9 +40,9 @@ struct CREATE_STATE {
     ResourceHold Hold; // of Fcb's Resource; not held: there is no FCB
     ULONG OpenCount = 0;
     ULONG EntryType = ENTRY_TYPE_UNKNOWN;
-    ULONG SavedOpenFlags = 0;
-    // Others have the FCB open and it is typed. An FCB that only failing creates are leaving counts as new: it has
-    // neither a type nor a share record.
+    FCB_BEFORE_OPEN Before = {};
+    // Others have the FCB open and it is typed. One without a type has no other opens but those of creates that have
+    // failed and not left it yet: it counts as new.
     bool Shared = false;
 
     // What was decided.

@@ -15,15 +15,9 @@ struct PARENT_POSITION {
 };
 
 PARENT_POSITION FindParent(PCUNICODE_STRING FullPath) {
-    PARENT_POSITION Position = {0, 0};
-    const ULONG Units = WideLength(FullPath->Buffer, FullPath->Length / sizeof(WCHAR));
-    for (ULONG Index = 0; Index + 1 < Units; ++Index) {
-        if (FullPath->Buffer[Index] == SEPARATOR) {
-            ++Position.Separators;
-            Position.ParentUnits = Index;
-        }
-    }
-    return Position;
+    const UNICODE_STRING Path =
+        NtFsdWithoutSlash(ViewOf(FullPath->Buffer, WideLength(FullPath->Buffer, UnitsOf(*FullPath))));
+    return {NtFsdCountPathComponents(&Path), UnitsOf(NtFsdSplitPath(Path).Front)};
 }
 
 BOOLEAN AskErasePermission(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance, RVHANDLE Handle, PCWSTR Path) {

@@ -42,22 +42,9 @@ private:
     ULONG Bytes_ = 0;
 };
 
-// Composes the target's full path, after the related file object has proven to be an open of a path of ours.
-NTSTATUS ComposeTargetPath(PFILE_OBJECT FileObject, PUNICODE_STRING Path, PATH_SOURCE *ComposedOf) {
-    PFILE_OBJECT RelatedFileObject = FileObject->RelatedFileObject;
-    *ComposedOf = {nullptr, nullptr};
-    if (RelatedFileObject != nullptr) {
-        if (!NtFsdIsFcb(RelatedFileObject->FsContext) || RelatedFileObject->FsContext2 == nullptr) {
-            return STATUS_INVALID_HANDLE;
-        }
-        PFCB Related = static_cast<PFCB>(RelatedFileObject->FsContext);
-        if (__atomic_load_n(&Related->OpenType, __ATOMIC_RELAXED) == OPEN_TYPE_DEVICE) {
-            return STATUS_NOT_A_DIRECTORY;
-        }
-        *ComposedOf = NtFsdPathSource(Related);
-    }
+NTSTATUS ComposeTargetPath(const PATH_SOURCE &Source, PCUNICODE_STRING Name, PUNICODE_STRING Path) {
     ULONG AllocationBytes = 0;
-    const NTSTATUS Status = NtFsdComposePath(ComposedOf->Path(), &FileObject->FileName, Path, &AllocationBytes);
+    const NTSTATUS Status = NtFsdComposePath(Source.Path(), const_cast<PUNICODE_STRING>(Name), Path, &AllocationBytes);
     if (Status == STATUS_INSUFFICIENT_RESOURCES) {
         NtFsdAlwaysPrint("[RVFSD] NtFsdOpenTargetDirectory alloc for %hu bytes failed.\n", AllocationBytes);
     }
@@ -69,33 +56,16 @@ void Shorten(PUNICODE_STRING Path, ULONG Units) {
     Path->Buffer[Units] = 0;
 }
 
-// No component of the path may be empty, the last included, and no zero may stand in it: the Provider would see another
-// path than the one that was named.
-bool IsPathValid(PCUNICODE_STRING Path) {
-    const ULONG Units = Path->Length / sizeof(WCHAR);
-    for (ULONG Index = 0; Index < Units; ++Index) {
-        const WCHAR Next = Index + 1 < Units ? Path->Buffer[Index + 1] : SEPARATOR;
-        if (Path->Buffer[Index] == 0 || (Path->Buffer[Index] == SEPARATOR && Next == SEPARATOR)) {
-            return false;
-        }
-    }
-    return true;
-}
-
 // Takes the final name off Path, which then names the parent directory.
 NTSTATUS SplitFinalName(PUNICODE_STRING Path, FinalName &Name) {
-    const ULONG Units = Path->Length / sizeof(WCHAR);
-    ULONG NameStart = Units;
-    while (NameStart != 0 && Path->Buffer[NameStart - 1] != SEPARATOR) {
-        --NameStart;
-    }
-    if (!Name.Copy(Path->Buffer + NameStart, Units - NameStart)) {
+    const PATH_PARTS Parts = NtFsdSplitPath(*Path);
+    if (!Name.Copy(Parts.Last.Buffer, UnitsOf(Parts.Last))) {
         NtFsdDebugPrint(TRACE_CREATE, 0,
                         "[RVFSD] NtFsdOpenTargetDirectory alloc %u bytes for remaining path of \"%Z\" failed.\n",
                         Name.AllocationBytes(), Path);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    Shorten(Path, NameStart != 0 ? NameStart - 1 : 0);
+    Shorten(Path, UnitsOf(Parts.Front));
     return STATUS_SUCCESS;
 }
 
@@ -149,32 +119,32 @@ ULONG_PTR OpenParentHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT 
     return FILE_EXISTS;
 }
 
-// STATUS_RETRY when the related directory was renamed in between: nothing has been done then.
-NTSTATUS OpenParentOnce(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp, PFCB *Fcb, PINSTANCE_CONTEXT *Instance,
-                        PULONG_PTR Information, ResourceHold &Hold) {
+// STATUS_RETRY when the related directory, whose path is Source, was renamed in between: nothing has been done then.
+NTSTATUS OpenParentOnce(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp, const PATH_SOURCE &Source, PFCB *Fcb,
+                        PINSTANCE_CONTEXT *Instance, PULONG_PTR Information, ResourceHold &Hold) {
     PFILE_OBJECT FileObject = IrpSp->FileObject;
     OwnedString Path;
-    PATH_SOURCE ComposedOf;
-    NTSTATUS Status = ComposeTargetPath(FileObject, Path.Get(), &ComposedOf);
+    NTSTATUS Status = ComposeTargetPath(Source, &FileObject->FileName, Path.Get());
     if (Status != STATUS_SUCCESS) {
         return Status;
     }
-    const ULONG Units = Path->Length / sizeof(WCHAR);
-    const bool TrailingSlash = Units != 0 && Path->Buffer[Units - 1] == SEPARATOR;
-    if (TrailingSlash) {
-        Shorten(Path.Get(), Units - 1);
-    }
-    if (!IsPathValid(Path.Get())) {
+    const ULONG Units = UnitsOf(NtFsdWithoutSlash(*Path.Get()));
+    const bool TrailingSlash = Units != UnitsOf(*Path.Get());
+    Shorten(Path.Get(), Units);
+    if (!NtFsdIsPathValid(Path.Get())) {
         return STATUS_OBJECT_NAME_INVALID;
     }
 
     NTSTATUS TargetStatus = STATUS_SUCCESS;
     Status = NtFsdVerifyFile(IrpContext, Path->Buffer, Path->Length, &TargetStatus);
     if (Status == STATUS_OBJECT_PATH_NOT_FOUND) {
-        NtFsdDebugPrint(TRACE_CREATE, 0,
-                        "NtFsdOpenTargetDirectory NtFsdVerifyFile for full path \"%wZ\" returned "
-                        "STATUS_OBJECT_PATH_NOT_FOUND (0x%08X).\n",
-                        Path.Get(), static_cast<ULONG>(Status));
+        Status = Source.Judge(Status);
+        if (Status != STATUS_RETRY) {
+            NtFsdDebugPrint(TRACE_CREATE, 0,
+                            "NtFsdOpenTargetDirectory NtFsdVerifyFile for full path \"%wZ\" returned "
+                            "STATUS_OBJECT_PATH_NOT_FOUND (0x%08X).\n",
+                            Path.Get(), static_cast<ULONG>(Status));
+        }
         return Status;
     }
     FinalName Name;
@@ -187,14 +157,18 @@ NTSTATUS OpenParentOnce(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp, PFCB 
     PINSTANCE_CONTEXT ParentInstance = nullptr;
     ULONG OpenCount = 0;
     ULONG EntryType = ENTRY_TYPE_UNKNOWN;
-    Status = NtFsdOpenFcb(IrpContext, nullptr, Path.Get(), &ParentFcb, &ParentInstance, &OpenCount, &EntryType, Hold,
-                          &ComposedOf);
+    Status = NtFsdOpenComposedFcb(IrpContext, Source, Path.Get(), &ParentFcb, &ParentInstance, &OpenCount, &EntryType,
+                                  Hold, nullptr);
+    if (Status == STATUS_RETRY) {
+        return Status;
+    }
     if (Status != STATUS_SUCCESS) {
         NtFsdDebugPrint(TRACE_CREATE, 0,
                         "[RVFSD] NtFsdOpenTargetDirectory NtFsdOpenFcb for (0x%p) \"%Z\" returned status 0x%08X.\n",
                         Path.Get(), Path.Get(), static_cast<ULONG>(Status));
         return Status;
     }
+    ParentInstance->IsTarget = TRUE;
     *Fcb = ParentFcb;
     *Instance = ParentInstance;
     ParentInstance->TargetMissing = TargetStatus == STATUS_NO_SUCH_FILE;
@@ -204,7 +178,7 @@ NTSTATUS OpenParentOnce(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp, PFCB 
     if (NewParent) {
         TypeNewParent(IrpSp, ParentFcb);
     }
-    if (ParentInstance->PathLeft[0] != 0) {
+    if (!NtFsdIsVolumeRoot(ParentFcb)) {
         NtFsdSetVolumeResolved(ParentFcb, 0); // only a volume root stays resolved; listings tell them apart by it
     }
     ReplaceFileName(&FileObject->FileName, Name);
@@ -216,9 +190,13 @@ NTSTATUS OpenParentOnce(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp, PFCB 
 
 NTSTATUS NtFsdOpenTargetDirectory(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp, PFCB *Fcb,
                                   PINSTANCE_CONTEXT *Instance, PULONG_PTR Information, ResourceHold &Hold) {
-    NTSTATUS Status;
-    do {
-        Status = OpenParentOnce(IrpContext, IrpSp, Fcb, Instance, Information, Hold);
-    } while (Status == STATUS_RETRY);
-    return Status;
+    PFCB Related;
+    PINSTANCE_CONTEXT RelatedInstance;
+    const NTSTATUS Status = NtFsdCheckRelated(IrpSp->FileObject->RelatedFileObject, &Related, &RelatedInstance);
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
+    return NtFsdUnderCurrentPath(Related, [&](const PATH_SOURCE &Source) {
+        return OpenParentOnce(IrpContext, IrpSp, Source, Fcb, Instance, Information, Hold);
+    });
 }

@@ -109,13 +109,6 @@ PCUNICODE_STRING MaskOf(const QUERY &Query) {
 
 // Sets up the search of this open's first query, or of a restart.
 NTSTATUS StartSearch(QUERY &Query) {
-    // A directory that was created and not opened has no handle to list yet. The first search has the FCB exclusive.
-    if (!Query.Instance->SearchInitialized) {
-        const NTSTATUS Status = NtFsdEnsureDirectoryHandle(Query.IrpContext, Query.Fcb, Query.Instance);
-        if (!NT_SUCCESS(Status)) {
-            return Status;
-        }
-    }
     const NTSTATUS Status = NtFsdInitializeSearch(Query.IrpContext, Query.Fcb, Query.Instance, MaskOf(Query));
     if (!NT_SUCCESS(Status)) {
         return Status;
@@ -266,15 +259,13 @@ NTSTATUS QueryDirectory(PIRP_CONTEXT IrpContext) {
     if (Refused == STATUS_SUCCESS) {
         ResourceHold Hold;
         SearchHold Search;
-        const BOOLEAN Wait = IrpContext->MayWait();
-        const bool Acquired = IsSearching(Query.Instance) ? Hold.AcquireShared(&Query.Fcb->Resource, Wait)
-                                                          : Hold.AcquireExclusive(&Query.Fcb->Resource, Wait);
-        if (!Acquired || !Search.Acquire(Query.Instance, Wait)) {
+        Status = NtFsdAcquireForHandle(IrpContext, Query.Fcb, Query.Instance, !IsSearching(Query.Instance), Hold);
+        if (Status == STATUS_CANT_WAIT || !Search.Acquire(Query.Instance, IrpContext->MayWait())) {
             Hold.Release();
             return NtFsdPostRequest(IrpContext);
         }
         Refused = CheckHeld(Query);
-        if (Refused == STATUS_SUCCESS) {
+        if (Refused == STATUS_SUCCESS && NT_SUCCESS(Status)) {
             Status = ListHeld(Query);
         }
     }

@@ -88,19 +88,12 @@ NTSTATUS NtFsdGetParentName(PCUNICODE_STRING Name, PUNICODE_STRING Parent) {
     if (NtFsdCountPathComponents(Name) < 3 || Name->Length / sizeof(WCHAR) < SHORTEST) {
         return STATUS_OBJECT_PATH_INVALID;
     }
-    ULONG End = Name->Length / sizeof(WCHAR);
-    while (End > 0 && Name->Buffer[End - 1] == SEPARATOR) {
-        --End;
+    UNICODE_STRING Path = *Name;
+    while (UnitsOf(Path) != UnitsOf(NtFsdWithoutSlash(Path))) {
+        Path = NtFsdWithoutSlash(Path);
     }
-    while (End > 0 && Name->Buffer[End - 1] != SEPARATOR) {
-        --End;
-    }
-    if (End <= 1) {
-        return STATUS_OBJECT_PATH_INVALID; // no separator, or nothing before it
-    }
-    UNICODE_STRING Front = *Name;
-    Front.Length = static_cast<USHORT>((End - 1) * sizeof(WCHAR));
-    return NtFsdUpdateUnicodeString(Parent, &Front);
+    const UNICODE_STRING Front = NtFsdSplitPath(Path).Front;
+    return Front.Length != 0 ? NtFsdUpdateUnicodeString(Parent, &Front) : STATUS_OBJECT_PATH_INVALID;
 }
 
 VOID NtFsdTakeNotifyList(PFCB Fcb, PLIST_ENTRY Batch) {

@@ -336,7 +336,7 @@ NTSTATUS NtFsdCommonQueryInformation(PIRP_CONTEXT IrpContext) {
         return Refuse(IrpContext, STATUS_INVALID_HANDLE);
     }
     ResourceHold Hold;
-    const NTSTATUS Acquired = NtFsdAcquireForHandle(IrpContext, Query.Fcb, Query.Instance, Hold);
+    const NTSTATUS Acquired = NtFsdAcquireForHandle(IrpContext, Query.Fcb, Query.Instance, false, Hold);
     if (Acquired == STATUS_CANT_WAIT) {
         return NtFsdPostRequest(IrpContext);
     }

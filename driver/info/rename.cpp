@@ -17,7 +17,7 @@ struct RENAME {
     PINSTANCE_CONTEXT TargetInstance;
     bool Replace;
     bool CaseOnly = false;           // the object itself bears the new name, in another case
-    bool SameName = false;           // the object itself bears the new name
+    bool SameName = false;           // the FCB itself bears the new name, which the server may spell otherwise
     OwnedString NewName = {};        // the new final component
     NewPathRecord NewPath = {};      // the FCB's path after the move
     OwnedString CaseOnlySource = {}; // the old final component of a case-only rename
@@ -30,36 +30,11 @@ struct RENAME {
     }
 };
 
-UNICODE_STRING View(PWSTR Text, ULONG Units) {
-    const USHORT Bytes = static_cast<USHORT>(Units * sizeof(WCHAR));
-    return {Bytes, Bytes, Text};
-}
-
-ULONG UnitsOf(PCUNICODE_STRING Text) {
-    return Text->Length / sizeof(WCHAR);
-}
-
-// The directory's path without a trailing backslash.
-UNICODE_STRING WithoutSlash(PCUNICODE_STRING Path) {
-    ULONG Units = UnitsOf(Path);
-    if (Units != 0 && Path->Buffer[Units - 1] == SEPARATOR) {
-        --Units;
-    }
-    return View(Path->Buffer, Units);
-}
-
 // ---- Preparation
-// -------------------------------------------------------------------------------------------------------
 
 // The new name must be one component, of a name that an open would take.
 bool IsNewNameValid(PCUNICODE_STRING Name) {
-    for (ULONG At = 0; At < UnitsOf(Name); ++At) {
-        const WCHAR Unit = Name->Buffer[At];
-        if (Unit == SEPARATOR || Unit == 0 || Unit == WTEXT('*') || Unit == WTEXT('?')) {
-            return false;
-        }
-    }
-    return UnitsOf(Name) != 0;
+    return NtFsdIsPathValid(Name) && !NtFsdHasWildcards(Name) && NtFsdSplitPath(*Name).Last.Length == Name->Length;
 }
 
 NTSTATUS PrepareNames(RENAME &Rename) {
@@ -70,14 +45,13 @@ NTSTATUS PrepareNames(RENAME &Rename) {
     if (!NT_SUCCESS(Status)) {
         return Status == STATUS_NAME_TOO_LONG ? STATUS_OBJECT_NAME_INVALID : Status;
     }
-    const UNICODE_STRING Directory = WithoutSlash(Rename.TargetDirectory());
+    const UNICODE_STRING Directory = NtFsdWithoutSlash(*Rename.TargetDirectory());
     OwnedString Path;
     Status = NtFsdComposePath(&Directory, Rename.NewName.Get(), Path.Get(), nullptr);
     return NT_SUCCESS(Status) ? Rename.NewPath.Make(Path.Get()) : Status;
 }
 
 // ---- The case-only test
-// ------------------------------------------------------------------------------------------------
 
 // Whether the source path begins with the target directory's. If not, the reason is traced.
 bool BeginsWithTarget(RENAME &Rename) {
@@ -91,16 +65,16 @@ bool BeginsWithTarget(RENAME &Rename) {
             Source, static_cast<ULONG>(Source->Length), Target, static_cast<ULONG>(Target->Length));
         return false;
     }
-    const UNICODE_STRING Directory = WithoutSlash(Target);
-    const ULONG Units = UnitsOf(&Directory);
-    if (UnitsOf(Source) > Units && Source->Buffer[Units] != SEPARATOR) {
+    const UNICODE_STRING Directory = NtFsdWithoutSlash(*Target);
+    const ULONG Units = UnitsOf(Directory);
+    if (UnitsOf(*Source) > Units && Source->Buffer[Units] != SEPARATOR) {
         NtFsdDebugPrint(TRACE_FILE_INFO, 0,
                         "NtFsdFileSetRenameInfo determined cannot be case-only rename based on parent directory "
                         "backslash:\n        source: \"%wZ\"\n        target: \"%wZ\"\n",
                         Source, Target);
         return false;
     }
-    const UNICODE_STRING Front = View(Source->Buffer, Units);
+    const UNICODE_STRING Front = ViewOf(Source->Buffer, Units);
     if (!RtlEqualUnicodeString(&Front, &Directory, TRUE)) {
         NtFsdDebugPrint(TRACE_FILE_INFO, 0,
                         "NtFsdFileSetRenameInfo determined cannot be case-only rename based on parent directory "
@@ -111,19 +85,11 @@ bool BeginsWithTarget(RENAME &Rename) {
     return true;
 }
 
-UNICODE_STRING FinalComponent(PCUNICODE_STRING Path) {
-    ULONG Start = UnitsOf(Path);
-    while (Start != 0 && Path->Buffer[Start - 1] != SEPARATOR) {
-        --Start;
-    }
-    return View(Path->Buffer + Start, UnitsOf(Path) - Start);
-}
-
 NTSTATUS TestCaseOnly(RENAME &Rename) {
     if (!BeginsWithTarget(Rename)) {
         return STATUS_SUCCESS;
     }
-    const UNICODE_STRING Old = FinalComponent(Rename.Source());
+    const UNICODE_STRING Old = NtFsdSplitPath(*Rename.Source()).Last;
     PCUNICODE_STRING New = Rename.NewName.Get();
     // As many characters as the new name has are compared at the end: of a longer name those do not begin behind a
     // backslash.
@@ -135,9 +101,9 @@ NTSTATUS TestCaseOnly(RENAME &Rename) {
         return STATUS_SUCCESS;
     }
     // The name alone says nothing of an object deeper below the target directory, or of that directory itself.
-    const UNICODE_STRING Directory = WithoutSlash(Rename.TargetDirectory());
-    const bool LiesInTarget = UnitsOf(Rename.Source()) == UnitsOf(&Directory) + 1 + UnitsOf(&Old);
-    // However the directory is spelled: what has the name already must not be deleted to make room for itself.
+    const UNICODE_STRING Directory = NtFsdWithoutSlash(*Rename.TargetDirectory());
+    const bool LiesInTarget = UnitsOf(*Rename.Source()) == UnitsOf(Directory) + 1 + UnitsOf(Old);
+    // What has the name already must not be deleted to make room for itself.
     Rename.SameName = LiesInTarget && RtlEqualUnicodeString(&Old, New, FALSE);
     if (!LiesInTarget || Rename.SameName || !RtlEqualUnicodeString(&Old, New, TRUE)) {
         NtFsdDebugPrint(TRACE_FILE_INFO, 0,
@@ -160,7 +126,6 @@ NTSTATUS TestCaseOnly(RENAME &Rename) {
 }
 
 // ---- The move
-// ----------------------------------------------------------------------------------------------------------
 
 struct MOVE {
     RVHANDLE SourceBase;
@@ -276,7 +241,6 @@ RVSTATUS MoveFile(SET_INFORMATION &Change, const MOVE &Move) {
 }
 
 // ---- The rules
-// ---------------------------------------------------------------------------------------------------------
 
 // A target that could not be opened as a directory has no handle that the new name could be relative to.
 bool HasTargetHandle(const RENAME &Rename) {
@@ -284,21 +248,31 @@ bool HasTargetHandle(const RENAME &Rename) {
 }
 
 bool IsInTheWay(const RENAME &Rename) {
-    return !Rename.TargetInstance->TargetMissing && !Rename.CaseOnly;
+    return !Rename.TargetInstance->TargetMissing && !Rename.CaseOnly && !Rename.SameName;
+}
+
+// Frees the new name from creates that have only looked it up: a create holds its FCB until it has succeeded, so that
+// an FCB which has no type then is left to creates that fail. One that is open keeps its name, since opens of the new
+// name would be left with a stale FCB. FcbTableResource held, which keeps the FCB, and no FCB's Resource.
+NTSTATUS ClaimNewPath(RENAME &Rename) {
+    UNICODE_STRING Remaining;
+    const PFCB Holder = NtFsdFindFcb(Rename.NewPath.Path(), &Remaining);
+    if (Holder == nullptr || Remaining.Length != 0 || Holder == Rename.Change.Fcb) {
+        return STATUS_SUCCESS;
+    }
+    ResourceHold Hold;
+    Hold.AcquireExclusive(&Holder->Resource, TRUE);
+    if (Holder->OpenType != OPEN_TYPE_UNKNOWN) {
+        return STATUS_ACCESS_DENIED;
+    }
+    NtFsdRemovePrefix(Holder);
+    return STATUS_SUCCESS;
 }
 
 // Everything that can be known before something is deleted or moved.
 NTSTATUS CheckRules(const RENAME &Rename) {
     if (NtFsdIsVolumeRoot(Rename.Change.Fcb)) {
         return STATUS_INVALID_PARAMETER; // an open has found it out while the Resource was not held
-    }
-    if (IsInTheWay(Rename) && (!Rename.Replace || Rename.Change.IsDirectory())) {
-        return STATUS_OBJECT_NAME_COLLISION;
-    }
-    UNICODE_STRING Remaining;
-    const PFCB Holder = NtFsdFindFcb(Rename.NewPath.Path(), &Remaining);
-    if (Holder != nullptr && Remaining.Length == 0 && Holder != Rename.Change.Fcb) {
-        return STATUS_ACCESS_DENIED; // opens of the new name would be left with a stale FCB
     }
     if (Rename.Change.IsDirectory() && NtFsdHasFcbBelow(Rename.Source())) {
         return STATUS_ACCESS_DENIED; // what is open below would keep its old path
@@ -322,20 +296,20 @@ NTSTATUS ClearTheWay(RENAME &Rename) {
     return Status == STATUS_NO_SUCH_FILE ? STATUS_SUCCESS : Status;
 }
 
-// The rename with FcbTableResource held, so that no path of an FCB changes but the one that this changes.
+// What the move's result means. STATUS_PENDING is the answer of a Provider that has not said what it did.
+NTSTATUS JudgeMove(const RENAME &Rename, RVSTATUS Result) {
+    const NTSTATUS Status = NtFsdTranslateResult(Result);
+    if (Status == STATUS_PENDING) {
+        return STATUS_UNSUCCESSFUL;
+    }
+    // The server may call what bears the name already a collision with itself.
+    return Rename.SameName && Status == STATUS_OBJECT_NAME_COLLISION ? STATUS_SUCCESS : Status;
+}
+
+// The rename with FcbTableResource and the FCB's Resource held.
 NTSTATUS RenameHeld(RENAME &Rename) {
     SET_INFORMATION &Change = Rename.Change;
-    if (!HasTargetHandle(Rename)) {
-        return STATUS_OBJECT_PATH_NOT_FOUND;
-    }
-    NTSTATUS Status = PrepareNames(Rename);
-    if (NT_SUCCESS(Status)) {
-        Status = TestCaseOnly(Rename);
-    }
-    if (!NT_SUCCESS(Status) || Rename.SameName) {
-        return Status;
-    }
-    Status = CheckRules(Rename);
+    NTSTATUS Status = CheckRules(Rename);
     if (NT_SUCCESS(Status)) {
         Status = ClearTheWay(Rename);
     }
@@ -343,13 +317,37 @@ NTSTATUS RenameHeld(RENAME &Rename) {
         return Status;
     }
     const MOVE Move = MoveOf(Rename);
-    Status = NtFsdTranslateResult(Change.IsDirectory() ? MoveDirectory(Change, Move) : MoveFile(Change, Move));
+    Status = JudgeMove(Rename, Change.IsDirectory() ? MoveDirectory(Change, Move) : MoveFile(Change, Move));
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
     NtFsdDebugPrint(TRACE_FILE_INFO, 0, "NtFsdFileSetRenameInfo built path \"%wZ\" for NtFsdRenameFcb.\n",
                     Rename.NewPath.Path());
     NtFsdRenameFcb(Change.Fcb, Rename.NewPath, Change.Hold);
+    return Status;
+}
+
+// The rename with FcbTableResource held, so that no path of an FCB changes but the one that this changes.
+NTSTATUS RenameUnderTable(RENAME &Rename) {
+    if (!HasTargetHandle(Rename)) {
+        return STATUS_OBJECT_PATH_NOT_FOUND;
+    }
+    NTSTATUS Status = PrepareNames(Rename);
+    if (NT_SUCCESS(Status)) {
+        Status = TestCaseOnly(Rename);
+    }
+    if (NT_SUCCESS(Status) && IsInTheWay(Rename) && (!Rename.Replace || Rename.Change.IsDirectory())) {
+        Status = STATUS_OBJECT_NAME_COLLISION;
+    }
+    if (NT_SUCCESS(Status)) {
+        Status = ClaimNewPath(Rename);
+    }
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
+    Rename.Change.Hold.AcquireExclusive(&Rename.Change.Fcb->Resource, TRUE);
+    Status = RenameHeld(Rename);
+    Rename.Change.Hold.Release();
     return Status;
 }
 
@@ -382,6 +380,9 @@ NTSTATUS NtFsdFileSetRenameInfo(SET_INFORMATION &Change) {
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
+    if (!TargetInstance->IsTarget) {
+        return STATUS_INVALID_PARAMETER; // its handle is its owner's, not the rename's to consume
+    }
     if (NtFsdIsVolumeRoot(Change.Fcb)) {
         return STATUS_INVALID_PARAMETER; // the root of a volume has no name of its own
     }
@@ -394,9 +395,7 @@ NTSTATUS NtFsdFileSetRenameInfo(SET_INFORMATION &Change) {
     Change.Hold.Release();
     ResourceHold Table;
     Table.AcquireExclusive(&FcbTableResource, TRUE);
-    Change.Hold.AcquireExclusive(&Change.Fcb->Resource, TRUE);
-    Status = RenameHeld(Rename);
-    Change.Hold.Release();
+    Status = RenameUnderTable(Rename);
     ProviderDirectory Directory(Change.Security());
     *Directory.Out() = TakeTargetHandle(Rename);
     Table.Release();

@@ -6,25 +6,6 @@
 
 namespace {
 
-// \server\volume, what a path begins with.
-UNICODE_STRING VolumePart(const UNICODE_STRING &Path) {
-    ULONG Separators = 0;
-    UNICODE_STRING Part = {0, 0, Path.Buffer};
-    for (; Part.Length < Path.Length; Part.Length += sizeof(WCHAR)) {
-        Separators += Path.Buffer[Part.Length / sizeof(WCHAR)] == SEPARATOR ? 1 : 0;
-        if (Separators == 3) {
-            break;
-        }
-    }
-    return Part;
-}
-
-bool BeginAlike(PFCB First, PFCB Second) {
-    const UNICODE_STRING FirstPart = VolumePart(First->FullPath);
-    const UNICODE_STRING SecondPart = VolumePart(Second->FullPath);
-    return RtlEqualUnicodeString(&FirstPart, &SecondPart, TRUE);
-}
-
 // An identifier of zeros is a Provider's that has none to give.
 bool IsIdentified(const OPEN_VOLUME &Volume) {
     UCHAR Bits = 0;
@@ -34,20 +15,24 @@ bool IsIdentified(const OPEN_VOLUME &Volume) {
     return Volume.HasIdentifier() && Bits != 0;
 }
 
-// STATUS_SUCCESS when both paths lie in one volume by the Provider's word for where it begins: several volumes may
+// The volume that the path of Fcb leads to: of its physical path, if it lies in a distributed name space.
+NTSTATUS VolumeBehind(PRV_SECURITY Security, PFCB Fcb, PUNICODE_STRING Volume) {
+    OwnedString Physical;
+    const bool Distributed = NtFsdGetDFSPhysicalPath(Security, &Fcb->FullPath, Physical.Get()) == RVSTATUS::Success;
+    return NtFsdTranslateResult(
+        NtFsdQueryPathForVolume(Security, Distributed ? Physical->Buffer : Fcb->FullPath.Buffer, Volume));
+}
+
+// STATUS_SUCCESS when both paths lead into one volume by the Provider's word for where it begins: several volumes may
 // begin below one \server\volume.
 NTSTATUS CompareVolumePaths(PRV_SECURITY Security, PFCB Source, PFCB Target) {
-    if (!BeginAlike(Source, Target)) {
-        return STATUS_NOT_SAME_DEVICE;
-    }
     OwnedString SourceVolume;
-    NTSTATUS Status =
-        NtFsdTranslateResult(NtFsdQueryPathForVolume(Security, Source->FullPath.Buffer, SourceVolume.Get()));
+    NTSTATUS Status = VolumeBehind(Security, Source, SourceVolume.Get());
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
     OwnedString TargetVolume;
-    Status = NtFsdTranslateResult(NtFsdQueryPathForVolume(Security, Target->FullPath.Buffer, TargetVolume.Get()));
+    Status = VolumeBehind(Security, Target, TargetVolume.Get());
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
@@ -96,12 +81,12 @@ NTSTATUS NtFsdLookAtReplaced(PRV_SECURITY Security, PFCB SourceFcb, PINSTANCE_CO
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
-    // A distributed path may have another volume's name and lead into the same one.
-    if (!IsIdentified(SourceVolume) || !IsIdentified(TargetVolume)) {
-        Status = CompareVolumePaths(Security, SourceFcb, TargetFcb);
-    } else if (memcmp(SourceVolume.Identifier, TargetVolume.Identifier, sizeof(SourceVolume.Identifier)) != 0) {
-        Status = STATUS_NOT_SAME_DEVICE;
+    if (IsIdentified(SourceVolume) && IsIdentified(TargetVolume) &&
+        memcmp(SourceVolume.Identifier, TargetVolume.Identifier, sizeof(SourceVolume.Identifier)) != 0) {
+        return STATUS_NOT_SAME_DEVICE;
     }
+    // Equal identifiers prove nothing alone: a cloned volume, or a server that lies, shows another's.
+    Status = CompareVolumePaths(Security, SourceFcb, TargetFcb);
     // Without valid identifiers the files have none either.
     if (!NT_SUCCESS(Status) || !SourceVolume.HasIdentifier() || !TargetVolume.HasIdentifier()) {
         return Status;

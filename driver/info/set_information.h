@@ -20,7 +20,7 @@ struct SET_INFORMATION {
     }
     // Before the first use of a directory's RelatedHandle: one that was created and not opened has its parent's.
     NTSTATUS NeedHandle() {
-        return IsDirectory() ? NtFsdEnsureDirectoryHandle(IrpContext, Fcb, Instance) : STATUS_SUCCESS;
+        return IsDirectory() ? NtFsdEnsureDirectoryHandle(IrpContext, Instance) : STATUS_SUCCESS;
     }
     bool IsFile() const {
         return Fcb->OpenType == OPEN_TYPE_FILE;

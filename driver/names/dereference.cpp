@@ -12,8 +12,12 @@ NTSTATUS DeleteByFullPath(PIRP_CONTEXT IrpContext, PFCB Fcb, ResourceHold &Hold)
     NtFsdDebugPrint(TRACE_FCB, 0, "   Deleting file/directory on close.\n");
     const bool IsDirectory = Fcb->OpenType == OPEN_TYPE_DIRECTORY;
     RV_SECURITY_CONTEXT *Security = &IrpContext->SecurityContext;
-    const RVSTATUS Result = IsDirectory ? RVFsdDeleteDirectory(Security, 0, Fcb->FullPath.Buffer)
-                                        : RVFsdDeleteFile(Security, 0, Fcb->FullPath.Buffer);
+    RVSTATUS Result;
+    {
+        const ActForDeletionOwner Owner(IrpContext, Fcb);
+        Result = IsDirectory ? RVFsdDeleteDirectory(Security, 0, Fcb->FullPath.Buffer)
+                             : RVFsdDeleteFile(Security, 0, Fcb->FullPath.Buffer);
+    }
     NTSTATUS Status = NtFsdTranslateResult(Result);
     if (Status == STATUS_OBJECT_PATH_NOT_FOUND) {
         Status = STATUS_SUCCESS;
@@ -87,66 +91,4 @@ NTSTATUS TwSupDereference(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT I
         *FcbFreed = Last;
     }
     return Status;
-}
-
-NTSTATUS NtFsdDecodeFileObject(PFILE_OBJECT FileObject, PFCB *Fcb, PINSTANCE_CONTEXT *Instance,
-                               ULONG ExpectedOpenType) {
-    *Fcb = static_cast<PFCB>(FileObject->FsContext);
-    *Instance = static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2);
-    // Nothing of a record is read before its signature is known, the path of the trace included.
-    const bool IsFcb = NtFsdIsFcb(*Fcb);
-    if (IsFcb) {
-        NtFsdDebugPrint(TRACE_FCB, 0, " File Object: 0x%x -> \"%wZ\"\n",
-                        LowPart(reinterpret_cast<ULONG_PTR>(FileObject)), NtFsdStablePath(*Fcb));
-    }
-    if (*Fcb == nullptr || *Instance == nullptr) {
-        return STATUS_INVALID_HANDLE;
-    }
-    if (!IsFcb) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    if (__atomic_load_n(&(*Fcb)->OpenFlags, __ATOMIC_RELAXED) & FCB_STATE_DELETED) {
-        return STATUS_DELETE_PENDING;
-    }
-    if (ExpectedOpenType != 0 && ExpectedOpenType != __atomic_load_n(&(*Fcb)->OpenType, __ATOMIC_RELAXED)) {
-        return STATUS_INVALID_PARAMETER;
-    }
-    return ExpectedOpenType == OPEN_TYPE_FILE && NtFsdLacksFileHandle(*Fcb, *Instance) ? STATUS_INVALID_HANDLE
-                                                                                       : STATUS_SUCCESS;
-}
-
-NTSTATUS NtFsdEnsureDirectoryHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance) {
-    UNREFERENCED_PARAMETER(Fcb);
-    if (Instance->DirHandle != 0 || *Instance->PathLeft == 0) {
-        return STATUS_SUCCESS;
-    }
-    ProviderDirectory Directory(&IrpContext->SecurityContext);
-    const NTSTATUS Status = NtFsdTranslateResult(
-        RVFsdOpenDirectory(&IrpContext->SecurityContext, Instance->BaseHandle, Instance->PathLeft, Directory.Out()));
-    if (NT_SUCCESS(Status)) {
-        Instance->RelatedHandle = Directory.Get();
-        __atomic_store_n(&Instance->DirHandle, Directory.Detach(), __ATOMIC_RELAXED);
-    }
-    return Status;
-}
-
-namespace {
-
-bool LacksDirectoryHandle(PFCB Fcb, PINSTANCE_CONTEXT Instance) {
-    return __atomic_load_n(&Fcb->OpenType, __ATOMIC_RELAXED) == OPEN_TYPE_DIRECTORY &&
-           __atomic_load_n(&Instance->DirHandle, __ATOMIC_RELAXED) == 0 &&
-           *__atomic_load_n(&Instance->PathLeft, __ATOMIC_ACQUIRE) != 0;
-}
-
-} // namespace
-
-NTSTATUS NtFsdAcquireForHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, ResourceHold &Hold) {
-    const BOOLEAN Wait = IrpContext->MayWait();
-    if (!LacksDirectoryHandle(Fcb, Instance)) {
-        return Hold.AcquireShared(&Fcb->Resource, Wait) ? STATUS_SUCCESS : STATUS_CANT_WAIT;
-    }
-    if (!Hold.AcquireExclusive(&Fcb->Resource, Wait)) {
-        return STATUS_CANT_WAIT;
-    }
-    return NtFsdEnsureDirectoryHandle(IrpContext, Fcb, Instance);
 }

@@ -135,32 +135,23 @@ VOID NtFsdInitializeFcbFileLock(PFCB Fcb) {
     }
 }
 
-VOID NtFsdDeleteFcb(PFCB Fcb, ResourceHold &Hold) {
-    // Nobody waits by now: the cleanup of each open has taken the waiters, and later ones are refused. So nothing is
-    // completed under the lock here.
-    NtFsdCompleteNotifyList(Fcb, STATUS_CANCELLED);
-    if (Fcb->OpenType != OPEN_TYPE_DEVICE && Fcb->FullPath.Buffer != nullptr &&
-        (Fcb->OpenFlags & FCB_STATE_IN_PREFIX_TABLE)) {
-        NtFsdClearOpenFlags(Fcb, FCB_STATE_IN_PREFIX_TABLE);
-        if (Fcb->PrefixState != PREFIX_STATE_NEVER_INSERTED) {
-            RtlRemoveUnicodePrefix(&FcbPrefixTable, &Fcb->PrefixEntry);
-            --FcbPrefixCount;
-        }
-    }
-    if (Fcb->Header.PagingIoResource != nullptr) {
-        Ignore(ExDeleteResourceLite(Fcb->Header.PagingIoResource), "nobody ever takes it");
-        Fcb->Header.PagingIoResource = nullptr;
-    }
-    if (Fcb->Header.Resource != nullptr) {
-        Hold.Release();
-        Ignore(ExDeleteResourceLite(Fcb->Header.Resource), "this was its last holder");
-        Fcb->Header.Resource = nullptr;
-    }
+VOID NtFsdFreeFcb(PFCB Fcb) {
+    Ignore(ExDeleteResourceLite(&Fcb->PagingIoResource), "nobody ever takes it");
+    Ignore(ExDeleteResourceLite(&Fcb->Resource), "nobody holds it any more");
     if (Fcb->FileLockInitialized) {
         FsRtlUninitializeFileLock(&Fcb->FileLock);
     }
     FsRtlTeardownPerStreamContexts(&Fcb->Header);
-    RemoveFromList(Fcb);
     FsRtlNotifyUninitializeSync(&Fcb->NotifySync);
     NtFsdFreeFcbMemory(Fcb);
+}
+
+VOID NtFsdDeleteFcb(PFCB Fcb, ResourceHold &Hold) {
+    // Nobody waits by now: the cleanup of each open has taken the waiters, and later ones are refused. So nothing is
+    // completed under the lock here.
+    NtFsdCompleteNotifyList(Fcb, STATUS_CANCELLED);
+    NtFsdRemovePrefix(Fcb);
+    Hold.Release();
+    RemoveFromList(Fcb);
+    NtFsdFreeFcb(Fcb);
 }

@@ -27,10 +27,10 @@ inline PCUNICODE_STRING NtFsdStablePath(PFCB Fcb) {
     return &__atomic_load_n(&Fcb->CurrentPath, __ATOMIC_ACQUIRE)->Path;
 }
 
-// The path of an FCB that another path is composed of, to tell afterwards whether a rename has come in between. A
-// record lives as long as its FCB, so that no later path can have its address.
+// The path of an FCB that another path is composed of, to tell afterwards whether a rename has come in between.
 struct PATH_SOURCE {
-    PFCB Fcb; // NULL: the other path stands for itself
+    PFCB Fcb;      // NULL: the other path stands for itself
+    ULONG Changes; // read before Record
     PATH_RECORD *Record;
 
     PCUNICODE_STRING Path() const {
@@ -38,19 +38,41 @@ struct PATH_SOURCE {
     }
     // FcbTableResource held.
     bool IsCurrent() const {
-        return Fcb == nullptr || Fcb->CurrentPath == Record;
+        return Fcb == nullptr || Fcb->PathChanges == Changes;
     }
+    // What Status of a question under the composed path means: STATUS_RETRY when it was asked under a name that a
+    // rename has taken away meanwhile, else Status itself. Takes FcbTableResource, which a rename holds from before its
+    // move until the new path is in force.
+    NTSTATUS Judge(NTSTATUS Status) const;
 };
 inline PATH_SOURCE NtFsdPathSource(PFCB Fcb) {
-    return {Fcb, Fcb != nullptr ? __atomic_load_n(&Fcb->CurrentPath, __ATOMIC_ACQUIRE) : nullptr};
+    if (Fcb == nullptr) {
+        return {nullptr, 0, nullptr};
+    }
+    const ULONG Changes = __atomic_load_n(&Fcb->PathChanges, __ATOMIC_ACQUIRE);
+    return {Fcb, Changes, __atomic_load_n(&Fcb->CurrentPath, __ATOMIC_ACQUIRE)};
+}
+
+// Runs Attempt(Source) under the current path of Related (NULL: none) until no rename of it has come in between, which
+// the attempt says with STATUS_RETRY, having done nothing.
+template <typename ATTEMPT>
+NTSTATUS NtFsdUnderCurrentPath(PFCB Related, ATTEMPT &&Attempt) {
+    NTSTATUS Status;
+    do {
+        Status = Attempt(NtFsdPathSource(Related));
+    } while (Status == STATUS_RETRY);
+    return Status;
 }
 
 // TRUE when Fcb is the root of a volume as far as the driver knows, however its opens name it: such a one is neither
 // renamed nor deleted. Resource held.
 bool NtFsdIsVolumeRoot(const FCB *Fcb);
 
-// Frees the paths and the block; NULL is ignored.
+// Frees the paths and the block of an FCB that is not set up, or not any more; NULL is ignored.
 VOID NtFsdFreeFcbMemory(PFCB Fcb);
+
+// Frees Fcb, which is in no table and no list, with its resources and its lock table. Nobody holds or waits for any.
+VOID NtFsdFreeFcb(PFCB Fcb);
 
 // Tears Fcb down: out of the prefix table (the caller holds FcbTableResource then), resources, lock table, list,
 // memory. Hold is the caller's hold of Fcb's Resource, which is released and gone.
@@ -64,6 +86,9 @@ VOID NtFsdInitializeFcbFileLock(PFCB Fcb);
 // The FCB with the longest path that is a component prefix of Path, ignoring case, or NULL. Remaining (aliasing Path)
 // receives what is left of Path after it; it is empty for an exact match. FcbTableResource held.
 PFCB NtFsdFindFcb(PUNICODE_STRING Path, PUNICODE_STRING Remaining);
+
+// Takes Fcb out of the prefix table if it is in it. FcbTableResource and its Resource held, or no request in flight.
+VOID NtFsdRemovePrefix(PFCB Fcb);
 
 // Finds the FCB of exactly Path or creates it. On success Hold holds its Resource exclusive and OpenCount is one
 // higher. STATUS_RETRY, with nothing done, when Source, which Path was composed of, has another path by now.
@@ -105,15 +130,33 @@ VOID NtFsdDumpPrefixTable();
 
 // ---- Opens (names/open_fcb.cpp)
 
+// What an open that finds its FCB may change in it before it is known to succeed.
+struct FCB_BEFORE_OPEN {
+    ULONG OpenFlags;
+    UCHAR VolumeResolved;
+    UCHAR VolumeRoot;
+};
+
 // Finds or makes the FCB and the instance context of an open of Name, relative to RelatedFileObject when given, and
 // attaches them to the IrpContext's file object. On success Hold holds the FCB's Resource exclusive. *EntryType (which
 // the caller initialises) says what the probe found. Failures: STATUS_OBJECT_NAME_INVALID (wildcards, too long, empty
 // component), STATUS_INVALID_HANDLE or STATUS_NOT_A_DIRECTORY (related file object), the probe's, or resources. A
-// related directory that is renamed meanwhile makes it begin anew. A caller without a related file object may have
-// composed Name itself and give what of: then that is STATUS_RETRY, with nothing done.
+// related directory that is renamed meanwhile makes it begin anew. Before (may be NULL) receives what a failing open
+// has to put back.
 NTSTATUS NtFsdOpenFcb(PIRP_CONTEXT IrpContext, PFILE_OBJECT RelatedFileObject, PUNICODE_STRING Name, PFCB *Fcb,
                       PINSTANCE_CONTEXT *Instance, PULONG OpenCount, PULONG EntryType, ResourceHold &Hold,
-                      const PATH_SOURCE *ComposedOf = nullptr);
+                      FCB_BEFORE_OPEN *Before = nullptr);
+// The same once, for a Name that the caller has composed of Source: STATUS_RETRY, with nothing done, when that has been
+// renamed meanwhile.
+NTSTATUS NtFsdOpenComposedFcb(PIRP_CONTEXT IrpContext, const PATH_SOURCE &Source, PUNICODE_STRING Name, PFCB *Fcb,
+                              PINSTANCE_CONTEXT *Instance, PULONG OpenCount, PULONG EntryType, ResourceHold &Hold,
+                              FCB_BEFORE_OPEN *Before);
+
+// Proves that a related file object (NULL: there is none) is an open of a path of ours before anything of it is read.
+// STATUS_INVALID_HANDLE when it is none, STATUS_NOT_A_DIRECTORY for the control device.
+NTSTATUS NtFsdCheckRelated(PFILE_OBJECT FileObject, PFCB *Fcb, PINSTANCE_CONTEXT *Instance);
+
+// ---- The end of an open (names/dereference.cpp)
 
 // Drops the open of Instance: carries out a pending delete when it is the FCB's last, frees the instance, tears the FCB
 // down when none is left. The caller holds FcbTableResource, and Fcb's Resource in Hold; when *FcbFreed (may be NULL)
@@ -123,6 +166,26 @@ NTSTATUS TwSupDereference(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT I
 
 // Frees an instance with its listing buffers. Unlinked by the caller.
 VOID NtFsdFreeInstance(PINSTANCE_CONTEXT Instance);
+
+// Makes the Provider operations of a scope, by IrpContext's context, those of whoever wished for Fcb's pending
+// deletion: what he may not delete, nobody deletes for him. Resource held exclusive.
+class [[nodiscard]] ActForDeletionOwner {
+public:
+    ActForDeletionOwner(PIRP_CONTEXT IrpContext, const FCB *Fcb)
+        : IrpContext_(IrpContext), Own_(IrpContext->SecurityContext) {
+        IrpContext->SecurityContext =
+            (Fcb->OpenFlags & FCB_STATE_DELETE_DISPOSITION) ? Fcb->DispositionOwner : Fcb->DeleteOnCloseOwner;
+    }
+    ActForDeletionOwner(const ActForDeletionOwner &) = delete;
+    ActForDeletionOwner &operator=(const ActForDeletionOwner &) = delete;
+    ~ActForDeletionOwner() {
+        IrpContext_->SecurityContext = Own_;
+    }
+
+private:
+    PIRP_CONTEXT IrpContext_;
+    RV_SECURITY_CONTEXT Own_;
+};
 
 // Says what kind of object Fcb is. Fcb->Resource is held exclusively; requests on other opens read the kind without it,
 // and it stays what it is while any of them is there.
@@ -150,6 +213,8 @@ inline bool NtFsdLacksFileHandle(const FCB *Fcb, const INSTANCE_CONTEXT *Instanc
     return __atomic_load_n(&Fcb->OpenType, __ATOMIC_RELAXED) == OPEN_TYPE_FILE && Instance->FileHandle == 0;
 }
 
+// ---- Use of an open (names/open_use.cpp)
+
 // The file-object check of every request: fetches FCB and instance and tests signature, deletion and type
 // (ExpectedOpenType 0 = any). STATUS_INVALID_HANDLE, STATUS_INVALID_PARAMETER, STATUS_DELETE_PENDING or STATUS_SUCCESS.
 NTSTATUS NtFsdDecodeFileObject(PFILE_OBJECT FileObject, PFCB *Fcb, PINSTANCE_CONTEXT *Instance, ULONG ExpectedOpenType);
@@ -162,12 +227,13 @@ inline bool NtFsdIsFcb(const void *FsContext) {
 // Opens the directory's own handle for an instance that a create made without one (it created the directory but did not
 // open it), so that no request acts on the parent's handle. Resource held exclusive. A no-op when there is a DirHandle
 // or the instance is a volume root. Returns the translated status of the open.
-NTSTATUS NtFsdEnsureDirectoryHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance);
+NTSTATUS NtFsdEnsureDirectoryHandle(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance);
 
-// Acquires Fcb's Resource for a request that uses the open's handle: shared, or exclusive when a directory's own handle
-// has to be opened first, which is done. STATUS_CANT_WAIT when it is busy and the request may not wait (nothing is held
-// then); with any other failure the Resource is held.
-NTSTATUS NtFsdAcquireForHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, ResourceHold &Hold);
+// Acquires Fcb's Resource for a request that uses the open's handle: shared, or exclusive when asked for or when a
+// directory's own handle has to be opened first, which is done. STATUS_CANT_WAIT when it is busy and the request may
+// not wait (nothing is held then); with any other failure, which is the handle's, the Resource is held.
+NTSTATUS NtFsdAcquireForHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, bool Exclusive,
+                               ResourceHold &Hold);
 
 // ---- Borrowed handles (names/borrow.cpp)
 

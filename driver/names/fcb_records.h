@@ -14,7 +14,8 @@
 // All acquisitions for opens wait. PagingIoResource exists for the header and is never taken by the driver.
 //
 // FullPath may be read with the Resource held. Without it NtFsdStablePath gives a path that stays as it is until the
-// FCB goes: a replaced path is kept, so that traces and the PathLeft of other instances never reach freed memory.
+// FCB goes: a replaced path is kept, so that traces and the PathLeft of other instances never reach freed memory. One
+// that comes back uses its old record again: renaming to and fro takes no memory.
 #pragma once
 
 #include "frame/irp_context.h"
@@ -51,7 +52,7 @@ inline constexpr ULONG NODE_TYPE_INSTANCE = 0x7706;
 inline constexpr USHORT PREFIX_STATE_NEVER_INSERTED = 0xFFFF;
 inline constexpr USHORT PREFIX_STATE_INSERTED = 1;
 
-// A path that an FCB has or had. Never changed once it is reachable; lives until its FCB goes.
+// A path that an FCB has or had. Its text never changes once it is reachable; lives until its FCB goes.
 struct PATH_RECORD {
     PATH_RECORD *Older;
     UNICODE_STRING Path; // owned
@@ -87,6 +88,10 @@ struct FCB {
     LIST_ENTRY LockRequests; // locks that may wait, until the server is told of them (io/lock_table.h)
     PATH_RECORD FirstPath;
     PATH_RECORD *CurrentPath; // FullPath is its Path
+    ULONG PathChanges;        // how often FullPath has changed; written after CurrentPath
+    // Whose wish the pending deletion is, by the flag that asks for it.
+    RV_SECURITY_CONTEXT DeleteOnCloseOwner;
+    RV_SECURITY_CONTEXT DispositionOwner;
 };
 typedef FCB *PFCB;
 
@@ -133,6 +138,8 @@ struct INSTANCE_CONTEXT {
     KEVENT SearchLock;
     UCHAR ExactAnswered; // a search without wildcards has handed out its entry
     UCHAR BatchBroken;   // what follows the records counted in InfoCount is no record
+    UCHAR IsTarget;      // opened as the directory of a rename's target
+    RV_SECURITY_CONTEXT Opener;
 };
 typedef INSTANCE_CONTEXT *PINSTANCE_CONTEXT;
 

@@ -14,16 +14,6 @@ bool InsertPrefix(PFCB Fcb) {
     return true;
 }
 
-void RemovePrefix(PFCB Fcb) {
-    if (Fcb->OpenFlags & FCB_STATE_IN_PREFIX_TABLE) {
-        NtFsdClearOpenFlags(Fcb, FCB_STATE_IN_PREFIX_TABLE);
-        if (Fcb->PrefixState != PREFIX_STATE_NEVER_INSERTED) {
-            RtlRemoveUnicodePrefix(&FcbPrefixTable, &Fcb->PrefixEntry);
-            --FcbPrefixCount;
-        }
-    }
-}
-
 UNICODE_STRING Rest(PUNICODE_STRING Path, USHORT Bytes) {
     UNICODE_STRING Remaining = {static_cast<USHORT>(Path->Length - Bytes), 0, Path->Buffer + Bytes / sizeof(WCHAR)};
     if (Remaining.Length != 0 && Remaining.Buffer[0] == SEPARATOR) {
@@ -45,6 +35,16 @@ void TraceFind(PUNICODE_STRING Path, PFCB Fcb) {
 }
 
 } // namespace
+
+VOID NtFsdRemovePrefix(PFCB Fcb) {
+    if (Fcb->OpenFlags & FCB_STATE_IN_PREFIX_TABLE) {
+        NtFsdClearOpenFlags(Fcb, FCB_STATE_IN_PREFIX_TABLE);
+        if (Fcb->PrefixState != PREFIX_STATE_NEVER_INSERTED) {
+            RtlRemoveUnicodePrefix(&FcbPrefixTable, &Fcb->PrefixEntry);
+            --FcbPrefixCount;
+        }
+    }
+}
 
 PFCB NtFsdFindFcb(PUNICODE_STRING Path, PUNICODE_STRING Remaining) {
     const PUNICODE_PREFIX_TABLE_ENTRY Entry = RtlFindUnicodePrefix(&FcbPrefixTable, Path, 0);
@@ -146,6 +146,32 @@ void RepointInstances(PFCB Fcb) {
     }
 }
 
+// The record of a path that Fcb had before, taken out of its chain; NULL when it never had it.
+PATH_RECORD *TakeOldRecord(PFCB Fcb, PCUNICODE_STRING Path) {
+    for (PATH_RECORD **Link = &Fcb->CurrentPath->Older; *Link != nullptr; Link = &(*Link)->Older) {
+        PATH_RECORD *Record = *Link;
+        if (RtlEqualUnicodeString(&Record->Path, Path, FALSE)) {
+            *Link = Record->Older;
+            return Record;
+        }
+    }
+    return nullptr;
+}
+
+// Makes NewPath the path of Fcb. The old one stays: readers without the Resource may be using it.
+void TakePath(PFCB Fcb, NewPathRecord &NewPath) {
+    if (!RtlEqualUnicodeString(&Fcb->FullPath, NewPath.Path(), FALSE)) {
+        PATH_RECORD *Newest = TakeOldRecord(Fcb, NewPath.Path());
+        if (Newest == nullptr) {
+            Newest = NewPath.Detach();
+        }
+        Newest->Older = Fcb->CurrentPath;
+        Fcb->FullPath = Newest->Path;
+        __atomic_store_n(&Fcb->CurrentPath, Newest, __ATOMIC_RELEASE);
+    }
+    __atomic_store_n(&Fcb->PathChanges, Fcb->PathChanges + 1, __ATOMIC_RELEASE);
+}
+
 // The table accepts names that differ only in case; two FCBs may not.
 bool IsPathTaken(PUNICODE_STRING Path) {
     UNICODE_STRING Remaining;
@@ -181,12 +207,8 @@ VOID NtFsdRenameFcb(PFCB Fcb, NewPathRecord &NewPath, ResourceHold &Hold) {
         Hold.AcquireExclusive(&Fcb->Resource, TRUE);
     }
 
-    RemovePrefix(Fcb);
-    // Always a new record: the old path may be in use by readers without the Resource.
-    PATH_RECORD *Newest = NewPath.Detach();
-    Newest->Older = Fcb->CurrentPath;
-    Fcb->FullPath = Newest->Path;
-    __atomic_store_n(&Fcb->CurrentPath, Newest, __ATOMIC_RELEASE);
+    NtFsdRemovePrefix(Fcb);
+    TakePath(Fcb, NewPath);
     RepointInstances(Fcb);
     if (IsPathTaken(&Fcb->FullPath) || !InsertPrefix(Fcb)) {
         NtFsdAlwaysPrint("[RVFSD] NtFsdRenameFcb RtlInsertUnicodePrefix for \"%wZ\" on FCB 0x%p failed.\n",

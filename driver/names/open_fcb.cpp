@@ -12,52 +12,16 @@ struct RELATED_OPEN {
     PINSTANCE_CONTEXT Instance;
 };
 
-// What an open finds under its name. The instance exists before the FCB is held.
+// What an open finds under its name.
 struct FOUND_FCB {
     PFCB Fcb = nullptr;
     NTSTATUS FileStatus = STATUS_SUCCESS; // of the probe
     PoolPointer<INSTANCE_CONTEXT> Instance = {};
 };
 
-// Proves that a related file object is an open of a path of ours before anything of it is read.
-NTSTATUS CheckRelated(PFILE_OBJECT FileObject, RELATED_OPEN *Related) {
-    *Related = {nullptr, nullptr};
-    if (FileObject == nullptr) {
-        return STATUS_SUCCESS;
-    }
-    if (!NtFsdIsFcb(FileObject->FsContext) || FileObject->FsContext2 == nullptr) {
-        return STATUS_INVALID_HANDLE;
-    }
-    Related->Fcb = static_cast<PFCB>(FileObject->FsContext);
-    if (__atomic_load_n(&Related->Fcb->OpenType, __ATOMIC_RELAXED) == OPEN_TYPE_DEVICE) {
-        return STATUS_NOT_A_DIRECTORY;
-    }
-    Related->Instance = static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2);
-    return STATUS_SUCCESS;
-}
-
-// Wildcards may not stand in the last component, and no component may be empty: an FCB's path ends in no backslash.
-bool IsNameValid(PCUNICODE_STRING Path) {
-    const ULONG Units = Path->Length / sizeof(WCHAR);
-    if (Units < 2 || Path->Buffer[0] != SEPARATOR || Path->Buffer[Units - 1] == SEPARATOR) {
-        return false;
-    }
-    for (ULONG At = 1; At < Units; ++At) {
-        if (Path->Buffer[At] == 0 || (Path->Buffer[At] == SEPARATOR && Path->Buffer[At - 1] == SEPARATOR)) {
-            return false;
-        }
-    }
-    for (ULONG At = Units; At != 0 && Path->Buffer[At - 1] != SEPARATOR; --At) {
-        if (Path->Buffer[At - 1] == WTEXT('*') || Path->Buffer[At - 1] == WTEXT('?')) {
-            return false;
-        }
-    }
-    return true;
-}
-
-NTSTATUS ComposeName(const PATH_SOURCE &Related, PUNICODE_STRING Name, PUNICODE_STRING Path) {
+NTSTATUS ComposeName(PCUNICODE_STRING Directory, PUNICODE_STRING Name, PUNICODE_STRING Path) {
     ULONG Bytes = 0;
-    const NTSTATUS Status = NtFsdComposePath(Related.Path(), Name, Path, &Bytes);
+    const NTSTATUS Status = NtFsdComposePath(Directory, Name, Path, &Bytes);
     if (Status == STATUS_INSUFFICIENT_RESOURCES) {
         NtFsdDebugPrint(TRACE_FCB, 0,
                         "[RVFSD] NtFsdOpenFcb for \"%wZ\" unable to alloc %hu bytes; STATUS_INSUFFICIENT_RESOURCES.\n",
@@ -71,7 +35,9 @@ NTSTATUS ComposeName(const PATH_SOURCE &Related, PUNICODE_STRING Name, PUNICODE_
         Path->Length -= sizeof(WCHAR);
         Path->Buffer[Path->Length / sizeof(WCHAR)] = 0;
     }
-    return IsNameValid(Path) ? STATUS_SUCCESS : STATUS_OBJECT_NAME_INVALID;
+    const bool Valid = Path->Length > sizeof(WCHAR) && Path->Buffer[0] == SEPARATOR && NtFsdIsPathValid(Path) &&
+                       !NtFsdHasWildcards(Path);
+    return Valid ? STATUS_SUCCESS : STATUS_OBJECT_NAME_INVALID;
 }
 
 PINSTANCE_CONTEXT AllocateInstance(PIRP_CONTEXT IrpContext) {
@@ -80,19 +46,12 @@ PINSTANCE_CONTEXT AllocateInstance(PIRP_CONTEXT IrpContext) {
         Instance->NodeTypeCode = NODE_TYPE_INSTANCE;
         Instance->FileObject = IrpContext->FileObject;
         Instance->ProviderAccess = 0;
+        Instance->Opener = IrpContext->SecurityContext;
         InitializeListHead(&Instance->Borrowers);
         InitializeListHead(&Instance->BorrowLinks);
         KeInitializeEvent(&Instance->SearchLock, SynchronizationEvent, TRUE);
     }
     return Instance;
-}
-
-ULONG CountSeparators(PCUNICODE_STRING Path) {
-    ULONG Count = 0;
-    for (ULONG At = 0; At < Path->Length / sizeof(WCHAR); ++At) {
-        Count += Path->Buffer[At] == SEPARATOR ? 1 : 0;
-    }
-    return Count;
 }
 
 // TRUE when Units characters of Path end at a component boundary.
@@ -104,7 +63,7 @@ bool EndsComponent(PCUNICODE_STRING Path, ULONG Units) {
 // Opens the volume of the FCB's path and finds how many characters of the path it covers.
 RVSTATUS OpenVolumeOf(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, PULONG VolumeUnits) {
     RV_SECURITY_CONTEXT *Security = &IrpContext->SecurityContext;
-    if (CountSeparators(&Fcb->FullPath) < 3) {
+    if (NtFsdCountPathComponents(&Fcb->FullPath) < 3) {
         *VolumeUnits = Fcb->FullPath.Length / sizeof(WCHAR);
         return RVFsdOpenVolume(Security, Fcb->FullPath.Buffer, &Instance->VolumeHandle);
     }
@@ -149,7 +108,9 @@ void SplitAgainstVolume(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Ins
 // no handle of its own directory (it created it and did not open it, or has been renamed) the full path is right,
 // whatever its other handles name.
 void NameRelative(const RELATED_OPEN &Related, PUNICODE_STRING Name, PFCB Fcb, PINSTANCE_CONTEXT Instance) {
-    NtFsdSetVolumeResolved(Fcb, __atomic_load_n(&Related.Fcb->VolumeResolved, __ATOMIC_RELAXED));
+    if (!Fcb->VolumeRoot) {
+        NtFsdSetVolumeResolved(Fcb, __atomic_load_n(&Related.Fcb->VolumeResolved, __ATOMIC_RELAXED));
+    }
     const RVHANDLE Handle = NtFsdHandleToLend(Related.Instance);
     if (Handle != 0) {
         Instance->BaseHandle = Instance->RelatedHandle = Handle;
@@ -167,37 +128,25 @@ void Attach(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance) {
     FileObject->SectionObjectPointer = &Fcb->SectionObjectPointers;
 }
 
-// A rename holds the table until the new path is in force, so that one which the server has carried out is seen.
-bool WasRenamed(const PATH_SOURCE &Source) {
-    if (Source.Fcb == nullptr) {
-        return false;
-    }
-    ResourceHold Table;
-    Table.AcquireShared(&FcbTableResource, TRUE);
-    return !Source.IsCurrent();
-}
-
-// Composes the path, asks what is there, and finds or makes its FCB. STATUS_RETRY when a rename of what the path is
-// composed of came in between.
-NTSTATUS FindByName(PIRP_CONTEXT IrpContext, const PATH_SOURCE &Related, const PATH_SOURCE *ComposedOf,
+// Composes the path of Name below Directory (NULL: Name is the path), asks what is there, and finds or makes its FCB.
+// STATUS_RETRY when a rename of Source came in between.
+NTSTATUS FindByName(PIRP_CONTEXT IrpContext, const PATH_SOURCE &Source, PCUNICODE_STRING Directory,
                     PUNICODE_STRING Name, FOUND_FCB &Found, ResourceHold &Hold) {
     OwnedString Path;
-    NTSTATUS Status = ComposeName(Related, Name, Path.Get());
+    NTSTATUS Status = ComposeName(Directory, Name, Path.Get());
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
     Status = NtFsdVerifyFile(IrpContext, Path->Buffer, Path->Length, &Found.FileStatus);
     if (Status != STATUS_SUCCESS) {
-        NtFsdDebugPrint(TRACE_FCB, 0, "[RVFSD] NtFsdOpenFcb NtFsdVerifyFile for \"%wZ\" failed; status 0x%08X.\n",
-                        Path.Get(), Status);
-        if (WasRenamed(ComposedOf != nullptr ? *ComposedOf : Related)) {
-            return STATUS_RETRY; // it was asked for under a name that is not its own any more
+        Status = Source.Judge(NT_SUCCESS(Status) ? STATUS_UNSUCCESSFUL : Status);
+        if (Status != STATUS_RETRY) {
+            NtFsdDebugPrint(TRACE_FCB, 0, "[RVFSD] NtFsdOpenFcb NtFsdVerifyFile for \"%wZ\" failed; status 0x%08X.\n",
+                            Path.Get(), Status);
         }
-        return NT_SUCCESS(Status) ? STATUS_UNSUCCESSFUL : Status;
+        return Status;
     }
-    if (!Found.Instance) {
-        Found.Instance.Adopt(AllocateInstance(IrpContext));
-    }
+    Found.Instance.Adopt(AllocateInstance(IrpContext));
     if (!Found.Instance) {
         NtFsdDebugPrint(TRACE_FCB, 0,
                         "[RVFSD] NtFsdOpenFcb for \"%wZ\" NtFsdAllocInstanceContext failed; "
@@ -206,33 +155,25 @@ NTSTATUS FindByName(PIRP_CONTEXT IrpContext, const PATH_SOURCE &Related, const P
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     BOOLEAN Created;
-    Status = NtFsdOpenOrCreateFcb(IrpContext, Path.Get(), ComposedOf != nullptr ? *ComposedOf : Related, &Found.Fcb,
-                                  &Created, Hold);
-    if (!NT_SUCCESS(Status)) {
+    Status = NtFsdOpenOrCreateFcb(IrpContext, Path.Get(), Source, &Found.Fcb, &Created, Hold);
+    if (!NT_SUCCESS(Status) && Status != STATUS_RETRY) {
         NtFsdDebugPrint(TRACE_FCB, 0, "[RVFSD] NtFsdOpenFcb for \"%wZ\" NtFsdOpenOrCreateFcb failed; status 0x%08X.\n",
                         Path.Get(), Status);
     }
     return Status;
 }
 
-} // namespace
-
-NTSTATUS NtFsdOpenFcb(PIRP_CONTEXT IrpContext, PFILE_OBJECT RelatedFileObject, PUNICODE_STRING Name, PFCB *Fcb,
-                      PINSTANCE_CONTEXT *Instance, PULONG OpenCount, PULONG EntryType, ResourceHold &Hold,
-                      const PATH_SOURCE *ComposedOf) {
-    *Fcb = nullptr;
-    *Instance = nullptr;
-    RELATED_OPEN Related;
-    NTSTATUS Status = CheckRelated(RelatedFileObject, &Related);
+// One attempt at an open. Directory is the path that Name lies below, NULL when Name is a whole path.
+NTSTATUS OpenOnce(PIRP_CONTEXT IrpContext, const RELATED_OPEN &Related, const PATH_SOURCE &Source,
+                  PCUNICODE_STRING Directory, PUNICODE_STRING Name, PFCB *Fcb, PINSTANCE_CONTEXT *Instance,
+                  PULONG OpenCount, PULONG EntryType, ResourceHold &Hold, FCB_BEFORE_OPEN *Before) {
+    FOUND_FCB Found;
+    const NTSTATUS Status = FindByName(IrpContext, Source, Directory, Name, Found, Hold);
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
-    FOUND_FCB Found;
-    do {
-        Status = FindByName(IrpContext, NtFsdPathSource(Related.Fcb), ComposedOf, Name, Found, Hold);
-    } while (Status == STATUS_RETRY && ComposedOf == nullptr);
-    if (!NT_SUCCESS(Status)) {
-        return Status;
+    if (Before != nullptr) {
+        *Before = {Found.Fcb->OpenFlags, Found.Fcb->VolumeResolved, Found.Fcb->VolumeRoot};
     }
     if (Found.FileStatus == STATUS_SUCCESS) {
         *EntryType = ENTRY_TYPE_FILE;
@@ -253,4 +194,58 @@ NTSTATUS NtFsdOpenFcb(PIRP_CONTEXT IrpContext, PFILE_OBJECT RelatedFileObject, P
     *Instance = Found.Instance.Detach();
     Attach(IrpContext, Found.Fcb, *Instance);
     return STATUS_SUCCESS;
+}
+
+} // namespace
+
+NTSTATUS PATH_SOURCE::Judge(NTSTATUS Status) const {
+    if (Fcb == nullptr) {
+        return Status;
+    }
+    ResourceHold Table;
+    Table.AcquireShared(&FcbTableResource, TRUE);
+    return IsCurrent() ? Status : STATUS_RETRY;
+}
+
+NTSTATUS NtFsdCheckRelated(PFILE_OBJECT FileObject, PFCB *Fcb, PINSTANCE_CONTEXT *Instance) {
+    *Fcb = nullptr;
+    *Instance = nullptr;
+    if (FileObject == nullptr) {
+        return STATUS_SUCCESS;
+    }
+    if (!NtFsdIsFcb(FileObject->FsContext) || FileObject->FsContext2 == nullptr) {
+        return STATUS_INVALID_HANDLE;
+    }
+    const auto Related = static_cast<PFCB>(FileObject->FsContext);
+    if (__atomic_load_n(&Related->OpenType, __ATOMIC_RELAXED) == OPEN_TYPE_DEVICE) {
+        return STATUS_NOT_A_DIRECTORY;
+    }
+    *Fcb = Related;
+    *Instance = static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2);
+    return STATUS_SUCCESS;
+}
+
+NTSTATUS NtFsdOpenFcb(PIRP_CONTEXT IrpContext, PFILE_OBJECT RelatedFileObject, PUNICODE_STRING Name, PFCB *Fcb,
+                      PINSTANCE_CONTEXT *Instance, PULONG OpenCount, PULONG EntryType, ResourceHold &Hold,
+                      FCB_BEFORE_OPEN *Before) {
+    *Fcb = nullptr;
+    *Instance = nullptr;
+    RELATED_OPEN Related;
+    const NTSTATUS Status = NtFsdCheckRelated(RelatedFileObject, &Related.Fcb, &Related.Instance);
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
+    return NtFsdUnderCurrentPath(Related.Fcb, [&](const PATH_SOURCE &Source) {
+        return OpenOnce(IrpContext, Related, Source, Source.Path(), Name, Fcb, Instance, OpenCount, EntryType, Hold,
+                        Before);
+    });
+}
+
+NTSTATUS NtFsdOpenComposedFcb(PIRP_CONTEXT IrpContext, const PATH_SOURCE &Source, PUNICODE_STRING Name, PFCB *Fcb,
+                              PINSTANCE_CONTEXT *Instance, PULONG OpenCount, PULONG EntryType, ResourceHold &Hold,
+                              FCB_BEFORE_OPEN *Before) {
+    *Fcb = nullptr;
+    *Instance = nullptr;
+    return OpenOnce(IrpContext, {nullptr, nullptr}, Source, nullptr, Name, Fcb, Instance, OpenCount, EntryType, Hold,
+                    Before);
 }

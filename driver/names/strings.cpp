@@ -94,3 +94,37 @@ NTSTATUS NtFsdComposePath(PCUNICODE_STRING Base, PCUNICODE_STRING Name, PUNICODE
     *At = 0;
     return STATUS_SUCCESS;
 }
+
+PATH_PARTS NtFsdSplitPath(const UNICODE_STRING &Path) {
+    ULONG Start = UnitsOf(Path);
+    while (Start != 0 && Path.Buffer[Start - 1] != SEPARATOR) {
+        --Start;
+    }
+    return {ViewOf(Path.Buffer, Start != 0 ? Start - 1 : 0), ViewOf(Path.Buffer + Start, UnitsOf(Path) - Start)};
+}
+
+UNICODE_STRING NtFsdWithoutSlash(const UNICODE_STRING &Path) {
+    const ULONG Units = UnitsOf(Path);
+    return ViewOf(Path.Buffer, Units != 0 && Path.Buffer[Units - 1] == SEPARATOR ? Units - 1 : Units);
+}
+
+bool NtFsdIsPathValid(PCUNICODE_STRING Path) {
+    const ULONG Units = UnitsOf(*Path);
+    for (ULONG At = 0; At < Units; ++At) {
+        const WCHAR Next = At + 1 < Units ? Path->Buffer[At + 1] : SEPARATOR;
+        if (Path->Buffer[At] == 0 || (Path->Buffer[At] == SEPARATOR && Next == SEPARATOR)) {
+            return false;
+        }
+    }
+    return Units != 0;
+}
+
+bool NtFsdHasWildcards(PCUNICODE_STRING Path) {
+    const UNICODE_STRING Last = NtFsdSplitPath(*Path).Last;
+    for (ULONG At = 0; At < UnitsOf(Last); ++At) {
+        if (Last.Buffer[At] == WTEXT('*') || Last.Buffer[At] == WTEXT('?')) {
+            return true;
+        }
+    }
+    return false;
+}

@@ -30,6 +30,33 @@ constexpr UNICODE_STRING ConstantString(const WCHAR (&Text)[N]) {
             const_cast<PWSTR>(Text)};
 }
 
+inline ULONG UnitsOf(const UNICODE_STRING &Text) {
+    return Text.Length / sizeof(WCHAR);
+}
+
+// A counted view of Units units at Text.
+inline UNICODE_STRING ViewOf(PWSTR Text, ULONG Units) {
+    const USHORT Bytes = static_cast<USHORT>(Units * sizeof(WCHAR));
+    return {Bytes, Bytes, Text};
+}
+
+// Views into a path. Front and Last are what stands before and behind its last separator; without one Front is empty.
+struct PATH_PARTS {
+    UNICODE_STRING Front;
+    UNICODE_STRING Last;
+};
+PATH_PARTS NtFsdSplitPath(const UNICODE_STRING &Path);
+
+// The path without a trailing separator, if it has one.
+UNICODE_STRING NtFsdWithoutSlash(const UNICODE_STRING &Path);
+
+// TRUE when no component of Path is empty and no zero stands in it: the Provider would see another path than the one
+// that was named. A separator at the start is none of a component's; one at the end makes an empty one.
+bool NtFsdIsPathValid(PCUNICODE_STRING Path);
+
+// TRUE when a wildcard stands in the last component.
+bool NtFsdHasWildcards(PCUNICODE_STRING Path);
+
 // Number of units before the terminating zero, at most Limit.
 inline ULONG WideLength(PCWSTR Text, ULONG Limit) {
     ULONG Length = 0;

@@ -77,6 +77,65 @@ TEST_F(CloseOfAnOpen, OnlyTheLastOpenDeletes) {
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\a.txt"));
 }
 
+// Whoever closes last: the deletion is asked for, and prepared, by whose wish it is.
+TEST_F(CloseOfAnOpen, ADeletionIsMadeInTheNameOfItsOwner) {
+    Close(MustOpen(u"\\srv\\vol\\a.txt")); // binds the framework
+    const auto As = [this](ULONG64 Who) { Framework->SetCaller([Who] { return RV_SECURITY_CONTEXT{{Who, ~Who}}; }); };
+    constexpr UCHAR Delete = TRUE;
+    struct Case {
+        bool FirstOnClose, SecondSets;
+        ULONG64 Owner;
+    };
+    for (const Case &Each : {Case{true, false, 1}, Case{true, true, 2}, Case{false, true, 2}}) {
+        Provider.AddFile(u"\\srv\\vol\\x.txt", "x");
+        Open Request = Deleting;
+        Request.Options |= Each.FirstOnClose ? FILE_DELETE_ON_CLOSE : 0;
+        As(1);
+        const HANDLE First = MustOpen(u"\\srv\\vol\\x.txt", Request);
+        As(2);
+        const HANDLE Second = MustOpen(u"\\srv\\vol\\x.txt", Deleting);
+        const HANDLE Third = MustOpen(u"\\srv\\vol\\x.txt", Deleting);
+        As(3);
+        if (Each.SecondSets) {
+            IO_STATUS_BLOCK IoStatus;
+            EXPECT_EQ(
+                NtSetInformationFile(Second, &IoStatus, const_cast<UCHAR *>(&Delete), 1, FileDispositionInformation),
+                STATUS_SUCCESS);
+        }
+        Close(First);
+        Close(Second);
+        Provider.ClearCalls();
+        Close(Third);
+        for (const providers::Call &Made : Provider.CallRecords()) {
+            const bool IsDeletion = Made.Operation == Slot::DeleteFile || Made.Operation == Slot::GetFileInformation;
+            EXPECT_EQ(Made.Security.Words[0], IsDeletion ? Each.Owner : 3) << static_cast<int>(Made.Operation);
+            EXPECT_EQ(Made.Security.Words[1], ~Made.Security.Words[0]);
+        }
+        EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\x.txt"));
+    }
+    Framework->SetCaller(nullptr);
+}
+
+// A file object whose contexts are no open's: its close ends nothing and takes nothing along.
+TEST_F(CloseOfAnOpen, WithoutALinkedInstanceTouchesNothing) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+    INSTANCE_CONTEXT Unlinked = {};
+    for (INSTANCE_CONTEXT *Context : {static_cast<INSTANCE_CONTEXT *>(nullptr), &Unlinked}) {
+        for (const bool HasFcb : {true, false}) {
+            FILE_OBJECT Odd = *FileObject(Handle);
+            Odd.FsContext = HasFcb ? Odd.FsContext : nullptr;
+            Odd.FsContext2 = Context;
+            embedded::IrpBuilder Builder;
+            Builder.MajorFunction = IRP_MJ_CLOSE;
+            Builder.FileObject = &Odd;
+            EXPECT_EQ(embedded::SendIrpAndWait(Device(), Builder).Status, STATUS_SUCCESS);
+            EXPECT_EQ(Odd.FsContext2, nullptr);
+        }
+    }
+    EXPECT_EQ(Fcb(Handle)->OpenCount, 1u);
+    Close(Handle);
+}
+
 TEST_F(CloseOfAnOpen, AnswersWhatItsDeleteMeans) {
     struct Case {
         bool IsDirectory;

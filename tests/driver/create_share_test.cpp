@@ -217,25 +217,24 @@ TEST_F(SharedOpens, OfWhatIsToBeDeletedAreRefused) {
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\a.txt"));
 }
 
-TEST_F(SharedOpens, ThatFailLeaveTheFcbAsItWas) {
-    const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt");
-    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
-    const SHARE_ACCESS Before = Fcb(File)->ShareAccess;
-    const ULONG Flags = Fcb(File)->OpenFlags;
-    Provider.OnCall(Slot::CreateFile, IsRealOpen).Return(ProviderError(0x0006));
-    ExpectRefused(u"\\srv\\vol\\a.txt", With(ForDelete, FILE_OPEN, FILE_DELETE_ON_CLOSE), STATUS_ACCESS_DENIED,
+TEST_F(SharedOpens, OfARootWhoseVolumeCannotBeOpenedLeaveItARoot) {
+    const HANDLE Root = MustOpen(u"\\srv\\vol", AsDirectory);
+    Provider.OnCall(Slot::OpenVolume).Nth(2).Return(ProviderError(0x0006)); // the first one is the probe's
+    const HANDLE Second = MustOpen(u"\\srv\\vol", AsDirectory);
+    EXPECT_EQ(Instance(Second)->VolumeHandle, 0u);
+    EXPECT_EQ(Fcb(Root)->VolumeResolved, 1) << "its listings have no dot entries";
+    Close(Second);
+    Close(Root);
+}
+
+TEST_F(SharedOpens, OfARefusedSizeDoNotTakeItOver) {
+    const HANDLE First = MustOpen(u"\\srv\\vol\\a.txt");
+    Provider.Edit([](providers::Tree &Tree) { Tree.Find(u"\\srv\\vol\\a.txt")->Attributes = RV_ATTR_READONLY; });
+    Provider.AddFile(u"\\srv\\vol\\a.txt", "longer than before", RV_ATTR_READONLY);
+    ExpectRefused(u"\\srv\\vol\\a.txt", With(ForDelete, FILE_OPEN, FILE_DELETE_ON_CLOSE), STATUS_CANNOT_DELETE,
                   FILE_SUPERSEDED);
-    EXPECT_TRUE(Same(Fcb(File)->ShareAccess, Before));
-    EXPECT_EQ(Fcb(File)->OpenFlags, Flags);
-    EXPECT_EQ(Fcb(File)->OpenCount, 1u);
-    EXPECT_EQ(Fcb(File)->UncleanCount, 1u);
-    EXPECT_EQ(Fcb(File)->OpenType, OPEN_TYPE_FILE + 0u);
-    Provider.OnCall(Slot::OpenDirectory).Return(ProviderError(0x0006));
-    ExpectRefused(u"\\srv\\vol\\docs", AsDirectory, STATUS_ACCESS_DENIED);
-    EXPECT_EQ(Fcb(Directory)->VolumeResolved, 0) << "its listings keep their dot entries";
-    EXPECT_EQ(Fcb(Directory)->OpenType, OPEN_TYPE_DIRECTORY + 0u);
-    Close(File);
-    Close(Directory);
+    EXPECT_EQ(Fcb(First)->Header.FileSize.QuadPart, 10);
+    Close(First);
 }
 
 TEST_F(SharedOpens, KeepTheLocksOfTheFirst) {

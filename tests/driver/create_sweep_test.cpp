@@ -1,7 +1,9 @@
 // Every kind of open with every failure: of the Provider, of memory, of resources. Nothing may be left, and no success
 // may be claimed that the Provider did not give.
 
+#include <array>
 #include <fmt/format.h>
+#include <tuple>
 
 #include "tests/driver/create_client.h"
 
@@ -48,11 +50,35 @@ const Kind Kinds[] = {
     {"CreateDirectory", u"\\srv\\vol\\new", Deleting(With(AsDirectory, FILE_CREATE))},
     {"OpenOrCreateDirectory", u"\\srv\\vol\\new", Deleting(With(AsDirectory, FILE_OPEN_IF))},
     {"VolumeRoot", u"\\srv\\vol", AsDirectory},
+    {"SharedVolumeRoot", u"\\srv\\vol", AsDirectory, false, true},
     {"RelativeFile", u"f.txt", ForDelete, true},
     {"RelativeDirectory", u"sub", AsDirectory, true},
     {"SameObject", u"", AsDirectory, true},
     {"Target", u"\\srv\\vol\\docs\\f.txt", AsTarget},
     {"RelativeTarget", u"new", AsTarget, true},
+};
+
+// All of an FCB that an open which fails must leave as it was.
+struct FcbState {
+    explicit FcbState(const FCB &Fcb)
+        : OpenFlags(Fcb.OpenFlags), OpenType(Fcb.OpenType), OpenCount(Fcb.OpenCount), UncleanCount(Fcb.UncleanCount),
+          VolumeResolved(Fcb.VolumeResolved), VolumeRoot(Fcb.VolumeRoot),
+          Shares(Fcb.ShareAccess), Sizes{Fcb.Header.AllocationSize.QuadPart, Fcb.Header.FileSize.QuadPart,
+                                         Fcb.Header.ValidDataLength.QuadPart},
+          Path(Fcb.FullPath.Buffer), FileLock(Fcb.FileLockInitialized) {
+    }
+    bool operator==(const FcbState &Other) const {
+        return std::tie(OpenFlags, OpenType, OpenCount, UncleanCount, VolumeResolved, VolumeRoot, Sizes, Path,
+                        FileLock) == std::tie(Other.OpenFlags, Other.OpenType, Other.OpenCount, Other.UncleanCount,
+                                              Other.VolumeResolved, Other.VolumeRoot, Other.Sizes, Other.Path,
+                                              Other.FileLock) &&
+               memcmp(&Shares, &Other.Shares, sizeof(Shares)) == 0;
+    }
+    ULONG OpenFlags, OpenType, OpenCount, UncleanCount, VolumeResolved, VolumeRoot;
+    SHARE_ACCESS Shares;
+    std::array<LONGLONG, 3> Sizes;
+    std::u16string Path;
+    ULONG FileLock;
 };
 
 class OpenSweep : public test::CreateFixture, public testing::WithParamInterface<Kind> {
@@ -70,6 +96,11 @@ protected:
         if (GetParam().Shared) {
             const bool IsDirectory = (Request.Options & FILE_DIRECTORY_FILE) != 0;
             Other_ = MustOpen(GetParam().Path, IsDirectory ? AsDirectory : Open{});
+        }
+        for (const HANDLE Each : {Parent_, Other_}) {
+            if (Each != nullptr) {
+                Before_.emplace_back(*Fcb(Each));
+            }
         }
         Fcbs_ = FcbCount;
         Handles_ = Provider.OpenHandles();
@@ -122,20 +153,23 @@ protected:
         }
         Close(Result.Handle);
     }
-    void ExpectAsBefore(const std::string &Where) {
+    void ExpectAsBefore(const std::string &Where, bool Failed) {
         EXPECT_EQ(Provider.OpenHandles(), Handles_) << Where;
         EXPECT_EQ(FcbCount, Fcbs_) << Where;
+        size_t At = 0;
         for (const HANDLE Each : {Parent_, Other_}) {
             if (Each != nullptr) {
+                EXPECT_TRUE(!Failed || FcbState(*Fcb(Each)) == Before_[At]) << Where;
+                Before_[At++] = FcbState(*Fcb(Each));
                 EXPECT_EQ(Fcb(Each)->OpenCount, 1u) << Where;
                 EXPECT_EQ(Fcb(Each)->UncleanCount, 1u) << Where;
-                EXPECT_FALSE(Fcb(Each)->OpenFlags & FCB_STATE_DELETE_ON_CLOSE) << Where;
             }
         }
     }
 
     HANDLE Parent_ = nullptr;
     HANDLE Other_ = nullptr;
+    std::vector<FcbState> Before_; // of the FCBs that stay
     ULONG Fcbs_ = 0;
     Calls Handles_;
 };
@@ -152,7 +186,7 @@ TEST_P(OpenSweep, SurvivesEveryFailureOfTheProvider) {
             Provider.ClearScript();
             const std::string Where = fmt::format("call {} answering {:08X}", Nth, Raw);
             ExpectHonest(Result, Where);
-            ExpectAsBefore(Where);
+            ExpectAsBefore(Where, !NT_SUCCESS(Result.Status));
             if (!Fired) {
                 EXPECT_GT(Nth, 2u);
                 break;
@@ -175,7 +209,7 @@ TEST_P(OpenSweep, SurvivesEveryLackOfMemoryAndResources) {
             }
             const std::string Where = fmt::format("service {}", Nth);
             ExpectHonest(Result, Where);
-            ExpectAsBefore(Where);
+            ExpectAsBefore(Where, !NT_SUCCESS(Result.Status));
             if (Failed == 0) {
                 EXPECT_GT(Nth, 3u) << "the path, the instance and the FCB need memory";
                 break;

@@ -479,10 +479,10 @@ TEST_F(Fcbs, AnOpenedDirectorysHandleIsNotLostToANote) {
     const HANDLE Directory = MustOpen(u"\\srv\\vol\\new", With(AsDirectory, FILE_CREATE));
     Provider.OnCall(Slot::OpenDirectory).ReturnAfter(static_cast<RVSTATUS>(0x80000007));
     IRP_CONTEXT Request = Context();
-    EXPECT_FALSE(NT_SUCCESS(NtFsdEnsureDirectoryHandle(&Request, Fcb(Directory), Instance(Directory))));
+    EXPECT_FALSE(NT_SUCCESS(NtFsdEnsureDirectoryHandle(&Request, Instance(Directory))));
     EXPECT_EQ(Instance(Directory)->DirHandle, 0u);
     Provider.ClearScript();
-    EXPECT_EQ(NtFsdEnsureDirectoryHandle(&Request, Fcb(Directory), Instance(Directory)), STATUS_SUCCESS);
+    EXPECT_EQ(NtFsdEnsureDirectoryHandle(&Request, Instance(Directory)), STATUS_SUCCESS);
     EXPECT_NE(Instance(Directory)->DirHandle, 0u);
     Close(Directory);
     ExpectNothingOpen("the close");

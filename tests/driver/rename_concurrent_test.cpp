@@ -172,6 +172,37 @@ TEST_F(RenamesMeanwhile, AnOpenBelowItIsOfTheFileThatItFinds) {
     Close(Theirs);
 }
 
+TEST_F(RenamesMeanwhile, ARenameIntoItIsNotRefusedForTheNameThatIsGone) {
+    Replaced_ = false;
+    EXPECT_EQ(Rename(File_, u"new.txt", false, Directory_), STATUS_SUCCESS);
+    ExpectNamed(File_, u"\\srv\\vol\\e\\new.txt");
+}
+
+TEST_F(RenamesConcurrent, ANameThatACreateHasOnlyLookedUpIsFree) {
+    const HANDLE Handle = OpenFile();
+    const HANDLE Target = OpenTarget(u"\\srv\\vol\\new");
+    std::thread Renamer;
+    // The create has its FCB and asks what is there when the rename comes, which waits for it with the table.
+    Provider.OnCall(Slot::OpenDirectory).Nth(1).Do([&](const providers::Call &) {
+        Renamer = std::thread([&] { EXPECT_EQ(RenameThrough(Handle, Target), STATUS_SUCCESS); });
+        for (bool Waiting = false; !Waiting; std::this_thread::yield()) {
+            KeEnterCriticalRegion();
+            Waiting = !ExAcquireResourceExclusiveLite(&FcbTableResource, FALSE);
+            if (!Waiting) {
+                ExReleaseResourceLite(&FcbTableResource);
+            }
+            KeLeaveCriticalRegion();
+        }
+    });
+    EXPECT_EQ(Create(u"\\srv\\vol\\new").Status, STATUS_OBJECT_NAME_NOT_FOUND);
+    Renamer.join();
+    ExpectNamed(Handle, u"\\srv\\vol\\new");
+    EXPECT_EQ(FcbPrefixCount, 2u) << "the file and the target's directory";
+    EXPECT_TRUE(Fcb(Handle)->OpenFlags & FCB_STATE_IN_PREFIX_TABLE);
+    Close(Target);
+    Close(Handle);
+}
+
 TEST_F(RenamesMeanwhile, ARenameIntoItReplacesWhatIsInIt) {
     EXPECT_EQ(Rename(File_, u"f.txt", true, Directory_), STATUS_SUCCESS);
     ExpectNamed(File_, u"\\srv\\vol\\e\\f.txt");

@@ -32,8 +32,9 @@ TEST_F(Replacing, TheFileItselfUnderAnotherNameIsNotDeleted) {
     const HANDLE Handle = OpenFile();
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", true), STATUS_OBJECT_NAME_COLLISION); // the Provider's word
     EXPECT_EQ(Made(),
-              (Calls{"RVFsdGetVolumeInformation", "RVFsdGetVolumeInformation", "RVFsdGetFileId", "RVFsdCreateFile",
-                     "RVFsdGetFileId", "RVFsdCloseFile", "RVFsdMoveFile", "RVFsdCloseDirectory"}));
+              (Calls{"RVFsdGetVolumeInformation", "RVFsdGetVolumeInformation", "RVFsdGetDFSPhysicalPath",
+                     "RVFsdQueryPathForVolume", "RVFsdGetDFSPhysicalPath", "RVFsdQueryPathForVolume", "RVFsdGetFileId",
+                     "RVFsdCreateFile", "RVFsdGetFileId", "RVFsdCloseFile", "RVFsdMoveFile", "RVFsdCloseDirectory"}));
     ExpectBothThere();
     EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
     Close(Handle);
@@ -41,20 +42,26 @@ TEST_F(Replacing, TheFileItselfUnderAnotherNameIsNotDeleted) {
 
 // The move would be refused: the file in its way would be gone for nothing.
 TEST_F(Replacing, NothingIsDeletedInAVolumeThatTheFileCannotBeMovedInto) {
-    // With an identifier of its own, without one, and both with one that is none.
-    for (const auto &[Flags, Byte] :
-         {std::pair{RV_VOLUME_IDENTIFIER_VALID + 0u, 0x77}, {0u, 0x77}, {RV_VOLUME_IDENTIFIER_VALID + 0u, 0}}) {
+    // With an identifier of its own, with that of the other volume (a clone), without one, and both with one that is
+    // none.
+    constexpr int Cloned = 0x55;
+    for (const auto &[Flags, Byte] : {std::pair{RV_VOLUME_IDENTIFIER_VALID + 0u, 0x77},
+                                      {RV_VOLUME_IDENTIFIER_VALID + 0u, Cloned},
+                                      {0u, 0x77},
+                                      {RV_VOLUME_IDENTIFIER_VALID + 0u, 0}}) {
         Provider.Edit([Flags = Flags, Byte = Byte](providers::Tree &Tree) {
             providers::Volume &Other = Tree.AddVolume(u"\\srv\\vol2");
             Other.Flags = Flags;
-            for (providers::Volume *Each : {&Other, Byte == 0 ? Tree.FindVolume(u"\\srv\\vol") : &Other}) {
+            for (providers::Volume *Each :
+                 {&Other, Byte == 0 || Byte == Cloned ? Tree.FindVolume(u"\\srv\\vol") : &Other}) {
                 memset(Each->Identifier, Byte, sizeof(Each->Identifier));
             }
         });
         Provider.AddFile(u"\\srv\\vol2\\b.txt", "theirs");
         const HANDLE Handle = OpenFile();
         EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol2\\b.txt", true), STATUS_NOT_SAME_DEVICE);
-        EXPECT_EQ(Made(), (Calls{"RVFsdGetVolumeInformation", "RVFsdGetVolumeInformation", "RVFsdCloseDirectory"}));
+        EXPECT_EQ(std::count(Made().begin(), Made().end(), "RVFsdDeleteFile"), 0);
+        EXPECT_EQ(std::count(Made().begin(), Made().end(), "RVFsdMoveFile"), 0);
         EXPECT_EQ(Provider.Content(u"\\srv\\vol2\\b.txt"), "theirs");
         ExpectBothThere();
         Close(Handle);

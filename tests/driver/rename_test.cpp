@@ -13,6 +13,10 @@ protected:
     // What is asked before a file is deleted to make room.
     const Calls LooksAtWhatIsReplaced = {"RVFsdGetVolumeInformation",
                                          "RVFsdGetVolumeInformation",
+                                         "RVFsdGetDFSPhysicalPath",
+                                         "RVFsdQueryPathForVolume",
+                                         "RVFsdGetDFSPhysicalPath",
+                                         "RVFsdQueryPathForVolume",
                                          "RVFsdGetFileId",
                                          "RVFsdCreateFile",
                                          "RVFsdGetFileId",
@@ -142,7 +146,36 @@ INSTANTIATE_TEST_SUITE_P(Answers, FailedMoves,
                                          std::pair{ProviderError(0x0107), STATUS_ACCESS_DENIED},
                                          std::pair{ProviderError(0x0510), STATUS_OBJECT_NAME_COLLISION},
                                          std::pair{ProviderError(0x0000), STATUS_UNSUCCESSFUL},
+                                         std::pair{static_cast<RVSTATUS>(0x0000000E), STATUS_UNSUCCESSFUL}, // pending
                                          std::pair{static_cast<RVSTATUS>(0x80000008), STATUS_NO_DATA_DETECTED}));
+
+TEST_F(Renaming, ToAndFroTakesNoMemory) {
+    const HANDLE Handle = OpenFile();
+    for (int Round = 0; Round < 100; ++Round) {
+        ASSERT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt"), STATUS_SUCCESS);
+        ASSERT_EQ(RenameTo(Handle, u"\\srv\\vol\\a.txt"), STATUS_SUCCESS);
+    }
+    ExpectNamed(Handle, u"\\srv\\vol\\a.txt");
+    const PATH_RECORD *Old = Fcb(Handle)->CurrentPath->Older;
+    ASSERT_NE(Old, nullptr);
+    EXPECT_EQ(std::u16string(Old->Path.Buffer), u"\\srv\\vol\\b.txt");
+    EXPECT_EQ(Old->Older, nullptr);
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\B.txt"), STATUS_SUCCESS) << "another spelling is another record";
+    ExpectNamed(Handle, u"\\srv\\vol\\B.txt");
+    Close(Handle);
+}
+
+// Its handle is its owner's, who goes on using it.
+TEST_F(Renaming, ThroughADirectoryThatWasNotOpenedForItIsRefused) {
+    const HANDLE Handle = OpenFile();
+    const HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
+    Provider.ClearCalls();
+    EXPECT_EQ(RenameThrough(Handle, Directory), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(CallNames(), Calls{});
+    EXPECT_NE(Instance(Directory)->DirHandle, 0u);
+    Close(Directory);
+    Close(Handle);
+}
 
 // ---- What stands in the way
 // --------------------------------------------------------------------------------------------
