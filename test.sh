@@ -39,6 +39,8 @@ build_preset "$preset" "$program"
 export ASAN_OPTIONS=detect_leaks=1:detect_stack_use_after_return=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 export TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1
+# Schedules are many where they are cheap; RVFSD_EXPLORE=100 is a campaign.
+[ "$preset" = debug ] && [ "$program" = rvfsd_tests ] || export RVFSD_EXPLORE="${RVFSD_EXPLORE:-0.1}"
 
 # The sanitizers' shadow memory wants the address space where it was laid out for; a kernel that randomizes more than they
 # know stops them at start.

@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <random>
+#include <sched.h>
 #include <semaphore>
 #include <thread>
 #include <unistd.h>
@@ -179,6 +180,25 @@ private:
     size_t At_ = 0;
 };
 
+cpu_set_t Anywhere;
+
+// The threads that are made meanwhile run on one processor: a turn that is passed on wakes nobody elsewhere.
+class OnOneProcessor {
+public:
+    OnOneProcessor() {
+        sched_getaffinity(0, sizeof(Anywhere), &Anywhere);
+        cpu_set_t One;
+        CPU_ZERO(&One);
+        CPU_SET(static_cast<size_t>(sched_getcpu()), &One);
+        sched_setaffinity(0, sizeof(One), &One);
+    }
+    ~OnOneProcessor() {
+        sched_setaffinity(0, sizeof(Anywhere), &Anywhere);
+    }
+    OnOneProcessor(const OnOneProcessor &) = delete;
+    OnOneProcessor &operator=(const OnOneProcessor &) = delete;
+};
+
 // One schedule under way. Whoever runs holds the turn; the mutex is for the moments between.
 class Scheduler {
 public:
@@ -280,6 +300,7 @@ private:
         // Over: it parks like any other thread from here on.
         Mine.Record->Explored = nullptr;
         Self = nullptr;
+        sched_setaffinity(0, sizeof(Anywhere), &Anywhere);
     }
     void PassOn(ExploredThread &From) {
         ExploredThread *Next = Pick(From);
@@ -507,6 +528,7 @@ std::string RunSchedule(const Race &Of, const std::string &Schedule) {
 }
 
 ExploreResult Explore(const Race &Of, const ExploreOptions &Options) {
+    const OnOneProcessor Pinned;
     ExploreResult Result;
     Tried = 0;
     if (const char *Only = std::getenv("RVFSD_SCHEDULE"); Only != nullptr) {
@@ -547,9 +569,9 @@ ExploreResult Explore(const Race &Of, const ExploreOptions &Options) {
 
 ExploreOptions OptionsFromEnvironment(ExploreOptions Options) {
     if (const char *Times = std::getenv("RVFSD_EXPLORE"); Times != nullptr) {
-        const size_t Factor = std::max(1, std::atoi(Times));
-        Options.RandomSchedules *= Factor;
-        Options.MostSchedules *= Factor;
+        const double Factor = std::atof(Times);
+        Options.RandomSchedules = static_cast<size_t>(static_cast<double>(Options.RandomSchedules) * Factor);
+        Options.MostSchedules = static_cast<size_t>(static_cast<double>(Options.MostSchedules) * Factor);
     }
     return Options;
 }

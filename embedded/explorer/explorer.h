@@ -48,7 +48,7 @@ ExploreResult Explore(const Race &Of, const ExploreOptions &Options = {});
 // Runs one schedule; what is wrong, or nothing.
 std::string RunSchedule(const Race &Of, const std::string &Schedule);
 
-// Settings of the environment: RVFSD_EXPLORE=N multiplies the random schedules and lifts the limit of the walk.
+// Options with the number of random schedules and the limit of the walk multiplied by RVFSD_EXPLORE, if that is set.
 ExploreOptions OptionsFromEnvironment(ExploreOptions Options = {});
 
 } // namespace embedded

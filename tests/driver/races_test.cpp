@@ -1,0 +1,303 @@
+// Named races of the driver: every schedule of two preemptions, up to a limit, and random ones. RVFSD_EXPLORE=100 makes
+// a campaign of it, RVFSD_SCHEDULE repeats one schedule.
+
+#include <iostream>
+
+#include <fmt/format.h>
+
+#include "embedded/ex.h"
+#include "embedded/explorer/explorer.h"
+#include "embedded/explorer/schedule.h"
+#include "provider/binding.h"
+#include "provider/class_factory.h"
+#include "tests/driver/lock_client.h"
+#include "tests/driver/set_client.h"
+
+namespace {
+
+using embedded::Race;
+using embedded::SentIrp;
+using providers::Slot;
+using test::Open;
+
+template <typename Fixture>
+class Racing : public Fixture {
+protected:
+    // The calls of the Provider are places where others may run, too.
+    void Begin(const test::StartOptions &Options = {}) {
+        this->Start(Options);
+        embedded::Clock::Settle();
+        this->Provider.OnCall(Slot::Any).Do(
+            [](const providers::Call &) { embedded::SchedulePoint("a call of the Provider", nullptr); });
+    }
+    // Runs the schedules. After each nothing may be left that was not there before the first one.
+    void MustPass(Race Of, const embedded::ExploreOptions &Options = {.MostSchedules = 3000}) {
+        LONG64 Blocks = -1;
+        const auto After = Of.After;
+        Of.After = [&, After] {
+            std::string Wrong = After();
+            if (Wrong.empty() && !this->Provider.OpenHandles().empty()) {
+                Wrong = "left open at the server: " + this->Provider.OpenHandles().front();
+            }
+            if (Wrong.empty() && Blocks >= 0 && embedded::PoolBlocksInUse() > Blocks) {
+                Wrong =
+                    fmt::format("{} blocks of pool, {} after the first schedule", embedded::PoolBlocksInUse(), Blocks);
+            }
+            Blocks = Blocks < 0 ? embedded::PoolBlocksInUse() : Blocks;
+            this->Provider.ClearCalls();
+            return Wrong;
+        };
+        const embedded::ExploreResult Found = Explore(Of, OptionsFromEnvironment(Options));
+        EXPECT_EQ(Found.Failure, "") << "RVFSD_SCHEDULE=" << Found.Schedule;
+        std::cout << "[ EXPLORER ] " << Of.Name << ": " << Found.Walked << " schedules of at most "
+                  << Options.Preemptions << " preemptions, " << (Found.Bounded ? "bounded there" : "all") << "; "
+                  << Found.Random << " random ones; up to " << Found.MostPoints << " points\n";
+    }
+};
+
+std::string Wrong(const char *What, NTSTATUS Status) {
+    return fmt::format("{}: 0x{:08X}", What, static_cast<ULONG>(Status));
+}
+
+bool IsAmong(NTSTATUS Status, std::initializer_list<NTSTATUS> Allowed) {
+    return std::find(Allowed.begin(), Allowed.end(), Status) != Allowed.end();
+}
+
+// ---- Names
+
+class NameRaces : public Racing<test::SetFixture> {
+protected:
+    NameRaces() {
+        Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "inside");
+    }
+    // Empty when the open names itself by a path where the server has something.
+    std::string IsWhereItSays(HANDLE Handle) {
+        return Provider.Exists(PathOf(Handle)) ? "" : "nothing is at " + providers::ToUtf8(PathOf(Handle));
+    }
+    // Puts names back for the next schedule.
+    void MoveBack(HANDLE Handle, std::u16string_view Path) {
+        if (PathOf(Handle) != Path) {
+            EXPECT_EQ(Rename(Handle, Path), STATUS_SUCCESS);
+        }
+    }
+
+    HANDLE File = nullptr, Directory = nullptr, Opened = nullptr;
+    NTSTATUS First = STATUS_SUCCESS, Second = STATUS_SUCCESS;
+};
+
+TEST_F(NameRaces, CloseAgainstCreateOfTheSamePath) {
+    Begin();
+    MustPass({"close against create of the same path",
+              [&] { File = MustOpen(u"\\srv\\vol\\a.txt"); },
+              {[&] { Close(File); },
+               [&] {
+                   const embedded::CreateResult Result = Create(u"\\srv\\vol\\A.TXT", test::ForChange);
+                   First = Result.Status;
+                   Opened = Result.Handle;
+               }},
+              [&]() -> std::string {
+                  if (First != STATUS_SUCCESS) {
+                      return Wrong("the create", First);
+                  }
+                  if (ReadAll(Opened) != "0123456789") {
+                      return "the file cannot be read";
+                  }
+                  const ULONG Opens = Fcb(Opened)->OpenCount;
+                  Close(Opened);
+                  return Opens == 1 ? "" : fmt::format("{} opens counted", Opens);
+              }});
+}
+
+TEST_F(NameRaces, RenameAgainstARelativeOpen) {
+    Begin();
+    MustPass({"rename against a relative open",
+              [&] { Directory = MustOpen(u"\\srv\\vol\\d", test::DirectoryForChange); },
+              {[&] { First = Rename(Directory, u"\\srv\\vol\\e"); },
+               [&] {
+                   const embedded::CreateResult Result = Create(u"f.txt", {.Related = Directory});
+                   Second = Result.Status;
+                   Opened = Result.Handle;
+               }},
+              [&]() -> std::string {
+                  std::string Text;
+                  // An open below makes the server, or the driver, refuse the rename.
+                  if (!IsAmong(First, {STATUS_SUCCESS, STATUS_ACCESS_DENIED})) {
+                      Text = Wrong("the rename", First);
+                  } else if (Second != STATUS_SUCCESS) {
+                      Text = Wrong("the open", Second);
+                  } else if (Text = IsWhereItSays(Opened); Text.empty() && ReadAll(Opened) != "inside") {
+                      Text = "the file cannot be read";
+                  }
+                  if (Second == STATUS_SUCCESS) {
+                      Close(Opened);
+                  }
+                  MoveBack(Directory, u"\\srv\\vol\\d");
+                  Close(Directory);
+                  return Text;
+              }});
+}
+
+TEST_F(NameRaces, RenameAgainstARenameOfTheTargetDirectory) {
+    Begin();
+    MustPass({"rename against a rename of the target directory",
+              [&] {
+                  File = MustOpen(u"\\srv\\vol\\a.txt", test::ForChange);
+                  Directory = MustOpen(u"\\srv\\vol\\d", test::DirectoryForChange);
+              },
+              {[&] { First = Rename(File, u"\\srv\\vol\\d\\g.txt"); },
+               [&] { Second = Rename(Directory, u"\\srv\\vol\\e"); }},
+              [&]() -> std::string {
+                  std::string Text = IsWhereItSays(File) + IsWhereItSays(Directory);
+                  if (!IsAmong(First, {STATUS_SUCCESS, STATUS_OBJECT_PATH_NOT_FOUND, STATUS_ACCESS_DENIED})) {
+                      Text += Wrong("the file's rename", First);
+                  }
+                  if (!IsAmong(Second, {STATUS_SUCCESS, STATUS_ACCESS_DENIED})) {
+                      Text += Wrong("the directory's rename", Second);
+                  }
+                  if (Text.empty() && ReadAll(File) != "0123456789") {
+                      Text = "the file cannot be read";
+                  }
+                  MoveBack(File, u"\\srv\\vol\\a.txt");
+                  MoveBack(Directory, u"\\srv\\vol\\d");
+                  Close(File);
+                  Close(Directory);
+                  return Text;
+              }});
+}
+
+TEST_F(NameRaces, NotificationAgainstClose) {
+    Begin({.Switches = {{u"EnableDirectoryNotify", 1}}});
+    std::optional<SentIrp> Waiting;
+    MustPass({"notification against close",
+              [&] {
+                  Directory = MustOpen(u"\\srv\\vol\\d",
+                                       {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE, .Options = FILE_DIRECTORY_FILE});
+                  embedded::IrpBuilder Builder;
+                  Builder.MajorFunction = IRP_MJ_DIRECTORY_CONTROL;
+                  Builder.MinorFunction = IRP_MN_NOTIFY_CHANGE_DIRECTORY;
+                  Builder.FileObject = FileObject(Directory);
+                  Builder.Fill = [](PIO_STACK_LOCATION Stack) {
+                      Stack->Parameters.NotifyDirectory.CompletionFilter = FILE_NOTIFY_CHANGE_FILE_NAME;
+                  };
+                  Waiting.emplace(SendIrp(Device(), Builder));
+              },
+              {[&] {
+                   Close(MustOpen(u"\\srv\\vol\\d\\new.txt",
+                                  {.Access = FILE_WRITE_DATA | DELETE | SYNCHRONIZE,
+                                   .Disposition = FILE_CREATE,
+                                   .Options = FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT}));
+               },
+               [&] { Close(Directory); }},
+              [&]() -> std::string {
+                  const NTSTATUS Status = Waiting->IsCompleted() ? Waiting->Wait().Status : STATUS_PENDING;
+                  if (Status == STATUS_PENDING) {
+                      return "the wait has not ended";
+                  }
+                  Waiting.reset();
+                  return IsAmong(Status,
+                                 {STATUS_SUCCESS, STATUS_NOTIFY_ENUM_DIR, STATUS_NOTIFY_CLEANUP, STATUS_CANCELLED})
+                             ? ""
+                             : Wrong("the wait", Status);
+              }});
+}
+
+// ---- Locks
+
+class LockRaces : public Racing<test::LockFixture> {
+protected:
+    // Told locks minus told unlocks.
+    int KeptByServer() {
+        return static_cast<int>(Provider.CountCalls(Slot::LockFile)) -
+               static_cast<int>(Provider.CountCalls(Slot::UnlockFile));
+    }
+
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    std::optional<SentIrp> Waiting;
+    HANDLE Owner = nullptr, Other = nullptr;
+};
+
+TEST_F(LockRaces, GrantAgainstCleanup) {
+    Begin();
+    MustPass({"lock grant against cleanup",
+              [&] {
+                  Owner = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+                  Other = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+                  EXPECT_EQ(Lock(Owner, 0, 10), STATUS_SUCCESS);
+                  Waiting.emplace(Wait(Other, 2, &Length));
+              },
+              {[&] { Unlock(Owner, 0, 10); }, [&] { Close(Other); }},
+              [&]() -> std::string {
+                  if (!Waiting->IsCompleted()) {
+                      return "the waiting lock has not ended";
+                  }
+                  const NTSTATUS Status = Waiting->Wait().Status;
+                  Waiting.reset();
+                  const size_t Left = LocalLocks(Owner).size();
+                  Close(Owner);
+                  if (!IsAmong(Status, {STATUS_SUCCESS, STATUS_CANCELLED})) {
+                      return Wrong("the waiting lock", Status);
+                  }
+                  // An unlock of what the server was not told of asks it once too often, which harms nothing.
+                  return Left == 0 && KeptByServer() <= 0
+                             ? ""
+                             : fmt::format("{} locks left here, {} at the server", Left, KeptByServer());
+              }});
+}
+
+TEST_F(LockRaces, UnlockAgainstTheTellingOfTheServer) {
+    Begin();
+    NTSTATUS Unlocked = STATUS_SUCCESS;
+    MustPass({"unlock against the telling of the server",
+              [&] { Owner = MustOpen(u"\\srv\\vol\\a.txt", Writer); },
+              {[&] { Waiting.emplace(Wait(Owner, 2, &Length)); }, [&] { Unlocked = Unlock(Owner, 2, 4); }},
+              [&]() -> std::string {
+                  const NTSTATUS Status = Waiting->Wait().Status;
+                  Waiting.reset();
+                  const int Local = static_cast<int>(LocalLocks(Owner).size());
+                  const int Server = KeptByServer();
+                  Close(Owner);
+                  if (!IsAmong(Status, {STATUS_SUCCESS, STATUS_CANCELLED})) {
+                      return Wrong("the lock", Status);
+                  }
+                  if (!IsAmong(Unlocked, {STATUS_SUCCESS, STATUS_RANGE_NOT_LOCKED})) {
+                      return Wrong("the unlock", Unlocked);
+                  }
+                  // The server may be asked to unlock what it was not told of yet.
+                  const int Expected = Status == STATUS_SUCCESS && Unlocked != STATUS_SUCCESS ? 1 : 0;
+                  return Local == Expected && Server <= Expected
+                             ? ""
+                             : fmt::format("{} locks here, {} at the server, lock 0x{:08X}, unlock 0x{:08X}", Local,
+                                           Server, static_cast<ULONG>(Status), static_cast<ULONG>(Unlocked));
+              }});
+}
+
+// ---- Binding
+
+class BindingRaces : public Racing<test::FrameFixture> {};
+
+TEST_F(BindingRaces, FirstBindingByTwoRequests) {
+    Begin();
+    NTSTATUS First = STATUS_SUCCESS, Second = STATUS_SUCCESS;
+    size_t Before = 0;
+    const auto Ask = [&] { return Send(Plain(IRP_MJ_DEVICE_CONTROL, nullptr)).Status; };
+    MustPass({"first binding by two requests",
+              [&] {
+                  // Only a test lets the driver try again.
+                  NtFsdReleaseSecurityContextInterface();
+                  NtFsdReleaseProviderInterfaces();
+                  NtFsdReleaseRvplInterface();
+                  g_bFrameworkBindFailed = 0;
+                  g_bFrameworkBound = 0;
+                  Before = Framework->Log().size();
+              },
+              {[&] { First = Ask(); }, [&] { Second = Ask(); }},
+              [&]() -> std::string {
+                  if (First != STATUS_INVALID_DEVICE_REQUEST || Second != STATUS_INVALID_DEVICE_REQUEST) {
+                      return Wrong("the first", First) + Wrong(", the second", Second);
+                  }
+                  const size_t Asked = Framework->Log().size() - Before;
+                  return Asked == 5 ? "" : fmt::format("{} classes asked for", Asked);
+              }});
+}
+
+} // namespace
