@@ -1,8 +1,9 @@
 #!/bin/sh
-# Builds and runs the tests: ./test.sh [debug|asan|tsan|gcc|image] [GTEST_FILTER]
+# Builds and runs the tests: ./test.sh [debug|asan|tsan|gcc|image|image-guarded] [GTEST_FILTER]
 #
 # image runs the same tests on RVFSD.sys, loaded, instead of the driver linked in; then every import of the image must have
-# been called by some test, unless a filter is given.
+# been called by some test, unless a filter is given. image-guarded does so with a page without access behind each block of
+# pool and in place of each freed one.
 #
 # tsan runs the concurrent tests only, unless a filter is given: those with "Concurrent" in their name. The last line
 # tells the count; the exit status is 0 only when at least one test ran and none failed.
@@ -18,8 +19,12 @@ asan) extra=$packages_sanitizers ;;
 tsan) extra=$packages_sanitizers filter=${2:-*Concurrent*} ;;
 gcc) extra="g++ libbenchmark-dev" ;;
 image) extra="$packages_image gdb" ;;
+image-guarded)
+    extra="$packages_image gdb" preset=image
+    export RVFSD_GUARD_POOL=1
+    ;;
 *)
-    echo "usage: $0 [debug|asan|tsan|gcc|image] [GTEST_FILTER]" >&2
+    echo "usage: $0 [debug|asan|tsan|gcc|image|image-guarded] [GTEST_FILTER]" >&2
     exit 2
     ;;
 esac

@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include "embedded/ex.h"
+#include "embedded/ex_guard.h"
 #include "embedded/ex_live.h"
 #include "embedded/faults.h"
 #include "embedded/verifier/report.h"
@@ -56,6 +57,7 @@ struct PoolRecord {
     PoolKind Kind;
     POOL_TYPE Type;
     const KThread *Owner;
+    bool Guarded; // by pages
     size_t FrameCount;
     std::array<PVOID, 8> Frames;
 };
@@ -122,7 +124,10 @@ std::string DescribeRecord(ULONG_PTR Block, const PoolRecord &Record) {
 }
 
 PVOID AllocateTracked(PoolKind Kind, POOL_TYPE Type, SIZE_T Size, ULONG Tag) {
-    auto Header = static_cast<PoolHeader *>(std::malloc(sizeof(PoolHeader) + Size + CanarySize));
+    // With pages behind it a block needs no canary, which would keep it away from them.
+    void *Room = PoolGuardsOn() ? AllocateGuarded(sizeof(PoolHeader) + Size, sizeof(PoolHeader), Tag) : nullptr;
+    const bool ByPages = Room != nullptr;
+    auto Header = static_cast<PoolHeader *>(ByPages ? Room : std::malloc(sizeof(PoolHeader) + Size + CanarySize));
     if (Header == nullptr) {
         return nullptr;
     }
@@ -131,10 +136,12 @@ PVOID AllocateTracked(PoolKind Kind, POOL_TYPE Type, SIZE_T Size, ULONG Tag) {
     if (Guarded) {
         // What was there before must not pass for zeros.
         memset(Block, 0xCD, Size);
+    }
+    if (Guarded && !ByPages) {
         ULONG64 Canary = CanaryOf(Block);
         memcpy(static_cast<char *>(Block) + Size, &Canary, sizeof(Canary));
     }
-    PoolRecord Record{Size, Tag, Kind, Type, &CurrentThread(), 0, {}};
+    PoolRecord Record{Size, Tag, Kind, Type, &CurrentThread(), ByPages, 0, {}};
     Record.FrameCount = CaptureStack(Record.Frames.data(), Record.Frames.size());
     Shard &Place = ShardOf(Block);
     std::lock_guard Guard(Place.Mutex);
@@ -182,7 +189,7 @@ void VerifyRecord(const void *Block, const PoolRecord &Record, PoolKind Kind, UL
     if (Header->Magic != LiveMagic || Header->Size != Record.Size || Header->Tag != Record.Tag) {
         Stop(bugcheck::BadPoolCaller, AddressOf(Block), 0x24, "bytes before the block were overwritten");
     }
-    if (!CanaryIntact(Block, Record.Size)) {
+    if (!Record.Guarded && !CanaryIntact(Block, Record.Size)) {
         Stop(bugcheck::BadPoolCaller, AddressOf(Block), 0x23, "bytes behind the block were overwritten");
     }
 }
@@ -211,6 +218,10 @@ void ForgetLive(Shard &Place, ULONG_PTR Block) {
 // Gives the memory back, by way of the quarantine; the shard is locked.
 void ReleaseTracked(Shard &Place, PoolHeader *Header, const PoolRecord &Record) {
     Header->Magic = 0;
+    if (Record.Guarded) {
+        FreeGuarded(Header);
+        return;
+    }
     if (!Guarded || Record.Size > LargestQuarantined) {
         std::free(Header);
         return;

@@ -5,6 +5,9 @@
 // key together. A range of no bytes at offset X overlaps a range only if it lies strictly inside it: behind its
 // first byte and not behind its last; two of no bytes never overlap.
 //
+// FsRtlProcessFileLock answers what was decided here. What a driver's completion routine makes of it, and completes the
+// request with, is the driver's to know: a lock that it failed was granted all the same, and is taken back.
+//
 // Who ends a waiting request: whoever takes its cancel routine out of the request. The canceller has taken it before
 // it calls CancelWaiting, so a grant, an unlock or a teardown that finds none leaves the request to the canceller.
 
@@ -67,8 +70,8 @@ struct LockTable : std::enable_shared_from_this<LockTable> {
     PFILE_LOCK Attached; // nullptr once torn down
     std::shared_ptr<LockTable> Self;
     GrantedLocks Granted;
-    LocksByStart Shared;
-    LocksByStart Exclusive;
+    LocksByRange Shared;
+    LocksByRange Exclusive;
     LockId NextId = 1;
     WaiterList Waiters; // in order of arrival
 };
@@ -255,12 +258,12 @@ NTSTATUS QueueLocked(const TableReference &Table, const Lock &Wanted, PIRP Irp, 
     Table->Waiters.push_back({Wanted, Irp, Context, Table});
     ++WaiterCount;
     Irp->IoStatus.Information = reinterpret_cast<ULONG_PTR>(Table.get());
+    IoMarkIrpPending(Irp);
     ExchangeCancelRoutine(Irp, CancelWaiting);
     if (__atomic_load_n(&Irp->Cancel, __ATOMIC_SEQ_CST) && ExchangeCancelRoutine(Irp, nullptr) != nullptr) {
         TakeLocked(Table->Waiters, std::prev(Table->Waiters.end()));
         return STATUS_CANCELLED;
     }
-    IoMarkIrpPending(Irp);
     return STATUS_PENDING;
 }
 
@@ -301,7 +304,8 @@ NTSTATUS ProcessLock(PFILE_LOCK FileLock, PIRP Irp, PVOID Context, const Owner &
         TakeBack(Table, Decided.Id);
         GrantWaiters(Table);
     }
-    return Status;
+    // One that was cancelled while it was queued was marked pending before.
+    return Decided.Status == STATUS_CANCELLED ? STATUS_PENDING : Decided.Status;
 }
 
 // Where a range is locked both ways by its owner, the exclusive lock goes first.
@@ -484,7 +488,8 @@ NTSTATUS NTAPI FsRtlProcessFileLock(PFILE_LOCK FileLock, PIRP Irp, PVOID Context
     default:
         return CompleteLockIrp(nullptr, Context, Irp, STATUS_INVALID_DEVICE_REQUEST);
     }
-    return CompleteLockIrp(Routine, Context, Irp, Status);
+    static_cast<void>(CompleteLockIrp(Routine, Context, Irp, Status));
+    return Status;
 }
 
 PFILE_LOCK_INFO NTAPI FsRtlGetNextFileLock(PFILE_LOCK FileLock, BOOLEAN Restart) noexcept {

@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 
 #include "embedded/ex.h"
+#include "embedded/ex_guard.h"
 #include "embedded/faults.h"
 #include "embedded/image/faults.h"
 #include "embedded/mm_mapping.h"
@@ -102,6 +103,12 @@ void OnFault(int Signal, siginfo_t *Info, void *Context) {
     }
     if (Info->si_code > 0) {
         ReportFaultInImage(Signal, Info->si_addr, Context);
+    }
+    if (Info->si_code > 0 && Signal == SIGSEGV) {
+        if (const std::string Guarded = DescribeGuarded(Info->si_addr); !Guarded.empty()) {
+            BugCheck(0x50, reinterpret_cast<ULONG_PTR>(Info->si_addr), 0, static_cast<ULONG_PTR>(Rip), 0,
+                     fmt::format("touched memory at {} that nobody can{}", Info->si_addr, Guarded));
+        }
     }
     const auto *Which = std::find(std::begin(Signals), std::end(Signals), Signal);
     PassOn(Old[Which - Signals], Signal, Info, Context);

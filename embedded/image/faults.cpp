@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "embedded/ex_guard.h"
 #include "embedded/image/calls.h"
 #include "embedded/image/unwind.h"
 #include "embedded/mm.h"
@@ -100,7 +101,7 @@ bool IsStackUsedUp(const KThread &Thread, const void *Address, const UnwindConte
                  fmt::format("{} used up the stack, {} bytes{}", Who, Thread.StackHigh - Thread.StackLow, Where));
     }
     BugCheck(0x50, reinterpret_cast<ULONG_PTR>(Address), 0, At.Rip, 0,
-             fmt::format("{} touched memory at {} that it cannot{}", Who, Address, Where));
+             fmt::format("{} touched memory at {} that it cannot{}{}", Who, Address, DescribeGuarded(Address), Where));
 }
 
 } // namespace

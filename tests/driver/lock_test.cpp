@@ -182,17 +182,11 @@ TEST_F(Locks, ALockThatIsUnlockedBeforeTheServerHeardOfItIsCancelled) {
 // A library that began to queue a request and ended it again says pending, though it has called the completion routine
 // in the request's own thread.
 TEST_F(Locks, ALockThatIsEndedWhileItIsQueuedIsCompletedOnce) {
-    static PCOMPLETE_LOCK_IRP_ROUTINE Completion;
-    Completion = Fcb(First)->FileLock.CompleteLockIrpRoutine;
-    Fcb(First)->FileLock.CompleteLockIrpRoutine = [](PVOID Context, PIRP Irp) NTAPI -> NTSTATUS {
-        IoMarkIrpPending(Irp);
-        Irp->IoStatus.Status = STATUS_CANCELLED;
-        Completion(Context, Irp);
-        return STATUS_PENDING;
-    };
-    LARGE_INTEGER Length = {.QuadPart = 100};
-    embedded::SentIrp Ended = Wait(First, -10, &Length);
-    Fcb(First)->FileLock.CompleteLockIrpRoutine = Completion;
+    EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    embedded::IrpBuilder Builder = Request(Second, IRP_MN_LOCK, 2, &Length);
+    Builder.CancelledBefore = true;
+    embedded::SentIrp Ended = embedded::SendIrp(Device(), Builder);
     EXPECT_EQ(Ended.Returned(), STATUS_PENDING);
     ASSERT_TRUE(Ended.IsCompleted());
     EXPECT_EQ(Ended.Wait().Status, STATUS_CANCELLED);

@@ -5,6 +5,7 @@
 #include <ctime>
 #include <thread>
 
+#include "embedded/ex_guard.h"
 #include "embedded/faults.h"
 #include "embedded/ps.h"
 #include "embedded/verifier/report.h"
@@ -262,6 +263,8 @@ TEST(PoolTest, BlocksOutliveAChangeOfTheLevel) {
 #if !__has_feature(address_sanitizer)
 // The address sanitizer reports these itself, at the access.
 TEST(PoolDeathTest, OverrunUnderrunAndUseAfterFreeStop) {
+    const bool ByPages = PoolGuardsOn();
+    SetPoolGuards(false); // pages would stop it earlier
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     auto Block = static_cast<volatile char *>(ExAllocatePoolWithTag(NonPagedPool, 33, Tag));
     auto Free = [&] { ExFreePoolWithTag(const_cast<char *>(Block), Tag); };
@@ -282,6 +285,7 @@ TEST(PoolDeathTest, OverrunUnderrunAndUseAfterFreeStop) {
         },
         "STOP 0x000000CC.*was written to at offset 3");
     Free();
+    SetPoolGuards(ByPages);
 }
 #else
 // What the sanitizer reports at the access itself.

@@ -280,7 +280,7 @@ constexpr KnownFault Faults[] = {
     {"ReversedOrder", ReversedOrder, "nobody can go on"},
     {"DroppedWake", DroppedWake, "nobody can go on"},
     {"DoubleCompletion", DoubleCompletion, "STOP 0x00000044|STOP 0x000000C9"},
-    {"UseAfterTheLastDereference", UseAfterTheLastDereference, "STOP 0x000000C4|heap-use-after-free"},
+    {"UseAfterTheLastDereference", UseAfterTheLastDereference, "STOP 0x000000C4|STOP 0x00000050|heap-use-after-free"},
 };
 INSTANTIATE_TEST_SUITE_P(Explorer, KnownFaults, testing::ValuesIn(Faults),
                          [](const auto &Info) { return std::string(Info.param.Name); });

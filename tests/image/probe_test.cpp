@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "embedded/ex.h"
+#include "embedded/ex_guard.h"
 #include "embedded/image/driver_image.h"
 #include "embedded/image/symbols.h"
 #include "embedded/io_objects.h"
@@ -126,6 +127,20 @@ TEST_F(ImageProbe, AMemoryFaultStopsWithTheImagesLinesToo) {
     EXPECT_DEATH(Call("ProbeTouch", reinterpret_cast<ULONG *>(0x10)),
                  "STOP 0x00000050 .0x0000000000000010.*probe.sys touched memory at 0x10 that it cannot\n"
                  ".*in probe.sys!ProbeTouch.*probe.cpp:[0-9]+");
+}
+
+TEST_F(ImageProbe, PoolThatIsOverrunOrFreedStopsWhereItIsTouched) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    SetPoolGuards(true);
+    void *Block = nullptr;
+    ASSERT_EQ(Call("ProbeAllocate", &Block), STATUS_SUCCESS); // 24 bytes, so 8 are left to the guard
+    EXPECT_EQ(Call("ProbeFill", Block, SIZE_T{24}), STATUS_SUCCESS);
+    EXPECT_DEATH(Call("ProbeFill", Block, SIZE_T{33}),
+                 "STOP 0x00000050.*behind a block of tag Prob, 24 bytes[^\n]*\n.*in probe.sys!ProbeFill");
+    EXPECT_DEATH((Call("ProbeFree", Block), Call("ProbeTouch", static_cast<ULONG *>(Block) + 2)),
+                 "STOP 0x00000050.*8 bytes into a freed block of tag Prob, 24 bytes[^\n]*\n.*in probe.sys!ProbeTouch");
+    EXPECT_EQ(Call("ProbeFree", Block), STATUS_SUCCESS);
+    SetPoolGuards(std::getenv("RVFSD_GUARD_POOL") != nullptr);
 }
 
 TEST_F(ImageProbe, AFaultOfAServiceStopsWithTheServiceAndTheImagesLines) {
