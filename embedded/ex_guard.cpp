@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include "embedded/ex.h"
+#include "embedded/mm.h"
 
 namespace embedded {
 namespace {
@@ -61,6 +62,7 @@ void SetPoolGuards(bool On) {
 }
 
 void *AllocateGuarded(SIZE_T Bytes, SIZE_T Offset, ULONG Tag) {
+    WatchFaults();
     const SIZE_T Pages = PageOf(Bytes + PAGE_SIZE - 1);
     GuardedRooms &Place = All();
     std::lock_guard Guard(Place.Mutex);

@@ -155,7 +155,7 @@ bool IsCompletable(const IrpBlock &Block) {
     const IRP &Irp = Block.Irp;
     const NTSTATUS Status = Irp.IoStatus.Status;
     return CurrentThread().Irql <= DispatchLevel && Status != STATUS_PENDING && Status != -1 &&
-           Irp.CancelRoutine == nullptr && Irp.MdlAddress == Block.CallersMdl;
+           __atomic_load_n(&Irp.CancelRoutine, __ATOMIC_RELAXED) == nullptr && Irp.MdlAddress == Block.CallersMdl;
 }
 
 // Says what is wrong with a completion that IsCompletable refused.
