@@ -79,6 +79,12 @@ Drives::Logon &Drives::Find(const std::string &Name) {
     throw UsageError(fmt::format("{}: no such session; session lists them", Name));
 }
 
+const embedded::TokenObject *Drives::OtherHalf(const std::string &Logon) {
+    return Logon == "filtered"   ? Find("elevated").Token.Get()
+           : Logon == "elevated" ? Find("filtered").Token.Get()
+                                 : nullptr;
+}
+
 void Drives::Act(const std::string &Logon) {
     embedded::CurrentThread().Process = Find(Logon).Process;
     Acting_ = Logon;
@@ -108,12 +114,15 @@ void Drives::Use(const DriveUse &Wanted) {
     const MAP_REQUEST Request = {NumberOf(Wanted.Letter), 0, Wanted.Server, static_cast<ULONG>(Path.size()), 1, {}};
     memcpy(Bytes.data(), &Request, offsetof(MAP_REQUEST, Path));
     memcpy(Bytes.data() + offsetof(MAP_REQUEST, Path), Path.data(), Path.size());
+    const embedded::TokenObject *Other = OtherHalf(Acting_);
+    const bool Before = Other != nullptr && HasLink(*Other, Wanted.Letter);
     const NTSTATUS Status = Object()->Table->MapDrive(Object(), reinterpret_cast<const MAP_REQUEST *>(Bytes.data()));
     if (!NT_SUCCESS(Status)) {
         throw StatusError(Status, NameOf(Wanted.Letter) + " " + Path);
     }
     Uses_.push_back(Wanted);
     Uses_.back().Logon = Acting_;
+    Uses_.back().Linked = Other != nullptr && !Before && HasLink(*Other, Wanted.Letter);
 }
 
 void Drives::Delete(char Letter) {
@@ -160,12 +169,8 @@ std::vector<Drives::Listed> Drives::List() {
     for (const DriveUse &Each : Uses_) {
         Act(Each.Logon);
         const auto Path = Ask(Each.Letter);
-        const Logon &Filtered = Find("filtered"), &Elevated = Find("elevated");
-        const bool Half = Each.Logon == "filtered" || Each.Logon == "elevated";
-        const bool Linked =
-            Half && HasLink(*Filtered.Token.Get(), Each.Letter) && HasLink(*Elevated.Token.Get(), Each.Letter);
         if (Path) {
-            Found.push_back({Each, *Path, Linked});
+            Found.push_back({Each, *Path, Each.Linked && HasLink(*OtherHalf(Each.Logon), Each.Letter)});
         }
     }
     Act(Before);

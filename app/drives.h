@@ -29,6 +29,7 @@ struct DriveUse {
     std::string Path; // \\server\volume...
     std::string Logon;
     uint32_t Server = 0; // the connection that use /delete --server names
+    bool Linked = false; // it got a link in the other half of a split logon
 };
 
 class Drives {
@@ -76,6 +77,8 @@ private:
     };
     RVFSD_MAPPING *Object();
     Logon &Find(const std::string &Name);
+    // The other half of a split logon; null for a session that is none.
+    const embedded::TokenObject *OtherHalf(const std::string &Logon);
     NTSTATUS Query(char Letter, QUERY_DRIVE *Answer);
     // Takes what is no longer there off Uses_.
     void Forget();

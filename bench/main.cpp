@@ -42,6 +42,7 @@ int main(int Count, char **Arguments) {
         bench::SetImage(Image);
         RegisterEndToEnd(bench::DriverKind::Image);
     }
+    bench::RegisterMappings();
     bench::RegisterTables();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

@@ -14,6 +14,8 @@ void RegisterListings(DriverKind Driver);
 void RegisterQueries(DriverKind Driver);
 // Look-ups call functions of the driver linked in: there are no such rows for the image.
 void RegisterTables();
+// Their client is linked to the driver that is linked in, too.
+void RegisterMappings();
 
 inline std::string Prefix(DriverKind Driver) {
     return Driver == DriverKind::Image ? "image/" : "";

@@ -200,7 +200,8 @@ def service_values(sources):
 
 def driver_values(sources):
     """Every registry value that the driver reads."""
-    expected = {"driver/frame/configuration.cpp": 1, "driver/dir/search.cpp": 1}
+    # The policy of linked connections is no value of a package: it would stand above the system's own.
+    expected = {"driver/frame/configuration.cpp": 1, "driver/dir/search.cpp": 1, "driver/mapping/session_links.cpp": 1}
     if (seen := sources.count(QUERY)) != expected:
         raise BadInput(f"ZwQueryValueKey is called where this check does not look: {seen}")
     search = "driver/dir/search.cpp"
