@@ -177,6 +177,7 @@ private:
 Session::Session(const SessionOptions &Options)
     : Options_(Options), Exports_(Options.Exports), Switches_(SwitchesOf(Options)),
       Logon_(Options.Logon.empty() ? Logons().front().Name : Options.Logon) {
+    providers::DirectoryProvider::RaiseDescriptorLimit();
     if (Exports_.empty()) {
         Exports_.push_back({"\\\\demo\\files", MakeDefaultTree()});
     }

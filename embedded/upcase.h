@@ -1,17 +1,11 @@
-// Upper case of UTF-16 units as the platform's up-case table has it: one unit to one unit, no locale.
-//
-// The table is built on first use and never changes, so any thread may read it without a lock.
+// The platform's up-case table under the embedded kernel's name.
 #pragma once
 
-#include "kernel/linux/base.h"
+#include "text/upcase.h"
 
 namespace embedded {
 
-// The table of 65,536 units, indexed by unit. Loops fetch it once instead of calling UpcaseUnit for every unit.
-const WCHAR *UpcaseTable();
-
-inline WCHAR UpcaseUnit(WCHAR Unit) {
-    return UpcaseTable()[Unit];
-}
+using text::UpcaseTable;
+using text::UpcaseUnit;
 
 } // namespace embedded

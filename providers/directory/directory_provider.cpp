@@ -4,13 +4,15 @@
 #include <cerrno>
 #include <cstring>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/resource.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
 #include "provider/framework.h"
+#include "providers/directory/directory_reader.h"
+#include "providers/directory/follow.h"
 #include "providers/directory/names.h"
 #include "providers/directory/state.h"
 
@@ -46,31 +48,40 @@ void MakeIdentifier(int Root, const ObjectKey &Key, UCHAR *Identifier) {
     memcpy(Identifier, Words, sizeof Words);
 }
 
-// Sum of the sizes of the files below the directory; links are not followed and other file systems not entered.
-int64_t SizeOfTree(int Parent, const char *Name, dev_t Device) {
-    const int Fd = openat(Parent, Name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    DIR *Stream = Fd < 0 ? nullptr : fdopendir(Fd);
-    if (Stream == nullptr) {
-        if (Fd >= 0) {
-            close(Fd);
+// Sum of the sizes of the files below the directory; links are not followed and other file systems not entered. One
+// directory is open at a time. Returns what could not be counted, empty when all was.
+std::string SizeOfTree(int Root, dev_t Device, int64_t &Total) {
+    std::vector<std::string> Left{""};
+    Total = 0;
+    while (!Left.empty()) {
+        const std::string Path = std::move(Left.back());
+        Left.pop_back();
+        const UniqueFd Fd(OpenBeneath(BestConfinement(), Root, Path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW));
+        int Error = Fd ? 0 : errno;
+        if (Error == 0) {
+            Error = ReadDirectory(Fd.Get(), [&](std::string_view Name, unsigned char) {
+                struct stat Stat;
+                const std::string Entry(Name);
+                if (fstatat(Fd.Get(), Entry.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) != 0) {
+                    return;
+                }
+                if (S_ISREG(Stat.st_mode)) {
+                    Total += Stat.st_size / static_cast<int64_t>(std::max<nlink_t>(Stat.st_nlink, 1));
+                } else if (S_ISDIR(Stat.st_mode) && Stat.st_dev == Device) {
+                    Left.push_back(Path.empty() ? Entry : Path + "/" + Entry);
+                }
+            });
         }
-        return 0;
+        if (Error != 0 && Error != ENOENT) {
+            return fmt::format("its quota cannot be counted: {}: {}", Path.empty() ? "." : Path, strerror(Error));
+        }
     }
-    const std::unique_ptr<DIR, int (*)(DIR *)> Closer(Stream, closedir);
-    int64_t Total = 0;
-    while (const dirent *Item = readdir(Stream)) {
-        struct stat Stat;
-        const std::string_view Entry(Item->d_name);
-        if (Entry == "." || Entry == ".." || fstatat(Fd, Item->d_name, &Stat, AT_SYMLINK_NOFOLLOW) != 0) {
-            continue;
-        }
-        if (S_ISREG(Stat.st_mode)) {
-            Total += Stat.st_size / static_cast<int64_t>(std::max<nlink_t>(Stat.st_nlink, 1));
-        } else if (S_ISDIR(Stat.st_mode) && Stat.st_dev == Device) {
-            Total += SizeOfTree(Fd, Item->d_name, Device);
-        }
-    }
-    return Total;
+    return {};
+}
+
+std::string WithoutLinks(int Fd) {
+    std::error_code Error;
+    return std::filesystem::read_symlink(fmt::format("/proc/self/fd/{}", Fd), Error).string();
 }
 
 RVPSTATUS NTAPI QueryInterface(RVP_OBJECT *Self, const GUID *Iid, PVOID *Out) {
@@ -116,33 +127,32 @@ RVIOM_FSD_TABLE MakeTable() {
 
 Export::Export(std::u16string_view ServerName, std::u16string_view VolumeName, std::filesystem::path Path, UniqueFd Fd,
                const ExportOptions &Chosen)
-    : Server(ServerName), Volume(VolumeName), Directory(std::move(Path)), Options(Chosen),
-      How(Chosen.UseOpenat2 ? BestConfinement() : Confinement::Walk), Root(std::move(Fd)),
+    : Server(ServerName), Volume(VolumeName), Directory(std::move(Path)), Absolute(WithoutLinks(Fd.Get())),
+      Options(Chosen), How(Chosen.UseOpenat2 ? BestConfinement() : Confinement::Walk), Root(std::move(Fd)),
       Names(&OpenForNames, this, Chosen.UseNotifications) {
     struct stat Stat {};
     if (fstat(Root.Get(), &Stat) == 0) {
         RootRef = {Root.Get(), KeyOf(Stat), ""};
     }
     MakeIdentifier(Root.Get(), RootRef.Key, Identifier);
-    if (Options.QuotaBytes != 0) {
-        Used = SizeOfTree(Root.Get(), ".", RootRef.Key.Device);
-    }
 }
 
 int Export::Open(const DirectoryRef &Base, std::string_view Path, int Flags) const {
     const int Opened = OpenBeneath(How, Base.Fd, Path, Flags);
-    if (Opened >= 0 || errno != EXDEV || Base.FromRoot.empty()) {
+    if (Opened >= 0 || errno != EXDEV || How == Confinement::Walk) {
         return Opened;
     }
-    // A link may lead up from the base and stay inside the export. That can be seen only from the root, and is right
-    // only while the base is still where it was opened.
-    const UniqueFd Again(OpenBeneath(How, Root.Get(), Base.FromRoot, O_PATH | O_DIRECTORY));
-    struct stat Stat;
-    if (!Again || fstat(Again.Get(), &Stat) != 0 || !(KeyOf(Stat) == Base.Key)) {
-        errno = EXDEV;
-        return -1;
+    // A link leads up from the base or is absolute, and may still stay inside the export. That can be seen only from
+    // the root, and is right only while the base is still where it was opened.
+    if (!(Base.Key == RootRef.Key)) {
+        const UniqueFd Again(OpenBeneath(How, Root.Get(), Base.FromRoot, O_PATH | O_DIRECTORY));
+        struct stat Stat;
+        if (!Again || fstat(Again.Get(), &Stat) != 0 || !(KeyOf(Stat) == Base.Key)) {
+            errno = EXDEV;
+            return -1;
+        }
     }
-    return OpenBeneath(How, Root.Get(), fmt::format("{}/{}", Base.FromRoot, Path), Flags);
+    return OpenFollowing(Root.Get(), Absolute, fmt::format("{}/{}", Base.FromRoot, Path), Flags);
 }
 
 RVSTATUS Export::Charge(int64_t Bytes) {
@@ -167,9 +177,56 @@ RVSTATUS OpenParent(const Place &At, const Resolved &Found, UniqueFd &Parent) {
     return errno == ENOENT || errno == ENOTDIR ? Failure(RVFS_PATH_NOT_FOUND) : StatusFromLookup(errno);
 }
 
+RVSTATUS OpenNewParent(const Place &At, const Resolved &Found, NewName &Out) {
+    struct stat Stat;
+    if (const RVSTATUS Status = OpenParent(At, Found, Out.Parent); RvIsError(Status)) {
+        return Status;
+    }
+    if (fstat(Out.Parent.Get(), &Stat) != 0) {
+        return StatusFromErrno(errno);
+    }
+    Out.Key = KeyOf(Stat);
+    return RVSTATUS::Success;
+}
+
+RVSTATUS LookAgain(const Place &At, NewName &Out) {
+    return At.Volume->Names.Resolve({Out.Parent.Get(), Out.Key, {}}, LastComponent(At.Path), Out.Found);
+}
+
+RVSTATUS OpenNewName(const Place &At, const Resolved &Found, NewName &Out) {
+    if (const RVSTATUS Status = OpenNewParent(At, Found, Out); RvIsError(Status)) {
+        return Status;
+    }
+    Out.Hold = At.Volume->Changes.Acquire(Out.Key);
+    return LookAgain(At, Out);
+}
+
+int LookAt(const Place &At, const std::string &Path, Looked &Out) {
+    Out.Fd = UniqueFd(At.Volume->Open(At.Ref, Path, O_PATH));
+    Out.Error = Out.Fd ? 0 : errno;
+    if (Out.Error == ENOENT || Out.Error == ELOOP || Out.Error == EXDEV || Out.Error == ENOTDIR ||
+        Out.Error == EACCES) {
+        // A link that leads nowhere, round or out is there itself.
+        Out.Fd = UniqueFd(At.Volume->Open(At.Ref, Path, O_PATH | O_NOFOLLOW));
+        if (Out.Fd && (fstat(Out.Fd.Get(), &Out.Stat) != 0 || !S_ISLNK(Out.Stat.st_mode))) {
+            return Out.Error;
+        }
+        return Out.Fd ? 0 : Out.Error;
+    }
+    if (Out.Error == 0 && fstat(Out.Fd.Get(), &Out.Stat) != 0) {
+        return errno;
+    }
+    return Out.Error;
+}
+
 std::string PathFromRoot(const Place &At, const Resolved &Found) {
     const std::string Below = Found.Path();
     return At.Ref.FromRoot.empty() || Below.empty() ? At.Ref.FromRoot + Below : At.Ref.FromRoot + "/" + Below;
+}
+
+std::u16string_view LastComponent(std::u16string_view Path) {
+    Path = Path.substr(0, Path.find_last_not_of(Separator) + 1);
+    return Path.substr(Path.rfind(Separator) + 1);
 }
 
 std::u16string_view TakeComponent(std::u16string_view &Path) {
@@ -289,6 +346,14 @@ std::string DirectoryProvider::AddExport(std::u16string_view Server, std::u16str
     std::error_code Ignored;
     std::filesystem::path Shown = std::filesystem::absolute(Directory, Ignored);
     auto New = std::make_shared<Export>(Server, Volume, std::move(Shown), std::move(Root), Options);
+    if (Options.QuotaBytes != 0) {
+        int64_t Total = 0;
+        const std::string Fault = SizeOfTree(New->Root.Get(), New->RootRef.Key.Device, Total);
+        if (!Fault.empty()) {
+            return fmt::format("cannot export {}: {}", Directory.string(), Fault);
+        }
+        New->Used = Total;
+    }
     const std::unique_lock Hold(State_->ExportsMutex);
     for (const ExportPtr &Other : State_->Exports) {
         if (Fold(Other->Server) == Fold(Server) && Fold(Other->Volume) == Fold(Volume)) {
@@ -337,6 +402,25 @@ std::vector<DirectoryProvider::OpenHandle> DirectoryProvider::ListOpenHandles() 
         All.push_back({Handle, Kind, (Item.Volume->Directory / Item.FromRoot).string()});
     });
     return All;
+}
+
+std::vector<DirectoryProvider::ListingFault> DirectoryProvider::TakeListingFaults() {
+    const std::lock_guard Hold(State_->FaultsMutex);
+    return std::exchange(State_->Faults, {});
+}
+
+size_t DirectoryProvider::RaiseDescriptorLimit() {
+    rlimit Limit{};
+    if (getrlimit(RLIMIT_NOFILE, &Limit) != 0) {
+        return 0;
+    }
+    rlimit Wanted{Limit.rlim_max, Limit.rlim_max};
+    // Who may go beyond the hard limit gets what a million open files need.
+    constexpr rlim_t Plenty = 1u << 20;
+    if (const rlimit More{Plenty, Plenty}; Limit.rlim_max < Plenty && setrlimit(RLIMIT_NOFILE, &More) == 0) {
+        return Plenty;
+    }
+    return setrlimit(RLIMIT_NOFILE, &Wanted) == 0 ? Wanted.rlim_cur : Limit.rlim_cur;
 }
 
 std::vector<DirectoryProvider::ExportInfo> DirectoryProvider::Exports() const {

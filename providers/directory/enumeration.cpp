@@ -54,60 +54,44 @@ void Put(UCHAR *Record, size_t Offset, Type Value) {
     memcpy(Record + Offset, &Value, sizeof Value);
 }
 
-// A mask is matched against the short names too, whether or not they are given.
-RVSTATUS CollectWildcard(FolderObject &Folder, std::u16string_view Mask, bool WithShort, Listing &Out) {
-    const std::u16string Folded = Fold(Mask);
-    const bool Everything = MatchesEverything(Folded);
-    const RVSTATUS Status = Folder.Volume->Names.List(
-        Folder.Ref(), WithShort || !Everything,
-        [&](std::u16string_view Name, std::u16string_view Short) {
-            return Everything || MatchesMask(Folded, Name) || (!Short.empty() && MatchesMask(Folded, Short));
-        },
-        Out.Names);
-    if (RvIsError(Status)) {
-        return Status;
-    }
-    return Out.Names.size() < MaxPosition ? RVSTATUS::Success : RVSTATUS::NoMemory;
-}
-
-// The entries that a search will give.
-RVSTATUS Collect(FolderObject &Folder, PCWSTR Mask, bool WithShort, Listing &Out) {
+// The entries that a search will give. A mask is matched against the short names too, whether or not they are given.
+RVSTATUS Collect(FolderObject &Folder, PCWSTR Mask, bool WithShort, NameList &Out) {
     const std::u16string_view Wanted = Mask == nullptr ? std::u16string_view(u"*") : std::u16string_view(Mask);
+    NameCache &Names = Folder.Volume->Names;
     if (Wanted.empty() || HasWildcards(Wanted)) {
-        return CollectWildcard(Folder, Wanted, WithShort, Out);
+        const RVSTATUS Status = Names.List(Folder.Ref(), Fold(Wanted), WithShort, Out);
+        return RvIsError(Status) || Out.Pieces.size() < MaxPosition ? Status : RVSTATUS::NoMemory;
     }
     if (Wanted.find(u'\\') != Wanted.npos) {
         return Failure(CODE_NAME_INVALID);
     }
     Resolved Found;
-    const RVSTATUS Status = Folder.Volume->Names.Resolve(Folder.Ref(), Wanted, Found);
-    if (Status == Failure(CODE_NAME_INVALID)) {
-        return RVSTATUS::Success; // no entry can have this name
+    const RVSTATUS Status = Names.Resolve(Folder.Ref(), Wanted, Found);
+    if (Status == Failure(CODE_NAME_INVALID) || Status == Failure(CODE_EXISTS)) {
+        return RVSTATUS::Success; // no entry can have this name, or it is not told which has
     }
     if (!RvIsError(Status) && Found.Exists) {
-        std::u16string Short = WithShort ? ShortName(Found.Served) : std::u16string();
-        Resolved Back;
-        const bool Leads = !Short.empty() && !RvIsError(Folder.Volume->Names.Resolve(Folder.Ref(), Short, Back)) &&
-                           Back.Exists && Back.Name == Found.Name;
-        Out.Names.push_back({Found.Served, Found.Name, Leads ? std::move(Short) : std::u16string(), Found.Type});
+        const std::u16string Short = WithShort ? ShortName(ServedName(Found.Name)) : std::u16string();
+        const bool Leads = !Short.empty() && Names.LeadsTo(Folder.Ref(), Short, Found.Name);
+        Out.Add(Found.Name, Found.Type, Found.Marked, Leads);
     }
     return Status;
 }
 
 // Data of one entry; of what a link leads to when that can be reached. FALSE when the entry is not there any more. One
 // that will not be looked at is listed all the same, with what is known: it must not keep the others from being listed.
-bool EntryMetadata(const FolderObject &Folder, const ListedName &Item, Metadata &Data) {
-    const RVSTATUS Status = ReadEntryMetadata(Folder.Fd.Get(), Item.Native.c_str(), Data);
+bool EntryMetadata(const FolderObject &Folder, const char *Native, unsigned char Type, Metadata &Data) {
+    const RVSTATUS Status = ReadEntryMetadata(Folder.Fd(), Native, Data);
     if (Status == Failure(CODE_NO_SUCH_FILE)) {
         return false;
     }
     if (RvIsError(Status)) {
         Data = {};
-        Data.Attributes = Item.Type == DT_DIR ? RV_ATTR_DIRECTORY : 0u;
+        Data.Attributes = Type == DT_DIR ? RV_ATTR_DIRECTORY : 0u;
         return true;
     }
     if (S_ISLNK(Data.Mode)) {
-        const UniqueFd Target(Folder.Volume->Open(Folder.Ref(), Item.Native, O_PATH));
+        const UniqueFd Target(Folder.Volume->Open(Folder.Ref(), Native, O_PATH));
         Metadata Behind;
         if (Target && !RvIsError(ReadMetadata(Target.Get(), Behind))) {
             Data = Behind;
@@ -116,11 +100,8 @@ bool EntryMetadata(const FolderObject &Folder, const ListedName &Item, Metadata 
     return true;
 }
 
-size_t RecordSize(const ListedName &Item, bool WithShort) {
-    return (WithShort ? OFFSET_FULL_NAME : OFFSET_BASIC_NAME) + Item.Served.size() * sizeof(WCHAR);
-}
-
-void WriteRecord(UCHAR *Record, const Metadata &Data, const ListedName &Item, bool WithShort) {
+void WriteRecord(UCHAR *Record, const Metadata &Data, std::u16string_view Served, const std::u16string &Short,
+                 bool WithShort) {
     const size_t NameOffset = WithShort ? OFFSET_FULL_NAME : OFFSET_BASIC_NAME;
     memset(Record, 0, NameOffset);
     Put(Record, OFFSET_ATTRIBUTES, Data.Attributes);
@@ -129,37 +110,53 @@ void WriteRecord(UCHAR *Record, const Metadata &Data, const ListedName &Item, bo
     Put(Record, OFFSET_LAST_ACCESS, Data.LastAccess);
     Put(Record, OFFSET_SIZE, Data.EndOfFile);
     if (WithShort) {
-        const size_t Units = std::min(Item.Short.size(), ShortNameUnits);
+        const size_t Units = std::min(Short.size(), ShortNameUnits);
         Put(Record, OFFSET_SHORT_LENGTH, static_cast<ULONG>(Units));
-        memcpy(Record + OFFSET_SHORT_NAME, Item.Short.data(), Units * sizeof(WCHAR));
-        Put(Record, OFFSET_FULL_NAME_LENGTH, static_cast<ULONG>(Item.Served.size()));
+        memcpy(Record + OFFSET_SHORT_NAME, Short.data(), Units * sizeof(WCHAR));
+        Put(Record, OFFSET_FULL_NAME_LENGTH, static_cast<ULONG>(Served.size()));
     } else {
-        Put(Record, OFFSET_BASIC_NAME_LENGTH, static_cast<ULONG>(Item.Served.size()));
+        Put(Record, OFFSET_BASIC_NAME_LENGTH, static_cast<ULONG>(Served.size()));
     }
-    memcpy(Record + NameOffset, Item.Served.data(), Item.Served.size() * sizeof(WCHAR));
+    memcpy(Record + NameOffset, Served.data(), Served.size() * sizeof(WCHAR));
 }
 
+// What a caller of both slots asks for, beside the mask.
+struct Request {
+    bool WithShort;
+    bool OneBatch; // names alone count
+    ULONG *ResumeKey;
+    ULONG *BufferSize;
+    PVOID Buffer;
+};
+
 // Fills one batch from Position on; Position and Filled tell how far it came. Success when at least one record is in.
-RVSTATUS FillBatch(const FolderObject &Folder, const Listing &From, bool WithShort, size_t &Position, UCHAR *Buffer,
-                   size_t Capacity, size_t &Filled) {
+RVSTATUS FillBatch(const FolderObject &Folder, const Listing &From, const Request &Wanted, size_t &Position,
+                   size_t &Filled) {
+    auto *const Buffer = static_cast<UCHAR *>(Wanted.Buffer);
     UCHAR *Last = nullptr;
     Filled = 0;
-    for (; Position < From.Names.size(); ++Position) {
-        const ListedName &Item = From.Names[Position];
+    for (; Position < From.Names.Pieces.size(); ++Position) {
+        const NameList::Piece &Item = From.Names.Pieces[Position];
+        const std::string Native(From.Names.Native(Item));
+        const std::u16string Served = From.Names.Served(Item);
         const size_t Start = (Filled + 7) & ~size_t{7};
-        if (Start + RecordSize(Item, WithShort) > Capacity) {
+        const size_t End =
+            Start + (Wanted.WithShort ? OFFSET_FULL_NAME : OFFSET_BASIC_NAME) + Served.size() * sizeof(WCHAR);
+        if (End > *Wanted.BufferSize) {
             return Last != nullptr ? RVSTATUS::Success : Failure(CodeBufferTooSmall);
         }
         Metadata Data;
-        if (!EntryMetadata(Folder, Item, Data)) {
+        if (!Wanted.OneBatch && !EntryMetadata(Folder, Native.c_str(), Item.Type, Data)) {
             continue;
         }
-        WriteRecord(Buffer + Start, Data, Item, WithShort);
+        const std::u16string Short =
+            Item.HasShort && Wanted.WithShort ? ShortName(ServedName(Native)) : std::u16string();
+        WriteRecord(Buffer + Start, Data, Served, Short, Wanted.WithShort);
         if (Last != nullptr) {
             Put(Last, OFFSET_NEXT, static_cast<ULONG>(Buffer + Start - Last));
         }
         Last = Buffer + Start;
-        Filled = Start + RecordSize(Item, WithShort);
+        Filled = End;
     }
     return Last != nullptr ? RVSTATUS::Success : Failure(CODE_NO_MORE_FILES);
 }
@@ -172,7 +169,7 @@ auto FindListing(FolderObject &Folder, uint8_t Tag) {
 // Starts a search and makes room for it among those the handle keeps.
 RVSTATUS BeginListing(FolderObject &Folder, PCWSTR Mask, bool WithShort) {
     Listing New;
-    if (const RVSTATUS Status = Collect(Folder, Mask, WithShort, New); RvIsError(Status)) {
+    if (const RVSTATUS Status = Collect(Folder, Mask, WithShort, New.Names); RvIsError(Status)) {
         return Status;
     }
     do {
@@ -186,25 +183,26 @@ RVSTATUS BeginListing(FolderObject &Folder, PCWSTR Mask, bool WithShort) {
     return RVSTATUS::Success;
 }
 
-// What a caller of both slots asks for, beside the mask.
-struct Request {
-    bool WithShort;
-    bool OneBatch;
-    ULONG *ResumeKey;
-    ULONG *BufferSize;
-    PVOID Buffer;
-};
-
 // One batch of From, from Position on; size and key become what the caller gets.
 RVSTATUS Serve(const FolderObject &Folder, const Listing &From, size_t Position, const Request &Wanted) {
     size_t Filled = 0;
-    const RVSTATUS Status = FillBatch(Folder, From, Wanted.WithShort, Position, static_cast<UCHAR *>(Wanted.Buffer),
-                                      *Wanted.BufferSize, Filled);
+    const RVSTATUS Status = FillBatch(Folder, From, Wanted, Position, Filled);
     *Wanted.BufferSize = static_cast<ULONG>(Filled);
-    *Wanted.ResumeKey = Position == From.Names.size()
+    *Wanted.ResumeKey = Position == From.Names.Pieces.size()
                             ? EndKey
                             : static_cast<ULONG>(From.Tag) << PositionBits | static_cast<ULONG>(Position);
     return Status;
+}
+
+// Keeps for the program what the platform does not tell it. The error number stands for the status.
+void NoteFault(State &Provider, const FolderObject &Folder, RVSTATUS Status) {
+    constexpr size_t MaxFaults = 100;
+    const int Error = Status == RVSTATUS::AccessDenied ? EACCES : Status == RVSTATUS::NoMemory ? ENOMEM : EIO;
+    const std::lock_guard Hold(Provider.FaultsMutex);
+    if (Provider.Faults.size() == MaxFaults) {
+        Provider.Faults.erase(Provider.Faults.begin());
+    }
+    Provider.Faults.push_back({(Folder.Volume->Directory / Folder.FromRoot).string(), Error});
 }
 
 RVSTATUS Enumerate(State &Provider, RVHANDLE Directory, PCWSTR Mask, const Request &Wanted) {
@@ -224,17 +222,18 @@ RVSTATUS Enumerate(State &Provider, RVHANDLE Directory, PCWSTR Mask, const Reque
         // Not kept, so that it costs no running search its place.
         Listing Once;
         Once.Tag = UnkeptTag;
-        const RVSTATUS Status = Collect(Folder, Mask, Wanted.WithShort, Once);
+        const RVSTATUS Status = Collect(Folder, Mask, Wanted.WithShort, Once.Names);
         return RvIsError(Status) ? Status : Serve(Folder, Once, 0, Wanted);
     }
     const std::lock_guard Hold(Folder.ListingMutex);
     if (Key == 0) {
         if (const RVSTATUS Status = BeginListing(Folder, Mask, Wanted.WithShort); RvIsError(Status)) {
+            NoteFault(Provider, Folder, Status);
             return Status;
         }
     }
     auto From = FindListing(Folder, Key == 0 ? Folder.LastTag : static_cast<uint8_t>(Key >> PositionBits));
-    if (From == Folder.Listings.end() || (Key & MaxPosition) > From->Names.size()) {
+    if (From == Folder.Listings.end() || (Key & MaxPosition) > From->Names.Pieces.size()) {
         return Failure(CodeSearchGone);
     }
     std::rotate(From, From + 1, Folder.Listings.end());

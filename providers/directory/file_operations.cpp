@@ -1,7 +1,7 @@
 // Opening, creating and closing files, and the access of an open one: slots 18, 19 and 50.
 #include <cerrno>
+#include <optional>
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -63,26 +63,37 @@ int FlagsFor(ULONG Access, ULONG Options) {
            O_NONBLOCK | O_NOCTTY | ((Options & RV_OPTION_WRITE_THROUGH) != 0 ? O_DSYNC : 0);
 }
 
-RVSTATUS CheckKind(const struct stat &Stat, const Request &Wanted) {
-    if (S_ISDIR(Stat.st_mode)) {
+RVSTATUS CheckKind(const Looked &There, const Request &Wanted) {
+    if (S_ISDIR(There.Stat.st_mode)) {
         return Failure(CODE_IS_A_DIRECTORY);
     }
-    if (!Wanted.Query() && !S_ISREG(Stat.st_mode)) {
+    // Of a link that cannot be followed and of what is no regular file there are no data.
+    const bool Data = (Wanted.Uses() & (ReadData | RV_ACCESS_WRITE)) != 0;
+    if (Data && There.Error != 0) {
+        return There.Error == ENOENT && Wanted.Creates() ? Failure(CODE_EXISTS) : StatusFromLookup(There.Error);
+    }
+    if (Data && !S_ISREG(There.Stat.st_mode)) {
         return RVSTATUS::AccessDenied;
     }
-    return (Wanted.Uses() & RV_ACCESS_WRITE) != 0 && IsReadOnlyMode(Stat.st_mode) ? RVSTATUS::AccessDenied
-                                                                                  : RVSTATUS::Success;
+    return (Wanted.Uses() & RV_ACCESS_WRITE) != 0 && IsReadOnlyMode(There.Stat.st_mode) ? RVSTATUS::AccessDenied
+                                                                                        : RVSTATUS::Success;
+}
+
+// Opens the very object that was looked at, for what is wanted of it.
+int OpenLooked(const Looked &There, int Flags) {
+    static const UniqueFd Descriptors(open("/proc/self/fd", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    return openat(Descriptors.Get(), std::to_string(There.Fd.Get()).c_str(), Flags | O_CLOEXEC);
 }
 
 // Empties a file that is to be replaced and gives it the new attributes.
 RVSTATUS Empty(const FileObject &File, const Request &Wanted) {
     const std::lock_guard Hold(File.Node->SizeMutex());
     struct stat Stat;
-    if (fstat(File.Fd.Get(), &Stat) != 0 || ftruncate(File.Fd.Get(), 0) != 0) {
+    if (fstat(File.Fd(), &Stat) != 0 || ftruncate(File.Fd(), 0) != 0) {
         return StatusFromErrno(errno);
     }
     static_cast<void>(File.Volume->Charge(-Stat.st_size));
-    return Wanted.Attributes != 0 ? ChangeMetadata(File.Fd.Get(), {&Wanted.Attributes}) : RVSTATUS::Success;
+    return Wanted.Attributes != 0 ? ChangeMetadata(File.Fd(), {&Wanted.Attributes}) : RVSTATUS::Success;
 }
 
 // Enters the file among the opens of its inode.
@@ -91,35 +102,26 @@ RVSTATUS Join(FileObject &File, ULONG Uses, const Request &Wanted) {
     return File.Node->Share(&File, Uses, Wanted.Share);
 }
 
-RVSTATUS OpenExisting(State &Provider, const Place &At, const Resolved &Found, const Request &Wanted, Result &Out) {
+RVSTATUS OpenExisting(State &Provider, const Place &At, const Resolved &Found, Looked &There, const Request &Wanted,
+                      Result &Out) {
     if (Wanted.Disposition == RV_DISPOSITION_CREATE_NEW) {
         return Failure(CODE_EXISTS);
     }
-    if (Found.Name.empty() || Found.Type == DT_DIR) {
-        return Failure(CODE_IS_A_DIRECTORY);
+    if (const RVSTATUS Status = CheckKind(There, Wanted); RvIsError(Status)) {
+        return Status;
     }
     if (At.Volume->Options.ReadOnly && (Wanted.Uses() & RV_ACCESS_WRITE) != 0) {
         return RVSTATUS::AccessDenied;
     }
-    // A device must not even be opened.
-    const bool Special = Found.Type != DT_REG && Found.Type != DT_LNK && Found.Type != DT_UNKNOWN;
-    if (Special && !Wanted.Query()) {
-        return RVSTATUS::AccessDenied;
+    if (const int Flags = FlagsFor(Wanted.Uses(), Wanted.Options); (Flags & O_PATH) == 0) {
+        UniqueFd Opened(OpenLooked(There, Flags));
+        if (!Opened) {
+            return StatusFromErrno(errno);
+        }
+        There.Fd = std::move(Opened);
     }
-    UniqueFd Fd(At.Volume->Open(At.Ref, Found.Path(), FlagsFor(Wanted.Uses(), Wanted.Options)));
-    if (!Fd) {
-        Out.Again = errno == ENOENT;
-        return errno == ENXIO ? RVSTATUS::AccessDenied : StatusFromLookup(errno);
-    }
-    struct stat Stat;
-    if (fstat(Fd.Get(), &Stat) != 0) {
-        return StatusFromErrno(errno);
-    }
-    if (const RVSTATUS Status = CheckKind(Stat, Wanted); RvIsError(Status)) {
-        return Status;
-    }
-    auto File =
-        std::make_unique<FileObject>(At.Volume, std::move(Fd), KeyOf(Stat), PathFromRoot(At, Found), Provider.Nodes);
+    auto File = std::make_unique<FileObject>(At.Volume, std::move(There.Fd), KeyOf(There.Stat), PathFromRoot(At, Found),
+                                             Provider.Nodes);
     if (!Wanted.Query()) {
         if (const RVSTATUS Status = Join(*File, Wanted.Uses(), Wanted); RvIsError(Status)) {
             return Status;
@@ -143,10 +145,15 @@ RVSTATUS CreateNew(State &Provider, const Place &At, const Resolved &Missing, co
     if (At.Volume->Options.ReadOnly) {
         return RVSTATUS::AccessDenied;
     }
-    UniqueFd Parent;
-    if (const RVSTATUS Status = OpenParent(At, Missing, Parent); RvIsError(Status)) {
+    NewName New;
+    if (const RVSTATUS Status = OpenNewName(At, Missing, New); RvIsError(Status)) {
         return Status;
     }
+    if (New.Found.Exists) {
+        Out.Again = true; // someone else was first
+        return Failure(CODE_EXISTS);
+    }
+    const UniqueFd &Parent = New.Parent;
     const int Through = (Wanted.Options & RV_OPTION_WRITE_THROUGH) != 0 ? O_DSYNC : 0;
     UniqueFd Fd(openat(Parent.Get(), Missing.Name.c_str(),
                        O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC | Through, 0666));
@@ -175,33 +182,46 @@ RVSTATUS CreateNew(State &Provider, const Place &At, const Resolved &Missing, co
     return RVSTATUS::Success;
 }
 
+// One attempt: the exact spelling first, the look-up in any case for what the file system does not know.
+RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Result &Out) {
+    Resolved Found;
+    Looked There;
+    const std::optional<std::string> Exact = ExactPath(At.Path);
+    if (Exact && Exact->empty()) {
+        return Wanted.Disposition == RV_DISPOSITION_CREATE_NEW ? Failure(CODE_EXISTS) : Failure(CODE_IS_A_DIRECTORY);
+    }
+    int Error = Exact ? LookAt(At, *Exact, There) : ENOENT;
+    if (Error == 0) {
+        Found.Name = *Exact;
+        return OpenExisting(Provider, At, Found, There, Wanted, Out);
+    }
+    if (Error != ENOENT && Error != ENOTDIR) {
+        return StatusFromLookup(Error);
+    }
+    if (const RVSTATUS Status = At.Volume->Names.Resolve(At.Ref, At.Path, Found); RvIsError(Status)) {
+        return Status;
+    }
+    if (!Found.Exists) {
+        return Wanted.Creates() ? CreateNew(Provider, At, Found, Wanted, Out) : Failure(CODE_NO_SUCH_FILE);
+    }
+    Error = LookAt(At, Found.Path(), There);
+    if (Error != 0) {
+        Out.Again = Error == ENOENT; // it went just now
+        return StatusFromLookup(Error);
+    }
+    return OpenExisting(Provider, At, Found, There, Wanted, Out);
+}
+
 RVSTATUS OpenOrCreate(State &Provider, const Place &At, const Request &Wanted, Result &Out) {
     RVSTATUS Status = Failure(CODE_NO_SUCH_FILE);
     for (int Attempt = 0; Attempt < Attempts; ++Attempt) {
         Out = {};
-        Resolved Found;
-        Status = At.Volume->Names.Resolve(At.Ref, At.Path, Found);
-        if (!RvIsError(Status) && Found.Exists) {
-            Status = OpenExisting(Provider, At, Found, Wanted, Out);
-        } else if (!RvIsError(Status) && !Wanted.Creates()) {
-            return Failure(CODE_NO_SUCH_FILE);
-        } else if (!RvIsError(Status)) {
-            const std::lock_guard Hold(At.Volume->Changes);
-            Status = At.Volume->Names.Resolve(At.Ref, At.Path, Found);
-            if (!RvIsError(Status) && !Found.Exists) {
-                Status = CreateNew(Provider, At, Found, Wanted, Out);
-            } else if (!RvIsError(Status)) {
-                Out.Again = true; // someone else was first
-            }
-        }
+        Status = OpenOnce(Provider, At, Wanted, Out);
         if (!Out.Again) {
             return Status;
         }
-        if (Attempt != 0) {
-            At.Volume->Names.Forget();
-        }
     }
-    // The last attempt's answer; for a name that is a link leading nowhere: missing to an open, in the way of a create.
+    // The last attempt's answer; a name that comes and goes all the time is in the way of a create.
     return Wanted.Creates() ? Failure(CODE_EXISTS) : Status;
 }
 
@@ -222,7 +242,10 @@ RVSTATUS NTAPI CreateFile(RVIOM_FSD *Self, Sec, RVHANDLE Base, PCWSTR Path, ULON
         if (const RVSTATUS Status = OpenOrCreate(State::Of(Self), At, Wanted, Opened); RvIsError(Status)) {
             return Status;
         }
-        Opened.File->DeleteReserved = (Options & RV_OPTION_RESERVE_DELETE) != 0;
+        if ((Options & RV_OPTION_RESERVE_DELETE) != 0) {
+            Opened.File->DeleteReserved = true;
+            At.Volume->Doomed.Reserve(Opened.File->FromRoot, Opened.File->Key);
+        }
         Store(CreateAction, Opened.Action);
         return State::Of(Self).Publish(std::move(Opened.File), File);
     });
@@ -234,9 +257,8 @@ RVSTATUS NTAPI CloseFile(RVIOM_FSD *Self, Sec, RVHANDLE File) {
 
 // Re-opens the very file that is open, with the flags for more access, under the same descriptor number.
 RVSTATUS Reopen(const FileObject &File, ULONG Access, ULONG Options) {
-    const UniqueFd Fd(
-        open(fmt::format("/proc/self/fd/{}", File.Fd.Get()).c_str(), FlagsFor(Access, Options) | O_CLOEXEC));
-    if (!Fd || dup3(Fd.Get(), File.Fd.Get(), O_CLOEXEC) < 0) {
+    const UniqueFd Fd(open(fmt::format("/proc/self/fd/{}", File.Fd()).c_str(), FlagsFor(Access, Options) | O_CLOEXEC));
+    if (!Fd || dup3(Fd.Get(), File.Fd(), O_CLOEXEC) < 0) {
         return StatusFromErrno(errno);
     }
     return RVSTATUS::Success;
@@ -262,8 +284,11 @@ RVSTATUS ChangeAccess(FileObject &File, ULONG Access, ULONG Share, ULONG Options
     const bool Reserve = (Options & RV_OPTION_RESERVE_DELETE) != 0;
     const bool MoreWriting = (Access & ~File.Access.load() & RV_ACCESS_WRITE) != 0;
     struct stat Stat;
-    if (fstat(File.Fd.Get(), &Stat) != 0) {
+    if (fstat(File.Fd(), &Stat) != 0) {
         return StatusFromErrno(errno);
+    }
+    if ((Access & (ReadData | RV_ACCESS_WRITE)) != 0 && !S_ISREG(Stat.st_mode)) {
+        return RVSTATUS::AccessDenied;
     }
     if (MoreWriting && (File.Volume->Options.ReadOnly || IsReadOnlyMode(Stat.st_mode))) {
         return RVSTATUS::AccessDenied;
@@ -273,7 +298,7 @@ RVSTATUS ChangeAccess(FileObject &File, ULONG Access, ULONG Share, ULONG Options
             return Status;
         }
     }
-    if (!Covers(fcntl(File.Fd.Get(), F_GETFL), Access)) {
+    if (!Covers(fcntl(File.Fd(), F_GETFL), Access)) {
         if (const RVSTATUS Status = Reopen(File, Access | File.Access.load(), Options); RvIsError(Status)) {
             return Status;
         }
@@ -282,6 +307,11 @@ RVSTATUS ChangeAccess(FileObject &File, ULONG Access, ULONG Share, ULONG Options
         return Status;
     }
     File.Access = Access;
+    if (Reserve) {
+        File.Volume->Doomed.Reserve(File.FromRoot, File.Key);
+    } else if (File.DeleteReserved) {
+        File.Volume->Doomed.Cancel(File.FromRoot, File.Key);
+    }
     File.DeleteReserved = Reserve;
     return RVSTATUS::Success;
 }

@@ -1,6 +1,7 @@
 // Directories: create, open, information, delete; and what files share with them: delete and move by name.
 // Slots 10 to 15, 17, 20 and 21.
 #include <cerrno>
+#include <optional>
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -27,22 +28,23 @@ RVSTATUS NTAPI CreateDirectory(RVIOM_FSD *Self, Sec, RVHANDLE Base, PCWSTR Path)
         if (const RVSTATUS Status = State::Of(Self).Locate(Base, Path, At); RvIsError(Status)) {
             return Status;
         }
-        const std::lock_guard Hold(At.Volume->Changes);
         Resolved Found;
         if (const RVSTATUS Status = At.Volume->Names.Resolve(At.Ref, At.Path, Found); RvIsError(Status)) {
             return Status;
         }
-        if (Found.Exists) {
+        NewName New;
+        if (!Found.Exists) {
+            if (const RVSTATUS Status = OpenNewName(At, Found, New); RvIsError(Status)) {
+                return Status;
+            }
+        }
+        if (Found.Exists || New.Found.Exists) {
             return Failure(CODE_EXISTS);
         }
         if (At.Volume->Options.ReadOnly) {
             return RVSTATUS::AccessDenied;
         }
-        UniqueFd Parent;
-        if (const RVSTATUS Status = OpenParent(At, Found, Parent); RvIsError(Status)) {
-            return Status;
-        }
-        if (mkdirat(Parent.Get(), Found.Name.c_str(), 0777) == 0) {
+        if (mkdirat(New.Parent.Get(), New.Found.Name.c_str(), 0777) == 0) {
             return RVSTATUS::Success;
         }
         return errno == ENOENT ? Failure(RVFS_PATH_NOT_FOUND) : StatusFromErrno(errno);
@@ -68,7 +70,13 @@ RVSTATUS NTAPI OpenDirectory(RVIOM_FSD *Self, Sec, RVHANDLE Base, PCWSTR Path, R
 }
 
 RVSTATUS NTAPI CloseDirectory(RVIOM_FSD *Self, Sec, RVHANDLE Directory) {
-    return State::Of(Self).Open.Close(Directory, KIND_DIRECTORY) ? RVSTATUS::Success : RVSTATUS::InvalidHandle;
+    return Guarded([&] {
+        Handles &Open = State::Of(Self).Open;
+        if (const auto Found = Open.Acquire(Directory, KIND_DIRECTORY)) {
+            Found->Volume->Doomed.DirectoryClosed(Found->FromRoot, Found->Key);
+        }
+        return Open.Close(Directory, KIND_DIRECTORY) ? RVSTATUS::Success : RVSTATUS::InvalidHandle;
+    });
 }
 
 RVSTATUS NTAPI GetDirectoryInformation(RVIOM_FSD *Self, Sec, RVHANDLE Directory, ULONG *Attributes, LONG64 *Creation,
@@ -79,7 +87,7 @@ RVSTATUS NTAPI GetDirectoryInformation(RVIOM_FSD *Self, Sec, RVHANDLE Directory,
             return RVSTATUS::InvalidHandle;
         }
         Metadata Data;
-        const RVSTATUS Status = ReadMetadata(Found->Fd.Get(), Data);
+        const RVSTATUS Status = ReadMetadata(Found->Fd(), Data);
         if (!RvIsError(Status)) {
             Store(Attributes, Data.Attributes);
             Store(Creation, Data.Creation);
@@ -100,7 +108,7 @@ RVSTATUS NTAPI SetDirectoryInformation(RVIOM_FSD *Self, Sec, RVHANDLE Directory,
         if (Found->Volume->Options.ReadOnly) {
             return RVSTATUS::AccessDenied;
         }
-        return ChangeMetadata(Found->Fd.Get(), {Attributes, Creation, LastWrite, LastAccess});
+        return ChangeMetadata(Found->Fd(), {Attributes, Creation, LastWrite, LastAccess});
     });
 }
 
@@ -112,15 +120,26 @@ bool LeadsToDirectory(const Place &At, const Resolved &Found, const struct stat 
     return static_cast<bool>(UniqueFd(At.Volume->Open(At.Ref, Found.Path(), O_PATH | O_DIRECTORY)));
 }
 
-RVSTATUS CheckErasable(State &Provider, int Parent, const Resolved &Found) {
-    Metadata Data;
-    if (const RVSTATUS Status = ReadEntryMetadata(Parent, Found.Name.c_str(), Data); RvIsError(Status)) {
-        return Status;
+// A file tells by its mode that it is read-only, a directory by what is kept with it.
+RVSTATUS CheckErasable(State &Provider, int Parent, const std::string &Name, const struct stat &Stat) {
+    if (S_ISDIR(Stat.st_mode)) {
+        Metadata Data;
+        if (const RVSTATUS Status = ReadEntryMetadata(Parent, Name.c_str(), Data); RvIsError(Status)) {
+            return Status;
+        }
+        return (Data.Attributes & RV_ATTR_READONLY) != 0 ? RVSTATUS::AccessDenied : RVSTATUS::Success;
     }
-    if ((Data.Attributes & RV_ATTR_READONLY) != 0) {
-        return RVSTATUS::AccessDenied;
+    return IsReadOnlyMode(Stat.st_mode) ? RVSTATUS::AccessDenied : Provider.Nodes.CheckDelete(KeyOf(Stat));
+}
+
+// What the handle named that this deletion comes from: behind a link what it leads to.
+bool IsMeant(const Place &At, const Resolved &Found, const struct stat &Stat) {
+    ObjectKey Key = KeyOf(Stat);
+    if (S_ISLNK(Stat.st_mode)) {
+        Looked Behind;
+        Key = LookAt(At, Found.Path(), Behind) == 0 ? KeyOf(Behind.Stat) : Key;
     }
-    return Provider.Nodes.CheckDelete(Data.Key);
+    return At.Volume->Doomed.Take(PathFromRoot(At, Found), Key);
 }
 
 RVSTATUS Delete(State &Provider, RVHANDLE Base, PCWSTR Path, Kind Wanted) {
@@ -149,7 +168,11 @@ RVSTATUS Delete(State &Provider, RVHANDLE Base, PCWSTR Path, Kind Wanted) {
     if (LeadsToDirectory(At, Found, Stat) != (Wanted == Kind::Directory)) {
         return Failure(Wanted == Kind::Directory ? USHORT{RVFS_NOT_A_DIRECTORY} : CODE_IS_A_DIRECTORY);
     }
-    if (const RVSTATUS Status = CheckErasable(Provider, Parent.Get(), Found); RvIsError(Status)) {
+    if (!IsMeant(At, Found, Stat)) {
+        // The name leads to another object by now, and that is not to go.
+        return Failure(Wanted == Kind::Directory ? USHORT{RVFS_PATH_NOT_FOUND} : CODE_NO_SUCH_FILE);
+    }
+    if (const RVSTATUS Status = CheckErasable(Provider, Parent.Get(), Found.Name, Stat); RvIsError(Status)) {
         return Status;
     }
     // The flag makes sure that what became a directory, or a file, meanwhile is not deleted as the other kind.
@@ -203,45 +226,39 @@ int RenameToFree(int From, const char *OldName, int To, const char *NewName, boo
     return renameat(From, OldName, To, NewName) == 0 ? 0 : errno;
 }
 
-RVSTATUS Rename(const Place &Source, const Resolved &Old, const Place &Target, const Resolved &New, Kind Wanted) {
-    UniqueFd From;
-    UniqueFd To;
-    if (const RVSTATUS Status = OpenParent(Source, Old, From); RvIsError(Status)) {
-        return Status;
-    }
-    if (const RVSTATUS Status = OpenParent(Target, New, To); RvIsError(Status)) {
-        return Status;
-    }
+// The name that a rename of Old to itself, but for the case, is to leave.
+RVSTATUS Respelled(const Place &Target, const Resolved &Old, std::string &Name) {
+    const std::optional<std::string> Spelled = NativeName(LastComponent(Target.Path));
+    Name = Spelled.value_or(Old.Name);
+    return Spelled ? RVSTATUS::Success : Failure(CODE_NAME_INVALID);
+}
+
+RVSTATUS Rename(const Place &Source, const Resolved &From, const NewName &Old, const Place &Target, const NewName &New,
+                Kind Wanted) {
     struct stat Stat;
-    struct stat FromStat;
-    struct stat ToStat;
-    if (fstatat(From.Get(), Old.Name.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) != 0 || fstat(From.Get(), &FromStat) != 0 ||
-        fstat(To.Get(), &ToStat) != 0) {
+    const std::string &OldName = From.Name;
+    if (fstatat(Old.Parent.Get(), OldName.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) != 0) {
         return StatusFromErrno(errno);
     }
-    if (LeadsToDirectory(Source, Old, Stat) != (Wanted == Kind::Directory)) {
+    if (LeadsToDirectory(Source, From, Stat) != (Wanted == Kind::Directory)) {
         return Failure(Wanted == Kind::Directory ? USHORT{RVFS_NOT_A_DIRECTORY} : CODE_IS_A_DIRECTORY);
     }
     // A target that is the source itself under another case is no obstacle.
-    const bool Itself = New.Exists && KeyOf(FromStat) == KeyOf(ToStat) && New.Name == Old.Name;
-    if (New.Exists && !Itself) {
+    const bool Itself = New.Found.Exists && Old.Key == New.Key && New.Found.Name == OldName;
+    if (New.Found.Exists && !Itself) {
         return Failure(CODE_EXISTS);
     }
-    std::string Name = New.Name;
+    std::string Name = New.Found.Name;
     if (Itself) {
-        const size_t Cut = Target.Path.find_last_not_of(u'\\');
-        const std::u16string_view Trimmed = Target.Path.substr(0, Cut + 1);
-        const size_t Slash = Trimmed.rfind(u'\\');
-        const auto Spelled = NativeName(Slash == Trimmed.npos ? Trimmed : Trimmed.substr(Slash + 1));
-        if (!Spelled) {
-            return Failure(CODE_NAME_INVALID);
+        if (const RVSTATUS Status = Respelled(Target, From, Name); RvIsError(Status)) {
+            return Status;
         }
-        Name = *Spelled;
-        if (Name == Old.Name) {
+        if (Name == OldName) {
             return RVSTATUS::Success;
         }
     }
-    return StatusFromErrno(RenameToFree(From.Get(), Old.Name.c_str(), To.Get(), Name.c_str(), S_ISDIR(Stat.st_mode)));
+    return StatusFromErrno(
+        RenameToFree(Old.Parent.Get(), OldName.c_str(), New.Parent.Get(), Name.c_str(), S_ISDIR(Stat.st_mode)));
 }
 
 RVSTATUS Move(State &Provider, RVHANDLE SourceBase, PCWSTR SourcePath, RVHANDLE TargetBase, PCWSTR TargetName,
@@ -257,25 +274,43 @@ RVSTATUS Move(State &Provider, RVHANDLE SourceBase, PCWSTR SourcePath, RVHANDLE 
     if (Source.Volume != Target.Volume) {
         return Failure(CODE_NOT_SAME_VOLUME);
     }
-    const std::lock_guard Hold(Source.Volume->Changes);
-    Resolved Old;
-    Resolved New;
-    if (const RVSTATUS Status = Source.Volume->Names.Resolve(Source.Ref, Source.Path, Old); RvIsError(Status)) {
+    Export &In = *Source.Volume;
+    Resolved From;
+    Resolved To;
+    if (const RVSTATUS Status = In.Names.Resolve(Source.Ref, Source.Path, From); RvIsError(Status)) {
         return Status;
     }
-    if (!Old.Exists) {
+    if (!From.Exists) {
         return Failure(CODE_NO_SUCH_FILE);
     }
-    if (Old.Name.empty() || Source.Volume->Options.ReadOnly) {
+    if (From.Name.empty() || In.Options.ReadOnly) {
         return RVSTATUS::AccessDenied;
     }
-    if (const RVSTATUS Status = Target.Volume->Names.Resolve(Target.Ref, Target.Path, New); RvIsError(Status)) {
+    if (const RVSTATUS Status = In.Names.Resolve(Target.Ref, Target.Path, To); RvIsError(Status)) {
         return Status;
     }
-    if (New.Name.empty()) {
+    if (To.Name.empty()) {
         return Failure(CODE_EXISTS);
     }
-    return Rename(Source, Old, Target, New, Wanted);
+    NewName Old;
+    NewName New;
+    if (const RVSTATUS Status = OpenNewParent(Source, From, Old); RvIsError(Status)) {
+        return Status;
+    }
+    if (const RVSTATUS Status = OpenNewParent(Target, To, New); RvIsError(Status)) {
+        return Status;
+    }
+    New.Hold = In.Changes.Acquire(New.Key);
+    if (const RVSTATUS Status = LookAgain(Target, New); RvIsError(Status)) {
+        return Status;
+    }
+    struct stat Stat;
+    const bool Known = fstatat(Old.Parent.Get(), From.Name.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) == 0;
+    const RVSTATUS Status = Rename(Source, From, Old, Target, New, Wanted);
+    if (Known && !RvIsError(Status)) {
+        In.Doomed.Moved(PathFromRoot(Source, From), PathFromRoot(Target, To), KeyOf(Stat));
+    }
+    return Status;
 }
 
 RVSTATUS NTAPI MoveDirectory(RVIOM_FSD *Self, Sec, RVHANDLE SourceBase, PCWSTR Source, RVHANDLE TargetBase,
@@ -293,28 +328,32 @@ RVSTATUS NTAPI MoveFile(RVIOM_FSD *Self, Sec, RVHANDLE SourceBase, PCWSTR Source
 RVSTATUS OpenFolder(const Place &At, unsigned Kind, std::unique_ptr<Object> &Opened) {
     RVSTATUS Status = Failure(CODE_NO_SUCH_FILE);
     for (int Attempt = 0; Attempt < Attempts; ++Attempt) {
+        // The exact spelling first, the look-up for what that does not open.
         Resolved Found;
-        if (Status = At.Volume->Names.Resolve(At.Ref, At.Path, Found); RvIsError(Status)) {
-            return Status;
+        const std::optional<std::string> Exact = ExactPath(At.Path);
+        UniqueFd Fd(Exact ? At.Volume->Open(At.Ref, *Exact, O_PATH | O_DIRECTORY) : -1);
+        if (Fd) {
+            Found.Name = *Exact;
+        } else {
+            if (Status = At.Volume->Names.Resolve(At.Ref, At.Path, Found); RvIsError(Status)) {
+                return Status;
+            }
+            if (!Found.Exists) {
+                return Failure(CODE_NO_SUCH_FILE);
+            }
+            Fd = UniqueFd(At.Volume->Open(At.Ref, Found.Path(), O_PATH | O_DIRECTORY));
         }
-        if (!Found.Exists) {
-            return Failure(CODE_NO_SUCH_FILE);
-        }
-        UniqueFd Fd(At.Volume->Open(At.Ref, Found.Path(), O_PATH | O_DIRECTORY));
         struct stat Stat;
         if (Fd && fstat(Fd.Get(), &Stat) == 0) {
             Opened =
                 std::make_unique<FolderObject>(Kind, At.Volume, std::move(Fd), KeyOf(Stat), PathFromRoot(At, Found));
             return RVSTATUS::Success;
         }
+        // Known by name and not to be found: moved away just now, or a link that leads nowhere.
         const int Error = errno;
         Status = StatusFromLookup(Error);
-        if (Error != ENOENT) {
+        if (Error != ENOENT || Found.Type == DT_LNK) {
             return Status;
-        }
-        // Known by name and not to be found: moved away just now, or a link that leads nowhere.
-        if (Attempt != 0) {
-            At.Volume->Names.Forget();
         }
     }
     return Status;

@@ -1,14 +1,18 @@
 #include "providers/directory/metadata.h"
 
+#include <atomic>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/syscall.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 namespace providers::directory {
 namespace {
@@ -35,7 +39,14 @@ std::string LinkOf(int Fd) {
     return fmt::format("/proc/self/fd/{}", Fd);
 }
 
+// A time beyond what the platform can say becomes the nearest that it can.
 LONG64 UnitsOf(int64_t Seconds, uint32_t Nanoseconds) {
+    if (Seconds < -SecondsFrom1601) {
+        return 0;
+    }
+    if (Seconds >= INT64_MAX / UnitsPerSecond - SecondsFrom1601) {
+        return INT64_MAX;
+    }
     return (Seconds + SecondsFrom1601) * UnitsPerSecond + Nanoseconds / 100;
 }
 
@@ -52,6 +63,25 @@ void Parse(const void *Value, ssize_t Size, Record &Out) {
             Out = Read;
         }
     }
+}
+
+// The record of the entry Name of the directory Fd, or of a link itself. By the kernel's own call where there is one.
+ssize_t ReadEntryRecord(int Fd, const char *Name, void *Value, size_t Size) {
+    struct {
+        uint64_t Value;
+        uint32_t Size;
+        uint32_t Flags;
+    } Arguments = {reinterpret_cast<uint64_t>(Value), static_cast<uint32_t>(Size), 0};
+    constexpr long GetXAttrAt = 464;
+    static std::atomic<bool> Missing = false;
+    if (!Missing.load(std::memory_order_relaxed)) {
+        const long Read = syscall(GetXAttrAt, Fd, Name, AT_SYMLINK_NOFOLLOW, RecordName, &Arguments, sizeof Arguments);
+        if (Read >= 0 || errno != ENOSYS) {
+            return Read;
+        }
+        Missing = true;
+    }
+    return lgetxattr(fmt::format("/proc/self/fd/{}/{}", Fd, Name).c_str(), RecordName, Value, Size);
 }
 
 // An object without the record, or on a file system that keeps none, has the default one.
@@ -204,8 +234,7 @@ RVSTATUS ReadEntryMetadata(int Fd, const char *Name, Metadata &Out) {
     Record Value;
     if (!S_ISLNK(Stat.stx_mode)) {
         char Bytes[sizeof(Record)];
-        const std::string Link = fmt::format("/proc/self/fd/{}/{}", Fd, Name);
-        Parse(Bytes, lgetxattr(Link.c_str(), RecordName, Bytes, sizeof Bytes), Value);
+        Parse(Bytes, ReadEntryRecord(Fd, Name, Bytes, sizeof Bytes), Value);
     }
     Fill(Stat, Value, Out);
     return RVSTATUS::Success;

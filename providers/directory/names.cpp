@@ -1,13 +1,16 @@
 #include "providers/directory/names.h"
 
 #include <algorithm>
+#include <array>
 #include <iterator>
-#include <memory>
+#include <type_traits>
 #include <vector>
 
-#include <unicode/uchar.h>
+#include <unicode/umachine.h>
 #include <unicode/utf16.h>
 #include <unicode/utf8.h>
+
+#include "text/upcase.h"
 
 namespace providers::directory {
 namespace {
@@ -16,6 +19,7 @@ constexpr char16_t PrivateBase = 0xF000;
 constexpr char16_t MaskStar = 0xF8FC;
 constexpr char16_t MaskQuestion = 0xF8FD;
 constexpr char16_t MaskDot = 0xF8FF;
+constexpr size_t MaxNameBytes = 255;
 
 constexpr bool IsForbidden(UChar32 Character) {
     return (Character > 0 && Character < 0x20) || Character == '"' || Character == '*' || Character == ':' ||
@@ -35,9 +39,35 @@ constexpr bool StandsForByte(UChar32 Character) {
     return Byte >= 0x80 || IsForbidden(Byte) || IsForbiddenAtEnd(Byte);
 }
 
+// Private-use characters that cannot be served as themselves: those above, and what a mask takes for wildcards.
+constexpr bool IsReserved(UChar32 Character) {
+    return StandsForByte(Character) || Character == MaskStar || Character == MaskQuestion || Character == MaskDot;
+}
+
 constexpr bool IsShortForbidden(char16_t Unit) {
     return IsForbidden(Unit) || Unit == u'.' || Unit == u'+' || Unit == u',' || Unit == u';' || Unit == u'=' ||
            Unit == u'[' || Unit == u']' || Unit == u'/';
+}
+
+// Letters, digits and the like, whose two forms are the same; a full stop or blank among them, but not at the end.
+constexpr auto PlainUnits = [] {
+    std::array<bool, 128> Plain{};
+    for (UChar32 Unit = ' '; Unit < 0x7F; ++Unit) {
+        Plain[static_cast<size_t>(Unit)] = !IsForbidden(Unit) && Unit != '/';
+    }
+    return Plain;
+}();
+
+template <class View>
+bool IsPlain(View Name) {
+    using Unsigned = std::make_unsigned_t<std::conditional_t<sizeof(Name[0]) == 1, char, short>>;
+    for (const auto Each : Name) {
+        const auto Unit = static_cast<Unsigned>(Each);
+        if (Unit >= PlainUnits.size() || !PlainUnits[Unit]) {
+            return false;
+        }
+    }
+    return !Name.empty() && !IsForbiddenAtEnd(Name.back());
 }
 
 void AppendCharacter(std::u16string &Out, UChar32 Character) {
@@ -56,20 +86,12 @@ void AppendBytes(std::string &Out, UChar32 Character) {
     Out.append(Bytes, static_cast<size_t>(Count));
 }
 
-using FoldTable = std::unique_ptr<char16_t[]>;
-
-FoldTable MakeFoldTable() {
-    FoldTable Table(new char16_t[0x10000]);
-    for (UChar32 Unit = 0; Unit < 0x10000; ++Unit) {
-        const UChar32 Upper = u_toupper(Unit);
-        Table[Unit] = static_cast<char16_t>(U16_IS_SURROGATE(Unit) || Upper > 0xFFFF ? Unit : Upper);
-    }
-    return Table;
-}
-
 } // namespace
 
 std::u16string ServedName(std::string_view Native) {
+    if (IsPlain(Native)) {
+        return {Native.begin(), Native.end()};
+    }
     std::u16string Served;
     Served.reserve(Native.size());
     const auto *Bytes = reinterpret_cast<const uint8_t *>(Native.data());
@@ -78,7 +100,7 @@ std::u16string ServedName(std::string_view Native) {
         const int32_t Start = Index;
         UChar32 Character = 0;
         U8_NEXT(Bytes, Index, Size, Character);
-        if (Character < 0 || StandsForByte(Character)) {
+        if (Character < 0 || IsReserved(Character)) {
             for (int32_t Byte = Start; Byte < Index; ++Byte) {
                 Served.push_back(static_cast<char16_t>(PrivateBase + Bytes[Byte]));
             }
@@ -92,6 +114,9 @@ std::u16string ServedName(std::string_view Native) {
 }
 
 std::optional<std::string> NativeName(std::u16string_view Served) {
+    if (IsPlain(Served) && Served.size() <= MaxNameBytes) {
+        return std::string(Served.begin(), Served.end());
+    }
     std::string Native;
     Native.reserve(Served.size() + 8);
     for (size_t Index = 0; Index < Served.size();) {
@@ -106,7 +131,7 @@ std::optional<std::string> NativeName(std::u16string_view Served) {
             AppendBytes(Native, Character);
         }
     }
-    if (Native.empty() || Native.size() > 255 || Native == "." || Native == "..") {
+    if (Native.empty() || Native.size() > MaxNameBytes || Native == "." || Native == "..") {
         return std::nullopt;
     }
     // Two spellings must never lead to one entry: only the one that a listing gives is a name.
@@ -117,27 +142,16 @@ std::optional<std::string> NativeName(std::u16string_view Served) {
 }
 
 char16_t FoldUnit(char16_t Unit) {
-    static const FoldTable Table = MakeFoldTable();
-    return Table[Unit];
+    return text::UpcaseUnit(Unit);
 }
 
 std::u16string Fold(std::u16string_view Name) {
     std::u16string Folded(Name);
+    const char16_t *Upcase = text::UpcaseTable();
     for (char16_t &Unit : Folded) {
-        Unit = FoldUnit(Unit);
+        Unit = Upcase[Unit];
     }
     return Folded;
-}
-
-std::u16string SpellingForCollision(std::u16string_view Name, unsigned K) {
-    const size_t Dot = Name.rfind(u'.');
-    const size_t Stem = Dot == std::u16string_view::npos || Dot == 0 ? Name.size() : Dot;
-    std::u16string Spelling(Name.substr(0, Stem));
-    Spelling.push_back(u'~');
-    for (const char Digit : std::to_string(K)) {
-        Spelling.push_back(static_cast<char16_t>(Digit));
-    }
-    return Spelling.append(Name.substr(Stem));
 }
 
 std::u16string ShortName(std::u16string_view Served) {

@@ -23,9 +23,6 @@ std::optional<std::string> NativeName(std::u16string_view Served);
 char16_t FoldUnit(char16_t Unit);
 std::u16string Fold(std::u16string_view Name);
 
-// The K-th spelling (2, 3, ...) for a name that collides with another one: "~K" before the extension.
-std::u16string SpellingForCollision(std::u16string_view Name, unsigned K);
-
 // An 8.3 name made from the served name, upper case; empty for a name that is one already. Two names of a directory may
 // get the same one: it is then of no use to either.
 std::u16string ShortName(std::u16string_view Served);

@@ -1,8 +1,10 @@
 // What the operations of the directory Provider share: exports, open objects, and the way from a handle and a path to
 // them. Internal to the Provider.
 //
-// Lock order: the exports' mutex, then an export's Changes, then its NameCache, then a FileNode's SizeMutex, then the
-// rest, all leaves.
+// Lock order: the exports' mutex, then a directory's lock of DirectoryLocks, of which no operation holds two, then
+// a DirectoryIndex's mutex, then the EventLog's. A folder's ListingMutex comes before a DirectoryIndex's, a FileNode's
+// SizeMutex before the rest. All others are leaves. Only a directory's lock and an index's mutex are held while the
+// file system is waited for.
 #pragma once
 
 #include <exception>
@@ -11,11 +13,13 @@
 #include <new>
 #include <shared_mutex>
 
+#include "providers/directory/directory_locks.h"
 #include "providers/directory/directory_provider.h"
 #include "providers/directory/file_nodes.h"
 #include "providers/directory/handle_table.h"
 #include "providers/directory/metadata.h"
 #include "providers/directory/name_cache.h"
+#include "providers/directory/pending_deletes.h"
 
 namespace providers::directory {
 
@@ -23,7 +27,8 @@ struct Export {
     Export(std::u16string_view ServerName, std::u16string_view VolumeName, std::filesystem::path Path, UniqueFd Fd,
            const ExportOptions &Chosen);
 
-    // As OpenBeneath, below Base; a link that leads out of Base but not out of the export is followed.
+    // As OpenBeneath, below Base; a link that leads out of Base but not out of the export is followed, an absolute one
+    // too.
     int Open(const DirectoryRef &Base, std::string_view Path, int Flags) const;
 
     // Takes Bytes more from the quota: CODE_QUOTA_EXCEEDED when it does not allow them. Negative gives back.
@@ -33,14 +38,15 @@ struct Export {
     const std::u16string Server;
     const std::u16string Volume;
     const std::filesystem::path Directory;
+    const std::string Absolute; // without links in it
     const ExportOptions Options;
     const Confinement How;
     const UniqueFd Root;
     DirectoryRef RootRef;
     UCHAR Identifier[16] = {};
 
-    // Held while a name is given to something new, so that no two names differing only in case come into being.
-    std::mutex Changes;
+    DirectoryLocks Changes; // by the directory in which a name is given
+    PendingDeletes Doomed;
     NameCache Names;
     std::atomic<int64_t> Used = 0; // bytes charged to the quota
 };
@@ -79,21 +85,25 @@ inline constexpr unsigned KIND_ANY = KIND_FOLDER | KIND_FILE;
 // What a handle names.
 struct Object {
     Object(unsigned ObjectKind, ExportPtr In, UniqueFd Opened, ObjectKey ObjectKeyValue, std::string Path)
-        : Kind(ObjectKind), Volume(std::move(In)), Fd(std::move(Opened)), Key(ObjectKeyValue),
+        : Kind(ObjectKind), Volume(std::move(In)), Own(std::move(Opened)), Key(ObjectKeyValue),
           FromRoot(std::move(Path)) {
     }
     virtual ~Object() = default;
     unsigned KindMask() const {
         return Kind;
     }
+    // The descriptor: its own, or for a volume that of the export's root.
+    int Fd() const {
+        return Own ? Own.Get() : Volume->Root.Get();
+    }
     DirectoryRef Ref() const {
-        return {Fd.Get(), Key, FromRoot};
+        return {Fd(), Key, FromRoot};
     }
 
     // Unchanged after creation. A file's descriptor number stays, what it refers to may be re-opened.
     const unsigned Kind;
     const ExportPtr Volume;
-    const UniqueFd Fd;
+    const UniqueFd Own;
     const ObjectKey Key;
     const std::string FromRoot;
 };
@@ -101,7 +111,7 @@ struct Object {
 // An enumeration in progress: the names as they were when it began.
 struct Listing {
     uint8_t Tag = 0;
-    std::vector<ListedName> Names;
+    NameList Names;
 };
 
 struct FolderObject final : Object {
@@ -164,6 +174,9 @@ void Store(Type *Where, Value What) {
 // The first component behind leading separators; Path becomes what follows it.
 std::u16string_view TakeComponent(std::u16string_view &Path);
 
+// The last component, without separators behind it.
+std::u16string_view LastComponent(std::u16string_view Path);
+
 // Why these cannot be the names of a server and a volume; empty when they can.
 std::string FaultOfNames(std::u16string_view Server, std::u16string_view Volume);
 
@@ -176,8 +189,30 @@ RVSTATUS OpenLinked(const Link &Through, std::unique_ptr<Object> &Opened);
 // Opens the directory that holds an object. Errors: as a look-up of a missing parent.
 RVSTATUS OpenParent(const Place &At, const Resolved &Found, UniqueFd &Parent);
 
+// The place of a name that is to be given: its directory, locked, and what the name is there.
+struct NewName {
+    UniqueFd Parent;
+    ObjectKey Key;
+    DirectoryLocks::Hold Hold;
+    Resolved Found; // relative to Parent
+};
+// From a look-up of At.Path. Errors: as a look-up of a missing parent.
+RVSTATUS OpenNewName(const Place &At, const Resolved &Found, NewName &Out);
+// The same without the lock; the caller takes it and calls LookAgain.
+RVSTATUS OpenNewParent(const Place &At, const Resolved &Found, NewName &Out);
+RVSTATUS LookAgain(const Place &At, NewName &Out);
+
 // The path of an object below the export's root.
 std::string PathFromRoot(const Place &At, const Resolved &Found);
+
+// Asks what an entry is, without opening it for anything: what a link leads to, or the link itself when that cannot be
+// had (Error is why, then, and 0 otherwise). Returns an error number when there is no entry.
+struct Looked {
+    UniqueFd Fd; // O_PATH
+    struct stat Stat {};
+    int Error = 0;
+};
+int LookAt(const Place &At, const std::string &Path, Looked &Out);
 
 // The 64-bit identifier of an object.
 ULONG64 FileIdOf(const Export &Volume, const ObjectKey &Key);
@@ -211,6 +246,8 @@ struct DirectoryProvider::State : RVIOM_FSD {
     directory::FileNodes Nodes; // outlives the open files
     directory::Handles Open;
     std::atomic<uint32_t> References = 0;
+    std::mutex FaultsMutex;
+    std::vector<DirectoryProvider::ListingFault> Faults; // guarded by FaultsMutex
     mutable std::shared_mutex ExportsMutex;
     std::vector<directory::ExportPtr> Exports; // guarded by ExportsMutex
     std::vector<directory::LinkPtr> Links;     // guarded by ExportsMutex

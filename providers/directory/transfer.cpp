@@ -51,7 +51,7 @@ RVSTATUS NTAPI ReadFile(RVIOM_FSD *Self, Sec, RVHANDLE Handle, LONG64 *ByteOffse
         while (Done < Length) {
             const size_t Part = std::min(Length - Done, MaxTransfer);
             const ssize_t Count =
-                pread(File.Fd.Get(), static_cast<UCHAR *>(Buffer) + Done, Part, static_cast<off_t>(Start + Done));
+                pread(File.Fd(), static_cast<UCHAR *>(Buffer) + Done, Part, static_cast<off_t>(Start + Done));
             if (Count < 0 && errno == EINTR) {
                 continue;
             }
@@ -71,7 +71,7 @@ RVSTATUS NTAPI ReadFile(RVIOM_FSD *Self, Sec, RVHANDLE Handle, LONG64 *ByteOffse
 RVSTATUS WriteAll(const FileObject &File, ULONG64 Start, const UCHAR *Data, ULONG64 Length, ULONG64 &Done) {
     for (Done = 0; Done < Length;) {
         const ssize_t Count =
-            pwrite(File.Fd.Get(), Data + Done, std::min(Length - Done, MaxTransfer), static_cast<off_t>(Start + Done));
+            pwrite(File.Fd(), Data + Done, std::min(Length - Done, MaxTransfer), static_cast<off_t>(Start + Done));
         if (Count < 0 && errno == EINTR) {
             continue;
         }
@@ -84,7 +84,7 @@ RVSTATUS WriteAll(const FileObject &File, ULONG64 Start, const UCHAR *Data, ULON
 }
 
 RVSTATUS SetSize(const FileObject &File, ULONG64 Size) {
-    while (ftruncate(File.Fd.Get(), static_cast<off_t>(Size)) != 0) {
+    while (ftruncate(File.Fd(), static_cast<off_t>(Size)) != 0) {
         if (errno != EINTR) {
             return StatusFromErrno(errno);
         }
@@ -101,7 +101,7 @@ RVSTATUS WithQuota(const FileObject &File, ULONG64 End, bool MayShrink, Body Cha
     const std::lock_guard Hold(File.Node->SizeMutex());
     struct stat Before;
     struct stat After;
-    if (fstat(File.Fd.Get(), &Before) != 0) {
+    if (fstat(File.Fd(), &Before) != 0) {
         return StatusFromErrno(errno);
     }
     const int64_t Growth = static_cast<int64_t>(End) - Before.st_size;
@@ -111,7 +111,7 @@ RVSTATUS WithQuota(const FileObject &File, ULONG64 End, bool MayShrink, Body Cha
     }
     const RVSTATUS Status = Change();
     // What the change did not do is given back.
-    if (fstat(File.Fd.Get(), &After) == 0) {
+    if (fstat(File.Fd(), &After) == 0) {
         static_cast<void>(File.Volume->Charge(After.st_size - Before.st_size - Charged));
     }
     return Status;
@@ -149,7 +149,7 @@ RVSTATUS NTAPI WriteFile(RVIOM_FSD *Self, Sec, RVHANDLE Handle, LONG64 *ByteOffs
 RVSTATUS NTAPI FlushFile(RVIOM_FSD *Self, Sec, RVHANDLE Handle) {
     return WithFile(Self, Handle, [](FileObject &File) {
         // A handle without data access has written nothing that could be flushed.
-        if ((File.Access.load() & (ReadData | RV_ACCESS_WRITE)) == 0 || fsync(File.Fd.Get()) == 0) {
+        if ((File.Access.load() & (ReadData | RV_ACCESS_WRITE)) == 0 || fsync(File.Fd()) == 0) {
             return RVSTATUS::Success;
         }
         return StatusFromErrno(errno);
@@ -161,7 +161,7 @@ RVSTATUS NTAPI GetFileInformation(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG *
                                   UCHAR *Byte1, UCHAR *Byte2, UCHAR *Byte3, UCHAR *Byte4, UCHAR *Byte5) {
     return WithFile(Self, Handle, [&](FileObject &File) {
         Metadata Data;
-        if (const RVSTATUS Status = ReadMetadata(File.Fd.Get(), Data); RvIsError(Status)) {
+        if (const RVSTATUS Status = ReadMetadata(File.Fd(), Data); RvIsError(Status)) {
             return Status;
         }
         Store(Attributes, Data.Attributes);
@@ -186,7 +186,7 @@ RVSTATUS NTAPI GetBasicFileInformation(RVIOM_FSD *Self, Sec Security, RVHANDLE H
 RVSTATUS NTAPI GetFileSize(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG64 *EndOfFile) {
     return WithFile(Self, Handle, [&](FileObject &File) {
         struct stat Stat;
-        if (fstat(File.Fd.Get(), &Stat) != 0) {
+        if (fstat(File.Fd(), &Stat) != 0) {
             return StatusFromErrno(errno);
         }
         Store(EndOfFile, Stat.st_size);
@@ -197,9 +197,8 @@ RVSTATUS NTAPI GetFileSize(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG64 *EndOf
 RVSTATUS NTAPI SetFileInformation(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG *Attributes, LONG64 *Creation,
                                   LONG64 *LastWrite, LONG64 *LastAccess) {
     return WithFile(Self, Handle, [&](FileObject &File) {
-        return File.Volume->Options.ReadOnly
-                   ? RVSTATUS::AccessDenied
-                   : ChangeMetadata(File.Fd.Get(), {Attributes, Creation, LastWrite, LastAccess});
+        return File.Volume->Options.ReadOnly ? RVSTATUS::AccessDenied
+                                             : ChangeMetadata(File.Fd(), {Attributes, Creation, LastWrite, LastAccess});
     });
 }
 

@@ -16,11 +16,7 @@ using State = DirectoryProvider::State;
 using Sec = RV_SECURITY_CONTEXT *;
 
 RVSTATUS OpenRoot(const ExportPtr &In, std::unique_ptr<Object> &Opened) {
-    UniqueFd Fd(OpenBeneath(In->How, In->Root.Get(), "", O_PATH | O_DIRECTORY));
-    if (!Fd) {
-        return StatusFromErrno(errno);
-    }
-    Opened = std::make_unique<FolderObject>(KIND_VOLUME, In, std::move(Fd), In->RootRef.Key, std::string());
+    Opened = std::make_unique<FolderObject>(KIND_VOLUME, In, UniqueFd(), In->RootRef.Key, std::string());
     return RVSTATUS::Success;
 }
 
@@ -72,7 +68,7 @@ RVSTATUS NTAPI GetVolumeSize(RVIOM_FSD *Self, Sec, RVHANDLE Volume, ULONG64 *Len
         return RVSTATUS::InvalidHandle;
     }
     struct statvfs Info;
-    if (fstatvfs(Found->Fd.Get(), &Info) != 0) {
+    if (fstatvfs(Found->Fd(), &Info) != 0) {
         return StatusFromErrno(errno);
     }
     const ULONG64 Total = static_cast<ULONG64>(Info.f_blocks) * Info.f_frsize;
@@ -124,21 +120,28 @@ RVSTATUS MayErase(const Object &Item, bool &May) {
     }
     // A root is never erased itself; it is asked on behalf of the names in it.
     if (Item.Kind == KIND_VOLUME || Item.FromRoot.empty()) {
-        May = faccessat(Item.Fd.Get(), ".", W_OK | X_OK, AT_EACCESS) == 0;
+        May = faccessat(Item.Fd(), ".", W_OK | X_OK, AT_EACCESS) == 0;
         return May || errno == EACCES || errno == EROFS ? RVSTATUS::Success : StatusFromErrno(errno);
     }
     const size_t Slash = Item.FromRoot.rfind('/');
     const std::string Parent = Slash == std::string::npos ? "" : Item.FromRoot.substr(0, Slash);
+    const std::string Name = Item.FromRoot.substr(Slash == std::string::npos ? 0 : Slash + 1);
     const Export &In = *Item.Volume;
-    const UniqueFd Holder(OpenBeneath(In.How, In.Root.Get(), Parent, O_PATH | O_DIRECTORY));
-    const UniqueFd Again(OpenBeneath(In.How, In.Root.Get(), Item.FromRoot, O_PATH));
+    const UniqueFd Holder(In.Open(In.RootRef, Parent, O_PATH | O_DIRECTORY));
     struct stat Directory;
     struct stat Stat;
-    if (!Holder || !Again) {
+    if (!Holder) {
         return StatusFromLookup(errno);
     }
-    if (fstat(Holder.Get(), &Directory) != 0 || fstat(Again.Get(), &Stat) != 0) {
+    if (fstat(Holder.Get(), &Directory) != 0 || fstatat(Holder.Get(), Name.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) != 0) {
         return StatusFromErrno(errno);
+    }
+    if (S_ISLNK(Stat.st_mode) && !(KeyOf(Stat) == Item.Key)) {
+        // The object is what the link leads to.
+        const UniqueFd Behind(In.Open(In.RootRef, Item.FromRoot, O_PATH));
+        if (!Behind || fstat(Behind.Get(), &Stat) != 0) {
+            return StatusFromLookup(errno);
+        }
     }
     if (!(KeyOf(Stat) == Item.Key)) {
         return Failure(CODE_NO_SUCH_FILE);

@@ -6,10 +6,12 @@
 #include <set>
 #include <thread>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "provider/framework.h"
+#include "providers/directory/beneath.h"
 #include "providers/directory/names.h"
 #include "tests/providers/directory_fixture.h"
 
@@ -135,6 +137,7 @@ TEST_F(DirectoryProviderTest, OutcomesOfOpening) {
         {u"..", 0, 0xC7E70515, 0},
         {u"bad:name", 4, 0xC7E70515, 0},
         {u"dangling", 3, 0xC7E70506, 0},
+        {u"dangling", 0, 0, 1},
         {u"dangling", 4, 0xC7E70510, 0},
         {u"pipe", 3, 0xC7E70006, 0},
         {u"pipe", 0, 0, 1},
@@ -277,24 +280,135 @@ TEST_F(DirectoryProviderTest, KnownDirectoriesAreNotReadAgain) {
 }
 
 TEST_F(DirectoryProviderTest, NamesThatDifferOnlyInCaseAreAllServedAndNeverMixed) {
-    Write("readme.txt", "lower");
-    Write("Readme.txt", "title");
-    Write("README.txt", "upper");
-    Write("readme~2.TXT", "taken");
-    const std::vector<std::u16string> Expected = {u"README.txt", u"readme~2.TXT", u"Readme~3.txt", u"readme~4.txt"};
-    EXPECT_EQ(Names(Volume), Expected);
-    for (const char16_t *Spelling : {u"readme.txt", u"Readme.txt", u"README.txt", u"rEADME.tXT"}) {
-        EXPECT_EQ(Content(Spelling), "upper");
+    const std::string Long(250, 'l');
+    const std::string Natives[] = {"readme.txt", "Readme.txt", "README.txt", Long + ".html", Long + ".HTML"};
+    for (const std::string &Native : Natives) {
+        Write(Native, Native);
+        EXPECT_EQ(Content({Native.begin(), Native.end()}), Native) << "an exact spelling is that very entry";
     }
-    EXPECT_EQ(Content(u"README~2.txt"), "taken");
-    EXPECT_EQ(Content(u"readme~3.TXT"), "title");
-    EXPECT_EQ(Content(u"readme~4.txt"), "lower");
-    fs::remove(Root / "README.txt");
-    EXPECT_EQ(Content(u"README.txt"), "title");
-    EXPECT_EQ(Content(u"readme~3.txt"), "lower");
-    EXPECT_EQ(Delete(u"Readme~3.txt"), Done);
+    EXPECT_EQ(Content(u"rEADME.tXT"), "failed 1296") << "one spelling of several names is none of them";
+    EXPECT_EQ(Try(u"rEADME.tXT", ReadWrite, RV_DISPOSITION_OPEN_OR_CREATE), Failure(CODE_EXISTS));
+    const std::vector<std::u16string> Listed = Names(Volume);
+    std::map<std::string, std::u16string> Marked;
+    for (const std::u16string &Name : Listed) {
+        EXPECT_LE(Name.size(), 255u);
+        Marked[Content(Name)] = Name;
+        EXPECT_EQ(Names(Volume, Name.c_str()), std::vector{Name});
+    }
+    ASSERT_EQ(Marked.size(), std::size(Natives)) << "each leads to another entry";
+    // A name that was handed out names its file whatever goes and comes beside it, and nothing when that is gone.
+    for (const std::string &Native : Natives) {
+        fs::remove(Root / Native);
+        EXPECT_EQ(Delete(Marked[Native]), Failure(CODE_NO_SUCH_FILE));
+        for (const auto &[Other, Name] : Marked) {
+            if (fs::exists(Root / Other)) {
+                EXPECT_EQ(Content(Name), Other);
+            }
+        }
+    }
+    Write("readme.txt", "alone again");
+    EXPECT_EQ(Names(Volume), std::vector<std::u16string>{u"readme.txt"});
+    EXPECT_EQ(Delete(Marked["readme.txt"]), Done);
     EXPECT_FALSE(fs::exists(Root / "readme.txt"));
-    EXPECT_EQ(Read("Readme.txt"), "title");
+}
+
+// A deletion comes after its handle was closed and by name alone.
+TEST_F(DirectoryProviderTest, APendingDeletionTakesTheFileThatWasOpenedOrNone) {
+    for (const bool Replaced : {true, false}) {
+        for (const bool AtOpen : {true, false}) {
+            Write("file", "opened");
+            RVHANDLE Handle = 0;
+            const ULONG Reserve = RV_OPTION_RESERVE_DELETE;
+            ASSERT_EQ(Open(u"FILE", Handle, RV_ACCESS_DELETE, 3, 7, 0, AtOpen ? Reserve : 0), Done);
+            if (!AtOpen) {
+                EXPECT_EQ(Table->RVFsdModifyFileAccess(Fsd, nullptr, Handle, RV_ACCESS_DELETE, 7, Reserve), Done);
+            }
+            EXPECT_EQ(Move(u"file", u"moved"), Done);
+            if (Replaced) {
+                Write("other", "other");
+                fs::rename(Root / "other", Root / "moved");
+            }
+            Close(Handle);
+            EXPECT_EQ(Delete(u"Moved"), Replaced ? Failure(CODE_NO_SUCH_FILE) : Done);
+            EXPECT_EQ(fs::exists(Root / "moved"), Replaced);
+            fs::remove(Root / "moved");
+        }
+        fs::create_directory(Root / "dir");
+        RVHANDLE Folder = 0;
+        ASSERT_EQ(OpenFolder(u"dir", Folder), Done);
+        if (Replaced) {
+            fs::rename(Root / "dir", Root / "away");
+            fs::create_directory(Root / "dir");
+        }
+        EXPECT_EQ(Table->RVFsdCloseDirectory(Fsd, nullptr, Folder), Done);
+        EXPECT_EQ(DeleteFolder(u"dir"), Replaced ? Failure(RVFS_PATH_NOT_FOUND) : Done);
+    }
+}
+
+TEST_F(DirectoryProviderTest, WhatIsNoFileIsNeverOpenedAndCanBeNamed) {
+    fs::create_directory(Root / "dir");
+    fs::create_symlink("nowhere", Root / "dangling");
+    fs::create_symlink("loop", Root / "loop");
+    fs::create_symlink("/etc/passwd", Root / "outward");
+    fs::create_symlink("pipe", Root / "toPipe");
+    ASSERT_EQ(mkfifo((Root / "pipe").c_str(), 0600), 0);
+    ASSERT_EQ(mknod((Root / "socket").c_str(), S_IFSOCK | 0600, 0), 0);
+    // Whoever opened the pipe for reading would let this open for writing succeed.
+    const auto PipeIsOpened = [&]() -> bool {
+        const UniqueFd Writer(open((Root / "pipe").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+        return static_cast<bool>(Writer);
+    };
+    const std::vector<std::u16string> All = {u"dangling", u"dir", u"loop", u"outward", u"pipe", u"socket", u"toPipe"};
+    EXPECT_EQ(Names(Volume), All);
+    for (const std::u16string &Name : All) {
+        if (Name == u"dir") {
+            continue;
+        }
+        for (const ULONG Access :
+             {ULONG{RV_ACCESS_READ}, ULONG{RV_ACCESS_WRITE}, ReadWrite, ULONG{RV_ACCESS_EXECUTE}}) {
+            EXPECT_TRUE(RvIsError(Try(Name, Access))) << testing::PrintToString(Name);
+        }
+        EXPECT_EQ(Try(Name, RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY), Done) << testing::PrintToString(Name);
+        EXPECT_EQ(Try(Name, RV_ACCESS_DELETE | RV_ACCESS_ATTRIBUTES), Done) << testing::PrintToString(Name);
+        RVHANDLE Handle = 0;
+        ASSERT_EQ(Open(Name, Handle, RV_ACCESS_DELETE), Done);
+        EXPECT_FALSE(PipeIsOpened());
+        EXPECT_TRUE(RvIsError(Table->RVFsdModifyFileAccess(Fsd, nullptr, Handle, ReadWrite, 7, 0)));
+        EXPECT_FALSE(PipeIsOpened());
+        EXPECT_EQ(Table->RVFsdModifyFileAccess(Fsd, nullptr, Handle, RV_ACCESS_DELETE, 7, RV_OPTION_RESERVE_DELETE),
+                  Done);
+        EXPECT_EQ(Table->RVFsdModifyFileAccess(Fsd, nullptr, Handle, RV_ACCESS_DELETE, 7, 0), Done);
+        Close(Handle);
+        EXPECT_EQ(Move(Name, u"moved"), Done) << testing::PrintToString(Name);
+        EXPECT_EQ(Move(u"MOVED", Name), Done) << testing::PrintToString(Name);
+    }
+    for (const std::u16string &Name : All) {
+        EXPECT_EQ(Name == u"dir" ? DeleteFolder(Name) : Delete(Name), Done) << testing::PrintToString(Name);
+    }
+    EXPECT_TRUE(fs::is_empty(Root));
+}
+
+// Counted in directories read: an exact name asks for none, what one entry costs does not depend on the others.
+TEST_F(DirectoryProviderTest, ADirectoryIsReadOnlyForWhatItsNamesDoNotTellThemselves) {
+    fs::create_directory(Root / "many");
+    for (int Index = 0; Index < 300; ++Index) {
+        Write("many/Name" + std::to_string(Index), "");
+    }
+    fs::create_symlink("nowhere", Root / "many" / "dangling");
+    const auto Scans = [&] { return Provider.Exports()[0].DirectoryScans; };
+    EXPECT_EQ(Try(u"many\\Name7"), Done);
+    EXPECT_EQ(Try(u"many\\dangling"), Failure(CODE_NO_SUCH_FILE));
+    EXPECT_EQ(Scans(), 0u);
+    for (int Round = 0; Round < 50; ++Round) {
+        EXPECT_EQ(Try(u"many\\missing"), Failure(CODE_NO_SUCH_FILE));
+        EXPECT_EQ(Try(u"many\\DANGLING"), Failure(CODE_NO_SUCH_FILE));
+        Write("many/nAME7", "a collision");
+        EXPECT_EQ(Try(u"many\\new", ReadWrite, RV_DISPOSITION_CREATE_NEW), Done);
+        EXPECT_EQ(Delete(u"many\\NEW"), Done);
+        fs::remove(Root / "many" / "nAME7");
+        EXPECT_EQ(Try(u"many\\NAME7"), Done);
+    }
+    EXPECT_EQ(Scans(), 1u);
 }
 
 TEST_F(DirectoryProviderTest, NamesForbiddenOnThePlatformAreReachable) {

@@ -39,6 +39,29 @@ TEST_F(DirectoryProviderTest, EntriesThatWillNotBeLookedAtAreListedWithWhatIsKno
     EXPECT_EQ(Table->RVFsdCloseDirectory(Fsd, nullptr, Folder), Done);
 }
 
+TEST_F(DirectoryProviderTest, AListingThatFailsIsToldToTheProgram) {
+    fs::create_directory(Root / "d");
+    Write("d/a", "text");
+    RVHANDLE Folder = 0;
+    ASSERT_EQ(OpenFolder(u"d", Folder), Done);
+    fs::permissions(Root / "d", fs::perms::owner_exec);
+    test::WithoutOverride([&] {
+        std::vector<Listed> Entries;
+        ULONG Key = 0;
+        EXPECT_EQ(Batch(Folder, u"*", Key, Entries), RVSTATUS::AccessDenied);
+        EXPECT_EQ(Content(u"d\\a"), "text") << "an exact name needs no listing";
+        EXPECT_EQ(Try(u"d\\A"), Failure(CODE_NO_SUCH_FILE));
+    });
+    fs::permissions(Root / "d", fs::perms::owner_all);
+    const auto Faults = Provider.TakeListingFaults();
+    ASSERT_EQ(Faults.size(), 1u);
+    EXPECT_EQ(Faults[0].Path, (Root / "d").string());
+    EXPECT_EQ(Faults[0].Error, EACCES);
+    EXPECT_EQ(Names(Folder).size(), 1u);
+    EXPECT_TRUE(Provider.TakeListingFaults().empty());
+    EXPECT_EQ(Table->RVFsdCloseDirectory(Fsd, nullptr, Folder), Done);
+}
+
 class SearchesOfOneHandle : public DirectoryProviderTest {
 protected:
     void SetUp() override {

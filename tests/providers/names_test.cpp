@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include "kernel/kernel.h"
+
 namespace providers::directory {
 namespace {
 
@@ -101,12 +103,17 @@ TEST(DirectoryNames, AnyAcceptedServedNameComesBackFromItsBytes) {
     EXPECT_GT(Accepted, 10'000);
 }
 
-TEST(DirectoryNames, FoldingIsOneToOneWithinTheSixteenBitRange) {
-    EXPECT_EQ(Fold(u"straße Ärger éÿ ωσς"), u"STRAßE ÄRGER ÉŸ ΩΣΣ");
-    EXPECT_EQ(FoldUnit(0xD801), 0xD801);
+TEST(DirectoryNames, EveryUnitIsFoldedAsThePlatformFoldsIt) {
+    EXPECT_EQ(Fold(u"straße Ärger éÿ ωσς ıſ"), u"STRAßE ÄRGER ÉŸ ΩΣΣ ıſ");
     for (unsigned Unit = 0; Unit < 0x10000; ++Unit) {
-        const char16_t Once = FoldUnit(static_cast<char16_t>(Unit));
-        ASSERT_EQ(FoldUnit(Once), Once) << Unit;
+        ASSERT_EQ(FoldUnit(static_cast<char16_t>(Unit)), RtlUpcaseUnicodeChar(static_cast<WCHAR>(Unit))) << Unit;
+    }
+}
+
+TEST(DirectoryNames, NoNameIsAMask) {
+    for (const char *Native : {"a*", "a?", "\xEF\xA3\xBC", "\xEF\xA3\xBD", "\xEF\xA3\xBF", "<>\""}) {
+        EXPECT_FALSE(HasWildcards(ServedName(Native))) << Native;
+        EXPECT_EQ(NativeName(ServedName(Native)), Native);
     }
 }
 

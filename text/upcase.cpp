@@ -1,23 +1,23 @@
-#include "embedded/upcase.h"
+#include "text/upcase.h"
 
 #include <array>
 #include <memory>
 #include <unicode/uchar.h>
 
-namespace embedded {
+namespace text {
 namespace {
 
 constexpr size_t UnitCount = 0x10000;
-using UnitTable = std::array<WCHAR, UnitCount>;
+using UnitTable = std::array<char16_t, UnitCount>;
 
-WCHAR UpperOf(UChar32 Unit) {
+char16_t UpperOf(UChar32 Unit) {
     if (Unit >= 0xD800 && Unit <= 0xDFFF) {
-        return static_cast<WCHAR>(Unit);
+        return static_cast<char16_t>(Unit);
     }
     UChar32 Upper = u_toupper(Unit);
     // The platform never folds another letter onto ASCII: dotless i and long s are names of their own.
     bool FoldsOntoAscii = Unit >= 0x80 && Upper < 0x80;
-    return static_cast<WCHAR>(Upper > 0xFFFF || FoldsOntoAscii ? Unit : Upper);
+    return static_cast<char16_t>(Upper > 0xFFFF || FoldsOntoAscii ? Unit : Upper);
 }
 
 std::unique_ptr<const UnitTable> BuildTable() {
@@ -30,9 +30,9 @@ std::unique_ptr<const UnitTable> BuildTable() {
 
 } // namespace
 
-const WCHAR *UpcaseTable() {
+const char16_t *UpcaseTable() {
     static const std::unique_ptr<const UnitTable> Table = BuildTable();
     return Table->data();
 }
 
-} // namespace embedded
+} // namespace text

@@ -1,0 +1,389 @@
+#include "providers/directory/directory_index.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <ctime>
+
+#include "providers/directory/collision_names.h"
+#include "providers/directory/directory_reader.h"
+#include "providers/directory/names.h"
+#include "text/upcase.h"
+
+namespace providers::directory {
+namespace {
+
+constexpr uint32_t Gone = 0xFFFFFFFF;
+constexpr uint32_t None = 0xFFFFFFFF;
+// Two changes closer together than this may leave one time stamp, on the coarsest of file systems.
+constexpr int64_t StampGranularity = 2'100'000'000;
+constexpr size_t LongestShort = 12;
+
+int64_t Nanoseconds(const timespec &Time) {
+    return static_cast<int64_t>(Time.tv_sec) * 1'000'000'000 + Time.tv_nsec;
+}
+
+bool SameTime(const timespec &Left, const timespec &Right) {
+    return Left.tv_sec == Right.tv_sec && Left.tv_nsec == Right.tv_nsec;
+}
+
+uint32_t HashOf(std::u16string_view Folded) {
+    uint64_t Hash = 0x9E3779B97F4A7C15u;
+    for (const char16_t Unit : Folded) {
+        Hash = (Hash ^ Unit) * 0xC2B2AE3D27D4EB4Fu;
+        Hash ^= Hash >> 29;
+    }
+    return static_cast<uint32_t>(Hash ^ (Hash >> 32));
+}
+
+} // namespace
+
+std::u16string NameList::Served(const Piece &Item) const {
+    return Item.Marked ? MarkedName(Native(Item)) : ServedName(Native(Item));
+}
+
+void NameList::Add(std::string_view Name, unsigned char Type, bool Marked, bool HasShort) {
+    Pieces.push_back({static_cast<uint32_t>(Bytes.size()), static_cast<uint16_t>(Name.size()), Type, Marked, HasShort});
+    Bytes.append(Name);
+}
+
+DirectoryIndex::DirectoryIndex(EventLog &Log, std::atomic<size_t> &Names, std::atomic<size_t> &Scans)
+    : Log_(Log), Names_(Names), Scans_(Scans) {
+}
+
+DirectoryIndex::~DirectoryIndex() {
+    Clear();
+    if (Watch_ >= 0) {
+        Log_.Unwatch(Watch_);
+    }
+}
+
+void DirectoryIndex::Clear() {
+    Names_ -= Items_.size() - Free_.size();
+    Items_.clear();
+    Free_.clear();
+    Table_.clear();
+    TableUsed_ = 0;
+    Bytes_.clear();
+    Garbage_ = 0;
+    Order_.clear();
+    Shorts_.clear();
+    KnowsShorts_ = false;
+    Known_ = false;
+}
+
+std::u16string DirectoryIndex::FoldedOf(const Item &Each) const {
+    return Fold(ServedName(NameOf(Each)));
+}
+
+// Calls Visit(item) for every item with that hash until it answers false.
+template <class Visitor>
+void DirectoryIndex::ForHash(uint32_t Hash, Visitor Visit) const {
+    const size_t Mask = Table_.size() - 1;
+    for (size_t At = Hash & Mask; !Table_.empty() && Table_[At] != 0; At = (At + 1) & Mask) {
+        if (Table_[At] != Gone && Items_[Table_[At] - 1].Hash == Hash && !Visit(Table_[At] - 1)) {
+            return;
+        }
+    }
+}
+
+void DirectoryIndex::Grow() {
+    const size_t Live = Items_.size() - Free_.size();
+    size_t Size = 16;
+    while (Size < Live * 2 + 2) {
+        Size *= 2;
+    }
+    Table_.assign(Size, 0);
+    TableUsed_ = 0;
+    for (uint32_t Index = 0; Index < Items_.size(); ++Index) {
+        if (Items_[Index].Size != 0) {
+            size_t At = Items_[Index].Hash & (Size - 1);
+            while (Table_[At] != 0) {
+                At = (At + 1) & (Size - 1);
+            }
+            Table_[At] = Index + 1;
+            ++TableUsed_;
+        }
+    }
+}
+
+void DirectoryIndex::Add(std::string_view Native, unsigned char Type) {
+    if (Native.empty() || Native.size() > UINT16_MAX || Bytes_.size() + Native.size() > UINT32_MAX) {
+        return;
+    }
+    const uint32_t Hash = HashOf(Fold(ServedName(Native)));
+    bool Known = false;
+    ForHash(Hash, [&](uint32_t Index) {
+        Known = NameOf(Items_[Index]) == Native;
+        if (Known) {
+            Items_[Index].Type = Type;
+        }
+        return !Known;
+    });
+    if (Known) {
+        return;
+    }
+    const Item New = {static_cast<uint32_t>(Bytes_.size()), Hash, static_cast<uint16_t>(Native.size()), Type};
+    Bytes_.append(Native);
+    uint32_t Index = static_cast<uint32_t>(Items_.size());
+    if (Free_.empty()) {
+        Items_.push_back(New);
+    } else {
+        Index = Free_.back();
+        Free_.pop_back();
+        Items_[Index] = New;
+    }
+    ++Names_;
+    Order_.clear();
+    KnowsShorts_ = false;
+    if ((TableUsed_ + 1) * 4 > Table_.size() * 3) {
+        Grow();
+        return;
+    }
+    size_t At = Hash & (Table_.size() - 1);
+    while (Table_[At] != 0 && Table_[At] != Gone) {
+        At = (At + 1) & (Table_.size() - 1);
+    }
+    TableUsed_ += Table_[At] == 0;
+    Table_[At] = Index + 1;
+}
+
+void DirectoryIndex::Remove(std::string_view Native) {
+    const uint32_t Hash = HashOf(Fold(ServedName(Native)));
+    const size_t Mask = Table_.size() - 1;
+    for (size_t At = Hash & Mask; !Table_.empty() && Table_[At] != 0; At = (At + 1) & Mask) {
+        if (Table_[At] != Gone && NameOf(Items_[Table_[At] - 1]) == Native) {
+            const uint32_t Index = Table_[At] - 1;
+            Garbage_ += Native.size();
+            Items_[Index].Size = 0;
+            Free_.push_back(Index);
+            Table_[At] = Gone;
+            --Names_;
+            Order_.clear();
+            KnowsShorts_ = false;
+            return;
+        }
+    }
+}
+
+// Gives back the room of names that went, once it is more than that of those that are there.
+void DirectoryIndex::Tidy() {
+    if (Garbage_ < 4096 || Garbage_ < Bytes_.size() / 2) {
+        return;
+    }
+    std::string Kept;
+    Kept.reserve(Bytes_.size() - Garbage_);
+    for (Item &Each : Items_) {
+        const std::string_view Name = NameOf(Each);
+        const auto At = static_cast<uint32_t>(Kept.size());
+        Kept.append(Name);
+        Each.At = At;
+    }
+    Bytes_.swap(Kept);
+    Garbage_ = 0;
+}
+
+RVSTATUS DirectoryIndex::Scan(int Fd) {
+    Clear();
+    ++Scans_;
+    const int Error = ReadDirectory(Fd, [this](std::string_view Name, unsigned char Type) { Add(Name, Type); });
+    if (Error != 0) {
+        Clear();
+        return StatusFromErrno(Error);
+    }
+    Known_ = true;
+    return RVSTATUS::Success;
+}
+
+// Makes the names those of this moment.
+RVSTATUS DirectoryIndex::Refresh(int Fd) {
+    std::vector<NameChange> Changes;
+    if (Known_ && Watch_ >= 0 && Log_.Take(Watch_, Changes)) {
+        for (const NameChange &Each : Changes) {
+            if (Each.Came) {
+                Add(Each.Name, Each.Type);
+            } else {
+                Remove(Each.Name);
+            }
+        }
+        Tidy();
+        return RVSTATUS::Success;
+    }
+    struct stat Stat;
+    if (fstat(Fd, &Stat) != 0) {
+        return StatusFromErrno(errno);
+    }
+    const bool Settled = Nanoseconds(ScannedAt_) - Nanoseconds(Stat.st_mtim) > StampGranularity &&
+                         Nanoseconds(ScannedAt_) - Nanoseconds(Stat.st_ctim) > StampGranularity;
+    if (Known_ && Watch_ < 0 && Settled && SameTime(Stat.st_mtim, Modified_) && SameTime(Stat.st_ctim, Changed_)) {
+        return RVSTATUS::Success;
+    }
+    if (Watch_ >= 0) {
+        Log_.Unwatch(Watch_);
+    }
+    // The watch comes first: what changes during the reading is then reported and applied again.
+    Watch_ = Log_.Watch(Fd);
+    clock_gettime(CLOCK_REALTIME, &ScannedAt_);
+    Modified_ = Stat.st_mtim;
+    Changed_ = Stat.st_ctim;
+    return Scan(Fd);
+}
+
+RVSTATUS DirectoryIndex::Find(int Fd, std::u16string_view Served, FoundName &Out) {
+    const std::lock_guard Hold(Mutex_);
+    if (!Folds_) {
+        Folds_ = FoldsCase(Fd);
+    }
+    if (*Folds_ && Served.find(u'~') == Served.npos) {
+        return Failure(CODE_NO_SUCH_FILE);
+    }
+    if (const RVSTATUS Status = Refresh(Fd); RvIsError(Status)) {
+        return Status;
+    }
+    const auto Take = [&](uint32_t Index, bool Marked) {
+        Out = {std::string(NameOf(Items_[Index])), Items_[Index].Type, Marked};
+        return RVSTATUS::Success;
+    };
+    const std::u16string Folded = Fold(Served);
+    uint32_t First = None;
+    bool Several = false;
+    ForHash(HashOf(Folded), [&](uint32_t Index) {
+        if (FoldedOf(Items_[Index]) == Folded) {
+            Several = First != None;
+            First = Index;
+        }
+        return !Several;
+    });
+    if (First != None) {
+        return Several ? Failure(CODE_EXISTS) : Take(First, false);
+    }
+    if (Folded.find(u'~') == Folded.npos) {
+        return Failure(CODE_NO_SUCH_FILE);
+    }
+    std::u16string Plain;
+    std::u16string Mark;
+    if (SplitMarked(Served, Plain, Mark)) {
+        const auto Wanted = [&](uint32_t Index) {
+            if (Items_[Index].Size != 0 && HasMarkedName(NameOf(Items_[Index]), Plain, Mark)) {
+                First = Index;
+            }
+            return First == None;
+        };
+        ForHash(HashOf(Plain), Wanted);
+        // A name that was cut for its mark is not found by what is left of it.
+        for (uint32_t Index = 0; Served.size() >= 254 && First == None && Index < Items_.size(); ++Index) {
+            Wanted(Index);
+        }
+        if (First != None) {
+            return Take(First, true);
+        }
+    }
+    const uint32_t Short = Folded.size() <= LongestShort ? ByShort(Folded) : None;
+    return Short != None ? Take(Short, false) : Failure(CODE_NO_SUCH_FILE);
+}
+
+void DirectoryIndex::FindShorts() {
+    Shorts_.clear();
+    Shorts_.reserve(Items_.size() - Free_.size());
+    for (uint32_t Index = 0; Index < Items_.size(); ++Index) {
+        if (Items_[Index].Size != 0) {
+            if (const std::u16string Short = ShortName(ServedName(NameOf(Items_[Index]))); !Short.empty()) {
+                Shorts_.emplace_back(HashOf(Short), Index);
+            }
+        }
+    }
+    std::sort(Shorts_.begin(), Shorts_.end());
+    KnowsShorts_ = true;
+}
+
+// The only item with this short name; one that several have, or that is somebody's own name, leads to none.
+uint32_t DirectoryIndex::ByShort(const std::u16string &Short) {
+    if (!KnowsShorts_) {
+        FindShorts();
+    }
+    const uint32_t Hash = HashOf(Short);
+    uint32_t Found = None;
+    for (auto At = std::lower_bound(Shorts_.begin(), Shorts_.end(), std::pair{Hash, 0u});
+         At != Shorts_.end() && At->first == Hash; ++At) {
+        if (ShortName(ServedName(NameOf(Items_[At->second]))) == Short) {
+            if (Found != None) {
+                return None;
+            }
+            Found = At->second;
+        }
+    }
+    bool Own = false;
+    ForHash(Hash, [&](uint32_t Index) { return !(Own = FoldedOf(Items_[Index]) == Short); });
+    return Own ? None : Found;
+}
+
+// Whether no other name is the same but for its case.
+bool DirectoryIndex::IsAlone(uint32_t Index) const {
+    bool Alone = true;
+    ForHash(Items_[Index].Hash, [&](uint32_t Other) {
+        Alone = Other == Index || FoldedOf(Items_[Other]) != FoldedOf(Items_[Index]);
+        return Alone;
+    });
+    return Alone;
+}
+
+void DirectoryIndex::Sort() {
+    if (!Order_.empty()) {
+        return;
+    }
+    // The folded names one behind the other, so that a comparison touches little.
+    std::u16string Text;
+    struct Key {
+        size_t At;
+        uint32_t Size;
+        uint32_t Index;
+    };
+    std::vector<Key> Keys;
+    Keys.reserve(Items_.size());
+    for (uint32_t Index = 0; Index < Items_.size(); ++Index) {
+        if (Items_[Index].Size != 0) {
+            const std::u16string Folded = FoldedOf(Items_[Index]);
+            Keys.push_back({Text.size(), static_cast<uint32_t>(Folded.size()), Index});
+            Text += Folded;
+        }
+    }
+    const auto View = [&](const Key &Each) { return std::u16string_view(Text).substr(Each.At, Each.Size); };
+    std::sort(Keys.begin(), Keys.end(), [&](const Key &Left, const Key &Right) {
+        const int Order = View(Left).compare(View(Right));
+        return Order != 0 ? Order < 0 : NameOf(Items_[Left.Index]) < NameOf(Items_[Right.Index]);
+    });
+    Order_.reserve(Keys.size());
+    for (const Key &Each : Keys) {
+        Order_.push_back(Each.Index);
+    }
+}
+
+RVSTATUS DirectoryIndex::List(int Fd, std::u16string_view FoldedMask, bool WithShort, NameList &Out) {
+    const std::lock_guard Hold(Mutex_);
+    if (const RVSTATUS Status = Refresh(Fd); RvIsError(Status)) {
+        return Status;
+    }
+    Sort();
+    Out = {};
+    const bool Everything = MatchesEverything(FoldedMask);
+    if (Everything) {
+        Out.Pieces.reserve(Order_.size());
+        Out.Bytes.reserve(Bytes_.size() - Garbage_);
+    }
+    for (const uint32_t Index : Order_) {
+        const std::string_view Native = NameOf(Items_[Index]);
+        const bool Marked = !IsAlone(Index);
+        const bool Fits = Everything || MatchesMask(FoldedMask, Fold(Marked ? MarkedName(Native) : ServedName(Native)));
+        bool HasShort = false;
+        if (WithShort || !Fits) {
+            const std::u16string Short = ShortName(ServedName(Native));
+            HasShort = !Short.empty() && ByShort(Short) == Index;
+            if (!Fits && !(HasShort && MatchesMask(FoldedMask, Short))) {
+                continue;
+            }
+        }
+        Out.Add(Native, Items_[Index].Type, Marked, HasShort);
+    }
+    return RVSTATUS::Success;
+}
+
+} // namespace providers::directory

@@ -1,0 +1,113 @@
+// The names of one directory, to be found in any case, and in order.
+//
+// A name costs its bytes, twelve more and a place in a hash table; nothing is kept folded. The names are read once and
+// then kept right by what the event log tells. Where nothing is told they are believed only while the directory's time
+// stamps stand still and are older than any file system's stamps are coarse.
+//
+// Locks: one mutex an index, held while its directory is read; the event log's is taken under it. Safe for concurrent
+// calls. A directory that does not answer holds up those that ask for it and nobody else.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <sys/stat.h>
+
+#include "providers/directory/errno_status.h"
+#include "providers/directory/event_log.h"
+
+namespace providers::directory {
+
+// A set of entries, as a listing wants them.
+struct NameList {
+    struct Piece {
+        uint32_t At;
+        uint16_t Size;
+        unsigned char Type; // DT_*
+        bool Marked;        // listed under its marked name
+        bool HasShort;      // its short name leads to it alone
+    };
+    std::string Bytes;
+    std::vector<Piece> Pieces;
+
+    std::string_view Native(const Piece &Item) const {
+        return std::string_view(Bytes).substr(Item.At, Item.Size);
+    }
+    // The name under which the entry is listed.
+    std::u16string Served(const Piece &Item) const;
+    void Add(std::string_view Name, unsigned char Type, bool Marked, bool HasShort);
+};
+
+struct FoundName {
+    std::string Native;
+    unsigned char Type = 0; // DT_*
+    bool Marked = false;    // by its marked name
+};
+
+class DirectoryIndex {
+public:
+    DirectoryIndex(EventLog &Log, std::atomic<size_t> &Names, std::atomic<size_t> &Scans);
+    ~DirectoryIndex();
+
+    // Looks Served up, which names nothing exactly, in the directory open as Fd: in any case, by its marked or by its
+    // short name. CODE_NO_SUCH_FILE when it names nothing, CODE_EXISTS when it is one spelling of several names, and
+    // errors of reading.
+    RVSTATUS Find(int Fd, std::u16string_view Served, FoundName &Out);
+
+    // The names that FoldedMask takes, sorted by their folded form. With WithShort their short names are matched too.
+    RVSTATUS List(int Fd, std::u16string_view FoldedMask, bool WithShort, NameList &Out);
+
+private:
+    struct Item {
+        uint32_t At;   // in Bytes_
+        uint32_t Hash; // of the folded name
+        uint16_t Size; // 0 = free
+        unsigned char Type;
+    };
+
+    RVSTATUS Refresh(int Fd);
+    RVSTATUS Scan(int Fd);
+    void Clear();
+    void Add(std::string_view Native, unsigned char Type);
+    void Remove(std::string_view Native);
+    void Grow();
+    void Tidy();
+    void FindShorts();
+    uint32_t ByShort(const std::u16string &Short);
+    std::string_view NameOf(const Item &Each) const {
+        return std::string_view(Bytes_).substr(Each.At, Each.Size);
+    }
+    std::u16string FoldedOf(const Item &Each) const;
+    template <class Visitor>
+    void ForHash(uint32_t Hash, Visitor Visit) const;
+    bool IsAlone(uint32_t Index) const;
+    void Sort();
+
+    EventLog &Log_;
+    std::atomic<size_t> &Names_; // of all directories
+    std::atomic<size_t> &Scans_;
+
+    std::mutex Mutex_; // guards what follows
+    std::vector<Item> Items_;
+    std::vector<uint32_t> Free_;  // items that can be used again
+    std::vector<uint32_t> Table_; // item + 1, 0 = never used, Gone = was used; a power of two
+    size_t TableUsed_ = 0;        // places that are not 0
+    std::string Bytes_;
+    size_t Garbage_ = 0;                                // bytes of names that went
+    std::vector<uint32_t> Order_;                       // items by their folded names; empty = not known
+    std::vector<std::pair<uint32_t, uint32_t>> Shorts_; // hash of the short name and item, sorted
+    bool KnowsShorts_ = false;
+    int Watch_ = -1;
+    bool Known_ = false;
+    std::optional<bool> Folds_; // whether the directory finds names in any case itself; empty = not asked
+    struct timespec Modified_ {};
+    struct timespec Changed_ {};
+    struct timespec ScannedAt_ {};
+};
+
+} // namespace providers::directory

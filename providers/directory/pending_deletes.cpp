@@ -1,0 +1,73 @@
+#include "providers/directory/pending_deletes.h"
+
+#include "providers/directory/names.h"
+
+namespace providers::directory {
+namespace {
+
+std::u16string FoldedPath(std::string_view Path) {
+    return Fold(ServedName(Path));
+}
+
+// The directory that this thread closed last.
+struct Closed {
+    const void *Of = nullptr;
+    std::string Path;
+    ObjectKey Key;
+};
+thread_local Closed LastClosed;
+
+} // namespace
+
+void PendingDeletes::Reserve(std::string_view Path, const ObjectKey &Key) {
+    const std::lock_guard Hold(Mutex_);
+    Reserved_[FoldedPath(Path)] = Key;
+    Count_ = Reserved_.size();
+}
+
+void PendingDeletes::Cancel(std::string_view Path, const ObjectKey &Key) {
+    const std::lock_guard Hold(Mutex_);
+    const auto At = Reserved_.find(FoldedPath(Path));
+    if (At != Reserved_.end() && At->second == Key) {
+        Reserved_.erase(At);
+    }
+    Count_ = Reserved_.size();
+}
+
+void PendingDeletes::Moved(std::string_view From, std::string_view To, const ObjectKey &Key) {
+    if (Count_ == 0) {
+        return;
+    }
+    const std::lock_guard Hold(Mutex_);
+    const auto At = Reserved_.find(FoldedPath(From));
+    if (At != Reserved_.end() && At->second == Key) {
+        Reserved_.erase(At);
+        Reserved_[FoldedPath(To)] = Key;
+    }
+    Count_ = Reserved_.size();
+}
+
+void PendingDeletes::DirectoryClosed(std::string_view Path, const ObjectKey &Key) {
+    LastClosed = {this, std::string(Path), Key};
+}
+
+bool PendingDeletes::Take(std::string_view Path, const ObjectKey &Key) {
+    const Closed Last = std::exchange(LastClosed, {});
+    if (Last.Of == this && Last.Path == Path && !(Last.Key == Key)) {
+        return false;
+    }
+    if (Count_ == 0) {
+        return true;
+    }
+    const std::lock_guard Hold(Mutex_);
+    const auto At = Reserved_.find(FoldedPath(Path));
+    if (At == Reserved_.end()) {
+        return true;
+    }
+    const bool Same = At->second == Key;
+    Reserved_.erase(At);
+    Count_ = Reserved_.size();
+    return Same;
+}
+
+} // namespace providers::directory

@@ -1,0 +1,37 @@
+// Which object is meant by a deletion that comes after its handle was closed, and only by name.
+//
+// A file's is noted when its deletion is reserved for a handle; a directory's when its handle is closed by the thread
+// that deletes it next. Whoever has taken the name meanwhile is not deleted.
+//
+// Lock: one mutex, a leaf. Safe for concurrent calls.
+#pragma once
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+
+#include "providers/directory/beneath.h"
+
+namespace providers::directory {
+
+// Paths are native and from the export's root; they are compared ignoring case.
+class PendingDeletes {
+public:
+    void Reserve(std::string_view Path, const ObjectKey &Key);
+    void Cancel(std::string_view Path, const ObjectKey &Key);
+    // The object has another path now.
+    void Moved(std::string_view From, std::string_view To, const ObjectKey &Key);
+    void DirectoryClosed(std::string_view Path, const ObjectKey &Key);
+
+    // Whether an entry that is this object may be deleted under this path. What was noted for the path is forgotten.
+    bool Take(std::string_view Path, const ObjectKey &Key);
+
+private:
+    std::atomic<size_t> Count_ = 0;
+    std::mutex Mutex_;
+    std::unordered_map<std::u16string, ObjectKey> Reserved_; // by folded path; guarded by Mutex_
+};
+
+} // namespace providers::directory
