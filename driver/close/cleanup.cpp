@@ -1,6 +1,7 @@
 #include "close/close.h"
 #include "close/share_claim.h"
 #include "dir/notify.h"
+#include "frame/async_queue.h"
 #include "frame/diagnostics.h"
 #include "io/lock_grants.h"
 #include "io/lock_table.h"

@@ -2,6 +2,7 @@
 
 #include "close/share_claim.h"
 #include "dir/notify.h"
+#include "frame/async_queue.h"
 #include "frame/diagnostics.h"
 #include "frame/status_translation.h"
 #include "provider/attribute_names.h"
@@ -30,18 +31,28 @@ struct CLOSE {
     }
 };
 
-// Both resources or none.
+// How often a close tries for both resources before it waits for the second with the first in its hand.
+constexpr ULONG TRIES = 16;
+
+// Both resources or none. Creates need FcbTableResource: while the file is busy it is left to them.
 bool AcquireAll(CLOSE &Close) {
-    const BOOLEAN Wait = Close.IrpContext->MayWait();
-    if (!Close.Table.AcquireExclusive(&FcbTableResource, Wait)) {
-        return false;
-    }
-    // Opens named relative to this one lose its handle. Their FCBs are taken one by one, so before this one's.
-    if (!NtFsdRebaseBorrowers(Close.Instance, Wait) || !Close.Hold.AcquireExclusive(&Close.Fcb->Resource, Wait)) {
+    const BOOLEAN MayWait = Close.IrpContext->MayWait();
+    for (ULONG Try = 0;; ++Try) {
+        const BOOLEAN Wait = MayWait && Try == TRIES;
+        if (!Close.Table.AcquireExclusive(&FcbTableResource, MayWait)) {
+            return false;
+        }
+        // Opens named relative to this one lose its handle. Their FCBs are taken one by one, so before this one's.
+        if (NtFsdRebaseBorrowers(Close.Instance, Wait) && Close.Hold.AcquireExclusive(&Close.Fcb->Resource, Wait)) {
+            return true;
+        }
         Close.Table.Release();
-        return false;
+        if (!MayWait) {
+            return false;
+        }
+        ResourceHold Busy; // the open keeps the FCB
+        Busy.AcquireExclusive(&Close.Fcb->Resource, TRUE);
     }
-    return true;
 }
 
 bool IsReadOnly(RVSTATUS Status, ULONG Attributes) {
@@ -259,8 +270,7 @@ NTSTATUS NtFsdCommonClose(PIRP_CONTEXT IrpContext) {
     NtFsdDebugPrint(TRACE_GENERAL, 0, "Close File FCB = 0x%p\n", Close.Fcb);
     NtFsdDebugPrint(TRACE_GENERAL, 0, "FileName           = %ls\n", NtFsdStablePath(Close.Fcb)->Buffer);
     if (!AcquireAll(Close)) {
-        Ignore(NtFsdPostRequest(IrpContext), "a posted close is pending whatever becomes of it");
-        return STATUS_PENDING;
+        return NtFsdPostRequest(IrpContext); // pending, whatever becomes of it: a close is always run
     }
     EndOpen(Close);
     return Finish(IrpContext, FileObject, Close.Status);

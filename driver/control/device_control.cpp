@@ -1,6 +1,7 @@
 // Device and file system controls: the multiple UNC provider's prefix claim; everything else is refused.
 
 #include "control/our_device.h"
+#include "frame/async_queue.h"
 #include "frame/diagnostics.h"
 #include "frame/driver.h"
 #include "frame/memory.h"

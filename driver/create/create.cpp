@@ -2,6 +2,7 @@
 
 #include "close/share_claim.h"
 #include "dir/notify.h"
+#include "frame/async_queue.h"
 
 namespace {
 

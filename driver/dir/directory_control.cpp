@@ -1,4 +1,5 @@
 #include "dir/directory.h"
+#include "frame/async_queue.h"
 #include "frame/diagnostics.h"
 #include "frame/driver.h"
 #include "frame/memory.h"

@@ -59,11 +59,13 @@ VOID NTAPI NtFsdFinishDriverInit(PVOID Context);
 
 // ---- Requests in flight --------------------------------------------------------------------------------------------
 
-// What is in flight without being a request: calls of the class factory and of fast I/O.
+// What is in flight without being a request: calls of the class factory and of fast I/O, workers.
 inline constexpr UCHAR IN_FLIGHT_CALL = IRP_MJ_MAXIMUM_FUNCTION + 1;
+inline constexpr UCHAR IN_FLIGHT_WORKER = IRP_MJ_MAXIMUM_FUNCTION + 2;
+inline constexpr UCHAR IN_FLIGHT_KINDS = IRP_MJ_MAXIMUM_FUNCTION + 3;
 
-// Enters a request of MajorFunction (or IN_FLIGHT_CALL); FALSE once teardown has begun, and then nothing of the driver
-// may be used. NtFsdLeaveRequest with the same function follows, of the same thread or another.
+// Enters a request of MajorFunction (or one of the above); FALSE once teardown has begun, and then nothing of the
+// driver may be used. NtFsdLeaveRequest with the same function follows, of the same thread or another.
 bool NtFsdEnterRequest(UCHAR MajorFunction);
 void NtFsdLeaveRequest(UCHAR MajorFunction);
 // Counts in once more what a request that is in flight hands to another thread.

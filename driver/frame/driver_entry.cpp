@@ -1,4 +1,5 @@
 #include "control/our_device.h"
+#include "frame/async_queue.h"
 #include "frame/diagnostics.h"
 #include "frame/driver.h"
 #include "frame/entry.h"
@@ -187,6 +188,7 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRI
     SetUpDriverObject(DriverObject);
     ExInitializeNPagedLookasideList(&g_IrpContextLookasideList, nullptr, nullptr, 0, sizeof(IRP_CONTEXT), LOOKASIDE_TAG,
                                     LookasideDepth());
+    NtFsdInitAsyncQueue();
     g_uInitStage = INIT_STAGE_LOOKASIDE;
 
     Status = NtFsdInitOurDevice();

@@ -198,6 +198,7 @@ constexpr ENTRY_TABLE MakeTable() {
                                     .OpenType = 0,
                                     .Mask = TRACE_CREATE,
                                     .Common = CommonCreate,
+                                    .WorkerName = "NtFsdCommmonCreate",
                                     .Unbound = CreateUnbound,
                                     .Stopped = CreateStopped,
                                     .Admitted = CreateAdmitted};
@@ -206,6 +207,7 @@ constexpr ENTRY_TABLE MakeTable() {
                                    .OpenType = 0,
                                    .Mask = TRACE_CLOSE,
                                    .Common = NtFsdCommonClose,
+                                   .WorkerName = "NtFsdCommonClose",
                                    .Unbound = CloseUnbound,
                                    .Stopped = CloseStopped,
                                    .InRegion = CloseInRegion};
@@ -214,41 +216,48 @@ constexpr ENTRY_TABLE MakeTable() {
                                   .OpenType = OPEN_TYPE_FILE,
                                   .Mask = TRACE_READ,
                                   .Common = NtFsdCommonRead,
+                                  .WorkerName = "NtFsdCommonRead",
                                   .Decoded = ReadDecoded};
     Table.Entries[IRP_MJ_WRITE] = {.Name = "NtFsdWrite",
                                    .Flags = ENTRY_USUAL | ENTRY_DECODES | ENTRY_RETURN_RUN,
                                    .OpenType = OPEN_TYPE_FILE,
                                    .Mask = TRACE_WRITE,
                                    .Common = NtFsdCommonWrite,
+                                   .WorkerName = "NtFsdCommonWrite",
                                    .InRegion = WriteInRegion,
                                    .Decoded = WriteDecoded};
     Table.Entries[IRP_MJ_QUERY_INFORMATION] = {.Name = "NtFsdQueryInformation",
                                                .Flags = ENTRY_USUAL | ENTRY_DECODES,
                                                .OpenType = 0,
                                                .Mask = TRACE_FILE_INFO,
-                                               .Common = NtFsdCommonQueryInformation};
+                                               .Common = NtFsdCommonQueryInformation,
+                                               .WorkerName = "NtFsdCommonQueryInformation"};
     Table.Entries[IRP_MJ_SET_INFORMATION] = {.Name = "NtFsdSetInformation",
                                              .Flags = ENTRY_USUAL | ENTRY_DECODES,
                                              .OpenType = 0,
                                              .Mask = TRACE_FILE_INFO,
-                                             .Common = NtFsdCommonSetInformation};
+                                             .Common = NtFsdCommonSetInformation,
+                                             .WorkerName = "NtFsdCommonSetInformation"};
     Table.Entries[IRP_MJ_QUERY_EA] = {.Name = "NtFsdQueryEa", .Whole = QueryEa};
     Table.Entries[IRP_MJ_SET_EA] = {.Name = "NtFsdSetEa", .Whole = SetEa};
     Table.Entries[IRP_MJ_FLUSH_BUFFERS] = {.Name = "NtFsdFlushBuffers",
                                            .Flags = ENTRY_DECODES | ENTRY_RETURN_RUN,
                                            .OpenType = OPEN_TYPE_FILE,
                                            .Mask = TRACE_FLUSH,
-                                           .Common = NtFsdCommonFlush};
+                                           .Common = NtFsdCommonFlush,
+                                           .WorkerName = "NtFsdCommonFlush"};
     Table.Entries[IRP_MJ_QUERY_VOLUME_INFORMATION] = {.Name = "NtFsdQueryVolumeInformation",
                                                       .Flags = ENTRY_USUAL | ENTRY_DECODES,
                                                       .OpenType = 0,
                                                       .Mask = TRACE_VOLUME_INFO,
-                                                      .Common = NtFsdCommonQueryVolumeInfo};
+                                                      .Common = NtFsdCommonQueryVolumeInfo,
+                                                      .WorkerName = "NtFsdCommonQueryVolumeInfo"};
     Table.Entries[IRP_MJ_DIRECTORY_CONTROL] = {.Name = "NtFsdDirectoryControl",
                                                .Flags = ENTRY_USUAL | ENTRY_DECODES | ENTRY_RETURN_RUN,
                                                .OpenType = OPEN_TYPE_DIRECTORY,
                                                .Mask = TRACE_DIRECTORY,
                                                .Common = NtFsdCommonDirectoryControl,
+                                               .WorkerName = "NtFsdCommonDirectoryControl",
                                                .Decoded = DirectoryDecoded};
     Table.Entries[IRP_MJ_FILE_SYSTEM_CONTROL] = {.Name = "NtFsdFileSystemControl",
                                                  .Flags = ENTRY_USUAL,
@@ -266,12 +275,14 @@ constexpr ENTRY_TABLE MakeTable() {
                                           .OpenType = OPEN_TYPE_FILE,
                                           .Mask = TRACE_LOCK,
                                           .Common = NtFsdCommonLockControl,
+                                          .WorkerName = "NtFsdCommonLockControl",
                                           .Decoded = LockDecoded};
     Table.Entries[IRP_MJ_CLEANUP] = {.Name = "NtFsdCleanup",
                                      .Flags = ENTRY_USUAL | ENTRY_MUST_RUN | ENTRY_DECODES,
                                      .OpenType = 0,
                                      .Mask = TRACE_CLEANUP,
                                      .Common = NtFsdCommonCleanup,
+                                     .WorkerName = "NtFsdCommmonCleanup",
                                      .Unbound = CleanupUnbound,
                                      .Stopped = CleanupStopped,
                                      .Decoded = CleanupDecoded};
@@ -407,12 +418,9 @@ NTSTATUS NtFsdCompleteAtOnce(PIRP Irp, NTSTATUS Status, ULONG_PTR Information, C
     return Status;
 }
 
-NTSTATUS NtFsdRunCommonRoutine(PIRP_CONTEXT IrpContext) {
-    const ENTRY &Entry = Table.Entries[IrpContext->MajorFunction];
-    if (Entry.Common == nullptr || Entry.Common == CommonDeviceControl) {
-        return NtFsdCompleteRequest(IrpContext, IrpContext->Irp, STATUS_INVALID_DEVICE_REQUEST);
-    }
-    return Entry.Common(IrpContext);
+WORKER_ROUTINE NtFsdWorkerRoutine(UCHAR MajorFunction) {
+    const ENTRY &Entry = Table.Entries[MajorFunction];
+    return {Entry.WorkerName, Entry.WorkerName != nullptr ? Entry.Common : nullptr};
 }
 
 void NtFsdFillDispatchTable(PDRIVER_OBJECT DriverObject) {

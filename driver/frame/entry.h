@@ -32,6 +32,7 @@ struct ENTRY {
     UCHAR OpenType;                              // required of the FCB; 0 = any
     ULONG Mask;                                  // of the lines other than the entry line
     NTSTATUS (*Common)(PIRP_CONTEXT IrpContext); // completes the request, or posts it
+    PCSTR WorkerName;                            // of Common, as a worker calls it; NULL: no worker runs it
 
     // NULL where the entry has none.
     ENTRY_HOOK Whole;    // instead of everything but the entry line
@@ -45,8 +46,12 @@ struct ENTRY {
 // Fills DriverObject's dispatch table.
 void NtFsdFillDispatchTable(PDRIVER_OBJECT DriverObject);
 
-// Runs the common routine of the context's major function; the context and its IRP are gone afterwards.
-NTSTATUS NtFsdRunCommonRoutine(PIRP_CONTEXT IrpContext);
+// What a worker runs for a posted request.
+struct WORKER_ROUTINE {
+    PCSTR Name;
+    NTSTATUS (*Run)(PIRP_CONTEXT IrpContext); // NULL: there is nothing left to run
+};
+WORKER_ROUTINE NtFsdWorkerRoutine(UCHAR MajorFunction);
 
 // Completes Irp outside the context machinery.
 NTSTATUS NtFsdCompleteAtOnce(PIRP Irp, NTSTATUS Status, ULONG_PTR Information, CCHAR PriorityBoost);

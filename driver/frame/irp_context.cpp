@@ -3,7 +3,6 @@
 #include "dir/notify.h"
 #include "frame/diagnostics.h"
 #include "frame/driver.h"
-#include "frame/entry.h"
 #include "frame/memory.h"
 #include "provider/binding.h"
 
@@ -101,8 +100,9 @@ constexpr PCSTR MajorFunctionNames[] = {
     "IRP_MJ_SET_QUOTA",
     "IRP_MJ_PNP",
     "call",
+    "worker",
 };
-static_assert(RTL_NUMBER_OF(MajorFunctionNames) == IN_FLIGHT_CALL + 1);
+static_assert(RTL_NUMBER_OF(MajorFunctionNames) == IN_FLIGHT_KINDS);
 
 NTSTATUS FinalStatus(PIRP_CONTEXT IrpContext, NTSTATUS Status) {
     if (IrpContext != nullptr && (IrpContext->Flags & IRP_CONTEXT_FLAG_ANSWER_CANCELLED)) {
@@ -123,6 +123,9 @@ NTSTATUS NtFsdCompleteRequest(PIRP_CONTEXT IrpContext, PIRP Irp, NTSTATUS Status
     const NTSTATUS Final = FinalStatus(IrpContext, Status);
     if (IrpContext != nullptr) {
         NtFsdCompleteChanged(IrpContext);
+        if (IrpContext->UserBufferFlags != 0) {
+            NtFsdUnlockUserBuffer(IrpContext); // locked for a worker that did not come to use it
+        }
     }
     if (Irp != nullptr) {
         // Whatever cancel routine is running for this IRP has left when the lock has been ours.
@@ -153,26 +156,4 @@ BOOLEAN NtFsdIsIrpTopLevel(PIRP Irp) {
     }
     IoSetTopLevelIrp(Irp);
     return TRUE;
-}
-
-VOID NtFsdMarkPosted(PIRP_CONTEXT IrpContext) {
-    NtFsdDebugPrint(TRACE_GENERAL, 0, "TwFsdPostRequest called!\n");
-    NtFsdDebugPrint(TRACE_ASYNC, 0, "IRP %p Went Async\n", IrpContext->Irp);
-    if (IrpContext->Irp != nullptr) {
-        IoMarkIrpPending(IrpContext->Irp);
-        IrpContext->Flags |= IRP_CONTEXT_FLAG_WAIT;
-    }
-}
-
-NTSTATUS NtFsdPostRequest(PIRP_CONTEXT IrpContext) {
-    NtFsdMarkPosted(IrpContext);
-    if (IrpContext->Irp == nullptr) {
-        NtFsdDebugPrint(TRACE_GENERAL, 0, "[RVFSD-%p] NtFsdPostRequest for pIoContext 0x%p, but IRP is NULL.\n",
-                        KeGetCurrentThread(), IrpContext);
-        return STATUS_UNSUCCESSFUL;
-    }
-    // The request runs here and now, with waiting allowed, so that it is never posted a second time. Its outcome is in
-    // the IRP; the caller learns that it was pending, as from a request that another thread finishes.
-    Ignore(NtFsdRunCommonRoutine(IrpContext), "the completed IRP carries it");
-    return STATUS_PENDING;
 }

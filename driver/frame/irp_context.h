@@ -1,8 +1,8 @@
 // The IrpContext: the record that carries one request from its entry routine to its completion.
 //
 // Records come from a lookaside list, from pool when the list yields nothing. The common routine that is given a
-// context completes the request (NtFsdCompleteRequest) or posts it; after either the context and the IRP are gone for
-// it.
+// context completes the request (NtFsdCompleteRequest) or posts it (frame/async_queue.h); after either the context and
+// the IRP are gone for it.
 #pragma once
 
 #include "provider/provider_interface.h"
@@ -98,15 +98,6 @@ PCSTR NtFsdMajorFunctionName(UCHAR MajorFunction);
 
 // Makes Irp the thread's top-level IRP and returns TRUE when there is none; the caller resets it.
 BOOLEAN NtFsdIsIrpTopLevel(PIRP Irp);
-
-// Runs the request of IrpContext with waiting allowed, for a routine that could not have a resource without waiting.
-// Marks the IRP pending, completes it through its common routine and returns STATUS_PENDING; STATUS_UNSUCCESSFUL when
-// the context has no IRP. The caller returns the result as its own and touches neither context nor IRP again.
-NTSTATUS NtFsdPostRequest(PIRP_CONTEXT IrpContext);
-
-// The first half of it, for a caller that finishes the request itself: says that the request is posted, marks its IRP
-// pending and lets it wait.
-VOID NtFsdMarkPosted(PIRP_CONTEXT IrpContext);
 
 // ---- User buffers ------------------------------------------------------------------------------------------------
 

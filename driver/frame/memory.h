@@ -74,6 +74,13 @@ private:
     bool Armed_ = true;
 };
 
+// Stops the machine where a promise of the driver's own does not hold, before more breaks.
+inline void NtFsdRequire(bool Holds) {
+    if (!Holds) {
+        __builtin_trap();
+    }
+}
+
 // Drops a status by name, with the reason in the source.
 inline void Ignore(NTSTATUS, PCSTR) {
 }

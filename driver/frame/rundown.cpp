@@ -1,6 +1,7 @@
 // Requests in flight: counted by major function in slots by thread, so that two processors do not share a word for
 // every request.
 
+#include "frame/async_queue.h"
 #include "frame/diagnostics.h"
 #include "frame/driver.h"
 #include "frame/irp_context.h"
@@ -15,7 +16,7 @@ constexpr LONG64 PATIENCE = 10 * 10000000ll; // ten seconds
 constexpr ULONG TURNS = 6;
 
 struct alignas(128) COUNTERS {
-    LONG Requests[IN_FLIGHT_CALL + 1];
+    LONG Requests[IN_FLIGHT_KINDS];
 };
 static_assert(sizeof(COUNTERS) == 128);
 
@@ -39,7 +40,7 @@ LONG InFlight(UCHAR MajorFunction) {
 
 LONG AllInFlight() {
     LONG Sum = 0;
-    for (UCHAR MajorFunction = 0; MajorFunction <= IN_FLIGHT_CALL; ++MajorFunction) {
+    for (UCHAR MajorFunction = 0; MajorFunction < IN_FLIGHT_KINDS; ++MajorFunction) {
         Sum += InFlight(MajorFunction);
     }
     return Sum;
@@ -47,7 +48,7 @@ LONG AllInFlight() {
 
 // Says what teardown waits for: the requests, and the files that somebody holds.
 void TellWhatIsInFlight() {
-    for (UCHAR MajorFunction = 0; MajorFunction <= IN_FLIGHT_CALL; ++MajorFunction) {
+    for (UCHAR MajorFunction = 0; MajorFunction < IN_FLIGHT_KINDS; ++MajorFunction) {
         const LONG Count = InFlight(MajorFunction);
         if (Count > 0 && MajorFunction != IRP_MJ_SHUTDOWN) {
             NtFsdAlwaysPrint("[RVFSD] Shutdown waits for %d %s\n", Count, NtFsdMajorFunctionName(MajorFunction));
@@ -101,7 +102,8 @@ bool NtFsdStopRequests(LONG Own) {
         __atomic_store_n(&Stopped, 1, __ATOMIC_SEQ_CST);
     }
     ULONG Turns = 0;
-    while (AllInFlight() > Own) {
+    // Queued requests are in flight; workers end when nothing is queued any more.
+    while (NtFsdHurryWorkers(), AllInFlight() > Own) {
         LARGE_INTEGER Timeout = {};
         Timeout.QuadPart = -PATIENCE;
         if (KeWaitForSingleObject(&RequestLeft, Executive, KernelMode, FALSE, &Timeout) != STATUS_TIMEOUT) {

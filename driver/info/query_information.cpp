@@ -1,3 +1,4 @@
+#include "frame/async_queue.h"
 #include "frame/diagnostics.h"
 #include "frame/status_translation.h"
 #include "info/answer.h"

@@ -1,5 +1,6 @@
 #include "info/set_information.h"
 
+#include "frame/async_queue.h"
 #include "frame/diagnostics.h"
 
 namespace {

@@ -12,6 +12,7 @@
 // While the library decides, the request's IRP is the thread's top-level IRP: that is how the completion routine tells
 // the request's own thread from the thread of another request.
 
+#include "frame/async_queue.h"
 #include "frame/diagnostics.h"
 #include "frame/driver.h"
 #include "frame/status_translation.h"
@@ -172,14 +173,15 @@ NTSTATUS TellServer(PIRP_CONTEXT IrpContext, PIRP Irp, const DECISION &Decision)
 
 // ---- Completion in a thread that does not hold the FCB -------------------------------------------------------------
 
-void TracePosting() {
-    NtFsdDebugPrint(TRACE_LOCK, 0, "   Not top level Irp. Post it.\n");
-}
-
+// Hands a decided lock to a worker, who tells the server. STATUS_PENDING, or why it cannot be queued.
 NTSTATUS PostCompletion(PIRP_CONTEXT IrpContext) {
-    TracePosting();
+    NtFsdDebugPrint(TRACE_LOCK, 0, "   Not top level Irp. Post it.\n");
     IrpContext->Flags |= IRP_CONTEXT_FLAG_LOCK_COMPLETION_POSTED;
-    return NtFsdPostRequest(IrpContext);
+    const NTSTATUS Status = NtFsdTryPostRequest(IrpContext);
+    if (Status != STATUS_PENDING) {
+        IrpContext->Flags &= ~static_cast<ULONG>(IRP_CONTEXT_FLAG_LOCK_COMPLETION_POSTED);
+    }
+    return Status;
 }
 
 // The grants list of an unlock of this thread, or NULL. Only the exclusive owner may look.
@@ -219,7 +221,14 @@ NTSTATUS CompleteWaiter(PIRP_CONTEXT IrpContext, PIRP Irp) {
         InsertTailList(Grants, &Irp->Tail.Overlay.ListEntry);
         return Status;
     }
-    return NT_SUCCESS(Status) ? PostCompletion(IrpContext) : EndWaiter(IrpContext, Irp);
+    if (NT_SUCCESS(Status)) {
+        const NTSTATUS Posted = PostCompletion(IrpContext);
+        if (Posted == STATUS_PENDING) {
+            return STATUS_PENDING;
+        }
+        Irp->IoStatus.Status = Posted;
+    }
+    return EndWaiter(IrpContext, Irp);
 }
 
 // Tells the server of a decided lock and completes the request. What that grants goes to the end of Grants.
@@ -237,6 +246,15 @@ NTSTATUS CompleteWithAcquire(PIRP_CONTEXT IrpContext, PLIST_ENTRY Grants) {
 }
 
 // ---- The common routine --------------------------------------------------------------------------------------------
+
+// Ends a lock that is decided, without the FCB and without the server, which has not heard of it.
+NTSTATUS EndDecided(PIRP_CONTEXT IrpContext, PIRP Irp, NTSTATUS Status) {
+    bool Doubtful;
+    if (NtFsdLeaveLockRequest(IrpContext, &Doubtful) && NT_SUCCESS(Irp->IoStatus.Status)) {
+        TakeLocalLockBack(IrpContext, IoGetCurrentIrpStackLocation(Irp));
+    }
+    return NtFsdCompleteRequest(IrpContext, Irp, Status);
+}
 
 // A lock that may wait: the FCB is not held while the library decides.
 NTSTATUS LockMayWait(PIRP_CONTEXT IrpContext, ResourceHold &Hold) {
@@ -259,7 +277,8 @@ NTSTATUS LockMayWait(PIRP_CONTEXT IrpContext, ResourceHold &Hold) {
     // Pending and decided: the library began to queue it and ended it again, as one that was cancelled meanwhile.
     if (TopLevel != Irp) {
         // A nested request: its thread may hold other locks and must not wait for this FCB.
-        return PostCompletion(IrpContext);
+        const NTSTATUS Posted = PostCompletion(IrpContext);
+        return Posted == STATUS_PENDING ? STATUS_PENDING : EndDecided(IrpContext, Irp, Posted);
     }
     if (NT_SUCCESS(Irp->IoStatus.Status)) {
         NtFsdDebugPrint(TRACE_LOCK, 0, "Lock successful, and Fcb not aquired. Complete it.\n");
@@ -316,17 +335,14 @@ VOID NtFsdPostLockGrants(PLIST_ENTRY Grants) {
     while (!IsListEmpty(Grants)) {
         const PIRP Irp = CONTAINING_RECORD(RemoveHeadList(Grants), IRP, Tail.Overlay.ListEntry);
         const auto IrpContext = static_cast<PIRP_CONTEXT>(ContextSlot(Irp));
-        TracePosting();
-        NtFsdMarkPosted(IrpContext);
-        Ignore(CompleteWithAcquire(IrpContext, Grants), "the IRP carries it");
+        if (PostCompletion(IrpContext) != STATUS_PENDING) {
+            // The library has granted it: without memory it is finished here.
+            Ignore(CompleteWithAcquire(IrpContext, Grants), "the IRP carries it");
+        }
     }
 }
 
 NTSTATUS NtFsdCommonLockControl(PIRP_CONTEXT IrpContext) {
-    if (IrpContext->Flags & IRP_CONTEXT_FLAG_LOCK_COMPLETION_POSTED) {
-        IrpContext->Flags &= ~static_cast<ULONG>(IRP_CONTEXT_FLAG_LOCK_COMPLETION_POSTED);
-        return TwLockCompleteRoutineWithAcquire(IrpContext);
-    }
     const PIRP Irp = IrpContext->Irp;
     const PIO_STACK_LOCATION IrpSp = IoGetCurrentIrpStackLocation(Irp);
     PLARGE_INTEGER *Length = &IrpSp->Parameters.LockControl.Length;

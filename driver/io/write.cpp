@@ -1,3 +1,4 @@
+#include "frame/async_queue.h"
 #include "frame/diagnostics.h"
 #include "io/io.h"
 #include "io/transfer.h"

@@ -261,6 +261,11 @@
         OFFSET_OF(FSRTL_ADVANCED_FCB_HEADER, FilterContexts, 0x38)                                                     \
         OFFSET_OF(FSRTL_ADVANCED_FCB_HEADER, PushLock, 0x48)                                                           \
         OFFSET_OF(FSRTL_ADVANCED_FCB_HEADER, FileContextSupportPointer, 0x50)                                          \
+    SIZE_OF(IO_CSQ, 64)                                                                                                \
+        OFFSET_OF(IO_CSQ, Type, 0x0) OFFSET_OF(IO_CSQ, CsqInsertIrp, 0x8) OFFSET_OF(IO_CSQ, CsqRemoveIrp, 0x10)        \
+        OFFSET_OF(IO_CSQ, CsqPeekNextIrp, 0x18) OFFSET_OF(IO_CSQ, CsqAcquireLock, 0x20)                                \
+        OFFSET_OF(IO_CSQ, CsqReleaseLock, 0x28) OFFSET_OF(IO_CSQ, CsqCompleteCanceledIrp, 0x30)                        \
+        OFFSET_OF(IO_CSQ, ReservePointer, 0x38)                                                                        \
     SIZE_OF(FILE_LOCK_INFO, 48)                                                                                        \
         OFFSET_OF(FILE_LOCK_INFO, StartingByte, 0x0) OFFSET_OF(FILE_LOCK_INFO, Length, 0x8)                            \
         OFFSET_OF(FILE_LOCK_INFO, ExclusiveLock, 0x10) OFFSET_OF(FILE_LOCK_INFO, Key, 0x14)                            \

@@ -192,21 +192,4 @@ TEST_F(Cleanup, OfADeletedFileIsAFullCleanup) {
     EXPECT_EQ(Log.Of(IRP_MJ_CLEANUP), std::vector<NTSTATUS>{STATUS_SUCCESS});
 }
 
-TEST_F(Cleanup, OfABusyFileIsPostedAndDone) {
-    Start({.Switches = {{u"EnableAsyncIo", 1}}});
-    const HANDLE Stays = MustOpen(u"\\srv\\vol\\a.txt");
-    const HANDLE Goes = MustOpen(u"\\srv\\vol\\a.txt", {.Access = FILE_READ_DATA, .Options = 0});
-    const PFILE_OBJECT File = FileObject(Goes);
-    {
-        const embedded::PlannedFaults Busy({.Kinds = embedded::FaultBit(embedded::FaultKind::TryAcquire)});
-        embedded::SentIrp Posted = embedded::SendIrp(Device(), Plain(IRP_MJ_CLEANUP, File));
-        EXPECT_EQ(Posted.Returned(), STATUS_PENDING);
-        EXPECT_EQ(Posted.Wait().Status, STATUS_SUCCESS);
-    }
-    EXPECT_EQ(Fcb(Stays)->UncleanCount, 1u);
-    EXPECT_EQ(Fcb(Stays)->ShareAccess.OpenCount, 1u);
-    Close(Goes);
-    Close(Stays);
-}
-
 } // namespace

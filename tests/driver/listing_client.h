@@ -70,11 +70,15 @@ protected:
         std::u16string Text = Mask != nullptr ? Mask : u"";
         UNICODE_STRING Name = {static_cast<USHORT>(Text.size() * 2), static_cast<USHORT>(Text.size() * 2), Text.data()};
         IO_STATUS_BLOCK IoStatus = {};
-        Result.Status = NtQueryDirectoryFile(Directory, nullptr, nullptr, nullptr, &IoStatus, Result.Buffer.data(),
-                                             Length, InfoClass, Single, Mask != nullptr ? &Name : nullptr, Restart);
+        HANDLE Done = nullptr;
+        EXPECT_EQ(embedded::CreateEventHandle(NotificationEvent, false, &Done), STATUS_SUCCESS);
+        Result.Status = NtQueryDirectoryFile(Directory, Done, nullptr, nullptr, &IoStatus, Result.Buffer.data(), Length,
+                                             InfoClass, Single, Mask != nullptr ? &Name : nullptr, Restart);
         if (Result.Status == STATUS_PENDING) {
-            Result.Status = IoStatus.Status; // a posted query is over when it returns
+            NtWaitForSingleObject(Done, FALSE, nullptr);
+            Result.Status = IoStatus.Status;
         }
+        NtClose(Done);
         Result.Information = Completed != nullptr ? Completed->LastInformation() : IoStatus.Information;
         EXPECT_LE(Result.Information, Length);
         for (ULONG_PTR At = Result.Information; At < Length; ++At) {

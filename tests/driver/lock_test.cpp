@@ -307,27 +307,4 @@ TEST_F(Locks, AnUnlockAfterItsLockWasTakenBySharedReadersGrantsBothWaiters) {
     EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10", "lock 0+4", "lock 0+4"}));
 }
 
-class AsynchronousLocks : public Locks {
-protected:
-    void SetUp() override {
-        Start({.Switches = {{u"EnableAsyncIo", 1}}});
-        Locks::SetUp();
-    }
-};
-
-// With asynchronous I/O on, a busy FCB posts the request instead of making its caller wait.
-TEST_F(AsynchronousLocks, ALockOnABusyFileIsPostedAndStillHappensOnce) {
-    const Open Asynchronous = {.Access = FILE_READ_DATA | FILE_WRITE_DATA, .Options = 0};
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Asynchronous);
-    LARGE_INTEGER Length = {.QuadPart = 4};
-    {
-        const embedded::PlannedFaults Busy({.Kinds = embedded::FaultBit(embedded::FaultKind::TryAcquire)});
-        embedded::SentIrp Posted = Wait(Handle, 2, &Length);
-        EXPECT_EQ(Posted.Returned(), STATUS_PENDING);
-        EXPECT_EQ(Posted.Wait().Status, STATUS_SUCCESS);
-    }
-    EXPECT_EQ(ServerLocks(), (Calls{"lock 2+4"}));
-    Close(Handle);
-}
-
 } // namespace

@@ -258,17 +258,6 @@ TEST_F(Data, WithoutAnMdlOrItsMappingNothingIsTransferred) {
     EXPECT_EQ(Read(Handle, Buffer, 4, 0).Information, 4u); // nothing is left held
 }
 
-TEST_F(Data, ATransferOnABusyFileIsPostedAndDone) {
-    Start({.Switches = {{u"EnableAsyncIo", 1}}});
-    OpenFile(Asynchronous);
-    for (UCHAR MajorFunction : {IRP_MJ_READ, IRP_MJ_WRITE}) {
-        const embedded::PlannedFaults Busy({.Kinds = embedded::FaultBit(embedded::FaultKind::TryAcquire)});
-        embedded::SentIrp Posted = embedded::SendIrp(Device(), Raw(MajorFunction, 4, 0));
-        EXPECT_EQ(Posted.Returned(), STATUS_PENDING);
-        EXPECT_EQ(Posted.Wait().Information, 4u);
-    }
-}
-
 TEST_F(Data, TransfersOnADirectoryAreRefused) {
     Handle = MustOpen(u"\\srv\\vol", {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE});
     EXPECT_EQ(Send(Raw(IRP_MJ_READ, 4, 0)).Status, STATUS_FILE_IS_A_DIRECTORY);

@@ -3,6 +3,7 @@
 // Only what the driver and the embedded kernel touch is named; layout.h asserts sizes and offsets.
 #pragma once
 
+#include "kernel/linux/csq.h"
 #include "kernel/linux/executive.h"
 #include "kernel/linux/fast_io.h"
 #include "kernel/linux/file_codes.h"

@@ -112,6 +112,14 @@ NTKERNELAPI VOID NTAPI IoReleaseCancelSpinLock(KIRQL Irql) noexcept;
 NTKERNELAPI BOOLEAN NTAPI IoIsOperationSynchronous(PIRP Irp) noexcept;
 NTKERNELAPI PEPROCESS NTAPI IoGetCurrentProcess() noexcept;
 NTKERNELAPI PEPROCESS NTAPI IoGetRequestorProcess(PIRP Irp) noexcept;
+NTKERNELAPI NTSTATUS NTAPI IoCsqInitializeEx(PIO_CSQ Csq, PIO_CSQ_INSERT_IRP_EX InsertIrp, PIO_CSQ_REMOVE_IRP RemoveIrp,
+                                             PIO_CSQ_PEEK_NEXT_IRP PeekNextIrp, PIO_CSQ_ACQUIRE_LOCK AcquireLock,
+                                             PIO_CSQ_RELEASE_LOCK ReleaseLock,
+                                             PIO_CSQ_COMPLETE_CANCELED_IRP CompleteCanceledIrp) noexcept;
+NTKERNELAPI NTSTATUS NTAPI IoCsqInsertIrpEx(PIO_CSQ Csq, PIRP Irp, PIO_CSQ_IRP_CONTEXT Context,
+                                            PVOID InsertContext) noexcept;
+NTKERNELAPI PIRP NTAPI IoCsqRemoveIrp(PIO_CSQ Csq, PIO_CSQ_IRP_CONTEXT Context) noexcept;
+NTKERNELAPI PIRP NTAPI IoCsqRemoveNextIrp(PIO_CSQ Csq, PVOID PeekContext) noexcept;
 NTKERNELAPI PMDL NTAPI IoAllocateMdl(PVOID VirtualAddress, ULONG Length, BOOLEAN SecondaryBuffer, BOOLEAN ChargeQuota,
                                      PIRP Irp) noexcept;
 NTKERNELAPI VOID NTAPI IoFreeMdl(PMDL Mdl) noexcept;

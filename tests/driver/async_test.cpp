@@ -1,0 +1,403 @@
+// Requests that wait: the queue, its workers, cancellation in it, and what becomes of it at shutdown.
+
+#include "frame/async_queue.h"
+
+#include <future>
+#include <thread>
+
+#include "embedded/faults.h"
+#include "frame/driver.h"
+#include "tests/driver/lock_client.h"
+
+namespace {
+
+using embedded::Clock;
+using embedded::FaultBit;
+using embedded::FaultKind;
+using embedded::SentIrp;
+using test::Open;
+
+// Holds a file in another thread, so that requests that may not wait are posted and workers wait.
+class BusyFile {
+public:
+    explicit BusyFile(PFCB Fcb)
+        : Holder_([this, Fcb] {
+              NtFsdAcquireExclusive(&Fcb->Resource, TRUE);
+              Held_.set_value();
+              Free_.get_future().wait();
+              NtFsdReleaseResource(&Fcb->Resource);
+          }) {
+        Held_.get_future().wait();
+    }
+    ~BusyFile() {
+        Release();
+    }
+    void Release() {
+        if (Holder_.joinable()) {
+            Free_.set_value();
+            Holder_.join();
+        }
+    }
+
+private:
+    std::promise<void> Held_;
+    std::promise<void> Free_;
+    std::thread Holder_;
+};
+
+class Async : public test::LockFixture {
+protected:
+    static constexpr Open Asynchronous = {.Access = FILE_READ_DATA | FILE_WRITE_DATA, .Options = 0};
+
+    HANDLE Handle = nullptr;
+    char Bytes[32] = {};
+
+    void SetUp() override {
+        Start({.Switches = {{u"EnableAsyncIo", 1}}});
+        Handle = MustOpen(u"\\srv\\vol\\a.txt", Asynchronous);
+    }
+    void TearDown() override {
+        if (Handle != nullptr) {
+            Close(Handle);
+        }
+        LockFixture::TearDown();
+    }
+
+    embedded::IrpBuilder ReadAt(size_t Index) {
+        embedded::IrpBuilder Builder = Plain(IRP_MJ_READ, FileObject(Handle));
+        Builder.UserBuffer = &Bytes[Index];
+        Builder.Fill = [Index](PIO_STACK_LOCATION Stack) {
+            Stack->Parameters.Read.ByteOffset.QuadPart = static_cast<LONGLONG>(Index % 10);
+            Stack->Parameters.Read.Length = 1;
+        };
+        return Builder;
+    }
+    SentIrp Post(const embedded::IrpBuilder &Builder) {
+        SentIrp Sent = embedded::SendIrp(Device(), Builder);
+        EXPECT_EQ(Sent.Returned(), STATUS_PENDING);
+        Clock::Settle();
+        return Sent;
+    }
+    static ULONG Workers() {
+        Clock::Settle();
+        return g_uAsyncWorkerThreadCount;
+    }
+};
+
+TEST_F(Async, ThePoolGrowsWithTheBacklogToNineAndFallsToNone) {
+    BusyFile Busy(Fcb(Handle));
+    std::vector<SentIrp> Posted;
+    for (ULONG Count = 1; Count <= 14; ++Count) {
+        Posted.push_back(Post(ReadAt(Count - 1)));
+        // The first starts one; after that one more for every two that wait.
+        EXPECT_EQ(Workers(), Count == 1 ? 1u : std::min(Count - 1, 9u)) << Count;
+        EXPECT_EQ(g_uAsyncIrpQueueCount, Count == 1 ? 0u : Count <= 10 ? 1u : Count - 9) << Count;
+    }
+    Busy.Release();
+    for (SentIrp &Each : Posted) {
+        EXPECT_EQ(Each.Wait().Information, 1u);
+    }
+    EXPECT_STREQ(Bytes, "01234567890123") << "each byte came to its own request";
+    EXPECT_EQ(Workers(), 9u);
+    Clock::Advance(19 * 100 * Clock::Millisecond);
+    EXPECT_EQ(Workers(), 9u);
+    Clock::Advance(2 * 100 * Clock::Millisecond);
+    EXPECT_EQ(Workers(), 0u);
+    BusyFile Again(Fcb(Handle));
+    SentIrp Late = Post(ReadAt(5));
+    EXPECT_EQ(Workers(), 1u);
+    Again.Release();
+    EXPECT_EQ(Late.Wait().Status, STATUS_SUCCESS);
+}
+
+class TracedAsync : public Async {
+protected:
+    void SetUp() override {
+        Start(
+            {.Switches = {{u"EnableAsyncIo", 1}, {u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 16}}});
+        Clock::Settle();
+        Handle = MustOpen(u"\\srv\\vol\\a.txt", Asynchronous);
+    }
+};
+
+TEST_F(TracedAsync, ARequestTellsItsWayThroughTheQueue) {
+    Printed.clear();
+    {
+        BusyFile Busy(Fcb(Handle));
+        SentIrp Posted = Post(ReadAt(0));
+        Busy.Release();
+        EXPECT_EQ(Posted.Wait().Status, STATUS_SUCCESS);
+    }
+    EXPECT_EQ(Workers(), 1u);
+    Clock::Advance(3 * Clock::Second);
+    EXPECT_EQ(Workers(), 0u);
+    size_t At = 0;
+    for (const char *Line :
+         {"TwFsdPostRequest called!\n", "RvFsdInsertIrpEx for IRP 0x", "g_uAsyncIrpQueueCount now 1.\n",
+          "NtFsdPostRequest for IRP 0x", "NtFsdPostRequest starting thread; g_uAsyncWorkerThreadCount now 1.\n",
+          "RvFsdPeekNextIrp for 0x", "RvFsdRemoveIrp for IRP 0x", "g_uAsyncIrpQueueCount now 0.\n",
+          "NtFsdDispatch received IRP 0x", "NtFsdDispatch calling NtFsdCommonRead!\n",
+          " NtFsdDispatch() FSP complete!\n", "NtFsdDispatch exiting thread; g_uAsyncWorkerThreadCount now 0.\n"}) {
+        At = Printed.find(Line, At);
+        ASSERT_NE(At, std::string::npos) << Line;
+    }
+}
+
+// ---- Cancellation
+
+TEST_F(Async, AQueuedRequestIsCancelledAndOneThatAWorkerHasIsNot) {
+    BusyFile Busy(Fcb(Handle));
+    SentIrp Taken = Post(ReadAt(0));
+    SentIrp Queued = Post(ReadAt(1));
+    EXPECT_TRUE(Queued.Cancel());
+    EXPECT_EQ(Queued.Wait().Status, STATUS_CANCELLED);
+    EXPECT_EQ(Queued.Wait().Information, 0u);
+    EXPECT_EQ(Queued.PriorityBoost(), IO_NO_INCREMENT);
+    EXPECT_EQ(g_uAsyncIrpQueueCount, 0u);
+    EXPECT_FALSE(Taken.Cancel());
+    Busy.Release();
+    EXPECT_EQ(Taken.Wait().Status, STATUS_SUCCESS);
+}
+
+// A lock request is not asked at its entry whether it was cancelled: the insertion finds out.
+TEST_F(Async, ARequestThatIsCancelledBeforeItIsQueuedEndsThere) {
+    BusyFile Busy(Fcb(Handle));
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    embedded::IrpBuilder Cancelled = Request(Handle, IRP_MN_LOCK, 2, &Length);
+    Cancelled.CancelledBefore = true;
+    EXPECT_EQ(Post(Cancelled).Wait().Status, STATUS_CANCELLED);
+    EXPECT_EQ(g_uAsyncIrpQueueCount, 0u);
+    Busy.Release();
+    EXPECT_TRUE(LocalLocks(Handle).empty());
+    EXPECT_EQ(ServerLocks(), Calls{});
+}
+
+TEST_F(Async, CleanupAndCloseRunThoughTheyAreCancelledInTheQueue) {
+    const HANDLE Goes = MustOpen(u"\\srv\\vol\\a.txt", Asynchronous);
+    const PFILE_OBJECT File = FileObject(Goes);
+    for (const UCHAR MajorFunction : {IRP_MJ_CLEANUP, IRP_MJ_CLOSE}) {
+        BusyFile Busy(Fcb(Handle));
+        SentIrp Taken = Post(ReadAt(0));
+        SentIrp Queued = Post(Plain(MajorFunction, File));
+        EXPECT_TRUE(Queued.Cancel());
+        EXPECT_FALSE(Queued.IsCompleted());
+        Busy.Release();
+        EXPECT_EQ(Taken.Wait().Status, STATUS_SUCCESS);
+        EXPECT_EQ(Queued.Wait().Status, STATUS_SUCCESS);
+    }
+    EXPECT_EQ(Fcb(Handle)->UncleanCount, 1u);
+    EXPECT_EQ(Fcb(Handle)->OpenCount, 1u);
+    Close(Goes);
+}
+
+// The grant of a waiting lock stands in the queue behind a worker that is busy with another file.
+class QueuedGrant : public Async {
+protected:
+    HANDLE Other = nullptr;
+    HANDLE Owner = nullptr;
+    std::unique_ptr<BusyFile> Busy;
+    std::optional<SentIrp> Taken;
+    std::optional<SentIrp> Granted;
+    LARGE_INTEGER Length = {.QuadPart = 4};
+
+    void SetUp() override {
+        Async::SetUp();
+        Provider.AddFile(u"\\srv\\vol\\b.txt", "b");
+        Other = MustOpen(u"\\srv\\vol\\b.txt", Asynchronous);
+        Owner = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+        EXPECT_EQ(Lock(Owner, 0, 10), STATUS_SUCCESS);
+        Granted.emplace(Wait(Handle, 2, &Length));
+        Busy = std::make_unique<BusyFile>(Fcb(Other));
+        embedded::IrpBuilder Read = ReadAt(0);
+        Read.FileObject = FileObject(Other);
+        Taken.emplace(Post(Read));
+        EXPECT_EQ(Unlock(Owner, 0, 10), STATUS_SUCCESS);
+        EXPECT_FALSE(Granted->IsCompleted());
+        Provider.ClearCalls();
+    }
+    void TearDown() override {
+        EXPECT_EQ(Taken->Wait().Status, STATUS_SUCCESS);
+        Taken.reset();
+        Granted.reset();
+        Close(Other);
+        Close(Owner);
+        Async::TearDown();
+    }
+};
+
+TEST_F(QueuedGrant, IsToldToTheServerThoughItIsCancelled) {
+    EXPECT_TRUE(Granted->Cancel());
+    Busy->Release();
+    EXPECT_EQ(Granted->Wait().Status, STATUS_SUCCESS);
+    EXPECT_EQ(ServerLocks(), (Calls{"lock 2+4"}));
+    EXPECT_EQ(LocalLocks(Handle).size(), 1u);
+}
+
+TEST_F(QueuedGrant, IsCancelledByTheUnlockThatOvertakesIt) {
+    EXPECT_EQ(Send(Request(Handle, IRP_MN_UNLOCK_SINGLE, 2, &Length)).Status, STATUS_SUCCESS);
+    Busy->Release();
+    EXPECT_EQ(Granted->Wait().Status, STATUS_CANCELLED);
+    EXPECT_EQ(ServerLocks(), Calls{}) << "it never heard of it";
+}
+
+// Of two locks of one range and owner the server knows one: that one is unlocked there, and the other told.
+TEST_F(QueuedGrant, IsLeftAloneByAnUnlockOfTheLockThatTheServerKnows) {
+    EXPECT_EQ(Send(Request(Handle, IRP_MN_UNLOCK_SINGLE, 2, &Length)).Status, STATUS_SUCCESS);
+    const embedded::IrpBuilder Shared = Request(Handle, IRP_MN_LOCK, 2, &Length, 0, SL_FAIL_IMMEDIATELY);
+    EXPECT_EQ(Send(Shared).Status, STATUS_SUCCESS);
+    IRP Outer = {};
+    embedded::IrpBuilder Nested = Request(Handle, IRP_MN_LOCK, 2, &Length, 0, 0);
+    Nested.TopLevelIrp = &Outer;
+    SentIrp Untold = Post(Nested);
+    EXPECT_EQ(LocalLocks(Handle).size(), 2u);
+    EXPECT_EQ(Send(Request(Handle, IRP_MN_UNLOCK_SINGLE, 2, &Length)).Status, STATUS_SUCCESS);
+    Busy->Release();
+    EXPECT_EQ(Untold.Wait().Status, STATUS_SUCCESS);
+    EXPECT_EQ(Granted->Wait().Status, STATUS_CANCELLED);
+    EXPECT_EQ(ServerLocks(), (Calls{"lock 2+4", "unlock 2+4", "lock 2+4"}));
+    EXPECT_EQ(LocalLocks(Handle).size(), 1u);
+}
+
+TEST_F(QueuedGrant, OfAHandleThatIsCleanedUpIsGivenBack) {
+    EXPECT_EQ(Send(Plain(IRP_MJ_CLEANUP, FileObject(Handle))).Status, STATUS_SUCCESS);
+    Busy->Release();
+    EXPECT_EQ(Granted->Wait().Status, STATUS_CANCELLED);
+    EXPECT_EQ(ServerLocks(), Calls{});
+    EXPECT_TRUE(LocalLocks(Owner).empty());
+}
+
+// ---- What cannot be posted
+
+struct FailedPost {
+    const char *What;
+    UCHAR MajorFunction;
+    FaultKind Fails;
+    NTSTATUS Returned;
+    NTSTATUS Status;
+};
+
+TEST_F(Async, APostThatFailsEndsTheRequestAndLosesNoCleanup) {
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    for (const FailedPost &Case : std::initializer_list<FailedPost>{
+             {"no entry", IRP_MJ_READ, FaultKind::Pool, STATUS_INSUFFICIENT_RESOURCES, STATUS_INSUFFICIENT_RESOURCES},
+             {"no MDL", IRP_MJ_READ, FaultKind::Mdl, STATUS_INSUFFICIENT_RESOURCES, STATUS_INSUFFICIENT_RESOURCES},
+             {"no entry", IRP_MJ_LOCK_CONTROL, FaultKind::Pool, STATUS_INSUFFICIENT_RESOURCES,
+              STATUS_INSUFFICIENT_RESOURCES},
+             {"no entry", IRP_MJ_CLEANUP, FaultKind::Pool, STATUS_PENDING, STATUS_SUCCESS}}) {
+        SCOPED_TRACE(Case.What);
+        const embedded::IrpBuilder Builder = Case.MajorFunction == IRP_MJ_READ ? ReadAt(0)
+                                             : Case.MajorFunction == IRP_MJ_CLEANUP
+                                                 ? Plain(IRP_MJ_CLEANUP, FileObject(Handle))
+                                                 : Request(Handle, IRP_MN_LOCK, 2, &Length);
+        Provider.ClearCalls();
+        const embedded::PlannedFaults Faults({.How = embedded::FaultPlan::Mode::NthAndAfter,
+                                              .Kinds = FaultBit(FaultKind::TryAcquire) | FaultBit(Case.Fails),
+                                              .Nth = Case.Fails == FaultKind::Pool ? 2u : 1u}); // after its context
+        SentIrp Sent = embedded::SendIrp(Device(), Builder);
+        EXPECT_EQ(Sent.Returned(), Case.Returned);
+        EXPECT_EQ(Sent.Wait().Status, Case.Status);
+        EXPECT_EQ(CallNames(), Lines{});
+        EXPECT_EQ(Workers(), 0u);
+    }
+    EXPECT_EQ(Fcb(Handle)->UncleanCount, 0u);
+}
+
+TEST_F(Async, ABufferThatCannotBeLockedNeverReachesAWorker) {
+    BusyFile Busy(Fcb(Handle));
+    embedded::IrpBuilder Bad = ReadAt(0);
+    Bad.UserBuffer = reinterpret_cast<PVOID>(0x1000);
+    Bad.RequestorMode = UserMode;
+    EXPECT_EQ(Send(Bad).Status, STATUS_ACCESS_VIOLATION);
+    EXPECT_EQ(Workers(), 0u);
+}
+
+TEST_F(Async, AMissingThreadIsMadeUpForByTheNextPost) {
+    BusyFile Busy(Fcb(Handle));
+    std::optional<SentIrp> First;
+    {
+        const embedded::PlannedFaults Faults({.Kinds = FaultBit(FaultKind::Thread)});
+        First.emplace(Post(ReadAt(0)));
+        EXPECT_EQ(Workers(), 0u);
+        EXPECT_EQ(g_uAsyncIrpQueueCount, 1u);
+    }
+    SentIrp Second = Post(ReadAt(1));
+    Busy.Release();
+    EXPECT_EQ(First->Wait().Status, STATUS_SUCCESS);
+    EXPECT_EQ(Second.Wait().Status, STATUS_SUCCESS);
+}
+
+TEST_F(Async, AControlThatIsPostedIsRefusedByTheWorker) {
+    embedded::IrpBuilder Builder = Plain(IRP_MJ_FILE_SYSTEM_CONTROL, FileObject(Handle));
+    Builder.Fill = [](PIO_STACK_LOCATION Stack) {
+        Stack->Parameters.FileSystemControl.FsControlCode = FSCTL_GET_COMPRESSION;
+    };
+    EXPECT_EQ(Post(Builder).Wait().Status, STATUS_INVALID_DEVICE_REQUEST);
+}
+
+// ---- Closing, shutting down
+
+TEST_F(Async, APostedCloseLetsOtherCreatesGoOn) {
+    const HANDLE Goes = MustOpen(u"\\srv\\vol\\a.txt", Asynchronous);
+    const PFILE_OBJECT File = FileObject(Goes);
+    EXPECT_EQ(Send(Plain(IRP_MJ_CLEANUP, File)).Status, STATUS_SUCCESS);
+    Provider.AddFile(u"\\srv\\vol\\b.txt", "b");
+    BusyFile Busy(Fcb(Handle));
+    SentIrp Closing = Post(Plain(IRP_MJ_CLOSE, File));
+    EXPECT_FALSE(Closing.IsCompleted());
+    Close(MustOpen(u"\\srv\\vol\\b.txt"));
+    Busy.Release();
+    EXPECT_EQ(Closing.Wait().Status, STATUS_SUCCESS);
+    Close(Goes);
+}
+
+TEST_F(Async, AHandleThatIsClosedWithRequestsInFlightIsClosedAfterThem) {
+    const PFCB File = Fcb(Handle);
+    BusyFile Busy(File);
+    std::vector<SentIrp> Posted;
+    for (size_t Index = 0; Index < 3; ++Index) {
+        Posted.push_back(Post(ReadAt(Index)));
+    }
+    std::thread Closing([this] { Close(std::exchange(Handle, nullptr)); });
+    Busy.Release();
+    Closing.join();
+    for (SentIrp &Each : Posted) {
+        EXPECT_EQ(Each.Wait().Status, STATUS_SUCCESS);
+    }
+    EXPECT_STREQ(Bytes, "012");
+}
+
+TEST_F(Async, AShutdownServesWhatIsQueuedAndOutlivesEveryWorker) {
+    for (const bool WithoutThreads : {false, true}) {
+        SCOPED_TRACE(WithoutThreads ? "by itself" : "by workers");
+        auto Busy = std::make_unique<BusyFile>(Fcb(Handle));
+        std::vector<SentIrp> Posted;
+        {
+            const embedded::PlannedFaults Faults({.How = embedded::FaultPlan::Mode::NthAndAfter,
+                                                  .Kinds = FaultBit(FaultKind::Thread),
+                                                  .Nth = WithoutThreads ? 1u : 100u});
+            for (size_t Index = 0; Index < 5; ++Index) {
+                Posted.push_back(Post(ReadAt(Index)));
+            }
+        }
+        EXPECT_EQ(Workers(), WithoutThreads ? 0u : 4u);
+        std::thread Down([this] { EXPECT_EQ(Kernel().SendShutdown(), STATUS_NOT_SUPPORTED); });
+        while (!NtFsdIsStopped()) {
+            std::this_thread::yield();
+        }
+        Busy.reset();
+        Down.join();
+        for (SentIrp &Each : Posted) {
+            EXPECT_EQ(Each.Wait().Status, STATUS_SUCCESS);
+        }
+        EXPECT_EQ(g_uAsyncWorkerThreadCount, 0u);
+        EXPECT_EQ(Provider.OpenHandles(), Lines{});
+        Posted.clear();
+        Close(std::exchange(Handle, nullptr));
+        Stop();
+        if (!WithoutThreads) {
+            SetUp();
+        }
+    }
+}
+
+} // namespace
