@@ -248,7 +248,11 @@ TEST_F(QueuedGrant, IsLeftAloneByAnUnlockOfTheLockThatTheServerKnows) {
     IRP Outer = {};
     embedded::IrpBuilder Nested = Request(Handle, IRP_MN_LOCK, 2, &Length, 0, 0);
     Nested.TopLevelIrp = &Outer;
+    std::optional<embedded::PlannedFaults> NoSecondWorker;
+    NoSecondWorker.emplace(
+        embedded::FaultPlan{.How = embedded::FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Thread)});
     SentIrp Untold = Post(Nested);
+    NoSecondWorker.reset();
     EXPECT_EQ(LocalLocks(Handle).size(), 2u);
     EXPECT_EQ(Send(Request(Handle, IRP_MN_UNLOCK_SINGLE, 2, &Length)).Status, STATUS_SUCCESS);
     Busy->Release();
