@@ -216,12 +216,37 @@ std::vector<DirectoryEntry> UnpackEntries(const RemoteFile::Answer &Answer, ULON
     return Entries;
 }
 
+namespace {
+
+std::function<NTSTATUS()> ListingFailures;
+
+} // namespace
+
+void SetListingFailures(std::function<NTSTATUS()> Source) {
+    ListingFailures = std::move(Source);
+}
+
+void BeginListing() {
+    if (ListingFailures) {
+        static_cast<void>(ListingFailures());
+    }
+}
+
+void CheckListing(const RemoteFile &Directory) {
+    const NTSTATUS Status = ListingFailures ? ListingFailures() : STATUS_SUCCESS;
+    if (!NT_SUCCESS(Status)) {
+        throw StatusError(Status, ShowPath(Directory.Path()) + " could not be listed to its end");
+    }
+}
+
 std::vector<DirectoryEntry> ListDirectory(RemoteFile &Directory, std::u16string_view Mask, ULONG Bytes) {
     std::vector<DirectoryEntry> Entries;
     bool Restart = true;
+    BeginListing();
     for (;;) {
         const RemoteFile::Answer Batch = Directory.List(FileBothDirectoryInformation, Bytes, Mask, Restart, false);
         if (Batch.Status == STATUS_NO_MORE_FILES || (Restart && Batch.Status == STATUS_NO_SUCH_FILE)) {
+            CheckListing(Directory);
             return Entries;
         }
         if (!NT_SUCCESS(Batch.Status)) {

@@ -2,6 +2,7 @@
 // instead of beginning after a signal (interrupt.h).
 #pragma once
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -90,6 +91,13 @@ inline constexpr ULONG LargeListing = 65536;
 
 // The entries of a packed answer.
 std::vector<DirectoryEntry> UnpackEntries(const RemoteFile::Answer &Answer, ULONG InfoClass);
+
+// Where the failures of listings are asked for that the driver answers as their end; each is told once. An empty one:
+// nowhere.
+void SetListingFailures(std::function<NTSTATUS()> Source);
+// StatusError when a listing of Directory since the last call, or BeginListing, did not end well.
+void BeginListing();
+void CheckListing(const RemoteFile &Directory);
 
 // Every entry of Directory that matches Mask, in batches of Bytes; "." and ".." left out. StatusError on failure.
 std::vector<DirectoryEntry> ListDirectory(RemoteFile &Directory, std::u16string_view Mask, ULONG Bytes);

@@ -10,9 +10,11 @@
 
 #include <fmt/format.h>
 
+#include "app/remote_file.h"
 #include "app/text.h"
 #include "embedded/image/symbols.h"
 #include "embedded/verifier/report.h"
+#include "frame/status_translation.h"
 #include "kernel/linux/driver_image.h"
 #include "provider/framework.h"
 
@@ -209,6 +211,7 @@ void Session::Start() {
 
     Recorder_ = std::make_unique<providers::Recorder>(Directories_->Interface());
     Framework_ = std::make_unique<providers::Framework>(Recorder_.get());
+    SetListingFailures([this] { return NtFsdTranslateResult(Recorder_->TakeListingFailure()); });
     Framework_->SetTimeSource([] { return embedded::Clock::SystemTime(); });
     Framework_->SetCaller([] { return CallerContext(); });
     const NTSTATUS Status =
@@ -317,6 +320,7 @@ std::string Session::Stop() {
     for (const auto &Left : Directories_->ListOpenHandles()) {
         Findings += fmt::format("a {} handle of the Provider is left: {}\n", Left.Kind, Left.Path);
     }
+    SetListingFailures({});
     Framework_.reset();
     Kernel_.reset();
     Recorder_.reset();

@@ -96,7 +96,20 @@ struct InfoClass {
     const char *Name;
     ULONG Length; // of the buffer that it is asked with
     std::string (*Decode)(const Answer &From);
+    void (*Facts)(const Answer &From,
+                  std::vector<Field> &Record) = nullptr; // what a record says of it; null: nothing more
 };
+
+// Fields of records of flags: the names of those that are set.
+std::vector<std::string> FlagNames(ULONG Value, std::span<const Flag> Known) {
+    std::vector<std::string> Names;
+    for (const Flag &One : Known) {
+        if ((Value & One.Bit) != 0) {
+            Names.emplace_back(One.Name);
+        }
+    }
+    return Names;
+}
 
 std::string DecodeBasic(const Answer &From) {
     return fmt::format("created {}  accessed {}\n{:32}written {}  changed {}\n{:32}attributes {}",
@@ -131,12 +144,32 @@ std::string DecodeName(const Answer &From) {
 
 // Access, mode and alignment are the system's own to tell: it does not ask the driver for these alone.
 constexpr InfoClass FileClasses[] = {
-    {FileBasicInformation, "FileBasicInformation", 40, DecodeBasic},
-    {FileStandardInformation, "FileStandardInformation", 24, DecodeStandard},
+    {FileBasicInformation, "FileBasicInformation", 40, DecodeBasic,
+     [](const Answer &From, std::vector<Field> &Record) {
+         Record.push_back({"created", JsonTime(At<LONG64>(From, 0))});
+         Record.push_back({"accessed", JsonTime(At<LONG64>(From, 8))});
+         Record.push_back({"written", JsonTime(At<LONG64>(From, 16))});
+         Record.push_back({"changed", JsonTime(At<LONG64>(From, 24))});
+         Record.push_back({"attributes", FlagNames(At<ULONG>(From, 32), AttributeFlags)});
+     }},
+    {FileStandardInformation, "FileStandardInformation", 24, DecodeStandard,
+     [](const Answer &From, std::vector<Field> &Record) {
+         Record.push_back({"size", int64_t{At<LONG64>(From, 8)}});
+         Record.push_back({"allocated", int64_t{At<LONG64>(From, 0)}});
+         Record.push_back({"links", uint64_t{At<ULONG>(From, 16)}});
+         Record.push_back({"delete_pending", At<UCHAR>(From, 20) != 0});
+         Record.push_back({"directory", At<UCHAR>(From, 21) != 0});
+     }},
     {FileInternalInformation, "FileInternalInformation", 8,
-     [](const Answer &From) { return fmt::format("index 0x{:016x}", At<ULONG64>(From, 0)); }},
+     [](const Answer &From) { return fmt::format("index 0x{:016x}", At<ULONG64>(From, 0)); },
+     [](const Answer &From, std::vector<Field> &Record) {
+         Record.push_back({"index", fmt::format("0x{:016x}", At<ULONG64>(From, 0))});
+     }},
     {FileEaInformation, "FileEaInformation", 4,
-     [](const Answer &From) { return fmt::format("size {}", At<ULONG>(From, 0)); }},
+     [](const Answer &From) { return fmt::format("size {}", At<ULONG>(From, 0)); },
+     [](const Answer &From, std::vector<Field> &Record) {
+         Record.push_back({"ea_size", uint64_t{At<ULONG>(From, 0)}});
+     }},
     {FileAccessInformation, "FileAccessInformation", 4,
      [](const Answer &From) { return "access " + ShowFlags(At<ULONG>(From, 0), AccessFlags); }},
     {FileNameInformation, "FileNameInformation", LongestAnswer, DecodeName},
@@ -186,49 +219,63 @@ std::string DecodeFileSystem(const Answer &From) {
 
 // The system lets no caller ask for the label alone.
 constexpr InfoClass VolumeClasses[] = {
-    {FileFsVolumeInformation, "FileFsVolumeInformation", 1024, DecodeVolume},
+    {FileFsVolumeInformation, "FileFsVolumeInformation", 1024, DecodeVolume,
+     [](const Answer &From, std::vector<Field> &Record) {
+         Record.push_back({"label", NameAt(From, 12, 18)});
+         Record.push_back({"serial", fmt::format("{:08X}", At<ULONG>(From, 8))});
+         Record.push_back({"created", JsonTime(At<LONG64>(From, 0))});
+     }},
     {FileFsLabelInformation, "FileFsLabelInformation", 1024,
      [](const Answer &From) { return '"' + NameAt(From, 0, 4) + '"'; }},
     {FileFsSizeInformation, "FileFsSizeInformation", 24, DecodeSize},
-    {FileFsDeviceInformation, "FileFsDeviceInformation", 8, DecodeDevice},
-    {FileFsAttributeInformation, "FileFsAttributeInformation", 1024, DecodeFileSystem},
-    {FileFsFullSizeInformation, "FileFsFullSizeInformation", 32, DecodeFullSize},
+    {FileFsDeviceInformation, "FileFsDeviceInformation", 8, DecodeDevice,
+     [](const Answer &From, std::vector<Field> &Record) {
+         Record.push_back({"device_type", uint64_t{At<ULONG>(From, 0)}});
+         Record.push_back({"characteristics", FlagNames(At<ULONG>(From, 4), DeviceFlags)});
+     }},
+    {FileFsAttributeInformation, "FileFsAttributeInformation", 1024, DecodeFileSystem,
+     [](const Answer &From, std::vector<Field> &Record) {
+         Record.push_back({"file_system", NameAt(From, 8, 12)});
+         Record.push_back({"longest_component", uint64_t{At<ULONG>(From, 4)}});
+         Record.push_back({"file_system_attributes", FlagNames(At<ULONG>(From, 0), FileSystemFlags)});
+     }},
+    {FileFsFullSizeInformation, "FileFsFullSizeInformation", 32, DecodeFullSize,
+     [](const Answer &From, std::vector<Field> &Record) {
+         const uint64_t Unit = uint64_t{At<ULONG>(From, 24)} * At<ULONG>(From, 28);
+         Record.push_back({"unit_bytes", Unit});
+         Record.push_back({"bytes", uint64_t{At<ULONG64>(From, 0) * Unit}});
+         Record.push_back({"available_to_caller", uint64_t{At<ULONG64>(From, 8) * Unit}});
+         Record.push_back({"available", uint64_t{At<ULONG64>(From, 16) * Unit}});
+     }},
 };
 
 using Question = Answer (RemoteFile::*)(ULONG InfoClass, ULONG Length);
 
-// One class as a record: its numbers and names as the text for people has them, and its bytes for those who decode.
-void PrintClassRecord(RemoteFile &File, const InfoClass &One, const Answer &Given) {
-    std::vector<Field> Fields = {{"path", ShowPath(File.Path())},
-                                 {"class", std::string(One.Name)},
-                                 {"number", uint64_t{One.Number}},
-                                 {"status", StatusName(Given.Status)}};
-    if (NT_SUCCESS(Given.Status)) {
-        std::string Hex;
-        for (size_t Index = 0; Index < std::min<size_t>(Given.Information, Given.Bytes.size()); ++Index) {
-            Hex += fmt::format("{:02x}", Given.Bytes[Index]);
+// One record of everything: each fact once, the classes that were refused by name.
+void PrintFacts(RemoteFile &File, std::span<const InfoClass> Classes, Question Ask) {
+    std::vector<Field> Record = {{"path", ShowPath(File.Path())}};
+    std::vector<std::string> Refused;
+    for (const InfoClass &One : Classes) {
+        const Answer Given = (File.*Ask)(One.Number, One.Length);
+        if (!NT_SUCCESS(Given.Status)) {
+            Refused.push_back(std::string(One.Name) + " " + StatusName(Given.Status));
+        } else if (One.Facts != nullptr) {
+            One.Facts(Given, Record);
         }
-        std::string Text = One.Decode(Given);
-        for (size_t At; (At = Text.find('\n')) != std::string::npos;) {
-            Text.replace(At, std::min(Text.find_first_not_of(' ', At + 1), Text.size()) - At, "  ");
-        }
-        Fields.push_back({"text", Text});
-        Fields.push_back({"bytes", Hex});
     }
-    PrintRecord(Fields);
+    Record.push_back({"refused", Refused});
+    PrintRecord(Record);
 }
 
 // Each class as it is answered, or the status of its refusal.
 void ShowClasses(RemoteFile &File, std::span<const InfoClass> Classes, Question Ask) {
-    if (!WantsJson()) {
-        fmt::print("{}\n", ShowPath(File.Path()));
+    if (WantsJson()) {
+        PrintFacts(File, Classes, Ask);
+        return;
     }
+    fmt::print("{}\n", ShowPath(File.Path()));
     for (const InfoClass &One : Classes) {
         const Answer Given = (File.*Ask)(One.Number, One.Length);
-        if (WantsJson()) {
-            PrintClassRecord(File, One, Given);
-            continue;
-        }
         fmt::print("  {:<30}{}\n", One.Name, NT_SUCCESS(Given.Status) ? One.Decode(Given) : ShowStatus(Given.Status));
     }
 }

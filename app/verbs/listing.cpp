@@ -82,12 +82,16 @@ void ListRaw(MaskedPath Where, const ListWords &Words) {
     // With --restart the search is begun again after the first answer.
     bool Begun = false;
     bool Restarted = !Words.Restart;
+    BeginListing();
     for (;;) {
         const RemoteFile::Answer Batch =
             Directory.List(InfoClass, Words.Buffer, Where.Mask, Begun && !Restarted, Words.Single);
         Restarted = Restarted || Begun;
         // The root of a volume has no dot entries: there an empty directory is one in which nothing matches.
         const bool IsEmpty = Batch.Status == STATUS_NO_SUCH_FILE && !Where.IsMasked && Where.Mask == u"*";
+        if (Batch.Status == STATUS_NO_MORE_FILES || Batch.Status == STATUS_NO_SUCH_FILE) {
+            CheckListing(Directory);
+        }
         if (Batch.Status == STATUS_NO_MORE_FILES || IsEmpty) {
             return;
         }

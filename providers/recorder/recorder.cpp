@@ -1,5 +1,7 @@
 #include "providers/recorder/recorder.h"
 
+#include <string_view>
+
 #include <fmt/format.h>
 
 #include "providers/wide_text.h"
@@ -85,6 +87,9 @@ struct RecorderThunks {
         static RVSTATUS NTAPI Call(RVIOM_FSD *Self, RV_SECURITY_CONTEXT *Security, A... Arguments) noexcept {
             auto *Owner = static_cast<Recorder *>(Self);
             const RVSTATUS Status = (Owner->Below_->Table->*Slot)(Owner->Below_, Security, Arguments...);
+            if constexpr (std::string_view(Names[0]).starts_with("RVFsdEnumerateDirectory")) {
+                Owner->NoteListing(Status);
+            }
             if (Owner->Sink_) {
                 Line Shown;
                 size_t Next = 1;

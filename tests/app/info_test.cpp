@@ -64,6 +64,13 @@ TEST_F(Information, StatShowsEveryClassWithTheNamesOfItsFlags) {
         EXPECT_THAT(Shown, ContainsRegex(Line));
     }
     EXPECT_THAT(Out({"stat", R"(\\s\v\d)"}), HasSubstr("attributes 0x10 DIRECTORY\n"));
+    // The same as a record.
+    EXPECT_THAT(
+        Out({"stat", "--json", R"(\\s\v\f)"}),
+        ContainsRegex(
+            "^\\{\"path\":\"[^\"]*\",\"created\":\"20.*\"attributes\":\\[\"NORMAL\"\\],\"size\":7,.*\"directory\":"
+            "false,\"index\":\"0x[0-9a-f]{16}\",\"ea_size\":0,\"refused\":\\[\"FileStreamInformation "
+            "STATUS_INVALID_PARAMETER\"\\]\\}\n$"));
 }
 
 TEST_F(Information, OneClassIsShownAsItCame) {

@@ -111,6 +111,15 @@ TEST_F(ProgramListing, ADirectoryThatDoesNotOpenIsToldAndTheOthersAreListed) {
         EXPECT_THAT(Done.Error, HasSubstr("STATUS_ACCESS_DENIED (0xC0000022): \\\\srv\\vol\\d\\half\\inner"));
         EXPECT_THAT(Done.Out, AllOf(HasSubstr("inner\n"), HasSubstr("below.txt\n")));
     }
+    // Nothing of "half" may be read: that is told, and is no empty directory.
+    std::filesystem::permissions(Half, std::filesystem::perms::owner_exec);
+    for (const std::vector<std::string> &Verb :
+         {std::vector<std::string>{"ls", R"(\\srv\vol\d\half)"}, {"find", R"(\\srv\vol\d)"}}) {
+        Ran Done;
+        test::WithoutOverride([&] { Done = test::RunProgram(Line(Verb)); });
+        EXPECT_EQ(Done.Code, 1) << Verb[0];
+        EXPECT_THAT(Done.Error, HasSubstr("STATUS_ACCESS_DENIED (0xC0000022): \\\\srv\\vol\\d\\half"));
+    }
     std::filesystem::permissions(Half, std::filesystem::perms::owner_all);
 }
 
