@@ -428,12 +428,16 @@ std::string CompletionScript(const VerbList &List, const std::string &Shell) {
 }
 
 void WriteManual(const VerbList &List, const std::filesystem::path &Directory) {
-    std::filesystem::create_directories(Directory);
-    WriteFile(Directory / "rvfsd.1", MainPage(List));
+    std::filesystem::create_directories(Directory / "man");
+    WriteFile(Directory / "man" / "rvfsd.1", MainPage(List));
     for (const auto &Group : Groups) {
         if (HasVerbs(List, Group.Name)) {
-            WriteFile(Directory / fmt::format("rvfsd-{}.1", Group.Name), GroupPage(List, Group.Name, Group.Title));
+            WriteFile(Directory / "man" / fmt::format("rvfsd-{}.1", Group.Name),
+                      GroupPage(List, Group.Name, Group.Title));
         }
+    }
+    for (const char *Shell : {"bash", "zsh", "fish"}) {
+        WriteFile(Directory / fmt::format("rvfsd.{}", Shell), CompletionScript(List, Shell));
     }
 }
 
@@ -467,20 +471,21 @@ void AddHelpVerbs(VerbList &List) {
                         return 0;
                     }});
     const auto Directory = std::make_shared<std::string>();
-    List.push_back({.Name = "manual",
-                    .Group = "program",
-                    .Summary = "write the manual pages into a directory; without one the README's table of verbs",
-                    .Parameters = {{"DIR", "the directory", Directory.get()}},
-                    .Alone =
-                        [Directory] {
-                            if (Directory->empty()) {
-                                fmt::print("{}", ReadmeTable(Verbs()));
-                            } else {
-                                WriteManual(Verbs(), *Directory);
-                            }
-                            return 0;
-                        },
-                    .Hidden = true});
+    List.push_back(
+        {.Name = "manual",
+         .Group = "program",
+         .Summary = "write manual pages and completions into a directory; without one the README's table of verbs",
+         .Parameters = {{"DIR", "the directory", Directory.get()}},
+         .Alone =
+             [Directory] {
+                 if (Directory->empty()) {
+                     fmt::print("{}", ReadmeTable(Verbs()));
+                 } else {
+                     WriteManual(Verbs(), *Directory);
+                 }
+                 return 0;
+             },
+         .Hidden = true});
 }
 
 } // namespace app

@@ -19,7 +19,7 @@ std::string VerbHelp(const Verb &Which, bool InConsole);
 std::string ReadmeTable(const VerbList &List);
 // A completion script for bash, zsh or fish. UsageError for another shell.
 std::string CompletionScript(const VerbList &List, const std::string &Shell);
-// Writes rvfsd.1 and rvfsd-GROUP.1 into Directory. std::runtime_error when that fails.
+// Writes man/rvfsd.1, man/rvfsd-GROUP.1 and rvfsd.SHELL into Directory. std::runtime_error when that fails.
 void WriteManual(const VerbList &List, const std::filesystem::path &Directory);
 
 void AddHelpVerbs(VerbList &List); // help, completion, manual
