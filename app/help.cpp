@@ -17,23 +17,42 @@ namespace {
 constexpr size_t Width = 100;
 constexpr size_t Column = 26;
 
-// The groups of verbs, in the order of the manual.
-constexpr struct {
-    const char *Name;
-    const char *Title;
-} Groups[] = {{"files", "read, write and copy files"},
-              {"changes", "change files and directories"},
-              {"listings", "list directories and wait for changes"},
-              {"information", "what files and volumes say of themselves"},
-              {"letters", "drive letters"},
-              {"mount", "the volumes as directories of this system"},
-              {"requests", "single requests and what the driver makes of them"},
-              {"journal", "records of requests, and reports of them"},
-              {"providers", "Providers of one's own"},
-              {"program", "the program itself"}};
+struct Group {
+    std::string Name;
+    std::string Title;
+};
 
-bool IsOfGroup(const Verb &Each, const char *Group) {
+// The groups of verbs, in the order of the manual.
+const Group KnownGroups[] = {{"files", "read, write and copy files"},
+                             {"changes", "change files and directories"},
+                             {"listings", "list directories and wait for changes"},
+                             {"information", "what files and volumes say of themselves"},
+                             {"drives", "drive letters, and the sessions that have them"},
+                             {"mount", "the volumes as directories of this system"},
+                             {"requests", "single requests and what the driver makes of them"},
+                             {"journal", "records of requests, and reports of them"},
+                             {"providers", "Providers of one's own"},
+                             {"program", "the program itself"}};
+
+bool IsOfGroup(const Verb &Each, const std::string &Group) {
     return !Each.Hidden && Each.Group == Group;
+}
+
+// Those that have verbs; one without a title of its own comes last, under its name.
+std::vector<Group> GroupsOf(const VerbList &List) {
+    std::vector<Group> Groups;
+    for (const Group &Each : KnownGroups) {
+        if (std::any_of(List.begin(), List.end(), [&](const Verb &One) { return IsOfGroup(One, Each.Name); })) {
+            Groups.push_back(Each);
+        }
+    }
+    for (const Verb &Each : List) {
+        const auto Same = [&Each](const Group &One) { return One.Name == Each.Group; };
+        if (!Each.Hidden && std::none_of(Groups.begin(), Groups.end(), Same)) {
+            Groups.push_back({Each.Group, Each.Group});
+        }
+    }
+    return Groups;
 }
 
 // Text behind Left at the column of explanations, in lines of at most Width.
@@ -178,7 +197,7 @@ std::string MainPage(const VerbList &List) {
         Page += TroffOption(Each);
     }
     Page += ".SH VERBS\n";
-    for (const auto &Group : Groups) {
+    for (const auto &Group : GroupsOf(List)) {
         std::string Names;
         for (const Verb &Each : List) {
             if (IsOfGroup(Each, Group.Name)) {
@@ -198,8 +217,8 @@ std::string MainPage(const VerbList &List) {
     return Page;
 }
 
-std::string GroupPage(const VerbList &List, const char *Group, const char *Title) {
-    std::string Page = PageHead(std::string("rvfsd-") + Group, std::string("verbs of rvfsd: ") + Title);
+std::string GroupPage(const VerbList &List, const std::string &Group, const std::string &Title) {
+    std::string Page = PageHead("rvfsd-" + Group, "verbs of rvfsd: " + Title);
     Page += ".SH SYNOPSIS\n";
     bool First = true;
     for (const Verb &Each : List) {
@@ -222,10 +241,6 @@ void WriteFile(const std::filesystem::path &Name, const std::string &Text) {
     if (!(Stream << Text) || !Stream.flush()) {
         throw std::runtime_error(fmt::format("{}: {}", Name.string(), strerror(errno)));
     }
-}
-
-bool HasVerbs(const VerbList &List, const char *Group) {
-    return std::any_of(List.begin(), List.end(), [Group](const Verb &Each) { return IsOfGroup(Each, Group); });
 }
 
 // ---- Completion
@@ -357,10 +372,7 @@ std::string ProgramHelp(const VerbList &List, bool InConsole) {
         Out = "A network redirector's driver, run in user mode over local directories.\n\n"
               "rvfsd [OPTION...] [VERB [WORD...]]\n";
     }
-    for (const auto &Group : Groups) {
-        if (!HasVerbs(List, Group.Name)) {
-            continue;
-        }
+    for (const auto &Group : GroupsOf(List)) {
         Out += fmt::format("{}{}\n", Out.empty() ? "" : "\n", Coloured(Colour::Bold, Group.Title));
         for (const Verb &Each : List) {
             if (IsOfGroup(Each, Group.Name)) {
@@ -400,7 +412,7 @@ std::string VerbHelp(const Verb &Which, bool InConsole) {
 
 std::string ReadmeTable(const VerbList &List) {
     std::string Out = "| verbs | |\n|---|---|\n";
-    for (const auto &Group : Groups) {
+    for (const auto &Group : GroupsOf(List)) {
         std::string Names;
         for (const Verb &Each : List) {
             if (IsOfGroup(Each, Group.Name)) {
@@ -430,11 +442,8 @@ std::string CompletionScript(const VerbList &List, const std::string &Shell) {
 void WriteManual(const VerbList &List, const std::filesystem::path &Directory) {
     std::filesystem::create_directories(Directory / "man");
     WriteFile(Directory / "man" / "rvfsd.1", MainPage(List));
-    for (const auto &Group : Groups) {
-        if (HasVerbs(List, Group.Name)) {
-            WriteFile(Directory / "man" / fmt::format("rvfsd-{}.1", Group.Name),
-                      GroupPage(List, Group.Name, Group.Title));
-        }
+    for (const auto &Group : GroupsOf(List)) {
+        WriteFile(Directory / "man" / fmt::format("rvfsd-{}.1", Group.Name), GroupPage(List, Group.Name, Group.Title));
     }
     for (const char *Shell : {"bash", "zsh", "fish"}) {
         WriteFile(Directory / fmt::format("rvfsd.{}", Shell), CompletionScript(List, Shell));

@@ -125,7 +125,7 @@ bool NtFsdIsUnlockForServer(PFCB Fcb, const LOCK_PATTERN &Pattern) {
     {
         const SpinLockHold Hold(&RequestsLock);
         VisitRequests(Fcb, Pattern, [&](PIRP_CONTEXT IrpContext, const FILE_LOCK_INFO &) {
-            IrpContext->LockState |= HasLock(IrpContext) ? 0 : LOCK_STATE_DOUBTFUL;
+            IrpContext->LockState |= HasLock(IrpContext) ? 0u : ULONG{LOCK_STATE_DOUBTFUL};
             AnyUntold = AnyUntold || HasLock(IrpContext);
         });
     }
