@@ -82,6 +82,14 @@ std::vector<Parameter> GlobalParameters(GlobalOptions &Text) {
         Parameter{"--use", "map a drive letter before the verb runs; may be repeated", &Text.Uses}.As(
             "'G:=\\\\server\\volume'"),
         Parameter{"--session", "the logon session to begin in (the verb session lists them)", &Text.Logon}.As("NAME"),
+        Parameter{"--journal",
+                  "write every request with its Provider calls into this file, for report and trace viewers",
+                  &Text.Journal}
+            .As("FILE"),
+        Parameter{"--provider", "serve the volumes of this Provider, a shared library, instead of directories",
+                  &Text.Provider}
+            .As("LIBRARY"),
+        Parameter{"--provider-options", "what the Provider is made from", &Text.ProviderOptions}.As("TEXT"),
         Parameter{"--config", "read this configuration instead of the usual ones", &Text.Config}.As("FILE"),
         {"--no-config", "read no configuration", &Text.NoConfig},
         {"--json", "facts as one JSON object a line", &Text.Json},

@@ -19,6 +19,9 @@ struct GlobalOptions {
     std::string Calls;
     std::vector<std::string> Uses;
     std::string Logon;
+    std::string Journal;
+    std::string Provider;
+    std::string ProviderOptions;
     std::string Config;
     bool NoConfig = false;
     bool Json = false;

@@ -152,11 +152,20 @@ std::vector<Setting> Configure(const GlobalOptions &Text) {
         const auto [Name, Path] = SplitPair(One, "--use 'G:=\\\\server\\volume'");
         Put(Settings, {"use", Name, Path, CommandLine});
     }
-    const std::pair<const char *, const std::string &> Words[] = {{"session", Text.Logon},
-                                                                  {"trace", Text.Trace},
-                                                                  {"log", Text.Log},
-                                                                  {"image", Text.Image},
-                                                                  {"calls", Text.Calls}};
+    if (!Text.Provider.empty()) {
+        if (!Text.Exports.empty() || !Text.Quotas.empty()) {
+            throw UsageError("--provider: it serves volumes of its own; --export and --quota are for directories");
+        }
+        // What files say of directories is not for it.
+        std::erase_if(Settings, [](const Setting &Each) { return Each.Kind == "export" || Each.Kind == "quota"; });
+    } else if (!Text.ProviderOptions.empty()) {
+        throw UsageError("--provider-options: they are for a Provider of --provider");
+    }
+    const std::pair<const char *, const std::string &> Words[] = {
+        {"session", Text.Logon},     {"trace", Text.Trace},
+        {"log", Text.Log},           {"image", Text.Image},
+        {"calls", Text.Calls},       {"journal", Text.Journal},
+        {"provider", Text.Provider}, {"provider options", Text.ProviderOptions}};
     for (const auto &[Kind, Word] : Words) {
         if (!Word.empty()) {
             Put(Settings, {Kind, "", Word, CommandLine});
@@ -203,6 +212,12 @@ SessionOptions SessionOf(const std::vector<Setting> &Settings) {
             Options.Logon = Each.Value;
         } else if (Each.Kind == "calls") {
             Options.Calls = Each.Value;
+        } else if (Each.Kind == "journal") {
+            Options.Journal = Each.Value;
+        } else if (Each.Kind == "provider") {
+            Options.Provider = {Each.Value, Options.Provider ? Options.Provider->Options : ""};
+        } else if (Each.Kind == "provider options") {
+            Options.Provider = {Options.Provider ? Options.Provider->Library : "", Each.Value};
         }
     }
     if (Options.Calls && !Options.Image) {

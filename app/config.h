@@ -10,7 +10,8 @@
 namespace app {
 
 struct Setting {
-    std::string Kind; // export, quota, switch, trace, log, image, calls, use, session
+    std::string Kind; // export, quota, switch, trace, log, image, calls, use, session, journal,
+                      // provider, provider options
     std::string Name; // of the export or the switch; empty for the others
     std::string Value;
     std::string From; // a file, "command line" or "default"

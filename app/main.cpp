@@ -79,7 +79,7 @@ int RunOver(const SessionOptions &Options, const Command &Chosen) {
 // An empty name would be taken for an option that was not given.
 void CheckNames(const std::vector<std::string> &Words) {
     for (size_t Index = 0; Index < Words.size(); ++Index) {
-        for (const char *Option : {"--image", "--calls", "--log", "--config"}) {
+        for (const char *Option : {"--image", "--calls", "--log", "--config", "--journal", "--provider"}) {
             const bool Bare = Words[Index] == Option && Index + 1 < Words.size() && Words[Index + 1].empty();
             if (Bare || Words[Index] == std::string(Option) + "=") {
                 throw UsageError(fmt::format("{}: the name of a file is missing", Option));

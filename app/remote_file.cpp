@@ -7,6 +7,8 @@
 #include "app/interrupt.h"
 #include "app/text.h"
 #include "embedded/io.h"
+#include "frame/status_translation.h"
+#include "providers/failures/failures.h"
 
 namespace app {
 
@@ -216,26 +218,18 @@ std::vector<DirectoryEntry> UnpackEntries(const RemoteFile::Answer &Answer, ULON
     return Entries;
 }
 
-namespace {
-
-std::function<NTSTATUS()> ListingFailures;
-
-} // namespace
-
-void SetListingFailures(std::function<NTSTATUS()> Source) {
-    ListingFailures = std::move(Source);
-}
-
+// The driver answers a Provider's error as the end of the listing.
 void BeginListing() {
-    if (ListingFailures) {
-        static_cast<void>(ListingFailures());
-    }
+    providers::Failures::Forget();
 }
 
 void CheckListing(const RemoteFile &Directory) {
-    const NTSTATUS Status = ListingFailures ? ListingFailures() : STATUS_SUCCESS;
-    if (!NT_SUCCESS(Status)) {
-        throw StatusError(Status, ShowPath(Directory.Path()) + " could not be listed to its end");
+    constexpr USHORT NoMoreFiles = 0x0505;
+    constexpr USHORT NoSuchFile = 0x0506;
+    const RVSTATUS Failure = providers::Failures::Last("RVFsdEnumerateDirectory");
+    if (RvIsError(Failure) && RvCode(Failure) != NoMoreFiles && RvCode(Failure) != NoSuchFile) {
+        throw StatusError(NtFsdTranslateResult(Failure),
+                          ShowPath(Directory.Path()) + " could not be listed to its end");
     }
 }
 

@@ -92,10 +92,8 @@ inline constexpr ULONG LargeListing = 65536;
 // The entries of a packed answer.
 std::vector<DirectoryEntry> UnpackEntries(const RemoteFile::Answer &Answer, ULONG InfoClass);
 
-// Where the failures of listings are asked for that the driver answers as their end; each is told once. An empty one:
-// nowhere.
-void SetListingFailures(std::function<NTSTATUS()> Source);
-// StatusError when a listing of Directory since the last call, or BeginListing, did not end well.
+// The driver answers a Provider's error as the end of a listing. CheckListing throws a StatusError when a listing of
+// this thread ended so since BeginListing.
 void BeginListing();
 void CheckListing(const RemoteFile &Directory);
 

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <mutex>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -180,8 +181,13 @@ Session::Session(const SessionOptions &Options)
     : Options_(Options), Exports_(Options.Exports), Switches_(SwitchesOf(Options)),
       Logon_(Options.Logon.empty() ? Logons().front().Name : Options.Logon) {
     providers::DirectoryProvider::RaiseDescriptorLimit();
-    if (Exports_.empty()) {
+    if (Options.Provider) {
+        LoadProvider();
+    } else if (Exports_.empty()) {
         Exports_.push_back({"\\\\demo\\files", MakeDefaultTree()});
+    }
+    if (Options.Journal) {
+        Journal_ = std::make_unique<Journal>(*Options.Journal);
     }
     if (Options.Log) {
         Log_ = std::make_unique<LogVolume>(*Options.Log);
@@ -191,7 +197,9 @@ Session::Session(const SessionOptions &Options)
 
 void Session::Start() {
     Directories_ = std::make_unique<providers::DirectoryProvider>();
-    Serve(Options_.Quotas);
+    if (Library_ == nullptr) {
+        Serve(Options_.Quotas);
+    }
     embedded::KernelOptions Boot;
     for (const auto &[Name, Value] : Switches_) {
         Boot.Registry.push_back({KeyOf(Name), Widen(Name), Value});
@@ -209,9 +217,14 @@ void Session::Start() {
     Stopped_ = false;
     Kernel_ = std::make_unique<embedded::Kernel>(std::move(Boot));
 
-    Recorder_ = std::make_unique<providers::Recorder>(Directories_->Interface());
-    Framework_ = std::make_unique<providers::Framework>(Recorder_.get());
-    SetListingFailures([this] { return NtFsdTranslateResult(Recorder_->TakeListingFailure()); });
+    RVIOM_FSD *Served = Library_ != nullptr ? Library_->Interface() : Directories_->Interface();
+    Failures_ = std::make_unique<providers::Failures>(Served);
+    Framework_ = std::make_unique<providers::Framework>(Served);
+    Recorder_ = std::make_unique<providers::Recorder>(Served);
+    Tap_ = std::make_unique<RequestTap>(*Recorder_);
+    if (Journal_ != nullptr) {
+        Tap_->Add(*Journal_);
+    }
     Framework_->SetTimeSource([] { return embedded::Clock::SystemTime(); });
     Framework_->SetCaller([] { return CallerContext(); });
     const NTSTATUS Status =
@@ -232,6 +245,17 @@ void Session::LogOn() {
         Drives_->Use(Each);
     }
     Drives_->Act(Logon_);
+}
+
+void Session::LoadProvider() {
+    try {
+        Library_ = std::make_unique<providers::SharedLibrary>(Options_.Provider->Library, Options_.Provider->Options);
+    } catch (const providers::LibraryError &Refused) {
+        throw UsageError(fmt::format("--provider: {}", Refused.what()));
+    }
+    for (const std::string &Volume : Library_->Volumes()) {
+        Exports_.push_back({ShowPath(RemotePath(Volume)), {}});
+    }
 }
 
 void Session::OpenImage() {
@@ -290,6 +314,11 @@ void Session::Serve(const std::map<std::string, uint64_t> &Quotas) {
 
 Session::~Session() {
     Stop();
+    if (Journal_ != nullptr) {
+        if (const std::string Problem = Journal_->Close(); !Problem.empty()) {
+            Complain(Problem);
+        }
+    }
 }
 
 std::string Session::Stop() {
@@ -320,10 +349,14 @@ std::string Session::Stop() {
     for (const auto &Left : Directories_->ListOpenHandles()) {
         Findings += fmt::format("a {} handle of the Provider is left: {}\n", Left.Kind, Left.Path);
     }
-    SetListingFailures({});
+    if (Tap_ != nullptr) {
+        Tap_->RemoveAll();
+    }
+    Recorder_.reset();
+    Failures_.reset();
     Framework_.reset();
     Kernel_.reset();
-    Recorder_.reset();
+    Tap_.reset();
     Image_.reset();
     if (Calls_.is_open()) {
         Tracing_.reset();
@@ -368,32 +401,40 @@ uint32_t Session::Trace(uint32_t Mask, bool On) {
     return Now;
 }
 
-void Session::Tell(const std::string &Line) {
-    const std::lock_guard Hold(WatchLock_);
-    if (Watcher_) {
-        Watcher_(Line);
-    }
-}
+namespace {
 
-void Session::OnRequest(const embedded::CompletedRequest &Request) {
-    Tell(fmt::format("{:<24} {:<44} Information {}", embedded::MajorFunctionName(Request.MajorFunction),
-                     ShowStatus(Request.Status), Request.Information));
-}
+// Requests and calls as lines.
+class LineListener final : public RequestListener {
+public:
+    explicit LineListener(std::function<void(const std::string &)> Sink) : Sink_(std::move(Sink)) {
+    }
+
+private:
+    void RequestCompleted(const Request &About) noexcept override {
+        Tell(fmt::format("{:<24} {:<44} Information {}", About.Operation, ShowStatus(About.Status), About.Information));
+    }
+    void CallEnded(const providers::ProviderCall &Call) noexcept override {
+        Tell("    " + Describe(Call));
+    }
+    void Tell(const std::string &Line) {
+        const std::lock_guard Hold(Lock_);
+        Sink_(Line);
+    }
+
+    std::mutex Lock_;
+    const std::function<void(const std::string &)> Sink_;
+};
+
+} // namespace
 
 void Session::Watch(std::function<void(const std::string &)> Sink) {
-    const bool On = static_cast<bool>(Sink);
-    {
-        const std::lock_guard Hold(WatchLock_);
-        Watcher_ = std::move(Sink);
+    if (Watcher_ != nullptr) {
+        Tap_->Remove(*Watcher_);
+        Watcher_.reset();
     }
-    if (On) {
-        embedded::SetIoObserver([this](const embedded::CompletedRequest &Request) { OnRequest(Request); });
-        Recorder_->SetSink([this](const std::string &Line) { Tell("    " + Line); });
-    } else {
-        embedded::SetIoObserver({});
-        if (Recorder_ != nullptr) {
-            Recorder_->SetSink({});
-        }
+    if (Sink) {
+        Watcher_ = std::make_unique<LineListener>(std::move(Sink));
+        Tap_->Add(*Watcher_);
     }
 }
 

@@ -6,19 +6,22 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "app/drives.h"
+#include "app/journal/journal.h"
+#include "app/journal/request_tap.h"
 #include "embedded/image/driver_image.h"
 #include "embedded/io.h"
 #include "embedded/kernel.h"
 #include "providers/directory/directory_provider.h"
+#include "providers/failures/failures.h"
 #include "providers/framework/framework.h"
 #include "providers/recorder/recorder.h"
+#include "providers/shared_library/shared_library.h"
 
 namespace app {
 
@@ -28,16 +31,24 @@ struct Export {
     std::string Target = {};         // where a link leads: \\server\volume[\directory...]
 };
 
+// A Provider from a shared library, with the text that it is made from.
+struct ProviderChoice {
+    std::filesystem::path Library;
+    std::string Options;
+};
+
 struct SessionOptions {
-    std::vector<Export> Exports;                // empty: DefaultTree() as \\demo\files
-    std::map<std::string, uint32_t> Switches;   // registry values, by name
-    std::map<std::string, uint64_t> Quotas;     // by export name, bytes
-    std::optional<uint32_t> TraceMask;          // the driver's lines on standard error
-    std::optional<std::filesystem::path> Log;   // where the driver's log goes
-    std::optional<std::filesystem::path> Image; // the driver's image, instead of the driver that is linked in
-    std::vector<std::string> Uses;              // letters that are mapped at the start, G:=\\server\volume
-    std::string Logon;                          // the logon session that it begins in; empty: the first
-    std::optional<std::filesystem::path> Calls; // where a line for each of the image's kernel calls goes
+    std::vector<Export> Exports;                  // empty: DefaultTree() as \\demo\files
+    std::map<std::string, uint32_t> Switches;     // registry values, by name
+    std::map<std::string, uint64_t> Quotas;       // by export name, bytes
+    std::optional<ProviderChoice> Provider;       // instead of exports
+    std::optional<std::filesystem::path> Journal; // where every request and every call of the Provider goes
+    std::optional<uint32_t> TraceMask;            // the driver's lines on standard error
+    std::optional<std::filesystem::path> Log;     // where the driver's log goes
+    std::optional<std::filesystem::path> Image;   // the driver's image, instead of the driver that is linked in
+    std::vector<std::string> Uses;                // letters that are mapped at the start, G:=\\server\volume
+    std::string Logon;                            // the logon session that it begins in; empty: the first
+    std::optional<std::filesystem::path> Calls;   // where a line for each of the image's kernel calls goes
 };
 
 // A switch that the driver reads, with what it takes when its key has no value.
@@ -82,6 +93,10 @@ public:
     // Shuts down and proves that nothing is left: the findings, one line each; empty when there are none.
     std::string Stop();
 
+    // Who listens to requests and calls. Another one after the driver was started again.
+    RequestTap &Requests() {
+        return *Tap_;
+    }
     // Requests and Provider calls from now on go to Sink as lines, in order; an empty sink ends that.
     void Watch(std::function<void(const std::string &)> Sink);
 
@@ -109,12 +124,12 @@ public:
 private:
     void Start();
     void LogOn();
-    // Hands the exports to the Provider. UsageError when one cannot be served.
+    // Loads the Provider that serves instead of directories; its volumes become the exports.
+    void LoadProvider();
+    // Hands the exports to the directory Provider. UsageError when one cannot be served.
     void Serve(const std::map<std::string, uint64_t> &Quotas);
     void OpenImage();
     std::vector<std::filesystem::path> OpenOf(std::string_view Kind) const;
-    void OnRequest(const embedded::CompletedRequest &Request);
-    void Tell(const std::string &Line);
 
     SessionOptions Options_;
     std::vector<Export> Exports_;
@@ -123,16 +138,19 @@ private:
     std::ofstream Calls_;
     bool Recorded_ = false;
     std::optional<CallTrace> Tracing_;
-    std::unique_ptr<embedded::DriverImage> Image_; // null: the driver is linked in
+    std::unique_ptr<embedded::DriverImage> Image_;      // null: the driver is linked in
+    std::unique_ptr<providers::SharedLibrary> Library_; // null: directories are served
     std::unique_ptr<providers::DirectoryProvider> Directories_;
-    std::unique_ptr<providers::Recorder> Recorder_;
     std::unique_ptr<embedded::Kernel> Kernel_;
     std::unique_ptr<providers::Framework> Framework_;
     std::unique_ptr<app::Drives> Drives_;
     std::vector<DriveUse> Uses_; // mapped when the driver was stopped
     std::string Logon_;
-    std::mutex WatchLock_;
-    std::function<void(const std::string &)> Watcher_;
+    std::unique_ptr<providers::Failures> Failures_;
+    std::unique_ptr<providers::Recorder> Recorder_;
+    std::unique_ptr<RequestTap> Tap_;
+    std::unique_ptr<RequestListener> Watcher_;
+    std::unique_ptr<Journal> Journal_;
     bool Stopped_ = true;
 };
 

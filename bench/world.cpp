@@ -125,12 +125,11 @@ std::unique_ptr<providers::ScriptedProvider> MakeScripted() {
     return Made;
 }
 
-struct World {
+struct World : providers::CallSink {
     World(ProviderKind Kind, DriverKind Driver, bool Recorded)
         : Kind(Kind), Driver(Driver), Recorded(Recorded), Recorder(MakeProvider()) {
         if (Recorded) {
-            Recorder.SetSink([this](std::string Line) { Calls += Line.substr(0, Line.find('(')) + "\n"; });
-            Target = &Recorder;
+            Recorder.SetSink(this);
         }
         embedded::KernelOptions Options;
         Options.Time = embedded::ClockMode::Running;
@@ -152,10 +151,16 @@ struct World {
             Fail(fmt::format("the driver did not start: 0x{:08X}", static_cast<ULONG>(Status)));
         }
     }
-    ~World() {
+    ~World() override {
         if (const std::string Left = Kernel->Stop(); !Left.empty()) {
             Fail("left behind:\n" + Left);
         }
+    }
+
+    void CallBegan(const providers::ProviderCall &) noexcept override {
+    }
+    void CallEnded(const providers::ProviderCall &Call) noexcept override {
+        Calls += std::string(Call.Operation) + "\n";
     }
 
     RVIOM_FSD *MakeProvider() {

@@ -18,6 +18,7 @@ namespace embedded {
 
 // One completed request. The views are valid during the call of the observer only.
 struct CompletedRequest {
+    const IRP *Irp; // tells it from the others that are under way; not to be looked into
     UCHAR MajorFunction;
     UCHAR MinorFunction;
     ULONG Code; // the control code or the information class, 0 where the request has none
@@ -32,6 +33,24 @@ struct CompletedRequest {
 // empty function turns the log off. Not to be changed while requests are running.
 using IoObserver = std::function<void(const CompletedRequest &)>;
 void SetIoObserver(IoObserver Observer);
+
+// What watches requests on their way, in the thread where each thing happens and at whatever IRQL; it must not call the
+// kernel. A request that pends is completed in another thread than it was sent in, or later in the same.
+class IoTap {
+public:
+    virtual ~IoTap() = default;
+    // Before the driver is called. The stack location is the driver's.
+    virtual void Sent(const IRP *Irp, const IO_STACK_LOCATION &Location) noexcept = 0;
+    virtual void Completed(const CompletedRequest &Request) noexcept = 0;
+    // The driver's dispatch routine is back, with STATUS_PENDING when the request is under way or was posted.
+    virtual void Returned(const IRP *Irp, NTSTATUS Status) noexcept = 0;
+};
+// Null takes it away. May be called while requests are under way: those may be told in part, and some may still be told
+// to a tap that was taken away, which therefore stays until the kernel has stopped.
+void SetIoTap(IoTap *Tap) noexcept;
+
+// File objects that anybody still refers to.
+size_t LiveFileObjects() noexcept;
 
 // "IRP_MJ_READ" and so on; "IRP_MJ_?" above the last function.
 const char *MajorFunctionName(UCHAR MajorFunction) noexcept;

@@ -37,7 +37,12 @@ struct alignas(64) {
 } CancelSpinLock;
 
 IoObserver TheObserver;
-std::atomic<bool> Observing{false};
+std::atomic<bool> Observing{false}; // an observer or a tap is there
+std::atomic<IoTap *> TheTap{nullptr};
+
+void SetObserving() {
+    Observing.store(TheObserver || TheTap.load() != nullptr, std::memory_order_release);
+}
 
 std::atomic<IrpBlock *> AllBlocks{nullptr};
 
@@ -244,9 +249,34 @@ ULONG CodeOf(const IO_STACK_LOCATION &Location) {
 __attribute__((noinline)) void NTAPI Observe(const IrpBlock &Block) noexcept {
     const IO_STACK_LOCATION &Location = *Block.Irp.Tail.Overlay.CurrentStackLocation;
     const PFILE_OBJECT File = Location.FileObject;
-    TheObserver({Location.MajorFunction, Location.MinorFunction, CodeOf(Location), File,
-                 File == nullptr ? std::u16string_view{} : View(&File->FileName), Block.Irp.IoStatus.Status,
-                 Block.Irp.IoStatus.Information, Block.StartTime == 0 ? 0 : WallClock() - Block.StartTime});
+    const CompletedRequest Request = {&Block.Irp,
+                                      Location.MajorFunction,
+                                      Location.MinorFunction,
+                                      CodeOf(Location),
+                                      File,
+                                      File == nullptr ? std::u16string_view{} : View(&File->FileName),
+                                      Block.Irp.IoStatus.Status,
+                                      Block.Irp.IoStatus.Information,
+                                      Block.StartTime == 0 ? 0 : WallClock() - Block.StartTime};
+    if (TheObserver) {
+        TheObserver(Request);
+    }
+    if (IoTap *Tap = TheTap.load(std::memory_order_acquire)) {
+        Tap->Completed(Request);
+    }
+}
+
+__attribute__((noinline)) int64_t NTAPI ObserveSent(const IrpBlock &Block) noexcept {
+    if (IoTap *Tap = TheTap.load(std::memory_order_acquire)) {
+        Tap->Sent(&Block.Irp, *Block.Irp.Tail.Overlay.CurrentStackLocation);
+    }
+    return WallClock();
+}
+
+__attribute__((noinline)) void NTAPI ObserveReturned(const IrpBlock &Block, NTSTATUS Status) noexcept {
+    if (IoTap *Tap = TheTap.load(std::memory_order_acquire)) {
+        Tap->Returned(&Block.Irp, Status);
+    }
 }
 
 // ---- Return from dispatch ------------------------------------------------------------------------------------
@@ -321,7 +351,12 @@ __attribute__((noinline)) void NTAPI FinishPended(IrpBlock &Block, UCHAR MajorFu
 
 void SetIoObserver(IoObserver Observer) {
     TheObserver = std::move(Observer);
-    Observing.store(static_cast<bool>(TheObserver), std::memory_order_release);
+    SetObserving();
+}
+
+void SetIoTap(IoTap *Tap) noexcept {
+    TheTap.store(Tap, std::memory_order_release);
+    SetObserving();
 }
 
 IrpBlock *AllocateIrp(DeviceObject &Device, bool Filter) noexcept {
@@ -384,7 +419,8 @@ NTSTATUS CallDriver(DeviceObject &Device, IrpBlock &Block) noexcept {
     const bool Asynchronous = Block.Asynchronous;
     Block.MajorFunction = MajorFunction;
     Block.Code = CodeOf(*Block.Irp.Tail.Overlay.CurrentStackLocation);
-    Block.StartTime = Observing.load(std::memory_order_acquire) ? WallClock() : 0;
+    const bool Observed = Observing.load(std::memory_order_acquire);
+    Block.StartTime = Observed ? ObserveSent(Block) : 0;
     Block.Dispatcher = &Thread;
     if (Block.Irp.RequestorMode == KernelMode && Block.Irp.MdlAddress == nullptr) {
         RequireKernelAddress(bugcheck::UserAddressInIrp, Block.Irp.UserBuffer, MajorFunctionName(MajorFunction));
@@ -397,6 +433,9 @@ NTSTATUS CallDriver(DeviceObject &Device, IrpBlock &Block) noexcept {
         RequireUnchanged Unchanged(DriverCall::Dispatch, MajorFunctionName(MajorFunction));
         FaultScope Faults;
         Status = Device.Nt.DriverObject->MajorFunction[MajorFunction](&Device.Nt, &Block.Irp);
+    }
+    if (Observed) [[unlikely]] {
+        ObserveReturned(Block, Status);
     }
     if (Thread.TopLevelIrp != TopLevel) {
         Report(bugcheck::OwnRule, Block, reinterpret_cast<ULONG_PTR>(Thread.TopLevelIrp),

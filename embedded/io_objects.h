@@ -172,7 +172,6 @@ bool CancelIrp(IrpBlock &Block) noexcept;
 std::string DescribeIrps();
 size_t IrpsInUse() noexcept;
 size_t LiveDevices() noexcept;
-size_t LiveFileObjects() noexcept;
 
 // A line for each aligned word that points between Low and High of the requests in use, with their stack locations, and
 // of the file objects that were made while Verifying(). Called when no driver code runs.

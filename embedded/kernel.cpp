@@ -126,6 +126,7 @@ std::string Kernel::Stop() {
     ResetSystemVolume();
     ResetRegistry();
     SetIoObserver({});
+    SetIoTap(nullptr);
     SetDebugSink({});
     ResetLockOrder();
     if (Options_.ResetDriverImage) {

@@ -14,6 +14,8 @@ VerbList Verbs() {
     AddOpenVerbs(List);
     AddMappingVerbs(List);
     AddTourVerb(List);
+    AddProviderVerb(List);
+    AddReportVerb(List);
     const auto EndAtFailure = std::make_shared<bool>(false);
     List.push_back({.Name = "console",
                     .Group = "program",

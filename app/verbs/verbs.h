@@ -20,6 +20,8 @@ void AddMappingVerbs(VerbList &List); // use, verify, session
 
 // Maps a letter as --use says: G:=\\server\volume.
 void UseDrive(Drives &Of, const std::string &Text);
+void AddProviderVerb(VerbList &List); // check-provider
+void AddReportVerb(VerbList &List);   // report
 
 // All of them, and console; each call gives them places of their own for what they are told.
 VerbList Verbs();

@@ -1,81 +1,92 @@
 #include "providers/recorder/recorder.h"
 
-#include <string_view>
-
 #include <fmt/format.h>
 
+#include "providers/slots.h"
 #include "providers/wide_text.h"
 
 namespace providers {
 
 namespace {
 
-std::string Quoted(PCWSTR Text) {
-    if (Text == nullptr) {
-        return "null";
-    }
-    return '"' + ToUtf8(Text) + '"';
-}
+// What goes in is there before the call, what comes out only after it.
+struct Values {
+    ProviderCall &Call;
+    bool Before;
 
-// What goes in is shown in the call, what comes out behind its status. Pointers to data show only that they are there.
-struct Line {
-    std::string In;
-    std::string Out;
-
-    void Argument(const char *Name, std::string Value) {
-        In += fmt::format("{}{}={}", In.empty() ? "" : ", ", Name, Value);
-    }
-    void Result(const char *Name, std::string Value) {
-        Out += fmt::format(" {}={}", Name, Value);
-    }
-
-    void Show(const char *Name, PCWSTR Value) {
-        Argument(Name, Quoted(Value));
-    }
-    void Show(const char *Name, PWSTR Value) { // a path buffer
-        if (Value != nullptr) {
-            Result(Name, Quoted(Value));
+    void Argument(const char *Name, std::string Text, bool Quoted = false) {
+        if (Before) {
+            Call.In.push_back({Name, std::move(Text), Quoted});
         }
     }
-    void Show(const char *Name, PUNICODE_STRING Value) {
-        Argument(Name, '"' + ToUtf8({Value->Buffer, Value->Length / sizeof(WCHAR)}) + '"');
+    void Result(const char *Name, std::string Text, bool Quoted = false) {
+        if (!Before) {
+            Call.Out.push_back({Name, std::move(Text), Quoted});
+        }
     }
-    void Show(const char *Name, ULONG64 Value) {
+
+    void Take(const char *Name, PCWSTR Value) {
+        Argument(Name, Value == nullptr ? "null" : ToUtf8(Value), Value != nullptr);
+    }
+    void Take(const char *Name, PWSTR Value) { // a path buffer
+        if (!Before && Value != nullptr) {
+            Result(Name, ToUtf8(Value), true);
+        }
+    }
+    void Take(const char *Name, PUNICODE_STRING Value) {
+        Argument(Name, ToUtf8({Value->Buffer, Value->Length / sizeof(WCHAR)}), true);
+    }
+    void Take(const char *Name, ULONG64 Value) {
         Argument(Name, fmt::format("{}", Value));
     }
-    void Show(const char *Name, ULONG Value) {
+    void Take(const char *Name, ULONG Value) {
         Argument(Name, fmt::format("0x{:x}", Value));
     }
-    void Show(const char *Name, UCHAR Value) {
+    void Take(const char *Name, UCHAR Value) {
         Argument(Name, fmt::format("{}", Value));
     }
-    void Show(const char *Name, ULONG64 *Value) {
-        if (Value != nullptr) {
-            Result(Name, fmt::format("{}", *Value));
+    template <typename Number>
+    void TakeAnswer(const char *Name, const Number *Value, const char *Form) {
+        if (!Before && Value != nullptr) {
+            Result(Name, fmt::format(fmt::runtime(Form), *Value));
         }
     }
-    void Show(const char *Name, LONG64 *Value) {
-        if (Value != nullptr) {
-            Result(Name, fmt::format("{}", *Value));
-        }
+    void Take(const char *Name, ULONG64 *Value) {
+        TakeAnswer(Name, Value, "{}");
     }
-    void Show(const char *Name, ULONG *Value) {
-        if (Value != nullptr) {
-            Result(Name, fmt::format("0x{:x}", *Value));
-        }
+    void Take(const char *Name, LONG64 *Value) {
+        TakeAnswer(Name, Value, "{}");
     }
-    void Show(const char *Name, USHORT *Value) {
-        if (Value != nullptr) {
-            Result(Name, fmt::format("0x{:x}", *Value));
-        }
+    void Take(const char *Name, ULONG *Value) {
+        TakeAnswer(Name, Value, "0x{:x}");
     }
-    void Show(const char *, UCHAR *) {
+    void Take(const char *Name, USHORT *Value) {
+        TakeAnswer(Name, Value, "0x{:x}");
     }
-    void Show(const char *, PVOID) {
+    void Take(const char *, UCHAR *) {
+    }
+    void Take(const char *, PVOID) {
     }
 };
 
+std::atomic<Recorder *> Active{nullptr};
+
 } // namespace
+
+std::string Describe(const ProviderCall &Call) {
+    const auto Shown = [](const CallValue &Value) {
+        return fmt::format(fmt::runtime(Value.Quoted ? "{}=\"{}\"" : "{}={}"), Value.Name, Value.Text);
+    };
+    std::string Line = std::string(Call.Operation) + '(';
+    for (const CallValue &Value : Call.In) {
+        Line += (&Value == &Call.In.front() ? "" : ", ") + Shown(Value);
+    }
+    Line += fmt::format(") -> 0x{:08X}", static_cast<ULONG>(Call.Status));
+    for (const CallValue &Value : Call.Out) {
+        Line += ' ' + Shown(Value);
+    }
+    return Line;
+}
 
 struct RecorderThunks {
     template <typename... A>
@@ -84,31 +95,32 @@ struct RecorderThunks {
     // One thunk per slot: the slot, the name of the operation and of its arguments are what tells them apart.
     template <auto Slot, const auto &Names, typename... A>
     struct Thunk {
+        static void Show(ProviderCall &Call, bool Before, A... Arguments) {
+            size_t Next = 1;
+            Values Taken{Call, Before};
+            (Taken.Take(Names[Next++], Arguments), ...);
+        }
         static RVSTATUS NTAPI Call(RVIOM_FSD *Self, RV_SECURITY_CONTEXT *Security, A... Arguments) noexcept {
-            auto *Owner = static_cast<Recorder *>(Self);
-            const RVSTATUS Status = (Owner->Below_->Table->*Slot)(Owner->Below_, Security, Arguments...);
-            if constexpr (std::string_view(Names[0]).starts_with("RVFsdEnumerateDirectory")) {
-                Owner->NoteListing(Status);
+            Recorder &Owner = *Active.load(std::memory_order_acquire);
+            CallSink *Sink = Owner.Sink_.load(std::memory_order_acquire);
+            if (Sink == nullptr) {
+                return (Owner.Below_->*Slot)(Self, Security, Arguments...);
             }
-            if (Owner->Sink_) {
-                Line Shown;
-                size_t Next = 1;
-                (Shown.Show(Names[Next++], Arguments), ...);
-                Owner->Sink_(fmt::format("{}({}) -> 0x{:08X}{}", Names[0], Shown.In, static_cast<ULONG>(Status),
-                                         RvIsError(Status) ? "" : Shown.Out));
+            ProviderCall Told{Names[0], {}, {}, {}};
+            Show(Told, true, Arguments...);
+            Sink->CallBegan(Told);
+            Told.Status = (Owner.Below_->*Slot)(Self, Security, Arguments...);
+            if (!RvIsError(Told.Status)) {
+                Show(Told, false, Arguments...);
             }
-            return Status;
+            Sink->CallEnded(Told);
+            return Told.Status;
         }
     };
 
     template <auto Slot, const auto &Names, typename... A>
     static void Install(RVIOM_FSD_TABLE &Table, Operation<A...> RVIOM_FSD_TABLE::*) {
         Table.*Slot = Thunk<Slot, Names, A...>::Call;
-    }
-
-    static ULONG NTAPI Release(RVIOM_FSD *Self) noexcept {
-        RVIOM_FSD *Below = static_cast<Recorder *>(Self)->Below_;
-        return Below->Table->Release(Below);
     }
 };
 
@@ -151,44 +163,21 @@ RECORDED(RVFsdModifyFileAccess, "handle", "access", "share", "options")
 
 } // namespace
 
-Recorder::Recorder(RVIOM_FSD *Below) : Below_(Below), Table_(*Below->Table) {
-    Table_.Release = RecorderThunks::Release;
-    Table_.QueryInterface = nullptr;
-    Table_.AddRef = nullptr;
-#define INSTALL(Name) RecorderThunks::Install<&RVIOM_FSD_TABLE::Name, Name##Names>(Table_, &RVIOM_FSD_TABLE::Name)
-    INSTALL(RVFsdOpenVolume);
-    INSTALL(RVFsdCloseVolume);
-    INSTALL(RVFsdGetVolumeInformation);
-    INSTALL(RVFsdGetVolumeSize);
-    INSTALL(RVFsdQueryPathForVolume);
-    INSTALL(RVFsdCreateDirectory);
-    INSTALL(RVFsdOpenDirectory);
-    INSTALL(RVFsdGetDirectoryInformation);
-    INSTALL(RVFsdSetDirectoryInformation);
-    INSTALL(RVFsdCloseDirectory);
-    INSTALL(RVFsdDeleteDirectory);
-    INSTALL(RVFsdEnumerateDirectory);
-    INSTALL(RVFsdMoveDirectory);
-    INSTALL(RVFsdCreateFile);
-    INSTALL(RVFsdCloseFile);
-    INSTALL(RVFsdDeleteFile);
-    INSTALL(RVFsdMoveFile);
-    INSTALL(RVFsdFlushFile);
-    INSTALL(RVFsdGetFileInformation);
-    INSTALL(RVFsdGetBasicFileInformation);
-    INSTALL(RVFsdGetFileId);
-    INSTALL(RVFsdGetFileSize);
-    INSTALL(RVFsdLockFile);
-    INSTALL(RVFsdUnlockFile);
-    INSTALL(RVFsdReadFile);
-    INSTALL(RVFsdSetFileInformation);
-    INSTALL(RVFsdWriteFile);
-    INSTALL(RVFsdEnumerateDirectoryEx);
-    INSTALL(RVFsdGetEffectiveRights);
-    INSTALL(RVFsdGetDFSPhysicalPath);
-    INSTALL(RVFsdModifyFileAccess);
+Recorder::Recorder(RVIOM_FSD *Provider) : Provider_(Provider), Below_(Provider->Table), Watched_(*Provider->Table) {
+#define INSTALL(Number, Name)                                                                                          \
+    RecorderThunks::Install<&RVIOM_FSD_TABLE::RVFsd##Name, RVFsd##Name##Names>(Watched_, &RVIOM_FSD_TABLE::RVFsd##Name);
+    RVFSD_PROVIDER_OPERATIONS(INSTALL)
 #undef INSTALL
-    Table = &Table_;
+    Active.store(this, std::memory_order_release);
+}
+
+Recorder::~Recorder() {
+    SetSink(nullptr);
+}
+
+void Recorder::SetSink(CallSink *To) {
+    Sink_.store(To, std::memory_order_release);
+    __atomic_store_n(&Provider_->Table, To != nullptr ? &Watched_ : Below_, __ATOMIC_RELEASE);
 }
 
 } // namespace providers

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "provider/provider_interface.h"
-#include "providers/scripted/slots.h"
+#include "providers/slots.h"
 #include "providers/wide_text.h"
 
 #include <optional>

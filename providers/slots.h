@@ -5,8 +5,8 @@
 
 namespace providers {
 
-#define RVFSD_PROVIDER_SLOTS(X)                                                                                        \
-    X(2, Release)                                                                                                      \
+#define RVFSD_PROVIDER_SLOTS(X) X(2, Release) RVFSD_PROVIDER_OPERATIONS(X)
+#define RVFSD_PROVIDER_OPERATIONS(X)                                                                                   \
     X(3, OpenVolume)                                                                                                   \
     X(4, CloseVolume)                                                                                                  \
     X(5, GetVolumeInformation)                                                                                         \
