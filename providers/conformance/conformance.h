@@ -1,7 +1,7 @@
 // What the driver relies on in a Provider, asked of it one thing after the other.
 //
-// A Provider that takes changes is asked in a directory of its own, rvfsd-check-NUMBER-NUMBER in the volume's root, which is
-// gone afterwards; of one that takes none, only what can be read is asked.
+// A Provider that takes changes is asked in a directory of its own, rvfsd-check-NUMBER-NUMBER in the volume's root,
+// which is gone afterwards; of one that takes none, only what can be read is asked.
 #pragma once
 
 #include <string>

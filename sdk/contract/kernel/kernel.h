@@ -1,5 +1,6 @@
-// What the Provider's contract needs of the kernel's declarations: the basic types and the calling convention. Installed
-// in the place of the driver's header of this name, so that provider/provider_interface.h is the same file on both sides.
+// What the Provider's contract needs of the kernel's declarations: the basic types and the calling convention.
+// Installed in the place of the driver's header of this name, so that provider/provider_interface.h is the same file on
+// both sides.
 #pragma once
 
 #include "kernel/linux/base.h"
