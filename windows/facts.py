@@ -224,9 +224,9 @@ def driver_names(sources):
     # The pages say that the prefixes of a line are addresses, whatever their labels promise.
     for label, call in (("TID", "KeGetCurrentThread"), ("PID", "IoGetCurrentProcess")):
         sources.find("driver/frame/diagnostics.cpp",
-                     rf'(\[{label} - 0x%I64X\] ", reinterpret_cast<ULONG64>\({call}\(\)\))', f"the prefix {label}")
+                     rf'(\[{label} - 0x%I64X\] ",\s+reinterpret_cast<ULONG64>\({call}\(\)\))', f"the prefix {label}")
     return DriverNames(registry_path(sources.constant("driver/frame/configuration.cpp", "SERVICE_KEY")),
-                       sources.constant(entry, "DEVICE_NAME"), log_file, int(component), categories, unloads,
+                       sources.constant("driver/frame/driver.h", "DEVICE_NAME"), log_file, int(component), categories, unloads,
                        always_printed(sources), takes_text(sources))
 
 
