@@ -172,7 +172,9 @@ void SwitchTrace(Session &Running, const Parts &Line) {
     const uint32_t Mask = ParseCategories(Line[1]);
     // Waits are of the driver that runs now.
     EndConsoleWaits();
+    EndConsoleLocks();
     BeginConsoleWaits();
+    BeginConsoleLocks();
     const uint32_t Now = Running.Trace(Mask, On);
     fmt::print("the driver was started again; categories traced: {} (0x{:x})\n", ShowCategories(Now), Now);
 }
@@ -392,6 +394,7 @@ int RunScript(Session &Running, bool EndAtFailure) {
 
 int RunConsole(Session &Running, bool EndAtFailure) {
     BeginConsoleWaits();
+    BeginConsoleLocks();
     int Code = 0;
     if (isatty(STDIN_FILENO) != 0) {
         RunOnTerminal(Running);
@@ -399,6 +402,7 @@ int RunConsole(Session &Running, bool EndAtFailure) {
         Code = RunScript(Running, EndAtFailure);
     }
     EndConsoleWaits();
+    EndConsoleLocks();
     SetRemoteDirectory({});
     return Code;
 }

@@ -12,6 +12,7 @@ VerbList Verbs() {
     AddWatchVerb(List);
     AddInfoVerbs(List);
     AddOpenVerbs(List);
+    AddLockingVerbs(List);
     AddMappingVerbs(List);
     AddTourVerb(List);
     AddProviderVerb(List);

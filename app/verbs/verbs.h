@@ -15,6 +15,7 @@ void AddListingVerbs(VerbList &List); // ls, find, tree, du
 void AddWatchVerb(VerbList &List);    // watch
 void AddInfoVerbs(VerbList &List);    // stat, df, vol
 void AddOpenVerbs(VerbList &List);    // open, claim
+void AddLockingVerbs(VerbList &List); // lock, unlock, flush, read
 void AddTourVerb(VerbList &List);     // tour
 void AddMappingVerbs(VerbList &List); // use, verify, session
 
@@ -31,6 +32,9 @@ const Verb *FindVerb(const VerbList &List, const std::string &Name);
 // Between the two, the waits of watch go on beside other verbs; the second ends them.
 void BeginConsoleWaits();
 void EndConsoleWaits();
+// Between the two, locks that lock has got stay until unlock gives them back; the second ends them all.
+void BeginConsoleLocks();
+void EndConsoleLocks();
 
 // The console: verbs over one running driver until quit or end of input. The exit code of its last failure when it
 // reads commands from a pipe or a file.
