@@ -196,7 +196,7 @@ void RunCommonRoutine(PIRP_CONTEXT IrpContext) {
     const PIRP Irp = IrpContext->Irp;
     const bool IsTransfer = IrpContext->MajorFunction == IRP_MJ_READ || IrpContext->MajorFunction == IRP_MJ_WRITE;
     if (IsTransfer && (IrpContext->MinorFunction & IRP_MN_DPC) && Irp->Tail.Overlay.Thread == nullptr) {
-        Irp->Tail.Overlay.Thread = KeGetCurrentThread();
+        Irp->Tail.Overlay.Thread = reinterpret_cast<PETHREAD>(KeGetCurrentThread());
     }
     if (IrpContext->Flags & IRP_CONTEXT_FLAG_LOCK_COMPLETION_POSTED) {
         NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdDispatch calling TwLockCompleteRoutineWithAcquire!\n");

@@ -94,6 +94,18 @@ TEST(ProgramConsole, GoesOnAfterMistakes) {
     EXPECT_EQ(Stopped.Out, "");
 }
 
+TEST(ProgramConsole, HoldsLocksUntilTheyAreGivenBackAndReadsWithManyRequestsInFlight) {
+    const Ran Session = test::RunProgram({"console"}, "lock //demo/files/docs/b.txt 0 4\n"
+                                                      "lock //demo/files/docs/b.txt 8 4 --shared\n"
+                                                      "unlock //demo/files/docs/b.txt 0 4\n"
+                                                      "flush //demo/files/docs/b.txt\n"
+                                                      "read //demo/files/docs/b.txt --in-flight 3 --block 5\n"
+                                                      "unlock //demo/files/docs/b.txt 0 4\n");
+    EXPECT_EQ(Session.Code, 1);
+    EXPECT_EQ(Session.Out, SecondFile + std::string("\n"));
+    EXPECT_THAT(Session.Error, HasSubstr("STATUS_RANGE_NOT_LOCKED"));
+}
+
 TEST(ProgramConsole, HasDirectoriesOfItsOwn) {
     const test::ScratchDirectory Local;
     Local.Write("mine", "mine");
