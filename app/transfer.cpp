@@ -96,14 +96,26 @@ public:
     void Keep(const FILE_BASIC_INFORMATION *Facts) {
         File_->Flush();
         if (Replaces_) {
-            FILE_BASIC_INFORMATION Record = {};
-            Record.CreationTime = Old_.CreationTime;
-            Record.FileAttributes = Old_.FileAttributes;
-            SetBasic(*File_, Facts != nullptr ? *Facts : Record);
+            FILE_BASIC_INFORMATION Record = Facts != nullptr ? *Facts : FILE_BASIC_INFORMATION{};
+            if (Record.FileAttributes == 0) {
+                Record.FileAttributes = Old_.FileAttributes;
+            }
+            if (Record.CreationTime.QuadPart == 0) {
+                Record.CreationTime = Old_.CreationTime;
+            }
+            // Read-only comes last: until it has its name, the part must be one that can be deleted.
+            const ULONG Attributes = Record.FileAttributes;
+            Record.FileAttributes &= ~static_cast<ULONG>(FILE_ATTRIBUTE_READONLY);
+            Record.FileAttributes |= Record.FileAttributes == 0 ? FILE_ATTRIBUTE_NORMAL : 0;
+            SetBasic(*File_, Record);
             try {
                 RenameOpen(*File_, Path_, true);
             } catch (const StatusError &Refused) {
                 throw StatusError(Refused.Status, ShowPath(Path_) + " cannot be replaced; --inplace writes into it");
+            }
+            Kept_ = true;
+            if (Attributes != Record.FileAttributes) {
+                SetBasic(*File_, {.FileAttributes = Attributes});
             }
         } else if (Facts != nullptr) {
             SetBasic(*File_, *Facts);
@@ -131,6 +143,9 @@ private:
         }
         RemoteFile Old(Path_, Found);
         Old_ = Basic(Old);
+        if ((Old_.FileAttributes & FILE_ATTRIBUTE_READONLY) != 0) {
+            throw StatusError(STATUS_ACCESS_DENIED, ShowPath(Path_) + " is read-only; attrib -r changes that");
+        }
         return true;
     }
     void RemovePart() {

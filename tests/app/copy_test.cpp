@@ -98,6 +98,13 @@ TEST_F(ProgramCopy, OverwritesOnlyWithForce) {
     EXPECT_EQ(Served.Read("link"), Bytes);
     EXPECT_THAT(Run({"ls", "-l", R"(\\srv\vol\there)"}).Out, StartsWith("--h--"));
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(Served.Path()), {}), 3) << "no part is left";
+    Succeeds({"attrib", "+r", R"(\\srv\vol\there)"});
+    Fails({"put", "-f", Local.File("big"), R"(\\srv\vol\there)"},
+          "STATUS_ACCESS_DENIED (0xC0000022): \\\\srv\\vol\\there is read-only; attrib -r changes that\n");
+    Succeeds({"cp", "-fp", R"(\\srv\vol\there)", R"(\\srv\vol\link)"});
+    EXPECT_THAT(Run({"ls", "-l", R"(\\srv\vol\link)"}).Out, StartsWith("-rh--"));
+    EXPECT_EQ(Served.Read("link"), "newer");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(Served.Path()), {}), 3);
 }
 
 TEST_F(ProgramCopy, NeverEmptiesAFileByCopyingItOntoItself) {
