@@ -112,6 +112,7 @@ if [ -n "$calls" ] && [ "$filter" = "*" ]; then
         echo "Every import of the image was called: $(awk '{ print $1, $2 }' "$logs"/shard-*.calls | sort -u | wc -l)"
     fi
 fi
+[ "$program" = rvfsd_tests ] || grep -h '^\[ STACK' "$logs"/shard-*.log | sort -k 4 -n | tail -n 1
 [ $((passed + failed)) -gt 0 ] || { echo "No test matches '$filter'."; failed=1; }
 echo "$passed passed, $failed failed"
 [ "$failed" -eq 0 ]

@@ -16,6 +16,8 @@ void RegisterQueries(DriverKind Driver);
 void RegisterTables();
 // Their client is linked to the driver that is linked in, too.
 void RegisterMappings();
+// The embedded kernel's lock library, without a driver.
+void RegisterLocks();
 
 inline std::string Prefix(DriverKind Driver) {
     return Driver == DriverKind::Image ? "image/" : "";

@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <map>
+#include <memory>
 #include <optional>
 #include <utility>
+#include <vector>
 
 #include "kernel/linux/objects.h"
 
@@ -69,142 +71,151 @@ inline FILE_LOCK_INFO Describe(const Lock &Of) {
 using LockId = ULONG64;
 using GrantedLocks = std::map<LockId, Lock>;
 
-// The locks of one kind, in a tree that knows of each subtree where its ranges end at the most: a search looks at what
-// may overlap, and at none of the rest. Ordered by start, then number; balanced by drawn priorities.
+// The locks of one kind in blocks of neighbours, ordered by start, then number. Of each block it is known where its
+// ranges end at the most, and where those of it and of all before it do: a search looks at blocks that may overlap
+// only.
 class LocksByRange {
 public:
-    LocksByRange() = default;
-    LocksByRange(const LocksByRange &) = delete;
-    LocksByRange &operator=(const LocksByRange &) = delete;
-    ~LocksByRange() {
-        Free(Root_);
-    }
-
-    // Throws bad_alloc, having changed nothing.
+    // Throws bad_alloc, having changed nothing that is seen.
     void Add(GrantedLocks::iterator Granted) {
-        Random_ = Random_ * 6364136223846793005 + 1442695040888963407;
-        auto *New = new Node{Granted, EndOf(Granted->second.Bytes), Random_ >> 32, nullptr, nullptr};
-        const auto [Before, Behind] = Split(Root_, Key(New));
-        Root_ = Merge(Merge(Before, New), Behind);
+        const Entry New = {Granted->second.Bytes.Start, Granted->first, EndOf(Granted->second.Bytes), Granted};
+        if (Blocks_.empty()) {
+            Blocks_.push_back({MakeEntries(), New.Key(), 0, 0});
+        }
+        size_t At = BlockOf(New.Key());
+        if (Blocks_[At].Entries->size() == MostEntries) {
+            Divide(At);
+            At = BlockOf(New.Key());
+        }
+        std::vector<Entry> &Entries = *Blocks_[At].Entries;
+        Entries.insert(std::upper_bound(Entries.begin(), Entries.end(), New, Earlier), New);
+        Renew(At, At + 1);
     }
 
     void Remove(GrantedLocks::iterator Granted) {
-        const Place At = {Granted->second.Bytes.Start, Granted->first};
-        auto [Before, Rest] = Split(Root_, At);
-        auto [Old, Behind] = Split(Rest, {At.first, At.second + 1});
-        delete Old;
-        Root_ = Merge(Before, Behind);
+        const Entry Old = {Granted->second.Bytes.Start, Granted->first, 0, Granted};
+        const size_t At = BlockOf(Old.Key());
+        std::vector<Entry> &Entries = *Blocks_[At].Entries;
+        Entries.erase(std::lower_bound(Entries.begin(), Entries.end(), Old, Earlier));
+        if (Entries.empty()) {
+            Blocks_.erase(Blocks_.begin() + static_cast<ptrdiff_t>(At));
+            Renew(At, Blocks_.size());
+        } else {
+            Renew(At, At + 1);
+        }
     }
 
     // Whether Counts accepts a lock that overlaps Wanted.
     template <typename Predicate>
     bool AnyOverlap(const Range &Wanted, Predicate Counts) const {
-        return Search(Root_, Wanted, Counts);
+        if (Blocks_.empty()) {
+            return false;
+        }
+        const Entry Last = {EndOf(Wanted), ~LockId{0}, 0, {}};
+        for (size_t At = BlockOf(Last.Key()) + 1; At-- > 0 && Blocks_[At].FarthestSoFar >= Wanted.Start;) {
+            if (Blocks_[At].Farthest < Wanted.Start) {
+                continue;
+            }
+            const std::vector<Entry> &Entries = *Blocks_[At].Entries;
+            for (auto Each = std::upper_bound(Entries.begin(), Entries.end(), Last, Earlier);
+                 Each != Entries.begin();) {
+                --Each;
+                if (Each->End >= Wanted.Start && Overlap(Each->Granted->second.Bytes, Wanted) &&
+                    Counts(Each->Granted->second)) {
+                    return true;
+                }
+            }
+        }
+        return false;
     }
 
+    // The oldest lock of just these bytes and this owner.
     std::optional<GrantedLocks::iterator> Find(const Range &Bytes, const Owner &By) const {
-        std::optional<GrantedLocks::iterator> Found;
-        FindFrom(Root_, Bytes, By, &Found);
-        return Found;
+        const Entry First = {Bytes.Start, 0, 0, {}};
+        for (size_t At = Blocks_.empty() ? 0 : BlockOf(First.Key());
+             At < Blocks_.size() && Blocks_[At].First.first <= Bytes.Start; ++At) {
+            const std::vector<Entry> &Entries = *Blocks_[At].Entries;
+            for (auto Each = std::lower_bound(Entries.begin(), Entries.end(), First, Earlier);
+                 Each != Entries.end() && Each->Start == Bytes.Start; ++Each) {
+                const Lock &Here = Each->Granted->second;
+                if (Here.Bytes == Bytes && Here.By == By) {
+                    return Each->Granted;
+                }
+            }
+        }
+        return std::nullopt;
     }
 
 private:
     using Place = std::pair<ULONGLONG, LockId>;
-    struct Node {
+    struct Entry {
+        ULONGLONG Start;
+        LockId Id;
+        ULONGLONG End;
         GrantedLocks::iterator Granted;
-        ULONGLONG FarthestEnd;
-        ULONG64 Priority;
-        Node *Left;
-        Node *Right;
 
-        ULONGLONG Start() const {
-            return Granted->second.Bytes.Start;
-        }
-        ULONGLONG End() const {
-            return EndOf(Granted->second.Bytes);
+        Place Key() const {
+            return {Start, Id};
         }
     };
+    struct Block {
+        std::unique_ptr<std::vector<Entry>> Entries;
+        Place First;
+        ULONGLONG Farthest;
+        ULONGLONG FarthestSoFar; // of this block and those before it
+    };
+    static constexpr size_t MostEntries = 64;
 
     // Of a range of no bytes: its place.
     static ULONGLONG EndOf(const Range &Bytes) {
         return Bytes.Length == 0 ? Bytes.Start : Bytes.LastByte();
     }
-    static Place Key(const Node *Of) {
-        return {Of->Start(), Of->Granted->first};
+    static bool Earlier(const Entry &One, const Entry &Two) {
+        return One.Key() < Two.Key();
     }
-    static Node *Renew(Node *Of) {
-        Of->FarthestEnd = Of->End();
-        for (const Node *Below : {Of->Left, Of->Right}) {
-            Of->FarthestEnd = Below == nullptr ? Of->FarthestEnd : std::max(Of->FarthestEnd, Below->FarthestEnd);
-        }
-        return Of;
+    static std::unique_ptr<std::vector<Entry>> MakeEntries() {
+        auto Entries = std::make_unique<std::vector<Entry>>();
+        Entries->reserve(MostEntries);
+        return Entries;
     }
-    // Those before At, and the rest.
-    static std::pair<Node *, Node *> Split(Node *Of, const Place &At) {
-        if (Of == nullptr) {
-            return {nullptr, nullptr};
-        }
-        if (Key(Of) < At) {
-            const auto [Before, Behind] = Split(Of->Right, At);
-            Of->Right = Before;
-            return {Renew(Of), Behind};
-        }
-        const auto [Before, Behind] = Split(Of->Left, At);
-        Of->Left = Behind;
-        return {Before, Renew(Of)};
+    // The last block that begins at Key or before it; the first one when all begin later.
+    size_t BlockOf(const Place &Key) const {
+        const auto Behind =
+            std::upper_bound(Blocks_.begin(), Blocks_.end(), Key,
+                             [](const Place &Wanted, const Block &Each) { return Wanted < Each.First; });
+        return Behind == Blocks_.begin() ? 0 : static_cast<size_t>(Behind - Blocks_.begin()) - 1;
     }
-    static Node *Merge(Node *Before, Node *Behind) {
-        if (Before == nullptr || Behind == nullptr) {
-            return Before == nullptr ? Behind : Before;
-        }
-        if (Before->Priority > Behind->Priority) {
-            Before->Right = Merge(Before->Right, Behind);
-            return Renew(Before);
-        }
-        Behind->Left = Merge(Before, Behind->Left);
-        return Renew(Behind);
+    // Puts the second half of a full block into one of its own.
+    void Divide(size_t At) {
+        auto Half = MakeEntries();
+        Blocks_.reserve(Blocks_.size() + 1);
+        std::vector<Entry> &Entries = *Blocks_[At].Entries;
+        Half->assign(Entries.begin() + MostEntries / 2, Entries.end());
+        Entries.resize(MostEntries / 2);
+        const Place First = Half->front().Key();
+        Blocks_.insert(Blocks_.begin() + static_cast<ptrdiff_t>(At) + 1, Block{std::move(Half), First, 0, 0});
+        Renew(At, Blocks_.size());
     }
-    template <typename Predicate>
-    static bool Search(const Node *Of, const Range &Wanted, Predicate Counts) {
-        if (Of == nullptr || Of->FarthestEnd < Wanted.Start) {
-            return false;
-        }
-        if (Search(Of->Left, Wanted, Counts)) {
-            return true;
-        }
-        if (Of->Start() > EndOf(Wanted)) {
-            return false;
-        }
-        const Lock &Here = Of->Granted->second;
-        return (Overlap(Here.Bytes, Wanted) && Counts(Here)) || Search(Of->Right, Wanted, Counts);
-    }
-    // The oldest lock of just these bytes and this owner.
-    static void FindFrom(const Node *Of, const Range &Bytes, const Owner &By,
-                         std::optional<GrantedLocks::iterator> *Found) {
-        if (Of == nullptr || *Found) {
-            return;
-        }
-        if (Of->Start() >= Bytes.Start) {
-            FindFrom(Of->Left, Bytes, By, Found);
-        }
-        const Lock &Here = Of->Granted->second;
-        if (!*Found && Here.Bytes == Bytes && Here.By == By) {
-            *Found = Of->Granted;
-        }
-        if (Of->Start() <= Bytes.Start) {
-            FindFrom(Of->Right, Bytes, By, Found);
-        }
-    }
-    static void Free(Node *Of) {
-        if (Of != nullptr) {
-            Free(Of->Left);
-            Free(Of->Right);
-            delete Of;
+    // What is known of the blocks from At to End, and of those behind as far as it changes.
+    void Renew(size_t At, size_t End) {
+        for (; At < Blocks_.size(); ++At) {
+            Block &Here = Blocks_[At];
+            if (At < End) {
+                Here.First = Here.Entries->front().Key();
+                Here.Farthest = 0;
+                for (const Entry &Each : *Here.Entries) {
+                    Here.Farthest = std::max(Here.Farthest, Each.End);
+                }
+            }
+            const ULONGLONG SoFar = std::max(Here.Farthest, At == 0 ? 0 : Blocks_[At - 1].FarthestSoFar);
+            if (At >= End && SoFar == Here.FarthestSoFar) {
+                return;
+            }
+            Here.FarthestSoFar = SoFar;
         }
     }
 
-    Node *Root_ = nullptr;
-    ULONG64 Random_ = 1;
+    std::vector<Block> Blocks_;
 };
 
 } // namespace embedded

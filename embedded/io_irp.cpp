@@ -432,6 +432,7 @@ NTSTATUS CallDriver(DeviceObject &Device, IrpBlock &Block) noexcept {
     {
         RequireUnchanged Unchanged(DriverCall::Dispatch, MajorFunctionName(MajorFunction));
         FaultScope Faults;
+        const DriverStack Stack;
         Status = Device.Nt.DriverObject->MajorFunction[MajorFunction](&Device.Nt, &Block.Irp);
     }
     if (Observed) [[unlikely]] {

@@ -56,6 +56,7 @@ struct _KTHREAD {
     embedded::TokenObject *Impersonated; // null: the process's own token
     ULONG FaultScopes;                   // driver code runs: faults may be injected
     ULONG FaultExempts;                  // ... but not while this is set
+    ULONG_PTR DriverFrame;               // where the stack of the innermost call into the driver begins; 0 outside
     PMDL SpareMdl;                       // the MDL freed last, while nothing is verified
 
     ULONG HeldCount;

@@ -1,7 +1,9 @@
 // Rules of calls: the highest IRQL of each service, and what a call into the driver must leave as it was.
 #pragma once
 
+#include <atomic>
 #include <string_view>
+#include <utility>
 
 #include "embedded/thread.h"
 #include "embedded/verifier/report.h"
@@ -111,10 +113,48 @@ consteval const IrqlRule &IrqlRuleOf(std::string_view Routine) {
 
 [[noreturn]] void NTAPI ReportIrql(KIRQL Highest, std::string_view Routine) noexcept;
 
+// The stack that a driver has used where it called a service: the most of all calls so far, in bytes, and of which
+// service. A Provider's own share is not in it, for it calls none. Kept while Verifying().
+struct StackUse {
+    ULONG_PTR Bytes;
+    std::string_view Routine;
+};
+StackUse DeepestStackUse();
+
+// A kernel's thread has so much on Windows.
+inline constexpr ULONG_PTR KernelStackBytes = 24 * 1024;
+
+inline std::atomic<ULONG_PTR> DeepestBytes{0};
+void NTAPI NoteStackUse(ULONG_PTR Bytes, std::string_view Routine) noexcept;
+
+// Marks the calling frame as the one from which the driver is called, for the life of this object.
+class DriverStack {
+public:
+    DriverStack()
+        : Before_(std::exchange(CurrentThread().DriverFrame, reinterpret_cast<ULONG_PTR>(__builtin_frame_address(0)))) {
+    }
+    ~DriverStack() {
+        CurrentThread().DriverFrame = Before_;
+    }
+    DriverStack(const DriverStack &) = delete;
+    DriverStack &operator=(const DriverStack &) = delete;
+
+private:
+    const ULONG_PTR Before_;
+};
+
 // Stops when the calling thread's IRQL is above what Routine allows.
 inline void RequireIrql(KIRQL Highest, std::string_view Routine) {
-    if (Verifying() && CurrentThread().Irql > Highest) [[unlikely]] {
+    if (!Verifying()) {
+        return;
+    }
+    const KThread &Thread = CurrentThread();
+    if (Thread.Irql > Highest) [[unlikely]] {
         ReportIrql(Highest, Routine);
+    }
+    const ULONG_PTR Bytes = Thread.DriverFrame - reinterpret_cast<ULONG_PTR>(__builtin_frame_address(0));
+    if (Thread.DriverFrame != 0 && Bytes > DeepestBytes.load(std::memory_order_relaxed)) [[unlikely]] {
+        NoteStackUse(Bytes, Routine);
     }
 }
 inline void RequireIrql(const IrqlRule &Rule) {

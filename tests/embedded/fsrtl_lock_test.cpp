@@ -413,7 +413,7 @@ TEST_F(FileLocks, RandomLocksAgreeWithAPlainList) {
     std::mt19937 Random(7);
     std::vector<Held> Model;
     for (int Step = 0; Step < 4000; ++Step) {
-        Held New{Random() % 40, Random() % 12, Random() % 2 ? A_ : B_, Random() % 2 == 0};
+        Held New{Random() % 400, Random() % 12, Random() % 2 ? A_ : B_, Random() % 2 == 0};
         if (!Model.empty() && Random() % 2) {
             std::swap(Model[Random() % Model.size()], Model.back());
             // Where the owner holds the range both ways the exclusive lock goes.

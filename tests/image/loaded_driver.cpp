@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include "embedded/image/driver_image.h"
+#include "embedded/verifier/rules.h"
 #include "provider/framework.h"
 #include "tests/support/driver_under_test.h"
 
@@ -58,6 +59,11 @@ public:
     }
     void TearDown() override {
         CountCalls(*Mapping());
+        // What the driver itself takes of the kernel's 24 KiB; a Provider has the rest.
+        const auto [Bytes, Routine] = embedded::DeepestStackUse();
+        printf("[ STACK    ] %zu bytes at the most, where the driver calls %.*s\n", static_cast<size_t>(Bytes),
+               static_cast<int>(Routine.size()), Routine.data());
+        EXPECT_LT(Bytes, embedded::KernelStackBytes / 2);
         if (const char *Name = getenv("RVFSD_CALL_COUNTS"); Name != nullptr && *Name != 0) {
             std::ofstream File(Name);
             for (const auto &[Import, Count] : Calls()) {
