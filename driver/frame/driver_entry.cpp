@@ -88,7 +88,7 @@ NTSTATUS MakeDriverFcb() {
 // Sets up the FCB table, the framework's and the control device's locks, and the driver FCB. What it set up before a
 // failure is either undone here or left to the teardown of the stage that was reached.
 NTSTATUS NtFsdInitOurDevice() {
-    RtlInitializeUnicodePrefix(&FcbPrefixTable);
+    NtFsdInitializeFcbTable();
     NTSTATUS Status = NtFsdInitializeResource(DRIVER_RESOURCE_FCB_TABLE);
     if (!NT_SUCCESS(Status)) {
         return Status;

@@ -18,6 +18,7 @@ struct RENAME {
     bool Replace;
     bool CaseOnly = false;           // the object itself bears the new name, in another case
     bool SameName = false;           // the FCB itself bears the new name, which the server may spell otherwise
+    bool HasOpenBelow = false;       // a directory with FCBs below it, but for what the rename itself counts in
     OwnedString NewName = {};        // the new final component
     NewPathRecord NewPath = {};      // the FCB's path after the move
     OwnedString CaseOnlySource = {}; // the old final component of a case-only rename
@@ -274,7 +275,7 @@ NTSTATUS CheckRules(const RENAME &Rename) {
     if (NtFsdIsVolumeRoot(Rename.Change.Fcb)) {
         return STATUS_INVALID_PARAMETER; // an open has found it out while the Resource was not held
     }
-    if (Rename.Change.IsDirectory() && NtFsdHasFcbBelow(Rename.Source())) {
+    if (Rename.HasOpenBelow) {
         return STATUS_ACCESS_DENIED; // what is open below would keep its old path
     }
     return STATUS_SUCCESS;
@@ -323,7 +324,7 @@ NTSTATUS RenameHeld(RENAME &Rename) {
     }
     NtFsdDebugPrint(TRACE_FILE_INFO, 0, "NtFsdFileSetRenameInfo built path \"%wZ\" for NtFsdRenameFcb.\n",
                     Rename.NewPath.Path());
-    NtFsdRenameFcb(Change.Fcb, Rename.NewPath, Change.Hold);
+    NtFsdRenameFcb(Change.Fcb, Rename.NewPath);
     return Status;
 }
 
@@ -332,6 +333,7 @@ NTSTATUS RenameUnderTable(RENAME &Rename) {
     if (!HasTargetHandle(Rename)) {
         return STATUS_OBJECT_PATH_NOT_FOUND;
     }
+    Rename.HasOpenBelow = Rename.Change.IsDirectory() && NtFsdHasFcbBelow(Rename.Source());
     NTSTATUS Status = PrepareNames(Rename);
     if (NT_SUCCESS(Status)) {
         Status = TestCaseOnly(Rename);
@@ -396,6 +398,7 @@ NTSTATUS NtFsdFileSetRenameInfo(SET_INFORMATION &Change) {
     ResourceHold Table;
     Table.AcquireExclusive(&FcbTableResource, TRUE);
     Status = RenameUnderTable(Rename);
+    Rename.NewPath.Drop();
     ProviderDirectory Directory(Change.Security());
     *Directory.Out() = TakeTargetHandle(Rename);
     Table.Release();

@@ -81,11 +81,28 @@ VOID NtFsdDeleteFcb(PFCB Fcb, ResourceHold &Hold);
 // Initialises the lock table of a file FCB, once in its life. Resource held exclusive.
 VOID NtFsdInitializeFcbFileLock(PFCB Fcb);
 
+// ---- Directories with something open below (names/parents.cpp). FcbTableResource held exclusive.
+
+// Sets up their table, at start.
+VOID NtFsdInitializeParents();
+
+// Counts one FCB in below the directory of Path and every directory above that. *Parent is what is to be released; NULL
+// below a volume itself. STATUS_INSUFFICIENT_RESOURCES counts nothing.
+NTSTATUS NtFsdHoldParent(PCUNICODE_STRING Path, PARENT_RECORD **Parent);
+VOID NtFsdReleaseParent(PARENT_RECORD *Parent);
+
+// TRUE when the path of an FCB in the prefix table lies below Path, the path of a directory below a volume. One look-up
+// however many are open.
+bool NtFsdHasFcbBelow(PCUNICODE_STRING Path);
+
 // ---- The prefix table (names/fcb_table.cpp) ------------------------------------------------------------------------
 
 // The FCB with the longest path that is a component prefix of Path, ignoring case, or NULL. Remaining (aliasing Path)
 // receives what is left of Path after it; it is empty for an exact match. FcbTableResource held.
 PFCB NtFsdFindFcb(PUNICODE_STRING Path, PUNICODE_STRING Remaining);
+
+// Sets up the prefix table, at start.
+VOID NtFsdInitializeFcbTable();
 
 // Takes Fcb out of the prefix table if it is in it. FcbTableResource and its Resource held, or no request in flight.
 VOID NtFsdRemovePrefix(PFCB Fcb);
@@ -102,8 +119,18 @@ public:
     NewPathRecord(const NewPathRecord &) = delete;
     NewPathRecord &operator=(const NewPathRecord &) = delete;
     ~NewPathRecord();
-    // Copies Path, once. STATUS_INSUFFICIENT_RESOURCES or STATUS_NAME_TOO_LONG.
+    // Copies Path, once, and counts it in below its directory. STATUS_INSUFFICIENT_RESOURCES or STATUS_NAME_TOO_LONG.
+    // FcbTableResource held exclusive.
     NTSTATUS Make(PCUNICODE_STRING Path);
+    // Counts it out again, unless an FCB has taken it. FcbTableResource held exclusive.
+    VOID Drop() {
+        NtFsdReleaseParent(DetachParent());
+    }
+    PARENT_RECORD *DetachParent() {
+        PARENT_RECORD *Parent = Parent_;
+        Parent_ = nullptr;
+        return Parent;
+    }
     PUNICODE_STRING Path() const {
         return &Record_->Path;
     }
@@ -113,17 +140,12 @@ public:
 
 private:
     PoolPointer<PATH_RECORD> Record_;
+    PARENT_RECORD *Parent_ = nullptr;
 };
 
-// Re-keys Fcb under NewPath. The caller holds its Resource in Hold and holds it again afterwards; it was released in
-// between, unless the caller holds FcbTableResource exclusive too. Every instance keeps a valid PathLeft. When the new
-// key cannot be inserted the FCB stays out of the table.
-VOID NtFsdRenameFcb(PFCB Fcb, NewPathRecord &NewPath, ResourceHold &Hold);
-// The same for a path that is still to be copied: fails as Make does, with the old path still in force.
-NTSTATUS NtFsdRenameFcb(PFCB Fcb, PCUNICODE_STRING NewPath, ResourceHold &Hold);
-
-// TRUE when an FCB's path lies below Path. Walks the table. FcbTableResource held.
-bool NtFsdHasFcbBelow(PCUNICODE_STRING Path);
+// Re-keys Fcb under NewPath. The caller holds FcbTableResource and Fcb's Resource exclusive. Every instance keeps a
+// valid PathLeft. When the new key cannot be inserted the FCB stays out of the table.
+VOID NtFsdRenameFcb(PFCB Fcb, NewPathRecord &NewPath);
 
 // Trace of the FCBs that have notification requests waiting. FcbTableResource held.
 VOID NtFsdDumpPrefixTable();

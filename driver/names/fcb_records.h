@@ -58,6 +58,8 @@ struct PATH_RECORD {
     UNICODE_STRING Path; // owned
 };
 
+struct PARENT_RECORD;
+
 struct FCB {
     // Unchanged after creation.
     FSRTL_ADVANCED_FCB_HEADER Header; // its sizes: under Resource
@@ -88,6 +90,7 @@ struct FCB {
     LIST_ENTRY LockRequests; // locks that may wait, until the server is told of them (io/lock_table.h)
     PATH_RECORD FirstPath;
     PATH_RECORD *CurrentPath; // FullPath is its Path
+    PARENT_RECORD *Parent;    // counts it while it is in the prefix table; under FcbTableResource
     ULONG PathChanges;        // how often FullPath has changed; written after CurrentPath
     // Whose wish the pending deletion is, by the flag that asks for it.
     RV_SECURITY_CONTEXT DeleteOnCloseOwner;

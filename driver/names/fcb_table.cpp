@@ -36,6 +36,11 @@ void TraceFind(PUNICODE_STRING Path, PFCB Fcb) {
 
 } // namespace
 
+VOID NtFsdInitializeFcbTable() {
+    RtlInitializeUnicodePrefix(&FcbPrefixTable);
+    NtFsdInitializeParents();
+}
+
 VOID NtFsdRemovePrefix(PFCB Fcb) {
     if (Fcb->OpenFlags & FCB_STATE_IN_PREFIX_TABLE) {
         NtFsdClearOpenFlags(Fcb, FCB_STATE_IN_PREFIX_TABLE);
@@ -44,6 +49,8 @@ VOID NtFsdRemovePrefix(PFCB Fcb) {
             --FcbPrefixCount;
         }
     }
+    NtFsdReleaseParent(Fcb->Parent);
+    Fcb->Parent = nullptr;
 }
 
 PFCB NtFsdFindFcb(PUNICODE_STRING Path, PUNICODE_STRING Remaining) {
@@ -77,10 +84,17 @@ NTSTATUS AllocateForOpen(PIRP_CONTEXT IrpContext, PUNICODE_STRING Path, PUNICODE
     NtFsdDebugPrint(TRACE_FCB, 0, "   Remaining Path = %ws.\n", Rest);
     NtFsdDebugPrint(TRACE_FCB, 0, "   Remaining Len  = %d.\n", static_cast<ULONG>(Remaining->Length));
     NtFsdDebugPrint(TRACE_FCB, 0, "   Allocating new FCB\n");
+    PARENT_RECORD *Parent;
+    const NTSTATUS Status = NtFsdHoldParent(Path, &Parent);
+    if (!NT_SUCCESS(Status)) {
+        return Status;
+    }
     *Fcb = NtFsdAllocFcb(IrpContext->FileObject, Path);
     if (*Fcb == nullptr) {
+        NtFsdReleaseParent(Parent);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
+    (*Fcb)->Parent = Parent;
     (*Fcb)->OpenType = OPEN_TYPE_UNKNOWN;
     return STATUS_SUCCESS;
 }
@@ -191,52 +205,24 @@ NTSTATUS NewPathRecord::Make(PCUNICODE_STRING Path) {
     if (!Record) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    const NTSTATUS Status = NtFsdUpdateUnicodeString(&Record->Path, Path);
-    if (NT_SUCCESS(Status)) {
-        Record_.Adopt(Record.Detach());
+    NTSTATUS Status = NtFsdUpdateUnicodeString(&Record->Path, Path);
+    if (!NT_SUCCESS(Status)) {
+        return Status;
     }
-    return Status;
+    Record_.Adopt(Record.Detach());
+    return NtFsdHoldParent(&Record_->Path, &Parent_);
 }
 
-VOID NtFsdRenameFcb(PFCB Fcb, NewPathRecord &NewPath, ResourceHold &Hold) {
-    ResourceHold Table;
-    if (!ExIsResourceAcquiredExclusiveLite(&FcbTableResource)) {
-        // In the order of the locks.
-        Hold.Release();
-        Table.AcquireExclusive(&FcbTableResource, TRUE);
-        Hold.AcquireExclusive(&Fcb->Resource, TRUE);
-    }
-
+VOID NtFsdRenameFcb(PFCB Fcb, NewPathRecord &NewPath) {
     NtFsdRemovePrefix(Fcb);
     TakePath(Fcb, NewPath);
     RepointInstances(Fcb);
+    Fcb->Parent = NewPath.DetachParent();
     if (IsPathTaken(&Fcb->FullPath) || !InsertPrefix(Fcb)) {
+        NtFsdRemovePrefix(Fcb); // it counts below no directory either
         NtFsdAlwaysPrint("[RVFSD] NtFsdRenameFcb RtlInsertUnicodePrefix for \"%wZ\" on FCB 0x%p failed.\n",
                          &Fcb->FullPath, Fcb);
     }
-}
-
-NTSTATUS NtFsdRenameFcb(PFCB Fcb, PCUNICODE_STRING NewPath, ResourceHold &Hold) {
-    NewPathRecord Record;
-    const NTSTATUS Status = Record.Make(NewPath);
-    if (NT_SUCCESS(Status)) {
-        NtFsdRenameFcb(Fcb, Record, Hold);
-    }
-    return Status;
-}
-
-bool NtFsdHasFcbBelow(PCUNICODE_STRING Path) {
-    for (PUNICODE_PREFIX_TABLE_ENTRY Entry = RtlNextUnicodePrefix(&FcbPrefixTable, TRUE); Entry != nullptr;
-         Entry = RtlNextUnicodePrefix(&FcbPrefixTable, FALSE)) {
-        if (Entry->Prefix->Length <= Path->Length || Entry->Prefix->Buffer[Path->Length / sizeof(WCHAR)] != SEPARATOR) {
-            continue;
-        }
-        const UNICODE_STRING Front = {Path->Length, Path->Length, Entry->Prefix->Buffer};
-        if (RtlEqualUnicodeString(&Front, Path, TRUE)) {
-            return true;
-        }
-    }
-    return false;
 }
 
 VOID NtFsdDumpPrefixTable() {

@@ -18,10 +18,16 @@ protected:
     NTSTATUS Rename(HANDLE Handle, std::u16string_view NewPath) {
         UNICODE_STRING Name = Counted(NewPath);
         const PFCB Renamed = Fcb(Handle);
+        ResourceHold Table;
+        Table.AcquireExclusive(&FcbTableResource, TRUE);
         ResourceHold Hold;
         Hold.AcquireExclusive(&Renamed->Resource, TRUE);
-        const NTSTATUS Status = NtFsdRenameFcb(Renamed, &Name, Hold);
-        EXPECT_TRUE(Hold.Held());
+        NewPathRecord Record;
+        const NTSTATUS Status = Record.Make(&Name);
+        if (NT_SUCCESS(Status)) {
+            NtFsdRenameFcb(Renamed, Record);
+        }
+        Record.Drop();
         return Status;
     }
     PFCB Find(std::u16string_view Path) {
@@ -72,6 +78,34 @@ TEST_F(RenamedFcbs, KeepTheirPathWhenThereIsNoMemory) {
     EXPECT_EQ(Find(u"\\srv\\vol\\a.txt"), Fcb(Handle));
     EXPECT_EQ(FcbPrefixCount, 1u);
     Close(Handle);
+}
+
+// Whatever opens, goes or takes another path below it, in whatever letter case.
+TEST_F(RenamedFcbs, KeepTheirDirectoriesFromBeingRenamedWhileTheyLieBelow) {
+    const auto HasBelow = [](std::u16string_view Path) {
+        const UNICODE_STRING Name = Counted(Path);
+        ResourceHold Table;
+        Table.AcquireExclusive(&FcbTableResource, TRUE);
+        return NtFsdHasFcbBelow(&Name);
+    };
+    Provider.AddFile(u"\\srv\\vol\\docs\\sub\\g.txt");
+    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\docs")) << "it is not below itself";
+    const HANDLE Deep = MustOpen(u"\\srv\\vol\\DOCS\\Sub\\g.txt");
+    const HANDLE Near = MustOpen(u"\\srv\\vol\\docs\\f.txt");
+    EXPECT_TRUE(HasBelow(u"\\srv\\vol\\docs"));
+    EXPECT_TRUE(HasBelow(u"\\SRV\\vol\\docs\\sub"));
+    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\docs\\f.txt"));
+    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\doc"));
+    EXPECT_EQ(Rename(Deep, u"\\srv\\vol\\other\\g.txt"), STATUS_SUCCESS);
+    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\docs\\sub"));
+    EXPECT_TRUE(HasBelow(u"\\srv\\vol\\docs"));
+    EXPECT_TRUE(HasBelow(u"\\srv\\vol\\other"));
+    Close(Near);
+    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\docs"));
+    Close(Deep);
+    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\other"));
+    Close(Directory);
 }
 
 TEST_F(RenamedFcbs, OntoAPathThatIsOpenStayOutOfTheTable) {
