@@ -128,9 +128,9 @@ def read_table():
 
 # Every read of the registry goes through one of these functions; the number of places that call the last two is known,
 # so that a read that comes in by another way is noticed.
-SWITCH_CALL = re.compile(r'ReadSwitch\(\s*WTEXT\("([^"]+)"\)\s*,\s*([^()]*?)\s*\)')
-SWITCH_USE = re.compile(r"\bReadSwitch\(")
-SWITCH_DEFINITION = re.compile(r"^(?:BOOLEAN|bool) ReadSwitch\(PCWSTR", re.M)
+SWITCH_CALL = re.compile(r'NtFsdReadSwitch\(\s*WTEXT\("([^"]+)"\)\s*,\s*([^()]*?)\s*\)')
+SWITCH_USE = re.compile(r"\bNtFsdReadSwitch\(")
+SWITCH_DEFINITION = re.compile(r"^inline ULONG NtFsdReadSwitch\(PCWSTR", re.M)
 SERVICE_READ = re.compile(r"\bNtFsdReadServiceValue\(")
 QUERY = re.compile(r"\bZwQueryValueKey\(")
 NAMED_TEXT = r'\b{}\s*=\s*ConstantString\(\s*WTEXT\("([^"]+)"\)\s*\)'
@@ -179,22 +179,19 @@ def registry_path(kernel_path):
 
 def service_values(sources):
     """The values of the service key with the defaults that the driver has for them."""
-    expected = {"driver/frame/configuration.cpp": 1, "driver/frame/driver.h": 1, "driver/frame/driver_entry.cpp": 1,
-                "driver/frame/diagnostics.cpp": 1}
+    # Its own definition and declaration, and the one call, in NtFsdReadSwitch.
+    expected = {"driver/frame/configuration.cpp": 1, "driver/frame/driver.h": 2}
     if (seen := sources.count(SERVICE_READ)) != expected:
         raise BadInput(f"NtFsdReadServiceValue is called where this check does not look: {seen}")
     key = registry_path(sources.constant("driver/frame/configuration.cpp", "SERVICE_KEY"))
-    # The form that takes an address has 0 for what cannot be read.
-    sources.find("driver/frame/diagnostics.cpp", r"(\*Value = NT_SUCCESS\(Status\) \? Read : 0;)",
-                 "the default of switches")
+    sources.find("driver/frame/driver.h", r"(ULONG Value = Default;)", "the default of switches")
     values = []
     for file, text in sources.text.items():
         calls = SWITCH_CALL.findall(text)
         if len(calls) != len(SWITCH_USE.findall(text)) - len(SWITCH_DEFINITION.findall(text)):
-            raise BadInput(f"{file}: a call of ReadSwitch that this check cannot read")
+            raise BadInput(f"{file}: a call of NtFsdReadSwitch that this check cannot read")
         for name, second in calls:
-            default = 0 if second.startswith("&") else int(second, 0)
-            values.append(DriverValue(key, name, default))
+            values.append(DriverValue(key, name, int(second, 0)))
     return values
 
 

@@ -25,21 +25,17 @@ constexpr UNICODE_STRING LINK_NAME = ConstantString(WTEXT("\\DosDevices\\RvFsd")
 constexpr UNICODE_STRING VERSION_NAME = ConstantString(WTEXT("v5.00.001 (07292006)"));
 constexpr ULONG LOOKASIDE_TAG = 0x63787446; // "Ftxc"
 
-BOOLEAN ReadSwitch(PCWSTR Name, ULONG Default) {
-    return NtFsdReadSwitch(Name, Default) != 0;
-}
-
 void ReadSwitches() {
-    g_bEnableDirectoryNotify = ReadSwitch(WTEXT("EnableDirectoryNotify"), 0);
-    g_bEnableAsyncIo = ReadSwitch(WTEXT("EnableAsyncIo"), 0);
+    g_bEnableDirectoryNotify = NtFsdReadSwitch(WTEXT("EnableDirectoryNotify"), 0) != 0;
+    g_bEnableAsyncIo = NtFsdReadSwitch(WTEXT("EnableAsyncIo"), 0) != 0;
     NtFsdDebugPrint(TRACE_START, 0, "Async IO set to %d\n", static_cast<ULONG>(g_bEnableAsyncIo));
-    g_bUNCPathFilterBehavior = ReadSwitch(WTEXT("UNCPathFilterBehavior"), 0);
+    g_bUNCPathFilterBehavior = NtFsdReadSwitch(WTEXT("UNCPathFilterBehavior"), 0) != 0;
     NtFsdDebugPrint(TRACE_START, 0, "DriverEntry set UNCPathFilterBehavior to %s.\n",
                     TrueOrFalse(g_bUNCPathFilterBehavior));
-    g_bFailDeleteInUseWorkaround = ReadSwitch(WTEXT("FailDeleteInUseWorkaround"), 1);
+    g_bFailDeleteInUseWorkaround = NtFsdReadSwitch(WTEXT("FailDeleteInUseWorkaround"), 1) != 0;
     NtFsdDebugPrint(TRACE_START, 0, "DriverEntry set FailDeleteInUseWorkaround to %s.\n",
                     TrueOrFalse(g_bFailDeleteInUseWorkaround));
-    g_bDeferDeleteAccessCheck = ReadSwitch(WTEXT("Defer Windows DELETE Access Check"), 0);
+    g_bDeferDeleteAccessCheck = NtFsdReadSwitch(WTEXT("Defer Windows DELETE Access Check"), 0) != 0;
     NtFsdDebugPrint(TRACE_START, 0, "DriverEntry set Defer Windows DELETE Access Check to %s.\n",
                     TrueOrFalse(g_bDeferDeleteAccessCheck));
 }
