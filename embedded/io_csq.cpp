@@ -56,7 +56,7 @@ NTSTATUS NTAPI IoCsqInitializeEx(PIO_CSQ Csq, PIO_CSQ_INSERT_IRP_EX InsertIrp, P
                                  PIO_CSQ_COMPLETE_CANCELED_IRP CompleteCanceledIrp) noexcept {
     RequireIrql(IrqlRuleOf("IoCsqInitializeEx"));
     *Csq = {.Type = IO_TYPE_CSQ_EX,
-            .CsqInsertIrp = reinterpret_cast<PIO_CSQ_INSERT_IRP>(InsertIrp),
+            .CsqInsertIrp = reinterpret_cast<PIO_CSQ_INSERT_IRP>(reinterpret_cast<PVOID>(InsertIrp)),
             .CsqRemoveIrp = RemoveIrp,
             .CsqPeekNextIrp = PeekNextIrp,
             .CsqAcquireLock = AcquireLock,
@@ -74,7 +74,8 @@ NTSTATUS NTAPI IoCsqInsertIrpEx(PIO_CSQ Csq, PIRP Irp, PIO_CSQ_IRP_CONTEXT Conte
     Tracking(Irp) = Context != nullptr ? static_cast<PVOID>(Context) : Csq;
     KIRQL Irql;
     Csq->CsqAcquireLock(Csq, &Irql);
-    const NTSTATUS Status = reinterpret_cast<PIO_CSQ_INSERT_IRP_EX>(Csq->CsqInsertIrp)(Csq, Irp, InsertContext);
+    const NTSTATUS Status =
+        reinterpret_cast<PIO_CSQ_INSERT_IRP_EX>(reinterpret_cast<PVOID>(Csq->CsqInsertIrp))(Csq, Irp, InsertContext);
     if (!NT_SUCCESS(Status)) {
         Csq->CsqReleaseLock(Csq, Irql);
         return Status;

@@ -22,7 +22,7 @@ using Table = RVIOM_FSD_TABLE;
 const Table *Real; // the sound Provider's own
 constexpr RVSTATUS Warning{0x00000506};
 
-#define FAULT(...) +[](__VA_ARGS__) __attribute__((ms_abi)) noexcept->RVSTATUS
+#define FAULT(...) +[](__VA_ARGS__) NTAPI -> RVSTATUS
 
 struct Fault {
     const char *Told; // a part of the line
