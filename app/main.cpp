@@ -102,7 +102,7 @@ int Main(const std::vector<std::string> &Words) {
     }
     std::vector<Setting> Settings = Configure(Text);
     SetInForce(Settings);
-    const SessionOptions Options = SessionOf(Settings);
+    SessionOptions Options = SessionOf(Settings);
     if (Text.Version) {
         return Told([&] {
             ShowVersion(Options);
@@ -115,6 +115,9 @@ int Main(const std::vector<std::string> &Words) {
     if (Line.Chosen == nullptr) {
         const bool OnTerminal = isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
         return RunOver(Options, OnTerminal ? FindVerb(List, "console")->Run : Command(RunTour));
+    }
+    if (Line.Chosen->Before) {
+        Line.Chosen->Before(Options);
     }
     return RunOver(Options, Line.Chosen->Run);
 }

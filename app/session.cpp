@@ -205,6 +205,7 @@ void Session::Start() {
         Boot.Registry.push_back({KeyOf(Name), Widen(Name), Value});
     }
     Boot.Time = embedded::ClockMode::Running;
+    Boot.Verifier = Options_.Verify ? embedded::VerifierLevel::On : embedded::VerifierLevel::Off;
     if (Log_ != nullptr) {
         Boot.SystemVolume = Log_->Directory();
     }

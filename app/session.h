@@ -49,6 +49,7 @@ struct SessionOptions {
     std::vector<std::string> Uses;                // letters that are mapped at the start, G:=\\server\volume
     std::string Logon;                            // the logon session that it begins in; empty: the first
     std::optional<std::filesystem::path> Calls;   // where a line for each of the image's kernel calls goes
+    bool Verify = true;                           // the kernel verifies the driver's conduct
 };
 
 // A switch that the driver reads, with what it takes when its key has no value.
@@ -106,6 +107,10 @@ public:
     // The registry values as the driver found them at its start.
     const std::map<std::string, uint32_t> &Switches() const {
         return Switches_;
+    }
+    // While From gives an error, the Provider answers it: a server that is away. Not while requests are running.
+    void SetFault(std::function<RVSTATUS()> From) {
+        Failures_->SetFault(std::move(From));
     }
     // The local files that handles of the Provider are open for; and the directories.
     std::vector<std::filesystem::path> OpenFiles() const;

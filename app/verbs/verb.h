@@ -68,6 +68,8 @@ struct Verb {
     std::vector<std::string> Examples = {}; // whole command lines behind "rvfsd "
     // Puts words in order that the reader of options would take for something else.
     std::function<void(std::vector<std::string> &Words)> Prepare = {};
+    // Done before the session is started, while there is one thread; not by the console, whose driver is running.
+    std::function<void(SessionOptions &)> Before = {};
     std::function<int()> Alone = {}; // instead of Run: needs no driver, and none is started
     bool Hidden = false;
 };

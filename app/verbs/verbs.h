@@ -18,6 +18,7 @@ void AddOpenVerbs(VerbList &List);    // open, claim
 void AddLockingVerbs(VerbList &List); // lock, unlock, flush, read
 void AddTourVerb(VerbList &List);     // tour
 void AddMappingVerbs(VerbList &List); // use, verify, session
+void AddMountVerb(VerbList &List);    // mount
 
 // Maps a letter as --use says: G:=\\server\volume.
 void UseDrive(Drives &Of, const std::string &Text);

@@ -1,0 +1,173 @@
+#include "app/mount/options.h"
+
+#include <charconv>
+#include <cstdlib>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include "app/text.h"
+
+namespace app::mount {
+
+namespace {
+
+enum class Kind { Flag, NotFlag, Number, Octal, Seconds, Text, Kernel, Ignored, Refused };
+
+struct Word {
+    const char *Name;
+    Kind As;
+    void (*Store)(MountOptions &, double Value, const std::string &Text);
+    const char *Why = nullptr;
+};
+
+#define STORE(Expression)                                                                                              \
+    [](MountOptions &To, [[maybe_unused]] double Value, [[maybe_unused]] const std::string &Text) { Expression; }
+
+constexpr Word Words[] = {
+    {"volume", Kind::Text, STORE(To.Volume = Text)},
+    {"ro", Kind::Kernel, STORE(To.ReadOnly = true)},
+    {"rw", Kind::Kernel, STORE(To.ReadOnly = false)},
+    {"foreground", Kind::Flag, STORE(To.Foreground = true)},
+    {"debug", Kind::Flag, STORE(To.Debug = To.Foreground = true)},
+    {"default_permissions", Kind::Flag, STORE(To.DefaultPermissions = true)},
+    {"no_default_permissions", Kind::Flag, STORE(To.DefaultPermissions = false)},
+    {"quiet", Kind::Flag, STORE(To.Quiet = true)},
+    {"nolock", Kind::Flag, STORE(To.Locks = false)},
+    {"direct_io", Kind::Flag, STORE(To.DirectIo = true)},
+    {"auto_cache", Kind::Flag, STORE(To.KeepCache = true)},
+    {"noauto_cache", Kind::Flag, STORE(To.KeepCache = false)},
+    {"verify", Kind::Flag, STORE(To.Verify = true)},
+    {"uid", Kind::Number, STORE(To.User = static_cast<uid_t>(Value))},
+    {"gid", Kind::Number, STORE(To.Group = static_cast<gid_t>(Value))},
+    {"umask", Kind::Octal, STORE(To.FileMask = To.DirectoryMask = static_cast<mode_t>(Value))},
+    {"fmask", Kind::Octal, STORE(To.FileMask = static_cast<mode_t>(Value))},
+    {"dmask", Kind::Octal, STORE(To.DirectoryMask = static_cast<mode_t>(Value))},
+    {"entry_timeout", Kind::Seconds, STORE(To.EntryTimeout = Value)},
+    {"attr_timeout", Kind::Seconds, STORE(To.AttributeTimeout = Value)},
+    {"negative_timeout", Kind::Seconds, STORE(To.NegativeTimeout = Value)},
+    {"readahead_kib", Kind::Number, STORE(To.ReadAheadKib = static_cast<unsigned>(Value))},
+    {"max_threads", Kind::Number, STORE(To.Threads = static_cast<unsigned>(Value))},
+    {"fault_file", Kind::Text, STORE(To.FaultFile = Text)},
+    {"allow_other", Kind::Kernel, nullptr},
+    {"allow_root", Kind::Refused, nullptr, "use allow_other"},
+    {"auto_unmount", Kind::Refused, nullptr,
+     "an empty directory would then stand for the files; unmount with fusermount3 -u"},
+    {"fsname", Kind::Kernel, nullptr},
+    {"subtype", Kind::Kernel, nullptr},
+    {"max_read", Kind::Kernel, nullptr},
+    {"nosuid", Kind::Kernel, nullptr},
+    {"nodev", Kind::Kernel, nullptr},
+    {"noexec", Kind::Kernel, nullptr},
+    {"exec", Kind::Kernel, nullptr},
+    {"noatime", Kind::Kernel, nullptr},
+    {"atime", Kind::Kernel, nullptr},
+    {"sync", Kind::Kernel, nullptr},
+    {"async", Kind::Kernel, nullptr},
+    {"dirsync", Kind::Kernel, nullptr},
+    {"suid", Kind::Refused, nullptr, "the server keeps no such bits"},
+    {"dev", Kind::Refused, nullptr, "the server keeps no devices"},
+    {"writeback_cache", Kind::Refused, nullptr, "writes go to the server before they return"},
+    {"kernel_cache", Kind::Refused, nullptr, "other clients change files too; auto_cache is on"},
+    {"nonempty", Kind::Refused, nullptr, "nothing to allow: any directory can be mounted on"},
+    {"intr", Kind::Ignored, nullptr},
+    {"auto", Kind::Ignored, nullptr},
+    {"noauto", Kind::Ignored, nullptr},
+    {"user", Kind::Ignored, nullptr},
+    {"nouser", Kind::Ignored, nullptr},
+    {"users", Kind::Ignored, nullptr},
+    {"nofail", Kind::Ignored, nullptr},
+    {"_netdev", Kind::Ignored, nullptr},
+    {"defaults", Kind::Ignored, nullptr},
+    {"relatime", Kind::Ignored, nullptr},
+};
+#undef STORE
+
+const Word *Find(const std::string &Name) {
+    for (const Word &Each : Words) {
+        if (Name == Each.Name) {
+            return &Each;
+        }
+    }
+    return nullptr;
+}
+
+double ParseValue(const std::string &Text, const std::string &Name, Kind As) {
+    const char *End = Text.data() + Text.size();
+    double Value = -1;
+    std::from_chars_result Result;
+    if (As == Kind::Seconds) {
+        Result = std::from_chars(Text.data(), End, Value);
+    } else {
+        unsigned Whole = 0;
+        Result = std::from_chars(Text.data(), End, Whole, As == Kind::Octal ? 8 : 10);
+        Value = Whole;
+    }
+    if (Result.ec != std::errc() || Result.ptr != End || !(Value >= 0) || (As == Kind::Octal && Value > 0777)) {
+        throw UsageError(fmt::format("-o {}={}: expected {}", Name, Text,
+                                     As == Kind::Octal     ? "an octal mask up to 777"
+                                     : As == Kind::Seconds ? "seconds"
+                                                           : "a number"));
+    }
+    return Value;
+}
+
+void Take(const std::string &One, MountOptions &Options) {
+    const size_t Equals = One.find('=');
+    const std::string Name = One.substr(0, Equals);
+    const bool HasValue = Equals != std::string::npos;
+    const std::string Text = HasValue ? One.substr(Equals + 1) : "";
+    if (Name.starts_with("x-")) {
+        return; // for others who read fstab
+    }
+    const Word *Known = Find(Name);
+    if (Known == nullptr) {
+        throw UsageError(fmt::format("-o {}: no such option", Name));
+    }
+    const bool Wants = Known->As == Kind::Number || Known->As == Kind::Octal || Known->As == Kind::Seconds ||
+                       Known->As == Kind::Text || Name == "fsname" || Name == "subtype" || Name == "max_read";
+    if (Known->As == Kind::Refused) {
+        throw UsageError(fmt::format("-o {}: not offered: {}", Name, Known->Why));
+    }
+    if (Wants != (HasValue && !Text.empty())) {
+        throw UsageError(fmt::format("-o {}: {}", One, Wants ? "needs a value" : "takes no value"));
+    }
+    double Value = 0;
+    if (Wants && Known->As != Kind::Text && Known->As != Kind::Kernel) {
+        Value = ParseValue(Text, Name, Known->As);
+    }
+    if (Known->Store != nullptr) {
+        Known->Store(Options, Value, Text);
+    }
+    if (Known->As == Kind::Kernel) {
+        Options.ForKernel.push_back(One);
+    }
+}
+
+} // namespace
+
+void ParseMountWords(const std::string &Words, MountOptions &Options) {
+    for (size_t At = 0; At <= Words.size();) {
+        const size_t Comma = std::min(Words.find(',', At), Words.size());
+        if (Comma > At) {
+            Take(Words.substr(At, Comma - At), Options);
+        }
+        At = Comma + 1;
+    }
+    if (Options.Threads == 0) {
+        throw UsageError("-o max_threads=0: at least one");
+    }
+}
+
+MountOptions DefaultMountOptions() {
+    MountOptions Options;
+    Options.User = getuid();
+    Options.Group = getgid();
+    const mode_t Mask = umask(0);
+    umask(Mask);
+    Options.FileMask = Options.DirectoryMask = Mask & 0777;
+    return Options;
+}
+
+} // namespace app::mount

@@ -1,0 +1,42 @@
+// The words behind -o: all that mounts usually take, each known or refused by name.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace app::mount {
+
+struct MountOptions {
+    std::string Point;
+    std::string Volume; // \\server\volume at the mount's root; empty: all exports, as /server/volume
+    bool ReadOnly = false;
+    bool Foreground = false;
+    bool DefaultPermissions = true;
+    bool Quiet = false; // changes of modes and owners that cannot be kept are no errors
+    bool Locks = true;
+    bool DirectIo = false;
+    bool KeepCache = true;
+    bool Verify = false; // the embedded kernel verifies the driver's conduct
+    bool Debug = false;
+    uid_t User = 0;
+    gid_t Group = 0;
+    mode_t FileMask = 022;
+    mode_t DirectoryMask = 022;
+    double EntryTimeout = 1;
+    double AttributeTimeout = 1;
+    double NegativeTimeout = 1;
+    unsigned ReadAheadKib = 1024;
+    unsigned Threads = 4;
+    std::string FaultFile;              // tests: while this file is there, the server is away
+    std::vector<std::string> ForKernel; // for the mount itself
+};
+
+// Takes one comma-separated list. UsageError with the word for what is not known, not offered or no number.
+void ParseMountWords(const std::string &Words, MountOptions &Options);
+
+// What holds before any word: the caller's user, group and umask.
+MountOptions DefaultMountOptions();
+
+} // namespace app::mount

@@ -1,0 +1,259 @@
+#include "app/mount/serve.h"
+
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include "app/mount/file_system.h"
+#include "app/text.h"
+
+namespace app::mount {
+
+namespace {
+
+int Waiter = -1; // where the parent waits for a byte
+
+sigset_t EndingSignals() {
+    sigset_t Set;
+    sigemptyset(&Set);
+    for (const int Signal : {SIGINT, SIGTERM, SIGHUP}) {
+        sigaddset(&Set, Signal);
+    }
+    return Set;
+}
+
+// The parent of a mount in the background ends here.
+[[noreturn]] void AwaitChild(pid_t Child, int From) {
+    char Ready = 0;
+    ssize_t Count;
+    do {
+        Count = read(From, &Ready, 1);
+    } while (Count < 0 && errno == EINTR);
+    if (Count == 1) {
+        _exit(0);
+    }
+    int Status = 0;
+    while (waitpid(Child, &Status, 0) < 0 && errno == EINTR) {
+    }
+    _exit(WIFEXITED(Status) && WEXITSTATUS(Status) != 0 ? WEXITSTATUS(Status) : 1);
+}
+
+void GoIntoBackground() {
+    int Ends[2];
+    if (pipe2(Ends, O_CLOEXEC) != 0) {
+        throw UsageError(fmt::format("mount: {}", strerror(errno)));
+    }
+    fflush(nullptr);
+    const pid_t Child = fork();
+    if (Child < 0) {
+        throw UsageError(fmt::format("mount: {}", strerror(errno)));
+    }
+    if (Child > 0) {
+        close(Ends[1]);
+        AwaitChild(Child, Ends[0]);
+    }
+    close(Ends[0]);
+    setsid();
+    Waiter = Ends[1];
+}
+
+// What waits for the mount is told that it is there: the parent, the service manager.
+void TellReady() {
+    if (const char *Path = getenv("NOTIFY_SOCKET"); Path != nullptr && *Path != 0) {
+        sockaddr_un Address = {};
+        Address.sun_family = AF_UNIX;
+        strncpy(Address.sun_path, Path, sizeof(Address.sun_path) - 1);
+        const socklen_t Length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(Address.sun_path));
+        if (Address.sun_path[0] == '@') {
+            Address.sun_path[0] = 0;
+        }
+        const int To = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        constexpr char Text[] = "READY=1";
+        if (To < 0 || sendto(To, Text, sizeof(Text) - 1, 0, reinterpret_cast<sockaddr *>(&Address), Length) < 0) {
+            Complain(fmt::format("NOTIFY_SOCKET: {}", strerror(errno)));
+        }
+        if (To >= 0) {
+            close(To);
+        }
+    }
+    if (Waiter < 0) {
+        return;
+    }
+    const int Nothing = open("/dev/null", O_RDWR | O_CLOEXEC);
+    struct stat Errors = {};
+    fstat(STDERR_FILENO, &Errors);
+    dup2(Nothing, STDIN_FILENO);
+    dup2(Nothing, STDOUT_FILENO);
+    if (!S_ISREG(Errors.st_mode)) { // a file goes on, what somebody reads would never end
+        dup2(Nothing, STDERR_FILENO);
+    }
+    close(Nothing);
+    const char Ready = 1;
+    if (write(Waiter, &Ready, 1) != 1) {
+        Complain("the parent does not wait any more");
+    }
+    close(Waiter);
+    Waiter = -1;
+}
+
+void CheckPoint(const std::string &Point) {
+    struct stat Stat;
+    if (stat(Point.c_str(), &Stat) != 0) {
+        const bool Stale = errno == ENOTCONN;
+        throw UsageError(fmt::format(
+            "{}: {}", Point, Stale ? "a mount whose server has gone; fusermount3 -u removes it" : strerror(errno)));
+    }
+    if (!S_ISDIR(Stat.st_mode)) {
+        throw UsageError(fmt::format("{}: not a directory", Point));
+    }
+}
+
+// The kernel reads ahead what the device says: to be raised by root only, and no more than a wish. The device is looked
+// up in the table of mounts, since the mount itself answers nobody yet.
+void RaiseReadAhead(const MountOptions &Options) {
+    if (Options.ReadAheadKib == 0 || geteuid() != 0) {
+        return;
+    }
+    std::ifstream Table("/proc/self/mountinfo");
+    std::string Device;
+    for (std::string Line; std::getline(Table, Line);) {
+        std::istringstream Words(Line);
+        std::string Id, Parent, Numbers, Root, Point;
+        Words >> Id >> Parent >> Numbers >> Root >> Point;
+        if (Point == Options.Point) {
+            Device = Numbers; // the last is on top
+        }
+    }
+    if (!Device.empty()) {
+        std::ofstream File(fmt::format("/sys/class/bdi/{}/read_ahead_kb", Device));
+        File << Options.ReadAheadKib << std::flush;
+    }
+}
+
+class KernelSession {
+public:
+    KernelSession(FileSystem &Files, const MountOptions &Options) : Files_(Files) {
+        std::vector<std::string> Words = {"rvfsd"};
+        bool Named = false;
+        bool Typed = false;
+        for (const std::string &Each : Options.ForKernel) {
+            Named = Named || Each.starts_with("fsname=");
+            Typed = Typed || Each.starts_with("subtype=");
+            Words.insert(Words.end(), {"-o", Each});
+        }
+        if (!Named) {
+            Words.insert(Words.end(), {"-o", "fsname=rvfsd"});
+        }
+        if (!Typed) {
+            Words.insert(Words.end(), {"-o", "subtype=rvfsd"});
+        }
+        if (Options.DefaultPermissions) {
+            Words.insert(Words.end(), {"-o", "default_permissions"});
+        }
+        if (Options.Debug) {
+            Words.emplace_back("-d");
+        }
+        std::vector<char *> Pointers;
+        for (std::string &Each : Words) {
+            Pointers.push_back(Each.data());
+        }
+        fuse_args Arguments = FUSE_ARGS_INIT(static_cast<int>(Pointers.size()), Pointers.data());
+        Session_ = fuse_session_new(&Arguments, &FileSystem::Operations(), sizeof(fuse_lowlevel_ops), &Files);
+        fuse_opt_free_args(&Arguments);
+        if (Session_ == nullptr) {
+            throw UsageError("mount: the options were refused");
+        }
+        if (fuse_session_mount(Session_, Options.Point.c_str()) != 0) {
+            fuse_session_destroy(Session_);
+            throw UsageError(fmt::format("{}: not mounted", Options.Point));
+        }
+        Files_.SetSession(Session_);
+    }
+    ~KernelSession() {
+        Files_.SetSession(nullptr);
+        fuse_remove_signal_handlers(Session_);
+        fuse_session_unmount(Session_);
+        fuse_session_destroy(Session_);
+    }
+    KernelSession(const KernelSession &) = delete;
+    KernelSession &operator=(const KernelSession &) = delete;
+
+    fuse_session *Get() {
+        return Session_;
+    }
+
+private:
+    FileSystem &Files_;
+    fuse_session *Session_;
+};
+
+} // namespace
+
+void Prepare(MountOptions &Options, SessionOptions &Session) {
+    CheckPoint(Options.Point);
+    char *Real = realpath(Options.Point.c_str(), nullptr);
+    if (Real == nullptr) {
+        throw UsageError(fmt::format("{}: {}", Options.Point, strerror(errno)));
+    }
+    Options.Point = Real;
+    free(Real);
+    Session.Verify = Options.Verify;
+    if (!Options.Foreground) {
+        GoIntoBackground();
+    }
+    // Only the thread that serves is interrupted by them; all others inherit this.
+    const sigset_t Ending = EndingSignals();
+    pthread_sigmask(SIG_BLOCK, &Ending, nullptr);
+    for (const int Signal : {SIGINT, SIGTERM, SIGHUP}) {
+        signal(Signal, SIG_DFL); // libfuse takes only those that nobody has
+    }
+}
+
+int Serve(Session &Running, const MountOptions &Options) {
+    if (!Options.FaultFile.empty()) {
+        Running.SetFault([File = Options.FaultFile] {
+            return access(File.c_str(), F_OK) == 0 ? RVSTATUS{0xC7E90101} : RVSTATUS::Success;
+        });
+    }
+    FileSystem Files(Running, Options);
+    int Ended;
+    {
+        KernelSession Kernel(Files, Options);
+        if (fuse_set_signal_handlers(Kernel.Get()) != 0) {
+            throw UsageError("mount: signals cannot be caught");
+        }
+        RaiseReadAhead(Options);
+        if (chdir("/") != 0) {
+            throw UsageError(fmt::format("/: {}", strerror(errno)));
+        }
+        TellReady();
+        fuse_loop_config *Loop = fuse_loop_cfg_create();
+        fuse_loop_cfg_set_max_threads(Loop, Options.Threads);
+        fuse_loop_cfg_set_idle_threads(Loop, Options.Threads);
+        const sigset_t Ending = EndingSignals();
+        pthread_sigmask(SIG_UNBLOCK, &Ending, nullptr);
+        Ended = fuse_session_loop_mt(Kernel.Get(), Loop);
+        fuse_loop_cfg_destroy(Loop);
+    }
+    Running.SetFault({});
+    Files.CloseAll();
+    // The number of the signal that ended it: as it should.
+    if (Ended < 0) {
+        Complain(fmt::format("mount: {}", strerror(-Ended)));
+        return 1;
+    }
+    return 0;
+}
+
+} // namespace app::mount

@@ -1,0 +1,84 @@
+"""For the scripts in Python: the mount that a test runs on, and how a test says what it expects."""
+import contextlib
+import errno
+import os
+import subprocess
+import sys
+import time
+
+WORK = sys.argv[1]
+FILES = os.path.join(WORK, "files")
+MOUNT = os.path.join(WORK, "mnt")
+LONG = bool(os.environ.get("RVFSD_LONG"))
+
+
+def path(name):
+    return os.path.join(MOUNT, name)
+
+
+def start(options="", *given, foreground=False):
+    words = [os.path.join(WORK, "mount"), options + (",foreground" if foreground and options else "foreground" * foreground), *given]
+    if foreground:
+        server = subprocess.Popen(words)
+        while not os.path.ismount(MOUNT) and server.poll() is None:
+            time.sleep(0.01)
+        return server
+    subprocess.run(words, check=True)
+
+
+def stop():
+    subprocess.run(["fusermount3", "-u", MOUNT], check=True)
+
+
+@contextlib.contextmanager
+def mounted(options="", *given):
+    """The exit code of the server is 0: nothing was left behind."""
+    server = start(options, *given, foreground=True)
+    try:
+        yield server
+    finally:
+        if os.path.ismount(MOUNT):
+            stop()
+        code = server.wait(30)
+    assert code == 0, f"the server ended with {code}"
+
+
+@contextlib.contextmanager
+def refused(*numbers):
+    try:
+        yield
+    except OSError as error:
+        assert error.errno in numbers, f"{errno.errorcode[error.errno]} instead of {[errno.errorcode[n] for n in numbers]}"
+    else:
+        raise AssertionError(f"accepted instead of {[errno.errorcode[n] for n in numbers]}")
+
+
+def write(name, data=b"x", mode="wb"):
+    with open(path(name), mode) as file:
+        file.write(data)
+
+
+def read(name):
+    with open(path(name), "rb") as file:
+        return file.read()
+
+
+def run_all(tests):
+    """Each test in a directory that it leaves empty."""
+    failed = 0
+    for test in tests:
+        begun = time.time()
+        try:
+            test()
+            subprocess.run(["rm", "-rf", *(path(name) for name in os.listdir(MOUNT))], check=True)
+            left = os.listdir(FILES)
+            assert not left, f"left at the server: {left}"
+            print(f"ok {test.__name__} ({time.time() - begun:.2f} s)", flush=True)
+        except Exception as error:  # the others are still worth running
+            import traceback
+
+            traceback.print_exc()
+            print(f"NOT OK {test.__name__}: {error}", flush=True)
+            failed += 1
+            subprocess.run(f"rm -rf {MOUNT}/* {FILES}/*", shell=True)
+    return failed
