@@ -115,6 +115,8 @@ private:
 
     int Load(Node *Which, Listing &To);
     int ReadListing(fuse_req_t Request, Node *Which, size_t Size, off_t Offset, Listing &From, bool Plus);
+    size_t Pack(fuse_req_t Request, Node *Which, off_t Offset, const Listing &From, bool Plus,
+                std::vector<char> &Buffer);
 
     // With Renaming held exclusively.
     int Delete(const std::u16string &Path, bool Directory);

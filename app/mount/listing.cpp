@@ -90,17 +90,30 @@ int FileSystem::Load(Node *Which, Listing &To) {
     return 0;
 }
 
+// With the answer the reader may close the directory: it is sent when the listing is not needed any more.
 int FileSystem::ReadListing(fuse_req_t Request, Node *Which, size_t Size, off_t Offset, Listing &From, bool Plus) {
-    const std::lock_guard Hold(From.Lock);
-    if (Offset == 0 || !From.Loaded) {
-        if (const int Error = Load(Which, From); Error != 0) {
-            return Error;
+    std::vector<char> Buffer(Size);
+    size_t Used = 0;
+    {
+        const std::lock_guard Hold(From.Lock);
+        if (Offset == 0 || !From.Loaded) {
+            if (const int Error = Load(Which, From); Error != 0) {
+                return Error;
+            }
         }
+        Used = Pack(Request, Which, Offset, From, Plus, Buffer);
     }
+    fuse_reply_buf(Request, Buffer.data(), Used);
+    return 0;
+}
+
+// As many entries from Offset on as Buffer holds; the bytes of them.
+size_t FileSystem::Pack(fuse_req_t Request, Node *Which, off_t Offset, const Listing &From, bool Plus,
+                        std::vector<char> &Buffer) {
+    const size_t Size = Buffer.size();
     // Attributes go along as long as nothing was changed since they came, and they are not older than they may get.
     const auto Age = std::chrono::duration<double>(std::chrono::steady_clock::now() - From.Asked).count();
     const bool Fresh = From.Changes == Changes_ && Age <= Options_.AttributeTimeout;
-    std::vector<char> Buffer(Size);
     size_t Used = 0;
     const off_t End = FirstEntry + static_cast<off_t>(From.Entries.size());
     for (off_t At = Offset; At < End; ++At) {
@@ -133,8 +146,7 @@ int FileSystem::ReadListing(fuse_req_t Request, Node *Which, size_t Size, off_t 
         }
         Used += Needs;
     }
-    fuse_reply_buf(Request, Buffer.data(), Used);
-    return 0;
+    return Used;
 }
 
 int FileSystem::ReadDirectory(fuse_req_t Request, fuse_ino_t Inode, size_t Size, off_t Offset, fuse_file_info *File) {

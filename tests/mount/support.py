@@ -22,6 +22,7 @@ def start(options="", *given, foreground=False):
         server = subprocess.Popen(words)
         while not os.path.ismount(MOUNT) and server.poll() is None:
             time.sleep(0.01)
+        assert os.path.ismount(MOUNT), f"not mounted: the server ended with {server.wait()}"
         return server
     subprocess.run(words, check=True)
 
