@@ -19,14 +19,15 @@ constexpr size_t LargestTransfer = 1 << 20;
 constexpr ULONG ListBytes = 1 << 16;
 
 // Creates hide what the server said behind a few statuses of their own: a new file that it refuses for whatever reason
-// "exists", any other "is not there". What the Provider's last refusal in this thread was is the truth then, unless it
-// tells no more than what was looked for on the way: that something is missing, or of the other kind.
+// "exists", any other "is not there", also when the server does not answer for its name. What the Provider's last
+// refusal in this thread was is the truth then, unless it tells no more than what was looked for on the way: that
+// something is missing, or of the other kind.
 int ErrnoOfCreate(NTSTATUS Status, ULONG Disposition) {
     const int Told = ErrnoOf(Status);
     if (Told != (Disposition == FILE_CREATE ? EEXIST : ENOENT)) {
         return Told;
     }
-    const int Behind = ErrnoOfProvider(Failures::Last("RVFsdCreateFile"));
+    const int Behind = ErrnoOfProvider(Failures::Last());
     const bool OnTheWay = Behind == 0 || Behind == ENOENT || Behind == EISDIR || Behind == ENOTDIR || Behind == EEXIST;
     return OnTheWay ? Told : Behind;
 }

@@ -30,7 +30,7 @@ public:
 
     // The error with which the calling thread's last failed operation ended since Forget, when its name begins with
     // Operation; success otherwise.
-    static RVSTATUS Last(const char *Operation) noexcept;
+    static RVSTATUS Last(const char *Operation = "") noexcept;
     static void Forget() noexcept;
 
 private:
