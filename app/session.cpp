@@ -353,9 +353,10 @@ std::string Session::Stop() {
     if (Tap_ != nullptr) {
         Tap_->RemoveAll();
     }
+    // Each has put its table in front of the Provider's: the last one is the first to take it away.
     Recorder_.reset();
-    Failures_.reset();
     Framework_.reset();
+    Failures_.reset();
     Kernel_.reset();
     Tap_.reset();
     Image_.reset();

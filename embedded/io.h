@@ -114,6 +114,8 @@ struct IrpBuilder {
     PIO_COMPLETION_ROUTINE CompletionRoutine = nullptr;
     PVOID CompletionContext = nullptr;
     std::function<void(PIO_STACK_LOCATION)> Fill;
+    // Gets the IRP before it is sent, for who cancels it meanwhile.
+    PIRP *Made = nullptr;
 };
 
 // A request that was sent. Owns the IRP until it is completed; destroying it waits for the completion.

@@ -303,6 +303,9 @@ SentIrp SendIrp(PDEVICE_OBJECT Device, const IrpBuilder &Builder) {
     if (Builder.Fill) {
         Builder.Fill(&Stack);
     }
+    if (Builder.Made != nullptr) {
+        *Builder.Made = &Irp;
+    }
     KThread &Thread = CurrentThread();
     const PIRP Before = std::exchange(Thread.TopLevelIrp, Builder.TopLevelIrp);
     const NTSTATUS Returned = CallDriver(Target, *Block);

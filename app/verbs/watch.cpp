@@ -67,8 +67,8 @@ private:
     UCHAR Buffer_[1024];
 };
 
-void Tell(const std::string &Before, const Wait &Ended) {
-    if (WantsJson()) {
+void Tell(const std::string &Before, const Wait &Ended, bool Json) {
+    if (Json) {
         PrintRecord({{"path", ShowPath(Ended.Path())}, {"status", StatusName(Ended.Status())}});
     } else {
         fmt::print("{}{}\n", Before, ShowStatus(Ended.Status()));
@@ -85,11 +85,12 @@ public:
         }
     }
     void Add(std::unique_ptr<Wait> Waiting) {
-        Threads_.emplace_back([this, Watched = std::move(Waiting)] {
+        // In the form that its own command asked for, whatever later ones do.
+        Threads_.emplace_back([this, Watched = std::move(Waiting), Json = WantsJson()] {
             while (!Stop_ && !Watched->WaitFor(50)) {
             }
             Watched->End();
-            Tell("watch " + ShowPath(Watched->Path()) + ": ", *Watched);
+            Tell("watch " + ShowPath(Watched->Path()) + ": ", *Watched, Json);
             fflush(stdout);
         });
     }
@@ -112,7 +113,7 @@ int Watch(const std::string &Path) {
         while (!Waiting->WaitFor(200)) {
             CheckInterrupt();
         }
-        Tell("", *Waiting);
+        Tell("", *Waiting, WantsJson());
     });
 }
 

@@ -221,9 +221,9 @@ void EndOpen(CLOSE &Close) {
     Dereference(Close);
 }
 
-// FALSE for a record that was never made an open's.
+// FALSE for a record that was never made an open's. Its neighbours change Links under a lock; Fcb is set once, before.
 bool IsLinked(PINSTANCE_CONTEXT Instance) {
-    return Instance->Links.Flink != nullptr;
+    return Instance->Fcb != nullptr;
 }
 
 NTSTATUS Finish(PIRP_CONTEXT IrpContext, PFILE_OBJECT FileObject, NTSTATUS Status) {

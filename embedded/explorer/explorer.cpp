@@ -311,8 +311,10 @@ private:
         if (Next == &From) {
             return;
         }
+        // From the release on the state is for whoever runs to change.
+        const bool Ended = From.State == Phase::Ended;
         Next->Go.release();
-        if (From.State != Phase::Ended) {
+        if (!Ended) {
             From.Go.acquire();
         }
     }
@@ -351,7 +353,7 @@ private:
             OwnLeft |= Each->Host.joinable() && Each->State != Phase::Ended;
         }
         // Time may pass at any moment: it is one more that could go on.
-        if (Timed != nullptr) {
+        if (Timed != nullptr && OwnLeft) {
             Among.TimeLast = !Among.Threads.empty();
             Among.Threads.push_back(Timed);
         }
