@@ -510,6 +510,65 @@ TEST_F(DirectoryProviderTest, ByteRangeLocks) {
     Close(Two);
 }
 
+// A second Provider over the directory stands for a second process: an open of its own sees the locks of the others.
+TEST_F(DirectoryProviderTest, LocksAndDenialsAreSeenByOtherServersOfTheDirectory) {
+    Write("file", "0123456789");
+    DirectoryProvider Second;
+    ASSERT_EQ(Second.AddExport(u"srv", u"Vol", Root), "");
+    RVIOM_FSD *There = Second.Interface();
+    const auto OpenThere = [&](ULONG Access, ULONG Share, RVHANDLE &Handle) {
+        return There->Table->RVFsdCreateFile(There, nullptr, 0, u"\\srv\\vol\\file", Access, Share, 3, 0, 0, &Handle,
+                                             &Action);
+    };
+    RVHANDLE One = 0;
+    RVHANDLE Two = 0;
+    ASSERT_EQ(Open(u"file", One, ReadWrite), Done);
+    ASSERT_EQ(OpenThere(ReadWrite, 7, Two), Done);
+    const auto Here = [&](bool Exclusive, ULONG64 At, ULONG64 Length) {
+        return Table->RVFsdLockFile(Fsd, nullptr, One, Exclusive, At, Length);
+    };
+    const auto LocksThere = [&](ULONG64 At, bool Exclusive = true) {
+        const RVSTATUS Status = There->Table->RVFsdLockFile(There, nullptr, Two, Exclusive, At, 1);
+        if (Status == Done) {
+            EXPECT_EQ(There->Table->RVFsdUnlockFile(There, nullptr, Two, At, 1), Done);
+        }
+        return Status == Done;
+    };
+    EXPECT_EQ(Here(true, 2, 6), Done);
+    EXPECT_EQ(Here(false, 4, 6), Done) << "a shared one over its own takes nothing away";
+    EXPECT_EQ(Here(true, INT64_MAX, 2), Done) << "beyond what the file system can name";
+    EXPECT_EQ(Here(true, 100, UINT64_MAX - 100), Failure(CODE_LOCK_NOT_GRANTED));
+    // Byte by byte: - free, s shared, x exclusive.
+    const auto Map = [&] {
+        std::string Seen;
+        for (ULONG64 At = 0; At < 12; ++At) {
+            Seen += LocksThere(At) ? '-' : LocksThere(At, false) ? 's' : 'x';
+        }
+        return Seen;
+    };
+    EXPECT_EQ(Map(), "--xxxxxxss--");
+    EXPECT_EQ(Table->RVFsdModifyFileAccess(Fsd, nullptr, One, ReadWrite | RV_ACCESS_EXECUTE, 7, 0), Done);
+    EXPECT_EQ(Table->RVFsdUnlockFile(Fsd, nullptr, One, 2, 6), Done);
+    EXPECT_EQ(Map(), "----ssssss--");
+    EXPECT_EQ(Table->RVFsdUnlockFile(Fsd, nullptr, One, 4, 6), Done);
+    EXPECT_EQ(Map(), "------------");
+    EXPECT_EQ(There->Table->RVFsdLockFile(There, nullptr, Two, true, 5, 1), Done);
+    EXPECT_EQ(Here(true, 0, 10), Failure(CODE_LOCK_NOT_GRANTED));
+    EXPECT_EQ(There->Table->RVFsdCloseFile(There, nullptr, Two), Done);
+    EXPECT_EQ(Here(true, 0, 10), Done);
+    Close(One);
+    // What is denied here is refused there, and no longer when it is closed.
+    ASSERT_EQ(Open(u"file", One, RV_ACCESS_READ, 3, 1), Done);
+    EXPECT_EQ(OpenThere(ReadWrite, 7, Two), Failure(CODE_SHARING_VIOLATION));
+    ASSERT_EQ(OpenThere(RV_ACCESS_READ, 1, Two), Done);
+    EXPECT_EQ(There->Table->RVFsdCloseFile(There, nullptr, Two), Done);
+    Close(One);
+    ASSERT_EQ(OpenThere(ReadWrite, 0, Two), Done);
+    EXPECT_EQ(Try(u"file"), Failure(CODE_SHARING_VIOLATION));
+    EXPECT_EQ(There->Table->RVFsdCloseFile(There, nullptr, Two), Done);
+    EXPECT_EQ(There->Table->Release(There), 0u);
+}
+
 TEST_F(DirectoryProviderTest, AttributesAndTimesAreKept) {
     RVHANDLE Handle = 0;
     ASSERT_EQ(Open(u"file", Handle, ReadWrite, RV_DISPOSITION_CREATE_NEW, 7,
