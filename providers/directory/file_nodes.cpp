@@ -10,6 +10,7 @@ namespace {
 constexpr ULONG ShareRead = 0x1;
 constexpr ULONG ShareWrite = 0x2;
 constexpr ULONG ShareDelete = 0x4;
+constexpr ULONG ShareAll = ShareRead | ShareWrite | ShareDelete;
 
 // The share bits that other opens must grant for this access.
 constexpr ULONG Needed(ULONG Access) {
@@ -41,10 +42,11 @@ RVSTATUS FileNode::Share(const void *Owner, int Fd, ULONG Access, ULONG ShareMod
             return Failure(CODE_SHARING_VIOLATION);
         }
     }
-    if (Wanted != 0) {
-        if (const RVSTATUS Status = NoteShares(Fd, Wanted, ShareMode); RvIsError(Status)) {
+    if (Wanted != 0 || Own != nullptr) {
+        const ULONG Shared = Wanted != 0 ? ShareMode : ShareAll; // one without access denies nothing
+        if (const RVSTATUS Status = NoteShares(Fd, Own == nullptr, Wanted, Shared); RvIsError(Status)) {
             if (Own != nullptr) {
-                static_cast<void>(NoteShares(Fd, 0, Own->Mode));
+                static_cast<void>(NoteShares(Fd, false, 0, Own->Mode));
             }
             return Status;
         }

@@ -281,6 +281,7 @@ bool Covers(int Flags, ULONG Access) {
 
 RVSTATUS ChangeAccess(FileObject &File, ULONG Access, ULONG Share, ULONG Options) {
     const std::lock_guard Hold(File.AccessMutex);
+    RVSTATUS Again = RVSTATUS::Success;
     const bool Reserve = (Options & RV_OPTION_RESERVE_DELETE) != 0;
     const bool MoreWriting = (Access & ~File.Access.load() & RV_ACCESS_WRITE) != 0;
     struct stat Stat;
@@ -302,12 +303,13 @@ RVSTATUS ChangeAccess(FileObject &File, ULONG Access, ULONG Share, ULONG Options
         if (const RVSTATUS Status = Reopen(File, Access | File.Access.load(), Options); RvIsError(Status)) {
             return Status;
         }
-        if (const RVSTATUS Status = File.Node->SetAgain(&File, File.Fd()); RvIsError(Status)) {
-            return Status;
-        }
+        Again = File.Node->SetAgain(&File, File.Fd());
     }
     if (const RVSTATUS Status = File.Node->Share(&File, File.Fd(), Access, Share); RvIsError(Status)) {
         return Status;
+    }
+    if (RvIsError(Again)) {
+        return Again; // somebody else's lock came between
     }
     File.Access = Access;
     if (Reserve) {

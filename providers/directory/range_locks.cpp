@@ -51,9 +51,17 @@ RVSTATUS SetRange(int Fd, RangeLock Kind, ULONG64 Offset, ULONG64 Length) {
     return Error == EAGAIN || Error == EACCES ? Failure(CODE_LOCK_NOT_GRANTED) : RVSTATUS::Success;
 }
 
-RVSTATUS NoteShares(int Fd, ULONG Access, ULONG ShareMode) {
+RVSTATUS NoteShares(int Fd, bool First, ULONG Access, ULONG ShareMode) {
     for (unsigned Kind = 0; Kind < Kinds; ++Kind) {
-        Set(Fd, (ShareMode & (1u << Kind)) == 0 ? F_RDLCK : F_UNLCK, DeniedAt + Kind, 1);
+        const bool Denied = (ShareMode & (1u << Kind)) == 0;
+        if (Denied || !First) {
+            Set(Fd, Denied ? F_RDLCK : F_UNLCK, DeniedAt + Kind, 1);
+        }
+    }
+    // Nearly always nothing is denied, and one question tells.
+    struct flock Any = Range(F_WRLCK, DeniedAt, Kinds);
+    if (fcntl(Fd, F_OFD_GETLK, &Any) != 0 || Any.l_type == F_UNLCK) {
+        return RVSTATUS::Success;
     }
     for (unsigned Kind = 0; Kind < Kinds; ++Kind) {
         struct flock Other = Range(F_WRLCK, DeniedAt + Kind, 1);

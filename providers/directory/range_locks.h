@@ -15,7 +15,7 @@ enum class RangeLock : uint8_t { None, Shared, Exclusive };
 RVSTATUS SetRange(int Fd, RangeLock Kind, ULONG64 Offset, ULONG64 Length);
 
 // Notes on the open file what it does not share (the bits of slot 18's share mode), for other processes, and asks
-// whether one of them denies Access. CODE_SHARING_VIOLATION when it does.
-RVSTATUS NoteShares(int Fd, ULONG Access, ULONG ShareMode);
+// whether one of them denies Access. First: nothing was noted on it before. CODE_SHARING_VIOLATION when one does.
+RVSTATUS NoteShares(int Fd, bool First, ULONG Access, ULONG ShareMode);
 
 } // namespace providers::directory
