@@ -2,12 +2,15 @@
 
 #include <algorithm>
 
+#include "providers/directory/range_locks.h"
+
 namespace providers::directory {
 namespace {
 
 constexpr ULONG ShareRead = 0x1;
 constexpr ULONG ShareWrite = 0x2;
 constexpr ULONG ShareDelete = 0x4;
+constexpr ULONG ShareAll = ShareRead | ShareWrite | ShareDelete;
 
 // The share bits that other opens must grant for this access.
 constexpr ULONG Needed(ULONG Access) {
@@ -27,7 +30,7 @@ constexpr bool Overlap(ULONG64 First, ULONG64 Length, ULONG64 OtherFirst, ULONG6
 
 } // namespace
 
-RVSTATUS FileNode::Share(const void *Owner, ULONG Access, ULONG ShareMode) {
+RVSTATUS FileNode::Share(const void *Owner, int Fd, ULONG Access, ULONG ShareMode) {
     const std::lock_guard Hold(Mutex_);
     const ULONG Wanted = Needed(Access);
     ShareEntry *Own = nullptr;
@@ -37,6 +40,15 @@ RVSTATUS FileNode::Share(const void *Owner, ULONG Access, ULONG ShareMode) {
         } else if (Wanted != 0 && Needed(Other.Access) != 0 &&
                    ((Wanted & ~Other.Mode) != 0 || (Needed(Other.Access) & ~ShareMode) != 0)) {
             return Failure(CODE_SHARING_VIOLATION);
+        }
+    }
+    if (Wanted != 0 || Own != nullptr) {
+        const ULONG Shared = Wanted != 0 ? ShareMode : ShareAll; // one without access denies nothing
+        if (const RVSTATUS Status = NoteShares(Fd, Own == nullptr, Wanted, Shared); RvIsError(Status)) {
+            if (Own != nullptr) {
+                static_cast<void>(NoteShares(Fd, false, 0, Own->Mode));
+            }
+            return Status;
         }
     }
     if (Own != nullptr) {
@@ -62,7 +74,7 @@ RVSTATUS FileNode::CheckDelete(const void *Except) {
     return Refused ? Failure(CODE_SHARING_VIOLATION) : RVSTATUS::Success;
 }
 
-RVSTATUS FileNode::Lock(const void *Owner, bool Exclusive, ULONG64 Offset, ULONG64 Length) {
+RVSTATUS FileNode::Lock(const void *Owner, int Fd, bool Exclusive, ULONG64 Offset, ULONG64 Length) {
     if (Length != 0 && LastByte(Offset, Length) < Offset) {
         return RVSTATUS::InvalidParameter;
     }
@@ -74,11 +86,16 @@ RVSTATUS FileNode::Lock(const void *Owner, bool Exclusive, ULONG64 Offset, ULONG
         }
     }
     Locks_.push_back({Owner, Exclusive, Offset, Length});
+    if (const RVSTATUS Status = SetBelow(Owner, Fd, Offset, Length); RvIsError(Status)) {
+        Locks_.pop_back();
+        static_cast<void>(SetBelow(Owner, Fd, Offset, Length));
+        return Status;
+    }
     LockCount_.store(static_cast<uint32_t>(Locks_.size()), std::memory_order_release);
     return RVSTATUS::Success;
 }
 
-RVSTATUS FileNode::Unlock(const void *Owner, ULONG64 Offset, ULONG64 Length) {
+RVSTATUS FileNode::Unlock(const void *Owner, int Fd, ULONG64 Offset, ULONG64 Length) {
     const std::lock_guard Hold(Mutex_);
     const auto Found = std::find_if(Locks_.begin(), Locks_.end(), [&](const LockEntry &Entry) {
         return Entry.Owner == Owner && Entry.First == Offset && Entry.Length == Length;
@@ -87,7 +104,55 @@ RVSTATUS FileNode::Unlock(const void *Owner, ULONG64 Offset, ULONG64 Length) {
         return Failure(CODE_RANGE_NOT_LOCKED);
     }
     Locks_.erase(Found);
+    static_cast<void>(SetBelow(Owner, Fd, Offset, Length)); // giving back cannot be refused
     LockCount_.store(static_cast<uint32_t>(Locks_.size()), std::memory_order_release);
+    return RVSTATUS::Success;
+}
+
+// Makes the open file's range what all of its owner's locks say together: the file system keeps one kind a byte. Called
+// with the mutex.
+RVSTATUS FileNode::SetBelow(const void *Owner, int Fd, ULONG64 First, ULONG64 Length) {
+    if (Length == 0) {
+        return RVSTATUS::Success;
+    }
+    const ULONG64 Last = LastByte(First, Length);
+    std::vector<ULONG64> Starts{First};
+    for (const LockEntry &Each : Locks_) {
+        if (Each.Owner == Owner && Overlap(First, Length, Each.First, Each.Length)) {
+            Starts.push_back(std::max(First, Each.First));
+            if (LastByte(Each.First, Each.Length) < Last) {
+                Starts.push_back(LastByte(Each.First, Each.Length) + 1);
+            }
+        }
+    }
+    std::sort(Starts.begin(), Starts.end());
+    Starts.erase(std::unique(Starts.begin(), Starts.end()), Starts.end());
+    for (size_t At = 0; At < Starts.size(); ++At) {
+        const ULONG64 End = At + 1 < Starts.size() ? Starts[At + 1] - 1 : Last;
+        RangeLock Kind = RangeLock::None;
+        for (const LockEntry &Each : Locks_) {
+            if (Each.Owner == Owner && Overlap(Starts[At], 1, Each.First, Each.Length)) {
+                Kind = std::max(Kind, Each.Exclusive ? RangeLock::Exclusive : RangeLock::Shared);
+            }
+        }
+        // Length 0 would be a range of all there is.
+        const ULONG64 Count = End - Starts[At] == UINT64_MAX ? UINT64_MAX : End - Starts[At] + 1;
+        if (const RVSTATUS Status = SetRange(Fd, Kind, Starts[At], Count); RvIsError(Status)) {
+            return Status;
+        }
+    }
+    return RVSTATUS::Success;
+}
+
+RVSTATUS FileNode::SetAgain(const void *Owner, int Fd) {
+    const std::lock_guard Hold(Mutex_);
+    for (const LockEntry &Each : Locks_) {
+        if (Each.Owner == Owner) {
+            if (const RVSTATUS Status = SetBelow(Owner, Fd, Each.First, Each.Length); RvIsError(Status)) {
+                return Status;
+            }
+        }
+    }
     return RVSTATUS::Success;
 }
 

@@ -2,7 +2,7 @@
 //
 // A node exists while a handle with access is open on the file; the handle's descriptor keeps the inode from being
 // reused. Locks: the table is sharded, each shard under a mutex; a node's lists under the node's own mutex, taken last.
-// Nothing here blocks on the file system.
+// Nothing but locks and shares of the file itself, under its node's mutex, waits for the file system.
 #pragma once
 
 #include <array>
@@ -19,9 +19,10 @@ namespace providers::directory {
 
 class FileNode {
 public:
-    // Grants or refuses Access under Share (the encodings of slot 18) to Owner against the other opens; a repeated call
-    // of the same owner replaces what it had. Refused: CODE_SHARING_VIOLATION, nothing changes.
-    RVSTATUS Share(const void *Owner, ULONG Access, ULONG ShareMode);
+    // Grants or refuses Access under Share (the encodings of slot 18) to Owner against the other opens, and, where Fd
+    // can carry that, against what other processes deny; a repeated call of the same owner replaces what it had.
+    // Refused: CODE_SHARING_VIOLATION, nothing changes.
+    RVSTATUS Share(const void *Owner, int Fd, ULONG Access, ULONG ShareMode);
 
     // Takes back Owner's share and all its locks.
     void Leave(const void *Owner);
@@ -30,9 +31,12 @@ public:
     RVSTATUS CheckDelete(const void *Except = nullptr);
 
     // Byte-range locks of Owner. A shared lock may cover the owner's own exclusive one; everything else that overlaps
-    // an exclusive lock, and every exclusive lock that overlaps anything, is refused.
-    RVSTATUS Lock(const void *Owner, bool Exclusive, ULONG64 Offset, ULONG64 Length);
-    RVSTATUS Unlock(const void *Owner, ULONG64 Offset, ULONG64 Length);
+    // an exclusive lock, and every exclusive lock that overlaps anything, is refused. They are set on the open file
+    // too, whose descriptor is Fd, so that other processes see them.
+    RVSTATUS Lock(const void *Owner, int Fd, bool Exclusive, ULONG64 Offset, ULONG64 Length);
+    RVSTATUS Unlock(const void *Owner, int Fd, ULONG64 Offset, ULONG64 Length);
+    // Sets all of them again, on a file that was opened anew.
+    RVSTATUS SetAgain(const void *Owner, int Fd);
 
     // Whether Owner may read or write the range: CODE_LOCK_CONFLICT when another owner's lock forbids it.
     RVSTATUS CheckTransfer(const void *Owner, bool Write, ULONG64 Offset, ULONG64 Length) {
@@ -59,6 +63,7 @@ private:
         ULONG64 Length;
     };
 
+    RVSTATUS SetBelow(const void *Owner, int Fd, ULONG64 First, ULONG64 Length);
     RVSTATUS CheckLocks(const void *Owner, bool Write, ULONG64 Offset, ULONG64 Length);
 
     ObjectKey Key_;

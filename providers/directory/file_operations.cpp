@@ -99,7 +99,7 @@ RVSTATUS Empty(const FileObject &File, const Request &Wanted) {
 // Enters the file among the opens of its inode.
 RVSTATUS Join(FileObject &File, ULONG Uses, const Request &Wanted) {
     File.Node = File.Nodes.Acquire(File.Key);
-    return File.Node->Share(&File, Uses, Wanted.Share);
+    return File.Node->Share(&File, File.Fd(), Uses, Wanted.Share);
 }
 
 RVSTATUS OpenExisting(State &Provider, const Place &At, const Resolved &Found, Looked &There, const Request &Wanted,
@@ -134,7 +134,7 @@ RVSTATUS OpenExisting(State &Provider, const Place &At, const Resolved &Found, L
             return Status;
         }
         // From here on only what was asked for counts; it is less, so it cannot be refused.
-        static_cast<void>(File->Node->Share(File.get(), Wanted.Access, Wanted.Share));
+        static_cast<void>(File->Node->Share(File.get(), File->Fd(), Wanted.Access, Wanted.Share));
         Out.Action = ActionReplaced;
     }
     Out.File = std::move(File);
@@ -281,6 +281,7 @@ bool Covers(int Flags, ULONG Access) {
 
 RVSTATUS ChangeAccess(FileObject &File, ULONG Access, ULONG Share, ULONG Options) {
     const std::lock_guard Hold(File.AccessMutex);
+    RVSTATUS Again = RVSTATUS::Success;
     const bool Reserve = (Options & RV_OPTION_RESERVE_DELETE) != 0;
     const bool MoreWriting = (Access & ~File.Access.load() & RV_ACCESS_WRITE) != 0;
     struct stat Stat;
@@ -302,9 +303,13 @@ RVSTATUS ChangeAccess(FileObject &File, ULONG Access, ULONG Share, ULONG Options
         if (const RVSTATUS Status = Reopen(File, Access | File.Access.load(), Options); RvIsError(Status)) {
             return Status;
         }
+        Again = File.Node->SetAgain(&File, File.Fd());
     }
-    if (const RVSTATUS Status = File.Node->Share(&File, Access, Share); RvIsError(Status)) {
+    if (const RVSTATUS Status = File.Node->Share(&File, File.Fd(), Access, Share); RvIsError(Status)) {
         return Status;
+    }
+    if (RvIsError(Again)) {
+        return Again; // somebody else's lock came between
     }
     File.Access = Access;
     if (Reserve) {

@@ -79,8 +79,9 @@ NameCache::IndexPtr NameCache::IndexOf(const ObjectKey &Key) {
     return Index;
 }
 
-// Looks one component up in the directory open as Fd; Out's Name, Type, Exists and Marked become the answer.
-RVSTATUS NameCache::Step(int Fd, std::u16string_view Component, Resolved &Out) {
+// Looks one component up in the directory open as Fd, which is Known when that is not nullptr; Out's Name, Type, Exists
+// and Marked become the answer.
+RVSTATUS NameCache::Step(int Fd, const ObjectKey *Known, std::u16string_view Component, Resolved &Out) {
     const std::optional<std::string> Native = NativeName(Component);
     struct stat Stat;
     int Refused = 0;
@@ -102,11 +103,11 @@ RVSTATUS NameCache::Step(int Fd, std::u16string_view Component, Resolved &Out) {
     } else if (Component.find(u'~') == Component.npos) {
         return Failure(CODE_NAME_INVALID);
     }
-    if (fstat(Fd, &Stat) != 0) {
+    if (Known == nullptr && fstat(Fd, &Stat) != 0) {
         return StatusFromErrno(errno);
     }
     FoundName Found;
-    const RVSTATUS Status = IndexOf(KeyOf(Stat))->Find(Fd, Component, Found);
+    const RVSTATUS Status = IndexOf(Known != nullptr ? *Known : KeyOf(Stat))->Find(Fd, Component, Found);
     if (Status == RVSTATUS::Success) {
         Out.Name = Found.Native;
         Out.Type = Found.Type;
@@ -126,9 +127,10 @@ RVSTATUS NameCache::Step(int Fd, std::u16string_view Component, Resolved &Out) {
 RVSTATUS NameCache::Walk(const DirectoryRef &Base, std::u16string_view Path, Resolved &Out) {
     UniqueFd Own;
     int Fd = Base.Fd;
+    const ObjectKey *Known = &Base.Key;
     for (;;) {
         const std::u16string_view Component = TakeFirst(Path);
-        if (const RVSTATUS Status = Step(Fd, Component, Out); RvIsError(Status)) {
+        if (const RVSTATUS Status = Step(Fd, Known, Component, Out); RvIsError(Status)) {
             return Status;
         }
         if (Path.empty()) {
@@ -144,6 +146,7 @@ RVSTATUS NameCache::Walk(const DirectoryRef &Base, std::u16string_view Path, Res
             return StatusOfParent(errno);
         }
         Fd = Own.Get();
+        Known = nullptr;
     }
 }
 
@@ -158,13 +161,13 @@ RVSTATUS NameCache::Resolve(const DirectoryRef &Base, std::u16string_view Path, 
     }
     const size_t Slash = Path.rfind(u'\\');
     if (Slash == Path.npos) {
-        return Step(Base.Fd, Path, Out);
+        return Step(Base.Fd, &Base.Key, Path, Out);
     }
     const std::optional<std::string> Parent = ExactPath(Path.substr(0, Slash));
     const UniqueFd Fd(Parent ? Open_(Context_, Base, *Parent, O_PATH | O_DIRECTORY) : -1);
     if (Fd) {
         Out.Parent = *Parent;
-        return Step(Fd.Get(), Path.substr(Slash + 1), Out);
+        return Step(Fd.Get(), nullptr, Path.substr(Slash + 1), Out);
     }
     if (Parent && !IsMissing(errno)) {
         return StatusFromLookup(errno);

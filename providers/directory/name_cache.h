@@ -76,7 +76,7 @@ private:
     };
 
     IndexPtr IndexOf(const ObjectKey &Key);
-    RVSTATUS Step(int Fd, std::u16string_view Component, Resolved &Out);
+    RVSTATUS Step(int Fd, const ObjectKey *Known, std::u16string_view Component, Resolved &Out);
     RVSTATUS Walk(const DirectoryRef &Base, std::u16string_view Path, Resolved &Out);
 
     const Opener Open_;

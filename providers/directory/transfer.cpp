@@ -205,13 +205,14 @@ RVSTATUS NTAPI SetFileInformation(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG *
 RVSTATUS NTAPI LockFile(RVIOM_FSD *Self, Sec, RVHANDLE Handle, UCHAR Exclusive, ULONG64 ByteOffset, ULONG64 Length) {
     return WithFile(Self, Handle, [&](FileObject &File) {
         return File.Node == nullptr ? RVSTATUS::AccessDenied
-                                    : File.Node->Lock(&File, Exclusive != 0, ByteOffset, Length);
+                                    : File.Node->Lock(&File, File.Fd(), Exclusive != 0, ByteOffset, Length);
     });
 }
 
 RVSTATUS NTAPI UnlockFile(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG64 ByteOffset, ULONG64 Length) {
     return WithFile(Self, Handle, [&](FileObject &File) {
-        return File.Node == nullptr ? Failure(CODE_RANGE_NOT_LOCKED) : File.Node->Unlock(&File, ByteOffset, Length);
+        return File.Node == nullptr ? Failure(CODE_RANGE_NOT_LOCKED)
+                                    : File.Node->Unlock(&File, File.Fd(), ByteOffset, Length);
     });
 }
 

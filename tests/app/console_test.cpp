@@ -125,4 +125,31 @@ TEST(ProgramConsole, HasDirectoriesOfItsOwn) {
     EXPECT_EQ(Local.Read("copy"), "mine");
 }
 
+// One process holds a range of a file, others over the same directory meet it, and no longer when it has ended.
+TEST(ProgramConsole, TwoProcessesOverOneDirectorySeeEachOthersLocks) {
+    if (!test::Terminal::CanBeHad()) {
+        GTEST_SKIP() << "no pseudo terminals";
+    }
+    const test::ScratchDirectory Served;
+    Served.Write("file", "0123456789");
+    const std::string Export = R"(\\srv\vol=)" + Served.Path().string();
+    const std::string File = R"(\\srv\vol\file)";
+    const auto Session = [&](const std::string &Words) {
+        return test::RunProgram({"--export", Export, "console"}, Words + "\n");
+    };
+    test::Terminal Holder({"--export", Export, "lock", File, "2", "4"});
+    Holder.Expect("until interrupted");
+    for (const char *Refused : {" 0 3", " 5 1 --shared", " 2 4 --key 7"}) {
+        const Ran There = Session("lock " + File + Refused);
+        EXPECT_NE(There.Code, 0) << Refused;
+        EXPECT_NE(There.Error.find("STATUS_"), std::string::npos) << Refused << ": " << There.Error;
+    }
+    const Ran Beside = Session("lock " + File + " 6 4\nlock " + File + " 0 2 --shared");
+    EXPECT_EQ(Beside.Code, 0) << Beside.Error;
+    Holder.Type("\x03");
+    Holder.Finish();
+    const Ran After = Session("lock " + File + " 0 10");
+    EXPECT_EQ(After.Code, 0) << After.Error;
+}
+
 } // namespace

@@ -1,0 +1,253 @@
+#include "providers/directory/directory_provider.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "provider/framework.h"
+#include "providers/directory/beneath.h"
+#include "providers/directory/names.h"
+#include "tests/providers/directory_fixture.h"
+
+namespace providers::directory {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr ULONG ReadWrite = RV_ACCESS_READ | RV_ACCESS_WRITE;
+constexpr RVSTATUS Done = RVSTATUS::Success;
+
+// A deletion comes after its handle was closed and by name alone.
+TEST_F(DirectoryProviderTest, APendingDeletionTakesTheFileThatWasOpenedOrNone) {
+    for (const bool Replaced : {true, false}) {
+        for (const bool AtOpen : {true, false}) {
+            Write("file", "opened");
+            RVHANDLE Handle = 0;
+            const ULONG Reserve = RV_OPTION_RESERVE_DELETE;
+            ASSERT_EQ(Open(u"FILE", Handle, RV_ACCESS_DELETE, 3, 7, 0, AtOpen ? Reserve : 0), Done);
+            if (!AtOpen) {
+                EXPECT_EQ(Table->RVFsdModifyFileAccess(Fsd, nullptr, Handle, RV_ACCESS_DELETE, 7, Reserve), Done);
+            }
+            EXPECT_EQ(Move(u"file", u"moved"), Done);
+            if (Replaced) {
+                Write("other", "other");
+                fs::rename(Root / "other", Root / "moved");
+            }
+            Close(Handle);
+            EXPECT_EQ(Delete(u"Moved"), Replaced ? Failure(CODE_NO_SUCH_FILE) : Done);
+            EXPECT_EQ(fs::exists(Root / "moved"), Replaced);
+            fs::remove(Root / "moved");
+        }
+        fs::create_directory(Root / "dir");
+        RVHANDLE Folder = 0;
+        ASSERT_EQ(OpenFolder(u"dir", Folder), Done);
+        if (Replaced) {
+            fs::rename(Root / "dir", Root / "away");
+            fs::create_directory(Root / "dir");
+        }
+        EXPECT_EQ(Table->RVFsdCloseDirectory(Fsd, nullptr, Folder), Done);
+        EXPECT_EQ(DeleteFolder(u"dir"), Replaced ? Failure(RVFS_PATH_NOT_FOUND) : Done);
+    }
+}
+
+TEST_F(DirectoryProviderTest, WhatIsNoFileIsNeverOpenedAndCanBeNamed) {
+    fs::create_directory(Root / "dir");
+    fs::create_symlink("nowhere", Root / "dangling");
+    fs::create_symlink("loop", Root / "loop");
+    fs::create_symlink("/etc/passwd", Root / "outward");
+    fs::create_symlink("pipe", Root / "toPipe");
+    ASSERT_EQ(mkfifo((Root / "pipe").c_str(), 0600), 0);
+    ASSERT_EQ(mknod((Root / "socket").c_str(), S_IFSOCK | 0600, 0), 0);
+    // Whoever opened the pipe for reading would let this open for writing succeed.
+    const auto PipeIsOpened = [&]() -> bool {
+        const UniqueFd Writer(open((Root / "pipe").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+        return static_cast<bool>(Writer);
+    };
+    const std::vector<std::u16string> All = {u"dangling", u"dir", u"loop", u"outward", u"pipe", u"socket", u"toPipe"};
+    EXPECT_EQ(Names(Volume), All);
+    for (const std::u16string &Name : All) {
+        if (Name == u"dir") {
+            continue;
+        }
+        for (const ULONG Access :
+             {ULONG{RV_ACCESS_READ}, ULONG{RV_ACCESS_WRITE}, ReadWrite, ULONG{RV_ACCESS_EXECUTE}}) {
+            EXPECT_TRUE(RvIsError(Try(Name, Access))) << testing::PrintToString(Name);
+        }
+        EXPECT_EQ(Try(Name, RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY), Done) << testing::PrintToString(Name);
+        EXPECT_EQ(Try(Name, RV_ACCESS_DELETE | RV_ACCESS_ATTRIBUTES), Done) << testing::PrintToString(Name);
+        RVHANDLE Handle = 0;
+        ASSERT_EQ(Open(Name, Handle, RV_ACCESS_DELETE), Done);
+        EXPECT_FALSE(PipeIsOpened());
+        EXPECT_TRUE(RvIsError(Table->RVFsdModifyFileAccess(Fsd, nullptr, Handle, ReadWrite, 7, 0)));
+        EXPECT_FALSE(PipeIsOpened());
+        EXPECT_EQ(Table->RVFsdModifyFileAccess(Fsd, nullptr, Handle, RV_ACCESS_DELETE, 7, RV_OPTION_RESERVE_DELETE),
+                  Done);
+        EXPECT_EQ(Table->RVFsdModifyFileAccess(Fsd, nullptr, Handle, RV_ACCESS_DELETE, 7, 0), Done);
+        Close(Handle);
+        EXPECT_EQ(Move(Name, u"moved"), Done) << testing::PrintToString(Name);
+        EXPECT_EQ(Move(u"MOVED", Name), Done) << testing::PrintToString(Name);
+    }
+    for (const std::u16string &Name : All) {
+        EXPECT_EQ(Name == u"dir" ? DeleteFolder(Name) : Delete(Name), Done) << testing::PrintToString(Name);
+    }
+    EXPECT_TRUE(fs::is_empty(Root));
+}
+
+TEST_F(DirectoryProviderTest, ShareModesHoldBetweenOpensOfOneFile) {
+    Write("file", "text");
+    fs::create_hard_link(Root / "file", Root / "link");
+    const struct {
+        ULONG FirstAccess, FirstShare, SecondAccess, SecondShare;
+        bool Granted;
+    } Cases[] = {
+        {2, 7, 2, 7, true},    {2, 0, 2, 7, false}, {2, 1, 2, 1, true},  {2, 1, 4, 7, false},
+        {4, 7, 2, 1, false},   {4, 7, 2, 3, true},  {8, 1, 2, 0, false}, {2, 3, 0x11, 7, false},
+        {2, 7, 0x11, 7, true}, {1, 0, 6, 0, true},  {6, 0, 1, 0, true},  {0, 0, 2, 0, true},
+    };
+    for (const auto &Case : Cases) {
+        RVHANDLE First = 0;
+        ASSERT_EQ(Open(u"file", First, Case.FirstAccess, 3, Case.FirstShare), Done);
+        const RVSTATUS Status = Try(u"link", Case.SecondAccess, 3, Case.SecondShare);
+        EXPECT_EQ(Status, Case.Granted ? Done : Failure(0x050D))
+            << Case.FirstAccess << " " << Case.FirstShare << " " << Case.SecondAccess << " " << Case.SecondShare;
+        EXPECT_EQ(Try(u"file", RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY, 0), Done) << "queries never conflict";
+        Close(First);
+        EXPECT_EQ(Try(u"file", ReadWrite, 3, 0), Done) << "nothing may be left of a refused open";
+    }
+    RVHANDLE Reader = 0;
+    ASSERT_EQ(Open(u"file", Reader, RV_ACCESS_READ, 3, 1), Done);
+    EXPECT_EQ(Try(u"file", RV_ACCESS_READ, RV_DISPOSITION_OVERWRITE_EXISTING), Failure(0x050D));
+    EXPECT_EQ(Read("file"), "text") << "a refused overwrite must not empty the file";
+    EXPECT_EQ(Delete(u"file"), Failure(0x050D));
+    Close(Reader);
+    EXPECT_EQ(Delete(u"file"), Done);
+}
+
+TEST_F(DirectoryProviderTest, AccessOfAnOpenFileCanBeChanged) {
+    Write("file", "text");
+    RVHANDLE Handle = 0;
+    RVHANDLE Other = 0;
+    ASSERT_EQ(Open(u"file", Handle, RV_ACCESS_READ), Done);
+    EXPECT_EQ(Table->RVFsdModifyFileAccess(Fsd, nullptr, Handle, ReadWrite, 7, 0), Done);
+    EXPECT_EQ(WriteAt(Handle, 0, "T"), Done);
+    EXPECT_EQ(Table->RVFsdModifyFileAccess(Fsd, nullptr, Handle, RV_ACCESS_READ, 3, 0), Done);
+    EXPECT_EQ(WriteAt(Handle, 0, "x"), RVSTATUS::AccessDenied);
+    EXPECT_EQ(Table->RVFsdModifyFileAccess(Fsd, nullptr, Handle, 0x12, 3, RV_OPTION_RESERVE_DELETE), Done)
+        << "the reserving open itself need not share deletion";
+    EXPECT_EQ(Table->RVFsdModifyFileAccess(Fsd, nullptr, Handle, RV_ACCESS_READ, 7, 0), Done);
+    ASSERT_EQ(Open(u"file", Other, RV_ACCESS_READ, 3, 3), Done);
+    EXPECT_EQ(Table->RVFsdModifyFileAccess(Fsd, nullptr, Handle, 0x2, 7, RV_OPTION_RESERVE_DELETE), Failure(0x050D));
+    Close(Other);
+    Close(Handle);
+    EXPECT_EQ(Read("file"), "Text") << "a reservation deletes nothing by itself";
+}
+
+TEST_F(DirectoryProviderTest, ByteRangeLocks) {
+    Write("file", "0123456789");
+    RVHANDLE One = 0;
+    RVHANDLE Two = 0;
+    ASSERT_EQ(Open(u"file", One, ReadWrite), Done);
+    ASSERT_EQ(Open(u"FILE", Two, ReadWrite), Done);
+    const auto Lock = [&](RVHANDLE Handle, bool Exclusive, ULONG64 At, ULONG64 Length) {
+        return Table->RVFsdLockFile(Fsd, nullptr, Handle, Exclusive, At, Length);
+    };
+    const auto Unlock = [&](RVHANDLE Handle, ULONG64 At, ULONG64 Length) {
+        return Table->RVFsdUnlockFile(Fsd, nullptr, Handle, At, Length);
+    };
+    std::string Text;
+    EXPECT_EQ(Lock(One, true, 2, 3), Done);
+    EXPECT_EQ(Lock(Two, false, 4, 1), Failure(0x051F));
+    EXPECT_EQ(Lock(Two, true, 5, 1), Done);
+    EXPECT_EQ(Lock(One, false, 2, 3), Done) << "shared over one's own exclusive lock";
+    EXPECT_EQ(Lock(One, true, 2, 3), Failure(0x051F));
+    EXPECT_EQ(ReadAt(Two, 0, 10, Text), Failure(0x051E));
+    EXPECT_EQ(ReadAt(Two, 0, 2, Text), Done);
+    EXPECT_EQ(ReadAt(One, 2, 3, Text), Done);
+    EXPECT_EQ(WriteAt(Two, 3, "x"), Failure(0x051E));
+    EXPECT_EQ(Unlock(Two, 2, 3), Failure(0x0537));
+    EXPECT_EQ(Unlock(One, 2, 2), Failure(0x0537));
+    EXPECT_EQ(Unlock(One, 2, 3), Done);
+    EXPECT_EQ(Unlock(One, 2, 3), Done);
+    EXPECT_EQ(Unlock(One, 2, 3), Failure(0x0537));
+    EXPECT_EQ(Lock(One, true, UINT64_MAX, 1), Done);
+    EXPECT_EQ(Lock(Two, true, UINT64_MAX, 1), Failure(0x051F));
+    EXPECT_EQ(Lock(Two, true, UINT64_MAX, 2), RVSTATUS::InvalidParameter);
+    Close(One);
+    EXPECT_EQ(Lock(Two, true, UINT64_MAX, 1), Done) << "locks go with their handle";
+    Close(Two);
+}
+
+// A second Provider over the directory stands for a second process: an open of its own sees the locks of the others.
+TEST_F(DirectoryProviderTest, LocksAndDenialsAreSeenByOtherServersOfTheDirectory) {
+    Write("file", "0123456789");
+    DirectoryProvider Second;
+    ASSERT_EQ(Second.AddExport(u"srv", u"Vol", Root), "");
+    RVIOM_FSD *There = Second.Interface();
+    const auto OpenThere = [&](ULONG Access, ULONG Share, RVHANDLE &Handle) {
+        return There->Table->RVFsdCreateFile(There, nullptr, 0, u"\\srv\\vol\\file", Access, Share, 3, 0, 0, &Handle,
+                                             &Action);
+    };
+    RVHANDLE One = 0;
+    RVHANDLE Two = 0;
+    ASSERT_EQ(Open(u"file", One, ReadWrite), Done);
+    ASSERT_EQ(OpenThere(ReadWrite, 7, Two), Done);
+    const auto Here = [&](bool Exclusive, ULONG64 At, ULONG64 Length) {
+        return Table->RVFsdLockFile(Fsd, nullptr, One, Exclusive, At, Length);
+    };
+    const auto LocksThere = [&](ULONG64 At, bool Exclusive = true) {
+        const RVSTATUS Status = There->Table->RVFsdLockFile(There, nullptr, Two, Exclusive, At, 1);
+        if (Status == Done) {
+            EXPECT_EQ(There->Table->RVFsdUnlockFile(There, nullptr, Two, At, 1), Done);
+        }
+        return Status == Done;
+    };
+    EXPECT_EQ(Here(true, 2, 6), Done);
+    EXPECT_EQ(Here(false, 4, 6), Done) << "a shared one over its own takes nothing away";
+    EXPECT_EQ(Here(true, INT64_MAX, 2), Done) << "beyond what the file system can name";
+    EXPECT_EQ(Here(true, 100, UINT64_MAX - 100), Failure(CODE_LOCK_NOT_GRANTED));
+    // Byte by byte: - free, s shared, x exclusive.
+    const auto Map = [&] {
+        std::string Seen;
+        for (ULONG64 At = 0; At < 12; ++At) {
+            Seen += LocksThere(At) ? '-' : LocksThere(At, false) ? 's' : 'x';
+        }
+        return Seen;
+    };
+    EXPECT_EQ(Map(), "--xxxxxxss--");
+    EXPECT_EQ(Table->RVFsdModifyFileAccess(Fsd, nullptr, One, ReadWrite | RV_ACCESS_EXECUTE, 7, 0), Done);
+    EXPECT_EQ(Table->RVFsdUnlockFile(Fsd, nullptr, One, 2, 6), Done);
+    EXPECT_EQ(Map(), "----ssssss--");
+    EXPECT_EQ(Table->RVFsdUnlockFile(Fsd, nullptr, One, 4, 6), Done);
+    EXPECT_EQ(Map(), "------------");
+    EXPECT_EQ(There->Table->RVFsdLockFile(There, nullptr, Two, true, 5, 1), Done);
+    EXPECT_EQ(Here(true, 0, 10), Failure(CODE_LOCK_NOT_GRANTED));
+    EXPECT_EQ(There->Table->RVFsdCloseFile(There, nullptr, Two), Done);
+    EXPECT_EQ(Here(true, 0, 10), Done);
+    Close(One);
+    // What is denied here is refused there, and no longer when it is closed.
+    ASSERT_EQ(Open(u"file", One, RV_ACCESS_READ, 3, 1), Done);
+    EXPECT_EQ(OpenThere(ReadWrite, 7, Two), Failure(CODE_SHARING_VIOLATION));
+    ASSERT_EQ(OpenThere(RV_ACCESS_READ, 1, Two), Done);
+    EXPECT_EQ(There->Table->RVFsdCloseFile(There, nullptr, Two), Done);
+    Close(One);
+    ASSERT_EQ(OpenThere(ReadWrite, 0, Two), Done);
+    EXPECT_EQ(Try(u"file"), Failure(CODE_SHARING_VIOLATION));
+    EXPECT_EQ(There->Table->RVFsdCloseFile(There, nullptr, Two), Done);
+    EXPECT_EQ(There->Table->Release(There), 0u);
+}
+
+TEST_F(DirectoryProviderTest, ErasingRightsFollowTheName) {
+    Write("file", "");
+    RVHANDLE Handle = 0;
+    ASSERT_EQ(Open(u"file", Handle, 1, RV_DISPOSITION_QUERY), Done);
+    USHORT Rights = 0;
+    EXPECT_EQ(Table->RVFsdGetEffectiveRights(Fsd, nullptr, Handle, &Rights), Done);
+    EXPECT_EQ(Rights, RV_RIGHT_ERASE);
+    fs::rename(Root / "file", Root / "gone");
+    Write("file", "another");
+    EXPECT_EQ(Table->RVFsdGetEffectiveRights(Fsd, nullptr, Handle, &Rights), Failure(0x0506));
+    Close(Handle);
+}
+
+} // namespace
+} // namespace providers::directory
