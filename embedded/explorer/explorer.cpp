@@ -353,7 +353,7 @@ private:
             OwnLeft |= Each->Host.joinable() && Each->State != Phase::Ended;
         }
         // Time may pass at any moment: it is one more that could go on.
-        if (Timed != nullptr && OwnLeft) {
+        if (Timed != nullptr) {
             Among.TimeLast = !Among.Threads.empty();
             Among.Threads.push_back(Timed);
         }

@@ -6,9 +6,8 @@
 // Whatever stops the process during a schedule names it. A thread that waits for what nobody will do is reported with
 // who holds what and who waits for what.
 //
-// The clock must be manual; it moves when a timed wait is chosen, until the last of the race's own threads ends.
-// Threads of the system that explored threads start are explored as well. One exploration at a time, by one thread,
-// which does not take part.
+// The clock must be manual; it moves when a timed wait is chosen. Threads of the system that explored threads start are
+// explored as well. One exploration at a time, by one thread, which does not take part.
 #pragma once
 
 #include <cstdint>
