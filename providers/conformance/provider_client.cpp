@@ -52,14 +52,14 @@ RVSTATUS Client::Opened(const char *Name, RVSTATUS Status, RVHANDLE Handle) {
 
 RVSTATUS Client::OpenVolume(const std::u16string &Path, RVHANDLE &Out) {
     Out = 0;
-    return Opened("RVFsdOpenVolume", Call(&RVIOM_FSD_TABLE::RVFsdOpenVolume, "RVFsdOpenVolume", Path.c_str(), &Out),
-                  Out);
+    const RVSTATUS Status = Call(&RVIOM_FSD_TABLE::RVFsdOpenVolume, "RVFsdOpenVolume", Path.c_str(), &Out);
+    return Opened("RVFsdOpenVolume", Status, Out);
 }
 
 RVSTATUS Client::OpenDirectory(RVHANDLE Base, const std::u16string &Path, RVHANDLE &Out) {
     Out = 0;
-    return Opened("RVFsdOpenDirectory",
-                  Call(&RVIOM_FSD_TABLE::RVFsdOpenDirectory, "RVFsdOpenDirectory", Base, Path.c_str(), &Out), Out);
+    const RVSTATUS Status = Call(&RVIOM_FSD_TABLE::RVFsdOpenDirectory, "RVFsdOpenDirectory", Base, Path.c_str(), &Out);
+    return Opened("RVFsdOpenDirectory", Status, Out);
 }
 
 RVSTATUS Client::OpenFile(RVHANDLE Base, const std::u16string &Path, ULONG Disposition, RVHANDLE &Out, ULONG &Action) {
@@ -68,12 +68,11 @@ RVSTATUS Client::OpenFile(RVHANDLE Base, const std::u16string &Path, ULONG Dispo
     const bool Writes = !IsQuestion && Disposition != RV_DISPOSITION_OPEN_EXISTING;
     Out = 0;
     Action = Unwritten<ULONG>();
-    const RVSTATUS Status = Opened("RVFsdCreateFile",
-                                   Call(&RVIOM_FSD_TABLE::RVFsdCreateFile, "RVFsdCreateFile", Base, Path.c_str(),
-                                        Access | (Writes ? RV_ACCESS_WRITE : 0u),
-                                        ULONG{FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE}, Disposition,
-                                        ULONG{0}, ULONG{0}, &Out, &Action),
-                                   Out);
+    const RVSTATUS Answer =
+        Call(&RVIOM_FSD_TABLE::RVFsdCreateFile, "RVFsdCreateFile", Base, Path.c_str(),
+             Access | (Writes ? RV_ACCESS_WRITE : 0u), ULONG{FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE},
+             Disposition, ULONG{0}, ULONG{0}, &Out, &Action);
+    const RVSTATUS Status = Opened("RVFsdCreateFile", Answer, Out);
     if (!RvIsError(Status) && Action == Unwritten<ULONG>()) {
         Fault("RVFsdCreateFile did not write the create action");
     }
