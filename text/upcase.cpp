@@ -1,7 +1,6 @@
 #include "text/upcase.h"
 
 #include <array>
-#include <memory>
 #include <unicode/uchar.h>
 
 namespace text {
@@ -20,8 +19,8 @@ char16_t UpperOf(UChar32 Unit) {
     return static_cast<char16_t>(Upper > 0xFFFF || FoldsOntoAscii ? Unit : Upper);
 }
 
-std::unique_ptr<const UnitTable> BuildTable() {
-    auto Table = std::make_unique<UnitTable>();
+const UnitTable *BuildTable() {
+    auto *Table = new UnitTable;
     for (size_t Unit = 0; Unit < UnitCount; ++Unit) {
         (*Table)[Unit] = UpperOf(static_cast<UChar32>(Unit));
     }
@@ -31,7 +30,8 @@ std::unique_ptr<const UnitTable> BuildTable() {
 } // namespace
 
 const char16_t *UpcaseTable() {
-    static const std::unique_ptr<const UnitTable> Table = BuildTable();
+    // Never freed: names are folded while the process ends, too.
+    static const UnitTable *const Table = BuildTable();
     return Table->data();
 }
 

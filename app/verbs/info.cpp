@@ -44,7 +44,6 @@ std::string NameAt(const Answer &From, size_t LengthOffset, size_t Offset) {
 }
 
 // ---- Flags
-// -------------------------------------------------------------------------------------------------------------
 
 struct Flag {
     ULONG Bit;
@@ -89,7 +88,6 @@ std::string ShowFlags(ULONG Value, std::span<const Flag> Known) {
 }
 
 // ---- The classes
-// -------------------------------------------------------------------------------------------------------
 
 struct InfoClass {
     ULONG Number;
@@ -328,7 +326,6 @@ void ShowSpace(const std::string &Path, bool Human) {
 }
 
 // ---- The verbs
-// ---------------------------------------------------------------------------------------------------------
 
 // A verb that shows every class, or one with a buffer length of the caller's choice.
 Verb ClassVerb(const char *Name, const char *What, std::span<const InfoClass> Classes, Question Ask) {

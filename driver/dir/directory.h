@@ -15,7 +15,6 @@ NTSTATUS NtFsdCommonDirectoryControl(PIRP_CONTEXT IrpContext);
 NTSTATUS NtFsdNotifyDirectoryChange(PIRP_CONTEXT IrpContext);
 
 // ---- Searches (dir/search.cpp)
-// -----------------------------------------------------------------------------------------
 
 inline constexpr ULONG ENUM_BUFFER_BYTES = 12288;
 
@@ -31,7 +30,6 @@ NTSTATUS NtFsdReadLazyCloseConfig();
 extern BOOLEAN g_bLazyClose;
 
 // ---- Entries (dir/entries.cpp)
-// -----------------------------------------------------------------------------------------
 
 // Bytes before the file name in an entry of InfoClass; 0 for a class that is not supported.
 ULONG NtFsdDirEntryFixedSize(ULONG InfoClass);

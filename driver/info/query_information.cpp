@@ -37,7 +37,6 @@ struct QUERY {
 };
 
 // ---- Gathering
-// ---------------------------------------------------------------------------------------------------------
 
 // A failed call may have written some of its outputs: none of them counts.
 void GatherFile(QUERY &Query) {
@@ -63,7 +62,6 @@ void GatherDirectory(QUERY &Query) {
 }
 
 // ---- Fills
-// -------------------------------------------------------------------------------------------------------------
 
 constexpr ULONG BASIC_TAIL = 4;
 constexpr ULONG STANDARD_TAIL = 2;
@@ -262,7 +260,6 @@ NTSTATUS NtFsdFileAllInfo(const QUERY &Query, AnswerBuffer &Answer) {
 }
 
 // ---- The classes
-// -------------------------------------------------------------------------------------------------------
 
 struct CLASS_FILL {
     ULONG InfoClass;

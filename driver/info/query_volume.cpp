@@ -186,7 +186,6 @@ NTSTATUS FillAttributes(const QUERY &Query, AnswerBuffer &Answer) {
 }
 
 // ---- The classes
-// -------------------------------------------------------------------------------------------------------
 
 struct CLASS_FILL {
     ULONG InfoClass;
@@ -222,7 +221,6 @@ NTSTATUS FillClass(const QUERY &Query, ULONG InfoClass, AnswerBuffer &Answer) {
 }
 
 // ---- The road
-// ----------------------------------------------------------------------------------------------------------
 
 // A copy of the FCB's path: a rename may change it meanwhile.
 NTSTATUS CopyPath(PFCB Fcb, PUNICODE_STRING Path) {

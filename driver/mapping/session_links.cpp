@@ -221,7 +221,6 @@ NTSTATUS GetLinkedLogonSessionLUID(PLUID LinkedLuid, PTOKEN_DEFAULT_DACL *Defaul
 }
 
 // ---- One link
-// ---------------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -314,7 +313,6 @@ NTSTATUS DeleteSymbolicLinkInSession(LUID Luid, CHAR Letter, PUNICODE_STRING Tar
 }
 
 // ---- The policy of linked connections, and the linked session
-// ---------------------------------------------------------
 
 namespace {
 

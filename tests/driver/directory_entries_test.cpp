@@ -72,7 +72,6 @@ TEST_F(Listing, IdentifiersAreNumberedThroughAcrossDirectories) {
 }
 
 // ---- The batch is data from outside
-// ----------------------------------------------------------------------------------
 
 void PutRecord(UCHAR *At, ULONG Next, ULONG NameUnits) {
     memcpy(At, &Next, sizeof(Next));

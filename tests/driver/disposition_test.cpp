@@ -220,7 +220,6 @@ TEST_P(Disposition, IsCarriedOutByWhicheverCloseComesLast) {
 }
 
 // ---- Directories
-// -------------------------------------------------------------------------------------------------------
 
 TEST_P(Disposition, OfAnEmptyDirectoryLooksIntoItOnce) {
     const HANDLE Handle = OpenDirectory();

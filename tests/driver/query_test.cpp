@@ -318,7 +318,6 @@ TEST_F(Asking, ADirectoryThatWasCreatedAndNotOpenedIsNotTakenForItsParent) {
 }
 
 // ---- Volumes
-// -----------------------------------------------------------------------------------------------------------
 
 TEST_F(Asking, VolumeClassesAnswerEveryLengthAndNeverWriteBeyondIt) {
     Provider.AddFile(u"\\srv\\vol\\f", "");

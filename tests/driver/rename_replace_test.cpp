@@ -12,7 +12,6 @@ using providers::Slot;
 using test::Open;
 
 // ---- Over the scripted Provider
-// ---------------------------------------------------------------------------------------
 
 class Replacing : public test::RenameFixture {
 protected:
@@ -158,7 +157,6 @@ TEST_F(Replacing, ADirectoryIsNotReplacedByAFile) {
 }
 
 // ---- Over local directories, where one file has many names
-// ----------------------------------------------------------
 
 struct AliasCase {
     const char *Name;

@@ -24,7 +24,6 @@ protected:
 };
 
 // ---- The move
-// ----------------------------------------------------------------------------------------------------------
 
 TEST_F(Renaming, AFileTakesItsNewNameWithEverythingItHas) {
     const HANDLE Handle = OpenFile();
@@ -178,7 +177,6 @@ TEST_F(Renaming, ThroughADirectoryThatWasNotOpenedForItIsRefused) {
 }
 
 // ---- What stands in the way
-// --------------------------------------------------------------------------------------------
 
 TEST_F(Renaming, AnExistingTargetIsACollisionUnlessItIsToBeReplaced) {
     Provider.AddFile(u"\\srv\\vol\\d\\b.txt", "old");
@@ -258,7 +256,6 @@ TEST_F(Renaming, ADirectoryWithOpensBelowItStays) {
 }
 
 // ---- Read-only objects
-// -------------------------------------------------------------------------------------------------
 
 // Where the retry goes wrong.
 enum class Trouble { None, NotReadOnly, Query, Clear, SecondMove, Restore };
@@ -344,7 +341,6 @@ INSTANTIATE_TEST_SUITE_P(Troubles, ReadOnly,
                                           testing::Bool()));
 
 // ---- Other opens
-// -------------------------------------------------------------------------------------------------------
 
 // Every open of the file, however it was named, names the renamed file and nothing else.
 TEST_F(Renaming, EveryOtherOpenStaysValidAndDeletesTheRenamedFile) {
@@ -412,7 +408,6 @@ TEST_F(Renaming, OpensBelowTheTargetOutliveItsHandle) {
 }
 
 // ---- Refusals
-// ----------------------------------------------------------------------------------------------------------
 
 TEST_F(Renaming, WithoutATargetIsNotSupported) {
     StartPrinting();
@@ -544,7 +539,6 @@ TEST_F(Renaming, ThePathMayBeAsLongAsASizeCanSay) {
 }
 
 // ---- Faults
-// ------------------------------------------------------------------------------------------------------------
 
 // Memory is had before the server hears of it, or nothing happens.
 TEST_F(Renaming, WithoutMemoryNothingHasChanged) {

@@ -14,7 +14,6 @@ using test::Open;
 class Setting : public test::SetFixture {};
 
 // ---- Attributes and times
-// ----------------------------------------------------------------------------------------------
 
 struct BasicCase {
     ULONG Attributes;
@@ -130,7 +129,6 @@ TEST_F(Setting, ARefusalOfTheProviderIsTheAnswer) {
 }
 
 // ---- Classes, lengths, devices
-// -----------------------------------------------------------------------------------------
 
 struct LengthCase {
     ULONG InfoClass;
@@ -225,7 +223,6 @@ TEST_F(Setting, OnABusyFileIsPendingAndDone) {
 }
 
 // ---- The byte offset
-// ---------------------------------------------------------------------------------------------------
 
 TEST_F(Setting, ThePositionIsTakenAsItIs) {
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", ForChange);
@@ -254,7 +251,6 @@ TEST_F(Setting, AllInformationSetsBasicAndPositionWhateverBecomesOfTheFirst) {
 }
 
 // ---- Sizes
-// -------------------------------------------------------------------------------------------------------------
 
 class SettingSizes : public Setting, public testing::WithParamInterface<ULONG> {
 protected:

@@ -58,7 +58,6 @@ typedef enum _FSINFOCLASS {
 } FS_INFORMATION_CLASS;
 
 // ---- Directory entries
-// -----------------------------------------------------------------------------------------------
 
 typedef struct _FILE_DIRECTORY_INFORMATION {
     ULONG NextEntryOffset;
