@@ -81,7 +81,11 @@ void RunUse(Drives &Of, UseWords Words) {
         if (!Path) {
             throw StatusError(STATUS_RESOURCE_NOT_OWNED, std::string(1, Letter) + ":");
         }
-        fmt::print("{}\n", *Path);
+        if (WantsJson()) {
+            PrintRecord({{"drive", std::string(1, Letter) + ":"}, {"path", *Path}, {"session", Of.Acting()}});
+        } else {
+            fmt::print("{}\n", *Path);
+        }
     } else if (!Delete && Rest.size() == 2) {
         Of.Use({LetterOf(Rest[0]), UncPath(Rest[1]), {}, Words.Server.value_or(0)});
     } else {
@@ -144,7 +148,11 @@ void AddMappingVerbs(VerbList &List) {
                                 if (!NT_SUCCESS(Status)) {
                                     throw StatusError(Status, *Path);
                                 }
-                                fmt::print("{}\n", ShowStatus(Status));
+                                if (WantsJson()) {
+                                    PrintRecord({{"path", *Path}, {"status", ShowStatus(Status)}});
+                                } else {
+                                    fmt::print("{}\n", ShowStatus(Status));
+                                }
                             });
                         },
                     .Examples = {"verify '\\\\demo\\files\\docs'"}});
@@ -161,6 +169,12 @@ void AddMappingVerbs(VerbList &List) {
                                     return;
                                 }
                                 for (const LogonName &Each : Logons()) {
+                                    if (WantsJson()) {
+                                        PrintRecord({{"name", std::string(Each.Name)},
+                                                     {"acting", Each.Name == Running.Drives().Acting()},
+                                                     {"who", std::string(Each.Who)}});
+                                        continue;
+                                    }
                                     fmt::print("{} {:<10} {}\n", Each.Name == Running.Drives().Acting() ? '*' : ' ',
                                                Each.Name, Each.Who);
                                 }

@@ -116,6 +116,11 @@ NTSTATUS Verify(PIRP_CONTEXT IrpContext, PCSTR Utf8Path) {
     return Components == 2 ? VerifyVolume(IrpContext, &Path) : VerifyDirectory(IrpContext, &Path);
 }
 
+// Read once: the caller may change it meanwhile.
+ULONG DriveNumberOf(const ULONG *Request) {
+    return __atomic_load_n(Request, __ATOMIC_RELAXED);
+}
+
 NTSTATUS Answer(const MAPPED_DEVICE &Record, QUERY_DRIVE *Request) {
     const size_t Length = strlen(Record.pPathData);
     const ULONG Given = Length > LONGEST_QUERIED_PATH ? LONGEST_QUERIED_PATH : static_cast<ULONG>(Length);
@@ -147,7 +152,7 @@ NTSTATUS NTAPI RvxUnMapDrive(RVFSD_MAPPING *, const ULONG *Request) {
     return Serve(Request == nullptr, [Request](PIRP_CONTEXT IrpContext) {
         MAPPED_DEVICE *Record;
         ResourceHold Hold;
-        const NTSTATUS Found = FindMappedDevice(IrpContext, *Request, &Record, TRUE, &Hold);
+        const NTSTATUS Found = FindMappedDevice(IrpContext, DriveNumberOf(Request), &Record, TRUE, &Hold);
         return NT_SUCCESS(Found) ? FreeMappedDeviceRecord(Record) : STATUS_RESOURCE_NOT_OWNED;
     });
 }
@@ -157,7 +162,8 @@ NTSTATUS NTAPI RvxQueryDrive(RVFSD_MAPPING *, QUERY_DRIVE *Request) {
     return Serve(Request == nullptr, [Request](PIRP_CONTEXT IrpContext) {
         MAPPED_DEVICE *Record;
         ResourceHold Hold; // until the record is read
-        const NTSTATUS Found = FindMappedDevice(IrpContext, Request->DriveNumber, &Record, FALSE, &Hold);
+        const NTSTATUS Found =
+            FindMappedDevice(IrpContext, DriveNumberOf(&Request->DriveNumber), &Record, FALSE, &Hold);
         return NT_SUCCESS(Found) ? Answer(*Record, Request) : STATUS_RESOURCE_NOT_OWNED;
     });
 }

@@ -48,6 +48,11 @@ TEST_F(ProgramDrives, EveryVerbTakesPathsThroughALetter) {
         {{"df", "G:\\"}, "G:"},
         {{"use"}, "G:  default    -          0  \\\\srv\\vol\\docs\n"},
         {{"use", "G:"}, "\\\\srv\\vol\\docs\n"},
+        {{"use", "--json"},
+         R"({"drive":"G:","path":"\\\\srv\\vol\\docs","session":"default","linked":false,"server":0})"},
+        {{"use", "G:", "--json"}, R"({"drive":"G:","path":"\\\\srv\\vol\\docs","session":"default"})"},
+        {{"verify", "G:\\old", "--json"}, R"({"path":"G:\\old","status":"STATUS_SUCCESS)"},
+        {{"session", "--json"}, R"({"name":"default","acting":true,"who":")"},
     };
     for (const auto &Case : Cases) {
         std::vector<std::string> Words = {"--use", Use};

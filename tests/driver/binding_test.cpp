@@ -164,6 +164,11 @@ TEST_F(PublishedClass, IsFoundByItsIdentifierAlone) {
     RVFSD_FACTORY *const One = Factory();
     EXPECT_EQ(Factory(IID_IUnknown), One);
     EXPECT_EQ(One->RefCount, 2u);
+    RVFSD_FACTORY Record = *One;
+    EXPECT_EQ(Record.Table->QueryInterface(&Record, &IID_IClassFactory, &Out), RVPSTATUS::Success);
+    EXPECT_EQ(Out, &Record) << "a record that is asked answers itself";
+    EXPECT_EQ(Record.RefCount, 3u);
+    EXPECT_EQ(One->RefCount, 2u);
     EXPECT_EQ(One->Table->LockServer(One, 1), RVPSTATUS::Success);
     EXPECT_EQ(One->LockCount, 1u);
     EXPECT_EQ(One->Table->LockServer(One, 2), RVPSTATUS::Success) << "anything but 1 unlocks";

@@ -69,6 +69,9 @@ TEST_F(MappedSessions, ThePolicyDecidesOverTheSecondLink) {
             EXPECT_EQ(Query(Logons->Third), Found);
             EXPECT_EQ(Query(Logons->Stranger), STATUS_RESOURCE_NOT_OWNED);
             EXPECT_EQ(Unmap(Logons->Stranger), STATUS_RESOURCE_NOT_OWNED);
+            if (!Case.Linked) {
+                EXPECT_EQ(Unmap(Other), STATUS_RESOURCE_NOT_OWNED);
+            }
             EXPECT_EQ(Unmap(Case.Linked ? Other : Who), STATUS_SUCCESS);
             ExpectNothingLeft();
         }
@@ -183,6 +186,23 @@ TEST_F(MappedSessions, WhatOthersDidToALinkIsRespected) {
             }
         }
     }
+}
+
+TEST_F(MappedSessions, ALetterThatOthersHaveIsLeftToThem) {
+    StartMapping();
+    SetPolicy(embedded::kSystemPolicyKey, 1);
+    const std::string Target = "\\Device\\RvFsd\\srv\\vol\\docs";
+    MakeLink(Elevated(), std::u16string(Target.begin(), Target.end())); // however alike
+    EXPECT_EQ(Map(Elevated(), {.Path = Docs}), STATUS_OBJECT_NAME_COLLISION);
+    EXPECT_EQ(g_uMappedDeviceCount, 0u);
+    EXPECT_EQ(Provider.OpenHandles(), Lines{});
+    EXPECT_EQ(Map(Filtered(), {.Path = Docs}), STATUS_SUCCESS) << "with its own link alone";
+    EXPECT_EQ(FirstRecord()->LinkedSessionLink, 0u);
+    EXPECT_EQ(Unmap(Filtered()), STATUS_SUCCESS);
+    EXPECT_EQ(LinkOf(Filtered()), "");
+    EXPECT_EQ(LinkOf(Elevated()), Target);
+    RemoveLink(Elevated());
+    ExpectNothingLeft();
 }
 
 TEST_F(MappedSessions, AMappingGoesFromASessionThatHasNoneOfItsLinks) {
