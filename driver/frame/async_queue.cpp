@@ -20,8 +20,13 @@ constexpr ULONG MOST_WORKERS = 9;
 constexpr ULONG IDLE_POLLS = 20;
 constexpr LONG64 POLL_PERIOD = 1000000; // 100 ms
 
-// Requests that were cancelled in the queue and run all the same. Under g_AsyncIrpQueueLock.
+// Requests that were cancelled in the queue and run all the same, with their number. Under g_AsyncIrpQueueLock.
 DRIVER_GLOBAL LIST_ENTRY CancelledQueue = {&CancelledQueue, &CancelledQueue};
+DRIVER_GLOBAL ULONG CancelledCount = 0;
+
+// Requests that no worker has taken and no canceller has ended, also those that the package has taken out of the queue
+// for a canceller. No worker ends while there is one. Under g_AsyncIrpQueueLock.
+DRIVER_GLOBAL ULONG UnservedCount = 0;
 
 // Ends an idle worker's wait: a request was queued, or teardown waits for the workers.
 DRIVER_GLOBAL KEVENT WorkQueued = {};
@@ -36,7 +41,7 @@ ULONG QueueCount() {
     return g_uAsyncIrpQueueCount;
 }
 
-// A worker less. The framework's counter, as for everything that is counted with it.
+// A worker less, with g_AsyncIrpQueueLock held. The framework's counter, as for everything that is counted with it.
 void DecrementWorkers() {
     g_pRvplInterface->Table->Decrement(g_pRvplInterface, &g_uAsyncWorkerThreadCount);
 }
@@ -52,6 +57,7 @@ bool MustRun(PIRP_CONTEXT IrpContext) {
 NTSTATUS NTAPI RvFsdInsertIrpEx(PIO_CSQ, PIRP Irp, PVOID InsertContext) {
     const auto Entry = static_cast<RV_IRP_Q *>(InsertContext);
     ++g_uAsyncIrpQueueCount;
+    ++UnservedCount;
     InsertTailList(&Entry->IrpLinks, &Irp->Tail.Overlay.ListEntry);
     InsertTailList(&g_AsyncIrpQueue, &Entry->QueueLinks);
     NtFsdDebugPrint(TRACE_GENERAL, 0,
@@ -97,12 +103,19 @@ VOID NTAPI RvFsdCompleteCanceledIrp(PIO_CSQ, PIRP Irp) {
     const PIRP_CONTEXT IrpContext = Entry->IrpContext;
     NtFsdDebugPrint(TRACE_GENERAL, 0, "[RVFSD-%p] RvFsdCompleteCanceledIrp for IRP 0x%p RV_IRP_Q 0x%p.\n",
                     KeGetCurrentThread(), Irp, Entry);
-    if (MustRun(IrpContext)) {
-        {
-            const SpinLockHold Hold(&g_AsyncIrpQueueLock);
+    const bool Runs = MustRun(IrpContext);
+    {
+        const SpinLockHold Hold(&g_AsyncIrpQueueLock);
+        if (Runs) {
             InsertTailList(&CancelledQueue, &Entry->QueueLinks);
+            ++CancelledCount;
+        } else {
+            --UnservedCount;
         }
+    }
+    if (Runs) {
         KeSetEvent(&WorkQueued, IO_NO_INCREMENT, FALSE);
+        NtFsdWakeTeardown(); // which serves it when there is no worker
         return;
     }
     const UCHAR MajorFunction = IrpContext->MajorFunction;
@@ -127,12 +140,14 @@ NTSTATUS LockForWorker(PIRP_CONTEXT IrpContext) {
     case IRP_MJ_WRITE:
         if (IrpSp->MinorFunction & IRP_MN_MDL) {
             NtFsdDebugPrint(TRACE_GENERAL, 0, "IRP MDL Read/Write!\n");
-            return STATUS_SUCCESS;
+            if (IrpContext->Irp->MdlAddress != nullptr) {
+                return STATUS_SUCCESS;
+            }
         }
         return NtFsdLockUserBuffer(IrpContext, IrpSp->MajorFunction == IRP_MJ_READ ? IoWriteAccess : IoReadAccess,
                                    IrpSp->Parameters.Read.Length);
     case IRP_MJ_DIRECTORY_CONTROL:
-        return IrpSp->MinorFunction == IRP_MN_QUERY_DIRECTORY
+        return IrpSp->MinorFunction == IRP_MN_QUERY_DIRECTORY && IrpSp->Parameters.QueryDirectory.Length != 0
                    ? NtFsdLockUserBuffer(IrpContext, IoWriteAccess, IrpSp->Parameters.QueryDirectory.Length)
                    : STATUS_SUCCESS;
     default:
@@ -143,7 +158,8 @@ NTSTATUS LockForWorker(PIRP_CONTEXT IrpContext) {
 // Decides under the lock whether a worker is to be started, and counts it then.
 bool NeedsWorker() {
     const SpinLockHold Hold(&g_AsyncIrpQueueLock);
-    if (g_uAsyncWorkerThreadCount != 0 && (g_uAsyncIrpQueueCount < 2 || g_uAsyncWorkerThreadCount >= MOST_WORKERS)) {
+    const ULONG Waiting = g_uAsyncIrpQueueCount + CancelledCount;
+    if (g_uAsyncWorkerThreadCount != 0 && (Waiting < 2 || g_uAsyncWorkerThreadCount >= MOST_WORKERS)) {
         return false;
     }
     ++g_uAsyncWorkerThreadCount;
@@ -163,7 +179,10 @@ void StartWorkerIfNeeded() {
         ZwClose(Thread);
         return;
     }
-    DecrementWorkers(); // what is queued waits for a worker that runs, for the next post, or for teardown
+    {
+        const SpinLockHold Hold(&g_AsyncIrpQueueLock);
+        DecrementWorkers(); // what is queued waits for a worker that runs, for the next post, or for teardown
+    }
     NtFsdLeaveRequest(IN_FLIGHT_WORKER);
 }
 
@@ -171,8 +190,12 @@ void StartWorkerIfNeeded() {
 
 RV_IRP_Q *TakeCancelled() {
     const SpinLockHold Hold(&g_AsyncIrpQueueLock);
-    return IsListEmpty(&CancelledQueue) ? nullptr
-                                        : CONTAINING_RECORD(RemoveHeadList(&CancelledQueue), RV_IRP_Q, QueueLinks);
+    if (CancelledCount == 0) {
+        return nullptr;
+    }
+    --CancelledCount;
+    --UnservedCount;
+    return CONTAINING_RECORD(RemoveHeadList(&CancelledQueue), RV_IRP_Q, QueueLinks);
 }
 
 // Takes the next request out of the queue; NULL when there is none.
@@ -189,6 +212,8 @@ RV_IRP_Q *TakeEntry() {
         return nullptr;
     }
     NtFsdRequire(PeekContext != nullptr && PeekContext->Irp == Irp);
+    const SpinLockHold Hold(&g_AsyncIrpQueueLock);
+    --UnservedCount;
     return PeekContext;
 }
 
@@ -237,7 +262,7 @@ void ServeEntry(RV_IRP_Q *Entry) {
 // Counts this worker out, unless a request has come since it looked: whoever queued that may have counted on it.
 bool EndWorker() {
     const SpinLockHold Hold(&g_AsyncIrpQueueLock);
-    if (g_uAsyncIrpQueueCount != 0 || !IsListEmpty(&CancelledQueue)) {
+    if (UnservedCount != 0) {
         return false;
     }
     DecrementWorkers();
@@ -258,6 +283,8 @@ bool WaitForWork() {
 VOID NtFsdInitAsyncQueue() {
     InitializeListHead(&g_AsyncIrpQueue);
     InitializeListHead(&CancelledQueue);
+    CancelledCount = 0;
+    UnservedCount = 0;
     KeInitializeEvent(&WorkQueued, SynchronizationEvent, FALSE);
     g_AsyncIrpQueueLock = 0;
     Ignore(IoCsqInitializeEx(&g_AsyncIrpCsq, RvFsdInsertIrpEx, RvFsdRemoveIrp, RvFsdPeekNextIrp, RvFsdAcquireLock,
@@ -321,7 +348,7 @@ VOID NtFsdHurryWorkers() {
     bool Idle;
     {
         const SpinLockHold Hold(&g_AsyncIrpQueueLock);
-        Idle = g_uAsyncWorkerThreadCount == 0 && (g_uAsyncIrpQueueCount != 0 || !IsListEmpty(&CancelledQueue));
+        Idle = g_uAsyncWorkerThreadCount == 0 && UnservedCount != 0;
     }
     if (!Idle) {
         KeSetEvent(&WorkQueued, IO_NO_INCREMENT, FALSE);

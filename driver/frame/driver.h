@@ -72,6 +72,8 @@ void NtFsdLeaveRequest(UCHAR MajorFunction);
 void NtFsdKeepRequest(UCHAR MajorFunction);
 // TRUE once teardown has begun.
 bool NtFsdIsStopped();
+// Lets a teardown that waits look again. IRQL up to DISPATCH_LEVEL.
+void NtFsdWakeTeardown();
 // Refuses new requests and waits until those in flight have left. Own is the number of holds of the calling thread.
 // Says every ten seconds what it waits for, and gives up after a minute: then FALSE.
 bool NtFsdStopRequests(LONG Own);

@@ -15,41 +15,43 @@ constexpr ULONG SLOTS = 16;
 constexpr LONG64 PATIENCE = 10 * 10000000ll; // ten seconds
 constexpr ULONG TURNS = 6;
 
+// Both only rise. What is in flight is their difference, so wrapping does no harm.
 struct alignas(128) COUNTERS {
-    LONG Requests[IN_FLIGHT_KINDS];
+    ULONG Entered[IN_FLIGHT_KINDS];
+    ULONG Left[IN_FLIGHT_KINDS];
 };
-static_assert(sizeof(COUNTERS) == 128);
+static_assert(sizeof(COUNTERS) == 256);
 
 DRIVER_GLOBAL COUNTERS Slots[SLOTS] = {};
 DRIVER_GLOBAL LONG Stopped = 0;
 DRIVER_GLOBAL KEVENT RequestLeft = {};
 
-LONG *CounterOfThread(UCHAR MajorFunction) {
+COUNTERS &SlotOfThread() {
     const ULONG_PTR Thread = reinterpret_cast<ULONG_PTR>(KeGetCurrentThread());
-    return &Slots[(Thread * 0x9E3779B97F4A7C15ull) >> 60].Requests[MajorFunction];
+    return Slots[(Thread * 0x9E3779B97F4A7C15ull) >> 60];
 }
 
-// A request may leave in another slot than it entered in: only the sum counts.
-LONG InFlight(UCHAR MajorFunction) {
-    LONG Sum = 0;
+ULONG SumOf(ULONG (COUNTERS::*Counters)[IN_FLIGHT_KINDS], UCHAR First, UCHAR Behind) {
+    ULONG Sum = 0;
     for (COUNTERS &Slot : Slots) {
-        Sum += __atomic_load_n(&Slot.Requests[MajorFunction], __ATOMIC_SEQ_CST);
+        for (UCHAR MajorFunction = First; MajorFunction < Behind; ++MajorFunction) {
+            Sum += __atomic_load_n(&(Slot.*Counters)[MajorFunction], __ATOMIC_SEQ_CST);
+        }
     }
     return Sum;
 }
 
-LONG AllInFlight() {
-    LONG Sum = 0;
-    for (UCHAR MajorFunction = 0; MajorFunction < IN_FLIGHT_KINDS; ++MajorFunction) {
-        Sum += InFlight(MajorFunction);
-    }
-    return Sum;
+// A request may leave in another slot, and hand on requests of another kind, while the counters are read. All that left
+// is read before any that entered, so that the answer may be too large, but never too small.
+LONG InFlight(UCHAR First, UCHAR Behind) {
+    const ULONG Left = SumOf(&COUNTERS::Left, First, Behind);
+    return static_cast<LONG>(SumOf(&COUNTERS::Entered, First, Behind) - Left);
 }
 
 // Says what teardown waits for: the requests, and the files that somebody holds.
 void TellWhatIsInFlight() {
     for (UCHAR MajorFunction = 0; MajorFunction < IN_FLIGHT_KINDS; ++MajorFunction) {
-        const LONG Count = InFlight(MajorFunction);
+        const LONG Count = InFlight(MajorFunction, static_cast<UCHAR>(MajorFunction + 1));
         if (Count > 0 && MajorFunction != IRP_MJ_SHUTDOWN) {
             NtFsdAlwaysPrint("[RVFSD] Shutdown waits for %d %s\n", Count, NtFsdMajorFunctionName(MajorFunction));
             NtFsdDebugPrint(TRACE_ERROR, 0, "Shutdown waits for %d %s\n", Count, NtFsdMajorFunctionName(MajorFunction));
@@ -76,7 +78,7 @@ bool NtFsdIsStopped() {
 }
 
 void NtFsdKeepRequest(UCHAR MajorFunction) {
-    __atomic_fetch_add(CounterOfThread(MajorFunction), 1, __ATOMIC_SEQ_CST);
+    __atomic_fetch_add(&SlotOfThread().Entered[MajorFunction], 1, __ATOMIC_SEQ_CST);
 }
 
 bool NtFsdEnterRequest(UCHAR MajorFunction) {
@@ -90,7 +92,11 @@ bool NtFsdEnterRequest(UCHAR MajorFunction) {
 }
 
 void NtFsdLeaveRequest(UCHAR MajorFunction) {
-    __atomic_fetch_sub(CounterOfThread(MajorFunction), 1, __ATOMIC_SEQ_CST);
+    __atomic_fetch_add(&SlotOfThread().Left[MajorFunction], 1, __ATOMIC_SEQ_CST);
+    NtFsdWakeTeardown();
+}
+
+void NtFsdWakeTeardown() {
     if (NtFsdIsStopped()) {
         KeSetEvent(&RequestLeft, IO_NO_INCREMENT, FALSE);
     }
@@ -103,7 +109,7 @@ bool NtFsdStopRequests(LONG Own) {
     }
     ULONG Turns = 0;
     // Queued requests are in flight; workers end when nothing is queued any more.
-    while (NtFsdHurryWorkers(), AllInFlight() > Own) {
+    while (NtFsdHurryWorkers(), InFlight(0, IN_FLIGHT_KINDS) > Own) {
         LARGE_INTEGER Timeout = {};
         Timeout.QuadPart = -PATIENCE;
         if (KeWaitForSingleObject(&RequestLeft, Executive, KernelMode, FALSE, &Timeout) != STATUS_TIMEOUT) {

@@ -278,7 +278,12 @@ NTSTATUS LockMayWait(PIRP_CONTEXT IrpContext, ResourceHold &Hold) {
     if (TopLevel != Irp) {
         // A nested request: its thread may hold other locks and must not wait for this FCB.
         const NTSTATUS Posted = PostCompletion(IrpContext);
-        return Posted == STATUS_PENDING ? STATUS_PENDING : EndDecided(IrpContext, Irp, Posted);
+        if (Posted == STATUS_PENDING) {
+            return STATUS_PENDING;
+        }
+        const NTSTATUS Decided = Irp->IoStatus.Status;
+        const NTSTATUS Ended = EndDecided(IrpContext, Irp, NT_SUCCESS(Decided) ? Posted : Decided);
+        return Status == STATUS_PENDING ? STATUS_PENDING : Ended;
     }
     if (NT_SUCCESS(Irp->IoStatus.Status)) {
         NtFsdDebugPrint(TRACE_LOCK, 0, "Lock successful, and Fcb not aquired. Complete it.\n");

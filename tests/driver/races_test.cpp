@@ -8,6 +8,8 @@
 #include "embedded/ex.h"
 #include "embedded/explorer/explorer.h"
 #include "embedded/explorer/schedule.h"
+#include "embedded/faults.h"
+#include "frame/async_queue.h"
 #include "provider/binding.h"
 #include "provider/class_factory.h"
 #include "tests/driver/lock_client.h"
@@ -270,6 +272,155 @@ TEST_F(LockRaces, UnlockAgainstTheTellingOfTheServer) {
                              : fmt::format("{} locks here, {} at the server, lock 0x{:08X}, unlock 0x{:08X}", Local,
                                            Server, static_cast<ULONG>(Status), static_cast<ULONG>(Unlocked));
               }});
+}
+
+// ---- The queue of posted requests
+
+class QueueRaces : public Racing<test::LockFixture> {
+protected:
+    // Requests over it may not wait.
+    static constexpr Open Overlapped = {.Access = FILE_READ_DATA | FILE_WRITE_DATA, .Options = 0};
+
+    void StartPosting() {
+        Begin({.Switches = {{u"EnableAsyncIo", 1}}});
+    }
+    static constexpr embedded::ExploreOptions Few = {.MostSchedules = 1000, .RandomSchedules = 500};
+
+    // A read of one byte that is posted.
+    SentIrp SendRead(char *Byte, PDEVICE_OBJECT To, PIRP *Made = nullptr) {
+        embedded::IrpBuilder Builder = Plain(IRP_MJ_READ, FileObject(Handle));
+        Builder.UserBuffer = Byte;
+        Builder.Fill = [](PIO_STACK_LOCATION Stack) { Stack->Parameters.Read.Length = 1; };
+        return SendBusy(Builder, To, Made);
+    }
+    // A request that gets no resource without waiting.
+    SentIrp SendBusy(embedded::IrpBuilder Builder, PDEVICE_OBJECT To, PIRP *Made) {
+        Builder.Made = Made;
+        const embedded::PlannedFaults Busy({.How = embedded::FaultPlan::Mode::NthAndAfter,
+                                            .Kinds = embedded::FaultBit(embedded::FaultKind::TryAcquire)});
+        return embedded::SendIrp(To, Builder);
+    }
+    // Lets the workers end; what is left of the queue then, or nothing.
+    std::string Drained() {
+        embedded::Clock::Advance(3 * embedded::Clock::Second);
+        embedded::Clock::Settle();
+        return g_uAsyncWorkerThreadCount == 0 && g_uAsyncIrpQueueCount == 0
+                   ? ""
+                   : fmt::format("{} workers and {} requests left", g_uAsyncWorkerThreadCount, g_uAsyncIrpQueueCount);
+    }
+    void Delay(LONGLONG Time) {
+        LARGE_INTEGER Interval = {.QuadPart = -Time};
+        KeDelayExecutionThread(KernelMode, FALSE, &Interval);
+    }
+
+    HANDLE Handle = nullptr;
+    IO_STATUS_BLOCK Read = {};
+    char Byte = 0;
+};
+
+TEST_F(QueueRaces, PostAgainstCancel) {
+    StartPosting();
+    PIRP Irp = nullptr;
+    std::optional<SentIrp> Sent;
+    MustPass({"post against cancel",
+              [&] {
+                  Handle = MustOpen(u"\\srv\\vol\\a.txt", Overlapped);
+                  Irp = nullptr;
+                  Byte = 0;
+              },
+              {[&] {
+                   Sent.emplace(SendRead(&Byte, Device(), &Irp));
+                   Read = Sent->Wait();
+               },
+               [&] {
+                   embedded::SchedulePoint("the canceller", nullptr);
+                   if (Irp != nullptr) {
+                       IoCancelIrp(Irp);
+                   }
+               }},
+              [&]() -> std::string {
+                  Sent.reset();
+                  Close(Handle);
+                  const bool Served = Read.Status == STATUS_SUCCESS && Read.Information == 1 && Byte == '0';
+                  const bool Cancelled = Read.Status == STATUS_CANCELLED && Read.Information == 0;
+                  return Served || Cancelled ? Drained() : Wrong("the read", Read.Status);
+              }},
+             Few);
+}
+
+// The second post comes when the worker of the first has looked for the last time.
+TEST_F(QueueRaces, WorkerExitAgainstANewPost) {
+    StartPosting();
+    MustPass({"worker exit against a new post",
+              [&] { Handle = MustOpen(u"\\srv\\vol\\a.txt", Overlapped); },
+              {[&] {
+                  for (int Post = 0; Post < 2; ++Post) {
+                      Byte = 0;
+                      Read = SendRead(&Byte, Device()).Wait();
+                      if (Post == 0) {
+                          Delay(2 * embedded::Clock::Second);
+                      }
+                  }
+              }},
+              [&]() -> std::string {
+                  Close(Handle);
+                  return Read.Status == STATUS_SUCCESS && Byte == '0' ? Drained() : Wrong("the read", Read.Status);
+              }},
+             Few);
+}
+
+// A cleanup is run though it is cancelled: between the queue and its worker it belongs to the canceller.
+TEST_F(QueueRaces, CancelOfACleanupAgainstTheExitOfItsWorker) {
+    StartPosting();
+    PIRP Irp = nullptr;
+    NTSTATUS Closed = STATUS_SUCCESS;
+    bool Posted = false;
+    MustPass({"cancel of a cleanup against the exit of its worker",
+              [&] {
+                  Handle = MustOpen(u"\\srv\\vol\\a.txt", Overlapped);
+                  Irp = nullptr;
+              },
+              {[&] {
+                  Read = SendRead(&Byte, Device()).Wait();
+                  Delay(2 * embedded::Clock::Second);
+                  SentIrp Sent = SendBusy(Plain(IRP_MJ_CLEANUP, FileObject(Handle)), Device(), &Irp);
+                  Posted = Sent.Returned() == STATUS_PENDING;
+                  embedded::SchedulePoint("a cleanup that waits", nullptr);
+                  IoCancelIrp(Irp);
+                  Closed = Sent.Wait().Status;
+              }},
+              [&]() -> std::string {
+                  const bool CleanedUp = Fcb(Handle)->UncleanCount == 0;
+                  Close(Handle);
+                  return Posted && CleanedUp && Closed == STATUS_SUCCESS ? Drained() : Wrong("the cleanup", Closed);
+              }},
+             Few);
+}
+
+TEST_F(QueueRaces, ShutdownAgainstAPost) {
+    NTSTATUS Down = STATUS_SUCCESS;
+    PDEVICE_OBJECT Kept = nullptr;
+    MustPass({"shutdown against a post",
+              [&] {
+                  StartPosting();
+                  Handle = MustOpen(u"\\srv\\vol\\a.txt", Overlapped);
+                  Kept = embedded::DeviceFromName(u"\\Device\\RvFsd");
+              },
+              {[&] { Read = SendRead(&Byte, Kept).Wait(); }, [&] { Down = Kernel().SendShutdown(); }},
+              [&]() -> std::string {
+                  std::string Text = Drained();
+                  if (Down != STATUS_NOT_SUPPORTED) {
+                      Text += Wrong("the shutdown", Down);
+                  }
+                  if (!IsAmong(Read.Status, {STATUS_SUCCESS, STATUS_UNSUCCESSFUL})) {
+                      Text += Wrong("the read", Read.Status);
+                  }
+                  Close(Handle);
+                  embedded::DereferenceDevice(Kept);
+                  Stop();
+                  return Text;
+              }},
+             Few);
 }
 
 // ---- Binding
