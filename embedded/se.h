@@ -86,12 +86,12 @@ struct LogonSession {
 // A new logon session of an account, with its directory, and its token. Id {0, 0} takes the next free one.
 TokenRef LogOn(ULONG User, Elevation Kind = Elevation::Default, LUID Id = {});
 
-// The two sessions of an administrator whose logon is split, linked to each other.
+// The two sessions of an administrator whose logon is split, linked to each other. An id {0, 0} takes the next free one.
 struct SplitLogon {
     TokenRef Filtered;
     TokenRef Elevated;
 };
-SplitLogon LogOnSplit(ULONG User);
+SplitLogon LogOnSplit(ULONG User, LUID ElevatedId = {});
 
 // The session ends: its directory goes with all links in it, and nobody finds it as a linked session any more. Tokens
 // that are still held stay usable.

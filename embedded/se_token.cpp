@@ -98,8 +98,8 @@ TokenRef LogOn(ULONG User, Elevation Kind, LUID Id) {
     return Token;
 }
 
-SplitLogon LogOnSplit(ULONG User) {
-    SplitLogon Logon = {LogOn(User, Elevation::Limited), LogOn(User, Elevation::Full)};
+SplitLogon LogOnSplit(ULONG User, LUID ElevatedId) {
+    SplitLogon Logon = {LogOn(User, Elevation::Limited), LogOn(User, Elevation::Full, ElevatedId)};
     Link(Logon.Filtered, Logon.Elevated);
     return Logon;
 }

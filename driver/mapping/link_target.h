@@ -7,11 +7,13 @@
 class LinkTarget {
 public:
     LinkTarget() = default;
-    // Without memory there is none.
+    // Of a path that a link leads to already. Without memory only its length is known.
     explicit LinkTarget(PCWSTR Path) {
         const UNICODE_STRING View = {static_cast<USHORT>(WideLength(Path, 0x7FFF) * sizeof(WCHAR)), 0,
                                      const_cast<PWSTR>(Path)};
-        Build(&View);
+        if (!NT_SUCCESS(Build(&View))) {
+            String_.Length = static_cast<USHORT>(BytesFor(&View) - sizeof(WCHAR));
+        }
     }
     // STATUS_NAME_TOO_LONG, STATUS_INSUFFICIENT_RESOURCES. Must be empty yet.
     NTSTATUS Build(PCUNICODE_STRING Path) {
@@ -32,9 +34,8 @@ public:
     static ULONG BytesFor(PCUNICODE_STRING Path) {
         return ULONG{DEVICE.Length} + Path->Length + sizeof(WCHAR);
     }
-    // NULL when there is none.
     PUNICODE_STRING Get() const {
-        return Buffer_ ? const_cast<PUNICODE_STRING>(&String_) : nullptr;
+        return const_cast<PUNICODE_STRING>(&String_);
     }
 
     static constexpr UNICODE_STRING DEVICE = ConstantString(WTEXT("\\Device\\RvFsd"));

@@ -123,11 +123,10 @@ NTSTATUS ConvertUtf8(MAPPING *Mapping, PCSTR Path) {
 
 NTSTATUS ConvertAnsi(MAPPING *Mapping, PCSTR Path) {
     const ULONG Bytes = Mapping->PathBytes - static_cast<ULONG>(Path - Mapping->PathData.Get());
-    if (Bytes > 0x7FFE) {
-        return STATUS_NAME_TOO_LONG;
-    }
     ANSI_STRING Ansi = {static_cast<USHORT>(Bytes), static_cast<USHORT>(Bytes), const_cast<PSTR>(Path)};
-    const NTSTATUS Status = RtlAnsiStringToUnicodeString(&Mapping->Converted, &Ansi, TRUE);
+    // How many units the bytes become is the code page's to say.
+    const NTSTATUS Status =
+        Bytes > 0xFFFF ? STATUS_NAME_TOO_LONG : RtlAnsiStringToUnicodeString(&Mapping->Converted, &Ansi, TRUE);
     if (!NT_SUCCESS(Status)) {
         Mapping->Converted = {0, 0, nullptr};
         NtFsdDebugPrint(TRACE_FILE_INFO, 0,

@@ -33,17 +33,18 @@ bool MayBeLeft(NTSTATUS Status) {
     return !NT_SUCCESS(Status) && Status != STATUS_OBJECT_NAME_NOT_FOUND && Status != STATUS_OBJECT_PATH_NOT_FOUND;
 }
 
-// By the session's name, twice if need be: the record goes, and a link that stays would be nobody's.
-NTSTATUS DeleteLinkFor(LUID Luid, CHAR Letter, PUNICODE_STRING Target) {
-    const NTSTATUS Status = DeleteSymbolicLinkInSession(Luid, Letter, Target);
-    return MayBeLeft(Status) ? DeleteSymbolicLinkInSession(Luid, Letter, Target) : Status;
+// One of the two deletions by a session's name, twice if need be: the record goes, and a link that stays would be
+// nobody's.
+NTSTATUS DeleteStubbornly(NTSTATUS (*Delete)(LUID, CHAR, PUNICODE_STRING), LUID Luid, CHAR Letter,
+                          PUNICODE_STRING Target) {
+    const NTSTATUS Status = Delete(Luid, Letter, Target);
+    return MayBeLeft(Status) ? Delete(Luid, Letter, Target) : Status;
 }
 
 // The links of a mapping, from whatever session of its owner: what became of the first. Somebody else may have deleted
 // either meanwhile, or put another in its place, which stays.
 NTSTATUS DeleteLinks(const MAPPED_DEVICE &Record) {
     const CHAR Letter = Record.Letter();
-    // Without memory for comparing, what the letter stands for now is deleted.
     const LinkTarget Whole(Record.pVolumePath);
     const PUNICODE_STRING Target = Whole.Get();
     LUID Caller = {};
@@ -52,19 +53,22 @@ NTSTATUS DeleteLinks(const MAPPED_DEVICE &Record) {
     const bool Linked = Record.LinkedSessionLink != 0;
     if (!Own && !(Known && Linked && IsEqualLuid(Caller, Record.LinkedLogonId()))) {
         // The caller's own letters are none of its links.
-        const NTSTATUS Status = DeleteLinkFor(Record.LogonId, Letter, Target);
+        const NTSTATUS Status = DeleteStubbornly(DeleteSymbolicLinkMadeInSession, Record.LogonId, Letter, Target);
         if (Linked) {
-            Ignore(DeleteLinkFor(Record.LinkedLogonId(), Letter, Target), "the first one counts");
+            Ignore(DeleteStubbornly(DeleteSymbolicLinkInSession, Record.LinkedLogonId(), Letter, Target),
+                   "the first one counts");
         }
         return Status;
     }
     NTSTATUS Status = CreateOrDeleteSymbolicLinkInCurrentSession(Letter, Target, FALSE);
     if (MayBeLeft(Status)) {
-        Status = DeleteSymbolicLinkInSession(Caller, Letter, Target);
+        Status = Own ? DeleteSymbolicLinkMadeInSession(Caller, Letter, Target)
+                     : DeleteSymbolicLinkInSession(Caller, Letter, Target);
     }
     if (Linked && MayBeLeft(CreateOrDeleteSymbolicLinkInLinkedSession(Letter, Target, FALSE))) {
-        const LUID Other = Own ? Record.LinkedLogonId() : Record.LogonId;
-        Ignore(DeleteSymbolicLinkInSession(Other, Letter, Target), "the first one counts");
+        Ignore(Own ? DeleteSymbolicLinkInSession(Record.LinkedLogonId(), Letter, Target)
+                   : DeleteSymbolicLinkMadeInSession(Record.LogonId, Letter, Target),
+               "the first one counts");
     }
     return Status;
 }

@@ -79,11 +79,13 @@ NTSTATUS VerifyDirectory(PIRP_CONTEXT IrpContext, PCUNICODE_STRING Path) {
     ProviderDirectory Directory(&IrpContext->SecurityContext);
     const NTSTATUS Status =
         NtFsdTranslateResult(RVFsdOpenDirectory(&IrpContext->SecurityContext, 0, Path->Buffer, Directory.Out()));
-    if (!NT_SUCCESS(Status)) {
-        NtFsdDebugPrint(TRACE_FACTORY, 0, "RvxVerifyPath: RVFsdOpenDirectory for \"%wZ\" failed; status 0x%08X\n", Path,
-                        Status);
+    if (Status == STATUS_SUCCESS) {
+        return STATUS_SUCCESS;
     }
-    return Status;
+    NtFsdDebugPrint(TRACE_FACTORY, 0, "RvxVerifyPath: RVFsdOpenDirectory for \"%wZ\" failed; status 0x%08X\n", Path,
+                    Status);
+    // A warning is no path that was opened, though it reads as a success.
+    return NT_SUCCESS(Status) ? STATUS_UNSUCCESSFUL : Status;
 }
 
 // Leading backslashes do not count; each backslash behind which something follows separates.

@@ -225,10 +225,10 @@ NTSTATUS GetLinkedLogonSessionLUID(PLUID LinkedLuid, PTOKEN_DEFAULT_DACL *Defaul
 namespace {
 
 // FALSE only when the link surely leads elsewhere than to Target: then it is somebody else's. Without memory to read
-// where it leads its length decides.
+// where it leads, or to say where Target does, its length decides.
 bool MayLeadTo(HANDLE Link, PCUNICODE_STRING Target) {
     const ULONG Room = ULONG{Target->Length} + sizeof(WCHAR);
-    PoolPointer<WCHAR> Buffer(static_cast<PWSTR>(TwAllocBuffer(Room)));
+    PoolPointer<WCHAR> Buffer(Target->Buffer != nullptr ? static_cast<PWSTR>(TwAllocBuffer(Room)) : nullptr);
     UNICODE_STRING Actual = {0, static_cast<USHORT>(Buffer && Room <= 0xFFFF ? Room : 0), Buffer.Get()};
     ULONG Length = 0;
     const NTSTATUS Status = ZwQuerySymbolicLinkObject(Link, &Actual, &Length);
@@ -303,12 +303,17 @@ NTSTATUS CreateOrDeleteSymbolicLinkInCurrentSession(CHAR Letter, PUNICODE_STRING
 
 NTSTATUS DeleteSymbolicLinkInSession(LUID Luid, CHAR Letter, PUNICODE_STRING Target) {
     CHAR Name[NAME_BYTES];
-    if (IsEqualLuid(Luid, SYSTEM_LOGON_ID)) {
-        // The system's own DOS devices are everybody's.
-        FormatName(Name, "\\GLOBAL??\\%c:", LONG{Letter});
-    } else {
-        FormatName(Name, "\\Sessions\\0\\DosDevices\\%08X-%08X\\%c:", Luid.HighPart, Luid.LowPart, LONG{Letter});
+    FormatName(Name, "\\Sessions\\0\\DosDevices\\%08X-%08X\\%c:", Luid.HighPart, Luid.LowPart, LONG{Letter});
+    return CreateOrDeleteSymbolicLink(Name, Target, FALSE, nullptr);
+}
+
+NTSTATUS DeleteSymbolicLinkMadeInSession(LUID Luid, CHAR Letter, PUNICODE_STRING Target) {
+    if (!IsEqualLuid(Luid, SYSTEM_LOGON_ID)) {
+        return DeleteSymbolicLinkInSession(Luid, Letter, Target);
     }
+    // The system's own DOS devices are everybody's.
+    CHAR Name[NAME_BYTES];
+    FormatName(Name, "\\GLOBAL??\\%c:", LONG{Letter});
     return CreateOrDeleteSymbolicLink(Name, Target, FALSE, nullptr);
 }
 

@@ -26,9 +26,9 @@ NTSTATUS GetLinkedTokenLogonSessionLUID(HANDLE Token, PLUID LinkedLuid, PTOKEN_D
 NTSTATUS GetLinkedLogonSessionLUID(PLUID LinkedLuid, PTOKEN_DEFAULT_DACL *DefaultDacl);
 
 // Makes or deletes the permanent link of that name (at most 63 characters). Target is where a new link leads. For a
-// deletion it may be NULL; otherwise a link that is known to lead elsewhere is somebody else's, stays, and
-// STATUS_OBJECT_NAME_NOT_FOUND is the answer. SecurityDescriptor may be NULL. Returns the status of the last service
-// that was called for it.
+// deletion it may be NULL, or have a length without a buffer; a link that is known to lead elsewhere is somebody
+// else's, stays, and STATUS_OBJECT_NAME_NOT_FOUND is the answer. SecurityDescriptor may be NULL. Returns the status of
+// the last service that was called for it.
 NTSTATUS CreateOrDeleteSymbolicLink(PCSTR LinkName, PUNICODE_STRING Target, BOOLEAN Create,
                                     PSECURITY_DESCRIPTOR SecurityDescriptor);
 
@@ -44,5 +44,7 @@ NTSTATUS GetEnableLinkedConnectionsConfig(PUNICODE_STRING KeyPath, PULONG Value)
 NTSTATUS CreateOrDeleteSymbolicLinkInLinkedSession(CHAR Letter, PUNICODE_STRING Target, BOOLEAN Create,
                                                    PLUID Linked = nullptr);
 
-// Deletes the link of Letter in the session Luid, whoever calls.
+// Deletes the link of Letter in the directory of session Luid, whoever calls.
 NTSTATUS DeleteSymbolicLinkInSession(LUID Luid, CHAR Letter, PUNICODE_STRING Target);
+// The same for the link that a caller of session Luid made for himself: the system's is everybody's.
+NTSTATUS DeleteSymbolicLinkMadeInSession(LUID Luid, CHAR Letter, PUNICODE_STRING Target);

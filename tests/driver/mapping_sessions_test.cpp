@@ -229,6 +229,15 @@ TEST_F(MappedSessions, AMappingGoesFromASessionThatHasNoneOfItsLinks) {
     RemoveLink(Logons->Third);
     EXPECT_EQ(Unmap(Logons->Third), STATUS_OBJECT_NAME_NOT_FOUND) << "and does not take it for its own";
     EXPECT_EQ(embedded::QuerySymbolicLink(u"\\GLOBAL??\\G:", &Target), STATUS_SUCCESS);
+    // A linked session of the system's id has its second link among its own letters.
+    const embedded::SplitLogon Odd = embedded::LogOnSplit(502, {0x3E7, 0});
+    const std::u16string Second = u"\\Sessions\\0\\DosDevices\\00000000-000003E7\\G:";
+    SetPolicy(embedded::kSystemPolicyKey, 1);
+    ASSERT_EQ(Map(Odd.Filtered, {.Path = Docs}), STATUS_SUCCESS);
+    EXPECT_EQ(embedded::QuerySymbolicLink(Second, &Target), STATUS_SUCCESS);
+    EXPECT_EQ(Unmap(Odd.Filtered), STATUS_SUCCESS);
+    EXPECT_EQ(embedded::QuerySymbolicLink(Second, &Target), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(embedded::QuerySymbolicLink(u"\\GLOBAL??\\G:", &Target), STATUS_SUCCESS);
     EXPECT_EQ(Unmap(System), STATUS_SUCCESS);
     ExpectNothingLeft();
 }

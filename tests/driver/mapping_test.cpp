@@ -112,7 +112,8 @@ const Request Requests[] = {
     {"longer", {.Path = "\\\\srv\\vol\\"}, STATUS_NAME_TOO_LONG, 0, "", 32755},
     {"32,767 bytes", {.Path = "\\\\srv\\vol\\"}, STATUS_NAME_TOO_LONG, 0, "", 32767},
     {"too long for a string", {.Path = "\\\\srv\\vol\\"}, STATUS_INSUFFICIENT_RESOURCES, 0, "", 32768},
-    {"too long, by code page", {.Path = "\\\\srv\\vol\\", .Utf8 = 0}, STATUS_NAME_TOO_LONG, 0, "", 32768},
+    {"too long for a string", {.Path = "\\\\srv\\vol\\", .Utf8 = 0}, STATUS_INVALID_PARAMETER_2, 0, "", 32768},
+    {"too long, by code page", {.Path = "\\\\srv\\vol\\", .Utf8 = 0}, STATUS_NAME_TOO_LONG, 0, "", 65537},
     {"endless", {.Path = "\\\\srv\\vol\\"}, STATUS_NAME_TOO_LONG, 0, "", 300000},
 };
 
