@@ -5,8 +5,8 @@
 # been called by some test, unless a filter is given. image-guarded does so with a page without access behind each block of
 # pool and in place of each freed one.
 #
-# tsan and asan run all tests, with fewer schedules of each race. The last line tells the count; the exit status is 0
-# only when at least one test ran and none failed.
+# All but debug try fewer schedules of each race. The last line tells the count; the exit status is 0 only when at least
+# one test ran and none failed.
 set -eu
 cd "$(dirname "$0")"
 . scripts/build.sh
