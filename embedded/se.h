@@ -86,7 +86,8 @@ struct LogonSession {
 // A new logon session of an account, with its directory, and its token. Id {0, 0} takes the next free one.
 TokenRef LogOn(ULONG User, Elevation Kind = Elevation::Default, LUID Id = {});
 
-// The two sessions of an administrator whose logon is split, linked to each other. An id {0, 0} takes the next free one.
+// The two sessions of an administrator whose logon is split, linked to each other. An id {0, 0} takes the next free
+// one.
 struct SplitLogon {
     TokenRef Filtered;
     TokenRef Elevated;
