@@ -44,6 +44,7 @@ int main(int Count, char **Arguments) {
     }
     bench::RegisterMappings();
     bench::RegisterTables();
+    bench::RegisterQueue();
     bench::RegisterLocks();
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

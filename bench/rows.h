@@ -16,6 +16,8 @@ void RegisterQueries(DriverKind Driver);
 void RegisterTables();
 // Their client is linked to the driver that is linked in, too.
 void RegisterMappings();
+// Requests that workers complete.
+void RegisterQueue();
 // The embedded kernel's lock library, without a driver.
 void RegisterLocks();
 

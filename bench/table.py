@@ -24,9 +24,10 @@ class Round:
         for row in json.load(open(path))["benchmarks"]:
             if row["run_type"] != "iteration":
                 continue
-            name = re.sub(r"/(iterations|real_time|repeats):?\w*", "", row["run_name"])
+            name = re.sub(r"/(iterations|real_time|manual_time|repeats):?\w*", "", row["run_name"])
             # Processor time where one thread works alone: the machine is shared.
-            self.samples[name].append(row["cpu_time"])
+            by_clock = "/manual_time" in row["run_name"]
+            self.samples[name].append(row["real_time" if by_clock else "cpu_time"])
             if "items_per_second" in row:
                 self.rates[name].append(row["items_per_second"])
             self.counters.update({f"{name}.{key}": row[key] for key in ("first", "further") if key in row})
@@ -135,6 +136,15 @@ ROWS = [
      AT_MOST, None, ""),
     ("", "open + close, stub: through G:\\ / by the UNC name", against("mapping/open/letter", "mapping/open/unc"),
      AT_MOST, None, ""),
+    ("", "posted read / (to another thread and back + the read directly)",
+     lambda r: r.time("queue/posted_read") / (r.time("queue/hand_off") + r.time("queue/direct_read")), AT_MOST, 1.3, ""),
+    ("", "read that need not wait, EnableAsyncIo on / off", against("queue/direct_read", "read/stub/request"), AT_MOST,
+     None, ""),
+    ("", "100,000 queued reads drained by nine workers", rate("queue/drain"), AT_LEAST, None, " /s"),
+    ("", "lock that conflicts: among 100,000 locks / 1,000", against("locks/conflict/100000", "locks/conflict/1000"),
+     AT_MOST, None, ""),
+    ("", "lock and unlock: among 100,000 locks / 1,000",
+     against("locks/lock_and_unlock/100000", "locks/lock_and_unlock/1000"), AT_MOST, None, ""),
     ("10", "pool of the first open of a 70-character path", lambda r: r.counters["pool/open.first"], AT_MOST, 1536,
      " B"),
     ("10", "pool of a further open", lambda r: r.counters["pool/open.further"], AT_MOST, 600, " B"),

@@ -106,6 +106,7 @@ std::unique_ptr<embedded::DriverImage> MapImage() {
 PDRIVER_INITIALIZE EntryOf(DriverKind Driver) {
     switch (Driver) {
     case DriverKind::Linked:
+    case DriverKind::Async:
         return DriverEntry;
     case DriverKind::TraceBuiltOut:
         return DriverEntryNoTrace;
@@ -142,6 +143,9 @@ struct World : providers::CallSink {
         }
         if (Driver == DriverKind::TraceNoMatch) {
             Options.Registry = {{ServiceKey, u"EnableDebug", 1}, {ServiceKey, u"FsDebugLevel", MaskOfNoMessage}};
+        }
+        if (Driver == DriverKind::Async) {
+            Options.Registry = {{ServiceKey, u"EnableAsyncIo", 1}};
         }
         Kernel = std::make_unique<embedded::Kernel>(std::move(Options));
         Framework = std::make_unique<providers::Framework>(Target);
@@ -274,9 +278,9 @@ HANDLE OpenAs(std::u16string_view Path, ACCESS_MASK Access, ULONG Options) {
     InitializeObjectAttributes(&Attributes, &ObjectName, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
     HANDLE Handle = nullptr;
     IO_STATUS_BLOCK Iosb;
-    const NTSTATUS Status = NtCreateFile(&Handle, Access | SYNCHRONIZE, &Attributes, &Iosb, nullptr, 0,
-                                         FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN,
-                                         FILE_SYNCHRONOUS_IO_NONALERT | Options, nullptr, 0);
+    const NTSTATUS Status =
+        NtCreateFile(&Handle, Access | SYNCHRONIZE, &Attributes, &Iosb, nullptr, 0,
+                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, FILE_OPEN, Options, nullptr, 0);
     if (!NT_SUCCESS(Status)) {
         Fail(fmt::format("an open failed: 0x{:08X}", static_cast<ULONG>(Status)));
     }
@@ -286,16 +290,21 @@ HANDLE OpenAs(std::u16string_view Path, ACCESS_MASK Access, ULONG Options) {
 } // namespace
 
 HANDLE Open(std::u16string_view Path) {
-    return OpenAs(Path, FILE_READ_DATA | FILE_WRITE_DATA, FILE_NON_DIRECTORY_FILE);
+    return OpenAs(Path, FILE_READ_DATA | FILE_WRITE_DATA, FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
 }
 
 HANDLE OpenToRename(std::u16string_view Path, bool Directory) {
-    return Directory ? OpenAs(Path, FILE_LIST_DIRECTORY | DELETE, FILE_DIRECTORY_FILE)
-                     : OpenAs(Path, FILE_READ_DATA | FILE_WRITE_DATA | DELETE, FILE_NON_DIRECTORY_FILE);
+    return Directory ? OpenAs(Path, FILE_LIST_DIRECTORY | DELETE, FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT)
+                     : OpenAs(Path, FILE_READ_DATA | FILE_WRITE_DATA | DELETE,
+                              FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
 }
 
 HANDLE OpenDirectory(std::u16string_view Path) {
-    return OpenAs(Path, FILE_LIST_DIRECTORY, FILE_DIRECTORY_FILE);
+    return OpenAs(Path, FILE_LIST_DIRECTORY, FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
+}
+
+HANDLE OpenAsynchronous(std::u16string_view Path) {
+    return OpenAs(Path, FILE_READ_DATA, FILE_NON_DIRECTORY_FILE);
 }
 
 void Close(HANDLE Handle) {

@@ -19,6 +19,7 @@ enum class ProviderKind { Stub, Scripted, Directory };
 enum class DriverKind {
     Linked, // trace off
     Image,  // trace off
+    Async,  // linked in, trace off, EnableAsyncIo on
     TraceBuiltOut,
     TraceOff,
     TraceNoMatch, // on, with a mask that no message has
@@ -57,6 +58,8 @@ std::u16string ListedDirectory();
 HANDLE Open(std::u16string_view Path);
 HANDLE OpenToRename(std::u16string_view Path, bool Directory = false);
 HANDLE OpenDirectory(std::u16string_view Path);
+// For requests that may not wait.
+HANDLE OpenAsynchronous(std::u16string_view Path);
 void Close(HANDLE Handle);
 
 // A file opened by calling the Provider directly.
