@@ -15,6 +15,7 @@ namespace {
 
 constexpr ULONG User = 500;
 constexpr ULONG Stranger = 501;
+constexpr ULONG ProviderFacility = 0xC7E7; // the upper half of an error of the Provider
 
 std::string NameOf(char Letter) {
     return std::string(1, Letter) + ":";
@@ -118,11 +119,19 @@ void Drives::Use(const DriveUse &Wanted) {
     const bool Before = Other != nullptr && HasLink(*Other, Wanted.Letter);
     const NTSTATUS Status = Object()->Table->MapDrive(Object(), reinterpret_cast<const MAP_REQUEST *>(Bytes.data()));
     if (!NT_SUCCESS(Status)) {
-        throw StatusError(Status, NameOf(Wanted.Letter) + " " + Path);
+        throw StatusError(Explain(Status, Path), NameOf(Wanted.Letter) + " " + Path);
     }
     Uses_.push_back(Wanted);
     Uses_.back().Logon = Acting_;
     Uses_.back().Linked = Other != nullptr && !Before && HasLink(*Other, Wanted.Letter);
+}
+
+NTSTATUS Drives::Explain(NTSTATUS Status, const std::string &Path) {
+    if ((static_cast<ULONG>(Status) >> 16) != ProviderFacility) {
+        return Status;
+    }
+    const NTSTATUS Verified = Verify(Path);
+    return NT_SUCCESS(Verified) ? Status : Verified;
 }
 
 void Drives::Delete(char Letter) {

@@ -80,6 +80,8 @@ private:
     // The other half of a split logon; null for a session that is none.
     const embedded::TokenObject *OtherHalf(const std::string &Logon);
     NTSTATUS Query(char Letter, QUERY_DRIVE *Answer);
+    // Why Path cannot be mapped, in a status that people know: a mapping fails with the Provider's own.
+    NTSTATUS Explain(NTSTATUS Status, const std::string &Path);
     // Takes what is no longer there off Uses_.
     void Forget();
 

@@ -100,7 +100,8 @@ TEST_F(ProgramDrives, WhatCannotBeMappedIsSaid) {
     } const Cases[] = {
         {{"--use", "G:=\\\\srv\\vol\\docs", "use", "G:", "\\\\srv\\vol"}, 1, "STATUS_OBJECT_NAME_COLLISION"},
         {{"--use", "G:=\\\\srv\\vol\\docs\\a.txt", "ls", "G:"}, 1, "G: \\\\srv\\vol\\docs\\a.txt"},
-        {{"use", "G:", "\\\\nobody\\vol"}, 1, "\\\\nobody\\vol"},
+        {{"use", "G:", "\\\\nobody\\vol"}, 1, "STATUS_BAD_NETWORK_PATH (0xC00000BE): G: \\\\nobody\\vol"},
+        {{"use", "G:", "\\\\srv\\vol\\docs\\a.txt"}, 1, "STATUS_NOT_A_DIRECTORY"},
         {{"use", "G:", "/delete"}, 1, "STATUS_RESOURCE_NOT_OWNED"},
         {{"use", "G:"}, 1, "STATUS_RESOURCE_NOT_OWNED"},
         {{"use", "GG:", "\\\\srv\\vol"}, 2, "a drive is a letter with a colon"},
