@@ -4,7 +4,13 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
+#include <dirent.h>
+#include <fcntl.h>
 #include <fmt/format.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/xattr.h>
+#include <unistd.h>
 
 #include "bench/rows.h"
 
@@ -99,6 +105,40 @@ void Direct(benchmark::State &State, ProviderKind Kind) {
     To->Table->RVFsdCloseDirectory(To, Security(), Directory);
 }
 
+// An extended attribute of an entry, the cheapest way that the kernel has.
+void NativeAttribute(int Directory, const char *Name) {
+    constexpr long GetXAttrAt = 464;
+    char Value[64];
+    struct {
+        uint64_t Value;
+        uint32_t Size;
+        uint32_t Flags;
+    } Arguments = {reinterpret_cast<uint64_t>(Value), sizeof Value, 0};
+    constexpr char Attribute[] = "user.rvfsd.attributes";
+    if (syscall(GetXAttrAt, Directory, Name, AT_SYMLINK_NOFOLLOW, Attribute, &Arguments, sizeof Arguments) < 0 &&
+        errno == ENOSYS) {
+        lgetxattr(fmt::format("/proc/self/fd/{}/{}", Directory, Name).c_str(), Attribute, Value, sizeof Value);
+    }
+}
+
+// The same facts without a Provider: each name, its status and one extended attribute; or names alone.
+void Native(benchmark::State &State, bool Facts) {
+    const std::string Path = NativeListedDirectory();
+    for (auto _ : State) {
+        DIR *Directory = opendir(Path.c_str());
+        for (const dirent *Entry; (Entry = readdir(Directory)) != nullptr;) {
+            benchmark::DoNotOptimize(Entry->d_type);
+            if (Facts) {
+                struct statx Stat;
+                statx(dirfd(Directory), Entry->d_name, AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_BTIME, &Stat);
+                NativeAttribute(dirfd(Directory), Entry->d_name);
+            }
+        }
+        closedir(Directory);
+    }
+    State.SetItemsProcessed(State.iterations() * ListedEntries);
+}
+
 } // namespace
 
 void RegisterListings(DriverKind Driver) {
@@ -110,6 +150,10 @@ void RegisterListings(DriverKind Driver) {
         if (Driver == DriverKind::Linked) {
             benchmark::RegisterBenchmark((Under + "/direct").c_str(), Direct, Kind);
         }
+    }
+    if (Driver == DriverKind::Linked) {
+        benchmark::RegisterBenchmark("listing/native/facts", Native, true);
+        benchmark::RegisterBenchmark("listing/native/names", Native, false);
     }
 }
 

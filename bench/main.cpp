@@ -43,6 +43,7 @@ int main(int Count, char **Arguments) {
         RegisterEndToEnd(bench::DriverKind::Image);
     }
     bench::RegisterMappings();
+    bench::RegisterNames();
     bench::RegisterTables();
     bench::RegisterQueue();
     bench::RegisterLocks();

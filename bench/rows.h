@@ -18,6 +18,8 @@ void RegisterTables();
 void RegisterMappings();
 // Requests that workers complete.
 void RegisterQueue();
+// The directory Provider called without a driver.
+void RegisterNames();
 // The embedded kernel's lock library, without a driver.
 void RegisterLocks();
 

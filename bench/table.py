@@ -10,6 +10,7 @@ import statistics
 import sys
 
 BEGIN, END = "<!-- table -->", "<!-- end of table -->"
+COUNTERS = ("first", "further", "scans", "opens", "per_open", "per_volume", "per_name", "known_descriptors")
 
 
 class Round:
@@ -30,7 +31,7 @@ class Round:
             self.samples[name].append(row["real_time" if by_clock else "cpu_time"])
             if "items_per_second" in row:
                 self.rates[name].append(row["items_per_second"])
-            self.counters.update({f"{name}.{key}": row[key] for key in ("first", "further") if key in row})
+            self.counters.update({f"{name}.{key}": row[key] for key in COUNTERS if key in row})
 
     def time(self, name):
         return statistics.median(self.samples[name])
@@ -77,6 +78,35 @@ def queries():
                None, "")
     yield ("", "query basic, stub: request, in shared_mutex pairs",
            against("information/stub/basic", PAIR), AT_MOST, None, "")
+
+
+def counter(name):
+    return lambda r: r.counters[name]
+
+
+def names():
+    """What a name costs at the directory Provider beside the same natively."""
+    yield ("13", "all Provider calls of an open of a known name / native open + close",
+           against("open/directory/direct", "open/native"), AT_MOST, 2.5, "")
+    for name, what, limit in (("known", "a known name", None), ("other_case", "a name in another case", None),
+                              ("missing", "a missing name", None), ("large", "a known name in a large directory", None)):
+        yield ("13", f"open of {what} alone / native", against(f"names/{name}/directory", f"names/{name}/native"),
+               AT_MOST, limit, "")
+    yield ("13", "directories read for known names of a large directory", counter("names/large/directory.scans"),
+           AT_MOST, 0, " reads")
+    for beside in ("collision", "dangling_link"):
+        yield ("13", f"create + delete in a large directory: beside a {beside.replace('_', ' ')} / alone",
+               against(f"names/create_and_delete/{beside}", "names/create_and_delete/alone"), AT_MOST, 1.2, "")
+    yield ("13", "two threads, opens in different directories: speed-up / native",
+           scaling("threads/names/directory", "threads/names/native"), AT_LEAST, 0.9, "")
+    yield ("6", "listing with all facts: native readdir + statx + getxattr / directory Provider",
+           against("listing/native/facts", "listing/directory/direct"), AT_LEAST, 0.9, "")
+    for key, what, limit, unit in (("opens", "distinct files open at once, of 100,000", 100000, ""),
+                                   ("per_open", "descriptors of an idle open", 1, ""),
+                                   ("per_volume", "descriptors of an idle volume", 0, ""),
+                                   ("known_descriptors", "descriptors of a directory that is known, with its export", None, ""),
+                                   ("per_name", "memory of a known name", 256, " B")):
+        yield ("", what, counter(f"pool/names.{key}"), AT_LEAST if key == "opens" else AT_MOST, limit, unit)
 
 
 PAIR = "yardstick/shared_mutex_pair"
@@ -145,6 +175,7 @@ ROWS = [
      AT_MOST, None, ""),
     ("", "lock and unlock: among 100,000 locks / 1,000",
      against("locks/lock_and_unlock/100000", "locks/lock_and_unlock/1000"), AT_MOST, None, ""),
+    *names(),
     ("10", "pool of the first open of a 70-character path", lambda r: r.counters["pool/open.first"], AT_MOST, 1536,
      " B"),
     ("10", "pool of a further open", lambda r: r.counters["pool/open.further"], AT_MOST, 600, " B"),

@@ -267,6 +267,11 @@ std::u16string ListedDirectory() {
     return u"\\srv\\vol\\" + std::u16string(ListedName);
 }
 
+std::string NativeListedDirectory() {
+    Tree().MakeListed();
+    return (Tree().Root() / std::u16string(ListedName)).string();
+}
+
 namespace {
 
 HANDLE OpenAs(std::u16string_view Path, ACCESS_MASK Access, ULONG Options) {

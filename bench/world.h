@@ -53,6 +53,8 @@ std::string NativePath(unsigned Index);
 
 // The path of a directory of ListedEntries entries below the volume, which the first call makes.
 std::u16string ListedDirectory();
+// The same directory's name in the local file system.
+std::string NativeListedDirectory();
 
 // Opens an existing file (directory) through the driver; a failure ends the program.
 HANDLE Open(std::u16string_view Path);
