@@ -85,12 +85,13 @@ Confinement BestConfinement() {
     return Best;
 }
 
-int OpenBeneath(Confinement How, int Fd, std::string_view Path, int Flags, mode_t Mode) {
-    if (Path.empty()) {
-        Path = ".";
-    }
+int OpenBeneath(Confinement How, int Fd, const std::string &Whole, int Flags, mode_t Mode) {
+    std::string_view Path = Whole.empty() ? "." : std::string_view(Whole);
     if (How == Confinement::Walk) {
         return OpenByWalk(Fd, Path, Flags, Mode);
+    }
+    if (Path.size() <= ChunkBytes) {
+        return OpenAt2(Fd, Path.data(), Flags, Mode); // both end with a zero
     }
     UniqueFd Part;
     int At = Fd;

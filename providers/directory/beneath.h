@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 #include <utility>
 
@@ -61,6 +62,6 @@ Confinement BestConfinement();
 // Opens Path (relative, separated by '/', no "..", empty = the directory itself) below the directory Fd. Flags are open
 // flags; O_CLOEXEC is added. Returns the descriptor or -1 with errno: EXDEV or ELOOP when the path would leave the
 // directory or a link is refused.
-int OpenBeneath(Confinement How, int Fd, std::string_view Path, int Flags, mode_t Mode = 0);
+int OpenBeneath(Confinement How, int Fd, const std::string &Path, int Flags, mode_t Mode = 0);
 
 } // namespace providers::directory

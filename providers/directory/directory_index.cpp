@@ -44,6 +44,7 @@ std::u16string NameList::Served(const Piece &Item) const {
 void NameList::Add(std::string_view Name, unsigned char Type, bool Marked, bool HasShort) {
     Pieces.push_back({static_cast<uint32_t>(Bytes.size()), static_cast<uint16_t>(Name.size()), Type, Marked, HasShort});
     Bytes.append(Name);
+    Bytes.push_back('\0');
 }
 
 DirectoryIndex::DirectoryIndex(EventLog &Log, std::atomic<size_t> &Names, std::atomic<size_t> &Scans)
@@ -286,7 +287,7 @@ void DirectoryIndex::FindShorts() {
     Shorts_.reserve(Items_.size() - Free_.size());
     for (uint32_t Index = 0; Index < Items_.size(); ++Index) {
         if (Items_[Index].Size != 0) {
-            if (const std::u16string Short = ShortName(ServedName(NameOf(Items_[Index]))); !Short.empty()) {
+            if (const ShortText Short = ShortName(ServedName(NameOf(Items_[Index]))); !Short.empty()) {
                 Shorts_.emplace_back(HashOf(Short), Index);
             }
         }
@@ -296,7 +297,7 @@ void DirectoryIndex::FindShorts() {
 }
 
 // The only item with this short name; one that several have, or that is somebody's own name, leads to none.
-uint32_t DirectoryIndex::ByShort(const std::u16string &Short) {
+uint32_t DirectoryIndex::ByShort(std::u16string_view Short) {
     if (!KnowsShorts_) {
         FindShorts();
     }
@@ -304,7 +305,7 @@ uint32_t DirectoryIndex::ByShort(const std::u16string &Short) {
     uint32_t Found = None;
     for (auto At = std::lower_bound(Shorts_.begin(), Shorts_.end(), std::pair{Hash, 0u});
          At != Shorts_.end() && At->first == Hash; ++At) {
-        if (ShortName(ServedName(NameOf(Items_[At->second]))) == Short) {
+        if (ShortName(ServedName(NameOf(Items_[At->second]))).View() == Short) {
             if (Found != None) {
                 return None;
             }
@@ -367,7 +368,7 @@ RVSTATUS DirectoryIndex::List(int Fd, std::u16string_view FoldedMask, bool WithS
     const bool Everything = MatchesEverything(FoldedMask);
     if (Everything) {
         Out.Pieces.reserve(Order_.size());
-        Out.Bytes.reserve(Bytes_.size() - Garbage_);
+        Out.Bytes.reserve(Bytes_.size() - Garbage_ + Order_.size());
     }
     for (const uint32_t Index : Order_) {
         const std::string_view Native = NameOf(Items_[Index]);
@@ -375,7 +376,7 @@ RVSTATUS DirectoryIndex::List(int Fd, std::u16string_view FoldedMask, bool WithS
         const bool Fits = Everything || MatchesMask(FoldedMask, Fold(Marked ? MarkedName(Native) : ServedName(Native)));
         bool HasShort = false;
         if (WithShort || !Fits) {
-            const std::u16string Short = ShortName(ServedName(Native));
+            const ShortText Short = ShortName(ServedName(Native));
             HasShort = !Short.empty() && ByShort(Short) == Index;
             if (!Fits && !(HasShort && MatchesMask(FoldedMask, Short))) {
                 continue;

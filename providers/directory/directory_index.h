@@ -35,6 +35,7 @@ struct NameList {
     std::string Bytes;
     std::vector<Piece> Pieces;
 
+    // Ends with a zero.
     std::string_view Native(const Piece &Item) const {
         return std::string_view(Bytes).substr(Item.At, Item.Size);
     }
@@ -78,7 +79,7 @@ private:
     void Grow();
     void Tidy();
     void FindShorts();
-    uint32_t ByShort(const std::u16string &Short);
+    uint32_t ByShort(std::u16string_view Short);
     std::string_view NameOf(const Item &Each) const {
         return std::string_view(Bytes_).substr(Each.At, Each.Size);
     }

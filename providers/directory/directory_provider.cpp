@@ -21,7 +21,7 @@ namespace {
 
 constexpr char16_t Separator = u'\\';
 
-int OpenForNames(void *Context, const DirectoryRef &Base, std::string_view Path, int Flags) {
+int OpenForNames(void *Context, const DirectoryRef &Base, const std::string &Path, int Flags) {
     return static_cast<const Export *>(Context)->Open(Base, Path, Flags);
 }
 
@@ -127,8 +127,9 @@ RVIOM_FSD_TABLE MakeTable() {
 
 Export::Export(std::u16string_view ServerName, std::u16string_view VolumeName, std::filesystem::path Path, UniqueFd Fd,
                const ExportOptions &Chosen)
-    : Server(ServerName), Volume(VolumeName), Directory(std::move(Path)), Absolute(WithoutLinks(Fd.Get())),
-      Options(Chosen), How(Chosen.UseOpenat2 ? BestConfinement() : Confinement::Walk), Root(std::move(Fd)),
+    : Server(ServerName), Volume(VolumeName), FoldedServer(Fold(Server)), FoldedVolume(Fold(Volume)),
+      Directory(std::move(Path)), Absolute(WithoutLinks(Fd.Get())), Options(Chosen),
+      How(Chosen.UseOpenat2 ? BestConfinement() : Confinement::Walk), Root(std::move(Fd)),
       Names(&OpenForNames, this, Chosen.UseNotifications) {
     struct stat Stat {};
     if (fstat(Root.Get(), &Stat) == 0) {
@@ -137,7 +138,7 @@ Export::Export(std::u16string_view ServerName, std::u16string_view VolumeName, s
     MakeIdentifier(Root.Get(), RootRef.Key, Identifier);
 }
 
-int Export::Open(const DirectoryRef &Base, std::string_view Path, int Flags) const {
+int Export::Open(const DirectoryRef &Base, const std::string &Path, int Flags) const {
     const int Opened = OpenBeneath(How, Base.Fd, Path, Flags);
     if (Opened >= 0 || errno != EXDEV || How == Confinement::Walk) {
         return Opened;
@@ -145,7 +146,7 @@ int Export::Open(const DirectoryRef &Base, std::string_view Path, int Flags) con
     // A link leads up from the base or is absolute, and may still stay inside the export. That can be seen only from
     // the root, and is right only while the base is still where it was opened.
     if (!(Base.Key == RootRef.Key)) {
-        const UniqueFd Again(OpenBeneath(How, Root.Get(), Base.FromRoot, O_PATH | O_DIRECTORY));
+        const UniqueFd Again(OpenBeneath(How, Root.Get(), std::string(Base.FromRoot), O_PATH | O_DIRECTORY));
         struct stat Stat;
         if (!Again || fstat(Again.Get(), &Stat) != 0 || !(KeyOf(Stat) == Base.Key)) {
             errno = EXDEV;
@@ -220,8 +221,21 @@ int LookAt(const Place &At, const std::string &Path, Looked &Out) {
 }
 
 std::string PathFromRoot(const Place &At, const Resolved &Found) {
-    const std::string Below = Found.Path();
-    return At.Ref.FromRoot.empty() || Below.empty() ? At.Ref.FromRoot + Below : At.Ref.FromRoot + "/" + Below;
+    std::string Whole;
+    Whole.reserve(At.Ref.FromRoot.size() + Found.Parent.size() + Found.Name.size() + 2);
+    Whole = At.Ref.FromRoot;
+    for (const std::string &Part : {std::cref(Found.Parent), std::cref(Found.Name)}) {
+        if (!Whole.empty() && !Part.empty()) {
+            Whole.push_back('/');
+        }
+        Whole += Part;
+    }
+    return Whole;
+}
+
+std::string PathFromRoot(const Place &At, Resolved &&Found) {
+    return At.Ref.FromRoot.empty() && Found.Parent.empty() ? std::move(Found.Name)
+                                                           : PathFromRoot(At, std::as_const(Found));
 }
 
 std::u16string_view LastComponent(std::u16string_view Path) {
@@ -260,27 +274,40 @@ using namespace directory;
 DirectoryProvider::State::State() {
     static const RVIOM_FSD_TABLE Operations = MakeTable();
     Table = &Operations;
+    PublishVolumes();
+}
+
+void DirectoryProvider::State::PublishVolumes() {
+    auto Now = std::make_unique<ServedVolumes>();
+    for (const auto &Each : Exports) {
+        Now->Exports.push_back(Each.get());
+    }
+    for (const auto &Each : Links) {
+        Now->Links.push_back(Each.get());
+    }
+    Published.push_back(std::move(Now));
+    Served.store(Published.back().get(), std::memory_order_release);
 }
 
 RVSTATUS DirectoryProvider::State::FindVolume(std::u16string_view Path, NamedVolume &Found) const {
-    const std::u16string Server = Fold(TakeComponent(Path));
-    const std::u16string Volume = Fold(TakeComponent(Path));
+    const std::u16string_view Server = TakeComponent(Path);
+    const std::u16string_view Volume = TakeComponent(Path);
     bool KnownServer = false;
     const auto IsNamed = [&](const auto &Candidate) {
-        if (Fold(Candidate.Server) != Server) {
+        if (!FoldsTo(Server, Candidate.FoldedServer)) {
             return false;
         }
         KnownServer = true;
-        return Fold(Candidate.Volume) == Volume;
+        return FoldsTo(Volume, Candidate.FoldedVolume);
     };
-    const std::shared_lock Hold(ExportsMutex);
-    for (const ExportPtr &Candidate : Exports) {
+    const ServedVolumes &Now = *Served.load(std::memory_order_acquire);
+    for (Export *Candidate : Now.Exports) {
         if (IsNamed(*Candidate)) {
             Found = {Candidate, nullptr, Path};
             return RVSTATUS::Success;
         }
     }
-    for (const LinkPtr &Candidate : Links) {
+    for (const Link *Candidate : Now.Links) {
         if (IsNamed(*Candidate)) {
             Found = {Candidate->Target, Candidate, Path};
             return RVSTATUS::Success;
@@ -345,7 +372,7 @@ std::string DirectoryProvider::AddExport(std::u16string_view Server, std::u16str
     }
     std::error_code Ignored;
     std::filesystem::path Shown = std::filesystem::absolute(Directory, Ignored);
-    auto New = std::make_shared<Export>(Server, Volume, std::move(Shown), std::move(Root), Options);
+    auto New = std::make_unique<Export>(Server, Volume, std::move(Shown), std::move(Root), Options);
     if (Options.QuotaBytes != 0) {
         int64_t Total = 0;
         const std::string Fault = SizeOfTree(New->Root.Get(), New->RootRef.Key.Device, Total);
@@ -354,19 +381,20 @@ std::string DirectoryProvider::AddExport(std::u16string_view Server, std::u16str
         }
         New->Used = Total;
     }
-    const std::unique_lock Hold(State_->ExportsMutex);
-    for (const ExportPtr &Other : State_->Exports) {
-        if (Fold(Other->Server) == Fold(Server) && Fold(Other->Volume) == Fold(Volume)) {
+    const std::lock_guard Hold(State_->ExportsMutex);
+    for (const auto &Other : State_->Exports) {
+        if (Other->FoldedServer == New->FoldedServer && Other->FoldedVolume == New->FoldedVolume) {
             return fmt::format("cannot export {}: its volume name already serves {}", Directory.string(),
                                Other->Directory.string());
         }
     }
-    for (const LinkPtr &Other : State_->Links) {
-        if (Fold(Other->Server) == Fold(Server) && Fold(Other->Volume) == Fold(Volume)) {
+    for (const auto &Other : State_->Links) {
+        if (Other->FoldedServer == New->FoldedServer && Other->FoldedVolume == New->FoldedVolume) {
             return fmt::format("cannot export {}: its volume name is a link already", Directory.string());
         }
     }
     State_->Exports.push_back(std::move(New));
+    State_->PublishVolumes();
     return {};
 }
 
@@ -425,8 +453,7 @@ size_t DirectoryProvider::RaiseDescriptorLimit() {
 
 std::vector<DirectoryProvider::ExportInfo> DirectoryProvider::Exports() const {
     std::vector<ExportInfo> All;
-    const std::shared_lock Hold(State_->ExportsMutex);
-    for (const ExportPtr &Item : State_->Exports) {
+    for (const Export *Item : State_->Served.load(std::memory_order_acquire)->Exports) {
         All.push_back({Item->Server, Item->Volume, Item->Directory, Item->Options, Item->Names.Scans()});
     }
     return All;

@@ -71,7 +71,7 @@ RVSTATUS Collect(FolderObject &Folder, PCWSTR Mask, bool WithShort, NameList &Ou
         return RVSTATUS::Success; // no entry can have this name, or it is not told which has
     }
     if (!RvIsError(Status) && Found.Exists) {
-        const std::u16string Short = WithShort ? ShortName(ServedName(Found.Name)) : std::u16string();
+        const ShortText Short = WithShort ? ShortName(ServedName(Found.Name)) : ShortText();
         const bool Leads = !Short.empty() && Names.LeadsTo(Folder.Ref(), Short, Found.Name);
         Out.Add(Found.Name, Found.Type, Found.Marked, Leads);
     }
@@ -91,7 +91,7 @@ bool EntryMetadata(const FolderObject &Folder, const char *Native, unsigned char
         return true;
     }
     if (S_ISLNK(Data.Mode)) {
-        const UniqueFd Target(Folder.Volume->Open(Folder.Ref(), Native, O_PATH));
+        const UniqueFd Target(Folder.Volume->Open(Folder.Ref(), std::string(Native), O_PATH));
         Metadata Behind;
         if (Target && !RvIsError(ReadMetadata(Target.Get(), Behind))) {
             Data = Behind;
@@ -100,7 +100,7 @@ bool EntryMetadata(const FolderObject &Folder, const char *Native, unsigned char
     return true;
 }
 
-void WriteRecord(UCHAR *Record, const Metadata &Data, std::u16string_view Served, const std::u16string &Short,
+void WriteRecord(UCHAR *Record, const Metadata &Data, std::u16string_view Served, std::u16string_view Short,
                  bool WithShort) {
     const size_t NameOffset = WithShort ? OFFSET_FULL_NAME : OFFSET_BASIC_NAME;
     memset(Record, 0, NameOffset);
@@ -135,10 +135,15 @@ RVSTATUS FillBatch(const FolderObject &Folder, const Listing &From, const Reques
     auto *const Buffer = static_cast<UCHAR *>(Wanted.Buffer);
     UCHAR *Last = nullptr;
     Filled = 0;
+    std::u16string Served;
     for (; Position < From.Names.Pieces.size(); ++Position) {
         const NameList::Piece &Item = From.Names.Pieces[Position];
-        const std::string Native(From.Names.Native(Item));
-        const std::u16string Served = From.Names.Served(Item);
+        const std::string_view Native = From.Names.Native(Item);
+        if (!Item.Marked && IsServedAsItIs(Native)) {
+            Served.assign(Native.begin(), Native.end());
+        } else {
+            Served = From.Names.Served(Item);
+        }
         const size_t Start = (Filled + 7) & ~size_t{7};
         const size_t End =
             Start + (Wanted.WithShort ? OFFSET_FULL_NAME : OFFSET_BASIC_NAME) + Served.size() * sizeof(WCHAR);
@@ -146,11 +151,11 @@ RVSTATUS FillBatch(const FolderObject &Folder, const Listing &From, const Reques
             return Last != nullptr ? RVSTATUS::Success : Failure(CodeBufferTooSmall);
         }
         Metadata Data;
-        if (!Wanted.OneBatch && !EntryMetadata(Folder, Native.c_str(), Item.Type, Data)) {
+        if (!Wanted.OneBatch && !EntryMetadata(Folder, Native.data(), Item.Type, Data)) {
             continue;
         }
-        const std::u16string Short =
-            Item.HasShort && Wanted.WithShort ? ShortName(ServedName(Native)) : std::u16string();
+        const bool WithShort = Item.HasShort && Wanted.WithShort;
+        const ShortText Short = WithShort ? ShortName(Item.Marked ? ServedName(Native) : Served) : ShortText();
         WriteRecord(Buffer + Start, Data, Served, Short, Wanted.WithShort);
         if (Last != nullptr) {
             Put(Last, OFFSET_NEXT, static_cast<ULONG>(Buffer + Start - Last));

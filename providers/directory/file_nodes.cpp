@@ -169,13 +169,10 @@ RVSTATUS FileNode::CheckLocks(const void *Owner, bool Write, ULONG64 Offset, ULO
 FileNode *FileNodes::Acquire(const ObjectKey &Key) {
     Shard &Part = ShardOf(Key);
     const std::lock_guard Hold(Part.Mutex);
-    std::unique_ptr<FileNode> &Node = Part.Nodes[Key];
-    if (!Node) {
-        Node = std::make_unique<FileNode>();
-        Node->Key_ = Key;
-    }
-    ++Node->References_;
-    return Node.get();
+    FileNode &Node = Part.Nodes[Key];
+    Node.Key_ = Key;
+    ++Node.References_;
+    return &Node;
 }
 
 void FileNodes::Release(FileNode *Node) {
@@ -190,7 +187,7 @@ RVSTATUS FileNodes::CheckDelete(const ObjectKey &Key) {
     Shard &Part = ShardOf(Key);
     const std::lock_guard Hold(Part.Mutex);
     const auto Found = Part.Nodes.find(Key);
-    return Found == Part.Nodes.end() ? RVSTATUS::Success : Found->second->CheckDelete();
+    return Found == Part.Nodes.end() ? RVSTATUS::Success : Found->second.CheckDelete();
 }
 
 size_t FileNodes::Count() {

@@ -89,7 +89,7 @@ public:
 private:
     struct Shard {
         std::mutex Mutex;
-        std::unordered_map<ObjectKey, std::unique_ptr<FileNode>, ObjectKeyHash> Nodes;
+        std::unordered_map<ObjectKey, FileNode, ObjectKeyHash> Nodes; // stay where they are
     };
     Shard &ShardOf(const ObjectKey &Key) {
         return Shards_[ObjectKeyHash{}(Key) >> 60];

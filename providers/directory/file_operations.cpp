@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "providers/directory/names.h"
 #include "providers/directory/state.h"
 
 namespace providers::directory {
@@ -102,7 +103,7 @@ RVSTATUS Join(FileObject &File, ULONG Uses, const Request &Wanted) {
     return File.Node->Share(&File, File.Fd(), Uses, Wanted.Share);
 }
 
-RVSTATUS OpenExisting(State &Provider, const Place &At, const Resolved &Found, Looked &There, const Request &Wanted,
+RVSTATUS OpenExisting(State &Provider, const Place &At, Resolved &&Found, Looked &There, const Request &Wanted,
                       Result &Out) {
     if (Wanted.Disposition == RV_DISPOSITION_CREATE_NEW) {
         return Failure(CODE_EXISTS);
@@ -120,8 +121,8 @@ RVSTATUS OpenExisting(State &Provider, const Place &At, const Resolved &Found, L
         }
         There.Fd = std::move(Opened);
     }
-    auto File = std::make_unique<FileObject>(At.Volume, std::move(There.Fd), KeyOf(There.Stat), PathFromRoot(At, Found),
-                                             Provider.Nodes);
+    auto File = std::make_unique<FileObject>(At.Volume, std::move(There.Fd), KeyOf(There.Stat),
+                                             PathFromRoot(At, std::move(Found)), Provider.Nodes);
     if (!Wanted.Query()) {
         if (const RVSTATUS Status = Join(*File, Wanted.Uses(), Wanted); RvIsError(Status)) {
             return Status;
@@ -186,19 +187,20 @@ RVSTATUS CreateNew(State &Provider, const Place &At, const Resolved &Missing, co
 RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Result &Out) {
     Resolved Found;
     Looked There;
-    const std::optional<std::string> Exact = ExactPath(At.Path);
+    std::optional<std::string> Exact = NativePath(At.Path);
     if (Exact && Exact->empty()) {
         return Wanted.Disposition == RV_DISPOSITION_CREATE_NEW ? Failure(CODE_EXISTS) : Failure(CODE_IS_A_DIRECTORY);
     }
     int Error = Exact ? LookAt(At, *Exact, There) : ENOENT;
     if (Error == 0) {
-        Found.Name = *Exact;
-        return OpenExisting(Provider, At, Found, There, Wanted, Out);
+        Found.Name = std::move(*Exact);
+        return OpenExisting(Provider, At, std::move(Found), There, Wanted, Out);
     }
     if (Error != ENOENT && Error != ENOTDIR) {
         return StatusFromLookup(Error);
     }
-    if (const RVSTATUS Status = At.Volume->Names.Resolve(At.Ref, At.Path, Found); RvIsError(Status)) {
+    const bool Missing = Exact && Error == ENOENT;
+    if (const RVSTATUS Status = At.Volume->Names.Resolve(At.Ref, At.Path, Found, Missing); RvIsError(Status)) {
         return Status;
     }
     if (!Found.Exists) {
@@ -209,7 +211,7 @@ RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Resul
         Out.Again = Error == ENOENT; // it went just now
         return StatusFromLookup(Error);
     }
-    return OpenExisting(Provider, At, Found, There, Wanted, Out);
+    return OpenExisting(Provider, At, std::move(Found), There, Wanted, Out);
 }
 
 RVSTATUS OpenOrCreate(State &Provider, const Place &At, const Request &Wanted, Result &Out) {

@@ -330,7 +330,7 @@ RVSTATUS OpenFolder(const Place &At, unsigned Kind, std::unique_ptr<Object> &Ope
     for (int Attempt = 0; Attempt < Attempts; ++Attempt) {
         // The exact spelling first, the look-up for what that does not open.
         Resolved Found;
-        const std::optional<std::string> Exact = ExactPath(At.Path);
+        const std::optional<std::string> Exact = NativePath(At.Path);
         UniqueFd Fd(Exact ? At.Volume->Open(At.Ref, *Exact, O_PATH | O_DIRECTORY) : -1);
         if (Fd) {
             Found.Name = *Exact;

@@ -17,7 +17,7 @@ struct Split {
     std::u16string Rest;
 
     bool IsSameVolume(const auto &Other) const {
-        return Fold(Server) == Fold(Other.Server) && Fold(Volume) == Fold(Other.Volume);
+        return FoldsTo(Server, Fold(Other.Server)) && FoldsTo(Volume, Fold(Other.Volume));
     }
 };
 
@@ -89,12 +89,11 @@ std::string FaultOfDirectory(const Link &Made) {
 // The links of one AddLinks, against what is served already.
 class Adding {
 public:
-    Adding(const std::vector<ExportPtr> &Exports, const std::vector<LinkPtr> &Links)
-        : Exports_(Exports), Links_(Links) {
+    explicit Adding(const ServedVolumes &Served) : Exports_(Served.Exports), Links_(Served.Links) {
     }
 
     // Returns why one of Given cannot be added; otherwise all are in Out.
-    std::string Resolve(const std::vector<ExportLink> &Given, std::vector<LinkPtr> &Out) {
+    std::string Resolve(const std::vector<ExportLink> &Given, std::vector<std::unique_ptr<const Link>> &Out) {
         for (const ExportLink &One : Given) {
             Wanted Next;
             std::string Fault = ParseLink(One, Next);
@@ -107,7 +106,7 @@ public:
             All_.push_back(std::move(Next));
         }
         for (const Wanted &One : All_) {
-            Link Made{One.Name.Server, One.Name.Volume, nullptr, {}};
+            Link Made{One.Name.Server, One.Name.Volume, Fold(One.Name.Server), Fold(One.Name.Volume), nullptr, {}};
             std::string Fault = Follow(One, Made);
             if (Fault.empty()) {
                 Fault = FaultOfDirectory(Made);
@@ -115,7 +114,7 @@ public:
             if (!Fault.empty()) {
                 return One.Shown + ": " + Fault;
             }
-            Out.push_back(std::make_shared<const Link>(std::move(Made)));
+            Out.push_back(std::make_unique<const Link>(std::move(Made)));
         }
         return {};
     }
@@ -161,8 +160,8 @@ private:
         return "the links lead round in a circle";
     }
 
-    const std::vector<ExportPtr> &Exports_;
-    const std::vector<LinkPtr> &Links_;
+    const std::vector<Export *> &Exports_;
+    const std::vector<const Link *> &Links_;
     std::vector<Wanted> All_;
 };
 
@@ -188,11 +187,12 @@ RVSTATUS OpenLinked(const Link &Through, std::unique_ptr<Object> &Opened) {
 namespace providers {
 
 std::string DirectoryProvider::AddLinks(const std::vector<ExportLink> &Links) {
-    const std::unique_lock Hold(State_->ExportsMutex);
-    std::vector<directory::LinkPtr> Made;
-    std::string Fault = directory::Adding(State_->Exports, State_->Links).Resolve(Links, Made);
+    const std::lock_guard Hold(State_->ExportsMutex);
+    std::vector<std::unique_ptr<const directory::Link>> Made;
+    std::string Fault = directory::Adding(*State_->Served.load()).Resolve(Links, Made);
     if (Fault.empty()) {
-        State_->Links.insert(State_->Links.end(), Made.begin(), Made.end());
+        std::move(Made.begin(), Made.end(), std::back_inserter(State_->Links));
+        State_->PublishVolumes();
     }
     return Fault;
 }

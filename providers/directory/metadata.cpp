@@ -14,6 +14,8 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include "providers/directory/record_memory.h"
+
 namespace providers::directory {
 namespace {
 
@@ -84,15 +86,40 @@ ssize_t ReadEntryRecord(int Fd, const char *Name, void *Value, size_t Size) {
     return lgetxattr(fmt::format("/proc/self/fd/{}/{}", Fd, Name).c_str(), RecordName, Value, Size);
 }
 
+ssize_t ReadOpenRecord(int Fd, void *Value, size_t Size) {
+    const ssize_t Read = fgetxattr(Fd, RecordName, Value, Size);
+    return Read < 0 && errno == EBADF ? getxattr(LinkOf(Fd).c_str(), RecordName, Value, Size) : Read;
+}
+
 // An object without the record, or on a file system that keeps none, has the default one.
 Record ReadRecord(int Fd) {
     Record Out;
     char Value[sizeof(Record)];
-    ssize_t Size = fgetxattr(Fd, RecordName, Value, sizeof Value);
-    if (Size < 0 && errno == EBADF) {
-        Size = getxattr(LinkOf(Fd).c_str(), RecordName, Value, sizeof Value);
+    Parse(Value, ReadOpenRecord(Fd, Value, sizeof Value), Out);
+    return Out;
+}
+
+// The record of the object with this status: as it is remembered, or as Read(value, size) reads it.
+template <class Reader>
+Record RecordOf(const struct statx &Stat, Reader Read) {
+    const ObjectKey Key = {makedev(Stat.stx_dev_major, Stat.stx_dev_minor), Stat.stx_ino};
+    const int64_t Changed = Stat.stx_ctime.tv_sec * 1'000'000'000 + Stat.stx_ctime.tv_nsec;
+    Record Out;
+    if (KeptAttributes Known; Recall(Key, Changed, Known)) {
+        Out.Attributes = Known.Attributes;
+        Out.WriteBits = Known.WriteBits;
+        Out.HasCreation = Known.HasCreation ? 1 : 0;
+        Out.Creation = Known.Creation;
+        return Out;
     }
+    char Value[sizeof(Record)];
+    const int64_t Began = TimeOfReading();
+    const ssize_t Size = Read(Value, sizeof Value);
+    const bool Told = Size >= 0 || errno == ENODATA || errno == EOPNOTSUPP;
     Parse(Value, Size, Out);
+    if (Told) {
+        Remember(Key, Changed, Began, {Out.Attributes, Out.WriteBits, Out.HasCreation != 0, Out.Creation});
+    }
     return Out;
 }
 
@@ -222,7 +249,7 @@ RVSTATUS ReadMetadata(int Fd, Metadata &Out) {
     if (statx(Fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &Stat) != 0) {
         return StatusFromErrno(errno);
     }
-    Fill(Stat, ReadRecord(Fd), Out);
+    Fill(Stat, RecordOf(Stat, [Fd](void *Value, size_t Size) { return ReadOpenRecord(Fd, Value, Size); }), Out);
     return RVSTATUS::Success;
 }
 
@@ -233,8 +260,7 @@ RVSTATUS ReadEntryMetadata(int Fd, const char *Name, Metadata &Out) {
     }
     Record Value;
     if (!S_ISLNK(Stat.stx_mode)) {
-        char Bytes[sizeof(Record)];
-        Parse(Bytes, ReadEntryRecord(Fd, Name, Bytes, sizeof Bytes), Value);
+        Value = RecordOf(Stat, [&](void *Bytes, size_t Size) { return ReadEntryRecord(Fd, Name, Bytes, Size); });
     }
     Fill(Stat, Value, Out);
     return RVSTATUS::Success;
@@ -259,7 +285,9 @@ RVSTATUS ChangeMetadata(int Fd, const MetadataChange &Change) {
         return StatusFromErrno(errno);
     }
     Record Value = ReadRecord(Fd);
-    return ChangeAttributes(Fd, Change, Stat.st_mode, Value);
+    const RVSTATUS Status = ChangeAttributes(Fd, Change, Stat.st_mode, Value);
+    Forget(KeyOf(Stat));
+    return Status;
 }
 
 } // namespace providers::directory

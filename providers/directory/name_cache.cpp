@@ -34,25 +34,6 @@ RVSTATUS StatusOfParent(int Error) {
 
 } // namespace
 
-std::optional<std::string> ExactPath(std::u16string_view Path) {
-    std::string Whole;
-    while (!Path.empty()) {
-        const std::u16string_view Component = TakeFirst(Path);
-        if (Component.empty()) {
-            break;
-        }
-        const auto Native = NativeName(Component);
-        if (!Native) {
-            return std::nullopt;
-        }
-        if (!Whole.empty()) {
-            Whole.push_back('/');
-        }
-        Whole += *Native;
-    }
-    return Whole;
-}
-
 NameCache::NameCache(Opener Open, void *Context, bool UseNotifications)
     : Open_(Open), Context_(Context), Log_(UseNotifications) {
 }
@@ -81,7 +62,8 @@ NameCache::IndexPtr NameCache::IndexOf(const ObjectKey &Key) {
 
 // Looks one component up in the directory open as Fd, which is Known when that is not nullptr; Out's Name, Type, Exists
 // and Marked become the answer.
-RVSTATUS NameCache::Step(int Fd, const ObjectKey *Known, std::u16string_view Component, Resolved &Out) {
+RVSTATUS NameCache::Step(int Fd, const ObjectKey *Known, std::u16string_view Component, bool ExactMissing,
+                         Resolved &Out) {
     const std::optional<std::string> Native = NativeName(Component);
     struct stat Stat;
     int Refused = 0;
@@ -90,16 +72,18 @@ RVSTATUS NameCache::Step(int Fd, const ObjectKey *Known, std::u16string_view Com
     Out.Type = DT_UNKNOWN;
     if (Native) {
         Out.Name = *Native;
-        if (fstatat(Fd, Native->c_str(), &Stat, AT_SYMLINK_NOFOLLOW) == 0) {
-            Out.Exists = true;
-            Out.Type = IFTODT(Stat.st_mode);
-            return RVSTATUS::Success;
+        if (!ExactMissing) {
+            if (fstatat(Fd, Native->c_str(), &Stat, AT_SYMLINK_NOFOLLOW) == 0) {
+                Out.Exists = true;
+                Out.Type = IFTODT(Stat.st_mode);
+                return RVSTATUS::Success;
+            }
+            // One that may be read and not be searched tells its names all the same.
+            if (errno != ENOENT && errno != EACCES) {
+                return StatusOfParent(errno);
+            }
+            Refused = errno == EACCES ? EACCES : 0;
         }
-        // One that may be read and not be searched tells its names all the same.
-        if (errno != ENOENT && errno != EACCES) {
-            return StatusOfParent(errno);
-        }
-        Refused = errno == EACCES ? EACCES : 0;
     } else if (Component.find(u'~') == Component.npos) {
         return Failure(CODE_NAME_INVALID);
     }
@@ -130,7 +114,7 @@ RVSTATUS NameCache::Walk(const DirectoryRef &Base, std::u16string_view Path, Res
     const ObjectKey *Known = &Base.Key;
     for (;;) {
         const std::u16string_view Component = TakeFirst(Path);
-        if (const RVSTATUS Status = Step(Fd, Known, Component, Out); RvIsError(Status)) {
+        if (const RVSTATUS Status = Step(Fd, Known, Component, false, Out); RvIsError(Status)) {
             return Status;
         }
         if (Path.empty()) {
@@ -150,7 +134,7 @@ RVSTATUS NameCache::Walk(const DirectoryRef &Base, std::u16string_view Path, Res
     }
 }
 
-RVSTATUS NameCache::Resolve(const DirectoryRef &Base, std::u16string_view Path, Resolved &Out) {
+RVSTATUS NameCache::Resolve(const DirectoryRef &Base, std::u16string_view Path, Resolved &Out, bool ExactMissing) {
     Out = {};
     Path.remove_prefix(std::min(Path.find_first_not_of(u'\\'), Path.size()));
     Path = Path.substr(0, Path.find_last_not_of(u'\\') + 1);
@@ -161,13 +145,13 @@ RVSTATUS NameCache::Resolve(const DirectoryRef &Base, std::u16string_view Path, 
     }
     const size_t Slash = Path.rfind(u'\\');
     if (Slash == Path.npos) {
-        return Step(Base.Fd, &Base.Key, Path, Out);
+        return Step(Base.Fd, &Base.Key, Path, ExactMissing, Out);
     }
-    const std::optional<std::string> Parent = ExactPath(Path.substr(0, Slash));
+    const std::optional<std::string> Parent = NativePath(Path.substr(0, Slash));
     const UniqueFd Fd(Parent ? Open_(Context_, Base, *Parent, O_PATH | O_DIRECTORY) : -1);
     if (Fd) {
         Out.Parent = *Parent;
-        return Step(Fd.Get(), nullptr, Path.substr(Slash + 1), Out);
+        return Step(Fd.Get(), nullptr, Path.substr(Slash + 1), ExactMissing, Out);
     }
     if (Parent && !IsMissing(errno)) {
         return StatusFromLookup(errno);

@@ -26,7 +26,7 @@ namespace providers::directory {
 struct DirectoryRef {
     int Fd = -1;
     ObjectKey Key;
-    std::string FromRoot; // its path below the export's root when it was opened, '/' separated
+    std::string_view FromRoot; // its path below the export's root when it was opened, '/' separated
 };
 
 // What a path leads to. Native paths are relative to the base of the look-up.
@@ -45,14 +45,15 @@ struct Resolved {
 class NameCache {
 public:
     // Opens below the root; the path is relative to Base. As OpenBeneath.
-    using Opener = int (*)(void *Context, const DirectoryRef &Base, std::string_view Path, int Flags);
+    using Opener = int (*)(void *Context, const DirectoryRef &Base, const std::string &Path, int Flags);
 
     NameCache(Opener Open, void *Context, bool UseNotifications);
 
     // Looks Path (components separated by backslashes) up below Base. Success with Exists telling whether the last
     // component is there; an error when a directory before it is missing, no directory or not to be entered, or when a
     // name is not valid. CODE_EXISTS for a component that is one spelling of several names and none of them exactly.
-    RVSTATUS Resolve(const DirectoryRef &Base, std::u16string_view Path, Resolved &Out);
+    // ExactMissing: the file system was just asked for the path as it is spelled, and has no such entry.
+    RVSTATUS Resolve(const DirectoryRef &Base, std::u16string_view Path, Resolved &Out, bool ExactMissing = false);
 
     // The names of the directory Dir that FoldedMask takes, sorted by their folded form.
     RVSTATUS List(const DirectoryRef &Dir, std::u16string_view FoldedMask, bool WithShort, NameList &Out);
@@ -76,7 +77,7 @@ private:
     };
 
     IndexPtr IndexOf(const ObjectKey &Key);
-    RVSTATUS Step(int Fd, const ObjectKey *Known, std::u16string_view Component, Resolved &Out);
+    RVSTATUS Step(int Fd, const ObjectKey *Known, std::u16string_view Component, bool ExactMissing, Resolved &Out);
     RVSTATUS Walk(const DirectoryRef &Base, std::u16string_view Path, Resolved &Out);
 
     const Opener Open_;
@@ -88,8 +89,5 @@ private:
     std::unordered_map<ObjectKey, Kept, ObjectKeyHash> Indices_; // guarded by Mutex_
     std::list<ObjectKey> Ages_;                                  // most recently used first; guarded by Mutex_
 };
-
-// The components of Path as bytes, joined by '/', when each can be the name of an entry.
-std::optional<std::string> ExactPath(std::u16string_view Path);
 
 } // namespace providers::directory

@@ -88,6 +88,10 @@ void AppendBytes(std::string &Out, UChar32 Character) {
 
 } // namespace
 
+bool IsServedAsItIs(std::string_view Native) {
+    return IsPlain(Native);
+}
+
 std::u16string ServedName(std::string_view Native) {
     if (IsPlain(Native)) {
         return {Native.begin(), Native.end()};
@@ -141,6 +145,51 @@ std::optional<std::string> NativeName(std::u16string_view Served) {
     return Native;
 }
 
+std::optional<std::string> NativePath(std::u16string_view Served) {
+    std::string Path;
+    Path.resize(Served.size());
+    size_t Size = 0;  // bytes of Path that are made
+    size_t Start = 0; // where the component begins in Path
+    for (size_t At = 0; At <= Served.size(); ++At) {
+        const char16_t Unit = At < Served.size() ? Served[At] : u'\\';
+        if (Unit < PlainUnits.size() && PlainUnits[Unit]) {
+            Path[Size++] = static_cast<char>(Unit);
+            continue;
+        }
+        if (Unit == u'\\' && Size == Start) {
+            continue; // one separator after another
+        }
+        if (Unit == u'\\' && !IsForbiddenAtEnd(Path[Size - 1]) && Size - Start <= MaxNameBytes) {
+            if (At < Served.size()) {
+                Path[Size++] = '/';
+            }
+            Start = Size;
+            continue;
+        }
+        // A component that is not plain.
+        const size_t Begin = At - (Size - Start);
+        const size_t End = std::min(Served.find(u'\\', At), Served.size());
+        const std::optional<std::string> Native = NativeName(Served.substr(Begin, End - Begin));
+        if (!Native) {
+            return std::nullopt;
+        }
+        Path.resize(Start);
+        Path += *Native;
+        Size = Path.size();
+        Path.resize(Size + (Served.size() - End));
+        if (End < Served.size()) {
+            Path[Size++] = '/';
+        }
+        Start = Size;
+        At = End;
+    }
+    if (Size != 0 && Path[Size - 1] == '/') {
+        --Size;
+    }
+    Path.resize(Size);
+    return Path;
+}
+
 char16_t FoldUnit(char16_t Unit) {
     return text::UpcaseUnit(Unit);
 }
@@ -154,7 +203,14 @@ std::u16string Fold(std::u16string_view Name) {
     return Folded;
 }
 
-std::u16string ShortName(std::u16string_view Served) {
+bool FoldsTo(std::u16string_view Name, std::u16string_view Folded) {
+    const char16_t *Upcase = text::UpcaseTable();
+    return Name.size() == Folded.size() &&
+           std::equal(Name.begin(), Name.end(), Folded.begin(),
+                      [Upcase](char16_t Unit, char16_t Wanted) { return Upcase[Unit] == Wanted; });
+}
+
+ShortText ShortName(std::u16string_view Served) {
     const size_t Dot = Served.rfind(u'.');
     const size_t Stem = Dot == std::u16string_view::npos || Dot == 0 ? Served.size() : Dot;
     const std::u16string_view Base = Served.substr(0, Stem);
@@ -166,21 +222,22 @@ std::u16string ShortName(std::u16string_view Served) {
     if (Already) {
         return {};
     }
-    const auto Keep = [&](std::u16string &Out, std::u16string_view From, size_t Count) {
-        for (const char16_t Unit : From) {
-            if (Count != 0 && Plain(Unit) && Unit != u'~') {
-                Out.push_back(FoldUnit(Unit));
+    ShortText Short;
+    const char16_t *Upcase = text::UpcaseTable();
+    const auto Keep = [&](std::u16string_view From, size_t Count) {
+        for (size_t At = 0; At < From.size() && Count != 0; ++At) {
+            if (Plain(From[At]) && From[At] != u'~') {
+                Short.push_back(Upcase[From[At]]);
                 --Count;
             }
         }
     };
     uint32_t Hash = 2166136261u;
     for (const char16_t Unit : Served) {
-        Hash = (Hash ^ FoldUnit(Unit)) * 16777619u;
+        Hash = (Hash ^ Upcase[Unit]) * 16777619u;
     }
     Hash ^= Hash >> 16;
-    std::u16string Short;
-    Keep(Short, Base, 2);
+    Keep(Base, 2);
     // Some 15 million endings: of 100,000 names that begin alike a few hundred share theirs.
     for (int Digit = 0; Digit < 4; ++Digit) {
         Short.push_back(u"0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ"[Hash % 36]);
@@ -188,9 +245,11 @@ std::u16string ShortName(std::u16string_view Served) {
     }
     Short.push_back(u'~');
     Short.push_back(u"123456789"[Hash % 9]);
-    std::u16string Kept;
-    Keep(Kept, Extension, 3);
-    return Kept.empty() ? Short : Short + u"." + Kept;
+    if (std::any_of(Extension.begin(), Extension.end(), [&](char16_t Unit) { return Plain(Unit) && Unit != u'~'; })) {
+        Short.push_back(u'.');
+        Keep(Extension, 3);
+    }
+    return Short;
 }
 
 bool HasWildcards(std::u16string_view Mask) {

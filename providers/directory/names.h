@@ -15,17 +15,47 @@ namespace providers::directory {
 // The served name of a directory entry. Any bytes are accepted; the answer is never empty for a name that is not.
 std::u16string ServedName(std::string_view Native);
 
+// Whether a directory entry is served under its own bytes, one unit each.
+bool IsServedAsItIs(std::string_view Native);
+
 // The bytes of a served name, or nothing when no directory entry can be served under it: empty, "." and "..", longer
 // than 255 bytes, a separator or forbidden character, a lone surrogate, or a spelling that ServedName never gives.
 std::optional<std::string> NativeName(std::u16string_view Served);
 
+// The components of a path (separated by backslashes, of which there may be too many) as bytes, joined by '/', when
+// each can be the name of an entry.
+std::optional<std::string> NativePath(std::u16string_view Served);
+
 // The unit in upper case, one to one within the 16-bit range, as the platform compares names.
 char16_t FoldUnit(char16_t Unit);
 std::u16string Fold(std::u16string_view Name);
+// Whether Fold(Name) is Folded.
+bool FoldsTo(std::u16string_view Name, std::u16string_view Folded);
+
+// The text of an 8.3 name, of at most 12 units.
+class ShortText {
+public:
+    std::u16string_view View() const {
+        return {Units_, Size_};
+    }
+    operator std::u16string_view() const {
+        return View();
+    }
+    bool empty() const {
+        return Size_ == 0;
+    }
+    void push_back(char16_t Unit) {
+        Units_[Size_++] = Unit;
+    }
+
+private:
+    char16_t Units_[12];
+    unsigned Size_ = 0;
+};
 
 // An 8.3 name made from the served name, upper case; empty for a name that is one already. Two names of a directory may
 // get the same one: it is then of no use to either.
-std::u16string ShortName(std::u16string_view Served);
+ShortText ShortName(std::u16string_view Served);
 
 // Whether Mask holds one of the wildcards: * and ?, and U+F8FC, U+F8FD, U+F8FF, which stand for the platform's < > ".
 bool HasWildcards(std::u16string_view Mask);

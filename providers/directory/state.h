@@ -7,11 +7,11 @@
 // file system is waited for.
 #pragma once
 
+#include <atomic>
 #include <exception>
 #include <memory>
 #include <mutex>
 #include <new>
-#include <shared_mutex>
 
 #include "providers/directory/directory_locks.h"
 #include "providers/directory/directory_provider.h"
@@ -29,7 +29,7 @@ struct Export {
 
     // As OpenBeneath, below Base; a link that leads out of Base but not out of the export is followed, an absolute one
     // too.
-    int Open(const DirectoryRef &Base, std::string_view Path, int Flags) const;
+    int Open(const DirectoryRef &Base, const std::string &Path, int Flags) const;
 
     // Takes Bytes more from the quota: CODE_QUOTA_EXCEEDED when it does not allow them. Negative gives back.
     RVSTATUS Charge(int64_t Bytes);
@@ -37,6 +37,8 @@ struct Export {
     // Unchanged after creation.
     const std::u16string Server;
     const std::u16string Volume;
+    const std::u16string FoldedServer;
+    const std::u16string FoldedVolume;
     const std::filesystem::path Directory;
     const std::string Absolute; // without links in it
     const ExportOptions Options;
@@ -50,24 +52,30 @@ struct Export {
     NameCache Names;
     std::atomic<int64_t> Used = 0; // bytes charged to the quota
 };
-using ExportPtr = std::shared_ptr<Export>;
 
 // A volume that is a directory of an export.
 struct Link {
     std::u16string Server;
     std::u16string Volume;
-    ExportPtr Target;
+    std::u16string FoldedServer;
+    std::u16string FoldedVolume;
+    Export *Target;
     std::u16string Path; // below the target's root, without separators at its ends
 
     // Where it leads, as \server\volume\path.
     std::u16string Physical() const;
 };
-using LinkPtr = std::shared_ptr<const Link>;
+
+// What is served at one time. Exports and links stay until the Provider goes.
+struct ServedVolumes {
+    std::vector<Export *> Exports;
+    std::vector<const Link *> Links;
+};
 
 // What an absolute path names: an export, directly or through a link, and what follows the volume.
 struct NamedVolume {
-    ExportPtr Volume;
-    LinkPtr Through;
+    Export *Volume;
+    const Link *Through;
     std::u16string_view Rest;
 
     const std::u16string &Server() const {
@@ -84,9 +92,8 @@ inline constexpr unsigned KIND_ANY = KIND_FOLDER | KIND_FILE;
 
 // What a handle names.
 struct Object {
-    Object(unsigned ObjectKind, ExportPtr In, UniqueFd Opened, ObjectKey ObjectKeyValue, std::string Path)
-        : Kind(ObjectKind), Volume(std::move(In)), Own(std::move(Opened)), Key(ObjectKeyValue),
-          FromRoot(std::move(Path)) {
+    Object(unsigned ObjectKind, Export *In, UniqueFd Opened, ObjectKey ObjectKeyValue, std::string Path)
+        : Kind(ObjectKind), Volume(In), Own(std::move(Opened)), Key(ObjectKeyValue), FromRoot(std::move(Path)) {
     }
     virtual ~Object() = default;
     unsigned KindMask() const {
@@ -102,7 +109,7 @@ struct Object {
 
     // Unchanged after creation. A file's descriptor number stays, what it refers to may be re-opened.
     const unsigned Kind;
-    const ExportPtr Volume;
+    Export *const Volume;
     const UniqueFd Own;
     const ObjectKey Key;
     const std::string FromRoot;
@@ -123,8 +130,8 @@ struct FolderObject final : Object {
 };
 
 struct FileObject final : Object {
-    FileObject(ExportPtr In, UniqueFd Opened, ObjectKey ObjectKeyValue, std::string Path, FileNodes &All)
-        : Object(KIND_FILE, std::move(In), std::move(Opened), ObjectKeyValue, std::move(Path)), Nodes(All) {
+    FileObject(Export *In, UniqueFd Opened, ObjectKey ObjectKeyValue, std::string Path, FileNodes &All)
+        : Object(KIND_FILE, In, std::move(Opened), ObjectKeyValue, std::move(Path)), Nodes(All) {
     }
     ~FileObject() override {
         if (Node != nullptr) {
@@ -146,7 +153,7 @@ using Handles = HandleTable<Object>;
 struct Place {
     Handles::Use Base;                // this or
     std::unique_ptr<Object> LinkRoot; // this keeps Ref's descriptor open, unless it is the export's own
-    ExportPtr Volume;
+    Export *Volume = nullptr;
     DirectoryRef Ref;
     std::u16string_view Path;
 };
@@ -204,6 +211,7 @@ RVSTATUS LookAgain(const Place &At, NewName &Out);
 
 // The path of an object below the export's root.
 std::string PathFromRoot(const Place &At, const Resolved &Found);
+std::string PathFromRoot(const Place &At, Resolved &&Found);
 
 // Asks what an entry is, without opening it for anything: what a link leads to, or the link itself when that cannot be
 // had (Error is why, then, and 0 otherwise). Returns an error number when there is no entry.
@@ -236,6 +244,9 @@ struct DirectoryProvider::State : RVIOM_FSD {
     // From a base handle (0 = Path is absolute) and a path.
     RVSTATUS Locate(RVHANDLE Base, PCWSTR Path, directory::Place &Out);
 
+    // Serves what Exports and Links hold now. Called with ExportsMutex.
+    void PublishVolumes();
+
     // Gives Object a handle. CODE 0x0504 when the table is full.
     RVSTATUS Publish(std::unique_ptr<directory::Object> New, RVHANDLE *Handle);
 
@@ -243,14 +254,17 @@ struct DirectoryProvider::State : RVIOM_FSD {
         return *static_cast<State *>(Self);
     }
 
-    directory::FileNodes Nodes; // outlives the open files
-    directory::Handles Open;
+    // Looked at without a lock; what was served before stays for those who look at it.
+    std::atomic<const directory::ServedVolumes *> Served = nullptr;
+    std::mutex ExportsMutex;                                                // one change at a time
+    std::vector<std::unique_ptr<directory::Export>> Exports;                // guarded by ExportsMutex
+    std::vector<std::unique_ptr<const directory::Link>> Links;              // guarded by ExportsMutex
+    std::vector<std::unique_ptr<const directory::ServedVolumes>> Published; // guarded by ExportsMutex
+    directory::FileNodes Nodes;                                             // outlives the open files
+    directory::Handles Open;                                                // ends before the exports
     std::atomic<uint32_t> References = 0;
     std::mutex FaultsMutex;
     std::vector<DirectoryProvider::ListingFault> Faults; // guarded by FaultsMutex
-    mutable std::shared_mutex ExportsMutex;
-    std::vector<directory::ExportPtr> Exports; // guarded by ExportsMutex
-    std::vector<directory::LinkPtr> Links;     // guarded by ExportsMutex
 };
 
 } // namespace providers

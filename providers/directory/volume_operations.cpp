@@ -15,7 +15,7 @@ namespace {
 using State = DirectoryProvider::State;
 using Sec = RV_SECURITY_CONTEXT *;
 
-RVSTATUS OpenRoot(const ExportPtr &In, std::unique_ptr<Object> &Opened) {
+RVSTATUS OpenRoot(Export *In, std::unique_ptr<Object> &Opened) {
     Opened = std::make_unique<FolderObject>(KIND_VOLUME, In, UniqueFd(), In->RootRef.Key, std::string());
     return RVSTATUS::Success;
 }
@@ -95,9 +95,13 @@ RVSTATUS NTAPI QueryPathForVolume(RVIOM_FSD *Self, Sec, PCWSTR FullPath, PWSTR B
             return Status;
         }
         // At most 2 * (1 + 255) units: always fits. A link's own name: it is as long as what it stands for in FullPath.
-        const std::u16string Path = u"\\" + Found.Server() + u"\\" + Found.Name();
         static_assert((2 * 256 + 1) * sizeof(WCHAR) <= RV_PATH_BUFFER_BYTES);
-        memcpy(Buffer, Path.c_str(), (Path.size() + 1) * sizeof(WCHAR));
+        PWSTR At = Buffer;
+        for (const std::u16string *Name : {&Found.Server(), &Found.Name()}) {
+            *At++ = u'\\';
+            At = std::copy(Name->begin(), Name->end(), At);
+        }
+        *At = 0;
         return RVSTATUS::Success;
     });
 }
