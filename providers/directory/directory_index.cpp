@@ -123,7 +123,8 @@ void DirectoryIndex::Add(std::string_view Native, unsigned char Type) {
     if (Known) {
         return;
     }
-    const Item New = {static_cast<uint32_t>(Bytes_.size()), Hash, static_cast<uint16_t>(Native.size()), Type};
+    const Item New = {
+        static_cast<uint32_t>(Bytes_.size()), Hash, static_cast<uint16_t>(Native.size()), Type, false, false};
     Bytes_.append(Native);
     uint32_t Index = static_cast<uint32_t>(Items_.size());
     if (Free_.empty()) {
@@ -229,7 +230,7 @@ RVSTATUS DirectoryIndex::Refresh(int Fd) {
     return Scan(Fd);
 }
 
-RVSTATUS DirectoryIndex::Find(int Fd, std::u16string_view Served, FoundName &Out) {
+RVSTATUS DirectoryIndex::Find(int Fd, std::u16string_view Served, std::string_view Native, FoundName &Out) {
     const std::lock_guard Hold(Mutex_);
     if (!Folds_) {
         Folds_ = FoldsCase(Fd);
@@ -241,18 +242,21 @@ RVSTATUS DirectoryIndex::Find(int Fd, std::u16string_view Served, FoundName &Out
         return Status;
     }
     const auto Take = [&](uint32_t Index, bool Marked) {
-        Out = {std::string(NameOf(Items_[Index])), Items_[Index].Type, Marked};
+        Out = {std::string(NameOf(Items_[Index])), Items_[Index].Type, Marked, true};
         return RVSTATUS::Success;
     };
+    Out.Told = true;
     const std::u16string Folded = Fold(Served);
     uint32_t First = None;
     bool Several = false;
+    bool Exact = false;
     ForHash(HashOf(Folded), [&](uint32_t Index) {
-        if (FoldedOf(Items_[Index]) == Folded) {
-            Several = First != None;
+        Exact = NameOf(Items_[Index]) == Native;
+        if (Exact || FoldedOf(Items_[Index]) == Folded) {
+            Several = First != None && !Exact;
             First = Index;
         }
-        return !Several;
+        return !Exact;
     });
     if (First != None) {
         return Several ? Failure(CODE_EXISTS) : Take(First, false);
@@ -282,10 +286,16 @@ RVSTATUS DirectoryIndex::Find(int Fd, std::u16string_view Served, FoundName &Out
     return Short != None ? Take(Short, false) : Failure(CODE_NO_SUCH_FILE);
 }
 
-void DirectoryIndex::FindShorts() {
+// Makes the list of short names, of those that lead to one entry: one that several have, or that is somebody's own
+// name, leads to none.
+void DirectoryIndex::NeedShorts() {
+    if (KnowsShorts_) {
+        return;
+    }
     Shorts_.clear();
     Shorts_.reserve(Items_.size() - Free_.size());
     for (uint32_t Index = 0; Index < Items_.size(); ++Index) {
+        Items_[Index].HasShort = false;
         if (Items_[Index].Size != 0) {
             if (const ShortText Short = ShortName(ServedName(NameOf(Items_[Index]))); !Short.empty()) {
                 Shorts_.emplace_back(HashOf(Short), Index);
@@ -293,38 +303,44 @@ void DirectoryIndex::FindShorts() {
         }
     }
     std::sort(Shorts_.begin(), Shorts_.end());
+    const auto ShortOf = [this](const auto &Each) { return ShortName(ServedName(NameOf(Items_[Each.second]))); };
+    std::vector<std::u16string> Texts; // of those with one hash
+    for (auto First = Shorts_.begin(), End = First; First != Shorts_.end(); First = End) {
+        while (End != Shorts_.end() && End->first == First->first) {
+            ++End;
+        }
+        Texts.clear();
+        for (auto At = First; End - First > 1 && At != End; ++At) {
+            Texts.emplace_back(ShortOf(*At));
+        }
+        std::sort(Texts.begin(), Texts.end());
+        for (auto At = First; At != End; ++At) {
+            bool Taken = false;
+            if (!Texts.empty()) {
+                const auto [Low, High] = std::equal_range(Texts.begin(), Texts.end(), ShortOf(*At).View());
+                Taken = High - Low > 1;
+            }
+            ForHash(At->first, [&](uint32_t Own) {
+                Taken = Taken || FoldedOf(Items_[Own]) == ShortOf(*At).View();
+                return !Taken;
+            });
+            Items_[At->second].HasShort = !Taken;
+        }
+    }
     KnowsShorts_ = true;
 }
 
-// The only item with this short name; one that several have, or that is somebody's own name, leads to none.
+// The item that this short name leads to.
 uint32_t DirectoryIndex::ByShort(std::u16string_view Short) {
-    if (!KnowsShorts_) {
-        FindShorts();
-    }
+    NeedShorts();
     const uint32_t Hash = HashOf(Short);
-    uint32_t Found = None;
     for (auto At = std::lower_bound(Shorts_.begin(), Shorts_.end(), std::pair{Hash, 0u});
          At != Shorts_.end() && At->first == Hash; ++At) {
-        if (ShortName(ServedName(NameOf(Items_[At->second]))).View() == Short) {
-            if (Found != None) {
-                return None;
-            }
-            Found = At->second;
+        if (Items_[At->second].HasShort && ShortName(ServedName(NameOf(Items_[At->second]))).View() == Short) {
+            return At->second;
         }
     }
-    bool Own = false;
-    ForHash(Hash, [&](uint32_t Index) { return !(Own = FoldedOf(Items_[Index]) == Short); });
-    return Own ? None : Found;
-}
-
-// Whether no other name is the same but for its case.
-bool DirectoryIndex::IsAlone(uint32_t Index) const {
-    bool Alone = true;
-    ForHash(Items_[Index].Hash, [&](uint32_t Other) {
-        Alone = Other == Index || FoldedOf(Items_[Other]) != FoldedOf(Items_[Index]);
-        return Alone;
-    });
-    return Alone;
+    return None;
 }
 
 void DirectoryIndex::Sort() {
@@ -353,8 +369,11 @@ void DirectoryIndex::Sort() {
         return Order != 0 ? Order < 0 : NameOf(Items_[Left.Index]) < NameOf(Items_[Right.Index]);
     });
     Order_.reserve(Keys.size());
-    for (const Key &Each : Keys) {
-        Order_.push_back(Each.Index);
+    for (size_t At = 0; At < Keys.size(); ++At) {
+        const bool Alone = (At == 0 || View(Keys[At - 1]) != View(Keys[At])) &&
+                           (At + 1 == Keys.size() || View(Keys[At + 1]) != View(Keys[At]));
+        Items_[Keys[At].Index].IsAlone = Alone;
+        Order_.push_back(Keys[At].Index);
     }
 }
 
@@ -370,19 +389,18 @@ RVSTATUS DirectoryIndex::List(int Fd, std::u16string_view FoldedMask, bool WithS
         Out.Pieces.reserve(Order_.size());
         Out.Bytes.reserve(Bytes_.size() - Garbage_ + Order_.size());
     }
+    if (WithShort || !Everything) {
+        NeedShorts();
+    }
     for (const uint32_t Index : Order_) {
-        const std::string_view Native = NameOf(Items_[Index]);
-        const bool Marked = !IsAlone(Index);
-        const bool Fits = Everything || MatchesMask(FoldedMask, Fold(Marked ? MarkedName(Native) : ServedName(Native)));
-        bool HasShort = false;
-        if (WithShort || !Fits) {
-            const ShortText Short = ShortName(ServedName(Native));
-            HasShort = !Short.empty() && ByShort(Short) == Index;
-            if (!Fits && !(HasShort && MatchesMask(FoldedMask, Short))) {
-                continue;
-            }
+        const Item &Each = Items_[Index];
+        const std::string_view Native = NameOf(Each);
+        const bool HasShort = Each.HasShort && (WithShort || !Everything);
+        if (!Everything && !MatchesMask(FoldedMask, Fold(Each.IsAlone ? ServedName(Native) : MarkedName(Native))) &&
+            !(HasShort && MatchesMask(FoldedMask, ShortName(ServedName(Native))))) {
+            continue;
         }
-        Out.Add(Native, Items_[Index].Type, Marked, HasShort);
+        Out.Add(Native, Each.Type, !Each.IsAlone, HasShort);
     }
     return RVSTATUS::Success;
 }

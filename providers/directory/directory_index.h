@@ -48,6 +48,7 @@ struct FoundName {
     std::string Native;
     unsigned char Type = 0; // DT_*
     bool Marked = false;    // by its marked name
+    bool Told = false; // the names were known; when nothing is found, nothing is there, links that lead nowhere too
 };
 
 class DirectoryIndex {
@@ -55,10 +56,16 @@ public:
     DirectoryIndex(EventLog &Log, std::atomic<size_t> &Names, std::atomic<size_t> &Scans);
     ~DirectoryIndex();
 
-    // Looks Served up, which names nothing exactly, in the directory open as Fd: in any case, by its marked or by its
-    // short name. CODE_NO_SUCH_FILE when it names nothing, CODE_EXISTS when it is one spelling of several names, and
-    // errors of reading.
-    RVSTATUS Find(int Fd, std::u16string_view Served, FoundName &Out);
+    // Whether the directory was read already: looking up will most likely not read it.
+    bool IsKnown() const {
+        return Known_;
+    }
+
+    // Looks Served up in the directory open as Fd: exactly, when it is served for the entry Native (empty = it is not a
+    // name of one), in any case, by its marked or by its short name. CODE_NO_SUCH_FILE when it names nothing,
+    // CODE_EXISTS when it is one spelling of several names and none of them exactly, and errors of reading. A directory
+    // that finds names in any case itself is not read for one without "~".
+    RVSTATUS Find(int Fd, std::u16string_view Served, std::string_view Native, FoundName &Out);
 
     // The names that FoldedMask takes, sorted by their folded form. With WithShort their short names are matched too.
     RVSTATUS List(int Fd, std::u16string_view FoldedMask, bool WithShort, NameList &Out);
@@ -69,6 +76,8 @@ private:
         uint32_t Hash; // of the folded name
         uint16_t Size; // 0 = free
         unsigned char Type;
+        bool IsAlone : 1;  // no other name is the same but for its case; right while Order_ is known
+        bool HasShort : 1; // its short name leads to it; right while the short names are known
     };
 
     RVSTATUS Refresh(int Fd);
@@ -78,7 +87,7 @@ private:
     void Remove(std::string_view Native);
     void Grow();
     void Tidy();
-    void FindShorts();
+    void NeedShorts();
     uint32_t ByShort(std::u16string_view Short);
     std::string_view NameOf(const Item &Each) const {
         return std::string_view(Bytes_).substr(Each.At, Each.Size);
@@ -86,7 +95,6 @@ private:
     std::u16string FoldedOf(const Item &Each) const;
     template <class Visitor>
     void ForHash(uint32_t Hash, Visitor Visit) const;
-    bool IsAlone(uint32_t Index) const;
     void Sort();
 
     EventLog &Log_;
@@ -104,8 +112,8 @@ private:
     std::vector<std::pair<uint32_t, uint32_t>> Shorts_; // hash of the short name and item, sorted
     bool KnowsShorts_ = false;
     int Watch_ = -1;
-    bool Known_ = false;
-    std::optional<bool> Folds_; // whether the directory finds names in any case itself; empty = not asked
+    std::atomic<bool> Known_ = false; // changed under the mutex
+    std::optional<bool> Folds_;       // whether the directory finds names in any case itself; empty = not asked
     struct timespec Modified_ {};
     struct timespec Changed_ {};
     struct timespec ScannedAt_ {};

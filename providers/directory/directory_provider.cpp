@@ -170,54 +170,40 @@ RVSTATUS Export::Charge(int64_t Bytes) {
     return RVSTATUS::Success;
 }
 
-RVSTATUS OpenParent(const Place &At, const Resolved &Found, UniqueFd &Parent) {
-    Parent = UniqueFd(At.Volume->Open(At.Ref, Found.Parent, O_PATH | O_DIRECTORY));
-    if (Parent) {
-        return RVSTATUS::Success;
-    }
-    return errno == ENOENT || errno == ENOTDIR ? Failure(RVFS_PATH_NOT_FOUND) : StatusFromLookup(errno);
-}
-
-RVSTATUS OpenNewParent(const Place &At, const Resolved &Found, NewName &Out) {
+RVSTATUS NeedHolderKey(const Place &At, Resolved &Found) {
     struct stat Stat;
-    if (const RVSTATUS Status = OpenParent(At, Found, Out.Parent); RvIsError(Status)) {
-        return Status;
+    if (Found.HolderKey == ObjectKey()) {
+        if (fstat(HolderOf(At, Found), &Stat) != 0) {
+            return StatusFromErrno(errno);
+        }
+        Found.HolderKey = KeyOf(Stat);
     }
-    if (fstat(Out.Parent.Get(), &Stat) != 0) {
-        return StatusFromErrno(errno);
-    }
-    Out.Key = KeyOf(Stat);
     return RVSTATUS::Success;
 }
 
-RVSTATUS LookAgain(const Place &At, NewName &Out) {
-    return At.Volume->Names.Resolve({Out.Parent.Get(), Out.Key, {}}, LastComponent(At.Path), Out.Found);
-}
-
-RVSTATUS OpenNewName(const Place &At, const Resolved &Found, NewName &Out) {
-    if (const RVSTATUS Status = OpenNewParent(At, Found, Out); RvIsError(Status)) {
+RVSTATUS LockNewName(const Place &At, Resolved &Found, NewName &Out) {
+    if (const RVSTATUS Status = NeedHolderKey(At, Found); RvIsError(Status)) {
         return Status;
     }
-    Out.Hold = At.Volume->Changes.Acquire(Out.Key);
-    return LookAgain(At, Out);
+    Out.Hold = At.Volume->Changes.Acquire(Found.HolderKey);
+    return At.Volume->Names.Resolve({HolderOf(At, Found), Found.HolderKey, {}}, LastComponent(At.Path), Out.Found,
+                                    true);
+}
+
+int LookThrough(const Place &At, const std::string &Path, Looked &Out) {
+    Out.Fd = UniqueFd(At.Volume->Open(At.Ref, Path, O_PATH));
+    Out.Error = Out.Fd && fstat(Out.Fd.Get(), &Out.Stat) == 0 ? 0 : errno;
+    return Out.Error;
 }
 
 int LookAt(const Place &At, const std::string &Path, Looked &Out) {
-    Out.Fd = UniqueFd(At.Volume->Open(At.Ref, Path, O_PATH));
-    Out.Error = Out.Fd ? 0 : errno;
-    if (Out.Error == ENOENT || Out.Error == ELOOP || Out.Error == EXDEV || Out.Error == ENOTDIR ||
-        Out.Error == EACCES) {
-        // A link that leads nowhere, round or out is there itself.
-        Out.Fd = UniqueFd(At.Volume->Open(At.Ref, Path, O_PATH | O_NOFOLLOW));
-        if (Out.Fd && (fstat(Out.Fd.Get(), &Out.Stat) != 0 || !S_ISLNK(Out.Stat.st_mode))) {
-            return Out.Error;
-        }
-        return Out.Fd ? 0 : Out.Error;
+    const int Error = LookThrough(At, Path, Out);
+    if (Error != ENOENT && Error != ELOOP && Error != EXDEV && Error != ENOTDIR && Error != EACCES) {
+        return Error;
     }
-    if (Out.Error == 0 && fstat(Out.Fd.Get(), &Out.Stat) != 0) {
-        return errno;
-    }
-    return Out.Error;
+    // A link that leads nowhere, round or out is there itself.
+    Out.Fd = UniqueFd(At.Volume->Open(At.Ref, Path, O_PATH | O_NOFOLLOW));
+    return Out.Fd && fstat(Out.Fd.Get(), &Out.Stat) == 0 && S_ISLNK(Out.Stat.st_mode) ? 0 : Error;
 }
 
 std::string PathFromRoot(const Place &At, const Resolved &Found) {

@@ -142,21 +142,21 @@ RVSTATUS OpenExisting(State &Provider, const Place &At, Resolved &&Found, Looked
     return RVSTATUS::Success;
 }
 
-RVSTATUS CreateNew(State &Provider, const Place &At, const Resolved &Missing, const Request &Wanted, Result &Out) {
+RVSTATUS CreateNew(State &Provider, const Place &At, Resolved &Missing, const Request &Wanted, Result &Out) {
     if (At.Volume->Options.ReadOnly) {
         return RVSTATUS::AccessDenied;
     }
     NewName New;
-    if (const RVSTATUS Status = OpenNewName(At, Missing, New); RvIsError(Status)) {
+    if (const RVSTATUS Status = LockNewName(At, Missing, New); RvIsError(Status)) {
         return Status;
     }
     if (New.Found.Exists) {
         Out.Again = true; // someone else was first
         return Failure(CODE_EXISTS);
     }
-    const UniqueFd &Parent = New.Parent;
+    const int Parent = HolderOf(At, Missing);
     const int Through = (Wanted.Options & RV_OPTION_WRITE_THROUGH) != 0 ? O_DSYNC : 0;
-    UniqueFd Fd(openat(Parent.Get(), Missing.Name.c_str(),
+    UniqueFd Fd(openat(Parent, Missing.Name.c_str(),
                        O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC | Through, 0666));
     if (!Fd) {
         Out.Again = errno == EEXIST;
@@ -169,7 +169,7 @@ RVSTATUS CreateNew(State &Provider, const Place &At, const Resolved &Missing, co
     }
     if (RvIsError(Status)) {
         // A file without what was asked for is not the one that was asked for.
-        unlinkat(Parent.Get(), Missing.Name.c_str(), 0);
+        unlinkat(Parent, Missing.Name.c_str(), 0);
         return Status;
     }
     auto File =
@@ -191,7 +191,11 @@ RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Resul
     if (Exact && Exact->empty()) {
         return Wanted.Disposition == RV_DISPOSITION_CREATE_NEW ? Failure(CODE_EXISTS) : Failure(CODE_IS_A_DIRECTORY);
     }
-    int Error = Exact ? LookAt(At, *Exact, There) : ENOENT;
+    // What is not there may be a link that leads nowhere: the look-up knows.
+    int Error = Exact ? LookThrough(At, *Exact, There) : ENOENT;
+    if (Error != 0 && Error != ENOENT) {
+        Error = LookAt(At, *Exact, There);
+    }
     if (Error == 0) {
         Found.Name = std::move(*Exact);
         return OpenExisting(Provider, At, std::move(Found), There, Wanted, Out);

@@ -34,7 +34,7 @@ RVSTATUS NTAPI CreateDirectory(RVIOM_FSD *Self, Sec, RVHANDLE Base, PCWSTR Path)
         }
         NewName New;
         if (!Found.Exists) {
-            if (const RVSTATUS Status = OpenNewName(At, Found, New); RvIsError(Status)) {
+            if (const RVSTATUS Status = LockNewName(At, Found, New); RvIsError(Status)) {
                 return Status;
             }
         }
@@ -44,7 +44,7 @@ RVSTATUS NTAPI CreateDirectory(RVIOM_FSD *Self, Sec, RVHANDLE Base, PCWSTR Path)
         if (At.Volume->Options.ReadOnly) {
             return RVSTATUS::AccessDenied;
         }
-        if (mkdirat(New.Parent.Get(), New.Found.Name.c_str(), 0777) == 0) {
+        if (mkdirat(HolderOf(At, Found), New.Found.Name.c_str(), 0777) == 0) {
             return RVSTATUS::Success;
         }
         return errno == ENOENT ? Failure(RVFS_PATH_NOT_FOUND) : StatusFromErrno(errno);
@@ -157,12 +157,9 @@ RVSTATUS Delete(State &Provider, RVHANDLE Base, PCWSTR Path, Kind Wanted) {
     if (Found.Name.empty() || At.Volume->Options.ReadOnly) {
         return RVSTATUS::AccessDenied;
     }
-    UniqueFd Parent;
-    if (const RVSTATUS Status = OpenParent(At, Found, Parent); RvIsError(Status)) {
-        return Status;
-    }
+    const int Parent = HolderOf(At, Found);
     struct stat Stat;
-    if (fstatat(Parent.Get(), Found.Name.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (fstatat(Parent, Found.Name.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) != 0) {
         return StatusFromErrno(errno);
     }
     if (LeadsToDirectory(At, Found, Stat) != (Wanted == Kind::Directory)) {
@@ -172,11 +169,11 @@ RVSTATUS Delete(State &Provider, RVHANDLE Base, PCWSTR Path, Kind Wanted) {
         // The name leads to another object by now, and that is not to go.
         return Failure(Wanted == Kind::Directory ? USHORT{RVFS_PATH_NOT_FOUND} : CODE_NO_SUCH_FILE);
     }
-    if (const RVSTATUS Status = CheckErasable(Provider, Parent.Get(), Found.Name, Stat); RvIsError(Status)) {
+    if (const RVSTATUS Status = CheckErasable(Provider, Parent, Found.Name, Stat); RvIsError(Status)) {
         return Status;
     }
     // The flag makes sure that what became a directory, or a file, meanwhile is not deleted as the other kind.
-    if (unlinkat(Parent.Get(), Found.Name.c_str(), S_ISDIR(Stat.st_mode) ? AT_REMOVEDIR : 0) != 0) {
+    if (unlinkat(Parent, Found.Name.c_str(), S_ISDIR(Stat.st_mode) ? AT_REMOVEDIR : 0) != 0) {
         return StatusFromErrno(errno == EEXIST ? ENOTEMPTY : errno);
     }
     if (S_ISREG(Stat.st_mode) && Stat.st_nlink == 1) {
@@ -233,18 +230,19 @@ RVSTATUS Respelled(const Place &Target, const Resolved &Old, std::string &Name) 
     return Spelled ? RVSTATUS::Success : Failure(CODE_NAME_INVALID);
 }
 
-RVSTATUS Rename(const Place &Source, const Resolved &From, const NewName &Old, const Place &Target, const NewName &New,
+RVSTATUS Rename(const Place &Source, const Resolved &From, const Place &Target, const Resolved &To, const NewName &New,
                 Kind Wanted) {
     struct stat Stat;
     const std::string &OldName = From.Name;
-    if (fstatat(Old.Parent.Get(), OldName.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) != 0) {
+    const int OldHolder = HolderOf(Source, From);
+    if (fstatat(OldHolder, OldName.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) != 0) {
         return StatusFromErrno(errno);
     }
     if (LeadsToDirectory(Source, From, Stat) != (Wanted == Kind::Directory)) {
         return Failure(Wanted == Kind::Directory ? USHORT{RVFS_NOT_A_DIRECTORY} : CODE_IS_A_DIRECTORY);
     }
     // A target that is the source itself under another case is no obstacle.
-    const bool Itself = New.Found.Exists && Old.Key == New.Key && New.Found.Name == OldName;
+    const bool Itself = New.Found.Exists && From.HolderKey == To.HolderKey && New.Found.Name == OldName;
     if (New.Found.Exists && !Itself) {
         return Failure(CODE_EXISTS);
     }
@@ -258,7 +256,7 @@ RVSTATUS Rename(const Place &Source, const Resolved &From, const NewName &Old, c
         }
     }
     return StatusFromErrno(
-        RenameToFree(Old.Parent.Get(), OldName.c_str(), New.Parent.Get(), Name.c_str(), S_ISDIR(Stat.st_mode)));
+        RenameToFree(OldHolder, OldName.c_str(), HolderOf(Target, To), Name.c_str(), S_ISDIR(Stat.st_mode)));
 }
 
 RVSTATUS Move(State &Provider, RVHANDLE SourceBase, PCWSTR SourcePath, RVHANDLE TargetBase, PCWSTR TargetName,
@@ -292,21 +290,16 @@ RVSTATUS Move(State &Provider, RVHANDLE SourceBase, PCWSTR SourcePath, RVHANDLE 
     if (To.Name.empty()) {
         return Failure(CODE_EXISTS);
     }
-    NewName Old;
+    if (const RVSTATUS Status = NeedHolderKey(Source, From); RvIsError(Status)) {
+        return Status;
+    }
     NewName New;
-    if (const RVSTATUS Status = OpenNewParent(Source, From, Old); RvIsError(Status)) {
-        return Status;
-    }
-    if (const RVSTATUS Status = OpenNewParent(Target, To, New); RvIsError(Status)) {
-        return Status;
-    }
-    New.Hold = In.Changes.Acquire(New.Key);
-    if (const RVSTATUS Status = LookAgain(Target, New); RvIsError(Status)) {
+    if (const RVSTATUS Status = LockNewName(Target, To, New); RvIsError(Status)) {
         return Status;
     }
     struct stat Stat;
-    const bool Known = fstatat(Old.Parent.Get(), From.Name.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) == 0;
-    const RVSTATUS Status = Rename(Source, From, Old, Target, New, Wanted);
+    const bool Known = fstatat(HolderOf(Source, From), From.Name.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) == 0;
+    const RVSTATUS Status = Rename(Source, From, Target, To, New, Wanted);
     if (Known && !RvIsError(Status)) {
         In.Doomed.Moved(PathFromRoot(Source, From), PathFromRoot(Target, To), KeyOf(Stat));
     }

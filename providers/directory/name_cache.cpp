@@ -60,38 +60,48 @@ NameCache::IndexPtr NameCache::IndexOf(const ObjectKey &Key) {
     return Index;
 }
 
-// Looks one component up in the directory open as Fd, which is Known when that is not nullptr; Out's Name, Type, Exists
-// and Marked become the answer.
+// Looks one component up in the directory open as Fd, which is Known when that is not nullptr; Out's HolderKey, Name,
+// Type, Exists and Marked become the answer.
 RVSTATUS NameCache::Step(int Fd, const ObjectKey *Known, std::u16string_view Component, bool ExactMissing,
                          Resolved &Out) {
     const std::optional<std::string> Native = NativeName(Component);
     struct stat Stat;
-    int Refused = 0;
     Out.Exists = false;
     Out.Marked = false;
     Out.Type = DT_UNKNOWN;
-    if (Native) {
-        Out.Name = *Native;
-        if (!ExactMissing) {
-            if (fstatat(Fd, Native->c_str(), &Stat, AT_SYMLINK_NOFOLLOW) == 0) {
-                Out.Exists = true;
-                Out.Type = IFTODT(Stat.st_mode);
-                return RVSTATUS::Success;
-            }
-            // One that may be read and not be searched tells its names all the same.
-            if (errno != ENOENT && errno != EACCES) {
-                return StatusOfParent(errno);
-            }
-            Refused = errno == EACCES ? EACCES : 0;
-        }
-    } else if (Component.find(u'~') == Component.npos) {
+    if (!Native && Component.find(u'~') == Component.npos) {
         return Failure(CODE_NAME_INVALID);
+    }
+    // The entry as it is spelled; a link that leads nowhere is one, too.
+    int Refused = 0;
+    const auto Ask = [&] {
+        Out.Name = *Native;
+        Out.Exists = fstatat(Fd, Native->c_str(), &Stat, AT_SYMLINK_NOFOLLOW) == 0;
+        Out.Type = Out.Exists ? IFTODT(Stat.st_mode) : DT_UNKNOWN;
+        // One that may be read and not be searched tells its names all the same.
+        Refused = !Out.Exists && errno == EACCES ? EACCES : 0;
+        return Out.Exists || errno == ENOENT || errno == EACCES ? RVSTATUS::Success : StatusOfParent(errno);
+    };
+    bool Asked = false;
+    if (Native && !ExactMissing) {
+        if (const RVSTATUS Status = Ask(); RvIsError(Status) || Out.Exists) {
+            return Status;
+        }
+        Asked = true;
     }
     if (Known == nullptr && fstat(Fd, &Stat) != 0) {
         return StatusFromErrno(errno);
     }
+    Out.HolderKey = Known != nullptr ? *Known : KeyOf(Stat);
+    const IndexPtr Index = IndexOf(Out.HolderKey);
+    if (Native && !Asked && !Index->IsKnown()) {
+        if (const RVSTATUS Status = Ask(); RvIsError(Status) || Out.Exists) {
+            return Status;
+        }
+        Asked = true;
+    }
     FoundName Found;
-    const RVSTATUS Status = IndexOf(Known != nullptr ? *Known : KeyOf(Stat))->Find(Fd, Component, Found);
+    RVSTATUS Status = Index->Find(Fd, Component, Native ? *Native : std::string_view(), Found);
     if (Status == RVSTATUS::Success) {
         Out.Name = Found.Native;
         Out.Type = Found.Type;
@@ -99,12 +109,14 @@ RVSTATUS NameCache::Step(int Fd, const ObjectKey *Known, std::u16string_view Com
         Out.Marked = Found.Marked;
         return Status;
     }
-    // One that may be searched and not be read has no other spellings than exact ones.
-    if (Refused != 0) {
-        return StatusFromErrno(Refused);
-    }
     const bool Missing = Status == Failure(CODE_NO_SUCH_FILE) || Status == RVSTATUS::AccessDenied;
-    return !Missing ? Status : Native ? RVSTATUS::Success : Failure(CODE_NAME_INVALID);
+    if (!Missing || !Native) {
+        return !Missing ? Status : Failure(CODE_NAME_INVALID);
+    }
+    Out.Name = *Native;
+    Status = Asked || Found.Told ? RVSTATUS::Success : Ask();
+    // One that may be searched and not be read has no other spellings than exact ones.
+    return Refused != 0 ? StatusFromErrno(Refused) : Status;
 }
 
 // Component by component, each directory opened by the native path so far.
@@ -118,6 +130,7 @@ RVSTATUS NameCache::Walk(const DirectoryRef &Base, std::u16string_view Path, Res
             return Status;
         }
         if (Path.empty()) {
+            Out.Holder = std::move(Own);
             return RVSTATUS::Success;
         }
         if (!Out.Exists) {
@@ -148,10 +161,10 @@ RVSTATUS NameCache::Resolve(const DirectoryRef &Base, std::u16string_view Path, 
         return Step(Base.Fd, &Base.Key, Path, ExactMissing, Out);
     }
     const std::optional<std::string> Parent = NativePath(Path.substr(0, Slash));
-    const UniqueFd Fd(Parent ? Open_(Context_, Base, *Parent, O_PATH | O_DIRECTORY) : -1);
-    if (Fd) {
+    Out.Holder = UniqueFd(Parent ? Open_(Context_, Base, *Parent, O_PATH | O_DIRECTORY) : -1);
+    if (Out.Holder) {
         Out.Parent = *Parent;
-        return Step(Fd.Get(), nullptr, Path.substr(Slash + 1), ExactMissing, Out);
+        return Step(Out.Holder.Get(), nullptr, Path.substr(Slash + 1), ExactMissing, Out);
     }
     if (Parent && !IsMissing(errno)) {
         return StatusFromLookup(errno);
@@ -165,7 +178,7 @@ RVSTATUS NameCache::List(const DirectoryRef &Dir, std::u16string_view FoldedMask
 
 bool NameCache::LeadsTo(const DirectoryRef &Dir, std::u16string_view Short, std::string_view Native) {
     FoundName Found;
-    return !RvIsError(IndexOf(Dir.Key)->Find(Dir.Fd, Short, Found)) && Found.Native == Native;
+    return !RvIsError(IndexOf(Dir.Key)->Find(Dir.Fd, Short, {}, Found)) && Found.Native == Native;
 }
 
 } // namespace providers::directory

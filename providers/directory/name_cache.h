@@ -31,6 +31,8 @@ struct DirectoryRef {
 
 // What a path leads to. Native paths are relative to the base of the look-up.
 struct Resolved {
+    UniqueFd Holder;        // the directory Parent, O_PATH; empty when that is the base
+    ObjectKey HolderKey;    // that directory's, where it was asked for; all zero otherwise
     std::string Parent;     // path of the directory that holds or would hold the object; empty = the base
     std::string Name;       // the entry's bytes; for a missing entry those it would get; empty = the base itself
     unsigned char Type = 0; // DT_*, DT_UNKNOWN when not known
@@ -52,7 +54,7 @@ public:
     // Looks Path (components separated by backslashes) up below Base. Success with Exists telling whether the last
     // component is there; an error when a directory before it is missing, no directory or not to be entered, or when a
     // name is not valid. CODE_EXISTS for a component that is one spelling of several names and none of them exactly.
-    // ExactMissing: the file system was just asked for the path as it is spelled, and has no such entry.
+    // ExactMissing: the file system was just asked what the path, as it is spelled, leads to, and has nothing.
     RVSTATUS Resolve(const DirectoryRef &Base, std::u16string_view Path, Resolved &Out, bool ExactMissing = false);
 
     // The names of the directory Dir that FoldedMask takes, sorted by their folded form.

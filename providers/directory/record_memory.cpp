@@ -35,7 +35,8 @@ uint64_t CheckOf(uint64_t Name, uint64_t Bits, uint64_t Creation) {
 }
 
 std::array<Entry, Ways> &SetOf(const ObjectKey &Key) {
-    return Table[Mix(Key.Inode) % Sets];
+    // Numbers given one after another, as in a directory that was filled at once, lie side by side.
+    return Table[(Key.Inode ^ Key.Inode >> 16 ^ Key.Inode >> 32) % Sets];
 }
 
 } // namespace

@@ -193,33 +193,35 @@ RVSTATUS OpenFolder(const Place &At, unsigned Kind, std::unique_ptr<Object> &Ope
 // The directory that a link leads to, as a volume. RVFS_PATH_NOT_FOUND when it is not there any more.
 RVSTATUS OpenLinked(const Link &Through, std::unique_ptr<Object> &Opened);
 
-// Opens the directory that holds an object. Errors: as a look-up of a missing parent.
-RVSTATUS OpenParent(const Place &At, const Resolved &Found, UniqueFd &Parent);
+// The descriptor of the directory in which a look-up of At.Path ended. Valid as long as both arguments.
+inline int HolderOf(const Place &At, const Resolved &Found) {
+    return Found.Holder ? Found.Holder.Get() : At.Ref.Fd;
+}
 
-// The place of a name that is to be given: its directory, locked, and what the name is there.
+// Makes sure that Found.HolderKey is that directory's.
+RVSTATUS NeedHolderKey(const Place &At, Resolved &Found);
+
+// A name that is to be given in that directory, which is locked, and what the name is there by then.
 struct NewName {
-    UniqueFd Parent;
-    ObjectKey Key;
     DirectoryLocks::Hold Hold;
-    Resolved Found; // relative to Parent
+    Resolved Found; // relative to the directory
 };
-// From a look-up of At.Path. Errors: as a look-up of a missing parent.
-RVSTATUS OpenNewName(const Place &At, const Resolved &Found, NewName &Out);
-// The same without the lock; the caller takes it and calls LookAgain.
-RVSTATUS OpenNewParent(const Place &At, const Resolved &Found, NewName &Out);
-RVSTATUS LookAgain(const Place &At, NewName &Out);
+RVSTATUS LockNewName(const Place &At, Resolved &Found, NewName &Out);
 
 // The path of an object below the export's root.
 std::string PathFromRoot(const Place &At, const Resolved &Found);
 std::string PathFromRoot(const Place &At, Resolved &&Found);
 
-// Asks what an entry is, without opening it for anything: what a link leads to, or the link itself when that cannot be
-// had (Error is why, then, and 0 otherwise). Returns an error number when there is no entry.
+// What an entry is, asked without opening it for anything.
 struct Looked {
     UniqueFd Fd; // O_PATH
     struct stat Stat {};
     int Error = 0;
 };
+// What the path leads to. Returns an error number when it leads to nothing.
+int LookThrough(const Place &At, const std::string &Path, Looked &Out);
+// The same, or the link itself when what it leads to cannot be had (Out.Error is why, then, and 0 otherwise). Returns
+// an error number when there is no entry.
 int LookAt(const Place &At, const std::string &Path, Looked &Out);
 
 // The 64-bit identifier of an object.
