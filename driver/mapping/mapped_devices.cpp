@@ -41,8 +41,8 @@ NTSTATUS DeleteStubbornly(NTSTATUS (*Delete)(LUID, CHAR, PUNICODE_STRING), LUID 
     return MayBeLeft(Status) ? Delete(Luid, Letter, Target) : Status;
 }
 
-// The links of a mapping, from whatever session of its owner: what became of the first. Somebody else may have deleted
-// either meanwhile, or put another in its place, which stays.
+// The links of a mapping, from whatever session of its owner: what became of the one in the caller's session, or else
+// of the first. Somebody else may have deleted either meanwhile, or put another in its place, which stays.
 NTSTATUS DeleteLinks(const MAPPED_DEVICE &Record) {
     const CHAR Letter = Record.Letter();
     const LinkTarget Whole(Record.pVolumePath);
@@ -51,24 +51,21 @@ NTSTATUS DeleteLinks(const MAPPED_DEVICE &Record) {
     const bool Known = NT_SUCCESS(GetCallerLogonSessionLuid(&Caller));
     const bool Own = Known && IsEqualLuid(Caller, Record.LogonId);
     const bool Linked = Record.LinkedSessionLink != 0;
-    if (!Own && !(Known && Linked && IsEqualLuid(Caller, Record.LinkedLogonId()))) {
-        // The caller's own letters are none of its links.
-        const NTSTATUS Status = DeleteStubbornly(DeleteSymbolicLinkMadeInSession, Record.LogonId, Letter, Target);
-        if (Linked) {
-            Ignore(DeleteStubbornly(DeleteSymbolicLinkInSession, Record.LinkedLogonId(), Letter, Target),
-                   "the first one counts");
+    if (!Own) {
+        // The caller's own letters are none of its links, unless he is the other half.
+        const NTSTATUS First = DeleteStubbornly(DeleteSymbolicLinkMadeInSession, Record.LogonId, Letter, Target);
+        if (!Linked) {
+            return First;
         }
-        return Status;
+        const NTSTATUS Second = DeleteStubbornly(DeleteSymbolicLinkInSession, Record.LinkedLogonId(), Letter, Target);
+        return Known && IsEqualLuid(Caller, Record.LinkedLogonId()) ? Second : First;
     }
     NTSTATUS Status = CreateOrDeleteSymbolicLinkInCurrentSession(Letter, Target, FALSE);
     if (MayBeLeft(Status)) {
-        Status = Own ? DeleteSymbolicLinkMadeInSession(Caller, Letter, Target)
-                     : DeleteSymbolicLinkInSession(Caller, Letter, Target);
+        Status = DeleteSymbolicLinkMadeInSession(Caller, Letter, Target);
     }
     if (Linked && MayBeLeft(CreateOrDeleteSymbolicLinkInLinkedSession(Letter, Target, FALSE))) {
-        Ignore(Own ? DeleteSymbolicLinkInSession(Record.LinkedLogonId(), Letter, Target)
-                   : DeleteSymbolicLinkMadeInSession(Record.LogonId, Letter, Target),
-               "the first one counts");
+        Ignore(DeleteSymbolicLinkInSession(Record.LinkedLogonId(), Letter, Target), "the first one counts");
     }
     return Status;
 }

@@ -296,9 +296,14 @@ NTSTATUS CreateOrDeleteSymbolicLink(PCSTR LinkName, PUNICODE_STRING Target, BOOL
 }
 
 NTSTATUS CreateOrDeleteSymbolicLinkInCurrentSession(CHAR Letter, PUNICODE_STRING Target, BOOLEAN Create) {
+    if (!Create) {
+        LUID Luid = {};
+        const NTSTATUS Status = GetCallerLogonSessionLuid(&Luid);
+        return NT_SUCCESS(Status) ? DeleteSymbolicLinkMadeInSession(Luid, Letter, Target) : Status;
+    }
     CHAR Name[NAME_BYTES];
     FormatName(Name, "\\??\\%c:", LONG{Letter});
-    return CreateOrDeleteSymbolicLink(Name, Target, Create, nullptr);
+    return CreateOrDeleteSymbolicLink(Name, Target, TRUE, nullptr);
 }
 
 NTSTATUS DeleteSymbolicLinkInSession(LUID Luid, CHAR Letter, PUNICODE_STRING Target) {

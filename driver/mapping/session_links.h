@@ -32,7 +32,8 @@ NTSTATUS GetLinkedLogonSessionLUID(PLUID LinkedLuid, PTOKEN_DEFAULT_DACL *Defaul
 NTSTATUS CreateOrDeleteSymbolicLink(PCSTR LinkName, PUNICODE_STRING Target, BOOLEAN Create,
                                     PSECURITY_DESCRIPTOR SecurityDescriptor);
 
-// The link of Letter in the caller's DOS device directory, with default security.
+// The link of Letter in the caller's DOS device directory, with default security. It is deleted by the session's name:
+// a name below "\??" that is gone there leads on to everybody's letters.
 NTSTATUS CreateOrDeleteSymbolicLinkInCurrentSession(CHAR Letter, PUNICODE_STRING Target, BOOLEAN Create);
 
 // The value EnableLinkedConnections of a key into *Value. STATUS_OBJECT_TYPE_MISMATCH when it has no 32-bit word.
