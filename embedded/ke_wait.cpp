@@ -443,3 +443,8 @@ NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER I
 VOID NTAPI KeQuerySystemTimePrecise(PLARGE_INTEGER CurrentTime) noexcept {
     CurrentTime->QuadPart = Clock::SystemTime();
 }
+
+ULONG64 NTAPI KeQueryInterruptTimePrecise(PULONG64 QpcTimeStamp) noexcept {
+    *QpcTimeStamp = static_cast<ULONG64>(Clock::InterruptTime()); // the counter runs at 10 MHz, as on most machines
+    return *QpcTimeStamp;
+}

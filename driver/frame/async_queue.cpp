@@ -169,21 +169,28 @@ bool NeedsWorker() {
     return true;
 }
 
-void StartWorkerIfNeeded() {
-    if (!NeedsWorker()) {
-        return;
-    }
+// Makes the thread of a worker that is counted. Without one it is counted out, and what is queued waits for a worker
+// that runs, for the next post, or for teardown.
+bool MakeWorker() {
     NtFsdKeepRequest(IN_FLIGHT_WORKER);
     HANDLE Thread = nullptr;
     if (NT_SUCCESS(PsCreateSystemThread(&Thread, 0, nullptr, nullptr, nullptr, NtFsdDispatch, nullptr))) {
         ZwClose(Thread);
-        return;
+        return true;
     }
     {
         const SpinLockHold Hold(&g_AsyncIrpQueueLock);
-        DecrementWorkers(); // what is queued waits for a worker that runs, for the next post, or for teardown
+        DecrementWorkers();
     }
     NtFsdLeaveRequest(IN_FLIGHT_WORKER);
+    return false;
+}
+
+void StartWorkerIfNeeded() {
+    // Once more after a failure: another post may have counted on this worker.
+    if (NeedsWorker() && !MakeWorker() && NeedsWorker()) {
+        Ignore(MakeWorker(), "the next post tries again");
+    }
 }
 
 // ---- Serving -------------------------------------------------------------------------------------------------------

@@ -48,6 +48,12 @@ LONG InFlight(UCHAR First, UCHAR Behind) {
     return static_cast<LONG>(SumOf(&COUNTERS::Entered, First, Behind) - Left);
 }
 
+// In 100-ns units; goes on also when the clock is set.
+LONG64 InterruptTime() {
+    ULONG64 Counter;
+    return static_cast<LONG64>(KeQueryInterruptTimePrecise(&Counter));
+}
+
 // Says what teardown waits for: the requests, and the files that somebody holds.
 void TellWhatIsInFlight() {
     for (UCHAR MajorFunction = 0; MajorFunction < IN_FLIGHT_KINDS; ++MajorFunction) {
@@ -108,17 +114,21 @@ bool NtFsdStopRequests(LONG Own) {
         __atomic_store_n(&Stopped, 1, __ATOMIC_SEQ_CST);
     }
     ULONG Turns = 0;
+    LONG64 Due = InterruptTime() + PATIENCE;
     // Queued requests are in flight; workers end when nothing is queued any more.
     while (NtFsdHurryWorkers(), InFlight(0, IN_FLIGHT_KINDS) > Own) {
         LARGE_INTEGER Timeout = {};
-        Timeout.QuadPart = -PATIENCE;
-        if (KeWaitForSingleObject(&RequestLeft, Executive, KernelMode, FALSE, &Timeout) != STATUS_TIMEOUT) {
+        // However often it is woken: every request that is refused meanwhile does that.
+        Timeout.QuadPart = -(Due - InterruptTime());
+        if (Timeout.QuadPart < 0) {
+            Ignore(KeWaitForSingleObject(&RequestLeft, Executive, KernelMode, FALSE, &Timeout), "it looks anyway");
             continue;
         }
         TellWhatIsInFlight();
         if (++Turns == TURNS) {
             return false; // the machine is going down: what is in use is better left than pulled away
         }
+        Due += PATIENCE;
     }
     return true;
 }

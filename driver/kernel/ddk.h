@@ -104,6 +104,7 @@ typedef struct _SYSTEM_TIMEOFDAY_INFORMATION {
 NTKERNELAPI KIRQL NTAPI KeGetCurrentIrql();
 NTKERNELAPI PKTHREAD NTAPI KeGetCurrentThread();
 NTKERNELAPI VOID NTAPI KeQuerySystemTimePrecise(PLARGE_INTEGER CurrentTime);
+NTKERNELAPI ULONG64 NTAPI KeQueryInterruptTimePrecise(PULONG64 QpcTimeStamp);
 NTKERNELAPI NTSTATUS NTAPI ZwQuerySystemInformation(SYSTEM_INFORMATION_CLASS SystemInformationClass,
                                                     PVOID SystemInformation, ULONG SystemInformationLength,
                                                     PULONG ReturnLength);

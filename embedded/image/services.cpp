@@ -223,6 +223,7 @@ std::vector<Service> Table() {
         Of("KeWaitForSingleObject", KeWaitForSingleObject),
         Of("KeDelayExecutionThread", KeDelayExecutionThread),
         Of("KeQuerySystemTimePrecise", KeQuerySystemTimePrecise),
+        Of("KeQueryInterruptTimePrecise", KeQueryInterruptTimePrecise),
         Of("KeBugCheckEx", KeBugCheckEx),
         Of("PsCreateSystemThread", PsCreateSystemThread),
         Of("PsTerminateSystemThread", PsTerminateSystemThread),

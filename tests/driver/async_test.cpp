@@ -5,7 +5,10 @@
 #include <future>
 #include <thread>
 
+#include <sys/mman.h>
+
 #include "embedded/faults.h"
+#include "embedded/ps.h"
 #include "frame/driver.h"
 #include "tests/driver/lock_client.h"
 
@@ -319,7 +322,8 @@ TEST_F(Async, AMissingThreadIsMadeUpForByTheNextPost) {
     BusyFile Busy(Fcb(Handle));
     std::optional<SentIrp> First;
     {
-        const embedded::PlannedFaults Faults({.Kinds = FaultBit(FaultKind::Thread)});
+        const embedded::PlannedFaults Faults(
+            {.How = embedded::FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Thread)});
         First.emplace(Post(ReadAt(0)));
         EXPECT_EQ(Workers(), 0u);
         EXPECT_EQ(g_uAsyncIrpQueueCount, 1u);
@@ -339,6 +343,31 @@ TEST_F(Async, AControlThatIsPostedIsRefusedByTheWorker) {
 }
 
 // ---- Closing, shutting down
+
+TEST_F(Async, AProcessEndsWithRequestsInFlightAndItsMemoryGone) {
+    const PEPROCESS Client = embedded::CreateProcess("client");
+    const size_t Bytes = 4096;
+    void *const Memory = mmap(nullptr, Bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(Memory, MAP_FAILED);
+    BusyFile Busy(Fcb(Handle));
+    std::vector<SentIrp> Sent;
+    {
+        const embedded::AttachProcess In(Client);
+        for (size_t Index = 0; Index < 2; ++Index) {
+            embedded::IrpBuilder Builder = ReadAt(Index);
+            Builder.UserBuffer = static_cast<char *>(Memory) + Index;
+            Builder.RequestorMode = UserMode;
+            Sent.push_back(Post(Builder));
+        }
+        munmap(Memory, Bytes);
+        EXPECT_FALSE(Sent[0].Cancel()) << "a worker has it";
+        EXPECT_TRUE(Sent[1].Cancel());
+    }
+    EXPECT_EQ(Sent[1].Wait().Status, STATUS_CANCELLED);
+    Busy.Release();
+    EXPECT_EQ(Sent[0].Wait().Status, STATUS_SUCCESS);
+    embedded::DeleteProcess(Client); // stops when its pages are still locked
+}
 
 TEST_F(Async, APostedCloseLetsOtherCreatesGoOn) {
     const HANDLE Goes = MustOpen(u"\\srv\\vol\\a.txt", Asynchronous);

@@ -72,6 +72,7 @@ NTKERNELAPI NTSTATUS NTAPI KeWaitForSingleObject(PVOID Object, KWAIT_REASON Wait
 NTKERNELAPI NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE WaitMode, BOOLEAN Alertable,
                                                   PLARGE_INTEGER Interval) noexcept;
 NTKERNELAPI VOID NTAPI KeQuerySystemTimePrecise(PLARGE_INTEGER CurrentTime) noexcept;
+NTKERNELAPI ULONG64 NTAPI KeQueryInterruptTimePrecise(PULONG64 QpcTimeStamp) noexcept;
 NTKERNELAPI [[noreturn]] VOID NTAPI KeBugCheckEx(ULONG BugCheckCode, ULONG_PTR Parameter1, ULONG_PTR Parameter2,
                                                  ULONG_PTR Parameter3, ULONG_PTR Parameter4) noexcept;
 
