@@ -187,7 +187,6 @@ TEST_F(Async, CleanupAndCloseRunThoughTheyAreCancelledInTheQueue) {
     }
     EXPECT_EQ(Fcb(Handle)->UncleanCount, 1u);
     EXPECT_EQ(Fcb(Handle)->OpenCount, 1u);
-    Close(Goes);
 }
 
 // The grant of a waiting lock stands in the queue behind a worker that is busy with another file.
@@ -351,7 +350,6 @@ TEST_F(Async, APostedCloseLetsOtherCreatesGoOn) {
     Close(MustOpen(u"\\srv\\vol\\b.txt"));
     Busy.Release();
     EXPECT_EQ(Closing.Wait().Status, STATUS_SUCCESS);
-    Close(Goes);
 }
 
 TEST_F(Async, AHandleThatIsClosedWithRequestsInFlightIsClosedAfterThem) {

@@ -44,7 +44,6 @@ TEST_F(Cleanup, OfOneOfTwoOpensGivesItsShareClaimBackOnce) {
     EXPECT_EQ(Fcb(Stays)->ShareAccess.Writers, 0u);
     embedded::DereferenceFileObject(Goes);
     EXPECT_EQ(Fcb(Stays)->ShareAccess.OpenCount, 1u);
-    Close(Stays);
 }
 
 TEST_F(Cleanup, AClaimThatItsCleanupLeftGoesWithTheClose) {
@@ -53,7 +52,6 @@ TEST_F(Cleanup, AClaimThatItsCleanupLeftGoesWithTheClose) {
     embedded::DereferenceFileObject(Dead);
     EXPECT_EQ(Fcb(Next)->ShareAccess.OpenCount, 1u);
     EXPECT_EQ(Fcb(Next)->ShareAccess.Writers, 1u);
-    Close(Next);
 }
 
 TEST_F(Cleanup, ReleasesEveryLockOfTheHandleAndNoOther) {
@@ -69,7 +67,6 @@ TEST_F(Cleanup, ReleasesEveryLockOfTheHandleAndNoOther) {
     ASSERT_EQ(LocalLocks(Stays).size(), 1u);
     EXPECT_EQ(LocalLocks(Stays)[0].FileObject, FileObject(Stays));
     embedded::DereferenceFileObject(File);
-    Close(Stays);
 }
 
 TEST_F(Cleanup, ReleasesALockThatAnotherProcessTookThroughTheHandle) {
@@ -123,7 +120,6 @@ TEST_F(Cleanup, AWaiterGetsTheRangeAfterTheServerHeardOfTheUnlock) {
     Close(Goes);
     EXPECT_EQ(Waiting.Wait().Status, STATUS_SUCCESS);
     EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10", "lock 2+4"}));
-    Close(Stays);
 }
 
 TEST_F(Cleanup, ALockGrantedAfterTheCleanupOfItsHandleIsGivenBack) {
@@ -138,7 +134,6 @@ TEST_F(Cleanup, ALockGrantedAfterTheCleanupOfItsHandleIsGivenBack) {
     EXPECT_TRUE(LocalLocks(Owner).empty());
     EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10"}));
     embedded::DereferenceFileObject(File);
-    Close(Owner);
 }
 
 TEST_F(Cleanup, AWaiterOfTheHandleItselfGetsNothingAndTheServerHearsNothingOfIt) {
@@ -152,7 +147,6 @@ TEST_F(Cleanup, AWaiterOfTheHandleItselfGetsNothingAndTheServerHearsNothingOfIt)
     EXPECT_EQ(Own.Wait().Status, STATUS_CANCELLED);
     EXPECT_EQ(Other.Wait().Status, STATUS_SUCCESS);
     EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10", "lock 2+4"}));
-    Close(Stays);
 }
 
 // Its completion is the last of its file object, and the close that follows takes other locks first.

@@ -133,7 +133,6 @@ TEST_F(CloseOfAnOpen, WithoutALinkedInstanceTouchesNothing) {
         }
     }
     EXPECT_EQ(Fcb(Handle)->OpenCount, 1u);
-    Close(Handle);
 }
 
 TEST_F(CloseOfAnOpen, AnswersWhatItsDeleteMeans) {
@@ -237,7 +236,6 @@ TEST_F(CloseOfAnOpen, OfABusyFileIsPendingAndDone) {
         EXPECT_EQ(Fcb(Stays)->OpenCount, 1u);
         Close(Goes); // its file object has no contexts any more
     }
-    Close(Stays);
 }
 
 } // namespace

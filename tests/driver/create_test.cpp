@@ -261,7 +261,6 @@ TEST_F(Creates, TakeTheSizesOfTheFileWhenTheyCanBeHad) {
     Provider.OnCall(Slot::GetFileInformation).Answer([](providers::Outputs &Out) { *Out.EndOfFile = 1ull << 63; });
     Handle = MustOpen(u"\\srv\\vol\\a.txt");
     EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, 0) << "a size that no offset can name";
-    Close(Handle);
 }
 
 // ---- Failures of the Provider
@@ -384,7 +383,6 @@ TEST_F(Creates, ADirectoryThatWasCreatedOnlyHasNoHandleOfItsOwn) {
     EXPECT_NE(Instance(Handle)->DirHandle, 0u);
     EXPECT_EQ(Instance(Handle)->RelatedHandle, Instance(Handle)->DirHandle);
     EXPECT_EQ(Fcb(Handle)->VolumeResolved, 0);
-    Close(Handle);
 }
 
 TEST_F(Creates, ADirectoryThatWasCreatedButCannotBeOpenedIsADirectoryAllTheSame) {
@@ -426,7 +424,6 @@ TEST_F(Creates, AVolumeRootByAnEmptyRelativeNameIsNotDeletedEither) {
     Deleting.Related = RootHandle;
     ExpectRefused(u"", Deleting, STATUS_CANNOT_DELETE);
     EXPECT_EQ(Fcb(RootHandle)->VolumeResolved, 1);
-    Close(RootHandle);
 }
 
 TEST_F(Creates, ATrailingBackslashIsForDirectories) {
@@ -440,7 +437,6 @@ TEST_F(Creates, ATrailingBackslashIsForDirectories) {
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\new\\", With(AsDirectory, FILE_CREATE));
     EXPECT_EQ(View(Fcb(Handle)->FullPath), u"\\srv\\vol\\new");
     EXPECT_EQ(Instance(Handle)->TrailingSlash, 1);
-    Close(Handle);
 }
 
 // ---- Requests that no path is looked up for

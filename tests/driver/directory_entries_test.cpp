@@ -50,7 +50,6 @@ TEST_F(Listing, AttributesSizesAndTimesFollowTheKindOfTheEntry) {
             EXPECT_EQ(Found[Index].Change, Case.Directory ? Created + 1 : 0) << Index;
         }
     }
-    Close(Directory);
 }
 
 TEST_F(Listing, IdentifiersAreNumberedThroughAcrossDirectories) {
@@ -142,7 +141,6 @@ TEST_F(Listing, ABatchThatBreaksEndsAfterItsGoodRecordsWithAClearStatus) {
     });
     EXPECT_EQ(Query(Directory, 4096, u"x1", true).Status, STATUS_UNEXPECTED_NETWORK_ERROR);
     EXPECT_EQ(Query(Directory, 4096).Status, STATUS_UNEXPECTED_NETWORK_ERROR);
-    Close(Directory);
 }
 
 TEST_F(Listing, ANameThatNoOpenCouldUseHidesNoOther) {
@@ -164,7 +162,6 @@ TEST_F(Listing, ANameThatNoOpenCouldUseHidesNoOther) {
         EXPECT_EQ(Found[0].Name, Name);
         EXPECT_EQ(Found[1].Name, u"good");
     }
-    Close(Directory);
 }
 
 TEST_F(Listing, ShortNamesAreAskedForUnlessLazyCloseIsOnAndTheSwitchIsReadOnce) {
@@ -212,7 +209,6 @@ TEST_F(Listing, AShortNameIsCopiedUpToItsTwelveUnits) {
             EXPECT_EQ(Unpack(Result.Buffer, Result.Information, InfoClass)[0].Name, u"a long name.txt");
         }
     }
-    Close(Directory);
 }
 
 } // namespace

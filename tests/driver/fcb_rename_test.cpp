@@ -77,7 +77,6 @@ TEST_F(RenamedFcbs, KeepTheirPathWhenThereIsNoMemory) {
     EXPECT_EQ(PathLeft(Handle), u"a.txt");
     EXPECT_EQ(Find(u"\\srv\\vol\\a.txt"), Fcb(Handle));
     EXPECT_EQ(FcbPrefixCount, 1u);
-    Close(Handle);
 }
 
 // Whatever opens, goes or takes another path below it, in whatever letter case.
@@ -89,7 +88,7 @@ TEST_F(RenamedFcbs, KeepTheirDirectoriesFromBeingRenamedWhileTheyLieBelow) {
         return NtFsdHasFcbBelow(&Name);
     };
     Provider.AddFile(u"\\srv\\vol\\docs\\sub\\g.txt");
-    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+    MustOpen(u"\\srv\\vol\\docs", AsDirectory);
     EXPECT_FALSE(HasBelow(u"\\srv\\vol\\docs")) << "it is not below itself";
     const HANDLE Deep = MustOpen(u"\\srv\\vol\\DOCS\\Sub\\g.txt");
     const HANDLE Near = MustOpen(u"\\srv\\vol\\docs\\f.txt");
@@ -105,7 +104,6 @@ TEST_F(RenamedFcbs, KeepTheirDirectoriesFromBeingRenamedWhileTheyLieBelow) {
     EXPECT_FALSE(HasBelow(u"\\srv\\vol\\docs"));
     Close(Deep);
     EXPECT_FALSE(HasBelow(u"\\srv\\vol\\other"));
-    Close(Directory);
 }
 
 TEST_F(RenamedFcbs, OntoAPathThatIsOpenStayOutOfTheTable) {
@@ -131,7 +129,6 @@ TEST_F(RenamedFcbs, ToAnotherLetterCaseOfTheirOwnPathStayInTheTable) {
     EXPECT_EQ(Rename(Handle, u"\\srv\\vol\\A.TXT"), STATUS_SUCCESS);
     EXPECT_EQ(Find(u"\\srv\\vol\\a.txt"), Fcb(Handle));
     EXPECT_EQ(FullPath(Handle), u"\\srv\\vol\\A.TXT");
-    Close(Handle);
 }
 
 // ---- Looking up
@@ -159,8 +156,6 @@ TEST_F(RenamedFcbs, AreLookedUpByTheLongestPathInFront) {
         EXPECT_EQ(View(Remaining), Each.Remaining);
     }
     Table.Release();
-    Close(Docs);
-    Close(Root);
 }
 
 } // namespace

@@ -78,7 +78,6 @@ TEST_F(Fcbs, HaveAHeaderThatTheSystemUnderstands) {
     EXPECT_EQ(Found->Header.ValidDataLength.QuadPart, 10);
     EXPECT_EQ(Instance(Handle)->NodeTypeCode, 0x7706u);
     EXPECT_EQ(Instance(Handle)->FileObject, FileObject(Handle));
-    Close(Handle);
 }
 
 // ---- Names
@@ -132,7 +131,6 @@ TEST_F(Fcbs, APathOf32KilobytesIsOpenedAndALongerOneRefused) {
     Provider.ClearCalls();
     ExpectRefused(std::u16string(16800, u'x'), Below, STATUS_OBJECT_NAME_INVALID); // 65534 bytes with its base
     EXPECT_EQ(Provider.CountCalls(), 0u);
-    Close(Directory);
 }
 
 // ---- How opens name their object
@@ -146,7 +144,6 @@ TEST_F(Fcbs, AnOpenIsNamedRelativeToItsVolume) {
     EXPECT_EQ(Context->RelatedHandle, Context->VolumeHandle);
     EXPECT_EQ(Fcb(Handle)->VolumeResolved, 1);
     ExpectPathLeftInside(Handle);
-    Close(Handle);
 }
 
 TEST_F(Fcbs, AVolumeRootHasNothingLeftOfItsPath) {
@@ -159,7 +156,6 @@ TEST_F(Fcbs, AVolumeRootHasNothingLeftOfItsPath) {
     EXPECT_EQ(Context->RelatedHandle, Context->VolumeHandle);
     EXPECT_EQ(Context->DirHandle, 0u);
     EXPECT_EQ(Fcb(Handle)->OpenType, OPEN_TYPE_DIRECTORY + 0u);
-    Close(Handle);
 }
 
 TEST_F(Fcbs, WhenTheVolumeCannotBeOpenedTheWholePathNamesTheObject) {
@@ -249,9 +245,6 @@ TEST_F(RelativeOpens, AreNamedByTheDirectorysHandleAndShareTheFcbOfThePath) {
     EXPECT_EQ(Instance(Relative)->RelatedHandle, Instance(Directory)->DirHandle);
     EXPECT_EQ(Instance(Relative)->VolumeHandle, 0u);
     ExpectPathLeftInside(Relative);
-    Close(Directory);
-    Close(Whole);
-    Close(Relative);
 }
 
 TEST_F(RelativeOpens, OfAnEmptyNameOpenTheSameObjectAgain) {
@@ -267,9 +260,6 @@ TEST_F(RelativeOpens, OfAnEmptyNameOpenTheSameObjectAgain) {
     const HANDLE Again = MustOpen(u"", Below(File));
     EXPECT_EQ(Fcb(Again), Fcb(File));
     EXPECT_EQ(ReadAll(Again), "0123456789");
-    Close(Again);
-    Close(File);
-    Close(Directory);
 }
 
 TEST_F(RelativeOpens, OfAVolumeRootAreNamedByItsVolumeHandle) {
@@ -280,7 +270,6 @@ TEST_F(RelativeOpens, OfAVolumeRootAreNamedByItsVolumeHandle) {
     EXPECT_EQ(FullPath(Relative), u"\\srv\\vol\\docs\\f.txt");
     Close(Root);
     EXPECT_EQ(ReadAll(Relative), "inside");
-    Close(Relative);
 }
 
 TEST_F(RelativeOpens, ThroughADirectoryThatWasCreatedOnlyStayInIt) {
@@ -288,12 +277,10 @@ TEST_F(RelativeOpens, ThroughADirectoryThatWasCreatedOnlyStayInIt) {
     const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs\\new", Creating);
     EXPECT_EQ(Instance(Directory)->DirHandle, 0u);
     Open Making = Below(Directory, With({.Access = FILE_WRITE_DATA | SYNCHRONIZE}, FILE_CREATE));
-    const HANDLE File = MustOpen(u"x.txt", Making);
+    MustOpen(u"x.txt", Making);
     EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\docs\\new\\x.txt"));
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\docs\\x.txt"));
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\x.txt"));
-    Close(Directory);
-    Close(File);
 }
 
 TEST_F(RelativeOpens, BelowAFileAreRefused) {
@@ -301,7 +288,6 @@ TEST_F(RelativeOpens, BelowAFileAreRefused) {
     Provider.OnCall(Slot::CreateFile, test::IsQuestion).Return(ProviderError(0x0506));
     ExpectRefused(u"x", Below(File), STATUS_NOT_A_DIRECTORY);
     EXPECT_EQ(Fcb(File)->OpenCount, 1u);
-    Close(File);
 }
 
 TEST_F(RelativeOpens, OfAForeignFileObjectAreRefusedBeforeTheProviderIsAsked) {
@@ -385,8 +371,6 @@ TEST_F(RelativeOpens, OfOpensThatBorrowKeepTheirOwnDirectoryHandle) {
     Close(Docs);
     EXPECT_EQ(PathLeft(File), u"\\srv\\vol\\docs\\f.txt");
     EXPECT_EQ(ReadAll(File), "inside");
-    Close(File);
-    Close(Again);
 }
 
 // ---- Looking up

@@ -88,8 +88,6 @@ TEST_F(Watching, ADeletedFileAndACreatedDirectoryAreChangesTooAndTheTreeBelowIsN
         MakeFile(u"\\srv\\vol\\near.txt");
         EXPECT_TRUE(Above.IsCompleted());
     }
-    Close(Root);
-    Close(Directory);
 }
 
 TEST_F(Watching, TheCleanupOfAnyHandleEndsAllWaitsAndLaterOnesDoNotBegin) {
@@ -106,7 +104,6 @@ TEST_F(Watching, TheCleanupOfAnyHandleEndsAllWaitsAndLaterOnesDoNotBegin) {
     }
     EXPECT_EQ(WaitOn(Kept, FILE_NOTIFY_CHANGE_FILE_NAME).Wait().Status, STATUS_NOTIFY_CLEANUP);
     embedded::DereferenceFileObject(Kept);
-    Close(Second);
 }
 
 TEST_F(Watching, AShutdownCancelsTheWaits) {
@@ -118,7 +115,6 @@ TEST_F(Watching, AShutdownCancelsTheWaits) {
         EXPECT_TRUE(Request.IsCompleted());
         EXPECT_EQ(Request.Wait().Status, STATUS_CANCELLED);
     }
-    Close(Directory);
 }
 
 NTSTATUS NTAPI CloseWatched(PDEVICE_OBJECT, PIRP Irp, PVOID Directory) {
@@ -221,7 +217,6 @@ class WatchingSwitchedOff : public Watching {
 TEST_F(WatchingSwitchedOff, IsNotImplemented) {
     HANDLE Directory = Watch(u"\\srv\\vol\\d");
     EXPECT_EQ(Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME).Wait().Status, STATUS_NOT_IMPLEMENTED);
-    Close(Directory);
 }
 
 } // namespace

@@ -65,7 +65,6 @@ TEST_F(RenamesConcurrent, WithOpensOfTheOldAndTheNewName) {
     EXPECT_EQ(Rename(Handle, u"\\srv\\vol\\c.txt"), STATUS_SUCCESS);
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\c.txt"), "0123456789");
     ExpectWhereItSays(Handle);
-    Close(Handle);
 }
 
 // Two handles of one file rename it and mark it for deletion; it goes with the last of them, under the name it has.
@@ -119,8 +118,6 @@ TEST_F(RenamesConcurrent, OfADirectoryAndOfAFileIntoIt) {
     ExpectWhereItSays(File);
     ExpectWhereItSays(Directory);
     EXPECT_EQ(ReadAll(File), "0123456789");
-    Close(File);
-    Close(Directory);
 }
 
 // A directory is renamed while the Provider is asked about a name below it, and another takes its old name.
@@ -153,7 +150,6 @@ TEST_F(RenamesMeanwhile, AnOpenBelowItIsNotRefusedForTheNameThatIsGone) {
     Below.Related = Directory_;
     const HANDLE Mine = MustOpen(u"f.txt", Below);
     EXPECT_EQ(PathOf(Mine), u"\\srv\\vol\\e\\f.txt");
-    Close(Mine);
 }
 
 TEST_F(RenamesMeanwhile, AnOpenBelowItIsOfTheFileThatItFinds) {
@@ -169,7 +165,6 @@ TEST_F(RenamesMeanwhile, AnOpenBelowItIsOfTheFileThatItFinds) {
     Close(Mine);
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\e\\f.txt"));
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\f.txt"), "theirs");
-    Close(Theirs);
 }
 
 TEST_F(RenamesMeanwhile, ARenameIntoItIsNotRefusedForTheNameThatIsGone) {
@@ -199,8 +194,6 @@ TEST_F(RenamesConcurrent, ANameThatACreateHasOnlyLookedUpIsFree) {
     ExpectNamed(Handle, u"\\srv\\vol\\new");
     EXPECT_EQ(FcbPrefixCount, 2u) << "the file and the target's directory";
     EXPECT_TRUE(Fcb(Handle)->OpenFlags & FCB_STATE_IN_PREFIX_TABLE);
-    Close(Target);
-    Close(Handle);
 }
 
 TEST_F(RenamesMeanwhile, ARenameIntoItReplacesWhatIsInIt) {

@@ -45,7 +45,6 @@ TEST_P(BasicInformation, SendsWhatChangesAndNothingElse) {
         EXPECT_NE(Provider.Calls()[0].find(GetParam().Sent), std::string::npos) << Provider.Calls()[0];
         EXPECT_EQ(Last(Slot::SetFileInformation).Number("handle"), Instance(Handle)->FileHandle);
     }
-    Close(Handle);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -72,7 +71,6 @@ TEST_F(Setting, ADirectoryIsChangedByItsOwnHandleAndStaysADirectory) {
     Basic.LastWriteTime.QuadPart = 9;
     EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), STATUS_SUCCESS);
     EXPECT_NE(Provider.Calls().back().find("attributes=null, creation=null, lastWrite=9"), std::string::npos);
-    Close(Handle);
 }
 
 // The handle that such an open names itself by is its parent's.
@@ -90,7 +88,6 @@ TEST_F(Setting, ADirectoryThatWasCreatedButNotOpenedIsOpenedBeforeItIsChanged) {
     EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), STATUS_SUCCESS);
     EXPECT_EQ(Provider.Attributes(u"\\srv\\vol\\d\\new") & RV_ATTR_HIDDEN, RV_ATTR_HIDDEN + 0u);
     EXPECT_EQ(Provider.Attributes(u"\\srv\\vol\\d") & RV_ATTR_HIDDEN, 0u);
-    Close(Handle);
 }
 
 TEST_F(Setting, WhatNeedsNoHandleOpensNone) {
@@ -125,7 +122,6 @@ TEST_F(Setting, ARefusalOfTheProviderIsTheAnswer) {
         Provider.OnCall(Slot::SetFileInformation).Return(Raw);
         EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), Status);
     }
-    Close(Handle);
 }
 
 // ---- Classes, lengths, devices
@@ -150,7 +146,6 @@ TEST_P(ShortBuffers, AreRefusedBeforeAnybodyReadsThem) {
         const std::vector<UCHAR> Zeros(Length);
         EXPECT_NE(Send(Handle, GetParam().InfoClass, Zeros.data(), Length), STATUS_INFO_LENGTH_MISMATCH);
     }
-    Close(Handle);
 }
 
 INSTANTIATE_TEST_SUITE_P(Classes, ShortBuffers,
@@ -186,7 +181,6 @@ TEST_F(Setting, OtherClassesAreNotKnownAndLinksAreNotOffered) {
     EXPECT_EQ(CallNames(), Calls{});
     EXPECT_NE(Printed.find("SetFileInformation Error: Invalid Level 0x5\n"), std::string::npos);
     EXPECT_NE(Printed.find("SetFileInformation Error: Invalid Level 0xFFFFFFFF\n"), std::string::npos);
-    Close(Handle);
 }
 
 TEST_F(Setting, TheDeviceItselfHasNothingToSet) {
@@ -195,7 +189,6 @@ TEST_F(Setting, TheDeviceItselfHasNothingToSet) {
     const FILE_BASIC_INFORMATION Basic = {};
     EXPECT_EQ(Send(Handle, FileBasicInformation, &Basic, sizeof(Basic)), STATUS_INVALID_PARAMETER);
     EXPECT_NE(Printed.find("Error: Attempted to set info on a device.\n"), std::string::npos);
-    Close(Handle);
 }
 
 TEST_F(Setting, ACancelledRequestIsCompletedAndChangesNothing) {
@@ -207,7 +200,6 @@ TEST_F(Setting, ACancelledRequestIsCompletedAndChangesNothing) {
     EXPECT_EQ(embedded::SendIrpAndWait(Device(), Cancelled).Status, STATUS_CANCELLED);
     EXPECT_NE(Printed.find("NtFsdSetInformation() called with a cancelled Irp\n"), std::string::npos);
     EXPECT_FALSE(Fcb(Handle)->OpenFlags & FCB_STATE_DELETE_DISPOSITION);
-    Close(Handle);
 }
 
 TEST_F(Setting, OnABusyFileIsPendingAndDone) {
@@ -219,7 +211,6 @@ TEST_F(Setting, OnABusyFileIsPendingAndDone) {
     EXPECT_EQ(Posted.Returned(), STATUS_PENDING);
     EXPECT_EQ(Posted.Wait().Status, STATUS_SUCCESS);
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\a.txt"), "0123");
-    Close(Handle);
 }
 
 // ---- The byte offset
@@ -232,7 +223,6 @@ TEST_F(Setting, ThePositionIsTakenAsItIs) {
         EXPECT_EQ(FileObject(Handle)->CurrentByteOffset.QuadPart, Position);
     }
     EXPECT_EQ(CallNames(), Calls{});
-    Close(Handle);
 }
 
 TEST_F(Setting, AllInformationSetsBasicAndPositionWhateverBecomesOfTheFirst) {
@@ -247,7 +237,6 @@ TEST_F(Setting, AllInformationSetsBasicAndPositionWhateverBecomesOfTheFirst) {
     All[80] = 34;
     EXPECT_EQ(Send(Handle, FileAllInformation, All, 88), STATUS_SUCCESS);
     EXPECT_EQ(FileObject(Handle)->CurrentByteOffset.QuadPart, 34);
-    Close(Handle);
 }
 
 // ---- Sizes
@@ -296,14 +285,12 @@ TEST_P(SettingSizes, IsAWriteOfNothingAtTheNewEnd) {
     ExpectSizes(6);
     EXPECT_EQ(SetSize(0), STATUS_SUCCESS);
     ExpectSizes(0);
-    Close(Handle);
 }
 
 TEST_P(SettingSizes, ToTheSameSizeStillTellsTheServer) {
     EXPECT_EQ(SetSize(10), STATUS_SUCCESS);
     EXPECT_EQ(Provider.CountCalls(Slot::WriteFile), 1u);
     EXPECT_TRUE(IsMarkedChanged());
-    Close(Handle);
 }
 
 TEST_P(SettingSizes, FailsAsTheServerFailsAndLeavesTheSizes) {
@@ -318,7 +305,6 @@ TEST_P(SettingSizes, FailsAsTheServerFailsAndLeavesTheSizes) {
         ExpectSizes(10);
         EXPECT_TRUE(IsMarkedChanged()); // the server may have begun
     }
-    Close(Handle);
 }
 
 TEST_P(SettingSizes, NegativeOnesAreRefusedBeforeAnybodyIsAsked) {
@@ -328,7 +314,6 @@ TEST_P(SettingSizes, NegativeOnesAreRefusedBeforeAnybodyIsAsked) {
     EXPECT_EQ(CallNames(), Calls{});
     EXPECT_FALSE(Instance(Handle)->DiskFullLatched);
     ExpectSizes(10);
-    Close(Handle);
 }
 
 TEST_P(SettingSizes, BeyondTheFreeSpaceAreRefusedAndNotAByteSooner) {
@@ -339,7 +324,6 @@ TEST_P(SettingSizes, BeyondTheFreeSpaceAreRefusedAndNotAByteSooner) {
     EXPECT_FALSE(FileObject(Handle)->Flags & FO_FILE_SIZE_CHANGED);
     ExpectSizes(10);
     EXPECT_EQ(SetSize(10), STATUS_SUCCESS);
-    Close(Handle);
 }
 
 // A refused size refuses the writes that follow, through this open and for five seconds.
@@ -365,8 +349,6 @@ TEST_P(SettingSizes, ARefusalIsRememberedForTheWritesThatFollow) {
     embedded::Clock::Advance(1);
     EXPECT_EQ(Write(Handle, "abc", 3, 8).Status, STATUS_SUCCESS);
     EXPECT_FALSE(Instance(Handle)->DiskFullLatched);
-    Close(Handle);
-    Close(Other);
 }
 
 TEST_P(SettingSizes, WithoutAnAnswerAboutTheSpaceNothingIsRefused) {
@@ -378,7 +360,6 @@ TEST_P(SettingSizes, WithoutAnAnswerAboutTheSpaceNothingIsRefused) {
     }
     Provider.ClearScript();
     EXPECT_EQ(SetSize(8), STATUS_DISK_FULL);
-    Close(Handle);
 }
 
 TEST_P(SettingSizes, ADirectoryHasNone) {
@@ -388,8 +369,6 @@ TEST_P(SettingSizes, ADirectoryHasNone) {
         EXPECT_EQ(Send(Directory, GetParam(), &Size, sizeof(Size)), STATUS_INVALID_DEVICE_REQUEST);
     }
     EXPECT_EQ(CallNames(), Calls{});
-    Close(Directory);
-    Close(Handle);
 }
 
 TEST_F(Setting, AdvanceOnlyMakesNoDifference) {
@@ -404,7 +383,6 @@ TEST_F(Setting, AdvanceOnlyMakesNoDifference) {
         EXPECT_EQ(embedded::SendIrpAndWait(Device(), Builder).Status, STATUS_SUCCESS);
         EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, Size);
     }
-    Close(Handle);
 }
 
 } // namespace

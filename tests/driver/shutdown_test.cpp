@@ -142,7 +142,6 @@ TEST_F(Shutdown, LaterRequestsAreRefusedAndTouchNothing) {
     }
     EXPECT_EQ(Provider.Calls(), Lines{});
     EXPECT_EQ(Framework->Log(), Lines{});
-    Close(Handle);
 }
 
 TEST_F(Shutdown, AnOpenOfTheDeviceItselfDoesNotExistAfterwards) {
@@ -239,9 +238,6 @@ TEST_F(Shutdown, ASectionUnderWayGivesTheFileBackAfterwards) {
     EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Fcb(Handle)->Resource));
     Table->AcquireFileForNtCreateSection(FileObject(Handle));
     EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Fcb(Handle)->Resource)) << "nothing new begins";
-    for (const HANDLE Each : {Handle, Again, OfDevice}) {
-        Close(Each);
-    }
 }
 
 TEST_F(Shutdown, LocksThatWaitAreCancelledOneAfterTheOther) {
@@ -255,8 +251,6 @@ TEST_F(Shutdown, LocksThatWaitAreCancelledOneAfterTheOther) {
     EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
     EXPECT_EQ(One.Wait().Status, STATUS_CANCELLED);
     EXPECT_EQ(Two.Wait().Status, STATUS_CANCELLED);
-    Close(Holder);
-    Close(Waiter);
 }
 
 // A canceller that has taken the request, but not ended it yet, is nobody that teardown could wait for.
@@ -274,7 +268,6 @@ TEST_F(Shutdown, ALockWhoseCancellerIsOvertakenIsCompletedAllTheSame) {
     IoAcquireCancelSpinLock(&Irp->CancelIrql);
     Routine(nullptr, Irp);
     EXPECT_EQ(Waiting.Wait().Status, STATUS_CANCELLED);
-    Close(Holder);
 }
 
 TEST_F(Shutdown, WaitsForARequestThatIsUnderWay) {
@@ -305,7 +298,6 @@ TEST_F(Shutdown, WaitsForARequestThatIsUnderWay) {
     Down.join();
     EXPECT_TRUE(DownAfterRead);
     EXPECT_EQ(Provider.Violations(), Lines{});
-    Close(Handle);
 }
 
 TEST_F(Shutdown, GivesUpAfterAMinuteAndUndoesNothing) {
@@ -337,7 +329,6 @@ TEST_F(Shutdown, GivesUpAfterAMinuteAndUndoesNothing) {
     Reader.join();
     EXPECT_EQ(Send(Plain(IRP_MJ_SHUTDOWN, nullptr)).Status, STATUS_NOT_SUPPORTED) << "nothing holds it any more";
     EXPECT_EQ(Provider.OpenHandles(), Lines{});
-    Close(Handle);
 }
 
 TEST_F(Shutdown, ACloseThatComesWhileItWaitsLeavesNothing) {
@@ -358,7 +349,6 @@ TEST_F(Shutdown, ACloseThatComesWhileItWaitsLeavesNothing) {
     Reader.join();
     Down.join();
     EXPECT_EQ(Provider.OpenHandles(), Lines{});
-    Close(Handle);
 }
 
 // ---- Races

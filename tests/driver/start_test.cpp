@@ -234,7 +234,6 @@ TEST_F(DriverStart, ASectionIsCreatedUnderTheFilesResource) {
     Table->AcquireFileForNtCreateSection(Bare);
     Table->ReleaseFileForNtCreateSection(Bare);
     EXPECT_EQ(embedded::CurrentThread().CriticalRegions, Regions);
-    Close(Handle);
 }
 
 TEST_F(DriverStart, TellsItsStepsInOrder) {
@@ -364,7 +363,6 @@ TEST_F(FailedStart, AMissingDeferredThreadIsTheAnswerAndUndoesNothing) {
     EXPECT_EQ(g_bDriverEntryDone, 1);
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
     EXPECT_EQ(ReadAll(Handle), "0123456789");
-    Close(Handle);
 }
 
 // ---- The deferred thread

@@ -89,23 +89,6 @@ protected:
     std::atomic<int> Readers{0}, Writers{0};
 };
 
-TEST_F(ResourceTest, SharedHoldersShareAndKeepWritersOut) {
-    Actor Reader;
-    Reader.Do([&] { Shared(Readers); });
-    EXPECT_TRUE(Try(false));
-    EXPECT_FALSE(Try(true));
-    Reader.Do([&] { Release(); });
-    EXPECT_TRUE(Try(true));
-}
-
-TEST_F(ResourceTest, AnExclusiveHolderKeepsEverybodyOut) {
-    Actor Writer;
-    Writer.Do([&] { Exclusive(Writers); });
-    EXPECT_FALSE(Try(false));
-    EXPECT_FALSE(Try(true));
-    Writer.Do([&] { Release(); });
-}
-
 TEST_F(ResourceTest, AnExclusiveHoldIsRecursiveAndCoversSharedAcquires) {
     CriticalRegion Region;
     EXPECT_TRUE(ExAcquireResourceExclusiveLite(&Resource, TRUE));
@@ -342,15 +325,6 @@ TEST(LookasideTest, KeepsAsManyEntriesAsItsDepthAndFreesThemAtTheEnd) {
     ExDeleteNPagedLookasideList(&List);
     EXPECT_EQ(PoolBlocksInUse(), Blocks);
     SetLookasideCaching(LookasideCaching::FollowVerifier);
-}
-
-TEST(LookasideTest, KeepsNothingUnderTheVerifier) {
-    const LONG64 Blocks = PoolBlocksInUse();
-    NPAGED_LOOKASIDE_LIST List;
-    ExInitializeNPagedLookasideList(&List, nullptr, nullptr, 0, 168, Tag, 4);
-    ExFreeToNPagedLookasideList(&List, ExAllocateFromNPagedLookasideList(&List));
-    EXPECT_EQ(PoolBlocksInUse(), Blocks);
-    ExDeleteNPagedLookasideList(&List);
 }
 
 TEST(LookasideTest, EntriesPassBetweenThreadsOnceEach) {

@@ -497,14 +497,5 @@ TEST(StreamContextsDeathTest, TeardownChecksTheHeader) {
                  "there are stream contexts");
 }
 
-TEST(CachedCopy, IsNeverPossibleWithoutACacheMap) {
-    FILE_OBJECT File{};
-    LARGE_INTEGER Offset{};
-    IO_STATUS_BLOCK Status{};
-    char Buffer[8];
-    EXPECT_FALSE(FsRtlCopyRead(&File, &Offset, sizeof(Buffer), TRUE, 0, Buffer, &Status, nullptr));
-    EXPECT_FALSE(FsRtlCopyWrite(&File, &Offset, sizeof(Buffer), TRUE, 0, Buffer, &Status, nullptr));
-}
-
 } // namespace
 } // namespace embedded

@@ -37,21 +37,6 @@ protected:
     std::vector<std::u16string> Asked;
 };
 
-TEST_F(MupTest, TheProviderIsRegisteredUnderItsName) {
-    ASSERT_EQ(RegisteredUncProviders().size(), 1u);
-    EXPECT_EQ(RegisteredUncProviders()[0].DeviceName, u"\\Device\\RvFsd");
-    EXPECT_EQ(RegisteredUncProviders()[0].Flags, 0u);
-    std::u16string Name = u"?";
-    Handlers[IRP_MJ_CREATE] = [&](PIRP Irp) {
-        Name = View(&IoGetCurrentIrpStackLocation(Irp)->FileObject->FileName);
-        return Complete(Irp, STATUS_SUCCESS, FILE_OPENED);
-    };
-    EXPECT_EQ(OpenAndClose(u"\\Device\\RvFsd"), STATUS_SUCCESS);
-    EXPECT_EQ(Name, u"");
-    EXPECT_EQ(OpenAndClose(u"\\Device\\RvFsd\\srv\\vol\\x"), STATUS_SUCCESS);
-    EXPECT_EQ(Name, u"\\srv\\vol\\x");
-}
-
 TEST_F(MupTest, AUncOpenAsksOnceAndThenRemembersThePrefix) {
     Answer(STATUS_SUCCESS, Bytes(u"\\srv\\vol"));
     EXPECT_EQ(OpenAndClose(u"\\??\\UNC\\srv\\vol\\a"), STATUS_SUCCESS);
@@ -92,17 +77,6 @@ TEST_F(MupTest, WithoutAClaimTheProvidersStatusIsTheAnswer) {
         EXPECT_EQ(Seen, (std::vector<UCHAR>{IRP_MJ_DEVICE_CONTROL})) << "no create without a claim";
         EXPECT_TRUE(CachedUncPrefixes().empty());
     }
-}
-
-TEST_F(MupTest, AClaimCanBeAskedForWithoutAnOpen) {
-    Answer(STATUS_SUCCESS, Bytes(u"\\srv"));
-    const PathClaim Claim = QueryPathClaim(u"\\srv\\vol\\x");
-    EXPECT_EQ(Claim.Status, STATUS_SUCCESS);
-    EXPECT_EQ(Claim.BytesClaimed, Bytes(u"\\srv"));
-    EXPECT_TRUE(CachedUncPrefixes().empty());
-    Answer(STATUS_BAD_NETWORK_NAME, 4);
-    EXPECT_EQ(QueryPathClaim(u"\\srv\\vol\\x").Status, STATUS_BAD_NETWORK_NAME);
-    EXPECT_EQ(QueryPathClaim(u"\\srv\\vol\\x").BytesClaimed, 0u);
 }
 
 TEST_F(MupTest, DeregistrationEndsClaimsNamesAndMemory) {
