@@ -296,7 +296,7 @@ TEST_F(ConcurrentCreates, OpensAndClosesOfNestedNamesDoNotDisturbEachOther) {
     const std::u16string_view Paths[] = {u"\\srv\\vol\\docs\\f.txt", u"\\SRV\\vol\\DOCS\\F.txt",
                                          u"\\srv\\vol\\docs",        u"\\srv\\vol",
                                          u"\\srv\\vol\\docs\\sub",   u"\\srv\\vol\\docs\\none"};
-    std::vector<std::thread> Workers;
+    std::vector<std::jthread> Workers;
     for (int Index = 0; Index < Threads; Index++) {
         Workers.emplace_back([&, Index] {
             const std::u16string Own = u"own" + std::u16string(1, static_cast<char16_t>(u'0' + Index));
@@ -320,9 +320,7 @@ TEST_F(ConcurrentCreates, OpensAndClosesOfNestedNamesDoNotDisturbEachOther) {
             }
         });
     }
-    for (std::thread &Each : Workers) {
-        Each.join();
-    }
+    Workers.clear(); // joins them
     ExpectNothingOpen("all threads");
 }
 

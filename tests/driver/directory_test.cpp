@@ -20,7 +20,6 @@ constexpr ULONG Classes[] = {FileDirectoryInformation, FileFullDirectoryInformat
                              FileNamesInformation,     FileIdBothDirectoryInformation, FileIdFullDirectoryInformation};
 
 TEST_F(Listing, ASubdirectoryBeginsWithItselfAndItsParentAndAVolumeRootDoesNot) {
-    Provider.AddDirectory(u"\\srv\\vol\\d");
     Provider.AddFile(u"\\srv\\vol\\d\\a.txt", "12345");
     Provider.AddFile(u"\\srv\\vol\\d\\b.txt", "");
     HANDLE Sub = OpenDirectory(u"\\srv\\vol\\d");
@@ -48,13 +47,14 @@ TEST_F(Listing, TheDotEntriesAreThereForMasksWithoutAnOrdinaryCharacter) {
     using Found = std::vector<std::u16string>;
     EXPECT_EQ(Names(Directory, u"???"), (Found{u".", u"..", u"abc"}));
     EXPECT_EQ(Names(Directory, u"*.txt"), (Found{u"a.txt"}));
+    EXPECT_EQ(Names(Directory, u"<.txt"), (Found{u"a.txt"}));
+    EXPECT_EQ(Names(Directory, u"<"), Names(Directory)) << "a wildcard: more than one answer";
     EXPECT_EQ(Names(Directory, u"*.*"), (Found{u"abc", u"a.txt"})) << "a full stop is an ordinary character";
     EXPECT_EQ(Names(Directory, u"\""), (Found{u"."})) << "no wildcard: one answer";
 }
 
 TEST_F(Listing, AHundredThousandEntriesAreAllListed) {
     constexpr int Count = 100'000;
-    Provider.AddDirectory(u"\\srv\\vol\\d");
     Provider.Edit([](providers::Tree &Tree) {
         providers::Node &Parent = *Tree.Find(u"\\srv\\vol\\d");
         for (int Index = 0; Index < Count; ++Index) {
@@ -73,7 +73,6 @@ TEST_F(Listing, AHundredThousandEntriesAreAllListed) {
 }
 
 TEST_F(Listing, MasksReachTheProviderRewritten) {
-    Provider.AddDirectory(u"\\srv\\vol\\d");
     const struct {
         const char16_t *Mask;
         const char *Sent;
@@ -101,7 +100,6 @@ TEST_F(Listing, MasksReachTheProviderRewritten) {
 }
 
 TEST_F(Listing, AnExactNameAnswersOnceUntilRestartedAndIsNotLostByASmallBuffer) {
-    Provider.AddDirectory(u"\\srv\\vol\\d");
     Provider.AddFile(u"\\srv\\vol\\d\\a.txt", "x");
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
     EXPECT_EQ(Query(Directory, 70, u"a.txt").Status, STATUS_BUFFER_OVERFLOW);
@@ -116,7 +114,6 @@ TEST_F(Listing, AnExactNameAnswersOnceUntilRestartedAndIsNotLostByASmallBuffer) 
 }
 
 TEST_F(Listing, EveryBufferLengthAnswersWithWholeEntriesOrNothing) {
-    Provider.AddDirectory(u"\\srv\\vol\\d");
     Provider.AddFile(u"\\srv\\vol\\d\\ten chars.", "12");
     Provider.AddFile(u"\\srv\\vol\\d\\another one", "3");
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
@@ -133,7 +130,6 @@ TEST_F(Listing, EveryBufferLengthAnswersWithWholeEntriesOrNothing) {
 }
 
 TEST_F(Listing, AnySequenceOfBuffersTellsTheSameAsOneLargeBuffer) {
-    Provider.AddDirectory(u"\\srv\\vol\\d");
     std::mt19937 Random(7);
     for (int Index = 0; Index < 400; ++Index) {
         std::u16string Name = u"\\srv\\vol\\d\\f";
@@ -172,7 +168,6 @@ TEST_F(Listing, AnySequenceOfBuffersTellsTheSameAsOneLargeBuffer) {
 }
 
 TEST_F(Listing, AFailedAllocationLosesAndDoublesNothing) {
-    Provider.AddDirectory(u"\\srv\\vol\\d");
     for (char16_t Last = u'a'; Last <= u'h'; ++Last) {
         Provider.AddFile(std::u16string(u"\\srv\\vol\\d\\") + std::u16string(200, u'x') + Last, "");
     }
@@ -199,7 +194,6 @@ TEST_F(Listing, AFailedAllocationLosesAndDoublesNothing) {
 }
 
 TEST_F(Listing, RequestsThatCannotBeServedSayWhichWay) {
-    Provider.AddDirectory(u"\\srv\\vol\\d");
     Provider.AddFile(u"\\srv\\vol\\f", "");
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
     for (const ULONG InfoClass : {0u, 4u, 5u, 55u, 56u, 0xFFFFFFFFu}) {
@@ -224,6 +218,10 @@ TEST_F(Listing, RequestsThatCannotBeServedSayWhichWay) {
     EXPECT_EQ(CallNames().size(), 0u);
     HANDLE File = MustOpen(u"\\srv\\vol\\f");
     EXPECT_EQ(Query(File, 4096).Status, STATUS_INVALID_PARAMETER);
+    {
+        const embedded::PlannedFaults NoMapping({.Kinds = embedded::FaultBit(embedded::FaultKind::Map)});
+        EXPECT_EQ(Query(Directory, 4096).Status, STATUS_INSUFFICIENT_RESOURCES);
+    }
     // A buffer that cannot be written to.
     IO_STATUS_BLOCK IoStatus = {};
     EXPECT_EQ(NtQueryDirectoryFile(Directory, nullptr, nullptr, nullptr, &IoStatus, reinterpret_cast<PVOID>(0x1000),
@@ -232,7 +230,6 @@ TEST_F(Listing, RequestsThatCannotBeServedSayWhichWay) {
 }
 
 TEST_F(Listing, AnUnknownClassIsRefusedWithoutWaitingForTheDirectory) {
-    Provider.AddDirectory(u"\\srv\\vol\\d");
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
     std::future<NTSTATUS> Refused;
     {
@@ -246,7 +243,6 @@ TEST_F(Listing, AnUnknownClassIsRefusedWithoutWaitingForTheDirectory) {
 
 TEST_F(Listing, QueriesOfOneOpenSideBySideShareItsEntriesAmongThem) {
     Start({.Switches = {{u"EnableAsyncIo", 1}}});
-    Provider.AddDirectory(u"\\srv\\vol\\d");
     for (char16_t First = u'a'; First <= u'z'; ++First) {
         for (char16_t Second = u'a'; Second <= u'z'; ++Second) {
             Provider.AddFile(std::u16string(u"\\srv\\vol\\d\\a name of some length ") + First + Second, "");
@@ -276,7 +272,6 @@ TEST_F(Listing, QueriesOfOneOpenSideBySideShareItsEntriesAmongThem) {
 }
 
 TEST_F(Listing, AProvidersErrorIsTheEndButADisconnectIsToldUntilItIsOver) {
-    Provider.AddDirectory(u"\\srv\\vol\\d");
     Provider.AddFile(u"\\srv\\vol\\d\\x1", "");
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
     Provider.OnCall(providers::Slot::EnumerateDirectory).Return(test::RvError(0x0101));

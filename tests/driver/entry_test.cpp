@@ -133,6 +133,7 @@ TEST_F(Entry, ACancelledCleanupAndCloseDoTheirWorkAllTheSame) {
     EXPECT_EQ(Send(Cancelled(IRP_MJ_CLOSE, File)).Status, STATUS_CANCELLED);
     EXPECT_EQ(Fcb(Stays)->OpenCount, 1u);
     EXPECT_EQ(File->FsContext, nullptr);
+    EXPECT_EQ(File->SectionObjectPointer, nullptr);
     EXPECT_EQ(Provider.OpenHandles().size(), 2u) << "a file and its volume";
     Close(Goes);
     Close(Stays);
@@ -315,29 +316,6 @@ TEST_F(Entry, TheDeviceOpensAndClosesWithoutTheFramework) {
     EXPECT_EQ(DriverFcb->OpenCount, 0u);
     EXPECT_EQ(File->FsContext2, nullptr);
     g_bFrameworkBindFailed = 0; // only the test lets it try again, so that it can shut down
-}
-
-TEST_F(Entry, ExtendedAttributesAreNotOffered) {
-    StartTracing(1);
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
-    Printed.clear();
-    EXPECT_EQ(Send(Plain(IRP_MJ_QUERY_EA, FileObject(Handle))).Status, STATUS_NO_EAS_ON_FILE);
-    EXPECT_EQ(Send(Plain(IRP_MJ_SET_EA, FileObject(Handle))).Status, STATUS_SUCCESS);
-    EXPECT_EQ(Printed, "[RVFSD] <<<<<<<<<<<<<NtFsdQueryEa() entered\n[RVFSD] <<<<<<<<<<<<<NtFsdSetEa() entered\n");
-}
-
-TEST_F(Entry, AListingOfAnUnknownClassIsRefusedAtOnce) {
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
-    Provider.ClearCalls();
-    for (const ULONG Unknown : {56u, 57u, 0xFFFFFFFFu}) {
-        embedded::IrpBuilder Builder = Plain(IRP_MJ_DIRECTORY_CONTROL, FileObject(Handle));
-        Builder.MinorFunction = IRP_MN_QUERY_DIRECTORY;
-        Builder.Fill = [Unknown](PIO_STACK_LOCATION IrpSp) {
-            IrpSp->Parameters.QueryDirectory.FileInformationClass = Unknown;
-        };
-        EXPECT_EQ(Send(Builder).Status, STATUS_INVALID_INFO_CLASS) << Unknown;
-    }
-    EXPECT_EQ(CallNames(), Lines{});
 }
 
 // ---- User buffers

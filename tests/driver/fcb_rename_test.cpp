@@ -64,21 +64,6 @@ TEST_F(RenamedFcbs, AreFoundUnderTheNewPathAndEveryOpenNamesIt) {
     ExpectNothingOpen("closing renamed opens");
 }
 
-TEST_F(RenamedFcbs, KeepTheirPathWhenThereIsNoMemory) {
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
-    for (ULONG64 Nth = 1; Nth <= 2; Nth++) {
-        const embedded::PlannedFaults NoMemory({.Nth = Nth});
-        const embedded::FaultScope InDriver;
-        EXPECT_EQ(Rename(Handle, u"\\srv\\vol\\b.txt"), STATUS_INSUFFICIENT_RESOURCES);
-        EXPECT_EQ(embedded::GetFaultCounts().TotalFailed(), 1u);
-    }
-    EXPECT_EQ(Rename(Handle, std::u16string(32767, u'x')), STATUS_NAME_TOO_LONG);
-    EXPECT_EQ(FullPath(Handle), u"\\srv\\vol\\a.txt");
-    EXPECT_EQ(PathLeft(Handle), u"a.txt");
-    EXPECT_EQ(Find(u"\\srv\\vol\\a.txt"), Fcb(Handle));
-    EXPECT_EQ(FcbPrefixCount, 1u);
-}
-
 // Whatever opens, goes or takes another path below it, in whatever letter case.
 TEST_F(RenamedFcbs, KeepTheirDirectoriesFromBeingRenamedWhileTheyLieBelow) {
     const auto HasBelow = [](std::u16string_view Path) {
@@ -122,13 +107,6 @@ TEST_F(RenamedFcbs, OntoAPathThatIsOpenStayOutOfTheTable) {
     Close(Fresh);
     Close(Source);
     ExpectNothingOpen("the close of an FCB outside the table");
-}
-
-TEST_F(RenamedFcbs, ToAnotherLetterCaseOfTheirOwnPathStayInTheTable) {
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
-    EXPECT_EQ(Rename(Handle, u"\\srv\\vol\\A.TXT"), STATUS_SUCCESS);
-    EXPECT_EQ(Find(u"\\srv\\vol\\a.txt"), Fcb(Handle));
-    EXPECT_EQ(FullPath(Handle), u"\\srv\\vol\\A.TXT");
 }
 
 // ---- Looking up

@@ -440,7 +440,7 @@ TEST_F(ConcurrentMapping, EachMappingIsMadeAndUnmappedOnce) {
     StartMapping();
     SetPolicy(embedded::kSystemPolicyKey, 1);
     std::atomic<int> Maps{0}, Unmaps{0};
-    std::vector<std::thread> Threads;
+    std::vector<std::jthread> Threads;
     for (int Index = 0; Index < 4; ++Index) {
         Threads.emplace_back([&, Index] {
             const TokenRef &Who = Index % 2 == 0 ? Filtered() : Elevated();
@@ -458,9 +458,7 @@ TEST_F(ConcurrentMapping, EachMappingIsMadeAndUnmappedOnce) {
             }
         });
     }
-    for (std::thread &Each : Threads) {
-        Each.join();
-    }
+    Threads.clear(); // joins them
     const int Left = static_cast<int>(g_uMappedDeviceCount);
     EXPECT_EQ(Maps, Unmaps + Left);
     EXPECT_GT(Maps, 0);

@@ -159,7 +159,7 @@ TEST_F(Watching, WithoutMemoryTheRequestIsRefusedAndNothingWaits) {
 
 // Each thread watches a directory and its parent, makes and deletes entries in both, and closes.
 TEST_F(Watching, ConcurrentWatchersCreatorsAndClosersOfParentAndChild) {
-    std::vector<std::thread> Threads;
+    std::vector<std::jthread> Threads;
     for (int Thread = 0; Thread < 3; ++Thread) {
         Threads.emplace_back([this, Thread] {
             for (int Round = 0; Round < 40; ++Round) {
@@ -182,9 +182,7 @@ TEST_F(Watching, ConcurrentWatchersCreatorsAndClosersOfParentAndChild) {
             }
         });
     }
-    for (std::thread &Thread : Threads) {
-        Thread.join();
-    }
+    Threads.clear(); // joins them
 }
 
 TEST_F(Watching, TheParentIsThePathWithoutItsLastComponent) {

@@ -64,6 +64,10 @@ protected:
         return MustOpen(Path, {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
                                .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
     }
+    HANDLE OpenEmptyFile() {
+        Provider.AddFile(u"\\srv\\vol\\f", "");
+        return MustOpen(u"\\srv\\vol\\f");
+    }
     void SetVolume(ULONG Flags, ULONG FirstWord) {
         Provider.OnCall(providers::Slot::GetVolumeInformation).Answer([=](providers::Outputs &Out) {
             *Out.VolumeFlags = Flags;
@@ -236,8 +240,7 @@ TEST_F(Asking, AnyQueryRefreshesTheSizesAlsoDownwards) {
 }
 
 TEST_F(Asking, IdentifiersComeFromVolumesThatHaveThem) {
-    Provider.AddFile(u"\\srv\\vol\\f", "");
-    HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    const HANDLE Handle = OpenEmptyFile();
     SetVolume(0, 0);
     EXPECT_EQ(File(Handle, FileInternalInformation).At<ULONG64>(0), 0x00000ABA00000020u);
     Provider.ClearScript();
@@ -269,8 +272,7 @@ TEST_F(Asking, AnOpenWithATrailingBackslashGetsItsNameBackWithOne) {
 }
 
 TEST_F(Asking, WhatIsNotServedIsRefused) {
-    Provider.AddFile(u"\\srv\\vol\\f", "");
-    HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    const HANDLE Handle = OpenEmptyFile();
     for (const ULONG InfoClass : {0u, 1u, 8u, 22u, 99u, 0xFFFFFFFFu}) {
         const Answer Got = File(Handle, InfoClass);
         EXPECT_EQ(Got.Status, STATUS_INVALID_PARAMETER) << InfoClass;
@@ -307,8 +309,7 @@ TEST_F(Asking, ADirectoryThatWasCreatedAndNotOpenedIsNotTakenForItsParent) {
 // ---- Volumes
 
 TEST_F(Asking, VolumeClassesAnswerEveryLengthAndNeverWriteBeyondIt) {
-    Provider.AddFile(u"\\srv\\vol\\f", "");
-    HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    const HANDLE Handle = OpenEmptyFile();
     const struct {
         ULONG InfoClass, Fixed, Variable;
     } Classes[] = {{FileFsVolumeInformation, 18, 6},     {FileFsLabelInformation, 4, 6},
@@ -328,8 +329,7 @@ TEST_F(Asking, VolumeClassesAnswerEveryLengthAndNeverWriteBeyondIt) {
 }
 
 TEST_F(Asking, LabelsSerialNumbersAndSizes) {
-    Provider.AddFile(u"\\srv\\vol\\f", "");
-    HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    const HANDLE Handle = OpenEmptyFile();
     Provider.OnCall(providers::Slot::GetVolumeSize).Answer([](providers::Outputs &Out) {
         *Out.VolumeLength = 100 * 4096 + 5;
         *Out.Free = 50 * 4096;
@@ -411,8 +411,7 @@ TEST(SerialFromPath, TakesTheVolumesFirstLettersAndPadsWithTheServers) {
 }
 
 TEST_F(Asking, AVolumeThatCannotBeReachedIsTheStatusAndTheDeviceClassAsksNobody) {
-    Provider.AddFile(u"\\srv\\vol\\f", "");
-    HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    const HANDLE Handle = OpenEmptyFile();
     const struct {
         providers::Slot Slot;
         RVSTATUS Result;

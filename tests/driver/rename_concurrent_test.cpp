@@ -23,10 +23,7 @@ protected:
         });
     }
     void Join() {
-        for (std::thread &Each : Threads_) {
-            Each.join();
-        }
-        Threads_.clear();
+        Threads_.clear(); // joins them
     }
     // Opens Path, if it is there, and reads what must be in it.
     void ReadIfThere(std::u16string_view Path, const std::string &Content) {
@@ -50,7 +47,7 @@ protected:
     }
 
 private:
-    std::vector<std::thread> Threads_;
+    std::vector<std::jthread> Threads_;
 };
 
 TEST_F(RenamesConcurrent, WithOpensOfTheOldAndTheNewName) {

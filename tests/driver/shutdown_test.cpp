@@ -91,17 +91,6 @@ TEST_F(Shutdown, WhileTheFrameworkCannotBeBoundIsRefusedAndUndoesNothing) {
     g_bFrameworkBindFailed = 0; // only the test lets it try again
 }
 
-TEST_F(Shutdown, IsCompletedBeforeItTearsDownWithBoostTwo) {
-    Start();
-    const KeptDevice Kept;
-    embedded::SentIrp Sent = SendIrp(Kept, Plain(IRP_MJ_SHUTDOWN, nullptr));
-    EXPECT_EQ(Sent.Returned(), STATUS_NOT_SUPPORTED);
-    const IO_STATUS_BLOCK Block = Sent.Wait();
-    EXPECT_EQ(Block.Status, STATUS_NOT_SUPPORTED);
-    EXPECT_EQ(Block.Information, 0u);
-    EXPECT_EQ(Sent.PriorityBoost(), 2);
-}
-
 // ---- Afterwards
 
 struct After {
@@ -214,15 +203,6 @@ TEST_F(Shutdown, WhatOpensOfTheDevicePointToStaysUntilTheLastIsClosed) {
         EXPECT_EQ(File->SectionObjectPointer->DataSectionObject, nullptr);
         EXPECT_EQ(Close(Each), STATUS_SUCCESS);
     }
-}
-
-TEST_F(Shutdown, OpensThatBorrowHandlesOfOthersEndInAnyOrder) {
-    Provider.AddFile(u"\\srv\\vol\\docs\\f.txt", "x");
-    const HANDLE Parent = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
-    const HANDLE Child = MustOpen(u"f.txt", {.Related = Parent});
-    EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
-    EXPECT_EQ(Close(Parent), STATUS_SUCCESS);
-    EXPECT_EQ(Close(Child), STATUS_SUCCESS);
 }
 
 TEST_F(Shutdown, ASectionUnderWayGivesTheFileBackAfterwards) {

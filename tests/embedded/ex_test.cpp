@@ -168,7 +168,7 @@ TEST_F(ResourceTest, ConversionLetsReadersInAndKeepsTheHold) {
 TEST_F(ResourceTest, HoldsUnderLoadExcludeEachOther) {
     int Guarded = 0;
     std::atomic<int> ReadersNow{0};
-    std::vector<std::thread> Threads;
+    std::vector<std::jthread> Threads;
     for (int Thread = 0; Thread < 4; ++Thread) {
         Threads.emplace_back([&, Thread] {
             for (int Round = 0; Round < 1500; ++Round) {
@@ -187,9 +187,7 @@ TEST_F(ResourceTest, HoldsUnderLoadExcludeEachOther) {
             }
         });
     }
-    for (std::thread &Thread : Threads) {
-        Thread.join();
-    }
+    Threads.clear(); // joins them
     EXPECT_EQ(Guarded, 2000);
     EXPECT_EQ(Resource.NumberOfExclusiveWaiters + Resource.NumberOfSharedWaiters, 0u);
     EXPECT_EQ(Resource.SpinLock, 0u);
@@ -336,7 +334,7 @@ TEST(LookasideTest, EntriesPassBetweenThreadsOnceEach) {
     for (Entry &One : Entries) {
         ExpInterlockedPushEntrySList(&Head, &One.Link);
     }
-    std::vector<std::thread> Threads;
+    std::vector<std::jthread> Threads;
     for (int Thread = 0; Thread < 3; ++Thread) {
         Threads.emplace_back([&] {
             for (int Round = 0; Round < 3000; ++Round) {
@@ -347,9 +345,7 @@ TEST(LookasideTest, EntriesPassBetweenThreadsOnceEach) {
             }
         });
     }
-    for (std::thread &Thread : Threads) {
-        Thread.join();
-    }
+    Threads.clear(); // joins them
     int Uses = 0;
     for (const Entry &One : Entries) {
         Uses += One.Uses;

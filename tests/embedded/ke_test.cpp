@@ -245,7 +245,7 @@ TEST(RunningClock, StoppingTheClockStopsDelaysThatAreUnderWay) {
 TEST(SpinLockTest, GuardsItsDataFromOtherThreads) {
     KSPIN_LOCK Lock = 0;
     int Count = 0;
-    std::vector<std::thread> Threads;
+    std::vector<std::jthread> Threads;
     for (int Thread = 0; Thread < 3; ++Thread) {
         Threads.emplace_back([&] {
             for (int Round = 0; Round < 2000; ++Round) {
@@ -255,9 +255,7 @@ TEST(SpinLockTest, GuardsItsDataFromOtherThreads) {
             }
         });
     }
-    for (std::thread &Thread : Threads) {
-        Thread.join();
-    }
+    Threads.clear(); // joins them
     EXPECT_EQ(Count, 6000);
 }
 

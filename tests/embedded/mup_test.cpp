@@ -105,13 +105,4 @@ TEST_F(MupTest, TheLongestClaimWins) {
     FsRtlDeregisterUncProvider(Second);
 }
 
-TEST_F(MupTest, RegistrationCanBeMadeToFail) {
-    TheKernel = nullptr;
-    Kernel Fresh;
-    FailNextUncRegistration(STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(Fresh.LoadDriver(DriverEntry, u"RVFSD"), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(Fresh.Driver(), nullptr);
-    EXPECT_EQ(Fresh.LoadDriver(DriverEntry, u"RVFSD"), STATUS_SUCCESS);
-}
-
 } // namespace

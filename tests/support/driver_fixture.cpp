@@ -157,6 +157,14 @@ std::string DriverFixture::ReadAll(HANDLE Handle, ULONG Length) {
     return Text;
 }
 
+void DriverFixture::ExpectPrintedInOrder(std::initializer_list<const char *> Lines) {
+    size_t At = 0;
+    for (const char *Line : Lines) {
+        At = Printed.find(Line, At);
+        ASSERT_NE(At, std::string::npos) << "missing or too early: " << Line << Printed;
+    }
+}
+
 PFILE_OBJECT DriverFixture::FileObject(HANDLE Handle) {
     PFILE_OBJECT Object = embedded::FileObjectFromHandle(Handle);
     EXPECT_NE(Object, nullptr);

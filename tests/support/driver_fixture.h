@@ -86,6 +86,9 @@ protected:
     PFCB Fcb(HANDLE Handle);
     PINSTANCE_CONTEXT Instance(HANDLE Handle);
 
+    // Each of these stands in what the driver printed, behind the one before it.
+    void ExpectPrintedInOrder(std::initializer_list<const char *> Lines);
+
     // Names of the Provider calls since the last ClearCalls.
     std::vector<std::string> CallNames() {
         return Provider.CallNames();
