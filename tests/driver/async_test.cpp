@@ -134,16 +134,12 @@ TEST_F(TracedAsync, ARequestTellsItsWayThroughTheQueue) {
     EXPECT_EQ(Workers(), 1u);
     Clock::Advance(3 * Clock::Second);
     EXPECT_EQ(Workers(), 0u);
-    size_t At = 0;
-    for (const char *Line :
-         {"TwFsdPostRequest called!\n", "RvFsdInsertIrpEx for IRP 0x", "g_uAsyncIrpQueueCount now 1.\n",
-          "NtFsdPostRequest for IRP 0x", "NtFsdPostRequest starting thread; g_uAsyncWorkerThreadCount now 1.\n",
-          "RvFsdPeekNextIrp for 0x", "RvFsdRemoveIrp for IRP 0x", "g_uAsyncIrpQueueCount now 0.\n",
-          "NtFsdDispatch received IRP 0x", "NtFsdDispatch calling NtFsdCommonRead!\n",
-          " NtFsdDispatch() FSP complete!\n", "NtFsdDispatch exiting thread; g_uAsyncWorkerThreadCount now 0.\n"}) {
-        At = Printed.find(Line, At);
-        ASSERT_NE(At, std::string::npos) << Line;
-    }
+    ExpectPrintedInOrder(
+        {"TwFsdPostRequest called!\n", "RvFsdInsertIrpEx for IRP 0x", "g_uAsyncIrpQueueCount now 1.\n",
+         "NtFsdPostRequest for IRP 0x", "NtFsdPostRequest starting thread; g_uAsyncWorkerThreadCount now 1.\n",
+         "RvFsdPeekNextIrp for 0x", "RvFsdRemoveIrp for IRP 0x", "g_uAsyncIrpQueueCount now 0.\n",
+         "NtFsdDispatch received IRP 0x", "NtFsdDispatch calling NtFsdCommonRead!\n",
+         " NtFsdDispatch() FSP complete!\n", "NtFsdDispatch exiting thread; g_uAsyncWorkerThreadCount now 0.\n"});
 }
 
 // ---- Cancellation
@@ -190,7 +186,6 @@ TEST_F(Async, CleanupAndCloseRunThoughTheyAreCancelledInTheQueue) {
     }
     EXPECT_EQ(Fcb(Handle)->UncleanCount, 1u);
     EXPECT_EQ(Fcb(Handle)->OpenCount, 1u);
-    Close(Goes);
 }
 
 // The grant of a waiting lock stands in the queue behind a worker that is busy with another file.
@@ -380,7 +375,6 @@ TEST_F(Async, APostedCloseLetsOtherCreatesGoOn) {
     Close(MustOpen(u"\\srv\\vol\\b.txt"));
     Busy.Release();
     EXPECT_EQ(Closing.Wait().Status, STATUS_SUCCESS);
-    Close(Goes);
 }
 
 TEST_F(Async, AHandleThatIsClosedWithRequestsInFlightIsClosedAfterThem) {

@@ -156,6 +156,9 @@ TEST_F(EraseChecks, OfWhatIsNotThereYetLookAtTheParent) {
     ExpectRefused(u"\\srv\\vol\\docs\\new", With(Directory, FILE_OPEN_IF), STATUS_ACCESS_DENIED);
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\docs\\new"));
     ExpectOpened(u"\\srv\\vol\\new", With(ForDelete, FILE_OPEN_IF), FILE_CREATED);
+    // A parent that cannot be opened denies nothing.
+    Provider.OnPath(Slot::OpenDirectory, u"\\srv\\vol\\docs").Return(ProviderError(0x0102));
+    ExpectOpened(u"\\srv\\vol\\docs\\new", With(ForDelete, FILE_OPEN_IF), FILE_CREATED);
     ExpectNothingOpen("refusals");
 }
 

@@ -110,7 +110,7 @@ TEST_F(SharedOpens, ThatReplaceContentNeedTheAccessForIt) {
 
 TEST_F(SharedOpens, SayWhatIsIncompatibleWithTheShareModeThatWasAskedFor) {
     Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 32}}});
-    const HANDLE Held = MustOpen(u"\\srv\\vol\\a.txt", {.Access = FILE_READ_DATA | SYNCHRONIZE, .Share = 0});
+    MustOpen(u"\\srv\\vol\\a.txt", {.Access = FILE_READ_DATA | SYNCHRONIZE, .Share = 0});
     ExpectRefused(u"\\srv\\vol\\a.txt",
                   {.Access = FILE_READ_DATA | SYNCHRONIZE,
                    .Share = FILE_SHARE_WRITE,
@@ -119,7 +119,6 @@ TEST_F(SharedOpens, SayWhatIsIncompatibleWithTheShareModeThatWasAskedFor) {
     EXPECT_NE(Printed.find("ERROR : Incompatible sharing mode detected: DesiredAccess 00100001\t, DesiredShareAccess "
                            "00000002\t,  Error c0000043\n"),
               std::string::npos);
-    Close(Held);
 }
 
 TEST_F(SharedOpens, SucceedWithoutAClaimWhenTheClaimIsRefusedAtTheEnd) {
@@ -135,7 +134,6 @@ TEST_F(SharedOpens, SucceedWithoutAClaimWhenTheClaimIsRefusedAtTheEnd) {
     Shared->ShareAccess = Before;
     Close(Second);
     EXPECT_TRUE(Same(Shared->ShareAccess, Before)) << "nothing was taken that had not been added";
-    Close(Held);
 }
 
 TEST_F(SharedOpens, DoNotMeetTheClaimOfAHandleThatIsGone) {
@@ -149,7 +147,6 @@ TEST_F(SharedOpens, DoNotMeetTheClaimOfAHandleThatIsGone) {
     embedded::DereferenceFileObject(File);
     EXPECT_EQ(Fcb(Next)->ShareAccess.OpenCount, 1u);
     EXPECT_EQ(Fcb(Next)->ShareAccess.Readers, 1u);
-    Close(Next);
 }
 
 // ---- What a second open may do
@@ -166,8 +163,6 @@ TEST_F(SharedOpens, CannotCreateWhatIsOpen) {
     }
     EXPECT_EQ(Fcb(File)->OpenCount, 1u);
     EXPECT_EQ(Fcb(Directory)->OpenCount, 1u);
-    Close(File);
-    Close(Directory);
 }
 
 TEST_F(SharedOpens, AreWhatTheFirstOneWas) {
@@ -223,8 +218,6 @@ TEST_F(SharedOpens, OfARootWhoseVolumeCannotBeOpenedLeaveItARoot) {
     const HANDLE Second = MustOpen(u"\\srv\\vol", AsDirectory);
     EXPECT_EQ(Instance(Second)->VolumeHandle, 0u);
     EXPECT_EQ(Fcb(Root)->VolumeResolved, 1) << "its listings have no dot entries";
-    Close(Second);
-    Close(Root);
 }
 
 TEST_F(SharedOpens, OfARefusedSizeDoNotTakeItOver) {
@@ -234,7 +227,6 @@ TEST_F(SharedOpens, OfARefusedSizeDoNotTakeItOver) {
     ExpectRefused(u"\\srv\\vol\\a.txt", With(ForDelete, FILE_OPEN, FILE_DELETE_ON_CLOSE), STATUS_CANNOT_DELETE,
                   FILE_SUPERSEDED);
     EXPECT_EQ(Fcb(First)->Header.FileSize.QuadPart, 10);
-    Close(First);
 }
 
 TEST_F(SharedOpens, KeepTheLocksOfTheFirst) {
@@ -248,8 +240,6 @@ TEST_F(SharedOpens, KeepTheLocksOfTheFirst) {
     Try(u"\\srv\\vol\\a.txt");
     EXPECT_EQ(NtLockFile(Second, nullptr, nullptr, nullptr, &IoStatus, &At, &Length, 0, TRUE, TRUE),
               STATUS_LOCK_NOT_GRANTED);
-    Close(First);
-    Close(Second);
 }
 
 // ---- Opens that fail while others wait for them
@@ -306,7 +296,7 @@ TEST_F(ConcurrentCreates, OpensAndClosesOfNestedNamesDoNotDisturbEachOther) {
     const std::u16string_view Paths[] = {u"\\srv\\vol\\docs\\f.txt", u"\\SRV\\vol\\DOCS\\F.txt",
                                          u"\\srv\\vol\\docs",        u"\\srv\\vol",
                                          u"\\srv\\vol\\docs\\sub",   u"\\srv\\vol\\docs\\none"};
-    std::vector<std::thread> Workers;
+    std::vector<std::jthread> Workers;
     for (int Index = 0; Index < Threads; Index++) {
         Workers.emplace_back([&, Index] {
             const std::u16string Own = u"own" + std::u16string(1, static_cast<char16_t>(u'0' + Index));
@@ -330,9 +320,7 @@ TEST_F(ConcurrentCreates, OpensAndClosesOfNestedNamesDoNotDisturbEachOther) {
             }
         });
     }
-    for (std::thread &Each : Workers) {
-        Each.join();
-    }
+    Workers.clear(); // joins them
     ExpectNothingOpen("all threads");
 }
 
@@ -364,7 +352,6 @@ TEST_F(SharedOpens, TellTheWatchersWhenAllElseIsDone) {
         EXPECT_EQ(Waiting.Wait().Status, STATUS_NOTIFY_ENUM_DIR);
         Close(Made);
     }
-    Close(Directory);
 }
 
 } // namespace

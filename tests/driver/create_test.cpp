@@ -59,52 +59,33 @@ const Names OpenFile = {"CreateFile", "GetFileInformation"};
 const Names Root = {"QueryPathForVolume", "OpenVolume", "CloseVolume"}; // the parent is looked for
 const Names Ask = {"OpenDirectory", "CreateFile"};                      // what kind is it
 
+using enum There;
+constexpr NTSTATUS Good = STATUS_SUCCESS, Missing = STATUS_OBJECT_NAME_NOT_FOUND;
+constexpr NTSTATUS Collides = STATUS_OBJECT_NAME_COLLISION, IsADirectory = STATUS_FILE_IS_A_DIRECTORY;
+const std::vector<ULONG> Making = {FILE_CREATE, FILE_OPEN_IF, FILE_SUPERSEDE, FILE_OVERWRITE_IF};
+const Names OpenAnew = {"OpenDirectory", "CreateDirectory", "OpenDirectory"};
+
 const Decision Decisions[] = {
-    {There::Directory, {0, D}, Opening, {"OpenDirectory"}, STATUS_SUCCESS, FILE_OPENED},
-    {There::Directory, {0, D}, {FILE_CREATE}, {"CreateDirectory"}, STATUS_OBJECT_NAME_COLLISION, FILE_EXISTS},
-    {There::Directory, {0, D}, OpeningOrCreating, {"OpenDirectory"}, STATUS_SUCCESS, FILE_OPENED},
-    {There::Directory, {N, D | N}, Any, {}, STATUS_FILE_IS_A_DIRECTORY, FILE_DOES_NOT_EXIST},
-    {There::File, {D | N}, Any, {}, STATUS_FILE_IS_A_DIRECTORY, FILE_DOES_NOT_EXIST},
-    {There::File, {D}, Opening, Names{"OpenDirectory"} + Root, STATUS_NOT_A_DIRECTORY, FILE_DOES_NOT_EXIST},
-    {There::File, {D}, {FILE_CREATE}, {"CreateDirectory"}, STATUS_OBJECT_NAME_COLLISION, FILE_EXISTS},
-    {There::File,
-     {D},
-     OpeningOrCreating,
-     {"OpenDirectory", "CreateDirectory"},
-     STATUS_OBJECT_NAME_COLLISION,
-     FILE_EXISTS},
-    {There::File, {0, N}, {FILE_OPEN, FILE_OPEN_IF}, OpenFile, STATUS_SUCCESS, FILE_OPENED},
-    {There::File, {0, N}, {FILE_CREATE}, {"CreateFile"}, STATUS_OBJECT_NAME_COLLISION, FILE_EXISTS},
-    {There::File, {0, N}, {FILE_OVERWRITE}, OpenFile, STATUS_SUCCESS, FILE_OVERWRITTEN},
-    {There::File, {0, N}, Replacing, OpenFile, STATUS_SUCCESS, FILE_SUPERSEDED},
-    {There::Nothing, {D | N}, Any, Ask, STATUS_FILE_IS_A_DIRECTORY, FILE_DOES_NOT_EXIST},
-    {There::Nothing,
-     {D},
-     Opening,
-     Ask + Names{"OpenDirectory"} + Root,
-     STATUS_OBJECT_NAME_NOT_FOUND,
-     FILE_DOES_NOT_EXIST},
-    {There::Nothing, {D}, {FILE_CREATE}, Ask + Names{"CreateDirectory"}, STATUS_SUCCESS, FILE_CREATED},
-    {There::Nothing,
-     {D},
-     OpeningOrCreating,
-     Ask + Names{"OpenDirectory", "CreateDirectory", "OpenDirectory"},
-     STATUS_SUCCESS,
-     FILE_CREATED},
-    {There::Nothing, {N}, Opening, Ask + Names{"CreateFile"}, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST},
-    {There::Nothing,
-     {N},
-     {FILE_CREATE, FILE_OPEN_IF, FILE_SUPERSEDE, FILE_OVERWRITE_IF},
-     Ask + OpenFile,
-     STATUS_SUCCESS,
-     FILE_CREATED},
-    {There::Nothing,
-     {0},
-     {FILE_CREATE, FILE_OPEN_IF, FILE_SUPERSEDE, FILE_OVERWRITE_IF},
-     Ask + Ask + OpenFile,
-     STATUS_SUCCESS,
-     FILE_CREATED},
-    {There::Nothing, {0}, Opening, Ask + Ask + Root, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST},
+    {Directory, {0, D}, Opening, {"OpenDirectory"}, Good, FILE_OPENED},
+    {Directory, {0, D}, {FILE_CREATE}, {"CreateDirectory"}, Collides, FILE_EXISTS},
+    {Directory, {0, D}, OpeningOrCreating, {"OpenDirectory"}, Good, FILE_OPENED},
+    {Directory, {N, D | N}, Any, {}, IsADirectory, FILE_DOES_NOT_EXIST},
+    {File, {D | N}, Any, {}, IsADirectory, FILE_DOES_NOT_EXIST},
+    {File, {D}, Opening, Names{"OpenDirectory"} + Root, STATUS_NOT_A_DIRECTORY, FILE_DOES_NOT_EXIST},
+    {File, {D}, {FILE_CREATE}, {"CreateDirectory"}, Collides, FILE_EXISTS},
+    {File, {D}, OpeningOrCreating, {"OpenDirectory", "CreateDirectory"}, Collides, FILE_EXISTS},
+    {File, {0, N}, {FILE_OPEN, FILE_OPEN_IF}, OpenFile, Good, FILE_OPENED},
+    {File, {0, N}, {FILE_CREATE}, {"CreateFile"}, Collides, FILE_EXISTS},
+    {File, {0, N}, {FILE_OVERWRITE}, OpenFile, Good, FILE_OVERWRITTEN},
+    {File, {0, N}, Replacing, OpenFile, Good, FILE_SUPERSEDED},
+    {Nothing, {D | N}, Any, Ask, IsADirectory, FILE_DOES_NOT_EXIST},
+    {Nothing, {D}, Opening, Ask + Names{"OpenDirectory"} + Root, Missing, FILE_DOES_NOT_EXIST},
+    {Nothing, {D}, {FILE_CREATE}, Ask + Names{"CreateDirectory"}, Good, FILE_CREATED},
+    {Nothing, {D}, OpeningOrCreating, Ask + OpenAnew, Good, FILE_CREATED},
+    {Nothing, {N}, Opening, Ask + Names{"CreateFile"}, Missing, FILE_DOES_NOT_EXIST},
+    {Nothing, {N}, Making, Ask + OpenFile, Good, FILE_CREATED},
+    {Nothing, {0}, Making, Ask + Ask + OpenFile, Good, FILE_CREATED},
+    {Nothing, {0}, Opening, Ask + Ask + Root, Missing, FILE_DOES_NOT_EXIST},
 };
 
 TEST_F(Creates, DecideByTypeFlagsEntryAndDisposition) {
@@ -116,10 +97,10 @@ TEST_F(Creates, DecideByTypeFlagsEntryAndDisposition) {
                                                   << " disposition " << Disposition);
                 Provider.Edit([&](providers::Tree &Tree) {
                     Tree.AddFile(u"\\srv\\vol\\x", "here");
-                    if (Row.What != There::File) {
+                    if (Row.What != File) {
                         Tree.Delete(false, 0, u"\\srv\\vol\\x");
                     }
-                    if (Row.What == There::Directory) {
+                    if (Row.What == Directory) {
                         Tree.AddDirectory(u"\\srv\\vol\\x");
                     }
                 });
@@ -128,7 +109,7 @@ TEST_F(Creates, DecideByTypeFlagsEntryAndDisposition) {
                 const embedded::CreateResult Result = Create(u"\\srv\\vol\\x", Request);
                 EXPECT_EQ(Result.Status, Row.Status);
                 EXPECT_EQ(Result.Information, Row.Information);
-                Names Expected = Row.What == There::File ? Names{"CreateFile", "CloseFile"} : Names{"CreateFile"};
+                Names Expected = Row.What == File ? Names{"CreateFile", "CloseFile"} : Names{"CreateFile"};
                 Expected = Expected + Names{"QueryPathForVolume", "OpenVolume"} + Row.Calls;
                 if (Row.Status == STATUS_SUCCESS) {
                     const bool IsFile = Fcb(Result.Handle)->OpenType == OPEN_TYPE_FILE;
@@ -151,26 +132,6 @@ TEST_F(Creates, DecideByTypeFlagsEntryAndDisposition) {
         }
     }
     EXPECT_EQ(Rows, 3u * 4u * 6u) << "a row of the table is missing";
-}
-
-TEST(CreateAction, OfADispositionDependsOnTheKind) {
-    constexpr ULONG Directory[] = {ACTION_CREATE_OPEN_DIR, ACTION_OPEN_DIR, ACTION_CREATE_DIR,
-                                   ACTION_CREATE_OPEN_DIR, ACTION_OPEN_DIR, ACTION_CREATE_OPEN_DIR};
-    constexpr ULONG File[] = {ACTION_REPLACE_FILE,        ACTION_OPEN_FILE,      ACTION_CREATE_NEW_FILE,
-                              ACTION_OPEN_OR_CREATE_FILE, ACTION_OVERWRITE_FILE, ACTION_REPLACE_FILE};
-    for (ULONG Disposition = 0; Disposition <= FILE_OVERWRITE_IF; Disposition++) {
-        ULONG Action = 99;
-        EXPECT_EQ(NtFsdActionFromDisposition(TRUE, FALSE, Disposition, &Action), STATUS_SUCCESS);
-        EXPECT_EQ(Action, Directory[Disposition]);
-        EXPECT_EQ(NtFsdActionFromDisposition(TRUE, TRUE, Disposition, &Action), STATUS_SUCCESS);
-        EXPECT_EQ(Action, Directory[Disposition]);
-        EXPECT_EQ(NtFsdActionFromDisposition(FALSE, TRUE, Disposition, &Action), STATUS_SUCCESS);
-        EXPECT_EQ(Action, File[Disposition]);
-        EXPECT_EQ(NtFsdActionFromDisposition(FALSE, FALSE, Disposition, &Action), STATUS_UNSUCCESSFUL);
-    }
-    ULONG Action = 99;
-    EXPECT_EQ(NtFsdActionFromDisposition(FALSE, TRUE, 6, &Action), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(Action, 99u);
 }
 
 // ---- What the Provider is given
@@ -261,7 +222,6 @@ TEST_F(Creates, TakeTheSizesOfTheFileWhenTheyCanBeHad) {
     Provider.OnCall(Slot::GetFileInformation).Answer([](providers::Outputs &Out) { *Out.EndOfFile = 1ull << 63; });
     Handle = MustOpen(u"\\srv\\vol\\a.txt");
     EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, 0) << "a size that no offset can name";
-    Close(Handle);
 }
 
 // ---- Failures of the Provider
@@ -321,22 +281,11 @@ TEST_F(Creates, KeepNothingOfAnOpenThatSucceededWithANoteThatIsAFailure) {
 }
 
 TEST_F(Creates, TellAMissingParentFromAMissingName) {
-    struct Case {
-        std::u16string_view Path;
-        ULONG Flags;
-        NTSTATUS Status;
-    };
-    constexpr Case Cases[] = {
-        {u"\\srv\\vol\\docs\\no", 0, STATUS_OBJECT_NAME_NOT_FOUND},
-        {u"\\srv\\vol\\docs\\no", D, STATUS_OBJECT_NAME_NOT_FOUND},
-        {u"\\srv\\vol\\docs\\no", N, STATUS_OBJECT_NAME_NOT_FOUND},
-        {u"\\srv\\vol\\no\\no", 0, STATUS_OBJECT_PATH_NOT_FOUND},
-        {u"\\srv\\vol\\no\\no", D, STATUS_OBJECT_PATH_NOT_FOUND},
-        {u"\\srv\\vol\\no\\no", N, STATUS_OBJECT_PATH_NOT_FOUND},
-    };
-    for (const Case &Each : Cases) {
+    for (const ULONG Flags : {0u, D, N}) {
         for (const ULONG Disposition : {FILE_OPEN, FILE_OVERWRITE}) {
-            ExpectRefused(Each.Path, With({.Options = test::Synchronous | Each.Flags}, Disposition), Each.Status);
+            const Open Request = With({.Options = test::Synchronous | Flags}, Disposition);
+            ExpectRefused(u"\\srv\\vol\\docs\\no", Request, STATUS_OBJECT_NAME_NOT_FOUND);
+            ExpectRefused(u"\\srv\\vol\\no\\no", Request, STATUS_OBJECT_PATH_NOT_FOUND);
         }
     }
 }
@@ -384,7 +333,6 @@ TEST_F(Creates, ADirectoryThatWasCreatedOnlyHasNoHandleOfItsOwn) {
     EXPECT_NE(Instance(Handle)->DirHandle, 0u);
     EXPECT_EQ(Instance(Handle)->RelatedHandle, Instance(Handle)->DirHandle);
     EXPECT_EQ(Fcb(Handle)->VolumeResolved, 0);
-    Close(Handle);
 }
 
 TEST_F(Creates, ADirectoryThatWasCreatedButCannotBeOpenedIsADirectoryAllTheSame) {
@@ -426,7 +374,6 @@ TEST_F(Creates, AVolumeRootByAnEmptyRelativeNameIsNotDeletedEither) {
     Deleting.Related = RootHandle;
     ExpectRefused(u"", Deleting, STATUS_CANNOT_DELETE);
     EXPECT_EQ(Fcb(RootHandle)->VolumeResolved, 1);
-    Close(RootHandle);
 }
 
 TEST_F(Creates, ATrailingBackslashIsForDirectories) {
@@ -440,7 +387,6 @@ TEST_F(Creates, ATrailingBackslashIsForDirectories) {
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\new\\", With(AsDirectory, FILE_CREATE));
     EXPECT_EQ(View(Fcb(Handle)->FullPath), u"\\srv\\vol\\new");
     EXPECT_EQ(Instance(Handle)->TrailingSlash, 1);
-    Close(Handle);
 }
 
 // ---- Requests that no path is looked up for

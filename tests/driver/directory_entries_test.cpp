@@ -50,7 +50,6 @@ TEST_F(Listing, AttributesSizesAndTimesFollowTheKindOfTheEntry) {
             EXPECT_EQ(Found[Index].Change, Case.Directory ? Created + 1 : 0) << Index;
         }
     }
-    Close(Directory);
 }
 
 TEST_F(Listing, IdentifiersAreNumberedThroughAcrossDirectories) {
@@ -112,7 +111,6 @@ TEST(DirectoryRecord, OnlyWhatLiesInsideTheBatchIsARecord) {
 }
 
 TEST_F(Listing, ABatchThatBreaksEndsAfterItsGoodRecordsWithAClearStatus) {
-    Provider.AddDirectory(u"\\srv\\vol\\d");
     Provider.AddFile(u"\\srv\\vol\\d\\x1", "");
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
     const test::RequestLog Log;
@@ -142,11 +140,9 @@ TEST_F(Listing, ABatchThatBreaksEndsAfterItsGoodRecordsWithAClearStatus) {
     });
     EXPECT_EQ(Query(Directory, 4096, u"x1", true).Status, STATUS_UNEXPECTED_NETWORK_ERROR);
     EXPECT_EQ(Query(Directory, 4096).Status, STATUS_UNEXPECTED_NETWORK_ERROR);
-    Close(Directory);
 }
 
 TEST_F(Listing, ANameThatNoOpenCouldUseHidesNoOther) {
-    Provider.AddDirectory(u"\\srv\\vol\\d");
     Provider.AddFile(u"\\srv\\vol\\d\\x1", "");
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
     const std::u16string Odd[] = {u"a\\b", u"../b", std::u16string(u"a\0b", 3)};
@@ -164,7 +160,6 @@ TEST_F(Listing, ANameThatNoOpenCouldUseHidesNoOther) {
         EXPECT_EQ(Found[0].Name, Name);
         EXPECT_EQ(Found[1].Name, u"good");
     }
-    Close(Directory);
 }
 
 TEST_F(Listing, ShortNamesAreAskedForUnlessLazyCloseIsOnAndTheSwitchIsReadOnce) {
@@ -179,7 +174,7 @@ TEST_F(Listing, ShortNamesAreAskedForUnlessLazyCloseIsOnAndTheSwitchIsReadOnce) 
         HANDLE Directory = OpenDirectory(u"\\srv\\vol");
         for (const ULONG InfoClass : {FileBothDirectoryInformation, FileIdBothDirectoryInformation}) {
             Provider.ClearCalls();
-            const Answer Result = Query(Directory, 4096, u"*", true, false, InfoClass);
+            const Answer Result = Query(Directory, 4096, u"a*", true, false, InfoClass);
             ASSERT_EQ(Result.Status, STATUS_SUCCESS);
             EXPECT_EQ(Provider.CountCalls(providers::Slot::EnumerateDirectoryEx) != 0, Expected);
             EXPECT_EQ(Result.Buffer[68] != 0, Expected) << "the short name's length";
@@ -212,7 +207,6 @@ TEST_F(Listing, AShortNameIsCopiedUpToItsTwelveUnits) {
             EXPECT_EQ(Unpack(Result.Buffer, Result.Information, InfoClass)[0].Name, u"a long name.txt");
         }
     }
-    Close(Directory);
 }
 
 } // namespace

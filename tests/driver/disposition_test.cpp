@@ -81,7 +81,6 @@ TEST_P(Disposition, ASecondRequestSucceedsAtOnceAndClearingWhatWasNeverSetToo) {
     Provider.ClearCalls();
     EXPECT_EQ(SetDisposition(Handle, true), STATUS_SUCCESS);
     EXPECT_EQ(CallNames(), Calls{});
-    Close(Handle);
 }
 
 TEST_P(Disposition, ClearedAgainLeavesTheFile) {
@@ -112,10 +111,8 @@ TEST_P(Disposition, AnotherOpenOfTheFileForbidsItUnlessDeletingIsShared) {
     Close(Second);
     Close(First);
     const HANDLE One = OpenFile();
-    const HANDLE Two = OpenFile();
+    OpenFile();
     EXPECT_EQ(SetDisposition(One, true), STATUS_SUCCESS);
-    Close(One);
-    Close(Two);
 }
 
 TEST_P(Disposition, AReadOnlyFileIsRefusedUnlessItsAttributesAreUnknown) {
@@ -126,7 +123,6 @@ TEST_P(Disposition, AReadOnlyFileIsRefusedUnlessItsAttributesAreUnknown) {
     EXPECT_EQ(CallNames(), Calls{"RVFsdGetFileInformation"});
     Provider.OnCall(Slot::GetFileInformation).ReturnAfter(ProviderError(0x0102)).Times(1);
     EXPECT_EQ(SetDisposition(Handle, true), STATUS_SUCCESS);
-    Close(Handle);
 }
 
 // Whoever defers the check leaves it to the server, which is not asked here either; otherwise the open has asked.
@@ -197,8 +193,6 @@ TEST_P(Disposition, OnlyTheHandleThatAskedTakesItBack) {
     EXPECT_EQ(Create(u"\\srv\\vol\\a.txt", ForChange).Status, STATUS_DELETE_PENDING);
     EXPECT_EQ(SetDisposition(Asks, false), STATUS_SUCCESS);
     Close(OpenFile());
-    Close(Asks);
-    Close(Other);
 }
 
 // Three opens, each may be the one that asks, in every order of their closes: the file goes with the last one.
@@ -259,7 +253,6 @@ TEST_P(Disposition, OfADirectoryIsRefusedWhenAnythingStandsAgainstIt) {
     Provider.OnCall(Slot::GetDirectoryInformation).ReturnAfter(ProviderError(0x0102)).Times(1);
     EXPECT_EQ(SetDisposition(ReadOnly, true), STATUS_SUCCESS);
     EXPECT_EQ(SetDisposition(ReadOnly, false), STATUS_SUCCESS);
-    Close(ReadOnly);
 }
 
 TEST_P(Disposition, TheRootOfAVolumeCannotBeDeleted) {
@@ -267,7 +260,6 @@ TEST_P(Disposition, TheRootOfAVolumeCannotBeDeleted) {
     Provider.ClearCalls();
     ExpectRefused(Root, STATUS_CANNOT_DELETE);
     EXPECT_EQ(CallNames(), Calls{});
-    Close(Root);
 }
 
 TEST_P(Disposition, ADirectoryThatWasCreatedButNotOpenedIsJudgedByItsOwnEntries) {
@@ -305,7 +297,6 @@ TEST_P(Disposition, TheAnswerOfTheListingDecides) {
         memset(Out.Buffer, 0xEE, 576);
     });
     ExpectRefused(Handle, STATUS_DIRECTORY_NOT_EMPTY);
-    Close(Handle);
 }
 
 TEST_P(Disposition, WithoutMemoryForTheListingNothingIsSet) {
@@ -316,7 +307,6 @@ TEST_P(Disposition, WithoutMemoryForTheListingNothingIsSet) {
     const NTSTATUS Status = Send(Handle, FileDispositionInformation, &Delete, 1);
     EXPECT_EQ(Status, STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_FALSE(IsSet(Handle));
-    Close(Handle);
 }
 
 } // namespace

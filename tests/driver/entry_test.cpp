@@ -133,6 +133,7 @@ TEST_F(Entry, ACancelledCleanupAndCloseDoTheirWorkAllTheSame) {
     EXPECT_EQ(Send(Cancelled(IRP_MJ_CLOSE, File)).Status, STATUS_CANCELLED);
     EXPECT_EQ(Fcb(Stays)->OpenCount, 1u);
     EXPECT_EQ(File->FsContext, nullptr);
+    EXPECT_EQ(File->SectionObjectPointer, nullptr);
     EXPECT_EQ(Provider.OpenHandles().size(), 2u) << "a file and its volume";
     Close(Goes);
     Close(Stays);
@@ -141,7 +142,6 @@ TEST_F(Entry, ACancelledCleanupAndCloseDoTheirWorkAllTheSame) {
     EXPECT_EQ(Send(Cancelled(IRP_MJ_CLOSE, FileObject(OfDevice))).Status, STATUS_CANCELLED);
     EXPECT_EQ(DriverFcb->OpenCount, 0u);
     EXPECT_TRUE(IsListEmpty(&DriverFcb->InstanceList));
-    Close(OfDevice);
 }
 
 TEST_F(Entry, AFileObjectOfSomebodyElseIsNeitherReadNorFreed) {
@@ -181,8 +181,6 @@ TEST_F(Entry, AnInstanceWithoutItsFcbGoesWithTheClose) {
     RVFsdCloseFile(&Security, Copy.FileHandle);
     RVFsdCloseVolume(&Security, Copy.VolumeHandle);
     --Fcb(Handle)->OpenCount;
-    Close(Orphan);
-    Close(Handle);
 }
 
 // ---- Memory and identity
@@ -199,7 +197,6 @@ TEST_F(Entry, WithoutMemoryForItsContextARequestIsRefusedButAnOpenStillEnds) {
         EXPECT_EQ(Send(Plain(IRP_MJ_CLOSE, File)).Status, STATUS_SUCCESS);
     }
     EXPECT_EQ(Provider.OpenHandles(), Lines{});
-    Close(Handle);
 }
 
 TEST_F(Entry, AContextFromPoolIsMarkedAndGoesBackToPool) {
@@ -245,7 +242,6 @@ TEST_F(Entry, WithoutTheCallersIdentityNothingIsAskedInHisName) {
     EXPECT_EQ(NtFsdCreateIrpContext(nullptr, TRUE), nullptr);
     g_pSecurityContextInterface = Held;
     EXPECT_EQ(CallNames(), Lines{});
-    Close(Handle);
 }
 
 TEST_F(Entry, ACompletionCarriesBoostOneAndIsTold) {
@@ -256,7 +252,6 @@ TEST_F(Entry, ACompletionCarriesBoostOneAndIsTold) {
     EXPECT_EQ(Read(Handle, Bytes, 8, 4).Information, 6u);
     EXPECT_EQ(Printed, "[RVFSD] Function = IRP_MJ_READ -  IRP Status = 0x0, Information = 0x6\n");
     EXPECT_EQ(BoostOf(Plain(IRP_MJ_FLUSH_BUFFERS, FileObject(Handle))), 1);
-    Close(Handle);
 }
 
 TEST_F(Entry, OnlyAsynchronousRequestsMayNotWait) {
@@ -300,7 +295,6 @@ TEST_F(Entry, HalfACharacterAtTheEndIsNoPartOfTheName) {
     EXPECT_EQ(std::u16string(static_cast<PINSTANCE_CONTEXT>(File->FsContext2)->PathLeft), u"f.t");
     Send(Plain(IRP_MJ_CLEANUP, File));
     EXPECT_EQ(Send(Plain(IRP_MJ_CLOSE, File)).Status, STATUS_SUCCESS);
-    Close(Parent);
 }
 
 TEST_F(Entry, TheDeviceOpensAndClosesWithoutTheFramework) {
@@ -322,31 +316,6 @@ TEST_F(Entry, TheDeviceOpensAndClosesWithoutTheFramework) {
     EXPECT_EQ(DriverFcb->OpenCount, 0u);
     EXPECT_EQ(File->FsContext2, nullptr);
     g_bFrameworkBindFailed = 0; // only the test lets it try again, so that it can shut down
-}
-
-TEST_F(Entry, ExtendedAttributesAreNotOffered) {
-    StartTracing(1);
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
-    Printed.clear();
-    EXPECT_EQ(Send(Plain(IRP_MJ_QUERY_EA, FileObject(Handle))).Status, STATUS_NO_EAS_ON_FILE);
-    EXPECT_EQ(Send(Plain(IRP_MJ_SET_EA, FileObject(Handle))).Status, STATUS_SUCCESS);
-    EXPECT_EQ(Printed, "[RVFSD] <<<<<<<<<<<<<NtFsdQueryEa() entered\n[RVFSD] <<<<<<<<<<<<<NtFsdSetEa() entered\n");
-    Close(Handle);
-}
-
-TEST_F(Entry, AListingOfAnUnknownClassIsRefusedAtOnce) {
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
-    Provider.ClearCalls();
-    for (const ULONG Unknown : {56u, 57u, 0xFFFFFFFFu}) {
-        embedded::IrpBuilder Builder = Plain(IRP_MJ_DIRECTORY_CONTROL, FileObject(Handle));
-        Builder.MinorFunction = IRP_MN_QUERY_DIRECTORY;
-        Builder.Fill = [Unknown](PIO_STACK_LOCATION IrpSp) {
-            IrpSp->Parameters.QueryDirectory.FileInformationClass = Unknown;
-        };
-        EXPECT_EQ(Send(Builder).Status, STATUS_INVALID_INFO_CLASS) << Unknown;
-    }
-    EXPECT_EQ(CallNames(), Lines{});
-    Close(Handle);
 }
 
 // ---- User buffers

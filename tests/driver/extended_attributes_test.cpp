@@ -7,6 +7,7 @@ namespace {
 class ExtendedAttributes : public test::DriverFixture {};
 
 TEST_F(ExtendedAttributes, AQueryFindsNoneAndASetIsAcceptedOnEveryKindOfOpen) {
+    Start({.Switches = {{u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 1}}});
     Provider.AddFile(u"\\srv\\vol\\d\\f", "");
     for (const std::u16string_view Path : {u"\\srv\\vol\\d\\f", u"\\srv\\vol\\d", u"\\srv\\vol", u""}) {
         HANDLE Open = MustOpen(Path, {.Access = FILE_READ_ATTRIBUTES | SYNCHRONIZE});
@@ -23,6 +24,8 @@ TEST_F(ExtendedAttributes, AQueryFindsNoneAndASetIsAcceptedOnEveryKindOfOpen) {
             EXPECT_EQ(Request.PriorityBoost(), IO_DISK_INCREMENT);
         }
         EXPECT_TRUE(CallNames().empty()) << "the Provider is not asked";
+        ExpectPrintedInOrder({"<<<NtFsdQueryEa() entered\n", "<<<NtFsdSetEa() entered\n"});
+        Printed.clear();
         Close(Open);
     }
 }

@@ -78,44 +78,30 @@ TEST_F(Fcbs, HaveAHeaderThatTheSystemUnderstands) {
     EXPECT_EQ(Found->Header.ValidDataLength.QuadPart, 10);
     EXPECT_EQ(Instance(Handle)->NodeTypeCode, 0x7706u);
     EXPECT_EQ(Instance(Handle)->FileObject, FileObject(Handle));
-    Close(Handle);
 }
 
 // ---- Names
 
-struct NameCase {
-    const char *Name;
-    std::u16string_view Path;
-};
-
-class RefusedName : public Fcbs, public testing::WithParamInterface<NameCase> {};
-
-TEST_P(RefusedName, IsInvalidBeforeTheProviderIsAsked) {
+TEST_F(Fcbs, ANameThatCannotBeIsInvalidBeforeTheProviderIsAsked) {
     Bind();
-    ExpectRefused(GetParam().Path, With({}, FILE_OPEN_IF), STATUS_OBJECT_NAME_INVALID);
+    constexpr std::u16string_view Names[] = {u"\\srv\\vol\\*.txt",
+                                             u"\\srv\\vol\\a?",
+                                             u"\\srv\\vol\\docs\\*",
+                                             u"\\srv\\vol\\a*\\",
+                                             u"\\srv\\vol\\\\a.txt",
+                                             u"\\srv\\vol\\docs\\\\",
+                                             u"\\\\",
+                                             u"\\",
+                                             {u"\\srv\\vol\\a\0b", 12}};
+    for (const std::u16string_view Each : Names) {
+        ExpectRefused(Each, With({}, FILE_OPEN_IF), STATUS_OBJECT_NAME_INVALID);
+    }
+    ExpectRefused(u"\\srv", {}, STATUS_BAD_NETWORK_PATH);
     EXPECT_EQ(Provider.CountCalls(), 0u);
-    ExpectNothingOpen("a refused name");
-}
-
-INSTANTIATE_TEST_SUITE_P(Names, RefusedName,
-                         testing::Values(NameCase{"Star", u"\\srv\\vol\\*.txt"},
-                                         NameCase{"Question", u"\\srv\\vol\\a?"},
-                                         NameCase{"OnlyStar", u"\\srv\\vol\\docs\\*"},
-                                         NameCase{"StarAndSlash", u"\\srv\\vol\\a*\\"},
-                                         NameCase{"EmptyComponent", u"\\srv\\vol\\\\a.txt"},
-                                         NameCase{"TwoTrailingSlashes", u"\\srv\\vol\\docs\\\\"},
-                                         NameCase{"OnlySlashes", u"\\\\"}, NameCase{"OneSlash", u"\\"},
-                                         NameCase{"EmbeddedZero", std::u16string_view(u"\\srv\\vol\\a\0b", 12)}),
-                         [](const auto &Info) { return Info.param.Name; });
-
-TEST_F(Fcbs, WildcardsInAnEarlierComponentAreTheProvidersBusiness) {
-    Bind();
+    // A wildcard in an earlier component is the Provider's business.
     ExpectRefused(u"\\srv\\vol\\d*cs\\f.txt", {}, STATUS_OBJECT_PATH_NOT_FOUND);
     EXPECT_EQ(Provider.CountCalls(), 1u);
-}
-
-TEST_F(Fcbs, AServerAloneIsABadPath) {
-    ExpectRefused(u"\\srv", {}, STATUS_BAD_NETWORK_PATH);
+    ExpectNothingOpen("refused names");
 }
 
 TEST_F(Fcbs, APathOf32KilobytesIsOpenedAndALongerOneRefused) {
@@ -132,22 +118,9 @@ TEST_F(Fcbs, APathOf32KilobytesIsOpenedAndALongerOneRefused) {
     Provider.ClearCalls();
     ExpectRefused(std::u16string(16800, u'x'), Below, STATUS_OBJECT_NAME_INVALID); // 65534 bytes with its base
     EXPECT_EQ(Provider.CountCalls(), 0u);
-    Close(Directory);
 }
 
 // ---- How opens name their object
-
-TEST_F(Fcbs, AnOpenIsNamedRelativeToItsVolume) {
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\docs\\f.txt");
-    EXPECT_EQ(PathLeft(Handle), u"docs\\f.txt");
-    const PINSTANCE_CONTEXT Context = Instance(Handle);
-    EXPECT_NE(Context->VolumeHandle, 0u);
-    EXPECT_EQ(Context->BaseHandle, Context->VolumeHandle);
-    EXPECT_EQ(Context->RelatedHandle, Context->VolumeHandle);
-    EXPECT_EQ(Fcb(Handle)->VolumeResolved, 1);
-    ExpectPathLeftInside(Handle);
-    Close(Handle);
-}
 
 TEST_F(Fcbs, AVolumeRootHasNothingLeftOfItsPath) {
     const HANDLE Handle = MustOpen(u"\\srv\\vol", AsDirectory);
@@ -159,7 +132,6 @@ TEST_F(Fcbs, AVolumeRootHasNothingLeftOfItsPath) {
     EXPECT_EQ(Context->RelatedHandle, Context->VolumeHandle);
     EXPECT_EQ(Context->DirHandle, 0u);
     EXPECT_EQ(Fcb(Handle)->OpenType, OPEN_TYPE_DIRECTORY + 0u);
-    Close(Handle);
 }
 
 TEST_F(Fcbs, WhenTheVolumeCannotBeOpenedTheWholePathNamesTheObject) {
@@ -176,58 +148,53 @@ TEST_F(Fcbs, WhenTheVolumeCannotBeOpenedTheWholePathNamesTheObject) {
     }
 }
 
-struct VolumePathCase {
-    const char *Name;
-    std::u16string_view Answer;
-    std::u16string_view PathLeft; // of \srv\vol\docs\f.txt
-};
-
-class VolumePath : public Fcbs, public testing::WithParamInterface<VolumePathCase> {};
-
-TEST_P(VolumePath, SplitsOnlyAtAComponentOfThePath) {
+TEST_F(Fcbs, APathIsSplitOnlyAtAComponentThatTheProviderCallsItsVolume) {
     Bind();
-    IRP_CONTEXT Request = Context(embedded::CreateFileObject(Device(), u"x", 0));
-    RVHANDLE Volume = 0;
-    ASSERT_EQ(RVFsdOpenVolume(&Request.SecurityContext, u"\\srv\\vol", &Volume), RVSTATUS::Success);
-    Provider.OnCall(Slot::QueryPathForVolume).AnswerPath(std::u16string(GetParam().Answer));
-    // Whatever it is called, it is a volume.
-    Provider.OnCall(Slot::OpenVolume)
-        .Answer([Volume](providers::Outputs &Out) { *Out.Handle = Volume; })
-        .ReturnAfter({});
+    struct {
+        std::u16string_view Answer, PathLeft; // of \srv\vol\docs\f.txt
+    } constexpr Cases[] = {
+        {u"\\srv\\vol", u"docs\\f.txt"},
+        {u"\\srv\\vol\\docs", u"f.txt"},
+        {u"\\srv\\vo", u"\\srv\\vol\\docs\\f.txt"},
+        {u"\\srv\\vol\\do", u"\\srv\\vol\\docs\\f.txt"},
+        {u"\\srv\\vol\\docs\\f.txt\\and\\more", u"\\srv\\vol\\docs\\f.txt"},
+    };
+    for (const auto &Each : Cases) {
+        SCOPED_TRACE(providers::ToUtf8(Each.Answer));
+        IRP_CONTEXT Request = Context(embedded::CreateFileObject(Device(), u"x", 0));
+        RVHANDLE Volume = 0;
+        ASSERT_EQ(RVFsdOpenVolume(&Request.SecurityContext, u"\\srv\\vol", &Volume), RVSTATUS::Success);
+        Provider.OnCall(Slot::QueryPathForVolume).AnswerPath(std::u16string(Each.Answer));
+        // Whatever it is called, it is a volume.
+        Provider.OnCall(Slot::OpenVolume)
+            .Answer([Volume](providers::Outputs &Out) { *Out.Handle = Volume; })
+            .ReturnAfter({});
 
-    UNICODE_STRING Name = Counted(u"\\srv\\vol\\docs\\f.txt");
-    PFCB Found = nullptr;
-    PINSTANCE_CONTEXT Made = nullptr;
-    ULONG OpenCount = 0;
-    ULONG EntryType = 0;
-    ResourceHold Hold;
-    ASSERT_EQ(NtFsdOpenFcb(&Request, nullptr, &Name, &Found, &Made, &OpenCount, &EntryType, Hold), STATUS_SUCCESS);
-    EXPECT_EQ(std::u16string(Made->PathLeft), GetParam().PathLeft);
-    EXPECT_EQ(EntryType, ENTRY_TYPE_FILE + 0u);
-    const bool Resolved = GetParam().PathLeft[0] != u'\\';
-    EXPECT_EQ(Made->VolumeHandle, Resolved ? Volume : 0);
-    EXPECT_EQ(Made->BaseHandle, Made->VolumeHandle);
-    EXPECT_EQ(Made->RelatedHandle, Made->VolumeHandle);
-    EXPECT_EQ(Found->VolumeResolved, Resolved ? 1 : 0);
-    if (Made->VolumeHandle != 0) {
-        RVFsdCloseVolume(&Request.SecurityContext, Made->VolumeHandle);
+        UNICODE_STRING Name = Counted(u"\\srv\\vol\\docs\\f.txt");
+        PFCB Found = nullptr;
+        PINSTANCE_CONTEXT Made = nullptr;
+        ULONG OpenCount = 0;
+        ULONG EntryType = 0;
+        ResourceHold Hold;
+        ASSERT_EQ(NtFsdOpenFcb(&Request, nullptr, &Name, &Found, &Made, &OpenCount, &EntryType, Hold), STATUS_SUCCESS);
+        EXPECT_EQ(std::u16string(Made->PathLeft), Each.PathLeft);
+        EXPECT_EQ(EntryType, ENTRY_TYPE_FILE + 0u);
+        const bool Resolved = Each.PathLeft[0] != u'\\';
+        EXPECT_EQ(Made->VolumeHandle, Resolved ? Volume : 0);
+        EXPECT_EQ(Made->BaseHandle, Made->VolumeHandle);
+        EXPECT_EQ(Made->RelatedHandle, Made->VolumeHandle);
+        EXPECT_EQ(Found->VolumeResolved, Resolved ? 1 : 0);
+        if (Resolved) {
+            RVFsdCloseVolume(&Request.SecurityContext, Volume);
+        }
+        Drop(Request, Found, Made, Hold);
+        EXPECT_EQ(Request.FileObject->FsContext, nullptr);
+        EXPECT_EQ(Request.FileObject->FsContext2, nullptr);
+        embedded::DereferenceFileObject(Request.FileObject);
+        Provider.ClearScript();
+        ExpectNothingOpen("the dereference");
     }
-    Drop(Request, Found, Made, Hold);
-    EXPECT_EQ(Request.FileObject->FsContext, nullptr);
-    EXPECT_EQ(Request.FileObject->FsContext2, nullptr);
-    embedded::DereferenceFileObject(Request.FileObject);
-    ExpectNothingOpen("the dereference");
 }
-
-INSTANTIATE_TEST_SUITE_P(Answers, VolumePath,
-                         testing::Values(VolumePathCase{"TheVolume", u"\\srv\\vol", u"docs\\f.txt"},
-                                         VolumePathCase{"ADeepVolume", u"\\srv\\vol\\docs", u"f.txt"},
-                                         VolumePathCase{"InsideAComponent", u"\\srv\\vo", u"\\srv\\vol\\docs\\f.txt"},
-                                         VolumePathCase{"InsideALaterOne", u"\\srv\\vol\\do",
-                                                        u"\\srv\\vol\\docs\\f.txt"},
-                                         VolumePathCase{"LongerThanThePath", u"\\srv\\vol\\docs\\f.txt\\and\\more",
-                                                        u"\\srv\\vol\\docs\\f.txt"}),
-                         [](const auto &Info) { return Info.param.Name; });
 
 // ---- Relative opens
 
@@ -240,18 +207,21 @@ protected:
 };
 
 TEST_F(RelativeOpens, AreNamedByTheDirectorysHandleAndShareTheFcbOfThePath) {
-    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
     const HANDLE Whole = MustOpen(u"\\srv\\vol\\docs\\f.txt");
-    const HANDLE Relative = MustOpen(u"F.txt", Below(Directory));
-    EXPECT_EQ(Fcb(Whole), Fcb(Relative));
-    EXPECT_EQ(PathLeft(Relative), u"f.txt");
-    EXPECT_EQ(Instance(Relative)->BaseHandle, Instance(Directory)->DirHandle);
-    EXPECT_EQ(Instance(Relative)->RelatedHandle, Instance(Directory)->DirHandle);
-    EXPECT_EQ(Instance(Relative)->VolumeHandle, 0u);
-    ExpectPathLeftInside(Relative);
-    Close(Directory);
-    Close(Whole);
-    Close(Relative);
+    for (const bool Root : {false, true}) {
+        const HANDLE Directory = MustOpen(Root ? u"\\srv\\vol" : u"\\srv\\vol\\docs", AsDirectory);
+        const HANDLE Relative = MustOpen(Root ? u"Docs\\F.txt" : u"F.txt", Below(Directory));
+        EXPECT_EQ(Fcb(Whole), Fcb(Relative));
+        EXPECT_EQ(PathLeft(Relative), Root ? u"docs\\f.txt" : u"f.txt");
+        const RVHANDLE Lent = Root ? Instance(Directory)->VolumeHandle : Instance(Directory)->DirHandle;
+        EXPECT_EQ(Instance(Relative)->BaseHandle, Lent);
+        EXPECT_EQ(Instance(Relative)->RelatedHandle, Lent);
+        EXPECT_EQ(Instance(Relative)->VolumeHandle, 0u);
+        ExpectPathLeftInside(Relative);
+        Close(Directory);
+        EXPECT_EQ(ReadAll(Relative), "inside");
+        Close(Relative);
+    }
 }
 
 TEST_F(RelativeOpens, OfAnEmptyNameOpenTheSameObjectAgain) {
@@ -267,20 +237,6 @@ TEST_F(RelativeOpens, OfAnEmptyNameOpenTheSameObjectAgain) {
     const HANDLE Again = MustOpen(u"", Below(File));
     EXPECT_EQ(Fcb(Again), Fcb(File));
     EXPECT_EQ(ReadAll(Again), "0123456789");
-    Close(Again);
-    Close(File);
-    Close(Directory);
-}
-
-TEST_F(RelativeOpens, OfAVolumeRootAreNamedByItsVolumeHandle) {
-    const HANDLE Root = MustOpen(u"\\srv\\vol", AsDirectory);
-    const HANDLE Relative = MustOpen(u"docs\\f.txt", Below(Root));
-    EXPECT_EQ(PathLeft(Relative), u"docs\\f.txt");
-    EXPECT_EQ(Instance(Relative)->BaseHandle, Instance(Root)->VolumeHandle);
-    EXPECT_EQ(FullPath(Relative), u"\\srv\\vol\\docs\\f.txt");
-    Close(Root);
-    EXPECT_EQ(ReadAll(Relative), "inside");
-    Close(Relative);
 }
 
 TEST_F(RelativeOpens, ThroughADirectoryThatWasCreatedOnlyStayInIt) {
@@ -288,12 +244,10 @@ TEST_F(RelativeOpens, ThroughADirectoryThatWasCreatedOnlyStayInIt) {
     const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs\\new", Creating);
     EXPECT_EQ(Instance(Directory)->DirHandle, 0u);
     Open Making = Below(Directory, With({.Access = FILE_WRITE_DATA | SYNCHRONIZE}, FILE_CREATE));
-    const HANDLE File = MustOpen(u"x.txt", Making);
+    MustOpen(u"x.txt", Making);
     EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\docs\\new\\x.txt"));
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\docs\\x.txt"));
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\x.txt"));
-    Close(Directory);
-    Close(File);
 }
 
 TEST_F(RelativeOpens, BelowAFileAreRefused) {
@@ -301,7 +255,6 @@ TEST_F(RelativeOpens, BelowAFileAreRefused) {
     Provider.OnCall(Slot::CreateFile, test::IsQuestion).Return(ProviderError(0x0506));
     ExpectRefused(u"x", Below(File), STATUS_NOT_A_DIRECTORY);
     EXPECT_EQ(Fcb(File)->OpenCount, 1u);
-    Close(File);
 }
 
 TEST_F(RelativeOpens, OfAForeignFileObjectAreRefusedBeforeTheProviderIsAsked) {
@@ -385,8 +338,6 @@ TEST_F(RelativeOpens, OfOpensThatBorrowKeepTheirOwnDirectoryHandle) {
     Close(Docs);
     EXPECT_EQ(PathLeft(File), u"\\srv\\vol\\docs\\f.txt");
     EXPECT_EQ(ReadAll(File), "inside");
-    Close(File);
-    Close(Again);
 }
 
 // ---- Looking up
@@ -402,16 +353,10 @@ TEST_F(Fcbs, ALookUpIsTracedOnceForAnOpen) {
         ++Times;
     }
     EXPECT_EQ(Times, 1u);
-    size_t At = 0; // every line carries a prefix of its own
-    for (const char *Line :
-         {"   Trying to find : \\srv\\vol\\a.txt\n", "   Didn't find it.\n", "   Current # entries in table: 0\n",
-          "   Didn't find the prefix entry.\n", "   Remaining Path = \\srv\\vol\\a.txt.\n", "   Remaining Len  = 28.\n",
-          "   Allocating new FCB\n", " Open Vol \"\\srv\\vol\\a.txt\", handle=0x",
-          " Path past volume level = a.txt\n"}) {
-        const size_t Found = Printed.find(Line, At);
-        ASSERT_NE(Found, std::string::npos) << Line;
-        At = Found;
-    }
+    ExpectPrintedInOrder(
+        {"   Trying to find : \\srv\\vol\\a.txt\n", "   Didn't find it.\n", "   Current # entries in table: 0\n",
+         "   Didn't find the prefix entry.\n", "   Remaining Path = \\srv\\vol\\a.txt.\n", "   Remaining Len  = 28.\n",
+         "   Allocating new FCB\n", " Open Vol \"\\srv\\vol\\a.txt\", handle=0x", " Path past volume level = a.txt\n"});
 }
 
 // ---- References and the file-object check
@@ -486,24 +431,6 @@ TEST_F(Fcbs, AnOpenedDirectorysHandleIsNotLostToANote) {
     EXPECT_NE(Instance(Directory)->DirHandle, 0u);
     Close(Directory);
     ExpectNothingOpen("the close");
-}
-
-TEST_F(Fcbs, AnFcbThatTheTableRefusesIsTornDown) {
-    // A name that the table takes for present already, under another FCB's nose, cannot be had; memory can run out.
-    Bind();
-    for (ULONG64 Nth = 1;; Nth++) {
-        ASSERT_LT(Nth, 100u);
-        const embedded::PlannedFaults Faults(
-            {.Kinds = embedded::FaultBit(embedded::FaultKind::Pool) | embedded::FaultBit(embedded::FaultKind::Resource),
-             .Nth = Nth});
-        const embedded::CreateResult Result = Try(u"\\srv\\vol\\docs\\f.txt");
-        if (embedded::GetFaultCounts().TotalFailed() == 0) {
-            EXPECT_EQ(Result.Status, STATUS_SUCCESS);
-            EXPECT_GT(Nth, 5u) << "the sweep must have met the FCB, its path, its resources and the instance";
-            break;
-        }
-        ExpectNothingOpen("failure " + std::to_string(Nth));
-    }
 }
 
 } // namespace

@@ -90,7 +90,7 @@ TEST(Format, WideTextIsWrittenAsUtf8) {
     const UNICODE_STRING Odd = {7, 8, const_cast<PWSTR>(u"abcd")};
     const UNICODE_STRING Nothing = {12, 12, nullptr};
     ExpectAll({
-        {Formatted("%ws|%ls", u"é€", u"\U0001F600"), "é€|\U0001F600"},
+        {Formatted("%ws|%ls", u"é€", u"\U0001F600\U0010FFFF"), "é€|\U0001F600\U0010FFFF"},
         {Formatted("\"%wZ\" \"%wZ\"", &Name, &Half), "\"\\srv\\größe\" \"\\srv\""},
         {Formatted("%wZ", &Odd), "abc"},
         {Formatted("<%wZ>", &Nothing), "<>"},

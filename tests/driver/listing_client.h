@@ -46,8 +46,13 @@ inline std::vector<Entry> Unpack(const std::vector<UCHAR> &Buffer, ULONG_PTR Inf
     return Entries;
 }
 
+// Over a server with the directory \srv\vol\d.
 class Listing : public DriverFixture {
 protected:
+    Listing() {
+        Provider.AddDirectory(u"\\srv\\vol\\d");
+    }
+
     struct Answer {
         NTSTATUS Status;
         ULONG_PTR Information;

@@ -449,7 +449,7 @@ TEST_F(ConcurrentMapping, EachMappingIsMadeAndUnmappedOnce) {
     StartMapping();
     SetPolicy(embedded::kSystemPolicyKey, 1);
     std::atomic<int> Maps{0}, Unmaps{0};
-    std::vector<std::thread> Threads;
+    std::vector<std::jthread> Threads;
     // Another object, which goes with the thread that is the last to end.
     PVOID Out = nullptr;
     ASSERT_EQ(DllGetClassObject(&CLSID_RvfsdMapping, &IID_IClassFactory, &Out), RVPSTATUS::Success);
@@ -478,9 +478,7 @@ TEST_F(ConcurrentMapping, EachMappingIsMadeAndUnmappedOnce) {
         });
     }
     Freed += Shared->Table->Release(Shared) == 0;
-    for (std::thread &Each : Threads) {
-        Each.join();
-    }
+    Threads.clear(); // joins them
     EXPECT_EQ(Freed, 1);
     const int Left = static_cast<int>(g_uMappedDeviceCount);
     EXPECT_EQ(Maps, Unmaps + Left);

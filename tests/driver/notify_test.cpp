@@ -88,8 +88,6 @@ TEST_F(Watching, ADeletedFileAndACreatedDirectoryAreChangesTooAndTheTreeBelowIsN
         MakeFile(u"\\srv\\vol\\near.txt");
         EXPECT_TRUE(Above.IsCompleted());
     }
-    Close(Root);
-    Close(Directory);
 }
 
 TEST_F(Watching, TheCleanupOfAnyHandleEndsAllWaitsAndLaterOnesDoNotBegin) {
@@ -106,7 +104,6 @@ TEST_F(Watching, TheCleanupOfAnyHandleEndsAllWaitsAndLaterOnesDoNotBegin) {
     }
     EXPECT_EQ(WaitOn(Kept, FILE_NOTIFY_CHANGE_FILE_NAME).Wait().Status, STATUS_NOTIFY_CLEANUP);
     embedded::DereferenceFileObject(Kept);
-    Close(Second);
 }
 
 TEST_F(Watching, AShutdownCancelsTheWaits) {
@@ -118,7 +115,6 @@ TEST_F(Watching, AShutdownCancelsTheWaits) {
         EXPECT_TRUE(Request.IsCompleted());
         EXPECT_EQ(Request.Wait().Status, STATUS_CANCELLED);
     }
-    Close(Directory);
 }
 
 NTSTATUS NTAPI CloseWatched(PDEVICE_OBJECT, PIRP Irp, PVOID Directory) {
@@ -163,7 +159,7 @@ TEST_F(Watching, WithoutMemoryTheRequestIsRefusedAndNothingWaits) {
 
 // Each thread watches a directory and its parent, makes and deletes entries in both, and closes.
 TEST_F(Watching, ConcurrentWatchersCreatorsAndClosersOfParentAndChild) {
-    std::vector<std::thread> Threads;
+    std::vector<std::jthread> Threads;
     for (int Thread = 0; Thread < 3; ++Thread) {
         Threads.emplace_back([this, Thread] {
             for (int Round = 0; Round < 40; ++Round) {
@@ -186,9 +182,7 @@ TEST_F(Watching, ConcurrentWatchersCreatorsAndClosersOfParentAndChild) {
             }
         });
     }
-    for (std::thread &Thread : Threads) {
-        Thread.join();
-    }
+    Threads.clear(); // joins them
 }
 
 TEST_F(Watching, TheParentIsThePathWithoutItsLastComponent) {
@@ -221,7 +215,6 @@ class WatchingSwitchedOff : public Watching {
 TEST_F(WatchingSwitchedOff, IsNotImplemented) {
     HANDLE Directory = Watch(u"\\srv\\vol\\d");
     EXPECT_EQ(Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME).Wait().Status, STATUS_NOT_IMPLEMENTED);
-    Close(Directory);
 }
 
 } // namespace

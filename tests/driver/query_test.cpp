@@ -64,6 +64,10 @@ protected:
         return MustOpen(Path, {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
                                .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
     }
+    HANDLE OpenEmptyFile() {
+        Provider.AddFile(u"\\srv\\vol\\f", "");
+        return MustOpen(u"\\srv\\vol\\f");
+    }
     void SetVolume(ULONG Flags, ULONG FirstWord) {
         Provider.OnCall(providers::Slot::GetVolumeInformation).Answer([=](providers::Outputs &Out) {
             *Out.VolumeFlags = Flags;
@@ -133,8 +137,6 @@ TEST_F(Asking, EveryClassAnswersEveryLengthAsItsLayoutSays) {
             EXPECT_EQ(Got.Status, Length < 100 + Name ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS) << Length;
         }
     }
-    Close(ADirectory);
-    Close(AFile);
 }
 
 TEST_F(Asking, TheAllClassIsTheOtherClassesAtTheirPlaces) {
@@ -156,7 +158,6 @@ TEST_F(Asking, TheAllClassIsTheOtherClassesAtTheirPlaces) {
     EXPECT_EQ(All.At<LONG64>(80), 3); // position
     EXPECT_EQ(All.At<ULONG>(88), static_cast<ULONG>(FILE_SYNCHRONOUS_IO_NONALERT));
     EXPECT_EQ(All.Text(100, All.At<ULONG>(96)), u"\\srv\\vol\\f.txt");
-    Close(Handle);
 }
 
 TEST_F(Asking, AttributesAreShownAsTheirKindAsks) {
@@ -180,8 +181,6 @@ TEST_F(Asking, AttributesAreShownAsTheirKindAsks) {
         EXPECT_EQ(File(Case.Handle, FileBasicInformation).At<ULONG>(32), Case.Basic) << Case.Reported;
         EXPECT_EQ(File(Case.Handle, FileAttributeTagInformation).At<ULONG>(0), Case.Tag) << Case.Reported;
     }
-    Close(ADirectory);
-    Close(AFile);
 }
 
 // Each field is told when it is written, so a cut answer shows where it was cut.
@@ -209,7 +208,6 @@ TEST_F(Asking, TheBasicClassTellsItsFieldsOneByOne) {
             At = Found == std::string::npos ? At : Found;
         }
     }
-    Close(Handle);
 }
 
 TEST_F(Asking, AFailingProviderLeavesZerosAndTheSizesAsTheyWere) {
@@ -221,7 +219,6 @@ TEST_F(Asking, AFailingProviderLeavesZerosAndTheSizesAsTheyWere) {
     EXPECT_EQ(Got.At<LONG64>(8), 0);
     EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, 5);
     EXPECT_EQ(File(Handle, FileBasicInformation).At<ULONG>(32), static_cast<ULONG>(FILE_ATTRIBUTE_NORMAL));
-    Close(Handle);
 }
 
 TEST_F(Asking, AnyQueryRefreshesTheSizesAlsoDownwards) {
@@ -240,12 +237,10 @@ TEST_F(Asking, AnyQueryRefreshesTheSizesAlsoDownwards) {
         EXPECT_EQ(Fcb(Handle)->Header.ValidDataLength.QuadPart, 3);
         Provider.ClearScript();
     }
-    Close(Handle);
 }
 
 TEST_F(Asking, IdentifiersComeFromVolumesThatHaveThem) {
-    Provider.AddFile(u"\\srv\\vol\\f", "");
-    HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    const HANDLE Handle = OpenEmptyFile();
     SetVolume(0, 0);
     EXPECT_EQ(File(Handle, FileInternalInformation).At<ULONG64>(0), 0x00000ABA00000020u);
     Provider.ClearScript();
@@ -263,7 +258,6 @@ TEST_F(Asking, IdentifiersComeFromVolumesThatHaveThem) {
         EXPECT_EQ(Failed.Status, Status);
         EXPECT_EQ(Failed.At<ULONG64>(0), 0u);
     }
-    Close(Handle);
 }
 
 TEST_F(Asking, AnOpenWithATrailingBackslashGetsItsNameBackWithOne) {
@@ -275,12 +269,10 @@ TEST_F(Asking, AnOpenWithATrailingBackslashGetsItsNameBackWithOne) {
     const Answer Cut = File(Handle, FileAlternateNameInformation, 4 + 21);
     EXPECT_EQ(Cut.Status, STATUS_BUFFER_OVERFLOW);
     EXPECT_EQ(Cut.Information, 25u);
-    Close(Handle);
 }
 
 TEST_F(Asking, WhatIsNotServedIsRefused) {
-    Provider.AddFile(u"\\srv\\vol\\f", "");
-    HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    const HANDLE Handle = OpenEmptyFile();
     for (const ULONG InfoClass : {0u, 1u, 8u, 22u, 99u, 0xFFFFFFFFu}) {
         const Answer Got = File(Handle, InfoClass);
         EXPECT_EQ(Got.Status, STATUS_INVALID_PARAMETER) << InfoClass;
@@ -296,8 +288,6 @@ TEST_F(Asking, WhatIsNotServedIsRefused) {
     const Answer OfDevice = Volume(TheDevice, FileFsSizeInformation);
     EXPECT_EQ(OfDevice.Status, STATUS_SUCCESS);
     EXPECT_EQ(OfDevice.Information, 0u);
-    Close(TheDevice);
-    Close(Handle);
 }
 
 TEST_F(Asking, ADirectoryThatWasCreatedAndNotOpenedIsNotTakenForItsParent) {
@@ -314,14 +304,12 @@ TEST_F(Asking, ADirectoryThatWasCreatedAndNotOpenedIsNotTakenForItsParent) {
                                                    .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
     Provider.OnCall(providers::Slot::OpenDirectory).Return(RvError(0x0006));
     EXPECT_EQ(File(Second, FileBasicInformation).Status, STATUS_ACCESS_DENIED);
-    Close(Second);
 }
 
 // ---- Volumes
 
 TEST_F(Asking, VolumeClassesAnswerEveryLengthAndNeverWriteBeyondIt) {
-    Provider.AddFile(u"\\srv\\vol\\f", "");
-    HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    const HANDLE Handle = OpenEmptyFile();
     const struct {
         ULONG InfoClass, Fixed, Variable;
     } Classes[] = {{FileFsVolumeInformation, 18, 6},     {FileFsLabelInformation, 4, 6},
@@ -338,12 +326,10 @@ TEST_F(Asking, VolumeClassesAnswerEveryLengthAndNeverWriteBeyondIt) {
             EXPECT_EQ(Got.Information, Length < Class.Fixed ? 0 : std::min(Length, Whole));
         }
     }
-    Close(Handle);
 }
 
 TEST_F(Asking, LabelsSerialNumbersAndSizes) {
-    Provider.AddFile(u"\\srv\\vol\\f", "");
-    HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    const HANDLE Handle = OpenEmptyFile();
     Provider.OnCall(providers::Slot::GetVolumeSize).Answer([](providers::Outputs &Out) {
         *Out.VolumeLength = 100 * 4096 + 5;
         *Out.Free = 50 * 4096;
@@ -379,7 +365,6 @@ TEST_F(Asking, LabelsSerialNumbersAndSizes) {
             *Out.FreeAfterQuota = 10 * 4096 + 4095;
         });
     }
-    Close(Handle);
 }
 
 // The physical volume answers, whatever the path is called, and the open's own volume is not asked.
@@ -409,7 +394,6 @@ TEST_F(Asking, VolumesBehindADistributedPathAnswerForIt) {
         EXPECT_EQ(Size.At<LONG64>(8), Available);
         Provider.ClearScript();
     }
-    Close(Handle);
 }
 
 TEST(SerialFromPath, TakesTheVolumesFirstLettersAndPadsWithTheServers) {
@@ -427,8 +411,7 @@ TEST(SerialFromPath, TakesTheVolumesFirstLettersAndPadsWithTheServers) {
 }
 
 TEST_F(Asking, AVolumeThatCannotBeReachedIsTheStatusAndTheDeviceClassAsksNobody) {
-    Provider.AddFile(u"\\srv\\vol\\f", "");
-    HANDLE Handle = MustOpen(u"\\srv\\vol\\f");
+    const HANDLE Handle = OpenEmptyFile();
     const struct {
         providers::Slot Slot;
         RVSTATUS Result;
@@ -450,7 +433,6 @@ TEST_F(Asking, AVolumeThatCannotBeReachedIsTheStatusAndTheDeviceClassAsksNobody)
     EXPECT_EQ(OfDevice.At<ULONG>(0), 7u);
     EXPECT_EQ(OfDevice.At<ULONG>(4), 0x30u);
     EXPECT_EQ(Provider.CountCalls(), 0u);
-    Close(Handle);
 }
 
 } // namespace

@@ -34,7 +34,6 @@ TEST_P(CaseOnly, OfAFileMovesByTheOldNameInTheTargetDirectory) {
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\File.Txt", GetParam()), STATUS_SUCCESS);
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\file.txt"), "kept");
     EXPECT_EQ(FcbPrefixCount, 1u);
-    Close(Handle);
 }
 
 TEST_P(CaseOnly, OfADirectoryWorksAlike) {
@@ -43,7 +42,6 @@ TEST_P(CaseOnly, OfADirectoryWorksAlike) {
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\SUB", GetParam()), STATUS_SUCCESS);
     EXPECT_EQ(Made(), (Calls{"RVFsdMoveDirectory", "RVFsdCloseDirectory"}));
     ExpectNamed(Handle, u"\\srv\\vol\\d\\SUB");
-    Close(Handle);
 }
 
 // The FCB has the spelling of its first opener, the server perhaps another.
@@ -58,7 +56,6 @@ TEST_P(CaseOnly, ToTheNameThatItHasIsCarriedToTheServer) {
     Provider.OnCall(providers::Slot::MoveFile).Return(test::RvError(0x0510));
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\f.txt", GetParam()), STATUS_SUCCESS) << "it collides with itself";
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\f.txt"), "kept");
-    Close(Handle);
 }
 
 class IntoItself : public test::RenameFixture {};
@@ -70,7 +67,6 @@ TEST_F(IntoItself, ADirectoryIsRefusedByTheServerAndIsNoCaseOnlyRename) {
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\D\\d"), STATUS_OBJECT_PATH_INVALID);
     EXPECT_TRUE(HasPrinted("NtFsdFileSetRenameInfo determined \"d\" and \"d\" are not a case-only rename.\n"))
         << Printed;
-    Close(Handle);
 }
 
 struct NotCaseOnlyCase {
@@ -94,7 +90,6 @@ TEST_P(NotCaseOnly, IsARenameLikeAnyOther) {
     EXPECT_EQ(RenameTo(Handle, GetParam().Target, true), STATUS_SUCCESS);
     EXPECT_EQ(Provider.Content(GetParam().Target), "mine");
     EXPECT_FALSE(Provider.Exists(GetParam().Source));
-    Close(Handle);
 }
 
 INSTANTIATE_TEST_SUITE_P(

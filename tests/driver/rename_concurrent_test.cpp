@@ -23,10 +23,7 @@ protected:
         });
     }
     void Join() {
-        for (std::thread &Each : Threads_) {
-            Each.join();
-        }
-        Threads_.clear();
+        Threads_.clear(); // joins them
     }
     // Opens Path, if it is there, and reads what must be in it.
     void ReadIfThere(std::u16string_view Path, const std::string &Content) {
@@ -50,7 +47,7 @@ protected:
     }
 
 private:
-    std::vector<std::thread> Threads_;
+    std::vector<std::jthread> Threads_;
 };
 
 TEST_F(RenamesConcurrent, WithOpensOfTheOldAndTheNewName) {
@@ -65,7 +62,6 @@ TEST_F(RenamesConcurrent, WithOpensOfTheOldAndTheNewName) {
     EXPECT_EQ(Rename(Handle, u"\\srv\\vol\\c.txt"), STATUS_SUCCESS);
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\c.txt"), "0123456789");
     ExpectWhereItSays(Handle);
-    Close(Handle);
 }
 
 // Two handles of one file rename it and mark it for deletion; it goes with the last of them, under the name it has.
@@ -119,8 +115,6 @@ TEST_F(RenamesConcurrent, OfADirectoryAndOfAFileIntoIt) {
     ExpectWhereItSays(File);
     ExpectWhereItSays(Directory);
     EXPECT_EQ(ReadAll(File), "0123456789");
-    Close(File);
-    Close(Directory);
 }
 
 // A directory is renamed while the Provider is asked about a name below it, and another takes its old name.
@@ -153,7 +147,6 @@ TEST_F(RenamesMeanwhile, AnOpenBelowItIsNotRefusedForTheNameThatIsGone) {
     Below.Related = Directory_;
     const HANDLE Mine = MustOpen(u"f.txt", Below);
     EXPECT_EQ(PathOf(Mine), u"\\srv\\vol\\e\\f.txt");
-    Close(Mine);
 }
 
 TEST_F(RenamesMeanwhile, AnOpenBelowItIsOfTheFileThatItFinds) {
@@ -169,7 +162,6 @@ TEST_F(RenamesMeanwhile, AnOpenBelowItIsOfTheFileThatItFinds) {
     Close(Mine);
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\e\\f.txt"));
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\f.txt"), "theirs");
-    Close(Theirs);
 }
 
 TEST_F(RenamesMeanwhile, ARenameIntoItIsNotRefusedForTheNameThatIsGone) {
@@ -199,8 +191,6 @@ TEST_F(RenamesConcurrent, ANameThatACreateHasOnlyLookedUpIsFree) {
     ExpectNamed(Handle, u"\\srv\\vol\\new");
     EXPECT_EQ(FcbPrefixCount, 2u) << "the file and the target's directory";
     EXPECT_TRUE(Fcb(Handle)->OpenFlags & FCB_STATE_IN_PREFIX_TABLE);
-    Close(Target);
-    Close(Handle);
 }
 
 TEST_F(RenamesMeanwhile, ARenameIntoItReplacesWhatIsInIt) {

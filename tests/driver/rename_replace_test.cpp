@@ -36,7 +36,6 @@ TEST_F(Replacing, TheFileItselfUnderAnotherNameIsNotDeleted) {
                      "RVFsdCreateFile", "RVFsdGetFileId", "RVFsdCloseFile", "RVFsdMoveFile", "RVFsdCloseDirectory"}));
     ExpectBothThere();
     EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
-    Close(Handle);
 }
 
 // The move would be refused: the file in its way would be gone for nothing.
@@ -95,7 +94,6 @@ TEST_F(Replacing, WithoutIdentifiersIsCarriedOut) {
     ExpectNamed(Handle, u"\\srv\\vol\\b.txt");
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\b.txt"), "0123456789");
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\a.txt"));
-    Close(Handle);
 }
 
 struct LookCase {
@@ -126,8 +124,6 @@ TEST_P(Looking, DeletesNothingInDoubt) {
         ExpectBothThere();
         EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
     }
-    Close(Target);
-    Close(Handle);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -153,7 +149,6 @@ TEST_F(Replacing, ADirectoryIsNotReplacedByAFile) {
     EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
     ExpectBothThere();
     EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\d"));
-    Close(Handle);
 }
 
 // ---- Over local directories, where one file has many names

@@ -91,17 +91,6 @@ TEST_F(Shutdown, WhileTheFrameworkCannotBeBoundIsRefusedAndUndoesNothing) {
     g_bFrameworkBindFailed = 0; // only the test lets it try again
 }
 
-TEST_F(Shutdown, IsCompletedBeforeItTearsDownWithBoostTwo) {
-    Start();
-    const KeptDevice Kept;
-    embedded::SentIrp Sent = SendIrp(Kept, Plain(IRP_MJ_SHUTDOWN, nullptr));
-    EXPECT_EQ(Sent.Returned(), STATUS_NOT_SUPPORTED);
-    const IO_STATUS_BLOCK Block = Sent.Wait();
-    EXPECT_EQ(Block.Status, STATUS_NOT_SUPPORTED);
-    EXPECT_EQ(Block.Information, 0u);
-    EXPECT_EQ(Sent.PriorityBoost(), 2);
-}
-
 // ---- Afterwards
 
 struct After {
@@ -142,7 +131,6 @@ TEST_F(Shutdown, LaterRequestsAreRefusedAndTouchNothing) {
     }
     EXPECT_EQ(Provider.Calls(), Lines{});
     EXPECT_EQ(Framework->Log(), Lines{});
-    Close(Handle);
 }
 
 TEST_F(Shutdown, AnOpenOfTheDeviceItselfDoesNotExistAfterwards) {
@@ -217,15 +205,6 @@ TEST_F(Shutdown, WhatOpensOfTheDevicePointToStaysUntilTheLastIsClosed) {
     }
 }
 
-TEST_F(Shutdown, OpensThatBorrowHandlesOfOthersEndInAnyOrder) {
-    Provider.AddFile(u"\\srv\\vol\\docs\\f.txt", "x");
-    const HANDLE Parent = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
-    const HANDLE Child = MustOpen(u"f.txt", {.Related = Parent});
-    EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
-    EXPECT_EQ(Close(Parent), STATUS_SUCCESS);
-    EXPECT_EQ(Close(Child), STATUS_SUCCESS);
-}
-
 TEST_F(Shutdown, ASectionUnderWayGivesTheFileBackAfterwards) {
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
     const HANDLE Again = MustOpen(u"", {.Related = Handle});
@@ -239,9 +218,6 @@ TEST_F(Shutdown, ASectionUnderWayGivesTheFileBackAfterwards) {
     EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Fcb(Handle)->Resource));
     Table->AcquireFileForNtCreateSection(FileObject(Handle));
     EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Fcb(Handle)->Resource)) << "nothing new begins";
-    for (const HANDLE Each : {Handle, Again, OfDevice}) {
-        Close(Each);
-    }
 }
 
 TEST_F(Shutdown, LocksThatWaitAreCancelledOneAfterTheOther) {
@@ -255,8 +231,6 @@ TEST_F(Shutdown, LocksThatWaitAreCancelledOneAfterTheOther) {
     EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
     EXPECT_EQ(One.Wait().Status, STATUS_CANCELLED);
     EXPECT_EQ(Two.Wait().Status, STATUS_CANCELLED);
-    Close(Holder);
-    Close(Waiter);
 }
 
 // A canceller that has taken the request, but not ended it yet, is nobody that teardown could wait for.
@@ -274,7 +248,6 @@ TEST_F(Shutdown, ALockWhoseCancellerIsOvertakenIsCompletedAllTheSame) {
     IoAcquireCancelSpinLock(&Irp->CancelIrql);
     Routine(nullptr, Irp);
     EXPECT_EQ(Waiting.Wait().Status, STATUS_CANCELLED);
-    Close(Holder);
 }
 
 TEST_F(Shutdown, WaitsForARequestThatIsUnderWay) {
@@ -305,7 +278,6 @@ TEST_F(Shutdown, WaitsForARequestThatIsUnderWay) {
     Down.join();
     EXPECT_TRUE(DownAfterRead);
     EXPECT_EQ(Provider.Violations(), Lines{});
-    Close(Handle);
 }
 
 TEST_F(Shutdown, GivesUpAfterAMinuteAndUndoesNothing) {
@@ -339,7 +311,6 @@ TEST_F(Shutdown, GivesUpAfterAMinuteAndUndoesNothing) {
     Reader.join();
     EXPECT_EQ(Send(Plain(IRP_MJ_SHUTDOWN, nullptr)).Status, STATUS_NOT_SUPPORTED) << "nothing holds it any more";
     EXPECT_EQ(Provider.OpenHandles(), Lines{});
-    Close(Handle);
 }
 
 TEST_F(Shutdown, ACloseThatComesWhileItWaitsLeavesNothing) {
@@ -360,7 +331,6 @@ TEST_F(Shutdown, ACloseThatComesWhileItWaitsLeavesNothing) {
     Reader.join();
     Down.join();
     EXPECT_EQ(Provider.OpenHandles(), Lines{});
-    Close(Handle);
 }
 
 // ---- Races

@@ -51,9 +51,14 @@ constexpr Switch Switches[] = {
 };
 
 TEST_F(DriverStart, SwitchesThatAreMissingHaveTheirDefaults) {
-    Start();
-    for (const Switch &Each : Switches) {
-        EXPECT_EQ(*Each.Global, Each.Default);
+    for (const bool HasKey : {true, false}) {
+        Start({.StartsTheDriver = false});
+        HasKey || embedded::DeleteRegistryKey(test::ServiceKey);
+        ASSERT_EQ(Load(), STATUS_SUCCESS);
+        for (const Switch &Each : Switches) {
+            EXPECT_EQ(*Each.Global, Each.Default);
+        }
+        Stop();
     }
 }
 
@@ -111,14 +116,6 @@ TEST_F(DriverStart, AServiceValueIsCopiedUpToFourBytesWhateverItsType) {
     }
 }
 
-TEST_F(DriverStart, AServiceKeyThatIsMissingLeavesTheDefaults) {
-    Start({.StartsTheDriver = false});
-    embedded::DeleteRegistryKey(test::ServiceKey);
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    EXPECT_EQ(g_bFailDeleteInUseWorkaround, TRUE);
-    EXPECT_EQ(g_bEnableAsyncIo, FALSE);
-}
-
 // ---- What stands after the start
 
 TEST_F(DriverStart, TheDeviceIsAnUnnamedNetworkFileSystem) {
@@ -149,11 +146,6 @@ TEST_F(DriverStart, ItRegistersItsNameAndLinksToIt) {
     std::u16string Target;
     EXPECT_EQ(embedded::QuerySymbolicLink(u"\\DosDevices\\RvFsd", &Target), STATUS_SUCCESS);
     EXPECT_EQ(Target, u"\\Device\\RvFsd");
-}
-
-TEST_F(DriverStart, TheFrameworkIsNotTouched) {
-    Start();
-    EXPECT_EQ(Framework->Log(), Lines{});
 }
 
 TEST_F(DriverStart, TheLookasideListFollowsTheSystemSize) {
@@ -234,23 +226,17 @@ TEST_F(DriverStart, ASectionIsCreatedUnderTheFilesResource) {
     Table->AcquireFileForNtCreateSection(Bare);
     Table->ReleaseFileForNtCreateSection(Bare);
     EXPECT_EQ(embedded::CurrentThread().CriticalRegions, Regions);
-    Close(Handle);
 }
 
 TEST_F(DriverStart, TellsItsStepsInOrder) {
     StartTracing(8);
-    size_t At = 0;
-    for (const char *Each :
-         {"[RVFSD] DriverEntry() entered\n", "[RVFSD] Async IO set to 0\n",
-          "[RVFSD] DriverEntry set UNCPathFilterBehavior to FALSE.\n",
-          "[RVFSD] DriverEntry set FailDeleteInUseWorkaround to TRUE.\n",
-          "[RVFSD] DriverEntry set Defer Windows DELETE Access Check to FALSE.\n",
-          "[RVFSD] IO Device \\Device\\RvFsd created, 0x", "[RVFSD] Setup driver name completed.\n",
-          "[RVFSD] Calling FsRtlRegisterUncProvider()\n", "[RVFSD] DriverEntry() exiting, status = 0x0\n"}) {
-        const size_t Found = Printed.find(Each, At);
-        ASSERT_NE(Found, std::string::npos) << "missing or too early: " << Each;
-        At = Found;
-    }
+    ExpectPrintedInOrder({"[RVFSD] DriverEntry() entered\n", "[RVFSD] Async IO set to 0\n",
+                          "[RVFSD] DriverEntry set UNCPathFilterBehavior to FALSE.\n",
+                          "[RVFSD] DriverEntry set FailDeleteInUseWorkaround to TRUE.\n",
+                          "[RVFSD] DriverEntry set Defer Windows DELETE Access Check to FALSE.\n",
+                          "[RVFSD] IO Device \\Device\\RvFsd created, 0x", "[RVFSD] Setup driver name completed.\n",
+                          "[RVFSD] Calling FsRtlRegisterUncProvider()\n",
+                          "[RVFSD] DriverEntry() exiting, status = 0x0\n"});
 }
 
 // ---- Starts that fail
@@ -364,7 +350,6 @@ TEST_F(FailedStart, AMissingDeferredThreadIsTheAnswerAndUndoesNothing) {
     EXPECT_EQ(g_bDriverEntryDone, 1);
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
     EXPECT_EQ(ReadAll(Handle), "0123456789");
-    Close(Handle);
 }
 
 // ---- The deferred thread
@@ -388,12 +373,8 @@ TEST_F(DeferredStart, AfterASecondTheDeviceHasNoDaclAndNobodyHasItOpen) {
     ExpectNoDacl();
     EXPECT_EQ(embedded::RunningSystemThreads(), 0u);
     EXPECT_EQ(DriverFcb->OpenCount, 0u);
-    size_t At = 0;
-    for (const char *Each : {"Call to Finish Driver Init\n", "VEYFSD: Call To RvSetupDeviceAccess\n",
-                             "Device Name: \\Device\\RvFsd\n", "ZwCreate Status 0x0\n"}) {
-        At = Printed.find(Each, At);
-        ASSERT_NE(At, std::string::npos) << Each;
-    }
+    ExpectPrintedInOrder({"Call to Finish Driver Init\n", "VEYFSD: Call To RvSetupDeviceAccess\n",
+                          "Device Name: \\Device\\RvFsd\n", "ZwCreate Status 0x0\n"});
     EXPECT_FALSE(WasPrinted("ZwCreate Status 0\n")) << "only a failed try is told";
 }
 

@@ -38,17 +38,6 @@ protected:
     ULONG ResultLength = 0;
 };
 
-TEST_F(CmTest, AValueIsReadByNameIgnoringCase) {
-    SetRegistryDword(kServiceKey, u"EnableAsyncIo", 7);
-    ASSERT_EQ(Query(u"ENABLEASYNCIO", 20), STATUS_SUCCESS);
-    EXPECT_EQ(ResultLength, 16u);
-    EXPECT_EQ(Result().Type, ULONG{REG_DWORD});
-    ASSERT_EQ(Result().DataLength, 4u);
-    ULONG Value;
-    memcpy(&Value, Result().Data, sizeof(Value));
-    EXPECT_EQ(Value, 7u);
-}
-
 TEST_F(CmTest, TooLittleRoomIsSaidInTwoWays) {
     SetRegistryValue(kServiceKey, u"Eight", REG_BINARY, std::as_bytes(std::span("1234567", 8)));
     struct {
@@ -73,15 +62,6 @@ TEST_F(CmTest, MissingNamesAreNotFound) {
     EXPECT_TRUE(DeleteRegistryKey(kServiceKey));
     EXPECT_FALSE(DeleteRegistryKey(kServiceKey));
     EXPECT_EQ(Query(u"Nothing", 20), STATUS_OBJECT_NAME_NOT_FOUND);
-}
-
-TEST_F(CmTest, ValuesAreReplacedAndDeleted) {
-    SetRegistryDword(kServiceKey, u"Value", 1);
-    SetRegistryDword(kServiceKey, u"VALUE", 2);
-    ASSERT_TRUE(QueryRegistryValue(kServiceKey, u"value"));
-    EXPECT_EQ(QueryRegistryValue(kServiceKey, u"value")->Data.front(), std::byte{2});
-    EXPECT_TRUE(DeleteRegistryValue(kServiceKey, u"Value"));
-    EXPECT_FALSE(QueryRegistryValue(kServiceKey, u"Value"));
 }
 
 TEST_F(CmTest, AKeyPathNeedsItsLeadingBackslash) {

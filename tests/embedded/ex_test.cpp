@@ -89,23 +89,6 @@ protected:
     std::atomic<int> Readers{0}, Writers{0};
 };
 
-TEST_F(ResourceTest, SharedHoldersShareAndKeepWritersOut) {
-    Actor Reader;
-    Reader.Do([&] { Shared(Readers); });
-    EXPECT_TRUE(Try(false));
-    EXPECT_FALSE(Try(true));
-    Reader.Do([&] { Release(); });
-    EXPECT_TRUE(Try(true));
-}
-
-TEST_F(ResourceTest, AnExclusiveHolderKeepsEverybodyOut) {
-    Actor Writer;
-    Writer.Do([&] { Exclusive(Writers); });
-    EXPECT_FALSE(Try(false));
-    EXPECT_FALSE(Try(true));
-    Writer.Do([&] { Release(); });
-}
-
 TEST_F(ResourceTest, AnExclusiveHoldIsRecursiveAndCoversSharedAcquires) {
     CriticalRegion Region;
     EXPECT_TRUE(ExAcquireResourceExclusiveLite(&Resource, TRUE));
@@ -185,7 +168,7 @@ TEST_F(ResourceTest, ConversionLetsReadersInAndKeepsTheHold) {
 TEST_F(ResourceTest, HoldsUnderLoadExcludeEachOther) {
     int Guarded = 0;
     std::atomic<int> ReadersNow{0};
-    std::vector<std::thread> Threads;
+    std::vector<std::jthread> Threads;
     for (int Thread = 0; Thread < 4; ++Thread) {
         Threads.emplace_back([&, Thread] {
             for (int Round = 0; Round < 1500; ++Round) {
@@ -204,9 +187,7 @@ TEST_F(ResourceTest, HoldsUnderLoadExcludeEachOther) {
             }
         });
     }
-    for (std::thread &Thread : Threads) {
-        Thread.join();
-    }
+    Threads.clear(); // joins them
     EXPECT_EQ(Guarded, 2000);
     EXPECT_EQ(Resource.NumberOfExclusiveWaiters + Resource.NumberOfSharedWaiters, 0u);
     EXPECT_EQ(Resource.SpinLock, 0u);
@@ -344,15 +325,6 @@ TEST(LookasideTest, KeepsAsManyEntriesAsItsDepthAndFreesThemAtTheEnd) {
     SetLookasideCaching(LookasideCaching::FollowVerifier);
 }
 
-TEST(LookasideTest, KeepsNothingUnderTheVerifier) {
-    const LONG64 Blocks = PoolBlocksInUse();
-    NPAGED_LOOKASIDE_LIST List;
-    ExInitializeNPagedLookasideList(&List, nullptr, nullptr, 0, 168, Tag, 4);
-    ExFreeToNPagedLookasideList(&List, ExAllocateFromNPagedLookasideList(&List));
-    EXPECT_EQ(PoolBlocksInUse(), Blocks);
-    ExDeleteNPagedLookasideList(&List);
-}
-
 TEST(LookasideTest, EntriesPassBetweenThreadsOnceEach) {
     SLIST_HEADER Head{};
     struct alignas(16) Entry {
@@ -362,7 +334,7 @@ TEST(LookasideTest, EntriesPassBetweenThreadsOnceEach) {
     for (Entry &One : Entries) {
         ExpInterlockedPushEntrySList(&Head, &One.Link);
     }
-    std::vector<std::thread> Threads;
+    std::vector<std::jthread> Threads;
     for (int Thread = 0; Thread < 3; ++Thread) {
         Threads.emplace_back([&] {
             for (int Round = 0; Round < 3000; ++Round) {
@@ -373,9 +345,7 @@ TEST(LookasideTest, EntriesPassBetweenThreadsOnceEach) {
             }
         });
     }
-    for (std::thread &Thread : Threads) {
-        Thread.join();
-    }
+    Threads.clear(); // joins them
     int Uses = 0;
     for (const Entry &One : Entries) {
         Uses += One.Uses;

@@ -229,15 +229,6 @@ TEST_F(FileLocks, AnUnlockMustMeetRangeAndOwnerExactly) {
     EXPECT_FALSE(Table_.FastIoIsQuestionable);
 }
 
-TEST_F(FileLocks, OfTwoLocksOnARangeTheExclusiveOneGoesFirst) {
-    ASSERT_EQ(Lock(A_, 0, 10, Exclusive), STATUS_SUCCESS);
-    ASSERT_EQ(Lock(A_, 0, 10, 0), STATUS_SUCCESS);
-    ASSERT_EQ(Unlock(A_, 0, 10), STATUS_SUCCESS);
-    FILE_LOCK_INFO *Left = FsRtlGetNextFileLock(&Table_, TRUE);
-    ASSERT_NE(Left, nullptr);
-    EXPECT_FALSE(Left->ExclusiveLock);
-}
-
 TEST_F(FileLocks, UnlockAllTakesOneOwnersLocksByKeyOrAll) {
     std::vector<LONGLONG> Order;
     Unlocked = &Order;
@@ -277,28 +268,6 @@ TEST_F(FileLocks, WaitingRequestsAreGrantedInOrderWhenTheRangeGoesFree) {
     EXPECT_EQ(WaitingFileLocks(&Table_), 0u);
 }
 
-TEST_F(FileLocks, ACancelledWaiterCompletesOnceAndLeavesNoLock) {
-    ASSERT_EQ(Lock(A_, 0, 10, Exclusive), STATUS_SUCCESS);
-    Request &Waiting = Send(IRP_MN_LOCK, B_, 0, 10, Exclusive);
-    Waiting.Sent->Cancel();
-    EXPECT_EQ(Waiting.Completions, 1);
-    EXPECT_EQ(Waiting.Status, STATUS_CANCELLED);
-    EXPECT_EQ(WaitingFileLocks(&Table_), 0u);
-    ASSERT_EQ(Unlock(A_, 0, 10), STATUS_SUCCESS);
-    EXPECT_EQ(Waiting.Completions, 1);
-    EXPECT_TRUE(Starts().empty());
-}
-
-TEST_F(FileLocks, ARequestCancelledBeforeIsNotQueued) {
-    ASSERT_EQ(Lock(A_, 0, 10, Exclusive), STATUS_SUCCESS);
-    Request &Late = Prepare(IRP_MN_LOCK, B_, 0, 10, Exclusive);
-    Late.Builder.CancelledBefore = true;
-    EXPECT_EQ(Process(Late), STATUS_PENDING) << "it was marked so before the cancellation was seen";
-    EXPECT_EQ(Late.Completions, 1);
-    EXPECT_EQ(Late.Status, STATUS_CANCELLED);
-    EXPECT_EQ(WaitingFileLocks(&Table_), 0u);
-}
-
 TEST_F(FileLocks, ALockWhoseCompletionFailsIsTakenBack) {
     Request &Refused = Prepare(IRP_MN_LOCK, A_, 0, 10, Exclusive);
     Refused.Answer = STATUS_ACCESS_DENIED;
@@ -308,19 +277,6 @@ TEST_F(FileLocks, ALockWhoseCompletionFailsIsTakenBack) {
     EXPECT_EQ(Process(Refused), STATUS_ACCESS_DENIED);
     EXPECT_EQ(Next.Completions, 1);
     EXPECT_EQ(Starts(), std::vector<LONGLONG>{5});
-}
-
-TEST_F(FileLocks, AGrantWhoseCompletionFailsGoesToTheNextWaiter) {
-    ASSERT_EQ(Lock(A_, 0, 10, Exclusive), STATUS_SUCCESS);
-    Request &Refused = Prepare(IRP_MN_LOCK, B_, 0, 10, Exclusive, 1);
-    Refused.Answer = STATUS_DISK_FULL;
-    EXPECT_EQ(Process(Refused), STATUS_PENDING);
-    Request &Next = Send(IRP_MN_LOCK, B_, 0, 10, Exclusive, 2);
-    ASSERT_EQ(Unlock(A_, 0, 10), STATUS_SUCCESS);
-    EXPECT_EQ(Refused.Completions, 1);
-    EXPECT_EQ(Next.Completions, 1);
-    ASSERT_EQ(Starts().size(), 1u);
-    EXPECT_EQ(FsRtlGetNextFileLock(&Table_, TRUE)->Key, 2u);
 }
 
 TEST_F(FileLocks, ACompletionMayUseTheTable) {
@@ -334,28 +290,6 @@ TEST_F(FileLocks, ACompletionMayUseTheTable) {
     Own.Answer = STATUS_UNSUCCESSFUL;
     EXPECT_EQ(Process(Own), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(Starts().size(), 1u);
-}
-
-TEST_F(FileLocks, UnlockAllEndsTheOwnersWaitingRequests) {
-    ASSERT_EQ(Lock(A_, 0, 10, Exclusive), STATUS_SUCCESS);
-    Request &Mine = Send(IRP_MN_LOCK, B_, 0, 10, Exclusive, 4);
-    Request &Other = Send(IRP_MN_LOCK, A_, 0, 10, Exclusive, 5);
-    EXPECT_EQ(Send(IRP_MN_UNLOCK_ALL, B_, 0, 0).Status, STATUS_SUCCESS);
-    EXPECT_EQ(Mine.Status, STATUS_CANCELLED);
-    EXPECT_EQ(Mine.Completions, 1);
-    EXPECT_EQ(Other.Completions, 0);
-    EXPECT_EQ(Unlock(A_, 0, 10), STATUS_SUCCESS);
-    EXPECT_EQ(Other.Completions, 1);
-}
-
-TEST_F(FileLocks, WithoutACompletionRoutineTheRequestIsCompletedHere) {
-    FsRtlInitializeFileLock(&Table_, nullptr, nullptr);
-    EXPECT_EQ(Lock(A_, 0, 10, Exclusive), STATUS_SUCCESS);
-    Request &Waiting = Prepare(IRP_MN_LOCK, B_, 0, 10, Exclusive);
-    EXPECT_EQ(Process(Waiting), STATUS_PENDING);
-    EXPECT_EQ(Lock(B_, 5, 1, Fail), STATUS_LOCK_NOT_GRANTED);
-    EXPECT_EQ(Unlock(A_, 0, 10), STATUS_SUCCESS);
-    EXPECT_EQ(Waiting.Sent->Wait().Status, STATUS_SUCCESS);
 }
 
 TEST_F(FileLocks, AnUnknownMinorFunctionIsRefusedWithoutTheCompletionRoutine) {
@@ -495,15 +429,6 @@ TEST(StreamContextsDeathTest, TeardownChecksTheHeader) {
     LIST_ENTRY Foreign;
     EXPECT_DEATH(Teardown([&](auto &Header) { InsertTailList(&Header.FilterContexts, &Foreign); }),
                  "there are stream contexts");
-}
-
-TEST(CachedCopy, IsNeverPossibleWithoutACacheMap) {
-    FILE_OBJECT File{};
-    LARGE_INTEGER Offset{};
-    IO_STATUS_BLOCK Status{};
-    char Buffer[8];
-    EXPECT_FALSE(FsRtlCopyRead(&File, &Offset, sizeof(Buffer), TRUE, 0, Buffer, &Status, nullptr));
-    EXPECT_FALSE(FsRtlCopyWrite(&File, &Offset, sizeof(Buffer), TRUE, 0, Buffer, &Status, nullptr));
 }
 
 } // namespace

@@ -135,21 +135,6 @@ TEST(ProbeDeathTest, OtherFaultsStillEndTheProcess) {
         "");
 }
 
-TEST(MdlTest, DescribesTheBufferAndChainsToTheIrp) {
-    char Buffer[3 * PAGE_SIZE];
-    IRP Irp{};
-    PMDL First = IoAllocateMdl(Buffer + 10, 5000, FALSE, FALSE, &Irp);
-    EXPECT_EQ(Irp.MdlAddress, First);
-    EXPECT_EQ(MdlVirtualAddress(First), Buffer + 10);
-    EXPECT_EQ(reinterpret_cast<ULONG_PTR>(First->StartVa) % PAGE_SIZE, 0u);
-    EXPECT_EQ(MmGetMdlByteCount(First), 5000u);
-    PMDL Second = IoAllocateMdl(Buffer, 1, TRUE, FALSE, &Irp);
-    EXPECT_EQ(Irp.MdlAddress, First);
-    EXPECT_EQ(First->Next, Second);
-    IoFreeMdl(Second);
-    IoFreeMdl(First);
-}
-
 TEST(MdlTest, AMappingIsAnotherAddressUntilTheUnlockBringsItsBytes) {
     static char Buffer[3 * PAGE_SIZE];
     PMDL Mdl = IoAllocateMdl(Buffer, sizeof(Buffer), FALSE, FALSE, nullptr);
@@ -176,42 +161,6 @@ TEST(MdlTest, AMappingIsAnotherAddressUntilTheUnlockBringsItsBytes) {
     EXPECT_EQ(SystemProcess()->LockedMdls, 0);
     IoFreeMdl(Mdl);
     EXPECT_EQ(PoolBlocksOfKind(PoolKind::Mdl), 0u);
-}
-
-TEST(MdlTest, AllocationLockAndMappingFailByPlan) {
-    static char Buffer[100];
-    FaultScope Driver;
-    {
-        PlannedFaults Planned({.Kinds = FaultBit(FaultKind::Mdl)});
-        EXPECT_EQ(IoAllocateMdl(Buffer, 100, FALSE, FALSE, nullptr), nullptr);
-    }
-    PMDL Mdl = IoAllocateMdl(Buffer, 100, FALSE, FALSE, nullptr);
-    {
-        PlannedFaults Planned({.Kinds = FaultBit(FaultKind::Mdl)});
-        EXPECT_EQ(KernelProbeAndLockPages(Mdl, UserMode, IoReadAccess), STATUS_WORKING_SET_QUOTA);
-        EXPECT_EQ(Mdl->MdlFlags, 0);
-    }
-    ASSERT_EQ(KernelProbeAndLockPages(Mdl, UserMode, IoReadAccess), STATUS_SUCCESS);
-    {
-        PlannedFaults Planned({.Kinds = FaultBit(FaultKind::Map)});
-        EXPECT_EQ(MmMapLockedPagesSpecifyCache(Mdl, KernelMode, MmCached, nullptr, FALSE, NormalPagePriority), nullptr);
-    }
-    MmUnlockPages(Mdl);
-    IoFreeMdl(Mdl);
-}
-
-TEST(MemoryTest, SizeAndSectionClosesAreAsSet) {
-    SetSystemSize(MmSmallSystem);
-    EXPECT_EQ(MmQuerySystemSize(), MmSmallSystem);
-    SetSystemSize(MmLargeSystem);
-    SECTION_OBJECT_POINTERS Sections{};
-    ResetSectionCloses();
-    EXPECT_TRUE(MmForceSectionClosed(&Sections, FALSE));
-    SetSectionCloseAnswer(false);
-    EXPECT_FALSE(MmForceSectionClosed(&Sections, TRUE));
-    SetSectionCloseAnswer(true);
-    EXPECT_EQ(SectionCloses(), 2u);
-    EXPECT_EQ(LastSectionClosed(), &Sections);
 }
 
 } // namespace

@@ -37,21 +37,6 @@ protected:
     std::vector<std::u16string> Asked;
 };
 
-TEST_F(MupTest, TheProviderIsRegisteredUnderItsName) {
-    ASSERT_EQ(RegisteredUncProviders().size(), 1u);
-    EXPECT_EQ(RegisteredUncProviders()[0].DeviceName, u"\\Device\\RvFsd");
-    EXPECT_EQ(RegisteredUncProviders()[0].Flags, 0u);
-    std::u16string Name = u"?";
-    Handlers[IRP_MJ_CREATE] = [&](PIRP Irp) {
-        Name = View(&IoGetCurrentIrpStackLocation(Irp)->FileObject->FileName);
-        return Complete(Irp, STATUS_SUCCESS, FILE_OPENED);
-    };
-    EXPECT_EQ(OpenAndClose(u"\\Device\\RvFsd"), STATUS_SUCCESS);
-    EXPECT_EQ(Name, u"");
-    EXPECT_EQ(OpenAndClose(u"\\Device\\RvFsd\\srv\\vol\\x"), STATUS_SUCCESS);
-    EXPECT_EQ(Name, u"\\srv\\vol\\x");
-}
-
 TEST_F(MupTest, AUncOpenAsksOnceAndThenRemembersThePrefix) {
     Answer(STATUS_SUCCESS, Bytes(u"\\srv\\vol"));
     EXPECT_EQ(OpenAndClose(u"\\??\\UNC\\srv\\vol\\a"), STATUS_SUCCESS);
@@ -94,17 +79,6 @@ TEST_F(MupTest, WithoutAClaimTheProvidersStatusIsTheAnswer) {
     }
 }
 
-TEST_F(MupTest, AClaimCanBeAskedForWithoutAnOpen) {
-    Answer(STATUS_SUCCESS, Bytes(u"\\srv"));
-    const PathClaim Claim = QueryPathClaim(u"\\srv\\vol\\x");
-    EXPECT_EQ(Claim.Status, STATUS_SUCCESS);
-    EXPECT_EQ(Claim.BytesClaimed, Bytes(u"\\srv"));
-    EXPECT_TRUE(CachedUncPrefixes().empty());
-    Answer(STATUS_BAD_NETWORK_NAME, 4);
-    EXPECT_EQ(QueryPathClaim(u"\\srv\\vol\\x").Status, STATUS_BAD_NETWORK_NAME);
-    EXPECT_EQ(QueryPathClaim(u"\\srv\\vol\\x").BytesClaimed, 0u);
-}
-
 TEST_F(MupTest, DeregistrationEndsClaimsNamesAndMemory) {
     Answer(STATUS_SUCCESS, Bytes(u"\\srv\\vol"));
     OpenAndClose(u"\\??\\UNC\\srv\\vol\\a");
@@ -129,15 +103,6 @@ TEST_F(MupTest, TheLongestClaimWins) {
     EXPECT_EQ(QueryPathClaim(u"\\srv\\vol\\x").BytesClaimed, Bytes(u"\\srv\\vol"));
     EXPECT_EQ(Turn, 2);
     FsRtlDeregisterUncProvider(Second);
-}
-
-TEST_F(MupTest, RegistrationCanBeMadeToFail) {
-    TheKernel = nullptr;
-    Kernel Fresh;
-    FailNextUncRegistration(STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(Fresh.LoadDriver(DriverEntry, u"RVFSD"), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(Fresh.Driver(), nullptr);
-    EXPECT_EQ(Fresh.LoadDriver(DriverEntry, u"RVFSD"), STATUS_SUCCESS);
 }
 
 } // namespace

@@ -28,16 +28,6 @@ class ObTest : public ::testing::Test {
     Kernel Running;
 };
 
-TEST_F(ObTest, TheLastReferenceDeletesAnObject) {
-    bool Gone = false;
-    auto First = Things::Adopt(new Thing(&Gone));
-    auto Second = First;
-    First.Reset();
-    EXPECT_FALSE(Gone);
-    Second.Reset();
-    EXPECT_TRUE(Gone);
-}
-
 TEST_F(ObTest, HandlesAreMultiplesOfFourAndCleanUpWithTheLastOne) {
     auto Target = Things::Adopt(new Thing);
     HANDLE First, Second;
@@ -88,17 +78,6 @@ TEST_F(ObTest, KernelHandlesAreClosedToUserMode) {
     EXPECT_EQ(CloseHandle(Handle, KernelMode), STATUS_SUCCESS);
 }
 
-TEST_F(ObTest, ManyHandlesLiveSideBySide) {
-    auto Target = Things::Adopt(new Thing);
-    std::vector<HANDLE> Handles(3000);
-    for (HANDLE &Handle : Handles) {
-        ASSERT_EQ(InsertHandle(*Target.Get(), 0, 0, UserMode, &Handle), STATUS_SUCCESS);
-    }
-    EXPECT_EQ(OpenHandleCount(), Handles.size());
-    EXPECT_EQ(CloseHandles(HandleSet::User), Handles.size());
-    EXPECT_EQ(Target->References(), 1);
-}
-
 TEST_F(ObTest, NamesAreFoundIgnoringCaseThroughLinks) {
     auto Device = Things::Adopt(new Thing(nullptr, ObjectType::Device));
     ASSERT_EQ(InsertName(u"\\Device\\Thing", *Device.Get()), STATUS_SUCCESS);
@@ -140,61 +119,6 @@ TEST_F(ObTest, LinksInACircleEnd) {
     EXPECT_EQ(LookupName(u"\\??\\A\\x", true, &Parsed), STATUS_NAME_TOO_LONG);
 }
 
-TEST_F(ObTest, ALinkTellsItsTarget) {
-    CreateSymbolicLink(u"\\??\\A", u"\\Device\\X");
-    std::u16string Target;
-    EXPECT_EQ(QuerySymbolicLink(u"\\DosDevices\\a", &Target), STATUS_SUCCESS);
-    EXPECT_EQ(Target, u"\\Device\\X");
-    EXPECT_EQ(QuerySymbolicLink(u"\\Device", &Target), STATUS_OBJECT_TYPE_MISMATCH);
-    EXPECT_EQ(QuerySymbolicLink(u"\\??\\none", &Target), STATUS_OBJECT_NAME_NOT_FOUND);
-}
-
 using ObDeathTest = ObTest;
-
-TEST_F(ObDeathTest, ANullHandleInKernelModeStops) {
-    EXPECT_DEATH(ZwClose(nullptr), "0x000000C4.*0*F5");
-}
-
-TEST_F(ObDeathTest, AClosedHandleInKernelModeStops) {
-    auto Target = Things::Adopt(new Thing);
-    HANDLE Handle;
-    InsertHandle(*Target.Get(), 0, OBJ_KERNEL_HANDLE, KernelMode, &Handle);
-    CloseHandle(Handle, KernelMode);
-    EXPECT_DEATH(ZwClose(Handle), "0x00000093");
-}
-
-TEST_F(ObDeathTest, AUserHandleInKernelModeStops) {
-    auto Target = Things::Adopt(new Thing);
-    HANDLE Handle;
-    InsertHandle(*Target.Get(), 0, 0, UserMode, &Handle);
-    EXPECT_DEATH(ZwClose(Handle), "0x000000C4.*0*F6");
-    CloseHandle(Handle, UserMode);
-}
-
-TEST_F(ObDeathTest, ReferencingADyingObjectStops) {
-    struct Resurrecting final : Object {
-        Resurrecting() : Object(ObjectType::Event) {
-        }
-        void OnLastReference() noexcept override {
-            Reference();
-        }
-    };
-    auto *Target = new Resurrecting;
-    EXPECT_DEATH(Target->Dereference(), "0x000000C4.*0*3F");
-    delete Target;
-}
-
-TEST_F(ObDeathTest, OneDereferenceTooManyStops) {
-    struct Lasting final : Object {
-        Lasting() : Object(ObjectType::Event) {
-        }
-        void OnLastReference() noexcept override {
-        }
-    };
-    auto *Target = new Lasting;
-    Target->Dereference();
-    EXPECT_DEATH(Target->Dereference(), "0x00000018");
-    delete Target;
-}
 
 } // namespace

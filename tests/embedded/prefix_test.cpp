@@ -110,14 +110,6 @@ TEST_F(PrefixTable, FindsTheLongestNameThatEndsAtAComponent) {
     }
 }
 
-TEST_F(PrefixTable, TheLoneBackslashIsAPrefixOfEveryRootedName) {
-    ASSERT_TRUE(Insert(u"\\"));
-    EXPECT_EQ(Find(u"\\"), u"\\");
-    EXPECT_EQ(Find(u"\\a\\b"), u"\\");
-    EXPECT_EQ(Find(u"\\\\a"), u"\\");
-    EXPECT_EQ(Find(u"a\\b"), u"(none)");
-}
-
 TEST_F(PrefixTable, AnEmptyTableOwnsNothing) {
     EXPECT_EQ(PrefixTablesInUse(), 0u);
     EXPECT_EQ(Find(u"\\a"), u"(none)");
@@ -137,42 +129,6 @@ TEST_F(PrefixTable, ATableSetUpAgainInTheSamePlaceForgetsItsNames) {
     EXPECT_EQ(PrefixTablesInUse(), 0u);
     EXPECT_EQ(Find(u"\\a"), u"(none)");
     Names_.clear();
-}
-
-TEST_F(PrefixTable, NamesThatDifferOnlyInCaseLiveSideBySide) {
-    ASSERT_TRUE(Insert(u"\\a\\b"));
-    EXPECT_FALSE(Insert(u"\\a\\b"));
-    ASSERT_TRUE(Insert(u"\\A\\B"));
-    ASSERT_TRUE(Insert(u"\\a\\B"));
-    EXPECT_FALSE(Insert(u"\\A\\B"));
-    EXPECT_EQ(Find(u"\\A\\B\\c"), u"\\A\\B");
-    EXPECT_EQ(Find(u"\\a\\B"), u"\\a\\B");
-    EXPECT_EQ(Folded(Find(u"\\A\\b")), u"\\A\\B");
-    EXPECT_EQ(Walk().size(), 3u);
-    Remove(u"\\a\\b");
-    EXPECT_EQ(Find(u"\\A\\B"), u"\\A\\B");
-    EXPECT_EQ(Folded(Find(u"\\a\\b")), u"\\A\\B");
-    Remove(u"\\a\\B");
-    EXPECT_EQ(Find(u"\\a\\b"), u"\\A\\B");
-    Remove(u"\\A\\B");
-    EXPECT_EQ(Find(u"\\a\\b"), u"(none)");
-}
-
-TEST_F(PrefixTable, UnitsBeforeTheCaseInsensitiveIndexMustMatchExactly) {
-    ASSERT_TRUE(Insert(u"\\Srv"));
-    ASSERT_TRUE(Insert(u"\\Srv\\Dir"));
-    EXPECT_EQ(Find(u"\\Srv\\dir", 5), u"\\Srv\\Dir");
-    EXPECT_EQ(Find(u"\\Srv\\dir", 6), u"\\Srv");
-    EXPECT_EQ(Find(u"\\srv\\Dir", 2), u"(none)");
-    EXPECT_EQ(Find(u"\\srv\\Dir", 1), u"\\Srv\\Dir");
-}
-
-TEST_F(PrefixTable, NamesFoldOutsideAsciiToo) {
-    ASSERT_TRUE(Insert(u"\\\u0436\u00E9\\xyz\u00FF"));
-    EXPECT_EQ(Find(u"\\\u0416\u00C9\\XYZ\u0178\\below"), u"\\\u0436\u00E9\\xyz\u00FF");
-    ASSERT_TRUE(Insert(u"\\file"));
-    EXPECT_EQ(Find(u"\\f\u0131le"), u"(none)");
-    EXPECT_EQ(Find(u"\\@ile"), u"(none)");
 }
 
 TEST_F(PrefixTable, WalksInOrderOfInsertionAndSurvivesRemovals) {
@@ -296,7 +252,7 @@ std::u16string RandomPath(std::mt19937 &Random) {
         Path += u'\\';
         Path += Components[Random() % std::size(Components)];
     }
-    return Random() % 10 == 0 && !Path.empty() ? Path.substr(1) : Path;
+    return Path.empty() && Random() % 2 == 0 ? u"\\" : Random() % 10 == 0 && !Path.empty() ? Path.substr(1) : Path;
 }
 
 TEST(PrefixTableProperty, AgreesWithAPlainListOverRandomNames) {

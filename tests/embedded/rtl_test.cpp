@@ -142,15 +142,5 @@ TEST(RtlTimeFieldsToTime, RefusesDatesThatDoNotExist) {
     }
 }
 
-TEST(RtlCreateSecurityDescriptor, MakesAnEmptyDescriptorOfRevisionOneOnly) {
-    SECURITY_DESCRIPTOR Descriptor;
-    memset(&Descriptor, 0xAA, sizeof(Descriptor));
-    EXPECT_EQ(RtlCreateSecurityDescriptor(&Descriptor, 2), STATUS_UNKNOWN_REVISION);
-    EXPECT_EQ(RtlCreateSecurityDescriptor(&Descriptor, SECURITY_DESCRIPTOR_REVISION), STATUS_SUCCESS);
-    EXPECT_EQ(Descriptor.Revision, 1);
-    EXPECT_EQ(Descriptor.Control, 0);
-    EXPECT_EQ(Descriptor.Dacl, nullptr);
-}
-
 } // namespace
 } // namespace embedded

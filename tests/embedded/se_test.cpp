@@ -50,56 +50,6 @@ protected:
     Kernel Kernel_;
 };
 
-TEST_F(SeTest, ATokenTellsItsSessionItsElevationAndItsOtherHalf) {
-    const SplitLogon Split = LogOnSplit(500);
-    const TokenRef Plain = LogOn(501, Elevation::Default, LUID{0x3E7, 1});
-    struct {
-        const TokenRef *Token, *Linked;
-        ULONG Elevation;
-    } const Cases[] = {
-        {&Split.Filtered, &Split.Elevated, 3}, {&Split.Elevated, &Split.Filtered, 2}, {&Plain, nullptr, 1}};
-    for (const auto &Case : Cases) {
-        const PEPROCESS Client = CreateProcess("client", *Case.Token);
-        const AttachProcess Attached(Client);
-        HANDLE Token = nullptr, Linked = nullptr;
-        EXPECT_EQ(ZwOpenThreadTokenEx(NtCurrentThread(), GENERIC_READ, FALSE, OBJ_KERNEL_HANDLE, &Token),
-                  STATUS_NO_TOKEN);
-        ASSERT_EQ(ZwOpenProcessTokenEx(NtCurrentProcess(), GENERIC_READ, OBJ_KERNEL_HANDLE, &Token), STATUS_SUCCESS);
-        TOKEN_STATISTICS Statistics;
-        ULONG Kind = 0, Length = 0;
-        ASSERT_EQ(ZwQueryInformationToken(Token, TokenStatistics, &Statistics, sizeof(Statistics), &Length),
-                  STATUS_SUCCESS);
-        EXPECT_TRUE(Statistics.AuthenticationId == (*Case.Token)->Session->Id);
-        EXPECT_EQ(ZwQueryInformationToken(Token, TokenElevationType, &Kind, 3, &Length), STATUS_BUFFER_TOO_SMALL);
-        EXPECT_EQ(ZwQueryInformationToken(Token, TokenElevationType, &Kind, 4, &Length), STATUS_SUCCESS);
-        EXPECT_EQ(Kind, Case.Elevation);
-        const NTSTATUS Status = ZwQueryInformationToken(Token, TokenLinkedToken, &Linked, sizeof(Linked), &Length);
-        EXPECT_EQ(Status, Case.Linked == nullptr ? STATUS_NO_SUCH_LOGON_SESSION : STATUS_SUCCESS);
-        if (NT_SUCCESS(Status)) {
-            ZwQueryInformationToken(Linked, TokenStatistics, &Statistics, sizeof(Statistics), &Length);
-            EXPECT_TRUE(Statistics.AuthenticationId == (*Case.Linked)->Session->Id);
-            EXPECT_EQ(ZwQueryInformationToken(Linked, TokenDefaultDacl, nullptr, 0, &Length), STATUS_BUFFER_TOO_SMALL);
-            std::vector<std::byte> Dacl(Length);
-            EXPECT_EQ(ZwQueryInformationToken(Linked, TokenDefaultDacl, Dacl.data(), Length, &Length), STATUS_SUCCESS);
-            const PACL List = reinterpret_cast<PTOKEN_DEFAULT_DACL>(Dacl.data())->DefaultDacl;
-            EXPECT_EQ(memcmp(List, (*Case.Linked)->DefaultSecurity.Dacl.data(), List->AclSize), 0);
-            ZwClose(Linked);
-        }
-        ZwClose(Token);
-    }
-    LogOff(*Split.Elevated.Get());
-    const Impersonate Client(Split.Filtered);
-    HANDLE Token = nullptr, Linked = nullptr;
-    ULONG Length = 0;
-    ASSERT_EQ(ZwOpenThreadTokenEx(NtCurrentThread(), GENERIC_READ, FALSE, OBJ_KERNEL_HANDLE, &Token), STATUS_SUCCESS);
-    EXPECT_EQ(ZwQueryInformationToken(Token, TokenLinkedToken, &Linked, sizeof(Linked), &Length),
-              STATUS_NO_SUCH_LOGON_SESSION);
-    ZwClose(Token);
-    const Impersonate Nobody(Plain, SecurityAnonymous);
-    EXPECT_EQ(ZwOpenThreadTokenEx(NtCurrentThread(), GENERIC_READ, FALSE, OBJ_KERNEL_HANDLE, &Token),
-              STATUS_CANT_OPEN_ANONYMOUS);
-}
-
 TEST_F(SeTest, DosDevicesAreTheSessionsAndBehindThemEverybodys) {
     const TokenRef One = LogOn(500, Elevation::Default, LUID{0xABC, 2}), Other = LogOn(500);
     ASSERT_EQ(CreateSymbolicLink(u"\\??\\Z:", u"\\Device\\Global"), STATUS_SUCCESS);
@@ -222,7 +172,7 @@ TEST_F(SeTest, WhatALinkAndADirectoryDoNotGiveIsDenied) {
 TEST_F(SeTest, Concurrent_OneNameIsMadeAndGoneWithManyThreads) {
     const TokenRef User = LogOn(500);
     std::atomic<int> Made{0};
-    std::vector<std::thread> Threads;
+    std::vector<std::jthread> Threads;
     for (int Index = 0; Index < 4; ++Index) {
         Threads.emplace_back([&] {
             const Impersonate Client(User);
@@ -237,30 +187,10 @@ TEST_F(SeTest, Concurrent_OneNameIsMadeAndGoneWithManyThreads) {
             }
         });
     }
-    for (std::thread &Each : Threads) {
-        Each.join();
-    }
+    Threads.clear(); // joins them
     const Impersonate Client(User);
     EXPECT_GT(Made, 0);
     EXPECT_FALSE(Exists(u"\\??\\G:"));
-}
-
-TEST_F(SeTest, AnsiTextIsReadByItsCodePageIntoWhatHasRoom) {
-    char Bytes[] = "a\x80\x9F\xE9";
-    const ANSI_STRING Ansi = {4, 4, Bytes};
-    WCHAR Text[5] = {};
-    UNICODE_STRING Wide = {0, 8, Text};
-    EXPECT_EQ(RtlAnsiStringToUnicodeString(&Wide, &Ansi, FALSE), STATUS_BUFFER_OVERFLOW);
-    Wide.MaximumLength = 10;
-    EXPECT_EQ(RtlAnsiStringToUnicodeString(&Wide, &Ansi, FALSE), STATUS_SUCCESS);
-    EXPECT_EQ(View(&Wide), u"a\u20AC\u0178\u00E9");
-    EXPECT_EQ(Text[4], 0);
-    ASSERT_EQ(RtlAnsiStringToUnicodeString(&Wide, &Ansi, TRUE), STATUS_SUCCESS);
-    EXPECT_EQ(View(&Wide), u"a\u20AC\u0178\u00E9");
-    RtlFreeUnicodeString(&Wide);
-    EXPECT_EQ(Wide.Buffer, nullptr);
-    const ANSI_STRING Long = {32767, 32767, Bytes};
-    EXPECT_EQ(RtlAnsiStringToUnicodeString(&Wide, &Long, TRUE), STATUS_INVALID_PARAMETER_2);
 }
 
 using SeDeathTest = SeTest;

@@ -58,20 +58,36 @@ void InSystemThread(PKSTART_ROUTINE Body) {
     JoinSystemThreads();
 }
 
+void At(KIRQL Level, void (*Body)()) {
+    RaisedIrql Raised(Level);
+    Body();
+}
+
+void During(DriverCall Call, void (*Body)()) {
+    RequireUnchanged Same(Call, "the call");
+    Body();
+}
+
+void InRegion(void (*Body)()) {
+    CriticalRegion Region;
+    Body();
+}
+
+void WaitForEvent(LARGE_INTEGER *Timeout, KIRQL Level) {
+    KEVENT Event;
+    KeInitializeEvent(&Event, NotificationEvent, TRUE);
+    RaisedIrql Raised(Level);
+    KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, Timeout);
+}
+
+LARGE_INTEGER Zero{};
+
 constexpr ULONG V = bugcheck::Verifier;
 
 const PlantedFault PoolFaults[] = {
     {"ZeroBytes", V, 0x00, "zero bytes", [] { Allocate(0); }},
-    {"PagedAtDispatch", V, 0x01, "paged pool",
-     [] {
-         RaisedIrql Raised(DispatchLevel);
-         Allocate(16, PagedPool);
-     }},
-    {"AboveDispatch", V, 0x02, "above DISPATCH",
-     [] {
-         RaisedIrql Raised(HighLevel);
-         Allocate(16);
-     }},
+    {"PagedAtDispatch", V, 0x01, "paged pool", [] { At(DispatchLevel, [] { Allocate(16, PagedPool); }); }},
+    {"AboveDispatch", V, 0x02, "above DISPATCH", [] { At(HighLevel, [] { Allocate(16); }); }},
     {"FreeOfNoBlock", V, 0x10, "no block",
      [] {
          alignas(16) char Bytes[64] = {};
@@ -114,41 +130,16 @@ const PlantedFault PoolFaults[] = {
          ExInitializeNPagedLookasideList(List, nullptr, nullptr, 0, 32, Tag, 4);
          ExFreePoolWithTag(Block, Tag);
      }},
-    {"Leak", V, 0x62, "left behind",
-     [] {
-         Allocate(100);
-         VerifyNothingLeft();
-     }},
+    {"Leak", V, 0x62, "left behind", [] { Allocate(100), VerifyNothingLeft(); }},
 };
 
 const PlantedFault IrqlFaults[] = {
-    {"WaitAtDispatch", V, 0x120, "KeWait",
-     [] {
-         KEVENT Event;
-         KeInitializeEvent(&Event, NotificationEvent, TRUE);
-         RaisedIrql Raised(DispatchLevel);
-         KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, nullptr);
-     }},
-    {"PollAboveDispatch", V, 0x121, "KeWait",
-     [] {
-         KEVENT Event;
-         KeInitializeEvent(&Event, NotificationEvent, TRUE);
-         LARGE_INTEGER Zero{};
-         RaisedIrql Raised(HighLevel);
-         KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, &Zero);
-     }},
+    {"WaitAtDispatch", V, 0x120, "KeWait", [] { WaitForEvent(nullptr, DispatchLevel); }},
+    {"PollAboveDispatch", V, 0x121, "KeWait", [] { WaitForEvent(&Zero, HighLevel); }},
     {"DelayAtDispatch", V, 0x122, "KeDelay",
-     [] {
-         LARGE_INTEGER Short{};
-         RaisedIrql Raised(DispatchLevel);
-         KeDelayExecutionThread(KernelMode, FALSE, &Short);
-     }},
+     [] { At(DispatchLevel, [] { KeDelayExecutionThread(KernelMode, FALSE, &Zero); }); }},
     {"ResourceAtDispatch", V, 0x20002, "ExAcquireResourceSharedLite called at IRQL 2",
-     [] {
-         Bad();
-         RaisedIrql Raised(DispatchLevel);
-         ExAcquireResourceSharedLite(&Bad().A, TRUE);
-     }},
+     [] { Bad(), At(DispatchLevel, [] { ExAcquireResourceSharedLite(&Bad().A, TRUE); }); }},
     {"ThreadAtApc", V, 0x20002, "PsCreateSystemThread",
      [] {
          HANDLE Thread;
@@ -175,18 +166,10 @@ const PlantedFault IrqlFaults[] = {
          RaisedIrql Raised(DispatchLevel);
          IoSetShareAccess(FILE_READ_DATA, 0, &File, &Share);
      }},
-    {"RaiseToLower", V, 0x30, "KeRaiseIrql",
-     [] {
-         KeRaiseIrql(DispatchLevel);
-         KeRaiseIrql(ApcLevel);
-     }},
+    {"RaiseToLower", V, 0x30, "KeRaiseIrql", [] { KeRaiseIrql(DispatchLevel), KeRaiseIrql(ApcLevel); }},
     {"LowerToHigher", V, 0x31, "KeLowerIrql", [] { KeLowerIrql(DispatchLevel); }},
     {"SpinLockAboveDispatch", V, 0x40, "KeAcquireSpinLock",
-     [] {
-         Bad();
-         KeRaiseIrql(HighLevel);
-         KeAcquireSpinLockRaiseToDpc(&Bad().SpinA);
-     }},
+     [] { Bad(), At(HighLevel, [] { KeAcquireSpinLockRaiseToDpc(&Bad().SpinA); }); }},
     {"SpinReleaseAtPassive", V, 0x32, "KeReleaseSpinLock",
      [] {
          KeAcquireSpinLockRaiseToDpc(&Bad().SpinA);
@@ -194,41 +177,17 @@ const PlantedFault IrqlFaults[] = {
          KeReleaseSpinLock(&Bad().SpinA, PassiveLevel);
      }},
     {"DispatchChangesIrql", bugcheck::IoVerifier, 0x05, "returned at 1",
-     [] {
-         RequireUnchanged Same(DriverCall::Dispatch, "NtFsdRead");
-         KeRaiseIrql(ApcLevel);
-     }},
+     [] { During(DriverCall::Dispatch, [] { KeRaiseIrql(ApcLevel); }); }},
     {"DispatchKeepsRegion", bugcheck::ApcIndexMismatch, 0, "returned in 1",
-     [] {
-         RequireUnchanged Same(DriverCall::Dispatch, "NtFsdRead");
-         KeEnterCriticalRegion();
-     }},
-    {"FastIoKeepsRegion", V, 0xC5, "fast I/O",
-     [] {
-         RequireUnchanged Same(DriverCall::FastIo, "FastIoRead");
-         KeEnterCriticalRegion();
-     }},
-    {"FastIoChangesIrql", V, 0xC6, "fast I/O",
-     [] {
-         RequireUnchanged Same(DriverCall::FastIo, "FastIoRead");
-         KeRaiseIrql(ApcLevel);
-     }},
+     [] { During(DriverCall::Dispatch, [] { KeEnterCriticalRegion(); }); }},
+    {"FastIoKeepsRegion", V, 0xC5, "fast I/O", [] { During(DriverCall::FastIo, [] { KeEnterCriticalRegion(); }); }},
+    {"FastIoChangesIrql", V, 0xC6, "fast I/O", [] { During(DriverCall::FastIo, [] { KeRaiseIrql(ApcLevel); }); }},
     {"CompletionKeepsRegion", V, 0xFB, "completion",
-     [] {
-         RequireUnchanged Same(DriverCall::Completion, "Done");
-         KeEnterCriticalRegion();
-     }},
+     [] { During(DriverCall::Completion, [] { KeEnterCriticalRegion(); }); }},
     {"CompletionChangesIrql", V, 0xFA, "completion",
-     [] {
-         RequireUnchanged Same(DriverCall::Completion, "Done");
-         KeRaiseIrql(DispatchLevel);
-     }},
+     [] { During(DriverCall::Completion, [] { KeRaiseIrql(DispatchLevel); }); }},
     {"DispatchKeepsLock", V, bugcheck::OwnRule + 1, "locks held",
-     [] {
-         CriticalRegion Region;
-         RequireUnchanged Same(DriverCall::Dispatch, "NtFsdRead");
-         Exclusive(Bad().A);
-     }},
+     [] { InRegion([] { During(DriverCall::Dispatch, [] { Exclusive(Bad().A); }); }); }},
 };
 
 const PlantedFault LockFaults[] = {
@@ -242,21 +201,10 @@ const PlantedFault LockFaults[] = {
      }},
     {"RegionNeverEntered", V, 0x3E, "never entered", [] { KeLeaveCriticalRegion(); }},
     {"SpinSelfDeadlock", V, 0x1000, "self-deadlock",
-     [] {
-         KeAcquireSpinLockRaiseToDpc(&Bad().SpinA);
-         KeAcquireSpinLockRaiseToDpc(&Bad().SpinA);
-     }},
+     [] { KeAcquireSpinLockRaiseToDpc(&Bad().SpinA), KeAcquireSpinLockRaiseToDpc(&Bad().SpinA); }},
     {"UpgradeDeadlock", V, 0x1000, "holds the resource shared",
-     [] {
-         CriticalRegion Region;
-         ExAcquireResourceSharedLite(&Bad().A, TRUE);
-         Exclusive(Bad().A);
-     }},
-    {"TwoWayCycle", V, 0x1001, "lock order",
-     [] {
-         TakeInTurn(Bad().A, Bad().B);
-         TakeInTurn(Bad().B, Bad().A);
-     }},
+     [] { InRegion([] { ExAcquireResourceSharedLite(&Bad().A, TRUE), Exclusive(Bad().A); }); }},
+    {"TwoWayCycle", V, 0x1001, "lock order", [] { TakeInTurn(Bad().A, Bad().B), TakeInTurn(Bad().B, Bad().A); }},
     {"ThreeWayCycleOverThreads", V, 0x1001, "lock order",
      [] {
          Bad();
@@ -326,11 +274,7 @@ const PlantedFault LockFaults[] = {
          });
      }},
     {"ResourceReleasedByAnother", V, 0x1004, "another thread",
-     [] {
-         CriticalRegion Region;
-         Exclusive(Bad().A);
-         InThread([] { ExReleaseResourceLite(&Bad().A); });
-     }},
+     [] { InRegion([] { Exclusive(Bad().A), InThread([] { ExReleaseResourceLite(&Bad().A); }); }); }},
     {"InitializedTwice", V, 0x1005, "initialised twice", [] { ExInitializeResourceLite(&Bad().A); }},
     {"SpinNotHeld", V, 0x1007, "not held", [] { KeReleaseSpinLock(&Bad().SpinA, PassiveLevel); }},
     {"ResourceNotHeld", V, 0x1007, "not held", [] { ExReleaseResourceLite(&Bad().A); }},
@@ -342,17 +286,9 @@ const PlantedFault LockFaults[] = {
          ExReleaseResourceLite(&Bad().A);
      }},
     {"ConvertOfShared", V, 0x1007, "conversion",
-     [] {
-         CriticalRegion Region;
-         ExAcquireResourceSharedLite(&Bad().A, TRUE);
-         ExConvertExclusiveToSharedLite(&Bad().A);
-     }},
+     [] { InRegion([] { ExAcquireResourceSharedLite(&Bad().A, TRUE), ExConvertExclusiveToSharedLite(&Bad().A); }); }},
     {"DeletedWhileHeld", V, 0x100B, "held or waited for",
-     [] {
-         CriticalRegion Region;
-         Exclusive(Bad().A);
-         ExDeleteResourceLite(&Bad().A);
-     }},
+     [] { InRegion([] { Exclusive(Bad().A), ExDeleteResourceLite(&Bad().A); }); }},
     {"ThreadEndsWithLock", V, 0x100A, "ended while it holds",
      [] {
          Bad();
@@ -442,11 +378,7 @@ const PlantedFault MdlFaults[] = {
          }
          DeleteProcess(Process);
      }},
-    {"MdlLeft", V, 0x62, "MDL block",
-     [] {
-         NewMdl();
-         VerifyNothingLeft();
-     }},
+    {"MdlLeft", V, 0x62, "MDL block", [] { NewMdl(), VerifyNothingLeft(); }},
 };
 
 TEST_P(PlantedFaults, StopsWithItsCode) {

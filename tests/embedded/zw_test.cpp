@@ -37,50 +37,6 @@ TEST_F(ZwTest, AnObjectNameOfHalfACharacterIsInvalid) {
     EXPECT_EQ(NtOpenFile(&Handle, FILE_READ_DATA, &Attributes, &Iosb, 0, 0), STATUS_OBJECT_NAME_INVALID);
 }
 
-TEST_F(ZwTest, AnOpenReachesTheDriverWithNameFlagsAndAccess) {
-    std::u16string Name;
-    ULONG Options = 0, FileFlags = 0, IrpFlags = 0;
-    ACCESS_MASK Access = 0;
-    LONGLONG Allocation = 0;
-    Handlers[IRP_MJ_CREATE] = [&](PIRP Irp) {
-        const auto &Stack = *IoGetCurrentIrpStackLocation(Irp);
-        Name = View(&Stack.FileObject->FileName);
-        Options = Stack.Parameters.Create.Options;
-        Access = Stack.Parameters.Create.SecurityContext->DesiredAccess;
-        FileFlags = Stack.FileObject->Flags;
-        IrpFlags = Irp->Flags;
-        Allocation = Irp->Overlay.AllocationSize.QuadPart;
-        EXPECT_EQ(Irp->RequestorMode, UserMode);
-        EXPECT_TRUE(IoIsOperationSynchronous(Irp));
-        return Complete(Irp, STATUS_SUCCESS, FILE_CREATED);
-    };
-    UNICODE_STRING Path = ToUnicodeString(u"\\device\\RVFSD\\srv\\vol\\a.txt");
-    OBJECT_ATTRIBUTES Attributes;
-    InitializeObjectAttributes(&Attributes, &Path, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-    HANDLE Handle = nullptr;
-    LARGE_INTEGER Size = At(4096);
-    ASSERT_EQ(NtCreateFile(&Handle, GENERIC_READ | SYNCHRONIZE, &Attributes, &Iosb, &Size, FILE_ATTRIBUTE_NORMAL,
-                           FILE_SHARE_READ, FILE_OPEN_IF, FILE_SYNCHRONOUS_IO_ALERT | FILE_WRITE_THROUGH, nullptr, 0),
-              STATUS_SUCCESS);
-    EXPECT_EQ(Name, u"\\srv\\vol\\a.txt");
-    EXPECT_EQ(Options, (ULONG{FILE_OPEN_IF} << 24) | FILE_SYNCHRONOUS_IO_ALERT | FILE_WRITE_THROUGH);
-    EXPECT_EQ(Access, ULONG{FILE_GENERIC_READ});
-    EXPECT_EQ(FileFlags, ULONG{FO_SYNCHRONOUS_IO | FO_ALERTABLE_IO | FO_WRITE_THROUGH});
-    EXPECT_EQ(IrpFlags, ULONG{IRP_CREATE_OPERATION | IRP_SYNCHRONOUS_API});
-    EXPECT_EQ(Allocation, 4096);
-    EXPECT_EQ(Iosb.Information, ULONG_PTR{FILE_CREATED});
-    EXPECT_EQ(NtClose(Handle), STATUS_SUCCESS);
-    EXPECT_EQ(Seen, (std::vector<UCHAR>{IRP_MJ_CREATE, IRP_MJ_CLEANUP, IRP_MJ_CLOSE}));
-}
-
-TEST_F(ZwTest, AFailedOpenIsNeitherCleanedUpNorClosed) {
-    Handlers[IRP_MJ_CREATE] = [](PIRP Irp) { return Complete(Irp, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST); };
-    const CreateResult Result = Open(u"\\Device\\RvFsd\\srv\\vol\\x");
-    EXPECT_EQ(Result.Status, STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(Result.Information, ULONG_PTR{FILE_DOES_NOT_EXIST});
-    EXPECT_EQ(Seen, (std::vector<UCHAR>{IRP_MJ_CREATE}));
-}
-
 TEST_F(ZwTest, ARelativeOpenHasItsRootDuringTheCreateOnly) {
     const HANDLE Root = OpenFile(FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
     PFILE_OBJECT Related = nullptr, Opened = nullptr;
@@ -133,44 +89,6 @@ TEST_F(ZwTest, BadArgumentsStopAtTheIoManagerUnlessTheChecksAreOff) {
     }
 }
 
-TEST_F(ZwTest, ReadsGoWhereTheCallerSays) {
-    struct Call {
-        LONGLONG Offset;
-        ULONG Length;
-        ULONG Key;
-        PVOID Buffer;
-    };
-    std::vector<Call> Calls;
-    Handlers[IRP_MJ_READ] = [&](PIRP Irp) {
-        auto &Stack = *IoGetCurrentIrpStackLocation(Irp);
-        Calls.push_back({Stack.Parameters.Read.ByteOffset.QuadPart, Stack.Parameters.Read.Length,
-                         Stack.Parameters.Read.Key, Irp->UserBuffer});
-        Stack.FileObject->CurrentByteOffset.QuadPart = Stack.Parameters.Read.ByteOffset.QuadPart + 10;
-        return Complete(Irp, STATUS_SUCCESS, 10);
-    };
-    const HANDLE Handle = OpenFile();
-    char Buffer[16];
-    LARGE_INTEGER Offset = At(100), Pointer;
-    Pointer.LowPart = FILE_USE_FILE_POINTER_POSITION;
-    Pointer.HighPart = -1;
-    ULONG Key = 5;
-    EXPECT_EQ(NtReadFile(Handle, nullptr, nullptr, nullptr, &Iosb, Buffer, 16, &Offset, &Key), STATUS_SUCCESS);
-    EXPECT_EQ(Iosb.Information, 10u);
-    EXPECT_EQ(NtReadFile(Handle, nullptr, nullptr, nullptr, &Iosb, Buffer, 8, nullptr, nullptr), STATUS_SUCCESS);
-    EXPECT_EQ(NtReadFile(Handle, nullptr, nullptr, nullptr, &Iosb, Buffer, 4, &Pointer, nullptr), STATUS_SUCCESS);
-    ASSERT_EQ(Calls.size(), 3u);
-    EXPECT_EQ(Calls[0].Offset, 100);
-    EXPECT_EQ(Calls[0].Length, 16u);
-    EXPECT_EQ(Calls[0].Key, 5u);
-    EXPECT_EQ(Calls[0].Buffer, Buffer);
-    EXPECT_EQ(Calls[1].Offset, 110);
-    EXPECT_EQ(Calls[2].Offset, 120);
-    LARGE_INTEGER Negative = At(-5);
-    EXPECT_EQ(NtReadFile(Handle, nullptr, nullptr, nullptr, &Iosb, Buffer, 4, &Negative, nullptr),
-              STATUS_INVALID_PARAMETER);
-    NtClose(Handle);
-}
-
 TEST_F(ZwTest, WritesAtTheEndKeepTheirMarker) {
     LONGLONG Offset = 0;
     Handlers[IRP_MJ_WRITE] = [&](PIRP Irp) {
@@ -205,47 +123,6 @@ TEST_F(ZwTest, AHandleWithoutTheAccessIsRefusedBeforeTheDriver) {
     EXPECT_EQ(NtFsControlFile(Handle, nullptr, nullptr, nullptr, &Iosb, FSCTL_SET_COMPRESSION, nullptr, 0, nullptr, 0),
               STATUS_ACCESS_DENIED);
     EXPECT_TRUE(Seen.empty());
-    NtClose(Handle);
-}
-
-TEST_F(ZwTest, LocksCarryRangeKeyAndFlags) {
-    const HANDLE Handle = OpenFile();
-    Handlers[IRP_MJ_LOCK_CONTROL] = [](PIRP Irp) {
-        const auto &Stack = *IoGetCurrentIrpStackLocation(Irp);
-        EXPECT_EQ(Stack.Parameters.LockControl.ByteOffset.QuadPart, 7);
-        EXPECT_EQ(Stack.Parameters.LockControl.Length->QuadPart, 9);
-        EXPECT_EQ(Stack.Parameters.LockControl.Key, 3u);
-        EXPECT_EQ(Stack.Flags, Stack.MinorFunction == IRP_MN_LOCK ? SL_FAIL_IMMEDIATELY | SL_EXCLUSIVE_LOCK : 0);
-        EXPECT_TRUE(Stack.FileObject->LockOperation);
-        return Complete(Irp, STATUS_SUCCESS);
-    };
-    LARGE_INTEGER Offset = At(7), Length = At(9);
-    EXPECT_EQ(NtLockFile(Handle, nullptr, nullptr, nullptr, &Iosb, &Offset, &Length, 3, TRUE, TRUE), STATUS_SUCCESS);
-    EXPECT_EQ(NtUnlockFile(Handle, &Iosb, &Offset, &Length, 3), STATUS_SUCCESS);
-    NtClose(Handle);
-}
-
-TEST_F(ZwTest, APendedReadOfASynchronousFileIsWaitedFor) {
-    PIRP Waiting = nullptr;
-    KEVENT Arrived;
-    KeInitializeEvent(&Arrived, NotificationEvent, FALSE);
-    Handlers[IRP_MJ_READ] = [&](PIRP Irp) {
-        IoMarkIrpPending(Irp);
-        Waiting = Irp;
-        KeSetEvent(&Arrived, 0, FALSE);
-        return STATUS_PENDING;
-    };
-    const HANDLE Handle = OpenFile();
-    std::thread Server([&] {
-        KeWaitForSingleObject(&Arrived, Executive, KernelMode, FALSE, nullptr);
-        Complete(Waiting, STATUS_END_OF_FILE);
-    });
-    char Byte;
-    LARGE_INTEGER Zero = At(0);
-    Iosb.Status = 77;
-    EXPECT_EQ(NtReadFile(Handle, nullptr, nullptr, nullptr, &Iosb, &Byte, 1, &Zero, nullptr), STATUS_END_OF_FILE);
-    EXPECT_EQ(Iosb.Status, 77) << "a failure is told by the return alone";
-    Server.join();
     NtClose(Handle);
 }
 
@@ -357,34 +234,6 @@ TEST_F(ZwTest, ThePositionIsTheIoManagersOwn) {
     NtClose(Handle);
 }
 
-TEST_F(ZwTest, ARenameToAnotherDirectoryOpensItFirst) {
-    const HANDLE Handle = OpenFile();
-    struct {
-        BOOLEAN Replace;
-        HANDLE Root;
-        ULONG Length;
-        WCHAR Name[40];
-    } Rename{};
-    const std::u16string_view Name = u"\\Device\\RvFsd\\srv\\vol\\d\\new";
-    Rename.Replace = TRUE;
-    Rename.Length = static_cast<ULONG>(Name.size() * 2);
-    memcpy(Rename.Name, Name.data(), Rename.Length);
-    UCHAR StackFlags = 0;
-    Handlers[IRP_MJ_CREATE] = [&](PIRP Irp) {
-        StackFlags = IoGetCurrentIrpStackLocation(Irp)->Flags;
-        return Complete(Irp, STATUS_SUCCESS, FILE_EXISTS);
-    };
-    Handlers[IRP_MJ_SET_INFORMATION] = [&](PIRP Irp) {
-        const auto &SetFile = IoGetCurrentIrpStackLocation(Irp)->Parameters.SetFile;
-        EXPECT_TRUE(SetFile.ReplaceIfExists);
-        EXPECT_EQ(View(&SetFile.FileObject->FileName), u"\\srv\\vol\\d\\new");
-        return Complete(Irp, STATUS_SUCCESS);
-    };
-    EXPECT_EQ(NtSetInformationFile(Handle, &Iosb, &Rename, sizeof(Rename), 10), STATUS_SUCCESS);
-    EXPECT_EQ(StackFlags, SL_OPEN_TARGET_DIRECTORY);
-    NtClose(Handle);
-}
-
 TEST_F(ZwTest, ControlsPassTheirBuffersByTheMethodOfTheCode) {
     const HANDLE Handle = OpenFile();
     char In[8] = "1234567", Out[4] = {'.', '.', '.', '.'};
@@ -417,47 +266,6 @@ TEST_F(ZwTest, TheDeviceSecurityNeedsTheRightToWriteIt) {
     ASSERT_NE(DeviceSecurity(TheDevice), nullptr);
     EXPECT_EQ(DeviceSecurity(TheDevice)->Dacl, nullptr);
     NtClose(Strong);
-}
-
-TEST_F(ZwTest, TheLogFileLivesOnTheSystemVolume) {
-    UNICODE_STRING Name = ToUnicodeString(u"\\??\\C:\\Rvfsd.log");
-    OBJECT_ATTRIBUTES Attributes;
-    InitializeObjectAttributes(&Attributes, &Name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-    auto Create = [&](ULONG Disposition, HANDLE *Handle) {
-        return ZwCreateFile(Handle, FILE_WRITE_DATA, &Attributes, &Iosb, nullptr, FILE_ATTRIBUTE_NORMAL, 0, Disposition,
-                            0, nullptr, 0);
-    };
-    HANDLE Handle = nullptr;
-    EXPECT_EQ(Create(FILE_OPEN, &Handle), STATUS_OBJECT_NAME_NOT_FOUND);
-    FailNext(VolumeOperation::Create, STATUS_ACCESS_DENIED);
-    EXPECT_EQ(Create(FILE_CREATE, &Handle), STATUS_ACCESS_DENIED);
-    ASSERT_EQ(Create(FILE_CREATE, &Handle), STATUS_SUCCESS);
-    char Text[] = "hello";
-    LARGE_INTEGER Offset = At(2);
-    EXPECT_EQ(ZwWriteFile(Handle, nullptr, nullptr, nullptr, &Iosb, Text, 5, &Offset, nullptr), STATUS_SUCCESS);
-    EXPECT_EQ(Iosb.Information, 5u);
-    FailNext(VolumeOperation::Write, STATUS_DISK_FULL);
-    EXPECT_EQ(ZwWriteFile(Handle, nullptr, nullptr, nullptr, &Iosb, Text, 5, &Offset, nullptr), STATUS_DISK_FULL);
-    EXPECT_EQ(ReadSystemFile(u"\\RVFSD.LOG"), std::string("\0\0hello", 7));
-    EXPECT_EQ(ZwClose(Handle), STATUS_SUCCESS);
-    EXPECT_EQ(Create(FILE_CREATE, &Handle), STATUS_OBJECT_NAME_COLLISION);
-    FailNext(VolumeOperation::Delete, STATUS_CANNOT_DELETE);
-    EXPECT_EQ(ZwDeleteFile(&Attributes), STATUS_CANNOT_DELETE);
-    EXPECT_EQ(ZwDeleteFile(&Attributes), STATUS_SUCCESS);
-    EXPECT_EQ(ZwDeleteFile(&Attributes), STATUS_OBJECT_NAME_NOT_FOUND);
-}
-
-TEST_F(ZwTest, TheTimeOfDayComesFromTheClock) {
-    SYSTEM_TIMEOFDAY_INFORMATION Information{};
-    ULONG Length = 0;
-    EXPECT_EQ(ZwQuerySystemInformation(SystemTimeOfDayInformation, &Information, sizeof(Information), &Length),
-              STATUS_SUCCESS);
-    EXPECT_EQ(Information.CurrentTime.QuadPart, DefaultStartTime);
-    EXPECT_EQ(Length, sizeof(Information));
-    EXPECT_EQ(ZwQuerySystemInformation(static_cast<SYSTEM_INFORMATION_CLASS>(2), &Information, 4, nullptr),
-              STATUS_INVALID_INFO_CLASS);
-    EXPECT_EQ(ZwQuerySystemInformation(SystemTimeOfDayInformation, &Information, sizeof(Information) + 1, nullptr),
-              STATUS_INFO_LENGTH_MISMATCH);
 }
 
 TEST(ZwHostVolumeTest, TheSystemVolumeCanBeAHostDirectory) {

@@ -7,6 +7,7 @@
 
 #include "providers/conformance/conformance.h"
 #include "providers/directory/directory_provider.h"
+#include "providers/scripted/scripted_provider.h"
 #include "tests/app/program.h"
 
 namespace {
@@ -195,6 +196,13 @@ TEST_F(Conformance, ASoundProviderPassesAndKeepsNothing) {
     EXPECT_TRUE(Sound_.ListOpenHandles().empty());
     EXPECT_THAT(std::vector<std::filesystem::path>(std::filesystem::directory_iterator(Scratch_.Path()), {}),
                 ElementsAre(Scratch_.Path() / "a.txt"));
+}
+
+TEST(ScriptedConformance, TheTestsOwnProviderPassesToo) {
+    providers::ScriptedProvider Scripted;
+    Scripted.AddFile(u"\\srv\\vol\\a.txt", "a");
+    EXPECT_THAT(CheckProvider(Scripted, u"\\srv\\vol").Failures, ElementsAre());
+    EXPECT_TRUE(Scripted.OpenHandles().empty());
 }
 
 TEST_F(Conformance, EveryPlantedFaultIsTold) {

@@ -73,20 +73,6 @@ TEST_F(FrameworkTest, EveryClassIsCountedUntilItsReleaseThroughSlotTwo) {
     EXPECT_THAT(Frame.Violations(), IsEmpty());
 }
 
-TEST_F(FrameworkTest, TheLogKeepsTheOrderOfCreationsAndReleases) {
-    RVPL *Services = Rvpl();
-    RVIOM_FSD *Fsd = nullptr;
-    Create(FrameworkClass::Provider, &Fsd);
-    EXPECT_EQ(Fsd, &Provider);
-    EXPECT_EQ(Provider.References(), 1);
-    Fsd->Table->Release(Fsd);
-    Services->Table->Release(Services);
-    EXPECT_THAT(Frame.Log(), ElementsAre("create RVPL -> 0x00000000", "create Provider -> 0x00000000",
-                                         "release Provider -> 0 left", "release RVPL -> 0 left"));
-    EXPECT_EQ(Provider.References(), 0);
-    EXPECT_EQ(Provider.CompareCalls({"Release"}), "");
-}
-
 TEST_F(FrameworkTest, AReleaseTooManyAndAUseAfterTheLastOneAreViolations) {
     RVPL *Services = Rvpl();
     Services->Table->Release(Services);
@@ -97,45 +83,12 @@ TEST_F(FrameworkTest, AReleaseTooManyAndAUseAfterTheLastOneAreViolations) {
                 ElementsAre("RVPL released without a reference", "slot 72 of RVPL called after its last release"));
 }
 
-TEST_F(FrameworkTest, TheChosenCreationFailsAndTheNextSucceeds) {
-    Frame.FailCreate(FrameworkClass::Quillon, Broken, 2);
-    RVP_OBJECT *Object = nullptr;
-    EXPECT_EQ(Create(FrameworkClass::Quillon, &Object), RVPSTATUS::Success);
-    EXPECT_EQ(Create(FrameworkClass::Quillon, &Object), Broken);
-    EXPECT_EQ(Object, nullptr);
-    EXPECT_EQ(Create(FrameworkClass::Quillon, &Object), RVPSTATUS::Success);
-    EXPECT_EQ(Frame.References(FrameworkClass::Quillon), 2);
-    EXPECT_EQ(Frame.CreateCount(FrameworkClass::Quillon), 3u);
-}
-
-TEST_F(FrameworkTest, SuccessWithoutObjectAndObjectWithoutSuccessCanBeAnswered) {
-    RVP_OBJECT *Object = nullptr;
-    Frame.FailCreate(FrameworkClass::Transport, RVPSTATUS::Success);
-    EXPECT_EQ(Create(FrameworkClass::Transport, &Object), RVPSTATUS::Success);
-    EXPECT_EQ(Object, nullptr);
-    Frame.AnswerCreate(FrameworkClass::Provider, RVPSTATUS{1});
-    EXPECT_EQ(Create(FrameworkClass::Provider, &Object), RVPSTATUS{1});
-    EXPECT_NE(Object, nullptr);
-    EXPECT_EQ(Frame.References(FrameworkClass::Provider), 1);
-}
-
 TEST_F(FrameworkTest, UnknownClassesAndBadPointersAreRefused) {
     PVOID Object = this;
     EXPECT_EQ(ZelmCreateInstance(&IID_Rvpl, nullptr, &IID_Rvpl, &Object), RVPSTATUS::NoSuchClass);
     EXPECT_EQ(ZelmCreateInstance(&CLSID_Rvpl, nullptr, &IID_Quillon, &Object), RVPSTATUS::NoSuchClass);
     EXPECT_EQ(ZelmCreateInstance(&CLSID_Rvpl, this, &IID_Rvpl, &Object), RVPSTATUS::BadPointer);
     EXPECT_EQ(ZelmCreateInstance(&CLSID_Rvpl, nullptr, &IID_Rvpl, nullptr), RVPSTATUS::BadPointer);
-}
-
-TEST_F(FrameworkTest, ABlockedCreationWaitsWhileOthersGoOn) {
-    Frame.BlockCreate(FrameworkClass::Rvpl);
-    auto Binding = std::async(std::launch::async, [&] { return Rvpl(); });
-    ASSERT_TRUE(Frame.WaitUntilBlocked(FrameworkClass::Rvpl));
-    RVP_OBJECT *Other = nullptr;
-    EXPECT_EQ(Create(FrameworkClass::Quillon, &Other), RVPSTATUS::Success);
-    EXPECT_EQ(Frame.References(FrameworkClass::Rvpl), 0);
-    Frame.UnblockCreate(FrameworkClass::Rvpl);
-    EXPECT_NE(Binding.get(), nullptr);
 }
 
 TEST_F(FrameworkTest, MemoryIsCountedUnzeroedAndFailsOnDemand) {
@@ -186,24 +139,6 @@ TEST_F(FrameworkTest, MutexesExcludeAndAreAccountedFor) {
     EXPECT_EQ(Frame.LiveMutexes(), 1u);
     Slots->DestroyMutex(Services, Mutex);
     EXPECT_EQ(Frame.LiveMutexes(), 0u);
-}
-
-TEST_F(FrameworkTest, CountersStringsTimeAndCallerAreServed) {
-    Frame.SetTimeSource([] { return LONG64{42}; });
-    Frame.SetCaller([] { return RV_SECURITY_CONTEXT{{7, 8}}; });
-    RVPL *Services = Rvpl();
-    RV_SECURITY *Security = nullptr;
-    Create(FrameworkClass::SecurityContext, &Security);
-    ULONG Counter = 5;
-    LONG64 Time = 0;
-    RV_SECURITY_CONTEXT Caller = {};
-    EXPECT_EQ(Services->Table->Increment(Services, &Counter), 6u);
-    EXPECT_EQ(Services->Table->Decrement(Services, &Counter), 5u);
-    EXPECT_EQ(Services->Table->StringLength(Services, u"abc"), 3u);
-    Services->Table->SystemTime(Services, &Time);
-    EXPECT_EQ(Time, 42);
-    Security->Table->GetCallerContext(Security, &Caller);
-    EXPECT_EQ(Caller.Words[1], 8u);
 }
 
 TEST_F(FrameworkTest, AnUnexpectedSlotEndsTheProgramByName) {

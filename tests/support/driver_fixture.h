@@ -63,7 +63,7 @@ protected:
     void Start(const StartOptions &Options = {});
     // Starts nothing yet; the status of DriverEntry.
     NTSTATUS Load();
-    // Shutdown, and the proof that nothing is left.
+    // Closes what the test left open, in the order of the opens; shutdown, and the proof that nothing is left.
     void Stop();
     // For tests of a driver that refuses to shut down (an unbound framework, a failed start): what is left is expected.
     void StopWithLeftovers();
@@ -73,7 +73,7 @@ protected:
 
     // Opens a path of the form \srv\vol\...; relative to Request.Related when that is given.
     embedded::CreateResult Create(std::u16string_view Path, const Open &Request = {});
-    // Opens and expects success; closed by CloseAll at the latest.
+    // Opens and expects success. A test closes what it wants closed at a time of its own.
     HANDLE MustOpen(std::u16string_view Path, const Open &Request = {});
     NTSTATUS Close(HANDLE Handle);
 
@@ -85,6 +85,9 @@ protected:
     PFILE_OBJECT FileObject(HANDLE Handle);
     PFCB Fcb(HANDLE Handle);
     PINSTANCE_CONTEXT Instance(HANDLE Handle);
+
+    // Each of these stands in what the driver printed, behind the one before it.
+    void ExpectPrintedInOrder(std::initializer_list<const char *> Lines);
 
     // Names of the Provider calls since the last ClearCalls.
     std::vector<std::string> CallNames() {
