@@ -46,7 +46,10 @@ PVOID MapApart(const MDL *Mdl) {
         return Address;
     }
     char *Mapped = static_cast<char *>(Start) + Mdl->ByteOffset;
-    CopyRaw(Mapped, Address, Mdl->ByteCount);
+    // Locked pages outlive the buffer that their owner unmaps meanwhile; what was in them is lost here.
+    if (ProbeRange(Address, Mdl->ByteCount, false)) {
+        CopyRaw(Mapped, Address, Mdl->ByteCount);
+    }
     CopyRaw(Mapped + Pages, Mapped, Mdl->ByteCount);
     return Mapped;
 }
