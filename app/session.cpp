@@ -209,7 +209,11 @@ void Session::Start() {
     if (Log_ != nullptr) {
         Boot.SystemVolume = Log_->Directory();
     }
-    Boot.DebugSink = [](std::string_view Text) { fwrite(Text.data(), 1, Text.size(), stderr); };
+    Boot.DebugSink = [](std::string_view Text) {
+        if (QuietDriver::Count == 0) {
+            fwrite(Text.data(), 1, Text.size(), stderr);
+        }
+    };
     if (Options_.Image) {
         OpenImage();
     } else {

@@ -1,6 +1,7 @@
 // One running driver: the kernel, the framework's stand-in, the directory Provider with its exports, the driver.
 #pragma once
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -80,6 +81,21 @@ public:
     }
     CallTrace(const CallTrace &) = delete;
     CallTrace &operator=(const CallTrace &) = delete;
+};
+
+// While one lives, what the driver says without being asked is not printed: whoever makes it tells the outcome himself.
+class QuietDriver {
+public:
+    QuietDriver() {
+        ++Count;
+    }
+    ~QuietDriver() {
+        --Count;
+    }
+    QuietDriver(const QuietDriver &) = delete;
+    QuietDriver &operator=(const QuietDriver &) = delete;
+
+    static inline std::atomic<int> Count{0};
 };
 
 class Session {

@@ -6,6 +6,7 @@
 
 #include "app/interrupt.h"
 #include "app/overlapped.h"
+#include "app/session.h"
 #include "app/text.h"
 #include "app/verbs/verbs.h"
 
@@ -19,6 +20,12 @@ std::unique_ptr<HeldFiles> ConsoleFiles;
 
 constexpr OpenRequest Overlapped = {.Access = FILE_READ_DATA | FILE_WRITE_DATA | FILE_READ_ATTRIBUTES | SYNCHRONIZE,
                                     .Options = FILE_NON_DIRECTORY_FILE};
+
+// A tenth of a second, or until a signal comes.
+void SleepBriefly() {
+    const timespec Pause = {.tv_sec = 0, .tv_nsec = 100000000};
+    nanosleep(&Pause, nullptr);
+}
 
 struct LockWords {
     std::string Path;
@@ -51,7 +58,8 @@ OpenRequest OpenFor(const LockWords &Words) {
     return Request;
 }
 
-void LockRange(RemoteFile &File, const LockWords &Words) {
+// Asks for the lock and waits for the answer, also while another of the driver's callers has the range.
+NTSTATUS AskForLock(RemoteFile &File, const LockWords &Words) {
     LARGE_INTEGER Offset = Words.At();
     LARGE_INTEGER Length = Words.Bytes();
     PendingRequest Request;
@@ -68,8 +76,26 @@ void LockRange(RemoteFile &File, const LockWords &Words) {
         Request.Wait();
         throw;
     }
-    if (!NT_SUCCESS(Request.Status())) {
-        throw StatusError(Request.Status(), ShowPath(File.Path()));
+    return Request.Status();
+}
+
+// The server tells nobody when a range that another program has there becomes free: it is asked again.
+NTSTATUS AskUntilGranted(RemoteFile &File, const LockWords &Words) {
+    const QuietDriver Quiet; // which says each time that the server refused
+    for (;;) {
+        const NTSTATUS Status = AskForLock(File, Words);
+        if (Status != STATUS_LOCK_NOT_GRANTED && Status != STATUS_FILE_LOCK_CONFLICT) {
+            return Status;
+        }
+        SleepBriefly();
+        CheckInterrupt();
+    }
+}
+
+void LockRange(RemoteFile &File, const LockWords &Words) {
+    const NTSTATUS Status = Words.Wait ? AskUntilGranted(File, Words) : AskForLock(File, Words);
+    if (!NT_SUCCESS(Status)) {
+        throw StatusError(Status, ShowPath(File.Path()));
     }
 }
 
@@ -89,9 +115,8 @@ void LockOnce(const LockWords &Words) {
     LockRange(File, Words);
     fmt::print("locked {}; until interrupted\n", ShowPath(Path));
     std::fflush(stdout);
-    const timespec Pause = {.tv_sec = 0, .tv_nsec = 100000000};
     while (!WasInterrupted()) {
-        nanosleep(&Pause, nullptr);
+        SleepBriefly();
     }
     LowerInterrupt();
 }

@@ -146,8 +146,12 @@ TEST(ProgramConsole, TwoProcessesOverOneDirectorySeeEachOthersLocks) {
     }
     const Ran Beside = Session("lock " + File + " 6 4\nlock " + File + " 0 2 --shared");
     EXPECT_EQ(Beside.Code, 0) << Beside.Error;
+    test::Terminal Waiter({"--export", Export, "lock", File, "0", "3", "--wait"});
     Holder.Type("\x03");
     Holder.Finish();
+    Waiter.Expect("until interrupted");
+    Waiter.Type("\x03");
+    Waiter.Finish();
     const Ran After = Session("lock " + File + " 0 10");
     EXPECT_EQ(After.Code, 0) << After.Error;
 }
