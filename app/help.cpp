@@ -405,7 +405,8 @@ std::string VerbHelp(const Verb &Which, bool InConsole) {
         }
     }
     for (const std::string &Example : Which.Examples) {
-        Out += fmt::format("\nfor example: {}{}\n", InConsole ? "" : "rvfsd ", Example);
+        Out += fmt::format("{}{}{}\n", &Example == &Which.Examples.front() ? "\nfor example: " : "             ",
+                           InConsole ? "" : "rvfsd ", Example);
     }
     return Out;
 }

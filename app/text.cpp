@@ -234,7 +234,7 @@ LONG64 ParseTime(const std::string &Text) {
     }
     tm Local = {};
     const char *End = nullptr;
-    for (const char *Form : {"%Y-%m-%d %H:%M:%S", "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
+    for (const char *Form : {"%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M:%S", "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
         tm Read = {};
         if (const char *Behind = strptime(Text.c_str(), Form, &Read); Behind != nullptr) {
             Local = Read;
@@ -243,21 +243,32 @@ LONG64 ParseTime(const std::string &Text) {
         }
     }
     if (End == nullptr) {
-        if (Text.find_first_of("-: ", 1) != std::string::npos) {
+        if (Text.find_first_not_of("0123456789") != std::string::npos && !Text.starts_with("0x")) {
             throw UsageError(fmt::format("{}: a time reads like 2026-02-28 or 2026-02-28 14:05:00", Text));
         }
         return static_cast<LONG64>(ParseNumber(Text, INT64_MAX));
     }
+    constexpr LONG64 Second = 10'000'000;
+    LONG64 Part = 0;
+    if (*End == '.') {
+        LONG64 Unit = Second;
+        while (isdigit(static_cast<unsigned char>(*++End)) != 0) {
+            Unit /= 10;
+            Part += (*End - '0') * Unit;
+        }
+    }
+    const bool Universal = *End == 'Z';
+    End += Universal ? 1 : 0;
     if (*End != 0) {
         throw UsageError(fmt::format("{}: {} does not belong to a time", Text, End));
     }
     Local.tm_isdst = -1;
     const int Day = Local.tm_mday;
-    const time_t Seconds = mktime(&Local);
+    const time_t Seconds = Universal ? timegm(&Local) : mktime(&Local);
     if (Local.tm_mday != Day) {
         throw UsageError(fmt::format("{}: there is no such day", Text));
     }
-    return (static_cast<LONG64>(Seconds) + 11644473600) * 10000000;
+    return (static_cast<LONG64>(Seconds) + 11644473600) * Second + Part;
 }
 
 namespace {

@@ -23,6 +23,7 @@ struct ListWords {
     std::vector<std::string> Paths;
     std::string Name;
     bool Long = false;
+    bool All = false;
     bool Human = false;
     bool Recursive = false;
     bool Summary = false;
@@ -75,7 +76,7 @@ RemoteFile OpenTarget(MaskedPath &Where) {
     return RemoteFile(Where.Directory, ForListing());
 }
 
-// The listing as the driver gives it: dot entries, one class, one buffer length.
+// The listing as the driver gives it: one class, one buffer length, and with --all the dot entries.
 void ListRaw(MaskedPath Where, const ListWords &Words) {
     RemoteFile Directory = OpenTarget(Where);
     const ULONG InfoClass = ClassNames.at(Words.Class);
@@ -99,7 +100,9 @@ void ListRaw(MaskedPath Where, const ListWords &Words) {
             throw StatusError(Batch.Status, ShowPath(Where.Directory + u"\\" + Where.Mask));
         }
         for (const DirectoryEntry &Entry : UnpackEntries(Batch, InfoClass)) {
-            PrintEntry(Where.Directory, Entry, Words);
+            if (Words.All || (Entry.Name != u"." && Entry.Name != u"..")) {
+                PrintEntry(Where.Directory, Entry, Words);
+            }
         }
         Begun = true;
     }
@@ -284,6 +287,7 @@ Verb ListVerb() {
     Result.Parameters = {PathParameter(*Words, "directories or files; the last component may be a mask"),
                          {"-l,--long", "attributes, size, time, short name", &Words->Long},
                          {"-h,--human", "sizes for people", &Words->Human},
+                         {"-a,--all", "what a directory says of itself and the one above, . and .., too", &Words->All},
                          {"-R,--recursive", "directories below too, without dot entries", &Words->Recursive},
                          Parameter{"--class", "the class of information asked for", &Words->Class}.Of(Classes),
                          Parameter{"--buffer", "bytes of each query's buffer", &Words->Buffer}.As("BYTES"),

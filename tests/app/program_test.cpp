@@ -251,6 +251,7 @@ TEST(Program, OutputThatCannotBeWrittenIsAFailure) {
     EXPECT_EQ(Walk.Code, 1);
     EXPECT_EQ(Walk.Error, "standard output: No space left on device\n");
     EXPECT_EQ(test::RunProgramInto("/dev/full", {"cat", R"(\\demo\files\docs\a.txt)"}).Code, 1);
+    EXPECT_EQ(test::RunProgramInto("/dev/full", {"--help"}).Error, Walk.Error);
 }
 
 TEST(Program, TellsItsVersionAndItsDriver) {
