@@ -207,22 +207,19 @@ uint64_t ParseSize(std::string_view Text, uint64_t Largest) {
     const size_t Unit = Digits.empty() || Text.starts_with("0x")
                             ? std::string_view::npos
                             : Units.find(static_cast<char>(toupper(static_cast<unsigned char>(Digits.back()))));
-    if (Unit == std::string_view::npos) {
-        return ParseNumber(Text, Largest);
+    unsigned Shift = 0;
+    if (Unit != std::string_view::npos) {
+        Shift = 10 * static_cast<unsigned>(Unit + 1);
+        Digits.remove_suffix(1);
     }
-    const unsigned Shift = 10 * static_cast<unsigned>(Unit + 1);
-    try {
-        const uint64_t Count = ParseNumber(Digits.substr(0, Digits.size() - 1));
-        if (Count > Largest >> Shift) {
-            throw UsageError(fmt::format("{}: larger than {}", Text, Largest));
-        }
-        return Count << Shift;
-    } catch (const UsageError &) {
-        if (Digits.find_first_not_of("0123456789") != Digits.size() - 1) {
-            throw UsageError(fmt::format("{}: not a number", Text));
-        }
-        throw;
+    if (!Digits.starts_with("0x") && (Digits.empty() || Digits.find_first_not_of("0123456789") != Digits.npos)) {
+        throw UsageError(fmt::format("{}: a size reads like 4096, 64K, 1M or 2G", Text));
     }
+    const uint64_t Count = ParseNumber(Digits);
+    if (Count > Largest >> Shift) {
+        throw UsageError(fmt::format("{}: larger than {}", Text, Largest));
+    }
+    return Count << Shift;
 }
 
 LONG64 ParseTime(const std::string &Text) {
@@ -260,6 +257,7 @@ LONG64 ParseTime(const std::string &Text) {
     const bool Universal = *End == 'Z';
     End += Universal ? 1 : 0;
     if (*End != 0) {
+        End += strspn(End, " ");
         throw UsageError(fmt::format("{}: {} does not belong to a time", Text, End));
     }
     Local.tm_isdst = -1;

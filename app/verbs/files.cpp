@@ -123,6 +123,9 @@ Verb PutVerb() {
 
 int Get(Session &Running, const CopyWords &Words) {
     const bool Named = Words.Paths.size() > 1 && !IsRemote(Words.Paths.back());
+    if (Named && Words.Paths.back() == "-") {
+        return ForEachPath({Words.Paths.begin(), Words.Paths.end() - 1}, CopyToOutput);
+    }
     std::vector<std::string> Texts = Words.Paths;
     if (Named) {
         Texts.pop_back();
@@ -149,8 +152,10 @@ Verb GetVerb() {
     return {.Name = "get",
             .Group = "files",
             .Summary = "fetch files into local ones",
-            .Parameters = CopyParameters(*Words, "PATH... [FILE]",
-                                         "remote files, masks too; then the local file or directory, . when left out"),
+            .Parameters = CopyParameters(
+                *Words, "PATH... [FILE]",
+                "remote files, masks too; then the local file or directory, . when left out, or - for standard "
+                "output"),
             .Run = [Words](Session &Running) { return Get(Running, *Words); },
             .Examples = {R"(get '\\demo\files\docs\*.txt' /tmp)"}};
 }

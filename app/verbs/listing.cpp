@@ -1,6 +1,7 @@
 // ls, find, tree, du: what is in directories.
 
 #include <algorithm>
+#include <cstring>
 #include <map>
 
 #include <fmt/format.h>
@@ -334,17 +335,26 @@ Verb UsageVerb() {
     const auto Words = std::make_shared<ListWords>();
     return {.Name = "du",
             .Group = "listings",
-            .Summary = "the bytes of the files below directories",
-            .Parameters = {PathParameter(*Words, "directories"),
+            .Summary = "the bytes of files, and of those below directories",
+            .Parameters = {PathParameter(*Words, "directories and files, masks too"),
                            {"-s,--summarize", "one line for each PATH", &Words->Summary},
                            {"-h,--human", "sizes for people", &Words->Human}},
             .Run = [Words](Session &Running) {
                 int Code = 0;
-                for (const std::string &Path : PathsOf(*Words, Running)) {
+                const int Failed = ForEachPath(PathsOf(*Words, Running), [&](const std::u16string &Path) {
+                    RemoteFile Top(Path, {.Access = FILE_READ_ATTRIBUTES | SYNCHRONIZE});
+                    const RemoteFile::Answer Standard =
+                        Top.Query(FileStandardInformation, sizeof(FILE_STANDARD_INFORMATION));
+                    FILE_STANDARD_INFORMATION Record;
+                    memcpy(&Record, Standard.Bytes.data(), sizeof(Record));
                     uint64_t Sum = 0;
-                    Code |= Usage(RemotePath(Path), *Words, Sum, {});
-                }
-                return Code;
+                    if (Record.Directory) {
+                        Code |= Usage(Path, *Words, Sum, {});
+                    } else {
+                        PrintUsage(Path, static_cast<uint64_t>(Record.EndOfFile.QuadPart), *Words);
+                    }
+                });
+                return Code | Failed;
             }};
 }
 

@@ -90,7 +90,7 @@ TEST_F(ProgramConfig, WhatItCannotMeanIsSaidWithItsPlace) {
         {R"({"exports": {"//a/b": 1.5}})", "exports: //a/b: a text or a number is expected"},
         {R"({"exports": {"//a/b": ""}})", "exports: //a/b: a name is expected"},
         {R"({"exports": {"a": "/"}})", "exports: a: a remote path begins with"},
-        {R"({"quotas": {"//a/b": "1Q"}})", "1Q: not a number"},
+        {R"({"quotas": {"//a/b": "1Q"}})", "1Q: a size reads like"},
         {R"({"switches": {"Frob": 1}})", "the driver has no switch Frob; it has Enable"},
         {R"({"switches": {"EnableDebug": "x"}})", "x: not a number"},
         {R"({"trace": "bogus"})", "bogus: no category of messages"},

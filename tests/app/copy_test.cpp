@@ -69,7 +69,10 @@ TEST_F(ProgramCopy, GoesInOutAndAcross) {
     EXPECT_TRUE(Served.Has("empty"));
     Succeeds({"get", R"(\\srv\vol\p*)", Local.Path().string()});
     EXPECT_EQ(Local.Read("put"), Bytes);
-    EXPECT_EQ(Run({"cat", R"(\\srv\vol\across)"}).Out, Bytes);
+    for (const std::vector<std::string> &Words :
+         {std::vector<std::string>{"cat", R"(\\srv\vol\ac*)"}, {"get", R"(\\srv\vol\across)", "-"}}) {
+        EXPECT_EQ(Run(Words).Out, Bytes);
+    }
 }
 
 TEST_F(ProgramCopy, OverwritesOnlyWithForce) {

@@ -78,6 +78,9 @@ TEST_F(ProgramListing, TreesAndSizesAreDrawnForPeopleAndForScripts) {
                                                 "└── sub\n    └── below.txt\n\n1 directories, 5 files\n");
     EXPECT_EQ(Out({"du", "-h", R"(\\srv\vol)"}),
               "  2.9K  \\\\srv\\vol\\d\\sub\n  2.9K  \\\\srv\\vol\\d\n  2.9K  \\\\srv\\vol\n");
+    EXPECT_EQ(Out({"du", R"(\\srv\vol\d\*b*)"}), "             1  \\\\srv\\vol\\d\\abc\n"
+                                                 "             1  \\\\srv\\vol\\d\\B.TXT\n"
+                                                 "          3000  \\\\srv\\vol\\d\\sub\n");
     EXPECT_EQ(Out({"du", "-s", "--json", R"(\\srv\vol\d)"}), "{\"path\":\"\\\\\\\\srv\\\\vol\\\\d\",\"bytes\":3004}\n");
     EXPECT_THAT(
         Out({"ls", R"(\\srv\vol\d\sub\below.txt)", "--json"}),
