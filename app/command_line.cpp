@@ -57,6 +57,20 @@ void AddParameter(CLI::App &App, const Parameter &Each) {
     throw UsageError(Message);
 }
 
+// find -name, for --name: one dash before a long name of the verb's own is a habit, and means nothing else.
+void SpellLongNames(std::vector<std::string> &Words, const VerbList &List) {
+    const auto Named = std::find_if(Words.begin(), Words.end(),
+                                    [&](const std::string &Word) { return FindVerb(List, Word) != nullptr; });
+    for (auto Word = Named; Word != Words.end(); ++Word) {
+        for (const Parameter &Each : FindVerb(List, *Named)->Parameters) {
+            if (Word->size() > 2 && (',' + Each.Names + ',').find(",-" + *Word + ',') != std::string::npos) {
+                Word->insert(0, "-");
+                break;
+            }
+        }
+    }
+}
+
 } // namespace
 
 std::vector<Parameter> GlobalParameters(GlobalOptions &Text) {
@@ -135,6 +149,7 @@ ParsedLine ParseLine(std::vector<std::string> Words, const VerbList &List, const
         Words.erase(Named + 1, Words.end());
         Words.insert(Words.end(), Rest.begin(), Rest.end());
     }
+    SpellLongNames(Words, List);
     const bool AsksForHelp = std::find(Words.begin(), Words.end(), "--help") != Words.end();
     std::reverse(Words.begin(), Words.end());
     try {

@@ -40,7 +40,30 @@ std::string ValueOf(const Json &Value, const std::string &Where) {
     if (Value.is_number_unsigned()) {
         return std::to_string(Value.get<uint64_t>());
     }
+    if (Value.is_boolean()) {
+        return Value.get<bool>() ? "1" : "0";
+    }
     throw UsageError(Where + ": a text or a number is expected");
+}
+
+std::string VolumeIn(const std::string &Where, const std::string &Name) {
+    try {
+        return ShowPath(RemotePath(Name));
+    } catch (const UsageError &Error) {
+        throw UsageError(fmt::format("{}: {}", Where, Error.what()));
+    }
+}
+
+// A name in a file: from where that file is, and ~/ from the user's home.
+std::string NameFrom(const std::filesystem::path &File, const std::string &Text, const std::string &Where) {
+    if (Text.empty()) {
+        throw UsageError(Where + ": a name is expected");
+    }
+    const char *Home = getenv("HOME");
+    const bool OfHome = Text.starts_with("~/") && Home != nullptr;
+    return (OfHome ? std::filesystem::path(Home) / Text.substr(2) : File.parent_path() / Text)
+        .lexically_normal()
+        .string();
 }
 
 void ReadFile(const std::filesystem::path &File, std::vector<Setting> &Settings) {
@@ -52,7 +75,8 @@ void ReadFile(const std::filesystem::path &File, std::vector<Setting> &Settings)
     try {
         Tree = Json::parse(Stream, nullptr, true, true);
     } catch (const Json::parse_error &Error) {
-        throw UsageError(fmt::format("{}: {}", File.string(), Error.what()));
+        const std::string_view Text = Error.what(); // behind the library's own number of it
+        throw UsageError(fmt::format("{}: {}", File.string(), Text.substr(std::min(Text.find("] ") + 2, Text.size()))));
     }
     if (!Tree.is_object()) {
         throw UsageError(fmt::format("{}: an object is expected", File.string()));
@@ -69,20 +93,22 @@ void ReadFile(const std::filesystem::path &File, std::vector<Setting> &Settings)
             if (Key != "trace" && Key != "log" && Key != "image") {
                 throw UsageError(Where + ": no such setting; there are exports, quotas, switches, trace, log, image");
             }
-            Put(Settings, {Key, "", ValueOf(Value, Where), File.string()});
+            const std::string Text = ValueOf(Value, Where);
+            Put(Settings, {Key, "", Key == "trace" ? Text : NameFrom(File, Text, Where), File.string()});
             continue;
         }
         if (!Value.is_object()) {
             throw UsageError(Where + ": an object is expected");
         }
         for (const auto &[Name, Inner] : Value.items()) {
-            std::string Text = ValueOf(Inner, fmt::format("{}: {}", Where, Name));
+            const std::string There = fmt::format("{}: {}", Where, Name);
+            std::string Text = ValueOf(Inner, There);
             const bool Switch = std::string_view(Table->Kind) == "switch";
-            // Directories are named from where the file is.
             if (std::string_view(Table->Kind) == "export" && !Text.starts_with('\\')) {
-                Text = (File.parent_path() / Text).lexically_normal().string();
+                Text = NameFrom(File, Text, There);
             }
-            Put(Settings, {Table->Kind, Switch ? Name : ShowPath(RemotePath(Name)), std::move(Text), File.string()});
+            const std::string Volume = Switch ? Name : VolumeIn(Where, Name);
+            Put(Settings, {Table->Kind, Volume, std::move(Text), File.string()});
         }
     }
 }
@@ -123,6 +149,52 @@ std::pair<std::string, std::string> SplitPair(const std::string &Text, const cha
 }
 
 constexpr auto CommandLine = "command line";
+
+// Puts one setting where the session takes it from.
+void Apply(const Setting &Each, SessionOptions &Options) {
+    if (Each.Kind == "export" && Each.Value.starts_with('\\')) {
+        Options.Exports.push_back({Each.Name, {}, ShowPath(RemotePath(Each.Value))});
+    } else if (Each.Kind == "export") {
+        Options.Exports.push_back({Each.Name, Each.Value});
+    } else if (Each.Kind == "quota") {
+        Options.Quotas[Each.Name] = ParseSize(Each.Value);
+    } else if (Each.Kind == "switch") {
+        const std::span<const Switch> Known = KnownSwitches();
+        if (std::none_of(Known.begin(), Known.end(), [&Each](const Switch &One) { return Each.Name == One.Name; })) {
+            std::string Names;
+            for (const Switch &One : Known) {
+                Names += std::string(Names.empty() ? "" : ", ") + One.Name;
+            }
+            throw UsageError(fmt::format("{}the driver has no switch {}; it has {}",
+                                         Each.From == CommandLine ? "--set: " : "", Each.Name, Names));
+        }
+        Options.Switches[Each.Name] = ParseWord(Each.Value);
+    } else if (Each.Kind == "trace") {
+        Options.TraceMask = ParseCategories(Each.Value);
+    } else if (Each.Kind == "log") {
+        Options.Log = Each.Value;
+    } else if (Each.Kind == "image") {
+        Options.Image = Each.Value;
+    } else if (Each.Kind == "use") {
+        Options.Uses.push_back(Each.Name + "=" + Each.Value);
+    } else if (Each.Kind == "session") {
+        const std::vector<LogonName> &Known = Logons();
+        if (std::none_of(Known.begin(), Known.end(),
+                         [&Each](const LogonName &One) { return Each.Value == One.Name; })) {
+            throw UsageError(
+                fmt::format("--session {}: there is no such session; the verb session lists them", Each.Value));
+        }
+        Options.Logon = Each.Value;
+    } else if (Each.Kind == "calls") {
+        Options.Calls = Each.Value;
+    } else if (Each.Kind == "journal") {
+        Options.Journal = Each.Value;
+    } else if (Each.Kind == "provider") {
+        Options.Provider = {Each.Value, Options.Provider ? Options.Provider->Options : ""};
+    } else if (Each.Kind == "provider options") {
+        Options.Provider = {Options.Provider ? Options.Provider->Library : "", Each.Value};
+    }
+}
 
 } // namespace
 
@@ -177,47 +249,13 @@ std::vector<Setting> Configure(const GlobalOptions &Text) {
 SessionOptions SessionOf(const std::vector<Setting> &Settings) {
     SessionOptions Options;
     for (const Setting &Each : Settings) {
-        if (Each.Kind == "export" && Each.Value.starts_with('\\')) {
-            Options.Exports.push_back({Each.Name, {}, ShowPath(RemotePath(Each.Value))});
-        } else if (Each.Kind == "export") {
-            Options.Exports.push_back({Each.Name, Each.Value});
-        } else if (Each.Kind == "quota") {
-            Options.Quotas[Each.Name] = ParseSize(Each.Value);
-        } else if (Each.Kind == "switch") {
-            const std::span<const Switch> Known = KnownSwitches();
-            if (std::none_of(Known.begin(), Known.end(),
-                             [&Each](const Switch &One) { return Each.Name == One.Name; })) {
-                std::string Names;
-                for (const Switch &One : Known) {
-                    Names += std::string(Names.empty() ? "" : ", ") + One.Name;
-                }
-                throw UsageError(fmt::format("--set: the driver has no switch {}; it has {}", Each.Name, Names));
+        try {
+            Apply(Each, Options);
+        } catch (const UsageError &Error) {
+            if (Each.From == CommandLine) {
+                throw;
             }
-            Options.Switches[Each.Name] = ParseWord(Each.Value);
-        } else if (Each.Kind == "trace") {
-            Options.TraceMask = ParseCategories(Each.Value);
-        } else if (Each.Kind == "log") {
-            Options.Log = Each.Value;
-        } else if (Each.Kind == "image") {
-            Options.Image = Each.Value;
-        } else if (Each.Kind == "use") {
-            Options.Uses.push_back(Each.Name + "=" + Each.Value);
-        } else if (Each.Kind == "session") {
-            const std::vector<LogonName> &Known = Logons();
-            if (std::none_of(Known.begin(), Known.end(),
-                             [&Each](const LogonName &One) { return Each.Value == One.Name; })) {
-                throw UsageError(
-                    fmt::format("--session {}: there is no such session; the verb session lists them", Each.Value));
-            }
-            Options.Logon = Each.Value;
-        } else if (Each.Kind == "calls") {
-            Options.Calls = Each.Value;
-        } else if (Each.Kind == "journal") {
-            Options.Journal = Each.Value;
-        } else if (Each.Kind == "provider") {
-            Options.Provider = {Each.Value, Options.Provider ? Options.Provider->Options : ""};
-        } else if (Each.Kind == "provider options") {
-            Options.Provider = {Options.Provider ? Options.Provider->Library : "", Each.Value};
+            throw UsageError(fmt::format("{}: {}", Each.From, Error.what()));
         }
     }
     if (Options.Calls && !Options.Image) {
@@ -239,7 +277,9 @@ void AddConfigVerb(VerbList &List) {
              "Configuration is read from /etc/rvfsd/config.json, then from $XDG_CONFIG_HOME/rvfsd/config.json "
              "(~/.config/rvfsd/config.json), then from the command line; the later wins for each export, quota and "
              "switch. A file holds an object: \"exports\" and \"quotas\" by \"//server/volume\", \"switches\" by name, "
-             "\"trace\", \"log\" and \"image\". Directories are named from where the file is; comments are allowed.",
+             "\"trace\", \"log\" and \"image\". Files and directories are named from where this file is, or from ~/; "
+             "comments "
+             "are allowed.",
          .Alone = [] {
              std::vector<Setting> Shown = InForce;
              if (std::none_of(Shown.begin(), Shown.end(), [](const Setting &Each) { return Each.Kind == "export"; })) {
@@ -252,12 +292,16 @@ void AddConfigVerb(VerbList &List) {
                      Shown.push_back({"switch", Each.Name, std::to_string(Each.Default), "default"});
                  }
              }
+             size_t Widest = 0;
+             for (const Setting &Each : Shown) {
+                 Widest = std::max(Widest, Each.Value.size());
+             }
              for (const Setting &Each : Shown) {
                  if (WantsJson()) {
                      PrintRecord(
                          {{"kind", Each.Kind}, {"name", Each.Name}, {"value", Each.Value}, {"from", Each.From}});
                  } else {
-                     fmt::print("{:<8} {:<34} {:<24} {}\n", Each.Kind, Each.Name, Each.Value,
+                     fmt::print("{:<8} {:<34} {:<{}}  {}\n", Each.Kind, Each.Name, Each.Value, Widest,
                                 Coloured(Colour::Faint, Each.From));
                  }
              }

@@ -138,7 +138,7 @@ void Help(Session &, const Parts &Line) {
     fmt::print("{}\nof the console\n"
                "  help VERB               what a verb takes\n"
                "  cd [PATH], pwd          the remote directory that other paths are relative to\n"
-               "  lcd [DIR]               the local directory\n"
+               "  lcd [DIR], lpwd         the local directory\n"
                "  set                     the driver's switches and their values\n"
                "  trace CATEGORY,... on|off\n"
                "                          the driver's messages; the driver is started again\n"
@@ -207,7 +207,11 @@ void ShowRemote(Session &, const Parts &) {
     fmt::print("{}\n", ShowPath(RemoteDirectory()));
 }
 
-void ChangeLocal(Session &, const Parts &Line) {
+void ShowLocal(Session &, const Parts &) {
+    fmt::print("{}\n", std::filesystem::current_path().string());
+}
+
+void ChangeLocal(Session &Running, const Parts &Line) {
     if (Line.size() > 2) {
         throw UsageError("lcd DIR");
     }
@@ -220,7 +224,7 @@ void ChangeLocal(Session &, const Parts &Line) {
             throw std::runtime_error(fmt::format("{}: {}", Name, Error.message()));
         }
     }
-    fmt::print("{}\n", std::filesystem::current_path().string());
+    ShowLocal(Running, Line);
 }
 
 constexpr struct {
@@ -233,7 +237,8 @@ constexpr struct {
                 {"requests", SwitchRequests},
                 {"cd", ChangeRemote},
                 {"pwd", ShowRemote},
-                {"lcd", ChangeLocal}};
+                {"lcd", ChangeLocal},
+                {"lpwd", ShowLocal}};
 
 // The code of the line; nothing when the console ends.
 std::optional<int> RunLine(Session &Running, const std::string &Line) {

@@ -282,7 +282,8 @@ std::string Bash(const VerbList &List) {
         "    case $word in\n"
         "    -*) mapfile -t COMPREPLY < <(compgen -W \"$options $globals\" -- \"$word\") ;;\n"
         "    *)\n"
-        "        [ -n \"$verb\" ] || mapfile -t COMPREPLY < <(compgen -W \"$verbs\" -- \"$word\")\n"
+        "        case $verb in '' | help) ;; completion) verbs=\"bash zsh fish\" ;; *) verbs= ;; esac\n"
+        "        mapfile -t COMPREPLY < <(compgen -W \"$verbs\" -- \"$word\")\n"
         "        ;;\n"
         "    esac\n"
         "}}\n"
@@ -405,7 +406,8 @@ std::string VerbHelp(const Verb &Which, bool InConsole) {
         }
     }
     for (const std::string &Example : Which.Examples) {
-        Out += fmt::format("\nfor example: {}{}\n", InConsole ? "" : "rvfsd ", Example);
+        Out += fmt::format("{}{}{}\n", &Example == &Which.Examples.front() ? "\nfor example: " : "             ",
+                           InConsole ? "" : "rvfsd ", Example);
     }
     return Out;
 }

@@ -1,5 +1,6 @@
 #include "app/local_file.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -22,6 +23,17 @@ constexpr int64_t UnixEpoch = 116444736000000000; // 1970 in 100-ns units since 
 
 [[noreturn]] void Fail(const std::string &Name, int Error) {
     throw std::runtime_error(fmt::format("{}: {}", Name, strerror(Error)));
+}
+
+int64_t WriteTimeIn(const struct stat &Status) {
+    return UnixEpoch + Status.st_mtim.tv_sec * int64_t{10'000'000} + Status.st_mtim.tv_nsec / 100;
+}
+
+// Both times of futimens and utimensat.
+std::array<timespec, 2> TimesOf(int64_t WriteTime) {
+    const int64_t Since = WriteTime - UnixEpoch;
+    const timespec Time = {Since / 10'000'000, Since % 10'000'000 * 100};
+    return {Time, Time};
 }
 
 } // namespace
@@ -82,7 +94,7 @@ int64_t LocalFile::WriteTime() const {
     if (fstat(Descriptor_, &Status) != 0 || !S_ISREG(Status.st_mode)) {
         return 0;
     }
-    return UnixEpoch + Status.st_mtim.tv_sec * int64_t{10'000'000} + Status.st_mtim.tv_nsec / 100;
+    return WriteTimeIn(Status);
 }
 
 LocalTarget::LocalTarget(const std::string &Name, bool Replace, bool InPlace,
@@ -139,13 +151,8 @@ LocalTarget::~LocalTarget() {
 }
 
 void LocalTarget::Keep(int64_t WriteTime) {
-    if (WriteTime > UnixEpoch) {
-        const int64_t Since = WriteTime - UnixEpoch;
-        const timespec Time = {Since / 10'000'000, Since % 10'000'000 * 100};
-        const timespec Times[] = {Time, Time};
-        if (futimens(Descriptor_, Times) != 0) {
-            Fail(Name_, errno);
-        }
+    if (WriteTime > UnixEpoch && futimens(Descriptor_, TimesOf(WriteTime).data()) != 0) {
+        Fail(Name_, errno);
     }
     const bool Replaces = !Part_.empty() && Part_ != Name_;
     // A name that is taken from a whole file must not lead to one whose bytes are not there yet.
@@ -159,6 +166,20 @@ void LocalTarget::Keep(int64_t WriteTime) {
         Fail(Name_, errno);
     }
     Part_.clear();
+}
+
+int64_t WriteTimeOf(const std::filesystem::path &Name) {
+    struct stat Status = {};
+    if (stat(Name.c_str(), &Status) != 0) {
+        Fail(Name.string(), errno);
+    }
+    return WriteTimeIn(Status);
+}
+
+void SetWriteTime(const std::filesystem::path &Name, int64_t Time) {
+    if (Time > UnixEpoch && utimensat(AT_FDCWD, Name.c_str(), TimesOf(Time).data(), 0) != 0) {
+        Fail(Name.string(), errno);
+    }
 }
 
 bool IsOneOf(const std::filesystem::path &Name, const std::vector<std::filesystem::path> &Files) {

@@ -57,6 +57,11 @@ private:
     std::string Part_; // what is to be removed unless it is kept: Name_, or what is beside it; empty: nothing
 };
 
+// When a file or directory was last written, in 100-ns units since 1601. Throws when it cannot be told.
+int64_t WriteTimeOf(const std::filesystem::path &Name);
+// Sets that; a time before 1970 is no time here and changes nothing.
+void SetWriteTime(const std::filesystem::path &Name, int64_t Time);
+
 // TRUE when Name is one of Files, by whatever name.
 bool IsOneOf(const std::filesystem::path &Name, const std::vector<std::filesystem::path> &Files);
 

@@ -43,15 +43,18 @@ int CodeOf(const std::exception &Error) {
 template <typename T>
 int Told(const T &Action) {
     int Code = 0;
+    int Earlier = EIO; // of a write that failed before the last one
     try {
         Code = Action();
     } catch (const std::system_error &Error) {
         // Of the printing library, which names the file by its number at most.
-        Code = Error.code().category() == std::generic_category() && ferror(stdout) != 0 ? 0 : CodeOf(Error);
+        const bool OfOutput = Error.code().category() == std::generic_category() && ferror(stdout) != 0;
+        Code = OfOutput ? 0 : CodeOf(Error);
+        Earlier = OfOutput ? Error.code().value() : EIO;
     } catch (const std::exception &Error) {
         Code = CodeOf(Error);
     }
-    const int Failed = fflush(stdout) != 0 ? errno : ferror(stdout) != 0 ? EIO : 0;
+    const int Failed = fflush(stdout) != 0 ? errno : ferror(stdout) != 0 ? Earlier : 0;
     if (Failed != 0 && Code == 0) {
         Complain(fmt::format("standard output: {}", strerror(Failed)));
         Code = 1;

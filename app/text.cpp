@@ -207,22 +207,19 @@ uint64_t ParseSize(std::string_view Text, uint64_t Largest) {
     const size_t Unit = Digits.empty() || Text.starts_with("0x")
                             ? std::string_view::npos
                             : Units.find(static_cast<char>(toupper(static_cast<unsigned char>(Digits.back()))));
-    if (Unit == std::string_view::npos) {
-        return ParseNumber(Text, Largest);
+    unsigned Shift = 0;
+    if (Unit != std::string_view::npos) {
+        Shift = 10 * static_cast<unsigned>(Unit + 1);
+        Digits.remove_suffix(1);
     }
-    const unsigned Shift = 10 * static_cast<unsigned>(Unit + 1);
-    try {
-        const uint64_t Count = ParseNumber(Digits.substr(0, Digits.size() - 1));
-        if (Count > Largest >> Shift) {
-            throw UsageError(fmt::format("{}: larger than {}", Text, Largest));
-        }
-        return Count << Shift;
-    } catch (const UsageError &) {
-        if (Digits.find_first_not_of("0123456789") != Digits.size() - 1) {
-            throw UsageError(fmt::format("{}: not a number", Text));
-        }
-        throw;
+    if (!Digits.starts_with("0x") && (Digits.empty() || Digits.find_first_not_of("0123456789") != Digits.npos)) {
+        throw UsageError(fmt::format("{}: a size reads like 4096, 64K, 1M or 2G", Text));
     }
+    const uint64_t Count = ParseNumber(Digits);
+    if (Count > Largest >> Shift) {
+        throw UsageError(fmt::format("{}: larger than {}", Text, Largest));
+    }
+    return Count << Shift;
 }
 
 LONG64 ParseTime(const std::string &Text) {
@@ -234,7 +231,7 @@ LONG64 ParseTime(const std::string &Text) {
     }
     tm Local = {};
     const char *End = nullptr;
-    for (const char *Form : {"%Y-%m-%d %H:%M:%S", "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
+    for (const char *Form : {"%Y-%m-%d %H:%M:%S", "%Y-%m-%dT%H:%M:%S", "%Y-%m-%d %H:%M", "%Y-%m-%d"}) {
         tm Read = {};
         if (const char *Behind = strptime(Text.c_str(), Form, &Read); Behind != nullptr) {
             Local = Read;
@@ -243,21 +240,33 @@ LONG64 ParseTime(const std::string &Text) {
         }
     }
     if (End == nullptr) {
-        if (Text.find_first_of("-: ", 1) != std::string::npos) {
+        if (Text.find_first_not_of("0123456789") != std::string::npos && !Text.starts_with("0x")) {
             throw UsageError(fmt::format("{}: a time reads like 2026-02-28 or 2026-02-28 14:05:00", Text));
         }
         return static_cast<LONG64>(ParseNumber(Text, INT64_MAX));
     }
+    constexpr LONG64 Second = 10'000'000;
+    LONG64 Part = 0;
+    if (*End == '.') {
+        LONG64 Unit = Second;
+        while (isdigit(static_cast<unsigned char>(*++End)) != 0) {
+            Unit /= 10;
+            Part += (*End - '0') * Unit;
+        }
+    }
+    const bool Universal = *End == 'Z';
+    End += Universal ? 1 : 0;
     if (*End != 0) {
+        End += strspn(End, " ");
         throw UsageError(fmt::format("{}: {} does not belong to a time", Text, End));
     }
     Local.tm_isdst = -1;
     const int Day = Local.tm_mday;
-    const time_t Seconds = mktime(&Local);
+    const time_t Seconds = Universal ? timegm(&Local) : mktime(&Local);
     if (Local.tm_mday != Day) {
         throw UsageError(fmt::format("{}: there is no such day", Text));
     }
-    return (static_cast<LONG64>(Seconds) + 11644473600) * 10000000;
+    return (static_cast<LONG64>(Seconds) + 11644473600) * Second + Part;
 }
 
 namespace {

@@ -76,7 +76,14 @@ class RemoteTarget {
 public:
     RemoteTarget(const std::u16string &Path, const CopyOptions &Options) : Path_(Path) {
         if (!Options.Force || !FindOld()) {
-            File_.emplace(Path, ForNewFile());
+            try {
+                File_.emplace(Path, ForNewFile());
+            } catch (const StatusError &Refused) {
+                if (Refused.Status != STATUS_OBJECT_NAME_COLLISION || Options.Force) {
+                    throw;
+                }
+                throw StatusError(Refused.Status, ShowPath(Path) + "; --force replaces a file");
+            }
             Made_ = true;
         } else if (Options.InPlace) {
             OpenRequest Request = ForNewFile();

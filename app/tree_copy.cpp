@@ -63,14 +63,21 @@ void MakePlace(const Place &Directory) {
     }
 }
 
+// A directory's times and attributes, as far as the other side has them.
 void KeepFacts(const Place &From, const Place &To) {
-    if (!From.Remote || !To.Remote) {
+    FILE_BASIC_INFORMATION Facts = {};
+    if (From.Remote) {
+        RemoteFile Source(From.Path, {.Access = FILE_READ_ATTRIBUTES | SYNCHRONIZE});
+        Facts = Basic(Source);
+        Facts.ChangeTime.QuadPart = 0;
+        Facts.FileAttributes &= ~static_cast<ULONG>(FILE_ATTRIBUTE_DIRECTORY);
+    } else {
+        Facts.LastWriteTime.QuadPart = WriteTimeOf(From.Local);
+    }
+    if (!To.Remote) {
+        SetWriteTime(To.Local, Facts.LastWriteTime.QuadPart);
         return;
     }
-    RemoteFile Source(From.Path, {.Access = FILE_READ_ATTRIBUTES | SYNCHRONIZE});
-    FILE_BASIC_INFORMATION Facts = Basic(Source);
-    Facts.ChangeTime.QuadPart = 0;
-    Facts.FileAttributes &= ~static_cast<ULONG>(FILE_ATTRIBUTE_DIRECTORY);
     RemoteFile Target(To.Path, {.Access = FILE_WRITE_ATTRIBUTES | SYNCHRONIZE});
     SetBasic(Target, Facts);
     Target.End();
@@ -144,8 +151,13 @@ void RefuseInside(Session &Running, const Place &From, const Place &To) {
 } // namespace
 
 Place Place::Of(const std::string &Text) {
+    return Of(Text, IsRemote(Text));
+}
+
+Place Place::Of(const std::string &Text, bool Remote) {
     Place Result;
-    Result.Remote = IsRemote(Text);
+    Result.Remote = Remote;
+    Result.IsNamedAsDirectory = Text.ends_with('/') || (Remote && Text.ends_with('\\'));
     if (Result.Remote) {
         Result.Path = RemotePath(Text);
     } else {
@@ -182,7 +194,13 @@ Kind Place::WhatIsThere() const {
 }
 
 Place TargetOf(const Place &From, const Place &To) {
-    return To.WhatIsThere() == Kind::Directory ? To.Child(From.LastName()) : To;
+    if (To.WhatIsThere() == Kind::Directory) {
+        return To.Child(From.LastName());
+    }
+    if (To.IsNamedAsDirectory && From.WhatIsThere() == Kind::File) {
+        throw std::runtime_error(fmt::format("{}: there is no such directory", To.Show()));
+    }
+    return To;
 }
 
 int CopyTree(Session &Running, const Place &From, const Place &To, bool Recursive, const CopyOptions &Options) {

@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include "app/output.h"
 #include "app/text.h"
 #include "app/tree_copy.h"
 #include "app/verbs/verbs.h"
@@ -44,6 +45,16 @@ AttributeChange ParseChange(const std::string &Text) {
         throw UsageError(fmt::format("{}: a change reads like +r-ha, of the letters r, h, s, a", Text));
     }
     return Change;
+}
+
+void ShowAttributesOf(const std::u16string &Path) {
+    RemoteFile File(Path, {.Access = FILE_READ_ATTRIBUTES | SYNCHRONIZE});
+    const std::string Letters = ShowAttributes(Basic(File).FileAttributes);
+    if (WantsJson()) {
+        PrintRecord({{"path", ShowPath(Path)}, {"attributes", Letters}});
+    } else {
+        fmt::print("{}  {}\n", Letters, ShowPath(Path));
+    }
 }
 
 void ChangeAttributes(const std::u16string &Path, const AttributeChange &Change) {
@@ -100,15 +111,18 @@ Verb AttributeVerb() {
     const auto Words = std::make_shared<ChangeWords>();
     return {.Name = "attrib",
             .Group = "changes",
-            .Summary = "set and clear attributes, as in: attrib +r-h PATH",
-            .Parameters = {Parameter{"PATH", "a change of the letters r, h, s, a; then files, masks too", &Words->Paths}
+            .Summary = "set and clear attributes, as in: attrib +r-h PATH, or show them",
+            .Parameters = {Parameter{"PATH",
+                                     "a change of the letters r, h, s, a, or none to see what they are; then files, "
+                                     "masks too",
+                                     &Words->Paths}
                                .Needed()
-                               .As("CHANGE PATH..."),
+                               .As("[CHANGE] PATH..."),
                            Parameter{"--change", "the change", &Words->Text}.Unseen()},
             .Run =
                 [Words](Session &) {
-                    if (Words->Text.empty() || Words->Paths.empty()) {
-                        throw UsageError("attrib: a change (as +r-h) and paths are needed");
+                    if (Words->Text.empty()) {
+                        return ForEachPath(Words->Paths, ShowAttributesOf);
                     }
                     const AttributeChange Change = ParseChange(Words->Text.substr(1));
                     return ForEachPath(Words->Paths,
@@ -120,7 +134,7 @@ Verb AttributeVerb() {
                 [](std::vector<std::string> &Given) {
                     const auto Change = std::find_if(Given.begin(), Given.end(),
                                                      [](const std::string &Word) { return !Word.starts_with("--"); });
-                    if (Change != Given.end() && Given.size() > 1) {
+                    if (Change != Given.end() && !IsRemote(*Change)) {
                         Change->insert(0, "--change=:"); // the mark keeps an empty one apart from none
                     }
                 }};
@@ -128,30 +142,43 @@ Verb AttributeVerb() {
 
 Verb TouchVerb() {
     const auto Words = std::make_shared<ChangeWords>();
-    return {.Name = "touch",
-            .Group = "changes",
-            .Summary = "set the times of files, making those that are missing",
-            .Parameters = {Parameter{"PATH", "files, masks too", &Words->Paths}.Needed(),
-                           Parameter{"--time", "\"YYYY-MM-DD HH:MM:SS\" or 100-ns units since 1601; now when left out",
-                                     &Words->Text}
-                               .As("TIME")},
-            .Run = [Words](Session &) {
-                const LONG64 Time = ParseTime(Words->Text);
-                return ForEachPath(Words->Paths, [&](const std::u16string &Path) { Touch(Path, Time); });
-            }};
+    return {
+        .Name = "touch",
+        .Group = "changes",
+        .Summary = "set the times of files, making those that are missing",
+        .Parameters = {Parameter{"PATH", "files, masks too", &Words->Paths}.Needed(),
+                       Parameter{"-d,--date,--time",
+                                 "\"YYYY-MM-DD HH:MM:SS\", a time as --json shows it, or 100-ns units since 1601; now "
+                                 "when left out",
+                                 &Words->Text}
+                           .As("TIME")},
+        .Run = [Words](Session &) {
+            const LONG64 Time = ParseTime(Words->Text);
+            return ForEachPath(Words->Paths, [&](const std::u16string &Path) { Touch(Path, Time); });
+        }};
 }
 
 Verb TruncateVerb() {
     const auto Words = std::make_shared<ChangeWords>();
-    const auto Size = std::make_shared<std::string>();
     return {.Name = "truncate",
             .Group = "changes",
-            .Summary = "set the size of a file",
-            .Parameters = {Parameter{"PATH", "the file", &Words->Text}.Needed(),
-                           Parameter{"SIZE", "bytes, or 64K, 1M, 2G", Size.get()}.Needed()},
-            .Run = [Words, Size](Session &) {
-                const auto Bytes = static_cast<LONG64>(ParseSize(*Size, INT64_MAX));
-                return Guarded([&] { Truncate(RemotePath(Words->Text), Bytes); });
+            .Summary = "set the size of files",
+            .Parameters = {Parameter{"PATH", "files, masks too; then their size, unless --size says it", &Words->Paths}
+                               .Needed()
+                               .As("PATH... SIZE"),
+                           Parameter{"-s,--size", "bytes, or 64K, 1M, 2G", &Words->Text}.As("SIZE")},
+            .Run = [Words](Session &) {
+                std::vector<std::string> Paths = Words->Paths;
+                std::string Size = Words->Text;
+                if (Size.empty()) {
+                    Size = Paths.back();
+                    Paths.pop_back();
+                }
+                if (Paths.empty()) {
+                    throw UsageError("truncate: to which size? truncate PATH... SIZE");
+                }
+                const auto Bytes = static_cast<LONG64>(ParseSize(Size, INT64_MAX));
+                return ForEachPath(Paths, [&](const std::u16string &Path) { Truncate(Path, Bytes); });
             }};
 }
 
@@ -204,10 +231,13 @@ Verb RemoveVerb() {
     return {.Name = "rm",
             .Group = "changes",
             .Summary = "delete files",
-            .Parameters = {Parameter{"PATH", "files, masks too", &Words->Paths}.Needed(),
+            .Parameters = {Parameter{"PATH", "files, masks too", &Words->Paths}.As("PATH..."),
                            {"-r,-R,--recursive", "directories with all below", &Words->Other},
                            {"-f,--force", "read-only files too; what is not there is no failure", &Words->Flag}},
             .Run = [Words](Session &Running) {
+                if (Words->Paths.empty() && !Words->Flag) {
+                    throw UsageError("rm: PATH is required; help rm tells what it takes");
+                }
                 int Code = 0;
                 for (const std::string &Text : Words->Paths) {
                     std::vector<std::u16string> Paths;
@@ -345,7 +375,7 @@ Verb MoveVerb() {
                 if (Words->Paths.size() < 2) {
                     throw UsageError("mv: where to? mv SOURCE... TARGET");
                 }
-                const Place To{true, RemotePath(Words->Paths.back()), {}};
+                const Place To = Place::Of(Words->Paths.back(), true);
                 std::vector<std::u16string> From;
                 int Code = 0;
                 for (size_t Index = 0; Index + 1 < Words->Paths.size(); ++Index) {

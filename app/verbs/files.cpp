@@ -93,16 +93,19 @@ int Put(Session &Running, const CopyWords &Words) {
     if (IsRemote(Words.Paths.front()) && !IsRemote(To)) {
         throw UsageError(fmt::format("put: the target comes last: put {} {}", To, Words.Paths.front()));
     }
-    const Place Target{true, RemotePath(To), {}};
+    const Place Target = Place::Of(To, true);
     if (Words.Paths.front() == "-") {
         return Guarded([&] {
+            if (Target.IsNamedAsDirectory || Target.WhatIsThere() == Kind::Directory) {
+                throw StatusError(STATUS_FILE_IS_A_DIRECTORY, Target.Show() + "; name the file in it");
+            }
             LocalFile Input(STDIN_FILENO, "standard input");
             CopyIn(Running, Input, Target.Path, Words.How);
         });
     }
     std::vector<Place> From;
     for (size_t Index = 0; Index + (Words.Paths.size() > 1 ? 1 : 0) < Words.Paths.size(); ++Index) {
-        From.push_back({false, {}, Words.Paths[Index]});
+        From.push_back(Place::Of(Words.Paths[Index], false));
     }
     return CopyAll(Running, From, Target, Words);
 }
@@ -120,6 +123,9 @@ Verb PutVerb() {
 
 int Get(Session &Running, const CopyWords &Words) {
     const bool Named = Words.Paths.size() > 1 && !IsRemote(Words.Paths.back());
+    if (Named && Words.Paths.back() == "-") {
+        return ForEachPath({Words.Paths.begin(), Words.Paths.end() - 1}, CopyToOutput);
+    }
     std::vector<std::string> Texts = Words.Paths;
     if (Named) {
         Texts.pop_back();
@@ -137,7 +143,8 @@ int Get(Session &Running, const CopyWords &Words) {
     for (std::u16string &Path : Found) {
         From.push_back({true, std::move(Path), {}});
     }
-    return (From.empty() ? 0 : CopyAll(Running, From, {false, {}, Named ? Words.Paths.back() : "."}, Words)) | Code;
+    return (From.empty() ? 0 : CopyAll(Running, From, Place::Of(Named ? Words.Paths.back() : ".", false), Words)) |
+           Code;
 }
 
 Verb GetVerb() {
@@ -145,8 +152,10 @@ Verb GetVerb() {
     return {.Name = "get",
             .Group = "files",
             .Summary = "fetch files into local ones",
-            .Parameters = CopyParameters(*Words, "PATH... [FILE]",
-                                         "remote files, masks too; then the local file or directory, . when left out"),
+            .Parameters = CopyParameters(
+                *Words, "PATH... [FILE]",
+                "remote files, masks too; then the local file or directory, . when left out, or - for standard "
+                "output"),
             .Run = [Words](Session &Running) { return Get(Running, *Words); },
             .Examples = {R"(get '\\demo\files\docs\*.txt' /tmp)"}};
 }

@@ -321,8 +321,8 @@ void ShowSpace(const std::string &Path, bool Human) {
                      {"quota", Quota}});
         return;
     }
-    fmt::print("{:<32} {:>16} {:>16} {:>16}  {}\n", ShowPath(File.Path()), ShowBytes(Total * Unit, Human),
-               ShowBytes(Used * Unit, Human), ShowBytes(Available * Unit, Human), Quota ? "quota" : "");
+    fmt::print("{:<32} {:>16} {:>16} {:>16}{}\n", ShowPath(File.Path()), ShowBytes(Total * Unit, Human),
+               ShowBytes(Used * Unit, Human), ShowBytes(Available * Unit, Human), Quota ? "  quota" : "");
 }
 
 // ---- The verbs

@@ -1,6 +1,7 @@
 // ls, find, tree, du: what is in directories.
 
 #include <algorithm>
+#include <cstring>
 #include <map>
 
 #include <fmt/format.h>
@@ -23,6 +24,7 @@ struct ListWords {
     std::vector<std::string> Paths;
     std::string Name;
     bool Long = false;
+    bool All = false;
     bool Human = false;
     bool Recursive = false;
     bool Summary = false;
@@ -75,7 +77,7 @@ RemoteFile OpenTarget(MaskedPath &Where) {
     return RemoteFile(Where.Directory, ForListing());
 }
 
-// The listing as the driver gives it: dot entries, one class, one buffer length.
+// The listing as the driver gives it: one class, one buffer length, and with --all the dot entries.
 void ListRaw(MaskedPath Where, const ListWords &Words) {
     RemoteFile Directory = OpenTarget(Where);
     const ULONG InfoClass = ClassNames.at(Words.Class);
@@ -99,7 +101,9 @@ void ListRaw(MaskedPath Where, const ListWords &Words) {
             throw StatusError(Batch.Status, ShowPath(Where.Directory + u"\\" + Where.Mask));
         }
         for (const DirectoryEntry &Entry : UnpackEntries(Batch, InfoClass)) {
-            PrintEntry(Where.Directory, Entry, Words);
+            if (Words.All || (Entry.Name != u"." && Entry.Name != u"..")) {
+                PrintEntry(Where.Directory, Entry, Words);
+            }
         }
         Begun = true;
     }
@@ -284,6 +288,7 @@ Verb ListVerb() {
     Result.Parameters = {PathParameter(*Words, "directories or files; the last component may be a mask"),
                          {"-l,--long", "attributes, size, time, short name", &Words->Long},
                          {"-h,--human", "sizes for people", &Words->Human},
+                         {"-a,--all", "what a directory says of itself and the one above, . and .., too", &Words->All},
                          {"-R,--recursive", "directories below too, without dot entries", &Words->Recursive},
                          Parameter{"--class", "the class of information asked for", &Words->Class}.Of(Classes),
                          Parameter{"--buffer", "bytes of each query's buffer", &Words->Buffer}.As("BYTES"),
@@ -330,17 +335,26 @@ Verb UsageVerb() {
     const auto Words = std::make_shared<ListWords>();
     return {.Name = "du",
             .Group = "listings",
-            .Summary = "the bytes of the files below directories",
-            .Parameters = {PathParameter(*Words, "directories"),
+            .Summary = "the bytes of files, and of those below directories",
+            .Parameters = {PathParameter(*Words, "directories and files, masks too"),
                            {"-s,--summarize", "one line for each PATH", &Words->Summary},
                            {"-h,--human", "sizes for people", &Words->Human}},
             .Run = [Words](Session &Running) {
                 int Code = 0;
-                for (const std::string &Path : PathsOf(*Words, Running)) {
+                const int Failed = ForEachPath(PathsOf(*Words, Running), [&](const std::u16string &Path) {
+                    RemoteFile Top(Path, {.Access = FILE_READ_ATTRIBUTES | SYNCHRONIZE});
+                    const RemoteFile::Answer Standard =
+                        Top.Query(FileStandardInformation, sizeof(FILE_STANDARD_INFORMATION));
+                    FILE_STANDARD_INFORMATION Record;
+                    memcpy(&Record, Standard.Bytes.data(), sizeof(Record));
                     uint64_t Sum = 0;
-                    Code |= Usage(RemotePath(Path), *Words, Sum, {});
-                }
-                return Code;
+                    if (Record.Directory) {
+                        Code |= Usage(Path, *Words, Sum, {});
+                    } else {
+                        PrintUsage(Path, static_cast<uint64_t>(Record.EndOfFile.QuadPart), *Words);
+                    }
+                });
+                return Code | Failed;
             }};
 }
 

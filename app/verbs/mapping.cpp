@@ -137,25 +137,26 @@ void AddMappingVerbs(VerbList &List) {
              "a letter that one half of a split logon maps appears in both.",
          .Examples = {"--use 'G:=\\\\demo\\files\\docs' cat 'G:\\a.txt'"}});
     const auto Path = std::make_shared<std::string>();
-    List.push_back({.Name = "verify",
-                    .Group = "drives",
-                    .Summary = "ask whether a path can be opened, as clients do before they map it",
-                    .Parameters = {Parameter{"PATH", "a volume or a directory", Path.get()}.Needed()},
-                    .Run =
-                        [Path](Session &Running) {
-                            return Guarded([&] {
-                                const NTSTATUS Status = Running.Drives().Verify(WithoutLetter(Running.Drives(), *Path));
-                                if (!NT_SUCCESS(Status)) {
-                                    throw StatusError(Status, *Path);
-                                }
-                                if (WantsJson()) {
-                                    PrintRecord({{"path", *Path}, {"status", ShowStatus(Status)}});
-                                } else {
-                                    fmt::print("{}\n", ShowStatus(Status));
-                                }
-                            });
-                        },
-                    .Examples = {"verify '\\\\demo\\files\\docs'"}});
+    List.push_back(
+        {.Name = "verify",
+         .Group = "drives",
+         .Summary = "ask whether a path can be opened, as clients do before they map it",
+         .Parameters = {Parameter{"PATH", "a volume or a directory", Path.get()}.Needed()},
+         .Run =
+             [Path](Session &Running) {
+                 return Guarded([&] {
+                     const NTSTATUS Status = Running.Drives().Verify(WithoutLetter(Running.Drives(), *Path));
+                     if (!NT_SUCCESS(Status)) {
+                         throw StatusError(Status, *Path);
+                     }
+                     if (WantsJson()) {
+                         PrintRecord({{"path", ShowPath(RemotePath(*Path))}, {"status", StatusName(Status)}});
+                     } else {
+                         fmt::print("{}\n", ShowStatus(Status));
+                     }
+                 });
+             },
+         .Examples = {"verify '\\\\demo\\files\\docs'"}});
     const auto Name = std::make_shared<std::string>();
     List.push_back({.Name = "session",
                     .Group = "drives",

@@ -4,6 +4,7 @@
 
 #include <fmt/format.h>
 
+#include "app/output.h"
 #include "app/text.h"
 #include "app/verbs/verbs.h"
 #include "providers/conformance/conformance.h"
@@ -23,14 +24,24 @@ int CheckLibrary(const std::string &File, const std::string &Options) {
     size_t Failures = 0;
     for (const std::string &Volume : Library->Volumes()) {
         const auto Result = providers::CheckProvider(*Library->Interface(), Widen(Volume).substr(1));
+        Failures += Result.Failures.size();
+        if (WantsJson()) {
+            PrintRecord({{"volume", Volume},
+                         {"provider", Library->Name()},
+                         {"checks", uint64_t{Result.Checked.size()}},
+                         {"writable", Result.Writable},
+                         {"failures", Result.Failures}});
+            continue;
+        }
         fmt::print("{} of {}: {} checks{}\n", Volume, Library->Name(), Result.Checked.size(),
                    Result.Writable ? "" : "; it takes no changes, so that only reading was checked");
         for (const std::string &Failure : Result.Failures) {
             fmt::print("  FAILED  {}\n", Failure);
         }
-        Failures += Result.Failures.size();
     }
-    fmt::print("{}\n", Failures == 0 ? "conforms" : fmt::format("{} failed", Failures));
+    if (!WantsJson()) {
+        fmt::print("{}\n", Failures == 0 ? "conforms" : fmt::format("{} failed", Failures));
+    }
     return Failures == 0 ? 0 : 1;
 }
 

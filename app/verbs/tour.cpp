@@ -7,6 +7,7 @@
 
 #include "app/remote_file.h"
 #include "app/text.h"
+#include "app/transfer.h"
 #include "app/verbs/verbs.h"
 #include "embedded/mup.h"
 
@@ -74,7 +75,12 @@ int RunTourOf(const std::u16string &Path, Session &Running) {
 } // namespace
 
 int RunTour(Session &Running) {
-    return RunTourOf(Widen(Running.Exports().front().Name).substr(1) + u"\\docs\\a.txt", Running);
+    const std::u16string Sample = Widen(Running.Exports().front().Name).substr(1) + u"\\docs\\a.txt";
+    if (KindOf(Sample) != Kind::File) {
+        throw UsageError(
+            fmt::format("tour: there is no {} to be read: tour PATH takes a file of yours", ShowPath(Sample)));
+    }
+    return RunTourOf(Sample, Running);
 }
 
 void AddTourVerb(VerbList &List) {

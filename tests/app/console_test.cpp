@@ -45,6 +45,11 @@ TEST(ProgramConsole, ASessionOnATerminal) {
     Screen.Expect("quit");
     Screen.Type("\x15\x04");
     EXPECT_EQ(Screen.Finish(), 0);
+    // The next console has its lines.
+    test::Terminal Later({});
+    Later.Expect(Prompt);
+    Later.Type("\x1b[A\x1b[A\n");
+    EXPECT_THAT(Later.Expect(Prompt), HasSubstr("Names with blanks"));
 }
 
 TEST(ProgramConsole, ShowsSwitchesRequestsAndTraces) {

@@ -69,13 +69,18 @@ TEST_F(ProgramCopy, GoesInOutAndAcross) {
     EXPECT_TRUE(Served.Has("empty"));
     Succeeds({"get", R"(\\srv\vol\p*)", Local.Path().string()});
     EXPECT_EQ(Local.Read("put"), Bytes);
-    EXPECT_EQ(Run({"cat", R"(\\srv\vol\across)"}).Out, Bytes);
+    for (const std::vector<std::string> &Words :
+         {std::vector<std::string>{"cat", R"(\\srv\vol\ac*)"}, {"get", R"(\\srv\vol\across)", "-"}}) {
+        EXPECT_EQ(Run(Words).Out, Bytes);
+    }
 }
 
 TEST_F(ProgramCopy, OverwritesOnlyWithForce) {
     Local.Write("there", "old");
-    Fails({"cp", Local.File("big"), R"(\\srv\vol\THERE)"}, "STATUS_OBJECT_NAME_COLLISION (0xC0000035): ");
-    Fails({"put", Local.File("big"), R"(\\srv\vol\there)"}, "STATUS_OBJECT_NAME_COLLISION (0xC0000035): ");
+    for (const char *Verb : {"cp", "put"}) {
+        Fails({Verb, Local.File("big"), R"(\\srv\vol\THERE)"},
+              "STATUS_OBJECT_NAME_COLLISION (0xC0000035): \\\\srv\\vol\\THERE; --force replaces a file\n");
+    }
     Served.Write("small", "new");
     Fails({"cp", R"(\\srv\vol\small)", Local.File("there")},
           Local.File("there") + ": File exists; --force replaces it\n");
@@ -138,6 +143,8 @@ TEST_F(ProgramCopy, RemovesAPartThatItMadeAndNothingElse) {
     EXPECT_FALSE(Served.Has("part"));
     Fails({"cp", R"(\\srv\vol\nope)", Local.File("out")}, "STATUS_OBJECT_NAME_NOT_FOUND (0xC0000034): ");
     EXPECT_FALSE(Local.Has("out"));
+    Fails({"put", Local.File("big"), R"(\\srv\vol\part\)"}, "\\\\srv\\vol\\part: there is no such directory\n");
+    Fails({"put", "-", R"(\\srv\vol)"}, "STATUS_FILE_IS_A_DIRECTORY (0xC00000BA): \\\\srv\\vol; name the file in it\n");
     Fails({"cp", Local.File("nope"), R"(\\srv\vol\part)"}, Local.File("nope") + ": No such file or directory\n");
     EXPECT_FALSE(Served.Has("part"));
     Fails({"cp", R"(\\srv\vol\there)", Local.File("no/where")}, Local.File("no/where") + ": No such file or directory");
@@ -171,6 +178,15 @@ TEST_F(ProgramCopy, DirectoriesGoWithAllBelow) {
     EXPECT_TRUE(Served.Has("twin/sub/empty"));
     Succeeds({"get", "-r", R"(\\srv\vol\twin\)", Local.File("back")});
     EXPECT_EQ(Local.Read("back/a") + Local.Read("back/sub/b"), "ab");
+    // Times go with them, in, across and out.
+    const auto Old = std::filesystem::file_time_type(std::chrono::seconds(-1'000'000'000));
+    std::filesystem::last_write_time(Local.Path() / "tree" / "sub", Old);
+    Succeeds({"cp", "-rp", Local.File("tree"), R"(\\srv\vol\kept)"});
+    Succeeds({"cp", "-rp", R"(\\srv\vol\kept)", R"(\\srv\vol\again)"});
+    Succeeds({"get", "-rp", R"(\\srv\vol\again)", Local.File("kept")});
+    for (const std::string &Copy : {Served.File("kept/sub"), Served.File("again/sub"), Local.File("kept/sub")}) {
+        EXPECT_EQ(std::filesystem::last_write_time(Copy), Old) << Copy;
+    }
     for (const std::string &Inside : {std::string(R"(\\srv\vol\twin\sub)"), Served.File("twin/sub/new")}) {
         const Ran Refused = Run({"cp", "-r", R"(\\SRV\vol\TWIN)", Inside});
         EXPECT_EQ(Refused.Code, 1);

@@ -150,6 +150,9 @@ TEST_F(Information, AttributesAndTimesAreChangedAndKept) {
     EXPECT_EQ(Out({"mv", R"(\\s\v\f)", R"(\\s\v\F)"}), "") << "read-only files may be renamed";
     EXPECT_EQ(Out({"attrib", "-hs", R"(\\s\v\f)"}), "") << "-h is a change, not a call for help";
     EXPECT_THAT(Out({"stat", R"(\\s\v\f)"}), HasSubstr("attributes 0x21 READONLY ARCHIVE\n"));
+    EXPECT_EQ(Out({"attrib", R"(\\s\v\F*)"}), "-r--a  \\\\s\\v\\F\n");
+    EXPECT_EQ(Out({"touch", "-d", "2001-02-03T04:05:07.25Z", R"(\\s\v\f)"}), "");
+    EXPECT_THAT(Out({"stat", "--json", R"(\\s\v\f)"}), HasSubstr("\"written\":\"2001-02-03T04:05:07.2500000Z\""));
     EXPECT_EQ(Out({"touch", "--time", "2001-02-03 04:05:06", R"(\\s\v\f)"}), "");
     const std::string Kept = Out({"stat", R"(\\s\v\f)"});
     EXPECT_THAT(Kept, HasSubstr("written 2001-02-03 04:05:06.0000000"));
@@ -171,9 +174,16 @@ TEST_F(Information, WhatIsNoChangeIsBadUsage) {
     for (const char *NoDay : {"2026-02-31", "2026-02-31 10:00:00", "2025-02-29"}) {
         ExpectRefused({"touch", "--time", NoDay, R"(\\s\v\f)"}, 2, std::string(NoDay) + ": there is no such day\n");
     }
-    ExpectRefused({"truncate", R"(\\s\v\f)", "1Q"}, 2, "1Q: not a number\n");
-    ExpectRefused({"touch", "--time", "-2", R"(\\s\v\f)"}, 2, "-2: not a number\n");
-    ExpectRefused({"truncate", R"(\\s\v\f)", "-1"}, 2, "-1: not a number\n");
+    for (const char *NoTime : {"-2", "yesterday"}) {
+        ExpectRefused({"touch", "--time", NoTime, R"(\\s\v\f)"}, 2, std::string(NoTime) + ": a time reads like 2026-");
+    }
+    ExpectRefused({"rm"}, 2, "rm: PATH is required");
+    ExpectRefused({"truncate", R"(\\s\v\f)"}, 2, "truncate: to which size?");
+    ExpectRefused({"attrib", "+r"}, 2, "attrib: PATH is required");
+    ExpectRefused({"tour"}, 2, "tour: there is no \\\\s\\v\\docs\\a.txt to be read");
+    for (const char *NoSize : {"1Q", "-1", "M"}) {
+        ExpectRefused({"truncate", R"(\\s\v\f)", NoSize}, 2, std::string(NoSize) + ": a size reads like 4096, 64K");
+    }
 }
 
 TEST_F(Information, RefusedChangesLeaveEverythingAsItWas) {
@@ -193,7 +203,7 @@ TEST_F(Information, RefusedChangesLeaveEverythingAsItWas) {
     EXPECT_EQ(Served.Read("g"), "other");
     EXPECT_EQ(Out({"mv", R"(\\s\v\f)", R"(\\s\v\g)", "--replace"}), "");
     EXPECT_EQ(Served.Read("g"), "content");
-    EXPECT_EQ(Out({"truncate", R"(\\s\v\g)", "3"}), "");
+    EXPECT_EQ(Out({"truncate", "-s", "3", R"(\\s\v\g)"}), "");
     EXPECT_EQ(Served.Read("g"), "con");
     EXPECT_EQ(Out({"rmdir", R"(\\s\v\d\e)", R"(\\s\v\d)"}), "");
     EXPECT_FALSE(Served.Has("d"));
@@ -240,6 +250,7 @@ TEST_F(Information, WholeTreesAreMadeAndDeleted) {
     EXPECT_EQ(Served.Read("kept/file"), "kept");
     EXPECT_FALSE(Served.Has("d/e"));
     EXPECT_EQ(Out({"rm", "-f", R"(\\s\v\nope)", R"(\\s\v\no\where)", R"(\\s\v\*.no)"}), "");
+    EXPECT_EQ(Out({"rm", "-f"}), "");
     ExpectRefused({"rm", R"(\\s\v\nope)"}, 1, "STATUS_OBJECT_NAME_NOT_FOUND (0xC0000034): \\\\s\\v\\nope");
 }
 

@@ -41,14 +41,15 @@ constexpr auto Whole = ".\n..\na rather long name.html\na.txt\nabc\nB.TXT\nsub\n
 
 TEST_F(ProgramListing, EveryClassAndEveryWayOfAskingTellsTheSame) {
     for (const char *Class : {"directory", "full", "both", "names", "id_both", "id_full"}) {
-        EXPECT_EQ(Out({"ls", "--class", Class, "--buffer", "200", R"(\\srv\vol\d)"}), Whole) << Class;
+        EXPECT_EQ(Out({"ls", "-a", "--class", Class, "--buffer", "200", R"(\\srv\vol\d)"}), Whole) << Class;
     }
-    EXPECT_EQ(Out({"ls", "--single", R"(\\srv\vol\d)"}), Whole);
-    EXPECT_EQ(Out({"ls", "--single", "--restart", R"(\\srv\vol\d)"}), std::string(".\n") + Whole);
+    EXPECT_EQ(Out({"ls", "-a", "--single", R"(\\srv\vol\d)"}), Whole);
+    EXPECT_EQ(Out({"ls", "-a", "--single", "--restart", R"(\\srv\vol\d)"}), std::string(".\n") + Whole);
+    EXPECT_EQ(".\n..\n" + Out({"ls", "--buffer", "200", R"(\\srv\vol\d)"}), Whole);
     EXPECT_EQ(
         Out({"ls", "-R", R"(\\srv\vol\d)"}),
         "\\\\srv\\vol\\d:\na rather long name.html\na.txt\nabc\nB.TXT\nsub\n\n\\\\srv\\vol\\d\\sub:\nbelow.txt\n");
-    EXPECT_EQ(Out({"find", R"(\\srv\vol\d)", "--name", "*.txt"}),
+    EXPECT_EQ(Out({"find", R"(\\srv\vol\d)", "-name", "*.txt"}),
               "\\\\srv\\vol\\d\\a.txt\n\\\\srv\\vol\\d\\B.TXT\n\\\\srv\\vol\\d\\sub\\below.txt\n");
 }
 
@@ -77,6 +78,9 @@ TEST_F(ProgramListing, TreesAndSizesAreDrawnForPeopleAndForScripts) {
                                                 "└── sub\n    └── below.txt\n\n1 directories, 5 files\n");
     EXPECT_EQ(Out({"du", "-h", R"(\\srv\vol)"}),
               "  2.9K  \\\\srv\\vol\\d\\sub\n  2.9K  \\\\srv\\vol\\d\n  2.9K  \\\\srv\\vol\n");
+    EXPECT_EQ(Out({"du", R"(\\srv\vol\d\*b*)"}), "             1  \\\\srv\\vol\\d\\abc\n"
+                                                 "             1  \\\\srv\\vol\\d\\B.TXT\n"
+                                                 "          3000  \\\\srv\\vol\\d\\sub\n");
     EXPECT_EQ(Out({"du", "-s", "--json", R"(\\srv\vol\d)"}), "{\"path\":\"\\\\\\\\srv\\\\vol\\\\d\",\"bytes\":3004}\n");
     EXPECT_THAT(
         Out({"ls", R"(\\srv\vol\d\sub\below.txt)", "--json"}),

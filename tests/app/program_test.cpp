@@ -165,7 +165,7 @@ TEST(Program, BadUsageIsSaidAndEndsWithTwo) {
         {{"open", R"(\\demo\files)", "--share", "x"}, 2, "", "--share: x is none of the letters -drw\n"},
         {{"open", R"(\\demo\files)", "--disposition", "x"}, 2, "", "--disposition: x is none of create, open..."},
         {{"open", R"(\\demo\files)", "--options", "x"}, 2, "", "--options: x is none of delete_on_close..."},
-        {{"open", R"(\\demo\files)", "--allocation-size", "-1"}, 2, "", "-1: not a number\n"},
+        {{"open", R"(\\demo\files)", "--allocation-size", "-1"}, 2, "", "-1: a size reads like..."},
     };
     for (const Case &Each : Cases) {
         Check(Each);
@@ -251,6 +251,7 @@ TEST(Program, OutputThatCannotBeWrittenIsAFailure) {
     EXPECT_EQ(Walk.Code, 1);
     EXPECT_EQ(Walk.Error, "standard output: No space left on device\n");
     EXPECT_EQ(test::RunProgramInto("/dev/full", {"cat", R"(\\demo\files\docs\a.txt)"}).Code, 1);
+    EXPECT_EQ(test::RunProgramInto("/dev/full", {"--help"}).Error, Walk.Error);
 }
 
 TEST(Program, TellsItsVersionAndItsDriver) {
