@@ -14,6 +14,7 @@
 #include <fmt/format.h>
 
 #include "app/interrupt.h"
+#include "app/text.h"
 
 namespace app {
 
@@ -127,21 +128,18 @@ LocalTarget::LocalTarget(const std::string &Name, bool Replace, bool InPlace,
 void LocalTarget::OpenBeside() {
     std::error_code Error;
     Name_ = std::filesystem::canonical(Name_, Error).string(); // the file itself is replaced, not a link to it
-    struct stat Old = {};
-    if (Error || stat(Name_.c_str(), &Old) != 0 || access(Name_.c_str(), W_OK) != 0) {
+    const int Old = open(Name_.c_str(), O_PATH | O_CLOEXEC);
+    const LocalFile Owner(Old, Name_);
+    if (Error || Old < 0 || access(Name_.c_str(), W_OK) != 0) {
         Fail(Name_, Error ? Error.value() : errno);
     }
+    Access_.emplace(Old, Name_);
     std::string Beside = Name_ + ".XXXXXX";
     Descriptor_ = mkostemp(Beside.data(), O_CLOEXEC);
     if (Descriptor_ < 0) {
         Fail(Beside, errno);
     }
     Part_ = Beside;
-    // Its owner stays when that may be given away; its rights in any case.
-    static_cast<void>(fchown(Descriptor_, Old.st_uid, Old.st_gid) == 0 || errno == EPERM);
-    if (fchmod(Descriptor_, Old.st_mode & 07777) != 0) {
-        Fail(Beside, errno);
-    }
 }
 
 LocalTarget::~LocalTarget() {
@@ -155,6 +153,9 @@ void LocalTarget::Keep(int64_t WriteTime) {
         Fail(Name_, errno);
     }
     const bool Replaces = !Part_.empty() && Part_ != Name_;
+    if (Access_ && !Access_->GiveTo(Descriptor_, Name_)) {
+        Complain(Name_ + ": its owner or group is another now");
+    }
     // A name that is taken from a whole file must not lead to one whose bytes are not there yet.
     if (Replaces && fdatasync(Descriptor_) != 0) {
         Fail(Name_, errno);

@@ -5,8 +5,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "app/file_access.h"
 
 namespace app {
 
@@ -54,6 +57,7 @@ public:
 private:
     void OpenBeside();
 
+    std::optional<FileAccess> Access_; // of the file that is replaced
     std::string Part_; // what is to be removed unless it is kept: Name_, or what is beside it; empty: nothing
 };
 

@@ -7,6 +7,8 @@
 #include <cstring>
 #include <fstream>
 #include <mutex>
+
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -386,6 +388,23 @@ std::vector<std::filesystem::path> Session::OpenOf(std::string_view Kind) const 
 
 std::vector<std::filesystem::path> Session::OpenFiles() const {
     return OpenOf("file");
+}
+
+int Session::DescriptorOf(ULONG64 FileId) const {
+    int Found = -1;
+    struct stat Of = {};
+    for (const auto &Open : Directories_->ListOpenHandles()) {
+        struct stat Another = {};
+        if (Open.Kind != "file" || Open.FileId != FileId || fstat(Open.Descriptor, &Another) != 0) {
+            continue;
+        }
+        if (Found >= 0 && (Another.st_dev != Of.st_dev || Another.st_ino != Of.st_ino)) {
+            throw std::runtime_error("files of two volumes, with one identifier, cannot be told apart");
+        }
+        Found = Open.Descriptor;
+        Of = Another;
+    }
+    return Found;
 }
 
 std::vector<std::filesystem::path> Session::OpenDirectories() const {

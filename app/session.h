@@ -131,6 +131,9 @@ public:
     // The local files that handles of the Provider are open for; and the directories.
     std::vector<std::filesystem::path> OpenFiles() const;
     std::vector<std::filesystem::path> OpenDirectories() const;
+    // The Provider's descriptor of the open file with this identifier, while it is open; -1 when no directory serves
+    // it. std::runtime_error when files of several volumes have it.
+    int DescriptorOf(ULONG64 FileId) const;
 
     // Drive letters, and the logon session that the calling thread acts in.
     app::Drives &Drives() {

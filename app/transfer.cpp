@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "app/file_access.h"
 #include "app/interrupt.h"
 #include "app/progress.h"
 #include "app/remote_file.h"
@@ -74,7 +75,8 @@ std::u16string Beside(const std::u16string &Path) {
 // beside that.
 class RemoteTarget {
 public:
-    RemoteTarget(const std::u16string &Path, const CopyOptions &Options) : Path_(Path) {
+    RemoteTarget(Session &Running, const std::u16string &Path, const CopyOptions &Options)
+        : Running_(Running), Path_(Path) {
         if (!Options.Force || !FindOld()) {
             try {
                 File_.emplace(Path, ForNewFile());
@@ -94,6 +96,12 @@ public:
             File_.emplace(Beside(Path), ForNewFile());
             Made_ = true;
             Replaces_ = true;
+            try {
+                GiveAccess(); // before there are bytes that not everybody may see
+            } catch (...) {
+                RemovePart();
+                throw;
+            }
         }
     }
     RemoteFile &File() {
@@ -103,6 +111,9 @@ public:
     void Keep(const FILE_BASIC_INFORMATION *Facts) {
         File_->Flush();
         if (Replaces_) {
+            if (!GiveAccess()) {
+                Complain(ShowPath(Path_) + ": its owner or group is another now");
+            }
             FILE_BASIC_INFORMATION Record = Facts != nullptr ? *Facts : FILE_BASIC_INFORMATION{};
             if (Record.FileAttributes == 0) {
                 Record.FileAttributes = Old_.FileAttributes;
@@ -153,7 +164,20 @@ private:
         if ((Old_.FileAttributes & FILE_ATTRIBUTE_READONLY) != 0) {
             throw StatusError(STATUS_ACCESS_DENIED, ShowPath(Path_) + " is read-only; attrib -r changes that");
         }
+        if (const int Descriptor = DescriptorOf(Old); Descriptor >= 0) {
+            Access_.emplace(Descriptor, ShowPath(Path_));
+        }
         return true;
+    }
+    // Gives the part what the file that it replaces has. False when its owner is another.
+    bool GiveAccess() {
+        return !Access_ || Access_->GiveTo(DescriptorOf(*File_), ShowPath(Path_));
+    }
+    int DescriptorOf(RemoteFile &File) const {
+        const RemoteFile::Answer Id = File.Ask(FileInternalInformation, sizeof(ULONG64));
+        ULONG64 FileId;
+        memcpy(&FileId, Id.Bytes.data(), sizeof(FileId));
+        return NT_SUCCESS(Id.Status) ? Running_.DescriptorOf(FileId) : -1;
     }
     void RemovePart() {
         static_cast<void>(File_->Close()); // whatever came of data that is not kept
@@ -168,9 +192,11 @@ private:
         }
     }
 
+    Session &Running_;
     std::u16string Path_;
     std::optional<RemoteFile> File_;
     FILE_BASIC_INFORMATION Old_ = {};
+    std::optional<FileAccess> Access_; // of the file that is replaced, where a directory serves it
     bool Made_ = false;
     bool Replaces_ = false;
     bool Kept_ = false;
@@ -228,7 +254,7 @@ void CopyIn(Session &Running, LocalFile &From, const std::u16string &To, const C
     if (Options.Force) {
         RefuseSame({From.Name()}, FilesBehind(Running, To), To);
     }
-    RemoteTarget Target(To, Options);
+    RemoteTarget Target(Running, To, Options);
     Progress Shown(From.Name(), From.Size());
     Pump([&](LONG64, void *Buffer, size_t Length) { return From.Read(Buffer, Length); },
          [&](LONG64 Offset, const void *Buffer, size_t Length) { Target.File().Write(Offset, Buffer, Length); }, Shown);
@@ -254,7 +280,7 @@ void CopyAcross(Session &Running, const std::u16string &From, const std::u16stri
     if (Options.Force) {
         RefuseSame(Running.OpenFiles(), Targets, To);
     }
-    RemoteTarget Target(To, Options);
+    RemoteTarget Target(Running, To, Options);
     Progress Shown(Narrow(LastOf(From)), RemoteSize(File));
     Pump([&](LONG64 Offset, void *Buffer, size_t Length) { return File.Read(Offset, Buffer, Length); },
          [&](LONG64 Offset, const void *Buffer, size_t Length) { Target.File().Write(Offset, Buffer, Length); }, Shown);

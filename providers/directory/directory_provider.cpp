@@ -413,7 +413,8 @@ std::vector<DirectoryProvider::OpenHandle> DirectoryProvider::ListOpenHandles() 
     std::vector<OpenHandle> All;
     State_->Open.ForEach([&](RVHANDLE Handle, const Object &Item) {
         const char *Kind = Item.Kind == KIND_VOLUME ? "volume" : Item.Kind == KIND_DIRECTORY ? "directory" : "file";
-        All.push_back({Handle, Kind, (Item.Volume->Directory / Item.FromRoot).string()});
+        All.push_back({Handle, Kind, (Item.Volume->Directory / Item.FromRoot).string(),
+                       FileIdOf(*Item.Volume, Item.Key), Item.Fd()});
     });
     return All;
 }

@@ -66,6 +66,8 @@ public:
         RVHANDLE Handle;
         std::string Kind; // "volume", "directory" or "file"
         std::string Path; // in the local file system, as it was when the handle was opened
+        ULONG64 FileId;   // as slot 16 answers it
+        int Descriptor;   // the Provider's own, while the handle is open; it may be one that only names the object
     };
     std::vector<OpenHandle> ListOpenHandles() const;
 

@@ -1,8 +1,11 @@
 // put and cp: bytes arrive whole or not at all, and nothing is overwritten unasked.
 
 #include <csignal>
+#include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -43,6 +46,32 @@ protected:
         EXPECT_EQ(Result.Code, 1);
         EXPECT_THAT(Result.Error, StartsWith(Message));
     }
+
+    // Gives a file another owner where that may be done, rights for one user more, and a note.
+    static void Mark(const std::string &File) {
+        static_cast<void>(chown(File.c_str(), 1234, 1235) == 0 || errno == EPERM);
+        ASSERT_EQ(chmod(File.c_str(), 0640), 0);
+        setxattr(File.c_str(), "system.posix_acl_access", AccessList, sizeof AccessList, 0);
+        setxattr(File.c_str(), "user.note", "mark", 4, 0);
+    }
+    static std::string Marks(const std::string &File) {
+        struct stat Status = {};
+        EXPECT_EQ(stat(File.c_str(), &Status), 0);
+        std::string All = fmt::format("{} {} {:o}", Status.st_uid, Status.st_gid, Status.st_mode);
+        for (const char *Name : {"system.posix_acl_access", "user.note"}) {
+            char Value[256];
+            const ssize_t Size = getxattr(File.c_str(), Name, Value, sizeof Value);
+            All += fmt::format(" {}", testing::PrintToString(std::string(Value, std::max<ssize_t>(Size, 0))));
+        }
+        return All;
+    }
+    // Version 2; owner rw-, user 1236 r--, group ---, mask r--, others ---.
+    static constexpr unsigned char AccessList[] = {2,  0, 0, 0,                      //
+                                                   1,  0, 6, 0, 255,  255, 255, 255, //
+                                                   2,  0, 4, 0, 0xD4, 4,   0,   0,   //
+                                                   4,  0, 0, 0, 255,  255, 255, 255, //
+                                                   16, 0, 4, 0, 255,  255, 255, 255, //
+                                                   32, 0, 0, 0, 255,  255, 255, 255};
 
     test::ScratchDirectory Served;
     test::ScratchDirectory Local;
@@ -90,16 +119,21 @@ TEST_F(ProgramCopy, OverwritesOnlyWithForce) {
     Succeeds({"cp", "--force", R"(\\srv\vol\small)", R"(\\srv\vol\there)"});
     EXPECT_EQ(Served.Read("there"), "new");
     Local.Write("there", Bytes);
+    Mark(Local.File("there"));
+    const std::string Before = Marks(Local.File("there"));
     Succeeds({"cp", "--force", R"(\\srv\vol\small)", Local.File("there")});
     EXPECT_EQ(Local.Read("there"), "new") << "what was longer is cut";
+    EXPECT_EQ(Marks(Local.File("there")), Before);
 
     // What replaces a file has its attributes, and is another file unless it is written in place.
     Succeeds({"attrib", "+h", R"(\\srv\vol\there)"});
     std::filesystem::create_hard_link(Served.File("there"), Served.File("link"));
     Succeeds({"put", "--inplace", "-f", Local.File("big"), R"(\\srv\vol\there)"});
     EXPECT_EQ(Served.Read("link"), Bytes);
+    Mark(Served.File("there"));
     Succeeds({"put", "-f", "-", R"(\\srv\vol\there)"}, "newer");
     EXPECT_EQ(Served.Read("there"), "newer");
+    EXPECT_EQ(Marks(Served.File("there")), Before);
     EXPECT_EQ(Served.Read("link"), Bytes);
     EXPECT_THAT(Run({"ls", "-l", R"(\\srv\vol\there)"}).Out, StartsWith("--h--"));
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(Served.Path()), {}), 3) << "no part is left";

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "tests/providers/directory_fixture.h"
+#include "tests/support/without_override.h"
 
 namespace providers::directory {
 namespace {
@@ -37,6 +38,19 @@ protected:
         fs::create_symlink("loop", Root / "loop");
     }
 
+    // Runs Test as who runs the tests and as another user, whose tree it is then.
+    void AsBoth(const std::function<void()> &Test) {
+        Test();
+        if (geteuid() != 0) {
+            return;
+        }
+        fs::permissions(Outer, fs::perms(0755));
+        for (const auto &Each : fs::recursive_directory_iterator(Outer)) {
+            ASSERT_EQ(lchown(Each.path().c_str(), test::AnotherUser, test::AnotherUser), 0);
+        }
+        test::AsAnotherUser(Test);
+    }
+
     void ExpectOutsideUntouched() {
         std::ifstream File(Outer / "secret" / "file");
         std::string Text{std::istreambuf_iterator<char>(File), {}};
@@ -48,30 +62,32 @@ protected:
 };
 
 TEST_F(BeneathTest, NoOperationGoesThroughALinkThatLeadsOut) {
-    for (const std::u16string Way : {u"out", u"absolute", u"in\\deep", u"magic", u"loop", u"LINK\\Deep"}) {
-        const auto What = testing::PrintToString(Way);
-        RVHANDLE Folder = 0;
-        EXPECT_EQ(OpenFolder(Way, Folder), RVSTATUS::AccessDenied) << What;
-        EXPECT_EQ(OpenFolder(Way + u"\\sub", Folder), RVSTATUS::AccessDenied) << What;
-        for (const ULONG Disposition : {0, 1, 2, 3, 4, 5}) {
-            EXPECT_TRUE(RvIsError(Try(Way + u"\\file", ReadWrite, Disposition))) << What << Disposition;
-            EXPECT_TRUE(RvIsError(Try(Way + u"\\new", ReadWrite, Disposition))) << What << Disposition;
+    AsBoth([this] {
+        for (const std::u16string Way : {u"out", u"absolute", u"in\\deep", u"magic", u"loop", u"LINK\\Deep"}) {
+            const auto What = testing::PrintToString(Way);
+            RVHANDLE Folder = 0;
+            EXPECT_EQ(OpenFolder(Way, Folder), RVSTATUS::AccessDenied) << What;
+            EXPECT_EQ(OpenFolder(Way + u"\\sub", Folder), RVSTATUS::AccessDenied) << What;
+            for (const ULONG Disposition : {0, 1, 2, 3, 4, 5}) {
+                EXPECT_TRUE(RvIsError(Try(Way + u"\\file", ReadWrite, Disposition))) << What << Disposition;
+                EXPECT_TRUE(RvIsError(Try(Way + u"\\new", ReadWrite, Disposition))) << What << Disposition;
+            }
+            EXPECT_TRUE(RvIsError(MakeFolder(Way + u"\\new"))) << What;
+            EXPECT_TRUE(RvIsError(Delete(Way + u"\\file"))) << What;
+            EXPECT_TRUE(RvIsError(DeleteFolder(Way + u"\\sub"))) << What;
+            EXPECT_TRUE(RvIsError(Move(Way + u"\\file", u"stolen"))) << What;
+            EXPECT_TRUE(RvIsError(Move(u"in\\file", Way + u"\\planted"))) << What;
+            ExpectOutsideUntouched();
         }
-        EXPECT_TRUE(RvIsError(MakeFolder(Way + u"\\new"))) << What;
-        EXPECT_TRUE(RvIsError(Delete(Way + u"\\file"))) << What;
-        EXPECT_TRUE(RvIsError(DeleteFolder(Way + u"\\sub"))) << What;
-        EXPECT_TRUE(RvIsError(Move(Way + u"\\file", u"stolen"))) << What;
-        EXPECT_TRUE(RvIsError(Move(u"in\\file", Way + u"\\planted"))) << What;
+        for (const ULONG Disposition : {2, 3, 4, 5}) {
+            EXPECT_EQ(Try(u"leaf", ReadWrite, Disposition), RVSTATUS::AccessDenied) << Disposition;
+        }
+        for (const std::u16string Path : {u"..\\secret\\file", u"in\\..\\..\\secret\\file", u"in/../../secret/file",
+                                          u"\uF02E\uF02E\\secret\\file", u".\uF02E\\secret\\file", u"/etc/passwd"}) {
+            EXPECT_TRUE(RvIsError(Try(Path))) << testing::PrintToString(Path);
+        }
         ExpectOutsideUntouched();
-    }
-    for (const ULONG Disposition : {2, 3, 4, 5}) {
-        EXPECT_EQ(Try(u"leaf", ReadWrite, Disposition), RVSTATUS::AccessDenied) << Disposition;
-    }
-    for (const std::u16string Path : {u"..\\secret\\file", u"in\\..\\..\\secret\\file", u"in/../../secret/file",
-                                      u"\uF02E\uF02E\\secret\\file", u".\uF02E\\secret\\file", u"/etc/passwd"}) {
-        EXPECT_TRUE(RvIsError(Try(Path))) << testing::PrintToString(Path);
-    }
-    ExpectOutsideUntouched();
+    });
 }
 
 TEST_F(BeneathTest, LinksThatStayInsideAreFollowed) {
@@ -114,15 +130,18 @@ class WithoutOpenat2Test : public BeneathTest {
 };
 
 TEST_F(WithoutOpenat2Test, EveryLinkIsRefused) {
-    EXPECT_EQ(Content(u"IN\\file"), "inside");
-    EXPECT_EQ(Try(u"in\\new", ReadWrite, RV_DISPOSITION_CREATE_NEW), RVSTATUS::Success);
-    RVHANDLE Folder = 0;
-    for (const std::u16string Way : {u"out", u"absolute", u"link", u"magic", u"in\\deep"}) {
-        EXPECT_EQ(OpenFolder(Way, Folder), RVSTATUS::AccessDenied) << testing::PrintToString(Way);
-        EXPECT_TRUE(RvIsError(Try(Way + u"\\file"))) << testing::PrintToString(Way);
-    }
-    EXPECT_EQ(Try(u"leaf"), RVSTATUS::AccessDenied);
-    ExpectOutsideUntouched();
+    AsBoth([this] {
+        EXPECT_EQ(Content(u"IN\\file"), "inside");
+        EXPECT_EQ(Try(u"in\\new", ReadWrite, RV_DISPOSITION_CREATE_NEW), RVSTATUS::Success);
+        EXPECT_EQ(Delete(u"in\\NEW"), RVSTATUS::Success);
+        RVHANDLE Folder = 0;
+        for (const std::u16string Way : {u"out", u"absolute", u"link", u"magic", u"in\\deep"}) {
+            EXPECT_EQ(OpenFolder(Way, Folder), RVSTATUS::AccessDenied) << testing::PrintToString(Way);
+            EXPECT_TRUE(RvIsError(Try(Way + u"\\file"))) << testing::PrintToString(Way);
+        }
+        EXPECT_EQ(Try(u"leaf"), RVSTATUS::AccessDenied);
+        ExpectOutsideUntouched();
+    });
 }
 
 // Runs Act over and over while another thread exchanges the directory "swap" with a link that leads out.

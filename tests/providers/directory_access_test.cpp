@@ -8,6 +8,7 @@
 #include "providers/directory/beneath.h"
 #include "providers/directory/names.h"
 #include "tests/providers/directory_fixture.h"
+#include "tests/support/without_override.h"
 
 namespace providers::directory {
 namespace {
@@ -234,6 +235,81 @@ TEST_F(DirectoryProviderTest, LocksAndDenialsAreSeenByOtherServersOfTheDirectory
     EXPECT_EQ(Try(u"file"), Failure(CODE_SHARING_VIOLATION));
     EXPECT_EQ(There->Table->RVFsdCloseFile(There, nullptr, Two), Done);
     EXPECT_EQ(There->Table->Release(There), 0u);
+}
+
+// What a user may do natively is what may be done here, no more and no less; and what is made is the user's.
+TEST_F(DirectoryProviderTest, PermissionsAreThoseOfTheUserWhoServes) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "files of two users are needed";
+    }
+    fs::permissions(Outer, fs::perms(0755));
+    // Directories: whose they are, and their mode. In each: a file of root's and one of the user's, of one mode.
+    const struct {
+        const char *Directory;
+        bool Own;
+        unsigned Mode;
+        unsigned FileMode;
+        // In this order: read root's, write root's, read own, hide root's, hide own, find root's in another case,
+        // create, rename root's, delete root's, delete own. 1 = allowed.
+        std::string_view User;
+    } Cases[] = {
+        {"own", true, 0755, 0644, "1010111111"},         {"private", true, 0700, 0600, "0010101111"},
+        {"root's", false, 0755, 0644, "1010110000"},     {"closed", false, 0700, 0666, "0000000000"},
+        {"sticky", false, 01777, 0666, "1111111001"},    {"unlisted", false, 0711, 0666, "1111100000"},
+        {"unsearched", false, 0744, 0666, "0000000000"},
+    };
+    for (const auto &Case : Cases) {
+        for (const bool AsRoot : {false, true}) {
+            const fs::path Where = Root / Case.Directory;
+            const auto Served = [&](const char *Name) {
+                const std::string Path = std::string(Case.Directory) + "\\" + Name;
+                return std::u16string(Path.begin(), Path.end());
+            };
+            fs::create_directory(Where);
+            for (const char *Name : {"root", "mine"}) {
+                Write(std::string(Case.Directory) + "/" + Name, "text");
+                ASSERT_EQ(chmod((Where / Name).c_str(), Case.FileMode), 0);
+            }
+            ASSERT_EQ(chown((Where / "mine").c_str(), test::AnotherUser, test::AnotherUser), 0);
+            ASSERT_EQ(chown(Where.c_str(), Case.Own ? test::AnotherUser : 0, 0), 0);
+            ASSERT_EQ(chmod(Where.c_str(), Case.Mode), 0);
+            std::string May;
+            const auto Hide = [&](const char *Name) {
+                RVHANDLE Handle = 0;
+                ULONG Hidden = RV_ATTR_HIDDEN;
+                RVSTATUS Status = Open(Served(Name), Handle, RV_ACCESS_ATTRIBUTES);
+                if (Status == Done) {
+                    Status = Table->RVFsdSetFileInformation(Fsd, nullptr, Handle, &Hidden, nullptr, nullptr, nullptr);
+                    Close(Handle);
+                }
+                return Status;
+            };
+            const auto Ask = [&] {
+                const auto Note = [&](RVSTATUS Status) { May += Status == Done ? '1' : '0'; };
+                Note(Try(Served("root")));
+                Note(Try(Served("root"), RV_ACCESS_WRITE));
+                Note(Try(Served("mine"), ReadWrite));
+                Note(Hide("root"));
+                Note(Hide("mine"));
+                Note(Try(Served("ROOT")));
+                Note(Try(Served("new"), ReadWrite, RV_DISPOSITION_CREATE_NEW));
+                Note(Move(Served("root"), Served("moved")));
+                Note(Delete(Served(May.back() == '1' ? "moved" : "root")));
+                Note(Delete(Served("mine")));
+            };
+            if (AsRoot) {
+                Ask();
+            } else {
+                test::AsAnotherUser(Ask);
+            }
+            EXPECT_EQ(May, AsRoot ? "1111111111" : Case.User) << Case.Directory;
+            struct stat New = {};
+            if (stat((Where / "new").c_str(), &New) == 0) {
+                EXPECT_EQ(New.st_uid, AsRoot ? 0 : test::AnotherUser);
+            }
+            fs::remove_all(Where);
+        }
+    }
 }
 
 TEST_F(DirectoryProviderTest, ErasingRightsFollowTheName) {

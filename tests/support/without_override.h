@@ -1,4 +1,4 @@
-// Permissions that hold for root too.
+// Permissions that hold for root too, and another user.
 #pragma once
 
 #include <exception>
@@ -28,6 +28,21 @@ void WithoutOverride(Action Run) {
                 Data[0].inheritable &= ~(1u << Right);
             }
             ASSERT_EQ(syscall(SYS_capset, &Header, Data), 0);
+        }
+        Run();
+    }).join();
+}
+
+// Runs Action as another user than root: in a thread that has become one, or as who runs the tests anyway.
+constexpr unsigned AnotherUser = 60'001;
+template <class Action>
+void AsAnotherUser(Action Run) {
+    std::thread([&Run] {
+        if (geteuid() == 0) {
+            // The system calls themselves change one thread.
+            ASSERT_EQ(syscall(SYS_setgroups, 0, nullptr), 0);
+            ASSERT_EQ(syscall(SYS_setresgid, AnotherUser, AnotherUser, AnotherUser), 0);
+            ASSERT_EQ(syscall(SYS_setresuid, AnotherUser, AnotherUser, AnotherUser), 0);
         }
         Run();
     }).join();
