@@ -118,6 +118,10 @@ TEST_F(CreateChecks, AskThePhysicalVolumeForItsSpace) {
     // Any other failure than "not distributed" falls back just so.
     Provider.OnCall(Slot::GetDFSPhysicalPath).Return(ProviderError(0x0102));
     ExpectOpened(u"\\srv\\vol\\a.txt", {.AllocationSize = 8}, FILE_OPENED);
+    // So does a warning, whose path is given back.
+    Provider.ClearScript();
+    Provider.OnCall(Slot::GetDFSPhysicalPath).ReturnAfter(static_cast<RVSTATUS>(0x80000007));
+    ExpectOpened(u"\\srv\\vol\\a.txt", {.AllocationSize = 8}, FILE_OPENED);
     ExpectNothingOpen("size checks");
 }
 
