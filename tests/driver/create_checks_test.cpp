@@ -213,12 +213,11 @@ TEST_F(EraseChecks, AreMadeForASupersedeOfAnOpenFile) {
 TEST_F(CreateChecks, AParentIsMissingOnlyWhenItIsKnownToBe) {
     Bind();
     IRP_CONTEXT Request = Context();
-    struct Case {
+    struct {
         std::u16string_view Path;
         bool Missing;
         unsigned Calls;
-    };
-    constexpr Case Cases[] = {
+    } constexpr Cases[] = {
         {u"", false, 0},
         {u"\\srv", false, 0},
         {u"\\srv\\vol", false, 0},
@@ -230,7 +229,7 @@ TEST_F(CreateChecks, AParentIsMissingOnlyWhenItIsKnownToBe) {
         {u"\\srv\\vol\\no\\no\\x", false, 1}, // its own parent is missing: not known
         {u"\\srv\\vol\\a.txt\\x", false, 2},  // a file
     };
-    for (const Case &Each : Cases) {
+    for (const auto &Each : Cases) {
         const std::u16string Text(Each.Path);
         const UNICODE_STRING Path = Counted(Text);
         Provider.ClearCalls();

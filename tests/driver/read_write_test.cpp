@@ -56,20 +56,19 @@ protected:
 };
 
 TEST_F(Data, AReadGetsWhatTheServerHas) {
-    struct Case {
+    struct {
         ULONG Length;
         LONGLONG Offset;
         NTSTATUS Status;
         std::string_view Text;
         LONGLONG Position;
-    };
-    constexpr Case Cases[] = {
+    } constexpr Cases[] = {
         {0, 3, STATUS_SUCCESS, "", 0}, // of nothing: the position stays
         {4, 0, STATUS_SUCCESS, "0123", 4},   {8, 6, STATUS_SUCCESS, "6789", 10},
         {1, 10, STATUS_END_OF_FILE, "", 10}, {5, 1000, STATUS_END_OF_FILE, "", 1000},
     };
     OpenFile();
-    for (const Case &Each : Cases) {
+    for (const auto &Each : Cases) {
         const test::Transfer Result = Read(Handle, Buffer, Each.Length, Each.Offset);
         EXPECT_EQ(Result.Status, Each.Status) << Each.Offset;
         EXPECT_EQ(std::string_view(Buffer, Result.Information), Each.Text) << Each.Offset;
