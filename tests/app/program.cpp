@@ -101,55 +101,48 @@ int OpenFile(const std::filesystem::path &Name, int Flags) {
 
 } // namespace
 
-Ran RunProgramInto(const std::filesystem::path &Output, const std::vector<std::string> &Arguments) {
+namespace {
+
+// Runs the program, Meanwhile beside it, with Input as its standard input; its output goes to a file of that name, or
+// comes back.
+Ran RunBetween(const std::vector<std::string> &Arguments, int Input, const std::filesystem::path &Output,
+               const std::function<void(pid_t)> &Meanwhile) {
     const ScratchDirectory Streams;
-    const int In = OpenFile("/dev/null", O_RDONLY);
-    const int Out = OpenFile(Output, O_WRONLY);
+    const int Out = Output.empty() ? OpenFile(Streams.File("out"), O_WRONLY | O_CREAT) : OpenFile(Output, O_WRONLY);
     const int Error = OpenFile(Streams.File("error"), O_WRONLY | O_CREAT);
+    const pid_t Child = Start(Arguments, Input, Out, Error);
+    close(Input);
+    Meanwhile(Child);
     Ran Result;
-    Result.Code = WaitFor(Start(Arguments, In, Out, Error));
-    for (const int Each : {In, Out, Error}) {
-        close(Each);
-    }
+    Result.Code = WaitFor(Child);
+    close(Out);
+    close(Error);
+    Result.Out = Output.empty() ? Streams.Read("out") : "";
     Result.Error = Streams.Read("error");
     return Result;
+}
+
+} // namespace
+
+Ran RunProgramInto(const std::filesystem::path &Output, const std::vector<std::string> &Arguments) {
+    return RunBetween(Arguments, OpenFile("/dev/null", O_RDONLY), Output, [](pid_t) {});
 }
 
 Ran RunProgram(const std::vector<std::string> &Arguments, std::string_view Input) {
     const ScratchDirectory Streams;
     Streams.Write("in", Input);
-    const int In = OpenFile(Streams.File("in"), O_RDONLY);
-    const int Out = OpenFile(Streams.File("out"), O_WRONLY | O_CREAT);
-    const int Error = OpenFile(Streams.File("error"), O_WRONLY | O_CREAT);
-    Ran Result;
-    Result.Code = WaitFor(Start(Arguments, In, Out, Error));
-    for (const int Each : {In, Out, Error}) {
-        close(Each);
-    }
-    Result.Out = Streams.Read("out");
-    Result.Error = Streams.Read("error");
-    return Result;
+    return RunBetween(Arguments, OpenFile(Streams.File("in"), O_RDONLY), {}, [](pid_t) {});
 }
 
 Ran RunProgramWith(const std::vector<std::string> &Arguments, const std::function<void(pid_t, int)> &Meanwhile) {
-    const ScratchDirectory Streams;
     int Pipe[2];
     if (pipe2(Pipe, O_CLOEXEC) != 0) {
         throw std::runtime_error("no pipe");
     }
-    const int Out = OpenFile(Streams.File("out"), O_WRONLY | O_CREAT);
-    const int Error = OpenFile(Streams.File("error"), O_WRONLY | O_CREAT);
-    const pid_t Child = Start(Arguments, Pipe[0], Out, Error);
-    close(Pipe[0]);
-    Meanwhile(Child, Pipe[1]);
-    close(Pipe[1]);
-    Ran Result;
-    Result.Code = WaitFor(Child);
-    close(Out);
-    close(Error);
-    Result.Out = Streams.Read("out");
-    Result.Error = Streams.Read("error");
-    return Result;
+    return RunBetween(Arguments, Pipe[0], {}, [&](pid_t Child) {
+        Meanwhile(Child, Pipe[1]);
+        close(Pipe[1]);
+    });
 }
 
 Terminal::Terminal(const std::vector<std::string> &Arguments) {

@@ -293,12 +293,11 @@ TEST_F(CloseOfAnOpen, WithoutALinkedInstanceTouchesNothing) {
 }
 
 TEST_F(CloseOfAnOpen, AnswersWhatItsDeleteMeans) {
-    struct Case {
+    struct {
         bool IsDirectory;
         USHORT Code;
         NTSTATUS Status;
-    };
-    constexpr Case Cases[] = {
+    } constexpr Cases[] = {
         {true, 0x0502, STATUS_SUCCESS}, // somebody else was faster
         {false, 0x0502, STATUS_NO_SUCH_FILE},
         {true, 0x0503, STATUS_SHARING_VIOLATION},
@@ -306,7 +305,7 @@ TEST_F(CloseOfAnOpen, AnswersWhatItsDeleteMeans) {
         {true, 0x0513, STATUS_DIRECTORY_NOT_EMPTY},
         {false, 0x0000, STATUS_UNSUCCESSFUL}, // an error without a code
     };
-    for (const Case &Each : Cases) {
+    for (const auto &Each : Cases) {
         const HANDLE Handle =
             Each.IsDirectory ? MustOpen(u"\\srv\\vol\\docs", Directory) : MustOpen(u"\\srv\\vol\\a.txt", Deleting);
         MarkForDeletion(Handle);

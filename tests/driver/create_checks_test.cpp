@@ -118,6 +118,10 @@ TEST_F(CreateChecks, AskThePhysicalVolumeForItsSpace) {
     // Any other failure than "not distributed" falls back just so.
     Provider.OnCall(Slot::GetDFSPhysicalPath).Return(ProviderError(0x0102));
     ExpectOpened(u"\\srv\\vol\\a.txt", {.AllocationSize = 8}, FILE_OPENED);
+    // So does a warning, whose path is given back.
+    Provider.ClearScript();
+    Provider.OnCall(Slot::GetDFSPhysicalPath).ReturnAfter(static_cast<RVSTATUS>(0x80000007));
+    ExpectOpened(u"\\srv\\vol\\a.txt", {.AllocationSize = 8}, FILE_OPENED);
     ExpectNothingOpen("size checks");
 }
 
@@ -209,12 +213,11 @@ TEST_F(EraseChecks, AreMadeForASupersedeOfAnOpenFile) {
 TEST_F(CreateChecks, AParentIsMissingOnlyWhenItIsKnownToBe) {
     Bind();
     IRP_CONTEXT Request = Context();
-    struct Case {
+    struct {
         std::u16string_view Path;
         bool Missing;
         unsigned Calls;
-    };
-    constexpr Case Cases[] = {
+    } constexpr Cases[] = {
         {u"", false, 0},
         {u"\\srv", false, 0},
         {u"\\srv\\vol", false, 0},
@@ -226,7 +229,7 @@ TEST_F(CreateChecks, AParentIsMissingOnlyWhenItIsKnownToBe) {
         {u"\\srv\\vol\\no\\no\\x", false, 1}, // its own parent is missing: not known
         {u"\\srv\\vol\\a.txt\\x", false, 2},  // a file
     };
-    for (const Case &Each : Cases) {
+    for (const auto &Each : Cases) {
         const std::u16string Text(Each.Path);
         const UNICODE_STRING Path = Counted(Text);
         Provider.ClearCalls();

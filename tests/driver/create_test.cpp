@@ -137,13 +137,12 @@ TEST_F(Creates, DecideByTypeFlagsEntryAndDisposition) {
 // ---- What the Provider is given
 
 TEST_F(Creates, HandTheProviderItsOwnEncodings) {
-    struct Case {
+    struct {
         ACCESS_MASK Access;
         ULONG Options;
         ULONG Disposition;
         ULONG64 ProviderAccess, ProviderOptions, ProviderDisposition;
-    };
-    constexpr Case Cases[] = {
+    } constexpr Cases[] = {
         {FILE_READ_DATA, 0, FILE_OPEN, 0x2, 0, 3},
         {FILE_WRITE_DATA, FILE_WRITE_THROUGH, FILE_SUPERSEDE, 0x4, 0x1, 2},
         {FILE_EXECUTE, FILE_NO_INTERMEDIATE_BUFFERING, FILE_OPEN_IF, 0x8, 0x2, 4},
@@ -156,7 +155,7 @@ TEST_F(Creates, HandTheProviderItsOwnEncodings) {
         {FILE_READ_DATA | FILE_WRITE_DATA | FILE_EXECUTE | DELETE | FILE_APPEND_DATA, FILE_DELETE_ON_CLOSE, FILE_OPEN,
          0x1F, 0, 3},
     };
-    for (const Case &Each : Cases) {
+    for (const auto &Each : Cases) {
         Provider.AddFile(u"\\srv\\vol\\e.txt", "x");
         const HANDLE Handle = MustOpen(u"\\srv\\vol\\e.txt", With({.Access = Each.Access,
                                                                    .Share = FILE_SHARE_READ | FILE_SHARE_DELETE,
@@ -227,12 +226,11 @@ TEST_F(Creates, TakeTheSizesOfTheFileWhenTheyCanBeHad) {
 // ---- Failures of the Provider
 
 TEST_F(Creates, MapFailuresOfTheFileOpen) {
-    struct Case {
+    struct {
         ULONG Raw;
         NTSTATUS Status;
         ULONG_PTR Information;
-    };
-    constexpr Case Others[] = {
+    } constexpr Others[] = {
         {0xC7E70503, STATUS_OBJECT_PATH_NOT_FOUND, FILE_DOES_NOT_EXIST},
         {0xC7E7050D, STATUS_SHARING_VIOLATION, FILE_EXISTS},
         {0xC7E7050E, STATUS_SHARING_VIOLATION, FILE_EXISTS},
@@ -248,7 +246,7 @@ TEST_F(Creates, MapFailuresOfTheFileOpen) {
         {0x80000006, STATUS_ACCESS_DENIED, FILE_SUPERSEDED}, // the code decides, whatever the severity
         {0xC0000503, STATUS_OBJECT_PATH_NOT_FOUND, FILE_DOES_NOT_EXIST},
     };
-    for (const Case &Each : Others) {
+    for (const auto &Each : Others) {
         SCOPED_TRACE(::testing::Message() << std::hex << Each.Raw);
         Provider.OnCall(Slot::CreateFile, IsRealOpen).Return(static_cast<RVSTATUS>(Each.Raw));
         for (const ULONG Disposition : {FILE_OPEN, FILE_OPEN_IF, FILE_OVERWRITE, FILE_SUPERSEDE, FILE_OVERWRITE_IF}) {

@@ -72,26 +72,23 @@ TEST_P(Disposition, OfAFileIsReservedAtTheServerAndCarriedOutAtTheClose) {
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\a.txt"));
 }
 
-TEST_P(Disposition, ASecondRequestSucceedsAtOnceAndClearingWhatWasNeverSetToo) {
+TEST_P(Disposition, ASecondRequestSucceedsAtOnceAndClearedAgainItLeavesTheFile) {
     const HANDLE Handle = OpenFile();
-    Provider.ClearCalls();
-    EXPECT_EQ(SetDisposition(Handle, false), STATUS_SUCCESS);
-    EXPECT_EQ(CallNames(), Calls{});
-    EXPECT_EQ(SetDisposition(Handle, true), STATUS_SUCCESS);
-    Provider.ClearCalls();
-    EXPECT_EQ(SetDisposition(Handle, true), STATUS_SUCCESS);
-    EXPECT_EQ(CallNames(), Calls{});
-}
-
-TEST_P(Disposition, ClearedAgainLeavesTheFile) {
-    const HANDLE Handle = OpenFile();
-    EXPECT_EQ(SetDisposition(Handle, true), STATUS_SUCCESS);
-    Provider.ClearCalls();
-    EXPECT_EQ(SetDisposition(Handle, false), STATUS_SUCCESS);
-    EXPECT_EQ(CallNames(), Calls{"RVFsdModifyFileAccess"});
+    struct {
+        bool Set;
+        Calls Asked;
+    } const Steps[] = {{false, {}},
+                       {true, {"RVFsdGetFileInformation", "RVFsdModifyFileAccess"}},
+                       {true, {}},
+                       {false, {"RVFsdModifyFileAccess"}}};
+    for (const auto &Step : Steps) {
+        Provider.ClearCalls();
+        EXPECT_EQ(SetDisposition(Handle, Step.Set), STATUS_SUCCESS);
+        EXPECT_EQ(CallNames(), Step.Asked);
+        EXPECT_EQ(IsSet(Handle), Step.Set);
+        EXPECT_EQ(IsReserved(Handle), Step.Set);
+    }
     EXPECT_EQ(Last(Slot::ModifyFileAccess).Number("options"), 0u);
-    EXPECT_FALSE(IsSet(Handle));
-    EXPECT_FALSE(IsReserved(Handle));
     Close(Handle);
     EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\a.txt"));
 }
@@ -163,25 +160,20 @@ TEST_P(Disposition, ARefusalOfTheServerCountsOnlyWithTheWorkaround) {
 }
 
 TEST_P(Disposition, AnUndoThatTheServerRefusesCountsOnlyWithTheWorkaround) {
-    const HANDLE Handle = OpenFile();
-    EXPECT_EQ(SetDisposition(Handle, true), STATUS_SUCCESS);
-    Provider.OnCall(Slot::ModifyFileAccess).Return(ProviderError(0x050D));
-    EXPECT_EQ(SetDisposition(Handle, false), FailsInUse() ? STATUS_ACCESS_DENIED : STATUS_SUCCESS);
-    EXPECT_EQ(IsSet(Handle), FailsInUse());
-    EXPECT_TRUE(IsReserved(Handle)); // the server was not told otherwise
-    Close(Handle);
-    EXPECT_EQ(Provider.Exists(u"\\srv\\vol\\a.txt"), !FailsInUse());
-}
-
-TEST_P(Disposition, AnUndoWithAWarningIsDone) {
-    const HANDLE Handle = OpenFile();
-    EXPECT_EQ(SetDisposition(Handle, true), STATUS_SUCCESS);
-    Provider.OnCall(Slot::ModifyFileAccess).ReturnAfter(Warning);
-    EXPECT_EQ(SetDisposition(Handle, false), STATUS_SUCCESS);
-    EXPECT_FALSE(IsSet(Handle));
-    EXPECT_FALSE(IsReserved(Handle));
-    Close(Handle);
-    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\a.txt"));
+    for (const bool Refused : {true, false}) {
+        Provider.AddFile(u"\\srv\\vol\\a.txt", "0123456789");
+        const HANDLE Handle = OpenFile();
+        EXPECT_EQ(SetDisposition(Handle, true), STATUS_SUCCESS);
+        Refused ? Provider.OnCall(Slot::ModifyFileAccess).Return(ProviderError(0x050D))
+                : Provider.OnCall(Slot::ModifyFileAccess).ReturnAfter(Warning);
+        const bool Counts = Refused && FailsInUse();
+        EXPECT_EQ(SetDisposition(Handle, false), Counts ? STATUS_ACCESS_DENIED : STATUS_SUCCESS);
+        EXPECT_EQ(IsSet(Handle), Counts);
+        EXPECT_EQ(IsReserved(Handle), Refused); // the server was not told otherwise
+        Close(Handle);
+        EXPECT_EQ(Provider.Exists(u"\\srv\\vol\\a.txt"), !Counts);
+        Provider.ClearScript();
+    }
 }
 
 TEST_P(Disposition, OnlyTheHandleThatAskedTakesItBack) {

@@ -115,19 +115,18 @@ TEST_F(RenamedFcbs, AreLookedUpByTheLongestPathInFront) {
     Bind();
     const HANDLE Docs = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
     const HANDLE Root = MustOpen(u"\\srv\\vol", AsDirectory);
-    struct Case {
+    struct {
         std::u16string_view Path;
         HANDLE Found;
         std::u16string_view Remaining;
-    };
-    const Case Cases[] = {
+    } const Cases[] = {
         {u"\\srv\\vol\\docs", Docs, u""},      {u"\\SRV\\VOL\\DOCS\\a\\b", Docs, u"a\\b"},
         {u"\\srv\\vol\\docs\\", Docs, u""},    {u"\\srv\\vol\\docs2", Root, u"docs2"},
         {u"\\srv\\vo", nullptr, u"\\srv\\vo"}, {u"\\other\\vol\\docs", nullptr, u"\\other\\vol\\docs"},
     };
     ResourceHold Table;
     Table.AcquireExclusive(&FcbTableResource, TRUE);
-    for (const Case &Each : Cases) {
+    for (const auto &Each : Cases) {
         UNICODE_STRING Name = Counted(Each.Path);
         UNICODE_STRING Remaining;
         EXPECT_EQ(NtFsdFindFcb(&Name, &Remaining), Each.Found != nullptr ? Fcb(Each.Found) : nullptr);

@@ -384,14 +384,13 @@ TEST_F(Fcbs, TheFileObjectCheckLooksAtOneThingAfterAnother) {
     const PFILE_OBJECT File = embedded::CreateFileObject(Device(), u"x", 0);
     INSTANCE_CONTEXT Open = {};
     Open.FileHandle = 1;
-    struct Case {
+    struct {
         bool Fcb, Instance;
         ULONG Signature;
         ULONG Flags;
         ULONG Expected;
         NTSTATUS Status;
-    };
-    constexpr Case Cases[] = {
+    } constexpr Cases[] = {
         {false, false, 0x7704, 0, 0, STATUS_INVALID_HANDLE},
         {false, true, 0x7704, 0, 0, STATUS_INVALID_HANDLE},
         {true, false, 0x1234, FCB_STATE_DELETED, 3, STATUS_INVALID_HANDLE},
@@ -402,7 +401,7 @@ TEST_F(Fcbs, TheFileObjectCheckLooksAtOneThingAfterAnother) {
         {true, true, 0x7704, 0, OPEN_TYPE_FILE, STATUS_SUCCESS},
         {true, true, 0x7704, FCB_STATE_DELETE_DISPOSITION, 0, STATUS_SUCCESS},
     };
-    for (const Case &Each : Cases) {
+    for (const auto &Each : Cases) {
         Record->NodeTypeCode = Each.Signature;
         Record->OpenFlags = Each.Flags;
         Record->OpenType = OPEN_TYPE_FILE;

@@ -73,21 +73,16 @@ TEST_F(Locks, ALocalConflictAndAMissingRangeAreRefusedWithoutTheServer) {
 }
 
 TEST_F(Locks, ARefusalOfTheServerLeavesNoLocalLock) {
-    Provider.OnCall(Slot::LockFile).Return(ProviderError(providers::CodeLockNotGranted));
-    EXPECT_EQ(Lock(First, 0, 10), STATUS_LOCK_NOT_GRANTED);
-    EXPECT_TRUE(LocalLocks(First).empty());
-
     LARGE_INTEGER Length = {.QuadPart = 10};
-    EXPECT_EQ(Wait(First, 0, &Length).Wait().Status, STATUS_LOCK_NOT_GRANTED);
-    EXPECT_TRUE(LocalLocks(First).empty());
-}
-
-TEST_F(Locks, AServerThatCallsALockPendingHasRefusedIt) {
-    Provider.OnCall(Slot::LockFile).Return(static_cast<RVSTATUS>(0x000E));
-    EXPECT_EQ(Lock(First, 0, 10), STATUS_UNSUCCESSFUL);
-    LARGE_INTEGER Length = {.QuadPart = 10};
-    EXPECT_EQ(Wait(First, 0, &Length).Wait().Status, STATUS_UNSUCCESSFUL);
-    EXPECT_TRUE(LocalLocks(First).empty());
+    for (const auto &[Raw, Status] : {std::pair{ProviderError(providers::CodeLockNotGranted), STATUS_LOCK_NOT_GRANTED},
+                                      {static_cast<RVSTATUS>(0x000E), STATUS_UNSUCCESSFUL}}) { // pending is none either
+        Provider.OnCall(Slot::LockFile).Return(Raw);
+        EXPECT_EQ(Lock(First, 0, 10), Status);
+        EXPECT_TRUE(LocalLocks(First).empty());
+        EXPECT_EQ(Wait(First, 0, &Length).Wait().Status, Status);
+        EXPECT_TRUE(LocalLocks(First).empty());
+        Provider.ClearScript();
+    }
 }
 
 TEST_F(Locks, AFailedUnlockAtTheServerIsReportedAndTheLocalLockIsGone) {
@@ -207,16 +202,21 @@ TEST_F(Locks, ACancelledWaitNeverReachesTheServer) {
     EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10"}));
 }
 
-TEST_F(Locks, AnUnlockOfAllGivesBackExactlyTheLocksOfItsHandle) {
-    EXPECT_EQ(Lock(First, 0, 1, 5), STATUS_SUCCESS);
-    EXPECT_EQ(Lock(Second, 10, 1, 5), STATUS_SUCCESS);
-    EXPECT_EQ(Lock(First, 20, 1, 6), STATUS_SUCCESS);
-    EXPECT_EQ(Lock(First, 0, 0, 6), STATUS_SUCCESS);
-    Provider.ClearCalls();
-    EXPECT_EQ(Send(Request(First, IRP_MN_UNLOCK_ALL, 0, nullptr)), STATUS_SUCCESS);
-    EXPECT_EQ(ServerLocks(), (Calls{"unlock 0+1", "unlock 20+1"}));
-    ASSERT_EQ(LocalLocks(First).size(), 1u);
-    EXPECT_EQ(LocalLocks(First)[0].FileObject, FileObject(Second));
+TEST_F(Locks, AnUnlockOfAllGivesBackExactlyTheLocksOfItsHandleOrOfItsKey) {
+    for (const bool ByKey : {true, false}) {
+        EXPECT_EQ(Lock(First, 0, 1, 5), STATUS_SUCCESS);
+        EXPECT_EQ(Lock(Second, 10, 1, 5), STATUS_SUCCESS);
+        EXPECT_EQ(Lock(First, 20, 1, 6), STATUS_SUCCESS);
+        EXPECT_EQ(Lock(First, 0, 0, 6), STATUS_SUCCESS);
+        Provider.ClearCalls();
+        const UCHAR Minor = ByKey ? IRP_MN_UNLOCK_ALL_BY_KEY : IRP_MN_UNLOCK_ALL;
+        EXPECT_EQ(Send(Request(First, Minor, 0, nullptr, 5)), STATUS_SUCCESS);
+        EXPECT_EQ(ServerLocks(), ByKey ? Calls{"unlock 0+1"} : (Calls{"unlock 0+1", "unlock 20+1"}));
+        EXPECT_EQ(LocalLocks(First).size(), ByKey ? 3u : 1u);
+        EXPECT_EQ(LocalLocks(First)[0].FileObject, FileObject(Second));
+        Send(Request(First, IRP_MN_UNLOCK_ALL, 0, nullptr));
+        Send(Request(Second, IRP_MN_UNLOCK_ALL, 0, nullptr));
+    }
 }
 
 class TracedLocks : public Locks {
@@ -238,15 +238,6 @@ TEST_F(TracedLocks, ARangeThatTheServerNeverHadDoesNotHideAFailureBeforeIt) {
     EXPECT_EQ(Printed.find(Line), Printed.rfind(Line)) << "a call that was not made";
 }
 
-TEST_F(Locks, AnUnlockByKeyGivesBackTheLocksOfTheKey) {
-    EXPECT_EQ(Lock(First, 0, 1, 5), STATUS_SUCCESS);
-    EXPECT_EQ(Lock(First, 20, 1, 6), STATUS_SUCCESS);
-    Provider.ClearCalls();
-    EXPECT_EQ(Send(Request(First, IRP_MN_UNLOCK_ALL_BY_KEY, 0, nullptr, 5)), STATUS_SUCCESS);
-    EXPECT_EQ(ServerLocks(), (Calls{"unlock 0+1"}));
-    EXPECT_EQ(LocalLocks(First).size(), 1u);
-}
-
 TEST_F(Locks, AnUnlockOfAllWithoutMemoryChangesNothing) {
     EXPECT_EQ(Lock(First, 0, 1), STATUS_SUCCESS);
     Provider.ClearCalls();
@@ -263,36 +254,31 @@ TEST_F(Locks, AnUnknownMinorFunctionIsAnInvalidParameter) {
     EXPECT_EQ(Lock(First, 0, 1), STATUS_SUCCESS); // the FCB is free again
 }
 
-// A request inside another one of its thread.
-TEST_F(Locks, ANestedLockThatMayWaitIsPostedAndToldToTheServerOnce) {
-    LARGE_INTEGER Length = {.QuadPart = 4};
-    IRP Outer = {};
-    embedded::IrpBuilder Builder = Request(First, IRP_MN_LOCK, 2, &Length);
-    Builder.TopLevelIrp = &Outer;
-    embedded::SentIrp Nested = embedded::SendIrp(Device(), Builder);
-    EXPECT_EQ(Nested.Returned(), STATUS_PENDING);
-    EXPECT_EQ(Nested.Wait().Status, STATUS_SUCCESS);
-    EXPECT_EQ(ServerLocks(), (Calls{"lock 2+4"}));
-}
-
-TEST_F(Locks, ANestedLockThatIsRefusedAtOnceIsCompletedOnce) {
-    LARGE_INTEGER Length = {.QuadPart = 100};
-    IRP Outer = {};
-    embedded::IrpBuilder Builder = Request(First, IRP_MN_LOCK, -10, &Length);
-    Builder.TopLevelIrp = &Outer;
-    EXPECT_EQ(Send(Builder), STATUS_INVALID_LOCK_RANGE);
-    EXPECT_EQ(ServerLocks(), Calls{});
-}
-
-TEST_F(Locks, ANestedUnlockIsFinishedInItsThread) {
-    EXPECT_EQ(Lock(First, 2, 4), STATUS_SUCCESS);
-    LARGE_INTEGER Length = {.QuadPart = 4};
-    IRP Outer = {};
-    embedded::IrpBuilder Builder = Request(First, IRP_MN_UNLOCK_SINGLE, 2, &Length);
-    Builder.TopLevelIrp = &Outer;
-    EXPECT_EQ(embedded::SendIrp(Device(), Builder).Returned(), STATUS_SUCCESS);
-    EXPECT_FALSE(ExIsResourceAcquiredSharedLite(&Fcb(First)->Resource));
-    EXPECT_EQ(ServerLocks(), (Calls{"lock 2+4", "unlock 2+4"}));
+// A request inside another one of its thread: what may wait is posted and told to the server once, the rest finished in
+// its thread.
+TEST_F(Locks, NestedOnesAreCompletedOnce) {
+    struct {
+        UCHAR Minor;
+        LONGLONG Offset, Length;
+        NTSTATUS Returned, Status;
+        Calls Told;
+    } const Cases[] = {
+        {IRP_MN_LOCK, 2, 4, STATUS_PENDING, STATUS_SUCCESS, {"lock 2+4"}},
+        {IRP_MN_UNLOCK_SINGLE, 2, 4, STATUS_SUCCESS, STATUS_SUCCESS, {"unlock 2+4"}},
+        {IRP_MN_LOCK, -10, 100, STATUS_PENDING, STATUS_INVALID_LOCK_RANGE, {}},
+    };
+    for (const auto &Each : Cases) {
+        Provider.ClearCalls();
+        LARGE_INTEGER Length = {.QuadPart = Each.Length};
+        IRP Outer = {};
+        embedded::IrpBuilder Builder = Request(First, Each.Minor, Each.Offset, &Length);
+        Builder.TopLevelIrp = &Outer;
+        embedded::SentIrp Nested = embedded::SendIrp(Device(), Builder);
+        EXPECT_EQ(Nested.Returned(), Each.Returned);
+        EXPECT_EQ(Nested.Wait().Status, Each.Status);
+        EXPECT_FALSE(ExIsResourceAcquiredSharedLite(&Fcb(First)->Resource));
+        EXPECT_EQ(ServerLocks(), Each.Told);
+    }
 }
 
 TEST_F(Locks, AnUnlockAfterItsLockWasTakenBySharedReadersGrantsBothWaiters) {

@@ -32,68 +32,57 @@ protected:
     }
 };
 
-TEST_F(Paths, TheVolumeOfAPathIsAnOwnedStringWithRoomForTheLargestAnswer) {
-    OwnedString Volume;
-    EXPECT_EQ(VolumeOf(u"\\srv\\vol\\docs\\f.txt", Volume), RVSTATUS::Success);
-    EXPECT_EQ(View(*Volume.Get()), u"\\srv\\vol");
-    EXPECT_EQ(Volume->MaximumLength, 8192);
-}
-
-TEST_F(Paths, AWarningStillBringsThePath) {
-    Provider.OnCall(Slot::QueryPathForVolume).ReturnAfter(Warning);
-    OwnedString Volume;
-    EXPECT_EQ(VolumeOf(u"\\srv\\vol\\a", Volume), Warning);
-    EXPECT_EQ(View(*Volume.Get()), u"\\srv\\vol");
-    Provider.OnCall(Slot::GetDFSPhysicalPath).AnswerPath(u"\\phys\\share").ReturnAfter(Warning);
-    Provider.Edit([](providers::Tree &Tree) { Tree.AddDistributedLink(u"\\srv\\vol", u"\\phys\\share"); });
-    OwnedString Physical;
-    EXPECT_EQ(PhysicalOf(u"\\srv\\vol\\a", Physical), Warning);
-    EXPECT_EQ(View(*Physical.Get()), u"\\phys\\share");
-}
-
-TEST_F(Paths, AnErrorLeavesNothing) {
-    Provider.OnCall(Slot::QueryPathForVolume).Return(ProviderError(RVFS_UNKNOWN_SERVER));
-    OwnedString Volume;
-    EXPECT_EQ(VolumeOf(u"\\srv\\vol\\a", Volume), ProviderError(RVFS_UNKNOWN_SERVER));
-    ExpectEmpty(Volume);
+TEST_F(Paths, AnAnswerIsTakenUnlessItIsAnError) {
+    const std::u16string Longest = u"\\" + std::u16string(4094, u'v');
+    struct {
+        std::u16string_view Answer; // empty: what the tree says; "x": without an end
+        ULONG Raw;
+        std::u16string_view Volume; // empty: an error
+        ULONG Error = 0;
+    } const Cases[] = {
+        {u"", 0, u"\\srv\\vol"},    {u"", 0x80000007, u"\\srv\\vol"},    {Longest, 0, Longest},
+        {u"x", 0, u"", 0xC7E70001}, {u"-", 0xC7E70517, u"", 0xC7E70517}, // without a path: an error with its code
+        {u"-", 0, u"", 0xC7E70001}, {u"-", 0x80000007, u"", 0xC7E70007},
+    };
+    for (const auto &Each : Cases) {
+        SCOPED_TRACE(Each.Raw);
+        providers::Rule &Rule = Provider.OnCall(Slot::QueryPathForVolume);
+        if (Each.Answer == u"x") {
+            Rule.AnswerUnterminatedPath();
+        } else if (Each.Answer == u"-") {
+            Rule.Return(static_cast<RVSTATUS>(Each.Raw));
+        } else {
+            Rule.ReturnAfter(static_cast<RVSTATUS>(Each.Raw));
+            if (!Each.Answer.empty()) {
+                Rule.AnswerPath(std::u16string(Each.Answer));
+            }
+        }
+        OwnedString Volume;
+        const RVSTATUS Status = VolumeOf(u"\\srv\\vol\\docs\\f.txt", Volume);
+        if (Each.Volume.empty()) {
+            EXPECT_EQ(Status, static_cast<RVSTATUS>(Each.Error));
+            ExpectEmpty(Volume);
+        } else {
+            EXPECT_EQ(Status, static_cast<RVSTATUS>(Each.Raw));
+            EXPECT_EQ(View(*Volume.Get()), Each.Volume);
+            EXPECT_EQ(Volume->MaximumLength, 8192) << "room for the largest answer";
+        }
+        Provider.ClearScript();
+    }
     OwnedString Physical;
     EXPECT_EQ(PhysicalOf(u"\\srv\\vol\\a", Physical), RVSTATUS::NotDistributedPath);
     ExpectEmpty(Physical);
-}
-
-TEST_F(Paths, AnAnswerThatDoesNotEndInItsBufferIsAnError) {
-    Provider.OnCall(Slot::QueryPathForVolume).AnswerUnterminatedPath();
     Provider.Edit([](providers::Tree &Tree) { Tree.AddDistributedLink(u"\\srv\\vol", u"\\phys\\share"); });
+    Provider.OnCall(Slot::GetDFSPhysicalPath).AnswerPath(u"\\phys\\share").ReturnAfter(Warning);
+    EXPECT_EQ(PhysicalOf(u"\\srv\\vol\\a", Physical), Warning);
+    EXPECT_EQ(View(*Physical.Get()), u"\\phys\\share");
+    Provider.ClearScript();
     Provider.OnCall(Slot::GetDFSPhysicalPath).Answer([](providers::Outputs &Out) {
         std::fill_n(Out.CountedPath->Buffer, RV_PATH_BUFFER_BYTES / sizeof(WCHAR), u'x');
     });
-    OwnedString Volume;
-    EXPECT_TRUE(RvIsError(VolumeOf(u"\\srv\\vol\\a", Volume)));
-    ExpectEmpty(Volume);
-    OwnedString Physical;
-    EXPECT_TRUE(RvIsError(PhysicalOf(u"\\srv\\vol\\a", Physical)));
-    ExpectEmpty(Physical);
-}
-
-TEST_F(Paths, ASuccessWithoutAPathIsAnErrorWithItsCode) {
-    struct Case {
-        ULONG Raw, Error;
-    };
-    for (const Case &Each : {Case{0, 0xC7E70001}, Case{0x80000007, 0xC7E70007}, Case{0xC7E70517, 0xC7E70517}}) {
-        Provider.OnCall(Slot::QueryPathForVolume).Return(static_cast<RVSTATUS>(Each.Raw));
-        OwnedString Volume;
-        EXPECT_EQ(VolumeOf(u"\\srv\\vol\\a", Volume), static_cast<RVSTATUS>(Each.Error));
-        ExpectEmpty(Volume);
-        Provider.ClearScript();
-    }
-}
-
-TEST_F(Paths, TheLongestAnswerIsTakenWhole) {
-    const std::u16string Longest = u"\\" + std::u16string(4094, u'v');
-    Provider.OnCall(Slot::QueryPathForVolume).AnswerPath(Longest);
-    OwnedString Volume;
-    EXPECT_EQ(VolumeOf(u"\\srv\\vol\\a", Volume), RVSTATUS::Success);
-    EXPECT_EQ(View(*Volume.Get()), Longest);
+    OwnedString Endless;
+    EXPECT_TRUE(RvIsError(PhysicalOf(u"\\srv\\vol\\a", Endless)));
+    ExpectEmpty(Endless);
 }
 
 TEST_F(Paths, ACountedAnswerKeepsTheDriversBufferWhateverTheProviderDoesToTheString) {
@@ -122,15 +111,7 @@ TEST_F(Paths, WithoutABufferTheProviderIsNotAsked) {
 
 // ---- The existence probe
 
-struct ProbeCase {
-    const char *Name;
-    std::u16string_view Path;
-    NTSTATUS Status;
-    NTSTATUS FileStatus;
-    std::vector<std::string> Calls;
-};
-
-class Probe : public Paths, public testing::WithParamInterface<ProbeCase> {
+class Probe : public Paths {
 protected:
     NTSTATUS Verify(std::u16string_view Path, NTSTATUS *FileStatus) {
         IRP_CONTEXT Request = Context();
@@ -138,45 +119,40 @@ protected:
     }
 };
 
-TEST_P(Probe, TellsWhatIsThere) {
+TEST_F(Probe, TellsWhatIsThere) {
+    const Calls File = {"CreateFile", "CloseFile"}, Asked = {"CreateFile"};
+    const Calls Root = {"QueryPathForVolume", "OpenVolume", "CloseVolume"};
+    constexpr NTSTATUS Good = STATUS_SUCCESS, Bad = STATUS_BAD_NETWORK_PATH;
+    struct {
+        std::u16string_view Path;
+        NTSTATUS Status, FileStatus;
+        Calls Made;
+    } const Cases[] = {
+        {u"\\srv\\vol\\a.txt", Good, Good, File},
+        {u"\\srv\\vol\\docs", Good, STATUS_FILE_IS_A_DIRECTORY, Asked},
+        {u"\\srv\\vol\\docs\\no", Good, STATUS_NO_SUCH_FILE, Asked},
+        {u"\\srv\\vol\\no\\no", STATUS_OBJECT_PATH_NOT_FOUND, Good, Asked},
+        {u"\\srv\\vol\\secret", Good, STATUS_ACCESS_DENIED, Asked},
+        {u"\\srv\\vol", Good, STATUS_FILE_IS_A_DIRECTORY, Root},
+        {u"\\\\srv\\vol\\", Good, STATUS_FILE_IS_A_DIRECTORY, Root},
+        {u"\\srv\\none", Bad, Bad, {"QueryPathForVolume"}},
+        {u"\\srv", Bad, Bad, {}},
+        {u"\\", Bad, Bad, {}},
+        {u"", Bad, Bad, {}},
+    };
     Provider.Edit([](providers::Tree &Tree) { Tree.AddFile(u"\\srv\\vol\\secret").Denied = true; });
-    NTSTATUS FileStatus = STATUS_INTERNAL_ERROR;
-    EXPECT_EQ(Verify(GetParam().Path, &FileStatus), GetParam().Status);
-    EXPECT_EQ(FileStatus, GetParam().FileStatus);
-    EXPECT_EQ(Provider.CompareCalls(GetParam().Calls), "");
-    // Who does not want to know what is there may still ask.
-    EXPECT_EQ(Verify(GetParam().Path, nullptr), GetParam().Status);
-    ExpectNothingOpen("the probe");
+    for (const auto &Each : Cases) {
+        SCOPED_TRACE(providers::ToUtf8(Each.Path));
+        Provider.ClearCalls();
+        NTSTATUS FileStatus = STATUS_INTERNAL_ERROR;
+        EXPECT_EQ(Verify(Each.Path, &FileStatus), Each.Status);
+        EXPECT_EQ(FileStatus, Each.FileStatus);
+        EXPECT_EQ(Provider.CompareCalls(Each.Made), "");
+        // Who does not want to know what is there may still ask.
+        EXPECT_EQ(Verify(Each.Path, nullptr), Each.Status);
+        ExpectNothingOpen("the probe");
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Paths, Probe,
-    testing::Values(
-        ProbeCase{"AFile", u"\\srv\\vol\\a.txt", STATUS_SUCCESS, STATUS_SUCCESS, {"CreateFile", "CloseFile"}},
-        ProbeCase{"ADirectory", u"\\srv\\vol\\docs", STATUS_SUCCESS, STATUS_FILE_IS_A_DIRECTORY, {"CreateFile"}},
-        ProbeCase{"AMissingName", u"\\srv\\vol\\docs\\no", STATUS_SUCCESS, STATUS_NO_SUCH_FILE, {"CreateFile"}},
-        ProbeCase{
-            "AMissingParent", u"\\srv\\vol\\no\\no", STATUS_OBJECT_PATH_NOT_FOUND, STATUS_SUCCESS, {"CreateFile"}},
-        ProbeCase{"ADeniedFile", u"\\srv\\vol\\secret", STATUS_SUCCESS, STATUS_ACCESS_DENIED, {"CreateFile"}},
-        ProbeCase{"AVolumeRoot",
-                  u"\\srv\\vol",
-                  STATUS_SUCCESS,
-                  STATUS_FILE_IS_A_DIRECTORY,
-                  {"QueryPathForVolume", "OpenVolume", "CloseVolume"}},
-        ProbeCase{"DoubledLeadingAndTrailingBackslashes",
-                  u"\\\\srv\\vol\\",
-                  STATUS_SUCCESS,
-                  STATUS_FILE_IS_A_DIRECTORY,
-                  {"QueryPathForVolume", "OpenVolume", "CloseVolume"}},
-        ProbeCase{"AnUnknownVolume",
-                  u"\\srv\\none",
-                  STATUS_BAD_NETWORK_PATH,
-                  STATUS_BAD_NETWORK_PATH,
-                  {"QueryPathForVolume"}},
-        ProbeCase{"AServer", u"\\srv", STATUS_BAD_NETWORK_PATH, STATUS_BAD_NETWORK_PATH, {}},
-        ProbeCase{"ABackslash", u"\\", STATUS_BAD_NETWORK_PATH, STATUS_BAD_NETWORK_PATH, {}},
-        ProbeCase{"Nothing", u"", STATUS_BAD_NETWORK_PATH, STATUS_BAD_NETWORK_PATH, {}}),
-    [](const auto &Info) { return Info.param.Name; });
 
 TEST_F(Probe, AsksAsWhoeverQueriesAttributes) {
     NTSTATUS FileStatus;

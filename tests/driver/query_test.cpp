@@ -330,12 +330,6 @@ TEST_F(Asking, VolumeClassesAnswerEveryLengthAndNeverWriteBeyondIt) {
 
 TEST_F(Asking, LabelsSerialNumbersAndSizes) {
     const HANDLE Handle = OpenEmptyFile();
-    Provider.OnCall(providers::Slot::GetVolumeSize).Answer([](providers::Outputs &Out) {
-        *Out.VolumeLength = 100 * 4096 + 5;
-        *Out.Free = 50 * 4096;
-        *Out.QuotaAllowed = 20 * 4096;
-        *Out.FreeAfterQuota = 10 * 4096 + 4095;
-    });
     const struct {
         ULONG Flags, FirstWord, Serial, Attributes;
         LONG64 Total, Available;
@@ -347,6 +341,12 @@ TEST_F(Asking, LabelsSerialNumbersAndSizes) {
     };
     for (const auto &Case : Cases) {
         SetVolume(Case.Flags, Case.FirstWord);
+        Provider.OnCall(providers::Slot::GetVolumeSize).Answer([](providers::Outputs &Out) {
+            *Out.VolumeLength = 100 * 4096 + 5;
+            *Out.Free = 50 * 4096;
+            *Out.QuotaAllowed = 20 * 4096;
+            *Out.FreeAfterQuota = 10 * 4096 + 4095;
+        });
         const Answer OfVolume = Volume(Handle, FileFsVolumeInformation);
         EXPECT_EQ(OfVolume.At<ULONG>(8), Case.Serial);
         EXPECT_EQ(OfVolume.Text(18, OfVolume.At<ULONG>(12)), u"VOL");
@@ -358,12 +358,6 @@ TEST_F(Asking, LabelsSerialNumbersAndSizes) {
         EXPECT_EQ(Full.At<LONG64>(8), Case.Available);
         EXPECT_EQ(Full.At<LONG64>(16), Case.Available);
         Provider.ClearScript();
-        Provider.OnCall(providers::Slot::GetVolumeSize).Answer([](providers::Outputs &Out) {
-            *Out.VolumeLength = 100 * 4096 + 5;
-            *Out.Free = 50 * 4096;
-            *Out.QuotaAllowed = 20 * 4096;
-            *Out.FreeAfterQuota = 10 * 4096 + 4095;
-        });
     }
 }
 

@@ -7,7 +7,6 @@ namespace {
 using providers::Slot;
 
 class CaseOnly : public test::RenameFixture, public testing::WithParamInterface<bool> {}; // replace
-
 INSTANTIATE_TEST_SUITE_P(Replace, CaseOnly, testing::Bool());
 
 // The object itself is no obstacle, and is never deleted to make room for itself.
@@ -69,60 +68,51 @@ TEST_F(IntoItself, ADirectoryIsRefusedByTheServerAndIsNoCaseOnlyRename) {
         << Printed;
 }
 
-struct NotCaseOnlyCase {
-    std::u16string_view Source;
-    std::u16string_view Target;
-    const char *Printed;
-};
-
-class NotCaseOnly : public test::RenameFixture, public testing::WithParamInterface<NotCaseOnlyCase> {};
-
 // The target exists and is another file: it stays, or is deleted where that was asked for.
-TEST_P(NotCaseOnly, IsARenameLikeAnyOther) {
-    StartPrinting();
-    Provider.AddFile(GetParam().Source, "mine");
-    Provider.AddFile(GetParam().Target, "theirs");
-    const HANDLE Handle = OpenFile(GetParam().Source);
-    EXPECT_EQ(RenameTo(Handle, GetParam().Target), STATUS_OBJECT_NAME_COLLISION);
-    EXPECT_TRUE(HasPrinted(GetParam().Printed)) << Printed;
-    EXPECT_FALSE(HasPrinted("represent a case-only rename"));
-    EXPECT_EQ(Provider.Content(GetParam().Target), "theirs");
-    EXPECT_EQ(RenameTo(Handle, GetParam().Target, true), STATUS_SUCCESS);
-    EXPECT_EQ(Provider.Content(GetParam().Target), "mine");
-    EXPECT_FALSE(Provider.Exists(GetParam().Source));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Reasons, NotCaseOnly,
-    testing::Values(
-        NotCaseOnlyCase{u"\\srv\\vol\\f.txt", u"\\srv\\vol\\directory\\F.TXT",
-                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on length:\n        "
-                        "source: \"\\srv\\vol\\f.txt\" (28)\n        target: \"\\srv\\vol\\directory\" (36)\n"},
-        NotCaseOnlyCase{u"\\srv\\vol\\docs2\\f.txt", u"\\srv\\vol\\docs\\F.TXT",
-                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on parent directory "
-                        "backslash:\n        source: \"\\srv\\vol\\docs2\\f.txt\"\n        target: "
-                        "\"\\srv\\vol\\docs\"\n"},
-        NotCaseOnlyCase{u"\\srv\\vol\\abcd\\f.txt", u"\\srv\\vol\\docs\\F.TXT",
-                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on parent directory "
-                        "compare:\n        source: \"\\srv\\vol\\abcd\\f.txt\"\n        target: "
-                        "\"\\srv\\vol\\docs\"\n"},
+TEST_F(IntoItself, OrAnotherNameThatLooksAlikeIsARenameLikeAnyOther) {
+    const std::string Cannot = "NtFsdFileSetRenameInfo determined cannot be case-only rename based on ";
+    struct {
+        std::u16string_view Source, Target;
+        std::string Printed;
+    } const Cases[] = {
+        {u"\\srv\\vol\\f.txt", u"\\srv\\vol\\directory\\F.TXT",
+         Cannot +
+             "length:\n        source: \"\\srv\\vol\\f.txt\" (28)\n        target: \"\\srv\\vol\\directory\" (36)\n"},
+        {u"\\srv\\vol\\docs2\\f.txt", u"\\srv\\vol\\docs\\F.TXT",
+         Cannot + "parent directory backslash:\n        source: \"\\srv\\vol\\docs2\\f.txt\"\n        target: "
+                  "\"\\srv\\vol\\docs\"\n"},
+        {u"\\srv\\vol\\abcd\\f.txt", u"\\srv\\vol\\docs\\F.TXT",
+         Cannot + "parent directory compare:\n        source: \"\\srv\\vol\\abcd\\f.txt\"\n        target: "
+                  "\"\\srv\\vol\\docs\"\n"},
         // Of one name, but not directly in the target directory.
-        NotCaseOnlyCase{u"\\srv\\vol\\sub\\f.txt", u"\\srv\\vol\\F.TXT",
-                        "NtFsdFileSetRenameInfo determined \"f.txt\" and \"F.TXT\" are not a case-only rename.\n"},
-        NotCaseOnlyCase{u"\\srv\\vol\\sub\\f.txt", u"\\srv\\vol\\f.txt",
-                        "NtFsdFileSetRenameInfo determined \"f.txt\" and \"f.txt\" are not a case-only rename.\n"},
+        {u"\\srv\\vol\\sub\\f.txt", u"\\srv\\vol\\F.TXT", "\"f.txt\" and \"F.TXT\" are not a case-only rename.\n"},
+        {u"\\srv\\vol\\sub\\f.txt", u"\\srv\\vol\\f.txt", "\"f.txt\" and \"f.txt\" are not a case-only rename.\n"},
         // Of one length, and none in the other.
-        NotCaseOnlyCase{u"\\srv\\vol\\ab.txt", u"\\srv\\vol\\abcdef\\G",
-                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on parent directory "
-                        "compare:\n        source: \"\\srv\\vol\\ab.txt\"\n        target: "
-                        "\"\\srv\\vol\\abcdef\"\n"},
+        {u"\\srv\\vol\\ab.txt", u"\\srv\\vol\\abcdef\\G",
+         Cannot + "parent directory compare:\n        source: \"\\srv\\vol\\ab.txt\"\n        target: "
+                  "\"\\srv\\vol\\abcdef\"\n"},
         // Only the end of the longer name is compared.
-        NotCaseOnlyCase{u"\\srv\\vol\\ff.txt", u"\\srv\\vol\\F.TXT",
-                        "NtFsdFileSetRenameInfo determined cannot be case-only rename based on final component "
-                        "backslash:\n        source: \"\\srv\\vol\\ff.txt\"\n        target: \"\\srv\\vol\"\n"},
-        NotCaseOnlyCase{u"\\srv\\vol\\f.txt", u"\\srv\\vol\\G.TXT",
-                        "NtFsdFileSetRenameInfo determined \"f.txt\" and \"G.TXT\" are not a case-only rename.\n"},
-        NotCaseOnlyCase{u"\\srv\\vol\\f.txt", u"\\srv\\vol\\F.TXT2",
-                        "NtFsdFileSetRenameInfo determined \"f.txt\" and \"F.TXT2\" are not a case-only rename.\n"}));
+        {u"\\srv\\vol\\ff.txt", u"\\srv\\vol\\F.TXT",
+         Cannot +
+             "final component backslash:\n        source: \"\\srv\\vol\\ff.txt\"\n        target: \"\\srv\\vol\"\n"},
+        {u"\\srv\\vol\\f.txt", u"\\srv\\vol\\G.TXT", "\"f.txt\" and \"G.TXT\" are not a case-only rename.\n"},
+        {u"\\srv\\vol\\f.txt", u"\\srv\\vol\\F.TXT2", "\"f.txt\" and \"F.TXT2\" are not a case-only rename.\n"},
+    };
+    StartPrinting();
+    for (const auto &Each : Cases) {
+        Printed.clear();
+        Provider.AddFile(Each.Source, "mine");
+        Provider.AddFile(Each.Target, "theirs");
+        const HANDLE Handle = OpenFile(Each.Source);
+        EXPECT_EQ(RenameTo(Handle, Each.Target), STATUS_OBJECT_NAME_COLLISION);
+        EXPECT_TRUE(HasPrinted(Each.Printed)) << Printed;
+        EXPECT_FALSE(HasPrinted("represent a case-only rename"));
+        EXPECT_EQ(Provider.Content(Each.Target), "theirs");
+        EXPECT_EQ(RenameTo(Handle, Each.Target, true), STATUS_SUCCESS);
+        EXPECT_EQ(Provider.Content(Each.Target), "mine");
+        EXPECT_FALSE(Provider.Exists(Each.Source));
+        Close(Handle);
+    }
+}
 
 } // namespace

@@ -183,6 +183,7 @@ TEST_F(Shutdown, OpensThatOutliveItHaveNoProviderHandlesAndCloseHarmlessly) {
     Provider.ClearCalls();
     char Byte;
     EXPECT_EQ(Read(Handles[0], &Byte, 1, 0).Status, STATUS_UNSUCCESSFUL);
+    EXPECT_EQ(Instance(Handles[0])->BaseHandle, 0u);
     for (const HANDLE Each : Handles) {
         EXPECT_EQ(Close(Each), STATUS_SUCCESS);
     }

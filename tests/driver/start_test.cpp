@@ -122,16 +122,13 @@ TEST_F(DriverStart, TheDeviceIsAnUnnamedNetworkFileSystem) {
     Start();
     const PDEVICE_OBJECT Device = DriverStart::Device();
     ASSERT_EQ(Device, g_pDeviceObject);
-    EXPECT_EQ(Device->NextDevice, nullptr);
     EXPECT_EQ(Device->DeviceType, static_cast<ULONG>(FILE_DEVICE_NETWORK_FILE_SYSTEM));
     EXPECT_EQ(Device->Characteristics, static_cast<ULONG>(FILE_REMOTE_DEVICE));
     EXPECT_EQ(Device->StackSize, 2);
     EXPECT_EQ(Device->Flags & (DO_EXCLUSIVE | DO_DEVICE_INITIALIZING), 0u);
     const auto Extension = static_cast<DEVICE_EXTENSION *>(Device->DeviceExtension);
     EXPECT_EQ(embedded::View(&Extension->DeviceName), u"\\Device\\RvFsd");
-    EXPECT_EQ(Extension->DeviceName.MaximumLength, 60);
     EXPECT_EQ(embedded::View(&Extension->VersionName), u"v5.00.001 (07292006)");
-    EXPECT_EQ(Extension->VersionName.MaximumLength, 50);
     EXPECT_EQ(Kernel().Driver()->DriverUnload, nullptr);
     EXPECT_EQ(g_uInitStage, 8u);
     EXPECT_EQ(g_bDriverEntryDone, 1);
@@ -298,18 +295,17 @@ TEST_F(FailedStart, TakesItsLogWriterAlong) {
 }
 
 TEST_F(FailedStart, SaysWhatFailed) {
-    struct Told {
+    struct {
         FaultKind Kind;
         ULONG64 Nth;
         const char *Text;
-    };
-    constexpr Told Cases[] = {
+    } constexpr Cases[] = {
         {FaultKind::Resource, 1, "[RVFSD] Failed to initialize our device support, 0xc000009a\n"},
         {FaultKind::Resource, 1, "[RVFSD] DriverEntry NtFsdInitOurDevice returned 0xC000009A.\n"},
         {FaultKind::Resource, 4, "[RVFSD] NtFsdInitOurDevice ExInitializeResourceLite returned 0xC000009A.\n"},
         {FaultKind::Resource, 5, "[RVFSD] NtFsdInitOurDevice NtFsdAllocFcb returned NULL.\n"},
     };
-    for (const Told &Each : Cases) {
+    for (const auto &Each : Cases) {
         Printed.clear();
         Start({.Switches = {{u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 0x10000}},
                .StartsTheDriver = false});

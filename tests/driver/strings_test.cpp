@@ -117,11 +117,10 @@ TEST_F(Strings, AFreedStringIsEmptyAndMayBeFreedAgain) {
 }
 
 TEST(Components, AreCountedBetweenBackslashes) {
-    struct Case {
+    struct {
         std::u16string_view Path;
         ULONG Count;
-    };
-    constexpr Case Cases[] = {
+    } constexpr Cases[] = {
         {u"", 0},
         {u"\\", 0},
         {u"\\\\\\", 0},
@@ -138,7 +137,7 @@ TEST(Components, AreCountedBetweenBackslashes) {
         {std::u16string_view(u"\\\0a", 3), 0},
         {std::u16string_view(u"\\a\\\0b", 5), 1},
     };
-    for (const Case &Each : Cases) {
+    for (const auto &Each : Cases) {
         const UNICODE_STRING Path = Counted(Each.Path);
         EXPECT_EQ(NtFsdCountPathComponents(&Path), Each.Count) << providers::ToUtf8(Each.Path);
     }
@@ -150,12 +149,11 @@ TEST(Components, OfAPathThatEndsInHalfACharacterAreTheWholeOnes) {
 }
 
 TEST_F(Strings, AComposedPathHasOneSeparator) {
-    struct Case {
+    struct {
         const char16_t *Base; // nullptr: none
         std::u16string_view Name;
         std::u16string_view Path;
-    };
-    constexpr Case Cases[] = {
+    } constexpr Cases[] = {
         {nullptr, u"\\srv\\vol", u"\\srv\\vol"},
         {nullptr, u"", u""},
         {u"\\srv\\vol", u"a", u"\\srv\\vol\\a"},
@@ -165,7 +163,7 @@ TEST_F(Strings, AComposedPathHasOneSeparator) {
         {u"", u"a", u"\\a"},
         {u"\\srv", u"\\a", u"\\srv\\\\a"},
     };
-    for (const Case &Each : Cases) {
+    for (const auto &Each : Cases) {
         const UNICODE_STRING Base = Counted(Each.Base != nullptr ? Each.Base : u"");
         const UNICODE_STRING Name = Counted(Each.Name);
         OwnedString Path;

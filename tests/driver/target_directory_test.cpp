@@ -211,11 +211,10 @@ TEST_F(TargetOpens, OfAParentThatCannotBeOpenedTellThatTheTargetIsNotThere) {
 }
 
 TEST_F(TargetOpens, OfNamesThatCannotBeAreRefused) {
-    struct Case {
+    struct {
         std::u16string_view Path;
         NTSTATUS Status;
-    };
-    constexpr Case Cases[] = {
+    } constexpr Cases[] = {
         {u"\\srv\\vol", STATUS_BAD_NETWORK_PATH}, // its parent is a server
         {u"\\srv", STATUS_OBJECT_NAME_INVALID},
         {u"\\", STATUS_OBJECT_NAME_INVALID},
@@ -225,7 +224,7 @@ TEST_F(TargetOpens, OfNamesThatCannotBeAreRefused) {
         {std::u16string_view(u"\\srv\\vol\\a\0b", 12), STATUS_OBJECT_NAME_INVALID},
     };
     Provider.OnPath(Slot::CreateFile, u"\\srv\\vol\\d*\\new").Return(ProviderError(0x0506));
-    for (const Case &Each : Cases) {
+    for (const auto &Each : Cases) {
         ExpectRefused(Each.Path, AsTarget, Each.Status);
     }
     ExpectNothingOpen("refusals");

@@ -86,30 +86,6 @@ protected:
     std::list<Name> Names_;
 };
 
-TEST_F(PrefixTable, FindsTheLongestNameThatEndsAtAComponent) {
-    ASSERT_TRUE(Insert(u"\\srv\\vol"));
-    ASSERT_TRUE(Insert(u"\\srv\\vol\\a\\b"));
-    const struct {
-        std::u16string FullName;
-        std::u16string Found;
-    } Cases[] = {
-        {u"\\srv\\vol\\a\\b", u"\\srv\\vol\\a\\b"},
-        {u"\\srv\\vol\\a\\b\\c", u"\\srv\\vol\\a\\b"},
-        {u"\\srv\\vol\\a\\bc", u"\\srv\\vol"},
-        {u"\\srv\\vol\\a", u"\\srv\\vol"},
-        {u"\\srv\\vol\\", u"\\srv\\vol"},
-        {u"\\srv\\volume", u"(none)"},
-        {u"\\srv", u"(none)"},
-        {u"srv\\vol", u"(none)"},
-        {u"\\", u"(none)"},
-        {u"", u"(none)"},
-        {u"\\SRV\\Vol\\A\\B\\x", u"\\srv\\vol\\a\\b"},
-    };
-    for (const auto &Case : Cases) {
-        EXPECT_EQ(Find(Case.FullName), Case.Found);
-    }
-}
-
 TEST_F(PrefixTable, AnEmptyTableOwnsNothing) {
     EXPECT_EQ(PrefixTablesInUse(), 0u);
     EXPECT_EQ(Find(u"\\a"), u"(none)");

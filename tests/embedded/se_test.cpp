@@ -169,30 +169,6 @@ TEST_F(SeTest, WhatALinkAndADirectoryDoNotGiveIsDenied) {
     }
 }
 
-TEST_F(SeTest, Concurrent_OneNameIsMadeAndGoneWithManyThreads) {
-    const TokenRef User = LogOn(500);
-    std::atomic<int> Made{0};
-    std::vector<std::jthread> Threads;
-    for (int Index = 0; Index < 4; ++Index) {
-        Threads.emplace_back([&] {
-            const Impersonate Client(User);
-            for (int Round = 0; Round < 300; ++Round) {
-                HANDLE Link = nullptr, Other = nullptr;
-                if (NT_SUCCESS(Make(u"\\??\\G:", 0, &Link))) {
-                    ++Made;
-                    NtClose(Link);
-                } else if (NT_SUCCESS(Open(u"\\??\\G:", GENERIC_READ, &Other))) {
-                    NtClose(Other);
-                }
-            }
-        });
-    }
-    Threads.clear(); // joins them
-    const Impersonate Client(User);
-    EXPECT_GT(Made, 0);
-    EXPECT_FALSE(Exists(u"\\??\\G:"));
-}
-
 using SeDeathTest = SeTest;
 
 TEST_F(SeDeathTest, LinksAndTokensThatADriverLeavesStop) {
