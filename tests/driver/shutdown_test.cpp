@@ -295,15 +295,16 @@ TEST_F(Shutdown, GivesUpAfterAMinuteAndUndoesNothing) {
         EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
         GaveUp = true;
     });
+    while (!NtFsdIsStopped()) {
+        std::this_thread::yield();
+    }
     LONGLONG Seconds = 0;
-    while (!GaveUp) {
+    for (; !GaveUp; ++Seconds) {
         embedded::Clock::Advance(embedded::Clock::Second);
-        ++Seconds;
         EXPECT_EQ(Create(u"\\srv\\vol\\a.txt").Status, STATUS_UNSUCCESSFUL) << "which wakes it";
     }
     Down.join();
     EXPECT_GE(Seconds, 60);
-    EXPECT_LT(Seconds, 1000);
     EXPECT_NE(Printed.find("Shutdown waits for 1 IRP_MJ_READ\n"), std::string::npos);
     EXPECT_NE(Printed.find("Shutdown waits for \"\\srv\\vol\\a.txt\"\n"), std::string::npos);
     EXPECT_EQ(Framework->Log(), Lines{});
