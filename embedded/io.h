@@ -52,6 +52,13 @@ void SetIoTap(IoTap *Tap) noexcept;
 // File objects that anybody still refers to.
 size_t LiveFileObjects() noexcept;
 
+// Handles of the driver's files, and how many file control blocks they share.
+struct OpenFiles {
+    size_t Handles = 0;
+    size_t ControlBlocks = 0;
+};
+OpenFiles CountOpenFiles();
+
 // "IRP_MJ_READ" and so on; "IRP_MJ_?" above the last function.
 const char *MajorFunctionName(UCHAR MajorFunction) noexcept;
 

@@ -183,6 +183,22 @@ void DereferenceFileObject(PFILE_OBJECT FileObject) noexcept {
     FileObject::Of(FileObject)->Dereference();
 }
 
+OpenFiles CountOpenFiles() {
+    std::set<const void *> Blocks;
+    OpenFiles Found;
+    ForEachOpenObject([&](const Object &Each) {
+        if (Each.Type() != ObjectType::File) {
+            return;
+        }
+        if (const void *Block = static_cast<const FileObject &>(Each).Nt.FsContext; Block != nullptr) {
+            ++Found.Handles;
+            Blocks.insert(Block);
+        }
+    });
+    Found.ControlBlocks = Blocks.size();
+    return Found;
+}
+
 PFILE_OBJECT FileObjectFromHandle(HANDLE Handle) noexcept {
     ObjectRef Target;
     if (!NT_SUCCESS(ReferenceHandle(Handle, ObjectType::File, 0, UserMode, &Target))) {

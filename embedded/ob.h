@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -160,6 +161,9 @@ NTSTATUS CloseHandle(HANDLE Handle, KPROCESSOR_MODE Mode) noexcept;
 
 // The number of handles that are open, all kinds together.
 size_t OpenHandleCount() noexcept;
+
+// Visits the object of every open handle; Visit opens and closes none.
+void ForEachOpenObject(const std::function<void(const Object &)> &Visit);
 
 // What is open, by type: "2 token handle(s)"; empty when nothing is.
 std::string DescribeOpenHandles();

@@ -265,6 +265,10 @@ size_t OpenHandleCount() noexcept {
     return Table().Open();
 }
 
+void ForEachOpenObject(const std::function<void(const Object &)> &Visit) {
+    Table().ForEach(Visit);
+}
+
 std::string DescribeOpenHandles() {
     static constexpr const char *Names[] = {
         "",       "directory",    "symbolic link", "device",        "file", "key",  "event",

@@ -89,7 +89,7 @@ int FileSystem::MakeDirectory(fuse_req_t Request, fuse_ino_t ParentInode, const 
     Remote Handle;
     Facts Found;
     const std::u16string Path = Nodes_.PathBelow(Parent, Name);
-    int Error = Path.empty() ? ENOENT : Handle.Open(Path, {.Disposition = FILE_CREATE, .Options = FILE_DIRECTORY_FILE});
+    int Error = Path.empty() ? ESTALE : Handle.Open(Path, {.Disposition = FILE_CREATE, .Options = FILE_DIRECTORY_FILE});
     if (Error == 0) {
         Error = Handle.Query(&Found);
     }
@@ -270,12 +270,19 @@ int FileSystem::Rename(fuse_req_t Request, fuse_ino_t ParentInode, const char *N
         return EINVAL;
     }
     ++Changes_;
-    {
-        const std::unique_lock Hold(From->In->Renaming);
-        if (const int Error = Move(From, Name, To, NewName, Flags); Error != 0) {
+    // What lies open below a directory may have been closed by its program: the kernel tells that a moment later.
+    const auto Until = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+    for (uint64_t Closes = Nodes_.Closes();; Closes = Nodes_.Closes()) {
+        std::unique_lock Hold(From->In->Renaming);
+        const int Error = Move(From, Name, To, NewName, Flags);
+        if (Error == 0) {
+            Nodes_.Rename(From, Name, To, NewName);
+            break;
+        }
+        Hold.unlock();
+        if (Error != EBUSY || !Nodes_.AwaitClose(Closes, Until)) {
             return Error;
         }
-        Nodes_.Rename(From, Name, To, NewName);
     }
     ++Changes_;
     Spellings_->Changed(ParentInode, Name);

@@ -147,13 +147,24 @@ struct stat FileSystem::Describe(const Node *Which, const Facts &Found) const {
 
 int FileSystem::AskPath(const std::u16string &Path, Facts *Found) {
     if (Path.empty()) {
-        return ENOENT;
+        return ESTALE; // the kernel looks the name up again, which may lead elsewhere now
     }
     Remote Handle;
     if (const int Error = Handle.Open(Path, {}); Error != 0) {
         return Error;
     }
     return Handle.Query(Found);
+}
+
+int FileSystem::OpenNode(Node *Which, const Remote::Asked &What, std::shared_ptr<Remote> *Opened) {
+    const std::shared_lock Hold(Which->In->Renaming);
+    Remote Handle;
+    const std::u16string Path = Nodes_.Path(Which);
+    if (const int Error = Path.empty() ? ESTALE : Handle.Open(Path, What); Error != 0) {
+        return Error;
+    }
+    *Opened = Nodes_.Keep(Which, std::move(Handle));
+    return 0;
 }
 
 int FileSystem::Ask(Node *Which, Facts *Found) {
@@ -267,43 +278,35 @@ int FileSystem::CheckOwnership(Node *Which, const struct stat *Wanted, int What,
 int FileSystem::SetSize(Node *Which, uint64_t Size) {
     // Through a handle of its own: after a size that did not fit, the driver refuses the writes of that handle for a
     // while.
-    Remote Own;
-    std::shared_ptr<Remote> Lent;
-    {
-        const std::shared_lock Hold(Which->In->Renaming);
-        const std::u16string Path = Nodes_.Path(Which);
-        const int Error = Path.empty() ? ENOENT
-                                       : Own.Open(Path, {.Access = FILE_READ_ATTRIBUTES | FILE_WRITE_DATA,
-                                                         .Options = FILE_NON_DIRECTORY_FILE});
-        if (Error != 0) {
-            Lent = Nodes_.OpenHandle(Which, FILE_WRITE_DATA);
-            if (!Lent) {
-                return Error;
-            }
+    constexpr Remote::Asked ToWrite = {.Access = FILE_READ_ATTRIBUTES | FILE_WRITE_DATA,
+                                       .Options = FILE_NON_DIRECTORY_FILE};
+    std::shared_ptr<Remote> Handle;
+    int Error = OpenNode(Which, ToWrite, &Handle);
+    const bool IsOwn = Error == 0;
+    if (!IsOwn) {
+        Handle = Nodes_.OpenHandle(Which, FILE_WRITE_DATA);
+        if (!Handle) {
+            return Error;
         }
     }
-    Remote &Handle = Lent ? *Lent : Own;
     Facts Before;
-    int Error = Handle.Query(&Before);
+    Error = Handle->Query(&Before);
     if (Error != 0) {
         return Error;
     }
-    Error = Handle.SetSize(Size);
+    Error = Handle->SetSize(Size);
     if (Error != ENOSPC || Size <= static_cast<uint64_t>(Before.Size)) {
         return Error;
     }
     // The driver compares the whole new size with the free space. Whether the file can become so long, with nothing in
     // between, is for the server to say: it is asked for the last byte.
-    if (!Lent) {
-        Remote Again;
-        const std::shared_lock Hold(Which->In->Renaming);
-        const char Zero = 0;
-        size_t Done = 0;
-        const int Refused = Again.Open(
-            Nodes_.Path(Which), {.Access = FILE_READ_ATTRIBUTES | FILE_WRITE_DATA, .Options = FILE_NON_DIRECTORY_FILE});
-        return Refused != 0 ? Error : Again.Write(Size - 1, &Zero, 1, false, &Done);
+    std::shared_ptr<Remote> Again;
+    if (!IsOwn || OpenNode(Which, ToWrite, &Again) != 0) {
+        return Error;
     }
-    return Error;
+    const char Zero = 0;
+    size_t Done = 0;
+    return Again->Write(Size - 1, &Zero, 1, false, &Done);
 }
 
 int FileSystem::SetAttributes(fuse_req_t Request, fuse_ino_t Inode, struct stat *Wanted, int What, fuse_file_info *) {
@@ -342,12 +345,8 @@ int FileSystem::SetAttributes(fuse_req_t Request, fuse_ino_t Inode, struct stat 
     const bool Bit = (What & FUSE_SET_ATTR_MODE) != 0 && !Now.IsDirectory() && ReadOnly != Now.IsReadOnly();
     if (Bit || Access != 0 || Modified != 0) {
         std::shared_ptr<Remote> Handle = Nodes_.OpenHandle(Which, FILE_WRITE_ATTRIBUTES);
-        const std::shared_lock Hold(Which->In->Renaming);
         if (!Handle) {
-            Handle = std::make_shared<Remote>();
-            const std::u16string Path = Nodes_.Path(Which);
-            const int Error =
-                Path.empty() ? ENOENT : Handle->Open(Path, {.Access = FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES});
+            const int Error = OpenNode(Which, {.Access = FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES}, &Handle);
             if (Error != 0) {
                 return Error;
             }

@@ -102,13 +102,16 @@ private:
     // What the server says of the node, by whatever is open or by its path.
     int Ask(Node *Which, Facts *Found);
     int AskPath(const std::u16string &Path, Facts *Found);
+    // Opens the node by its path and keeps it. ESTALE when it was deleted.
+    int OpenNode(Node *Which, const Remote::Asked &What, std::shared_ptr<Remote> *Opened);
     int ReplyAttributes(fuse_req_t Request, Node *Which);
     fuse_entry_param Entry(Node *Which, const Facts &Found) const;
     int LookupAbove(fuse_req_t Request, Node *Parent, const char *Name);
     int SetSize(Node *Which, uint64_t Size);
     int CheckOwnership(Node *Which, const struct stat *Wanted, int What, const Facts &Now) const;
 
-    int Opened(fuse_req_t Request, Node *Of, Remote Handle, fuse_file_info *File, const fuse_entry_param *NewEntry);
+    int Opened(fuse_req_t Request, Node *Of, std::shared_ptr<Remote> Handle, fuse_file_info *File,
+               const fuse_entry_param *NewEntry);
     NodeLocks::Opener LockOpener(Node *Which);
     void Wait(fuse_req_t Request, Node *Which, const LockRange &Wanted);
     static void Interrupted(fuse_req_t Request, void *Self);

@@ -95,15 +95,10 @@ int NodeLocks::TellServer(const Opener *Open) {
         return 0;
     }
     if (!Server_) {
-        auto Handle = std::make_shared<Remote>();
-        const int Error = Open != nullptr ? (*Open)(*Handle) : ENOENT;
-        if (Error == ENOENT) {
-            return 0;
-        }
+        const int Error = Open != nullptr ? (*Open)(&Server_) : ESTALE;
         if (Error != 0) {
-            return Error;
+            return Error == ESTALE || Error == ENOENT ? 0 : Error;
         }
-        Server_ = std::move(Handle);
     }
     std::vector<Segment> Old;
     for (const Segment &Each : AtServer_) {

@@ -30,9 +30,9 @@ struct LockRange {
 
 class NodeLocks {
 public:
-    // Opens the handle that the server's locks are held by. ENOENT: nobody else can reach the file, the server is not
+    // Opens the handle that the server's locks are held by. ESTALE: nobody else can reach the file, the server is not
     // told.
-    using Opener = std::function<int(Remote &)>;
+    using Opener = std::function<int(std::shared_ptr<Remote> *)>;
     // Called without a lock held, once: 0, or why there is no lock.
     using Granted = std::function<void(int)>;
 

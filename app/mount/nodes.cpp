@@ -127,7 +127,7 @@ uint64_t Nodes::NumberOf(Node *Parent, std::string_view Name) {
 }
 
 void Nodes::ReleaseLocked(Node *Which) {
-    while (Which != nullptr && Which != Root_ && Which->Lookups == 0 && Which->Children == 0 && !Which->Open) {
+    while (Which != nullptr && Which != Root_ && Which->Lookups == 0 && Which->Children == 0 && Which->Kept == 0) {
         Node *Parent = Which->Parent;
         if (Which->Deleted) {
             Taken_.erase(Which->Number);
@@ -240,6 +240,38 @@ void Nodes::Rename(Node *Parent, std::string_view Name, Node *NewParent, std::st
     ReleaseLocked(Parent);
 }
 
+std::shared_ptr<Remote> Nodes::Keep(Node *Which, Remote Handle) {
+    auto *Moved = new Remote(std::move(Handle));
+    {
+        const std::lock_guard Hold(Lock_);
+        ++Which->Kept;
+    }
+    return {Moved, [this, Which](Remote *Last) {
+                delete Last;
+                Closed(Which);
+            }};
+}
+
+void Nodes::Closed(Node *Which) {
+    {
+        const std::lock_guard Hold(Lock_);
+        ++Closes_;
+        --Which->Kept;
+        ReleaseLocked(Which);
+    }
+    Closing_.notify_all();
+}
+
+uint64_t Nodes::Closes() {
+    const std::lock_guard Hold(Lock_);
+    return Closes_;
+}
+
+bool Nodes::AwaitClose(uint64_t Before, std::chrono::steady_clock::time_point Until) {
+    std::unique_lock Hold(Lock_);
+    return Closing_.wait_until(Hold, Until, [this, Before] { return Closes_ != Before; });
+}
+
 void Nodes::AddOpen(Node *Which, std::shared_ptr<Remote> Handle) {
     const std::lock_guard Hold(Lock_);
     if (!Which->Open) {
@@ -254,7 +286,6 @@ void Nodes::DropOpen(Node *Which, const std::shared_ptr<Remote> &Handle) {
     std::erase(Which->Open->Handles, Handle);
     if (Which->Open->Handles.empty()) {
         Last = std::move(Which->Open);
-        ReleaseLocked(Which);
     }
 }
 
@@ -272,13 +303,13 @@ std::shared_ptr<Remote> Nodes::OpenHandle(Node *Which, ACCESS_MASK Access) {
 
 bool Nodes::IsOpen(Node *Which) {
     const std::lock_guard Hold(Lock_);
-    return Which->Open != nullptr;
+    return Which->Kept != 0;
 }
 
 bool Nodes::IsOpenBelow(Node *Directory) {
     const std::lock_guard Hold(Lock_);
     return std::any_of(Known_.begin(), Known_.end(), [Directory](const Node *Each) {
-        const Node *Up = Each->Open ? Each->Parent : nullptr;
+        const Node *Up = Each->Kept != 0 ? Each->Parent : nullptr;
         while (Up != nullptr && Up != Directory) {
             Up = Up->Parent;
         }
@@ -297,13 +328,12 @@ std::shared_ptr<NodeLocks> Nodes::LocksOf(Node *Which, bool Make) {
     return Which->Open->Locks;
 }
 
-std::vector<std::shared_ptr<Remote>> Nodes::TakeAll() {
+std::vector<std::unique_ptr<OpenState>> Nodes::TakeAll() {
     const std::lock_guard Hold(Lock_);
-    std::vector<std::shared_ptr<Remote>> All;
+    std::vector<std::unique_ptr<OpenState>> All;
     for (Node *Each : Known_) {
         if (Each->Open) {
-            All.insert(All.end(), Each->Open->Handles.begin(), Each->Open->Handles.end());
-            Each->Open.reset();
+            All.push_back(std::move(Each->Open));
         }
     }
     return All;

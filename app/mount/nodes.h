@@ -1,13 +1,16 @@
 // The names that the kernel knows: a node for each, with nothing of the server's open for it.
 //
 // A node is found by its parent and its name, ignoring case, so that two spellings are one file. It lives while the
-// kernel refers to it, something is open in it, or it has children. Its number is made from its parent's number and its
-// name, so that it is the same whenever it is asked for; a name that is given to something else meanwhile gets another.
+// kernel refers to it, a handle of the server's is kept in it, or it has children. Its number is made from its parent's
+// number and its name, so that it is the same whenever it is asked for; a name that is given to something else
+// meanwhile gets another.
 //
 // Names are kept in UTF-8 as the kernel gave them; ServedPath gives what the server is asked for. All functions lock.
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -59,8 +62,9 @@ struct Node {
     bool Directory = false;
     bool Deleted = false;
     LONG64 CachedWrite = 0;
-    LONG64 CachedSize = 0; // what the kernel's pages of the file belong to
-    std::unique_ptr<OpenState> Open;
+    LONG64 CachedSize = 0;           // what the kernel's pages of the file belong to
+    std::unique_ptr<OpenState> Open; // while programs have it open
+    uint32_t Kept = 0;               // handles of the server's, until they are closed there
 };
 
 class Nodes {
@@ -91,6 +95,10 @@ public:
     // The name leads elsewhere now; what had the new name has none any more.
     void Rename(Node *Parent, std::string_view Name, Node *NewParent, std::string_view NewName);
 
+    // Handle, which is open in the node: it counts as such until the server has closed it. Called while Renaming is
+    // held as it was for the open, so that a deletion sees every handle that there is.
+    std::shared_ptr<Remote> Keep(Node *Which, Remote Handle);
+    // A kept handle is a program's, to be lent for what needs one; and is not any more.
     void AddOpen(Node *Which, std::shared_ptr<Remote> Handle);
     void DropOpen(Node *Which, const std::shared_ptr<Remote> &Handle);
     // An open handle with that access; null without one.
@@ -98,11 +106,14 @@ public:
     bool IsOpen(Node *Which);
     // Whether a file is open in the directory or below it.
     bool IsOpenBelow(Node *Directory);
+    // How many kept handles were closed so far; waits until there are more, false when there are none by then.
+    uint64_t Closes();
+    bool AwaitClose(uint64_t Before, std::chrono::steady_clock::time_point Until);
     // The locks of an open file, made with the first.
     std::shared_ptr<NodeLocks> LocksOf(Node *Which, bool Make);
 
-    // Every handle that is open, for the end of the mount.
-    std::vector<std::shared_ptr<Remote>> TakeAll();
+    // All that is open, for the end of the mount.
+    std::vector<std::unique_ptr<OpenState>> TakeAll();
     size_t Known();
 
 private:
@@ -139,8 +150,11 @@ private:
     void DetachLocked(Node *Which);
     void ReleaseLocked(Node *Which);
     std::u16string PathLocked(const Node *Which) const;
+    void Closed(Node *Which);
 
-    std::mutex Lock_;
+    std::mutex Lock_; // no kept handle is closed while it is held
+    std::condition_variable Closing_;
+    uint64_t Closes_ = 0;
     Node *Root_;
     std::unordered_set<Node *, Hash, Equal> Known_;
     // Numbers that are not the natural ones of their names: by the natural number, and those that are in use.

@@ -15,6 +15,7 @@
 
 #include <fmt/format.h>
 
+#include "app/monitor/server.h"
 #include "app/mount/file_system.h"
 #include "app/text.h"
 
@@ -235,6 +236,10 @@ int Serve(Session &Running, const MountOptions &Options) {
         RaiseReadAhead(Options);
         if (chdir("/") != 0) {
             throw UsageError(fmt::format("/: {}", strerror(errno)));
+        }
+        const monitor::Server Monitors(Running.Requests(), Options.Point);
+        if (!Monitors.Problem().empty()) {
+            Complain(fmt::format("monitors cannot attach: {}", Monitors.Problem()));
         }
         TellReady();
         fuse_loop_config *Loop = fuse_loop_cfg_create();

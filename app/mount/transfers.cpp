@@ -34,21 +34,20 @@ ACCESS_MASK AccessFor(int Flags) {
 
 } // namespace
 
-int FileSystem::Opened(fuse_req_t Request, Node *Of, Remote Handle, fuse_file_info *File,
+int FileSystem::Opened(fuse_req_t Request, Node *Of, std::shared_ptr<Remote> Handle, fuse_file_info *File,
                        const fuse_entry_param *NewEntry) {
     auto Made = std::make_unique<OpenFile>();
-    Made->Handle = std::make_shared<Remote>(std::move(Handle));
+    Made->Handle = Handle;
     Made->Of = Of;
     Made->Appends = (File->flags & O_APPEND) != 0;
-    const std::shared_ptr<Remote> Shared = Made->Handle;
-    Nodes_.AddOpen(Of, Shared);
+    Nodes_.AddOpen(Of, Handle);
     OpenFile *Given = Made.release();
     File->fh = reinterpret_cast<uint64_t>(Given);
     File->direct_io = Options_.DirectIo ? 1 : 0;
     File->noflush = (File->flags & O_ACCMODE) == O_RDONLY ? 1 : 0;
     const int Sent = NewEntry != nullptr ? fuse_reply_create(Request, NewEntry, File) : fuse_reply_open(Request, File);
     if (Sent == -ENOENT) { // the open was interrupted: nobody will release it
-        Nodes_.DropOpen(Of, Shared);
+        Nodes_.DropOpen(Of, Handle);
         if (NewEntry != nullptr) {
             Nodes_.Forget(Of, 1);
         }
@@ -62,26 +61,21 @@ int FileSystem::Open(fuse_req_t Request, fuse_ino_t Inode, fuse_file_info *File)
     if (Which->Directory || Which->In == nullptr) {
         return EISDIR;
     }
-    Remote Handle;
-    {
-        const std::shared_lock Hold(Which->In->Renaming);
-        const std::u16string Path = Nodes_.Path(Which);
-        if (Path.empty()) {
-            return ENOENT;
-        }
-        const bool Empties = (File->flags & O_TRUNC) != 0;
-        Changes_ += Empties;
-        if (const int Error = Handle.Open(Path, {.Access = AccessFor(File->flags),
-                                                 .Disposition = Empties ? ULONG{FILE_OVERWRITE} : ULONG{FILE_OPEN},
-                                                 .Options = FILE_NON_DIRECTORY_FILE});
-            Error != 0) {
-            return Error;
-        }
+    const bool Empties = (File->flags & O_TRUNC) != 0;
+    Changes_ += Empties;
+    std::shared_ptr<Remote> Handle;
+    if (const int Error = OpenNode(Which,
+                                   {.Access = AccessFor(File->flags),
+                                    .Disposition = Empties ? ULONG{FILE_OVERWRITE} : ULONG{FILE_OPEN},
+                                    .Options = FILE_NON_DIRECTORY_FILE},
+                                   &Handle);
+        Error != 0) {
+        return Error;
     }
     if (Options_.KeepCache && !Options_.DirectIo) {
         // The kernel's pages stay when the file is what it was when they came.
         Facts Found;
-        if (Handle.Query(&Found) == 0) {
+        if (Handle->Query(&Found) == 0) {
             File->keep_cache = Found.LastWrite == Which->CachedWrite && Found.Size == Which->CachedSize ? 1 : 0;
             Which->CachedWrite = Found.LastWrite;
             Which->CachedSize = Found.Size;
@@ -99,16 +93,17 @@ int FileSystem::Create(fuse_req_t Request, fuse_ino_t ParentInode, const char *N
     if (Parent->In == nullptr || IsHidden(Parent, Name)) {
         return EPERM;
     }
-    Remote Handle;
+    std::shared_ptr<Remote> Kept;
     Facts Found;
     ++Changes_;
     fuse_entry_param Answer;
     Node *Child;
     {
         const std::shared_lock Hold(Parent->In->Renaming);
+        Remote Handle;
         const std::u16string Path = Nodes_.PathBelow(Parent, Name);
         if (Path.empty()) {
-            return ENOENT;
+            return ESTALE;
         }
         const ULONG Disposition = (File->flags & O_EXCL) != 0    ? FILE_CREATE
                                   : (File->flags & O_TRUNC) != 0 ? FILE_OVERWRITE_IF
@@ -124,13 +119,14 @@ int FileSystem::Create(fuse_req_t Request, fuse_ino_t ParentInode, const char *N
             return Error;
         }
         Child = Nodes_.Lookup(Parent, Name, false);
+        Kept = Nodes_.Keep(Child, std::move(Handle));
         Answer = Entry(Child, Found);
     }
     ++Changes_;
     Child->CachedWrite = Found.LastWrite;
     Child->CachedSize = Found.Size;
     Spellings_->Changed(ParentInode, Name);
-    return Opened(Request, Child, std::move(Handle), File, &Answer);
+    return Opened(Request, Child, std::move(Kept), File, &Answer);
 }
 
 int FileSystem::Read(fuse_req_t Request, fuse_ino_t Inode, size_t Size, off_t Offset, fuse_file_info *File) {
@@ -206,13 +202,9 @@ int FileSystem::Sync(fuse_req_t Request, fuse_ino_t Inode, int, fuse_file_info *
         Handle = Nodes_.OpenHandle(Which, FILE_WRITE_DATA);
     }
     if (!Handle) {
-        Handle = std::make_shared<Remote>();
-        const std::shared_lock Hold(Which->In->Renaming);
-        const std::u16string Path = Nodes_.Path(Which);
-        const int Error = Path.empty() ? ENOENT
-                                       : Handle->Open(Path, {.Access = FILE_READ_ATTRIBUTES | FILE_WRITE_DATA,
-                                                             .Options = FILE_NON_DIRECTORY_FILE});
-        if (Error != 0) {
+        const Remote::Asked ToFlush = {.Access = FILE_READ_ATTRIBUTES | FILE_WRITE_DATA,
+                                       .Options = FILE_NON_DIRECTORY_FILE};
+        if (const int Error = OpenNode(Which, ToFlush, &Handle); Error != 0) {
             return Error;
         }
     }
@@ -269,17 +261,12 @@ LockRange RangeOf(const struct flock &Lock, uint64_t Owner) {
 } // namespace
 
 NodeLocks::Opener FileSystem::LockOpener(Node *Which) {
-    return [this, Which](Remote &Handle) {
-        const std::shared_lock Hold(Which->In->Renaming);
-        const std::u16string Path = Nodes_.Path(Which);
-        if (Path.empty()) {
-            return ENOENT;
-        }
+    return [this, Which](std::shared_ptr<Remote> *Handle) {
         Remote::Asked Both = {.Access = FILE_READ_ATTRIBUTES | FILE_READ_DATA | FILE_WRITE_DATA,
                               .Options = FILE_NON_DIRECTORY_FILE};
-        const int Error = Handle.Open(Path, Both);
+        const int Error = OpenNode(Which, Both, Handle);
         Both.Access = FILE_READ_ATTRIBUTES | FILE_READ_DATA;
-        return Error == EACCES ? Handle.Open(Path, Both) : Error;
+        return Error == EACCES ? OpenNode(Which, Both, Handle) : Error;
     };
 }
 

@@ -17,6 +17,7 @@ VerbList Verbs() {
     AddTourVerb(List);
     AddProviderVerb(List);
     AddReportVerb(List);
+    AddMonitorVerbs(List);
     AddMountVerb(List);
     const auto EndAtFailure = std::make_shared<bool>(false);
     List.push_back({.Name = "console",

@@ -24,6 +24,7 @@ void AddMountVerb(VerbList &List);    // mount
 void UseDrive(Drives &Of, const std::string &Text);
 void AddProviderVerb(VerbList &List); // check-provider
 void AddReportVerb(VerbList &List);   // report
+void AddMonitorVerbs(VerbList &List); // monitor, stats
 
 // All of them, and console; each call gives them places of their own for what they are told.
 VerbList Verbs();

@@ -10,6 +10,7 @@ WORK = sys.argv[1]
 FILES = os.path.join(WORK, "files")
 MOUNT = os.path.join(WORK, "mnt")
 LONG = bool(os.environ.get("RVFSD_LONG"))
+PROGRAM = os.environ["RVFSD_PROGRAM"]
 
 
 def path(name):
@@ -17,14 +18,16 @@ def path(name):
 
 
 def start(options="", *given, foreground=False):
-    words = [os.path.join(WORK, "mount"), options + (",foreground" if foreground and options else "foreground" * foreground), *given]
-    if foreground:
-        server = subprocess.Popen(words)
-        while not os.path.ismount(MOUNT) and server.poll() is None:
-            time.sleep(0.01)
-        assert os.path.ismount(MOUNT), f"not mounted: the server ended with {server.wait()}"
-        return server
-    subprocess.run(words, check=True)
+    words = [os.path.join(WORK, "mount"), options + "," * bool(options) + "foreground" * foreground, *given]
+    return await_mount(words) if foreground else subprocess.run(words, check=True)
+
+
+def await_mount(words):
+    server = subprocess.Popen(words)
+    while not os.path.ismount(MOUNT) and server.poll() is None:
+        time.sleep(0.01)
+    assert os.path.ismount(MOUNT), f"not mounted: the server ended with {server.wait()}"
+    return server
 
 
 def stop():
@@ -32,9 +35,9 @@ def stop():
 
 
 @contextlib.contextmanager
-def mounted(options="", *given):
+def serving(*words):
     """The exit code of the server is 0: nothing was left behind."""
-    server = start(options, *given, foreground=True)
+    server = await_mount(words)
     try:
         yield server
     finally:
@@ -42,6 +45,10 @@ def mounted(options="", *given):
             stop()
         code = server.wait(30)
     assert code == 0, f"the server ended with {code}"
+
+
+def mounted(options="", *given):
+    return serving(os.path.join(WORK, "mount"), options + "," * bool(options) + "foreground", *given)
 
 
 @contextlib.contextmanager

@@ -1,0 +1,40 @@
+// The other side of a mount's socket.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+namespace app::monitor {
+
+class Client {
+public:
+    // Which is a mount point or the number of a process; empty: the only mount there is. UsageError when there is none,
+    // or several.
+    explicit Client(const std::string &Which);
+    ~Client();
+    Client(const Client &) = delete;
+    Client &operator=(const Client &) = delete;
+
+    // "process", "serves", "opens" and "fcbs" as they were when it attached.
+    const nlohmann::json &Mount() const {
+        return Mount_;
+    }
+    void Ask(char Kind);
+    // What was asked for is told now.
+    void EndAsking();
+    // The next object; none when the mount has ended. Interrupted when the user interrupts.
+    std::optional<nlohmann::json> Next();
+    // Waits so long, until the mount ends, or until the user interrupts, which is no more than that.
+    void Wait(int Milliseconds);
+
+private:
+    bool Connect(const std::string &Path);
+
+    int Socket_ = -1;
+    nlohmann::json Mount_;
+    std::string Pending_;
+};
+
+} // namespace app::monitor

@@ -1,0 +1,164 @@
+// monitor and stats: what a running mount is asked, live.
+
+#include <algorithm>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "app/journal/request_tap.h"
+#include "app/monitor/client.h"
+#include "app/output.h"
+#include "app/text.h"
+#include "app/verbs/verbs.h"
+
+namespace app {
+
+namespace {
+
+using nlohmann::json;
+
+std::string Lower(std::string Text) {
+    std::transform(Text.begin(), Text.end(), Text.begin(),
+                   [](unsigned char Byte) { return static_cast<char>(tolower(Byte)); });
+    return Text;
+}
+
+bool Holds(const std::string &Text, const std::string &Part) {
+    return Lower(Text).find(Lower(Part)) != std::string::npos;
+}
+
+// An operation as people write it.
+std::string Plain(const std::string &Operation) {
+    const std::string Text = Lower(Operation);
+    return Text.starts_with("irp_mj_") ? Text.substr(7) : Text;
+}
+
+struct Filter {
+    std::string Path;
+    std::vector<std::string> Operations;
+    std::string Status;
+    uint32_t Slower = 0; // microseconds
+
+    bool Passes(const json &Line) const {
+        const std::string Operation = Plain(Line.at("operation"));
+        const bool Named = Operations.empty() || std::any_of(Operations.begin(), Operations.end(),
+                                                             [&](const auto &One) { return Plain(One) == Operation; });
+        const bool Failed = Line.at("failed");
+        const bool Ended = Status == "failed"    ? Failed
+                           : Status == "success" ? !Failed
+                                                 : Holds(Line.at("status"), Status);
+        return Named && Ended && Holds(Line.at("path"), Path) &&
+               Line.at("nanoseconds").get<uint64_t>() >= uint64_t{Slower} * 1000;
+    }
+};
+
+std::string Details(const json &Line) {
+    std::string Text;
+    const json All = Line.value("details", json::object());
+    for (const auto &[Name, Value] : All.items()) {
+        Text += fmt::format(" {}={}", Name, Value.get<std::string>());
+    }
+    return Text;
+}
+
+double Micros(const json &Nanoseconds) {
+    return Nanoseconds.get<double>() / 1000;
+}
+
+int Monitor(const std::string &Which, const Filter &Wanted) {
+    monitor::Client Mount(Which);
+    Mount.Ask('m');
+    while (const std::optional<json> Line = Mount.Next()) {
+        if (Line->contains("lost")) {
+            Complain(fmt::format("{} requests are not shown: they came faster than they were read",
+                                 Line->at("lost").get<uint64_t>()));
+        } else if (!Wanted.Passes(*Line)) {
+            continue;
+        } else if (WantsJson()) {
+            fmt::print("{}\n", Line->dump());
+        } else {
+            fmt::print("{:>10.1f} us  {:<24} {:<30} {}{}\n", Micros(Line->at("nanoseconds")),
+                       Plain(Line->at("operation")), Line->at("status").get<std::string>(),
+                       Line->at("path").get<std::string>(), Details(*Line));
+        }
+        fflush(stdout);
+    }
+    return 0;
+}
+
+int Stats(const std::string &Which, uint32_t Seconds) {
+    monitor::Client Mount(Which);
+    Mount.Ask('s');
+    const int64_t Begun = Ticks();
+    Mount.Wait(static_cast<int>(std::min(Seconds, 1'000'000u)) * 1000);
+    Mount.EndAsking();
+    const int64_t Milliseconds = (Ticks() - Begun) / 1'000'000;
+    const monitor::Client After(fmt::format("{}", Mount.Mount().at("process").get<int>()));
+    const json &Now = After.Mount();
+    if (WantsJson()) {
+        PrintRecord({{"process", Now.at("process").get<int64_t>()},
+                     {"mountpoint", Now.at("serves").get<std::string>()},
+                     {"milliseconds", Milliseconds},
+                     {"opens", Now.at("opens").get<uint64_t>()},
+                     {"fcbs", Now.at("fcbs").get<uint64_t>()}});
+    } else {
+        fmt::print("{}, process {}: {} files open, {} FCBs\n{:<24} {:>10} {:>8} {:>10} {:>10} {:>10} {:>10}\n",
+                   Now.at("serves").get<std::string>(), Now.at("process").get<int>(), Now.at("opens").get<uint64_t>(),
+                   Now.at("fcbs").get<uint64_t>(), fmt::format("in {:.1f} s", static_cast<double>(Milliseconds) / 1000),
+                   "count", "failed", "p50 us", "p90 us", "p99 us", "max us");
+    }
+    while (const std::optional<json> Line = Mount.Next()) {
+        if (WantsJson()) {
+            fmt::print("{}\n", Line->dump());
+        } else {
+            fmt::print("{:<24} {:>10} {:>8} {:>10.1f} {:>10.1f} {:>10.1f} {:>10.1f}\n", Plain(Line->at("operation")),
+                       Line->at("count").get<uint64_t>(), Line->at("failed").get<uint64_t>(),
+                       Micros(Line->at("p50_ns")), Micros(Line->at("p90_ns")), Micros(Line->at("p99_ns")),
+                       Micros(Line->at("max_ns")));
+        }
+    }
+    return 0;
+}
+
+Parameter WhichMount(std::string *Goes) {
+    return {"MOUNT", "its mount point or process, when several are running", Goes};
+}
+
+} // namespace
+
+void AddMonitorVerbs(VerbList &List) {
+    const auto Which = std::make_shared<std::string>();
+    const auto Wanted = std::make_shared<Filter>();
+    List.push_back(
+        {.Name = "monitor",
+         .Group = "requests",
+         .Summary = "the requests of a running mount, as they come",
+         .Parameters =
+             {WhichMount(Which.get()), Parameter{"--path", "only paths with this in them", &Wanted->Path}.As("TEXT"),
+              Parameter{"--operation", "only these, such as create or read; may be repeated", &Wanted->Operations}.As(
+                  "NAME"),
+              Parameter{"--status", "only failed, success, or statuses with this in their name", &Wanted->Status}.As(
+                  "TEXT"),
+              Parameter{"--slower", "only those that took so long", &Wanted->Slower}.As("MICROSECONDS")},
+         .Text = "One line for each completed request: how long it took, the operation, the status, the path, what "
+                 "else tells it from others. Nothing is watched, and nothing slower, while nobody is attached.",
+         .Examples = {"monitor --operation create --status failed", "monitor --slower 1000 --path docs /mnt"},
+         .Alone = [Which, Wanted] { return Monitor(*Which, *Wanted); }});
+    const auto Of = std::make_shared<std::string>();
+    const auto Seconds = std::make_shared<uint32_t>(1);
+    List.push_back(
+        {.Name = "stats",
+         .Group = "requests",
+         .Summary = "counts, latencies and open files of a running mount",
+         .Parameters = {WhichMount(Of.get()), Parameter{"--for", "how long to count", Seconds.get()}.As("SECONDS")},
+         .Text =
+             "Counts what is completed while it waits, which an interrupt ends: nothing is counted while nobody asks. "
+             "Percentiles are right to 6 %.",
+         .Examples = {"stats --for 10 /mnt"},
+         .Alone = [Of, Seconds] { return Stats(*Of, *Seconds); }});
+}
+
+} // namespace app
