@@ -1,5 +1,4 @@
-// Everything that is written about verbs, made of their descriptions: help, manual pages, the README's table,
-// completion.
+// What is written about verbs for people, made of their descriptions: help, manual pages, the README's table.
 #pragma once
 
 #include <filesystem>
@@ -17,9 +16,8 @@ std::string VerbHelp(const Verb &Which, bool InConsole);
 
 // The table of verbs as Markdown.
 std::string ReadmeTable(const VerbList &List);
-// A completion script for bash, zsh or fish. UsageError for another shell.
-std::string CompletionScript(const VerbList &List, const std::string &Shell);
-// Writes man/rvfsd.1, man/rvfsd-GROUP.1 and rvfsd.SHELL into Directory. std::runtime_error when that fails.
+// Writes man/rvfsd.1, man/rvfsd-GROUP.1 and the completion scripts rvfsd.SHELL into Directory. std::runtime_error when
+// that fails.
 void WriteManual(const VerbList &List, const std::filesystem::path &Directory);
 
 void AddHelpVerbs(VerbList &List); // help, completion, manual

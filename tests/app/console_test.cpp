@@ -1,5 +1,8 @@
 // The console: verbs over one running driver, on a terminal and without one.
 
+#include <future>
+#include <unistd.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -132,9 +135,6 @@ TEST(ProgramConsole, HasDirectoriesOfItsOwn) {
 
 // One process holds a range of a file, others over the same directory meet it, and no longer when it has ended.
 TEST(ProgramConsole, TwoProcessesOverOneDirectorySeeEachOthersLocks) {
-    if (!test::Terminal::CanBeHad()) {
-        GTEST_SKIP() << "no pseudo terminals";
-    }
     const test::ScratchDirectory Served;
     Served.Write("file", "0123456789");
     const std::string Export = R"(\\srv\vol=)" + Served.Path().string();
@@ -142,21 +142,32 @@ TEST(ProgramConsole, TwoProcessesOverOneDirectorySeeEachOthersLocks) {
     const auto Session = [&](const std::string &Words) {
         return test::RunProgram({"--export", Export, "console"}, Words + "\n");
     };
-    test::Terminal Holder({"--export", Export, "lock", File, "2", "4"});
-    Holder.Expect("until interrupted");
-    for (const char *Refused : {" 0 3", " 5 1 --shared", " 2 4 --key 7"}) {
-        const Ran There = Session("lock " + File + Refused);
-        EXPECT_NE(There.Code, 0) << Refused;
-        EXPECT_NE(There.Error.find("STATUS_"), std::string::npos) << Refused << ": " << There.Error;
-    }
-    const Ran Beside = Session("lock " + File + " 6 4\nlock " + File + " 0 2 --shared");
-    EXPECT_EQ(Beside.Code, 0) << Beside.Error;
-    test::Terminal Waiter({"--export", Export, "lock", File, "0", "3", "--wait"});
-    Holder.Type("\x03");
-    Holder.Finish();
-    Waiter.Expect("until interrupted");
-    Waiter.Type("\x03");
-    Waiter.Finish();
+    std::future<Ran> Waiter;
+    const Ran Holder = test::RunProgramWith({"--export", Export, "console"}, [&](pid_t, int Input) {
+        const std::string Words = "lock " + File + " 2 4\nmkdir \\\\srv\\vol\\locked\n";
+        ASSERT_EQ(write(Input, Words.data(), Words.size()), static_cast<ssize_t>(Words.size()));
+        while (!Served.Has("locked")) {
+            usleep(1000);
+        }
+        for (const char *Refused : {" 0 3", " 5 1 --shared", " 2 4 --key 7"}) {
+            const Ran There = Session("lock " + File + Refused);
+            EXPECT_EQ(There.Code, 1) << Refused;
+            EXPECT_THAT(There.Error, HasSubstr("STATUS_"));
+        }
+        const Ran Beside = Session("lock " + File + " 6 4\nlock " + File + " 0 2 --shared");
+        EXPECT_EQ(Beside.Code, 0) << Beside.Error;
+        Waiter = std::async(std::launch::async, [&] {
+            return Session("mkdir \\\\srv\\vol\\asks\nlock " + File + " 0 3 --wait\nmkdir \\\\srv\\vol\\granted");
+        });
+        while (!Served.Has("asks")) {
+            usleep(1000);
+        }
+        EXPECT_FALSE(Served.Has("granted"));
+    });
+    EXPECT_EQ(Holder.Code, 0) << Holder.Error;
+    const Ran Waited = Waiter.get();
+    EXPECT_EQ(Waited.Code, 0) << Waited.Error;
+    EXPECT_TRUE(Served.Has("granted"));
     const Ran After = Session("lock " + File + " 0 10");
     EXPECT_EQ(After.Code, 0) << After.Error;
 }
