@@ -159,6 +159,19 @@ TEST_F(Cleanup, AWaiterWhoseGrantFailsIsCompletedUnderNoLock) {
     EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10"}));
 }
 
+TEST_F(Cleanup, WithoutMemoryReleasesEveryLockAllTheSame) {
+    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Writer);
+    for (LONGLONG At = 0; At < 100; ++At) {
+        EXPECT_EQ(Lock(Handle, At, 1), STATUS_SUCCESS);
+    }
+    {
+        const embedded::PlannedFaults NoMemory(
+            {.How = embedded::FaultPlan::Mode::NthAndAfter, .Kinds = embedded::FaultBit(embedded::FaultKind::Pool)});
+        Close(Handle);
+    }
+    EXPECT_EQ(Provider.CountCalls(Slot::UnlockFile), 100u);
+}
+
 TEST_F(Cleanup, OfADeletedFileIsAFullCleanup) {
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Writer);
     EXPECT_EQ(Lock(Handle, 10, 1), STATUS_SUCCESS);

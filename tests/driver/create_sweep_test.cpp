@@ -146,6 +146,9 @@ protected:
             Owned += Each != 0 ? 1 : 0;
         }
         EXPECT_EQ(Provider.OpenHandles().size(), Handles_.size() + Owned) << Where;
+        const PFCB Opened = Fcb(Result.Handle);
+        const ULONG Components = NtFsdCountPathComponents(&Opened->FullPath);
+        EXPECT_EQ(Opened->Parent != nullptr, Components > 3) << Where << ": what its directory is renamed against";
         const bool IsTarget = (GetParam().Request.StackFlags & SL_OPEN_TARGET_DIRECTORY) != 0;
         if (!IsTarget) {
             EXPECT_EQ(Fcb(Result.Handle)->OpenType == OPEN_TYPE_FILE, Made->FileHandle != 0) << Where;
