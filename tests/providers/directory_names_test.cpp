@@ -37,6 +37,13 @@ TEST_F(DirectoryProviderTest, ChangesMadeElsewhereAreSeenAtOnce) {
         EXPECT_EQ(Content(u"dir\\FILE"), "now");
         fs::rename(Root / "Dir" / "File", Root / "Dir" / "fILE");
         EXPECT_EQ(Content(u"dir\\FILE"), "now");
+        Write("Dir/Second", "second");
+        EXPECT_EQ(Content(u"dir\\SECOND"), "second");
+        EXPECT_EQ(renameat2(AT_FDCWD, (Root / "Dir/Second").c_str(), AT_FDCWD, (Root / "Dir/fILE").c_str(),
+                            RENAME_EXCHANGE),
+                  0);
+        EXPECT_EQ(Content(u"dir\\SECOND") + Content(u"dir\\FILE"), "nowsecond");
+        fs::remove(Root / "Dir" / "Second");
         fs::rename(Root / "Dir", Root / "Other");
         EXPECT_EQ(Try(u"dir\\FILE"), Failure(0x0503));
         fs::create_directory(Root / "dir");
