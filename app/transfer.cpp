@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -164,7 +165,9 @@ private:
         if ((Old_.FileAttributes & FILE_ATTRIBUTE_READONLY) != 0) {
             throw StatusError(STATUS_ACCESS_DENIED, ShowPath(Path_) + " is read-only; attrib -r changes that");
         }
-        if (const int Descriptor = DescriptorOf(Old); Descriptor >= 0) {
+        struct stat Status = {};
+        if (const int Descriptor = DescriptorOf(Old);
+            Descriptor >= 0 && fstat(Descriptor, &Status) == 0 && S_ISREG(Status.st_mode)) {
             Access_.emplace(Descriptor, ShowPath(Path_));
         }
         return true;

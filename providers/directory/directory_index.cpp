@@ -4,6 +4,9 @@
 #include <cerrno>
 #include <ctime>
 
+#include <dirent.h>
+#include <fcntl.h>
+
 #include "providers/directory/collision_names.h"
 #include "providers/directory/directory_reader.h"
 #include "providers/directory/names.h"
@@ -196,17 +199,29 @@ RVSTATUS DirectoryIndex::Scan(int Fd) {
     return RVSTATUS::Success;
 }
 
+// False when the directory does not tell whether a name is there.
+bool DirectoryIndex::Apply(int Fd, const std::vector<NameChange> &Changes) {
+    for (const NameChange &Each : Changes) {
+        struct stat Stat;
+        if (Each.Came) {
+            Add(Each.Name, Each.Type);
+        } else if (!Each.Moved) {
+            Remove(Each.Name);
+        } else if (fstatat(Fd, Each.Name.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) == 0) {
+            Add(Each.Name, IFTODT(Stat.st_mode));
+        } else if (errno == ENOENT) {
+            Remove(Each.Name);
+        } else {
+            return false;
+        }
+    }
+    return true;
+}
+
 // Makes the names those of this moment.
 RVSTATUS DirectoryIndex::Refresh(int Fd) {
     std::vector<NameChange> Changes;
-    if (Known_ && Watch_ >= 0 && Log_.Take(Watch_, Changes)) {
-        for (const NameChange &Each : Changes) {
-            if (Each.Came) {
-                Add(Each.Name, Each.Type);
-            } else {
-                Remove(Each.Name);
-            }
-        }
+    if (Known_ && Watch_ >= 0 && Log_.Take(Watch_, Changes) && Apply(Fd, Changes)) {
         Tidy();
         return RVSTATUS::Success;
     }

@@ -81,6 +81,7 @@ private:
     };
 
     RVSTATUS Refresh(int Fd);
+    bool Apply(int Fd, const std::vector<NameChange> &Changes);
     RVSTATUS Scan(int Fd);
     void Clear();
     void Add(std::string_view Native, unsigned char Type);

@@ -101,10 +101,11 @@ void EventLog::Apply(int Watch, uint32_t Mask, std::string_view Name) {
         Kept = {{}, true};
     } else if ((Mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
         Kept.Changes.push_back(
-            {true, (Mask & IN_ISDIR) != 0 ? static_cast<unsigned char>(DT_DIR) : static_cast<unsigned char>(DT_UNKNOWN),
+            {true, false,
+             (Mask & IN_ISDIR) != 0 ? static_cast<unsigned char>(DT_DIR) : static_cast<unsigned char>(DT_UNKNOWN),
              std::string(Name)});
     } else if ((Mask & (IN_DELETE | IN_MOVED_FROM)) != 0) {
-        Kept.Changes.push_back({false, DT_UNKNOWN, std::string(Name)});
+        Kept.Changes.push_back({false, (Mask & IN_MOVED_FROM) != 0, DT_UNKNOWN, std::string(Name)});
     }
 }
 

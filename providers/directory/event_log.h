@@ -14,9 +14,12 @@
 
 namespace providers::directory {
 
-// An entry that came or went, in the order in which it happened.
+// An entry that came or went, in the order in which it happened. Of two that were exchanged it is told that the first
+// went, the second came, the second went and the first came: only the directory itself can say whether one that was
+// moved away is there.
 struct NameChange {
     bool Came;
+    bool Moved;         // of one that went
     unsigned char Type; // DT_DIR or DT_UNKNOWN; of one that came
     std::string Name;
 };

@@ -179,6 +179,9 @@ RVSTATUS Delete(State &Provider, RVHANDLE Base, PCWSTR Path, Kind Wanted) {
     if (S_ISREG(Stat.st_mode) && Stat.st_nlink == 1) {
         static_cast<void>(At.Volume->Charge(-Stat.st_size));
     }
+    if (Wanted == Kind::File) {
+        At.Volume->Doomed.Deleted(PathFromRoot(At, std::move(Found)));
+    }
     return RVSTATUS::Success;
 }
 
@@ -259,6 +262,15 @@ RVSTATUS Rename(const Place &Source, const Resolved &From, const Place &Target, 
         RenameToFree(OldHolder, OldName.c_str(), HolderOf(Target, To), Name.c_str(), S_ISDIR(Stat.st_mode)));
 }
 
+// Whether the calling thread has just deleted a file of exactly the name that is to be given.
+bool TakesPlaceOfDeleted(const Place &Target, const Resolved &To) {
+    const std::optional<std::string> Name = NativeName(LastComponent(Target.Path));
+    Resolved Exact;
+    Exact.Parent = To.Parent;
+    Exact.Name = Name.value_or(std::string());
+    return Target.Volume->Doomed.TakeDeleted(PathFromRoot(Target, std::move(Exact))) && Name;
+}
+
 RVSTATUS Move(State &Provider, RVHANDLE SourceBase, PCWSTR SourcePath, RVHANDLE TargetBase, PCWSTR TargetName,
               Kind Wanted) {
     Place Source;
@@ -284,22 +296,30 @@ RVSTATUS Move(State &Provider, RVHANDLE SourceBase, PCWSTR SourcePath, RVHANDLE 
     if (From.Name.empty() || In.Options.ReadOnly) {
         return RVSTATUS::AccessDenied;
     }
-    if (const RVSTATUS Status = In.Names.Resolve(Target.Ref, Target.Path, To); RvIsError(Status)) {
+    RVSTATUS Status = In.Names.Resolve(Target.Ref, Target.Path, To);
+    // A file that is replaced was deleted just now; that others differ from it in case alone was no obstacle to it, and
+    // is none to what takes its place.
+    const bool Replaces = Wanted == Kind::File && TakesPlaceOfDeleted(Target, To);
+    if (RvIsError(Status) && !(Replaces && Status == Failure(CODE_EXISTS))) {
         return Status;
     }
     if (To.Name.empty()) {
         return Failure(CODE_EXISTS);
     }
-    if (const RVSTATUS Status = NeedHolderKey(Source, From); RvIsError(Status)) {
+    if (Status = NeedHolderKey(Source, From); RvIsError(Status)) {
         return Status;
     }
     NewName New;
-    if (const RVSTATUS Status = LockNewName(Target, To, New); RvIsError(Status)) {
+    Status = LockNewName(Target, To, New);
+    if (Replaces && (Status == Failure(CODE_EXISTS) || New.Found.Exists)) {
+        New.Found.Exists = false; // the rename itself sees whether that very name is there again
+        New.Found.Name = *NativeName(LastComponent(Target.Path));
+    } else if (RvIsError(Status)) {
         return Status;
     }
     struct stat Stat;
     const bool Known = fstatat(HolderOf(Source, From), From.Name.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) == 0;
-    const RVSTATUS Status = Rename(Source, From, Target, To, New, Wanted);
+    Status = Rename(Source, From, Target, To, New, Wanted);
     if (Known && !RvIsError(Status)) {
         In.Doomed.Moved(PathFromRoot(Source, From), PathFromRoot(Target, To), KeyOf(Stat));
     }

@@ -17,6 +17,13 @@ struct Closed {
 };
 thread_local Closed LastClosed;
 
+// The file that this thread deleted last.
+struct Gone {
+    const void *Of = nullptr;
+    std::string Path;
+};
+thread_local Gone LastDeleted;
+
 } // namespace
 
 void PendingDeletes::Reserve(std::string_view Path, const ObjectKey &Key) {
@@ -68,6 +75,15 @@ bool PendingDeletes::Take(std::string_view Path, const ObjectKey &Key) {
     Reserved_.erase(At);
     Count_ = Reserved_.size();
     return Same;
+}
+
+void PendingDeletes::Deleted(std::string Path) {
+    LastDeleted = {this, std::move(Path)};
+}
+
+bool PendingDeletes::TakeDeleted(std::string_view Path) {
+    const Gone Last = std::exchange(LastDeleted, {});
+    return Last.Of == this && Last.Path == Path;
 }
 
 } // namespace providers::directory

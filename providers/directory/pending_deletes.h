@@ -1,7 +1,8 @@
 // Which object is meant by a deletion that comes after its handle was closed, and only by name.
 //
 // A file's is noted when its deletion is reserved for a handle; a directory's when its handle is closed by the thread
-// that deletes it next. Whoever has taken the name meanwhile is not deleted.
+// that deletes it next. Whoever has taken the name meanwhile is not deleted. What was deleted under a name is noted for
+// the thread that gives the name again next: so a file is replaced.
 //
 // Lock: one mutex, a leaf. Safe for concurrent calls.
 #pragma once
@@ -27,6 +28,11 @@ public:
 
     // Whether an entry that is this object may be deleted under this path. What was noted for the path is forgotten.
     bool Take(std::string_view Path, const ObjectKey &Key);
+
+    // A file of exactly this path was deleted.
+    void Deleted(std::string Path);
+    // Whether this is what the calling thread deleted last; true once.
+    bool TakeDeleted(std::string_view Path);
 
 private:
     std::atomic<size_t> Count_ = 0;

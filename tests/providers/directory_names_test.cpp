@@ -37,6 +37,13 @@ TEST_F(DirectoryProviderTest, ChangesMadeElsewhereAreSeenAtOnce) {
         EXPECT_EQ(Content(u"dir\\FILE"), "now");
         fs::rename(Root / "Dir" / "File", Root / "Dir" / "fILE");
         EXPECT_EQ(Content(u"dir\\FILE"), "now");
+        Write("Dir/Second", "second");
+        EXPECT_EQ(Content(u"dir\\SECOND"), "second");
+        EXPECT_EQ(
+            renameat2(AT_FDCWD, (Root / "Dir/Second").c_str(), AT_FDCWD, (Root / "Dir/fILE").c_str(), RENAME_EXCHANGE),
+            0);
+        EXPECT_EQ(Content(u"dir\\SECOND") + Content(u"dir\\FILE"), "nowsecond");
+        fs::remove(Root / "Dir" / "Second");
         fs::rename(Root / "Dir", Root / "Other");
         EXPECT_EQ(Try(u"dir\\FILE"), Failure(0x0503));
         fs::create_directory(Root / "dir");
@@ -65,6 +72,21 @@ TEST_F(DirectoryProviderTest, NamesThatDifferOnlyInCaseAreAllServedAndNeverMixed
     }
     EXPECT_EQ(Content(u"rEADME.tXT"), "failed 1296") << "one spelling of several names is none of them";
     EXPECT_EQ(Try(u"rEADME.tXT", ReadWrite, RV_DISPOSITION_OPEN_OR_CREATE), Failure(CODE_EXISTS));
+    // Replacing one of them, which is a deletion and a move, needs no free spelling; anything else does.
+    Write("other", "other");
+    EXPECT_EQ(Move(u"other", u"README.txt"), Failure(CODE_EXISTS));
+    for (const char16_t *Name : {u"Readme.txt", u"README.TXT"}) {
+        EXPECT_EQ(Delete(Name), Name[1] == u'e' ? Done : Failure(CODE_EXISTS));
+    }
+    EXPECT_EQ(Move(u"other", u"READme.txt"), Failure(CODE_EXISTS));
+    fs::rename(Root / "readme.txt", Root / "Readme.txt");
+    EXPECT_EQ(Delete(u"Readme.txt"), Done);
+    EXPECT_EQ(Move(u"other", u"Readme.txt"), Done);
+    EXPECT_EQ(Move(u"Readme.txt", u"other"), Done);
+    EXPECT_EQ(Move(u"other", u"Readme.txt"), Failure(CODE_EXISTS));
+    Write("readme.txt", "readme.txt");
+    EXPECT_EQ(Delete(u"other"), Done);
+    Write("Readme.txt", "Readme.txt");
     const std::vector<std::u16string> Listed = Names(Volume);
     std::map<std::string, std::u16string> Marked;
     for (const std::u16string &Name : Listed) {
