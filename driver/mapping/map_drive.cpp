@@ -241,8 +241,7 @@ NTSTATUS Establish(PIRP_CONTEXT IrpContext, MAPPING *Mapping, ProviderDirectory 
     NtFsdDebugPrint(TRACE_FILE_INFO, 0,
                     "[TWFS] RvMapDrive \"%c:\" with target \"%wZ\" calculated volume path \"%ws\".\n",
                     Mapping->Letter(), &Mapping->Target, static_cast<PCWSTR>(Record->pVolumePath));
-    ResourceHold Hold;
-    Hold.AcquireExclusive(&g_MappedDeviceResource, TRUE);
+    const ExclusiveHold Hold(&g_MappedDeviceResource);
     InsertTailList(&g_MappedDeviceList, &Record->Links);
     ++g_uMappedDeviceCount;
     return STATUS_SUCCESS;

@@ -11,7 +11,7 @@ void Unlink(PINSTANCE_CONTEXT Borrower) {
 }
 
 PINSTANCE_CONTEXT FirstBorrower(PINSTANCE_CONTEXT Lender) {
-    const SpinLockHold Hold(&BorrowLock);
+    const SpinLockHold Hold(BorrowLock);
     return IsListEmpty(&Lender->Borrowers) ? nullptr
                                            : CONTAINING_RECORD(Lender->Borrowers.Flink, INSTANCE_CONTEXT, BorrowLinks);
 }
@@ -28,12 +28,12 @@ RVHANDLE NtFsdHandleToLend(PINSTANCE_CONTEXT Instance) {
 }
 
 VOID NtFsdBorrowFrom(PINSTANCE_CONTEXT Lender, PINSTANCE_CONTEXT Borrower) {
-    const SpinLockHold Hold(&BorrowLock);
+    const SpinLockHold Hold(BorrowLock);
     InsertTailList(&Lender->Borrowers, &Borrower->BorrowLinks);
 }
 
 VOID NtFsdEndBorrowing(PINSTANCE_CONTEXT Instance) {
-    const SpinLockHold Hold(&BorrowLock);
+    const SpinLockHold Hold(BorrowLock);
     Unlink(Instance);
     // Only an open that outlived teardown still has borrowers here; there are no handles left that they could use.
     while (!IsListEmpty(&Instance->Borrowers)) {
@@ -57,7 +57,7 @@ bool NtFsdRebaseBorrowers(PINSTANCE_CONTEXT Lender, BOOLEAN Wait) {
             return false;
         }
         NtFsdNameByFullPath(Borrower);
-        const SpinLockHold List(&BorrowLock);
+        const SpinLockHold List(BorrowLock);
         Unlink(Borrower);
     }
     return true;

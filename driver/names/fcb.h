@@ -8,12 +8,11 @@
 
 // ---- Global objects ----------------------------------------------------------------------------------------------
 
-extern UNICODE_PREFIX_TABLE FcbPrefixTable;
-extern ULONG FcbPrefixCount;
-extern ERESOURCE FcbTableResource;
-extern LIST_ENTRY FcbList;
-extern ULONG FcbCount;
-extern ERESOURCE FcbListResource;
+extern UNICODE_PREFIX_TABLE FcbPrefixTable UNDER(FcbTableResource);
+extern ULONG FcbPrefixCount UNDER(FcbTableResource);
+extern ERESOURCE FcbListResource BEHIND(FcbTableResource);
+extern LIST_ENTRY FcbList UNDER(FcbListResource);
+extern ULONG FcbCount UNDER(FcbListResource);
 extern PFCB DriverFcb;
 
 // ---- FCB records (names/fcb.cpp) -----------------------------------------------------------------------------------
@@ -37,7 +36,7 @@ struct PATH_SOURCE {
         return Fcb != nullptr ? &Record->Path : nullptr;
     }
     // FcbTableResource held.
-    bool IsCurrent() const {
+    bool IsCurrent() const HOLDING_SHARED(FcbTableResource) {
         return Fcb == nullptr || Fcb->PathChanges == Changes;
     }
     // What Status of a question under the composed path means: STATUS_RETRY when it was asked under a name that a
@@ -76,7 +75,7 @@ VOID NtFsdFreeFcb(PFCB Fcb);
 
 // Tears Fcb down: out of the prefix table (the caller holds FcbTableResource then), resources, lock table, list,
 // memory. Hold is the caller's hold of Fcb's Resource, which is released and gone.
-VOID NtFsdDeleteFcb(PFCB Fcb, ResourceHold &Hold);
+VOID NtFsdDeleteFcb(PFCB Fcb, ResourceHold &Hold) HOLDING(FcbTableResource, Fcb->Resource);
 
 // Initialises the lock table of a file FCB, once in its life. Resource held exclusive.
 VOID NtFsdInitializeFcbFileLock(PFCB Fcb);
@@ -88,24 +87,24 @@ VOID NtFsdInitializeParents();
 
 // Counts one FCB in below the directory of Path and every directory above that. *Parent is what is to be released; NULL
 // below a volume itself. STATUS_INSUFFICIENT_RESOURCES counts nothing.
-NTSTATUS NtFsdHoldParent(PCUNICODE_STRING Path, PARENT_RECORD **Parent);
-VOID NtFsdReleaseParent(PARENT_RECORD *Parent);
+NTSTATUS NtFsdHoldParent(PCUNICODE_STRING Path, PARENT_RECORD **Parent) HOLDING(FcbTableResource);
+VOID NtFsdReleaseParent(PARENT_RECORD *Parent) HOLDING(FcbTableResource);
 
 // TRUE when the path of an FCB in the prefix table lies below Path, the path of a directory below a volume. One look-up
 // however many are open.
-bool NtFsdHasFcbBelow(PCUNICODE_STRING Path);
+bool NtFsdHasFcbBelow(PCUNICODE_STRING Path) HOLDING(FcbTableResource);
 
 // ---- The prefix table (names/fcb_table.cpp) ------------------------------------------------------------------------
 
 // The FCB with the longest path that is a component prefix of Path, ignoring case, or NULL. Remaining (aliasing Path)
 // receives what is left of Path after it; it is empty for an exact match. FcbTableResource held.
-PFCB NtFsdFindFcb(PUNICODE_STRING Path, PUNICODE_STRING Remaining);
+PFCB NtFsdFindFcb(PUNICODE_STRING Path, PUNICODE_STRING Remaining) HOLDING_SHARED(FcbTableResource);
 
 // Sets up the prefix table, at start.
 VOID NtFsdInitializeFcbTable();
 
 // Takes Fcb out of the prefix table if it is in it. FcbTableResource and its Resource held, or no request in flight.
-VOID NtFsdRemovePrefix(PFCB Fcb);
+VOID NtFsdRemovePrefix(PFCB Fcb) HOLDING(FcbTableResource);
 
 // Finds the FCB of exactly Path or creates it. On success Hold holds its Resource exclusive and OpenCount is one
 // higher. STATUS_RETRY, with nothing done, when Source, which Path was composed of, has another path by now.
@@ -121,9 +120,9 @@ public:
     ~NewPathRecord();
     // Copies Path, once, and counts it in below its directory. STATUS_INSUFFICIENT_RESOURCES or STATUS_NAME_TOO_LONG.
     // FcbTableResource held exclusive.
-    NTSTATUS Make(PCUNICODE_STRING Path);
+    NTSTATUS Make(PCUNICODE_STRING Path) HOLDING(FcbTableResource);
     // Counts it out again, unless an FCB has taken it. FcbTableResource held exclusive.
-    VOID Drop() {
+    VOID Drop() HOLDING(FcbTableResource) {
         NtFsdReleaseParent(DetachParent());
     }
     PARENT_RECORD *DetachParent() {
@@ -145,10 +144,10 @@ private:
 
 // Re-keys Fcb under NewPath. The caller holds FcbTableResource and Fcb's Resource exclusive. Every instance keeps a
 // valid PathLeft. When the new key cannot be inserted the FCB stays out of the table.
-VOID NtFsdRenameFcb(PFCB Fcb, NewPathRecord &NewPath);
+VOID NtFsdRenameFcb(PFCB Fcb, NewPathRecord &NewPath) HOLDING(FcbTableResource, Fcb->Resource);
 
 // Trace of the FCBs that have notification requests waiting. FcbTableResource held.
-VOID NtFsdDumpPrefixTable();
+VOID NtFsdDumpPrefixTable() HOLDING_SHARED(FcbTableResource);
 
 // ---- Opens (names/open_fcb.cpp)
 
@@ -184,7 +183,7 @@ NTSTATUS NtFsdCheckRelated(PFILE_OBJECT FileObject, PFCB *Fcb, PINSTANCE_CONTEXT
 // down when none is left. The caller holds FcbTableResource, and Fcb's Resource in Hold; when *FcbFreed (may be NULL)
 // is TRUE that hold is gone. Returns the translated status of the delete, or STATUS_SUCCESS.
 NTSTATUS TwSupDereference(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, BOOLEAN *FcbFreed,
-                          ResourceHold &Hold);
+                          ResourceHold &Hold) HOLDING(FcbTableResource, Fcb->Resource);
 
 // Frees an instance with its listing buffers. Unlinked by the caller.
 VOID NtFsdFreeInstance(PINSTANCE_CONTEXT Instance);
