@@ -4,7 +4,7 @@
 // kernel refers to it, something is open in it, or it has children. Its number is made from its parent's number and its
 // name, so that it is the same whenever it is asked for; a name that is given to something else meanwhile gets another.
 //
-// Names are kept in UTF-8 as the kernel gave them; ServedPath gives what the server is asked for. All functions lock.
+// Names are kept in UTF-8 as the kernel gave them; Path gives what the server is asked for. All functions lock.
 #pragma once
 
 #include <atomic>
