@@ -126,7 +126,7 @@ NTSTATUS FindFcb(CREATE_STATE &Create) {
 NTSTATUS CheckRelatedFileObject(const CREATE_STATE &Create) {
     if (Create.RelatedFileObject != nullptr && Create.Name.Length != 0) {
         const FCB *Related = static_cast<const FCB *>(Create.RelatedFileObject->FsContext);
-        if (__atomic_load_n(&Related->OpenType, __ATOMIC_RELAXED) != OPEN_TYPE_DIRECTORY) {
+        if (NtFsdReadOpenType(Related) != OPEN_TYPE_DIRECTORY) {
             return STATUS_NOT_A_DIRECTORY;
         }
     }

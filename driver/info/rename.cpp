@@ -360,7 +360,7 @@ RVHANDLE TakeTargetHandle(const RENAME &Rename) HOLDING(FcbTableResource) {
     const ExclusiveHold Hold(&Rename.TargetFcb->Resource);
     const RVHANDLE Handle = Target->DirHandle;
     if (Handle != 0) {
-        __atomic_store_n(&Target->DirHandle, RVHANDLE{0}, __ATOMIC_RELAXED);
+        NtFsdSetDirHandle(Target, 0);
         Target->RelatedHandle = Target->BaseHandle;
     }
     return Handle;

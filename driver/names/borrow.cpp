@@ -19,11 +19,11 @@ PINSTANCE_CONTEXT FirstBorrower(PINSTANCE_CONTEXT Lender) {
 } // namespace
 
 RVHANDLE NtFsdHandleToLend(PINSTANCE_CONTEXT Instance) {
-    const RVHANDLE Directory = __atomic_load_n(&Instance->DirHandle, __ATOMIC_RELAXED);
+    const RVHANDLE Directory = NtFsdReadDirHandle(Instance);
     if (Directory != 0) {
         return Directory;
     }
-    const PWSTR PathLeft = __atomic_load_n(&Instance->PathLeft, __ATOMIC_ACQUIRE);
+    const PWSTR PathLeft = NtFsdReadPathLeft(Instance);
     return *PathLeft == 0 ? Instance->VolumeHandle : 0;
 }
 
@@ -46,7 +46,7 @@ VOID NtFsdNameByFullPath(PINSTANCE_CONTEXT Instance) {
         Instance->RelatedHandle = 0;
     }
     Instance->BaseHandle = 0;
-    __atomic_store_n(&Instance->PathLeft, Instance->Fcb->FullPath.Buffer, __ATOMIC_RELEASE);
+    NtFsdSetPathLeft(Instance, Instance->Fcb->FullPath.Buffer);
 }
 
 bool NtFsdRebaseBorrowers(PINSTANCE_CONTEXT Lender, BOOLEAN Wait) {

@@ -208,30 +208,57 @@ private:
     RV_SECURITY_CONTEXT Own_;
 };
 
-// Says what kind of object Fcb is. Fcb->Resource is held exclusively; requests on other opens read the kind without it,
-// and it stays what it is while any of them is there.
+// ---- What is also read without the lock that it is written under ---------------------------------------------------
+//
+// Written with the FCB's Resource held exclusively.
+
+// What kind of object Fcb is. It stays what it is while an open of it is there.
+inline ULONG NtFsdReadOpenType(const FCB *Fcb) {
+    return __atomic_load_n(&Fcb->OpenType, __ATOMIC_RELAXED);
+}
 inline VOID NtFsdSetOpenType(PFCB Fcb, ULONG OpenType) {
-    if (__atomic_load_n(&Fcb->OpenType, __ATOMIC_RELAXED) != OpenType) {
+    if (NtFsdReadOpenType(Fcb) != OpenType) {
         __atomic_store_n(&Fcb->OpenType, OpenType, __ATOMIC_RELAXED);
     }
 }
 
-// Changes of the FCB_STATE bits and of VolumeResolved, with the Resource held exclusively. Decoding a file object reads
-// the bits without it, and a relative open reads VolumeResolved of its directory.
+// The FCB_STATE bits; decoding a file object reads them.
+inline ULONG NtFsdReadOpenFlags(const FCB *Fcb) {
+    return __atomic_load_n(&Fcb->OpenFlags, __ATOMIC_RELAXED);
+}
 inline VOID NtFsdSetOpenFlags(PFCB Fcb, ULONG Bits) {
     __atomic_store_n(&Fcb->OpenFlags, Fcb->OpenFlags | Bits, __ATOMIC_RELAXED);
 }
 inline VOID NtFsdClearOpenFlags(PFCB Fcb, ULONG Bits) {
     __atomic_store_n(&Fcb->OpenFlags, Fcb->OpenFlags & ~Bits, __ATOMIC_RELAXED);
 }
+
+// A relative open reads that of its directory.
+inline UCHAR NtFsdReadVolumeResolved(const FCB *Fcb) {
+    return __atomic_load_n(&Fcb->VolumeResolved, __ATOMIC_RELAXED);
+}
 inline VOID NtFsdSetVolumeResolved(PFCB Fcb, UCHAR Resolved) {
     __atomic_store_n(&Fcb->VolumeResolved, Resolved, __ATOMIC_RELAXED);
+}
+
+// Of an open that another is named relative to.
+inline RVHANDLE NtFsdReadDirHandle(const INSTANCE_CONTEXT *Instance) {
+    return __atomic_load_n(&Instance->DirHandle, __ATOMIC_RELAXED);
+}
+inline VOID NtFsdSetDirHandle(PINSTANCE_CONTEXT Instance, RVHANDLE Handle) {
+    __atomic_store_n(&Instance->DirHandle, Handle, __ATOMIC_RELAXED);
+}
+inline PWSTR NtFsdReadPathLeft(const INSTANCE_CONTEXT *Instance) {
+    return __atomic_load_n(&Instance->PathLeft, __ATOMIC_ACQUIRE);
+}
+inline VOID NtFsdSetPathLeft(PINSTANCE_CONTEXT Instance, PWSTR Path) {
+    __atomic_store_n(&Instance->PathLeft, Path, __ATOMIC_RELEASE);
 }
 
 // TRUE for an open of a file without a handle of it: the parent of a rename's target that turned out to be a file. It
 // can only be closed and asked for its volume; the Provider must never be asked with handle 0.
 inline bool NtFsdLacksFileHandle(const FCB *Fcb, const INSTANCE_CONTEXT *Instance) {
-    return __atomic_load_n(&Fcb->OpenType, __ATOMIC_RELAXED) == OPEN_TYPE_FILE && Instance->FileHandle == 0;
+    return NtFsdReadOpenType(Fcb) == OPEN_TYPE_FILE && Instance->FileHandle == 0;
 }
 
 // ---- Use of an open (names/open_use.cpp)
