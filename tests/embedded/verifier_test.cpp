@@ -384,13 +384,12 @@ const PlantedFault MdlFaults[] = {
 
 // Takes Bytes of the stack, step by step.
 __attribute__((noinline)) void TakeStack(ULONG_PTR Bytes, ULONG_PTR From = 0) {
-    volatile char Room[512];
-    Room[0] = 0;
+    char Room[512];
     const auto Here = reinterpret_cast<ULONG_PTR>(__builtin_frame_address(0));
     if (From == 0 || From - Here < Bytes) {
         TakeStack(Bytes, From == 0 ? Here : From);
     }
-    Room[0] = 1;
+    asm volatile("" : : "r"(Room) : "memory"); // keeps the room, and the call from being a jump
 }
 
 constexpr ULONG_PTR MostOfTheStack = DriverStackBytes - 4096;
