@@ -38,7 +38,7 @@ struct ParsedLine {
 };
 
 // Reads Words into the places of Globals and of the verb that they name. UsageError for what nothing takes. A verb may
-// be left out only where Globals are of the whole program (OfProgram).
+// be left out; whether it had to be named is the caller's to say.
 ParsedLine ParseLine(std::vector<std::string> Words, const VerbList &List, const std::vector<Parameter> &Globals);
 
 } // namespace app

@@ -16,6 +16,7 @@
 #include "app/remote_file.h"
 #include "app/text.h"
 #include "embedded/image/symbols.h"
+#include "embedded/verifier/driver_stack.h"
 #include "embedded/verifier/report.h"
 #include "frame/status_translation.h"
 #include "kernel/linux/driver_image.h"
@@ -238,6 +239,9 @@ void Session::Start() {
     }
     Framework_->SetTimeSource([] { return embedded::Clock::SystemTime(); });
     Framework_->SetCaller([] { return CallerContext(); });
+    if (Options_.Verify) {
+        Framework_->SetOperationCaller(embedded::RunProvider);
+    }
     const NTSTATUS Status =
         Image_ != nullptr ? Kernel_->LoadDriver(*Image_, u"RVFSD") : Kernel_->LoadDriver(DriverEntry, u"RVFSD");
     if (!NT_SUCCESS(Status)) {

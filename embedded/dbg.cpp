@@ -210,12 +210,14 @@ void AppendConversion(std::string &Out, const Conversion &Directive, Arguments &
 
 ULONG Print(PCSTR Format, __builtin_ms_va_list List) {
     const std::string Text = FormatMessage(Format, List);
-    std::lock_guard Guard(Output().Mutex);
-    if (Output().Write) {
-        Output().Write(Text);
-    } else {
-        fwrite(Text.data(), 1, Text.size(), stderr);
-    }
+    OnHostStack([&] {
+        std::lock_guard Guard(Output().Mutex);
+        if (Output().Write) {
+            Output().Write(Text);
+        } else {
+            fwrite(Text.data(), 1, Text.size(), stderr);
+        }
+    });
     return STATUS_SUCCESS;
 }
 

@@ -166,7 +166,7 @@ NTSTATUS LoadDriverObject(PDRIVER_INITIALIZE Initialize, std::u16string_view Nam
         AttachProcess Attached(SystemProcess());
         RequireUnchanged Unchanged(DriverCall::Other, "the driver's initialisation");
         FaultScope Faults;
-        Status = Initialize(&Driver, &RegistryPath);
+        OnDriverStack([&] { Status = Initialize(&Driver, &RegistryPath); });
     }
     if (!NT_SUCCESS(Status)) {
         if (Driver.DeviceObject != nullptr) {

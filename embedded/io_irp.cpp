@@ -258,12 +258,14 @@ __attribute__((noinline)) void NTAPI Observe(const IrpBlock &Block) noexcept {
                                       Block.Irp.IoStatus.Status,
                                       Block.Irp.IoStatus.Information,
                                       Block.StartTime == 0 ? 0 : WallClock() - Block.StartTime};
-    if (TheObserver) {
-        TheObserver(Request);
-    }
-    if (IoTap *Tap = TheTap.load(std::memory_order_acquire)) {
-        Tap->Completed(Request);
-    }
+    OnHostStack([&] {
+        if (TheObserver) {
+            TheObserver(Request);
+        }
+        if (IoTap *Tap = TheTap.load(std::memory_order_acquire)) {
+            Tap->Completed(Request);
+        }
+    });
 }
 
 __attribute__((noinline)) int64_t NTAPI ObserveSent(const IrpBlock &Block) noexcept {
@@ -432,8 +434,7 @@ NTSTATUS CallDriver(DeviceObject &Device, IrpBlock &Block) noexcept {
     {
         RequireUnchanged Unchanged(DriverCall::Dispatch, MajorFunctionName(MajorFunction));
         FaultScope Faults;
-        const DriverStack Stack;
-        Status = Device.Nt.DriverObject->MajorFunction[MajorFunction](&Device.Nt, &Block.Irp);
+        OnDriverStack([&] { Status = Device.Nt.DriverObject->MajorFunction[MajorFunction](&Device.Nt, &Block.Irp); });
     }
     if (Observed) [[unlikely]] {
         ObserveReturned(Block, Status);
@@ -512,7 +513,7 @@ bool CancelIrp(IrpBlock &Block) noexcept {
     }
     Irp->CancelIrql = Irql;
     FaultScope Faults;
-    Routine(Irp->Tail.Overlay.CurrentStackLocation->DeviceObject, Irp);
+    OnDriverStack([&] { Routine(Irp->Tail.Overlay.CurrentStackLocation->DeviceObject, Irp); });
     if (FindHeld(CurrentThread(), &CancelSpinLock.Lock) != nullptr || CurrentThread().Irql != Irql) {
         BugCheck(bugcheck::IoVerifier, bugcheck::OwnRule, reinterpret_cast<ULONG_PTR>(Irp), CurrentThread().Irql, Irql,
                  "a cancel routine did not release the cancel spin lock to the IRQL of the request");

@@ -15,6 +15,7 @@
 #include "embedded/image/calls.h"
 #include "embedded/mm.h"
 #include "embedded/ps.h"
+#include "embedded/verifier/driver_stack.h"
 #include "embedded/verifier/locks.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"
@@ -191,6 +192,7 @@ void EnterThread(KThread &Thread) {
 
 void LeaveThread(KThread &Thread) {
     FreeSpareMdl(Thread);
+    LeaveDriverStacks(Thread);
     TakeSignalStack(Thread);
     ThreadList &List = Threads();
     std::lock_guard Guard(List.Mutex);

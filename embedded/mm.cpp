@@ -14,6 +14,7 @@
 #include "embedded/image/faults.h"
 #include "embedded/mm_mapping.h"
 #include "embedded/ps.h"
+#include "embedded/verifier/driver_stack.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"
 #include "embedded/verifier/stack.h"
@@ -105,6 +106,13 @@ void OnFault(int Signal, siginfo_t *Info, void *Context) {
         ReportFaultInImage(Signal, Info->si_addr, Context);
     }
     if (Info->si_code > 0 && Signal == SIGSEGV) {
+        const greg_t *Registers = static_cast<ucontext_t *>(Context)->uc_mcontext.gregs;
+        if (const ULONG_PTR Bytes = StackUsedUp(Info->si_addr, static_cast<ULONG_PTR>(Registers[REG_RSP]));
+            Bytes != 0) {
+            ReportStackFrom(static_cast<ULONG_PTR>(Registers[REG_RBP]));
+            BugCheck(0x7F, 8, reinterpret_cast<ULONG_PTR>(Info->si_addr), static_cast<ULONG_PTR>(Rip), 0,
+                     fmt::format("the stack is used up, {} bytes, at {}", Bytes, DescribeAddress(Place)));
+        }
         if (const std::string Guarded = DescribeGuarded(Info->si_addr); !Guarded.empty()) {
             BugCheck(0x50, reinterpret_cast<ULONG_PTR>(Info->si_addr), 0, static_cast<ULONG_PTR>(Rip), 0,
                      fmt::format("touched memory at {} that nobody can{}", Info->si_addr, Guarded));

@@ -74,7 +74,6 @@ ProcessTable &Processes() {
 
 // The frames of the driver are left by a jump, not by unwinding, which does not pass through them.
 __attribute__((noinline)) void RunStartRoutine(SystemThread &Thread) {
-    Thread.Thread.DriverFrame = reinterpret_cast<ULONG_PTR>(__builtin_frame_address(0));
     if (_setjmp(Thread.Exit) == 0) {
         Thread.Start(Thread.Context);
     }
@@ -84,7 +83,7 @@ void ThreadMain(SystemThread &Thread) {
     EnterExplored(Thread.Thread.Explored);
     CurrentSystemThread = &Thread;
     EnterThread(Thread.Thread);
-    RunStartRoutine(Thread);
+    OnDriverStack([&] { RunStartRoutine(Thread); });
     CheckThreadEnd(Thread.Thread);
     LeaveThread(Thread.Thread);
     CurrentSystemThread = nullptr;

@@ -56,7 +56,6 @@ struct _KTHREAD {
     embedded::TokenObject *Impersonated; // null: the process's own token
     ULONG FaultScopes;                   // driver code runs: faults may be injected
     ULONG FaultExempts;                  // ... but not while this is set
-    ULONG_PTR DriverFrame;               // where the stack of the innermost call into the driver begins; 0 outside
     PMDL SpareMdl;                       // the MDL freed last, while nothing is verified
 
     ULONG HeldCount;
@@ -64,6 +63,13 @@ struct _KTHREAD {
     embedded::SeenEdge Seen[embedded::SeenEdges];
     ULONG_PTR StackLow;
     ULONG_PTR StackHigh;
+
+    // The driver's stack (verifier/driver_stack.h).
+    ULONG_PTR DriverFrame;   // where it begins, its upper end; 0 outside of the driver
+    ULONG_PTR DriverLow;     // where it ends; 0 when it is the host's
+    ULONG DriverStacks;      // that this thread has
+    ULONG DriverStacksInUse; // the driver called from a Provider that the driver called
+    ULONG ProviderPainted;   // a bit for each whose Provider's share is measured
 
     // Pool of the unverified kind: written by this thread only, summed by others.
     std::atomic<LONG64> PoolBytes;

@@ -143,7 +143,9 @@ bool AskFast(BOOLEAN(NTAPI *Query)(PFILE_OBJECT, BOOLEAN, Record *, PIO_STATUS_B
     {
         RequireUnchanged Unchanged(DriverCall::FastIo, Routine);
         FaultScope Faults;
-        if (!Query(&File.Nt, File.IsSynchronous(), &Found, &Answered, &File.Device->Nt)) {
+        bool Taken = false;
+        OnDriverStack([&] { Taken = Query(&File.Nt, File.IsSynchronous(), &Found, &Answered, &File.Device->Nt); });
+        if (!Taken) {
             return false;
         }
     }

@@ -5,7 +5,7 @@
 // number and its name, so that it is the same whenever it is asked for; a name that is given to something else
 // meanwhile gets another.
 //
-// Names are kept in UTF-8 as the kernel gave them; ServedPath gives what the server is asked for. All functions lock.
+// Names are kept in UTF-8 as the kernel gave them; Path gives what the server is asked for. All functions lock.
 #pragma once
 
 #include <atomic>

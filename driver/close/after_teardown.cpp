@@ -12,9 +12,9 @@
 namespace {
 
 DRIVER_GLOBAL KSPIN_LOCK OutlivingLock = 0;
-DRIVER_GLOBAL LIST_ENTRY OutlivingFcbs = {&OutlivingFcbs, &OutlivingFcbs}; // under OutlivingLock, as the next
-DRIVER_GLOBAL BOOLEAN Detached = FALSE;
-DRIVER_GLOBAL PFCB OutlivingDevice = nullptr; // under OutlivingLock: the control device's, whose opens it counts
+DRIVER_GLOBAL LIST_ENTRY OutlivingFcbs UNDER(OutlivingLock) = {&OutlivingFcbs, &OutlivingFcbs};
+DRIVER_GLOBAL BOOLEAN Detached UNDER(OutlivingLock) = FALSE;
+DRIVER_GLOBAL PFCB OutlivingDevice UNDER(OutlivingLock) = nullptr; // the control device's, whose opens it counts
 
 PFCB FcbOf(PLIST_ENTRY Links) {
     return CONTAINING_RECORD(Links, FCB, FcbLinks);
@@ -27,8 +27,7 @@ PINSTANCE_CONTEXT InstanceOf(PLIST_ENTRY Links) {
 // Takes every FCB but the control device's off FcbList.
 void TakeFcbs(PLIST_ENTRY Fcbs) {
     InitializeListHead(Fcbs);
-    ResourceHold Hold;
-    Hold.AcquireExclusive(&FcbListResource, TRUE);
+    const ExclusiveHold Hold(&FcbListResource);
     for (PLIST_ENTRY Links = FcbList.Flink; Links != &FcbList;) {
         const PFCB Fcb = FcbOf(Links);
         Links = Links->Flink;
@@ -86,7 +85,7 @@ void FreeAll(PLIST_ENTRY Instances, PLIST_ENTRY Fcbs) {
 }
 
 // Moves the instances whose file objects have been closed meanwhile. OutlivingLock held.
-void TakeAbandoned(PFCB Fcb, PLIST_ENTRY Abandoned) {
+void TakeAbandoned(PFCB Fcb, PLIST_ENTRY Abandoned) HOLDING(OutlivingLock) {
     for (PLIST_ENTRY Links = Fcb->InstanceList.Flink; Links != &Fcb->InstanceList;) {
         const PINSTANCE_CONTEXT Instance = InstanceOf(Links);
         Links = Links->Flink;
@@ -104,7 +103,7 @@ void Publish(PLIST_ENTRY Fcbs) {
     InitializeListHead(&Abandoned);
     InitializeListHead(&Unused);
     {
-        const SpinLockHold Hold(&OutlivingLock);
+        const SpinLockHold Hold(OutlivingLock);
         while (!IsListEmpty(Fcbs)) {
             const PFCB Fcb = FcbOf(RemoveHeadList(Fcbs));
             TakeAbandoned(Fcb, &Abandoned);
@@ -117,7 +116,7 @@ void Publish(PLIST_ENTRY Fcbs) {
 
 // The FCB at FsContext if it outlived teardown. Compares addresses only: what FsContext points to may be gone.
 // OutlivingLock held.
-PFCB FindOutliving(const void *FsContext) {
+PFCB FindOutliving(const void *FsContext) HOLDING(OutlivingLock) {
     for (PLIST_ENTRY Links = OutlivingFcbs.Flink; Links != &OutlivingFcbs; Links = Links->Flink) {
         if (FcbOf(Links) == FsContext) {
             return FcbOf(Links);
@@ -136,13 +135,13 @@ PINSTANCE_CONTEXT FindInstance(PFCB Fcb, const void *FsContext2) {
 }
 
 // TRUE for an FCB of the control device. OutlivingLock held.
-bool IsDeviceFcb(const void *FsContext) {
+bool IsDeviceFcb(const void *FsContext) HOLDING(OutlivingLock) {
     return FsContext != nullptr && (FsContext == DriverFcb || FsContext == OutlivingDevice);
 }
 
 // Counts an open of the control device out. Its process record went with teardown; the FCB goes into Fcbs with the last
 // open, or with teardown when that has not come to it yet. OutlivingLock held.
-void TakeDeviceOpen(PFCB Fcb, PLIST_ENTRY Fcbs) {
+void TakeDeviceOpen(PFCB Fcb, PLIST_ENTRY Fcbs) HOLDING(OutlivingLock) {
     if (--Fcb->OpenCount == 0 && Fcb == OutlivingDevice) {
         OutlivingDevice = nullptr;
         InsertTailList(Fcbs, &Fcb->FcbLinks);
@@ -150,7 +149,7 @@ void TakeDeviceOpen(PFCB Fcb, PLIST_ENTRY Fcbs) {
 }
 
 // Unlinks the open of FileObject into Instances, and its FCB into Fcbs when it was the last. OutlivingLock held.
-void TakeOpen(PFILE_OBJECT FileObject, PLIST_ENTRY Instances, PLIST_ENTRY Fcbs) {
+void TakeOpen(PFILE_OBJECT FileObject, PLIST_ENTRY Instances, PLIST_ENTRY Fcbs) HOLDING(OutlivingLock) {
     const PFCB Fcb = FindOutliving(FileObject->FsContext);
     if (Fcb == nullptr) {
         return;
@@ -168,7 +167,7 @@ void TakeOpen(PFILE_OBJECT FileObject, PLIST_ENTRY Instances, PLIST_ENTRY Fcbs) 
 }
 
 // Teardown has begun but has not come to this open yet: it finds the mark. OutlivingLock held.
-void AbandonOpen(PFILE_OBJECT FileObject) {
+void AbandonOpen(PFILE_OBJECT FileObject) HOLDING(OutlivingLock) {
     if (FileObject->FsContext2 != nullptr && NtFsdIsFcb(FileObject->FsContext)) {
         static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2)->FileObject = nullptr;
     }
@@ -186,6 +185,8 @@ VOID NtFsdDetachOpens() {
         NtFsdFillIrpContext(&Context, nullptr, TRUE, 0);
         for (PLIST_ENTRY Links = Fcbs.Flink; Links != &Fcbs; Links = Links->Flink) {
             const PFCB Fcb = FcbOf(Links);
+            NtFsdNobodyElse(&FcbTableResource);
+            NtFsdNobodyElse(&Fcb->Resource);
             NtFsdRemovePrefix(Fcb);
             NtFsdTakeNotifyList(Fcb, &Notifications);
             EndLocks(Fcb);
@@ -202,7 +203,7 @@ VOID NtFsdDetachOpens() {
 
 PFCB NtFsdTakeDeviceFcb() {
     {
-        const SpinLockHold Hold(&OutlivingLock);
+        const SpinLockHold Hold(OutlivingLock);
         if (DriverFcb->OpenCount == 0) {
             const PFCB Fcb = DriverFcb;
             DriverFcb = nullptr;
@@ -210,14 +211,13 @@ PFCB NtFsdTakeDeviceFcb() {
         }
     }
     {
-        ResourceHold Hold;
-        Hold.AcquireExclusive(&FcbListResource, TRUE);
+        const ExclusiveHold Hold(&FcbListResource);
         RemoveEntryList(&DriverFcb->FcbLinks);
         --FcbCount;
     }
     PFCB Unused = nullptr;
     {
-        const SpinLockHold Hold(&OutlivingLock);
+        const SpinLockHold Hold(OutlivingLock);
         (DriverFcb->OpenCount == 0 ? Unused : OutlivingDevice) = DriverFcb;
         DriverFcb = nullptr;
     }
@@ -228,7 +228,7 @@ PFCB NtFsdTakeDeviceFcb() {
 }
 
 PFCB NtFsdFcbAfterTeardown(PFILE_OBJECT FileObject) {
-    const SpinLockHold Hold(&OutlivingLock);
+    const SpinLockHold Hold(OutlivingLock);
     if (Detached) {
         return FindOutliving(FileObject->FsContext);
     }
@@ -243,7 +243,7 @@ VOID NtFsdCloseAfterTeardown(PFILE_OBJECT FileObject) {
     InitializeListHead(&Instances);
     InitializeListHead(&Fcbs);
     {
-        const SpinLockHold Hold(&OutlivingLock);
+        const SpinLockHold Hold(OutlivingLock);
         if (IsDeviceFcb(FileObject->FsContext)) {
             TakeDeviceOpen(static_cast<PFCB>(FileObject->FsContext), &Fcbs);
         } else if (Detached) {

@@ -165,6 +165,7 @@ bool JudgeDelete(CLOSE &Close) {
 
 void DeleteOnClose(CLOSE &Close) {
     NtFsdDebugPrint(TRACE_GENERAL, 0, "   Deleting file/directory on close.\n");
+    Close.Hold.Holds(&Close.Fcb->Resource);
     if (DeleteObject(Close) && JudgeDelete(Close)) {
         Ignore(NtFsdNotifyChange(Close.IrpContext, Close.Fcb, 1, Close.Hold), "watchers are told if they can be");
         NtFsdSetOpenFlags(Close.Fcb, FCB_STATE_DELETED);
@@ -188,6 +189,8 @@ void CloseVolumeHandle(CLOSE &Close) {
 }
 
 void Dereference(CLOSE &Close) {
+    Close.Table.Holds(&FcbTableResource);
+    Close.Hold.Holds(&Close.Fcb->Resource);
     // A handle that was alone when it was cleaned up left its claim; others that have come since must not meet it.
     if (Close.Fcb->OpenCount > 1) {
         NtFsdRemoveShareClaim(Close.Fcb, Close.FileObject);
@@ -245,8 +248,7 @@ VOID NtFsdFreeOrphanInstance(PFILE_OBJECT FileObject) {
     if (!IsLinked(Instance)) {
         return;
     }
-    ResourceHold Table;
-    Table.AcquireExclusive(&FcbTableResource, TRUE);
+    const ExclusiveHold Table(&FcbTableResource);
     RemoveEntryList(&Instance->Links);
     NtFsdFreeInstance(Instance);
 }

@@ -11,7 +11,7 @@ inline VOID NtFsdForgetShareClaim(PFILE_OBJECT FileObject) {
 }
 
 // Takes FileObject's claim out of Fcb's share access, once: a second call finds no claim. Resource held exclusive.
-inline VOID NtFsdRemoveShareClaim(PFCB Fcb, PFILE_OBJECT FileObject) {
+inline VOID NtFsdRemoveShareClaim(PFCB Fcb, PFILE_OBJECT FileObject) HOLDING(Fcb->Resource) {
     IoRemoveShareAccess(FileObject, &Fcb->ShareAccess);
     NtFsdForgetShareClaim(FileObject); // the removal leaves the flags as they are
 }

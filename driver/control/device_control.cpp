@@ -24,26 +24,10 @@ struct CLAIM_PATH {
 CLAIM_PATH SplitName(PCUNICODE_STRING PathName) {
     CLAIM_PATH Path = {*PathName, 0, 0};
     Path.Name.Length = static_cast<USHORT>(PathName->Length & ~1u);
-    const PCWSTR Text = Path.Name.Buffer;
-    const ULONG Units = Path.Name.Length / sizeof(WCHAR);
-    ULONG At = 0;
-    while (At < Units && Text[At] == SEPARATOR) {
-        ++At;
-    }
-    while (At < Units && Text[At] != SEPARATOR) {
-        ++At;
-    }
-    const ULONG ServerUnits = At;
-    if (At < Units) {
-        ++At;
-    }
-    const ULONG ShareStart = At;
-    while (At < Units && Text[At] != SEPARATOR) {
-        ++At;
-    }
-    const bool HasShare = At > ShareStart;
-    Path.ServerPrefixLength = HasShare ? static_cast<USHORT>(ServerUnits * sizeof(WCHAR)) : Path.Name.Length;
-    Path.VolumeLength = HasShare ? static_cast<USHORT>(At * sizeof(WCHAR)) : Path.Name.Length;
+    const VOLUME_POSITION Volume = NtFsdFindVolume(Path.Name);
+    const bool HasShare = Volume.End > Volume.Start;
+    Path.ServerPrefixLength = HasShare ? static_cast<USHORT>(Volume.ServerEnd * sizeof(WCHAR)) : Path.Name.Length;
+    Path.VolumeLength = HasShare ? static_cast<USHORT>(Volume.End * sizeof(WCHAR)) : Path.Name.Length;
     return Path;
 }
 

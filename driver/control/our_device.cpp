@@ -116,6 +116,7 @@ NTSTATUS NtFsdUnInitOurDevice() {
         if (const PFCB Unused = NtFsdTakeDeviceFcb(); Unused != nullptr) {
             ResourceHold Hold;
             Hold.AcquireExclusive(&Unused->Resource, TRUE);
+            NtFsdNobodyElse(&FcbTableResource);
             NtFsdDeleteFcb(Unused, Hold);
         }
     }

@@ -101,6 +101,7 @@ NTSTATUS FindFcb(CREATE_STATE &Create) {
     }
     PFCB Fcb = Create.Fcb;
     PINSTANCE_CONTEXT Instance = Create.Instance;
+    Create.Hold.Holds(&Fcb->Resource);
     NtFsdDebugPrint(TRACE_CREATE, 0, "FCB Open Count         = %d\n", Create.OpenCount);
     NtFsdDebugPrint(TRACE_CREATE, 0, "reference Count        = %d\n", Create.OpenCount);
     NtFsdDebugPrint(TRACE_CREATE, 0, "Instance Dir Handle    = 0x%x\n", LowPart(Instance->DirHandle));
@@ -125,7 +126,7 @@ NTSTATUS FindFcb(CREATE_STATE &Create) {
 NTSTATUS CheckRelatedFileObject(const CREATE_STATE &Create) {
     if (Create.RelatedFileObject != nullptr && Create.Name.Length != 0) {
         const FCB *Related = static_cast<const FCB *>(Create.RelatedFileObject->FsContext);
-        if (__atomic_load_n(&Related->OpenType, __ATOMIC_RELAXED) != OPEN_TYPE_DIRECTORY) {
+        if (NtFsdReadOpenType(Related) != OPEN_TYPE_DIRECTORY) {
             return STATUS_NOT_A_DIRECTORY;
         }
     }
@@ -204,6 +205,7 @@ void RecordShareAccess(CREATE_STATE &Create) {
         return;
     }
     PFCB Fcb = Create.Fcb;
+    Create.Hold.Holds(&Fcb->Resource);
     const NTSTATUS Status =
         IoCheckShareAccess(Create.CheckAccess, Create.ShareAccess, Create.FileObject, &Fcb->ShareAccess, TRUE);
     if (NT_SUCCESS(Status)) {
@@ -220,6 +222,7 @@ void RecordShareAccess(CREATE_STATE &Create) {
 // Every success ends here, with the FCB's Resource held.
 NTSTATUS CompleteSuccess(CREATE_STATE &Create) {
     PFCB Fcb = Create.Fcb;
+    Create.Hold.Holds(&Fcb->Resource);
     Create.Instance->ProviderAccess = Create.ProviderAccess;
     Create.Instance->ShareMode = Create.ShareAccess;
     Create.Instance->ProviderOptions = Create.ProviderOptions;
@@ -248,6 +251,7 @@ NTSTATUS CompleteSuccess(CREATE_STATE &Create) {
 // Puts the FCB back to what it was before this create, for those who have it open or attach before the reference goes.
 void UndoFcbChanges(CREATE_STATE &Create) {
     PFCB Fcb = Create.Fcb;
+    Create.Hold.Holds(&Fcb->Resource);
     constexpr ULONG KEPT = FCB_STATE_IN_PREFIX_TABLE;
     NtFsdClearOpenFlags(Fcb, ~(Create.Before.OpenFlags | KEPT));
     NtFsdSetOpenFlags(Fcb, Create.Before.OpenFlags & ~KEPT);
@@ -272,8 +276,7 @@ void DropReference(CREATE_STATE &Create) {
     PINSTANCE_CONTEXT Instance = Create.Instance;
     // The table comes before the FCB. The instance keeps the FCB alive in between.
     Create.Hold.Release();
-    ResourceHold Table;
-    Table.AcquireExclusive(&FcbTableResource, TRUE);
+    const ExclusiveHold Table(&FcbTableResource);
     Create.Hold.AcquireExclusive(&Fcb->Resource, TRUE);
     if (Instance->VolumeHandle != 0) {
         NtFsdDebugPrint(TRACE_GENERAL, 0, "Closing Volume 0x%x\n", LowPart(Instance->VolumeHandle));

@@ -16,6 +16,14 @@ NTSTATUS NtFsdNotifyDirectoryChange(PIRP_CONTEXT IrpContext);
 
 // ---- Searches (dir/search.cpp)
 
+// Whether there is a search. Written under its lock, read without it to choose the hold of the FCB.
+inline bool NtFsdIsSearching(const INSTANCE_CONTEXT *Instance) {
+    return __atomic_load_n(&Instance->SearchInitialized, __ATOMIC_ACQUIRE) != FALSE;
+}
+inline VOID NtFsdSetSearching(PINSTANCE_CONTEXT Instance, BOOLEAN Searching) {
+    __atomic_store_n(&Instance->SearchInitialized, Searching, __ATOMIC_RELEASE);
+}
+
 inline constexpr ULONG ENUM_BUFFER_BYTES = 12288;
 
 // Stores Mask and starts a search afresh. STATUS_INSUFFICIENT_RESOURCES leaves the open without a search.

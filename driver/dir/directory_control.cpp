@@ -57,17 +57,12 @@ struct QUERY {
     ULONG Information;
 };
 
-// Whether there is a search. Read without its lock to choose the hold of the FCB.
-bool IsSearching(PINSTANCE_CONTEXT Instance) {
-    return __atomic_load_n(&Instance->SearchInitialized, __ATOMIC_ACQUIRE) != FALSE;
-}
-
 void TraceQuery(const QUERY &Query) {
     NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Index Specified     : %s\n", TrueOrFalse(Query.IndexSpecified));
     NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Restart Scan        : %s\n", TrueOrFalse(Query.RestartScan));
     NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Return Single Entry : %s\n", TrueOrFalse(Query.SingleEntry));
     NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Buffer Length       : 0x%X\n", Query.Length);
-    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Search Initialized  : %s\n", TrueOrFalse(IsSearching(Query.Instance)));
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Search Initialized  : %s\n", TrueOrFalse(NtFsdIsSearching(Query.Instance)));
     NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Information Class  : %d\n", Query.InfoClass);
 }
 
@@ -114,7 +109,7 @@ NTSTATUS StartSearch(QUERY &Query) {
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
-    __atomic_store_n(&Query.Instance->SearchInitialized, TRUE, __ATOMIC_RELEASE);
+    NtFsdSetSearching(Query.Instance, TRUE);
     Query.Started = true;
     ReadLazyCloseOnce();
     const bool HasShortNames =
@@ -253,14 +248,14 @@ NTSTATUS QueryDirectory(PIRP_CONTEXT IrpContext) {
         return NtFsdCompleteRequest(IrpContext, Query.Irp, STATUS_NOT_IMPLEMENTED);
     }
     NTSTATUS Refused = STATUS_SUCCESS;
-    if (Query.RestartScan || !IsSearching(Query.Instance)) {
+    if (Query.RestartScan || !NtFsdIsSearching(Query.Instance)) {
         Refused = CheckClass(Query); // no search can have answered: nothing to wait for
     }
     NTSTATUS Status = STATUS_SUCCESS;
     if (Refused == STATUS_SUCCESS) {
         ResourceHold Hold;
         SearchHold Search;
-        Status = NtFsdAcquireForHandle(IrpContext, Query.Fcb, Query.Instance, !IsSearching(Query.Instance), Hold);
+        Status = NtFsdAcquireForHandle(IrpContext, Query.Fcb, Query.Instance, !NtFsdIsSearching(Query.Instance), Hold);
         if (Status == STATUS_CANT_WAIT || !Search.Acquire(Query.Instance, IrpContext->MayWait())) {
             Hold.Release();
             return NtFsdPostRequest(IrpContext);

@@ -18,7 +18,7 @@ PLIST_ENTRY ChangedOf(PIRP_CONTEXT IrpContext) {
 }
 
 // Moves the requests that asked for names of files to Changed; the others go on waiting.
-void TakeFileNameWaiters(PFCB Parent, PLIST_ENTRY Changed) {
+void TakeFileNameWaiters(PFCB Parent, PLIST_ENTRY Changed) HOLDING(Parent->Resource) {
     for (PLIST_ENTRY Links = Parent->NotifyList.Flink; Links != &Parent->NotifyList;) {
         NOTIFY_ENTRY *Entry = EntryOf(Links);
         Links = Links->Flink;
@@ -31,8 +31,8 @@ void TakeFileNameWaiters(PFCB Parent, PLIST_ENTRY Changed) {
     }
 }
 
-// Takes the waiters of the open directory whose path is exactly ParentPath. FcbTableResource held.
-void TakeWaitersOf(PUNICODE_STRING ParentPath, PLIST_ENTRY Changed) {
+// Takes the waiters of the open directory whose path is exactly ParentPath.
+void TakeWaitersOf(PUNICODE_STRING ParentPath, PLIST_ENTRY Changed) HOLDING(FcbTableResource) {
     UNICODE_STRING Remaining;
     const PFCB Parent = NtFsdFindFcb(ParentPath, &Remaining);
     if (Parent == nullptr || Remaining.Length != 0) {
@@ -55,8 +55,7 @@ NTSTATUS ReportToParent(PIRP_CONTEXT IrpContext, PFCB Fcb, ResourceHold &Hold) {
 
     // The table comes before any FCB in the lock order. The caller's open keeps the FCB meanwhile.
     Hold.Release();
-    ResourceHold Table;
-    Table.AcquireExclusive(&FcbTableResource, TRUE);
+    const ExclusiveHold Table(&FcbTableResource);
     Hold.AcquireExclusive(&Fcb->Resource, TRUE);
     TakeWaitersOf(Parent.Get(), ChangedOf(IrpContext));
     return STATUS_SUCCESS;

@@ -5,7 +5,7 @@
 
 namespace {
 
-bool IsWaiting(PFCB Fcb, PIRP Irp) {
+bool IsWaiting(PFCB Fcb, PIRP Irp) HOLDING(Fcb->Resource) {
     bool Found = false;
     for (PLIST_ENTRY Link = Fcb->NotifyList.Flink; Link != &Fcb->NotifyList; Link = Link->Flink) {
         const PIRP Waiting = CONTAINING_RECORD(Link, NOTIFY_ENTRY, Links)->Irp;
@@ -17,7 +17,7 @@ bool IsWaiting(PFCB Fcb, PIRP Irp) {
 
 // Appends the request. From the insertion on it may be completed by others, so it is marked pending before.
 // STATUS_PENDING: the entry owns IRP and context.
-NTSTATUS Enqueue(PFCB Fcb, PIRP_CONTEXT IrpContext, ULONG CompletionFilter) {
+NTSTATUS Enqueue(PFCB Fcb, PIRP_CONTEXT IrpContext, ULONG CompletionFilter) HOLDING(Fcb->Resource) {
     const PIRP Irp = IrpContext->Irp;
     if (IrpContext->FileObject->Flags & FO_CLEANUP_COMPLETE) {
         return STATUS_NOTIFY_CLEANUP; // the cleanup that would end the wait has been
@@ -53,8 +53,7 @@ NTSTATUS NtFsdNotifyDirectoryChange(PIRP_CONTEXT IrpContext) {
 
     NTSTATUS Status = STATUS_NOT_IMPLEMENTED;
     if (Fcb != nullptr) {
-        ResourceHold Hold;
-        Hold.AcquireExclusive(&Fcb->Resource, TRUE);
+        const ExclusiveHold Hold(&Fcb->Resource);
         Status = Enqueue(Fcb, IrpContext, CompletionFilter);
     }
     // A queued request may be gone by now: only what was read before is shown.

@@ -39,7 +39,7 @@ NTSTATUS ReserveMask(PINSTANCE_CONTEXT Instance, ULONG Bytes) {
     Instance->SearchMask = static_cast<PWSTR>(TwAllocBuffer(Bytes + sizeof(WCHAR)));
     if (Instance->SearchMask == nullptr) {
         Instance->SearchMaskLength = 0;
-        __atomic_store_n(&Instance->SearchInitialized, FALSE, __ATOMIC_RELEASE);
+        NtFsdSetSearching(Instance, FALSE);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     return STATUS_SUCCESS;

@@ -20,13 +20,13 @@ constexpr ULONG MOST_WORKERS = 9;
 constexpr ULONG IDLE_POLLS = 20;
 constexpr LONG64 POLL_PERIOD = 1000000; // 100 ms
 
-// Requests that were cancelled in the queue and run all the same, with their number. Under g_AsyncIrpQueueLock.
-DRIVER_GLOBAL LIST_ENTRY CancelledQueue = {&CancelledQueue, &CancelledQueue};
-DRIVER_GLOBAL ULONG CancelledCount = 0;
+// Requests that were cancelled in the queue and run all the same, with their number.
+DRIVER_GLOBAL LIST_ENTRY CancelledQueue UNDER(g_AsyncIrpQueueLock) = {&CancelledQueue, &CancelledQueue};
+DRIVER_GLOBAL ULONG CancelledCount UNDER(g_AsyncIrpQueueLock) = 0;
 
 // Requests that no worker has taken and no canceller has ended, also those that the package has taken out of the queue
-// for a canceller. No worker ends while there is one. Under g_AsyncIrpQueueLock.
-DRIVER_GLOBAL ULONG UnservedCount = 0;
+// for a canceller. No worker ends while there is one.
+DRIVER_GLOBAL ULONG UnservedCount UNDER(g_AsyncIrpQueueLock) = 0;
 
 // Ends an idle worker's wait: a request was queued, or teardown waits for the workers.
 DRIVER_GLOBAL KEVENT WorkQueued = {};
@@ -37,12 +37,12 @@ RV_IRP_Q *EntryOf(PIRP Irp) {
 
 // The count as traces tell it.
 ULONG QueueCount() {
-    const SpinLockHold Hold(&g_AsyncIrpQueueLock);
+    const SpinLockHold Hold(g_AsyncIrpQueueLock);
     return g_uAsyncIrpQueueCount;
 }
 
-// A worker less, with g_AsyncIrpQueueLock held. The framework's counter, as for everything that is counted with it.
-void DecrementWorkers() {
+// A worker less. The framework's counter, as for everything that is counted with it.
+void DecrementWorkers() HOLDING(g_AsyncIrpQueueLock) {
     g_pRvplInterface->Table->Decrement(g_pRvplInterface, &g_uAsyncWorkerThreadCount);
 }
 
@@ -52,9 +52,9 @@ bool MustRun(PIRP_CONTEXT IrpContext) {
            (IrpContext->Flags & IRP_CONTEXT_FLAG_LOCK_COMPLETION_POSTED) != 0;
 }
 
-// ---- Callbacks of the queue package. The first three: g_AsyncIrpQueueLock held -------------------------------------
+// ---- Callbacks of the queue package. The package holds the lock around the first three ------------------------------
 
-NTSTATUS NTAPI RvFsdInsertIrpEx(PIO_CSQ, PIRP Irp, PVOID InsertContext) {
+NTSTATUS NTAPI RvFsdInsertIrpEx(PIO_CSQ, PIRP Irp, PVOID InsertContext) HOLDING(g_AsyncIrpQueueLock) {
     const auto Entry = static_cast<RV_IRP_Q *>(InsertContext);
     ++g_uAsyncIrpQueueCount;
     ++UnservedCount;
@@ -66,7 +66,7 @@ NTSTATUS NTAPI RvFsdInsertIrpEx(PIO_CSQ, PIRP Irp, PVOID InsertContext) {
     return STATUS_SUCCESS;
 }
 
-VOID NTAPI RvFsdRemoveIrp(PIO_CSQ, PIRP Irp) {
+VOID NTAPI RvFsdRemoveIrp(PIO_CSQ, PIRP Irp) HOLDING(g_AsyncIrpQueueLock) {
     RV_IRP_Q *const Entry = EntryOf(Irp);
     RemoveEntryList(&Entry->QueueLinks);
     const bool Expected = g_uAsyncIrpQueueCount != 0;
@@ -76,7 +76,7 @@ VOID NTAPI RvFsdRemoveIrp(PIO_CSQ, PIRP Irp) {
     g_uAsyncIrpQueueCount -= Expected;
 }
 
-PIRP NTAPI RvFsdPeekNextIrp(PIO_CSQ, PIRP Irp, PVOID PeekContext) {
+PIRP NTAPI RvFsdPeekNextIrp(PIO_CSQ, PIRP Irp, PVOID PeekContext) HOLDING(g_AsyncIrpQueueLock) {
     const PLIST_ENTRY Next = Irp == nullptr ? g_AsyncIrpQueue.Flink : EntryOf(Irp)->QueueLinks.Flink;
     RV_IRP_Q *const Entry = Next == &g_AsyncIrpQueue ? nullptr : CONTAINING_RECORD(Next, RV_IRP_Q, QueueLinks);
     // Also when there is none: the package may have passed over an entry that a canceller is about to free.
@@ -105,7 +105,7 @@ VOID NTAPI RvFsdCompleteCanceledIrp(PIO_CSQ, PIRP Irp) {
                     KeGetCurrentThread(), Irp, Entry);
     const bool Runs = MustRun(IrpContext);
     {
-        const SpinLockHold Hold(&g_AsyncIrpQueueLock);
+        const SpinLockHold Hold(g_AsyncIrpQueueLock);
         if (Runs) {
             InsertTailList(&CancelledQueue, &Entry->QueueLinks);
             ++CancelledCount;
@@ -157,7 +157,7 @@ NTSTATUS LockForWorker(PIRP_CONTEXT IrpContext) {
 
 // Decides under the lock whether a worker is to be started, and counts it then.
 bool NeedsWorker() {
-    const SpinLockHold Hold(&g_AsyncIrpQueueLock);
+    const SpinLockHold Hold(g_AsyncIrpQueueLock);
     const ULONG Waiting = g_uAsyncIrpQueueCount + CancelledCount;
     if (g_uAsyncWorkerThreadCount != 0 && (Waiting < 2 || g_uAsyncWorkerThreadCount >= MOST_WORKERS)) {
         return false;
@@ -179,7 +179,7 @@ bool MakeWorker() {
         return true;
     }
     {
-        const SpinLockHold Hold(&g_AsyncIrpQueueLock);
+        const SpinLockHold Hold(g_AsyncIrpQueueLock);
         DecrementWorkers();
     }
     NtFsdLeaveRequest(IN_FLIGHT_WORKER);
@@ -196,7 +196,7 @@ void StartWorkerIfNeeded() {
 // ---- Serving -------------------------------------------------------------------------------------------------------
 
 RV_IRP_Q *TakeCancelled() {
-    const SpinLockHold Hold(&g_AsyncIrpQueueLock);
+    const SpinLockHold Hold(g_AsyncIrpQueueLock);
     if (CancelledCount == 0) {
         return nullptr;
     }
@@ -219,7 +219,7 @@ RV_IRP_Q *TakeEntry() {
         return nullptr;
     }
     NtFsdRequire(PeekContext != nullptr && PeekContext->Irp == Irp);
-    const SpinLockHold Hold(&g_AsyncIrpQueueLock);
+    const SpinLockHold Hold(g_AsyncIrpQueueLock);
     --UnservedCount;
     return PeekContext;
 }
@@ -268,7 +268,7 @@ void ServeEntry(RV_IRP_Q *Entry) {
 
 // Counts this worker out, unless a request has come since it looked: whoever queued that may have counted on it.
 bool EndWorker() {
-    const SpinLockHold Hold(&g_AsyncIrpQueueLock);
+    const SpinLockHold Hold(g_AsyncIrpQueueLock);
     if (UnservedCount != 0) {
         return false;
     }
@@ -288,6 +288,7 @@ bool WaitForWork() {
 } // namespace
 
 VOID NtFsdInitAsyncQueue() {
+    NtFsdNobodyElse(g_AsyncIrpQueueLock);
     InitializeListHead(&g_AsyncIrpQueue);
     InitializeListHead(&CancelledQueue);
     CancelledCount = 0;
@@ -354,7 +355,7 @@ NTSTATUS NtFsdPostRequest(PIRP_CONTEXT IrpContext) {
 VOID NtFsdHurryWorkers() {
     bool Idle;
     {
-        const SpinLockHold Hold(&g_AsyncIrpQueueLock);
+        const SpinLockHold Hold(g_AsyncIrpQueueLock);
         Idle = g_uAsyncWorkerThreadCount == 0 && UnservedCount != 0;
     }
     if (!Idle) {

@@ -18,11 +18,11 @@ struct RV_IRP_Q {
 static_assert(sizeof(RV_IRP_Q) == 48 && offsetof(RV_IRP_Q, Irp) == 16 && offsetof(RV_IRP_Q, IrpContext) == 24 &&
               offsetof(RV_IRP_Q, IrpLinks) == 32);
 
-extern LIST_ENTRY g_AsyncIrpQueue;     // oldest first
-extern KSPIN_LOCK g_AsyncIrpQueueLock; // guards the queue, its count and the decision to start or end a worker
+extern KSPIN_LOCK g_AsyncIrpQueueLock;                        // also of the decision to start or end a worker
+extern LIST_ENTRY g_AsyncIrpQueue UNDER(g_AsyncIrpQueueLock); // oldest first
 extern IO_CSQ g_AsyncIrpCsq;
-extern ULONG g_uAsyncIrpQueueCount;
-extern ULONG g_uAsyncWorkerThreadCount;
+extern ULONG g_uAsyncIrpQueueCount UNDER(g_AsyncIrpQueueLock);
+extern ULONG g_uAsyncWorkerThreadCount UNDER(g_AsyncIrpQueueLock);
 
 // Empties the queue and sets up the package over it. Part of start-up.
 VOID NtFsdInitAsyncQueue();

@@ -97,7 +97,7 @@ void NtFsdLogAppend(PCSTR Text, ULONG Length) {
         return;
     }
     // Shutdown takes the buffer away while refused requests still trace.
-    SpinLockHold Hold(&g_LogBufferLock);
+    SpinLockHold Hold(g_LogBufferLock);
     if (g_pLogBuffer == nullptr) {
         return;
     }
@@ -110,6 +110,7 @@ void NtFsdLogAppend(PCSTR Text, ULONG Length) {
 }
 
 void NtFsdInitDebug() {
+    NtFsdNobodyElse(g_LogBufferLock);
     g_uLogBufferUsed = 0;
     g_pLogBuffer = static_cast<PCHAR>(TwAllocMemory(LOG_BUFFER_BYTES));
 

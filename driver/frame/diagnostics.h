@@ -111,9 +111,9 @@ VOID NTAPI NtFsdLogWriter(PVOID Context);
 
 inline constexpr ULONG LOG_BUFFER_BYTES = 0x800000;
 
-extern PCHAR g_pLogBuffer;
-extern ULONG g_uLogBufferUsed;
 extern KSPIN_LOCK g_LogBufferLock;
+extern PCHAR g_pLogBuffer UNDER(g_LogBufferLock);
+extern ULONG g_uLogBufferUsed UNDER(g_LogBufferLock);
 
 inline PCSTR TrueOrFalse(bool Value) {
     return Value ? "TRUE" : "FALSE";

@@ -75,6 +75,7 @@ NTSTATUS MakeDriverFcb() {
         NtFsdAlwaysPrint("[RVFSD] NtFsdInitOurDevice NtFsdAllocFcb returned NULL.\n");
         return STATUS_INSUFFICIENT_RESOURCES;
     }
+    NtFsdNobodyElse(&DriverFcb->Resource);
     DriverFcb->OpenType = OPEN_TYPE_DEVICE;
     DriverFcb->UncleanCount = 1;
     DriverFcb->OpenCount = 0;
@@ -101,6 +102,7 @@ NTSTATUS NtFsdInitOurDevice() {
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
+    NtFsdNobodyElse(&FcbListResource);
     FcbCount = 0;
     Status = NtFsdInitializeResource(DRIVER_RESOURCE_OUR_DEVICE);
     if (!NT_SUCCESS(Status)) {

@@ -10,7 +10,8 @@
 //   5. spin locks, each alone: g_AsyncIrpQueueLock, the cancel spin lock, the borrow lock (names/borrow.cpp), that of
 //      lock requests (io/lock_table.cpp), that of opens that outlive teardown (close/after_teardown.cpp), and under any
 //      of them g_LogBufferLock, since a trace may be made with a spin lock held
-// Raw acquire and release calls stand in locks.cpp alone.
+// Raw acquire and release calls stand in locks.cpp alone. What the compiler sees of this order is said where a lock is
+// declared (kernel/lock_rules.h).
 #pragma once
 
 #include "kernel/kernel.h"
@@ -21,6 +22,17 @@ BOOLEAN NtFsdAcquireShared(PERESOURCE Resource, BOOLEAN Wait);
 
 // Releases Resource and leaves the critical region.
 VOID NtFsdReleaseResource(PERESOURCE Resource);
+
+// Tells the analysis that nobody else can reach what the lock guards: at start, in teardown, in a record that is being
+// made.
+VOID NtFsdNobodyElse(PERESOURCE Resource) HELD_FROM_HERE(Resource);
+VOID NtFsdNobodyElse(KSPIN_LOCK &Lock) HELD_FROM_HERE(Lock);
+inline VOID NtFsdNobodyElse(PERESOURCE Resource) {
+    UNREFERENCED_PARAMETER(Resource);
+}
+inline VOID NtFsdNobodyElse(KSPIN_LOCK &Lock) {
+    UNREFERENCED_PARAMETER(Lock);
+}
 
 // A held resource with its critical region. Released by scope or by name; a routine that must be called with a lock
 // takes the hold as its argument.
@@ -34,10 +46,10 @@ public:
     }
 
     // Each returns FALSE, holding nothing, when Wait is FALSE and the resource is busy.
-    bool AcquireExclusive(PERESOURCE Resource, BOOLEAN Wait) {
+    bool AcquireExclusive(PERESOURCE Resource, BOOLEAN Wait) HELD_FROM_HERE(Resource) {
         return Adopt(Resource, NtFsdAcquireExclusive(Resource, Wait));
     }
-    bool AcquireShared(PERESOURCE Resource, BOOLEAN Wait) {
+    bool AcquireShared(PERESOURCE Resource, BOOLEAN Wait) SHARED_FROM_HERE(Resource) {
         return Adopt(Resource, NtFsdAcquireShared(Resource, Wait));
     }
     bool Held() const {
@@ -52,6 +64,10 @@ public:
             Resource_ = nullptr;
             NtFsdReleaseResource(Resource);
         }
+    }
+    // Tells the analysis that this hold, which was acquired elsewhere, is one of Resource.
+    void Holds(PERESOURCE Resource) const HELD_FROM_HERE(Resource) {
+        UNREFERENCED_PARAMETER(Resource);
     }
     // Takes over a hold that was acquired elsewhere (with its critical region).
     void Adopt(PERESOURCE Resource) {
@@ -73,6 +89,38 @@ private:
     PERESOURCE Resource_ = nullptr;
 };
 
+// A resource held for a scope, from its beginning to its end: to be preferred where that will do, since the analysis
+// follows it. What such a hold does itself is taken for granted.
+class [[nodiscard]] IS_HOLD ExclusiveHold {
+public:
+    explicit ExclusiveHold(PERESOURCE Resource) TAKES(Resource) UNCHECKED_LOCKS : Resource_(Resource) {
+        NtFsdAcquireExclusive(Resource, TRUE);
+    }
+    ExclusiveHold(const ExclusiveHold &) = delete;
+    ExclusiveHold &operator=(const ExclusiveHold &) = delete;
+    ~ExclusiveHold() GIVES_BACK UNCHECKED_LOCKS {
+        NtFsdReleaseResource(Resource_);
+    }
+
+private:
+    PERESOURCE Resource_;
+};
+
+class [[nodiscard]] IS_HOLD SharedHold {
+public:
+    explicit SharedHold(PERESOURCE Resource) TAKES_SHARED(Resource) UNCHECKED_LOCKS : Resource_(Resource) {
+        NtFsdAcquireShared(Resource, TRUE);
+    }
+    SharedHold(const SharedHold &) = delete;
+    SharedHold &operator=(const SharedHold &) = delete;
+    ~SharedHold() GIVES_BACK UNCHECKED_LOCKS {
+        NtFsdReleaseResource(Resource_);
+    }
+
+private:
+    PERESOURCE Resource_;
+};
+
 // A critical region without a resource.
 class [[nodiscard]] CriticalRegion {
 public:
@@ -87,13 +135,14 @@ public:
 };
 
 // A spin lock, held at DISPATCH_LEVEL.
-class [[nodiscard]] SpinLockHold {
+class [[nodiscard]] IS_HOLD SpinLockHold {
 public:
-    explicit SpinLockHold(PKSPIN_LOCK Lock) : Lock_(Lock), Irql_(KeAcquireSpinLockRaiseToDpc(Lock)) {
+    explicit SpinLockHold(KSPIN_LOCK &Lock) TAKES(Lock) UNCHECKED_LOCKS : Lock_(&Lock),
+                                                                          Irql_(KeAcquireSpinLockRaiseToDpc(&Lock)) {
     }
     SpinLockHold(const SpinLockHold &) = delete;
     SpinLockHold &operator=(const SpinLockHold &) = delete;
-    ~SpinLockHold() {
+    ~SpinLockHold() GIVES_BACK UNCHECKED_LOCKS {
         KeReleaseSpinLock(Lock_, Irql_);
     }
 

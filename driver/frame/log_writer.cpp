@@ -123,7 +123,7 @@ bool StartLog(LOG_FILE &Log) {
 
 // Takes the text out of the shared buffer.
 ULONG TakeText(PCHAR Buffer) {
-    SpinLockHold Hold(&g_LogBufferLock);
+    SpinLockHold Hold(g_LogBufferLock);
     const ULONG Length = g_uLogBufferUsed;
     if (g_pLogBuffer != nullptr) {
         RtlCopyMemory(Buffer, g_pLogBuffer, Length);
@@ -213,7 +213,7 @@ void NtFsdStopDebug() {
     }
     PCHAR Buffer;
     {
-        SpinLockHold Hold(&g_LogBufferLock);
+        SpinLockHold Hold(g_LogBufferLock);
         Buffer = g_pLogBuffer;
         g_pLogBuffer = nullptr;
         g_uLogBufferUsed = 0;

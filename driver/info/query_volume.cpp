@@ -2,7 +2,6 @@
 #include "frame/status_translation.h"
 #include "info/answer.h"
 #include "info/query.h"
-#include "info/volume_path.h"
 #include "names/paths.h"
 #include "provider/provider_calls.h"
 
@@ -227,30 +226,6 @@ NTSTATUS CopyPath(PFCB Fcb, PUNICODE_STRING Path) {
     return NtFsdUpdateUnicodeString(Path, NtFsdStablePath(Fcb));
 }
 
-// The path as the Provider resolves it: physical if it lies in a distributed namespace, its volume path if not.
-NTSTATUS ResolvePath(PRV_SECURITY Security, PUNICODE_STRING FullPath, PUNICODE_STRING Path) {
-    RVSTATUS Status = NtFsdGetDFSPhysicalPath(Security, FullPath, Path);
-    if (Status == RVSTATUS::Success) {
-        return STATUS_SUCCESS;
-    }
-    if (Status != RVSTATUS::NotDistributedPath) {
-        NtFsdDebugPrint(TRACE_VOLUME_INFO, 0,
-                        "[RVFSD] NtFsdCommonQueryVolumeInfo RVFsdGetDFSPhysicalPath for \"%wZ\" failed; status "
-                        "0x%08X.\n",
-                        FullPath, static_cast<ULONG>(Status));
-    }
-    NtFsdFreeUnicodeString(Path); // a warning came with a path
-    Status = NtFsdQueryPathForVolume(Security, FullPath->Buffer, Path);
-    const NTSTATUS Translated = NtFsdTranslateResult(Status);
-    if (NT_SUCCESS(Translated)) {
-        return STATUS_SUCCESS;
-    }
-    NtFsdDebugPrint(TRACE_VOLUME_INFO, 0,
-                    "[RVFSD] NtFsdCommonQueryVolumeInfo RVFsdQueryPathForVolume for \"%wZ\" failed; status 0x%08X.\n",
-                    FullPath, static_cast<ULONG>(Status));
-    return Translated;
-}
-
 void UpcaseInPlace(PUNICODE_STRING Text) {
     for (ULONG At = 0; At < Text->Length / sizeof(WCHAR); ++At) {
         Text->Buffer[At] = RtlUpcaseUnicodeChar(Text->Buffer[At]);
@@ -268,8 +243,13 @@ NTSTATUS AnswerFromVolume(PIRP_CONTEXT IrpContext, PFCB Fcb, ULONG InfoClass, An
                     "[RVFSD] NtFsdCommonQueryVolumeInfo RVFsdQueryPathForVolume called for %s \"%wZ\".\n",
                     ClassName(InfoClass), FullPath.Get());
     OwnedString Physical;
-    Status = ResolvePath(Security, FullPath.Get(), Physical.Get());
+    const RVSTATUS Resolved = NtFsdResolvePath(Security, FullPath.Get(), Physical.Get(), "NtFsdCommonQueryVolumeInfo");
+    Status = NtFsdTranslateResult(Resolved);
     if (!NT_SUCCESS(Status)) {
+        NtFsdDebugPrint(TRACE_VOLUME_INFO, 0,
+                        "[RVFSD] NtFsdCommonQueryVolumeInfo RVFsdQueryPathForVolume for \"%wZ\" failed; status "
+                        "0x%08X.\n",
+                        FullPath.Get(), static_cast<ULONG>(Resolved));
         return Status;
     }
     QUERY Query = {.Security = Security, .Volume = 0, .PhysicalPath = Physical.Get(), .VolumeName = {}};

@@ -38,7 +38,7 @@ bool IsNewNameValid(PCUNICODE_STRING Name) {
     return NtFsdIsPathValid(Name) && !NtFsdHasWildcards(Name) && NtFsdSplitPath(*Name).Last.Length == Name->Length;
 }
 
-NTSTATUS PrepareNames(RENAME &Rename) {
+NTSTATUS PrepareNames(RENAME &Rename) HOLDING(FcbTableResource) {
     if (!IsNewNameValid(&Rename.TargetFile->FileName)) {
         return STATUS_OBJECT_NAME_INVALID;
     }
@@ -255,14 +255,13 @@ bool IsInTheWay(const RENAME &Rename) {
 // Frees the new name from creates that have only looked it up: a create holds its FCB until it has succeeded, so that
 // an FCB which has no type then is left to creates that fail. One that is open keeps its name, since opens of the new
 // name would be left with a stale FCB. FcbTableResource held, which keeps the FCB, and no FCB's Resource.
-NTSTATUS ClaimNewPath(RENAME &Rename) {
+NTSTATUS ClaimNewPath(RENAME &Rename) HOLDING(FcbTableResource) {
     UNICODE_STRING Remaining;
     const PFCB Holder = NtFsdFindFcb(Rename.NewPath.Path(), &Remaining);
     if (Holder == nullptr || Remaining.Length != 0 || Holder == Rename.Change.Fcb) {
         return STATUS_SUCCESS;
     }
-    ResourceHold Hold;
-    Hold.AcquireExclusive(&Holder->Resource, TRUE);
+    const ExclusiveHold Hold(&Holder->Resource);
     if (Holder->OpenType != OPEN_TYPE_UNKNOWN) {
         return STATUS_ACCESS_DENIED;
     }
@@ -308,8 +307,9 @@ NTSTATUS JudgeMove(const RENAME &Rename, RVSTATUS Result) {
 }
 
 // The rename with FcbTableResource and the FCB's Resource held.
-NTSTATUS RenameHeld(RENAME &Rename) {
+NTSTATUS RenameHeld(RENAME &Rename) HOLDING(FcbTableResource) {
     SET_INFORMATION &Change = Rename.Change;
+    Change.Hold.Holds(&Change.Fcb->Resource);
     NTSTATUS Status = CheckRules(Rename);
     if (NT_SUCCESS(Status)) {
         Status = ClearTheWay(Rename);
@@ -329,7 +329,7 @@ NTSTATUS RenameHeld(RENAME &Rename) {
 }
 
 // The rename with FcbTableResource held, so that no path of an FCB changes but the one that this changes.
-NTSTATUS RenameUnderTable(RENAME &Rename) {
+NTSTATUS RenameUnderTable(RENAME &Rename) HOLDING(FcbTableResource) {
     if (!HasTargetHandle(Rename)) {
         return STATUS_OBJECT_PATH_NOT_FOUND;
     }
@@ -354,14 +354,13 @@ NTSTATUS RenameUnderTable(RENAME &Rename) {
 }
 
 // The rename consumes the target open's directory handle. FcbTableResource held, no FCB's Resource.
-RVHANDLE TakeTargetHandle(const RENAME &Rename) {
+RVHANDLE TakeTargetHandle(const RENAME &Rename) HOLDING(FcbTableResource) {
     const PINSTANCE_CONTEXT Target = Rename.TargetInstance;
     NtFsdRebaseBorrowers(Target, TRUE);
-    ResourceHold Hold;
-    Hold.AcquireExclusive(&Rename.TargetFcb->Resource, TRUE);
+    const ExclusiveHold Hold(&Rename.TargetFcb->Resource);
     const RVHANDLE Handle = Target->DirHandle;
     if (Handle != 0) {
-        __atomic_store_n(&Target->DirHandle, RVHANDLE{0}, __ATOMIC_RELAXED);
+        NtFsdSetDirHandle(Target, 0);
         Target->RelatedHandle = Target->BaseHandle;
     }
     return Handle;

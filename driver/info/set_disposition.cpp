@@ -125,6 +125,7 @@ NTSTATUS SetOnDirectory(SET_INFORMATION &Change) {
 
 NTSTATUS SetOnFile(SET_INFORMATION &Change) {
     const RVHANDLE File = Change.Instance->FileHandle;
+    Change.Hold.Holds(&Change.Fcb->Resource);
     if (Change.Fcb->OpenCount != 1 && Change.Fcb->ShareAccess.SharedDelete == 0) {
         return STATUS_CANNOT_DELETE;
     }

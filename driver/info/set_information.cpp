@@ -41,7 +41,7 @@ NTSTATUS SetEndOfFile(SET_INFORMATION &Change) {
     const LONG64 Size = InputAt<LONG64>(Change, 0);
     const BOOLEAN AdvanceOnly = IoGetCurrentIrpStackLocation(Change.IrpContext->Irp)->Parameters.SetFile.AdvanceOnly;
     NtFsdDebugPrint(TRACE_FILE_INFO, 0, " NtFsdFileSetEndOfFileInfo() called for EndOfFile 0x%I64X, AdvanceOnly %s.\n",
-                    Size, AdvanceOnly ? "TRUE" : "FALSE");
+                    Size, TrueOrFalse(AdvanceOnly));
     return NtFsdCommonFileSetFileSize(Change, Size);
 }
 

@@ -80,7 +80,7 @@ bool NotedLocks::Note(PFCB Fcb, const LOCK_PATTERN &Pattern) {
     }
     // What is granted while this goes on, without the Resource, belongs to a request that finds out by itself.
     Count_ = Found < Capacity ? Found : Capacity;
-    const SpinLockHold Hold(&RequestsLock);
+    const SpinLockHold Hold(RequestsLock);
     VisitRequests(Fcb, Pattern, [&](PIRP_CONTEXT IrpContext, const FILE_LOCK_INFO &Lock) {
         if (!HasLock(IrpContext)) {
             IrpContext->LockState |= LOCK_STATE_DOUBTFUL;
@@ -98,18 +98,18 @@ bool NtFsdRemoveLock(PFCB Fcb, NOTED_LOCK Lock) {
 
 VOID NtFsdEnterLockRequest(PIRP_CONTEXT IrpContext) {
     const auto Fcb = static_cast<PFCB>(IrpContext->FileObject->FsContext);
-    const SpinLockHold Hold(&RequestsLock);
+    const SpinLockHold Hold(RequestsLock);
     IrpContext->LockState = LOCK_STATE_ENTERED;
     InsertTailList(&Fcb->LockRequests, &IrpContext->LockLinks);
 }
 
 VOID NtFsdGrantLockRequest(PIRP_CONTEXT IrpContext) {
-    const SpinLockHold Hold(&RequestsLock);
+    const SpinLockHold Hold(RequestsLock);
     IrpContext->LockState |= LOCK_STATE_GRANTED;
 }
 
 bool NtFsdLeaveLockRequest(PIRP_CONTEXT IrpContext, bool *Doubtful) {
-    const SpinLockHold Hold(&RequestsLock);
+    const SpinLockHold Hold(RequestsLock);
     const ULONG State = IrpContext->LockState;
     if (State & LOCK_STATE_ENTERED) {
         RemoveEntryList(&IrpContext->LockLinks);
@@ -123,7 +123,7 @@ bool NtFsdIsUnlockForServer(PFCB Fcb, const LOCK_PATTERN &Pattern) {
     // Requests that a failure ends leave without the Resource: what is found under one hold is gone in the next.
     bool AnyUntold = false;
     {
-        const SpinLockHold Hold(&RequestsLock);
+        const SpinLockHold Hold(RequestsLock);
         VisitRequests(Fcb, Pattern, [&](PIRP_CONTEXT IrpContext, const FILE_LOCK_INFO &) {
             IrpContext->LockState |= HasLock(IrpContext) ? 0u : ULONG{LOCK_STATE_DOUBTFUL};
             AnyUntold = AnyUntold || HasLock(IrpContext);
@@ -137,7 +137,7 @@ bool NtFsdIsUnlockForServer(PFCB Fcb, const LOCK_PATTERN &Pattern) {
         InTable += Pattern.Matches(Lock);
         return true;
     });
-    const SpinLockHold Hold(&RequestsLock);
+    const SpinLockHold Hold(RequestsLock);
     PIRP_CONTEXT Untold = nullptr;
     VisitRequests(Fcb, Pattern, [&](PIRP_CONTEXT IrpContext, const FILE_LOCK_INFO &) {
         if (HasLock(IrpContext)) {

@@ -17,4 +17,5 @@
 #endif
 
 #include "kernel/layout.h"
+#include "kernel/lock_rules.h"
 #include "kernel/seam.h"

@@ -50,8 +50,8 @@ static_assert(offsetof(MAP_REQUEST, MappingOptions) == 4 && offsetof(MAP_REQUEST
 static_assert(offsetof(MAP_REQUEST, PathLength) == 12 && offsetof(MAP_REQUEST, Utf8) == 16);
 static_assert(offsetof(MAP_REQUEST, Path) == 20);
 
-extern LIST_ENTRY g_MappedDeviceList;
 extern ERESOURCE g_MappedDeviceResource;
+extern LIST_ENTRY g_MappedDeviceList UNDER(g_MappedDeviceResource);
 extern ULONG g_uMappedDeviceCount; // of records on the list
 
 // Sets up the list and its lock; the lock is one of the driver's resources.

@@ -138,21 +138,11 @@ NTSTATUS ConvertAnsi(MAPPING *Mapping, PCSTR Path) {
 
 // What a link can lead to: \server..., without empty components, zeros and a backslash at the end.
 NTSTATUS CheckTarget(PUNICODE_STRING Target) {
-    const ULONG Units = Target->Length / sizeof(WCHAR);
-    if (Units < 2 || Target->Buffer[0] != SEPARATOR) {
+    if (UnitsOf(*Target) < 2 || Target->Buffer[0] != SEPARATOR) {
         return STATUS_BAD_NETWORK_PATH;
     }
-    for (ULONG Unit = 0; Unit < Units; ++Unit) {
-        if (Target->Buffer[Unit] == 0 ||
-            (Unit != 0 && Target->Buffer[Unit] == SEPARATOR && Target->Buffer[Unit - 1] == SEPARATOR)) {
-            return STATUS_OBJECT_NAME_INVALID;
-        }
-    }
-    // Names below the letter bring their own.
-    if (Target->Buffer[Units - 1] == SEPARATOR) {
-        Target->Length = static_cast<USHORT>(Target->Length - sizeof(WCHAR));
-    }
-    return STATUS_SUCCESS;
+    *Target = NtFsdWithoutSlash(*Target); // names below the letter bring their own
+    return NtFsdIsPathValid(Target) ? STATUS_SUCCESS : STATUS_OBJECT_NAME_INVALID;
 }
 
 // Everything that takes memory.
@@ -241,8 +231,7 @@ NTSTATUS Establish(PIRP_CONTEXT IrpContext, MAPPING *Mapping, ProviderDirectory 
     NtFsdDebugPrint(TRACE_FILE_INFO, 0,
                     "[TWFS] RvMapDrive \"%c:\" with target \"%wZ\" calculated volume path \"%ws\".\n",
                     Mapping->Letter(), &Mapping->Target, static_cast<PCWSTR>(Record->pVolumePath));
-    ResourceHold Hold;
-    Hold.AcquireExclusive(&g_MappedDeviceResource, TRUE);
+    const ExclusiveHold Hold(&g_MappedDeviceResource);
     InsertTailList(&g_MappedDeviceList, &Record->Links);
     ++g_uMappedDeviceCount;
     return STATUS_SUCCESS;

@@ -138,8 +138,7 @@ NTSTATUS UnmapServerMappings(PIRP_CONTEXT IrpContext, ULONG ConnectionId) {
     LIST_ENTRY Removed;
     InitializeListHead(&Removed);
     {
-        ResourceHold Hold;
-        Hold.AcquireExclusive(&g_MappedDeviceResource, TRUE);
+        const ExclusiveHold Hold(&g_MappedDeviceResource);
         for (PLIST_ENTRY Entry = g_MappedDeviceList.Flink; Entry != &g_MappedDeviceList;) {
             MAPPED_DEVICE *const Record = RecordOf(Entry);
             Entry = Entry->Flink;
@@ -157,6 +156,7 @@ NTSTATUS UnmapServerMappings(PIRP_CONTEXT IrpContext, ULONG ConnectionId) {
 }
 
 VOID NtFsdFreeMappedDevices() {
+    NtFsdNobodyElse(&g_MappedDeviceResource);
     while (!IsListEmpty(&g_MappedDeviceList)) {
         MAPPED_DEVICE *const Record = RecordOf(g_MappedDeviceList.Flink);
         Unlink(Record);

@@ -88,20 +88,6 @@ NTSTATUS VerifyDirectory(PIRP_CONTEXT IrpContext, PCUNICODE_STRING Path) {
     return NT_SUCCESS(Status) ? STATUS_UNSUCCESSFUL : Status;
 }
 
-// Leading backslashes do not count; each backslash behind which something follows separates.
-ULONG CountComponents(PCUNICODE_STRING Path) {
-    const ULONG Units = Path->Length / sizeof(WCHAR);
-    ULONG Unit = 0;
-    while (Unit < Units && Path->Buffer[Unit] == SEPARATOR) {
-        ++Unit;
-    }
-    ULONG Count = Unit < Units ? 1 : 0;
-    for (; Unit + 1 < Units; ++Unit) {
-        Count += Path->Buffer[Unit] == SEPARATOR ? 1 : 0;
-    }
-    return Count;
-}
-
 NTSTATUS Verify(PIRP_CONTEXT IrpContext, PCSTR Utf8Path) {
     UNICODE_STRING Path;
     const RVPSTATUS Converted = UTF8ToUnicode(&Path, Utf8Path);
@@ -110,7 +96,7 @@ NTSTATUS Verify(PIRP_CONTEXT IrpContext, PCSTR Utf8Path) {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     const RvplBlock<WCHAR> Owner(Path.Buffer);
-    const ULONG Components = CountComponents(&Path);
+    const ULONG Components = NtFsdCountPathComponents(&Path);
     if (Components < 2) {
         NtFsdDebugPrint(TRACE_FACTORY, 0, "RvxVerifyPath: unable to parse path \"%wZ\"\n", &Path);
         return STATUS_BAD_NETWORK_PATH;

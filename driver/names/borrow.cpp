@@ -11,7 +11,7 @@ void Unlink(PINSTANCE_CONTEXT Borrower) {
 }
 
 PINSTANCE_CONTEXT FirstBorrower(PINSTANCE_CONTEXT Lender) {
-    const SpinLockHold Hold(&BorrowLock);
+    const SpinLockHold Hold(BorrowLock);
     return IsListEmpty(&Lender->Borrowers) ? nullptr
                                            : CONTAINING_RECORD(Lender->Borrowers.Flink, INSTANCE_CONTEXT, BorrowLinks);
 }
@@ -19,21 +19,21 @@ PINSTANCE_CONTEXT FirstBorrower(PINSTANCE_CONTEXT Lender) {
 } // namespace
 
 RVHANDLE NtFsdHandleToLend(PINSTANCE_CONTEXT Instance) {
-    const RVHANDLE Directory = __atomic_load_n(&Instance->DirHandle, __ATOMIC_RELAXED);
+    const RVHANDLE Directory = NtFsdReadDirHandle(Instance);
     if (Directory != 0) {
         return Directory;
     }
-    const PWSTR PathLeft = __atomic_load_n(&Instance->PathLeft, __ATOMIC_ACQUIRE);
+    const PWSTR PathLeft = NtFsdReadPathLeft(Instance);
     return *PathLeft == 0 ? Instance->VolumeHandle : 0;
 }
 
 VOID NtFsdBorrowFrom(PINSTANCE_CONTEXT Lender, PINSTANCE_CONTEXT Borrower) {
-    const SpinLockHold Hold(&BorrowLock);
+    const SpinLockHold Hold(BorrowLock);
     InsertTailList(&Lender->Borrowers, &Borrower->BorrowLinks);
 }
 
 VOID NtFsdEndBorrowing(PINSTANCE_CONTEXT Instance) {
-    const SpinLockHold Hold(&BorrowLock);
+    const SpinLockHold Hold(BorrowLock);
     Unlink(Instance);
     // Only an open that outlived teardown still has borrowers here; there are no handles left that they could use.
     while (!IsListEmpty(&Instance->Borrowers)) {
@@ -46,7 +46,7 @@ VOID NtFsdNameByFullPath(PINSTANCE_CONTEXT Instance) {
         Instance->RelatedHandle = 0;
     }
     Instance->BaseHandle = 0;
-    __atomic_store_n(&Instance->PathLeft, Instance->Fcb->FullPath.Buffer, __ATOMIC_RELEASE);
+    NtFsdSetPathLeft(Instance, Instance->Fcb->FullPath.Buffer);
 }
 
 bool NtFsdRebaseBorrowers(PINSTANCE_CONTEXT Lender, BOOLEAN Wait) {
@@ -57,7 +57,7 @@ bool NtFsdRebaseBorrowers(PINSTANCE_CONTEXT Lender, BOOLEAN Wait) {
             return false;
         }
         NtFsdNameByFullPath(Borrower);
-        const SpinLockHold List(&BorrowLock);
+        const SpinLockHold List(BorrowLock);
         Unlink(Borrower);
     }
     return true;

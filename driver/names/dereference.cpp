@@ -8,7 +8,7 @@ namespace {
 
 // The delete that waited for the last open, by full path: the open's own handles are closed or belong to a failed
 // create.
-NTSTATUS DeleteByFullPath(PIRP_CONTEXT IrpContext, PFCB Fcb, ResourceHold &Hold) {
+NTSTATUS DeleteByFullPath(PIRP_CONTEXT IrpContext, PFCB Fcb, ResourceHold &Hold) HOLDING(Fcb->Resource) {
     NtFsdDebugPrint(TRACE_FCB, 0, "   Deleting file/directory on close.\n");
     const bool IsDirectory = Fcb->OpenType == OPEN_TYPE_DIRECTORY;
     RV_SECURITY_CONTEXT *Security = &IrpContext->SecurityContext;
@@ -33,7 +33,7 @@ NTSTATUS DeleteByFullPath(PIRP_CONTEXT IrpContext, PFCB Fcb, ResourceHold &Hold)
     return Status;
 }
 
-NTSTATUS PendingDelete(PIRP_CONTEXT IrpContext, PFCB Fcb, ResourceHold &Hold) {
+NTSTATUS PendingDelete(PIRP_CONTEXT IrpContext, PFCB Fcb, ResourceHold &Hold) HOLDING(Fcb->Resource) {
     if (Fcb->OpenFlags & FCB_STATE_DELETE_DISPOSITION) {
         NtFsdSetOpenFlags(Fcb, FCB_STATE_DELETE_ON_CLOSE);
     }

@@ -52,15 +52,13 @@ bool InitializeResources(PFCB Fcb) {
 }
 
 void AddToList(PFCB Fcb) {
-    ResourceHold List;
-    List.AcquireExclusive(&FcbListResource, TRUE);
+    const ExclusiveHold List(&FcbListResource);
     ++FcbCount;
     InsertTailList(&FcbList, &Fcb->FcbLinks);
 }
 
 void RemoveFromList(PFCB Fcb) {
-    ResourceHold List;
-    List.AcquireExclusive(&FcbListResource, TRUE);
+    const ExclusiveHold List(&FcbListResource);
     RemoveEntryList(&Fcb->FcbLinks);
     if (FcbCount != 0) {
         --FcbCount;
@@ -99,6 +97,7 @@ PFCB NtFsdAllocFcb(PFILE_OBJECT FileObject, PCUNICODE_STRING Path) {
     if (FileObject != nullptr) {
         FileObject->SectionObjectPointer = &Fcb->SectionObjectPointers;
     }
+    NtFsdNobodyElse(&FcbTableResource);
     Fcb->PrefixState = PREFIX_STATE_NEVER_INSERTED;
     InitializeListHead(&Fcb->InstanceList);
     InitializeListHead(&Fcb->NotifyList);

@@ -8,12 +8,11 @@
 
 // ---- Global objects ----------------------------------------------------------------------------------------------
 
-extern UNICODE_PREFIX_TABLE FcbPrefixTable;
-extern ULONG FcbPrefixCount;
-extern ERESOURCE FcbTableResource;
-extern LIST_ENTRY FcbList;
-extern ULONG FcbCount;
-extern ERESOURCE FcbListResource;
+extern UNICODE_PREFIX_TABLE FcbPrefixTable UNDER(FcbTableResource);
+extern ULONG FcbPrefixCount UNDER(FcbTableResource);
+extern ERESOURCE FcbListResource BEHIND(FcbTableResource);
+extern LIST_ENTRY FcbList UNDER(FcbListResource);
+extern ULONG FcbCount UNDER(FcbListResource);
 extern PFCB DriverFcb;
 
 // ---- FCB records (names/fcb.cpp) -----------------------------------------------------------------------------------
@@ -37,7 +36,7 @@ struct PATH_SOURCE {
         return Fcb != nullptr ? &Record->Path : nullptr;
     }
     // FcbTableResource held.
-    bool IsCurrent() const {
+    bool IsCurrent() const HOLDING_SHARED(FcbTableResource) {
         return Fcb == nullptr || Fcb->PathChanges == Changes;
     }
     // What Status of a question under the composed path means: STATUS_RETRY when it was asked under a name that a
@@ -76,7 +75,7 @@ VOID NtFsdFreeFcb(PFCB Fcb);
 
 // Tears Fcb down: out of the prefix table (the caller holds FcbTableResource then), resources, lock table, list,
 // memory. Hold is the caller's hold of Fcb's Resource, which is released and gone.
-VOID NtFsdDeleteFcb(PFCB Fcb, ResourceHold &Hold);
+VOID NtFsdDeleteFcb(PFCB Fcb, ResourceHold &Hold) HOLDING(FcbTableResource, Fcb->Resource);
 
 // Initialises the lock table of a file FCB, once in its life. Resource held exclusive.
 VOID NtFsdInitializeFcbFileLock(PFCB Fcb);
@@ -88,24 +87,24 @@ VOID NtFsdInitializeParents();
 
 // Counts one FCB in below the directory of Path and every directory above that. *Parent is what is to be released; NULL
 // below a volume itself. STATUS_INSUFFICIENT_RESOURCES counts nothing.
-NTSTATUS NtFsdHoldParent(PCUNICODE_STRING Path, PARENT_RECORD **Parent);
-VOID NtFsdReleaseParent(PARENT_RECORD *Parent);
+NTSTATUS NtFsdHoldParent(PCUNICODE_STRING Path, PARENT_RECORD **Parent) HOLDING(FcbTableResource);
+VOID NtFsdReleaseParent(PARENT_RECORD *Parent) HOLDING(FcbTableResource);
 
 // TRUE when the path of an FCB in the prefix table lies below Path, the path of a directory below a volume. One look-up
 // however many are open.
-bool NtFsdHasFcbBelow(PCUNICODE_STRING Path);
+bool NtFsdHasFcbBelow(PCUNICODE_STRING Path) HOLDING(FcbTableResource);
 
 // ---- The prefix table (names/fcb_table.cpp) ------------------------------------------------------------------------
 
 // The FCB with the longest path that is a component prefix of Path, ignoring case, or NULL. Remaining (aliasing Path)
 // receives what is left of Path after it; it is empty for an exact match. FcbTableResource held.
-PFCB NtFsdFindFcb(PUNICODE_STRING Path, PUNICODE_STRING Remaining);
+PFCB NtFsdFindFcb(PUNICODE_STRING Path, PUNICODE_STRING Remaining) HOLDING_SHARED(FcbTableResource);
 
 // Sets up the prefix table, at start.
 VOID NtFsdInitializeFcbTable();
 
 // Takes Fcb out of the prefix table if it is in it. FcbTableResource and its Resource held, or no request in flight.
-VOID NtFsdRemovePrefix(PFCB Fcb);
+VOID NtFsdRemovePrefix(PFCB Fcb) HOLDING(FcbTableResource);
 
 // Finds the FCB of exactly Path or creates it. On success Hold holds its Resource exclusive and OpenCount is one
 // higher. STATUS_RETRY, with nothing done, when Source, which Path was composed of, has another path by now.
@@ -121,9 +120,9 @@ public:
     ~NewPathRecord();
     // Copies Path, once, and counts it in below its directory. STATUS_INSUFFICIENT_RESOURCES or STATUS_NAME_TOO_LONG.
     // FcbTableResource held exclusive.
-    NTSTATUS Make(PCUNICODE_STRING Path);
+    NTSTATUS Make(PCUNICODE_STRING Path) HOLDING(FcbTableResource);
     // Counts it out again, unless an FCB has taken it. FcbTableResource held exclusive.
-    VOID Drop() {
+    VOID Drop() HOLDING(FcbTableResource) {
         NtFsdReleaseParent(DetachParent());
     }
     PARENT_RECORD *DetachParent() {
@@ -145,10 +144,10 @@ private:
 
 // Re-keys Fcb under NewPath. The caller holds FcbTableResource and Fcb's Resource exclusive. Every instance keeps a
 // valid PathLeft. When the new key cannot be inserted the FCB stays out of the table.
-VOID NtFsdRenameFcb(PFCB Fcb, NewPathRecord &NewPath);
+VOID NtFsdRenameFcb(PFCB Fcb, NewPathRecord &NewPath) HOLDING(FcbTableResource, Fcb->Resource);
 
 // Trace of the FCBs that have notification requests waiting. FcbTableResource held.
-VOID NtFsdDumpPrefixTable();
+VOID NtFsdDumpPrefixTable() HOLDING_SHARED(FcbTableResource);
 
 // ---- Opens (names/open_fcb.cpp)
 
@@ -184,7 +183,7 @@ NTSTATUS NtFsdCheckRelated(PFILE_OBJECT FileObject, PFCB *Fcb, PINSTANCE_CONTEXT
 // down when none is left. The caller holds FcbTableResource, and Fcb's Resource in Hold; when *FcbFreed (may be NULL)
 // is TRUE that hold is gone. Returns the translated status of the delete, or STATUS_SUCCESS.
 NTSTATUS TwSupDereference(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, BOOLEAN *FcbFreed,
-                          ResourceHold &Hold);
+                          ResourceHold &Hold) HOLDING(FcbTableResource, Fcb->Resource);
 
 // Frees an instance with its listing buffers. Unlinked by the caller.
 VOID NtFsdFreeInstance(PINSTANCE_CONTEXT Instance);
@@ -209,30 +208,57 @@ private:
     RV_SECURITY_CONTEXT Own_;
 };
 
-// Says what kind of object Fcb is. Fcb->Resource is held exclusively; requests on other opens read the kind without it,
-// and it stays what it is while any of them is there.
+// ---- What is also read without the lock that it is written under ---------------------------------------------------
+//
+// Written with the FCB's Resource held exclusively.
+
+// What kind of object Fcb is. It stays what it is while an open of it is there.
+inline ULONG NtFsdReadOpenType(const FCB *Fcb) {
+    return __atomic_load_n(&Fcb->OpenType, __ATOMIC_RELAXED);
+}
 inline VOID NtFsdSetOpenType(PFCB Fcb, ULONG OpenType) {
-    if (__atomic_load_n(&Fcb->OpenType, __ATOMIC_RELAXED) != OpenType) {
+    if (NtFsdReadOpenType(Fcb) != OpenType) {
         __atomic_store_n(&Fcb->OpenType, OpenType, __ATOMIC_RELAXED);
     }
 }
 
-// Changes of the FCB_STATE bits and of VolumeResolved, with the Resource held exclusively. Decoding a file object reads
-// the bits without it, and a relative open reads VolumeResolved of its directory.
+// The FCB_STATE bits; decoding a file object reads them.
+inline ULONG NtFsdReadOpenFlags(const FCB *Fcb) {
+    return __atomic_load_n(&Fcb->OpenFlags, __ATOMIC_RELAXED);
+}
 inline VOID NtFsdSetOpenFlags(PFCB Fcb, ULONG Bits) {
     __atomic_store_n(&Fcb->OpenFlags, Fcb->OpenFlags | Bits, __ATOMIC_RELAXED);
 }
 inline VOID NtFsdClearOpenFlags(PFCB Fcb, ULONG Bits) {
     __atomic_store_n(&Fcb->OpenFlags, Fcb->OpenFlags & ~Bits, __ATOMIC_RELAXED);
 }
+
+// A relative open reads that of its directory.
+inline UCHAR NtFsdReadVolumeResolved(const FCB *Fcb) {
+    return __atomic_load_n(&Fcb->VolumeResolved, __ATOMIC_RELAXED);
+}
 inline VOID NtFsdSetVolumeResolved(PFCB Fcb, UCHAR Resolved) {
     __atomic_store_n(&Fcb->VolumeResolved, Resolved, __ATOMIC_RELAXED);
+}
+
+// Of an open that another is named relative to.
+inline RVHANDLE NtFsdReadDirHandle(const INSTANCE_CONTEXT *Instance) {
+    return __atomic_load_n(&Instance->DirHandle, __ATOMIC_RELAXED);
+}
+inline VOID NtFsdSetDirHandle(PINSTANCE_CONTEXT Instance, RVHANDLE Handle) {
+    __atomic_store_n(&Instance->DirHandle, Handle, __ATOMIC_RELAXED);
+}
+inline PWSTR NtFsdReadPathLeft(const INSTANCE_CONTEXT *Instance) {
+    return __atomic_load_n(&Instance->PathLeft, __ATOMIC_ACQUIRE);
+}
+inline VOID NtFsdSetPathLeft(PINSTANCE_CONTEXT Instance, PWSTR Path) {
+    __atomic_store_n(&Instance->PathLeft, Path, __ATOMIC_RELEASE);
 }
 
 // TRUE for an open of a file without a handle of it: the parent of a rename's target that turned out to be a file. It
 // can only be closed and asked for its volume; the Provider must never be asked with handle 0.
 inline bool NtFsdLacksFileHandle(const FCB *Fcb, const INSTANCE_CONTEXT *Instance) {
-    return __atomic_load_n(&Fcb->OpenType, __ATOMIC_RELAXED) == OPEN_TYPE_FILE && Instance->FileHandle == 0;
+    return NtFsdReadOpenType(Fcb) == OPEN_TYPE_FILE && Instance->FileHandle == 0;
 }
 
 // ---- Use of an open (names/open_use.cpp)

@@ -22,6 +22,8 @@
 #include "frame/locks.h"
 #include "names/strings.h"
 
+extern ERESOURCE FcbTableResource;
+
 enum OPEN_TYPE : ULONG {
     OPEN_TYPE_DEVICE = 1,
     OPEN_TYPE_DIRECTORY = 3,
@@ -67,20 +69,20 @@ struct FCB {
     ULONG NodeTypeCode;
     LIST_ENTRY FcbLinks; // under FcbListResource
     FAST_MUTEX HeaderMutex;
-    ERESOURCE Resource;
+    ERESOURCE Resource BEHIND(FcbTableResource);
     ERESOURCE PagingIoResource;
     // Under Resource.
-    LIST_ENTRY NotifyList;
+    LIST_ENTRY NotifyList UNDER(Resource);
     PNOTIFY_SYNC NotifySync;
     ULONG OpenType;  // OPEN_TYPE
     ULONG OpenFlags; // FCB_STATE
     ULONG OpenCount; // changed under FcbTableResource and Resource
-    ULONG UncleanCount;
+    ULONG UncleanCount UNDER(Resource);
     UNICODE_STRING FullPath; // owned; changed under FcbTableResource and Resource
     UCHAR VolumeResolved;
-    SHARE_ACCESS ShareAccess;
-    USHORT PrefixState;
-    UNICODE_PREFIX_TABLE_ENTRY PrefixEntry; // under FcbTableResource
+    SHARE_ACCESS ShareAccess UNDER(Resource);
+    USHORT PrefixState UNDER(FcbTableResource);
+    UNICODE_PREFIX_TABLE_ENTRY PrefixEntry UNDER(FcbTableResource);
     LIST_ENTRY InstanceList;
     FILE_LOCK FileLock; // its own lock
     // Ours.
@@ -89,9 +91,9 @@ struct FCB {
     LIST_ENTRY *LockGrants;  // while an unlock is under way: collects the waiting locks that it grants
     LIST_ENTRY LockRequests; // locks that may wait, until the server is told of them (io/lock_table.h)
     PATH_RECORD FirstPath;
-    PATH_RECORD *CurrentPath; // FullPath is its Path
-    PARENT_RECORD *Parent;    // counts it while it is in the prefix table; under FcbTableResource
-    ULONG PathChanges;        // how often FullPath has changed; written after CurrentPath
+    PATH_RECORD *CurrentPath;                      // FullPath is its Path
+    PARENT_RECORD *Parent UNDER(FcbTableResource); // counts it while it is in the prefix table
+    ULONG PathChanges;                             // how often FullPath has changed; written after CurrentPath
     // Whose wish the pending deletion is, by the flag that asks for it.
     RV_SECURITY_CONTEXT DeleteOnCloseOwner;
     RV_SECURITY_CONTEXT DispositionOwner;

@@ -4,7 +4,7 @@
 namespace {
 
 // Puts Fcb into the prefix table under its FullPath, which no FCB there has. FALSE when the table refuses it.
-bool InsertPrefix(PFCB Fcb) {
+bool InsertPrefix(PFCB Fcb) HOLDING(FcbTableResource) {
     if (!RtlInsertUnicodePrefix(&FcbPrefixTable, &Fcb->CurrentPath->Path, &Fcb->PrefixEntry)) {
         return false;
     }
@@ -23,7 +23,7 @@ UNICODE_STRING Rest(PUNICODE_STRING Path, USHORT Bytes) {
     return Remaining;
 }
 
-void TraceFind(PUNICODE_STRING Path, PFCB Fcb) {
+void TraceFind(PUNICODE_STRING Path, PFCB Fcb) HOLDING_SHARED(FcbTableResource) {
     const WideText Sought = {Path->Buffer, Path->Length / 2u};
     NtFsdDebugPrint(TRACE_FCB, 0, "   Trying to find : %ls\n", Sought);
     if (Fcb != nullptr) {
@@ -78,7 +78,8 @@ PFCB NtFsdFindFcb(PUNICODE_STRING Path, PUNICODE_STRING Remaining) {
 namespace {
 
 // A new FCB for Path, not yet in the table, its Resource not yet held.
-NTSTATUS AllocateForOpen(PIRP_CONTEXT IrpContext, PUNICODE_STRING Path, PUNICODE_STRING Remaining, PFCB *Fcb) {
+NTSTATUS AllocateForOpen(PIRP_CONTEXT IrpContext, PUNICODE_STRING Path, PUNICODE_STRING Remaining, PFCB *Fcb)
+    HOLDING(FcbTableResource) {
     const WideText Rest = {Remaining->Buffer, Remaining->Length / 2u};
     NtFsdDebugPrint(TRACE_FCB, 0, "   Didn't find the prefix entry.\n");
     NtFsdDebugPrint(TRACE_FCB, 0, "   Remaining Path = %ws.\n", Rest);
@@ -100,7 +101,7 @@ NTSTATUS AllocateForOpen(PIRP_CONTEXT IrpContext, PUNICODE_STRING Path, PUNICODE
 }
 
 NTSTATUS OpenOrCreateLocked(PIRP_CONTEXT IrpContext, PUNICODE_STRING Path, PFCB *Fcb, BOOLEAN *Created,
-                            ResourceHold &Hold) {
+                            ResourceHold &Hold) HOLDING(FcbTableResource) {
     UNICODE_STRING Remaining;
     PFCB Found = NtFsdFindFcb(Path, &Remaining);
     if (Found != nullptr && Remaining.Length == 0) {
@@ -187,7 +188,7 @@ void TakePath(PFCB Fcb, NewPathRecord &NewPath) {
 }
 
 // The table accepts names that differ only in case; two FCBs may not.
-bool IsPathTaken(PUNICODE_STRING Path) {
+bool IsPathTaken(PUNICODE_STRING Path) HOLDING(FcbTableResource) {
     UNICODE_STRING Remaining;
     return NtFsdFindFcb(Path, &Remaining) != nullptr && Remaining.Length == 0;
 }

@@ -109,7 +109,7 @@ void SplitAgainstVolume(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Ins
 // whatever its other handles name.
 void NameRelative(const RELATED_OPEN &Related, PUNICODE_STRING Name, PFCB Fcb, PINSTANCE_CONTEXT Instance) {
     if (!Fcb->VolumeRoot) {
-        NtFsdSetVolumeResolved(Fcb, __atomic_load_n(&Related.Fcb->VolumeResolved, __ATOMIC_RELAXED));
+        NtFsdSetVolumeResolved(Fcb, NtFsdReadVolumeResolved(Related.Fcb));
     }
     const RVHANDLE Handle = NtFsdHandleToLend(Related.Instance);
     if (Handle != 0) {
@@ -119,7 +119,7 @@ void NameRelative(const RELATED_OPEN &Related, PUNICODE_STRING Name, PFCB Fcb, P
     }
 }
 
-void Attach(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance) {
+void Attach(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance) HOLDING(Fcb->Resource) {
     InsertTailList(&Fcb->InstanceList, &Instance->Links);
     ++Fcb->UncleanCount;
     PFILE_OBJECT FileObject = IrpContext->FileObject;
@@ -172,6 +172,7 @@ NTSTATUS OpenOnce(PIRP_CONTEXT IrpContext, const RELATED_OPEN &Related, const PA
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
+    Hold.Holds(&Found.Fcb->Resource);
     if (Before != nullptr) {
         *Before = {Found.Fcb->OpenFlags, Found.Fcb->VolumeResolved, Found.Fcb->VolumeRoot};
     }
@@ -202,8 +203,7 @@ NTSTATUS PATH_SOURCE::Judge(NTSTATUS Status) const {
     if (Fcb == nullptr) {
         return Status;
     }
-    ResourceHold Table;
-    Table.AcquireShared(&FcbTableResource, TRUE);
+    const SharedHold Table(&FcbTableResource);
     return IsCurrent() ? Status : STATUS_RETRY;
 }
 
@@ -217,7 +217,7 @@ NTSTATUS NtFsdCheckRelated(PFILE_OBJECT FileObject, PFCB *Fcb, PINSTANCE_CONTEXT
         return STATUS_INVALID_HANDLE;
     }
     const auto Related = static_cast<PFCB>(FileObject->FsContext);
-    if (__atomic_load_n(&Related->OpenType, __ATOMIC_RELAXED) == OPEN_TYPE_DEVICE) {
+    if (NtFsdReadOpenType(Related) == OPEN_TYPE_DEVICE) {
         return STATUS_NOT_A_DIRECTORY;
     }
     *Fcb = Related;

@@ -21,10 +21,10 @@ NTSTATUS NtFsdDecodeFileObject(PFILE_OBJECT FileObject, PFCB *Fcb, PINSTANCE_CON
     if (!IsFcb) {
         return STATUS_INVALID_PARAMETER;
     }
-    if (__atomic_load_n(&(*Fcb)->OpenFlags, __ATOMIC_RELAXED) & FCB_STATE_DELETED) {
+    if (NtFsdReadOpenFlags(*Fcb) & FCB_STATE_DELETED) {
         return STATUS_DELETE_PENDING;
     }
-    if (ExpectedOpenType != 0 && ExpectedOpenType != __atomic_load_n(&(*Fcb)->OpenType, __ATOMIC_RELAXED)) {
+    if (ExpectedOpenType != 0 && ExpectedOpenType != NtFsdReadOpenType(*Fcb)) {
         return STATUS_INVALID_PARAMETER;
     }
     return ExpectedOpenType == OPEN_TYPE_FILE && NtFsdLacksFileHandle(*Fcb, *Instance) ? STATUS_INVALID_HANDLE
@@ -40,7 +40,7 @@ NTSTATUS NtFsdEnsureDirectoryHandle(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT I
         RVFsdOpenDirectory(&IrpContext->SecurityContext, Instance->BaseHandle, Instance->PathLeft, Directory.Out()));
     if (NT_SUCCESS(Status)) {
         Instance->RelatedHandle = Directory.Get();
-        __atomic_store_n(&Instance->DirHandle, Directory.Detach(), __ATOMIC_RELAXED);
+        NtFsdSetDirHandle(Instance, Directory.Detach());
     }
     return Status;
 }
@@ -48,9 +48,8 @@ NTSTATUS NtFsdEnsureDirectoryHandle(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT I
 namespace {
 
 bool LacksDirectoryHandle(PFCB Fcb, PINSTANCE_CONTEXT Instance) {
-    return __atomic_load_n(&Fcb->OpenType, __ATOMIC_RELAXED) == OPEN_TYPE_DIRECTORY &&
-           __atomic_load_n(&Instance->DirHandle, __ATOMIC_RELAXED) == 0 &&
-           *__atomic_load_n(&Instance->PathLeft, __ATOMIC_ACQUIRE) != 0;
+    return NtFsdReadOpenType(Fcb) == OPEN_TYPE_DIRECTORY && NtFsdReadDirHandle(Instance) == 0 &&
+           *NtFsdReadPathLeft(Instance) != 0;
 }
 
 } // namespace

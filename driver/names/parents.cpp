@@ -13,7 +13,7 @@ struct PARENT_RECORD {
 
 namespace {
 
-DRIVER_GLOBAL UNICODE_PREFIX_TABLE ParentTable = {}; // under FcbTableResource
+DRIVER_GLOBAL UNICODE_PREFIX_TABLE ParentTable UNDER(FcbTableResource) = {};
 
 PARENT_RECORD *FindRecord(PUNICODE_STRING Path) {
     const PUNICODE_PREFIX_TABLE_ENTRY Entry = RtlFindUnicodePrefix(&ParentTable, Path, 0);

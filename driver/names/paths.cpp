@@ -64,6 +64,20 @@ RVSTATUS NtFsdGetDFSPhysicalPath(RV_SECURITY_CONTEXT *SecurityContext, PUNICODE_
     return Result;
 }
 
+RVSTATUS NtFsdResolvePath(RV_SECURITY_CONTEXT *SecurityContext, PUNICODE_STRING Path, PUNICODE_STRING Resolved,
+                          PCSTR Asker) {
+    const RVSTATUS Status = NtFsdGetDFSPhysicalPath(SecurityContext, Path, Resolved);
+    if (Status == RVSTATUS::Success) {
+        return Status;
+    }
+    if (Status != RVSTATUS::NotDistributedPath) {
+        NtFsdDebugPrint(TRACE_VOLUME_INFO, 0, "[RVFSD] %s RVFsdGetDFSPhysicalPath for \"%wZ\" failed; status 0x%08X.\n",
+                        Asker, Path, static_cast<ULONG>(Status));
+    }
+    NtFsdFreeUnicodeString(Resolved); // a warning came with a path
+    return NtFsdQueryPathForVolume(SecurityContext, Path->Buffer, Resolved);
+}
+
 namespace {
 
 // The volume root at Path: opened and closed again.

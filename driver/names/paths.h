@@ -14,6 +14,11 @@ RVSTATUS NtFsdQueryPathForVolume(RV_SECURITY_CONTEXT *SecurityContext, PCWSTR Pa
 RVSTATUS NtFsdGetDFSPhysicalPath(RV_SECURITY_CONTEXT *SecurityContext, PUNICODE_STRING Path,
                                  PUNICODE_STRING PhysicalPath);
 
+// Path as the Provider resolves it, in the same manner: physical if it lies in a distributed namespace, its volume's
+// path if not. Asker names the routine in the trace of a namespace that does not answer.
+RVSTATUS NtFsdResolvePath(RV_SECURITY_CONTEXT *SecurityContext, PUNICODE_STRING Path, PUNICODE_STRING Resolved,
+                          PCSTR Asker);
+
 // Tells what Path (PathLength bytes, need not be terminated) names, keeping nothing open. The returned status says
 // whether the question could be asked; *FileStatus (may be NULL) is STATUS_SUCCESS for a file,
 // STATUS_FILE_IS_A_DIRECTORY, STATUS_NO_SUCH_FILE or STATUS_ACCESS_DENIED, or a failure for a volume root that cannot

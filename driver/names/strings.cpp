@@ -103,6 +103,33 @@ PATH_PARTS NtFsdSplitPath(const UNICODE_STRING &Path) {
     return {ViewOf(Path.Buffer, Start != 0 ? Start - 1 : 0), ViewOf(Path.Buffer + Start, UnitsOf(Path) - Start)};
 }
 
+namespace {
+
+// From At on over what is a separator, or over what is none.
+ULONG SkipUnits(const UNICODE_STRING &Path, ULONG At, bool Separators) {
+    while (At < UnitsOf(Path) && (Path.Buffer[At] == SEPARATOR) == Separators) {
+        ++At;
+    }
+    return At;
+}
+
+} // namespace
+
+VOLUME_POSITION NtFsdFindVolume(const UNICODE_STRING &Path) {
+    const ULONG ServerEnd = SkipUnits(Path, SkipUnits(Path, 0, true), false);
+    const ULONG Start = ServerEnd < UnitsOf(Path) ? ServerEnd + 1 : ServerEnd;
+    return {ServerEnd, Start, SkipUnits(Path, Start, false)};
+}
+
+UNICODE_STRING NtFsdCutAfterVolume(PUNICODE_STRING Path) {
+    const VOLUME_POSITION Volume = NtFsdFindVolume(*Path);
+    if (Volume.End < UnitsOf(*Path)) {
+        Path->Buffer[Volume.End] = 0;
+        Path->Length = static_cast<USHORT>(Volume.End * sizeof(WCHAR));
+    }
+    return ViewOf(Path->Buffer + Volume.Start, Volume.End - Volume.Start);
+}
+
 UNICODE_STRING NtFsdWithoutSlash(const UNICODE_STRING &Path) {
     const ULONG Units = UnitsOf(Path);
     return ViewOf(Path.Buffer, Units != 0 && Path.Buffer[Units - 1] == SEPARATOR ? Units - 1 : Units);

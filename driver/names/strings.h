@@ -47,6 +47,18 @@ struct PATH_PARTS {
 };
 PATH_PARTS NtFsdSplitPath(const UNICODE_STRING &Path);
 
+// Where server and volume of a path (\server\volume\...) lie, in units: the server ends, the volume begins and ends.
+// The volume is empty when the path has none.
+struct VOLUME_POSITION {
+    ULONG ServerEnd;
+    ULONG Start;
+    ULONG End;
+};
+VOLUME_POSITION NtFsdFindVolume(const UNICODE_STRING &Path);
+
+// Ends Path behind its volume, in place, and returns a view of that component.
+UNICODE_STRING NtFsdCutAfterVolume(PUNICODE_STRING Path);
+
 // The path without a trailing separator, if it has one.
 UNICODE_STRING NtFsdWithoutSlash(const UNICODE_STRING &Path);
 

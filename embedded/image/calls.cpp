@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include "embedded/verifier/driver_stack.h"
 #include "kernel/kernel.h"
 
 extern "C" {
@@ -82,10 +83,12 @@ std::string LineOf(const OpenCall &Call, const std::string &Result) {
 }
 
 void WriteLine(const std::string &Line) {
-    const std::lock_guard Hold(Lines().Lock);
-    if (Lines().Sink) {
-        Lines().Sink(Line);
-    }
+    OnHostStack([&] {
+        const std::lock_guard Hold(Lines().Lock);
+        if (Lines().Sink) {
+            Lines().Sink(Line);
+        }
+    });
 }
 
 // The sink's lock, unless its holder keeps it: it may be this thread, or one that has stopped.

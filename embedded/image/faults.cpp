@@ -11,6 +11,7 @@
 #include "embedded/image/calls.h"
 #include "embedded/image/unwind.h"
 #include "embedded/mm.h"
+#include "embedded/verifier/driver_stack.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/stack.h"
 
@@ -81,24 +82,16 @@ std::string ServiceCalledBefore(const DriverImage &Image, uint64_t Return) {
     return Found == nullptr ? "a routine" : Found->Name;
 }
 
-// The fault comes from a stack that has no room left.
-bool IsStackUsedUp(const KThread &Thread, const void *Address, const UnwindContext &At) {
-    constexpr ULONG_PTR Guard = 65536; // the host's pages without access below a stack, which its bounds may include
-    const auto Touched = reinterpret_cast<ULONG_PTR>(Address);
-    return Touched + Guard >= Thread.StackLow && Touched < Thread.StackLow + Guard &&
-           At.Registers[StackPointer] < Thread.StackLow + Guard;
-}
-
-[[noreturn]] void Report(const KThread &Thread, int Signal, const void *Address, const UnwindContext &At,
-                         const std::string &Who, const std::string &Where) {
+[[noreturn]] void Report(int Signal, const void *Address, const UnwindContext &At, const std::string &Who,
+                         const std::string &Where) {
     for (const Fault &Each : Faults) {
         if (Each.Signal == Signal) {
             BugCheck(0x1E, Each.Exception, At.Rip, 0, 0, fmt::format("{} {}{}", Who, Each.What, Where));
         }
     }
-    if (IsStackUsedUp(Thread, Address, At)) {
+    if (const ULONG_PTR Bytes = StackUsedUp(Address, At.Registers[StackPointer]); Bytes != 0) {
         BugCheck(0x7F, 8, reinterpret_cast<ULONG_PTR>(Address), At.Rip, 0,
-                 fmt::format("{} used up the stack, {} bytes{}", Who, Thread.StackHigh - Thread.StackLow, Where));
+                 fmt::format("{} used up the stack, {} bytes{}", Who, Bytes, Where));
     }
     BugCheck(0x50, reinterpret_cast<ULONG_PTR>(Address), 0, At.Rip, 0,
              fmt::format("{} touched memory at {} that it cannot{}{}", Who, Address, DescribeGuarded(Address), Where));
@@ -116,14 +109,14 @@ void ReportFaultInImage(int Signal, const void *Address, void *SignalContext) {
         UnwindContext Behind;
         const std::string Frames = DescribeImageFrames(*Image, At, &Behind);
         ReportStackFrom(Behind.Registers[FramePointer]);
-        Report(*Thread, Signal, Address, At, Image->File().filename().string(), Frames);
+        Report(Signal, Address, At, Image->File().filename().string(), Frames);
     }
     if (const auto Caller = CallerInImage(*Thread, At)) {
         const DriverImage &Image = *ImageOf(reinterpret_cast<const void *>(Caller->Rip));
         UnwindContext Behind;
         const std::string Frames = DescribeImageFrames(Image, *Caller, &Behind);
         ReportStackFrom(At.Registers[FramePointer]);
-        Report(*Thread, Signal, Address, At, ServiceCalledBefore(Image, Caller->Rip),
+        Report(Signal, Address, At, ServiceCalledBefore(Image, Caller->Rip),
                fmt::format(", called by {}{}", Image.File().filename().string(), Frames));
     }
 }

@@ -8,6 +8,7 @@
 
 #include "embedded/image/calls.h"
 #include "embedded/image/driver_image.h"
+#include "embedded/verifier/driver_stack.h"
 #include "embedded/verifier/stack.h"
 
 namespace embedded {
@@ -23,9 +24,7 @@ void WriteToStderr(std::string_view Text) {
     }
 }
 
-} // namespace
-
-void BugCheck(ULONG Code, ULONG_PTR P1, ULONG_PTR P2, ULONG_PTR P3, ULONG_PTR P4, std::string_view What) {
+[[noreturn]] void Stop(ULONG Code, ULONG_PTR P1, ULONG_PTR P2, ULONG_PTR P3, ULONG_PTR P4, std::string_view What) {
     static std::atomic_flag Stopping;
     static thread_local bool Reporting = false;
     if (Reporting) {
@@ -53,6 +52,13 @@ void BugCheck(ULONG Code, ULONG_PTR P1, ULONG_PTR P2, ULONG_PTR P3, ULONG_PTR P4
     }
     int Count = backtrace(Frames, 48);
     backtrace_symbols_fd(Frames, Count, STDERR_FILENO);
+    std::abort();
+}
+
+} // namespace
+
+void BugCheck(ULONG Code, ULONG_PTR P1, ULONG_PTR P2, ULONG_PTR P3, ULONG_PTR P4, std::string_view What) {
+    OnHostStack([&] { Stop(Code, P1, P2, P3, P4, What); });
     std::abort();
 }
 

@@ -1,7 +1,5 @@
 #include "embedded/verifier/rules.h"
 
-#include <mutex>
-
 #include <fmt/format.h>
 
 #include "embedded/verifier/locks.h"
@@ -31,28 +29,6 @@ void NTAPI ReportIrql(KIRQL Highest, std::string_view Routine) noexcept {
     KIRQL Irql = CurrentThread().Irql;
     BugCheck(bugcheck::Verifier, bugcheck::WrongIrql, Irql, Highest, 0,
              fmt::format("{} called at IRQL {}, allowed up to {}", Routine, Irql, Highest));
-}
-
-namespace {
-
-struct {
-    std::mutex Mutex;
-    std::string_view Routine = "none";
-} Deepest;
-
-} // namespace
-
-void NTAPI NoteStackUse(ULONG_PTR Bytes, std::string_view Routine) noexcept {
-    std::lock_guard Guard(Deepest.Mutex);
-    if (Bytes > DeepestBytes) {
-        DeepestBytes = Bytes;
-        Deepest.Routine = Routine;
-    }
-}
-
-StackUse DeepestStackUse() {
-    std::lock_guard Guard(Deepest.Mutex);
-    return {DeepestBytes, Deepest.Routine};
 }
 
 void RequireUnchanged::Compare() const {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "embedded/thread.h"
+#include "embedded/verifier/driver_stack.h"
 #include "embedded/verifier/report.h"
 
 namespace embedded {
@@ -113,36 +114,6 @@ consteval const IrqlRule &IrqlRuleOf(std::string_view Routine) {
 
 [[noreturn]] void NTAPI ReportIrql(KIRQL Highest, std::string_view Routine) noexcept;
 
-// The stack that a driver has used where it called a service: the most of all calls so far, in bytes, and of which
-// service. A Provider's own share is not in it, for it calls none. Kept while Verifying().
-struct StackUse {
-    ULONG_PTR Bytes;
-    std::string_view Routine;
-};
-StackUse DeepestStackUse();
-
-// A kernel's thread has so much on Windows.
-inline constexpr ULONG_PTR KernelStackBytes = 24 * 1024;
-
-inline std::atomic<ULONG_PTR> DeepestBytes{0};
-void NTAPI NoteStackUse(ULONG_PTR Bytes, std::string_view Routine) noexcept;
-
-// Marks the calling frame as the one from which the driver is called, for the life of this object.
-class DriverStack {
-public:
-    DriverStack()
-        : Before_(std::exchange(CurrentThread().DriverFrame, reinterpret_cast<ULONG_PTR>(__builtin_frame_address(0)))) {
-    }
-    ~DriverStack() {
-        CurrentThread().DriverFrame = Before_;
-    }
-    DriverStack(const DriverStack &) = delete;
-    DriverStack &operator=(const DriverStack &) = delete;
-
-private:
-    const ULONG_PTR Before_;
-};
-
 // Stops when the calling thread's IRQL is above what Routine allows.
 inline void RequireIrql(KIRQL Highest, std::string_view Routine) {
     if (!Verifying()) {
@@ -153,7 +124,7 @@ inline void RequireIrql(KIRQL Highest, std::string_view Routine) {
         ReportIrql(Highest, Routine);
     }
     const ULONG_PTR Bytes = Thread.DriverFrame - reinterpret_cast<ULONG_PTR>(__builtin_frame_address(0));
-    if (Thread.DriverFrame != 0 && Bytes > DeepestBytes.load(std::memory_order_relaxed)) [[unlikely]] {
+    if (Thread.DriverFrame != 0 && Bytes > DeepestAtService.load(std::memory_order_relaxed)) [[unlikely]] {
         NoteStackUse(Bytes, Routine);
     }
 }

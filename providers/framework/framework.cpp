@@ -1,6 +1,7 @@
 #include "providers/framework/framework.h"
 
 #include "providers/framework/traps.h"
+#include "providers/slots.h"
 
 #include <chrono>
 #include <cstdlib>
@@ -137,6 +138,23 @@ struct FrameworkEntries {
         return Left;
     }
 
+    // One thunk per operation, for SetOperationCaller.
+    template <auto Slot, typename... A>
+    struct Operation {
+        static RVSTATUS NTAPI Call(RVIOM_FSD *Self, RV_SECURITY_CONTEXT *Security, A... Arguments) noexcept {
+            const Framework &Owner = *Framework::Active();
+            RVSTATUS Status = RVSTATUS::Success;
+            auto Run = [&] { Status = (Owner.ProviderOwnTable_->*Slot)(Self, Security, Arguments...); };
+            Owner.OperationCaller_([](void *Which) noexcept { (*static_cast<decltype(Run) *>(Which))(); }, &Run);
+            return Status;
+        }
+    };
+    template <auto Slot, typename... A>
+    static void Install(RVIOM_FSD_TABLE &Table,
+                        RVSTATUS (NTAPI *RVIOM_FSD_TABLE::*)(RVIOM_FSD *, RV_SECURITY_CONTEXT *, A...)) {
+        Table.*Slot = Operation<Slot, A...>::Call;
+    }
+
     static RVPSTATUS Create(const GUID *Clsid, PVOID Outer, const GUID *Iid, PVOID *Out) noexcept {
         Framework *Owner = Framework::Active();
         if (Owner == nullptr) {
@@ -244,6 +262,14 @@ void Framework::SetTimeSource(TimeSource Source) {
 
 void Framework::SetCaller(CallerSource Source) {
     Caller_ = std::move(Source);
+}
+
+void Framework::SetOperationCaller(OperationCaller Caller) {
+    OperationCaller_ = Caller;
+#define INSTALL(Number, Name)                                                                                          \
+    FrameworkEntries::Install<&RVIOM_FSD_TABLE::RVFsd##Name>(ProviderTable_, &RVIOM_FSD_TABLE::RVFsd##Name);
+    RVFSD_PROVIDER_OPERATIONS(INSTALL)
+#undef INSTALL
 }
 
 // ---- Creation and release ------------------------------------------------------------------------------------

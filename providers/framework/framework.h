@@ -51,6 +51,10 @@ public:
     // The identity of the calling thread. Default: DefaultCaller for every thread.
     void SetCaller(CallerSource Source);
     static constexpr RV_SECURITY_CONTEXT DefaultCaller = {{1000, 1000}};
+    // Who calls each of the Provider's operations: it gets the call as Run(Argument), which it makes once, in the
+    // calling thread. Default: nobody, the driver calls the Provider itself. Before the driver is loaded.
+    using OperationCaller = void (*)(void (*Run)(void *) noexcept, void *Argument) noexcept;
+    void SetOperationCaller(OperationCaller Caller);
 
     // ---- Faults. Nth counts the creations (allocations, ...) from now; 1 is the next one. Each fires once.
 
@@ -151,6 +155,7 @@ private:
     PlainObject Quillon_;
     TimeSource Time_;
     CallerSource Caller_;
+    OperationCaller OperationCaller_ = nullptr;
     RVIOM_FSD *Provider_ = nullptr;
     const RVIOM_FSD_TABLE *ProviderOwnTable_ = nullptr;
     RVIOM_FSD_TABLE ProviderTable_;

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "embedded/ex.h"
+#include "embedded/kernel.h"
 #include "embedded/mm.h"
 #include "embedded/ps.h"
 #include "tests/embedded/planted.h"
@@ -381,6 +382,56 @@ const PlantedFault MdlFaults[] = {
     {"MdlLeft", V, 0x62, "MDL block", [] { NewMdl(), VerifyNothingLeft(); }},
 };
 
+// Takes Bytes of the stack, step by step.
+__attribute__((noinline)) void TakeStack(ULONG_PTR Bytes, ULONG_PTR From = 0) {
+    char Room[512];
+    const auto Here = reinterpret_cast<ULONG_PTR>(__builtin_frame_address(0));
+    if (From == 0 || From - Here < Bytes) {
+        TakeStack(Bytes, From == 0 ? Here : From);
+    }
+    asm volatile("" : : "r"(Room) : "memory"); // keeps the room, and the call from being a jump
+}
+
+constexpr ULONG_PTR MostOfTheStack = DriverStackBytes - 4096;
+
+const PlantedFault StackFaults[] = {
+    {"OfARequest", 0x7F, 8, "the stack is used up, [0-9]+ bytes, at .*\n",
+     [] { OnDriverStack([] { TakeStack(DriverStackBytes); }); }},
+    {"OfARequestFromAProvider", 0x7F, 8, "used up",
+     [] {
+         auto Nested = [] { OnDriverStack([] { TakeStack(DriverStackBytes); }); };
+         OnDriverStack([&] { RunProvider(CallRoutine<decltype(Nested)>, &Nested); });
+     }},
+    {"OfADriversThread", 0x7F, 8, "used up",
+     [] {
+         Kernel Booted(KernelOptions{});
+         HANDLE Thread;
+         PsCreateSystemThread(
+             &Thread, 0, nullptr, nullptr, nullptr, [](PVOID) NTAPI { TakeStack(DriverStackBytes); }, nullptr);
+         Booted.Stop();
+     }},
+};
+
+TEST(DriverStack, HasRoomForTheDriverAndTheHostsCodeHasItsOwn) {
+    bool Came = false;
+    auto Provider = [&] {
+        TakeStack(5 * DriverStackBytes / 2);
+        OnDriverStack([&] { TakeStack(MostOfTheStack); });
+        OnHostStack([&] { Came = true; });
+    };
+    OnDriverStack([&] {
+        RunProvider(CallRoutine<decltype(Provider)>, &Provider);
+        TakeStack(MostOfTheStack);
+        OnDriverStack([] { OnHostStack([] { TakeStack(2 * DriverStackBytes); }); });
+    });
+    EXPECT_TRUE(Came);
+    const StackUse Use = DeepestStackUse();
+    EXPECT_GE(Use.Whole, MostOfTheStack);
+    EXPECT_LE(Use.Whole, DriverStackBytes);
+    EXPECT_GE(Use.Provider, std::min(5 * DriverStackBytes / 2, MeasuredProviderBytes));
+    EXPECT_GT(Use.AtProvider, 0u);
+}
+
 TEST_P(PlantedFaults, StopsWithItsCode) {
     const PlantedFault &Fault = GetParam();
     EXPECT_DEATH(Fault.Commit(), StopPattern(Fault.Code, Fault.Parameter, Fault.What));
@@ -390,6 +441,7 @@ auto NameOfFault = [](const testing::TestParamInfo<PlantedFault> &Info) { return
 INSTANTIATE_TEST_SUITE_P(Pool, PlantedFaults, testing::ValuesIn(PoolFaults), NameOfFault);
 INSTANTIATE_TEST_SUITE_P(Irql, PlantedFaults, testing::ValuesIn(IrqlFaults), NameOfFault);
 INSTANTIATE_TEST_SUITE_P(Locks, PlantedFaults, testing::ValuesIn(LockFaults), NameOfFault);
+INSTANTIATE_TEST_SUITE_P(Stack, PlantedFaults, testing::ValuesIn(StackFaults), NameOfFault);
 INSTANTIATE_TEST_SUITE_P(Mdls, PlantedFaults, testing::ValuesIn(MdlFaults), NameOfFault);
 
 TEST(VerifierTest, ALeakReportNamesTagSizeAndEveryRegisteredCheck) {

@@ -2,6 +2,7 @@
 
 #include <mutex>
 
+#include "embedded/verifier/driver_stack.h"
 #include "tests/support/driver_under_test.h"
 
 namespace test {
@@ -38,6 +39,7 @@ void DriverFixture::Start(const StartOptions &Options) {
     Kernel_ = std::make_unique<embedded::Kernel>(std::move(Boot));
     Framework = std::make_unique<providers::Framework>(Options.Provider != nullptr ? Options.Provider : &Provider);
     Framework->SetTimeSource([] { return embedded::Clock::SystemTime(); });
+    Framework->SetOperationCaller(embedded::RunProvider);
     if (Options.StartsTheDriver) {
         ASSERT_EQ(Load(), STATUS_SUCCESS);
     }

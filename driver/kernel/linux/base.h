@@ -1,6 +1,8 @@
 // Basic types of the platform with their 64-bit Windows sizes, for the Linux build.
 #pragma once
 
+#include "kernel/lock_rules.h"
+
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
@@ -75,7 +77,7 @@ typedef ULONG ACCESS_MASK;
 typedef ACCESS_MASK *PACCESS_MASK;
 typedef LONG KPRIORITY;
 typedef CCHAR KPROCESSOR_MODE;
-typedef ULONG_PTR KSPIN_LOCK;
+typedef ULONG_PTR KSPIN_LOCK IS_LOCK("spin lock");
 typedef KSPIN_LOCK *PKSPIN_LOCK;
 typedef ULONG_PTR KAFFINITY;
 typedef ULONG_PTR ERESOURCE_THREAD;

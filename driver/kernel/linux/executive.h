@@ -51,7 +51,7 @@ typedef struct _OWNER_ENTRY {
     ULONG Reserved;
 } OWNER_ENTRY, *POWNER_ENTRY;
 
-typedef struct _ERESOURCE {
+typedef struct IS_LOCK("resource") _ERESOURCE {
     LIST_ENTRY SystemResourcesList;
     POWNER_ENTRY OwnerTable;
     SHORT ActiveCount;
