@@ -221,7 +221,7 @@ int FileSystem::SyncDirectory(fuse_req_t Request, fuse_ino_t, int, fuse_file_inf
     return 0;
 }
 
-// Space can be had by writing only: what is beyond the end is written with zeros.
+// Space can be had by writing only: what of the range is beyond the end is written with zeros.
 int FileSystem::Allocate(fuse_req_t Request, fuse_ino_t, int Mode, off_t Offset, off_t Length, fuse_file_info *File) {
     if (Mode != 0) {
         return EOPNOTSUPP;
@@ -234,10 +234,14 @@ int FileSystem::Allocate(fuse_req_t Request, fuse_ino_t, int Mode, off_t Offset,
     char *Zeros = TransferBuffer(LargestTransfer);
     memset(Zeros, 0, LargestTransfer);
     ++Changes_;
-    for (int64_t At = Found.Size; At < Offset + Length;) {
+    constexpr int64_t LongAllocation = 64 << 20; // which a signal ends
+    const int64_t Begun = std::max<int64_t>(Found.Size, Offset);
+    for (int64_t At = Begun; At < Offset + Length;) {
         const auto Part = std::min<uint64_t>(LargestTransfer, static_cast<uint64_t>(Offset + Length - At));
         size_t Done = 0;
-        if (const int Error = Handle.Write(static_cast<ULONG64>(At), Zeros, Part, false, &Done); Error != 0) {
+        const bool GivenUp = At - Begun >= LongAllocation && fuse_req_interrupted(Request) != 0;
+        const int Error = GivenUp ? EINTR : Handle.Write(static_cast<ULONG64>(At), Zeros, Part, false, &Done);
+        if (Error != 0) {
             Handle.SetSize(static_cast<ULONG64>(Found.Size)); // as it was: nothing half allocated
             return Error;
         }
