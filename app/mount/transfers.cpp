@@ -234,7 +234,7 @@ int FileSystem::Allocate(fuse_req_t Request, fuse_ino_t, int Mode, off_t Offset,
     char *Zeros = TransferBuffer(LargestTransfer);
     memset(Zeros, 0, LargestTransfer);
     ++Changes_;
-    constexpr int64_t LongAllocation = 64 << 20; // which a signal ends
+    constexpr int64_t LongAllocation = int64_t{4} << 30; // which a signal ends
     const int64_t Begun = std::max<int64_t>(Found.Size, Offset);
     for (int64_t At = Begun; At < Offset + Length;) {
         const auto Part = std::min<uint64_t>(LargestTransfer, static_cast<uint64_t>(Offset + Length - At));
