@@ -1,6 +1,5 @@
 // The console: verbs over one running driver, on a terminal and without one.
 
-#include <future>
 #include <unistd.h>
 
 #include <gmock/gmock.h>
@@ -142,13 +141,18 @@ TEST(ProgramConsole, TwoProcessesOverOneDirectorySeeEachOthersLocks) {
     const auto Session = [&](const std::string &Words) {
         return test::RunProgram({"--export", Export, "console"}, Words + "\n");
     };
-    std::future<Ran> Waiter;
-    const Ran Holder = test::RunProgramWith({"--export", Export, "console"}, [&](pid_t, int Input) {
-        const std::string Words = "lock " + File + " 2 4\nmkdir \\\\srv\\vol\\locked\n";
-        ASSERT_EQ(write(Input, Words.data(), Words.size()), static_cast<ssize_t>(Words.size()));
-        while (!Served.Has("locked")) {
+    const std::vector<std::string> Console = {"--export", Export, "console"};
+    // Types Words and a mkdir of Done, and waits until that was made.
+    const auto TypeUntil = [&](int Input, const std::string &Words, const char *Done) {
+        const std::string Text = Words + "mkdir \\\\srv\\vol\\" + Done + "\n";
+        ASSERT_EQ(write(Input, Text.data(), Text.size()), static_cast<ssize_t>(Text.size()));
+        for (int Tries = 0; !Served.Has(Done) && Tries < 60'000; ++Tries) {
             usleep(1000);
         }
+        EXPECT_TRUE(Served.Has(Done));
+    };
+    const Ran Holder = test::RunProgramWith(Console, [&](pid_t, int Input) {
+        TypeUntil(Input, "lock " + File + " 2 4\n", "locked");
         for (const char *Refused : {" 0 3", " 5 1 --shared", " 2 4 --key 7"}) {
             const Ran There = Session("lock " + File + Refused);
             EXPECT_EQ(There.Code, 1) << Refused;
@@ -156,18 +160,16 @@ TEST(ProgramConsole, TwoProcessesOverOneDirectorySeeEachOthersLocks) {
         }
         const Ran Beside = Session("lock " + File + " 6 4\nlock " + File + " 0 2 --shared");
         EXPECT_EQ(Beside.Code, 0) << Beside.Error;
-        Waiter = std::async(std::launch::async, [&] {
-            return Session("mkdir \\\\srv\\vol\\asks\nlock " + File + " 0 3 --wait\nmkdir \\\\srv\\vol\\granted");
+        const Ran Waiter = test::RunProgramWith(Console, [&](pid_t, int Waiting) {
+            TypeUntil(Waiting, "", "asks");
+            const std::string Lock = "lock " + File + " 0 3 --wait\n";
+            ASSERT_EQ(write(Waiting, Lock.data(), Lock.size()), static_cast<ssize_t>(Lock.size()));
+            ASSERT_EQ(write(Input, "quit\n", 5), 5); // the holder, and its lock
+            TypeUntil(Waiting, "", "granted");
         });
-        while (!Served.Has("asks")) {
-            usleep(1000);
-        }
-        EXPECT_FALSE(Served.Has("granted"));
+        EXPECT_EQ(Waiter.Code, 0) << Waiter.Error;
     });
     EXPECT_EQ(Holder.Code, 0) << Holder.Error;
-    const Ran Waited = Waiter.get();
-    EXPECT_EQ(Waited.Code, 0) << Waited.Error;
-    EXPECT_TRUE(Served.Has("granted"));
     const Ran After = Session("lock " + File + " 0 10");
     EXPECT_EQ(After.Code, 0) << After.Error;
 }

@@ -1,5 +1,7 @@
 // The program from outside: what it prints, what it says, how it ends.
 
+#include <cstdlib>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -252,6 +254,25 @@ TEST(Program, OutputThatCannotBeWrittenIsAFailure) {
     EXPECT_EQ(Walk.Error, "standard output: No space left on device\n");
     EXPECT_EQ(test::RunProgramInto("/dev/full", {"cat", R"(\\demo\files\docs\a.txt)"}).Code, 1);
     EXPECT_EQ(test::RunProgramInto("/dev/full", {"--help"}).Error, Walk.Error);
+}
+
+TEST(Program, ShellsCompleteVerbsAndOptions) {
+    const test::ScratchDirectory Scratch;
+    Scratch.Write("rvfsd.bash", RunProgram({"completion", "bash"}).Out);
+    const std::pair<const char *, const char *> Cases[] = {
+        {"rvfsd pu", "put"},          {"rvfsd --json cl", "claim"},
+        {"rvfsd help pu", "put"},     {"rvfsd put --in", "--inplace"},
+        {"rvfsd put --js", "--json"}, {"rvfsd put pu", ""},
+        {"rvfsd completion z", "zsh"}};
+    for (const auto &[Line, Offered] : Cases) {
+        const std::string Words =
+            "set -- " + std::string(Line) + "; . '" + Scratch.File("rvfsd.bash") +
+            "'; COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _rvfsd; echo -n \"${COMPREPLY[*]}\" >'" +
+            Scratch.File("out") + "'";
+        Scratch.Write("script", Words);
+        EXPECT_EQ(std::system(("bash '" + Scratch.File("script") + "'").c_str()), 0);
+        EXPECT_EQ(Scratch.Read("out"), Offered) << Line;
+    }
 }
 
 TEST(Program, TellsItsVersionAndItsDriver) {
