@@ -46,6 +46,7 @@ void AsAnotherUser(Action Run) {
         }
         Run();
     }).join();
+    prctl(PR_SET_DUMPABLE, 1); // which a change of users takes away
 }
 
 } // namespace test
