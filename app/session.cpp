@@ -103,8 +103,8 @@ std::filesystem::path MakeDefaultTree() {
     }
     std::filesystem::create_directories(Tree.parent_path(), Error);
     if (Error) {
-        throw UsageError(fmt::format("{}: {}; --export serves a directory of yours", Tree.parent_path().string(),
-                                     Error.message()));
+        throw UsageError(
+            fmt::format("{}: {}; --export serves a directory of yours", Tree.parent_path().string(), Error.message()));
     }
     std::string Half = Tree.string() + ".XXXXXX";
     if (mkdtemp(Half.data()) == nullptr) {
