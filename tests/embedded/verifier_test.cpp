@@ -428,7 +428,7 @@ TEST(DriverStack, HasRoomForTheDriverAndTheHostsCodeHasItsOwn) {
     const StackUse Use = DeepestStackUse();
     EXPECT_GE(Use.Whole, MostOfTheStack);
     EXPECT_LE(Use.Whole, DriverStackBytes);
-    EXPECT_GE(Use.Provider, std::min(5 * DriverStackBytes / 2, MeasuredProviderBytes));
+    EXPECT_GE(Use.Provider, 2 * KernelStackBytes);
     EXPECT_GT(Use.AtProvider, 0u);
 }
 
