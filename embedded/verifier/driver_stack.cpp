@@ -217,10 +217,12 @@ void RunProvider(StackRoutine Run, void *Argument) noexcept {
         std::lock_guard Guard(Deepest.Mutex);
         DeepestAtProvider = std::max(DeepestAtProvider.load(), Bytes);
     }
-    if (const ULONG Part = 1u << (Thread.DriverStacksInUse - 1);
-        Thread.DriverLow != 0 && !(Thread.ProviderPainted & Part)) {
-        Thread.ProviderPainted |= Part;
-        Paint(Thread.DriverLow - GuardBytes, MeasuredProviderBytes);
+    if (Thread.DriverLow != 0) {
+        const ULONG Part = 1u << (Thread.DriverStacksInUse - 1);
+        if (!(Thread.ProviderPainted & Part)) {
+            Thread.ProviderPainted |= Part;
+            Paint(Thread.DriverLow - GuardBytes, MeasuredProviderBytes);
+        }
     }
     RunBelow(0, Run, Argument);
 }

@@ -259,7 +259,14 @@ void ZwCloseOf(ULONG Attributes, bool Closed) {
 char Buffer[64];
 
 const PlantedFault Planted[] = {
-    {"CompletedTwice", 0x44, 0, "completed twice", [] { ReadDoing([](PIRP Irp) { Complete(Irp, STATUS_SUCCESS); }); }},
+    {"CompletedTwice", 0x44, 0, "completed twice",
+     [] {
+         Read([](PIRP Irp) {
+             Complete(Irp, STATUS_SUCCESS);
+             IofCompleteRequest(Irp, IO_NO_INCREMENT);
+             return STATUS_SUCCESS;
+         });
+     }},
     {"CompletedWithPending", 0xC9, 0x06, "cannot be final", [] { ReadAnswering(STATUS_PENDING, STATUS_PENDING); }},
     {"CompletedWithMinusOne", 0xC9, 0x06, "cannot be final", [] { ReadAnswering(-1, -1); }},
     {"CompletedAboveDispatch", 0xC9, 0x0E, "above DISPATCH_LEVEL",
