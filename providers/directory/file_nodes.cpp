@@ -170,8 +170,9 @@ FileNode *FileNodes::Acquire(const ObjectKey &Key) {
     Shard &Part = ShardOf(Key);
     const std::lock_guard Hold(Part.Mutex);
     FileNode &Node = Part.Nodes[Key];
-    Node.Key_ = Key;
-    ++Node.References_;
+    if (Node.References_++ == 0) {
+        Node.Key_ = Key; // which Release reads without the lock
+    }
     return &Node;
 }
 

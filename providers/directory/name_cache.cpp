@@ -77,7 +77,10 @@ RVSTATUS NameCache::Step(int Fd, const ObjectKey *Known, std::u16string_view Com
     const auto Ask = [&] {
         Out.Name = *Native;
         Out.Exists = fstatat(Fd, Native->c_str(), &Stat, AT_SYMLINK_NOFOLLOW) == 0;
-        Out.Type = Out.Exists ? IFTODT(Stat.st_mode) : DT_UNKNOWN;
+        Out.Type = DT_UNKNOWN;
+        if (Out.Exists) {
+            Out.Type = IFTODT(Stat.st_mode);
+        }
         // One that may be read and not be searched tells its names all the same.
         Refused = !Out.Exists && errno == EACCES ? EACCES : 0;
         return Out.Exists || errno == ENOENT || errno == EACCES ? RVSTATUS::Success : StatusOfParent(errno);
