@@ -61,7 +61,7 @@ void AddParameter(CLI::App &App, const Parameter &Each) {
 void SpellLongNames(std::vector<std::string> &Words, const VerbList &List) {
     const auto Named = std::find_if(Words.begin(), Words.end(),
                                     [&](const std::string &Word) { return FindVerb(List, Word) != nullptr; });
-    for (auto Word = Named; Word != Words.end(); ++Word) {
+    for (auto Word = Named; Word != Words.end() && *Word != "--"; ++Word) {
         for (const Parameter &Each : FindVerb(List, *Named)->Parameters) {
             if (Word->size() > 2 && (',' + Each.Names + ',').find(",-" + *Word + ',') != std::string::npos) {
                 Word->insert(0, "-");

@@ -73,6 +73,14 @@ bool FileAccess::GiveTo(int Descriptor, const std::string &Name) const {
     if (!Given && errno != EPERM && errno != EINVAL) {
         Fail(Name, errno);
     }
+    // Nobody is to run with the rights of an owner that the file has not, and another group gets nothing.
+    mode_t Permissions = Permissions_;
+    if (!Given) {
+        Permissions &= ~mode_t{S_ISUID | S_ISGID};
+        if (chown(Link.c_str(), static_cast<uid_t>(-1), Group_) != 0) {
+            Permissions &= ~mode_t{S_IRWXG};
+        }
+    }
     for (const auto &[Each, Value] : Attributes_) {
         if (Each != AccessList && setxattr(Link.c_str(), Each.c_str(), Value.data(), Value.size(), 0) != 0) {
             Fail(Name, errno);
@@ -80,7 +88,7 @@ bool FileAccess::GiveTo(int Descriptor, const std::string &Name) const {
     }
     // The list holds the permissions, but for three bits, and one that came from the directory is not the file's.
     static_cast<void>(removexattr(Link.c_str(), AccessList));
-    if (chmod(Link.c_str(), Permissions_) != 0) {
+    if (chmod(Link.c_str(), Permissions) != 0) {
         Fail(Name, errno);
     }
     for (const auto &[Each, Value] : Attributes_) {

@@ -130,6 +130,12 @@ public:
             try {
                 RenameOpen(*File_, Path_, true);
             } catch (const StatusError &Refused) {
+                if (!IsThere(Path_)) {
+                    // The old file goes before the new one takes its name: the part may be all that there is.
+                    Kept_ = true;
+                    throw StatusError(Refused.Status,
+                                      ShowPath(Path_) + " may be gone; the new data is in " + ShowPath(File_->Path()));
+                }
                 throw StatusError(Refused.Status, ShowPath(Path_) + " cannot be replaced; --inplace writes into it");
             }
             Kept_ = true;
@@ -149,6 +155,16 @@ public:
     }
 
 private:
+    // Whether a file is seen under this name.
+    static bool IsThere(const std::u16string &Path) {
+        const embedded::CreateResult Found =
+            OpenRemote(Path, {.Access = FILE_READ_ATTRIBUTES | SYNCHRONIZE, .Options = FILE_SYNCHRONOUS_IO_NONALERT});
+        if (!NT_SUCCESS(Found.Status)) {
+            return Found.Status == STATUS_SHARING_VIOLATION;
+        }
+        static_cast<void>(RemoteFile(Path, Found));
+        return true;
+    }
     // TRUE when there is a file to be replaced; its facts are kept.
     bool FindOld() {
         const embedded::CreateResult Found =

@@ -28,6 +28,9 @@ Client::Client(const std::string &Which) {
     std::vector<std::pair<int, nlohmann::json>> Found;
     std::string Running;
     for (const std::string &Directory : SocketDirectories()) {
+        if (!IsPrivate(Directory)) {
+            continue; // somebody else may have put a socket there
+        }
         std::error_code Error;
         for (const auto &Entry : std::filesystem::directory_iterator(Directory, Error)) {
             if (Entry.path().extension() != ".sock" || !Connect(Entry.path())) {

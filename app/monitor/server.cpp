@@ -37,12 +37,16 @@ bool IsFailure(NTSTATUS Status) {
 
 // Only its user may be in it: what passes through names his files.
 bool MakePrivate(const std::string &Directory) {
-    struct stat Found;
-    return (mkdir(Directory.c_str(), 0700) == 0 || errno == EEXIST) && lstat(Directory.c_str(), &Found) == 0 &&
-           S_ISDIR(Found.st_mode) && Found.st_uid == geteuid() && (Found.st_mode & 077) == 0;
+    return (mkdir(Directory.c_str(), 0700) == 0 || errno == EEXIST) && IsPrivate(Directory);
 }
 
 } // namespace
+
+bool IsPrivate(const std::string &Directory) {
+    struct stat Found;
+    return lstat(Directory.c_str(), &Found) == 0 && S_ISDIR(Found.st_mode) && Found.st_uid == geteuid() &&
+           (Found.st_mode & 077) == 0;
+}
 
 std::vector<std::string> SocketDirectories() {
     std::vector<std::string> All;

@@ -19,6 +19,8 @@ namespace app::monitor {
 
 // Where sockets of this user's mounts may be, the preferred place first.
 std::vector<std::string> SocketDirectories();
+// Whether it is a directory of this user's that nobody else may look into.
+bool IsPrivate(const std::string &Directory);
 
 class Server {
 public:

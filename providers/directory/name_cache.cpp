@@ -66,6 +66,7 @@ RVSTATUS NameCache::Step(int Fd, const ObjectKey *Known, std::u16string_view Com
                          Resolved &Out) {
     const std::optional<std::string> Native = NativeName(Component);
     struct stat Stat;
+    Out.HolderKey = {}; // not that of the directory above
     Out.Exists = false;
     Out.Marked = false;
     Out.Type = DT_UNKNOWN;
@@ -129,12 +130,13 @@ RVSTATUS NameCache::Walk(const DirectoryRef &Base, std::u16string_view Path, Res
     const ObjectKey *Known = &Base.Key;
     for (;;) {
         const std::u16string_view Component = TakeFirst(Path);
-        if (const RVSTATUS Status = Step(Fd, Known, Component, false, Out); RvIsError(Status)) {
+        const RVSTATUS Status = Step(Fd, Known, Component, false, Out);
+        if (Path.empty()) {
+            Out.Holder = std::move(Own); // also for a caller that goes on with a name that is not free
             return Status;
         }
-        if (Path.empty()) {
-            Out.Holder = std::move(Own);
-            return RVSTATUS::Success;
+        if (RvIsError(Status)) {
+            return Status;
         }
         if (!Out.Exists) {
             return Failure(RVFS_PATH_NOT_FOUND);

@@ -63,6 +63,17 @@ TEST_F(DirectoryProviderTest, KnownDirectoriesAreNotReadAgain) {
     EXPECT_EQ(Provider.Exports()[0].DirectoryScans, 3u);
 }
 
+TEST_F(DirectoryProviderTest, AMoveUnderAnotherSpellingOfADirectoryStaysInIt) {
+    fs::create_directory(Root / "docs");
+    Write("docs/a.txt", "inside");
+    Write("a.txt", "outside");
+    EXPECT_EQ(Move(u"DOCS\\a.txt", u"a.txt"), Failure(CODE_EXISTS));
+    EXPECT_EQ(Move(u"DOCS\\a.txt", u"DOCS\\A.TXT"), Done);
+    EXPECT_TRUE(fs::exists(Root / "docs/A.TXT"));
+    EXPECT_EQ(Content(u"docs\\a.txt"), "inside");
+    EXPECT_EQ(Content(u"a.txt"), "outside");
+}
+
 TEST_F(DirectoryProviderTest, NamesThatDifferOnlyInCaseAreAllServedAndNeverMixed) {
     const std::string Long(250, 'l');
     const std::string Natives[] = {"readme.txt", "Readme.txt", "README.txt", Long + ".html", Long + ".HTML"};
