@@ -269,7 +269,8 @@ uint64_t Nodes::Closes() {
 
 bool Nodes::AwaitClose(uint64_t Before, std::chrono::steady_clock::time_point Until) {
     std::unique_lock Hold(Lock_);
-    return Closing_.wait_until(Hold, Until, [this, Before] { return Closes_ != Before; });
+    return std::chrono::steady_clock::now() < Until &&
+           Closing_.wait_until(Hold, Until, [this, Before] { return Closes_ != Before; });
 }
 
 void Nodes::AddOpen(Node *Which, std::shared_ptr<Remote> Handle) {
