@@ -33,14 +33,15 @@ void Put(std::vector<Setting> &Settings, Setting New) {
 
 // ---- Files
 
-std::string ValueOf(const Json &Value, const std::string &Where) {
+// A switch may also be true or false.
+std::string ValueOf(const Json &Value, const std::string &Where, bool Switch = false) {
     if (Value.is_string()) {
         return Value.get<std::string>();
     }
     if (Value.is_number_unsigned()) {
         return std::to_string(Value.get<uint64_t>());
     }
-    if (Value.is_boolean()) {
+    if (Switch && Value.is_boolean()) {
         return Value.get<bool>() ? "1" : "0";
     }
     throw UsageError(Where + ": a text or a number is expected");
@@ -102,8 +103,8 @@ void ReadFile(const std::filesystem::path &File, std::vector<Setting> &Settings)
         }
         for (const auto &[Name, Inner] : Value.items()) {
             const std::string There = fmt::format("{}: {}", Where, Name);
-            std::string Text = ValueOf(Inner, There);
             const bool Switch = std::string_view(Table->Kind) == "switch";
+            std::string Text = ValueOf(Inner, There, Switch);
             if (std::string_view(Table->Kind) == "export" && !Text.starts_with('\\')) {
                 Text = NameFrom(File, Text, There);
             }

@@ -67,6 +67,9 @@ Client::~Client() {
 // Connects and reads what the mount is. False when nobody is there any more.
 bool Client::Connect(const std::string &Path) {
     sockaddr_un Address = {};
+    if (Path.size() >= sizeof(Address.sun_path)) {
+        return false;
+    }
     Address.sun_family = AF_UNIX;
     strncpy(Address.sun_path, Path.c_str(), sizeof(Address.sun_path) - 1);
     Socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);

@@ -176,6 +176,10 @@ bool Server::Listen(const std::string &Directory) {
         return false;
     }
     Path_ = fmt::format("{}/{}.sock", Directory, getpid());
+    if (Path_.size() >= sizeof(sockaddr_un::sun_path)) {
+        Problem_ = fmt::format("{}: {}", Path_, strerror(ENAMETOOLONG));
+        return false;
+    }
     unlink(Path_.c_str()); // of a process of the same number that was killed
     sockaddr_un Address = {};
     Address.sun_family = AF_UNIX;

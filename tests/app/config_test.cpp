@@ -88,6 +88,7 @@ TEST_F(ProgramConfig, WhatItCannotMeanIsSaidWithItsPlace) {
         {R"({"exprts": {}})", "exprts: no such setting; there are exports, quotas, switches, trace, log, image"},
         {R"({"exports": []})", "exports: an object is expected"},
         {R"({"exports": {"//a/b": 1.5}})", "exports: //a/b: a text or a number is expected"},
+        {R"({"exports": {"//a/b": true}})", "exports: //a/b: a text or a number is expected"},
         {R"({"exports": {"//a/b": ""}})", "exports: //a/b: a name is expected"},
         {R"({"exports": {"a": "/"}})", "exports: a: a remote path begins with"},
         {R"({"quotas": {"//a/b": "1Q"}})", "1Q: a size reads like"},
