@@ -127,11 +127,18 @@ LocalTarget::LocalTarget(const std::string &Name, bool Replace, bool InPlace,
 
 void LocalTarget::OpenBeside() {
     std::error_code Error;
-    Name_ = std::filesystem::canonical(Name_, Error).string(); // the file itself is replaced, not a link to it
+    const std::string Real = std::filesystem::canonical(Name_, Error).string();
+    if (Error) {
+        Fail(Name_, Error.value());
+    }
+    Name_ = Real; // the file itself is replaced, not a link to it
     const int Old = open(Name_.c_str(), O_PATH | O_CLOEXEC);
+    if (Old < 0) {
+        Fail(Name_, errno);
+    }
     const LocalFile Owner(Old, Name_);
-    if (Error || Old < 0 || access(Name_.c_str(), W_OK) != 0) {
-        Fail(Name_, Error ? Error.value() : errno);
+    if (access(Name_.c_str(), W_OK) != 0) {
+        Fail(Name_, errno);
     }
     Access_.emplace(Old, Name_);
     std::string Beside = Name_ + ".XXXXXX";

@@ -27,7 +27,7 @@ VerbList Verbs() {
                     .Run = [EndAtFailure](Session &Running) { return RunConsole(Running, *EndAtFailure); },
                     .Text = "It reads commands, on a terminal with editing, completion and a history that is kept, and "
                             "elsewhere one a line: then it ends with the code of its last failure. What follows a # is "
-                            "a comment. Its own words are cd, pwd, lcd, set, trace, requests, help and quit."});
+                            "a comment. Its own words are cd, pwd, lcd, lpwd, set, trace, requests, help and quit."});
     AddConfigVerb(List);
     AddHelpVerbs(List);
     return List;
