@@ -26,21 +26,19 @@ namespace {
 
 constexpr ACCESS_MASK ToDelete = DELETE | FILE_READ_ATTRIBUTES | FILE_WRITE_ATTRIBUTES;
 
-// Marks what is open to be deleted. Its read-only bit is in the way: it is taken off, and put back when it was in vain.
+// Marks what is open to be deleted. A read-only bit is in the way: it is taken off, and put back when it was in vain.
 int Mark(Remote &Handle) {
+    int Error = Handle.SetDelete(true);
     Facts Now;
-    if (const int Error = Handle.Query(&Now); Error != 0) {
+    if (Error == 0 || Handle.Query(&Now) != 0 || !Now.IsReadOnly()) {
         return Error;
     }
-    const bool Bit = Now.IsReadOnly();
-    if (Bit) {
-        if (const int Error = Handle.SetReadOnly(Now, false); Error != 0) {
-            return Error;
+    Error = Handle.SetReadOnly(Now, false);
+    if (Error == 0) {
+        Error = Handle.SetDelete(true);
+        if (Error != 0) {
+            Handle.SetReadOnly(Now, true);
         }
-    }
-    const int Error = Handle.SetDelete(true);
-    if (Error != 0 && Bit) {
-        Handle.SetReadOnly(Now, true);
     }
     return Error;
 }

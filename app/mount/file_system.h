@@ -117,6 +117,7 @@ private:
     static void Interrupted(fuse_req_t Request, void *Self);
 
     int Load(Node *Which, Listing &To);
+    void Renew(Node *Which, Listing &Old, off_t Offset);
     int ReadListing(fuse_req_t Request, Node *Which, size_t Size, off_t Offset, Listing &From, bool Plus);
     size_t Pack(fuse_req_t Request, Node *Which, off_t Offset, const Listing &From, bool Plus,
                 std::vector<char> &Buffer);

@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <unordered_map>
 
 #include "app/mount/file_system.h"
 
@@ -11,11 +12,16 @@ struct FileSystem::Listing {
     struct Entry {
         std::string Name;
         Facts Found;
+        bool Known = true; // Found is right
     };
+    bool IsOld(double Allowed) const {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - Asked).count() > Allowed;
+    }
     std::mutex Lock;
     std::vector<Entry> Entries; // after "." and ".."
     uint64_t Changes = 0;       // when the server was asked
     std::chrono::steady_clock::time_point Asked;
+    std::chrono::duration<double> Took{}; // to have it from the server
     bool Loaded = false;
 };
 
@@ -86,8 +92,37 @@ int FileSystem::Load(Node *Which, Listing &To) {
         To.Entries.clear();
         return Error;
     }
+    To.Took = std::chrono::steady_clock::now() - To.Asked;
     To.Loaded = true;
     return 0;
+}
+
+// Asks for the attributes anew when they got too old while the directory is read, where that takes much less time than
+// they may be kept: a program that looks at each entry as it comes would else have each asked for on its own. The names
+// stay what they are and where they are.
+void FileSystem::Renew(Node *Which, Listing &Old, off_t Offset) {
+    constexpr size_t Worthwhile = 64; // entries
+    const bool Left = static_cast<size_t>(Offset) + Worthwhile < Old.Entries.size();
+    const double Allowed = Options_.AttributeTimeout;
+    Listing New;
+    if (!Left || Old.Changes != Changes_ || !Old.IsOld(Allowed) || Old.Took.count() * 4 > Allowed ||
+        Load(Which, New) != 0) {
+        return;
+    }
+    std::unordered_map<std::string_view, const Facts *> Now;
+    for (const Listing::Entry &Each : New.Entries) {
+        Now.emplace(Each.Name, &Each.Found);
+    }
+    for (Listing::Entry &Each : Old.Entries) {
+        const auto At = Now.find(Each.Name);
+        Each.Known = At != Now.end();
+        if (Each.Known) {
+            Each.Found = *At->second;
+        }
+    }
+    Old.Changes = New.Changes;
+    Old.Asked = New.Asked;
+    Old.Took = New.Took;
 }
 
 // With the answer the reader may close the directory: it is sent when the listing is not needed any more.
@@ -100,6 +135,8 @@ int FileSystem::ReadListing(fuse_req_t Request, Node *Which, size_t Size, off_t 
             if (const int Error = Load(Which, From); Error != 0) {
                 return Error;
             }
+        } else if (Plus) {
+            Renew(Which, From, Offset);
         }
         Used = Pack(Request, Which, Offset, From, Plus, Buffer);
     }
@@ -112,8 +149,7 @@ size_t FileSystem::Pack(fuse_req_t Request, Node *Which, off_t Offset, const Lis
                         std::vector<char> &Buffer) {
     const size_t Size = Buffer.size();
     // Attributes go along as long as nothing was changed since they came, and they are not older than they may get.
-    const auto Age = std::chrono::duration<double>(std::chrono::steady_clock::now() - From.Asked).count();
-    const bool Fresh = From.Changes == Changes_ && Age <= Options_.AttributeTimeout;
+    const bool Fresh = From.Changes == Changes_ && !From.IsOld(Options_.AttributeTimeout);
     size_t Used = 0;
     const off_t End = FirstEntry + static_cast<off_t>(From.Entries.size());
     for (off_t At = Offset; At < End; ++At) {
@@ -133,7 +169,8 @@ size_t FileSystem::Pack(fuse_req_t Request, Node *Which, off_t Offset, const Lis
             if (fuse_add_direntry_plus(Request, nullptr, 0, Name, nullptr, 0) > Size - Used) {
                 break;
             }
-            Node *Child = One != nullptr && Fresh ? Nodes_.Lookup(Which, One->Name, Found.IsDirectory()) : nullptr;
+            Node *Child =
+                One != nullptr && One->Known && Fresh ? Nodes_.Lookup(Which, One->Name, Found.IsDirectory()) : nullptr;
             if (Child != nullptr) {
                 Answer = Entry(Child, Found);
             }

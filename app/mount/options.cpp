@@ -50,7 +50,7 @@ constexpr Word Words[] = {
     {"readahead_kib", Kind::Number, STORE(To.ReadAheadKib = static_cast<unsigned>(Value))},
     {"max_threads", Kind::Number, STORE(To.Threads = static_cast<unsigned>(Value))},
     {"fault_file", Kind::Text, STORE(To.FaultFile = Text)},
-    {"allow_other", Kind::Kernel, nullptr},
+    {"allow_other", Kind::Kernel, STORE(To.Others = true)},
     {"allow_root", Kind::Refused, nullptr, "use allow_other"},
     {"auto_unmount", Kind::Refused, nullptr,
      "an empty directory would then stand for the files; unmount with fusermount3 -u"},
@@ -158,6 +158,11 @@ void ParseMountWords(const std::string &Words, MountOptions &Options) {
     if (Options.Threads == 0) {
         throw UsageError("-o max_threads=0: at least one");
     }
+}
+
+bool MountOptions::ComparesModes() const {
+    const bool CanRefuse = Others || User != getuid() || ((FileMask | DirectoryMask) & 0700) != 0;
+    return DefaultPermissions.value_or(CanRefuse);
 }
 
 MountOptions DefaultMountOptions() {

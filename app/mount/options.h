@@ -1,6 +1,7 @@
 // The words behind -o: all that mounts usually take, each known or refused by name.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,9 +14,10 @@ struct MountOptions {
     std::string Volume; // \\server\volume at the mount's root; empty: all exports, as /server/volume
     bool ReadOnly = false;
     bool Foreground = false;
-    bool DefaultPermissions = true;
+    std::optional<bool> DefaultPermissions;
     bool Quiet = false; // changes of modes and owners that cannot be kept are no errors
     bool Locks = true;
+    bool Others = false; // other users than the mount's may come in
     bool DirectIo = false;
     bool KeepCache = true;
     bool Verify = false; // the embedded kernel verifies the driver's conduct
@@ -31,6 +33,11 @@ struct MountOptions {
     unsigned Threads = 4;
     std::string FaultFile;              // tests: while this file is there, the server is away
     std::vector<std::string> ForKernel; // for the mount itself
+
+    // Whether the kernel compares the modes that are shown with who asks. Unless the words say so or not, it does where
+    // that can refuse something: to other users, or to the caller, who is alone otherwise. It costs a question for the
+    // directory with each name that comes or goes.
+    bool ComparesModes() const;
 };
 
 // Takes one comma-separated list. UsageError with the word for what is not known, not offered or no number.

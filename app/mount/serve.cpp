@@ -158,7 +158,7 @@ public:
         if (!Typed) {
             Words.insert(Words.end(), {"-o", "subtype=rvfsd"});
         }
-        if (Options.DefaultPermissions) {
+        if (Options.ComparesModes()) {
             Words.insert(Words.end(), {"-o", "default_permissions"});
         }
         if (Options.Debug) {
