@@ -84,6 +84,11 @@ std::string WithoutLinks(int Fd) {
     return std::filesystem::read_symlink(fmt::format("/proc/self/fd/{}", Fd), Error).string();
 }
 
+uint64_t NextSerial() {
+    static std::atomic<uint64_t> Last = 0;
+    return ++Last;
+}
+
 RVPSTATUS NTAPI QueryInterface(RVP_OBJECT *Self, const GUID *Iid, PVOID *Out) {
     if (Out == nullptr || Iid == nullptr) {
         return RVPSTATUS::BadPointer;
@@ -129,7 +134,7 @@ Export::Export(std::u16string_view ServerName, std::u16string_view VolumeName, s
                const ExportOptions &Chosen)
     : Server(ServerName), Volume(VolumeName), FoldedServer(Fold(Server)), FoldedVolume(Fold(Volume)),
       Directory(std::move(Path)), Absolute(WithoutLinks(Fd.Get())), Options(Chosen),
-      How(Chosen.UseOpenat2 ? BestConfinement() : Confinement::Walk), Root(std::move(Fd)),
+      How(Chosen.UseOpenat2 ? BestConfinement() : Confinement::Walk), Root(std::move(Fd)), Serial(NextSerial()),
       Names(&OpenForNames, this, Chosen.UseNotifications) {
     struct stat Stat {};
     if (fstat(Root.Get(), &Stat) == 0) {

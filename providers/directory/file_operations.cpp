@@ -94,6 +94,7 @@ RVSTATUS Empty(const FileObject &File, const Request &Wanted) {
         return StatusFromErrno(errno);
     }
     static_cast<void>(File.Volume->Charge(-Stat.st_size));
+    const AfterChange Count(*File.Volume);
     return Wanted.Attributes != 0 ? ChangeMetadata(File.Fd(), {&Wanted.Attributes}) : RVSTATUS::Success;
 }
 
@@ -103,7 +104,8 @@ RVSTATUS Join(FileObject &File, ULONG Uses, const Request &Wanted) {
     return File.Node->Share(&File, File.Fd(), Uses, Wanted.Share);
 }
 
-RVSTATUS OpenExisting(State &Provider, const Place &At, Resolved &&Found, Looked &There, const Request &Wanted,
+// FromRoot is the path of what was looked at.
+RVSTATUS OpenExisting(State &Provider, const Place &At, std::string &&FromRoot, Looked &There, const Request &Wanted,
                       Result &Out) {
     if (Wanted.Disposition == RV_DISPOSITION_CREATE_NEW) {
         return Failure(CODE_EXISTS);
@@ -121,9 +123,11 @@ RVSTATUS OpenExisting(State &Provider, const Place &At, Resolved &&Found, Looked
         }
         There.Fd = std::move(Opened);
     }
-    auto File = std::make_unique<FileObject>(At.Volume, std::move(There.Fd), KeyOf(There.Stat),
-                                             PathFromRoot(At, std::move(Found)), Provider.Nodes);
-    if (!Wanted.Query()) {
+    auto File = std::make_unique<FileObject>(At.Volume, std::move(There.Fd), KeyOf(There.Stat), std::move(FromRoot),
+                                             Provider.Nodes);
+    if (Wanted.Query()) {
+        NoteQuery(At, There, *File);
+    } else {
         if (const RVSTATUS Status = Join(*File, Wanted.Uses(), Wanted); RvIsError(Status)) {
             return Status;
         }
@@ -183,10 +187,15 @@ RVSTATUS CreateNew(State &Provider, const Place &At, Resolved &Missing, const Re
     return RVSTATUS::Success;
 }
 
-// One attempt: the exact spelling first, the look-up in any case for what the file system does not know.
+// One attempt: what the caller has just asked about, then the exact spelling, then the look-up in any case for what the
+// file system does not know.
 RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Result &Out) {
     Resolved Found;
     Looked There;
+    std::string Seen;
+    if (!Wanted.Query() && TakeLook(At, There, Seen)) {
+        return OpenExisting(Provider, At, std::move(Seen), There, Wanted, Out);
+    }
     std::optional<std::string> Exact = NativePath(At.Path);
     if (Exact && Exact->empty()) {
         return Wanted.Disposition == RV_DISPOSITION_CREATE_NEW ? Failure(CODE_EXISTS) : Failure(CODE_IS_A_DIRECTORY);
@@ -198,7 +207,7 @@ RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Resul
     }
     if (Error == 0) {
         Found.Name = std::move(*Exact);
-        return OpenExisting(Provider, At, std::move(Found), There, Wanted, Out);
+        return OpenExisting(Provider, At, PathFromRoot(At, std::move(Found)), There, Wanted, Out);
     }
     if (Error != ENOENT && Error != ENOTDIR) {
         return StatusFromLookup(Error);
@@ -215,7 +224,7 @@ RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Resul
         Out.Again = Error == ENOENT; // it went just now
         return StatusFromLookup(Error);
     }
-    return OpenExisting(Provider, At, std::move(Found), There, Wanted, Out);
+    return OpenExisting(Provider, At, PathFromRoot(At, std::move(Found)), There, Wanted, Out);
 }
 
 RVSTATUS OpenOrCreate(State &Provider, const Place &At, const Request &Wanted, Result &Out) {
@@ -245,6 +254,9 @@ RVSTATUS NTAPI CreateFile(RVIOM_FSD *Self, Sec, RVHANDLE Base, PCWSTR Path, ULON
         }
         Result Opened;
         const Request Wanted{Access, Share, Disposition, Options, Attributes & RV_ATTR_SETTABLE};
+        if (!Wanted.Query()) {
+            PendingDeletes::ForgetDeleted();
+        }
         if (const RVSTATUS Status = OpenOrCreate(State::Of(Self), At, Wanted, Opened); RvIsError(Status)) {
             return Status;
         }

@@ -24,6 +24,7 @@ constexpr int Attempts = 8;
 
 RVSTATUS NTAPI CreateDirectory(RVIOM_FSD *Self, Sec, RVHANDLE Base, PCWSTR Path) {
     return Guarded([&] {
+        PendingDeletes::ForgetDeleted();
         Place At;
         if (const RVSTATUS Status = State::Of(Self).Locate(Base, Path, At); RvIsError(Status)) {
             return Status;
@@ -108,6 +109,7 @@ RVSTATUS NTAPI SetDirectoryInformation(RVIOM_FSD *Self, Sec, RVHANDLE Directory,
         if (Found->Volume->Options.ReadOnly) {
             return RVSTATUS::AccessDenied;
         }
+        const AfterChange Count(*Found->Volume);
         return ChangeMetadata(Found->Fd(), {Attributes, Creation, LastWrite, LastAccess});
     });
 }
@@ -143,6 +145,7 @@ bool IsMeant(const Place &At, const Resolved &Found, const struct stat &Stat) {
 }
 
 RVSTATUS Delete(State &Provider, RVHANDLE Base, PCWSTR Path, Kind Wanted) {
+    PendingDeletes::ForgetDeleted();
     Place At;
     if (const RVSTATUS Status = Provider.Locate(Base, Path, At); RvIsError(Status)) {
         return Status;
@@ -157,6 +160,7 @@ RVSTATUS Delete(State &Provider, RVHANDLE Base, PCWSTR Path, Kind Wanted) {
     if (Found.Name.empty() || At.Volume->Options.ReadOnly) {
         return RVSTATUS::AccessDenied;
     }
+    const AfterChange Count(*At.Volume);
     const int Parent = HolderOf(At, Found);
     struct stat Stat;
     if (fstatat(Parent, Found.Name.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -285,6 +289,7 @@ RVSTATUS Move(State &Provider, RVHANDLE SourceBase, PCWSTR SourcePath, RVHANDLE 
         return Failure(CODE_NOT_SAME_VOLUME);
     }
     Export &In = *Source.Volume;
+    const AfterChange Count(In);
     Resolved From;
     Resolved To;
     if (const RVSTATUS Status = In.Names.Resolve(Source.Ref, Source.Path, From); RvIsError(Status)) {

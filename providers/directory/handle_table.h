@@ -1,8 +1,9 @@
 // Opaque handles to objects of several kinds.
 //
 // A handle is a slot number with the slot's generation above it. Closing advances the generation at once, so that a
-// handle that was closed never finds another object; the object itself goes with its last user. Finding an object takes
-// no lock: one compare-and-swap in the slot's own cache line, and one subtraction when done.
+// handle that was closed never finds another object; the object itself goes with its last user. No lock is taken but
+// for a slot that was never used: finding an object is one compare-and-swap in the slot's own cache line and one
+// subtraction when done, making a handle and closing it one in the list of free slots and one in the slot.
 #pragma once
 
 #include <array>
@@ -11,7 +12,6 @@
 #include <memory>
 #include <mutex>
 #include <utility>
-#include <vector>
 
 #include "provider/provider_interface.h"
 
@@ -23,7 +23,9 @@ class HandleTable {
     struct alignas(64) Slot {
         // Generation << 24 | users. The open handle itself is one user.
         std::atomic<uint64_t> Word{uint64_t{1} << UserBits};
-        Object *Held = nullptr;
+        std::atomic<Object *> Held = nullptr; // changes while nobody uses the slot, as does Kind
+        std::atomic<unsigned> Kind = 0;
+        std::atomic<uint32_t> NextFree = 0; // its number + 1; of a free slot
     };
 
 public:
@@ -51,10 +53,10 @@ public:
             return Slot_ != nullptr;
         }
         Object *operator->() const {
-            return Slot_->Held;
+            return Slot_->Held.load(std::memory_order_relaxed);
         }
         Object &operator*() const {
-            return *Slot_->Held;
+            return *Slot_->Held.load(std::memory_order_relaxed);
         }
 
     private:
@@ -67,7 +69,7 @@ public:
         for (const auto &Chunk : Chunks_) {
             Slot *Slots = Chunk.load(std::memory_order_relaxed);
             for (size_t Index = 0; Slots != nullptr && Index < ChunkSlots; ++Index) {
-                delete Slots[Index].Held;
+                delete Slots[Index].Held.load(std::memory_order_relaxed);
             }
             delete[] Slots;
         }
@@ -76,25 +78,12 @@ public:
     // A new handle to New. 0 when the table is full; New is destroyed then.
     RVHANDLE Insert(std::unique_ptr<Object> New) {
         uint32_t Index = 0;
-        {
-            const std::lock_guard Hold(Mutex_);
-            if (!Free_.empty()) {
-                Index = Free_.back();
-                Free_.pop_back();
-            } else if (Used_ < ChunkSlots * ChunkCount) {
-                if (Used_ % ChunkSlots == 0) {
-                    // Closing must not allocate: room for every slot's return is made here.
-                    Free_.reserve(Used_ + ChunkSlots);
-                    Chunks_[Used_ / ChunkSlots].store(new Slot[ChunkSlots], std::memory_order_release);
-                }
-                Index = Used_++;
-            } else {
-                return 0;
-            }
+        if (!TakeFree(Index) && !TakeUnused(Index)) {
+            return 0;
         }
         Slot &At = *Find(Index);
-        At.Held = New.release();
-        Open_.fetch_add(1, std::memory_order_relaxed);
+        At.Kind.store(New->KindMask(), std::memory_order_relaxed);
+        At.Held.store(New.release(), std::memory_order_relaxed);
         const uint64_t Word = At.Word.load(std::memory_order_relaxed);
         At.Word.store(Word | 1, std::memory_order_release);
         return (Word & ~UserMask) | Index;
@@ -122,18 +111,24 @@ public:
 
     // Ends the handle. False when it is not open or of another kind. The object lives until its last user is done.
     bool Close(RVHANDLE Handle, unsigned Kinds) {
-        const Use Found = Acquire(Handle, Kinds);
-        if (!Found) {
+        const auto Index = static_cast<uint32_t>(Handle & UserMask);
+        Slot *At = Find(Index);
+        if (At == nullptr) {
             return false;
         }
-        const auto Index = static_cast<uint32_t>(Handle & UserMask);
-        Slot &At = *Find(Index);
-        uint64_t Word = At.Word.load(std::memory_order_relaxed);
+        uint64_t Word = At->Word.load(std::memory_order_acquire);
+        uint64_t Left;
         do {
-            if ((Word & ~UserMask) != (Handle & ~UserMask)) {
+            // The kind is this handle's when the word stays the same.
+            if ((Word & ~UserMask) != (Handle & ~UserMask) || (Word & UserMask) == 0 ||
+                (At->Kind.load(std::memory_order_relaxed) & Kinds) == 0) {
                 return false;
             }
-        } while (!At.Word.compare_exchange_weak(Word, Word + (uint64_t{1} << UserBits) - 1, std::memory_order_acq_rel));
+            Left = Word + (uint64_t{1} << UserBits) - 1;
+        } while (!At->Word.compare_exchange_weak(Word, Left, std::memory_order_acq_rel, std::memory_order_acquire));
+        if ((Left & UserMask) == 0) {
+            Empty(Index, *At);
+        }
         return true;
     }
 
@@ -156,7 +151,14 @@ public:
 
     // Objects that exist: open handles, and closed ones whose last operation is still under way.
     size_t Objects() const {
-        return Open_.load(std::memory_order_acquire);
+        size_t Count = 0;
+        for (const auto &Chunk : Chunks_) {
+            const Slot *Slots = Chunk.load(std::memory_order_acquire);
+            for (size_t Index = 0; Slots != nullptr && Index < ChunkSlots; ++Index) {
+                Count += Slots[Index].Held.load(std::memory_order_acquire) != nullptr ? 1 : 0;
+            }
+        }
+        return Count;
     }
 
 private:
@@ -175,20 +177,58 @@ private:
 
     void Drop(uint32_t Index, Slot &At) {
         const uint64_t Before = At.Word.fetch_sub(1, std::memory_order_acq_rel);
-        if ((Before & UserMask) != 1) {
-            return;
+        if ((Before & UserMask) == 1) {
+            Empty(Index, At);
         }
-        delete std::exchange(At.Held, nullptr);
-        Open_.fetch_sub(1, std::memory_order_release);
+    }
+
+    // The last user is done.
+    void Empty(uint32_t Index, Slot &At) {
+        delete At.Held.load(std::memory_order_relaxed);
+        At.Held.store(nullptr, std::memory_order_release);
+        uint64_t Head = Free_.load(std::memory_order_relaxed);
+        do {
+            At.NextFree.store(static_cast<uint32_t>(Head), std::memory_order_relaxed);
+        } while (!Free_.compare_exchange_weak(Head, NextHead(Head, Index + 1), std::memory_order_release,
+                                              std::memory_order_relaxed));
+    }
+
+    // A slot that was used before; false when all of those are in use.
+    bool TakeFree(uint32_t &Index) {
+        uint64_t Head = Free_.load(std::memory_order_acquire);
+        while (static_cast<uint32_t>(Head) != 0) {
+            Index = static_cast<uint32_t>(Head) - 1;
+            const uint32_t Next = Find(Index)->NextFree.load(std::memory_order_relaxed);
+            if (Free_.compare_exchange_weak(Head, NextHead(Head, Next), std::memory_order_acquire,
+                                            std::memory_order_acquire)) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    // One that never was; false when there are no more.
+    bool TakeUnused(uint32_t &Index) {
         const std::lock_guard Hold(Mutex_);
-        Free_.push_back(Index);
+        if (Used_ == ChunkSlots * ChunkCount) {
+            return false;
+        }
+        if (Used_ % ChunkSlots == 0) {
+            Chunks_[Used_ / ChunkSlots].store(new Slot[ChunkSlots], std::memory_order_release);
+        }
+        Index = static_cast<uint32_t>(Used_++);
+        return true;
+    }
+
+    // The list's head never has the same value again, so that nobody takes an old picture of it for the present one.
+    static uint64_t NextHead(uint64_t Head, uint32_t First) {
+        return ((Head >> 32) + 1) << 32 | First;
     }
 
     std::array<std::atomic<Slot *>, ChunkCount> Chunks_{};
-    std::atomic<size_t> Open_ = 0;
+    std::atomic<uint64_t> Free_ = 0; // count of changes << 32 | the first free slot's number + 1
     std::mutex Mutex_;
-    std::vector<uint32_t> Free_; // guarded by Mutex_
-    size_t Used_ = 0;            // guarded by Mutex_
+    size_t Used_ = 0; // slots that were used ever; guarded by Mutex_
 };
 
 } // namespace providers::directory

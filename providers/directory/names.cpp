@@ -151,11 +151,15 @@ std::optional<std::string> NativePath(std::u16string_view Served) {
     size_t Size = 0;  // bytes of Path that are made
     size_t Start = 0; // where the component begins in Path
     for (size_t At = 0; At <= Served.size(); ++At) {
-        const char16_t Unit = At < Served.size() ? Served[At] : u'\\';
-        if (Unit < PlainUnits.size() && PlainUnits[Unit]) {
-            Path[Size++] = static_cast<char>(Unit);
-            continue;
+        const char16_t *From = Served.data() + At;
+        const char16_t *const End = Served.data() + Served.size();
+        char *Made = Path.data() + Size;
+        for (; From != End && *From < PlainUnits.size() && PlainUnits[*From]; ++From) {
+            *Made++ = static_cast<char>(*From);
         }
+        Size = static_cast<size_t>(Made - Path.data());
+        At = static_cast<size_t>(From - Served.data());
+        const char16_t Unit = At < Served.size() ? Served[At] : u'\\';
         if (Unit == u'\\' && Size == Start) {
             continue; // one separator after another
         }
@@ -168,20 +172,20 @@ std::optional<std::string> NativePath(std::u16string_view Served) {
         }
         // A component that is not plain.
         const size_t Begin = At - (Size - Start);
-        const size_t End = std::min(Served.find(u'\\', At), Served.size());
-        const std::optional<std::string> Native = NativeName(Served.substr(Begin, End - Begin));
+        const size_t Behind = std::min(Served.find(u'\\', At), Served.size());
+        const std::optional<std::string> Native = NativeName(Served.substr(Begin, Behind - Begin));
         if (!Native) {
             return std::nullopt;
         }
         Path.resize(Start);
         Path += *Native;
         Size = Path.size();
-        Path.resize(Size + (Served.size() - End));
-        if (End < Served.size()) {
+        Path.resize(Size + (Served.size() - Behind));
+        if (Behind < Served.size()) {
             Path[Size++] = '/';
         }
         Start = Size;
-        At = End;
+        At = Behind;
     }
     if (Size != 0 && Path[Size - 1] == '/') {
         --Size;

@@ -17,7 +17,7 @@ struct Closed {
 };
 thread_local Closed LastClosed;
 
-// The file that this thread deleted last.
+// The file that this thread deleted last, if that was the last thing it did to a name.
 struct Gone {
     const void *Of = nullptr;
     std::string Path;
@@ -84,6 +84,10 @@ void PendingDeletes::Deleted(std::string Path) {
 bool PendingDeletes::TakeDeleted(std::string_view Path) {
     const Gone Last = std::exchange(LastDeleted, {});
     return Last.Of == this && Last.Path == Path;
+}
+
+void PendingDeletes::ForgetDeleted() {
+    LastDeleted = {};
 }
 
 } // namespace providers::directory

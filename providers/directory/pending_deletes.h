@@ -2,7 +2,8 @@
 //
 // A file's is noted when its deletion is reserved for a handle; a directory's when its handle is closed by the thread
 // that deletes it next. Whoever has taken the name meanwhile is not deleted. What was deleted under a name is noted for
-// the thread that gives the name again next: so a file is replaced.
+// the thread that gives the name again, so a file is replaced, until that thread opens, makes or deletes something
+// else.
 //
 // Lock: one mutex, a leaf. Safe for concurrent calls.
 #pragma once
@@ -33,6 +34,8 @@ public:
     void Deleted(std::string Path);
     // Whether this is what the calling thread deleted last; true once.
     bool TakeDeleted(std::string_view Path);
+    // The calling thread does something else.
+    static void ForgetDeleted();
 
 private:
     std::atomic<size_t> Count_ = 0;

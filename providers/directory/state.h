@@ -17,6 +17,7 @@
 #include "providers/directory/directory_provider.h"
 #include "providers/directory/file_nodes.h"
 #include "providers/directory/handle_table.h"
+#include "providers/directory/last_look.h"
 #include "providers/directory/metadata.h"
 #include "providers/directory/name_cache.h"
 #include "providers/directory/pending_deletes.h"
@@ -46,11 +47,29 @@ struct Export {
     const UniqueFd Root;
     DirectoryRef RootRef;
     UCHAR Identifier[16] = {};
+    const uint64_t Serial; // of no other export of this process
 
     DirectoryLocks Changes; // by the directory in which a name is given
     PendingDeletes Doomed;
     NameCache Names;
     std::atomic<int64_t> Used = 0; // bytes charged to the quota
+    // Advanced when a name was taken away or given away, or attributes were set, through this export.
+    std::atomic<uint64_t> ChangeCount = 0;
+};
+
+// Counts a change of an export once it was made, or not, so that whoever starts afterwards sees another count.
+class AfterChange {
+public:
+    explicit AfterChange(Export &In) : In_(In) {
+    }
+    AfterChange(const AfterChange &) = delete;
+    AfterChange &operator=(const AfterChange &) = delete;
+    ~AfterChange() {
+        In_.ChangeCount.fetch_add(1);
+    }
+
+private:
+    Export &In_;
 };
 
 // A volume that is a directory of an export.
@@ -107,12 +126,12 @@ struct Object {
         return {Fd(), Key, FromRoot};
     }
 
-    // Unchanged after creation. A file's descriptor number stays, what it refers to may be re-opened.
+    // Unchanged until the object goes. A file's descriptor number stays, what it refers to may be re-opened.
     const unsigned Kind;
     Export *const Volume;
-    const UniqueFd Own;
+    UniqueFd Own;
     const ObjectKey Key;
-    const std::string FromRoot;
+    std::string FromRoot;
 };
 
 // An enumeration in progress: the names as they were when it began.
@@ -137,11 +156,14 @@ struct FileObject final : Object {
         if (Node != nullptr) {
             Node->Leave(this);
             Nodes.Release(Node);
+        } else if (Query != 0) {
+            KeepLook(*this);
         }
     }
 
     FileNodes &Nodes;
-    FileNode *Node = nullptr; // null for a query open; unchanged once the handle exists
+    uint64_t Query = 0;       // of a query open whose look is remembered; see last_look.h
+    FileNode *Node = nullptr; // null for a query open; unchanged once the handle exists, as is Query
     std::atomic<ULONG> Access = 0;
     std::atomic<bool> DeleteReserved = false;
     std::mutex AccessMutex; // one change of access at a time

@@ -197,8 +197,11 @@ RVSTATUS NTAPI GetFileSize(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG64 *EndOf
 RVSTATUS NTAPI SetFileInformation(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG *Attributes, LONG64 *Creation,
                                   LONG64 *LastWrite, LONG64 *LastAccess) {
     return WithFile(Self, Handle, [&](FileObject &File) {
-        return File.Volume->Options.ReadOnly ? RVSTATUS::AccessDenied
-                                             : ChangeMetadata(File.Fd(), {Attributes, Creation, LastWrite, LastAccess});
+        if (File.Volume->Options.ReadOnly) {
+            return RVSTATUS::AccessDenied;
+        }
+        const AfterChange Count(*File.Volume);
+        return ChangeMetadata(File.Fd(), {Attributes, Creation, LastWrite, LastAccess});
     });
 }
 

@@ -1,7 +1,11 @@
 #include "providers/directory/directory_provider.h"
 
+#include <functional>
+#include <thread>
+
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "provider/framework.h"
@@ -60,11 +64,14 @@ TEST_F(DirectoryProviderTest, WhatIsNoFileIsNeverOpenedAndCanBeNamed) {
     ASSERT_EQ(mkfifo((Root / "pipe").c_str(), 0600), 0);
     ASSERT_EQ(mknod((Root / "socket").c_str(), S_IFSOCK | 0600, 0), 0);
     // Whoever opened the pipe for reading would let this open for writing succeed.
-    const auto PipeIsOpened = [&]() -> bool {
-        const UniqueFd Writer(open((Root / "pipe").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    const auto PipeIsOpened = [&](const char *Name = "pipe") -> bool {
+        const UniqueFd Writer(open((Root / Name).c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
         return static_cast<bool>(Writer);
     };
-    const std::vector<std::u16string> All = {u"dangling", u"dir", u"loop", u"outward", u"pipe", u"socket", u"toPipe"};
+    std::vector<std::u16string> All = {u"dangling", u"dir", u"loop", u"outward", u"pipe", u"socket", u"toPipe"};
+    if (mknod((Root / "device").c_str(), S_IFCHR | 0600, makedev(1, 3)) == 0) {
+        All.insert(All.begin() + 1, u"device");
+    }
     EXPECT_EQ(Names(Volume), All);
     for (const std::u16string &Name : All) {
         if (Name == u"dir") {
@@ -88,10 +95,63 @@ TEST_F(DirectoryProviderTest, WhatIsNoFileIsNeverOpenedAndCanBeNamed) {
         EXPECT_EQ(Move(Name, u"moved"), Done) << testing::PrintToString(Name);
         EXPECT_EQ(Move(u"MOVED", Name), Done) << testing::PrintToString(Name);
     }
+    // Nor when it takes a file's place between the question what is there and the open.
+    Write("file", "");
+    EXPECT_EQ(Try(u"file", RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY), Done);
+    fs::rename(Root / "pipe", Root / "file");
+    RVHANDLE Handle = 0;
+    static_cast<void>(Open(u"file", Handle));
+    EXPECT_FALSE(PipeIsOpened("file"));
+    EXPECT_TRUE(Handle == 0 || Table->RVFsdCloseFile(Fsd, nullptr, Handle) == Done);
+    fs::rename(Root / "file", Root / "pipe");
     for (const std::u16string &Name : All) {
         EXPECT_EQ(Name == u"dir" ? DeleteFolder(Name) : Delete(Name), Done) << testing::PrintToString(Name);
     }
     EXPECT_TRUE(fs::is_empty(Root));
+}
+
+// An open takes what the question before it found. What was changed here since is seen all the same.
+TEST_F(DirectoryProviderTest, WhatIsOpenedIsWhatIsThere) {
+    const struct {
+        std::function<void()> Change;
+        std::string_view Content; // of "FILE" afterwards
+    } Cases[] = {
+        {[] {}, "text"},
+        {[&] { EXPECT_EQ(Delete(u"file"), Done); }, "failed 1286"},
+        {[&] { EXPECT_EQ(Move(u"file", u"moved"), Done); }, "failed 1286"},
+        {[&] {
+             Write("FILE", "exact");
+             EXPECT_EQ(Move(u"file", u"moved"), Done);
+         },
+         "exact"},
+        {[&] { std::thread([&] { EXPECT_EQ(Delete(u"file"), Done); }).join(); }, "failed 1286"},
+        // Another question is between.
+        {[&] { EXPECT_EQ(Try(u"other", RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY), Done); }, "text"},
+        {[&] {
+             fs::rename(Root / "other", Root / "file");
+             EXPECT_EQ(Try(u"FILE", RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY), Done);
+         },
+         "other"},
+    };
+    for (const auto &Case : Cases) {
+        Write("file", "text");
+        Write("other", "other");
+        EXPECT_EQ(Try(u"FILE", RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY), Done);
+        Case.Change();
+        EXPECT_EQ(Content(u"FILE"), Case.Content) << &Case - Cases;
+        for (const char *Name : {"file", "FILE", "moved", "other"}) {
+            fs::remove(Root / Name);
+        }
+    }
+    // READONLY that was set meanwhile forbids writing.
+    Write("file", "text");
+    RVHANDLE Handle = 0;
+    ULONG ReadOnly = RV_ATTR_READONLY;
+    ASSERT_EQ(Open(u"file", Handle, RV_ACCESS_ATTRIBUTES), Done);
+    EXPECT_EQ(Try(u"\\file\\", RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY), Done);
+    EXPECT_EQ(Table->RVFsdSetFileInformation(Fsd, nullptr, Handle, &ReadOnly, nullptr, nullptr, nullptr), Done);
+    EXPECT_EQ(Try(u"file", RV_ACCESS_WRITE), RVSTATUS::AccessDenied);
+    Close(Handle);
 }
 
 TEST_F(DirectoryProviderTest, ShareModesHoldBetweenOpensOfOneFile) {

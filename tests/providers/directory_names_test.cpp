@@ -89,7 +89,7 @@ TEST_F(DirectoryProviderTest, NamesThatDifferOnlyInCaseAreAllServedAndNeverMixed
     for (const char16_t *Name : {u"Readme.txt", u"README.TXT"}) {
         EXPECT_EQ(Delete(Name), Name[1] == u'e' ? Done : Failure(CODE_EXISTS));
     }
-    EXPECT_EQ(Move(u"other", u"READme.txt"), Failure(CODE_EXISTS));
+    EXPECT_EQ(Move(u"other", u"Readme.txt"), Failure(CODE_EXISTS)) << "the deletion was not the last thing done";
     fs::rename(Root / "readme.txt", Root / "Readme.txt");
     EXPECT_EQ(Delete(u"Readme.txt"), Done);
     EXPECT_EQ(Move(u"other", u"Readme.txt"), Done);

@@ -1,0 +1,93 @@
+#include "providers/directory/last_look.h"
+
+#include <cstring>
+#include <ctime>
+
+#include "providers/directory/state.h"
+
+namespace providers::directory {
+namespace {
+
+constexpr int64_t LongestUse = 1'000'000; // nanoseconds
+
+struct Seen {
+    uint64_t Query = 0; // 0 = nothing is kept
+    uint64_t Export = 0;
+    uint64_t Changes = 0;
+    int64_t At = 0;
+    std::u16string Path; // as it was asked for
+    std::string FromRoot;
+    Looked There; // without a descriptor until the query open is closed
+};
+thread_local Seen Last;
+
+int64_t Now() {
+    timespec Time;
+    clock_gettime(CLOCK_MONOTONIC, &Time);
+    return Time.tv_sec * 1'000'000'000 + Time.tv_nsec;
+}
+
+// Without separators at its ends.
+std::u16string_view Bare(std::u16string_view Path) {
+    while (!Path.empty() && Path.front() == u'\\') {
+        Path.remove_prefix(1);
+    }
+    while (!Path.empty() && Path.back() == u'\\') {
+        Path.remove_suffix(1);
+    }
+    return Path;
+}
+
+// The library's own comparison goes unit by unit.
+bool Same(std::u16string_view Left, std::u16string_view Right) {
+    return Left.size() == Right.size() && memcmp(Left.data(), Right.data(), Left.size() * sizeof(char16_t)) == 0;
+}
+
+bool IsBelowRoot(const Place &At) {
+    return At.Ref.FromRoot.empty() && At.Ref.Key == At.Volume->RootRef.Key;
+}
+
+} // namespace
+
+void NoteQuery(const Place &At, const Looked &There, FileObject &File) {
+    static std::atomic<uint64_t> Queries = 0;
+    Last.There.Fd = {};
+    Last.Query = 0;
+    // A file system that is mounted inside the export is not held on to.
+    if (!IsBelowRoot(At) || There.Error != 0 || !S_ISREG(There.Stat.st_mode) ||
+        There.Stat.st_dev != At.Volume->RootRef.Key.Device) {
+        return;
+    }
+    Last.Export = At.Volume->Serial;
+    Last.Changes = At.Volume->ChangeCount.load();
+    Last.At = Now();
+    Last.Path = Bare(At.Path);
+    Last.There.Stat = There.Stat;
+    Last.Query = ++Queries;
+    File.Query = Last.Query;
+}
+
+void KeepLook(FileObject &File) {
+    if (File.Query == Last.Query) {
+        Last.There.Fd = std::move(File.Own);
+        Last.FromRoot = std::move(File.FromRoot);
+    }
+}
+
+bool TakeLook(const Place &At, Looked &There, std::string &FromRoot) {
+    if (Last.Query == 0) {
+        return false;
+    }
+    const bool Holds = Last.There.Fd && Last.Export == At.Volume->Serial && IsBelowRoot(At) &&
+                       Same(Last.Path, Bare(At.Path)) && Last.Changes == At.Volume->ChangeCount.load() &&
+                       Now() - Last.At <= LongestUse;
+    if (Holds) {
+        There = std::move(Last.There);
+        FromRoot = std::move(Last.FromRoot);
+    }
+    Last.There.Fd = {};
+    Last.Query = 0;
+    return Holds;
+}
+
+} // namespace providers::directory
