@@ -21,79 +21,88 @@
 
 namespace app::monitor {
 
+using providers::directory::UniqueFd;
+
 Client::Client(const std::string &Which) {
     char *Real = realpath(Which.c_str(), nullptr);
     const std::string Point = Real != nullptr ? Real : Which;
     free(Real);
-    std::vector<std::pair<int, nlohmann::json>> Found;
+    std::vector<std::pair<UniqueFd, nlohmann::json>> Found;
     std::string Running;
+    std::string Silent;
     for (const std::string &Directory : SocketDirectories()) {
         if (!IsPrivate(Directory)) {
             continue; // somebody else may have put a socket there
         }
         std::error_code Error;
         for (const auto &Entry : std::filesystem::directory_iterator(Directory, Error)) {
-            if (Entry.path().extension() != ".sock" || !Connect(Entry.path())) {
+            if (Entry.path().extension() != ".sock") {
+                continue;
+            }
+            if (!Connect(Entry.path())) {
+                if (errno == EAGAIN) {
+                    Silent += fmt::format("; process {} does not answer", Entry.path().stem().native());
+                }
                 continue;
             }
             const std::string Process = fmt::format("{}", Mount_.value("process", 0));
             const std::string Serves = Mount_.value("serves", "");
             if (!Which.empty() && Which != Process && Point != Serves) {
-                close(std::exchange(Socket_, -1));
                 continue;
             }
             Running += fmt::format("{}{} (process {})", Found.empty() ? "" : ", ", Serves, Process);
-            Found.emplace_back(std::exchange(Socket_, -1), std::move(Mount_));
+            Found.emplace_back(std::move(Socket_), std::move(Mount_));
         }
     }
     if (Found.size() == 1) {
         std::tie(Socket_, Mount_) = std::move(Found.front());
         return;
     }
-    for (const auto &[Socket, Mount] : Found) {
-        close(Socket);
-    }
     throw UsageError(!Found.empty()  ? "several mounts are running, name one: " + Running
-                     : Which.empty() ? "no mount of this user is running"
-                                     : fmt::format("{}: no mount of this user, nor a process of one", Which));
+                     : Which.empty() ? "no mount of this user is running" + Silent
+                                     : fmt::format("{}: no mount of this user, nor a process of one{}", Which, Silent));
 }
 
-Client::~Client() {
-    if (Socket_ >= 0) {
-        close(Socket_);
-    }
-}
-
-// Connects and reads what the mount is. False when nobody is there any more.
+// Connects and reads what the mount is. False, with errno, when nobody is there any more; EAGAIN when he does not
+// answer.
 bool Client::Connect(const std::string &Path) {
     sockaddr_un Address = {};
     if (Path.size() >= sizeof(Address.sun_path)) {
+        errno = ENAMETOOLONG;
         return false;
     }
     Address.sun_family = AF_UNIX;
     strncpy(Address.sun_path, Path.c_str(), sizeof(Address.sun_path) - 1);
-    Socket_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    Socket_ = UniqueFd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     Pending_.clear();
-    if (Socket_ >= 0 && connect(Socket_, reinterpret_cast<const sockaddr *>(&Address), sizeof(Address)) == 0) {
-        if (std::optional<nlohmann::json> First = Next()) {
-            Mount_ = std::move(*First);
-            return true;
+    const auto WaitAtMost = [this](timeval Time) {
+        for (const int Direction : {SO_SNDTIMEO, SO_RCVTIMEO}) { // a connect is timed as what is sent
+            setsockopt(Socket_.Get(), SOL_SOCKET, Direction, &Time, sizeof(Time));
         }
+    };
+    WaitAtMost({2, 0});
+    if (connect(Socket_.Get(), reinterpret_cast<const sockaddr *>(&Address), sizeof(Address)) != 0) {
+        return false;
     }
-    close(std::exchange(Socket_, -1));
-    return false;
+    std::optional<nlohmann::json> First = Next();
+    if (!First) {
+        return false;
+    }
+    WaitAtMost({});
+    Mount_ = std::move(*First);
+    return true;
 }
 
 void Client::Ask(char Kind) {
-    send(Socket_, &Kind, 1, MSG_NOSIGNAL);
+    send(Socket_.Get(), &Kind, 1, MSG_NOSIGNAL);
 }
 
 void Client::EndAsking() {
-    shutdown(Socket_, SHUT_WR);
+    shutdown(Socket_.Get(), SHUT_WR);
 }
 
 void Client::Wait(int Milliseconds) {
-    pollfd Ended = {Socket_, POLLIN, 0};
+    pollfd Ended = {Socket_.Get(), POLLIN, 0};
     poll(&Ended, 1, Milliseconds);
     LowerInterrupt();
 }
@@ -106,7 +115,8 @@ std::optional<nlohmann::json> Client::Next() {
             return Line;
         }
         char Bytes[65536];
-        const ssize_t Count = read(Socket_, Bytes, sizeof(Bytes));
+        errno = 0;
+        const ssize_t Count = read(Socket_.Get(), Bytes, sizeof(Bytes));
         CheckInterrupt();
         if (Count > 0) {
             Pending_.append(Bytes, static_cast<size_t>(Count));

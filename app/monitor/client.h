@@ -6,18 +6,17 @@
 
 #include <nlohmann/json.hpp>
 
+#include "providers/directory/beneath.h"
+
 namespace app::monitor {
 
 class Client {
 public:
     // Which is a mount point or the number of a process; empty: the only mount there is. UsageError when there is none,
-    // or several.
+    // or several; mounts that do not answer within two seconds are passed over, and named.
     explicit Client(const std::string &Which);
-    ~Client();
-    Client(const Client &) = delete;
-    Client &operator=(const Client &) = delete;
 
-    // "process", "serves", "opens" and "fcbs" as they were when it attached.
+    // "process" and "serves".
     const nlohmann::json &Mount() const {
         return Mount_;
     }
@@ -32,7 +31,7 @@ public:
 private:
     bool Connect(const std::string &Path);
 
-    int Socket_ = -1;
+    providers::directory::UniqueFd Socket_;
     nlohmann::json Mount_;
     std::string Pending_;
 };

@@ -83,7 +83,17 @@ public:
             }
             return true;
         }
+        Finish();
+        return false;
+    }
+    // Tells what was counted.
+    void Finish() {
         Leave();
+        if (!Counts_) {
+            return;
+        }
+        const embedded::OpenFiles Now = embedded::CountOpenFiles();
+        Send(LineOf({{"opens", Now.Handles}, {"fcbs", Now.ControlBlocks}}));
         for (const auto &[Operation, Of] : Totals_) {
             Send(LineOf({{"operation", Operation},
                          {"count", Of.Times.Count()},
@@ -93,7 +103,6 @@ public:
                          {"p99_ns", Of.Times.Percentile(99)},
                          {"max_ns", Of.Times.Longest()}}));
         }
-        return false;
     }
     void Send(const std::string &Line) noexcept {
         const auto Put = [&](const std::string &Bytes) -> size_t {
@@ -213,38 +222,40 @@ void Server::Serve() {
     sigset_t All;
     sigfillset(&All); // they are for the threads that serve
     pthread_sigmask(SIG_BLOCK, &All, nullptr);
-    for (;;) {
-        std::vector<pollfd> Waiting = {{Ending_, POLLIN, 0}, {Listening_, POLLIN, 0}};
+    for (bool Full = false;;) {
+        // Without a descriptor to spare nobody is let in: who waits for it must not keep this thread busy.
+        std::vector<pollfd> Waiting = {{Ending_, POLLIN, 0}, {Full ? -1 : Listening_, POLLIN, 0}};
         for (const auto &Each : Attached_) {
             Waiting.push_back({Each->Socket(), POLLIN, 0});
         }
-        const int Ready = poll(Waiting.data(), Waiting.size(), -1);
+        const int Ready = poll(Waiting.data(), Waiting.size(), Full ? 100 : -1);
         if (Ready < 0 && errno == EINTR) {
             continue;
         }
         if (Ready < 0 || Waiting[0].revents != 0) {
+            for (const auto &Each : Attached_) {
+                Each->Finish();
+            }
             return;
         }
         size_t Index = 2;
         std::erase_if(Attached_, [&](const std::unique_ptr<Attached> &Each) {
             return Waiting[Index++].revents != 0 && !Each->Heard();
         });
-        if (Waiting[1].revents != 0) {
-            Accept();
-        }
+        Full = Waiting[1].revents != 0 && !Accept();
     }
 }
 
-void Server::Accept() {
+// False when nobody can be let in now.
+bool Server::Accept() {
     const int Socket = accept4(Listening_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (Socket < 0) {
-        return;
+        return errno == EAGAIN || errno == EINTR || errno == ECONNABORTED;
     }
     setsockopt(Socket, SOL_SOCKET, SO_SNDBUF, &SendBufferBytes, sizeof(SendBufferBytes));
-    const embedded::OpenFiles Now = embedded::CountOpenFiles();
     Attached_.push_back(std::make_unique<Attached>(Socket, Tap_));
-    Attached_.back()->Send(
-        LineOf({{"process", getpid()}, {"serves", Serves_}, {"opens", Now.Handles}, {"fcbs", Now.ControlBlocks}}));
+    Attached_.back()->Send(LineOf({{"process", getpid()}, {"serves", Serves_}}));
+    return true;
 }
 
 } // namespace app::monitor

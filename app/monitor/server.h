@@ -1,10 +1,10 @@
 // What rvfsd monitor and rvfsd stats attach to: a socket of a running mount.
 //
 // It lies in a directory that is its user's alone. While nobody is attached it costs one sleeping thread, and requests
-// nothing. Each who attaches is told on a line what the mount is and what is open, says with one byte what he came for,
-// and gets from then on a line for each completed request ('m'), or, once he has ended his side, the counts and times
-// of what was completed since ('s'). All lines are JSON objects. One who reads lines too slowly loses some, and is told
-// how many: no request waits for him.
+// nothing. Each who attaches is told on a line what the mount is, says with one byte what he came for, and gets from
+// then on a line for each completed request ('m'), or, once he has ended his side or the mount ends, what is open and
+// the counts and times of what was completed since ('s'). All lines are JSON objects. One who reads lines too slowly
+// loses some, and is told how many: no request waits for him.
 #pragma once
 
 #include <list>
@@ -41,7 +41,7 @@ private:
 
     bool Listen(const std::string &Directory);
     void Serve();
-    void Accept();
+    bool Accept();
 
     RequestTap &Tap_;
     const std::string Serves_;

@@ -214,7 +214,10 @@ void FileSystem::PutBack(Node *To, const std::string &NewName, Displaced *Old) {
     }
 }
 
-int FileSystem::Move(Node *From, const std::string &Name, Node *To, const std::string &NewName, unsigned Flags) {
+// *OpenBelow: it is a directory with something open below it, which the driver does not rename.
+int FileSystem::Move(Node *From, const std::string &Name, Node *To, const std::string &NewName, unsigned Flags,
+                     bool *OpenBelow) {
+    *OpenBelow = false;
     const bool Respelled = From == To && SameName(Name, NewName);
     if (Respelled && Name == NewName) {
         return 0;
@@ -230,8 +233,9 @@ int FileSystem::Move(Node *From, const std::string &Name, Node *To, const std::s
     }
     if (What.IsDirectory()) {
         Node *Known = Nodes_.Find(From, Name);
-        if (Known != nullptr && Nodes_.IsOpenBelow(Known)) {
-            return EBUSY; // the driver renames no directory with something open below it
+        *OpenBelow = Known != nullptr && Nodes_.IsOpenBelow(Known);
+        if (*OpenBelow) {
+            return EBUSY;
         }
     }
     Displaced Old;
@@ -272,13 +276,14 @@ int FileSystem::Rename(fuse_req_t Request, fuse_ino_t ParentInode, const char *N
     const auto Until = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
     for (uint64_t Closes = Nodes_.Closes();; Closes = Nodes_.Closes()) {
         std::unique_lock Hold(From->In->Renaming);
-        const int Error = Move(From, Name, To, NewName, Flags);
+        bool OpenBelow;
+        const int Error = Move(From, Name, To, NewName, Flags, &OpenBelow);
         if (Error == 0) {
             Nodes_.Rename(From, Name, To, NewName);
             break;
         }
         Hold.unlock();
-        if (Error != EBUSY || !Nodes_.AwaitClose(Closes, Until)) {
+        if (!OpenBelow || !Nodes_.AwaitClose(Closes, Until)) {
             return Error;
         }
     }

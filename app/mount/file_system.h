@@ -125,7 +125,8 @@ private:
     // With Renaming held exclusively.
     int Delete(const std::u16string &Path, bool Directory);
     int Hide(Node *Parent, const std::string &Name, std::u16string *Hidden, Remote *Holder);
-    int Move(Node *From, const std::string &Name, Node *To, const std::string &NewName, unsigned Flags);
+    int Move(Node *From, const std::string &Name, Node *To, const std::string &NewName, unsigned Flags,
+             bool *OpenBelow);
     int MakeWay(Node *To, const std::string &NewName, bool Directory, unsigned Flags, struct Displaced *Old);
     void PutBack(Node *To, const std::string &NewName, struct Displaced *Old);
     bool IsHidden(Node *Parent, std::string_view Name);

@@ -273,29 +273,35 @@ bool Nodes::AwaitClose(uint64_t Before, std::chrono::steady_clock::time_point Un
            Closing_.wait_until(Hold, Until, [this, Before] { return Closes_ != Before; });
 }
 
-void Nodes::AddOpen(Node *Which, std::shared_ptr<Remote> Handle) {
+void Nodes::AddOpen(std::unique_ptr<OpenFile> File) {
     const std::lock_guard Hold(Lock_);
-    if (!Which->Open) {
-        Which->Open = std::make_unique<OpenState>();
+    std::unique_ptr<OpenState> &Open = File->Of->Open;
+    if (!Open) {
+        Open = std::make_unique<OpenState>();
     }
-    Which->Open->Handles.push_back(std::move(Handle));
+    Open->Files.push_back(std::move(File));
 }
 
-void Nodes::DropOpen(Node *Which, const std::shared_ptr<Remote> &Handle) {
-    std::unique_ptr<OpenState> Last; // its locks end outside of ours
+void Nodes::DropOpen(OpenFile *File) {
+    std::unique_ptr<OpenState> Last; // its locks and handles end outside of our lock
+    std::unique_ptr<OpenFile> Gone;
     const std::lock_guard Hold(Lock_);
-    std::erase(Which->Open->Handles, Handle);
-    if (Which->Open->Handles.empty()) {
-        Last = std::move(Which->Open);
+    std::unique_ptr<OpenState> &Open = File->Of->Open;
+    const auto At = std::find_if(Open->Files.begin(), Open->Files.end(),
+                                 [File](const std::unique_ptr<OpenFile> &Each) { return Each.get() == File; });
+    Gone = std::move(*At);
+    Open->Files.erase(At);
+    if (Open->Files.empty()) {
+        Last = std::move(Open);
     }
 }
 
 std::shared_ptr<Remote> Nodes::OpenHandle(Node *Which, ACCESS_MASK Access) {
     const std::lock_guard Hold(Lock_);
     if (Which->Open) {
-        for (const std::shared_ptr<Remote> &Each : Which->Open->Handles) {
-            if (Each->Has(Access)) {
-                return Each;
+        for (const std::unique_ptr<OpenFile> &Each : Which->Open->Files) {
+            if (Each->Handle->Has(Access)) {
+                return Each->Handle;
             }
         }
     }

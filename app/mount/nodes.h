@@ -29,10 +29,10 @@ namespace app::mount {
 class NodeLocks;
 struct Node;
 
-// An open file of a program's.
+// An open file of a program's, which its node keeps.
 struct OpenFile {
     std::shared_ptr<Remote> Handle;
-    Node *Of = nullptr;
+    Node *Of;
     bool Appends = false;
     std::mutex OwnersLock;
     std::set<uint64_t> Owners; // who locked through it, where the close of each is not told
@@ -47,7 +47,7 @@ struct Volume {
 
 // What a node has only while something is open in it.
 struct OpenState {
-    std::vector<std::shared_ptr<Remote>> Handles;
+    std::vector<std::unique_ptr<OpenFile>> Files;
     std::shared_ptr<NodeLocks> Locks;
 };
 
@@ -98,9 +98,9 @@ public:
     // Handle, which is open in the node: it counts as such until the server has closed it. Called while Renaming is
     // held as it was for the open, so that a deletion sees every handle that there is.
     std::shared_ptr<Remote> Keep(Node *Which, Remote Handle);
-    // A kept handle is a program's, to be lent for what needs one; and is not any more.
-    void AddOpen(Node *Which, std::shared_ptr<Remote> Handle);
-    void DropOpen(Node *Which, const std::shared_ptr<Remote> &Handle);
+    // A program has it open, with a kept handle that is lent to what needs one; and has not any more.
+    void AddOpen(std::unique_ptr<OpenFile> File);
+    void DropOpen(OpenFile *File);
     // An open handle with that access; null without one.
     std::shared_ptr<Remote> OpenHandle(Node *Which, ACCESS_MASK Access);
     bool IsOpen(Node *Which);

@@ -37,21 +37,20 @@ ACCESS_MASK AccessFor(int Flags) {
 int FileSystem::Opened(fuse_req_t Request, Node *Of, std::shared_ptr<Remote> Handle, fuse_file_info *File,
                        const fuse_entry_param *NewEntry) {
     auto Made = std::make_unique<OpenFile>();
-    Made->Handle = Handle;
+    Made->Handle = std::move(Handle);
     Made->Of = Of;
     Made->Appends = (File->flags & O_APPEND) != 0;
-    Nodes_.AddOpen(Of, Handle);
-    OpenFile *Given = Made.release();
+    OpenFile *Given = Made.get();
+    Nodes_.AddOpen(std::move(Made));
     File->fh = reinterpret_cast<uint64_t>(Given);
     File->direct_io = Options_.DirectIo ? 1 : 0;
     File->noflush = (File->flags & O_ACCMODE) == O_RDONLY ? 1 : 0;
     const int Sent = NewEntry != nullptr ? fuse_reply_create(Request, NewEntry, File) : fuse_reply_open(Request, File);
     if (Sent == -ENOENT) { // the open was interrupted: nobody will release it
-        Nodes_.DropOpen(Of, Handle);
+        Nodes_.DropOpen(Given);
         if (NewEntry != nullptr) {
             Nodes_.Forget(Of, 1);
         }
-        delete Given;
     }
     return 0;
 }
@@ -179,17 +178,17 @@ int FileSystem::Flush(fuse_req_t Request, fuse_ino_t Inode, fuse_file_info *File
 }
 
 int FileSystem::Release(fuse_req_t Request, fuse_ino_t Inode, fuse_file_info *File) {
-    const std::unique_ptr<OpenFile> Gone(&FileOf(File));
+    OpenFile &Gone = FileOf(File);
     if (const std::shared_ptr<NodeLocks> Locks = Nodes_.LocksOf(NodeOf(Inode), false)) {
         if (File->flock_release) {
             Locks->UnlockAll(File->lock_owner, true);
         }
-        const std::lock_guard Hold(Gone->OwnersLock);
-        for (const uint64_t Owner : Gone->Owners) {
+        const std::lock_guard Hold(Gone.OwnersLock);
+        for (const uint64_t Owner : Gone.Owners) {
             Locks->UnlockAll(Owner, false);
         }
     }
-    Nodes_.DropOpen(NodeOf(Inode), Gone->Handle);
+    Nodes_.DropOpen(&Gone);
     fuse_reply_err(Request, 0);
     return 0;
 }

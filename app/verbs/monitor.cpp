@@ -96,17 +96,22 @@ int Stats(const std::string &Which, uint32_t Seconds) {
     Mount.Wait(static_cast<int>(std::min(Seconds, 1'000'000u)) * 1000);
     Mount.EndAsking();
     const int64_t Milliseconds = (Ticks() - Begun) / 1'000'000;
-    const monitor::Client After(fmt::format("{}", Mount.Mount().at("process").get<int>()));
-    const json &Now = After.Mount();
+    const json &Of = Mount.Mount();
+    const std::optional<json> Answer = Mount.Next();
+    if (!Answer) {
+        throw std::runtime_error(
+            fmt::format("{}: the mount was killed, its counts are lost", Of.at("serves").get<std::string>()));
+    }
+    const json &Now = *Answer;
     if (WantsJson()) {
-        PrintRecord({{"process", Now.at("process").get<int64_t>()},
-                     {"mountpoint", Now.at("serves").get<std::string>()},
+        PrintRecord({{"process", Of.at("process").get<int64_t>()},
+                     {"mountpoint", Of.at("serves").get<std::string>()},
                      {"milliseconds", Milliseconds},
                      {"opens", Now.at("opens").get<uint64_t>()},
                      {"fcbs", Now.at("fcbs").get<uint64_t>()}});
     } else {
         fmt::print("{}, process {}: {} files open, {} FCBs\n{:<24} {:>10} {:>8} {:>10} {:>10} {:>10} {:>10}\n",
-                   Now.at("serves").get<std::string>(), Now.at("process").get<int>(), Now.at("opens").get<uint64_t>(),
+                   Of.at("serves").get<std::string>(), Of.at("process").get<int>(), Now.at("opens").get<uint64_t>(),
                    Now.at("fcbs").get<uint64_t>(), fmt::format("in {:.1f} s", static_cast<double>(Milliseconds) / 1000),
                    "count", "failed", "p50 us", "p90 us", "p99 us", "max us");
     }
