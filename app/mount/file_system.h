@@ -9,6 +9,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -116,6 +117,7 @@ private:
     void Wait(fuse_req_t Request, Node *Which, const LockRange &Wanted);
     static void Interrupted(fuse_req_t Request, void *Self);
 
+    void DropListing(const fuse_file_info *File);
     int Load(Node *Which, Listing &To);
     void Renew(Node *Which, Listing &Old, off_t Offset);
     int ReadListing(fuse_req_t Request, Node *Which, size_t Size, off_t Offset, Listing &From, bool Plus);
@@ -147,6 +149,14 @@ private:
         bool Interrupted = false; // before there was something to cancel
     };
     std::map<const void *, Waited> Waits_; // by request
+    struct ByPlace {
+        using is_transparent = void;
+        bool operator()(const auto &Left, const auto &Right) const {
+            return std::to_address(Left) < std::to_address(Right);
+        }
+    };
+    std::mutex ListingsLock_;
+    std::set<std::shared_ptr<Listing>, ByPlace> Listings_; // of the directories that programs have open
     std::unique_ptr<Spellings> Spellings_;
 };
 

@@ -33,16 +33,25 @@ constexpr off_t FirstEntry = 2;
 
 int FileSystem::OpenDirectory(fuse_req_t Request, fuse_ino_t, fuse_file_info *File) {
     // Nothing is opened at the server: a directory that is being read may be renamed and removed.
-    auto Made = std::make_unique<Listing>();
+    const auto Made = std::make_shared<Listing>();
+    {
+        const std::lock_guard Hold(ListingsLock_);
+        Listings_.insert(Made);
+    }
     File->fh = reinterpret_cast<uint64_t>(Made.get());
-    if (fuse_reply_open(Request, File) == 0) {
-        Made.release();
+    if (fuse_reply_open(Request, File) == -ENOENT) { // the open was interrupted: nobody will release it
+        DropListing(File);
     }
     return 0;
 }
 
+void FileSystem::DropListing(const fuse_file_info *File) {
+    const std::lock_guard Hold(ListingsLock_);
+    Listings_.erase(Listings_.find(reinterpret_cast<Listing *>(File->fh)));
+}
+
 int FileSystem::ReleaseDirectory(fuse_req_t Request, fuse_ino_t, fuse_file_info *File) {
-    delete reinterpret_cast<Listing *>(File->fh);
+    DropListing(File);
     fuse_reply_err(Request, 0);
     return 0;
 }
