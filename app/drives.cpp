@@ -48,8 +48,10 @@ const std::vector<LogonName> &Logons() {
 }
 
 RV_SECURITY_CONTEXT CallerContext() {
+    static const ULONG64 User = geteuid(); // asked for with each request, and never another
+    static const ULONG64 Group = getegid();
     const ULONG64 Other = embedded::CallerAccount() == Stranger ? 1 : 0;
-    return {{geteuid() + Other, getegid() + Other}};
+    return {{User + Other, Group + Other}};
 }
 
 Drives::Drives(GetClassObject Export, const std::string &Logon) : Export_(Export) {

@@ -158,6 +158,7 @@ RVSTATUS CreateNew(State &Provider, const Place &At, Resolved &Missing, const Re
         Out.Again = true; // someone else was first
         return Failure(CODE_EXISTS);
     }
+    const AfterChange Count(*At.Volume);
     const int Parent = HolderOf(At, Missing);
     const int Through = (Wanted.Options & RV_OPTION_WRITE_THROUGH) != 0 ? O_DSYNC : 0;
     UniqueFd Fd(openat(Parent, Missing.Name.c_str(),
@@ -196,6 +197,13 @@ RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Resul
     if (!Wanted.Query() && TakeLook(At, There, Seen)) {
         return OpenExisting(Provider, At, std::move(Seen), There, Wanted, Out);
     }
+    if (Wanted.Query() && WasMissing(At)) {
+        return Failure(CODE_NO_SUCH_FILE);
+    }
+    const bool IsFirst = Wanted.Query() && !At.Base;
+    if (IsFirst) {
+        BeginQuery(At);
+    }
     std::optional<std::string> Exact = NativePath(At.Path);
     if (Exact && Exact->empty()) {
         return Wanted.Disposition == RV_DISPOSITION_CREATE_NEW ? Failure(CODE_EXISTS) : Failure(CODE_IS_A_DIRECTORY);
@@ -215,6 +223,9 @@ RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Resul
     const bool Missing = Exact && Error == ENOENT;
     if (const RVSTATUS Status = At.Volume->Names.Resolve(At.Ref, At.Path, Found, Missing); RvIsError(Status)) {
         return Status;
+    }
+    if (!Found.Exists && IsFirst) {
+        NoteMissing(At);
     }
     if (!Found.Exists) {
         return Wanted.Creates() ? CreateNew(Provider, At, Found, Wanted, Out) : Failure(CODE_NO_SUCH_FILE);

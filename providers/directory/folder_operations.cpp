@@ -45,6 +45,7 @@ RVSTATUS NTAPI CreateDirectory(RVIOM_FSD *Self, Sec, RVHANDLE Base, PCWSTR Path)
         if (At.Volume->Options.ReadOnly) {
             return RVSTATUS::AccessDenied;
         }
+        const AfterChange Count(*At.Volume);
         if (mkdirat(HolderOf(At, Found), New.Found.Name.c_str(), 0777) == 0) {
             return RVSTATUS::Success;
         }
@@ -345,6 +346,9 @@ RVSTATUS NTAPI MoveFile(RVIOM_FSD *Self, Sec, RVHANDLE SourceBase, PCWSTR Source
 
 RVSTATUS OpenFolder(const Place &At, unsigned Kind, std::unique_ptr<Object> &Opened) {
     RVSTATUS Status = Failure(CODE_NO_SUCH_FILE);
+    if (WasMissing(At)) {
+        return Status;
+    }
     for (int Attempt = 0; Attempt < Attempts; ++Attempt) {
         // The exact spelling first, the look-up for what that does not open.
         Resolved Found;

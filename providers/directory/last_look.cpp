@@ -21,6 +21,15 @@ struct Seen {
 };
 thread_local Seen Last;
 
+struct Missed {
+    bool Holds = false;
+    uint64_t Export = 0;
+    uint64_t Changes = 0; // when it was looked for, as At
+    int64_t At = 0;
+    std::u16string Path;
+};
+thread_local Missed NotThere;
+
 int64_t Now() {
     timespec Time;
     clock_gettime(CLOCK_MONOTONIC, &Time);
@@ -88,6 +97,26 @@ bool TakeLook(const Place &At, Looked &There, std::string &FromRoot) {
     Last.There.Fd = {};
     Last.Query = 0;
     return Holds;
+}
+
+void BeginQuery(const Place &At) {
+    NotThere.Holds = false;
+    NotThere.Export = At.Volume->Serial;
+    NotThere.Changes = At.Volume->ChangeCount.load();
+    NotThere.At = Now();
+}
+
+void NoteMissing(const Place &At) {
+    if (IsBelowRoot(At)) {
+        NotThere.Path = Bare(At.Path);
+        NotThere.Holds = true;
+    }
+}
+
+bool WasMissing(const Place &At) {
+    return NotThere.Holds && At.Base && NotThere.Export == At.Volume->Serial && IsBelowRoot(At) &&
+           Same(NotThere.Path, Bare(At.Path)) && NotThere.Changes == At.Volume->ChangeCount.load() &&
+           Now() - NotThere.At <= LongestUse;
 }
 
 } // namespace providers::directory

@@ -1,5 +1,7 @@
 // One look at a file for the whole of an open: whoever opens a file asks first what its name leads to, by a query open
 // that is closed at once, and opens it by the same path next. What was seen then is what is opened.
+// The same goes for what is not there: a name that a query open by its whole path did not find is asked for again below
+// the volume, as a file and as a directory.
 //
 // It is kept for the thread that asked, for the path as it was asked for, for a millisecond at most, and until
 // something is changed through the export. The descriptor that goes with it is one of the thread's, and names the file
@@ -26,5 +28,13 @@ void KeepLook(FileObject &File);
 // What the thread's last query open of this very path saw, and the path of the object from the root. False when there
 // is none that still holds; in any case it is gone afterwards.
 bool TakeLook(const Place &At, Looked &There, std::string &FromRoot);
+
+// A query open of At, by its whole path, is about to look; and has found nothing there.
+void BeginQuery(const Place &At);
+void NoteMissing(const Place &At);
+
+// Whether the thread's last query open by a whole path has found nothing at this very path, which is asked for below
+// its volume now. False when that does not hold any more.
+bool WasMissing(const Place &At);
 
 } // namespace providers::directory

@@ -154,6 +154,39 @@ TEST_F(DirectoryProviderTest, WhatIsOpenedIsWhatIsThere) {
     Close(Handle);
 }
 
+// What a question by the whole path did not find is not looked for again below the volume, until it came through here.
+TEST_F(DirectoryProviderTest, WhatIsMissingIsSeenWhenItComes) {
+    const auto IsThere = [&](RVHANDLE Base, const char16_t *Path) {
+        RVHANDLE Handle = 0;
+        const RVSTATUS Status = Table->RVFsdCreateFile(Fsd, nullptr, Base, Path, RV_ACCESS_ATTRIBUTES, 7,
+                                                       RV_DISPOSITION_QUERY, 0, 0, &Handle, &Action);
+        EXPECT_TRUE(Handle == 0 || Table->RVFsdCloseFile(Fsd, nullptr, Handle) == Done);
+        return Status != Failure(CODE_NO_SUCH_FILE);
+    };
+    const struct {
+        std::function<void()> Make;
+        bool AtOnce;
+    } Cases[] = {
+        {[&] { EXPECT_EQ(Try(u"NAME", RV_ACCESS_WRITE, RV_DISPOSITION_CREATE_NEW), Done); }, true},
+        {[&] { std::thread([&] { EXPECT_EQ(MakeFolder(u"Name"), Done); }).join(); }, true},
+        {[&] { EXPECT_EQ(Move(u"other", u"name"), Done); }, true},
+        {[&] { Write("NAME", ""); }, false}, // one question later
+    };
+    for (const auto &Case : Cases) {
+        Write("other", "");
+        EXPECT_FALSE(IsThere(0, u"\\srv\\vol\\name"));
+        EXPECT_FALSE(IsThere(Volume, u"name"));
+        EXPECT_TRUE(IsThere(Volume, u"other"));
+        Case.Make();
+        EXPECT_TRUE(!Case.AtOnce || IsThere(Volume, u"name")) << &Case - Cases;
+        EXPECT_TRUE(IsThere(0, u"\\srv\\vol\\name")) << &Case - Cases;
+        EXPECT_TRUE(IsThere(Volume, u"name")) << &Case - Cases;
+        for (const char *Name : {"name", "Name", "NAME", "other"}) {
+            fs::remove(Root / Name);
+        }
+    }
+}
+
 TEST_F(DirectoryProviderTest, ShareModesHoldBetweenOpensOfOneFile) {
     Write("file", "text");
     fs::create_hard_link(Root / "file", Root / "link");
