@@ -22,7 +22,7 @@ struct PROCESS_RECORD {
 static_assert(offsetof(PROCESS_RECORD, Process) == 8 && offsetof(PROCESS_RECORD, FileObject) == 16 &&
               offsetof(PROCESS_RECORD, Links) == 24 && offsetof(PROCESS_RECORD, ProcessOpenCount) == 40);
 
-PROCESS_RECORD *FindProcess(PEPROCESS Process) {
+PROCESS_RECORD *FindProcess(PEPROCESS Process) HOLDING(g_OurDeviceResource) {
     for (PLIST_ENTRY Link = DriverFcb->InstanceList.Flink; Link != &DriverFcb->InstanceList; Link = Link->Flink) {
         const auto Record = CONTAINING_RECORD(Link, PROCESS_RECORD, Links);
         if (Record->Process == Process) {
@@ -32,7 +32,7 @@ PROCESS_RECORD *FindProcess(PEPROCESS Process) {
     return nullptr;
 }
 
-PROCESS_RECORD *AddProcess(PEPROCESS Process, PFILE_OBJECT FileObject) {
+PROCESS_RECORD *AddProcess(PEPROCESS Process, PFILE_OBJECT FileObject) HOLDING(g_OurDeviceResource) {
     auto Record = static_cast<PROCESS_RECORD *>(TwAllocMemory(sizeof(PROCESS_RECORD)));
     if (Record != nullptr) {
         Record->NodeTypeCode = NODE_TYPE_INSTANCE;

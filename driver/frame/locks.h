@@ -10,11 +10,11 @@
 //   5. spin locks, each alone: g_AsyncIrpQueueLock, the cancel spin lock, the borrow lock (names/borrow.cpp), that of
 //      lock requests (io/lock_table.cpp), that of opens that outlive teardown (close/after_teardown.cpp), and under any
 //      of them g_LogBufferLock, since a trace may be made with a spin lock held
-// Raw acquire and release calls stand in locks.cpp alone. What the compiler sees of this order is said where a lock is
-// declared (kernel/lock_rules.h).
+// Resources are acquired and released by name in locks.cpp alone. What the compiler sees of this order is said where a
+// lock is declared (kernel/lock_rules.h).
 #pragma once
 
-#include "kernel/kernel.h"
+#include "frame/memory.h"
 
 // Enter a critical region and acquire Resource; when that fails (only possible with Wait FALSE) leave the region again.
 BOOLEAN NtFsdAcquireExclusive(PERESOURCE Resource, BOOLEAN Wait);
@@ -65,9 +65,9 @@ public:
             NtFsdReleaseResource(Resource);
         }
     }
-    // Tells the analysis that this hold, which was acquired elsewhere, is one of Resource.
+    // Requires that this hold, which was acquired elsewhere, is one of Resource, and tells the analysis so.
     void Holds(PERESOURCE Resource) const HELD_FROM_HERE(Resource) {
-        UNREFERENCED_PARAMETER(Resource);
+        NtFsdRequire(Resource_ == Resource);
     }
     // Takes over a hold that was acquired elsewhere (with its critical region).
     void Adopt(PERESOURCE Resource) {

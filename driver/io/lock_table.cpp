@@ -21,9 +21,9 @@ FILE_LOCK_INFO Asked(PIRP_CONTEXT IrpContext) {
     return Lock;
 }
 
-// Calls Visit for the requests whose lock Pattern means. RequestsLock held.
+// Calls Visit for the requests whose lock Pattern means.
 template <typename F>
-void VisitRequests(PFCB Fcb, const LOCK_PATTERN &Pattern, F Visit) {
+void VisitRequests(PFCB Fcb, const LOCK_PATTERN &Pattern, F Visit) HOLDING(RequestsLock) {
     for (PLIST_ENTRY Links = Fcb->LockRequests.Flink; Links != &Fcb->LockRequests; Links = Links->Flink) {
         const PIRP_CONTEXT IrpContext = ContextOf(Links);
         const FILE_LOCK_INFO Lock = Asked(IrpContext);

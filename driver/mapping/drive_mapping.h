@@ -52,7 +52,7 @@ static_assert(offsetof(MAP_REQUEST, Path) == 20);
 
 extern ERESOURCE g_MappedDeviceResource;
 extern LIST_ENTRY g_MappedDeviceList UNDER(g_MappedDeviceResource);
-extern ULONG g_uMappedDeviceCount; // of records on the list
+extern ULONG g_uMappedDeviceCount UNDER(g_MappedDeviceResource); // of records on the list
 
 // Sets up the list and its lock; the lock is one of the driver's resources.
 NTSTATUS NtFsdInitMappedDevices();
@@ -63,8 +63,9 @@ VOID NtFsdFreeMappedDevices();
 
 // Makes a mapping for the caller. Of a path the bytes before its terminator count, at most PathLength; nothing behind
 // them is read. STATUS_INVALID_PARAMETER for a drive that is no letter, STATUS_OBJECT_NAME_INVALID for a path that is
-// no text, STATUS_BAD_NETWORK_PATH for one that does not begin with a backslash, STATUS_NAME_TOO_LONG; the status of
-// the Provider's as it came; STATUS_OBJECT_NAME_COLLISION for a letter that is taken. On failure nothing is left.
+// no text, STATUS_BAD_NETWORK_PATH for one that does not begin with a backslash, STATUS_NAME_TOO_LONG for one that no
+// link can hold, unless converting it fails before; the status of the conversion; that of the Provider as it came;
+// STATUS_OBJECT_NAME_COLLISION for a letter that is taken. On failure nothing is left.
 NTSTATUS RvMapDrive(PIRP_CONTEXT IrpContext, const MAP_REQUEST *Request);
 
 // The caller's record of a drive: one that he made in this logon session, or that has links in both. With Remove it is

@@ -22,10 +22,22 @@ bool IsOwner(PIRP_CONTEXT IrpContext, const MAPPED_DEVICE *Record) {
     return Caller.Words[0] == Record->SecurityContext.Words[0] && Caller.Words[1] == Record->SecurityContext.Words[1];
 }
 
-// The list's lock is held exclusively.
-void Unlink(MAPPED_DEVICE *Record) {
+void Unlink(MAPPED_DEVICE *Record) HOLDING(g_MappedDeviceResource) {
     RemoveEntryList(&Record->Links);
     --g_uMappedDeviceCount;
+}
+
+// The record of a drive that a caller of the logon session Caller finds, or NULL.
+MAPPED_DEVICE *FindRecord(PIRP_CONTEXT IrpContext, ULONG DriveNumber, LUID Caller)
+    HOLDING_SHARED(g_MappedDeviceResource) {
+    for (PLIST_ENTRY Entry = g_MappedDeviceList.Flink; Entry != &g_MappedDeviceList; Entry = Entry->Flink) {
+        MAPPED_DEVICE *const Record = RecordOf(Entry);
+        if (Record->DriveNumber == DriveNumber && IsOwner(IrpContext, Record) &&
+            (Record->LinkedSessionLink == 1 || IsEqualLuid(Record->LogonId, Caller))) {
+            return Record;
+        }
+    }
+    return nullptr;
 }
 
 // Whether a deletion that answered Status has left a link that another attempt may reach.
@@ -90,6 +102,7 @@ void CloseHandles(MAPPED_DEVICE *Record) {
 } // namespace
 
 NTSTATUS NtFsdInitMappedDevices() {
+    NtFsdNobodyElse(&g_MappedDeviceResource);
     InitializeListHead(&g_MappedDeviceList);
     g_uMappedDeviceCount = 0;
     return NtFsdInitializeResource(DRIVER_RESOURCE_MAPPED_DEVICES);
@@ -97,31 +110,22 @@ NTSTATUS NtFsdInitMappedDevices() {
 
 NTSTATUS FindMappedDevice(PIRP_CONTEXT IrpContext, ULONG DriveNumber, MAPPED_DEVICE **Record, BOOLEAN Remove,
                           ResourceHold *Hold) {
-    *Record = nullptr;
     LUID Caller = {};
     Ignore(GetCallerLogonSessionLuid(&Caller), "a caller of unknown session finds what has links in both");
     if (Remove) {
-        Hold->AcquireExclusive(&g_MappedDeviceResource, TRUE);
+        const ExclusiveHold List(&g_MappedDeviceResource);
+        *Record = FindRecord(IrpContext, DriveNumber, Caller);
+        if (*Record != nullptr) {
+            Unlink(*Record);
+        }
     } else {
         Hold->AcquireShared(&g_MappedDeviceResource, TRUE);
-    }
-    for (PLIST_ENTRY Entry = g_MappedDeviceList.Flink; Entry != &g_MappedDeviceList; Entry = Entry->Flink) {
-        MAPPED_DEVICE *const Each = RecordOf(Entry);
-        if (Each->DriveNumber == DriveNumber && IsOwner(IrpContext, Each) &&
-            (Each->LinkedSessionLink == 1 || IsEqualLuid(Each->LogonId, Caller))) {
-            *Record = Each;
-            break;
+        *Record = FindRecord(IrpContext, DriveNumber, Caller);
+        if (*Record == nullptr) {
+            Hold->Release();
         }
     }
-    if (*Record == nullptr) {
-        Hold->Release();
-        return STATUS_NOT_FOUND;
-    }
-    if (Remove) {
-        Unlink(*Record);
-        Hold->Release();
-    }
-    return STATUS_SUCCESS;
+    return *Record != nullptr ? STATUS_SUCCESS : STATUS_NOT_FOUND;
 }
 
 NTSTATUS FreeMappedDeviceRecord(MAPPED_DEVICE *Record) {

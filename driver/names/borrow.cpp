@@ -5,7 +5,7 @@ namespace {
 // Guards Borrowers and BorrowLinks of all instances. A leaf; nothing is called under it.
 DRIVER_GLOBAL KSPIN_LOCK BorrowLock = 0;
 
-void Unlink(PINSTANCE_CONTEXT Borrower) {
+void Unlink(PINSTANCE_CONTEXT Borrower) HOLDING(BorrowLock) {
     RemoveEntryList(&Borrower->BorrowLinks);
     InitializeListHead(&Borrower->BorrowLinks);
 }

@@ -21,9 +21,24 @@ extern PFCB DriverFcb;
 // pointed into it. Takes FcbListResource. Returns NULL when no memory or resource can be had, with nothing left behind.
 PFCB NtFsdAllocFcb(PFILE_OBJECT FileObject, PCUNICODE_STRING Path);
 
+// The record of the FCB's path as of now, and how often that has changed; for readers without the Resource, too.
+// Written with FcbTableResource and the Resource held exclusively, the record first.
+inline PATH_RECORD *NtFsdReadCurrentPath(const FCB *Fcb) {
+    return __atomic_load_n(&Fcb->CurrentPath, __ATOMIC_ACQUIRE);
+}
+inline VOID NtFsdSetCurrentPath(PFCB Fcb, PATH_RECORD *Record) {
+    __atomic_store_n(&Fcb->CurrentPath, Record, __ATOMIC_RELEASE);
+}
+inline ULONG NtFsdReadPathChanges(const FCB *Fcb) {
+    return __atomic_load_n(&Fcb->PathChanges, __ATOMIC_ACQUIRE);
+}
+inline VOID NtFsdCountPathChange(PFCB Fcb) {
+    __atomic_store_n(&Fcb->PathChanges, Fcb->PathChanges + 1, __ATOMIC_RELEASE);
+}
+
 // The FCB's path as of now, for a reader without the Resource. Valid while the caller's open keeps the FCB.
 inline PCUNICODE_STRING NtFsdStablePath(PFCB Fcb) {
-    return &__atomic_load_n(&Fcb->CurrentPath, __ATOMIC_ACQUIRE)->Path;
+    return &NtFsdReadCurrentPath(Fcb)->Path;
 }
 
 // The path of an FCB that another path is composed of, to tell afterwards whether a rename has come in between.
@@ -37,7 +52,7 @@ struct PATH_SOURCE {
     }
     // FcbTableResource held.
     bool IsCurrent() const HOLDING_SHARED(FcbTableResource) {
-        return Fcb == nullptr || Fcb->PathChanges == Changes;
+        return Fcb == nullptr || NtFsdReadPathChanges(Fcb) == Changes;
     }
     // What Status of a question under the composed path means: STATUS_RETRY when it was asked under a name that a
     // rename has taken away meanwhile, else Status itself. Takes FcbTableResource, which a rename holds from before its
@@ -48,8 +63,8 @@ inline PATH_SOURCE NtFsdPathSource(PFCB Fcb) {
     if (Fcb == nullptr) {
         return {nullptr, 0, nullptr};
     }
-    const ULONG Changes = __atomic_load_n(&Fcb->PathChanges, __ATOMIC_ACQUIRE);
-    return {Fcb, Changes, __atomic_load_n(&Fcb->CurrentPath, __ATOMIC_ACQUIRE)};
+    const ULONG Changes = NtFsdReadPathChanges(Fcb);
+    return {Fcb, Changes, NtFsdReadCurrentPath(Fcb)};
 }
 
 // Runs Attempt(Source) under the current path of Related (NULL: none) until no rename of it has come in between, which

@@ -154,7 +154,7 @@ namespace {
 
 // Every open of Fcb names itself by the whole new path: the handles that its PathLeft was relative to belong to the old
 // one. A directory's own handle stays what names below the open are relative to.
-void RepointInstances(PFCB Fcb) {
+void RepointInstances(PFCB Fcb) HOLDING(FcbTableResource, Fcb->Resource) {
     for (PLIST_ENTRY Link = Fcb->InstanceList.Flink; Link != &Fcb->InstanceList; Link = Link->Flink) {
         const auto Instance = CONTAINING_RECORD(Link, INSTANCE_CONTEXT, Links);
         NtFsdNameByFullPath(Instance);
@@ -162,7 +162,7 @@ void RepointInstances(PFCB Fcb) {
 }
 
 // The record of a path that Fcb had before, taken out of its chain; NULL when it never had it.
-PATH_RECORD *TakeOldRecord(PFCB Fcb, PCUNICODE_STRING Path) {
+PATH_RECORD *TakeOldRecord(PFCB Fcb, PCUNICODE_STRING Path) HOLDING(FcbTableResource, Fcb->Resource) {
     for (PATH_RECORD **Link = &Fcb->CurrentPath->Older; *Link != nullptr; Link = &(*Link)->Older) {
         PATH_RECORD *Record = *Link;
         if (RtlEqualUnicodeString(&Record->Path, Path, FALSE)) {
@@ -174,7 +174,7 @@ PATH_RECORD *TakeOldRecord(PFCB Fcb, PCUNICODE_STRING Path) {
 }
 
 // Makes NewPath the path of Fcb. The old one stays: readers without the Resource may be using it.
-void TakePath(PFCB Fcb, NewPathRecord &NewPath) {
+void TakePath(PFCB Fcb, NewPathRecord &NewPath) HOLDING(FcbTableResource, Fcb->Resource) {
     if (!RtlEqualUnicodeString(&Fcb->FullPath, NewPath.Path(), FALSE)) {
         PATH_RECORD *Newest = TakeOldRecord(Fcb, NewPath.Path());
         if (Newest == nullptr) {
@@ -182,9 +182,9 @@ void TakePath(PFCB Fcb, NewPathRecord &NewPath) {
         }
         Newest->Older = Fcb->CurrentPath;
         Fcb->FullPath = Newest->Path;
-        __atomic_store_n(&Fcb->CurrentPath, Newest, __ATOMIC_RELEASE);
+        NtFsdSetCurrentPath(Fcb, Newest);
     }
-    __atomic_store_n(&Fcb->PathChanges, Fcb->PathChanges + 1, __ATOMIC_RELEASE);
+    NtFsdCountPathChange(Fcb);
 }
 
 // The table accepts names that differ only in case; two FCBs may not.

@@ -15,7 +15,7 @@ namespace {
 
 DRIVER_GLOBAL UNICODE_PREFIX_TABLE ParentTable UNDER(FcbTableResource) = {};
 
-PARENT_RECORD *FindRecord(PUNICODE_STRING Path) {
+PARENT_RECORD *FindRecord(PUNICODE_STRING Path) HOLDING(FcbTableResource) {
     const PUNICODE_PREFIX_TABLE_ENTRY Entry = RtlFindUnicodePrefix(&ParentTable, Path, 0);
     return Entry != nullptr && Entry->Prefix->Length == Path->Length ? CONTAINING_RECORD(Entry, PARENT_RECORD, Entry)
                                                                      : nullptr;
@@ -27,7 +27,7 @@ void FreeRecord(PARENT_RECORD *Record) {
 }
 
 // A record in the table with one below it, and none above it yet. NULL when no memory can be had.
-PARENT_RECORD *MakeRecord(PCUNICODE_STRING Path) {
+PARENT_RECORD *MakeRecord(PCUNICODE_STRING Path) HOLDING(FcbTableResource) {
     const auto Record = static_cast<PARENT_RECORD *>(TwAllocMemory(sizeof(PARENT_RECORD)));
     if (Record == nullptr) {
         return nullptr;
