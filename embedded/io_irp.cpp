@@ -270,14 +270,14 @@ __attribute__((noinline)) void NTAPI Observe(const IrpBlock &Block) noexcept {
 
 __attribute__((noinline)) int64_t NTAPI ObserveSent(const IrpBlock &Block) noexcept {
     if (IoTap *Tap = TheTap.load(std::memory_order_acquire)) {
-        Tap->Sent(&Block.Irp, *Block.Irp.Tail.Overlay.CurrentStackLocation);
+        OnHostStack([&] { Tap->Sent(&Block.Irp, *Block.Irp.Tail.Overlay.CurrentStackLocation); });
     }
     return WallClock();
 }
 
 __attribute__((noinline)) void NTAPI ObserveReturned(const IrpBlock &Block, NTSTATUS Status) noexcept {
     if (IoTap *Tap = TheTap.load(std::memory_order_acquire)) {
-        Tap->Returned(&Block.Irp, Status);
+        OnHostStack([&] { Tap->Returned(&Block.Irp, Status); });
     }
 }
 

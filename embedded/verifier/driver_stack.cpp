@@ -149,6 +149,14 @@ ULONG_PTR StackUsedUp(const void *Address, ULONG_PTR Pointer) {
     if (Thread->DriverLow != 0) {
         return Touched < Thread->DriverLow && Touched + GuardBytes >= Thread->DriverLow ? DriverStackBytes : 0;
     }
+    // The host's code has the room down to the guard of the thread's next driver's stack.
+    if (const ULONG Part = Thread->DriverStacksInUse; Part < Thread->DriverStacks) {
+        const ULONG_PTR High = Part == 0 ? Thread->StackHigh : GuardEnd(TopOf(*Thread, Part - 1));
+        const ULONG_PTR Low = GuardEnd(TopOf(*Thread, Part)) + GuardBytes;
+        if (Touched < Low && Touched + GuardBytes >= Low && Pointer < Low + GuardBytes) {
+            return High - Low;
+        }
+    }
     // The host's pages without access below a stack may count as the stack's.
     return Touched + GuardBytes >= Thread->StackLow && Touched < Thread->StackLow + GuardBytes &&
                    Pointer < Thread->StackLow + GuardBytes

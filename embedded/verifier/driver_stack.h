@@ -74,10 +74,10 @@ void OnDriverStack(Work &&Call) noexcept {
     }
 }
 
-// Calls Work, which the driver's stack need not have room for.
+// Calls Work, which the driver's stack need not have room for. A thread that the kernel does not know stays unknown.
 template <typename Work>
 void OnHostStack(Work &&Call) noexcept {
-    if (CurrentThread().DriverFrame != 0) {
+    if (CurrentThreadRecord != nullptr && CurrentThreadRecord->DriverFrame != 0) {
         RunOnHostStack(CallRoutine<std::remove_reference_t<Work>>, &Call);
     } else {
         Call();

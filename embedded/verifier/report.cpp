@@ -8,6 +8,7 @@
 
 #include "embedded/image/calls.h"
 #include "embedded/image/driver_image.h"
+#include "embedded/thread.h"
 #include "embedded/verifier/driver_stack.h"
 #include "embedded/verifier/stack.h"
 
@@ -41,7 +42,7 @@ void WriteToStderr(std::string_view Text) {
         WriteToStderr(Note());
     }
     PVOID Frames[48];
-    if (AnyImage()) {
+    if (AnyImage() && CurrentThreadRecord != nullptr) {
         // The host's unwinder ends at the first frame of an image.
         const size_t Count = CaptureStack(Frames, std::size(Frames));
         WriteOpenCalls();

@@ -402,6 +402,19 @@ const PlantedFault StackFaults[] = {
          auto Nested = [] { OnDriverStack([] { TakeStack(DriverStackBytes); }); };
          OnDriverStack([&] { RunProvider(CallRoutine<decltype(Nested)>, &Nested); });
      }},
+    {"OfTheHostAboveTheDrivers", 0x7F, 8, "used up",
+     [] {
+         OnDriverStack([] {});
+         TakeStack(6 << 20);
+     }},
+    {"OfAProvider", 0x7F, 8, "used up",
+     [] {
+         auto Provider = [] {
+             OnDriverStack([] {});
+             TakeStack(2 << 20);
+         };
+         OnDriverStack([&] { RunProvider(CallRoutine<decltype(Provider)>, &Provider); });
+     }},
     {"OfADriversThread", 0x7F, 8, "used up",
      [] {
          Kernel Booted(KernelOptions{});
