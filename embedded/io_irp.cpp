@@ -1,21 +1,7 @@
-#include <array>
 #include <chrono>
-#include <mutex>
 
 #include <fmt/format.h>
 
-#if defined(__SANITIZE_ADDRESS__)
-#define IO_POISONS_IRPS 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define IO_POISONS_IRPS 1
-#endif
-#endif
-#ifdef IO_POISONS_IRPS
-#include <sanitizer/asan_interface.h>
-#endif
-
-#include "embedded/ex.h"
 #include "embedded/explorer/schedule.h"
 #include "embedded/faults.h"
 #include "embedded/image/calls.h"
@@ -44,108 +30,8 @@ void SetObserving() {
     Observing.store(TheObserver || TheTap.load() != nullptr, std::memory_order_release);
 }
 
-std::atomic<IrpBlock *> AllBlocks{nullptr};
-
 int64_t WallClock() {
     return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
-}
-
-constexpr size_t GuardedBytes = sizeof(IrpBlock) - offsetof(IrpBlock, Irp);
-
-__attribute__((noinline)) void NTAPI OverwriteIrp(IrpBlock &Block) noexcept {
-    memset(static_cast<void *>(&Block.Irp), 0xF1, sizeof(IRP) + 2 * sizeof(IO_STACK_LOCATION));
-}
-
-// A completed IRP belongs to nobody: touching it is an error that AddressSanitizer reports and that the pattern makes
-// visible without it.
-void PoisonIrp(IrpBlock &Block) {
-    if (Verifying()) {
-        OverwriteIrp(Block);
-    }
-#ifdef IO_POISONS_IRPS
-    ASAN_POISON_MEMORY_REGION(&Block.Irp, GuardedBytes);
-#endif
-}
-
-void UnpoisonIrp([[maybe_unused]] IrpBlock &Block) {
-#ifdef IO_POISONS_IRPS
-    ASAN_UNPOISON_MEMORY_REGION(&Block.Irp, GuardedBytes);
-#endif
-    static_assert(GuardedBytes >= sizeof(IRP) + 2 * sizeof(IO_STACK_LOCATION));
-}
-
-// The free blocks of one thread. The newest goes out first while it is warm; under the verifier the oldest, so that a
-// freed block stays recognisable for a while. What a thread leaves goes to a common depot.
-class IrpCache {
-public:
-    ~IrpCache() {
-        std::lock_guard Lock(DepotMutex());
-        while (Count_ > 0) {
-            Depot().push_back(Take(true));
-        }
-    }
-
-    IrpBlock *Allocate() {
-        const bool Verify = Verifying();
-        if (Count_ > (Verify ? HeldBack : 0)) {
-            return Take(Verify);
-        }
-        {
-            std::lock_guard Lock(DepotMutex());
-            if (!Depot().empty()) {
-                IrpBlock *Block = Depot().back();
-                Depot().pop_back();
-                return Block;
-            }
-        }
-        auto *Block = new IrpBlock;
-        Block->NextOfAll = AllBlocks.load(std::memory_order_relaxed);
-        while (!AllBlocks.compare_exchange_weak(Block->NextOfAll, Block, std::memory_order_release)) {
-        }
-        return Block;
-    }
-
-    void Free(IrpBlock *Block) {
-        if (Count_ == Ring_.size()) {
-            std::lock_guard Lock(DepotMutex());
-            Depot().push_back(Take(true));
-        }
-        Ring_[(First_ + Count_++) % Ring_.size()] = Block;
-    }
-
-private:
-    static constexpr size_t HeldBack = 16;
-
-    static std::mutex &DepotMutex() {
-        static std::mutex &Mutex = *new std::mutex;
-        return Mutex;
-    }
-    static std::vector<IrpBlock *> &Depot() {
-        static auto &Blocks = *new std::vector<IrpBlock *>;
-        return Blocks;
-    }
-    IrpBlock *Take(bool Oldest) {
-        --Count_;
-        if (!Oldest) {
-            return Ring_[(First_ + Count_) % Ring_.size()];
-        }
-        IrpBlock *Block = Ring_[First_];
-        First_ = (First_ + 1) % Ring_.size();
-        return Block;
-    }
-
-    std::array<IrpBlock *, 32> Ring_{};
-    size_t First_ = 0;
-    size_t Count_ = 0;
-};
-
-IrpCache &ThreadCache() {
-    static thread_local IrpCache Cache;
-    return Cache;
-}
-
-[[noreturn]] void Report(ULONG_PTR Rule, const IrpBlock &Block, ULONG_PTR P3, std::string_view What) {
-    BugCheck(bugcheck::IoVerifier, Rule, reinterpret_cast<ULONG_PTR>(&Block.Irp), P3, 0, What);
 }
 
 std::string Describe(const IrpBlock &Block, UCHAR MajorFunction) {
@@ -168,16 +54,16 @@ __attribute__((noinline)) void NTAPI ReportCompletion(const IrpBlock &Block) noe
     const IRP &Irp = Block.Irp;
     const NTSTATUS Status = Irp.IoStatus.Status;
     if (CurrentThread().Irql > DispatchLevel) {
-        Report(0x0E, Block, CurrentThread().Irql, "IofCompleteRequest was called above DISPATCH_LEVEL");
+        ReportIrp(0x0E, Block, CurrentThread().Irql, "IofCompleteRequest was called above DISPATCH_LEVEL");
     }
     if (Status == STATUS_PENDING || Status == -1) {
-        Report(0x06, Block, static_cast<ULONG>(Status),
-               "a request was completed with a status that cannot be final: STATUS_PENDING or -1");
+        ReportIrp(0x06, Block, static_cast<ULONG>(Status),
+                  "a request was completed with a status that cannot be final: STATUS_PENDING or -1");
     }
     // A cancellation that came first may be clearing it at this moment.
     if (const auto Routine = __atomic_load_n(&Irp.CancelRoutine, __ATOMIC_RELAXED); Routine != nullptr) {
-        Report(0x07, Block, reinterpret_cast<ULONG_PTR>(Routine),
-               "a request was completed while its cancel routine was still set");
+        ReportIrp(0x07, Block, reinterpret_cast<ULONG_PTR>(Routine),
+                  "a request was completed while its cancel routine was still set");
     }
     if (Irp.MdlAddress != Block.CallersMdl) {
         BugCheck(bugcheck::Verifier, bugcheck::FreeLockedMdl, reinterpret_cast<ULONG_PTR>(&Irp),
@@ -205,8 +91,8 @@ __attribute__((noinline)) void NTAPI CallCompletionRoutine(IrpBlock &Block, IO_S
         static_cast<void>(Location.CompletionRoutine(HasAbove ? Above->DeviceObject : nullptr, &Irp, Location.Context));
     }
     if (Irp.PendingReturned && HasAbove && !(Above->Control & SL_PENDING_RETURNED)) {
-        Report(0x228, Block, reinterpret_cast<ULONG_PTR>(Location.CompletionRoutine),
-               "a completion routine did not mark the request pending although it had pended below");
+        ReportIrp(0x228, Block, reinterpret_cast<ULONG_PTR>(Location.CompletionRoutine),
+                  "a completion routine did not mark the request pending although it had pended below");
     }
 }
 
@@ -287,18 +173,18 @@ __attribute__((noinline)) void NTAPI ObserveReturned(const IrpBlock &Block, NTST
 void CheckStory(const IrpBlock &Block, UCHAR MajorFunction) {
     const NTSTATUS Returned = Block.ReturnedStatus;
     if (Returned == STATUS_PENDING && !Block.MarkedPending) {
-        Report(0x23D, Block, 0,
-               Describe(Block, MajorFunction) + "STATUS_PENDING was returned for a request not marked pending");
+        ReportIrp(0x23D, Block, 0,
+                  Describe(Block, MajorFunction) + "STATUS_PENDING was returned for a request not marked pending");
     }
     if (Returned != STATUS_PENDING && Block.MarkedPending) {
-        Report(0x23E, Block, static_cast<ULONG>(Returned),
-               Describe(Block, MajorFunction) + "a request was marked pending, but STATUS_PENDING was not returned");
+        ReportIrp(0x23E, Block, static_cast<ULONG>(Returned),
+                  Describe(Block, MajorFunction) + "a request was marked pending, but STATUS_PENDING was not returned");
     }
     if (Returned != STATUS_PENDING && Returned != Block.FinalStatus) {
-        Report(0x224, Block, static_cast<ULONG>(Returned),
-               Describe(Block, MajorFunction) +
-                   fmt::format("dispatch returned 0x{:08X}, the request was completed with 0x{:08X}",
-                               static_cast<ULONG>(Returned), static_cast<ULONG>(Block.FinalStatus)));
+        ReportIrp(0x224, Block, static_cast<ULONG>(Returned),
+                  Describe(Block, MajorFunction) +
+                      fmt::format("dispatch returned 0x{:08X}, the request was completed with 0x{:08X}",
+                                  static_cast<ULONG>(Returned), static_cast<ULONG>(Block.FinalStatus)));
     }
 }
 
@@ -346,7 +232,7 @@ __attribute__((noinline)) void NTAPI FinishPended(IrpBlock &Block, UCHAR MajorFu
                  fmt::format("a request was completed twice: first from {}, now from {}",
                              DescribeAddress(Block.CompletedFrom), DescribeAddress(Caller)));
     }
-    Report(0x205, Block, 0, "a request was completed by a driver that it was not sent to");
+    ReportIrp(0x205, Block, 0, "a request was completed by a driver that it was not sent to");
 }
 
 } // namespace
@@ -359,59 +245,6 @@ void SetIoObserver(IoObserver Observer) {
 void SetIoTap(IoTap *Tap) noexcept {
     TheTap.store(Tap, std::memory_order_release);
     SetObserving();
-}
-
-IrpBlock *AllocateIrp(DeviceObject &Device, bool Filter) noexcept {
-    const auto StackCount = static_cast<CCHAR>(Device.Nt.StackSize + (Filter ? 1 : 0));
-    if (Device.Nt.StackSize < 1 || Device.Nt.StackSize > MaximumStackSize) {
-        BugCheck(bugcheck::IoVerifier, bugcheck::OwnRule, reinterpret_cast<ULONG_PTR>(&Device.Nt),
-                 static_cast<ULONG_PTR>(Device.Nt.StackSize), 0, "a device's StackSize must be 1 to 7 here");
-    }
-    IrpBlock *Block = ThreadCache().Allocate();
-    UnpoisonIrp(*Block);
-    Block->State.store(IrpBlock::InUse, std::memory_order_relaxed);
-    Block->Asynchronous = false;
-    Block->File = nullptr;
-    Block->UserEvent = nullptr;
-    Block->Iosb = nullptr;
-    Block->CallersMdl = nullptr;
-    Block->MustWait = false;
-    Block->Process = CurrentThread().Process;
-    Block->SystemBuffer = nullptr;
-    Block->Garbage = 0;
-    Block->CopyTo = nullptr;
-    Block->MarkedPending = false;
-    Block->CompletedFrom = nullptr;
-
-    IRP &Irp = Block->Irp;
-    memset(static_cast<void *>(&Irp), 0, sizeof(IRP) + static_cast<size_t>(StackCount) * sizeof(IO_STACK_LOCATION));
-    Irp.Type = IO_TYPE_IRP;
-    Irp.Size = static_cast<USHORT>(sizeof(IRP) + static_cast<size_t>(StackCount) * sizeof(IO_STACK_LOCATION));
-    Irp.StackCount = StackCount;
-    Irp.CurrentLocation = static_cast<CHAR>(Device.Nt.StackSize);
-    Irp.Tail.Overlay.CurrentStackLocation = &Block->Stack[Device.Nt.StackSize - 1];
-    Irp.Tail.Overlay.Thread = &CurrentThread();
-    InitializeListHead(&Irp.ThreadListEntry);
-    Irp.Tail.Overlay.CurrentStackLocation->DeviceObject = &Device.Nt;
-    return Block;
-}
-
-void FreeIrp(IrpBlock *Block) noexcept {
-    const uint32_t State = Block->State.load(std::memory_order_relaxed);
-    if (!(State & IrpBlock::InUse)) {
-        Report(0x01, *Block, 0, "an IRP was freed twice");
-    }
-    if ((State & IrpBlock::Dispatched) && !(State & IrpBlock::Completed)) {
-        Report(0x20A, *Block, 0, "an IRP was freed while the driver still had it");
-    }
-    if (Block->SystemBuffer != nullptr) {
-        FreePool(PoolKind::Object, Block->SystemBuffer, 0);
-    }
-    if (!(State & IrpBlock::Completed)) {
-        PoisonIrp(*Block);
-    }
-    Block->State.store(0, std::memory_order_relaxed);
-    ThreadCache().Free(Block);
 }
 
 NTSTATUS CallDriver(DeviceObject &Device, IrpBlock &Block) noexcept {
@@ -440,18 +273,18 @@ NTSTATUS CallDriver(DeviceObject &Device, IrpBlock &Block) noexcept {
         ObserveReturned(Block, Status);
     }
     if (Thread.TopLevelIrp != TopLevel) {
-        Report(bugcheck::OwnRule, Block, reinterpret_cast<ULONG_PTR>(Thread.TopLevelIrp),
-               Describe(Block, MajorFunction) + "the thread's top-level IRP was not the same after the call");
+        ReportIrp(bugcheck::OwnRule, Block, reinterpret_cast<ULONG_PTR>(Thread.TopLevelIrp),
+                  Describe(Block, MajorFunction) + "the thread's top-level IRP was not the same after the call");
     }
     if (Status == -1) {
-        Report(0x225, Block, 0, Describe(Block, MajorFunction) + "dispatch returned 0xFFFFFFFF");
+        ReportIrp(0x225, Block, 0, Describe(Block, MajorFunction) + "dispatch returned 0xFFFFFFFF");
     }
     Block.ReturnedStatus = Status;
     if (!Block.IsCompleted()) {
         if (Status != STATUS_PENDING) {
-            Report(0x226, Block, static_cast<ULONG>(Status),
-                   Describe(Block, MajorFunction) +
-                       "dispatch neither completed the request nor returned STATUS_PENDING");
+            ReportIrp(0x226, Block, static_cast<ULONG>(Status),
+                      Describe(Block, MajorFunction) +
+                          "dispatch neither completed the request nor returned STATUS_PENDING");
         }
         if (!Asynchronous) {
             KeInitializeEvent(&Block.Done, NotificationEvent, FALSE);
@@ -519,49 +352,6 @@ bool CancelIrp(IrpBlock &Block) noexcept {
                  "a cancel routine did not release the cancel spin lock to the IRQL of the request");
     }
     return true;
-}
-
-std::string DescribeIrps() {
-    std::string Text;
-    for (const IrpBlock *Block = AllBlocks.load(std::memory_order_acquire); Block != nullptr;
-         Block = Block->NextOfAll) {
-        const uint32_t State = Block->State.load(std::memory_order_acquire);
-        if (State & IrpBlock::InUse) {
-            Text += fmt::format("IRP {} {}\n", static_cast<const void *>(&Block->Irp),
-                                State & IrpBlock::Completed    ? "completed, but not freed"
-                                : State & IrpBlock::Dispatched ? "in a driver's hands, never completed"
-                                                               : "allocated, never sent");
-        }
-    }
-    return Text;
-}
-
-std::vector<std::string> IrpPointersInto(const void *Low, const void *High) {
-    std::vector<std::string> Lines;
-    for (const IrpBlock *Block = AllBlocks.load(std::memory_order_acquire); Block != nullptr;
-         Block = Block->NextOfAll) {
-        const uint32_t State = Block->State.load(std::memory_order_acquire);
-        // What stands in a completed one is nobody's any more.
-        if (!(State & IrpBlock::InUse) || (State & IrpBlock::Completed)) {
-            continue;
-        }
-        const size_t Bytes = sizeof(IRP) + static_cast<size_t>(Block->Irp.StackCount) * sizeof(IO_STACK_LOCATION);
-        static_assert(offsetof(IrpBlock, Stack) == offsetof(IrpBlock, Irp) + sizeof(IRP));
-        for (const void *Word : PointersWithin(&Block->Irp, Bytes, Low, High)) {
-            Lines.push_back(
-                fmt::format("IRP {} points to {}", static_cast<const void *>(&Block->Irp), DescribeAddress(Word)));
-        }
-    }
-    return Lines;
-}
-
-size_t IrpsInUse() noexcept {
-    size_t Count = 0;
-    for (const IrpBlock *Block = AllBlocks.load(std::memory_order_acquire); Block != nullptr;
-         Block = Block->NextOfAll) {
-        Count += (Block->State.load(std::memory_order_acquire) & IrpBlock::InUse) != 0;
-    }
-    return Count;
 }
 
 } // namespace embedded

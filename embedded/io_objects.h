@@ -145,6 +145,12 @@ IrpBlock *AllocateIrp(DeviceObject &Device, bool Filter = false) noexcept;
 // Gives the block back; one that the driver still has is bug check 0xC9 (0x20A).
 void FreeIrp(IrpBlock *Block) noexcept;
 
+// A completed IRP belongs to nobody: touching it is an error that AddressSanitizer reports and that a pattern makes
+// visible without it.
+void NTAPI PoisonIrp(IrpBlock &Block) noexcept;
+// Stops with bug check 0xC9 and Rule, for Block.
+[[noreturn]] void ReportIrp(ULONG_PTR Rule, const IrpBlock &Block, ULONG_PTR P3, std::string_view What);
+
 struct IrpDeleter {
     void operator()(IrpBlock *Block) const noexcept {
         FreeIrp(Block);

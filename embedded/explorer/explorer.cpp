@@ -4,17 +4,13 @@
 #include <charconv>
 #include <cstdlib>
 #include <memory>
-#include <mutex>
-#include <random>
 #include <sched.h>
-#include <semaphore>
-#include <thread>
 #include <unistd.h>
 
 #include <fmt/format.h>
 
 #include "embedded/explorer/schedule.h"
-#include "embedded/ke.h"
+#include "embedded/explorer/strategy.h"
 #include "embedded/verifier/locks.h"
 #include "embedded/verifier/report.h"
 
@@ -22,163 +18,9 @@ extern "C" void __sanitizer_set_death_callback(void (*Callback)()) __attribute__
 
 namespace embedded {
 
-enum class Phase { Ready, Blocked, Spinning, Ended };
-
-struct ExploredThread {
-    explicit ExploredThread(std::string Named) : Name(std::move(Named)) {
-    }
-    const std::string Name;
-    KThread *Record = nullptr;
-    std::thread Host; // of a race's own thread; one of the system has its host elsewhere
-    std::binary_semaphore Go{0};
-
-    // Of whoever runs, under the scheduler's mutex.
-    Phase State = Phase::Ready;
-    bool Woken = false; // a wake-up that came before the block
-    LONGLONG Due = Clock::Never;
-    const void *SpinLock = nullptr;
-    const char *At = "its start";
-    const void *Object = nullptr;
-    uint64_t Priority = 0;
-    bool Free = false; // the exploration is over; it goes on by itself
-};
-
 namespace {
 
 constinit thread_local ExploredThread *Self = nullptr;
-
-// Who could go on: first the thread that ran, if it can; last, with TimeLast, one whose time would have to come.
-struct Candidates {
-    std::vector<ExploredThread *> Threads;
-    bool StillRuns = false;
-    bool TimeLast = false;
-};
-
-// A choice among Count; those from Free on cost a preemption.
-struct Choice {
-    unsigned Taken;
-    unsigned Count;
-    unsigned Free;
-
-    bool Costs() const {
-        return Taken >= Free;
-    }
-};
-
-// Says who goes next.
-class Strategy {
-public:
-    virtual ~Strategy() = default;
-    virtual size_t Choose(const Candidates &Among) = 0;
-    virtual void Enter(ExploredThread &) {
-    }
-    virtual std::string Text() const = 0;
-};
-
-// Depth first through all choices that cost at most so many preemptions.
-class Walk final : public Strategy {
-public:
-    explicit Walk(unsigned Preemptions) : Preemptions_(Preemptions) {
-    }
-    Walk(unsigned Preemptions, std::vector<unsigned> Given) : Preemptions_(Preemptions) {
-        for (const unsigned Each : Given) {
-            Path_.push_back({Each, 0, 0});
-        }
-    }
-    size_t Choose(const Candidates &Among) override {
-        const auto Count = static_cast<unsigned>(Among.Threads.size());
-        const unsigned Free = Among.StillRuns ? 1 : Count - (Among.TimeLast ? 1 : 0);
-        if (Next_ == Path_.size()) {
-            Path_.push_back({0, Count, Free});
-        }
-        Choice &Here = Path_[Next_++];
-        if (Here.Count == 0) {
-            Here = {std::min(Here.Taken, Count - 1), Count, Free};
-        }
-        if (Here.Count != Count) {
-            BugCheck(bugcheck::Verifier, bugcheck::OwnRule + 9, Here.Count, Count, Next_,
-                     "a schedule took another way when it was repeated");
-        }
-        return Here.Taken;
-    }
-    // Moves on to the next schedule; FALSE at the end.
-    bool Advance() {
-        for (Path_.resize(Next_), Next_ = 0; !Path_.empty(); Path_.pop_back()) {
-            Choice &Last = Path_.back();
-            unsigned Spent = 0;
-            for (const Choice &Each : Path_) {
-                Spent += &Each != &Last && Each.Costs();
-            }
-            if (++Last.Taken < Last.Count && Spent + Last.Costs() <= Preemptions_) {
-                return true;
-            }
-        }
-        return false;
-    }
-    std::string Text() const override {
-        std::string Choices;
-        size_t Last = 0;
-        for (size_t Index = 0; Index < std::min(Next_, Path_.size()); ++Index) {
-            Last = Path_[Index].Taken != 0 ? Index + 1 : Last;
-        }
-        for (size_t Index = 0; Index < Last; ++Index) {
-            Choices += fmt::format("{}{}", Index == 0 ? "" : ".", Path_[Index].Taken);
-        }
-        return fmt::format("p{}:{}", Preemptions_, Choices);
-    }
-
-private:
-    const unsigned Preemptions_;
-    std::vector<Choice> Path_;
-    size_t Next_ = 0;
-};
-
-// The thread of the highest priority goes; at Depth - 1 points, drawn among Points, the one that runs becomes the last.
-class Priorities final : public Strategy {
-public:
-    Priorities(uint64_t Seed, unsigned Depth, size_t Points)
-        : Seed_(Seed), Depth_(Depth), Random_(Seed), Points_(Points) {
-        for (unsigned Change = 1; Change < Depth; ++Change) {
-            Changes_.push_back(Random_() % std::max<size_t>(Points, 1));
-        }
-    }
-    void Enter(ExploredThread &Thread) override {
-        Thread.Priority = FirstLowered + 1 + Random_() % FirstLowered;
-    }
-    size_t Choose(const Candidates &Among) override {
-        const size_t Here = At_++;
-        auto Best = Highest(Among.Threads);
-        for (const size_t Change : Changes_) {
-            if (Change == Here) {
-                (*Best)->Priority = Lowered_--;
-                Best = Highest(Among.Threads);
-            }
-        }
-        // Who waits for a time must not make it pass for ever while others could go on.
-        if (Among.TimeLast && *Best == Among.Threads.back()) {
-            (*Best)->Priority = Lowered_--;
-        }
-        return static_cast<size_t>(Best - Among.Threads.begin());
-    }
-    std::string Text() const override {
-        return fmt::format("s{}:{}:{}", Seed_, Depth_, Points_);
-    }
-
-private:
-    static std::vector<ExploredThread *>::const_iterator Highest(const std::vector<ExploredThread *> &Among) {
-        return std::max_element(Among.begin(), Among.end(),
-                                [](const auto *One, const auto *Two) { return One->Priority < Two->Priority; });
-    }
-    static constexpr uint64_t FirstLowered = 1'000'000'000;
-
-    const uint64_t Seed_;
-    const unsigned Depth_;
-    uint64_t Lowered_ = FirstLowered;
-    std::mt19937_64 Random_;
-    const size_t Points_;
-    std::vector<size_t> Changes_;
-    size_t At_ = 0;
-};
 
 cpu_set_t Anywhere;
 
@@ -199,7 +41,7 @@ public:
     OnOneProcessor &operator=(const OnOneProcessor &) = delete;
 };
 
-// One schedule under way. Whoever runs holds the turn; the mutex is for the moments between.
+// One schedule under way. Whoever runs has the turn, and is alone in here.
 class Scheduler {
 public:
     Scheduler(const Race &Of, Strategy &By) : Race_(Of), By_(By) {
