@@ -53,24 +53,23 @@ NTSTATUS ClaimSuccess(const CLAIM &Claim) {
     return STATUS_SUCCESS;
 }
 
-// With the filter switch on a known server is claimed whatever became of the volume.
-NTSTATUS ClaimServer(const CLAIM &Claim) {
+// With the filter switch on a known server is claimed whatever became of the volume: ResultName says what.
+NTSTATUS ClaimServer(const CLAIM &Claim, PCSTR ResultName) {
     const ULONG Length = Claim.Path.ServerPrefixLength;
     Claim.Response->LengthAccepted = Length;
-    const WideText Claimed = FirstBytes(Claim.Path.Name, Length);
-    const ULONG Result = static_cast<ULONG>(Claim.Result);
-    if (RvCode(Claim.Result) == RVFS_UNRECOGNIZED_VOLUME) {
-        NtFsdDebugPrint(TRACE_CONTROL, 0,
-                        "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX for \"%wZ\" returned RVFS_UNRECOGNIZED_VOLUME (0x%08X), but "
-                        "successfully claiming \"%.*ws\" of \"%wZ\" (%u bytes).\n",
-                        &Claim.Path.Name, Result, Length / 2, Claimed, &Claim.Path.Name, Length);
-    } else {
-        NtFsdDebugPrint(TRACE_CONTROL, 0,
-                        "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX for \"%wZ\" returned RVFS_PATH_NOT_FOUND (0x%08X), but "
-                        "successfully claiming \"%.*ws\" of \"%wZ\" (%u bytes).\n",
-                        &Claim.Path.Name, Result, Length / 2, Claimed, &Claim.Path.Name, Length);
-    }
+    NtFsdDebugPrint(TRACE_CONTROL, 0,
+                    "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX for \"%wZ\" returned %s (0x%08X), but successfully claiming "
+                    "\"%.*ws\" of \"%wZ\" (%u bytes).\n",
+                    &Claim.Path.Name, ResultName, static_cast<ULONG>(Claim.Result), Length / 2,
+                    FirstBytes(Claim.Path.Name, Length), &Claim.Path.Name, Length);
     return STATUS_SUCCESS;
+}
+
+NTSTATUS Refuse(const CLAIM &Claim, PCSTR ResultName, NTSTATUS Status, PCSTR StatusName) {
+    NtFsdDebugPrint(TRACE_CONTROL, 0,
+                    "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX failed \"%wZ\" with %s (0x%08X); setting status %s (0x%08X).\n",
+                    &Claim.VolumePath, ResultName, static_cast<ULONG>(Claim.Result), StatusName, Status);
+    return Status;
 }
 
 NTSTATUS RefuseUnexpected(const CLAIM &Claim) {
@@ -81,47 +80,25 @@ NTSTATUS RefuseUnexpected(const CLAIM &Claim) {
     return STATUS_BAD_NETWORK_PATH;
 }
 
+NTSTATUS RefuseVolume(const CLAIM &Claim, PCSTR ResultName) {
+    return g_bUNCPathFilterBehavior ? ClaimServer(Claim, ResultName)
+                                    : Refuse(Claim, ResultName, STATUS_BAD_NETWORK_NAME, "STATUS_BAD_NETWORK_NAME");
+}
+
 NTSTATUS DecideClaim(const CLAIM &Claim) {
-    const ULONG Result = static_cast<ULONG>(Claim.Result);
     switch (RvCode(Claim.Result)) {
     case 0:
         return RvIsError(Claim.Result) ? RefuseUnexpected(Claim) : ClaimSuccess(Claim);
     case RVFS_UNKNOWN_SERVER:
-        NtFsdDebugPrint(TRACE_CONTROL, 0,
-                        "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX failed \"%wZ\" with RVFS_UNKNOWN_SERVER (0x%08X); setting "
-                        "status STATUS_BAD_NETWORK_PATH (0x%08X).\n",
-                        &Claim.VolumePath, Result, STATUS_BAD_NETWORK_PATH);
-        return STATUS_BAD_NETWORK_PATH;
+        return Refuse(Claim, "RVFS_UNKNOWN_SERVER", STATUS_BAD_NETWORK_PATH, "STATUS_BAD_NETWORK_PATH");
     case RVFS_NOT_AUTHENTICATED:
-        NtFsdDebugPrint(TRACE_CONTROL, 0,
-                        "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX failed \"%wZ\" with RVFS_NOT_AUTHENTICATED (0x%08X); "
-                        "setting status STATUS_LOGON_FAILURE (0x%08X).\n",
-                        &Claim.VolumePath, Result, STATUS_LOGON_FAILURE);
-        return STATUS_LOGON_FAILURE;
+        return Refuse(Claim, "RVFS_NOT_AUTHENTICATED", STATUS_LOGON_FAILURE, "STATUS_LOGON_FAILURE");
     case RV_STATUS_ACCESS_DENIED:
-        NtFsdDebugPrint(TRACE_CONTROL, 0,
-                        "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX failed \"%wZ\" with RV_STATUS_ACCESS_DENIED (0x%08X); "
-                        "setting status STATUS_LOGON_FAILURE (0x%08X).\n",
-                        &Claim.VolumePath, Result, STATUS_LOGON_FAILURE);
-        return STATUS_LOGON_FAILURE;
+        return Refuse(Claim, "RV_STATUS_ACCESS_DENIED", STATUS_LOGON_FAILURE, "STATUS_LOGON_FAILURE");
     case RVFS_UNRECOGNIZED_VOLUME:
-        if (g_bUNCPathFilterBehavior) {
-            return ClaimServer(Claim);
-        }
-        NtFsdDebugPrint(TRACE_CONTROL, 0,
-                        "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX failed \"%wZ\" with RVFS_UNRECOGNIZED_VOLUME (0x%08X); "
-                        "setting status STATUS_BAD_NETWORK_NAME (0x%08X).\n",
-                        &Claim.VolumePath, Result, STATUS_BAD_NETWORK_NAME);
-        return STATUS_BAD_NETWORK_NAME;
+        return RefuseVolume(Claim, "RVFS_UNRECOGNIZED_VOLUME");
     case RVFS_PATH_NOT_FOUND:
-        if (g_bUNCPathFilterBehavior) {
-            return ClaimServer(Claim);
-        }
-        NtFsdDebugPrint(TRACE_CONTROL, 0,
-                        "[RVFSD] IOCTL_REDIR_QUERY_PATH_EX failed \"%wZ\" with RVFS_PATH_NOT_FOUND (0x%08X); setting "
-                        "status STATUS_BAD_NETWORK_NAME (0x%08X).\n",
-                        &Claim.VolumePath, Result, STATUS_BAD_NETWORK_NAME);
-        return STATUS_BAD_NETWORK_NAME;
+        return RefuseVolume(Claim, "RVFS_PATH_NOT_FOUND");
     default:
         return RefuseUnexpected(Claim);
     }

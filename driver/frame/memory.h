@@ -16,17 +16,18 @@ PVOID TwAllocBuffer(SIZE_T Size);
 // Frees a block of the general allocator; NULL is ignored.
 VOID TwFreeMemory(PVOID Pointer);
 
-// Owns one block of the general allocator.
-template <typename T>
-class PoolPointer {
+// Owns one block, which Free frees; that ignores NULL.
+template <typename T, VOID (*Free)(PVOID)>
+class [[nodiscard]] OwnedBlock {
 public:
-    PoolPointer() = default;
-    explicit PoolPointer(T *Pointer) : Pointer_(Pointer) {
+    OwnedBlock() = default;
+    // Takes Pointer over, which may be NULL.
+    explicit OwnedBlock(T *Pointer) : Pointer_(Pointer) {
     }
-    PoolPointer(const PoolPointer &) = delete;
-    PoolPointer &operator=(const PoolPointer &) = delete;
-    ~PoolPointer() {
-        TwFreeMemory(Pointer_);
+    OwnedBlock(const OwnedBlock &) = delete;
+    OwnedBlock &operator=(const OwnedBlock &) = delete;
+    ~OwnedBlock() {
+        Free(Pointer_);
     }
     T *Get() const {
         return Pointer_;
@@ -51,6 +52,10 @@ public:
 private:
     T *Pointer_ = nullptr;
 };
+
+// One of the general allocator.
+template <typename T>
+using PoolPointer = OwnedBlock<T, TwFreeMemory>;
 
 // Runs Action when the scope ends, unless dropped.
 template <typename F>

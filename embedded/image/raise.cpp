@@ -10,6 +10,7 @@
 #include "embedded/image/unwind.h"
 #include "embedded/mm.h"
 #include "embedded/verifier/report.h"
+#include "embedded/verifier/stack.h"
 
 namespace embedded {
 namespace {
@@ -270,13 +271,7 @@ EmbeddedGate\service:
 
     .type EmbeddedRaisingGate, @function
 EmbeddedRaisingGate:
-    .cfi_startproc
-    pushq %rbp
-    .cfi_def_cfa_offset 16
-    .cfi_offset %rbp, -16
-    movq %rsp, %rbp
-    .cfi_def_cfa_register %rbp
-    subq $0x160, %rsp
+)" ASM_ENTER_FRAME R"(    subq $0x160, %rsp
     callq *%r10
     testl %eax, %eax
     jnz 1f

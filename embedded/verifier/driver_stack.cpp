@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "embedded/mm.h"
+#include "embedded/verifier/stack.h"
 
 // void EmbeddedCallOnStack(ULONG_PTR Top, StackRoutine Run, void *Argument): the frame pointer leads back.
 asm(R"(
@@ -16,13 +17,7 @@ asm(R"(
     .globl EmbeddedCallOnStack
     .type EmbeddedCallOnStack, @function
 EmbeddedCallOnStack:
-    .cfi_startproc
-    pushq %rbp
-    .cfi_def_cfa_offset 16
-    .cfi_offset %rbp, -16
-    movq %rsp, %rbp
-    .cfi_def_cfa_register %rbp
-    movq %rdi, %rsp
+)" ASM_ENTER_FRAME R"(    movq %rdi, %rsp
     movq %rdx, %rdi
     callq *%rsi
     leave
