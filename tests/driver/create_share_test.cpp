@@ -35,11 +35,11 @@ protected:
 
 // ---- Share access against a model of its own
 
-// Bit 0: reading, 1: writing, 2: deleting; for accesses and for share modes.
+// Bit 0: reading, 1: writing, 2: deleting; for accesses and for share modes. Executing is reading, appending writing.
 constexpr ULONG Kinds = 8;
 
-ACCESS_MASK AccessOf(ULONG Kind) {
-    return FILE_READ_ATTRIBUTES | SYNCHRONIZE | (Kind & 1 ? FILE_READ_DATA : 0) | (Kind & 2 ? FILE_WRITE_DATA : 0) |
+ACCESS_MASK AccessOf(ULONG Kind, ULONG Read, ULONG Write) {
+    return FILE_READ_ATTRIBUTES | SYNCHRONIZE | (Kind & 1 ? Read : 0) | (Kind & 2 ? Write : 0) |
            (Kind & 4 ? DELETE : 0);
 }
 
@@ -51,11 +51,14 @@ bool Compatible(ULONG Access1, ULONG Share1, ULONG Access2, ULONG Share2) {
 TEST_F(SharedOpens, GetAlongExactlyWhenTheirAccessAndSharingDo) {
     Provider.SetRecording(false);
     for (ULONG First = 0; First < Kinds * Kinds; First++) {
-        const HANDLE Held = MustOpen(u"\\srv\\vol\\a.txt", {.Access = AccessOf(First % Kinds), .Share = First / Kinds});
+        const HANDLE Held =
+            MustOpen(u"\\srv\\vol\\a.txt",
+                     {.Access = AccessOf(First % Kinds, FILE_READ_DATA, FILE_WRITE_DATA), .Share = First / Kinds});
         const SHARE_ACCESS Before = Fcb(Held)->ShareAccess;
         for (ULONG Second = 0; Second < Kinds * Kinds; Second++) {
             const embedded::CreateResult Result =
-                Create(u"\\srv\\vol\\a.txt", {.Access = AccessOf(Second % Kinds), .Share = Second / Kinds});
+                Create(u"\\srv\\vol\\a.txt",
+                       {.Access = AccessOf(Second % Kinds, FILE_EXECUTE, FILE_APPEND_DATA), .Share = Second / Kinds});
             const bool Fits = Compatible(First % Kinds, First / Kinds, Second % Kinds, Second / Kinds);
             ASSERT_EQ(Result.Status, Fits ? STATUS_SUCCESS : STATUS_SHARING_VIOLATION) << First << " " << Second;
             if (Fits) {
