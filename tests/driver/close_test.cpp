@@ -25,24 +25,9 @@ protected:
         EXPECT_EQ(Close(Handle), STATUS_SUCCESS);
         return Kept;
     }
-    static PFCB FcbOf(PFILE_OBJECT File) {
-        return static_cast<PFCB>(File->FsContext);
-    }
 };
 
-TEST_F(Cleanup, OfTheOnlyOpenLeavesItsShareClaim) {
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
-    Provider.ClearCalls();
-    const PFILE_OBJECT File = CleanUp(Handle);
-    EXPECT_EQ(FcbOf(File)->UncleanCount, 0u);
-    EXPECT_EQ(FcbOf(File)->OpenCount, 1u);
-    EXPECT_EQ(FcbOf(File)->ShareAccess.OpenCount, 1u);
-    EXPECT_TRUE(File->Flags & FO_CLEANUP_COMPLETE);
-    EXPECT_EQ(CallNames(), Calls{});
-    embedded::DereferenceFileObject(File);
-}
-
-TEST_F(Cleanup, OfOneOfTwoOpensGivesItsShareClaimBackOnce) {
+TEST_F(Cleanup, OfOneOfTwoOpensGivesItsShareClaimBackOnceAndThatOfTheLastLeavesIt) {
     const HANDLE Stays = MustOpen(u"\\srv\\vol\\a.txt");
     const PFILE_OBJECT Goes = CleanUp(MustOpen(u"\\srv\\vol\\a.txt", Writer));
     EXPECT_EQ(Fcb(Stays)->UncleanCount, 1u);
@@ -50,32 +35,33 @@ TEST_F(Cleanup, OfOneOfTwoOpensGivesItsShareClaimBackOnce) {
     EXPECT_EQ(Fcb(Stays)->ShareAccess.Writers, 0u);
     embedded::DereferenceFileObject(Goes);
     EXPECT_EQ(Fcb(Stays)->ShareAccess.OpenCount, 1u);
+    Provider.ClearCalls();
+    const PFILE_OBJECT Last = CleanUp(Stays);
+    const FCB &File = *static_cast<PFCB>(Last->FsContext);
+    EXPECT_EQ(File.UncleanCount, 0u);
+    EXPECT_EQ(File.OpenCount, 1u);
+    EXPECT_EQ(File.ShareAccess.OpenCount, 1u);
+    EXPECT_TRUE(Last->Flags & FO_CLEANUP_COMPLETE);
+    EXPECT_EQ(CallNames(), Calls{});
+    embedded::DereferenceFileObject(Last);
 }
 
-TEST_F(Cleanup, ReleasesEveryLockOfTheHandleAndNoOther) {
+TEST_F(Cleanup, ReleasesEveryLockOfTheHandleWhoeverTookItAndNoOther) {
     const HANDLE Stays = MustOpen(u"\\srv\\vol\\a.txt", Writer);
     const HANDLE Goes = MustOpen(u"\\srv\\vol\\a.txt", Writer);
     EXPECT_EQ(Lock(Stays, 0, 1), STATUS_SUCCESS);
     EXPECT_EQ(Lock(Goes, 10, 1, 3), STATUS_SUCCESS);
     EXPECT_EQ(Lock(Goes, 20, 1, 4), STATUS_SUCCESS);
-    EXPECT_EQ(Lock(Goes, 30, 1, 4), STATUS_SUCCESS);
+    const PEPROCESS Other = embedded::CreateProcess("other");
+    {
+        const embedded::AttachProcess Attached(Other);
+        EXPECT_EQ(Lock(Goes, 30, 1, 4), STATUS_SUCCESS);
+    }
     Provider.ClearCalls();
-    const PFILE_OBJECT File = CleanUp(Goes);
+    Close(Goes);
     EXPECT_EQ(ServerLocks(), (Calls{"unlock 10+1", "unlock 20+1", "unlock 30+1"}));
     ASSERT_EQ(LocalLocks(Stays).size(), 1u);
     EXPECT_EQ(LocalLocks(Stays)[0].FileObject, FileObject(Stays));
-    embedded::DereferenceFileObject(File);
-}
-
-TEST_F(Cleanup, ReleasesALockThatAnotherProcessTookThroughTheHandle) {
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Writer);
-    PEPROCESS Other = embedded::CreateProcess("other");
-    {
-        const embedded::AttachProcess Attached(Other);
-        EXPECT_EQ(Lock(Handle, 10, 1), STATUS_SUCCESS);
-    }
-    Close(Handle);
-    EXPECT_EQ(ServerLocks(), (Calls{"lock 10+1", "unlock 10+1"}));
     embedded::DeleteProcess(Other);
 }
 
@@ -95,6 +81,7 @@ TEST_F(Cleanup, AnswersTheRawStatusOfTheLastUnlock) {
         const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Writer);
         EXPECT_EQ(Lock(Handle, 10, 1), STATUS_SUCCESS);
         EXPECT_EQ(Lock(Handle, 20, 1), STATUS_SUCCESS);
+        Fcb(Handle)->OpenFlags |= Each.Raw == 0 ? FCB_STATE_DELETED : 0u; // which changes nothing
         Provider.OnCall(Slot::UnlockFile).Nth(Each.Nth).ReturnAfter(static_cast<RVSTATUS>(Each.Raw));
         Provider.ClearCalls();
         const test::RequestLog Log;
@@ -172,24 +159,10 @@ TEST_F(Cleanup, WithoutMemoryReleasesEveryLockAllTheSame) {
     EXPECT_EQ(Provider.CountCalls(Slot::UnlockFile), 100u);
 }
 
-TEST_F(Cleanup, OfADeletedFileIsAFullCleanup) {
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Writer);
-    EXPECT_EQ(Lock(Handle, 10, 1), STATUS_SUCCESS);
-    Fcb(Handle)->OpenFlags |= FCB_STATE_DELETED;
-    const test::RequestLog Log;
-    Close(Handle);
-    EXPECT_EQ(ServerLocks(), (Calls{"lock 10+1", "unlock 10+1"}));
-    EXPECT_EQ(Log.Of(IRP_MJ_CLEANUP), std::vector<NTSTATUS>{STATUS_SUCCESS});
-}
-
 // ---- Close
 
 class CloseOfAnOpen : public test::LockFixture {
 protected:
-    // As the disposition request marks it.
-    void MarkForDeletion(HANDLE Handle) {
-        Fcb(Handle)->OpenFlags |= FCB_STATE_DELETE_DISPOSITION;
-    }
     // Closes and returns what the close request was completed with.
     NTSTATUS CloseStatus(HANDLE Handle) {
         const test::RequestLog Log;
@@ -197,54 +170,35 @@ protected:
         const std::vector<NTSTATUS> Statuses = Log.Of(IRP_MJ_CLOSE);
         return Statuses.size() == 1 ? Statuses[0] : STATUS_INTERNAL_ERROR;
     }
-    std::u16string DeletedPath(Slot Operation) {
-        for (const providers::Call &Each : Provider.CallRecords()) {
-            if (Each.Operation == Operation) {
-                return Each.String("path");
-            }
-        }
-        return u"(none)";
-    }
 };
 
-TEST_F(CloseOfAnOpen, ClosesFileAndVolumeInThisOrder) {
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
-    Provider.ClearCalls();
-    EXPECT_EQ(CloseStatus(Handle), STATUS_SUCCESS);
-    EXPECT_EQ(CallNames(), (Calls{"RVFsdCloseFile", "RVFsdCloseVolume"}));
-}
-
-TEST_F(CloseOfAnOpen, AReadOnlyFileLosesTheAttributeBeforeItIsClosedAndDeleted) {
+TEST_F(CloseOfAnOpen, AsksTheProviderInThisOrder) {
     Provider.AddFile(u"\\srv\\vol\\r.txt", "x", RV_ATTR_READONLY | RV_ATTR_ARCHIVE);
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\r.txt", Deleting);
-    MarkForDeletion(Handle);
-    Provider.ClearCalls();
-    EXPECT_EQ(CloseStatus(Handle), STATUS_SUCCESS);
-    EXPECT_EQ(CallNames(), (Calls{"RVFsdGetFileInformation", "RVFsdSetFileInformation", "RVFsdCloseFile",
-                                  "RVFsdDeleteFile", "RVFsdCloseVolume"}));
-    EXPECT_EQ(DeletedPath(Slot::DeleteFile), u"r.txt");
-    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\r.txt"));
-}
-
-TEST_F(CloseOfAnOpen, AFailedAttributeQueryWritesNothingAndDeletesAllTheSame) {
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Deleting);
-    MarkForDeletion(Handle);
-    Provider.OnCall(Slot::GetFileInformation).Return(ProviderError(0x0102));
-    EXPECT_EQ(CloseStatus(Handle), STATUS_SUCCESS);
-    EXPECT_EQ(Provider.CountCalls(Slot::SetFileInformation), 0u);
-    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\a.txt"));
-}
-
-TEST_F(CloseOfAnOpen, OnlyTheLastOpenDeletes) {
-    const HANDLE First = MustOpen(u"\\srv\\vol\\a.txt", Deleting);
-    const HANDLE Second = MustOpen(u"\\srv\\vol\\a.txt", Deleting);
-    MarkForDeletion(First);
-    EXPECT_EQ(CloseStatus(First), STATUS_SUCCESS);
-    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\a.txt"));
-    EXPECT_EQ(Fcb(Second)->OpenCount, 1u);
-    EXPECT_TRUE(Fcb(Second)->OpenFlags & FCB_STATE_DELETE_DISPOSITION);
-    EXPECT_EQ(CloseStatus(Second), STATUS_SUCCESS);
-    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\a.txt"));
+    struct {
+        std::u16string_view Path;
+        Open Request;
+        bool Deletes;
+        Calls Asked;
+    } const Cases[] = {
+        {u"\\srv\\vol\\a.txt", {}, false, {"CloseFile", "CloseVolume"}},
+        {u"\\srv\\vol\\r.txt",
+         Deleting,
+         true,
+         {"GetFileInformation", "SetFileInformation", "CloseFile", "DeleteFile", "CloseVolume"}},
+        {u"\\srv\\vol\\docs",
+         Directory,
+         true,
+         {"GetDirectoryInformation", "CloseDirectory", "DeleteDirectory", "CloseVolume"}},
+        {u"\\srv\\vol", Directory, true, {"CloseVolume"}}, // a root is never deleted
+    };
+    for (const auto &Each : Cases) {
+        const HANDLE Handle = MustOpen(Each.Path, Each.Request);
+        Fcb(Handle)->OpenFlags |= Each.Deletes ? FCB_STATE_DELETE_DISPOSITION : 0u;
+        Provider.ClearCalls();
+        EXPECT_EQ(CloseStatus(Handle), STATUS_SUCCESS);
+        EXPECT_EQ(Provider.CompareCalls(Each.Asked), "");
+        EXPECT_EQ(Provider.Exists(Each.Path), Each.Asked.size() < 3);
+    }
 }
 
 // Whoever closes last: the deletion is asked for, and prepared, by whose wish it is.
@@ -305,87 +259,38 @@ TEST_F(CloseOfAnOpen, WithoutALinkedInstanceTouchesNothing) {
     EXPECT_EQ(Fcb(Handle)->OpenCount, 1u);
 }
 
-TEST_F(CloseOfAnOpen, AnswersWhatItsDeleteMeans) {
+TEST_F(CloseOfAnOpen, AnswersItsFailureUnlessADeleteFollowsAndThenWhatThatMeans) {
     struct {
-        bool IsDirectory;
+        std::u16string_view Path;
+        bool Deletes;
+        Slot Fails;
         USHORT Code;
         NTSTATUS Status;
     } constexpr Cases[] = {
-        {true, 0x0502, STATUS_SUCCESS}, // somebody else was faster
-        {false, 0x0502, STATUS_NO_SUCH_FILE},
-        {true, 0x0503, STATUS_SHARING_VIOLATION},
-        {false, 0x0503, STATUS_SHARING_VIOLATION},
-        {true, 0x0513, STATUS_DIRECTORY_NOT_EMPTY},
-        {false, 0x0000, STATUS_UNSUCCESSFUL}, // an error without a code
+        {u"\\srv\\vol\\docs", true, Slot::DeleteDirectory, 0x0502, STATUS_SUCCESS}, // somebody else was faster
+        {u"\\srv\\vol\\a.txt", true, Slot::DeleteFile, 0x0502, STATUS_NO_SUCH_FILE},
+        {u"\\srv\\vol\\docs", true, Slot::DeleteDirectory, 0x0503, STATUS_SHARING_VIOLATION},
+        {u"\\srv\\vol\\a.txt", true, Slot::DeleteFile, 0x0503, STATUS_SHARING_VIOLATION},
+        {u"\\srv\\vol\\docs", true, Slot::DeleteDirectory, 0x0513, STATUS_DIRECTORY_NOT_EMPTY},
+        {u"\\srv\\vol\\a.txt", true, Slot::DeleteFile, 0x0000, STATUS_UNSUCCESSFUL}, // an error without a code
+        {u"\\srv\\vol\\a.txt", false, Slot::CloseFile, 0x0101, STATUS_CONNECTION_DISCONNECTED},
+        {u"\\srv\\vol\\a.txt", true, Slot::CloseFile, 0x0101, STATUS_SUCCESS},
+        {u"\\srv\\vol\\a.txt", false, Slot::CloseVolume, 0x0102, STATUS_NETWORK_BUSY},
+        {u"\\srv\\vol\\a.txt", true, Slot::GetFileInformation, 0x0102, STATUS_SUCCESS},
     };
     for (const auto &Each : Cases) {
-        const HANDLE Handle =
-            Each.IsDirectory ? MustOpen(u"\\srv\\vol\\docs", Directory) : MustOpen(u"\\srv\\vol\\a.txt", Deleting);
-        MarkForDeletion(Handle);
-        Provider.OnCall(Each.IsDirectory ? Slot::DeleteDirectory : Slot::DeleteFile).Return(ProviderError(Each.Code));
+        SCOPED_TRACE(NameOf(Each.Fails));
+        Provider.AddFile(u"\\srv\\vol\\a.txt", "x");
+        const HANDLE Handle = MustOpen(Each.Path, Each.Path == u"\\srv\\vol\\docs" ? Directory : Deleting);
+        Fcb(Handle)->OpenFlags |= Each.Deletes ? FCB_STATE_DELETE_DISPOSITION : 0u;
+        Provider.OnCall(Each.Fails).Return(ProviderError(Each.Code));
         EXPECT_EQ(CloseStatus(Handle), Each.Status) << std::hex << Each.Code;
+        EXPECT_EQ(FcbPrefixCount, 0u);
+        EXPECT_EQ(Provider.CountCalls(Slot::SetFileInformation), 0u);
+        const bool Gone = Each.Deletes && (Each.Fails == Slot::CloseFile || Each.Fails == Slot::GetFileInformation);
+        EXPECT_EQ(Provider.Exists(Each.Path), !Gone);
         Provider.ClearScript();
     }
-}
-
-TEST_F(CloseOfAnOpen, ADirectoryIsClosedAndDeletedByBaseAndPath) {
-    Provider.AddDirectory(u"\\srv\\vol\\d");
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\d", Directory);
-    MarkForDeletion(Handle);
-    Provider.ClearCalls();
-    EXPECT_EQ(CloseStatus(Handle), STATUS_SUCCESS);
-    EXPECT_EQ(CallNames(), (Calls{"RVFsdGetDirectoryInformation", "RVFsdCloseDirectory", "RVFsdDeleteDirectory",
-                                  "RVFsdCloseVolume"}));
-    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\d"));
-}
-
-TEST_F(CloseOfAnOpen, ADirectoryThatWasCreatedButNotOpenedIsStillDeleted) {
-    Open Creating = Directory;
-    Creating.Disposition = FILE_CREATE;
-    Creating.Options |= FILE_DELETE_ON_CLOSE;
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\new", Creating);
-    ASSERT_TRUE(Provider.Exists(u"\\srv\\vol\\new"));
-    EXPECT_EQ(CloseStatus(Handle), STATUS_SUCCESS);
-    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\new"));
-}
-
-TEST_F(CloseOfAnOpen, AVolumeRootIsNeverDeleted) {
-    const HANDLE Handle = MustOpen(u"\\srv\\vol", Directory);
-    MarkForDeletion(Handle);
-    EXPECT_EQ(CloseStatus(Handle), STATUS_SUCCESS);
-    EXPECT_EQ(Provider.CountCalls(Slot::DeleteDirectory) + Provider.CountCalls(Slot::DeleteFile), 0u);
-}
-
-TEST_F(CloseOfAnOpen, AFailedFileCloseIsTheAnswerUnlessADeleteFollows) {
-    HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Deleting);
-    Provider.OnCall(Slot::CloseFile).Return(ProviderError(0x0101));
-    EXPECT_EQ(CloseStatus(Handle), STATUS_CONNECTION_DISCONNECTED);
-    Handle = MustOpen(u"\\srv\\vol\\a.txt", Deleting);
-    MarkForDeletion(Handle);
-    EXPECT_EQ(CloseStatus(Handle), STATUS_SUCCESS);
-}
-
-TEST_F(CloseOfAnOpen, AFailedVolumeCloseIsTheAnswerAndTheOpenEndsAllTheSame) {
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
-    Provider.OnCall(Slot::CloseVolume).Return(ProviderError(0x0102));
-    EXPECT_EQ(CloseStatus(Handle), STATUS_NETWORK_BUSY);
-    EXPECT_EQ(FcbPrefixCount, 0u);
-}
-
-// A directory's handle is what names below it are relative to; it goes with the directory's own open.
-TEST_F(CloseOfAnOpen, AFileOpenedBelowADirectoryIsDeletedByFullPathOnceTheDirectoryIsClosed) {
-    Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "x");
-    const HANDLE Parent = MustOpen(u"\\srv\\vol\\d", Directory);
-    Open Below = Deleting;
-    Below.Related = Parent;
-    const HANDLE Child = MustOpen(u"f.txt", Below);
-    EXPECT_NE(Instance(Child)->BaseHandle, 0u);
-    EXPECT_EQ(CloseStatus(Parent), STATUS_SUCCESS);
-    EXPECT_EQ(Instance(Child)->BaseHandle, 0u);
-    MarkForDeletion(Child);
-    Provider.ClearCalls();
-    EXPECT_EQ(CloseStatus(Child), STATUS_SUCCESS);
-    EXPECT_EQ(DeletedPath(Slot::DeleteFile), u"\\srv\\vol\\d\\f.txt");
 }
 
 TEST_F(CloseOfAnOpen, OfABusyFileIsPendingAndDone) {

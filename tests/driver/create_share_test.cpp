@@ -139,19 +139,6 @@ TEST_F(SharedOpens, SucceedWithoutAClaimWhenTheClaimIsRefusedAtTheEnd) {
     EXPECT_TRUE(Same(Shared->ShareAccess, Before)) << "nothing was taken that had not been added";
 }
 
-TEST_F(SharedOpens, DoNotMeetTheClaimOfAHandleThatIsGone) {
-    const HANDLE Dead = MustOpen(u"\\srv\\vol\\a.txt", {.Access = FILE_WRITE_DATA | SYNCHRONIZE, .Share = 0});
-    const PFILE_OBJECT File = embedded::FileObjectFromHandle(Dead);
-    Close(Dead);
-    const HANDLE Next = MustOpen(u"\\srv\\vol\\a.txt", {.Share = FILE_SHARE_READ});
-    EXPECT_EQ(Fcb(Next)->OpenCount, 2u);
-    EXPECT_EQ(Fcb(Next)->ShareAccess.OpenCount, 1u);
-    EXPECT_EQ(Fcb(Next)->ShareAccess.Writers, 0u);
-    embedded::DereferenceFileObject(File);
-    EXPECT_EQ(Fcb(Next)->ShareAccess.OpenCount, 1u);
-    EXPECT_EQ(Fcb(Next)->ShareAccess.Readers, 1u);
-}
-
 // ---- What a second open may do
 
 TEST_F(SharedOpens, CannotCreateWhatIsOpen) {
@@ -201,18 +188,6 @@ TEST_F(SharedOpens, OfAFileWhosePathBecameAVolumesAreRefused) {
     EXPECT_EQ(Fcb(File)->OpenType, OPEN_TYPE_FILE + 0u);
     Close(File);
     ExpectNothingOpen("the close");
-}
-
-TEST_F(SharedOpens, OfWhatIsToBeDeletedAreRefused) {
-    const HANDLE Held = MustOpen(u"\\srv\\vol\\a.txt", ForDelete);
-    Fcb(Held)->OpenFlags |= FCB_STATE_DELETE_DISPOSITION;
-    Provider.ClearCalls();
-    ExpectRefused(u"\\srv\\vol\\a.txt", {}, STATUS_DELETE_PENDING);
-    ExpectRefused(u"\\srv\\vol\\a.txt", With({}, FILE_OPEN, FILE_DELETE_ON_CLOSE), STATUS_DELETE_PENDING);
-    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\a.txt"));
-    EXPECT_TRUE(Fcb(Held)->OpenFlags & FCB_STATE_DELETE_DISPOSITION);
-    Close(Held);
-    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\a.txt"));
 }
 
 TEST_F(SharedOpens, OfARootWhoseVolumeCannotBeOpenedLeaveItARoot) {

@@ -35,14 +35,6 @@ TEST_P(CaseOnly, OfAFileMovesByTheOldNameInTheTargetDirectory) {
     EXPECT_EQ(FcbPrefixCount, 1u);
 }
 
-TEST_P(CaseOnly, OfADirectoryWorksAlike) {
-    Provider.AddFile(u"\\srv\\vol\\d\\sub\\f.txt", "x");
-    const HANDLE Handle = OpenDirectory(u"\\srv\\vol\\d\\sub");
-    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\SUB", GetParam()), STATUS_SUCCESS);
-    EXPECT_EQ(Made(), (Calls{"RVFsdMoveDirectory", "RVFsdCloseDirectory"}));
-    ExpectNamed(Handle, u"\\srv\\vol\\d\\SUB");
-}
-
 // The FCB has the spelling of its first opener, the server perhaps another.
 TEST_P(CaseOnly, ToTheNameThatItHasIsCarriedToTheServer) {
     Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "kept");
@@ -55,21 +47,18 @@ TEST_P(CaseOnly, ToTheNameThatItHasIsCarriedToTheServer) {
     Provider.OnCall(providers::Slot::MoveFile).Return(test::RvError(0x0510));
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\f.txt", GetParam()), STATUS_SUCCESS) << "it collides with itself";
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\f.txt"), "kept");
+    // Directories alike.
+    Provider.AddFile(u"\\srv\\vol\\e\\sub\\f.txt", "x");
+    const HANDLE Directory = OpenDirectory(u"\\srv\\vol\\e\\sub");
+    EXPECT_EQ(RenameTo(Directory, u"\\srv\\vol\\e\\SUB", GetParam()), STATUS_SUCCESS);
+    EXPECT_EQ(Made(), (Calls{"RVFsdMoveDirectory", "RVFsdCloseDirectory"}));
+    ExpectNamed(Directory, u"\\srv\\vol\\e\\SUB");
 }
 
-class IntoItself : public test::RenameFixture {};
+using NotCaseOnly = test::RenameFixture;
 
-TEST_F(IntoItself, ADirectoryIsRefusedByTheServerAndIsNoCaseOnlyRename) {
-    StartPrinting();
-    Provider.AddDirectory(u"\\srv\\vol\\d");
-    const HANDLE Handle = OpenDirectory(u"\\srv\\vol\\d");
-    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\D\\d"), STATUS_OBJECT_PATH_INVALID);
-    EXPECT_TRUE(HasPrinted("NtFsdFileSetRenameInfo determined \"d\" and \"d\" are not a case-only rename.\n"))
-        << Printed;
-}
-
-// The target exists and is another file: it stays, or is deleted where that was asked for.
-TEST_F(IntoItself, OrAnotherNameThatLooksAlikeIsARenameLikeAnyOther) {
+// Into itself, or where the target exists and is another file: it stays, or is deleted where that was asked for.
+TEST_F(NotCaseOnly, IsWhatOnlyLooksAlike) {
     const std::string Cannot = "NtFsdFileSetRenameInfo determined cannot be case-only rename based on ";
     struct {
         std::u16string_view Source, Target;
@@ -99,6 +88,9 @@ TEST_F(IntoItself, OrAnotherNameThatLooksAlikeIsARenameLikeAnyOther) {
         {u"\\srv\\vol\\f.txt", u"\\srv\\vol\\F.TXT2", "\"f.txt\" and \"F.TXT2\" are not a case-only rename.\n"},
     };
     StartPrinting();
+    Provider.AddDirectory(u"\\srv\\vol\\d");
+    EXPECT_EQ(RenameTo(OpenDirectory(u"\\srv\\vol\\d"), u"\\srv\\vol\\D\\d"), STATUS_OBJECT_PATH_INVALID);
+    EXPECT_TRUE(HasPrinted("determined \"d\" and \"d\" are not a case-only rename.\n")) << Printed;
     for (const auto &Each : Cases) {
         Printed.clear();
         Provider.AddFile(Each.Source, "mine");

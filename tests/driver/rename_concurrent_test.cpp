@@ -90,33 +90,6 @@ TEST_F(RenamesConcurrent, ThroughSeveralHandlesOfOneFile) {
     EXPECT_FALSE(Provider.Exists(Path));
 }
 
-// A file goes into a directory and out again while the directory changes its own name.
-TEST_F(RenamesConcurrent, OfADirectoryAndOfAFileIntoIt) {
-    const HANDLE File = OpenFile();
-    const HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
-    std::atomic<int> Arrived = 0;
-    Run([&](int Round) {
-        const NTSTATUS Status = Rename(File, Round % 2 ? u"\\srv\\vol\\d\\f.txt" : u"\\srv\\vol\\e\\f.txt");
-        Arrived += Status == STATUS_SUCCESS;
-        EXPECT_TRUE(Status == STATUS_SUCCESS || Status == STATUS_OBJECT_PATH_NOT_FOUND ||
-                    Status == STATUS_OBJECT_NAME_COLLISION || Status == STATUS_ACCESS_DENIED ||
-                    Status == STATUS_NO_SUCH_FILE)
-            << std::hex << Status;
-        ExpectRenamedOrDenied(Rename(File, u"\\srv\\vol\\a.txt", true));
-    });
-    Run([&](int Round) {
-        const NTSTATUS Status = Rename(Directory, Round % 2 ? u"\\srv\\vol\\d" : u"\\srv\\vol\\e");
-        EXPECT_TRUE(Status == STATUS_SUCCESS || Status == STATUS_ACCESS_DENIED ||
-                    Status == STATUS_OBJECT_NAME_COLLISION)
-            << std::hex << Status;
-    });
-    Run([&](int Round) { ReadIfThere(Round % 2 ? u"\\srv\\vol\\d\\f.txt" : u"\\srv\\vol\\e\\f.txt", "0123456789"); });
-    Join();
-    ExpectWhereItSays(File);
-    ExpectWhereItSays(Directory);
-    EXPECT_EQ(ReadAll(File), "0123456789");
-}
-
 // A directory is renamed while the Provider is asked about a name below it, and another takes its old name.
 class RenamesMeanwhile : public test::RenameFixture {
 protected:

@@ -96,50 +96,46 @@ TEST_F(Replacing, WithoutIdentifiersIsCarriedOut) {
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\a.txt"));
 }
 
-struct LookCase {
-    const char *Name;
-    Slot Question;
-    unsigned Nth; // 0: every one
-    RVSTATUS Answer;
-    NTSTATUS Status;
-    bool Identified = true;
-};
-
-class Looking : public Replacing, public testing::WithParamInterface<LookCase> {};
-
 // A question that is not answered might have shown the file itself, which would be deleted.
-TEST_P(Looking, DeletesNothingInDoubt) {
+TEST_F(Replacing, InDoubtDeletesNothing) {
+    struct {
+        const char *What;
+        Slot Question;
+        unsigned Nth; // 0: every one
+        RVSTATUS Answer;
+        NTSTATUS Status;
+        bool Identified = true;
+    } const Cases[] = {
+        {"its own identifier", Slot::GetFileId, 1, test::RvError(0x0102), STATUS_NETWORK_BUSY},
+        {"that of the other", Slot::GetFileId, 2, test::RvError(0x0102), STATUS_NETWORK_BUSY},
+        {"a warning", Slot::GetFileId, 2, static_cast<RVSTATUS>(0x80000008), STATUS_NO_DATA_DETECTED},
+        {"the open", Slot::CreateFile, 1, test::RvError(0x0102), STATUS_NETWORK_BUSY},
+        {"a denied open", Slot::CreateFile, 1, RVSTATUS::AccessDenied, STATUS_ACCESS_DENIED},
+        {"the volumes", Slot::GetVolumeInformation, 0, test::RvError(0x0102), STATUS_NETWORK_BUSY},
+        {"their paths", Slot::QueryPathForVolume, 2, test::RvError(0x0102), STATUS_NETWORK_BUSY, false},
+        {"nothing there, which is an answer", Slot::CreateFile, 1, test::RvError(0x0506), STATUS_SUCCESS},
+    };
     const HANDLE Handle = OpenFile();
-    const HANDLE Target = OpenTarget(u"\\srv\\vol\\b.txt");
-    if (!GetParam().Identified) {
-        Provider.Edit([](providers::Tree &Tree) { Tree.FindVolume(u"\\srv\\vol")->Flags = 0; });
-    }
-    providers::Rule &Rule = Provider.OnCall(GetParam().Question).Return(GetParam().Answer);
-    if (GetParam().Nth != 0) {
-        Rule.Nth(GetParam().Nth);
-    }
-    EXPECT_EQ(RenameThrough(Handle, Target, true), GetParam().Status);
-    if (GetParam().Status != STATUS_SUCCESS) {
-        EXPECT_EQ(Provider.CountCalls(Slot::DeleteFile) + Provider.CountCalls(Slot::MoveFile), 0u);
-        ExpectBothThere();
-        EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
+    for (const auto &Each : Cases) {
+        SCOPED_TRACE(Each.What);
+        const HANDLE Target = OpenTarget(u"\\srv\\vol\\b.txt");
+        Provider.Edit([&](providers::Tree &Tree) {
+            Tree.FindVolume(u"\\srv\\vol")->Flags = Each.Identified ? RV_VOLUME_IDENTIFIER_VALID : 0u;
+        });
+        providers::Rule &Rule = Provider.OnCall(Each.Question).Return(Each.Answer);
+        if (Each.Nth != 0) {
+            Rule.Nth(Each.Nth);
+        }
+        EXPECT_EQ(RenameThrough(Handle, Target, true), Each.Status);
+        if (Each.Status != STATUS_SUCCESS) {
+            EXPECT_EQ(Provider.CountCalls(Slot::DeleteFile) + Provider.CountCalls(Slot::MoveFile), 0u);
+            ExpectBothThere();
+            EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
+        }
+        Provider.ClearScript();
+        Close(Target);
     }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Questions, Looking,
-    testing::Values(LookCase{"OwnIdentifier", Slot::GetFileId, 1, test::RvError(0x0102), STATUS_NETWORK_BUSY},
-                    LookCase{"ItsIdentifier", Slot::GetFileId, 2, test::RvError(0x0102), STATUS_NETWORK_BUSY},
-                    LookCase{"AWarningForAnIdentifier", Slot::GetFileId, 2, static_cast<RVSTATUS>(0x80000008),
-                             STATUS_NO_DATA_DETECTED},
-                    LookCase{"ItsOpen", Slot::CreateFile, 1, test::RvError(0x0102), STATUS_NETWORK_BUSY},
-                    LookCase{"ItsDeniedOpen", Slot::CreateFile, 1, RVSTATUS::AccessDenied, STATUS_ACCESS_DENIED},
-                    LookCase{"TheVolumes", Slot::GetVolumeInformation, 0, test::RvError(0x0102), STATUS_NETWORK_BUSY},
-                    LookCase{"TheVolumesPaths", Slot::QueryPathForVolume, 2, test::RvError(0x0102), STATUS_NETWORK_BUSY,
-                             false},
-                    // Nothing there is an answer.
-                    LookCase{"ItsAbsence", Slot::CreateFile, 1, test::RvError(0x0506), STATUS_SUCCESS}),
-    [](const auto &Info) { return std::string(Info.param.Name); });
 
 // Nor is a directory the file; that it is not deleted like one is for the server to say.
 TEST_F(Replacing, ADirectoryIsNotReplacedByAFile) {

@@ -25,32 +25,22 @@ protected:
 
 // ---- The move
 
-TEST_F(Renaming, AFileTakesItsNewNameWithEverythingItHas) {
-    const HANDLE Handle = OpenFile();
-    const PFCB Before = Fcb(Handle);
-    EXPECT_EQ(Rename(Handle, u"\\srv\\vol\\b.txt"), STATUS_SUCCESS);
-    EXPECT_EQ(Fcb(Handle), Before);
-    ExpectNamed(Handle, u"\\srv\\vol\\b.txt");
-    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\a.txt"));
-    EXPECT_EQ(ReadAll(Handle), "0123456789");
-    const HANDLE Again = OpenFile(u"\\srv\\vol\\B.TXT");
-    EXPECT_EQ(Fcb(Again), Before);
-    EXPECT_EQ(Create(u"\\srv\\vol\\a.txt").Status, STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(FcbPrefixCount, 1u);
-}
-
 TEST_F(Renaming, MovesFromTheOpensOwnHandleAndPathToTheDirectorysHandleAndTheNewName) {
     const HANDLE Handle = OpenFile();
     const HANDLE Target = OpenTarget(u"\\srv\\vol\\d\\new.txt");
     const RVHANDLE Directory = Instance(Target)->DirHandle;
+    const PCUNICODE_STRING Before = NtFsdStablePath(Fcb(Handle));
     EXPECT_EQ(RenameThrough(Handle, Target), STATUS_SUCCESS);
     EXPECT_EQ(CallNames(), (Calls{"RVFsdMoveFile", "RVFsdCloseDirectory"}));
+    EXPECT_EQ(embedded::View(Before), u"\\srv\\vol\\a.txt") << "a reader without the lock still has the old path";
     const providers::Call Move = Last(Slot::MoveFile);
     EXPECT_EQ(Move.Number("sourceBase"), Instance(Handle)->VolumeHandle);
     EXPECT_EQ(Move.String("source"), u"a.txt");
     EXPECT_EQ(Move.Number("targetBase"), Directory);
     EXPECT_EQ(Move.String("target"), u"new.txt");
     ExpectNamed(Handle, u"\\srv\\vol\\d\\new.txt");
+    EXPECT_EQ(Fcb(OpenFile(u"\\srv\\vol\\d\\NEW.TXT")), Fcb(Handle));
+    EXPECT_EQ(Create(u"\\srv\\vol\\a.txt").Status, STATUS_OBJECT_NAME_NOT_FOUND);
     // The target's directory handle is used up.
     EXPECT_EQ(Instance(Target)->DirHandle, 0u);
     EXPECT_EQ(Instance(Target)->RelatedHandle, Instance(Target)->BaseHandle);
@@ -143,16 +133,6 @@ TEST_F(Renaming, ToAndFroTakesNoMemory) {
     ExpectNamed(Handle, u"\\srv\\vol\\B.txt");
 }
 
-// Its handle is its owner's, who goes on using it.
-TEST_F(Renaming, ThroughADirectoryThatWasNotOpenedForItIsRefused) {
-    const HANDLE Handle = OpenFile();
-    const HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
-    Provider.ClearCalls();
-    EXPECT_EQ(RenameThrough(Handle, Directory), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(CallNames(), Calls{});
-    EXPECT_NE(Instance(Directory)->DirHandle, 0u);
-}
-
 // ---- What stands in the way
 
 TEST_F(Renaming, AnExistingTargetIsACollisionUnlessItIsToBeReplaced) {
@@ -227,77 +207,54 @@ TEST_F(Renaming, ADirectoryWithOpensBelowItStays) {
 
 // ---- Read-only objects
 
-// Where the retry goes wrong.
-enum class Trouble { None, NotReadOnly, Query, Clear, SecondMove, Restore };
-
-struct RetryCase {
-    Trouble At;
-    NTSTATUS Status;
-    unsigned Calls; // of the five: move, query, clear, move, restore
-};
-
-class ReadOnly : public Renaming, public testing::WithParamInterface<std::tuple<RetryCase, bool>> {
-protected:
-    static const RetryCase &Case() {
-        return std::get<0>(GetParam());
-    }
-    static bool IsDirectory() {
-        return std::get<1>(GetParam());
-    }
-    static constexpr std::u16string_view Old = u"\\srv\\vol\\r";
-    static constexpr std::u16string_view New = u"\\srv\\vol\\d\\r2";
-
-    void MakeObject() {
-        const ULONG Attributes = RV_ATTR_HIDDEN | (Case().At == Trouble::NotReadOnly ? 0u : RV_ATTR_READONLY + 0u);
-        IsDirectory() ? Provider.AddDirectory(Old) : Provider.AddFile(Old, "x");
-        Provider.Edit([=](providers::Tree &Tree) { Tree.Find(Old)->Attributes = Attributes; });
-    }
-    void Plant() {
-        const Slot Move = IsDirectory() ? Slot::MoveDirectory : Slot::MoveFile;
-        const Slot Query = IsDirectory() ? Slot::GetDirectoryInformation : Slot::GetBasicFileInformation;
-        const Slot Set = IsDirectory() ? Slot::SetDirectoryInformation : Slot::SetFileInformation;
-        if (Case().At == Trouble::NotReadOnly) {
-            Provider.OnCall(Move).Return(RVSTATUS::AccessDenied);
-        } else if (Case().At == Trouble::Query) {
-            Provider.OnCall(Query).ReturnAfter(ProviderError(0x0102));
-        } else if (Case().At != Trouble::None) {
-            Provider.OnCall(Case().At == Trouble::SecondMove ? Move : Set)
-                .Nth(Case().At == Trouble::Clear ? 1 : 2)
-                .Return(ProviderError(0x0102));
+TEST_F(Renaming, AReadOnlyOneIsMovedWithTheAttributeOffAndHasItAgainWhateverHappened) {
+    constexpr PCWSTR Old = u"\\srv\\vol\\r", New = u"\\srv\\vol\\d\\r2";
+    struct {
+        bool ReadOnly;
+        unsigned Fails; // which of the calls: move, query, clear, move, restore
+        NTSTATUS Status;
+        unsigned Calls;
+    } constexpr Cases[] = {{true, 0, STATUS_SUCCESS, 5},       {false, 1, STATUS_ACCESS_DENIED, 2},
+                           {true, 2, STATUS_ACCESS_DENIED, 2}, {true, 3, STATUS_ACCESS_DENIED, 3},
+                           {true, 4, STATUS_NETWORK_BUSY, 5},  {true, 5, STATUS_SUCCESS, 5}};
+    for (const bool IsDirectory : {false, true}) {
+        for (const auto &Each : Cases) {
+            SCOPED_TRACE(Each.Fails);
+            IsDirectory ? Provider.AddDirectory(Old) : Provider.AddFile(Old, "x");
+            Provider.Edit([&](providers::Tree &Tree) {
+                Tree.Find(Old)->Attributes = RV_ATTR_HIDDEN | (Each.ReadOnly ? RV_ATTR_READONLY + 0u : 0u);
+            });
+            const HANDLE Handle = MustOpen(Old, IsDirectory ? test::DirectoryForChange : WithoutData);
+            const HANDLE Target = OpenTarget(New);
+            if (Each.Fails != 0) {
+                Provider.FailEverything(Slot::Any, Each.Fails,
+                                        Each.Fails == 1 ? RVSTATUS::AccessDenied : ProviderError(0x0102));
+            }
+            EXPECT_EQ(RenameThrough(Handle, Target), Each.Status);
+            Calls Expected = IsDirectory ? Calls{"RVFsdMoveDirectory", "RVFsdGetDirectoryInformation",
+                                                 "RVFsdSetDirectoryInformation", "RVFsdMoveDirectory",
+                                                 "RVFsdSetDirectoryInformation"}
+                                         : Calls{"RVFsdMoveFile", "RVFsdGetBasicFileInformation",
+                                                 "RVFsdSetFileInformation", "RVFsdMoveFile", "RVFsdSetFileInformation"};
+            Expected.resize(Each.Calls);
+            Expected.push_back("RVFsdCloseDirectory");
+            EXPECT_EQ(CallNames(), Expected);
+            Provider.ClearScript();
+            const PCWSTR Now = Each.Status == STATUS_SUCCESS ? New : Old;
+            EXPECT_EQ(PathOf(Handle), Now);
+            EXPECT_FALSE(Provider.Exists(Now == New ? Old : New));
+            const ULONG Left = Provider.Attributes(Now);
+            EXPECT_EQ((Left & RV_ATTR_READONLY) != 0, Each.ReadOnly && Each.Fails != 5);
+            EXPECT_TRUE(Left & RV_ATTR_HIDDEN) << "the rest of the word is untouched";
+            Close(Target);
+            Close(Handle);
+            Provider.Edit([&](providers::Tree &Tree) {
+                Tree.Find(Now)->Attributes = 0;
+                Tree.Delete(IsDirectory, 0, Now);
+            });
         }
     }
-};
-
-TEST_P(ReadOnly, IsMovedWithTheAttributeOffAndHasItAgainWhateverHappened) {
-    MakeObject();
-    const HANDLE Handle = MustOpen(Old, IsDirectory() ? test::DirectoryForChange : WithoutData);
-    Plant();
-    EXPECT_EQ(RenameTo(Handle, New), Case().Status);
-    Calls Expected = IsDirectory()
-                         ? Calls{"RVFsdMoveDirectory", "RVFsdGetDirectoryInformation", "RVFsdSetDirectoryInformation",
-                                 "RVFsdMoveDirectory", "RVFsdSetDirectoryInformation"}
-                         : Calls{"RVFsdMoveFile", "RVFsdGetBasicFileInformation", "RVFsdSetFileInformation",
-                                 "RVFsdMoveFile", "RVFsdSetFileInformation"};
-    Expected.resize(Case().Calls);
-    Expected.push_back("RVFsdCloseDirectory");
-    EXPECT_EQ(Made(), Expected);
-    const bool Moved = Case().Status == STATUS_SUCCESS;
-    EXPECT_EQ(Provider.Exists(New), Moved);
-    EXPECT_EQ(Provider.Exists(Old), !Moved);
-    const bool Stays = Case().At != Trouble::NotReadOnly && Case().At != Trouble::Restore;
-    EXPECT_EQ((Provider.Attributes(Moved ? New : Old) & RV_ATTR_READONLY) != 0, Stays);
-    EXPECT_TRUE(Provider.Attributes(Moved ? New : Old) & RV_ATTR_HIDDEN); // the rest of the word is untouched
-    EXPECT_EQ(PathOf(Handle), Moved ? New : Old);
 }
-
-INSTANTIATE_TEST_SUITE_P(Troubles, ReadOnly,
-                         testing::Combine(testing::Values(RetryCase{Trouble::None, STATUS_SUCCESS, 5},
-                                                          RetryCase{Trouble::NotReadOnly, STATUS_ACCESS_DENIED, 2},
-                                                          RetryCase{Trouble::Query, STATUS_ACCESS_DENIED, 2},
-                                                          RetryCase{Trouble::Clear, STATUS_ACCESS_DENIED, 3},
-                                                          RetryCase{Trouble::SecondMove, STATUS_NETWORK_BUSY, 5},
-                                                          RetryCase{Trouble::Restore, STATUS_SUCCESS, 5}),
-                                          testing::Bool()));
 
 // ---- Other opens
 
@@ -371,16 +328,19 @@ TEST_F(Renaming, WithoutATargetIsNotSupported) {
     EXPECT_TRUE(HasPrinted("   Called for a simple rename.  Not supported!\n"));
 }
 
-TEST_F(Renaming, ATargetThatIsNoDirectoryOfOursIsRefused) {
+TEST_F(Renaming, ATargetThatIsNoDirectoryOpenedForItIsRefused) {
     Provider.AddFile(u"\\srv\\vol\\b.txt");
     const HANDLE Handle = OpenFile();
     const HANDLE Other = OpenFile(u"\\srv\\vol\\b.txt");
+    const HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
     const PFILE_OBJECT Foreign = embedded::CreateFileObject(Device(), u"\\x", 0);
     const UCHAR Replace = 1;
     Provider.ClearCalls();
     EXPECT_EQ(Send(Handle, FileRenameInformation, &Replace, 1, Foreign), STATUS_INVALID_HANDLE);
     EXPECT_EQ(RenameThrough(Handle, Other, true), STATUS_INVALID_PARAMETER);
+    EXPECT_EQ(RenameThrough(Handle, Directory), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(CallNames(), Calls{});
+    EXPECT_NE(Instance(Directory)->DirHandle, 0u) << "its handle is its owner's, who goes on using it";
     embedded::DereferenceFileObject(Foreign);
 }
 
@@ -402,14 +362,9 @@ TEST_F(Renaming, ATargetDirectoryThatCouldNotBeOpenedIsRefused) {
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\new.txt"), "in the root");
 }
 
+// Wherever it begins and however it is named: an open relative to its parent is none of the root's own, but of the same
+// FCB.
 TEST_F(Renaming, TheRootOfAVolumeHasNoNameToChange) {
-    const HANDLE Root = OpenDirectory(u"\\srv\\vol");
-    EXPECT_EQ(RenameTo(Root, u"\\srv\\vol\\d\\x"), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(Made(), Calls{});
-}
-
-// However it is named: an open relative to its parent is none of the root's own, but of the same FCB.
-TEST_F(Renaming, AVolumeThatBeginsDeeperHasNoneEither) {
     Provider.OnPath(Slot::QueryPathForVolume, u"\\srv\\vol\\d").AnswerPath(u"\\srv\\vol\\d");
     Provider.OnPath(Slot::OpenVolume, u"\\srv\\vol\\d")
         .ReturnAfter(RVSTATUS::Success)
@@ -423,7 +378,7 @@ TEST_F(Renaming, AVolumeThatBeginsDeeperHasNoneEither) {
     Below.Related = Parent;
     const HANDLE Relative = MustOpen(u"d", Below);
     ASSERT_EQ(Fcb(Relative), Fcb(Root));
-    for (const HANDLE Each : {Root, Relative}) {
+    for (const HANDLE Each : {Parent, Root, Relative}) {
         EXPECT_EQ(RenameTo(Each, u"\\srv\\vol\\x"), STATUS_INVALID_PARAMETER);
         EXPECT_EQ(Made(), Calls{});
     }

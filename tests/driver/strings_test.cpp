@@ -24,43 +24,25 @@ protected:
     }
 };
 
-TEST_F(Strings, ACopyIsTerminatedAndExactlyAsLargeAsItMustBe) {
-    for (const std::u16string_view Text : {u"", u"a", u"\\srv\\vol"}) {
-        OwnedString Copy;
-        const UNICODE_STRING Source = Counted(Text);
+TEST_F(Strings, ACopyIsTerminatedAndReusesABufferThatIsLargeEnough) {
+    OwnedString Copy;
+    struct {
+        const char16_t *Text;
+        USHORT Bytes;
+        USHORT Room; // of the copy afterwards
+    } constexpr Cases[] = {{nullptr, 0, 2},       {u"12345678", 16, 18}, {u"1", 2, 18}, {u"", 0, 18},
+                           {u"87654321", 16, 18}, {u"abc", 5, 18}, // half a character at the end is dropped
+                           {u"123456789", 18, 20}};
+    for (const auto &Each : Cases) {
+        const UNICODE_STRING Source = {Each.Bytes, Each.Bytes, const_cast<PWSTR>(Each.Text)};
+        const UNICODE_STRING Before = *Copy.Get();
         ASSERT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Source), STATUS_SUCCESS);
-        EXPECT_EQ(View(Copy.Get()), Text);
-        EXPECT_EQ(Copy->MaximumLength, Source.Length + sizeof(WCHAR));
-        EXPECT_EQ(Copy->Buffer[Text.size()], 0);
+        EXPECT_EQ(View(Copy.Get()), std::u16string(Each.Text != nullptr ? Each.Text : u"", Each.Bytes / 2));
+        EXPECT_EQ(Copy->Buffer[Each.Bytes / 2], 0);
+        EXPECT_EQ(Copy->MaximumLength, Each.Room);
+        EXPECT_EQ(Copy->Buffer == Before.Buffer, Each.Room == Before.MaximumLength);
         EXPECT_NE(Copy->Buffer, Source.Buffer);
     }
-}
-
-TEST_F(Strings, AnEmptyStringWithoutBufferIsCopiedAsEmptyText) {
-    OwnedString Copy;
-    const UNICODE_STRING Nothing = {0, 0, nullptr};
-    ASSERT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Nothing), STATUS_SUCCESS);
-    EXPECT_EQ(Copy->Length, 0);
-    EXPECT_EQ(Copy->Buffer[0], 0);
-}
-
-TEST_F(Strings, ACopyReusesALargeEnoughBufferAndReplacesASmallerOne) {
-    OwnedString Copy;
-    UNICODE_STRING Source = Counted(u"12345678");
-    ASSERT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Source), STATUS_SUCCESS);
-    const PWSTR Buffer = Copy->Buffer;
-    for (const std::u16string_view Fits : {u"1", u"", u"87654321"}) {
-        Source = Counted(Fits);
-        ASSERT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Source), STATUS_SUCCESS);
-        EXPECT_EQ(Copy->Buffer, Buffer);
-        EXPECT_EQ(Copy->MaximumLength, 18);
-        EXPECT_EQ(View(Copy.Get()), Fits);
-        EXPECT_EQ(Copy->Buffer[Fits.size()], 0);
-    }
-    Source = Counted(u"123456789");
-    ASSERT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Source), STATUS_SUCCESS);
-    EXPECT_EQ(Copy->MaximumLength, 20);
-    EXPECT_EQ(View(Copy.Get()), u"123456789");
 }
 
 TEST_F(Strings, ACopyThatGetsNoMemoryIsEmptyAndSaysSo) {
@@ -94,14 +76,6 @@ TEST_F(Strings, ACopyBeyondASixteenBitSizeIsRefusedBeforeItTouchesTheDestination
         EXPECT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Source), Each.Fits ? STATUS_SUCCESS : STATUS_NAME_TOO_LONG);
         EXPECT_EQ(View(Copy.Get()), Each.Fits ? Text.substr(0, Each.Bytes / 2) : u"old") << Each.Bytes;
     }
-}
-
-TEST_F(Strings, HalfACharacterAtTheEndIsDropped) {
-    OwnedString Copy;
-    const UNICODE_STRING Odd = {5, 5, const_cast<PWSTR>(u"abc")};
-    ASSERT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Odd), STATUS_SUCCESS);
-    EXPECT_EQ(View(Copy.Get()), u"ab");
-    EXPECT_EQ(Copy->Buffer[2], 0);
 }
 
 TEST_F(Strings, AFreedStringIsEmptyAndMayBeFreedAgain) {
@@ -141,11 +115,8 @@ TEST(Components, AreCountedBetweenBackslashes) {
         const UNICODE_STRING Path = Counted(Each.Path);
         EXPECT_EQ(NtFsdCountPathComponents(&Path), Each.Count) << providers::ToUtf8(Each.Path);
     }
-}
-
-TEST(Components, OfAPathThatEndsInHalfACharacterAreTheWholeOnes) {
-    const UNICODE_STRING Path = {7, 7, const_cast<PWSTR>(u"\\a\\b")};
-    EXPECT_EQ(NtFsdCountPathComponents(&Path), 1u);
+    const UNICODE_STRING Half = {7, 7, const_cast<PWSTR>(u"\\a\\b")}; // of its last character
+    EXPECT_EQ(NtFsdCountPathComponents(&Half), 1u);
 }
 
 TEST_F(Strings, AComposedPathHasOneSeparator) {
