@@ -31,6 +31,21 @@ protected:
         EXPECT_EQ(TwSupDereference(&Request, Found, Made, &Freed, Hold), STATUS_SUCCESS);
         EXPECT_TRUE(Freed);
     }
+    NTSTATUS Rename(HANDLE Handle, std::u16string_view NewPath) {
+        UNICODE_STRING Name = Counted(NewPath);
+        const PFCB Renamed = Fcb(Handle);
+        ResourceHold Table;
+        Table.AcquireExclusive(&FcbTableResource, TRUE);
+        ResourceHold Hold;
+        Hold.AcquireExclusive(&Renamed->Resource, TRUE);
+        NewPathRecord Record;
+        const NTSTATUS Status = Record.Make(&Name);
+        if (NT_SUCCESS(Status)) {
+            NtFsdRenameFcb(Renamed, Record);
+        }
+        Record.Drop();
+        return Status;
+    }
     // PathLeft of an open points into the path of its FCB.
     void ExpectPathLeftInside(HANDLE Handle) {
         const UNICODE_STRING &Path = Fcb(Handle)->FullPath;
@@ -121,18 +136,6 @@ TEST_F(Fcbs, APathOf32KilobytesIsOpenedAndALongerOneRefused) {
 }
 
 // ---- How opens name their object
-
-TEST_F(Fcbs, AVolumeRootHasNothingLeftOfItsPath) {
-    const HANDLE Handle = MustOpen(u"\\srv\\vol", AsDirectory);
-    EXPECT_EQ(PathLeft(Handle), u"");
-    ExpectPathLeftInside(Handle);
-    const PINSTANCE_CONTEXT Context = Instance(Handle);
-    EXPECT_NE(Context->VolumeHandle, 0u);
-    EXPECT_EQ(Context->BaseHandle, Context->VolumeHandle);
-    EXPECT_EQ(Context->RelatedHandle, Context->VolumeHandle);
-    EXPECT_EQ(Context->DirHandle, 0u);
-    EXPECT_EQ(Fcb(Handle)->OpenType, OPEN_TYPE_DIRECTORY + 0u);
-}
 
 TEST_F(Fcbs, WhenTheVolumeCannotBeOpenedTheWholePathNamesTheObject) {
     for (const Slot Fails : {Slot::QueryPathForVolume, Slot::OpenVolume}) {
@@ -357,6 +360,75 @@ TEST_F(Fcbs, ALookUpIsTracedOnceForAnOpen) {
         {"   Trying to find : \\srv\\vol\\a.txt\n", "   Didn't find it.\n", "   Current # entries in table: 0\n",
          "   Didn't find the prefix entry.\n", "   Remaining Path = \\srv\\vol\\a.txt.\n", "   Remaining Len  = 28.\n",
          "   Allocating new FCB\n", " Open Vol \"\\srv\\vol\\a.txt\", handle=0x", " Path past volume level = a.txt\n"});
+}
+
+// Whatever opens, goes or takes another path below it, in whatever letter case.
+TEST_F(Fcbs, KeepTheirDirectoriesFromBeingRenamedWhileTheyLieBelow) {
+    const auto HasBelow = [](std::u16string_view Path) {
+        const UNICODE_STRING Name = Counted(Path);
+        ResourceHold Table;
+        Table.AcquireExclusive(&FcbTableResource, TRUE);
+        return NtFsdHasFcbBelow(&Name);
+    };
+    Provider.AddFile(u"\\srv\\vol\\docs\\sub\\g.txt");
+    MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\docs")) << "it is not below itself";
+    const HANDLE Deep = MustOpen(u"\\srv\\vol\\DOCS\\Sub\\g.txt");
+    const HANDLE Near = MustOpen(u"\\srv\\vol\\docs\\f.txt");
+    EXPECT_TRUE(HasBelow(u"\\srv\\vol\\docs"));
+    EXPECT_TRUE(HasBelow(u"\\SRV\\vol\\docs\\sub"));
+    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\docs\\f.txt"));
+    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\doc"));
+    EXPECT_EQ(Rename(Deep, u"\\srv\\vol\\other\\g.txt"), STATUS_SUCCESS);
+    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\docs\\sub"));
+    EXPECT_TRUE(HasBelow(u"\\srv\\vol\\docs"));
+    EXPECT_TRUE(HasBelow(u"\\srv\\vol\\other"));
+    Close(Near);
+    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\docs"));
+    Close(Deep);
+    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\other"));
+}
+
+TEST_F(Fcbs, RenamedOntoAPathThatIsOpenStayOutOfTheTable) {
+    const HANDLE Target = MustOpen(u"\\srv\\vol\\a.txt");
+    const HANDLE Source = MustOpen(u"\\srv\\vol\\docs\\f.txt");
+    EXPECT_EQ(Rename(Source, u"\\srv\\VOL\\A.txt"), STATUS_SUCCESS);
+    EXPECT_NE(Printed.find("[RVFSD] NtFsdRenameFcb RtlInsertUnicodePrefix for \"\\srv\\VOL\\A.txt\" on FCB 0x"),
+              std::string::npos);
+    EXPECT_FALSE(Fcb(Source)->OpenFlags & FCB_STATE_IN_PREFIX_TABLE);
+    EXPECT_EQ(FcbPrefixCount, 1u);
+    EXPECT_EQ(FullPath(Source), u"\\srv\\VOL\\A.txt");
+    Close(Target);
+    const HANDLE Fresh = MustOpen(u"\\srv\\vol\\a.txt");
+    EXPECT_NE(Fcb(Fresh), Fcb(Source));
+    Close(Fresh);
+    Close(Source);
+    ExpectNothingOpen("the close of an FCB outside the table");
+}
+
+TEST_F(Fcbs, AreLookedUpByTheLongestPathInFront) {
+    Bind();
+    const HANDLE Docs = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+    const HANDLE Root = MustOpen(u"\\srv\\vol", AsDirectory);
+    struct {
+        std::u16string_view Path;
+        HANDLE Found;
+        std::u16string_view Remaining;
+    } const Cases[] = {
+        {u"\\srv\\vol\\docs", Docs, u""},      {u"\\SRV\\VOL\\DOCS\\a\\b", Docs, u"a\\b"},
+        {u"\\srv\\vol\\docs\\", Docs, u""},    {u"\\srv\\vol\\docs2", Root, u"docs2"},
+        {u"\\srv\\vo", nullptr, u"\\srv\\vo"}, {u"\\other\\vol\\docs", nullptr, u"\\other\\vol\\docs"},
+    };
+    ResourceHold Table;
+    Table.AcquireExclusive(&FcbTableResource, TRUE);
+    for (const auto &Each : Cases) {
+        UNICODE_STRING Name = Counted(Each.Path);
+        UNICODE_STRING Remaining;
+        EXPECT_EQ(NtFsdFindFcb(&Name, &Remaining), Each.Found != nullptr ? Fcb(Each.Found) : nullptr);
+        EXPECT_EQ(View(Remaining), Each.Remaining);
+        EXPECT_EQ(Remaining.MaximumLength, Remaining.Length);
+    }
+    Table.Release();
 }
 
 // ---- References and the file-object check

@@ -33,14 +33,6 @@ protected:
     }
 };
 
-TEST_F(Locks, ALockGoesToTheServerAndAnUnlockTakesItBack) {
-    EXPECT_EQ(Lock(First, 10, 5), STATUS_SUCCESS);
-    EXPECT_EQ(LocalLocks(First).size(), 1u);
-    EXPECT_EQ(Unlock(First, 10, 5), STATUS_SUCCESS);
-    EXPECT_TRUE(LocalLocks(First).empty());
-    EXPECT_EQ(ServerLocks(), (Calls{"lock 10+5", "unlock 10+5"}));
-}
-
 TEST_F(Locks, AKeyOfZeroBecomesTheLowHalfOfTheProcess) {
     EXPECT_EQ(Lock(First, 0, 1), STATUS_SUCCESS);
     const auto Process = reinterpret_cast<ULONG_PTR>(IoGetCurrentProcess());
@@ -90,18 +82,6 @@ TEST_F(Locks, AFailedUnlockAtTheServerIsReportedAndTheLocalLockIsGone) {
     Provider.OnCall(Slot::UnlockFile).ReturnAfter(ProviderError(0x0102));
     EXPECT_EQ(Unlock(First, 0, 10), STATUS_NETWORK_BUSY);
     EXPECT_TRUE(LocalLocks(First).empty());
-}
-
-TEST_F(Locks, AWaitingLockIsToldToTheServerAfterTheUnlockThatMadeRoom) {
-    EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
-    LARGE_INTEGER Length = {.QuadPart = 4};
-    embedded::SentIrp Waiting = Wait(Second, 2, &Length);
-    EXPECT_EQ(Waiting.Returned(), STATUS_PENDING);
-    EXPECT_FALSE(Waiting.IsCompleted());
-    EXPECT_EQ(Unlock(First, 0, 10), STATUS_SUCCESS);
-    EXPECT_EQ(Waiting.Wait().Status, STATUS_SUCCESS);
-    EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10", "lock 2+4"}));
-    EXPECT_EQ(LocalLocks(First).size(), 1u);
 }
 
 TEST_F(Locks, AWaitingLockThatTheServerRefusesMakesRoomForTheNext) {
@@ -281,16 +261,19 @@ TEST_F(Locks, NestedOnesAreCompletedOnce) {
     }
 }
 
-TEST_F(Locks, AnUnlockAfterItsLockWasTakenBySharedReadersGrantsBothWaiters) {
+TEST_F(Locks, WaitersAreToldToTheServerAfterTheUnlockThatMadeRoom) {
     EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
     LARGE_INTEGER Length = {.QuadPart = 4};
     embedded::IrpBuilder Shared = Request(Second, IRP_MN_LOCK, 0, &Length, 0, 0);
     embedded::SentIrp One = embedded::SendIrp(Device(), Shared);
     embedded::SentIrp Two = embedded::SendIrp(Device(), Shared);
+    EXPECT_EQ(One.Returned(), STATUS_PENDING);
+    EXPECT_FALSE(One.IsCompleted());
     EXPECT_EQ(Unlock(First, 0, 10), STATUS_SUCCESS);
     EXPECT_EQ(One.Wait().Status, STATUS_SUCCESS);
     EXPECT_EQ(Two.Wait().Status, STATUS_SUCCESS);
     EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10", "lock 0+4", "lock 0+4"}));
+    EXPECT_EQ(LocalLocks(First).size(), 2u);
 }
 
 } // namespace

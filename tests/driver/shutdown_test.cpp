@@ -41,6 +41,34 @@ protected:
     NTSTATUS ShutDown() {
         return Kernel().SendShutdown();
     }
+    // A thread whose read of the file hangs at the Provider until Held is released.
+    std::thread HangingRead(HANDLE Handle) {
+        Held = &Provider.OnCall(Slot::ReadFile).Block();
+        std::thread Reader([this, Handle] {
+            char Byte = 0;
+            EXPECT_EQ(Read(Handle, &Byte, 1, 0).Status, STATUS_SUCCESS);
+            EXPECT_EQ(Byte, '0');
+            ReadDone = true;
+        });
+        EXPECT_TRUE(Held->WaitUntilBlocked());
+        Framework->ClearLog();
+        return Reader;
+    }
+    // A thread that shuts the driver down, which has begun.
+    std::thread ShuttingDown() {
+        std::thread Down([this] {
+            EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
+            DownAfterRead = ReadDone || Provider.OpenHandles().empty();
+            IsDown = true;
+        });
+        while (!NtFsdIsStopped()) {
+            std::this_thread::yield();
+        }
+        return Down;
+    }
+
+    providers::Rule *Held = nullptr;
+    std::atomic<bool> ReadDone = false, DownAfterRead = false, IsDown = false;
 };
 
 TEST_F(Shutdown, ReleasesEverythingInItsOrder) {
@@ -129,20 +157,13 @@ TEST_F(Shutdown, LaterRequestsAreRefusedAndTouchNothing) {
         EXPECT_EQ(Block.Status, Each.Status) << embedded::MajorFunctionName(Each.MajorFunction);
         EXPECT_EQ(Block.Information, 0u) << embedded::MajorFunctionName(Each.MajorFunction);
     }
+    const test::OwnedFile OfDevice(Kept, u"");
+    const IO_STATUS_BLOCK Block = embedded::SendIrpAndWait(Kept, Plain(IRP_MJ_CREATE, OfDevice));
+    EXPECT_EQ(Block.Status, Refused);
+    EXPECT_EQ(Block.Information, static_cast<ULONG_PTR>(FILE_DOES_NOT_EXIST));
+    EXPECT_EQ(OfDevice->FsContext, nullptr);
     EXPECT_EQ(Provider.Calls(), Lines{});
     EXPECT_EQ(Framework->Log(), Lines{});
-}
-
-TEST_F(Shutdown, AnOpenOfTheDeviceItselfDoesNotExistAfterwards) {
-    Start();
-    Bind();
-    const KeptDevice Kept;
-    const test::OwnedFile File(Kept, u"");
-    EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
-    const IO_STATUS_BLOCK Block = embedded::SendIrpAndWait(Kept, Plain(IRP_MJ_CREATE, File));
-    EXPECT_EQ(Block.Status, STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(Block.Information, static_cast<ULONG_PTR>(FILE_DOES_NOT_EXIST));
-    EXPECT_EQ(File->FsContext, nullptr);
 }
 
 TEST_F(Shutdown, MappingObjectsMayBeReleasedAfterwards) {
@@ -253,53 +274,26 @@ TEST_F(Shutdown, ALockWhoseCancellerIsOvertakenIsCompletedAllTheSame) {
 
 TEST_F(Shutdown, WaitsForARequestThatIsUnderWay) {
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
-    providers::Rule &Held = Provider.OnCall(Slot::ReadFile).Block();
-    std::atomic<bool> ReadDone = false;
-    std::atomic<bool> DownAfterRead = false;
-    std::thread Reader([&] {
-        char Byte = 0;
-        EXPECT_EQ(Read(Handle, &Byte, 1, 0).Status, STATUS_SUCCESS);
-        EXPECT_EQ(Byte, '0');
-        ReadDone = true;
-    });
-    ASSERT_TRUE(Held.WaitUntilBlocked());
-    Framework->ClearLog();
-    std::thread Down([&] {
-        EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
-        DownAfterRead = ReadDone || Provider.OpenHandles().empty();
-    });
-    while (!NtFsdIsStopped()) {
-        std::this_thread::yield();
-    }
+    const HANDLE Other = MustOpen(u"\\srv\\vol\\a.txt");
+    std::thread Reader = HangingRead(Handle);
+    std::thread Down = ShuttingDown();
     EXPECT_EQ(Create(u"\\srv\\vol\\a.txt").Status, STATUS_UNSUCCESSFUL) << "nothing new begins meanwhile";
+    EXPECT_EQ(Close(Other), STATUS_SUCCESS) << "closes come through";
     EXPECT_EQ(Framework->Log(), Lines{}) << "nothing is released meanwhile";
     EXPECT_FALSE(ReadDone);
-    Held.Release();
+    Held->Release();
     Reader.join();
     Down.join();
     EXPECT_TRUE(DownAfterRead);
     EXPECT_EQ(Provider.Violations(), Lines{});
+    EXPECT_EQ(Provider.OpenHandles(), Lines{});
 }
 
 TEST_F(Shutdown, GivesUpAfterAMinuteAndUndoesNothing) {
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
-    providers::Rule &Held = Provider.OnCall(Slot::ReadFile).Block();
-    std::thread Reader([&] {
-        char Byte = 0;
-        EXPECT_EQ(Read(Handle, &Byte, 1, 0).Status, STATUS_SUCCESS);
-    });
-    ASSERT_TRUE(Held.WaitUntilBlocked());
-    Framework->ClearLog();
-    std::atomic<bool> GaveUp = false;
-    std::thread Down([&] {
-        EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
-        GaveUp = true;
-    });
-    while (!NtFsdIsStopped()) {
-        std::this_thread::yield();
-    }
+    std::thread Reader = HangingRead(MustOpen(u"\\srv\\vol\\a.txt"));
+    std::thread Down = ShuttingDown();
     LONGLONG Seconds = 0;
-    for (; !GaveUp; ++Seconds) {
+    for (; !IsDown; ++Seconds) {
         embedded::Clock::Advance(embedded::Clock::Second);
         EXPECT_EQ(Create(u"\\srv\\vol\\a.txt").Status, STATUS_UNSUCCESSFUL) << "which wakes it";
     }
@@ -309,29 +303,9 @@ TEST_F(Shutdown, GivesUpAfterAMinuteAndUndoesNothing) {
     EXPECT_NE(Printed.find("Shutdown waits for \"\\srv\\vol\\a.txt\"\n"), std::string::npos);
     EXPECT_EQ(Framework->Log(), Lines{});
     EXPECT_EQ(Create(u"\\srv\\vol\\a.txt").Status, STATUS_UNSUCCESSFUL);
-    Held.Release();
+    Held->Release();
     Reader.join();
     EXPECT_EQ(Send(Plain(IRP_MJ_SHUTDOWN, nullptr)).Status, STATUS_NOT_SUPPORTED) << "nothing holds it any more";
-    EXPECT_EQ(Provider.OpenHandles(), Lines{});
-}
-
-TEST_F(Shutdown, ACloseThatComesWhileItWaitsLeavesNothing) {
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
-    const HANDLE Other = MustOpen(u"\\srv\\vol\\a.txt");
-    providers::Rule &Held = Provider.OnCall(Slot::ReadFile).Block();
-    std::thread Reader([&] {
-        char Byte;
-        EXPECT_EQ(Read(Handle, &Byte, 1, 0).Status, STATUS_SUCCESS);
-    });
-    ASSERT_TRUE(Held.WaitUntilBlocked());
-    std::thread Down([&] { EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED); });
-    while (!NtFsdIsStopped()) {
-        std::this_thread::yield();
-    }
-    EXPECT_EQ(Close(Other), STATUS_SUCCESS);
-    Held.Release();
-    Reader.join();
-    Down.join();
     EXPECT_EQ(Provider.OpenHandles(), Lines{});
 }
 
