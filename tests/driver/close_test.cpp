@@ -249,10 +249,7 @@ TEST_F(CloseOfAnOpen, WithoutALinkedInstanceTouchesNothing) {
             FILE_OBJECT Odd = *FileObject(Handle);
             Odd.FsContext = HasFcb ? Odd.FsContext : nullptr;
             Odd.FsContext2 = Context;
-            embedded::IrpBuilder Builder;
-            Builder.MajorFunction = IRP_MJ_CLOSE;
-            Builder.FileObject = &Odd;
-            EXPECT_EQ(embedded::SendIrpAndWait(Device(), Builder).Status, STATUS_SUCCESS);
+            EXPECT_EQ(Send(Plain(IRP_MJ_CLOSE, &Odd)).Status, STATUS_SUCCESS);
             EXPECT_EQ(Odd.FsContext2, nullptr);
         }
     }

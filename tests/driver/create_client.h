@@ -9,8 +9,6 @@
 namespace test {
 
 inline constexpr ULONG Synchronous = FILE_SYNCHRONOUS_IO_NONALERT;
-inline constexpr Open AsDirectory = {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
-                                     .Options = FILE_DIRECTORY_FILE | Synchronous};
 inline constexpr Open AsTarget = {.Access = FILE_WRITE_DATA | SYNCHRONIZE, .StackFlags = SL_OPEN_TARGET_DIRECTORY};
 inline constexpr Open ForDelete = {.Access = DELETE | FILE_READ_DATA | SYNCHRONIZE};
 
@@ -31,9 +29,6 @@ inline bool IsQuestion(const providers::Call &Made) {
 
 class CreateFixture : public DriverFixture {
 protected:
-    using Calls = std::vector<std::string>;
-    using Slot = providers::Slot;
-
     CreateFixture() {
         Provider.AddFile(u"\\srv\\vol\\a.txt", "0123456789");
         Provider.AddFile(u"\\srv\\vol\\docs\\f.txt", "inside");
@@ -84,17 +79,6 @@ protected:
         EXPECT_EQ(Provider.OpenHandles(), Calls{}) << After;
         EXPECT_EQ(FcbPrefixCount, 0u) << After;
         EXPECT_EQ(FcbCount, 1u) << After; // the control device's
-    }
-    // The last call of that kind.
-    providers::Call Last(Slot Operation) {
-        providers::Call Found;
-        for (const providers::Call &Each : Provider.CallRecords()) {
-            if (Each.Operation == Operation) {
-                Found = Each;
-            }
-        }
-        EXPECT_EQ(Found.Operation, Operation) << "no such call";
-        return Found;
     }
 };
 

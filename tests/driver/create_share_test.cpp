@@ -112,16 +112,15 @@ TEST_F(SharedOpens, ThatReplaceContentNeedTheAccessForIt) {
 }
 
 TEST_F(SharedOpens, SayWhatIsIncompatibleWithTheShareModeThatWasAskedFor) {
-    Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 32}}});
+    StartTracing(32);
     MustOpen(u"\\srv\\vol\\a.txt", {.Access = FILE_READ_DATA | SYNCHRONIZE, .Share = 0});
     ExpectRefused(u"\\srv\\vol\\a.txt",
                   {.Access = FILE_READ_DATA | SYNCHRONIZE,
                    .Share = FILE_SHARE_WRITE,
                    .Options = FILE_NO_INTERMEDIATE_BUFFERING | test::Synchronous},
                   STATUS_SHARING_VIOLATION);
-    EXPECT_NE(Printed.find("ERROR : Incompatible sharing mode detected: DesiredAccess 00100001\t, DesiredShareAccess "
-                           "00000002\t,  Error c0000043\n"),
-              std::string::npos);
+    EXPECT_TRUE(WasPrinted("ERROR : Incompatible sharing mode detected: DesiredAccess 00100001\t, DesiredShareAccess "
+                           "00000002\t,  Error c0000043\n"));
 }
 
 TEST_F(SharedOpens, SucceedWithoutAClaimWhenTheClaimIsRefusedAtTheEnd) {
@@ -130,9 +129,8 @@ TEST_F(SharedOpens, SucceedWithoutAClaimWhenTheClaimIsRefusedAtTheEnd) {
     const SHARE_ACCESS Before = Shared->ShareAccess;
     Provider.OnCall(Slot::CreateFile, IsRealOpen).Do([&](const Call &) { Shared->ShareAccess.SharedRead = 0; });
     const HANDLE Second = MustOpen(u"\\srv\\vol\\a.txt");
-    EXPECT_NE(Printed.find("[RVFSD] ERROR : IoCheckShareAccess failed for DesiredAccess 0x100001 ShareAccess 0x7 for "
-                           "FCB ShareAccess 0x6; status 0xC0000043 on \"\\srv\\vol\\a.txt\".\n"),
-              std::string::npos);
+    EXPECT_TRUE(WasPrinted("[RVFSD] ERROR : IoCheckShareAccess failed for DesiredAccess 0x100001 ShareAccess 0x7 for "
+                           "FCB ShareAccess 0x6; status 0xC0000043 on \"\\srv\\vol\\a.txt\".\n"));
     EXPECT_FALSE(FileObject(Second)->ReadAccess);
     Shared->ShareAccess = Before;
     Close(Second);
@@ -308,10 +306,8 @@ TEST_F(SharedOpens, TellTheWatchersWhenAllElseIsDone) {
     Start({.Switches = {{u"EnableDirectoryNotify", 1}}});
     const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
     for (const bool IsDirectory : {false, true}) {
-        embedded::IrpBuilder Builder;
-        Builder.MajorFunction = IRP_MJ_DIRECTORY_CONTROL;
+        embedded::IrpBuilder Builder = Plain(IRP_MJ_DIRECTORY_CONTROL, FileObject(Directory));
         Builder.MinorFunction = IRP_MN_NOTIFY_CHANGE_DIRECTORY;
-        Builder.FileObject = FileObject(Directory);
         Builder.Fill = [](PIO_STACK_LOCATION IrpSp) {
             IrpSp->Parameters.NotifyDirectory.CompletionFilter = FILE_NOTIFY_CHANGE_FILE_NAME;
         };

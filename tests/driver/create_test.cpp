@@ -416,7 +416,7 @@ ULONG BitsBehind(const std::string &Printed, const std::string &Value) {
 }
 
 TEST_F(Creates, ShowEveryBitOfTheirParameters) {
-    Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 0x100020}}});
+    StartTracing(0x100020);
     FILE_OBJECT File = {};
     IO_SECURITY_CONTEXT Security = {};
     Security.DesiredAccess = 0xF31F01FF;

@@ -148,8 +148,8 @@ TEST_F(Diagnostics, ExternalTextHasThreadAndProcessButNotTheDriverInFront) {
     Printed.clear();
     NtFsdExternalPrint("text\n");
     EXPECT_EQ(Printed.find("[TID - 0x"), 0u);
-    EXPECT_NE(Printed.find("[PID - 0x"), std::string::npos);
-    EXPECT_EQ(Printed.find("[RVFSD]"), std::string::npos);
+    EXPECT_TRUE(WasPrinted("[PID - 0x"));
+    EXPECT_FALSE(WasPrinted("[RVFSD]"));
 }
 
 // ---- The log buffer

@@ -34,9 +34,7 @@ TEST_F(Listing, ASubdirectoryBeginsWithItselfAndItsParentAndAVolumeRootDoesNot) 
 
 TEST_F(Listing, ADirectoryThatWasCreatedAndNotOpenedListsItselfAndNotItsParent) {
     Provider.AddFile(u"\\srv\\vol\\of-the-parent.txt", "");
-    HANDLE Made = MustOpen(u"\\srv\\vol\\new", {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
-                                                .Disposition = FILE_CREATE,
-                                                .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
+    HANDLE Made = MustOpen(u"\\srv\\vol\\new", MakingADirectory);
     EXPECT_EQ(Names(Made), (std::vector<std::u16string>{u".", u".."}));
 }
 
@@ -203,10 +201,8 @@ TEST_F(Listing, RequestsThatCannotBeServedSayWhichWay) {
                                                      sizeof(Buffer), InfoClass, FALSE, nullptr, FALSE);
         EXPECT_EQ(Status, STATUS_INVALID_INFO_CLASS) << InfoClass;
     }
-    embedded::IrpBuilder Builder;
-    Builder.MajorFunction = IRP_MJ_DIRECTORY_CONTROL;
+    embedded::IrpBuilder Builder = Plain(IRP_MJ_DIRECTORY_CONTROL, FileObject(Directory));
     Builder.MinorFunction = IRP_MN_QUERY_DIRECTORY;
-    Builder.FileObject = FileObject(Directory);
     Builder.StackFlags = SL_INDEX_SPECIFIED | SL_RESTART_SCAN;
     Builder.Fill = [](PIO_STACK_LOCATION IrpSp) {
         IrpSp->Parameters.QueryDirectory.FileInformationClass = FileDirectoryInformation;
@@ -287,7 +283,7 @@ TEST_F(Listing, AProvidersErrorIsTheEndButADisconnectIsToldUntilItIsOver) {
 }
 
 TEST_F(Listing, TheTraceFollowsAQueryToItsEnd) {
-    Start({.Switches = {{u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 0x40}}});
+    StartTracing(0x40);
     Provider.AddFile(u"\\srv\\vol\\ab", "");
     Provider.AddFile(u"\\srv\\vol\\ac", "");
     HANDLE Directory = OpenDirectory(u"\\srv\\vol");
@@ -321,8 +317,8 @@ TEST_F(Listing, TheTraceFollowsAQueryToItsEnd) {
     // What is refused before it is begun is not told as a query's end.
     Printed.clear();
     Query(Directory, 4096, nullptr, false, false, 4);
-    EXPECT_NE(Printed.find("Unknown DirInfo Level 0x4\n"), std::string::npos) << Printed;
-    EXPECT_EQ(Printed.find("   Status"), std::string::npos) << Printed;
+    EXPECT_TRUE(WasPrinted("Unknown DirInfo Level 0x4\n")) << Printed;
+    EXPECT_FALSE(WasPrinted("   Status")) << Printed;
 }
 
 } // namespace

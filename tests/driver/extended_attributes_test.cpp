@@ -7,15 +7,13 @@ namespace {
 class ExtendedAttributes : public test::DriverFixture {};
 
 TEST_F(ExtendedAttributes, AQueryFindsNoneAndASetIsAcceptedOnEveryKindOfOpen) {
-    Start({.Switches = {{u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 1}}});
+    StartTracing(1);
     Provider.AddFile(u"\\srv\\vol\\d\\f", "");
     for (const std::u16string_view Path : {u"\\srv\\vol\\d\\f", u"\\srv\\vol\\d", u"\\srv\\vol", u""}) {
         HANDLE Open = MustOpen(Path, {.Access = FILE_READ_ATTRIBUTES | SYNCHRONIZE});
         Provider.ClearCalls();
         for (const UCHAR MajorFunction : {IRP_MJ_QUERY_EA, IRP_MJ_SET_EA, IRP_MJ_QUERY_EA}) {
-            embedded::IrpBuilder Builder;
-            Builder.MajorFunction = MajorFunction;
-            Builder.FileObject = FileObject(Open);
+            embedded::IrpBuilder Builder = Plain(MajorFunction, FileObject(Open));
             Builder.Fill = [](PIO_STACK_LOCATION IrpSp) { IrpSp->Parameters.QueryEa.Length = 64; };
             embedded::SentIrp Request = embedded::SendIrp(Device(), Builder);
             const IO_STATUS_BLOCK Answer = Request.Wait();

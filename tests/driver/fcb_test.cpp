@@ -346,7 +346,7 @@ TEST_F(RelativeOpens, OfOpensThatBorrowKeepTheirOwnDirectoryHandle) {
 // ---- Looking up
 
 TEST_F(Fcbs, ALookUpIsTracedOnceForAnOpen) {
-    Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 0x200000}}});
+    StartTracing(0x200000);
     Bind();
     Printed.clear();
     Close(MustOpen(u"\\srv\\vol\\a.txt"));
@@ -393,8 +393,7 @@ TEST_F(Fcbs, RenamedOntoAPathThatIsOpenStayOutOfTheTable) {
     const HANDLE Target = MustOpen(u"\\srv\\vol\\a.txt");
     const HANDLE Source = MustOpen(u"\\srv\\vol\\docs\\f.txt");
     EXPECT_EQ(Rename(Source, u"\\srv\\VOL\\A.txt"), STATUS_SUCCESS);
-    EXPECT_NE(Printed.find("[RVFSD] NtFsdRenameFcb RtlInsertUnicodePrefix for \"\\srv\\VOL\\A.txt\" on FCB 0x"),
-              std::string::npos);
+    EXPECT_TRUE(WasPrinted("[RVFSD] NtFsdRenameFcb RtlInsertUnicodePrefix for \"\\srv\\VOL\\A.txt\" on FCB 0x"));
     EXPECT_FALSE(Fcb(Source)->OpenFlags & FCB_STATE_IN_PREFIX_TABLE);
     EXPECT_EQ(FcbPrefixCount, 1u);
     EXPECT_EQ(FullPath(Source), u"\\srv\\VOL\\A.txt");

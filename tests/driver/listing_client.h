@@ -63,8 +63,7 @@ protected:
     const RequestLog *Completed = nullptr;
 
     HANDLE OpenDirectory(std::u16string_view Path) {
-        return MustOpen(Path, {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
-                               .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
+        return MustOpen(Path, AsDirectory);
     }
 
     // One query. The bytes that Information does not cover must come back as they went in.

@@ -7,10 +7,6 @@ namespace test {
 
 class LockFixture : public FrameFixture {
 protected:
-    using Calls = Lines;
-
-    static constexpr Open Writer = {.Access = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE};
-
     NTSTATUS Lock(HANDLE Handle, LONGLONG Offset, LONGLONG Length, ULONG Key = 0, bool Exclusive = true) {
         IO_STATUS_BLOCK IoStatus = {};
         LARGE_INTEGER At = {.QuadPart = Offset};

@@ -8,7 +8,6 @@
 
 namespace {
 
-using embedded::IrpBuilder;
 using embedded::SendIrp;
 using embedded::SentIrp;
 using test::Open;
@@ -26,10 +25,8 @@ protected:
 
     SentIrp WaitOn(PFILE_OBJECT Directory, ULONG Filter, UCHAR Flags = 0, PIO_COMPLETION_ROUTINE Completion = nullptr,
                    PVOID Context = nullptr) {
-        IrpBuilder Builder;
-        Builder.MajorFunction = IRP_MJ_DIRECTORY_CONTROL;
+        embedded::IrpBuilder Builder = Plain(IRP_MJ_DIRECTORY_CONTROL, Directory);
         Builder.MinorFunction = IRP_MN_NOTIFY_CHANGE_DIRECTORY;
-        Builder.FileObject = Directory;
         Builder.StackFlags = Flags;
         Builder.CompletionRoutine = Completion;
         Builder.CompletionContext = Context;

@@ -34,9 +34,7 @@ protected:
     Answer Ask(UCHAR MajorFunction, HANDLE Handle, ULONG InfoClass, ULONG Length) {
         constexpr UCHAR Pattern = 0xA5;
         Answer Result = {STATUS_UNSUCCESSFUL, 0, std::vector<UCHAR>(Length + 64, Pattern)};
-        embedded::IrpBuilder Builder;
-        Builder.MajorFunction = MajorFunction;
-        Builder.FileObject = FileObject(Handle);
+        embedded::IrpBuilder Builder = Plain(MajorFunction, FileObject(Handle));
         Builder.SystemBuffer = Result.Bytes.data();
         Builder.Fill = [=](PIO_STACK_LOCATION IrpSp) {
             IrpSp->Parameters.QueryFile.Length = Length;
@@ -60,10 +58,6 @@ protected:
     Answer Volume(HANDLE Handle, ULONG InfoClass, ULONG Length = 1024) {
         return Ask(IRP_MJ_QUERY_VOLUME_INFORMATION, Handle, InfoClass, Length);
     }
-    HANDLE OpenDirectory(std::u16string_view Path) {
-        return MustOpen(Path, {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
-                               .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
-    }
     HANDLE OpenEmptyFile() {
         Provider.AddFile(u"\\srv\\vol\\f", "");
         return MustOpen(u"\\srv\\vol\\f");
@@ -83,7 +77,7 @@ TEST_F(Asking, EveryClassAnswersEveryLengthAsItsLayoutSays) {
     Provider.AddFile(u"\\srv\\vol\\f.txt", "12345");
     Provider.AddDirectory(u"\\srv\\vol\\d");
     HANDLE AFile = MustOpen(u"\\srv\\vol\\f.txt");
-    HANDLE ADirectory = OpenDirectory(u"\\srv\\vol\\d");
+    HANDLE ADirectory = MustOpen(u"\\srv\\vol\\d", AsDirectory);
     constexpr ULONG FileName = 2 * 14; // \srv\vol\f.txt
     constexpr ULONG DirectoryName = 2 * 10;
     // Where a class may be cut, after which fields; the last is the whole answer with its tail.
@@ -164,7 +158,7 @@ TEST_F(Asking, AttributesAreShownAsTheirKindAsks) {
     Provider.AddFile(u"\\srv\\vol\\f", "");
     Provider.AddDirectory(u"\\srv\\vol\\d");
     HANDLE AFile = MustOpen(u"\\srv\\vol\\f");
-    HANDLE ADirectory = OpenDirectory(u"\\srv\\vol\\d");
+    HANDLE ADirectory = MustOpen(u"\\srv\\vol\\d", AsDirectory);
     const struct {
         HANDLE Handle;
         ULONG Reported, Basic, Tag;
@@ -185,7 +179,7 @@ TEST_F(Asking, AttributesAreShownAsTheirKindAsks) {
 
 // Each field is told when it is written, so a cut answer shows where it was cut.
 TEST_F(Asking, TheBasicClassTellsItsFieldsOneByOne) {
-    Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 128}}});
+    StartTracing(128);
     Provider.AddFile(u"\\srv\\vol\\f", "");
     Provider.Edit([](providers::Tree &Tree) {
         providers::Node *File = Tree.Find(u"\\srv\\vol\\f");
@@ -262,7 +256,7 @@ TEST_F(Asking, IdentifiersComeFromVolumesThatHaveThem) {
 
 TEST_F(Asking, AnOpenWithATrailingBackslashGetsItsNameBackWithOne) {
     Provider.AddDirectory(u"\\srv\\vol\\d");
-    HANDLE Handle = OpenDirectory(u"\\srv\\vol\\d\\");
+    HANDLE Handle = MustOpen(u"\\srv\\vol\\d\\", AsDirectory);
     const Answer Got = File(Handle, FileNameInformation);
     EXPECT_EQ(Got.At<ULONG>(0), 22u);
     EXPECT_EQ(Got.Text(4, 22), u"\\srv\\vol\\d\\");
@@ -291,17 +285,13 @@ TEST_F(Asking, WhatIsNotServedIsRefused) {
 }
 
 TEST_F(Asking, ADirectoryThatWasCreatedAndNotOpenedIsNotTakenForItsParent) {
-    HANDLE Made = MustOpen(u"\\srv\\vol\\new", {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
-                                                .Disposition = FILE_CREATE,
-                                                .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
+    HANDLE Made = MustOpen(u"\\srv\\vol\\new", MakingADirectory);
     const RVHANDLE Parent = Instance(Made)->RelatedHandle;
     EXPECT_EQ(File(Made, FileBasicInformation).Status, STATUS_SUCCESS);
     EXPECT_NE(Instance(Made)->DirHandle, 0u);
     EXPECT_NE(Instance(Made)->RelatedHandle, Parent);
     Close(Made);
-    HANDLE Second = MustOpen(u"\\srv\\vol\\new2", {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
-                                                   .Disposition = FILE_CREATE,
-                                                   .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT});
+    HANDLE Second = MustOpen(u"\\srv\\vol\\new2", MakingADirectory);
     Provider.OnCall(providers::Slot::OpenDirectory).Return(RvError(0x0006));
     EXPECT_EQ(File(Second, FileBasicInformation).Status, STATUS_ACCESS_DENIED);
 }

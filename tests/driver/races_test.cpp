@@ -174,10 +174,8 @@ TEST_F(NameRaces, NotificationAgainstClose) {
               [&] {
                   Directory = MustOpen(u"\\srv\\vol\\d",
                                        {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE, .Options = FILE_DIRECTORY_FILE});
-                  embedded::IrpBuilder Builder;
-                  Builder.MajorFunction = IRP_MJ_DIRECTORY_CONTROL;
+                  embedded::IrpBuilder Builder = Plain(IRP_MJ_DIRECTORY_CONTROL, FileObject(Directory));
                   Builder.MinorFunction = IRP_MN_NOTIFY_CHANGE_DIRECTORY;
-                  Builder.FileObject = FileObject(Directory);
                   Builder.Fill = [](PIO_STACK_LOCATION Stack) {
                       Stack->Parameters.NotifyDirectory.CompletionFilter = FILE_NOTIFY_CHANGE_FILE_NAME;
                   };

@@ -14,7 +14,6 @@ constexpr LONGLONG EndOfFileMarker = -1;
 
 class Data : public test::FrameFixture {
 protected:
-    static constexpr Open Writer = {.Access = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE};
     static constexpr Open Asynchronous = {.Access = FILE_READ_DATA | FILE_WRITE_DATA, .Options = 0};
 
     HANDLE Handle = nullptr;

@@ -11,7 +11,7 @@ INSTANTIATE_TEST_SUITE_P(Replace, CaseOnly, testing::Bool());
 
 // The object itself is no obstacle, and is never deleted to make room for itself.
 TEST_P(CaseOnly, OfAFileMovesByTheOldNameInTheTargetDirectory) {
-    StartPrinting();
+    StartTracing(128);
     Provider.AddFile(u"\\srv\\vol\\d\\file.txt", "kept");
     const HANDLE Handle = OpenFile(u"\\srv\\vol\\d\\file.txt");
     const HANDLE Target = OpenTarget(u"\\srv\\vol\\D\\FILE.TXT");
@@ -26,9 +26,9 @@ TEST_P(CaseOnly, OfAFileMovesByTheOldNameInTheTargetDirectory) {
     Close(Target);
     ExpectNamed(Handle, u"\\srv\\vol\\D\\FILE.TXT");
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\FILE.TXT"), "kept");
-    EXPECT_TRUE(HasPrinted("NtFsdFileSetRenameInfo determined \"file.txt\" and \"FILE.TXT\" represent a case-only "
+    EXPECT_TRUE(WasPrinted("NtFsdFileSetRenameInfo determined \"file.txt\" and \"FILE.TXT\" represent a case-only "
                            "rename.\n"));
-    EXPECT_TRUE(HasPrinted("NtFsdFileSetRenameInfo constructed pCaseOnlyRenameSourceName \"file.txt\".\n"));
+    EXPECT_TRUE(WasPrinted("NtFsdFileSetRenameInfo constructed pCaseOnlyRenameSourceName \"file.txt\".\n"));
     // Once more through the same handle, whose file object still has its first name.
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\File.Txt", GetParam()), STATUS_SUCCESS);
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\file.txt"), "kept");
@@ -87,18 +87,18 @@ TEST_F(NotCaseOnly, IsWhatOnlyLooksAlike) {
         {u"\\srv\\vol\\f.txt", u"\\srv\\vol\\G.TXT", "\"f.txt\" and \"G.TXT\" are not a case-only rename.\n"},
         {u"\\srv\\vol\\f.txt", u"\\srv\\vol\\F.TXT2", "\"f.txt\" and \"F.TXT2\" are not a case-only rename.\n"},
     };
-    StartPrinting();
+    StartTracing(128);
     Provider.AddDirectory(u"\\srv\\vol\\d");
     EXPECT_EQ(RenameTo(OpenDirectory(u"\\srv\\vol\\d"), u"\\srv\\vol\\D\\d"), STATUS_OBJECT_PATH_INVALID);
-    EXPECT_TRUE(HasPrinted("determined \"d\" and \"d\" are not a case-only rename.\n")) << Printed;
+    EXPECT_TRUE(WasPrinted("determined \"d\" and \"d\" are not a case-only rename.\n")) << Printed;
     for (const auto &Each : Cases) {
         Printed.clear();
         Provider.AddFile(Each.Source, "mine");
         Provider.AddFile(Each.Target, "theirs");
         const HANDLE Handle = OpenFile(Each.Source);
         EXPECT_EQ(RenameTo(Handle, Each.Target), STATUS_OBJECT_NAME_COLLISION);
-        EXPECT_TRUE(HasPrinted(Each.Printed)) << Printed;
-        EXPECT_FALSE(HasPrinted("represent a case-only rename"));
+        EXPECT_TRUE(WasPrinted(Each.Printed)) << Printed;
+        EXPECT_FALSE(WasPrinted("represent a case-only rename"));
         EXPECT_EQ(Provider.Content(Each.Target), "theirs");
         EXPECT_EQ(RenameTo(Handle, Each.Target, true), STATUS_SUCCESS);
         EXPECT_EQ(Provider.Content(Each.Target), "mine");

@@ -11,14 +11,6 @@ protected:
         .Access = FILE_WRITE_DATA | SYNCHRONIZE, .Options = 0, .StackFlags = SL_OPEN_TARGET_DIRECTORY};
     static constexpr Open WithoutData = {.Access = DELETE | FILE_READ_ATTRIBUTES | SYNCHRONIZE};
 
-    // Starts a driver whose traces of renames are printed.
-    void StartPrinting() {
-        Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 128}}});
-    }
-    bool HasPrinted(const std::string &Text) {
-        return Printed.find(Text) != std::string::npos;
-    }
-
     HANDLE OpenFile(std::u16string_view Path = u"\\srv\\vol\\a.txt") {
         return MustOpen(Path, ForChange);
     }

@@ -320,12 +320,12 @@ TEST_F(Renaming, OpensBelowTheTargetOutliveItsHandle) {
 // ---- Refusals
 
 TEST_F(Renaming, WithoutATargetIsNotSupported) {
-    StartPrinting();
+    StartTracing(128);
     const HANDLE Handle = OpenFile();
     Provider.ClearCalls();
     EXPECT_EQ(Rename(Handle, u"b.txt"), STATUS_NOT_SUPPORTED);
     EXPECT_EQ(CallNames(), Calls{});
-    EXPECT_TRUE(HasPrinted("   Called for a simple rename.  Not supported!\n"));
+    EXPECT_TRUE(WasPrinted("   Called for a simple rename.  Not supported!\n"));
 }
 
 TEST_F(Renaming, ATargetThatIsNoDirectoryOpenedForItIsRefused) {

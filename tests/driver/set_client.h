@@ -14,9 +14,6 @@ inline constexpr Open DirectoryForChange = {.Access =
 
 class SetFixture : public DriverFixture {
 protected:
-    using Calls = std::vector<std::string>;
-    using Slot = providers::Slot;
-
     SetFixture() {
         Provider.AddFile(u"\\srv\\vol\\a.txt", "0123456789");
         Provider.AddDirectory(u"\\srv\\vol\\d");
@@ -41,9 +38,7 @@ protected:
     // file object of the stack location.
     embedded::IrpBuilder Request(HANDLE Handle, ULONG InfoClass, const void *Information, ULONG Length,
                                  PFILE_OBJECT Target = nullptr) {
-        embedded::IrpBuilder Builder;
-        Builder.MajorFunction = IRP_MJ_SET_INFORMATION;
-        Builder.FileObject = FileObject(Handle);
+        embedded::IrpBuilder Builder = Plain(IRP_MJ_SET_INFORMATION, FileObject(Handle));
         Builder.SystemBuffer = const_cast<void *>(Information);
         Builder.Fill = [=](PIO_STACK_LOCATION Stack) {
             Stack->Parameters.SetFile.Length = Length;
@@ -91,17 +86,6 @@ protected:
     std::u16string PathOf(HANDLE Handle) {
         const UNICODE_STRING &Path = Fcb(Handle)->FullPath;
         return {Path.Buffer, Path.Length / sizeof(WCHAR)};
-    }
-    // The last call of that kind.
-    providers::Call Last(Slot Operation) {
-        providers::Call Found;
-        for (const providers::Call &Each : Provider.CallRecords()) {
-            if (Each.Operation == Operation) {
-                Found = Each;
-            }
-        }
-        EXPECT_EQ(Found.Operation, Operation) << "no such call";
-        return Found;
     }
 };
 

@@ -143,7 +143,7 @@ TEST_F(Setting, OfShortBuffersIsRefusedBeforeAnybodyReadsThem) {
 }
 
 TEST_F(Setting, OtherClassesAreNotKnownAndLinksAreNotOffered) {
-    Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 1}}});
+    StartTracing(1);
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", ForChange);
     const std::vector<UCHAR> Zeros(200);
     Provider.ClearCalls();
@@ -160,26 +160,26 @@ TEST_F(Setting, OtherClassesAreNotKnownAndLinksAreNotOffered) {
     }
     EXPECT_EQ(Send(Handle, 0xFFFFFFFF, Zeros.data(), 200), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(CallNames(), Calls{});
-    EXPECT_NE(Printed.find("SetFileInformation Error: Invalid Level 0x5\n"), std::string::npos);
-    EXPECT_NE(Printed.find("SetFileInformation Error: Invalid Level 0xFFFFFFFF\n"), std::string::npos);
+    EXPECT_TRUE(WasPrinted("SetFileInformation Error: Invalid Level 0x5\n"));
+    EXPECT_TRUE(WasPrinted("SetFileInformation Error: Invalid Level 0xFFFFFFFF\n"));
 }
 
 TEST_F(Setting, TheDeviceItselfHasNothingToSet) {
-    Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 128}}});
+    StartTracing(128);
     const HANDLE Handle = MustOpen(u"", {.Access = FILE_READ_DATA | SYNCHRONIZE});
     const FILE_BASIC_INFORMATION Basic = {};
     EXPECT_EQ(Send(Handle, FileBasicInformation, &Basic, sizeof(Basic)), STATUS_INVALID_PARAMETER);
-    EXPECT_NE(Printed.find("Error: Attempted to set info on a device.\n"), std::string::npos);
+    EXPECT_TRUE(WasPrinted("Error: Attempted to set info on a device.\n"));
 }
 
 TEST_F(Setting, ACancelledRequestIsCompletedAndChangesNothing) {
-    Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 128}}});
+    StartTracing(128);
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", ForChange);
     const UCHAR Delete = 1;
     embedded::IrpBuilder Cancelled = Request(Handle, FileDispositionInformation, &Delete, 1);
     Cancelled.CancelledBefore = true;
     EXPECT_EQ(embedded::SendIrpAndWait(Device(), Cancelled).Status, STATUS_CANCELLED);
-    EXPECT_NE(Printed.find("NtFsdSetInformation() called with a cancelled Irp\n"), std::string::npos);
+    EXPECT_TRUE(WasPrinted("NtFsdSetInformation() called with a cancelled Irp\n"));
     EXPECT_FALSE(Fcb(Handle)->OpenFlags & FCB_STATE_DELETE_DISPOSITION);
 }
 

@@ -58,7 +58,7 @@ TEST_F(Strings, ACopyThatGetsNoMemoryIsEmptyAndSaysSo) {
     EXPECT_EQ(Copy->Buffer, nullptr);
     EXPECT_EQ(Copy->Length, 0);
     EXPECT_EQ(Copy->MaximumLength, 0);
-    EXPECT_NE(Printed.find("[RVFSD] NtFsdUpdateUnicodeString alloc for 8 bytes failed.\n"), std::string::npos);
+    EXPECT_TRUE(WasPrinted("[RVFSD] NtFsdUpdateUnicodeString alloc for 8 bytes failed.\n"));
 }
 
 TEST_F(Strings, ACopyBeyondASixteenBitSizeIsRefusedBeforeItTouchesTheDestination) {

@@ -159,6 +159,22 @@ std::string DriverFixture::ReadAll(HANDLE Handle, ULONG Length) {
     return Text;
 }
 
+void DriverFixture::StartTracing(ULONG Mask, ULONG EnableDebug) {
+    Start({.Switches = {{u"EnableDebug", EnableDebug}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", Mask}}});
+    embedded::Clock::Settle();
+}
+
+providers::Call DriverFixture::Last(Slot Operation) {
+    providers::Call Found;
+    for (const providers::Call &Each : Provider.CallRecords()) {
+        if (Each.Operation == Operation) {
+            Found = Each;
+        }
+    }
+    EXPECT_EQ(Found.Operation, Operation) << "no such call";
+    return Found;
+}
+
 void DriverFixture::ExpectPrintedInOrder(std::initializer_list<const char *> Lines) {
     size_t At = 0;
     for (const char *Line : Lines) {

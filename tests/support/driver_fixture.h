@@ -36,6 +36,9 @@ struct Open {
     bool CheckParameters = true;
 };
 
+inline constexpr Open AsDirectory = {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE,
+                                     .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT};
+
 // The result of a read or write.
 struct Transfer {
     NTSTATUS Status;
@@ -53,6 +56,15 @@ struct StartOptions {
 
 class DriverFixture : public testing::Test {
 protected:
+    using Calls = std::vector<std::string>;
+    using Slot = providers::Slot;
+
+    static constexpr Open AsDirectory = test::AsDirectory;
+    // Makes a directory, which the driver does not open for that.
+    static constexpr Open MakingADirectory = {
+        .Access = AsDirectory.Access, .Disposition = FILE_CREATE, .Options = AsDirectory.Options};
+    static constexpr Open Writer = {.Access = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE};
+
     DriverFixture();
     ~DriverFixture() override;
 
@@ -86,10 +98,24 @@ protected:
     PFCB Fcb(HANDLE Handle);
     PINSTANCE_CONTEXT Instance(HANDLE Handle);
 
+    // Traces of the categories Mask go to Printed. The driver's threads have said what they say at start.
+    void StartTracing(ULONG Mask, ULONG EnableDebug = 1);
+    bool WasPrinted(std::string_view Text) const {
+        return Printed.find(Text) != std::string::npos;
+    }
     // Each of these stands in what the driver printed, behind the one before it.
     void ExpectPrintedInOrder(std::initializer_list<const char *> Lines);
 
-    // Names of the Provider calls since the last ClearCalls.
+    // A request that carries nothing but its file object.
+    static embedded::IrpBuilder Plain(UCHAR MajorFunction, PFILE_OBJECT File) {
+        embedded::IrpBuilder Builder;
+        Builder.MajorFunction = MajorFunction;
+        Builder.FileObject = File;
+        return Builder;
+    }
+
+    // The last call of that kind since the last ClearCalls, and the names of all.
+    providers::Call Last(Slot Operation);
     std::vector<std::string> CallNames() {
         return Provider.CallNames();
     }
