@@ -37,16 +37,12 @@ inline constexpr ULONG AllFaultKinds = FaultBit(FaultKind::TryAcquire) - 1;
 
 struct FaultPlan {
     enum class Mode {
-        Nth,           // the Nth call of the kinds fails (1 is the next one)
-        NthAndAfter,   // ... and every one after it
-        EachStackOnce, // a call fails the first time its calling stack is seen
-        Random,        // PerTenThousand of the calls, from Seed
+        Nth,         // the Nth call of the kinds fails (1 is the next one)
+        NthAndAfter, // ... and every one after it
     };
     Mode How = Mode::Nth;
     ULONG Kinds = AllFaultKinds; // of FaultBit
     ULONG64 Nth = 1;
-    ULONG PerTenThousand = 600;
-    ULONG64 Seed = 1;
 };
 
 // Counts since SetFaultPlan, by kind.
@@ -57,13 +53,10 @@ struct FaultCounts {
     ULONG64 TotalFailed() const;
 };
 
-// Sets the plan and zeroes the counts. The stacks seen by EachStackOnce are kept over plans until ForgetFaultStacks:
-// an operation is run again and again until a run fails nothing new.
+// Sets the plan and zeroes the counts.
 void SetFaultPlan(const FaultPlan &Plan);
 void ClearFaultPlan();
 FaultCounts GetFaultCounts();
-SIZE_T FaultStacksSeen();
-void ForgetFaultStacks();
 
 inline std::atomic<bool> FaultsArmed{false};
 bool NTAPI DecideFault(FaultKind Kind) noexcept;

@@ -312,13 +312,6 @@ RVPSTATUS Framework::Create(const GUID *Clsid, PVOID Outer, const GUID *Iid, PVO
         Before();
         Hold.lock();
     }
-    if (Mine.BlockIn != 0 && --Mine.BlockIn == 0) {
-        Mine.Holding = true;
-        Mine.Blocked++;
-        Changed_.notify_all();
-        Changed_.wait(Hold, [&] { return !Mine.Holding; });
-        Mine.Blocked--;
-    }
     RVPSTATUS Status = RVPSTATUS::Success;
     bool WithObject = true;
     for (auto Fault = Mine.Faults.begin(); Fault != Mine.Faults.end();) {
@@ -387,23 +380,6 @@ void Framework::AnswerCreate(FrameworkClass Class, RVPSTATUS Status, unsigned Nt
 void Framework::BeforeCreate(FrameworkClass Class, std::function<void()> Action) {
     std::lock_guard Hold(Books_);
     State(Class).Before = std::move(Action);
-}
-
-void Framework::BlockCreate(FrameworkClass Class, unsigned Nth) {
-    std::lock_guard Hold(Books_);
-    State(Class).BlockIn = Nth;
-}
-
-bool Framework::WaitUntilBlocked(FrameworkClass Class) {
-    std::unique_lock Hold(Books_);
-    return Changed_.wait_for(Hold, std::chrono::seconds(10), [&] { return State(Class).Blocked != 0; });
-}
-
-void Framework::UnblockCreate(FrameworkClass Class) {
-    std::lock_guard Hold(Books_);
-    State(Class).BlockIn = 0;
-    State(Class).Holding = false;
-    Changed_.notify_all();
 }
 
 void Framework::FailAllocate(unsigned Nth) {

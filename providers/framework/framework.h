@@ -11,7 +11,6 @@
 #include "provider/framework.h"
 
 #include <atomic>
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <map>
@@ -64,11 +63,6 @@ public:
     void AnswerCreate(FrameworkClass Class, RVPSTATUS Status, unsigned Nth = 1);
     // Runs Action in the thread of the next creation, before it; once.
     void BeforeCreate(FrameworkClass Class, std::function<void()> Action);
-    // Holds the creation in its thread until UnblockCreate.
-    void BlockCreate(FrameworkClass Class, unsigned Nth = 1);
-    // FALSE when no creation of the class came to be blocked within ten seconds.
-    bool WaitUntilBlocked(FrameworkClass Class);
-    void UnblockCreate(FrameworkClass Class);
     void FailAllocate(unsigned Nth = 1);
     // With StoreHandle the failing operation leaves a live handle behind, which its caller must destroy.
     void FailCreateMutex(RVPSTATUS Status, bool StoreHandle = false);
@@ -106,9 +100,6 @@ private:
         unsigned Creates = 0;
         std::vector<CreateFault> Faults;
         std::function<void()> Before;
-        unsigned BlockIn = 0; // the creation to hold, counted down; 0 = none
-        unsigned Blocked = 0;
-        bool Holding = false;
     };
     struct Block {
         SIZE_T Size;
@@ -162,7 +153,6 @@ private:
 
     // Guarded by Books_.
     mutable std::mutex Books_;
-    std::condition_variable Changed_;
     ClassState Classes_[FrameworkClassCount];
     std::vector<std::string> Log_;
     std::vector<std::string> Violations_;

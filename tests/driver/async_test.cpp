@@ -329,14 +329,6 @@ TEST_F(Async, AMissingThreadIsMadeUpForByTheNextPost) {
     EXPECT_EQ(Second.Wait().Status, STATUS_SUCCESS);
 }
 
-TEST_F(Async, AControlThatIsPostedIsRefusedByTheWorker) {
-    embedded::IrpBuilder Builder = Plain(IRP_MJ_FILE_SYSTEM_CONTROL, FileObject(Handle));
-    Builder.Fill = [](PIO_STACK_LOCATION Stack) {
-        Stack->Parameters.FileSystemControl.FsControlCode = FSCTL_GET_COMPRESSION;
-    };
-    EXPECT_EQ(Post(Builder).Wait().Status, STATUS_INVALID_DEVICE_REQUEST);
-}
-
 // ---- Closing, shutting down
 
 TEST_F(Async, AProcessEndsWithRequestsInFlightAndItsMemoryGone) {
@@ -375,22 +367,6 @@ TEST_F(Async, APostedCloseLetsOtherCreatesGoOn) {
     Close(MustOpen(u"\\srv\\vol\\b.txt"));
     Busy.Release();
     EXPECT_EQ(Closing.Wait().Status, STATUS_SUCCESS);
-}
-
-TEST_F(Async, AHandleThatIsClosedWithRequestsInFlightIsClosedAfterThem) {
-    const PFCB File = Fcb(Handle);
-    BusyFile Busy(File);
-    std::vector<SentIrp> Posted;
-    for (size_t Index = 0; Index < 3; ++Index) {
-        Posted.push_back(Post(ReadAt(Index)));
-    }
-    std::thread Closing([this] { Close(std::exchange(Handle, nullptr)); });
-    Busy.Release();
-    Closing.join();
-    for (SentIrp &Each : Posted) {
-        EXPECT_EQ(Each.Wait().Status, STATUS_SUCCESS);
-    }
-    EXPECT_STREQ(Bytes, "012");
 }
 
 TEST_F(Async, AShutdownServesWhatIsQueuedAndOutlivesEveryWorker) {

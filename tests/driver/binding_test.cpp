@@ -1,7 +1,5 @@
 // Binding to the component framework on the first request, and the class that the driver publishes.
 
-#include <thread>
-
 #include "frame/driver.h"
 #include "provider/binding.h"
 #include "provider/class_factory.h"
@@ -107,36 +105,6 @@ TEST_F(Binding, ARequestThatTheFrameworkSendsMeanwhileIsRefusedAndBindsNothing) 
         EXPECT_EQ(Framework->CreateCount(Each.Class), 1u);
     }
     EXPECT_EQ(FirstRequest(), Served);
-}
-
-using ConcurrentBinding = Binding;
-
-TEST_F(ConcurrentBinding, ARequestThatComesMeanwhileSharesTheOutcome) {
-    for (const bool Fails : {false, true}) {
-        Start();
-        Framework->BlockCreate(Class::Quillon);
-        if (Fails) {
-            Framework->FailCreate(Class::Provider, RVPSTATUS::NoSuchClass);
-        }
-        NTSTATUS Statuses[2] = {};
-        std::thread First([&] { Statuses[0] = FirstRequest(); });
-        ASSERT_TRUE(Framework->WaitUntilBlocked(Class::Quillon));
-        std::thread Second([&] { Statuses[1] = FirstRequest(); });
-        for (int Turns = 0; Turns < 1000; ++Turns) {
-            std::this_thread::yield();
-        }
-        Framework->UnblockCreate(Class::Quillon);
-        First.join();
-        Second.join();
-        for (const NTSTATUS Each : Statuses) {
-            EXPECT_EQ(Each, Fails ? STATUS_UNSUCCESSFUL : Served);
-        }
-        EXPECT_EQ(Framework->CreateCount(Class::Quillon), 1u);
-        if (Fails) {
-            Forget();
-        }
-        Stop();
-    }
 }
 
 // ---- The published class

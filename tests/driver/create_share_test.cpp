@@ -139,20 +139,6 @@ TEST_F(SharedOpens, SucceedWithoutAClaimWhenTheClaimIsRefusedAtTheEnd) {
 
 // ---- What a second open may do
 
-TEST_F(SharedOpens, CannotCreateWhatIsOpen) {
-    const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt");
-    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
-    Provider.ClearCalls();
-    ExpectRefused(u"\\srv\\vol\\a.txt", With({}, FILE_CREATE, N), STATUS_OBJECT_NAME_COLLISION, FILE_EXISTS);
-    ExpectRefused(u"\\srv\\vol\\docs", With(AsDirectory, FILE_CREATE), STATUS_OBJECT_NAME_COLLISION, FILE_EXISTS);
-    EXPECT_EQ(Provider.CountCalls(Slot::CreateDirectory), 0u);
-    for (const Call &Each : Provider.CallRecords()) {
-        EXPECT_FALSE(IsRealOpen(Each));
-    }
-    EXPECT_EQ(Fcb(File)->OpenCount, 1u);
-    EXPECT_EQ(Fcb(Directory)->OpenCount, 1u);
-}
-
 TEST_F(SharedOpens, AreWhatTheFirstOneWas) {
     // The objects change places at the server; who has them open still has what he opened.
     const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt");
@@ -203,19 +189,6 @@ TEST_F(SharedOpens, OfARefusedSizeDoNotTakeItOver) {
     ExpectRefused(u"\\srv\\vol\\a.txt", With(ForDelete, FILE_OPEN, FILE_DELETE_ON_CLOSE), STATUS_CANNOT_DELETE,
                   FILE_SUPERSEDED);
     EXPECT_EQ(Fcb(First)->Header.FileSize.QuadPart, 10);
-}
-
-TEST_F(SharedOpens, KeepTheLocksOfTheFirst) {
-    const HANDLE First = MustOpen(u"\\srv\\vol\\a.txt");
-    LARGE_INTEGER At = {};
-    LARGE_INTEGER Length = {.QuadPart = 4};
-    IO_STATUS_BLOCK IoStatus;
-    ASSERT_EQ(NtLockFile(First, nullptr, nullptr, nullptr, &IoStatus, &At, &Length, 0, TRUE, TRUE), STATUS_SUCCESS);
-    const HANDLE Second = MustOpen(u"\\srv\\vol\\a.txt");
-    Provider.OnCall(Slot::CreateFile, IsRealOpen).Return(ProviderError(0x0006));
-    Try(u"\\srv\\vol\\a.txt");
-    EXPECT_EQ(NtLockFile(Second, nullptr, nullptr, nullptr, &IoStatus, &At, &Length, 0, TRUE, TRUE),
-              STATUS_LOCK_NOT_GRANTED);
 }
 
 // ---- Opens that fail while others wait for them

@@ -263,21 +263,6 @@ TEST_F(Creates, MapFailuresOfTheFileOpen) {
     }
 }
 
-TEST_F(Creates, KeepNothingOfAnOpenThatSucceededWithANoteThatIsAFailure) {
-    for (const Slot Operation : {Slot::CreateFile, Slot::OpenDirectory}) {
-        for (const ULONG Raw : {0x80000007u, 0x80000505u}) {
-            Provider.OnCall(Operation).ReturnAfter(static_cast<RVSTATUS>(Raw));
-            for (const ULONG Disposition : Any) {
-                EXPECT_FALSE(NT_SUCCESS(Try(u"\\srv\\vol\\a.txt", With({}, Disposition)).Status) &&
-                             Operation == Slot::CreateFile);
-                Try(u"\\srv\\vol\\docs", With(AsDirectory, Disposition));
-                ExpectNothingOpen("a note");
-            }
-            Provider.ClearScript();
-        }
-    }
-}
-
 TEST_F(Creates, TellAMissingParentFromAMissingName) {
     for (const ULONG Flags : {0u, D, N}) {
         for (const ULONG Disposition : {FILE_OPEN, FILE_OVERWRITE}) {

@@ -230,13 +230,6 @@ TEST_F(LogFile, IsOverwrittenFromItsStartOrDeletedFirst) {
     }
 }
 
-TEST_F(LogFile, IsNotWrittenWithoutItsSwitch) {
-    Boot(0);
-    MustLoad();
-    Pass100ms(3);
-    EXPECT_EQ(Log(), "(none)");
-}
-
 TEST_F(LogFile, AnOpenThatFailsIsTriedAgainEvery100ms) {
     Boot(1);
     embedded::FailNext(embedded::VolumeOperation::Create, STATUS_ACCESS_DENIED, 3);

@@ -154,25 +154,6 @@ TEST_F(Locks, ALockThatIsUnlockedBeforeTheServerHeardOfItIsCancelled) {
     }
 }
 
-// A library that began to queue a request and ended it again says pending, though it has called the completion routine
-// in the request's own thread.
-TEST_F(Locks, ALockThatIsEndedWhileItIsQueuedIsCompletedOnce) {
-    EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
-    LARGE_INTEGER Length = {.QuadPart = 4};
-    embedded::IrpBuilder Builder = Request(Second, IRP_MN_LOCK, 2, &Length);
-    Builder.CancelledBefore = true;
-    embedded::SentIrp Ended = embedded::SendIrp(Device(), Builder);
-    EXPECT_EQ(Ended.Returned(), STATUS_PENDING);
-    ASSERT_TRUE(Ended.IsCompleted());
-    EXPECT_EQ(Ended.Wait().Status, STATUS_CANCELLED);
-}
-
-TEST_F(Locks, ALockThatMayWaitIsRefusedAtOnceWhenItsRangeWraps) {
-    LARGE_INTEGER Length = {.QuadPart = 100};
-    EXPECT_EQ(Wait(First, -10, &Length).Wait().Status, STATUS_INVALID_LOCK_RANGE);
-    EXPECT_EQ(ServerLocks(), Calls{});
-}
-
 TEST_F(Locks, ACancelledWaitNeverReachesTheServer) {
     EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
     LARGE_INTEGER Length = {.QuadPart = 4};

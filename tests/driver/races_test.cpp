@@ -425,28 +425,34 @@ TEST_F(QueueRaces, ShutdownAgainstAPost) {
 
 class BindingRaces : public Racing<test::FrameFixture> {};
 
-TEST_F(BindingRaces, FirstBindingByTwoRequests) {
+TEST_F(BindingRaces, TwoFirstRequestsShareTheOutcomeOfOneBinding) {
     Begin();
     NTSTATUS First = STATUS_SUCCESS, Second = STATUS_SUCCESS;
     const auto Ask = [&] { return Send(Plain(IRP_MJ_DEVICE_CONTROL, nullptr)).Status; };
-    MustPass({"first binding by two requests",
-              [&] {
-                  // Only a test lets the driver try again.
-                  NtFsdReleaseSecurityContextInterface();
-                  NtFsdReleaseProviderInterfaces();
-                  NtFsdReleaseRvplInterface();
-                  g_bFrameworkBindFailed = 0;
-                  g_bFrameworkBound = 0;
-                  Framework->ClearLog();
-              },
-              {[&] { First = Ask(); }, [&] { Second = Ask(); }},
-              [&]() -> std::string {
-                  if (First != STATUS_INVALID_DEVICE_REQUEST || Second != STATUS_INVALID_DEVICE_REQUEST) {
-                      return Wrong("the first", First) + Wrong(", the second", Second);
-                  }
-                  const size_t Asked = Framework->Log().size();
-                  return Asked == 5 ? "" : fmt::format("{} classes asked for", Asked);
-              }});
+    for (const bool Fails : {true, false}) {
+        MustPass({"first binding by two requests",
+                  [&] {
+                      // Only a test lets the driver try again.
+                      NtFsdReleaseSecurityContextInterface();
+                      NtFsdReleaseProviderInterfaces();
+                      NtFsdReleaseRvplInterface();
+                      g_bFrameworkBindFailed = 0;
+                      g_bFrameworkBound = 0;
+                      Framework->ClearLog();
+                      if (Fails) {
+                          Framework->FailCreate(Class::Provider, RVPSTATUS::NoSuchClass);
+                      }
+                  },
+                  {[&] { First = Ask(); }, [&] { Second = Ask(); }},
+                  [&]() -> std::string {
+                      const NTSTATUS Expected = Fails ? STATUS_UNSUCCESSFUL : STATUS_INVALID_DEVICE_REQUEST;
+                      if (First != Expected || Second != Expected) {
+                          return Wrong("the first", First) + Wrong(", the second", Second);
+                      }
+                      const size_t Asked = Framework->Log().size();
+                      return Asked == (Fails ? 4u : 5u) ? "" : fmt::format("{} classes asked for", Asked);
+                  }});
+    }
 }
 
 } // namespace

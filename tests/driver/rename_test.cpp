@@ -83,16 +83,6 @@ TEST_F(Renaming, ADirectoryThatWasCreatedButNotOpenedMovesItself) {
     EXPECT_EQ(Provider.Attributes(u"\\srv\\vol\\d") & RV_ATTR_READONLY, 0u);
 }
 
-TEST_F(Renaming, IntoAnotherVolumeIsRefusedByTheServerAndChangesNothing) {
-    Provider.AddFile(u"\\srv\\other\\x.txt");
-    Provider.Edit([](providers::Tree &Tree) { Tree.AddVolume(u"\\srv\\vol2"); });
-    const HANDLE Handle = OpenFile();
-    EXPECT_EQ(Rename(Handle, u"\\srv\\vol2\\a.txt"), STATUS_NOT_SAME_DEVICE);
-    EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
-    EXPECT_EQ(std::u16string(Instance(Handle)->PathLeft), u"a.txt");
-    EXPECT_EQ(ReadAll(Handle), "0123456789");
-}
-
 TEST_F(Renaming, ThatTheServerFailsLeavesNameAndKey) {
     const HANDLE File = OpenFile();
     const HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
@@ -293,16 +283,6 @@ TEST_F(Renaming, DeleteOnCloseFollowsTheFile) {
     Close(Handle);
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\d\\b.txt"));
     EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\a.txt"));
-}
-
-// The directory that was opened as the target may itself be renamed before the rename arrives.
-TEST_F(Renaming, TheNewPathIsTheTargetDirectorysPathOfNow) {
-    const HANDLE Handle = OpenFile();
-    const HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
-    const HANDLE Target = OpenTarget(u"\\srv\\vol\\d\\new.txt");
-    EXPECT_EQ(Rename(Directory, u"\\srv\\vol\\e"), STATUS_SUCCESS);
-    EXPECT_EQ(RenameThrough(Handle, Target), STATUS_SUCCESS);
-    ExpectNamed(Handle, u"\\srv\\vol\\e\\new.txt");
 }
 
 TEST_F(Renaming, OpensBelowTheTargetOutliveItsHandle) {

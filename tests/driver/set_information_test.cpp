@@ -172,17 +172,6 @@ TEST_F(Setting, TheDeviceItselfHasNothingToSet) {
     EXPECT_TRUE(WasPrinted("Error: Attempted to set info on a device.\n"));
 }
 
-TEST_F(Setting, ACancelledRequestIsCompletedAndChangesNothing) {
-    StartTracing(128);
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", ForChange);
-    const UCHAR Delete = 1;
-    embedded::IrpBuilder Cancelled = Request(Handle, FileDispositionInformation, &Delete, 1);
-    Cancelled.CancelledBefore = true;
-    EXPECT_EQ(embedded::SendIrpAndWait(Device(), Cancelled).Status, STATUS_CANCELLED);
-    EXPECT_TRUE(WasPrinted("NtFsdSetInformation() called with a cancelled Irp\n"));
-    EXPECT_FALSE(Fcb(Handle)->OpenFlags & FCB_STATE_DELETE_DISPOSITION);
-}
-
 TEST_F(Setting, OnABusyFileIsPendingAndDone) {
     Start({.Switches = {{u"EnableAsyncIo", 1}}});
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", {.Access = ForChange.Access & ~SYNCHRONIZE, .Options = 0});

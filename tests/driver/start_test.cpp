@@ -74,15 +74,6 @@ TEST_F(DriverStart, ASwitchIsOnWhenItIsNotZeroAndMovesNoOther) {
     }
 }
 
-TEST_F(DriverStart, AValueOfEightBytesIsIgnored) {
-    Start({.StartsTheDriver = false});
-    SetValue(u"FailDeleteInUseWorkaround", REG_BINARY, {0, 0, 0, 0, 0, 0, 0, 0});
-    SetValue(u"EnableAsyncIo", REG_BINARY, {1, 0, 0, 0, 0, 0, 0, 0});
-    ASSERT_EQ(Load(), STATUS_SUCCESS);
-    EXPECT_EQ(g_bFailDeleteInUseWorkaround, TRUE);
-    EXPECT_EQ(g_bEnableAsyncIo, FALSE);
-}
-
 TEST_F(DriverStart, AServiceValueIsCopiedUpToFourBytesWhateverItsType) {
     struct ValueCase {
         const char16_t *Name;
@@ -118,7 +109,7 @@ TEST_F(DriverStart, AServiceValueIsCopiedUpToFourBytesWhateverItsType) {
 
 // ---- What stands after the start
 
-TEST_F(DriverStart, TheDeviceIsAnUnnamedNetworkFileSystem) {
+TEST_F(DriverStart, TheDeviceIsAnUnnamedNetworkFileSystemWithARegisteredNameAndALink) {
     Start();
     const PDEVICE_OBJECT Device = DriverStart::Device();
     ASSERT_EQ(Device, g_pDeviceObject);
@@ -132,10 +123,6 @@ TEST_F(DriverStart, TheDeviceIsAnUnnamedNetworkFileSystem) {
     EXPECT_EQ(Kernel().Driver()->DriverUnload, nullptr);
     EXPECT_EQ(g_uInitStage, 8u);
     EXPECT_EQ(g_bDriverEntryDone, 1);
-}
-
-TEST_F(DriverStart, ItRegistersItsNameAndLinksToIt) {
-    Start();
     const auto Registered = embedded::RegisteredUncProviders();
     ASSERT_EQ(Registered.size(), 1u);
     EXPECT_EQ(Registered[0].DeviceName, u"\\Device\\RvFsd");
