@@ -268,17 +268,6 @@ TEST_F(FileLocks, WaitingRequestsAreGrantedInOrderWhenTheRangeGoesFree) {
     EXPECT_EQ(WaitingFileLocks(&Table_), 0u);
 }
 
-TEST_F(FileLocks, ALockWhoseCompletionFailsIsTakenBack) {
-    Request &Refused = Prepare(IRP_MN_LOCK, A_, 0, 10, Exclusive);
-    Refused.Answer = STATUS_ACCESS_DENIED;
-    Request &Next = Prepare(IRP_MN_LOCK, B_, 5, 1, Exclusive);
-    // While the first one is being decided it holds the range: the second has to wait for the refusal.
-    Refused.OnCompletion = [&] { EXPECT_EQ(Process(Next), STATUS_PENDING); };
-    EXPECT_EQ(Process(Refused), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(Next.Completions, 1);
-    EXPECT_EQ(Starts(), std::vector<LONGLONG>{5});
-}
-
 TEST_F(FileLocks, ACompletionMayUseTheTable) {
     Request &Own = Prepare(IRP_MN_LOCK, A_, 0, 10, Exclusive);
     Own.OnCompletion = [&] {
@@ -290,13 +279,6 @@ TEST_F(FileLocks, ACompletionMayUseTheTable) {
     Own.Answer = STATUS_UNSUCCESSFUL;
     EXPECT_EQ(Process(Own), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(Starts().size(), 1u);
-}
-
-TEST_F(FileLocks, AnUnknownMinorFunctionIsRefusedWithoutTheCompletionRoutine) {
-    Request &Strange = Prepare(9, A_, 0, 10);
-    EXPECT_EQ(Process(Strange), STATUS_INVALID_DEVICE_REQUEST);
-    EXPECT_EQ(Strange.Completions, 0);
-    EXPECT_EQ(Strange.Sent->Wait().Status, STATUS_INVALID_DEVICE_REQUEST);
 }
 
 TEST_F(FileLocks, TheWalkGoesOnWhenLocksComeAndGo) {

@@ -1,7 +1,5 @@
 #include "embedded/io.h"
 
-#include <thread>
-
 #include "embedded/io_objects.h"
 #include "embedded/ob.h"
 #include "embedded/ps.h"
@@ -66,22 +64,6 @@ TEST_F(IoRequestTest, WhatMakesARequestSynchronous) {
         SendIrpAndWait(TheDevice, Builder);
         EXPECT_EQ(Synchronous, Case.Synchronous) << Case.IrpFlags << " " << Case.FileFlags;
         DereferenceFileObject(File);
-    }
-}
-
-TEST_F(IoRequestTest, CompletionAndCancelFromTwoThreadsMeetOnce) {
-    for (int Round = 0; Round < 200; ++Round) {
-        PIRP Waiting = nullptr;
-        Handlers[IRP_MJ_READ] = [&](PIRP Irp) {
-            IoMarkIrpPending(Irp);
-            Waiting = Irp;
-            return STATUS_PENDING;
-        };
-        SentIrp Sent = SendIrp(TheDevice, Request(IRP_MJ_READ));
-        std::thread Server([&] { Complete(Waiting, STATUS_SUCCESS, 1); });
-        Sent.Cancel();
-        EXPECT_EQ(Sent.Wait().Status, STATUS_SUCCESS);
-        Server.join();
     }
 }
 
@@ -373,21 +355,6 @@ TEST(KernelLifeTest, EachKernelStartsFresh) {
     Kernel Running;
     EXPECT_FALSE(QueryRegistryValue(kServiceKey, u"EnableAsyncIo"));
     EXPECT_EQ(Running.Device(), nullptr);
-}
-
-TEST(KernelLifeTest, OpenFilesAreCleanedUpAndClosedAtTheEnd) {
-    Kernel Running;
-    Handlers = {};
-    ASSERT_EQ(Running.LoadDriver(DriverEntry, u"RVFSD"), STATUS_SUCCESS);
-    UNICODE_STRING Name = ToUnicodeString(u"\\Device\\RvFsd\\f");
-    OBJECT_ATTRIBUTES Attributes;
-    InitializeObjectAttributes(&Attributes, &Name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-    HANDLE Handle;
-    IO_STATUS_BLOCK Iosb;
-    ASSERT_EQ(NtOpenFile(&Handle, FILE_READ_DATA, &Attributes, &Iosb, 0, 0), STATUS_SUCCESS);
-    Seen.clear();
-    EXPECT_EQ(Running.CloseOpenHandles(), 1u) << "the file, not the provider's own handle";
-    EXPECT_EQ(Seen, (std::vector<UCHAR>{IRP_MJ_CLEANUP, IRP_MJ_CLOSE}));
 }
 
 } // namespace

@@ -86,17 +86,6 @@ protected:
     std::list<Name> Names_;
 };
 
-TEST_F(PrefixTable, AnEmptyTableOwnsNothing) {
-    EXPECT_EQ(PrefixTablesInUse(), 0u);
-    EXPECT_EQ(Find(u"\\a"), u"(none)");
-    EXPECT_TRUE(Walk().empty());
-    ASSERT_TRUE(Insert(u"\\a"));
-    EXPECT_EQ(PrefixTablesInUse(), 1u);
-    Remove(u"\\a");
-    EXPECT_EQ(PrefixTablesInUse(), 0u);
-    EXPECT_EQ(Find(u"\\a"), u"(none)");
-}
-
 TEST_F(PrefixTable, ATableSetUpAgainInTheSamePlaceForgetsItsNames) {
     ASSERT_TRUE(Insert(u"\\a"));
     Table_ = {};

@@ -15,10 +15,6 @@
 namespace providers::directory {
 namespace {
 
-namespace fs = std::filesystem;
-
-constexpr ULONG ReadWrite = RV_ACCESS_READ | RV_ACCESS_WRITE;
-
 // Everything outside the export that must stay as it is.
 class BeneathTest : public DirectoryProviderTest {
 protected:

@@ -8,19 +8,12 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
-#include "provider/framework.h"
 #include "providers/directory/beneath.h"
-#include "providers/directory/names.h"
 #include "tests/providers/directory_fixture.h"
 #include "tests/support/without_override.h"
 
 namespace providers::directory {
 namespace {
-
-namespace fs = std::filesystem;
-
-constexpr ULONG ReadWrite = RV_ACCESS_READ | RV_ACCESS_WRITE;
-constexpr RVSTATUS Done = RVSTATUS::Success;
 
 // A deletion comes after its handle was closed and by name alone.
 TEST_F(DirectoryProviderTest, APendingDeletionTakesTheFileThatWasOpenedOrNone) {

@@ -15,6 +15,11 @@
 
 namespace providers::directory {
 
+namespace fs = std::filesystem;
+
+inline constexpr ULONG ReadWrite = RV_ACCESS_READ | RV_ACCESS_WRITE;
+inline constexpr RVSTATUS Done = RVSTATUS::Success;
+
 // One listed entry.
 struct Listed {
     std::u16string Name;

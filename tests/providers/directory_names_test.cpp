@@ -5,29 +5,12 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include "provider/framework.h"
-#include "providers/directory/beneath.h"
 #include "providers/directory/names.h"
 #include "tests/providers/directory_fixture.h"
 
 namespace providers::directory {
 namespace {
-
-namespace fs = std::filesystem;
-
-constexpr ULONG ReadWrite = RV_ACCESS_READ | RV_ACCESS_WRITE;
-constexpr RVSTATUS Done = RVSTATUS::Success;
-
-TEST_F(DirectoryProviderTest, NamesAreFoundInAnyCaseAndKeptAsTheyAre) {
-    fs::create_directories(Root / "Straße" / "ÄÖ");
-    Write("Straße/ÄÖ/Read Me.TXT", "umlaut");
-    EXPECT_EQ(Content(u"straße\\äö\\READ me.txt"), "umlaut");
-    EXPECT_EQ(Try(u"straße\\äö\\read me.txt", ReadWrite, RV_DISPOSITION_CREATE_NEW), Failure(0x0510));
-    EXPECT_EQ(Try(u"straße\\äö\\NEW Name", ReadWrite, RV_DISPOSITION_CREATE_NEW), Done);
-    EXPECT_TRUE(fs::exists(Root / "Straße" / "ÄÖ" / "NEW Name"));
-}
 
 TEST_F(DirectoryProviderTest, ChangesMadeElsewhereAreSeenAtOnce) {
     fs::create_directory(Root / "Dir");

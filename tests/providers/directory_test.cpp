@@ -4,22 +4,13 @@
 #include <set>
 #include <thread>
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include "provider/framework.h"
-#include "providers/directory/beneath.h"
-#include "providers/directory/names.h"
 #include "tests/providers/directory_fixture.h"
 
 namespace providers::directory {
 namespace {
-
-namespace fs = std::filesystem;
-
-constexpr ULONG ReadWrite = RV_ACCESS_READ | RV_ACCESS_WRITE;
-constexpr RVSTATUS Done = RVSTATUS::Success;
 
 TEST(DirectoryStatus, EveryErrorNumberGivesAnError) {
     EXPECT_EQ(StatusFromErrno(0), Done);
@@ -163,15 +154,6 @@ TEST_F(DirectoryProviderTest, OutcomesOfOpening) {
     EXPECT_EQ(MakeFolder(u"DIR"), Failure(0x0510));
     EXPECT_EQ(MakeFolder(u"nodir\\x"), Failure(0x0503));
     EXPECT_EQ(Try(u"\\srv\\vol\\file"), Failure(0x0503)) << "with a base handle a path is relative";
-}
-
-TEST_F(DirectoryProviderTest, AbsolutePathsWorkWithoutABase) {
-    Write("file", "text");
-    RVHANDLE Handle = 0;
-    EXPECT_EQ(Table->RVFsdCreateFile(Fsd, nullptr, 0, u"\\SRV\\Vol\\FILE", 1, 7, 0, 0, 0, &Handle, &Action), Done);
-    Close(Handle);
-    EXPECT_EQ(Table->RVFsdCreateFile(Fsd, nullptr, 0, u"\\nosrv\\Vol\\FILE", 1, 7, 0, 0, 0, &Handle, &Action),
-              Failure(0x0517));
 }
 
 TEST_F(DirectoryProviderTest, DataGoesWhereItIsToldAndSizesFollow) {

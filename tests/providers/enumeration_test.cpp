@@ -6,9 +6,6 @@
 namespace providers::directory {
 namespace {
 
-namespace fs = std::filesystem;
-
-constexpr RVSTATUS Done = RVSTATUS::Success;
 constexpr UCHAR OneBatch = 1;
 
 TEST_F(DirectoryProviderTest, EntriesThatWillNotBeLookedAtAreListedWithWhatIsKnown) {

@@ -82,14 +82,6 @@ TEST_F(FrameworkTest, AReleaseTooManyAndAUseAfterTheLastOneAreViolations) {
                 ElementsAre("RVPL released without a reference", "slot 72 of RVPL called after its last release"));
 }
 
-TEST_F(FrameworkTest, UnknownClassesAndBadPointersAreRefused) {
-    PVOID Object = this;
-    EXPECT_EQ(ZelmCreateInstance(&IID_Rvpl, nullptr, &IID_Rvpl, &Object), RVPSTATUS::NoSuchClass);
-    EXPECT_EQ(ZelmCreateInstance(&CLSID_Rvpl, nullptr, &IID_Quillon, &Object), RVPSTATUS::NoSuchClass);
-    EXPECT_EQ(ZelmCreateInstance(&CLSID_Rvpl, this, &IID_Rvpl, &Object), RVPSTATUS::BadPointer);
-    EXPECT_EQ(ZelmCreateInstance(&CLSID_Rvpl, nullptr, &IID_Rvpl, nullptr), RVPSTATUS::BadPointer);
-}
-
 TEST_F(FrameworkTest, MemoryIsCountedUnzeroedAndFailsOnDemand) {
     RVPL *Services = Rvpl();
     Frame.FailAllocate(2);

@@ -5,10 +5,6 @@
 namespace providers::directory {
 namespace {
 
-namespace fs = std::filesystem;
-
-constexpr RVSTATUS Done = RVSTATUS::Success;
-
 // Lets \srv\link and \dfs\deep lead into the export \srv\Vol.
 class Links : public DirectoryProviderTest {
 protected:
