@@ -81,7 +81,7 @@ TEST_F(Cleanup, AnswersTheRawStatusOfTheLastUnlock) {
         const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Writer);
         EXPECT_EQ(Lock(Handle, 10, 1), STATUS_SUCCESS);
         EXPECT_EQ(Lock(Handle, 20, 1), STATUS_SUCCESS);
-        Fcb(Handle)->OpenFlags |= Each.Raw == 0 ? FCB_STATE_DELETED : 0u; // which changes nothing
+        Fcb(Handle)->OpenFlags |= Each.Raw == 0 ? FCB_STATE_DELETED + 0u : 0u; // which changes nothing
         Provider.OnCall(Slot::UnlockFile).Nth(Each.Nth).ReturnAfter(static_cast<RVSTATUS>(Each.Raw));
         Provider.ClearCalls();
         const test::RequestLog Log;
@@ -193,7 +193,7 @@ TEST_F(CloseOfAnOpen, AsksTheProviderInThisOrder) {
     };
     for (const auto &Each : Cases) {
         const HANDLE Handle = MustOpen(Each.Path, Each.Request);
-        Fcb(Handle)->OpenFlags |= Each.Deletes ? FCB_STATE_DELETE_DISPOSITION : 0u;
+        Fcb(Handle)->OpenFlags |= Each.Deletes ? FCB_STATE_DELETE_DISPOSITION + 0u : 0u;
         Provider.ClearCalls();
         EXPECT_EQ(CloseStatus(Handle), STATUS_SUCCESS);
         EXPECT_EQ(Provider.CompareCalls(Each.Asked), "");
@@ -279,7 +279,7 @@ TEST_F(CloseOfAnOpen, AnswersItsFailureUnlessADeleteFollowsAndThenWhatThatMeans)
         SCOPED_TRACE(NameOf(Each.Fails));
         Provider.AddFile(u"\\srv\\vol\\a.txt", "x");
         const HANDLE Handle = MustOpen(Each.Path, Each.Path == u"\\srv\\vol\\docs" ? Directory : Deleting);
-        Fcb(Handle)->OpenFlags |= Each.Deletes ? FCB_STATE_DELETE_DISPOSITION : 0u;
+        Fcb(Handle)->OpenFlags |= Each.Deletes ? FCB_STATE_DELETE_DISPOSITION + 0u : 0u;
         Provider.OnCall(Each.Fails).Return(ProviderError(Each.Code));
         EXPECT_EQ(CloseStatus(Handle), Each.Status) << std::hex << Each.Code;
         EXPECT_EQ(FcbPrefixCount, 0u);

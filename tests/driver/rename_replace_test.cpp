@@ -120,7 +120,7 @@ TEST_F(Replacing, InDoubtDeletesNothing) {
         SCOPED_TRACE(Each.What);
         const HANDLE Target = OpenTarget(u"\\srv\\vol\\b.txt");
         Provider.Edit([&](providers::Tree &Tree) {
-            Tree.FindVolume(u"\\srv\\vol")->Flags = Each.Identified ? RV_VOLUME_IDENTIFIER_VALID : 0u;
+            Tree.FindVolume(u"\\srv\\vol")->Flags = Each.Identified ? RV_VOLUME_IDENTIFIER_VALID + 0u : 0u;
         });
         providers::Rule &Rule = Provider.OnCall(Each.Question).Return(Each.Answer);
         if (Each.Nth != 0) {
