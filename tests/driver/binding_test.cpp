@@ -23,24 +23,21 @@ protected:
     }
 };
 
-TEST_F(Binding, HappensOnceWithTheFirstRequestInItsOrder) {
+TEST_F(Binding, HappensOnceWithTheFirstRequestAfterTheStartInItsOrder) {
     Start();
+    g_bDriverEntryDone = 0;
+    EXPECT_EQ(FirstRequest(), STATUS_UNSUCCESSFUL) << "the start has not finished";
     EXPECT_EQ(Framework->Log(), Lines{});
+    g_bDriverEntryDone = 1;
+    NTSTATUS Within = STATUS_SUCCESS; // of a request that the framework sends meanwhile
+    Framework->BeforeCreate(Class::Quillon, [&] { Within = FirstRequest(); });
     EXPECT_EQ(FirstRequest(), Served);
+    EXPECT_EQ(Within, STATUS_UNSUCCESSFUL);
     EXPECT_EQ(Framework->Log(),
               (Lines{"create RVPL -> 0x00000000", "create Transport -> 0x00000000", "create Quillon -> 0x00000000",
                      "create Provider -> 0x00000000", "create SecurityContext -> 0x00000000"}));
     EXPECT_EQ(FirstRequest(), Served);
     EXPECT_EQ(Framework->Log().size(), 5u);
-}
-
-TEST_F(Binding, BeforeTheStartHasFinishedIsRefusedAndDoesNotCount) {
-    Start();
-    g_bDriverEntryDone = 0;
-    EXPECT_EQ(FirstRequest(), STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(Framework->Log(), Lines{});
-    g_bDriverEntryDone = 1;
-    EXPECT_EQ(FirstRequest(), Served);
 }
 
 struct FailedClass {
@@ -93,18 +90,6 @@ TEST_F(Binding, TakesANoteForSuccessWhereOnlyAnErrorFails) {
         Forget();
         Stop();
     }
-}
-
-TEST_F(Binding, ARequestThatTheFrameworkSendsMeanwhileIsRefusedAndBindsNothing) {
-    Start();
-    NTSTATUS Within = STATUS_SUCCESS;
-    Framework->BeforeCreate(Class::Quillon, [&] { Within = FirstRequest(); });
-    EXPECT_EQ(FirstRequest(), Served);
-    EXPECT_EQ(Within, STATUS_UNSUCCESSFUL);
-    for (const FailedClass &Each : Classes) {
-        EXPECT_EQ(Framework->CreateCount(Each.Class), 1u);
-    }
-    EXPECT_EQ(FirstRequest(), Served);
 }
 
 // ---- The published class

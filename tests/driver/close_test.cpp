@@ -106,19 +106,6 @@ TEST_F(Cleanup, ALockGrantedAfterTheCleanupOfItsHandleIsGivenBack) {
     embedded::DereferenceFileObject(File);
 }
 
-TEST_F(Cleanup, AWaiterOfTheHandleItselfGetsNothingAndTheServerHearsNothingOfIt) {
-    const HANDLE Stays = MustOpen(u"\\srv\\vol\\a.txt", Writer);
-    const HANDLE Goes = MustOpen(u"\\srv\\vol\\a.txt", Writer);
-    EXPECT_EQ(Lock(Goes, 0, 10), STATUS_SUCCESS);
-    LARGE_INTEGER Length = {.QuadPart = 4};
-    embedded::SentIrp Own = Wait(Goes, 2, &Length);
-    embedded::SentIrp Other = Wait(Stays, 2, &Length);
-    Close(Goes);
-    EXPECT_EQ(Own.Wait().Status, STATUS_CANCELLED);
-    EXPECT_EQ(Other.Wait().Status, STATUS_SUCCESS);
-    EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10", "lock 2+4"}));
-}
-
 // Its completion is the last of its file object, and the close that follows takes other locks first.
 TEST_F(Cleanup, AWaiterWhoseGrantFailsIsCompletedUnderNoLock) {
     const HANDLE Owner = MustOpen(u"\\srv\\vol\\a.txt", Writer);

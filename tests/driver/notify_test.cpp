@@ -46,44 +46,37 @@ protected:
     }
 };
 
-TEST_F(Watching, ACreatedFileEndsOnlyTheWaitsForFileNames) {
-    HANDLE Directory = Watch(u"\\srv\\vol\\d");
-    {
-        SentIrp Names = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
-        SentIrp Directories = Wait(Directory, FILE_NOTIFY_CHANGE_DIR_NAME);
-        EXPECT_EQ(Names.Returned(), STATUS_PENDING);
-        EXPECT_FALSE(Names.IsCompleted());
-        MakeFile(u"\\srv\\vol\\d\\new.txt");
-        ASSERT_TRUE(Names.IsCompleted());
-        const IO_STATUS_BLOCK Answer = Names.Wait();
-        EXPECT_EQ(Answer.Status, STATUS_NOTIFY_ENUM_DIR);
-        EXPECT_EQ(Answer.Information, 0u);
-        EXPECT_FALSE(Directories.IsCompleted());
-        Close(Directory);
-        EXPECT_EQ(Directories.Wait().Status, STATUS_SUCCESS);
-    }
-}
-
-TEST_F(Watching, ADeletedFileAndACreatedDirectoryAreChangesTooAndTheTreeBelowIsNot) {
+TEST_F(Watching, WhatIsMadeOrDeletedEndsTheWaitsForFileNamesAndTheTreeBelowIsNotWatched) {
     Provider.AddFile(u"\\srv\\vol\\d\\old.txt", "");
     Provider.AddDirectory(u"\\srv\\vol\\d\\deep");
     HANDLE Directory = Watch(u"\\srv\\vol\\d");
     HANDLE Root = Watch(u"\\srv\\vol");
     {
         SentIrp Above = Wait(Root, FILE_NOTIFY_CHANGE_FILE_NAME, SL_WATCH_TREE);
-        SentIrp First = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
-        Close(MustOpen(u"\\srv\\vol\\d\\old.txt", {.Access = DELETE | SYNCHRONIZE,
-                                                   .Options = FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT}));
-        ASSERT_TRUE(First.IsCompleted());
-        EXPECT_EQ(First.Wait().Status, STATUS_NOTIFY_ENUM_DIR);
-        SentIrp Second = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
-        Close(MustOpen(u"\\srv\\vol\\d\\sub",
-                       {.Disposition = FILE_CREATE, .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT}));
-        ASSERT_TRUE(Second.IsCompleted());
+        SentIrp Directories = Wait(Directory, FILE_NOTIFY_CHANGE_DIR_NAME);
+        const std::function<void()> Changes[] = {
+            [&] { MakeFile(u"\\srv\\vol\\d\\new.txt"); },
+            [&] {
+                Close(MustOpen(
+                    u"\\srv\\vol\\d\\old.txt",
+                    {.Access = DELETE | SYNCHRONIZE, .Options = FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT}));
+            },
+            [&] { Close(MustOpen(u"\\srv\\vol\\d\\sub", MakingADirectory)); },
+        };
+        for (const auto &Change : Changes) {
+            SentIrp Names = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
+            EXPECT_EQ(Names.Returned(), STATUS_PENDING);
+            EXPECT_FALSE(Names.IsCompleted());
+            Change();
+            ASSERT_TRUE(Names.IsCompleted());
+            EXPECT_EQ(Names.Wait().Status, STATUS_NOTIFY_ENUM_DIR);
+            EXPECT_EQ(Names.Wait().Information, 0u);
+        }
         SentIrp Near = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
         MakeFile(u"\\srv\\vol\\d\\deep\\far.txt");
-        EXPECT_FALSE(Above.IsCompleted() || Near.IsCompleted());
+        EXPECT_FALSE(Above.IsCompleted() || Near.IsCompleted() || Directories.IsCompleted());
         Close(Directory);
+        EXPECT_EQ(Directories.Wait().Status, STATUS_SUCCESS);
         MakeFile(u"\\srv\\vol\\near.txt");
         EXPECT_TRUE(Above.IsCompleted());
     }
