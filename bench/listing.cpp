@@ -1,6 +1,7 @@
 // Listing a large directory: through the driver in buffers of 64 KiB, and at the Provider itself in the batches that
 // the driver asks for.
 #include <cstring>
+#include <filesystem>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -13,6 +14,7 @@
 #include <unistd.h>
 
 #include "bench/rows.h"
+#include "providers/directory/directory_provider.h"
 
 namespace bench {
 namespace {
@@ -74,8 +76,7 @@ void ThroughDriver(benchmark::State &State, ProviderKind Kind, DriverKind Driver
 }
 
 template <typename Taker>
-void ListDirect(RVHANDLE Directory, std::vector<UCHAR> &Buffer, Taker Take) {
-    RVIOM_FSD *To = Provider();
+void ListDirect(RVHANDLE Directory, std::vector<UCHAR> &Buffer, Taker Take, RVIOM_FSD *To = Provider()) {
     for (ULONG ResumeKey = 0;;) {
         ULONG Bytes = BatchBytes;
         const RVSTATUS Status =
@@ -103,6 +104,36 @@ void Direct(benchmark::State &State, ProviderKind Kind) {
     }
     State.SetItemsProcessed(State.iterations() * ListedEntries);
     To->Table->RVFsdCloseDirectory(To, Security(), Directory);
+}
+
+// The first listing of a directory by a Provider that knows nothing of it, nor of its entries.
+void First(benchmark::State &State) {
+    Use(ProviderKind::Directory);
+    const std::string Path = NativeListedDirectory();
+    std::vector<UCHAR> Buffer(BatchBytes);
+    for (auto _ : State) {
+        State.PauseTiming();
+        for (const auto &Entry : std::filesystem::directory_iterator(Path)) {
+            chmod(Entry.path().c_str(), 0644); // another change time
+        }
+        providers::DirectoryProvider Fresh;
+        RVHANDLE Directory = 0;
+        RVIOM_FSD *To = Fresh.Interface();
+        if (!Fresh.AddExport(u"srv", u"vol", Path).empty() ||
+            RvIsError(To->Table->RVFsdOpenVolume(To, Security(), u"\\srv\\vol", &Directory))) {
+            Fail("the directory is not served");
+        }
+        unsigned Count = 0;
+        State.ResumeTiming();
+        ListDirect(
+            Directory, Buffer, [&] { Count += CountChain(Buffer.data()); }, To);
+        State.PauseTiming();
+        RequireAll(Count, ListedEntries);
+        To->Table->RVFsdCloseVolume(To, Security(), Directory);
+        To->Table->Release(To);
+        State.ResumeTiming();
+    }
+    State.SetItemsProcessed(State.iterations() * ListedEntries);
 }
 
 // An extended attribute of an entry, the cheapest way that the kernel has.
@@ -152,6 +183,7 @@ void RegisterListings(DriverKind Driver) {
         }
     }
     if (Driver == DriverKind::Linked) {
+        benchmark::RegisterBenchmark("listing/directory/first", First);
         benchmark::RegisterBenchmark("listing/native/facts", Native, true);
         benchmark::RegisterBenchmark("listing/native/names", Native, false);
     }

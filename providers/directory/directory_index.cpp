@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <ctime>
 
 #include <dirent.h>
@@ -31,9 +32,15 @@ bool SameTime(const timespec &Left, const timespec &Right) {
 
 uint32_t HashOf(std::u16string_view Folded) {
     uint64_t Hash = 0x9E3779B97F4A7C15u;
-    for (const char16_t Unit : Folded) {
-        Hash = (Hash ^ Unit) * 0xC2B2AE3D27D4EB4Fu;
+    const char16_t *At = Folded.data();
+    for (size_t Left = Folded.size(); Left != 0;) {
+        const size_t Count = std::min<size_t>(Left, sizeof Hash / sizeof(char16_t));
+        uint64_t Units = 0;
+        memcpy(&Units, At, Count * sizeof(char16_t));
+        Hash = (Hash ^ Units) * 0xC2B2AE3D27D4EB4Fu;
         Hash ^= Hash >> 29;
+        At += Count;
+        Left -= Count;
     }
     return static_cast<uint32_t>(Hash ^ (Hash >> 32));
 }
@@ -44,8 +51,8 @@ std::u16string NameList::Served(const Piece &Item) const {
     return Item.Marked ? MarkedName(Native(Item)) : ServedName(Native(Item));
 }
 
-void NameList::Add(std::string_view Name, unsigned char Type, bool Marked, bool HasShort) {
-    Pieces.push_back({static_cast<uint32_t>(Bytes.size()), static_cast<uint16_t>(Name.size()), Type, Marked, HasShort});
+void NameList::Add(std::string_view Name, unsigned char Type, bool Marked, const ShortText &Short) {
+    Pieces.push_back({static_cast<uint32_t>(Bytes.size()), static_cast<uint16_t>(Name.size()), Type, Marked, Short});
     Bytes.append(Name);
     Bytes.push_back('\0');
 }
@@ -71,12 +78,15 @@ void DirectoryIndex::Clear() {
     Garbage_ = 0;
     Order_.clear();
     Shorts_.clear();
+    ShortTexts_.clear();
     KnowsShorts_ = false;
     Known_ = false;
 }
 
 std::u16string DirectoryIndex::FoldedOf(const Item &Each) const {
-    return Fold(ServedName(NameOf(Each)));
+    std::u16string Folded;
+    AppendFolded(NameOf(Each), Folded);
+    return Folded;
 }
 
 // Calls Visit(item) for every item with that hash until it answers false.
@@ -114,7 +124,9 @@ void DirectoryIndex::Add(std::string_view Native, unsigned char Type) {
     if (Native.empty() || Native.size() > UINT16_MAX || Bytes_.size() + Native.size() > UINT32_MAX) {
         return;
     }
-    const uint32_t Hash = HashOf(Fold(ServedName(Native)));
+    Scratch_.clear();
+    AppendFolded(Native, Scratch_);
+    const uint32_t Hash = HashOf(Scratch_);
     bool Known = false;
     ForHash(Hash, [&](uint32_t Index) {
         Known = NameOf(Items_[Index]) == Native;
@@ -126,8 +138,7 @@ void DirectoryIndex::Add(std::string_view Native, unsigned char Type) {
     if (Known) {
         return;
     }
-    const Item New = {
-        static_cast<uint32_t>(Bytes_.size()), Hash, static_cast<uint16_t>(Native.size()), Type, false, false};
+    const Item New = {static_cast<uint32_t>(Bytes_.size()), Hash, static_cast<uint16_t>(Native.size()), Type, false};
     Bytes_.append(Native);
     uint32_t Index = static_cast<uint32_t>(Items_.size());
     if (Free_.empty()) {
@@ -309,16 +320,16 @@ void DirectoryIndex::NeedShorts() {
     }
     Shorts_.clear();
     Shorts_.reserve(Items_.size() - Free_.size());
+    ShortTexts_.assign(Items_.size(), {});
     for (uint32_t Index = 0; Index < Items_.size(); ++Index) {
-        Items_[Index].HasShort = false;
         if (Items_[Index].Size != 0) {
-            if (const ShortText Short = ShortName(ServedName(NameOf(Items_[Index]))); !Short.empty()) {
-                Shorts_.emplace_back(HashOf(Short), Index);
+            ShortTexts_[Index] = ShortName(NameOf(Items_[Index]));
+            if (!ShortTexts_[Index].empty()) {
+                Shorts_.emplace_back(HashOf(ShortTexts_[Index]), Index);
             }
         }
     }
     std::sort(Shorts_.begin(), Shorts_.end());
-    const auto ShortOf = [this](const auto &Each) { return ShortName(ServedName(NameOf(Items_[Each.second]))); };
     std::vector<std::u16string> Texts; // of those with one hash
     for (auto First = Shorts_.begin(), End = First; First != Shorts_.end(); First = End) {
         while (End != Shorts_.end() && End->first == First->first) {
@@ -326,20 +337,23 @@ void DirectoryIndex::NeedShorts() {
         }
         Texts.clear();
         for (auto At = First; End - First > 1 && At != End; ++At) {
-            Texts.emplace_back(ShortOf(*At));
+            Texts.emplace_back(ShortTexts_[At->second]);
         }
         std::sort(Texts.begin(), Texts.end());
         for (auto At = First; At != End; ++At) {
+            ShortText &Short = ShortTexts_[At->second];
             bool Taken = false;
             if (!Texts.empty()) {
-                const auto [Low, High] = std::equal_range(Texts.begin(), Texts.end(), ShortOf(*At).View());
+                const auto [Low, High] = std::equal_range(Texts.begin(), Texts.end(), Short.View());
                 Taken = High - Low > 1;
             }
             ForHash(At->first, [&](uint32_t Own) {
-                Taken = Taken || FoldedOf(Items_[Own]) == ShortOf(*At).View();
+                Taken = Taken || FoldedOf(Items_[Own]) == Short.View();
                 return !Taken;
             });
-            Items_[At->second].HasShort = !Taken;
+            if (Taken) {
+                Short = {};
+            }
         }
     }
     KnowsShorts_ = true;
@@ -351,7 +365,7 @@ uint32_t DirectoryIndex::ByShort(std::u16string_view Short) {
     const uint32_t Hash = HashOf(Short);
     for (auto At = std::lower_bound(Shorts_.begin(), Shorts_.end(), std::pair{Hash, 0u});
          At != Shorts_.end() && At->first == Hash; ++At) {
-        if (Items_[At->second].HasShort && ShortName(ServedName(NameOf(Items_[At->second]))).View() == Short) {
+        if (ShortTexts_[At->second].View() == Short) {
             return At->second;
         }
     }
@@ -362,31 +376,50 @@ void DirectoryIndex::Sort() {
     if (!Order_.empty()) {
         return;
     }
-    // The folded names one behind the other, so that a comparison touches little.
+    // The folded names one behind the other, and in each key the first units in which they differ at all.
     std::u16string Text;
     struct Key {
-        size_t At;
+        uint64_t Head;
+        uint32_t At;
         uint32_t Size;
         uint32_t Index;
     };
     std::vector<Key> Keys;
     Keys.reserve(Items_.size());
+    Text.reserve(Bytes_.size());
     for (uint32_t Index = 0; Index < Items_.size(); ++Index) {
         if (Items_[Index].Size != 0) {
-            const std::u16string Folded = FoldedOf(Items_[Index]);
-            Keys.push_back({Text.size(), static_cast<uint32_t>(Folded.size()), Index});
-            Text += Folded;
+            const size_t At = Text.size();
+            AppendFolded(NameOf(Items_[Index]), Text);
+            Keys.push_back({0, static_cast<uint32_t>(At), static_cast<uint32_t>(Text.size() - At), Index});
         }
     }
     const auto View = [&](const Key &Each) { return std::u16string_view(Text).substr(Each.At, Each.Size); };
+    size_t Common = Keys.empty() ? 0 : Keys[0].Size;
+    for (const Key &Each : Keys) {
+        Common = std::min<size_t>(Common, Each.Size);
+        while (memcmp(&Text[Keys[0].At], &Text[Each.At], Common * sizeof(char16_t)) != 0) {
+            --Common;
+        }
+    }
+    for (Key &Each : Keys) {
+        for (size_t Unit = 0; Unit < sizeof(Each.Head) / sizeof(char16_t); ++Unit) {
+            Each.Head = Each.Head << 16 | (Common + Unit < Each.Size ? Text[Each.At + Common + Unit] : 0u);
+        }
+    }
     std::sort(Keys.begin(), Keys.end(), [&](const Key &Left, const Key &Right) {
-        const int Order = View(Left).compare(View(Right));
+        if (Left.Head != Right.Head) {
+            return Left.Head < Right.Head;
+        }
+        const int Order = View(Left).substr(Common).compare(View(Right).substr(Common));
         return Order != 0 ? Order < 0 : NameOf(Items_[Left.Index]) < NameOf(Items_[Right.Index]);
     });
     Order_.reserve(Keys.size());
     for (size_t At = 0; At < Keys.size(); ++At) {
-        const bool Alone = (At == 0 || View(Keys[At - 1]) != View(Keys[At])) &&
-                           (At + 1 == Keys.size() || View(Keys[At + 1]) != View(Keys[At]));
+        const auto IsSame = [&](const Key &Other) {
+            return Other.Head == Keys[At].Head && View(Other) == View(Keys[At]);
+        };
+        const bool Alone = (At == 0 || !IsSame(Keys[At - 1])) && (At + 1 == Keys.size() || !IsSame(Keys[At + 1]));
         Items_[Keys[At].Index].IsAlone = Alone;
         Order_.push_back(Keys[At].Index);
     }
@@ -410,12 +443,12 @@ RVSTATUS DirectoryIndex::List(int Fd, std::u16string_view FoldedMask, bool WithS
     for (const uint32_t Index : Order_) {
         const Item &Each = Items_[Index];
         const std::string_view Native = NameOf(Each);
-        const bool HasShort = Each.HasShort && (WithShort || !Everything);
+        const ShortText Short = WithShort || !Everything ? ShortTexts_[Index] : ShortText();
         if (!Everything && !MatchesMask(FoldedMask, Fold(Each.IsAlone ? ServedName(Native) : MarkedName(Native))) &&
-            !(HasShort && MatchesMask(FoldedMask, ShortName(ServedName(Native))))) {
+            (Short.empty() || !MatchesMask(FoldedMask, Short))) {
             continue;
         }
-        Out.Add(Native, Each.Type, !Each.IsAlone, HasShort);
+        Out.Add(Native, Each.Type, !Each.IsAlone, Short);
     }
     return RVSTATUS::Success;
 }

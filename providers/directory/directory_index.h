@@ -20,6 +20,7 @@
 
 #include "providers/directory/errno_status.h"
 #include "providers/directory/event_log.h"
+#include "providers/directory/names.h"
 
 namespace providers::directory {
 
@@ -30,7 +31,7 @@ struct NameList {
         uint16_t Size;
         unsigned char Type; // DT_*
         bool Marked;        // listed under its marked name
-        bool HasShort;      // its short name leads to it alone
+        ShortText Short;    // empty unless it leads to it alone
     };
     std::string Bytes;
     std::vector<Piece> Pieces;
@@ -41,7 +42,7 @@ struct NameList {
     }
     // The name under which the entry is listed.
     std::u16string Served(const Piece &Item) const;
-    void Add(std::string_view Name, unsigned char Type, bool Marked, bool HasShort);
+    void Add(std::string_view Name, unsigned char Type, bool Marked, const ShortText &Short);
 };
 
 struct FoundName {
@@ -76,8 +77,7 @@ private:
         uint32_t Hash; // of the folded name
         uint16_t Size; // 0 = free
         unsigned char Type;
-        bool IsAlone : 1;  // no other name is the same but for its case; right while Order_ is known
-        bool HasShort : 1; // its short name leads to it; right while the short names are known
+        bool IsAlone; // no other name is the same but for its case; right while Order_ is known
     };
 
     RVSTATUS Refresh(int Fd);
@@ -108,9 +108,11 @@ private:
     std::vector<uint32_t> Table_; // item + 1, 0 = never used, Gone = was used; a power of two
     size_t TableUsed_ = 0;        // places that are not 0
     std::string Bytes_;
-    size_t Garbage_ = 0;                                // bytes of names that went
+    size_t Garbage_ = 0; // bytes of names that went
+    std::u16string Scratch_;
     std::vector<uint32_t> Order_;                       // items by their folded names; empty = not known
     std::vector<std::pair<uint32_t, uint32_t>> Shorts_; // hash of the short name and item, sorted
+    std::vector<ShortText> ShortTexts_;                 // by item; empty for one that its short name does not lead to
     bool KnowsShorts_ = false;
     int Watch_ = -1;
     std::atomic<bool> Known_ = false; // changed under the mutex

@@ -71,9 +71,9 @@ RVSTATUS Collect(FolderObject &Folder, PCWSTR Mask, bool WithShort, NameList &Ou
         return RVSTATUS::Success; // no entry can have this name, or it is not told which has
     }
     if (!RvIsError(Status) && Found.Exists) {
-        const ShortText Short = WithShort ? ShortName(ServedName(Found.Name)) : ShortText();
+        const ShortText Short = WithShort ? ShortName(Found.Name) : ShortText();
         const bool Leads = !Short.empty() && Names.LeadsTo(Folder.Ref(), Short, Found.Name);
-        Out.Add(Found.Name, Found.Type, Found.Marked, Leads);
+        Out.Add(Found.Name, Found.Type, Found.Marked, Leads ? Short : ShortText());
     }
     return Status;
 }
@@ -154,9 +154,7 @@ RVSTATUS FillBatch(const FolderObject &Folder, const Listing &From, const Reques
         if (!Wanted.OneBatch && !EntryMetadata(Folder, Native.data(), Item.Type, Data)) {
             continue;
         }
-        const bool WithShort = Item.HasShort && Wanted.WithShort;
-        const ShortText Short = WithShort ? ShortName(Item.Marked ? ServedName(Native) : Served) : ShortText();
-        WriteRecord(Buffer + Start, Data, Served, Short, Wanted.WithShort);
+        WriteRecord(Buffer + Start, Data, Served, Item.Short, Wanted.WithShort);
         if (Last != nullptr) {
             Put(Last, OFFSET_NEXT, static_cast<ULONG>(Buffer + Start - Last));
         }

@@ -44,30 +44,85 @@ constexpr bool IsReserved(UChar32 Character) {
     return StandsForByte(Character) || Character == MaskStar || Character == MaskQuestion || Character == MaskDot;
 }
 
-constexpr bool IsShortForbidden(char16_t Unit) {
-    return IsForbidden(Unit) || Unit == u'.' || Unit == u'+' || Unit == u',' || Unit == u';' || Unit == u'=' ||
-           Unit == u'[' || Unit == u']' || Unit == u'/';
-}
+// What an 8.3 name is made of.
+constexpr auto ShortUnits = [] {
+    std::array<bool, 128> Fit{};
+    for (size_t Unit = 0x21; Unit < 0x7F; ++Unit) {
+        Fit[Unit] = !IsForbidden(static_cast<UChar32>(Unit)) &&
+                    std::string_view(".+,;=[]/").find(static_cast<char>(Unit)) == std::string_view::npos;
+    }
+    return Fit;
+}();
 
-// Letters, digits and the like, whose two forms are the same; a full stop or blank among them, but not at the end.
+// Letters, digits and the like, whose two forms are the same; a full stop or blank among them, but not at the end. In
+// upper case, as the platform's table has it; 0 = none of them.
 constexpr auto PlainUnits = [] {
-    std::array<bool, 128> Plain{};
+    std::array<char, 256> Plain{};
     for (UChar32 Unit = ' '; Unit < 0x7F; ++Unit) {
-        Plain[static_cast<size_t>(Unit)] = !IsForbidden(Unit) && Unit != '/';
+        if (!IsForbidden(Unit) && Unit != '/') {
+            Plain[static_cast<size_t>(Unit)] = static_cast<char>(Unit >= 'a' && Unit <= 'z' ? Unit - 'a' + 'A' : Unit);
+        }
     }
     return Plain;
 }();
 
+constexpr char PlainUnit(char16_t Unit) {
+    return Unit < PlainUnits.size() ? PlainUnits[Unit] : '\0';
+}
+constexpr char PlainUnit(char Byte) {
+    return PlainUnits[static_cast<unsigned char>(Byte)];
+}
+
 template <class View>
 bool IsPlain(View Name) {
-    using Unsigned = std::make_unsigned_t<std::conditional_t<sizeof(Name[0]) == 1, char, short>>;
-    for (const auto Each : Name) {
-        const auto Unit = static_cast<Unsigned>(Each);
-        if (Unit >= PlainUnits.size() || !PlainUnits[Unit]) {
-            return false;
-        }
+    return !Name.empty() && !IsForbiddenAtEnd(Name.back()) &&
+           std::all_of(Name.begin(), Name.end(), [](auto Unit) { return PlainUnit(Unit) != 0; });
+}
+
+// The 8.3 name of a served name, or of a plain one in bytes.
+template <class View>
+ShortText ShortOf(View Name) {
+    using Char = typename View::value_type;
+    const size_t Dot = Name.rfind(Char('.'));
+    const size_t Stem = Dot == View::npos || Dot == 0 ? Name.size() : Dot;
+    const View Base = Name.substr(0, Stem);
+    const View Extension = Stem == Name.size() ? View() : Name.substr(Stem + 1);
+    const auto Fits = [](Char Unit) {
+        return static_cast<char16_t>(Unit) < ShortUnits.size() && ShortUnits[static_cast<size_t>(Unit)];
+    };
+    const auto AllFit = [Fits](View Part) { return std::all_of(Part.begin(), Part.end(), Fits); };
+    if (Base.size() <= 8 && Extension.size() <= 3 && (Stem == Name.size() || !Extension.empty()) && AllFit(Base) &&
+        AllFit(Extension)) {
+        return {};
     }
-    return !Name.empty() && !IsForbiddenAtEnd(Name.back());
+    ShortText Short;
+    const char16_t *Upcase = text::UpcaseTable();
+    const auto Keep = [&](View From, size_t Count) {
+        for (size_t At = 0; At < From.size() && Count != 0; ++At) {
+            if (Fits(From[At]) && From[At] != Char('~')) {
+                Short.push_back(Upcase[static_cast<size_t>(From[At])]);
+                --Count;
+            }
+        }
+    };
+    uint32_t Hash = 2166136261u;
+    for (const Char Unit : Name) {
+        Hash = (Hash ^ Upcase[static_cast<char16_t>(Unit)]) * 16777619u;
+    }
+    Hash ^= Hash >> 16;
+    Keep(Base, 2);
+    // Some 15 million endings: of 100,000 names that begin alike a few hundred share theirs.
+    for (int Digit = 0; Digit < 4; ++Digit) {
+        Short.push_back(u"0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ"[Hash % 36]);
+        Hash /= 36;
+    }
+    Short.push_back(u'~');
+    Short.push_back(u"123456789"[Hash % 9]);
+    if (std::any_of(Extension.begin(), Extension.end(), [&](Char Unit) { return Fits(Unit) && Unit != Char('~'); })) {
+        Short.push_back(u'.');
+        Keep(Extension, 3);
+    }
+    return Short;
 }
 
 void AppendCharacter(std::u16string &Out, UChar32 Character) {
@@ -154,7 +209,7 @@ std::optional<std::string> NativePath(std::u16string_view Served) {
         const char16_t *From = Served.data() + At;
         const char16_t *const End = Served.data() + Served.size();
         char *Made = Path.data() + Size;
-        for (; From != End && *From < PlainUnits.size() && PlainUnits[*From]; ++From) {
+        for (; From != End && PlainUnit(*From) != 0; ++From) {
             *Made++ = static_cast<char>(*From);
         }
         Size = static_cast<size_t>(Made - Path.data());
@@ -214,46 +269,24 @@ bool FoldsTo(std::u16string_view Name, std::u16string_view Folded) {
                       [Upcase](char16_t Unit, char16_t Wanted) { return Upcase[Unit] == Wanted; });
 }
 
-ShortText ShortName(std::u16string_view Served) {
-    const size_t Dot = Served.rfind(u'.');
-    const size_t Stem = Dot == std::u16string_view::npos || Dot == 0 ? Served.size() : Dot;
-    const std::u16string_view Base = Served.substr(0, Stem);
-    const std::u16string_view Extension = Stem == Served.size() ? std::u16string_view() : Served.substr(Stem + 1);
-    const auto Plain = [](char16_t Unit) { return Unit > 0x20 && Unit < 0x7F && !IsShortForbidden(Unit); };
-    const bool Already = Base.size() <= 8 && Extension.size() <= 3 && (Stem == Served.size() || !Extension.empty()) &&
-                         std::all_of(Base.begin(), Base.end(), Plain) &&
-                         std::all_of(Extension.begin(), Extension.end(), Plain);
-    if (Already) {
-        return {};
+void AppendFolded(std::string_view Native, std::u16string &Out) {
+    const size_t Before = Out.size();
+    Out.resize(Before + Native.size());
+    char16_t *At = Out.data() + Before;
+    bool Plain = !Native.empty() && !IsForbiddenAtEnd(Native.back());
+    for (const char Byte : Native) {
+        const char Folded = PlainUnit(Byte);
+        Plain &= Folded != 0;
+        *At++ = static_cast<char16_t>(Folded);
     }
-    ShortText Short;
-    const char16_t *Upcase = text::UpcaseTable();
-    const auto Keep = [&](std::u16string_view From, size_t Count) {
-        for (size_t At = 0; At < From.size() && Count != 0; ++At) {
-            if (Plain(From[At]) && From[At] != u'~') {
-                Short.push_back(Upcase[From[At]]);
-                --Count;
-            }
-        }
-    };
-    uint32_t Hash = 2166136261u;
-    for (const char16_t Unit : Served) {
-        Hash = (Hash ^ Upcase[Unit]) * 16777619u;
+    if (!Plain) {
+        Out.resize(Before);
+        Out += Fold(ServedName(Native));
     }
-    Hash ^= Hash >> 16;
-    Keep(Base, 2);
-    // Some 15 million endings: of 100,000 names that begin alike a few hundred share theirs.
-    for (int Digit = 0; Digit < 4; ++Digit) {
-        Short.push_back(u"0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ"[Hash % 36]);
-        Hash /= 36;
-    }
-    Short.push_back(u'~');
-    Short.push_back(u"123456789"[Hash % 9]);
-    if (std::any_of(Extension.begin(), Extension.end(), [&](char16_t Unit) { return Plain(Unit) && Unit != u'~'; })) {
-        Short.push_back(u'.');
-        Keep(Extension, 3);
-    }
-    return Short;
+}
+
+ShortText ShortName(std::string_view Native) {
+    return IsPlain(Native) ? ShortOf(Native) : ShortOf(std::u16string_view(ServedName(Native)));
 }
 
 bool HasWildcards(std::u16string_view Mask) {

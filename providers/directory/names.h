@@ -29,6 +29,8 @@ std::optional<std::string> NativePath(std::u16string_view Served);
 // The unit in upper case, one to one within the 16-bit range, as the platform compares names.
 char16_t FoldUnit(char16_t Unit);
 std::u16string Fold(std::u16string_view Name);
+// Appends Fold(ServedName(Native)) to Out.
+void AppendFolded(std::string_view Native, std::u16string &Out);
 // Whether Fold(Name) is Folded.
 bool FoldsTo(std::u16string_view Name, std::u16string_view Folded);
 
@@ -50,12 +52,12 @@ public:
 
 private:
     char16_t Units_[12];
-    unsigned Size_ = 0;
+    unsigned char Size_ = 0;
 };
 
-// An 8.3 name made from the served name, upper case; empty for a name that is one already. Two names of a directory may
-// get the same one: it is then of no use to either.
-ShortText ShortName(std::u16string_view Served);
+// An 8.3 name made from the entry's served name, upper case; empty for a name that is one already. Two names of a
+// directory may get the same one: it is then of no use to either.
+ShortText ShortName(std::string_view Native);
 
 // Whether Mask holds one of the wildcards: * and ?, and U+F8FC, U+F8FD, U+F8FF, which stand for the platform's < > ".
 bool HasWildcards(std::u16string_view Mask);

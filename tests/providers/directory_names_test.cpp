@@ -187,9 +187,8 @@ TEST_F(DirectoryProviderTest, ShortNamesAreUniqueInTheirDirectoryAndStayWhatThey
     std::set<int> Indices;
     std::map<std::u16string, int> Made;
     for (int Index = 0; Index < 40000; ++Index) {
-        const std::string Name = Native(Index);
-        const auto [First, New] = Made.try_emplace(
-            std::u16string(providers::directory::ShortName(std::u16string(Name.begin(), Name.end()))), Index);
+        const auto [First, New] =
+            Made.try_emplace(std::u16string(providers::directory::ShortName(Native(Index))), Index);
         if (Index < 500 || !New) {
             Indices.insert({First->second, Index});
         }
