@@ -5,6 +5,7 @@
 
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <pthread.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -68,6 +69,23 @@ int OpenByWalk(int Fd, std::string_view Path, int Flags, mode_t Mode) {
     }
 }
 
+// The directory of the process's own descriptors, which is that of the process that opened it: a forked one opens it
+// anew, or would open files of its parent.
+int Descriptors = -1;
+
+void OpenDescriptors() {
+    const int Own = open("/proc/self/fd", O_PATH | O_DIRECTORY | O_CLOEXEC);
+    if (Descriptors < 0) {
+        Descriptors = Own;
+        return;
+    }
+    if (Own < 0 || dup3(Own, Descriptors, O_CLOEXEC) < 0) {
+        close(Descriptors);
+        Descriptors = -1;
+    }
+    close(Own);
+}
+
 } // namespace
 
 UniqueFd::~UniqueFd() {
@@ -110,6 +128,18 @@ int OpenBeneath(Confinement How, int Fd, const std::string &Whole, int Flags, mo
         Path.remove_prefix(Cut + 1);
     }
     return OpenAt2(At, std::string(Path).c_str(), Flags, Mode);
+}
+
+int OpenAgain(int Fd, int Flags) {
+    static const bool Ready = [] {
+        OpenDescriptors();
+        return pthread_atfork(nullptr, nullptr, &OpenDescriptors) == 0;
+    }();
+    if (!Ready) {
+        errno = ENOMEM;
+        return -1;
+    }
+    return openat(Descriptors, std::to_string(Fd).c_str(), Flags | O_CLOEXEC);
 }
 
 } // namespace providers::directory

@@ -64,4 +64,8 @@ Confinement BestConfinement();
 // directory or a link is refused.
 int OpenBeneath(Confinement How, int Fd, const std::string &Path, int Flags, mode_t Mode = 0);
 
+// Opens the very object that Fd names, whatever its path is by now. O_CLOEXEC is added. Returns the descriptor or -1
+// with errno.
+int OpenAgain(int Fd, int Flags);
+
 } // namespace providers::directory

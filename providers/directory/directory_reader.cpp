@@ -4,7 +4,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
 
@@ -15,9 +14,7 @@ namespace {
 int OpenToRead(int Fd) {
     const int Own = openat(Fd, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     // It may be read and not be searched, not even for ".".
-    return Own >= 0 || errno != EACCES
-               ? Own
-               : open(fmt::format("/proc/self/fd/{}", Fd).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    return Own >= 0 || errno != EACCES ? Own : OpenAgain(Fd, O_RDONLY | O_DIRECTORY);
 }
 
 } // namespace

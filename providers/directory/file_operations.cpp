@@ -3,7 +3,6 @@
 #include <optional>
 
 #include <fcntl.h>
-#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -80,12 +79,6 @@ RVSTATUS CheckKind(const Looked &There, const Request &Wanted) {
                                                                                         : RVSTATUS::Success;
 }
 
-// Opens the very object that was looked at, for what is wanted of it.
-int OpenLooked(const Looked &There, int Flags) {
-    static const UniqueFd Descriptors(open("/proc/self/fd", O_PATH | O_DIRECTORY | O_CLOEXEC));
-    return openat(Descriptors.Get(), std::to_string(There.Fd.Get()).c_str(), Flags | O_CLOEXEC);
-}
-
 // Empties a file that is to be replaced and gives it the new attributes.
 RVSTATUS Empty(const FileObject &File, const Request &Wanted) {
     const std::lock_guard Hold(File.Node->SizeMutex());
@@ -117,7 +110,7 @@ RVSTATUS OpenExisting(State &Provider, const Place &At, std::string &&FromRoot, 
         return RVSTATUS::AccessDenied;
     }
     if (const int Flags = FlagsFor(Wanted.Uses(), Wanted.Options); (Flags & O_PATH) == 0) {
-        UniqueFd Opened(OpenLooked(There, Flags));
+        UniqueFd Opened(OpenAgain(There.Fd.Get(), Flags));
         if (!Opened) {
             return StatusFromErrno(errno);
         }
@@ -286,7 +279,7 @@ RVSTATUS NTAPI CloseFile(RVIOM_FSD *Self, Sec, RVHANDLE File) {
 
 // Re-opens the very file that is open, with the flags for more access, under the same descriptor number.
 RVSTATUS Reopen(const FileObject &File, ULONG Access, ULONG Options) {
-    const UniqueFd Fd(open(fmt::format("/proc/self/fd/{}", File.Fd()).c_str(), FlagsFor(Access, Options) | O_CLOEXEC));
+    const UniqueFd Fd(OpenAgain(File.Fd(), FlagsFor(Access, Options)));
     if (!Fd || dup3(Fd.Get(), File.Fd(), O_CLOEXEC) < 0) {
         return StatusFromErrno(errno);
     }
