@@ -1,5 +1,6 @@
 // The program from outside: what it prints, what it says, how it ends.
 
+#include <array>
 #include <cstdlib>
 
 #include <gmock/gmock.h>
@@ -78,7 +79,6 @@ void Check(const Case &Each) {
 }
 
 TEST(Program, DataGoesToStandardOutputAndAStatusOfTheDriverEndsACommand) {
-    const std::string Second = "A second file, so that a listing has something to list.\n";
     const Case Cases[] = {
         {{"cat", R"(\\demo\files\docs\a.txt)"}, 0, SampleText, ""},
         {{"cat", "//demo/files/docs/a.txt"}, 0, SampleText, ""},
@@ -88,28 +88,30 @@ TEST(Program, DataGoesToStandardOutputAndAStatusOfTheDriverEndsACommand) {
          0,
          "Names with blanks and letters outside ASCII are names like any other.\n",
          ""},
-        // A failure among several: the others are served.
-        {{"cat", R"(\\demo\files\nope)", R"(\\demo\files\docs\b.txt)"},
-         1,
-         Second,
-         "STATUS_OBJECT_NAME_NOT_FOUND (0xC0000034): \\\\demo\\files\\nope\n"},
-        {{"cat", R"(\\demo\files\no\where)"},
-         1,
-         "",
-         "STATUS_OBJECT_PATH_NOT_FOUND (0xC000003A): \\\\demo\\files\\no\\where\n"},
-        {{"cat", R"(\\demo\files\docs)"}, 1, "", "STATUS_FILE_IS_A_DIRECTORY (0xC00000BA): \\\\demo\\files\\docs\n"},
-        {{"cat", R"(\\demo\files)"}, 1, "", "STATUS_FILE_IS_A_DIRECTORY (0xC00000BA): \\\\demo\\files\n"},
-        {{"cat", R"(\\nosuch\files\x)"}, 1, "", "STATUS_BAD_NETWORK_PATH (0xC00000BE): \\\\nosuch\\files\\x\n"},
-        {{"cat", R"(\\demo\nosuch\x)"}, 1, "", "STATUS_BAD_NETWORK_NAME (0xC00000CC): \\\\demo\\nosuch\\x\n"},
         {{"claim", R"(\\demo\files\docs)"}, 0, "STATUS_SUCCESS (0x00000000)\nclaimed \\\\demo\\files (22 bytes)\n", ""},
         {{"--set", "UNCPathFilterBehavior=1", "claim", R"(\\demo\nosuch\docs)"},
          0,
          "STATUS_SUCCESS (0x00000000)\nclaimed \\\\demo (10 bytes)\n",
          ""},
-        {{"claim", R"(\\demo\nosuch\docs)"}, 1, "", "STATUS_BAD_NETWORK_NAME (0xC00000CC): \\\\demo\\nosuch\\docs\n"},
+        // A failure among several: the others are served.
+        {{"cat", R"(\\demo\files\nope)", R"(\\demo\files\docs\b.txt)"},
+         1,
+         "A second file, so that a listing has something to list.\n",
+         "STATUS_OBJECT_NAME_NOT_FOUND (0xC0000034): \\\\demo\\files\\nope\n"},
     };
     for (const Case &Each : Cases) {
         Check(Each);
+    }
+    const std::array<std::string, 3> Failures[] = {
+        {"cat", R"(\\demo\files\no\where)", "STATUS_OBJECT_PATH_NOT_FOUND (0xC000003A)"},
+        {"cat", R"(\\demo\files\docs)", "STATUS_FILE_IS_A_DIRECTORY (0xC00000BA)"},
+        {"cat", R"(\\demo\files)", "STATUS_FILE_IS_A_DIRECTORY (0xC00000BA)"},
+        {"cat", R"(\\nosuch\files\x)", "STATUS_BAD_NETWORK_PATH (0xC00000BE)"},
+        {"cat", R"(\\demo\nosuch\x)", "STATUS_BAD_NETWORK_NAME (0xC00000CC)"},
+        {"claim", R"(\\demo\nosuch\docs)", "STATUS_BAD_NETWORK_NAME (0xC00000CC)"},
+    };
+    for (const auto &[Verb, Path, Status] : Failures) {
+        Check({{Verb, Path}, 1, "", Status + ": " + Path + "\n"});
     }
 }
 
@@ -126,51 +128,45 @@ TEST(Program, NamesThatAreNoneAreRefusedByTheDriver) {
 }
 
 TEST(Program, BadUsageIsSaidAndEndsWithTwo) {
-    const Case Cases[] = {
-        {{"frobnicate"}, 2, "", "frobnicate: no such verb; help lists them\n"},
-        {{"--set", "EnableDebug=0", "frobnicate"}, 2, "", "frobnicate: no such verb; help lists them\n"},
-        {{"put", R"(\\demo\files\there)", "here"},
-         2,
-         "",
-         "put: the target comes last: put here \\\\demo\\files\\there\n"},
-        {{"--bogus"}, 2, "", "The following argument was not expected: --bogus..."},
-        {{"cat"}, 2, "", "cat: PATH is required; help cat tells what it takes\n"},
-        {{"cat", "docs/a.txt"}, 2, "", "docs/a.txt: a remote path begins with \\\\server\\volume\n"},
-        {{"cat", ""}, 2, "", ": a remote path begins with..."},
-        {{"cat", R"(\\demo)"}, 2, "", "\\\\demo: a remote path names a server and a volume..."},
-        {{"cat", R"(\\demo\)"}, 2, "", "\\\\demo\\: a remote path names a server and a volume..."},
-        {{"cat", R"(\\\files\a.txt)"}, 2, "", "\\\\\\files\\a.txt: a remote path names a server and a volume..."},
-        {{"cat", "\\\\demo\\files\\\xff"}, 2, "", "an argument is not valid UTF-8\n"},
-        {{"cp", "/etc/passwd", "/tmp/x"}, 2, "", "one side at least is remote..."},
-        {{"--export", "x", "tour"}, 2, "", "x: expected --export '\\\\server\\volume=DIR'\n"},
-        {{"--export", R"(\\a\b=)", "tour"}, 2, "", "\\\\a\\b=: expected --export..."},
-        {{"--export", R"(\\a=/tmp)", "tour"}, 2, "", "\\\\a: a remote path names a server and a volume..."},
-        {{"--export", R"(\\a\b\c=/tmp)", "tour"}, 2, "", "cannot export /tmp: the name must be \\\\server\\volume..."},
-        {{"--export", R"(\\a\b=/no/where)", "tour"}, 2, "", "cannot export /no/where: No such file or directory\n"},
-        {{"--export", R"(\\a\b=/etc/passwd)", "tour"}, 2, "", "cannot export /etc/passwd: Not a directory\n"},
-        {{"--export", R"(\\a\b=/tmp)", "--export", R"(\\A\B=/etc)", "tour"},
-         2,
-         "",
-         "cannot export /etc: its volume..."},
-        {{"--quota", R"(\\a\b=1)", "tour"}, 2, "", "--quota \\\\a\\b: no export of that name\n"},
-        {{"--set", "Frobnicate=1", "tour"}, 2, "", "--set: the driver has no switch Frobnicate; it has Enable..."},
-        {{"--set", "EnableDebug", "tour"}, 2, "", "EnableDebug: expected --set NAME=VALUE\n"},
-        {{"--set", "EnableDebug=yes", "tour"}, 2, "", "yes: not a number\n"},
-        {{"--set", "EnableDebug=0x100000000", "tour"}, 2, "", "0x100000000: larger than 4294967295\n"},
-        {{"--trace", "create,bogus", "tour"},
-         2,
-         "",
-         "bogus: no category of messages; there are entry, read, start,..."},
-        {{"--log", "/no/where/log", "tour"}, 2, "", "--log /no/where/log: No such file or directory\n"},
-        {{"--log", "/dev/null", "tour"}, 2, "", "--log /dev/null: not a regular file\n"},
-        {{"open", R"(\\demo\files)", "--access", "look"}, 2, "", "--access: look is none of append, delete..."},
-        {{"open", R"(\\demo\files)", "--share", "x"}, 2, "", "--share: x is none of the letters -drw\n"},
-        {{"open", R"(\\demo\files)", "--disposition", "x"}, 2, "", "--disposition: x is none of create, open..."},
-        {{"open", R"(\\demo\files)", "--options", "x"}, 2, "", "--options: x is none of delete_on_close..."},
-        {{"open", R"(\\demo\files)", "--allocation-size", "-1"}, 2, "", "-1: a size reads like..."},
+    const struct {
+        std::vector<std::string> Arguments;
+        std::string Error;
+    } Cases[] = {
+        {{"frobnicate"}, "frobnicate: no such verb; help lists them\n"},
+        {{"--set", "EnableDebug=0", "frobnicate"}, "frobnicate: no such verb; help lists them\n"},
+        {{"put", R"(\\demo\files\there)", "here"}, "put: the target comes last: put here \\\\demo\\files\\there\n"},
+        {{"--bogus"}, "The following argument was not expected: --bogus..."},
+        {{"cat"}, "cat: PATH is required; help cat tells what it takes\n"},
+        {{"cat", "docs/a.txt"}, "docs/a.txt: a remote path begins with \\\\server\\volume\n"},
+        {{"cat", ""}, ": a remote path begins with..."},
+        {{"cat", R"(\\demo)"}, "\\\\demo: a remote path names a server and a volume..."},
+        {{"cat", R"(\\demo\)"}, "\\\\demo\\: a remote path names a server and a volume..."},
+        {{"cat", R"(\\\files\a.txt)"}, "\\\\\\files\\a.txt: a remote path names a server and a volume..."},
+        {{"cat", "\\\\demo\\files\\\xff"}, "an argument is not valid UTF-8\n"},
+        {{"cp", "/etc/passwd", "/tmp/x"}, "one side at least is remote..."},
+        {{"--export", "x", "tour"}, "x: expected --export '\\\\server\\volume=DIR'\n"},
+        {{"--export", R"(\\a\b=)", "tour"}, "\\\\a\\b=: expected --export..."},
+        {{"--export", R"(\\a=/tmp)", "tour"}, "\\\\a: a remote path names a server and a volume..."},
+        {{"--export", R"(\\a\b\c=/tmp)", "tour"}, "cannot export /tmp: the name must be \\\\server\\volume..."},
+        {{"--export", R"(\\a\b=/no/where)", "tour"}, "cannot export /no/where: No such file or directory\n"},
+        {{"--export", R"(\\a\b=/etc/passwd)", "tour"}, "cannot export /etc/passwd: Not a directory\n"},
+        {{"--export", R"(\\a\b=/tmp)", "--export", R"(\\A\B=/etc)", "tour"}, "cannot export /etc: its volume..."},
+        {{"--quota", R"(\\a\b=1)", "tour"}, "--quota \\\\a\\b: no export of that name\n"},
+        {{"--set", "Frobnicate=1", "tour"}, "--set: the driver has no switch Frobnicate; it has Enable..."},
+        {{"--set", "EnableDebug", "tour"}, "EnableDebug: expected --set NAME=VALUE\n"},
+        {{"--set", "EnableDebug=yes", "tour"}, "yes: not a number\n"},
+        {{"--set", "EnableDebug=0x100000000", "tour"}, "0x100000000: larger than 4294967295\n"},
+        {{"--trace", "create,bogus", "tour"}, "bogus: no category of messages; there are entry, read, start,..."},
+        {{"--log", "/no/where/log", "tour"}, "--log /no/where/log: No such file or directory\n"},
+        {{"--log", "/dev/null", "tour"}, "--log /dev/null: not a regular file\n"},
+        {{"open", R"(\\demo\files)", "--access", "look"}, "--access: look is none of append, delete..."},
+        {{"open", R"(\\demo\files)", "--share", "x"}, "--share: x is none of the letters -drw\n"},
+        {{"open", R"(\\demo\files)", "--disposition", "x"}, "--disposition: x is none of create, open..."},
+        {{"open", R"(\\demo\files)", "--options", "x"}, "--options: x is none of delete_on_close..."},
+        {{"open", R"(\\demo\files)", "--allocation-size", "-1"}, "-1: a size reads like..."},
     };
-    for (const Case &Each : Cases) {
-        Check(Each);
+    for (const auto &Each : Cases) {
+        Check({Each.Arguments, 2, "", Each.Error});
     }
 }
 

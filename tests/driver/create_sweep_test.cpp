@@ -1,7 +1,6 @@
 // Every kind of open with every failure: of the Provider, of memory, of resources. Nothing may be left, and no success
 // may be claimed that the Provider did not give.
 
-#include <array>
 #include <fmt/format.h>
 #include <tuple>
 
@@ -59,27 +58,13 @@ const Kind Kinds[] = {
 };
 
 // All of an FCB that an open which fails must leave as it was.
-struct FcbState {
-    explicit FcbState(const FCB &Fcb)
-        : OpenFlags(Fcb.OpenFlags), OpenType(Fcb.OpenType), OpenCount(Fcb.OpenCount), UncleanCount(Fcb.UncleanCount),
-          VolumeResolved(Fcb.VolumeResolved), VolumeRoot(Fcb.VolumeRoot),
-          Shares(Fcb.ShareAccess), Sizes{Fcb.Header.AllocationSize.QuadPart, Fcb.Header.FileSize.QuadPart,
-                                         Fcb.Header.ValidDataLength.QuadPart},
-          Path(Fcb.FullPath.Buffer), FileLock(Fcb.FileLockInitialized) {
-    }
-    bool operator==(const FcbState &Other) const {
-        return std::tie(OpenFlags, OpenType, OpenCount, UncleanCount, VolumeResolved, VolumeRoot, Sizes, Path,
-                        FileLock) == std::tie(Other.OpenFlags, Other.OpenType, Other.OpenCount, Other.UncleanCount,
-                                              Other.VolumeResolved, Other.VolumeRoot, Other.Sizes, Other.Path,
-                                              Other.FileLock) &&
-               memcmp(&Shares, &Other.Shares, sizeof(Shares)) == 0;
-    }
-    ULONG OpenFlags, OpenType, OpenCount, UncleanCount, VolumeResolved, VolumeRoot;
-    SHARE_ACCESS Shares;
-    std::array<LONGLONG, 3> Sizes;
-    std::u16string Path;
-    ULONG FileLock;
-};
+auto StateOf(const FCB &Fcb) {
+    return std::tuple(Fcb.OpenFlags + 0u, Fcb.OpenType + 0u, Fcb.OpenCount + 0u, Fcb.UncleanCount + 0u,
+                      Fcb.VolumeResolved + 0u, Fcb.VolumeRoot + 0u, Fcb.FileLockInitialized + 0u,
+                      std::string(reinterpret_cast<const char *>(&Fcb.ShareAccess), sizeof(Fcb.ShareAccess)),
+                      Fcb.Header.AllocationSize.QuadPart, Fcb.Header.FileSize.QuadPart,
+                      Fcb.Header.ValidDataLength.QuadPart, std::u16string(Fcb.FullPath.Buffer));
+}
 
 class OpenSweep : public test::CreateFixture, public testing::WithParamInterface<Kind> {
 protected:
@@ -99,7 +84,7 @@ protected:
         }
         for (const HANDLE Each : {Parent_, Other_}) {
             if (Each != nullptr) {
-                Before_.emplace_back(*Fcb(Each));
+                Before_.push_back(StateOf(*Fcb(Each)));
             }
         }
         Fcbs_ = FcbCount;
@@ -162,8 +147,8 @@ protected:
         size_t At = 0;
         for (const HANDLE Each : {Parent_, Other_}) {
             if (Each != nullptr) {
-                EXPECT_TRUE(!Failed || FcbState(*Fcb(Each)) == Before_[At]) << Where;
-                Before_[At++] = FcbState(*Fcb(Each));
+                EXPECT_TRUE(!Failed || StateOf(*Fcb(Each)) == Before_[At]) << Where;
+                Before_[At++] = StateOf(*Fcb(Each));
                 EXPECT_EQ(Fcb(Each)->OpenCount, 1u) << Where;
                 EXPECT_EQ(Fcb(Each)->UncleanCount, 1u) << Where;
             }
@@ -172,7 +157,7 @@ protected:
 
     HANDLE Parent_ = nullptr;
     HANDLE Other_ = nullptr;
-    std::vector<FcbState> Before_; // of the FCBs that stay
+    std::vector<decltype(StateOf(std::declval<FCB>()))> Before_; // of the FCBs that stay
     ULONG Fcbs_ = 0;
     Calls Handles_;
 };

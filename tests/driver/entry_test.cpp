@@ -250,22 +250,6 @@ TEST_F(Entry, ACompletionCarriesBoostOneAndIsTold) {
     EXPECT_EQ(BoostOf(Plain(IRP_MJ_FLUSH_BUFFERS, FileObject(Handle))), 1);
 }
 
-TEST_F(Entry, OnlyAsynchronousRequestsMayNotWait) {
-    struct Case {
-        ULONG EnableAsyncIo;
-        BOOLEAN Wait;
-        bool MayWait;
-    };
-    for (const Case &Each : {Case{0, FALSE, true}, Case{0, TRUE, true}, Case{1, FALSE, false}, Case{1, TRUE, true}}) {
-        Start({.Switches = {{u"EnableAsyncIo", Each.EnableAsyncIo}}});
-        Bind();
-        const PIRP_CONTEXT Context = NtFsdCreateIrpContext(nullptr, Each.Wait);
-        EXPECT_EQ(Context->MayWait() != FALSE, Each.MayWait);
-        NtFsdDeleteIrpContext(Context);
-        Stop();
-    }
-}
-
 // ---- Create
 
 TEST_F(Entry, APagingFileIsRefused) {

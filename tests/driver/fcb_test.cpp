@@ -262,19 +262,11 @@ TEST_F(RelativeOpens, BelowAFileAreRefused) {
 
 TEST_F(RelativeOpens, OfAForeignFileObjectAreRefusedBeforeTheProviderIsAsked) {
     Bind();
-    OBJECT_ATTRIBUTES Attributes;
-    UNICODE_STRING DeviceName = Counted(u"\\Device\\RvFsd");
-    InitializeObjectAttributes(&Attributes, &DeviceName, 0, nullptr, nullptr);
-    embedded::CreateParameters Parameters;
-    Parameters.ObjectAttributes = &Attributes;
-    Parameters.DesiredAccess = FILE_READ_DATA | SYNCHRONIZE;
-    Parameters.Options = test::Synchronous;
-    const embedded::CreateResult OurDevice = embedded::CreateFile(Parameters);
-    ASSERT_EQ(OurDevice.Status, STATUS_SUCCESS);
-    ExpectRefused(u"a.txt", Below(OurDevice.Handle), STATUS_NOT_A_DIRECTORY);
-    ExpectRefused(u"a.txt", Below(OurDevice.Handle, test::AsTarget), STATUS_NOT_A_DIRECTORY);
+    const HANDLE OurDevice = MustOpen(u"");
+    ExpectRefused(u"a.txt", Below(OurDevice), STATUS_NOT_A_DIRECTORY);
+    ExpectRefused(u"a.txt", Below(OurDevice, test::AsTarget), STATUS_NOT_A_DIRECTORY);
     EXPECT_EQ(Provider.CountCalls(), 0u);
-    Close(OurDevice.Handle);
+    Close(OurDevice);
 
     struct {
         ULONG Signature;

@@ -297,6 +297,7 @@ TEST_P(SettingSizes, ARefusalIsRememberedForTheWritesThatFollow) {
     SetFree(1000);
     EXPECT_EQ(Write(Handle, "abc", 3, 7).Status, STATUS_SUCCESS);
     EXPECT_EQ(Write(Handle, "abc", 3, 8).Status, STATUS_DISK_FULL);
+    EXPECT_EQ(Write(Handle, "abc", 3, -1).Status, STATUS_DISK_FULL) << "appended, too";
     EXPECT_EQ(Write(Other, "abc", 3, 8).Status, STATUS_SUCCESS);
     embedded::Clock::Advance(5 * embedded::Clock::Second - 1);
     EXPECT_EQ(Write(Handle, "abc", 3, 8).Status, STATUS_DISK_FULL);
@@ -311,6 +312,7 @@ TEST_P(SettingSizes, ARefusalIsRememberedForTheWritesThatFollow) {
     embedded::Clock::Advance(1);
     EXPECT_EQ(Write(Handle, "abc", 3, 8).Status, STATUS_SUCCESS);
     EXPECT_FALSE(Instance(Handle)->DiskFullLatched);
+    EXPECT_EQ(Instance(Handle)->DiskFullAvailable, 0u);
 }
 
 TEST_P(SettingSizes, WithoutAnAnswerAboutTheSpaceNothingIsRefused) {

@@ -311,31 +311,6 @@ TEST_F(Shutdown, GivesUpAfterAMinuteAndUndoesNothing) {
 
 // ---- Races
 
-TEST_F(Shutdown, OfTwoAtOnceOneTearsDownAndTheOtherIsRefused) {
-    for (int Round = 0; Round < 50; ++Round) {
-        Start();
-        Bind();
-        {
-            const KeptDevice Kept;
-            std::atomic<int> Ready = 0;
-            NTSTATUS Statuses[2];
-            const auto Send = [&](NTSTATUS *Status) {
-                ++Ready;
-                while (Ready != 2) {
-                }
-                *Status = embedded::SendIrpAndWait(Kept, Plain(IRP_MJ_SHUTDOWN, nullptr)).Status;
-            };
-            std::thread Other(Send, &Statuses[0]);
-            Send(&Statuses[1]);
-            Other.join();
-            EXPECT_TRUE((Statuses[0] == STATUS_NOT_SUPPORTED && Statuses[1] == STATUS_UNSUCCESSFUL) ||
-                        (Statuses[1] == STATUS_NOT_SUPPORTED && Statuses[0] == STATUS_UNSUCCESSFUL))
-                << std::hex << Statuses[0] << " " << Statuses[1];
-        }
-        Stop();
-    }
-}
-
 // Requests of every kind while the driver goes down, with all its messages on their way to a log.
 TEST_F(Shutdown, RequestsThatRaceWithItEndOneWayOrTheOther) {
     Provider.SetRecording(false);
