@@ -1,5 +1,9 @@
 // Binding to the component framework on the first request, and the class that the driver publishes.
 
+#include <atomic>
+#include <thread>
+
+#include "embedded/ke.h"
 #include "frame/driver.h"
 #include "provider/binding.h"
 #include "provider/class_factory.h"
@@ -173,6 +177,27 @@ TEST_F(PublishedClass, RefusesWhatItCannotMakeAndKeepsNothing) {
         EXPECT_EQ(Framework->AllocationCount(), Before);
     }
     EXPECT_EQ(Framework->LiveBlocks(), 0u);
+}
+
+TEST_F(PublishedClass, IsSetUpUnderTheLockOfTheFramework) {
+    Start();
+    Bind();
+    std::atomic<bool> Asks = false;
+    std::thread Asking;
+    {
+        ResourceHold Hold;
+        Hold.AcquireExclusive(&g_FrameworkInitResource, TRUE);
+        Asking = std::thread([&] {
+            const embedded::SettleWith Counting;
+            Asks = true;
+            Asks.notify_one();
+            EXPECT_NE(Factory(), nullptr);
+        });
+        Asks.wait(false);
+        embedded::Clock::Settle();
+        EXPECT_EQ(Framework->LiveMutexes(), 0u);
+    }
+    Asking.join();
 }
 
 TEST_F(PublishedClass, IsNotThereWithoutItsMutexOrTheFramework) {

@@ -174,6 +174,19 @@ TEST_F(SharedOpens, OfAFileWhosePathBecameAVolumesAreRefused) {
     ExpectNothingOpen("the close");
 }
 
+TEST_F(SharedOpens, ThatFailAreEndedWithTheTableAndTheFileHeld) {
+    const PFCB Shared = Fcb(MustOpen(u"\\srv\\vol\\a.txt"));
+    std::vector<bool> Held;
+    Provider.OnCall(Slot::CreateFile, IsRealOpen).Return(ProviderError(0x0006));
+    Provider.OnCall(Slot::CloseVolume).Do([&](const Call &) {
+        Held.push_back(ExIsResourceAcquiredExclusiveLite(&FcbTableResource) &&
+                       ExIsResourceAcquiredExclusiveLite(&Shared->Resource));
+    });
+    EXPECT_EQ(Try(u"\\srv\\vol\\a.txt").Status, STATUS_ACCESS_DENIED);
+    EXPECT_EQ(Held, std::vector<bool>{true});
+    Provider.ClearScript();
+}
+
 TEST_F(SharedOpens, OfARootWhoseVolumeCannotBeOpenedLeaveItARoot) {
     const HANDLE Root = MustOpen(u"\\srv\\vol", AsDirectory);
     Provider.OnCall(Slot::OpenVolume).Nth(2).Return(ProviderError(0x0006)); // the first one is the probe's

@@ -205,6 +205,8 @@ TEST_F(Shutdown, OpensThatOutliveItHaveNoProviderHandlesAndCloseHarmlessly) {
     char Byte;
     EXPECT_EQ(Read(Handles[0], &Byte, 1, 0).Status, STATUS_UNSUCCESSFUL);
     EXPECT_EQ(Instance(Handles[0])->BaseHandle, 0u);
+    EXPECT_EQ(Instance(Handles[0])->FileHandle | Instance(Handles[0])->VolumeHandle, 0u);
+    EXPECT_EQ(Instance(Handles[2])->DirHandle, 0u);
     for (const HANDLE Each : Handles) {
         EXPECT_EQ(Close(Each), STATUS_SUCCESS);
     }
