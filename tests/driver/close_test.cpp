@@ -92,20 +92,6 @@ TEST_F(Cleanup, AnswersTheRawStatusOfTheLastUnlock) {
     }
 }
 
-TEST_F(Cleanup, ALockGrantedAfterTheCleanupOfItsHandleIsGivenBack) {
-    const HANDLE Owner = MustOpen(u"\\srv\\vol\\a.txt", Writer);
-    const HANDLE Goes = MustOpen(u"\\srv\\vol\\a.txt", Writer);
-    EXPECT_EQ(Lock(Owner, 0, 10), STATUS_SUCCESS);
-    LARGE_INTEGER Length = {.QuadPart = 4};
-    embedded::SentIrp Waiting = Wait(Goes, 2, &Length);
-    const PFILE_OBJECT File = CleanUp(Goes);
-    EXPECT_EQ(Unlock(Owner, 0, 10), STATUS_SUCCESS);
-    EXPECT_EQ(Waiting.Wait().Status, STATUS_CANCELLED);
-    EXPECT_TRUE(LocalLocks(Owner).empty());
-    EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10"}));
-    embedded::DereferenceFileObject(File);
-}
-
 // Its completion is the last of its file object, and the close that follows takes other locks first.
 TEST_F(Cleanup, AWaiterWhoseGrantFailsIsCompletedUnderNoLock) {
     const HANDLE Owner = MustOpen(u"\\srv\\vol\\a.txt", Writer);

@@ -286,32 +286,4 @@ TEST_F(ConcurrentCreates, OpensAndClosesOfNestedNamesDoNotDisturbEachOther) {
     ExpectNothingOpen("all threads");
 }
 
-// ---- Telling the watchers
-
-TEST_F(SharedOpens, TellTheWatchersWhenAllElseIsDone) {
-    Start({.Switches = {{u"EnableDirectoryNotify", 1}}});
-    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
-    for (const bool IsDirectory : {false, true}) {
-        embedded::IrpBuilder Builder = Plain(IRP_MJ_DIRECTORY_CONTROL, FileObject(Directory));
-        Builder.MinorFunction = IRP_MN_NOTIFY_CHANGE_DIRECTORY;
-        Builder.Fill = [](PIO_STACK_LOCATION IrpSp) {
-            IrpSp->Parameters.NotifyDirectory.CompletionFilter = FILE_NOTIFY_CHANGE_FILE_NAME;
-        };
-        embedded::SentIrp Waiting = embedded::SendIrp(Device(), Builder);
-        unsigned CallsBefore = 0;
-        std::vector<UCHAR> Order;
-        embedded::SetIoObserver([&](const embedded::CompletedRequest &Request) {
-            Order.push_back(Request.MajorFunction);
-            CallsBefore = Request.MajorFunction == IRP_MJ_DIRECTORY_CONTROL ? Provider.CountCalls() : CallsBefore;
-        });
-        const HANDLE Made = MustOpen(IsDirectory ? u"\\srv\\vol\\docs\\newdir" : u"\\srv\\vol\\docs\\newfile",
-                                     With(IsDirectory ? AsDirectory : Open{}, FILE_CREATE));
-        embedded::SetIoObserver({});
-        EXPECT_EQ(Order, (std::vector<UCHAR>{IRP_MJ_DIRECTORY_CONTROL, IRP_MJ_CREATE}));
-        EXPECT_EQ(CallsBefore, Provider.CountCalls());
-        EXPECT_EQ(Waiting.Wait().Status, STATUS_NOTIFY_ENUM_DIR);
-        Close(Made);
-    }
-}
-
 } // namespace

@@ -21,16 +21,6 @@ protected:
     std::u16string FullPath(HANDLE Handle) {
         return View(Fcb(Handle)->FullPath);
     }
-    // Ends an open whose FCB is held.
-    static void Drop(IRP_CONTEXT &Request, PFCB Found, PINSTANCE_CONTEXT Made, ResourceHold &Hold) {
-        Hold.Release();
-        ResourceHold Table;
-        Table.AcquireExclusive(&FcbTableResource, TRUE);
-        Hold.AcquireExclusive(&Found->Resource, TRUE);
-        BOOLEAN Freed = FALSE;
-        EXPECT_EQ(TwSupDereference(&Request, Found, Made, &Freed, Hold), STATUS_SUCCESS);
-        EXPECT_TRUE(Freed);
-    }
     NTSTATUS Rename(HANDLE Handle, std::u16string_view NewPath) {
         UNICODE_STRING Name = Counted(NewPath);
         const PFCB Renamed = Fcb(Handle);
@@ -54,26 +44,6 @@ protected:
         EXPECT_LE(Left, Path.Buffer + Path.Length / sizeof(WCHAR));
     }
 };
-
-TEST_F(Fcbs, OnePathHasOneFcbInWhateverLetterCase) {
-    const HANDLE First = MustOpen(u"\\srv\\vol\\docs\\f.txt");
-    const HANDLE Second = MustOpen(u"\\SRV\\Vol\\DOCS\\F.TXT");
-    const HANDLE Other = MustOpen(u"\\srv\\vol\\docs");
-    EXPECT_EQ(Fcb(First), Fcb(Second));
-    EXPECT_NE(Fcb(First), Fcb(Other));
-    EXPECT_EQ(Fcb(First)->OpenCount, 2u);
-    EXPECT_EQ(Fcb(First)->UncleanCount, 2u);
-    EXPECT_EQ(FullPath(Second), u"\\srv\\vol\\docs\\f.txt");
-    EXPECT_EQ(FcbPrefixCount, 2u);
-    EXPECT_NE(Instance(First), Instance(Second));
-    EXPECT_EQ(FileObject(Second)->SectionObjectPointer, &Fcb(First)->SectionObjectPointers);
-    Close(First);
-    EXPECT_EQ(Fcb(Second)->OpenCount, 1u);
-    EXPECT_EQ(Fcb(Second)->UncleanCount, 1u);
-    Close(Second);
-    Close(Other);
-    ExpectNothingOpen("the last close");
-}
 
 TEST_F(Fcbs, HaveAHeaderThatTheSystemUnderstands) {
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
@@ -152,7 +122,7 @@ TEST_F(Fcbs, WhenTheVolumeCannotBeOpenedTheWholePathNamesTheObject) {
 }
 
 TEST_F(Fcbs, APathIsSplitOnlyAtAComponentThatTheProviderCallsItsVolume) {
-    Bind();
+    Provider.AddFile(u"\\srv\\vol\\f.txt");
     struct {
         std::u16string_view Answer, PathLeft; // of \srv\vol\docs\f.txt
     } constexpr Cases[] = {
@@ -164,38 +134,18 @@ TEST_F(Fcbs, APathIsSplitOnlyAtAComponentThatTheProviderCallsItsVolume) {
     };
     for (const auto &Each : Cases) {
         SCOPED_TRACE(providers::ToUtf8(Each.Answer));
-        IRP_CONTEXT Request = Context(embedded::CreateFileObject(Device(), u"x", 0));
         RVHANDLE Volume = 0;
-        ASSERT_EQ(RVFsdOpenVolume(&Request.SecurityContext, u"\\srv\\vol", &Volume), RVSTATUS::Success);
+        Provider.Edit([&](providers::Tree &Tree) { Tree.OpenVolume(u"\\srv\\vol", &Volume); });
         Provider.OnCall(Slot::QueryPathForVolume).AnswerPath(std::u16string(Each.Answer));
-        // Whatever it is called, it is a volume.
-        Provider.OnCall(Slot::OpenVolume)
-            .Answer([Volume](providers::Outputs &Out) { *Out.Handle = Volume; })
-            .ReturnAfter({});
-
-        UNICODE_STRING Name = Counted(u"\\srv\\vol\\docs\\f.txt");
-        PFCB Found = nullptr;
-        PINSTANCE_CONTEXT Made = nullptr;
-        ULONG OpenCount = 0;
-        ULONG EntryType = 0;
-        ResourceHold Hold;
-        ASSERT_EQ(NtFsdOpenFcb(&Request, nullptr, &Name, &Found, &Made, &OpenCount, &EntryType, Hold), STATUS_SUCCESS);
-        EXPECT_EQ(std::u16string(Made->PathLeft), Each.PathLeft);
-        EXPECT_EQ(EntryType, ENTRY_TYPE_FILE + 0u);
-        const bool Resolved = Each.PathLeft[0] != u'\\';
-        EXPECT_EQ(Made->VolumeHandle, Resolved ? Volume : 0);
-        EXPECT_EQ(Made->BaseHandle, Made->VolumeHandle);
-        EXPECT_EQ(Made->RelatedHandle, Made->VolumeHandle);
-        EXPECT_EQ(Found->VolumeResolved, Resolved ? 1 : 0);
-        if (Resolved) {
-            RVFsdCloseVolume(&Request.SecurityContext, Volume);
-        }
-        Drop(Request, Found, Made, Hold);
-        EXPECT_EQ(Request.FileObject->FsContext, nullptr);
-        EXPECT_EQ(Request.FileObject->FsContext2, nullptr);
-        embedded::DereferenceFileObject(Request.FileObject);
+        Provider.OnCall(Slot::OpenVolume).ReturnAfter({}).AnswerHandle(Volume); // whatever it is called, it is a volume
+        const HANDLE Handle = MustOpen(u"\\srv\\vol\\docs\\f.txt");
+        EXPECT_EQ(PathLeft(Handle), Each.PathLeft);
+        EXPECT_EQ(Instance(Handle)->VolumeHandle, Each.PathLeft[0] != u'\\' ? Volume : 0);
+        EXPECT_EQ(Instance(Handle)->BaseHandle, Instance(Handle)->VolumeHandle);
+        EXPECT_EQ(Instance(Handle)->RelatedHandle, Instance(Handle)->VolumeHandle);
+        Close(Handle);
         Provider.ClearScript();
-        ExpectNothingOpen("the dereference");
+        ExpectNothingOpen("the close");
     }
 }
 

@@ -53,24 +53,16 @@ TEST(Format, IntegersHaveSignBaseWidthAndPrecision) {
         {Formatted("%05d", -42), "-0042"},
         {Formatted("%ld %lu %08lx %hu", -1, 1u, 255u, 65535u), "-1 1 000000ff 65535"},
         {Formatted("%x", 0), "0"},
-    });
-}
-
-// A negative number must not spread into the upper half, nor a 64-bit one lose it.
-TEST(Format, SizesOfIntegersAreThoseOfTheFormat) {
-    ExpectAll({
+        // A negative number must not spread into the upper half, nor a 64-bit one lose it.
         {Formatted("%X", static_cast<NTSTATUS>(0xC0000001)), "C0000001"},
         {Formatted("%I64X", 0x123456789ABCDEF0ull), "123456789ABCDEF0"},
         {Formatted("%I64x", -1ll), "ffffffffffffffff"},
         {Formatted("%I64d", static_cast<LONG64>(0x8000000000000000ull)), "-9223372036854775808"},
         {Formatted("%I64u", ~0ull), "18446744073709551615"},
+        // Pointers are sixteen digits.
+        {Formatted("0x%p", reinterpret_cast<PVOID>(0xFFFF8000DEADBEEFull)), "0xFFFF8000DEADBEEF"},
+        {Formatted("%p", static_cast<PVOID>(nullptr)), "0000000000000000"},
     });
-}
-
-TEST(Format, PointersAreSixteenDigits) {
-    const auto Address = reinterpret_cast<PVOID>(0xFFFF8000DEADBEEFull);
-    ExpectAll({{Formatted("0x%p", Address), "0xFFFF8000DEADBEEF"},
-               {Formatted("%p", static_cast<PVOID>(nullptr)), "0000000000000000"}});
 }
 
 TEST(Format, NarrowTextHasWidthAndPrecision) {
@@ -81,6 +73,7 @@ TEST(Format, NarrowTextHasWidthAndPrecision) {
         {Formatted("<%s>", static_cast<PCSTR>(nullptr)), "<>"},
         {Formatted("%c%c", 'o', 'k'), "ok"},
         {Formatted("100%%"), "100%"},
+        {Formatted("caf\xE9: %s", "caf\xE9"), "caf\xE9: caf\xE9"}, // no UTF-8: as it is, when it fits
     });
 }
 
@@ -125,10 +118,7 @@ TEST(Format, AStarTakesThePrecisionOfWideText) {
         {Formatted("\"%.*ws\"", 9u, WideText{nullptr, 0}), "\"\""},
         {Formatted("\"%.*s\"", 2u, "text"), "\"te\""},
     });
-}
-
-// A wide text with a precision need not end anywhere.
-TEST(Format, AStarReadsNoUnitBehindThePrecision) {
+    // A wide text with a precision need not end anywhere.
     std::vector<WCHAR> Exactly(3, u'x');
     EXPECT_EQ(Formatted("%.*ws", 3u, static_cast<PCWSTR>(Exactly.data())), "xxx");
 }
@@ -151,14 +141,7 @@ TEST(Format, ACutLineIsAPrefixThatSplitsNoCharacter) {
         EXPECT_GE(Got.size() + 3, std::min<size_t>(Size - 1, Whole.size())) << "cut too short at size " << Size;
     }
     EXPECT_EQ(Line(static_cast<ULONG>(Whole.size()) + 1), Whole);
-}
-
-TEST(Format, NothingFollowsWhatWasDropped) {
     EXPECT_EQ(Cut(5, "%ws%s", u"abc€", "x"), "abc"); // the "x" would fit where the euro sign did not
-}
-
-TEST(Format, TextThatIsNoUtf8StaysWhenItFits) {
-    EXPECT_EQ(Formatted("%s", "caf\xE9"), "caf\xE9");
 }
 
 // ---- Formats against arguments, when the code is compiled -----------------------------------------------------------

@@ -33,19 +33,15 @@ protected:
     }
 };
 
-TEST_F(Locks, AKeyOfZeroBecomesTheLowHalfOfTheProcess) {
+TEST_F(Locks, AKeyOfZeroIsTheLowHalfOfTheProcessAndAnUnlockHasThatOfTheLastLock) {
     EXPECT_EQ(Lock(First, 0, 1), STATUS_SUCCESS);
     const auto Process = reinterpret_cast<ULONG_PTR>(IoGetCurrentProcess());
     EXPECT_EQ(LocalLocks(First).at(0).Key, static_cast<ULONG>(Process));
     EXPECT_EQ(Instance(First)->LockKey, static_cast<ULONG>(Process));
-}
-
-TEST_F(Locks, AnUnlockUsesTheKeyOfTheLastLockWhateverItCarries) {
-    EXPECT_EQ(Lock(First, 0, 1, 7), STATUS_SUCCESS);
-    EXPECT_EQ(Unlock(First, 0, 1, 99), STATUS_SUCCESS);
-    EXPECT_EQ(Lock(First, 0, 1, 7), STATUS_SUCCESS);
+    EXPECT_EQ(Lock(First, 7, 1, 7), STATUS_SUCCESS);
+    EXPECT_EQ(Unlock(First, 7, 1, 99), STATUS_SUCCESS) << "whatever it carries";
     EXPECT_EQ(Lock(First, 5, 1, 8), STATUS_SUCCESS);
-    EXPECT_EQ(Unlock(First, 0, 1, 7), STATUS_RANGE_NOT_LOCKED);
+    EXPECT_EQ(Unlock(First, 0, 1), STATUS_RANGE_NOT_LOCKED);
 }
 
 TEST_F(Locks, AnEmptyRangeAtOffsetZeroNeverReachesTheServer) {
@@ -56,12 +52,17 @@ TEST_F(Locks, AnEmptyRangeAtOffsetZeroNeverReachesTheServer) {
     EXPECT_EQ(ServerLocks(), (Calls{"lock 3+0"}));
 }
 
-TEST_F(Locks, ALocalConflictAndAMissingRangeAreRefusedWithoutTheServer) {
+TEST_F(Locks, WhatIsWrongHereIsRefusedWithoutTheServerAndWhatFailsThereIsToldAndDoneHere) {
+    LARGE_INTEGER Length = {.QuadPart = 1};
+    EXPECT_EQ(Send(Request(First, 9, 0, &Length)), STATUS_INVALID_PARAMETER) << "no such request";
     EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
     Provider.ClearCalls();
     EXPECT_EQ(Lock(Second, 5, 1), STATUS_LOCK_NOT_GRANTED);
     EXPECT_EQ(Unlock(Second, 5, 1), STATUS_RANGE_NOT_LOCKED);
     EXPECT_EQ(ServerLocks(), Calls{});
+    Provider.OnCall(Slot::UnlockFile).ReturnAfter(ProviderError(0x0102));
+    EXPECT_EQ(Unlock(First, 0, 10), STATUS_NETWORK_BUSY);
+    EXPECT_TRUE(LocalLocks(First).empty());
 }
 
 TEST_F(Locks, ARefusalOfTheServerLeavesNoLocalLock) {
@@ -75,13 +76,6 @@ TEST_F(Locks, ARefusalOfTheServerLeavesNoLocalLock) {
         EXPECT_TRUE(LocalLocks(First).empty());
         Provider.ClearScript();
     }
-}
-
-TEST_F(Locks, AFailedUnlockAtTheServerIsReportedAndTheLocalLockIsGone) {
-    EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
-    Provider.OnCall(Slot::UnlockFile).ReturnAfter(ProviderError(0x0102));
-    EXPECT_EQ(Unlock(First, 0, 10), STATUS_NETWORK_BUSY);
-    EXPECT_TRUE(LocalLocks(First).empty());
 }
 
 TEST_F(Locks, AWaitingLockThatTheServerRefusesMakesRoomForTheNext) {
@@ -207,12 +201,6 @@ TEST_F(Locks, AnUnlockOfAllWithoutMemoryChangesNothing) {
     EXPECT_EQ(Send(Request(First, IRP_MN_UNLOCK_ALL, 0, nullptr)), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(ServerLocks(), Calls{});
     EXPECT_EQ(LocalLocks(First).size(), 1u);
-}
-
-TEST_F(Locks, AnUnknownMinorFunctionIsAnInvalidParameter) {
-    LARGE_INTEGER Length = {.QuadPart = 1};
-    EXPECT_EQ(Send(Request(First, 9, 0, &Length)), STATUS_INVALID_PARAMETER);
-    EXPECT_EQ(Lock(First, 0, 1), STATUS_SUCCESS); // the FCB is free again
 }
 
 // A request inside another one of its thread: what may wait is posted and told to the server once, the rest finished in

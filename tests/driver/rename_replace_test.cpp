@@ -1,5 +1,5 @@
-// Renames whose new name is taken, by another object or, in another letter case, by the one that is renamed: whatever is
-// in the way, and by whatever name, no content is lost but the replaced file's.
+// Renames whose new name is taken, by another object or, in another letter case, by the one that is renamed: whatever
+// is in the way, and by whatever name, no content is lost but the replaced file's.
 
 #include <fstream>
 

@@ -114,32 +114,23 @@ TEST_F(TargetOpens, CutANameThatDoesNotFitIntoItsFileObject) {
         std::u16string Buffer(64, u'#');
         const UNICODE_STRING Old = File->FileName;
         File->FileName = {0, Room, Buffer.data()};
-        IO_STACK_LOCATION Stack = {};
-        IO_SECURITY_CONTEXT Security = {};
-        Stack.FileObject = File;
-        Stack.Parameters.Create.SecurityContext = &Security;
         File->RelatedFileObject = FileObject(Directory);
-        IRP_CONTEXT Request = Context(File);
-        PFCB Found = nullptr;
-        PINSTANCE_CONTEXT Made = nullptr;
-        ULONG_PTR Information = 99;
-        ResourceHold Hold;
-        ASSERT_EQ(NtFsdOpenTargetDirectory(&Request, &Stack, &Found, &Made, &Information, Hold), STATUS_SUCCESS);
-        EXPECT_EQ(Information, static_cast<ULONG_PTR>(FILE_EXISTS));
+        IO_SECURITY_CONTEXT Security = {};
+        embedded::IrpBuilder Builder = Plain(IRP_MJ_CREATE, File);
+        Builder.StackFlags = SL_OPEN_TARGET_DIRECTORY;
+        Builder.Fill = [&Security](PIO_STACK_LOCATION Stack) {
+            Stack->Parameters.Create.SecurityContext = &Security;
+            Stack->Parameters.Create.Options = FILE_OPEN << 24;
+        };
+        const IO_STATUS_BLOCK Opened = embedded::SendIrpAndWait(Device(), Builder);
+        EXPECT_EQ(Opened.Status, STATUS_SUCCESS);
+        EXPECT_EQ(Opened.Information, static_cast<ULONG_PTR>(FILE_EXISTS));
         const size_t Units = std::min<size_t>(4, Room / 2);
         EXPECT_EQ(View(File->FileName), std::u16string(u"docs").substr(0, Units));
         EXPECT_EQ(Buffer[Units], Room / 2u > Units ? u'\0' : u'#') << Room;
         EXPECT_EQ(Buffer[Units + 1], u'#') << Room;
-        RVFsdCloseDirectory(&Request.SecurityContext, Made->DirHandle);
-        RVFsdCloseVolume(&Request.SecurityContext, Made->VolumeHandle);
-        Hold.Release();
-        {
-            ResourceHold Table;
-            Table.AcquireExclusive(&FcbTableResource, TRUE);
-            Hold.AcquireExclusive(&Found->Resource, TRUE);
-            BOOLEAN Freed;
-            EXPECT_EQ(TwSupDereference(&Request, Found, Made, &Freed, Hold), STATUS_SUCCESS);
-            EXPECT_TRUE(Freed);
+        for (const UCHAR Ending : {IRP_MJ_CLEANUP, IRP_MJ_CLOSE}) {
+            EXPECT_EQ(embedded::SendIrpAndWait(Device(), Plain(Ending, File)).Status, STATUS_SUCCESS);
         }
         File->RelatedFileObject = nullptr;
         File->FileName = Old;

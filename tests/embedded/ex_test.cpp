@@ -193,19 +193,6 @@ TEST_F(ResourceTest, HoldsUnderLoadExcludeEachOther) {
     EXPECT_EQ(Resource.SpinLock, 0u);
 }
 
-TEST_F(ResourceTest, ADeleteWhileAThreadWaitsStops) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(
-        {
-            Actor Holder;
-            Actor Waiter;
-            Holder.Do([&] { Exclusive(Writers); });
-            Waiter.Do([&] { Exclusive(Writers); });
-            ExDeleteResourceLite(&Resource);
-        },
-        StopPattern(bugcheck::Verifier, 0x100B, "waited for"));
-}
-
 TEST(PoolTest, CountsByTagAndAltogether) {
     const LONG64 Bytes = PoolBytesInUse(), Blocks = PoolBlocksInUse();
     PVOID One = ExAllocatePoolWithTag(NonPagedPool, 100, Tag);

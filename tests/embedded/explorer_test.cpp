@@ -3,9 +3,9 @@
 #include "embedded/explorer/explorer.h"
 
 #include <iostream>
-#include <regex>
 
 #include <fmt/format.h>
+#include <gmock/gmock.h>
 
 #include "embedded/ex.h"
 #include "embedded/explorer/schedule.h"
@@ -218,28 +218,6 @@ Race UseAfterTheLastDereference(bool Faulty) {
             {}};
 }
 
-// Takes a report that matches and shows which schedule it was.
-class FoundBy : public testing::MatcherInterface<const std::string &> {
-public:
-    explicit FoundBy(std::string Pattern) : Pattern_(std::move(Pattern)) {
-    }
-    bool MatchAndExplain(const std::string &Report, testing::MatchResultListener *) const override {
-        std::smatch Found;
-        if (!std::regex_search(Report, std::regex(Pattern_)) ||
-            !std::regex_search(Report, Found, std::regex("at schedule .* of the race .*: RVFSD_SCHEDULE=.*"))) {
-            return false;
-        }
-        std::cout << "[ EXPLORER ] found " << Found[0] << "\n";
-        return true;
-    }
-    void DescribeTo(std::ostream *Stream) const override {
-        *Stream << Pattern_;
-    }
-
-private:
-    const std::string Pattern_;
-};
-
 struct KnownFault {
     const char *Name;
     Race (*Make)(bool Faulty);
@@ -263,11 +241,12 @@ void RunToDeath(const Race &Of, const ExploreOptions &Options) {
 
 TEST_P(KnownFaults, AreFoundByTheWalkAndByDrawnSchedulesAndNothingElseIs) {
     const auto &[Name, Make, Report] = GetParam();
-    const auto Found = [Report = Report] { return testing::MakeMatcher(new FoundBy(Report)); };
+    const auto Found = testing::AllOf(testing::ContainsRegex(Report),
+                                      testing::ContainsRegex("at schedule .* of the race .*: RVFSD_SCHEDULE=."));
     const ExploreOptions WalkOnly{.RandomSchedules = 0};
     const ExploreOptions RandomOnly{.MostSchedules = 1};
-    EXPECT_DEATH(RunToDeath(Make(true), WalkOnly), Found());
-    EXPECT_DEATH(RunToDeath(Make(true), RandomOnly), Found());
+    EXPECT_DEATH(RunToDeath(Make(true), WalkOnly), Found);
+    EXPECT_DEATH(RunToDeath(Make(true), RandomOnly), Found);
     const ExploreResult Clean = Explore(Make(false), {.RandomSchedules = 300});
     EXPECT_EQ(Clean.Failure, "") << Clean.Schedule;
     EXPECT_FALSE(Clean.Bounded) << "all schedules of two preemptions";
