@@ -64,14 +64,6 @@ TEST_F(CmTest, MissingNamesAreNotFound) {
     EXPECT_EQ(Query(u"Nothing", 20), STATUS_OBJECT_NAME_NOT_FOUND);
 }
 
-TEST_F(CmTest, AKeyPathNeedsItsLeadingBackslash) {
-    UNICODE_STRING Key = ToUnicodeString(u"REGISTRY\\Machine");
-    OBJECT_ATTRIBUTES Attributes;
-    InitializeObjectAttributes(&Attributes, &Key, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
-    HANDLE Handle = nullptr;
-    EXPECT_EQ(ZwOpenKey(&Handle, MAXIMUM_ALLOWED, &Attributes), STATUS_OBJECT_PATH_SYNTAX_BAD);
-}
-
 using CmDeathTest = CmTest;
 
 TEST_F(CmDeathTest, AStringOfOddLengthStops) {

@@ -165,34 +165,6 @@ TEST_F(ResourceTest, ConversionLetsReadersInAndKeepsTheHold) {
     EXPECT_TRUE(Try(true));
 }
 
-TEST_F(ResourceTest, HoldsUnderLoadExcludeEachOther) {
-    int Guarded = 0;
-    std::atomic<int> ReadersNow{0};
-    std::vector<std::jthread> Threads;
-    for (int Thread = 0; Thread < 4; ++Thread) {
-        Threads.emplace_back([&, Thread] {
-            for (int Round = 0; Round < 1500; ++Round) {
-                CriticalRegion Region;
-                if ((Round + Thread) % 3 == 0) {
-                    ExAcquireResourceExclusiveLite(&Resource, TRUE);
-                    EXPECT_EQ(ReadersNow.load(), 0);
-                    ++Guarded;
-                } else {
-                    ExAcquireResourceSharedLite(&Resource, TRUE);
-                    ++ReadersNow;
-                    EXPECT_LE(Guarded, 2000);
-                    --ReadersNow;
-                }
-                ExReleaseResourceLite(&Resource);
-            }
-        });
-    }
-    Threads.clear(); // joins them
-    EXPECT_EQ(Guarded, 2000);
-    EXPECT_EQ(Resource.NumberOfExclusiveWaiters + Resource.NumberOfSharedWaiters, 0u);
-    EXPECT_EQ(Resource.SpinLock, 0u);
-}
-
 TEST(PoolTest, CountsByTagAndAltogether) {
     const LONG64 Bytes = PoolBytesInUse(), Blocks = PoolBlocksInUse();
     PVOID One = ExAllocatePoolWithTag(NonPagedPool, 100, Tag);
@@ -383,47 +355,6 @@ TEST(FaultTest, TheNthCallFailsOnceOrFromThenOn) {
         EXPECT_EQ(AllocateSome(), static_cast<int>(5 - Nth));
     }
     EXPECT_EQ(AllocateSome(), 0);
-}
-
-TEST(FaultTest, OnlyDriverCodeIsHitAndOnlyThePlannedKinds) {
-    PlannedFaults Planned({.How = FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Pool), .Nth = 1});
-    auto Fails = [] {
-        PVOID Block = ExAllocatePoolWithTag(NonPagedPool, 16, Tag);
-        if (Block != nullptr) {
-            ExFreePoolWithTag(Block, Tag);
-        }
-        return Block == nullptr;
-    };
-    EXPECT_FALSE(Fails());
-    FaultScope Driver;
-    EXPECT_TRUE(Fails());
-    {
-        FaultExempt FrontEnd;
-        EXPECT_FALSE(Fails());
-    }
-    EXPECT_TRUE(Fails());
-    ERESOURCE Resource;
-    EXPECT_EQ(ExInitializeResourceLite(&Resource), STATUS_SUCCESS);
-    ExDeleteResourceLite(&Resource);
-    EXPECT_EQ(GetFaultCounts().Failed[static_cast<ULONG>(FaultKind::Pool)], 2u);
-}
-
-TEST(FaultTest, ResourcesAndTryAcquiresFailWhenAsked) {
-    FaultScope Driver;
-    ERESOURCE Resource;
-    {
-        PlannedFaults Planned({.Kinds = FaultBit(FaultKind::Resource)});
-        EXPECT_EQ(ExInitializeResourceLite(&Resource), STATUS_INSUFFICIENT_RESOURCES);
-        EXPECT_EQ(ExInitializeResourceLite(&Resource), STATUS_SUCCESS);
-    }
-    {
-        PlannedFaults Planned({.Kinds = FaultBit(FaultKind::TryAcquire)});
-        CriticalRegion Region;
-        EXPECT_FALSE(ExAcquireResourceSharedLite(&Resource, FALSE));
-        EXPECT_TRUE(ExAcquireResourceSharedLite(&Resource, FALSE));
-        ExReleaseResourceLite(&Resource);
-    }
-    ExDeleteResourceLite(&Resource);
 }
 
 } // namespace

@@ -167,27 +167,6 @@ TEST_F(KernelTest, AWaitTimesOutWhenTheClockReachesIt) {
     EXPECT_EQ(KeReadStateEvent(&Event), 0);
 }
 
-TEST_F(KernelTest, AForeignThreadThatSettlesIsWaitedFor) {
-    KEVENT Event;
-    KeInitializeEvent(&Event, NotificationEvent, FALSE);
-    std::atomic<bool> Passed{false};
-    std::atomic<bool> Counted{false};
-    std::thread Client([&] {
-        SettleWith Counting;
-        Counted = true;
-        Counted.notify_one();
-        KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, nullptr);
-        Passed = true;
-    });
-    Counted.wait(false);
-    Clock::Settle();
-    EXPECT_FALSE(Passed);
-    KeSetEvent(&Event, 0, FALSE);
-    Clock::Settle();
-    EXPECT_TRUE(Passed);
-    Client.join();
-}
-
 TEST(RunningClock, StoppingTheClockStopsDelaysThatAreUnderWay) {
     Poller Worker;
     Worker.Limit = 1;
