@@ -49,7 +49,7 @@ NTSTATUS PrepareNames(RENAME &Rename) HOLDING(FcbTableResource) {
     const UNICODE_STRING Directory = NtFsdWithoutSlash(*Rename.TargetDirectory());
     OwnedString Path;
     Status = NtFsdComposePath(&Directory, Rename.NewName.Get(), Path.Get(), nullptr);
-    return NT_SUCCESS(Status) ? Rename.NewPath.Make(Path.Get()) : Status;
+    return NT_SUCCESS(Status) ? Rename.NewPath.Make(Rename.Change.Fcb, Path.Get()) : Status;
 }
 
 // ---- The case-only test

@@ -133,9 +133,9 @@ public:
     NewPathRecord(const NewPathRecord &) = delete;
     NewPathRecord &operator=(const NewPathRecord &) = delete;
     ~NewPathRecord();
-    // Copies Path, once, and counts it in below its directory. STATUS_INSUFFICIENT_RESOURCES or STATUS_NAME_TOO_LONG.
-    // FcbTableResource held exclusive.
-    NTSTATUS Make(PCUNICODE_STRING Path) HOLDING(FcbTableResource);
+    // Copies Path, once, for Fcb, and counts it in below its directory. STATUS_INSUFFICIENT_RESOURCES, also when Fcb
+    // keeps too many old paths, or STATUS_NAME_TOO_LONG. FcbTableResource held exclusive.
+    NTSTATUS Make(const FCB *Fcb, PCUNICODE_STRING Path) HOLDING(FcbTableResource);
     // Counts it out again, unless an FCB has taken it. FcbTableResource held exclusive.
     VOID Drop() HOLDING(FcbTableResource) {
         NtFsdReleaseParent(DetachParent());

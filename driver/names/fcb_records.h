@@ -15,7 +15,8 @@
 //
 // FullPath may be read with the Resource held. Without it NtFsdStablePath gives a path that stays as it is until the
 // FCB goes: a replaced path is kept, so that traces and the PathLeft of other instances never reach freed memory. One
-// that comes back uses its old record again: renaming to and fro takes no memory.
+// that comes back uses its old record again: renaming to and fro takes no memory. An FCB that keeps MOST_OLD_PATH_BYTES
+// of old paths takes no new ones.
 #pragma once
 
 #include "frame/irp_context.h"
@@ -60,6 +61,8 @@ struct PATH_RECORD {
     UNICODE_STRING Path; // owned
 };
 
+inline constexpr ULONG MOST_OLD_PATH_BYTES = 1024 * 1024;
+
 struct PARENT_RECORD;
 
 struct FCB {
@@ -94,6 +97,7 @@ struct FCB {
     PATH_RECORD *CurrentPath;                      // FullPath is its Path
     PARENT_RECORD *Parent UNDER(FcbTableResource); // counts it while it is in the prefix table
     ULONG PathChanges;                             // how often FullPath has changed; written after CurrentPath
+    ULONG OldPathBytes UNDER(FcbTableResource);    // of the paths that FullPath was before
     // Whose wish the pending deletion is, by the flag that asks for it.
     RV_SECURITY_CONTEXT DeleteOnCloseOwner;
     RV_SECURITY_CONTEXT DispositionOwner;

@@ -161,25 +161,33 @@ void RepointInstances(PFCB Fcb) HOLDING(FcbTableResource, Fcb->Resource) {
     }
 }
 
-// The record of a path that Fcb had before, taken out of its chain; NULL when it never had it.
-PATH_RECORD *TakeOldRecord(PFCB Fcb, PCUNICODE_STRING Path) HOLDING(FcbTableResource, Fcb->Resource) {
-    for (PATH_RECORD **Link = &Fcb->CurrentPath->Older; *Link != nullptr; Link = &(*Link)->Older) {
-        PATH_RECORD *Record = *Link;
-        if (RtlEqualUnicodeString(&Record->Path, Path, FALSE)) {
-            *Link = Record->Older;
-            return Record;
-        }
+// What leads to the record of a path that Fcb had before; to NULL when it never had it.
+PATH_RECORD **OldRecordLink(const FCB *Fcb, PCUNICODE_STRING Path) HOLDING(FcbTableResource) {
+    PATH_RECORD **Link = &Fcb->CurrentPath->Older;
+    while (*Link != nullptr && !RtlEqualUnicodeString(&(*Link)->Path, Path, FALSE)) {
+        Link = &(*Link)->Older;
     }
-    return nullptr;
+    return Link;
+}
+
+// What keeping a path takes, with what the pool adds.
+ULONG BytesOf(const PATH_RECORD *Record) {
+    constexpr ULONG HEADERS = 32;
+    return sizeof(PATH_RECORD) + Record->Path.Length + HEADERS;
 }
 
 // Makes NewPath the path of Fcb. The old one stays: readers without the Resource may be using it.
 void TakePath(PFCB Fcb, NewPathRecord &NewPath) HOLDING(FcbTableResource, Fcb->Resource) {
     if (!RtlEqualUnicodeString(&Fcb->FullPath, NewPath.Path(), FALSE)) {
-        PATH_RECORD *Newest = TakeOldRecord(Fcb, NewPath.Path());
-        if (Newest == nullptr) {
+        PATH_RECORD **const Link = OldRecordLink(Fcb, NewPath.Path());
+        PATH_RECORD *Newest = *Link;
+        if (Newest != nullptr) {
+            *Link = Newest->Older;
+            Fcb->OldPathBytes -= BytesOf(Newest);
+        } else {
             Newest = NewPath.Detach();
         }
+        Fcb->OldPathBytes += BytesOf(Fcb->CurrentPath);
         Newest->Older = Fcb->CurrentPath;
         Fcb->FullPath = Newest->Path;
         NtFsdSetCurrentPath(Fcb, Newest);
@@ -201,7 +209,11 @@ NewPathRecord::~NewPathRecord() {
     }
 }
 
-NTSTATUS NewPathRecord::Make(PCUNICODE_STRING Path) {
+NTSTATUS NewPathRecord::Make(const FCB *Fcb, PCUNICODE_STRING Path) {
+    // Memory that nobody gives back before the last close: whoever renames on and on is stopped.
+    if (Fcb->OldPathBytes + BytesOf(Fcb->CurrentPath) > MOST_OLD_PATH_BYTES && *OldRecordLink(Fcb, Path) == nullptr) {
+        return STATUS_INSUFFICIENT_RESOURCES;
+    }
     PoolPointer<PATH_RECORD> Record(static_cast<PATH_RECORD *>(TwAllocMemory(sizeof(PATH_RECORD))));
     if (!Record) {
         return STATUS_INSUFFICIENT_RESOURCES;
