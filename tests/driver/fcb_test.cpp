@@ -29,7 +29,7 @@ protected:
         ResourceHold Hold;
         Hold.AcquireExclusive(&Renamed->Resource, TRUE);
         NewPathRecord Record;
-        const NTSTATUS Status = Record.Make(&Name);
+        const NTSTATUS Status = Record.Make(Renamed, &Name);
         if (NT_SUCCESS(Status)) {
             NtFsdRenameFcb(Renamed, Record);
         }
@@ -302,6 +302,21 @@ TEST_F(Fcbs, ALookUpIsTracedOnceForAnOpen) {
         {"   Trying to find : \\srv\\vol\\a.txt\n", "   Didn't find it.\n", "   Current # entries in table: 0\n",
          "   Didn't find the prefix entry.\n", "   Remaining Path = \\srv\\vol\\a.txt.\n", "   Remaining Len  = 28.\n",
          "   Allocating new FCB\n", " Open Vol \"\\srv\\vol\\a.txt\", handle=0x", " Path past volume level = a.txt\n"});
+}
+
+TEST_F(Fcbs, TakeNewPathsUntilAMegabyteOfOldOnesIsKept) {
+    const HANDLE File = MustOpen(u"\\srv\\vol\\docs\\f.txt");
+    std::u16string Long = u"\\srv\\vol\\" + std::u16string(16000, u'x');
+    unsigned Renamed = 0;
+    while (Renamed < 100 && NT_SUCCESS(Rename(File, Long))) {
+        Long.back() = static_cast<char16_t>(0x4E00 + ++Renamed);
+    }
+    EXPECT_EQ(Renamed, 33u);
+    EXPECT_EQ(Rename(File, Long), STATUS_INSUFFICIENT_RESOURCES);
+    EXPECT_EQ(Rename(File, u"\\srv\\vol\\docs\\f.txt"), STATUS_SUCCESS) << "it had this one before";
+    EXPECT_EQ(Rename(File, Long), STATUS_INSUFFICIENT_RESOURCES);
+    Close(File);
+    ExpectNothingOpen("closing it");
 }
 
 // Whatever opens, goes or takes another path below it, in whatever letter case.
