@@ -42,7 +42,7 @@ bool AcquireAll(CLOSE &Close) {
         if (!Close.Table.AcquireExclusive(&FcbTableResource, MayWait)) {
             return false;
         }
-        // Opens named relative to this one lose its handle. Their FCBs are taken one by one, so before this one's.
+        // Opens that borrow this one's handle lose it. Their FCBs are taken one by one, before this one's.
         if (NtFsdRebaseBorrowers(Close.Instance, Wait) && Close.Hold.AcquireExclusive(&Close.Fcb->Resource, Wait)) {
             return true;
         }
@@ -50,7 +50,7 @@ bool AcquireAll(CLOSE &Close) {
         if (!MayWait) {
             return false;
         }
-        ResourceHold Busy; // the open keeps the FCB
+        ResourceHold Busy; // the FCB stays: this open is one of its
         Busy.AcquireExclusive(&Close.Fcb->Resource, TRUE);
     }
 }
@@ -108,7 +108,7 @@ void PrepareDelete(const CLOSE &Close) {
     }
 }
 
-// The handles are what was opened, whatever the FCB is taken for by now.
+// Goes by the handles, which are of what was opened: the FCB may count as something else by now.
 void CloseObjectHandles(CLOSE &Close) {
     const PINSTANCE_CONTEXT Instance = Close.Instance;
     if (Instance->FileHandle != 0) {
@@ -121,11 +121,11 @@ void CloseObjectHandles(CLOSE &Close) {
     }
 }
 
-// Asks the Provider for the delete; FALSE when there is nothing that may be asked.
+// Asks the Provider for the delete; FALSE, without a call, for the root of a volume.
 bool DeleteObject(CLOSE &Close) {
     const PINSTANCE_CONTEXT Instance = Close.Instance;
     if (Instance->PathLeft == nullptr || Instance->PathLeft[0] == 0) {
-        return false; // the root of a volume
+        return false;
     }
     bool IsDirectory = Close.Fcb->OpenType == OPEN_TYPE_DIRECTORY;
     if (IsDirectory && Instance->DirHandle != 0) {
@@ -191,7 +191,8 @@ void CloseVolumeHandle(CLOSE &Close) {
 void Dereference(CLOSE &Close) {
     Close.Table.Holds(&FcbTableResource);
     Close.Hold.Holds(&Close.Fcb->Resource);
-    // A handle that was alone when it was cleaned up left its claim; others that have come since must not meet it.
+    // The cleanup of an FCB's only open leaves its claim of shares; opens that have come since must not be refused for
+    // it.
     if (Close.Fcb->OpenCount > 1) {
         NtFsdRemoveShareClaim(Close.Fcb, Close.FileObject);
     }
@@ -224,7 +225,8 @@ void EndOpen(CLOSE &Close) {
     Dereference(Close);
 }
 
-// FALSE for a record that was never made an open's. Its neighbours change Links under a lock; Fcb is set once, before.
+// FALSE for an instance that no open was ever made of. Asks for Fcb, which is set once: Links may be read under a lock
+// only, as neighbours change it.
 bool IsLinked(PINSTANCE_CONTEXT Instance) {
     return Instance->Fcb != nullptr;
 }

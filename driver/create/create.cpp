@@ -80,8 +80,8 @@ NTSTATUS OpenTarget(CREATE_STATE &Create) {
     return Status;
 }
 
-// Takes the claims of handles that are cleaned up but not closed out of the share record. Only right when no other open
-// lives, which is when the record may simply be emptied.
+// Empties the share record of the claims that handles which are cleaned up, but not closed, have left there. Only right
+// when no other open is alive.
 void DropDeadShareClaims(PFCB Fcb) {
     for (PLIST_ENTRY Entry = Fcb->InstanceList.Flink; Entry != &Fcb->InstanceList; Entry = Entry->Flink) {
         PINSTANCE_CONTEXT Instance = CONTAINING_RECORD(Entry, INSTANCE_CONTEXT, Links);
@@ -134,7 +134,7 @@ NTSTATUS CheckRelatedFileObject(const CREATE_STATE &Create) {
     return STATUS_SUCCESS;
 }
 
-// The volume handle of the instance is all the handle that a volume root needs.
+// A volume root needs no handle but its volume's, which the instance has.
 NTSTATUS OpenVolumeRoot(CREATE_STATE &Create) {
     if (Create.TrailingSlash && Create.NonDirectoryFile) {
         NtFsdDebugPrint(TRACE_CREATE, 0, "Error : Can not open Directory as a file \n");
@@ -215,7 +215,8 @@ void RecordShareAccess(CREATE_STATE &Create) {
                      "ShareAccess 0x%X; status 0x%08X on \"%wZ\".\n",
                      Create.CheckAccess, Create.ShareAccess, CommonShareMode(Fcb->ShareAccess),
                      static_cast<ULONG>(Status), &Fcb->FullPath);
-    // The check noted the access in the file object before it refused; cleanup would take away what was never added.
+    // The check noted the access in the file object before it refused: cleanup would subtract a claim that was never
+    // added.
     NtFsdForgetShareClaim(Create.FileObject);
 }
 

@@ -31,7 +31,7 @@ NTSTATUS NtFsdGetEntryType(PIRP_CONTEXT IrpContext, RVHANDLE BaseHandle, PCWSTR 
     const RVSTATUS Queried = RVFsdCreateFile(Security, BaseHandle, Path, Question, File.Out(), &CreateAction);
     const NTSTATUS Status = OpenResult(Queried, File.Get());
     File.CloseNow();
-    // What may not be opened is there all the same.
+    // An entry that may not be opened exists all the same.
     if (Status != STATUS_SUCCESS && Status != STATUS_ACCESS_DENIED) {
         return Status;
     }
@@ -47,7 +47,7 @@ NTSTATUS AskEntryType(CREATE_STATE &Create) {
                              &Create.EntryType);
 }
 
-// The action on a name that nothing is at, when the caller did not say which kind it wants.
+// The action when nothing bears the name and the caller did not say which kind of entry it wants.
 NTSTATUS ActionOnMissingEntry(CREATE_STATE &Create) {
     if (Create.Disposition != FILE_OPEN && Create.Disposition != FILE_OVERWRITE) {
         Create.Action = ACTION_REPLACE_FILE;

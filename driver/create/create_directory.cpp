@@ -84,7 +84,7 @@ NTSTATUS OpenExistingDirectory(CREATE_STATE &Create) {
     return FinishDirectoryOpen(Create, Directory);
 }
 
-// The new directory is not opened: its handle is had when a request first needs it.
+// The new directory is not opened; the first request that needs a handle of it opens one.
 NTSTATUS CreateNewDirectory(CREATE_STATE &Create) {
     if (Create.NonDirectoryFile) {
         NtFsdDebugPrint(TRACE_CREATE, 0, "ERROR : Trying ACTION_CREATE_DIR on a file  \n");

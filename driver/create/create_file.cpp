@@ -144,7 +144,7 @@ NTSTATUS FileOpenFailure(CREATE_STATE &Create, NTSTATUS Status) {
     return STATUS_OBJECT_NAME_NOT_FOUND;
 }
 
-// Removes the file that this very open made, which would stay behind as the trace of a create that failed. Closes File.
+// Removes the file that this open has made: a create that fails leaves none behind. Closes File.
 void RemoveStray(const CREATE_STATE &Create, ProviderFile &File, ULONG Attributes) {
     ULONG Writable = (Attributes | Create.Attributes) & RV_ATTR_SETTABLE;
     if ((Writable & RV_ATTR_READONLY) != 0) {
@@ -158,7 +158,7 @@ void RemoveStray(const CREATE_STATE &Create, ProviderFile &File, ULONG Attribute
            "the create answers with its own failure");
 }
 
-// A file that may not be deleted, or of which that is not known, is not opened to be deleted on close.
+// An open with delete-on-close is refused for a file that may not be deleted, or of which that is not known.
 NTSTATUS CheckDeleteOnClose(CREATE_STATE &Create, RVSTATUS Queried, ULONG Attributes, ProviderFile &File,
                             ULONG CreateAction) {
     const NTSTATUS Status = CallResult(Queried);

@@ -1,8 +1,8 @@
 // The local state of one create and the steps that work on it. Internal to create/.
 //
-// A step returns STATUS_SUCCESS to let the create go on, and anything else to end it in the failure tail; it sets
-// Information when its failure does not answer with what stands there. From the moment the FCB is found to the tails
-// the FCB's Resource is held exclusive, in Hold, exactly once.
+// A step returns STATUS_SUCCESS to let the create go on, and anything else to end it in the failure tail, which answers
+// with Information: the step sets that where it must differ. From the moment the FCB is found to the tails the FCB's
+// Resource is held exclusive, in Hold, exactly once.
 #pragma once
 
 #include "create/create.h"
@@ -41,7 +41,7 @@ struct CREATE_STATE {
     ULONG OpenCount = 0;
     ULONG EntryType = ENTRY_TYPE_UNKNOWN;
     FCB_BEFORE_OPEN Before = {};
-    // Others have the FCB open and it is typed. One without a type has no other opens but those of creates that have
+    // Others have the FCB open, and its type is known. One without a type is open for nobody else but creates that have
     // failed and not left it yet: it counts as new.
     bool Shared = false;
 
@@ -65,7 +65,7 @@ struct DISPOSITION_ROW {
     ULONG DirectoryAction;
     ULONG FileAction;
     ULONG ProviderDisposition;
-    ACCESS_MASK ExtraAccess; // replacing content needs these of an open that shares its FCB
+    ACCESS_MASK ExtraAccess; // that the open must have, too, when it shares its FCB
 };
 
 inline constexpr ACCESS_MASK OVERWRITE_ACCESS = FILE_WRITE_ATTRIBUTES | FILE_WRITE_EA | FILE_WRITE_DATA;

@@ -69,7 +69,7 @@ NTSTATUS SplitFinalName(PUNICODE_STRING Path, FinalName &Name) {
     return STATUS_SUCCESS;
 }
 
-// A new parent is a directory as far as anybody knows.
+// Nothing is known of a new parent: it is taken for a directory.
 void TypeNewParent(PIO_STACK_LOCATION IrpSp, PFCB Fcb) {
     const auto &Parameters = IrpSp->Parameters.Create;
     IoSetShareAccess(Parameters.SecurityContext->DesiredAccess, Parameters.ShareAccess, IrpSp->FileObject,
@@ -78,7 +78,7 @@ void TypeNewParent(PIO_STACK_LOCATION IrpSp, PFCB Fcb) {
     NtFsdDebugPrint(TRACE_CREATE, 0, "[RVFSD] NtFsdOpenTargetDirectory pFcb->OpenType is set to OPEN_TYPE_DIRECTORY\n");
 }
 
-// Leaves Name alone in the file object, cut at the room that its buffer has.
+// Makes Name, as far as the buffer has room for it, the whole name of the file object.
 void ReplaceFileName(PUNICODE_STRING FileName, const FinalName &Name) {
     const ULONG Room = FileName->MaximumLength & ~1u;
     const ULONG Bytes = Name.Bytes() < Room ? Name.Bytes() : Room;
@@ -112,7 +112,7 @@ ULONG_PTR OpenParentHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT 
         return FILE_DOES_NOT_EXIST;
     }
     if (NewParent) {
-        // The parent is a file after all, and must not stand in the way of opens that know it.
+        // The parent is a file after all: as a directory's, its FCB would refuse those who open the file.
         NtFsdSetOpenType(Fcb, OPEN_TYPE_FILE);
         NtFsdInitializeFcbFileLock(Fcb);
     }
@@ -173,7 +173,7 @@ NTSTATUS OpenParentOnce(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp, const
     *Instance = ParentInstance;
     ParentInstance->TargetMissing = TargetStatus == STATUS_NO_SUCH_FILE;
     ParentInstance->TrailingSlash = TrailingSlash;
-    // Failing creates that are still leaving the FCB neither typed it nor claimed a share of it.
+    // Also new when there are other opens but no type: those are of creates that have failed and not left it yet.
     const bool NewParent = OpenCount < 2 || ParentFcb->OpenType == OPEN_TYPE_UNKNOWN;
     if (NewParent) {
         TypeNewParent(IrpSp, ParentFcb);

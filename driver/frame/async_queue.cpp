@@ -20,12 +20,12 @@ constexpr ULONG MOST_WORKERS = 9;
 constexpr ULONG IDLE_POLLS = 20;
 constexpr LONG64 POLL_PERIOD = 1000000; // 100 ms
 
-// Requests that were cancelled in the queue and run all the same, with their number.
+// The requests that were cancelled in the queue and have to run all the same, and how many they are.
 DRIVER_GLOBAL LIST_ENTRY CancelledQueue UNDER(g_AsyncIrpQueueLock) = {&CancelledQueue, &CancelledQueue};
 DRIVER_GLOBAL ULONG CancelledCount UNDER(g_AsyncIrpQueueLock) = 0;
 
-// Requests that no worker has taken and no canceller has ended, also those that the package has taken out of the queue
-// for a canceller. No worker ends while there is one.
+// How many requests no worker has taken and no canceller has ended, those included that the package has taken out of
+// the queue for a canceller. No worker ends while there is one.
 DRIVER_GLOBAL ULONG UnservedCount UNDER(g_AsyncIrpQueueLock) = 0;
 
 // Ends an idle worker's wait: a request was queued, or teardown waits for the workers.
@@ -41,7 +41,7 @@ ULONG QueueCount() {
     return g_uAsyncIrpQueueCount;
 }
 
-// A worker less. The framework's counter, as for everything that is counted with it.
+// Counts a worker out, with the framework's operation for counters.
 void DecrementWorkers() HOLDING(g_AsyncIrpQueueLock) {
     g_pRvplInterface->Table->Decrement(g_pRvplInterface, &g_uAsyncWorkerThreadCount);
 }
@@ -79,7 +79,8 @@ VOID NTAPI RvFsdRemoveIrp(PIO_CSQ, PIRP Irp) HOLDING(g_AsyncIrpQueueLock) {
 PIRP NTAPI RvFsdPeekNextIrp(PIO_CSQ, PIRP Irp, PVOID PeekContext) HOLDING(g_AsyncIrpQueueLock) {
     const PLIST_ENTRY Next = Irp == nullptr ? g_AsyncIrpQueue.Flink : EntryOf(Irp)->QueueLinks.Flink;
     RV_IRP_Q *const Entry = Next == &g_AsyncIrpQueue ? nullptr : CONTAINING_RECORD(Next, RV_IRP_Q, QueueLinks);
-    // Also when there is none: the package may have passed over an entry that a canceller is about to free.
+    // Set to NULL, too, when there is none left: the entry of before, which the package passed over, may be a
+    // canceller's to free.
     *static_cast<RV_IRP_Q **>(PeekContext) = Entry;
     const PIRP Found = Entry != nullptr ? Entry->Irp : nullptr;
     NtFsdDebugPrint(TRACE_GENERAL, 0,
@@ -278,7 +279,7 @@ bool EndWorker() {
     return true;
 }
 
-// Waits for a request, for the period of a poll at most. TRUE: it may be worth a look before the period is over.
+// Waits for a request, for the period of a poll at most. TRUE: it was woken before the period was over.
 bool WaitForWork() {
     LARGE_INTEGER Timeout = {};
     Timeout.QuadPart = -POLL_PERIOD;
@@ -381,7 +382,7 @@ VOID NTAPI NtFsdDispatch(PVOID Context) {
         if ((Idle > IDLE_POLLS || NtFsdIsStopped()) && EndWorker()) {
             break;
         }
-        // A look before its time is no poll: another worker was faster.
+        // Woken early it looks once more, and that look is not counted: another worker may have been faster.
         Idle -= WaitForWork();
     }
     if (NtFsdIsStopped()) {

@@ -27,7 +27,7 @@ void NtFsdFillIrpContext(PIRP_CONTEXT Context, PIRP Irp, BOOLEAN Wait, ULONG Fla
     if (Irp != nullptr && IoGetTopLevelIrp() != Irp) {
         Context->Flags |= IRP_CONTEXT_FLAG_RECURSIVE_CALL;
     }
-    // A cleanup or close runs without it rather than not at all; it then has nothing left to ask the Provider for.
+    // Only a cleanup or close comes here without the interface, and then has nothing to ask the Provider for.
     if (g_pSecurityContextInterface != nullptr) {
         g_pSecurityContextInterface->Table->GetCallerContext(g_pSecurityContextInterface, &Context->SecurityContext);
     }
@@ -69,7 +69,7 @@ VOID NtFsdDeleteIrpContext(PIRP_CONTEXT IrpContext) {
 
 namespace {
 
-// Beside them what is in flight without being a request.
+// Behind them stand the kinds of what is in flight without being a request.
 constexpr PCSTR MajorFunctionNames[] = {
     "IRP_MJ_CREATE",
     "IRP_MJ_CREATE_NAMED_PIPE",
@@ -108,7 +108,7 @@ NTSTATUS FinalStatus(PIRP_CONTEXT IrpContext, NTSTATUS Status) {
     if (IrpContext != nullptr && (IrpContext->Flags & IRP_CONTEXT_FLAG_ANSWER_CANCELLED)) {
         return STATUS_CANCELLED;
     }
-    // Neither is the status of a finished request, and a Provider's raw one may be either.
+    // A finished request has neither status, but a Provider's raw status may be one of them.
     return Status == STATUS_PENDING || Status == -1 ? STATUS_UNSUCCESSFUL : Status;
 }
 
@@ -128,7 +128,7 @@ NTSTATUS NtFsdCompleteRequest(PIRP_CONTEXT IrpContext, PIRP Irp, NTSTATUS Status
         }
     }
     if (Irp != nullptr) {
-        // Whatever cancel routine is running for this IRP has left when the lock has been ours.
+        // A cancel routine that runs for this IRP holds the lock: once it was ours, that routine has ended.
         KIRQL Irql;
         IoAcquireCancelSpinLock(&Irql);
         IoReleaseCancelSpinLock(Irql);

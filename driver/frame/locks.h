@@ -90,7 +90,7 @@ private:
 };
 
 // A resource held for a scope, from its beginning to its end: to be preferred where that will do, since the analysis
-// follows it. What such a hold does itself is taken for granted.
+// follows it. Its own constructor and destructor are not analysed.
 class [[nodiscard]] IS_HOLD ExclusiveHold {
 public:
     explicit ExclusiveHold(PERESOURCE Resource) TAKES(Resource) UNCHECKED_LOCKS : Resource_(Resource) {

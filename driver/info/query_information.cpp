@@ -119,7 +119,7 @@ bool PutBasic(const QUERY &Query, AnswerBuffer &Answer) {
     return true;
 }
 
-// A file's answer may be cut without a word; a directory's may not.
+// An answer that does not fit is cut: a file's with success, a directory's with STATUS_BUFFER_OVERFLOW.
 NTSTATUS NtFsdFileBasicInfo(const QUERY &Query, AnswerBuffer &Answer) {
     return PutBasic(Query, Answer) || !Query.IsDirectory() ? STATUS_SUCCESS : STATUS_BUFFER_OVERFLOW;
 }

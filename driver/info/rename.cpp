@@ -92,8 +92,8 @@ NTSTATUS TestCaseOnly(RENAME &Rename) {
     }
     const UNICODE_STRING Old = NtFsdSplitPath(*Rename.Source()).Last;
     PCUNICODE_STRING New = Rename.NewName.Get();
-    // As many characters as the new name has are compared at the end: of a longer name those do not begin behind a
-    // backslash.
+    // The comparison is of the last characters of the source, as many as the new name has: of a longer old name they do
+    // not begin behind a backslash.
     if (Old.Length > New->Length) {
         NtFsdDebugPrint(TRACE_FILE_INFO, 0,
                         "NtFsdFileSetRenameInfo determined cannot be case-only rename based on final component "
@@ -252,9 +252,9 @@ bool IsInTheWay(const RENAME &Rename) {
     return !Rename.TargetInstance->TargetMissing && !Rename.CaseOnly && !Rename.SameName;
 }
 
-// Frees the new name from creates that have only looked it up: a create holds its FCB until it has succeeded, so that
-// an FCB which has no type then is left to creates that fail. One that is open keeps its name, since opens of the new
-// name would be left with a stale FCB. FcbTableResource held, which keeps the FCB, and no FCB's Resource.
+// Frees the new name from creates that have only looked it up. A create holds its FCB until it has succeeded: one that
+// has no type when its Resource can be had belongs to creates that have failed. One with a type is open, and keeps its
+// name. FcbTableResource held, which keeps the FCB alive, and no FCB's Resource.
 NTSTATUS ClaimNewPath(RENAME &Rename) HOLDING(FcbTableResource) {
     UNICODE_STRING Remaining;
     const PFCB Holder = NtFsdFindFcb(Rename.NewPath.Path(), &Remaining);

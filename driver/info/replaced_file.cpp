@@ -50,7 +50,7 @@ NTSTATUS FileIdOf(PRV_SECURITY Security, RVHANDLE Directory, PCWSTR Name, PULONG
     return NT_SUCCESS(Status) ? NtFsdTranslateResult(RVFsdGetFileId(Security, File.Get(), FileId)) : Status;
 }
 
-// By the identifiers of the files. One that cannot be had leaves it open whether the file itself would be deleted.
+// Compares the files' identifiers. Without one of them it fails: the file to be replaced might be the one to be moved.
 NTSTATUS CompareFiles(PRV_SECURITY Security, RVHANDLE Source, RVHANDLE TargetDirectory, PCWSTR NewName, bool *AreOne) {
     ULONG64 SourceId = 0;
     NTSTATUS Status = NtFsdTranslateResult(RVFsdGetFileId(Security, Source, &SourceId));

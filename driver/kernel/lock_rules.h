@@ -4,8 +4,8 @@
 // that last a scope from beginning to end (ExclusiveHold, SharedHold, SpinLockHold). A ResourceHold can be acquired on
 // condition, released early and passed on, which it cannot follow: from an acquisition on it takes the resource for
 // held until the routine's end, and does not see a use after an early release. Nor does it see what is reached through
-// an address: InsertTailList(&List, ...) passes without the list's lock. So a routine that uses a list or a table by its
-// address alone says itself which lock its caller holds.
+// an address: InsertTailList(&List, ...) passes without the list's lock. So a routine that uses a list or a table by
+// its address alone says itself which lock its caller holds.
 #pragma once
 
 #if defined(__clang__) && !defined(_WIN32)

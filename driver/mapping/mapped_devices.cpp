@@ -45,8 +45,8 @@ bool MayBeLeft(NTSTATUS Status) {
     return !NT_SUCCESS(Status) && Status != STATUS_OBJECT_NAME_NOT_FOUND && Status != STATUS_OBJECT_PATH_NOT_FOUND;
 }
 
-// One of the two deletions by a session's name, twice if need be: the record goes, and a link that stays would be
-// nobody's.
+// Runs Delete, a deletion by a session's name, and once more when the link may be left: the record goes, and nobody
+// would delete the link later.
 NTSTATUS DeleteStubbornly(NTSTATUS (*Delete)(LUID, CHAR, PUNICODE_STRING), LUID Luid, CHAR Letter,
                           PUNICODE_STRING Target) {
     const NTSTATUS Status = Delete(Luid, Letter, Target);
@@ -64,7 +64,7 @@ NTSTATUS DeleteLinks(const MAPPED_DEVICE &Record) {
     const bool Own = Known && IsEqualLuid(Caller, Record.LogonId);
     const bool Linked = Record.LinkedSessionLink != 0;
     if (!Own) {
-        // The caller's own letters are none of its links, unless he is the other half.
+        // The caller's own letter is no link of this mapping's, unless his session is the linked one.
         const NTSTATUS First = DeleteStubbornly(DeleteSymbolicLinkMadeInSession, Record.LogonId, Letter, Target);
         if (!Linked) {
             return First;

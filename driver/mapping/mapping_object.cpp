@@ -30,8 +30,8 @@ private:
     PIRP_CONTEXT Context_;
 };
 
-// What every operation stands on: Work(IrpContext) runs for the caller, in a critical region, and teardown waits for
-// it. WithoutContext() runs when there is no memory for a context.
+// The frame of every operation: runs Work(IrpContext) for the caller, in a critical region, and teardown waits for it.
+// WithoutContext() runs instead when there is no memory for a context.
 template <typename F, typename G>
 NTSTATUS Serve(bool ArgumentMissing, F Work, G WithoutContext) {
     const RequestInFlight InFlight;

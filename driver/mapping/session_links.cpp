@@ -337,7 +337,7 @@ NTSTATUS QueryPolicy(HANDLE Key, PUNICODE_STRING KeyPath, PKEY_VALUE_FULL_INFORM
     UNICODE_STRING Name = POLICY_VALUE;
     ULONG Length = 0;
     NTSTATUS Status = ZwQueryValueKey(Key, &Name, KeyValueFullInformation, Buffer, VALUE_BUFFER_BYTES, &Length);
-    // Whatever its type, it must have a word to read.
+    // Of any type, if it has 32 bits to read.
     if (NT_SUCCESS(Status) &&
         (Buffer->DataLength < sizeof(ULONG) || Buffer->DataOffset > VALUE_BUFFER_BYTES - sizeof(ULONG))) {
         Status = STATUS_OBJECT_TYPE_MISMATCH;

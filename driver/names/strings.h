@@ -63,7 +63,8 @@ UNICODE_STRING NtFsdCutAfterVolume(PUNICODE_STRING Path);
 UNICODE_STRING NtFsdWithoutSlash(const UNICODE_STRING &Path);
 
 // TRUE when no component of Path is empty and no zero stands in it: the Provider would see another path than the one
-// that was named. A separator at the start is none of a component's; one at the end makes an empty one.
+// that was named. A separator at the start belongs to no component; one at the end makes an
+// empty component.
 bool NtFsdIsPathValid(PCUNICODE_STRING Path);
 
 // TRUE when a wildcard stands in the last component.
