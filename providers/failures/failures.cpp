@@ -17,13 +17,19 @@ constinit Failures *Active = nullptr;
 } // namespace
 
 struct FailureThunks {
+    // Apart, of the driver's convention, and the only one that is noexcept: so a call saves no registers for it, nor
+    // for an end of the program.
+    [[gnu::noinline]] static RVSTATUS NTAPI Fault() noexcept {
+        return Active->Fault_();
+    }
+
     template <auto Slot, const char *Name, typename... A>
     struct Thunk {
-        static RVSTATUS NTAPI Call(RVIOM_FSD *Self, RV_SECURITY_CONTEXT *Security, A... Arguments) noexcept {
+        static RVSTATUS NTAPI Call(RVIOM_FSD *Self, RV_SECURITY_CONTEXT *Security, A... Arguments) {
             constexpr bool Closes = std::string_view(Name).find("Close") != std::string_view::npos;
             RVSTATUS Status = RVSTATUS::Success;
-            if (!Closes && Active->Fault_) {
-                Status = Active->Fault_();
+            if (!Closes && Active->Fault_) [[unlikely]] {
+                Status = Fault();
             }
             if (!RvIsError(Status)) {
                 Status = (Active->Below_->*Slot)(Self, Security, Arguments...);
