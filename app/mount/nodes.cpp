@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include <malloc.h>
+
 #include "app/mount/locks.h"
 #include "app/text.h"
 #include "providers/directory/names.h"
@@ -17,6 +19,8 @@ uint64_t Mix(uint64_t Value) {
     Value *= 0x81DADEF4BC2DD44Du;
     return Value ^ Value >> 33;
 }
+
+constexpr size_t Many = 10'000;
 
 uint64_t NaturalNumber(const Node *Parent, uint64_t Folded) {
     const uint64_t Number = Mix(Parent->Number * 0x9E3779B97F4A7C15u + Folded);
@@ -109,6 +113,7 @@ Node *Nodes::Lookup(Node *Parent, std::string_view Spelling, bool Directory, Vol
         Found->Number = Number;
         Found->Directory = Directory;
         Known_.insert(Found);
+        Most_ = std::max(Most_, Known_.size());
         ++Parent->Children;
     }
     ++Found->Lookups;
@@ -142,9 +147,17 @@ void Nodes::ReleaseLocked(Node *Which) {
 }
 
 void Nodes::Forget(Node *Which, uint64_t Count) {
-    const std::lock_guard Hold(Lock_);
-    Which->Lookups -= std::min(Count, Which->Lookups);
-    ReleaseLocked(Which);
+    {
+        const std::lock_guard Hold(Lock_);
+        Which->Lookups -= std::min(Count, Which->Lookups);
+        ReleaseLocked(Which);
+        if (Most_ < Many || Known_.size() > Most_ / 2) {
+            return;
+        }
+        Most_ = Known_.size();
+        Known_.rehash(0);
+    }
+    malloc_trim(0); // what many names took goes back to the system
 }
 
 std::u16string Nodes::PathLocked(const Node *Which) const {

@@ -157,6 +157,7 @@ private:
     uint64_t Closes_ = 0;
     Node *Root_;
     std::unordered_set<Node *, Hash, Equal> Known_;
+    size_t Most_ = 0; // known names at once, since memory was given back
     // Numbers that are not the natural ones of their names: by the natural number, and those that are in use.
     std::unordered_map<uint64_t, uint64_t> Given_;
     std::unordered_set<uint64_t> Taken_;

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <malloc.h>
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -209,6 +210,10 @@ void Prepare(MountOptions &Options, SessionOptions &Session) {
     Options.Point = Real;
     free(Real);
     Session.Verify = Options.Verify;
+    // Names live long, listings do not: from one heap, with what is large outside of it, listings leave no holes that
+    // keep growing.
+    mallopt(M_ARENA_MAX, 1);
+    mallopt(M_MMAP_THRESHOLD, 256 << 10);
     if (!Options.Foreground) {
         GoIntoBackground();
     }
