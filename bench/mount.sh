@@ -3,8 +3,8 @@
 # over it, and on the mount, in one run. As root.
 #   bench/mount.sh PROGRAM [ROUNDS [WORKLOAD...]]
 # PROGRAM is an optimised build of rvfsd. Everything lies in /dev/shm. Each round takes every target once, in another
-# order; figures are medians, and ratios are taken inside a round. Without bindfs, fio or libfuse's examples (packages
-# bindfs, fio, libfuse3-dev) what they are needed for is left out, and that is said.
+# order; figures are medians, and ratios are taken inside a round. Without bindfs, fio, dbench or libfuse's examples
+# (packages bindfs, fio, dbench, libfuse3-dev) what they are needed for is left out, and that is said.
 set -eu
 here=$(dirname "$(realpath "$0")")
 program=$(realpath "${1:?usage: $0 PROGRAM [ROUNDS [WORKLOAD...]]}")

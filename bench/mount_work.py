@@ -5,6 +5,7 @@ run ROOT TARGET ROUND SERVER [WORKLOAD...] prints a line of JSON for each worklo
 import collections
 import json
 import os
+import re
 import shutil
 import sqlite3
 import statistics
@@ -169,6 +170,15 @@ def sqlite(root):
     return seconds_of(fill)
 
 
+@workload("MB/s")
+def dbench(root):
+    os.mkdir(f"{root}/dbench")
+    words = ["dbench", "-t", "10", "-c", "/usr/share/dbench/client.txt", "-D", f"{root}/dbench", "2"]
+    told = subprocess.run(words, check=True, capture_output=True, text=True).stdout
+    shutil.rmtree(f"{root}/dbench")
+    return float(re.search(r"^Throughput ([\d.]+)", told, re.M).group(1))
+
+
 @workload("k/s")
 def list_names(root):  # the last two, for passthrough_ll has no descriptors left after them
     below = f"{os.path.dirname(root)}/plain/wide"  # made there: nobody has seen them
@@ -194,11 +204,12 @@ def ticks(process):
 
 def run(root, target, round_, server, *wanted):
     os.environ.setdefault("RVFSD_BENCH_SOURCE", os.path.join(os.path.dirname(root), "source"))
-    if not shutil.which("fio"):
-        print("NOT MEASURED: what fio does", file=sys.stderr)
+    needs = lambda name: "fio" if name.startswith(("seq_", "rand_")) else "dbench" if name == "dbench" else "python3"
+    for program in ("fio", "dbench"):
+        if not shutil.which(program):
+            print(f"NOT MEASURED: what {program} does", file=sys.stderr)
     for name, (function, unit, better) in WORKLOADS.items():
-        with_fio = name.startswith(("seq_", "rand_"))
-        if (wanted and name not in wanted) or (with_fio and not shutil.which("fio")):
+        if (wanted and name not in wanted) or not shutil.which(needs(name)):
             continue
         before = ticks(server) if server != "0" else 0
         try:
