@@ -101,6 +101,8 @@ def names():
            scaling("threads/names/directory", "threads/names/native"), AT_LEAST, 0.9, "")
     yield ("6", "listing with all facts: native readdir + statx + getxattr / directory Provider",
            against("listing/native/facts", "listing/directory/direct"), AT_LEAST, 0.9, "")
+    yield ("6", "first listing of a directory, nothing of it known: the same",
+           against("listing/native/facts", "listing/directory/first"), AT_LEAST, 0.9, "")
     for key, what, limit, unit in (("opens", "distinct files open at once, of 100,000", 100000, ""),
                                    ("per_open", "descriptors of an idle open", 1, ""),
                                    ("per_volume", "descriptors of an idle volume", 0, ""),

@@ -1,8 +1,9 @@
 // The names of one directory, to be found in any case, and in order.
 //
-// A name costs its bytes, twelve more and a place in a hash table; nothing is kept folded. The names are read once and
-// then kept right by what the event log tells. Where nothing is told they are believed only while the directory's time
-// stamps stand still and are older than any file system's stamps are coarse.
+// A name costs its bytes, twelve more and a place in a hash table, its place in order once it was listed, and 34 bytes
+// once short names were asked for; nothing is kept folded. The names are read once and then kept right by what the
+// event log tells. Where nothing is told they are believed only while the directory's time stamps stand still and are
+// older than any file system's stamps are coarse.
 //
 // Locks: one mutex an index, held while its directory is read; the event log's is taken under it. Safe for concurrent
 // calls. A directory that does not answer holds up those that ask for it and nobody else.
