@@ -320,21 +320,6 @@ TEST_F(Fcbs, TakeNewPathsUntilAMegabyteOfOldOnesIsKept) {
 }
 
 // Whatever opens, goes or takes another path below it, in whatever letter case.
-TEST_F(Fcbs, TakeNewPathsUntilAMegabyteOfOldOnesIsKept) {
-    const HANDLE File = MustOpen(u"\\srv\\vol\\docs\\f.txt");
-    std::u16string Long = u"\\srv\\vol\\" + std::u16string(16000, u'x');
-    unsigned Renamed = 0;
-    while (Renamed < 100 && NT_SUCCESS(Rename(File, Long))) {
-        Long.back() = static_cast<char16_t>(0x4E00 + ++Renamed);
-    }
-    EXPECT_EQ(Renamed, 33u);
-    EXPECT_EQ(Rename(File, Long), STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(Rename(File, u"\\srv\\vol\\docs\\f.txt"), STATUS_SUCCESS) << "it had this one before";
-    EXPECT_EQ(Rename(File, Long), STATUS_INSUFFICIENT_RESOURCES);
-    Close(File);
-    ExpectNothingOpen("closing it");
-}
-
 TEST_F(Fcbs, KeepTheirDirectoriesFromBeingRenamedWhileTheyLieBelow) {
     const auto HasBelow = [](std::u16string_view Path) {
         const UNICODE_STRING Name = Counted(Path);
