@@ -223,8 +223,8 @@ TEST_F(FileSystems, ChangesAreSeenWhenTheKernelLosesEventsAndHasNoWatchesLeft) {
     EXPECT_TRUE(WIFEXITED(Status) && WEXITSTATUS(Status) != 0) << Status;
 }
 
-// Of a tree deeper than there are descriptors.
-TEST_F(FileSystems, AQuotaCountsDeepTreesWithFewDescriptors) {
+// Of a tree deeper than there are descriptors. Opens say why they end.
+TEST_F(FileSystems, FewDescriptorsCountADeepTreeForItsQuota) {
     std::string Path = "deep";
     for (int Depth = 0; Depth < 40; ++Depth) {
         fs::create_directory(Root / Path);
@@ -237,6 +237,21 @@ TEST_F(FileSystems, AQuotaCountsDeepTreesWithFewDescriptors) {
     const rlimit Few{static_cast<rlim_t>(Next.Get()) + 12, Before.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &Few), 0);
     EXPECT_EQ(Provider.AddExport(u"srv", u"quota", Root, {.QuotaBytes = 5000}), "");
+    std::vector<RVHANDLE> Opened;
+    RVHANDLE File = 0;
+    RVSTATUS Ended;
+    while (!RvIsError(Ended = Open(u"deep\\FILE", File))) {
+        Opened.push_back(File);
+    }
+    EXPECT_EQ(Ended, Failure(0x0504));
+    EXPECT_GT(Opened.size(), 2u);
+    Close(Opened.back());
+    Opened.pop_back();
+    EXPECT_EQ(Open(u"deep\\file", File, RV_ACCESS_ATTRIBUTES), Done);
+    Opened.push_back(File);
+    for (const RVHANDLE Each : Opened) {
+        Close(Each);
+    }
     EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &Before), 0);
     RVHANDLE Quota = 0;
     ULONG64 After = 0;
