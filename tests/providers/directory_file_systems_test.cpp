@@ -157,7 +157,8 @@ TEST_F(FileSystems, MountsAreSeenAndOneThatHangsHangsWhoAsks) {
     std::promise<void> Begun;
     auto Asked = std::async(std::launch::async, [&] {
         Begun.set_value();
-        return Try(u"Dir\\below");
+        RVHANDLE Folder = 0;
+        return OpenFolder(u"Dir\\below", Folder);
     });
     Begun.get_future().wait();
     EXPECT_EQ(Content(u"FILE"), "here");
