@@ -302,6 +302,8 @@ TEST_F(Fcbs, ALookUpIsTracedOnceForAnOpen) {
         {"   Trying to find : \\srv\\vol\\a.txt\n", "   Didn't find it.\n", "   Current # entries in table: 0\n",
          "   Didn't find the prefix entry.\n", "   Remaining Path = \\srv\\vol\\a.txt.\n", "   Remaining Len  = 28.\n",
          "   Allocating new FCB\n", " Open Vol \"\\srv\\vol\\a.txt\", handle=0x", " Path past volume level = a.txt\n"});
+    Create(u"\\srv\\vol\\no\\no");
+    EXPECT_TRUE(WasPrinted("NtFsdVerifyFile for \"\\srv\\vol\\no\\no\" failed; status 0xC000003A.\n")) << Printed;
 }
 
 TEST_F(Fcbs, TakeNewPathsUntilAMegabyteOfOldOnesIsKept) {

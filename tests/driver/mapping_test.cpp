@@ -202,6 +202,9 @@ TEST_F(DriveMapping, WhatIsNoDirectoryIsTriedAsAVolume) {
         }
         ExpectNothingLeft(Case.What);
     }
+    EXPECT_FALSE(WasPrinted("UTF8ToUnicode status"));
+    EXPECT_EQ(Map(Logons->Third, {.Path = "\\\\srv\\vol\\\x80"}), STATUS_OBJECT_NAME_INVALID);
+    EXPECT_TRUE(WasPrinted("UTF8ToUnicode status 0xC0000033.\n")) << Printed;
 }
 
 TEST_F(DriveMapping, AServerIsUnmappedWithAllThatCarryItsConnection) {

@@ -220,6 +220,9 @@ TEST_F(Data, ACallersMdlDecidesHowMuchIsReadAndATooShortOneWritesNothing) {
     EXPECT_STREQ(Buffer, "012");
     EXPECT_EQ(CallNames(), Lines{"RVFsdReadFile"});
     EXPECT_EQ(Provider.CallRecords().at(0).Number("length"), 3u);
+    embedded::IrpBuilder Exact = Raw(IRP_MJ_WRITE, 3, 0);
+    Exact.Mdl = Short.Mdl;
+    EXPECT_EQ(Send(Exact).Information, 3u);
 }
 
 TEST_F(Data, AnAddressThatIsNotTheCallersIsReportedAndNothingIsTransferred) {
