@@ -76,6 +76,25 @@ protected:
     std::string IsWhereItSays(HANDLE Handle) {
         return Provider.Exists(PathOf(Handle)) ? "" : "nothing is at " + providers::ToUtf8(PathOf(Handle));
     }
+    // Waits for changes in \srv\vol\d.
+    void Watch() {
+        Directory =
+            MustOpen(u"\\srv\\vol\\d", {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE, .Options = FILE_DIRECTORY_FILE});
+        embedded::IrpBuilder Builder = Plain(IRP_MJ_DIRECTORY_CONTROL, FileObject(Directory));
+        Builder.MinorFunction = IRP_MN_NOTIFY_CHANGE_DIRECTORY;
+        Builder.Fill = [](PIO_STACK_LOCATION Stack) {
+            Stack->Parameters.NotifyDirectory.CompletionFilter = FILE_NOTIFY_CHANGE_FILE_NAME;
+        };
+        Waiting.emplace(SendIrp(Device(), Builder));
+    }
+    // What the wait has ended with.
+    NTSTATUS Watched() {
+        const NTSTATUS Status = Waiting->IsCompleted() ? Waiting->Wait().Status : STATUS_PENDING;
+        if (Status != STATUS_PENDING) {
+            Waiting.reset();
+        }
+        return Status;
+    }
     // Puts names back for the next schedule.
     void MoveBack(HANDLE Handle, std::u16string_view Path) {
         if (PathOf(Handle) != Path) {
@@ -83,6 +102,7 @@ protected:
         }
     }
 
+    std::optional<SentIrp> Waiting;
     HANDLE File = nullptr, Directory = nullptr, Opened = nullptr;
     NTSTATUS First = STATUS_SUCCESS, Second = STATUS_SUCCESS;
 };
@@ -169,18 +189,8 @@ TEST_F(NameRaces, RenameAgainstARenameOfTheTargetDirectory) {
 
 TEST_F(NameRaces, NotificationAgainstClose) {
     Begin({.Switches = {{u"EnableDirectoryNotify", 1}}});
-    std::optional<SentIrp> Waiting;
     MustPass({"notification against close",
-              [&] {
-                  Directory = MustOpen(u"\\srv\\vol\\d",
-                                       {.Access = FILE_LIST_DIRECTORY | SYNCHRONIZE, .Options = FILE_DIRECTORY_FILE});
-                  embedded::IrpBuilder Builder = Plain(IRP_MJ_DIRECTORY_CONTROL, FileObject(Directory));
-                  Builder.MinorFunction = IRP_MN_NOTIFY_CHANGE_DIRECTORY;
-                  Builder.Fill = [](PIO_STACK_LOCATION Stack) {
-                      Stack->Parameters.NotifyDirectory.CompletionFilter = FILE_NOTIFY_CHANGE_FILE_NAME;
-                  };
-                  Waiting.emplace(SendIrp(Device(), Builder));
-              },
+              [&] { Watch(); },
               {[&] {
                    Close(MustOpen(u"\\srv\\vol\\d\\new.txt",
                                   {.Access = FILE_WRITE_DATA | DELETE | SYNCHRONIZE,
@@ -189,16 +199,38 @@ TEST_F(NameRaces, NotificationAgainstClose) {
                },
                [&] { Close(Directory); }},
               [&]() -> std::string {
-                  const NTSTATUS Status = Waiting->IsCompleted() ? Waiting->Wait().Status : STATUS_PENDING;
-                  if (Status == STATUS_PENDING) {
-                      return "the wait has not ended";
-                  }
-                  Waiting.reset();
+                  const NTSTATUS Status = Watched();
                   return IsAmong(Status,
                                  {STATUS_SUCCESS, STATUS_NOTIFY_ENUM_DIR, STATUS_NOTIFY_CLEANUP, STATUS_CANCELLED})
                              ? ""
                              : Wrong("the wait", Status);
               }});
+}
+
+// Whichever of them ends last deletes the file, and watchers hear of it.
+TEST_F(NameRaces, CloseThatDeletesAgainstAnOpenThatFails) {
+    Begin({.Switches = {{u"EnableDirectoryNotify", 1}}});
+    MustPass({"close that deletes against an open that fails",
+              [&] {
+                  Provider.AddFile(u"\\srv\\vol\\d\\x.txt", "x");
+                  File = MustOpen(
+                      u"\\srv\\vol\\d\\x.txt",
+                      {.Access = DELETE | SYNCHRONIZE, .Options = FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT});
+                  Watch();
+              },
+              {[&] { Close(File); }, [&] { First = Create(u"\\srv\\vol\\d\\x.txt", AsDirectory).Status; }},
+              [&]() -> std::string {
+                  const NTSTATUS Told = Watched();
+                  Close(Directory);
+                  if (Told != STATUS_NOTIFY_ENUM_DIR) {
+                      return Wrong("the wait", Told);
+                  }
+                  if (NT_SUCCESS(First)) {
+                      return Wrong("the open", First);
+                  }
+                  return Provider.Exists(u"\\srv\\vol\\d\\x.txt") ? "the file is still there" : "";
+              }},
+             {.MostSchedules = 3000, .RandomSchedules = 300});
 }
 
 // ---- Locks
