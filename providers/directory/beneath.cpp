@@ -9,6 +9,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
+
 namespace providers::directory {
 namespace {
 
@@ -138,6 +140,9 @@ int OpenAgain(int Fd, int Flags) {
     if (!Ready) {
         errno = ENOMEM;
         return -1;
+    }
+    if (Descriptors < 0) { // there was none left for it
+        return open(fmt::format("/proc/self/fd/{}", Fd).c_str(), Flags | O_CLOEXEC);
     }
     return openat(Descriptors, std::to_string(Fd).c_str(), Flags | O_CLOEXEC);
 }

@@ -42,7 +42,20 @@ uint32_t HashOf(std::u16string_view Folded) {
         At += Count;
         Left -= Count;
     }
-    return static_cast<uint32_t>(Hash ^ (Hash >> 32));
+    return static_cast<uint32_t>(Hash * 0x9E3779B97F4A7C15u >> 32);
+}
+
+// Whether short names look so: up to two units, four letters or digits, "~" and a digit before the extension. An
+// editor's copies have a "~" too, and cost nothing.
+bool CanBeShort(std::u16string_view Folded) {
+    const std::u16string_view Stem = Folded.substr(0, Folded.find(u'.'));
+    if (Stem.size() < 6 || Stem.size() > 8 || Stem[Stem.size() - 2] != u'~') {
+        return false;
+    }
+    const std::u16string_view Hashed = Stem.substr(Stem.size() - 6, 4);
+    return Stem.back() >= u'1' && Stem.back() <= u'9' && std::all_of(Hashed.begin(), Hashed.end(), [](char16_t Unit) {
+               return (Unit >= u'0' && Unit <= u'9') || (Unit >= u'A' && Unit <= u'Z');
+           });
 }
 
 } // namespace
@@ -361,6 +374,9 @@ void DirectoryIndex::NeedShorts() {
 
 // The item that this short name leads to.
 uint32_t DirectoryIndex::ByShort(std::u16string_view Short) {
+    if (!CanBeShort(Short)) {
+        return None;
+    }
     NeedShorts();
     const uint32_t Hash = HashOf(Short);
     for (auto At = std::lower_bound(Shorts_.begin(), Shorts_.end(), std::pair{Hash, 0u});

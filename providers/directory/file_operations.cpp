@@ -1,8 +1,10 @@
 // Opening, creating and closing files, and the access of an open one: slots 18, 19 and 50.
+#include <atomic>
 #include <cerrno>
 #include <optional>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -97,6 +99,20 @@ RVSTATUS Join(FileObject &File, ULONG Uses, const Request &Wanted) {
     return File.Node->Share(&File, File.Fd(), Uses, Wanted.Share);
 }
 
+// Whether Fd, the lowest that was free, is the highest that there may be.
+bool IsLastDescriptor(int Fd) {
+    static std::atomic<rlim_t> Known = 0;
+    if (static_cast<rlim_t>(Fd) + 1 < Known) {
+        return false;
+    }
+    rlimit Limit{};
+    if (getrlimit(RLIMIT_NOFILE, &Limit) != 0) {
+        return false;
+    }
+    Known = Limit.rlim_cur;
+    return static_cast<rlim_t>(Fd) + 1 >= Limit.rlim_cur;
+}
+
 // FromRoot is the path of what was looked at.
 RVSTATUS OpenExisting(State &Provider, const Place &At, std::string &&FromRoot, Looked &There, const Request &Wanted,
                       Result &Out) {
@@ -119,6 +135,9 @@ RVSTATUS OpenExisting(State &Provider, const Place &At, std::string &&FromRoot, 
     auto File = std::make_unique<FileObject>(At.Volume, std::move(There.Fd), KeyOf(There.Stat), std::move(FromRoot),
                                              Provider.Nodes);
     if (Wanted.Query()) {
+        if (IsLastDescriptor(File->Fd())) {
+            return StatusFromErrno(EMFILE); // the open that follows takes two, and could not say why it fails
+        }
         NoteQuery(At, There, *File);
     } else {
         if (const RVSTATUS Status = Join(*File, Wanted.Uses(), Wanted); RvIsError(Status)) {
@@ -193,8 +212,7 @@ RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Resul
     if (Wanted.Query() && WasMissing(At)) {
         return Failure(CODE_NO_SUCH_FILE);
     }
-    const bool IsFirst = Wanted.Query() && !At.Base;
-    if (IsFirst) {
+    if (Wanted.Query()) {
         BeginQuery(At);
     }
     std::optional<std::string> Exact = NativePath(At.Path);
@@ -217,7 +235,7 @@ RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Resul
     if (const RVSTATUS Status = At.Volume->Names.Resolve(At.Ref, At.Path, Found, Missing); RvIsError(Status)) {
         return Status;
     }
-    if (!Found.Exists && IsFirst) {
+    if (!Found.Exists && Wanted.Query()) {
         NoteMissing(At);
     }
     if (!Found.Exists) {

@@ -25,6 +25,7 @@ constexpr int Attempts = 8;
 RVSTATUS NTAPI CreateDirectory(RVIOM_FSD *Self, Sec, RVHANDLE Base, PCWSTR Path) {
     return Guarded([&] {
         PendingDeletes::ForgetDeleted();
+        ForgetLook();
         Place At;
         if (const RVSTATUS Status = State::Of(Self).Locate(Base, Path, At); RvIsError(Status)) {
             return Status;
@@ -147,6 +148,7 @@ bool IsMeant(const Place &At, const Resolved &Found, const struct stat &Stat) {
 
 RVSTATUS Delete(State &Provider, RVHANDLE Base, PCWSTR Path, Kind Wanted) {
     PendingDeletes::ForgetDeleted();
+    ForgetLook();
     Place At;
     if (const RVSTATUS Status = Provider.Locate(Base, Path, At); RvIsError(Status)) {
         return Status;
@@ -278,6 +280,7 @@ bool TakesPlaceOfDeleted(const Place &Target, const Resolved &To) {
 
 RVSTATUS Move(State &Provider, RVHANDLE SourceBase, PCWSTR SourcePath, RVHANDLE TargetBase, PCWSTR TargetName,
               Kind Wanted) {
+    ForgetLook();
     Place Source;
     Place Target;
     if (const RVSTATUS Status = Provider.Locate(SourceBase, SourcePath, Source); RvIsError(Status)) {
@@ -346,6 +349,7 @@ RVSTATUS NTAPI MoveFile(RVIOM_FSD *Self, Sec, RVHANDLE SourceBase, PCWSTR Source
 
 RVSTATUS OpenFolder(const Place &At, unsigned Kind, std::unique_ptr<Object> &Opened) {
     RVSTATUS Status = Failure(CODE_NO_SUCH_FILE);
+    ForgetLook();
     if (WasMissing(At)) {
         return Status;
     }

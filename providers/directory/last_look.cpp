@@ -58,18 +58,31 @@ bool IsBelowRoot(const Place &At) {
 
 } // namespace
 
-void NoteQuery(const Place &At, const Looked &There, FileObject &File) {
-    static std::atomic<uint64_t> Queries = 0;
+void ForgetLook() {
     Last.There.Fd = {};
     Last.Query = 0;
+}
+
+void BeginQuery(const Place &At) {
+    ForgetLook();
+    Last.Export = At.Volume->Serial;
+    Last.Changes = At.Volume->ChangeCount.load();
+    Last.At = Now();
+    if (!At.Base) {
+        NotThere.Holds = false;
+        NotThere.Export = Last.Export;
+        NotThere.Changes = Last.Changes;
+        NotThere.At = Last.At;
+    }
+}
+
+void NoteQuery(const Place &At, const Looked &There, FileObject &File) {
+    static std::atomic<uint64_t> Queries = 0;
     // A file system that is mounted inside the export is not held on to.
     if (!IsBelowRoot(At) || There.Error != 0 || !S_ISREG(There.Stat.st_mode) ||
         There.Stat.st_dev != At.Volume->RootRef.Key.Device) {
         return;
     }
-    Last.Export = At.Volume->Serial;
-    Last.Changes = At.Volume->ChangeCount.load();
-    Last.At = Now();
     Last.Path = Bare(At.Path);
     Last.There.Stat = There.Stat;
     Last.Query = ++Queries;
@@ -94,20 +107,12 @@ bool TakeLook(const Place &At, Looked &There, std::string &FromRoot) {
         There = std::move(Last.There);
         FromRoot = std::move(Last.FromRoot);
     }
-    Last.There.Fd = {};
-    Last.Query = 0;
+    ForgetLook();
     return Holds;
 }
 
-void BeginQuery(const Place &At) {
-    NotThere.Holds = false;
-    NotThere.Export = At.Volume->Serial;
-    NotThere.Changes = At.Volume->ChangeCount.load();
-    NotThere.At = Now();
-}
-
 void NoteMissing(const Place &At) {
-    if (IsBelowRoot(At)) {
+    if (!At.Base && IsBelowRoot(At)) {
         NotThere.Path = Bare(At.Path);
         NotThere.Holds = true;
     }

@@ -5,7 +5,7 @@
 //
 // It is kept for the thread that asked, for the path as it was asked for, for a millisecond at most, and until
 // something is changed through the export. The descriptor that goes with it is one of the thread's, and names the file
-// only; a thread that asks again, opens anything or ends gives it back. No locks.
+// only; the thread gives it back when it asks again, opens, makes, moves or deletes anything, or ends. No locks.
 #pragma once
 
 #include <cstdint>
@@ -18,20 +18,25 @@ struct FileObject;
 struct Looked;
 struct Place;
 
-// A query open of At has found the regular file that There shows, and File names it. What At.Path starts from has to be
-// the export's root.
+// A query open of At is about to look: what the thread saw before is forgotten.
+void BeginQuery(const Place &At);
+
+// The query open of At that has begun has found the regular file that There shows, and File names it. What At.Path
+// starts from has to be the export's root.
 void NoteQuery(const Place &At, const Looked &There, FileObject &File);
+
+// The query open of At that has begun has found nothing.
+void NoteMissing(const Place &At);
 
 // The query open is closed, by its last user: its descriptor and path are taken over when it was this thread's last.
 void KeepLook(FileObject &File);
 
+// The thread does something else than to open what it asked about.
+void ForgetLook();
+
 // What the thread's last query open of this very path saw, and the path of the object from the root. False when there
 // is none that still holds; in any case it is gone afterwards.
 bool TakeLook(const Place &At, Looked &There, std::string &FromRoot);
-
-// A query open of At, by its whole path, is about to look; and has found nothing there.
-void BeginQuery(const Place &At);
-void NoteMissing(const Place &At);
 
 // Whether the thread's last query open by a whole path has found nothing at this very path, which is asked for below
 // its volume now. False when that does not hold any more.
