@@ -339,6 +339,7 @@ TEST(KernelLifeTest, StopListsWhatIsLeftWhenTheVerifierIsOff) {
     ASSERT_EQ(CreateEventHandle(NotificationEvent, false, &Handle), STATUS_SUCCESS);
     EXPECT_EQ(Running.Stop(), "1 event handle(s) still open\n");
     EXPECT_EQ(OpenHandleCount(), 0u);
+    SetVerifierLevel(VerifierLevel::On); // for tests without a kernel
 }
 
 TEST(KernelLifeTest, EachKernelStartsFresh) {
