@@ -59,8 +59,12 @@ void AddParameter(CLI::App &App, const Parameter &Each) {
 
 // find -name, for --name: one dash before a long name of the verb's own is a habit, and means nothing else.
 void SpellLongNames(std::vector<std::string> &Words, const VerbList &List) {
-    const auto Named = std::find_if(Words.begin(), Words.end(),
-                                    [&](const std::string &Word) { return FindVerb(List, Word) != nullptr; });
+    auto Named = std::find_if(Words.begin(), Words.end(),
+                              [&](const std::string &Word) { return FindVerb(List, Word) != nullptr; });
+    // Behind "--" come no options; what comes in front of the verb are options only, and it ends them there.
+    if (const auto Ends = std::find(Words.begin(), Named, "--"); Ends != Named) {
+        Named = Words.erase(Ends) + (Named - Ends - 1);
+    }
     for (auto Word = Named; Word != Words.end() && *Word != "--"; ++Word) {
         for (const Parameter &Each : FindVerb(List, *Named)->Parameters) {
             if (Word->size() > 2 && (',' + Each.Names + ',').find(",-" + *Word + ',') != std::string::npos) {

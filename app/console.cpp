@@ -1,5 +1,6 @@
 // The console: one running driver, many verbs.
 
+#include <algorithm>
 #include <clocale>
 #include <cstdio>
 #include <cstdlib>
@@ -125,8 +126,25 @@ int RunVerb(Session &Running, const Parts &Line) {
     return Code;
 }
 
+constexpr auto OwnHelp = "of the console\n"
+                         "  help VERB               what a verb takes\n"
+                         "  cd [PATH], pwd          the remote directory that other paths are relative to\n"
+                         "  lcd [DIR], lpwd         the local directory\n"
+                         "  set                     the driver's switches and their values\n"
+                         "  trace CATEGORY,... on|off\n"
+                         "                          the driver's messages; the driver is started again\n"
+                         "  requests on|off         every request and every call of the Provider\n"
+                         "  # ...                   a comment\n"
+                         "  quit                    end; so does the end of input\n";
+
+bool IsOwnWord(const std::string &Word);
+
 void Help(Session &, const Parts &Line) {
     const VerbList List = Verbs();
+    if (Line.size() > 1 && IsOwnWord(Line[1])) {
+        fmt::print("{}", OwnHelp);
+        return;
+    }
     if (Line.size() > 1) {
         const Verb *Which = FindVerb(List, Line[1]);
         if (Which == nullptr) {
@@ -135,17 +153,7 @@ void Help(Session &, const Parts &Line) {
         fmt::print("{}", VerbHelp(*Which, true));
         return;
     }
-    fmt::print("{}\nof the console\n"
-               "  help VERB               what a verb takes\n"
-               "  cd [PATH], pwd          the remote directory that other paths are relative to\n"
-               "  lcd [DIR], lpwd         the local directory\n"
-               "  set                     the driver's switches and their values\n"
-               "  trace CATEGORY,... on|off\n"
-               "                          the driver's messages; the driver is started again\n"
-               "  requests on|off         every request and every call of the Provider\n"
-               "  # ...                   a comment\n"
-               "  quit                    end; so does the end of input\n",
-               ProgramHelp(List, true));
+    fmt::print("{}\n{}", ProgramHelp(List, true), OwnHelp);
 }
 
 void ShowSwitches(Session &Running, const Parts &Line) {
@@ -239,6 +247,11 @@ constexpr struct {
                 {"pwd", ShowRemote},
                 {"lcd", ChangeLocal},
                 {"lpwd", ShowLocal}};
+
+bool IsOwnWord(const std::string &Word) {
+    return Word == "quit" || Word == "exit" ||
+           std::any_of(std::begin(OwnWords), std::end(OwnWords), [&](const auto &Own) { return Word == Own.Word; });
+}
 
 // The code of the line; nothing when the console ends.
 std::optional<int> RunLine(Session &Running, const std::string &Line) {

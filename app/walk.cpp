@@ -14,11 +14,32 @@ OpenRequest ForListing() {
             .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT};
 }
 
+namespace {
+
+// A separator at the end says that a directory is meant. What is not there, or cannot be asked, is for the verb to
+// tell.
+void CheckNamedAsDirectory(const std::string &Text, const std::u16string &Path) {
+    if (!Text.ends_with('\\') && !Text.ends_with('/')) {
+        return;
+    }
+    OpenRequest Question = ForListing();
+    Question.Access = FILE_READ_ATTRIBUTES | SYNCHRONIZE;
+    const embedded::CreateResult Opened = OpenRemote(Path, Question);
+    if (NT_SUCCESS(Opened.Status)) {
+        const RemoteFile Directory(Path, Opened);
+    } else if (Opened.Status == STATUS_NOT_A_DIRECTORY) {
+        throw StatusError(Opened.Status, ShowPath(Path));
+    }
+}
+
+} // namespace
+
 MaskedPath SplitMask(const std::string &Text) {
     constexpr auto MaskCharacters = u"*?<>\"";
     std::u16string Path = RemotePath(Text);
     const size_t Last = Path.rfind(u'\\');
     if (Path.find_first_of(MaskCharacters, Last) == std::u16string::npos) {
+        CheckNamedAsDirectory(Text, Path);
         return {Path};
     }
     return {Path.substr(0, Last), Path.substr(Last + 1), true};

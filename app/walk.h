@@ -16,6 +16,7 @@ struct MaskedPath {
     std::u16string Mask = u"*";
     bool IsMasked = false;
 };
+// StatusError for a file whose Text ends with a separator.
 MaskedPath SplitMask(const std::string &Text);
 
 // What Text stands for: itself, or every path that its mask matches. StatusError when nothing does.

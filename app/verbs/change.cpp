@@ -9,6 +9,7 @@
 #include "app/tree_copy.h"
 #include "app/verbs/verbs.h"
 #include "app/walk.h"
+#include "text/upcase.h"
 
 namespace app {
 
@@ -336,10 +337,21 @@ bool SameDirectory(const std::u16string &One, const std::u16string &Other) {
     }
 }
 
+bool IsBelow(const std::u16string &Path, const std::u16string &Directory) {
+    return Path.size() > Directory.size() && Path[Directory.size()] == u'\\' &&
+           std::equal(Directory.begin(), Directory.end(), Path.begin(),
+                      [](char16_t One, char16_t Other) { return text::UpcaseUnit(One) == text::UpcaseUnit(Other); });
+}
+
 int Move(Session &Running, const Place &From, const Place &Target, bool Replace) {
     // A change of case names the same directory: that is no move into it.
     const bool Same = Target.WhatIsThere() == Kind::Directory && SameDirectory(From.Path, Target.Path);
     const Place To = Same ? Target : TargetOf(From, Target);
+    // What is wrong with From is told in its name, so that what comes after is the target's.
+    RemoteFile(From.Path, {.Access = FILE_READ_ATTRIBUTES | SYNCHRONIZE}).End();
+    if (IsBelow(To.Path, From.Path) && From.WhatIsThere() == Kind::Directory) {
+        throw std::runtime_error(fmt::format("{}: a directory is not moved into itself", To.Show()));
+    }
     try {
         Rename(From.Path, To.Path, Replace);
         return 0;
@@ -350,7 +362,8 @@ int Move(Session &Running, const Place &From, const Place &Target, bool Replace)
         if (Refused.Status == STATUS_OBJECT_NAME_NOT_FOUND || Refused.Status == STATUS_OBJECT_PATH_NOT_FOUND) {
             throw StatusError(Refused.Status, From.WhatIsThere() == Kind::Missing ? From.Show() : To.Show());
         }
-        if (Refused.Status == STATUS_FILE_IS_A_DIRECTORY) {
+        if (Refused.Status == STATUS_FILE_IS_A_DIRECTORY || Refused.Status == STATUS_BAD_NETWORK_PATH ||
+            Refused.Status == STATUS_BAD_NETWORK_NAME) {
             throw StatusError(Refused.Status, To.Show());
         }
         if (Refused.Status != STATUS_NOT_SAME_DEVICE) {

@@ -261,14 +261,19 @@ int List(Session &Running, const ListWords &Words) {
         return 0;
     }
     int Code = 0;
+    bool IsFirst = true;
     for (const std::string &Path : PathsOf(Words, Running)) {
         Code |= Guarded([&] {
             const MaskedPath Where = SplitMask(Path);
             if (Words.Recursive) {
                 Code |= ListTree(Where, Words, {});
-            } else {
-                ListRaw(Where, Words);
+                return;
             }
+            if (Words.Paths.size() > 1 && !WantsJson()) {
+                fmt::print("{}{}:\n", IsFirst ? "" : "\n", Path);
+            }
+            IsFirst = false;
+            ListRaw(Where, Words);
         });
     }
     return Code;

@@ -133,7 +133,9 @@ void AddWatchVerb(VerbList &List) {
                     .Group = "listings",
                     .Summary = "wait until an entry appears or vanishes (--set EnableDirectoryNotify=1)",
                     .Parameters = {Parameter{"PATH", "the directory", Path.get()}.Needed()},
-                    .Run = [Path](Session &) { return Watch(*Path); }});
+                    .Run = [Path](Session &) { return Watch(*Path); },
+                    .Text = "The driver tells what comes and goes through it: in the console, what its other lines do. "
+                            "What other programs do at the server is not told."});
 }
 
 } // namespace app

@@ -229,8 +229,8 @@ void Checker::CheckMoves() {
         RequireSuccess(MoveFile(u"to", u"TO"), "RVFsdMoveFile to the same name in another case");
         RequireSuccess(DeleteFile(Folder_, u"TO"), "RVFsdDeleteFile of a name that was moved to");
     }
-    RequireFailure(MoveFile(u"from", u"to"), NotFoundCodes, "RVFsdMoveFile of a missing name", "no such file");
-    RequireFailure(DeleteFile(Folder_, u"from"), NotFoundCodes, "RVFsdDeleteFile of a missing name", "no such file");
+    RequireFailure(MoveFile(u"from", u"to"), NoSuchFileCodes, "RVFsdMoveFile of a missing name", "no such file");
+    RequireFailure(DeleteFile(Folder_, u"from"), NoSuchFileCodes, "RVFsdDeleteFile of a missing name", "no such file");
     if (RequireSuccess(CreateDirectory(Folder_, u"dir"), "RVFsdCreateDirectory")) {
         const RVSTATUS Moved =
             Asked_.Call(&RVIOM_FSD_TABLE::RVFsdMoveDirectory, "RVFsdMoveDirectory", Folder_, u"dir", Folder_, u"other");

@@ -16,6 +16,7 @@ namespace providers::conformance {
 inline constexpr ULONG BatchBytes = 12288; // the driver's
 inline constexpr ULONG SmallBatchBytes = 640;
 inline constexpr USHORT NotFoundCodes[] = {0x000B, 0x0502, 0x0503, 0x0506};
+inline constexpr USHORT NoSuchFileCodes[] = {0x0502, 0x0506};
 inline constexpr USHORT CollisionCodes[] = {0x0106, 0x0510};
 inline constexpr USHORT IsADirectoryCodes[] = {0x0521};
 inline constexpr USHORT NotADirectoryCodes[] = {RVFS_NOT_A_DIRECTORY};

@@ -160,14 +160,14 @@ void Checker::CheckListing(RVHANDLE Directory) {
 void Checker::CheckMissing() {
     RVHANDLE Handle = 0;
     ULONG Action = 0;
-    RequireFailure(Asked_.OpenDirectory(Volume_, u"rvfsd-check-missing", Handle), NotFoundCodes,
+    RequireFailure(Asked_.OpenDirectory(Volume_, u"rvfsd-check-missing", Handle), NoSuchFileCodes,
                    "RVFsdOpenDirectory of a missing name", "no such file");
     for (const auto &[Disposition, Name] : {std::pair{RV_DISPOSITION_QUERY, "a question"},
                                             {RV_DISPOSITION_OPEN_EXISTING, "an open"},
                                             {RV_DISPOSITION_OVERWRITE_EXISTING, "an overwrite"}}) {
         const RVSTATUS Status = Asked_.OpenFile(Volume_, u"rvfsd-check-missing", Disposition, Handle, Action);
         if (Disposition != RV_DISPOSITION_OVERWRITE_EXISTING || RvCode(Status) != RV_STATUS_ACCESS_DENIED) {
-            RequireFailure(Status, NotFoundCodes, fmt::format("RVFsdCreateFile, {} of a missing name,", Name),
+            RequireFailure(Status, NoSuchFileCodes, fmt::format("RVFsdCreateFile, {} of a missing name,", Name),
                            "no such file");
         }
     }

@@ -179,7 +179,14 @@ TEST_F(Information, RefusedChangesLeaveEverythingAsItWas) {
     ExpectRefused({"mv", R"(\\s\v\no)", R"(\\s\v\x)"}, 1, "STATUS_OBJECT_NAME_NOT_FOUND (0xC0000034): \\\\s\\v\\no");
     ExpectRefused({"rm", R"(\\s\v\d)"}, 1, "STATUS_FILE_IS_A_DIRECTORY (0xC00000BA): \\\\s\\v\\d; -r deletes");
     ExpectRefused({"mv", R"(\\s\v\d)", R"(\\s\v\g)", "--replace"}, 1, "STATUS_OBJECT_NAME_COLLISION (0xC0000035)");
-    ExpectRefused({"mv", R"(\\s\v\d)", R"(\\s\v\d\e\x)"}, 1, "STATUS_ACCESS_DENIED (0xC0000022)");
+    ExpectRefused({"mv", R"(\\s\v\d)", R"(\\s\v\D\e\x)"}, 1, "\\\\s\\v\\D\\e\\x: a directory is not moved into itself");
+    ExpectRefused({"mv", R"(\\s\v\f)", R"(\\no\v\x)"}, 1, "STATUS_BAD_NETWORK_PATH (0xC00000BE): \\\\no\\v\\x");
+    for (const std::vector<std::string> &Words :
+         {std::vector<std::string>{"rm"}, {"cat"}, {"ls"}, {"touch"}, {"mv", R"(\\s\v\d)"}}) {
+        std::vector<std::string> Line = Words;
+        Line.insert(Line.begin() + 1, R"(\\s\v\f\)");
+        ExpectRefused(Line, 1, "STATUS_NOT_A_DIRECTORY (0xC0000103): \\\\s\\v\\f\n");
+    }
     ExpectRefused({"rmdir", R"(\\s\v\d)"}, 1, "STATUS_DIRECTORY_NOT_EMPTY (0xC0000101): \\\\s\\v\\d\n");
     EXPECT_EQ(Served.Read("f"), "content");
     EXPECT_EQ(Served.Read("g"), "other");

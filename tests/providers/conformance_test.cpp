@@ -45,6 +45,16 @@ const Fault Faults[] = {
              return RVSTATUS::Success;
          };
      }},
+    {"an open of a missing name, answers 0xC7E70503",
+     [](Table &T) {
+         T.RVFsdCreateFile =
+             FAULT(RVIOM_FSD * Self, Sec By, RVHANDLE Base, PCWSTR Path, ULONG Access, ULONG Share, ULONG Disposition,
+                   ULONG Options, ULONG Attributes, RVHANDLE * File, ULONG * Action) {
+             const RVSTATUS Status = Real->RVFsdCreateFile(Self, By, Base, Path, Access, Share, Disposition, Options,
+                                                           Attributes, File, Action);
+             return RvCode(Status) == 0x0506 ? RVSTATUS{0xC7E70503} : Status;
+         };
+     }},
     {"did not write the create action",
      [](Table &T) {
          T.RVFsdCreateFile = FAULT(RVIOM_FSD * Self, Sec By, RVHANDLE Base, PCWSTR Path, ULONG Access, ULONG Share,
