@@ -30,7 +30,7 @@ struct MountOptions {
     double AttributeTimeout = 1;
     double NegativeTimeout = 1;
     unsigned ReadAheadKib = 1024;
-    unsigned Threads = 4;
+    unsigned Threads = 10;              // with fewer the kernel wakes one on another processor more often
     std::string FaultFile;              // tests: while this file is there, the server is away
     std::vector<std::string> ForKernel; // for the mount itself
 
