@@ -109,7 +109,7 @@ PFCB NtFsdAllocFcb(PFILE_OBJECT FileObject, PCUNICODE_STRING Path) {
 
 bool NtFsdIsVolumeRoot(const FCB *Fcb) {
     // An open file stays one, though its path may have become a volume's meanwhile.
-    return (Fcb->VolumeRoot && Fcb->OpenType != OPEN_TYPE_FILE) || NtFsdCountPathComponents(&Fcb->FullPath) < 3;
+    return (Fcb->VolumeRoot && Fcb->OpenType != OPEN_TYPE_FILE) || NtFsdCountPathComponents(&Fcb->FullPath, 3) < 3;
 }
 
 VOID NtFsdFreeFcbMemory(PFCB Fcb) {

@@ -63,7 +63,7 @@ bool EndsComponent(PCUNICODE_STRING Path, ULONG Units) {
 // Opens the volume of the FCB's path and finds how many characters of the path it covers.
 RVSTATUS OpenVolumeOf(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, PULONG VolumeUnits) {
     RV_SECURITY_CONTEXT *Security = &IrpContext->SecurityContext;
-    if (NtFsdCountPathComponents(&Fcb->FullPath) < 3) {
+    if (NtFsdCountPathComponents(&Fcb->FullPath, 3) < 3) {
         *VolumeUnits = Fcb->FullPath.Length / sizeof(WCHAR);
         return RVFsdOpenVolume(Security, Fcb->FullPath.Buffer, &Instance->VolumeHandle);
     }

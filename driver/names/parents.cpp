@@ -4,14 +4,20 @@
 // The directories below which FCBs are in the prefix table, directly or deeper, so that one look-up tells whether a
 // directory may be renamed. Each counts the FCBs and the records directly below it and goes with the last of them.
 // Volumes, which are never renamed, and what is above them have no record.
+//
+// The records that one FCB adds are one block: the highest first, each directory below it next, and the text of the
+// deepest path behind them, of which all show a part. The highest is the last of them to go, and the block with it.
 struct PARENT_RECORD {
     UNICODE_PREFIX_TABLE_ENTRY Entry;
-    UNICODE_STRING Path; // owned
+    UNICODE_STRING Path; // a view into the block's text
     PARENT_RECORD *Parent;
     ULONG Below;
+    BOOLEAN BeginsBlock;
 };
 
 namespace {
+
+constexpr ULONG VOLUME_COMPONENTS = 2;
 
 DRIVER_GLOBAL UNICODE_PREFIX_TABLE ParentTable UNDER(FcbTableResource) = {};
 
@@ -21,24 +27,52 @@ PARENT_RECORD *FindRecord(PUNICODE_STRING Path) HOLDING(FcbTableResource) {
                                                                      : nullptr;
 }
 
-void FreeRecord(PARENT_RECORD *Record) {
-    NtFsdFreeUnicodeString(&Record->Path);
-    TwFreeMemory(Record);
+// Takes Record out, and those above it that have nothing below them then.
+void Release(PARENT_RECORD *Record) HOLDING(FcbTableResource) {
+    while (Record != nullptr && --Record->Below == 0) {
+        PARENT_RECORD *Above = Record->Parent;
+        RtlRemoveUnicodePrefix(&ParentTable, &Record->Entry);
+        if (Record->BeginsBlock) {
+            TwFreeMemory(Record);
+        }
+        Record = Above;
+    }
 }
 
-// A record in the table with one below it, and none above it yet. NULL when no memory can be had.
-PARENT_RECORD *MakeRecord(PCUNICODE_STRING Path) HOLDING(FcbTableResource) {
-    const auto Record = static_cast<PARENT_RECORD *>(TwAllocMemory(sizeof(PARENT_RECORD)));
-    if (Record == nullptr) {
+// A block of Count records for Directory and the directories above it, below Above (NULL: below the volume), in the
+// table, the deepest with one below it. NULL when no memory can be had; nothing has changed then.
+PARENT_RECORD *MakeRecords(const UNICODE_STRING &Directory, ULONG Count, PARENT_RECORD *Above)
+    HOLDING(FcbTableResource) {
+    const auto Block = static_cast<PARENT_RECORD *>(TwAllocMemory(Count * sizeof(PARENT_RECORD) + Directory.Length));
+    if (Block == nullptr) {
         return nullptr;
     }
-    if (!NT_SUCCESS(NtFsdUpdateUnicodeString(&Record->Path, Path)) ||
-        !RtlInsertUnicodePrefix(&ParentTable, &Record->Path, &Record->Entry)) {
-        FreeRecord(Record);
-        return nullptr;
+    const auto Text = reinterpret_cast<PWSTR>(Block + Count);
+    RtlCopyMemory(Text, Directory.Buffer, Directory.Length);
+    UNICODE_STRING Path = ViewOf(Text, UnitsOf(Directory));
+    for (ULONG Left = Count; Left != 0; --Left) {
+        Block[Left - 1].Path = Path;
+        Path = NtFsdSplitPath(Path).Front;
     }
-    Record->Below = 1;
-    return Record;
+    Block->BeginsBlock = TRUE;
+    for (ULONG Made = 0; Made < Count; ++Made) {
+        PARENT_RECORD *Record = &Block[Made];
+        Record->Parent = Made == 0 ? Above : Record - 1;
+        Record->Below = 1; // the next, or the FCB
+        if (!RtlInsertUnicodePrefix(&ParentTable, &Record->Path, &Record->Entry)) {
+            Block->Parent = nullptr; // which does not count it yet
+            if (Made == 0) {
+                TwFreeMemory(Block);
+            } else {
+                Release(Record - 1);
+            }
+            return nullptr;
+        }
+    }
+    if (Above != nullptr) {
+        ++Above->Below;
+    }
+    return &Block[Count - 1];
 }
 
 } // namespace
@@ -48,35 +82,32 @@ VOID NtFsdInitializeParents() {
 }
 
 NTSTATUS NtFsdHoldParent(PCUNICODE_STRING Path, PARENT_RECORD **Parent) {
-    constexpr ULONG VOLUME_COMPONENTS = 2;
     *Parent = nullptr;
-    PARENT_RECORD **Link = Parent;
-    UNICODE_STRING Front = NtFsdSplitPath(*Path).Front;
-    for (ULONG Components = NtFsdCountPathComponents(Path); Components > VOLUME_COMPONENTS + 1; --Components) {
-        if (PARENT_RECORD *Found = FindRecord(&Front); Found != nullptr) {
-            ++Found->Below;
-            *Link = Found;
-            return STATUS_SUCCESS;
+    const UNICODE_STRING Directory = NtFsdSplitPath(*Path).Front;
+    UNICODE_STRING At = Directory;
+    PARENT_RECORD *Found = nullptr;
+    ULONG Missing = 0;
+    while (NtFsdCountPathComponents(&At, VOLUME_COMPONENTS + 1) > VOLUME_COMPONENTS) {
+        Found = FindRecord(&At);
+        if (Found != nullptr) {
+            break;
         }
-        *Link = MakeRecord(&Front);
-        if (*Link == nullptr) {
-            NtFsdReleaseParent(*Parent);
-            *Parent = nullptr;
-            return STATUS_INSUFFICIENT_RESOURCES;
-        }
-        Link = &(*Link)->Parent;
-        Front = NtFsdSplitPath(Front).Front;
+        ++Missing;
+        At = NtFsdSplitPath(At).Front;
     }
-    return STATUS_SUCCESS;
+    if (Missing == 0) {
+        if (Found != nullptr) {
+            ++Found->Below;
+        }
+        *Parent = Found;
+        return STATUS_SUCCESS;
+    }
+    *Parent = MakeRecords(Directory, Missing, Found);
+    return *Parent != nullptr ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
 }
 
 VOID NtFsdReleaseParent(PARENT_RECORD *Parent) {
-    while (Parent != nullptr && --Parent->Below == 0) {
-        PARENT_RECORD *Above = Parent->Parent;
-        RtlRemoveUnicodePrefix(&ParentTable, &Parent->Entry);
-        FreeRecord(Parent);
-        Parent = Above;
-    }
+    Release(Parent);
 }
 
 bool NtFsdHasFcbBelow(PCUNICODE_STRING Path) {

@@ -159,7 +159,7 @@ NTSTATUS NtFsdVerifyFile(PIRP_CONTEXT IrpContext, PCWSTR Path, ULONG PathLength,
         NtFsdDebugPrint(TRACE_FACTORY, 0, "NtFsdVerifyFile duplicate string failed; status 0x%08X.\n", Status);
         return Status;
     }
-    const ULONG Components = NtFsdCountPathComponents(Copy.Get());
+    const ULONG Components = NtFsdCountPathComponents(Copy.Get(), 3);
     if (Components < 2) {
         // A server alone names no object that could be opened.
         NtFsdDebugPrint(TRACE_FACTORY, 0, "NtFsdVerifyFile unable to parse path \"%wZ\".\n", Copy.Get());

@@ -14,8 +14,9 @@ NTSTATUS NtFsdUpdateUnicodeString(PUNICODE_STRING Destination, PCUNICODE_STRING 
 VOID NtFsdFreeUnicodeString(PUNICODE_STRING String);
 
 // The number of path components: \server counts 1, \server\volume 2; an empty component between doubled backslashes
-// counts. A 16-bit zero ends the text early.
-ULONG NtFsdCountPathComponents(PCUNICODE_STRING Path);
+// counts. A 16-bit zero ends the text early. Whoever only asks whether there are as many as Most (at least 1) names it:
+// a path with more counts Most, and its rest is not read.
+ULONG NtFsdCountPathComponents(PCUNICODE_STRING Path, ULONG Most = 0xFFFF);
 
 // Composes Base, one backslash unless Base already ends in one, and Name into the empty string Path, which owns its
 // buffer and is terminated. Base may be NULL: then Path is Name. Returns STATUS_OBJECT_NAME_INVALID when the result
