@@ -104,9 +104,11 @@ void FileSystem::Init(fuse_conn_info *Connection) {
                                                FUSE_CAP_WRITEBACK_CACHE);
     Connection->want |= Connection->capable & (FUSE_CAP_READDIRPLUS | FUSE_CAP_READDIRPLUS_AUTO |
                                                FUSE_CAP_PARALLEL_DIROPS | FUSE_CAP_ATOMIC_O_TRUNC);
-    if (!Options_.Locks) {
-        // Answered here, with an error: the kernel's own would keep nobody else out.
-        Connection->want |= Connection->capable & (FUSE_CAP_POSIX_LOCKS | FUSE_CAP_FLOCK_LOCKS);
+    // Those of nolock too are answered here, with an error: the kernel's own would keep nobody else out.
+    Connection->want |= Connection->capable & (FUSE_CAP_POSIX_LOCKS | FUSE_CAP_FLOCK_LOCKS);
+    if (Options_.Locks) {
+        Connection->want &= ~((Options_.LocalRanges ? unsigned{FUSE_CAP_POSIX_LOCKS} : 0u) |
+                              (Options_.LocalWhole ? unsigned{FUSE_CAP_FLOCK_LOCKS} : 0u));
     }
     if (Options_.ReadAheadKib != 0) {
         Connection->max_readahead = std::max(Connection->max_readahead, Options_.ReadAheadKib * 1024);

@@ -22,6 +22,14 @@ struct Word {
     const char *Why = nullptr;
 };
 
+void TakeLocalLocks(MountOptions &To, const std::string &Which) {
+    if (Which != "none" && Which != "all" && Which != "flock" && Which != "posix") {
+        throw UsageError(fmt::format("-o local_lock={}: expected none, all, flock or posix", Which));
+    }
+    To.LocalRanges = Which == "all" || Which == "posix";
+    To.LocalWhole = Which == "all" || Which == "flock";
+}
+
 #define STORE(Expression)                                                                                              \
     [](MountOptions &To, [[maybe_unused]] double Value, [[maybe_unused]] const std::string &Text) { Expression; }
 
@@ -35,6 +43,7 @@ constexpr Word Words[] = {
     {"no_default_permissions", Kind::Flag, STORE(To.DefaultPermissions = false)},
     {"quiet", Kind::Flag, STORE(To.Quiet = true)},
     {"nolock", Kind::Flag, STORE(To.Locks = false)},
+    {"local_lock", Kind::Text, STORE(TakeLocalLocks(To, Text))},
     {"direct_io", Kind::Flag, STORE(To.DirectIo = true)},
     {"auto_cache", Kind::Flag, STORE(To.KeepCache = true)},
     {"noauto_cache", Kind::Flag, STORE(To.KeepCache = false)},

@@ -17,7 +17,9 @@ struct MountOptions {
     std::optional<bool> DefaultPermissions;
     bool Quiet = false; // changes of modes and owners that cannot be kept are no errors
     bool Locks = true;
-    bool Others = false; // other users than the mount's may come in
+    bool LocalRanges = false; // the locks of fcntl hold in this mount alone, and the server does not know of them
+    bool LocalWhole = false;  // those of flock
+    bool Others = false;      // other users than the mount's may come in
     bool DirectIo = false;
     bool KeepCache = true;
     bool Verify = false; // the embedded kernel verifies the driver's conduct
