@@ -2,17 +2,12 @@
 
 #include <cstdlib>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "tests/app/program.h"
 
 namespace {
 
-using test::Ran;
-using test::RunProgram;
-using testing::HasSubstr;
-using testing::StartsWith;
+using namespace test;
+using namespace testing;
 
 class ProgramConfig : public testing::Test {
 protected:

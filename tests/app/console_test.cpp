@@ -1,10 +1,5 @@
 // The console: verbs over one running driver, on a terminal and without one.
 
-#include <unistd.h>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "tests/app/program.h"
 
 namespace {

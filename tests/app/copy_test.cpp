@@ -1,13 +1,7 @@
 // put and cp: bytes arrive whole or not at all, and nothing is overwritten unasked.
 
 #include <csignal>
-#include <sys/stat.h>
 #include <sys/xattr.h>
-#include <unistd.h>
-
-#include <fmt/format.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tests/app/program.h"
 

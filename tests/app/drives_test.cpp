@@ -1,17 +1,11 @@
 // Drive letters at the command line and in the console: use, verify, session, and paths through a letter.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <fstream>
-
 #include "tests/app/program.h"
 
 namespace {
 
 using test::Ran;
-using testing::HasSubstr;
-using testing::Not;
+using namespace testing;
 
 class ProgramDrives : public testing::Test {
 protected:

@@ -1,16 +1,10 @@
 // The options that exchange the driver for an image: what is no image is said in one line and ends with 2.
 #include <algorithm>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "tests/app/program.h"
 #include "tests/support/driver_under_test.h"
 
-using test::ImageUnderTest;
-using test::Ran;
-using test::RunProgram;
-using test::ScratchDirectory;
+using namespace test;
 using testing::HasSubstr;
 
 namespace {

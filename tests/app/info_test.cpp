@@ -1,17 +1,11 @@
 // Asking and changing what files and volumes are, as users do: stat, df, vol, attrib, touch, truncate, rm, rmdir, mv.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "tests/app/program.h"
 
 namespace {
 
-using test::Ran;
-using test::RunProgram;
-using testing::ContainsRegex;
-using testing::HasSubstr;
-using testing::Not;
+using namespace test;
+using namespace testing;
 
 // An export \\s\v with a file and a directory, and links to it.
 class Information : public testing::Test {

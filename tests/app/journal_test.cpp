@@ -2,11 +2,7 @@
 
 #include <csignal>
 #include <map>
-#include <unistd.h>
-#include <vector>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
 #include "tests/app/program.h"
@@ -14,11 +10,8 @@
 namespace {
 
 using nlohmann::json;
-using test::RunProgram;
-using test::ScratchDirectory;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::StartsWith;
+using namespace test;
+using namespace testing;
 
 // Every event stands where it may, and what is left open at the end: by thread, the outermost first.
 std::vector<std::string> Unfinished(const json &Events) {

@@ -1,19 +1,12 @@
 // ls, find and watch as their users meet them.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <filesystem>
-
 #include "tests/app/program.h"
 #include "tests/support/without_override.h"
 
 namespace {
 
 using test::Ran;
-using testing::AllOf;
-using testing::ContainsRegex;
-using testing::HasSubstr;
+using namespace testing;
 
 class ProgramListing : public testing::Test {
 protected:

@@ -2,7 +2,6 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <fstream>
 #include <iterator>
 #include <poll.h>
 #include <pty.h>
@@ -10,10 +9,7 @@
 #include <stdexcept>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <unistd.h>
 #include <utility>
-
-#include <fcntl.h>
 
 #include "tests/support/driver_under_test.h"
 

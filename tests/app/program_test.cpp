@@ -3,20 +3,13 @@
 #include <array>
 #include <cstdlib>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "tests/app/program.h"
 #include "tests/support/driver_under_test.h"
 
 namespace {
 
-using test::ImageUnderTest;
-using test::Ran;
-using test::RunProgram;
-using testing::ContainsRegex;
-using testing::HasSubstr;
-using testing::StartsWith;
+using namespace test;
+using namespace testing;
 
 const std::string SampleText = "This is a.txt, served as \\\\demo\\files\\docs\\a.txt.\n\n"
                                "It came through the whole driver: the prefix was claimed, the file opened,\n"

@@ -1,17 +1,12 @@
 // Providers from shared libraries through the program: the example as a stranger builds it, and libraries that are
 // none.
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "tests/app/program.h"
 
 namespace {
 
-using test::RunProgram;
-using test::ScratchDirectory;
-using testing::EndsWith;
-using testing::HasSubstr;
+using namespace test;
+using namespace testing;
 
 TEST(ExampleProvider, ServesEveryVerb) {
     const ScratchDirectory Scratch;

@@ -3,21 +3,16 @@
 #include "frame/async_queue.h"
 
 #include <future>
-#include <thread>
 
 #include <sys/mman.h>
 
-#include "embedded/faults.h"
 #include "embedded/ps.h"
 #include "frame/driver.h"
 #include "tests/driver/lock_client.h"
 
 namespace {
 
-using embedded::Clock;
-using embedded::FaultBit;
-using embedded::FaultKind;
-using embedded::SentIrp;
+using namespace embedded;
 using test::Open;
 
 // Holds a file in another thread, so that requests that may not wait are posted and workers wait.

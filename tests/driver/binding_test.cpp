@@ -1,8 +1,5 @@
 // Binding to the component framework on the first request, and the class that the driver publishes.
 
-#include <atomic>
-#include <thread>
-
 #include "embedded/ke.h"
 #include "frame/driver.h"
 #include "provider/binding.h"

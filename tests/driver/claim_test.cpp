@@ -1,8 +1,5 @@
 // The control device: prefix claims of the multiple UNC provider, other controls, and opens of the device itself.
 
-#include <thread>
-
-#include "embedded/faults.h"
 #include "embedded/ps.h"
 #include "tests/driver/frame_client.h"
 

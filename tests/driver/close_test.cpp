@@ -1,7 +1,6 @@
 // The end of an open. What goes with the last handle of a file object: claims and locks, but neither FCB nor Provider
 // handles; and with the close: its Provider handles, a pending delete, its FCB.
 
-#include "embedded/faults.h"
 #include "embedded/fsrtl.h"
 #include "embedded/ps.h"
 #include "tests/driver/lock_client.h"
@@ -9,8 +8,7 @@
 
 namespace {
 
-using providers::ProviderError;
-using providers::Slot;
+using namespace providers;
 using test::Open;
 
 constexpr Open Deleting = {.Access = DELETE | FILE_READ_DATA | SYNCHRONIZE};

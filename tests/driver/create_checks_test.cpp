@@ -4,14 +4,8 @@
 
 namespace {
 
-using providers::Call;
-using providers::ProviderError;
-using providers::Slot;
-using test::AsDirectory;
-using test::ForDelete;
-using test::IsQuestion;
-using test::Open;
-using test::With;
+using namespace providers;
+using namespace test;
 
 constexpr ULONG N = FILE_NON_DIRECTORY_FILE;
 

@@ -2,7 +2,6 @@
 #pragma once
 
 #include "create/create.h"
-#include "embedded/faults.h"
 #include "provider/provider_calls.h"
 #include "tests/support/driver_fixture.h"
 

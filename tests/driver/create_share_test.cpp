@@ -1,20 +1,12 @@
 // Opens that share an FCB: share access, what a second open may do, opens that fail while others wait.
 
-#include <thread>
-
 #include "tests/driver/create_client.h"
 #include "tests/driver/request_log.h"
 
 namespace {
 
-using providers::Call;
-using providers::ProviderError;
-using providers::Slot;
-using test::AsDirectory;
-using test::ForDelete;
-using test::IsRealOpen;
-using test::Open;
-using test::With;
+using namespace providers;
+using namespace test;
 
 constexpr ULONG D = FILE_DIRECTORY_FILE;
 constexpr ULONG N = FILE_NON_DIRECTORY_FILE;

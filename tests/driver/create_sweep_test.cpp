@@ -1,7 +1,6 @@
 // Every kind of open with every failure: of the Provider, of memory, of resources. Nothing may be left, and no success
 // may be claimed that the Provider did not give.
 
-#include <fmt/format.h>
 #include <tuple>
 
 #include "tests/driver/create_client.h"
@@ -9,11 +8,7 @@
 namespace {
 
 using providers::Slot;
-using test::AsDirectory;
-using test::AsTarget;
-using test::ForDelete;
-using test::Open;
-using test::With;
+using namespace test;
 
 constexpr ULONG N = FILE_NON_DIRECTORY_FILE;
 

@@ -3,21 +3,13 @@
 #include <regex>
 #include <sstream>
 
-#include "embedded/faults.h"
 #include "tests/driver/create_client.h"
 #include "tests/driver/request_log.h"
 
 namespace {
 
-using providers::Call;
-using providers::ProviderError;
-using providers::Slot;
-using test::AsDirectory;
-using test::ForDelete;
-using test::IsQuestion;
-using test::IsRealOpen;
-using test::Open;
-using test::With;
+using namespace providers;
+using namespace test;
 
 constexpr ULONG D = FILE_DIRECTORY_FILE;
 constexpr ULONG N = FILE_NON_DIRECTORY_FILE;

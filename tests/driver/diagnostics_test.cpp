@@ -1,8 +1,5 @@
 // What the driver prints, where it goes, and the log file.
 
-#include <filesystem>
-
-#include "embedded/faults.h"
 #include "embedded/system_volume.h"
 #include "frame/diagnostics.h"
 #include "tests/driver/frame_client.h"

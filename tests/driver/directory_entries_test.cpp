@@ -6,8 +6,7 @@
 
 namespace {
 
-using test::Listing;
-using test::Unpack;
+using namespace test;
 
 constexpr LONGLONG Created = 1001, Written = 2002, Accessed = 3003; // of a directory one more
 

@@ -4,17 +4,13 @@
 #include <random>
 #include <set>
 #include <sstream>
-#include <thread>
 
 #include "embedded/ex.h"
-#include "embedded/faults.h"
 #include "tests/driver/listing_client.h"
 
 namespace {
 
-using test::Listing;
-using test::Open;
-using test::Unpack;
+using namespace test;
 
 constexpr ULONG Classes[] = {FileDirectoryInformation, FileFullDirectoryInformation,   FileBothDirectoryInformation,
                              FileNamesInformation,     FileIdBothDirectoryInformation, FileIdFullDirectoryInformation};

@@ -8,11 +8,8 @@
 
 namespace {
 
-using providers::ProviderError;
-using providers::Slot;
-using test::DirectoryForChange;
-using test::ForChange;
-using test::Open;
+using namespace providers;
+using namespace test;
 
 constexpr RVSTATUS Warning = static_cast<RVSTATUS>(0x87E70102);
 

@@ -1,7 +1,6 @@
 // The shape that all entry routines share, and where one of them deviates: binding, cancelled requests, file objects
 // that are not the driver's, and what becomes of a request when there is no memory for it.
 
-#include "embedded/faults.h"
 #include "embedded/mm.h"
 #include "embedded/ps.h"
 #include "frame/entry.h"

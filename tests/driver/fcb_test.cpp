@@ -1,16 +1,11 @@
 // FCBs: one per path, found by path; how opens name their object to the Provider; the file-object check.
 
-#include "embedded/faults.h"
 #include "tests/driver/create_client.h"
 
 namespace {
 
-using providers::ProviderError;
-using providers::Slot;
-using test::AsDirectory;
-using test::ForDelete;
-using test::Open;
-using test::With;
+using namespace providers;
+using namespace test;
 
 class Fcbs : public test::CreateFixture {
 protected:

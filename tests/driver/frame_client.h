@@ -1,8 +1,6 @@
 // Raw requests and traces for tests of the driver's frame.
 #pragma once
 
-#include <fmt/format.h>
-
 #include "tests/support/driver_fixture.h"
 
 namespace test {

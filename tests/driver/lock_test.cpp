@@ -2,15 +2,13 @@
 
 #include <pthread.h>
 
-#include "embedded/faults.h"
 #include "embedded/fsrtl.h"
 #include "embedded/ps.h"
 #include "tests/driver/lock_client.h"
 
 namespace {
 
-using providers::ProviderError;
-using providers::Slot;
+using namespace providers;
 using test::Open;
 
 class Locks : public test::LockFixture {

@@ -1,9 +1,6 @@
 // A client of the published class: it maps letters as the users and sessions of a machine do.
 #pragma once
 
-#include <thread>
-
-#include "embedded/faults.h"
 #include "embedded/ps.h"
 #include "embedded/se.h"
 #include "embedded/verifier/rules.h"

@@ -5,8 +5,7 @@
 namespace {
 
 using namespace test;
-using embedded::FaultKind;
-using embedded::TokenRef;
+using namespace embedded;
 
 class MappedSessions : public MappingFixture {
 protected:

@@ -1,15 +1,11 @@
 // Waiting for changes in a directory.
 
-#include <thread>
-
 #include "dir/notify.h"
-#include "embedded/faults.h"
 #include "tests/support/driver_fixture.h"
 
 namespace {
 
-using embedded::SendIrp;
-using embedded::SentIrp;
+using namespace embedded;
 using test::Open;
 
 class Watching : public test::DriverFixture {

@@ -1,13 +1,11 @@
 // What the Provider says about a path, and the existence probe.
 
-#include "embedded/faults.h"
 #include "names/paths.h"
 #include "tests/driver/create_client.h"
 
 namespace {
 
-using providers::ProviderError;
-using providers::Slot;
+using namespace providers;
 
 constexpr RVSTATUS Warning = static_cast<RVSTATUS>(0x80000007);
 

@@ -5,8 +5,7 @@
 
 namespace {
 
-using test::Open;
-using test::RvError;
+using namespace test;
 
 constexpr RVSTATUS Warning = static_cast<RVSTATUS>(0x80000008); // translated to a warning
 

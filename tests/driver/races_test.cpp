@@ -3,12 +3,9 @@
 
 #include <iostream>
 
-#include <fmt/format.h>
-
 #include "embedded/ex.h"
 #include "embedded/explorer/explorer.h"
 #include "embedded/explorer/schedule.h"
-#include "embedded/faults.h"
 #include "frame/async_queue.h"
 #include "provider/binding.h"
 #include "provider/class_factory.h"
@@ -17,8 +14,7 @@
 
 namespace {
 
-using embedded::Race;
-using embedded::SentIrp;
+using namespace embedded;
 using providers::Slot;
 using test::Open;
 

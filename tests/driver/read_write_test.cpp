@@ -1,6 +1,5 @@
 // Data transfers: what reaches the Provider, what comes back, and what becomes of sizes and byte offsets.
 
-#include "embedded/faults.h"
 #include "embedded/mm.h"
 #include "io/io.h"
 #include "tests/driver/frame_client.h"

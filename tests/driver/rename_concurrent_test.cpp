@@ -1,8 +1,5 @@
 // Renames beside opens and other renames.
 
-#include <atomic>
-#include <thread>
-
 #include "tests/driver/rename_client.h"
 
 namespace {

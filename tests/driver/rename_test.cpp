@@ -4,8 +4,7 @@
 
 namespace {
 
-using providers::ProviderError;
-using providers::Slot;
+using namespace providers;
 using test::Open;
 
 class Renaming : public test::RenameFixture {

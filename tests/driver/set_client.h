@@ -1,7 +1,6 @@
 // Changes of open files and directories for tests: through the system services, and as raw requests.
 #pragma once
 
-#include "embedded/faults.h"
 #include "tests/support/driver_fixture.h"
 
 namespace test {

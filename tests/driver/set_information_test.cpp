@@ -5,11 +5,8 @@
 
 namespace {
 
-using providers::ProviderError;
-using providers::Slot;
-using test::DirectoryForChange;
-using test::ForChange;
-using test::Open;
+using namespace providers;
+using namespace test;
 
 class Setting : public test::SetFixture {};
 

@@ -1,7 +1,5 @@
 // Shutdown: the order of the teardown, what refuses afterwards, and what is still open or under way meanwhile.
 
-#include <atomic>
-#include <thread>
 #include <utility>
 
 #include "close/close.h"

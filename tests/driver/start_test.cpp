@@ -2,7 +2,6 @@
 // up.
 
 #include "embedded/ex.h"
-#include "embedded/faults.h"
 #include "embedded/mm.h"
 #include "embedded/mup.h"
 #include "embedded/ps.h"
@@ -18,9 +17,7 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRI
 
 namespace {
 
-using embedded::Clock;
-using embedded::FaultBit;
-using embedded::FaultKind;
+using namespace embedded;
 
 class DriverStart : public test::FrameFixture {
 protected:

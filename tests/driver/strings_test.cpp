@@ -1,6 +1,5 @@
 // Counted strings: copies, components, composed paths.
 
-#include "embedded/faults.h"
 #include "names/strings.h"
 #include "tests/support/driver_fixture.h"
 

@@ -4,13 +4,8 @@
 
 namespace {
 
-using providers::Call;
-using providers::ProviderError;
-using providers::Slot;
-using test::AsDirectory;
-using test::AsTarget;
-using test::Open;
-using test::With;
+using namespace providers;
+using namespace test;
 
 class TargetOpens : public test::CreateFixture {
 protected:

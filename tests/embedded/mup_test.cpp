@@ -1,4 +1,3 @@
-#include "embedded/mup.h"
 
 #include "io_fixture.h"
 

@@ -1,4 +1,3 @@
-#include "embedded/zw.h"
 
 #include <thread>
 

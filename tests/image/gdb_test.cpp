@@ -1,19 +1,12 @@
 // gdb with windows/gdb/rvfsd.py: breakpoints by name and by line stop inside the image, and the way there is shown.
 #include <array>
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <sys/wait.h>
-
-#include <fmt/format.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tests/app/program.h"
 #include "tests/support/driver_under_test.h"
 
-using testing::ContainsRegex;
-using testing::HasSubstr;
+using namespace testing;
 
 namespace test {
 namespace {

@@ -8,8 +8,7 @@
 #include "embedded/image/layouts.h"
 #include "provider/framework.h"
 
-using testing::ElementsAre;
-using testing::HasSubstr;
+using namespace testing;
 
 namespace embedded {
 namespace {

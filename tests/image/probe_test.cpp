@@ -1,12 +1,7 @@
 // Exceptions, reports and the truth about a loaded driver, with the probe: an image made to raise, catch, leak and
 // fail.
 #include <cstdio>
-#include <filesystem>
-#include <fstream>
 #include <thread>
-
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "embedded/ex.h"
 #include "embedded/ex_guard.h"
@@ -17,8 +12,7 @@
 #include "embedded/ps.h"
 #include "tests/app/program.h"
 
-using testing::HasSubstr;
-using testing::Not;
+using namespace testing;
 
 namespace embedded {
 namespace {

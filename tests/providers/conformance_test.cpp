@@ -2,9 +2,6 @@
 
 #include <cstring>
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "providers/conformance/conformance.h"
 #include "providers/directory/directory_provider.h"
 #include "providers/scripted/scripted_provider.h"
@@ -13,9 +10,7 @@
 namespace {
 
 using providers::CheckProvider;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
+using namespace testing;
 
 using Sec = RV_SECURITY_CONTEXT *;
 using Table = RVIOM_FSD_TABLE;

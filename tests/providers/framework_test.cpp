@@ -7,8 +7,7 @@
 namespace {
 
 using namespace providers;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using namespace testing;
 
 constexpr RVPSTATUS Broken{0xC7E70001};
 

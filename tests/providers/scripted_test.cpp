@@ -8,9 +8,7 @@
 namespace {
 
 using namespace providers;
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
+using namespace testing;
 
 constexpr RVSTATUS Ok = RVSTATUS::Success;
 constexpr ULONG ShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;

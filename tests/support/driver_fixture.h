@@ -2,16 +2,23 @@
 // Provider was asked. When the fixture goes the kernel stops and proves that nothing is left.
 #pragma once
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
+#include <atomic>
 #include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <vector>
 
+#include <fmt/format.h>
+
+#include "embedded/faults.h"
 #include "embedded/io.h"
 #include "embedded/kernel.h"
 #include "embedded/zw.h"
