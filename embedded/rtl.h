@@ -1,7 +1,5 @@
-// Run-time library: strings, times, security descriptors and Unicode prefix tables.
-//
-// The services that the driver calls are declared in kernel/linux/services.h; here stand those that only the
-// embedded kernel and the tests call. Nothing here blocks, and everything runs at any IRQL.
+// Run-time library: strings, times, security descriptors and Unicode prefix tables. Its services are declared in
+// kernel/linux/services.h; none of them blocks.
 //
 // Prefix tables: the caller serialises all calls on one table. A table owns a side index on the heap while it
 // holds at least one entry and none while it is empty; entries stay the caller's memory. A name that is in a
@@ -10,11 +8,6 @@
 
 #include "kernel/linux/services.h"
 #include "kernel/linux/status.h"
-
-NTKERNELAPI VOID NTAPI RtlInitUnicodeString(PUNICODE_STRING DestinationString, PCWSTR SourceString) noexcept;
-NTKERNELAPI LONG NTAPI RtlCompareUnicodeString(PCUNICODE_STRING String1, PCUNICODE_STRING String2,
-                                               BOOLEAN CaseInSensitive) noexcept;
-NTKERNELAPI BOOLEAN NTAPI RtlTimeFieldsToTime(PTIME_FIELDS TimeFields, PLARGE_INTEGER Time) noexcept;
 
 namespace embedded {
 

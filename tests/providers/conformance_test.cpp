@@ -1,6 +1,7 @@
 // The conformance list: a sound Provider passes it, and each planted fault is told.
 
 #include <cstring>
+#include <tuple>
 
 #include "providers/conformance/conformance.h"
 #include "providers/directory/directory_provider.h"
@@ -12,170 +13,115 @@ namespace {
 using providers::CheckProvider;
 using namespace testing;
 
-using Sec = RV_SECURITY_CONTEXT *;
 using Table = RVIOM_FSD_TABLE;
 
 const Table *Real; // the sound Provider's own
 constexpr RVSTATUS Warning{0x00000506};
 
-#define FAULT(...) +[](__VA_ARGS__) NTAPI -> RVSTATUS
+template <auto Slot, typename Body, typename... Args>
+RVSTATUS NTAPI Instead(Args... Given) {
+    std::tuple<Args...> All(Given...);
+    return Body()(All, [&] { return std::apply(Real->*Slot, All); });
+}
+template <auto Slot, typename Body, typename... Args>
+void Replace(Table &Broken, RVSTATUS(NTAPI *)(Args...)) {
+    Broken.*Slot = Instead<Slot, Body, Args...>;
+}
+// Replaces a slot of the table by a body that has the arguments, counted from the interface on, and the sound call.
+template <auto Slot, typename Body>
+auto Plant(Body) {
+    return [](Table &Broken) { Replace<Slot, Body>(Broken, Broken.*Slot); };
+}
 
-struct Fault {
+using std::get;
+
+const struct Fault {
     const char *Told; // a part of the line
     void (*Plant)(Table &);
-};
-
-const Fault Faults[] = {
-    {"counts as success: an error has both top bits set",
-     [](Table &T) {
-         T.RVFsdDeleteFile = FAULT(RVIOM_FSD * Self, Sec By, RVHANDLE Base, PCWSTR Path) {
-             const RVSTATUS Status = Real->RVFsdDeleteFile(Self, By, Base, Path);
-             return RvIsError(Status) ? Warning : Status;
-         };
-     }},
-    {"RVFsdOpenDirectory handed out handle 0",
-     [](Table &T) {
-         T.RVFsdOpenDirectory = FAULT(RVIOM_FSD *, Sec, RVHANDLE, PCWSTR, RVHANDLE * Out) {
-             *Out = 0;
-             return RVSTATUS::Success;
-         };
-     }},
-    {"an open of a missing name, answers 0xC7E70503",
-     [](Table &T) {
-         T.RVFsdCreateFile =
-             FAULT(RVIOM_FSD * Self, Sec By, RVHANDLE Base, PCWSTR Path, ULONG Access, ULONG Share, ULONG Disposition,
-                   ULONG Options, ULONG Attributes, RVHANDLE * File, ULONG * Action) {
-             const RVSTATUS Status = Real->RVFsdCreateFile(Self, By, Base, Path, Access, Share, Disposition, Options,
-                                                           Attributes, File, Action);
-             return RvCode(Status) == 0x0506 ? RVSTATUS{0xC7E70503} : Status;
-         };
-     }},
-    {"did not write the create action",
-     [](Table &T) {
-         T.RVFsdCreateFile = FAULT(RVIOM_FSD * Self, Sec By, RVHANDLE Base, PCWSTR Path, ULONG Access, ULONG Share,
-                                   ULONG Disposition, ULONG Options, ULONG Attributes, RVHANDLE * File, ULONG *) {
-             ULONG Lost;
-             return Real->RVFsdCreateFile(Self, By, Base, Path, Access, Share, Disposition, Options, Attributes, File,
-                                          &Lost);
-         };
-     }},
-    {"RVFsdQueryPathForVolume of an unknown server succeeds",
-     [](Table &T) {
-         T.RVFsdQueryPathForVolume = FAULT(RVIOM_FSD *, Sec, PCWSTR Path, PWSTR Buffer) {
-             memcpy(Buffer, Path, 9 * sizeof(WCHAR));
-             Buffer[9] = 0;
-             return RVSTATUS::Success;
-         };
-     }},
-    {"without a terminator within 8192 bytes",
-     [](Table &T) {
-         T.RVFsdQueryPathForVolume = FAULT(RVIOM_FSD *, Sec, PCWSTR, PWSTR Buffer) {
-             memset(Buffer, 0x41, RV_PATH_BUFFER_BYTES);
-             return RVSTATUS::Success;
-         };
-     }},
-    {"exchanged the buffer",
-     [](Table &T) {
-         T.RVFsdGetDFSPhysicalPath = FAULT(RVIOM_FSD *, Sec, RVHANDLE, PUNICODE_STRING, PUNICODE_STRING Out) {
-             Out->Buffer = nullptr;
-             return RVSTATUS::NotDistributedPath;
-         };
-     }},
-    {"refused an open handle",
-     [](Table &T) {
-         T.RVFsdCloseFile = FAULT(RVIOM_FSD * Self, Sec By, RVHANDLE File) {
-             Real->RVFsdCloseFile(Self, By, File);
-             return RVSTATUS::InvalidHandle;
-         };
-     }},
-    {"the driver would refuse every file that grows",
-     [](Table &T) {
-         T.RVFsdGetVolumeSize =
-             FAULT(RVIOM_FSD * Self, Sec By, RVHANDLE Volume, ULONG64 * A, ULONG64 * B, ULONG64 * C, ULONG64 * D) {
-             const RVSTATUS Status = Real->RVFsdGetVolumeSize(Self, By, Volume, A, B, C, D);
-             *D = 0;
-             return Status;
-         };
-     }},
-    {"did not write the last access time",
-     [](Table &T) {
-         T.RVFsdGetBasicFileInformation =
-             FAULT(RVIOM_FSD * Self, Sec By, RVHANDLE File, ULONG * A, LONG64 * B, LONG64 * C, LONG64 *) {
-             return Real->RVFsdGetBasicFileInformation(Self, By, File, A, B, C, nullptr);
-         };
-     }},
-    {"RVFsdReadFile wrote behind its buffer",
-     [](Table &T) {
-         T.RVFsdReadFile = FAULT(RVIOM_FSD * Self, Sec By, RVHANDLE File, LONG64 * Offset, ULONG64 Length, PVOID Buffer,
-                                 ULONG64 * Bytes) {
-             static_cast<UCHAR *>(Buffer)[Length] = 0;
-             return Real->RVFsdReadFile(Self, By, File, Offset, Length, Buffer, Bytes);
-         };
-     }},
-    {"bytes of 10 that were asked for",
-     [](Table &T) {
-         T.RVFsdReadFile = FAULT(RVIOM_FSD * Self, Sec By, RVHANDLE File, LONG64 * Offset, ULONG64 Length, PVOID Buffer,
-                                 ULONG64 * Bytes) {
-             const RVSTATUS Status = Real->RVFsdReadFile(Self, By, File, Offset, Length, Buffer, Bytes);
-             *Bytes = Length + 1;
-             return Status;
-         };
-     }},
-    {"which sets the size,: 0xC7E70004",
-     [](Table &T) {
-         T.RVFsdWriteFile = FAULT(RVIOM_FSD * Self, Sec By, RVHANDLE File, LONG64 * Offset, ULONG64 Length,
-                                  PVOID Buffer, ULONG64 * Bytes) {
-             return Buffer == nullptr ? RVSTATUS::InvalidParameter
-                                      : Real->RVFsdWriteFile(Self, By, File, Offset, Length, Buffer, Bytes);
-         };
-     }},
-    {"setting a time changes the attributes",
-     [](Table &T) {
-         T.RVFsdSetFileInformation =
-             FAULT(RVIOM_FSD * Self, Sec By, RVHANDLE File, ULONG * A, LONG64 * B, LONG64 * C, LONG64 * D) {
-             ULONG Hidden = RV_ATTR_READONLY;
-             return Real->RVFsdSetFileInformation(Self, By, File, A == nullptr ? &Hidden : A, B, C, D);
-         };
-     }},
-    {"did not move its resume key on",
-     [](Table &T) {
-         T.RVFsdEnumerateDirectoryEx = FAULT(RVIOM_FSD * Self, Sec By, RVHANDLE Directory, PCWSTR Mask, ULONG Options,
-                                             ULONG *, ULONG * Size, PVOID Buffer) {
-             ULONG Key = 0;
-             return Real->RVFsdEnumerateDirectoryEx(Self, By, Directory, Mask, Options, &Key, Size, Buffer);
-         };
-     }},
-    {"which its batch does not hold",
-     [](Table &T) {
-         T.RVFsdEnumerateDirectory =
-             FAULT(RVIOM_FSD *, Sec, RVHANDLE, PCWSTR, UCHAR, ULONG * Key, ULONG *, PVOID Buffer) {
-             memset(Buffer, 0, 60);
-             static_cast<UCHAR *>(Buffer)[58] = 1; // 65536 characters
-             ++*Key;
-             return RVSTATUS::Success;
-         };
-     }},
+} Faults[] = {
+    {"counts as success: an error has both top bits set", Plant<&Table::RVFsdDeleteFile>([](auto &, auto Sound) {
+         const RVSTATUS Status = Sound();
+         return RvIsError(Status) ? Warning : Status;
+     })},
+    {"RVFsdOpenDirectory handed out handle 0", Plant<&Table::RVFsdOpenDirectory>([](auto &A, auto) {
+         *get<4>(A) = 0;
+         return RVSTATUS::Success;
+     })},
+    {"an open of a missing name, answers 0xC7E70503", Plant<&Table::RVFsdCreateFile>([](auto &, auto Sound) {
+         const RVSTATUS Status = Sound();
+         return RvCode(Status) == 0x0506 ? RVSTATUS{0xC7E70503} : Status;
+     })},
+    {"did not write the create action", Plant<&Table::RVFsdCreateFile>([](auto &A, auto Sound) {
+         ULONG Lost;
+         get<10>(A) = &Lost;
+         return Sound();
+     })},
+    {"RVFsdQueryPathForVolume of an unknown server succeeds", Plant<&Table::RVFsdQueryPathForVolume>([](auto &A, auto) {
+         memcpy(get<3>(A), get<2>(A), 9 * sizeof(WCHAR));
+         get<3>(A)[9] = 0;
+         return RVSTATUS::Success;
+     })},
+    {"without a terminator within 8192 bytes", Plant<&Table::RVFsdQueryPathForVolume>([](auto &A, auto) {
+         memset(get<3>(A), 0x41, RV_PATH_BUFFER_BYTES);
+         return RVSTATUS::Success;
+     })},
+    {"exchanged the buffer", Plant<&Table::RVFsdGetDFSPhysicalPath>([](auto &A, auto) {
+         get<4>(A)->Buffer = nullptr;
+         return RVSTATUS::NotDistributedPath;
+     })},
+    {"refused an open handle", Plant<&Table::RVFsdCloseFile>([](auto &, auto Sound) {
+         Sound();
+         return RVSTATUS::InvalidHandle;
+     })},
+    {"the driver would refuse every file that grows", Plant<&Table::RVFsdGetVolumeSize>([](auto &A, auto Sound) {
+         const RVSTATUS Status = Sound();
+         *get<6>(A) = 0;
+         return Status;
+     })},
+    {"did not write the last access time", Plant<&Table::RVFsdGetBasicFileInformation>([](auto &A, auto Sound) {
+         get<6>(A) = nullptr;
+         return Sound();
+     })},
+    {"RVFsdReadFile wrote behind its buffer", Plant<&Table::RVFsdReadFile>([](auto &A, auto Sound) {
+         static_cast<UCHAR *>(get<5>(A))[get<4>(A)] = 0;
+         return Sound();
+     })},
+    {"bytes of 10 that were asked for", Plant<&Table::RVFsdReadFile>([](auto &A, auto Sound) {
+         const RVSTATUS Status = Sound();
+         *get<6>(A) = get<4>(A) + 1;
+         return Status;
+     })},
+    {"which sets the size,: 0xC7E70004", Plant<&Table::RVFsdWriteFile>([](auto &A, auto Sound) {
+         return get<5>(A) == nullptr ? RVSTATUS::InvalidParameter : Sound();
+     })},
+    {"setting a time changes the attributes", Plant<&Table::RVFsdSetFileInformation>([](auto &A, auto Sound) {
+         ULONG ReadOnly = RV_ATTR_READONLY;
+         get<3>(A) = get<3>(A) == nullptr ? &ReadOnly : get<3>(A);
+         return Sound();
+     })},
+    {"did not move its resume key on", Plant<&Table::RVFsdEnumerateDirectoryEx>([](auto &A, auto Sound) {
+         ULONG Key = 0;
+         get<5>(A) = &Key;
+         return Sound();
+     })},
+    {"which its batch does not hold", Plant<&Table::RVFsdEnumerateDirectory>([](auto &A, auto) {
+         memset(get<7>(A), 0, 60);
+         static_cast<UCHAR *>(get<7>(A))[58] = 1; // 65536 characters
+         ++*get<5>(A);
+         return RVSTATUS::Success;
+     })},
     {"RVFsdEnumerateDirectory, at its end, answers 0xC7E70006",
-     [](Table &T) {
-         T.RVFsdEnumerateDirectory = FAULT(RVIOM_FSD * Self, Sec By, RVHANDLE Directory, PCWSTR Mask, UCHAR Flag,
-                                           ULONG * Key, ULONG * Size, PVOID Buffer) {
-             const RVSTATUS Status = Real->RVFsdEnumerateDirectory(Self, By, Directory, Mask, Flag, Key, Size, Buffer);
-             return RvIsError(Status) ? RVSTATUS::AccessDenied : Status;
-         };
-     }},
+     Plant<&Table::RVFsdEnumerateDirectory>([](auto &, auto Sound) {
+         const RVSTATUS Status = Sound();
+         return RvIsError(Status) ? RVSTATUS::AccessDenied : Status;
+     })},
     {"RVFsdOpenDirectory of a file answers 0xC7E70506, which the driver does not take for 'not a directory'",
-     [](Table &T) {
-         T.RVFsdOpenDirectory = FAULT(RVIOM_FSD * Self, Sec By, RVHANDLE Base, PCWSTR Path, RVHANDLE * Out) {
-             const RVSTATUS Status = Real->RVFsdOpenDirectory(Self, By, Base, Path, Out);
-             return RvIsError(Status) ? RVSTATUS{0xC7E70506} : Status;
-         };
-     }},
+     Plant<&Table::RVFsdOpenDirectory>([](auto &, auto Sound) {
+         const RVSTATUS Status = Sound();
+         return RvIsError(Status) ? RVSTATUS{0xC7E70506} : Status;
+     })},
     {"RVFsdUnlockFile: 0xC7E70001",
-     [](Table &T) {
-         T.RVFsdUnlockFile = FAULT(RVIOM_FSD *, Sec, RVHANDLE, ULONG64, ULONG64) {
-             return RVSTATUS::Unsuccessful;
-         };
-     }},
+     Plant<&Table::RVFsdUnlockFile>([](auto &, auto) { return RVSTATUS::Unsuccessful; })},
 };
 
 class Conformance : public testing::Test {
