@@ -3,6 +3,7 @@
 #include "embedded/io.h"
 #include "embedded/verifier/report.h"
 
+#include <algorithm>
 #include <functional>
 #include <gtest/gtest.h>
 #include <limits>
@@ -133,12 +134,10 @@ protected:
         return Process(Prepare(IRP_MN_LOCK, File, Offset, Length, Flags, Key));
     }
 
-    NTSTATUS Unlock(PFILE_OBJECT File, LONGLONG Offset, LONGLONG Length, ULONG Key = 0) {
-        LARGE_INTEGER Start{};
-        Start.QuadPart = Offset;
-        LARGE_INTEGER Size{};
-        Size.QuadPart = Length;
-        return FsRtlFastUnlockSingle(&Table_, File, &Start, &Size, IoGetCurrentProcess(), Key, nullptr, FALSE);
+    NTSTATUS Unlock(PFILE_OBJECT File, LONGLONG Offset, LONGLONG Length, ULONG Key = 0,
+                    PEPROCESS Process = IoGetCurrentProcess()) {
+        LARGE_INTEGER Start = {.QuadPart = Offset}, Size = {.QuadPart = Length};
+        return FsRtlFastUnlockSingle(&Table_, File, &Start, &Size, Process, Key, nullptr, FALSE);
     }
 
     std::vector<LONGLONG> Starts() {
@@ -157,93 +156,89 @@ protected:
     PFILE_OBJECT B_ = nullptr;
 };
 
-TEST_F(FileLocks, ConflictsFollowKindOwnerAndRange) {
-    constexpr ULONGLONG Top = std::numeric_limits<ULONGLONG>::max();
-    const struct {
-        const char *Why;
-        ULONGLONG HeldOffset, HeldLength;
-        UCHAR Held;
-        bool SameOwner;
-        ULONGLONG Offset, Length;
-        UCHAR Wanted;
-        NTSTATUS Status;
-    } Cases[] = {
-        {"shared on shared", 10, 10, 0, false, 10, 10, 0, STATUS_SUCCESS},
-        {"exclusive on shared", 10, 10, 0, false, 10, 10, Exclusive, STATUS_LOCK_NOT_GRANTED},
-        {"shared on exclusive", 10, 10, Exclusive, false, 10, 10, 0, STATUS_LOCK_NOT_GRANTED},
-        {"exclusive on exclusive", 10, 10, Exclusive, false, 19, 5, Exclusive, STATUS_LOCK_NOT_GRANTED},
-        {"own exclusive on own exclusive", 10, 10, Exclusive, true, 15, 1, Exclusive, STATUS_LOCK_NOT_GRANTED},
-        {"own exclusive on own shared", 10, 10, 0, true, 10, 10, Exclusive, STATUS_LOCK_NOT_GRANTED},
-        {"own shared on own exclusive", 10, 10, Exclusive, true, 10, 10, 0, STATUS_SUCCESS},
-        {"just before", 10, 10, Exclusive, false, 0, 10, Exclusive, STATUS_SUCCESS},
-        {"just behind", 10, 10, Exclusive, false, 20, 10, Exclusive, STATUS_SUCCESS},
-        {"one byte over its start", 10, 10, Exclusive, false, 0, 11, Exclusive, STATUS_LOCK_NOT_GRANTED},
-        {"all around", 10, 10, Exclusive, false, 0, 100, Exclusive, STATUS_LOCK_NOT_GRANTED},
-        {"nothing at its start", 10, 10, Exclusive, false, 10, 0, Exclusive, STATUS_SUCCESS},
-        {"nothing inside", 10, 10, Exclusive, false, 19, 0, Exclusive, STATUS_LOCK_NOT_GRANTED},
-        {"nothing behind it", 10, 10, Exclusive, false, 20, 0, Exclusive, STATUS_SUCCESS},
-        {"around nothing", 15, 0, Exclusive, false, 10, 10, Exclusive, STATUS_LOCK_NOT_GRANTED},
-        {"from nothing on", 15, 0, Exclusive, false, 15, 10, Exclusive, STATUS_SUCCESS},
-        {"nothing on nothing", 15, 0, Exclusive, false, 15, 0, Exclusive, STATUS_SUCCESS},
-        {"nothing at the very start", 0, 0, Exclusive, false, 0, Top, Exclusive, STATUS_SUCCESS},
-        {"beyond 2^63", 1ull << 63, 10, Exclusive, false, (1ull << 63) + 9, 1, Exclusive, STATUS_LOCK_NOT_GRANTED},
-        {"up to the last byte", Top, 1, Exclusive, false, 0, Top, Exclusive, STATUS_SUCCESS},
-        {"over the last byte", 0, 1, Exclusive, false, Top, 2, Exclusive, STATUS_INVALID_LOCK_RANGE},
-        {"length wraps", 0, 1, Exclusive, false, 2, Top, Exclusive, STATUS_INVALID_LOCK_RANGE},
+// Whoever locks and unlocks what, also where ranges end with the last byte that there is.
+TEST_F(FileLocks, AgreeWithAPlainList) {
+    struct Held {
+        PFILE_OBJECT File;
+        PEPROCESS Process;
+        ULONG Key;
+        ULONGLONG Start, Length;
+        bool Exclusive;
+        bool IsOf(const Held &Other) const {
+            return File == Other.File && Process == Other.Process && Key == Other.Key;
+        }
+        // Half-open ranges; an empty one counts as the point between two bytes.
+        bool ConflictsWith(const Held &Other) const {
+            using Wide = unsigned __int128;
+            return Wide{Start} < Wide{Other.Start} + Other.Length && Wide{Other.Start} < Wide{Start} + Length &&
+                   (Exclusive || (Other.Exclusive && !IsOf(Other)));
+        }
     };
-    for (const auto &Case : Cases) {
-        SCOPED_TRACE(Case.Why);
-        ASSERT_EQ(Lock(A_, Case.HeldOffset, Case.HeldLength, Case.Held | Fail), STATUS_SUCCESS);
-        PFILE_OBJECT File = Case.SameOwner ? A_ : B_;
-        Request &Sent = Send(IRP_MN_LOCK, File, Case.Offset, Case.Length, Case.Wanted | Fail);
-        EXPECT_EQ(Sent.Status, Case.Status);
-        EXPECT_EQ(Sent.Completions, 1);
-        EXPECT_EQ(Starts().size(), NT_SUCCESS(Case.Status) ? 2u : 1u);
-        Send(IRP_MN_UNLOCK_ALL, A_, 0, 0);
-        Send(IRP_MN_UNLOCK_ALL, B_, 0, 0);
-        EXPECT_TRUE(Starts().empty());
-    }
-}
-
-TEST_F(FileLocks, TheOwnerIsFileProcessAndKeyTogether) {
-    auto Other = reinterpret_cast<PEPROCESS>(&Table_);
-    ASSERT_TRUE(PlantFileLock(&Table_, A_, Other, 0, 10, 7, true));
-    EXPECT_EQ(Lock(A_, 0, 10, Fail, 7), STATUS_LOCK_NOT_GRANTED) << "another process";
-    ASSERT_TRUE(PlantFileLock(&Table_, A_, IoGetCurrentProcess(), 20, 10, 7, true));
-    EXPECT_EQ(Lock(A_, 20, 10, Fail, 8), STATUS_LOCK_NOT_GRANTED) << "another key";
-    EXPECT_EQ(Lock(A_, 20, 10, Fail, 7), STATUS_SUCCESS);
-    EXPECT_FALSE(PlantFileLock(&Table_, B_, Other, 29, 1, 7, true));
-}
-
-TEST_F(FileLocks, AnUnlockMustMeetRangeAndOwnerExactly) {
-    EXPECT_EQ(Unlock(A_, 0, 10), STATUS_RANGE_NOT_LOCKED) << "no lock was ever asked for";
-    ASSERT_EQ(Lock(A_, 0, 10, Exclusive, 3), STATUS_SUCCESS);
-    EXPECT_TRUE(Table_.FastIoIsQuestionable);
-    EXPECT_EQ(Unlock(A_, 0, 9, 3), STATUS_RANGE_NOT_LOCKED);
-    EXPECT_EQ(Unlock(A_, 1, 10, 3), STATUS_RANGE_NOT_LOCKED);
-    EXPECT_EQ(Unlock(A_, 0, 10, 4), STATUS_RANGE_NOT_LOCKED);
-    EXPECT_EQ(Unlock(B_, 0, 10, 3), STATUS_RANGE_NOT_LOCKED);
-    EXPECT_EQ(Send(IRP_MN_UNLOCK_SINGLE, A_, 0, 10, 0, 4).Status, STATUS_RANGE_NOT_LOCKED);
-    EXPECT_EQ(Send(IRP_MN_UNLOCK_SINGLE, A_, 0, 10, 0, 3).Status, STATUS_SUCCESS);
-    EXPECT_EQ(Unlock(A_, 0, 10, 3), STATUS_RANGE_NOT_LOCKED);
-    EXPECT_FALSE(Table_.FastIoIsQuestionable);
-}
-
-TEST_F(FileLocks, UnlockAllTakesOneOwnersLocksByKeyOrAll) {
-    std::vector<LONGLONG> Order;
-    Unlocked = &Order;
+    constexpr ULONGLONG Top = std::numeric_limits<ULONGLONG>::max();
+    const PEPROCESS Mine = IoGetCurrentProcess();
+    std::vector<LONGLONG> Told, Expected; // of the locks that were given back
+    std::vector<Held> Model;              // in the order of their grants
     FsRtlInitializeFileLock(&Table_, CompleteRequest, NoteUnlock);
-    for (ULONG Key : {1, 2, 1}) {
-        ASSERT_EQ(Lock(A_, Starts().size() * 10, 10, Exclusive, Key), STATUS_SUCCESS);
+    Unlocked = &Told;
+    EXPECT_EQ(Unlock(A_, 0, 10), STATUS_RANGE_NOT_LOCKED) << "no lock was ever asked for";
+    std::mt19937 Random(7);
+    const auto OneOf = [&](ULONG Number) { return static_cast<ULONG>(Random() % Number); };
+    for (int Step = 0; Step < 8000; ++Step) {
+        Held New = {OneOf(2) ? A_ : B_, OneOf(8) ? Mine : reinterpret_cast<PEPROCESS>(&Table_),
+                    OneOf(2),           OneOf(400),
+                    OneOf(12),          OneOf(2) == 0};
+        New.Start += OneOf(4) ? 0 : Top - 399;
+        New.Length = OneOf(64) ? New.Length : Top - New.Start + OneOf(3);
+        if (OneOf(256) == 0) {
+            const bool ByKey = OneOf(2);
+            Send(ByKey ? IRP_MN_UNLOCK_ALL_BY_KEY : IRP_MN_UNLOCK_ALL, New.File, 0, 0, 0, New.Key);
+            std::erase_if(Model, [&](const Held &Each) {
+                const bool Goes = Each.File == New.File && Each.Process == Mine && (!ByKey || Each.Key == New.Key);
+                Goes ? Expected.push_back(static_cast<LONGLONG>(Each.Start)) : void();
+                return Goes;
+            });
+        } else if (OneOf(2) && !Model.empty()) {
+            Held Gone = Model[OneOf(static_cast<ULONG>(Model.size()))];
+            Gone.Start += OneOf(16) == 0;
+            Gone.Length += OneOf(16) == 0;
+            Gone.Key ^= OneOf(16) == 0;
+            Gone.File = OneOf(16) ? Gone.File : New.File;
+            // Of those held alike the exclusive one goes, or the oldest.
+            const auto Alike = [&](const Held &Each) {
+                return Each.IsOf(Gone) && Each.Start == Gone.Start && Each.Length == Gone.Length;
+            };
+            auto Found = std::ranges::find_if(Model, [&](const Held &Each) { return Each.Exclusive && Alike(Each); });
+            Found = Found == Model.end() ? std::ranges::find_if(Model, Alike) : Found;
+            ASSERT_EQ(Unlock(Gone.File, static_cast<LONGLONG>(Gone.Start), static_cast<LONGLONG>(Gone.Length), Gone.Key,
+                             Gone.Process),
+                      Found == Model.end() ? STATUS_RANGE_NOT_LOCKED : STATUS_SUCCESS);
+            if (Found != Model.end()) {
+                Expected.push_back(static_cast<LONGLONG>(Gone.Start));
+                Model.erase(Found);
+            }
+        } else {
+            const bool Wraps = New.Length != 0 && New.Start + (New.Length - 1) < New.Start;
+            const bool Taken = std::ranges::any_of(Model, [&](const Held &Each) { return New.ConflictsWith(Each); });
+            const NTSTATUS Status = Wraps   ? STATUS_INVALID_LOCK_RANGE
+                                    : Taken ? STATUS_LOCK_NOT_GRANTED
+                                            : STATUS_SUCCESS;
+            if (New.Process == Mine) {
+                const UCHAR Flags = New.Exclusive ? Exclusive | Fail : Fail;
+                ASSERT_EQ(Lock(New.File, New.Start, New.Length, Flags, New.Key), Status);
+                ASSERT_EQ(Requests_.back().Completions, 1);
+            } else {
+                ASSERT_EQ(PlantFileLock(&Table_, New.File, New.Process, New.Start, New.Length, New.Key, New.Exclusive),
+                          Status == STATUS_SUCCESS);
+            }
+            Model.insert(Model.end(), Status == STATUS_SUCCESS, New);
+        }
+        Requests_.clear();
+        std::vector<LONGLONG> Left;
+        std::ranges::transform(Model, std::back_inserter(Left), &Held::Start);
+        ASSERT_EQ(Starts(), Left);
+        ASSERT_EQ(Told, Expected);
+        ASSERT_EQ(Table_.FastIoIsQuestionable != 0, !Model.empty());
     }
-    ASSERT_EQ(Lock(B_, 100, 10, Exclusive, 1), STATUS_SUCCESS);
-    EXPECT_EQ(Send(IRP_MN_UNLOCK_ALL_BY_KEY, A_, 0, 0, 0, 1).Status, STATUS_SUCCESS);
-    EXPECT_EQ(Starts(), (std::vector<LONGLONG>{10, 100}));
-    EXPECT_EQ(Send(IRP_MN_UNLOCK_ALL, A_, 0, 0, 0, 9).Status, STATUS_SUCCESS);
-    EXPECT_EQ(Starts(), std::vector<LONGLONG>{100});
-    EXPECT_EQ(Send(IRP_MN_UNLOCK_ALL, A_, 0, 0).Status, STATUS_SUCCESS) << "nothing left to unlock";
-    EXPECT_EQ(Unlock(B_, 100, 10, 1), STATUS_SUCCESS);
-    EXPECT_EQ(Order, (std::vector<LONGLONG>{0, 20, 10, 100}));
 }
 
 TEST_F(FileLocks, WaitingRequestsAreGrantedInOrderWhenTheRangeGoesFree) {
@@ -318,48 +313,6 @@ TEST_F(FileLocksDeathTest, TheVerifierReportsATeardownWithWaiters) {
     Request &Waiting = Send(IRP_MN_LOCK, B_, 0, 10, Exclusive);
     EXPECT_DEATH(FsRtlUninitializeFileLock(&Table_), "lock requests still wait in the table");
     Waiting.Sent->Cancel();
-}
-
-TEST_F(FileLocks, RandomLocksAgreeWithAPlainList) {
-    struct Held {
-        ULONGLONG Start, Length;
-        PFILE_OBJECT File;
-        bool Exclusive;
-    };
-    std::mt19937 Random(7);
-    std::vector<Held> Model;
-    for (int Step = 0; Step < 4000; ++Step) {
-        Held New{Random() % 400, Random() % 12, Random() % 2 ? A_ : B_, Random() % 2 == 0};
-        if (!Model.empty() && Random() % 2) {
-            std::swap(Model[Random() % Model.size()], Model.back());
-            // Where the owner holds the range both ways the exclusive lock goes.
-            auto Gone = Model.end() - 1;
-            for (auto At = Model.begin(); At != Model.end(); ++At) {
-                if (At->Start == Gone->Start && At->Length == Gone->Length && At->File == Gone->File && At->Exclusive) {
-                    Gone = At;
-                    break;
-                }
-            }
-            ASSERT_EQ(Unlock(Gone->File, static_cast<LONGLONG>(Gone->Start), static_cast<LONGLONG>(Gone->Length)),
-                      STATUS_SUCCESS);
-            Model.erase(Gone);
-            continue;
-        }
-        bool Conflict = false;
-        for (const Held &Each : Model) {
-            // Half-open ranges; an empty one counts as the point between two bytes.
-            bool Overlap = New.Start < Each.Start + Each.Length && Each.Start < New.Start + New.Length;
-            Conflict |= Overlap && (New.Exclusive || (Each.Exclusive && Each.File != New.File));
-        }
-        UCHAR Kind = New.Exclusive ? Exclusive : 0;
-        ASSERT_EQ(Lock(New.File, New.Start, New.Length, Kind | Fail),
-                  Conflict ? STATUS_LOCK_NOT_GRANTED : STATUS_SUCCESS);
-        if (!Conflict) {
-            Model.push_back(New);
-        }
-        Requests_.clear();
-        ASSERT_EQ(Starts().size(), Model.size());
-    }
 }
 
 TEST_F(FileLocks, CancelAndGrantRacingEndARequestOnce) {
