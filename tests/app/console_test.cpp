@@ -127,16 +127,14 @@ TEST(ProgramConsole, HasDirectoriesOfItsOwn) {
     EXPECT_EQ(Local.Read("copy"), "mine");
 }
 
+using ConsoleOverExport = test::ProgramOverExport;
+
 // One process holds a range of a file, others over the same directory meet it, and no longer when it has ended.
-TEST(ProgramConsole, TwoProcessesOverOneDirectorySeeEachOthersLocks) {
-    const test::ScratchDirectory Served;
+TEST_F(ConsoleOverExport, TwoProcessesOverOneDirectorySeeEachOthersLocks) {
     Served.Write("file", "0123456789");
-    const std::string Export = R"(\\srv\vol=)" + Served.Path().string();
     const std::string File = R"(\\srv\vol\file)";
-    const auto Session = [&](const std::string &Words) {
-        return test::RunProgram({"--export", Export, "console"}, Words + "\n");
-    };
-    const std::vector<std::string> Console = {"--export", Export, "console"};
+    const auto Session = [&](const std::string &Words) { return Run({"console"}, Words + "\n"); };
+    const std::vector<std::string> Console = Line({"console"});
     // Types Words and a mkdir of Done, and waits until that was made.
     const auto TypeUntil = [&](int Input, const std::string &Words, const char *Done) {
         const std::string Text = Words + "mkdir \\\\srv\\vol\\" + Done + "\n";

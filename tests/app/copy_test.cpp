@@ -7,10 +7,10 @@
 
 namespace {
 
-using test::Ran;
-using testing::StartsWith;
+using namespace test;
+using namespace testing;
 
-class ProgramCopy : public testing::Test {
+class ProgramCopy : public ProgramOverExport {
 protected:
     ProgramCopy() {
         // More than two buffers, and no multiple of anything.
@@ -21,24 +21,11 @@ protected:
         Served.Write("there", "old");
     }
 
-    std::vector<std::string> Line(const std::vector<std::string> &Words) const {
-        std::vector<std::string> All = {"--export", "\\\\srv\\vol=" + Served.Path().string()};
-        All.insert(All.end(), Words.begin(), Words.end());
-        return All;
-    }
-    Ran Run(const std::vector<std::string> &Words, std::string_view Input = {}) const {
-        return test::RunProgram(Line(Words), Input);
-    }
     void Succeeds(const std::vector<std::string> &Words, std::string_view Input = {}) const {
-        const Ran Result = Run(Words, Input);
-        EXPECT_EQ(Result.Code, 0) << Result.Error;
-        EXPECT_EQ(Result.Error, "");
-        EXPECT_EQ(Result.Out, "");
+        EXPECT_EQ(Out(Words, Input), "");
     }
     void Fails(const std::vector<std::string> &Words, const std::string &Message) const {
-        const Ran Result = Run(Words);
-        EXPECT_EQ(Result.Code, 1);
-        EXPECT_THAT(Result.Error, StartsWith(Message));
+        ExpectRefused(Words, 1, Message);
     }
 
     // Gives a file another owner where that may be done, rights for one user more, and a note.
@@ -67,8 +54,7 @@ protected:
                                                    16, 0, 4, 0, 255,  255, 255, 255, //
                                                    32, 0, 0, 0, 255,  255, 255, 255};
 
-    test::ScratchDirectory Served;
-    test::ScratchDirectory Local;
+    ScratchDirectory Local;
     std::string Bytes;
 };
 
@@ -154,15 +140,11 @@ TEST_F(ProgramCopy, NeverEmptiesAFileByCopyingItOntoItself) {
 }
 
 TEST_F(ProgramCopy, RemovesAPartThatItMadeAndNothingElse) {
-    const std::string Export = "\\\\srv\\vol=" + Served.Path().string();
-    const Ran Full = test::RunProgram(
-        {"--export", Export, "--quota", "\\\\srv\\vol=1500000", "cp", Local.File("big"), R"(\\srv\vol\part)"});
-    EXPECT_EQ(Full.Code, 1);
-    EXPECT_EQ(Full.Error, "STATUS_QUOTA_EXCEEDED (0xC0000044): \\\\srv\\vol\\part\n");
+    const std::string Quota = R"(\\srv\vol=1500000)";
+    Fails({"--quota", Quota, "cp", Local.File("big"), R"(\\srv\vol\part)"},
+          "STATUS_QUOTA_EXCEEDED (0xC0000044): \\\\srv\\vol\\part\n");
     EXPECT_FALSE(Served.Has("part"));
-    const Ran Over = test::RunProgram({"--export", Export, "--quota", "\\\\srv\\vol=1500000", "cp", "--force",
-                                       Local.File("big"), R"(\\srv\vol\there)"});
-    EXPECT_EQ(Over.Code, 1);
+    Fails({"--quota", Quota, "cp", "--force", Local.File("big"), R"(\\srv\vol\there)"}, "STATUS_QUOTA_EXCEEDED");
     EXPECT_EQ(Served.Read("there"), "old") << "it was there before, and is whole";
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(Served.Path()), {}), 1);
 

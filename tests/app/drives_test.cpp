@@ -4,24 +4,19 @@
 
 namespace {
 
-using test::Ran;
+using namespace test;
 using namespace testing;
 
-class ProgramDrives : public testing::Test {
+class ProgramDrives : public ProgramOverExport {
 protected:
     ProgramDrives() {
-        std::filesystem::create_directories(Scratch_.Path() / "docs/old");
-        std::ofstream(Scratch_.Path() / "docs/a.txt") << "through the letter\n";
+        std::filesystem::create_directories(Served.Path() / "docs/old");
+        Served.Write("docs/a.txt", "through the letter\n");
     }
-    Ran Run(std::vector<std::string> Words, std::string_view Input = {}) {
-        Words.insert(Words.begin(), {"--no-config", "--export", "\\\\srv\\vol=" + Scratch_.Path().string()});
-        return test::RunProgram(Words, Input);
-    }
-    test::ScratchDirectory Scratch_;
 };
 
 TEST_F(ProgramDrives, EveryVerbTakesPathsThroughALetter) {
-    const std::string Use = "G:=\\\\srv\\vol\\docs";
+    Options.insert(Options.end(), {"--use", "G:=\\\\srv\\vol\\docs"});
     struct {
         std::vector<std::string> Words;
         const char *Out;
@@ -49,13 +44,9 @@ TEST_F(ProgramDrives, EveryVerbTakesPathsThroughALetter) {
         {{"session", "--json"}, R"({"name":"default","acting":true,"who":")"},
     };
     for (const auto &Case : Cases) {
-        std::vector<std::string> Words = {"--use", Use};
-        Words.insert(Words.end(), Case.Words.begin(), Case.Words.end());
-        const Ran Result = Run(Words);
-        EXPECT_EQ(Result.Code, 0) << Case.Words[0] << Result.Error;
-        EXPECT_THAT(Result.Out, HasSubstr(Case.Out)) << Case.Words[0];
+        EXPECT_THAT(Out(Case.Words), HasSubstr(Case.Out)) << Case.Words[0];
     }
-    EXPECT_FALSE(std::filesystem::exists(Scratch_.Path() / "docs/renamed"));
+    EXPECT_FALSE(Served.Has("docs/renamed"));
 }
 
 TEST_F(ProgramDrives, LettersBelongToSessions) {

@@ -8,32 +8,13 @@ using namespace test;
 using namespace testing;
 
 // An export \\s\v with a file and a directory, and links to it.
-class Information : public testing::Test {
+class Information : public ProgramOverExport {
 protected:
-    Information() {
+    Information() : ProgramOverExport(R"(\\s\v)") {
         Served.Write("f", "content");
         std::filesystem::create_directories(Served.Path() / "d" / "e");
+        Options.insert(Options.end(), {"--export", R"(\\dfs\l=\\S\V\d)"});
     }
-    Ran Run(std::vector<std::string> Words) const {
-        std::vector<std::string> All = {"--export", R"(\\s\v=)" + Served.Path().string(), "--export",
-                                        R"(\\dfs\l=\\S\V\d)"};
-        All.insert(All.end(), Words.begin(), Words.end());
-        return RunProgram(All);
-    }
-    // Runs what must be refused with that message in front, and nothing said on standard output.
-    void ExpectRefused(std::vector<std::string> Words, int Code, const std::string &Message) const {
-        const Ran Result = Run(Words);
-        EXPECT_EQ(Result.Code, Code) << Message;
-        EXPECT_EQ(Result.Error.substr(0, Message.size()), Message);
-        EXPECT_EQ(Result.Out, "");
-    }
-    std::string Out(std::vector<std::string> Words) const {
-        const Ran Result = Run(std::move(Words));
-        EXPECT_EQ(Result.Code, 0) << Result.Error;
-        return Result.Out;
-    }
-
-    test::ScratchDirectory Served;
 };
 
 TEST_F(Information, StatShowsEveryClassWithTheNamesOfItsFlags) {

@@ -5,29 +5,17 @@
 
 namespace {
 
-using test::Ran;
+using namespace test;
 using namespace testing;
 
-class ProgramListing : public testing::Test {
+class ProgramListing : public ProgramOverExport {
 protected:
     ProgramListing() {
-        std::filesystem::create_directories(Local.Path() / "d" / "sub");
+        std::filesystem::create_directories(Served.Path() / "d" / "sub");
         for (const char *Name : {"d/a.txt", "d/B.TXT", "d/abc", "d/a rather long name.html", "d/sub/below.txt"}) {
-            Local.Write(Name, "x");
+            Served.Write(Name, "x");
         }
     }
-
-    std::vector<std::string> Line(std::vector<std::string> Words) const {
-        Words.insert(Words.begin(), {"--export", R"(\\srv\vol=)" + Local.Path().string()});
-        return Words;
-    }
-    std::string Out(const std::vector<std::string> &Words) const {
-        const Ran Done = test::RunProgram(Line(Words));
-        EXPECT_EQ(Done.Code, 0) << Done.Error;
-        return Done.Out;
-    }
-
-    test::ScratchDirectory Local;
 };
 
 constexpr auto Whole = ".\n..\na rather long name.html\na.txt\nabc\nB.TXT\nsub\n";
@@ -58,14 +46,12 @@ TEST_F(ProgramListing, TheLastComponentIsAMaskOrTheNameOfAFile) {
     }
     for (auto &[Mask, Error] : {std::pair{"z*", "STATUS_NO_SUCH_FILE (0xC000000F): \\\\srv\\vol\\d\\z*"},
                                 {"abc\\*", "STATUS_NOT_A_DIRECTORY (0xC0000103): \\\\srv\\vol\\d\\abc"}}) {
-        const Ran None = test::RunProgram(Line({"ls", std::string(R"(\\srv\vol\d\)") + Mask}));
-        EXPECT_EQ(None.Code, 1);
-        EXPECT_THAT(None.Error, HasSubstr(Error));
+        ExpectRefused({"ls", std::string(R"(\\srv\vol\d\)") + Mask}, 1, Error);
     }
 }
 
 TEST_F(ProgramListing, TreesAndSizesAreDrawnForPeopleAndForScripts) {
-    Local.Write("d/sub/below.txt", std::string(3000, 'x'));
+    Served.Write("d/sub/below.txt", std::string(3000, 'x'));
     EXPECT_EQ(Out({"tree", R"(\\srv\vol\d\)"}), "\\\\srv\\vol\\d\n"
                                                 "├── a rather long name.html\n├── a.txt\n├── abc\n├── B.TXT\n"
                                                 "└── sub\n    └── below.txt\n\n1 directories, 5 files\n");
@@ -83,7 +69,7 @@ TEST_F(ProgramListing, TreesAndSizesAreDrawnForPeopleAndForScripts) {
 }
 
 TEST_F(ProgramListing, LinksThatLeadBackAreListedAndNotEntered) {
-    const std::filesystem::path Loop = Local.Path() / "loop";
+    const std::filesystem::path Loop = Served.Path() / "loop";
     std::filesystem::create_directory(Loop);
     std::filesystem::create_directory_symlink(".", Loop / "a");
     std::filesystem::create_directory_symlink(".", Loop / "b");
@@ -96,14 +82,14 @@ TEST_F(ProgramListing, LinksThatLeadBackAreListedAndNotEntered) {
 
 TEST_F(ProgramListing, ADirectoryThatDoesNotOpenIsToldAndTheOthersAreListed) {
     // Names of "half" may be read, and nothing in it be reached.
-    const std::filesystem::path Half = Local.Path() / "d" / "half";
+    const std::filesystem::path Half = Served.Path() / "d" / "half";
     std::filesystem::create_directories(Half / "inner");
     std::filesystem::permissions(Half, std::filesystem::perms::owner_read);
     for (const std::vector<std::string> &Verb : {std::vector<std::string>{"ls", "-R"}, {"find"}}) {
         std::vector<std::string> Words = Verb;
         Words.push_back(R"(\\srv\vol\d)");
         Ran Done;
-        test::WithoutOverride([&] { Done = test::RunProgram(Line(Words)); });
+        test::WithoutOverride([&] { Done = Run(Words); });
         EXPECT_EQ(Done.Code, 1);
         EXPECT_THAT(Done.Error, HasSubstr("STATUS_ACCESS_DENIED (0xC0000022): \\\\srv\\vol\\d\\half\\inner"));
         EXPECT_THAT(Done.Out, AllOf(HasSubstr("inner\n"), HasSubstr("below.txt\n")));
@@ -113,7 +99,7 @@ TEST_F(ProgramListing, ADirectoryThatDoesNotOpenIsToldAndTheOthersAreListed) {
     for (const std::vector<std::string> &Verb :
          {std::vector<std::string>{"ls", R"(\\srv\vol\d\half)"}, {"find", R"(\\srv\vol\d)"}}) {
         Ran Done;
-        test::WithoutOverride([&] { Done = test::RunProgram(Line(Verb)); });
+        test::WithoutOverride([&] { Done = Run(Verb); });
         EXPECT_EQ(Done.Code, 1) << Verb[0];
         EXPECT_THAT(Done.Error, HasSubstr("STATUS_ACCESS_DENIED (0xC0000022): \\\\srv\\vol\\d\\half"));
     }
@@ -123,31 +109,25 @@ TEST_F(ProgramListing, ADirectoryThatDoesNotOpenIsToldAndTheOthersAreListed) {
 TEST_F(ProgramListing, AnEmptyVolumeIsListedAsEmptyAndAMaskThatMatchesNothingIsTold) {
     const test::ScratchDirectory Empty;
     const std::string Export = R"(\\srv\new=)" + Empty.Path().string();
-    for (const std::vector<std::string> &Verb : {std::vector<std::string>{"ls"}, {"ls", "-l", "--single"}, {"find"}}) {
-        std::vector<std::string> Words = {"--export", Export};
-        Words.insert(Words.end(), Verb.begin(), Verb.end());
-        Words.push_back(R"(\\srv\new)");
-        const Ran Done = test::RunProgram(Words);
-        EXPECT_EQ(Done.Code, 0) << Done.Error;
-        EXPECT_EQ(Done.Out + Done.Error, "");
-    }
-    const Ran Refused = test::RunProgram({"--export", Export, "ls", R"(\\srv\new\*)"});
-    EXPECT_EQ(Refused.Code, 1);
-    EXPECT_THAT(Refused.Error, HasSubstr("STATUS_NO_SUCH_FILE"));
+    Options = {"--export", Export};
+    EXPECT_EQ(Out({"ls", R"(\\srv\new)"}), "");
+    EXPECT_EQ(Out({"ls", "-l", "--single", R"(\\srv\new)"}), "");
+    EXPECT_EQ(Out({"find", R"(\\srv\new)"}), "");
+    ExpectRefused({"ls", R"(\\srv\new\*)"}, 1, "STATUS_NO_SUCH_FILE");
 }
 
 TEST_F(ProgramListing, ShortNamesAreShownUnlessLazyCloseIsOn) {
     const std::string Mask = R"(\\srv\vol\d\a r*)";
     EXPECT_THAT(Out({"ls", "-l", Mask}), ContainsRegex(" AR[0-9A-Z]{4}~[1-9]\\.HTM +a rather long name"));
     for (auto &[Value, Expected] : {std::pair{"1", false}, {"0", true}}) {
-        const Ran Listed = test::RunProgram(
+        const Ran Listed = RunProgram(
             Line({"--set", std::string("Enable Lazy Close=") + Value, "ls", "-l", "--class", "id_both", Mask}));
         EXPECT_EQ((Listed.Out.find(".HTM ") != std::string::npos), Expected) << Listed.Out << Listed.Error;
     }
 }
 
 TEST_F(ProgramListing, AWaitInTheConsoleIsEndedByOtherVerbsAndByTheConsole) {
-    const Ran Off = test::RunProgram(Line({"watch", R"(\\srv\vol\d)"}));
+    const Ran Off = Run({"watch", R"(\\srv\vol\d)"});
     EXPECT_EQ(Off.Code, 1);
     EXPECT_THAT(Off.Error, HasSubstr("d; --set EnableDirectoryNotify=1 turns notification on"));
 
@@ -158,8 +138,8 @@ TEST_F(ProgramListing, AWaitInTheConsoleIsEndedByOtherVerbsAndByTheConsole) {
         {R"(mkdir \\srv\vol\d\made)", Changed},   {R"(rmdir \\srv\vol\d\made)", Changed},
         {R"(find \\srv\vol\d --name no)", Ended}, {"quit", Ended}};
     for (const auto &[Verb, Told] : Cases) {
-        const Ran Session = test::RunProgram(Line({"--set", "EnableDirectoryNotify=1", "console"}),
-                                             std::string("watch \\\\srv\\vol\\d\n") + Verb + "\n");
+        const Ran Session =
+            Run({"--set", "EnableDirectoryNotify=1", "console"}, std::string("watch \\\\srv\\vol\\d\n") + Verb + "\n");
         EXPECT_EQ(Session.Code, 0) << Session.Error;
         EXPECT_EQ(Session.Out, "watching \\\\srv\\vol\\d\n" + Told + "\n") << Verb;
     }

@@ -78,4 +78,37 @@ private:
     std::filesystem::path Path_;
 };
 
+// The program over an export of a directory of the test's.
+class ProgramOverExport : public testing::Test {
+protected:
+    explicit ProgramOverExport(const std::string &Name = R"(\\srv\vol)")
+        : Options({"--export", Name + "=" + Served.File("")}) {
+    }
+    std::vector<std::string> Line(const std::vector<std::string> &Words) const {
+        std::vector<std::string> All = Options;
+        All.insert(All.end(), Words.begin(), Words.end());
+        return All;
+    }
+    Ran Run(const std::vector<std::string> &Words, std::string_view Input = {}) const {
+        return RunProgram(Line(Words), Input);
+    }
+    // What it says when it succeeds.
+    std::string Out(const std::vector<std::string> &Words, std::string_view Input = {}) const {
+        const Ran Result = Run(Words, Input);
+        EXPECT_EQ(Result.Code, 0) << Result.Error;
+        EXPECT_EQ(Result.Error, "");
+        return Result.Out;
+    }
+    // What must be refused with that message in front, and nothing said on standard output.
+    void ExpectRefused(const std::vector<std::string> &Words, int Code, const std::string &Message) const {
+        const Ran Result = Run(Words);
+        EXPECT_EQ(Result.Code, Code) << Message;
+        EXPECT_EQ(Result.Error.substr(0, Message.size()), Message);
+        EXPECT_EQ(Result.Out, "");
+    }
+
+    ScratchDirectory Served;
+    std::vector<std::string> Options;
+};
+
 } // namespace test

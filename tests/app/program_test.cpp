@@ -163,14 +163,12 @@ TEST(Program, BadUsageIsSaidAndEndsWithTwo) {
     }
 }
 
-TEST(Program, OpenTellsStatusAndInformationOfEveryDisposition) {
-    const test::ScratchDirectory Served;
+using Opening = ProgramOverExport;
+
+TEST_F(Opening, TellsStatusAndInformationOfEveryDisposition) {
     std::filesystem::create_directories(Served.Path() / "full" / "inside");
-    const auto Open = [&Served](std::vector<std::string> Options) {
-        std::vector<std::string> Words = {"--export", "\\\\srv\\vol=" + Served.Path().string(), "open"};
-        Words.insert(Words.end(), Options.begin(), Options.end());
-        return Words;
-    };
+    Options.push_back("open");
+    const auto Open = [this](const std::vector<std::string> &Words) { return Line(Words); };
     const std::string File = R"(\\srv\vol\f)";
     const std::string Good = "STATUS_SUCCESS (0x00000000)\nInformation ";
     const Case Cases[] = {
