@@ -47,6 +47,10 @@ void TakeInTurn(ERESOURCE &First, ERESOURCE &Second) {
 PVOID Allocate(SIZE_T Size, POOL_TYPE Type = NonPagedPool) {
     return ExAllocatePoolWithTag(Type, Size, Tag);
 }
+PVOID Free(PVOID Block) {
+    ExFreePoolWithTag(Block, Tag);
+    return Block;
+}
 
 void InThread(void (*Body)()) {
     std::thread(Body).join();
@@ -59,7 +63,7 @@ void InSystemThread(PKSTART_ROUTINE Body) {
     JoinSystemThreads();
 }
 
-void At(KIRQL Level, void (*Body)()) {
+void At(KIRQL Level, const std::function<void()> &Body) {
     RaisedIrql Raised(Level);
     Body();
 }
@@ -69,7 +73,7 @@ void During(DriverCall Call, void (*Body)()) {
     Body();
 }
 
-void InRegion(void (*Body)()) {
+void InRegion(const std::function<void()> &Body) {
     CriticalRegion Region;
     Body();
 }
@@ -92,28 +96,14 @@ const PlantedFault PoolFaults[] = {
     {"FreeOfNoBlock", V, 0x10, "no block",
      [] {
          alignas(16) char Bytes[64] = {};
-         ExFreePoolWithTag(Bytes + 32, Tag);
+         Free(Bytes + 32);
      }},
-    {"FreeInTheMiddle", V, 0x10, "no block", [] { ExFreePoolWithTag(static_cast<char *>(Allocate(64)) + 16, Tag); }},
-    {"FreeOfNull", V, 0x10, "NULL", [] { ExFreePoolWithTag(nullptr, 0); }},
+    {"FreeInTheMiddle", V, 0x10, "no block", [] { Free(static_cast<char *>(Allocate(64)) + 16); }},
+    {"FreeOfNull", V, 0x10, "NULL", [] { Free(nullptr); }},
     {"PagedFreedAtDispatch", V, 0x11, "paged pool freed",
-     [] {
-         PVOID Block = Allocate(16, PagedPool);
-         RaisedIrql Raised(DispatchLevel);
-         ExFreePoolWithTag(Block, Tag);
-     }},
-    {"FreeAboveDispatch", V, 0x12, "freed above",
-     [] {
-         PVOID Block = Allocate(16);
-         RaisedIrql Raised(HighLevel);
-         ExFreePoolWithTag(Block, Tag);
-     }},
-    {"FreeTwice", V, 0x13, "freed twice",
-     [] {
-         PVOID Block = Allocate(64);
-         ExFreePoolWithTag(Block, Tag);
-         ExFreePoolWithTag(Block, Tag);
-     }},
+     [] { At(DispatchLevel, [Block = Allocate(16, PagedPool)] { Free(Block); }); }},
+    {"FreeAboveDispatch", V, 0x12, "freed above", [] { At(HighLevel, [Block = Allocate(16)] { Free(Block); }); }},
+    {"FreeTwice", V, 0x13, "freed twice", [] { Free(Free(Allocate(64))); }},
     {"WrongTag", V, 0x16, "another tag", [] { ExFreePoolWithTag(Allocate(64), MakeTag("Else")); }},
     {"IrpFreedAsPool", V, 0x105, "another kind",
      [] { ExFreePoolWithTag(AllocatePool(PoolKind::Irp, NonPagedPool, 64, Tag), Tag); }},
@@ -122,14 +112,14 @@ const PlantedFault PoolFaults[] = {
      [] {
          auto Block = static_cast<char *>(Allocate(256));
          ExInitializeResourceLite(reinterpret_cast<PERESOURCE>(Block + 64));
-         ExFreePoolWithTag(Block, Tag);
+         Free(Block);
      }},
     {"LiveLookasideInFreedPool", V, 0xCC, "live lookaside",
      [] {
          auto Block = static_cast<char *>(Allocate(512));
          auto List = reinterpret_cast<PNPAGED_LOOKASIDE_LIST>((reinterpret_cast<ULONG_PTR>(Block) + 63) & ~63ull);
          ExInitializeNPagedLookasideList(List, nullptr, nullptr, 0, 32, Tag, 4);
-         ExFreePoolWithTag(Block, Tag);
+         Free(Block);
      }},
     {"Leak", V, 0x62, "left behind", [] { Allocate(100), VerifyNothingLeft(); }},
 };
@@ -142,31 +132,12 @@ const PlantedFault IrqlFaults[] = {
     {"ResourceAtDispatch", V, 0x20002, "ExAcquireResourceSharedLite called at IRQL 2",
      [] { Bad(), At(DispatchLevel, [] { ExAcquireResourceSharedLite(&Bad().A, TRUE); }); }},
     {"ThreadAtApc", V, 0x20002, "PsCreateSystemThread",
-     [] {
-         HANDLE Thread;
-         RaisedIrql Raised(ApcLevel);
-         PsCreateSystemThread(&Thread, 0, nullptr, nullptr, nullptr, nullptr, nullptr);
-     }},
+     [] { At(ApcLevel, [] { PsCreateSystemThread(nullptr, 0, nullptr, nullptr, nullptr, nullptr, nullptr); }); }},
     {"CaseOfNamesAtApc", V, 0x20002, "RtlEqualUnicodeString",
-     [] {
-         UNICODE_STRING Name{};
-         RaisedIrql Raised(ApcLevel);
-         RtlEqualUnicodeString(&Name, &Name, TRUE);
-     }},
-    {"RegistryAtApc", V, 0x20002, "ZwOpenKey",
-     [] {
-         OBJECT_ATTRIBUTES Attributes{};
-         HANDLE Key;
-         RaisedIrql Raised(ApcLevel);
-         ZwOpenKey(&Key, KEY_READ, &Attributes);
-     }},
+     [] { At(ApcLevel, [Name = UNICODE_STRING{}] { RtlEqualUnicodeString(&Name, &Name, TRUE); }); }},
+    {"RegistryAtApc", V, 0x20002, "ZwOpenKey", [] { At(ApcLevel, [] { ZwOpenKey(nullptr, KEY_READ, nullptr); }); }},
     {"ShareAccessAtDispatch", V, 0x20002, "IoSetShareAccess",
-     [] {
-         FILE_OBJECT File{};
-         SHARE_ACCESS Share{};
-         RaisedIrql Raised(DispatchLevel);
-         IoSetShareAccess(FILE_READ_DATA, 0, &File, &Share);
-     }},
+     [] { At(DispatchLevel, [] { IoSetShareAccess(FILE_READ_DATA, 0, nullptr, nullptr); }); }},
     {"RaiseToLower", V, 0x30, "KeRaiseIrql", [] { KeRaiseIrql(DispatchLevel), KeRaiseIrql(ApcLevel); }},
     {"LowerToHigher", V, 0x31, "KeLowerIrql", [] { KeLowerIrql(DispatchLevel); }},
     {"SpinLockAboveDispatch", V, 0x40, "KeAcquireSpinLock",
@@ -195,9 +166,7 @@ const PlantedFault LockFaults[] = {
     {"ResourceWithApcsOn", V, 0x37, "outside a critical region", [] { Exclusive(Bad().A); }},
     {"ReleaseWithApcsOn", V, 0x38, "outside a critical region",
      [] {
-         KeEnterCriticalRegion();
-         Exclusive(Bad().A);
-         KeLeaveCriticalRegion();
+         InRegion([] { Exclusive(Bad().A); });
          ExReleaseResourceLite(&Bad().A);
      }},
     {"RegionNeverEntered", V, 0x3E, "never entered", [] { KeLeaveCriticalRegion(); }},
@@ -238,14 +207,12 @@ const PlantedFault LockFaults[] = {
     {"UninitializedResource", V, 0x1002, "not initialised",
      [] {
          static ERESOURCE Never;
-         CriticalRegion Region;
-         Exclusive(Never);
+         InRegion([] { Exclusive(Never); });
      }},
     {"DeletedResource", V, 0x1002, "was deleted",
      [] {
          ExDeleteResourceLite(&Bad().A);
-         CriticalRegion Region;
-         Exclusive(Bad().A);
+         InRegion([] { Exclusive(Bad().A); });
      }},
     {"WaitOnNoEvent", V, 0x1002, "not initialised",
      [] {
@@ -281,9 +248,7 @@ const PlantedFault LockFaults[] = {
     {"ResourceNotHeld", V, 0x1007, "not held", [] { ExReleaseResourceLite(&Bad().A); }},
     {"ReleasedOnceTooOften", V, 0x1007, "not held",
      [] {
-         CriticalRegion Region;
-         Exclusive(Bad().A);
-         ExReleaseResourceLite(&Bad().A);
+         TakeInTurn(Bad().A, Bad().B);
          ExReleaseResourceLite(&Bad().A);
      }},
     {"ConvertOfShared", V, 0x1007, "conversion",
@@ -330,7 +295,7 @@ char UserBytes[PAGE_SIZE];
 
 PMDL NewMdl(CSHORT Flags = 0) {
     PMDL Mdl = IoAllocateMdl(UserBytes, sizeof(UserBytes), FALSE, FALSE, nullptr);
-    Mdl->MdlFlags = static_cast<CSHORT>(Mdl->MdlFlags | Flags);
+    Mdl->MdlFlags |= Flags;
     return Mdl;
 }
 
@@ -471,43 +436,27 @@ TEST(VerifierTest, ALeakReportNamesTagSizeAndEveryRegisteredCheck) {
     RegisterLeakCheck("widgets", [] { return std::string(); });
 }
 
-TEST(VerifierTest, EdgesOfADeletedLockAreForgotten) {
+TEST(VerifierTest, OnlyWaitsForLocksThatStillAreCountAgainstTheOrder) {
     ResetLockOrder();
-    ERESOURCE Table, File;
-    ExInitializeResourceLite(&Table);
-    ExInitializeResourceLite(&File);
-    TakeInTurn(Table, File);
-    ExDeleteResourceLite(&File);
-    ExInitializeResourceLite(&File);
-    TakeInTurn(File, Table);
-    ExDeleteResourceLite(&File);
-    ExDeleteResourceLite(&Table);
-}
-
-TEST(VerifierTest, AnAcquireThatDoesNotWaitMayGoAgainstTheOrder) {
-    ResetLockOrder();
-    ERESOURCE A, B;
-    ExInitializeResourceLite(&A);
-    ExInitializeResourceLite(&B);
-    TakeInTurn(A, B);
-    {
-        CriticalRegion Region;
-        Exclusive(B);
-        EXPECT_TRUE(ExAcquireResourceExclusiveLite(&A, FALSE));
-        ExReleaseResourceLite(&A);
-        ExReleaseResourceLite(&B);
+    Victims Own;
+    TakeInTurn(Own.A, Own.B);
+    InRegion([&] {
+        Exclusive(Own.B);
+        EXPECT_TRUE(ExAcquireResourceExclusiveLite(&Own.A, FALSE));
+        ExReleaseResourceLite(&Own.A);
+        ExReleaseResourceLite(&Own.B);
+    });
+    ExDeleteResourceLite(&Own.B);
+    ExInitializeResourceLite(&Own.B);
+    TakeInTurn(Own.B, Own.A);
+    for (ERESOURCE *Each : {&Own.A, &Own.B, &Own.C}) {
+        ExDeleteResourceLite(Each);
     }
-    ExDeleteResourceLite(&A);
-    ExDeleteResourceLite(&B);
 }
 
 TEST(VerifierTest, ChecksAreOffWhenTheLevelIsOff) {
     SetVerifierLevel(VerifierLevel::Off);
-    {
-        RaisedIrql Raised(HighLevel);
-        PVOID Block = Allocate(16);
-        ExFreePoolWithTag(Block, Tag);
-    }
+    At(HighLevel, [] { Free(Allocate(16)); });
     SetVerifierLevel(VerifierLevel::On);
 }
 
