@@ -4,6 +4,7 @@
 #include "embedded/ps.h"
 #include "embedded/system_volume.h"
 #include "io_fixture.h"
+#include "tests/app/program.h"
 
 namespace {
 
@@ -268,21 +269,14 @@ TEST_F(ZwTest, TheDeviceSecurityNeedsTheRightToWriteIt) {
 }
 
 TEST(ZwHostVolumeTest, TheSystemVolumeCanBeAHostDirectory) {
-    const auto Directory = std::filesystem::temp_directory_path() / "rvfsd-system-volume-test";
-    std::filesystem::remove_all(Directory);
-    std::filesystem::create_directories(Directory);
-    {
-        KernelOptions Options;
-        Options.SystemVolume = Directory;
-        Kernel Running(Options);
-        WriteSystemFile(u"\\Rvfsd.log", "line\n");
-        EXPECT_EQ(ReadSystemFile(u"\\Rvfsd.log"), "line\n");
-        EXPECT_TRUE(std::filesystem::exists(Directory / "Rvfsd.log"));
-        EXPECT_EQ(DeleteSystemFile(u"\\..\\Rvfsd.log"), STATUS_OBJECT_NAME_INVALID);
-        EXPECT_EQ(DeleteSystemFile(u"\\Rvfsd.log"), STATUS_SUCCESS);
-        EXPECT_EQ(DeleteSystemFile(u"\\Rvfsd.log"), STATUS_OBJECT_NAME_NOT_FOUND);
-    }
-    std::filesystem::remove_all(Directory);
+    const test::ScratchDirectory Directory;
+    Kernel Running(KernelOptions{.SystemVolume = Directory.Path()});
+    WriteSystemFile(u"\\Rvfsd.log", "line\n");
+    EXPECT_EQ(ReadSystemFile(u"\\Rvfsd.log"), "line\n");
+    EXPECT_TRUE(Directory.Has("Rvfsd.log"));
+    EXPECT_EQ(DeleteSystemFile(u"\\..\\Rvfsd.log"), STATUS_OBJECT_NAME_INVALID);
+    EXPECT_EQ(DeleteSystemFile(u"\\Rvfsd.log"), STATUS_SUCCESS);
+    EXPECT_EQ(DeleteSystemFile(u"\\Rvfsd.log"), STATUS_OBJECT_NAME_NOT_FOUND);
 }
 
 } // namespace

@@ -230,6 +230,16 @@ std::vector<uint8_t> BuildSmallPdb() {
     return Bytes;
 }
 
+std::vector<uint8_t> Damaged(std::vector<uint8_t> File, const std::vector<Patch> &Patches, bool IsImage) {
+    for (const Patch &Change : Patches) {
+        memcpy(&File.at(Change.Offset + Change.Width - 1) - (Change.Width - 1), &Change.Value, Change.Width);
+    }
+    if (IsImage) {
+        SetImageChecksum(File);
+    }
+    return File;
+}
+
 void SetImageChecksum(std::span<uint8_t> File) {
     uint32_t Header = 0;
     if (File.size() >= 0x40) {

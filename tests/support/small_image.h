@@ -41,6 +41,8 @@ constexpr uint32_t Directory(uint32_t Number) {
 constexpr uint32_t Section(uint32_t Number) {
     return SectionTable + 40 * Number;
 }
+// In a section's header.
+inline constexpr uint32_t VirtualSize = 8, VirtualAddress = 12, RawSize = 16, RawOffset = 20, Flags = 36;
 // The file offset of what lies at Rva.
 uint32_t FileOffset(uint32_t Rva);
 
@@ -64,6 +66,15 @@ std::vector<uint8_t> BuildSmallImage(const ImageParts &Parts = {});
 
 // What lies beside it as small.pdb: it names the function Raise.
 std::vector<uint8_t> BuildSmallPdb();
+
+// A value of Width bytes at a file offset.
+struct Patch {
+    uint32_t Offset;
+    uint64_t Value;
+    uint32_t Width = 4;
+};
+// The file with these changes; an image has the right checksum then.
+std::vector<uint8_t> Damaged(std::vector<uint8_t> File, const std::vector<Patch> &Patches, bool IsImage = true);
 
 // Writes the right checksum into File, if that has a place for one.
 void SetImageChecksum(std::span<uint8_t> File);
