@@ -108,17 +108,12 @@ TEST_F(Async, ThePoolGrowsWithTheBacklogToNineAndFallsToNone) {
     EXPECT_EQ(Late.Wait().Status, STATUS_SUCCESS);
 }
 
-class TracedAsync : public Async {
-protected:
-    void SetUp() override {
-        Start(
-            {.Switches = {{u"EnableAsyncIo", 1}, {u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 16}}});
-        Clock::Settle();
-        Handle = MustOpen(u"\\srv\\vol\\a.txt", Asynchronous);
-    }
-};
-
-TEST_F(TracedAsync, ARequestTellsItsWayThroughTheQueue) {
+TEST_F(Async, ARequestTellsItsWayThroughTheQueue) {
+    Close(Handle);
+    Stop();
+    Start({.Switches = {{u"EnableAsyncIo", 1}, {u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 16}}});
+    Clock::Settle();
+    Handle = MustOpen(u"\\srv\\vol\\a.txt", Asynchronous);
     Printed.clear();
     {
         BusyFile Busy(Fcb(Handle));
@@ -199,7 +194,7 @@ protected:
         Other = MustOpen(u"\\srv\\vol\\b.txt", Asynchronous);
         Owner = MustOpen(u"\\srv\\vol\\a.txt", Writer);
         EXPECT_EQ(Lock(Owner, 0, 10), STATUS_SUCCESS);
-        Granted.emplace(Wait(Handle, 2, &Length));
+        Granted.emplace(Wait(Handle, 2));
         Busy = std::make_unique<BusyFile>(Fcb(Other));
         embedded::IrpBuilder Read = ReadAt(0);
         Read.FileObject = FileObject(Other);
@@ -265,22 +260,21 @@ TEST_F(QueuedGrant, OfAHandleThatIsCleanedUpIsGivenBack) {
 
 // ---- What cannot be posted
 
-struct FailedPost {
-    const char *What;
-    UCHAR MajorFunction;
-    FaultKind Fails;
-    NTSTATUS Returned;
-    NTSTATUS Status;
-};
-
 TEST_F(Async, APostThatFailsEndsTheRequestAndLosesNoCleanup) {
+    constexpr NTSTATUS Refused = STATUS_INSUFFICIENT_RESOURCES;
+    struct {
+        const char *What;
+        UCHAR MajorFunction;
+        FaultKind Fails;
+        NTSTATUS Returned, Status;
+    } constexpr Cases[] = {
+        {"no entry", IRP_MJ_READ, FaultKind::Pool, Refused, Refused},
+        {"no MDL", IRP_MJ_READ, FaultKind::Mdl, Refused, Refused},
+        {"no entry", IRP_MJ_LOCK_CONTROL, FaultKind::Pool, Refused, Refused},
+        {"no entry", IRP_MJ_CLEANUP, FaultKind::Pool, STATUS_PENDING, STATUS_SUCCESS},
+    };
     LARGE_INTEGER Length = {.QuadPart = 4};
-    for (const FailedPost &Case : std::initializer_list<FailedPost>{
-             {"no entry", IRP_MJ_READ, FaultKind::Pool, STATUS_INSUFFICIENT_RESOURCES, STATUS_INSUFFICIENT_RESOURCES},
-             {"no MDL", IRP_MJ_READ, FaultKind::Mdl, STATUS_INSUFFICIENT_RESOURCES, STATUS_INSUFFICIENT_RESOURCES},
-             {"no entry", IRP_MJ_LOCK_CONTROL, FaultKind::Pool, STATUS_INSUFFICIENT_RESOURCES,
-              STATUS_INSUFFICIENT_RESOURCES},
-             {"no entry", IRP_MJ_CLEANUP, FaultKind::Pool, STATUS_PENDING, STATUS_SUCCESS}}) {
+    for (const auto &Case : Cases) {
         SCOPED_TRACE(Case.What);
         const embedded::IrpBuilder Builder = Case.MajorFunction == IRP_MJ_READ ? ReadAt(0)
                                              : Case.MajorFunction == IRP_MJ_CLEANUP

@@ -95,8 +95,7 @@ TEST_F(Cleanup, AWaiterWhoseGrantFailsIsCompletedUnderNoLock) {
     const HANDLE Owner = MustOpen(u"\\srv\\vol\\a.txt", Writer);
     const HANDLE Closed = MustOpen(u"\\srv\\vol\\a.txt", Writer);
     EXPECT_EQ(Lock(Owner, 0, 10), STATUS_SUCCESS);
-    LARGE_INTEGER Length = {.QuadPart = 4};
-    embedded::SentIrp Waiting = Wait(Closed, 2, &Length);
+    embedded::SentIrp Waiting = Wait(Closed, 2);
     const PFILE_OBJECT Kept = CleanUp(Closed);
     const PERESOURCE Resource = &Fcb(Owner)->Resource;
     std::vector<BOOLEAN> Held;

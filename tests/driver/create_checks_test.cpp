@@ -23,17 +23,12 @@ TEST_F(CreateChecks, ForDeleteOnCloseNeedTheRightToDelete) {
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\d.txt"));
 }
 
-TEST_F(CreateChecks, ForDeleteOnCloseOfAReadOnlyFileFailAndCloseIt) {
+TEST_F(CreateChecks, ForDeleteOnCloseThatAreRefusedLeaveNoFileBehindThatTheyMade) {
     Provider.AddFile(u"\\srv\\vol\\r.txt", "x", RV_ATTR_READONLY);
-    Provider.ClearCalls();
     ExpectRefused(u"\\srv\\vol\\r.txt", With(ForDelete, FILE_OPEN, FILE_DELETE_ON_CLOSE), STATUS_CANNOT_DELETE,
                   FILE_SUPERSEDED);
     EXPECT_EQ(Provider.CountCalls(Slot::DeleteFile), 0u);
     EXPECT_EQ(Provider.Attributes(u"\\srv\\vol\\r.txt"), RV_ATTR_READONLY + 0u);
-    ExpectNothingOpen("a refusal");
-}
-
-TEST_F(CreateChecks, ForDeleteOnCloseLeaveNoFileBehindThatTheyMade) {
     // A new file that is read-only, and one whose attributes cannot be had.
     Open Making = With(ForDelete, FILE_CREATE, FILE_DELETE_ON_CLOSE | N);
     Making.Attributes = FILE_ATTRIBUTE_READONLY;
@@ -77,16 +72,12 @@ TEST_F(CreateChecks, OfMoreThanTheCallerMayUseFindTheDiskFull) {
         Tree.FindVolume(u"\\srv\\vol")->FreeAfterQuota = 1000;
         Tree.FindVolume(u"\\srv\\vol")->Free = 5000;
     });
-    struct Case {
-        LONGLONG Size;
-        bool Full;
-    };
-    for (const Case &Each : {Case{0, false}, Case{999, false}, Case{1000, false}, Case{1001, true}, Case{-1, false}}) {
+    for (const LONGLONG Size : {0, 999, 1000, 1001, -1}) {
         for (const ULONG Disposition : {FILE_OPEN, FILE_OPEN_IF, FILE_OVERWRITE}) {
-            Open Sized = With({.AllocationSize = Each.Size}, Disposition);
+            Open Sized = With({.AllocationSize = Size}, Disposition);
             Provider.ClearCalls();
-            EXPECT_EQ(Try(u"\\srv\\vol\\a.txt", Sized).Status, Each.Full ? STATUS_DISK_FULL : STATUS_SUCCESS);
-            EXPECT_EQ(Provider.CountCalls(Slot::GetVolumeSize), Each.Size != 0 ? 1u : 0u);
+            EXPECT_EQ(Try(u"\\srv\\vol\\a.txt", Sized).Status, Size == 1001 ? STATUS_DISK_FULL : STATUS_SUCCESS);
+            EXPECT_EQ(Provider.CountCalls(Slot::GetVolumeSize), Size != 0 ? 1u : 0u);
         }
     }
     ExpectRefused(u"\\srv\\vol\\a.txt", {.AllocationSize = 1001}, STATUS_DISK_FULL);
@@ -123,6 +114,8 @@ TEST_F(CreateChecks, AskThePhysicalVolumeForItsSpace) {
 
 class EraseChecks : public CreateChecks {
 protected:
+    static constexpr Open ToDelete = {.Access = AsDirectory.Access | DELETE, .Options = AsDirectory.Options};
+
     void MayNotErase(std::u16string_view Path) {
         Provider.Edit([&](providers::Tree &Tree) { Tree.Find(Path)->Rights = 0xEF; });
     }
@@ -131,16 +124,14 @@ protected:
 TEST_F(EraseChecks, RefuseDeleteAccessToWhatMayNotBeErased) {
     MayNotErase(u"\\srv\\vol\\a.txt");
     MayNotErase(u"\\srv\\vol\\docs");
-    Open Directory = AsDirectory;
-    Directory.Access |= DELETE;
     ExpectRefused(u"\\srv\\vol\\a.txt", ForDelete, STATUS_ACCESS_DENIED);
-    ExpectRefused(u"\\srv\\vol\\docs", Directory, STATUS_ACCESS_DENIED);
-    ExpectRefused(u"\\srv\\vol\\docs", With(Directory, FILE_OPEN_IF), STATUS_ACCESS_DENIED);
+    ExpectRefused(u"\\srv\\vol\\docs", ToDelete, STATUS_ACCESS_DENIED);
+    ExpectRefused(u"\\srv\\vol\\docs", With(ToDelete, FILE_OPEN_IF), STATUS_ACCESS_DENIED);
     ExpectOpened(u"\\srv\\vol\\a.txt", {}, FILE_OPENED);
     ExpectOpened(u"\\srv\\vol\\docs", AsDirectory, FILE_OPENED);
     // With the directory open already, the answer tells that it was there.
     const HANDLE Open = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
-    ExpectRefused(u"\\srv\\vol\\docs", With(Directory, FILE_OPEN_IF), STATUS_ACCESS_DENIED, FILE_OPENED);
+    ExpectRefused(u"\\srv\\vol\\docs", With(ToDelete, FILE_OPEN_IF), STATUS_ACCESS_DENIED, FILE_OPENED);
     Close(Open);
     ExpectNothingOpen("refusals");
 }
@@ -148,10 +139,8 @@ TEST_F(EraseChecks, RefuseDeleteAccessToWhatMayNotBeErased) {
 TEST_F(EraseChecks, OfWhatIsNotThereYetLookAtTheParent) {
     MayNotErase(u"\\srv\\vol\\docs");
     ExpectRefused(u"\\srv\\vol\\docs\\new", With(ForDelete, FILE_OPEN_IF), STATUS_ACCESS_DENIED);
-    Open Directory = AsDirectory;
-    Directory.Access |= DELETE;
-    ExpectRefused(u"\\srv\\vol\\docs\\new", With(Directory, FILE_CREATE), STATUS_ACCESS_DENIED);
-    ExpectRefused(u"\\srv\\vol\\docs\\new", With(Directory, FILE_OPEN_IF), STATUS_ACCESS_DENIED);
+    ExpectRefused(u"\\srv\\vol\\docs\\new", With(ToDelete, FILE_CREATE), STATUS_ACCESS_DENIED);
+    ExpectRefused(u"\\srv\\vol\\docs\\new", With(ToDelete, FILE_OPEN_IF), STATUS_ACCESS_DENIED);
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\docs\\new"));
     ExpectOpened(u"\\srv\\vol\\new", With(ForDelete, FILE_OPEN_IF), FILE_CREATED);
     // A parent that cannot be opened denies nothing.
@@ -182,11 +171,9 @@ TEST_F(EraseChecks, AreNotMadeWhenTheyAreDeferred) {
     Start({.Switches = {{u"Defer Windows DELETE Access Check", 1}}});
     MayNotErase(u"\\srv\\vol\\a.txt");
     MayNotErase(u"\\srv\\vol\\docs");
-    Open Directory = AsDirectory;
-    Directory.Access |= DELETE;
     ExpectOpened(u"\\srv\\vol\\a.txt", ForDelete, FILE_OPENED);
-    ExpectOpened(u"\\srv\\vol\\docs", Directory, FILE_OPENED);
-    ExpectOpened(u"\\srv\\vol\\docs\\new", With(Directory, FILE_CREATE), FILE_CREATED);
+    ExpectOpened(u"\\srv\\vol\\docs", ToDelete, FILE_OPENED);
+    ExpectOpened(u"\\srv\\vol\\docs\\new", With(ToDelete, FILE_CREATE), FILE_CREATED);
     EXPECT_EQ(Provider.CountCalls(Slot::GetEffectiveRights), 0u);
     IRP_CONTEXT Request = Context();
     EXPECT_FALSE(ErasePermissionIsNotAvailableByHandle(&Request, nullptr, 1));

@@ -134,8 +134,12 @@ TEST_F(Creates, HandTheProviderItsOwnEncodings) {
         ULONG Options;
         ULONG Disposition;
         ULONG64 ProviderAccess, ProviderOptions, ProviderDisposition;
+        ULONG Share = FILE_SHARE_READ | FILE_SHARE_DELETE, ProviderShare = 5;
     } constexpr Cases[] = {
         {FILE_READ_DATA, 0, FILE_OPEN, 0x2, 0, 3},
+        {FILE_READ_DATA, 0, FILE_OPEN, 0x2, 0, 3, FILE_SHARE_WRITE, 2},
+        // Uncached readers that share writing share reading too.
+        {FILE_READ_DATA, FILE_NO_INTERMEDIATE_BUFFERING, FILE_OPEN, 0x2, 0x2, 3, FILE_SHARE_WRITE, 3},
         {FILE_WRITE_DATA, FILE_WRITE_THROUGH, FILE_SUPERSEDE, 0x4, 0x1, 2},
         {FILE_EXECUTE, FILE_NO_INTERMEDIATE_BUFFERING, FILE_OPEN_IF, 0x8, 0x2, 4},
         {DELETE, FILE_RANDOM_ACCESS, FILE_OPEN, 0x11, 0x8, 3},
@@ -149,51 +153,35 @@ TEST_F(Creates, HandTheProviderItsOwnEncodings) {
     };
     for (const auto &Each : Cases) {
         Provider.AddFile(u"\\srv\\vol\\e.txt", "x");
-        const HANDLE Handle = MustOpen(u"\\srv\\vol\\e.txt", With({.Access = Each.Access,
-                                                                   .Share = FILE_SHARE_READ | FILE_SHARE_DELETE,
-                                                                   .Options = Each.Options,
-                                                                   .Attributes = 0x1BF},
-                                                                  Each.Disposition));
+        const HANDLE Handle =
+            MustOpen(u"\\srv\\vol\\e.txt",
+                     With({.Access = Each.Access, .Share = Each.Share, .Options = Each.Options, .Attributes = 0x1BF},
+                          Each.Disposition));
         const Call Made = Last(Slot::CreateFile);
         EXPECT_EQ(Made.Number("access"), Each.ProviderAccess) << Made.Format();
         EXPECT_EQ(Made.Number("options"), Each.ProviderOptions) << Made.Format();
         EXPECT_EQ(Made.Number("disposition"), Each.ProviderDisposition) << Made.Format();
-        EXPECT_EQ(Made.Number("share"), 5u);
+        EXPECT_EQ(Made.Number("share"), Each.ProviderShare);
         EXPECT_EQ(Made.Number("attributes"), 0x27u) << "only what may be set is passed on";
         EXPECT_EQ(Made.String("path"), u"e.txt");
         EXPECT_EQ(Made.Number("base"), Instance(Handle)->VolumeHandle);
         EXPECT_EQ(Instance(Handle)->ProviderAccess, Each.ProviderAccess);
         EXPECT_EQ(Instance(Handle)->ProviderOptions, Each.ProviderOptions);
-        EXPECT_EQ(Instance(Handle)->ShareMode, 5u);
+        EXPECT_EQ(Instance(Handle)->ShareMode, Each.ProviderShare);
+        EXPECT_TRUE(Each.Access != FILE_READ_DATA || Fcb(Handle)->ShareAccess.SharedRead == (Each.ProviderShare & 1));
         EXPECT_EQ((Fcb(Handle)->OpenFlags & FCB_STATE_EXECUTE_ACCESS) != 0, (Each.Access & FILE_EXECUTE) != 0);
         Provider.Edit([](providers::Tree &Tree) { Tree.Find(u"\\srv\\vol\\e.txt")->Attributes = 0; });
         Close(Handle);
     }
 }
 
-TEST_F(Creates, UncachedReadersThatShareWritingShareReadingToo) {
-    for (const bool Uncached : {false, true}) {
-        const HANDLE Handle =
-            MustOpen(u"\\srv\\vol\\a.txt", With({.Access = FILE_READ_DATA | SYNCHRONIZE, .Share = FILE_SHARE_WRITE},
-                                                FILE_OPEN, Uncached ? FILE_NO_INTERMEDIATE_BUFFERING : 0));
-        EXPECT_EQ(Last(Slot::CreateFile).Number("share"), Uncached ? 3u : 2u);
-        EXPECT_EQ(Instance(Handle)->ShareMode, Uncached ? 3u : 2u);
-        EXPECT_EQ(Fcb(Handle)->ShareAccess.SharedRead, Uncached ? 1u : 0u);
-        Close(Handle);
-    }
-}
-
 TEST_F(Creates, TellWhatTheProviderDidByItsAction) {
-    struct Case {
-        ULONG Action;
-        ULONG_PTR Information;
-    };
-    for (const Case &Each : {Case{1, FILE_OPENED}, Case{2, FILE_CREATED}, Case{0, FILE_SUPERSEDED},
-                             Case{3, FILE_SUPERSEDED}, Case{77, FILE_SUPERSEDED}}) {
+    for (const auto &Each : std::map<ULONG, ULONG>{
+             {0, FILE_SUPERSEDED}, {1, FILE_OPENED}, {2, FILE_CREATED}, {3, FILE_SUPERSEDED}, {77, FILE_SUPERSEDED}}) {
         Provider.OnCall(Slot::CreateFile, IsRealOpen).Answer([&](providers::Outputs &Out) {
-            *Out.CreateAction = Each.Action;
+            *Out.CreateAction = Each.first;
         });
-        ExpectOpened(u"\\srv\\vol\\a.txt", With({}, FILE_OPEN_IF), Each.Information);
+        ExpectOpened(u"\\srv\\vol\\a.txt", With({}, FILE_OPEN_IF), Each.second);
         ExpectOpened(u"\\srv\\vol\\a.txt", With({}, FILE_OVERWRITE), FILE_OVERWRITTEN);
         Provider.ClearScript();
     }
@@ -218,40 +206,32 @@ TEST_F(Creates, TakeTheSizesOfTheFileWhenTheyCanBeHad) {
 // ---- Failures of the Provider
 
 TEST_F(Creates, MapFailuresOfTheFileOpen) {
-    struct {
-        ULONG Raw;
-        NTSTATUS Status;
-        ULONG_PTR Information;
-    } constexpr Others[] = {
-        {0xC7E70503, STATUS_OBJECT_PATH_NOT_FOUND, FILE_DOES_NOT_EXIST},
-        {0xC7E7050D, STATUS_SHARING_VIOLATION, FILE_EXISTS},
-        {0xC7E7050E, STATUS_SHARING_VIOLATION, FILE_EXISTS},
-        {0xC7E70006, STATUS_ACCESS_DENIED, FILE_SUPERSEDED},
-        {0xC7E70107, STATUS_ACCESS_DENIED, FILE_SUPERSEDED},
-        {0xC7E70506, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST},
-        {0xC7E70509, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST},
-        {0xC7E70510, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST},
-        {0xC7E7000E, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST}, // pending
-        {0xC7E70000, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST}, // an error without a code
-        {0x00000000, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST}, // success without a handle
-        {0x00000516, STATUS_OBJECT_NAME_NOT_FOUND, FILE_DOES_NOT_EXIST},
-        {0x80000006, STATUS_ACCESS_DENIED, FILE_SUPERSEDED}, // the code decides, whatever the severity
-        {0xC0000503, STATUS_OBJECT_PATH_NOT_FOUND, FILE_DOES_NOT_EXIST},
+    const std::tuple<NTSTATUS, ULONG_PTR, std::vector<ULONG>> Cases[] = {
+        // The code decides, whatever the severity.
+        {STATUS_OBJECT_PATH_NOT_FOUND, FILE_DOES_NOT_EXIST, {0xC7E70503, 0xC0000503}},
+        {STATUS_SHARING_VIOLATION, FILE_EXISTS, {0xC7E7050D, 0xC7E7050E}},
+        {STATUS_ACCESS_DENIED, FILE_SUPERSEDED, {0xC7E70006, 0xC7E70107, 0x80000006}},
+        // Among them pending, an error without a code, success without a handle.
+        {STATUS_OBJECT_NAME_NOT_FOUND,
+         FILE_DOES_NOT_EXIST,
+         {0xC7E70506, 0xC7E70509, 0xC7E70510, 0xC7E7000E, 0xC7E70000, 0x00000000, 0x00000516}},
     };
-    for (const auto &Each : Others) {
-        SCOPED_TRACE(::testing::Message() << std::hex << Each.Raw);
-        Provider.OnCall(Slot::CreateFile, IsRealOpen).Return(static_cast<RVSTATUS>(Each.Raw));
-        for (const ULONG Disposition : {FILE_OPEN, FILE_OPEN_IF, FILE_OVERWRITE, FILE_SUPERSEDE, FILE_OVERWRITE_IF}) {
-            ExpectRefused(u"\\srv\\vol\\a.txt", With({}, Disposition), Each.Status, Each.Information);
+    for (const auto &[Status, Information, Codes] : Cases) {
+        for (const ULONG Raw : Codes) {
+            SCOPED_TRACE(Raw);
+            Provider.OnCall(Slot::CreateFile, IsRealOpen).Return(static_cast<RVSTATUS>(Raw));
+            for (const ULONG Disposition :
+                 {FILE_OPEN, FILE_OPEN_IF, FILE_OVERWRITE, FILE_SUPERSEDE, FILE_OVERWRITE_IF}) {
+                ExpectRefused(u"\\srv\\vol\\a.txt", With({}, Disposition), Status, Information);
+            }
+            // Without a type flag a missing name is replaced, not created new.
+            ExpectRefused(u"\\srv\\vol\\no", With({}, FILE_CREATE), Status, Information);
+            const bool Collides = Status == STATUS_OBJECT_NAME_NOT_FOUND;
+            ExpectRefused(u"\\srv\\vol\\no", With({}, FILE_CREATE, N), Collides ? STATUS_OBJECT_NAME_COLLISION : Status,
+                          Collides ? static_cast<ULONG_PTR>(FILE_EXISTS) : Information);
+            ExpectNothingOpen("a failed open");
+            Provider.ClearScript();
         }
-        // Without a type flag a missing name is replaced, not created new.
-        ExpectRefused(u"\\srv\\vol\\no", With({}, FILE_CREATE), Each.Status, Each.Information);
-        const bool Collides = Each.Status == STATUS_OBJECT_NAME_NOT_FOUND;
-        ExpectRefused(u"\\srv\\vol\\no", With({}, FILE_CREATE, N),
-                      Collides ? STATUS_OBJECT_NAME_COLLISION : Each.Status,
-                      Collides ? static_cast<ULONG_PTR>(FILE_EXISTS) : Each.Information);
-        ExpectNothingOpen("a failed open");
-        Provider.ClearScript();
     }
 }
 
@@ -340,15 +320,9 @@ TEST_F(Creates, AVolumeRootOpensWhateverTheDisposition) {
     Deleting.Access |= DELETE;
     ExpectRefused(u"\\srv\\vol", Deleting, STATUS_CANNOT_DELETE);
     ExpectRefused(u"\\none\\vol", AsDirectory, STATUS_BAD_NETWORK_PATH);
-}
-
-TEST_F(Creates, AVolumeRootByAnEmptyRelativeNameIsNotDeletedEither) {
-    const HANDLE RootHandle = MustOpen(u"\\srv\\vol", AsDirectory);
-    Open Deleting = With(AsDirectory, FILE_OPEN, FILE_DELETE_ON_CLOSE);
-    Deleting.Access |= DELETE;
-    Deleting.Related = RootHandle;
+    Deleting.Related = MustOpen(u"\\srv\\vol", AsDirectory);
     ExpectRefused(u"", Deleting, STATUS_CANNOT_DELETE);
-    EXPECT_EQ(Fcb(RootHandle)->VolumeResolved, 1);
+    EXPECT_EQ(Fcb(Deleting.Related)->VolumeResolved, 1);
 }
 
 TEST_F(Creates, ATrailingBackslashIsForDirectories) {

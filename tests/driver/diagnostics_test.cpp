@@ -2,6 +2,7 @@
 
 #include "embedded/system_volume.h"
 #include "frame/diagnostics.h"
+#include "tests/app/program.h"
 #include "tests/driver/frame_client.h"
 
 namespace {
@@ -19,11 +20,12 @@ protected:
     static std::string Buffered() {
         return {g_pLogBuffer, g_uLogBufferUsed};
     }
+
+    const std::string Thread = fmt::format("[TID - 0x{:X}] ", reinterpret_cast<ULONG_PTR>(KeGetCurrentThread()));
+    const std::string Process = fmt::format("[PID - 0x{:X}] ", reinterpret_cast<ULONG_PTR>(IoGetCurrentProcess()));
 };
 
 TEST_F(Diagnostics, AMessageIsProducedWhenItsMaskSharesABitAndHasThreadProcessDriverInFront) {
-    const std::string Thread = fmt::format("[TID - 0x{:X}] ", reinterpret_cast<ULONG_PTR>(KeGetCurrentThread()));
-    const std::string Process = fmt::format("[PID - 0x{:X}] ", reinterpret_cast<ULONG_PTR>(IoGetCurrentProcess()));
     const std::string Line = "[RVFSD] line 7\n";
     const struct {
         ULONG EnableDebug, Level, Mask;
@@ -104,20 +106,17 @@ TEST_F(Diagnostics, WhatIsAlwaysPrintedNeedsNeitherSwitchNorMemory) {
 
 // ---- Text from outside
 
-struct ExternalCase {
-    ULONG EnableDebug;
-    ULONG Messages;
-    std::string Text;
-    std::string Wanted;
-};
-
 TEST_F(Diagnostics, ExternalTextIsDataAndHasItsOwnSwitch) {
     const std::string Longest(4096, 'y');
-    const ExternalCase Cases[] = {
-        {1, 1, "100%s%n%wZ\n", "100%s%n%wZ\n"},   {1, 0, "text\n", ""},      {0, 1, "text\n", ""},
-        {1, 1, Longest, Longest.substr(0, 4095)}, {1, 1, Longest + "y", ""}, {1, 1, "", ""},
+    const struct {
+        ULONG EnableDebug, Messages;
+        std::string Text, Wanted;
+    } Cases[] = {
+        {6, 1, "text\n", Thread + Process + "text\n"}, // and not the driver's name
+        {1, 1, "100%s%n%wZ\n", "100%s%n%wZ\n"},        {1, 0, "text\n", ""},      {0, 1, "text\n", ""},
+        {1, 1, Longest, Longest.substr(0, 4095)},      {1, 1, Longest + "y", ""}, {1, 1, "", ""},
     };
-    for (const ExternalCase &Each : Cases) {
+    for (const auto &Each : Cases) {
         Start({.Switches = {{u"EnableDebug", Each.EnableDebug},
                             {u"FsDisplayOutput", 1},
                             {u"FsDebugLevel", 0},
@@ -127,15 +126,6 @@ TEST_F(Diagnostics, ExternalTextIsDataAndHasItsOwnSwitch) {
         EXPECT_EQ(Printed, Each.Wanted);
         Stop();
     }
-}
-
-TEST_F(Diagnostics, ExternalTextHasThreadAndProcessButNotTheDriverInFront) {
-    Start({.Switches = {{u"EnableDebug", 6}, {u"FsDisplayOutput", 1}, {u"RvioctlDbgMsg", 1}}});
-    Printed.clear();
-    NtFsdExternalPrint("text\n");
-    EXPECT_EQ(Printed.find("[TID - 0x"), 0u);
-    EXPECT_TRUE(WasPrinted("[PID - 0x"));
-    EXPECT_FALSE(WasPrinted("[RVFSD]"));
 }
 
 // ---- The log buffer
@@ -192,9 +182,14 @@ protected:
     static void Append(std::string_view Text) {
         NtFsdLogAppend(Text.data(), static_cast<ULONG>(Text.size()));
     }
+    // Appends and lets the writer look, as it does every 100 ms.
+    static void Write(std::string_view Text) {
+        Append(Text);
+        Pass100ms();
+    }
 };
 
-TEST_F(LogFile, BeginsWithTwoBannerLines) {
+TEST_F(LogFile, BeginsWithTwoBannerLinesAndHasNoHoleWhereABlockWasLost) {
     Boot(1);
     MustLoad();
     EXPECT_EQ(Log(), Banner);
@@ -202,6 +197,11 @@ TEST_F(LogFile, BeginsWithTwoBannerLines) {
     EXPECT_EQ(Log(), Banner) << "the writer looks every 100 ms";
     Pass100ms();
     EXPECT_EQ(Log(), Banner + "later\n");
+    embedded::FailNext(embedded::VolumeOperation::Write, STATUS_DISK_FULL);
+    Write("lost\n");
+    EXPECT_EQ(Log(), Banner + "later\n");
+    Write("next\n");
+    EXPECT_EQ(Log(), Banner + "later\nnext\n");
 }
 
 TEST_F(LogFile, IsOverwrittenFromItsStartOrDeletedFirst) {
@@ -224,8 +224,7 @@ TEST_F(LogFile, AnOpenOrABannerThatFailsIsTriedAgainEvery100ms) {
         Boot(1);
         embedded::FailNext(Operation, Failure, 2);
         MustLoad();
-        Append("kept\n");
-        Pass100ms();
+        Write("kept\n");
         EXPECT_EQ(Log(), Operation == VolumeOperation::Create ? "(none)" : "");
         Pass100ms();
         EXPECT_EQ(Log().substr(0, 42), Banner.substr(0, 42));
@@ -233,18 +232,6 @@ TEST_F(LogFile, AnOpenOrABannerThatFailsIsTriedAgainEvery100ms) {
         EXPECT_TRUE(Log().ends_with("kept\n"));
         Stop();
     }
-}
-
-TEST_F(LogFile, ABlockThatCannotBeWrittenLeavesNoHole) {
-    Boot(1);
-    MustLoad();
-    Append("lost\n");
-    embedded::FailNext(embedded::VolumeOperation::Write, STATUS_DISK_FULL);
-    Pass100ms();
-    EXPECT_EQ(Log(), Banner);
-    Append("next\n");
-    Pass100ms();
-    EXPECT_EQ(Log(), Banner + "next\n");
 }
 
 TEST_F(LogFile, AWriterWithoutMemoryEndsAndShutdownDoesNotWaitForIt) {
@@ -281,49 +268,40 @@ TEST_F(LogFile, ShutdownEndsAWriterThatCannotOpenItsFile) {
 }
 
 TEST_F(LogFile, AfterHalfAGigabyteTheNextTextStandsAtTheStart) {
-    const std::filesystem::path Folder = std::filesystem::temp_directory_path() / fmt::format("rvfsd-log-{}", getpid());
-    std::filesystem::create_directory(Folder);
-    Boot(1, Folder);
+    const test::ScratchDirectory Folder;
+    Boot(1, Folder.Path());
     MustLoad();
     const auto Head = [&] {
         Clock::Settle();
         std::string Start(64, '\0');
-        FILE *File = fopen((Folder / "Rvfsd.log").c_str(), "rb");
-        Start.resize(fread(Start.data(), 1, Start.size(), File));
-        fclose(File);
+        std::ifstream(Folder.File("Rvfsd.log"), std::ios::binary).read(Start.data(), 64);
         return Start;
     };
     const auto Size = [&] {
         Clock::Settle();
-        return std::filesystem::file_size(Folder / "Rvfsd.log");
+        return std::filesystem::file_size(Folder.File("Rvfsd.log"));
     };
     // Blocks of the whole buffer until one more does not fit below 500 MiB; that one is still written behind them.
     const std::string Block(LOG_BUFFER_BYTES, 'b');
     const unsigned Fit = static_cast<unsigned>((0x1F400000 - Banner.size()) / Block.size());
     for (unsigned Written = 0; Written < Fit; ++Written) {
-        Append(Block);
-        Pass100ms();
+        Write(Block);
     }
     EXPECT_EQ(Size(), Banner.size() + Fit * Block.size());
     EXPECT_EQ(Head(), Banner.substr(0, 64));
     // A block that is lost wraps nothing.
     embedded::FailNext(embedded::VolumeOperation::Write, STATUS_DISK_FULL);
-    Append(Block);
-    Pass100ms();
+    Write(Block);
     EXPECT_EQ(Size(), Banner.size() + Fit * Block.size());
     EXPECT_EQ(Head(), Banner.substr(0, 64));
-    Append(Block);
-    Pass100ms();
+    Write(Block);
     EXPECT_EQ(Size(), Banner.size() + (Fit + 1) * Block.size());
     EXPECT_EQ(Head(), "*** End of Log ***" + Banner.substr(18, 64 - 18));
-    Append("round again\n");
-    Pass100ms();
+    Write("round again\n");
     EXPECT_EQ(Head(), "round again\n*** End of Log ***" + Banner.substr(30, 64 - 30));
-    Append("and on\n");
-    Pass100ms();
+    Write("and on\n");
     EXPECT_EQ(Head(), "round again\nand on\n*** End of Log ***" + Banner.substr(37, 64 - 37));
     Stop();
-    std::filesystem::remove_all(Folder);
 }
 
 } // namespace

@@ -41,11 +41,9 @@ constexpr std::string_view Arrow = "<<<<<<<<<<<<<";
 class Entry : public test::FrameFixture {
 protected:
     // Sends a request of a row on a file object without contexts.
-    IO_STATUS_BLOCK SendBare(const EntryRow &Row, bool Cancelled = false) {
+    IO_STATUS_BLOCK SendBare(const EntryRow &Row, bool IsCancelled = false) {
         const test::OwnedFile Bare(Device(), u"\\srv\\vol\\a.txt");
-        embedded::IrpBuilder Builder = Plain(Row.MajorFunction, Bare);
-        Builder.CancelledBefore = Cancelled;
-        return Send(Builder);
+        return Send(IsCancelled ? Cancelled(Row.MajorFunction, Bare) : Plain(Row.MajorFunction, Bare));
     }
     embedded::IrpBuilder Cancelled(UCHAR MajorFunction, PFILE_OBJECT File) {
         embedded::IrpBuilder Builder = Plain(MajorFunction, File);

@@ -1,6 +1,8 @@
 // Byte-range locks for tests: by handle through the system services, and as raw requests.
 #pragma once
 
+#include <list>
+
 #include "tests/driver/frame_client.h"
 
 namespace test {
@@ -34,8 +36,9 @@ protected:
         return Builder;
     }
     // A lock that may wait.
-    embedded::SentIrp Wait(HANDLE Handle, LONGLONG Offset, LARGE_INTEGER *Length) {
-        return embedded::SendIrp(Device(), Request(Handle, IRP_MN_LOCK, Offset, Length));
+    embedded::SentIrp Wait(HANDLE Handle, LONGLONG Offset, LONGLONG Length = 4) {
+        Lengths_.push_back({.QuadPart = Length});
+        return embedded::SendIrp(Device(), Request(Handle, IRP_MN_LOCK, Offset, &Lengths_.back()));
     }
 
     // The locks of the file's table.
@@ -60,6 +63,9 @@ protected:
         }
         return Told;
     }
+
+private:
+    std::list<LARGE_INTEGER> Lengths_; // of locks that wait
 };
 
 } // namespace test

@@ -64,13 +64,12 @@ TEST_F(Locks, WhatIsWrongHereIsRefusedWithoutTheServerAndWhatFailsThereIsToldAnd
 }
 
 TEST_F(Locks, ARefusalOfTheServerLeavesNoLocalLock) {
-    LARGE_INTEGER Length = {.QuadPart = 10};
     for (const auto &[Raw, Status] : {std::pair{ProviderError(providers::CodeLockNotGranted), STATUS_LOCK_NOT_GRANTED},
                                       {static_cast<RVSTATUS>(0x000E), STATUS_UNSUCCESSFUL}}) { // pending is none either
         Provider.OnCall(Slot::LockFile).Return(Raw);
         EXPECT_EQ(Lock(First, 0, 10), Status);
         EXPECT_TRUE(LocalLocks(First).empty());
-        EXPECT_EQ(Wait(First, 0, &Length).Wait().Status, Status);
+        EXPECT_EQ(Wait(First, 0, 10).Wait().Status, Status);
         EXPECT_TRUE(LocalLocks(First).empty());
         Provider.ClearScript();
     }
@@ -78,9 +77,8 @@ TEST_F(Locks, ARefusalOfTheServerLeavesNoLocalLock) {
 
 TEST_F(Locks, AWaitingLockThatTheServerRefusesMakesRoomForTheNext) {
     EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
-    LARGE_INTEGER Length = {.QuadPart = 4};
-    embedded::SentIrp Refused = Wait(Second, 0, &Length);
-    embedded::SentIrp Next = Wait(First, 0, &Length);
+    embedded::SentIrp Refused = Wait(Second, 0);
+    embedded::SentIrp Next = Wait(First, 0);
     Provider.OnCall(Slot::LockFile).Times(1).Return(ProviderError(providers::CodeLockNotGranted));
     EXPECT_EQ(Unlock(First, 0, 10), STATUS_SUCCESS);
     EXPECT_EQ(Refused.Wait().Status, STATUS_LOCK_NOT_GRANTED);
@@ -106,10 +104,9 @@ void OnASmallStack(std::function<void()> Work) {
 
 TEST_F(Locks, WaitersThatKeepNothingGrantEachOtherWithoutGoingDeeper) {
     EXPECT_EQ(Lock(First, 0, 1), STATUS_SUCCESS);
-    LARGE_INTEGER Length = {.QuadPart = 1};
     std::vector<embedded::SentIrp> Waiting;
     for (int Each = 0; Each < 2000; ++Each) {
-        Waiting.push_back(Wait(Second, 0, &Length));
+        Waiting.push_back(Wait(Second, 0, 1));
     }
     Provider.OnCall(Slot::LockFile).Return(ProviderError(providers::CodeLockNotGranted));
     OnASmallStack([&] { EXPECT_EQ(Unlock(First, 0, 1), STATUS_SUCCESS); });
@@ -127,7 +124,7 @@ TEST_F(Locks, ALockThatIsUnlockedBeforeTheServerHeardOfItIsCancelled) {
     for (const UCHAR Minor : {IRP_MN_UNLOCK_SINGLE, IRP_MN_UNLOCK_ALL, IRP_MN_UNLOCK_ALL_BY_KEY}) {
         Provider.ClearCalls();
         EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
-        embedded::SentIrp Waiting = Wait(Second, 2, &Length);
+        embedded::SentIrp Waiting = Wait(Second, 2);
         std::function<void()> Overtake = [&] {
             EXPECT_EQ(Send(Request(Second, Minor, 2, &Length)), STATUS_SUCCESS);
             EXPECT_EQ(Send(Request(Second, Minor, 2, &Length)),
@@ -148,8 +145,7 @@ TEST_F(Locks, ALockThatIsUnlockedBeforeTheServerHeardOfItIsCancelled) {
 
 TEST_F(Locks, ACancelledWaitNeverReachesTheServer) {
     EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
-    LARGE_INTEGER Length = {.QuadPart = 4};
-    embedded::SentIrp Waiting = Wait(Second, 2, &Length);
+    embedded::SentIrp Waiting = Wait(Second, 2);
     EXPECT_TRUE(Waiting.Cancel());
     EXPECT_EQ(Waiting.Wait().Status, STATUS_CANCELLED);
     EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10"}));

@@ -53,13 +53,16 @@ protected:
             return RV_SECURITY_CONTEXT{{Account, Account}};
         });
         Logons.emplace();
-        PVOID Out = nullptr;
-        ASSERT_EQ(DllGetClassObject(&CLSID_RvfsdMapping, &IID_IClassFactory, &Out), RVPSTATUS::Success);
-        const auto Maker = static_cast<RVFSD_FACTORY *>(Out);
-        ASSERT_EQ(Maker->Table->CreateInstance(Maker, nullptr, &IID_RvfsdMapping, &Out), RVPSTATUS::Success);
-        Maker->Table->Release(Maker);
-        Mapping = static_cast<RVFSD_MAPPING *>(Out);
+        Mapping = NewMapping();
         Provider.ClearCalls();
+    }
+    static RVFSD_MAPPING *NewMapping() {
+        PVOID Out = nullptr;
+        EXPECT_EQ(DllGetClassObject(&CLSID_RvfsdMapping, &IID_IClassFactory, &Out), RVPSTATUS::Success);
+        const auto Maker = static_cast<RVFSD_FACTORY *>(Out);
+        EXPECT_EQ(Maker->Table->CreateInstance(Maker, nullptr, &IID_RvfsdMapping, &Out), RVPSTATUS::Success);
+        Maker->Table->Release(Maker);
+        return static_cast<RVFSD_MAPPING *>(Out);
     }
     void StopMapping() {
         EXPECT_EQ(Mapping->Table->Release(Mapping), 0u);

@@ -205,7 +205,6 @@ protected:
                static_cast<int>(Provider.CountCalls(Slot::UnlockFile));
     }
 
-    LARGE_INTEGER Length = {.QuadPart = 4};
     HANDLE Owner = nullptr, Other = nullptr;
 };
 
@@ -217,7 +216,7 @@ TEST_F(LockRaces, GrantAgainstCleanup) {
             Owner = MustOpen(u"\\srv\\vol\\a.txt", Writer);
             Other = MustOpen(u"\\srv\\vol\\a.txt", Writer);
             EXPECT_EQ(Lock(Owner, 0, 10), STATUS_SUCCESS);
-            Waiting.emplace(Wait(Other, 2, &Length));
+            Waiting.emplace(Wait(Other, 2));
         },
         {[&] { Unlock(Owner, 0, 10); }, [&] { Close(Other); }},
         [&] {
@@ -233,7 +232,7 @@ TEST_F(LockRaces, UnlockAgainstTheTellingOfTheServer) {
     NTSTATUS Unlocked = STATUS_SUCCESS;
     MustPass(
         "unlock against the telling of the server", [&] { Owner = MustOpen(u"\\srv\\vol\\a.txt", Writer); },
-        {[&] { Waiting.emplace(Wait(Owner, 2, &Length)); }, [&] { Unlocked = Unlock(Owner, 2, 4); }},
+        {[&] { Waiting.emplace(Wait(Owner, 2)); }, [&] { Unlocked = Unlock(Owner, 2, 4); }},
         [&] {
             const bool Locked = Ended("the lock", Waited(), {STATUS_SUCCESS, STATUS_CANCELLED});
             const bool Given = Ended("the unlock", Unlocked, {STATUS_SUCCESS, STATUS_RANGE_NOT_LOCKED});

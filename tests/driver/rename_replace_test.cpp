@@ -1,9 +1,8 @@
 // Renames whose new name is taken, by another object or, in another letter case, by the one that is renamed: whatever
 // is in the way, and by whatever name, no content is lost but the replaced file's.
 
-#include <fstream>
-
 #include "providers/directory/directory_provider.h"
+#include "tests/app/program.h"
 #include "tests/driver/rename_client.h"
 
 namespace {
@@ -160,18 +159,15 @@ struct AliasCase {
 class Aliases : public test::RenameFixture, public testing::WithParamInterface<AliasCase> {
 protected:
     void SetUp() override {
-        char Template[] = "/tmp/rename-test-XXXXXX";
-        ASSERT_NE(mkdtemp(Template), nullptr);
-        Root_ = Template;
-        std::filesystem::create_directories(Root_ / "vol/dir");
-        std::filesystem::create_directories(Root_ / "other");
-        std::filesystem::create_directory_symlink("dir", Root_ / "vol/link");
-        Write("vol/dir/f.txt", "mine");
-        std::filesystem::create_hard_link(Root_ / "vol/dir/f.txt", Root_ / "vol/dir/hard.txt");
-        Write("vol/theirs.txt", "theirs");
-        Write("other/theirs.txt", "theirs");
-        ASSERT_EQ(Local_.AddExport(u"\\\\srv\\vol", Root_ / "vol"), "");
-        ASSERT_EQ(Local_.AddExport(u"\\\\srv\\other", Root_ / "other"), "");
+        std::filesystem::create_directories(Root_.File("vol/dir"));
+        std::filesystem::create_directories(Root_.File("other"));
+        std::filesystem::create_directory_symlink("dir", Root_.File("vol/link"));
+        Root_.Write("vol/dir/f.txt", "mine");
+        std::filesystem::create_hard_link(Root_.File("vol/dir/f.txt"), Root_.File("vol/dir/hard.txt"));
+        Root_.Write("vol/theirs.txt", "theirs");
+        Root_.Write("other/theirs.txt", "theirs");
+        ASSERT_EQ(Local_.AddExport(u"\\\\srv\\vol", Root_.File("vol")), "");
+        ASSERT_EQ(Local_.AddExport(u"\\\\srv\\other", Root_.File("other")), "");
         ASSERT_EQ(Local_.AddLinks({{u"\\\\dfs\\team", u"\\\\srv\\vol\\dir"}}), "");
         Interface_ = Local_.Interface();
         Start({.Provider = Interface_});
@@ -180,17 +176,9 @@ protected:
         test::RenameFixture::TearDown();
         EXPECT_EQ(Local_.OpenHandles(), 0u);
         Interface_->Table->Release(Interface_);
-        std::filesystem::remove_all(Root_);
-    }
-    void Write(const char *Name, const char *Content) {
-        std::ofstream(Root_ / Name) << Content;
-    }
-    std::string Content(const char *Name) {
-        std::ifstream File(Root_ / Name);
-        return {std::istreambuf_iterator<char>(File), {}};
     }
 
-    std::filesystem::path Root_;
+    test::ScratchDirectory Root_;
     providers::DirectoryProvider Local_;
     RVIOM_FSD *Interface_ = nullptr;
 };
@@ -201,10 +189,10 @@ TEST_P(Aliases, LoseNothing) {
     EXPECT_EQ(Rename(Handle, Case.Target, true), Case.Status);
     EXPECT_EQ(PathOf(Handle), Case.Status == STATUS_SUCCESS ? Case.Target : Case.Source);
     Close(Handle);
-    EXPECT_EQ(Content(Case.Place), "mine");
-    EXPECT_EQ(Content("other/theirs.txt"), "theirs");
+    EXPECT_EQ(Root_.Read(Case.Place), "mine");
+    EXPECT_EQ(Root_.Read("other/theirs.txt"), "theirs");
     const bool Replaces = std::string_view(Case.Place) == "vol/theirs.txt";
-    EXPECT_EQ(Content("vol/theirs.txt"), Replaces ? "mine" : "theirs");
+    EXPECT_EQ(Root_.Read("vol/theirs.txt"), Replaces ? "mine" : "theirs");
 }
 
 INSTANTIATE_TEST_SUITE_P(Names, Aliases,

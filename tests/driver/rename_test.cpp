@@ -20,6 +20,16 @@ protected:
                                          "RVFsdCreateFile",
                                          "RVFsdGetFileId",
                                          "RVFsdCloseFile"};
+
+    // With another name in the target's file object.
+    NTSTATUS RenameAs(HANDLE Handle, HANDLE Target, std::u16string_view Name) {
+        const auto Bytes = static_cast<USHORT>(Name.size() * sizeof(WCHAR));
+        const UNICODE_STRING Old =
+            std::exchange(FileObject(Target)->FileName, {Bytes, Bytes, const_cast<PWSTR>(Name.data())});
+        const NTSTATUS Status = RenameThrough(Handle, Target, true);
+        FileObject(Target)->FileName = Old;
+        return Status;
+    }
 };
 
 // ---- The move
@@ -148,11 +158,8 @@ TEST_F(Renaming, ATargetThatCannotBeDeletedStays) {
     EXPECT_EQ(Made(), Expected);
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\a.txt"), "0123456789");
     EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
-}
-
-TEST_F(Renaming, ATargetThatVanishedMeanwhileIsOutOfTheWay) {
-    Provider.AddFile(u"\\srv\\vol\\b.txt", "old");
-    const HANDLE Handle = OpenFile();
+    // One that vanished meanwhile is out of the way.
+    Provider.Edit([](providers::Tree &Tree) { Tree.Find(u"\\srv\\vol\\b.txt")->Attributes = 0; });
     Provider.OnCall(Slot::DeleteFile).ReturnAfter(ProviderError(0x0506));
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", true), STATUS_SUCCESS);
 }
@@ -247,14 +254,18 @@ TEST_F(Renaming, AReadOnlyOneIsMovedWithTheAttributeOffAndHasItAgainWhateverHapp
 
 // ---- Other opens
 
-// Every open of the file, however it was named, names the renamed file and nothing else.
+// Every open of the file, however it was named, names the renamed file and nothing else, and deletes it by disposition
+// or as it was opened for.
 TEST_F(Renaming, EveryOtherOpenStaysValidAndDeletesTheRenamedFile) {
-    for (int Deleting = 0; Deleting < 3; ++Deleting) {
+    for (int Turn = 0; Turn < 4; ++Turn) {
+        const int Deleting = Turn % 3;
         Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "mine");
         const HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
         Open Below = test::ForChange;
         Below.Related = Directory;
-        const HANDLE Handles[] = {OpenFile(u"\\srv\\vol\\d\\f.txt"), MustOpen(u"f.txt", Below),
+        Open First = test::ForChange;
+        First.Options |= Turn == 3 ? FILE_DELETE_ON_CLOSE : 0;
+        const HANDLE Handles[] = {MustOpen(u"\\srv\\vol\\d\\f.txt", First), MustOpen(u"f.txt", Below),
                                   OpenFile(u"\\srv\\vol\\D\\F.TXT")};
         EXPECT_EQ(Rename(Handles[0], u"\\srv\\vol\\moved.txt"), STATUS_SUCCESS);
         Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "a new one");
@@ -262,7 +273,7 @@ TEST_F(Renaming, EveryOtherOpenStaysValidAndDeletesTheRenamedFile) {
             ExpectNamed(Each, u"\\srv\\vol\\moved.txt");
             EXPECT_EQ(ReadAll(Each), "mine");
         }
-        EXPECT_EQ(SetDisposition(Handles[Deleting], true), STATUS_SUCCESS);
+        EXPECT_EQ(Turn == 3 ? STATUS_SUCCESS : SetDisposition(Handles[Deleting], true), STATUS_SUCCESS);
         Close(Handles[(Deleting + 1) % 3]);
         Close(Directory);
         Close(Handles[(Deleting + 2) % 3]);
@@ -271,17 +282,6 @@ TEST_F(Renaming, EveryOtherOpenStaysValidAndDeletesTheRenamedFile) {
         EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\moved.txt"));
         EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\f.txt"), "a new one");
     }
-}
-
-TEST_F(Renaming, DeleteOnCloseFollowsTheFile) {
-    Open Deleting = test::ForChange;
-    Deleting.Options |= FILE_DELETE_ON_CLOSE;
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", Deleting);
-    EXPECT_EQ(Rename(Handle, u"\\srv\\vol\\d\\b.txt"), STATUS_SUCCESS);
-    Provider.AddFile(u"\\srv\\vol\\a.txt", "a new one");
-    Close(Handle);
-    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\d\\b.txt"));
-    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\a.txt"));
 }
 
 TEST_F(Renaming, OpensBelowTheTargetOutliveItsHandle) {
@@ -367,24 +367,6 @@ TEST_F(Renaming, TheRootOfAVolumeHasNoNameToChange) {
     EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\d"));
 }
 
-// The name of the target's file object while one of these lives.
-class Renamed {
-public:
-    Renamed(PFILE_OBJECT File, std::u16string_view Name) : File_(File), Old_(File->FileName) {
-        const auto Bytes = static_cast<USHORT>(Name.size() * sizeof(WCHAR));
-        File->FileName = {Bytes, Bytes, const_cast<PWSTR>(Name.data())};
-    }
-    ~Renamed() {
-        File_->FileName = Old_;
-    }
-    Renamed(const Renamed &) = delete;
-    Renamed &operator=(const Renamed &) = delete;
-
-private:
-    PFILE_OBJECT File_;
-    UNICODE_STRING Old_;
-};
-
 TEST_F(Renaming, ToANameThatCannotBeIsRefusedBeforeAnythingIsAsked) {
     const HANDLE Handle = OpenFile();
     for (const std::u16string &Name :
@@ -393,10 +375,7 @@ TEST_F(Renaming, ToANameThatCannotBeIsRefusedBeforeAnythingIsAsked) {
           std::u16string(32767, u'n'),    // too long itself
           std::u16string(32756, u'n')}) { // by one, below "\srv\vol\d"
         const HANDLE Target = OpenTarget(u"\\srv\\vol\\d\\new.txt");
-        {
-            const Renamed Bad(FileObject(Target), Name);
-            EXPECT_EQ(RenameThrough(Handle, Target, true), STATUS_OBJECT_NAME_INVALID);
-        }
+        EXPECT_EQ(RenameAs(Handle, Target, Name), STATUS_OBJECT_NAME_INVALID);
         EXPECT_EQ(CallNames(), Calls{"RVFsdCloseDirectory"});
         EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
         Close(Target);
@@ -405,10 +384,7 @@ TEST_F(Renaming, ToANameThatCannotBeIsRefusedBeforeAnythingIsAsked) {
     const HANDLE Target = OpenTarget(u"\\srv\\vol\\d\\new.txt");
     const std::u16string Name(32755, u'n');
     Provider.OnCall(Slot::MoveFile).Return(RVSTATUS::Success);
-    {
-        const Renamed Longest(FileObject(Target), Name);
-        EXPECT_EQ(RenameThrough(Handle, Target), STATUS_SUCCESS);
-    }
+    EXPECT_EQ(RenameAs(Handle, Target, Name), STATUS_SUCCESS);
     EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\d\\" + Name);
 }
 

@@ -8,6 +8,13 @@ namespace {
 using namespace providers;
 using namespace test;
 
+// Failures of the server, as it says them and as callers hear of them.
+constexpr std::pair<ULONG, NTSTATUS> Refusals[] = {{0xC7E70006, STATUS_ACCESS_DENIED},
+                                                   {0xC7E70000, STATUS_UNSUCCESSFUL},
+                                                   {0xC7E7000E, STATUS_UNSUCCESSFUL},
+                                                   {0x0000000E, STATUS_UNSUCCESSFUL},
+                                                   {0x80000007, STATUS_BUFFER_OVERFLOW}};
+
 class Setting : public test::SetFixture {};
 
 // ---- Attributes and times
@@ -103,13 +110,9 @@ TEST_F(Setting, ARefusalOfTheProviderIsTheAnswer) {
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", ForChange);
     FILE_BASIC_INFORMATION Basic = {};
     Basic.FileAttributes = FILE_ATTRIBUTE_HIDDEN;
-    for (const auto &[Raw, Status] :
-         std::vector<std::pair<RVSTATUS, NTSTATUS>>{{ProviderError(0x0006), STATUS_ACCESS_DENIED},
-                                                    {ProviderError(0x0000), STATUS_UNSUCCESSFUL},
-                                                    {ProviderError(0x000E), STATUS_UNSUCCESSFUL},
-                                                    {static_cast<RVSTATUS>(0x0000000E), STATUS_UNSUCCESSFUL}}) {
+    for (const auto &[Raw, Status] : Refusals) {
         Provider.ClearScript();
-        Provider.OnCall(Slot::SetFileInformation).Return(Raw);
+        Provider.OnCall(Slot::SetFileInformation).Return(RVSTATUS{Raw});
         EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), Status);
     }
 }
@@ -257,13 +260,9 @@ TEST_P(SettingSizes, IsAWriteOfNothingAtTheNewEnd) {
 }
 
 TEST_P(SettingSizes, FailsAsTheServerFailsAndLeavesTheSizes) {
-    for (const auto &[Raw, Status] :
-         std::vector<std::pair<RVSTATUS, NTSTATUS>>{{ProviderError(0x0006), STATUS_ACCESS_DENIED},
-                                                    {ProviderError(0x0000), STATUS_UNSUCCESSFUL},
-                                                    {static_cast<RVSTATUS>(0x0000000E), STATUS_UNSUCCESSFUL},
-                                                    {static_cast<RVSTATUS>(0x80000007), STATUS_BUFFER_OVERFLOW}}) {
+    for (const auto &[Raw, Status] : Refusals) {
         Provider.ClearScript();
-        Provider.OnCall(Slot::WriteFile).Return(Raw);
+        Provider.OnCall(Slot::WriteFile).Return(RVSTATUS{Raw});
         EXPECT_EQ(SetSize(4), Status);
         ExpectSizes(10);
         EXPECT_TRUE(IsMarkedChanged()); // the server may have begun

@@ -16,24 +16,6 @@ namespace {
 
 using embedded::SendIrp;
 
-// A device that stays for requests after the driver has deleted it.
-class KeptDevice {
-public:
-    KeptDevice() : Device_(embedded::DeviceFromName(u"\\Device\\RvFsd")) {
-    }
-    ~KeptDevice() {
-        embedded::DereferenceDevice(Device_);
-    }
-    KeptDevice(const KeptDevice &) = delete;
-    KeptDevice &operator=(const KeptDevice &) = delete;
-    operator PDEVICE_OBJECT() const {
-        return Device_;
-    }
-
-private:
-    PDEVICE_OBJECT Device_;
-};
-
 class Shutdown : public test::LockFixture {
 protected:
     NTSTATUS ShutDown() {
@@ -115,7 +97,10 @@ TEST_F(Shutdown, LaterRequestsAreRefusedAndTouchNothing) {
                                               {IRP_MJ_CLOSE, STATUS_SUCCESS}};
     Start();
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
-    const KeptDevice Kept;
+    // Stays for requests after the driver has deleted it.
+    const std::unique_ptr<DEVICE_OBJECT, void (*)(PDEVICE_OBJECT)> Device(
+        embedded::DeviceFromName(u"\\Device\\RvFsd"), [](PDEVICE_OBJECT Kept) { embedded::DereferenceDevice(Kept); });
+    const PDEVICE_OBJECT Kept = Device.get();
     EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
     Provider.ClearCalls();
     Framework->ClearLog();
@@ -221,9 +206,8 @@ TEST_F(Shutdown, LocksThatWaitAreCancelledOneAfterTheOther) {
     const HANDLE Holder = MustOpen(u"\\srv\\vol\\a.txt", Writer);
     const HANDLE Waiter = MustOpen(u"\\srv\\vol\\a.txt", Writer);
     EXPECT_EQ(Lock(Holder, 0, 10), STATUS_SUCCESS);
-    LARGE_INTEGER Length = {.QuadPart = 4};
-    embedded::SentIrp One = Wait(Waiter, 2, &Length);
-    embedded::SentIrp Two = Wait(Waiter, 2, &Length);
+    embedded::SentIrp One = Wait(Waiter, 2);
+    embedded::SentIrp Two = Wait(Waiter, 2);
     EXPECT_EQ(One.Returned(), STATUS_PENDING);
     EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
     EXPECT_EQ(One.Wait().Status, STATUS_CANCELLED);
@@ -234,8 +218,7 @@ TEST_F(Shutdown, LocksThatWaitAreCancelledOneAfterTheOther) {
 TEST_F(Shutdown, ALockWhoseCancellerIsOvertakenIsCompletedAllTheSame) {
     const HANDLE Holder = MustOpen(u"\\srv\\vol\\a.txt", Writer);
     EXPECT_EQ(Lock(Holder, 0, 10), STATUS_SUCCESS);
-    LARGE_INTEGER Length = {.QuadPart = 4};
-    embedded::SentIrp Waiting = Wait(Holder, 2, &Length);
+    embedded::SentIrp Waiting = Wait(Holder, 2);
     const PIRP Irp = Waiting.Irp();
     Irp->Cancel = TRUE;
     const PDRIVER_CANCEL Routine = std::exchange(Irp->CancelRoutine, nullptr);
