@@ -105,14 +105,11 @@ TEST_F(Claims, AreDecidedByTheProvidersStatusAndTheFilter) {
     }
 }
 
-struct NameRow {
-    std::u16string_view Name;
-    std::u16string_view Asked; // of the Provider
-    ULONG Filtered;            // the claim with the filter on
-};
-
 TEST_F(Claims, AskForServerAndShareAndClaimTheServer) {
-    constexpr NameRow Names[] = {
+    struct {
+        std::u16string_view Name, Asked; // of the Provider
+        ULONG Filtered;                  // the claim with the filter on
+    } constexpr Names[] = {
         {u"\\srv\\vol\\docs\\a.txt", u"\\srv\\vol", 8},
         {u"\\srv\\vol", u"\\srv\\vol", 8},
         {u"\\srv\\vol\\", u"\\srv\\vol", 8},
@@ -125,7 +122,7 @@ TEST_F(Claims, AskForServerAndShareAndClaimTheServer) {
     };
     StartFiltering(true);
     Provider.OnCall(Slot::QueryPathForVolume).ReturnAfter(RVSTATUS::Success).AnswerPath(u"\\srv\\vol");
-    for (const NameRow &Row : Names) {
+    for (const auto &Row : Names) {
         Provider.ClearCalls();
         const Answer Got = Ask(Row.Name);
         EXPECT_EQ(Got.Status, STATUS_SUCCESS) << providers::ToUtf8(Row.Name);
@@ -160,27 +157,23 @@ TEST_F(Claims, NeverTakeTheTwoRefusedNames) {
 }
 
 TEST_F(Claims, NeedAKernelCallerAndRoomForBothRecords) {
-    struct Case {
-        ULONG Input, Output;
-        KPROCESSOR_MODE Mode;
-        NTSTATUS Status;
-    };
+    using Case = std::tuple<ULONG, ULONG, KPROCESSOR_MODE, NTSTATUS>;
     StartFiltering(false);
-    for (const Case &Each :
+    for (const auto &[Input, Output, Mode, Status] :
          {Case{79, 4, KernelMode, STATUS_INVALID_PARAMETER}, Case{80, 3, KernelMode, STATUS_INVALID_PARAMETER},
           Case{0, 0, UserMode, STATUS_INVALID_DEVICE_REQUEST}, Case{80, 4, UserMode, STATUS_INVALID_DEVICE_REQUEST},
           Case{80, 4, KernelMode, STATUS_SUCCESS}}) {
-        InputBytes = Each.Input;
-        OutputBytes = Each.Output;
+        InputBytes = Input;
+        OutputBytes = Output;
         Printed.clear();
         embedded::IrpBuilder Builder = Question(Counted(u"\\srv\\vol"));
-        Builder.RequestorMode = Each.Mode;
+        Builder.RequestorMode = Mode;
         embedded::SentIrp Sent = embedded::SendIrp(Device(), Builder);
-        EXPECT_EQ(Sent.Wait().Status, Each.Status);
+        EXPECT_EQ(Sent.Wait().Status, Status);
         EXPECT_EQ(Sent.PriorityBoost(), 2);
         EXPECT_EQ(WasPrinted(fmt::format("called with insufficient buffer size; input {} bytes, output {} bytes.\n",
-                                         Each.Input, Each.Output)),
-                  Each.Input < 80 || Each.Output < 4);
+                                         Input, Output)),
+                  Input < 80 || Output < 4);
     }
 }
 

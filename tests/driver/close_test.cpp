@@ -176,21 +176,19 @@ TEST_F(CloseOfAnOpen, ADeletionIsMadeInTheNameOfItsOwner) {
     Close(MustOpen(u"\\srv\\vol\\a.txt")); // binds the framework
     const auto As = [this](ULONG64 Who) { Framework->SetCaller([Who] { return RV_SECURITY_CONTEXT{{Who, ~Who}}; }); };
     constexpr UCHAR Delete = TRUE;
-    struct Case {
-        bool FirstOnClose, SecondSets;
-        ULONG64 Owner;
-    };
-    for (const Case &Each : {Case{true, false, 1}, Case{true, true, 2}, Case{false, true, 2}}) {
+    // Whether the first open deletes on close and the second one sets the disposition.
+    for (const auto &[OnClose, Sets] : {std::pair{true, false}, {true, true}, {false, true}}) {
+        const ULONG64 Owner = Sets ? 2 : 1;
         Provider.AddFile(u"\\srv\\vol\\x.txt", "x");
         Open Request = Deleting;
-        Request.Options |= Each.FirstOnClose ? FILE_DELETE_ON_CLOSE : 0;
+        Request.Options |= OnClose ? FILE_DELETE_ON_CLOSE : 0;
         As(1);
         const HANDLE First = MustOpen(u"\\srv\\vol\\x.txt", Request);
         As(2);
         const HANDLE Second = MustOpen(u"\\srv\\vol\\x.txt", Deleting);
         const HANDLE Third = MustOpen(u"\\srv\\vol\\x.txt", Deleting);
         As(3);
-        if (Each.SecondSets) {
+        if (Sets) {
             IO_STATUS_BLOCK IoStatus;
             EXPECT_EQ(
                 NtSetInformationFile(Second, &IoStatus, const_cast<UCHAR *>(&Delete), 1, FileDispositionInformation),
@@ -202,7 +200,7 @@ TEST_F(CloseOfAnOpen, ADeletionIsMadeInTheNameOfItsOwner) {
         Close(Third);
         for (const providers::Call &Made : Provider.CallRecords()) {
             const bool IsDeletion = Made.Operation == Slot::DeleteFile || Made.Operation == Slot::GetFileInformation;
-            EXPECT_EQ(Made.Security.Words[0], IsDeletion ? Each.Owner : 3) << static_cast<int>(Made.Operation);
+            EXPECT_EQ(Made.Security.Words[0], IsDeletion ? Owner : 3) << static_cast<int>(Made.Operation);
             EXPECT_EQ(Made.Security.Words[1], ~Made.Security.Words[0]);
         }
         EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\x.txt"));

@@ -67,14 +67,11 @@ TEST_F(SharedOpens, GetAlongExactlyWhenTheirAccessAndSharingDo) {
     }
 }
 
-struct ExtraCase {
-    ULONG Disposition;
-    ULONG FirstShare;
-    bool Fits;
-};
-
 TEST_F(SharedOpens, ThatReplaceContentNeedTheAccessForIt) {
-    constexpr ExtraCase Cases[] = {
+    struct {
+        ULONG Disposition, FirstShare;
+        bool Fits;
+    } constexpr Cases[] = {
         {FILE_OPEN, FILE_SHARE_READ, true},
         {FILE_OPEN_IF, FILE_SHARE_READ, true},
         {FILE_OVERWRITE, FILE_SHARE_READ, false},
@@ -84,7 +81,7 @@ TEST_F(SharedOpens, ThatReplaceContentNeedTheAccessForIt) {
         {FILE_SUPERSEDE, FILE_SHARE_READ | FILE_SHARE_WRITE, false},
         {FILE_SUPERSEDE, ShareAll, true},
     };
-    for (const ExtraCase &Each : Cases) {
+    for (const auto &Each : Cases) {
         const HANDLE Held = MustOpen(u"\\srv\\vol\\a.txt", {.Share = Each.FirstShare});
         const embedded::CreateResult Result = Create(u"\\srv\\vol\\a.txt", With({}, Each.Disposition));
         EXPECT_EQ(Result.Status, Each.Fits ? STATUS_SUCCESS : STATUS_SHARING_VIOLATION) << Each.Disposition;

@@ -42,40 +42,38 @@ protected:
     }
 };
 
+// A file that is made, one that is deleted, a directory that is made.
+constexpr std::pair<std::u16string_view, Open> Changes[] = {
+    {u"\\srv\\vol\\d\\new", {.Access = FILE_WRITE_DATA | SYNCHRONIZE, .Disposition = FILE_CREATE}},
+    {u"\\srv\\vol\\d\\old",
+     {.Access = DELETE | SYNCHRONIZE, .Options = FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT}},
+    {u"\\srv\\vol\\d\\sub",
+     {.Disposition = FILE_CREATE, .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT}},
+};
+
 TEST_F(Watching, WhatIsMadeOrDeletedEndsTheWaitsForFileNamesAndTheTreeBelowIsNotWatched) {
-    Provider.AddFile(u"\\srv\\vol\\d\\old.txt", "");
+    Provider.AddFile(u"\\srv\\vol\\d\\old", "");
     Provider.AddDirectory(u"\\srv\\vol\\d\\deep");
     HANDLE Directory = Watch(u"\\srv\\vol\\d");
     HANDLE Root = Watch(u"\\srv\\vol");
-    {
-        SentIrp Above = Wait(Root, FILE_NOTIFY_CHANGE_FILE_NAME, SL_WATCH_TREE);
-        SentIrp Directories = Wait(Directory, FILE_NOTIFY_CHANGE_DIR_NAME);
-        const std::function<void()> Changes[] = {
-            [&] { MakeFile(u"\\srv\\vol\\d\\new.txt"); },
-            [&] {
-                Close(MustOpen(
-                    u"\\srv\\vol\\d\\old.txt",
-                    {.Access = DELETE | SYNCHRONIZE, .Options = FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT}));
-            },
-            [&] { Close(MustOpen(u"\\srv\\vol\\d\\sub", MakingADirectory)); },
-        };
-        for (const auto &Change : Changes) {
-            SentIrp Names = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
-            EXPECT_EQ(Names.Returned(), STATUS_PENDING);
-            EXPECT_FALSE(Names.IsCompleted());
-            Change();
-            ASSERT_TRUE(Names.IsCompleted());
-            EXPECT_EQ(Names.Wait().Status, STATUS_NOTIFY_ENUM_DIR);
-            EXPECT_EQ(Names.Wait().Information, 0u);
-        }
-        SentIrp Near = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
-        MakeFile(u"\\srv\\vol\\d\\deep\\far.txt");
-        EXPECT_FALSE(Above.IsCompleted() || Near.IsCompleted() || Directories.IsCompleted());
-        Close(Directory);
-        EXPECT_EQ(Directories.Wait().Status, STATUS_SUCCESS);
-        MakeFile(u"\\srv\\vol\\near.txt");
-        EXPECT_TRUE(Above.IsCompleted());
+    SentIrp Above = Wait(Root, FILE_NOTIFY_CHANGE_FILE_NAME, SL_WATCH_TREE);
+    SentIrp Directories = Wait(Directory, FILE_NOTIFY_CHANGE_DIR_NAME);
+    for (const auto &[Path, Change] : Changes) {
+        SentIrp Names = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
+        EXPECT_EQ(Names.Returned(), STATUS_PENDING);
+        EXPECT_FALSE(Names.IsCompleted());
+        Close(MustOpen(Path, Change));
+        ASSERT_TRUE(Names.IsCompleted());
+        EXPECT_EQ(Names.Wait().Status, STATUS_NOTIFY_ENUM_DIR);
+        EXPECT_EQ(Names.Wait().Information, 0u);
     }
+    SentIrp Near = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
+    MakeFile(u"\\srv\\vol\\d\\deep\\far.txt");
+    EXPECT_FALSE(Above.IsCompleted() || Near.IsCompleted() || Directories.IsCompleted());
+    Close(Directory);
+    EXPECT_EQ(Directories.Wait().Status, STATUS_SUCCESS);
+    MakeFile(u"\\srv\\vol\\near.txt");
+    EXPECT_TRUE(Above.IsCompleted());
 }
 
 TEST_F(Watching, TheCleanupOfAnyHandleEndsAllWaitsAndLaterOnesDoNotBegin) {
@@ -96,13 +94,11 @@ TEST_F(Watching, TheCleanupOfAnyHandleEndsAllWaitsAndLaterOnesDoNotBegin) {
 
 TEST_F(Watching, AShutdownCancelsTheWaits) {
     HANDLE Directory = Watch(u"\\srv\\vol\\d");
-    {
-        SentIrp Request = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
-        EXPECT_FALSE(Request.IsCompleted());
-        Kernel().SendShutdown();
-        EXPECT_TRUE(Request.IsCompleted());
-        EXPECT_EQ(Request.Wait().Status, STATUS_CANCELLED);
-    }
+    SentIrp Request = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
+    EXPECT_FALSE(Request.IsCompleted());
+    Kernel().SendShutdown();
+    EXPECT_TRUE(Request.IsCompleted());
+    EXPECT_EQ(Request.Wait().Status, STATUS_CANCELLED);
 }
 
 NTSTATUS NTAPI CloseWatched(PDEVICE_OBJECT, PIRP Irp, PVOID Directory) {
@@ -113,17 +109,11 @@ NTSTATUS NTAPI CloseWatched(PDEVICE_OBJECT, PIRP Irp, PVOID Directory) {
 
 TEST_F(Watching, TheCompletionOfAWaitMayCloseTheDirectoryWhateverMadeTheChange) {
     Provider.AddFile(u"\\srv\\vol\\d\\old", "");
-    const Open Changes[] = {
-        {.Access = FILE_WRITE_DATA | SYNCHRONIZE, .Disposition = FILE_CREATE},
-        {.Disposition = FILE_CREATE, .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT},
-        {.Access = DELETE | SYNCHRONIZE, .Options = FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT},
-    };
-    constexpr std::u16string_view Names[] = {u"\\srv\\vol\\d\\new", u"\\srv\\vol\\d\\sub", u"\\srv\\vol\\d\\old"};
-    for (size_t Index = 0; Index < std::size(Changes); ++Index) {
+    for (const auto &[Path, Change] : Changes) {
         HANDLE Directory = Watch(u"\\srv\\vol\\d");
         SentIrp Request = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME, 0, CloseWatched);
-        Close(MustOpen(Names[Index], Changes[Index]));
-        EXPECT_EQ(Request.Wait().Status, STATUS_NOTIFY_ENUM_DIR) << Index;
+        Close(MustOpen(Path, Change));
+        EXPECT_EQ(Request.Wait().Status, STATUS_NOTIFY_ENUM_DIR);
     }
 }
 
@@ -194,13 +184,8 @@ TEST_F(Watching, TheParentIsThePathWithoutItsLastComponent) {
     }
 }
 
-class WatchingSwitchedOff : public Watching {
-    void SetUp() override {
-        Provider.AddDirectory(u"\\srv\\vol\\d");
-    }
-};
-
-TEST_F(WatchingSwitchedOff, IsNotImplemented) {
+TEST_F(Watching, IsNotImplementedWhenItIsSwitchedOff) {
+    Stop();
     HANDLE Directory = Watch(u"\\srv\\vol\\d");
     EXPECT_EQ(Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME).Wait().Status, STATUS_NOT_IMPLEMENTED);
 }

@@ -164,14 +164,11 @@ TEST_F(Probe, AsksAsWhoeverQueriesAttributes) {
     EXPECT_EQ(Asked.Security.Words[1], Security.Words[1]);
 }
 
-struct AnswerCase {
-    RVSTATUS Raw;
-    NTSTATUS Status;
-    NTSTATUS FileStatus;
-};
-
 TEST_F(Probe, JudgesTheProvidersAnswers) {
-    constexpr AnswerCase Cases[] = {
+    struct {
+        RVSTATUS Raw;
+        NTSTATUS Status, FileStatus;
+    } constexpr Cases[] = {
         {ProviderError(0x0009), STATUS_ACCESS_DENIED, STATUS_SUCCESS}, // no more entries
         {static_cast<RVSTATUS>(0x80000009), STATUS_ACCESS_DENIED, STATUS_SUCCESS},
         {ProviderError(0x0006), STATUS_SUCCESS, STATUS_ACCESS_DENIED},
@@ -184,7 +181,7 @@ TEST_F(Probe, JudgesTheProvidersAnswers) {
         {ProviderError(0x0536), STATUS_NOT_SUPPORTED, STATUS_SUCCESS},
         {ProviderError(0x0000), STATUS_UNSUCCESSFUL, STATUS_SUCCESS}, // an error that translates to success
     };
-    for (const AnswerCase &Each : Cases) {
+    for (const auto &Each : Cases) {
         Provider.OnCall(Slot::CreateFile).Return(Each.Raw);
         NTSTATUS FileStatus = STATUS_INTERNAL_ERROR;
         EXPECT_EQ(Verify(u"\\srv\\vol\\a.txt", &FileStatus), Each.Status) << std::hex << static_cast<ULONG>(Each.Raw);

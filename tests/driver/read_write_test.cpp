@@ -266,14 +266,11 @@ TEST_F(Data, AClockThatWasSetBackEndsTheRefusals) {
 // ---- Sizes
 
 TEST_F(Data, SizesGrowWithTransfersAndAreSetByALengthOfZero) {
-    struct Case {
-        LONG64 Offset;
-        ULONG64 Length;
-        LONGLONG Size; // starting from 10
-    };
+    // Offset, length and size, which is 10 before.
+    using Case = std::tuple<LONG64, ULONG64, LONGLONG>;
     OpenFile();
     const PFCB File = Fcb(Handle);
-    for (const Case &Each :
+    for (const auto &[Offset, Length, Size] :
          {Case{8, 6, 14}, Case{2, 3, 10}, Case{4, 0, 4}, Case{99, 0, 99}, Case{10, 0, 10},
           // What no offset can name is no size.
           Case{INT64_MIN, 0, 10}, Case{INT64_MAX, 1, 10}, Case{8, ~0ull, 10}, Case{INT64_MAX, 0, INT64_MAX}}) {
@@ -287,11 +284,11 @@ TEST_F(Data, SizesGrowWithTransfersAndAreSetByALengthOfZero) {
         EXPECT_EQ(FileSize(), 10);
         // A shared one gets it back shared.
         NtFsdAcquireShared(&File->Resource, TRUE);
-        RvFsdUpdateFCBFileSize(File, FALSE, Each.Offset, Each.Length);
+        RvFsdUpdateFCBFileSize(File, FALSE, Offset, Length);
         EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&File->Resource));
         EXPECT_EQ(ExIsResourceAcquiredSharedLite(&File->Resource), 1u);
         NtFsdReleaseResource(&File->Resource);
-        EXPECT_EQ(FileSize(), Each.Size);
+        EXPECT_EQ(FileSize(), Size);
     }
     // Who has two shared holds does not wait for itself.
     NtFsdAcquireShared(&File->Resource, TRUE);

@@ -61,19 +61,15 @@ TEST_F(Strings, ACopyThatGetsNoMemoryIsEmptyAndSaysSo) {
 }
 
 TEST_F(Strings, ACopyBeyondASixteenBitSizeIsRefusedBeforeItTouchesTheDestination) {
-    struct Case {
-        USHORT Bytes;
-        bool Fits;
-    };
     const std::u16string Text(0x8000, u'x');
-    for (const Case &Each :
-         {Case{65531, true}, Case{65532, true}, Case{65533, true}, Case{65534, false}, Case{65535, false}}) {
+    for (const USHORT Bytes : {65531, 65532, 65533, 65534, 65535}) {
+        const bool Fits = Bytes < 65534;
         OwnedString Copy;
         const UNICODE_STRING Old = Counted(u"old");
         ASSERT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Old), STATUS_SUCCESS);
-        const UNICODE_STRING Source = {Each.Bytes, Each.Bytes, const_cast<PWSTR>(Text.data())};
-        EXPECT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Source), Each.Fits ? STATUS_SUCCESS : STATUS_NAME_TOO_LONG);
-        EXPECT_EQ(View(Copy.Get()), Each.Fits ? Text.substr(0, Each.Bytes / 2) : u"old") << Each.Bytes;
+        const UNICODE_STRING Source = {Bytes, Bytes, const_cast<PWSTR>(Text.data())};
+        EXPECT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Source), Fits ? STATUS_SUCCESS : STATUS_NAME_TOO_LONG);
+        EXPECT_EQ(View(Copy.Get()), Fits ? Text.substr(0, Bytes / 2) : u"old") << Bytes;
     }
 }
 

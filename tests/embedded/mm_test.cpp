@@ -49,18 +49,15 @@ NTSTATUS LockAndUnlock(PVOID Address, ULONG Length, KPROCESSOR_MODE Mode, LOCK_O
     return Status;
 }
 
-struct ProbeCase {
-    const char *Name;
-    SIZE_T Offset;
-    ULONG Length;
-    NTSTATUS Read;
-    NTSTATUS Write;
-};
-
 TEST(ProbeTest, EachPageOfTheBufferDecides) {
     constexpr NTSTATUS Good = STATUS_SUCCESS, Bad = STATUS_ACCESS_VIOLATION;
     constexpr ULONG Page = PAGE_SIZE;
-    const ProbeCase Cases[] = {
+    const struct {
+        const char *Name;
+        SIZE_T Offset;
+        ULONG Length;
+        NTSTATUS Read, Write;
+    } Cases[] = {
         {"a page", 0, Page, Good, Good},
         {"a byte", 17, 1, Good, Good},
         {"nothing", 2 * Page, 0, Good, Good},
@@ -73,7 +70,7 @@ TEST(ProbeTest, EachPageOfTheBufferDecides) {
         {"last byte of nothing", 3 * Page - 1, 2, Bad, Bad},
     };
     Pages Memory;
-    for (const ProbeCase &Case : Cases) {
+    for (const auto &Case : Cases) {
         SCOPED_TRACE(Case.Name);
         for (KPROCESSOR_MODE Mode : {KernelMode, UserMode}) {
             EXPECT_EQ(LockAndUnlock(Memory.At(Case.Offset), Case.Length, Mode, IoReadAccess), Case.Read);
