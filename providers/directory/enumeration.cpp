@@ -93,7 +93,7 @@ bool EntryMetadata(const FolderObject &Folder, const char *Native, unsigned char
     if (S_ISLNK(Data.Mode)) {
         const UniqueFd Target(Folder.Volume->Open(Folder.Ref(), std::string(Native), O_PATH));
         Metadata Behind;
-        if (Target && !RvIsError(ReadMetadata(Target.Get(), Behind))) {
+        if (Target && !RvIsError(ReadMetadata(Target.Get(), true, Behind))) {
             Data = Behind;
         }
     }

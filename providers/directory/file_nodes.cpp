@@ -42,19 +42,22 @@ RVSTATUS FileNode::Share(const void *Owner, int Fd, ULONG Access, ULONG ShareMod
             return Failure(CODE_SHARING_VIOLATION);
         }
     }
+    const ULONG Before = Own != nullptr ? Own->Noted : ShareAll;
+    ULONG Noted = Before;
     if (Wanted != 0 || Own != nullptr) {
         const ULONG Shared = Wanted != 0 ? ShareMode : ShareAll; // one without access denies nothing
-        if (const RVSTATUS Status = NoteShares(Fd, Own == nullptr, Wanted, Shared); RvIsError(Status)) {
+        if (const RVSTATUS Status = NoteShares(Fd, Noted, Wanted, Shared); RvIsError(Status)) {
             if (Own != nullptr) {
-                static_cast<void>(NoteShares(Fd, false, 0, Own->Mode));
+                static_cast<void>(NoteShares(Fd, Noted, 0, Before));
+                Own->Noted = Noted;
             }
             return Status;
         }
     }
     if (Own != nullptr) {
-        *Own = {Owner, Access, ShareMode};
+        *Own = {Owner, Access, ShareMode, Noted};
     } else {
-        Shares_.push_back({Owner, Access, ShareMode});
+        Shares_.push_back({Owner, Access, ShareMode, Noted});
     }
     return RVSTATUS::Success;
 }
@@ -146,6 +149,11 @@ RVSTATUS FileNode::SetBelow(const void *Owner, int Fd, ULONG64 First, ULONG64 Le
 
 RVSTATUS FileNode::SetAgain(const void *Owner, int Fd) {
     const std::lock_guard Hold(Mutex_);
+    for (ShareEntry &Each : Shares_) {
+        if (Each.Owner == Owner) {
+            Each.Noted = ShareAll;
+        }
+    }
     for (const LockEntry &Each : Locks_) {
         if (Each.Owner == Owner) {
             if (const RVSTATUS Status = SetBelow(Owner, Fd, Each.First, Each.Length); RvIsError(Status)) {

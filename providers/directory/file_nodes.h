@@ -19,9 +19,12 @@ namespace providers::directory {
 
 class FileNode {
 public:
-    // Grants or refuses Access under Share (the encodings of slot 18) to Owner against the other opens, and, where Fd
-    // can carry that, against what other processes deny; a repeated call of the same owner replaces what it had.
-    // Refused: CODE_SHARING_VIOLATION, nothing changes.
+    // Each Fd that is asked for is the open file's descriptor, or -1 when that only names the file: other processes see
+    // nothing of such an open.
+
+    // Grants or refuses Access under Share (the encodings of slot 18) to Owner against the other opens, and against
+    // what other processes deny; a repeated call of the same owner replaces what it had. Refused:
+    // CODE_SHARING_VIOLATION, nothing changes.
     RVSTATUS Share(const void *Owner, int Fd, ULONG Access, ULONG ShareMode);
 
     // Takes back Owner's share and all its locks.
@@ -32,10 +35,10 @@ public:
 
     // Byte-range locks of Owner. A shared lock may cover the owner's own exclusive one; everything else that overlaps
     // an exclusive lock, and every exclusive lock that overlaps anything, is refused. They are set on the open file
-    // too, whose descriptor is Fd, so that other processes see them.
+    // too, so that other processes see them.
     RVSTATUS Lock(const void *Owner, int Fd, bool Exclusive, ULONG64 Offset, ULONG64 Length);
     RVSTATUS Unlock(const void *Owner, int Fd, ULONG64 Offset, ULONG64 Length);
-    // Sets all of them again, on a file that was opened anew.
+    // Sets all of them on a file that was opened anew, on which nothing is noted.
     RVSTATUS SetAgain(const void *Owner, int Fd);
 
     // Whether Owner may read or write the range: CODE_LOCK_CONFLICT when another owner's lock forbids it.
@@ -55,6 +58,7 @@ private:
         const void *Owner;
         ULONG Access;
         ULONG Mode;
+        ULONG Noted; // of Mode, for other processes
     };
     struct LockEntry {
         const void *Owner;

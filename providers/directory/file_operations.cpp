@@ -96,7 +96,7 @@ RVSTATUS Empty(const FileObject &File, const Request &Wanted) {
 // Enters the file among the opens of its inode.
 RVSTATUS Join(FileObject &File, ULONG Uses, const Request &Wanted) {
     File.Node = File.Nodes.Acquire(File.Key);
-    return File.Node->Share(&File, File.Fd(), Uses, Wanted.Share);
+    return File.Node->Share(&File, File.LockFd(), Uses, Wanted.Share);
 }
 
 // Whether Fd, the lowest that was free, is the highest that there may be.
@@ -120,20 +120,24 @@ RVSTATUS OpenExisting(State &Provider, const Place &At, std::string &&FromRoot, 
         return Failure(CODE_EXISTS);
     }
     if (const RVSTATUS Status = CheckKind(There, Wanted); RvIsError(Status)) {
+        if (Wanted.Query() && S_ISDIR(There.Stat.st_mode)) {
+            NoteDirectory(At, There, std::move(FromRoot));
+        }
         return Status;
     }
     if (At.Volume->Options.ReadOnly && (Wanted.Uses() & RV_ACCESS_WRITE) != 0) {
         return RVSTATUS::AccessDenied;
     }
-    if (const int Flags = FlagsFor(Wanted.Uses(), Wanted.Options); (Flags & O_PATH) == 0) {
+    const int Flags = FlagsFor(Wanted.Uses(), Wanted.Options);
+    if ((Flags & O_PATH) == 0) {
         UniqueFd Opened(OpenAgain(There.Fd.Get(), Flags));
         if (!Opened) {
             return StatusFromErrno(errno);
         }
         There.Fd = std::move(Opened);
     }
-    auto File = std::make_unique<FileObject>(At.Volume, std::move(There.Fd), KeyOf(There.Stat), std::move(FromRoot),
-                                             Provider.Nodes);
+    auto File = std::make_unique<FileObject>(At.Volume, std::move(There.Fd), Flags, KeyOf(There.Stat),
+                                             std::move(FromRoot), Provider.Nodes);
     if (Wanted.Query()) {
         if (IsLastDescriptor(File->Fd())) {
             return StatusFromErrno(EMFILE); // the open that follows takes two, and could not say why it fails
@@ -151,7 +155,7 @@ RVSTATUS OpenExisting(State &Provider, const Place &At, std::string &&FromRoot, 
             return Status;
         }
         // From here on only what was asked for counts; it is less, so it cannot be refused.
-        static_cast<void>(File->Node->Share(File.get(), File->Fd(), Wanted.Access, Wanted.Share));
+        static_cast<void>(File->Node->Share(File.get(), File->LockFd(), Wanted.Access, Wanted.Share));
         Out.Action = ActionReplaced;
     }
     Out.File = std::move(File);
@@ -172,9 +176,8 @@ RVSTATUS CreateNew(State &Provider, const Place &At, Resolved &Missing, const Re
     }
     const AfterChange Count(*At.Volume);
     const int Parent = HolderOf(At, Missing);
-    const int Through = (Wanted.Options & RV_OPTION_WRITE_THROUGH) != 0 ? O_DSYNC : 0;
-    UniqueFd Fd(openat(Parent, Missing.Name.c_str(),
-                       O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC | Through, 0666));
+    const int Flags = O_RDWR | O_NOCTTY | ((Wanted.Options & RV_OPTION_WRITE_THROUGH) != 0 ? O_DSYNC : 0);
+    UniqueFd Fd(openat(Parent, Missing.Name.c_str(), Flags | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (!Fd) {
         Out.Again = errno == EEXIST;
         return errno == ENOENT ? Failure(RVFS_PATH_NOT_FOUND) : StatusFromErrno(errno);
@@ -189,8 +192,8 @@ RVSTATUS CreateNew(State &Provider, const Place &At, Resolved &Missing, const Re
         unlinkat(Parent, Missing.Name.c_str(), 0);
         return Status;
     }
-    auto File =
-        std::make_unique<FileObject>(At.Volume, std::move(Fd), KeyOf(Stat), PathFromRoot(At, Missing), Provider.Nodes);
+    auto File = std::make_unique<FileObject>(At.Volume, std::move(Fd), Flags, KeyOf(Stat), PathFromRoot(At, Missing),
+                                             Provider.Nodes);
     if (Status = Join(*File, Wanted.Access, Wanted); RvIsError(Status)) {
         return Status;
     }
@@ -206,7 +209,7 @@ RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Resul
     Resolved Found;
     Looked There;
     std::string Seen;
-    if (!Wanted.Query() && TakeLook(At, There, Seen)) {
+    if (TakeLook(At, Wanted.Query(), There, Seen)) {
         return OpenExisting(Provider, At, std::move(Seen), There, Wanted, Out);
     }
     if (Wanted.Query() && WasMissing(At)) {
@@ -296,11 +299,13 @@ RVSTATUS NTAPI CloseFile(RVIOM_FSD *Self, Sec, RVHANDLE File) {
 }
 
 // Re-opens the very file that is open, with the flags for more access, under the same descriptor number.
-RVSTATUS Reopen(const FileObject &File, ULONG Access, ULONG Options) {
-    const UniqueFd Fd(OpenAgain(File.Fd(), FlagsFor(Access, Options)));
+RVSTATUS Reopen(FileObject &File, ULONG Access, ULONG Options) {
+    const int Flags = FlagsFor(Access, Options);
+    const UniqueFd Fd(OpenAgain(File.Fd(), Flags));
     if (!Fd || dup3(Fd.Get(), File.Fd(), O_CLOEXEC) < 0) {
         return StatusFromErrno(errno);
     }
+    File.OpenFlags = Flags;
     return RVSTATUS::Success;
 }
 
@@ -324,11 +329,12 @@ RVSTATUS ChangeAccess(FileObject &File, ULONG Access, ULONG Share, ULONG Options
     RVSTATUS Again = RVSTATUS::Success;
     const bool Reserve = (Options & RV_OPTION_RESERVE_DELETE) != 0;
     const bool MoreWriting = (Access & ~File.Access.load() & RV_ACCESS_WRITE) != 0;
+    const bool Data = (Access & (ReadData | RV_ACCESS_WRITE)) != 0;
     struct stat Stat;
-    if (fstat(File.Fd(), &Stat) != 0) {
+    if ((Data || Reserve) && fstat(File.Fd(), &Stat) != 0) {
         return StatusFromErrno(errno);
     }
-    if ((Access & (ReadData | RV_ACCESS_WRITE)) != 0 && !S_ISREG(Stat.st_mode)) {
+    if (Data && !S_ISREG(Stat.st_mode)) {
         return RVSTATUS::AccessDenied;
     }
     if (MoreWriting && (File.Volume->Options.ReadOnly || IsReadOnlyMode(Stat.st_mode))) {
@@ -339,13 +345,13 @@ RVSTATUS ChangeAccess(FileObject &File, ULONG Access, ULONG Share, ULONG Options
             return Status;
         }
     }
-    if (!Covers(fcntl(File.Fd(), F_GETFL), Access)) {
+    if (!Covers(File.OpenFlags, Access)) {
         if (const RVSTATUS Status = Reopen(File, Access | File.Access.load(), Options); RvIsError(Status)) {
             return Status;
         }
-        Again = File.Node->SetAgain(&File, File.Fd());
+        Again = File.Node->SetAgain(&File, File.LockFd());
     }
-    if (const RVSTATUS Status = File.Node->Share(&File, File.Fd(), Access, Share); RvIsError(Status)) {
+    if (const RVSTATUS Status = File.Node->Share(&File, File.LockFd(), Access, Share); RvIsError(Status)) {
         return Status;
     }
     if (RvIsError(Again)) {

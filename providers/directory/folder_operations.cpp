@@ -90,7 +90,7 @@ RVSTATUS NTAPI GetDirectoryInformation(RVIOM_FSD *Self, Sec, RVHANDLE Directory,
             return RVSTATUS::InvalidHandle;
         }
         Metadata Data;
-        const RVSTATUS Status = ReadMetadata(Found->Fd(), Data);
+        const RVSTATUS Status = ReadMetadata(Found->Fd(), true, Data);
         if (!RvIsError(Status)) {
             Store(Attributes, Data.Attributes);
             Store(Creation, Data.Creation);
@@ -114,6 +114,15 @@ RVSTATUS NTAPI SetDirectoryInformation(RVIOM_FSD *Self, Sec, RVHANDLE Directory,
         const AfterChange Count(*Found->Volume);
         return ChangeMetadata(Found->Fd(), {Attributes, Creation, LastWrite, LastAccess});
     });
+}
+
+// The entry itself, as it was seen when its name was looked up or, failing that, is now. Returns an error number.
+int LookAtEntry(const Place &At, const Resolved &Found, struct stat &Stat) {
+    if (Found.Entry) {
+        Stat = *Found.Entry;
+        return 0;
+    }
+    return fstatat(HolderOf(At, Found), Found.Name.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) == 0 ? 0 : errno;
 }
 
 // A link to a directory is taken for the directory: it is the link that goes then.
@@ -166,8 +175,8 @@ RVSTATUS Delete(State &Provider, RVHANDLE Base, PCWSTR Path, Kind Wanted) {
     const AfterChange Count(*At.Volume);
     const int Parent = HolderOf(At, Found);
     struct stat Stat;
-    if (fstatat(Parent, Found.Name.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) != 0) {
-        return StatusFromErrno(errno);
+    if (const int Error = LookAtEntry(At, Found, Stat); Error != 0) {
+        return StatusFromErrno(Error);
     }
     if (LeadsToDirectory(At, Found, Stat) != (Wanted == Kind::Directory)) {
         return Failure(Wanted == Kind::Directory ? USHORT{RVFS_NOT_A_DIRECTORY} : CODE_IS_A_DIRECTORY);
@@ -240,14 +249,10 @@ RVSTATUS Respelled(const Place &Target, const Resolved &Old, std::string &Name) 
     return Spelled ? RVSTATUS::Success : Failure(CODE_NAME_INVALID);
 }
 
-RVSTATUS Rename(const Place &Source, const Resolved &From, const Place &Target, const Resolved &To, const NewName &New,
-                Kind Wanted) {
-    struct stat Stat;
+// Stat is that of the entry From.
+RVSTATUS Rename(const Place &Source, const Resolved &From, const struct stat &Stat, const Place &Target,
+                const Resolved &To, const NewName &New, Kind Wanted) {
     const std::string &OldName = From.Name;
-    const int OldHolder = HolderOf(Source, From);
-    if (fstatat(OldHolder, OldName.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) != 0) {
-        return StatusFromErrno(errno);
-    }
     if (LeadsToDirectory(Source, From, Stat) != (Wanted == Kind::Directory)) {
         return Failure(Wanted == Kind::Directory ? USHORT{RVFS_NOT_A_DIRECTORY} : CODE_IS_A_DIRECTORY);
     }
@@ -265,8 +270,8 @@ RVSTATUS Rename(const Place &Source, const Resolved &From, const Place &Target, 
             return RVSTATUS::Success;
         }
     }
-    return StatusFromErrno(
-        RenameToFree(OldHolder, OldName.c_str(), HolderOf(Target, To), Name.c_str(), S_ISDIR(Stat.st_mode)));
+    return StatusFromErrno(RenameToFree(HolderOf(Source, From), OldName.c_str(), HolderOf(Target, To), Name.c_str(),
+                                        S_ISDIR(Stat.st_mode)));
 }
 
 // Whether the calling thread has just deleted a file of exactly the name that is to be given.
@@ -327,9 +332,11 @@ RVSTATUS Move(State &Provider, RVHANDLE SourceBase, PCWSTR SourcePath, RVHANDLE 
         return Status;
     }
     struct stat Stat;
-    const bool Known = fstatat(HolderOf(Source, From), From.Name.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) == 0;
-    Status = Rename(Source, From, Target, To, New, Wanted);
-    if (Known && !RvIsError(Status)) {
+    if (const int Error = LookAtEntry(Source, From, Stat); Error != 0) {
+        return StatusFromErrno(Error);
+    }
+    Status = Rename(Source, From, Stat, Target, To, New, Wanted);
+    if (!RvIsError(Status)) {
         In.Doomed.Moved(PathFromRoot(Source, From), PathFromRoot(Target, To), KeyOf(Stat));
     }
     return Status;
@@ -349,7 +356,13 @@ RVSTATUS NTAPI MoveFile(RVIOM_FSD *Self, Sec, RVHANDLE SourceBase, PCWSTR Source
 
 RVSTATUS OpenFolder(const Place &At, unsigned Kind, std::unique_ptr<Object> &Opened) {
     RVSTATUS Status = Failure(CODE_NO_SUCH_FILE);
-    ForgetLook();
+    Looked Before;
+    std::string FromRoot;
+    if (TakeLook(At, false, Before, FromRoot) && S_ISDIR(Before.Stat.st_mode)) {
+        Opened = std::make_unique<FolderObject>(Kind, At.Volume, std::move(Before.Fd), KeyOf(Before.Stat),
+                                                std::move(FromRoot));
+        return RVSTATUS::Success;
+    }
     if (WasMissing(At)) {
         return Status;
     }

@@ -12,6 +12,7 @@ constexpr int64_t LongestUse = 1'000'000; // nanoseconds
 
 struct Seen {
     uint64_t Query = 0; // 0 = nothing is kept
+    bool VolumeOpened = false;
     uint64_t Export = 0;
     uint64_t Changes = 0;
     int64_t At = 0;
@@ -56,11 +57,22 @@ bool IsBelowRoot(const Place &At) {
     return At.Ref.FromRoot.empty() && At.Ref.Key == At.Volume->RootRef.Key;
 }
 
+uint64_t NextQuery() {
+    static std::atomic<uint64_t> Queries = 0;
+    return ++Queries;
+}
+
+// A file system that is mounted inside the export is not held on to.
+bool MayKeep(const Place &At, const Looked &There) {
+    return IsBelowRoot(At) && There.Error == 0 && There.Stat.st_dev == At.Volume->RootRef.Key.Device;
+}
+
 } // namespace
 
 void ForgetLook() {
     Last.There.Fd = {};
     Last.Query = 0;
+    Last.VolumeOpened = false;
 }
 
 void BeginQuery(const Place &At) {
@@ -77,16 +89,30 @@ void BeginQuery(const Place &At) {
 }
 
 void NoteQuery(const Place &At, const Looked &There, FileObject &File) {
-    static std::atomic<uint64_t> Queries = 0;
-    // A file system that is mounted inside the export is not held on to.
-    if (!IsBelowRoot(At) || There.Error != 0 || !S_ISREG(There.Stat.st_mode) ||
-        There.Stat.st_dev != At.Volume->RootRef.Key.Device) {
-        return;
+    if (MayKeep(At, There) && S_ISREG(There.Stat.st_mode)) {
+        Last.Path = Bare(At.Path);
+        Last.There.Stat = There.Stat;
+        Last.Query = NextQuery();
+        File.Query = Last.Query;
     }
-    Last.Path = Bare(At.Path);
-    Last.There.Stat = There.Stat;
-    Last.Query = ++Queries;
-    File.Query = Last.Query;
+}
+
+void NoteDirectory(const Place &At, Looked &There, std::string FromRoot) {
+    if (MayKeep(At, There)) {
+        Last.Path = Bare(At.Path);
+        Last.There = std::move(There);
+        Last.FromRoot = std::move(FromRoot);
+        Last.Query = NextQuery();
+    }
+}
+
+void NoteVolumeOpened() {
+    Last.VolumeOpened = true;
+}
+
+void NoteVolumeClosed() {
+    ForgetLook();
+    NotThere.Holds = false;
 }
 
 void KeepLook(FileObject &File) {
@@ -96,13 +122,13 @@ void KeepLook(FileObject &File) {
     }
 }
 
-bool TakeLook(const Place &At, Looked &There, std::string &FromRoot) {
+bool TakeLook(const Place &At, bool Again, Looked &There, std::string &FromRoot) {
     if (Last.Query == 0) {
         return false;
     }
-    const bool Holds = Last.There.Fd && Last.Export == At.Volume->Serial && IsBelowRoot(At) &&
-                       Same(Last.Path, Bare(At.Path)) && Last.Changes == At.Volume->ChangeCount.load() &&
-                       Now() - Last.At <= LongestUse;
+    const bool Holds = Last.There.Fd && (!Again || Last.VolumeOpened) && Last.Export == At.Volume->Serial &&
+                       IsBelowRoot(At) && Same(Last.Path, Bare(At.Path)) &&
+                       Last.Changes == At.Volume->ChangeCount.load() && Now() - Last.At <= LongestUse;
     if (Holds) {
         There = std::move(Last.There);
         FromRoot = std::move(Last.FromRoot);

@@ -2,10 +2,11 @@
 
 #include <atomic>
 #include <cerrno>
+#include <charconv>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
-#include <string>
+#include <iterator>
 
 #include <fcntl.h>
 #include <fmt/format.h>
@@ -37,9 +38,18 @@ struct Record {
 static_assert(sizeof(Record) == 24);
 
 // A descriptor's link: leads to the open object itself and serves O_PATH descriptors too.
-std::string LinkOf(int Fd) {
-    return fmt::format("/proc/self/fd/{}", Fd);
-}
+class LinkOf {
+public:
+    explicit LinkOf(int Fd) {
+        *std::to_chars(Text_ + strlen(Text_), std::end(Text_) - 1, Fd).ptr = 0;
+    }
+    const char *c_str() const {
+        return Text_;
+    }
+
+private:
+    char Text_[32] = "/proc/self/fd/";
+};
 
 // A time beyond what the platform can say becomes the nearest that it can.
 LONG64 UnitsOf(int64_t Seconds, uint32_t Nanoseconds) {
@@ -86,16 +96,11 @@ ssize_t ReadEntryRecord(int Fd, const char *Name, void *Value, size_t Size) {
     return lgetxattr(fmt::format("/proc/self/fd/{}/{}", Fd, Name).c_str(), RecordName, Value, Size);
 }
 
-ssize_t ReadOpenRecord(int Fd, void *Value, size_t Size) {
-    const ssize_t Read = fgetxattr(Fd, RecordName, Value, Size);
-    return Read < 0 && errno == EBADF ? getxattr(LinkOf(Fd).c_str(), RecordName, Value, Size) : Read;
-}
-
 // An object without the record, or on a file system that keeps none, has the default one.
 Record ReadRecord(int Fd) {
     Record Out;
     char Value[sizeof(Record)];
-    Parse(Value, ReadOpenRecord(Fd, Value, sizeof Value), Out);
+    Parse(Value, getxattr(LinkOf(Fd).c_str(), RecordName, Value, sizeof Value), Out);
     return Out;
 }
 
@@ -124,7 +129,7 @@ Record RecordOf(const struct statx &Stat, Reader Read) {
 }
 
 int WriteRecord(int Fd, const Record &Value) {
-    const std::string Link = LinkOf(Fd);
+    const LinkOf Link(Fd);
     if (Value == Record{}) {
         return removexattr(Link.c_str(), RecordName) == 0 || errno == ENODATA || errno == EOPNOTSUPP ? 0 : errno;
     }
@@ -229,7 +234,7 @@ RVSTATUS ChangeTimes(int Fd, const MetadataChange &Change) {
     const bool Write = Changes(Change.LastWrite);
     const timespec Wanted[2] = {Access ? TimespecOf(*Change.LastAccess) : Leave,
                                 Write ? TimespecOf(*Change.LastWrite) : Leave};
-    const std::string Link = LinkOf(Fd);
+    const LinkOf Link(Fd);
     struct stat Before;
     struct stat After;
     if (fstat(Fd, &Before) != 0 || utimensat(AT_FDCWD, Link.c_str(), Wanted, 0) != 0 || fstat(Fd, &After) != 0) {
@@ -244,12 +249,16 @@ RVSTATUS ChangeTimes(int Fd, const MetadataChange &Change) {
 
 } // namespace
 
-RVSTATUS ReadMetadata(int Fd, Metadata &Out) {
+RVSTATUS ReadMetadata(int Fd, bool NamesOnly, Metadata &Out) {
     struct statx Stat;
     if (statx(Fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &Stat) != 0) {
         return StatusFromErrno(errno);
     }
-    Fill(Stat, RecordOf(Stat, [Fd](void *Value, size_t Size) { return ReadOpenRecord(Fd, Value, Size); }), Out);
+    const auto Read = [&](void *Value, size_t Size) {
+        return NamesOnly ? getxattr(LinkOf(Fd).c_str(), RecordName, Value, Size)
+                         : fgetxattr(Fd, RecordName, Value, Size);
+    };
+    Fill(Stat, RecordOf(Stat, Read), Out);
     return RVSTATUS::Success;
 }
 

@@ -30,14 +30,14 @@ struct MetadataChange {
     const LONG64 *LastAccess = nullptr;
 };
 
-// Of the open object. Fd may be an O_PATH descriptor.
-RVSTATUS ReadMetadata(int Fd, Metadata &Out);
+// Of the open object. NamesOnly: Fd is an O_PATH descriptor.
+RVSTATUS ReadMetadata(int Fd, bool NamesOnly, Metadata &Out);
 
 // Of the entry Name of the directory Fd, the entry itself when it is a link.
 RVSTATUS ReadEntryMetadata(int Fd, const char *Name, Metadata &Out);
 
-// Sets through the descriptor. CODE_NOT_SUPPORTED when the file system cannot keep an attribute that is asked for,
-// InvalidParameter for a time that is negative or that it cannot keep.
+// Sets through the descriptor, which may be an O_PATH one. CODE_NOT_SUPPORTED when the file system cannot keep an
+// attribute that is asked for, InvalidParameter for a time that is negative or that it cannot keep.
 RVSTATUS ChangeMetadata(int Fd, const MetadataChange &Change);
 
 // Whether this READONLY, as a listing shows it, is set on a file with the given mode.

@@ -70,6 +70,7 @@ RVSTATUS NameCache::Step(int Fd, const ObjectKey *Known, std::u16string_view Com
     Out.Exists = false;
     Out.Marked = false;
     Out.Type = DT_UNKNOWN;
+    Out.Entry.reset();
     if (!Native && Component.find(u'~') == Component.npos) {
         return Failure(CODE_NAME_INVALID);
     }
@@ -81,6 +82,7 @@ RVSTATUS NameCache::Step(int Fd, const ObjectKey *Known, std::u16string_view Com
         Out.Type = DT_UNKNOWN;
         if (Out.Exists) {
             Out.Type = IFTODT(Stat.st_mode);
+            Out.Entry = Stat;
         }
         // One that may be read and not be searched tells its names all the same.
         Refused = !Out.Exists && errno == EACCES ? EACCES : 0;

@@ -17,6 +17,8 @@
 #include <string_view>
 #include <unordered_map>
 
+#include <sys/stat.h>
+
 #include "providers/directory/beneath.h"
 #include "providers/directory/directory_index.h"
 
@@ -37,7 +39,8 @@ struct Resolved {
     std::string Name;       // the entry's bytes; for a missing entry those it would get; empty = the base itself
     unsigned char Type = 0; // DT_*, DT_UNKNOWN when not known
     bool Exists = false;
-    bool Marked = false; // named by its marked name
+    bool Marked = false;              // named by its marked name
+    std::optional<struct stat> Entry; // itself when it is a link; where that was asked for
 
     std::string Path() const {
         return Parent.empty() ? Name : Name.empty() ? Parent : Parent + "/" + Name;

@@ -34,7 +34,7 @@ int Set(int Fd, short Type, off_t First, off_t Length) {
 } // namespace
 
 RVSTATUS SetRange(int Fd, RangeLock Kind, ULONG64 Offset, ULONG64 Length) {
-    if (Length == 0 || Offset >= static_cast<ULONG64>(DeniedAt)) {
+    if (Fd < 0 || Length == 0 || Offset >= static_cast<ULONG64>(DeniedAt)) {
         return RVSTATUS::Success;
     }
     const auto First = static_cast<off_t>(Offset);
@@ -51,11 +51,15 @@ RVSTATUS SetRange(int Fd, RangeLock Kind, ULONG64 Offset, ULONG64 Length) {
     return Error == EAGAIN || Error == EACCES ? Failure(CODE_LOCK_NOT_GRANTED) : RVSTATUS::Success;
 }
 
-RVSTATUS NoteShares(int Fd, bool First, ULONG Access, ULONG ShareMode) {
+RVSTATUS NoteShares(int Fd, ULONG &Noted, ULONG Access, ULONG ShareMode) {
+    if (Fd < 0) {
+        return RVSTATUS::Success;
+    }
     for (unsigned Kind = 0; Kind < Kinds; ++Kind) {
-        const bool Denied = (ShareMode & (1u << Kind)) == 0;
-        if (Denied || !First) {
-            Set(Fd, Denied ? F_RDLCK : F_UNLCK, DeniedAt + Kind, 1);
+        const ULONG Bit = 1u << Kind;
+        const short Type = (ShareMode & Bit) == 0 ? F_RDLCK : F_UNLCK;
+        if (((Noted ^ ShareMode) & Bit) != 0 && Set(Fd, Type, DeniedAt + Kind, 1) == 0) {
+            Noted ^= Bit;
         }
     }
     // Nearly always nothing is denied, and one question tells.

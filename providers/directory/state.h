@@ -13,6 +13,8 @@
 #include <mutex>
 #include <new>
 
+#include <fcntl.h>
+
 #include "providers/directory/directory_locks.h"
 #include "providers/directory/directory_provider.h"
 #include "providers/directory/file_nodes.h"
@@ -149,8 +151,8 @@ struct FolderObject final : Object {
 };
 
 struct FileObject final : Object {
-    FileObject(Export *In, UniqueFd Opened, ObjectKey ObjectKeyValue, std::string Path, FileNodes &All)
-        : Object(KIND_FILE, In, std::move(Opened), ObjectKeyValue, std::move(Path)), Nodes(All) {
+    FileObject(Export *In, UniqueFd Opened, int Flags, ObjectKey ObjectKeyValue, std::string Path, FileNodes &All)
+        : Object(KIND_FILE, In, std::move(Opened), ObjectKeyValue, std::move(Path)), Nodes(All), OpenFlags(Flags) {
     }
     ~FileObject() override {
         if (Node != nullptr) {
@@ -161,9 +163,19 @@ struct FileObject final : Object {
         }
     }
 
+    // Whether the descriptor only names the file: nothing is read, written or locked through it.
+    bool NamesOnly() const {
+        return (OpenFlags.load(std::memory_order_relaxed) & O_PATH) != 0;
+    }
+    // The descriptor that locks are set on, as FileNode takes it.
+    int LockFd() const {
+        return NamesOnly() ? -1 : Fd();
+    }
+
     FileNodes &Nodes;
-    uint64_t Query = 0;       // of a query open whose look is remembered; see last_look.h
-    FileNode *Node = nullptr; // null for a query open; unchanged once the handle exists, as is Query
+    std::atomic<int> OpenFlags; // that the descriptor was opened with; changed under AccessMutex
+    uint64_t Query = 0;         // of a query open whose look is remembered; see last_look.h
+    FileNode *Node = nullptr;   // null for a query open; unchanged once the handle exists, as is Query
     std::atomic<ULONG> Access = 0;
     std::atomic<bool> DeleteReserved = false;
     std::mutex AccessMutex; // one change of access at a time

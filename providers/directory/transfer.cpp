@@ -161,7 +161,7 @@ RVSTATUS NTAPI GetFileInformation(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG *
                                   UCHAR *Byte1, UCHAR *Byte2, UCHAR *Byte3, UCHAR *Byte4, UCHAR *Byte5) {
     return WithFile(Self, Handle, [&](FileObject &File) {
         Metadata Data;
-        if (const RVSTATUS Status = ReadMetadata(File.Fd(), Data); RvIsError(Status)) {
+        if (const RVSTATUS Status = ReadMetadata(File.Fd(), File.NamesOnly(), Data); RvIsError(Status)) {
             return Status;
         }
         Store(Attributes, Data.Attributes);
@@ -208,14 +208,14 @@ RVSTATUS NTAPI SetFileInformation(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG *
 RVSTATUS NTAPI LockFile(RVIOM_FSD *Self, Sec, RVHANDLE Handle, UCHAR Exclusive, ULONG64 ByteOffset, ULONG64 Length) {
     return WithFile(Self, Handle, [&](FileObject &File) {
         return File.Node == nullptr ? RVSTATUS::AccessDenied
-                                    : File.Node->Lock(&File, File.Fd(), Exclusive != 0, ByteOffset, Length);
+                                    : File.Node->Lock(&File, File.LockFd(), Exclusive != 0, ByteOffset, Length);
     });
 }
 
 RVSTATUS NTAPI UnlockFile(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG64 ByteOffset, ULONG64 Length) {
     return WithFile(Self, Handle, [&](FileObject &File) {
         return File.Node == nullptr ? Failure(CODE_RANGE_NOT_LOCKED)
-                                    : File.Node->Unlock(&File, File.Fd(), ByteOffset, Length);
+                                    : File.Node->Unlock(&File, File.LockFd(), ByteOffset, Length);
     });
 }
 

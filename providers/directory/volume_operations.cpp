@@ -39,11 +39,13 @@ RVSTATUS NTAPI OpenVolume(RVIOM_FSD *Self, Sec, PCWSTR VolumePath, RVHANDLE *Vol
             RvIsError(Status)) {
             return Status;
         }
+        NoteVolumeOpened();
         return State::Of(Self).Publish(std::move(Opened), Volume);
     });
 }
 
 RVSTATUS NTAPI CloseVolume(RVIOM_FSD *Self, Sec, RVHANDLE Volume) {
+    NoteVolumeClosed();
     return State::Of(Self).Open.Close(Volume, KIND_VOLUME) ? RVSTATUS::Success : RVSTATUS::InvalidHandle;
 }
 
@@ -132,14 +134,14 @@ RVSTATUS MayErase(const Object &Item, bool &May) {
     const std::string Name = Item.FromRoot.substr(Slash == std::string::npos ? 0 : Slash + 1);
     const Export &In = *Item.Volume;
     const UniqueFd Holder(In.Open(In.RootRef, Parent, O_PATH | O_DIRECTORY));
-    struct stat Directory;
     struct stat Stat;
     if (!Holder) {
         return StatusFromLookup(errno);
     }
-    if (fstat(Holder.Get(), &Directory) != 0 || fstatat(Holder.Get(), Name.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) != 0) {
+    if (fstatat(Holder.Get(), Name.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) != 0) {
         return StatusFromErrno(errno);
     }
+    const uid_t Owner = Stat.st_uid;
     if (S_ISLNK(Stat.st_mode) && !(KeyOf(Stat) == Item.Key)) {
         // The object is what the link leads to.
         const UniqueFd Behind(In.Open(In.RootRef, Item.FromRoot, O_PATH));
@@ -153,8 +155,13 @@ RVSTATUS MayErase(const Object &Item, bool &May) {
     if (faccessat(Holder.Get(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
         return errno == EACCES || errno == EROFS ? RVSTATUS::Success : StatusFromErrno(errno);
     }
+    // In a sticky directory the names of others stay.
     const uid_t Me = geteuid();
-    May = (Directory.st_mode & S_ISVTX) == 0 || Me == 0 || Me == Stat.st_uid || Me == Directory.st_uid;
+    May = Me == 0 || Me == Owner;
+    if (!May && fstat(Holder.Get(), &Stat) != 0) {
+        return StatusFromErrno(errno);
+    }
+    May = May || (Stat.st_mode & S_ISVTX) == 0 || Me == Stat.st_uid;
     return RVSTATUS::Success;
 }
 
