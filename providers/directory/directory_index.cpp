@@ -94,12 +94,14 @@ void DirectoryIndex::Clear() {
     ShortTexts_.clear();
     KnowsShorts_ = false;
     Known_ = false;
+    Changes_.clear();
 }
 
-std::u16string DirectoryIndex::FoldedOf(const Item &Each) const {
-    std::u16string Folded;
-    AppendFolded(NameOf(Each), Folded);
-    return Folded;
+// In Scratch_.
+const std::u16string &DirectoryIndex::FoldedOf(const Item &Each) {
+    Scratch_.clear();
+    AppendFolded(NameOf(Each), Scratch_);
+    return Scratch_;
 }
 
 // Calls Visit(item) for every item with that hash until it answers false.
@@ -177,7 +179,9 @@ void DirectoryIndex::Add(std::string_view Native, unsigned char Type) {
 }
 
 void DirectoryIndex::Remove(std::string_view Native) {
-    const uint32_t Hash = HashOf(Fold(ServedName(Native)));
+    Scratch_.clear();
+    AppendFolded(Native, Scratch_);
+    const uint32_t Hash = HashOf(Scratch_);
     const size_t Mask = Table_.size() - 1;
     for (size_t At = Hash & Mask; !Table_.empty() && Table_[At] != 0; At = (At + 1) & Mask) {
         if (Table_[At] != Gone && NameOf(Items_[Table_[At] - 1]) == Native) {
@@ -223,9 +227,12 @@ RVSTATUS DirectoryIndex::Scan(int Fd) {
     return RVSTATUS::Success;
 }
 
-// False when the directory does not tell whether a name is there.
-bool DirectoryIndex::Apply(int Fd, const std::vector<NameChange> &Changes) {
-    for (const NameChange &Each : Changes) {
+// False when the directory does not tell whether a name is there, or Fd is -1 and would have to be asked.
+bool DirectoryIndex::Apply(int Fd) {
+    if (Fd < 0 && std::any_of(Changes_.begin(), Changes_.end(), [](const NameChange &Each) { return Each.Moved; })) {
+        return false;
+    }
+    for (const NameChange &Each : Changes_) {
         struct stat Stat;
         if (Each.Came) {
             Add(Each.Name, Each.Type);
@@ -239,15 +246,20 @@ bool DirectoryIndex::Apply(int Fd, const std::vector<NameChange> &Changes) {
             return false;
         }
     }
+    if (!Changes_.empty()) {
+        Changes_.clear();
+        Tidy();
+    }
     return true;
 }
 
 // Makes the names those of this moment.
 RVSTATUS DirectoryIndex::Refresh(int Fd) {
-    std::vector<NameChange> Changes;
-    if (Known_ && Watch_ >= 0 && Log_.Take(Watch_, Changes) && Apply(Fd, Changes)) {
-        Tidy();
+    if (Known_ && Watch_ >= 0 && Log_.Take(Watch_, Changes_) && Apply(Fd)) {
         return RVSTATUS::Success;
+    }
+    if (Fd < 0) {
+        return RVSTATUS::Unsuccessful;
     }
     struct stat Stat;
     if (fstat(Fd, &Stat) != 0) {
@@ -271,6 +283,9 @@ RVSTATUS DirectoryIndex::Refresh(int Fd) {
 
 RVSTATUS DirectoryIndex::Find(int Fd, std::u16string_view Served, std::string_view Native, FoundName &Out) {
     const std::lock_guard Hold(Mutex_);
+    if (Fd < 0 && Folds_.value_or(true)) {
+        return RVSTATUS::Unsuccessful;
+    }
     if (!Folds_) {
         Folds_ = FoldsCase(Fd);
     }

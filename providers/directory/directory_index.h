@@ -67,6 +67,7 @@ public:
     // name of one), in any case, by its marked or by its short name. CODE_NO_SUCH_FILE when it names nothing,
     // CODE_EXISTS when it is one spelling of several names and none of them exactly, and errors of reading. A directory
     // that finds names in any case itself is not read for one without "~".
+    // Fd may be -1 when the names are known: what cannot be told without the directory is Unsuccessful then.
     RVSTATUS Find(int Fd, std::u16string_view Served, std::string_view Native, FoundName &Out);
 
     // The names that FoldedMask takes, sorted by their folded form. With WithShort their short names are matched too.
@@ -82,7 +83,7 @@ private:
     };
 
     RVSTATUS Refresh(int Fd);
-    bool Apply(int Fd, const std::vector<NameChange> &Changes);
+    bool Apply(int Fd);
     RVSTATUS Scan(int Fd);
     void Clear();
     void Add(std::string_view Native, unsigned char Type);
@@ -94,7 +95,7 @@ private:
     std::string_view NameOf(const Item &Each) const {
         return std::string_view(Bytes_).substr(Each.At, Each.Size);
     }
-    std::u16string FoldedOf(const Item &Each) const;
+    const std::u16string &FoldedOf(const Item &Each);
     template <class Visitor>
     void ForHash(uint32_t Hash, Visitor Visit) const;
     void Sort();
@@ -111,6 +112,7 @@ private:
     std::string Bytes_;
     size_t Garbage_ = 0; // bytes of names that went
     std::u16string Scratch_;
+    std::vector<NameChange> Changes_;                   // told and not applied yet
     std::vector<uint32_t> Order_;                       // items by their folded names; empty = not known
     std::vector<std::pair<uint32_t, uint32_t>> Shorts_; // hash of the short name and item, sorted
     std::vector<ShortText> ShortTexts_;                 // by item; empty for one that its short name does not lead to

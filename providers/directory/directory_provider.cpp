@@ -229,11 +229,6 @@ std::string PathFromRoot(const Place &At, Resolved &&Found) {
                                                            : PathFromRoot(At, std::as_const(Found));
 }
 
-std::u16string_view LastComponent(std::u16string_view Path) {
-    Path = Path.substr(0, Path.find_last_not_of(Separator) + 1);
-    return Path.substr(Path.rfind(Separator) + 1);
-}
-
 std::u16string_view TakeComponent(std::u16string_view &Path) {
     Path.remove_prefix(std::min(Path.find_first_not_of(Separator), Path.size()));
     const std::u16string_view Component = Path.substr(0, Path.find(Separator));

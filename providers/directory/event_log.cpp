@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <iterator>
 
 #include <dirent.h>
 #include <fmt/format.h>
@@ -62,8 +63,12 @@ bool EventLog::Take(int Watch, std::vector<NameChange> &Changes) {
     if (At == Watched_.end() || At->second.Lost) {
         return false;
     }
-    Changes.clear();
-    Changes.swap(At->second.Changes);
+    if (Changes.empty()) {
+        Changes.swap(At->second.Changes);
+    } else {
+        std::move(At->second.Changes.begin(), At->second.Changes.end(), std::back_inserter(Changes));
+        At->second.Changes.clear();
+    }
     return true;
 }
 

@@ -34,8 +34,8 @@ public:
     int Watch(int Fd);
     void Unwatch(int Watch);
 
-    // Takes what happened in the directory up to now. False when something of it was lost or the watch has ended: the
-    // directory has to be read again.
+    // Adds to Changes what happened in the directory up to now. False when something of it was lost or the watch has
+    // ended: the directory has to be read again.
     bool Take(int Watch, std::vector<NameChange> &Changes);
 
 private:

@@ -215,10 +215,16 @@ RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Resul
     if (Wanted.Query() && WasMissing(At)) {
         return Failure(CODE_NO_SUCH_FILE);
     }
+    if (Wanted.Query() && IsAboveMissing(At)) {
+        return Failure(CODE_IS_A_DIRECTORY);
+    }
     if (Wanted.Query()) {
         BeginQuery(At);
     }
     std::optional<std::string> Exact = NativePath(At.Path);
+    if (Exact && Wanted.Creates() && TakeMissing(At) && At.Volume->Names.OpenHolder(At.Ref, *Exact, Found)) {
+        return CreateNew(Provider, At, Found, Wanted, Out);
+    }
     if (Exact && Exact->empty()) {
         return Wanted.Disposition == RV_DISPOSITION_CREATE_NEW ? Failure(CODE_EXISTS) : Failure(CODE_IS_A_DIRECTORY);
     }
@@ -235,8 +241,11 @@ RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Resul
         return StatusFromLookup(Error);
     }
     const bool Missing = Exact && Error == ENOENT;
-    if (const RVSTATUS Status = At.Volume->Names.Resolve(At.Ref, At.Path, Found, Missing); RvIsError(Status)) {
-        return Status;
+    if (!Missing || Wanted.Creates() || At.Volume->How != Confinement::Kernel ||
+        !At.Volume->Names.ResolveKnown(At.Ref, At.Path, *Exact, Found)) {
+        if (const RVSTATUS Status = At.Volume->Names.Resolve(At.Ref, At.Path, Found, Missing); RvIsError(Status)) {
+            return Status;
+        }
     }
     if (!Found.Exists && Wanted.Query()) {
         NoteMissing(At);

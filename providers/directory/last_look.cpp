@@ -24,18 +24,13 @@ thread_local Seen Last;
 
 struct Missed {
     bool Holds = false;
+    bool VolumeOpened = false;
     uint64_t Export = 0;
     uint64_t Changes = 0; // when it was looked for, as At
     int64_t At = 0;
     std::u16string Path;
 };
 thread_local Missed NotThere;
-
-int64_t Now() {
-    timespec Time;
-    clock_gettime(CLOCK_MONOTONIC, &Time);
-    return Time.tv_sec * 1'000'000'000 + Time.tv_nsec;
-}
 
 // Without separators at its ends.
 std::u16string_view Bare(std::u16string_view Path) {
@@ -67,7 +62,19 @@ bool MayKeep(const Place &At, const Looked &There) {
     return IsBelowRoot(At) && There.Error == 0 && There.Stat.st_dev == At.Volume->RootRef.Key.Device;
 }
 
+// Whether what is known to be missing can be answered from for this export.
+bool MissingHolds(const Place &At) {
+    return NotThere.Holds && NotThere.Export == At.Volume->Serial && IsBelowRoot(At) &&
+           NotThere.Changes == At.Volume->ChangeCount.load() && LookClock() - NotThere.At <= LongestUse;
+}
+
 } // namespace
+
+int64_t (*LookClock)() = [] {
+    timespec Time;
+    clock_gettime(CLOCK_MONOTONIC, &Time);
+    return int64_t{Time.tv_sec} * 1'000'000'000 + Time.tv_nsec;
+};
 
 void ForgetLook() {
     Last.There.Fd = {};
@@ -79,9 +86,10 @@ void BeginQuery(const Place &At) {
     ForgetLook();
     Last.Export = At.Volume->Serial;
     Last.Changes = At.Volume->ChangeCount.load();
-    Last.At = Now();
+    Last.At = LookClock();
     if (!At.Base) {
         NotThere.Holds = false;
+        NotThere.VolumeOpened = false;
         NotThere.Export = Last.Export;
         NotThere.Changes = Last.Changes;
         NotThere.At = Last.At;
@@ -108,6 +116,7 @@ void NoteDirectory(const Place &At, Looked &There, std::string FromRoot) {
 
 void NoteVolumeOpened() {
     Last.VolumeOpened = true;
+    NotThere.VolumeOpened = true;
 }
 
 void NoteVolumeClosed() {
@@ -128,7 +137,7 @@ bool TakeLook(const Place &At, bool Again, Looked &There, std::string &FromRoot)
     }
     const bool Holds = Last.There.Fd && (!Again || Last.VolumeOpened) && Last.Export == At.Volume->Serial &&
                        IsBelowRoot(At) && Same(Last.Path, Bare(At.Path)) &&
-                       Last.Changes == At.Volume->ChangeCount.load() && Now() - Last.At <= LongestUse;
+                       Last.Changes == At.Volume->ChangeCount.load() && LookClock() - Last.At <= LongestUse;
     if (Holds) {
         There = std::move(Last.There);
         FromRoot = std::move(Last.FromRoot);
@@ -145,9 +154,22 @@ void NoteMissing(const Place &At) {
 }
 
 bool WasMissing(const Place &At) {
-    return NotThere.Holds && At.Base && NotThere.Export == At.Volume->Serial && IsBelowRoot(At) &&
-           Same(NotThere.Path, Bare(At.Path)) && NotThere.Changes == At.Volume->ChangeCount.load() &&
-           Now() - NotThere.At <= LongestUse;
+    return NotThere.Holds && At.Base && Same(NotThere.Path, Bare(At.Path)) && MissingHolds(At);
+}
+
+bool TakeMissing(const Place &At) {
+    const bool Was = WasMissing(At);
+    NotThere.Holds = NotThere.Holds && !Was;
+    return Was;
+}
+
+bool IsAboveMissing(const Place &At) {
+    if (!NotThere.Holds || !NotThere.VolumeOpened || At.Base) {
+        return false;
+    }
+    const std::u16string_view Path = NotThere.Path;
+    const size_t Above = Path.find_last_not_of(u'\\', Path.rfind(u'\\'));
+    return Path.find(u'\\') != Path.npos && Same(Path.substr(0, Above + 1), Bare(At.Path)) && MissingHolds(At);
 }
 
 } // namespace providers::directory

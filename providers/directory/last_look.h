@@ -19,6 +19,9 @@ struct FileObject;
 struct Looked;
 struct Place;
 
+// The clock that looks age by, in nanoseconds. Tests have one of their own.
+extern int64_t (*LookClock)();
+
 // A query open of At is about to look: what the thread saw before is forgotten.
 void BeginQuery(const Place &At);
 
@@ -53,5 +56,10 @@ bool TakeLook(const Place &At, bool Again, Looked &There, std::string &FromRoot)
 // Whether the thread's last query open by a whole path has found nothing at this very path, which is asked for below
 // its volume now. False when that does not hold any more.
 bool WasMissing(const Place &At);
+// The same, once: the path is about to be made.
+bool TakeMissing(const Place &At);
+// Whether that query open has found nothing in this very directory, which is asked for by its whole path in the same
+// open.
+bool IsAboveMissing(const Place &At);
 
 } // namespace providers::directory

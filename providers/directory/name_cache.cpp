@@ -34,6 +34,11 @@ RVSTATUS StatusOfParent(int Error) {
 
 } // namespace
 
+std::u16string_view LastComponent(std::u16string_view Path) {
+    Path = Path.substr(0, Path.find_last_not_of(u'\\') + 1);
+    return Path.substr(Path.rfind(u'\\') + 1);
+}
+
 NameCache::NameCache(Opener Open, void *Context, bool UseNotifications)
     : Open_(Open), Context_(Context), Log_(UseNotifications) {
 }
@@ -58,6 +63,17 @@ NameCache::IndexPtr NameCache::IndexOf(const ObjectKey &Key) {
         Ages_.pop_back();
     }
     return Index;
+}
+
+// The index of a directory that was read, or nothing.
+NameCache::IndexPtr NameCache::KnownIndex(const ObjectKey &Key) {
+    const std::lock_guard Hold(Mutex_);
+    const auto Found = Indices_.find(Key);
+    if (Found == Indices_.end() || !Found->second.Index->IsKnown()) {
+        return nullptr;
+    }
+    Ages_.splice(Ages_.begin(), Ages_, Found->second.Age);
+    return Found->second.Index;
 }
 
 // Looks one component up in the directory open as Fd, which is Known when that is not nullptr; Out's HolderKey, Name,
@@ -177,6 +193,45 @@ RVSTATUS NameCache::Resolve(const DirectoryRef &Base, std::u16string_view Path, 
         return StatusFromLookup(errno);
     }
     return Walk(Base, Path, Out);
+}
+
+bool NameCache::ResolveKnown(const DirectoryRef &Base, std::u16string_view Path, const std::string &Exact,
+                             Resolved &Out) {
+    const size_t Slash = Exact.rfind('/');
+    Out = {};
+    Out.HolderKey = Base.Key;
+    Out.Name = Exact.substr(Slash + 1);
+    if (Slash != Exact.npos) {
+        Out.Parent = Exact.substr(0, Slash);
+        struct stat Stat;
+        if (fstatat(Base.Fd, Out.Parent.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(Stat.st_mode)) {
+            return false;
+        }
+        Out.HolderKey = KeyOf(Stat);
+    }
+    const IndexPtr Index = KnownIndex(Out.HolderKey);
+    FoundName Found;
+    const RVSTATUS Status = Index ? Index->Find(-1, LastComponent(Path), Out.Name, Found) : RVSTATUS::Unsuccessful;
+    if (Status == RVSTATUS::Success) {
+        Out.Name = std::move(Found.Native);
+        Out.Type = Found.Type;
+        Out.Exists = true;
+        Out.Marked = Found.Marked;
+    }
+    return Found.Told && (Out.Exists || Status == Failure(CODE_NO_SUCH_FILE));
+}
+
+bool NameCache::OpenHolder(const DirectoryRef &Base, const std::string &Exact, Resolved &Out) {
+    const size_t Slash = Exact.rfind('/');
+    Out = {};
+    Out.Name = Exact.substr(Slash + 1);
+    if (Slash == Exact.npos) {
+        Out.HolderKey = Base.Key;
+        return true;
+    }
+    Out.Parent = Exact.substr(0, Slash);
+    Out.Holder = UniqueFd(Open_(Context_, Base, Out.Parent, O_PATH | O_DIRECTORY));
+    return static_cast<bool>(Out.Holder);
 }
 
 RVSTATUS NameCache::List(const DirectoryRef &Dir, std::u16string_view FoldedMask, bool WithShort, NameList &Out) {

@@ -24,6 +24,9 @@
 
 namespace providers::directory {
 
+// The last component of a path, without separators behind it.
+std::u16string_view LastComponent(std::u16string_view Path);
+
 // A directory from which a look-up starts.
 struct DirectoryRef {
     int Fd = -1;
@@ -60,6 +63,13 @@ public:
     // ExactMissing: the file system was just asked what the path, as it is spelled, leads to, and has nothing.
     RVSTATUS Resolve(const DirectoryRef &Base, std::u16string_view Path, Resolved &Out, bool ExactMissing = false);
 
+    // As Resolve for a path of which the file system has nothing as it is spelled, Exact in bytes, when the directory
+    // is known and nothing has to be opened for the answer: Out has no Holder then. False when only Resolve can tell.
+    bool ResolveKnown(const DirectoryRef &Base, std::u16string_view Path, const std::string &Exact, Resolved &Out);
+    // Opens the directory that holds Exact, for a name of which is known that it is missing in any case. False when it
+    // cannot be opened.
+    bool OpenHolder(const DirectoryRef &Base, const std::string &Exact, Resolved &Out);
+
     // The names of the directory Dir that FoldedMask takes, sorted by their folded form.
     RVSTATUS List(const DirectoryRef &Dir, std::u16string_view FoldedMask, bool WithShort, NameList &Out);
     // Whether Short leads to the entry Native of Dir.
@@ -82,6 +92,7 @@ private:
     };
 
     IndexPtr IndexOf(const ObjectKey &Key);
+    IndexPtr KnownIndex(const ObjectKey &Key);
     RVSTATUS Step(int Fd, const ObjectKey *Known, std::u16string_view Component, bool ExactMissing, Resolved &Out);
     RVSTATUS Walk(const DirectoryRef &Base, std::u16string_view Path, Resolved &Out);
 

@@ -215,9 +215,6 @@ void Store(Type *Where, Value What) {
 // The first component behind leading separators; Path becomes what follows it.
 std::u16string_view TakeComponent(std::u16string_view &Path);
 
-// The last component, without separators behind it.
-std::u16string_view LastComponent(std::u16string_view Path);
-
 // Why these cannot be the names of a server and a volume; empty when they can.
 std::string FaultOfNames(std::u16string_view Server, std::u16string_view Volume);
 

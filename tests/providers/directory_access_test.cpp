@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <thread>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -9,6 +10,7 @@
 #include <unistd.h>
 
 #include "providers/directory/beneath.h"
+#include "providers/directory/last_look.h"
 #include "tests/providers/directory_fixture.h"
 #include "tests/support/without_override.h"
 
@@ -103,80 +105,176 @@ TEST_F(DirectoryProviderTest, WhatIsNoFileIsNeverOpenedAndCanBeNamed) {
     EXPECT_TRUE(fs::is_empty(Root));
 }
 
-// An open takes what the question before it found. What was changed here since is seen all the same.
-TEST_F(DirectoryProviderTest, WhatIsOpenedIsWhatIsThere) {
+// The clock of looks stands still but for what a test adds.
+class Looks : public DirectoryProviderTest {
+protected:
+    static inline int64_t Time = 1;
+    const decltype(LookClock) Real = std::exchange(LookClock, [] { return Time; });
+    ~Looks() override {
+        LookClock = Real;
+    }
+
+    static constexpr int64_t Longest = 1'000'000;
+    // What a query open finds: by the whole path, or below the volume.
+    RVSTATUS Ask(const std::u16string &Path, bool Whole = true) {
+        RVHANDLE Handle = 0;
+        const RVSTATUS Status =
+            Table->RVFsdCreateFile(Fsd, nullptr, Whole ? 0 : Volume, ((Whole ? u"\\srv\\vol\\" : u"") + Path).c_str(),
+                                   RV_ACCESS_ATTRIBUTES, 7, RV_DISPOSITION_QUERY, 0, 0, &Handle, &Action);
+        EXPECT_EQ(Handle != 0, Status == Done);
+        if (Handle != 0) {
+            Close(Handle);
+        }
+        return Status;
+    }
+    // As an open does between its questions; one that fails closes the volume again.
+    void OpenAnotherVolume(bool AndClose = false) {
+        RVHANDLE Handle = 0;
+        EXPECT_EQ(Table->RVFsdOpenVolume(Fsd, nullptr, u"\\srv\\vol", &Handle), Done);
+        if (AndClose) {
+            EXPECT_EQ(Table->RVFsdCloseVolume(Fsd, nullptr, Handle), Done);
+        } else {
+            Volumes.push_back(Handle);
+        }
+    }
+    void TearDown() override {
+        for (const RVHANDLE Each : Volumes) {
+            EXPECT_EQ(Table->RVFsdCloseVolume(Fsd, nullptr, Each), Done);
+        }
+        DirectoryProviderTest::TearDown();
+    }
+    std::vector<RVHANDLE> Volumes;
+};
+
+// An open takes what its first question found. What was changed here since is seen all the same, and by what is another
+// open, all.
+TEST_F(Looks, WhatIsOpenedIsWhatTheOpenFoundFirst) {
+    const auto Exchange = [&] { fs::rename(Root / "other", Root / "file"); };
     const struct {
         std::function<void()> Change;
         std::string_view Content; // of "FILE" afterwards
     } Cases[] = {
         {[] {}, "text"},
+        {Exchange, "text"},
+        {[&] { Time += Longest, Exchange(); }, "text"},
+        {[&] {
+             Time += Longest + 1;
+             Exchange();
+         },
+         "other"},
+        {[&] {
+             OpenAnotherVolume(), Exchange();
+             EXPECT_EQ(Ask(u"FILE"), Done);
+         },
+         "text"},
+        {[&] {
+             OpenAnotherVolume(), Time += Longest + 1;
+             Exchange();
+             EXPECT_EQ(Ask(u"FILE"), Done);
+         },
+         "other"},
+        {[&] {
+             OpenAnotherVolume(true), Exchange();
+             EXPECT_EQ(Ask(u"FILE"), Done);
+         },
+         "other"},
+        {[&] { OpenAnotherVolume(true), Exchange(); }, "other"},
+        {[&] {
+             Exchange();
+             EXPECT_EQ(Ask(u"FILE"), Done);
+         },
+         "other"},
+        {[&] {
+             EXPECT_EQ(Ask(u"other"), Done);
+             Exchange();
+         },
+         "other"},
         {[&] { EXPECT_EQ(Delete(u"file"), Done); }, "failed 1286"},
+        {[&] { std::thread([&] { EXPECT_EQ(Delete(u"file"), Done); }).join(); }, "failed 1286"},
         {[&] { EXPECT_EQ(Move(u"file", u"moved"), Done); }, "failed 1286"},
         {[&] {
              Write("FILE", "exact");
              EXPECT_EQ(Move(u"file", u"moved"), Done);
          },
          "exact"},
-        {[&] { std::thread([&] { EXPECT_EQ(Delete(u"file"), Done); }).join(); }, "failed 1286"},
-        // Another question is between.
-        {[&] { EXPECT_EQ(Try(u"other", RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY), Done); }, "text"},
-        {[&] {
-             fs::rename(Root / "other", Root / "file");
-             EXPECT_EQ(Try(u"FILE", RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY), Done);
-         },
-         "other"},
     };
     for (const auto &Case : Cases) {
         Write("file", "text");
         Write("other", "other");
-        EXPECT_EQ(Try(u"FILE", RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY), Done);
+        EXPECT_EQ(Ask(u"FILE"), Done);
         Case.Change();
         EXPECT_EQ(Content(u"FILE"), Case.Content) << &Case - Cases;
         for (const char *Name : {"file", "FILE", "moved", "other"}) {
             fs::remove(Root / Name);
         }
     }
+    // The same goes for a directory.
+    for (const bool Again : {false, true}) {
+        fs::create_directory(Root / "dir");
+        EXPECT_EQ(Ask(u"DIR"), Failure(CODE_IS_A_DIRECTORY));
+        fs::rename(Root / "dir", Root / "away");
+        RVHANDLE Folder = 0;
+        OpenAnotherVolume(Again);
+        EXPECT_EQ(OpenFolder(u"DIR", Folder), Again ? Failure(CODE_NO_SUCH_FILE) : Done);
+        EXPECT_TRUE(Folder == 0 || Table->RVFsdCloseDirectory(Fsd, nullptr, Folder) == Done);
+        fs::remove(Root / "away");
+    }
     // READONLY that was set meanwhile forbids writing.
     Write("file", "text");
     RVHANDLE Handle = 0;
     ULONG ReadOnly = RV_ATTR_READONLY;
     ASSERT_EQ(Open(u"file", Handle, RV_ACCESS_ATTRIBUTES), Done);
-    EXPECT_EQ(Try(u"\\file\\", RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY), Done);
+    EXPECT_EQ(Ask(u"\\file\\", false), Done);
     EXPECT_EQ(Table->RVFsdSetFileInformation(Fsd, nullptr, Handle, &ReadOnly, nullptr, nullptr, nullptr), Done);
     EXPECT_EQ(Try(u"file", RV_ACCESS_WRITE), RVSTATUS::AccessDenied);
     Close(Handle);
 }
 
-// What a question by the whole path did not find is not looked for again below the volume, until it came through here.
-TEST_F(DirectoryProviderTest, WhatIsMissingIsSeenWhenItComes) {
-    const auto IsThere = [&](RVHANDLE Base, const char16_t *Path) {
-        RVHANDLE Handle = 0;
-        const RVSTATUS Status = Table->RVFsdCreateFile(Fsd, nullptr, Base, Path, RV_ACCESS_ATTRIBUTES, 7,
-                                                       RV_DISPOSITION_QUERY, 0, 0, &Handle, &Action);
-        EXPECT_TRUE(Handle == 0 || Table->RVFsdCloseFile(Fsd, nullptr, Handle) == Done);
-        return Status != Failure(CODE_NO_SUCH_FILE);
-    };
+// What a question by the whole path did not find is not looked for again below the volume, until it came through here,
+// and its directory not at all.
+TEST_F(Looks, WhatIsMissingIsSeenWhenItComes) {
+    const RVSTATUS Missing = Failure(CODE_NO_SUCH_FILE);
     const struct {
         std::function<void()> Make;
-        bool AtOnce;
+        RVSTATUS AtOnce; // below the volume
     } Cases[] = {
-        {[&] { EXPECT_EQ(Try(u"NAME", RV_ACCESS_WRITE, RV_DISPOSITION_CREATE_NEW), Done); }, true},
-        {[&] { std::thread([&] { EXPECT_EQ(MakeFolder(u"Name"), Done); }).join(); }, true},
-        {[&] { EXPECT_EQ(Move(u"other", u"name"), Done); }, true},
-        {[&] { Write("NAME", ""); }, false}, // one question later
+        {[&] { EXPECT_EQ(Try(u"Dir\\NAME", RV_ACCESS_WRITE, RV_DISPOSITION_CREATE_NEW), Done); }, Done},
+        {[&] { std::thread([&] { EXPECT_EQ(MakeFolder(u"Dir\\Name"), Done); }).join(); }, Failure(CODE_IS_A_DIRECTORY)},
+        {[&] { EXPECT_EQ(Move(u"Dir\\other", u"Dir\\name"), Done); }, Done},
+        {[&] { Write("Dir/NAME", ""); }, Missing},
+        {[&] { Write("Dir/NAME", ""), Time += Longest + 1; }, Done},
+        {[&] { Write("Dir/NAME", ""), OpenAnotherVolume(true); }, Done},
+        // One that came after the question is met by a create, whichever way it is spelled.
+        {[&] {
+             Write("Dir/NAME", "");
+             EXPECT_EQ(Try(u"Dir\\name", RV_ACCESS_WRITE, RV_DISPOSITION_CREATE_NEW), Failure(CODE_EXISTS));
+         },
+         Done},
+        {[&] {
+             Write("Dir/name", "");
+             EXPECT_EQ(Try(u"Dir\\name", RV_ACCESS_WRITE, RV_DISPOSITION_CREATE_NEW), Failure(CODE_EXISTS));
+         },
+         Done},
     };
     for (const auto &Case : Cases) {
-        Write("other", "");
-        EXPECT_FALSE(IsThere(0, u"\\srv\\vol\\name"));
-        EXPECT_FALSE(IsThere(Volume, u"name"));
-        EXPECT_TRUE(IsThere(Volume, u"other"));
+        fs::create_directory(Root / "Dir");
+        Write("Dir/other", "");
+        EXPECT_EQ(Ask(u"Dir\\name"), Missing);
+        EXPECT_EQ(Ask(u"Dir\\name", false), Missing);
+        EXPECT_EQ(Ask(u"Dir\\other", false), Done);
         Case.Make();
-        EXPECT_TRUE(!Case.AtOnce || IsThere(Volume, u"name")) << &Case - Cases;
-        EXPECT_TRUE(IsThere(0, u"\\srv\\vol\\name")) << &Case - Cases;
-        EXPECT_TRUE(IsThere(Volume, u"name")) << &Case - Cases;
-        for (const char *Name : {"name", "Name", "NAME", "other"}) {
-            fs::remove(Root / Name);
-        }
+        EXPECT_EQ(Ask(u"Dir\\name", false), Case.AtOnce) << &Case - Cases;
+        EXPECT_NE(Ask(u"Dir\\name"), Missing) << &Case - Cases;
+        EXPECT_NE(Ask(u"Dir\\name", false), Missing) << &Case - Cases;
+        fs::remove_all(Root / "Dir");
+    }
+    for (const bool Again : {false, true}) {
+        fs::create_directory(Root / "Dir");
+        EXPECT_EQ(Ask(u"Dir\\name"), Missing);
+        OpenAnotherVolume(Again);
+        fs::remove(Root / "Dir");
+        EXPECT_EQ(Ask(u"Dir"), Again ? Missing : Failure(CODE_IS_A_DIRECTORY));
+        EXPECT_EQ(Ask(u"Di"), Missing);
     }
 }
 
