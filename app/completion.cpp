@@ -93,6 +93,11 @@ std::vector<std::string> LocalNames(const std::string &Word) {
     return Names;
 }
 
+bool TakesLocalPaths(std::string_view Verb) {
+    constexpr std::string_view Some[] = {"put", "get", "cp", "report", "check-provider", "mount", "stats", "monitor"};
+    return std::find(std::begin(Some), std::end(Some), Verb) != std::end(Some);
+}
+
 } // namespace
 
 LastWord FindLastWord(std::string_view Line) {
@@ -134,13 +139,19 @@ std::string Respell(const std::string &Full, const LastWord &Word, size_t Cursor
 
 std::vector<std::string> Completions(Session &Running, std::string_view Before, const std::string &Word) {
     const size_t First = Before.find_first_not_of(" \t");
+    const std::string_view Verb =
+        First == Before.npos ? "" : Before.substr(First, Before.find_first_of(" \t", First) - First);
     std::vector<std::string> Names;
-    if (First == std::string_view::npos) {
+    if (Verb.empty()) {
         Names = Words();
     } else if (Word.starts_with('-')) {
-        Names = OptionsOf(std::string(Before.substr(First, Before.find_first_of(" \t", First) - First)));
+        Names = OptionsOf(std::string(Verb));
+    } else if (IsRemote(Word) && (Word[0] == '\\' || Word[0] == '/')) {
+        Names = RemoteNames(Running, Word);
     } else {
-        Names = IsRemote(Word) && (Word[0] == '\\' || Word[0] == '/') ? RemoteNames(Running, Word) : LocalNames(Word);
+        if (TakesLocalPaths(Verb)) {
+            Names = LocalNames(Word);
+        }
         if (!RemoteDirectory().empty()) {
             const std::vector<std::string> Relative = RelativeNames(Word);
             Names.insert(Names.end(), Relative.begin(), Relative.end());

@@ -14,6 +14,7 @@ struct CopyOptions {
     bool Force = false;    // a file that is there is replaced
     bool InPlace = false;  // by writing into it: it keeps its identity, and its old bytes are lost when that fails
     bool Preserve = false; // times and attributes too
+    bool Tell = false;     // each file, when it is copied
 };
 
 // Each throws StatusError, std::runtime_error of a local file, or Interrupted; nothing new is left behind then.

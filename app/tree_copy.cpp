@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include "app/output.h"
 #include "app/text.h"
 #include "app/verbs/verb.h"
 #include "app/walk.h"
@@ -49,6 +50,11 @@ void CopyFile(Session &Running, const Place &From, const Place &To, const CopyOp
     } else {
         LocalFile Source = LocalFile::OpenForReading(From.Local.string());
         CopyIn(Running, Source, To.Path, Options);
+    }
+    if (Options.Tell && WantsJson()) {
+        PrintRecord({{"from", From.Show()}, {"to", To.Show()}});
+    } else if (Options.Tell) {
+        fmt::print("{} -> {}\n", From.Show(), To.Show());
     }
 }
 

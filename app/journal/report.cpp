@@ -153,7 +153,10 @@ private:
         Ended.Unfinished = false;
         Ended.Status = TextOf(Status);
         // A Provider's error has both top bits; the names of statuses say no more than that they are not success.
-        Ended.Failed = Status.starts_with("0x") ? Status[2] >= 'C' : !IsSuccess(Status);
+        // At its end the driver has done what it does for a shutdown, and answers as it does for what it knows no more
+        // of.
+        const bool IsTheEnd = Event.value("name", "") == "IRP_MJ_SHUTDOWN" && Status == "STATUS_NOT_SUPPORTED";
+        Ended.Failed = !IsTheEnd && (Status.starts_with("0x") ? Status[2] >= 'C' : !IsSuccess(Status));
         const std::string &Before = Texts_[Ended.Details];
         if (!Details.empty()) {
             Ended.Details = TextOf(Before.empty() ? Details : Before + " \u2192 " + Details);

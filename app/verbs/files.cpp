@@ -17,6 +17,7 @@ namespace {
 struct CopyWords {
     std::vector<std::string> Paths;
     bool Recursive = false;
+    bool Archive = false;
     CopyOptions How;
 };
 
@@ -29,11 +30,15 @@ std::vector<Parameter> CopyParameters(CopyWords &Words, const char *Shown, const
              "with --force: write into files that are there, which keeps their identity and needs no space "
              "for both",
              &Words.How.InPlace},
-            {"-p,--preserve", "keep times and attributes", &Words.How.Preserve}};
+            {"-p,--preserve", "keep times and attributes", &Words.How.Preserve},
+            {"-a,--archive", "the same as -rp", &Words.Archive},
+            {"-v,--verbose", "tell each file that is copied", &Words.How.Tell}};
 }
 
 // Sources to one target; several need a directory.
-int CopyAll(Session &Running, const std::vector<Place> &Sources, const Place &To, const CopyWords &Words) {
+int CopyAll(Session &Running, const std::vector<Place> &Sources, const Place &To, CopyWords Words) {
+    Words.Recursive |= Words.Archive;
+    Words.How.Preserve |= Words.Archive;
     if (Sources.size() > 1 && To.WhatIsThere() != Kind::Directory) {
         throw UsageError(fmt::format("{}: several files are copied into a directory only", To.Show()));
     }

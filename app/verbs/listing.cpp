@@ -27,6 +27,10 @@ struct ListWords {
     bool All = false;
     bool Human = false;
     bool Recursive = false;
+    bool ByTime = false;
+    bool BySize = false;
+    bool Reverse = false;
+    bool OnePerLine = false; // as it is anyway
     bool Summary = false;
     std::string Class = "both";
     uint32_t Buffer = LargeListing;
@@ -77,8 +81,20 @@ RemoteFile OpenTarget(MaskedPath &Where) {
     return RemoteFile(Where.Directory, ForListing());
 }
 
-// The listing as the driver gives it: one class, one buffer length, and with --all the dot entries.
-void ListRaw(MaskedPath Where, const ListWords &Words) {
+// Puts entries into the order that is wanted; what is alike there stays in the server's.
+void Order(std::vector<DirectoryEntry> &Entries, const ListWords &Words) {
+    std::stable_sort(Entries.begin(), Entries.end(), [&Words](const DirectoryEntry &One, const DirectoryEntry &Other) {
+        return Words.BySize ? One.Size > Other.Size : Words.ByTime ? One.LastWrite > Other.LastWrite : false;
+    });
+    if (Words.Reverse) {
+        std::reverse(Entries.begin(), Entries.end());
+    }
+}
+
+// The listing as the driver gives it: one class, one buffer length, and with --all the dot entries. Where becomes the
+// directory that is listed. Entries for which an order is wanted are left in Kept.
+void ListRaw(MaskedPath &Where, const ListWords &Words, std::vector<DirectoryEntry> &Kept) {
+    const bool Orders = Words.ByTime || Words.BySize || Words.Reverse;
     RemoteFile Directory = OpenTarget(Where);
     const ULONG InfoClass = ClassNames.at(Words.Class);
     // With --restart the search is begun again after the first answer.
@@ -100,8 +116,13 @@ void ListRaw(MaskedPath Where, const ListWords &Words) {
         if (!NT_SUCCESS(Batch.Status)) {
             throw StatusError(Batch.Status, ShowPath(Where.Directory + u"\\" + Where.Mask));
         }
-        for (const DirectoryEntry &Entry : UnpackEntries(Batch, InfoClass)) {
-            if (Words.All || (Entry.Name != u"." && Entry.Name != u"..")) {
+        for (DirectoryEntry &Entry : UnpackEntries(Batch, InfoClass)) {
+            if (!Words.All && (Entry.Name == u"." || Entry.Name == u"..")) {
+                continue;
+            }
+            if (Orders) {
+                Kept.push_back(std::move(Entry));
+            } else {
                 PrintEntry(Where.Directory, Entry, Words);
             }
         }
@@ -123,6 +144,7 @@ int ListTree(const MaskedPath &Where, const ListWords &Words, WayDown Way) {
         }
         Entries = ListDirectory(Directory, Where.Mask, Words.Buffer);
     });
+    Order(Entries, Words);
     for (const DirectoryEntry &Entry : Entries) {
         PrintEntry(Where.Directory, Entry, Words);
     }
@@ -260,11 +282,16 @@ int List(Session &Running, const ListWords &Words) {
         }
         return 0;
     }
+    if ((Words.ByTime || Words.BySize) && Words.Class == "names") {
+        throw UsageError("ls: the class \"names\" tells neither times nor sizes");
+    }
     int Code = 0;
     bool IsFirst = true;
     for (const std::string &Path : PathsOf(Words, Running)) {
+        MaskedPath Where;
+        std::vector<DirectoryEntry> Kept;
         Code |= Guarded([&] {
-            const MaskedPath Where = SplitMask(Path);
+            Where = SplitMask(Path);
             if (Words.Recursive) {
                 Code |= ListTree(Where, Words, {});
                 return;
@@ -273,8 +300,12 @@ int List(Session &Running, const ListWords &Words) {
                 fmt::print("{}{}:\n", IsFirst ? "" : "\n", Path);
             }
             IsFirst = false;
-            ListRaw(Where, Words);
+            ListRaw(Where, Words, Kept);
         });
+        Order(Kept, Words);
+        for (const DirectoryEntry &Entry : Kept) {
+            PrintEntry(Where.Directory, Entry, Words);
+        }
     }
     return Code;
 }
@@ -295,6 +326,10 @@ Verb ListVerb() {
                          {"-h,--human", "sizes for people", &Words->Human},
                          {"-a,--all", "what a directory says of itself and the one above, . and .., too", &Words->All},
                          {"-R,--recursive", "directories below too, without dot entries", &Words->Recursive},
+                         {"-t", "the newest first", &Words->ByTime},
+                         {"-S", "the largest first", &Words->BySize},
+                         {"-r,--reverse", "in the opposite order", &Words->Reverse},
+                         {"-1", "one name a line, as it is anyway", &Words->OnePerLine},
                          Parameter{"--class", "the class of information asked for", &Words->Class}.Of(Classes),
                          Parameter{"--buffer", "bytes of each query's buffer", &Words->Buffer}.As("BYTES"),
                          {"--restart", "begin again after the first answer", &Words->Restart},

@@ -192,7 +192,8 @@ TEST_F(ProgramCopy, DirectoriesGoWithAllBelow) {
     const auto Old = std::filesystem::file_time_type(std::chrono::seconds(-1'000'000'000));
     std::filesystem::last_write_time(Local.Path() / "tree" / "sub", Old);
     Succeeds({"cp", "-rp", Local.File("tree"), R"(\\srv\vol\kept)"});
-    Succeeds({"cp", "-rp", R"(\\srv\vol\kept)", R"(\\srv\vol\again)"});
+    EXPECT_THAT(Run({"cp", "-av", R"(\\srv\vol\kept)", R"(\\srv\vol\again)"}).Out,
+                HasSubstr("\\\\srv\\vol\\kept\\sub\\b -> \\\\srv\\vol\\again\\sub\\b\n"));
     Succeeds({"get", "-rp", R"(\\srv\vol\again)", Local.File("kept")});
     for (const std::string &Copy : {Served.File("kept/sub"), Served.File("again/sub"), Local.File("kept/sub")}) {
         EXPECT_EQ(std::filesystem::last_write_time(Copy), Old) << Copy;

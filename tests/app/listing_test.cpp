@@ -50,6 +50,28 @@ TEST_F(ProgramListing, TheLastComponentIsAMaskOrTheNameOfAFile) {
     }
 }
 
+TEST_F(ProgramListing, AnOrderIsTheServersOrTimesOrSizesAndTheOtherWayRound) {
+    Served.Write("d/abc", "four");
+    std::filesystem::last_write_time(Served.Path() / "d" / "B.TXT",
+                                     std::filesystem::file_time_type::clock::now() + std::chrono::hours(1));
+    const struct {
+        std::vector<std::string> Words;
+        const char *Out;
+    } Cases[] = {{{"-1", "*.txt"}, "a.txt\nB.TXT\n"},
+                 {{"-t", "*.txt"}, "B.TXT\na.txt\n"},
+                 {{"-t", "-r", "*.txt"}, "a.txt\nB.TXT\n"},
+                 {{"-S", "a*"}, "abc\na rather long name.html\na.txt\n"},
+                 {{"-R", "-r", "*b*"}, "\\\\srv\\vol\\d:\nsub\nB.TXT\nabc\n\n\\\\srv\\vol\\d\\sub:\nbelow.txt\n"}};
+    for (const auto &[Words, Shown] : Cases) {
+        std::vector<std::string> Line = {"ls"};
+        Line.insert(Line.end(), Words.begin(), Words.end() - 1);
+        Line.push_back(R"(\\srv\vol\d\)" + Words.back());
+        EXPECT_EQ(Out(Line), Shown);
+    }
+    ExpectRefused({"ls", "-t", "--class", "names", R"(\\srv\vol\d)"}, 2,
+                  R"(ls: the class "names" tells neither times nor sizes)");
+}
+
 TEST_F(ProgramListing, TreesAndSizesAreDrawnForPeopleAndForScripts) {
     Served.Write("d/sub/below.txt", std::string(3000, 'x'));
     EXPECT_EQ(Out({"tree", R"(\\srv\vol\d\)"}), "\\\\srv\\vol\\d\n"
