@@ -1,14 +1,13 @@
 #include "fuzz/image.h"
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <vector>
 
 #include "embedded/image/driver_image.h"
 #include "embedded/image/symbols.h"
 #include "embedded/image/unwind.h"
+#include "fuzz/require.h"
 #include "tests/support/small_image.h"
 
 namespace fuzz {
@@ -16,13 +15,6 @@ namespace fuzz {
 namespace {
 
 using namespace embedded;
-
-void Require(bool Holds, const char *What) {
-    if (!Holds) {
-        fprintf(stderr, "an image broke a promise: %s\n", What);
-        abort();
-    }
-}
 
 bool IsInASection(const ImageFormat &Format, uint64_t Rva, uint64_t Bytes) {
     return std::any_of(Format.Sections.begin(), Format.Sections.end(), [=](const ImageSection &Each) {

@@ -1,6 +1,5 @@
 #include "fuzz/listing.h"
 
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -9,6 +8,7 @@
 #include "dir/directory.h"
 #include "embedded/kernel.h"
 #include "embedded/zw.h"
+#include "fuzz/require.h"
 #include "providers/framework/framework.h"
 #include "providers/stub/stub_provider.h"
 #include "tests/support/driver_under_test.h"
@@ -16,13 +16,6 @@
 namespace fuzz {
 
 namespace {
-
-void Require(bool Holds, const char *What) {
-    if (!Holds) {
-        fprintf(stderr, "a listing broke a promise: %s\n", What);
-        abort();
-    }
-}
 
 // The input, taken from the front.
 struct Input {

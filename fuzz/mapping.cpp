@@ -1,7 +1,5 @@
 #include "fuzz/mapping.h"
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string>
@@ -9,6 +7,7 @@
 
 #include "embedded/kernel.h"
 #include "embedded/se.h"
+#include "fuzz/require.h"
 #include "mapping/utf8.h"
 #include "provider/binding.h"
 #include "provider/class_factory.h"
@@ -19,13 +18,6 @@
 namespace fuzz {
 
 namespace {
-
-void Require(bool Holds, const char *What) {
-    if (!Holds) {
-        fprintf(stderr, "a mapping broke a promise: %s\n", What);
-        abort();
-    }
-}
 
 struct World {
     World() : Framework(&Provider) {

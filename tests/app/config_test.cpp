@@ -75,8 +75,7 @@ TEST_F(ProgramConfig, IsReadFromTheUsualPlace) {
 
 TEST_F(ProgramConfig, WhatItCannotMeanIsSaidWithItsPlace) {
     const struct {
-        const char *Text;
-        const char *Error;
+        const char *Text, *Error;
     } Cases[] = {
         {"{", "parse error at line 1"},
         {"[]", "an object is expected"},

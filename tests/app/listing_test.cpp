@@ -36,8 +36,7 @@ TEST_F(ProgramListing, EveryClassAndEveryWayOfAskingTellsTheSame) {
 
 TEST_F(ProgramListing, TheLastComponentIsAMaskOrTheNameOfAFile) {
     const struct {
-        const char *Mask;
-        const char *Out;
+        const char *Mask, *Out;
     } Cases[] = {{"*.txt", "a.txt\nB.TXT\n"}, {"ab?", "abc\n"},      {"abc>>>", "abc\n"},
                  {"<.txt", "a.txt\nB.TXT\n"}, {"a\"txt", "a.txt\n"}, {"*~?.htm", "a rather long name.html\n"},
                  {"b.txt", "B.TXT\n"}};

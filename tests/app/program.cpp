@@ -158,8 +158,7 @@ Terminal::Terminal(const std::vector<std::string> &Arguments) {
 }
 
 bool Terminal::CanBeHad() {
-    int Master;
-    int Slave;
+    int Master, Slave;
     if (openpty(&Master, &Slave, nullptr, nullptr, nullptr) != 0) {
         return false;
     }

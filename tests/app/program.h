@@ -20,8 +20,7 @@ namespace test {
 
 struct Ran {
     int Code = -1; // exit code; 128 + n when signal n ended it
-    std::string Out;
-    std::string Error;
+    std::string Out, Error;
 };
 
 // Runs rvfsd to its end, without a terminal. One that does not end within a minute is killed (137).

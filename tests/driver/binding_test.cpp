@@ -93,8 +93,6 @@ TEST_F(Binding, TakesANoteForSuccessWhereOnlyAnErrorFails) {
     }
 }
 
-// ---- The published class
-
 class PublishedClass : public Binding {
 protected:
     RVFSD_FACTORY *Factory(const GUID &Iid = IID_IClassFactory) {

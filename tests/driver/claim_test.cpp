@@ -202,8 +202,6 @@ TEST_F(Claims, OtherControlsAreInvalidByBothFunctions) {
     }
 }
 
-// ---- The device itself
-
 TEST_F(Claims, DeviceOpensAreCountedByProcess) {
     StartTracing(0x220);
     const PEPROCESS Other = embedded::CreateProcess("other");

@@ -129,8 +129,6 @@ TEST_F(Cleanup, WithoutMemoryReleasesEveryLockAllTheSame) {
     EXPECT_EQ(Provider.CountCalls(Slot::UnlockFile), 100u);
 }
 
-// ---- Close
-
 class CloseOfAnOpen : public test::LockFixture {
 protected:
     // Closes and returns what the close request was completed with.

@@ -212,7 +212,7 @@ TEST_F(CreateChecks, AParentIsMissingOnlyWhenItIsKnownToBe) {
     };
     for (const auto &Each : Cases) {
         const std::u16string Text(Each.Path);
-        const UNICODE_STRING Path = Counted(Text);
+        const UNICODE_STRING Path = embedded::ToUnicodeString(Text);
         Provider.ClearCalls();
         EXPECT_EQ(ParentEntryDoesNotExist(&Request, &Path), Each.Missing ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL)
             << providers::ToUtf8(Each.Path);

@@ -33,11 +33,6 @@ protected:
         Provider.AddFile(u"\\srv\\vol\\docs\\f.txt", "inside");
         Provider.AddDirectory(u"\\srv\\vol\\docs\\sub");
     }
-    // Binds the framework, so that the driver's routines may be called directly.
-    void Bind() {
-        Close(MustOpen(u"\\srv\\vol", AsDirectory));
-        Provider.ClearCalls();
-    }
     static IRP_CONTEXT Context(PFILE_OBJECT File = nullptr) {
         IRP_CONTEXT Made = {};
         Made.NodeTypeCode = NODE_TYPE_IRP_CONTEXT;
@@ -45,10 +40,6 @@ protected:
         Made.SecurityContext = providers::Framework::DefaultCaller;
         Made.FileObject = File;
         return Made;
-    }
-    static UNICODE_STRING Counted(std::u16string_view Text) {
-        const auto Bytes = static_cast<USHORT>(Text.size() * sizeof(WCHAR));
-        return {Bytes, Bytes, const_cast<PWSTR>(Text.data())};
     }
     static std::u16string View(const UNICODE_STRING &Text) {
         return {Text.Buffer, Text.Length / sizeof(WCHAR)};

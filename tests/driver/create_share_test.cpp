@@ -25,8 +25,6 @@ protected:
     }
 };
 
-// ---- Share access against a model of its own
-
 // Bit 0: reading, 1: writing, 2: deleting; for accesses and for share modes. Executing is reading, appending writing.
 constexpr ULONG Kinds = 8;
 
@@ -126,8 +124,6 @@ TEST_F(SharedOpens, SucceedWithoutAClaimWhenTheClaimIsRefusedAtTheEnd) {
     EXPECT_TRUE(Same(Shared->ShareAccess, Before)) << "nothing was taken that had not been added";
 }
 
-// ---- What a second open may do
-
 TEST_F(SharedOpens, AreWhatTheFirstOneWas) {
     // The objects change places at the server; who has them open still has what he opened.
     const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt");
@@ -192,8 +188,6 @@ TEST_F(SharedOpens, OfARefusedSizeDoNotTakeItOver) {
                   FILE_SUPERSEDED);
     EXPECT_EQ(Fcb(First)->Header.FileSize.QuadPart, 10);
 }
-
-// ---- Opens that fail while others wait for them
 
 // The first create hangs at the Provider and fails; the second has found its FCB and waits for it.
 class ConcurrentCreates : public SharedOpens {

@@ -131,8 +131,7 @@ TEST_F(Creates, DecideByTypeFlagsEntryAndDisposition) {
 TEST_F(Creates, HandTheProviderItsOwnEncodings) {
     struct {
         ACCESS_MASK Access;
-        ULONG Options;
-        ULONG Disposition;
+        ULONG Options, Disposition;
         ULONG64 ProviderAccess, ProviderOptions, ProviderDisposition;
         ULONG Share = FILE_SHARE_READ | FILE_SHARE_DELETE, ProviderShare = 5;
     } constexpr Cases[] = {

@@ -69,8 +69,6 @@ TEST_F(Listing, IdentifiersAreNumberedThroughAcrossDirectories) {
     EXPECT_EQ(Next, 12);
 }
 
-// ---- The batch is data from outside
-
 void PutRecord(UCHAR *At, ULONG Next, ULONG NameUnits) {
     memcpy(At, &Next, sizeof(Next));
     memcpy(At + 56, &NameUnits, sizeof(NameUnits));

@@ -14,8 +14,7 @@ struct EntryRow {
     UCHAR MajorFunction;
     const char *Name;
     ULONG Mask;
-    bool Binds;
-    bool TestsCancel;
+    bool Binds, TestsCancel;
     bool RunInFront; // of the returning line
     NTSTATUS Bare;   // the answer to a file object without contexts
 };

@@ -17,7 +17,7 @@ protected:
         return View(Fcb(Handle)->FullPath);
     }
     NTSTATUS Rename(HANDLE Handle, std::u16string_view NewPath) {
-        UNICODE_STRING Name = Counted(NewPath);
+        UNICODE_STRING Name = embedded::ToUnicodeString(NewPath);
         const PFCB Renamed = Fcb(Handle);
         ResourceHold Table;
         Table.AcquireExclusive(&FcbTableResource, TRUE);
@@ -225,7 +225,7 @@ TEST_F(RelativeOpens, OfAForeignFileObjectAreRefusedBeforeTheProviderIsAsked) {
         Related->FsContext = Each.Signature != 0 ? Record.get() : nullptr;
         Related->FsContext2 = Each.Instance;
         IRP_CONTEXT Request = Context(File);
-        UNICODE_STRING Name = Counted(u"a.txt");
+        UNICODE_STRING Name = embedded::ToUnicodeString(u"a.txt");
         PFCB Found;
         PINSTANCE_CONTEXT Made;
         ULONG OpenCount;
@@ -314,7 +314,7 @@ TEST_F(Fcbs, TakeNewPathsUntilAMegabyteOfOldOnesIsKept) {
 // Whatever opens, goes or takes another path below it, in whatever letter case.
 TEST_F(Fcbs, KeepTheirDirectoriesFromBeingRenamedWhileTheyLieBelow) {
     const auto HasBelow = [](std::u16string_view Path) {
-        const UNICODE_STRING Name = Counted(Path);
+        const UNICODE_STRING Name = embedded::ToUnicodeString(Path);
         ResourceHold Table;
         Table.AcquireExclusive(&FcbTableResource, TRUE);
         return NtFsdHasFcbBelow(&Name);
@@ -370,7 +370,7 @@ TEST_F(Fcbs, AreLookedUpByTheLongestPathInFront) {
     ResourceHold Table;
     Table.AcquireExclusive(&FcbTableResource, TRUE);
     for (const auto &Each : Cases) {
-        UNICODE_STRING Name = Counted(Each.Path);
+        UNICODE_STRING Name = embedded::ToUnicodeString(Each.Path);
         UNICODE_STRING Remaining;
         EXPECT_EQ(NtFsdFindFcb(&Name, &Remaining), Each.Found != nullptr ? Fcb(Each.Found) : nullptr);
         EXPECT_EQ(View(Remaining), Each.Remaining);
@@ -406,9 +406,7 @@ TEST_F(Fcbs, TheFileObjectCheckLooksAtOneThingAfterAnother) {
     Open.FileHandle = 1;
     struct {
         bool Fcb, Instance;
-        ULONG Signature;
-        ULONG Flags;
-        ULONG Expected;
+        ULONG Signature, Flags, Expected;
         NTSTATUS Status;
     } constexpr Cases[] = {
         {false, false, 0x7704, 0, 0, STATUS_INVALID_HANDLE},

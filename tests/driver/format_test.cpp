@@ -31,8 +31,7 @@ UNICODE_STRING Counted(const char16_t *Text, ULONG Units) {
 }
 
 struct Line {
-    std::string Got;
-    std::string Wanted;
+    std::string Got, Wanted;
 };
 
 void ExpectAll(const std::vector<Line> &Lines) {
@@ -143,8 +142,6 @@ TEST(Format, ACutLineIsAPrefixThatSplitsNoCharacter) {
     EXPECT_EQ(Line(static_cast<ULONG>(Whole.size()) + 1), Whole);
     EXPECT_EQ(Cut(5, "%ws%s", u"abc€", "x"), "abc"); // the "x" would fit where the euro sign did not
 }
-
-// ---- Formats against arguments, when the code is compiled -----------------------------------------------------------
 
 template <typename... T>
 constexpr bool Fits(const char *Format) {

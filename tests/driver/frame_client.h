@@ -16,11 +16,6 @@ protected:
         Provider.AddDirectory(u"\\srv\\vol\\docs");
     }
 
-    // The framework is bound with the first request; this is one.
-    void Bind() {
-        Close(MustOpen(u"\\srv\\vol\\a.txt"));
-        Provider.ClearCalls();
-    }
     IO_STATUS_BLOCK Send(const embedded::IrpBuilder &Builder) {
         return embedded::SendIrpAndWait(Device(), Builder);
     }

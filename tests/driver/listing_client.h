@@ -10,8 +10,7 @@ namespace test {
 struct Entry {
     std::u16string Name;
     ULONG Attributes;
-    LONGLONG Size;
-    LONGLONG Creation, LastAccess, LastWrite, Change;
+    LONGLONG Size, Creation, LastAccess, LastWrite, Change;
 };
 
 // Reads the entries of a packed buffer and checks that it is packed as callers rely on.

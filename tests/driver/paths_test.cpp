@@ -20,7 +20,7 @@ protected:
         return NtFsdQueryPathForVolume(&Security, Path, Answer.Get());
     }
     RVSTATUS PhysicalOf(std::u16string_view Path, OwnedString &Answer) {
-        UNICODE_STRING Asked = Counted(Path);
+        UNICODE_STRING Asked = embedded::ToUnicodeString(Path);
         return NtFsdGetDFSPhysicalPath(&Security, &Asked, Answer.Get());
     }
     static void ExpectEmpty(const OwnedString &Text) {
@@ -106,8 +106,6 @@ TEST_F(Paths, WithoutABufferTheProviderIsNotAsked) {
     }
     EXPECT_EQ(Provider.CountCalls(), 0u);
 }
-
-// ---- The existence probe
 
 class Probe : public Paths {
 protected:

@@ -150,8 +150,7 @@ TEST_F(Replacing, ADirectoryIsNotReplacedByAFile) {
 
 struct AliasCase {
     const char *Name;
-    std::u16string_view Source;
-    std::u16string_view Target;
+    std::u16string_view Source, Target;
     NTSTATUS Status;
     const char *Place; // where the file is afterwards
 };

@@ -75,8 +75,7 @@ TEST_F(DriverStart, AServiceValueIsCopiedUpToFourBytesWhateverItsType) {
     struct ValueCase {
         const char16_t *Name;
         NTSTATUS Status;
-        ULONG Value;
-        ULONG Length;
+        ULONG Value, Length;
     };
     constexpr ULONG Untouched = 0xDDDDDDDD;
     Start();

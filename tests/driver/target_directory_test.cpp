@@ -133,8 +133,6 @@ TEST_F(TargetOpens, CutANameThatDoesNotFitIntoItsFileObject) {
     }
 }
 
-// ---- Parents that are none
-
 TEST_F(TargetOpens, WithoutTheirParentAreRefusedWhenTheProbeSaysSo) {
     ExpectRefused(u"\\srv\\vol\\no\\new", AsTarget, STATUS_OBJECT_PATH_NOT_FOUND);
     // A Provider that does not tell: the parent is opened as something that is not there.

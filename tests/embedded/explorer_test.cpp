@@ -191,8 +191,7 @@ Race DoubleCompletion(bool Faulty) {
 // A counted block of pool. Faulty: who was not the last to give its reference back looks at the block again.
 struct Counted {
     KSPIN_LOCK Lock;
-    LONG References;
-    LONG Uses;
+    LONG References, Uses;
 };
 
 Race UseAfterTheLastDereference(bool Faulty) {

@@ -28,8 +28,6 @@ std::string Reasons(const File &Bytes) {
     return fmt::format("{}", fmt::join(ReadImageFormat(Bytes, &Format), "\n"));
 }
 
-// ---- What the reader refuses -----------------------------------------------------------------------------------
-
 struct Damage {
     const char *Reason; // all that is said
     std::vector<Patch> Patches;

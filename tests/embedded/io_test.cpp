@@ -38,8 +38,7 @@ TEST_F(IoRequestTest, AnEntryThatTheDriverDoesNotServeIsRefused) {
 
 TEST_F(IoRequestTest, WhatMakesARequestSynchronous) {
     struct {
-        ULONG IrpFlags;
-        ULONG FileFlags;
+        ULONG IrpFlags, FileFlags;
         bool Synchronous;
     } const Cases[] = {
         {0, 0, false},

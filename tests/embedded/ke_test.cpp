@@ -16,8 +16,7 @@ namespace {
 constexpr LONGLONG Start = 133'000'000'000'000'000;
 
 LARGE_INTEGER Relative(LONGLONG Units) {
-    LARGE_INTEGER Time;
-    Time.QuadPart = -Units;
+    LARGE_INTEGER Time = {.QuadPart = -Units};
     return Time;
 }
 

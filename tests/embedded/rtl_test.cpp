@@ -15,8 +15,7 @@ UNICODE_STRING StringOver(std::u16string_view Text) {
 
 TEST(Upcase, FoldsUnitsOneToOneAndLeavesTheRestAlone) {
     const struct {
-        WCHAR Unit;
-        WCHAR Upper;
+        WCHAR Unit, Upper;
         const char *Why;
     } Cases[] = {
         {u'a', u'A', "small letter"},

@@ -14,8 +14,7 @@ using namespace iotest;
 class ZwTest : public IoTest {
 protected:
     static LARGE_INTEGER At(LONGLONG Offset) {
-        LARGE_INTEGER Value;
-        Value.QuadPart = Offset;
+        LARGE_INTEGER Value = {.QuadPart = Offset};
         return Value;
     }
     // Opens a file of the driver's; the test fails when it cannot.
@@ -57,8 +56,7 @@ TEST_F(ZwTest, ARelativeOpenHasItsRootDuringTheCreateOnly) {
 
 TEST_F(ZwTest, BadArgumentsStopAtTheIoManagerUnlessTheChecksAreOff) {
     struct {
-        ULONG Options;
-        ULONG Disposition;
+        ULONG Options, Disposition;
         ACCESS_MASK Access;
     } const Cases[] = {
         {0, 6, FILE_READ_DATA},

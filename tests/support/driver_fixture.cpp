@@ -10,12 +10,6 @@ namespace test {
 namespace {
 
 std::mutex PrintedLock;
-
-UNICODE_STRING Counted(std::u16string_view Text) {
-    const auto Bytes = static_cast<USHORT>(Text.size() * sizeof(WCHAR));
-    return {Bytes, Bytes, const_cast<PWSTR>(Text.data())};
-}
-
 } // namespace
 
 DriverFixture::DriverFixture() = default;
@@ -106,11 +100,10 @@ embedded::CreateResult DriverFixture::Create(std::u16string_view Path, const Ope
     Kernel();
     const std::u16string Name =
         Request.Related != nullptr ? std::u16string(Path) : u"\\Device\\RvFsd" + std::u16string(Path);
-    UNICODE_STRING ObjectName = Counted(Name);
+    UNICODE_STRING ObjectName = embedded::ToUnicodeString(Name);
     OBJECT_ATTRIBUTES Attributes;
     InitializeObjectAttributes(&Attributes, &ObjectName, OBJ_CASE_INSENSITIVE, Request.Related, nullptr);
-    LARGE_INTEGER Allocation;
-    Allocation.QuadPart = Request.AllocationSize;
+    LARGE_INTEGER Allocation = {.QuadPart = Request.AllocationSize};
     embedded::CreateParameters Parameters;
     Parameters.ObjectAttributes = &Attributes;
     Parameters.DesiredAccess = Request.Access;
@@ -136,16 +129,14 @@ NTSTATUS DriverFixture::Close(HANDLE Handle) {
 
 Transfer DriverFixture::Read(HANDLE Handle, void *Buffer, ULONG Length, LONGLONG Offset) {
     IO_STATUS_BLOCK IoStatus = {};
-    LARGE_INTEGER At;
-    At.QuadPart = Offset;
+    LARGE_INTEGER At = {.QuadPart = Offset};
     const NTSTATUS Status = NtReadFile(Handle, nullptr, nullptr, nullptr, &IoStatus, Buffer, Length, &At, nullptr);
     return {Status, IoStatus.Information};
 }
 
 Transfer DriverFixture::Write(HANDLE Handle, const void *Buffer, ULONG Length, LONGLONG Offset) {
     IO_STATUS_BLOCK IoStatus = {};
-    LARGE_INTEGER At;
-    At.QuadPart = Offset;
+    LARGE_INTEGER At = {.QuadPart = Offset};
     const NTSTATUS Status =
         NtWriteFile(Handle, nullptr, nullptr, nullptr, &IoStatus, const_cast<void *>(Buffer), Length, &At, nullptr);
     return {Status, IoStatus.Information};

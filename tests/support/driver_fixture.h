@@ -90,6 +90,11 @@ protected:
     embedded::Kernel &Kernel();
     PDEVICE_OBJECT Device();
 
+    // Sends the first request, with which the framework is bound: the driver's routines may be called directly then.
+    void Bind() {
+        Close(MustOpen(u"\\srv\\vol", AsDirectory));
+        Provider.ClearCalls();
+    }
     // Opens a path of the form \srv\vol\...; relative to Request.Related when that is given.
     embedded::CreateResult Create(std::u16string_view Path, const Open &Request = {});
     // Opens and expects success. A test closes what it wants closed at a time of its own.

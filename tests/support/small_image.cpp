@@ -14,11 +14,7 @@ constexpr uint32_t FileAlignment = 512;
 
 struct SectionPlan {
     const char *Name;
-    uint32_t Rva;
-    uint32_t MemoryBytes;
-    uint32_t FileBytes;
-    uint32_t FileOffset;
-    uint32_t Flags;
+    uint32_t Rva, MemoryBytes, FileBytes, FileOffset, Flags;
 };
 
 constexpr uint32_t Readable = 0x40000000, Writable = 0x80000000, Executable = 0x20000000, Discardable = 0x02000000;
