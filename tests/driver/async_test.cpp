@@ -12,8 +12,7 @@
 
 namespace {
 
-using namespace embedded;
-using test::Open;
+using namespace test;
 
 // Holds a file in another thread, so that requests that may not wait are posted and workers wait.
 class BusyFile {
@@ -43,7 +42,7 @@ private:
     std::thread Holder_;
 };
 
-class Async : public test::LockFixture {
+class Async : public LockFixture {
 protected:
     static constexpr Open Asynchronous = {.Access = FILE_READ_DATA | FILE_WRITE_DATA, .Options = 0};
 
@@ -61,8 +60,8 @@ protected:
         LockFixture::TearDown();
     }
 
-    embedded::IrpBuilder ReadAt(size_t Index) {
-        embedded::IrpBuilder Builder = Plain(IRP_MJ_READ, FileObject(Handle));
+    IrpBuilder ReadAt(size_t Index) {
+        IrpBuilder Builder = Plain(IRP_MJ_READ, FileObject(Handle));
         Builder.UserBuffer = &Bytes[Index];
         Builder.Fill = [Index](PIO_STACK_LOCATION Stack) {
             Stack->Parameters.Read.ByteOffset.QuadPart = static_cast<LONGLONG>(Index % 10);
@@ -70,8 +69,8 @@ protected:
         };
         return Builder;
     }
-    SentIrp Post(const embedded::IrpBuilder &Builder) {
-        SentIrp Sent = embedded::SendIrp(Device(), Builder);
+    SentIrp Post(const IrpBuilder &Builder) {
+        SentIrp Sent = SendIrp(Device(), Builder);
         EXPECT_EQ(Sent.Returned(), STATUS_PENDING);
         Clock::Settle();
         return Sent;
@@ -152,7 +151,7 @@ TEST_F(Async, AQueuedRequestIsCancelledAndOneThatAWorkerHasIsNot) {
 TEST_F(Async, ARequestThatIsCancelledBeforeItIsQueuedEndsThere) {
     BusyFile Busy(Fcb(Handle));
     LARGE_INTEGER Length = {.QuadPart = 4};
-    embedded::IrpBuilder Cancelled = Request(Handle, IRP_MN_LOCK, 2, &Length);
+    IrpBuilder Cancelled = Request(Handle, IRP_MN_LOCK, 2, &Length);
     Cancelled.CancelledBefore = true;
     EXPECT_EQ(Post(Cancelled).Wait().Status, STATUS_CANCELLED);
     EXPECT_EQ(g_uAsyncIrpQueueCount, 0u);
@@ -196,7 +195,7 @@ protected:
         EXPECT_EQ(Lock(Owner, 0, 10), STATUS_SUCCESS);
         Granted.emplace(Wait(Handle, 2));
         Busy = std::make_unique<BusyFile>(Fcb(Other));
-        embedded::IrpBuilder Read = ReadAt(0);
+        IrpBuilder Read = ReadAt(0);
         Read.FileObject = FileObject(Other);
         Taken.emplace(Post(Read));
         EXPECT_EQ(Unlock(Owner, 0, 10), STATUS_SUCCESS);
@@ -231,14 +230,13 @@ TEST_F(QueuedGrant, IsCancelledByTheUnlockThatOvertakesIt) {
 // Of two locks of one range and owner the server knows one: that one is unlocked there, and the other told.
 TEST_F(QueuedGrant, IsLeftAloneByAnUnlockOfTheLockThatTheServerKnows) {
     EXPECT_EQ(Send(Request(Handle, IRP_MN_UNLOCK_SINGLE, 2, &Length)).Status, STATUS_SUCCESS);
-    const embedded::IrpBuilder Shared = Request(Handle, IRP_MN_LOCK, 2, &Length, 0, SL_FAIL_IMMEDIATELY);
+    const IrpBuilder Shared = Request(Handle, IRP_MN_LOCK, 2, &Length, 0, SL_FAIL_IMMEDIATELY);
     EXPECT_EQ(Send(Shared).Status, STATUS_SUCCESS);
     IRP Outer = {};
-    embedded::IrpBuilder Nested = Request(Handle, IRP_MN_LOCK, 2, &Length, 0, 0);
+    IrpBuilder Nested = Request(Handle, IRP_MN_LOCK, 2, &Length, 0, 0);
     Nested.TopLevelIrp = &Outer;
-    std::optional<embedded::PlannedFaults> NoSecondWorker;
-    NoSecondWorker.emplace(
-        embedded::FaultPlan{.How = embedded::FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Thread)});
+    std::optional<PlannedFaults> NoSecondWorker;
+    NoSecondWorker.emplace(FaultPlan{.How = FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Thread)});
     SentIrp Untold = Post(Nested);
     NoSecondWorker.reset();
     EXPECT_EQ(LocalLocks(Handle).size(), 2u);
@@ -276,15 +274,14 @@ TEST_F(Async, APostThatFailsEndsTheRequestAndLosesNoCleanup) {
     LARGE_INTEGER Length = {.QuadPart = 4};
     for (const auto &Case : Cases) {
         SCOPED_TRACE(Case.What);
-        const embedded::IrpBuilder Builder = Case.MajorFunction == IRP_MJ_READ ? ReadAt(0)
-                                             : Case.MajorFunction == IRP_MJ_CLEANUP
-                                                 ? Plain(IRP_MJ_CLEANUP, FileObject(Handle))
-                                                 : Request(Handle, IRP_MN_LOCK, 2, &Length);
+        const IrpBuilder Builder = Case.MajorFunction == IRP_MJ_READ      ? ReadAt(0)
+                                   : Case.MajorFunction == IRP_MJ_CLEANUP ? Plain(IRP_MJ_CLEANUP, FileObject(Handle))
+                                                                          : Request(Handle, IRP_MN_LOCK, 2, &Length);
         Provider.ClearCalls();
-        const embedded::PlannedFaults Faults({.How = embedded::FaultPlan::Mode::NthAndAfter,
-                                              .Kinds = FaultBit(FaultKind::TryAcquire) | FaultBit(Case.Fails),
-                                              .Nth = Case.Fails == FaultKind::Pool ? 2u : 1u}); // after its context
-        SentIrp Sent = embedded::SendIrp(Device(), Builder);
+        const PlannedFaults Faults({.How = FaultPlan::Mode::NthAndAfter,
+                                    .Kinds = FaultBit(FaultKind::TryAcquire) | FaultBit(Case.Fails),
+                                    .Nth = Case.Fails == FaultKind::Pool ? 2u : 1u}); // after its context
+        SentIrp Sent = SendIrp(Device(), Builder);
         EXPECT_EQ(Sent.Returned(), Case.Returned);
         EXPECT_EQ(Sent.Wait().Status, Case.Status);
         EXPECT_EQ(CallNames(), Lines{});
@@ -295,7 +292,7 @@ TEST_F(Async, APostThatFailsEndsTheRequestAndLosesNoCleanup) {
 
 TEST_F(Async, ABufferThatCannotBeLockedNeverReachesAWorker) {
     BusyFile Busy(Fcb(Handle));
-    embedded::IrpBuilder Bad = ReadAt(0);
+    IrpBuilder Bad = ReadAt(0);
     Bad.UserBuffer = reinterpret_cast<PVOID>(0x1000);
     Bad.RequestorMode = UserMode;
     EXPECT_EQ(Send(Bad).Status, STATUS_ACCESS_VIOLATION);
@@ -306,8 +303,7 @@ TEST_F(Async, AMissingThreadIsMadeUpForByTheNextPost) {
     BusyFile Busy(Fcb(Handle));
     std::optional<SentIrp> First;
     {
-        const embedded::PlannedFaults Faults(
-            {.How = embedded::FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Thread)});
+        const PlannedFaults Faults({.How = FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Thread)});
         First.emplace(Post(ReadAt(0)));
         EXPECT_EQ(Workers(), 0u);
         EXPECT_EQ(g_uAsyncIrpQueueCount, 1u);
@@ -321,16 +317,16 @@ TEST_F(Async, AMissingThreadIsMadeUpForByTheNextPost) {
 // ---- Closing, shutting down
 
 TEST_F(Async, AProcessEndsWithRequestsInFlightAndItsMemoryGone) {
-    const PEPROCESS Client = embedded::CreateProcess("client");
+    const PEPROCESS Client = CreateProcess("client");
     const size_t Bytes = 4096;
     void *const Memory = mmap(nullptr, Bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(Memory, MAP_FAILED);
     BusyFile Busy(Fcb(Handle));
     std::vector<SentIrp> Sent;
     {
-        const embedded::AttachProcess In(Client);
+        const AttachProcess In(Client);
         for (size_t Index = 0; Index < 2; ++Index) {
-            embedded::IrpBuilder Builder = ReadAt(Index);
+            IrpBuilder Builder = ReadAt(Index);
             Builder.UserBuffer = static_cast<char *>(Memory) + Index;
             Builder.RequestorMode = UserMode;
             Sent.push_back(Post(Builder));
@@ -342,7 +338,7 @@ TEST_F(Async, AProcessEndsWithRequestsInFlightAndItsMemoryGone) {
     EXPECT_EQ(Sent[1].Wait().Status, STATUS_CANCELLED);
     Busy.Release();
     EXPECT_EQ(Sent[0].Wait().Status, STATUS_SUCCESS);
-    embedded::DeleteProcess(Client); // stops when its pages are still locked
+    DeleteProcess(Client); // stops when its pages are still locked
 }
 
 TEST_F(Async, APostedCloseLetsOtherCreatesGoOn) {
@@ -364,9 +360,9 @@ TEST_F(Async, AShutdownServesWhatIsQueuedAndOutlivesEveryWorker) {
         auto Busy = std::make_unique<BusyFile>(Fcb(Handle));
         std::vector<SentIrp> Posted;
         {
-            const embedded::PlannedFaults Faults({.How = embedded::FaultPlan::Mode::NthAndAfter,
-                                                  .Kinds = FaultBit(FaultKind::Thread),
-                                                  .Nth = WithoutThreads ? 1u : 100u});
+            const PlannedFaults Faults({.How = FaultPlan::Mode::NthAndAfter,
+                                        .Kinds = FaultBit(FaultKind::Thread),
+                                        .Nth = WithoutThreads ? 1u : 100u});
             for (size_t Index = 0; Index < 5; ++Index) {
                 Posted.push_back(Post(ReadAt(Index)));
             }

@@ -8,7 +8,9 @@
 
 namespace {
 
-class Binding : public test::FrameFixture {
+using namespace test;
+
+class Binding : public FrameFixture {
 protected:
     NTSTATUS FirstRequest() {
         return Send(Plain(IRP_MJ_DEVICE_CONTROL, nullptr)).Status;
@@ -42,18 +44,17 @@ TEST_F(Binding, HappensOnceWithTheFirstRequestAfterTheStartInItsOrder) {
 }
 
 struct FailedClass {
-    providers::FrameworkClass Class;
+    FrameworkClass Class;
     const char *Told;
     bool AnyStatusFails; // otherwise only an error does
 };
 
 constexpr FailedClass Classes[] = {
-    {providers::FrameworkClass::Rvpl, "VEYFSD: Unable to obtain RVPL interface\n", false},
-    {providers::FrameworkClass::Transport, "VEYFSD: Unable to obtain RVP Transport interface, status = C7E70002\n",
-     false},
-    {providers::FrameworkClass::Quillon, "VEYFSD: Error Loading Quillon, status = C7E70002\n", false},
-    {providers::FrameworkClass::Provider, "Unable to obtain RVIOM Fsd interface\n", true},
-    {providers::FrameworkClass::SecurityContext, "Unable to obtain Local Security Context interface\n", true},
+    {FrameworkClass::Rvpl, "VEYFSD: Unable to obtain RVPL interface\n", false},
+    {FrameworkClass::Transport, "VEYFSD: Unable to obtain RVP Transport interface, status = C7E70002\n", false},
+    {FrameworkClass::Quillon, "VEYFSD: Error Loading Quillon, status = C7E70002\n", false},
+    {FrameworkClass::Provider, "Unable to obtain RVIOM Fsd interface\n", true},
+    {FrameworkClass::SecurityContext, "Unable to obtain Local Security Context interface\n", true},
 };
 
 TEST_F(Binding, ThatFailsIsToldNeverRetriedAndKeepsWhatItGot) {
@@ -183,13 +184,13 @@ TEST_F(PublishedClass, IsSetUpUnderTheLockOfTheFramework) {
         ResourceHold Hold;
         Hold.AcquireExclusive(&g_FrameworkInitResource, TRUE);
         Asking = std::thread([&] {
-            const embedded::SettleWith Counting;
+            const SettleWith Counting;
             Asks = true;
             Asks.notify_one();
             EXPECT_NE(Factory(), nullptr);
         });
         Asks.wait(false);
-        embedded::Clock::Settle();
+        Clock::Settle();
         EXPECT_EQ(Framework->LiveMutexes(), 0u);
     }
     Asking.join();

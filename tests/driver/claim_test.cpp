@@ -5,19 +5,19 @@
 
 namespace {
 
-using providers::ProviderError;
+using namespace test;
 
-class Claims : public test::FrameFixture {
+class Claims : public FrameFixture {
 protected:
     struct Answer {
         NTSTATUS Status;
         ULONG Accepted;
     };
-    embedded::IrpBuilder Question(UNICODE_STRING Name) {
+    IrpBuilder Question(UNICODE_STRING Name) {
         Request_ = {};
         Request_.PathName = Name;
         Response_.LengthAccepted = 0xDEAD;
-        embedded::IrpBuilder Builder = Plain(IRP_MJ_DEVICE_CONTROL, nullptr);
+        IrpBuilder Builder = Plain(IRP_MJ_DEVICE_CONTROL, nullptr);
         Builder.UserBuffer = &Response_;
         Builder.Fill = [this](PIO_STACK_LOCATION IrpSp) {
             auto &Control = IrpSp->Parameters.DeviceIoControl;
@@ -125,8 +125,8 @@ TEST_F(Claims, AskForServerAndShareAndClaimTheServer) {
     for (const auto &Row : Names) {
         Provider.ClearCalls();
         const Answer Got = Ask(Row.Name);
-        EXPECT_EQ(Got.Status, STATUS_SUCCESS) << providers::ToUtf8(Row.Name);
-        EXPECT_EQ(Got.Accepted, Row.Filtered) << providers::ToUtf8(Row.Name);
+        EXPECT_EQ(Got.Status, STATUS_SUCCESS) << ToUtf8(Row.Name);
+        EXPECT_EQ(Got.Accepted, Row.Filtered) << ToUtf8(Row.Name);
         EXPECT_EQ(Provider.CallRecords().at(0).String("path"), Row.Asked);
     }
     // Half a character at the end is no part of the name.
@@ -166,9 +166,9 @@ TEST_F(Claims, NeedAKernelCallerAndRoomForBothRecords) {
         InputBytes = Input;
         OutputBytes = Output;
         Printed.clear();
-        embedded::IrpBuilder Builder = Question(Counted(u"\\srv\\vol"));
+        IrpBuilder Builder = Question(Counted(u"\\srv\\vol"));
         Builder.RequestorMode = Mode;
-        embedded::SentIrp Sent = embedded::SendIrp(Device(), Builder);
+        SentIrp Sent = SendIrp(Device(), Builder);
         EXPECT_EQ(Sent.Wait().Status, Status);
         EXPECT_EQ(Sent.PriorityBoost(), 2);
         EXPECT_EQ(WasPrinted(fmt::format("called with insufficient buffer size; input {} bytes, output {} bytes.\n",
@@ -180,7 +180,7 @@ TEST_F(Claims, NeedAKernelCallerAndRoomForBothRecords) {
 TEST_F(Claims, WithoutMemoryForTheNameAreRefused) {
     StartFiltering(false, 0);
     for (const ULONG64 Nth : {2, 3}) { // after the context: the name, the Provider's buffer
-        const embedded::PlannedFaults NoMemory({.Kinds = embedded::FaultBit(embedded::FaultKind::Pool), .Nth = Nth});
+        const PlannedFaults NoMemory({.Kinds = FaultBit(FaultKind::Pool), .Nth = Nth});
         const Answer Got = Ask(u"\\srv\\vol");
         EXPECT_EQ(Got.Status, Nth == 2 ? STATUS_INSUFFICIENT_RESOURCES : STATUS_BAD_NETWORK_PATH);
         EXPECT_EQ(Got.Accepted, 0u);
@@ -192,9 +192,9 @@ TEST_F(Claims, OtherControlsAreInvalidByBothFunctions) {
     Start();
     for (const UCHAR MajorFunction : {IRP_MJ_DEVICE_CONTROL, IRP_MJ_FILE_SYSTEM_CONTROL}) {
         for (const ULONG Code : {0u, 0xFFFFFFFFu, FSCTL_GET_COMPRESSION + 0u, FSCTL_SET_COMPRESSION + 0u}) {
-            embedded::IrpBuilder Builder = Plain(MajorFunction, nullptr);
+            IrpBuilder Builder = Plain(MajorFunction, nullptr);
             Builder.Fill = [Code](PIO_STACK_LOCATION IrpSp) { IrpSp->Parameters.DeviceIoControl.IoControlCode = Code; };
-            embedded::SentIrp Sent = embedded::SendIrp(Device(), Builder);
+            SentIrp Sent = SendIrp(Device(), Builder);
             const bool Posted = Code == FSCTL_GET_COMPRESSION || Code == FSCTL_SET_COMPRESSION;
             EXPECT_EQ(Sent.Returned(), Posted ? STATUS_PENDING : STATUS_INVALID_DEVICE_REQUEST);
             EXPECT_EQ(Sent.Wait().Status, STATUS_INVALID_DEVICE_REQUEST);
@@ -204,7 +204,7 @@ TEST_F(Claims, OtherControlsAreInvalidByBothFunctions) {
 
 TEST_F(Claims, DeviceOpensAreCountedByProcess) {
     StartTracing(0x220);
-    const PEPROCESS Other = embedded::CreateProcess("other");
+    const PEPROCESS Other = CreateProcess("other");
     const HANDLE One = OpenDevice();
     const HANDLE Two = OpenDevice();
     EXPECT_EQ(FileObject(One)->FsContext2, FileObject(Two)->FsContext2) << "one record a process";
@@ -212,7 +212,7 @@ TEST_F(Claims, DeviceOpensAreCountedByProcess) {
     EXPECT_EQ(FileObject(One)->SectionObjectPointer, &DriverFcb->SectionObjectPointers);
     EXPECT_TRUE(WasPrinted("[RVFSD]        Instance count for this process: 2\n"));
     {
-        const embedded::AttachProcess Attached(Other);
+        const AttachProcess Attached(Other);
         const HANDLE Third = OpenDevice();
         EXPECT_NE(FileObject(Third)->FsContext2, FileObject(One)->FsContext2);
         EXPECT_EQ(DriverFcb->OpenCount, 3u);
@@ -227,15 +227,14 @@ TEST_F(Claims, DeviceOpensAreCountedByProcess) {
     Close(Two);
     EXPECT_EQ(DriverFcb->OpenCount, 0u);
     EXPECT_TRUE(IsListEmpty(&DriverFcb->InstanceList));
-    embedded::DeleteProcess(Other);
+    DeleteProcess(Other);
 }
 
 TEST_F(Claims, ADeviceOpenWithoutMemoryAttachesNothing) {
     Start();
     Bind();
-    const embedded::PlannedFaults NoMemory(
-        {.How = embedded::FaultPlan::Mode::NthAndAfter, .Kinds = embedded::FaultBit(embedded::FaultKind::Pool)});
-    const embedded::CreateResult Result = Create(u"");
+    const PlannedFaults NoMemory({.How = FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Pool)});
+    const CreateResult Result = Create(u"");
     EXPECT_EQ(Result.Status, STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(Result.Information, static_cast<ULONG_PTR>(FILE_DOES_NOT_EXIST));
     EXPECT_EQ(DriverFcb->OpenCount, 0u);

@@ -8,18 +8,17 @@
 
 namespace {
 
-using namespace providers;
-using test::Open;
+using namespace test;
 
 constexpr Open Deleting = {.Access = DELETE | FILE_READ_DATA | SYNCHRONIZE};
 constexpr Open Directory = {.Access = DELETE | FILE_LIST_DIRECTORY | SYNCHRONIZE,
                             .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT};
 
-class Cleanup : public test::LockFixture {
+class Cleanup : public LockFixture {
 protected:
     // Closes the handle but keeps the file object, so that its close is yet to come.
     PFILE_OBJECT CleanUp(HANDLE Handle) {
-        PFILE_OBJECT Kept = embedded::FileObjectFromHandle(Handle);
+        PFILE_OBJECT Kept = FileObjectFromHandle(Handle);
         EXPECT_EQ(Close(Handle), STATUS_SUCCESS);
         return Kept;
     }
@@ -31,7 +30,7 @@ TEST_F(Cleanup, OfOneOfTwoOpensGivesItsShareClaimBackOnceAndThatOfTheLastLeavesI
     EXPECT_EQ(Fcb(Stays)->UncleanCount, 1u);
     EXPECT_EQ(Fcb(Stays)->ShareAccess.OpenCount, 1u);
     EXPECT_EQ(Fcb(Stays)->ShareAccess.Writers, 0u);
-    embedded::DereferenceFileObject(Goes);
+    DereferenceFileObject(Goes);
     EXPECT_EQ(Fcb(Stays)->ShareAccess.OpenCount, 1u);
     Provider.ClearCalls();
     const PFILE_OBJECT Last = CleanUp(Stays);
@@ -41,7 +40,7 @@ TEST_F(Cleanup, OfOneOfTwoOpensGivesItsShareClaimBackOnceAndThatOfTheLastLeavesI
     EXPECT_EQ(File.ShareAccess.OpenCount, 1u);
     EXPECT_TRUE(Last->Flags & FO_CLEANUP_COMPLETE);
     EXPECT_EQ(CallNames(), Calls{});
-    embedded::DereferenceFileObject(Last);
+    DereferenceFileObject(Last);
 }
 
 TEST_F(Cleanup, ReleasesEveryLockOfTheHandleWhoeverTookItAndNoOther) {
@@ -50,9 +49,9 @@ TEST_F(Cleanup, ReleasesEveryLockOfTheHandleWhoeverTookItAndNoOther) {
     EXPECT_EQ(Lock(Stays, 0, 1), STATUS_SUCCESS);
     EXPECT_EQ(Lock(Goes, 10, 1, 3), STATUS_SUCCESS);
     EXPECT_EQ(Lock(Goes, 20, 1, 4), STATUS_SUCCESS);
-    const PEPROCESS Other = embedded::CreateProcess("other");
+    const PEPROCESS Other = CreateProcess("other");
     {
-        const embedded::AttachProcess Attached(Other);
+        const AttachProcess Attached(Other);
         EXPECT_EQ(Lock(Goes, 30, 1, 4), STATUS_SUCCESS);
     }
     Provider.ClearCalls();
@@ -60,7 +59,7 @@ TEST_F(Cleanup, ReleasesEveryLockOfTheHandleWhoeverTookItAndNoOther) {
     EXPECT_EQ(ServerLocks(), (Calls{"unlock 10+1", "unlock 20+1", "unlock 30+1"}));
     ASSERT_EQ(LocalLocks(Stays).size(), 1u);
     EXPECT_EQ(LocalLocks(Stays)[0].FileObject, FileObject(Stays));
-    embedded::DeleteProcess(Other);
+    DeleteProcess(Other);
 }
 
 // The last unlock's own status is the cleanup's, untranslated, unless no finished request can have it; one that fails
@@ -82,7 +81,7 @@ TEST_F(Cleanup, AnswersTheRawStatusOfTheLastUnlock) {
         Fcb(Handle)->OpenFlags |= Each.Raw == 0 ? FCB_STATE_DELETED + 0u : 0u; // which changes nothing
         Provider.OnCall(Slot::UnlockFile).Nth(Each.Nth).ReturnAfter(static_cast<RVSTATUS>(Each.Raw));
         Provider.ClearCalls();
-        const test::RequestLog Log;
+        const RequestLog Log;
         Close(Handle);
         EXPECT_EQ(ServerLocks(), (Calls{"unlock 10+1", "unlock 20+1"}));
         EXPECT_EQ(Log.Of(IRP_MJ_CLEANUP), std::vector<NTSTATUS>{Each.Status});
@@ -95,22 +94,21 @@ TEST_F(Cleanup, AWaiterWhoseGrantFailsIsCompletedUnderNoLock) {
     const HANDLE Owner = MustOpen(u"\\srv\\vol\\a.txt", Writer);
     const HANDLE Closed = MustOpen(u"\\srv\\vol\\a.txt", Writer);
     EXPECT_EQ(Lock(Owner, 0, 10), STATUS_SUCCESS);
-    embedded::SentIrp Waiting = Wait(Closed, 2);
+    SentIrp Waiting = Wait(Closed, 2);
     const PFILE_OBJECT Kept = CleanUp(Closed);
     const PERESOURCE Resource = &Fcb(Owner)->Resource;
     std::vector<BOOLEAN> Held;
-    embedded::SetIoObserver([&](const embedded::CompletedRequest &Request) {
+    SetIoObserver([&](const CompletedRequest &Request) {
         if (Request.MajorFunction == IRP_MJ_LOCK_CONTROL) {
             Held.push_back(ExIsResourceAcquiredExclusiveLite(Resource));
-            embedded::DereferenceFileObject(Kept);
+            DereferenceFileObject(Kept);
         }
     });
     {
-        const embedded::PlannedFaults Faults(
-            {.How = embedded::FaultPlan::Mode::NthAndAfter, .Kinds = embedded::FaultBit(embedded::FaultKind::Pool)});
+        const PlannedFaults Faults({.How = FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Pool)});
         Close(Owner);
     }
-    embedded::SetIoObserver({});
+    SetIoObserver({});
     EXPECT_EQ(Waiting.Wait().Status, STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(Held, std::vector<BOOLEAN>{FALSE});
     EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10", "unlock 0+10"}));
@@ -122,18 +120,17 @@ TEST_F(Cleanup, WithoutMemoryReleasesEveryLockAllTheSame) {
         EXPECT_EQ(Lock(Handle, At, 1), STATUS_SUCCESS);
     }
     {
-        const embedded::PlannedFaults NoMemory(
-            {.How = embedded::FaultPlan::Mode::NthAndAfter, .Kinds = embedded::FaultBit(embedded::FaultKind::Pool)});
+        const PlannedFaults NoMemory({.How = FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Pool)});
         Close(Handle);
     }
     EXPECT_EQ(Provider.CountCalls(Slot::UnlockFile), 100u);
 }
 
-class CloseOfAnOpen : public test::LockFixture {
+class CloseOfAnOpen : public LockFixture {
 protected:
     // Closes and returns what the close request was completed with.
     NTSTATUS CloseStatus(HANDLE Handle) {
-        const test::RequestLog Log;
+        const RequestLog Log;
         Close(Handle);
         const std::vector<NTSTATUS> Statuses = Log.Of(IRP_MJ_CLOSE);
         return Statuses.size() == 1 ? Statuses[0] : STATUS_INTERNAL_ERROR;
@@ -196,7 +193,7 @@ TEST_F(CloseOfAnOpen, ADeletionIsMadeInTheNameOfItsOwner) {
         Close(Second);
         Provider.ClearCalls();
         Close(Third);
-        for (const providers::Call &Made : Provider.CallRecords()) {
+        for (const Call &Made : Provider.CallRecords()) {
             const bool IsDeletion = Made.Operation == Slot::DeleteFile || Made.Operation == Slot::GetFileInformation;
             EXPECT_EQ(Made.Security.Words[0], IsDeletion ? Owner : 3) << static_cast<int>(Made.Operation);
             EXPECT_EQ(Made.Security.Words[1], ~Made.Security.Words[0]);
@@ -269,9 +266,8 @@ TEST_F(CloseOfAnOpen, OfABusyFileIsPendingAndDone) {
         const PFILE_OBJECT File = FileObject(Goes);
         EXPECT_EQ(Send(Plain(IRP_MJ_CLEANUP, File)).Status, STATUS_SUCCESS);
         {
-            const embedded::PlannedFaults Busy(
-                {.Kinds = embedded::FaultBit(embedded::FaultKind::TryAcquire), .Nth = Which});
-            embedded::SentIrp Posted = embedded::SendIrp(Device(), Plain(IRP_MJ_CLOSE, File));
+            const PlannedFaults Busy({.Kinds = FaultBit(FaultKind::TryAcquire), .Nth = Which});
+            SentIrp Posted = SendIrp(Device(), Plain(IRP_MJ_CLOSE, File));
             EXPECT_EQ(Posted.Returned(), STATUS_PENDING);
             EXPECT_EQ(Posted.Wait().Status, STATUS_SUCCESS);
         }

@@ -4,12 +4,11 @@
 
 namespace {
 
-using namespace providers;
 using namespace test;
 
 constexpr ULONG N = FILE_NON_DIRECTORY_FILE;
 
-using CreateChecks = test::CreateFixture;
+using CreateChecks = CreateFixture;
 
 // ---- Delete on close
 
@@ -49,7 +48,7 @@ TEST_F(CreateChecks, ForDeleteOnCloseThatAreRefusedLeaveNoFileBehindThatTheyMade
 
 TEST_F(CreateChecks, ThatEndInANoteLeaveNoFileBehindThatTheyMade) {
     // The Provider opened, and answered with a warning whose code is a failure.
-    Provider.OnCall(Slot::CreateFile, test::IsRealOpen).ReturnAfter(static_cast<RVSTATUS>(0x80000007));
+    Provider.OnCall(Slot::CreateFile, IsRealOpen).ReturnAfter(static_cast<RVSTATUS>(0x80000007));
     for (const ULONG Attributes : {0u, FILE_ATTRIBUTE_READONLY + 0u}) {
         Open Making = With({}, FILE_CREATE, N);
         Making.Attributes = Attributes;
@@ -68,7 +67,7 @@ TEST_F(CreateChecks, ThatEndInANoteLeaveNoFileBehindThatTheyMade) {
 
 TEST_F(CreateChecks, OfMoreThanTheCallerMayUseFindTheDiskFull) {
     Provider.AddFile(u"\\srv\\vol\\a.txt"); // overwriting an empty one frees nothing
-    Provider.Edit([](providers::Tree &Tree) {
+    Provider.Edit([](Tree &Tree) {
         Tree.FindVolume(u"\\srv\\vol")->FreeAfterQuota = 1000;
         Tree.FindVolume(u"\\srv\\vol")->Free = 5000;
     });
@@ -94,7 +93,7 @@ TEST_F(CreateChecks, OfMoreThanTheCallerMayUseFindTheDiskFull) {
 }
 
 TEST_F(CreateChecks, AskThePhysicalVolumeForItsSpace) {
-    Provider.Edit([](providers::Tree &Tree) {
+    Provider.Edit([](Tree &Tree) {
         Tree.AddVolume(u"\\phys\\disk").FreeAfterQuota = 7;
         Tree.AddDistributedLink(u"\\srv\\vol", u"\\phys\\disk\\deep\\down");
     });
@@ -117,7 +116,7 @@ protected:
     static constexpr Open ToDelete = {.Access = AsDirectory.Access | DELETE, .Options = AsDirectory.Options};
 
     void MayNotErase(std::u16string_view Path) {
-        Provider.Edit([&](providers::Tree &Tree) { Tree.Find(Path)->Rights = 0xEF; });
+        Provider.Edit([&](Tree &Tree) { Tree.Find(Path)->Rights = 0xEF; });
     }
 };
 
@@ -212,11 +211,11 @@ TEST_F(CreateChecks, AParentIsMissingOnlyWhenItIsKnownToBe) {
     };
     for (const auto &Each : Cases) {
         const std::u16string Text(Each.Path);
-        const UNICODE_STRING Path = embedded::ToUnicodeString(Text);
+        const UNICODE_STRING Path = ToUnicodeString(Text);
         Provider.ClearCalls();
         EXPECT_EQ(ParentEntryDoesNotExist(&Request, &Path), Each.Missing ? STATUS_SUCCESS : STATUS_UNSUCCESSFUL)
-            << providers::ToUtf8(Each.Path);
-        EXPECT_EQ(Provider.CountCalls(), Each.Calls) << providers::ToUtf8(Each.Path);
+            << ToUtf8(Each.Path);
+        EXPECT_EQ(Provider.CountCalls(), Each.Calls) << ToUtf8(Each.Path);
     }
 }
 

@@ -19,11 +19,11 @@ inline Open With(Open Request, ULONG Disposition, ULONG MoreOptions = 0) {
 }
 
 // The open proper, not one of the questions whether something is there.
-inline bool IsRealOpen(const providers::Call &Made) {
-    return Made.Operation == providers::Slot::CreateFile && Made.Number("disposition") != RV_DISPOSITION_QUERY;
+inline bool IsRealOpen(const Call &Made) {
+    return Made.Operation == Slot::CreateFile && Made.Number("disposition") != RV_DISPOSITION_QUERY;
 }
-inline bool IsQuestion(const providers::Call &Made) {
-    return Made.Operation == providers::Slot::CreateFile && Made.Number("disposition") == RV_DISPOSITION_QUERY;
+inline bool IsQuestion(const Call &Made) {
+    return Made.Operation == Slot::CreateFile && Made.Number("disposition") == RV_DISPOSITION_QUERY;
 }
 
 class CreateFixture : public DriverFixture {
@@ -45,8 +45,8 @@ protected:
         return {Text.Buffer, Text.Length / sizeof(WCHAR)};
     }
     // Opens and closes again what could be opened.
-    embedded::CreateResult Try(std::u16string_view Path, const Open &Request = {}) {
-        embedded::CreateResult Result = Create(Path, Request);
+    CreateResult Try(std::u16string_view Path, const Open &Request = {}) {
+        CreateResult Result = Create(Path, Request);
         if (Result.Handle != nullptr) {
             Close(Result.Handle);
             Result.Handle = nullptr;
@@ -55,14 +55,14 @@ protected:
     }
     void ExpectRefused(std::u16string_view Path, const Open &Request, NTSTATUS Status,
                        ULONG_PTR Information = FILE_DOES_NOT_EXIST) {
-        const embedded::CreateResult Result = Try(Path, Request);
-        EXPECT_EQ(Result.Status, Status) << providers::ToUtf8(Path);
-        EXPECT_EQ(Result.Information, Information) << providers::ToUtf8(Path);
+        const CreateResult Result = Try(Path, Request);
+        EXPECT_EQ(Result.Status, Status) << ToUtf8(Path);
+        EXPECT_EQ(Result.Information, Information) << ToUtf8(Path);
     }
     void ExpectOpened(std::u16string_view Path, const Open &Request, ULONG_PTR Information) {
-        const embedded::CreateResult Result = Try(Path, Request);
-        EXPECT_EQ(Result.Status, STATUS_SUCCESS) << providers::ToUtf8(Path);
-        EXPECT_EQ(Result.Information, Information) << providers::ToUtf8(Path);
+        const CreateResult Result = Try(Path, Request);
+        EXPECT_EQ(Result.Status, STATUS_SUCCESS) << ToUtf8(Path);
+        EXPECT_EQ(Result.Information, Information) << ToUtf8(Path);
     }
     // The tables of the driver and the Provider's books are as they were before the first open.
     void ExpectNothingOpen(const std::string &After) {

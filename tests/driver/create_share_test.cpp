@@ -5,18 +5,17 @@
 
 namespace {
 
-using namespace providers;
 using namespace test;
 
 constexpr ULONG D = FILE_DIRECTORY_FILE;
 constexpr ULONG N = FILE_NON_DIRECTORY_FILE;
 constexpr ULONG ShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
-class SharedOpens : public test::CreateFixture {
+class SharedOpens : public CreateFixture {
 protected:
     SharedOpens() {
         // The server has no opinion of its own here.
-        Provider.Edit([](providers::Tree &Tree) { Tree.SetSharing(false); });
+        Provider.Edit([](Tree &Tree) { Tree.SetSharing(false); });
     }
     static bool Same(const SHARE_ACCESS &Left, const SHARE_ACCESS &Right) {
         return Left.OpenCount == Right.OpenCount && Left.Readers == Right.Readers && Left.Writers == Right.Writers &&
@@ -46,7 +45,7 @@ TEST_F(SharedOpens, GetAlongExactlyWhenTheirAccessAndSharingDo) {
                      {.Access = AccessOf(First % Kinds, FILE_READ_DATA, FILE_WRITE_DATA), .Share = First / Kinds});
         const SHARE_ACCESS Before = Fcb(Held)->ShareAccess;
         for (ULONG Second = 0; Second < Kinds * Kinds; Second++) {
-            const embedded::CreateResult Result =
+            const CreateResult Result =
                 Create(u"\\srv\\vol\\a.txt",
                        {.Access = AccessOf(Second % Kinds, FILE_EXECUTE, FILE_APPEND_DATA), .Share = Second / Kinds});
             const bool Fits = Compatible(First % Kinds, First / Kinds, Second % Kinds, Second / Kinds);
@@ -81,7 +80,7 @@ TEST_F(SharedOpens, ThatReplaceContentNeedTheAccessForIt) {
     };
     for (const auto &Each : Cases) {
         const HANDLE Held = MustOpen(u"\\srv\\vol\\a.txt", {.Share = Each.FirstShare});
-        const embedded::CreateResult Result = Create(u"\\srv\\vol\\a.txt", With({}, Each.Disposition));
+        const CreateResult Result = Create(u"\\srv\\vol\\a.txt", With({}, Each.Disposition));
         EXPECT_EQ(Result.Status, Each.Fits ? STATUS_SUCCESS : STATUS_SHARING_VIOLATION) << Each.Disposition;
         const bool Replaces = Each.Disposition != FILE_OPEN && Each.Disposition != FILE_OPEN_IF;
         if (Each.Fits) {
@@ -104,7 +103,7 @@ TEST_F(SharedOpens, SayWhatIsIncompatibleWithTheShareModeThatWasAskedFor) {
     ExpectRefused(u"\\srv\\vol\\a.txt",
                   {.Access = FILE_READ_DATA | SYNCHRONIZE,
                    .Share = FILE_SHARE_WRITE,
-                   .Options = FILE_NO_INTERMEDIATE_BUFFERING | test::Synchronous},
+                   .Options = FILE_NO_INTERMEDIATE_BUFFERING | Synchronous},
                   STATUS_SHARING_VIOLATION);
     EXPECT_TRUE(WasPrinted("ERROR : Incompatible sharing mode detected: DesiredAccess 00100001\t, DesiredShareAccess "
                            "00000002\t,  Error c0000043\n"));
@@ -128,7 +127,7 @@ TEST_F(SharedOpens, AreWhatTheFirstOneWas) {
     // The objects change places at the server; who has them open still has what he opened.
     const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt");
     const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs\\sub", AsDirectory);
-    Provider.Edit([](providers::Tree &Tree) {
+    Provider.Edit([](Tree &Tree) {
         Tree.Delete(false, 0, u"\\srv\\vol\\a.txt");
         Tree.AddDirectory(u"\\srv\\vol\\a.txt");
         Tree.Delete(true, 0, u"\\srv\\vol\\docs\\sub");
@@ -150,7 +149,7 @@ TEST_F(SharedOpens, AreWhatTheFirstOneWas) {
 TEST_F(SharedOpens, OfAFileWhosePathBecameAVolumesAreRefused) {
     const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt");
     RVHANDLE Volume = 0;
-    Provider.Edit([&](providers::Tree &Tree) { Tree.OpenVolume(u"\\srv\\vol", &Volume); });
+    Provider.Edit([&](Tree &Tree) { Tree.OpenVolume(u"\\srv\\vol", &Volume); });
     Provider.OnCall(Slot::QueryPathForVolume).AnswerPath(u"\\srv\\vol\\a.txt");
     Provider.OnCall(Slot::OpenVolume).ReturnAfter(RVSTATUS::Success).AnswerHandle(Volume);
     ExpectRefused(u"\\srv\\vol\\a.txt", {}, STATUS_NOT_A_DIRECTORY, FILE_EXISTS);
@@ -182,7 +181,7 @@ TEST_F(SharedOpens, OfARootWhoseVolumeCannotBeOpenedLeaveItARoot) {
 
 TEST_F(SharedOpens, OfARefusedSizeDoNotTakeItOver) {
     const HANDLE First = MustOpen(u"\\srv\\vol\\a.txt");
-    Provider.Edit([](providers::Tree &Tree) { Tree.Find(u"\\srv\\vol\\a.txt")->Attributes = RV_ATTR_READONLY; });
+    Provider.Edit([](Tree &Tree) { Tree.Find(u"\\srv\\vol\\a.txt")->Attributes = RV_ATTR_READONLY; });
     Provider.AddFile(u"\\srv\\vol\\a.txt", "longer than before", RV_ATTR_READONLY);
     ExpectRefused(u"\\srv\\vol\\a.txt", With(ForDelete, FILE_OPEN, FILE_DELETE_ON_CLOSE), STATUS_CANNOT_DELETE,
                   FILE_SUPERSEDED);
@@ -192,13 +191,13 @@ TEST_F(SharedOpens, OfARefusedSizeDoNotTakeItOver) {
 // The first create hangs at the Provider and fails; the second has found its FCB and waits for it.
 class ConcurrentCreates : public SharedOpens {
 protected:
-    embedded::CreateResult SecondWhileFirstFails(const Open &First, const Open &Second) {
-        providers::Rule &Gate = Provider.OnCall(Slot::CreateFile, IsRealOpen).Times(1).Block();
+    CreateResult SecondWhileFirstFails(const Open &First, const Open &Second) {
+        Rule &Gate = Provider.OnCall(Slot::CreateFile, IsRealOpen).Times(1).Block();
         Gate.Return(ProviderError(0x0006));
         Provider.ClearCalls();
         std::thread Failing([&] { EXPECT_EQ(Create(u"\\srv\\vol\\a.txt", First).Status, STATUS_ACCESS_DENIED); });
         EXPECT_TRUE(Gate.WaitUntilBlocked());
-        embedded::CreateResult Result;
+        CreateResult Result;
         std::thread Waiting([&] { Result = Create(u"\\srv\\vol\\a.txt", Second); });
         while (Provider.CountCalls(Slot::CloseFile) < 2) { // its probe; what it waits for next is the FCB
             std::this_thread::yield();
@@ -217,7 +216,7 @@ protected:
 TEST_F(ConcurrentCreates, TheOneThatWaitedForAFailingFirstOpenIsTheFirst) {
     Start();
     for (int Round = 0; Round < 20; Round++) {
-        const embedded::CreateResult Result =
+        const CreateResult Result =
             SecondWhileFirstFails({.Access = FILE_WRITE_DATA | SYNCHRONIZE, .Share = 0}, {.Share = FILE_SHARE_READ});
         ASSERT_EQ(Result.Status, STATUS_SUCCESS);
         EXPECT_EQ(Result.Information, static_cast<ULONG_PTR>(FILE_OPENED));

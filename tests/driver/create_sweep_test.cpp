@@ -7,7 +7,6 @@
 
 namespace {
 
-using providers::Slot;
 using namespace test;
 
 constexpr ULONG N = FILE_NON_DIRECTORY_FILE;
@@ -61,10 +60,10 @@ auto StateOf(const FCB &Fcb) {
                       Fcb.Header.ValidDataLength.QuadPart, std::u16string(Fcb.FullPath.Buffer));
 }
 
-class OpenSweep : public test::CreateFixture, public testing::WithParamInterface<Kind> {
+class OpenSweep : public CreateFixture, public testing::WithParamInterface<Kind> {
 protected:
     OpenSweep() {
-        Provider.Edit([](providers::Tree &Tree) { Tree.SetSharing(false); });
+        Provider.Edit([](Tree &Tree) { Tree.SetSharing(false); });
     }
     void SetUp() override {
         Bind();
@@ -96,7 +95,7 @@ protected:
     }
     // The tree as the open finds it.
     void Reset() {
-        Provider.Edit([](providers::Tree &Tree) {
+        Provider.Edit([](Tree &Tree) {
             Tree.Delete(false, 0, u"\\srv\\vol\\new");
             Tree.Delete(true, 0, u"\\srv\\vol\\new");
             if (Tree.Find(u"\\srv\\vol\\a.txt") == nullptr) {
@@ -107,13 +106,13 @@ protected:
             }
         });
     }
-    embedded::CreateResult OpenIt() {
+    CreateResult OpenIt() {
         Open Request = GetParam().Request;
         Request.Related = Parent_;
         return Create(GetParam().Path, Request);
     }
     // An open that claims success has what the Provider gave it.
-    void ExpectHonest(const embedded::CreateResult &Result, const std::string &Where) {
+    void ExpectHonest(const CreateResult &Result, const std::string &Where) {
         if (Result.Handle == nullptr) {
             EXPECT_FALSE(NT_SUCCESS(Result.Status)) << Where;
             EXPECT_NE(Result.Status, STATUS_PENDING) << Where;
@@ -164,7 +163,7 @@ TEST_P(OpenSweep, SurvivesEveryFailureOfTheProvider) {
             ASSERT_LT(Nth, 60u);
             Reset();
             Provider.FailEverything(Slot::Any, Nth, static_cast<RVSTATUS>(Raw));
-            const embedded::CreateResult Result = OpenIt();
+            const CreateResult Result = OpenIt();
             const bool Fired = Provider.FaultFired();
             Provider.ClearScript();
             const std::string Where = fmt::format("call {} answering {:08X}", Nth, Raw);
@@ -179,16 +178,16 @@ TEST_P(OpenSweep, SurvivesEveryFailureOfTheProvider) {
 }
 
 TEST_P(OpenSweep, SurvivesEveryLackOfMemoryAndResources) {
-    for (const auto How : {embedded::FaultPlan::Mode::Nth, embedded::FaultPlan::Mode::NthAndAfter}) {
+    for (const auto How : {FaultPlan::Mode::Nth, FaultPlan::Mode::NthAndAfter}) {
         for (ULONG64 Nth = 1;; Nth++) {
             ASSERT_LT(Nth, 200u);
             Reset();
-            embedded::CreateResult Result;
+            CreateResult Result;
             ULONG64 Failed = 0;
             {
-                const embedded::PlannedFaults Faults({.How = How, .Nth = Nth});
+                const PlannedFaults Faults({.How = How, .Nth = Nth});
                 Result = OpenIt();
-                Failed = embedded::GetFaultCounts().TotalFailed();
+                Failed = GetFaultCounts().TotalFailed();
             }
             const std::string Where = fmt::format("service {}", Nth);
             ExpectHonest(Result, Where);

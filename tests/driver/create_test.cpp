@@ -8,13 +8,12 @@
 
 namespace {
 
-using namespace providers;
 using namespace test;
 
 constexpr ULONG D = FILE_DIRECTORY_FILE;
 constexpr ULONG N = FILE_NON_DIRECTORY_FILE;
 
-class Creates : public test::CreateFixture {
+class Creates : public CreateFixture {
 protected:
     void FailOpen(USHORT Code) {
         Provider.OnCall(Slot::CreateFile, IsRealOpen).Return(ProviderError(Code));
@@ -87,7 +86,7 @@ TEST_F(Creates, DecideByTypeFlagsEntryAndDisposition) {
             for (const ULONG Disposition : Row.Dispositions) {
                 SCOPED_TRACE(::testing::Message() << "entry " << static_cast<int>(Row.What) << " flags " << Flags
                                                   << " disposition " << Disposition);
-                Provider.Edit([&](providers::Tree &Tree) {
+                Provider.Edit([&](Tree &Tree) {
                     Tree.AddFile(u"\\srv\\vol\\x", "here");
                     if (Row.What != File) {
                         Tree.Delete(false, 0, u"\\srv\\vol\\x");
@@ -97,8 +96,8 @@ TEST_F(Creates, DecideByTypeFlagsEntryAndDisposition) {
                     }
                 });
                 Bind();
-                Open Request = With({.Options = test::Synchronous | Flags}, Disposition);
-                const embedded::CreateResult Result = Create(u"\\srv\\vol\\x", Request);
+                Open Request = With({.Options = Synchronous | Flags}, Disposition);
+                const CreateResult Result = Create(u"\\srv\\vol\\x", Request);
                 EXPECT_EQ(Result.Status, Row.Status);
                 EXPECT_EQ(Result.Information, Row.Information);
                 Names Expected = Row.What == File ? Names{"CreateFile", "CloseFile"} : Names{"CreateFile"};
@@ -115,7 +114,7 @@ TEST_F(Creates, DecideByTypeFlagsEntryAndDisposition) {
                     Close(Result.Handle);
                 }
                 ExpectNothingOpen("the row");
-                Provider.Edit([](providers::Tree &Tree) {
+                Provider.Edit([](Tree &Tree) {
                     Tree.Delete(true, 0, u"\\srv\\vol\\x");
                     Tree.Delete(false, 0, u"\\srv\\vol\\x");
                 });
@@ -169,7 +168,7 @@ TEST_F(Creates, HandTheProviderItsOwnEncodings) {
         EXPECT_EQ(Instance(Handle)->ShareMode, Each.ProviderShare);
         EXPECT_TRUE(Each.Access != FILE_READ_DATA || Fcb(Handle)->ShareAccess.SharedRead == (Each.ProviderShare & 1));
         EXPECT_EQ((Fcb(Handle)->OpenFlags & FCB_STATE_EXECUTE_ACCESS) != 0, (Each.Access & FILE_EXECUTE) != 0);
-        Provider.Edit([](providers::Tree &Tree) { Tree.Find(u"\\srv\\vol\\e.txt")->Attributes = 0; });
+        Provider.Edit([](Tree &Tree) { Tree.Find(u"\\srv\\vol\\e.txt")->Attributes = 0; });
         Close(Handle);
     }
 }
@@ -177,9 +176,7 @@ TEST_F(Creates, HandTheProviderItsOwnEncodings) {
 TEST_F(Creates, TellWhatTheProviderDidByItsAction) {
     for (const auto &Each : std::map<ULONG, ULONG>{
              {0, FILE_SUPERSEDED}, {1, FILE_OPENED}, {2, FILE_CREATED}, {3, FILE_SUPERSEDED}, {77, FILE_SUPERSEDED}}) {
-        Provider.OnCall(Slot::CreateFile, IsRealOpen).Answer([&](providers::Outputs &Out) {
-            *Out.CreateAction = Each.first;
-        });
+        Provider.OnCall(Slot::CreateFile, IsRealOpen).Answer([&](Outputs &Out) { *Out.CreateAction = Each.first; });
         ExpectOpened(u"\\srv\\vol\\a.txt", With({}, FILE_OPEN_IF), Each.second);
         ExpectOpened(u"\\srv\\vol\\a.txt", With({}, FILE_OVERWRITE), FILE_OVERWRITTEN);
         Provider.ClearScript();
@@ -197,7 +194,7 @@ TEST_F(Creates, TakeTheSizesOfTheFileWhenTheyCanBeHad) {
         Close(Handle);
         Provider.ClearScript();
     }
-    Provider.OnCall(Slot::GetFileInformation).Answer([](providers::Outputs &Out) { *Out.EndOfFile = 1ull << 63; });
+    Provider.OnCall(Slot::GetFileInformation).Answer([](Outputs &Out) { *Out.EndOfFile = 1ull << 63; });
     Handle = MustOpen(u"\\srv\\vol\\a.txt");
     EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, 0) << "a size that no offset can name";
 }
@@ -237,7 +234,7 @@ TEST_F(Creates, MapFailuresOfTheFileOpen) {
 TEST_F(Creates, TellAMissingParentFromAMissingName) {
     for (const ULONG Flags : {0u, D, N}) {
         for (const ULONG Disposition : {FILE_OPEN, FILE_OVERWRITE}) {
-            const Open Request = With({.Options = test::Synchronous | Flags}, Disposition);
+            const Open Request = With({.Options = Synchronous | Flags}, Disposition);
             ExpectRefused(u"\\srv\\vol\\docs\\no", Request, STATUS_OBJECT_NAME_NOT_FOUND);
             ExpectRefused(u"\\srv\\vol\\no\\no", Request, STATUS_OBJECT_PATH_NOT_FOUND);
         }
@@ -250,7 +247,7 @@ TEST_F(Creates, AskForTheParentWhenTheProviderSaysNoSuchFileForBoth) {
     Provider.OnPath(Slot::CreateFile, u"gone\\no").Return(ProviderError(0x0506));
     Provider.OnPath(Slot::OpenDirectory, u"gone\\no").Return(ProviderError(0x0506));
     for (const ULONG Flags : {0u, D}) {
-        ExpectRefused(u"\\srv\\vol\\gone\\no", {.Options = test::Synchronous | Flags}, STATUS_OBJECT_PATH_NOT_FOUND);
+        ExpectRefused(u"\\srv\\vol\\gone\\no", {.Options = Synchronous | Flags}, STATUS_OBJECT_PATH_NOT_FOUND);
     }
     ExpectRefused(u"\\srv\\vol\\gone\\no", With({.Options = D}, FILE_CREATE), STATUS_OBJECT_PATH_NOT_FOUND);
 }
@@ -299,7 +296,7 @@ TEST_F(Creates, ADirectoryThatWasCreatedButCannotBeOpenedIsADirectoryAllTheSame)
         EXPECT_EQ(Fcb(Handle)->OpenType, OPEN_TYPE_DIRECTORY + 0u);
         Close(Handle);
         Provider.ClearScript();
-        Provider.Edit([](providers::Tree &Tree) { Tree.Delete(true, 0, u"\\srv\\vol\\new"); });
+        Provider.Edit([](Tree &Tree) { Tree.Delete(true, 0, u"\\srv\\vol\\new"); });
         ExpectNothingOpen("the close");
     }
 }
@@ -328,7 +325,7 @@ TEST_F(Creates, ATrailingBackslashIsForDirectories) {
     ExpectOpened(u"\\srv\\vol\\docs\\", AsDirectory, FILE_OPENED);
     ExpectOpened(u"\\srv\\vol\\docs\\", {}, FILE_OPENED);
     for (const ULONG Flags : {0u, N}) {
-        ExpectRefused(u"\\srv\\vol\\a.txt\\", {.Options = test::Synchronous | Flags}, STATUS_OBJECT_NAME_INVALID);
+        ExpectRefused(u"\\srv\\vol\\a.txt\\", {.Options = Synchronous | Flags}, STATUS_OBJECT_NAME_INVALID);
         ExpectRefused(u"\\srv\\vol\\no\\", With({}, FILE_OPEN_IF, Flags), STATUS_OBJECT_NAME_INVALID);
     }
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\no"));

@@ -7,9 +7,9 @@
 
 namespace {
 
-using embedded::Clock;
+using namespace test;
 
-class Diagnostics : public test::FrameFixture {
+class Diagnostics : public FrameFixture {
 protected:
     // What one message of category Mask produces.
     std::string Trace(ULONG Mask) {
@@ -87,16 +87,16 @@ TEST_F(Diagnostics, ALineIsCutAt4095Bytes) {
 
 TEST_F(Diagnostics, ALineWithoutMemoryIsDropped) {
     StartTracing(0x40);
-    const embedded::PlannedFaults NoMemory({.Kinds = embedded::FaultBit(embedded::FaultKind::Pool)});
-    const embedded::FaultScope AsTheDriver;
+    const PlannedFaults NoMemory({.Kinds = FaultBit(FaultKind::Pool)});
+    const FaultScope AsTheDriver;
     EXPECT_EQ(Trace(0x40), "");
     EXPECT_EQ(Trace(0x40), "[RVFSD] line 7\n");
 }
 
 TEST_F(Diagnostics, WhatIsAlwaysPrintedNeedsNeitherSwitchNorMemory) {
     Start();
-    const embedded::PlannedFaults NoMemory({.How = embedded::FaultPlan::Mode::NthAndAfter});
-    const embedded::FaultScope AsTheDriver;
+    const PlannedFaults NoMemory({.How = FaultPlan::Mode::NthAndAfter});
+    const FaultScope AsTheDriver;
     NtFsdAlwaysPrint("[RVFSD] %u bytes, %s\n", 12u, "100%s");
     EXPECT_EQ(Printed, "[RVFSD] 12 bytes, 100%s\n");
     Printed.clear();
@@ -146,7 +146,7 @@ TEST_F(Diagnostics, ADriverWithoutALogBufferTracesToTheDebugger) {
     Start({.Switches = {{u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 0x40}, {u"DebugLogging", 1}},
            .StartsTheDriver = false});
     {
-        const embedded::PlannedFaults NoBuffer({.Kinds = embedded::FaultBit(embedded::FaultKind::Pool)});
+        const PlannedFaults NoBuffer({.Kinds = FaultBit(FaultKind::Pool)});
         ASSERT_EQ(Load(), STATUS_SUCCESS);
     }
     EXPECT_EQ(g_pLogBuffer, nullptr);
@@ -174,7 +174,7 @@ protected:
     }
     static std::string Log() {
         Clock::Settle();
-        return embedded::ReadSystemFile(LogName).value_or("(none)");
+        return ReadSystemFile(LogName).value_or("(none)");
     }
     static void Pass100ms(unsigned Times = 1) {
         Clock::Advance(Times * 100 * Clock::Millisecond);
@@ -197,7 +197,7 @@ TEST_F(LogFile, BeginsWithTwoBannerLinesAndHasNoHoleWhereABlockWasLost) {
     EXPECT_EQ(Log(), Banner) << "the writer looks every 100 ms";
     Pass100ms();
     EXPECT_EQ(Log(), Banner + "later\n");
-    embedded::FailNext(embedded::VolumeOperation::Write, STATUS_DISK_FULL);
+    FailNext(VolumeOperation::Write, STATUS_DISK_FULL);
     Write("lost\n");
     EXPECT_EQ(Log(), Banner + "later\n");
     Write("next\n");
@@ -209,7 +209,7 @@ TEST_F(LogFile, IsOverwrittenFromItsStartOrDeletedFirst) {
     for (const auto &[DebugLogging, Wanted] :
          std::map<ULONG, std::string>{{1, Banner + "oooo"}, {3, Banner}, {2, Banner}}) {
         Boot(DebugLogging);
-        embedded::WriteSystemFile(LogName, Old);
+        WriteSystemFile(LogName, Old);
         MustLoad();
         EXPECT_EQ(Log(), Wanted) << "DebugLogging " << DebugLogging;
         Stop();
@@ -217,12 +217,11 @@ TEST_F(LogFile, IsOverwrittenFromItsStartOrDeletedFirst) {
 }
 
 TEST_F(LogFile, AnOpenOrABannerThatFailsIsTriedAgainEvery100ms) {
-    using embedded::VolumeOperation;
     for (const auto &[Operation, Failure] : {std::pair{VolumeOperation::Write, STATUS_FILE_INVALID},
                                              {VolumeOperation::Write, STATUS_DISK_FULL},
                                              {VolumeOperation::Create, STATUS_ACCESS_DENIED}}) {
         Boot(1);
-        embedded::FailNext(Operation, Failure, 2);
+        FailNext(Operation, Failure, 2);
         MustLoad();
         Write("kept\n");
         EXPECT_EQ(Log(), Operation == VolumeOperation::Create ? "(none)" : "");
@@ -239,10 +238,10 @@ TEST_F(LogFile, AWriterWithoutMemoryEndsAndShutdownDoesNotWaitForIt) {
     MustLoad();
     g_uDebugLogging = 1;
     {
-        const embedded::PlannedFaults NoBuffer({.Kinds = embedded::FaultBit(embedded::FaultKind::Pool)});
+        const PlannedFaults NoBuffer({.Kinds = FaultBit(FaultKind::Pool)});
         NtFsdStartLogWriter();
         Clock::Settle();
-        EXPECT_EQ(embedded::GetFaultCounts().TotalFailed(), 1u);
+        EXPECT_EQ(GetFaultCounts().TotalFailed(), 1u);
     }
     EXPECT_EQ(Kernel().SendShutdown(), STATUS_NOT_SUPPORTED);
     EXPECT_EQ(Log(), "(none)");
@@ -261,14 +260,14 @@ TEST_F(LogFile, ShutdownWritesTheRest) {
 
 TEST_F(LogFile, ShutdownEndsAWriterThatCannotOpenItsFile) {
     Boot(1);
-    embedded::FailNext(embedded::VolumeOperation::Create, STATUS_ACCESS_DENIED, ~0u);
+    FailNext(VolumeOperation::Create, STATUS_ACCESS_DENIED, ~0u);
     MustLoad();
     EXPECT_EQ(Kernel().SendShutdown(), STATUS_NOT_SUPPORTED);
     EXPECT_EQ(Log(), "(none)");
 }
 
 TEST_F(LogFile, AfterHalfAGigabyteTheNextTextStandsAtTheStart) {
-    const test::ScratchDirectory Folder;
+    const ScratchDirectory Folder;
     Boot(1, Folder.Path());
     MustLoad();
     const auto Head = [&] {
@@ -290,7 +289,7 @@ TEST_F(LogFile, AfterHalfAGigabyteTheNextTextStandsAtTheStart) {
     EXPECT_EQ(Size(), Banner.size() + Fit * Block.size());
     EXPECT_EQ(Head(), Banner.substr(0, 64));
     // A block that is lost wraps nothing.
-    embedded::FailNext(embedded::VolumeOperation::Write, STATUS_DISK_FULL);
+    FailNext(VolumeOperation::Write, STATUS_DISK_FULL);
     Write(Block);
     EXPECT_EQ(Size(), Banner.size() + Fit * Block.size());
     EXPECT_EQ(Head(), Banner.substr(0, 64));

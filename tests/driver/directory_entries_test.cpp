@@ -14,10 +14,10 @@ TEST_F(Listing, AttributesSizesAndTimesFollowTheKindOfTheEntry) {
     Provider.AddFile(u"\\srv\\vol\\d\\plain", "123");
     Provider.AddFile(u"\\srv\\vol\\d\\readonly", "1", RV_ATTR_READONLY | RV_ATTR_CONTENT_INDEXED);
     Provider.AddDirectory(u"\\srv\\vol\\d\\sub");
-    Provider.Edit([](providers::Tree &Tree) {
+    Provider.Edit([](Tree &Tree) {
         for (const char16_t *Path :
              {u"\\srv\\vol\\d", u"\\srv\\vol\\d\\plain", u"\\srv\\vol\\d\\readonly", u"\\srv\\vol\\d\\sub"}) {
-            providers::Node &Node = *Tree.Find(Path);
+            Node &Node = *Tree.Find(Path);
             Node.Creation = Created + Node.Directory;
             Node.LastWrite = Written + Node.Directory;
             Node.LastAccess = Accessed + Node.Directory;
@@ -36,7 +36,7 @@ TEST_F(Listing, AttributesSizesAndTimesFollowTheKindOfTheEntry) {
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
     for (const ULONG InfoClass : {FileDirectoryInformation, FileBothDirectoryInformation}) {
         const Answer Result = Query(Directory, 65536, u"*", true, false, InfoClass);
-        const std::vector<test::Entry> Found = Unpack(Result.Buffer, Result.Information, InfoClass);
+        const std::vector<Entry> Found = Unpack(Result.Buffer, Result.Information, InfoClass);
         ASSERT_EQ(Found.size(), std::size(Cases));
         for (size_t Index = 0; Index < Found.size(); ++Index) {
             const auto &Case = Cases[Index];
@@ -110,7 +110,7 @@ TEST(DirectoryRecord, OnlyWhatLiesInsideTheBatchIsARecord) {
 TEST_F(Listing, ABatchThatBreaksEndsAfterItsGoodRecordsWithAClearStatus) {
     Provider.AddFile(u"\\srv\\vol\\d\\x1", "");
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
-    const test::RequestLog Log;
+    const RequestLog Log;
     Completed = &Log;
     const struct {
         std::u16string First, Second;
@@ -119,7 +119,7 @@ TEST_F(Listing, ABatchThatBreaksEndsAfterItsGoodRecordsWithAClearStatus) {
     } Cases[] = {{u"good", u"next is far", 0xFFFFFF00, 1}, {u"good", u"", 0, 1}};
     for (const auto &Case : Cases) {
         Provider.ClearScript();
-        Provider.OnCall(providers::Slot::EnumerateDirectory).Answer([&Case](providers::Outputs &Out) {
+        Provider.OnCall(Slot::EnumerateDirectory).Answer([&Case](Outputs &Out) {
             auto Buffer = static_cast<UCHAR *>(Out.Buffer);
             PutRecord(Buffer, 96, Case.First);
             PutRecord(Buffer + 96, Case.Next, Case.Second);
@@ -132,7 +132,7 @@ TEST_F(Listing, ABatchThatBreaksEndsAfterItsGoodRecordsWithAClearStatus) {
     }
     // An exact name, whose only record is broken.
     Provider.ClearScript();
-    Provider.OnCall(providers::Slot::EnumerateDirectory).Answer([](providers::Outputs &Out) {
+    Provider.OnCall(Slot::EnumerateDirectory).Answer([](Outputs &Out) {
         PutRecord(static_cast<UCHAR *>(Out.Buffer), 0xFFFFFF00, u"x1");
     });
     EXPECT_EQ(Query(Directory, 4096, u"x1", true).Status, STATUS_UNEXPECTED_NETWORK_ERROR);
@@ -145,7 +145,7 @@ TEST_F(Listing, ANameThatNoOpenCouldUseHidesNoOther) {
     const std::u16string Odd[] = {u"a\\b", u"../b", std::u16string(u"a\0b", 3)};
     for (const std::u16string &Name : Odd) {
         Provider.ClearScript();
-        Provider.OnCall(providers::Slot::EnumerateDirectory).Answer([&Name](providers::Outputs &Out) {
+        Provider.OnCall(Slot::EnumerateDirectory).Answer([&Name](Outputs &Out) {
             auto Buffer = static_cast<UCHAR *>(Out.Buffer);
             PutRecord(Buffer, 96, Name);
             PutRecord(Buffer + 96, 0, u"good");
@@ -165,7 +165,7 @@ TEST_F(Listing, ShortNamesAreAskedForUnlessLazyCloseIsOnAndTheSwitchIsReadOnce) 
     for (const std::optional<ULONG> LazyClose : {std::optional<ULONG>(), {0u}, {1u}}) {
         Start();
         if (LazyClose) {
-            embedded::SetRegistryDword(Key, u"Enable Lazy Close", *LazyClose);
+            SetRegistryDword(Key, u"Enable Lazy Close", *LazyClose);
         }
         const bool Expected = LazyClose.value_or(0) == 0;
         HANDLE Directory = OpenDirectory(u"\\srv\\vol");
@@ -173,9 +173,9 @@ TEST_F(Listing, ShortNamesAreAskedForUnlessLazyCloseIsOnAndTheSwitchIsReadOnce) 
             Provider.ClearCalls();
             const Answer Result = Query(Directory, 4096, u"a*", true, false, InfoClass);
             ASSERT_EQ(Result.Status, STATUS_SUCCESS);
-            EXPECT_EQ(Provider.CountCalls(providers::Slot::EnumerateDirectoryEx) != 0, Expected);
+            EXPECT_EQ(Provider.CountCalls(Slot::EnumerateDirectoryEx) != 0, Expected);
             EXPECT_EQ(Result.Buffer[68] != 0, Expected) << "the short name's length";
-            embedded::SetRegistryDword(Key, u"Enable Lazy Close", Expected ? 1 : 0);
+            SetRegistryDword(Key, u"Enable Lazy Close", Expected ? 1 : 0);
         }
         Close(Directory);
         Stop();
@@ -189,7 +189,7 @@ TEST_F(Listing, AShortNameIsCopiedUpToItsTwelveUnits) {
     constexpr char16_t Units[] = u"ALONGN~1.TXT";
     for (const ULONG Claimed : {0u, 1u, 12u, 13u, 0x80000001u}) {
         Provider.ClearScript();
-        Provider.OnCall(providers::Slot::EnumerateDirectoryEx).Answer([&](providers::Outputs &Out) {
+        Provider.OnCall(Slot::EnumerateDirectoryEx).Answer([&](Outputs &Out) {
             const auto Record = static_cast<UCHAR *>(Out.Buffer);
             memcpy(Record + 56, &Claimed, sizeof(Claimed));
             memcpy(Record + 60, Units, 24);

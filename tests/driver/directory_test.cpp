@@ -49,10 +49,10 @@ TEST_F(Listing, TheDotEntriesAreThereForMasksWithoutAnOrdinaryCharacter) {
 
 TEST_F(Listing, AHundredThousandEntriesAreAllListed) {
     constexpr int Count = 100'000;
-    Provider.Edit([](providers::Tree &Tree) {
-        providers::Node &Parent = *Tree.Find(u"\\srv\\vol\\d");
+    Provider.Edit([](Tree &Tree) {
+        Node &Parent = *Tree.Find(u"\\srv\\vol\\d");
         for (int Index = 0; Index < Count; ++Index) {
-            auto File = std::make_shared<providers::Node>();
+            auto File = std::make_shared<Node>();
             const std::string Digits = std::to_string(Count + Index);
             File->Name.assign(Digits.begin(), Digits.end());
             Parent.Attach(std::move(File));
@@ -134,7 +134,7 @@ TEST_F(Listing, AnySequenceOfBuffersTellsTheSameAsOneLargeBuffer) {
         Provider.AddFile(Name, "1");
     }
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
-    const LONG64 Before = embedded::PoolBytesInUse();
+    const LONG64 Before = PoolBytesInUse();
     const std::vector<std::u16string> Whole = Names(Directory, u"*");
     for (int Round = 0; Round < 20; ++Round) {
         std::vector<std::u16string> Found;
@@ -147,7 +147,7 @@ TEST_F(Listing, AnySequenceOfBuffersTellsTheSameAsOneLargeBuffer) {
             }
             const ULONG Length = Random() % 2000;
             Answer Result = Query(Directory, Length, u"*", std::exchange(Restart, false), Random() % 4 == 0, InfoClass);
-            EXPECT_LE(embedded::PoolBytesInUse() - Before, 12288 + 256) << "one batch and the mask";
+            EXPECT_LE(PoolBytesInUse() - Before, 12288 + 256) << "one batch and the mask";
             if (Result.Status == STATUS_BUFFER_OVERFLOW) {
                 continue; // the entry stays first
             }
@@ -167,11 +167,11 @@ TEST_F(Listing, AFailedAllocationLosesAndDoublesNothing) {
     }
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
     const std::vector<std::u16string> Whole = Names(Directory);
-    const test::RequestLog Log;
+    const RequestLog Log;
     Completed = &Log;
     bool Failed = true;
     for (ULONG64 Nth = 1; Failed; ++Nth) {
-        embedded::PlannedFaults Plan({.Kinds = embedded::FaultBit(embedded::FaultKind::Pool), .Nth = Nth});
+        PlannedFaults Plan({.Kinds = FaultBit(FaultKind::Pool), .Nth = Nth});
         std::vector<std::u16string> Found;
         for (bool Restart = true;;) {
             const Answer Result = Query(Directory, 1200, u"*", Restart);
@@ -183,7 +183,7 @@ TEST_F(Listing, AFailedAllocationLosesAndDoublesNothing) {
             EXPECT_TRUE(Result.Status == STATUS_SUCCESS || Result.Status == STATUS_INSUFFICIENT_RESOURCES);
         }
         EXPECT_EQ(Found, Whole) << Nth;
-        Failed = embedded::GetFaultCounts().TotalFailed() != 0;
+        Failed = GetFaultCounts().TotalFailed() != 0;
     }
 }
 
@@ -202,21 +202,21 @@ TEST_F(Listing, RequestsThatCannotBeServedSayWhichWay) {
         EXPECT_EQ(Refused.wait_for(std::chrono::seconds(10)), std::future_status::ready);
     }
     Refused.get();
-    embedded::IrpBuilder Builder = Plain(IRP_MJ_DIRECTORY_CONTROL, FileObject(Directory));
+    IrpBuilder Builder = Plain(IRP_MJ_DIRECTORY_CONTROL, FileObject(Directory));
     Builder.MinorFunction = IRP_MN_QUERY_DIRECTORY;
     Builder.StackFlags = SL_INDEX_SPECIFIED | SL_RESTART_SCAN;
     Builder.Fill = [](PIO_STACK_LOCATION IrpSp) {
         IrpSp->Parameters.QueryDirectory.FileInformationClass = FileDirectoryInformation;
     };
     Provider.ClearCalls();
-    const IO_STATUS_BLOCK ByIndex = embedded::SendIrp(Device(), Builder).Wait();
+    const IO_STATUS_BLOCK ByIndex = SendIrp(Device(), Builder).Wait();
     EXPECT_EQ(ByIndex.Status, STATUS_NOT_IMPLEMENTED);
     EXPECT_EQ(ByIndex.Information, 0u);
     EXPECT_EQ(CallNames().size(), 0u);
     HANDLE File = MustOpen(u"\\srv\\vol\\f");
     EXPECT_EQ(Query(File, 4096).Status, STATUS_INVALID_PARAMETER);
     {
-        const embedded::PlannedFaults NoMapping({.Kinds = embedded::FaultBit(embedded::FaultKind::Map)});
+        const PlannedFaults NoMapping({.Kinds = FaultBit(FaultKind::Map)});
         EXPECT_EQ(Query(Directory, 4096).Status, STATUS_INSUFFICIENT_RESOURCES);
     }
     // A buffer that cannot be written to.
@@ -259,12 +259,12 @@ TEST_F(Listing, QueriesOfOneOpenSideBySideShareItsEntriesAmongThem) {
 TEST_F(Listing, AProvidersErrorIsTheEndButADisconnectIsToldUntilItIsOver) {
     Provider.AddFile(u"\\srv\\vol\\d\\x1", "");
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
-    Provider.OnCall(providers::Slot::EnumerateDirectory).Return(test::RvError(0x0101));
+    Provider.OnCall(Slot::EnumerateDirectory).Return(RvError(0x0101));
     EXPECT_EQ(Query(Directory, 4096, u"x*").Status, STATUS_CONNECTION_DISCONNECTED);
     EXPECT_EQ(Query(Directory, 4096).Status, STATUS_CONNECTION_DISCONNECTED);
     Provider.ClearScript();
     EXPECT_EQ(Query(Directory, 4096).Status, STATUS_SUCCESS);
-    Provider.OnCall(providers::Slot::EnumerateDirectory).Return(test::RvError(0x0006));
+    Provider.OnCall(Slot::EnumerateDirectory).Return(RvError(0x0006));
     EXPECT_EQ(Query(Directory, 4096, u"x*", true).Status, STATUS_NO_SUCH_FILE);
     Provider.ClearCalls();
     EXPECT_EQ(Query(Directory, 4096).Status, STATUS_NO_MORE_FILES);

@@ -10,6 +10,8 @@
 
 namespace {
 
+using namespace test;
+
 struct EntryRow {
     UCHAR MajorFunction;
     const char *Name;
@@ -37,20 +39,20 @@ constexpr EntryRow Entries[] = {
 
 constexpr std::string_view Arrow = "<<<<<<<<<<<<<";
 
-class Entry : public test::FrameFixture {
+class Entry : public FrameFixture {
 protected:
     // Sends a request of a row on a file object without contexts.
     IO_STATUS_BLOCK SendBare(const EntryRow &Row, bool IsCancelled = false) {
-        const test::OwnedFile Bare(Device(), u"\\srv\\vol\\a.txt");
+        const OwnedFile Bare(Device(), u"\\srv\\vol\\a.txt");
         return Send(IsCancelled ? Cancelled(Row.MajorFunction, Bare) : Plain(Row.MajorFunction, Bare));
     }
-    embedded::IrpBuilder Cancelled(UCHAR MajorFunction, PFILE_OBJECT File) {
-        embedded::IrpBuilder Builder = Plain(MajorFunction, File);
+    IrpBuilder Cancelled(UCHAR MajorFunction, PFILE_OBJECT File) {
+        IrpBuilder Builder = Plain(MajorFunction, File);
         Builder.CancelledBefore = true;
         return Builder;
     }
-    embedded::IrpBuilder CreateOf(PFILE_OBJECT File, UCHAR StackFlags = 0) {
-        embedded::IrpBuilder Builder = Plain(IRP_MJ_CREATE, File);
+    IrpBuilder CreateOf(PFILE_OBJECT File, UCHAR StackFlags = 0) {
+        IrpBuilder Builder = Plain(IRP_MJ_CREATE, File);
         Builder.StackFlags = StackFlags;
         Builder.Fill = [this](PIO_STACK_LOCATION IrpSp) {
             Security_.DesiredAccess = FILE_READ_DATA;
@@ -89,8 +91,8 @@ TEST_F(Entry, WithoutTheFrameworkARequestIsRefusedWithBoostTwo) {
     Framework->FailCreate(Class::Rvpl, RVPSTATUS::NoSuchClass);
     for (const EntryRow &Row : Entries) {
         Printed.clear();
-        const test::OwnedFile Bare(Device(), u"\\srv\\vol\\a.txt");
-        embedded::SentIrp Sent = embedded::SendIrp(Device(), Plain(Row.MajorFunction, Bare));
+        const OwnedFile Bare(Device(), u"\\srv\\vol\\a.txt");
+        SentIrp Sent = SendIrp(Device(), Plain(Row.MajorFunction, Bare));
         const IO_STATUS_BLOCK Block = Sent.Wait();
         EXPECT_EQ(Block.Status, Row.Binds ? STATUS_UNSUCCESSFUL : Row.Bare) << Row.Name;
         EXPECT_EQ(Block.Information, 0u) << Row.Name;
@@ -113,8 +115,8 @@ TEST_F(Entry, ACancelledRequestIsCompletedAndTouchesNothing) {
         Stop();
     }
     Bind();
-    const test::OwnedFile File(Device(), u"\\srv\\vol\\a.txt");
-    embedded::IrpBuilder Builder = CreateOf(File);
+    const OwnedFile File(Device(), u"\\srv\\vol\\a.txt");
+    IrpBuilder Builder = CreateOf(File);
     Builder.CancelledBefore = true;
     EXPECT_EQ(Send(Builder).Status, STATUS_CANCELLED);
     EXPECT_EQ(File->FsContext, nullptr);
@@ -145,7 +147,7 @@ TEST_F(Entry, AFileObjectOfSomebodyElseIsNeitherReadNorFreed) {
     Bind();
     ULONG64 Foreign[64] = {}; // no FCB: nothing in it is the signature
     for (const EntryRow &Row : Entries) {
-        const test::OwnedFile File(Device(), u"\\srv\\vol\\a.txt");
+        const OwnedFile File(Device(), u"\\srv\\vol\\a.txt");
         File->FsContext = Foreign;
         File->FsContext2 = &Foreign[32];
         const bool DecodesAFile = Row.MajorFunction == IRP_MJ_READ || Row.MajorFunction == IRP_MJ_WRITE;
@@ -185,7 +187,7 @@ TEST_F(Entry, WithoutMemoryForItsContextARequestIsRefusedButAnOpenStillEnds) {
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
     const PFILE_OBJECT File = FileObject(Handle);
     {
-        const embedded::PlannedFaults NoMemory({.How = embedded::FaultPlan::Mode::NthAndAfter});
+        const PlannedFaults NoMemory({.How = FaultPlan::Mode::NthAndAfter});
         char Byte;
         EXPECT_EQ(Read(Handle, &Byte, 1, 0).Status, STATUS_INSUFFICIENT_RESOURCES);
         EXPECT_EQ(Create(u"\\srv\\vol\\b.txt").Status, STATUS_INSUFFICIENT_RESOURCES);
@@ -197,8 +199,8 @@ TEST_F(Entry, WithoutMemoryForItsContextARequestIsRefusedButAnOpenStillEnds) {
 
 TEST_F(Entry, AContextFromPoolIsMarkedAndGoesBackToPool) {
     Bind();
-    const embedded::PlannedFaults ListFails({.Kinds = embedded::FaultBit(embedded::FaultKind::Pool)});
-    const embedded::FaultScope AsTheDriver;
+    const PlannedFaults ListFails({.Kinds = FaultBit(FaultKind::Pool)});
+    const FaultScope AsTheDriver;
     const PIRP_CONTEXT Context = NtFsdCreateIrpContext(nullptr, FALSE);
     ASSERT_NE(Context, nullptr);
     EXPECT_EQ(Context->Flags, IRP_CONTEXT_FLAG_FROM_POOL | IRP_CONTEXT_FLAG_WAIT);
@@ -251,7 +253,7 @@ TEST_F(Entry, ACompletionCarriesBoostOneAndIsTold) {
 TEST_F(Entry, APagingFileIsRefused) {
     StartTracing(0x20);
     Bind();
-    const test::OwnedFile File(Device(), u"\\srv\\vol\\a.txt");
+    const OwnedFile File(Device(), u"\\srv\\vol\\a.txt");
     Printed.clear();
     const IO_STATUS_BLOCK Block = Send(CreateOf(File, SL_OPEN_PAGING_FILE));
     EXPECT_EQ(Block.Status, STATUS_ACCESS_DENIED);
@@ -263,7 +265,7 @@ TEST_F(Entry, APagingFileIsRefused) {
 TEST_F(Entry, HalfACharacterAtTheEndIsNoPartOfTheName) {
     Provider.AddFile(u"\\srv\\vol\\docs\\f.t", "right");
     const HANDLE Parent = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
-    test::OwnedFile File(Device(), u"f.tx");
+    OwnedFile File(Device(), u"f.tx");
     --File->FileName.Length;
     File->RelatedFileObject = FileObject(Parent);
     EXPECT_EQ(Send(CreateOf(File)).Status, STATUS_SUCCESS);
@@ -277,8 +279,8 @@ TEST_F(Entry, TheDeviceOpensAndClosesWithoutTheFramework) {
     StartTracing(0x20);
     Framework->FailCreate(Class::Rvpl, RVPSTATUS::NoSuchClass);
     Printed.clear();
-    const test::OwnedFile File(Device(), u"");
-    embedded::SentIrp Sent = embedded::SendIrp(Device(), CreateOf(File));
+    const OwnedFile File(Device(), u"");
+    SentIrp Sent = SendIrp(Device(), CreateOf(File));
     EXPECT_EQ(Sent.Wait().Status, STATUS_SUCCESS);
     EXPECT_EQ(Sent.Wait().Information, static_cast<ULONG_PTR>(FILE_OPENED));
     EXPECT_EQ(Sent.PriorityBoost(), 2);

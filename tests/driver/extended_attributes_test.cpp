@@ -4,7 +4,9 @@
 
 namespace {
 
-class ExtendedAttributes : public test::DriverFixture {};
+using namespace test;
+
+class ExtendedAttributes : public DriverFixture {};
 
 TEST_F(ExtendedAttributes, AQueryFindsNoneAndASetIsAcceptedOnEveryKindOfOpen) {
     StartTracing(1);
@@ -13,9 +15,9 @@ TEST_F(ExtendedAttributes, AQueryFindsNoneAndASetIsAcceptedOnEveryKindOfOpen) {
         HANDLE Open = MustOpen(Path, {.Access = FILE_READ_ATTRIBUTES | SYNCHRONIZE});
         Provider.ClearCalls();
         for (const UCHAR MajorFunction : {IRP_MJ_QUERY_EA, IRP_MJ_SET_EA, IRP_MJ_QUERY_EA}) {
-            embedded::IrpBuilder Builder = Plain(MajorFunction, FileObject(Open));
+            IrpBuilder Builder = Plain(MajorFunction, FileObject(Open));
             Builder.Fill = [](PIO_STACK_LOCATION IrpSp) { IrpSp->Parameters.QueryEa.Length = 64; };
-            embedded::SentIrp Request = embedded::SendIrp(Device(), Builder);
+            SentIrp Request = SendIrp(Device(), Builder);
             const IO_STATUS_BLOCK Answer = Request.Wait();
             EXPECT_EQ(Answer.Status, MajorFunction == IRP_MJ_SET_EA ? STATUS_SUCCESS : STATUS_NO_EAS_ON_FILE);
             EXPECT_EQ(Answer.Information, 0u);

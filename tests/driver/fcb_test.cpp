@@ -4,10 +4,9 @@
 
 namespace {
 
-using namespace providers;
 using namespace test;
 
-class Fcbs : public test::CreateFixture {
+class Fcbs : public CreateFixture {
 protected:
     // What the open calls its object when it asks the Provider.
     std::u16string PathLeft(HANDLE Handle) {
@@ -17,7 +16,7 @@ protected:
         return View(Fcb(Handle)->FullPath);
     }
     NTSTATUS Rename(HANDLE Handle, std::u16string_view NewPath) {
-        UNICODE_STRING Name = embedded::ToUnicodeString(NewPath);
+        UNICODE_STRING Name = ToUnicodeString(NewPath);
         const PFCB Renamed = Fcb(Handle);
         ResourceHold Table;
         Table.AcquireExclusive(&FcbTableResource, TRUE);
@@ -128,9 +127,9 @@ TEST_F(Fcbs, APathIsSplitOnlyAtAComponentThatTheProviderCallsItsVolume) {
         {u"\\srv\\vol\\docs\\f.txt\\and\\more", u"\\srv\\vol\\docs\\f.txt"},
     };
     for (const auto &Each : Cases) {
-        SCOPED_TRACE(providers::ToUtf8(Each.Answer));
+        SCOPED_TRACE(ToUtf8(Each.Answer));
         RVHANDLE Volume = 0;
-        Provider.Edit([&](providers::Tree &Tree) { Tree.OpenVolume(u"\\srv\\vol", &Volume); });
+        Provider.Edit([&](Tree &Tree) { Tree.OpenVolume(u"\\srv\\vol", &Volume); });
         Provider.OnCall(Slot::QueryPathForVolume).AnswerPath(std::u16string(Each.Answer));
         Provider.OnCall(Slot::OpenVolume).ReturnAfter({}).AnswerHandle(Volume); // whatever it is called, it is a volume
         const HANDLE Handle = MustOpen(u"\\srv\\vol\\docs\\f.txt");
@@ -200,7 +199,7 @@ TEST_F(RelativeOpens, ThroughADirectoryThatWasCreatedOnlyStayInIt) {
 
 TEST_F(RelativeOpens, BelowAFileAreRefused) {
     const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt");
-    Provider.OnCall(Slot::CreateFile, test::IsQuestion).Return(ProviderError(0x0506));
+    Provider.OnCall(Slot::CreateFile, IsQuestion).Return(ProviderError(0x0506));
     ExpectRefused(u"x", Below(File), STATUS_NOT_A_DIRECTORY);
     EXPECT_EQ(Fcb(File)->OpenCount, 1u);
 }
@@ -209,7 +208,7 @@ TEST_F(RelativeOpens, OfAForeignFileObjectAreRefusedBeforeTheProviderIsAsked) {
     Bind();
     const HANDLE OurDevice = MustOpen(u"");
     ExpectRefused(u"a.txt", Below(OurDevice), STATUS_NOT_A_DIRECTORY);
-    ExpectRefused(u"a.txt", Below(OurDevice, test::AsTarget), STATUS_NOT_A_DIRECTORY);
+    ExpectRefused(u"a.txt", Below(OurDevice, AsTarget), STATUS_NOT_A_DIRECTORY);
     EXPECT_EQ(Provider.CountCalls(), 0u);
     Close(OurDevice);
 
@@ -220,12 +219,12 @@ TEST_F(RelativeOpens, OfAForeignFileObjectAreRefusedBeforeTheProviderIsAsked) {
     for (const auto &Each : Contexts) {
         auto Record = std::make_unique<FCB>();
         Record->NodeTypeCode = Each.Signature;
-        const PFILE_OBJECT Related = embedded::CreateFileObject(Device(), u"r", 0);
-        const PFILE_OBJECT File = embedded::CreateFileObject(Device(), u"f", 0);
+        const PFILE_OBJECT Related = CreateFileObject(Device(), u"r", 0);
+        const PFILE_OBJECT File = CreateFileObject(Device(), u"f", 0);
         Related->FsContext = Each.Signature != 0 ? Record.get() : nullptr;
         Related->FsContext2 = Each.Instance;
         IRP_CONTEXT Request = Context(File);
-        UNICODE_STRING Name = embedded::ToUnicodeString(u"a.txt");
+        UNICODE_STRING Name = ToUnicodeString(u"a.txt");
         PFCB Found;
         PINSTANCE_CONTEXT Made;
         ULONG OpenCount;
@@ -235,8 +234,8 @@ TEST_F(RelativeOpens, OfAForeignFileObjectAreRefusedBeforeTheProviderIsAsked) {
                   STATUS_INVALID_HANDLE);
         EXPECT_FALSE(Hold.Held());
         Related->FsContext = Related->FsContext2 = nullptr;
-        embedded::DereferenceFileObject(Related);
-        embedded::DereferenceFileObject(File);
+        DereferenceFileObject(Related);
+        DereferenceFileObject(File);
     }
     EXPECT_EQ(Provider.CountCalls(), 0u);
 }
@@ -314,7 +313,7 @@ TEST_F(Fcbs, TakeNewPathsUntilAMegabyteOfOldOnesIsKept) {
 // Whatever opens, goes or takes another path below it, in whatever letter case.
 TEST_F(Fcbs, KeepTheirDirectoriesFromBeingRenamedWhileTheyLieBelow) {
     const auto HasBelow = [](std::u16string_view Path) {
-        const UNICODE_STRING Name = embedded::ToUnicodeString(Path);
+        const UNICODE_STRING Name = ToUnicodeString(Path);
         ResourceHold Table;
         Table.AcquireExclusive(&FcbTableResource, TRUE);
         return NtFsdHasFcbBelow(&Name);
@@ -370,7 +369,7 @@ TEST_F(Fcbs, AreLookedUpByTheLongestPathInFront) {
     ResourceHold Table;
     Table.AcquireExclusive(&FcbTableResource, TRUE);
     for (const auto &Each : Cases) {
-        UNICODE_STRING Name = embedded::ToUnicodeString(Each.Path);
+        UNICODE_STRING Name = ToUnicodeString(Each.Path);
         UNICODE_STRING Remaining;
         EXPECT_EQ(NtFsdFindFcb(&Name, &Remaining), Each.Found != nullptr ? Fcb(Each.Found) : nullptr);
         EXPECT_EQ(View(Remaining), Each.Remaining);
@@ -401,7 +400,7 @@ TEST_F(Fcbs, ADereferenceWithoutAnFcbFreesTheInstance) {
 TEST_F(Fcbs, TheFileObjectCheckLooksAtOneThingAfterAnother) {
     Bind();
     auto Record = std::make_unique<FCB>();
-    const PFILE_OBJECT File = embedded::CreateFileObject(Device(), u"x", 0);
+    const PFILE_OBJECT File = CreateFileObject(Device(), u"x", 0);
     INSTANCE_CONTEXT Open = {};
     Open.FileHandle = 1;
     struct {
@@ -434,7 +433,7 @@ TEST_F(Fcbs, TheFileObjectCheckLooksAtOneThingAfterAnother) {
         EXPECT_EQ(Made, File->FsContext2);
     }
     File->FsContext = File->FsContext2 = nullptr;
-    embedded::DereferenceFileObject(File);
+    DereferenceFileObject(File);
 }
 
 TEST_F(Fcbs, AnOpenedDirectorysHandleIsNotLostToANote) {

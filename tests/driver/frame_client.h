@@ -9,22 +9,22 @@ namespace test {
 class FrameFixture : public DriverFixture {
 protected:
     using Lines = std::vector<std::string>;
-    using Class = providers::FrameworkClass;
+    using Class = FrameworkClass;
 
     FrameFixture() {
         Provider.AddFile(u"\\srv\\vol\\a.txt", "0123456789");
         Provider.AddDirectory(u"\\srv\\vol\\docs");
     }
 
-    IO_STATUS_BLOCK Send(const embedded::IrpBuilder &Builder) {
-        return embedded::SendIrpAndWait(Device(), Builder);
+    IO_STATUS_BLOCK Send(const IrpBuilder &Builder) {
+        return SendIrpAndWait(Device(), Builder);
     }
-    CCHAR BoostOf(const embedded::IrpBuilder &Builder) {
-        return embedded::SendIrp(Device(), Builder).PriorityBoost();
+    CCHAR BoostOf(const IrpBuilder &Builder) {
+        return SendIrp(Device(), Builder).PriorityBoost();
     }
     // Opens the device itself.
     HANDLE OpenDevice() {
-        const embedded::CreateResult Result = Create(u"");
+        const CreateResult Result = Create(u"");
         EXPECT_EQ(Result.Status, STATUS_SUCCESS);
         EXPECT_EQ(Result.Information, static_cast<ULONG_PTR>(FILE_OPENED));
         return Result.Handle;
@@ -35,10 +35,10 @@ protected:
 class OwnedFile {
 public:
     OwnedFile(PDEVICE_OBJECT Device, std::u16string_view Name)
-        : File_(embedded::CreateFileObject(Device, Name, FO_SYNCHRONOUS_IO)) {
+        : File_(CreateFileObject(Device, Name, FO_SYNCHRONOUS_IO)) {
     }
     ~OwnedFile() {
-        embedded::DereferenceFileObject(File_);
+        DereferenceFileObject(File_);
     }
     OwnedFile(const OwnedFile &) = delete;
     OwnedFile &operator=(const OwnedFile &) = delete;

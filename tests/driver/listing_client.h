@@ -74,7 +74,7 @@ protected:
         UNICODE_STRING Name = {static_cast<USHORT>(Text.size() * 2), static_cast<USHORT>(Text.size() * 2), Text.data()};
         IO_STATUS_BLOCK IoStatus = {};
         HANDLE Done = nullptr;
-        EXPECT_EQ(embedded::CreateEventHandle(NotificationEvent, false, &Done), STATUS_SUCCESS);
+        EXPECT_EQ(CreateEventHandle(NotificationEvent, false, &Done), STATUS_SUCCESS);
         Result.Status = NtQueryDirectoryFile(Directory, Done, nullptr, nullptr, &IoStatus, Result.Buffer.data(), Length,
                                              InfoClass, Single, Mask != nullptr ? &Name : nullptr, Restart);
         if (Result.Status == STATUS_PENDING) {

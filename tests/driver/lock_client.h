@@ -23,9 +23,9 @@ protected:
     }
 
     // A request of the lock kind as the I/O manager sends it; Length must stay until it is completed.
-    embedded::IrpBuilder Request(HANDLE Handle, UCHAR MinorFunction, LONGLONG Offset, LARGE_INTEGER *Length,
-                                 ULONG Key = 0, UCHAR StackFlags = SL_EXCLUSIVE_LOCK) {
-        embedded::IrpBuilder Builder = Plain(IRP_MJ_LOCK_CONTROL, FileObject(Handle));
+    IrpBuilder Request(HANDLE Handle, UCHAR MinorFunction, LONGLONG Offset, LARGE_INTEGER *Length, ULONG Key = 0,
+                       UCHAR StackFlags = SL_EXCLUSIVE_LOCK) {
+        IrpBuilder Builder = Plain(IRP_MJ_LOCK_CONTROL, FileObject(Handle));
         Builder.MinorFunction = MinorFunction;
         Builder.StackFlags = StackFlags;
         Builder.Fill = [=](PIO_STACK_LOCATION Stack) {
@@ -36,9 +36,9 @@ protected:
         return Builder;
     }
     // A lock that may wait.
-    embedded::SentIrp Wait(HANDLE Handle, LONGLONG Offset, LONGLONG Length = 4) {
+    SentIrp Wait(HANDLE Handle, LONGLONG Offset, LONGLONG Length = 4) {
         Lengths_.push_back({.QuadPart = Length});
-        return embedded::SendIrp(Device(), Request(Handle, IRP_MN_LOCK, Offset, &Lengths_.back()));
+        return SendIrp(Device(), Request(Handle, IRP_MN_LOCK, Offset, &Lengths_.back()));
     }
 
     // The locks of the file's table.
@@ -54,9 +54,9 @@ protected:
     // "lock 10+5", "unlock 10+5": what the server was told, in order.
     Calls ServerLocks() {
         Calls Told;
-        for (const providers::Call &Each : Provider.CallRecords()) {
-            const bool IsLock = Each.Operation == providers::Slot::LockFile;
-            if (IsLock || Each.Operation == providers::Slot::UnlockFile) {
+        for (const Call &Each : Provider.CallRecords()) {
+            const bool IsLock = Each.Operation == Slot::LockFile;
+            if (IsLock || Each.Operation == Slot::UnlockFile) {
                 Told.push_back(std::string(IsLock ? "lock " : "unlock ") + std::to_string(Each.Number("offset")) + "+" +
                                std::to_string(Each.Number("length")));
             }

@@ -8,10 +8,9 @@
 
 namespace {
 
-using namespace providers;
-using test::Open;
+using namespace test;
 
-class Locks : public test::LockFixture {
+class Locks : public LockFixture {
 protected:
     HANDLE First = nullptr;
     HANDLE Second = nullptr;
@@ -26,8 +25,8 @@ protected:
         Close(Second);
         LockFixture::TearDown();
     }
-    NTSTATUS Send(const embedded::IrpBuilder &Builder) {
-        return embedded::SendIrpAndWait(Device(), Builder).Status;
+    NTSTATUS Send(const IrpBuilder &Builder) {
+        return SendIrpAndWait(Device(), Builder).Status;
     }
 };
 
@@ -64,7 +63,7 @@ TEST_F(Locks, WhatIsWrongHereIsRefusedWithoutTheServerAndWhatFailsThereIsToldAnd
 }
 
 TEST_F(Locks, ARefusalOfTheServerLeavesNoLocalLock) {
-    for (const auto &[Raw, Status] : {std::pair{ProviderError(providers::CodeLockNotGranted), STATUS_LOCK_NOT_GRANTED},
+    for (const auto &[Raw, Status] : {std::pair{ProviderError(CodeLockNotGranted), STATUS_LOCK_NOT_GRANTED},
                                       {static_cast<RVSTATUS>(0x000E), STATUS_UNSUCCESSFUL}}) { // pending is none either
         Provider.OnCall(Slot::LockFile).Return(Raw);
         EXPECT_EQ(Lock(First, 0, 10), Status);
@@ -77,9 +76,9 @@ TEST_F(Locks, ARefusalOfTheServerLeavesNoLocalLock) {
 
 TEST_F(Locks, AWaitingLockThatTheServerRefusesMakesRoomForTheNext) {
     EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
-    embedded::SentIrp Refused = Wait(Second, 0);
-    embedded::SentIrp Next = Wait(First, 0);
-    Provider.OnCall(Slot::LockFile).Times(1).Return(ProviderError(providers::CodeLockNotGranted));
+    SentIrp Refused = Wait(Second, 0);
+    SentIrp Next = Wait(First, 0);
+    Provider.OnCall(Slot::LockFile).Times(1).Return(ProviderError(CodeLockNotGranted));
     EXPECT_EQ(Unlock(First, 0, 10), STATUS_SUCCESS);
     EXPECT_EQ(Refused.Wait().Status, STATUS_LOCK_NOT_GRANTED);
     EXPECT_EQ(Next.Wait().Status, STATUS_SUCCESS);
@@ -104,13 +103,13 @@ void OnASmallStack(std::function<void()> Work) {
 
 TEST_F(Locks, WaitersThatKeepNothingGrantEachOtherWithoutGoingDeeper) {
     EXPECT_EQ(Lock(First, 0, 1), STATUS_SUCCESS);
-    std::vector<embedded::SentIrp> Waiting;
+    std::vector<SentIrp> Waiting;
     for (int Each = 0; Each < 2000; ++Each) {
         Waiting.push_back(Wait(Second, 0, 1));
     }
-    Provider.OnCall(Slot::LockFile).Return(ProviderError(providers::CodeLockNotGranted));
+    Provider.OnCall(Slot::LockFile).Return(ProviderError(CodeLockNotGranted));
     OnASmallStack([&] { EXPECT_EQ(Unlock(First, 0, 1), STATUS_SUCCESS); });
-    for (embedded::SentIrp &Each : Waiting) {
+    for (SentIrp &Each : Waiting) {
         ASSERT_EQ(Each.Wait().Status, STATUS_LOCK_NOT_GRANTED);
     }
     EXPECT_TRUE(LocalLocks(First).empty());
@@ -124,13 +123,13 @@ TEST_F(Locks, ALockThatIsUnlockedBeforeTheServerHeardOfItIsCancelled) {
     for (const UCHAR Minor : {IRP_MN_UNLOCK_SINGLE, IRP_MN_UNLOCK_ALL, IRP_MN_UNLOCK_ALL_BY_KEY}) {
         Provider.ClearCalls();
         EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
-        embedded::SentIrp Waiting = Wait(Second, 2);
+        SentIrp Waiting = Wait(Second, 2);
         std::function<void()> Overtake = [&] {
             EXPECT_EQ(Send(Request(Second, Minor, 2, &Length)), STATUS_SUCCESS);
             EXPECT_EQ(Send(Request(Second, Minor, 2, &Length)),
                       Minor == IRP_MN_UNLOCK_SINGLE ? STATUS_RANGE_NOT_LOCKED : STATUS_SUCCESS);
         };
-        embedded::IrpBuilder Unlocking = Request(First, IRP_MN_UNLOCK_SINGLE, 0, &Whole);
+        IrpBuilder Unlocking = Request(First, IRP_MN_UNLOCK_SINGLE, 0, &Whole);
         Unlocking.CompletionContext = &Overtake;
         Unlocking.CompletionRoutine = [](PDEVICE_OBJECT, PIRP, PVOID Context) NTAPI -> NTSTATUS {
             (*static_cast<std::function<void()> *>(Context))();
@@ -145,7 +144,7 @@ TEST_F(Locks, ALockThatIsUnlockedBeforeTheServerHeardOfItIsCancelled) {
 
 TEST_F(Locks, ACancelledWaitNeverReachesTheServer) {
     EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
-    embedded::SentIrp Waiting = Wait(Second, 2);
+    SentIrp Waiting = Wait(Second, 2);
     EXPECT_TRUE(Waiting.Cancel());
     EXPECT_EQ(Waiting.Wait().Status, STATUS_CANCELLED);
     EXPECT_EQ(ServerLocks(), (Calls{"lock 0+10"}));
@@ -190,8 +189,7 @@ TEST_F(TracedLocks, ARangeThatTheServerNeverHadDoesNotHideAFailureBeforeIt) {
 TEST_F(Locks, AnUnlockOfAllWithoutMemoryChangesNothing) {
     EXPECT_EQ(Lock(First, 0, 1), STATUS_SUCCESS);
     Provider.ClearCalls();
-    const embedded::PlannedFaults Faults(
-        {.How = embedded::FaultPlan::Mode::NthAndAfter, .Kinds = embedded::FaultBit(embedded::FaultKind::Pool)});
+    const PlannedFaults Faults({.How = FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Pool)});
     EXPECT_EQ(Send(Request(First, IRP_MN_UNLOCK_ALL, 0, nullptr)), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(ServerLocks(), Calls{});
     EXPECT_EQ(LocalLocks(First).size(), 1u);
@@ -214,9 +212,9 @@ TEST_F(Locks, NestedOnesAreCompletedOnce) {
         Provider.ClearCalls();
         LARGE_INTEGER Length = {.QuadPart = Each.Length};
         IRP Outer = {};
-        embedded::IrpBuilder Builder = Request(First, Each.Minor, Each.Offset, &Length);
+        IrpBuilder Builder = Request(First, Each.Minor, Each.Offset, &Length);
         Builder.TopLevelIrp = &Outer;
-        embedded::SentIrp Nested = embedded::SendIrp(Device(), Builder);
+        SentIrp Nested = SendIrp(Device(), Builder);
         EXPECT_EQ(Nested.Returned(), Each.Returned);
         EXPECT_EQ(Nested.Wait().Status, Each.Status);
         EXPECT_FALSE(ExIsResourceAcquiredSharedLite(&Fcb(First)->Resource));
@@ -227,9 +225,9 @@ TEST_F(Locks, NestedOnesAreCompletedOnce) {
 TEST_F(Locks, WaitersAreToldToTheServerAfterTheUnlockThatMadeRoom) {
     EXPECT_EQ(Lock(First, 0, 10), STATUS_SUCCESS);
     LARGE_INTEGER Length = {.QuadPart = 4};
-    embedded::IrpBuilder Shared = Request(Second, IRP_MN_LOCK, 0, &Length, 0, 0);
-    embedded::SentIrp One = embedded::SendIrp(Device(), Shared);
-    embedded::SentIrp Two = embedded::SendIrp(Device(), Shared);
+    IrpBuilder Shared = Request(Second, IRP_MN_LOCK, 0, &Length, 0, 0);
+    SentIrp One = SendIrp(Device(), Shared);
+    SentIrp Two = SendIrp(Device(), Shared);
     EXPECT_EQ(One.Returned(), STATUS_PENDING);
     EXPECT_FALSE(One.IsCompleted());
     EXPECT_EQ(Unlock(First, 0, 10), STATUS_SUCCESS);

@@ -32,9 +32,9 @@ struct MapRequest {
 
 // The users' logons: one whose logon is split in two sessions, one with two separate sessions, and a stranger.
 struct Users {
-    embedded::SplitLogon Split = embedded::LogOnSplit(500);
-    embedded::TokenRef Third = embedded::LogOn(500);
-    embedded::TokenRef Stranger = embedded::LogOn(501);
+    SplitLogon Split = LogOnSplit(500);
+    TokenRef Third = LogOn(500);
+    TokenRef Stranger = LogOn(501);
 };
 
 class MappingFixture : public FrameFixture {
@@ -47,9 +47,9 @@ protected:
                             {u"FsDisplayOutput", 1},
                             {u"FsDebugLevel", Mask},
                             {u"RvioctlDbgMsg", External}}});
-        embedded::Clock::Settle();
+        Clock::Settle();
         Framework->SetCaller([] {
-            const ULONG64 Account = embedded::CallerAccount();
+            const ULONG64 Account = CallerAccount();
             return RV_SECURITY_CONTEXT{{Account, Account}};
         });
         Logons.emplace();
@@ -79,27 +79,27 @@ protected:
 
     // Runs Call in a process of Who's, as driver code.
     template <typename F>
-    auto As(const embedded::TokenRef &Who, F Call) {
-        const PEPROCESS Client = embedded::CreateProcess("client", Who);
-        const ScopeExit Gone([Client] { embedded::DeleteProcess(Client); });
-        const embedded::AttachProcess Attached(Client);
-        const embedded::RequireUnchanged Unchanged(embedded::DriverCall::Other, "an operation of the mapping object");
-        const embedded::FaultScope Faults;
+    auto As(const TokenRef &Who, F Call) {
+        const PEPROCESS Client = CreateProcess("client", Who);
+        const ScopeExit Gone([Client] { DeleteProcess(Client); });
+        const AttachProcess Attached(Client);
+        const RequireUnchanged Unchanged(DriverCall::Other, "an operation of the mapping object");
+        const FaultScope Faults;
         return Call();
     }
-    NTSTATUS Map(const embedded::TokenRef &Who, const MapRequest &Request) {
+    NTSTATUS Map(const TokenRef &Who, const MapRequest &Request) {
         const std::vector<char> Bytes = Request.Bytes();
         return As(Who, [&] {
             return Mapping->Table->MapDrive(Mapping, reinterpret_cast<const MAP_REQUEST *>(Bytes.data()));
         });
     }
-    NTSTATUS Unmap(const embedded::TokenRef &Who, ULONG Drive = 7) {
+    NTSTATUS Unmap(const TokenRef &Who, ULONG Drive = 7) {
         return As(Who, [&] { return Mapping->Table->UnMapDrive(Mapping, &Drive); });
     }
-    NTSTATUS UnmapServer(const embedded::TokenRef &Who, ULONG ConnectionId) {
+    NTSTATUS UnmapServer(const TokenRef &Who, ULONG ConnectionId) {
         return As(Who, [&] { return Mapping->Table->UnMapServer(Mapping, ConnectionId); });
     }
-    NTSTATUS Query(const embedded::TokenRef &Who, ULONG Drive = 7, QUERY_DRIVE *Answer = nullptr) {
+    NTSTATUS Query(const TokenRef &Who, ULONG Drive = 7, QUERY_DRIVE *Answer = nullptr) {
         const auto Own = std::make_unique<QUERY_DRIVE>();
         QUERY_DRIVE *To = Answer != nullptr ? Answer : Own.get();
         To->DriveNumber = Drive;
@@ -109,26 +109,26 @@ protected:
         return As(Logons->Third, [&] { return Mapping->Table->VerifyPath(Mapping, 1, Path.c_str()); });
     }
     // Where a letter leads in a session; empty when there is no link there, or one of everybody's.
-    static std::string LinkOf(const embedded::TokenRef &Who, char Letter = 'G') {
+    static std::string LinkOf(const TokenRef &Who, char Letter = 'G') {
         std::u16string Target;
         const std::string Name =
             fmt::format("\\Sessions\\0\\DosDevices\\{:08X}-{:08X}\\{}:", static_cast<ULONG>(Who->Session->Id.HighPart),
                         Who->Session->Id.LowPart, Letter);
-        return NT_SUCCESS(embedded::QuerySymbolicLink(std::u16string(Name.begin(), Name.end()), &Target))
+        return NT_SUCCESS(QuerySymbolicLink(std::u16string(Name.begin(), Name.end()), &Target))
                    ? std::string(Target.begin(), Target.end())
                    : "";
     }
     // Deletes or makes a link as anybody else of the session might.
-    static void RemoveLink(const embedded::TokenRef &Who) {
-        const embedded::Impersonate Client(Who);
-        EXPECT_TRUE(embedded::RemoveName(u"\\??\\G:"));
+    static void RemoveLink(const TokenRef &Who) {
+        const Impersonate Client(Who);
+        EXPECT_TRUE(RemoveName(u"\\??\\G:"));
     }
-    static void MakeLink(const embedded::TokenRef &Who, std::u16string_view Target) {
-        const embedded::Impersonate Client(Who);
-        EXPECT_EQ(embedded::CreateSymbolicLink(u"\\??\\G:", Target), STATUS_SUCCESS);
+    static void MakeLink(const TokenRef &Who, std::u16string_view Target) {
+        const Impersonate Client(Who);
+        EXPECT_EQ(CreateSymbolicLink(u"\\??\\G:", Target), STATUS_SUCCESS);
     }
     static void SetPolicy(std::u16string_view Key, ULONG Value) {
-        embedded::SetRegistryDword(Key, u"EnableLinkedConnections", Value);
+        SetRegistryDword(Key, u"EnableLinkedConnections", Value);
     }
     static MAPPED_DEVICE *FirstRecord() {
         return IsListEmpty(&g_MappedDeviceList) ? nullptr
@@ -138,11 +138,11 @@ protected:
     void ExpectNothingLeft(std::string_view Where = {}) {
         EXPECT_EQ(g_uMappedDeviceCount, 0u) << Where;
         EXPECT_EQ(Provider.OpenHandles(), Lines{}) << Where;
-        EXPECT_EQ(embedded::DescribeDriversLinks(), "") << Where;
+        EXPECT_EQ(DescribeDriversLinks(), "") << Where;
         EXPECT_EQ(Framework->LiveBlocks(), 1u) << Where << ": the mapping object alone";
-        EXPECT_EQ(embedded::DescribeOpenHandles().find("token"), std::string::npos) << Where;
-        EXPECT_EQ(embedded::DescribeOpenHandles().find("link"), std::string::npos) << Where;
-        EXPECT_EQ(embedded::DescribeOpenHandles().find("key"), std::string::npos) << Where;
+        EXPECT_EQ(DescribeOpenHandles().find("token"), std::string::npos) << Where;
+        EXPECT_EQ(DescribeOpenHandles().find("link"), std::string::npos) << Where;
+        EXPECT_EQ(DescribeOpenHandles().find("key"), std::string::npos) << Where;
     }
 
     RVFSD_MAPPING *Mapping = nullptr;

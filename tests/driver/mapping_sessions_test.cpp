@@ -5,7 +5,6 @@
 namespace {
 
 using namespace test;
-using namespace embedded;
 
 class MappedSessions : public MappingFixture {
 protected:
@@ -17,7 +16,7 @@ protected:
     }
     // A mapping with both links, made by the filtered half.
     void MapBoth() {
-        SetPolicy(embedded::kSystemPolicyKey, 1);
+        SetPolicy(kSystemPolicyKey, 1);
         ASSERT_EQ(Map(Filtered(), {.Path = Docs}), STATUS_SUCCESS);
         ASSERT_NE(LinkOf(Filtered()), "");
         ASSERT_NE(LinkOf(Elevated()), "");
@@ -40,11 +39,11 @@ TEST_F(MappedSessions, ThePolicyDecidesOverTheSecondLink) {
         {Text, None, true, "Parameters\" read \"EnableLinkedConnections\" value 0x00390031.\n"},
     };
     const auto Set = [](std::u16string_view Key, int Value) {
-        embedded::DeleteRegistryValue(Key, u"EnableLinkedConnections");
+        DeleteRegistryValue(Key, u"EnableLinkedConnections");
         const std::byte Bytes[] = {std::byte{0x31}, {}, std::byte{0x39}, {}};
         if (Value == Short || Value == Text) {
-            embedded::SetRegistryValue(Key, u"EnableLinkedConnections", Value == Short ? REG_BINARY : REG_SZ,
-                                       std::span(Bytes).first(Value == Short ? 3 : 4));
+            SetRegistryValue(Key, u"EnableLinkedConnections", Value == Short ? REG_BINARY : REG_SZ,
+                             std::span(Bytes).first(Value == Short ? 3 : 4));
         } else if (Value != None) {
             SetPolicy(Key, static_cast<ULONG>(Value));
         }
@@ -52,8 +51,8 @@ TEST_F(MappedSessions, ThePolicyDecidesOverTheSecondLink) {
     StartMapping(0x80);
     for (const auto &Case : Cases) {
         SCOPED_TRACE(fmt::format("{} {}", Case.Own, Case.Policy));
-        Set(embedded::kClientParametersKey, Case.Own);
-        Set(embedded::kSystemPolicyKey, Case.Policy);
+        Set(kClientParametersKey, Case.Own);
+        Set(kSystemPolicyKey, Case.Policy);
         for (const TokenRef &Who : {Filtered(), Elevated()}) {
             const TokenRef &Other = Who.Get() == Filtered().Get() ? Elevated() : Filtered();
             Printed.clear();
@@ -80,10 +79,10 @@ TEST_F(MappedSessions, ThePolicyDecidesOverTheSecondLink) {
 TEST_F(MappedSessions, TheSecondLinkHasTheSecurityOfItsOwnSession) {
     StartMapping();
     MapBoth();
-    embedded::Security Access;
+    Security Access;
     const auto SecurityOf = [&](const TokenRef &Who) {
-        const embedded::Impersonate Client(Who);
-        EXPECT_EQ(embedded::QueryNameSecurity(u"\\??\\G:", &Access), STATUS_SUCCESS);
+        const Impersonate Client(Who);
+        EXPECT_EQ(QueryNameSecurity(u"\\??\\G:", &Access), STATUS_SUCCESS);
         return Access.Dacl;
     };
     EXPECT_EQ(SecurityOf(Elevated()), Elevated()->DefaultSecurity.Dacl);
@@ -100,8 +99,8 @@ TEST_F(MappedSessions, TheSecondLinkHasTheSecurityOfItsOwnSession) {
 
 TEST_F(MappedSessions, WhoIsNotLinkedHasOneLink) {
     StartMapping(0x80);
-    SetPolicy(embedded::kSystemPolicyKey, 1);
-    for (const TokenRef &Who : {Logons->Third, embedded::LogOn(0, embedded::Elevation::Default, LUID{0xFFFF, 7})}) {
+    SetPolicy(kSystemPolicyKey, 1);
+    for (const TokenRef &Who : {Logons->Third, LogOn(0, Elevation::Default, LUID{0xFFFF, 7})}) {
         Printed.clear();
         EXPECT_EQ(Map(Who, {.Path = Docs}), STATUS_SUCCESS);
         EXPECT_TRUE(WasPrinted("\"G:\" no linked token found; status 0xC0000024.\n")) << Printed;
@@ -109,7 +108,7 @@ TEST_F(MappedSessions, WhoIsNotLinkedHasOneLink) {
         EXPECT_EQ(Unmap(Who), STATUS_SUCCESS);
         ExpectNothingLeft();
     }
-    embedded::LogOff(*Elevated().Get());
+    LogOff(*Elevated().Get());
     Printed.clear();
     EXPECT_EQ(Map(Filtered(), {.Path = Docs}), STATUS_SUCCESS);
     EXPECT_TRUE(WasPrinted("returned STATUS_NO_SUCH_LOGON_SESSION (process 0x")) << Printed;
@@ -119,13 +118,13 @@ TEST_F(MappedSessions, WhoIsNotLinkedHasOneLink) {
 
 TEST_F(MappedSessions, AnImpersonatingThreadMapsForItsClient) {
     StartMapping(0x80);
-    const embedded::Impersonate Client(Logons->Third);
+    const Impersonate Client(Logons->Third);
     EXPECT_EQ(Map(Logons->Stranger, {.Path = Docs}), STATUS_SUCCESS);
     EXPECT_NE(LinkOf(Logons->Third), "");
     EXPECT_EQ(LinkOf(Logons->Stranger), "");
     EXPECT_TRUE(FirstRecord()->LogonId == Logons->Third->Session->Id);
     {
-        const embedded::Impersonate Nobody(Logons->Third, SecurityAnonymous);
+        const Impersonate Nobody(Logons->Third, SecurityAnonymous);
         EXPECT_EQ(Query(Logons->Third), STATUS_RESOURCE_NOT_OWNED) << "a session that cannot be told is nobody's";
         EXPECT_EQ(Map(Logons->Third, {.Drive = 8, .Path = Docs}), STATUS_CANT_OPEN_ANONYMOUS);
         EXPECT_EQ(g_uMappedDeviceCount, 1u);
@@ -180,7 +179,7 @@ TEST_F(MappedSessions, WhatOthersDidToALinkIsRespected) {
 
 TEST_F(MappedSessions, ALetterThatOthersHaveIsLeftToThem) {
     StartMapping();
-    SetPolicy(embedded::kSystemPolicyKey, 1);
+    SetPolicy(kSystemPolicyKey, 1);
     const std::string Target = "\\Device\\RvFsd\\srv\\vol\\docs";
     MakeLink(Elevated(), std::u16string(Target.begin(), Target.end())); // however alike
     EXPECT_EQ(Map(Elevated(), {.Path = Docs}), STATUS_OBJECT_NAME_COLLISION);
@@ -205,7 +204,7 @@ TEST_F(MappedSessions, AMappingGoesFromASessionThatHasNoneOfItsLinks) {
     RemoveLink(Logons->Third);
 
     ASSERT_EQ(Map(Filtered(), {.Path = Docs, .ConnectionId = 9}), STATUS_SUCCESS);
-    SetPolicy(embedded::kSystemPolicyKey, 0);
+    SetPolicy(kSystemPolicyKey, 0);
     ASSERT_EQ(Map(Elevated(), {.Drive = 8, .Path = Docs, .ConnectionId = 9}), STATUS_SUCCESS);
     EXPECT_EQ(UnmapServer(Logons->Third, 9), STATUS_SUCCESS);
     ExpectNothingLeft();
@@ -214,7 +213,7 @@ TEST_F(MappedSessions, AMappingGoesFromASessionThatHasNoneOfItsLinks) {
     const TokenRef System = {};
     ASSERT_EQ(Map(System, {.Path = Docs, .ConnectionId = 9}), STATUS_SUCCESS);
     std::u16string Target;
-    EXPECT_EQ(embedded::QuerySymbolicLink(u"\\GLOBAL??\\G:", &Target), STATUS_SUCCESS);
+    EXPECT_EQ(QuerySymbolicLink(u"\\GLOBAL??\\G:", &Target), STATUS_SUCCESS);
     MapBoth();
     ASSERT_EQ(Map(Logons->Third, {.Path = Docs}), STATUS_SUCCESS) << "hides it";
     for (const TokenRef &Who : {Filtered(), Elevated(), Logons->Third}) {
@@ -222,18 +221,18 @@ TEST_F(MappedSessions, AMappingGoesFromASessionThatHasNoneOfItsLinks) {
     }
     for (const TokenRef &Who : {Elevated(), Logons->Third}) {
         EXPECT_EQ(Unmap(Who), STATUS_OBJECT_NAME_NOT_FOUND) << "and does not take it for its own, however alike";
-        EXPECT_EQ(embedded::QuerySymbolicLink(u"\\GLOBAL??\\G:", &Target), STATUS_SUCCESS);
+        EXPECT_EQ(QuerySymbolicLink(u"\\GLOBAL??\\G:", &Target), STATUS_SUCCESS);
     }
-    SetPolicy(embedded::kSystemPolicyKey, 0);
+    SetPolicy(kSystemPolicyKey, 0);
     // A linked session of the system's id has its second link among its own letters.
-    const embedded::SplitLogon Odd = embedded::LogOnSplit(502, {0x3E7, 0});
+    const SplitLogon Odd = LogOnSplit(502, {0x3E7, 0});
     const std::u16string Second = u"\\Sessions\\0\\DosDevices\\00000000-000003E7\\G:";
-    SetPolicy(embedded::kSystemPolicyKey, 1);
+    SetPolicy(kSystemPolicyKey, 1);
     ASSERT_EQ(Map(Odd.Filtered, {.Path = Docs}), STATUS_SUCCESS);
-    EXPECT_EQ(embedded::QuerySymbolicLink(Second, &Target), STATUS_SUCCESS);
+    EXPECT_EQ(QuerySymbolicLink(Second, &Target), STATUS_SUCCESS);
     EXPECT_EQ(Unmap(Odd.Filtered), STATUS_SUCCESS);
-    EXPECT_EQ(embedded::QuerySymbolicLink(Second, &Target), STATUS_OBJECT_NAME_NOT_FOUND);
-    EXPECT_EQ(embedded::QuerySymbolicLink(u"\\GLOBAL??\\G:", &Target), STATUS_SUCCESS);
+    EXPECT_EQ(QuerySymbolicLink(Second, &Target), STATUS_OBJECT_NAME_NOT_FOUND);
+    EXPECT_EQ(QuerySymbolicLink(u"\\GLOBAL??\\G:", &Target), STATUS_SUCCESS);
     EXPECT_EQ(Unmap(System), STATUS_SUCCESS);
     ExpectNothingLeft();
 }
@@ -248,7 +247,7 @@ TEST_F(MappedSessions, WhateverFailsInMappingLeavesNothing) {
             Fail(Nth);
             const NTSTATUS Status = Map(Filtered(), Request);
             const bool Done = !Fired();
-            embedded::ClearFaultPlan();
+            ClearFaultPlan();
             Provider.ClearScript();
             if (NT_SUCCESS(Status)) {
                 // Without its second link a mapping is whole all the same.
@@ -268,7 +267,7 @@ TEST_F(MappedSessions, WhateverFailsInMappingLeavesNothing) {
         return Failures;
     };
     StartMapping();
-    SetPolicy(embedded::kSystemPolicyKey, 1);
+    SetPolicy(kSystemPolicyKey, 1);
     // Without the registry only the second link is not made.
     const std::tuple<FaultKind, const char *, bool> Kinds[] = {{FaultKind::Pool, "pool", true},
                                                                {FaultKind::Token, "tokens", true},
@@ -277,10 +276,8 @@ TEST_F(MappedSessions, WhateverFailsInMappingLeavesNothing) {
     for (const ULONG Utf8 : {0u, 1u}) {
         const MapRequest Request = {.Path = Docs, .Utf8 = Utf8};
         for (const auto &[Kind, Name, Needed] : Kinds) {
-            const auto Plan = [Kind = Kind](unsigned Nth) {
-                embedded::SetFaultPlan({.Kinds = FaultBit(Kind), .Nth = Nth});
-            };
-            const auto Fired = [] { return embedded::GetFaultCounts().TotalFailed() != 0; };
+            const auto Plan = [Kind = Kind](unsigned Nth) { SetFaultPlan({.Kinds = FaultBit(Kind), .Nth = Nth}); };
+            const auto Fired = [] { return GetFaultCounts().TotalFailed() != 0; };
             EXPECT_EQ(Sweep(Name, Request, Plan, Fired) != 0, Needed) << Name;
         }
         const auto Refuse = [this](unsigned Nth) { Provider.FailEverything(Slot::Any, Nth, RvError(6)); };
@@ -302,10 +299,10 @@ TEST_F(MappedSessions, WhateverFailsInUnmappingLeavesNothing) {
         for (const auto &[Kind, Name] : Kinds) {
             for (unsigned Nth = 1, Last = 0; Last == 0; ++Nth) {
                 MapBoth();
-                embedded::SetFaultPlan({.Kinds = FaultBit(Kind), .Nth = Nth});
+                SetFaultPlan({.Kinds = FaultBit(Kind), .Nth = Nth});
                 const NTSTATUS Status = Unmap(Who);
-                Last = embedded::GetFaultCounts().TotalFailed() == 0 ? Nth : 0;
-                embedded::ClearFaultPlan();
+                Last = GetFaultCounts().TotalFailed() == 0 ? Nth : 0;
+                ClearFaultPlan();
                 if (!NT_SUCCESS(Status) && Kind == FaultKind::Pool) {
                     EXPECT_EQ(Status, STATUS_INSUFFICIENT_RESOURCES) << "before anything was done";
                     EXPECT_EQ(Unmap(Who), STATUS_SUCCESS);
@@ -332,15 +329,13 @@ TEST_F(MappedSessions, WithoutAContextNothingIsDone) {
         Taken.push_back(Each);
     }
     Printed.clear();
-    embedded::SetFaultPlan(
-        {.How = embedded::FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Pool), .Nth = 2});
+    SetFaultPlan({.How = FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Pool), .Nth = 2});
     EXPECT_EQ(Verify("\\\\srv\\vol"), STATUS_INSUFFICIENT_RESOURCES);
-    embedded::SetFaultPlan(
-        {.How = embedded::FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Pool), .Nth = 1});
+    SetFaultPlan({.How = FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Pool), .Nth = 1});
     EXPECT_EQ(Unmap(Filtered()), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(UnmapServer(Filtered(), 0), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(Query(Filtered()), STATUS_INSUFFICIENT_RESOURCES);
-    embedded::ClearFaultPlan();
+    ClearFaultPlan();
     for (PVOID Each : Taken) {
         ExpInterlockedPushEntrySList(&g_IrpContextLookasideList.L.ListHead, static_cast<PSLIST_ENTRY>(Each));
     }
@@ -354,12 +349,12 @@ TEST_F(MappedSessions, TeardownReleasesWhatIsStillMappedAndWhatComesLaterIsRefus
     StartMapping();
     MapBoth();
     ASSERT_EQ(Map(Logons->Stranger, {.Path = "\\\\srv\\vol"}), STATUS_SUCCESS);
-    const embedded::SplitLogon Odd = embedded::LogOnSplit(502, {0x3E7, 0}); // teardown runs in that session
+    const SplitLogon Odd = LogOnSplit(502, {0x3E7, 0}); // teardown runs in that session
     ASSERT_EQ(Map(Odd.Filtered, {.Path = Docs}), STATUS_SUCCESS);
     Kernel().SendShutdown();
     EXPECT_EQ(Provider.OpenHandles(), Lines{});
     EXPECT_EQ(g_uMappedDeviceCount, 0u);
-    EXPECT_EQ(embedded::DescribeDriversLinks(), "");
+    EXPECT_EQ(DescribeDriversLinks(), "");
     EXPECT_EQ(Map(Filtered(), {.Path = Docs}), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(Unmap(Filtered()), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(UnmapServer(Filtered(), 0), STATUS_UNSUCCESSFUL);
@@ -421,7 +416,7 @@ TEST_F(ConcurrentMapping, ARequestThatChangesWhileItIsReadIsReadOnce) {
 
 TEST_F(ConcurrentMapping, EachMappingIsMadeAndUnmappedOnce) {
     StartMapping();
-    SetPolicy(embedded::kSystemPolicyKey, 1);
+    SetPolicy(kSystemPolicyKey, 1);
     std::atomic<int> Maps{0}, Unmaps{0};
     std::vector<std::jthread> Threads;
     // Another object, which goes with the thread that is the last to end.

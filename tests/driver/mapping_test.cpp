@@ -14,7 +14,7 @@ class DriveMapping : public MappingFixture {};
 
 TEST_F(DriveMapping, ALetterStandsForItsPathUntilItIsUnmapped) {
     StartMapping();
-    const embedded::TokenRef &User = Logons->Third;
+    const TokenRef &User = Logons->Third;
     ASSERT_EQ(Map(User, {.Path = Docs, .ConnectionId = 5, .Options = 0x1234}), STATUS_SUCCESS);
     EXPECT_EQ(Provider.CompareCalls({"OpenDirectory"}), "");
     EXPECT_EQ(LinkOf(User), "\\Device\\RvFsd\\srv\\vol\\docs");
@@ -38,8 +38,8 @@ TEST_F(DriveMapping, ALetterStandsForItsPathUntilItIsUnmapped) {
     EXPECT_STREQ(Answer.Path, Docs);
 
     {
-        const embedded::Impersonate Client(User);
-        UNICODE_STRING Name = embedded::ToUnicodeString(u"\\??\\g:\\new.txt");
+        const Impersonate Client(User);
+        UNICODE_STRING Name = ToUnicodeString(u"\\??\\g:\\new.txt");
         OBJECT_ATTRIBUTES Attributes;
         InitializeObjectAttributes(&Attributes, &Name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
         HANDLE File = nullptr;
@@ -209,7 +209,7 @@ TEST_F(DriveMapping, WhatIsNoDirectoryIsTriedAsAVolume) {
 
 TEST_F(DriveMapping, AServerIsUnmappedWithAllThatCarryItsConnection) {
     StartMapping();
-    const embedded::TokenRef &One = Logons->Third, Other = embedded::LogOn(500);
+    const TokenRef &One = Logons->Third, Other = LogOn(500);
     for (ULONG Drive = 1; Drive <= 26; ++Drive) {
         ASSERT_EQ(Map(Drive % 2 == 0 ? One : Other, {.Drive = Drive, .Path = Docs, .ConnectionId = Drive % 3}),
                   STATUS_SUCCESS);
@@ -221,7 +221,7 @@ TEST_F(DriveMapping, AServerIsUnmappedWithAllThatCarryItsConnection) {
     EXPECT_EQ(UnmapServer(One, 2), STATUS_SUCCESS);
     EXPECT_EQ(g_uMappedDeviceCount, 18u);
     for (ULONG Drive = 1; Drive <= 26; ++Drive) {
-        const embedded::TokenRef &Of = Drive % 2 == 0 ? One : Other;
+        const TokenRef &Of = Drive % 2 == 0 ? One : Other;
         const bool Left = Drive % 3 != 2;
         EXPECT_EQ(Query(Of, Drive), Left ? STATUS_SUCCESS : STATUS_RESOURCE_NOT_OWNED) << Drive;
         EXPECT_EQ(LinkOf(Of, static_cast<char>(0x40 + Drive)).empty(), !Left) << Drive;

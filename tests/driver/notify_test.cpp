@@ -5,10 +5,9 @@
 
 namespace {
 
-using namespace embedded;
-using test::Open;
+using namespace test;
 
-class Watching : public test::DriverFixture {
+class Watching : public DriverFixture {
 protected:
     void SetUp() override {
         Provider.AddDirectory(u"\\srv\\vol\\d");
@@ -21,7 +20,7 @@ protected:
 
     SentIrp WaitOn(PFILE_OBJECT Directory, ULONG Filter, UCHAR Flags = 0, PIO_COMPLETION_ROUTINE Completion = nullptr,
                    PVOID Context = nullptr) {
-        embedded::IrpBuilder Builder = Plain(IRP_MJ_DIRECTORY_CONTROL, Directory);
+        IrpBuilder Builder = Plain(IRP_MJ_DIRECTORY_CONTROL, Directory);
         Builder.MinorFunction = IRP_MN_NOTIFY_CHANGE_DIRECTORY;
         Builder.StackFlags = Flags;
         Builder.CompletionRoutine = Completion;
@@ -80,7 +79,7 @@ TEST_F(Watching, TheCleanupOfAnyHandleEndsAllWaitsAndLaterOnesDoNotBegin) {
     HANDLE First = Watch(u"\\srv\\vol\\d");
     HANDLE Second = Watch(u"\\srv\\vol\\d");
     PFILE_OBJECT Kept = FileObject(First);
-    embedded::ReferenceFileObject(Kept);
+    ReferenceFileObject(Kept);
     {
         SentIrp OnFirst = Wait(First, FILE_NOTIFY_CHANGE_FILE_NAME);
         SentIrp OnSecond = Wait(Second, FILE_NOTIFY_CHANGE_FILE_NAME);
@@ -89,7 +88,7 @@ TEST_F(Watching, TheCleanupOfAnyHandleEndsAllWaitsAndLaterOnesDoNotBegin) {
         EXPECT_EQ(OnSecond.Wait().Status, STATUS_SUCCESS);
     }
     EXPECT_EQ(WaitOn(Kept, FILE_NOTIFY_CHANGE_FILE_NAME).Wait().Status, STATUS_NOTIFY_CLEANUP);
-    embedded::DereferenceFileObject(Kept);
+    DereferenceFileObject(Kept);
 }
 
 TEST_F(Watching, AShutdownCancelsTheWaits) {
@@ -120,9 +119,9 @@ TEST_F(Watching, TheCompletionOfAWaitMayCloseTheDirectoryWhateverMadeTheChange) 
 TEST_F(Watching, WithoutMemoryTheRequestIsRefusedAndNothingWaits) {
     HANDLE Directory = Watch(u"\\srv\\vol\\d");
     for (ULONG64 Nth = 1;; ++Nth) {
-        embedded::PlannedFaults Plan({.Kinds = embedded::FaultBit(embedded::FaultKind::Pool), .Nth = Nth});
+        PlannedFaults Plan({.Kinds = FaultBit(FaultKind::Pool), .Nth = Nth});
         SentIrp Request = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
-        if (embedded::GetFaultCounts().TotalFailed() == 0) {
+        if (GetFaultCounts().TotalFailed() == 0) {
             EXPECT_FALSE(Request.IsCompleted());
             Close(Directory);
             break;
@@ -175,11 +174,11 @@ TEST_F(Watching, TheParentIsThePathWithoutItsLastComponent) {
                  {u"a\\\\b", u""},
                  {u"", u""}};
     for (const auto &Case : Cases) {
-        const UNICODE_STRING Path = embedded::ToUnicodeString(Case.Path);
+        const UNICODE_STRING Path = ToUnicodeString(Case.Path);
         OwnedString Parent;
         EXPECT_EQ(NtFsdGetParentName(&Path, Parent.Get()),
                   Case.Parent.empty() ? STATUS_OBJECT_PATH_INVALID : STATUS_SUCCESS);
-        EXPECT_EQ(embedded::View(Parent.Get()), Case.Parent);
+        EXPECT_EQ(View(Parent.Get()), Case.Parent);
         EXPECT_TRUE(Case.Parent.empty() || Parent->Buffer[Case.Parent.size()] == 0);
     }
 }

@@ -5,11 +5,11 @@
 
 namespace {
 
-using namespace providers;
+using namespace test;
 
 constexpr RVSTATUS Warning = static_cast<RVSTATUS>(0x80000007);
 
-class Paths : public test::CreateFixture {
+class Paths : public CreateFixture {
 protected:
     void SetUp() override {
         Bind();
@@ -20,7 +20,7 @@ protected:
         return NtFsdQueryPathForVolume(&Security, Path, Answer.Get());
     }
     RVSTATUS PhysicalOf(std::u16string_view Path, OwnedString &Answer) {
-        UNICODE_STRING Asked = embedded::ToUnicodeString(Path);
+        UNICODE_STRING Asked = ToUnicodeString(Path);
         return NtFsdGetDFSPhysicalPath(&Security, &Asked, Answer.Get());
     }
     static void ExpectEmpty(const OwnedString &Text) {
@@ -44,7 +44,7 @@ TEST_F(Paths, AnAnswerIsTakenUnlessItIsAnError) {
     };
     for (const auto &Each : Cases) {
         SCOPED_TRACE(Each.Raw);
-        providers::Rule &Rule = Provider.OnCall(Slot::QueryPathForVolume);
+        Rule &Rule = Provider.OnCall(Slot::QueryPathForVolume);
         if (Each.Answer == u"x") {
             Rule.AnswerUnterminatedPath();
         } else if (Each.Answer == u"-") {
@@ -70,12 +70,12 @@ TEST_F(Paths, AnAnswerIsTakenUnlessItIsAnError) {
     OwnedString Physical;
     EXPECT_EQ(PhysicalOf(u"\\srv\\vol\\a", Physical), RVSTATUS::NotDistributedPath);
     ExpectEmpty(Physical);
-    Provider.Edit([](providers::Tree &Tree) { Tree.AddDistributedLink(u"\\srv\\vol", u"\\phys\\share"); });
+    Provider.Edit([](Tree &Tree) { Tree.AddDistributedLink(u"\\srv\\vol", u"\\phys\\share"); });
     Provider.OnCall(Slot::GetDFSPhysicalPath).AnswerPath(u"\\phys\\share").ReturnAfter(Warning);
     EXPECT_EQ(PhysicalOf(u"\\srv\\vol\\a", Physical), Warning);
     EXPECT_EQ(View(*Physical.Get()), u"\\phys\\share");
     Provider.ClearScript();
-    Provider.OnCall(Slot::GetDFSPhysicalPath).Answer([](providers::Outputs &Out) {
+    Provider.OnCall(Slot::GetDFSPhysicalPath).Answer([](Outputs &Out) {
         std::fill_n(Out.CountedPath->Buffer, RV_PATH_BUFFER_BYTES / sizeof(WCHAR), u'x');
     });
     OwnedString Endless;
@@ -84,8 +84,8 @@ TEST_F(Paths, AnAnswerIsTakenUnlessItIsAnError) {
 }
 
 TEST_F(Paths, ACountedAnswerKeepsTheDriversBufferWhateverTheProviderDoesToTheString) {
-    Provider.Edit([](providers::Tree &Tree) { Tree.AddDistributedLink(u"\\srv\\vol", u"\\phys\\share"); });
-    Provider.OnCall(Slot::GetDFSPhysicalPath).Answer([](providers::Outputs &Out) {
+    Provider.Edit([](Tree &Tree) { Tree.AddDistributedLink(u"\\srv\\vol", u"\\phys\\share"); });
+    Provider.OnCall(Slot::GetDFSPhysicalPath).Answer([](Outputs &Out) {
         Out.CountedPath->Buffer = nullptr;
         Out.CountedPath->Length = Out.CountedPath->MaximumLength = 0xFFFE;
     });
@@ -97,8 +97,8 @@ TEST_F(Paths, ACountedAnswerKeepsTheDriversBufferWhateverTheProviderDoesToTheStr
 
 TEST_F(Paths, WithoutABufferTheProviderIsNotAsked) {
     for (const bool Counts : {false, true}) {
-        const embedded::PlannedFaults NoMemory({});
-        const embedded::FaultScope InDriver;
+        const PlannedFaults NoMemory({});
+        const FaultScope InDriver;
         OwnedString Answer;
         EXPECT_EQ(Counts ? PhysicalOf(u"\\srv\\vol\\a", Answer) : VolumeOf(u"\\srv\\vol\\a", Answer),
                   RVSTATUS::BufferAllocation);
@@ -136,9 +136,9 @@ TEST_F(Probe, TellsWhatIsThere) {
         {u"\\", Bad, Bad, {}},
         {u"", Bad, Bad, {}},
     };
-    Provider.Edit([](providers::Tree &Tree) { Tree.AddFile(u"\\srv\\vol\\secret").Denied = true; });
+    Provider.Edit([](Tree &Tree) { Tree.AddFile(u"\\srv\\vol\\secret").Denied = true; });
     for (const auto &Each : Cases) {
-        SCOPED_TRACE(providers::ToUtf8(Each.Path));
+        SCOPED_TRACE(ToUtf8(Each.Path));
         Provider.ClearCalls();
         NTSTATUS FileStatus = STATUS_INTERNAL_ERROR;
         EXPECT_EQ(Verify(Each.Path, &FileStatus), Each.Status);
@@ -154,7 +154,7 @@ TEST_F(Probe, AsksAsWhoeverQueriesAttributes) {
     const std::u16string_view Text = u"\\srv\\vol\\docs\\f.txt\\GARBAGE"; // behind the end
     NTSTATUS FileStatus;
     EXPECT_EQ(Verify(Text.substr(0, 20), &FileStatus), STATUS_SUCCESS);
-    const providers::Call Asked = Last(Slot::CreateFile);
+    const Call Asked = Last(Slot::CreateFile);
     EXPECT_EQ(Asked.Format().substr(0, Asked.Format().find(" ->")),
               "RVFsdCreateFile(base=0, path=\"\\srv\\vol\\docs\\f.txt\", access=1, share=7, disposition=0, "
               "options=0, attributes=0)");
@@ -220,8 +220,8 @@ TEST_F(Probe, OfAPathThatCannotBeCopiedAsksNobody) {
     NTSTATUS FileStatus;
     EXPECT_EQ(Verify(Long, &FileStatus), STATUS_NAME_TOO_LONG);
     {
-        const embedded::PlannedFaults NoMemory({});
-        const embedded::FaultScope InDriver;
+        const PlannedFaults NoMemory({});
+        const FaultScope InDriver;
         EXPECT_EQ(Verify(u"\\srv\\vol\\a.txt", &FileStatus), STATUS_INSUFFICIENT_RESOURCES);
     }
     EXPECT_EQ(Provider.CountCalls(), 0u);

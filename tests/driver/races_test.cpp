@@ -14,9 +14,7 @@
 
 namespace {
 
-using namespace embedded;
 using namespace test;
-using providers::Slot;
 
 template <typename Fixture>
 class Racing : public Fixture {
@@ -25,8 +23,7 @@ protected:
     void Begin(const StartOptions &Options = {}) {
         this->Start(Options);
         Clock::Settle();
-        this->Provider.OnCall(Slot::Any).Do(
-            [](const providers::Call &) { SchedulePoint("a call of the Provider", nullptr); });
+        this->Provider.OnCall(Slot::Any).Do([](const Call &) { SchedulePoint("a call of the Provider", nullptr); });
     }
     // Runs the schedules of Actors, each between Before and After, which says by Must and Ended what is wrong. Nothing
     // may be left then that was not there after the first one.
@@ -85,7 +82,7 @@ protected:
     }
     // The open names itself by a path where the server has something, and that is Content.
     void ExpectThere(HANDLE Handle, std::string_view Content) {
-        Must(Provider.Exists(PathOf(Handle)), "nothing is at " + providers::ToUtf8(PathOf(Handle)));
+        Must(Provider.Exists(PathOf(Handle)), "nothing is at " + ToUtf8(PathOf(Handle)));
         Must(Content.empty() || ReadAll(Handle) == Content, "the file cannot be read");
     }
     // Waits for changes in \srv\vol\d.

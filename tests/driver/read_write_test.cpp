@@ -6,12 +6,11 @@
 
 namespace {
 
-using providers::ProviderError;
-using test::Open;
+using namespace test;
 
 constexpr LONGLONG EndOfFileMarker = -1;
 
-class Data : public test::FrameFixture {
+class Data : public FrameFixture {
 protected:
     static constexpr Open Asynchronous = {.Access = FILE_READ_DATA | FILE_WRITE_DATA, .Options = 0};
 
@@ -42,8 +41,8 @@ protected:
         return Header.FileSize.QuadPart;
     }
     // A read or write as a raw request.
-    embedded::IrpBuilder Raw(UCHAR MajorFunction, ULONG Length, LONGLONG Offset) {
-        embedded::IrpBuilder Builder = Plain(MajorFunction, FileObject(Handle));
+    IrpBuilder Raw(UCHAR MajorFunction, ULONG Length, LONGLONG Offset) {
+        IrpBuilder Builder = Plain(MajorFunction, FileObject(Handle));
         Builder.UserBuffer = Buffer;
         Builder.Fill = [=](PIO_STACK_LOCATION Stack) {
             Stack->Parameters.Read.Length = Length;
@@ -67,7 +66,7 @@ TEST_F(Data, AReadGetsWhatTheServerHas) {
     };
     OpenFile();
     for (const auto &Each : Cases) {
-        const test::Transfer Result = Read(Handle, Buffer, Each.Length, Each.Offset);
+        const Transfer Result = Read(Handle, Buffer, Each.Length, Each.Offset);
         EXPECT_EQ(Result.Status, Each.Status) << Each.Offset;
         EXPECT_EQ(std::string_view(Buffer, Result.Information), Each.Text) << Each.Offset;
         EXPECT_EQ(Position(), Each.Position) << Each.Offset;
@@ -88,7 +87,7 @@ TEST_F(Data, TransfersOfNothingDoNotReachTheProvider) {
 
 TEST_F(Data, AWriteBeyondTheEndGrowsTheFileAndOneInsideDoesNot) {
     OpenFile();
-    const test::Transfer Grown = Write(Handle, "abcdef", 6, 8);
+    const Transfer Grown = Write(Handle, "abcdef", 6, 8);
     EXPECT_EQ(Grown.Status, STATUS_SUCCESS);
     EXPECT_EQ(Grown.Information, 6u);
     EXPECT_EQ(FileSize(), 14);
@@ -115,7 +114,7 @@ TEST_F(Data, AnAppendGoesWhereTheServerSaysTheFileEndsAndWithoutAnAnswerNowhere)
 
 TEST_F(Data, PagingTransfersLeaveTheFileObjectAlone) {
     OpenFile();
-    embedded::IrpBuilder Paging = Raw(IRP_MJ_READ, 4, 0);
+    IrpBuilder Paging = Raw(IRP_MJ_READ, 4, 0);
     Paging.IrpFlags = IRP_PAGING_IO;
     EXPECT_EQ(Send(Paging).Information, 4u);
     Paging = Raw(IRP_MJ_WRITE, 4, 20);
@@ -176,7 +175,7 @@ TEST_F(Data, AnswersThatAreFailuresReportNothing) {
 TEST_F(Data, WhatMovedNothingDoesNotShrinkTheFileAndMoreThanWasAskedForIsNeverReported) {
     OpenFile();
     Provider.OnCall(Slot::WriteFile).AnswerBytes(0);
-    const test::Transfer Result = Write(Handle, "xyz", 3, 2);
+    const Transfer Result = Write(Handle, "xyz", 3, 2);
     EXPECT_EQ(Result.Status, STATUS_SUCCESS);
     EXPECT_EQ(Result.Information, 0u);
     EXPECT_EQ(FileSize(), 10);
@@ -207,7 +206,7 @@ TEST_F(Data, ACallersMdlDecidesHowMuchIsReadAndATooShortOneWritesNothing) {
     OpenFile();
     const CallersMdl Short(Buffer, 3);
     for (const UCHAR MajorFunction : {IRP_MJ_READ, IRP_MJ_WRITE}) {
-        embedded::IrpBuilder Builder = Raw(MajorFunction, 8, 0);
+        IrpBuilder Builder = Raw(MajorFunction, 8, 0);
         Builder.Mdl = Short.Mdl;
         const IO_STATUS_BLOCK Result = Send(Builder);
         EXPECT_EQ(Result.Status, MajorFunction == IRP_MJ_READ ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER);
@@ -216,7 +215,7 @@ TEST_F(Data, ACallersMdlDecidesHowMuchIsReadAndATooShortOneWritesNothing) {
     EXPECT_STREQ(Buffer, "012");
     EXPECT_EQ(CallNames(), Lines{"RVFsdReadFile"});
     EXPECT_EQ(Provider.CallRecords().at(0).Number("length"), 3u);
-    embedded::IrpBuilder Exact = Raw(IRP_MJ_WRITE, 3, 0);
+    IrpBuilder Exact = Raw(IRP_MJ_WRITE, 3, 0);
     Exact.Mdl = Short.Mdl;
     EXPECT_EQ(Send(Exact).Information, 3u);
 }
@@ -224,7 +223,7 @@ TEST_F(Data, ACallersMdlDecidesHowMuchIsReadAndATooShortOneWritesNothing) {
 TEST_F(Data, AnAddressThatIsNotTheCallersIsReportedAndNothingIsTransferred) {
     OpenFile();
     for (UCHAR MajorFunction : {IRP_MJ_READ, IRP_MJ_WRITE}) {
-        embedded::IrpBuilder Builder = Raw(MajorFunction, 8, 0);
+        IrpBuilder Builder = Raw(MajorFunction, 8, 0);
         Builder.UserBuffer = reinterpret_cast<PVOID>(ULONG_PTR{0x1000});
         Builder.RequestorMode = UserMode;
         EXPECT_EQ(Send(Builder).Status, STATUS_ACCESS_VIOLATION);
@@ -234,9 +233,9 @@ TEST_F(Data, AnAddressThatIsNotTheCallersIsReportedAndNothingIsTransferred) {
 
 TEST_F(Data, WithoutAnMdlOrItsMappingNothingIsTransferred) {
     OpenFile();
-    for (const embedded::FaultKind Kind : {embedded::FaultKind::Mdl, embedded::FaultKind::Map}) {
+    for (const FaultKind Kind : {FaultKind::Mdl, FaultKind::Map}) {
         for (const UCHAR MajorFunction : {IRP_MJ_READ, IRP_MJ_WRITE}) {
-            const embedded::PlannedFaults Faults({.Kinds = embedded::FaultBit(Kind)});
+            const PlannedFaults Faults({.Kinds = FaultBit(Kind)});
             const IO_STATUS_BLOCK Result = Send(Raw(MajorFunction, 8, 0));
             EXPECT_EQ(Result.Status, STATUS_INSUFFICIENT_RESOURCES);
             EXPECT_EQ(Result.Information, 0u);
@@ -258,7 +257,7 @@ TEST_F(Data, TransfersOnADirectoryAreRefused) {
 TEST_F(Data, AClockThatWasSetBackEndsTheRefusals) {
     OpenFile();
     Instance(Handle)->DiskFullLatched = TRUE;
-    Instance(Handle)->DiskFullTime = embedded::Clock::SystemTime() + 3600 * embedded::Clock::Second;
+    Instance(Handle)->DiskFullTime = Clock::SystemTime() + 3600 * Clock::Second;
     EXPECT_EQ(Write(Handle, "abcde", 5, 16).Status, STATUS_SUCCESS);
     EXPECT_FALSE(Instance(Handle)->DiskFullLatched);
 }

@@ -42,7 +42,7 @@ protected:
 
     // The open names itself by Path, whole, and the Provider has it there.
     void ExpectNamed(HANDLE Handle, std::u16string_view Path) {
-        EXPECT_EQ(providers::ToUtf8(PathOf(Handle)), providers::ToUtf8(Path));
+        EXPECT_EQ(ToUtf8(PathOf(Handle)), ToUtf8(Path));
         EXPECT_EQ(Instance(Handle)->BaseHandle, 0u);
         EXPECT_EQ(Instance(Handle)->PathLeft, Fcb(Handle)->FullPath.Buffer);
         EXPECT_EQ(Instance(Handle)->RelatedHandle, Instance(Handle)->DirHandle);

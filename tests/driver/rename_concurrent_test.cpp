@@ -4,9 +4,9 @@
 
 namespace {
 
-using test::Open;
+using namespace test;
 
-class RenamesConcurrent : public test::RenameFixture {
+class RenamesConcurrent : public RenameFixture {
 protected:
     static constexpr int Rounds = 40;
 
@@ -24,7 +24,7 @@ protected:
     }
     // Opens Path, if it is there, and reads what must be in it.
     void ReadIfThere(std::u16string_view Path, const std::string &Content) {
-        const embedded::CreateResult Opened = Create(Path);
+        const CreateResult Opened = Create(Path);
         if (Opened.Status == STATUS_SUCCESS) {
             EXPECT_EQ(ReadAll(Opened.Handle), Content);
             Close(Opened.Handle);
@@ -39,7 +39,7 @@ protected:
         EXPECT_TRUE(Status == STATUS_SUCCESS || Status == STATUS_ACCESS_DENIED) << std::hex << Status;
     }
     void ExpectWhereItSays(HANDLE Handle) {
-        EXPECT_TRUE(Provider.Exists(PathOf(Handle))) << providers::ToUtf8(PathOf(Handle));
+        EXPECT_TRUE(Provider.Exists(PathOf(Handle))) << ToUtf8(PathOf(Handle));
         EXPECT_TRUE(Fcb(Handle)->OpenFlags & FCB_STATE_IN_PREFIX_TABLE);
     }
 
@@ -88,13 +88,13 @@ TEST_F(RenamesConcurrent, ThroughSeveralHandlesOfOneFile) {
 }
 
 // A directory is renamed while the Provider is asked about a name below it, and another takes its old name.
-class RenamesMeanwhile : public test::RenameFixture {
+class RenamesMeanwhile : public RenameFixture {
 protected:
     void SetUp() override {
         Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "mine");
         Directory_ = OpenDirectory(u"\\srv\\vol\\d");
         File_ = OpenFile();
-        Provider.OnCall(Slot::CreateFile).Nth(1).Do([this](const providers::Call &) {
+        Provider.OnCall(Slot::CreateFile).Nth(1).Do([this](const Call &) {
             EXPECT_EQ(Rename(Directory_, u"\\srv\\vol\\e"), STATUS_SUCCESS);
             if (Replaced_) {
                 Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "theirs");
@@ -104,7 +104,7 @@ protected:
     void TearDown() override {
         Close(File_);
         Close(Directory_);
-        test::RenameFixture::TearDown();
+        RenameFixture::TearDown();
     }
     HANDLE Directory_ = nullptr;
     HANDLE File_ = nullptr;
@@ -120,7 +120,7 @@ TEST_F(RenamesMeanwhile, AnOpenBelowItIsNotRefusedForTheNameThatIsGone) {
 }
 
 TEST_F(RenamesMeanwhile, AnOpenBelowItIsOfTheFileThatItFinds) {
-    Open Below = test::ForChange;
+    Open Below = ForChange;
     Below.Related = Directory_;
     const HANDLE Mine = MustOpen(u"f.txt", Below);
     EXPECT_EQ(PathOf(Mine), u"\\srv\\vol\\e\\f.txt");
@@ -145,7 +145,7 @@ TEST_F(RenamesConcurrent, ANameThatACreateHasOnlyLookedUpIsFree) {
     const HANDLE Target = OpenTarget(u"\\srv\\vol\\new");
     std::thread Renamer;
     // The create has its FCB and asks what is there when the rename comes, which waits for it with the table.
-    Provider.OnCall(Slot::OpenDirectory).Nth(1).Do([&](const providers::Call &) {
+    Provider.OnCall(Slot::OpenDirectory).Nth(1).Do([&](const Call &) {
         Renamer = std::thread([&] { EXPECT_EQ(RenameThrough(Handle, Target), STATUS_SUCCESS); });
         for (bool Waiting = false; !Waiting; std::this_thread::yield()) {
             KeEnterCriticalRegion();

@@ -7,12 +7,11 @@
 
 namespace {
 
-using providers::Slot;
-using test::Open;
+using namespace test;
 
 // ---- Over the scripted Provider
 
-class Replacing : public test::RenameFixture {
+class Replacing : public RenameFixture {
 protected:
     void SetUp() override {
         Provider.AddFile(u"\\srv\\vol\\b.txt", "theirs");
@@ -25,8 +24,7 @@ protected:
 
 // Two names of one file: what bears the new name is what is to be moved.
 TEST_F(Replacing, TheFileItselfUnderAnotherNameIsNotDeleted) {
-    Provider.Edit(
-        [](providers::Tree &Tree) { Tree.Find(u"\\srv\\vol\\b.txt")->Id = Tree.Find(u"\\srv\\vol\\a.txt")->Id; });
+    Provider.Edit([](Tree &Tree) { Tree.Find(u"\\srv\\vol\\b.txt")->Id = Tree.Find(u"\\srv\\vol\\a.txt")->Id; });
     const HANDLE Handle = OpenFile();
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", true), STATUS_OBJECT_NAME_COLLISION); // the Provider's word
     EXPECT_EQ(Made(),
@@ -46,11 +44,10 @@ TEST_F(Replacing, NothingIsDeletedInAVolumeThatTheFileCannotBeMovedInto) {
                                       {RV_VOLUME_IDENTIFIER_VALID + 0u, Cloned},
                                       {0u, 0x77},
                                       {RV_VOLUME_IDENTIFIER_VALID + 0u, 0}}) {
-        Provider.Edit([Flags = Flags, Byte = Byte](providers::Tree &Tree) {
-            providers::Volume &Other = Tree.AddVolume(u"\\srv\\vol2");
+        Provider.Edit([Flags = Flags, Byte = Byte](Tree &Tree) {
+            Volume &Other = Tree.AddVolume(u"\\srv\\vol2");
             Other.Flags = Flags;
-            for (providers::Volume *Each :
-                 {&Other, Byte == 0 || Byte == Cloned ? Tree.FindVolume(u"\\srv\\vol") : &Other}) {
+            for (Volume *Each : {&Other, Byte == 0 || Byte == Cloned ? Tree.FindVolume(u"\\srv\\vol") : &Other}) {
                 memset(Each->Identifier, Byte, sizeof(Each->Identifier));
             }
         });
@@ -71,11 +68,11 @@ TEST_F(Replacing, AVolumeThatBeginsBelowAnotherIsAnother) {
         const HANDLE Handle = OpenFile();
         const HANDLE Target = OpenTarget(u"\\srv\\vol\\d\\b.txt");
         if (ByIdentifier) {
-            Provider.OnCall(Slot::GetVolumeInformation).Nth(2).Answer([](providers::Outputs &Out) {
+            Provider.OnCall(Slot::GetVolumeInformation).Nth(2).Answer([](Outputs &Out) {
                 memset(Out.Identifier, 0x77, 16);
             });
         } else {
-            Provider.Edit([](providers::Tree &Tree) { Tree.FindVolume(u"\\srv\\vol")->Flags = 0; });
+            Provider.Edit([](Tree &Tree) { Tree.FindVolume(u"\\srv\\vol")->Flags = 0; });
             Provider.OnPath(Slot::QueryPathForVolume, u"\\srv\\vol\\d").AnswerPath(u"\\srv\\vol\\d");
         }
         EXPECT_EQ(RenameThrough(Handle, Target, true), STATUS_NOT_SAME_DEVICE);
@@ -87,7 +84,7 @@ TEST_F(Replacing, AVolumeThatBeginsBelowAnotherIsAnother) {
 
 // Without identifiers nothing can be told apart: it is replaced as it was asked for.
 TEST_F(Replacing, WithoutIdentifiersIsCarriedOut) {
-    Provider.Edit([](providers::Tree &Tree) { Tree.FindVolume(u"\\srv\\vol")->Flags = 0; });
+    Provider.Edit([](Tree &Tree) { Tree.FindVolume(u"\\srv\\vol")->Flags = 0; });
     const HANDLE Handle = OpenFile();
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", true), STATUS_SUCCESS);
     ExpectNamed(Handle, u"\\srv\\vol\\b.txt");
@@ -105,23 +102,23 @@ TEST_F(Replacing, InDoubtDeletesNothing) {
         NTSTATUS Status;
         bool Identified = true;
     } const Cases[] = {
-        {"its own identifier", Slot::GetFileId, 1, test::RvError(0x0102), STATUS_NETWORK_BUSY},
-        {"that of the other", Slot::GetFileId, 2, test::RvError(0x0102), STATUS_NETWORK_BUSY},
+        {"its own identifier", Slot::GetFileId, 1, RvError(0x0102), STATUS_NETWORK_BUSY},
+        {"that of the other", Slot::GetFileId, 2, RvError(0x0102), STATUS_NETWORK_BUSY},
         {"a warning", Slot::GetFileId, 2, static_cast<RVSTATUS>(0x80000008), STATUS_NO_DATA_DETECTED},
-        {"the open", Slot::CreateFile, 1, test::RvError(0x0102), STATUS_NETWORK_BUSY},
+        {"the open", Slot::CreateFile, 1, RvError(0x0102), STATUS_NETWORK_BUSY},
         {"a denied open", Slot::CreateFile, 1, RVSTATUS::AccessDenied, STATUS_ACCESS_DENIED},
-        {"the volumes", Slot::GetVolumeInformation, 0, test::RvError(0x0102), STATUS_NETWORK_BUSY},
-        {"their paths", Slot::QueryPathForVolume, 2, test::RvError(0x0102), STATUS_NETWORK_BUSY, false},
-        {"nothing there, which is an answer", Slot::CreateFile, 1, test::RvError(0x0506), STATUS_SUCCESS},
+        {"the volumes", Slot::GetVolumeInformation, 0, RvError(0x0102), STATUS_NETWORK_BUSY},
+        {"their paths", Slot::QueryPathForVolume, 2, RvError(0x0102), STATUS_NETWORK_BUSY, false},
+        {"nothing there, which is an answer", Slot::CreateFile, 1, RvError(0x0506), STATUS_SUCCESS},
     };
     const HANDLE Handle = OpenFile();
     for (const auto &Each : Cases) {
         SCOPED_TRACE(Each.What);
         const HANDLE Target = OpenTarget(u"\\srv\\vol\\b.txt");
-        Provider.Edit([&](providers::Tree &Tree) {
+        Provider.Edit([&](Tree &Tree) {
             Tree.FindVolume(u"\\srv\\vol")->Flags = Each.Identified ? RV_VOLUME_IDENTIFIER_VALID + 0u : 0u;
         });
-        providers::Rule &Rule = Provider.OnCall(Each.Question).Return(Each.Answer);
+        Rule &Rule = Provider.OnCall(Each.Question).Return(Each.Answer);
         if (Each.Nth != 0) {
             Rule.Nth(Each.Nth);
         }
@@ -155,7 +152,7 @@ struct AliasCase {
     const char *Place; // where the file is afterwards
 };
 
-class Aliases : public test::RenameFixture, public testing::WithParamInterface<AliasCase> {
+class Aliases : public RenameFixture, public testing::WithParamInterface<AliasCase> {
 protected:
     void SetUp() override {
         std::filesystem::create_directories(Root_.File("vol/dir"));
@@ -172,13 +169,13 @@ protected:
         Start({.Provider = Interface_});
     }
     void TearDown() override {
-        test::RenameFixture::TearDown();
+        RenameFixture::TearDown();
         EXPECT_EQ(Local_.OpenHandles(), 0u);
         Interface_->Table->Release(Interface_);
     }
 
-    test::ScratchDirectory Root_;
-    providers::DirectoryProvider Local_;
+    ScratchDirectory Root_;
+    DirectoryProvider Local_;
     RVIOM_FSD *Interface_ = nullptr;
 };
 
@@ -212,7 +209,7 @@ INSTANTIATE_TEST_SUITE_P(Names, Aliases,
 
 // ---- Nothing but the letter case of a name changes, or what looks alike
 
-class CaseOnly : public test::RenameFixture, public testing::WithParamInterface<bool> {}; // replace
+class CaseOnly : public RenameFixture, public testing::WithParamInterface<bool> {}; // replace
 INSTANTIATE_TEST_SUITE_P(Replace, CaseOnly, testing::Bool());
 
 // The object itself is no obstacle, and is never deleted to make room for itself.
@@ -224,7 +221,7 @@ TEST_P(CaseOnly, OfAFileMovesByTheOldNameInTheTargetDirectory) {
     const RVHANDLE Directory = Instance(Target)->DirHandle;
     EXPECT_EQ(RenameThrough(Handle, Target, GetParam()), STATUS_SUCCESS);
     EXPECT_EQ(CallNames(), (Calls{"RVFsdMoveFile", "RVFsdCloseDirectory"}));
-    const providers::Call Move = Last(Slot::MoveFile);
+    const Call Move = Last(Slot::MoveFile);
     EXPECT_EQ(Move.Number("sourceBase"), Directory);
     EXPECT_EQ(Move.String("source"), u"file.txt");
     EXPECT_EQ(Move.Number("targetBase"), Directory);
@@ -250,7 +247,7 @@ TEST_P(CaseOnly, ToTheNameThatItHasIsCarriedToTheServer) {
         EXPECT_EQ(Made(), (Calls{"RVFsdMoveFile", "RVFsdCloseDirectory"}));
         ExpectNamed(Handle, Name);
     }
-    Provider.OnCall(providers::Slot::MoveFile).Return(test::RvError(0x0510));
+    Provider.OnCall(Slot::MoveFile).Return(RvError(0x0510));
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\f.txt", GetParam()), STATUS_SUCCESS) << "it collides with itself";
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\f.txt"), "kept");
     // Directories alike.
@@ -261,7 +258,7 @@ TEST_P(CaseOnly, ToTheNameThatItHasIsCarriedToTheServer) {
     ExpectNamed(Directory, u"\\srv\\vol\\e\\SUB");
 }
 
-using NotCaseOnly = test::RenameFixture;
+using NotCaseOnly = RenameFixture;
 
 // Into itself, or where the target exists and is another file: it stays, or is deleted where that was asked for.
 TEST_F(NotCaseOnly, IsWhatOnlyLooksAlike) {

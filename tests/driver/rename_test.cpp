@@ -4,10 +4,9 @@
 
 namespace {
 
-using namespace providers;
-using test::Open;
+using namespace test;
 
-class Renaming : public test::RenameFixture {
+class Renaming : public RenameFixture {
 protected:
     // What is asked before a file is deleted to make room.
     const Calls LooksAtWhatIsReplaced = {"RVFsdGetVolumeInformation",
@@ -41,8 +40,8 @@ TEST_F(Renaming, MovesFromTheOpensOwnHandleAndPathToTheDirectorysHandleAndTheNew
     const PCUNICODE_STRING Before = NtFsdStablePath(Fcb(Handle));
     EXPECT_EQ(RenameThrough(Handle, Target), STATUS_SUCCESS);
     EXPECT_EQ(CallNames(), (Calls{"RVFsdMoveFile", "RVFsdCloseDirectory"}));
-    EXPECT_EQ(embedded::View(Before), u"\\srv\\vol\\a.txt") << "a reader without the lock still has the old path";
-    const providers::Call Move = Last(Slot::MoveFile);
+    EXPECT_EQ(View(Before), u"\\srv\\vol\\a.txt") << "a reader without the lock still has the old path";
+    const Call Move = Last(Slot::MoveFile);
     EXPECT_EQ(Move.Number("sourceBase"), Instance(Handle)->VolumeHandle);
     EXPECT_EQ(Move.String("source"), u"a.txt");
     EXPECT_EQ(Move.Number("targetBase"), Directory);
@@ -82,7 +81,7 @@ TEST_F(Renaming, ADirectoryThatWasCreatedButNotOpenedMovesItself) {
     ExpectNamed(Handle, u"\\srv\\vol\\moved");
     EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\d"));
     // The handle that is opened later is of the directory where it is now, and never its parent's.
-    Provider.Edit([](providers::Tree &Tree) { Tree.Find(u"\\srv\\vol\\moved")->Attributes = RV_ATTR_READONLY; });
+    Provider.Edit([](Tree &Tree) { Tree.Find(u"\\srv\\vol\\moved")->Attributes = RV_ATTR_READONLY; });
     Provider.OnCall(Slot::MoveDirectory).Nth(1).Return(RVSTATUS::AccessDenied);
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\back"), STATUS_SUCCESS);
     EXPECT_EQ(Made(), (Calls{"RVFsdMoveDirectory", "RVFsdOpenDirectory", "RVFsdGetDirectoryInformation",
@@ -159,7 +158,7 @@ TEST_F(Renaming, ATargetThatCannotBeDeletedStays) {
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\a.txt"), "0123456789");
     EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
     // One that vanished meanwhile is out of the way.
-    Provider.Edit([](providers::Tree &Tree) { Tree.Find(u"\\srv\\vol\\b.txt")->Attributes = 0; });
+    Provider.Edit([](Tree &Tree) { Tree.Find(u"\\srv\\vol\\b.txt")->Attributes = 0; });
     Provider.OnCall(Slot::DeleteFile).ReturnAfter(ProviderError(0x0506));
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", true), STATUS_SUCCESS);
 }
@@ -217,10 +216,10 @@ TEST_F(Renaming, AReadOnlyOneIsMovedWithTheAttributeOffAndHasItAgainWhateverHapp
         for (const auto &Each : Cases) {
             SCOPED_TRACE(Each.Fails);
             IsDirectory ? Provider.AddDirectory(Old) : Provider.AddFile(Old, "x");
-            Provider.Edit([&](providers::Tree &Tree) {
+            Provider.Edit([&](Tree &Tree) {
                 Tree.Find(Old)->Attributes = RV_ATTR_HIDDEN | (Each.ReadOnly ? RV_ATTR_READONLY + 0u : 0u);
             });
-            const HANDLE Handle = MustOpen(Old, IsDirectory ? test::DirectoryForChange : WithoutData);
+            const HANDLE Handle = MustOpen(Old, IsDirectory ? DirectoryForChange : WithoutData);
             const HANDLE Target = OpenTarget(New);
             if (Each.Fails != 0) {
                 Provider.FailEverything(Slot::Any, Each.Fails,
@@ -244,7 +243,7 @@ TEST_F(Renaming, AReadOnlyOneIsMovedWithTheAttributeOffAndHasItAgainWhateverHapp
             EXPECT_TRUE(Left & RV_ATTR_HIDDEN) << "the rest of the word is untouched";
             Close(Target);
             Close(Handle);
-            Provider.Edit([&](providers::Tree &Tree) {
+            Provider.Edit([&](Tree &Tree) {
                 Tree.Find(Now)->Attributes = 0;
                 Tree.Delete(IsDirectory, 0, Now);
             });
@@ -261,9 +260,9 @@ TEST_F(Renaming, EveryOtherOpenStaysValidAndDeletesTheRenamedFile) {
         const int Deleting = Turn % 3;
         Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "mine");
         const HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
-        Open Below = test::ForChange;
+        Open Below = ForChange;
         Below.Related = Directory;
-        Open First = test::ForChange;
+        Open First = ForChange;
         First.Options |= Turn == 3 ? FILE_DELETE_ON_CLOSE : 0;
         const HANDLE Handles[] = {MustOpen(u"\\srv\\vol\\d\\f.txt", First), MustOpen(u"f.txt", Below),
                                   OpenFile(u"\\srv\\vol\\D\\F.TXT")};
@@ -288,7 +287,7 @@ TEST_F(Renaming, OpensBelowTheTargetOutliveItsHandle) {
     Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "inside");
     const HANDLE Handle = OpenFile();
     const HANDLE Target = OpenTarget(u"\\srv\\vol\\d\\new.txt");
-    Open Below = test::ForChange;
+    Open Below = ForChange;
     Below.Related = Target;
     const HANDLE Child = MustOpen(u"f.txt", Below);
     EXPECT_EQ(RenameThrough(Handle, Target), STATUS_SUCCESS);
@@ -312,7 +311,7 @@ TEST_F(Renaming, ATargetThatIsNoDirectoryOpenedForItIsRefused) {
     const HANDLE Handle = OpenFile();
     const HANDLE Other = OpenFile(u"\\srv\\vol\\b.txt");
     const HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
-    const PFILE_OBJECT Foreign = embedded::CreateFileObject(Device(), u"\\x", 0);
+    const PFILE_OBJECT Foreign = CreateFileObject(Device(), u"\\x", 0);
     const UCHAR Replace = 1;
     Provider.ClearCalls();
     EXPECT_EQ(Send(Handle, FileRenameInformation, &Replace, 1, Foreign), STATUS_INVALID_HANDLE);
@@ -320,7 +319,7 @@ TEST_F(Renaming, ATargetThatIsNoDirectoryOpenedForItIsRefused) {
     EXPECT_EQ(RenameThrough(Handle, Directory), STATUS_INVALID_PARAMETER);
     EXPECT_EQ(CallNames(), Calls{});
     EXPECT_NE(Instance(Directory)->DirHandle, 0u) << "its handle is its owner's, who goes on using it";
-    embedded::DereferenceFileObject(Foreign);
+    DereferenceFileObject(Foreign);
 }
 
 // Such an open still has its volume's handle: the move would land in the root and replace what is there.
@@ -345,15 +344,13 @@ TEST_F(Renaming, ATargetDirectoryThatCouldNotBeOpenedIsRefused) {
 // FCB.
 TEST_F(Renaming, TheRootOfAVolumeHasNoNameToChange) {
     Provider.OnPath(Slot::QueryPathForVolume, u"\\srv\\vol\\d").AnswerPath(u"\\srv\\vol\\d");
-    Provider.OnPath(Slot::OpenVolume, u"\\srv\\vol\\d")
-        .ReturnAfter(RVSTATUS::Success)
-        .Answer([this](providers::Outputs &Out) {
-            Provider.Edit([&](providers::Tree &Tree) { Tree.OpenVolume(u"\\srv\\vol", Out.Handle); });
-        });
+    Provider.OnPath(Slot::OpenVolume, u"\\srv\\vol\\d").ReturnAfter(RVSTATUS::Success).Answer([this](Outputs &Out) {
+        Provider.Edit([&](Tree &Tree) { Tree.OpenVolume(u"\\srv\\vol", Out.Handle); });
+    });
     const HANDLE Parent = OpenDirectory(u"\\srv\\vol");
     const HANDLE Root = OpenDirectory(u"\\srv\\vol\\d");
     ASSERT_EQ(Instance(Root)->PathLeft[0], 0);
-    Open Below = test::DirectoryForChange;
+    Open Below = DirectoryForChange;
     Below.Related = Parent;
     const HANDLE Relative = MustOpen(u"d", Below);
     ASSERT_EQ(Fcb(Relative), Fcb(Root));
@@ -362,7 +359,10 @@ TEST_F(Renaming, TheRootOfAVolumeHasNoNameToChange) {
         EXPECT_EQ(Made(), Calls{});
     }
     Close(Relative);
+    Provider.ClearCalls();
     EXPECT_EQ(SetDisposition(Root, true), STATUS_CANNOT_DELETE);
+    EXPECT_EQ(SetDisposition(Parent, true), STATUS_CANNOT_DELETE);
+    EXPECT_EQ(CallNames(), Calls{});
     Close(Root);
     EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\d"));
 }
@@ -400,10 +400,9 @@ TEST_F(Renaming, WithoutMemoryNothingHasChanged) {
             NTSTATUS Status;
             bool Failed;
             {
-                const embedded::PlannedFaults NoMemory(
-                    {.Kinds = embedded::FaultBit(embedded::FaultKind::Pool), .Nth = Nth});
+                const PlannedFaults NoMemory({.Kinds = FaultBit(FaultKind::Pool), .Nth = Nth});
                 Status = RenameThrough(Handle, Target);
-                Failed = embedded::GetFaultCounts().TotalFailed() != 0;
+                Failed = GetFaultCounts().TotalFailed() != 0;
             }
             const bool Moved = Provider.CountCalls(Slot::MoveFile) != 0;
             EXPECT_EQ(Status, Moved ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES);
@@ -438,9 +437,9 @@ TEST_F(Renaming, AnyFailureOfTheProviderLeavesFileAndFcbOfOneName) {
             EXPECT_EQ(Status, STATUS_SUCCESS);
             break;
         }
-        Provider.Edit([](providers::Tree &Tree) {
+        Provider.Edit([](Tree &Tree) {
             for (std::u16string_view Path : {u"\\srv\\vol\\r.txt", u"\\srv\\vol\\d\\b.txt"}) {
-                if (providers::Node *Left = Tree.Find(Path)) {
+                if (Node *Left = Tree.Find(Path)) {
                     Left->Attributes = 0;
                 }
             }

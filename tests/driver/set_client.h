@@ -35,9 +35,9 @@ protected:
 
     // The request as the I/O manager would send it, of Length bytes, with nothing checked on the way. Target is the
     // file object of the stack location.
-    embedded::IrpBuilder Request(HANDLE Handle, ULONG InfoClass, const void *Information, ULONG Length,
-                                 PFILE_OBJECT Target = nullptr) {
-        embedded::IrpBuilder Builder = Plain(IRP_MJ_SET_INFORMATION, FileObject(Handle));
+    IrpBuilder Request(HANDLE Handle, ULONG InfoClass, const void *Information, ULONG Length,
+                       PFILE_OBJECT Target = nullptr) {
+        IrpBuilder Builder = Plain(IRP_MJ_SET_INFORMATION, FileObject(Handle));
         Builder.SystemBuffer = const_cast<void *>(Information);
         Builder.Fill = [=](PIO_STACK_LOCATION Stack) {
             Stack->Parameters.SetFile.Length = Length;
@@ -49,7 +49,7 @@ protected:
     NTSTATUS Send(HANDLE Handle, ULONG InfoClass, const void *Information, ULONG Length,
                   PFILE_OBJECT Target = nullptr) {
         const IO_STATUS_BLOCK IoStatus =
-            embedded::SendIrpAndWait(Device(), Request(Handle, InfoClass, Information, Length, Target));
+            SendIrpAndWait(Device(), Request(Handle, InfoClass, Information, Length, Target));
         EXPECT_EQ(IoStatus.Information, 0u);
         return IoStatus.Status;
     }

@@ -5,7 +5,6 @@
 
 namespace {
 
-using namespace providers;
 using namespace test;
 
 // Failures of the server, as it says them and as callers hear of them.
@@ -15,7 +14,7 @@ constexpr std::pair<ULONG, NTSTATUS> Refusals[] = {{0xC7E70006, STATUS_ACCESS_DE
                                                    {0x0000000E, STATUS_UNSUCCESSFUL},
                                                    {0x80000007, STATUS_BUFFER_OVERFLOW}};
 
-class Setting : public test::SetFixture {};
+class Setting : public SetFixture {};
 
 // ---- Attributes and times
 
@@ -76,7 +75,7 @@ TEST_F(Setting, ADirectoryThatWasCreatedButNotOpenedIsOpenedBeforeItIsChanged) {
     FILE_BASIC_INFORMATION Basic = {};
     Basic.FileAttributes = FILE_ATTRIBUTE_HIDDEN;
     {
-        providers::Rule &Fails = Provider.OnCall(Slot::OpenDirectory).Return(ProviderError(0x0102)).Times(1);
+        Rule &Fails = Provider.OnCall(Slot::OpenDirectory).Return(ProviderError(0x0102)).Times(1);
         Provider.ClearCalls();
         EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), STATUS_NETWORK_BUSY);
         EXPECT_EQ(CallNames(), Calls{"RVFsdOpenDirectory"});
@@ -176,8 +175,8 @@ TEST_F(Setting, OnABusyFileIsPendingAndDone) {
     Start({.Switches = {{u"EnableAsyncIo", 1}}});
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", {.Access = ForChange.Access & ~SYNCHRONIZE, .Options = 0});
     const LONG64 Size = 4;
-    const embedded::PlannedFaults Busy({.Kinds = embedded::FaultBit(embedded::FaultKind::TryAcquire), .Nth = 1});
-    embedded::SentIrp Posted = embedded::SendIrp(Device(), Request(Handle, FileEndOfFileInformation, &Size, 8));
+    const PlannedFaults Busy({.Kinds = FaultBit(FaultKind::TryAcquire), .Nth = 1});
+    SentIrp Posted = SendIrp(Device(), Request(Handle, FileEndOfFileInformation, &Size, 8));
     EXPECT_EQ(Posted.Returned(), STATUS_PENDING);
     EXPECT_EQ(Posted.Wait().Status, STATUS_SUCCESS);
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\a.txt"), "0123");
@@ -221,7 +220,7 @@ protected:
         return Send(Handle, GetParam(), &Size, sizeof(Size));
     }
     void SetFree(ULONG64 Bytes) {
-        Provider.Edit([=](providers::Tree &Tree) { Tree.FindVolume(u"\\srv\\vol")->FreeAfterQuota = Bytes; });
+        Provider.Edit([=](Tree &Tree) { Tree.FindVolume(u"\\srv\\vol")->FreeAfterQuota = Bytes; });
     }
     void ExpectSizes(LONGLONG Size) {
         EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, Size);
@@ -243,7 +242,7 @@ TEST_P(SettingSizes, IsAWriteOfNothingAtTheNewEnd) {
     EXPECT_EQ(SetSize(4), STATUS_SUCCESS);
     EXPECT_EQ(CallNames(), (Calls{"RVFsdGetDFSPhysicalPath", "RVFsdQueryPathForVolume", "RVFsdOpenVolume",
                                   "RVFsdGetVolumeSize", "RVFsdCloseVolume", "RVFsdWriteFile"}));
-    const providers::Call Written = Last(Slot::WriteFile);
+    const Call Written = Last(Slot::WriteFile);
     EXPECT_EQ(Written.Number("offset"), 4u);
     EXPECT_EQ(Written.Number("length"), 0u);
     EXPECT_EQ(Written.Number("data"), 0u);
@@ -295,17 +294,17 @@ TEST_P(SettingSizes, ARefusalIsRememberedForTheWritesThatFollow) {
     EXPECT_EQ(Write(Handle, "abc", 3, 8).Status, STATUS_DISK_FULL);
     EXPECT_EQ(Write(Handle, "abc", 3, -1).Status, STATUS_DISK_FULL) << "appended, too";
     EXPECT_EQ(Write(Other, "abc", 3, 8).Status, STATUS_SUCCESS);
-    embedded::Clock::Advance(5 * embedded::Clock::Second - 1);
+    Clock::Advance(5 * Clock::Second - 1);
     EXPECT_EQ(Write(Handle, "abc", 3, 8).Status, STATUS_DISK_FULL);
     // Another refusal begins the five seconds anew.
     SetFree(10);
     EXPECT_EQ(SetSize(12), STATUS_DISK_FULL);
     SetFree(1000);
-    embedded::Clock::Advance(5 * embedded::Clock::Second - 1);
+    Clock::Advance(5 * Clock::Second - 1);
     EXPECT_EQ(Write(Handle, "abc", 3, 8).Status, STATUS_DISK_FULL);
     EXPECT_EQ(SetSize(20), STATUS_SUCCESS); // sizes are judged afresh
     EXPECT_TRUE(Instance(Handle)->DiskFullLatched);
-    embedded::Clock::Advance(1);
+    Clock::Advance(1);
     EXPECT_EQ(Write(Handle, "abc", 3, 8).Status, STATUS_SUCCESS);
     EXPECT_FALSE(Instance(Handle)->DiskFullLatched);
     EXPECT_EQ(Instance(Handle)->DiskFullAvailable, 0u);
@@ -335,12 +334,12 @@ TEST_F(Setting, AdvanceOnlyMakesNoDifference) {
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt", ForChange);
     for (const bool AdvanceOnly : {true, false}) {
         const LONG64 Size = AdvanceOnly ? 4 : 2;
-        embedded::IrpBuilder Builder = Request(Handle, FileEndOfFileInformation, &Size, 8);
+        IrpBuilder Builder = Request(Handle, FileEndOfFileInformation, &Size, 8);
         Builder.Fill = [Usual = Builder.Fill, AdvanceOnly](PIO_STACK_LOCATION Stack) {
             Usual(Stack);
             Stack->Parameters.SetFile.AdvanceOnly = AdvanceOnly;
         };
-        EXPECT_EQ(embedded::SendIrpAndWait(Device(), Builder).Status, STATUS_SUCCESS);
+        EXPECT_EQ(SendIrpAndWait(Device(), Builder).Status, STATUS_SUCCESS);
         EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, Size);
     }
 }

@@ -14,9 +14,9 @@
 
 namespace {
 
-using embedded::SendIrp;
+using namespace test;
 
-class Shutdown : public test::LockFixture {
+class Shutdown : public LockFixture {
 protected:
     NTSTATUS ShutDown() {
         return Kernel().SendShutdown();
@@ -47,7 +47,7 @@ protected:
         return Down;
     }
 
-    providers::Rule *Held = nullptr;
+    Rule *Held = nullptr;
     std::atomic<bool> ReadDone = false, DownAfterRead = false, IsDown = false;
 };
 
@@ -67,9 +67,9 @@ TEST_F(Shutdown, ReleasesEverythingInItsOrder) {
                        "[RVFSD] <<<<<<<<<<<<<NtFsdShutdown() returning STATUS_NOT_SUPPORTED\n");
     EXPECT_EQ(Provider.Calls(), Lines{"Release() -> 0x00000000"})
         << "with nothing open the Provider is asked nothing else";
-    EXPECT_EQ(embedded::RegisteredUncProviders().size(), 0u);
-    EXPECT_EQ(embedded::LiveObjects(embedded::LiveKind::Resource), 0u);
-    EXPECT_EQ(embedded::LiveObjects(embedded::LiveKind::Lookaside), 0u);
+    EXPECT_EQ(RegisteredUncProviders().size(), 0u);
+    EXPECT_EQ(LiveObjects(LiveKind::Resource), 0u);
+    EXPECT_EQ(LiveObjects(LiveKind::Lookaside), 0u);
     EXPECT_EQ(Device(), nullptr);
     EXPECT_EQ(g_uInitStage, 0u);
 }
@@ -78,7 +78,7 @@ TEST_F(Shutdown, WhileTheFrameworkCannotBeBoundIsRefusedAndUndoesNothing) {
     StartTracing(0x1001);
     Framework->FailCreate(Class::Rvpl, RVPSTATUS::NoSuchClass);
     Printed.clear();
-    embedded::SentIrp Sent = SendIrp(Device(), Plain(IRP_MJ_SHUTDOWN, nullptr));
+    SentIrp Sent = SendIrp(Device(), Plain(IRP_MJ_SHUTDOWN, nullptr));
     EXPECT_EQ(Sent.Returned(), STATUS_UNSUCCESSFUL);
     EXPECT_EQ(Sent.Wait().Status, STATUS_UNSUCCESSFUL);
     EXPECT_EQ(Sent.PriorityBoost(), 2);
@@ -99,7 +99,7 @@ TEST_F(Shutdown, LaterRequestsAreRefusedAndTouchNothing) {
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
     // Stays for requests after the driver has deleted it.
     const std::unique_ptr<DEVICE_OBJECT, void (*)(PDEVICE_OBJECT)> Device(
-        embedded::DeviceFromName(u"\\Device\\RvFsd"), [](PDEVICE_OBJECT Kept) { embedded::DereferenceDevice(Kept); });
+        DeviceFromName(u"\\Device\\RvFsd"), [](PDEVICE_OBJECT Kept) { DereferenceDevice(Kept); });
     const PDEVICE_OBJECT Kept = Device.get();
     EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
     Provider.ClearCalls();
@@ -108,12 +108,12 @@ TEST_F(Shutdown, LaterRequestsAreRefusedAndTouchNothing) {
                              IRP_MJ_QUERY_EA, IRP_MJ_SET_EA, IRP_MJ_FLUSH_BUFFERS, IRP_MJ_QUERY_VOLUME_INFORMATION,
                              IRP_MJ_DIRECTORY_CONTROL, IRP_MJ_FILE_SYSTEM_CONTROL, IRP_MJ_DEVICE_CONTROL,
                              IRP_MJ_SHUTDOWN, IRP_MJ_LOCK_CONTROL, IRP_MJ_CLEANUP, IRP_MJ_CLOSE}) {
-        const IO_STATUS_BLOCK Block = embedded::SendIrpAndWait(Kept, Plain(Each, FileObject(Handle)));
-        EXPECT_EQ(Block.Status, Others.contains(Each) ? Others.at(Each) : Refused) << embedded::MajorFunctionName(Each);
-        EXPECT_EQ(Block.Information, 0u) << embedded::MajorFunctionName(Each);
+        const IO_STATUS_BLOCK Block = SendIrpAndWait(Kept, Plain(Each, FileObject(Handle)));
+        EXPECT_EQ(Block.Status, Others.contains(Each) ? Others.at(Each) : Refused) << MajorFunctionName(Each);
+        EXPECT_EQ(Block.Information, 0u) << MajorFunctionName(Each);
     }
-    const test::OwnedFile OfDevice(Kept, u"");
-    const IO_STATUS_BLOCK Block = embedded::SendIrpAndWait(Kept, Plain(IRP_MJ_CREATE, OfDevice));
+    const OwnedFile OfDevice(Kept, u"");
+    const IO_STATUS_BLOCK Block = SendIrpAndWait(Kept, Plain(IRP_MJ_CREATE, OfDevice));
     EXPECT_EQ(Block.Status, Refused);
     EXPECT_EQ(Block.Information, static_cast<ULONG_PTR>(FILE_DOES_NOT_EXIST));
     EXPECT_EQ(OfDevice->FsContext, nullptr);
@@ -141,7 +141,7 @@ TEST_F(Shutdown, MappingObjectsMayBeReleasedAfterwards) {
     EXPECT_EQ(Framework->Violations(), Lines{}) << "nothing that was released is called";
     // The block is the framework's own, which the driver can no longer give back: the one thing that stays.
     EXPECT_EQ(Framework->LiveBlocks(), 1u);
-    EXPECT_EQ(embedded::LiveObjects(embedded::LiveKind::Resource), 0u);
+    EXPECT_EQ(LiveObjects(LiveKind::Resource), 0u);
     StopWithLeftovers();
 }
 
@@ -206,8 +206,8 @@ TEST_F(Shutdown, LocksThatWaitAreCancelledOneAfterTheOther) {
     const HANDLE Holder = MustOpen(u"\\srv\\vol\\a.txt", Writer);
     const HANDLE Waiter = MustOpen(u"\\srv\\vol\\a.txt", Writer);
     EXPECT_EQ(Lock(Holder, 0, 10), STATUS_SUCCESS);
-    embedded::SentIrp One = Wait(Waiter, 2);
-    embedded::SentIrp Two = Wait(Waiter, 2);
+    SentIrp One = Wait(Waiter, 2);
+    SentIrp Two = Wait(Waiter, 2);
     EXPECT_EQ(One.Returned(), STATUS_PENDING);
     EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
     EXPECT_EQ(One.Wait().Status, STATUS_CANCELLED);
@@ -218,7 +218,7 @@ TEST_F(Shutdown, LocksThatWaitAreCancelledOneAfterTheOther) {
 TEST_F(Shutdown, ALockWhoseCancellerIsOvertakenIsCompletedAllTheSame) {
     const HANDLE Holder = MustOpen(u"\\srv\\vol\\a.txt", Writer);
     EXPECT_EQ(Lock(Holder, 0, 10), STATUS_SUCCESS);
-    embedded::SentIrp Waiting = Wait(Holder, 2);
+    SentIrp Waiting = Wait(Holder, 2);
     const PIRP Irp = Waiting.Irp();
     Irp->Cancel = TRUE;
     const PDRIVER_CANCEL Routine = std::exchange(Irp->CancelRoutine, nullptr);
@@ -252,7 +252,7 @@ TEST_F(Shutdown, GivesUpAfterAMinuteAndUndoesNothing) {
     std::thread Down = ShuttingDown();
     LONGLONG Seconds = 0;
     for (; !IsDown; ++Seconds) {
-        embedded::Clock::Advance(embedded::Clock::Second);
+        Clock::Advance(Clock::Second);
         EXPECT_EQ(Create(u"\\srv\\vol\\a.txt").Status, STATUS_UNSUCCESSFUL) << "which wakes it";
     }
     Down.join();
@@ -280,7 +280,7 @@ TEST_F(Shutdown, RequestsThatRaceWithItEndOneWayOrTheOther) {
         for (int Client = 0; Client < 3; ++Client) {
             Clients.emplace_back([&] {
                 while (!Over) {
-                    const embedded::CreateResult Opened = Create(u"\\srv\\vol\\a.txt");
+                    const CreateResult Opened = Create(u"\\srv\\vol\\a.txt");
                     if (!NT_SUCCESS(Opened.Status)) {
                         EXPECT_NE(Opened.Status, STATUS_PENDING);
                         continue;

@@ -17,9 +17,9 @@ extern "C" NTSTATUS NTAPI DriverEntry(PDRIVER_OBJECT DriverObject, PUNICODE_STRI
 
 namespace {
 
-using namespace embedded;
+using namespace test;
 
-class DriverStart : public test::FrameFixture {
+class DriverStart : public FrameFixture {
 protected:
     // A value of any size under the service key.
     static void SetValue(std::u16string_view Name, ULONG Type, std::initializer_list<int> Bytes) {
@@ -27,7 +27,7 @@ protected:
         for (const int Each : Bytes) {
             Data.push_back(static_cast<std::byte>(Each));
         }
-        embedded::SetRegistryValue(test::ServiceKey, Name, Type, Data);
+        SetRegistryValue(ServiceKey, Name, Type, Data);
     }
 };
 
@@ -50,7 +50,7 @@ constexpr Switch Switches[] = {
 TEST_F(DriverStart, SwitchesThatAreMissingHaveTheirDefaults) {
     for (const bool HasKey : {true, false}) {
         Start({.StartsTheDriver = false});
-        HasKey || embedded::DeleteRegistryKey(test::ServiceKey);
+        HasKey || DeleteRegistryKey(ServiceKey);
         ASSERT_EQ(Load(), STATUS_SUCCESS);
         for (const Switch &Each : Switches) {
             EXPECT_EQ(*Each.Global, Each.Default);
@@ -114,17 +114,17 @@ TEST_F(DriverStart, TheDeviceIsAnUnnamedNetworkFileSystemWithARegisteredNameAndA
     EXPECT_EQ(Device->StackSize, 2);
     EXPECT_EQ(Device->Flags & (DO_EXCLUSIVE | DO_DEVICE_INITIALIZING), 0u);
     const auto Extension = static_cast<DEVICE_EXTENSION *>(Device->DeviceExtension);
-    EXPECT_EQ(embedded::View(&Extension->DeviceName), u"\\Device\\RvFsd");
-    EXPECT_EQ(embedded::View(&Extension->VersionName), u"v5.00.001 (07292006)");
+    EXPECT_EQ(View(&Extension->DeviceName), u"\\Device\\RvFsd");
+    EXPECT_EQ(View(&Extension->VersionName), u"v5.00.001 (07292006)");
     EXPECT_EQ(Kernel().Driver()->DriverUnload, nullptr);
     EXPECT_EQ(g_uInitStage, 8u);
     EXPECT_EQ(g_bDriverEntryDone, 1);
-    const auto Registered = embedded::RegisteredUncProviders();
+    const auto Registered = RegisteredUncProviders();
     ASSERT_EQ(Registered.size(), 1u);
     EXPECT_EQ(Registered[0].DeviceName, u"\\Device\\RvFsd");
     EXPECT_EQ(Registered[0].Flags, 0u);
     std::u16string Target;
-    EXPECT_EQ(embedded::QuerySymbolicLink(u"\\DosDevices\\RvFsd", &Target), STATUS_SUCCESS);
+    EXPECT_EQ(QuerySymbolicLink(u"\\DosDevices\\RvFsd", &Target), STATUS_SUCCESS);
     EXPECT_EQ(Target, u"\\Device\\RvFsd");
 }
 
@@ -140,7 +140,7 @@ TEST_F(DriverStart, TheLookasideListFollowsTheSystemSize) {
 }
 
 TEST_F(DriverStart, ARequestsContextIsTakenFromTheListAndPutBack) {
-    embedded::SetLookasideCaching(embedded::LookasideCaching::Always);
+    SetLookasideCaching(LookasideCaching::Always);
     Start();
     for (int Round = 0; Round < 8; ++Round) {
         EXPECT_EQ(Close(MustOpen(u"\\srv\\vol\\a.txt")), STATUS_SUCCESS);
@@ -148,7 +148,7 @@ TEST_F(DriverStart, ARequestsContextIsTakenFromTheListAndPutBack) {
     EXPECT_GT(g_IrpContextLookasideList.L.TotalAllocates, g_IrpContextLookasideList.L.AllocateMisses * 4);
     EXPECT_EQ(g_IrpContextLookasideList.L.FreeMisses, 0u);
     Stop();
-    embedded::SetLookasideCaching(embedded::LookasideCaching::FollowVerifier);
+    SetLookasideCaching(LookasideCaching::FollowVerifier);
 }
 
 TEST_F(DriverStart, FastIoReadsAndWritesByTheCacheAndRefusesTheRest) {
@@ -156,10 +156,8 @@ TEST_F(DriverStart, FastIoReadsAndWritesByTheCacheAndRefusesTheRest) {
     const PFAST_IO_DISPATCH Table = Kernel().Driver()->FastIoDispatch;
     ASSERT_NE(Table, nullptr);
     EXPECT_EQ(Table->SizeOfFastIoDispatch, 224u);
-    EXPECT_EQ(test::ServiceBehind(reinterpret_cast<void *>(Table->FastIoRead)),
-              reinterpret_cast<void *>(FsRtlCopyRead));
-    EXPECT_EQ(test::ServiceBehind(reinterpret_cast<void *>(Table->FastIoWrite)),
-              reinterpret_cast<void *>(FsRtlCopyWrite));
+    EXPECT_EQ(ServiceBehind(reinterpret_cast<void *>(Table->FastIoRead)), reinterpret_cast<void *>(FsRtlCopyRead));
+    EXPECT_EQ(ServiceBehind(reinterpret_cast<void *>(Table->FastIoWrite)), reinterpret_cast<void *>(FsRtlCopyWrite));
     EXPECT_EQ(Table->FastIoLock, nullptr);
     EXPECT_EQ(Table->FastIoDeviceControl, nullptr);
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
@@ -185,15 +183,15 @@ TEST_F(DriverStart, ASectionIsCreatedUnderTheFilesResource) {
     const PFAST_IO_DISPATCH Table = Kernel().Driver()->FastIoDispatch;
     const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
     const HANDLE Again = MustOpen(u"", {.Related = Handle}); // a file without a name of its own
-    const auto Regions = embedded::CurrentThread().CriticalRegions;
+    const auto Regions = CurrentThread().CriticalRegions;
     for (const HANDLE Each : {Handle, Again}) {
         Table->AcquireFileForNtCreateSection(FileObject(Each));
         EXPECT_TRUE(ExIsResourceAcquiredExclusiveLite(&Fcb(Each)->Resource));
-        embedded::ResetSectionCloses();
+        ResetSectionCloses();
         Table->ReleaseFileForNtCreateSection(FileObject(Each));
         EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Fcb(Each)->Resource));
-        EXPECT_EQ(embedded::LastSectionClosed(), &Fcb(Each)->SectionObjectPointers);
-        EXPECT_EQ(embedded::CurrentThread().CriticalRegions, Regions);
+        EXPECT_EQ(LastSectionClosed(), &Fcb(Each)->SectionObjectPointers);
+        EXPECT_EQ(CurrentThread().CriticalRegions, Regions);
     }
     Close(Again);
     // The control device has no data, and its FCB does not wait for those who hold it.
@@ -202,10 +200,10 @@ TEST_F(DriverStart, ASectionIsCreatedUnderTheFilesResource) {
     EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Fcb(OfDevice)->Resource));
     Table->ReleaseFileForNtCreateSection(FileObject(OfDevice));
     Close(OfDevice);
-    const test::OwnedFile Bare(Device(), u"\\srv\\vol\\a.txt");
+    const OwnedFile Bare(Device(), u"\\srv\\vol\\a.txt");
     Table->AcquireFileForNtCreateSection(Bare);
     Table->ReleaseFileForNtCreateSection(Bare);
-    EXPECT_EQ(embedded::CurrentThread().CriticalRegions, Regions);
+    EXPECT_EQ(CurrentThread().CriticalRegions, Regions);
 }
 
 TEST_F(DriverStart, TellsItsStepsInOrder) {
@@ -231,9 +229,9 @@ protected:
             Start({.Switches = Switches, .StartsTheDriver = false});
             ULONG64 Failed;
             {
-                const embedded::PlannedFaults Plan({.Kinds = FaultBit(Kind), .Nth = Nth});
+                const PlannedFaults Plan({.Kinds = FaultBit(Kind), .Nth = Nth});
                 Statuses.push_back(Load());
-                Failed = embedded::GetFaultCounts().TotalFailed();
+                Failed = GetFaultCounts().TotalFailed();
             }
             if (NT_SUCCESS(Statuses.back())) {
                 EXPECT_EQ(g_bFailDeleteInUseWorkaround, TRUE);
@@ -241,10 +239,10 @@ protected:
             } else {
                 EXPECT_EQ(g_pDeviceObject, nullptr);
                 EXPECT_EQ(g_uInitStage, 0u);
-                EXPECT_EQ(embedded::RegisteredUncProviders().size(), 0u);
-                EXPECT_EQ(embedded::LiveObjects(embedded::LiveKind::Resource), 0u);
+                EXPECT_EQ(RegisteredUncProviders().size(), 0u);
+                EXPECT_EQ(LiveObjects(LiveKind::Resource), 0u);
                 // The writer is waited for; the kernel's own record of it may be a moment late.
-                EXPECT_EQ(embedded::JoinSystemThreads(0), 0u);
+                EXPECT_EQ(JoinSystemThreads(0), 0u);
             }
             Stop();
             if (Failed == 0) {
@@ -289,7 +287,7 @@ TEST_F(FailedStart, SaysWhatFailed) {
         Start({.Switches = {{u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 0x10000}},
                .StartsTheDriver = false});
         {
-            const embedded::PlannedFaults Plan({.Kinds = FaultBit(FaultKind::Resource), .Nth = Each.Nth});
+            const PlannedFaults Plan({.Kinds = FaultBit(FaultKind::Resource), .Nth = Each.Nth});
             EXPECT_EQ(Load(), STATUS_UNSUCCESSFUL);
         }
         EXPECT_TRUE(WasPrinted(Each.Text)) << Each.Text << Printed;
@@ -300,20 +298,20 @@ TEST_F(FailedStart, SaysWhatFailed) {
 TEST_F(FailedStart, ARefusedRegistrationIsTheAnswer) {
     Start({.Switches = {{u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 0x10000}},
            .StartsTheDriver = false});
-    embedded::FailNextUncRegistration(STATUS_SHARING_VIOLATION);
+    FailNextUncRegistration(STATUS_SHARING_VIOLATION);
     EXPECT_EQ(Load(), STATUS_SHARING_VIOLATION);
     EXPECT_EQ(Printed, "[RVFSD] Failed to register \\Device\\RvFsd as Unc Provider, 0xc0000043\n"
                        "[RVFSD] NtFsdUnInitOurDevice() entering\n"
                        "[RVFSD] NtFsdUnInitOurDevice() returning STATUS_SUCCESS\n"
                        "[RVFSD] Deleting the device object\n");
-    EXPECT_EQ(embedded::LiveObjects(embedded::LiveKind::Resource), 0u);
-    EXPECT_EQ(embedded::LiveObjects(embedded::LiveKind::Lookaside), 0u);
+    EXPECT_EQ(LiveObjects(LiveKind::Resource), 0u);
+    EXPECT_EQ(LiveObjects(LiveKind::Lookaside), 0u);
 }
 
 NTSTATUS StatusWithoutThread;
 
 NTSTATUS NTAPI StartWithoutThread(PDRIVER_OBJECT DriverObject, PUNICODE_STRING RegistryPath) {
-    const embedded::PlannedFaults NoThread({.Kinds = FaultBit(FaultKind::Thread)});
+    const PlannedFaults NoThread({.Kinds = FaultBit(FaultKind::Thread)});
     StatusWithoutThread = DriverEntry(DriverObject, RegistryPath);
     return STATUS_SUCCESS; // the driver stays, as it does where a failed start unloads nothing
 }
@@ -332,7 +330,7 @@ TEST_F(FailedStart, AMissingDeferredThreadIsTheAnswerAndUndoesNothing) {
 class DeferredStart : public DriverStart {
 protected:
     void ExpectNoDacl() {
-        const SECURITY_DESCRIPTOR *Descriptor = embedded::DeviceSecurity(Device());
+        const SECURITY_DESCRIPTOR *Descriptor = DeviceSecurity(Device());
         ASSERT_NE(Descriptor, nullptr);
         EXPECT_EQ(Descriptor->Revision, 1);
         EXPECT_EQ(Descriptor->Control & 0x4, 0) << "a DACL is present";
@@ -343,10 +341,10 @@ protected:
 TEST_F(DeferredStart, AfterASecondTheDeviceHasNoDaclAndNobodyHasItOpen) {
     StartTracing(0x10008);
     Clock::Advance(Clock::Second - 1);
-    EXPECT_EQ(embedded::DeviceSecurity(Device()), nullptr);
+    EXPECT_EQ(DeviceSecurity(Device()), nullptr);
     Clock::Advance(1);
     ExpectNoDacl();
-    EXPECT_EQ(embedded::RunningSystemThreads(), 0u);
+    EXPECT_EQ(RunningSystemThreads(), 0u);
     EXPECT_EQ(DriverFcb->OpenCount, 0u);
     ExpectPrintedInOrder({"Call to Finish Driver Init\n", "VEYFSD: Call To RvSetupDeviceAccess\n",
                           "Device Name: \\Device\\RvFsd\n", "ZwCreate Status 0x0\n"});
@@ -357,31 +355,31 @@ TEST_F(DeferredStart, AfterASecondTheDeviceHasNoDaclAndNobodyHasItOpen) {
 TEST_F(DeferredStart, ADeviceThatDoesNotOpenIsGivenUpAfterTenTriesAndOpenedUpAllTheSame) {
     StartTracing(8);
     std::vector<NTSTATUS> Tries;
-    embedded::SetFaultPlan({.How = embedded::FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Pool)});
-    embedded::SetIoObserver([&](const embedded::CompletedRequest &Request) {
+    SetFaultPlan({.How = FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Pool)});
+    SetIoObserver([&](const CompletedRequest &Request) {
         if (Request.MajorFunction == IRP_MJ_CREATE) {
             Tries.push_back(Request.Status);
             if (Tries.size() == 10) {
-                embedded::ClearFaultPlan();
+                ClearFaultPlan();
             }
         }
     });
     Clock::Advance(10 * Clock::Second - 1);
     EXPECT_EQ(Tries, std::vector<NTSTATUS>(9, STATUS_INSUFFICIENT_RESOURCES));
-    EXPECT_EQ(embedded::DeviceSecurity(Device()), nullptr);
+    EXPECT_EQ(DeviceSecurity(Device()), nullptr);
     Clock::Advance(1);
-    embedded::SetIoObserver({});
+    SetIoObserver({});
     ASSERT_EQ(Tries.size(), 11u);
     EXPECT_EQ(Tries[10], STATUS_SUCCESS);
     ExpectNoDacl();
-    EXPECT_EQ(embedded::RunningSystemThreads(), 0u);
+    EXPECT_EQ(RunningSystemThreads(), 0u);
 }
 
 TEST_F(DeferredStart, EndsHarmlesslyWhenTheDeviceIsGone) {
     Start();
     EXPECT_EQ(Kernel().SendShutdown(), STATUS_NOT_SUPPORTED);
     Clock::Advance(20 * Clock::Second);
-    EXPECT_EQ(embedded::RunningSystemThreads(), 0u);
+    EXPECT_EQ(RunningSystemThreads(), 0u);
 }
 
 } // namespace

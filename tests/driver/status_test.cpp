@@ -5,7 +5,9 @@
 
 namespace {
 
-class StatusTranslation : public test::FrameFixture {
+using namespace test;
+
+class StatusTranslation : public FrameFixture {
 protected:
     static NTSTATUS Translate(ULONG Raw) {
         return NtFsdTranslateErrorCode(static_cast<RVSTATUS>(Raw));

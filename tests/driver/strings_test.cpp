@@ -5,13 +5,15 @@
 
 namespace {
 
+using namespace test;
+
 constexpr ULONG LongestText = 65532; // bytes; with its terminator the largest even 16-bit size
 
 std::u16string View(PCUNICODE_STRING Text) {
     return {Text->Buffer, Text->Length / sizeof(WCHAR)};
 }
 
-class Strings : public test::DriverFixture {
+class Strings : public DriverFixture {
 protected:
     void SetUp() override {
         Start({.Switches = {}, .StartsTheDriver = false});
@@ -41,12 +43,12 @@ TEST_F(Strings, ACopyIsTerminatedAndReusesABufferThatIsLargeEnough) {
 
 TEST_F(Strings, ACopyThatGetsNoMemoryIsEmptyAndSaysSo) {
     OwnedString Copy;
-    UNICODE_STRING Source = embedded::ToUnicodeString(u"ab");
+    UNICODE_STRING Source = ToUnicodeString(u"ab");
     ASSERT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Source), STATUS_SUCCESS);
-    Source = embedded::ToUnicodeString(u"abc");
+    Source = ToUnicodeString(u"abc");
     {
-        const embedded::PlannedFaults NoMemory({});
-        const embedded::FaultScope InDriver;
+        const PlannedFaults NoMemory({});
+        const FaultScope InDriver;
         EXPECT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Source), STATUS_INSUFFICIENT_RESOURCES);
     }
     EXPECT_EQ(Copy->Buffer, nullptr);
@@ -60,7 +62,7 @@ TEST_F(Strings, ACopyBeyondASixteenBitSizeIsRefusedBeforeItTouchesTheDestination
     for (const USHORT Bytes : {65531, 65532, 65533, 65534, 65535}) {
         const bool Fits = Bytes < 65534;
         OwnedString Copy;
-        const UNICODE_STRING Old = embedded::ToUnicodeString(u"old");
+        const UNICODE_STRING Old = ToUnicodeString(u"old");
         ASSERT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Old), STATUS_SUCCESS);
         const UNICODE_STRING Source = {Bytes, Bytes, const_cast<PWSTR>(Text.data())};
         EXPECT_EQ(NtFsdUpdateUnicodeString(Copy.Get(), &Source), Fits ? STATUS_SUCCESS : STATUS_NAME_TOO_LONG);
@@ -70,7 +72,7 @@ TEST_F(Strings, ACopyBeyondASixteenBitSizeIsRefusedBeforeItTouchesTheDestination
 
 TEST_F(Strings, AFreedStringIsEmptyAndMayBeFreedAgain) {
     UNICODE_STRING Copy = {0, 0, nullptr};
-    const UNICODE_STRING Source = embedded::ToUnicodeString(u"text");
+    const UNICODE_STRING Source = ToUnicodeString(u"text");
     ASSERT_EQ(NtFsdUpdateUnicodeString(&Copy, &Source), STATUS_SUCCESS);
     for (int Times = 0; Times < 2; Times++) {
         NtFsdFreeUnicodeString(&Copy);
@@ -102,8 +104,8 @@ TEST(Components, AreCountedBetweenBackslashes) {
         {std::u16string_view(u"\\a\\\0b", 5), 1},
     };
     for (const auto &Each : Cases) {
-        const UNICODE_STRING Path = embedded::ToUnicodeString(Each.Path);
-        EXPECT_EQ(NtFsdCountPathComponents(&Path), Each.Count) << providers::ToUtf8(Each.Path);
+        const UNICODE_STRING Path = ToUnicodeString(Each.Path);
+        EXPECT_EQ(NtFsdCountPathComponents(&Path), Each.Count) << ToUtf8(Each.Path);
     }
     const UNICODE_STRING Half = {7, 7, const_cast<PWSTR>(u"\\a\\b")}; // of its last character
     EXPECT_EQ(NtFsdCountPathComponents(&Half), 1u);
@@ -124,8 +126,8 @@ TEST_F(Strings, AComposedPathHasOneSeparator) {
         {u"\\srv", u"\\a", u"\\srv\\\\a"},
     };
     for (const auto &Each : Cases) {
-        const UNICODE_STRING Base = embedded::ToUnicodeString(Each.Base != nullptr ? Each.Base : u"");
-        const UNICODE_STRING Name = embedded::ToUnicodeString(Each.Name);
+        const UNICODE_STRING Base = ToUnicodeString(Each.Base != nullptr ? Each.Base : u"");
+        const UNICODE_STRING Name = ToUnicodeString(Each.Name);
         OwnedString Path;
         ULONG Bytes = 0;
         ASSERT_EQ(NtFsdComposePath(Each.Base != nullptr ? &Base : nullptr, &Name, Path.Get(), &Bytes), STATUS_SUCCESS);
@@ -138,10 +140,10 @@ TEST_F(Strings, AComposedPathHasOneSeparator) {
 
 TEST_F(Strings, AComposedPathBeyondASixteenBitSizeIsRefused) {
     const std::u16string Base(16000, u'b');
-    const UNICODE_STRING BaseString = embedded::ToUnicodeString(Base);
+    const UNICODE_STRING BaseString = ToUnicodeString(Base);
     for (const ULONG TextBytes : {LongestText - 2, LongestText, LongestText + 2, LongestText + 4}) {
         const std::u16string Name(TextBytes / 2 - Base.size() - 1, u'n');
-        const UNICODE_STRING NameString = embedded::ToUnicodeString(Name);
+        const UNICODE_STRING NameString = ToUnicodeString(Name);
         OwnedString Path;
         const NTSTATUS Status = NtFsdComposePath(&BaseString, &NameString, Path.Get(), nullptr);
         EXPECT_EQ(Status, TextBytes <= LongestText ? STATUS_SUCCESS : STATUS_OBJECT_NAME_INVALID) << TextBytes;
@@ -150,11 +152,11 @@ TEST_F(Strings, AComposedPathBeyondASixteenBitSizeIsRefused) {
 }
 
 TEST_F(Strings, AComposedPathThatGetsNoMemoryTellsHowMuchItWanted) {
-    const UNICODE_STRING Name = embedded::ToUnicodeString(u"\\srv");
+    const UNICODE_STRING Name = ToUnicodeString(u"\\srv");
     OwnedString Path;
     ULONG Bytes = 0;
-    const embedded::PlannedFaults NoMemory({});
-    const embedded::FaultScope InDriver;
+    const PlannedFaults NoMemory({});
+    const FaultScope InDriver;
     EXPECT_EQ(NtFsdComposePath(nullptr, &Name, Path.Get(), &Bytes), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(Bytes, 10u);
     EXPECT_EQ(Path->Buffer, nullptr);

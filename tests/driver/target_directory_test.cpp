@@ -4,10 +4,9 @@
 
 namespace {
 
-using namespace providers;
 using namespace test;
 
-class TargetOpens : public test::CreateFixture {
+class TargetOpens : public CreateFixture {
 protected:
     std::u16string NameOf(HANDLE Handle) {
         return View(FileObject(Handle)->FileName);
@@ -33,8 +32,8 @@ TEST_F(TargetOpens, OpenTheParentAndKeepTheName) {
         {u"\\srv\\vol\\a.txt", u"\\srv\\vol", u"a.txt", FILE_EXISTS, u""},
     };
     for (const auto &Each : Cases) {
-        SCOPED_TRACE(providers::ToUtf8(Each.Path));
-        const embedded::CreateResult Result = Create(Each.Path, AsTarget);
+        SCOPED_TRACE(ToUtf8(Each.Path));
+        const CreateResult Result = Create(Each.Path, AsTarget);
         ASSERT_EQ(Result.Status, STATUS_SUCCESS);
         EXPECT_EQ(Result.Information, Each.Information);
         EXPECT_EQ(NameOf(Result.Handle), Each.FinalName);
@@ -105,19 +104,19 @@ TEST_F(TargetOpens, CutANameThatDoesNotFitIntoItsFileObject) {
     const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
     // An empty name opens the directory as the target: its own name is longer than the room of the empty one.
     for (const USHORT Room : {0, 2, 4, 5, 8, 9, 10, 64}) {
-        PFILE_OBJECT File = embedded::CreateFileObject(Device(), u"", 0);
+        PFILE_OBJECT File = CreateFileObject(Device(), u"", 0);
         std::u16string Buffer(64, u'#');
         const UNICODE_STRING Old = File->FileName;
         File->FileName = {0, Room, Buffer.data()};
         File->RelatedFileObject = FileObject(Directory);
         IO_SECURITY_CONTEXT Security = {};
-        embedded::IrpBuilder Builder = Plain(IRP_MJ_CREATE, File);
+        IrpBuilder Builder = Plain(IRP_MJ_CREATE, File);
         Builder.StackFlags = SL_OPEN_TARGET_DIRECTORY;
         Builder.Fill = [&Security](PIO_STACK_LOCATION Stack) {
             Stack->Parameters.Create.SecurityContext = &Security;
             Stack->Parameters.Create.Options = FILE_OPEN << 24;
         };
-        const IO_STATUS_BLOCK Opened = embedded::SendIrpAndWait(Device(), Builder);
+        const IO_STATUS_BLOCK Opened = SendIrpAndWait(Device(), Builder);
         EXPECT_EQ(Opened.Status, STATUS_SUCCESS);
         EXPECT_EQ(Opened.Information, static_cast<ULONG_PTR>(FILE_EXISTS));
         const size_t Units = std::min<size_t>(4, Room / 2);
@@ -125,11 +124,11 @@ TEST_F(TargetOpens, CutANameThatDoesNotFitIntoItsFileObject) {
         EXPECT_EQ(Buffer[Units], Room / 2u > Units ? u'\0' : u'#') << Room;
         EXPECT_EQ(Buffer[Units + 1], u'#') << Room;
         for (const UCHAR Ending : {IRP_MJ_CLEANUP, IRP_MJ_CLOSE}) {
-            EXPECT_EQ(embedded::SendIrpAndWait(Device(), Plain(Ending, File)).Status, STATUS_SUCCESS);
+            EXPECT_EQ(SendIrpAndWait(Device(), Plain(Ending, File)).Status, STATUS_SUCCESS);
         }
         File->RelatedFileObject = nullptr;
         File->FileName = Old;
-        embedded::DereferenceFileObject(File);
+        DereferenceFileObject(File);
     }
 }
 
@@ -145,7 +144,7 @@ TEST_F(TargetOpens, BelowAFileOpenWithoutADirectoryHandle) {
     Provider.OnPath(Slot::CreateFile, u"\\srv\\vol\\a.txt\\new").Return(ProviderError(0x0506));
     Open Request = AsTarget;
     Request.Access = FILE_READ_DATA | FILE_READ_ATTRIBUTES | FILE_WRITE_DATA | SYNCHRONIZE;
-    const embedded::CreateResult Result = Create(u"\\srv\\vol\\a.txt\\new", Request);
+    const CreateResult Result = Create(u"\\srv\\vol\\a.txt\\new", Request);
     ASSERT_EQ(Result.Status, STATUS_SUCCESS);
     EXPECT_EQ(Result.Information, static_cast<ULONG_PTR>(FILE_EXISTS));
     EXPECT_EQ(Instance(Result.Handle)->DirHandle, 0u);
@@ -185,7 +184,7 @@ TEST_F(TargetOpens, OfAParentThatIsAnOpenFileTakeNothingFromIt) {
 
 TEST_F(TargetOpens, OfAParentThatCannotBeOpenedTellThatTheTargetIsNotThere) {
     Provider.OnCall(Slot::OpenDirectory).Return(ProviderError(0x0006));
-    const embedded::CreateResult Result = Create(u"\\srv\\vol\\docs\\f.txt", AsTarget);
+    const CreateResult Result = Create(u"\\srv\\vol\\docs\\f.txt", AsTarget);
     ASSERT_EQ(Result.Status, STATUS_SUCCESS);
     EXPECT_EQ(Result.Information, static_cast<ULONG_PTR>(FILE_DOES_NOT_EXIST));
     EXPECT_EQ(Instance(Result.Handle)->DirHandle, 0u);

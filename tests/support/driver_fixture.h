@@ -28,6 +28,9 @@
 
 namespace test {
 
+using namespace embedded;
+using namespace providers;
+
 inline constexpr const char16_t *ServiceKey = u"\\REGISTRY\\Machine\\System\\CurrentControlSet\\Services\\RVFSD";
 
 // What an open asks for; the defaults open a file for reading with full sharing.
