@@ -234,9 +234,7 @@ TEST_F(Claims, ADeviceOpenWithoutMemoryAttachesNothing) {
     Start();
     Bind();
     const PlannedFaults NoMemory({.How = FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Pool)});
-    const CreateResult Result = Create(u"");
-    EXPECT_EQ(Result.Status, STATUS_INSUFFICIENT_RESOURCES);
-    EXPECT_EQ(Result.Information, static_cast<ULONG_PTR>(FILE_DOES_NOT_EXIST));
+    EXPECT_THAT(Create(u""), Ends(STATUS_INSUFFICIENT_RESOURCES, FILE_DOES_NOT_EXIST));
     EXPECT_EQ(DriverFcb->OpenCount, 0u);
     EXPECT_TRUE(IsListEmpty(&DriverFcb->InstanceList));
 }

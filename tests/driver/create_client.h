@@ -55,14 +55,10 @@ protected:
     }
     void ExpectRefused(std::u16string_view Path, const Open &Request, NTSTATUS Status,
                        ULONG_PTR Information = FILE_DOES_NOT_EXIST) {
-        const CreateResult Result = Try(Path, Request);
-        EXPECT_EQ(Result.Status, Status) << ToUtf8(Path);
-        EXPECT_EQ(Result.Information, Information) << ToUtf8(Path);
+        EXPECT_THAT(Try(Path, Request), Ends(Status, Information)) << ToUtf8(Path);
     }
     void ExpectOpened(std::u16string_view Path, const Open &Request, ULONG_PTR Information) {
-        const CreateResult Result = Try(Path, Request);
-        EXPECT_EQ(Result.Status, STATUS_SUCCESS) << ToUtf8(Path);
-        EXPECT_EQ(Result.Information, Information) << ToUtf8(Path);
+        EXPECT_THAT(Try(Path, Request), Ends(STATUS_SUCCESS, Information)) << ToUtf8(Path);
     }
     // The tables of the driver and the Provider's books are as they were before the first open.
     void ExpectNothingOpen(const std::string &After) {

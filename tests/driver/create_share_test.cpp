@@ -218,8 +218,7 @@ TEST_F(ConcurrentCreates, TheOneThatWaitedForAFailingFirstOpenIsTheFirst) {
     for (int Round = 0; Round < 20; Round++) {
         const CreateResult Result =
             SecondWhileFirstFails({.Access = FILE_WRITE_DATA | SYNCHRONIZE, .Share = 0}, {.Share = FILE_SHARE_READ});
-        ASSERT_EQ(Result.Status, STATUS_SUCCESS);
-        EXPECT_EQ(Result.Information, static_cast<ULONG_PTR>(FILE_OPENED));
+        ASSERT_THAT(Result, Ends(STATUS_SUCCESS, FILE_OPENED));
         const PFCB Found = Fcb(Result.Handle);
         EXPECT_EQ(Found->OpenCount, 1u);
         EXPECT_EQ(Found->UncleanCount, 1u);

@@ -209,9 +209,7 @@ TEST_F(Listing, RequestsThatCannotBeServedSayWhichWay) {
         IrpSp->Parameters.QueryDirectory.FileInformationClass = FileDirectoryInformation;
     };
     Provider.ClearCalls();
-    const IO_STATUS_BLOCK ByIndex = SendIrp(Device(), Builder).Wait();
-    EXPECT_EQ(ByIndex.Status, STATUS_NOT_IMPLEMENTED);
-    EXPECT_EQ(ByIndex.Information, 0u);
+    EXPECT_THAT(SendIrp(Device(), Builder).Wait(), Ends(STATUS_NOT_IMPLEMENTED, 0));
     EXPECT_EQ(CallNames().size(), 0u);
     HANDLE File = MustOpen(u"\\srv\\vol\\f");
     EXPECT_EQ(Query(File, 4096).Status, STATUS_INVALID_PARAMETER);

@@ -93,9 +93,7 @@ TEST_F(Entry, WithoutTheFrameworkARequestIsRefusedWithBoostTwo) {
         Printed.clear();
         const OwnedFile Bare(Device(), u"\\srv\\vol\\a.txt");
         SentIrp Sent = SendIrp(Device(), Plain(Row.MajorFunction, Bare));
-        const IO_STATUS_BLOCK Block = Sent.Wait();
-        EXPECT_EQ(Block.Status, Row.Binds ? STATUS_UNSUCCESSFUL : Row.Bare) << Row.Name;
-        EXPECT_EQ(Block.Information, 0u) << Row.Name;
+        EXPECT_THAT(Sent.Wait(), Ends(Row.Binds ? STATUS_UNSUCCESSFUL : Row.Bare, 0)) << Row.Name;
         EXPECT_EQ(Sent.PriorityBoost(), Row.Binds ? 2 : 1) << Row.Name;
         EXPECT_EQ(WasPrinted("[RVFSD] Unable to Initialize Orrery\n"), Row.Binds) << Row.Name;
     }
@@ -255,9 +253,7 @@ TEST_F(Entry, APagingFileIsRefused) {
     Bind();
     const OwnedFile File(Device(), u"\\srv\\vol\\a.txt");
     Printed.clear();
-    const IO_STATUS_BLOCK Block = Send(CreateOf(File, SL_OPEN_PAGING_FILE));
-    EXPECT_EQ(Block.Status, STATUS_ACCESS_DENIED);
-    EXPECT_EQ(Block.Information, 0u);
+    EXPECT_THAT(Send(CreateOf(File, SL_OPEN_PAGING_FILE)), Ends(STATUS_ACCESS_DENIED, 0));
     EXPECT_EQ(Printed, "[RVFSD] NtFsdCreate() asked to open paging file, returning ACCESS_DENIED\n");
     EXPECT_EQ(CallNames(), Lines{});
 }

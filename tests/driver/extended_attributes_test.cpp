@@ -18,9 +18,8 @@ TEST_F(ExtendedAttributes, AQueryFindsNoneAndASetIsAcceptedOnEveryKindOfOpen) {
             IrpBuilder Builder = Plain(MajorFunction, FileObject(Open));
             Builder.Fill = [](PIO_STACK_LOCATION IrpSp) { IrpSp->Parameters.QueryEa.Length = 64; };
             SentIrp Request = SendIrp(Device(), Builder);
-            const IO_STATUS_BLOCK Answer = Request.Wait();
-            EXPECT_EQ(Answer.Status, MajorFunction == IRP_MJ_SET_EA ? STATUS_SUCCESS : STATUS_NO_EAS_ON_FILE);
-            EXPECT_EQ(Answer.Information, 0u);
+            EXPECT_THAT(Request.Wait(),
+                        Ends(MajorFunction == IRP_MJ_SET_EA ? STATUS_SUCCESS : STATUS_NO_EAS_ON_FILE, 0));
             EXPECT_EQ(Request.PriorityBoost(), IO_DISK_INCREMENT);
         }
         EXPECT_TRUE(CallNames().empty()) << "the Provider is not asked";

@@ -119,8 +119,9 @@ TEST_F(Asking, EveryClassAnswersEveryLengthAsItsLayoutSays) {
         }
         for (ULONG Length = 0; Length <= 4 + Name + 8; ++Length) {
             const Answer Got = File(Handle, FileNameInformation, Length);
-            EXPECT_EQ(Got.Status, Length < 4 + Name ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS) << Length;
-            EXPECT_EQ(Got.Information, Length < 4 ? 0 : std::min(Length, 4 + Name)) << Length;
+            EXPECT_THAT(Got, Ends(Length < 4 + Name ? STATUS_BUFFER_OVERFLOW : STATUS_SUCCESS,
+                                  Length < 4 ? 0 : std::min(Length, 4 + Name)))
+                << Length;
             if (Length >= 4) {
                 EXPECT_EQ(Got.At<ULONG>(0), Name);
             }
@@ -248,28 +249,21 @@ TEST_F(Asking, AnOpenWithATrailingBackslashGetsItsNameBackWithOne) {
     const Answer Got = File(Handle, FileNameInformation);
     EXPECT_EQ(Got.At<ULONG>(0), 22u);
     EXPECT_EQ(Got.Text(4, 22), u"\\srv\\vol\\d\\");
-    const Answer Cut = File(Handle, FileAlternateNameInformation, 4 + 21);
-    EXPECT_EQ(Cut.Status, STATUS_BUFFER_OVERFLOW);
-    EXPECT_EQ(Cut.Information, 25u);
+    EXPECT_THAT(File(Handle, FileAlternateNameInformation, 4 + 21), Ends(STATUS_BUFFER_OVERFLOW, 25));
 }
 
 TEST_F(Asking, WhatIsNotServedIsRefused) {
     const HANDLE Handle = OpenEmptyFile();
     for (const ULONG InfoClass : {0u, 1u, 8u, 22u, 99u, 0xFFFFFFFFu}) {
         const Answer Got = File(Handle, InfoClass);
-        EXPECT_EQ(Got.Status, STATUS_INVALID_PARAMETER) << InfoClass;
-        EXPECT_EQ(Got.Information, 0u);
+        EXPECT_THAT(Got, Ends(STATUS_INVALID_PARAMETER, 0)) << InfoClass;
     }
     for (const ULONG InfoClass : {0u, 6u, 8u, 9u, 10u, 77u}) {
-        const Answer Got = Volume(Handle, InfoClass);
-        EXPECT_EQ(Got.Status, STATUS_INVALID_INFO_CLASS) << InfoClass;
-        EXPECT_EQ(Got.Information, 0u);
+        EXPECT_THAT(Volume(Handle, InfoClass), Ends(STATUS_INVALID_INFO_CLASS, 0)) << InfoClass;
     }
     HANDLE TheDevice = MustOpen(u"", {.Access = SYNCHRONIZE | FILE_READ_ATTRIBUTES});
     EXPECT_EQ(File(TheDevice, FileBasicInformation).Status, STATUS_INVALID_PARAMETER);
-    const Answer OfDevice = Volume(TheDevice, FileFsSizeInformation);
-    EXPECT_EQ(OfDevice.Status, STATUS_SUCCESS);
-    EXPECT_EQ(OfDevice.Information, 0u);
+    EXPECT_THAT(Volume(TheDevice, FileFsSizeInformation), Ends(STATUS_SUCCESS, 0));
 }
 
 TEST_F(Asking, ADirectoryThatWasCreatedAndNotOpenedIsNotTakenForItsParent) {
@@ -395,9 +389,7 @@ TEST_F(Asking, AVolumeThatCannotBeReachedIsTheStatusAndTheDeviceClassAsksNobody)
                  {Slot::OpenVolume, Warning, STATUS_NO_DATA_DETECTED}};
     for (const auto &Case : Cases) {
         Provider.OnCall(Case.Slot).ReturnAfter(Case.Result);
-        const Answer Got = Volume(Handle, FileFsSizeInformation);
-        EXPECT_EQ(Got.Status, Case.Status);
-        EXPECT_EQ(Got.Information, 0u);
+        EXPECT_THAT(Volume(Handle, FileFsSizeInformation), Ends(Case.Status, 0));
         Provider.ClearScript();
     }
     Provider.ClearCalls();

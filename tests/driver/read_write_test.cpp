@@ -87,9 +87,7 @@ TEST_F(Data, TransfersOfNothingDoNotReachTheProvider) {
 
 TEST_F(Data, AWriteBeyondTheEndGrowsTheFileAndOneInsideDoesNot) {
     OpenFile();
-    const Transfer Grown = Write(Handle, "abcdef", 6, 8);
-    EXPECT_EQ(Grown.Status, STATUS_SUCCESS);
-    EXPECT_EQ(Grown.Information, 6u);
+    EXPECT_THAT(Write(Handle, "abcdef", 6, 8), Ends(STATUS_SUCCESS, 6));
     EXPECT_EQ(FileSize(), 14);
     EXPECT_EQ(Position(), 14);
     EXPECT_TRUE(Modified());
@@ -106,9 +104,7 @@ TEST_F(Data, AnAppendGoesWhereTheServerSaysTheFileEndsAndWithoutAnAnswerNowhere)
     EXPECT_EQ(CallNames(), (Lines{"RVFsdGetFileSize", "RVFsdWriteFile"}));
     EXPECT_EQ(Position(), FileSize());
     Provider.OnCall(Slot::GetFileSize).Return(ProviderError(0x0102));
-    const IO_STATUS_BLOCK Result = Send(Raw(IRP_MJ_WRITE, 2, EndOfFileMarker));
-    EXPECT_EQ(Result.Status, STATUS_NETWORK_BUSY);
-    EXPECT_EQ(Result.Information, 0u);
+    EXPECT_THAT(Send(Raw(IRP_MJ_WRITE, 2, EndOfFileMarker)), Ends(STATUS_NETWORK_BUSY, 0));
     EXPECT_EQ(Provider.CountCalls(Slot::WriteFile), 1u);
 }
 
@@ -162,8 +158,7 @@ TEST_F(Data, AnswersThatAreFailuresReportNothing) {
         Provider.OnCall(Slot::ReadFile).ReturnAfter(static_cast<RVSTATUS>(Answer));
         Provider.OnCall(Slot::WriteFile).Return(static_cast<RVSTATUS>(Answer));
         for (const IO_STATUS_BLOCK &Result : {Send(Raw(IRP_MJ_READ, 4, 2)), Send(Raw(IRP_MJ_WRITE, 40, 2))}) {
-            EXPECT_EQ(Result.Status, Status) << std::hex << Answer;
-            EXPECT_EQ(Result.Information, 0u) << std::hex << Answer;
+            EXPECT_THAT(Result, Ends(Status, 0)) << std::hex << Answer;
         }
         Provider.ClearScript();
     }
@@ -175,9 +170,7 @@ TEST_F(Data, AnswersThatAreFailuresReportNothing) {
 TEST_F(Data, WhatMovedNothingDoesNotShrinkTheFileAndMoreThanWasAskedForIsNeverReported) {
     OpenFile();
     Provider.OnCall(Slot::WriteFile).AnswerBytes(0);
-    const Transfer Result = Write(Handle, "xyz", 3, 2);
-    EXPECT_EQ(Result.Status, STATUS_SUCCESS);
-    EXPECT_EQ(Result.Information, 0u);
+    EXPECT_THAT(Write(Handle, "xyz", 3, 2), Ends(STATUS_SUCCESS, 0));
     EXPECT_EQ(FileSize(), 10);
     EXPECT_FALSE(Modified());
     Provider.ClearScript();
@@ -208,9 +201,8 @@ TEST_F(Data, ACallersMdlDecidesHowMuchIsReadAndATooShortOneWritesNothing) {
     for (const UCHAR MajorFunction : {IRP_MJ_READ, IRP_MJ_WRITE}) {
         IrpBuilder Builder = Raw(MajorFunction, 8, 0);
         Builder.Mdl = Short.Mdl;
-        const IO_STATUS_BLOCK Result = Send(Builder);
-        EXPECT_EQ(Result.Status, MajorFunction == IRP_MJ_READ ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER);
-        EXPECT_EQ(Result.Information, MajorFunction == IRP_MJ_READ ? 3u : 0u);
+        EXPECT_THAT(Send(Builder), Ends(MajorFunction == IRP_MJ_READ ? STATUS_SUCCESS : STATUS_INVALID_PARAMETER,
+                                        MajorFunction == IRP_MJ_READ ? 3u : 0u));
     }
     EXPECT_STREQ(Buffer, "012");
     EXPECT_EQ(CallNames(), Lines{"RVFsdReadFile"});
@@ -236,9 +228,7 @@ TEST_F(Data, WithoutAnMdlOrItsMappingNothingIsTransferred) {
     for (const FaultKind Kind : {FaultKind::Mdl, FaultKind::Map}) {
         for (const UCHAR MajorFunction : {IRP_MJ_READ, IRP_MJ_WRITE}) {
             const PlannedFaults Faults({.Kinds = FaultBit(Kind)});
-            const IO_STATUS_BLOCK Result = Send(Raw(MajorFunction, 8, 0));
-            EXPECT_EQ(Result.Status, STATUS_INSUFFICIENT_RESOURCES);
-            EXPECT_EQ(Result.Information, 0u);
+            EXPECT_THAT(Send(Raw(MajorFunction, 8, 0)), Ends(STATUS_INSUFFICIENT_RESOURCES, 0));
         }
     }
     EXPECT_EQ(CallNames(), Lines{});

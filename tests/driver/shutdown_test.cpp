@@ -108,14 +108,12 @@ TEST_F(Shutdown, LaterRequestsAreRefusedAndTouchNothing) {
                              IRP_MJ_QUERY_EA, IRP_MJ_SET_EA, IRP_MJ_FLUSH_BUFFERS, IRP_MJ_QUERY_VOLUME_INFORMATION,
                              IRP_MJ_DIRECTORY_CONTROL, IRP_MJ_FILE_SYSTEM_CONTROL, IRP_MJ_DEVICE_CONTROL,
                              IRP_MJ_SHUTDOWN, IRP_MJ_LOCK_CONTROL, IRP_MJ_CLEANUP, IRP_MJ_CLOSE}) {
-        const IO_STATUS_BLOCK Block = SendIrpAndWait(Kept, Plain(Each, FileObject(Handle)));
-        EXPECT_EQ(Block.Status, Others.contains(Each) ? Others.at(Each) : Refused) << MajorFunctionName(Each);
-        EXPECT_EQ(Block.Information, 0u) << MajorFunctionName(Each);
+        EXPECT_THAT(SendIrpAndWait(Kept, Plain(Each, FileObject(Handle))),
+                    Ends(Others.contains(Each) ? Others.at(Each) : Refused, 0))
+            << MajorFunctionName(Each);
     }
     const OwnedFile OfDevice(Kept, u"");
-    const IO_STATUS_BLOCK Block = SendIrpAndWait(Kept, Plain(IRP_MJ_CREATE, OfDevice));
-    EXPECT_EQ(Block.Status, Refused);
-    EXPECT_EQ(Block.Information, static_cast<ULONG_PTR>(FILE_DOES_NOT_EXIST));
+    EXPECT_THAT(SendIrpAndWait(Kept, Plain(IRP_MJ_CREATE, OfDevice)), Ends(Refused, FILE_DOES_NOT_EXIST));
     EXPECT_EQ(OfDevice->FsContext, nullptr);
     EXPECT_EQ(Provider.Calls(), Lines{});
     EXPECT_EQ(Framework->Log(), Lines{});

@@ -34,8 +34,7 @@ TEST_F(TargetOpens, OpenTheParentAndKeepTheName) {
     for (const auto &Each : Cases) {
         SCOPED_TRACE(ToUtf8(Each.Path));
         const CreateResult Result = Create(Each.Path, AsTarget);
-        ASSERT_EQ(Result.Status, STATUS_SUCCESS);
-        EXPECT_EQ(Result.Information, Each.Information);
+        ASSERT_THAT(Result, Ends(STATUS_SUCCESS, Each.Information));
         EXPECT_EQ(NameOf(Result.Handle), Each.FinalName);
         const PFCB Parent = Fcb(Result.Handle);
         const PINSTANCE_CONTEXT Made = Instance(Result.Handle);
@@ -116,9 +115,7 @@ TEST_F(TargetOpens, CutANameThatDoesNotFitIntoItsFileObject) {
             Stack->Parameters.Create.SecurityContext = &Security;
             Stack->Parameters.Create.Options = FILE_OPEN << 24;
         };
-        const IO_STATUS_BLOCK Opened = SendIrpAndWait(Device(), Builder);
-        EXPECT_EQ(Opened.Status, STATUS_SUCCESS);
-        EXPECT_EQ(Opened.Information, static_cast<ULONG_PTR>(FILE_EXISTS));
+        EXPECT_THAT(SendIrpAndWait(Device(), Builder), Ends(STATUS_SUCCESS, FILE_EXISTS));
         const size_t Units = std::min<size_t>(4, Room / 2);
         EXPECT_EQ(View(File->FileName), std::u16string(u"docs").substr(0, Units));
         EXPECT_EQ(Buffer[Units], Room / 2u > Units ? u'\0' : u'#') << Room;
@@ -145,8 +142,7 @@ TEST_F(TargetOpens, BelowAFileOpenWithoutADirectoryHandle) {
     Open Request = AsTarget;
     Request.Access = FILE_READ_DATA | FILE_READ_ATTRIBUTES | FILE_WRITE_DATA | SYNCHRONIZE;
     const CreateResult Result = Create(u"\\srv\\vol\\a.txt\\new", Request);
-    ASSERT_EQ(Result.Status, STATUS_SUCCESS);
-    EXPECT_EQ(Result.Information, static_cast<ULONG_PTR>(FILE_EXISTS));
+    ASSERT_THAT(Result, Ends(STATUS_SUCCESS, FILE_EXISTS));
     EXPECT_EQ(Instance(Result.Handle)->DirHandle, 0u);
     EXPECT_EQ(Fcb(Result.Handle)->OpenType, OPEN_TYPE_FILE + 0u);
     // It has no handle that the Provider could be asked with.
@@ -185,8 +181,7 @@ TEST_F(TargetOpens, OfAParentThatIsAnOpenFileTakeNothingFromIt) {
 TEST_F(TargetOpens, OfAParentThatCannotBeOpenedTellThatTheTargetIsNotThere) {
     Provider.OnCall(Slot::OpenDirectory).Return(ProviderError(0x0006));
     const CreateResult Result = Create(u"\\srv\\vol\\docs\\f.txt", AsTarget);
-    ASSERT_EQ(Result.Status, STATUS_SUCCESS);
-    EXPECT_EQ(Result.Information, static_cast<ULONG_PTR>(FILE_DOES_NOT_EXIST));
+    ASSERT_THAT(Result, Ends(STATUS_SUCCESS, FILE_DOES_NOT_EXIST));
     EXPECT_EQ(Instance(Result.Handle)->DirHandle, 0u);
     EXPECT_EQ(Instance(Result.Handle)->RelatedHandle, Instance(Result.Handle)->VolumeHandle);
     EXPECT_EQ(Fcb(Result.Handle)->OpenType, OPEN_TYPE_DIRECTORY + 0u);

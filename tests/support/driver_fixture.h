@@ -55,6 +55,13 @@ struct Transfer {
     ULONG_PTR Information;
 };
 
+// What a request, an open or a transfer ended with.
+MATCHER_P2(Ends, Status, Information,
+           fmt::format("ends with 0x{:08X} and {}", static_cast<ULONG>(Status), static_cast<ULONG_PTR>(Information))) {
+    *result_listener << fmt::format("0x{:08X} and {}", static_cast<ULONG>(arg.Status), arg.Information);
+    return arg.Status == Status && arg.Information == static_cast<ULONG_PTR>(Information);
+}
+
 // Options of a start.
 struct StartOptions {
     std::map<std::u16string, ULONG> Switches; // of the service key
