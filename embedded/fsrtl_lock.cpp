@@ -1,9 +1,4 @@
-// Byte-range locks.
-//
-// Who may have what: an exclusive lock is refused when any lock overlaps it, also one of the same owner; a shared
-// lock is refused when an exclusive lock of another owner overlaps it. An owner is a file object, a process and a
-// key together. A range of no bytes at offset X overlaps a range only if it lies strictly inside it: behind its
-// first byte and not behind its last; two of no bytes never overlap.
+// Byte-range locks: requests, and who is granted what when. The table of a file is in fsrtl_lock_table.h.
 //
 // FsRtlProcessFileLock answers what was decided here. What a driver's completion routine makes of it, and completes the
 // request with, is the driver's to know: a lock that it failed was granted all the same, and is taken back.
@@ -15,127 +10,17 @@
 
 #include "embedded/explorer/schedule.h"
 #include "embedded/faults.h"
-#include "embedded/fsrtl_ranges.h"
+#include "embedded/fsrtl_lock_table.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"
 
 #include <algorithm>
-#include <atomic>
-#include <list>
-#include <memory>
-#include <mutex>
 #include <new>
 #include <optional>
 #include <utility>
 
 namespace embedded {
 namespace {
-
-std::atomic<size_t> TableCount = 0;
-std::atomic<size_t> LockCount = 0;
-std::atomic<size_t> WaiterCount = 0;
-
-// ---- Lock table --------------------------------------------------------------------------------------------
-
-struct LockTable;
-
-struct Waiter {
-    Lock Wanted;
-    PIRP Irp;
-    PVOID Context;
-    // Keeps the table for a cancel routine that runs while the table is being torn down.
-    std::shared_ptr<LockTable> Table;
-};
-using WaiterList = std::list<Waiter>;
-
-struct LockTable : std::enable_shared_from_this<LockTable> {
-    LockTable(PFILE_LOCK FileLock)
-        : CompleteLockIrp(FileLock->CompleteLockIrpRoutine), Unlock(FileLock->UnlockRoutine), Attached(FileLock) {
-        ++TableCount;
-    }
-    ~LockTable() {
-        LockCount -= Granted.size();
-        --TableCount;
-    }
-
-    bool ConflictsLocked(const Lock &Wanted) const;
-    LockId GrantLocked(const Lock &Wanted);
-    void RemoveLocked(GrantedLocks::iterator Old);
-
-    const PCOMPLETE_LOCK_IRP_ROUTINE CompleteLockIrp;
-    const PUNLOCK_ROUTINE Unlock;
-
-    std::mutex Mutex;
-    // Guarded by Mutex:
-    PFILE_LOCK Attached; // nullptr once torn down
-    std::shared_ptr<LockTable> Self;
-    GrantedLocks Granted;
-    LocksByRange Shared;
-    LocksByRange Exclusive;
-    LockId NextId = 1;
-    WaiterList Waiters; // in order of arrival
-};
-
-using TableReference = std::shared_ptr<LockTable>;
-
-bool LockTable::ConflictsLocked(const Lock &Wanted) const {
-    if (Wanted.Exclusive) {
-        auto Anyone = [](const Lock &) { return true; };
-        return Shared.AnyOverlap(Wanted.Bytes, Anyone) || Exclusive.AnyOverlap(Wanted.Bytes, Anyone);
-    }
-    return Exclusive.AnyOverlap(Wanted.Bytes, [&](const Lock &Other) { return Other.By != Wanted.By; });
-}
-
-// Throws bad_alloc, having changed nothing.
-LockId LockTable::GrantLocked(const Lock &Wanted) {
-    auto New = Granted.emplace(NextId, Wanted).first;
-    try {
-        (Wanted.Exclusive ? Exclusive : Shared).Add(New);
-    } catch (...) {
-        Granted.erase(New);
-        throw;
-    }
-    ++LockCount;
-    if (Attached != nullptr) {
-        Attached->FastIoIsQuestionable = TRUE;
-    }
-    return NextId++;
-}
-
-void LockTable::RemoveLocked(GrantedLocks::iterator Old) {
-    (Old->second.Exclusive ? Exclusive : Shared).Remove(Old);
-    Granted.erase(Old);
-    --LockCount;
-    if (Attached != nullptr && Granted.empty()) {
-        Attached->FastIoIsQuestionable = FALSE;
-    }
-}
-
-// Requests that may wait come without any lock of the driver's, so two of them may find a file without a table.
-constinit std::mutex AttachMutex;
-
-LockTable *Attachment(PFILE_LOCK FileLock) {
-    return static_cast<LockTable *>(__atomic_load_n(&FileLock->LockInformation, __ATOMIC_ACQUIRE));
-}
-
-// The file's table, or nothing when no lock was ever asked for.
-TableReference ExistingTable(PFILE_LOCK FileLock) {
-    std::lock_guard Hold(AttachMutex);
-    LockTable *Table = Attachment(FileLock);
-    return Table == nullptr ? nullptr : Table->shared_from_this();
-}
-
-// Throws bad_alloc.
-TableReference TableOf(PFILE_LOCK FileLock) {
-    std::lock_guard Hold(AttachMutex);
-    if (LockTable *Table = Attachment(FileLock)) {
-        return Table->shared_from_this();
-    }
-    auto Table = std::make_shared<LockTable>(FileLock);
-    Table->Self = Table;
-    __atomic_store_n(&FileLock->LockInformation, static_cast<PVOID>(Table.get()), __ATOMIC_RELEASE);
-    return Table;
-}
 
 // ---- Completion --------------------------------------------------------------------------------------------
 
@@ -154,14 +39,6 @@ NTSTATUS CompleteLockIrp(PCOMPLETE_LOCK_IRP_ROUTINE Routine, PVOID Context, PIRP
 
 PDRIVER_CANCEL ExchangeCancelRoutine(PIRP Irp, PDRIVER_CANCEL New) {
     return __atomic_exchange_n(&Irp->CancelRoutine, New, __ATOMIC_SEQ_CST);
-}
-
-// Takes a waiter out of its queue. The caller has taken its cancel routine.
-Waiter TakeLocked(WaiterList &Waiters, WaiterList::iterator At) {
-    Waiter Taken = std::move(*At);
-    Waiters.erase(At);
-    --WaiterCount;
-    return Taken;
 }
 
 // A driver that failed the completion of a granted lock does not have it; unless it gave it back itself by now.
@@ -185,7 +62,7 @@ std::optional<Grant> GrantNextLocked(LockTable &Table) {
         if (Table.ConflictsLocked(At->Wanted) || ExchangeCancelRoutine(At->Irp, nullptr) == nullptr) {
             continue;
         }
-        Waiter Next = TakeLocked(Table.Waiters, At);
+        Waiter Next = Table.TakeLocked(At);
         try {
             if (ShouldFail(FaultKind::Pool)) {
                 throw std::bad_alloc();
@@ -227,7 +104,7 @@ VOID NTAPI CancelWaiting(PDEVICE_OBJECT, PIRP Irp) noexcept {
         std::lock_guard Hold(Table->Mutex);
         for (auto At = Table->Waiters.begin(); At != Table->Waiters.end(); ++At) {
             if (At->Irp == Irp) {
-                Cancelled = TakeLocked(Table->Waiters, At);
+                Cancelled = Table->TakeLocked(At);
                 break;
             }
         }
@@ -255,13 +132,12 @@ struct Decision {
 // Queues a request that has to wait. Under the table's mutex from the look at Irp->Cancel to the mark: a canceller
 // cannot complete the request before it is marked pending.
 NTSTATUS QueueLocked(const TableReference &Table, const Lock &Wanted, PIRP Irp, PVOID Context) {
-    Table->Waiters.push_back({Wanted, Irp, Context, Table});
-    ++WaiterCount;
+    Table->QueueLocked({Wanted, Irp, Context, Table});
     Irp->IoStatus.Information = reinterpret_cast<ULONG_PTR>(Table.get());
     IoMarkIrpPending(Irp);
     ExchangeCancelRoutine(Irp, CancelWaiting);
     if (__atomic_load_n(&Irp->Cancel, __ATOMIC_SEQ_CST) && ExchangeCancelRoutine(Irp, nullptr) != nullptr) {
-        TakeLocked(Table->Waiters, std::prev(Table->Waiters.end()));
+        Table->TakeLocked(std::prev(Table->Waiters.end()));
         return STATUS_CANCELLED;
     }
     return STATUS_PENDING;
@@ -371,7 +247,7 @@ std::optional<Waiter> TakeWaiter(const TableReference &Table, Predicate Counts) 
     std::lock_guard Hold(Table->Mutex);
     for (auto At = Table->Waiters.begin(); At != Table->Waiters.end(); ++At) {
         if (Counts(*At) && ExchangeCancelRoutine(At->Irp, nullptr) != nullptr) {
-            return TakeLocked(Table->Waiters, At);
+            return Table->TakeLocked(At);
         }
     }
     return std::nullopt;
@@ -432,7 +308,8 @@ size_t WaitingFileLocks(PFILE_LOCK FileLock) {
 }
 
 FsRtlCounts CountFsRtl() {
-    return {TableCount.load(), LockCount.load(), WaiterCount.load(), NotifySyncsInUse()};
+    const LockCounts Locks = CountLocks();
+    return {Locks.Tables, Locks.Locks, Locks.Waiters, NotifySyncsInUse()};
 }
 
 } // namespace embedded
@@ -460,11 +337,7 @@ VOID NTAPI FsRtlUninitializeFileLock(PFILE_LOCK FileLock) noexcept {
     while (auto Ended = TakeWaiter(Table, [](const Waiter &) { return true; })) {
         CompleteLockIrp(Table->CompleteLockIrp, Ended->Context, Ended->Irp, STATUS_RANGE_NOT_LOCKED);
     }
-    std::lock_guard HoldAttach(AttachMutex);
-    std::lock_guard Hold(Table->Mutex);
-    FileLock->LockInformation = nullptr;
-    Table->Attached = nullptr;
-    Table->Self.reset();
+    Detach(FileLock, *Table);
 }
 
 NTSTATUS NTAPI FsRtlProcessFileLock(PFILE_LOCK FileLock, PIRP Irp, PVOID Context) noexcept {
