@@ -6,7 +6,6 @@
 
 #include <sys/mman.h>
 
-#include "embedded/ps.h"
 #include "frame/driver.h"
 #include "tests/driver/lock_client.h"
 

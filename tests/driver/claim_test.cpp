@@ -1,6 +1,5 @@
 // The control device: prefix claims of the multiple UNC provider, other controls, and opens of the device itself.
 
-#include "embedded/ps.h"
 #include "tests/driver/frame_client.h"
 
 namespace {

@@ -2,7 +2,6 @@
 // handles; and with the close: its Provider handles, a pending delete, its FCB.
 
 #include "embedded/fsrtl.h"
-#include "embedded/ps.h"
 #include "tests/driver/lock_client.h"
 #include "tests/driver/request_log.h"
 

@@ -1,8 +1,6 @@
 // Every kind of open with every failure: of the Provider, of memory, of resources. Nothing may be left, and no success
 // may be claimed that the Provider did not give.
 
-#include <tuple>
-
 #include "tests/driver/create_client.h"
 
 namespace {

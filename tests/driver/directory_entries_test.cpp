@@ -1,7 +1,5 @@
 // What the entries of a listing say, and batches of the Provider that are none.
 
-#include <algorithm>
-
 #include "tests/driver/listing_client.h"
 
 namespace {

@@ -5,7 +5,6 @@
 #include <set>
 #include <sstream>
 
-#include "embedded/ex.h"
 #include "tests/driver/listing_client.h"
 
 namespace {

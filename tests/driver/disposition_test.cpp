@@ -1,8 +1,6 @@
 // The delete disposition: who may ask for it, who is refused, and who carries it out.
 
-#include <algorithm>
 #include <numeric>
-#include <tuple>
 
 #include "tests/driver/set_client.h"
 

@@ -2,7 +2,6 @@
 // that are not the driver's, and what becomes of a request when there is no memory for it.
 
 #include "embedded/mm.h"
-#include "embedded/ps.h"
 #include "frame/entry.h"
 #include "provider/binding.h"
 #include "provider/provider_calls.h"

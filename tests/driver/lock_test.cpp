@@ -3,7 +3,6 @@
 #include <pthread.h>
 
 #include "embedded/fsrtl.h"
-#include "embedded/ps.h"
 #include "tests/driver/lock_client.h"
 
 namespace {

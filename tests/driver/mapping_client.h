@@ -1,7 +1,6 @@
 // A client of the published class: it maps letters as the users and sessions of a machine do.
 #pragma once
 
-#include "embedded/ps.h"
 #include "embedded/se.h"
 #include "embedded/verifier/rules.h"
 #include "mapping/drive_mapping.h"

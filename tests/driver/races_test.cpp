@@ -3,7 +3,6 @@
 
 #include <iostream>
 
-#include "embedded/ex.h"
 #include "embedded/explorer/explorer.h"
 #include "embedded/explorer/schedule.h"
 #include "frame/async_queue.h"

@@ -3,9 +3,7 @@
 #include <utility>
 
 #include "close/close.h"
-#include "embedded/ex.h"
 #include "embedded/mup.h"
-#include "embedded/ps.h"
 #include "frame/diagnostics.h"
 #include "frame/driver.h"
 #include "provider/binding.h"

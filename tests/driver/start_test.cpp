@@ -1,10 +1,8 @@
 // The driver's start: switches, device, registration, what every failure leaves, and the thread that opens the device
 // up.
 
-#include "embedded/ex.h"
 #include "embedded/mm.h"
 #include "embedded/mup.h"
-#include "embedded/ps.h"
 #include "frame/driver.h"
 #include "frame/fast_io.h"
 #include "frame/irp_context.h"

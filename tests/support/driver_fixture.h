@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <filesystem>
@@ -14,13 +15,16 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <fmt/format.h>
 
+#include "embedded/ex.h"
 #include "embedded/faults.h"
 #include "embedded/io.h"
 #include "embedded/kernel.h"
+#include "embedded/ps.h"
 #include "embedded/zw.h"
 #include "names/fcb.h"
 #include "providers/framework/framework.h"
