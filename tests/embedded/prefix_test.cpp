@@ -1,5 +1,6 @@
 #include "embedded/rtl.h"
 
+#include "embedded/ob.h"
 #include "embedded/upcase.h"
 
 #include <algorithm>
@@ -13,14 +14,9 @@
 namespace embedded {
 namespace {
 
-UNICODE_STRING StringOver(std::u16string &Text) {
-    auto Bytes = static_cast<USHORT>(Text.size() * sizeof(WCHAR));
-    return {Bytes, Bytes, Text.data()};
-}
-
 // A name with its entry, in the table or out of it.
 struct Name {
-    explicit Name(std::u16string Spelling) : Text(std::move(Spelling)), String(StringOver(Text)) {
+    explicit Name(std::u16string Spelling) : Text(std::move(Spelling)), String(ToUnicodeString(Text)) {
     }
     Name(const Name &) = delete;
 
@@ -67,7 +63,7 @@ protected:
 
     // The name that Find returns for Text, "(none)" when there is none.
     std::u16string Find(std::u16string Text, ULONG CaseInsensitiveIndex = 0) {
-        UNICODE_STRING FullName = StringOver(Text);
+        UNICODE_STRING FullName = ToUnicodeString(Text);
         auto *Found = RtlFindUnicodePrefix(&Table_, &FullName, CaseInsensitiveIndex);
         return Found == nullptr ? u"(none)"
                                 : std::u16string(Found->Prefix->Buffer, Found->Prefix->Length / sizeof(WCHAR));
@@ -245,7 +241,7 @@ TEST(PrefixTableProperty, AgreesWithAPlainListOverRandomNames) {
                 Pool.pop_back();
             }
             std::u16string FullName = RandomPath(Random);
-            UNICODE_STRING String = StringOver(FullName);
+            UNICODE_STRING String = ToUnicodeString(FullName);
             ULONG CaseIndex = Random() % 3 == 0 ? Random() % 8 : 0;
             auto *Found = RtlFindUnicodePrefix(&Table, &String, CaseIndex);
             std::vector<Name *> Expected = Naive.Find(FullName, CaseIndex);

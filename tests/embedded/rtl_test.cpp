@@ -1,5 +1,6 @@
 #include "embedded/rtl.h"
 
+#include "embedded/ob.h"
 #include "embedded/upcase.h"
 
 #include <gtest/gtest.h>
@@ -7,11 +8,6 @@
 
 namespace embedded {
 namespace {
-
-UNICODE_STRING StringOver(std::u16string_view Text) {
-    auto Bytes = static_cast<USHORT>(Text.size() * sizeof(WCHAR));
-    return {Bytes, Bytes, const_cast<PWSTR>(Text.data())};
-}
 
 TEST(Upcase, FoldsUnitsOneToOneAndLeavesTheRestAlone) {
     const struct {
@@ -60,7 +56,7 @@ TEST(RtlEqualUnicodeString, ComparesWholeStringsWithOrWithoutCase) {
         {u"file", u"f\u0131le", false, false},
     };
     for (const auto &Case : Cases) {
-        UNICODE_STRING One = StringOver(Case.One), Two = StringOver(Case.Two);
+        UNICODE_STRING One = ToUnicodeString(Case.One), Two = ToUnicodeString(Case.Two);
         EXPECT_EQ(RtlEqualUnicodeString(&One, &Two, FALSE), Case.Equal);
         EXPECT_EQ(RtlEqualUnicodeString(&One, &Two, TRUE), Case.EqualIgnoringCase);
     }
