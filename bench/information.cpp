@@ -33,7 +33,7 @@ constexpr ULONG AnswerBytes = 1024;
 // An open file and the request that asks about it.
 class Asker {
 public:
-    Asker() : Handle_(Open(FilePath(0))), File_(embedded::FileObjectFromHandle(Handle_)) {
+    Asker() : Handle_(Open(FilePath(NeverWritten))), File_(embedded::FileObjectFromHandle(Handle_)) {
     }
     ~Asker() {
         embedded::DereferenceFileObject(File_);
@@ -101,7 +101,7 @@ void FileDirect(benchmark::State &State, ProviderKind Kind, bool WithIdentifier)
     UseRecorded(Kind);
     {
         Asker Through;
-        const DirectFile File = OpenDirect(FilePath(0));
+        const DirectFile File = OpenDirect(FilePath(NeverWritten));
         for (const FileClass &One : Classes) {
             if (One.WithIdentifier == WithIdentifier) {
                 Require(DifferenceBetween([&] { Through.AskFile(One.Number); },
@@ -111,7 +111,7 @@ void FileDirect(benchmark::State &State, ProviderKind Kind, bool WithIdentifier)
         CloseDirect(File);
     }
     Use(Kind);
-    const DirectFile File = OpenDirect(FilePath(0));
+    const DirectFile File = OpenDirect(FilePath(NeverWritten));
     for (auto _ : State) {
         CallsOfFileQuery(File, WithIdentifier);
     }
@@ -119,7 +119,7 @@ void FileDirect(benchmark::State &State, ProviderKind Kind, bool WithIdentifier)
 }
 
 void VolumeDirect(benchmark::State &State, ProviderKind Kind) {
-    const std::u16string Path = FilePath(0);
+    const std::u16string Path = FilePath(NeverWritten);
     UseRecorded(Kind);
     {
         Asker Through;

@@ -11,14 +11,14 @@ namespace {
 
 void ThroughDriver(benchmark::State &State, ProviderKind Kind, DriverKind Driver) {
     Use(Kind, Driver);
-    const std::u16string Path = FilePath(0);
+    const std::u16string Path = FilePath(NeverWritten);
     for (auto _ : State) {
         Close(Open(Path));
     }
 }
 
 void ProviderCalls(benchmark::State &State, ProviderKind Kind) {
-    const std::u16string Path = FilePath(0);
+    const std::u16string Path = FilePath(NeverWritten);
     UseRecorded(Kind);
     const std::string Difference =
         DifferenceBetween([&Path] { Close(Open(Path)); }, [&Path] { CallsOfOpenAndClose(Path); });
@@ -32,7 +32,7 @@ void ProviderCalls(benchmark::State &State, ProviderKind Kind) {
 }
 
 void Native(benchmark::State &State) {
-    const std::string Path = NativePath(0);
+    const std::string Path = NativePath(NeverWritten);
     for (auto _ : State) {
         close(open(Path.c_str(), O_RDONLY | O_CLOEXEC));
     }

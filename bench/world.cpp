@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <thread>
 #include <utility>
 
 #include <fmt/format.h>
@@ -59,6 +60,8 @@ public:
         for (unsigned Index = 0; Index < NativeFiles; ++Index) {
             std::ofstream(Root_ / RelativeName(Index)) << std::string(TransferBytes, 'x');
         }
+        // What changed in the last two seconds, the Provider asks for each time.
+        std::this_thread::sleep_for(std::chrono::milliseconds(2500));
     }
     ~NativeTree() {
         std::error_code Ignored;

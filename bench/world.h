@@ -46,6 +46,8 @@ void StopWorld();
 RVIOM_FSD *Provider();
 PDEVICE_OBJECT Device();
 RV_SECURITY_CONTEXT *Security();
+// A file that no benchmark writes to: nothing that changed in the last moments has to be asked for again with it.
+inline constexpr unsigned NeverWritten = 63;
 // A path that names the same file for the driver ("\srv\vol\...").
 std::u16string FilePath(unsigned Index);
 // The same file's name in the local file system, for the native calls. It has TransferBytes bytes.
