@@ -10,6 +10,7 @@
 
 #include "providers/directory/collision_names.h"
 #include "providers/directory/directory_reader.h"
+#include "providers/directory/name_order.h"
 #include "providers/directory/names.h"
 #include "text/upcase.h"
 
@@ -82,7 +83,9 @@ DirectoryIndex::~DirectoryIndex() {
 }
 
 void DirectoryIndex::Clear() {
-    Names_ -= Items_.size() - Free_.size();
+    if (Known_) { // or they were not counted yet
+        Names_ -= Items_.size() - Free_.size();
+    }
     Items_.clear();
     Free_.clear();
     Table_.clear();
@@ -90,7 +93,7 @@ void DirectoryIndex::Clear() {
     Bytes_.clear();
     Garbage_ = 0;
     Order_.clear();
-    Shorts_.clear();
+    ShortTable_.clear();
     ShortTexts_.clear();
     KnowsShorts_ = false;
     Known_ = false;
@@ -115,33 +118,48 @@ void DirectoryIndex::ForHash(uint32_t Hash, Visitor Visit) const {
     }
 }
 
-void DirectoryIndex::Grow() {
-    const size_t Live = Items_.size() - Free_.size();
+// Makes the table anew, for all items. One that has the name of another is left out.
+void DirectoryIndex::MakeTable() {
     size_t Size = 16;
-    while (Size < Live * 2 + 2) {
+    while (Size < (Items_.size() - Free_.size()) * 2 + 2) {
         Size *= 2;
     }
     Table_.assign(Size, 0);
     TableUsed_ = 0;
     for (uint32_t Index = 0; Index < Items_.size(); ++Index) {
-        if (Items_[Index].Size != 0) {
-            size_t At = Items_[Index].Hash & (Size - 1);
-            while (Table_[At] != 0) {
-                At = (At + 1) & (Size - 1);
+        Item &Each = Items_[Index];
+        size_t At = Each.Hash & (Size - 1);
+        bool Known = Each.Size == 0;
+        for (; !Known && Table_[At] != 0; At = (At + 1) & (Size - 1)) {
+            const Item &Other = Items_[Table_[At] - 1];
+            if (Other.Hash == Each.Hash && NameOf(Other) == NameOf(Each)) {
+                Known = true;
+                Each.Size = 0;
+                Free_.push_back(Index);
             }
+        }
+        if (!Known) {
             Table_[At] = Index + 1;
             ++TableUsed_;
         }
     }
 }
 
-void DirectoryIndex::Add(std::string_view Native, unsigned char Type) {
-    if (Native.empty() || Native.size() > UINT16_MAX || Bytes_.size() + Native.size() > UINT32_MAX) {
-        return;
-    }
+uint32_t DirectoryIndex::HashOfName(std::string_view Native) {
     Scratch_.clear();
     AppendFolded(Native, Scratch_);
-    const uint32_t Hash = HashOf(Scratch_);
+    return HashOf(Scratch_);
+}
+
+bool DirectoryIndex::HasRoomFor(std::string_view Native) const {
+    return !Native.empty() && Native.size() <= UINT16_MAX && Bytes_.size() + Native.size() <= UINT32_MAX;
+}
+
+void DirectoryIndex::Add(std::string_view Native, unsigned char Type) {
+    if (!HasRoomFor(Native)) {
+        return;
+    }
+    const uint32_t Hash = HashOfName(Native);
     bool Known = false;
     ForHash(Hash, [&](uint32_t Index) {
         Known = NameOf(Items_[Index]) == Native;
@@ -167,7 +185,7 @@ void DirectoryIndex::Add(std::string_view Native, unsigned char Type) {
     Order_.clear();
     KnowsShorts_ = false;
     if ((TableUsed_ + 1) * 4 > Table_.size() * 3) {
-        Grow();
+        MakeTable();
         return;
     }
     size_t At = Hash & (Table_.size() - 1);
@@ -179,9 +197,7 @@ void DirectoryIndex::Add(std::string_view Native, unsigned char Type) {
 }
 
 void DirectoryIndex::Remove(std::string_view Native) {
-    Scratch_.clear();
-    AppendFolded(Native, Scratch_);
-    const uint32_t Hash = HashOf(Scratch_);
+    const uint32_t Hash = HashOfName(Native);
     const size_t Mask = Table_.size() - 1;
     for (size_t At = Hash & Mask; !Table_.empty() && Table_[At] != 0; At = (At + 1) & Mask) {
         if (Table_[At] != Gone && NameOf(Items_[Table_[At] - 1]) == Native) {
@@ -215,14 +231,28 @@ void DirectoryIndex::Tidy() {
     Garbage_ = 0;
 }
 
-RVSTATUS DirectoryIndex::Scan(int Fd) {
+// Bytes is the directory's size, which is 20 for each entry or more where it is of any use.
+RVSTATUS DirectoryIndex::Scan(int Fd, off_t Bytes) {
+    constexpr off_t MostExpected = 1 << 20;
     Clear();
     ++Scans_;
-    const int Error = ReadDirectory(Fd, [this](std::string_view Name, unsigned char Type) { Add(Name, Type); });
+    Items_.reserve(static_cast<size_t>(std::clamp<off_t>(Bytes / 20, 0, MostExpected)));
+    const int Error = ReadDirectory(Fd, [this](std::string_view Name, unsigned char Type) {
+        if (HasRoomFor(Name)) {
+            Items_.push_back({static_cast<uint32_t>(Bytes_.size()), HashOfName(Name),
+                              static_cast<uint16_t>(Name.size()), Type, false});
+            Bytes_.append(Name);
+        }
+    });
     if (Error != 0) {
         Clear();
         return StatusFromErrno(Error);
     }
+    if (Items_.capacity() > 2 * Items_.size() + 16) {
+        Items_.shrink_to_fit();
+    }
+    MakeTable();
+    Names_ += Items_.size() - Free_.size();
     Known_ = true;
     return RVSTATUS::Success;
 }
@@ -278,7 +308,7 @@ RVSTATUS DirectoryIndex::Refresh(int Fd) {
     clock_gettime(CLOCK_REALTIME, &ScannedAt_);
     Modified_ = Stat.st_mtim;
     Changed_ = Stat.st_ctim;
-    return Scan(Fd);
+    return Scan(Fd, Stat.st_size);
 }
 
 RVSTATUS DirectoryIndex::Find(int Fd, std::u16string_view Served, std::string_view Native, FoundName &Out) {
@@ -340,49 +370,51 @@ RVSTATUS DirectoryIndex::Find(int Fd, std::u16string_view Served, std::string_vi
     return Short != None ? Take(Short, false) : Failure(CODE_NO_SUCH_FILE);
 }
 
-// Makes the list of short names, of those that lead to one entry: one that several have, or that is somebody's own
-// name, leads to none.
+// The place of a short name in its table, or where it would be put.
+size_t DirectoryIndex::PlaceOfShort(std::u16string_view Short) const {
+    const size_t Mask = ShortTable_.size() - 1;
+    size_t At = HashOf(Short) & Mask;
+    while (ShortTable_[At] != 0 && ShortTexts_[ShortTable_[At] - 1].View() != Short) {
+        At = (At + 1) & Mask;
+    }
+    return At;
+}
+
+// Makes the short names, of those that lead to one entry: one that several have, or that is somebody's own name, leads
+// to none.
 void DirectoryIndex::NeedShorts() {
     if (KnowsShorts_) {
         return;
     }
-    Shorts_.clear();
-    Shorts_.reserve(Items_.size() - Free_.size());
     ShortTexts_.assign(Items_.size(), {});
+    ShortTable_.assign(Table_.size(), 0);
+    std::vector<uint32_t> Useless;
     for (uint32_t Index = 0; Index < Items_.size(); ++Index) {
-        if (Items_[Index].Size != 0) {
-            ShortTexts_[Index] = ShortName(NameOf(Items_[Index]));
-            if (!ShortTexts_[Index].empty()) {
-                Shorts_.emplace_back(HashOf(ShortTexts_[Index]), Index);
+        if (Items_[Index].Size == 0) {
+            continue;
+        }
+        const ShortText Short = ShortName(NameOf(Items_[Index]));
+        if (Short.empty()) {
+            continue;
+        }
+        uint32_t &Place = ShortTable_[PlaceOfShort(Short)];
+        if (Place == 0) {
+            Place = Index + 1;
+            ShortTexts_[Index] = Short;
+        } else {
+            Useless.push_back(Place - 1);
+        }
+    }
+    for (const Item &Each : Items_) {
+        if (NameOf(Each).find('~') != std::string_view::npos && CanBeShort(FoldedOf(Each))) {
+            if (const uint32_t Place = ShortTable_[PlaceOfShort(Scratch_)]; Place != 0) {
+                Useless.push_back(Place - 1);
             }
         }
     }
-    std::sort(Shorts_.begin(), Shorts_.end());
-    std::vector<std::u16string> Texts; // of those with one hash
-    for (auto First = Shorts_.begin(), End = First; First != Shorts_.end(); First = End) {
-        while (End != Shorts_.end() && End->first == First->first) {
-            ++End;
-        }
-        Texts.clear();
-        for (auto At = First; End - First > 1 && At != End; ++At) {
-            Texts.emplace_back(ShortTexts_[At->second]);
-        }
-        std::sort(Texts.begin(), Texts.end());
-        for (auto At = First; At != End; ++At) {
-            ShortText &Short = ShortTexts_[At->second];
-            bool Taken = false;
-            if (!Texts.empty()) {
-                const auto [Low, High] = std::equal_range(Texts.begin(), Texts.end(), Short.View());
-                Taken = High - Low > 1;
-            }
-            ForHash(At->first, [&](uint32_t Own) {
-                Taken = Taken || FoldedOf(Items_[Own]) == Short.View();
-                return !Taken;
-            });
-            if (Taken) {
-                Short = {};
-            }
-        }
+    // What one is left without stays in its place, so that those behind are found.
+    for (const uint32_t Index : Useless) {
+        ShortTexts_[Index] = {};
     }
     KnowsShorts_ = true;
 }
@@ -393,66 +425,19 @@ uint32_t DirectoryIndex::ByShort(std::u16string_view Short) {
         return None;
     }
     NeedShorts();
-    const uint32_t Hash = HashOf(Short);
-    for (auto At = std::lower_bound(Shorts_.begin(), Shorts_.end(), std::pair{Hash, 0u});
-         At != Shorts_.end() && At->first == Hash; ++At) {
-        if (ShortTexts_[At->second].View() == Short) {
-            return At->second;
-        }
-    }
-    return None;
+    return ShortTable_[PlaceOfShort(Short)] - 1; // nothing is None
 }
 
 void DirectoryIndex::Sort() {
     if (!Order_.empty()) {
         return;
     }
-    // The folded names one behind the other, and in each key the first units in which they differ at all.
-    std::u16string Text;
-    struct Key {
-        uint64_t Head;
-        uint32_t At;
-        uint32_t Size;
-        uint32_t Index;
-    };
-    std::vector<Key> Keys;
-    Keys.reserve(Items_.size());
-    Text.reserve(Bytes_.size());
-    for (uint32_t Index = 0; Index < Items_.size(); ++Index) {
-        if (Items_[Index].Size != 0) {
-            const size_t At = Text.size();
-            AppendFolded(NameOf(Items_[Index]), Text);
-            Keys.push_back({0, static_cast<uint32_t>(At), static_cast<uint32_t>(Text.size() - At), Index});
-        }
-    }
-    const auto View = [&](const Key &Each) { return std::u16string_view(Text).substr(Each.At, Each.Size); };
-    size_t Common = Keys.empty() ? 0 : Keys[0].Size;
-    for (const Key &Each : Keys) {
-        Common = std::min<size_t>(Common, Each.Size);
-        while (memcmp(&Text[Keys[0].At], &Text[Each.At], Common * sizeof(char16_t)) != 0) {
-            --Common;
-        }
-    }
-    for (Key &Each : Keys) {
-        for (size_t Unit = 0; Unit < sizeof(Each.Head) / sizeof(char16_t); ++Unit) {
-            Each.Head = Each.Head << 16 | (Common + Unit < Each.Size ? Text[Each.At + Common + Unit] : 0u);
-        }
-    }
-    std::sort(Keys.begin(), Keys.end(), [&](const Key &Left, const Key &Right) {
-        if (Left.Head != Right.Head) {
-            return Left.Head < Right.Head;
-        }
-        const int Order = View(Left).substr(Common).compare(View(Right).substr(Common));
-        return Order != 0 ? Order < 0 : NameOf(Items_[Left.Index]) < NameOf(Items_[Right.Index]);
-    });
-    Order_.reserve(Keys.size());
-    for (size_t At = 0; At < Keys.size(); ++At) {
-        const auto IsSame = [&](const Key &Other) {
-            return Other.Head == Keys[At].Head && View(Other) == View(Keys[At]);
-        };
-        const bool Alone = (At == 0 || !IsSame(Keys[At - 1])) && (At + 1 == Keys.size() || !IsSame(Keys[At + 1]));
-        Items_[Keys[At].Index].IsAlone = Alone;
-        Order_.push_back(Keys[At].Index);
+    const auto Sorted = SortNames(static_cast<uint32_t>(Items_.size()), Bytes_.size(),
+                                  [this](uint32_t Index) { return NameOf(Items_[Index]); });
+    Order_.reserve(Sorted.size());
+    for (const SortedName &Each : Sorted) {
+        Items_[Each.Index].IsAlone = Each.IsAlone;
+        Order_.push_back(Each.Index);
     }
 }
 

@@ -1,9 +1,9 @@
 // The names of one directory, to be found in any case, and in order.
 //
-// A name costs its bytes, twelve more and a place in a hash table, its place in order once it was listed, and 34 bytes
-// once short names were asked for; nothing is kept folded. The names are read once and then kept right by what the
-// event log tells. Where nothing is told they are believed only while the directory's time stamps stand still and are
-// older than any file system's stamps are coarse.
+// A name costs its bytes, twelve more and a place in a hash table, its place in order once it was listed, and about
+// 36 bytes once short names were asked for; nothing is kept folded. The names are read once and then kept right by what
+// the event log tells. Where nothing is told they are believed only while the directory's time stamps stand still and
+// are older than any file system's stamps are coarse.
 //
 // Locks: one mutex an index, held while its directory is read; the event log's is taken under it. Safe for concurrent
 // calls. A directory that does not answer holds up those that ask for it and nobody else.
@@ -84,13 +84,16 @@ private:
 
     RVSTATUS Refresh(int Fd);
     bool Apply(int Fd);
-    RVSTATUS Scan(int Fd);
+    RVSTATUS Scan(int Fd, off_t Bytes);
     void Clear();
     void Add(std::string_view Native, unsigned char Type);
     void Remove(std::string_view Native);
-    void Grow();
+    bool HasRoomFor(std::string_view Native) const;
+    uint32_t HashOfName(std::string_view Native);
+    void MakeTable();
     void Tidy();
     void NeedShorts();
+    size_t PlaceOfShort(std::u16string_view Short) const;
     uint32_t ByShort(std::u16string_view Short);
     std::string_view NameOf(const Item &Each) const {
         return std::string_view(Bytes_).substr(Each.At, Each.Size);
@@ -112,10 +115,10 @@ private:
     std::string Bytes_;
     size_t Garbage_ = 0; // bytes of names that went
     std::u16string Scratch_;
-    std::vector<NameChange> Changes_;                   // told and not applied yet
-    std::vector<uint32_t> Order_;                       // items by their folded names; empty = not known
-    std::vector<std::pair<uint32_t, uint32_t>> Shorts_; // hash of the short name and item, sorted
-    std::vector<ShortText> ShortTexts_;                 // by item; empty for one that its short name does not lead to
+    std::vector<NameChange> Changes_;   // told and not applied yet
+    std::vector<uint32_t> Order_;       // items by their folded names; empty = not known
+    std::vector<uint32_t> ShortTable_;  // item + 1, by its short name, 0 = none; as large as Table_ was
+    std::vector<ShortText> ShortTexts_; // by item; empty for one that its short name does not lead to
     bool KnowsShorts_ = false;
     int Watch_ = -1;
     std::atomic<bool> Known_ = false; // changed under the mutex

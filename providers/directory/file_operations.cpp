@@ -203,8 +203,51 @@ RVSTATUS CreateNew(State &Provider, const Place &At, Resolved &Missing, const Re
     return RVSTATUS::Success;
 }
 
-// One attempt: what the caller has just asked about, then the exact spelling, then the look-up in any case for what the
-// file system does not know.
+// What At.Path leads to: as it is spelled, in bytes Exact if it can be that of an entry, which is used up, or else in
+// any case, for which what the file system does not know is looked up. There is what was found; an error with
+// Found.Exists is that of a name that is known and could not be looked at.
+RVSTATUS FindEntry(const Place &At, std::optional<std::string> &Exact, bool Creates, Resolved &Found, Looked &There) {
+    NameCache &Names = At.Volume->Names;
+    const bool MayBeKnown = Exact && At.Volume->How == Confinement::Kernel;
+    const bool Otherwise = MayBeKnown && Names.WasOtherwiseSpelled(At.Ref, *Exact);
+    if (Otherwise && Names.ResolveKnown(At.Ref, At.Path, *Exact, Found) && Found.Exists && Found.Path() != *Exact) {
+        return StatusFromLookup(LookAt(At, Found.Path(), There));
+    }
+    // What is not there may be a link that leads nowhere: the look-up knows.
+    int Error = Exact ? LookThrough(At, *Exact, There) : ENOENT;
+    if (Error != 0 && Error != ENOENT) {
+        Error = LookAt(At, *Exact, There);
+    }
+    if (Error == 0) {
+        if (Otherwise) {
+            Names.NoteOtherwiseSpelled(At.Ref, *Exact, false);
+        }
+        Found = {};
+        Found.Name = std::move(*Exact);
+        Found.Exists = true;
+        return RVSTATUS::Success;
+    }
+    Found.Exists = false;
+    if (Error != ENOENT && Error != ENOTDIR) {
+        return StatusFromLookup(Error);
+    }
+    const bool Missing = Exact && Error == ENOENT;
+    if (!Missing || !MayBeKnown || Creates || !Names.ResolveKnown(At.Ref, At.Path, *Exact, Found)) {
+        if (const RVSTATUS Status = Names.Resolve(At.Ref, At.Path, Found, Missing); RvIsError(Status)) {
+            Found.Exists = false; // whatever a directory before it was
+            return Status;
+        }
+    }
+    if (!Found.Exists) {
+        return RVSTATUS::Success;
+    }
+    if (Missing) {
+        Names.NoteOtherwiseSpelled(At.Ref, *Exact, true);
+    }
+    return StatusFromLookup(LookAt(At, Found.Path(), There));
+}
+
+// One attempt: what the caller has just asked about, then what there is.
 RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Result &Out) {
     Resolved Found;
     Looked There;
@@ -222,43 +265,23 @@ RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Resul
         BeginQuery(At);
     }
     std::optional<std::string> Exact = NativePath(At.Path);
-    if (Exact && Wanted.Creates() && TakeMissing(At) && At.Volume->Names.OpenHolder(At.Ref, *Exact, Found)) {
-        return CreateNew(Provider, At, Found, Wanted, Out);
-    }
     if (Exact && Exact->empty()) {
         return Wanted.Disposition == RV_DISPOSITION_CREATE_NEW ? Failure(CODE_EXISTS) : Failure(CODE_IS_A_DIRECTORY);
     }
-    // What is not there may be a link that leads nowhere: the look-up knows.
-    int Error = Exact ? LookThrough(At, *Exact, There) : ENOENT;
-    if (Error != 0 && Error != ENOENT) {
-        Error = LookAt(At, *Exact, There);
+    if (Exact && Wanted.Creates() && TakeMissing(At) && At.Volume->Names.OpenHolder(At.Ref, *Exact, Found)) {
+        return CreateNew(Provider, At, Found, Wanted, Out);
     }
-    if (Error == 0) {
-        Found.Name = std::move(*Exact);
+    if (const RVSTATUS Status = FindEntry(At, Exact, Wanted.Creates(), Found, There); RvIsError(Status)) {
+        Out.Again = Found.Exists && There.Error == ENOENT; // it went just now
+        return Status;
+    }
+    if (Found.Exists) {
         return OpenExisting(Provider, At, PathFromRoot(At, std::move(Found)), There, Wanted, Out);
     }
-    if (Error != ENOENT && Error != ENOTDIR) {
-        return StatusFromLookup(Error);
-    }
-    const bool Missing = Exact && Error == ENOENT;
-    if (!Missing || Wanted.Creates() || At.Volume->How != Confinement::Kernel ||
-        !At.Volume->Names.ResolveKnown(At.Ref, At.Path, *Exact, Found)) {
-        if (const RVSTATUS Status = At.Volume->Names.Resolve(At.Ref, At.Path, Found, Missing); RvIsError(Status)) {
-            return Status;
-        }
-    }
-    if (!Found.Exists && Wanted.Query()) {
+    if (Wanted.Query()) {
         NoteMissing(At);
     }
-    if (!Found.Exists) {
-        return Wanted.Creates() ? CreateNew(Provider, At, Found, Wanted, Out) : Failure(CODE_NO_SUCH_FILE);
-    }
-    Error = LookAt(At, Found.Path(), There);
-    if (Error != 0) {
-        Out.Again = Error == ENOENT; // it went just now
-        return StatusFromLookup(Error);
-    }
-    return OpenExisting(Provider, At, PathFromRoot(At, std::move(Found)), There, Wanted, Out);
+    return Wanted.Creates() ? CreateNew(Provider, At, Found, Wanted, Out) : Failure(CODE_NO_SUCH_FILE);
 }
 
 RVSTATUS OpenOrCreate(State &Provider, const Place &At, const Request &Wanted, Result &Out) {

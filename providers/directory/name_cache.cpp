@@ -221,6 +221,20 @@ bool NameCache::ResolveKnown(const DirectoryRef &Base, std::u16string_view Path,
     return Found.Told && (Out.Exists || Status == Failure(CODE_NO_SUCH_FILE));
 }
 
+size_t NameCache::HashOf(const DirectoryRef &Base, const std::string &Exact) {
+    return std::hash<std::string_view>()(Exact) ^ ObjectKeyHash()(Base.Key);
+}
+
+bool NameCache::WasOtherwiseSpelled(const DirectoryRef &Base, const std::string &Exact) const {
+    const size_t Hash = HashOf(Base, Exact);
+    return Otherwise_[Hash % Otherwise_.size()].load(std::memory_order_relaxed) == static_cast<uint32_t>(Hash >> 32);
+}
+
+void NameCache::NoteOtherwiseSpelled(const DirectoryRef &Base, const std::string &Exact, bool IsSo) {
+    const size_t Hash = HashOf(Base, Exact);
+    Otherwise_[Hash % Otherwise_.size()].store(IsSo ? static_cast<uint32_t>(Hash >> 32) : 0, std::memory_order_relaxed);
+}
+
 bool NameCache::OpenHolder(const DirectoryRef &Base, const std::string &Exact, Resolved &Out) {
     const size_t Slash = Exact.rfind('/');
     Out = {};

@@ -8,6 +8,7 @@
 // Lock: one mutex, a leaf, held for the table of indices alone. Safe for concurrent calls.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <list>
 #include <memory>
@@ -66,6 +67,10 @@ public:
     // As Resolve for a path of which the file system has nothing as it is spelled, Exact in bytes, when the directory
     // is known and nothing has to be opened for the answer: Out has no Holder then. False when only Resolve can tell.
     bool ResolveKnown(const DirectoryRef &Base, std::u16string_view Path, const std::string &Exact, Resolved &Out);
+    // Whether that very path led to a name that is spelled otherwise and most likely will again, and that it did or
+    // does not any more. Of two paths that share a place one is forgotten.
+    bool WasOtherwiseSpelled(const DirectoryRef &Base, const std::string &Exact) const;
+    void NoteOtherwiseSpelled(const DirectoryRef &Base, const std::string &Exact, bool IsSo);
     // Opens the directory that holds Exact, for a name of which is known that it is missing in any case. False when it
     // cannot be opened.
     bool OpenHolder(const DirectoryRef &Base, const std::string &Exact, Resolved &Out);
@@ -96,11 +101,14 @@ private:
     RVSTATUS Step(int Fd, const ObjectKey *Known, std::u16string_view Component, bool ExactMissing, Resolved &Out);
     RVSTATUS Walk(const DirectoryRef &Base, std::u16string_view Path, Resolved &Out);
 
+    static size_t HashOf(const DirectoryRef &Base, const std::string &Exact);
+
     const Opener Open_;
     void *const Context_;
     EventLog Log_;
     std::atomic<size_t> Names_ = 0;
     std::atomic<size_t> Scans_ = 0;
+    std::array<std::atomic<uint32_t>, 1024> Otherwise_{}; // hashes of paths that were found under another spelling
     std::mutex Mutex_;
     std::unordered_map<ObjectKey, Kept, ObjectKeyHash> Indices_; // guarded by Mutex_
     std::list<ObjectKey> Ages_;                                  // most recently used first; guarded by Mutex_

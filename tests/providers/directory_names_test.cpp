@@ -1,11 +1,13 @@
 #include "providers/directory/directory_provider.h"
 
 #include <map>
+#include <random>
 #include <set>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include "providers/directory/collision_names.h"
 #include "providers/directory/names.h"
 #include "tests/providers/directory_fixture.h"
 
@@ -215,6 +217,39 @@ TEST_F(DirectoryProviderTest, ShortNamesAreUniqueInTheirDirectoryAndStayWhatThey
             EXPECT_EQ(ByShort.try_emplace(Entry.Short, Entry.Name).first->second, Entry.Name);
             EXPECT_EQ(Content(Entry.Short), std::string(Entry.Name.begin(), Entry.Name.end()));
         }
+    }
+}
+
+TEST_F(DirectoryProviderTest, ListingsAreInTheOrderOfFoldedNames) {
+    const std::vector<std::string> Plain = {"a", "A", "b", "Z", "_", "~", "0", "00000000", "same beginning ", ".x"};
+    std::vector<std::string> Any = Plain;
+    Any.insert(Any.end(), {"\xC3\xA9", "\xC3\x89", "\xF0\x9F\x98\x80", "\xEF\xBF\xBD", ":", "\xFF"});
+    const unsigned Seed = testing::UnitTest::GetInstance()->random_seed() + static_cast<unsigned>(time(nullptr));
+    std::mt19937 Random(Seed);
+    for (const auto &[Folder, Parts] : {std::pair{u"plain", Plain}, {u"any", Any}, {u"none", {}}}) {
+        SCOPED_TRACE(Seed);
+        ASSERT_EQ(MakeFolder(Folder), Done);
+        std::set<std::string> Natives;
+        for (int Count = 0; Count < 400 && !Parts.empty(); ++Count) {
+            std::string Name;
+            for (auto Left = Random() % 7 + 1; Left != 0; --Left) {
+                Name += Parts[Random() % Parts.size()];
+            }
+            Natives.insert(Name);
+        }
+        std::multimap<std::u16string, std::string> Expected; // of one key in the order of insertion
+        for (const std::string &Native : Natives) {
+            std::ofstream(Root / fs::path(Folder) / Native);
+            Expected.emplace(Fold(ServedName(Native)), Native);
+        }
+        std::vector<std::u16string> Order;
+        for (const auto &[Folded, Native] : Expected) {
+            Order.push_back(Expected.count(Folded) == 1 ? ServedName(Native) : MarkedName(Native));
+        }
+        RVHANDLE Handle = 0;
+        ASSERT_EQ(OpenFolder(Folder, Handle), Done);
+        EXPECT_EQ(Names(Handle), Order);
+        EXPECT_EQ(Table->RVFsdCloseDirectory(Fsd, nullptr, Handle), Done);
     }
 }
 

@@ -8,6 +8,7 @@
 
 #include "provider/framework.h"
 #include "tests/providers/directory_fixture.h"
+#include "tests/support/without_override.h"
 
 namespace providers::directory {
 namespace {
@@ -425,6 +426,16 @@ TEST_F(DirectoryQuotaTest, GrowthIsChargedAndGivenBack) {
     Close(Handle);
     EXPECT_EQ(Try(u"file", RV_ACCESS_READ, RV_DISPOSITION_CREATE_OR_REPLACE), Done);
     EXPECT_EQ(Left(), 1000u);
+    // What cannot be counted is not served with a quota, and without one it is.
+    fs::permissions(Outer, fs::perms(0755));
+    fs::create_directories(Root / "open" / "closed");
+    fs::permissions(Root / "open" / "closed", fs::perms::none);
+    test::WithoutOverride([&] {
+        EXPECT_EQ(Provider.AddExport(u"srv", u"counted", Root, {.QuotaBytes = 1000}),
+                  "cannot export " + Root.string() + ": its quota cannot be counted: open/closed: Permission denied");
+        EXPECT_EQ(Provider.AddExport(u"srv", u"free", Root), "");
+    });
+    EXPECT_EQ(Provider.Exports().size(), 2u);
 }
 
 } // namespace
