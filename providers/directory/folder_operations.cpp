@@ -5,6 +5,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -209,6 +210,29 @@ RVSTATUS NTAPI DeleteFile(RVIOM_FSD *Self, Sec, RVHANDLE Base, PCWSTR Path) {
     return Guarded([&] { return Delete(State::Of(Self), Base, Path, Kind::File); });
 }
 
+// Whether a file system that ignores case finds the entry that Old is of under this name too: nothing else leads to the
+// same object twice.
+bool IsSameEntry(const struct stat &Old, int Holder, const char *Name) {
+    struct stat There;
+    return fstatat(Holder, Name, &There, AT_SYMLINK_NOFOLLOW) == 0 && KeyOf(There) == KeyOf(Old) &&
+           (S_ISDIR(Old.st_mode) || Old.st_nlink == 1);
+}
+
+// Gives an entry another spelling where the file system takes both for one name. The kernel then does nothing, and says
+// that it was done: the entry has a name of neither spelling in between, and its old one again when it cannot get the
+// new.
+int Respell(int Holder, const char *OldName, const char *NewName, ino_t Inode) {
+    const std::string Between = fmt::format(".rvfsd-renamed-{:x}-{:x}", getpid(), Inode);
+    if (renameat2(Holder, OldName, Holder, Between.c_str(), RENAME_NOREPLACE) != 0) {
+        return errno;
+    }
+    if (renameat2(Holder, Between.c_str(), Holder, NewName, RENAME_NOREPLACE) == 0) {
+        return 0;
+    }
+    const int Error = errno;
+    return renameat2(Holder, Between.c_str(), Holder, OldName, RENAME_NOREPLACE) == 0 ? Error : EIO;
+}
+
 // Renames without replacing anything. File systems that do not know the flag: a link made first for files, and for
 // directories the kernel's own refusal of a target that is not empty, after a look.
 int RenameToFree(int From, const char *OldName, int To, const char *NewName, bool Directory) {
@@ -216,14 +240,6 @@ int RenameToFree(int From, const char *OldName, int To, const char *NewName, boo
         return 0;
     }
     struct stat There;
-    struct stat Here;
-    if (errno == EEXIST) {
-        // A file system that itself ignores case finds the source under the new spelling.
-        const bool Same = fstatat(To, NewName, &There, AT_SYMLINK_NOFOLLOW) == 0 &&
-                          fstatat(From, OldName, &Here, AT_SYMLINK_NOFOLLOW) == 0 && KeyOf(There) == KeyOf(Here) &&
-                          There.st_nlink == 1;
-        return !Same ? EEXIST : renameat(From, OldName, To, NewName) == 0 ? 0 : errno;
-    }
     if (errno != EINVAL && errno != ENOSYS) {
         return errno;
     }
@@ -253,11 +269,13 @@ RVSTATUS Respelled(const Place &Target, const Resolved &Old, std::string &Name) 
 RVSTATUS Rename(const Place &Source, const Resolved &From, const struct stat &Stat, const Place &Target,
                 const Resolved &To, const NewName &New, Kind Wanted) {
     const std::string &OldName = From.Name;
+    const int OldHolder = HolderOf(Source, From);
     if (LeadsToDirectory(Source, From, Stat) != (Wanted == Kind::Directory)) {
         return Failure(Wanted == Kind::Directory ? USHORT{RVFS_NOT_A_DIRECTORY} : CODE_IS_A_DIRECTORY);
     }
     // A target that is the source itself under another case is no obstacle.
-    const bool Itself = New.Found.Exists && From.HolderKey == To.HolderKey && New.Found.Name == OldName;
+    const bool Within = New.Found.Exists && From.HolderKey == To.HolderKey;
+    const bool Itself = Within && (New.Found.Name == OldName || IsSameEntry(Stat, OldHolder, New.Found.Name.c_str()));
     if (New.Found.Exists && !Itself) {
         return Failure(CODE_EXISTS);
     }
@@ -269,9 +287,12 @@ RVSTATUS Rename(const Place &Source, const Resolved &From, const struct stat &St
         if (Name == OldName) {
             return RVSTATUS::Success;
         }
+        if (IsSameEntry(Stat, OldHolder, Name.c_str())) {
+            return StatusFromErrno(Respell(OldHolder, OldName.c_str(), Name.c_str(), Stat.st_ino));
+        }
     }
-    return StatusFromErrno(RenameToFree(HolderOf(Source, From), OldName.c_str(), HolderOf(Target, To), Name.c_str(),
-                                        S_ISDIR(Stat.st_mode)));
+    return StatusFromErrno(
+        RenameToFree(OldHolder, OldName.c_str(), HolderOf(Target, To), Name.c_str(), S_ISDIR(Stat.st_mode)));
 }
 
 // Whether the calling thread has just deleted a file of exactly the name that is to be given.
