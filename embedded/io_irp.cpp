@@ -424,7 +424,8 @@ BOOLEAN NTAPI IoIsOperationSynchronous(PIRP Irp) noexcept {
         return (Irp->Flags & IRP_SYNCHRONOUS_PAGING_IO) != 0;
     }
     const PFILE_OBJECT File = IoGetCurrentIrpStackLocation(Irp)->FileObject;
-    return (Irp->Flags & IRP_SYNCHRONOUS_API) != 0 || (File != nullptr && (File->Flags & FO_SYNCHRONOUS_IO) != 0);
+    return (Irp->Flags & IRP_SYNCHRONOUS_API) != 0 ||
+           (File != nullptr && (__atomic_load_n(&File->Flags, __ATOMIC_RELAXED) & FO_SYNCHRONOUS_IO) != 0);
 }
 
 PEPROCESS NTAPI IoGetRequestorProcess(PIRP Irp) noexcept {

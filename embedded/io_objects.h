@@ -53,8 +53,12 @@ public:
         return static_cast<FileObject *>(File->FileObjectExtension);
     }
 
+    // The driver sets some while others are read.
+    ULONG Flags() const noexcept {
+        return __atomic_load_n(&Nt.Flags, __ATOMIC_RELAXED);
+    }
     bool IsSynchronous() const noexcept {
-        return (Nt.Flags & FO_SYNCHRONOUS_IO) != 0;
+        return (Flags() & FO_SYNCHRONOUS_IO) != 0;
     }
     // The order of requests on a synchronous file: one at a time.
     void Lock() noexcept;

@@ -50,10 +50,10 @@ NTSTATUS Transfer(KPROCESSOR_MODE Mode, UCHAR MajorFunction, HANDLE FileHandle, 
     }
     IRP &Irp = Request.Irp();
     Irp.Flags = (Write ? IRP_WRITE_OPERATION : IRP_READ_OPERATION) |
-                ((File.Nt.Flags & FO_NO_INTERMEDIATE_BUFFERING) ? IRP_NOCACHE : 0);
+                ((File.Flags() & FO_NO_INTERMEDIATE_BUFFERING) ? IRP_NOCACHE : 0);
     Irp.UserBuffer = Buffer;
     IO_STACK_LOCATION &Stack = Request.Stack();
-    Stack.Flags = Write && (File.Nt.Flags & FO_WRITE_THROUGH) ? StackWriteThrough : 0;
+    Stack.Flags = Write && (File.Flags() & FO_WRITE_THROUGH) ? StackWriteThrough : 0;
     Stack.Parameters.Read.Length = Length;
     Stack.Parameters.Read.Key = Key == nullptr ? 0 : *Key;
     Stack.Parameters.Read.ByteOffset.QuadPart = Start;

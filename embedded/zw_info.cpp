@@ -94,12 +94,13 @@ constexpr size_t AllMode = 88;
 constexpr size_t AllAlignment = 92;
 
 ULONG ModeOf(const FILE_OBJECT &File) {
-    return ((File.Flags & FO_WRITE_THROUGH) ? FILE_WRITE_THROUGH : 0) |
-           ((File.Flags & FO_SEQUENTIAL_ONLY) ? FILE_SEQUENTIAL_ONLY : 0) |
-           ((File.Flags & FO_NO_INTERMEDIATE_BUFFERING) ? FILE_NO_INTERMEDIATE_BUFFERING : 0) |
-           (!(File.Flags & FO_SYNCHRONOUS_IO) ? 0
-            : (File.Flags & FO_ALERTABLE_IO)  ? FILE_SYNCHRONOUS_IO_ALERT
-                                              : FILE_SYNCHRONOUS_IO_NONALERT);
+    const ULONG Flags = __atomic_load_n(&File.Flags, __ATOMIC_RELAXED);
+    return ((Flags & FO_WRITE_THROUGH) ? FILE_WRITE_THROUGH : 0) |
+           ((Flags & FO_SEQUENTIAL_ONLY) ? FILE_SEQUENTIAL_ONLY : 0) |
+           ((Flags & FO_NO_INTERMEDIATE_BUFFERING) ? FILE_NO_INTERMEDIATE_BUFFERING : 0) |
+           (!(Flags & FO_SYNCHRONOUS_IO) ? 0
+            : (Flags & FO_ALERTABLE_IO)  ? FILE_SYNCHRONOUS_IO_ALERT
+                                         : FILE_SYNCHRONOUS_IO_NONALERT);
 }
 
 NTSTATUS Answer(PIO_STATUS_BLOCK Iosb, PVOID To, const void *From, ULONG Length) {

@@ -1,6 +1,7 @@
 #include "app/mount/nodes.h"
 
 #include <algorithm>
+#include <utility>
 
 #include <malloc.h>
 
@@ -319,6 +320,13 @@ std::shared_ptr<Remote> Nodes::OpenHandle(Node *Which, ACCESS_MASK Access) {
         }
     }
     return nullptr;
+}
+
+bool Nodes::SetCached(Node *Which, LONG64 LastWrite, LONG64 Size) {
+    const std::lock_guard Hold(Lock_);
+    const LONG64 WriteBefore = std::exchange(Which->CachedWrite, LastWrite);
+    const LONG64 SizeBefore = std::exchange(Which->CachedSize, Size);
+    return WriteBefore == LastWrite && SizeBefore == Size;
 }
 
 bool Nodes::IsOpen(Node *Which) {

@@ -75,9 +75,7 @@ int FileSystem::Open(fuse_req_t Request, fuse_ino_t Inode, fuse_file_info *File)
         // The kernel's pages stay when the file is what it was when they came.
         Facts Found;
         if (Handle->Query(&Found) == 0) {
-            File->keep_cache = Found.LastWrite == Which->CachedWrite && Found.Size == Which->CachedSize ? 1 : 0;
-            Which->CachedWrite = Found.LastWrite;
-            Which->CachedSize = Found.Size;
+            File->keep_cache = Nodes_.SetCached(Which, Found.LastWrite, Found.Size) ? 1 : 0;
         }
     }
     return Opened(Request, Which, std::move(Handle), File, nullptr);
@@ -122,8 +120,7 @@ int FileSystem::Create(fuse_req_t Request, fuse_ino_t ParentInode, const char *N
         Answer = Entry(Child, Found);
     }
     ++Changes_;
-    Child->CachedWrite = Found.LastWrite;
-    Child->CachedSize = Found.Size;
+    Nodes_.SetCached(Child, Found.LastWrite, Found.Size);
     Spellings_->Changed(ParentInode, Name);
     return Opened(Request, Child, std::move(Kept), File, &Answer);
 }

@@ -55,7 +55,7 @@ NTSTATUS NtFsdCommonCleanup(PIRP_CONTEXT IrpContext) {
         return NtFsdPostRequest(IrpContext);
     }
     // Requests that find the flag under the Resource give back what they get.
-    FileObject->Flags |= FO_CLEANUP_COMPLETE;
+    NtFsdSetFileFlags(FileObject, FO_CLEANUP_COMPLETE);
     if (Fcb->UncleanCount != 0) {
         --Fcb->UncleanCount;
     }

@@ -19,7 +19,7 @@ bool IsWaiting(PFCB Fcb, PIRP Irp) HOLDING(Fcb->Resource) {
 // STATUS_PENDING: the entry owns IRP and context.
 NTSTATUS Enqueue(PFCB Fcb, PIRP_CONTEXT IrpContext, ULONG CompletionFilter) HOLDING(Fcb->Resource) {
     const PIRP Irp = IrpContext->Irp;
-    if (IrpContext->FileObject->Flags & FO_CLEANUP_COMPLETE) {
+    if (NtFsdFileFlags(IrpContext->FileObject) & FO_CLEANUP_COMPLETE) {
         return STATUS_NOTIFY_CLEANUP; // the cleanup that would end the wait has been
     }
     if (IsWaiting(Fcb, Irp)) {

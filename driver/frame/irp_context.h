@@ -99,6 +99,17 @@ PCSTR NtFsdMajorFunctionName(UCHAR MajorFunction);
 // Makes Irp the thread's top-level IRP and returns TRUE when there is none; the caller resets it.
 BOOLEAN NtFsdIsIrpTopLevel(PIRP Irp);
 
+// ---- A file object's flags: other threads' requests on it read them while one sets some --------------------------
+
+inline ULONG NtFsdFileFlags(const FILE_OBJECT *FileObject) {
+    return __atomic_load_n(&FileObject->Flags, __ATOMIC_RELAXED);
+}
+inline void NtFsdSetFileFlags(PFILE_OBJECT FileObject, ULONG Flags) {
+    if ((NtFsdFileFlags(FileObject) & Flags) != Flags) {
+        __atomic_fetch_or(&FileObject->Flags, Flags, __ATOMIC_RELAXED);
+    }
+}
+
 // ---- User buffers ------------------------------------------------------------------------------------------------
 
 // A system address of the IRP's data buffer: through its MDL, or the user buffer itself when there is no MDL. NULL when

@@ -61,6 +61,6 @@ NTSTATUS NtFsdCommonFileSetFileSize(SET_INFORMATION &Change, LONG64 NewSize) {
     if (NT_SUCCESS(Status)) {
         Ignore(RvFsdUpdateFCBFileSize(Change.Fcb, TRUE, NewSize, 0), "it cannot fail");
     }
-    Change.FileObject->Flags |= FO_FILE_MODIFIED | FO_FILE_SIZE_CHANGED;
+    NtFsdSetFileFlags(Change.FileObject, FO_FILE_MODIFIED | FO_FILE_SIZE_CHANGED);
     return Status;
 }

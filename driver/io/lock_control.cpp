@@ -131,7 +131,7 @@ NTSTATUS FinishLock(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp) {
         return STATUS_CANCELLED;
     }
     // Granted after the handle's cleanup: nobody would ever give it back.
-    if (IrpContext->FileObject->Flags & FO_CLEANUP_COMPLETE) {
+    if (NtFsdFileFlags(IrpContext->FileObject) & FO_CLEANUP_COMPLETE) {
         TakeLocalLockBack(IrpContext, IrpSp);
         return STATUS_CANCELLED;
     }
@@ -206,7 +206,8 @@ NTSTATUS EndWaiter(PIRP_CONTEXT IrpContext, PIRP Irp) {
 // the library take the lock back before it goes on.
 NTSTATUS CompleteWaiter(PIRP_CONTEXT IrpContext, PIRP Irp) {
     const PLIST_ENTRY Grants = GrantsOfThisThread(FcbOf(IrpContext));
-    const bool Ended = NtFsdIsStopped() || (Grants != nullptr && (IrpContext->FileObject->Flags & FO_CLEANUP_COMPLETE));
+    const bool Ended =
+        NtFsdIsStopped() || (Grants != nullptr && (NtFsdFileFlags(IrpContext->FileObject) & FO_CLEANUP_COMPLETE));
     if (Ended && NT_SUCCESS(Irp->IoStatus.Status)) {
         Irp->IoStatus.Status = STATUS_CANCELLED;
     }

@@ -17,5 +17,5 @@ inline NTSTATUS TransferStatus(RVSTATUS ProviderStatus) {
 
 // TRUE when the request moves the file object's byte offset: paging I/O never does.
 inline bool MovesByteOffset(PFILE_OBJECT FileObject, PIRP Irp) {
-    return (FileObject->Flags & FO_SYNCHRONOUS_IO) != 0 && (Irp->Flags & IRP_PAGING_IO) == 0;
+    return (NtFsdFileFlags(FileObject) & FO_SYNCHRONOUS_IO) != 0 && (Irp->Flags & IRP_PAGING_IO) == 0;
 }

@@ -35,7 +35,7 @@ void TraceWrite(const WRITE &Write) {
     NtFsdDebugPrint(TRACE_WRITE, 0, "   Bytes to write    : %d\n", Write.Length);
     NtFsdDebugPrint(TRACE_WRITE, 0, "   Paging IO         : %s\n", TrueOrFalse(Write.IsPaging()));
     NtFsdDebugPrint(TRACE_WRITE, 0, "   Synchronous IO    : %s\n",
-                    TrueOrFalse((Write.FileObject->Flags & FO_SYNCHRONOUS_IO) != 0));
+                    TrueOrFalse((NtFsdFileFlags(Write.FileObject) & FO_SYNCHRONOUS_IO) != 0));
     NtFsdDebugPrint(TRACE_WRITE, 0, "   File Handle       : 0x%x\n", LowPart(Write.Instance->FileHandle));
 }
 
@@ -114,7 +114,7 @@ void MarkWritten(const WRITE &Write) {
         Write.FileObject->CurrentByteOffset.QuadPart = Write.Offset + static_cast<LONG64>(Write.Count);
     }
     if (Write.Count != 0 && !Write.IsPaging()) {
-        Write.FileObject->Flags |= FO_FILE_MODIFIED;
+        NtFsdSetFileFlags(Write.FileObject, FO_FILE_MODIFIED);
     }
 }
 

@@ -9,7 +9,9 @@ RVSTATUS Call(Operation RVIOM_FSD_TABLE::*Slot, PRV_SECURITY Security, T... Argu
     if (Provider == nullptr) {
         return RVSTATUS::Unsuccessful;
     }
-    return (Provider->Table->*Slot)(Provider, Security, Arguments...);
+    // Who watches the calls puts another table in its place.
+    const auto *Table = __atomic_load_n(&Provider->Table, __ATOMIC_ACQUIRE);
+    return (Table->*Slot)(Provider, Security, Arguments...);
 }
 
 // The error with the code of a status that claims success without cause; the code still says what happened.
