@@ -214,18 +214,16 @@ TEST_F(Claims, DeviceOpensAreCountedByProcess) {
         const AttachProcess Attached(Other);
         const HANDLE Third = OpenDevice();
         EXPECT_NE(FileObject(Third)->FsContext2, FileObject(One)->FsContext2);
-        EXPECT_EQ(DriverFcb->OpenCount, 3u);
+        EXPECT_EQ(DeviceOpens(), 3u);
         Printed.clear();
         Close(Third);
         EXPECT_TRUE(WasPrinted("[RVFSD] Process termination, cleaning resources.\n"
                                "[RVFSD]        Instance count for driver FCB: 3\n"));
     }
     Close(One);
-    EXPECT_EQ(DriverFcb->OpenCount, 1u);
-    EXPECT_FALSE(IsListEmpty(&DriverFcb->InstanceList));
+    EXPECT_EQ(DeviceOpens(), 1u);
     Close(Two);
-    EXPECT_EQ(DriverFcb->OpenCount, 0u);
-    EXPECT_TRUE(IsListEmpty(&DriverFcb->InstanceList));
+    EXPECT_EQ(DeviceOpens(), 0u);
     DeleteProcess(Other);
 }
 
@@ -234,8 +232,7 @@ TEST_F(Claims, ADeviceOpenWithoutMemoryAttachesNothing) {
     Bind();
     const PlannedFaults NoMemory({.How = FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Pool)});
     EXPECT_THAT(Create(u""), Ends(STATUS_INSUFFICIENT_RESOURCES, FILE_DOES_NOT_EXIST));
-    EXPECT_EQ(DriverFcb->OpenCount, 0u);
-    EXPECT_TRUE(IsListEmpty(&DriverFcb->InstanceList));
+    EXPECT_EQ(DeviceOpens(), 0u);
 }
 
 using ConcurrentClaims = Claims;
@@ -252,8 +249,7 @@ TEST_F(ConcurrentClaims, DeviceOpensAndClosesAreAllCounted) {
     std::thread Other(OpenAndClose);
     OpenAndClose();
     Other.join();
-    EXPECT_EQ(DriverFcb->OpenCount, 0u);
-    EXPECT_TRUE(IsListEmpty(&DriverFcb->InstanceList));
+    EXPECT_EQ(DeviceOpens(), 0u);
 }
 
 } // namespace

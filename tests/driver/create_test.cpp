@@ -184,18 +184,18 @@ TEST_F(Creates, TellWhatTheProviderDidByItsAction) {
 
 TEST_F(Creates, TakeTheSizesOfTheFileWhenTheyCanBeHad) {
     HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
-    EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, 10);
+    EXPECT_EQ(FileSize(Handle), 10);
     Close(Handle);
     for (const RVSTATUS Raw : {ProviderError(0x0102), static_cast<RVSTATUS>(0x40000000)}) {
         Provider.OnCall(Slot::GetFileInformation).ReturnAfter(Raw);
         Handle = MustOpen(u"\\srv\\vol\\a.txt");
-        EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, 0) << "only an answer of exactly success counts";
+        EXPECT_EQ(FileSize(Handle), 0) << "only an answer of exactly success counts";
         Close(Handle);
         Provider.ClearScript();
     }
     Provider.OnCall(Slot::GetFileInformation).Answer([](Outputs &Out) { *Out.EndOfFile = 1ull << 63; });
     Handle = MustOpen(u"\\srv\\vol\\a.txt");
-    EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, 0) << "a size that no offset can name";
+    EXPECT_EQ(FileSize(Handle), 0) << "a size that no offset can name";
 }
 
 // ---- Failures of the Provider

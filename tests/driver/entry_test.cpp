@@ -135,8 +135,7 @@ TEST_F(Entry, ACancelledCleanupAndCloseDoTheirWorkAllTheSame) {
     // An open of the device is given back too.
     const HANDLE OfDevice = OpenDevice();
     EXPECT_EQ(Send(Cancelled(IRP_MJ_CLOSE, FileObject(OfDevice))).Status, STATUS_CANCELLED);
-    EXPECT_EQ(DriverFcb->OpenCount, 0u);
-    EXPECT_TRUE(IsListEmpty(&DriverFcb->InstanceList));
+    EXPECT_EQ(DeviceOpens(), 0u);
 }
 
 TEST_F(Entry, AFileObjectOfSomebodyElseIsNeitherReadNorFreed) {
@@ -283,10 +282,10 @@ TEST_F(Entry, TheDeviceOpensAndClosesWithoutTheFramework) {
                            "[RVFSD] Open our Device at Init\n[RVFSD] NtFsdOpenOurDevice() entering\n"),
               0u)
         << Printed;
-    EXPECT_EQ(DriverFcb->OpenCount, 1u);
+    EXPECT_EQ(DeviceOpens(), 1u);
     EXPECT_EQ(Send(Plain(IRP_MJ_CLEANUP, File)).Status, STATUS_SUCCESS);
     EXPECT_EQ(Send(Plain(IRP_MJ_CLOSE, File)).Status, STATUS_SUCCESS);
-    EXPECT_EQ(DriverFcb->OpenCount, 0u);
+    EXPECT_EQ(DeviceOpens(), 0u);
     EXPECT_EQ(File->FsContext2, nullptr);
     g_bFrameworkBindFailed = 0; // only the test lets it try again, so that it can shut down
 }

@@ -52,9 +52,7 @@ TEST_F(Fcbs, HaveAHeaderThatTheSystemUnderstands) {
     EXPECT_EQ(Found->Header.PagingIoResource, &Found->PagingIoResource);
     EXPECT_EQ(Found->PrefixState, 1);
     EXPECT_TRUE(Found->OpenFlags & FCB_STATE_IN_PREFIX_TABLE);
-    EXPECT_EQ(Found->Header.FileSize.QuadPart, 10);
-    EXPECT_EQ(Found->Header.AllocationSize.QuadPart, 10);
-    EXPECT_EQ(Found->Header.ValidDataLength.QuadPart, 10);
+    EXPECT_EQ(FileSize(Handle), 10);
     EXPECT_EQ(Instance(Handle)->NodeTypeCode, 0x7706u);
     EXPECT_EQ(Instance(Handle)->FileObject, FileObject(Handle));
 }

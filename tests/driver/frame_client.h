@@ -22,6 +22,11 @@ protected:
     CCHAR BoostOf(const IrpBuilder &Builder) {
         return SendIrp(Device(), Builder).PriorityBoost();
     }
+    // How many opens of the device are counted; without one there is no record either.
+    static ULONG DeviceOpens() {
+        EXPECT_EQ(IsListEmpty(&DriverFcb->InstanceList), DriverFcb->OpenCount == 0);
+        return DriverFcb->OpenCount;
+    }
     // Opens the device itself.
     HANDLE OpenDevice() {
         const CreateResult Result = Create(u"");

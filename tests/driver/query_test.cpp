@@ -200,16 +200,14 @@ TEST_F(Asking, AnyQueryRefreshesTheSizesAndOneThatFailsLeavesThemAndTellsZeros) 
         Provider.ClearScript();
         Provider.OnCall(Slot::GetFileInformation).Answer([Size](Outputs &Out) { *Out.EndOfFile = Size; });
         File(Handle, FilePositionInformation);
-        EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, static_cast<LONG64>(Size));
-        EXPECT_EQ(Fcb(Handle)->Header.AllocationSize.QuadPart, static_cast<LONG64>(Size));
-        EXPECT_EQ(Fcb(Handle)->Header.ValidDataLength.QuadPart, static_cast<LONG64>(Size));
+        EXPECT_EQ(FileSize(Handle), static_cast<LONGLONG>(Size));
     }
     Provider.ClearScript();
     Provider.OnCall(Slot::GetFileInformation).ReturnAfter(RvError(0x0100));
     const Answer Got = File(Handle, FileStandardInformation);
     EXPECT_EQ(Got.Status, STATUS_SUCCESS);
     EXPECT_EQ(Got.At<LONG64>(8), 0);
-    EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, 7);
+    EXPECT_EQ(FileSize(Handle), 7);
     EXPECT_EQ(File(Handle, FileBasicInformation).At<ULONG>(32), static_cast<ULONG>(FILE_ATTRIBUTE_NORMAL));
 }
 

@@ -34,12 +34,6 @@ protected:
     bool Modified() {
         return (FileObject(Handle)->Flags & FO_FILE_MODIFIED) != 0;
     }
-    LONGLONG FileSize() {
-        const FSRTL_ADVANCED_FCB_HEADER &Header = Fcb(Handle)->Header;
-        EXPECT_EQ(Header.AllocationSize.QuadPart, Header.FileSize.QuadPart);
-        EXPECT_EQ(Header.ValidDataLength.QuadPart, Header.FileSize.QuadPart);
-        return Header.FileSize.QuadPart;
-    }
     // A read or write as a raw request.
     IrpBuilder Raw(UCHAR MajorFunction, ULONG Length, LONGLONG Offset) {
         IrpBuilder Builder = Plain(MajorFunction, FileObject(Handle));
@@ -88,11 +82,11 @@ TEST_F(Data, TransfersOfNothingDoNotReachTheProvider) {
 TEST_F(Data, AWriteBeyondTheEndGrowsTheFileAndOneInsideDoesNot) {
     OpenFile();
     EXPECT_THAT(Write(Handle, "abcdef", 6, 8), Ends(STATUS_SUCCESS, 6));
-    EXPECT_EQ(FileSize(), 14);
+    EXPECT_EQ(FileSize(Handle), 14);
     EXPECT_EQ(Position(), 14);
     EXPECT_TRUE(Modified());
     EXPECT_EQ(Write(Handle, "x", 1, 0).Status, STATUS_SUCCESS);
-    EXPECT_EQ(FileSize(), 14);
+    EXPECT_EQ(FileSize(Handle), 14);
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\a.txt"), "x1234567abcdef");
 }
 
@@ -102,7 +96,7 @@ TEST_F(Data, AnAppendGoesWhereTheServerSaysTheFileEndsAndWithoutAnAnswerNowhere)
     Provider.ClearCalls();
     EXPECT_EQ(Send(Raw(IRP_MJ_WRITE, 2, EndOfFileMarker)).Information, 2u);
     EXPECT_EQ(CallNames(), (Lines{"RVFsdGetFileSize", "RVFsdWriteFile"}));
-    EXPECT_EQ(Position(), FileSize());
+    EXPECT_EQ(Position(), FileSize(Handle));
     Provider.OnCall(Slot::GetFileSize).Return(ProviderError(0x0102));
     EXPECT_THAT(Send(Raw(IRP_MJ_WRITE, 2, EndOfFileMarker)), Ends(STATUS_NETWORK_BUSY, 0));
     EXPECT_EQ(Provider.CountCalls(Slot::WriteFile), 1u);
@@ -118,7 +112,7 @@ TEST_F(Data, PagingTransfersLeaveTheFileObjectAlone) {
     EXPECT_EQ(Send(Paging).Information, 4u);
     EXPECT_EQ(Position(), 0);
     EXPECT_FALSE(Modified());
-    EXPECT_EQ(FileSize(), 24);
+    EXPECT_EQ(FileSize(Handle), 24);
 }
 
 TEST_F(Data, AsynchronousFilesHaveNoPosition) {
@@ -170,7 +164,7 @@ TEST_F(Data, AnswersThatAreFailuresReportNothing) {
         Provider.ClearScript();
     }
     EXPECT_EQ(Position(), 0);
-    EXPECT_EQ(FileSize(), 10);
+    EXPECT_EQ(FileSize(Handle), 10);
     EXPECT_FALSE(Modified());
 }
 
@@ -178,7 +172,7 @@ TEST_F(Data, WhatMovedNothingDoesNotShrinkTheFileAndMoreThanWasAskedForIsNeverRe
     OpenFile();
     Provider.OnCall(Slot::WriteFile).AnswerBytes(0);
     EXPECT_THAT(Write(Handle, "xyz", 3, 2), Ends(STATUS_SUCCESS, 0));
-    EXPECT_EQ(FileSize(), 10);
+    EXPECT_EQ(FileSize(Handle), 10);
     EXPECT_FALSE(Modified());
     Provider.ClearScript();
     Provider.OnCall(Slot::ReadFile).AnswerBytes(4000);
@@ -277,14 +271,14 @@ TEST_F(Data, SizesGrowWithTransfersAndAreSetByALengthOfZero) {
         EXPECT_TRUE(ExIsResourceAcquiredExclusiveLite(&File->Resource));
         NtFsdReleaseResource(&File->Resource);
         NtFsdReleaseResource(&File->Resource);
-        EXPECT_EQ(FileSize(), 10);
+        EXPECT_EQ(FileSize(Handle), 10);
         // A shared one gets it back shared.
         NtFsdAcquireShared(&File->Resource, TRUE);
         RvFsdUpdateFCBFileSize(File, FALSE, Offset, Length);
         EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&File->Resource));
         EXPECT_EQ(ExIsResourceAcquiredSharedLite(&File->Resource), 1u);
         NtFsdReleaseResource(&File->Resource);
-        EXPECT_EQ(FileSize(), Size);
+        EXPECT_EQ(FileSize(Handle), Size);
     }
     // Who has two shared holds does not wait for itself.
     NtFsdAcquireShared(&File->Resource, TRUE);
@@ -292,7 +286,7 @@ TEST_F(Data, SizesGrowWithTransfersAndAreSetByALengthOfZero) {
     RvFsdUpdateFCBFileSize(File, FALSE, 99, 0);
     NtFsdReleaseResource(&File->Resource);
     NtFsdReleaseResource(&File->Resource);
-    EXPECT_EQ(FileSize(), INT64_MAX);
+    EXPECT_EQ(FileSize(Handle), INT64_MAX);
 }
 
 // ---- Flush

@@ -222,11 +222,6 @@ protected:
     void SetFree(ULONG64 Bytes) {
         Provider.Edit([=](Tree &Tree) { Tree.FindVolume(u"\\srv\\vol")->FreeAfterQuota = Bytes; });
     }
-    void ExpectSizes(LONGLONG Size) {
-        EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, Size);
-        EXPECT_EQ(Fcb(Handle)->Header.AllocationSize.QuadPart, Size);
-        EXPECT_EQ(Fcb(Handle)->Header.ValidDataLength.QuadPart, Size);
-    }
     bool IsMarkedChanged() {
         constexpr ULONG Both = FO_FILE_MODIFIED | FO_FILE_SIZE_CHANGED;
         return (FileObject(Handle)->Flags & Both) == Both;
@@ -247,15 +242,15 @@ TEST_P(SettingSizes, IsAWriteOfNothingAtTheNewEnd) {
     EXPECT_EQ(Written.Number("length"), 0u);
     EXPECT_EQ(Written.Number("data"), 0u);
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\a.txt"), "0123");
-    ExpectSizes(4);
+    EXPECT_EQ(FileSize(Handle), 4);
     EXPECT_TRUE(IsMarkedChanged());
     EXPECT_EQ(SetSize(4), STATUS_SUCCESS);
     EXPECT_EQ(Provider.CountCalls(Slot::WriteFile), 2u) << "the same size still tells the server";
     EXPECT_EQ(SetSize(6), STATUS_SUCCESS);
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\a.txt"), std::string("0123\0\0", 6));
-    ExpectSizes(6);
+    EXPECT_EQ(FileSize(Handle), 6);
     EXPECT_EQ(SetSize(0), STATUS_SUCCESS);
-    ExpectSizes(0);
+    EXPECT_EQ(FileSize(Handle), 0);
 }
 
 TEST_P(SettingSizes, FailsAsTheServerFailsAndLeavesTheSizes) {
@@ -263,7 +258,7 @@ TEST_P(SettingSizes, FailsAsTheServerFailsAndLeavesTheSizes) {
         Provider.ClearScript();
         Provider.OnCall(Slot::WriteFile).Return(RVSTATUS{Raw});
         EXPECT_EQ(SetSize(4), Status);
-        ExpectSizes(10);
+        EXPECT_EQ(FileSize(Handle), 10);
         EXPECT_TRUE(IsMarkedChanged()); // the server may have begun
     }
 }
@@ -279,7 +274,7 @@ TEST_P(SettingSizes, NegativeOnesAndThoseBeyondTheFreeSpaceAreRefusedAndNotAByte
     EXPECT_EQ(SetSize(INT64_MAX), STATUS_DISK_FULL);
     EXPECT_EQ(Provider.CountCalls(Slot::WriteFile), 0u);
     EXPECT_FALSE(FileObject(Handle)->Flags & FO_FILE_SIZE_CHANGED);
-    ExpectSizes(10);
+    EXPECT_EQ(FileSize(Handle), 10);
     EXPECT_EQ(SetSize(10), STATUS_SUCCESS);
 }
 
@@ -340,7 +335,7 @@ TEST_F(Setting, AdvanceOnlyMakesNoDifference) {
             Stack->Parameters.SetFile.AdvanceOnly = AdvanceOnly;
         };
         EXPECT_EQ(SendIrpAndWait(Device(), Builder).Status, STATUS_SUCCESS);
-        EXPECT_EQ(Fcb(Handle)->Header.FileSize.QuadPart, Size);
+        EXPECT_EQ(FileSize(Handle), Size);
     }
 }
 

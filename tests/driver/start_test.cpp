@@ -343,7 +343,7 @@ TEST_F(DeferredStart, AfterASecondTheDeviceHasNoDaclAndNobodyHasItOpen) {
     Clock::Advance(1);
     ExpectNoDacl();
     EXPECT_EQ(RunningSystemThreads(), 0u);
-    EXPECT_EQ(DriverFcb->OpenCount, 0u);
+    EXPECT_EQ(DeviceOpens(), 0u);
     ExpectPrintedInOrder({"Call to Finish Driver Init\n", "VEYFSD: Call To RvSetupDeviceAccess\n",
                           "Device Name: \\Device\\RvFsd\n", "ZwCreate Status 0x0\n"});
     EXPECT_FALSE(WasPrinted("ZwCreate Status 0\n")) << "only a failed try is told";

@@ -42,9 +42,13 @@ protected:
         }
         return Status;
     }
-    static bool Exists(std::u16string_view Path) {
+    // Where a link leads; empty when there is none.
+    static std::u16string TargetOf(std::u16string_view Path) {
         std::u16string Target;
-        return NT_SUCCESS(QuerySymbolicLink(Path, &Target));
+        return NT_SUCCESS(QuerySymbolicLink(Path, &Target)) ? Target : u"";
+    }
+    static bool Exists(std::u16string_view Path) {
+        return !TargetOf(Path).empty();
     }
 
     Kernel Kernel_;
@@ -54,25 +58,21 @@ TEST_F(SeTest, DosDevicesAreTheSessionsAndBehindThemEverybodys) {
     const TokenRef One = LogOn(500, Elevation::Default, LUID{0xABC, 2}), Other = LogOn(500);
     ASSERT_EQ(CreateSymbolicLink(u"\\??\\Z:", u"\\Device\\Global"), STATUS_SUCCESS);
     HANDLE Link = nullptr;
-    std::u16string Target;
     {
         const Impersonate Client(One);
         EXPECT_EQ(Make(u"\\DosDevices\\Z:", 0, &Link), STATUS_SUCCESS) << "a name of everybody's is hidden";
         EXPECT_EQ(Make(u"\\??\\z:", 0, &Link), STATUS_OBJECT_NAME_COLLISION);
-        EXPECT_EQ(QuerySymbolicLink(u"\\??\\Z:", &Target), STATUS_SUCCESS);
-        EXPECT_EQ(Target, u"\\Device\\Target");
-        EXPECT_EQ(QuerySymbolicLink(u"\\??\\Global\\Z:", &Target), STATUS_SUCCESS);
-        EXPECT_EQ(Target, u"\\Device\\Global");
+        EXPECT_EQ(TargetOf(u"\\??\\Z:"), u"\\Device\\Target");
+        EXPECT_EQ(TargetOf(u"\\??\\Global\\Z:"), u"\\Device\\Global");
         EXPECT_TRUE(Exists(u"\\??\\UNC"));
     }
     EXPECT_TRUE(Exists(u"\\Sessions\\0\\DosDevices\\00000002-00000abc\\Z:"));
     for (const bool System : {true, false}) {
         const Impersonate Client(System ? LogOn(0) : Other);
-        EXPECT_EQ(QuerySymbolicLink(u"\\??\\Z:", &Target), STATUS_SUCCESS);
-        EXPECT_EQ(Target, u"\\Device\\Global");
+        EXPECT_EQ(TargetOf(u"\\??\\Z:"), u"\\Device\\Global");
     }
-    std::thread([&] { EXPECT_EQ(QuerySymbolicLink(u"\\??\\Z:", &Target), STATUS_SUCCESS); }).join();
-    EXPECT_EQ(Target, u"\\Device\\Global") << "impersonation is one thread's";
+    // Impersonation is one thread's.
+    std::thread([] { EXPECT_EQ(TargetOf(u"\\??\\Z:"), u"\\Device\\Global"); }).join();
     LogOff(*One.Get());
     EXPECT_FALSE(Exists(u"\\Sessions\\0\\DosDevices\\00000002-00000ABC\\Z:"));
     NtClose(Link);

@@ -124,6 +124,14 @@ protected:
     PFCB Fcb(HANDLE Handle);
     PINSTANCE_CONTEXT Instance(HANDLE Handle);
 
+    // The file's three sizes, which are one here.
+    LONGLONG FileSize(HANDLE Handle) {
+        const FSRTL_ADVANCED_FCB_HEADER &Header = Fcb(Handle)->Header;
+        EXPECT_EQ(Header.AllocationSize.QuadPart, Header.FileSize.QuadPart);
+        EXPECT_EQ(Header.ValidDataLength.QuadPart, Header.FileSize.QuadPart);
+        return Header.FileSize.QuadPart;
+    }
+
     // Traces of the categories Mask go to Printed. The driver's threads have said what they say at start.
     void StartTracing(ULONG Mask, ULONG EnableDebug = 1);
     bool WasPrinted(std::string_view Text) const {
