@@ -65,35 +65,25 @@ TEST_F(SharedOpens, GetAlongExactlyWhenTheirAccessAndSharingDo) {
 }
 
 TEST_F(SharedOpens, ThatReplaceContentNeedTheAccessForIt) {
-    struct {
-        ULONG Disposition, FirstShare;
-        bool Fits;
-    } constexpr Cases[] = {
-        {FILE_OPEN, FILE_SHARE_READ, true},
-        {FILE_OPEN_IF, FILE_SHARE_READ, true},
-        {FILE_OVERWRITE, FILE_SHARE_READ, false},
-        {FILE_OVERWRITE, FILE_SHARE_READ | FILE_SHARE_WRITE, true},
-        {FILE_OVERWRITE_IF, FILE_SHARE_READ, false},
-        {FILE_OVERWRITE_IF, FILE_SHARE_READ | FILE_SHARE_WRITE, true},
-        {FILE_SUPERSEDE, FILE_SHARE_READ | FILE_SHARE_WRITE, false},
-        {FILE_SUPERSEDE, ShareAll, true},
-    };
-    for (const auto &Each : Cases) {
-        const HANDLE Held = MustOpen(u"\\srv\\vol\\a.txt", {.Share = Each.FirstShare});
-        const CreateResult Result = Create(u"\\srv\\vol\\a.txt", With({}, Each.Disposition));
-        EXPECT_EQ(Result.Status, Each.Fits ? STATUS_SUCCESS : STATUS_SHARING_VIOLATION) << Each.Disposition;
-        const bool Replaces = Each.Disposition != FILE_OPEN && Each.Disposition != FILE_OPEN_IF;
-        if (Each.Fits) {
-            EXPECT_EQ(Result.Information, static_cast<ULONG_PTR>(Replaces ? FILE_OVERWRITTEN : FILE_OPENED));
-            EXPECT_EQ(Fcb(Held)->ShareAccess.Writers, Replaces ? 1u : 0u);
-            // Overwriting an existing file is checked for the access; it is not opened with it.
-            const bool Adds = Each.Disposition == FILE_SUPERSEDE || Each.Disposition == FILE_OVERWRITE_IF;
-            const ULONG Deletes = Each.Disposition == FILE_SUPERSEDE ? 0x11 : 0;
-            EXPECT_EQ(Instance(Result.Handle)->ProviderAccess, RV_ACCESS_READ | (Adds ? 0x4u : 0u) | Deletes);
-            Close(Result.Handle);
+    for (const ULONG Disposition : {FILE_OPEN, FILE_OPEN_IF, FILE_OVERWRITE, FILE_OVERWRITE_IF, FILE_SUPERSEDE}) {
+        const bool Supersedes = Disposition == FILE_SUPERSEDE;
+        const bool Replaces = Disposition != FILE_OPEN && Disposition != FILE_OPEN_IF;
+        for (const ULONG Share : {ULONG{FILE_SHARE_READ}, ULONG{FILE_SHARE_READ | FILE_SHARE_WRITE}, ShareAll}) {
+            const HANDLE Held = MustOpen(u"\\srv\\vol\\a.txt", {.Share = Share});
+            const CreateResult Result = Create(u"\\srv\\vol\\a.txt", With({}, Disposition));
+            const bool Fits = Supersedes ? Share == ShareAll : !Replaces || Share != FILE_SHARE_READ;
+            EXPECT_EQ(Result.Status, Fits ? STATUS_SUCCESS : STATUS_SHARING_VIOLATION) << Disposition << " " << Share;
+            if (Fits) {
+                EXPECT_EQ(Result.Information, static_cast<ULONG_PTR>(Replaces ? FILE_OVERWRITTEN : FILE_OPENED));
+                EXPECT_EQ(Fcb(Held)->ShareAccess.Writers, Replaces ? 1u : 0u);
+                // Overwriting an existing file is checked for the access; it is not opened with it.
+                const ULONG Adds = Supersedes ? 0x15 : Disposition == FILE_OVERWRITE_IF ? 0x4 : 0;
+                EXPECT_EQ(Instance(Result.Handle)->ProviderAccess, RV_ACCESS_READ | Adds);
+                Close(Result.Handle);
+            }
+            EXPECT_EQ(Fcb(Held)->ShareAccess.Writers, 0u);
+            Close(Held);
         }
-        EXPECT_EQ(Fcb(Held)->ShareAccess.Writers, 0u);
-        Close(Held);
     }
 }
 
