@@ -272,14 +272,16 @@ bool FoldsTo(std::u16string_view Name, std::u16string_view Folded) {
 void AppendFolded(std::string_view Native, std::u16string &Out) {
     const size_t Before = Out.size();
     Out.resize(Before + Native.size());
-    char16_t *At = Out.data() + Before;
-    bool Plain = !Native.empty() && !IsForbiddenAtEnd(Native.back());
-    for (const char Byte : Native) {
-        const char Folded = PlainUnit(Byte);
-        Plain &= Folded != 0;
-        *At++ = static_cast<char16_t>(Folded);
+    char16_t *const To = Out.data() + Before;
+    const char *const From = Native.data();
+    const size_t Size = Native.size();
+    int Others = 0; // negative when one was not plain
+    for (size_t At = 0; At < Size; ++At) {
+        const int Folded = PlainUnit(From[At]);
+        Others |= Folded - 1;
+        To[At] = static_cast<char16_t>(Folded);
     }
-    if (!Plain) {
+    if (Others < 0 || Native.empty() || IsForbiddenAtEnd(Native.back())) {
         Out.resize(Before);
         Out += Fold(ServedName(Native));
     }
