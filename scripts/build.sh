@@ -6,6 +6,7 @@ packages_program="clang lld cmake ninja-build pkg-config libfmt-dev libicu-dev l
 packages_tests="$packages_program libgtest-dev libgmock-dev"
 packages_packaging="lintian file dpkg-dev"
 packages_mount="fuse3 python3 git sqlite3 fio samba smbclient stress-ng"
+packages_machine="qemu-system-x86 busybox-static cpio e2fsprogs dosfstools exfatprogs"
 packages_sanitizers="libclang-rt-dev llvm"
 packages_image="clang lld llvm cmake ninja-build python3 gcc-mingw-w64-x86-64 g++-mingw-w64-x86-64 mingw-w64-x86-64-dev"
 

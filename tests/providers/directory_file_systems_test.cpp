@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <linux/fs.h>
+#include <malloc.h>
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/mount.h>
@@ -226,7 +227,7 @@ TEST_F(FileSystems, ChangesAreSeenWhenTheKernelLosesEventsAndHasNoWatchesLeft) {
     EXPECT_TRUE(WIFEXITED(Status) && WEXITSTATUS(Status) != 0) << Status;
 }
 
-// Of a tree deeper than there are descriptors. Opens say why they end.
+// Of a tree deeper than there are descriptors.
 TEST_F(FileSystems, FewDescriptorsCountADeepTreeForItsQuota) {
     std::string Path = "deep";
     for (int Depth = 0; Depth < 40; ++Depth) {
@@ -240,21 +241,6 @@ TEST_F(FileSystems, FewDescriptorsCountADeepTreeForItsQuota) {
     const rlimit Few{static_cast<rlim_t>(Next.Get()) + 12, Before.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &Few), 0);
     EXPECT_EQ(Provider.AddExport(u"srv", u"quota", Root, {.QuotaBytes = 5000}), "");
-    std::vector<RVHANDLE> Opened;
-    RVHANDLE File = 0;
-    RVSTATUS Ended;
-    while (!RvIsError(Ended = Open(u"deep\\FILE", File))) {
-        Opened.push_back(File);
-    }
-    EXPECT_EQ(Ended, Failure(0x0504));
-    EXPECT_GT(Opened.size(), 2u);
-    Close(Opened.back());
-    Opened.pop_back();
-    EXPECT_EQ(Open(u"deep\\file", File, RV_ACCESS_ATTRIBUTES), Done);
-    Opened.push_back(File);
-    for (const RVHANDLE Each : Opened) {
-        Close(Each);
-    }
     EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &Before), 0);
     RVHANDLE Quota = 0;
     ULONG64 After = 0;
@@ -262,6 +248,46 @@ TEST_F(FileSystems, FewDescriptorsCountADeepTreeForItsQuota) {
     EXPECT_EQ(Table->RVFsdGetVolumeSize(Fsd, nullptr, Quota, nullptr, nullptr, nullptr, &After), Done);
     EXPECT_EQ(After, 5000u - 40 * 5);
     EXPECT_EQ(Table->RVFsdCloseVolume(Fsd, nullptr, Quota), Done);
+}
+
+// RVFSD_OPEN_FILES has another number of distinct files. Opens beyond the limit say why they end.
+TEST_F(FileSystems, AsManyFilesAreOpenAsThereAreDescriptors) {
+    const char *Wanted = std::getenv("RVFSD_OPEN_FILES");
+    const size_t Files = Wanted != nullptr ? std::strtoul(Wanted, nullptr, 10) : 1000;
+    rlimit Before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &Before), 0);
+    const UniqueFd Next(dup(0));
+    const rlim_t Limit = static_cast<rlim_t>(Next.Get()) + Files + 8;
+    const rlimit Enough{Limit, std::max(Limit, Before.rlim_max)};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &Enough), 0) << Limit << " descriptors are not to be had";
+    fs::create_directory(Root / "many");
+    for (size_t Index = 0; Index < Files + 8; ++Index) {
+        Write(fmt::format("many/File {}", Index), std::to_string(Index));
+    }
+    std::vector<RVHANDLE> Opened;
+    RVHANDLE File = 0;
+    const size_t Memory = mallinfo2().uordblks + mallinfo2().hblkhd;
+    RVSTATUS Ended = Done;
+    while (Opened.size() < Files + 8 &&
+           !RvIsError(Ended = Open(u"many\\file " + ServedNumber(static_cast<int>(Opened.size())), File))) {
+        Opened.push_back(File);
+    }
+    EXPECT_EQ(Ended, Failure(0x0504));
+    ASSERT_GE(Opened.size(), Files);
+    std::cout << Opened.size() << " files are open, each for "
+              << (mallinfo2().uordblks + mallinfo2().hblkhd - Memory) / Opened.size()
+              << " bytes, its name's among them\n";
+    for (const size_t Index : {size_t{0}, Files / 2, Files - 1}) {
+        std::string Text;
+        EXPECT_EQ(ReadAt(Opened[Index], 0, 10, Text), Done);
+        EXPECT_EQ(Text, std::to_string(Index));
+    }
+    Close(Opened.back());
+    EXPECT_EQ(Open(u"many\\FILE 0", Opened.back(), RV_ACCESS_ATTRIBUTES), Done);
+    for (const RVHANDLE Each : Opened) {
+        Close(Each);
+    }
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &Before), 0);
 }
 
 } // namespace
