@@ -366,7 +366,7 @@ TEST(SerialFromPath, TakesTheVolumesFirstLettersAndPadsWithTheServers) {
 TEST_F(Asking, AVolumeThatCannotBeReachedIsTheStatusAndTheDeviceClassAsksNobody) {
     const HANDLE Handle = OpenEmptyFile();
     const struct {
-        Slot Slot;
+        Slot Fails;
         RVSTATUS Result;
         NTSTATUS Status;
     } Cases[] = {{Slot::QueryPathForVolume, RvError(RVFS_UNKNOWN_SERVER), STATUS_NO_LOGON_SERVERS},
@@ -375,7 +375,7 @@ TEST_F(Asking, AVolumeThatCannotBeReachedIsTheStatusAndTheDeviceClassAsksNobody)
                  {Slot::QueryPathForVolume, Warning, STATUS_NO_DATA_DETECTED},
                  {Slot::OpenVolume, Warning, STATUS_NO_DATA_DETECTED}};
     for (const auto &Case : Cases) {
-        Provider.OnCall(Case.Slot).ReturnAfter(Case.Result);
+        Provider.OnCall(Case.Fails).ReturnAfter(Case.Result);
         EXPECT_THAT(Volume(Handle, FileFsSizeInformation), Ends(Case.Status, 0));
         Provider.ClearScript();
     }
