@@ -1,4 +1,3 @@
-
 #include "embedded/io_objects.h"
 #include "embedded/ob.h"
 #include "embedded/ps.h"

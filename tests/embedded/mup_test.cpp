@@ -1,4 +1,3 @@
-
 #include "io_fixture.h"
 
 namespace {

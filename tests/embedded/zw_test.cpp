@@ -1,4 +1,3 @@
-
 #include <thread>
 
 #include "embedded/ps.h"
