@@ -203,6 +203,8 @@ bool NameCache::ResolveKnown(const DirectoryRef &Base, std::u16string_view Path,
     Out.Name = Exact.substr(Slash + 1);
     if (Slash != Exact.npos) {
         Out.Parent = Exact.substr(0, Slash);
+        // This look may leave the root when a link takes the place of a directory meanwhile. It tells which names to
+        // compare with and no more: what is found is opened beneath the root.
         struct stat Stat;
         if (fstatat(Base.Fd, Out.Parent.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(Stat.st_mode)) {
             return false;
