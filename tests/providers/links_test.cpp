@@ -1,5 +1,8 @@
 // Volumes that are directories of others, as distributed paths.
 
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include "tests/providers/directory_fixture.h"
 
 namespace providers::directory {
@@ -183,9 +186,14 @@ TEST_F(Links, AreRefusedWithAReasonAndAddNothing) {
               "cannot export " + Outer.string() + ": its volume name is a link already");
 }
 
-// A time that the file system cannot keep is not taken for the nearest one that it can.
+// A time that the file system cannot keep is not taken for the nearest one that it can. Some keep all that there are.
 TEST_F(DirectoryProviderTest, TimesOutOfRangeLeaveTheFileAsItWas) {
     Write("file", "");
+    const timespec Far[2] = {{900'000'000'000, 0}, {900'000'000'000, 0}};
+    struct stat Kept {};
+    EXPECT_EQ(utimensat(AT_FDCWD, (Root / "file").c_str(), Far, 0), 0);
+    EXPECT_EQ(stat((Root / "file").c_str(), &Kept), 0);
+    const LONG64 TooLate = Kept.st_mtim.tv_sec == Far[1].tv_sec ? INT64_MIN : INT64_MAX;
     RVHANDLE Handle = 0;
     ASSERT_EQ(Open(u"file", Handle, RV_ACCESS_WRITE), Done);
     LONG64 Creation = 0;
@@ -193,7 +201,7 @@ TEST_F(DirectoryProviderTest, TimesOutOfRangeLeaveTheFileAsItWas) {
     LONG64 LastAccess = 131000000000000002;
     ULONG None = 0;
     ASSERT_EQ(Table->RVFsdSetFileInformation(Fsd, nullptr, Handle, nullptr, nullptr, &LastWrite, &LastAccess), Done);
-    for (LONG64 Bad : {INT64_MAX, LONG64{-2}, INT64_MIN}) {
+    for (LONG64 Bad : {TooLate, LONG64{-2}, INT64_MIN}) {
         ULONG Hidden = RV_ATTR_HIDDEN;
         EXPECT_EQ(Table->RVFsdSetFileInformation(Fsd, nullptr, Handle, &Hidden, nullptr, &Bad, nullptr),
                   RVSTATUS::InvalidParameter)
