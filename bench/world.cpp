@@ -60,8 +60,7 @@ public:
         for (unsigned Index = 0; Index < NativeFiles; ++Index) {
             std::ofstream(Root_ / RelativeName(Index)) << std::string(TransferBytes, 'x');
         }
-        // What changed in the last two seconds, the Provider asks for each time.
-        std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+        LetRest();
     }
     ~NativeTree() {
         std::error_code Ignored;
@@ -79,10 +78,16 @@ public:
             for (unsigned Index = 0; Index < ListedEntries; ++Index) {
                 std::ofstream(Directory / ListedFile(Index));
             }
+            LetRest();
         }
     }
 
 private:
+    // What changed in the last two seconds, the Provider asks for each time.
+    static void LetRest() {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2500));
+    }
+
     std::filesystem::path Root_;
 };
 
