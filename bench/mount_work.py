@@ -163,7 +163,7 @@ def sqlite(root):
     def fill():
         base = sqlite3.connect(f"{root}/base", isolation_level=None)
         base.execute("create table t (a, b)")
-        for begin in range(200):
+        for begin in range(1000):
             base.execute("begin")
             base.executemany("insert into t values (?, ?)", [(begin, "x" * 100)] * 100)
             base.execute("commit")
