@@ -73,7 +73,7 @@ bool FileAccess::GiveTo(int Descriptor, const std::string &Name) const {
     if (!Given && errno != EPERM && errno != EINVAL) {
         Fail(Name, errno);
     }
-    // Nobody is to run with the rights of an owner that the file has not, and another group gets nothing.
+    // Without its owner the file must run with nobody else's rights; without its group, the group gets no access.
     mode_t Permissions = Permissions_;
     if (!Given) {
         Permissions &= ~mode_t{S_ISUID | S_ISGID};

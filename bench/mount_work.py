@@ -251,7 +251,7 @@ def table(results):
         figure = ratio(name, "rvfsd", base)
         print(f"    {name:<16} {'█' * min(60, round(20 * (figure or 0))):<60} {shown(figure)}")
     if local := ratio("sqlite", LOCAL, base):
-        print(f"    {'the same, locks':<77} {shown(local)}\n    in the kernel as there (local_lock=all)")
+        print(f"\nsqlite with its locks in the kernel too (local_lock=all), beside {base}: {shown(local)}")
     used = collections.defaultdict(int)
     for row in rows:
         used[row["target"], row["workload"]] += row["server_ticks"]

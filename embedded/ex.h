@@ -22,13 +22,6 @@ PVOID AllocatePool(PoolKind Kind, POOL_TYPE Type, SIZE_T Size, ULONG Tag);
 // Frees a block of that kind; Tag 0 fits every tag.
 void FreePool(PoolKind Kind, PVOID Block, ULONG Tag);
 
-// The same, zeroed, for a structure.
-template <class T>
-T *AllocateStructure(PoolKind Kind, ULONG Tag, SIZE_T Size = sizeof(T)) {
-    void *Block = AllocatePool(Kind, NonPagedPoolNx, Size, Tag);
-    return Block == nullptr ? nullptr : static_cast<T *>(memset(Block, 0, Size));
-}
-
 // Bytes and blocks handed out and not yet freed, all kinds. Exact when no other thread allocates or frees.
 LONG64 PoolBytesInUse();
 LONG64 PoolBlocksInUse();

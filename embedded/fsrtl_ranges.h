@@ -71,9 +71,9 @@ inline FILE_LOCK_INFO Describe(const Lock &Of) {
 using LockId = ULONG64;
 using GrantedLocks = std::map<LockId, Lock>;
 
-// The locks of one kind in blocks of neighbours, ordered by start, then number. Of each block it is known where its
-// ranges end at the most, and where those of it and of all before it do: a search looks at blocks that may overlap
-// only.
+// The locks of one kind in blocks of neighbours, ordered by start, then number. Each block knows the furthest end of
+// its own ranges, and the furthest end of those in it and in all blocks before it: a search looks only at blocks in
+// which something may overlap.
 class LocksByRange {
 public:
     // Throws bad_alloc, having changed nothing that is seen.

@@ -211,13 +211,4 @@ std::vector<std::string> IrpPointersInto(const void *Low, const void *High) {
     return Lines;
 }
 
-size_t IrpsInUse() noexcept {
-    size_t Count = 0;
-    for (const IrpBlock *Block = AllBlocks.load(std::memory_order_acquire); Block != nullptr;
-         Block = Block->NextOfAll) {
-        Count += (Block->State.load(std::memory_order_acquire) & IrpBlock::InUse) != 0;
-    }
-    return Count;
-}
-
 } // namespace embedded

@@ -180,7 +180,6 @@ bool CancelIrp(IrpBlock &Block) noexcept;
 
 // The requests that are in a driver's hands, one line each.
 std::string DescribeIrps();
-size_t IrpsInUse() noexcept;
 size_t LiveDevices() noexcept;
 
 // A line for each aligned word that points between Low and High of the requests in use, with their stack locations, and

@@ -69,7 +69,7 @@ constexpr ULONG_PTR UserStart = 0x10000;
 constexpr ULONG_PTR UserEnd = 0x00007FFFFFFFF000;
 constexpr ULONG MdlTag = 0x206C644D; // "Mdl "
 
-// Those of a probe's instructions, and those that a driver's image can cause besides.
+// The signals that a probe can cause, and those that a driver's image can cause besides.
 constexpr int Signals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP};
 struct sigaction Old[std::size(Signals)];
 
@@ -137,9 +137,7 @@ ULONG_PTR AddressOf(const void *Pointer) {
 }
 
 std::atomic<MM_SYSTEMSIZE> SystemSize{MmLargeSystem};
-std::atomic<ULONG64> Closes{0};
 std::atomic<PSECTION_OBJECT_POINTERS> LastClosed{nullptr};
-std::atomic<bool> CloseAnswer{true};
 
 [[noreturn]] __attribute__((noinline)) void NTAPI Stop(ULONG_PTR Which, const MDL *Mdl, const char *What) noexcept {
     BugCheck(bugcheck::Verifier, Which, AddressOf(Mdl), static_cast<USHORT>(Mdl->MdlFlags), AddressOf(Mdl->Process),
@@ -250,21 +248,12 @@ void SetSystemSize(MM_SYSTEMSIZE Size) {
     SystemSize = Size;
 }
 
-ULONG64 SectionCloses() {
-    return Closes;
-}
-
 PSECTION_OBJECT_POINTERS LastSectionClosed() {
     return LastClosed;
 }
 
 void ResetSectionCloses() {
-    Closes = 0;
     LastClosed = nullptr;
-}
-
-void SetSectionCloseAnswer(bool Answer) {
-    CloseAnswer = Answer;
 }
 
 } // namespace embedded
@@ -350,7 +339,6 @@ MM_SYSTEMSIZE NTAPI MmQuerySystemSize() noexcept {
 
 BOOLEAN NTAPI MmForceSectionClosed(PSECTION_OBJECT_POINTERS SectionObjectPointer, BOOLEAN) noexcept {
     RequireIrql(IrqlRuleOf("MmForceSectionClosed"));
-    ++Closes;
     LastClosed = SectionObjectPointer;
-    return CloseAnswer;
+    return TRUE;
 }

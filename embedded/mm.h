@@ -39,11 +39,8 @@ void FreeSpareMdl(KThread &Thread);
 
 void SetSystemSize(MM_SYSTEMSIZE Size);
 
-// Section closes since the last ResetSectionCloses, and the pointers of the last.
-ULONG64 SectionCloses();
+// The pointers of the last section that was closed since ResetSectionCloses.
 PSECTION_OBJECT_POINTERS LastSectionClosed();
 void ResetSectionCloses();
-// What MmForceSectionClosed answers; TRUE unless set.
-void SetSectionCloseAnswer(bool Answer);
 
 } // namespace embedded

@@ -46,7 +46,7 @@ PVOID MapApart(const MDL *Mdl) {
         return Address;
     }
     char *Mapped = static_cast<char *>(Start) + Mdl->ByteOffset;
-    // Locked pages outlive the buffer that their owner unmaps meanwhile; what was in them is lost here.
+    // Locked pages stay when their owner unmaps the buffer meanwhile. Here their content is lost then.
     if (ProbeRange(Address, Mdl->ByteCount, false)) {
         CopyRaw(Mapped, Address, Mdl->ByteCount);
     }

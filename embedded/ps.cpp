@@ -44,7 +44,6 @@ struct ThreadTable {
     std::multimap<PVOID, ThreadPointer> References; // that the driver took
     ULONG_PTR NextHandle = FirstHandle;
     SIZE_T Running = 0;
-    SIZE_T Started = 0;
     std::atomic<bool> Stopping{false};
 
     // Kernel handles are negative, like those of the object manager, which starts elsewhere.
@@ -72,7 +71,7 @@ ProcessTable &Processes() {
     return Instance;
 }
 
-// The frames of the driver are left by a jump, not by unwinding, which does not pass through them.
+// A thread ends by a jump out of the driver's frames: exceptions cannot unwind through those.
 __attribute__((noinline)) void RunStartRoutine(SystemThread &Thread) {
     if (_setjmp(Thread.Exit) == 0) {
         Thread.Start(Thread.Context);
@@ -192,11 +191,6 @@ SIZE_T RunningSystemThreads() {
     return Table().Running;
 }
 
-SIZE_T SystemThreadsStarted() {
-    std::lock_guard Guard(Table().Mutex);
-    return Table().Started;
-}
-
 SIZE_T JoinSystemThreads(LONGLONG Limit) {
     if (Clock::IsManual()) {
         AdvanceUntilEnded(Limit);
@@ -215,7 +209,7 @@ void StopSystemThreads() {
         for (const ThreadPointer &Thread : All.Threads) {
             UnparkThread(Thread->Thread);
         }
-        // A thread that waits for what never comes, or never comes to a delay, would hang the machine.
+        // A thread that waits for something that never happens, or runs without ever delaying, would hang the machine.
         if (!All.Ended.wait_for(Lock, LongestEnd, [&] { return All.Running == 0; })) {
             std::string Text = fmt::format("{} system thread(s) do not end", All.Running);
             for (const ThreadPointer &Thread : All.Threads) {
@@ -279,7 +273,6 @@ NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBU
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     ++All.Running;
-    ++All.Started;
     All.Threads.push_back(Thread);
     *ThreadHandle = reinterpret_cast<HANDLE>(All.NextHandle);
     All.Handles.emplace(All.NextHandle, Thread);

@@ -52,8 +52,6 @@ PKTHREAD ThreadOfHandle(HANDLE Handle);
 SIZE_T OpenThreadHandles();
 // System threads that have not ended.
 SIZE_T RunningSystemThreads();
-// How many were ever started.
-SIZE_T SystemThreadsStarted();
 
 // Waits until all system threads have ended and joins them. A manual clock is advanced from due time to due time,
 // a running one waited for; either way at most Limit of the clock's time. Returns how many still run.

@@ -150,7 +150,7 @@ void ResetSecurity() noexcept {
 
 namespace {
 
-// As much as fits is not given: all or, with the length that it takes, nothing.
+// Gives the whole value, or nothing but the length that it takes when that does not fit.
 template <typename T>
 NTSTATUS Give(const T &Value, PVOID To, ULONG Length, PULONG ReturnLength) {
     *ReturnLength = sizeof(T);

@@ -153,8 +153,7 @@ private:
         Ended.Unfinished = false;
         Ended.Status = TextOf(Status);
         // A Provider's error has both top bits; the names of statuses say no more than that they are not success.
-        // At its end the driver has done what it does for a shutdown, and answers as it does for what it knows no more
-        // of.
+        // The driver does what a shutdown asks for and answers it so: that is no failure.
         const bool IsTheEnd = Event.value("name", "") == "IRP_MJ_SHUTDOWN" && Status == "STATUS_NOT_SUPPORTED";
         Ended.Failed = !IsTheEnd && (Status.starts_with("0x") ? Status[2] >= 'C' : !IsSuccess(Status));
         const std::string &Before = Texts_[Ended.Details];

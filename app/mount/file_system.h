@@ -88,9 +88,6 @@ private:
     Node *NodeOf(fuse_ino_t Inode) {
         return Inode == FUSE_ROOT_ID ? Nodes_.Root() : reinterpret_cast<Node *>(Inode);
     }
-    fuse_ino_t InodeOf(Node *Which) {
-        return Which == Nodes_.Root() ? FUSE_ROOT_ID : reinterpret_cast<fuse_ino_t>(Which);
-    }
     static OpenFile &FileOf(const fuse_file_info *File) {
         return *reinterpret_cast<OpenFile *>(File->fh);
     }

@@ -367,9 +367,4 @@ std::vector<std::unique_ptr<OpenState>> Nodes::TakeAll() {
     return All;
 }
 
-size_t Nodes::Known() {
-    const std::lock_guard Hold(Lock_);
-    return Known_.size();
-}
-
 } // namespace app::mount

@@ -116,7 +116,6 @@ public:
 
     // All that is open, for the end of the mount.
     std::vector<std::unique_ptr<OpenState>> TakeAll();
-    size_t Known();
 
 private:
     struct Key {

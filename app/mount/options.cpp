@@ -156,11 +156,11 @@ void Take(const std::string &One, MountOptions &Options) {
 
 } // namespace
 
-void ParseMountWords(const std::string &Words, MountOptions &Options) {
-    for (size_t At = 0; At <= Words.size();) {
-        const size_t Comma = std::min(Words.find(',', At), Words.size());
+void ParseMountWords(const std::string &List, MountOptions &Options) {
+    for (size_t At = 0; At <= List.size();) {
+        const size_t Comma = std::min(List.find(',', At), List.size());
         if (Comma > At) {
-            Take(Words.substr(At, Comma - At), Options);
+            Take(List.substr(At, Comma - At), Options);
         }
         At = Comma + 1;
     }

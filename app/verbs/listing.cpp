@@ -272,6 +272,9 @@ int List(Session &Running, const ListWords &Words) {
     if (Words.Recursive && (Words.Restart || Words.Single || Words.Class != "both")) {
         throw UsageError("ls: -R asks in its own way: --class, --restart and --single do not go with it");
     }
+    if ((Words.ByTime || Words.BySize) && Words.Class == "names") {
+        throw UsageError("ls: the class \"names\" tells neither times nor sizes");
+    }
     if (Words.Paths.empty() && RemoteDirectory().empty()) {
         for (const Export &One : Running.Exports()) {
             if (WantsJson()) {
@@ -281,9 +284,6 @@ int List(Session &Running, const ListWords &Words) {
             }
         }
         return 0;
-    }
-    if ((Words.ByTime || Words.BySize) && Words.Class == "names") {
-        throw UsageError("ls: the class \"names\" tells neither times nor sizes");
     }
     int Code = 0;
     bool IsFirst = true;

@@ -15,7 +15,7 @@ namespace app {
 
 namespace {
 
-// What the driver was asked comes after what it asked the Provider for: shown the other way round.
+// A request is told when it ends, behind the calls that it made of the Provider. It is shown before them.
 class Collector {
 public:
     explicit Collector(Session &Running) : Running_(Running) {

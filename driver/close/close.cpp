@@ -34,7 +34,8 @@ struct CLOSE {
 // How often a close tries for both resources before it waits for the second with the first in its hand.
 constexpr ULONG TRIES = 16;
 
-// Both resources or none. Creates need FcbTableResource: while the file is busy it is left to them.
+// Both resources or none. Creates need FcbTableResource: while the file is busy it is given back and tried again, until
+// the tries are used up.
 bool AcquireAll(CLOSE &Close) {
     const BOOLEAN MayWait = Close.IrpContext->MayWait();
     for (ULONG Try = 0;; ++Try) {
@@ -121,10 +122,11 @@ void CloseObjectHandles(CLOSE &Close) {
     }
 }
 
-// Asks the Provider for the delete; FALSE, without a call, for the root of a volume.
+// Asks the Provider for the delete; FALSE, without a call, for the root of a volume, also for an open that was made
+// before it became one.
 bool DeleteObject(CLOSE &Close) {
     const PINSTANCE_CONTEXT Instance = Close.Instance;
-    if (Instance->PathLeft == nullptr || Instance->PathLeft[0] == 0) {
+    if (Instance->PathLeft == nullptr || Instance->PathLeft[0] == 0 || NtFsdIsVolumeRoot(Close.Fcb)) {
         return false;
     }
     bool IsDirectory = Close.Fcb->OpenType == OPEN_TYPE_DIRECTORY;
@@ -153,7 +155,7 @@ bool JudgeDelete(CLOSE &Close) {
             Close.Status = STATUS_SUCCESS;
             return true;
         }
-        // The server deletes a file with the handle for which that was reserved.
+        // Where deletion was reserved, the server has deleted the file as its handle was closed.
         return (Close.Instance->ProviderOptions & RV_OPTION_RESERVE_DELETE) != 0;
     case STATUS_OBJECT_PATH_NOT_FOUND:
         Close.Status = STATUS_SHARING_VIOLATION;

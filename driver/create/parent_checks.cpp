@@ -28,7 +28,7 @@ BOOLEAN AskErasePermission(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance, 
     return Missing;
 }
 
-// The rights on the parent decide over an object that is not there yet.
+// Of an object that is not there yet the rights on its parent are asked.
 BOOLEAN AskParentErasePermission(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance, PCWSTR FullPath,
                                  const PARENT_POSITION &Position) {
     const ULONG ParentBytes = Position.ParentUnits * sizeof(WCHAR);

@@ -85,7 +85,7 @@ QUERY ReadQuery(PIRP_CONTEXT IrpContext) {
             .Information = 0};
 }
 
-// Marked as read only after it is, so that no search goes by a switch that is still being read.
+// The switch is marked as read once its value is stored: until then every search reads it itself.
 void ReadLazyCloseOnce() {
     if (!__atomic_load_n(&LazyCloseRead, __ATOMIC_ACQUIRE)) {
         Ignore(NtFsdReadLazyCloseConfig(), "short names are then asked for");

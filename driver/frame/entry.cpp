@@ -38,7 +38,7 @@ void OpenDevice(ENTRY_REQUEST &Request, CCHAR PriorityBoost) {
         NtFsdCompleteAtOnce(Request.Irp, Status, NT_SUCCESS(Status) ? FILE_OPENED : FILE_DOES_NOT_EXIST, PriorityBoost);
 }
 
-// The device itself can be opened before the framework is there: that is how it is found at start.
+// The device itself can be opened before the framework is there: the framework finds the driver by such an open.
 bool CreateUnbound(ENTRY_REQUEST &Request) {
     const PFILE_OBJECT FileObject = Request.FileObject;
     const WideText Name = {FileObject->FileName.Buffer, FileObject->FileName.Length / 2u};

@@ -2,7 +2,8 @@
 //
 // One dispatch routine serves every major function that has a row in the table: it counts the request in, binds the
 // framework, refuses a cancelled IRP, enters a critical region, takes the top-level slot if free, decodes the file
-// object, makes the IrpContext and runs the common routine. What deviates stands in the row.
+// object, makes the IrpContext and runs the common routine. What deviates stands in the row; a row with Whole has
+// nothing of this but what that does itself.
 #pragma once
 
 #include "frame/irp_context.h"

@@ -10,6 +10,6 @@ NTSTATUS NtFsdCommonQueryInformation(PIRP_CONTEXT IrpContext);
 // Serves IRP_MJ_QUERY_VOLUME_INFORMATION. Takes no FCB lock; always completes the request.
 NTSTATUS NtFsdCommonQueryVolumeInfo(PIRP_CONTEXT IrpContext);
 
-// A serial number made from up to four characters: those from the last backslash of FallbackPath on that is followed by
-// another character, then from the start of Path. Both are NUL-terminated.
+// A serial number made from up to four characters. They are taken from FallbackPath, beginning at the last backslash
+// behind which another character stands, and when these do not suffice from the start of Path. Both are NUL-terminated.
 ULONG NtFsdVolumeSerialFromPath(PCWSTR Path, PCWSTR FallbackPath);

@@ -321,7 +321,7 @@ NTSTATUS NtFsdCommonQueryInformation(PIRP_CONTEXT IrpContext) {
                    .Fcb = static_cast<PFCB>(IrpContext->FileObject->FsContext),
                    .Instance = static_cast<PINSTANCE_CONTEXT>(IrpContext->FileObject->FsContext2),
                    .Facts = {}};
-    if (Query.Fcb->OpenType == OPEN_TYPE_DEVICE) {
+    if (NtFsdReadOpenType(Query.Fcb) == OPEN_TYPE_DEVICE) {
         NtFsdDebugPrint(TRACE_FILE_INFO, 0, "File stream is a device. Returning invalid parameter\n");
         NtFsdDebugPrint(TRACE_FILE_INFO, 0, "Info Level 0x%X\n", InfoClass);
         return Refuse(IrpContext, STATUS_INVALID_PARAMETER);

@@ -322,7 +322,7 @@ NTSTATUS NtFsdCommonQueryVolumeInfo(PIRP_CONTEXT IrpContext) {
     const ULONG InfoClass = static_cast<ULONG>(IrpSp->Parameters.QueryVolume.FsInformationClass);
     const auto Fcb = static_cast<PFCB>(IrpContext->FileObject->FsContext);
     IrpContext->Information = 0;
-    if (Fcb->OpenType == OPEN_TYPE_DEVICE) {
+    if (NtFsdReadOpenType(Fcb) == OPEN_TYPE_DEVICE) {
         return NtFsdCompleteRequest(IrpContext, Irp, STATUS_SUCCESS);
     }
     const PVOID Buffer = Irp->AssociatedIrp.SystemBuffer;

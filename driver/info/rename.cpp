@@ -328,7 +328,7 @@ NTSTATUS RenameHeld(RENAME &Rename) HOLDING(FcbTableResource) {
     return Status;
 }
 
-// The rename with FcbTableResource held, so that no path of an FCB changes but the one that this changes.
+// The rename with FcbTableResource held: no other rename changes a path of an FCB meanwhile.
 NTSTATUS RenameUnderTable(RENAME &Rename) HOLDING(FcbTableResource) {
     if (!HasTargetHandle(Rename)) {
         return STATUS_OBJECT_PATH_NOT_FOUND;

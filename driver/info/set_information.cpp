@@ -96,7 +96,7 @@ NTSTATUS NtFsdCommonSetInformation(PIRP_CONTEXT IrpContext) {
                               .Buffer = static_cast<const UCHAR *>(Irp->AssociatedIrp.SystemBuffer),
                               .Hold = {}};
     IrpContext->Information = 0;
-    if (Change.Fcb->OpenType == OPEN_TYPE_DEVICE) {
+    if (NtFsdReadOpenType(Change.Fcb) == OPEN_TYPE_DEVICE) {
         NtFsdDebugPrint(TRACE_FILE_INFO, 0, "Error: Attempted to set info on a device.\n");
         return NtFsdCompleteRequest(IrpContext, Irp, STATUS_INVALID_PARAMETER);
     }

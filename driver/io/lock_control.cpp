@@ -342,7 +342,7 @@ VOID NtFsdPostLockGrants(PLIST_ENTRY Grants) {
         const PIRP Irp = CONTAINING_RECORD(RemoveHeadList(Grants), IRP, Tail.Overlay.ListEntry);
         const auto IrpContext = static_cast<PIRP_CONTEXT>(ContextSlot(Irp));
         if (PostCompletion(IrpContext) != STATUS_PENDING) {
-            // The library has granted it: without memory it is finished here.
+            // The library has granted it. It could not be posted for want of memory, and is finished here.
             Ignore(CompleteWithAcquire(IrpContext, Grants), "the IRP carries it");
         }
     }

@@ -2,7 +2,7 @@
 
 namespace {
 
-// Guards LockRequests of all FCBs, and the links and states in it. A leaf; nothing is called under it.
+// Guards LockRequests of all FCBs, and the links and states in it. A leaf.
 DRIVER_GLOBAL KSPIN_LOCK RequestsLock = 0;
 
 PIRP_CONTEXT ContextOf(PLIST_ENTRY Links) {

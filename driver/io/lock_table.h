@@ -66,9 +66,6 @@ public:
     const NOTED_LOCK *end() const {
         return Locks() + Count_;
     }
-    bool IsEmpty() const {
-        return Count_ == 0;
-    }
 
 private:
     static constexpr ULONG FEW = 4;

@@ -1,6 +1,7 @@
 // Where the link of a mapped drive leads.
 #pragma once
 
+#include "frame/driver.h"
 #include "names/strings.h"
 
 // The driver's device followed by Path, in a block of its own.
@@ -26,19 +27,17 @@ public:
             return STATUS_INSUFFICIENT_RESOURCES;
         }
         String_ = {static_cast<USHORT>(Bytes - sizeof(WCHAR)), Bytes, Buffer_.Get()};
-        RtlCopyMemory(String_.Buffer, DEVICE.Buffer, DEVICE.Length);
-        RtlCopyMemory(String_.Buffer + DEVICE.Length / sizeof(WCHAR), Path->Buffer, Path->Length);
+        RtlCopyMemory(String_.Buffer, DEVICE_NAME.Buffer, DEVICE_NAME.Length);
+        RtlCopyMemory(String_.Buffer + DEVICE_NAME.Length / sizeof(WCHAR), Path->Buffer, Path->Length);
         String_.Buffer[String_.Length / sizeof(WCHAR)] = 0;
         return STATUS_SUCCESS;
     }
     static ULONG BytesFor(PCUNICODE_STRING Path) {
-        return ULONG{DEVICE.Length} + Path->Length + sizeof(WCHAR);
+        return ULONG{DEVICE_NAME.Length} + Path->Length + sizeof(WCHAR);
     }
     PUNICODE_STRING Get() const {
         return const_cast<PUNICODE_STRING>(&String_);
     }
-
-    static constexpr UNICODE_STRING DEVICE = ConstantString(WTEXT("\\Device\\RvFsd"));
 
 private:
     PoolPointer<WCHAR> Buffer_;

@@ -150,8 +150,7 @@ NTSTATUS Allocate(MAPPING *Mapping) {
     NTSTATUS Status = Mapping->Link.Build(&Mapping->Target);
     if (Status == STATUS_INSUFFICIENT_RESOURCES) {
         NtFsdDebugPrint(TRACE_FILE_INFO, 0, "[TWFS] RvMapDrive \"%c:\" with target \"%wZ%wZ\" alloc %u bytes failed.\n",
-                        Mapping->Letter(), &LinkTarget::DEVICE, &Mapping->Target,
-                        LinkTarget::BytesFor(&Mapping->Target));
+                        Mapping->Letter(), &DEVICE_NAME, &Mapping->Target, LinkTarget::BytesFor(&Mapping->Target));
     }
     if (!NT_SUCCESS(Status)) {
         return Status;

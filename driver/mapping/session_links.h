@@ -39,8 +39,8 @@ NTSTATUS CreateOrDeleteSymbolicLinkInCurrentSession(CHAR Letter, PUNICODE_STRING
 // The value EnableLinkedConnections of a key into *Value. STATUS_OBJECT_TYPE_MISMATCH when it has no 32-bit word.
 NTSTATUS GetEnableLinkedConnectionsConfig(PUNICODE_STRING KeyPath, PULONG Value);
 
-// The link of Letter in the session linked to the caller's, with the linked token's default DACL; only while the policy
-// asks for it (STATUS_NO_TOKEN otherwise) when it is made, always when it is deleted. Linked, which may be NULL,
+// The link of Letter in the session linked to the caller's, with the linked token's default DACL. It is made only while
+// the policy asks for it, STATUS_NO_TOKEN otherwise; it is deleted whatever the policy says. Linked, which may be NULL,
 // receives the session once it is known.
 NTSTATUS CreateOrDeleteSymbolicLinkInLinkedSession(CHAR Letter, PUNICODE_STRING Target, BOOLEAN Create,
                                                    PLUID Linked = nullptr);

@@ -203,8 +203,8 @@ NTSTATUS TwSupDereference(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT I
 // Frees an instance with its listing buffers. Unlinked by the caller.
 VOID NtFsdFreeInstance(PINSTANCE_CONTEXT Instance);
 
-// Makes the Provider operations of a scope, by IrpContext's context, those of whoever wished for Fcb's pending
-// deletion: what he may not delete, nobody deletes for him. Resource held exclusive.
+// While one exists, the Provider is asked with IrpContext in the name of whoever wished for Fcb's pending deletion:
+// what he may not delete, nobody deletes for him. Resource held exclusive.
 class [[nodiscard]] ActForDeletionOwner {
 public:
     ActForDeletionOwner(PIRP_CONTEXT IrpContext, const FCB *Fcb)

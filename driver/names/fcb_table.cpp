@@ -232,7 +232,7 @@ VOID NtFsdRenameFcb(PFCB Fcb, NewPathRecord &NewPath) {
     RepointInstances(Fcb);
     Fcb->Parent = NewPath.DetachParent();
     if (IsPathTaken(&Fcb->FullPath) || !InsertPrefix(Fcb)) {
-        NtFsdRemovePrefix(Fcb); // it counts below no directory either
+        NtFsdRemovePrefix(Fcb); // its directories do not count it any more either
         NtFsdAlwaysPrint("[RVFSD] NtFsdRenameFcb RtlInsertUnicodePrefix for \"%wZ\" on FCB 0x%p failed.\n",
                          &Fcb->FullPath, Fcb);
     }

@@ -60,7 +60,7 @@ PARENT_RECORD *MakeRecords(const UNICODE_STRING &Directory, ULONG Count, PARENT_
         Record->Parent = Made == 0 ? Above : Record - 1;
         Record->Below = 1; // the next, or the FCB
         if (!RtlInsertUnicodePrefix(&ParentTable, &Record->Path, &Record->Entry)) {
-            Block->Parent = nullptr; // which does not count it yet
+            Block->Parent = nullptr; // Above has not counted the block yet
             if (Made == 0) {
                 TwFreeMemory(Block);
             } else {

@@ -14,8 +14,8 @@ NTSTATUS NtFsdUpdateUnicodeString(PUNICODE_STRING Destination, PCUNICODE_STRING 
 VOID NtFsdFreeUnicodeString(PUNICODE_STRING String);
 
 // The number of path components: \server counts 1, \server\volume 2; an empty component between doubled backslashes
-// counts. A 16-bit zero ends the text early. Whoever only asks whether there are as many as Most (at least 1) names it:
-// a path with more counts Most, and its rest is not read.
+// counts. A 16-bit zero ends the text early. Counting stops at Most (at least 1), which is also the answer for a path
+// with more.
 ULONG NtFsdCountPathComponents(PCUNICODE_STRING Path, ULONG Most = 0xFFFF);
 
 // Composes Base, one backslash unless Base already ends in one, and Name into the empty string Path, which owns its
@@ -63,9 +63,9 @@ UNICODE_STRING NtFsdCutAfterVolume(PUNICODE_STRING Path);
 // The path without a trailing separator, if it has one.
 UNICODE_STRING NtFsdWithoutSlash(const UNICODE_STRING &Path);
 
-// TRUE when no component of Path is empty and no zero stands in it: the Provider would see another path than the one
-// that was named. A separator at the start belongs to no component; one at the end makes an
-// empty component.
+// TRUE when Path is not empty, has no empty component and holds no zero: with one of these the Provider would see
+// another path than the one that was named. A separator at the start belongs to no component; one at the end makes an
+// empty one.
 bool NtFsdIsPathValid(PCUNICODE_STRING Path);
 
 // TRUE when a wildcard stands in the last component.

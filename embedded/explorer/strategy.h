@@ -23,7 +23,7 @@ public:
     virtual size_t Choose(const Candidates &Among) = 0;
     virtual void Enter(ExploredThread &) {
     }
-    // The schedule so far, as it can be repeated by.
+    // The schedule so far, in the words by which it can be repeated.
     virtual std::string Text() const = 0;
 };
 

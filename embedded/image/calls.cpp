@@ -34,7 +34,7 @@ struct OpenCall {
 // The traced calls of this thread that have not returned, the innermost last.
 thread_local std::vector<OpenCall> Open;
 
-// That of a raising service, which calls nobody: further in than all of these.
+// The call of a service that raises. It calls nobody, so it is the innermost of all.
 thread_local const RaisingCall *OpenRaising = nullptr;
 
 struct Output {

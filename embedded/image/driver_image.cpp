@@ -318,14 +318,6 @@ bool DriverImage::Readable(const void *Address, size_t Size) const {
     return false;
 }
 
-bool DriverImage::Writable(const void *Address, size_t Size) const {
-    const auto Rva = static_cast<uint32_t>(static_cast<const char *>(Address) - Base_);
-    return Readable(Address, Size) &&
-           std::any_of(Format_.Sections.begin(), Format_.Sections.end(), [Rva](const ImageSection &Each) {
-               return Each.Writable && Rva >= Each.Rva && Rva - Each.Rva < Each.Size;
-           });
-}
-
 bool DriverImage::IsCode(uint32_t Rva) const {
     return std::any_of(Format_.Sections.begin(), Format_.Sections.end(), [Rva](const ImageSection &Each) {
         return Each.Executable && Rva >= Each.Rva && Rva - Each.Rva < Each.Size;

@@ -90,8 +90,6 @@ public:
     // The Size bytes at Address lie in one section that can be read, and will be for as long as the image is loaded.
     // What the image says about itself is read only where this is so.
     bool Readable(const void *Address, size_t Size) const;
-    // The same, for bytes that may be written.
-    bool Writable(const void *Address, size_t Size) const;
     // A function can begin at Rva.
     bool IsCode(uint32_t Rva) const;
     PDRIVER_INITIALIZE Entry() const {

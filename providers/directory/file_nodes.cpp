@@ -199,13 +199,4 @@ RVSTATUS FileNodes::CheckDelete(const ObjectKey &Key) {
     return Found == Part.Nodes.end() ? RVSTATUS::Success : Found->second.CheckDelete();
 }
 
-size_t FileNodes::Count() {
-    size_t Total = 0;
-    for (Shard &Part : Shards_) {
-        const std::lock_guard Hold(Part.Mutex);
-        Total += Part.Nodes.size();
-    }
-    return Total;
-}
-
 } // namespace providers::directory

@@ -88,8 +88,6 @@ public:
     // As FileNode::CheckDelete for a file that may have no node.
     RVSTATUS CheckDelete(const ObjectKey &Key);
 
-    size_t Count();
-
 private:
     struct Shard {
         std::mutex Mutex;

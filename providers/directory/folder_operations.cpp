@@ -218,9 +218,9 @@ bool IsSameEntry(const struct stat &Old, int Holder, const char *Name) {
            (S_ISDIR(Old.st_mode) || Old.st_nlink == 1);
 }
 
-// Gives an entry another spelling where the file system takes both for one name. The kernel then does nothing, and says
-// that it was done: the entry has a name of neither spelling in between, and its old one again when it cannot get the
-// new.
+// Gives an entry another spelling where the file system takes both for one name. A plain rename does nothing there and
+// reports success, so the entry gets a third name in between. When it cannot get the new spelling then, it gets the old
+// one back. Returns an error number.
 int Respell(int Holder, const char *OldName, const char *NewName, ino_t Inode) {
     const std::string Between = fmt::format(".rvfsd-renamed-{:x}-{:x}", getpid(), Inode);
     if (renameat2(Holder, OldName, Holder, Between.c_str(), RENAME_NOREPLACE) != 0) {

@@ -146,9 +146,9 @@ int WriteRecordAnyway(int Fd, mode_t Mode, const Record &Value) {
     return chmod(LinkOf(Fd).c_str(), Mode & 07777) == 0 || Second != 0 ? Second : errno;
 }
 
-void Fill(const struct statx &Stat, const Record &Kept, Metadata &Out) {
+void Fill(const struct statx &Stat, const Record &Own, Metadata &Out) {
     const bool Directory = S_ISDIR(Stat.stx_mode);
-    Out.Attributes = Kept.Attributes & RV_ATTR_SETTABLE;
+    Out.Attributes = Own.Attributes & RV_ATTR_SETTABLE;
     if (Directory) {
         Out.Attributes |= RV_ATTR_DIRECTORY;
     } else {
@@ -159,7 +159,7 @@ void Fill(const struct statx &Stat, const Record &Kept, Metadata &Out) {
     Out.LastAccess = UnitsOf(Stat.stx_atime.tv_sec, Stat.stx_atime.tv_nsec);
     const LONG64 Born =
         (Stat.stx_mask & STATX_BTIME) != 0 ? UnitsOf(Stat.stx_btime.tv_sec, Stat.stx_btime.tv_nsec) : Out.LastWrite;
-    Out.Creation = Kept.HasCreation != 0 ? Kept.Creation : Born;
+    Out.Creation = Own.HasCreation != 0 ? Own.Creation : Born;
     Out.EndOfFile = Directory ? 0 : Stat.stx_size;
     Out.Allocated = Stat.stx_blocks * 512;
     Out.Key = {makedev(Stat.stx_dev_major, Stat.stx_dev_minor), Stat.stx_ino};
@@ -221,9 +221,9 @@ RVSTATUS ChangeAttributes(int Fd, const MetadataChange &Change, mode_t Mode, Rec
 }
 
 // Rounding to what a file system keeps is no loss; more is.
-bool IsKept(const timespec &Wanted, const timespec &Kept) {
+bool IsKept(const timespec &Wanted, const timespec &Found) {
     constexpr time_t CoarsestSeconds = 2 * 24 * 60 * 60;
-    return Wanted.tv_nsec == UTIME_OMIT || std::abs(Wanted.tv_sec - Kept.tv_sec) <= CoarsestSeconds;
+    return Wanted.tv_nsec == UTIME_OMIT || std::abs(Wanted.tv_sec - Found.tv_sec) <= CoarsestSeconds;
 }
 
 // The kernel takes a time beyond what the file system can keep for the nearest that it can. That is not what was asked

@@ -62,11 +62,11 @@ Failures::Failures(RVIOM_FSD *Provider) : Provider_(Provider), Below_(Provider->
     RVFSD_PROVIDER_OPERATIONS(INSTALL)
 #undef INSTALL
     Active = this;
-    Provider_->Table = &Watched_;
+    __atomic_store_n(&Provider_->Table, &Watched_, __ATOMIC_RELEASE);
 }
 
 Failures::~Failures() {
-    Provider_->Table = Below_;
+    __atomic_store_n(&Provider_->Table, Below_, __ATOMIC_RELEASE);
 }
 
 RVSTATUS Failures::Last(const char *Operation) noexcept {

@@ -39,18 +39,6 @@ Rule &Rule::Do(std::function<void(const Call &)> Action) {
     return *this;
 }
 
-Rule &Rule::After(std::function<void(const Call &)> Action) {
-    std::lock_guard Hold(Owner_.Lock_);
-    After_.push_back(std::move(Action));
-    return *this;
-}
-
-Rule &Rule::Delay(LONG64 Units) {
-    std::lock_guard Hold(Owner_.Lock_);
-    Delay_ = Units;
-    return *this;
-}
-
 Rule &Rule::Block() {
     std::lock_guard Hold(Owner_.Lock_);
     Blocks_ = true;
@@ -104,11 +92,6 @@ Rule &Rule::AnswerBytes(ULONG64 Bytes) {
     return Answer([=](Outputs &Out) { *Out.Bytes = Bytes; });
 }
 
-unsigned Rule::Matched() const {
-    std::lock_guard Hold(Owner_.Lock_);
-    return Matched_;
-}
-
 unsigned Rule::Fired() const {
     std::lock_guard Hold(Owner_.Lock_);
     return Fired_;
@@ -154,7 +137,7 @@ Script::Steps Script::Match(const Call &Made) {
         return {};
     }
     Due->Fired_++;
-    return {Due, Due->Blocks_, Due->Delay_, Due->Instead_, Due->Afterwards_, Due->Before_, Due->After_, Due->Answers_};
+    return {Due, Due->Blocks_, Due->Instead_, Due->Afterwards_, Due->Before_, Due->Answers_};
 }
 
 void Script::WaitWhileBlocked(Rule &Source) {

@@ -29,11 +29,8 @@ public:
     Rule &Return(RVSTATUS Status);
     // Does the operation, then answers Status in place of its own. With an error a handle just opened is closed again.
     Rule &ReturnAfter(RVSTATUS Status);
-    // Runs Action in the calling thread before (after) the operation, with no lock held.
+    // Runs Action in the calling thread before the operation, with no lock held.
     Rule &Do(std::function<void(const Call &)> Action);
-    Rule &After(std::function<void(const Call &)> Action);
-    // Hands Units (100 ns each) to the provider's delay callback before the operation.
-    Rule &Delay(LONG64 Units);
     // Holds the calls before the operation until Release.
     Rule &Block();
     void Release();
@@ -49,7 +46,6 @@ public:
     Rule &AnswerUnterminatedPath();
     Rule &AnswerBytes(ULONG64 Bytes);
 
-    unsigned Matched() const;
     unsigned Fired() const;
 
 private:
@@ -68,9 +64,7 @@ private:
     std::optional<RVSTATUS> Instead_;
     std::optional<RVSTATUS> Afterwards_;
     std::vector<std::function<void(const Call &)>> Before_;
-    std::vector<std::function<void(const Call &)>> After_;
     std::vector<std::function<void(Outputs &)>> Answers_;
-    LONG64 Delay_ = 0;
     bool Blocks_ = false;
     unsigned Blocked_ = 0;
 };
@@ -81,11 +75,9 @@ public:
     struct Steps {
         Rule *Source = nullptr; // nullptr: no rule concerns the call
         bool Block = false;
-        LONG64 Delay = 0;
         std::optional<RVSTATUS> Instead;
         std::optional<RVSTATUS> Afterwards;
         std::vector<std::function<void(const Call &)>> Before;
-        std::vector<std::function<void(const Call &)>> After;
         std::vector<std::function<void(Outputs &)>> Answers;
     };
 

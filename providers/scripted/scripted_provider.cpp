@@ -69,11 +69,6 @@ bool ScriptedProvider::FaultFired() const {
     return Fault_ != nullptr && Fault_->Fired() != 0;
 }
 
-void ScriptedProvider::SetDelay(std::function<void(LONG64)> Pass) {
-    std::lock_guard Hold(Lock_);
-    Delay_ = std::move(Pass);
-}
-
 void ScriptedProvider::ClearScript() {
     Script_.Retire();
     std::lock_guard Hold(Lock_);
@@ -158,11 +153,6 @@ std::vector<std::string> ScriptedProvider::Violations() const {
     return Tree_.Violations();
 }
 
-LONG ScriptedProvider::References() const {
-    std::lock_guard Hold(Lock_);
-    return References_;
-}
-
 ULONG ScriptedProvider::AddReference() {
     std::lock_guard Hold(Lock_);
     Released_ = false;
@@ -240,14 +230,6 @@ RVSTATUS ScriptedProvider::Run(Slot Which, const RV_SECURITY_CONTEXT *Security, 
     for (const auto &Action : Steps.Before) {
         Action(*Made);
     }
-    if (Steps.Delay != 0) {
-        std::unique_lock Hold(Lock_);
-        const auto Pass = Delay_;
-        Hold.unlock();
-        if (Pass) {
-            Pass(Steps.Delay);
-        }
-    }
     if (Steps.Block) {
         Script_.WaitWhileBlocked(*Steps.Source);
     }
@@ -259,9 +241,6 @@ RVSTATUS ScriptedProvider::Run(Slot Which, const RV_SECURITY_CONTEXT *Security, 
         if (!RvIsError(Status) && !Steps.Instead) {
             Made->Results = Shown(Out);
         }
-    }
-    for (const auto &Action : Steps.After) {
-        Action(*Made);
     }
     return Status;
 }

@@ -45,8 +45,6 @@ public:
     // one. A sweep raises Nth from 1 until FaultFired stays FALSE: then the operation ran untouched.
     void FailEverything(Slot Operation, unsigned Nth, RVSTATUS Status);
     bool FaultFired() const;
-    // What Rule::Delay hands its time to: usually the embedded clock's advance.
-    void SetDelay(std::function<void(LONG64)> Pass);
     // Drops all rules; blocked calls go on.
     void ClearScript();
 
@@ -72,7 +70,6 @@ public:
     // Double closes, closed or unknown handles, handles of the wrong kind, malformed paths, null pointers, calls
     // without a reference.
     std::vector<std::string> Violations() const;
-    LONG References() const;
 
 private:
     friend struct ScriptedEntries;
@@ -95,7 +92,6 @@ private:
     std::array<unsigned, SlotCount> Counts_ = {};
     bool Recording_ = true;
     Rule *Fault_ = nullptr;
-    std::function<void(LONG64)> Delay_;
     LONG References_ = 0;
     bool Released_ = false; // the last reference went
 };

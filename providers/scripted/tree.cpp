@@ -36,7 +36,7 @@ const char *NameOf(HandleKind Kind) {
 
 LONG64 Tree::Now() {
     constexpr LONG64 SomeDay = 133000000000000000;
-    return Time_ ? Time_() : SomeDay;
+    return SomeDay;
 }
 
 std::shared_ptr<Node> Tree::MakeNode(std::u16string_view Name, bool Directory) {
@@ -50,7 +50,7 @@ std::shared_ptr<Node> Tree::MakeNode(std::u16string_view Name, bool Directory) {
 
 Volume &Tree::AddVolume(std::u16string_view Path) {
     const auto Components = Split(Path);
-    Servers_.try_emplace(FoldCase(Components.at(0)), RVSTATUS::Success);
+    Servers_.insert(FoldCase(Components.at(0)));
     Volume &Made = Volumes_[{FoldCase(Components.at(0)), FoldCase(Components.at(1))}];
     if (Made.Root == nullptr) {
         Made.Server = Components[0];
@@ -113,18 +113,6 @@ void Tree::AddDistributedLink(std::u16string_view Link, std::u16string_view Phys
     Links_.emplace_back(Link, Physical);
 }
 
-void Tree::BreakServer(std::u16string_view Server, RVSTATUS Status) {
-    Servers_[FoldCase(Server)] = Status;
-}
-
-void Tree::SetHandleBase(RVHANDLE Base) {
-    HandleBase_ = Base;
-}
-
-void Tree::SetTimeSource(std::function<LONG64()> Source) {
-    Time_ = std::move(Source);
-}
-
 void Tree::SetSharing(bool Enforced) {
     Sharing_ = Enforced;
 }
@@ -144,7 +132,7 @@ std::vector<std::string> Tree::OpenHandles() const {
 }
 
 RVHANDLE Tree::Open(HandleKind Kind, std::shared_ptr<Node> Target, std::u16string Path) {
-    const RVHANDLE Handle = HandleBase_ + ++LastHandle_;
+    const RVHANDLE Handle = ++LastHandle_;
     Handles_[Handle] = {Kind, std::move(Target), std::move(Path)};
     return Handle;
 }
@@ -152,7 +140,7 @@ RVHANDLE Tree::Open(HandleKind Kind, std::shared_ptr<Node> Target, std::u16strin
 Tree::OpenHandle *Tree::HandleOf(RVHANDLE Handle, std::initializer_list<HandleKind> Kinds) {
     const auto Found = Handles_.find(Handle);
     if (Found == Handles_.end()) {
-        const bool Once = Handle > HandleBase_ && Handle <= HandleBase_ + LastHandle_;
+        const bool Once = Handle != 0 && Handle <= LastHandle_;
         Violation(fmt::format("handle {} is {}", Handle, Once ? "closed" : "unknown"));
         return nullptr;
     }
@@ -196,13 +184,10 @@ RVSTATUS Tree::VolumeOf(const std::vector<std::u16string> &Components, Volume **
     if (Server == Servers_.end()) {
         return ProviderError(RVFS_UNKNOWN_SERVER);
     }
-    if (Server->second != RVSTATUS::Success) {
-        return Server->second;
-    }
     if (Components.size() < 2) {
         return ProviderError(RVFS_UNRECOGNIZED_VOLUME);
     }
-    const auto Entry = Volumes_.find({Server->first, FoldCase(Components[1])});
+    const auto Entry = Volumes_.find({*Server, FoldCase(Components[1])});
     if (Entry == Volumes_.end()) {
         return ProviderError(RVFS_UNRECOGNIZED_VOLUME);
     }

@@ -28,11 +28,6 @@ public:
     std::string ContentOf(std::u16string_view Path);
     // Slot 49 answers Physical with what follows Link in the path.
     void AddDistributedLink(std::u16string_view Link, std::u16string_view Physical);
-    // The server of Path answers every volume question with Status.
-    void BreakServer(std::u16string_view Server, RVSTATUS Status);
-    // Handles start after Base: above 32 bits, a truncated handle is noticed.
-    void SetHandleBase(RVHANDLE Base);
-    void SetTimeSource(std::function<LONG64()> Source);
     // Whether the share arguments of open files exclude each other, as at a server with other clients. Default: yes.
     void SetSharing(bool Enforced);
 
@@ -108,15 +103,13 @@ private:
     std::shared_ptr<Node> MakeNode(std::u16string_view Name, bool Directory);
     LONG64 Now();
 
-    std::map<std::u16string, RVSTATUS> Servers_;                          // folded name; Success or what breaks it
+    std::set<std::u16string> Servers_;                                    // folded names
     std::map<std::pair<std::u16string, std::u16string>, Volume> Volumes_; // folded server, volume
     std::vector<std::pair<std::u16string, std::u16string>> Links_;
     std::map<RVHANDLE, OpenHandle> Handles_;
     RVHANDLE LastHandle_ = 0;
-    RVHANDLE HandleBase_ = 0;
     ULONG64 LastId_ = 0;
     bool Sharing_ = true;
-    std::function<LONG64()> Time_;
     Slot Current_ = Slot::Any;
     std::vector<std::string> Violations_;
 };

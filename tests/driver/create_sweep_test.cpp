@@ -49,13 +49,19 @@ const Kind Kinds[] = {
     {"RelativeTarget", u"new", AsTarget, true},
 };
 
+std::string Bytes(const auto &Of) {
+    return std::string(reinterpret_cast<const char *>(&Of), sizeof(Of));
+}
+
 // All of an FCB that an open which fails must leave as it was.
 auto StateOf(const FCB &Fcb) {
     return std::tuple(Fcb.OpenFlags + 0u, Fcb.OpenType + 0u, Fcb.OpenCount + 0u, Fcb.UncleanCount + 0u,
                       Fcb.VolumeResolved + 0u, Fcb.VolumeRoot + 0u, Fcb.FileLockInitialized + 0u,
-                      std::string(reinterpret_cast<const char *>(&Fcb.ShareAccess), sizeof(Fcb.ShareAccess)),
-                      Fcb.Header.AllocationSize.QuadPart, Fcb.Header.FileSize.QuadPart,
-                      Fcb.Header.ValidDataLength.QuadPart, std::u16string(Fcb.FullPath.Buffer));
+                      Bytes(Fcb.ShareAccess), Fcb.Header.AllocationSize.QuadPart, Fcb.Header.FileSize.QuadPart,
+                      Fcb.Header.ValidDataLength.QuadPart, std::u16string(Fcb.FullPath.Buffer),
+                      Bytes(Fcb.DeleteOnCloseOwner) + Bytes(Fcb.DispositionOwner), Fcb.PrefixState + 0u, Fcb.Parent,
+                      Fcb.PathChanges + 0u, Fcb.OldPathBytes + 0u, Fcb.InstanceList.Blink, Fcb.NotifyList.Blink,
+                      Fcb.LockRequests.Blink);
 }
 
 class OpenSweep : public CreateFixture, public testing::WithParamInterface<Kind> {

@@ -221,9 +221,9 @@ TEST_F(Creates, MapFailuresOfTheFileOpen) {
             }
             // Without a type flag a missing name is replaced, not created new.
             ExpectRefused(u"\\srv\\vol\\no", With({}, FILE_CREATE), Status, Information);
-            const bool Collides = Status == STATUS_OBJECT_NAME_NOT_FOUND;
-            ExpectRefused(u"\\srv\\vol\\no", With({}, FILE_CREATE, N), Collides ? STATUS_OBJECT_NAME_COLLISION : Status,
-                          Collides ? static_cast<ULONG_PTR>(FILE_EXISTS) : Information);
+            const bool Taken = Status == STATUS_OBJECT_NAME_NOT_FOUND;
+            ExpectRefused(u"\\srv\\vol\\no", With({}, FILE_CREATE, N), Taken ? STATUS_OBJECT_NAME_COLLISION : Status,
+                          Taken ? static_cast<ULONG_PTR>(FILE_EXISTS) : Information);
             ExpectNothingOpen("a failed open");
             Provider.ClearScript();
         }
@@ -348,7 +348,7 @@ TEST_F(Creates, AreRefusedBeforeTheProviderIsAskedWhenTheyCannotBeServed) {
 
 // ---- The trace of the parameters
 
-// The bits that the lines behind the line of a value name; one that is named twice is in it no more.
+// The bits named by the lines below the line of a value. A bit that is named twice is left out, which fails the test.
 ULONG BitsBehind(const std::string &Printed, const std::string &Value) {
     const std::regex Named("    ([0-9a-f]+) = [A-Z_]+$");
     std::istringstream Lines(Printed.substr(std::min(Printed.find(Value), Printed.size())));

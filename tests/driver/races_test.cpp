@@ -260,9 +260,9 @@ protected:
     static constexpr ExploreOptions Queued = {.MostSchedules = 5000};
 
     // A read of one byte that is posted.
-    SentIrp SendRead(char *Byte, PDEVICE_OBJECT To, PIRP *Made = nullptr) {
+    SentIrp SendRead(char *Into, PDEVICE_OBJECT To, PIRP *Made = nullptr) {
         IrpBuilder Builder = Plain(IRP_MJ_READ, FileObject(Handle));
-        Builder.UserBuffer = Byte;
+        Builder.UserBuffer = Into;
         Builder.Fill = [](PIO_STACK_LOCATION Stack) { Stack->Parameters.Read.Length = 1; };
         return SendBusy(Builder, To, Made);
     }

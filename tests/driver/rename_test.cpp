@@ -364,6 +364,14 @@ TEST_F(Renaming, TheRootOfAVolumeHasNoNameToChange) {
     EXPECT_EQ(SetDisposition(Parent, true), STATUS_CANNOT_DELETE);
     EXPECT_EQ(CallNames(), Calls{});
     Close(Root);
+    // Nor does an open that was made before it was known for a root take it along.
+    Below.Access |= DELETE;
+    Below.Options |= FILE_DELETE_ON_CLOSE;
+    const HANDLE Earlier = MustOpen(u"d", Below);
+    const HANDLE Later = OpenDirectory(u"\\srv\\vol\\d");
+    ASSERT_EQ(Fcb(Earlier), Fcb(Later));
+    Close(Later);
+    Close(Earlier);
     EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\d"));
 }
 

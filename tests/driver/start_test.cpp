@@ -221,10 +221,10 @@ class FailedStart : public DriverStart {
 protected:
     // Starts with the Nth call of Kind failing until none fails; the statuses in order. Each kernel's stop proves that
     // nothing is left.
-    std::vector<NTSTATUS> Sweep(FaultKind Kind, std::map<std::u16string, ULONG> Switches = {}) {
+    std::vector<NTSTATUS> Sweep(FaultKind Kind, std::map<std::u16string, ULONG> Set = {}) {
         std::vector<NTSTATUS> Statuses;
         for (ULONG64 Nth = 1;; ++Nth) {
-            Start({.Switches = Switches, .StartsTheDriver = false});
+            Start({.Switches = Set, .StartsTheDriver = false});
             ULONG64 Failed;
             {
                 const PlannedFaults Plan({.Kinds = FaultBit(Kind), .Nth = Nth});

@@ -86,7 +86,6 @@ typedef ULONG_PTR ERESOURCE_THREAD;
 #define FALSE ((BOOLEAN)0)
 
 #define UNREFERENCED_PARAMETER(Parameter) ((void)(Parameter))
-#define ARGUMENT_PRESENT(Pointer) ((Pointer) != nullptr)
 #define FIELD_OFFSET(Type, Field) ((LONG)offsetof(Type, Field))
 #define CONTAINING_RECORD(Address, Type, Field) ((Type *)((PCHAR)(Address)-offsetof(Type, Field)))
 #define RTL_NUMBER_OF(Array) (sizeof(Array) / sizeof((Array)[0]))
@@ -176,18 +175,8 @@ static inline void InsertTailList(PLIST_ENTRY Head, PLIST_ENTRY Entry) {
     Head->Blink = Entry;
 }
 
-static inline void InsertHeadList(PLIST_ENTRY Head, PLIST_ENTRY Entry) {
-    PLIST_ENTRY Flink = Head->Flink;
-    Entry->Flink = Flink;
-    Entry->Blink = Head;
-    Flink->Blink = Entry;
-    Head->Flink = Entry;
-}
-
 #define RtlCopyMemory(Destination, Source, Length) memcpy((Destination), (Source), (Length))
-#define RtlMoveMemory(Destination, Source, Length) memmove((Destination), (Source), (Length))
 #define RtlZeroMemory(Destination, Length) memset((Destination), 0, (Length))
-#define RtlFillMemory(Destination, Length, Fill) memset((Destination), (Fill), (Length))
 
 static inline LONG InterlockedIncrement(volatile LONG *Value) {
     return __atomic_add_fetch(Value, 1, __ATOMIC_SEQ_CST);
@@ -197,8 +186,4 @@ static inline LONG InterlockedDecrement(volatile LONG *Value) {
 }
 static inline LONG InterlockedExchange(volatile LONG *Value, LONG New) {
     return __atomic_exchange_n(Value, New, __ATOMIC_SEQ_CST);
-}
-static inline LONG InterlockedCompareExchange(volatile LONG *Value, LONG New, LONG Expected) {
-    __atomic_compare_exchange_n(Value, &Expected, New, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST);
-    return Expected;
 }
