@@ -4,6 +4,7 @@
 // FcbList first and stand on a list of their own, which needs nothing but a spin lock; each goes with its last open.
 
 #include "close/close.h"
+#include "close/share_claim.h"
 #include "dir/notify.h"
 #include "frame/diagnostics.h"
 #include "io/lock_table.h"
@@ -225,6 +226,13 @@ PFCB NtFsdTakeDeviceFcb() {
         NtFsdFreeFcb(Unused);
     }
     return nullptr;
+}
+
+VOID NtFsdForgetClaimOfOpen(PINSTANCE_CONTEXT Instance) {
+    const SpinLockHold Hold(OutlivingLock);
+    if (Instance->FileObject != nullptr) {
+        NtFsdForgetShareClaim(Instance->FileObject);
+    }
 }
 
 PFCB NtFsdFcbAfterTeardown(PFILE_OBJECT FileObject) {

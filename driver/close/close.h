@@ -19,6 +19,10 @@ VOID NtFsdFreeOrphanInstance(PFILE_OBJECT FileObject);
 // FcbList, for the file objects that still refer to them. No request is in flight; FcbListResource is still valid.
 VOID NtFsdDetachOpens();
 
+// NtFsdForgetShareClaim for the file object of an open that is in Instance's FCB, if it still has one: once requests
+// are refused, a close takes it without the FCB's Resource. Resource held exclusive.
+VOID NtFsdForgetClaimOfOpen(PINSTANCE_CONTEXT Instance);
+
 // Ends an open that outlived teardown: frees its instance and its FCB without Provider, table or framework. May also be
 // called between the stop of requests and NtFsdDetachOpens, which then frees the open.
 VOID NtFsdCloseAfterTeardown(PFILE_OBJECT FileObject);

@@ -1,5 +1,6 @@
 #include "create/create_state.h"
 
+#include "close/close.h"
 #include "close/share_claim.h"
 #include "dir/notify.h"
 #include "frame/async_queue.h"
@@ -84,10 +85,7 @@ NTSTATUS OpenTarget(CREATE_STATE &Create) {
 // when no other open is alive.
 void DropDeadShareClaims(PFCB Fcb) {
     for (PLIST_ENTRY Entry = Fcb->InstanceList.Flink; Entry != &Fcb->InstanceList; Entry = Entry->Flink) {
-        PINSTANCE_CONTEXT Instance = CONTAINING_RECORD(Entry, INSTANCE_CONTEXT, Links);
-        if (Instance->FileObject != nullptr) {
-            NtFsdForgetShareClaim(Instance->FileObject);
-        }
+        NtFsdForgetClaimOfOpen(CONTAINING_RECORD(Entry, INSTANCE_CONTEXT, Links));
     }
     memset(&Fcb->ShareAccess, 0, sizeof(Fcb->ShareAccess));
 }

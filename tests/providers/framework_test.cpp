@@ -34,9 +34,19 @@ protected:
         *Out = static_cast<Interface *>(Object);
         return Status;
     }
-    static ULONG Release(PVOID Object) {
-        const auto Counted = static_cast<RVP_OBJECT *>(Object);
-        return Counted->Table->Release(Counted);
+    // Through the interface's own table type.
+    static ULONG Release(FrameworkClass Class, PVOID Object) {
+        auto Call = [](auto *Typed) { return Typed->Table->Release(Typed); };
+        switch (Class) {
+        case FrameworkClass::Rvpl:
+            return Call(static_cast<RVPL *>(Object));
+        case FrameworkClass::Provider:
+            return Call(static_cast<RVIOM_FSD *>(Object));
+        case FrameworkClass::SecurityContext:
+            return Call(static_cast<RV_SECURITY *>(Object));
+        default:
+            return Call(static_cast<RVP_OBJECT *>(Object));
+        }
     }
     RVPL *Rvpl() {
         RVPL *Made = nullptr;
@@ -55,7 +65,7 @@ TEST_F(FrameworkTest, EveryClassIsCountedUntilItsReleaseThroughSlotTwo) {
         ASSERT_NE(Object, nullptr);
         EXPECT_EQ(Frame.References(Case.Class), 1);
         EXPECT_EQ(Frame.LeakReport().size(), 1u);
-        EXPECT_EQ(Release(Object), 0u);
+        EXPECT_EQ(Release(Case.Class, Object), 0u);
         EXPECT_THAT(Frame.LeakReport(), IsEmpty());
     }
     EXPECT_THAT(Frame.Violations(), IsEmpty());
