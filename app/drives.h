@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "embedded/ps.h"
+#include "embedded/ps/ps.h"
 #include "provider/class_factory.h"
 
 namespace app {

@@ -6,7 +6,7 @@
 
 #include "app/interrupt.h"
 #include "app/text.h"
-#include "embedded/io.h"
+#include "embedded/io/io.h"
 #include "frame/status_translation.h"
 #include "providers/failures/failures.h"
 

@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "embedded/zw.h"
+#include "embedded/zw/zw.h"
 
 namespace app {
 

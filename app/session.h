@@ -16,7 +16,7 @@
 #include "app/journal/journal.h"
 #include "app/journal/request_tap.h"
 #include "embedded/image/driver_image.h"
-#include "embedded/io.h"
+#include "embedded/io/io.h"
 #include "embedded/kernel.h"
 #include "providers/directory/directory_provider.h"
 #include "providers/failures/failures.h"

@@ -11,7 +11,7 @@
 #include <unicode/ustring.h>
 #include <unicode/utf16.h>
 
-#include "embedded/ke.h"
+#include "embedded/ke/ke.h"
 #include "frame/diagnostics.h"
 #include "providers/wide_text.h"
 

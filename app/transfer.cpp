@@ -13,7 +13,7 @@
 #include "app/progress.h"
 #include "app/remote_file.h"
 #include "app/text.h"
-#include "embedded/io.h"
+#include "embedded/io/io.h"
 
 namespace app {
 

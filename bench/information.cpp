@@ -4,7 +4,7 @@
 #include <fmt/format.h>
 
 #include "bench/rows.h"
-#include "embedded/io.h"
+#include "embedded/io/io.h"
 
 namespace bench {
 namespace {

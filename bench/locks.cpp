@@ -3,8 +3,8 @@
 #include <fmt/format.h>
 
 #include "bench/rows.h"
-#include "embedded/fsrtl.h"
-#include "embedded/ps.h"
+#include "embedded/fsrtl/fsrtl.h"
+#include "embedded/ps/ps.h"
 
 namespace bench {
 namespace {

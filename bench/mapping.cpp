@@ -6,7 +6,7 @@
 #include <fmt/format.h>
 
 #include "bench/rows.h"
-#include "embedded/ps.h"
+#include "embedded/ps/ps.h"
 #include "provider/class_factory.h"
 
 namespace bench {

@@ -4,7 +4,7 @@
 #include <unistd.h>
 
 #include "bench/rows.h"
-#include "embedded/ex.h"
+#include "embedded/ex/ex.h"
 
 namespace bench {
 namespace {

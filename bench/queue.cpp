@@ -9,7 +9,7 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/rows.h"
-#include "embedded/io.h"
+#include "embedded/io/io.h"
 #include "frame/locks.h"
 #include "names/fcb.h"
 

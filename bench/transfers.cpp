@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "bench/rows.h"
-#include "embedded/io.h"
+#include "embedded/io/io.h"
 
 namespace bench {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "embedded/zw.h"
+#include "embedded/zw/zw.h"
 #include "provider/provider_interface.h"
 
 namespace bench {

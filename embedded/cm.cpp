@@ -5,9 +5,9 @@
 #include <mutex>
 
 #include "embedded/faults.h"
-#include "embedded/ob.h"
+#include "embedded/ob/ob.h"
 #include "embedded/verifier/rules.h"
-#include "embedded/zw_internal.h"
+#include "embedded/zw/internal.h"
 
 namespace embedded {
 namespace {

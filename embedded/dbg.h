@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "embedded/ke.h"
+#include "embedded/ke/ke.h"
 
 namespace embedded {
 

@@ -9,7 +9,7 @@
 #include <atomic>
 #include <string>
 
-#include "embedded/ke.h"
+#include "embedded/ke/ke.h"
 
 namespace embedded {
 

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "embedded/cm.h"
-#include "embedded/ke.h"
+#include "embedded/ke/ke.h"
 #include "embedded/verifier/report.h"
 #include "kernel/kernel.h"
 

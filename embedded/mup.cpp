@@ -4,7 +4,7 @@
 #include <mutex>
 #include <optional>
 
-#include "embedded/io_objects.h"
+#include "embedded/io/objects.h"
 #include "embedded/verifier/leaks.h"
 #include "embedded/verifier/rules.h"
 

@@ -1,7 +1,7 @@
 #include "kernel/kernel.h"
 
-#include "embedded/fsrtl.h"
-#include "embedded/mm.h"
+#include "embedded/fsrtl/fsrtl.h"
+#include "embedded/mm/mm.h"
 
 NTSTATUS KernelProbeAndLockPages(PMDL Mdl, KPROCESSOR_MODE Mode, LOCK_OPERATION Operation) {
     try {

@@ -7,7 +7,7 @@
 
 #include "dir/directory.h"
 #include "embedded/kernel.h"
-#include "embedded/zw.h"
+#include "embedded/zw/zw.h"
 #include "fuzz/require.h"
 #include "providers/framework/framework.h"
 #include "providers/stub/stub_provider.h"

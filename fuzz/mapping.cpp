@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "embedded/kernel.h"
-#include "embedded/se.h"
+#include "embedded/se/se.h"
 #include "fuzz/require.h"
 #include "mapping/utf8.h"
 #include "provider/binding.h"

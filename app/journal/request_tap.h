@@ -15,7 +15,7 @@
 
 #include <sys/types.h>
 
-#include "embedded/io.h"
+#include "embedded/io/io.h"
 #include "providers/recorder/recorder.h"
 
 namespace app {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "app/mount/status_errno.h"
-#include "embedded/io.h"
+#include "embedded/io/io.h"
 #include "providers/failures/failures.h"
 
 namespace app::mount {

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <utility>
 
-#include "embedded/zw.h"
+#include "embedded/zw/zw.h"
 
 namespace app::mount {
 

@@ -9,7 +9,7 @@
 #include "app/remote_file.h"
 #include "app/text.h"
 #include "app/verbs/verbs.h"
-#include "embedded/io.h"
+#include "embedded/io/io.h"
 #include "embedded/mup.h"
 
 namespace app {

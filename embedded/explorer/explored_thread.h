@@ -5,7 +5,7 @@
 #include <string>
 #include <thread>
 
-#include "embedded/ke.h"
+#include "embedded/ke/ke.h"
 
 namespace embedded {
 

@@ -5,7 +5,7 @@
 
 #include <atomic>
 
-#include "embedded/thread.h"
+#include "embedded/ke/thread.h"
 
 namespace embedded {
 

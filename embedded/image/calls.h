@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "embedded/image/services.h"
-#include "embedded/ke.h"
+#include "embedded/ke/ke.h"
 
 namespace embedded {
 

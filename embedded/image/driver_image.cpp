@@ -10,15 +10,15 @@
 
 #include <fmt/format.h>
 
-#include "embedded/ex_live.h"
-#include "embedded/fsrtl.h"
+#include "embedded/ex/live.h"
+#include "embedded/fsrtl/fsrtl.h"
 #include "embedded/image/layouts.h"
 #include "embedded/image/symbols.h"
-#include "embedded/io_objects.h"
-#include "embedded/mm.h"
+#include "embedded/io/objects.h"
+#include "embedded/mm/mm.h"
 #include "embedded/mup.h"
-#include "embedded/ps.h"
-#include "embedded/rtl.h"
+#include "embedded/ps/ps.h"
+#include "embedded/rtl/rtl.h"
 
 // For debuggers: where the driver's image lies and which file it came from; null when there is none. A breakpoint on
 // the function stops whenever they have changed.

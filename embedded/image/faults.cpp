@@ -7,10 +7,10 @@
 
 #include <fmt/format.h>
 
-#include "embedded/ex_guard.h"
+#include "embedded/ex/guard.h"
 #include "embedded/image/calls.h"
 #include "embedded/image/unwind.h"
-#include "embedded/mm.h"
+#include "embedded/mm/mm.h"
 #include "embedded/verifier/driver_stack.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/stack.h"

@@ -5,10 +5,10 @@
 
 #include <fmt/format.h>
 
-#include "embedded/fsrtl.h"
+#include "embedded/fsrtl/fsrtl.h"
 #include "embedded/image/calls.h"
 #include "embedded/image/unwind.h"
-#include "embedded/mm.h"
+#include "embedded/mm/mm.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/stack.h"
 

@@ -6,7 +6,7 @@
 #include <sys/mman.h>
 #include <utility>
 
-#include "embedded/mm.h"
+#include "embedded/mm/mm.h"
 #include "embedded/verifier/stack.h"
 
 // void EmbeddedCallOnStack(ULONG_PTR Top, StackRoutine Run, void *Argument): the frame pointer leads back.

@@ -9,7 +9,7 @@
 
 #include <string_view>
 
-#include "embedded/thread.h"
+#include "embedded/ke/thread.h"
 #include "embedded/verifier/report.h"
 
 namespace embedded {

@@ -5,8 +5,8 @@
 
 #include <fmt/format.h>
 
-#include "embedded/ex.h"
-#include "embedded/ps.h"
+#include "embedded/ex/ex.h"
+#include "embedded/ps/ps.h"
 #include "embedded/verifier/report.h"
 
 namespace embedded {

@@ -7,7 +7,7 @@
 
 #include <string>
 
-#include "embedded/ke.h"
+#include "embedded/ke/ke.h"
 
 namespace embedded {
 

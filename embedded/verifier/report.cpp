@@ -8,7 +8,7 @@
 
 #include "embedded/image/calls.h"
 #include "embedded/image/driver_image.h"
-#include "embedded/thread.h"
+#include "embedded/ke/thread.h"
 #include "embedded/verifier/driver_stack.h"
 #include "embedded/verifier/stack.h"
 

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <utility>
 
-#include "embedded/thread.h"
+#include "embedded/ke/thread.h"
 #include "embedded/verifier/driver_stack.h"
 #include "embedded/verifier/report.h"
 

@@ -9,7 +9,7 @@
 #include "embedded/image/calls.h"
 #include "embedded/image/symbols.h"
 #include "embedded/image/unwind.h"
-#include "embedded/thread.h"
+#include "embedded/ke/thread.h"
 
 namespace embedded {
 namespace {

@@ -1,6 +1,6 @@
 // Binding to the component framework on the first request, and the class that the driver publishes.
 
-#include "embedded/ke.h"
+#include "embedded/ke/ke.h"
 #include "frame/driver.h"
 #include "provider/binding.h"
 #include "provider/class_factory.h"

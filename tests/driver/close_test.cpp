@@ -1,7 +1,7 @@
 // The end of an open. What goes with the last handle of a file object: claims and locks, but neither FCB nor Provider
 // handles; and with the close: its Provider handles, a pending delete, its FCB.
 
-#include "embedded/fsrtl.h"
+#include "embedded/fsrtl/fsrtl.h"
 #include "tests/driver/lock_client.h"
 #include "tests/driver/request_log.h"
 

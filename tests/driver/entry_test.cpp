@@ -1,7 +1,7 @@
 // The shape that all entry routines share, and where one of them deviates: binding, cancelled requests, file objects
 // that are not the driver's, and what becomes of a request when there is no memory for it.
 
-#include "embedded/mm.h"
+#include "embedded/mm/mm.h"
 #include "frame/entry.h"
 #include "provider/binding.h"
 #include "provider/provider_calls.h"

@@ -2,7 +2,7 @@
 
 #include <pthread.h>
 
-#include "embedded/fsrtl.h"
+#include "embedded/fsrtl/fsrtl.h"
 #include "tests/driver/lock_client.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // A client of the published class: it maps letters as the users and sessions of a machine do.
 #pragma once
 
-#include "embedded/se.h"
+#include "embedded/se/se.h"
 #include "embedded/verifier/rules.h"
 #include "mapping/drive_mapping.h"
 #include "mapping/mapping_object.h"

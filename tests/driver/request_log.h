@@ -4,7 +4,7 @@
 #include <mutex>
 #include <vector>
 
-#include "embedded/io.h"
+#include "embedded/io/io.h"
 
 namespace test {
 

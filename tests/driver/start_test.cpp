@@ -1,7 +1,7 @@
 // The driver's start: switches, device, registration, what every failure leaves, and the thread that opens the device
 // up.
 
-#include "embedded/mm.h"
+#include "embedded/mm/mm.h"
 #include "embedded/mup.h"
 #include "frame/driver.h"
 #include "frame/fast_io.h"

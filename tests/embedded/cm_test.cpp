@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "embedded/kernel.h"
-#include "embedded/ob.h"
+#include "embedded/ob/ob.h"
 
 namespace {
 

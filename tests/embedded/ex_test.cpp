@@ -1,13 +1,13 @@
-#include "embedded/ex.h"
+#include "embedded/ex/ex.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <ctime>
 #include <thread>
 
-#include "embedded/ex_guard.h"
+#include "embedded/ex/guard.h"
 #include "embedded/faults.h"
-#include "embedded/ps.h"
+#include "embedded/ps/ps.h"
 #include "embedded/verifier/report.h"
 #include "tests/embedded/planted.h"
 

@@ -7,7 +7,7 @@
 #include <fmt/format.h>
 #include <gmock/gmock.h>
 
-#include "embedded/ex.h"
+#include "embedded/ex/ex.h"
 #include "embedded/explorer/schedule.h"
 #include "tests/embedded/io_fixture.h"
 

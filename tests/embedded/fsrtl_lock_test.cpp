@@ -1,6 +1,6 @@
-#include "embedded/fsrtl.h"
+#include "embedded/fsrtl/fsrtl.h"
 
-#include "embedded/io.h"
+#include "embedded/io/io.h"
 #include "embedded/verifier/report.h"
 
 #include <algorithm>

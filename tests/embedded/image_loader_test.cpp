@@ -7,7 +7,7 @@
 #include "embedded/image/layouts.h"
 #include "embedded/image/symbols.h"
 #include "embedded/image/unwind.h"
-#include "embedded/ke.h"
+#include "embedded/ke/ke.h"
 #include "tests/app/program.h"
 #include "tests/support/small_image.h"
 

@@ -10,10 +10,10 @@
 
 #include <gtest/gtest.h>
 
-#include "embedded/io.h"
+#include "embedded/io/io.h"
 #include "embedded/kernel.h"
 #include "embedded/mup.h"
-#include "embedded/zw.h"
+#include "embedded/zw/zw.h"
 
 namespace iotest {
 

@@ -1,4 +1,4 @@
-#include "embedded/ke.h"
+#include "embedded/ke/ke.h"
 
 #include <atomic>
 #include <thread>
@@ -8,7 +8,7 @@
 
 #include "embedded/dbg.h"
 #include "embedded/faults.h"
-#include "embedded/ps.h"
+#include "embedded/ps/ps.h"
 
 namespace embedded {
 namespace {

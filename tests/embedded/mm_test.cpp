@@ -1,4 +1,4 @@
-#include "embedded/mm.h"
+#include "embedded/mm/mm.h"
 
 #include <csignal>
 #include <fcntl.h>
@@ -7,9 +7,9 @@
 
 #include <gtest/gtest.h>
 
-#include "embedded/ex.h"
+#include "embedded/ex/ex.h"
 #include "embedded/faults.h"
-#include "embedded/ps.h"
+#include "embedded/ps/ps.h"
 
 namespace embedded {
 namespace {

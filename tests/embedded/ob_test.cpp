@@ -1,6 +1,6 @@
-#include "embedded/ob.h"
+#include "embedded/ob/ob.h"
 
-#include "embedded/ps.h"
+#include "embedded/ps/ps.h"
 #include "io_fixture.h"
 
 namespace {

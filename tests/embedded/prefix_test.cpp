@@ -1,7 +1,7 @@
-#include "embedded/rtl.h"
+#include "embedded/rtl/rtl.h"
 
-#include "embedded/ob.h"
-#include "embedded/upcase.h"
+#include "embedded/ob/ob.h"
+#include "embedded/rtl/upcase.h"
 
 #include <algorithm>
 #include <gtest/gtest.h>

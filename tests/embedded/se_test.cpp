@@ -6,8 +6,8 @@
 
 #include "embedded/faults.h"
 #include "embedded/kernel.h"
-#include "embedded/ps.h"
-#include "embedded/zw.h"
+#include "embedded/ps/ps.h"
+#include "embedded/zw/zw.h"
 
 namespace {
 

@@ -5,10 +5,10 @@
 
 #include <thread>
 
-#include "embedded/ex.h"
+#include "embedded/ex/ex.h"
 #include "embedded/kernel.h"
-#include "embedded/mm.h"
-#include "embedded/ps.h"
+#include "embedded/mm/mm.h"
+#include "embedded/ps/ps.h"
 #include "tests/embedded/planted.h"
 
 namespace embedded {

@@ -1,6 +1,6 @@
 #include <thread>
 
-#include "embedded/ps.h"
+#include "embedded/ps/ps.h"
 #include "embedded/system_volume.h"
 #include "io_fixture.h"
 #include "tests/app/program.h"

@@ -3,13 +3,13 @@
 #include <cstdio>
 #include <thread>
 
-#include "embedded/ex.h"
-#include "embedded/ex_guard.h"
+#include "embedded/ex/ex.h"
+#include "embedded/ex/guard.h"
 #include "embedded/image/driver_image.h"
 #include "embedded/image/symbols.h"
-#include "embedded/io_objects.h"
+#include "embedded/io/objects.h"
 #include "embedded/kernel.h"
-#include "embedded/ps.h"
+#include "embedded/ps/ps.h"
 #include "tests/app/program.h"
 
 using namespace testing;

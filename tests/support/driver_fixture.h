@@ -20,12 +20,12 @@
 
 #include <fmt/format.h>
 
-#include "embedded/ex.h"
+#include "embedded/ex/ex.h"
 #include "embedded/faults.h"
-#include "embedded/io.h"
+#include "embedded/io/io.h"
 #include "embedded/kernel.h"
-#include "embedded/ps.h"
-#include "embedded/zw.h"
+#include "embedded/ps/ps.h"
+#include "embedded/zw/zw.h"
 #include "names/fcb.h"
 #include "providers/framework/framework.h"
 #include "providers/scripted/scripted_provider.h"

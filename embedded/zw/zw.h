@@ -1,0 +1,111 @@
+// System services: files through the I/O manager, handles, and the front end's side of the Nt interface.
+//
+// A Nt service runs for the mode of its caller (UserMode outside system threads), a Zw service for KernelMode. A
+// service blocks until its request is completed when the file was opened synchronously, when the request is one that
+// the I/O manager always makes synchronous (create, close, query, set, flush, unlock), or when the status says so.
+//
+// Status blocks are written for failed requests too, so that a caller sees what the driver completed with (the real
+// I/O manager leaves the block alone when the driver fails a request at once).
+#pragma once
+
+#include "embedded/ob/ob.h"
+#include "kernel/kernel.h"
+
+namespace embedded {
+
+// Everything that an open can ask for.
+struct CreateParameters {
+    POBJECT_ATTRIBUTES ObjectAttributes = nullptr;
+    ACCESS_MASK DesiredAccess = 0;
+    PLARGE_INTEGER AllocationSize = nullptr;
+    ULONG FileAttributes = 0;
+    ULONG ShareAccess = 0;
+    ULONG Disposition = FILE_OPEN;
+    ULONG Options = 0;
+    PVOID EaBuffer = nullptr;
+    ULONG EaLength = 0;
+    KPROCESSOR_MODE Mode = UserMode;
+    // Further flags of the stack location: SL_OPEN_TARGET_DIRECTORY, SL_OPEN_PAGING_FILE, SL_FORCE_ACCESS_CHECK.
+    UCHAR StackFlags = 0;
+    // The checks of arguments that the I/O manager makes for callers in user mode; off, every combination reaches the
+    // driver.
+    bool CheckParameters = true;
+};
+
+struct CreateResult {
+    NTSTATUS Status = STATUS_UNSUCCESSFUL;
+    ULONG_PTR Information = 0; // what the driver completed with, also on failure
+    HANDLE Handle = nullptr;
+    bool Asked = false; // the driver was asked: a refusal is its own
+};
+
+// Opens or creates a file. Blocks until the driver has answered.
+CreateResult CreateFile(const CreateParameters &Parameters) noexcept;
+
+// A new event with a handle, for the Event argument of the services below.
+NTSTATUS CreateEventHandle(EVENT_TYPE Type, bool Signalled, HANDLE *Handle) noexcept;
+
+} // namespace embedded
+
+// ---- Nt services for front ends and tests -------------------------------------------------------------------
+
+NTKERNELAPI NTSTATUS NTAPI NtCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
+                                        POBJECT_ATTRIBUTES ObjectAttributes, PIO_STATUS_BLOCK IoStatusBlock,
+                                        PLARGE_INTEGER AllocationSize, ULONG FileAttributes, ULONG ShareAccess,
+                                        ULONG CreateDisposition, ULONG CreateOptions, PVOID EaBuffer,
+                                        ULONG EaLength) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtOpenFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
+                                      POBJECT_ATTRIBUTES ObjectAttributes, PIO_STATUS_BLOCK IoStatusBlock,
+                                      ULONG ShareAccess, ULONG OpenOptions) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtClose(HANDLE Handle) noexcept;
+// ApcRoutine must be null in all of them (STATUS_NOT_IMPLEMENTED otherwise). ByteOffset null, or the marker
+// FILE_USE_FILE_POINTER_POSITION with a high part of -1, means the current position of a synchronous file.
+NTKERNELAPI NTSTATUS NTAPI NtReadFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                                      PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
+                                      PLARGE_INTEGER ByteOffset, PULONG Key) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtWriteFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                                       PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer, ULONG Length,
+                                       PLARGE_INTEGER ByteOffset, PULONG Key) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtFlushBuffersFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtLockFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine, PVOID ApcContext,
+                                      PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER ByteOffset, PLARGE_INTEGER Length,
+                                      ULONG Key, BOOLEAN FailImmediately, BOOLEAN ExclusiveLock) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtUnlockFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock, PLARGE_INTEGER ByteOffset,
+                                        PLARGE_INTEGER Length, ULONG Key) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtDeviceIoControlFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
+                                                 PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, ULONG IoControlCode,
+                                                 PVOID InputBuffer, ULONG InputBufferLength, PVOID OutputBuffer,
+                                                 ULONG OutputBufferLength) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtFsControlFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
+                                           PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, ULONG FsControlCode,
+                                           PVOID InputBuffer, ULONG InputBufferLength, PVOID OutputBuffer,
+                                           ULONG OutputBufferLength) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtQueryInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
+                                                  PVOID FileInformation, ULONG Length,
+                                                  ULONG FileInformationClass) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtSetInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
+                                                PVOID FileInformation, ULONG Length,
+                                                ULONG FileInformationClass) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtQueryVolumeInformationFile(HANDLE FileHandle, PIO_STATUS_BLOCK IoStatusBlock,
+                                                        PVOID FsInformation, ULONG Length,
+                                                        ULONG FsInformationClass) noexcept;
+// The pattern FileName may be null. Blocks on a synchronous file.
+NTKERNELAPI NTSTATUS NTAPI NtQueryDirectoryFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
+                                                PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, PVOID FileInformation,
+                                                ULONG Length, ULONG FileInformationClass, BOOLEAN ReturnSingleEntry,
+                                                PUNICODE_STRING FileName, BOOLEAN RestartScan) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtNotifyChangeDirectoryFile(HANDLE FileHandle, HANDLE Event, PIO_APC_ROUTINE ApcRoutine,
+                                                       PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer,
+                                                       ULONG Length, ULONG CompletionFilter,
+                                                       BOOLEAN WatchTree) noexcept;
+// Symbolic link objects. OBJ_PERMANENT is SYSTEM's privilege; what a link's security does not give is denied.
+NTKERNELAPI NTSTATUS NTAPI NtCreateSymbolicLinkObject(PHANDLE LinkHandle, ACCESS_MASK DesiredAccess,
+                                                      POBJECT_ATTRIBUTES ObjectAttributes,
+                                                      PUNICODE_STRING LinkTarget) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtOpenSymbolicLinkObject(PHANDLE LinkHandle, ACCESS_MASK DesiredAccess,
+                                                    POBJECT_ATTRIBUTES ObjectAttributes) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtQuerySymbolicLinkObject(HANDLE LinkHandle, PUNICODE_STRING LinkTarget,
+                                                     PULONG ReturnedLength) noexcept;
+NTKERNELAPI NTSTATUS NTAPI NtMakeTemporaryObject(HANDLE Handle) noexcept;
+// Waits for an event or for the last request of an asynchronous file.
+NTKERNELAPI NTSTATUS NTAPI NtWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout) noexcept;
