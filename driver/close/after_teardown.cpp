@@ -5,7 +5,7 @@
 
 #include "close/close.h"
 #include "close/share_claim.h"
-#include "dir/notify.h"
+#include "dir/notify_list.h"
 #include "frame/diagnostics.h"
 #include "io/lock_table.h"
 #include "provider/provider_calls.h"

@@ -1,6 +1,6 @@
 #include "close/close.h"
 #include "close/share_claim.h"
-#include "dir/notify.h"
+#include "dir/notify_list.h"
 #include "frame/async_queue.h"
 #include "frame/diagnostics.h"
 #include "io/lock_grants.h"

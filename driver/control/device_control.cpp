@@ -2,8 +2,8 @@
 
 #include "control/our_device.h"
 #include "frame/async_queue.h"
+#include "frame/configuration.h"
 #include "frame/diagnostics.h"
-#include "frame/driver.h"
 #include "frame/memory.h"
 #include "names/paths.h"
 #include "provider/binding.h"

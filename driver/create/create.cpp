@@ -1,7 +1,9 @@
-#include "create/create_state.h"
+#include "create/create.h"
 
 #include "close/close.h"
 #include "close/share_claim.h"
+#include "create/create_state.h"
+#include "create/target_directory.h"
 #include "dir/notify.h"
 #include "frame/async_queue.h"
 

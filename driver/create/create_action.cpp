@@ -1,4 +1,5 @@
 #include "create/create_state.h"
+#include "create/parent_checks.h"
 
 NTSTATUS NtFsdActionFromDisposition(BOOLEAN DirectoryFlag, BOOLEAN NonDirectoryFlag, ULONG Disposition, PULONG Action) {
     if (!DirectoryFlag && !NonDirectoryFlag) {

@@ -1,4 +1,5 @@
 #include "create/create_state.h"
+#include "create/parent_checks.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 #include "create/create_state.h"
-
+#include "create/parent_checks.h"
 #include "info/volume_size.h"
 #include "io/io.h"
 #include "provider/attribute_names.h"

@@ -5,10 +5,11 @@
 // Resource is held exclusive, in Hold, exactly once.
 #pragma once
 
-#include "create/create.h"
+#include "create/create_steps.h"
+#include "frame/configuration.h"
 #include "frame/diagnostics.h"
-#include "frame/driver.h"
 #include "frame/status_translation.h"
+#include "names/fcb.h"
 #include "provider/provider_calls.h"
 
 inline constexpr ACCESS_MASK NO_ACCESS_CHECK = 0xFFFFFFFF;

@@ -1,5 +1,6 @@
-#include "create/create_state.h"
+#include "create/parent_checks.h"
 
+#include "create/create_state.h"
 #include "names/paths.h"
 
 namespace {

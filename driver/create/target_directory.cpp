@@ -1,5 +1,6 @@
-#include "create/create_state.h"
+#include "create/target_directory.h"
 
+#include "create/create_state.h"
 #include "names/paths.h"
 #include "provider/binding.h"
 

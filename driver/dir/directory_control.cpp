@@ -1,7 +1,7 @@
 #include "dir/directory.h"
 #include "frame/async_queue.h"
+#include "frame/configuration.h"
 #include "frame/diagnostics.h"
-#include "frame/driver.h"
 #include "frame/memory.h"
 
 namespace {

@@ -1,13 +1,10 @@
 #include "dir/notify.h"
 
+#include "dir/notify_entry.h"
+#include "frame/configuration.h"
 #include "frame/diagnostics.h"
-#include "frame/driver.h"
 
 namespace {
-
-NOTIFY_ENTRY *EntryOf(PLIST_ENTRY Links) {
-    return CONTAINING_RECORD(Links, NOTIFY_ENTRY, Links);
-}
 
 // The waiters that IrpContext's request is to complete.
 PLIST_ENTRY ChangedOf(PIRP_CONTEXT IrpContext) {
@@ -20,7 +17,7 @@ PLIST_ENTRY ChangedOf(PIRP_CONTEXT IrpContext) {
 // Moves the requests that asked for names of files to Changed; the others go on waiting.
 void TakeFileNameWaiters(PFCB Parent, PLIST_ENTRY Changed) HOLDING(Parent->Resource) {
     for (PLIST_ENTRY Links = Parent->NotifyList.Flink; Links != &Parent->NotifyList;) {
-        NOTIFY_ENTRY *Entry = EntryOf(Links);
+        NOTIFY_ENTRY *Entry = NtFsdNotifyEntryOf(Links);
         Links = Links->Flink;
         if (Entry->CompletionFilter & FILE_NOTIFY_CHANGE_FILE_NAME) {
             NtFsdDebugPrint(TRACE_NOTIFY, 0, "Complete Irp: 0x%p\n", Entry->Irp);
@@ -73,15 +70,6 @@ NTSTATUS NtFsdNotifyChange(PIRP_CONTEXT IrpContext, PFCB Fcb, ULONG, ResourceHol
     return Status;
 }
 
-VOID NtFsdCompleteChanged(PIRP_CONTEXT IrpContext) {
-    const PLIST_ENTRY Changed = &IrpContext->ChangedWaiters;
-    while (Changed->Flink != nullptr && !IsListEmpty(Changed)) {
-        const PoolPointer<NOTIFY_ENTRY> Entry(EntryOf(RemoveHeadList(Changed)));
-        Entry->IrpContext->Information = 0;
-        Ignore(NtFsdCompleteRequest(Entry->IrpContext, Entry->Irp, STATUS_NOTIFY_ENUM_DIR), "it is the waiter's");
-    }
-}
-
 NTSTATUS NtFsdGetParentName(PCUNICODE_STRING Name, PUNICODE_STRING Parent) {
     constexpr ULONG SHORTEST = 6; // \s\v\n
     if (NtFsdCountPathComponents(Name) < 3 || Name->Length / sizeof(WCHAR) < SHORTEST) {
@@ -93,25 +81,4 @@ NTSTATUS NtFsdGetParentName(PCUNICODE_STRING Name, PUNICODE_STRING Parent) {
     }
     const UNICODE_STRING Front = NtFsdSplitPath(Path).Front;
     return Front.Length != 0 ? NtFsdUpdateUnicodeString(Parent, &Front) : STATUS_OBJECT_PATH_INVALID;
-}
-
-VOID NtFsdTakeNotifyList(PFCB Fcb, PLIST_ENTRY Batch) {
-    while (!IsListEmpty(&Fcb->NotifyList)) {
-        InsertTailList(Batch, RemoveHeadList(&Fcb->NotifyList));
-    }
-}
-
-VOID NtFsdCompleteNotifyBatch(PLIST_ENTRY Batch, NTSTATUS Status) {
-    while (!IsListEmpty(Batch)) {
-        const PoolPointer<NOTIFY_ENTRY> Entry(EntryOf(RemoveHeadList(Batch)));
-        NtFsdDebugPrint(TRACE_NOTIFY, 0, "Cleanup Irp: 0x%p\n", Entry->Irp);
-        Ignore(NtFsdCompleteRequest(Entry->IrpContext, Entry->Irp, Status), "it is the waiter's");
-    }
-}
-
-VOID NtFsdCompleteNotifyList(PFCB Fcb, NTSTATUS Status) {
-    LIST_ENTRY Batch;
-    InitializeListHead(&Batch);
-    NtFsdTakeNotifyList(Fcb, &Batch);
-    NtFsdCompleteNotifyBatch(&Batch, Status);
 }

@@ -1,5 +1,5 @@
 #include "dir/directory.h"
-#include "dir/notify.h"
+#include "dir/notify_entry.h"
 #include "frame/diagnostics.h"
 #include "frame/memory.h"
 
@@ -8,7 +8,7 @@ namespace {
 bool IsWaiting(PFCB Fcb, PIRP Irp) HOLDING(Fcb->Resource) {
     bool Found = false;
     for (PLIST_ENTRY Link = Fcb->NotifyList.Flink; Link != &Fcb->NotifyList; Link = Link->Flink) {
-        const PIRP Waiting = CONTAINING_RECORD(Link, NOTIFY_ENTRY, Links)->Irp;
+        const PIRP Waiting = NtFsdNotifyEntryOf(Link)->Irp;
         NtFsdDebugPrint(TRACE_NOTIFY, 0, "Found Irp: 0x%p == 0x%p\n", Waiting, Irp);
         Found = Found || Waiting == Irp;
     }

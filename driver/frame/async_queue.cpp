@@ -1,11 +1,11 @@
 #include "frame/async_queue.h"
 
 #include "frame/diagnostics.h"
-#include "frame/driver.h"
-#include "frame/entry.h"
 #include "frame/locks.h"
 #include "frame/memory.h"
-#include "io/io.h"
+#include "frame/rundown.h"
+#include "frame/worker_routine.h"
+#include "io/lock_completion.h"
 #include "provider/binding.h"
 
 DRIVER_GLOBAL LIST_ENTRY g_AsyncIrpQueue = {&g_AsyncIrpQueue, &g_AsyncIrpQueue};

@@ -1,6 +1,13 @@
-#include "frame/driver.h"
+#include "frame/configuration.h"
+
 #include "frame/memory.h"
-#include "names/strings.h"
+#include "names/text.h"
+
+DRIVER_GLOBAL BOOLEAN g_bEnableDirectoryNotify = FALSE;
+DRIVER_GLOBAL BOOLEAN g_bEnableAsyncIo = FALSE;
+DRIVER_GLOBAL BOOLEAN g_bUNCPathFilterBehavior = FALSE;
+DRIVER_GLOBAL BOOLEAN g_bFailDeleteInUseWorkaround = FALSE;
+DRIVER_GLOBAL BOOLEAN g_bDeferDeleteAccessCheck = FALSE;
 
 namespace {
 

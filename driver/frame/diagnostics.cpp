@@ -1,6 +1,6 @@
 #include "frame/diagnostics.h"
 
-#include "frame/driver.h"
+#include "frame/configuration.h"
 #include "frame/locks.h"
 #include "frame/memory.h"
 

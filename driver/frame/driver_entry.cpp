@@ -1,5 +1,6 @@
 #include "control/our_device.h"
 #include "frame/async_queue.h"
+#include "frame/configuration.h"
 #include "frame/diagnostics.h"
 #include "frame/driver.h"
 #include "frame/entry.h"
@@ -13,11 +14,6 @@
 DRIVER_GLOBAL PDEVICE_OBJECT g_pDeviceObject = nullptr;
 DRIVER_GLOBAL ULONG g_uInitStage = INIT_STAGE_NONE;
 DRIVER_GLOBAL LONG g_bDriverEntryDone = 0;
-DRIVER_GLOBAL BOOLEAN g_bEnableDirectoryNotify = FALSE;
-DRIVER_GLOBAL BOOLEAN g_bEnableAsyncIo = FALSE;
-DRIVER_GLOBAL BOOLEAN g_bUNCPathFilterBehavior = FALSE;
-DRIVER_GLOBAL BOOLEAN g_bFailDeleteInUseWorkaround = FALSE;
-DRIVER_GLOBAL BOOLEAN g_bDeferDeleteAccessCheck = FALSE;
 
 namespace {
 
@@ -86,25 +82,25 @@ NTSTATUS MakeDriverFcb() {
 // failure is either undone here or left to the teardown of the stage that was reached.
 NTSTATUS NtFsdInitOurDevice() {
     NtFsdInitializeFcbTable();
-    NTSTATUS Status = NtFsdInitializeResource(DRIVER_RESOURCE_FCB_TABLE);
+    NTSTATUS Status = NtFsdInitializeResource(DRIVER_RESOURCE_FCB_TABLE, &FcbTableResource);
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
     ScopeExit DeleteTable([] { NtFsdDeleteResource(DRIVER_RESOURCE_FCB_TABLE); });
-    Status = NtFsdInitializeResource(DRIVER_RESOURCE_FRAMEWORK_INIT);
+    Status = NtFsdInitializeResource(DRIVER_RESOURCE_FRAMEWORK_INIT, &g_FrameworkInitResource);
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
     InitializeListHead(&FcbList);
     g_uInitStage = INIT_STAGE_TABLES;
     DeleteTable.Drop(); // teardown of this stage deletes it
-    Status = NtFsdInitializeResource(DRIVER_RESOURCE_FCB_LIST);
+    Status = NtFsdInitializeResource(DRIVER_RESOURCE_FCB_LIST, &FcbListResource);
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
     NtFsdNobodyElse(&FcbListResource);
     FcbCount = 0;
-    Status = NtFsdInitializeResource(DRIVER_RESOURCE_OUR_DEVICE);
+    Status = NtFsdInitializeResource(DRIVER_RESOURCE_OUR_DEVICE, &g_OurDeviceResource);
     if (!NT_SUCCESS(Status)) {
         NtFsdAlwaysPrint("[RVFSD] NtFsdInitOurDevice ExInitializeResourceLite returned 0x%08X.\n", Status);
         return Status;

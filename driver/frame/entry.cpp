@@ -5,8 +5,9 @@
 #include "create/create.h"
 #include "dir/directory.h"
 #include "frame/diagnostics.h"
-#include "frame/driver.h"
 #include "frame/memory.h"
+#include "frame/rundown.h"
+#include "frame/worker_routine.h"
 #include "info/query.h"
 #include "info/set_information.h"
 #include "io/io.h"
@@ -410,13 +411,6 @@ NTSTATUS NTAPI Dispatch(PDEVICE_OBJECT, PIRP Irp) {
 }
 
 } // namespace
-
-NTSTATUS NtFsdCompleteAtOnce(PIRP Irp, NTSTATUS Status, ULONG_PTR Information, CCHAR PriorityBoost) {
-    Irp->IoStatus.Status = Status;
-    Irp->IoStatus.Information = Information;
-    IofCompleteRequest(Irp, PriorityBoost);
-    return Status;
-}
 
 WORKER_ROUTINE NtFsdWorkerRoutine(UCHAR MajorFunction) {
     const ENTRY &Entry = Table.Entries[MajorFunction];

@@ -47,15 +47,5 @@ struct ENTRY {
 // Fills DriverObject's dispatch table.
 void NtFsdFillDispatchTable(PDRIVER_OBJECT DriverObject);
 
-// What a worker runs for a posted request.
-struct WORKER_ROUTINE {
-    PCSTR Name;
-    NTSTATUS (*Run)(PIRP_CONTEXT IrpContext); // NULL: there is nothing left to run
-};
-WORKER_ROUTINE NtFsdWorkerRoutine(UCHAR MajorFunction);
-
-// Completes Irp outside the context machinery.
-NTSTATUS NtFsdCompleteAtOnce(PIRP Irp, NTSTATUS Status, ULONG_PTR Information, CCHAR PriorityBoost);
-
 // IRP_MJ_SHUTDOWN, after its entry line (frame/teardown.cpp).
 bool NtFsdServeShutdown(ENTRY_REQUEST &Request);

@@ -2,7 +2,7 @@
 
 #include "close/close.h"
 #include "frame/diagnostics.h"
-#include "frame/driver.h"
+#include "frame/rundown.h"
 #include "names/fcb.h"
 
 namespace {

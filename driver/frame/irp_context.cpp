@@ -1,9 +1,10 @@
 #include "frame/irp_context.h"
 
-#include "dir/notify.h"
+#include "dir/notify_entry.h"
+#include "frame/configuration.h"
 #include "frame/diagnostics.h"
-#include "frame/driver.h"
 #include "frame/memory.h"
+#include "frame/request_kinds.h"
 #include "provider/binding.h"
 
 DRIVER_GLOBAL NPAGED_LOOKASIDE_LIST g_IrpContextLookasideList = {};
@@ -69,41 +70,6 @@ VOID NtFsdDeleteIrpContext(PIRP_CONTEXT IrpContext) {
 
 namespace {
 
-// Behind them stand the kinds of what is in flight without being a request.
-constexpr PCSTR MajorFunctionNames[] = {
-    "IRP_MJ_CREATE",
-    "IRP_MJ_CREATE_NAMED_PIPE",
-    "IRP_MJ_CLOSE",
-    "IRP_MJ_READ",
-    "IRP_MJ_WRITE",
-    "IRP_MJ_QUERY_INFORMATION",
-    "IRP_MJ_SET_INFORMATION",
-    "IRP_MJ_QUERY_EA",
-    "IRP_MJ_SET_EA",
-    "IRP_MJ_FLUSH_BUFFERS",
-    "IRP_MJ_QUERY_VOLUME_INFORMATION",
-    "IRP_MJ_SET_VOLUME_INFORMATION",
-    "IRP_MJ_DIRECTORY_CONTROL",
-    "IRP_MJ_FILE_SYSTEM_CONTROL",
-    "IRP_MJ_DEVICE_CONTROL",
-    "IRP_MJ_INTERNAL_DEVICE_CONTROL",
-    "IRP_MJ_SHUTDOWN",
-    "IRP_MJ_LOCK_CONTROL",
-    "IRP_MJ_CLEANUP",
-    "IRP_MJ_CREATE_MAILSLOT",
-    "IRP_MJ_QUERY_SECURITY",
-    "IRP_MJ_SET_SECURITY",
-    "IRP_MJ_POWER",
-    "IRP_MJ_SYSTEM_CONTROL",
-    "IRP_MJ_DEVICE_CHANGE",
-    "IRP_MJ_QUERY_QUOTA",
-    "IRP_MJ_SET_QUOTA",
-    "IRP_MJ_PNP",
-    "call",
-    "worker",
-};
-static_assert(RTL_NUMBER_OF(MajorFunctionNames) == IN_FLIGHT_KINDS);
-
 NTSTATUS FinalStatus(PIRP_CONTEXT IrpContext, NTSTATUS Status) {
     if (IrpContext != nullptr && (IrpContext->Flags & IRP_CONTEXT_FLAG_ANSWER_CANCELLED)) {
         return STATUS_CANCELLED;
@@ -112,17 +78,25 @@ NTSTATUS FinalStatus(PIRP_CONTEXT IrpContext, NTSTATUS Status) {
     return Status == STATUS_PENDING || Status == -1 ? STATUS_UNSUCCESSFUL : Status;
 }
 
-} // namespace
-
-PCSTR NtFsdMajorFunctionName(UCHAR MajorFunction) {
-    return MajorFunction < RTL_NUMBER_OF(MajorFunctionNames) ? MajorFunctionNames[MajorFunction] : "";
+// Completes the waiters that NtFsdNotifyChange took for IrpContext's request. No lock is held: a waiter may ask again
+// at once, and its completion may be the last reference to the watched directory's file object, so that its close runs
+// in here.
+void CompleteChanged(PIRP_CONTEXT IrpContext) {
+    const PLIST_ENTRY Changed = &IrpContext->ChangedWaiters;
+    while (Changed->Flink != nullptr && !IsListEmpty(Changed)) {
+        const PoolPointer<NOTIFY_ENTRY> Entry(NtFsdNotifyEntryOf(RemoveHeadList(Changed)));
+        Entry->IrpContext->Information = 0;
+        Ignore(NtFsdCompleteRequest(Entry->IrpContext, Entry->Irp, STATUS_NOTIFY_ENUM_DIR), "it is the waiter's");
+    }
 }
+
+} // namespace
 
 NTSTATUS NtFsdCompleteRequest(PIRP_CONTEXT IrpContext, PIRP Irp, NTSTATUS Status) {
     NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdCompleteRequest() entered\n");
     const NTSTATUS Final = FinalStatus(IrpContext, Status);
     if (IrpContext != nullptr) {
-        NtFsdCompleteChanged(IrpContext);
+        CompleteChanged(IrpContext);
         if (IrpContext->UserBufferFlags != 0) {
             NtFsdUnlockUserBuffer(IrpContext); // locked for a worker that did not come to use it
         }
@@ -148,6 +122,13 @@ NTSTATUS NtFsdCompleteRequest(PIRP_CONTEXT IrpContext, PIRP Irp, NTSTATUS Status
     }
     NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdCompleteRequest() returning VOID\n");
     return Final;
+}
+
+NTSTATUS NtFsdCompleteAtOnce(PIRP Irp, NTSTATUS Status, ULONG_PTR Information, CCHAR PriorityBoost) {
+    Irp->IoStatus.Status = Status;
+    Irp->IoStatus.Information = Information;
+    IofCompleteRequest(Irp, PriorityBoost);
+    return Status;
 }
 
 BOOLEAN NtFsdIsIrpTopLevel(PIRP Irp) {

@@ -93,8 +93,8 @@ VOID NtFsdDeleteIrpContext(PIRP_CONTEXT IrpContext);
 // be touched afterwards.
 NTSTATUS NtFsdCompleteRequest(PIRP_CONTEXT IrpContext, PIRP Irp, NTSTATUS Status);
 
-// "IRP_MJ_READ" and so on.
-PCSTR NtFsdMajorFunctionName(UCHAR MajorFunction);
+// Completes Irp outside the context machinery.
+NTSTATUS NtFsdCompleteAtOnce(PIRP Irp, NTSTATUS Status, ULONG_PTR Information, CCHAR PriorityBoost);
 
 // Makes Irp the thread's top-level IRP and returns TRUE when there is none; the caller resets it.
 BOOLEAN NtFsdIsIrpTopLevel(PIRP Irp);

@@ -1,28 +1,22 @@
 #include "frame/resources.h"
 
-#include "control/our_device.h"
 #include "frame/memory.h"
-#include "mapping/drive_mapping.h"
-#include "names/fcb.h"
-#include "provider/binding.h"
 
 namespace {
 
-constexpr PERESOURCE Resources[DRIVER_RESOURCE_COUNT] = {&FcbTableResource, &g_FrameworkInitResource, &FcbListResource,
-                                                         &g_OurDeviceResource, &g_MappedDeviceResource};
-DRIVER_GLOBAL bool SetUp[DRIVER_RESOURCE_COUNT] = {};
+DRIVER_GLOBAL PERESOURCE Resources[DRIVER_RESOURCE_COUNT] = {}; // those that are set up
 
 } // namespace
 
-NTSTATUS NtFsdInitializeResource(DRIVER_RESOURCE Which) {
-    const NTSTATUS Status = ExInitializeResourceLite(Resources[Which]);
-    SetUp[Which] = NT_SUCCESS(Status);
+NTSTATUS NtFsdInitializeResource(DRIVER_RESOURCE Which, PERESOURCE Resource) {
+    const NTSTATUS Status = ExInitializeResourceLite(Resource);
+    Resources[Which] = NT_SUCCESS(Status) ? Resource : nullptr;
     return Status;
 }
 
 VOID NtFsdDeleteResource(DRIVER_RESOURCE Which) {
-    if (SetUp[Which]) {
-        SetUp[Which] = false;
-        Ignore(ExDeleteResourceLite(Resources[Which]), "a resource that is set up can be deleted");
+    if (const PERESOURCE Resource = Resources[Which]; Resource != nullptr) {
+        Resources[Which] = nullptr;
+        Ignore(ExDeleteResourceLite(Resource), "a resource that is set up can be deleted");
     }
 }

@@ -12,7 +12,8 @@ enum DRIVER_RESOURCE : ULONG {
     DRIVER_RESOURCE_COUNT,
 };
 
-NTSTATUS NtFsdInitializeResource(DRIVER_RESOURCE Which);
+// Sets up Resource, which is Which from now on.
+NTSTATUS NtFsdInitializeResource(DRIVER_RESOURCE Which, PERESOURCE Resource);
 
 // Deletes it when it is set up.
 VOID NtFsdDeleteResource(DRIVER_RESOURCE Which);

@@ -1,19 +1,13 @@
 // Requests in flight: counted by major function in slots by thread, so that two processors do not share a word for
 // every request.
 
-#include "frame/async_queue.h"
-#include "frame/diagnostics.h"
-#include "frame/driver.h"
-#include "frame/irp_context.h"
-#include "names/fcb.h"
+#include "frame/rundown.h"
+
+#include "frame/memory.h"
 
 namespace {
 
 constexpr ULONG SLOTS = 16;
-
-// How long teardown waits before it says what for, and how often.
-constexpr LONG64 PATIENCE = 10 * 10000000ll; // ten seconds
-constexpr ULONG TURNS = 6;
 
 // Both only rise. What is in flight is their difference, so wrapping does no harm.
 struct alignas(128) COUNTERS {
@@ -39,42 +33,6 @@ ULONG SumOf(ULONG (COUNTERS::*Counters)[IN_FLIGHT_KINDS], UCHAR First, UCHAR Beh
         }
     }
     return Sum;
-}
-
-// A request may leave in another slot, and hand on requests of another kind, while the counters are read. All that left
-// is read before any that entered, so that the answer may be too large, but never too small.
-LONG InFlight(UCHAR First, UCHAR Behind) {
-    const ULONG Left = SumOf(&COUNTERS::Left, First, Behind);
-    return static_cast<LONG>(SumOf(&COUNTERS::Entered, First, Behind) - Left);
-}
-
-// In 100-ns units; goes on also when the clock is set.
-LONG64 InterruptTime() {
-    ULONG64 Counter;
-    return static_cast<LONG64>(KeQueryInterruptTimePrecise(&Counter));
-}
-
-// Says what teardown waits for: the requests, and the files that somebody holds.
-void TellWhatIsInFlight() {
-    for (UCHAR MajorFunction = 0; MajorFunction < IN_FLIGHT_KINDS; ++MajorFunction) {
-        const LONG Count = InFlight(MajorFunction, static_cast<UCHAR>(MajorFunction + 1));
-        if (Count > 0 && MajorFunction != IRP_MJ_SHUTDOWN) {
-            NtFsdAlwaysPrint("[RVFSD] Shutdown waits for %d %s\n", Count, NtFsdMajorFunctionName(MajorFunction));
-            NtFsdDebugPrint(TRACE_ERROR, 0, "Shutdown waits for %d %s\n", Count, NtFsdMajorFunctionName(MajorFunction));
-        }
-    }
-    ResourceHold Hold;
-    if (!Hold.AcquireShared(&FcbListResource, FALSE)) {
-        return;
-    }
-    for (PLIST_ENTRY Links = FcbList.Flink; Links != &FcbList; Links = Links->Flink) {
-        const PFCB Fcb = CONTAINING_RECORD(Links, FCB, FcbLinks);
-        ResourceHold Free; // taken without waiting, so that no order matters
-        if (!Free.AcquireExclusive(&Fcb->Resource, FALSE)) {
-            NtFsdAlwaysPrint("[RVFSD] Shutdown waits for \"%wZ\"\n", NtFsdStablePath(Fcb));
-            NtFsdDebugPrint(TRACE_ERROR, 0, "Shutdown waits for \"%wZ\"\n", NtFsdStablePath(Fcb));
-        }
-    }
 }
 
 } // namespace
@@ -108,27 +66,22 @@ void NtFsdWakeTeardown() {
     }
 }
 
-bool NtFsdStopRequests(LONG Own) {
+void NtFsdRefuseRequests() {
     if (!NtFsdIsStopped()) {
         KeInitializeEvent(&RequestLeft, SynchronizationEvent, FALSE);
         __atomic_store_n(&Stopped, 1, __ATOMIC_SEQ_CST);
     }
-    ULONG Turns = 0;
-    LONG64 Due = InterruptTime() + PATIENCE;
-    // Queued requests are in flight; workers end when nothing is queued any more.
-    while (NtFsdHurryWorkers(), InFlight(0, IN_FLIGHT_KINDS) > Own) {
-        LARGE_INTEGER Timeout = {};
-        // However often it is woken: every request that is refused meanwhile does that.
-        Timeout.QuadPart = -(Due - InterruptTime());
-        if (Timeout.QuadPart < 0) {
-            Ignore(KeWaitForSingleObject(&RequestLeft, Executive, KernelMode, FALSE, &Timeout), "it looks anyway");
-            continue;
-        }
-        TellWhatIsInFlight();
-        if (++Turns == TURNS) {
-            return false; // the machine is going down: what is in use is better left than pulled away
-        }
-        Due += PATIENCE;
-    }
-    return true;
+}
+
+// A request may leave in another slot, and hand on requests of another kind, while the counters are read. All that left
+// is read before any that entered, so that the answer may be too large, but never too small.
+LONG NtFsdCountInFlight(UCHAR First, UCHAR Behind) {
+    const ULONG Left = SumOf(&COUNTERS::Left, First, Behind);
+    return static_cast<LONG>(SumOf(&COUNTERS::Entered, First, Behind) - Left);
+}
+
+void NtFsdWaitForLeave(LONG64 Period) {
+    LARGE_INTEGER Timeout = {};
+    Timeout.QuadPart = -Period;
+    Ignore(KeWaitForSingleObject(&RequestLeft, Executive, KernelMode, FALSE, &Timeout), "the caller looks anyway");
 }

@@ -6,6 +6,8 @@
 #include "frame/driver.h"
 #include "frame/entry.h"
 #include "frame/resources.h"
+#include "frame/rundown.h"
+#include "frame/stop_requests.h"
 #include "mapping/drive_mapping.h"
 #include "provider/binding.h"
 

@@ -16,8 +16,3 @@ NTSTATUS NtFsdCommonFlush(PIRP_CONTEXT IrpContext);
 // Length is 0. An end beyond LARGEST_OFFSET, which only a Provider can come to, changes nothing. The caller holds the
 // FCB's Resource, exclusive when ExclusiveHeld; a shared hold may be dropped and retaken. Always STATUS_SUCCESS.
 NTSTATUS RvFsdUpdateFCBFileSize(PFCB Fcb, BOOLEAN ExclusiveHeld, LONG64 Offset, ULONG64 Length);
-
-// The completion routine of the FCB's FileLock: tells the Provider, completes the IRP.
-NTSTATUS NTAPI TwLockCompleteRoutine(PVOID Context, PIRP Irp);
-// The same after taking the FCB's Resource.
-NTSTATUS TwLockCompleteRoutineWithAcquire(PIRP_CONTEXT IrpContext);

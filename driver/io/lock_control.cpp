@@ -14,9 +14,10 @@
 
 #include "frame/async_queue.h"
 #include "frame/diagnostics.h"
-#include "frame/driver.h"
+#include "frame/rundown.h"
 #include "frame/status_translation.h"
 #include "io/io.h"
+#include "io/lock_completion.h"
 #include "io/lock_grants.h"
 #include "io/lock_table.h"
 #include "provider/provider_calls.h"

@@ -105,7 +105,7 @@ NTSTATUS NtFsdInitMappedDevices() {
     NtFsdNobodyElse(&g_MappedDeviceResource);
     InitializeListHead(&g_MappedDeviceList);
     g_uMappedDeviceCount = 0;
-    return NtFsdInitializeResource(DRIVER_RESOURCE_MAPPED_DEVICES);
+    return NtFsdInitializeResource(DRIVER_RESOURCE_MAPPED_DEVICES, &g_MappedDeviceResource);
 }
 
 NTSTATUS FindMappedDevice(PIRP_CONTEXT IrpContext, ULONG DriveNumber, MAPPED_DEVICE **Record, BOOLEAN Remove,

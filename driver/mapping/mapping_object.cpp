@@ -1,7 +1,7 @@
 #include "mapping/mapping_object.h"
 
 #include "frame/diagnostics.h"
-#include "frame/driver.h"
+#include "frame/rundown.h"
 #include "frame/status_translation.h"
 #include "mapping/rvpl_block.h"
 #include "mapping/utf8.h"

@@ -1,8 +1,8 @@
 #include "names/fcb.h"
 
-#include "dir/notify.h"
+#include "dir/notify_list.h"
 #include "frame/diagnostics.h"
-#include "io/io.h"
+#include "io/lock_completion.h"
 
 DRIVER_GLOBAL UNICODE_PREFIX_TABLE FcbPrefixTable = {};
 DRIVER_GLOBAL ULONG FcbPrefixCount = 0;

@@ -4,6 +4,7 @@
 // routine says which of them its caller holds.
 #pragma once
 
+#include "frame/irp_context.h"
 #include "names/fcb_records.h"
 
 // ---- Global objects ----------------------------------------------------------------------------------------------

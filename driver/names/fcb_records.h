@@ -19,9 +19,9 @@
 // of old paths takes no new ones.
 #pragma once
 
-#include "frame/irp_context.h"
 #include "frame/locks.h"
 #include "names/strings.h"
+#include "provider/provider_interface.h"
 
 extern ERESOURCE FcbTableResource;
 

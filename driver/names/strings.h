@@ -2,8 +2,7 @@
 #pragma once
 
 #include "frame/memory.h"
-
-inline constexpr WCHAR SEPARATOR = 0x005C;
+#include "names/text.h"
 
 // Makes Destination an owned, NUL-terminated copy of Source, reusing its buffer when that is large enough. Returns
 // STATUS_NAME_TOO_LONG, before Destination is touched, when the text and its terminator do not fit a 16-bit size, and
@@ -23,23 +22,6 @@ ULONG NtFsdCountPathComponents(PCUNICODE_STRING Path, ULONG Most = 0xFFFF);
 // does not fit a 16-bit size, STATUS_INSUFFICIENT_RESOURCES when no memory can be had (AllocationBytes, when given,
 // receives the size that was asked for).
 NTSTATUS NtFsdComposePath(PCUNICODE_STRING Base, PCUNICODE_STRING Name, PUNICODE_STRING Path, PULONG AllocationBytes);
-
-// A counted view of a literal. The buffer is read-only by convention.
-template <SIZE_T N>
-constexpr UNICODE_STRING ConstantString(const WCHAR (&Text)[N]) {
-    return {static_cast<USHORT>((N - 1) * sizeof(WCHAR)), static_cast<USHORT>(N * sizeof(WCHAR)),
-            const_cast<PWSTR>(Text)};
-}
-
-inline ULONG UnitsOf(const UNICODE_STRING &Text) {
-    return Text.Length / sizeof(WCHAR);
-}
-
-// A counted view of Units units at Text.
-inline UNICODE_STRING ViewOf(PWSTR Text, ULONG Units) {
-    const USHORT Bytes = static_cast<USHORT>(Units * sizeof(WCHAR));
-    return {Bytes, Bytes, Text};
-}
 
 // Views into a path. Front and Last are what stands before and behind its last separator; without one Front is empty.
 struct PATH_PARTS {
@@ -70,15 +52,6 @@ bool NtFsdIsPathValid(PCUNICODE_STRING Path);
 
 // TRUE when a wildcard stands in the last component.
 bool NtFsdHasWildcards(PCUNICODE_STRING Path);
-
-// Number of units before the terminating zero, at most Limit.
-inline ULONG WideLength(PCWSTR Text, ULONG Limit) {
-    ULONG Length = 0;
-    while (Length < Limit && Text[Length] != 0) {
-        ++Length;
-    }
-    return Length;
-}
 
 // A string of the driver that is freed by scope.
 class OwnedString {

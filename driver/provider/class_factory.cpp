@@ -1,8 +1,8 @@
 #include "provider/class_factory.h"
 
 #include "frame/diagnostics.h"
-#include "frame/driver.h"
 #include "frame/locks.h"
+#include "frame/rundown.h"
 #include "provider/binding.h"
 
 namespace {

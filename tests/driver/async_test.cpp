@@ -6,7 +6,7 @@
 
 #include <sys/mman.h>
 
-#include "frame/driver.h"
+#include "frame/rundown.h"
 #include "tests/driver/lock_client.h"
 
 namespace {

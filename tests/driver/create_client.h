@@ -1,7 +1,8 @@
 // Opens for tests: a small tree, what a path is opened as, and the proof that a failed open left nothing.
 #pragma once
 
-#include "create/create.h"
+#include "create/create_steps.h"
+#include "create/parent_checks.h"
 #include "provider/provider_calls.h"
 #include "tests/support/driver_fixture.h"
 

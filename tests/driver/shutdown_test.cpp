@@ -6,6 +6,7 @@
 #include "embedded/mup.h"
 #include "frame/diagnostics.h"
 #include "frame/driver.h"
+#include "frame/rundown.h"
 #include "provider/binding.h"
 #include "provider/class_factory.h"
 #include "tests/driver/lock_client.h"

@@ -3,6 +3,7 @@
 
 #include "embedded/mm/mm.h"
 #include "embedded/mup.h"
+#include "frame/configuration.h"
 #include "frame/driver.h"
 #include "frame/fast_io.h"
 #include "frame/irp_context.h"

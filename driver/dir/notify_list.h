@@ -1,0 +1,13 @@
+// The requests that wait on an FCB for a change below it: ending them all.
+#pragma once
+
+#include "frame/irp_context.h"
+#include "names/fcb_records.h"
+
+// Completes every request that waits on Fcb with Status. Resource held exclusive, or no request in flight.
+VOID NtFsdCompleteNotifyList(PFCB Fcb, NTSTATUS Status) HOLDING(Fcb->Resource);
+
+// The same in two steps, so that nothing is completed under a lock: moves the requests that wait on Fcb to the end of
+// Batch (Resource held exclusive, or no request in flight), then completes and frees them.
+VOID NtFsdTakeNotifyList(PFCB Fcb, PLIST_ENTRY Batch) HOLDING(Fcb->Resource);
+VOID NtFsdCompleteNotifyBatch(PLIST_ENTRY Batch, NTSTATUS Status);
