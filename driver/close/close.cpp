@@ -56,43 +56,23 @@ bool AcquireAll(CLOSE &Close) {
     }
 }
 
-bool IsReadOnly(RVSTATUS Status, ULONG Attributes) {
-    return !RvIsError(Status) && (Attributes & RV_ATTR_READONLY) != 0;
-}
-
-void ClearReadOnlyDirectory(const CLOSE &Close) {
+void ClearReadOnly(const CLOSE &Close, bool IsDirectory) {
+    const RVHANDLE Handle = IsDirectory ? Close.Instance->RelatedHandle : Close.Instance->FileHandle;
     ULONG Attributes = 0;
-    const RVHANDLE Directory = Close.Instance->RelatedHandle;
     const RVSTATUS Status =
-        RVFsdGetDirectoryInformation(Close.Security(), Directory, &Attributes, nullptr, nullptr, nullptr);
-    NtFsdDebugPrint(
-        TRACE_GENERAL, 0,
-        "NtFsdCommonClose directory attributes are %s%s%s%s%s%s%s%s%s%s%s(0x%08X) and status 0x%08X for FCB "
-        "0x%p (\"%wZ\").\n",
-        RV_ATTRIBUTE_NAME_ARGUMENTS(RvAttributeNames(Attributes)), Attributes, static_cast<ULONG>(Status), Close.Fcb,
-        &Close.Fcb->FullPath);
-    if (IsReadOnly(Status, Attributes)) {
-        Attributes &= ~static_cast<ULONG>(RV_ATTR_READONLY);
-        Ignore(RVFsdSetDirectoryInformation(Close.Security(), Directory, &Attributes, nullptr, nullptr, nullptr),
-               "the delete tells");
+        IsDirectory ? RVFsdGetDirectoryInformation(Close.Security(), Handle, &Attributes, nullptr, nullptr, nullptr)
+                    : RVFsdGetFileInformation(Close.Security(), Handle, &Attributes, nullptr);
+    NtFsdDebugPrint(TRACE_GENERAL, 0,
+                    "NtFsdCommonClose %s attributes are %s%s%s%s%s%s%s%s%s%s%s(0x%08X) and status 0x%08X for FCB 0x%p "
+                    "(\"%wZ\").\n",
+                    IsDirectory ? "directory" : "file", RV_ATTRIBUTE_NAME_ARGUMENTS(RvAttributeNames(Attributes)),
+                    Attributes, static_cast<ULONG>(Status), Close.Fcb, &Close.Fcb->FullPath);
+    if (RvIsError(Status) || !(Attributes & RV_ATTR_READONLY)) {
+        return;
     }
-}
-
-void ClearReadOnlyFile(const CLOSE &Close) {
-    ULONG Attributes = 0;
-    const RVHANDLE File = Close.Instance->FileHandle;
-    const RVSTATUS Status = RVFsdGetFileInformation(Close.Security(), File, &Attributes, nullptr);
-    NtFsdDebugPrint(
-        TRACE_GENERAL, 0,
-        "NtFsdCommonClose file attributes are %s%s%s%s%s%s%s%s%s%s%s(0x%08X) and status 0x%08X for FCB 0x%p "
-        "(\"%wZ\").\n",
-        RV_ATTRIBUTE_NAME_ARGUMENTS(RvAttributeNames(Attributes)), Attributes, static_cast<ULONG>(Status), Close.Fcb,
-        &Close.Fcb->FullPath);
-    if (IsReadOnly(Status, Attributes)) {
-        Attributes &= ~static_cast<ULONG>(RV_ATTR_READONLY);
-        Ignore(RVFsdSetFileInformation(Close.Security(), File, &Attributes, nullptr, nullptr, nullptr),
-               "the delete tells");
-    }
+    Attributes &= ~static_cast<ULONG>(RV_ATTR_READONLY);
+    const auto Set = IsDirectory ? RVFsdSetDirectoryInformation : RVFsdSetFileInformation;
+    Ignore(Set(Close.Security(), Handle, &Attributes, nullptr, nullptr, nullptr), "the delete tells");
 }
 
 // A read-only object cannot be deleted; the attribute goes while there is still a handle.
@@ -103,9 +83,9 @@ void PrepareDelete(const CLOSE &Close) {
                     Close.Fcb, &Close.Fcb->FullPath);
     const ActForDeletionOwner Owner(Close.IrpContext, Close.Fcb);
     if (Close.IsOpenDirectory()) {
-        ClearReadOnlyDirectory(Close);
+        ClearReadOnly(Close, true);
     } else if (Close.Instance->FileHandle != 0) {
-        ClearReadOnlyFile(Close);
+        ClearReadOnly(Close, false);
     }
 }
 
@@ -218,8 +198,7 @@ void EndOpen(CLOSE &Close) {
     }
     CloseObjectHandles(Close);
     NtFsdDebugPrint(TRACE_GENERAL, 0, "   FCB Open Count = %d\n", Fcb->OpenCount);
-    NtFsdDebugPrint(TRACE_GENERAL, 0, "   pFcb = 0x%x, pFcb->OpenFlags = 0x%x\n",
-                    LowPart(reinterpret_cast<ULONG_PTR>(Fcb)), Fcb->OpenFlags);
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "   pFcb = 0x%x, pFcb->OpenFlags = 0x%x\n", LowPart(Fcb), Fcb->OpenFlags);
     if (Close.Deletes()) {
         DeleteOnClose(Close);
     }

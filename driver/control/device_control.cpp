@@ -127,8 +127,7 @@ NTSTATUS ClaimPrefix(PIRP_CONTEXT IrpContext, const QUERY_PATH_REQUEST_EX *Reque
                         &PathName, Status);
         return Status;
     }
-    Volume->Length = Path.VolumeLength;
-    Volume->Buffer[Path.VolumeLength / sizeof(WCHAR)] = 0;
+    NtFsdCutString(Volume.Get(), Path.VolumeLength / sizeof(WCHAR));
 
     OwnedString VolumePath;
     const RVSTATUS Result = NtFsdQueryPathForVolume(&IrpContext->SecurityContext, Volume->Buffer, VolumePath.Get());

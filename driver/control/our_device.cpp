@@ -44,10 +44,6 @@ PROCESS_RECORD *AddProcess(PEPROCESS Process, PFILE_OBJECT FileObject) HOLDING(g
     return Record;
 }
 
-ULONG LowAddress(const void *Address) {
-    return LowPart(reinterpret_cast<ULONG_PTR>(Address));
-}
-
 } // namespace
 
 NTSTATUS NtFsdOpenOurDevice(PFILE_OBJECT FileObject) {
@@ -69,7 +65,7 @@ NTSTATUS NtFsdOpenOurDevice(PFILE_OBJECT FileObject) {
             return STATUS_INSUFFICIENT_RESOURCES;
         }
     }
-    NtFsdDebugPrint(TRACE_CREATE, 0, "       Device opened by process: 0x%X.\n", LowAddress(Process));
+    NtFsdDebugPrint(TRACE_CREATE, 0, "       Device opened by process: 0x%X.\n", LowPart(Process));
     NtFsdDebugPrint(TRACE_CREATE, 0, "       Instance count for this process: %d\n", Record->ProcessOpenCount);
     FileObject->FsContext2 = Record;
     FileObject->FsContext = DriverFcb;
@@ -89,7 +85,7 @@ NTSTATUS NtFsdCloseOurDevice(PFILE_OBJECT FileObject) {
     }
     const auto Record = static_cast<PROCESS_RECORD *>(FileObject->FsContext2);
     if (Record != nullptr) {
-        NtFsdDebugPrint(TRACE_CLOSE, 0, "       Device closed by process: 0x%X.\n", LowAddress(IoGetCurrentProcess()));
+        NtFsdDebugPrint(TRACE_CLOSE, 0, "       Device closed by process: 0x%X.\n", LowPart(IoGetCurrentProcess()));
         NtFsdDebugPrint(TRACE_CLOSE, 0, "       Instance count for this process: %d\n", Record->ProcessOpenCount);
         if (--Record->ProcessOpenCount == 0) {
             NtFsdDebugPrint(TRACE_CLOSE, 0, "Process termination, cleaning resources.\n");

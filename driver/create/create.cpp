@@ -60,11 +60,9 @@ NTSTATUS CheckParameters(const CREATE_STATE &Create) {
 }
 
 void AdjustParameters(CREATE_STATE &Create) {
-    const ULONG Units = Create.Name.Length / sizeof(WCHAR);
-    if (Units != 0 && Create.Name.Buffer[Units - 1] == SEPARATOR) {
-        Create.Name.Length = static_cast<USHORT>((Units - 1) * sizeof(WCHAR));
-        Create.TrailingSlash = true;
-    }
+    const USHORT Length = NtFsdWithoutSlash(Create.Name).Length;
+    Create.TrailingSlash = Length != Create.Name.Length;
+    Create.Name.Length = Length;
     if ((Create.ShareAccess & FILE_SHARE_WRITE) != 0 && (Create.DesiredAccess & FILE_READ_DATA) != 0 &&
         Create.NoCache) {
         Create.ShareAccess |= FILE_SHARE_READ;
@@ -123,7 +121,8 @@ NTSTATUS FindFcb(CREATE_STATE &Create) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS CheckRelatedFileObject(const CREATE_STATE &Create) {
+// What the open has proved to be one of ours must be a directory, once a name is sought below it.
+NTSTATUS CheckRelatedIsDirectory(const CREATE_STATE &Create) {
     if (Create.RelatedFileObject != nullptr && Create.Name.Length != 0) {
         const FCB *Related = static_cast<const FCB *>(Create.RelatedFileObject->FsContext);
         if (NtFsdReadOpenType(Related) != OPEN_TYPE_DIRECTORY) {
@@ -175,7 +174,7 @@ NTSTATUS OpenPath(CREATE_STATE &Create) {
     if (Status != STATUS_SUCCESS) {
         return Status;
     }
-    Status = CheckRelatedFileObject(Create);
+    Status = CheckRelatedIsDirectory(Create);
     if (Status != STATUS_SUCCESS) {
         return Status;
     }

@@ -52,11 +52,6 @@ NTSTATUS ComposeTargetPath(const PATH_SOURCE &Source, PCUNICODE_STRING Name, PUN
     return Status;
 }
 
-void Shorten(PUNICODE_STRING Path, ULONG Units) {
-    Path->Length = static_cast<USHORT>(Units * sizeof(WCHAR));
-    Path->Buffer[Units] = 0;
-}
-
 // Takes the final name off Path, which then names the parent directory.
 NTSTATUS SplitFinalName(PUNICODE_STRING Path, FinalName &Name) {
     const PATH_PARTS Parts = NtFsdSplitPath(*Path);
@@ -66,7 +61,7 @@ NTSTATUS SplitFinalName(PUNICODE_STRING Path, FinalName &Name) {
                         Name.AllocationBytes(), Path);
         return STATUS_INSUFFICIENT_RESOURCES;
     }
-    Shorten(Path, UnitsOf(Parts.Front));
+    NtFsdCutString(Path, UnitsOf(Parts.Front));
     return STATUS_SUCCESS;
 }
 
@@ -99,10 +94,9 @@ ULONG_PTR OpenParentHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT 
     PRV_SECURITY Security = &IrpContext->SecurityContext;
     ProviderDirectory Directory(Security);
     const RVSTATUS Result = RVFsdOpenDirectory(Security, Instance->RelatedHandle, Instance->PathLeft, Directory.Out());
-    NtFsdDebugPrint(TRACE_CREATE, 0,
-                    "NtFsdOpenTargetDirectory RVFsdOpenDirectory for (0x%p) \"%ws\" returned status 0x%08X.\n",
-                    reinterpret_cast<PVOID>(Instance->RelatedHandle), static_cast<PCWSTR>(Instance->PathLeft),
-                    static_cast<ULONG>(Result));
+    NtFsdDebugPrint(
+        TRACE_CREATE, 0, "NtFsdOpenTargetDirectory RVFsdOpenDirectory for (0x%p) \"%ws\" returned status 0x%08X.\n",
+        AsAddress(Instance->RelatedHandle), static_cast<PCWSTR>(Instance->PathLeft), static_cast<ULONG>(Result));
     const NTSTATUS Status = OpenResult(Result, Directory.Get());
     if (Status == STATUS_SUCCESS) {
         Instance->DirHandle = Directory.Detach();
@@ -131,7 +125,7 @@ NTSTATUS OpenParentOnce(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp, const
     }
     const ULONG Units = UnitsOf(NtFsdWithoutSlash(*Path.Get()));
     const bool TrailingSlash = Units != UnitsOf(*Path.Get());
-    Shorten(Path.Get(), Units);
+    NtFsdCutString(Path.Get(), Units);
     if (!NtFsdIsPathValid(Path.Get())) {
         return STATUS_OBJECT_NAME_INVALID;
     }

@@ -124,10 +124,8 @@ void TraceSearch(PINSTANCE_CONTEXT Instance) {
     if (Instance->SearchMask != nullptr) {
         NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Search Mask : %ws\n", static_cast<PCWSTR>(Instance->SearchMask));
     }
-    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Current Entries: 0x%x\n",
-                    LowPart(reinterpret_cast<ULONG_PTR>(Instance->EnumBuffer)));
-    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Next Entry     : 0x%x\n",
-                    LowPart(reinterpret_cast<ULONG_PTR>(Instance->NextEntry)));
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Current Entries: 0x%x\n", LowPart(Instance->EnumBuffer));
+    NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Next Entry     : 0x%x\n", LowPart(Instance->NextEntry));
     NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Info Count     : %d\n", Instance->InfoCount);
     NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   More Entries   : %s\n", TrueOrFalse(Instance->MoreEntries));
 }

@@ -119,7 +119,15 @@ inline PCSTR TrueOrFalse(bool Value) {
     return Value ? "TRUE" : "FALSE";
 }
 
-// Low half of a 64-bit handle, for the messages that show it as %x.
+// Low half of a 64-bit handle or an address, for the messages that show it as %x.
 inline ULONG LowPart(ULONG64 Value) {
     return static_cast<ULONG>(Value);
+}
+inline ULONG LowPart(const void *Address) {
+    return LowPart(reinterpret_cast<ULONG64>(Address));
+}
+
+// A 64-bit handle, for the messages that show it as %p.
+inline const void *AsAddress(ULONG64 Handle) {
+    return reinterpret_cast<const void *>(Handle);
 }

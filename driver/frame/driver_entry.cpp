@@ -121,7 +121,7 @@ NTSTATUS MakeDevice(PDRIVER_OBJECT DriverObject) {
     }
     g_uInitStage = INIT_STAGE_DEVICE;
     NtFsdDebugPrint(TRACE_START, 0, "IO Device %ls created, 0x%x\n", static_cast<PCWSTR>(DEVICE_NAME.Buffer),
-                    LowPart(reinterpret_cast<ULONG_PTR>(g_pDeviceObject)));
+                    LowPart(g_pDeviceObject));
     return STATUS_SUCCESS;
 }
 

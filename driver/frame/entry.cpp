@@ -45,8 +45,7 @@ bool CreateUnbound(ENTRY_REQUEST &Request) {
     const WideText Name = {FileObject->FileName.Buffer, FileObject->FileName.Length / 2u};
     NtFsdDebugPrint(TRACE_CREATE, 0, "Name Length %d\n", static_cast<ULONG>(FileObject->FileName.Length));
     NtFsdDebugPrint(TRACE_CREATE, 0, "File %ws\n", Name);
-    NtFsdDebugPrint(TRACE_CREATE, 0, "RelatedObject = 0x%X\n",
-                    LowPart(reinterpret_cast<ULONG_PTR>(FileObject->RelatedFileObject)));
+    NtFsdDebugPrint(TRACE_CREATE, 0, "RelatedObject = 0x%X\n", LowPart(FileObject->RelatedFileObject));
     if (!NtFsdIsDeviceOpen(FileObject)) {
         return RefuseUnbound(Request);
     }
@@ -150,7 +149,7 @@ bool CleanupDecoded(ENTRY_REQUEST &Request) {
 bool LockDecoded(ENTRY_REQUEST &Request) {
     ULONG *Key = &IoGetCurrentIrpStackLocation(Request.Irp)->Parameters.LockControl.Key;
     if (*Key == 0) {
-        *Key = LowPart(reinterpret_cast<ULONG_PTR>(IoGetCurrentProcess()));
+        *Key = LowPart(IoGetCurrentProcess());
     }
     return false;
 }

@@ -115,7 +115,7 @@ NTSTATUS NtFsdCompleteRequest(PIRP_CONTEXT IrpContext, PIRP Irp, NTSTATUS Status
         IofCompleteRequest(Irp, 1);
     } else {
         NtFsdDebugPrint(TRACE_ERROR, 0, "*** Complete IRP No IRP Specified IRP = 0x%X :: Context = 0x%X****\n", 0,
-                        LowPart(reinterpret_cast<ULONG_PTR>(IrpContext)));
+                        LowPart(IrpContext));
     }
     if (IrpContext != nullptr) {
         NtFsdDeleteIrpContext(IrpContext);

@@ -22,11 +22,8 @@ NTSTATUS NtFsdVolumeOfOpen(PRV_SECURITY Security, PFCB Fcb, PINSTANCE_CONTEXT In
         return STATUS_SUCCESS;
     }
     OwnedString VolumePath;
-    NTSTATUS Status = NtFsdTranslateResult(NtFsdQueryPathForVolume(Security, Fcb->FullPath.Buffer, VolumePath.Get()));
-    if (!NT_SUCCESS(Status)) {
-        return Status;
-    }
     ProviderVolume Handle(Security);
-    Status = NtFsdTranslateResult(RVFsdOpenVolume(Security, VolumePath->Buffer, Handle.Out()));
+    const NTSTATUS Status =
+        NtFsdTranslateResult(NtFsdOpenVolumeOfPath(Security, Fcb->FullPath.Buffer, VolumePath.Get(), Handle.Out()));
     return NT_SUCCESS(Status) ? Ask(Security, Handle.Get(), Volume) : Status;
 }

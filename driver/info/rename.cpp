@@ -153,88 +153,79 @@ void TraceMove(const MOVE &Move) {
     NtFsdDebugPrint(TRACE_FILE_INFO, 0, "   Target directory %x:%ws \n", LowPart(Move.TargetBase), Move.TargetName);
 }
 
-const void *Shown(RVHANDLE Handle) {
-    return reinterpret_cast<const void *>(Handle);
-}
-
 bool IsAccessDenied(RVSTATUS Status) {
     return RvCode(Status) == RV_STATUS_ACCESS_DENIED;
 }
 
+RVSTATUS AskAttributes(SET_INFORMATION &Change, RVHANDLE Handle, ULONG *Attributes) {
+    return Change.IsDirectory()
+               ? RVFsdGetDirectoryInformation(Change.Security(), Handle, Attributes, nullptr, nullptr, nullptr)
+               : RVFsdGetBasicFileInformation(Change.Security(), Handle, Attributes);
+}
+
+RVSTATUS SetAttributes(SET_INFORMATION &Change, RVHANDLE Handle, ULONG Attributes) {
+    const auto Set = Change.IsDirectory() ? RVFsdSetDirectoryInformation : RVFsdSetFileInformation;
+    return Set(Change.Security(), Handle, &Attributes, nullptr, nullptr, nullptr);
+}
+
+RVSTATUS MoveOnce(SET_INFORMATION &Change, const MOVE &Move) {
+    const auto Ask = Change.IsDirectory() ? RVFsdMoveDirectory : RVFsdMoveFile;
+    return Ask(Change.Security(), Move.SourceBase, Move.SourcePath, Move.TargetBase, Move.TargetName);
+}
+
 // Once more with the read-only attribute off, when that is what stands in the way; it is put back whatever came of it.
-RVSTATUS RetryDirectory(SET_INFORMATION &Change, const MOVE &Move, RVSTATUS First) {
+RVSTATUS MoveWritable(SET_INFORMATION &Change, const MOVE &Move, RVSTATUS First) {
     if (!NT_SUCCESS(Change.NeedHandle())) {
         return First;
     }
-    const RVHANDLE Directory = Change.Instance->RelatedHandle;
+    const bool IsFile = !Change.IsDirectory(); // only of a file's second attempt something is traced
+    const RVHANDLE Handle = IsFile ? Change.Instance->FileHandle : Change.Instance->RelatedHandle;
     ULONG Attributes = 0;
-    if (RvIsError(RVFsdGetDirectoryInformation(Change.Security(), Directory, &Attributes, nullptr, nullptr, nullptr)) ||
-        !(Attributes & RV_ATTR_READONLY)) {
-        return First;
+    RVSTATUS Result = AskAttributes(Change, Handle, &Attributes);
+    if (IsFile) {
+        NtFsdDebugPrint(TRACE_FILE_INFO, 0,
+                        "NtFsdFileSetRenameInfo RV_STATUS_ACCESS_DENIED; RVFsdGetBasicFileInformation for FileHandle "
+                        "0x%08X status 0x%08X.\n",
+                        LowPart(Handle), static_cast<ULONG>(Result));
     }
-    ULONG Writable = Attributes & ~static_cast<ULONG>(RV_ATTR_READONLY);
-    if (RvIsError(RVFsdSetDirectoryInformation(Change.Security(), Directory, &Writable, nullptr, nullptr, nullptr))) {
-        return First;
-    }
-    const RVSTATUS Second =
-        RVFsdMoveDirectory(Change.Security(), Move.SourceBase, Move.SourcePath, Move.TargetBase, Move.TargetName);
-    Ignore(RVFsdSetDirectoryInformation(Change.Security(), Directory, &Attributes, nullptr, nullptr, nullptr),
-           "the move's result counts");
-    return Second;
-}
-
-RVSTATUS MoveDirectory(SET_INFORMATION &Change, const MOVE &Move) {
-    NtFsdDebugPrint(TRACE_FILE_INFO, 0, " Renaming Directory\n");
-    TraceMove(Move);
-    NtFsdDebugPrint(TRACE_FILE_INFO, 0, "NtFsdFileSetRenameInfo RVFsdMoveDirectory (0x%p) \"%ws\" to (0x%p) \"%ws\".\n",
-                    Shown(Move.SourceBase), Move.SourcePath, Shown(Move.TargetBase), Move.TargetName);
-    const RVSTATUS Result =
-        RVFsdMoveDirectory(Change.Security(), Move.SourceBase, Move.SourcePath, Move.TargetBase, Move.TargetName);
-    return IsAccessDenied(Result) ? RetryDirectory(Change, Move, Result) : Result;
-}
-
-RVSTATUS RetryFile(SET_INFORMATION &Change, const MOVE &Move, RVSTATUS First) {
-    const RVHANDLE File = Change.Instance->FileHandle;
-    ULONG Attributes = 0;
-    RVSTATUS Result = RVFsdGetBasicFileInformation(Change.Security(), File, &Attributes);
-    NtFsdDebugPrint(TRACE_FILE_INFO, 0,
-                    "NtFsdFileSetRenameInfo RV_STATUS_ACCESS_DENIED; RVFsdGetBasicFileInformation for FileHandle "
-                    "0x%08X status 0x%08X.\n",
-                    LowPart(File), static_cast<ULONG>(Result));
     if (RvIsError(Result) || !(Attributes & RV_ATTR_READONLY)) {
         return First;
     }
-    ULONG Writable = Attributes & ~static_cast<ULONG>(RV_ATTR_READONLY);
-    Result = RVFsdSetFileInformation(Change.Security(), File, &Writable, nullptr, nullptr, nullptr);
-    NtFsdDebugPrint(TRACE_FILE_INFO, 0,
-                    "NtFsdFileSetRenameInfo RV_ATTR_READONLY; RVFsdSetFileInformation for FileHandle 0x%08X status "
-                    "0x%08X.\n",
-                    LowPart(File), static_cast<ULONG>(Result));
+    Result = SetAttributes(Change, Handle, Attributes & ~ULONG{RV_ATTR_READONLY});
+    if (IsFile) {
+        NtFsdDebugPrint(TRACE_FILE_INFO, 0,
+                        "NtFsdFileSetRenameInfo RV_ATTR_READONLY; RVFsdSetFileInformation for FileHandle 0x%08X status "
+                        "0x%08X.\n",
+                        LowPart(Handle), static_cast<ULONG>(Result));
+    }
     if (RvIsError(Result)) {
         return First;
     }
-    const RVSTATUS Second =
-        RVFsdMoveFile(Change.Security(), Move.SourceBase, Move.SourcePath, Move.TargetBase, Move.TargetName);
-    NtFsdDebugPrint(TRACE_FILE_INFO, 0, "NtFsdFileSetRenameInfo re-RVFsdMoveFile status 0x%08X.\n",
-                    static_cast<ULONG>(Second));
-    Result = RVFsdSetFileInformation(Change.Security(), File, &Attributes, nullptr, nullptr, nullptr);
-    NtFsdDebugPrint(TRACE_FILE_INFO, 0,
-                    "NtFsdFileSetRenameInfo RVFsdSetFileInformation to restore attributes status 0x%08X.\n",
-                    static_cast<ULONG>(Result));
+    const RVSTATUS Second = MoveOnce(Change, Move);
+    if (IsFile) {
+        NtFsdDebugPrint(TRACE_FILE_INFO, 0, "NtFsdFileSetRenameInfo re-RVFsdMoveFile status 0x%08X.\n",
+                        static_cast<ULONG>(Second));
+    }
+    Result = SetAttributes(Change, Handle, Attributes); // the move's result counts
+    if (IsFile) {
+        NtFsdDebugPrint(TRACE_FILE_INFO, 0,
+                        "NtFsdFileSetRenameInfo RVFsdSetFileInformation to restore attributes status 0x%08X.\n",
+                        static_cast<ULONG>(Result));
+    }
     return Second;
 }
 
-RVSTATUS MoveFile(SET_INFORMATION &Change, const MOVE &Move) {
-    NtFsdDebugPrint(TRACE_FILE_INFO, 0, " Renaming File\n");
+RVSTATUS MoveObject(SET_INFORMATION &Change, const MOVE &Move) {
+    const PCSTR Object = Change.IsDirectory() ? "Directory" : "File";
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0, " Renaming %s\n", Object);
     TraceMove(Move);
-    NtFsdDebugPrint(TRACE_FILE_INFO, 0, "NtFsdFileSetRenameInfo RVFsdMoveFile (0x%p) \"%ws\" to (0x%p) \"%ws\".\n",
-                    Shown(Move.SourceBase), Move.SourcePath, Shown(Move.TargetBase), Move.TargetName);
-    RVSTATUS Result =
-        RVFsdMoveFile(Change.Security(), Move.SourceBase, Move.SourcePath, Move.TargetBase, Move.TargetName);
+    NtFsdDebugPrint(TRACE_FILE_INFO, 0, "NtFsdFileSetRenameInfo RVFsdMove%s (0x%p) \"%ws\" to (0x%p) \"%ws\".\n",
+                    Object, AsAddress(Move.SourceBase), Move.SourcePath, AsAddress(Move.TargetBase), Move.TargetName);
+    RVSTATUS Result = MoveOnce(Change, Move);
     if (IsAccessDenied(Result)) {
-        Result = RetryFile(Change, Move, Result);
+        Result = MoveWritable(Change, Move, Result);
     }
-    if (RvCode(Result) != 0) {
+    if (!Change.IsDirectory() && RvCode(Result) != 0) {
         NtFsdDebugPrint(TRACE_FILE_INFO, 0, "NtFsdFileSetRenameInfo final RVFsdMoveFile status 0x%08X.\n",
                         static_cast<ULONG>(Result));
     }
@@ -318,7 +309,7 @@ NTSTATUS RenameHeld(RENAME &Rename) HOLDING(FcbTableResource) {
         return Status;
     }
     const MOVE Move = MoveOf(Rename);
-    Status = JudgeMove(Rename, Change.IsDirectory() ? MoveDirectory(Change, Move) : MoveFile(Change, Move));
+    Status = JudgeMove(Rename, MoveObject(Change, Move));
     if (!NT_SUCCESS(Status)) {
         return Status;
     }

@@ -235,8 +235,7 @@ NTSTATUS CompleteWaiter(PIRP_CONTEXT IrpContext, PIRP Irp) {
 
 // Tells the server of a decided lock and completes the request. What that grants goes to the end of Grants.
 NTSTATUS CompleteWithAcquire(PIRP_CONTEXT IrpContext, PLIST_ENTRY Grants) {
-    NtFsdDebugPrint(TRACE_LOCK, 0, "TwLockCompleteRoutineWithAcquire, pIrp=0x%X\n",
-                    LowPart(reinterpret_cast<ULONG_PTR>(IrpContext->Irp)));
+    NtFsdDebugPrint(TRACE_LOCK, 0, "TwLockCompleteRoutineWithAcquire, pIrp=0x%X\n", LowPart(IrpContext->Irp));
     const PFCB Fcb = FcbOf(IrpContext);
     ResourceHold Hold;
     Hold.AcquireExclusive(&Fcb->Resource, TRUE);

@@ -29,8 +29,7 @@ struct WRITE {
 };
 
 void TraceWrite(const WRITE &Write) {
-    NtFsdDebugPrint(TRACE_WRITE, 0, "   File Object       : 0x%X\n",
-                    LowPart(reinterpret_cast<ULONG_PTR>(Write.FileObject)));
+    NtFsdDebugPrint(TRACE_WRITE, 0, "   File Object       : 0x%X\n", LowPart(Write.FileObject));
     NtFsdDebugPrint(TRACE_WRITE, 0, "   Write offset      : %d\n", static_cast<LONG>(Write.Offset));
     NtFsdDebugPrint(TRACE_WRITE, 0, "   Bytes to write    : %d\n", Write.Length);
     NtFsdDebugPrint(TRACE_WRITE, 0, "   Paging IO         : %s\n", TrueOrFalse(Write.IsPaging()));

@@ -4,6 +4,7 @@
 #include "frame/status_translation.h"
 #include "mapping/drive_mapping.h"
 #include "mapping/link_target.h"
+#include "mapping/read_once.h"
 #include "mapping/rvpl_block.h"
 #include "mapping/session_links.h"
 #include "mapping/utf8.h"
@@ -52,15 +53,10 @@ struct MAPPING {
     UNICODE_STRING Converted = {0, 0, nullptr};
 };
 
-template <typename T>
-T Once(const T *From) {
-    return __atomic_load_n(From, __ATOMIC_RELAXED);
-}
-
 // The bytes before the terminator, at most Limit.
 ULONG BoundedLength(PCSTR Text, ULONG Limit) {
     ULONG Length = 0;
-    while (Length < Limit && Once(Text + Length) != 0) {
+    while (Length < Limit && ReadOnce(Text + Length) != 0) {
         ++Length;
     }
     return Length;
@@ -74,14 +70,14 @@ NTSTATUS NoMemoryFor(const MAPPING &Mapping, ULONG Bytes, PCSTR What) {
 
 // Takes the request out of the caller's hands.
 NTSTATUS Capture(const MAP_REQUEST *Request, MAPPING *Mapping) {
-    Mapping->DriveNumber = Once(&Request->DriveNumber);
+    Mapping->DriveNumber = ReadOnce(&Request->DriveNumber);
     if (Mapping->DriveNumber < 1 || Mapping->DriveNumber > LAST_DRIVE) {
         return STATUS_INVALID_PARAMETER;
     }
-    Mapping->MappingOptions = Once(&Request->MappingOptions);
-    Mapping->ConnectionId = Once(&Request->ConnectionId);
-    Mapping->Utf8 = Once(&Request->Utf8) != 0;
-    const ULONG Given = Once(&Request->PathLength);
+    Mapping->MappingOptions = ReadOnce(&Request->MappingOptions);
+    Mapping->ConnectionId = ReadOnce(&Request->ConnectionId);
+    Mapping->Utf8 = ReadOnce(&Request->Utf8) != 0;
+    const ULONG Given = ReadOnce(&Request->PathLength);
     const ULONG Bytes = BoundedLength(Request->Path, Given < LONGEST_PATH_BYTES ? Given : LONGEST_PATH_BYTES);
     if (Bytes == LONGEST_PATH_BYTES) {
         return STATUS_NAME_TOO_LONG;
@@ -93,7 +89,7 @@ NTSTATUS Capture(const MAP_REQUEST *Request, MAPPING *Mapping) {
     // It may have become shorter since it was measured; longer does not count.
     PSTR Data = Mapping->PathData.Get();
     ULONG Copied = 0;
-    for (CHAR Byte; Copied < Bytes && (Byte = Once(Request->Path + Copied)) != 0; ++Copied) {
+    for (CHAR Byte; Copied < Bytes && (Byte = ReadOnce(Request->Path + Copied)) != 0; ++Copied) {
         Data[Copied] = Byte;
     }
     Data[Copied] = 0;
@@ -170,7 +166,7 @@ NTSTATUS OpenTarget(PRV_SECURITY Security, PCWSTR Path, ProviderDirectory *Direc
     const RVSTATUS AsDirectory = RVFsdOpenDirectory(Security, 0, Path, Directory->Out());
     if (AsDirectory == RVSTATUS::Success) {
         NtFsdDebugPrint(TRACE_FILE_INFO, 0, "RvMapDrive RVFsdOpenDirectory \"%ls\" success, handle 0x%p.\n", Path,
-                        reinterpret_cast<PVOID>(Directory->Get()));
+                        AsAddress(Directory->Get()));
         return STATUS_SUCCESS;
     }
     constexpr auto NOT_A_DIRECTORY = static_cast<RVSTATUS>(0xC7E70000u | RVFS_NOT_A_DIRECTORY);
@@ -181,7 +177,7 @@ NTSTATUS OpenTarget(PRV_SECURITY Security, PCWSTR Path, ProviderDirectory *Direc
     const RVSTATUS AsVolume = RVFsdOpenVolume(Security, Path, Volume->Out());
     if (AsVolume == RVSTATUS::Success) {
         NtFsdDebugPrint(TRACE_FILE_INFO, 0, "RvMapDrive RVFsdOpenVolume \"%ls\" success, handle 0x%p.\n", Path,
-                        reinterpret_cast<PVOID>(Volume->Get()));
+                        AsAddress(Volume->Get()));
         return STATUS_SUCCESS;
     }
     NtFsdDebugPrint(TRACE_FILE_INFO, 0, "RvMapDrive RVFsdOpenVolume \"%ls\" failed; status 0x%08X.\n", Path,

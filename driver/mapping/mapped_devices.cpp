@@ -85,17 +85,15 @@ NTSTATUS DeleteLinks(const MAPPED_DEVICE &Record) {
 void CloseHandles(MAPPED_DEVICE *Record) {
     if (Record->DirHandle != 0) {
         const RVSTATUS Status = RVFsdCloseDirectory(&Record->SecurityContext, Record->DirHandle);
-        NtFsdDebugPrint(TRACE_FILE_INFO, 0,
-                        "FreeMappedDeviceRecord RVFsdCloseDirectory \"%ls\" status 0x%08X, handle 0x%p.\n",
-                        static_cast<PCWSTR>(Record->pVolumePath), static_cast<ULONG>(Status),
-                        reinterpret_cast<PVOID>(Record->DirHandle));
+        NtFsdDebugPrint(
+            TRACE_FILE_INFO, 0, "FreeMappedDeviceRecord RVFsdCloseDirectory \"%ls\" status 0x%08X, handle 0x%p.\n",
+            static_cast<PCWSTR>(Record->pVolumePath), static_cast<ULONG>(Status), AsAddress(Record->DirHandle));
     }
     if (Record->VolumeHandle != 0) {
         const RVSTATUS Status = RVFsdCloseVolume(&Record->SecurityContext, Record->VolumeHandle);
-        NtFsdDebugPrint(TRACE_FILE_INFO, 0,
-                        "FreeMappedDeviceRecord RVFsdCloseVolume \"%ls\" status 0x%08X, handle 0x%p.\n",
-                        static_cast<PCWSTR>(Record->pVolumePath), static_cast<ULONG>(Status),
-                        reinterpret_cast<PVOID>(Record->VolumeHandle));
+        NtFsdDebugPrint(
+            TRACE_FILE_INFO, 0, "FreeMappedDeviceRecord RVFsdCloseVolume \"%ls\" status 0x%08X, handle 0x%p.\n",
+            static_cast<PCWSTR>(Record->pVolumePath), static_cast<ULONG>(Status), AsAddress(Record->VolumeHandle));
     }
 }
 

@@ -3,6 +3,7 @@
 #include "frame/diagnostics.h"
 #include "frame/rundown.h"
 #include "frame/status_translation.h"
+#include "mapping/read_once.h"
 #include "mapping/rvpl_block.h"
 #include "mapping/utf8.h"
 #include "names/paths.h"
@@ -55,26 +56,6 @@ NTSTATUS Serve(bool ArgumentMissing, F Work) {
     return Serve(ArgumentMissing, Work, [] {});
 }
 
-// Two components: a server and a volume.
-NTSTATUS VerifyVolume(PIRP_CONTEXT IrpContext, PCUNICODE_STRING Path) {
-    const PRV_SECURITY Security = &IrpContext->SecurityContext;
-    OwnedString Resolved;
-    const NTSTATUS Status = NtFsdTranslateResult(NtFsdQueryPathForVolume(Security, Path->Buffer, Resolved.Get()));
-    if (Status != STATUS_SUCCESS) {
-        NtFsdDebugPrint(TRACE_FACTORY, 0, "RvxVerifyPath: RVFsdQueryPathForVolume for \"%wZ\" failed; status 0x%08X\n",
-                        Path, Status);
-        return STATUS_BAD_NETWORK_PATH;
-    }
-    ProviderVolume Volume(Security);
-    const RVSTATUS Opened = RVFsdOpenVolume(Security, Resolved->Buffer, Volume.Out());
-    if (Opened != RVSTATUS::Success) {
-        NtFsdDebugPrint(TRACE_FACTORY, 0, "RvxVerifyPath: RVFsdOpenVolume for \"%wZ\" failed; status 0x%08X\n", Path,
-                        static_cast<ULONG>(Opened));
-        return STATUS_BAD_NETWORK_PATH;
-    }
-    return STATUS_SUCCESS;
-}
-
 NTSTATUS VerifyDirectory(PIRP_CONTEXT IrpContext, PCUNICODE_STRING Path) {
     ProviderDirectory Directory(&IrpContext->SecurityContext);
     const NTSTATUS Status =
@@ -101,12 +82,8 @@ NTSTATUS Verify(PIRP_CONTEXT IrpContext, PCSTR Utf8Path) {
         NtFsdDebugPrint(TRACE_FACTORY, 0, "RvxVerifyPath: unable to parse path \"%wZ\"\n", &Path);
         return STATUS_BAD_NETWORK_PATH;
     }
-    return Components == 2 ? VerifyVolume(IrpContext, &Path) : VerifyDirectory(IrpContext, &Path);
-}
-
-// Read once: the caller may change it meanwhile.
-ULONG DriveNumberOf(const ULONG *Request) {
-    return __atomic_load_n(Request, __ATOMIC_RELAXED);
+    return Components == 2 ? NtFsdVerifyVolume(&IrpContext->SecurityContext, &Path, "RvxVerifyPath:", "")
+                           : VerifyDirectory(IrpContext, &Path);
 }
 
 NTSTATUS Answer(const MAPPED_DEVICE &Record, QUERY_DRIVE *Request) {
@@ -140,7 +117,7 @@ NTSTATUS NTAPI RvxUnMapDrive(RVFSD_MAPPING *, const ULONG *Request) {
     return Serve(Request == nullptr, [Request](PIRP_CONTEXT IrpContext) {
         MAPPED_DEVICE *Record;
         ResourceHold Hold;
-        const NTSTATUS Found = FindMappedDevice(IrpContext, DriveNumberOf(Request), &Record, TRUE, &Hold);
+        const NTSTATUS Found = FindMappedDevice(IrpContext, ReadOnce(Request), &Record, TRUE, &Hold);
         return NT_SUCCESS(Found) ? FreeMappedDeviceRecord(Record) : STATUS_RESOURCE_NOT_OWNED;
     });
 }
@@ -150,8 +127,7 @@ NTSTATUS NTAPI RvxQueryDrive(RVFSD_MAPPING *, QUERY_DRIVE *Request) {
     return Serve(Request == nullptr, [Request](PIRP_CONTEXT IrpContext) {
         MAPPED_DEVICE *Record;
         ResourceHold Hold; // until the record is read
-        const NTSTATUS Found =
-            FindMappedDevice(IrpContext, DriveNumberOf(&Request->DriveNumber), &Record, FALSE, &Hold);
+        const NTSTATUS Found = FindMappedDevice(IrpContext, ReadOnce(&Request->DriveNumber), &Record, FALSE, &Hold);
         return NT_SUCCESS(Found) ? Answer(*Record, Request) : STATUS_RESOURCE_NOT_OWNED;
     });
 }

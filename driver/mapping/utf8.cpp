@@ -1,5 +1,6 @@
 #include "mapping/utf8.h"
 
+#include "mapping/read_once.h"
 #include "provider/binding.h"
 
 namespace {
@@ -9,13 +10,9 @@ constexpr ULONG FIRST_SUPPLEMENTARY = 0x10000;
 constexpr ULONG LAST_CODE_POINT = 0x10FFFF;
 constexpr ULONG LONGEST_SEQUENCE = 6;
 
-UCHAR ByteAt(PCSTR Text) {
-    return static_cast<UCHAR>(__atomic_load_n(Text, __ATOMIC_RELAXED));
-}
-
 // Takes one code point off Text. FALSE at the end: the terminator (*Whole TRUE then) or a byte that is no UTF-8.
 bool DecodeOne(PCSTR *Text, PULONG CodePoint, bool *Whole) {
-    const UCHAR First = ByteAt(*Text);
+    const auto First = static_cast<UCHAR>(ReadOnce(*Text));
     ULONG Length = 0;
     while (Length < 8 && (First & (0x80u >> Length))) {
         ++Length;
@@ -26,7 +23,7 @@ bool DecodeOne(PCSTR *Text, PULONG CodePoint, bool *Whole) {
     }
     ULONG Value = First & (0xFFu >> (Length + 1));
     for (ULONG Index = 1; Index < Length; ++Index) {
-        const UCHAR Next = ByteAt(*Text + Index);
+        const auto Next = static_cast<UCHAR>(ReadOnce(*Text + Index));
         if ((Next & 0xC0) != 0x80) {
             return false;
         }

@@ -32,8 +32,7 @@ NTSTATUS ComposeName(PCUNICODE_STRING Directory, PUNICODE_STRING Name, PUNICODE_
     }
     // An empty name opens the related object again: its path has no separator behind it.
     if (Name->Length == 0 && Path->Length > sizeof(WCHAR)) {
-        Path->Length -= sizeof(WCHAR);
-        Path->Buffer[Path->Length / sizeof(WCHAR)] = 0;
+        NtFsdCutString(Path, UnitsOf(*Path) - 1);
     }
     const bool Valid = Path->Length > sizeof(WCHAR) && Path->Buffer[0] == SEPARATOR && NtFsdIsPathValid(Path) &&
                        !NtFsdHasWildcards(Path);
@@ -68,11 +67,9 @@ RVSTATUS OpenVolumeOf(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Insta
         return RVFsdOpenVolume(Security, Fcb->FullPath.Buffer, &Instance->VolumeHandle);
     }
     OwnedString VolumePath;
-    RVSTATUS Result = NtFsdQueryPathForVolume(Security, Fcb->FullPath.Buffer, VolumePath.Get());
-    if (!RvIsError(Result)) {
-        Result = RVFsdOpenVolume(Security, VolumePath->Buffer, &Instance->VolumeHandle);
-        *VolumeUnits = VolumePath->Length / sizeof(WCHAR);
-    }
+    const RVSTATUS Result =
+        NtFsdOpenVolumeOfPath(Security, Fcb->FullPath.Buffer, VolumePath.Get(), &Instance->VolumeHandle);
+    *VolumeUnits = UnitsOf(*VolumePath.Get());
     return Result;
 }
 

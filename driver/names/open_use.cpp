@@ -12,8 +12,7 @@ NTSTATUS NtFsdDecodeFileObject(PFILE_OBJECT FileObject, PFCB *Fcb, PINSTANCE_CON
     // Nothing of a record is read before its signature is known, the path of the trace included.
     const bool IsFcb = NtFsdIsFcb(*Fcb);
     if (IsFcb) {
-        NtFsdDebugPrint(TRACE_FCB, 0, " File Object: 0x%x -> \"%wZ\"\n",
-                        LowPart(reinterpret_cast<ULONG_PTR>(FileObject)), NtFsdStablePath(*Fcb));
+        NtFsdDebugPrint(TRACE_FCB, 0, " File Object: 0x%x -> \"%wZ\"\n", LowPart(FileObject), NtFsdStablePath(*Fcb));
     }
     if (*Fcb == nullptr || *Instance == nullptr) {
         return STATUS_INVALID_HANDLE;

@@ -18,50 +18,39 @@ bool AllocatePathBuffer(PUNICODE_STRING String) {
     return true;
 }
 
-} // namespace
-
-RVSTATUS NtFsdQueryPathForVolume(RV_SECURITY_CONTEXT *SecurityContext, PCWSTR Path, PUNICODE_STRING VolumePath) {
-    if (!AllocatePathBuffer(VolumePath)) {
-        NtFsdDebugPrint(
-            TRACE_GENERAL, 0,
-            "[RVFSD] NtFsdQueryPathForVolume for \"%ws\" unable to alloc %hu bytes; STATUS_INSUFFICIENT_RESOURCES.\n",
-            Path, static_cast<ULONG>(PATH_BUFFER_BYTES));
+// Has Ask() fill *Answer with what the Provider says of Path, for Routine.
+template <typename F>
+RVSTATUS AskForPath(PCSTR Routine, PCWSTR Path, PUNICODE_STRING Answer, F Ask) {
+    if (!AllocatePathBuffer(Answer)) {
+        NtFsdDebugPrint(TRACE_GENERAL, 0,
+                        "[RVFSD] %s for \"%ws\" unable to alloc %hu bytes; STATUS_INSUFFICIENT_RESOURCES.\n", Routine,
+                        Path, static_cast<ULONG>(PATH_BUFFER_BYTES));
         return RVSTATUS::BufferAllocation;
     }
-    const RVSTATUS Result = RVFsdQueryPathForVolume(SecurityContext, Path, VolumePath->Buffer);
+    const RVSTATUS Result = Ask();
     if (RvIsError(Result)) {
-        NtFsdFreeUnicodeString(VolumePath);
-        NtFsdDebugPrint(TRACE_GENERAL, 0, "[RVFSD] NtFsdQueryPathForVolume for \"%ws\" failed; status 0x%08X.\n", Path,
+        NtFsdFreeUnicodeString(Answer);
+        NtFsdDebugPrint(TRACE_GENERAL, 0, "[RVFSD] %s for \"%ws\" failed; status 0x%08X.\n", Routine, Path,
                         static_cast<ULONG>(Result));
         return Result;
     }
-    VolumePath->Length = static_cast<USHORT>(WideLength(VolumePath->Buffer, PATH_BUFFER_BYTES / 2 - 1) * sizeof(WCHAR));
-    NtFsdDebugPrint(TRACE_GENERAL, 0, "[RVFSD] NtFsdQueryPathForVolume for \"%ws\" returned \"%wZ\"; status 0x%08X.\n",
-                    Path, VolumePath, static_cast<ULONG>(Result));
+    Answer->Length = static_cast<USHORT>(WideLength(Answer->Buffer, PATH_BUFFER_BYTES / 2 - 1) * sizeof(WCHAR));
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "[RVFSD] %s for \"%ws\" returned \"%wZ\"; status 0x%08X.\n", Routine, Path,
+                    Answer, static_cast<ULONG>(Result));
     return Result;
+}
+
+} // namespace
+
+RVSTATUS NtFsdQueryPathForVolume(RV_SECURITY_CONTEXT *SecurityContext, PCWSTR Path, PUNICODE_STRING VolumePath) {
+    return AskForPath("NtFsdQueryPathForVolume", Path, VolumePath,
+                      [&] { return RVFsdQueryPathForVolume(SecurityContext, Path, VolumePath->Buffer); });
 }
 
 RVSTATUS NtFsdGetDFSPhysicalPath(RV_SECURITY_CONTEXT *SecurityContext, PUNICODE_STRING Path,
                                  PUNICODE_STRING PhysicalPath) {
-    if (!AllocatePathBuffer(PhysicalPath)) {
-        NtFsdDebugPrint(
-            TRACE_GENERAL, 0,
-            "[RVFSD] NtFsdGetDFSPhysicalPath for \"%wZ\" unable to alloc %hu bytes; STATUS_INSUFFICIENT_RESOURCES.\n",
-            Path, static_cast<ULONG>(PATH_BUFFER_BYTES));
-        return RVSTATUS::BufferAllocation;
-    }
-    const RVSTATUS Result = RVFsdGetDFSPhysicalPath(SecurityContext, Path, PhysicalPath);
-    if (RvIsError(Result)) {
-        NtFsdFreeUnicodeString(PhysicalPath);
-        NtFsdDebugPrint(TRACE_GENERAL, 0, "[RVFSD] NtFsdGetDFSPhysicalPath for \"%wZ\" failed; status 0x%08X.\n", Path,
-                        static_cast<ULONG>(Result));
-        return Result;
-    }
-    PhysicalPath->Length =
-        static_cast<USHORT>(WideLength(PhysicalPath->Buffer, PATH_BUFFER_BYTES / 2 - 1) * sizeof(WCHAR));
-    NtFsdDebugPrint(TRACE_GENERAL, 0, "[RVFSD] NtFsdGetDFSPhysicalPath for \"%wZ\" returned \"%wZ\"; status 0x%08X.\n",
-                    Path, PhysicalPath, static_cast<ULONG>(Result));
-    return Result;
+    return AskForPath("NtFsdGetDFSPhysicalPath", Path->Buffer, PhysicalPath,
+                      [&] { return RVFsdGetDFSPhysicalPath(SecurityContext, Path, PhysicalPath); });
 }
 
 RVSTATUS NtFsdResolvePath(RV_SECURITY_CONTEXT *SecurityContext, PUNICODE_STRING Path, PUNICODE_STRING Resolved,
@@ -78,28 +67,32 @@ RVSTATUS NtFsdResolvePath(RV_SECURITY_CONTEXT *SecurityContext, PUNICODE_STRING 
     return NtFsdQueryPathForVolume(SecurityContext, Path->Buffer, Resolved);
 }
 
-namespace {
+RVSTATUS NtFsdOpenVolumeOfPath(RV_SECURITY_CONTEXT *SecurityContext, PCWSTR Path, PUNICODE_STRING VolumePath,
+                               RVHANDLE *Volume) {
+    const RVSTATUS Status = NtFsdQueryPathForVolume(SecurityContext, Path, VolumePath);
+    return RvIsError(Status) ? Status : RVFsdOpenVolume(SecurityContext, VolumePath->Buffer, Volume);
+}
 
-// The volume root at Path: opened and closed again.
-NTSTATUS VerifyVolumeRoot(PIRP_CONTEXT IrpContext, PCUNICODE_STRING Path) {
-    RV_SECURITY_CONTEXT *Security = &IrpContext->SecurityContext;
+NTSTATUS NtFsdVerifyVolume(RV_SECURITY_CONTEXT *SecurityContext, PCUNICODE_STRING Path, PCSTR Asker, PCSTR End) {
     OwnedString VolumePath;
-    const NTSTATUS Translated = NtFsdTranslateResult(NtFsdQueryPathForVolume(Security, Path->Buffer, VolumePath.Get()));
+    const NTSTATUS Translated =
+        NtFsdTranslateResult(NtFsdQueryPathForVolume(SecurityContext, Path->Buffer, VolumePath.Get()));
     if (Translated != STATUS_SUCCESS) {
-        NtFsdDebugPrint(TRACE_FACTORY, 0,
-                        "NtFsdVerifyFile RVFsdQueryPathForVolume for \"%wZ\" failed; status 0x%08X.\n", Path,
-                        Translated);
+        NtFsdDebugPrint(TRACE_FACTORY, 0, "%s RVFsdQueryPathForVolume for \"%wZ\" failed; status 0x%08X%s\n", Asker,
+                        Path, Translated, End);
         return STATUS_BAD_NETWORK_PATH;
     }
-    ProviderVolume Volume(Security);
-    const RVSTATUS Opened = RVFsdOpenVolume(Security, VolumePath->Buffer, Volume.Out());
+    ProviderVolume Volume(SecurityContext);
+    const RVSTATUS Opened = RVFsdOpenVolume(SecurityContext, VolumePath->Buffer, Volume.Out());
     if (Opened != RVSTATUS::Success) {
-        NtFsdDebugPrint(TRACE_FACTORY, 0, "NtFsdVerifyFile RVFsdOpenVolume for \"%wZ\" failed; status 0x%08X.\n", Path,
-                        static_cast<ULONG>(Opened));
+        NtFsdDebugPrint(TRACE_FACTORY, 0, "%s RVFsdOpenVolume for \"%wZ\" failed; status 0x%08X%s\n", Asker, Path,
+                        static_cast<ULONG>(Opened), End);
         return STATUS_BAD_NETWORK_PATH;
     }
     return STATUS_SUCCESS;
 }
+
+namespace {
 
 // Anything below a volume: the query open tells what is there.
 NTSTATUS VerifyBelowVolume(PIRP_CONTEXT IrpContext, PCUNICODE_STRING Path, NTSTATUS *FileStatus) {
@@ -126,16 +119,11 @@ NTSTATUS VerifyBelowVolume(PIRP_CONTEXT IrpContext, PCUNICODE_STRING Path, NTSTA
 
 // The view of a path with one of two leading backslashes and one trailing backslash dropped.
 UNICODE_STRING NormalizedView(PCWSTR Path, ULONG PathLength) {
-    ULONG Units = PathLength / sizeof(WCHAR);
-    if (Units >= 2 && Path[0] == SEPARATOR && Path[1] == SEPARATOR) {
-        ++Path;
-        --Units;
+    UNICODE_STRING View = ViewOf(const_cast<PWSTR>(Path), PathLength / sizeof(WCHAR));
+    if (UnitsOf(View) >= 2 && Path[0] == SEPARATOR && Path[1] == SEPARATOR) {
+        View = ViewOf(View.Buffer + 1, UnitsOf(View) - 1);
     }
-    if (Units >= 1 && Path[Units - 1] == SEPARATOR) {
-        --Units;
-    }
-    const USHORT Bytes = static_cast<USHORT>(Units * sizeof(WCHAR));
-    return {Bytes, Bytes, const_cast<PWSTR>(Path)};
+    return NtFsdWithoutSlash(View);
 }
 
 } // namespace
@@ -167,7 +155,7 @@ NTSTATUS NtFsdVerifyFile(PIRP_CONTEXT IrpContext, PCWSTR Path, ULONG PathLength,
         return STATUS_BAD_NETWORK_PATH;
     }
     if (Components == 2) {
-        const NTSTATUS Root = VerifyVolumeRoot(IrpContext, Copy.Get());
+        const NTSTATUS Root = NtFsdVerifyVolume(&IrpContext->SecurityContext, Copy.Get(), "NtFsdVerifyFile", ".");
         *Found = NT_SUCCESS(Root) ? STATUS_FILE_IS_A_DIRECTORY : Root;
         return Root;
     }

@@ -10,7 +10,7 @@
 // answer that is not terminated within its buffer is RVSTATUS::Unsuccessful.
 RVSTATUS NtFsdQueryPathForVolume(RV_SECURITY_CONTEXT *SecurityContext, PCWSTR Path, PUNICODE_STRING VolumePath);
 
-// Asks for the physical path behind a path of a distributed namespace, in the same manner.
+// Asks for the physical path behind a path of a distributed namespace (NUL-terminated), in the same manner.
 RVSTATUS NtFsdGetDFSPhysicalPath(RV_SECURITY_CONTEXT *SecurityContext, PUNICODE_STRING Path,
                                  PUNICODE_STRING PhysicalPath);
 
@@ -18,6 +18,14 @@ RVSTATUS NtFsdGetDFSPhysicalPath(RV_SECURITY_CONTEXT *SecurityContext, PUNICODE_
 // path if not. Asker names the routine in the trace of a namespace that does not answer.
 RVSTATUS NtFsdResolvePath(RV_SECURITY_CONTEXT *SecurityContext, PUNICODE_STRING Path, PUNICODE_STRING Resolved,
                           PCSTR Asker);
+
+// Asks for the volume of Path in the same manner and opens it. The raw status of the call that failed, or of the open.
+RVSTATUS NtFsdOpenVolumeOfPath(RV_SECURITY_CONTEXT *SecurityContext, PCWSTR Path, PUNICODE_STRING VolumePath,
+                               RVHANDLE *Volume);
+
+// Tells whether the volume at Path can be opened, keeping nothing open: STATUS_SUCCESS or STATUS_BAD_NETWORK_PATH. The
+// trace of a failure begins with Asker and ends with End.
+NTSTATUS NtFsdVerifyVolume(RV_SECURITY_CONTEXT *SecurityContext, PCUNICODE_STRING Path, PCSTR Asker, PCSTR End);
 
 // Tells what Path (PathLength bytes, need not be terminated) names, keeping nothing open. The returned status says
 // whether the question could be asked; *FileStatus (may be NULL) is STATUS_SUCCESS for a file,

@@ -124,8 +124,7 @@ VOLUME_POSITION NtFsdFindVolume(const UNICODE_STRING &Path) {
 UNICODE_STRING NtFsdCutAfterVolume(PUNICODE_STRING Path) {
     const VOLUME_POSITION Volume = NtFsdFindVolume(*Path);
     if (Volume.End < UnitsOf(*Path)) {
-        Path->Buffer[Volume.End] = 0;
-        Path->Length = static_cast<USHORT>(Volume.End * sizeof(WCHAR));
+        NtFsdCutString(Path, Volume.End);
     }
     return ViewOf(Path->Buffer + Volume.Start, Volume.End - Volume.Start);
 }

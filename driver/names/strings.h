@@ -12,6 +12,12 @@ NTSTATUS NtFsdUpdateUnicodeString(PUNICODE_STRING Destination, PCUNICODE_STRING 
 // Frees the buffer and empties the string.
 VOID NtFsdFreeUnicodeString(PUNICODE_STRING String);
 
+// Ends String, which owns its buffer, after Units of its units.
+inline VOID NtFsdCutString(PUNICODE_STRING String, ULONG Units) {
+    String->Length = static_cast<USHORT>(Units * sizeof(WCHAR));
+    String->Buffer[Units] = 0;
+}
+
 // The number of path components: \server counts 1, \server\volume 2; an empty component between doubled backslashes
 // counts. A 16-bit zero ends the text early. Counting stops at Most (at least 1), which is also the answer for a path
 // with more.
