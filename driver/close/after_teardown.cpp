@@ -51,7 +51,8 @@ void CloseHandles(PINSTANCE_CONTEXT Instance, PRV_SECURITY Security) {
     if (Instance->VolumeHandle != 0) {
         Ignore(RVFsdCloseVolume(Security, Instance->VolumeHandle), NOBODY);
     }
-    Instance->FileHandle = Instance->DirHandle = Instance->VolumeHandle = 0;
+    NtFsdSetDirHandle(Instance, 0);
+    Instance->FileHandle = Instance->VolumeHandle = 0;
     // Copies of handles that this open or another one owned.
     Instance->BaseHandle = Instance->RelatedHandle = 0;
 }

@@ -14,8 +14,8 @@ void MarkDirectory(CREATE_STATE &Create) {
 
 void StoreDirectoryHandle(CREATE_STATE &Create, ProviderDirectory &Directory) {
     NtFsdDebugPrint(TRACE_CREATE, 0, "Setting Dir Handle to 0x%x\n", LowPart(Directory.Get()));
-    Create.Instance->DirHandle = Directory.Detach();
-    Create.Instance->RelatedHandle = Create.Instance->DirHandle;
+    Create.Instance->RelatedHandle = Directory.Get();
+    NtFsdSetDirHandle(Create.Instance, Directory.Detach());
 }
 
 // The end of an open that reached its directory.

@@ -99,8 +99,8 @@ ULONG_PTR OpenParentHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT 
         AsAddress(Instance->RelatedHandle), static_cast<PCWSTR>(Instance->PathLeft), static_cast<ULONG>(Result));
     const NTSTATUS Status = OpenResult(Result, Directory.Get());
     if (Status == STATUS_SUCCESS) {
-        Instance->DirHandle = Directory.Detach();
-        Instance->RelatedHandle = Instance->DirHandle;
+        Instance->RelatedHandle = Directory.Get();
+        NtFsdSetDirHandle(Instance, Directory.Detach());
         return TargetStatus == STATUS_NO_SUCH_FILE ? FILE_DOES_NOT_EXIST : FILE_EXISTS;
     }
     if (Status != STATUS_NOT_A_DIRECTORY) {

@@ -35,7 +35,13 @@ VOID NtFsdAnalyzeSearchMask(PFCB Fcb, PINSTANCE_CONTEXT Instance);
 // Reads "Enable Lazy Close" of the client's parameters key into g_bLazyClose, which keeps its value on failure.
 NTSTATUS NtFsdReadLazyCloseConfig();
 
-extern BOOLEAN g_bLazyClose;
+extern BOOLEAN g_bLazyClose; // searches that begin side by side read and write it
+inline bool NtFsdIsLazyClose() {
+    return __atomic_load_n(&g_bLazyClose, __ATOMIC_RELAXED) != FALSE;
+}
+inline VOID NtFsdSetLazyClose(bool LazyClose) {
+    __atomic_store_n(&g_bLazyClose, LazyClose ? TRUE : FALSE, __ATOMIC_RELAXED);
+}
 
 // ---- Entries (dir/entries.cpp)
 

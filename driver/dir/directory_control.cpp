@@ -114,7 +114,7 @@ NTSTATUS StartSearch(QUERY &Query) {
     ReadLazyCloseOnce();
     const bool HasShortNames =
         Query.InfoClass == FileBothDirectoryInformation || Query.InfoClass == FileIdBothDirectoryInformation;
-    if (HasShortNames && !__atomic_load_n(&g_bLazyClose, __ATOMIC_RELAXED)) {
+    if (HasShortNames && !NtFsdIsLazyClose()) {
         Query.Instance->UseShortNames = TRUE;
     }
     return STATUS_SUCCESS;
@@ -178,14 +178,14 @@ NTSTATUS SettleStatus(const QUERY &Query, NTSTATUS Status) {
 
 // A search for one exact name answers once. One that a broken batch ended goes on saying so.
 bool IsAnswered(const QUERY &Query) {
-    return !Query.RestartScan && Query.Instance->SearchInitialized && !Query.Instance->Wildcard &&
+    return !Query.RestartScan && NtFsdIsSearching(Query.Instance) && !Query.Instance->Wildcard &&
            (Query.Instance->ExactAnswered || (Query.Instance->MoreEntries == 0 && !Query.Instance->BatchBroken));
 }
 
 // Begins the search when there is none, and packs what fits into the caller's buffer.
 NTSTATUS ListHeld(QUERY &Query) {
     NTSTATUS Status = STATUS_SUCCESS;
-    if (!Query.Instance->SearchInitialized || Query.RestartScan) {
+    if (!NtFsdIsSearching(Query.Instance) || Query.RestartScan) {
         Status = StartSearch(Query);
     }
     TraceSearch(Query.Instance);

@@ -1,6 +1,7 @@
 #include "dir/notify.h"
 
 #include "dir/notify_entry.h"
+#include "dir/notify_list.h"
 #include "frame/configuration.h"
 #include "frame/diagnostics.h"
 
@@ -26,6 +27,7 @@ void TakeFileNameWaiters(PFCB Parent, PLIST_ENTRY Changed) HOLDING(Parent->Resou
             NtFsdDebugPrint(TRACE_NOTIFY, 0, "Remove IRP from List: 0x%p\n", Entry->Irp);
         }
     }
+    NtFsdUpdateHasWaiters(Parent);
 }
 
 // Takes the waiters of the open directory whose path is exactly ParentPath.

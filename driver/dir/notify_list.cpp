@@ -7,6 +7,7 @@ VOID NtFsdTakeNotifyList(PFCB Fcb, PLIST_ENTRY Batch) {
     while (!IsListEmpty(&Fcb->NotifyList)) {
         InsertTailList(Batch, RemoveHeadList(&Fcb->NotifyList));
     }
+    NtFsdUpdateHasWaiters(Fcb);
 }
 
 VOID NtFsdCompleteNotifyBatch(PLIST_ENTRY Batch, NTSTATUS Status) {

@@ -11,3 +11,11 @@ VOID NtFsdCompleteNotifyList(PFCB Fcb, NTSTATUS Status) HOLDING(Fcb->Resource);
 // Batch (Resource held exclusive, or no request in flight), then completes and frees them.
 VOID NtFsdTakeNotifyList(PFCB Fcb, PLIST_ENTRY Batch) HOLDING(Fcb->Resource);
 VOID NtFsdCompleteNotifyBatch(PLIST_ENTRY Batch, NTSTATUS Status);
+
+// Whether anything waits on Fcb, for readers without the Resource, too. Whoever changes the list says so afterwards.
+inline bool NtFsdReadHasWaiters(const FCB *Fcb) {
+    return __atomic_load_n(&Fcb->HasWaiters, __ATOMIC_RELAXED) != FALSE;
+}
+inline VOID NtFsdUpdateHasWaiters(PFCB Fcb) HOLDING(Fcb->Resource) {
+    __atomic_store_n(&Fcb->HasWaiters, IsListEmpty(&Fcb->NotifyList) ? FALSE : TRUE, __ATOMIC_RELAXED);
+}

@@ -1,5 +1,6 @@
 #include "dir/directory.h"
 #include "dir/notify_entry.h"
+#include "dir/notify_list.h"
 #include "frame/diagnostics.h"
 #include "frame/memory.h"
 
@@ -37,6 +38,7 @@ NTSTATUS Enqueue(PFCB Fcb, PIRP_CONTEXT IrpContext, ULONG CompletionFilter) HOLD
     IoMarkIrpPending(Irp);
     NtFsdDebugPrint(TRACE_NOTIFY, 0, "Add Irp to List: 0x%p\n", Irp);
     InsertTailList(&Fcb->NotifyList, &Entry->Links);
+    NtFsdUpdateHasWaiters(Fcb);
     return STATUS_PENDING;
 }
 

@@ -133,7 +133,7 @@ NTSTATUS NtFsdReadLazyCloseConfig() {
     Status = ZwQueryValueKey(Key, &ValueName, KeyValueFullInformation, Value, VALUE_BUFFER_BYTES, &Needed);
     ULONG Number;
     if (NT_SUCCESS(Status) && ReadNumber(Value, VALUE_BUFFER_BYTES, &Number)) {
-        __atomic_store_n(&g_bLazyClose, Number != 0, __ATOMIC_RELAXED);
+        NtFsdSetLazyClose(Number != 0);
     }
     return Status;
 }

@@ -72,7 +72,7 @@ NTSTATUS MakeDriverFcb() {
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     NtFsdNobodyElse(&DriverFcb->Resource);
-    DriverFcb->OpenType = OPEN_TYPE_DEVICE;
+    NtFsdSetOpenType(DriverFcb, OPEN_TYPE_DEVICE);
     DriverFcb->UncleanCount = 1;
     DriverFcb->OpenCount = 0;
     return STATUS_SUCCESS;

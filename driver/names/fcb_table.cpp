@@ -1,3 +1,4 @@
+#include "dir/notify_list.h"
 #include "frame/diagnostics.h"
 #include "names/fcb.h"
 
@@ -96,7 +97,7 @@ NTSTATUS AllocateForOpen(PIRP_CONTEXT IrpContext, PUNICODE_STRING Path, PUNICODE
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     (*Fcb)->Parent = Parent;
-    (*Fcb)->OpenType = OPEN_TYPE_UNKNOWN;
+    NtFsdSetOpenType(*Fcb, OPEN_TYPE_UNKNOWN);
     return STATUS_SUCCESS;
 }
 
@@ -249,8 +250,8 @@ VOID NtFsdDumpPrefixTable() {
             continue;
         }
         const PFCB Fcb = CONTAINING_RECORD(Entry, FCB, PrefixEntry);
-        // Read without the FCB's Resource, under which waiters come and go: for the trace this is good enough.
-        if (__atomic_load_n(&Fcb->NotifyList.Flink, __ATOMIC_RELAXED) != &Fcb->NotifyList) {
+        // Without the FCB's Resource, under which waiters come and go: for the trace this is good enough.
+        if (NtFsdReadHasWaiters(Fcb)) {
             NtFsdDebugPrint(TRACE_PREFIX_DUMP, 0, "%d: FCB: 0x%p - %ws\n", Counter++, Fcb,
                             static_cast<PCWSTR>(Fcb->FullPath.Buffer));
         }

@@ -94,7 +94,7 @@ void SplitAgainstVolume(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Ins
     if (*Split == SEPARATOR) {
         ++Split;
     }
-    Instance->PathLeft = Split;
+    NtFsdSetPathLeft(Instance, Split);
     Fcb->VolumeRoot = *Split == 0;
     NtFsdSetVolumeResolved(Fcb, 1);
     Instance->BaseHandle = Instance->RelatedHandle = Instance->VolumeHandle;
@@ -111,7 +111,7 @@ void NameRelative(const RELATED_OPEN &Related, PUNICODE_STRING Name, PFCB Fcb, P
     const RVHANDLE Handle = NtFsdHandleToLend(Related.Instance);
     if (Handle != 0) {
         Instance->BaseHandle = Instance->RelatedHandle = Handle;
-        Instance->PathLeft = Fcb->FullPath.Buffer + (Fcb->FullPath.Length - Name->Length) / sizeof(WCHAR);
+        NtFsdSetPathLeft(Instance, Fcb->FullPath.Buffer + UnitsOf(Fcb->FullPath) - UnitsOf(*Name));
         NtFsdBorrowFrom(Related.Instance, Instance);
     }
 }
@@ -181,7 +181,7 @@ NTSTATUS OpenOnce(PIRP_CONTEXT IrpContext, const RELATED_OPEN &Related, const PA
         NtFsdSetOpenFlags(Found.Fcb, FCB_STATE_NOT_FOUND_AT_OPEN);
     }
     Found.Instance->Fcb = Found.Fcb;
-    Found.Instance->PathLeft = Found.Fcb->FullPath.Buffer;
+    NtFsdSetPathLeft(Found.Instance.Get(), Found.Fcb->FullPath.Buffer);
     if (Related.Fcb == nullptr || Name->Length == 0) {
         SplitAgainstVolume(IrpContext, Found.Fcb, Found.Instance.Get());
     } else {
