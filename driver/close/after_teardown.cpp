@@ -168,10 +168,20 @@ void TakeOpen(PFILE_OBJECT FileObject, PLIST_ENTRY Instances, PLIST_ENTRY Fcbs) 
     }
 }
 
+// The instance of FileObject's own open, which points back to it; NULL when FsContext2 is anything else. OutlivingLock
+// held.
+PINSTANCE_CONTEXT OwnInstance(PFILE_OBJECT FileObject) HOLDING(OutlivingLock) {
+    const auto Instance = static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2);
+    const bool Own = NtFsdIsFcb(FileObject->FsContext) && Instance != nullptr &&
+                     Instance->NodeTypeCode == NODE_TYPE_INSTANCE && Instance->FileObject == FileObject &&
+                     Instance->Fcb == FileObject->FsContext;
+    return Own ? Instance : nullptr;
+}
+
 // Teardown has begun but has not come to this open yet: it finds the mark. OutlivingLock held.
 void AbandonOpen(PFILE_OBJECT FileObject) HOLDING(OutlivingLock) {
-    if (FileObject->FsContext2 != nullptr && NtFsdIsFcb(FileObject->FsContext)) {
-        static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2)->FileObject = nullptr;
+    if (const PINSTANCE_CONTEXT Instance = OwnInstance(FileObject); Instance != nullptr) {
+        Instance->FileObject = nullptr;
     }
 }
 
@@ -183,8 +193,8 @@ VOID NtFsdDetachOpens() {
     InitializeListHead(&Notifications);
     TakeFcbs(&Fcbs);
     if (!IsListEmpty(&Fcbs)) {
-        IRP_CONTEXT Context;
-        NtFsdFillIrpContext(&Context, nullptr, TRUE, 0);
+        IRP_CONTEXT Frame;
+        const PIRP_CONTEXT Context = NtFsdMakeFrameContext(Frame, nullptr);
         for (PLIST_ENTRY Links = Fcbs.Flink; Links != &Fcbs; Links = Links->Flink) {
             const PFCB Fcb = FcbOf(Links);
             NtFsdNobodyElse(&FcbTableResource);
@@ -193,7 +203,7 @@ VOID NtFsdDetachOpens() {
             NtFsdTakeNotifyList(Fcb, &Notifications);
             EndLocks(Fcb);
             for (PLIST_ENTRY Open = Fcb->InstanceList.Flink; Open != &Fcb->InstanceList; Open = Open->Flink) {
-                CloseHandles(InstanceOf(Open), &Context.SecurityContext);
+                CloseHandles(InstanceOf(Open), &Context->SecurityContext);
             }
         }
     }

@@ -19,6 +19,7 @@ bool IsWaiting(PFCB Fcb, PIRP Irp) HOLDING(Fcb->Resource) {
 // Appends the request. From the insertion on it may be completed by others, so it is marked pending before.
 // STATUS_PENDING: the entry owns IRP and context.
 NTSTATUS Enqueue(PFCB Fcb, PIRP_CONTEXT IrpContext, ULONG CompletionFilter) HOLDING(Fcb->Resource) {
+    NtFsdRequireKept(IrpContext);
     const PIRP Irp = IrpContext->Irp;
     if (NtFsdFileFlags(IrpContext->FileObject) & FO_CLEANUP_COMPLETE) {
         return STATUS_NOTIFY_CLEANUP; // the cleanup that would end the wait has been

@@ -310,7 +310,7 @@ NTSTATUS NtFsdTryPostRequest(PIRP_CONTEXT IrpContext) {
                         KeGetCurrentThread(), IrpContext);
         return STATUS_UNSUCCESSFUL;
     }
-    NtFsdRequire(!(IrpContext->Flags & IRP_CONTEXT_FLAG_IN_FRAME));
+    NtFsdRequireKept(IrpContext);
     const auto Entry = static_cast<RV_IRP_Q *>(TwAllocMemory(sizeof(RV_IRP_Q)));
     if (Entry == nullptr) {
         NtFsdDebugPrint(TRACE_GENERAL, 0, "[RVFSD-%p] NtFsdPostRequest for 0x%p; alloc for %u bytes failed.\n",

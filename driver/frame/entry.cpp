@@ -325,7 +325,7 @@ NTSTATUS RunWithContext(const ENTRY &Entry, ENTRY_REQUEST &Request) {
         return Request.Status;
     }
     const PIRP Irp = Request.Irp;
-    IRP_CONTEXT InFrame;
+    IRP_CONTEXT Frame;
     PIRP_CONTEXT IrpContext = NtFsdCreateIrpContext(Irp, IoIsOperationSynchronous(Irp));
     if (IrpContext == nullptr) {
         if (Entry.Common == CommonCreate) {
@@ -334,8 +334,7 @@ NTSTATUS RunWithContext(const ENTRY &Entry, ENTRY_REQUEST &Request) {
         if (!(Entry.Flags & ENTRY_MUST_RUN)) {
             return NtFsdCompleteRequest(nullptr, Irp, STATUS_INSUFFICIENT_RESOURCES);
         }
-        IrpContext = &InFrame;
-        NtFsdFillIrpContext(IrpContext, Irp, TRUE, IRP_CONTEXT_FLAG_IN_FRAME);
+        IrpContext = NtFsdMakeFrameContext(Frame, Irp);
     }
     if (Request.Cancelled) {
         IrpContext->Flags |= IRP_CONTEXT_FLAG_ANSWER_CANCELLED;

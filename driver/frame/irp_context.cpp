@@ -9,7 +9,10 @@
 
 DRIVER_GLOBAL NPAGED_LOOKASIDE_LIST g_IrpContextLookasideList = {};
 
-void NtFsdFillIrpContext(PIRP_CONTEXT Context, PIRP Irp, BOOLEAN Wait, ULONG Flags) {
+namespace {
+
+// Context is zeroed or not. Flags are the initial flags.
+void Fill(PIRP_CONTEXT Context, PIRP Irp, BOOLEAN Wait, ULONG Flags) {
     RtlZeroMemory(Context, sizeof(IRP_CONTEXT));
     Context->NodeByteSize = sizeof(IRP_CONTEXT);
     Context->Irp = Irp;
@@ -38,6 +41,13 @@ void NtFsdFillIrpContext(PIRP_CONTEXT Context, PIRP Irp, BOOLEAN Wait, ULONG Fla
     NtFsdDebugPrint(TRACE_GENERAL, 0, "Security Context = 0x%I64X\n", Context->SecurityContext.Words[0]);
 }
 
+} // namespace
+
+PIRP_CONTEXT NtFsdMakeFrameContext(IRP_CONTEXT &Frame, PIRP Irp) {
+    Fill(&Frame, Irp, TRUE, IRP_CONTEXT_FLAG_IN_FRAME);
+    return &Frame;
+}
+
 PIRP_CONTEXT NtFsdCreateIrpContext(PIRP Irp, BOOLEAN Wait) {
     NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdCreateIrpContext() entered\n");
     if (g_pSecurityContextInterface == nullptr) {
@@ -53,7 +63,7 @@ PIRP_CONTEXT NtFsdCreateIrpContext(PIRP Irp, BOOLEAN Wait) {
             return nullptr;
         }
     }
-    NtFsdFillIrpContext(Context, Irp, Wait, Flags);
+    Fill(Context, Irp, Wait, Flags);
     NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdCreateIrpContext() returning IrpContext\n");
     return Context;
 }

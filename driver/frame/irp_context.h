@@ -5,6 +5,7 @@
 // the IRP are gone for it.
 #pragma once
 
+#include "frame/memory.h"
 #include "provider/provider_interface.h"
 
 enum IRP_CONTEXT_FLAGS : ULONG {
@@ -21,7 +22,7 @@ enum IRP_CONTEXT_FLAGS : ULONG {
     IRP_CONTEXT_FLAG_LOCK_COMPLETION_POSTED = 0x8000,
     IRP_CONTEXT_FLAG_FCB_RELEASED = 0x10000,
     IRP_CONTEXT_FLAG_ANSWER_CANCELLED = 0x40000000, // a cancelled cleanup or close: done, and answered STATUS_CANCELLED
-    // The record lives in the frame of its entry routine: for cleanup and close, which may not fail for want of memory.
+    // The record lives in the frame of its routine (NtFsdMakeFrameContext).
     IRP_CONTEXT_FLAG_IN_FRAME = 0x20000000,
 };
 
@@ -81,9 +82,14 @@ extern NPAGED_LOOKASIDE_LIST g_IrpContextLookasideList;
 // bound.
 PIRP_CONTEXT NtFsdCreateIrpContext(PIRP Irp, BOOLEAN Wait);
 
-// Fills Context, which the caller provides (zeroed or not), as NtFsdCreateIrpContext would. Flags are the initial
-// flags.
-void NtFsdFillIrpContext(PIRP_CONTEXT Context, PIRP Irp, BOOLEAN Wait, ULONG Flags);
+// Makes a context of Irp (which may be NULL) in Frame, a record in the caller's frame: for what may not fail for want
+// of memory. It may block, and ends with the frame, so that it can never be queued. Returns Frame.
+PIRP_CONTEXT NtFsdMakeFrameContext(IRP_CONTEXT &Frame, PIRP Irp);
+
+// Requires that IrpContext lives until its request is completed. Each road that keeps one beyond its routine asks.
+inline VOID NtFsdRequireKept(const IRP_CONTEXT *IrpContext) {
+    NtFsdRequire(!(IrpContext->Flags & IRP_CONTEXT_FLAG_IN_FRAME));
+}
 
 VOID NtFsdDeleteIrpContext(PIRP_CONTEXT IrpContext);
 

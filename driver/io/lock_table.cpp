@@ -97,6 +97,7 @@ bool NtFsdRemoveLock(PFCB Fcb, NOTED_LOCK Lock) {
 }
 
 VOID NtFsdEnterLockRequest(PIRP_CONTEXT IrpContext) {
+    NtFsdRequireKept(IrpContext);
     const auto Fcb = static_cast<PFCB>(IrpContext->FileObject->FsContext);
     const SpinLockHold Hold(RequestsLock);
     IrpContext->LockState = LOCK_STATE_ENTERED;

@@ -1,8 +1,11 @@
 // The shape that all entry routines share, and where one of them deviates: binding, cancelled requests, file objects
 // that are not the driver's, and what becomes of a request when there is no memory for it.
 
+#include "dir/directory.h"
 #include "embedded/mm/mm.h"
+#include "frame/async_queue.h"
 #include "frame/entry.h"
+#include "io/lock_table.h"
 #include "provider/binding.h"
 #include "provider/provider_calls.h"
 #include "tests/driver/frame_client.h"
@@ -288,6 +291,21 @@ TEST_F(Entry, TheDeviceOpensAndClosesWithoutTheFramework) {
     EXPECT_EQ(DeviceOpens(), 0u);
     EXPECT_EQ(File->FsContext2, nullptr);
     g_bFrameworkBindFailed = 0; // only the test lets it try again, so that it can shut down
+}
+
+// A request whose context ends with its routine stops the machine on every road that would keep it.
+TEST_F(Entry, AContextInAFrameIsNeverKept) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    Start();
+    IO_STACK_LOCATION Stack = {};
+    IRP Irp = {};
+    Irp.Tail.Overlay.CurrentStackLocation = &Stack;
+    IRP_CONTEXT Frame;
+    NtFsdMakeFrameContext(Frame, &Irp);
+    Frame.FileObject = FileObject(MustOpen(u"\\srv\\vol\\docs"));
+    EXPECT_DEATH(NtFsdTryPostRequest(&Frame), "");
+    EXPECT_DEATH(NtFsdEnterLockRequest(&Frame), "");
+    EXPECT_DEATH(NtFsdNotifyDirectoryChange(&Frame), "");
 }
 
 // ---- User buffers

@@ -234,6 +234,14 @@ TEST_F(Shutdown, WaitsForARequestThatIsUnderWay) {
     std::thread Down = ShuttingDown();
     EXPECT_EQ(Create(u"\\srv\\vol\\a.txt").Status, STATUS_UNSUCCESSFUL) << "nothing new begins meanwhile";
     EXPECT_EQ(Close(Other), STATUS_SUCCESS) << "closes come through";
+    {
+        INSTANCE_CONTEXT Foreign = *static_cast<PINSTANCE_CONTEXT>(FileObject(Handle)->FsContext2);
+        const OwnedFile Odd(Device(), u"");
+        Odd->FsContext = FileObject(Handle)->FsContext;
+        Odd->FsContext2 = &Foreign;
+        EXPECT_EQ(Send(Plain(IRP_MJ_CLOSE, Odd)).Status, STATUS_SUCCESS);
+        EXPECT_EQ(Foreign.FileObject, FileObject(Handle)) << "only the instance of its own open is marked";
+    }
     EXPECT_EQ(Framework->Log(), Lines{}) << "nothing is released meanwhile";
     EXPECT_FALSE(ReadDone);
     Held->Release();
