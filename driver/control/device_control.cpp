@@ -165,9 +165,7 @@ NTSTATUS QueryPath(PIRP_CONTEXT IrpContext, PIRP Irp, PIO_STACK_LOCATION IrpSp) 
 
 NTSTATUS Finish(PIRP_CONTEXT IrpContext, PIRP Irp, NTSTATUS Status) {
     IoGetCurrentIrpStackLocation(Irp)->Control &= static_cast<UCHAR>(~SL_PENDING_RETURNED);
-    Irp->IoStatus.Status = Status;
-    Irp->IoStatus.Information = 0;
-    IofCompleteRequest(Irp, IO_NETWORK_INCREMENT);
+    NtFsdCompleteAtOnce(Irp, Status, 0, IO_NETWORK_INCREMENT);
     NtFsdDeleteIrpContext(IrpContext);
     NtFsdDebugPrint(TRACE_CONTROL, 0, "NtFsdCommonDeviceControl() returning 0x%x\n", Status);
     return Status;

@@ -199,6 +199,7 @@ constexpr ENTRY_TABLE MakeTable() {
                                     .Mask = TRACE_CREATE,
                                     .Common = CommonCreate,
                                     .WorkerName = "NtFsdCommmonCreate",
+                                    .NoContext = "NtFsdCreate() couldn't allocate Irp context\n",
                                     .Unbound = CreateUnbound,
                                     .Stopped = CreateStopped,
                                     .Admitted = CreateAdmitted};
@@ -328,8 +329,8 @@ NTSTATUS RunWithContext(const ENTRY &Entry, ENTRY_REQUEST &Request) {
     IRP_CONTEXT Frame;
     PIRP_CONTEXT IrpContext = NtFsdCreateIrpContext(Irp, IoIsOperationSynchronous(Irp));
     if (IrpContext == nullptr) {
-        if (Entry.Common == CommonCreate) {
-            NtFsdDebugPrint(TRACE_CREATE, 0, "NtFsdCreate() couldn't allocate Irp context\n");
+        if (Entry.NoContext != nullptr) {
+            NtFsdDebugPrint(Entry.Mask, 0, "%s", Entry.NoContext);
         }
         if (!(Entry.Flags & ENTRY_MUST_RUN)) {
             return NtFsdCompleteRequest(nullptr, Irp, STATUS_INSUFFICIENT_RESOURCES);
