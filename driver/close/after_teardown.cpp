@@ -10,12 +10,13 @@
 #include "io/lock_table.h"
 #include "provider/provider_calls.h"
 
+DRIVER_GLOBAL KSPIN_LOCK g_OutlivingLock = 0;
+
 namespace {
 
-DRIVER_GLOBAL KSPIN_LOCK OutlivingLock = 0;
-DRIVER_GLOBAL LIST_ENTRY OutlivingFcbs UNDER(OutlivingLock) = {&OutlivingFcbs, &OutlivingFcbs};
-DRIVER_GLOBAL BOOLEAN Detached UNDER(OutlivingLock) = FALSE;
-DRIVER_GLOBAL PFCB OutlivingDevice UNDER(OutlivingLock) = nullptr; // the control device's, whose opens it counts
+DRIVER_GLOBAL LIST_ENTRY OutlivingFcbs UNDER(g_OutlivingLock) = {&OutlivingFcbs, &OutlivingFcbs};
+DRIVER_GLOBAL BOOLEAN Detached UNDER(g_OutlivingLock) = FALSE;
+DRIVER_GLOBAL PFCB OutlivingDevice UNDER(g_OutlivingLock) = nullptr; // the control device's, whose opens it counts
 
 PFCB FcbOf(PLIST_ENTRY Links) {
     return CONTAINING_RECORD(Links, FCB, FcbLinks);
@@ -86,8 +87,8 @@ void FreeAll(PLIST_ENTRY Instances, PLIST_ENTRY Fcbs) {
     }
 }
 
-// Moves the instances whose file objects have been closed meanwhile. OutlivingLock held.
-void TakeAbandoned(PFCB Fcb, PLIST_ENTRY Abandoned) HOLDING(OutlivingLock) {
+// Moves the instances whose file objects have been closed meanwhile. g_OutlivingLock held.
+void TakeAbandoned(PFCB Fcb, PLIST_ENTRY Abandoned) HOLDING(g_OutlivingLock) {
     for (PLIST_ENTRY Links = Fcb->InstanceList.Flink; Links != &Fcb->InstanceList;) {
         const PINSTANCE_CONTEXT Instance = InstanceOf(Links);
         Links = Links->Flink;
@@ -105,7 +106,7 @@ void Publish(PLIST_ENTRY Fcbs) {
     InitializeListHead(&Abandoned);
     InitializeListHead(&Unused);
     {
-        const SpinLockHold Hold(OutlivingLock);
+        const SpinLockHold Hold(g_OutlivingLock);
         while (!IsListEmpty(Fcbs)) {
             const PFCB Fcb = FcbOf(RemoveHeadList(Fcbs));
             TakeAbandoned(Fcb, &Abandoned);
@@ -117,8 +118,8 @@ void Publish(PLIST_ENTRY Fcbs) {
 }
 
 // The FCB at FsContext if it outlived teardown. Compares addresses only: what FsContext points to may be gone.
-// OutlivingLock held.
-PFCB FindOutliving(const void *FsContext) HOLDING(OutlivingLock) {
+// g_OutlivingLock held.
+PFCB FindOutliving(const void *FsContext) HOLDING(g_OutlivingLock) {
     for (PLIST_ENTRY Links = OutlivingFcbs.Flink; Links != &OutlivingFcbs; Links = Links->Flink) {
         if (FcbOf(Links) == FsContext) {
             return FcbOf(Links);
@@ -136,22 +137,22 @@ PINSTANCE_CONTEXT FindInstance(PFCB Fcb, const void *FsContext2) {
     return nullptr;
 }
 
-// TRUE for an FCB of the control device. OutlivingLock held.
-bool IsDeviceFcb(const void *FsContext) HOLDING(OutlivingLock) {
+// TRUE for an FCB of the control device. g_OutlivingLock held.
+bool IsDeviceFcb(const void *FsContext) HOLDING(g_OutlivingLock) {
     return FsContext != nullptr && (FsContext == DriverFcb || FsContext == OutlivingDevice);
 }
 
 // Counts an open of the control device out. Its process record went with teardown; the FCB goes into Fcbs with the last
-// open, or with teardown when that has not come to it yet. OutlivingLock held.
-void TakeDeviceOpen(PFCB Fcb, PLIST_ENTRY Fcbs) HOLDING(OutlivingLock) {
+// open, or with teardown when that has not come to it yet. g_OutlivingLock held.
+void TakeDeviceOpen(PFCB Fcb, PLIST_ENTRY Fcbs) HOLDING(g_OutlivingLock) {
     if (--Fcb->OpenCount == 0 && Fcb == OutlivingDevice) {
         OutlivingDevice = nullptr;
         InsertTailList(Fcbs, &Fcb->FcbLinks);
     }
 }
 
-// Unlinks the open of FileObject into Instances, and its FCB into Fcbs when it was the last. OutlivingLock held.
-void TakeOpen(PFILE_OBJECT FileObject, PLIST_ENTRY Instances, PLIST_ENTRY Fcbs) HOLDING(OutlivingLock) {
+// Unlinks the open of FileObject into Instances, and its FCB into Fcbs when it was the last. g_OutlivingLock held.
+void TakeOpen(PFILE_OBJECT FileObject, PLIST_ENTRY Instances, PLIST_ENTRY Fcbs) HOLDING(g_OutlivingLock) {
     const PFCB Fcb = FindOutliving(FileObject->FsContext);
     if (Fcb == nullptr) {
         return;
@@ -168,9 +169,9 @@ void TakeOpen(PFILE_OBJECT FileObject, PLIST_ENTRY Instances, PLIST_ENTRY Fcbs) 
     }
 }
 
-// The instance of FileObject's own open, which points back to it; NULL when FsContext2 is anything else. OutlivingLock
-// held.
-PINSTANCE_CONTEXT OwnInstance(PFILE_OBJECT FileObject) HOLDING(OutlivingLock) {
+// The instance of FileObject's own open, which points back to it; NULL when FsContext2 is anything else.
+// g_OutlivingLock held.
+PINSTANCE_CONTEXT OwnInstance(PFILE_OBJECT FileObject) HOLDING(g_OutlivingLock) {
     const auto Instance = static_cast<PINSTANCE_CONTEXT>(FileObject->FsContext2);
     const bool Own = NtFsdIsFcb(FileObject->FsContext) && Instance != nullptr &&
                      Instance->NodeTypeCode == NODE_TYPE_INSTANCE && Instance->FileObject == FileObject &&
@@ -178,8 +179,8 @@ PINSTANCE_CONTEXT OwnInstance(PFILE_OBJECT FileObject) HOLDING(OutlivingLock) {
     return Own ? Instance : nullptr;
 }
 
-// Teardown has begun but has not come to this open yet: it finds the mark. OutlivingLock held.
-void AbandonOpen(PFILE_OBJECT FileObject) HOLDING(OutlivingLock) {
+// Teardown has begun but has not come to this open yet: it finds the mark. g_OutlivingLock held.
+void AbandonOpen(PFILE_OBJECT FileObject) HOLDING(g_OutlivingLock) {
     if (const PINSTANCE_CONTEXT Instance = OwnInstance(FileObject); Instance != nullptr) {
         Instance->FileObject = nullptr;
     }
@@ -215,7 +216,7 @@ VOID NtFsdDetachOpens() {
 
 PFCB NtFsdTakeDeviceFcb() {
     {
-        const SpinLockHold Hold(OutlivingLock);
+        const SpinLockHold Hold(g_OutlivingLock);
         if (DriverFcb->OpenCount == 0) {
             const PFCB Fcb = DriverFcb;
             DriverFcb = nullptr;
@@ -229,7 +230,7 @@ PFCB NtFsdTakeDeviceFcb() {
     }
     PFCB Unused = nullptr;
     {
-        const SpinLockHold Hold(OutlivingLock);
+        const SpinLockHold Hold(g_OutlivingLock);
         (DriverFcb->OpenCount == 0 ? Unused : OutlivingDevice) = DriverFcb;
         DriverFcb = nullptr;
     }
@@ -240,14 +241,14 @@ PFCB NtFsdTakeDeviceFcb() {
 }
 
 VOID NtFsdForgetClaimOfOpen(PINSTANCE_CONTEXT Instance) {
-    const SpinLockHold Hold(OutlivingLock);
+    const SpinLockHold Hold(g_OutlivingLock);
     if (Instance->FileObject != nullptr) {
         NtFsdForgetShareClaim(Instance->FileObject);
     }
 }
 
 PFCB NtFsdFcbAfterTeardown(PFILE_OBJECT FileObject) {
-    const SpinLockHold Hold(OutlivingLock);
+    const SpinLockHold Hold(g_OutlivingLock);
     if (Detached) {
         return FindOutliving(FileObject->FsContext);
     }
@@ -262,7 +263,7 @@ VOID NtFsdCloseAfterTeardown(PFILE_OBJECT FileObject) {
     InitializeListHead(&Instances);
     InitializeListHead(&Fcbs);
     {
-        const SpinLockHold Hold(OutlivingLock);
+        const SpinLockHold Hold(g_OutlivingLock);
         if (IsDeviceFcb(FileObject->FsContext)) {
             TakeDeviceOpen(static_cast<PFCB>(FileObject->FsContext), &Fcbs);
         } else if (Detached) {

@@ -76,7 +76,7 @@ void ClearReadOnly(const CLOSE &Close, bool IsDirectory) {
 }
 
 // A read-only object cannot be deleted; the attribute goes while there is still a handle.
-void PrepareDelete(const CLOSE &Close) {
+void PrepareDelete(const CLOSE &Close) HOLDING(Close.Fcb->Resource) {
     NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdCommonClose saw %s for FCB 0x%p (\"%wZ\").\n",
                     (Close.Fcb->OpenFlags & FCB_STATE_DELETE_DISPOSITION) ? "FCB_STATE_DELETE_DISPOSITION"
                                                                           : "FCB_STATE_DELETE_ON_CLOSE",
@@ -104,7 +104,7 @@ void CloseObjectHandles(CLOSE &Close) {
 
 // Asks the Provider for the delete; FALSE, without a call, for the root of a volume, also for an open that was made
 // before it became one.
-bool DeleteObject(CLOSE &Close) {
+bool DeleteObject(CLOSE &Close) HOLDING(Close.Fcb->Resource) {
     const PINSTANCE_CONTEXT Instance = Close.Instance;
     if (Instance->PathLeft == nullptr || Instance->PathLeft[0] == 0 || NtFsdIsVolumeRoot(Close.Fcb)) {
         return false;
@@ -190,6 +190,7 @@ void Dereference(CLOSE &Close) {
 // The work of a close whose resources are held.
 void EndOpen(CLOSE &Close) {
     const PFCB Fcb = Close.Fcb;
+    Close.Hold.Holds(&Close.Fcb->Resource);
     if (Fcb->OpenCount == 1 && (Fcb->OpenFlags & FCB_STATE_DELETE_DISPOSITION)) {
         NtFsdSetOpenFlags(Fcb, FCB_STATE_DELETE_ON_CLOSE);
     }

@@ -17,7 +17,7 @@ struct PROCESS_RECORD {
     PEPROCESS Process;
     PFILE_OBJECT FileObject; // of the process's first open
     LIST_ENTRY Links;
-    ULONG ProcessOpenCount;
+    ULONG ProcessOpenCount UNDER(g_OurDeviceResource);
 };
 static_assert(offsetof(PROCESS_RECORD, Process) == 8 && offsetof(PROCESS_RECORD, FileObject) == 16 &&
               offsetof(PROCESS_RECORD, Links) == 24 && offsetof(PROCESS_RECORD, ProcessOpenCount) == 40);

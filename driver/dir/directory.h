@@ -27,10 +27,11 @@ inline VOID NtFsdSetSearching(PINSTANCE_CONTEXT Instance, BOOLEAN Searching) {
 inline constexpr ULONG ENUM_BUFFER_BYTES = 12288;
 
 // Stores Mask and starts a search afresh. STATUS_INSUFFICIENT_RESOURCES leaves the open without a search.
-NTSTATUS NtFsdInitializeSearch(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, PCUNICODE_STRING Mask);
+NTSTATUS NtFsdInitializeSearch(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, PCUNICODE_STRING Mask)
+    HOLDING(Instance->SearchLock);
 
 // Rewrites the stored mask for the Provider and sets Wildcard and DotEntries.
-VOID NtFsdAnalyzeSearchMask(PFCB Fcb, PINSTANCE_CONTEXT Instance);
+VOID NtFsdAnalyzeSearchMask(PFCB Fcb, PINSTANCE_CONTEXT Instance) HOLDING(Instance->SearchLock);
 
 // Reads "Enable Lazy Close" of the client's parameters key into g_bLazyClose, which keeps its value on failure.
 NTSTATUS NtFsdReadLazyCloseConfig();
@@ -72,4 +73,4 @@ NTSTATUS NtFsdTarnwellDirToNtDir(ULONG InfoClass, const DIR_RECORD *Record, UCHA
 // STATUS_NO_MORE_FILES at the end, STATUS_CONNECTION_DISCONNECTED, STATUS_UNEXPECTED_NETWORK_ERROR when the Provider's
 // batch holds what is no record.
 NTSTATUS NtFsdGetNextDirEntry(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, ULONG InfoClass,
-                              UCHAR *Out, ULONG Available, PULONG EntrySize);
+                              UCHAR *Out, ULONG Available, PULONG EntrySize) HOLDING(Instance->SearchLock);

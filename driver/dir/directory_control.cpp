@@ -25,7 +25,7 @@ public:
             KeSetEvent(&Instance_->SearchLock, IO_NO_INCREMENT, FALSE);
         }
     }
-    bool Acquire(PINSTANCE_CONTEXT Instance, BOOLEAN Wait) {
+    bool Acquire(PINSTANCE_CONTEXT Instance, BOOLEAN Wait) HELD_FROM_HERE(Instance->SearchLock) {
         LARGE_INTEGER Now = {};
         if (KeWaitForSingleObject(&Instance->SearchLock, Executive, KernelMode, FALSE, Wait ? nullptr : &Now) !=
             STATUS_SUCCESS) {
@@ -104,7 +104,7 @@ PCUNICODE_STRING MaskOf(const QUERY &Query) {
 }
 
 // Sets up the search of this open's first query, or of a restart.
-NTSTATUS StartSearch(QUERY &Query) {
+NTSTATUS StartSearch(QUERY &Query) HOLDING(Query.Instance->SearchLock) {
     const NTSTATUS Status = NtFsdInitializeSearch(Query.IrpContext, Query.Fcb, Query.Instance, MaskOf(Query));
     if (!NT_SUCCESS(Status)) {
         return Status;
@@ -120,7 +120,7 @@ NTSTATUS StartSearch(QUERY &Query) {
     return STATUS_SUCCESS;
 }
 
-void TraceSearch(PINSTANCE_CONTEXT Instance) {
+void TraceSearch(PINSTANCE_CONTEXT Instance) HOLDING(Instance->SearchLock) {
     if (Instance->SearchMask != nullptr) {
         NtFsdDebugPrint(TRACE_DIRECTORY, 0, "   Search Mask : %ws\n", static_cast<PCWSTR>(Instance->SearchMask));
     }
@@ -135,7 +135,7 @@ constexpr ULONG RoundUp(ULONG Bytes) {
 }
 
 // Packs entries into Buffer until it is full, one is enough, or there is no more. The result of the last step.
-NTSTATUS PackEntries(QUERY &Query, UCHAR *Buffer) {
+NTSTATUS PackEntries(QUERY &Query, UCHAR *Buffer) HOLDING(Query.Instance->SearchLock) {
     ULONG Offset = 0;
     ULONG Remaining = Query.Length;
     for (;;) {
@@ -177,13 +177,13 @@ NTSTATUS SettleStatus(const QUERY &Query, NTSTATUS Status) {
 }
 
 // A search for one exact name answers once. One that a broken batch ended goes on saying so.
-bool IsAnswered(const QUERY &Query) {
+bool IsAnswered(const QUERY &Query) HOLDING(Query.Instance->SearchLock) {
     return !Query.RestartScan && NtFsdIsSearching(Query.Instance) && !Query.Instance->Wildcard &&
            (Query.Instance->ExactAnswered || (Query.Instance->MoreEntries == 0 && !Query.Instance->BatchBroken));
 }
 
 // Begins the search when there is none, and packs what fits into the caller's buffer.
-NTSTATUS ListHeld(QUERY &Query) {
+NTSTATUS ListHeld(QUERY &Query) HOLDING(Query.Instance->SearchLock) {
     NTSTATUS Status = STATUS_SUCCESS;
     if (!NtFsdIsSearching(Query.Instance) || Query.RestartScan) {
         Status = StartSearch(Query);
@@ -221,7 +221,7 @@ NTSTATUS CheckClass(const QUERY &Query) {
 }
 
 // What the search's state refuses, with the FCB's Resource and the search's lock held. STATUS_SUCCESS: go on.
-NTSTATUS CheckHeld(const QUERY &Query) {
+NTSTATUS CheckHeld(const QUERY &Query) HOLDING(Query.Instance->SearchLock) {
     if (IsAnswered(Query)) {
         NtFsdDebugPrint(TRACE_DIRECTORY, 0,
                         "Not a wildcard, and we have already returned an entry. Returning STATUS_NO_MORE_FILES.\n");

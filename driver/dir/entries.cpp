@@ -93,7 +93,7 @@ ULONG WriteDotRecord(UCHAR *At, const RECORD_HEAD &Head, bool WithShortName, ULO
 }
 
 // "." and ".." with the directory's own attributes and times, whether or not the Provider tells them.
-void FillDotEntries(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) {
+void FillDotEntries(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) HOLDING(Instance->SearchLock) {
     RECORD_HEAD Head = {};
     Ignore(static_cast<NTSTATUS>(RVFsdGetDirectoryInformation(&IrpContext->SecurityContext, Instance->RelatedHandle,
                                                               &Head.Attributes, &Head.CreationTime, &Head.LastWriteTime,
@@ -114,17 +114,17 @@ void FillDotEntries(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) {
 
 // ---- Batches --------------------------------------------------------------------------------------------------------
 
-ULONG OffsetOf(PINSTANCE_CONTEXT Instance, PVOID Entry) {
+ULONG OffsetOf(PINSTANCE_CONTEXT Instance, PVOID Entry) HOLDING(Instance->SearchLock) {
     return static_cast<ULONG>(static_cast<UCHAR *>(Entry) - static_cast<UCHAR *>(Instance->EnumBuffer));
 }
 
-bool ParseAt(PINSTANCE_CONTEXT Instance, ULONG Offset, DIR_RECORD *Record) {
+bool ParseAt(PINSTANCE_CONTEXT Instance, ULONG Offset, DIR_RECORD *Record) HOLDING(Instance->SearchLock) {
     return NtFsdParseDirRecord(static_cast<const UCHAR *>(Instance->EnumBuffer), Instance->EnumBufferSize, Offset,
                                Instance->UseShortNames, Record);
 }
 
 // Counts the records of a fresh batch, as far as they are records.
-void CountRecords(PINSTANCE_CONTEXT Instance) {
+void CountRecords(PINSTANCE_CONTEXT Instance) HOLDING(Instance->SearchLock) {
     ULONG Offset = 0;
     ULONG Count = 0;
     Instance->BatchBroken = FALSE;
@@ -143,7 +143,7 @@ void CountRecords(PINSTANCE_CONTEXT Instance) {
     Instance->InfoCount = Count;
 }
 
-void EndBatch(PINSTANCE_CONTEXT Instance) {
+void EndBatch(PINSTANCE_CONTEXT Instance) HOLDING(Instance->SearchLock) {
     TwFreeMemory(Instance->EnumBuffer);
     Instance->EnumBuffer = nullptr;
     Instance->NextEntry = nullptr;
@@ -151,18 +151,18 @@ void EndBatch(PINSTANCE_CONTEXT Instance) {
 }
 
 // The end of the listing, until it is restarted.
-NTSTATUS EndListing(PINSTANCE_CONTEXT Instance, NTSTATUS Status) {
+NTSTATUS EndListing(PINSTANCE_CONTEXT Instance, NTSTATUS Status) HOLDING(Instance->SearchLock) {
     EndBatch(Instance);
     Instance->MoreEntries = 0;
     return Status;
 }
 
-bool IsEmptyRecord(PINSTANCE_CONTEXT Instance) {
+bool IsEmptyRecord(PINSTANCE_CONTEXT Instance) HOLDING(Instance->SearchLock) {
     DIR_RECORD Record;
     return ParseAt(Instance, 0, &Record) && Record.NameBytes == 0;
 }
 
-NTSTATUS FetchBatch(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) {
+NTSTATUS FetchBatch(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) HOLDING(Instance->SearchLock) {
     NtFsdDebugPrint(TRACE_DIRECTORY, 0, "We need more retrieve more entries for \"%ws\".\n",
                     static_cast<PCWSTR>(Instance->SearchMask));
     PRV_SECURITY Security = &IrpContext->SecurityContext;
@@ -191,7 +191,7 @@ NTSTATUS FetchBatch(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) {
 }
 
 // Sees to it that there is a current record.
-NTSTATUS EnsureRecord(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) {
+NTSTATUS EnsureRecord(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) HOLDING(Instance->SearchLock) {
     if (Instance->InfoCount != 0) {
         return STATUS_SUCCESS;
     }

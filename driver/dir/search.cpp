@@ -16,13 +16,13 @@ constexpr UNICODE_STRING PARAMETERS_KEY =
 constexpr UNICODE_STRING LAZY_CLOSE_VALUE = ConstantString(WTEXT("Enable Lazy Close"));
 constexpr ULONG VALUE_BUFFER_BYTES = 88;
 
-bool EndsInStarDotStar(PINSTANCE_CONTEXT Instance) {
+bool EndsInStarDotStar(PINSTANCE_CONTEXT Instance) HOLDING(Instance->SearchLock) {
     const ULONG Units = Instance->SearchMaskLength / sizeof(WCHAR);
     const PCWSTR End = Instance->SearchMask + Units;
     return Units > 3 && End[-3] == WTEXT('*') && End[-2] == WTEXT('.') && End[-1] == WTEXT('*');
 }
 
-void DropBatch(PINSTANCE_CONTEXT Instance) {
+void DropBatch(PINSTANCE_CONTEXT Instance) HOLDING(Instance->SearchLock) {
     TwFreeMemory(Instance->EnumBuffer);
     Instance->EnumBuffer = nullptr;
     Instance->NextEntry = nullptr;
@@ -31,7 +31,7 @@ void DropBatch(PINSTANCE_CONTEXT Instance) {
 }
 
 // Makes room for a mask of Bytes and its terminator.
-NTSTATUS ReserveMask(PINSTANCE_CONTEXT Instance, ULONG Bytes) {
+NTSTATUS ReserveMask(PINSTANCE_CONTEXT Instance, ULONG Bytes) HOLDING(Instance->SearchLock) {
     if (Instance->SearchMask != nullptr && Bytes <= Instance->SearchMaskLength) {
         return STATUS_SUCCESS;
     }

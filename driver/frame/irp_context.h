@@ -41,6 +41,8 @@ enum LOCK_STATE : ULONG {
 
 inline constexpr USHORT NODE_TYPE_IRP_CONTEXT = 0x7700;
 
+extern KSPIN_LOCK g_LockRequestsLock; // io/lock_table.cpp
+
 struct IRP_CONTEXT {
     USHORT NodeTypeCode;
     SHORT NodeByteSize;
@@ -56,9 +58,9 @@ struct IRP_CONTEXT {
     ULONG_PTR Information; // completion stores it into the IRP
     ULONG UserBufferFlags;
     LIST_ENTRY ChangedWaiters; // taken by NtFsdNotifyChange; completed before this request is. Flink NULL: none
-    LIST_ENTRY LockLinks;      // in the FCB's LockRequests, while LockState says so
-    PMDL UserBufferMdl;        // that UserBufferFlags describe
-    ULONG LockState;           // LOCK_STATE
+    LIST_ENTRY LockLinks UNDER(g_LockRequestsLock); // in the FCB's LockRequests, while LockState says so
+    PMDL UserBufferMdl;                             // that UserBufferFlags describe
+    ULONG LockState UNDER(g_LockRequestsLock);      // LOCK_STATE
     UCHAR Reserved[32];
 
     BOOLEAN MayWait() const {

@@ -5,8 +5,9 @@
 //   2. an FCB's Resource; of several: the closing open's last (names/borrow.cpp takes those of its borrowers one by one
 //      before it), a parent's under its child's (change notification only)
 //   3. an open's SearchLock, an event (dir/directory_control.cpp)
-//   4. leaves, under which nothing else is taken: FcbListResource, g_OurDeviceResource, g_MappedDeviceResource,
-//      g_FrameworkInitResource (under which the framework is called), the framework's class mutex
+//   4. leaves, under which nothing else is waited for: FcbListResource (under which a shutdown that waits tries the
+//      FCBs' Resources, frame/stop_requests.cpp), g_OurDeviceResource, g_MappedDeviceResource, g_FrameworkInitResource
+//      (under which the framework is called), the framework's class mutex
 //   5. spin locks, each alone: g_AsyncIrpQueueLock, the cancel spin lock, the borrow lock (names/borrow.cpp), that of
 //      lock requests (io/lock_table.cpp), that of opens that outlive teardown (close/after_teardown.cpp), and under any
 //      of them g_LogBufferLock, since a trace may be made with a spin lock held
@@ -27,10 +28,14 @@ VOID NtFsdReleaseResource(PERESOURCE Resource);
 // made.
 VOID NtFsdNobodyElse(PERESOURCE Resource) HELD_FROM_HERE(Resource);
 VOID NtFsdNobodyElse(KSPIN_LOCK &Lock) HELD_FROM_HERE(Lock);
+VOID NtFsdNobodyElse(KEVENT &Lock) HELD_FROM_HERE(Lock);
 inline VOID NtFsdNobodyElse(PERESOURCE Resource) {
     UNREFERENCED_PARAMETER(Resource);
 }
 inline VOID NtFsdNobodyElse(KSPIN_LOCK &Lock) {
+    UNREFERENCED_PARAMETER(Lock);
+}
+inline VOID NtFsdNobodyElse(KEVENT &Lock) {
     UNREFERENCED_PARAMETER(Lock);
 }
 

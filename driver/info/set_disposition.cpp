@@ -87,6 +87,7 @@ NTSTATUS ClearDisposition(SET_INFORMATION &Change) {
 void MarkDisposition(SET_INFORMATION &Change) {
     NtFsdDebugPrint(TRACE_FILE_INFO, 0,
                     "[RVFSD] NtFsdFileSetDispositionInfo Setting FCB_STATE_DELETE_DISPOSITION flag\n");
+    Change.Hold.Holds(&Change.Fcb->Resource);
     Change.Fcb->DispositionOwner = Change.Instance->Opener;
     NtFsdSetOpenFlags(Change.Fcb, FCB_STATE_DELETE_DISPOSITION);
 }

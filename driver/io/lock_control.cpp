@@ -187,7 +187,11 @@ NTSTATUS PostCompletion(PIRP_CONTEXT IrpContext) {
 
 // The grants list of an unlock of this thread, or NULL. Only the exclusive owner may look.
 PLIST_ENTRY GrantsOfThisThread(PFCB Fcb) {
-    return ExIsResourceAcquiredExclusiveLite(&Fcb->Resource) ? Fcb->LockGrants : nullptr;
+    if (!ExIsResourceAcquiredExclusiveLite(&Fcb->Resource)) {
+        return nullptr;
+    }
+    NtFsdNobodyElse(&Fcb->Resource);
+    return Fcb->LockGrants;
 }
 
 // Ends a waiter that gets no lock. There is nothing to tell the server: this may be a canceller's thread, which must
@@ -316,6 +320,7 @@ NTSTATUS DecideHeld(PIRP_CONTEXT IrpContext, ResourceHold &Hold) {
         break;
     }
     DecisionSlot(Irp) = &Decision;
+    Hold.Holds(&Fcb->Resource);
     LIST_ENTRY Grants;
     NtFsdCollectLockGrants(Fcb, &Grants);
     IrpContext->Flags |= IRP_CONTEXT_FLAG_FCB_ACQUIRED;
@@ -393,6 +398,7 @@ NTSTATUS NTAPI TwLockCompleteRoutine(PVOID Context, PIRP Irp) {
     const PFCB Fcb = FcbOf(IrpContext);
     ResourceHold Hold;
     Hold.Adopt(&Fcb->Resource);
+    Hold.Holds(&Fcb->Resource);
     const PIO_STACK_LOCATION IrpSp = IoGetCurrentIrpStackLocation(Irp);
     NtFsdDebugPrint(TRACE_LOCK, 0, "   Minor function    : %d\n", IrpContext->MinorFunction);
     NtFsdDebugPrint(TRACE_LOCK, 0, "   Byte offset       : %d\n", IrpSp->Parameters.LockControl.ByteOffset.LowPart);

@@ -8,10 +8,10 @@
 #include "names/fcb.h"
 
 // Grants on Fcb made by this thread go to Grants, which is made empty. Resource held exclusive.
-VOID NtFsdCollectLockGrants(PFCB Fcb, PLIST_ENTRY Grants);
+VOID NtFsdCollectLockGrants(PFCB Fcb, PLIST_ENTRY Grants) HOLDING(Fcb->Resource);
 
 // Ends the collecting; Grants keeps what it has. Resource still held.
-VOID NtFsdStopCollectingLockGrants(PFCB Fcb);
+VOID NtFsdStopCollectingLockGrants(PFCB Fcb) HOLDING(Fcb->Resource);
 
 // Completes the collected grants, one after the other, and those that they make in turn. Called with no hold of the
 // FCB, which the caller does not touch afterwards: it may be gone.

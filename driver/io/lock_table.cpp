@@ -1,9 +1,9 @@
 #include "io/lock_table.h"
 
-namespace {
-
 // Guards LockRequests of all FCBs, and the links and states in it. A leaf.
-DRIVER_GLOBAL KSPIN_LOCK RequestsLock = 0;
+DRIVER_GLOBAL KSPIN_LOCK g_LockRequestsLock = 0;
+
+namespace {
 
 PIRP_CONTEXT ContextOf(PLIST_ENTRY Links) {
     return CONTAINING_RECORD(Links, IRP_CONTEXT, LockLinks);
@@ -23,7 +23,7 @@ FILE_LOCK_INFO Asked(PIRP_CONTEXT IrpContext) {
 
 // Calls Visit for the requests whose lock Pattern means.
 template <typename F>
-void VisitRequests(PFCB Fcb, const LOCK_PATTERN &Pattern, F Visit) HOLDING(RequestsLock) {
+void VisitRequests(PFCB Fcb, const LOCK_PATTERN &Pattern, F Visit) HOLDING(g_LockRequestsLock) {
     for (PLIST_ENTRY Links = Fcb->LockRequests.Flink; Links != &Fcb->LockRequests; Links = Links->Flink) {
         const PIRP_CONTEXT IrpContext = ContextOf(Links);
         const FILE_LOCK_INFO Lock = Asked(IrpContext);
@@ -33,7 +33,7 @@ void VisitRequests(PFCB Fcb, const LOCK_PATTERN &Pattern, F Visit) HOLDING(Reque
     }
 }
 
-bool HasLock(PIRP_CONTEXT IrpContext) {
+bool HasLock(PIRP_CONTEXT IrpContext) HOLDING(g_LockRequestsLock) {
     return (IrpContext->LockState & (LOCK_STATE_GRANTED | LOCK_STATE_REVOKED)) == LOCK_STATE_GRANTED;
 }
 
@@ -80,8 +80,8 @@ bool NotedLocks::Note(PFCB Fcb, const LOCK_PATTERN &Pattern) {
     }
     // What is granted while this goes on, without the Resource, belongs to a request that finds out by itself.
     Count_ = Found < Capacity ? Found : Capacity;
-    const SpinLockHold Hold(RequestsLock);
-    VisitRequests(Fcb, Pattern, [&](PIRP_CONTEXT IrpContext, const FILE_LOCK_INFO &Lock) {
+    const SpinLockHold Hold(g_LockRequestsLock);
+    VisitRequests(Fcb, Pattern, [&](PIRP_CONTEXT IrpContext, const FILE_LOCK_INFO &Lock) HOLDING(g_LockRequestsLock) {
         if (!HasLock(IrpContext)) {
             IrpContext->LockState |= LOCK_STATE_DOUBTFUL;
         } else if (ClaimNoted(Locks, Count_, Lock)) {
@@ -99,18 +99,18 @@ bool NtFsdRemoveLock(PFCB Fcb, NOTED_LOCK Lock) {
 VOID NtFsdEnterLockRequest(PIRP_CONTEXT IrpContext) {
     NtFsdRequireKept(IrpContext);
     const auto Fcb = static_cast<PFCB>(IrpContext->FileObject->FsContext);
-    const SpinLockHold Hold(RequestsLock);
+    const SpinLockHold Hold(g_LockRequestsLock);
     IrpContext->LockState = LOCK_STATE_ENTERED;
     InsertTailList(&Fcb->LockRequests, &IrpContext->LockLinks);
 }
 
 VOID NtFsdGrantLockRequest(PIRP_CONTEXT IrpContext) {
-    const SpinLockHold Hold(RequestsLock);
+    const SpinLockHold Hold(g_LockRequestsLock);
     IrpContext->LockState |= LOCK_STATE_GRANTED;
 }
 
 bool NtFsdLeaveLockRequest(PIRP_CONTEXT IrpContext, bool *Doubtful) {
-    const SpinLockHold Hold(RequestsLock);
+    const SpinLockHold Hold(g_LockRequestsLock);
     const ULONG State = IrpContext->LockState;
     if (State & LOCK_STATE_ENTERED) {
         RemoveEntryList(&IrpContext->LockLinks);
@@ -124,8 +124,8 @@ bool NtFsdIsUnlockForServer(PFCB Fcb, const LOCK_PATTERN &Pattern) {
     // Requests that a failure ends leave without the Resource: what is found under one hold is gone in the next.
     bool AnyUntold = false;
     {
-        const SpinLockHold Hold(RequestsLock);
-        VisitRequests(Fcb, Pattern, [&](PIRP_CONTEXT IrpContext, const FILE_LOCK_INFO &) {
+        const SpinLockHold Hold(g_LockRequestsLock);
+        VisitRequests(Fcb, Pattern, [&](PIRP_CONTEXT IrpContext, const FILE_LOCK_INFO &) HOLDING(g_LockRequestsLock) {
             IrpContext->LockState |= HasLock(IrpContext) ? 0u : ULONG{LOCK_STATE_DOUBTFUL};
             AnyUntold = AnyUntold || HasLock(IrpContext);
         });
@@ -138,9 +138,9 @@ bool NtFsdIsUnlockForServer(PFCB Fcb, const LOCK_PATTERN &Pattern) {
         InTable += Pattern.Matches(Lock);
         return true;
     });
-    const SpinLockHold Hold(RequestsLock);
+    const SpinLockHold Hold(g_LockRequestsLock);
     PIRP_CONTEXT Untold = nullptr;
-    VisitRequests(Fcb, Pattern, [&](PIRP_CONTEXT IrpContext, const FILE_LOCK_INFO &) {
+    VisitRequests(Fcb, Pattern, [&](PIRP_CONTEXT IrpContext, const FILE_LOCK_INFO &) HOLDING(g_LockRequestsLock) {
         if (HasLock(IrpContext)) {
             Untold = IrpContext;
             InTable -= InTable != 0;

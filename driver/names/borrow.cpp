@@ -1,17 +1,17 @@
 #include "names/fcb.h"
 
+// Guards Borrowers and BorrowLinks of all instances. A leaf; nothing is called under it.
+DRIVER_GLOBAL KSPIN_LOCK g_BorrowLock = 0;
+
 namespace {
 
-// Guards Borrowers and BorrowLinks of all instances. A leaf; nothing is called under it.
-DRIVER_GLOBAL KSPIN_LOCK BorrowLock = 0;
-
-void Unlink(PINSTANCE_CONTEXT Borrower) HOLDING(BorrowLock) {
+void Unlink(PINSTANCE_CONTEXT Borrower) HOLDING(g_BorrowLock) {
     RemoveEntryList(&Borrower->BorrowLinks);
     InitializeListHead(&Borrower->BorrowLinks);
 }
 
 PINSTANCE_CONTEXT FirstBorrower(PINSTANCE_CONTEXT Lender) {
-    const SpinLockHold Hold(BorrowLock);
+    const SpinLockHold Hold(g_BorrowLock);
     return IsListEmpty(&Lender->Borrowers) ? nullptr
                                            : CONTAINING_RECORD(Lender->Borrowers.Flink, INSTANCE_CONTEXT, BorrowLinks);
 }
@@ -28,12 +28,12 @@ RVHANDLE NtFsdHandleToLend(PINSTANCE_CONTEXT Instance) {
 }
 
 VOID NtFsdBorrowFrom(PINSTANCE_CONTEXT Lender, PINSTANCE_CONTEXT Borrower) {
-    const SpinLockHold Hold(BorrowLock);
+    const SpinLockHold Hold(g_BorrowLock);
     InsertTailList(&Lender->Borrowers, &Borrower->BorrowLinks);
 }
 
 VOID NtFsdEndBorrowing(PINSTANCE_CONTEXT Instance) {
-    const SpinLockHold Hold(BorrowLock);
+    const SpinLockHold Hold(g_BorrowLock);
     Unlink(Instance);
     // Only an open that outlived teardown still has borrowers here; there are no handles left that they could use.
     while (!IsListEmpty(&Instance->Borrowers)) {
@@ -57,7 +57,7 @@ bool NtFsdRebaseBorrowers(PINSTANCE_CONTEXT Lender, BOOLEAN Wait) {
             return false;
         }
         NtFsdNameByFullPath(Borrower);
-        const SpinLockHold List(BorrowLock);
+        const SpinLockHold List(g_BorrowLock);
         Unlink(Borrower);
     }
     return true;

@@ -50,6 +50,7 @@ NTSTATUS PendingDelete(PIRP_CONTEXT IrpContext, PFCB Fcb, ResourceHold &Hold) HO
 
 VOID NtFsdFreeInstance(PINSTANCE_CONTEXT Instance) {
     NtFsdEndBorrowing(Instance);
+    NtFsdNobodyElse(Instance->SearchLock);
     if (Instance->EnumBuffer != nullptr) {
         NtFsdDebugPrint(TRACE_FCB, 0, "   Freeing dangling directory entries.\n");
         TwFreeMemory(Instance->EnumBuffer);

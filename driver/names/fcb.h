@@ -208,7 +208,7 @@ VOID NtFsdFreeInstance(PINSTANCE_CONTEXT Instance);
 // what he may not delete, nobody deletes for him. Resource held exclusive.
 class [[nodiscard]] ActForDeletionOwner {
 public:
-    ActForDeletionOwner(PIRP_CONTEXT IrpContext, const FCB *Fcb)
+    ActForDeletionOwner(PIRP_CONTEXT IrpContext, const FCB *Fcb) HOLDING(Fcb->Resource)
         : IrpContext_(IrpContext), Own_(IrpContext->SecurityContext) {
         IrpContext->SecurityContext =
             (Fcb->OpenFlags & FCB_STATE_DELETE_DISPOSITION) ? Fcb->DispositionOwner : Fcb->DeleteOnCloseOwner;

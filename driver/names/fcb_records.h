@@ -24,6 +24,9 @@
 #include "provider/provider_interface.h"
 
 extern ERESOURCE FcbTableResource;
+extern KSPIN_LOCK g_BorrowLock;       // names/borrow.cpp
+extern KSPIN_LOCK g_OutlivingLock;    // close/after_teardown.cpp
+extern KSPIN_LOCK g_LockRequestsLock; // io/lock_table.cpp
 
 enum OPEN_TYPE : ULONG {
     OPEN_TYPE_DEVICE = 1,
@@ -90,25 +93,27 @@ struct FCB {
     FILE_LOCK FileLock; // its own lock
     // Ours.
     UCHAR FileLockInitialized;
-    UCHAR HasWaiters;        // what NotifyList holds, for readers without Resource
-    UCHAR VolumeRoot;        // an open found that FullPath is the path of a volume
-    LIST_ENTRY *LockGrants;  // while an unlock is under way: collects the waiting locks that it grants
-    LIST_ENTRY LockRequests; // locks that may wait, until the server is told of them (io/lock_table.h)
+    UCHAR HasWaiters;                       // what NotifyList holds, for readers without Resource
+    UCHAR VolumeRoot;                       // an open found that FullPath is the path of a volume
+    LIST_ENTRY *LockGrants UNDER(Resource); // while an unlock is under way: collects the waiting locks that it grants
+    LIST_ENTRY LockRequests
+        UNDER(g_LockRequestsLock); // locks that may wait, until the server is told of them (io/lock_table.h)
     PATH_RECORD FirstPath;
     PATH_RECORD *CurrentPath;                      // FullPath is its Path
     PARENT_RECORD *Parent UNDER(FcbTableResource); // counts it while it is in the prefix table
     ULONG PathChanges;                             // how often FullPath has changed; written after CurrentPath
     ULONG OldPathBytes UNDER(FcbTableResource);    // of the paths that FullPath was before
     // Whose wish the pending deletion is, by the flag that asks for it.
-    RV_SECURITY_CONTEXT DeleteOnCloseOwner;
-    RV_SECURITY_CONTEXT DispositionOwner;
+    RV_SECURITY_CONTEXT DeleteOnCloseOwner UNDER(Resource);
+    RV_SECURITY_CONTEXT DispositionOwner UNDER(Resource);
 };
 typedef FCB *PFCB;
 
-// One open. Under the FCB's Resource, except where said.
+// One open. Under the FCB's Resource, except where said: which of these fields that is the compiler cannot check, as it
+// does not know an instance's FCB for the one that is held.
 struct INSTANCE_CONTEXT {
     ULONG NodeTypeCode;
-    PFILE_OBJECT FileObject;
+    PFILE_OBJECT FileObject UNDER(g_OutlivingLock); // NULL once its close has come
     LIST_ENTRY Links;
     RVHANDLE RelatedHandle; // names below this open are relative to it
     RVHANDLE BaseHandle;    // PathLeft is relative to it; 0: PathLeft is absolute
@@ -125,30 +130,30 @@ struct INSTANCE_CONTEXT {
     LONG64 DiskFullTime;
     ULONG64 DiskFullAvailable;
     UCHAR TrailingSlash;
-    // Directory listing, under SearchLock. EnumBuffer and SearchMask are owned.
+    // Directory listing. EnumBuffer and SearchMask are owned; SearchInitialized is also read without the lock.
     UCHAR SearchInitialized;
-    UCHAR Wildcard;
-    ULONG DotEntries;
-    PVOID EnumBuffer;
-    ULONG SearchMaskLength;
-    PWSTR SearchMask;
-    PVOID NextEntry;
-    ULONG EnumBufferSize;
-    ULONG InfoCount;
-    UCHAR MoreEntries;
-    ULONG ResumeKey;
-    UCHAR UseShortNames;
-    ULONG ShortNameOption;
+    UCHAR Wildcard UNDER(SearchLock);
+    ULONG DotEntries UNDER(SearchLock);
+    PVOID EnumBuffer UNDER(SearchLock);
+    ULONG SearchMaskLength UNDER(SearchLock);
+    PWSTR SearchMask UNDER(SearchLock);
+    PVOID NextEntry UNDER(SearchLock);
+    ULONG EnumBufferSize UNDER(SearchLock);
+    ULONG InfoCount UNDER(SearchLock);
+    UCHAR MoreEntries UNDER(SearchLock);
+    ULONG ResumeKey UNDER(SearchLock);
+    UCHAR UseShortNames UNDER(SearchLock);
+    ULONG ShortNameOption UNDER(SearchLock);
     // Ours. An open named relative to another borrows that open's handle as its BaseHandle and RelatedHandle;
-    // BorrowLinks has it in Borrowers of the open that owns it. Under the borrow lock (names/borrow.cpp).
+    // BorrowLinks has it in Borrowers of the open that owns it (names/borrow.cpp).
     FCB *Fcb;
-    LIST_ENTRY Borrowers;
-    LIST_ENTRY BorrowLinks;
+    LIST_ENTRY Borrowers UNDER(g_BorrowLock);
+    LIST_ENTRY BorrowLinks UNDER(g_BorrowLock);
     // Ours, of the listing. SearchLock serialises the queries of one open, which share the FCB's Resource.
     KEVENT SearchLock;
-    UCHAR ExactAnswered; // a search without wildcards has handed out its entry
-    UCHAR BatchBroken;   // what follows the records counted in InfoCount is no record
-    UCHAR IsTarget;      // opened as the directory of a rename's target
+    UCHAR ExactAnswered UNDER(SearchLock); // a search without wildcards has handed out its entry
+    UCHAR BatchBroken UNDER(SearchLock);   // what follows the records counted in InfoCount is no record
+    UCHAR IsTarget;                        // opened as the directory of a rename's target
     RV_SECURITY_CONTEXT Opener;
 };
 typedef INSTANCE_CONTEXT *PINSTANCE_CONTEXT;

@@ -43,6 +43,7 @@ PINSTANCE_CONTEXT AllocateInstance(PIRP_CONTEXT IrpContext) {
     auto Instance = static_cast<PINSTANCE_CONTEXT>(TwAllocMemory(sizeof(INSTANCE_CONTEXT)));
     if (Instance != nullptr) {
         Instance->NodeTypeCode = NODE_TYPE_INSTANCE;
+        NtFsdNobodyElse(g_OutlivingLock);
         Instance->FileObject = IrpContext->FileObject;
         Instance->ProviderAccess = 0;
         Instance->Opener = IrpContext->SecurityContext;

@@ -10,8 +10,8 @@
 struct PARENT_RECORD {
     UNICODE_PREFIX_TABLE_ENTRY Entry;
     UNICODE_STRING Path; // a view into the block's text
-    PARENT_RECORD *Parent;
-    ULONG Below;
+    PARENT_RECORD *Parent UNDER(FcbTableResource);
+    ULONG Below UNDER(FcbTableResource);
     BOOLEAN BeginsBlock;
 };
 

@@ -31,7 +31,7 @@ typedef struct _DISPATCHER_HEADER {
     LIST_ENTRY WaitListHead;
 } DISPATCHER_HEADER;
 
-typedef struct _KEVENT {
+typedef struct IS_LOCK("event") _KEVENT {
     DISPATCHER_HEADER Header;
 } KEVENT, *PKEVENT;
 
