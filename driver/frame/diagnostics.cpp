@@ -21,17 +21,24 @@ constexpr ULONG PREFIX_PROCESS = 0x2;
 constexpr ULONG PREFIX_THREAD = 0x4;
 constexpr ULONG DEBUG_COMPONENT = 80; // that the lines are printed under
 
-// Formats a line of at most Size - 1 bytes and its end. A line that is cut keeps its end, or the next one would stand
-// behind it.
-ULONG FormatLine(PCHAR Line, ULONG Size, PCSTR Format, const FormatArgument *Arguments, ULONG Count) {
-    ULONG Length = FormatBounded(Line, Size - 1, Format, Arguments, Count);
-    const size_t FormatLength = strlen(Format);
-    const bool Ends = FormatLength != 0 && Format[FormatLength - 1] == '\n';
-    if (Ends && (Length == 0 || Line[Length - 1] != '\n')) {
+bool EndsLine(PCSTR Text) {
+    const size_t Length = strlen(Text);
+    return Length != 0 && Text[Length - 1] == '\n';
+}
+
+// Gives a line of Length bytes that was cut its end back, or the next one would stand behind it. Returns its length.
+ULONG RestoreEnd(PCHAR Line, ULONG Length) {
+    if (Length == 0 || Line[Length - 1] != '\n') {
         Line[Length++] = '\n';
         Line[Length] = '\0';
     }
     return Length;
+}
+
+// Formats a line of at most Size - 1 bytes and its end.
+ULONG FormatLine(PCHAR Line, ULONG Size, PCSTR Format, const FormatArgument *Arguments, ULONG Count) {
+    const ULONG Length = FormatBounded(Line, Size - 1, Format, Arguments, Count);
+    return EndsLine(Format) ? RestoreEnd(Line, Length) : Length;
 }
 
 ULONG AppendPrefixes(PCHAR Line) {
@@ -81,7 +88,11 @@ void NtFsdExternalPrint(PCSTR Text) {
         return;
     }
     ULONG Length = AppendPrefixes(Line.Get());
-    Length += FormatText(Line.Get() + Length, LINE_BYTES - Length, "%s", Text);
+    const bool Ends = EndsLine(Text);
+    Length += FormatText(Line.Get() + Length, LINE_BYTES - Length - (Ends ? 1 : 0), "%s", Text);
+    if (Ends) {
+        Length = RestoreEnd(Line.Get(), Length);
+    }
     SendLine(Line.Get(), Length);
 }
 

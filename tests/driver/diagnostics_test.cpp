@@ -113,8 +113,13 @@ TEST_F(Diagnostics, ExternalTextIsDataAndHasItsOwnSwitch) {
         std::string Text, Wanted;
     } Cases[] = {
         {6, 1, "text\n", Thread + Process + "text\n"}, // and not the driver's name
-        {1, 1, "100%s%n%wZ\n", "100%s%n%wZ\n"},        {1, 0, "text\n", ""},      {0, 1, "text\n", ""},
-        {1, 1, Longest, Longest.substr(0, 4095)},      {1, 1, Longest + "y", ""}, {1, 1, "", ""},
+        {1, 1, "100%s%n%wZ\n", "100%s%n%wZ\n"},
+        {1, 0, "text\n", ""},
+        {0, 1, "text\n", ""},
+        {1, 1, "", ""},
+        {1, 1, Longest + "y", ""},
+        {1, 1, Longest, Longest.substr(0, 4095)},
+        {1, 1, Longest.substr(1) + "\n", Longest.substr(2) + "\n"},
     };
     for (const auto &Each : Cases) {
         Start({.Switches = {{u"EnableDebug", Each.EnableDebug},
