@@ -144,10 +144,10 @@ NTSTATUS FinishLock(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp) {
     return Status;
 }
 
-// Takes a request that gets no lock out of the FCB's LockRequests.
-void LeaveWithoutLock(PIRP_CONTEXT IrpContext) {
+// Takes a request that gets no lock out of the FCB's LockRequests. FALSE: an unlock has taken its lock away.
+bool LeaveWithoutLock(PIRP_CONTEXT IrpContext) {
     bool Doubtful;
-    NtFsdLeaveLockRequest(IrpContext, &Doubtful);
+    return NtFsdLeaveLockRequest(IrpContext, &Doubtful);
 }
 
 NTSTATUS TellServer(PIRP_CONTEXT IrpContext, PIRP Irp, const DECISION &Decision) {
@@ -195,16 +195,18 @@ PLIST_ENTRY GrantsOfThisThread(PFCB Fcb) {
 }
 
 // Ends a waiter that gets no lock. There is nothing to tell the server: this may be a canceller's thread, which must
-// not be made to wait, and which no entry routine has counted in.
+// not be made to wait, and which no entry routine has counted in. Returns what the library is to be told: a failure
+// makes it take back a lock of this range, which must not be another's when an unlock has taken this one's.
 NTSTATUS EndWaiter(PIRP_CONTEXT IrpContext, PIRP Irp) {
     NtFsdDebugPrint(TRACE_LOCK, 0, "   Lock/unlock failed. Returning...\n");
-    LeaveWithoutLock(IrpContext);
+    const bool TakenAway = !LeaveWithoutLock(IrpContext);
     const RequestInFlight InFlight;
     if (!InFlight) {
         // Teardown does not wait for this thread: the list that the context came from may be gone.
         IrpContext->Flags |= IRP_CONTEXT_FLAG_FROM_POOL;
     }
-    return NtFsdCompleteRequest(IrpContext, Irp, Irp->IoStatus.Status);
+    const NTSTATUS Status = NtFsdCompleteRequest(IrpContext, Irp, Irp->IoStatus.Status);
+    return TakenAway ? STATUS_SUCCESS : Status;
 }
 
 // A waiting lock was granted or ended by somebody else's request. A failure that is returned for a granted lock makes

@@ -140,11 +140,13 @@ bool NtFsdIsUnlockForServer(PFCB Fcb, const LOCK_PATTERN &Pattern) {
     });
     const SpinLockHold Hold(g_LockRequestsLock);
     PIRP_CONTEXT Untold = nullptr;
+    // A request that is being decided may have its lock in the table already. When it is not sure that the server has
+    // one of the same range, one of which it has not heard goes.
     VisitRequests(Fcb, Pattern, [&](PIRP_CONTEXT IrpContext, const FILE_LOCK_INFO &) HOLDING(g_LockRequestsLock) {
         if (HasLock(IrpContext)) {
             Untold = IrpContext;
-            InTable -= InTable != 0;
         }
+        InTable -= InTable != 0 && !(IrpContext->LockState & LOCK_STATE_REVOKED);
     });
     if (Untold == nullptr || InTable != 0) {
         return true; // the server has one of the same range, and one goes
