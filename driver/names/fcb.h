@@ -106,8 +106,8 @@ VOID NtFsdInitializeParents();
 NTSTATUS NtFsdHoldParent(PCUNICODE_STRING Path, PARENT_RECORD **Parent) HOLDING(FcbTableResource);
 VOID NtFsdReleaseParent(PARENT_RECORD *Parent) HOLDING(FcbTableResource);
 
-// TRUE when the path of an FCB in the prefix table lies below Path, the path of a directory below a volume. One look-up
-// however many are open.
+// TRUE when the path of an FCB in the prefix table lies below Path, the path of a directory below a volume. Costs what
+// Path is long, however many are open.
 bool NtFsdHasFcbBelow(PCUNICODE_STRING Path) HOLDING(FcbTableResource);
 
 // ---- The prefix table (names/fcb_table.cpp) ------------------------------------------------------------------------

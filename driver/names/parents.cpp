@@ -1,47 +1,91 @@
-#include "frame/diagnostics.h"
 #include "names/fcb.h"
 
-// The directories below which FCBs are in the prefix table, directly or deeper, so that one look-up tells whether a
-// directory may be renamed. Each counts the FCBs and the records directly below it and goes with the last of them.
-// Volumes, which are never renamed, and what is above them have no record.
+// The directories below which FCBs are in the prefix table, directly or deeper, so that one walk down a path tells
+// whether a directory may be renamed. Each counts the FCBs and the records directly below it and goes with the last of
+// them. Volumes, which are never renamed, and what is above them have no record.
 //
-// The records that one FCB adds are one block: the highest first, each directory below it next, and the text of the
-// deepest path behind them, of which all show a part. The highest is the last of them to go, and the block with it.
+// A record is found by the one above it and its own name, so that a path costs what it is long, however deep it is. The
+// records that one FCB adds are one block: the highest first, each directory below it next, and behind them the text of
+// which all names are parts. The highest is the last of them to go, and the block with it.
 struct PARENT_RECORD {
-    UNICODE_PREFIX_TABLE_ENTRY Entry;
-    UNICODE_STRING Path; // a view into the block's text
-    PARENT_RECORD *Parent UNDER(FcbTableResource);
+    PARENT_RECORD *NextInBucket UNDER(FcbTableResource);
+    UNICODE_STRING Name; // a view into the block's text; below a volume itself the whole path
+    PARENT_RECORD *Parent;
     ULONG Below UNDER(FcbTableResource);
     BOOLEAN BeginsBlock;
 };
 
 namespace {
 
-constexpr ULONG VOLUME_COMPONENTS = 2;
+constexpr ULONG BUCKET_BITS = 11;
 
-DRIVER_GLOBAL UNICODE_PREFIX_TABLE ParentTable UNDER(FcbTableResource) = {};
+DRIVER_GLOBAL PARENT_RECORD *Buckets[1u << BUCKET_BITS] UNDER(FcbTableResource) = {};
 
-PARENT_RECORD *FindRecord(PUNICODE_STRING Path) HOLDING(FcbTableResource) {
-    const PUNICODE_PREFIX_TABLE_ENTRY Entry = RtlFindUnicodePrefix(&ParentTable, Path, 0);
-    return Entry != nullptr && Entry->Prefix->Length == Path->Length ? CONTAINING_RECORD(Entry, PARENT_RECORD, Entry)
-                                                                     : nullptr;
-}
-
-// Takes Record out, and those above it that have nothing below them then.
-void Release(PARENT_RECORD *Record) HOLDING(FcbTableResource) {
-    while (Record != nullptr && --Record->Below == 0) {
-        PARENT_RECORD *Above = Record->Parent;
-        RtlRemoveUnicodePrefix(&ParentTable, &Record->Entry);
-        if (Record->BeginsBlock) {
-            TwFreeMemory(Record);
-        }
-        Record = Above;
+// Goes down the directories of a path that lie below its volume.
+class DirectoryWalk {
+public:
+    explicit DirectoryWalk(const UNICODE_STRING &Path)
+        : Path_(Path), VolumeEnd_(NtFsdFindVolume(Path).End), End_(VolumeEnd_) {
     }
+    // FALSE behind the last one.
+    bool Next() {
+        if (End_ + 1 >= UnitsOf(Path_)) {
+            return false;
+        }
+        Start_ = End_ == VolumeEnd_ ? 0 : End_ + 1;
+        for (++End_; End_ < UnitsOf(Path_) && Path_.Buffer[End_] != SEPARATOR; ++End_) {
+        }
+        return true;
+    }
+    // As its record bears it, in Text, which begins as the path does.
+    UNICODE_STRING NameIn(PWSTR Text) const {
+        return ViewOf(Text + Start_, End_ - Start_);
+    }
+    UNICODE_STRING Name() const {
+        return NameIn(Path_.Buffer);
+    }
+
+private:
+    UNICODE_STRING Path_;
+    ULONG VolumeEnd_;
+    ULONG Start_ = 0;
+    ULONG End_;
+};
+
+WCHAR FoldUnit(WCHAR Unit) {
+    if (Unit < 0x80) {
+        return Unit >= WTEXT('a') && Unit <= WTEXT('z') ? static_cast<WCHAR>(Unit - 0x20) : Unit;
+    }
+    return RtlUpcaseUnicodeChar(Unit);
 }
 
-// A block of Count records for Directory and the directories above it, below Above (NULL: below the volume), in the
-// table, the deepest with one below it. NULL when no memory can be had; nothing has changed then.
-PARENT_RECORD *MakeRecords(const UNICODE_STRING &Directory, ULONG Count, PARENT_RECORD *Above)
+PARENT_RECORD **BucketOf(const PARENT_RECORD *Parent, const UNICODE_STRING &Name) HOLDING(FcbTableResource) {
+    ULONG64 Hash = reinterpret_cast<ULONG64>(Parent);
+    for (ULONG At = 0; At < UnitsOf(Name); ++At) {
+        Hash = (Hash ^ FoldUnit(Name.Buffer[At])) * 0x9E3779B97F4A7C15ull;
+    }
+    return &Buckets[Hash >> (64 - BUCKET_BITS)];
+}
+
+PARENT_RECORD *FindRecord(const PARENT_RECORD *Parent, const UNICODE_STRING &Name) HOLDING(FcbTableResource) {
+    PARENT_RECORD *Record = *BucketOf(Parent, Name);
+    while (Record != nullptr && !(Record->Parent == Parent && RtlEqualUnicodeString(&Record->Name, &Name, TRUE))) {
+        Record = Record->NextInBucket;
+    }
+    return Record;
+}
+
+void Unlink(PARENT_RECORD *Record) HOLDING(FcbTableResource) {
+    PARENT_RECORD **Link = BucketOf(Record->Parent, Record->Name);
+    while (*Link != Record) {
+        Link = &(*Link)->NextInBucket;
+    }
+    *Link = Record->NextInBucket;
+}
+
+// Adds the Count directories that Walk is at and goes on to, below Above (NULL: below the volume). Returns the deepest,
+// with one below it, or NULL when no memory can be had; nothing has changed then.
+PARENT_RECORD *MakeRecords(const UNICODE_STRING &Directory, DirectoryWalk Walk, ULONG Count, PARENT_RECORD *Above)
     HOLDING(FcbTableResource) {
     const auto Block = static_cast<PARENT_RECORD *>(TwAllocMemory(Count * sizeof(PARENT_RECORD) + Directory.Length));
     if (Block == nullptr) {
@@ -49,28 +93,18 @@ PARENT_RECORD *MakeRecords(const UNICODE_STRING &Directory, ULONG Count, PARENT_
     }
     const auto Text = reinterpret_cast<PWSTR>(Block + Count);
     RtlCopyMemory(Text, Directory.Buffer, Directory.Length);
-    UNICODE_STRING Path = ViewOf(Text, UnitsOf(Directory));
-    for (ULONG Left = Count; Left != 0; --Left) {
-        Block[Left - 1].Path = Path;
-        Path = NtFsdSplitPath(Path).Front;
-    }
     Block->BeginsBlock = TRUE;
-    for (ULONG Made = 0; Made < Count; ++Made) {
-        PARENT_RECORD *Record = &Block[Made];
-        Record->Parent = Made == 0 ? Above : Record - 1;
-        Record->Below = 1; // the next, or the FCB
-        if (!RtlInsertUnicodePrefix(&ParentTable, &Record->Path, &Record->Entry)) {
-            Block->Parent = nullptr; // Above has not counted the block yet
-            if (Made == 0) {
-                TwFreeMemory(Block);
-            } else {
-                Release(Record - 1);
-            }
-            return nullptr;
-        }
-    }
     if (Above != nullptr) {
         ++Above->Below;
+    }
+    for (ULONG Made = 0; Made < Count; ++Made, Walk.Next()) {
+        PARENT_RECORD *const Record = &Block[Made];
+        Record->Name = Walk.NameIn(Text);
+        Record->Parent = Made == 0 ? Above : Record - 1;
+        Record->Below = 1; // the next, or the FCB
+        PARENT_RECORD **const Bucket = BucketOf(Record->Parent, Record->Name);
+        Record->NextInBucket = *Bucket;
+        *Bucket = Record;
     }
     return &Block[Count - 1];
 }
@@ -78,39 +112,50 @@ PARENT_RECORD *MakeRecords(const UNICODE_STRING &Directory, ULONG Count, PARENT_
 } // namespace
 
 VOID NtFsdInitializeParents() {
-    RtlInitializeUnicodePrefix(&ParentTable);
+    RtlZeroMemory(Buckets, sizeof(Buckets));
 }
 
 NTSTATUS NtFsdHoldParent(PCUNICODE_STRING Path, PARENT_RECORD **Parent) {
     *Parent = nullptr;
     const UNICODE_STRING Directory = NtFsdSplitPath(*Path).Front;
-    UNICODE_STRING At = Directory;
-    PARENT_RECORD *Found = nullptr;
-    ULONG Missing = 0;
-    while (NtFsdCountPathComponents(&At, VOLUME_COMPONENTS + 1) > VOLUME_COMPONENTS) {
-        Found = FindRecord(&At);
-        if (Found != nullptr) {
-            break;
+    PARENT_RECORD *Deepest = nullptr;
+    for (DirectoryWalk Walk(Directory); Walk.Next();) {
+        PARENT_RECORD *const Record = FindRecord(Deepest, Walk.Name());
+        if (Record == nullptr) {
+            ULONG Missing = 1;
+            for (DirectoryWalk Rest = Walk; Rest.Next();) {
+                ++Missing;
+            }
+            *Parent = MakeRecords(Directory, Walk, Missing, Deepest);
+            return *Parent != nullptr ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
         }
-        ++Missing;
-        At = NtFsdSplitPath(At).Front;
+        Deepest = Record;
     }
-    if (Missing == 0) {
-        if (Found != nullptr) {
-            ++Found->Below;
-        }
-        *Parent = Found;
-        return STATUS_SUCCESS;
+    if (Deepest != nullptr) {
+        ++Deepest->Below;
     }
-    *Parent = MakeRecords(Directory, Missing, Found);
-    return *Parent != nullptr ? STATUS_SUCCESS : STATUS_INSUFFICIENT_RESOURCES;
+    *Parent = Deepest;
+    return STATUS_SUCCESS;
 }
 
 VOID NtFsdReleaseParent(PARENT_RECORD *Parent) {
-    Release(Parent);
+    while (Parent != nullptr && --Parent->Below == 0) {
+        PARENT_RECORD *const Above = Parent->Parent;
+        Unlink(Parent);
+        if (Parent->BeginsBlock) {
+            TwFreeMemory(Parent);
+        }
+        Parent = Above;
+    }
 }
 
 bool NtFsdHasFcbBelow(PCUNICODE_STRING Path) {
-    UNICODE_STRING Directory = *Path;
-    return FindRecord(&Directory) != nullptr;
+    const PARENT_RECORD *Record = nullptr;
+    for (DirectoryWalk Walk(*Path); Walk.Next();) {
+        Record = FindRecord(Record, Walk.Name());
+        if (Record == nullptr) {
+            return false;
+        }
+    }
+    return Record != nullptr;
 }
