@@ -21,6 +21,9 @@ struct EntryRow {
     bool Binds, TestsCancel;
     bool RunInFront; // of the returning line
     NTSTATUS Bare;   // the answer to a file object without contexts
+    // The answer once the handle is cleaned up, while sections may go on using the file object; to a minor function.
+    NTSTATUS CleanedUp = STATUS_SUCCESS;
+    UCHAR MinorFunction = 0;
 };
 
 constexpr NTSTATUS NoHandle = STATUS_INVALID_HANDLE;
@@ -32,10 +35,13 @@ constexpr EntryRow Entries[] = {
     {IRP_MJ_SET_INFORMATION, "NtFsdSetInformation", 128, true, true, false, NoHandle},
     {IRP_MJ_FLUSH_BUFFERS, "NtFsdFlushBuffers", 16384, false, false, true, NoHandle},
     {IRP_MJ_QUERY_VOLUME_INFORMATION, "NtFsdQueryVolumeInformation", 256, true, true, false, NoHandle},
-    {IRP_MJ_DIRECTORY_CONTROL, "NtFsdDirectoryControl", 64, true, true, true, NoHandle},
-    {IRP_MJ_FILE_SYSTEM_CONTROL, "NtFsdFileSystemControl", 4096, true, true, false, STATUS_INVALID_DEVICE_REQUEST},
-    {IRP_MJ_DEVICE_CONTROL, "NtFsdDeviceControl", 4096, true, true, false, STATUS_INVALID_DEVICE_REQUEST},
-    {IRP_MJ_LOCK_CONTROL, "NtFsdLockControl", 32768, true, false, true, NoHandle},
+    {IRP_MJ_DIRECTORY_CONTROL, "NtFsdDirectoryControl", 64, true, true, true, NoHandle, STATUS_NOTIFY_CLEANUP,
+     IRP_MN_NOTIFY_CHANGE_DIRECTORY},
+    {IRP_MJ_FILE_SYSTEM_CONTROL, "NtFsdFileSystemControl", 4096, true, true, false, STATUS_INVALID_DEVICE_REQUEST,
+     STATUS_INVALID_DEVICE_REQUEST},
+    {IRP_MJ_DEVICE_CONTROL, "NtFsdDeviceControl", 4096, true, true, false, STATUS_INVALID_DEVICE_REQUEST,
+     STATUS_INVALID_DEVICE_REQUEST},
+    {IRP_MJ_LOCK_CONTROL, "NtFsdLockControl", 32768, true, false, true, NoHandle, STATUS_CANCELLED, IRP_MN_LOCK},
     {IRP_MJ_CLEANUP, "NtFsdCleanup", 1024, true, true, false, NoHandle},
 };
 
@@ -161,6 +167,54 @@ TEST_F(Entry, AFileObjectOfSomebodyElseIsNeitherReadNorFreed) {
         EXPECT_EQ(Each, 0u);
     }
     EXPECT_EQ(CallNames(), Lines{});
+}
+
+TEST_F(Entry, AHandleThatIsCleanedUpIsServedUntilItsClose) {
+    Start({.Switches = {{u"EnableDirectoryNotify", 1}}});
+    UCHAR Buffer[sizeof(FILE_BASIC_INFORMATION)] = {};
+    LARGE_INTEGER Bytes = {.QuadPart = 4};
+    for (const EntryRow &Row : Entries) {
+        const HANDLE Handle =
+            Row.MajorFunction == IRP_MJ_DIRECTORY_CONTROL
+                ? MustOpen(u"\\srv\\vol\\docs", {.Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT})
+                : MustOpen(u"\\srv\\vol\\a.txt", {.Access = FILE_READ_DATA | FILE_WRITE_DATA | SYNCHRONIZE});
+        const PFILE_OBJECT File = FileObject(Handle);
+        EXPECT_EQ(Send(Plain(IRP_MJ_CLEANUP, File)).Status, STATUS_SUCCESS);
+        IrpBuilder Builder = Plain(Row.MajorFunction, File);
+        Builder.MinorFunction = Row.MinorFunction;
+        Builder.StackFlags = Row.MajorFunction == IRP_MJ_LOCK_CONTROL ? SL_FAIL_IMMEDIATELY | SL_EXCLUSIVE_LOCK : 0;
+        Builder.UserBuffer = Builder.SystemBuffer = Buffer;
+        Builder.Fill = [&](PIO_STACK_LOCATION IrpSp) {
+            auto &Parameters = IrpSp->Parameters;
+            switch (Row.MajorFunction) {
+            case IRP_MJ_READ:
+            case IRP_MJ_WRITE:
+                Parameters.Read.Length = 4;
+                break;
+            case IRP_MJ_QUERY_INFORMATION:
+                Parameters.QueryFile.FileInformationClass = FileBasicInformation;
+                Parameters.QueryFile.Length = sizeof(Buffer);
+                break;
+            case IRP_MJ_SET_INFORMATION:
+                Parameters.SetFile.FileInformationClass = FilePositionInformation;
+                Parameters.SetFile.Length = sizeof(Buffer);
+                break;
+            case IRP_MJ_QUERY_VOLUME_INFORMATION:
+                Parameters.QueryVolume.FsInformationClass = FileFsDeviceInformation;
+                Parameters.QueryVolume.Length = sizeof(Buffer);
+                break;
+            case IRP_MJ_LOCK_CONTROL:
+                Parameters.LockControl.Length = &Bytes;
+                break;
+            default:
+                break;
+            }
+        };
+        EXPECT_EQ(Send(Builder).Status, Row.CleanedUp) << Row.Name;
+        EXPECT_EQ(Send(Plain(IRP_MJ_CLOSE, File)).Status, STATUS_SUCCESS) << Row.Name;
+        EXPECT_EQ(Provider.OpenHandles(), Lines{}) << Row.Name;
+        Close(Handle);
+    }
 }
 
 TEST_F(Entry, AnInstanceWithoutItsFcbGoesWithTheClose) {
