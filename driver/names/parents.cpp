@@ -17,7 +17,7 @@ struct PARENT_RECORD {
 
 namespace {
 
-constexpr ULONG BUCKET_BITS = 11;
+constexpr ULONG BUCKET_BITS = 10;
 
 DRIVER_GLOBAL PARENT_RECORD *Buckets[1u << BUCKET_BITS] UNDER(FcbTableResource) = {};
 
