@@ -84,8 +84,8 @@ TEST_F(Gdb, StopsInTheImageByNameAndByLineAndShowsTheWayThere) {
     // Out of the image's frames, by its own tables, and on to who called the driver.
     EXPECT_THAT(Shown, ContainsRegex("#0 +NtFsdCommonRead [^\n]*read\\.cpp:[0-9]+\n(.*\n)*"
                                      "#[0-9]+ [^\n]*Serve \\([^\n]*entry\\.cpp:[0-9]+\n(.*\n)*"
-                                     "#[0-9]+ [^\n]*embedded::CallDriver[^\n]*io_irp\\.cpp:[0-9]+\n(.*\n)*"
-                                     "#[0-9]+ [^\n]*NtReadFile [^\n]*zw_file\\.cpp:[0-9]+\n(.*\n)*"
+                                     "#[0-9]+ [^\n]*embedded::CallDriver[^\n]*irp\\.cpp:[0-9]+\n(.*\n)*"
+                                     "#[0-9]+ [^\n]*NtReadFile [^\n]*file\\.cpp:[0-9]+\n(.*\n)*"
                                      "#[0-9]+ [^\n]* main \\("));
     EXPECT_THAT(Shown, ContainsRegex("\n0x[0-9a-f]+ in [^\n]*entry\\.cpp:[0-9]+\n[0-9]+\t"))
         << "finished, in its caller";
