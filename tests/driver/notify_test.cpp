@@ -50,6 +50,24 @@ constexpr std::pair<std::u16string_view, Open> Changes[] = {
      {.Disposition = FILE_CREATE, .Options = FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT}},
 };
 
+TEST_F(Watching, IsListedByTheDumpOfTheTableWhileItLasts) {
+    Stop();
+    Start(
+        {.Switches = {
+             {u"EnableDirectoryNotify", 1}, {u"EnableDebug", 1}, {u"FsDisplayOutput", 1}, {u"FsDebugLevel", 0x40000}}});
+    const auto IsListed = [this] {
+        Printed.clear();
+        Close(Watch(u"\\srv\\vol"));
+        return WasPrinted(" - \\srv\\vol\\d\n");
+    };
+    const HANDLE Directory = Watch(u"\\srv\\vol\\d");
+    EXPECT_FALSE(IsListed());
+    const SentIrp Waits = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
+    EXPECT_TRUE(IsListed());
+    MakeFile(u"\\srv\\vol\\d\\new");
+    EXPECT_FALSE(IsListed());
+}
+
 TEST_F(Watching, WhatIsMadeOrDeletedEndsTheWaitsForFileNamesAndTheTreeBelowIsNotWatched) {
     Provider.AddFile(u"\\srv\\vol\\d\\old", "");
     Provider.AddDirectory(u"\\srv\\vol\\d\\deep");
