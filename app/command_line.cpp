@@ -5,7 +5,6 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
-#include "app/help.h"
 #include "app/text.h"
 
 namespace app {

@@ -8,6 +8,8 @@
 #include <fmt/format.h>
 
 #include "app/text.h"
+#include "embedded/names/logon.h"
+#include "embedded/names/names.h"
 
 namespace app {
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "embedded/names/logon.h"
 #include "embedded/ps/ps.h"
 #include "provider/class_factory.h"
 

@@ -246,10 +246,6 @@ void WriteFile(const std::filesystem::path &Name, const std::string &Text) {
 
 } // namespace
 
-std::string NoSuchVerb(const std::string &Word) {
-    return fmt::format("{}: no such verb; help lists them", Word);
-}
-
 std::string ProgramHelp(const VerbList &List, bool InConsole) {
     std::string Out;
     if (!InConsole) {

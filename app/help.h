@@ -8,8 +8,6 @@
 
 namespace app {
 
-std::string NoSuchVerb(const std::string &Word);
-
 // The whole program's; with InConsole what the console has, without the program's options.
 std::string ProgramHelp(const VerbList &List, bool InConsole);
 std::string VerbHelp(const Verb &Which, bool InConsole);

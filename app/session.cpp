@@ -15,8 +15,9 @@
 
 #include "app/remote_file.h"
 #include "app/text.h"
+#include "embedded/base/driver_stack.h"
 #include "embedded/image/symbols.h"
-#include "embedded/verifier/driver_stack.h"
+#include "embedded/names/logon.h"
 #include "embedded/verifier/report.h"
 #include "frame/status_translation.h"
 #include "kernel/linux/driver_image.h"

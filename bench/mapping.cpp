@@ -6,7 +6,9 @@
 #include <fmt/format.h>
 
 #include "bench/rows.h"
+#include "embedded/names/logon.h"
 #include "embedded/ps/ps.h"
+#include "embedded/rtl/counted.h"
 #include "provider/class_factory.h"
 
 namespace bench {

@@ -11,8 +11,8 @@
 #include <fmt/format.h>
 #include <unistd.h>
 
-#include "embedded/image/driver_image.h"
 #include "embedded/kernel.h"
+#include "embedded/loader/driver_image.h"
 #include "embedded/verifier/report.h"
 #include "kernel/linux/driver_image.h"
 #include "provider/framework.h"

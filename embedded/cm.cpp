@@ -4,10 +4,11 @@
 #include <memory>
 #include <mutex>
 
-#include "embedded/faults.h"
 #include "embedded/ob/ob.h"
+#include "embedded/rtl/counted.h"
+#include "embedded/verifier/faults.h"
 #include "embedded/verifier/rules.h"
-#include "embedded/zw/internal.h"
+#include "embedded/verifier/zw_rules.h"
 
 namespace embedded {
 namespace {

@@ -6,10 +6,12 @@
 #include <fmt/format.h>
 
 #include "embedded/dbg.h"
-#include "embedded/image/driver_image.h"
 #include "embedded/io/objects.h"
+#include "embedded/loader/driver_image.h"
+#include "embedded/mm/faults.h"
 #include "embedded/mm/mm.h"
 #include "embedded/mup.h"
+#include "embedded/names/names.h"
 #include "embedded/ps/ps.h"
 #include "embedded/se/se.h"
 #include "embedded/system_volume.h"
@@ -28,6 +30,7 @@ Kernel::Kernel(KernelOptions Options) : Options_(std::move(Options)) {
     if (Running.exchange(true)) {
         throw std::logic_error("a kernel is running already");
     }
+    WatchFaults();
     SetVerifierLevel(Options_.Verifier);
     SetDebugSink(Options_.DebugSink);
     SetSystemSize(Options_.SystemSize);

@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "embedded/ob/ob.h"
+#include "embedded/names/names.h"
 #include "kernel/kernel.h"
 
 namespace embedded {

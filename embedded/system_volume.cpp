@@ -13,9 +13,9 @@
 
 #include <unicode/unistr.h>
 
-#include "embedded/ob/ob.h"
+#include "embedded/io/create.h"
+#include "embedded/names/names.h"
 #include "embedded/rtl/upcase.h"
-#include "embedded/zw/zw.h"
 
 namespace embedded {
 namespace {

@@ -4,9 +4,9 @@
 #include <cstring>
 #include <vector>
 
-#include "embedded/image/driver_image.h"
 #include "embedded/image/symbols.h"
 #include "embedded/image/unwind.h"
+#include "embedded/loader/driver_image.h"
 #include "fuzz/require.h"
 #include "tests/support/small_image.h"
 
@@ -45,7 +45,7 @@ void CheckFormat(const ImageFormat &Format, size_t FileBytes) {
             "the unwind table lies in a section");
 }
 
-void CheckScopes(const DriverImage &Image, uint64_t Rip, const ImageFrame &At) {
+void CheckScopes(const LoadedImage &Image, uint64_t Rip, const ImageFrame &At) {
     std::vector<ImageScope> Scopes;
     if (ReadImageScopes(Image, Rip, At, &Scopes) != nullptr) {
         return;
@@ -58,7 +58,7 @@ void CheckScopes(const DriverImage &Image, uint64_t Rip, const ImageFrame &At) {
 }
 
 // From Rip up a stack whose words lead into the image, and to the stack itself.
-void Walk(const DriverImage &Image, uint64_t Rip) {
+void Walk(const LoadedImage &Image, uint64_t Rip) {
     alignas(16) uint64_t Stack[128];
     const auto Low = reinterpret_cast<uintptr_t>(Stack), High = reinterpret_cast<uintptr_t>(std::end(Stack));
     for (size_t Index = 0; Index < std::size(Stack); ++Index) {
@@ -81,7 +81,7 @@ void Walk(const DriverImage &Image, uint64_t Rip) {
     }
 }
 
-void WalkAll(const DriverImage &Image) {
+void WalkAll(const LoadedImage &Image) {
     // The places of a large table are much alike.
     constexpr uint32_t EntryBytes = 12, MostEntries = 256;
     const ImageFormat &Format = Image.Format();

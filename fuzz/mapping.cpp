@@ -6,6 +6,8 @@
 #include <vector>
 
 #include "embedded/kernel.h"
+#include "embedded/names/logon.h"
+#include "embedded/names/names.h"
 #include "embedded/se/se.h"
 #include "fuzz/require.h"
 #include "mapping/utf8.h"

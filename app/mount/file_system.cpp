@@ -13,7 +13,6 @@
 
 #include <fmt/format.h>
 
-#include "app/mount/serve.h"
 #include "app/text.h"
 
 namespace app::mount {

@@ -1,3 +1,5 @@
+#include <fmt/format.h>
+
 #include "app/config.h"
 #include "app/help.h"
 #include "app/verbs/verbs.h"
@@ -40,6 +42,10 @@ const Verb *FindVerb(const VerbList &List, const std::string &Name) {
         }
     }
     return nullptr;
+}
+
+std::string NoSuchVerb(const std::string &Word) {
+    return fmt::format("{}: no such verb; help lists them", Word);
 }
 
 } // namespace app

@@ -30,6 +30,8 @@ void AddMonitorVerbs(VerbList &List); // monitor, stats
 VerbList Verbs();
 // The verb of that name, or null.
 const Verb *FindVerb(const VerbList &List, const std::string &Name);
+// What to tell whoever names none.
+std::string NoSuchVerb(const std::string &Word);
 
 // Between the two, the waits of watch go on beside other verbs; the second ends them.
 void BeginConsoleWaits();

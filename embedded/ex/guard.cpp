@@ -10,7 +10,6 @@
 #include <fmt/format.h>
 
 #include "embedded/ex/ex.h"
-#include "embedded/mm/mm.h"
 
 namespace embedded {
 namespace {
@@ -62,7 +61,6 @@ void SetPoolGuards(bool On) {
 }
 
 void *AllocateGuarded(SIZE_T Bytes, SIZE_T Offset, ULONG Tag) {
-    WatchFaults();
     const SIZE_T Pages = PageOf(Bytes + PAGE_SIZE - 1);
     GuardedRooms &Place = All();
     std::lock_guard Guard(Place.Mutex);

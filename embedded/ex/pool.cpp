@@ -12,7 +12,8 @@
 #include "embedded/ex/ex.h"
 #include "embedded/ex/guard.h"
 #include "embedded/ex/live.h"
-#include "embedded/faults.h"
+#include "embedded/verifier/faults.h"
+#include "embedded/verifier/leaks.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/stack.h"
 
@@ -408,6 +409,25 @@ std::string TagText(ULONG Tag) {
     }
     return Text;
 }
+
+// Registered when the program starts; leaks are looked for long after.
+[[maybe_unused]] const bool LeakChecksRegistered = [] {
+    RegisterLeakCheck("pool", [] {
+        return DescribePool(PoolKind::Pool) + DescribePool(PoolKind::Irp) + DescribePool(PoolKind::Mdl) +
+               DescribePool(PoolKind::Object);
+    });
+    RegisterLeakCheck("resources and lookaside lists", [] {
+        std::string Text;
+        if (SIZE_T Count = LiveObjects(LiveKind::Resource)) {
+            Text += fmt::format("{} resources not deleted\n", Count);
+        }
+        if (SIZE_T Count = LiveObjects(LiveKind::Lookaside)) {
+            Text += fmt::format("{} lookaside lists not deleted\n", Count);
+        }
+        return Text;
+    });
+    return true;
+}();
 
 } // namespace embedded
 

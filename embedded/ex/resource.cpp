@@ -13,9 +13,9 @@
 
 #include "embedded/ex/ex.h"
 #include "embedded/ex/live.h"
-#include "embedded/explorer/schedule.h"
-#include "embedded/faults.h"
 #include "embedded/image/calls.h"
+#include "embedded/ke/schedule.h"
+#include "embedded/verifier/faults.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"
 

@@ -9,8 +9,8 @@
 
 #include <fmt/format.h>
 
-#include "embedded/explorer/schedule.h"
 #include "embedded/explorer/strategy.h"
+#include "embedded/ke/schedule.h"
 #include "embedded/verifier/locks.h"
 #include "embedded/verifier/report.h"
 
@@ -42,9 +42,9 @@ public:
 };
 
 // One schedule under way. Whoever runs has the turn, and is alone in here.
-class Scheduler {
+class Turns {
 public:
-    Scheduler(const Race &Of, Strategy &By) : Race_(Of), By_(By) {
+    Turns(const Race &Of, Strategy &By) : Race_(Of), By_(By) {
     }
 
     void Run() {
@@ -233,11 +233,11 @@ private:
     std::binary_semaphore Over_{0};
 };
 
-std::atomic<Scheduler *> Current{nullptr};
+std::atomic<Turns *> Current{nullptr};
 std::atomic<size_t> Tried{0}; // schedules of this exploration
 
 std::string NameSchedule() {
-    const Scheduler *Running = Current.load();
+    const Turns *Running = Current.load();
     return Running == nullptr ? std::string{}
                               : fmt::format("  at schedule {} of the race \"{}\": RVFSD_SCHEDULE={}\n", Tried.load(),
                                             Running->Of().Name, Running->Schedule());
@@ -249,6 +249,61 @@ void WriteSchedule() {
     static_cast<void>(!write(STDERR_FILENO, Text.data(), Text.size()));
 }
 
+// What the kernel's services ask, whichever schedule is under way.
+class Explorer final : public Scheduler {
+public:
+    void NTAPI Reach(const char *What, const void *Object) noexcept override {
+        if (Self != nullptr) {
+            Current.load()->Point(What, Object);
+        }
+    }
+    bool Block(LONGLONG Due) noexcept override {
+        if (Self == nullptr) {
+            return false;
+        }
+        Current.load()->Block(Due);
+        return true;
+    }
+    bool Wake(KThread &Thread) noexcept override {
+        if (Thread.Explored == nullptr || Self == nullptr) {
+            return false;
+        }
+        Current.load()->Wake(*Thread.Explored);
+        return true;
+    }
+    bool YieldForSpinLock(const void *Object) noexcept override {
+        if (Self == nullptr) {
+            return false;
+        }
+        Current.load()->Spin(Object);
+        return true;
+    }
+    void NTAPI SpinLockReleased(const void *Object) noexcept override {
+        if (Self != nullptr) {
+            Current.load()->Released(Object);
+        }
+    }
+    void Adopt(KThread &Thread) noexcept override {
+        if (Self != nullptr) {
+            ExploredThread &Explored = Current.load()->Add("a system thread");
+            Explored.Record = &Thread;
+            Thread.Explored = &Explored;
+        }
+    }
+    void Enter(KThread &Thread) noexcept override {
+        if (Thread.Explored != nullptr) {
+            Current.load()->Enter(*Thread.Explored);
+        }
+    }
+    void Leave() noexcept override {
+        if (Self != nullptr) {
+            Current.load()->Leave();
+        }
+    }
+};
+
+Explorer TheExplorer;
+
 struct Outcome {
     std::string Failure;
     size_t Points;
@@ -259,18 +314,19 @@ Outcome RunOne(const Race &Of, Strategy &By) {
         Of.Before();
     }
     // Kept until the next one: threads of the system that go on by themselves may still be on their way out of it.
-    static std::vector<std::unique_ptr<Scheduler>> Kept;
+    static std::vector<std::unique_ptr<Turns>> Kept;
     if (Kept.size() > 64) {
         Kept.erase(Kept.begin());
     }
-    Kept.push_back(std::make_unique<Scheduler>(Of, By));
-    Scheduler &Running = *Kept.back();
+    Kept.push_back(std::make_unique<Turns>(Of, By));
+    Turns &Running = *Kept.back();
     ReportNote.store(NameSchedule);
     if (__sanitizer_set_death_callback != nullptr) {
         __sanitizer_set_death_callback(WriteSchedule);
     }
     ++Tried;
     Current = &Running;
+    TheScheduler = &TheExplorer;
     ExplorerRuns = true;
     Running.Run();
     ExplorerRuns = false;
@@ -291,64 +347,6 @@ bool ReadNumber(std::string_view *Text, uint64_t *Number) {
 }
 
 } // namespace
-
-void NTAPI ReachPoint(const char *What, const void *Object) noexcept {
-    if (Self != nullptr) {
-        Current.load()->Point(What, Object);
-    }
-}
-
-bool BlockExplored(LONGLONG Due) noexcept {
-    if (Self == nullptr) {
-        return false;
-    }
-    Current.load()->Block(Due);
-    return true;
-}
-
-bool WakeExplored(KThread &Thread) noexcept {
-    if (Thread.Explored == nullptr || Self == nullptr) {
-        return false;
-    }
-    Current.load()->Wake(*Thread.Explored);
-    return true;
-}
-
-bool YieldForSpinLock(const void *Object) noexcept {
-    if (Self == nullptr) {
-        return false;
-    }
-    Current.load()->Spin(Object);
-    return true;
-}
-
-void SpinLockReleased(const void *Object) noexcept {
-    if (Self != nullptr) {
-        Current.load()->Released(Object);
-    }
-}
-
-ExploredThread *AdoptThread(KThread &Thread) noexcept {
-    if (Self == nullptr) {
-        return nullptr;
-    }
-    ExploredThread &Explored = Current.load()->Add("a system thread");
-    Explored.Record = &Thread;
-    Thread.Explored = &Explored;
-    return &Explored;
-}
-
-void EnterExplored(ExploredThread *Explored) noexcept {
-    if (Explored != nullptr) {
-        Current.load()->Enter(*Explored);
-    }
-}
-
-void LeaveExplored() noexcept {
-    if (Self != nullptr) {
-        Current.load()->Leave();
-    }
-}
 
 std::string RunSchedule(const Race &Of, const std::string &Schedule) {
     std::string_view Text = Schedule;

@@ -8,9 +8,9 @@
 
 #include "embedded/fsrtl/fsrtl.h"
 
-#include "embedded/explorer/schedule.h"
-#include "embedded/faults.h"
 #include "embedded/fsrtl/lock_table.h"
+#include "embedded/ke/schedule.h"
+#include "embedded/verifier/faults.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"
 

@@ -1,7 +1,7 @@
 #include "embedded/fsrtl/fsrtl.h"
 
-#include "embedded/faults.h"
 #include "embedded/mm/mm.h"
+#include "embedded/verifier/faults.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"
 

@@ -9,7 +9,8 @@
 
 #include <fmt/format.h>
 
-#include "embedded/verifier/driver_stack.h"
+#include "embedded/base/driver_stack.h"
+#include "embedded/base/time.h"
 #include "kernel/kernel.h"
 
 extern "C" {
@@ -178,7 +179,7 @@ std::string RaisingCall::Line(const std::string &Result) const {
 }
 
 void RaisingCall::Begin() noexcept {
-    Begun_ = Clock::SystemTime();
+    Begun_ = Time().SystemTime();
     OpenRaising = this;
 }
 
@@ -230,7 +231,7 @@ extern "C" {
 // The tracer's halves. The first takes the return address out of *ReturnSlot and says where to jump; the second gives
 // it back.
 void *NTAPI EmbeddedCallEntered(CallRecord *Record, const uint64_t *Arguments, void **ReturnSlot) noexcept {
-    OpenCall Call = {Record, *ReturnSlot, Clock::SystemTime(), CurrentThread().Irql, false, {}};
+    OpenCall Call = {Record, *ReturnSlot, Time().SystemTime(), CurrentThread().Irql, false, {}};
     memcpy(Call.Arguments, Arguments, sizeof(Call.Arguments));
     Open.push_back(Call);
     *ReturnSlot = reinterpret_cast<void *>(EmbeddedCallReturned);

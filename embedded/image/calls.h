@@ -11,10 +11,23 @@
 #include <string>
 #include <vector>
 
-#include "embedded/image/services.h"
-#include "embedded/ke/ke.h"
+#include "embedded/base/thread.h"
 
 namespace embedded {
+
+// What an image imports.
+enum class ResultKind : uint8_t { None, Byte, Word16, Word32, Status, Word64 };
+
+struct Service {
+    const char *Name;
+    void *Address;
+    ResultKind Result;
+    uint8_t Arguments; // those shown in a call trace; at most four
+    // May raise: its address is a gate that hands the exception to the image's own handlers.
+    bool Raises;
+    // Bytes of each argument that is shown; 0 for eight. The rest of its register has no meaning.
+    uint8_t Sizes[4];
+};
 
 enum class CallRecording { None, Counted, Traced };
 

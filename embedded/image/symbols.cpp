@@ -16,7 +16,7 @@
 #include <cxxabi.h>
 #include <fmt/format.h>
 
-#include "embedded/image/driver_image.h"
+#include "embedded/image/loaded_image.h"
 
 extern char **environ;
 
@@ -205,7 +205,7 @@ Cache &Known() {
     return Instance;
 }
 
-std::shared_ptr<const PdbSymbols> SymbolsOf(const DriverImage &Image) {
+std::shared_ptr<const PdbSymbols> SymbolsOf(const LoadedImage &Image) {
     if (Image.Pdb().empty()) {
         return nullptr;
     }
@@ -224,7 +224,7 @@ std::shared_ptr<const PdbSymbols> SymbolsOf(const DriverImage &Image) {
 }
 
 // The file beside the image is still the one of its build: the symbolizer reads it anew, and does not compare.
-bool IsPdbStillItsOwn(const DriverImage &Image) {
+bool IsPdbStillItsOwn(const LoadedImage &Image) {
     try {
         return ReadPdbIdentity(Image.Pdb()) == Image.Format().Pdb;
     } catch (const std::runtime_error &) {
@@ -232,7 +232,7 @@ bool IsPdbStillItsOwn(const DriverImage &Image) {
     }
 }
 
-std::optional<uint32_t> RvaOf(const DriverImage &Image, const PdbSymbols::Place &Place) {
+std::optional<uint32_t> RvaOf(const LoadedImage &Image, const PdbSymbols::Place &Place) {
     const auto &Sections = Image.Format().Sections;
     if (Place.Segment == 0 || Place.Segment > Sections.size()) {
         return std::nullopt;
@@ -250,7 +250,7 @@ std::string Readable(const std::string &Name) {
 }
 
 // Whether Rva lies in a function and is not its first byte.
-bool IsInsideFunction(const DriverImage &Image, uint32_t Rva) {
+bool IsInsideFunction(const LoadedImage &Image, uint32_t Rva) {
     const char *Table = Image.Base() + Image.Format().UnwindRva;
     for (uint32_t At = 0; At < Image.Format().UnwindBytes; At += 12) {
         uint32_t Bounds[2];
@@ -263,7 +263,7 @@ bool IsInsideFunction(const DriverImage &Image, uint32_t Rva) {
 }
 
 // The function before Rva, with the distance.
-std::string NearestSymbol(const DriverImage &Image, uint32_t Rva) {
+std::string NearestSymbol(const LoadedImage &Image, uint32_t Rva) {
     const auto Symbols = SymbolsOf(Image);
     if (Symbols == nullptr) {
         return fmt::format("0x{:x}", Rva);
@@ -311,7 +311,7 @@ PdbSymbols::PdbSymbols(std::vector<uint8_t> Bytes) {
     }
 }
 
-std::string DescribeImageAddress(const DriverImage &Image, const void *Address) {
+std::string DescribeImageAddress(const LoadedImage &Image, const void *Address) {
     const auto Rva = static_cast<uint32_t>(static_cast<const char *>(Address) - Image.Base());
     const std::string Module = Image.File().filename().string() + "!";
     if (!Image.Pdb().empty()) {
@@ -332,7 +332,7 @@ std::string DescribeImageAddress(const DriverImage &Image, const void *Address) 
     return Module + Printable(NearestSymbol(Image, Rva));
 }
 
-void *FindImageSymbol(const DriverImage &Image, std::string_view Name) {
+void *FindImageSymbol(const LoadedImage &Image, std::string_view Name) {
     const auto Symbols = SymbolsOf(Image);
     if (Symbols == nullptr) {
         return nullptr;

@@ -17,7 +17,7 @@
 
 namespace embedded {
 
-class DriverImage;
+class LoadedImage;
 
 // Which build the PDB in File belongs to. Throws std::runtime_error with the reason when it is none.
 PdbIdentity ReadPdbIdentity(const std::filesystem::path &File);
@@ -50,10 +50,10 @@ private:
 // "RVFSD.sys!NtFsdCommonRead driver\io\read.cpp:68", or with less where less is known:
 // "RVFSD.sys!NtFsdCommonRead+0x1c", "RVFSD.sys!0x1234". Address lies in Image; one behind the first byte of a function
 // is taken for where a call returns to.
-std::string DescribeImageAddress(const DriverImage &Image, const void *Address);
+std::string DescribeImageAddress(const LoadedImage &Image, const void *Address);
 
 // The address of a variable or function of the driver by the name the linker knows it by; null when the debug
 // information is missing or does not have it.
-void *FindImageSymbol(const DriverImage &Image, std::string_view Name);
+void *FindImageSymbol(const LoadedImage &Image, std::string_view Name);
 
 } // namespace embedded

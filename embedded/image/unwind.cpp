@@ -4,7 +4,8 @@
 #include <cstring>
 #include <optional>
 
-#include "embedded/verifier/stack.h"
+#include "embedded/base/thread.h"
+#include "embedded/image/symbols.h"
 
 namespace embedded {
 namespace {
@@ -30,7 +31,7 @@ struct UnwindTable {
 
 class Walker {
 public:
-    Walker(const DriverImage &Image, uintptr_t Low, uintptr_t High) : Image_(Image), Low_(Low), High_(High) {
+    Walker(const LoadedImage &Image, uintptr_t Low, uintptr_t High) : Image_(Image), Low_(Low), High_(High) {
     }
 
     // To the caller of *Context's frame. *Found tells of the frame that was left.
@@ -56,7 +57,7 @@ private:
     bool Apply(const UnwindTable &Table, uint32_t PrologOffset, uint64_t Base, UnwindContext *Context) const;
     bool ApplyCode(const UnwindTable &Table, unsigned Index, uint64_t Base, UnwindContext *Context) const;
 
-    const DriverImage &Image_;
+    const LoadedImage &Image_;
     uintptr_t Low_;
     uintptr_t High_;
 };
@@ -203,26 +204,26 @@ struct ScopeEntry {
 };
 
 // What a scope leads to is called, or jumped to.
-bool LeadsToCode(const DriverImage &Image, const ScopeEntry &Each) {
+bool LeadsToCode(const LoadedImage &Image, const ScopeEntry &Each) {
     const bool Always = Each.Target != 0 && Each.Handler == 1;
     return (Always || Image.IsCode(Each.Handler)) && (Each.Target == 0 || Image.IsCode(Each.Target));
 }
 
 } // namespace
 
-bool UnwindImageFrame(const DriverImage &Image, UnwindContext *Context, uintptr_t Low, uintptr_t High,
+bool UnwindImageFrame(const LoadedImage &Image, UnwindContext *Context, uintptr_t Low, uintptr_t High,
                       ImageFrame *Left) {
     ImageFrame Ignored;
     return Walker(Image, Low, High).Step(Context, Left != nullptr ? Left : &Ignored);
 }
 
-const ImageImport *HandlerOf(const DriverImage &Image, const ImageFrame &At) {
+const ImageImport *HandlerOf(const LoadedImage &Image, const ImageFrame &At) {
     constexpr uint16_t JumpThrough = 0x25FF;
     const ImageImport *Import = ImportThrough(Image, At.Handler, JumpThrough);
     return Import != nullptr && Import->Name == "__C_specific_handler" ? Import : nullptr;
 }
 
-const char *ReadImageScopes(const DriverImage &Image, uint64_t Rip, const ImageFrame &At,
+const char *ReadImageScopes(const LoadedImage &Image, uint64_t Rip, const ImageFrame &At,
                             std::vector<ImageScope> *Scopes) {
     Scopes->clear();
     if (At.HandlerData == nullptr) {
@@ -251,7 +252,7 @@ const char *ReadImageScopes(const DriverImage &Image, uint64_t Rip, const ImageF
     return nullptr;
 }
 
-const ImageImport *ImportThrough(const DriverImage &Image, uint64_t Rva, uint16_t Opcode) {
+const ImageImport *ImportThrough(const LoadedImage &Image, uint64_t Rva, uint16_t Opcode) {
     uint16_t Code;
     int32_t Distance;
     if (!ReadImage(Image, Rva, &Code) || Code != Opcode || !ReadImage(Image, Rva + 2, &Distance)) {
@@ -264,7 +265,7 @@ const ImageImport *ImportThrough(const DriverImage &Image, uint64_t Rva, uint16_
     return Found == Imports.end() ? nullptr : &*Found;
 }
 
-std::string DescribeImageFrames(const DriverImage &Image, const UnwindContext &From, UnwindContext *Behind) {
+std::string DescribeImageFrames(const LoadedImage &Image, const UnwindContext &From, UnwindContext *Behind) {
     const KThread &Thread = CurrentThread();
     UnwindContext At = From;
     *Behind = {};
@@ -274,7 +275,7 @@ std::string DescribeImageFrames(const DriverImage &Image, const UnwindContext &F
             *Behind = At;
             break;
         }
-        Text += "\n  in " + DescribeAddress(reinterpret_cast<void *>(At.Rip));
+        Text += "\n  in " + DescribeImageAddress(Image, reinterpret_cast<void *>(At.Rip));
         if (!UnwindImageFrame(Image, &At, Thread.StackLow, Thread.StackHigh)) {
             break;
         }

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "embedded/image/driver_image.h"
+#include "embedded/image/loaded_image.h"
 
 namespace embedded {
 
@@ -39,12 +39,12 @@ struct ImageFrame {
 
 // From a frame of the image to its caller; *Left, if wanted, tells of the frame that was left. False when the tables or
 // the stack do not lead there; *Context is then of no use. Low and High bound the stack.
-bool UnwindImageFrame(const DriverImage &Image, UnwindContext *Context, uintptr_t Low, uintptr_t High,
+bool UnwindImageFrame(const LoadedImage &Image, UnwindContext *Context, uintptr_t Low, uintptr_t High,
                       ImageFrame *Left = nullptr);
 
 // The import of the one language handler there is, reached through the image's jump to it; null when a frame that has a
 // handler has another.
-const ImageImport *HandlerOf(const DriverImage &Image, const ImageFrame &At);
+const ImageImport *HandlerOf(const LoadedImage &Image, const ImageFrame &At);
 
 // A part of a function that has a handler.
 struct ImageScope {
@@ -55,16 +55,16 @@ struct ImageScope {
 
 // The scopes of a frame that the place Rip lies in, innermost first; each leads to code. Nothing of the image is run.
 // Returns null, or why they cannot be followed.
-const char *ReadImageScopes(const DriverImage &Image, uint64_t Rip, const ImageFrame &At,
+const char *ReadImageScopes(const LoadedImage &Image, uint64_t Rip, const ImageFrame &At,
                             std::vector<ImageScope> *Scopes);
 
 // A line for each frame of the image from the one on that From is in. *Behind is the host's frame that called it, all
 // zero when the way there is lost.
-std::string DescribeImageFrames(const DriverImage &Image, const UnwindContext &From, UnwindContext *Behind);
+std::string DescribeImageFrames(const LoadedImage &Image, const UnwindContext &From, UnwindContext *Behind);
 
 // What lies at Rva, when the image keeps that readable.
 template <typename T>
-bool ReadImage(const DriverImage &Image, uint64_t Rva, T *Value) {
+bool ReadImage(const LoadedImage &Image, uint64_t Rva, T *Value) {
     if (Rva >= Image.Format().ImageSize || !Image.Readable(Image.Base() + Rva, sizeof(T))) {
         return false;
     }
@@ -73,9 +73,6 @@ bool ReadImage(const DriverImage &Image, uint64_t Rva, T *Value) {
 }
 
 // The import that the six bytes at Rva call or jump to through its slot; null when they are another instruction.
-const ImageImport *ImportThrough(const DriverImage &Image, uint64_t Rva, uint16_t Opcode);
-
-// The gates of the raising services: what an image's import slot points to.
-void *RaisingGate(const char *Service);
+const ImageImport *ImportThrough(const LoadedImage &Image, uint64_t Rva, uint16_t Opcode);
 
 } // namespace embedded

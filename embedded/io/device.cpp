@@ -5,10 +5,9 @@
 #include <fmt/format.h>
 
 #include "embedded/ex/ex.h"
-#include "embedded/faults.h"
 #include "embedded/io/objects.h"
-#include "embedded/mup.h"
 #include "embedded/ps/ps.h"
+#include "embedded/verifier/faults.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"
 
@@ -188,20 +187,6 @@ size_t FreeDriverObject(PDRIVER_OBJECT DriverObject) noexcept {
     const size_t Left = DeleteDevices(DriverObject);
     delete CONTAINING_RECORD(DriverObject, DriverRecord, Nt);
     return Left;
-}
-
-PDEVICE_OBJECT DeviceFromName(std::u16string_view Name) noexcept {
-    ParsedName Parsed;
-    if (!NT_SUCCESS(LookupName(Name, true, &Parsed)) || !Parsed.Remaining.empty()) {
-        return nullptr;
-    }
-    Ref<DeviceObject> Device;
-    if (Parsed.Target->Type() == ObjectType::Device) {
-        Device = std::move(Parsed.Target).As<DeviceObject>();
-    } else if (Parsed.Target->Type() == ObjectType::UncProvider) {
-        Device = DeviceOfProvider(*Parsed.Target.Get());
-    }
-    return Device ? &Device.Release()->Nt : nullptr;
 }
 
 void DereferenceDevice(PDEVICE_OBJECT Device) noexcept {

@@ -11,7 +11,6 @@
 #include "embedded/verifier/leaks.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/stack.h"
-#include "embedded/zw/zw.h"
 
 namespace embedded {
 namespace {
@@ -216,7 +215,7 @@ NTSTATUS CloseHandleTelling(HANDLE Handle) noexcept {
         }
     }
     CloseWitness *const Outer = std::exchange(Witness, &Told);
-    const NTSTATUS Status = NtClose(Handle);
+    const NTSTATUS Status = CloseHandle(Handle, PreviousMode());
     Witness = Outer;
     if (!NT_SUCCESS(Status)) {
         return Status;

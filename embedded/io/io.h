@@ -93,8 +93,6 @@ PFILE_OBJECT FileObjectFromHandle(HANDLE Handle) noexcept;
 // request, or else of the cleanup request, that closing Handle made this thread send. Requests that come later, since
 // somebody else still refers to the file, are not told.
 NTSTATUS CloseHandleTelling(HANDLE Handle) noexcept;
-// The device behind a name such as "\Device\RvFsd" with a reference for the caller; null when there is none.
-PDEVICE_OBJECT DeviceFromName(std::u16string_view Name) noexcept;
 void DereferenceDevice(PDEVICE_OBJECT Device) noexcept;
 // The descriptor that NtSetSecurityObject stored on the device, or null.
 const SECURITY_DESCRIPTOR *DeviceSecurity(PDEVICE_OBJECT Device) noexcept;

@@ -2,13 +2,14 @@
 
 #include <fmt/format.h>
 
-#include "embedded/explorer/schedule.h"
-#include "embedded/faults.h"
 #include "embedded/image/calls.h"
 #include "embedded/io/objects.h"
+#include "embedded/ke/schedule.h"
 #include "embedded/mm/mapping.h"
 #include "embedded/ps/ps.h"
 #include "embedded/verifier/answers.h"
+#include "embedded/verifier/faults.h"
+#include "embedded/verifier/locks.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"
 #include "embedded/verifier/stack.h"

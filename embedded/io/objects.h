@@ -15,7 +15,7 @@
 
 #include "embedded/io/io.h"
 #include "embedded/ke/ke.h"
-#include "embedded/ob/ob.h"
+#include "embedded/names/names.h"
 
 namespace embedded {
 

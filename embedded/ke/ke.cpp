@@ -10,12 +10,10 @@
 
 #include <fmt/format.h>
 
-#include "embedded/ex/ex.h"
-#include "embedded/explorer/schedule.h"
+#include "embedded/base/driver_stack.h"
+#include "embedded/base/process.h"
 #include "embedded/image/calls.h"
-#include "embedded/mm/mm.h"
-#include "embedded/ps/ps.h"
-#include "embedded/verifier/driver_stack.h"
+#include "embedded/ke/schedule.h"
 #include "embedded/verifier/locks.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"
@@ -77,7 +75,7 @@ __attribute__((noinline)) void NTAPI SpinForLock(KThread &Thread, PKSPIN_LOCK Sp
                                                                   std::memory_order_relaxed)) {
             return;
         }
-        if (ExplorerRuns.load(std::memory_order_relaxed) && YieldForSpinLock(SpinLock)) {
+        if (Scheduler *const Running = RunningScheduler(); Running != nullptr && Running->YieldForSpinLock(SpinLock)) {
             continue;
         }
         // The holder cannot be preempted in a real kernel; here it can, and must get the processor.
@@ -191,7 +189,9 @@ void EnterThread(KThread &Thread) {
 }
 
 void LeaveThread(KThread &Thread) {
-    FreeSpareMdl(Thread);
+    if (const PMDL Spare = std::exchange(Thread.SpareMdl, nullptr); Spare != nullptr) {
+        Thread.FreeSpareMdl(Spare);
+    }
     LeaveDriverStacks(Thread);
     TakeSignalStack(Thread);
     ThreadList &List = Threads();
@@ -239,15 +239,6 @@ void CheckThreadEnd(KThread &Thread) {
         BugCheck(bugcheck::IoVerifier, 0x02, AddressOf(Thread.TopLevelIrp), AddressOf(&Thread), 0,
                  "thread ended with a top-level IRP set");
     }
-}
-
-void NTAPI CloseGap(KThread &Thread, HeldLock *Held) noexcept {
-    std::copy(Held + 1, &Thread.Held[Thread.HeldCount] + 1, Held);
-}
-
-void NTAPI ReportTooManyLocks(const KThread &Thread) noexcept {
-    BugCheck(bugcheck::Verifier, bugcheck::OwnRule + 2, Thread.HeldCount, AddressOf(&Thread), 0,
-             "a thread holds too many locks\n" + DescribeHeldLocks(Thread));
 }
 
 KIRQL KeRaiseIrql(KIRQL NewIrql) {
@@ -327,8 +318,8 @@ VOID NTAPI KeReleaseSpinLock(PKSPIN_LOCK SpinLock, KIRQL NewIrql) noexcept {
     }
     OwnerOf(SpinLock).store(0, std::memory_order_release);
     Thread.Irql = NewIrql;
-    if (Verify && ExplorerRuns.load(std::memory_order_relaxed)) [[unlikely]] {
-        SpinLockReleased(SpinLock);
+    if (Scheduler *const Running = Verify ? RunningScheduler() : nullptr; Running != nullptr) [[unlikely]] {
+        Running->SpinLockReleased(SpinLock);
         SchedulePoint("KeReleaseSpinLock", SpinLock);
     }
 }

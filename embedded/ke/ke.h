@@ -6,7 +6,7 @@
 
 #include <limits>
 
-#include "embedded/ke/thread.h"
+#include "embedded/base/thread.h"
 
 namespace embedded {
 
@@ -66,8 +66,8 @@ public:
     // wait of this kernel: a delay, an event, a resource. The calling thread is not counted.
     static void Settle();
 
-    // Manual only: the time is Time from now on, unless it is later already; wakes nobody.
-    static void MoveTo(LONGLONG Time);
+    // Manual only: the time is To from now on, unless it is later already; wakes nobody.
+    static void MoveTo(LONGLONG To);
 
     // Interrupt time of the earliest timed wait; Never when there is none.
     static LONGLONG NextDue();
@@ -101,6 +101,9 @@ LONGLONG DueTime(const LARGE_INTEGER *Timeout);
 
 // Wakes everybody who waits for Thread, which has ended.
 void SignalThreadEnd(KThread &Thread);
+
+// Calls Visit for every thread record, under the list's lock: Visit may read only PoolBytes and PoolBlocks.
+void ForEachThread(void (*Visit)(KThread &, void *), void *Context);
 
 // Stops when the ending (Thread is the caller's) thread still holds a lock or is still in a critical region.
 void CheckThreadEnd(KThread &Thread);

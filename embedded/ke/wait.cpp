@@ -2,37 +2,20 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <ctime>
 #include <map>
 
 #include <fmt/format.h>
 
-#include "embedded/explorer/schedule.h"
+#include "embedded/base/time.h"
 #include "embedded/image/calls.h"
 #include "embedded/ke/ke.h"
-#include "embedded/ps/ps.h"
+#include "embedded/ke/schedule.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"
 #include "embedded/verifier/user_memory.h"
 
 namespace embedded {
 namespace {
-
-using SteadyClock = std::chrono::steady_clock;
-using Ticks = std::chrono::duration<LONGLONG, std::ratio<1, 10'000'000>>;
-
-// From 1601 to 1970.
-constexpr LONGLONG UnixEpoch = 116'444'736'000'000'000;
-
-LONGLONG SteadyTicks() {
-    return std::chrono::duration_cast<Ticks>(SteadyClock::now().time_since_epoch()).count();
-}
-
-LONGLONG RealTicks() {
-    timespec Now;
-    clock_gettime(CLOCK_REALTIME, &Now);
-    return UnixEpoch + Now.tv_sec * Clock::Second + Now.tv_nsec / 100;
-}
 
 struct Timer {
     KThread *Thread;
@@ -41,13 +24,6 @@ struct Timer {
 };
 
 struct ClockState {
-    std::atomic<bool> Manual{false};
-    std::atomic<LONGLONG> RunOffset{SteadyTicks()}; // running: interrupt time = steady time - RunOffset
-    std::atomic<LONGLONG> ManualNow{0};             // manual: the interrupt time
-    std::atomic<LONGLONG> ManualOffset{0};          // manual: system time = interrupt time + ManualOffset
-    std::atomic<LONGLONG> Boot{RealTicks()};
-    const LONGLONG RealBoot = Boot;
-
     std::mutex Mutex;
     std::multimap<LONGLONG, Timer *> Timers; // equal due times stay in order of arrival
 };
@@ -73,7 +49,7 @@ bool QueueTimer(Timer &Entry, LONGLONG Due) {
     std::lock_guard Guard(State().Mutex);
     Entry.Place = State().Timers.emplace(Due, &Entry);
     Entry.Queued = true;
-    return State().Manual;
+    return Time().Manual;
 }
 
 void RemoveTimer(Timer &Entry) {
@@ -112,8 +88,8 @@ bool FireNext(LONGLONG Limit) {
     if (First == Clock.Timers.end() || First->first > Limit) {
         return false;
     }
-    if (First->first > Clock.ManualNow) {
-        Clock.ManualNow = First->first;
+    if (First->first > Time().ManualNow) {
+        Time().ManualNow = First->first;
     }
     First->second->Queued = false;
     UnparkThread(*First->second->Thread);
@@ -199,6 +175,16 @@ void VerifyWait(const DISPATCHER_HEADER &Header, KPROCESSOR_MODE Mode, const LAR
     }
 }
 
+// In a delay: a thread that holds no lock ends here, as if it had called PsTerminateSystemThread itself.
+void EndIfMachineGoesDown() {
+    KThread &Thread = CurrentThread();
+    if (Thread.MustEnd && Thread.HeldCount == 0) {
+        Thread.StoppedInDelay = true;
+        Thread.CriticalRegions = 0;
+        PsTerminateSystemThread(STATUS_CANCELLED);
+    }
+}
+
 } // namespace
 
 void SettleEnter() {
@@ -227,7 +213,7 @@ void ParkThread(LONGLONG Due) {
     if (CallLinesWanted.load(std::memory_order_relaxed)) {
         WriteWaitingCall();
     }
-    if (ExplorerRuns.load(std::memory_order_relaxed) && BlockExplored(Due)) {
+    if (Scheduler *const Running = RunningScheduler(); Running != nullptr && Running->Block(Due)) {
         return;
     }
     if (Due == Clock::Never) {
@@ -241,14 +227,14 @@ void ParkThread(LONGLONG Due) {
         }
     } else {
         SteadyClock::time_point Deadline(
-            std::chrono::duration_cast<SteadyClock::duration>(Ticks(Due + State().RunOffset)));
+            std::chrono::duration_cast<SteadyClock::duration>(Ticks(Due + Time().RunOffset)));
         WaitForToken(Thread, &Deadline);
     }
     RemoveTimer(Entry);
 }
 
 void UnparkThread(KThread &Thread) {
-    if (ExplorerRuns.load(std::memory_order_relaxed) && WakeExplored(Thread)) {
+    if (Scheduler *const Running = RunningScheduler(); Running != nullptr && Running->Wake(Thread)) {
         return;
     }
     std::lock_guard Guard(Thread.ParkMutex);
@@ -265,10 +251,10 @@ void UnparkThread(KThread &Thread) {
 void Clock::SetManual(LONGLONG StartTime) {
     LONGLONG Now = InterruptTime();
     std::lock_guard Guard(State().Mutex);
-    State().ManualNow = Now;
-    State().ManualOffset = StartTime - Now;
-    State().Boot = StartTime;
-    State().Manual = true;
+    Time().ManualNow = Now;
+    Time().ManualOffset = StartTime - Now;
+    Time().Boot = StartTime;
+    Time().Manual = true;
     for (auto &[Due, Entry] : State().Timers) {
         UnparkThread(*Entry->Thread);
     }
@@ -276,10 +262,10 @@ void Clock::SetManual(LONGLONG StartTime) {
 
 void Clock::SetRunning() {
     std::lock_guard Guard(State().Mutex);
-    if (State().Manual) {
-        State().RunOffset = SteadyTicks() - State().ManualNow;
-        State().Boot = State().RealBoot;
-        State().Manual = false;
+    if (Time().Manual) {
+        Time().RunOffset = SteadyTicks() - Time().ManualNow;
+        Time().Boot = Time().RealBoot;
+        Time().Manual = false;
     }
     for (auto &[Due, Entry] : State().Timers) {
         UnparkThread(*Entry->Thread);
@@ -287,7 +273,7 @@ void Clock::SetRunning() {
 }
 
 bool Clock::IsManual() {
-    return State().Manual;
+    return Time().Manual;
 }
 
 void Clock::Advance(LONGLONG Units) {
@@ -295,17 +281,17 @@ void Clock::Advance(LONGLONG Units) {
         BugCheck(bugcheck::Verifier, bugcheck::OwnRule + 3, static_cast<ULONG_PTR>(Units), 0, 0,
                  "Clock::Advance needs a manual clock and moves forward only");
     }
-    const LONGLONG Target = State().ManualNow + Units;
+    const LONGLONG Target = Time().ManualNow + Units;
     Settle();
     while (FireNext(Target)) {
         Settle();
     }
-    State().ManualNow = Target;
+    Time().ManualNow = Target;
 }
 
-void Clock::MoveTo(LONGLONG Time) {
+void Clock::MoveTo(LONGLONG To) {
     std::lock_guard Guard(State().Mutex);
-    State().ManualNow = std::max<LONGLONG>(State().ManualNow, Time);
+    Time().ManualNow = std::max<LONGLONG>(Time().ManualNow, To);
 }
 
 void Clock::Settle() {
@@ -320,15 +306,15 @@ LONGLONG Clock::NextDue() {
 }
 
 LONGLONG Clock::InterruptTime() {
-    return State().Manual ? State().ManualNow.load() : SteadyTicks() - State().RunOffset;
+    return Time().InterruptTime();
 }
 
 LONGLONG Clock::SystemTime() {
-    return State().Manual ? State().ManualNow + State().ManualOffset : RealTicks();
+    return Time().SystemTime();
 }
 
 LONGLONG Clock::BootTime() {
-    return State().Boot;
+    return Time().Boot;
 }
 
 LONGLONG DueTime(const LARGE_INTEGER *Timeout) {
@@ -429,14 +415,10 @@ NTSTATUS NTAPI KeDelayExecutionThread(KPROCESSOR_MODE, BOOLEAN, PLARGE_INTEGER I
     }
     const LONGLONG Due = DueTime(Interval);
     do {
-        if (ThreadMustStop()) {
-            PsTerminateSystemThread(STATUS_CANCELLED);
-        }
+        EndIfMachineGoesDown();
         ParkThread(Due);
     } while (Clock::InterruptTime() < Due);
-    if (ThreadMustStop()) {
-        PsTerminateSystemThread(STATUS_CANCELLED);
-    }
+    EndIfMachineGoesDown();
     return STATUS_SUCCESS;
 }
 

@@ -1,24 +1,15 @@
 #include "embedded/mm/mapping.h"
 
-#include <atomic>
-#include <mutex>
 #include <sys/mman.h>
+
+#include "embedded/mm/faults.h"
+#include "embedded/mm/gone_mappings.h"
+#include "embedded/mm/mdl.h"
 
 namespace embedded {
 namespace {
 
 constexpr SIZE_T MostBytes = 16 * 1024 * 1024; // larger ones are mapped as themselves
-constexpr size_t GoneMappings = 64;
-
-struct Region {
-    std::atomic<ULONG_PTR> Start{0};
-    std::atomic<SIZE_T> Bytes{0};
-};
-
-std::mutex GoneMutex;
-Region Gone[GoneMappings];
-size_t NextGone = 0;
-
 // A mapping, and behind it the bytes as they were, which tell what was written.
 SIZE_T BytesOfPages(const MDL *Mdl) {
     return (SIZE_T{Mdl->ByteOffset} + Mdl->ByteCount + PAGE_SIZE - 1) & ~SIZE_T{PAGE_SIZE - 1};
@@ -81,28 +72,7 @@ void UnmapApart(const MDL *Mdl) {
     WriteBack(Mdl);
     const SIZE_T Bytes = 2 * BytesOfPages(Mdl);
     const ULONG_PTR Start = reinterpret_cast<ULONG_PTR>(Mdl->MappedSystemVa) - Mdl->ByteOffset;
-    // Gives the memory back, keeps the addresses.
-    static_cast<void>(mmap(reinterpret_cast<void *>(Start), Bytes, PROT_NONE,
-                           MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED | MAP_NORESERVE, -1, 0));
-    std::lock_guard Guard(GoneMutex);
-    Region &Oldest = Gone[NextGone++ % GoneMappings];
-    const ULONG_PTR OldStart = Oldest.Start.exchange(0);
-    if (OldStart != 0) {
-        munmap(reinterpret_cast<void *>(OldStart), Oldest.Bytes);
-    }
-    Oldest.Bytes = Bytes;
-    Oldest.Start = Start;
-}
-
-bool IsGoneMapping(const void *Address) {
-    const auto Value = reinterpret_cast<ULONG_PTR>(Address);
-    for (const Region &Each : Gone) {
-        const ULONG_PTR Start = Each.Start.load();
-        if (Start != 0 && Value >= Start && Value < Start + Each.Bytes.load()) {
-            return true;
-        }
-    }
-    return false;
+    GiveBackMapping(reinterpret_cast<void *>(Start), Bytes);
 }
 
 } // namespace embedded

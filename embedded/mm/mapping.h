@@ -2,10 +2,10 @@
 // stops, although the buffer itself is still there.
 //
 // The pages are not shared: a mapping is a copy, and what was written into it is brought to the buffer by WriteBack.
-// Mappings that were given back stay without access for a while. One mutex, innermost; IsGoneMapping takes none.
+// Mappings that were given back stay without access for a while (gone_mappings.h).
 #pragma once
 
-#include "embedded/mm/mm.h"
+#include "kernel/kernel.h"
 
 namespace embedded {
 
@@ -16,8 +16,5 @@ PVOID MapApart(const MDL *Mdl);
 void WriteBack(const MDL *Mdl);
 // Takes the MDL's mapping away, written back.
 void UnmapApart(const MDL *Mdl);
-
-// Whether Address lies in a mapping that was given back. May be called by a handler of signals.
-bool IsGoneMapping(const void *Address);
 
 } // namespace embedded

@@ -1,64 +1,17 @@
 #include "embedded/mm/mm.h"
 
-#include <algorithm>
-#include <csignal>
-#include <iterator>
-#include <ucontext.h>
+#include <atomic>
 #include <utility>
 
 #include <fmt/format.h>
 
+#include "embedded/base/process.h"
+#include "embedded/base/thread.h"
 #include "embedded/ex/ex.h"
-#include "embedded/ex/guard.h"
-#include "embedded/faults.h"
-#include "embedded/image/faults.h"
 #include "embedded/mm/mapping.h"
-#include "embedded/ps/ps.h"
-#include "embedded/verifier/driver_stack.h"
+#include "embedded/verifier/faults.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"
-#include "embedded/verifier/stack.h"
-
-// The guarded instructions: int Probe(const void *Address) returns 0, or 1 when the access faulted. They are no part
-// of any instrumented function, so that probing a redzone is no report.
-asm(R"(
-    .text
-    .p2align 4
-    .hidden EmbeddedProbeStart
-    .hidden EmbeddedProbeEnd
-    .hidden EmbeddedProbeFault
-    .hidden EmbeddedProbeRead
-    .hidden EmbeddedProbeWrite
-    .globl EmbeddedProbeStart
-    .globl EmbeddedProbeEnd
-    .globl EmbeddedProbeFault
-    .globl EmbeddedProbeRead
-    .globl EmbeddedProbeWrite
-EmbeddedProbeStart:
-    .type EmbeddedProbeRead, @function
-EmbeddedProbeRead:
-    movzbl (%rdi), %eax
-    xorl %eax, %eax
-    ret
-    .type EmbeddedProbeWrite, @function
-EmbeddedProbeWrite:
-    lock orb $0, (%rdi)
-    xorl %eax, %eax
-    ret
-EmbeddedProbeEnd:
-    .type EmbeddedProbeFault, @function
-EmbeddedProbeFault:
-    movl $1, %eax
-    ret
-)");
-
-extern "C" {
-extern const char EmbeddedProbeStart[];
-extern const char EmbeddedProbeEnd[];
-extern const char EmbeddedProbeFault[];
-int EmbeddedProbeRead(const void *Address);
-int EmbeddedProbeWrite(const void *Address);
-}
 
 namespace embedded {
 namespace {
@@ -68,69 +21,6 @@ constexpr ULONG_PTR UserStart = 0x10000;
 // the address space is not randomised.
 constexpr ULONG_PTR UserEnd = 0x00007FFFFFFFF000;
 constexpr ULONG MdlTag = 0x206C644D; // "Mdl "
-
-// The signals that a probe can cause, and those that a driver's image can cause besides.
-constexpr int Signals[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP};
-struct sigaction Old[std::size(Signals)];
-
-void PassOn(const struct sigaction &To, int Signal, siginfo_t *Info, void *Context) {
-    if (To.sa_flags & SA_SIGINFO) {
-        To.sa_sigaction(Signal, Info, Context);
-    } else if (To.sa_handler != SIG_DFL && To.sa_handler != SIG_IGN) {
-        To.sa_handler(Signal);
-    } else {
-        // The instruction faults again, now with the default action; a signal that was sent has to be sent again, and
-        // one that comes behind its instruction.
-        signal(Signal, SIG_DFL);
-        if (Info->si_code <= 0 || Signal == SIGTRAP) {
-            raise(Signal);
-        }
-    }
-}
-
-void OnFault(int Signal, siginfo_t *Info, void *Context) {
-    greg_t &Rip = static_cast<ucontext_t *>(Context)->uc_mcontext.gregs[REG_RIP];
-    auto Place = reinterpret_cast<const char *>(Rip);
-    if (Place >= EmbeddedProbeStart && Place < EmbeddedProbeEnd) {
-        Rip = reinterpret_cast<greg_t>(EmbeddedProbeFault);
-        return;
-    }
-    if (Info->si_code > 0 && Signal == SIGSEGV && IsGoneMapping(Info->si_addr)) {
-        ReportStackFrom(static_cast<ULONG_PTR>(static_cast<ucontext_t *>(Context)->uc_mcontext.gregs[REG_RBP]));
-        BugCheck(bugcheck::Verifier, bugcheck::OwnRule + 7, reinterpret_cast<ULONG_PTR>(Info->si_addr),
-                 static_cast<ULONG_PTR>(Rip), 0,
-                 fmt::format("{} was the mapping of pages that are unlocked by now, used at {}", Info->si_addr,
-                             DescribeAddress(Place)));
-    }
-    if (Info->si_code > 0) {
-        ReportFaultInImage(Signal, Info->si_addr, Context);
-    }
-    if (Info->si_code > 0 && Signal == SIGSEGV) {
-        const greg_t *Registers = static_cast<ucontext_t *>(Context)->uc_mcontext.gregs;
-        if (const ULONG_PTR Bytes = StackUsedUp(Info->si_addr, static_cast<ULONG_PTR>(Registers[REG_RSP]));
-            Bytes != 0) {
-            ReportStackFrom(static_cast<ULONG_PTR>(Registers[REG_RBP]));
-            BugCheck(0x7F, 8, reinterpret_cast<ULONG_PTR>(Info->si_addr), static_cast<ULONG_PTR>(Rip), 0,
-                     fmt::format("the stack is used up, {} bytes, at {}", Bytes, DescribeAddress(Place)));
-        }
-        if (const std::string Guarded = DescribeGuarded(Info->si_addr); !Guarded.empty()) {
-            BugCheck(0x50, reinterpret_cast<ULONG_PTR>(Info->si_addr), 0, static_cast<ULONG_PTR>(Rip), 0,
-                     fmt::format("touched memory at {} that nobody can{}", Info->si_addr, Guarded));
-        }
-    }
-    const auto *Which = std::find(std::begin(Signals), std::end(Signals), Signal);
-    PassOn(Old[Which - Signals], Signal, Info, Context);
-}
-
-void InstallHandler() {
-    struct sigaction New {};
-    New.sa_sigaction = OnFault;
-    New.sa_flags = SA_SIGINFO | SA_ONSTACK | SA_NODEFER;
-    sigemptyset(&New.sa_mask);
-    for (size_t Index = 0; Index < std::size(Signals); ++Index) {
-        sigaction(Signals[Index], &New, &Old[Index]);
-    }
-}
 
 ULONG_PTR AddressOf(const void *Pointer) {
     return reinterpret_cast<ULONG_PTR>(Pointer);
@@ -149,24 +39,6 @@ bool InUserHalf(ULONG_PTR Start, SIZE_T Length) {
     return Start >= UserStart && Start < UserEnd && Length <= UserEnd - Start;
 }
 
-// Touches the first byte of the range and of every page after it.
-bool TouchPages(ULONG_PTR Start, SIZE_T Length, int (*Probe)(const void *)) {
-    const ULONG_PTR Last = Start + Length - 1;
-    if (Last < Start) {
-        return false;
-    }
-    for (ULONG_PTR Page = Start;;) {
-        if (Probe(reinterpret_cast<const void *>(Page)) != 0) {
-            return false;
-        }
-        const ULONG_PTR Next = (Page & ~ULONG_PTR{PAGE_SIZE - 1}) + PAGE_SIZE;
-        if (Next == 0 || Next > Last) {
-            return true;
-        }
-        Page = Next;
-    }
-}
-
 __attribute__((noinline)) PMDL NTAPI NewMdl() noexcept {
     return static_cast<PMDL>(AllocatePool(PoolKind::Mdl, NonPagedPoolNx, sizeof(MDL), MdlTag));
 }
@@ -177,6 +49,11 @@ __attribute__((noinline)) void NTAPI DeleteMdl(PMDL Mdl) noexcept {
 
 // Each thread keeps the MDL that it freed last for its next transfer, out of the books as if it were freed. Under the
 // verifier every MDL is a block of its own, so that its misuse shows.
+void FreeSpareMdl(PMDL Mdl) noexcept {
+    CountPool(CurrentThread(), sizeof(MDL), 1);
+    DeleteMdl(Mdl);
+}
+
 PMDL TakeMdl() {
     KThread &Thread = CurrentThread();
     if (Thread.SpareMdl == nullptr || Verifying()) {
@@ -194,25 +71,10 @@ void GiveMdl(PMDL Mdl) {
     }
     CountPool(Thread, -static_cast<LONG64>(sizeof(MDL)), -1);
     Thread.SpareMdl = Mdl;
+    Thread.FreeSpareMdl = FreeSpareMdl;
 }
 
 } // namespace
-
-void FreeSpareMdl(KThread &Thread) {
-    if (PMDL Mdl = std::exchange(Thread.SpareMdl, nullptr); Mdl != nullptr) {
-        CountPool(CurrentThread(), sizeof(MDL), 1);
-        DeleteMdl(Mdl);
-    }
-}
-
-void WatchFaults() {
-    [[maybe_unused]] static const bool Installed = (InstallHandler(), true);
-}
-
-bool ProbeRange(const void *Address, SIZE_T Length, bool Write) {
-    WatchFaults();
-    return Length == 0 || TouchPages(AddressOf(Address), Length, Write ? EmbeddedProbeWrite : EmbeddedProbeRead);
-}
 
 bool ProbeUserRange(const void *Address, SIZE_T Length, bool Write) {
     if (Length == 0) {

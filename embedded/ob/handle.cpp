@@ -6,8 +6,9 @@
 
 #include <fmt/format.h>
 
+#include "embedded/base/process.h"
+#include "embedded/base/thread.h"
 #include "embedded/ob/ob.h"
-#include "embedded/ps/ps.h"
 #include "embedded/verifier/report.h"
 
 namespace embedded {
@@ -248,9 +249,6 @@ NTSTATUS ReferenceHandle(HANDLE Handle, ObjectType Type, ACCESS_MASK DesiredAcce
 }
 
 NTSTATUS CloseHandle(HANDLE Handle, KPROCESSOR_MODE Mode) noexcept {
-    if (IsThreadHandle(Handle)) {
-        return CloseThreadHandle(Handle) ? STATUS_SUCCESS : STATUS_INVALID_HANDLE;
-    }
     if (Mode == UserMode && HandleTable::IsKernelHandle(Handle)) {
         return STATUS_INVALID_HANDLE;
     }

@@ -11,9 +11,10 @@
 #include <fmt/format.h>
 
 #include "embedded/ex/ex.h"
-#include "embedded/explorer/schedule.h"
-#include "embedded/faults.h"
 #include "embedded/image/calls.h"
+#include "embedded/ke/schedule.h"
+#include "embedded/verifier/faults.h"
+#include "embedded/verifier/leaks.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"
 #include "embedded/verifier/stack.h"
@@ -27,8 +28,7 @@ struct SystemThread {
     PVOID Context = nullptr;
     std::thread Host;
     jmp_buf Exit;
-    bool Stopped = false; // ended in a delay, by StopSystemThreads
-    bool Ended = false;   // guarded by the table's mutex
+    bool Ended = false; // guarded by the table's mutex
 };
 
 // How long the host waits for system threads when the machine goes down.
@@ -44,7 +44,7 @@ struct ThreadTable {
     std::multimap<PVOID, ThreadPointer> References; // that the driver took
     ULONG_PTR NextHandle = FirstHandle;
     SIZE_T Running = 0;
-    std::atomic<bool> Stopping{false};
+    bool Stopping = false;
 
     // Kernel handles are negative, like those of the object manager, which starts elsewhere.
     static constexpr ULONG_PTR FirstHandle = 0xFFFFFFFF'A0000000;
@@ -61,9 +61,7 @@ constinit thread_local SystemThread *CurrentSystemThread = nullptr;
 struct ProcessTable {
     std::mutex Mutex;
     std::list<std::unique_ptr<_EPROCESS>> Processes;
-    ULONG_PTR NextId = SystemId + 4;
-
-    static constexpr ULONG_PTR SystemId = 4;
+    ULONG_PTR NextId = SystemProcessId + 4;
 };
 
 ProcessTable &Processes() {
@@ -79,7 +77,9 @@ __attribute__((noinline)) void RunStartRoutine(SystemThread &Thread) {
 }
 
 void ThreadMain(SystemThread &Thread) {
-    EnterExplored(Thread.Thread.Explored);
+    if (Scheduler *const Explorer = TheScheduler; Explorer != nullptr) {
+        Explorer->Enter(Thread.Thread);
+    }
     CurrentSystemThread = &Thread;
     EnterThread(Thread.Thread);
     OnDriverStack([&] { RunStartRoutine(Thread); });
@@ -95,7 +95,9 @@ void ThreadMain(SystemThread &Thread) {
         Table().Ended.notify_all();
     }
     SettleLeave();
-    LeaveExplored();
+    if (Scheduler *const Explorer = TheScheduler; Explorer != nullptr) {
+        Explorer->Leave();
+    }
 }
 
 // Joins the threads that have ended; the table is not locked.
@@ -113,7 +115,7 @@ void Reap() {
     }
     for (const ThreadPointer &Thread : Gone) {
         Thread->Host.join();
-        if (Thread->Stopped) {
+        if (Thread->Thread.StoppedInDelay) {
             FreePoolOfThread(Thread->Thread);
         }
     }
@@ -137,11 +139,6 @@ void AdvanceUntilEnded(LONGLONG Limit) {
 }
 
 } // namespace
-
-PEPROCESS SystemProcess() {
-    static _EPROCESS &System = *new _EPROCESS{ProcessTable::SystemId, "System", 0};
-    return &System;
-}
 
 PEPROCESS CreateProcess(std::string_view Name, TokenRef Token) {
     ProcessTable &All = Processes();
@@ -203,10 +200,11 @@ SIZE_T JoinSystemThreads(LONGLONG Limit) {
 
 void StopSystemThreads() {
     ThreadTable &All = Table();
-    All.Stopping = true;
     {
         std::unique_lock Lock(All.Mutex);
+        All.Stopping = true;
         for (const ThreadPointer &Thread : All.Threads) {
+            Thread->Thread.MustEnd = true;
             UnparkThread(Thread->Thread);
         }
         // A thread that waits for something that never happens, or runs without ever delaying, would hang the machine.
@@ -225,19 +223,24 @@ void StopSystemThreads() {
         // Who waits for a thread that the machine has ended never gets to give its reference back.
         std::lock_guard Guard(All.Mutex);
         All.References.clear();
+        All.Stopping = false;
     }
-    All.Stopping = false;
 }
 
-bool ThreadMustStop() {
-    SystemThread *Thread = CurrentSystemThread;
-    if (Thread == nullptr || !Table().Stopping || Thread->Thread.HeldCount != 0) {
-        return false;
-    }
-    Thread->Stopped = true;
-    Thread->Thread.CriticalRegions = 0;
+// Registered when the program starts; leaks are looked for long after.
+[[maybe_unused]] const bool LeakCheckRegistered = [] {
+    RegisterLeakCheck("threads", [] {
+        std::string Text;
+        if (SIZE_T Count = RunningSystemThreads()) {
+            Text += fmt::format("{} system threads running\n", Count);
+        }
+        if (SIZE_T Count = OpenThreadHandles()) {
+            Text += fmt::format("{} thread handles open\n", Count);
+        }
+        return Text;
+    });
     return true;
-}
+}();
 
 } // namespace embedded
 
@@ -261,9 +264,12 @@ NTSTATUS NTAPI PsCreateSystemThread(PHANDLE ThreadHandle, ULONG, POBJECT_ATTRIBU
     Thread->Context = StartContext;
 
     SchedulePoint("PsCreateSystemThread", nullptr);
-    AdoptThread(Thread->Thread);
+    if (Scheduler *const Explorer = TheScheduler; Explorer != nullptr) {
+        Explorer->Adopt(Thread->Thread);
+    }
     ThreadTable &All = Table();
     std::lock_guard Guard(All.Mutex);
+    Thread->Thread.MustEnd = All.Stopping;
     SettleEnter();
     try {
         // The thread keeps its record alive by itself: its handle may be closed while it runs.

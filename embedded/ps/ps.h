@@ -3,24 +3,14 @@
 // Processes are records with a name; a thread acts for one of them. The lists have one mutex each, held for no wait.
 #pragma once
 
-#include <atomic>
-#include <string>
 #include <string_view>
 
+#include "embedded/base/process.h"
 #include "embedded/ke/ke.h"
 #include "embedded/se/se.h"
 
-struct _EPROCESS {
-    ULONG_PTR UniqueProcessId;
-    std::string Name;
-    std::atomic<LONG64> LockedMdls;         // counted while Verifying()
-    embedded::TokenObject *Token = nullptr; // null: SYSTEM's. Referenced by the process
-};
-
 namespace embedded {
 
-// The process of the kernel itself; threads that never attached act for it. Lives for ever, id 4.
-PEPROCESS SystemProcess();
 // A new process; lives until DeleteProcess. Never NULL. Its threads act for Token, or for SYSTEM when there is none.
 PEPROCESS CreateProcess(std::string_view Name, Ref<TokenObject> Token = {});
 // Stops with 0xCB when pages are still locked for the process. No thread may act for it any more.
@@ -62,8 +52,5 @@ SIZE_T JoinSystemThreads(LONGLONG Limit = 60 * Clock::Second);
 // Waits for threads that are busy; one that has not come to a delay without a lock after a minute stops the process
 // with the place where it began.
 void StopSystemThreads();
-
-// TRUE in a system thread that StopSystemThreads wants ended; asked by the delays.
-bool ThreadMustStop();
 
 } // namespace embedded

@@ -10,8 +10,8 @@
 // from the longest down. A key holds 48 bits of hash and the name's length; a slot also holds the name's buffer, so
 // that a hit costs one slot and one buffer, and reads the entry only to choose between names that differ in case.
 
-#include "embedded/faults.h"
 #include "embedded/rtl/rtl.h"
+#include "embedded/verifier/faults.h"
 
 #include "embedded/rtl/prefix_index.h"
 #include "embedded/verifier/leaks.h"

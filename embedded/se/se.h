@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "embedded/ke/thread.h"
+#include "embedded/base/thread.h"
 #include "embedded/ob/ob.h"
 
 inline bool operator==(const LUID &Left, const LUID &Right) {
@@ -83,20 +83,13 @@ struct LogonSession {
     LUID Linked = {};
 };
 
-// A new logon session of an account, with its directory, and its token. Id {0, 0} takes the next free one.
-TokenRef LogOn(ULONG User, Elevation Kind = Elevation::Default, LUID Id = {});
-
-// The two sessions of an administrator whose logon is split, linked to each other. An id {0, 0} takes the next free
-// one.
-struct SplitLogon {
-    TokenRef Filtered;
-    TokenRef Elevated;
-};
-SplitLogon LogOnSplit(ULONG User, LUID ElevatedId = {});
-
-// The session ends: its directory goes with all links in it, and nobody finds it as a linked session any more. Tokens
-// that are still held stay usable.
-void LogOff(const TokenObject &Token) noexcept;
+// A new logon session of an account, which has no directory yet, and its token. Id {0, 0} takes the next free one. Who
+// logs on goes through names/logon.h.
+Ref<TokenObject> NewSession(ULONG User, Elevation Kind, LUID Id);
+// Each finds the other as its linked one.
+void LinkSessions(const TokenObject &One, const TokenObject &Other);
+// Nobody finds it as a linked session any more. Tokens that are still held stay usable.
+void EndSession(LogonSession &Session) noexcept;
 
 // Of the calling thread: the token it impersonates, else its process's.
 TokenObject &EffectiveToken() noexcept;

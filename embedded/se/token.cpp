@@ -4,15 +4,11 @@
 #include <cstring>
 #include <mutex>
 
-#include <fmt/format.h>
-#include <fmt/xchar.h>
-
-#include "embedded/faults.h"
-#include "embedded/ps/ps.h"
+#include "embedded/base/process.h"
 #include "embedded/se/se.h"
-#include "embedded/verifier/leaks.h"
+#include "embedded/verifier/faults.h"
 #include "embedded/verifier/rules.h"
-#include "embedded/zw/internal.h"
+#include "embedded/verifier/zw_rules.h"
 
 namespace embedded {
 namespace {
@@ -29,12 +25,6 @@ Sessions &TheSessions() {
 }
 
 std::atomic<ULONG> NextTokenId{1};
-
-std::u16string DirectoryOf(LUID Id) {
-    const std::string Name =
-        fmt::format("\\Sessions\\0\\DosDevices\\{:08X}-{:08X}", static_cast<ULONG>(Id.HighPart), Id.LowPart);
-    return {Name.begin(), Name.end()};
-}
 
 // The token that stands for the kernel itself, and for processes that were given none.
 TokenObject &SystemToken() {
@@ -62,13 +52,6 @@ std::shared_ptr<LogonSession> FindSession(Sessions &In, LUID Id) {
     return nullptr;
 }
 
-void Link(const TokenRef &One, const TokenRef &Other) {
-    std::lock_guard Lock(TheSessions().Mutex);
-    One->Session->HasLinked = Other->Session->HasLinked = true;
-    One->Session->Linked = Other->Session->Id;
-    Other->Session->Linked = One->Session->Id;
-}
-
 } // namespace
 
 TokenObject::TokenObject(std::shared_ptr<LogonSession> Of, ULONG Account, Elevation How, TOKEN_TYPE Type,
@@ -79,42 +62,32 @@ TokenObject::TokenObject(std::shared_ptr<LogonSession> Of, ULONG Account, Elevat
 
 TokenObject::~TokenObject() = default;
 
-TokenRef LogOn(ULONG User, Elevation Kind, LUID Id) {
+TokenRef NewSession(ULONG User, Elevation Kind, LUID Id) {
     Sessions &In = TheSessions();
     auto Session = std::make_shared<LogonSession>();
-    {
-        std::lock_guard Lock(In.Mutex);
-        Session->Id = Id == LUID{} ? LUID{In.NextLow++, 0} : Id;
-    }
-    Session->User = User;
-    Session->DosDevices =
-        CreateSessionDirectory(DirectoryOf(Session->Id), {true, MakeAcl({{true, GENERIC_ALL, UserSid(User)},
-                                                                         {true, GENERIC_ALL, AdministratorsSid},
-                                                                         {true, GENERIC_ALL, SystemSid}})});
-    auto Token = TokenRef::Adopt(new TokenObject(Session, User, Kind, TokenPrimary, SecurityAnonymous));
     std::lock_guard Lock(In.Mutex);
+    Session->Id = Id == LUID{} ? LUID{In.NextLow++, 0} : Id;
+    Session->User = User;
+    auto Token = TokenRef::Adopt(new TokenObject(Session, User, Kind, TokenPrimary, SecurityAnonymous));
     Session->Primary = Token;
     In.All.push_back(std::move(Session));
     return Token;
 }
 
-SplitLogon LogOnSplit(ULONG User, LUID ElevatedId) {
-    SplitLogon Logon = {LogOn(User, Elevation::Limited), LogOn(User, Elevation::Full, ElevatedId)};
-    Link(Logon.Filtered, Logon.Elevated);
-    return Logon;
+void LinkSessions(const TokenObject &One, const TokenObject &Other) {
+    std::lock_guard Lock(TheSessions().Mutex);
+    One.Session->HasLinked = Other.Session->HasLinked = true;
+    One.Session->Linked = Other.Session->Id;
+    Other.Session->Linked = One.Session->Id;
 }
 
-void LogOff(const TokenObject &Token) noexcept {
-    LogonSession &Session = *Token.Session;
-    {
-        Sessions &In = TheSessions();
-        TokenRef Primary; // a token and its session hold each other until here
-        std::lock_guard Lock(In.Mutex);
-        Session.Live = false;
-        Primary = std::exchange(Session.Primary, {});
-        std::erase_if(In.All, [&](const auto &Each) { return Each.get() == &Session; });
-    }
-    RemoveName(DirectoryOf(Session.Id));
+void EndSession(LogonSession &Session) noexcept {
+    Sessions &In = TheSessions();
+    TokenRef Primary; // a token and its session hold each other until here
+    std::lock_guard Lock(In.Mutex);
+    Session.Live = false;
+    Primary = std::exchange(Session.Primary, {});
+    std::erase_if(In.All, [&](const auto &Each) { return Each.get() == &Session; });
 }
 
 TokenObject &EffectiveToken() noexcept {

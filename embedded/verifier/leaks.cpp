@@ -5,8 +5,7 @@
 
 #include <fmt/format.h>
 
-#include "embedded/ex/ex.h"
-#include "embedded/ps/ps.h"
+#include "embedded/verifier/locks.h"
 #include "embedded/verifier/report.h"
 
 namespace embedded {
@@ -18,7 +17,7 @@ struct LeakChecks {
 };
 
 LeakChecks &Leaks() {
-    static LeakChecks Instance;
+    static LeakChecks &Instance = *new LeakChecks;
     return Instance;
 }
 
@@ -30,21 +29,7 @@ void RegisterLeakCheck(std::string_view Name, std::function<std::string()> Check
 }
 
 std::string DescribeLeaks() {
-    std::string Text = DescribePool(PoolKind::Pool) + DescribePool(PoolKind::Irp) + DescribePool(PoolKind::Mdl) +
-                       DescribePool(PoolKind::Object);
-    if (SIZE_T Count = LiveObjects(LiveKind::Resource)) {
-        Text += fmt::format("{} resources not deleted\n", Count);
-    }
-    if (SIZE_T Count = LiveObjects(LiveKind::Lookaside)) {
-        Text += fmt::format("{} lookaside lists not deleted\n", Count);
-    }
-    Text += DescribeHeldLocks(CurrentThread());
-    if (SIZE_T Count = RunningSystemThreads()) {
-        Text += fmt::format("{} system threads running\n", Count);
-    }
-    if (SIZE_T Count = OpenThreadHandles()) {
-        Text += fmt::format("{} thread handles open\n", Count);
-    }
+    std::string Text = DescribeHeldLocks(CurrentThread());
     std::map<std::string, std::function<std::string()>, std::less<>> Checks;
     {
         std::lock_guard Guard(Leaks().Mutex);
@@ -60,8 +45,7 @@ std::string DescribeLeaks() {
 
 void VerifyNothingLeft() {
     if (std::string Text = DescribeLeaks(); !Text.empty()) {
-        BugCheck(bugcheck::Verifier, bugcheck::LeakAtUnload, static_cast<ULONG_PTR>(PoolBlocksInUse()),
-                 static_cast<ULONG_PTR>(PoolBytesInUse()), 0, "left behind:\n" + Text);
+        BugCheck(bugcheck::Verifier, bugcheck::LeakAtUnload, 0, 0, 0, "left behind:\n" + Text);
     }
 }
 

@@ -1,6 +1,8 @@
 #include "embedded/verifier/locks.h"
 
+#include <algorithm>
 #include <map>
+#include <mutex>
 #include <set>
 #include <unordered_map>
 #include <vector>
@@ -159,6 +161,15 @@ SeenEdge &SeenSlot(KThread &Thread, const void *From, const void *To) {
 }
 
 } // namespace
+
+void NTAPI CloseGap(KThread &Thread, HeldLock *Held) noexcept {
+    std::copy(Held + 1, &Thread.Held[Thread.HeldCount] + 1, Held);
+}
+
+void NTAPI ReportTooManyLocks(const KThread &Thread) noexcept {
+    BugCheck(bugcheck::Verifier, bugcheck::OwnRule + 2, Thread.HeldCount, reinterpret_cast<ULONG_PTR>(&Thread), 0,
+             "a thread holds too many locks\n" + DescribeHeldLocks(Thread));
+}
 
 static_assert(SeenEdges == 64, "SeenSlot takes six bits");
 

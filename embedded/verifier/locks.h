@@ -7,9 +7,41 @@
 
 #include <string>
 
-#include "embedded/ke/ke.h"
+#include "embedded/base/thread.h"
 
 namespace embedded {
+
+// ---- The locks that a thread holds: spin locks and resources -------------------------------------------------
+
+// In these Where is the caller's return address.
+inline HeldLock *FindHeld(KThread &Thread, const void *Lock) {
+    for (ULONG Index = Thread.HeldCount; Index-- > 0;) {
+        if (Thread.Held[Index].Lock == Lock) {
+            return &Thread.Held[Index];
+        }
+    }
+    return nullptr;
+}
+
+[[noreturn]] void NTAPI ReportTooManyLocks(const KThread &Thread) noexcept;
+
+inline void PushHeld(KThread &Thread, PVOID Lock, LockKind Kind, PVOID Where) {
+    if (Thread.HeldCount == MaximumHeldLocks) [[unlikely]] {
+        ReportTooManyLocks(Thread);
+    }
+    Thread.Held[Thread.HeldCount++] = {Lock, Where, 1, Kind};
+}
+
+// Moves the locks behind Held, which were taken later, one place down.
+void NTAPI CloseGap(KThread &Thread, HeldLock *Held) noexcept;
+
+inline void DropHeld(KThread &Thread, HeldLock *Held) {
+    if (Held != &Thread.Held[--Thread.HeldCount]) {
+        CloseGap(Thread, Held);
+    }
+}
+
+// ---- Their order ---------------------------------------------------------------------------------------------
 
 // Names a lock and puts it into a class: edges between classes are kept when their locks go. A lock may only be taken
 // while every held named lock has a rank not above its own; rank 0 takes no part in ranks.

@@ -6,10 +6,10 @@
 
 #include <fmt/format.h>
 
+#include "embedded/base/driver_stack.h"
+#include "embedded/base/thread.h"
 #include "embedded/image/calls.h"
-#include "embedded/image/driver_image.h"
-#include "embedded/ke/thread.h"
-#include "embedded/verifier/driver_stack.h"
+#include "embedded/image/loaded_image.h"
 #include "embedded/verifier/stack.h"
 
 namespace embedded {
@@ -61,10 +61,6 @@ void WriteToStderr(std::string_view Text) {
 void BugCheck(ULONG Code, ULONG_PTR P1, ULONG_PTR P2, ULONG_PTR P3, ULONG_PTR P4, std::string_view What) {
     OnHostStack([&] { Stop(Code, P1, P2, P3, P4, What); });
     std::abort();
-}
-
-void SetVerifierLevel(VerifierLevel Level) {
-    CurrentVerifierLevel.store(Level, std::memory_order_relaxed);
 }
 
 } // namespace embedded

@@ -1,14 +1,14 @@
 // What the embedded kernel does when a driver breaks a rule of the platform: it stops.
 //
 // Every violation ends the process with a report that carries the numbers Driver Verifier would show, so that one
-// line means one thing in both worlds. Owns the level switch. Nothing here blocks. Checks that cost something ask
-// Verifying() first; those that are free stay on at every level.
+// line means one thing in both worlds. Nothing here blocks.
 #pragma once
 
 #include <atomic>
 #include <string>
 #include <string_view>
 
+#include "embedded/base/level.h"
 #include "kernel/kernel.h"
 
 namespace embedded {
@@ -73,16 +73,5 @@ inline constexpr ULONG_PTR OwnRule = 0x000F0000;   // rules of this kernel that 
 
 // Adds lines to every report, when set.
 inline std::atomic<std::string (*)()> ReportNote{nullptr};
-
-enum class VerifierLevel { Off, On };
-
-inline std::atomic<VerifierLevel> CurrentVerifierLevel{VerifierLevel::On};
-
-inline bool Verifying() {
-    return CurrentVerifierLevel.load(std::memory_order_relaxed) == VerifierLevel::On;
-}
-
-// May be switched while the kernel is at rest: no lock held, no call into the driver running.
-void SetVerifierLevel(VerifierLevel Level);
 
 } // namespace embedded

@@ -5,8 +5,8 @@
 #include <string_view>
 #include <utility>
 
-#include "embedded/ke/thread.h"
-#include "embedded/verifier/driver_stack.h"
+#include "embedded/base/driver_stack.h"
+#include "embedded/base/thread.h"
 #include "embedded/verifier/report.h"
 
 namespace embedded {

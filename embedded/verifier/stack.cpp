@@ -6,10 +6,10 @@
 
 #include <fmt/format.h>
 
+#include "embedded/base/thread.h"
 #include "embedded/image/calls.h"
 #include "embedded/image/symbols.h"
 #include "embedded/image/unwind.h"
-#include "embedded/ke/thread.h"
 
 namespace embedded {
 namespace {
@@ -18,7 +18,7 @@ thread_local ULONG_PTR ReportedFrame = 0;
 
 // Through the frames of an image, which keeps no frame pointers, by its unwind tables: from the frame that a function
 // of the image called to the host's frame behind it, whose frame pointer it returns; 0 when the way is lost.
-ULONG_PTR WalkImage(const DriverImage &Image, PVOID Return, ULONG_PTR Frame, PVOID *Frames, size_t Count,
+ULONG_PTR WalkImage(const LoadedImage &Image, PVOID Return, ULONG_PTR Frame, PVOID *Frames, size_t Count,
                     size_t *Found) {
     const KThread &Thread = CurrentThread();
     UnwindContext Context = {};
@@ -58,7 +58,7 @@ __attribute__((noinline, no_sanitize("address"), no_sanitize("thread"))) size_t 
         }
         Frames[Found++] = Return;
         ULONG_PTR Next = Words[0];
-        if (const DriverImage *Image = ImageOf(Return)) {
+        if (const LoadedImage *Image = ImageOf(Return)) {
             Next = WalkImage(*Image, Return, Frame, Frames, Count, &Found);
         }
         if (Next <= Frame) {
@@ -82,7 +82,7 @@ PointersWithin(const void *Start, size_t Bytes, const void *Low, const void *Hig
 }
 
 std::string DescribeAddress(const void *Address) {
-    if (const DriverImage *Image = ImageOf(Address)) {
+    if (const LoadedImage *Image = ImageOf(Address)) {
         return DescribeImageAddress(*Image, Address);
     }
     Dl_info Info;

@@ -6,15 +6,6 @@
 
 #include "kernel/kernel.h"
 
-// How a routine in assembler begins, so that whoever walks the frame pointers or unwinds finds its frame.
-#define ASM_ENTER_FRAME                                                                                                \
-    "    .cfi_startproc\n"                                                                                             \
-    "    pushq %rbp\n"                                                                                                 \
-    "    .cfi_def_cfa_offset 16\n"                                                                                     \
-    "    .cfi_offset %rbp, -16\n"                                                                                      \
-    "    movq %rsp, %rbp\n"                                                                                            \
-    "    .cfi_def_cfa_register %rbp\n"
-
 namespace embedded {
 
 // What this thread reports next happened in the frame at Frame, not in the caller's: a handler of signals has a stack

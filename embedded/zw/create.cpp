@@ -5,7 +5,9 @@
 #include "embedded/system_volume.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"
-#include "embedded/zw/internal.h"
+#include "embedded/verifier/zw_rules.h"
+#include "embedded/zw/request.h"
+#include "embedded/zw/zw.h"
 
 namespace embedded {
 namespace {
@@ -218,13 +220,6 @@ CreateResult OpenOnDevice(Destination &To, const CreateParameters &Parameters, P
 }
 
 } // namespace
-
-void CheckZwString(PCUNICODE_STRING String) noexcept {
-    if (Verifying() && String != nullptr && ((String->Length & 1) || String->Length > String->MaximumLength)) {
-        BugCheck(bugcheck::Verifier, bugcheck::MalformedString, reinterpret_cast<ULONG_PTR>(String), String->Length,
-                 String->MaximumLength, "a Zw routine was given a string of odd length, or longer than its buffer");
-    }
-}
 
 CreateResult CreateFile(const CreateParameters &Parameters) noexcept {
     RequireIrql(IrqlRuleOf("NtCreateFile"));

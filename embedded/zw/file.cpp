@@ -2,7 +2,9 @@
 
 #include "embedded/system_volume.h"
 #include "embedded/verifier/rules.h"
-#include "embedded/zw/internal.h"
+#include "embedded/verifier/zw_rules.h"
+#include "embedded/zw/request.h"
+#include "embedded/zw/zw.h"
 
 namespace embedded {
 namespace {

@@ -2,10 +2,11 @@
 #include <cstring>
 #include <span>
 
-#include "embedded/faults.h"
 #include "embedded/verifier/answers.h"
+#include "embedded/verifier/faults.h"
 #include "embedded/verifier/rules.h"
-#include "embedded/zw/internal.h"
+#include "embedded/zw/request.h"
+#include "embedded/zw/zw.h"
 
 namespace embedded {
 namespace {

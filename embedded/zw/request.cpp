@@ -4,7 +4,7 @@
 #include "embedded/ex/ex.h"
 #include "embedded/verifier/answers.h"
 #include "embedded/verifier/rules.h"
-#include "embedded/zw/internal.h"
+#include "embedded/zw/request.h"
 
 namespace embedded {
 

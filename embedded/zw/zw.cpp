@@ -2,11 +2,23 @@
 
 #include <cstring>
 
+#include "embedded/io/objects.h"
 #include "embedded/ps/ps.h"
 #include "embedded/verifier/rules.h"
-#include "embedded/zw/internal.h"
+#include "embedded/verifier/zw_rules.h"
 
 namespace embedded {
+namespace {
+
+// Threads have handles of their own.
+NTSTATUS CloseAny(HANDLE Handle, KPROCESSOR_MODE Mode) {
+    if (IsThreadHandle(Handle)) {
+        return CloseThreadHandle(Handle) ? STATUS_SUCCESS : STATUS_INVALID_HANDLE;
+    }
+    return CloseHandle(Handle, Mode);
+}
+
+} // namespace
 
 NTSTATUS CreateEventHandle(EVENT_TYPE Type, bool Signalled, HANDLE *Handle) noexcept {
     const auto Event = Ref<EventObject>::Adopt(new EventObject(Type, Signalled));
@@ -19,12 +31,12 @@ using namespace embedded;
 
 NTSTATUS NTAPI NtClose(HANDLE Handle) noexcept {
     RequireIrql(IrqlRuleOf("NtClose"));
-    return CloseHandle(Handle, PreviousMode());
+    return CloseAny(Handle, PreviousMode());
 }
 
 NTSTATUS NTAPI ZwClose(HANDLE Handle) noexcept {
     RequireIrql(IrqlRuleOf("ZwClose"));
-    return CloseHandle(Handle, KernelMode);
+    return CloseAny(Handle, KernelMode);
 }
 
 NTSTATUS NTAPI NtWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout) noexcept {

@@ -8,36 +8,10 @@
 // I/O manager leaves the block alone when the driver fails a request at once).
 #pragma once
 
-#include "embedded/ob/ob.h"
+#include "embedded/io/create.h"
 #include "kernel/kernel.h"
 
 namespace embedded {
-
-// Everything that an open can ask for.
-struct CreateParameters {
-    POBJECT_ATTRIBUTES ObjectAttributes = nullptr;
-    ACCESS_MASK DesiredAccess = 0;
-    PLARGE_INTEGER AllocationSize = nullptr;
-    ULONG FileAttributes = 0;
-    ULONG ShareAccess = 0;
-    ULONG Disposition = FILE_OPEN;
-    ULONG Options = 0;
-    PVOID EaBuffer = nullptr;
-    ULONG EaLength = 0;
-    KPROCESSOR_MODE Mode = UserMode;
-    // Further flags of the stack location: SL_OPEN_TARGET_DIRECTORY, SL_OPEN_PAGING_FILE, SL_FORCE_ACCESS_CHECK.
-    UCHAR StackFlags = 0;
-    // The checks of arguments that the I/O manager makes for callers in user mode; off, every combination reaches the
-    // driver.
-    bool CheckParameters = true;
-};
-
-struct CreateResult {
-    NTSTATUS Status = STATUS_UNSUCCESSFUL;
-    ULONG_PTR Information = 0; // what the driver completed with, also on failure
-    HANDLE Handle = nullptr;
-    bool Asked = false; // the driver was asked: a refusal is its own
-};
 
 // Opens or creates a file. Blocks until the driver has answered.
 CreateResult CreateFile(const CreateParameters &Parameters) noexcept;
@@ -98,14 +72,5 @@ NTKERNELAPI NTSTATUS NTAPI NtNotifyChangeDirectoryFile(HANDLE FileHandle, HANDLE
                                                        PVOID ApcContext, PIO_STATUS_BLOCK IoStatusBlock, PVOID Buffer,
                                                        ULONG Length, ULONG CompletionFilter,
                                                        BOOLEAN WatchTree) noexcept;
-// Symbolic link objects. OBJ_PERMANENT is SYSTEM's privilege; what a link's security does not give is denied.
-NTKERNELAPI NTSTATUS NTAPI NtCreateSymbolicLinkObject(PHANDLE LinkHandle, ACCESS_MASK DesiredAccess,
-                                                      POBJECT_ATTRIBUTES ObjectAttributes,
-                                                      PUNICODE_STRING LinkTarget) noexcept;
-NTKERNELAPI NTSTATUS NTAPI NtOpenSymbolicLinkObject(PHANDLE LinkHandle, ACCESS_MASK DesiredAccess,
-                                                    POBJECT_ATTRIBUTES ObjectAttributes) noexcept;
-NTKERNELAPI NTSTATUS NTAPI NtQuerySymbolicLinkObject(HANDLE LinkHandle, PUNICODE_STRING LinkTarget,
-                                                     PULONG ReturnedLength) noexcept;
-NTKERNELAPI NTSTATUS NTAPI NtMakeTemporaryObject(HANDLE Handle) noexcept;
 // Waits for an event or for the last request of an asynchronous file.
 NTKERNELAPI NTSTATUS NTAPI NtWaitForSingleObject(HANDLE Handle, BOOLEAN Alertable, PLARGE_INTEGER Timeout) noexcept;

@@ -8,6 +8,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "providers/directory/last_look.h"
 #include "providers/directory/names.h"
 #include "providers/directory/state.h"
 
@@ -412,6 +413,15 @@ RVSTATUS NTAPI ModifyFileAccess(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG Acc
 }
 
 } // namespace
+
+FileObject::~FileObject() {
+    if (Node != nullptr) {
+        Node->Leave(this);
+        Nodes.Release(Node);
+    } else if (Query != 0) {
+        KeepLook(*this);
+    }
+}
 
 void FillFileSlots(RVIOM_FSD_TABLE &Table) {
     Table.RVFsdCreateFile = &CreateFile;

@@ -9,6 +9,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "providers/directory/last_look.h"
 #include "providers/directory/names.h"
 #include "providers/directory/state.h"
 

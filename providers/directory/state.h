@@ -19,7 +19,6 @@
 #include "providers/directory/directory_provider.h"
 #include "providers/directory/file_nodes.h"
 #include "providers/directory/handle_table.h"
-#include "providers/directory/last_look.h"
 #include "providers/directory/metadata.h"
 #include "providers/directory/name_cache.h"
 #include "providers/directory/pending_deletes.h"
@@ -154,14 +153,8 @@ struct FileObject final : Object {
     FileObject(Export *In, UniqueFd Opened, int Flags, ObjectKey ObjectKeyValue, std::string Path, FileNodes &All)
         : Object(KIND_FILE, In, std::move(Opened), ObjectKeyValue, std::move(Path)), Nodes(All), OpenFlags(Flags) {
     }
-    ~FileObject() override {
-        if (Node != nullptr) {
-            Node->Leave(this);
-            Nodes.Release(Node);
-        } else if (Query != 0) {
-            KeepLook(*this);
-        }
-    }
+    // Leaves its node; of a query open what was seen is kept (last_look.h).
+    ~FileObject() override;
 
     // Whether the descriptor only names the file: nothing is read, written or locked through it.
     bool NamesOnly() const {

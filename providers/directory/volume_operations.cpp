@@ -7,6 +7,7 @@
 #include <sys/statvfs.h>
 #include <unistd.h>
 
+#include "providers/directory/last_look.h"
 #include "providers/directory/state.h"
 
 namespace providers::directory {

@@ -1,6 +1,8 @@
 // A client of the published class: it maps letters as the users and sessions of a machine do.
 #pragma once
 
+#include "embedded/names/logon.h"
+#include "embedded/names/names.h"
 #include "embedded/se/se.h"
 #include "embedded/verifier/rules.h"
 #include "mapping/drive_mapping.h"

@@ -4,7 +4,7 @@
 #include <iostream>
 
 #include "embedded/explorer/explorer.h"
-#include "embedded/explorer/schedule.h"
+#include "embedded/ke/schedule.h"
 #include "frame/async_queue.h"
 #include "provider/binding.h"
 #include "provider/class_factory.h"

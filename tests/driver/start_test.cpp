@@ -3,6 +3,8 @@
 
 #include "embedded/mm/mm.h"
 #include "embedded/mup.h"
+#include "embedded/names/names.h"
+#include "embedded/rtl/counted.h"
 #include "frame/configuration.h"
 #include "frame/driver.h"
 #include "frame/fast_io.h"

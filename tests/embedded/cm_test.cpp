@@ -1,4 +1,5 @@
 #include "embedded/cm.h"
+#include "embedded/rtl/counted.h"
 
 #include <cstring>
 

@@ -6,8 +6,8 @@
 #include <thread>
 
 #include "embedded/ex/guard.h"
-#include "embedded/faults.h"
 #include "embedded/ps/ps.h"
+#include "embedded/verifier/faults.h"
 #include "embedded/verifier/report.h"
 #include "tests/embedded/planted.h"
 

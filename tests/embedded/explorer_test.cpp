@@ -8,7 +8,7 @@
 #include <gmock/gmock.h>
 
 #include "embedded/ex/ex.h"
-#include "embedded/explorer/schedule.h"
+#include "embedded/ke/schedule.h"
 #include "tests/embedded/io_fixture.h"
 
 namespace embedded {

@@ -3,11 +3,12 @@
 
 #include <memory>
 
-#include "embedded/image/driver_image.h"
-#include "embedded/image/layouts.h"
 #include "embedded/image/symbols.h"
 #include "embedded/image/unwind.h"
 #include "embedded/ke/ke.h"
+#include "embedded/loader/driver_image.h"
+#include "embedded/loader/layouts.h"
+#include "embedded/loader/raise.h"
 #include "tests/app/program.h"
 #include "tests/support/small_image.h"
 

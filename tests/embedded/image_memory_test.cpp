@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "embedded/image/services.h"
+#include "embedded/loader/services.h"
 #include "kernel/kernel.h"
 
 namespace embedded {

@@ -13,6 +13,7 @@
 #include "embedded/io/io.h"
 #include "embedded/kernel.h"
 #include "embedded/mup.h"
+#include "embedded/rtl/counted.h"
 #include "embedded/zw/zw.h"
 
 namespace iotest {

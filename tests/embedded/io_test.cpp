@@ -1,10 +1,12 @@
 #include "embedded/io/objects.h"
 #include "embedded/ob/ob.h"
 #include "embedded/ps/ps.h"
+#include "embedded/rtl/counted.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/user_memory.h"
 #include "io_fixture.h"
 #include "planted.h"
+#include "tests/support/devices.h"
 
 namespace {
 
@@ -32,7 +34,7 @@ TEST_F(IoRequestTest, AnEntryThatTheDriverDoesNotServeIsRefused) {
               STATUS_SUCCESS);
     EXPECT_EQ(SendIrpAndWait(Bare->DeviceObject, Request(IRP_MJ_READ)).Status, STATUS_INVALID_DEVICE_REQUEST);
     EXPECT_EQ(FreeDriverObject(Bare), 1u);
-    EXPECT_EQ(DeviceFromName(u"\\Device\\Bare"), nullptr);
+    EXPECT_EQ(test::DeviceFromName(u"\\Device\\Bare"), nullptr);
 }
 
 TEST_F(IoRequestTest, WhatMakesARequestSynchronous) {

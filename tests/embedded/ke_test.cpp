@@ -7,8 +7,8 @@
 #include <gtest/gtest.h>
 
 #include "embedded/dbg.h"
-#include "embedded/faults.h"
 #include "embedded/ps/ps.h"
+#include "embedded/verifier/faults.h"
 
 namespace embedded {
 namespace {

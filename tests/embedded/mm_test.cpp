@@ -1,3 +1,4 @@
+#include "embedded/mm/faults.h"
 #include "embedded/mm/mm.h"
 
 #include <csignal>
@@ -8,8 +9,8 @@
 #include <gtest/gtest.h>
 
 #include "embedded/ex/ex.h"
-#include "embedded/faults.h"
 #include "embedded/ps/ps.h"
+#include "embedded/verifier/faults.h"
 
 namespace embedded {
 namespace {

@@ -1,3 +1,4 @@
+#include "embedded/names/names.h"
 #include "embedded/ob/ob.h"
 
 #include "embedded/ps/ps.h"

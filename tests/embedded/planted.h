@@ -7,6 +7,8 @@
 #include <fmt/format.h>
 #include <gtest/gtest.h>
 
+#include "embedded/mm/faults.h"
+
 namespace embedded {
 
 struct PlantedFault {
@@ -30,6 +32,7 @@ class PlantedFaults : public testing::TestWithParam<PlantedFault> {
 protected:
     void SetUp() override {
         GTEST_FLAG_SET(death_test_style, "threadsafe");
+        WatchFaults(); // a kernel does so when it boots, and most of these have none
     }
 };
 

@@ -1,3 +1,4 @@
+#include "embedded/rtl/counted.h"
 #include "embedded/rtl/rtl.h"
 
 #include "embedded/ob/ob.h"

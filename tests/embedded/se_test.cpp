@@ -4,9 +4,12 @@
 
 #include <gtest/gtest.h>
 
-#include "embedded/faults.h"
 #include "embedded/kernel.h"
+#include "embedded/names/logon.h"
+#include "embedded/names/names.h"
 #include "embedded/ps/ps.h"
+#include "embedded/rtl/counted.h"
+#include "embedded/verifier/faults.h"
 #include "embedded/zw/zw.h"
 
 namespace {

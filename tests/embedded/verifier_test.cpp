@@ -1,3 +1,4 @@
+#include "embedded/mm/faults.h"
 #include "embedded/verifier/leaks.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"

@@ -1,6 +1,7 @@
 #include <thread>
 
 #include "embedded/ps/ps.h"
+#include "embedded/rtl/counted.h"
 #include "embedded/system_volume.h"
 #include "io_fixture.h"
 #include "tests/app/program.h"

@@ -4,8 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "embedded/image/driver_image.h"
-#include "embedded/image/layouts.h"
+#include "embedded/loader/driver_image.h"
+#include "embedded/loader/layouts.h"
 #include "provider/framework.h"
 
 using namespace testing;

@@ -10,7 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include "embedded/image/driver_image.h"
+#include "embedded/loader/driver_image.h"
 #include "embedded/verifier/rules.h"
 #include "provider/framework.h"
 #include "tests/support/driver_under_test.h"

@@ -2,7 +2,8 @@
 
 #include <mutex>
 
-#include "embedded/verifier/driver_stack.h"
+#include "embedded/base/driver_stack.h"
+#include "embedded/rtl/counted.h"
 #include "tests/support/driver_under_test.h"
 
 namespace test {

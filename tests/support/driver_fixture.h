@@ -21,14 +21,16 @@
 #include <fmt/format.h>
 
 #include "embedded/ex/ex.h"
-#include "embedded/faults.h"
 #include "embedded/io/io.h"
 #include "embedded/kernel.h"
 #include "embedded/ps/ps.h"
+#include "embedded/rtl/counted.h"
+#include "embedded/verifier/faults.h"
 #include "embedded/zw/zw.h"
 #include "names/fcb.h"
 #include "providers/framework/framework.h"
 #include "providers/scripted/scripted_provider.h"
+#include "tests/support/devices.h"
 
 namespace test {
 

@@ -1,9 +1,9 @@
-#include "embedded/image/services.h"
+#include "embedded/loader/services.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "embedded/image/unwind.h"
+#include "embedded/loader/raise.h"
 #include "embedded/verifier/report.h"
 #include "kernel/kernel.h"
 

@@ -1,6 +1,6 @@
-#include "providers/conformance/conformance.h"
-
 #include "providers/conformance/checker.h"
+
+#include "providers/conformance/conformance.h"
 #include "providers/wide_text.h"
 
 namespace providers {

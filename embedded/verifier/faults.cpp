@@ -1,4 +1,4 @@
-#include "embedded/faults.h"
+#include "embedded/verifier/faults.h"
 
 #include <mutex>
 #include <numeric>

@@ -7,10 +7,11 @@
 
 #include <fmt/format.h>
 
-#include "embedded/faults.h"
-#include "embedded/ob/tree.h"
+#include "embedded/names/names.h"
+#include "embedded/names/tree.h"
+#include "embedded/verifier/faults.h"
 #include "embedded/verifier/rules.h"
-#include "embedded/zw/internal.h"
+#include "embedded/verifier/zw_rules.h"
 
 namespace embedded {
 namespace {

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "embedded/image/calls.h"
-#include "embedded/image/format.h"
+#include "embedded/image/loaded_image.h"
 #include "kernel/kernel.h"
 
 namespace embedded {
@@ -61,7 +61,7 @@ struct LoaderEntry {
 static_assert(offsetof(LoaderEntry, DllBase) == 0x30 && offsetof(LoaderEntry, SizeOfImage) == 0x40 &&
               offsetof(LoaderEntry, BaseDllName) == 0x58 && offsetof(LoaderEntry, CheckSum) == 0x78);
 
-class DriverImage {
+class DriverImage final : public LoadedImage {
 public:
     // Reads, checks, maps and binds File. Throws ImageError when it cannot be read, is none, needs what this kernel
     // does not have (all unresolved imports are named in one line), when its table of record layouts differs from
@@ -71,45 +71,15 @@ public:
     DriverImage(const std::filesystem::path &File, std::span<const uint8_t> Bytes, const ImageOptions &Options);
     // Unmaps it, unless something still points into it: then the memory stays as it is.
     ~DriverImage();
-    DriverImage(const DriverImage &) = delete;
-    DriverImage &operator=(const DriverImage &) = delete;
 
-    const std::filesystem::path &File() const {
-        return File_;
-    }
-    const ImageFormat &Format() const {
-        return Format_;
-    }
-    char *Base() const {
-        return Base_;
-    }
-    bool Contains(const void *Address) const {
-        return static_cast<const char *>(Address) >= Base_ &&
-               static_cast<const char *>(Address) < Base_ + Format_.ImageSize;
-    }
-    // The Size bytes at Address lie in one section that can be read, and will be for as long as the image is loaded.
-    // What the image says about itself is read only where this is so.
-    bool Readable(const void *Address, size_t Size) const;
-    // A function can begin at Rva.
-    bool IsCode(uint32_t Rva) const;
     PDRIVER_INITIALIZE Entry() const {
         return reinterpret_cast<PDRIVER_INITIALIZE>(Base_ + Format_.EntryRva);
     }
     LoaderEntry *Section() {
         return &Section_;
     }
-    // The address of what the image exports, or null.
-    void *Export(std::string_view Name) const;
     // The driver has started: sections that only the start needs are taken away.
     void DiscardStartSections();
-    // Where the debug information lies beside the image; empty when there is none.
-    const std::filesystem::path &Pdb() const {
-        return Pdb_;
-    }
-    // What it imports, in the order of the file, and how often each was called while that was recorded.
-    const std::vector<std::unique_ptr<CallRecord>> &Calls() const {
-        return Stubs_->Records();
-    }
     // One line for people: name, version of the format, checksum, identifier of the build.
     std::string Describe() const;
 
@@ -122,19 +92,9 @@ private:
     void FindPdb();
     void CompareLayouts();
 
-    std::filesystem::path File_;
-    std::filesystem::path Pdb_;
-    ImageFormat Format_;
     std::u16string Name_;
-    char *Base_ = nullptr;
     LoaderEntry Section_ = {};
-    std::unique_ptr<CallStubs> Stubs_;
 };
-
-// The image that contains Address, or null. Images are few; the list is read without a lock.
-DriverImage *ImageOf(const void *Address) noexcept;
-
-bool AnyImage() noexcept;
 
 // A line for each thing of this kernel that still points into Image: threads, devices, requests, files, callbacks,
 // locks, tables. Called when the kernel has stopped.

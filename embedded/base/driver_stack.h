@@ -1,5 +1,6 @@
 // The stack that the driver has. While it is verified it runs on as much as a kernel's thread has on Windows, with
-// pages without access below: one step too many stops at once.
+// pages without access below: one step too many stops at once, by the handler of faults that a kernel installs when it
+// boots (mm/faults.h).
 //
 // A driver's stack is a part of the thread's own, some megabytes below its upper end, and what the driver calls that is
 // no kernel's (a Provider, what receives output) goes on below the guard, in the host's room. Addresses only fall on
@@ -9,8 +10,8 @@
 
 #include <string_view>
 
-#include "embedded/ke/thread.h"
-#include "embedded/verifier/report.h"
+#include "embedded/base/level.h"
+#include "embedded/base/thread.h"
 
 namespace embedded {
 

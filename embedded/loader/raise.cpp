@@ -1,16 +1,18 @@
 // The raise of an exception by a service into a loaded image: the gates that the image calls, the search for a handler
 // and the way to it.
+#include "embedded/loader/raise.h"
+
 #include <algorithm>
 #include <cstring>
 
 #include <fmt/format.h>
 
+#include "embedded/base/frame.h"
 #include "embedded/fsrtl/fsrtl.h"
 #include "embedded/image/calls.h"
 #include "embedded/image/unwind.h"
 #include "embedded/mm/mm.h"
 #include "embedded/verifier/report.h"
-#include "embedded/verifier/stack.h"
 
 namespace embedded {
 namespace {
@@ -49,7 +51,7 @@ thread_local unsigned Deep = 0;
 
 class Raise {
 public:
-    Raise(uint32_t Code, const UnwindContext &Origin, const DriverImage &Image)
+    Raise(uint32_t Code, const UnwindContext &Origin, const LoadedImage &Image)
         : Origin_(Origin), Image_(Image), Code_(Code) {
         Record_.Code = Code;
         // Whoever raises in a service does not come back to it.
@@ -76,7 +78,7 @@ private:
     [[noreturn]] void NotTaken(std::string_view Why);
 
     const UnwindContext &Origin_;
-    const DriverImage &Image_;
+    const LoadedImage &Image_;
     uint32_t Code_;
     ExceptionRecord Record_ = {};
     MachineContext Machine_ = {};
@@ -231,7 +233,7 @@ uint32_t NTAPI EmbeddedRaisingExRaiseStatus(NTSTATUS Status) noexcept {
 
 // Where the raise goes on, into *Context; the code, which handlers find in eax.
 uint32_t NTAPI EmbeddedDispatchRaise(uint32_t Code, UnwindContext *Context) noexcept {
-    const DriverImage *Image = ImageOf(reinterpret_cast<void *>(Context->Rip));
+    const LoadedImage *Image = ImageOf(reinterpret_cast<void *>(Context->Rip));
     if (Image == nullptr) {
         BugCheck(0x1E, Code, Context->Rip, 0, 0, fmt::format("exception 0x{:08X} raised outside of any image", Code));
     }

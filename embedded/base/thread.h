@@ -1,7 +1,6 @@
 // Threads as the embedded kernel knows them: one record each, with what it holds and where it waits.
 //
-// A record belongs to its thread: only the fields under "parking" are touched by others, under ParkMutex. Everything
-// else of this kernel may include this file; it includes no other of its rooms.
+// A record belongs to its thread: only the fields under "parking" are touched by others, under ParkMutex, and MustEnd.
 #pragma once
 
 #include <atomic>
@@ -57,6 +56,9 @@ struct _KTHREAD {
     ULONG FaultScopes;                   // driver code runs: faults may be injected
     ULONG FaultExempts;                  // ... but not while this is set
     PMDL SpareMdl;                       // the MDL freed last, while nothing is verified
+    void (*FreeSpareMdl)(PMDL) noexcept; // what becomes of it when the thread ends
+    std::atomic<bool> MustEnd;           // the machine goes down: it ends in its next delay
+    bool StoppedInDelay;                 // ... and did
 
     ULONG HeldCount;
     embedded::HeldLock Held[embedded::MaximumHeldLocks];
@@ -64,7 +66,7 @@ struct _KTHREAD {
     ULONG_PTR StackLow;
     ULONG_PTR StackHigh;
 
-    // The driver's stack (verifier/driver_stack.h).
+    // The driver's stack (driver_stack.h).
     ULONG_PTR DriverFrame;   // where it begins, its upper end; 0 outside of the driver
     ULONG_PTR DriverLow;     // where it ends; 0 when it is the host's
     ULONG DriverStacks;      // that this thread has
@@ -94,43 +96,13 @@ inline constinit thread_local KThread *CurrentThreadRecord = nullptr;
 // What a service calls on its rare paths is NTAPI as well: a call of the host's convention would make every service
 // save ten vector registers on its common path, and so would one that may throw.
 
-// Gives the calling thread its record; it lives until the thread ends. The process of a foreign thread is System.
+// Gives the calling thread its record (ke/ke.cpp); it lives until the thread ends. The process of a foreign thread is
+// System.
 __attribute__((noinline)) KThread &NTAPI AttachThread() noexcept;
 
 inline KThread &CurrentThread() {
     KThread *Thread = CurrentThreadRecord;
     return Thread != nullptr ? *Thread : AttachThread();
-}
-
-// Calls Visit for every thread record, under the list's lock: Visit may read only PoolBytes and PoolBlocks.
-void ForEachThread(void (*Visit)(KThread &, void *), void *Context);
-
-// Lock bookkeeping, shared by spin locks and resources. Where is the caller's return address.
-inline HeldLock *FindHeld(KThread &Thread, const void *Lock) {
-    for (ULONG Index = Thread.HeldCount; Index-- > 0;) {
-        if (Thread.Held[Index].Lock == Lock) {
-            return &Thread.Held[Index];
-        }
-    }
-    return nullptr;
-}
-
-[[noreturn]] void NTAPI ReportTooManyLocks(const KThread &Thread) noexcept;
-
-inline void PushHeld(KThread &Thread, PVOID Lock, LockKind Kind, PVOID Where) {
-    if (Thread.HeldCount == MaximumHeldLocks) [[unlikely]] {
-        ReportTooManyLocks(Thread);
-    }
-    Thread.Held[Thread.HeldCount++] = {Lock, Where, 1, Kind};
-}
-
-// Moves the locks behind Held, which were taken later, one place down.
-void NTAPI CloseGap(KThread &Thread, HeldLock *Held) noexcept;
-
-inline void DropHeld(KThread &Thread, HeldLock *Held) {
-    if (Held != &Thread.Held[--Thread.HeldCount]) {
-        CloseGap(Thread, Held);
-    }
 }
 
 } // namespace embedded

@@ -9,7 +9,7 @@
 
 namespace embedded {
 
-class DriverImage;
+class LoadedImage;
 
 using Layout = LAYOUT_ENTRY;
 
@@ -18,7 +18,7 @@ const std::vector<Layout> &SharedLayouts();
 
 // A line for each size or offset that the table at Table, inside Image, has otherwise than Ours, lacks, or has in
 // excess, by its name. Empty when they agree.
-std::vector<std::string> CompareLayoutTable(const DriverImage &Image, const void *Table,
+std::vector<std::string> CompareLayoutTable(const LoadedImage &Image, const void *Table,
                                             const std::vector<Layout> &Ours);
 
 } // namespace embedded

@@ -1,7 +1,6 @@
-#include "embedded/image/driver_image.h"
+#include "embedded/loader/driver_image.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstring>
 #include <fstream>
 #include <map>
@@ -12,10 +11,11 @@
 
 #include "embedded/ex/live.h"
 #include "embedded/fsrtl/fsrtl.h"
-#include "embedded/image/layouts.h"
 #include "embedded/image/symbols.h"
 #include "embedded/io/objects.h"
-#include "embedded/mm/mm.h"
+#include "embedded/loader/layouts.h"
+#include "embedded/loader/services.h"
+#include "embedded/mm/faults.h"
 #include "embedded/mup.h"
 #include "embedded/ps/ps.h"
 #include "embedded/rtl/rtl.h"
@@ -32,10 +32,6 @@ __attribute__((noinline, used)) void EmbeddedImageChanged() {
 
 namespace embedded {
 namespace {
-
-// Few images are ever loaded at once, and ImageOf is asked at every captured stack: read without a lock.
-constexpr size_t MostImages = 8;
-std::atomic<DriverImage *> Loaded[MostImages];
 
 [[noreturn]] void Refuse(const std::filesystem::path &File, const std::vector<std::string> &Reasons) {
     std::string Text;
@@ -119,7 +115,7 @@ DriverImage::DriverImage(const std::filesystem::path &File, ImageOptions Options
 }
 
 DriverImage::DriverImage(const std::filesystem::path &File, std::span<const uint8_t> Bytes, const ImageOptions &Options)
-    : File_(Absolute(File)), Name_(WideName(File)) {
+    : LoadedImage(Absolute(File)), Name_(WideName(File)) {
     if (const auto Reasons = ReadImageFormat(Bytes, &Format_); !Reasons.empty()) {
         Refuse(File, Reasons);
     }
@@ -136,14 +132,11 @@ DriverImage::DriverImage(const std::filesystem::path &File, std::span<const uint
         throw;
     }
     DescribeToDriver();
-    for (auto &Place : Loaded) {
-        DriverImage *Free = nullptr;
-        if (Place.compare_exchange_strong(Free, this)) {
-            EmbeddedImageBase = Base_;
-            EmbeddedImageFile = File_.c_str();
-            EmbeddedImageChanged();
-            return;
-        }
+    if (Enter()) {
+        EmbeddedImageBase = Base_;
+        EmbeddedImageFile = File_.c_str();
+        EmbeddedImageChanged();
+        return;
     }
     munmap(Base_, Format_.ImageSize);
     Refuse(File, {"too many images are loaded already"});
@@ -162,10 +155,7 @@ void DriverImage::DescribeToDriver() {
 }
 
 DriverImage::~DriverImage() {
-    for (auto &Place : Loaded) {
-        DriverImage *Mine = this;
-        Place.compare_exchange_strong(Mine, nullptr);
-    }
+    Leave();
     if (EmbeddedImageBase == Base_) {
         EmbeddedImageBase = nullptr;
         EmbeddedImageFile = nullptr;
@@ -296,34 +286,6 @@ void DriverImage::CompareLayouts() {
     Compare("RVFSD_Layouts", SharedLayouts());
 }
 
-void *DriverImage::Export(std::string_view Name) const {
-    for (const ImageExport &Each : Format_.Exports) {
-        if (Each.Name == Name) {
-            return Base_ + Each.Rva;
-        }
-    }
-    return nullptr;
-}
-
-bool DriverImage::Readable(const void *Address, size_t Size) const {
-    if (!Contains(Address)) {
-        return false;
-    }
-    const auto Rva = static_cast<uint32_t>(static_cast<const char *>(Address) - Base_);
-    for (const ImageSection &Each : Format_.Sections) {
-        if (Rva >= Each.Rva && Rva - Each.Rva < Each.Size) {
-            return ProtectionOf(Each) != PROT_NONE && !Each.Discardable && Size <= Each.Size - (Rva - Each.Rva);
-        }
-    }
-    return false;
-}
-
-bool DriverImage::IsCode(uint32_t Rva) const {
-    return std::any_of(Format_.Sections.begin(), Format_.Sections.end(), [Rva](const ImageSection &Each) {
-        return Each.Executable && Rva >= Each.Rva && Rva - Each.Rva < Each.Size;
-    });
-}
-
 std::string DriverImage::Describe() const {
     std::string Build;
     for (const uint8_t Byte : Format_.Pdb.Guid) {
@@ -332,20 +294,6 @@ std::string DriverImage::Describe() const {
     return fmt::format("{}, {} bytes in memory, checksum 0x{:08X}, build {}{}", File_.string(), Format_.ImageSize,
                        Format_.Checksum, Format_.PdbName.empty() ? "unknown" : Build,
                        Pdb_.empty() ? ", without debug information" : "");
-}
-
-DriverImage *ImageOf(const void *Address) noexcept {
-    for (const auto &Place : Loaded) {
-        DriverImage *Each = Place.load(std::memory_order_acquire);
-        if (Each != nullptr && Each->Contains(Address)) {
-            return Each;
-        }
-    }
-    return nullptr;
-}
-
-bool AnyImage() noexcept {
-    return std::any_of(std::begin(Loaded), std::end(Loaded), [](const auto &Place) { return Place.load() != nullptr; });
 }
 
 std::vector<std::string> PointersInto(const DriverImage &Image) {

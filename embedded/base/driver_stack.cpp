@@ -1,4 +1,4 @@
-#include "embedded/verifier/driver_stack.h"
+#include "embedded/base/driver_stack.h"
 
 #include <algorithm>
 #include <cstring>
@@ -6,8 +6,7 @@
 #include <sys/mman.h>
 #include <utility>
 
-#include "embedded/mm/mm.h"
-#include "embedded/verifier/stack.h"
+#include "embedded/base/frame.h"
 
 // void EmbeddedCallOnStack(ULONG_PTR Top, StackRoutine Run, void *Argument): the frame pointer leads back.
 asm(R"(
@@ -81,7 +80,6 @@ bool Make(KThread &Thread, ULONG Part) {
     if (mprotect(reinterpret_cast<void *>(GuardEnd(Top)), GuardBytes, PROT_NONE) != 0) {
         return false;
     }
-    WatchFaults();
     ++Thread.DriverStacks;
     return true;
 }

@@ -1,11 +1,11 @@
-#include "embedded/image/layouts.h"
+#include "embedded/loader/layouts.h"
 
 #include <cstring>
 #include <map>
 
 #include <fmt/format.h>
 
-#include "embedded/image/driver_image.h"
+#include "embedded/image/loaded_image.h"
 #include "provider/layout.h"
 
 #pragma GCC diagnostic ignored "-Winvalid-offsetof"
@@ -22,7 +22,7 @@ constexpr size_t LongestName = 256;
 constexpr size_t MostDifferences = 64;
 
 // The name at Address, made printable; empty when it does not lie in Image.
-std::string NameIn(const DriverImage &Image, const char *Address) {
+std::string NameIn(const LoadedImage &Image, const char *Address) {
     std::string Name;
     for (; Name.size() < LongestName && Image.Readable(Address, 1) && *Address != 0; ++Address) {
         Name += *Address > ' ' && *Address < 0x7F ? *Address : '?';
@@ -38,7 +38,7 @@ const std::vector<Layout> &SharedLayouts() {
     return Layouts;
 }
 
-std::vector<std::string> CompareLayoutTable(const DriverImage &Image, const void *Table,
+std::vector<std::string> CompareLayoutTable(const LoadedImage &Image, const void *Table,
                                             const std::vector<Layout> &Ours) {
     std::vector<std::string> Differences;
     std::map<std::string, ULONG64, std::less<>> Expected;

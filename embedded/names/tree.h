@@ -1,10 +1,9 @@
-// The name tree, for the files of the object manager.
+// The name tree, for the files of this room.
 #pragma once
 
 #include <map>
 #include <shared_mutex>
 
-#include "embedded/ob/ob.h"
 #include "embedded/se/se.h"
 
 namespace embedded {

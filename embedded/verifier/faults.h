@@ -9,7 +9,7 @@
 #include <atomic>
 #include <string>
 
-#include "embedded/ke/ke.h"
+#include "embedded/base/thread.h"
 
 namespace embedded {
 

@@ -1,10 +1,7 @@
-// Shared by the files of the system services.
+// One request of a file service, shared by the files of the system services.
 #pragma once
 
 #include "embedded/io/objects.h"
-#include "embedded/verifier/report.h"
-#include "embedded/verifier/user_memory.h"
-#include "embedded/zw/zw.h"
 
 namespace embedded {
 
@@ -15,14 +12,6 @@ inline constexpr LONGLONG WriteToEndOfFile = -1;
 inline constexpr ULONG FileOpenedCaseSensitive = 0x00040000;
 inline constexpr ULONG FileRandomAccess = 0x00100000;
 inline constexpr UCHAR StackWriteThrough = 0x04;
-
-// The verifier's rules for what is given to a Zw routine: no address of a process; a string of an even length, not
-// longer than its buffer.
-void CheckZwString(PCUNICODE_STRING String) noexcept;
-template <typename... T>
-void CheckZwPointers(std::string_view Routine, const T *...Pointers) {
-    (RequireKernelAddress(bugcheck::UserAddressToZw, Pointers, Routine), ...);
-}
 
 // One request of a service on a file that the caller has a handle for. Begin references the file, takes the file's
 // own lock when it is synchronous and makes the IRP; Run calls the driver.
