@@ -22,19 +22,19 @@ constexpr std::array<unsigned, 8> LocalFileSystems = {
     0xEF53 /* ext */,      0x58465342 /* xfs */, 0x9123683E /* btrfs */, 0x01021994 /* tmpfs */,
     0xF2F52010 /* f2fs */, 0x2FC12FC1 /* zfs */, 0x858458F6 /* ramfs */, 0xCA451A4E /* bcachefs */};
 
-bool IsLocal(int Fd) {
+} // namespace
+
+bool TellsChanges(int Fd) {
     struct statfs Info;
     return fstatfs(Fd, &Info) == 0 && std::find(LocalFileSystems.begin(), LocalFileSystems.end(),
                                                 static_cast<unsigned>(Info.f_type)) != LocalFileSystems.end();
 }
 
-} // namespace
-
 EventLog::EventLog(bool UseNotifications) : Notify_(UseNotifications ? inotify_init1(IN_NONBLOCK | IN_CLOEXEC) : -1) {
 }
 
 int EventLog::Watch(int Fd) {
-    if (!Notify_ || !IsLocal(Fd)) {
+    if (!Notify_ || !TellsChanges(Fd)) {
         return -1;
     }
     // The link of a descriptor leads to the very directory that is open, whatever its path is by now.

@@ -24,6 +24,9 @@ struct NameChange {
     std::string Name;
 };
 
+// Whether every change in the directory open as Fd passes through this kernel, which then tells of it.
+bool TellsChanges(int Fd);
+
 class EventLog {
 public:
     // Without notifications nothing can be watched.

@@ -14,6 +14,7 @@
 #include "providers/directory/directory_reader.h"
 #include "providers/directory/follow.h"
 #include "providers/directory/names.h"
+#include "providers/directory/record_memory.h"
 #include "providers/directory/state.h"
 
 namespace providers::directory {
@@ -135,12 +136,14 @@ Export::Export(std::u16string_view ServerName, std::u16string_view VolumeName, s
     : Server(ServerName), Volume(VolumeName), FoldedServer(Fold(Server)), FoldedVolume(Fold(Volume)),
       Directory(std::move(Path)), Absolute(WithoutLinks(Fd.Get())), Options(Chosen),
       How(Chosen.UseOpenat2 ? BestConfinement() : Confinement::Walk), Root(std::move(Fd)), Serial(NextSerial()),
-      Names(&OpenForNames, this, Chosen.UseNotifications) {
+      Names(&OpenForNames, this, Chosen.UseNotifications),
+      Known(Root.Get(), Chosen.UseNotifications && How == Confinement::Kernel) {
     struct stat Stat {};
     if (fstat(Root.Get(), &Stat) == 0) {
         RootRef = {Root.Get(), KeyOf(Stat), ""};
     }
     MakeIdentifier(Root.Get(), RootRef.Key, Identifier);
+    NoteFileSystem(Root.Get());
 }
 
 int Export::Open(const DirectoryRef &Base, const std::string &Path, int Flags) const {
@@ -348,12 +351,12 @@ std::string DirectoryProvider::AddExport(std::u16string_view Server, std::u16str
     if (const std::string Fault = FaultOfNames(Server, Volume); !Fault.empty()) {
         return fmt::format("cannot export {}: {}", Directory.string(), Fault);
     }
-    UniqueFd Root(open(Directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-    if (!Root) {
+    const UniqueFd Named(open(Directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!Named) {
         return fmt::format("cannot export {}: {}", Directory.string(), strerror(errno));
     }
-    const UniqueFd Readable(openat(Root.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!Readable) {
+    UniqueFd Root(openat(Named.Get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!Root) {
         return fmt::format("cannot export {}: it cannot be read: {}", Directory.string(), strerror(errno));
     }
     std::error_code Ignored;
@@ -413,8 +416,9 @@ std::vector<DirectoryProvider::OpenHandle> DirectoryProvider::ListOpenHandles() 
     std::vector<OpenHandle> All;
     State_->Open.ForEach([&](RVHANDLE Handle, const Object &Item) {
         const char *Kind = Item.Kind == KIND_VOLUME ? "volume" : Item.Kind == KIND_DIRECTORY ? "directory" : "file";
+        const bool Unopened = Item.Kind == KIND_FILE && static_cast<const FileObject &>(Item).Unopened;
         All.push_back({Handle, Kind, (Item.Volume->Directory / Item.FromRoot).string(),
-                       FileIdOf(*Item.Volume, Item.Key), Item.Fd()});
+                       FileIdOf(*Item.Volume, Item.Key), Unopened ? -1 : Item.Fd()});
     });
     return All;
 }

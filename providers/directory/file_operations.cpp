@@ -114,6 +114,31 @@ bool IsLastDescriptor(int Fd) {
     return static_cast<rlim_t>(Fd) + 1 >= Limit.rlim_cur;
 }
 
+// Makes There's descriptor one with those flags, of the very file. False with errno; a known file whose handle leads to
+// nothing any more is forgotten, and the next look is an ordinary one.
+bool OpenLooked(const Place &At, const std::string &FromRoot, Looked &There, const Request &Wanted, int Flags) {
+    if (There.Handle && !There.Fd) {
+        if (Wanted.Query()) {
+            return true;
+        }
+        There.Fd = UniqueFd(At.Volume->Known.Open(There.Handle, Flags));
+        if (!There.Fd) {
+            const int Error = errno;
+            At.Volume->Known.Forget(FromRoot);
+            errno = Error;
+        }
+        return static_cast<bool>(There.Fd);
+    }
+    if ((Flags & O_PATH) == 0) {
+        UniqueFd Opened(OpenAgain(There.Fd.Get(), Flags));
+        if (!Opened) {
+            return false;
+        }
+        There.Fd = std::move(Opened);
+    }
+    return true;
+}
+
 // FromRoot is the path of what was looked at.
 RVSTATUS OpenExisting(State &Provider, const Place &At, std::string &&FromRoot, Looked &There, const Request &Wanted,
                       Result &Out) {
@@ -130,17 +155,16 @@ RVSTATUS OpenExisting(State &Provider, const Place &At, std::string &&FromRoot, 
         return RVSTATUS::AccessDenied;
     }
     const int Flags = FlagsFor(Wanted.Uses(), Wanted.Options);
-    if ((Flags & O_PATH) == 0) {
-        UniqueFd Opened(OpenAgain(There.Fd.Get(), Flags));
-        if (!Opened) {
-            return StatusFromErrno(errno);
-        }
-        There.Fd = std::move(Opened);
+    if (!OpenLooked(At, FromRoot, There, Wanted, Flags)) {
+        Out.Again = static_cast<bool>(There.Handle);
+        return StatusFromErrno(errno);
     }
     auto File = std::make_unique<FileObject>(At.Volume, std::move(There.Fd), Flags, KeyOf(There.Stat),
                                              std::move(FromRoot), Provider.Nodes);
     if (Wanted.Query()) {
-        if (IsLastDescriptor(File->Fd())) {
+        File->Handle = There.Handle;
+        File->Unopened = !File->Own;
+        if (File->Own && IsLastDescriptor(File->Fd())) {
             return StatusFromErrno(EMFILE); // the open that follows takes two, and could not say why it fails
         }
         NoteQuery(At, There, *File);
@@ -204,23 +228,53 @@ RVSTATUS CreateNew(State &Provider, const Place &At, Resolved &Missing, const Re
     return RVSTATUS::Success;
 }
 
+// What the path leads to, as LookThrough has it or as a known file, and so that it will be one when it is met again.
+int LookForFile(const Place &At, const std::string &Path, Looked &There) {
+    KnownFiles &Known = At.Volume->Known;
+    if (!IsBelowRoot(At)) {
+        return LookThrough(At, Path, There);
+    }
+    if (Known.Look(Path, There.Stat, There.Handle)) {
+        return 0;
+    }
+    There.Handle = {};
+    const int Error = LookThrough(At, Path, There);
+    if (Error == 0) {
+        Known.Note(Path, There.Fd.Get(), There.Stat);
+    }
+    return Error;
+}
+
+// Whether the directory that holds Path is no link and is reached without one: what is known of it may be told.
+bool IsReachedPlainly(KnownFiles &Known, std::string_view Path) {
+    const std::string_view Directory = Path.substr(0, Path.find('/') == Path.npos ? 0 : Path.rfind('/'));
+    // ResolveKnown itself has seen that the last one is no link.
+    return Known.IsPlain(Directory.find('/') == Directory.npos ? std::string_view() : Directory);
+}
+
 // What At.Path leads to: as it is spelled, in bytes Exact if it can be that of an entry, which is used up, or else in
 // any case, for which what the file system does not know is looked up. There is what was found; an error with
 // Found.Exists is that of a name that is known and could not be looked at.
 RVSTATUS FindEntry(const Place &At, std::optional<std::string> &Exact, bool Creates, Resolved &Found, Looked &There) {
     NameCache &Names = At.Volume->Names;
     const bool MayBeKnown = Exact && At.Volume->How == Confinement::Kernel;
-    const bool Otherwise = MayBeKnown && Names.WasOtherwiseSpelled(At.Ref, *Exact);
-    if (Otherwise && Names.ResolveKnown(At.Ref, At.Path, *Exact, Found) && Found.Exists && Found.Path() != *Exact) {
-        return StatusFromLookup(LookAt(At, Found.Path(), There));
+    const bool AskFirst = MayBeKnown && Names.WasOtherwiseSpelled(At.Ref, *Exact);
+    if (AskFirst && Names.ResolveKnown(At.Ref, At.Path, *Exact, Found)) {
+        if (Found.Exists && Found.Path() != *Exact) {
+            const int Error = LookForFile(At, Found.Path(), There);
+            return StatusFromLookup(Error == 0 ? 0 : LookAt(At, Found.Path(), There));
+        }
+        if (!Found.Exists && !Creates && IsBelowRoot(At) && IsReachedPlainly(At.Volume->Known, *Exact)) {
+            return RVSTATUS::Success;
+        }
     }
     // What is not there may be a link that leads nowhere: the look-up knows.
-    int Error = Exact ? LookThrough(At, *Exact, There) : ENOENT;
+    int Error = Exact ? LookForFile(At, *Exact, There) : ENOENT;
     if (Error != 0 && Error != ENOENT) {
         Error = LookAt(At, *Exact, There);
     }
     if (Error == 0) {
-        if (Otherwise) {
+        if (AskFirst) {
             Names.NoteOtherwiseSpelled(At.Ref, *Exact, false);
         }
         Found = {};
@@ -239,13 +293,10 @@ RVSTATUS FindEntry(const Place &At, std::optional<std::string> &Exact, bool Crea
             return Status;
         }
     }
-    if (!Found.Exists) {
-        return RVSTATUS::Success;
-    }
     if (Missing) {
         Names.NoteOtherwiseSpelled(At.Ref, *Exact, true);
     }
-    return StatusFromLookup(LookAt(At, Found.Path(), There));
+    return Found.Exists ? StatusFromLookup(LookAt(At, Found.Path(), There)) : RVSTATUS::Success;
 }
 
 // One attempt: what the caller has just asked about, then what there is.
@@ -421,6 +472,19 @@ FileObject::~FileObject() {
     } else if (Query != 0) {
         KeepLook(*this);
     }
+}
+
+RVSTATUS FileObject::OpenByHandle() {
+    const std::lock_guard Hold(AccessMutex);
+    if (!Own) {
+        UniqueFd Opened(Volume->Known.Open(Handle, O_PATH));
+        if (!Opened) {
+            return errno == ESTALE ? Failure(CODE_NO_SUCH_FILE) : StatusFromErrno(errno);
+        }
+        Own = std::move(Opened);
+        Unopened.store(false, std::memory_order_release);
+    }
+    return RVSTATUS::Success;
 }
 
 void FillFileSlots(RVIOM_FSD_TABLE &Table) {

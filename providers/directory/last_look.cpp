@@ -48,10 +48,6 @@ bool Same(std::u16string_view Left, std::u16string_view Right) {
     return Left.size() == Right.size() && memcmp(Left.data(), Right.data(), Left.size() * sizeof(char16_t)) == 0;
 }
 
-bool IsBelowRoot(const Place &At) {
-    return At.Ref.FromRoot.empty() && At.Ref.Key == At.Volume->RootRef.Key;
-}
-
 uint64_t NextQuery() {
     static std::atomic<uint64_t> Queries = 0;
     return ++Queries;
@@ -78,6 +74,7 @@ int64_t (*LookClock)() = [] {
 
 void ForgetLook() {
     Last.There.Fd = {};
+    Last.There.Handle = {};
     Last.Query = 0;
     Last.VolumeOpened = false;
 }
@@ -100,6 +97,7 @@ void NoteQuery(const Place &At, const Looked &There, FileObject &File) {
     if (MayKeep(At, There) && S_ISREG(There.Stat.st_mode)) {
         Last.Path = Bare(At.Path);
         Last.There.Stat = There.Stat;
+        Last.There.Handle = {};
         Last.Query = NextQuery();
         File.Query = Last.Query;
     }
@@ -127,6 +125,7 @@ void NoteVolumeClosed() {
 void KeepLook(FileObject &File) {
     if (File.Query == Last.Query) {
         Last.There.Fd = std::move(File.Own);
+        Last.There.Handle = File.Handle;
         Last.FromRoot = std::move(File.FromRoot);
     }
 }
@@ -135,8 +134,8 @@ bool TakeLook(const Place &At, bool Again, Looked &There, std::string &FromRoot)
     if (Last.Query == 0) {
         return false;
     }
-    const bool Holds = Last.There.Fd && (!Again || Last.VolumeOpened) && Last.Export == At.Volume->Serial &&
-                       IsBelowRoot(At) && Same(Last.Path, Bare(At.Path)) &&
+    const bool Holds = (Last.There.Fd || Last.There.Handle) && (!Again || Last.VolumeOpened) &&
+                       Last.Export == At.Volume->Serial && IsBelowRoot(At) && Same(Last.Path, Bare(At.Path)) &&
                        Last.Changes == At.Volume->ChangeCount.load() && LookClock() - Last.At <= LongestUse;
     if (Holds) {
         There = std::move(Last.There);

@@ -67,8 +67,8 @@ public:
     // As Resolve for a path of which the file system has nothing as it is spelled, Exact in bytes, when the directory
     // is known and nothing has to be opened for the answer: Out has no Holder then. False when only Resolve can tell.
     bool ResolveKnown(const DirectoryRef &Base, std::u16string_view Path, const std::string &Exact, Resolved &Out);
-    // Whether that very path led to a name that is spelled otherwise and most likely will again, and that it did or
-    // does not any more. Of two paths that share a place one is forgotten.
+    // Whether that very path led to a name that is spelled otherwise, or to none, and most likely will again, and that
+    // it did or does not any more. Of two paths that share a place one is forgotten.
     bool WasOtherwiseSpelled(const DirectoryRef &Base, const std::string &Exact) const;
     void NoteOtherwiseSpelled(const DirectoryRef &Base, const std::string &Exact, bool IsSo);
     // Opens the directory that holds Exact, for a name of which is known that it is missing in any case. False when it
@@ -108,7 +108,8 @@ private:
     EventLog Log_;
     std::atomic<size_t> Names_ = 0;
     std::atomic<size_t> Scans_ = 0;
-    std::array<std::atomic<uint32_t>, 1024> Otherwise_{}; // hashes of paths that were found under another spelling
+    std::array<std::atomic<uint32_t>, 1024>
+        Otherwise_{}; // hashes of paths that were found under another spelling, or not at all
     std::mutex Mutex_;
     std::unordered_map<ObjectKey, Kept, ObjectKeyHash> Indices_; // guarded by Mutex_
     std::list<ObjectKey> Ages_;                                  // most recently used first; guarded by Mutex_

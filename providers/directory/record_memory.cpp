@@ -1,8 +1,13 @@
 #include "providers/directory/record_memory.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <ctime>
+
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/vfs.h>
 
 namespace providers::directory {
 namespace {
@@ -39,6 +44,28 @@ std::array<Entry, Ways> &SetOf(const ObjectKey &Key) {
     return Table[(Key.Inode ^ Key.Inode >> 16 ^ Key.Inode >> 32) % Sets];
 }
 
+// File systems whose change times are exact under a kernel that keeps changes apart.
+constexpr std::array<unsigned, 4> ExactFileSystems = {0xEF53 /* ext */, 0x58465342 /* xfs */, 0x9123683E /* btrfs */,
+                                                      0x01021994 /* tmpfs */};
+
+// Those that are served; 0 = none. More are not exact.
+std::array<std::atomic<dev_t>, 16> ExactDevices{};
+
+// Since Linux 6.13 a change after a look at the change time gets a time of its own, however soon it comes. A file in
+// memory shows it: without that, all of this falls into one tick of the clock, or at most two.
+bool KernelKeepsChangesApart() {
+    const UniqueFd File(memfd_create("rvfsd", MFD_CLOEXEC));
+    struct stat Before;
+    struct stat After;
+    bool Apart = fstat(File.Get(), &Before) == 0;
+    for (const mode_t Mode : {0600, 0644, 0600, 0644}) {
+        Apart = Apart && fchmod(File.Get(), Mode) == 0 && fstat(File.Get(), &After) == 0 &&
+                (Before.st_ctim.tv_nsec != After.st_ctim.tv_nsec || Before.st_ctim.tv_sec != After.st_ctim.tv_sec);
+        Before = After;
+    }
+    return Apart;
+}
+
 } // namespace
 
 bool Recall(const ObjectKey &Key, int64_t Changed, KeptAttributes &Out) {
@@ -69,9 +96,39 @@ void Forget(const ObjectKey &Key) {
     }
 }
 
+void NoteFileSystem(int Fd) {
+    static const bool OfKernel = KernelKeepsChangesApart();
+    struct statfs Info;
+    struct stat Stat;
+    if (!OfKernel || fstatfs(Fd, &Info) != 0 || fstat(Fd, &Stat) != 0) {
+        return;
+    }
+    const bool Exact = std::find(ExactFileSystems.begin(), ExactFileSystems.end(),
+                                 static_cast<unsigned>(Info.f_type)) != ExactFileSystems.end();
+    // The number may have been another file system's.
+    dev_t Before = Stat.st_dev;
+    for (std::atomic<dev_t> &Each : ExactDevices) {
+        if (Each.compare_exchange_strong(Before, Exact ? Stat.st_dev : 0)) {
+            return;
+        }
+        Before = Stat.st_dev;
+    }
+    for (std::atomic<dev_t> &Each : ExactDevices) {
+        dev_t Free = 0;
+        if (Exact && Each.compare_exchange_strong(Free, Stat.st_dev)) {
+            return;
+        }
+    }
+}
+
 void Remember(const ObjectKey &Key, int64_t Changed, int64_t Began, const KeptAttributes &Read) {
-    // A file system without change times says 0.
-    if (Changed <= 0 || Began - Changed < Granularity || Read.WriteBits > MaxWriteBits) {
+    // A file system without change times says 0, and one that keeps whole seconds is not exact.
+    const bool Exact = Changed % 1'000'000'000 != 0 &&
+                       std::any_of(ExactDevices.begin(), ExactDevices.end(), [&Key](const std::atomic<dev_t> &Each) {
+                           return Each.load(std::memory_order_relaxed) == Key.Device;
+                       });
+    const bool Sure = Exact || Began - Changed >= Granularity;
+    if (Changed <= 0 || !Sure || Read.WriteBits > MaxWriteBits) {
         return;
     }
     const uint64_t Name = NameOf(Key, Changed);

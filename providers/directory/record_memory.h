@@ -26,8 +26,13 @@ bool Recall(const ObjectKey &Key, int64_t Changed, KeptAttributes &Out);
 // The time, before something is read that is to be remembered, in nanoseconds.
 int64_t TimeOfReading();
 
-// Remembers what was read from the object after the time Began, at which its change time was Changed. One that had
-// changed so recently that another change might leave the same time is not remembered.
+// Fd is open on a file system that is served and stays mounted. Finds out whether its change times are exact: of two
+// changes with a look at the time between them each leaves its own.
+void NoteFileSystem(int Fd);
+
+// Remembers what was read from the object after the time Began, at which its change time was Changed. Where change
+// times are not exact, one that had changed so recently that another change might leave the same time is not
+// remembered.
 void Remember(const ObjectKey &Key, int64_t Changed, int64_t Began, const KeptAttributes &Read);
 
 // Forgets what is remembered of the object, whatever its change time: it is being changed here.

@@ -19,6 +19,7 @@
 #include "providers/directory/directory_provider.h"
 #include "providers/directory/file_nodes.h"
 #include "providers/directory/handle_table.h"
+#include "providers/directory/known_files.h"
 #include "providers/directory/metadata.h"
 #include "providers/directory/name_cache.h"
 #include "providers/directory/pending_deletes.h"
@@ -53,6 +54,7 @@ struct Export {
     DirectoryLocks Changes; // by the directory in which a name is given
     PendingDeletes Doomed;
     NameCache Names;
+    KnownFiles Known;
     std::atomic<int64_t> Used = 0; // bytes charged to the quota
     // Advanced when a name was taken away or given away, or attributes were set, through this export.
     std::atomic<uint64_t> ChangeCount = 0;
@@ -119,9 +121,9 @@ struct Object {
     unsigned KindMask() const {
         return Kind;
     }
-    // The descriptor: its own, or for a volume that of the export's root.
+    // The descriptor: its own, or for a volume that of the export's root. A query open's may be -1, see NeedDescriptor.
     int Fd() const {
-        return Own ? Own.Get() : Volume->Root.Get();
+        return Own || Kind != KIND_VOLUME ? Own.Get() : Volume->Root.Get();
     }
     DirectoryRef Ref() const {
         return {Fd(), Key, FromRoot};
@@ -160,6 +162,13 @@ struct FileObject final : Object {
     bool NamesOnly() const {
         return (OpenFlags.load(std::memory_order_relaxed) & O_PATH) != 0;
     }
+    // A query open of a known file is made without a descriptor, and gets one here when something asks for more than
+    // what is known.
+    RVSTATUS NeedDescriptor() {
+        return Unopened.load(std::memory_order_acquire) ? OpenByHandle() : RVSTATUS::Success;
+    }
+    RVSTATUS OpenByHandle();
+
     // The descriptor that locks are set on, as FileNode takes it.
     int LockFd() const {
         return NamesOnly() ? -1 : Fd();
@@ -172,6 +181,8 @@ struct FileObject final : Object {
     std::atomic<ULONG> Access = 0;
     std::atomic<bool> DeleteReserved = false;
     std::mutex AccessMutex; // one change of access at a time
+    FileHandle Handle;      // of an open that was made without a descriptor
+    std::atomic<bool> Unopened = false;
 };
 
 using Handles = HandleTable<Object>;
@@ -184,6 +195,11 @@ struct Place {
     DirectoryRef Ref;
     std::u16string_view Path;
 };
+
+// Whether At.Path is relative to the export's root.
+inline bool IsBelowRoot(const Place &At) {
+    return At.Ref.FromRoot.empty() && At.Ref.Key == At.Volume->RootRef.Key;
+}
 
 // Runs an operation's body; no exception leaves it.
 template <class Body>
@@ -238,7 +254,8 @@ std::string PathFromRoot(const Place &At, Resolved &&Found);
 
 // What an entry is, asked without opening it for anything.
 struct Looked {
-    UniqueFd Fd; // O_PATH
+    UniqueFd Fd;       // O_PATH; or
+    FileHandle Handle; // of a known file, of whose status no more than KnownFiles::Look tells is there
     struct stat Stat {};
     int Error = 0;
 };

@@ -23,7 +23,12 @@ template <class Body>
 RVSTATUS WithFile(RVIOM_FSD *Self, RVHANDLE Handle, Body Operation) {
     return Guarded([&] {
         const auto Found = State::Of(Self).Open.Acquire(Handle, KIND_FILE);
-        return Found ? Operation(static_cast<FileObject &>(*Found)) : RVSTATUS::InvalidHandle;
+        if (!Found) {
+            return RVSTATUS::InvalidHandle;
+        }
+        auto &File = static_cast<FileObject &>(*Found);
+        const RVSTATUS Status = File.NeedDescriptor();
+        return RvIsError(Status) ? Status : Operation(File);
     });
 }
 

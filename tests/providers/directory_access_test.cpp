@@ -198,9 +198,11 @@ TEST_F(Looks, WhatIsOpenedIsWhatTheOpenFoundFirst) {
          },
          "exact"},
     };
+    std::vector<UniqueFd> Inodes; // kept, so that none is met again under the name and counts as known
     for (const auto &Case : Cases) {
         Write("file", "text");
         Write("other", "other");
+        Inodes.emplace_back(open((Root / "file").c_str(), O_PATH | O_CLOEXEC));
         EXPECT_EQ(Ask(u"FILE"), Done);
         Case.Change();
         EXPECT_EQ(Content(u"FILE"), Case.Content) << &Case - Cases;

@@ -1,0 +1,162 @@
+// Files that are opened again and again: whatever others do to the name, an open never gets anything but what an
+// ordinary look would have found.
+#include <cerrno>
+#include <functional>
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include "providers/directory/beneath.h"
+#include "tests/providers/directory_fixture.h"
+
+namespace providers::directory {
+namespace {
+
+class KnownFilesTest : public DirectoryProviderTest {
+protected:
+    static constexpr char16_t Path[] = u"a\\b\\file";
+    static constexpr char16_t OtherCase[] = u"A\\B\\FILE";
+    const fs::path Holder = "a/b";
+
+    // A tree in which the file is known under both spellings.
+    void MakeKnown() {
+        fs::create_directories(Root / Holder);
+        Write(Holder / "file", "inside");
+        Write(Holder / "other", "other");
+        for (int Time = 0; Time < 4; ++Time) {
+            ASSERT_EQ(Content(Path), "inside");
+            ASSERT_EQ(Content(OtherCase), "inside");
+            ASSERT_EQ(Try(u"a\\b\\missing"), Failure(CODE_NO_SUCH_FILE));
+        }
+    }
+    // Puts a link to where it is then in the place of what is moved out of the export.
+    void MoveOut(const fs::path &What) const {
+        fs::rename(Root / What, Outer / "moved");
+        fs::create_symlink(Outer / "moved", Root / What);
+    }
+};
+
+TEST_F(KnownFilesTest, AreOpenedOnlyAsWhatTheirNameLeadsTo) {
+    const std::string Denied = "failed " + std::to_string(RvCode(RVSTATUS::AccessDenied));
+    const std::string Missing = "failed " + std::to_string(CODE_NO_SUCH_FILE);
+    const struct {
+        std::function<void()> Change;
+        std::string Content;
+        RVSTATUS OfMissing;
+    } Cases[] = {
+        {[] {}, "inside", Failure(CODE_NO_SUCH_FILE)},
+        {[&] { fs::rename(Root / Holder / "other", Root / Holder / "file"); }, "other", Failure(CODE_NO_SUCH_FILE)},
+        {[&] { fs::remove(Root / Holder / "file"); }, Missing, Failure(CODE_NO_SUCH_FILE)},
+        {[&] { fs::create_hard_link(Root / Holder / "file", Root / "second"); }, "inside", Failure(CODE_NO_SUCH_FILE)},
+        {[&] { MoveOut(Holder / "file"); }, Denied, Failure(CODE_NO_SUCH_FILE)},
+        {[&] { MoveOut(Holder); }, Denied, RVSTATUS::AccessDenied},
+        {[&] { MoveOut("a"); }, Denied, RVSTATUS::AccessDenied},
+        {[&] {
+             fs::create_directories(Root / "c" / "b");
+             Write("c/b/file", "second");
+             Write("c/b/missing", "");
+             fs::rename(Root / "a", Root / "d");
+             fs::rename(Root / "c", Root / "a");
+         },
+         "second", Done},
+        {[&] {
+             fs::rename(Root / "a", Root / "d");
+             fs::create_symlink("d", Root / "a");
+             Write("a/b/missing", "");
+         },
+         "inside", Done},
+    };
+    for (const auto &Case : Cases) {
+        MakeKnown();
+        Case.Change();
+        EXPECT_EQ(Content(Path), Case.Content) << &Case - Cases;
+        EXPECT_EQ(Content(OtherCase), Case.Content) << &Case - Cases;
+        EXPECT_EQ(Try(u"a\\b\\missing"), Case.OfMissing) << &Case - Cases;
+        for (const fs::path &Each : {Root / "a", Root / "c", Root / "d", Root / "second", Outer / "moved"}) {
+            fs::remove_all(Each);
+        }
+    }
+}
+
+TEST_F(KnownFilesTest, APipeInTheirPlaceIsNotOpened) {
+    MakeKnown();
+    RVHANDLE Query = 0;
+    ASSERT_EQ(Open(Path, Query, RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY), Done);
+    const fs::path Pipe = Root / Holder / "pipe";
+    ASSERT_EQ(mkfifo(Pipe.c_str(), 0600), 0);
+    fs::rename(Pipe, Root / Holder / "file");
+    Close(Query); // the look is kept for the open
+    RVHANDLE Handle = 0;
+    static_cast<void>(Open(Path, Handle));
+    const UniqueFd Writer(open((Root / Holder / "file").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC));
+    EXPECT_TRUE(!Writer && errno == ENXIO) << "the pipe has a reader";
+    if (Handle != 0) {
+        Close(Handle);
+    }
+    EXPECT_TRUE(RvIsError(Try(Path)));
+}
+
+// A query open that was made without a descriptor answers all the same, and for the file that it found.
+TEST_F(KnownFilesTest, AQueryOpenTellsOfTheFileItFound) {
+    MakeKnown();
+    RVHANDLE Query = 0;
+    ASSERT_EQ(Open(Path, Query, RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY), Done);
+    fs::rename(Root / Holder / "file", Root / "away");
+    Write(Holder / "file", "another one");
+    ULONG64 Size = 0;
+    EXPECT_EQ(Table->RVFsdGetFileInformation(Fsd, nullptr, Query, nullptr, nullptr, nullptr, nullptr, &Size, nullptr,
+                                             nullptr, nullptr, nullptr, nullptr, nullptr),
+              Done);
+    EXPECT_EQ(Size, 6u);
+    Close(Query);
+}
+
+TEST_F(KnownFilesTest, WhatIsMountedOverThemIsSeen) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "file systems have to be mounted";
+    }
+    const fs::path Over = Root / Holder;
+    MakeKnown();
+    if (mount("none", Over.c_str(), "tmpfs", 0, nullptr) != 0) {
+        GTEST_SKIP() << "no file system can be mounted";
+    }
+    EXPECT_EQ(Content(Path), "failed " + std::to_string(CODE_NO_SUCH_FILE));
+    EXPECT_EQ(Content(OtherCase), "failed " + std::to_string(CODE_NO_SUCH_FILE));
+    Write(Holder / "Missing", "mounted");
+    EXPECT_EQ(Content(u"a\\b\\missing"), "mounted");
+    ASSERT_EQ(umount(Over.c_str()), 0);
+    EXPECT_EQ(Content(Path), "inside");
+    // The same directory, where nothing may be written.
+    ASSERT_EQ(mount(Over.c_str(), Over.c_str(), nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(mount(nullptr, Over.c_str(), nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr), 0);
+    EXPECT_TRUE(RvIsError(Try(Path, RV_ACCESS_WRITE)));
+    ASSERT_EQ(umount(Over.c_str()), 0);
+    EXPECT_EQ(Try(Path, RV_ACCESS_WRITE), Done);
+}
+
+// What is remembered of a file that has just changed holds only until it changes again.
+TEST_F(KnownFilesTest, AttributesThatOthersSetAreSeenHoweverSoon) {
+    Write("file", "");
+    RVHANDLE Handle = 0;
+    ASSERT_EQ(Open(u"file", Handle, RV_ACCESS_ATTRIBUTES), Done);
+    for (uint32_t Round = 0; Round < 200; ++Round) {
+        const uint32_t Wanted = Round % 2 == 0 ? RV_ATTR_HIDDEN : RV_ATTR_SYSTEM;
+        const uint32_t Record[6] = {1, Wanted};
+        if (setxattr((Root / "file").c_str(), "user.rvfsd.attributes", Record, sizeof Record, 0) != 0) {
+            Close(Handle);
+            GTEST_SKIP() << "no extended attributes";
+        }
+        ULONG Attributes = 0;
+        ASSERT_EQ(Table->RVFsdGetFileInformation(Fsd, nullptr, Handle, &Attributes, nullptr, nullptr, nullptr, nullptr,
+                                                 nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
+                  Done);
+        ASSERT_EQ(Attributes, Wanted) << Round;
+    }
+    Close(Handle);
+}
+
+} // namespace
+} // namespace providers::directory
