@@ -1,6 +1,14 @@
 // Opens: open, cleanup and close of an existing file, and the pool that an open costs.
+#include <filesystem>
+#include <string>
+
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/inotify.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "bench/rows.h"
@@ -38,6 +46,83 @@ void Native(benchmark::State &State) {
     }
 }
 
+// What the Provider's calls of an open have to ask the kernel for when they open no pipe that takes the file's place,
+// and nothing else: by the handle of a known file below a watched directory, or by its path.
+class NecessaryCalls {
+public:
+    // The last three components of Path are below the root.
+    explicit NecessaryCalls(const std::filesystem::path &Path) {
+        const std::filesystem::path Root = Path.parent_path().parent_path().parent_path();
+        Name_ = Path.lexically_relative(Root);
+        Root_ = open(Root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        Descriptors_ = open("/proc/self/fd", O_PATH | O_DIRECTORY | O_CLOEXEC);
+        Events_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+        int Mount = 0;
+        Handle()->handle_bytes = sizeof Handle_ - sizeof(file_handle);
+        if (Root_ < 0 || inotify_add_watch(Events_, Root.c_str(), IN_DELETE | IN_MOVED_FROM) < 0 ||
+            name_to_handle_at(Root_, Name_.c_str(), Handle(), &Mount, 0) != 0) {
+            Fail("no file handles");
+        }
+    }
+    ~NecessaryCalls() {
+        for (const int Each : {Root_, Descriptors_, Events_}) {
+            close(Each);
+        }
+    }
+
+    void ByHandle() {
+        int Waiting;
+        struct statx Stat;
+        ioctl(Events_, FIONREAD, &Waiting);
+        statx(Root_, Name_.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &Stat);
+        AskAndClose(open_by_handle_at(Root_, Handle(), Flags));
+    }
+    void ByPath() const {
+        open_how How{};
+        How.flags = O_PATH | O_CLOEXEC;
+        How.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
+        const int Named = static_cast<int>(syscall(SYS_openat2, Root_, Name_.c_str(), &How, sizeof How));
+        struct stat Stat;
+        fstat(Named, &Stat);
+        const int Opened = openat(Descriptors_, std::to_string(Named).c_str(), Flags);
+        close(Named);
+        AskAndClose(Opened);
+    }
+
+private:
+    static constexpr int Flags = O_RDWR | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+
+    // Whether others deny anything, and the facts.
+    static void AskAndClose(int Opened) {
+        struct flock Any {};
+        Any.l_type = F_WRLCK;
+        Any.l_start = INT64_MAX - 255;
+        Any.l_len = 3;
+        struct statx Stat;
+        if (fcntl(Opened, F_OFD_GETLK, &Any) != 0 ||
+            statx(Opened, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &Stat) != 0) {
+            Fail("a file does not open");
+        }
+        close(Opened);
+    }
+    file_handle *Handle() {
+        return reinterpret_cast<file_handle *>(Handle_);
+    }
+
+    std::string Name_;
+    int Root_ = -1;
+    int Descriptors_ = -1;
+    int Events_ = -1;
+    alignas(file_handle) unsigned char Handle_[sizeof(file_handle) + 64] = {};
+};
+
+void Necessary(benchmark::State &State, bool ByHandle) {
+    NecessaryCalls Calls(NativePath(NeverWritten));
+    for (auto _ : State) {
+        ByHandle ? Calls.ByHandle() : Calls.ByPath();
+    }
+}
+
 // The first open of a path and a further one; not a time, but a count of bytes.
 void Pool(benchmark::State &State) {
     Use(ProviderKind::Stub);
@@ -67,6 +152,8 @@ void RegisterOpens(DriverKind Driver) {
         return;
     }
     RegisterBenchmark("open/native", Native);
+    RegisterBenchmark("open/necessary/by_handle", Necessary, true);
+    RegisterBenchmark("open/necessary/by_path", Necessary, false);
     RegisterBenchmark("open/stub/direct", ProviderCalls, ProviderKind::Stub);
     RegisterBenchmark("open/directory/direct", ProviderCalls, ProviderKind::Directory);
     RegisterBenchmark("pool/open", Pool)->Iterations(16);

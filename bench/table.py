@@ -92,6 +92,9 @@ def names():
                               ("missing", "a missing name", None), ("large", "a known name in a large directory", None)):
         yield ("13", f"open of {what} alone / native", against(f"names/{name}/directory", f"names/{name}/native"),
                AT_MOST, limit, "")
+    for way in ("handle", "path"):
+        yield ("", f"the necessary system calls of those, by {way} / native",
+               against(f"open/necessary/by_{way}", "open/native"), AT_MOST, None, "")
     yield ("13", "directories read for known names of a large directory", counter("names/large/directory.scans"),
            AT_MOST, 0, " reads")
     for beside in ("collision", "dangling_link"):
