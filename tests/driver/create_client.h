@@ -42,9 +42,6 @@ protected:
         Made.FileObject = File;
         return Made;
     }
-    static std::u16string View(const UNICODE_STRING &Text) {
-        return {Text.Buffer, Text.Length / sizeof(WCHAR)};
-    }
     // Opens and closes again what could be opened.
     CreateResult Try(std::u16string_view Path, const Open &Request = {}) {
         CreateResult Result = Create(Path, Request);

@@ -30,13 +30,6 @@ protected:
         Record.Drop();
         return Status;
     }
-    // PathLeft of an open points into the path of its FCB.
-    void ExpectPathLeftInside(HANDLE Handle) {
-        const UNICODE_STRING &Path = Fcb(Handle)->FullPath;
-        const PWSTR Left = Instance(Handle)->PathLeft;
-        EXPECT_GE(Left, Path.Buffer);
-        EXPECT_LE(Left, Path.Buffer + Path.Length / sizeof(WCHAR));
-    }
 };
 
 TEST_F(Fcbs, HaveAHeaderThatTheSystemUnderstands) {
@@ -78,6 +71,16 @@ TEST_F(Fcbs, ANameThatCannotBeIsInvalidBeforeTheProviderIsAsked) {
     // A wildcard in an earlier component is the Provider's business.
     ExpectRefused(u"\\srv\\vol\\d*cs\\f.txt", {}, STATUS_OBJECT_PATH_NOT_FOUND);
     EXPECT_EQ(Provider.CountCalls(), 1u);
+    // Of a target the parent may have none, and the name is the rename's business.
+    Provider.OnCall(Slot::CreateFile).Return(ProviderError(0x0506));
+    for (const std::u16string_view Each : Names) {
+        if (Each.find_first_of(u"*?") == Each.npos) {
+            ExpectRefused(Each, AsTarget, STATUS_OBJECT_NAME_INVALID);
+        }
+    }
+    ExpectRefused(u"\\srv", AsTarget, STATUS_OBJECT_NAME_INVALID);
+    ExpectRefused(u"\\srv\\vol", AsTarget, STATUS_BAD_NETWORK_PATH); // its parent is a server
+    ExpectRefused(u"\\srv\\vol\\d*\\new", AsTarget, STATUS_OBJECT_NAME_INVALID);
     ExpectNothingOpen("refused names");
 }
 
@@ -99,42 +102,36 @@ TEST_F(Fcbs, APathOf32KilobytesIsOpenedAndALongerOneRefused) {
 
 // ---- How opens name their object
 
-TEST_F(Fcbs, WhenTheVolumeCannotBeOpenedTheWholePathNamesTheObject) {
-    for (const Slot Fails : {Slot::QueryPathForVolume, Slot::OpenVolume}) {
-        Provider.OnCall(Fails).Return(ProviderError(0x0101));
-        const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
-        EXPECT_EQ(PathLeft(Handle), u"\\srv\\vol\\a.txt");
-        EXPECT_EQ(Instance(Handle)->BaseHandle, 0u);
-        EXPECT_EQ(Instance(Handle)->RelatedHandle, 0u);
-        EXPECT_EQ(Instance(Handle)->VolumeHandle, 0u);
-        EXPECT_EQ(ReadAll(Handle), "0123456789");
-        Close(Handle);
-        Provider.ClearScript();
-    }
-}
-
-TEST_F(Fcbs, APathIsSplitOnlyAtAComponentThatTheProviderCallsItsVolume) {
-    Provider.AddFile(u"\\srv\\vol\\f.txt");
+TEST_F(Fcbs, APathIsSplitOnlyAtAComponentThatTheProviderCallsItsVolumeAndOpens) {
+    Provider.AddFile(u"\\srv\\vol\\f.txt", "inside");
     struct {
         std::u16string_view Answer, PathLeft; // of \srv\vol\docs\f.txt
+        Slot Fails = Slot::Any;               // which one: none
     } constexpr Cases[] = {
         {u"\\srv\\vol", u"docs\\f.txt"},
         {u"\\srv\\vol\\docs", u"f.txt"},
         {u"\\srv\\vo", u"\\srv\\vol\\docs\\f.txt"},
         {u"\\srv\\vol\\do", u"\\srv\\vol\\docs\\f.txt"},
         {u"\\srv\\vol\\docs\\f.txt\\and\\more", u"\\srv\\vol\\docs\\f.txt"},
+        {u"\\srv\\vol", u"\\srv\\vol\\docs\\f.txt", Slot::QueryPathForVolume},
+        {u"\\srv\\vol", u"\\srv\\vol\\docs\\f.txt", Slot::OpenVolume},
     };
     for (const auto &Each : Cases) {
-        SCOPED_TRACE(ToUtf8(Each.Answer));
+        SCOPED_TRACE(ToUtf8(Each.Answer) + NameOf(Each.Fails));
         RVHANDLE Volume = 0;
-        Provider.Edit([&](Tree &Tree) { Tree.OpenVolume(u"\\srv\\vol", &Volume); });
-        Provider.OnCall(Slot::QueryPathForVolume).AnswerPath(std::u16string(Each.Answer));
-        Provider.OnCall(Slot::OpenVolume).ReturnAfter({}).AnswerHandle(Volume); // whatever it is called, it is a volume
+        if (Each.Fails != Slot::Any) {
+            Provider.OnCall(Each.Fails).Return(ProviderError(0x0101));
+        } else {
+            Provider.Edit([&](Tree &Tree) { Tree.OpenVolume(u"\\srv\\vol", &Volume); });
+            Provider.OnCall(Slot::QueryPathForVolume).AnswerPath(std::u16string(Each.Answer));
+            Provider.OnCall(Slot::OpenVolume).ReturnAfter({}).AnswerHandle(Volume); // whatever it is called
+        }
         const HANDLE Handle = MustOpen(u"\\srv\\vol\\docs\\f.txt");
         EXPECT_EQ(PathLeft(Handle), Each.PathLeft);
         EXPECT_EQ(Instance(Handle)->VolumeHandle, Each.PathLeft[0] != u'\\' ? Volume : 0);
         EXPECT_EQ(Instance(Handle)->BaseHandle, Instance(Handle)->VolumeHandle);
         EXPECT_EQ(Instance(Handle)->RelatedHandle, Instance(Handle)->VolumeHandle);
+        EXPECT_EQ(ReadAll(Handle), "inside");
         Close(Handle);
         Provider.ClearScript();
         ExpectNothingOpen("the close");
@@ -162,7 +159,7 @@ TEST_F(RelativeOpens, AreNamedByTheDirectorysHandleAndShareTheFcbOfThePath) {
         EXPECT_EQ(Instance(Relative)->BaseHandle, Lent);
         EXPECT_EQ(Instance(Relative)->RelatedHandle, Lent);
         EXPECT_EQ(Instance(Relative)->VolumeHandle, 0u);
-        ExpectPathLeftInside(Relative);
+        EXPECT_EQ(Instance(Relative)->PathLeft, Fcb(Relative)->FullPath.Buffer + (Root ? 9 : 14)) << "inside the path";
         Close(Directory);
         EXPECT_EQ(ReadAll(Relative), "inside");
         Close(Relative);
@@ -171,17 +168,15 @@ TEST_F(RelativeOpens, AreNamedByTheDirectorysHandleAndShareTheFcbOfThePath) {
 
 TEST_F(RelativeOpens, OfAnEmptyNameOpenTheSameObjectAgain) {
     const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
-    for (const std::u16string_view Name : {u"", u"\\"}) {
-        const HANDLE Again = MustOpen(Name, Below(Directory, AsDirectory));
-        EXPECT_EQ(Fcb(Again), Fcb(Directory));
-        EXPECT_EQ(PathLeft(Again), u"docs");
-        EXPECT_NE(Instance(Again)->VolumeHandle, 0u);
-        Close(Again);
-    }
     const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt");
-    const HANDLE Again = MustOpen(u"", Below(File));
-    EXPECT_EQ(Fcb(Again), Fcb(File));
-    EXPECT_EQ(ReadAll(Again), "0123456789");
+    for (const auto &[Related, Name, Left] :
+         {std::tuple{Directory, u"", u"docs"}, {Directory, u"\\", u"docs"}, {File, u"", u"a.txt"}}) {
+        const HANDLE Again = MustOpen(Name, Below(Related, Related == File ? Open{} : AsDirectory));
+        EXPECT_EQ(Fcb(Again), Fcb(Related));
+        EXPECT_EQ(PathLeft(Again), Left);
+        EXPECT_NE(Instance(Again)->VolumeHandle, 0u);
+        EXPECT_EQ(Instance(Again)->FileHandle != 0, Related == File);
+    }
 }
 
 TEST_F(RelativeOpens, ThroughADirectoryThatWasCreatedOnlyStayInIt) {
@@ -239,13 +234,10 @@ TEST_F(RelativeOpens, OfAForeignFileObjectAreRefusedBeforeTheProviderIsAsked) {
 }
 
 TEST_F(RelativeOpens, DeleteTheRightObjectWhenTheDirectoryIsClosedFirst) {
-    // Another directory takes the number that the closed one had, as servers do.
-    Provider.AddFile(u"\\srv\\vol\\docs\\x.txt", "goes");
     Provider.AddFile(u"\\srv\\vol\\other\\x.txt", "stays");
     for (const bool Root : {false, true}) {
         Provider.AddFile(u"\\srv\\vol\\docs\\x.txt", "goes");
-        const HANDLE Directory =
-            Root ? MustOpen(u"\\srv\\vol", AsDirectory) : MustOpen(u"\\srv\\vol\\docs", AsDirectory);
+        const HANDLE Directory = MustOpen(Root ? u"\\srv\\vol" : u"\\srv\\vol\\docs", AsDirectory);
         const HANDLE File = MustOpen(Root ? u"docs\\x.txt" : u"x.txt",
                                      Below(Directory, With(ForDelete, FILE_OPEN, FILE_DELETE_ON_CLOSE)));
         const RVHANDLE Borrowed = Instance(File)->BaseHandle;

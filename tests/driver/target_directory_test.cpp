@@ -188,26 +188,6 @@ TEST_F(TargetOpens, OfAParentThatCannotBeOpenedTellThatTheTargetIsNotThere) {
     Close(Result.Handle);
 }
 
-TEST_F(TargetOpens, OfNamesThatCannotBeAreRefused) {
-    struct {
-        std::u16string_view Path;
-        NTSTATUS Status;
-    } constexpr Cases[] = {
-        {u"\\srv\\vol", STATUS_BAD_NETWORK_PATH}, // its parent is a server
-        {u"\\srv", STATUS_OBJECT_NAME_INVALID},
-        {u"\\", STATUS_OBJECT_NAME_INVALID},
-        {u"\\srv\\vol\\docs\\\\new", STATUS_OBJECT_NAME_INVALID},
-        {u"\\srv\\vol\\docs\\new\\\\", STATUS_OBJECT_NAME_INVALID},
-        {u"\\srv\\vol\\d*\\new", STATUS_OBJECT_NAME_INVALID},
-        {std::u16string_view(u"\\srv\\vol\\a\0b", 12), STATUS_OBJECT_NAME_INVALID},
-    };
-    Provider.OnPath(Slot::CreateFile, u"\\srv\\vol\\d*\\new").Return(ProviderError(0x0506));
-    for (const auto &Each : Cases) {
-        ExpectRefused(Each.Path, AsTarget, Each.Status);
-    }
-    ExpectNothingOpen("refusals");
-}
-
 TEST_F(TargetOpens, WithoutTheFrameworksMemoryForTheNameAreRefused) {
     Bind();
     Framework->FailAllocate();

@@ -68,6 +68,16 @@ MATCHER_P2(Ends, Status, Information,
     return arg.Status == Status && arg.Information == static_cast<ULONG_PTR>(Information);
 }
 
+inline std::u16string View(const UNICODE_STRING &Text) {
+    return {Text.Buffer, Text.Length / sizeof(WCHAR)};
+}
+
+// While one of these lives nothing that the test calls in the driver itself gets memory.
+struct NoMemoryInTheDriver {
+    const PlannedFaults Faults{{.How = FaultPlan::Mode::NthAndAfter}};
+    const FaultScope AsTheDriver;
+};
+
 // Options of a start.
 struct StartOptions {
     std::map<std::u16string, ULONG> Switches; // of the service key
