@@ -122,32 +122,20 @@ TEST_P(Disposition, NeverDeniesForWantOfTheEraseRight) {
     EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\d"));
 }
 
+// Of the reservation and of its undoing.
 TEST_P(Disposition, ARefusalOfTheServerCountsOnlyWithTheWorkaround) {
-    for (RVSTATUS Refusal : {ProviderError(0x050D), RVSTATUS::AccessDenied, Warning}) {
-        const HANDLE Handle = OpenFile();
-        Provider.OnCall(Slot::ModifyFileAccess).Return(Refusal).Times(1);
-        if (FailsInUse()) {
-            ExpectRefused(Handle, STATUS_SHARING_VIOLATION);
-        } else {
-            EXPECT_EQ(SetDisposition(Handle, true), STATUS_SUCCESS);
-            EXPECT_TRUE(IsSet(Handle));
-        }
-        EXPECT_FALSE(IsReserved(Handle));
-        Provider.ClearScript();
-        SetDisposition(Handle, true);
-        EXPECT_EQ(SetDisposition(Handle, false), STATUS_SUCCESS);
-        Close(Handle);
-    }
-    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\a.txt"));
-}
-
-TEST_P(Disposition, AnUndoThatTheServerRefusesCountsOnlyWithTheWorkaround) {
-    for (const bool Refused : {true, false}) {
+    for (const RVSTATUS Refusal : {ProviderError(0x050D), RVSTATUS::AccessDenied, Warning}) {
         Provider.AddFile(u"\\srv\\vol\\a.txt", "0123456789");
         const HANDLE Handle = OpenFile();
+        Provider.OnCall(Slot::ModifyFileAccess).Return(Refusal).Times(1);
+        EXPECT_EQ(SetDisposition(Handle, true), FailsInUse() ? STATUS_SHARING_VIOLATION : STATUS_SUCCESS);
+        EXPECT_EQ(IsSet(Handle), !FailsInUse());
+        EXPECT_FALSE(IsReserved(Handle));
+        EXPECT_EQ(SetDisposition(Handle, false), STATUS_SUCCESS);
         EXPECT_EQ(SetDisposition(Handle, true), STATUS_SUCCESS);
-        Refused ? Provider.OnCall(Slot::ModifyFileAccess).Return(ProviderError(0x050D))
-                : Provider.OnCall(Slot::ModifyFileAccess).ReturnAfter(Warning);
+        EXPECT_TRUE(IsReserved(Handle));
+        const bool Refused = RvIsError(Refusal);
+        Provider.OnCall(Slot::ModifyFileAccess).Times(1).ReturnAfter(Refusal);
         const bool Counts = Refused && FailsInUse();
         EXPECT_EQ(SetDisposition(Handle, false), Counts ? STATUS_ACCESS_DENIED : STATUS_SUCCESS);
         EXPECT_EQ(IsSet(Handle), Counts);
@@ -232,15 +220,6 @@ TEST_P(Disposition, OfADirectoryIsRefusedWhenAnythingStandsAgainstIt) {
     const PlannedFaults NoMemory({.How = FaultPlan::Mode::NthAndAfter, .Kinds = FaultBit(FaultKind::Pool)});
     EXPECT_EQ(Send(ReadOnly, FileDispositionInformation, &Delete, 1), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_FALSE(IsSet(ReadOnly));
-}
-
-TEST_P(Disposition, ADirectoryThatWasCreatedButNotOpenedIsJudgedByItsOwnEntries) {
-    Provider.AddFile(u"\\srv\\vol\\d\\sibling.txt");
-    const HANDLE Handle = CreateUnopened(u"\\srv\\vol\\d\\new");
-    EXPECT_EQ(SetDisposition(Handle, true), STATUS_SUCCESS); // its parent is not empty
-    Close(Handle);
-    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\d\\new"));
-    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\d\\sibling.txt"));
 }
 
 // What the listing answers decides whether a directory counts as empty; in doubt it does not.

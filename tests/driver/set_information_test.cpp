@@ -14,7 +14,7 @@ constexpr std::pair<ULONG, NTSTATUS> Refusals[] = {{0xC7E70006, STATUS_ACCESS_DE
                                                    {0x0000000E, STATUS_UNSUCCESSFUL},
                                                    {0x80000007, STATUS_BUFFER_OVERFLOW}};
 
-class Setting : public SetFixture {};
+using Setting = SetFixture;
 
 // ---- Attributes and times
 
@@ -23,6 +23,7 @@ TEST_F(Setting, OfBasicInformationSendsWhatChangesAndNothingElse) {
         ULONG Attributes;
         LONG64 Creation, LastAccess, LastWrite;
         const char *Sent; // behind the handle; NULL: no call
+        bool IsDirectory = false;
     } constexpr Cases[] = {
         {0, 0, 0, 0, nullptr},
         {0, -1, -1, -1, nullptr},
@@ -35,10 +36,14 @@ TEST_F(Setting, OfBasicInformationSendsWhatChangesAndNothingElse) {
         {0, -1, 6, 0, "attributes=null, creation=null, lastWrite=null, lastAccess=6"},
         {0, 0, 0, 7, "attributes=null, creation=null, lastWrite=7, lastAccess=null"},
         {1, 1, 2, 3, "attributes=1, creation=1, lastWrite=3, lastAccess=2"},
+        // A directory stays one.
+        {FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_NORMAL, 0, 0, 0, "attributes=0x12, creation=null", true},
+        {0, 0, 0, 9, "attributes=null, creation=null, lastWrite=9, lastAccess=null", true},
     };
     for (const auto &Each : Cases) {
         Provider.AddFile(u"\\srv\\vol\\b.txt");
-        const HANDLE Handle = MustOpen(u"\\srv\\vol\\b.txt", ForChange);
+        const HANDLE Handle = Each.IsDirectory ? MustOpen(u"\\srv\\vol\\d", DirectoryForChange)
+                                               : MustOpen(u"\\srv\\vol\\b.txt", ForChange);
         Provider.ClearCalls();
         FILE_BASIC_INFORMATION Basic = {};
         Basic.FileAttributes = Each.Attributes;
@@ -47,62 +52,51 @@ TEST_F(Setting, OfBasicInformationSendsWhatChangesAndNothingElse) {
         Basic.LastWriteTime.QuadPart = Each.LastWrite;
         Basic.ChangeTime.QuadPart = 77; // counts for nothing
         EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), STATUS_SUCCESS);
-        ASSERT_EQ(CallNames(), Each.Sent == nullptr ? Calls{} : Calls{"RVFsdSetFileInformation"});
+        const Slot Setter = Each.IsDirectory ? Slot::SetDirectoryInformation : Slot::SetFileInformation;
+        ASSERT_EQ(CallNames(), Each.Sent == nullptr ? Calls{} : Calls{NameOf(Setter)});
         if (Each.Sent != nullptr) {
             EXPECT_NE(Provider.Calls()[0].find(Each.Sent), std::string::npos) << Provider.Calls()[0];
-            EXPECT_EQ(Last(Slot::SetFileInformation).Number("handle"), Instance(Handle)->FileHandle);
+            EXPECT_EQ(Last(Setter).Number("handle"),
+                      Each.IsDirectory ? Instance(Handle)->DirHandle : Instance(Handle)->FileHandle);
         }
         Close(Handle);
     }
 }
 
-TEST_F(Setting, ADirectoryIsChangedByItsOwnHandleAndStaysADirectory) {
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\d", DirectoryForChange);
-    FILE_BASIC_INFORMATION Basic = {};
-    Basic.FileAttributes = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_NORMAL;
-    EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), STATUS_SUCCESS);
-    EXPECT_EQ(Last(Slot::SetDirectoryInformation).Number("attributes"), 0x12u);
-    EXPECT_EQ(Last(Slot::SetDirectoryInformation).Number("handle"), Instance(Handle)->DirHandle);
-    Basic.FileAttributes = 0;
-    Basic.LastWriteTime.QuadPart = 9;
-    EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), STATUS_SUCCESS);
-    EXPECT_NE(Provider.Calls().back().find("attributes=null, creation=null, lastWrite=9"), std::string::npos);
-}
-
-// The handle that such an open names itself by is its parent's.
+// The handle that such an open names itself by is its parent's. What needs none opens none.
 TEST_F(Setting, ADirectoryThatWasCreatedButNotOpenedIsOpenedBeforeItIsChanged) {
-    const HANDLE Handle = CreateUnopened(u"\\srv\\vol\\d\\new");
+    Provider.AddFile(u"\\srv\\vol\\d\\sibling.txt");
+    HANDLE Handle = CreateUnopened(u"\\srv\\vol\\d\\new");
     FILE_BASIC_INFORMATION Basic = {};
-    Basic.FileAttributes = FILE_ATTRIBUTE_HIDDEN;
-    {
-        Rule &Fails = Provider.OnCall(Slot::OpenDirectory).Return(ProviderError(0x0102)).Times(1);
-        Provider.ClearCalls();
-        EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), STATUS_NETWORK_BUSY);
-        EXPECT_EQ(CallNames(), Calls{"RVFsdOpenDirectory"});
-        EXPECT_EQ(Fails.Fired(), 1u);
-    }
-    EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), STATUS_SUCCESS);
-    EXPECT_EQ(Provider.Attributes(u"\\srv\\vol\\d\\new") & RV_ATTR_HIDDEN, RV_ATTR_HIDDEN + 0u);
-    EXPECT_EQ(Provider.Attributes(u"\\srv\\vol\\d") & RV_ATTR_HIDDEN, 0u);
-}
-
-TEST_F(Setting, WhatNeedsNoHandleOpensNone) {
-    const HANDLE Handle = CreateUnopened(u"\\srv\\vol\\d\\new");
-    Provider.ClearCalls();
-    EXPECT_EQ(Set(Handle, FileBasicInformation, FILE_BASIC_INFORMATION{}), STATUS_SUCCESS);
-    EXPECT_EQ(SetDisposition(Handle, false), STATUS_SUCCESS);
     const UCHAR Replace = 0;
+    Provider.ClearCalls();
+    EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), STATUS_SUCCESS);
+    EXPECT_EQ(SetDisposition(Handle, false), STATUS_SUCCESS);
     EXPECT_EQ(Send(Handle, FileRenameInformation, &Replace, 1), STATUS_NOT_SUPPORTED);
+    EXPECT_EQ(CallNames(), Calls{});
     const HANDLE Second = MustOpen(u"\\srv\\vol\\d\\new", DirectoryForChange);
     Provider.ClearCalls();
     EXPECT_EQ(SetDisposition(Handle, true), STATUS_CANNOT_DELETE);
     EXPECT_EQ(CallNames(), Calls{});
     EXPECT_EQ(Instance(Handle)->DirHandle, 0u);
     Close(Second);
+
+    Basic.FileAttributes = FILE_ATTRIBUTE_HIDDEN;
+    Provider.OnCall(Slot::OpenDirectory).Return(ProviderError(0x0102)).Times(1);
+    Provider.ClearCalls();
+    EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), STATUS_NETWORK_BUSY);
+    EXPECT_EQ(CallNames(), Calls{"RVFsdOpenDirectory"});
+    EXPECT_EQ(Set(Handle, FileBasicInformation, Basic), STATUS_SUCCESS);
+    EXPECT_EQ(Provider.Attributes(u"\\srv\\vol\\d\\new") & RV_ATTR_HIDDEN, RV_ATTR_HIDDEN + 0u);
+    EXPECT_EQ(Provider.Attributes(u"\\srv\\vol\\d") & RV_ATTR_HIDDEN, 0u);
+    Close(Handle);
+    // Its own entries count, not its parent's.
+    Handle = CreateUnopened(u"\\srv\\vol\\d\\gone");
     EXPECT_EQ(SetDisposition(Handle, true), STATUS_SUCCESS);
     EXPECT_NE(Instance(Handle)->DirHandle, 0u);
     Close(Handle);
-    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\d\\new"));
+    EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\d\\gone"));
+    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\d\\sibling.txt"));
 }
 
 TEST_F(Setting, ARefusalOfTheProviderIsTheAnswer) {
