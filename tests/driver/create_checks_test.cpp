@@ -6,8 +6,6 @@ namespace {
 
 using namespace test;
 
-constexpr ULONG N = FILE_NON_DIRECTORY_FILE;
-
 using CreateChecks = CreateFixture;
 
 // ---- Delete on close

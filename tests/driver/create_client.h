@@ -8,6 +8,8 @@
 
 namespace test {
 
+inline constexpr ULONG D = FILE_DIRECTORY_FILE;
+inline constexpr ULONG N = FILE_NON_DIRECTORY_FILE;
 inline constexpr ULONG Synchronous = FILE_SYNCHRONOUS_IO_NONALERT;
 inline constexpr Open AsTarget = {.Access = FILE_WRITE_DATA | SYNCHRONIZE, .StackFlags = SL_OPEN_TARGET_DIRECTORY};
 inline constexpr Open ForDelete = {.Access = DELETE | FILE_READ_DATA | SYNCHRONIZE};
@@ -17,6 +19,11 @@ inline Open With(Open Request, ULONG Disposition, ULONG MoreOptions = 0) {
     Request.Options |= MoreOptions;
     Request.CheckParameters = false;
     return Request;
+}
+
+// To compare records by.
+inline std::string Bytes(const auto &Of) {
+    return std::string(reinterpret_cast<const char *>(&Of), sizeof(Of));
 }
 
 // The open proper, not one of the questions whether something is there.

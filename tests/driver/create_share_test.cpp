@@ -7,8 +7,6 @@ namespace {
 
 using namespace test;
 
-constexpr ULONG D = FILE_DIRECTORY_FILE;
-constexpr ULONG N = FILE_NON_DIRECTORY_FILE;
 constexpr ULONG ShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
 class SharedOpens : public CreateFixture {
@@ -16,11 +14,6 @@ protected:
     SharedOpens() {
         // The server has no opinion of its own here.
         Provider.Edit([](Tree &Tree) { Tree.SetSharing(false); });
-    }
-    static bool Same(const SHARE_ACCESS &Left, const SHARE_ACCESS &Right) {
-        return Left.OpenCount == Right.OpenCount && Left.Readers == Right.Readers && Left.Writers == Right.Writers &&
-               Left.Deleters == Right.Deleters && Left.SharedRead == Right.SharedRead &&
-               Left.SharedWrite == Right.SharedWrite && Left.SharedDelete == Right.SharedDelete;
     }
 };
 
@@ -56,7 +49,7 @@ TEST_F(SharedOpens, GetAlongExactlyWhenTheirAccessAndSharingDo) {
             } else {
                 ASSERT_EQ(Result.Information, static_cast<ULONG_PTR>(FILE_DOES_NOT_EXIST));
             }
-            ASSERT_TRUE(Same(Fcb(Held)->ShareAccess, Before)) << First << " " << Second;
+            ASSERT_TRUE(Bytes(Fcb(Held)->ShareAccess) == Bytes(Before)) << First << " " << Second;
             ASSERT_EQ(Fcb(Held)->OpenCount, 1u);
             ASSERT_EQ(Fcb(Held)->UncleanCount, 1u);
         }
@@ -110,7 +103,7 @@ TEST_F(SharedOpens, SucceedWithoutAClaimWhenTheClaimIsRefusedAtTheEnd) {
     EXPECT_FALSE(FileObject(Second)->ReadAccess);
     Shared->ShareAccess = Before;
     Close(Second);
-    EXPECT_TRUE(Same(Shared->ShareAccess, Before)) << "nothing was taken that had not been added";
+    EXPECT_TRUE(Bytes(Shared->ShareAccess) == Bytes(Before)) << "nothing was taken that had not been added";
 }
 
 TEST_F(SharedOpens, AreWhatTheFirstOneWas) {

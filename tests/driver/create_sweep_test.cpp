@@ -7,8 +7,6 @@ namespace {
 
 using namespace test;
 
-constexpr ULONG N = FILE_NON_DIRECTORY_FILE;
-
 struct Kind {
     const char *Name;
     std::u16string_view Path;
@@ -48,10 +46,6 @@ const Kind Kinds[] = {
     {"Target", u"\\srv\\vol\\docs\\f.txt", AsTarget},
     {"RelativeTarget", u"new", AsTarget, true},
 };
-
-std::string Bytes(const auto &Of) {
-    return std::string(reinterpret_cast<const char *>(&Of), sizeof(Of));
-}
 
 // All of an FCB that an open which fails must leave as it was.
 auto StateOf(const FCB &Fcb) {

@@ -10,9 +10,6 @@ namespace {
 
 using namespace test;
 
-constexpr ULONG D = FILE_DIRECTORY_FILE;
-constexpr ULONG N = FILE_NON_DIRECTORY_FILE;
-
 class Creates : public CreateFixture {
 protected:
     void FailOpen(USHORT Code) {
@@ -183,19 +180,17 @@ TEST_F(Creates, TellWhatTheProviderDidByItsAction) {
 }
 
 TEST_F(Creates, TakeTheSizesOfTheFileWhenTheyCanBeHad) {
-    HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
-    EXPECT_EQ(FileSize(Handle), 10);
-    Close(Handle);
-    for (const RVSTATUS Raw : {ProviderError(0x0102), static_cast<RVSTATUS>(0x40000000)}) {
-        Provider.OnCall(Slot::GetFileInformation).ReturnAfter(Raw);
-        Handle = MustOpen(u"\\srv\\vol\\a.txt");
-        EXPECT_EQ(FileSize(Handle), 0) << "only an answer of exactly success counts";
+    // Only an answer of exactly success counts, and no size that no offset can name.
+    for (const auto &[Raw, End, Size] :
+         {std::tuple{0u, 10ull, 10}, {0xC7E70102u, 10ull, 0}, {0x40000000u, 10ull, 0}, {0u, 1ull << 63, 0}}) {
+        Provider.OnCall(Slot::GetFileInformation)
+            .ReturnAfter(static_cast<RVSTATUS>(Raw))
+            .Answer([End = End](Outputs &Out) { *Out.EndOfFile = End; });
+        const HANDLE Handle = MustOpen(u"\\srv\\vol\\a.txt");
+        EXPECT_EQ(FileSize(Handle), Size);
         Close(Handle);
         Provider.ClearScript();
     }
-    Provider.OnCall(Slot::GetFileInformation).Answer([](Outputs &Out) { *Out.EndOfFile = 1ull << 63; });
-    Handle = MustOpen(u"\\srv\\vol\\a.txt");
-    EXPECT_EQ(FileSize(Handle), 0) << "a size that no offset can name";
 }
 
 // ---- Failures of the Provider
@@ -231,24 +226,22 @@ TEST_F(Creates, MapFailuresOfTheFileOpen) {
 }
 
 TEST_F(Creates, TellAMissingParentFromAMissingName) {
-    for (const ULONG Flags : {0u, D, N}) {
-        for (const ULONG Disposition : {FILE_OPEN, FILE_OVERWRITE}) {
-            const Open Request = With({.Options = Synchronous | Flags}, Disposition);
-            ExpectRefused(u"\\srv\\vol\\docs\\no", Request, STATUS_OBJECT_NAME_NOT_FOUND);
-            ExpectRefused(u"\\srv\\vol\\no\\no", Request, STATUS_OBJECT_PATH_NOT_FOUND);
+    for (const bool Tells : {true, false}) {
+        if (!Tells) { // then the probe of the parent decides
+            Provider.OnPath(Slot::CreateFile, u"\\srv\\vol\\no\\no").Return(ProviderError(0x0506));
+            Provider.OnPath(Slot::CreateFile, u"no\\no").Return(ProviderError(0x0506));
+            Provider.OnPath(Slot::OpenDirectory, u"no\\no").Return(ProviderError(0x0506));
         }
+        for (const ULONG Flags : {0u, D, N}) {
+            for (const ULONG Disposition : {FILE_OPEN, FILE_OVERWRITE}) {
+                const Open Request = With({.Options = Synchronous | Flags}, Disposition);
+                ExpectRefused(u"\\srv\\vol\\docs\\no", Request, STATUS_OBJECT_NAME_NOT_FOUND);
+                ExpectRefused(u"\\srv\\vol\\no\\no", Request,
+                              Tells || Flags != N ? STATUS_OBJECT_PATH_NOT_FOUND : STATUS_OBJECT_NAME_NOT_FOUND);
+            }
+        }
+        ExpectRefused(u"\\srv\\vol\\no\\no", With({.Options = D}, FILE_CREATE), STATUS_OBJECT_PATH_NOT_FOUND);
     }
-}
-
-TEST_F(Creates, AskForTheParentWhenTheProviderSaysNoSuchFileForBoth) {
-    // A Provider that does not tell the two apart: the probe of the parent decides.
-    Provider.OnPath(Slot::CreateFile, u"\\srv\\vol\\gone\\no").Return(ProviderError(0x0506));
-    Provider.OnPath(Slot::CreateFile, u"gone\\no").Return(ProviderError(0x0506));
-    Provider.OnPath(Slot::OpenDirectory, u"gone\\no").Return(ProviderError(0x0506));
-    for (const ULONG Flags : {0u, D}) {
-        ExpectRefused(u"\\srv\\vol\\gone\\no", {.Options = Synchronous | Flags}, STATUS_OBJECT_PATH_NOT_FOUND);
-    }
-    ExpectRefused(u"\\srv\\vol\\gone\\no", With({.Options = D}, FILE_CREATE), STATUS_OBJECT_PATH_NOT_FOUND);
 }
 
 TEST_F(Creates, OfDirectoriesAnswerTheProvidersFailure) {
@@ -273,26 +266,19 @@ TEST_F(Creates, FailWhenWhatIsThereCannotBeFoundOutAndNoTypeWasGiven) {
 
 // ---- Directories
 
+// Nor has one whose open fails afterwards, or answers a note.
 TEST_F(Creates, ADirectoryThatWasCreatedOnlyHasNoHandleOfItsOwn) {
-    HANDLE Handle = MustOpen(u"\\srv\\vol\\new", With(AsDirectory, FILE_CREATE));
-    EXPECT_EQ(Instance(Handle)->DirHandle, 0u);
-    EXPECT_EQ(Fcb(Handle)->OpenType, OPEN_TYPE_DIRECTORY + 0u);
-    EXPECT_EQ(Fcb(Handle)->VolumeResolved, 0);
-    Close(Handle);
-    Handle = MustOpen(u"\\srv\\vol\\newer", With(AsDirectory, FILE_OPEN_IF));
-    EXPECT_NE(Instance(Handle)->DirHandle, 0u);
-    EXPECT_EQ(Instance(Handle)->RelatedHandle, Instance(Handle)->DirHandle);
-    EXPECT_EQ(Fcb(Handle)->VolumeResolved, 0);
-}
-
-TEST_F(Creates, ADirectoryThatWasCreatedButCannotBeOpenedIsADirectoryAllTheSame) {
-    for (const ULONG Raw : {0xC7E70006u, 0x40000000u}) {
+    for (const auto &[Disposition, Raw] :
+         {std::pair{FILE_CREATE, 0u}, {FILE_OPEN_IF, 0u}, {FILE_OPEN_IF, 0xC7E70006u}, {FILE_OPEN_IF, 0x40000000u}}) {
         Provider.OnCall(Slot::OpenDirectory, [](const Call &Made) { return Made.String("path") == u"new"; })
             .Nth(3)
             .ReturnAfter(static_cast<RVSTATUS>(Raw));
-        const HANDLE Handle = MustOpen(u"\\srv\\vol\\new", With(AsDirectory, FILE_OPEN_IF));
-        EXPECT_EQ(Instance(Handle)->DirHandle, 0u);
+        const HANDLE Handle = MustOpen(u"\\srv\\vol\\new", With(AsDirectory, Disposition));
+        const bool Has = Disposition == FILE_OPEN_IF && Raw == 0;
+        EXPECT_EQ(Instance(Handle)->DirHandle != 0, Has);
+        EXPECT_TRUE(!Has || Instance(Handle)->RelatedHandle == Instance(Handle)->DirHandle);
         EXPECT_EQ(Fcb(Handle)->OpenType, OPEN_TYPE_DIRECTORY + 0u);
+        EXPECT_EQ(Fcb(Handle)->VolumeResolved, 0);
         Close(Handle);
         Provider.ClearScript();
         Provider.Edit([](Tree &Tree) { Tree.Delete(true, 0, u"\\srv\\vol\\new"); });

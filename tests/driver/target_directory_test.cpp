@@ -31,10 +31,19 @@ TEST_F(TargetOpens, OpenTheParentAndKeepTheName) {
         {u"\\srv\\vol\\new", u"\\srv\\vol", u"new", FILE_DOES_NOT_EXIST, u""},
         {u"\\srv\\vol\\a.txt", u"\\srv\\vol", u"a.txt", FILE_EXISTS, u""},
     };
+    Bind();
     for (const auto &Each : Cases) {
         SCOPED_TRACE(ToUtf8(Each.Path));
+        Provider.ClearCalls();
         const CreateResult Result = Create(Each.Path, AsTarget);
         ASSERT_THAT(Result, Ends(STATUS_SUCCESS, Each.Information));
+        if (Each.Path == Cases[0].Path) {
+            EXPECT_EQ(Provider.CompareCalls(
+                          {"CreateFile", "CreateFile", "QueryPathForVolume", "OpenVolume", "OpenDirectory"}),
+                      "");
+            EXPECT_EQ(Provider.CallRecords()[0].String("path"), Each.Path);
+            EXPECT_EQ(Provider.CallRecords()[1].String("path"), Each.Parent);
+        }
         EXPECT_EQ(NameOf(Result.Handle), Each.FinalName);
         const PFCB Parent = Fcb(Result.Handle);
         const PINSTANCE_CONTEXT Made = Instance(Result.Handle);
@@ -53,38 +62,24 @@ TEST_F(TargetOpens, OpenTheParentAndKeepTheName) {
     }
 }
 
-TEST_F(TargetOpens, AskInThisOrder) {
-    Bind();
-    MustOpen(u"\\srv\\vol\\docs\\new", AsTarget);
-    EXPECT_EQ(Provider.CompareCalls({"CreateFile", "CreateFile", "QueryPathForVolume", "OpenVolume", "OpenDirectory"}),
-              "");
-    EXPECT_EQ(Provider.CallRecords()[0].String("path"), u"\\srv\\vol\\docs\\new");
-    EXPECT_EQ(Provider.CallRecords()[1].String("path"), u"\\srv\\vol\\docs");
-}
-
-TEST_F(TargetOpens, AreComposedWithTheRelatedDirectory) {
+TEST_F(TargetOpens, AreComposedWithTheRelatedDirectoryAndLeaveItsStateAlone) {
     const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
-    const HANDLE Handle = MustOpen(u"sub\\new", Below(Directory));
-    EXPECT_EQ(View(Fcb(Handle)->FullPath), u"\\srv\\vol\\docs\\sub");
-    EXPECT_EQ(NameOf(Handle), u"new");
-    const HANDLE Direct = MustOpen(u"f.txt", Below(Directory));
-    EXPECT_EQ(Fcb(Direct), Fcb(Directory));
-    EXPECT_EQ(Fcb(Directory)->OpenCount, 2u);
-    // An empty name is the related object itself.
-    const HANDLE Itself = MustOpen(u"", Below(Directory));
-    EXPECT_EQ(View(Fcb(Itself)->FullPath), u"\\srv\\vol");
-}
-
-TEST_F(TargetOpens, OfAnOpenDirectoryLeaveItsStateAlone) {
-    const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
-    const SHARE_ACCESS Before = Fcb(Directory)->ShareAccess;
-    const HANDLE Handle = MustOpen(u"\\srv\\vol\\docs\\new", AsTarget);
-    EXPECT_EQ(Fcb(Handle), Fcb(Directory));
-    EXPECT_EQ(Fcb(Directory)->ShareAccess.OpenCount, Before.OpenCount);
-    EXPECT_EQ(Fcb(Directory)->ShareAccess.Writers, Before.Writers);
-    EXPECT_EQ(Fcb(Directory)->VolumeResolved, 0) << "its listings keep their dot entries";
-    Close(Handle);
-    EXPECT_EQ(Fcb(Directory)->ShareAccess.OpenCount, Before.OpenCount);
+    const std::string Before = Bytes(Fcb(Directory)->ShareAccess);
+    // An empty name is the related object itself, which has no room for its name.
+    for (const auto &[Name, Parent, FinalName] : {std::tuple{u"sub\\new", u"\\srv\\vol\\docs\\sub", u"new"},
+                                                  {u"f.txt", u"\\srv\\vol\\docs", u"f.txt"},
+                                                  {u"", u"\\srv\\vol", u""}}) {
+        const HANDLE Handle = MustOpen(Name, Below(Directory));
+        EXPECT_EQ(View(Fcb(Handle)->FullPath), Parent);
+        EXPECT_EQ(NameOf(Handle), FinalName);
+        const bool IsDirect = Fcb(Handle) == Fcb(Directory);
+        EXPECT_EQ(IsDirect, std::u16string_view(Name) == u"f.txt");
+        EXPECT_EQ(Fcb(Directory)->OpenCount, IsDirect ? 2u : 1u);
+        EXPECT_EQ(Fcb(Directory)->VolumeResolved, 0) << "its listings keep their dot entries";
+        EXPECT_EQ(Bytes(Fcb(Directory)->ShareAccess), Before);
+        Close(Handle);
+        EXPECT_EQ(Bytes(Fcb(Directory)->ShareAccess), Before);
+    }
 }
 
 TEST_F(TargetOpens, NeverDeleteTheParent) {
@@ -159,23 +154,17 @@ TEST_F(TargetOpens, BelowAFileOpenWithoutADirectoryHandle) {
     EXPECT_EQ(NtQueryInformationFile(Result.Handle, &IoStatus, &Id, sizeof(Id), FileInternalInformation),
               STATUS_INVALID_HANDLE);
     EXPECT_TRUE(Provider.Calls().empty());
-    const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt", {.Share = 7});
+    // One that was open before keeps its locks, and reads.
+    const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt");
+    LARGE_INTEGER Length = {.QuadPart = 4};
+    ASSERT_EQ(NtLockFile(File, nullptr, nullptr, nullptr, &IoStatus, &End, &Length, 0, TRUE, TRUE), STATUS_SUCCESS);
+    ExpectOpened(u"\\srv\\vol\\a.txt\\new", AsTarget, FILE_EXISTS);
+    EXPECT_NE(FsRtlGetNextFileLock(&Fcb(File)->FileLock, TRUE), nullptr);
     EXPECT_EQ(ReadAll(File), "0123456789");
+    EXPECT_EQ(Fcb(File)->OpenType, OPEN_TYPE_FILE + 0u);
     Close(Result.Handle);
     Close(File);
     ExpectNothingOpen("the closes");
-}
-
-TEST_F(TargetOpens, OfAParentThatIsAnOpenFileTakeNothingFromIt) {
-    const HANDLE File = MustOpen(u"\\srv\\vol\\a.txt");
-    LARGE_INTEGER At = {};
-    LARGE_INTEGER Length = {.QuadPart = 4};
-    IO_STATUS_BLOCK IoStatus;
-    ASSERT_EQ(NtLockFile(File, nullptr, nullptr, nullptr, &IoStatus, &At, &Length, 0, TRUE, TRUE), STATUS_SUCCESS);
-    Provider.OnPath(Slot::CreateFile, u"\\srv\\vol\\a.txt\\new").Return(ProviderError(0x0506));
-    ExpectOpened(u"\\srv\\vol\\a.txt\\new", AsTarget, FILE_EXISTS);
-    EXPECT_NE(FsRtlGetNextFileLock(&Fcb(File)->FileLock, TRUE), nullptr);
-    EXPECT_EQ(Fcb(File)->OpenType, OPEN_TYPE_FILE + 0u);
 }
 
 TEST_F(TargetOpens, OfAParentThatCannotBeOpenedTellThatTheTargetIsNotThere) {
