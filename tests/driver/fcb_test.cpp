@@ -300,33 +300,6 @@ TEST_F(Fcbs, TakeNewPathsUntilAMegabyteOfOldOnesIsKept) {
     ExpectNothingOpen("closing it");
 }
 
-// Whatever opens, goes or takes another path below it, in whatever letter case.
-TEST_F(Fcbs, KeepTheirDirectoriesFromBeingRenamedWhileTheyLieBelow) {
-    const auto HasBelow = [](std::u16string_view Path) {
-        const UNICODE_STRING Name = ToUnicodeString(Path);
-        ResourceHold Table;
-        Table.AcquireExclusive(&FcbTableResource, TRUE);
-        return NtFsdHasFcbBelow(&Name);
-    };
-    Provider.AddFile(u"\\srv\\vol\\docs\\s\u00FCb\\g.txt");
-    MustOpen(u"\\srv\\vol\\docs", AsDirectory);
-    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\docs")) << "it is not below itself";
-    const HANDLE Deep = MustOpen(u"\\srv\\vol\\DOCS\\s\u00FCb\\g.txt");
-    const HANDLE Near = MustOpen(u"\\srv\\vol\\docs\\f.txt");
-    EXPECT_TRUE(HasBelow(u"\\srv\\vol\\docs"));
-    EXPECT_TRUE(HasBelow(u"\\SRV\\vol\\docs\\S\u00DCb"));
-    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\docs\\f.txt"));
-    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\doc"));
-    EXPECT_EQ(Rename(Deep, u"\\srv\\vol\\other\\g.txt"), STATUS_SUCCESS);
-    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\docs\\S\u00DCb"));
-    EXPECT_TRUE(HasBelow(u"\\srv\\vol\\docs"));
-    EXPECT_TRUE(HasBelow(u"\\srv\\vol\\other"));
-    Close(Near);
-    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\docs"));
-    Close(Deep);
-    EXPECT_FALSE(HasBelow(u"\\srv\\vol\\other"));
-}
-
 TEST_F(Fcbs, RenamedOntoAPathThatIsOpenStayOutOfTheTable) {
     const HANDLE Target = MustOpen(u"\\srv\\vol\\a.txt");
     const HANDLE Source = MustOpen(u"\\srv\\vol\\docs\\f.txt");

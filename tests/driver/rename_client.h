@@ -11,6 +11,18 @@ protected:
         .Access = FILE_WRITE_DATA | SYNCHRONIZE, .Options = 0, .StackFlags = SL_OPEN_TARGET_DIRECTORY};
     static constexpr Open WithoutData = {.Access = DELETE | FILE_READ_ATTRIBUTES | SYNCHRONIZE};
 
+    // What is asked before a file is deleted to make room.
+    const Calls LooksAtWhatIsReplaced = {"RVFsdGetVolumeInformation",
+                                         "RVFsdGetVolumeInformation",
+                                         "RVFsdGetDFSPhysicalPath",
+                                         "RVFsdQueryPathForVolume",
+                                         "RVFsdGetDFSPhysicalPath",
+                                         "RVFsdQueryPathForVolume",
+                                         "RVFsdGetFileId",
+                                         "RVFsdCreateFile",
+                                         "RVFsdGetFileId",
+                                         "RVFsdCloseFile"};
+
     HANDLE OpenFile(std::u16string_view Path = u"\\srv\\vol\\a.txt") {
         return MustOpen(Path, ForChange);
     }
@@ -38,6 +50,13 @@ protected:
     // What the last RenameTo asked of the Provider.
     const Calls &Made() const {
         return Made_;
+    }
+
+    // ... and that it was this, after the questions about what is replaced.
+    void ExpectMadeAfterLooking(std::initializer_list<const char *> More) {
+        Calls Expected = LooksAtWhatIsReplaced;
+        Expected.insert(Expected.end(), More.begin(), More.end());
+        EXPECT_EQ(Made(), Expected);
     }
 
     // The open names itself by Path, whole, and the Provider has it there.

@@ -87,8 +87,8 @@ TEST_F(RenamesConcurrent, ThroughSeveralHandlesOfOneFile) {
     EXPECT_FALSE(Provider.Exists(Path));
 }
 
-// A directory is renamed while the Provider is asked about a name below it, and another takes its old name.
-class RenamesMeanwhile : public RenameFixture {
+// A directory is renamed while the Provider is asked about a name below it; its old name is gone, or another takes it.
+class RenamesMeanwhile : public RenameFixture, public testing::WithParamInterface<bool> {
 protected:
     void SetUp() override {
         Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "mine");
@@ -96,7 +96,7 @@ protected:
         File_ = OpenFile();
         Provider.OnCall(Slot::CreateFile).Nth(1).Do([this](const Call &) {
             EXPECT_EQ(Rename(Directory_, u"\\srv\\vol\\e"), STATUS_SUCCESS);
-            if (Replaced_) {
+            if (GetParam()) {
                 Provider.AddFile(u"\\srv\\vol\\d\\f.txt", "theirs");
             }
         });
@@ -108,36 +108,33 @@ protected:
     }
     HANDLE Directory_ = nullptr;
     HANDLE File_ = nullptr;
-    bool Replaced_ = true; // by another directory of the old name
 };
 
-TEST_F(RenamesMeanwhile, AnOpenBelowItIsNotRefusedForTheNameThatIsGone) {
-    Replaced_ = false;
-    Open Below;
-    Below.Related = Directory_;
-    const HANDLE Mine = MustOpen(u"f.txt", Below);
-    EXPECT_EQ(PathOf(Mine), u"\\srv\\vol\\e\\f.txt");
-}
+INSTANTIATE_TEST_SUITE_P(Replaced, RenamesMeanwhile, testing::Bool());
 
-TEST_F(RenamesMeanwhile, AnOpenBelowItIsOfTheFileThatItFinds) {
+TEST_P(RenamesMeanwhile, AnOpenBelowItIsOfTheFileThatItFinds) {
     Open Below = ForChange;
     Below.Related = Directory_;
     const HANDLE Mine = MustOpen(u"f.txt", Below);
     EXPECT_EQ(PathOf(Mine), u"\\srv\\vol\\e\\f.txt");
-    const HANDLE Theirs = OpenFile(u"\\srv\\vol\\d\\f.txt");
-    EXPECT_NE(Fcb(Mine), Fcb(Theirs));
     EXPECT_EQ(ReadAll(Mine), "mine");
-    EXPECT_EQ(ReadAll(Theirs), "theirs");
+    if (GetParam()) {
+        const HANDLE Theirs = OpenFile(u"\\srv\\vol\\d\\f.txt");
+        EXPECT_NE(Fcb(Mine), Fcb(Theirs));
+        EXPECT_EQ(ReadAll(Theirs), "theirs");
+    }
     EXPECT_EQ(SetDisposition(Mine, true), STATUS_SUCCESS);
     Close(Mine);
     EXPECT_FALSE(Provider.Exists(u"\\srv\\vol\\e\\f.txt"));
-    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\f.txt"), "theirs");
+    EXPECT_EQ(Provider.Exists(u"\\srv\\vol\\d\\f.txt"), GetParam());
 }
 
-TEST_F(RenamesMeanwhile, ARenameIntoItIsNotRefusedForTheNameThatIsGone) {
-    Replaced_ = false;
-    EXPECT_EQ(Rename(File_, u"new.txt", false, Directory_), STATUS_SUCCESS);
-    ExpectNamed(File_, u"\\srv\\vol\\e\\new.txt");
+TEST_P(RenamesMeanwhile, ARenameIntoItIsIntoTheDirectoryThatItFinds) {
+    const std::u16string Name = GetParam() ? u"f.txt" : u"new.txt";
+    EXPECT_EQ(Rename(File_, Name, GetParam(), Directory_), STATUS_SUCCESS);
+    ExpectNamed(File_, u"\\srv\\vol\\e\\" + Name);
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\e\\" + Name), "0123456789");
+    EXPECT_TRUE(!GetParam() || Provider.Content(u"\\srv\\vol\\d\\f.txt") == "theirs");
 }
 
 TEST_F(RenamesConcurrent, ANameThatACreateHasOnlyLookedUpIsFree) {
@@ -161,13 +158,6 @@ TEST_F(RenamesConcurrent, ANameThatACreateHasOnlyLookedUpIsFree) {
     ExpectNamed(Handle, u"\\srv\\vol\\new");
     EXPECT_EQ(FcbPrefixCount, 2u) << "the file and the target's directory";
     EXPECT_TRUE(Fcb(Handle)->OpenFlags & FCB_STATE_IN_PREFIX_TABLE);
-}
-
-TEST_F(RenamesMeanwhile, ARenameIntoItReplacesWhatIsInIt) {
-    EXPECT_EQ(Rename(File_, u"f.txt", true, Directory_), STATUS_SUCCESS);
-    ExpectNamed(File_, u"\\srv\\vol\\e\\f.txt");
-    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\e\\f.txt"), "0123456789");
-    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\f.txt"), "theirs");
 }
 
 } // namespace

@@ -8,18 +8,6 @@ using namespace test;
 
 class Renaming : public RenameFixture {
 protected:
-    // What is asked before a file is deleted to make room.
-    const Calls LooksAtWhatIsReplaced = {"RVFsdGetVolumeInformation",
-                                         "RVFsdGetVolumeInformation",
-                                         "RVFsdGetDFSPhysicalPath",
-                                         "RVFsdQueryPathForVolume",
-                                         "RVFsdGetDFSPhysicalPath",
-                                         "RVFsdQueryPathForVolume",
-                                         "RVFsdGetFileId",
-                                         "RVFsdCreateFile",
-                                         "RVFsdGetFileId",
-                                         "RVFsdCloseFile"};
-
     // With another name in the target's file object.
     NTSTATUS RenameAs(HANDLE Handle, HANDLE Target, std::u16string_view Name) {
         const auto Bytes = static_cast<USHORT>(Name.size() * sizeof(WCHAR));
@@ -141,9 +129,7 @@ TEST_F(Renaming, AnExistingTargetIsACollisionUnlessItIsToBeReplaced) {
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\b.txt"), "old");
 
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\b.txt", true), STATUS_SUCCESS);
-    Calls Expected = LooksAtWhatIsReplaced;
-    Expected.insert(Expected.end(), {"RVFsdDeleteFile", "RVFsdMoveFile", "RVFsdCloseDirectory"});
-    EXPECT_EQ(Made(), Expected);
+    ExpectMadeAfterLooking({"RVFsdDeleteFile", "RVFsdMoveFile", "RVFsdCloseDirectory"});
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\b.txt"), "0123456789");
     ExpectNamed(Handle, u"\\srv\\vol\\d\\b.txt");
 }
@@ -152,9 +138,7 @@ TEST_F(Renaming, ATargetThatCannotBeDeletedStays) {
     Provider.AddFile(u"\\srv\\vol\\b.txt", "old", RV_ATTR_READONLY);
     const HANDLE Handle = OpenFile();
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", true), STATUS_ACCESS_DENIED);
-    Calls Expected = LooksAtWhatIsReplaced;
-    Expected.insert(Expected.end(), {"RVFsdDeleteFile", "RVFsdCloseDirectory"});
-    EXPECT_EQ(Made(), Expected);
+    ExpectMadeAfterLooking({"RVFsdDeleteFile", "RVFsdCloseDirectory"});
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\a.txt"), "0123456789");
     EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
     // One that vanished meanwhile is out of the way.
@@ -163,15 +147,22 @@ TEST_F(Renaming, ATargetThatCannotBeDeletedStays) {
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", true), STATUS_SUCCESS);
 }
 
-TEST_F(Renaming, ADirectoryReplacesNothing) {
+// A directory replaces nothing; one that is in a file's way is not deleted like a file, which is for the server to say.
+TEST_F(Renaming, DirectoriesNeitherReplaceNorAreReplaced) {
     Provider.AddFile(u"\\srv\\vol\\b.txt", "old");
     Provider.AddDirectory(u"\\srv\\vol\\e");
-    const HANDLE Handle = OpenDirectory(u"\\srv\\vol\\d");
+    const HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
     for (const bool Replace : {false, true}) {
-        EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", Replace), STATUS_OBJECT_NAME_COLLISION);
-        EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\e", Replace), STATUS_OBJECT_NAME_COLLISION);
-        EXPECT_EQ(Made(), Calls{"RVFsdCloseDirectory"});
+        for (std::u16string_view Name : {u"\\srv\\vol\\b.txt", u"\\srv\\vol\\e"}) {
+            EXPECT_EQ(RenameTo(Directory, Name, Replace), STATUS_OBJECT_NAME_COLLISION);
+            EXPECT_EQ(Made(), Calls{"RVFsdCloseDirectory"});
+        }
     }
+    const HANDLE Handle = OpenFile();
+    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\e", true), STATUS_FILE_IS_A_DIRECTORY);
+    EXPECT_EQ(PathOf(Handle), u"\\srv\\vol\\a.txt");
+    EXPECT_EQ(Provider.Content(u"\\srv\\vol\\a.txt"), "0123456789");
+    EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\e"));
 }
 
 TEST_F(Renaming, AnOpenTargetIsNotReplacedUnderItsOpens) {
@@ -186,18 +177,34 @@ TEST_F(Renaming, AnOpenTargetIsNotReplacedUnderItsOpens) {
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\b.txt", true), STATUS_SUCCESS);
 }
 
+// Whatever opens, goes or takes another path below it, in whatever letter case.
 TEST_F(Renaming, ADirectoryWithOpensBelowItStays) {
-    Provider.AddFile(u"\\srv\\vol\\d\\sub\\f.txt", "x");
+    Provider.AddFile(u"\\srv\\vol\\d\\s\u00FCb\\f.txt", "x");
+    Provider.AddFile(u"\\srv\\vol\\d\\near.txt", "x");
     Provider.AddFile(u"\\srv\\vol\\dd\\f.txt", "x");
     const HANDLE Handle = OpenDirectory(u"\\srv\\vol\\d");
-    OpenFile(u"\\srv\\vol\\dd\\f.txt"); // begins alike, lies elsewhere
-    const HANDLE Below = OpenFile(u"\\SRV\\vol\\D\\sub\\f.txt");
-    for (std::u16string_view Name : {u"\\srv\\vol\\e", u"\\srv\\vol\\D"}) {
-        EXPECT_EQ(RenameTo(Handle, Name), STATUS_ACCESS_DENIED);
-        EXPECT_EQ(Made(), Calls{"RVFsdCloseDirectory"});
-    }
-    Close(Below);
-    EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\e"), STATUS_SUCCESS);
+    const HANDLE Other = OpenDirectory(u"\\srv\\vol\\dd");
+    const auto ExpectBelow = [&](HANDLE Directory, bool Is) {
+        for (std::u16string_view Name : {u"\\srv\\vol\\e", u"\\srv\\vol\\D"}) {
+            const std::u16string Before = PathOf(Directory);
+            EXPECT_EQ(RenameTo(Directory, Name), Is ? STATUS_ACCESS_DENIED : STATUS_SUCCESS);
+            EXPECT_EQ(Made(), Is ? Calls{"RVFsdCloseDirectory"} : (Calls{"RVFsdMoveDirectory", "RVFsdCloseDirectory"}));
+            EXPECT_TRUE(Is || RenameTo(Directory, Before) == STATUS_SUCCESS);
+        }
+    };
+    const HANDLE Deep = OpenFile(u"\\SRV\\vol\\D\\s\u00FCb\\f.txt");
+    const HANDLE Sub = OpenDirectory(u"\\srv\\vol\\d\\S\u00DCb");
+    ExpectBelow(Sub, true);
+    Close(Sub);
+    const HANDLE Near = OpenFile(u"\\srv\\vol\\d\\near.txt");
+    ExpectBelow(Handle, true);
+    EXPECT_EQ(RenameTo(Deep, u"\\srv\\vol\\dd\\g.txt"), STATUS_SUCCESS); // begins alike, lies elsewhere
+    ExpectBelow(Handle, true);
+    EXPECT_EQ(RenameTo(Other, u"\\srv\\vol\\other"), STATUS_ACCESS_DENIED);
+    Close(Near);
+    ExpectBelow(Handle, false);
+    Close(Deep);
+    EXPECT_EQ(RenameTo(Other, u"\\srv\\vol\\other"), STATUS_SUCCESS);
 }
 
 // ---- Read-only objects
