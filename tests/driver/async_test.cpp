@@ -52,12 +52,6 @@ protected:
         Start({.Switches = {{u"EnableAsyncIo", 1}}});
         Handle = MustOpen(u"\\srv\\vol\\a.txt", Asynchronous);
     }
-    void TearDown() override {
-        if (Handle != nullptr) {
-            Close(Handle);
-        }
-        LockFixture::TearDown();
-    }
 
     IrpBuilder ReadAt(size_t Index) {
         IrpBuilder Builder = Plain(IRP_MJ_READ, FileObject(Handle));
@@ -205,8 +199,6 @@ protected:
         EXPECT_EQ(Taken->Wait().Status, STATUS_SUCCESS);
         Taken.reset();
         Granted.reset();
-        Close(Other);
-        Close(Owner);
         Async::TearDown();
     }
 };
@@ -379,7 +371,7 @@ TEST_F(Async, AShutdownServesWhatIsQueuedAndOutlivesEveryWorker) {
         EXPECT_EQ(g_uAsyncWorkerThreadCount, 0u);
         EXPECT_EQ(Provider.OpenHandles(), Lines{});
         Posted.clear();
-        Close(std::exchange(Handle, nullptr));
+        Close(Handle);
         Stop();
         if (!WithoutThreads) {
             SetUp();

@@ -59,19 +59,6 @@ protected:
         Builder.CancelledBefore = true;
         return Builder;
     }
-    IrpBuilder CreateOf(PFILE_OBJECT File, UCHAR StackFlags = 0) {
-        IrpBuilder Builder = Plain(IRP_MJ_CREATE, File);
-        Builder.StackFlags = StackFlags;
-        Builder.Fill = [this](PIO_STACK_LOCATION IrpSp) {
-            Security_.DesiredAccess = FILE_READ_DATA;
-            IrpSp->Parameters.Create.SecurityContext = &Security_;
-            IrpSp->Parameters.Create.Options = FILE_OPEN << 24;
-        };
-        return Builder;
-    }
-
-private:
-    IO_SECURITY_CONTEXT Security_ = {};
 };
 
 TEST_F(Entry, EveryEntryNamesItselfAtItsMask) {

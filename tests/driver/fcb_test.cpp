@@ -205,30 +205,17 @@ TEST_F(RelativeOpens, OfAForeignFileObjectAreRefusedBeforeTheProviderIsAsked) {
     EXPECT_EQ(Provider.CountCalls(), 0u);
     Close(OurDevice);
 
-    struct {
-        ULONG Signature;
-        void *Instance;
-    } const Contexts[] = {{0, nullptr}, {0x7701, &Provider}, {0x7704, nullptr}};
-    for (const auto &Each : Contexts) {
+    const std::pair<ULONG, void *> Contexts[] = {{0, nullptr}, {0x7701, &Provider}, {0x7704, nullptr}};
+    for (const auto &[Signature, Instance] : Contexts) {
         auto Record = std::make_unique<FCB>();
-        Record->NodeTypeCode = Each.Signature;
-        const PFILE_OBJECT Related = CreateFileObject(Device(), u"r", 0);
-        const PFILE_OBJECT File = CreateFileObject(Device(), u"f", 0);
-        Related->FsContext = Each.Signature != 0 ? Record.get() : nullptr;
-        Related->FsContext2 = Each.Instance;
-        IRP_CONTEXT Request = Context(File);
-        UNICODE_STRING Name = ToUnicodeString(u"a.txt");
-        PFCB Found;
-        PINSTANCE_CONTEXT Made;
-        ULONG OpenCount;
-        ULONG EntryType = 0;
-        ResourceHold Hold;
-        EXPECT_EQ(NtFsdOpenFcb(&Request, Related, &Name, &Found, &Made, &OpenCount, &EntryType, Hold),
-                  STATUS_INVALID_HANDLE);
-        EXPECT_FALSE(Hold.Held());
+        Record->NodeTypeCode = Signature;
+        const OwnedFile Related(Device(), u"r"), File(Device(), u"a.txt");
+        Related->FsContext = Signature != 0 ? Record.get() : nullptr;
+        Related->FsContext2 = Instance;
+        File->RelatedFileObject = Related;
+        EXPECT_EQ(SendIrpAndWait(Device(), CreateOf(File)).Status, STATUS_INVALID_HANDLE);
+        File->RelatedFileObject = nullptr;
         Related->FsContext = Related->FsContext2 = nullptr;
-        DereferenceFileObject(Related);
-        DereferenceFileObject(File);
     }
     EXPECT_EQ(Provider.CountCalls(), 0u);
 }

@@ -36,26 +36,4 @@ protected:
     }
 };
 
-// A file object that the test owns.
-class OwnedFile {
-public:
-    OwnedFile(PDEVICE_OBJECT Device, std::u16string_view Name)
-        : File_(CreateFileObject(Device, Name, FO_SYNCHRONOUS_IO)) {
-    }
-    ~OwnedFile() {
-        DereferenceFileObject(File_);
-    }
-    OwnedFile(const OwnedFile &) = delete;
-    OwnedFile &operator=(const OwnedFile &) = delete;
-    operator PFILE_OBJECT() const {
-        return File_;
-    }
-    PFILE_OBJECT operator->() const {
-        return File_;
-    }
-
-private:
-    PFILE_OBJECT File_;
-};
-
 } // namespace test

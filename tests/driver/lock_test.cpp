@@ -19,11 +19,6 @@ protected:
         Second = MustOpen(u"\\srv\\vol\\a.txt", Writer);
         Provider.ClearCalls();
     }
-    void TearDown() override {
-        Close(First);
-        Close(Second);
-        LockFixture::TearDown();
-    }
     NTSTATUS Send(const IrpBuilder &Builder) {
         return SendIrpAndWait(Device(), Builder).Status;
     }

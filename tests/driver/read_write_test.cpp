@@ -21,12 +21,6 @@ protected:
         Handle = MustOpen(u"\\srv\\vol\\a.txt", Request);
         Provider.ClearCalls();
     }
-    void TearDown() override {
-        if (Handle != nullptr) {
-            Close(Handle);
-        }
-        FrameFixture::TearDown();
-    }
 
     LONGLONG Position() {
         return FileObject(Handle)->CurrentByteOffset.QuadPart;

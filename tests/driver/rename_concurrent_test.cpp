@@ -101,11 +101,6 @@ protected:
             }
         });
     }
-    void TearDown() override {
-        Close(File_);
-        Close(Directory_);
-        RenameFixture::TearDown();
-    }
     HANDLE Directory_ = nullptr;
     HANDLE File_ = nullptr;
 };

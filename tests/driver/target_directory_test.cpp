@@ -98,19 +98,13 @@ TEST_F(TargetOpens, CutANameThatDoesNotFitIntoItsFileObject) {
     const HANDLE Directory = MustOpen(u"\\srv\\vol\\docs", AsDirectory);
     // An empty name opens the directory as the target: its own name is longer than the room of the empty one.
     for (const USHORT Room : {0, 2, 4, 5, 8, 9, 10, 64}) {
-        PFILE_OBJECT File = CreateFileObject(Device(), u"", 0);
+        const OwnedFile File(Device(), u"");
         std::u16string Buffer(64, u'#');
         const UNICODE_STRING Old = File->FileName;
         File->FileName = {0, Room, Buffer.data()};
         File->RelatedFileObject = FileObject(Directory);
-        IO_SECURITY_CONTEXT Security = {};
-        IrpBuilder Builder = Plain(IRP_MJ_CREATE, File);
-        Builder.StackFlags = SL_OPEN_TARGET_DIRECTORY;
-        Builder.Fill = [&Security](PIO_STACK_LOCATION Stack) {
-            Stack->Parameters.Create.SecurityContext = &Security;
-            Stack->Parameters.Create.Options = FILE_OPEN << 24;
-        };
-        EXPECT_THAT(SendIrpAndWait(Device(), Builder), Ends(STATUS_SUCCESS, FILE_EXISTS));
+        EXPECT_THAT(SendIrpAndWait(Device(), CreateOf(File, SL_OPEN_TARGET_DIRECTORY)),
+                    Ends(STATUS_SUCCESS, FILE_EXISTS));
         const size_t Units = std::min<size_t>(4, Room / 2);
         EXPECT_EQ(View(File->FileName), std::u16string(u"docs").substr(0, Units));
         EXPECT_EQ(Buffer[Units], Room / 2u > Units ? u'\0' : u'#') << Room;
@@ -120,7 +114,6 @@ TEST_F(TargetOpens, CutANameThatDoesNotFitIntoItsFileObject) {
         }
         File->RelatedFileObject = nullptr;
         File->FileName = Old;
-        DereferenceFileObject(File);
     }
 }
 

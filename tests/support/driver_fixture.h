@@ -87,6 +87,28 @@ struct StartOptions {
     std::optional<std::filesystem::path> SystemVolume; // where \??\C:\ leads; memory when not given
 };
 
+// A file object that the test owns.
+class OwnedFile {
+public:
+    OwnedFile(PDEVICE_OBJECT Device, std::u16string_view Name)
+        : File_(CreateFileObject(Device, Name, FO_SYNCHRONOUS_IO)) {
+    }
+    ~OwnedFile() {
+        DereferenceFileObject(File_);
+    }
+    OwnedFile(const OwnedFile &) = delete;
+    OwnedFile &operator=(const OwnedFile &) = delete;
+    operator PFILE_OBJECT() const {
+        return File_;
+    }
+    PFILE_OBJECT operator->() const {
+        return File_;
+    }
+
+private:
+    PFILE_OBJECT File_;
+};
+
 class DriverFixture : public testing::Test {
 protected:
     using Calls = std::vector<std::string>;
@@ -160,6 +182,18 @@ protected:
         return Builder;
     }
 
+    // An open of the file object for reading, as the I/O manager sends it.
+    embedded::IrpBuilder CreateOf(PFILE_OBJECT File, UCHAR StackFlags = 0) {
+        embedded::IrpBuilder Builder = Plain(IRP_MJ_CREATE, File);
+        Builder.StackFlags = StackFlags;
+        Builder.Fill = [this](PIO_STACK_LOCATION IrpSp) {
+            Security_.DesiredAccess = FILE_READ_DATA;
+            IrpSp->Parameters.Create.SecurityContext = &Security_;
+            IrpSp->Parameters.Create.Options = FILE_OPEN << 24;
+        };
+        return Builder;
+    }
+
     // The last call of that kind since the last ClearCalls, and the names of all.
     providers::Call Last(Slot Operation);
     std::vector<std::string> CallNames() {
@@ -175,6 +209,7 @@ private:
 
     std::unique_ptr<embedded::Kernel> Kernel_;
     StartOptions Options_;
+    IO_SECURITY_CONTEXT Security_ = {};
     bool Started_ = false;
     bool Booted_ = false;
 };
