@@ -93,7 +93,7 @@ while [ "$shard" -lt "$shards" ]; do
         grep -v -e '^\[ RUN      \]' -e '^\[       OK \]' -e '^\[-----' -e '^$' "$log" | tail -n 200
         grep '^\[ RUN      \]' "$log" | tail -n 1 | sed 's/^/last started: /'
     fi
-    grep '^\[  SKIPPED \].* ms)$' "$log" | sed 's/^/skipped: /' || true
+    awk '/: Skipped$/ { why = ""; next } /^\[  SKIPPED \].* ms\)$/ { print "skipped: " $4 ": " why } NF { why = $0 }' "$log"
     passed=$((passed + good))
     failed=$((failed + bad))
     shard=$((shard + 1))
