@@ -10,12 +10,7 @@ namespace {
 
 using namespace test;
 
-class Creates : public CreateFixture {
-protected:
-    void FailOpen(USHORT Code) {
-        Provider.OnCall(Slot::CreateFile, IsRealOpen).Return(ProviderError(Code));
-    }
-};
+using Creates = CreateFixture;
 
 // ---- The decision table
 

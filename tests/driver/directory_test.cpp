@@ -256,12 +256,12 @@ TEST_F(Listing, QueriesOfOneOpenSideBySideShareItsEntriesAmongThem) {
 TEST_F(Listing, AProvidersErrorIsTheEndButADisconnectIsToldUntilItIsOver) {
     Provider.AddFile(u"\\srv\\vol\\d\\x1", "");
     HANDLE Directory = OpenDirectory(u"\\srv\\vol\\d");
-    Provider.OnCall(Slot::EnumerateDirectory).Return(RvError(0x0101));
+    Provider.OnCall(Slot::EnumerateDirectory).Return(ProviderError(0x0101));
     EXPECT_EQ(Query(Directory, 4096, u"x*").Status, STATUS_CONNECTION_DISCONNECTED);
     EXPECT_EQ(Query(Directory, 4096).Status, STATUS_CONNECTION_DISCONNECTED);
     Provider.ClearScript();
     EXPECT_EQ(Query(Directory, 4096).Status, STATUS_SUCCESS);
-    Provider.OnCall(Slot::EnumerateDirectory).Return(RvError(0x0006));
+    Provider.OnCall(Slot::EnumerateDirectory).Return(ProviderError(0x0006));
     EXPECT_EQ(Query(Directory, 4096, u"x*", true).Status, STATUS_NO_SUCH_FILE);
     Provider.ClearCalls();
     EXPECT_EQ(Query(Directory, 4096).Status, STATUS_NO_MORE_FILES);

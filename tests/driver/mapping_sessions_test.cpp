@@ -280,7 +280,7 @@ TEST_F(MappedSessions, WhateverFailsInMappingLeavesNothing) {
             const auto Fired = [] { return GetFaultCounts().TotalFailed() != 0; };
             EXPECT_EQ(Sweep(Name, Request, Plan, Fired) != 0, Needed) << Name;
         }
-        const auto Refuse = [this](unsigned Nth) { Provider.FailEverything(Slot::Any, Nth, RvError(6)); };
+        const auto Refuse = [this](unsigned Nth) { Provider.FailEverything(Slot::Any, Nth, ProviderError(6)); };
         EXPECT_NE(Sweep("Provider", Request, Refuse, [this] { return Provider.FaultFired(); }), 0u);
         // The framework's memory: the converted path; then both keys' buffers, the list of access, the descriptor.
         unsigned Block = 0;
@@ -312,7 +312,7 @@ TEST_F(MappedSessions, WhateverFailsInUnmappingLeavesNothing) {
         }
         for (unsigned Nth = 1; Nth <= 2; ++Nth) {
             MapBoth();
-            Provider.FailEverything(Slot::Any, Nth, RvError(6));
+            Provider.FailEverything(Slot::Any, Nth, ProviderError(6));
             EXPECT_EQ(Unmap(Who), STATUS_SUCCESS);
             Provider.ClearScript();
             ExpectNothingLeft("Provider");

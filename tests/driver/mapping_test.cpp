@@ -174,14 +174,15 @@ TEST_F(DriveMapping, WhatIsNoDirectoryIsTriedAsAVolume) {
         NTSTATUS Status;
         const char *Told;
     } const Cases[] = {
-        {"a volume", RvError(RVFS_NOT_A_DIRECTORY), RVSTATUS::Success, STATUS_SUCCESS,
+        {"a volume", ProviderError(RVFS_NOT_A_DIRECTORY), RVSTATUS::Success, STATUS_SUCCESS,
          "status 0xC7E70520 (RVFS_NOT_A_DIRECTORY); retrying as volume.\n"},
         {"a directory with a warning", Warning, RVSTATUS::Success, STATUS_SUCCESS,
          "status 0x87E70001; retrying as volume.\n"},
-        {"neither", RvError(6), RvError(0x503), static_cast<NTSTATUS>(0xC7E70503), "failed; status 0xC7E70503.\n"},
-        {"a volume with a warning", RvError(6), Warning, static_cast<NTSTATUS>(Warning),
+        {"neither", ProviderError(6), ProviderError(0x503), static_cast<NTSTATUS>(0xC7E70503),
+         "failed; status 0xC7E70503.\n"},
+        {"a volume with a warning", ProviderError(6), Warning, static_cast<NTSTATUS>(Warning),
          "failed; status 0x87E70001.\n"},
-        {"a volume with a note", RvError(6), static_cast<RVSTATUS>(0x40000001), STATUS_UNSUCCESSFUL,
+        {"a volume with a note", ProviderError(6), static_cast<RVSTATUS>(0x40000001), STATUS_UNSUCCESSFUL,
          "failed; status 0x40000001.\n"},
     };
     StartMapping(0x80);
@@ -264,7 +265,7 @@ TEST_F(DriveMapping, VerifiesWhatCanBeOpened) {
         EXPECT_EQ(Provider.CountCalls(), Case.Calls) << Case.Path;
         EXPECT_TRUE(WasPrinted(Case.Told)) << Printed;
     }
-    Provider.OnCall(Slot::OpenVolume).Return(RvError(6));
+    Provider.OnCall(Slot::OpenVolume).Return(ProviderError(6));
     EXPECT_EQ(Verify("\\\\srv\\vol"), STATUS_BAD_NETWORK_PATH);
     EXPECT_EQ(Verify(std::string(40000, '\\')), STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_TRUE(WasPrinted("RvxVerifyPath: UTF8ToUnicode failed.\n"));

@@ -203,7 +203,7 @@ TEST_F(Asking, AnyQueryRefreshesTheSizesAndOneThatFailsLeavesThemAndTellsZeros) 
         EXPECT_EQ(FileSize(Handle), static_cast<LONGLONG>(Size));
     }
     Provider.ClearScript();
-    Provider.OnCall(Slot::GetFileInformation).ReturnAfter(RvError(0x0100));
+    Provider.OnCall(Slot::GetFileInformation).ReturnAfter(ProviderError(0x0100));
     const Answer Got = File(Handle, FileStandardInformation);
     EXPECT_EQ(Got.Status, STATUS_SUCCESS);
     EXPECT_EQ(Got.At<LONG64>(8), 0);
@@ -222,7 +222,7 @@ TEST_F(Asking, IdentifiersComeFromVolumesThatHaveThem) {
     Provider.ClearScript();
     SetVolume(RV_VOLUME_IDENTIFIER_VALID, 7);
     for (const auto &[Result, Status] :
-         {std::pair{RvError(0x0006), STATUS_ACCESS_DENIED}, {Warning, STATUS_NO_DATA_DETECTED}}) {
+         {std::pair{ProviderError(0x0006), STATUS_ACCESS_DENIED}, {Warning, STATUS_NO_DATA_DETECTED}}) {
         Provider.OnCall(Slot::GetFileId).ReturnAfter(Result).Times(1);
         const Answer Failed = File(Handle, FileInternalInformation);
         EXPECT_EQ(Failed.Status, Status);
@@ -261,7 +261,7 @@ TEST_F(Asking, ADirectoryThatWasCreatedAndNotOpenedIsNotTakenForItsParent) {
     EXPECT_NE(Instance(Made)->RelatedHandle, Parent);
     Close(Made);
     HANDLE Second = MustOpen(u"\\srv\\vol\\new2", MakingADirectory);
-    Provider.OnCall(Slot::OpenDirectory).Return(RvError(0x0006));
+    Provider.OnCall(Slot::OpenDirectory).Return(ProviderError(0x0006));
     EXPECT_EQ(File(Second, FileBasicInformation).Status, STATUS_ACCESS_DENIED);
 }
 
@@ -390,9 +390,9 @@ TEST_F(Asking, AVolumeThatCannotBeReachedIsTheStatusAndTheDeviceClassAsksNobody)
         Slot Fails;
         RVSTATUS Result;
         NTSTATUS Status;
-    } Cases[] = {{Slot::QueryPathForVolume, RvError(RVFS_UNKNOWN_SERVER), STATUS_NO_LOGON_SERVERS},
-                 {Slot::OpenVolume, RvError(RVFS_UNKNOWN_SERVER), STATUS_NO_LOGON_SERVERS},
-                 {Slot::GetVolumeSize, RvError(RVFS_UNKNOWN_SERVER), STATUS_NO_LOGON_SERVERS},
+    } Cases[] = {{Slot::QueryPathForVolume, ProviderError(RVFS_UNKNOWN_SERVER), STATUS_NO_LOGON_SERVERS},
+                 {Slot::OpenVolume, ProviderError(RVFS_UNKNOWN_SERVER), STATUS_NO_LOGON_SERVERS},
+                 {Slot::GetVolumeSize, ProviderError(RVFS_UNKNOWN_SERVER), STATUS_NO_LOGON_SERVERS},
                  {Slot::QueryPathForVolume, Warning, STATUS_NO_DATA_DETECTED},
                  {Slot::OpenVolume, Warning, STATUS_NO_DATA_DETECTED}};
     for (const auto &Case : Cases) {

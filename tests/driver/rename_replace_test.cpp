@@ -89,15 +89,15 @@ TEST_F(Replacing, InDoubtDeletesNothing) {
         NTSTATUS Status;
         bool Identified = true;
     } const Cases[] = {
-        {"its own identifier", Slot::GetFileId, 1, RvError(0x0102), STATUS_NETWORK_BUSY},
-        {"that of the other", Slot::GetFileId, 2, RvError(0x0102), STATUS_NETWORK_BUSY},
+        {"its own identifier", Slot::GetFileId, 1, ProviderError(0x0102), STATUS_NETWORK_BUSY},
+        {"that of the other", Slot::GetFileId, 2, ProviderError(0x0102), STATUS_NETWORK_BUSY},
         {"a warning", Slot::GetFileId, 2, static_cast<RVSTATUS>(0x80000008), STATUS_NO_DATA_DETECTED},
-        {"the open", Slot::CreateFile, 1, RvError(0x0102), STATUS_NETWORK_BUSY},
+        {"the open", Slot::CreateFile, 1, ProviderError(0x0102), STATUS_NETWORK_BUSY},
         {"a denied open", Slot::CreateFile, 1, RVSTATUS::AccessDenied, STATUS_ACCESS_DENIED},
-        {"the volumes", Slot::GetVolumeInformation, 0, RvError(0x0102), STATUS_NETWORK_BUSY},
-        {"their paths", Slot::QueryPathForVolume, 2, RvError(0x0102), STATUS_NETWORK_BUSY, false},
-        {"nothing there, which is an answer", Slot::CreateFile, 1, RvError(0x0506), STATUS_SUCCESS},
-        {"no identifiers: nothing can be told apart", Slot::GetFileId, 0, RvError(0x0102), STATUS_SUCCESS, false},
+        {"the volumes", Slot::GetVolumeInformation, 0, ProviderError(0x0102), STATUS_NETWORK_BUSY},
+        {"their paths", Slot::QueryPathForVolume, 2, ProviderError(0x0102), STATUS_NETWORK_BUSY, false},
+        {"nothing there, which is an answer", Slot::CreateFile, 1, ProviderError(0x0506), STATUS_SUCCESS},
+        {"no identifiers: nothing can be told apart", Slot::GetFileId, 0, ProviderError(0x0102), STATUS_SUCCESS, false},
     };
     for (const auto &Each : Cases) {
         SCOPED_TRACE(Each.What);
@@ -232,7 +232,7 @@ TEST_P(CaseOnly, ToTheNameThatItHasIsCarriedToTheServer) {
         EXPECT_EQ(Made(), (Calls{"RVFsdMoveFile", "RVFsdCloseDirectory"}));
         ExpectNamed(Handle, Name);
     }
-    Provider.OnCall(Slot::MoveFile).Return(RvError(0x0510));
+    Provider.OnCall(Slot::MoveFile).Return(ProviderError(0x0510));
     EXPECT_EQ(RenameTo(Handle, u"\\srv\\vol\\d\\f.txt", GetParam()), STATUS_SUCCESS) << "it collides with itself";
     EXPECT_EQ(Provider.Content(u"\\srv\\vol\\d\\f.txt"), "kept");
     // Directories alike.

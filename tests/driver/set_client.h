@@ -29,9 +29,6 @@ protected:
     NTSTATUS SetDisposition(HANDLE Handle, bool Delete) {
         return Set(Handle, FileDispositionInformation, static_cast<UCHAR>(Delete));
     }
-    NTSTATUS SetEndOfFile(HANDLE Handle, LONG64 Size) {
-        return Set(Handle, FileEndOfFileInformation, Size);
-    }
 
     // The request as the I/O manager would send it, of Length bytes, with nothing checked on the way. Target is the
     // file object of the stack location.

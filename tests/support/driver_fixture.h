@@ -214,9 +214,4 @@ private:
     bool Booted_ = false;
 };
 
-// The low 16 bits as an error of the Provider's.
-constexpr RVSTATUS RvError(USHORT Code) {
-    return static_cast<RVSTATUS>(0xC7E70000u | Code);
-}
-
 } // namespace test
