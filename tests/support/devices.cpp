@@ -1,8 +1,8 @@
 #include "tests/support/devices.h"
 
-#include "embedded/names/names.h"
 #include "embedded/io/objects.h"
 #include "embedded/mup.h"
+#include "embedded/names/names.h"
 
 namespace test {
 
