@@ -180,11 +180,11 @@ def registry_path(kernel_path):
 def service_values(sources):
     """The values of the service key with the defaults that the driver has for them."""
     # Its own definition and declaration, and the one call, in NtFsdReadSwitch.
-    expected = {"driver/frame/configuration.cpp": 1, "driver/frame/driver.h": 2}
+    expected = {"driver/frame/configuration.cpp": 1, "driver/frame/configuration.h": 2}
     if (seen := sources.count(SERVICE_READ)) != expected:
         raise BadInput(f"NtFsdReadServiceValue is called where this check does not look: {seen}")
     key = registry_path(sources.constant("driver/frame/configuration.cpp", "SERVICE_KEY"))
-    sources.find("driver/frame/driver.h", r"(ULONG Value = Default;)", "the default of switches")
+    sources.find("driver/frame/configuration.h", r"(ULONG Value = Default;)", "the default of switches")
     values = []
     for file, text in sources.text.items():
         calls = SWITCH_CALL.findall(text)
