@@ -19,7 +19,7 @@
 namespace providers::directory {
 namespace {
 
-constexpr size_t MostDirectories = 1024;
+constexpr size_t MostSteps = 2048;
 
 // What is remembered of one name.
 struct Remembered {
@@ -82,6 +82,15 @@ struct Proven {
 thread_local Proven Last;
 
 } // namespace
+
+bool NamesOneFile(const FileHandle &Handle) {
+    constexpr int NumberAndGeneration = 1; // the type of the kernel's common layout
+    constexpr unsigned Half = 4;           // bytes of each
+    // tmpfs has a layout of its own under that type, which is longer.
+    const bool HasGeneration = std::any_of(Handle.Data.begin() + Half, Handle.Data.begin() + 2 * Half,
+                                           [](unsigned char Each) { return Each != 0; });
+    return Handle && (Handle.Type != NumberAndGeneration || Handle.Bytes != 2 * Half || HasGeneration);
+}
 
 KnownFiles::KnownFiles(int Root, bool UseNotifications) : Root_(Root), Serial_(NextSerial()) {
     struct statx Stat;
@@ -169,7 +178,8 @@ void KnownFiles::Note(const std::string &Path, int Fd, const struct stat &Stat) 
     }
     const uint64_t Epoch = Epoch_;
     Remembered Now{Hash, Key, {}, Remembered::STATE::Hopeless};
-    if ((IsPlain(DirectoryOf(Path)) || Prove(DirectoryOf(Path))) && HandleOf(Fd, Now.Handle)) {
+    if ((IsPlain(DirectoryOf(Path)) || Prove(DirectoryOf(Path))) && HandleOf(Fd, Now.Handle) &&
+        NamesOneFile(Now.Handle)) {
         Now.State = Remembered::STATE::Known;
     } else if (Epoch_ != Epoch) {
         Now.State = Remembered::STATE::Met; // it may go better the next time
@@ -220,6 +230,7 @@ void KnownFiles::ForgetDirectories() {
     }
     Watched_.clear();
     Plain_.clear();
+    Steps_ = 0;
     ++Epoch_;
 }
 
@@ -253,14 +264,14 @@ void KnownFiles::ReadEvents() {
 
 // Watches the directory open as Fd for its entry Component. Called with the mutex.
 bool KnownFiles::WatchStep(int Fd, const std::string &Component) {
-    if (FoldsCase(Fd)) {
-        return false; // the entry may go under another spelling
+    if (!TellsChanges(Fd) || FoldsCase(Fd)) {
+        return false; // the entry may go unseen, or under another spelling
     }
     // The link of a descriptor leads to the very directory that is open, whatever its path is by now.
     const int Watch = inotify_add_watch(Notify_.Get(), fmt::format("/proc/self/fd/{}", Fd).c_str(),
                                         IN_MOVED_FROM | IN_DELETE | IN_ONLYDIR);
     if (Watch >= 0) {
-        Watched_[Watch].insert(Component);
+        Steps_ += Watched_[Watch].insert(Component).second ? 1 : 0;
     }
     return Watch >= 0;
 }
@@ -269,7 +280,7 @@ bool KnownFiles::WatchStep(int Fd, const std::string &Component) {
 // directory, or cannot be watched; what was added for it stays until all is forgotten.
 bool KnownFiles::Prove(std::string_view Directory) {
     const std::lock_guard Hold(Mutex_);
-    if (Plain_.size() >= MostDirectories) {
+    if (Steps_ >= MostSteps) {
         ForgetDirectories();
     }
     const uint64_t Epoch = Epoch_;

@@ -41,6 +41,11 @@ struct FileHandle {
     }
 };
 
+// Whether the handle leads to no other file, however long it is kept. Of one that is an inode's number and its
+// generation, ext4 and f2fs compare no generation that is 0, as that of a file that the tools made with the file
+// system.
+bool NamesOneFile(const FileHandle &Handle);
+
 class KnownFiles {
 public:
     // Root: the export's, readable; stays open as long as this lives.
@@ -79,6 +84,7 @@ private:
     std::mutex Mutex_;                  // guards what follows
     std::set<std::string, std::less<>> Plain_;
     std::unordered_map<int, std::set<std::string, std::less<>>> Watched_; // directories on the way, by their watch
+    size_t Steps_ = 0;                                                    // names in Watched_
 };
 
 } // namespace providers::directory

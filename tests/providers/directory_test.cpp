@@ -439,6 +439,7 @@ TEST_F(DirectoryQuotaTest, GrowthIsChargedAndGivenBack) {
         EXPECT_EQ(Provider.AddExport(u"srv", u"free", Root), "");
     });
     EXPECT_EQ(Provider.Exports().size(), 2u);
+    fs::permissions(Root / "open" / "closed", fs::perms::owner_all);
 }
 
 } // namespace

@@ -1,7 +1,10 @@
 // Files that are opened again and again: whatever others do to the name, an open never gets anything but what an
 // ordinary look would have found.
 #include <cerrno>
+#include <filesystem>
+#include <fstream>
 #include <functional>
+#include <string>
 
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -10,6 +13,7 @@
 #include <unistd.h>
 
 #include "providers/directory/beneath.h"
+#include "providers/directory/known_files.h"
 #include "tests/providers/directory_fixture.h"
 
 namespace providers::directory {
@@ -114,6 +118,34 @@ TEST_F(KnownFilesTest, AQueryOpenTellsOfTheFileItFound) {
     Close(Query);
 }
 
+// A file system may give a later file the number of one that is gone.
+TEST_F(KnownFilesTest, ALaterFileOfTheSameNumberIsNotMissing) {
+    const fs::path File = Root / Holder / "file";
+    for (int Time = 0; Time < 8; ++Time) {
+        MakeKnown();
+        struct stat Before {};
+        struct stat After {};
+        ASSERT_EQ(stat(File.c_str(), &Before), 0);
+        fs::remove(File);
+        Write(Holder / "file", "later");
+        ASSERT_EQ(stat(File.c_str(), &After), 0);
+        if (Before.st_ino != After.st_ino) {
+            continue;
+        }
+        RVHANDLE Query = 0;
+        ASSERT_EQ(Open(Path, Query, RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY), Done);
+        ULONG64 Size = 0;
+        EXPECT_EQ(Table->RVFsdGetFileInformation(Fsd, nullptr, Query, nullptr, nullptr, nullptr, nullptr, &Size,
+                                                 nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
+                  Done);
+        EXPECT_EQ(Size, 5u);
+        Close(Query);
+        EXPECT_EQ(Content(Path), "later");
+        return;
+    }
+    GTEST_SKIP() << "no number is given again";
+}
+
 TEST_F(KnownFilesTest, WhatIsMountedOverThemIsSeen) {
     if (geteuid() != 0) {
         GTEST_SKIP() << "file systems have to be mounted";
@@ -135,6 +167,48 @@ TEST_F(KnownFilesTest, WhatIsMountedOverThemIsSeen) {
     EXPECT_TRUE(RvIsError(Try(Path, RV_ACCESS_WRITE)));
     ASSERT_EQ(umount(Over.c_str()), 0);
     EXPECT_EQ(Try(Path, RV_ACCESS_WRITE), Done);
+}
+
+// Directories whose way leads through a link are watched in vain, and not all of them at a time.
+TEST_F(KnownFilesTest, WatchesStayFew) {
+    constexpr size_t Most = 2048;
+    Write("file", "");
+    const UniqueFd Top(open(Root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const UniqueFd File(open((Root / "file").c_str(), O_PATH | O_CLOEXEC));
+    struct stat Stat {};
+    ASSERT_EQ(fstat(File.Get(), &Stat), 0);
+    KnownFiles Known(Top.Get(), true);
+    for (size_t Number = 0; Number < Most + 100; ++Number) {
+        const std::string Name = std::to_string(Number);
+        fs::create_directory(Root / Name);
+        fs::create_directory_symlink(".", Root / Name / "link");
+        for (int Time = 0; Time < 2; ++Time) {
+            Known.Note(Name + "/link/file", File.Get(), Stat);
+        }
+    }
+    size_t Watches = 0;
+    for (const auto &Each : fs::directory_iterator("/proc/self/fdinfo")) {
+        std::ifstream Lines(Each.path());
+        for (std::string Line; std::getline(Lines, Line);) {
+            Watches += Line.starts_with("inotify wd:") ? 1 : 0;
+        }
+    }
+    EXPECT_LE(Watches, Most);
+}
+
+// A handle of an inode's number and a generation is taken by the file system for any generation when it has none.
+TEST(FileHandleTest, NamesOneFileOnlyWithAGeneration) {
+    const struct {
+        FileHandle Handle;
+        bool NamesOne;
+    } Cases[] = {
+        {{8, 1, {12, 0, 0, 0, 0, 0, 0, 0}}, false},       {{8, 1, {12, 0, 0, 0, 0, 0, 1, 0}}, true},
+        {{12, 1, {1, 2, 3, 4, 0, 0, 0, 0}}, true}, // the generation comes first
+        {{12, 0x81, {12, 0, 0, 0, 0, 0, 0, 0, 1}}, true}, {{}, false},
+    };
+    for (const auto &Case : Cases) {
+        EXPECT_EQ(NamesOneFile(Case.Handle), Case.NamesOne) << &Case - Cases;
+    }
 }
 
 // What is remembered of a file that has just changed holds only until it changes again.
