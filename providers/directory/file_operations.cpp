@@ -465,37 +465,6 @@ RVSTATUS NTAPI ModifyFileAccess(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG Acc
 
 } // namespace
 
-FileObject::~FileObject() {
-    if (Node != nullptr) {
-        Node->Leave(this);
-        Nodes.Release(Node);
-    } else if (Query != 0) {
-        KeepLook(*this);
-    }
-}
-
-RVSTATUS FileObject::OpenByHandle() {
-    const std::lock_guard Hold(AccessMutex);
-    if (!Own) {
-        UniqueFd Opened(Volume->Known.Open(Handle, O_PATH));
-        if (!Opened && errno == ESTALE) {
-            // The file that was known has gone; one that has its number by now may be the one that was found.
-            Volume->Known.Forget(FromRoot);
-            struct stat Stat;
-            Opened = UniqueFd(Volume->Open(Volume->RootRef, FromRoot, O_PATH | O_NOFOLLOW));
-            if (Opened && (fstat(Opened.Get(), &Stat) != 0 || !S_ISREG(Stat.st_mode) || !(KeyOf(Stat) == Key))) {
-                return Failure(CODE_NO_SUCH_FILE);
-            }
-        }
-        if (!Opened) {
-            return errno == ENOENT ? Failure(CODE_NO_SUCH_FILE) : StatusFromErrno(errno);
-        }
-        Own = std::move(Opened);
-        Unopened.store(false, std::memory_order_release);
-    }
-    return RVSTATUS::Success;
-}
-
 void FillFileSlots(RVIOM_FSD_TABLE &Table) {
     Table.RVFsdCreateFile = &CreateFile;
     Table.RVFsdCloseFile = &CloseFile;
