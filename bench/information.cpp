@@ -5,6 +5,7 @@
 
 #include "bench/rows.h"
 #include "embedded/io/io.h"
+#include "embedded/io/probe.h"
 
 namespace bench {
 namespace {

@@ -4,6 +4,7 @@
 
 #include "bench/rows.h"
 #include "embedded/fsrtl/fsrtl.h"
+#include "embedded/fsrtl/probe.h"
 #include "embedded/ps/ps.h"
 
 namespace bench {

@@ -7,6 +7,7 @@
 
 #include "bench/rows.h"
 #include "embedded/names/logon.h"
+#include "embedded/names/probe.h"
 #include "embedded/ps/ps.h"
 #include "embedded/rtl/counted.h"
 #include "provider/class_factory.h"

@@ -13,6 +13,7 @@
 
 #include "bench/rows.h"
 #include "embedded/ex/ex.h"
+#include "embedded/ex/probe.h"
 
 namespace bench {
 namespace {

@@ -10,6 +10,7 @@
 
 #include "bench/rows.h"
 #include "embedded/io/io.h"
+#include "embedded/io/probe.h"
 #include "frame/locks.h"
 #include "names/fcb.h"
 

@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "embedded/ob/ob.h"
+#include "embedded/probe.h"
 #include "embedded/rtl/counted.h"
 #include "embedded/verifier/faults.h"
 #include "embedded/verifier/rules.h"

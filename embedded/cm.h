@@ -28,10 +28,6 @@ void CreateRegistryKey(std::u16string_view Key);
 // Makes the key when it is missing.
 void SetRegistryValue(std::u16string_view Key, std::u16string_view Name, ULONG Type, std::span<const std::byte> Data);
 void SetRegistryDword(std::u16string_view Key, std::u16string_view Name, ULONG Value);
-std::optional<RegistryValue> QueryRegistryValue(std::u16string_view Key, std::u16string_view Name);
-bool DeleteRegistryValue(std::u16string_view Key, std::u16string_view Name);
-// Deletes the key with everything below it.
-bool DeleteRegistryKey(std::u16string_view Key);
 void ResetRegistry() noexcept;
 
 } // namespace embedded

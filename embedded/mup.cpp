@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "embedded/io/objects.h"
+#include "embedded/probe.h"
 #include "embedded/verifier/leaks.h"
 #include "embedded/verifier/rules.h"
 

@@ -34,17 +34,12 @@ NTSTATUS ResolveUncPath(std::u16string_view Path, PIO_SECURITY_CONTEXT SecurityC
 // The device behind a registered provider name (\Device\RvFsd); Target is of type UncProvider.
 Ref<DeviceObject> DeviceOfProvider(Object &Target) noexcept;
 
-// The next registration fails with Status.
-void FailNextUncRegistration(NTSTATUS Status) noexcept;
-
 struct UncProviderInfo {
     std::u16string DeviceName;
     ULONG Flags;
 };
 // The providers now registered, in the order of their registration.
 std::vector<UncProviderInfo> RegisteredUncProviders();
-// The prefixes now in the cache, expired ones left out.
-std::vector<std::u16string> CachedUncPrefixes();
 
 // Puts \Device\Mup and \??\UNC into the name space of a fresh kernel.
 void InitializeMup();

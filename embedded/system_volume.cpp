@@ -15,6 +15,7 @@
 
 #include "embedded/io/create.h"
 #include "embedded/names/names.h"
+#include "embedded/probe.h"
 #include "embedded/rtl/upcase.h"
 
 namespace embedded {

@@ -18,18 +18,9 @@ struct CreateParameters;
 struct CreateResult;
 class Object;
 
-enum class VolumeOperation { Create, Write, Delete };
-
 // Puts the volume into the name space as \Device\HarddiskVolume1 and \??\C:. Without a directory it is in memory.
 void InitializeSystemVolume(const std::optional<std::filesystem::path> &HostDirectory);
 void ResetSystemVolume() noexcept;
-
-// The next Count operations of that kind fail with Status and change nothing.
-void FailNext(VolumeOperation Operation, NTSTATUS Status, unsigned Count = 1);
-
-// The bytes of a file of the volume ("\Rvfsd.log"), or nothing when there is no such file.
-std::optional<std::string> ReadSystemFile(std::u16string_view Name);
-void WriteSystemFile(std::u16string_view Name, std::string_view Bytes);
 
 // For the file services: Name is what followed the volume's own name.
 CreateResult CreateSystemFile(std::u16string_view Name, const CreateParameters &Parameters) noexcept;

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "embedded/base/frame.h"
+#include "embedded/base/probe.h"
 
 // void EmbeddedCallOnStack(ULONG_PTR Top, StackRoutine Run, void *Argument): the frame pointer leads back.
 asm(R"(

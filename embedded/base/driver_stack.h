@@ -29,18 +29,8 @@ inline constexpr ULONG_PTR DriverStackBytes = KernelStackBytes;
 inline constexpr ULONG_PTR DriverStackBytes = KernelStackBytes;
 #endif
 
-// The most of each that any thread used since the process began, in bytes, while Verifying().
-struct StackUse {
-    ULONG_PTR AtService;      // by the driver alone, where it called a service
-    std::string_view Service; // that one
-    ULONG_PTR AtProvider;     // by the driver alone, where it called the Provider
-    ULONG_PTR Whole;          // of a driver's stack: what its services take of it included
-    ULONG_PTR Provider;       // by the Provider alone; MeasuredProviderBytes stands for that and more
-};
+// What stands for the Provider's own share of a stack, and for more.
 inline constexpr ULONG_PTR MeasuredProviderBytes = 64 * 1024;
-
-// Sums up what the threads that have ended and the calling one used.
-StackUse DeepestStackUse();
 
 inline std::atomic<ULONG_PTR> DeepestAtService{0};
 void NTAPI NoteStackUse(ULONG_PTR Bytes, std::string_view Routine) noexcept;

@@ -22,28 +22,14 @@ PVOID AllocatePool(PoolKind Kind, POOL_TYPE Type, SIZE_T Size, ULONG Tag);
 // Frees a block of that kind; Tag 0 fits every tag.
 void FreePool(PoolKind Kind, PVOID Block, ULONG Tag);
 
-// Bytes and blocks handed out and not yet freed, all kinds. Exact when no other thread allocates or frees.
-LONG64 PoolBytesInUse();
-LONG64 PoolBlocksInUse();
-
 // Enters blocks of the unverified kind into the thread's books, or takes them out.
 inline void CountPool(KThread &Thread, LONG64 Bytes, LONG64 Blocks) {
     Thread.PoolBytes.store(Thread.PoolBytes.load(std::memory_order_relaxed) + Bytes, std::memory_order_relaxed);
     Thread.PoolBlocks.store(Thread.PoolBlocks.load(std::memory_order_relaxed) + Blocks, std::memory_order_relaxed);
 }
 
-struct PoolTagUse {
-    ULONG Tag;
-    PoolKind Kind;
-    SIZE_T Blocks;
-    SIZE_T Bytes;
-};
-
-// Use by tag and kind of the blocks that were allocated while Verifying(), largest first.
-std::vector<PoolTagUse> PoolStatistics();
 // The live blocks of a kind with their allocating stacks; one line each.
 std::string DescribePool(PoolKind Kind);
-SIZE_T PoolBlocksOfKind(PoolKind Kind);
 
 // TRUE if Address lies in a block that was allocated while Verifying().
 bool IsPoolAddress(const void *Address);
@@ -60,11 +46,6 @@ std::string TagText(ULONG Tag);
 // Objects that must not be in memory that is freed: resources, lookaside lists.
 enum class LiveKind : UCHAR { Resource, Lookaside };
 SIZE_T LiveObjects(LiveKind Kind);
-
-// Lookaside lists keep no entries while this is on, so that use after free and failing allocations show. Follows the
-// verifier unless set.
-enum class LookasideCaching { FollowVerifier, Always };
-void SetLookasideCaching(LookasideCaching Caching);
 
 inline constexpr ULONG MakeTag(const char (&Text)[5]) {
     return static_cast<ULONG>(static_cast<UCHAR>(Text[0])) | static_cast<ULONG>(static_cast<UCHAR>(Text[1])) << 8 |

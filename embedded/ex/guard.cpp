@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include "embedded/ex/ex.h"
+#include "embedded/ex/probe.h"
 
 namespace embedded {
 namespace {

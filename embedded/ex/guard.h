@@ -11,7 +11,6 @@
 namespace embedded {
 
 bool PoolGuardsOn();
-void SetPoolGuards(bool On);
 
 // Room for Bytes, 16-byte aligned, whose last byte lies less than 16 bytes before the guard; NULL when no more can be
 // guarded. Tag and Offset (of the block in it) are for reports.

@@ -7,6 +7,7 @@
 
 #include "embedded/ex/ex.h"
 #include "embedded/ex/live.h"
+#include "embedded/ex/probe.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"
 

@@ -12,6 +12,7 @@
 #include "embedded/ex/ex.h"
 #include "embedded/ex/guard.h"
 #include "embedded/ex/live.h"
+#include "embedded/ex/probe.h"
 #include "embedded/verifier/faults.h"
 #include "embedded/verifier/leaks.h"
 #include "embedded/verifier/report.h"

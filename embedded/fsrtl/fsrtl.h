@@ -1,6 +1,6 @@
 // File system run-time library: byte-range lock tables, notify synchronisation, stream contexts, cached copies.
 //
-// The services are declared in kernel/linux/services.h. Here stand what tests plant and count.
+// The services are declared in kernel/linux/services.h. Here stands what the other rooms ask.
 //
 // Lock tables: FILE_LOCK is the driver's memory, the records hang on its LockInformation from the first lock until
 // FsRtlUninitializeFileLock. Every table has one mutex. It is never held while a completion routine, an unlock
@@ -15,14 +15,6 @@
 
 namespace embedded {
 
-// Grants a range as FsRtlProcessFileLock would for a request of Process, with no request and no callback. Key and
-// process are recorded as given. False when the range conflicts, wraps, or there is no memory.
-bool PlantFileLock(PFILE_LOCK FileLock, PFILE_OBJECT FileObject, PEPROCESS Process, ULONGLONG Offset, ULONGLONG Length,
-                   ULONG Key, bool Exclusive);
-
-// Requests that wait in a table.
-size_t WaitingFileLocks(PFILE_LOCK FileLock);
-
 // FsRtlNotifyInitializeSync, which raises (RaisedException) when memory is out: the driver calls it through its seam.
 void NotifyInitializeSync(PNOTIFY_SYNC *NotifySync);
 
@@ -35,7 +27,7 @@ struct FsRtlCounts {
 };
 FsRtlCounts CountFsRtl();
 
-// One line per kind of leak, empty when nothing is alive. VerifyNothingLeft asks it.
+// One line per kind of leak, empty when nothing is alive. DescribeLeaks asks it.
 std::string CheckFsRtlLeaks();
 
 // Live notify synchronisation objects; a part of CountFsRtl.

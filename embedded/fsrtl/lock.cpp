@@ -9,6 +9,7 @@
 #include "embedded/fsrtl/fsrtl.h"
 
 #include "embedded/fsrtl/lock_table.h"
+#include "embedded/fsrtl/probe.h"
 #include "embedded/ke/schedule.h"
 #include "embedded/verifier/faults.h"
 #include "embedded/verifier/report.h"

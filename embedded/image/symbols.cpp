@@ -332,14 +332,4 @@ std::string DescribeImageAddress(const LoadedImage &Image, const void *Address) 
     return Module + Printable(NearestSymbol(Image, Rva));
 }
 
-void *FindImageSymbol(const LoadedImage &Image, std::string_view Name) {
-    const auto Symbols = SymbolsOf(Image);
-    if (Symbols == nullptr) {
-        return nullptr;
-    }
-    const auto Found = Symbols->Publics().find(Name);
-    const auto Rva = Found == Symbols->Publics().end() ? std::nullopt : RvaOf(Image, Found->second);
-    return Rva ? Image.Base() + *Rva : nullptr;
-}
-
 } // namespace embedded

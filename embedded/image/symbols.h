@@ -52,8 +52,4 @@ private:
 // is taken for where a call returns to.
 std::string DescribeImageAddress(const LoadedImage &Image, const void *Address);
 
-// The address of a variable or function of the driver by the name the linker knows it by; null when the debug
-// information is missing or does not have it.
-void *FindImageSymbol(const LoadedImage &Image, std::string_view Name);
-
 } // namespace embedded

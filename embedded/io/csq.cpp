@@ -95,21 +95,6 @@ NTSTATUS NTAPI IoCsqInsertIrpEx(PIO_CSQ Csq, PIRP Irp, PIO_CSQ_IRP_CONTEXT Conte
     return Status;
 }
 
-PIRP NTAPI IoCsqRemoveIrp(PIO_CSQ Csq, PIO_CSQ_IRP_CONTEXT Context) noexcept {
-    RequireIrql(IrqlRuleOf("IoCsqRemoveIrp"));
-    KIRQL Irql;
-    Csq->CsqAcquireLock(Csq, &Irql);
-    PIRP Irp = Context->Irp;
-    if (Irp != nullptr && ExchangeCancelRoutine(Irp, nullptr) == nullptr) {
-        Irp = nullptr; // a canceller has it
-    }
-    if (Irp != nullptr) {
-        Remove(Csq, Irp);
-    }
-    Csq->CsqReleaseLock(Csq, Irql);
-    return Irp;
-}
-
 PIRP NTAPI IoCsqRemoveNextIrp(PIO_CSQ Csq, PVOID PeekContext) noexcept {
     RequireIrql(IrqlRuleOf("IoCsqRemoveNextIrp"));
     KIRQL Irql;

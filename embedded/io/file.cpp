@@ -7,6 +7,7 @@
 
 #include "embedded/ex/ex.h"
 #include "embedded/io/objects.h"
+#include "embedded/io/probe.h"
 #include "embedded/ps/ps.h"
 #include "embedded/verifier/leaks.h"
 #include "embedded/verifier/report.h"

@@ -1,9 +1,9 @@
 // I/O manager: drivers, devices, file objects, IRPs and their completion.
 //
-// What a front end or a test needs: raw requests, file objects with contexts of one's own, the log of completed
-// requests. Every call into a driver goes through CallDriver, which compares the thread's state before and after and
-// runs each request through its state machine; violations are bug checks with the Verifier's numbers. A request that
-// pends is waited for through the kernel's clock. No lock of the I/O manager is held across a driver call.
+// What a front end needs: raw requests, the log of completed requests. Every call into a driver goes through
+// CallDriver, which compares the thread's state before and after and runs each request through its state machine;
+// violations are bug checks with the Verifier's numbers. A request that pends is waited for through the kernel's clock.
+// No lock of the I/O manager is held across a driver call.
 #pragma once
 
 #include <functional>
@@ -81,21 +81,10 @@ size_t FreeDriverObject(PDRIVER_OBJECT DriverObject) noexcept;
 
 // ---- File objects ------------------------------------------------------------------------------------------
 
-// A file object for Device without a create request: contexts and flags are the caller's business. Name is copied
-// into pool. It belongs to the caller, who drops it with DereferenceFileObject. With SendsClose the last reference
-// sends IRP_MJ_CLOSE as for an opened file.
-PFILE_OBJECT CreateFileObject(PDEVICE_OBJECT Device, std::u16string_view Name, ULONG Flags, bool SendsClose = false);
-void ReferenceFileObject(PFILE_OBJECT FileObject) noexcept;
-void DereferenceFileObject(PFILE_OBJECT FileObject) noexcept;
-// The file object behind a handle, with a reference for the caller; null when the handle is not a file's.
-PFILE_OBJECT FileObjectFromHandle(HANDLE Handle) noexcept;
 // NtClose for callers that must know what became of it, which the platform tells nobody: the failure of the close
 // request, or else of the cleanup request, that closing Handle made this thread send. Requests that come later, since
 // somebody else still refers to the file, are not told.
 NTSTATUS CloseHandleTelling(HANDLE Handle) noexcept;
-void DereferenceDevice(PDEVICE_OBJECT Device) noexcept;
-// The descriptor that NtSetSecurityObject stored on the device, or null.
-const SECURITY_DESCRIPTOR *DeviceSecurity(PDEVICE_OBJECT Device) noexcept;
 
 // ---- Raw requests ------------------------------------------------------------------------------------------
 
@@ -123,45 +112,11 @@ struct IrpBuilder {
     PIRP *Made = nullptr;
 };
 
-// A request that was sent. Owns the IRP until it is completed; destroying it waits for the completion.
-class SentIrp {
-public:
-    SentIrp(SentIrp &&Other) noexcept;
-    SentIrp &operator=(SentIrp &&) = delete;
-    ~SentIrp();
-
-    // What the dispatch routine returned.
-    NTSTATUS Returned() const noexcept {
-        return Returned_;
-    }
-    bool IsCompleted() const noexcept;
-    // Waits for the completion and returns what the request was completed with.
-    IO_STATUS_BLOCK Wait() noexcept;
-    // The priority boost of the completion; waits for it.
-    CCHAR PriorityBoost() noexcept;
-    // IoCancelIrp: true when a cancel routine ran.
-    bool Cancel() noexcept;
-    // Cancels and lets the clock run for at most Limit (100 ns units); a request that is not completed by then is bug
-    // check 0xC4 (0x135).
-    void CancelWithin(LONGLONG Limit) noexcept;
-    PIRP Irp() const noexcept;
-
-private:
-    friend SentIrp SendIrp(PDEVICE_OBJECT Device, const IrpBuilder &Builder);
-    SentIrp(struct IrpBlock *Block, NTSTATUS Returned) noexcept : Block_(Block), Returned_(Returned) {
-    }
-
-    struct IrpBlock *Block_;
-    NTSTATUS Returned_;
-};
-
-// Sends one request to Device, to the driver's own table.
-SentIrp SendIrp(PDEVICE_OBJECT Device, const IrpBuilder &Builder);
-// Sends it, waits and returns the final status block.
+// Sends the request to Device, to the driver's own table, waits and returns the final status block.
 IO_STATUS_BLOCK SendIrpAndWait(PDEVICE_OBJECT Device, const IrpBuilder &Builder);
 
 } // namespace embedded
 
-// Beyond the services that drivers use: cancels Irp as the I/O manager does when a thread ends or a caller asks for
-// it. TRUE when the request had a cancel routine, which then has run.
+// A service for callers of the kernel, as a driver above would be one: cancels Irp as the I/O manager does when a
+// thread ends or a caller asks for it. TRUE when the request had a cancel routine, which then has run.
 NTKERNELAPI BOOLEAN NTAPI IoCancelIrp(PIRP Irp) noexcept;

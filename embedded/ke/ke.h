@@ -42,6 +42,7 @@ public:
     CriticalRegion &operator=(const CriticalRegion &) = delete;
 };
 
+// Services for callers of the kernel, beyond those that the driver uses.
 void KeClearEvent(PKEVENT Event);
 LONG KeReadStateEvent(PKEVENT Event);
 

@@ -9,6 +9,7 @@
 #include "embedded/base/thread.h"
 #include "embedded/ex/ex.h"
 #include "embedded/mm/mapping.h"
+#include "embedded/mm/probe.h"
 #include "embedded/verifier/faults.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/rules.h"

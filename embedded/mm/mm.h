@@ -25,8 +25,4 @@ bool ProbeUserRange(const void *Address, SIZE_T Length, bool Write);
 
 void SetSystemSize(MM_SYSTEMSIZE Size);
 
-// The pointers of the last section that was closed since ResetSectionCloses.
-PSECTION_OBJECT_POINTERS LastSectionClosed();
-void ResetSectionCloses();
-
 } // namespace embedded

@@ -8,6 +8,7 @@
 #include <fmt/format.h>
 
 #include "embedded/names/names.h"
+#include "embedded/names/probe.h"
 #include "embedded/names/tree.h"
 #include "embedded/verifier/faults.h"
 #include "embedded/verifier/rules.h"

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "embedded/names/names.h"
+#include "embedded/names/probe.h"
 
 namespace embedded {
 namespace {

@@ -16,8 +16,4 @@ struct SplitLogon {
 };
 SplitLogon LogOnSplit(ULONG User, LUID ElevatedId = {});
 
-// The session ends: its directory goes with all links in it, and nobody finds it as a linked session any more. Tokens
-// that are still held stay usable.
-void LogOff(const TokenObject &Token) noexcept;
-
 } // namespace embedded

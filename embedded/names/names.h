@@ -45,10 +45,6 @@ NTSTATUS CreateSymbolicLink(std::u16string_view Path, std::u16string_view Target
 // The target of the link of that name, or STATUS_OBJECT_NAME_NOT_FOUND / STATUS_OBJECT_TYPE_MISMATCH.
 NTSTATUS QuerySymbolicLink(std::u16string_view Path, std::u16string *Target) noexcept;
 
-// The security of the object of that name, a directory or a link: the bytes of its DACL, empty when it has none. The
-// status of a link that is not there.
-NTSTATUS QueryNameSecurity(std::u16string_view Path, Security *Access) noexcept;
-
 // The links that drivers made and left, one line each.
 std::string DescribeDriversLinks();
 
@@ -61,7 +57,7 @@ void ResetNameSpace() noexcept;
 
 } // namespace embedded
 
-// ---- Nt services for front ends and tests -------------------------------------------------------------------
+// ---- Nt services for callers of the kernel ------------------------------------------------------------------
 
 // Symbolic link objects. OBJ_PERMANENT is SYSTEM's privilege; what a link's security does not give is denied.
 NTKERNELAPI NTSTATUS NTAPI NtCreateSymbolicLinkObject(PHANDLE LinkHandle, ACCESS_MASK DesiredAccess,

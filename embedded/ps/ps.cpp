@@ -13,6 +13,7 @@
 #include "embedded/ex/ex.h"
 #include "embedded/image/calls.h"
 #include "embedded/ke/schedule.h"
+#include "embedded/ps/probe.h"
 #include "embedded/verifier/faults.h"
 #include "embedded/verifier/leaks.h"
 #include "embedded/verifier/report.h"

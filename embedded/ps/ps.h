@@ -43,10 +43,6 @@ SIZE_T OpenThreadHandles();
 // System threads that have not ended.
 SIZE_T RunningSystemThreads();
 
-// Waits until all system threads have ended and joins them. A manual clock is advanced from due time to due time,
-// a running one waited for; either way at most Limit of the clock's time. Returns how many still run.
-SIZE_T JoinSystemThreads(LONGLONG Limit = 60 * Clock::Second);
-
 // The machine goes down: every system thread that is in a delay, or enters one, ends there, as if it had called
 // PsTerminateSystemThread; all are joined. Pool that such a thread allocated and still has is no leak: it is freed.
 // Waits for threads that are busy; one that has not come to a delay without a lock after a minute stops the process

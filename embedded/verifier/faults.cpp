@@ -1,4 +1,5 @@
 #include "embedded/verifier/faults.h"
+#include "embedded/verifier/probe.h"
 
 #include <mutex>
 #include <numeric>

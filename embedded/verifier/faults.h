@@ -1,13 +1,11 @@
-// Fault injection: makes the services that may fail do so, where a plan says.
+// Fault injection: makes the services that may fail do so, where a plan (probe.h) says.
 //
 // Faults hit only calls of driver code: threads inside a FaultScope (the I/O manager opens one around every call into
 // the driver; system threads run in one) and outside any FaultExempt. The plan has one mutex; while no plan is set a
 // service pays one relaxed load.
 #pragma once
 
-#include <array>
 #include <atomic>
-#include <string>
 
 #include "embedded/base/thread.h"
 
@@ -32,31 +30,6 @@ inline constexpr ULONG FaultKinds = 11;
 inline constexpr ULONG FaultBit(FaultKind Kind) {
     return 1u << static_cast<ULONG>(Kind);
 }
-// All that are failures.
-inline constexpr ULONG AllFaultKinds = FaultBit(FaultKind::TryAcquire) - 1;
-
-struct FaultPlan {
-    enum class Mode {
-        Nth,         // the Nth call of the kinds fails (1 is the next one)
-        NthAndAfter, // ... and every one after it
-    };
-    Mode How = Mode::Nth;
-    ULONG Kinds = AllFaultKinds; // of FaultBit
-    ULONG64 Nth = 1;
-};
-
-// Counts since SetFaultPlan, by kind.
-struct FaultCounts {
-    std::array<ULONG64, FaultKinds> Calls{};
-    std::array<ULONG64, FaultKinds> Failed{};
-    ULONG64 TotalCalls() const;
-    ULONG64 TotalFailed() const;
-};
-
-// Sets the plan and zeroes the counts.
-void SetFaultPlan(const FaultPlan &Plan);
-void ClearFaultPlan();
-FaultCounts GetFaultCounts();
 
 inline std::atomic<bool> FaultsArmed{false};
 bool NTAPI DecideFault(FaultKind Kind) noexcept;
@@ -90,19 +63,6 @@ public:
     }
     FaultExempt(const FaultExempt &) = delete;
     FaultExempt &operator=(const FaultExempt &) = delete;
-};
-
-// A fault plan for a scope.
-class [[nodiscard]] PlannedFaults {
-public:
-    explicit PlannedFaults(const FaultPlan &Plan) {
-        SetFaultPlan(Plan);
-    }
-    ~PlannedFaults() {
-        ClearFaultPlan();
-    }
-    PlannedFaults(const PlannedFaults &) = delete;
-    PlannedFaults &operator=(const PlannedFaults &) = delete;
 };
 
 } // namespace embedded

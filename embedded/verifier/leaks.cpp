@@ -43,10 +43,4 @@ std::string DescribeLeaks() {
     return Text;
 }
 
-void VerifyNothingLeft() {
-    if (std::string Text = DescribeLeaks(); !Text.empty()) {
-        BugCheck(bugcheck::Verifier, bugcheck::LeakAtUnload, 0, 0, 0, "left behind:\n" + Text);
-    }
-}
-
 } // namespace embedded

@@ -8,15 +8,12 @@
 
 namespace embedded {
 
-// Adds a leak check to VerifyNothingLeft. The check returns an empty string when clean, else one line per leak.
+// Adds a leak check to DescribeLeaks. The check returns an empty string when clean, else one line per leak.
 // A second check of the same name replaces the first. Checks run without any lock of this room.
 void RegisterLeakCheck(std::string_view Name, std::function<std::string()> Check);
 
-// All leaks as text, empty when there are none.
+// All leaks as text, empty when there are none: pool, resources, lookaside lists, MDLs, held locks, system threads and
+// what a registered check knows.
 std::string DescribeLeaks();
-
-// Stops with 0xC4/0x62 and the whole list when pool, resources, lookaside lists, MDLs, held locks, system threads or
-// anything of a registered check is still alive.
-void VerifyNothingLeft();
 
 } // namespace embedded

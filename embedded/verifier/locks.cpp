@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include "embedded/verifier/probe.h"
 #include "embedded/verifier/report.h"
 #include "embedded/verifier/stack.h"
 

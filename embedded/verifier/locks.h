@@ -43,10 +43,6 @@ inline void DropHeld(KThread &Thread, HeldLock *Held) {
 
 // ---- Their order ---------------------------------------------------------------------------------------------
 
-// Names a lock and puts it into a class: edges between classes are kept when their locks go. A lock may only be taken
-// while every held named lock has a rank not above its own; rank 0 takes no part in ranks.
-void NameLock(const void *Lock, const char *ClassName, ULONG Rank);
-
 // To be called before a blocking acquire of Lock by Thread, which does not hold it yet.
 void NTAPI CheckLockOrder(KThread &Thread, PVOID Lock, PVOID Where) noexcept;
 

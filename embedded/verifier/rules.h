@@ -45,7 +45,6 @@ inline constexpr IrqlRule IrqlRules[] = {
     {"IoAllocateMdl", DispatchLevel},
     {"IoCsqInitializeEx", DispatchLevel},
     {"IoCsqInsertIrpEx", DispatchLevel},
-    {"IoCsqRemoveIrp", DispatchLevel},
     {"IoCsqRemoveNextIrp", DispatchLevel},
     {"IoCheckShareAccess", ApcLevel},
     {"IoCreateDevice", ApcLevel},

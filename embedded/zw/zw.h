@@ -21,7 +21,9 @@ NTSTATUS CreateEventHandle(EVENT_TYPE Type, bool Signalled, HANDLE *Handle) noex
 
 } // namespace embedded
 
-// ---- Nt services for front ends and tests -------------------------------------------------------------------
+// ---- Nt services for callers of the kernel -------------------------------------------------------------------
+//
+// What a user-mode caller of such a system expects, whether or not the program calls it.
 
 NTKERNELAPI NTSTATUS NTAPI NtCreateFile(PHANDLE FileHandle, ACCESS_MASK DesiredAccess,
                                         POBJECT_ATTRIBUTES ObjectAttributes, PIO_STATUS_BLOCK IoStatusBlock,

@@ -57,11 +57,8 @@ public:
 
     // The Provider's interface with one more reference, which the taker gives back through its release operation.
     RVIOM_FSD *Interface();
-    // References given out and not yet released.
-    uint32_t InterfaceReferences() const;
 
-    // Handles that are open, of all kinds; 0 proves that nothing is left behind.
-    size_t OpenHandles() const;
+    // A handle that is open, of any kind.
     struct OpenHandle {
         RVHANDLE Handle;
         std::string Kind; // "volume", "directory" or "file"

@@ -404,14 +404,6 @@ RVIOM_FSD *DirectoryProvider::Interface() {
     return State_.get();
 }
 
-uint32_t DirectoryProvider::InterfaceReferences() const {
-    return State_->References.load();
-}
-
-size_t DirectoryProvider::OpenHandles() const {
-    return State_->Open.Objects();
-}
-
 std::vector<DirectoryProvider::OpenHandle> DirectoryProvider::ListOpenHandles() const {
     std::vector<OpenHandle> All;
     State_->Open.ForEach([&](RVHANDLE Handle, const Object &Item) {

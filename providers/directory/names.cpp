@@ -249,10 +249,6 @@ std::optional<std::string> NativePath(std::u16string_view Served) {
     return Path;
 }
 
-char16_t FoldUnit(char16_t Unit) {
-    return text::UpcaseUnit(Unit);
-}
-
 std::u16string Fold(std::u16string_view Name) {
     std::u16string Folded(Name);
     const char16_t *Upcase = text::UpcaseTable();

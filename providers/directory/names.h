@@ -26,8 +26,7 @@ std::optional<std::string> NativeName(std::u16string_view Served);
 // each can be the name of an entry.
 std::optional<std::string> NativePath(std::u16string_view Served);
 
-// The unit in upper case, one to one within the 16-bit range, as the platform compares names.
-char16_t FoldUnit(char16_t Unit);
+// The name in upper case, unit by unit within the 16-bit range, as the platform compares names.
 std::u16string Fold(std::u16string_view Name);
 // Appends Fold(ServedName(Native)) to Out.
 void AppendFolded(std::string_view Native, std::u16string &Out);

@@ -1,4 +1,5 @@
 #include "providers/framework/framework.h"
+#include "providers/framework/probe.h"
 
 #include "providers/framework/traps.h"
 #include "providers/slots.h"
@@ -365,88 +366,6 @@ void Framework::CheckAlive(FrameworkClass Class, unsigned Slot) {
     }
 }
 
-// ---- Faults --------------------------------------------------------------------------------------------------
-
-void Framework::FailCreate(FrameworkClass Class, RVPSTATUS Status, unsigned Nth) {
-    std::lock_guard Hold(Books_);
-    State(Class).Faults.push_back({Nth, Status, false});
-}
-
-void Framework::AnswerCreate(FrameworkClass Class, RVPSTATUS Status, unsigned Nth) {
-    std::lock_guard Hold(Books_);
-    State(Class).Faults.push_back({Nth, Status, true});
-}
-
-void Framework::BeforeCreate(FrameworkClass Class, std::function<void()> Action) {
-    std::lock_guard Hold(Books_);
-    State(Class).Before = std::move(Action);
-}
-
-void Framework::FailAllocate(unsigned Nth) {
-    std::lock_guard Hold(Books_);
-    FailAllocateIn_ = Nth;
-}
-
-void Framework::FailCreateMutex(RVPSTATUS Status, bool StoreHandle) {
-    std::lock_guard Hold(Books_);
-    CreateMutexFaults_.emplace_back(Status, StoreHandle);
-}
-
-void Framework::FailAcquireMutex(RVPSTATUS Status) {
-    std::lock_guard Hold(Books_);
-    AcquireMutexFaults_.push_back(Status);
-}
-
-// ---- Reports -------------------------------------------------------------------------------------------------
-
-std::vector<std::string> Framework::Log() const {
-    std::lock_guard Hold(Books_);
-    return Log_;
-}
-
-void Framework::ClearLog() {
-    std::lock_guard Hold(Books_);
-    Log_.clear();
-}
-
-LONG Framework::References(FrameworkClass Class) const {
-    return State(Class).References;
-}
-
-unsigned Framework::CreateCount(FrameworkClass Class) const {
-    std::lock_guard Hold(Books_);
-    return State(Class).Creates;
-}
-
-unsigned Framework::AllocationCount() const {
-    std::lock_guard Hold(Books_);
-    return Allocations_;
-}
-
-size_t Framework::LiveBlocks() const {
-    std::lock_guard Hold(Books_);
-    return Blocks_.size();
-}
-
-size_t Framework::LiveBytes() const {
-    std::lock_guard Hold(Books_);
-    size_t Bytes = 0;
-    for (const auto &Entry : Blocks_) {
-        Bytes += Entry.second.Size;
-    }
-    return Bytes;
-}
-
-size_t Framework::LiveMutexes() const {
-    std::lock_guard Hold(Books_);
-    return Mutexes_.size();
-}
-
-std::vector<std::string> Framework::Violations() const {
-    std::lock_guard Hold(Books_);
-    return Violations_;
-}
-
 std::vector<std::string> Framework::LeakReport() const {
     std::lock_guard Hold(Books_);
     std::vector<std::string> Lines;
@@ -462,6 +381,88 @@ std::vector<std::string> Framework::LeakReport() const {
         Lines.push_back(fmt::format("mutex {}", Entry.first));
     }
     return Lines;
+}
+
+// ---- Faults --------------------------------------------------------------------------------------------------
+
+void FrameworkProbe::FailCreate(FrameworkClass Class, RVPSTATUS Status, unsigned Nth) {
+    std::lock_guard Hold(Of_.Books_);
+    Of_.State(Class).Faults.push_back({Nth, Status, false});
+}
+
+void FrameworkProbe::AnswerCreate(FrameworkClass Class, RVPSTATUS Status, unsigned Nth) {
+    std::lock_guard Hold(Of_.Books_);
+    Of_.State(Class).Faults.push_back({Nth, Status, true});
+}
+
+void FrameworkProbe::BeforeCreate(FrameworkClass Class, std::function<void()> Action) {
+    std::lock_guard Hold(Of_.Books_);
+    Of_.State(Class).Before = std::move(Action);
+}
+
+void FrameworkProbe::FailAllocate(unsigned Nth) {
+    std::lock_guard Hold(Of_.Books_);
+    Of_.FailAllocateIn_ = Nth;
+}
+
+void FrameworkProbe::FailCreateMutex(RVPSTATUS Status, bool StoreHandle) {
+    std::lock_guard Hold(Of_.Books_);
+    Of_.CreateMutexFaults_.emplace_back(Status, StoreHandle);
+}
+
+void FrameworkProbe::FailAcquireMutex(RVPSTATUS Status) {
+    std::lock_guard Hold(Of_.Books_);
+    Of_.AcquireMutexFaults_.push_back(Status);
+}
+
+// ---- Reports -------------------------------------------------------------------------------------------------
+
+std::vector<std::string> FrameworkProbe::Log() const {
+    std::lock_guard Hold(Of_.Books_);
+    return Of_.Log_;
+}
+
+void FrameworkProbe::ClearLog() {
+    std::lock_guard Hold(Of_.Books_);
+    Of_.Log_.clear();
+}
+
+LONG FrameworkProbe::References(FrameworkClass Class) const {
+    return Of_.State(Class).References;
+}
+
+unsigned FrameworkProbe::CreateCount(FrameworkClass Class) const {
+    std::lock_guard Hold(Of_.Books_);
+    return Of_.State(Class).Creates;
+}
+
+unsigned FrameworkProbe::AllocationCount() const {
+    std::lock_guard Hold(Of_.Books_);
+    return Of_.Allocations_;
+}
+
+size_t FrameworkProbe::LiveBlocks() const {
+    std::lock_guard Hold(Of_.Books_);
+    return Of_.Blocks_.size();
+}
+
+size_t FrameworkProbe::LiveBytes() const {
+    std::lock_guard Hold(Of_.Books_);
+    size_t Bytes = 0;
+    for (const auto &Entry : Of_.Blocks_) {
+        Bytes += Entry.second.Size;
+    }
+    return Bytes;
+}
+
+size_t FrameworkProbe::LiveMutexes() const {
+    std::lock_guard Hold(Of_.Books_);
+    return Of_.Mutexes_.size();
+}
+
+std::vector<std::string> FrameworkProbe::Violations() const {
+    std::lock_guard Hold(Of_.Books_);
+    return Of_.Violations_;
 }
 
 } // namespace providers

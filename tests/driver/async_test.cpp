@@ -6,6 +6,8 @@
 
 #include <sys/mman.h>
 
+#include "embedded/io/probe.h"
+#include "embedded/verifier/probe.h"
 #include "frame/rundown.h"
 #include "tests/driver/lock_client.h"
 

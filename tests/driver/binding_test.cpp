@@ -30,17 +30,17 @@ TEST_F(Binding, HappensOnceWithTheFirstRequestAfterTheStartInItsOrder) {
     Start();
     g_bDriverEntryDone = 0;
     EXPECT_EQ(FirstRequest(), STATUS_UNSUCCESSFUL) << "the start has not finished";
-    EXPECT_EQ(Framework->Log(), Lines{});
+    EXPECT_EQ(Frame().Log(), Lines{});
     g_bDriverEntryDone = 1;
     NTSTATUS Within = STATUS_SUCCESS; // of a request that the framework sends meanwhile
-    Framework->BeforeCreate(Class::Quillon, [&] { Within = FirstRequest(); });
+    Frame().BeforeCreate(Class::Quillon, [&] { Within = FirstRequest(); });
     EXPECT_EQ(FirstRequest(), Served);
     EXPECT_EQ(Within, STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(Framework->Log(),
+    EXPECT_EQ(Frame().Log(),
               (Lines{"create RVPL -> 0x00000000", "create Transport -> 0x00000000", "create Quillon -> 0x00000000",
                      "create Provider -> 0x00000000", "create SecurityContext -> 0x00000000"}));
     EXPECT_EQ(FirstRequest(), Served);
-    EXPECT_EQ(Framework->Log().size(), 5u);
+    EXPECT_EQ(Frame().Log().size(), 5u);
 }
 
 struct FailedClass {
@@ -61,13 +61,13 @@ TEST_F(Binding, ThatFailsIsToldNeverRetriedAndKeepsWhatItGot) {
     for (const FailedClass &Failed : Classes) {
         StartTracing(0x10000);
         Printed.clear();
-        Framework->FailCreate(Failed.Class, RVPSTATUS::NoSuchClass);
+        Frame().FailCreate(Failed.Class, RVPSTATUS::NoSuchClass);
         EXPECT_EQ(FirstRequest(), STATUS_UNSUCCESSFUL);
         EXPECT_EQ(Printed, std::string("[RVFSD] ") + Failed.Told);
         EXPECT_EQ(FirstRequest(), STATUS_UNSUCCESSFUL);
         for (const FailedClass &Each : Classes) {
-            EXPECT_EQ(Framework->References(Each.Class), Each.Class < Failed.Class ? 1 : 0);
-            EXPECT_EQ(Framework->CreateCount(Each.Class), Each.Class <= Failed.Class ? 1u : 0u);
+            EXPECT_EQ(Frame().References(Each.Class), Each.Class < Failed.Class ? 1 : 0);
+            EXPECT_EQ(Frame().CreateCount(Each.Class), Each.Class <= Failed.Class ? 1u : 0u);
         }
         EXPECT_EQ(g_bFrameworkBound, 0);
         Forget();
@@ -79,7 +79,7 @@ TEST_F(Binding, TakesANoteForSuccessWhereOnlyAnErrorFails) {
     constexpr auto Note = static_cast<RVPSTATUS>(0x40000001);
     for (const FailedClass &Each : Classes) {
         Start();
-        Framework->AnswerCreate(Each.Class, Note);
+        Frame().AnswerCreate(Each.Class, Note);
         EXPECT_EQ(FirstRequest(), Each.AnyStatusFails ? STATUS_UNSUCCESSFUL : Served);
         if (Each.AnyStatusFails) {
             Forget();
@@ -87,7 +87,7 @@ TEST_F(Binding, TakesANoteForSuccessWhereOnlyAnErrorFails) {
         Stop();
         // A success without an object is none.
         Start();
-        Framework->FailCreate(Each.Class, RVPSTATUS::Success);
+        Frame().FailCreate(Each.Class, RVPSTATUS::Success);
         EXPECT_EQ(FirstRequest(), STATUS_UNSUCCESSFUL);
         Forget();
         Stop();
@@ -144,9 +144,9 @@ TEST_F(PublishedClass, MakesObjectsThatGoWithTheirLastReference) {
         EXPECT_EQ(Again, nullptr);
         EXPECT_EQ(Mapping->Table->QueryInterface(Mapping, &IID_IUnknown, nullptr), RVPSTATUS::BadPointer);
         EXPECT_EQ(Mapping->Table->Release(Mapping), 1u);
-        EXPECT_EQ(Framework->LiveBlocks(), 1u);
+        EXPECT_EQ(Frame().LiveBlocks(), 1u);
         EXPECT_EQ(Mapping->Table->Release(Mapping), 0u);
-        EXPECT_EQ(Framework->LiveBlocks(), 0u);
+        EXPECT_EQ(Frame().LiveBlocks(), 0u);
     }
 }
 
@@ -163,16 +163,16 @@ TEST_F(PublishedClass, RefusesWhatItCannotMakeAndKeepsNothing) {
     EXPECT_EQ(Make(nullptr, &IID_IUnknown, nullptr), RVPSTATUS::BadPointer);
     EXPECT_EQ(Make(nullptr, &IID_IClassFactory, &Out), RVPSTATUS::NoSuchClass);
     EXPECT_EQ(Out, nullptr);
-    Framework->FailAllocate();
+    Frame().FailAllocate();
     EXPECT_EQ(Make(nullptr, &IID_IUnknown, &Out), RVPSTATUS::NoMemory);
     for (const auto &[Answer, Wanted] : {std::pair{RVPSTATUS::NoMemory, RVPSTATUS::NoMemory},
                                          std::pair{static_cast<RVPSTATUS>(0x40000001), RVPSTATUS::NoSuchClass}}) {
-        const unsigned Before = Framework->AllocationCount();
-        Framework->FailAcquireMutex(Answer);
+        const unsigned Before = Frame().AllocationCount();
+        Frame().FailAcquireMutex(Answer);
         EXPECT_EQ(Make(nullptr, &IID_IUnknown, &Out), Wanted);
-        EXPECT_EQ(Framework->AllocationCount(), Before);
+        EXPECT_EQ(Frame().AllocationCount(), Before);
     }
-    EXPECT_EQ(Framework->LiveBlocks(), 0u);
+    EXPECT_EQ(Frame().LiveBlocks(), 0u);
 }
 
 TEST_F(PublishedClass, IsSetUpUnderTheLockOfTheFramework) {
@@ -191,7 +191,7 @@ TEST_F(PublishedClass, IsSetUpUnderTheLockOfTheFramework) {
         });
         Asks.wait(false);
         Clock::Settle();
-        EXPECT_EQ(Framework->LiveMutexes(), 0u);
+        EXPECT_EQ(Frame().LiveMutexes(), 0u);
     }
     Asking.join();
 }
@@ -202,16 +202,16 @@ TEST_F(PublishedClass, IsNotThereWithoutItsMutexOrTheFramework) {
     Bind();
     for (const bool Stored : {false, true}) {
         Printed.clear();
-        Framework->FailCreateMutex(RVPSTATUS::NoMemory, Stored);
+        Frame().FailCreateMutex(RVPSTATUS::NoMemory, Stored);
         EXPECT_EQ(DllGetClassObject(&CLSID_RvfsdMapping, &IID_IUnknown, &Out), RVPSTATUS::NoSuchClass);
         EXPECT_EQ(Printed, "[RVFSD] Failed to create Rvfsd class mutex\n");
-        EXPECT_EQ(Framework->LiveMutexes(), 0u) << "a handle that was stored all the same is destroyed";
+        EXPECT_EQ(Frame().LiveMutexes(), 0u) << "a handle that was stored all the same is destroyed";
         EXPECT_EQ(g_hClassMutex, 0u);
     }
     EXPECT_NE(Factory(), nullptr) << "it may be tried again";
     Stop();
     Start();
-    Framework->FailCreate(Class::Rvpl, RVPSTATUS::NoSuchClass);
+    Frame().FailCreate(Class::Rvpl, RVPSTATUS::NoSuchClass);
     EXPECT_EQ(DllGetClassObject(&CLSID_RvfsdMapping, &IID_IUnknown, &Out), RVPSTATUS::NoSuchClass);
     Forget();
 }

@@ -1,5 +1,7 @@
 // The control device: prefix claims of the multiple UNC provider, other controls, and opens of the device itself.
 
+#include "embedded/io/probe.h"
+#include "embedded/verifier/probe.h"
 #include "tests/driver/frame_client.h"
 
 namespace {

@@ -2,6 +2,8 @@
 // handles; and with the close: its Provider handles, a pending delete, its FCB.
 
 #include "embedded/fsrtl/fsrtl.h"
+#include "embedded/io/probe.h"
+#include "embedded/verifier/probe.h"
 #include "tests/driver/lock_client.h"
 #include "tests/driver/request_log.h"
 

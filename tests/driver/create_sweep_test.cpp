@@ -1,6 +1,7 @@
 // Every kind of open with every failure: of the Provider, of memory, of resources. Nothing may be left, and no success
 // may be claimed that the Provider did not give.
 
+#include "embedded/verifier/probe.h"
 #include "tests/driver/create_client.h"
 
 namespace {

@@ -1,6 +1,8 @@
 // What the driver prints, where it goes, and the log file.
 
+#include "embedded/probe.h"
 #include "embedded/system_volume.h"
+#include "embedded/verifier/probe.h"
 #include "frame/diagnostics.h"
 #include "tests/app/program.h"
 #include "tests/driver/frame_client.h"

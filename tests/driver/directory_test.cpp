@@ -5,6 +5,9 @@
 #include <set>
 #include <sstream>
 
+#include "embedded/ex/probe.h"
+#include "embedded/io/probe.h"
+#include "embedded/verifier/probe.h"
 #include "tests/driver/listing_client.h"
 
 namespace {

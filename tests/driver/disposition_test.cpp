@@ -2,6 +2,7 @@
 
 #include <numeric>
 
+#include "embedded/verifier/probe.h"
 #include "tests/driver/set_client.h"
 
 namespace {

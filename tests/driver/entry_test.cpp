@@ -2,7 +2,9 @@
 // that are not the driver's, and what becomes of a request when there is no memory for it.
 
 #include "dir/directory.h"
+#include "embedded/io/probe.h"
 #include "embedded/mm/mm.h"
+#include "embedded/verifier/probe.h"
 #include "frame/async_queue.h"
 #include "frame/entry.h"
 #include "io/lock_table.h"
@@ -83,7 +85,7 @@ TEST_F(Entry, EveryEntryNamesItselfAtItsMask) {
 
 TEST_F(Entry, WithoutTheFrameworkARequestIsRefusedWithBoostTwo) {
     StartTracing(0x1000);
-    Framework->FailCreate(Class::Rvpl, RVPSTATUS::NoSuchClass);
+    Frame().FailCreate(Class::Rvpl, RVPSTATUS::NoSuchClass);
     for (const EntryRow &Row : Entries) {
         Printed.clear();
         const OwnedFile Bare(Device(), u"\\srv\\vol\\a.txt");
@@ -93,7 +95,7 @@ TEST_F(Entry, WithoutTheFrameworkARequestIsRefusedWithBoostTwo) {
         EXPECT_EQ(WasPrinted("[RVFSD] Unable to Initialize Orrery\n"), Row.Binds) << Row.Name;
     }
     EXPECT_EQ(Create(u"\\srv\\vol\\a.txt").Status, STATUS_UNSUCCESSFUL);
-    EXPECT_EQ(Framework->CreateCount(Class::Rvpl), 1u) << "a failed binding is not tried again";
+    EXPECT_EQ(Frame().CreateCount(Class::Rvpl), 1u) << "a failed binding is not tried again";
     g_bFrameworkBindFailed = 0; // only the test lets it try again, so that it can shut down
 }
 
@@ -315,7 +317,7 @@ TEST_F(Entry, HalfACharacterAtTheEndIsNoPartOfTheName) {
 
 TEST_F(Entry, TheDeviceOpensAndClosesWithoutTheFramework) {
     StartTracing(0x20);
-    Framework->FailCreate(Class::Rvpl, RVPSTATUS::NoSuchClass);
+    Frame().FailCreate(Class::Rvpl, RVPSTATUS::NoSuchClass);
     Printed.clear();
     const OwnedFile File(Device(), u"");
     SentIrp Sent = SendIrp(Device(), CreateOf(File));

@@ -1,5 +1,6 @@
 // FCBs: one per path, found by path; how opens name their object to the Provider; the file-object check.
 
+#include "embedded/io/probe.h"
 #include "tests/driver/create_client.h"
 
 namespace {

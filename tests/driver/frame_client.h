@@ -1,6 +1,7 @@
 // Raw requests and traces for tests of the driver's frame.
 #pragma once
 
+#include "embedded/io/probe.h"
 #include "tests/support/driver_fixture.h"
 
 namespace test {

@@ -3,6 +3,7 @@
 
 #include <list>
 
+#include "embedded/io/probe.h"
 #include "tests/driver/frame_client.h"
 
 namespace test {

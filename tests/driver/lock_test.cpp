@@ -3,6 +3,8 @@
 #include <pthread.h>
 
 #include "embedded/fsrtl/fsrtl.h"
+#include "embedded/io/probe.h"
+#include "embedded/verifier/probe.h"
 #include "tests/driver/lock_client.h"
 
 namespace {

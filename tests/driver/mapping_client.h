@@ -140,7 +140,7 @@ protected:
         EXPECT_EQ(g_uMappedDeviceCount, 0u) << Where;
         EXPECT_EQ(Provider.OpenHandles(), Lines{}) << Where;
         EXPECT_EQ(DescribeDriversLinks(), "") << Where;
-        EXPECT_EQ(Framework->LiveBlocks(), 1u) << Where << ": the mapping object alone";
+        EXPECT_EQ(Frame().LiveBlocks(), 1u) << Where << ": the mapping object alone";
         EXPECT_EQ(DescribeOpenHandles().find("token"), std::string::npos) << Where;
         EXPECT_EQ(DescribeOpenHandles().find("link"), std::string::npos) << Where;
         EXPECT_EQ(DescribeOpenHandles().find("key"), std::string::npos) << Where;

@@ -1,5 +1,8 @@
 // Drive letters in logon sessions: whose they are, where their links stand, and what is left when something fails.
 
+#include "embedded/names/probe.h"
+#include "embedded/probe.h"
+#include "embedded/verifier/probe.h"
 #include "tests/driver/mapping_client.h"
 
 namespace {
@@ -284,7 +287,7 @@ TEST_F(MappedSessions, WhateverFailsInMappingLeavesNothing) {
         EXPECT_NE(Sweep("Provider", Request, Refuse, [this] { return Provider.FaultFired(); }), 0u);
         // The framework's memory: the converted path; then both keys' buffers, the list of access, the descriptor.
         unsigned Block = 0;
-        const auto Withhold = [&](unsigned Nth) { Framework->FailAllocate(Block = Nth); };
+        const auto Withhold = [&](unsigned Nth) { Frame().FailAllocate(Block = Nth); };
         EXPECT_EQ(Sweep("framework", Request, Withhold, [&] { return Block <= 5; }), Utf8);
     }
 }

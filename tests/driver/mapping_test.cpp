@@ -332,7 +332,7 @@ TEST_F(Utf8, IsDecodedUpToItsEndOrItsFirstFault) {
     for (const std::string &Long : {std::string(32767, 'x'), std::string(200000, 'x')}) {
         EXPECT_EQ(UTF8ToUnicode(&Wide, Long.c_str(), nullptr), RVPSTATUS::NoMemory);
     }
-    Framework->FailAllocate();
+    Frame().FailAllocate();
     EXPECT_EQ(UTF8ToUnicode(&Wide, "x", nullptr), RVPSTATUS::NoMemory);
     EXPECT_EQ(Wide.Buffer, nullptr);
 }

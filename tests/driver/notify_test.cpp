@@ -1,6 +1,8 @@
 // Waiting for changes in a directory.
 
 #include "dir/notify.h"
+#include "embedded/io/probe.h"
+#include "embedded/verifier/probe.h"
 #include "tests/support/driver_fixture.h"
 
 namespace {

@@ -1,5 +1,6 @@
 // Asking about open files and their volumes.
 
+#include "embedded/io/probe.h"
 #include "info/query.h"
 #include "tests/support/driver_fixture.h"
 

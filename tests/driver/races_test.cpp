@@ -3,8 +3,11 @@
 
 #include <iostream>
 
+#include "embedded/ex/probe.h"
 #include "embedded/explorer/explorer.h"
+#include "embedded/io/probe.h"
 #include "embedded/ke/schedule.h"
+#include "embedded/verifier/probe.h"
 #include "frame/async_queue.h"
 #include "provider/binding.h"
 #include "provider/class_factory.h"
@@ -400,9 +403,9 @@ TEST_F(BindingRaces, TwoFirstRequestsShareTheOutcomeOfOneBinding) {
                 NtFsdReleaseRvplInterface();
                 g_bFrameworkBindFailed = 0;
                 g_bFrameworkBound = 0;
-                Framework->ClearLog();
+                Frame().ClearLog();
                 if (Fails) {
-                    Framework->FailCreate(Class::Provider, RVPSTATUS::NoSuchClass);
+                    Frame().FailCreate(Class::Provider, RVPSTATUS::NoSuchClass);
                 }
             },
             {[&] { First = Ask(); }, [&] { Second = Ask(); }},
@@ -410,7 +413,7 @@ TEST_F(BindingRaces, TwoFirstRequestsShareTheOutcomeOfOneBinding) {
                 const NTSTATUS Expected = Fails ? STATUS_UNSUCCESSFUL : STATUS_INVALID_DEVICE_REQUEST;
                 Ended("the first", First, {Expected});
                 Ended("the second", Second, {Expected});
-                Must(Framework->Log().size() == (Fails ? 4u : 5u), "another number of classes was asked for");
+                Must(Frame().Log().size() == (Fails ? 4u : 5u), "another number of classes was asked for");
             });
     }
 }

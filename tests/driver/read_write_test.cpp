@@ -1,6 +1,7 @@
 // Data transfers: what reaches the Provider, what comes back, and what becomes of sizes and byte offsets.
 
 #include "embedded/mm/mm.h"
+#include "embedded/verifier/probe.h"
 #include "io/io.h"
 #include "tests/driver/frame_client.h"
 

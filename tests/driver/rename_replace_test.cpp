@@ -1,7 +1,7 @@
 // Renames whose new name is taken, by another object or, in another letter case, by the one that is renamed: whatever
 // is in the way, and by whatever name, no content is lost but the replaced file's.
 
-#include "providers/directory/directory_provider.h"
+#include "providers/directory/probe.h"
 #include "tests/app/program.h"
 #include "tests/driver/rename_client.h"
 
@@ -155,7 +155,7 @@ protected:
     }
     void TearDown() override {
         RenameFixture::TearDown();
-        EXPECT_EQ(Local_.OpenHandles(), 0u);
+        EXPECT_EQ(directory::ObjectsOf(Interface_), 0u);
         Interface_->Table->Release(Interface_);
     }
 

@@ -1,5 +1,7 @@
 // Renames: what is moved, what stands in the way, and what the FCB and its opens are called afterwards.
 
+#include "embedded/io/probe.h"
+#include "embedded/verifier/probe.h"
 #include "tests/driver/rename_client.h"
 
 namespace {

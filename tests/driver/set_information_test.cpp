@@ -1,5 +1,7 @@
 // Setting what files and directories are: attributes and times, the byte offset, sizes; and requests that are refused.
 
+#include "embedded/io/probe.h"
+#include "embedded/verifier/probe.h"
 #include "tests/driver/request_log.h"
 #include "tests/driver/set_client.h"
 

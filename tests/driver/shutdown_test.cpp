@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "close/close.h"
+#include "embedded/io/probe.h"
 #include "embedded/mup.h"
 #include "frame/diagnostics.h"
 #include "frame/driver.h"
@@ -30,7 +31,7 @@ protected:
             ReadDone = true;
         });
         EXPECT_TRUE(Held->WaitUntilBlocked());
-        Framework->ClearLog();
+        Frame().ClearLog();
         return Reader;
     }
     // A thread that shuts the driver down, which has begun.
@@ -53,10 +54,10 @@ protected:
 TEST_F(Shutdown, ReleasesEverythingInItsOrder) {
     StartTracing(0x10000);
     Bind();
-    Framework->ClearLog();
+    Frame().ClearLog();
     Printed.clear();
     EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
-    EXPECT_EQ(Framework->Log(),
+    EXPECT_EQ(Frame().Log(),
               (Lines{"release SecurityContext -> 0 left", "release Provider -> 0 left", "release Quillon -> 0 left",
                      "release Transport -> 0 left", "release RVPL -> 0 left"}));
     EXPECT_EQ(Printed, "[RVFSD] Deregistering Unc Provider\n"
@@ -75,7 +76,7 @@ TEST_F(Shutdown, ReleasesEverythingInItsOrder) {
 
 TEST_F(Shutdown, WhileTheFrameworkCannotBeBoundIsRefusedAndUndoesNothing) {
     StartTracing(0x1001);
-    Framework->FailCreate(Class::Rvpl, RVPSTATUS::NoSuchClass);
+    Frame().FailCreate(Class::Rvpl, RVPSTATUS::NoSuchClass);
     Printed.clear();
     SentIrp Sent = SendIrp(Device(), Plain(IRP_MJ_SHUTDOWN, nullptr));
     EXPECT_EQ(Sent.Returned(), STATUS_UNSUCCESSFUL);
@@ -102,7 +103,7 @@ TEST_F(Shutdown, LaterRequestsAreRefusedAndTouchNothing) {
     const PDEVICE_OBJECT Kept = Device.get();
     EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
     Provider.ClearCalls();
-    Framework->ClearLog();
+    Frame().ClearLog();
     for (const UCHAR Each : {IRP_MJ_CREATE, IRP_MJ_READ, IRP_MJ_WRITE, IRP_MJ_QUERY_INFORMATION, IRP_MJ_SET_INFORMATION,
                              IRP_MJ_QUERY_EA, IRP_MJ_SET_EA, IRP_MJ_FLUSH_BUFFERS, IRP_MJ_QUERY_VOLUME_INFORMATION,
                              IRP_MJ_DIRECTORY_CONTROL, IRP_MJ_FILE_SYSTEM_CONTROL, IRP_MJ_DEVICE_CONTROL,
@@ -115,7 +116,7 @@ TEST_F(Shutdown, LaterRequestsAreRefusedAndTouchNothing) {
     EXPECT_THAT(SendIrpAndWait(Kept, Plain(IRP_MJ_CREATE, OfDevice)), Ends(Refused, FILE_DOES_NOT_EXIST));
     EXPECT_EQ(OfDevice->FsContext, nullptr);
     EXPECT_EQ(Provider.Calls(), Lines{});
-    EXPECT_EQ(Framework->Log(), Lines{});
+    EXPECT_EQ(Frame().Log(), Lines{});
 }
 
 TEST_F(Shutdown, MappingObjectsMayBeReleasedAfterwards) {
@@ -125,9 +126,9 @@ TEST_F(Shutdown, MappingObjectsMayBeReleasedAfterwards) {
     const auto Factory = static_cast<RVFSD_FACTORY *>(Out);
     ASSERT_EQ(Factory->Table->CreateInstance(Factory, nullptr, &IID_RvfsdMapping, &Out), RVPSTATUS::Success);
     const auto Mapping = static_cast<RVFSD_MAPPING *>(Out);
-    EXPECT_EQ(Framework->LiveMutexes(), 1u);
+    EXPECT_EQ(Frame().LiveMutexes(), 1u);
     EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
-    EXPECT_EQ(Framework->LiveMutexes(), 0u);
+    EXPECT_EQ(Frame().LiveMutexes(), 0u);
     EXPECT_EQ(DllGetClassObject(&CLSID_RvfsdMapping, &IID_IUnknown, &Out), RVPSTATUS::NoSuchClass);
     EXPECT_EQ(Mapping->Table->AddRef(Mapping), 2u);
     EXPECT_EQ(Mapping->Table->Release(Mapping), 1u);
@@ -135,9 +136,9 @@ TEST_F(Shutdown, MappingObjectsMayBeReleasedAfterwards) {
     EXPECT_EQ(Factory->Table->LockServer(Factory, 1), RVPSTATUS::Success);
     EXPECT_EQ(Factory->Table->CreateInstance(Factory, nullptr, &IID_RvfsdMapping, &Out), RVPSTATUS::NoSuchClass);
     EXPECT_EQ(Factory->Table->Release(Factory), 0u);
-    EXPECT_EQ(Framework->Violations(), Lines{}) << "nothing that was released is called";
+    EXPECT_EQ(Frame().Violations(), Lines{}) << "nothing that was released is called";
     // The block is the framework's own, which the driver can no longer give back: the one thing that stays.
-    EXPECT_EQ(Framework->LiveBlocks(), 1u);
+    EXPECT_EQ(Frame().LiveBlocks(), 1u);
     EXPECT_EQ(LiveObjects(LiveKind::Resource), 0u);
     StopWithLeftovers();
 }
@@ -242,7 +243,7 @@ TEST_F(Shutdown, WaitsForARequestThatIsUnderWay) {
         EXPECT_EQ(Send(Plain(IRP_MJ_CLOSE, Odd)).Status, STATUS_SUCCESS);
         EXPECT_EQ(Foreign.FileObject, FileObject(Handle)) << "only the instance of its own open is marked";
     }
-    EXPECT_EQ(Framework->Log(), Lines{}) << "nothing is released meanwhile";
+    EXPECT_EQ(Frame().Log(), Lines{}) << "nothing is released meanwhile";
     EXPECT_FALSE(ReadDone);
     Held->Release();
     Reader.join();
@@ -264,7 +265,7 @@ TEST_F(Shutdown, GivesUpAfterAMinuteAndUndoesNothing) {
     EXPECT_GE(Seconds, 60);
     EXPECT_TRUE(WasPrinted("Shutdown waits for 1 IRP_MJ_READ\n"));
     EXPECT_TRUE(WasPrinted("Shutdown waits for \"\\srv\\vol\\a.txt\"\n"));
-    EXPECT_EQ(Framework->Log(), Lines{});
+    EXPECT_EQ(Frame().Log(), Lines{});
     EXPECT_EQ(Create(u"\\srv\\vol\\a.txt").Status, STATUS_UNSUCCESSFUL);
     Held->Release();
     Reader.join();

@@ -1,10 +1,16 @@
 // The driver's start: switches, device, registration, what every failure leaves, and the thread that opens the device
 // up.
 
+#include "embedded/ex/probe.h"
+#include "embedded/io/probe.h"
 #include "embedded/mm/mm.h"
+#include "embedded/mm/probe.h"
 #include "embedded/mup.h"
 #include "embedded/names/names.h"
+#include "embedded/probe.h"
+#include "embedded/ps/probe.h"
 #include "embedded/rtl/counted.h"
+#include "embedded/verifier/probe.h"
 #include "frame/configuration.h"
 #include "frame/driver.h"
 #include "frame/fast_io.h"

@@ -172,7 +172,7 @@ TEST_F(TargetOpens, OfAParentThatCannotBeOpenedTellThatTheTargetIsNotThere) {
 
 TEST_F(TargetOpens, WithoutTheFrameworksMemoryForTheNameAreRefused) {
     Bind();
-    Framework->FailAllocate();
+    Frame().FailAllocate();
     ExpectRefused(u"\\srv\\vol\\docs\\new", AsTarget, STATUS_INSUFFICIENT_RESOURCES);
     EXPECT_EQ(Provider.CountCalls(), 1u);
     ExpectOpened(u"\\srv\\vol\\docs\\new", AsTarget, FILE_DOES_NOT_EXIST);

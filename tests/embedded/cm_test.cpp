@@ -7,6 +7,7 @@
 
 #include "embedded/kernel.h"
 #include "embedded/ob/ob.h"
+#include "embedded/probe.h"
 
 namespace {
 

@@ -6,8 +6,10 @@
 #include <thread>
 
 #include "embedded/ex/guard.h"
+#include "embedded/ex/probe.h"
 #include "embedded/ps/ps.h"
 #include "embedded/verifier/faults.h"
+#include "embedded/verifier/probe.h"
 #include "embedded/verifier/report.h"
 #include "tests/embedded/planted.h"
 

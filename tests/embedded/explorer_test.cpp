@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 
 #include "embedded/ex/ex.h"
+#include "embedded/io/probe.h"
 #include "embedded/ke/schedule.h"
 #include "tests/embedded/io_fixture.h"
 

@@ -1,6 +1,8 @@
 #include "embedded/fsrtl/fsrtl.h"
 
+#include "embedded/fsrtl/probe.h"
 #include "embedded/io/io.h"
+#include "embedded/io/probe.h"
 #include "embedded/verifier/report.h"
 
 #include <algorithm>

@@ -1,5 +1,7 @@
 #include "embedded/io/objects.h"
+#include "embedded/io/probe.h"
 #include "embedded/ob/ob.h"
+#include "embedded/probe.h"
 #include "embedded/ps/ps.h"
 #include "embedded/rtl/counted.h"
 #include "embedded/verifier/report.h"

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "embedded/dbg.h"
+#include "embedded/ps/probe.h"
 #include "embedded/ps/ps.h"
 #include "embedded/verifier/faults.h"
 

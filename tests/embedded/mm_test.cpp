@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include "embedded/ex/ex.h"
+#include "embedded/ex/probe.h"
 #include "embedded/ps/ps.h"
 #include "embedded/verifier/faults.h"
 

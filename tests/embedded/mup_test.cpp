@@ -1,3 +1,4 @@
+#include "embedded/probe.h"
 #include "io_fixture.h"
 
 namespace {

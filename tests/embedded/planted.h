@@ -17,6 +17,7 @@ struct PlantedFault {
     ULONG_PTR Parameter;
     const char *What;
     void (*Commit)();
+    bool OfTheStack = false; // needs variables that lie on the thread's stack
 };
 
 inline void PrintTo(const PlantedFault &Fault, std::ostream *Stream) {

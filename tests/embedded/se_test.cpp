@@ -7,6 +7,7 @@
 #include "embedded/kernel.h"
 #include "embedded/names/logon.h"
 #include "embedded/names/names.h"
+#include "embedded/names/probe.h"
 #include "embedded/ps/ps.h"
 #include "embedded/rtl/counted.h"
 #include "embedded/verifier/faults.h"

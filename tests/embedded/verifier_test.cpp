@@ -6,10 +6,13 @@
 
 #include <thread>
 
+#include "embedded/base/probe.h"
 #include "embedded/ex/ex.h"
 #include "embedded/kernel.h"
 #include "embedded/mm/mm.h"
+#include "embedded/ps/probe.h"
 #include "embedded/ps/ps.h"
+#include "embedded/verifier/probe.h"
 #include "tests/embedded/planted.h"
 
 namespace embedded {
@@ -122,7 +125,6 @@ const PlantedFault PoolFaults[] = {
          ExInitializeNPagedLookasideList(List, nullptr, nullptr, 0, 32, Tag, 4);
          Free(Block);
      }},
-    {"Leak", V, 0x62, "left behind", [] { Allocate(100), VerifyNothingLeft(); }},
 };
 
 const PlantedFault IrqlFaults[] = {
@@ -283,13 +285,9 @@ const PlantedFault LockFaults[] = {
      [] {
          KEVENT Event;
          KeInitializeEvent(&Event, NotificationEvent, TRUE);
-         // With fake stacks of a sanitizer the object is not where it seems.
-         if (auto Address = reinterpret_cast<ULONG_PTR>(&Event);
-             Address < CurrentThread().StackLow || Address >= CurrentThread().StackHigh) {
-             BugCheck(bugcheck::Verifier, bugcheck::UserWaitOnStack, 0, 0, 0, "fake kernel stack");
-         }
          KeWaitForSingleObject(&Event, Executive, UserMode, FALSE, nullptr);
-     }},
+     },
+     true},
 };
 
 char UserBytes[PAGE_SIZE];
@@ -345,7 +343,6 @@ const PlantedFault MdlFaults[] = {
          }
          DeleteProcess(Process);
      }},
-    {"MdlLeft", V, 0x62, "MDL block", [] { NewMdl(), VerifyNothingLeft(); }},
 };
 
 // Takes Bytes of the stack, step by step.
@@ -411,8 +408,18 @@ TEST(DriverStack, HasRoomForTheDriverAndTheHostsCodeHasItsOwn) {
     EXPECT_GT(Use.AtProvider, 0u);
 }
 
+bool VariablesLieOnTheStack() {
+    char Local;
+    const auto Address = reinterpret_cast<ULONG_PTR>(static_cast<volatile char *>(&Local));
+    return Address >= CurrentThread().StackLow && Address < CurrentThread().StackHigh;
+}
+
 TEST_P(PlantedFaults, StopsWithItsCode) {
     const PlantedFault &Fault = GetParam();
+    if (Fault.OfTheStack && !VariablesLieOnTheStack()) {
+        GTEST_SKIP()
+            << "the sanitizer keeps variables beside the stack, where nobody can tell that they are the stack's";
+    }
     EXPECT_DEATH(Fault.Commit(), StopPattern(Fault.Code, Fault.Parameter, Fault.What));
 }
 
@@ -425,15 +432,19 @@ INSTANTIATE_TEST_SUITE_P(Mdls, PlantedFaults, testing::ValuesIn(MdlFaults), Name
 
 TEST(VerifierTest, ALeakReportNamesTagSizeAndEveryRegisteredCheck) {
     PVOID Block = Allocate(123);
+    const PMDL Mdl = NewMdl();
     std::string Leaks = "one widget";
     RegisterLeakCheck("widgets", [&] { return Leaks; });
     std::string Text = DescribeLeaks();
     EXPECT_NE(Text.find("tag Test, 123 bytes"), std::string::npos) << Text;
+    EXPECT_NE(Text.find("MDL block"), std::string::npos) << Text;
     EXPECT_NE(Text.find("widgets: one widget\n"), std::string::npos) << Text;
     Leaks.clear();
     EXPECT_EQ(DescribeLeaks().find("widgets"), std::string::npos);
     ExFreePoolWithTag(Block, Tag);
+    IoFreeMdl(Mdl);
     EXPECT_EQ(DescribeLeaks().find("tag Test"), std::string::npos);
+    EXPECT_EQ(DescribeLeaks().find("MDL block"), std::string::npos);
     RegisterLeakCheck("widgets", [] { return std::string(); });
 }
 

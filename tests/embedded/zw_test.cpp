@@ -1,5 +1,7 @@
 #include <thread>
 
+#include "embedded/io/probe.h"
+#include "embedded/probe.h"
 #include "embedded/ps/ps.h"
 #include "embedded/rtl/counted.h"
 #include "embedded/system_volume.h"

@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "embedded/base/probe.h"
 #include "embedded/loader/driver_image.h"
 #include "embedded/verifier/rules.h"
 #include "provider/framework.h"

@@ -5,10 +5,13 @@
 
 #include "embedded/ex/ex.h"
 #include "embedded/ex/guard.h"
+#include "embedded/ex/probe.h"
 #include "embedded/image/symbols.h"
 #include "embedded/io/objects.h"
+#include "embedded/io/probe.h"
 #include "embedded/kernel.h"
 #include "embedded/loader/driver_image.h"
+#include "embedded/ps/probe.h"
 #include "embedded/ps/ps.h"
 #include "tests/app/program.h"
 

@@ -12,6 +12,7 @@
 
 #include "providers/directory/directory_provider.h"
 #include "providers/directory/errno_status.h"
+#include "providers/directory/probe.h"
 
 namespace providers::directory {
 
@@ -49,7 +50,7 @@ protected:
 
     void TearDown() override {
         EXPECT_EQ(Table->RVFsdCloseVolume(Fsd, nullptr, Volume), RVSTATUS::Success);
-        EXPECT_EQ(Provider.OpenHandles(), 0u) << "handles left open";
+        EXPECT_EQ(providers::directory::ObjectsOf(Fsd), 0u) << "handles left open";
         EXPECT_EQ(Table->Release(Fsd), 0u);
         std::filesystem::permissions(Root, std::filesystem::perms::owner_all);
         std::filesystem::remove_all(Outer);

@@ -1,7 +1,7 @@
 // What the tests and benchmarks stand on: the scripted Provider's books, the framework's, the stub Provider's tree.
 
 #include "providers/conformance/provider_client.h"
-#include "providers/framework/framework.h"
+#include "providers/framework/probe.h"
 #include "providers/scripted/scripted_provider.h"
 #include "providers/stub/stub_provider.h"
 
@@ -107,6 +107,7 @@ protected:
     ScriptedProvider Provider;
     const RVIOM_FSD_TABLE *const Own = Provider.Table;
     std::optional<Framework> Frame{&Provider};
+    FrameworkProbe Probe{*Frame};
     RVPL *Services = nullptr;
     void SetUp() override {
         ASSERT_EQ(Create(&Services), RVPSTATUS::Success);
@@ -116,49 +117,49 @@ protected:
 TEST_F(FrameworkTest, AReleaseTooManyAndAUseAfterTheLastOneAreViolations) {
     EXPECT_EQ(Services->Table->Release(Services), 0u);
     EXPECT_THAT(Frame->LeakReport(), IsEmpty());
-    EXPECT_THAT(Frame->Violations(), IsEmpty());
+    EXPECT_THAT(Probe.Violations(), IsEmpty());
     Services->Table->Release(Services);
     ULONG Counter = 0;
     Services->Table->Increment(Services, &Counter);
-    EXPECT_THAT(Frame->Violations(),
+    EXPECT_THAT(Probe.Violations(),
                 ElementsAre("RVPL released without a reference", "slot 72 of RVPL called after its last release"));
 }
 
 TEST_F(FrameworkTest, MemoryIsCountedUnzeroedAndFailsOnDemand) {
-    Frame->FailAllocate(2);
+    Probe.FailAllocate(2);
     auto *First = static_cast<UCHAR *>(Services->Table->Allocate(Services, 100));
     EXPECT_EQ(Services->Table->AllocateForText(Services, 8), nullptr);
     PVOID Third = Services->Table->AllocateForText(Services, 8);
     EXPECT_EQ(First[99], 0xA5);
     Services->Table->Clear(Services, First, 100);
     EXPECT_EQ(First[99], 0);
-    EXPECT_EQ(Frame->LiveBytes(), 108u);
-    EXPECT_EQ(Frame->AllocationCount(), 3u);
+    EXPECT_EQ(Probe.LiveBytes(), 108u);
+    EXPECT_EQ(Probe.AllocationCount(), 3u);
     Services->Table->Free(Services, First);
     EXPECT_THAT(Frame->LeakReport(), ElementsAre("RVPL: 1 references", "block of 8 bytes from slot 25"));
     Services->Table->Free(Services, Third);
     Services->Table->Free(Services, &Services);
-    EXPECT_EQ(Frame->Violations().size(), 1u);
+    EXPECT_EQ(Probe.Violations().size(), 1u);
 }
 
 TEST_F(FrameworkTest, MutexesAreAccountedFor) {
     constexpr RVPSTATUS Broken{0xC7E70001};
     const RVPL_TABLE *Slots = Services->Table;
     RVPL_MUTEX Mutex = 0;
-    Frame->FailCreateMutex(Broken, true);
+    Probe.FailCreateMutex(Broken, true);
     EXPECT_EQ(Slots->CreateMutex(Services, 1, &Mutex), Broken);
     Slots->DestroyMutex(Services, Mutex);
     ASSERT_EQ(Slots->CreateMutex(Services, 1, &Mutex), RVPSTATUS::Success);
     EXPECT_EQ(Slots->AcquireMutex(Services, Mutex), RVPSTATUS::Success);
     Slots->ReleaseMutex(Services, Mutex);
-    Frame->FailAcquireMutex(Broken);
+    Probe.FailAcquireMutex(Broken);
     EXPECT_EQ(Slots->AcquireMutex(Services, Mutex), Broken);
-    EXPECT_THAT(Frame->Violations(), IsEmpty());
+    EXPECT_THAT(Probe.Violations(), IsEmpty());
     Slots->ReleaseMutex(Services, Mutex);
-    EXPECT_EQ(Frame->Violations().size(), 1u);
-    EXPECT_EQ(Frame->LiveMutexes(), 1u);
+    EXPECT_EQ(Probe.Violations().size(), 1u);
+    EXPECT_EQ(Probe.LiveMutexes(), 1u);
     Slots->DestroyMutex(Services, Mutex);
-    EXPECT_EQ(Frame->LiveMutexes(), 0u);
+    EXPECT_EQ(Probe.LiveMutexes(), 0u);
 }
 
 TEST_F(FrameworkTest, AnUnexpectedSlotEndsTheProgramByName) {

@@ -3,6 +3,7 @@
 #include <mutex>
 
 #include "embedded/base/driver_stack.h"
+#include "embedded/io/probe.h"
 #include "embedded/rtl/counted.h"
 #include "tests/support/driver_under_test.h"
 
@@ -73,7 +74,7 @@ void DriverFixture::CheckBooks() {
     for (const std::string &Line : Framework->LeakReport()) {
         ADD_FAILURE() << "the framework was not given back: " << Line;
     }
-    for (const std::string &Line : Framework->Violations()) {
+    for (const std::string &Line : Frame().Violations()) {
         ADD_FAILURE() << "the framework was misused: " << Line;
     }
 }

@@ -22,13 +22,15 @@
 
 #include "embedded/ex/ex.h"
 #include "embedded/io/io.h"
+#include "embedded/io/probe.h"
 #include "embedded/kernel.h"
 #include "embedded/ps/ps.h"
 #include "embedded/rtl/counted.h"
 #include "embedded/verifier/faults.h"
+#include "embedded/verifier/probe.h"
 #include "embedded/zw/zw.h"
 #include "names/fcb.h"
-#include "providers/framework/framework.h"
+#include "providers/framework/probe.h"
 #include "providers/scripted/scripted_provider.h"
 #include "tests/support/devices.h"
 
@@ -198,6 +200,11 @@ protected:
     providers::Call Last(Slot Operation);
     std::vector<std::string> CallNames() {
         return Provider.CallNames();
+    }
+
+    // What the framework was asked, and what it is to fail at.
+    providers::FrameworkProbe Frame() {
+        return providers::FrameworkProbe(*Framework);
     }
 
     providers::ScriptedProvider Provider;
