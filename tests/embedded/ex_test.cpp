@@ -54,118 +54,101 @@ private:
     std::thread Host_;
 };
 
-class ResourceTest : public testing::Test {
-protected:
-    void SetUp() override {
-        ResetLockOrder();
-        ASSERT_EQ(ExInitializeResourceLite(&Resource), STATUS_SUCCESS);
-    }
-    void TearDown() override {
-        ExDeleteResourceLite(&Resource);
-    }
-    void Shared(std::atomic<int> &Holders) {
-        KeEnterCriticalRegion();
-        ExAcquireResourceSharedLite(&Resource, TRUE);
-        ++Holders;
-    }
-    void Exclusive(std::atomic<int> &Holders) {
-        KeEnterCriticalRegion();
-        ExAcquireResourceExclusiveLite(&Resource, TRUE);
-        ++Holders;
-    }
-    void Release() {
-        ExReleaseResourceLite(&Resource);
-        KeLeaveCriticalRegion();
-    }
-    bool Try(bool Exclusively) {
-        CriticalRegion Region;
-        bool Got = Exclusively ? ExAcquireResourceExclusiveLite(&Resource, FALSE)
-                               : ExAcquireResourceSharedLite(&Resource, FALSE);
-        if (Got) {
-            ExReleaseResourceLite(&Resource);
-        }
-        return Got;
-    }
-
-    ERESOURCE Resource;
-    std::atomic<int> Readers{0}, Writers{0};
+// What one of four actors does to a resource, and what comes of it.
+struct Turn {
+    int Who;
+    char Does;         // s acquires it shared, x exclusively, c converts to shared, r releases it
+    const char *Holds; // by actor: w waits, x exclusively, s shared, and how often
+    char Free;         // what a stranger could have at once: x or s; - for neither
+};
+struct Play {
+    const char *Name;
+    ULONG Contentions;
+    std::vector<Turn> Turns;
 };
 
-TEST_F(ResourceTest, AnExclusiveHoldIsRecursiveAndCoversSharedAcquires) {
-    CriticalRegion Region;
-    EXPECT_TRUE(ExAcquireResourceExclusiveLite(&Resource, TRUE));
-    EXPECT_TRUE(ExAcquireResourceExclusiveLite(&Resource, TRUE));
-    EXPECT_TRUE(ExAcquireResourceSharedLite(&Resource, TRUE));
-    EXPECT_TRUE(ExIsResourceAcquiredExclusiveLite(&Resource));
-    EXPECT_EQ(ExIsResourceAcquiredSharedLite(&Resource), 3u);
-    Actor Other;
-    for (int Left = 3; Left > 0; --Left) {
-        Other.Do([&] { EXPECT_FALSE(Try(false)); });
-        ExReleaseResourceLite(&Resource);
+const Play Plays[] = {
+    {"AnExclusiveHoldIsRecursiveAndCoversSharedAcquires",
+     0,
+     {{0, 'x', "x1 . . .", '-'},
+      {0, 'x', "x2 . . .", '-'},
+      {0, 's', "x3 . . .", '-'},
+      {0, 'r', "x2 . . .", '-'},
+      {0, 'r', "x1 . . .", '-'},
+      {0, 'r', ". . . .", 'x'}}},
+    {"ANewReaderWaitsBehindAWaitingWriterButAHolderDoesNot",
+     2,
+     {{0, 's', "s1 . . .", 's'},
+      {1, 'x', "s1 w . .", '-'},
+      {2, 's', "s1 w w .", '-'},
+      {0, 's', "s2 w w .", '-'},
+      {0, 'r', "s1 w w .", '-'},
+      {0, 'r', ". x1 w .", '-'},
+      {1, 'r', ". . s1 .", 's'},
+      {2, 'r', ". . . .", 'x'}}},
+    {"AReleaseByAWriterLetsAllWaitingReadersInBeforeTheNextWriter",
+     3,
+     {{0, 'x', "x1 . . .", '-'},
+      {1, 's', "x1 w . .", '-'},
+      {2, 'x', "x1 w w .", '-'},
+      {3, 's', "x1 w w w", '-'},
+      {0, 'r', ". s1 w s1", '-'},
+      {1, 'r', ". . w s1", '-'},
+      {3, 'r', ". . x1 .", '-'},
+      {2, 'r', ". . . .", 'x'}}},
+    {"ConversionLetsReadersInAndKeepsTheHold",
+     1,
+     {{0, 'x', "x1 . . .", '-'},
+      {0, 'x', "x2 . . .", '-'},
+      {1, 's', "x2 w . .", '-'},
+      {0, 'c', "s2 s1 . .", 's'},
+      {1, 'r', "s2 . . .", 's'},
+      {0, 'r', "s1 . . .", 's'},
+      {0, 'r', ". . . .", 'x'}}},
+};
+
+class ResourceTest : public testing::TestWithParam<Play> {};
+
+TEST_P(ResourceTest, GoesToWhoseTurnItIs) {
+    ResetLockOrder();
+    ERESOURCE Resource;
+    ASSERT_EQ(ExInitializeResourceLite(&Resource), STATUS_SUCCESS);
+    std::string Holds[] = {".", ".", ".", "."};
+    const auto Act = [&](int Who, char Does) {
+        if (Does == 'c') {
+            ExConvertExclusiveToSharedLite(&Resource);
+        } else if (Does == 'r') {
+            ExReleaseResourceLite(&Resource);
+            KeLeaveCriticalRegion();
+        } else {
+            Holds[Who] = "w";
+            KeEnterCriticalRegion();
+            EXPECT_TRUE((Does == 'x' ? ExAcquireResourceExclusiveLite : ExAcquireResourceSharedLite)(&Resource, TRUE));
+        }
+        const ULONG Times = ExIsResourceAcquiredSharedLite(&Resource);
+        Holds[Who] =
+            Times == 0 ? "." : (ExIsResourceAcquiredExclusiveLite(&Resource) ? "x" : "s") + std::to_string(Times);
+    };
+    const auto IsFree = [&](auto &Acquire) {
+        CriticalRegion Region;
+        return Acquire(&Resource, FALSE) && (ExReleaseResourceLite(&Resource), true);
+    };
+    {
+        Actor Actors[4];
+        for (const Turn &Each : GetParam().Turns) {
+            SCOPED_TRACE(Each.Holds);
+            Actors[Each.Who].Do([&Act, Who = Each.Who, Does = Each.Does] { Act(Who, Does); });
+            EXPECT_EQ(fmt::format("{}", fmt::join(Holds, " ")), Each.Holds);
+            EXPECT_EQ(IsFree(ExAcquireResourceSharedLite), Each.Free != '-');
+            EXPECT_EQ(IsFree(ExAcquireResourceExclusiveLite), Each.Free == 'x');
+        }
     }
-    Other.Do([&] { EXPECT_TRUE(Try(true)); });
-    EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Resource));
-    EXPECT_EQ(ExIsResourceAcquiredSharedLite(&Resource), 0u);
+    EXPECT_EQ(Resource.ContentionCount, GetParam().Contentions);
+    ExDeleteResourceLite(&Resource);
 }
 
-TEST_F(ResourceTest, ANewReaderWaitsBehindAWaitingWriterButAHolderDoesNot) {
-    Actor First, Writer, Second;
-    First.Do([&] { Shared(Readers); });
-    Writer.Do([&] { Exclusive(Writers); });
-    EXPECT_EQ(Writers, 0);
-    EXPECT_FALSE(Try(false)) << "a new reader overtook the waiting writer";
-    Second.Do([&] { Shared(Readers); });
-    EXPECT_EQ(Readers, 1);
-    First.Do([&] { Shared(Readers); });
-    EXPECT_EQ(Readers, 2) << "a holder waits for a writer that waits for it";
-    First.Do([&] { Release(); });
-    EXPECT_EQ(Writers, 0);
-    First.Do([&] { Release(); });
-    EXPECT_EQ(Writers, 1);
-    EXPECT_EQ(Readers, 2);
-    Writer.Do([&] { Release(); });
-    EXPECT_EQ(Readers, 3);
-    Second.Do([&] { Release(); });
-    EXPECT_EQ(Resource.ContentionCount, 2u);
-}
-
-TEST_F(ResourceTest, AReleaseByAWriterLetsAllWaitingReadersInBeforeTheNextWriter) {
-    Actor Writer, Next, One, Two;
-    Writer.Do([&] { Exclusive(Writers); });
-    One.Do([&] { Shared(Readers); });
-    Next.Do([&] { Exclusive(Writers); });
-    Two.Do([&] { Shared(Readers); });
-    Writer.Do([&] { Release(); });
-    EXPECT_EQ(Readers, 2);
-    EXPECT_EQ(Writers, 1);
-    One.Do([&] { Release(); });
-    EXPECT_EQ(Writers, 1);
-    Two.Do([&] { Release(); });
-    EXPECT_EQ(Writers, 2);
-    Next.Do([&] { Release(); });
-}
-
-TEST_F(ResourceTest, ConversionLetsReadersInAndKeepsTheHold) {
-    Actor Writer, Reader;
-    Writer.Do([&] {
-        Exclusive(Writers);
-        ExAcquireResourceExclusiveLite(&Resource, TRUE);
-    });
-    Reader.Do([&] { Shared(Readers); });
-    EXPECT_EQ(Readers, 0);
-    Writer.Do([&] {
-        ExConvertExclusiveToSharedLite(&Resource);
-        EXPECT_FALSE(ExIsResourceAcquiredExclusiveLite(&Resource));
-        EXPECT_EQ(ExIsResourceAcquiredSharedLite(&Resource), 2u);
-    });
-    EXPECT_EQ(Readers, 1);
-    EXPECT_FALSE(Try(true));
-    Reader.Do([&] { Release(); });
-    Writer.Do([&] { ExReleaseResourceLite(&Resource); });
-    EXPECT_FALSE(Try(true));
-    Writer.Do([&] { Release(); });
-    EXPECT_TRUE(Try(true));
-}
+INSTANTIATE_TEST_SUITE_P(Ex, ResourceTest, testing::ValuesIn(Plays),
+                         [](const auto &Each) { return std::string(Each.param.Name); });
 
 TEST(PoolTest, CountsByTagAndAltogether) {
     const LONG64 Bytes = PoolBytesInUse(), Blocks = PoolBlocksInUse();

@@ -107,19 +107,20 @@ TEST_F(IoRequestTest, ADeletedDeviceTakesNoOpensButServesTheOnesItHas) {
 
 class IoPlantedTest : public PlantedFaults {};
 
+Kernel *Booted = nullptr;
+
 // Boots a kernel with the driver and commits What.
-void Started(const std::function<void(Kernel &)> &What) {
-    Kernel Running;
-    static_cast<void>(Running.LoadDriver(DriverEntry, u"RVFSD"));
-    What(Running);
+void Started(void (*What)()) {
+    Kernel New;
+    Booted = &New;
+    static_cast<void>(New.LoadDriver(DriverEntry, u"RVFSD"));
+    What();
 }
 
 // Lets reads be served as Serve says and sends one.
 void Read(Handler Serve, const IrpBuilder &Builder = Request(IRP_MJ_READ)) {
-    Started([&](Kernel &) {
-        Handlers[IRP_MJ_READ] = std::move(Serve);
-        SendIrpAndWait(TheDevice, Builder);
-    });
+    Handlers[IRP_MJ_READ] = std::move(Serve);
+    SendIrpAndWait(TheDevice, Builder);
 }
 
 // A read that does What on the way to its good end.
@@ -194,12 +195,10 @@ const PlantedFault Planted[] = {
      [] { ReadDoing([](PIRP Irp) { IoMarkIrpPending(Irp); }); }},
     {"UnmarkedAndCompletedLater", 0xC9, 0x23D, "not marked pending",
      [] {
-         Started([](Kernel &) {
-             PIRP Waiting = nullptr;
-             Handlers[IRP_MJ_READ] = [&](PIRP Irp) { return Waiting = Irp, STATUS_PENDING; };
-             SentIrp Sent = SendIrp(TheDevice, Request(IRP_MJ_READ));
-             Complete(Waiting, STATUS_SUCCESS);
-         });
+         PIRP Waiting = nullptr;
+         Handlers[IRP_MJ_READ] = [&](PIRP Irp) { return Waiting = Irp, STATUS_PENDING; };
+         SentIrp Sent = SendIrp(TheDevice, Request(IRP_MJ_READ));
+         Complete(Waiting, STATUS_SUCCESS);
      }},
     {"NeitherCompletedNorPended", 0xC9, 0x226, "neither completed", [] { Read([](PIRP) { return STATUS_SUCCESS; }); }},
     {"OtherStatusReturned", 0xC9, 0x224, "completed with 0xC0000011",
@@ -228,82 +227,70 @@ const PlantedFault Planted[] = {
     {"CompletedByAStranger", 0xC9, 0x205, "not sent to",
      [] {
          // The request has been finished and its block is new again: the driver still holds the old pointer.
-         Started([](Kernel &) {
-             PIRP Kept = nullptr;
-             Handlers[IRP_MJ_READ] = [&](PIRP Irp) { return Kept = Irp, Complete(Irp, STATUS_SUCCESS); };
-             SendIrpAndWait(TheDevice, Request(IRP_MJ_READ));
-             // Comes round after the quarantine; built, not yet sent, and completed by somebody else.
-             for (int Round = 0; Round < 200; ++Round) {
-                 IrpBuilder Builder = Request(IRP_MJ_FLUSH_BUFFERS);
-                 Builder.Fill = [&](PIO_STACK_LOCATION Stack) {
-                     const auto *Irp = reinterpret_cast<const char *>(Kept);
-                     const auto *Here = reinterpret_cast<const char *>(Stack);
-                     if (Here > Irp && Here < Irp + 208 + 8 * 72) {
-                         IofCompleteRequest(Kept, 0);
-                     }
-                 };
-                 SendIrpAndWait(TheDevice, Builder);
-             }
-         });
+         PIRP Kept = nullptr;
+         Handlers[IRP_MJ_READ] = [&](PIRP Irp) { return Kept = Irp, Complete(Irp, STATUS_SUCCESS); };
+         SendIrpAndWait(TheDevice, Request(IRP_MJ_READ));
+         // Comes round after the quarantine; built, not yet sent, and completed by somebody else.
+         for (int Round = 0; Round < 200; ++Round) {
+             IrpBuilder Builder = Request(IRP_MJ_FLUSH_BUFFERS);
+             Builder.Fill = [&](PIO_STACK_LOCATION Stack) {
+                 const auto *Irp = reinterpret_cast<const char *>(Kept);
+                 const auto *Here = reinterpret_cast<const char *>(Stack);
+                 if (Here > Irp && Here < Irp + 208 + 8 * 72) {
+                     IofCompleteRequest(Kept, 0);
+                 }
+             };
+             SendIrpAndWait(TheDevice, Builder);
+         }
      }},
     {"TopLevelIrpLeftSet", 0xC9, 0xF0000, "top-level IRP",
      [] { ReadDoing([](PIRP) { IoSetTopLevelIrp(reinterpret_cast<PIRP>(8)); }); }},
     {"CancelLockKept", 0xC9, 0xF0000, "cancel spin lock",
      [] {
-         Started([](Kernel &) {
-             Handlers[IRP_MJ_READ] = [](PIRP Irp) {
-                 Irp->CancelRoutine = [](PDEVICE_OBJECT, PIRP) NTAPI -> VOID {};
-                 return Pend(Irp);
-             };
-             SendIrp(TheDevice, Request(IRP_MJ_READ)).Cancel();
-         });
+         Handlers[IRP_MJ_READ] = [](PIRP Irp) {
+             Irp->CancelRoutine = [](PDEVICE_OBJECT, PIRP) NTAPI -> VOID {};
+             return Pend(Irp);
+         };
+         SendIrp(TheDevice, Request(IRP_MJ_READ)).Cancel();
      }},
     {"CancelledButNeverCompleted", 0xC4, 0x135, "allowed time",
      [] {
-         Started([](Kernel &) {
-             Handlers[IRP_MJ_READ] = Pend;
-             SendIrp(TheDevice, Request(IRP_MJ_READ)).CancelWithin(Clock::Second);
-         });
+         Handlers[IRP_MJ_READ] = Pend;
+         SendIrp(TheDevice, Request(IRP_MJ_READ)).CancelWithin(Clock::Second);
      }},
     {"DeviceDeletedTwice", 0xC9, 0xF0000, "deleted twice",
-     [] { Started([](Kernel &) { IoDeleteDevice(TheDevice), IoDeleteDevice(TheDevice); }); }},
+     [] { IoDeleteDevice(TheDevice), IoDeleteDevice(TheDevice); }},
     {"ShareRemovedTwice", 0xC9, 0xF0000, "never recorded",
      [] {
-         Started([](Kernel &) {
-             SHARE_ACCESS Share{};
-             const PFILE_OBJECT File = CreateFileObject(TheDevice, u"", 0);
-             IoSetShareAccess(FILE_READ_DATA, 0, File, &Share);
-             IoRemoveShareAccess(File, &Share);
-             IoRemoveShareAccess(File, &Share);
-         });
+         SHARE_ACCESS Share{};
+         const PFILE_OBJECT File = CreateFileObject(TheDevice, u"", 0);
+         IoSetShareAccess(FILE_READ_DATA, 0, File, &Share);
+         IoRemoveShareAccess(File, &Share);
+         IoRemoveShareAccess(File, &Share);
      }},
     {"DeviceLeftByAFailedStart", 0xC4, 0x60, "left a device behind",
      [] {
-         Kernel Running;
-         static_cast<void>(Running.LoadDriver(
+         PDRIVER_OBJECT Bad;
+         static_cast<void>(LoadDriverObject(
              [](PDRIVER_OBJECT Driver, PUNICODE_STRING) NTAPI -> NTSTATUS {
                  PDEVICE_OBJECT Device;
                  static_cast<void>(IoCreateDevice(Driver, 0, nullptr, 0, 0, FALSE, &Device));
                  return STATUS_UNSUCCESSFUL;
              },
-             u"Bad"));
+             u"Bad", &Bad));
      }},
     {"HandleLeftOpen", 0xC4, 0x62, "1 event handle.s. still open",
      [] {
-         Started([](Kernel &Running) {
-             HANDLE Handle;
-             static_cast<void>(CreateEventHandle(NotificationEvent, false, &Handle));
-             Running.Stop();
-         });
+         HANDLE Handle;
+         static_cast<void>(CreateEventHandle(NotificationEvent, false, &Handle));
+         Booted->Stop();
      }},
-    {"FileObjectLeft", 0xC4, 0x62, "1 file object",
-     [] { Started([](Kernel &Running) { CreateFileObject(TheDevice, u"", 0), Running.Stop(); }); }},
-    {"ProviderLeftRegistered", 0xC4, 0x62, "handle",
-     [] { Started([](Kernel &Running) { ProviderHandle = nullptr, Running.Stop(); }); }},
+    {"FileObjectLeft", 0xC4, 0x62, "1 file object", [] { CreateFileObject(TheDevice, u"", 0), Booted->Stop(); }},
+    {"ProviderLeftRegistered", 0xC4, 0x62, "handle", [] { ProviderHandle = nullptr, Booted->Stop(); }},
     {"IrqlChangedByDispatch", 0xC9, 0x05, "", [] { ReadDoing([](PIRP) { KeRaiseIrql(DispatchLevel); }); }},
-    {"NoHandleInKernelMode", 0xC4, 0xF5, "", [] { Started([](Kernel &) { ZwClose(nullptr); }); }},
-    {"UserHandleInKernelMode", 0xC4, 0xF6, "", [] { Started([](Kernel &) { ZwCloseOf(0, false); }); }},
-    {"ClosedHandleInKernelMode", 0x93, 0, "", [] { Started([](Kernel &) { ZwCloseOf(OBJ_KERNEL_HANDLE, true); }); }},
+    {"NoHandleInKernelMode", 0xC4, 0xF5, "", [] { ZwClose(nullptr); }},
+    {"UserHandleInKernelMode", 0xC4, 0xF6, "", [] { ZwCloseOf(0, false); }},
+    {"ClosedHandleInKernelMode", 0x93, 0, "", [] { ZwCloseOf(OBJ_KERNEL_HANDLE, true); }},
     {"ReferenceToADyingObject", 0xC4, 0x3F, "",
      [] {
          auto *Target = new Lasting;
@@ -322,8 +309,8 @@ TEST_P(IoPlantedTest, StopsWithItsCode) {
     const PlantedFault &Fault = GetParam();
     // What these three are told of is addresses.
     const bool Addresses = Fault.Code == 0x44 || Fault.Code == 0x93 || Fault.Code == 0x18;
-    EXPECT_DEATH(Fault.Commit(), Addresses ? fmt::format("STOP 0x{:08X}.*{}", Fault.Code, Fault.What)
-                                           : StopPattern(Fault.Code, Fault.Parameter, Fault.What));
+    EXPECT_DEATH(Started(Fault.Commit), Addresses ? fmt::format("STOP 0x{:08X}.*{}", Fault.Code, Fault.What)
+                                                  : StopPattern(Fault.Code, Fault.Parameter, Fault.What));
 }
 
 INSTANTIATE_TEST_SUITE_P(Io, IoPlantedTest, testing::ValuesIn(Planted),

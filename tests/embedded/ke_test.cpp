@@ -104,36 +104,36 @@ TEST_F(KernelTest, TerminateEndsTheThreadFromAnyDepth) {
     EXPECT_EQ(PsTerminateSystemThread(STATUS_SUCCESS), STATUS_INVALID_PARAMETER);
 }
 
-struct EventPair {
-    KEVENT Go, Done;
+struct Waited {
+    KEVENT Go;
     std::atomic<int> Woken{0};
 };
 
 VOID NTAPI AwaitGo(PVOID Context) {
-    auto &Pair = *static_cast<EventPair *>(Context);
-    KeWaitForSingleObject(&Pair.Go, Executive, KernelMode, FALSE, nullptr);
-    ++Pair.Woken;
+    auto &Mine = *static_cast<Waited *>(Context);
+    KeWaitForSingleObject(&Mine.Go, Executive, KernelMode, FALSE, nullptr);
+    ++Mine.Woken;
 }
 
 TEST_F(KernelTest, ASetWakesAllOrOneByTheTypeOfTheEvent) {
     for (const EVENT_TYPE Type : {NotificationEvent, SynchronizationEvent}) {
         const bool All = Type == NotificationEvent;
-        EventPair Pair;
-        KeInitializeEvent(&Pair.Go, Type, FALSE);
+        Waited Event;
+        KeInitializeEvent(&Event.Go, Type, FALSE);
         for (int Thread = 0; Thread < 3; ++Thread) {
-            StartThread(AwaitGo, &Pair);
+            StartThread(AwaitGo, &Event);
         }
         Clock::Settle();
-        EXPECT_EQ(Pair.Woken, 0);
-        EXPECT_EQ(KeSetEvent(&Pair.Go, 0, FALSE), 0);
+        EXPECT_EQ(Event.Woken, 0);
+        EXPECT_EQ(KeSetEvent(&Event.Go, 0, FALSE), 0);
         Clock::Settle();
-        EXPECT_EQ(Pair.Woken, All ? 3 : 1);
-        EXPECT_EQ(KeReadStateEvent(&Pair.Go), All ? 1 : 0);
-        KeSetEvent(&Pair.Go, 0, FALSE);
+        EXPECT_EQ(Event.Woken, All ? 3 : 1);
+        EXPECT_EQ(KeReadStateEvent(&Event.Go), All ? 1 : 0);
+        KeSetEvent(&Event.Go, 0, FALSE);
         Clock::Settle();
-        KeSetEvent(&Pair.Go, 0, FALSE);
+        KeSetEvent(&Event.Go, 0, FALSE);
         Clock::Settle();
-        EXPECT_EQ(Pair.Woken, 3);
+        EXPECT_EQ(Event.Woken, 3);
         EXPECT_EQ(JoinSystemThreads(), 0u);
     }
 }
@@ -142,24 +142,21 @@ TEST_F(KernelTest, AWaitTimesOutWhenTheClockReachesIt) {
     static KEVENT Event;
     static std::atomic<NTSTATUS> Result;
     KeInitializeEvent(&Event, SynchronizationEvent, FALSE);
-    Result = STATUS_PENDING;
-    PKSTART_ROUTINE Waiting = [](PVOID) NTAPI {
-        LARGE_INTEGER Timeout = Relative(Clock::Second);
-        Result = KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, &Timeout);
-    };
-    StartThread(Waiting, nullptr);
-    Clock::Advance(Clock::Second - 1);
-    EXPECT_EQ(Result, STATUS_PENDING);
-    Clock::Advance(1);
-    EXPECT_EQ(Result, STATUS_TIMEOUT);
-
-    Result = STATUS_PENDING;
-    StartThread(Waiting, nullptr);
-    Clock::Settle();
-    KeSetEvent(&Event, 0, FALSE);
-    Clock::Settle();
-    EXPECT_EQ(Result, STATUS_SUCCESS);
-    EXPECT_EQ(KeReadStateEvent(&Event), 0);
+    for (const bool Set : {false, true}) {
+        Result = STATUS_PENDING;
+        StartThread(
+            [](PVOID) NTAPI {
+                LARGE_INTEGER Timeout = Relative(Clock::Second);
+                Result = KeWaitForSingleObject(&Event, Executive, KernelMode, FALSE, &Timeout);
+            },
+            nullptr);
+        Clock::Advance(Clock::Second - 1);
+        EXPECT_EQ(Result, STATUS_PENDING);
+        Set ? static_cast<void>(KeSetEvent(&Event, 0, FALSE)) : Clock::Advance(1);
+        Clock::Settle();
+        EXPECT_EQ(Result, Set ? STATUS_SUCCESS : STATUS_TIMEOUT);
+        EXPECT_EQ(KeReadStateEvent(&Event), 0);
+    }
 }
 
 TEST(RunningClock, StoppingTheClockStopsDelaysThatAreUnderWay) {

@@ -1,3 +1,4 @@
+#include <span>
 #include <thread>
 
 #include "embedded/io/probe.h"
@@ -15,16 +16,31 @@ using namespace iotest;
 
 class ZwTest : public IoTest {
 protected:
-    static LARGE_INTEGER At(LONGLONG Offset) {
-        LARGE_INTEGER Value = {.QuadPart = Offset};
-        return Value;
-    }
+    using File = std::unique_ptr<void, decltype([](HANDLE Handle) { NtClose(Handle); })>;
+
     // Opens a file of the driver's; the test fails when it cannot.
-    static HANDLE OpenFile(ULONG Options = FILE_SYNCHRONOUS_IO_NONALERT, ACCESS_MASK Access = FILE_ALL_ACCESS) {
-        const CreateResult Result = Open(u"\\Device\\RvFsd\\srv\\vol\\f", Options, Access);
+    static File OpenFile(ULONG Options = FILE_SYNCHRONOUS_IO_NONALERT, ACCESS_MASK Access = FILE_ALL_ACCESS,
+                         std::u16string_view Path = u"\\Device\\RvFsd\\srv\\vol\\f", HANDLE Root = nullptr) {
+        const CreateResult Result = Open(Path, Options, Access, Root);
         EXPECT_EQ(Result.Status, STATUS_SUCCESS);
-        return Result.Handle;
+        return File(Result.Handle);
     }
+    NTSTATUS Read(const File &From, LARGE_INTEGER *Offset, HANDLE Event = nullptr) {
+        return NtReadFile(From.get(), Event, nullptr, nullptr, &Iosb, &Byte, 1, Offset, nullptr);
+    }
+    NTSTATUS Write(const File &To, LARGE_INTEGER *Offset) {
+        return NtWriteFile(To.get(), nullptr, nullptr, nullptr, &Iosb, &Byte, 1, Offset, nullptr);
+    }
+    NTSTATUS Query(const File &Of, PVOID Out, ULONG Length, ULONG Class) {
+        return NtQueryInformationFile(Of.get(), &Iosb, Out, Length, Class);
+    }
+    NTSTATUS Control(const File &To, ULONG Code, std::span<char> In = {}, std::span<char> Out = {}) {
+        return NtFsControlFile(To.get(), nullptr, nullptr, nullptr, &Iosb, Code, In.data(),
+                               static_cast<ULONG>(In.size()), Out.data(), static_cast<ULONG>(Out.size()));
+    }
+
+    char Byte = 0;
+    LARGE_INTEGER Zero = {.QuadPart = 0}, One = {.QuadPart = 1};
     IO_STATUS_BLOCK Iosb{};
 };
 
@@ -34,12 +50,11 @@ TEST_F(ZwTest, AnObjectNameOfHalfACharacterIsInvalid) {
     OBJECT_ATTRIBUTES Attributes;
     InitializeObjectAttributes(&Attributes, &Name, OBJ_CASE_INSENSITIVE, nullptr, nullptr);
     HANDLE Handle;
-    IO_STATUS_BLOCK Iosb;
     EXPECT_EQ(NtOpenFile(&Handle, FILE_READ_DATA, &Attributes, &Iosb, 0, 0), STATUS_OBJECT_NAME_INVALID);
 }
 
 TEST_F(ZwTest, ARelativeOpenHasItsRootDuringTheCreateOnly) {
-    const HANDLE Root = OpenFile(FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
+    const File Root = OpenFile(FILE_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT);
     PFILE_OBJECT Related = nullptr, Opened = nullptr;
     Handlers[IRP_MJ_CREATE] = [&](PIRP Irp) {
         Opened = IoGetCurrentIrpStackLocation(Irp)->FileObject;
@@ -47,13 +62,10 @@ TEST_F(ZwTest, ARelativeOpenHasItsRootDuringTheCreateOnly) {
         EXPECT_EQ(View(&Opened->FileName), u"sub\\f");
         return Complete(Irp, STATUS_SUCCESS, FILE_OPENED);
     };
-    const CreateResult Result = Open(u"sub\\f", FILE_SYNCHRONOUS_IO_NONALERT, FILE_ALL_ACCESS, Root);
-    ASSERT_EQ(Result.Status, STATUS_SUCCESS);
+    const File Below = OpenFile(FILE_SYNCHRONOUS_IO_NONALERT, FILE_ALL_ACCESS, u"sub\\f", Root.get());
     ASSERT_NE(Related, nullptr);
     EXPECT_EQ(View(&Related->FileName), u"\\srv\\vol\\f");
     EXPECT_EQ(Opened->RelatedFileObject, nullptr);
-    NtClose(Result.Handle);
-    NtClose(Root);
 }
 
 TEST_F(ZwTest, BadArgumentsStopAtTheIoManagerUnlessTheChecksAreOff) {
@@ -95,35 +107,24 @@ TEST_F(ZwTest, WritesAtTheEndKeepTheirMarker) {
         Offset = IoGetCurrentIrpStackLocation(Irp)->Parameters.Write.ByteOffset.QuadPart;
         return Complete(Irp, STATUS_SUCCESS, 1);
     };
-    const HANDLE Handle = OpenFile();
-    LARGE_INTEGER End;
-    End.LowPart = FILE_WRITE_TO_END_OF_FILE;
-    End.HighPart = -1;
-    EXPECT_EQ(NtWriteFile(Handle, nullptr, nullptr, nullptr, &Iosb, &End, 1, &End, nullptr), STATUS_SUCCESS);
-    EXPECT_EQ(Offset, -1);
-    NtClose(Handle);
-
-    const HANDLE Append = OpenFile(FILE_SYNCHRONOUS_IO_NONALERT, FILE_APPEND_DATA | SYNCHRONIZE);
-    LARGE_INTEGER Start = At(0);
-    Offset = 0;
-    EXPECT_EQ(NtWriteFile(Append, nullptr, nullptr, nullptr, &Iosb, &End, 1, &Start, nullptr), STATUS_SUCCESS);
+    LARGE_INTEGER End = {.QuadPart = -1}; // FILE_WRITE_TO_END_OF_FILE
+    EXPECT_EQ(Write(OpenFile(), &End), STATUS_SUCCESS);
+    EXPECT_EQ(std::exchange(Offset, 0), -1);
+    const File Append = OpenFile(FILE_SYNCHRONOUS_IO_NONALERT, FILE_APPEND_DATA | SYNCHRONIZE);
+    EXPECT_EQ(Write(Append, &Zero), STATUS_SUCCESS);
     EXPECT_EQ(Offset, -1) << "a handle that may only append writes at the end";
-    NtClose(Append);
 }
 
 TEST_F(ZwTest, AHandleWithoutTheAccessIsRefusedBeforeTheDriver) {
-    const HANDLE Handle = OpenFile(FILE_SYNCHRONOUS_IO_NONALERT, FILE_READ_ATTRIBUTES | SYNCHRONIZE);
-    char Byte = 0;
-    LARGE_INTEGER Zero = At(0), One = At(1);
+    const File Handle = OpenFile(FILE_SYNCHRONOUS_IO_NONALERT, FILE_READ_ATTRIBUTES | SYNCHRONIZE);
     Seen.clear();
-    EXPECT_EQ(NtReadFile(Handle, nullptr, nullptr, nullptr, &Iosb, &Byte, 1, &Zero, nullptr), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(NtWriteFile(Handle, nullptr, nullptr, nullptr, &Iosb, &Byte, 1, &Zero, nullptr), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(NtFlushBuffersFile(Handle, &Iosb), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(NtLockFile(Handle, nullptr, nullptr, nullptr, &Iosb, &Zero, &One, 0, TRUE, TRUE), STATUS_ACCESS_DENIED);
-    EXPECT_EQ(NtFsControlFile(Handle, nullptr, nullptr, nullptr, &Iosb, FSCTL_SET_COMPRESSION, nullptr, 0, nullptr, 0),
+    EXPECT_EQ(Read(Handle, &Zero), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(Write(Handle, &Zero), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(NtFlushBuffersFile(Handle.get(), &Iosb), STATUS_ACCESS_DENIED);
+    EXPECT_EQ(NtLockFile(Handle.get(), nullptr, nullptr, nullptr, &Iosb, &Zero, &One, 0, TRUE, TRUE),
               STATUS_ACCESS_DENIED);
+    EXPECT_EQ(Control(Handle, FSCTL_SET_COMPRESSION), STATUS_ACCESS_DENIED);
     EXPECT_TRUE(Seen.empty());
-    NtClose(Handle);
 }
 
 TEST_F(ZwTest, AnAsynchronousReadPendsAndSignalsItsEvent) {
@@ -134,18 +135,15 @@ TEST_F(ZwTest, AnAsynchronousReadPendsAndSignalsItsEvent) {
         Waiting = Irp;
         return STATUS_PENDING;
     };
-    const HANDLE Handle = OpenFile(0);
     HANDLE Event;
     ASSERT_EQ(CreateEventHandle(NotificationEvent, true, &Event), STATUS_SUCCESS);
-    char Byte;
-    LARGE_INTEGER Zero = At(0);
-    EXPECT_EQ(NtReadFile(Handle, Event, nullptr, nullptr, &Iosb, &Byte, 1, nullptr, nullptr), STATUS_INVALID_PARAMETER)
-        << "an asynchronous file has no position";
-    ASSERT_EQ(NtReadFile(Handle, Event, nullptr, nullptr, &Iosb, &Byte, 1, &Zero, nullptr), STATUS_PENDING);
-    LARGE_INTEGER Now = At(0);
-    EXPECT_EQ(NtWaitForSingleObject(Event, FALSE, &Now), STATUS_TIMEOUT);
-    NtClose(Handle); // the request keeps the file object: cleanup now, close when it is done
-    EXPECT_EQ(Seen.back(), IRP_MJ_CLEANUP);
+    {
+        const File Handle = OpenFile(0);
+        EXPECT_EQ(Read(Handle, nullptr, Event), STATUS_INVALID_PARAMETER) << "an asynchronous file has no position";
+        ASSERT_EQ(Read(Handle, &Zero, Event), STATUS_PENDING);
+        EXPECT_EQ(NtWaitForSingleObject(Event, FALSE, &Zero), STATUS_TIMEOUT);
+    }
+    EXPECT_EQ(Seen.back(), IRP_MJ_CLEANUP) << "the request keeps the file object: its close comes when it is done";
     Complete(Waiting, STATUS_SUCCESS, 1);
     EXPECT_EQ(NtWaitForSingleObject(Event, FALSE, nullptr), STATUS_SUCCESS);
     EXPECT_EQ(Iosb.Information, 1u);
@@ -155,8 +153,7 @@ TEST_F(ZwTest, AnAsynchronousReadPendsAndSignalsItsEvent) {
 
 // What a driver counts and does not write is reported: a run at once, a single byte when it is no chance any more.
 TEST_F(ZwTest, AnAnswerMayNotCountBytesThatWereNotWritten) {
-    size_t Written = 40;
-    size_t Hole = 40;
+    size_t Written = 40, Hole = 40;
     Handlers[IRP_MJ_QUERY_INFORMATION] = [&](PIRP Irp) {
         auto *Bytes = static_cast<char *>(Irp->AssociatedIrp.SystemBuffer);
         for (size_t Index = 0; Index < Written; ++Index) {
@@ -164,11 +161,11 @@ TEST_F(ZwTest, AnAnswerMayNotCountBytesThatWereNotWritten) {
         }
         return Complete(Irp, STATUS_SUCCESS, 40);
     };
-    const HANDLE Handle = OpenFile();
+    const File Handle = OpenFile();
     const auto Ask = [&](int Times) {
         char Answer[40];
         for (; Times > 0; --Times) {
-            NtQueryInformationFile(Handle, &Iosb, Answer, sizeof(Answer), 4);
+            Query(Handle, Answer, sizeof(Answer), 4);
         }
     };
     Ask(20); // all written: nobody complains
@@ -177,7 +174,6 @@ TEST_F(ZwTest, AnAnswerMayNotCountBytesThatWereNotWritten) {
     Written = 40;
     Hole = 17;
     EXPECT_DEATH(Ask(4), "STOP 0x000000C4 .0x00000000000F0006.*counts byte 17,");
-    NtClose(Handle);
 }
 
 TEST_F(ZwTest, RequestsOnASynchronousFileComeOneAtATime) {
@@ -188,20 +184,21 @@ TEST_F(ZwTest, RequestsOnASynchronousFileComeOneAtATime) {
         --Inside;
         return Complete(Irp, STATUS_SUCCESS, 1);
     };
-    const HANDLE Handle = OpenFile();
-    auto Read = [&] {
-        for (int Round = 0; Round < 300; ++Round) {
-            char Byte;
-            IO_STATUS_BLOCK Block;
-            LARGE_INTEGER Zero = At(0);
-            EXPECT_EQ(NtReadFile(Handle, nullptr, nullptr, nullptr, &Block, &Byte, 1, &Zero, nullptr), STATUS_SUCCESS);
-        }
-    };
-    std::thread First(Read), Second(Read);
-    First.join();
-    Second.join();
+    const File Handle = OpenFile();
+    std::vector<std::jthread> Threads;
+    for (int Thread = 0; Thread < 2; ++Thread) {
+        Threads.emplace_back([&] {
+            for (int Round = 0; Round < 300; ++Round) {
+                char Own;
+                IO_STATUS_BLOCK Block;
+                LARGE_INTEGER At = {.QuadPart = 0};
+                EXPECT_EQ(NtReadFile(Handle.get(), nullptr, nullptr, nullptr, &Block, &Own, 1, &At, nullptr),
+                          STATUS_SUCCESS);
+            }
+        });
+    }
+    Threads.clear(); // joins them
     EXPECT_EQ(Most.load(), 1);
-    NtClose(Handle);
 }
 
 TEST_F(ZwTest, QueriesCopyBackExactlyWhatTheDriverReports) {
@@ -210,37 +207,34 @@ TEST_F(ZwTest, QueriesCopyBackExactlyWhatTheDriverReports) {
         memset(Irp->AssociatedIrp.SystemBuffer, 'x', 24);
         return Complete(Irp, Answer, 10);
     };
-    const HANDLE Handle = OpenFile();
+    const File Handle = OpenFile();
+    std::string Buffer;
     for (const NTSTATUS Status : {STATUS_SUCCESS, STATUS_BUFFER_OVERFLOW, STATUS_UNSUCCESSFUL}) {
         Answer = Status;
-        std::string Buffer(24, '.');
-        EXPECT_EQ(NtQueryInformationFile(Handle, &Iosb, Buffer.data(), 24, 5), Status);
+        Buffer.assign(24, '.');
+        EXPECT_EQ(Query(Handle, Buffer.data(), 24, 5), Status);
         EXPECT_EQ(Buffer, NT_ERROR(Status) ? std::string(24, '.') : std::string(10, 'x') + std::string(14, '.'));
     }
-    char Buffer[24];
-    EXPECT_EQ(NtQueryInformationFile(Handle, &Iosb, Buffer, 23, 5), STATUS_INFO_LENGTH_MISMATCH);
-    EXPECT_EQ(NtQueryInformationFile(Handle, &Iosb, Buffer, 24, 77), STATUS_INVALID_INFO_CLASS);
-    NtClose(Handle);
+    EXPECT_EQ(Query(Handle, Buffer.data(), 23, 5), STATUS_INFO_LENGTH_MISMATCH);
+    EXPECT_EQ(Query(Handle, Buffer.data(), 24, 77), STATUS_INVALID_INFO_CLASS);
 }
 
 TEST_F(ZwTest, ThePositionIsTheIoManagersOwn) {
-    const HANDLE Handle = OpenFile();
+    const File Handle = OpenFile();
     Seen.clear();
-    LARGE_INTEGER Position = At(42), Read = At(0);
-    EXPECT_EQ(NtSetInformationFile(Handle, &Iosb, &Position, 8, 14), STATUS_SUCCESS);
-    EXPECT_EQ(NtQueryInformationFile(Handle, &Iosb, &Read, 8, 14), STATUS_SUCCESS);
-    EXPECT_EQ(Read.QuadPart, 42);
+    EXPECT_EQ(NtSetInformationFile(Handle.get(), &Iosb, &One, 8, 14), STATUS_SUCCESS);
+    EXPECT_EQ(Query(Handle, &Zero, 8, 14), STATUS_SUCCESS);
+    EXPECT_EQ(Zero.QuadPart, 1);
     EXPECT_TRUE(Seen.empty());
-    NtClose(Handle);
 }
 
 TEST_F(ZwTest, ControlsPassTheirBuffersByTheMethodOfTheCode) {
-    const HANDLE Handle = OpenFile();
+    const File Handle = OpenFile();
     char In[8] = "1234567", Out[4] = {'.', '.', '.', '.'};
     Handlers[IRP_MJ_FILE_SYSTEM_CONTROL] = [&](PIRP Irp) {
-        auto &Control = IoGetCurrentIrpStackLocation(Irp)->Parameters.FileSystemControl;
-        if ((Control.FsControlCode & 3) == 3) {
-            EXPECT_EQ(Control.Type3InputBuffer, In);
+        auto &Given = IoGetCurrentIrpStackLocation(Irp)->Parameters.FileSystemControl;
+        if ((Given.FsControlCode & 3) == 3) {
+            EXPECT_EQ(Given.Type3InputBuffer, In);
             EXPECT_EQ(Irp->UserBuffer, Out);
             return Complete(Irp, STATUS_SUCCESS);
         }
@@ -248,24 +242,23 @@ TEST_F(ZwTest, ControlsPassTheirBuffersByTheMethodOfTheCode) {
         memset(Irp->AssociatedIrp.SystemBuffer, 'o', 4);
         return Complete(Irp, STATUS_SUCCESS, 3);
     };
-    EXPECT_EQ(NtFsControlFile(Handle, nullptr, nullptr, nullptr, &Iosb, 0x0009003C, In, 8, Out, 4), STATUS_SUCCESS);
+    EXPECT_EQ(Control(Handle, 0x0009003C, In, Out), STATUS_SUCCESS);
     EXPECT_EQ(std::string(Out, 4), "ooo.");
-    EXPECT_EQ(NtFsControlFile(Handle, nullptr, nullptr, nullptr, &Iosb, 0x0009003F, In, 8, Out, 4), STATUS_SUCCESS);
-    NtClose(Handle);
+    EXPECT_EQ(Control(Handle, 0x0009003F, In, Out), STATUS_SUCCESS);
 }
 
 TEST_F(ZwTest, TheDeviceSecurityNeedsTheRightToWriteIt) {
     SECURITY_DESCRIPTOR Descriptor{};
     Descriptor.Revision = SECURITY_DESCRIPTOR_REVISION;
-    const HANDLE Weak = Open(u"\\Device\\RvFsd", FILE_SYNCHRONOUS_IO_NONALERT, FILE_READ_DATA | SYNCHRONIZE).Handle;
-    EXPECT_EQ(NtSetSecurityObject(Weak, DACL_SECURITY_INFORMATION, &Descriptor), STATUS_ACCESS_DENIED);
+    const auto Set = [&](ACCESS_MASK Access) {
+        const File Device = OpenFile(FILE_SYNCHRONOUS_IO_NONALERT, Access | SYNCHRONIZE, u"\\Device\\RvFsd");
+        return NtSetSecurityObject(Device.get(), DACL_SECURITY_INFORMATION, &Descriptor);
+    };
+    EXPECT_EQ(Set(FILE_READ_DATA), STATUS_ACCESS_DENIED);
     EXPECT_EQ(DeviceSecurity(TheDevice), nullptr);
-    NtClose(Weak);
-    const HANDLE Strong = Open(u"\\Device\\RvFsd", FILE_SYNCHRONOUS_IO_NONALERT, WRITE_DAC | SYNCHRONIZE).Handle;
-    EXPECT_EQ(NtSetSecurityObject(Strong, DACL_SECURITY_INFORMATION, &Descriptor), STATUS_SUCCESS);
+    EXPECT_EQ(Set(WRITE_DAC), STATUS_SUCCESS);
     ASSERT_NE(DeviceSecurity(TheDevice), nullptr);
     EXPECT_EQ(DeviceSecurity(TheDevice)->Dacl, nullptr);
-    NtClose(Strong);
 }
 
 TEST(ZwHostVolumeTest, TheSystemVolumeCanBeAHostDirectory) {
