@@ -1,5 +1,6 @@
 #!/bin/sh
-# Runs the benchmarks in rounds and writes the table of ratios into README.md.
+# Runs the benchmarks in rounds and writes the table of ratios into README.md; then the table of instructions, where valgrind
+# is installed to count them.
 #   bench/run.sh <rvfsd_bench> [rounds [image]]
 # The image is build/image/windows/RVFSD.sys if no other is given; without one its rows are left out.
 # The machine should be at rest: what else runs ends up in the figures.
@@ -39,3 +40,9 @@ while [ "$round" -le "$rounds" ]; do
 done
 
 python3 "$here/table.py" "$here/README.md" "$results"/*.json
+if command -v valgrind >/dev/null; then
+  echo "instructions" >&2
+  "$here/instructions" "$program" "${image:--}" "$here/README.md"
+else
+  echo "valgrind is not installed: the instructions in README.md stay those of an earlier run" >&2
+fi
