@@ -98,9 +98,6 @@ VOID NtFsdInitializeFcbFileLock(PFCB Fcb);
 
 // ---- Directories with something open below (names/parents.cpp). FcbTableResource held exclusive.
 
-// Sets up their table, at start.
-VOID NtFsdInitializeParents();
-
 // Counts one FCB in below the directory of Path and every directory above that. *Parent is what is to be released; NULL
 // below a volume itself. STATUS_INSUFFICIENT_RESOURCES counts nothing.
 NTSTATUS NtFsdHoldParent(PCUNICODE_STRING Path, PARENT_RECORD **Parent) HOLDING(FcbTableResource);

@@ -39,7 +39,6 @@ void TraceFind(PUNICODE_STRING Path, PFCB Fcb) HOLDING_SHARED(FcbTableResource) 
 
 VOID NtFsdInitializeFcbTable() {
     RtlInitializeUnicodePrefix(&FcbPrefixTable);
-    NtFsdInitializeParents();
 }
 
 VOID NtFsdRemovePrefix(PFCB Fcb) {

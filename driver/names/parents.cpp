@@ -17,9 +17,14 @@ struct PARENT_RECORD {
 
 namespace {
 
-constexpr ULONG BUCKET_BITS = 10;
+constexpr ULONG FIRST_BUCKET_BITS = 6;
 
-DRIVER_GLOBAL PARENT_RECORD *Buckets[1u << BUCKET_BITS] UNDER(FcbTableResource) = {};
+// The chains of records by the hash of parent and name. Their array doubles when there are more than two records for
+// each, and is the first one again when the last record has gone, as it has by the end of teardown.
+DRIVER_GLOBAL PARENT_RECORD *FirstBuckets[1u << FIRST_BUCKET_BITS] UNDER(FcbTableResource) = {};
+DRIVER_GLOBAL PARENT_RECORD **Buckets UNDER(FcbTableResource) = FirstBuckets;
+DRIVER_GLOBAL ULONG BucketBits UNDER(FcbTableResource) = FIRST_BUCKET_BITS;
+DRIVER_GLOBAL ULONG RecordCount UNDER(FcbTableResource) = 0;
 
 // Goes down the directories of a path that lie below its volume.
 class DirectoryWalk {
@@ -64,7 +69,44 @@ PARENT_RECORD **BucketOf(const PARENT_RECORD *Parent, const UNICODE_STRING &Name
     for (ULONG At = 0; At < UnitsOf(Name); ++At) {
         Hash = (Hash ^ FoldUnit(Name.Buffer[At])) * 0x9E3779B97F4A7C15ull;
     }
-    return &Buckets[Hash >> (64 - BUCKET_BITS)];
+    return &Buckets[Hash >> (64 - BucketBits)];
+}
+
+void Link(PARENT_RECORD *Record) HOLDING(FcbTableResource) {
+    PARENT_RECORD **const Bucket = BucketOf(Record->Parent, Record->Name);
+    Record->NextInBucket = *Bucket;
+    *Bucket = Record;
+}
+
+// Without memory the array stays as it is: the chains are longer until a later record finds some.
+void GrowBuckets() HOLDING(FcbTableResource) {
+    const auto Larger = static_cast<PARENT_RECORD **>(TwAllocMemory(sizeof(PARENT_RECORD *) << (BucketBits + 1)));
+    if (Larger == nullptr) {
+        return;
+    }
+    PARENT_RECORD **const Old = Buckets;
+    const ULONG OldCount = 1u << BucketBits;
+    Buckets = Larger;
+    ++BucketBits;
+    for (ULONG At = 0; At < OldCount; ++At) {
+        for (PARENT_RECORD *Record = Old[At]; Record != nullptr;) {
+            PARENT_RECORD *const Next = Record->NextInBucket;
+            Link(Record);
+            Record = Next;
+        }
+        Old[At] = nullptr;
+    }
+    if (Old != FirstBuckets) {
+        TwFreeMemory(Old);
+    }
+}
+
+void DropGrownBuckets() HOLDING(FcbTableResource) {
+    if (Buckets != FirstBuckets) {
+        TwFreeMemory(Buckets);
+        Buckets = FirstBuckets;
+        BucketBits = FIRST_BUCKET_BITS;
+    }
 }
 
 PARENT_RECORD *FindRecord(const PARENT_RECORD *Parent, const UNICODE_STRING &Name) HOLDING(FcbTableResource) {
@@ -81,10 +123,13 @@ void Unlink(PARENT_RECORD *Record) HOLDING(FcbTableResource) {
         Link = &(*Link)->NextInBucket;
     }
     *Link = Record->NextInBucket;
+    if (--RecordCount == 0) {
+        DropGrownBuckets();
+    }
 }
 
 // Adds the Count directories that Walk is at and goes on to, below Above (NULL: below the volume). Returns the deepest,
-// with one below it, or NULL when no memory can be had; nothing has changed then.
+// whose count already includes the caller's FCB, or NULL when no memory can be had; nothing has changed then.
 PARENT_RECORD *MakeRecords(const UNICODE_STRING &Directory, DirectoryWalk Walk, ULONG Count, PARENT_RECORD *Above)
     HOLDING(FcbTableResource) {
     const auto Block = static_cast<PARENT_RECORD *>(TwAllocMemory(Count * sizeof(PARENT_RECORD) + Directory.Length));
@@ -102,18 +147,16 @@ PARENT_RECORD *MakeRecords(const UNICODE_STRING &Directory, DirectoryWalk Walk, 
         Record->Name = Walk.NameIn(Text);
         Record->Parent = Made == 0 ? Above : Record - 1;
         Record->Below = 1; // the next, or the FCB
-        PARENT_RECORD **const Bucket = BucketOf(Record->Parent, Record->Name);
-        Record->NextInBucket = *Bucket;
-        *Bucket = Record;
+        Link(Record);
+    }
+    RecordCount += Count;
+    if (RecordCount > 2ull << BucketBits) {
+        GrowBuckets();
     }
     return &Block[Count - 1];
 }
 
 } // namespace
-
-VOID NtFsdInitializeParents() {
-    RtlZeroMemory(Buckets, sizeof(Buckets));
-}
 
 NTSTATUS NtFsdHoldParent(PCUNICODE_STRING Path, PARENT_RECORD **Parent) {
     *Parent = nullptr;

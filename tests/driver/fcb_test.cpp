@@ -329,6 +329,49 @@ TEST_F(Fcbs, AreLookedUpByTheLongestPathInFront) {
     Table.Release();
 }
 
+// Where the array of their table cannot grow, and where it grows, every directory stays one that has something below.
+TEST_F(Fcbs, AreFoundBelowTheirDirectoriesHoweverManyThereAre) {
+    Bind();
+    constexpr unsigned COUNT = 600;
+    const auto PathOf = [](unsigned At, std::u16string_view Name) {
+        std::u16string Path = u"\\srv\\vol\\";
+        Path += static_cast<char16_t>(0x4E00 + At);
+        return Path.append(Name);
+    };
+    const ExclusiveHold Table(&FcbTableResource);
+    const FaultScope AsTheDriver;
+    const auto ExpectHeld = [&](unsigned First, unsigned End) HOLDING(FcbTableResource) {
+        for (unsigned At = 0; At < COUNT; ++At) {
+            const std::u16string Path = PathOf(At, u"");
+            const UNICODE_STRING Directory = ToUnicodeString(Path);
+            EXPECT_EQ(NtFsdHasFcbBelow(&Directory), At >= First && At < End) << At << " of " << First << ".." << End;
+        }
+    };
+    std::vector<PARENT_RECORD *> Held(COUNT);
+    std::array<unsigned, 2> Growths = {}; // without memory for it, with
+    for (unsigned At = 0; At < COUNT; ++At) {
+        const std::u16string Path = PathOf(At, u"\\f");
+        const UNICODE_STRING File = ToUnicodeString(Path);
+        const bool MayGrow = At >= COUNT / 2;
+        // One block for the record; a second call is the array's.
+        const PlannedFaults Faults({.Kinds = FaultBit(FaultKind::Pool), .Nth = MayGrow ? 100u : 2u});
+        ASSERT_EQ(NtFsdHoldParent(&File, &Held[At]), STATUS_SUCCESS);
+        Growths[MayGrow] += static_cast<unsigned>(GetFaultCounts().TotalCalls() - 1);
+        if (At + 1 == COUNT / 2) {
+            ExpectHeld(0, COUNT / 2);
+        }
+    }
+    EXPECT_THAT(Growths, testing::ElementsAre(300 - 128, 3)) << "above 2 for each of 64 chains; to 128, 256 and 512";
+    ExpectHeld(0, COUNT);
+    for (unsigned At = 0; At < COUNT; ++At) {
+        NtFsdReleaseParent(Held[At]);
+        if (At == COUNT / 2) {
+            ExpectHeld(At + 1, COUNT);
+        }
+    }
+    ExpectHeld(0, 0); // that the array has gone, too, the kernel proves when it stops
+}
+
 // ---- References and the file-object check
 
 TEST_F(Fcbs, ADereferenceWithoutAnFcbFreesTheInstance) {

@@ -9,7 +9,7 @@ extern char __stop_rvfsd_data[];
 
 namespace {
 
-constexpr size_t SnapshotBytes = 128 * 1024; // the benchmarks have three drivers
+constexpr size_t SnapshotBytes = 64 * 1024; // the benchmarks have three drivers
 
 // Deliberately outside the driver's own section: it must survive the reset.
 char Snapshot[SnapshotBytes];
