@@ -93,7 +93,7 @@ struct FCB {
     FILE_LOCK FileLock; // its own lock
     // Ours.
     UCHAR FileLockInitialized;
-    UCHAR HasWaiters;                       // what NotifyList holds, for readers without Resource
+    UCHAR HasWaiters;                       // whether NotifyList holds anything, for readers without Resource
     UCHAR VolumeRoot;                       // an open found that FullPath is the path of a volume
     LIST_ENTRY *LockGrants UNDER(Resource); // while an unlock is under way: collects the waiting locks that it grants
     LIST_ENTRY LockRequests
