@@ -12,7 +12,8 @@ VOID NtFsdCompleteNotifyList(PFCB Fcb, NTSTATUS Status) HOLDING(Fcb->Resource);
 VOID NtFsdTakeNotifyList(PFCB Fcb, PLIST_ENTRY Batch) HOLDING(Fcb->Resource);
 VOID NtFsdCompleteNotifyBatch(PLIST_ENTRY Batch, NTSTATUS Status);
 
-// Whether anything waits on Fcb, for readers without the Resource, too. Whoever changes the list says so afterwards.
+// Whether anything waits on Fcb, for readers without the Resource, too. Whoever changes NotifyList calls
+// NtFsdUpdateHasWaiters afterwards.
 inline bool NtFsdReadHasWaiters(const FCB *Fcb) {
     return __atomic_load_n(&Fcb->HasWaiters, __ATOMIC_RELAXED) != FALSE;
 }

@@ -379,7 +379,8 @@ bool IsRefused(const ENTRY &Entry, ENTRY_REQUEST &Request) {
 NTSTATUS Serve(const ENTRY &Entry, ENTRY_REQUEST &Request) {
     const RequestInFlight InFlight(IoGetCurrentIrpStackLocation(Request.Irp)->MajorFunction);
     if (!InFlight) {
-        // Only opens that are still there may end; everything else is refused as if the framework were gone.
+        // Opens that outlived teardown may still be cleaned up and closed. Everything else is refused as if the
+        // framework were gone.
         Entry.Stopped != nullptr ? Entry.Stopped(Request) : RefuseUnbound(Request);
         return Request.Status;
     }

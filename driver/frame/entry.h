@@ -36,7 +36,7 @@ struct ENTRY {
     PCSTR WorkerName;                            // of Common, as a worker calls it; NULL: no worker runs it
 
     // NULL where the entry has none.
-    PCSTR NoContext;     // the line of a request for which no IrpContext can be had
+    PCSTR NoContext;     // the line, a short one, of a request for which no IrpContext can be had
     ENTRY_HOOK Whole;    // instead of everything but the entry line
     ENTRY_HOOK Unbound;  // instead of the refusal of an unbound framework
     ENTRY_HOOK Stopped;  // instead of the refusal after teardown

@@ -9,7 +9,7 @@
 
 namespace {
 
-// How long teardown waits before it says what for, and how often.
+// Teardown reports what it waits for after each PATIENCE, TURNS times at most.
 constexpr LONG64 PATIENCE = 10 * 10000000ll; // ten seconds
 constexpr ULONG TURNS = 6;
 

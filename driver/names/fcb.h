@@ -202,7 +202,7 @@ NTSTATUS TwSupDereference(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT I
 VOID NtFsdFreeInstance(PINSTANCE_CONTEXT Instance);
 
 // While one exists, the Provider is asked with IrpContext in the name of whoever wished for Fcb's pending deletion:
-// what he may not delete, nobody deletes for him. Resource held exclusive.
+// what the owner may not delete stays, though the last to close could delete it. Resource held exclusive.
 class [[nodiscard]] ActForDeletionOwner {
 public:
     ActForDeletionOwner(PIRP_CONTEXT IrpContext, const FCB *Fcb) HOLDING(Fcb->Resource)
