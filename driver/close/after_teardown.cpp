@@ -60,7 +60,7 @@ void CloseHandles(PINSTANCE_CONTEXT Instance, PRV_SECURITY Security) {
 
 // Removes all locks. Those that still wait are thereby granted one after the other, and cancelled by the completion
 // routine, which knows that the driver has stopped.
-void EndLocks(PFCB Fcb) {
+void EndLocks(PFCB Fcb) HOLDING(Fcb->Resource) {
     if (!Fcb->FileLockInitialized) {
         return;
     }
@@ -88,7 +88,7 @@ void FreeAll(PLIST_ENTRY Instances, PLIST_ENTRY Fcbs) {
 }
 
 // Moves the instances whose file objects have been closed meanwhile. g_OutlivingLock held.
-void TakeAbandoned(PFCB Fcb, PLIST_ENTRY Abandoned) HOLDING(g_OutlivingLock) {
+void TakeAbandoned(PFCB Fcb, PLIST_ENTRY Abandoned) HOLDING(g_OutlivingLock, Fcb->Resource) {
     for (PLIST_ENTRY Links = Fcb->InstanceList.Flink; Links != &Fcb->InstanceList;) {
         const PINSTANCE_CONTEXT Instance = InstanceOf(Links);
         Links = Links->Flink;
@@ -109,6 +109,7 @@ void Publish(PLIST_ENTRY Fcbs) {
         const SpinLockHold Hold(g_OutlivingLock);
         while (!IsListEmpty(Fcbs)) {
             const PFCB Fcb = FcbOf(RemoveHeadList(Fcbs));
+            NtFsdNobodyElse(&Fcb->Resource);
             TakeAbandoned(Fcb, &Abandoned);
             InsertTailList(IsListEmpty(&Fcb->InstanceList) ? &Unused : &OutlivingFcbs, &Fcb->FcbLinks);
         }
@@ -128,7 +129,7 @@ PFCB FindOutliving(const void *FsContext) HOLDING(g_OutlivingLock) {
     return nullptr;
 }
 
-PINSTANCE_CONTEXT FindInstance(PFCB Fcb, const void *FsContext2) {
+PINSTANCE_CONTEXT FindInstance(PFCB Fcb, const void *FsContext2) HOLDING(Fcb->Resource) {
     for (PLIST_ENTRY Links = Fcb->InstanceList.Flink; Links != &Fcb->InstanceList; Links = Links->Flink) {
         if (InstanceOf(Links) == FsContext2) {
             return InstanceOf(Links);
@@ -157,6 +158,7 @@ void TakeOpen(PFILE_OBJECT FileObject, PLIST_ENTRY Instances, PLIST_ENTRY Fcbs) 
     if (Fcb == nullptr) {
         return;
     }
+    NtFsdNobodyElse(&Fcb->Resource);
     const PINSTANCE_CONTEXT Instance = FindInstance(Fcb, FileObject->FsContext2);
     if (Instance == nullptr) {
         return;

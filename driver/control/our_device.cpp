@@ -22,7 +22,10 @@ struct PROCESS_RECORD {
 static_assert(offsetof(PROCESS_RECORD, Process) == 8 && offsetof(PROCESS_RECORD, FileObject) == 16 &&
               offsetof(PROCESS_RECORD, Links) == 24 && offsetof(PROCESS_RECORD, ProcessOpenCount) == 40);
 
+// The device's FCB has no other list of opens: this one belongs to g_OurDeviceResource, and no Resource is taken for
+// it.
 PROCESS_RECORD *FindProcess(PEPROCESS Process) HOLDING(g_OurDeviceResource) {
+    NtFsdNobodyElse(&DriverFcb->Resource);
     for (PLIST_ENTRY Link = DriverFcb->InstanceList.Flink; Link != &DriverFcb->InstanceList; Link = Link->Flink) {
         const auto Record = CONTAINING_RECORD(Link, PROCESS_RECORD, Links);
         if (Record->Process == Process) {

@@ -83,7 +83,7 @@ NTSTATUS OpenTarget(CREATE_STATE &Create) {
 
 // Empties the share record of the claims that handles which are cleaned up, but not closed, have left there. Only right
 // when no other open is alive.
-void DropDeadShareClaims(PFCB Fcb) {
+void DropDeadShareClaims(PFCB Fcb) HOLDING(Fcb->Resource) {
     for (PLIST_ENTRY Entry = Fcb->InstanceList.Flink; Entry != &Fcb->InstanceList; Entry = Entry->Flink) {
         NtFsdForgetClaimOfOpen(CONTAINING_RECORD(Entry, INSTANCE_CONTEXT, Links));
     }

@@ -90,7 +90,7 @@ void ReplaceFileName(PUNICODE_STRING FileName, const FinalName &Name) {
 // Opens the parent at the Provider and returns the Information that tells whether the target exists. A parent that
 // cannot be opened leaves the instance without a directory handle.
 ULONG_PTR OpenParentHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, bool NewParent,
-                           NTSTATUS TargetStatus) {
+                           NTSTATUS TargetStatus) HOLDING(Fcb->Resource) {
     PRV_SECURITY Security = &IrpContext->SecurityContext;
     ProviderDirectory Directory(Security);
     const RVSTATUS Result = RVFsdOpenDirectory(Security, Instance->RelatedHandle, Instance->PathLeft, Directory.Out());
@@ -163,6 +163,7 @@ NTSTATUS OpenParentOnce(PIRP_CONTEXT IrpContext, PIO_STACK_LOCATION IrpSp, const
                         Path.Get(), Path.Get(), static_cast<ULONG>(Status));
         return Status;
     }
+    Hold.Holds(&ParentFcb->Resource);
     ParentInstance->IsTarget = TRUE;
     *Fcb = ParentFcb;
     *Instance = ParentInstance;

@@ -85,7 +85,8 @@ extern NPAGED_LOOKASIDE_LIST g_IrpContextLookasideList;
 PIRP_CONTEXT NtFsdCreateIrpContext(PIRP Irp, BOOLEAN Wait);
 
 // Makes a context of Irp (which may be NULL) in Frame, a record in the caller's frame: for what may not fail for want
-// of memory. It may block, and ends with the frame, so that it can never be queued. Returns Frame.
+// of memory. A request with this context may block. The context ends with the frame, so it is never queued. Returns
+// Frame.
 PIRP_CONTEXT NtFsdMakeFrameContext(IRP_CONTEXT &Frame, PIRP Irp);
 
 // Requires that IrpContext lives until its request is completed. Each road that keeps one beyond its routine asks.

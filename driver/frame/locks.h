@@ -8,9 +8,9 @@
 //   4. leaves, under which nothing else is waited for: FcbListResource (under which a shutdown that waits tries the
 //      FCBs' Resources, frame/stop_requests.cpp), g_OurDeviceResource, g_MappedDeviceResource, g_FrameworkInitResource
 //      (under which the framework is called), the framework's class mutex
-//   5. spin locks, each alone: g_AsyncIrpQueueLock, the cancel spin lock, the borrow lock (names/borrow.cpp), that of
-//      lock requests (io/lock_table.cpp), that of opens that outlive teardown (close/after_teardown.cpp), and under any
-//      of them g_LogBufferLock, since a trace may be made with a spin lock held
+//   5. spin locks, each alone: g_AsyncIrpQueueLock, the cancel spin lock, g_BorrowLock (names/borrow.cpp),
+//      g_LockRequestsLock (io/lock_table.cpp), g_OutlivingLock (close/after_teardown.cpp), and under any of
+//      them g_LogBufferLock, since a trace may be made with a spin lock held
 // Resources are acquired and released by name in locks.cpp alone. What the compiler sees of this order is said where a
 // lock is declared (kernel/lock_rules.h).
 #pragma once

@@ -135,6 +135,7 @@ VOID NtFsdInitializeFcbFileLock(PFCB Fcb) {
 }
 
 VOID NtFsdFreeFcb(PFCB Fcb) {
+    NtFsdNobodyElse(&Fcb->Resource);
     Ignore(ExDeleteResourceLite(&Fcb->PagingIoResource), "nobody ever takes it");
     Ignore(ExDeleteResourceLite(&Fcb->Resource), "nobody holds it any more");
     if (Fcb->FileLockInitialized) {

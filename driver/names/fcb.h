@@ -81,7 +81,7 @@ NTSTATUS NtFsdUnderCurrentPath(PFCB Related, ATTEMPT &&Attempt) {
 
 // TRUE when Fcb is the root of a volume as far as the driver knows, however its opens name it: such a one is neither
 // renamed nor deleted. Resource held.
-bool NtFsdIsVolumeRoot(const FCB *Fcb);
+bool NtFsdIsVolumeRoot(const FCB *Fcb) UNCHECKED_LOCKS;
 
 // Frees the paths and the block of an FCB that is not set up, or not any more; NULL is ignored.
 VOID NtFsdFreeFcbMemory(PFCB Fcb);
@@ -94,7 +94,7 @@ VOID NtFsdFreeFcb(PFCB Fcb);
 VOID NtFsdDeleteFcb(PFCB Fcb, ResourceHold &Hold) HOLDING(FcbTableResource, Fcb->Resource);
 
 // Initialises the lock table of a file FCB, once in its life. Resource held exclusive.
-VOID NtFsdInitializeFcbFileLock(PFCB Fcb);
+VOID NtFsdInitializeFcbFileLock(PFCB Fcb) HOLDING(Fcb->Resource);
 
 // ---- Directories with something open below (names/parents.cpp). FcbTableResource held exclusive.
 

@@ -79,7 +79,7 @@ struct FCB {
     ERESOURCE PagingIoResource;
     // Under Resource.
     LIST_ENTRY NotifyList UNDER(Resource);
-    PNOTIFY_SYNC NotifySync;
+    PNOTIFY_SYNC NotifySync UNDER(Resource);
     ULONG OpenType;  // OPEN_TYPE
     ULONG OpenFlags; // FCB_STATE
     ULONG OpenCount; // changed under FcbTableResource and Resource
@@ -89,12 +89,12 @@ struct FCB {
     SHARE_ACCESS ShareAccess UNDER(Resource);
     USHORT PrefixState UNDER(FcbTableResource);
     UNICODE_PREFIX_TABLE_ENTRY PrefixEntry UNDER(FcbTableResource);
-    LIST_ENTRY InstanceList;
+    LIST_ENTRY InstanceList UNDER(Resource);
     FILE_LOCK FileLock; // its own lock
     // Ours.
-    UCHAR FileLockInitialized;
+    UCHAR FileLockInitialized UNDER(Resource);
     UCHAR HasWaiters;                       // whether NotifyList holds anything, for readers without Resource
-    UCHAR VolumeRoot;                       // an open found that FullPath is the path of a volume
+    UCHAR VolumeRoot UNDER(Resource);       // an open found that FullPath is the path of a volume
     LIST_ENTRY *LockGrants UNDER(Resource); // while an unlock is under way: collects the waiting locks that it grants
     LIST_ENTRY LockRequests
         UNDER(g_LockRequestsLock); // locks that may wait, until the server is told of them (io/lock_table.h)

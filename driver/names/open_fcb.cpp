@@ -76,7 +76,7 @@ RVSTATUS OpenVolumeOf(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Insta
 
 // Makes the open relative to its volume. When the volume cannot be opened, or its path is no leading part of the FCB's,
 // the object is named by its full path; create finds out through its own calls.
-void SplitAgainstVolume(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance) {
+void SplitAgainstVolume(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance) HOLDING(Fcb->Resource) {
     ULONG VolumeUnits = 0;
     const RVSTATUS Result = OpenVolumeOf(IrpContext, Fcb, Instance, &VolumeUnits);
     NtFsdDebugPrint(TRACE_FCB, 0, " Open Vol \"%wZ\", handle=0x%x, status=0x%x.\n", &Fcb->FullPath,
@@ -105,7 +105,8 @@ void SplitAgainstVolume(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Ins
 // Makes the open relative to the open it was named by, which lives at least as long as this create. When that open has
 // no handle of its own directory (it created it and did not open it, or has been renamed) the full path is right,
 // whatever its other handles name.
-void NameRelative(const RELATED_OPEN &Related, PUNICODE_STRING Name, PFCB Fcb, PINSTANCE_CONTEXT Instance) {
+void NameRelative(const RELATED_OPEN &Related, PUNICODE_STRING Name, PFCB Fcb, PINSTANCE_CONTEXT Instance)
+    HOLDING(Fcb->Resource) {
     if (!Fcb->VolumeRoot) {
         NtFsdSetVolumeResolved(Fcb, NtFsdReadVolumeResolved(Related.Fcb));
     }

@@ -113,7 +113,7 @@ void NtFsdDestroyClassMutex() {
         g_pRvplInterface->Table->DestroyMutex(g_pRvplInterface, g_hClassMutex);
         g_hClassMutex = 0;
     }
-    g_bClassFactoryReady = FALSE;
+    __atomic_store_n(&g_bClassFactoryReady, FALSE, __ATOMIC_RELEASE);
 }
 
 void NtFsdReleaseSecurityContextInterface() {

@@ -161,15 +161,19 @@ RVPSTATUS CreateFactory() {
     return RVPSTATUS::Success;
 }
 
+bool IsReady() {
+    return __atomic_load_n(&g_bClassFactoryReady, __ATOMIC_ACQUIRE) != FALSE;
+}
+
 } // namespace
 
 RVPSTATUS NtFsdSetupClassFactory() {
-    if (__atomic_load_n(&g_bClassFactoryReady, __ATOMIC_ACQUIRE)) {
+    if (IsReady()) {
         return RVPSTATUS::Success;
     }
     ResourceHold Hold;
     Hold.AcquireExclusive(&g_FrameworkInitResource, TRUE);
-    return g_bClassFactoryReady ? RVPSTATUS::Success : CreateFactory();
+    return IsReady() ? RVPSTATUS::Success : CreateFactory();
 }
 
 extern "C" {
