@@ -115,17 +115,23 @@ int FileSystem::Delete(const std::u16string &Path, bool Directory) {
     return Error != 0 ? Error : Closed;
 }
 
-// Moves a file aside and leaves it open in Holder. Into the volume's root, so that its directory can be removed; where
-// nobody may create anything there, within the directory.
+// Moves a file aside and leaves it open in Holder, to be read and written too where it can be, for those who still come
+// for it. Into the volume's root, so that its directory can be removed; where nobody may create anything there, within
+// the directory.
 int FileSystem::Hide(Node *Parent, const std::string &Name, std::u16string *Hidden, Remote *Holder) {
-    if (const int Error =
-            Holder->Open(Nodes_.PathBelow(Parent, Name), {.Access = ToDelete, .Options = FILE_NON_DIRECTORY_FILE});
-        Error != 0) {
+    int Error = EACCES;
+    for (const ACCESS_MASK Data : {FILE_READ_DATA | FILE_WRITE_DATA, FILE_READ_DATA, 0}) {
+        if (Error == EACCES || Error == EBUSY) {
+            Error = Holder->Open(Nodes_.PathBelow(Parent, Name),
+                                 {.Access = ToDelete | Data, .Options = FILE_NON_DIRECTORY_FILE});
+        }
+    }
+    if (Error != 0) {
         return Error;
     }
     const std::string Aside = fmt::format("{}{}", HiddenPrefix_, ++Parent->In->HiddenNumber);
     *Hidden = Parent->In->Path + u"\\" + ServedName(Aside);
-    int Error = Holder->Rename(*Hidden, false);
+    Error = Holder->Rename(*Hidden, false);
     if (Error != 0 && !IsVolumeRoot(Parent)) {
         *Hidden = Nodes_.PathBelow(Parent, Aside);
         Error = Holder->Rename(*Hidden, false);
@@ -152,6 +158,7 @@ int FileSystem::Unlink(fuse_req_t Request, fuse_ino_t ParentInode, const char *N
                 Holder.Rename(Nodes_.PathBelow(Parent, Name), false);
                 return Error;
             }
+            Nodes_.KeepAside(Child, std::move(Holder));
         } else if (const int Error = Delete(Nodes_.PathBelow(Parent, Name), false); Error != 0) {
             return Error;
         }
@@ -247,9 +254,11 @@ int FileSystem::Move(Node *From, const std::string &Name, Node *To, const std::s
         return Error;
     }
     if (Old.Holder) {
-        // The new file is in place; what was there goes with its last handle.
+        // The new file is in place; what was there goes with its last handle. An open of it may be on its way.
         if (const int Error = Mark(Old.Holder); Error != 0) {
             fmt::print(stderr, "rvfsd: {}: what it replaced could not be deleted: error {}\n", NewName, Error);
+        } else if (Node *Replaced = Nodes_.Find(To, NewName); Replaced != nullptr) {
+            Nodes_.KeepAside(Replaced, std::move(Old.Holder));
         }
     }
     return 0;

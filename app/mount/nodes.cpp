@@ -148,9 +148,17 @@ void Nodes::ReleaseLocked(Node *Which) {
 }
 
 void Nodes::Forget(Node *Which, uint64_t Count) {
+    std::unique_ptr<OpenState> Last; // these end outside of our lock
+    std::shared_ptr<Remote> Aside;
     {
         const std::lock_guard Hold(Lock_);
         Which->Lookups -= std::min(Count, Which->Lookups);
+        if (Which->Lookups == 0 && Which->Open) {
+            Aside = std::move(Which->Open->Aside);
+            if (Which->Open->Files.empty()) {
+                Last = std::move(Which->Open);
+            }
+        }
         ReleaseLocked(Which);
         if (Most_ < Many || Known_.size() > Most_ / 2) {
             return;
@@ -305,9 +313,21 @@ void Nodes::DropOpen(OpenFile *File) {
                                  [File](const std::unique_ptr<OpenFile> &Each) { return Each.get() == File; });
     Gone = std::move(*At);
     Open->Files.erase(At);
-    if (Open->Files.empty()) {
+    if (Open->Files.empty() && !Open->Aside) {
         Last = std::move(Open);
     }
+}
+
+void Nodes::KeepAside(Node *Which, Remote Handle) {
+    std::shared_ptr<Remote> Kept = Keep(Which, std::move(Handle)); // ends outside of our lock, where it is not kept
+    const std::lock_guard Hold(Lock_);
+    if (Which->Lookups == 0) {
+        return; // nobody can ask for it any more
+    }
+    if (!Which->Open) {
+        Which->Open = std::make_unique<OpenState>();
+    }
+    Which->Open->Aside = std::move(Kept);
 }
 
 std::shared_ptr<Remote> Nodes::OpenHandle(Node *Which, ACCESS_MASK Access) {
@@ -317,6 +337,9 @@ std::shared_ptr<Remote> Nodes::OpenHandle(Node *Which, ACCESS_MASK Access) {
             if (Each->Handle->Has(Access)) {
                 return Each->Handle;
             }
+        }
+        if (Which->Open->Aside && Which->Open->Aside->Has(Access)) {
+            return Which->Open->Aside;
         }
     }
     return nullptr;

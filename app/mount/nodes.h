@@ -34,8 +34,9 @@ struct OpenFile {
     std::shared_ptr<Remote> Handle;
     Node *Of;
     bool Appends = false;
+    bool ClosesUntold = false; // the kernel tells of its last close only
     std::mutex OwnersLock;
-    std::set<uint64_t> Owners; // who locked through it, where the close of each is not told
+    std::set<uint64_t> Owners; // who locked through it, where the close of each is untold
 };
 
 // A volume, or the place of one at the mount's root.
@@ -45,10 +46,11 @@ struct Volume {
     std::atomic<uint64_t> HiddenNumber{0};
 };
 
-// What a node has only while something is open in it.
+// What a node has only while something is open in it, or after it lost its name.
 struct OpenState {
     std::vector<std::unique_ptr<OpenFile>> Files;
     std::shared_ptr<NodeLocks> Locks;
+    std::shared_ptr<Remote> Aside; // what lost its name, until the kernel forgets the node
 };
 
 struct Node {
@@ -101,6 +103,9 @@ public:
     // A program has it open, with a kept handle that is lent to what needs one; and has not any more.
     void AddOpen(std::unique_ptr<OpenFile> File);
     void DropOpen(OpenFile *File);
+    // The file lost its name, and Handle is open in it, marked to be deleted. Whatever the kernel still asks of the
+    // node is served through it, an open that was on its way too. It is closed when the kernel forgets the node.
+    void KeepAside(Node *Which, Remote Handle);
     // An open handle with that access; null without one.
     std::shared_ptr<Remote> OpenHandle(Node *Which, ACCESS_MASK Access);
     bool IsOpen(Node *Which);

@@ -40,11 +40,13 @@ int FileSystem::Opened(fuse_req_t Request, Node *Of, std::shared_ptr<Remote> Han
     Made->Handle = std::move(Handle);
     Made->Of = Of;
     Made->Appends = (File->flags & O_APPEND) != 0;
+    const bool ClosesUntold = (File->flags & O_ACCMODE) == O_RDONLY;
+    Made->ClosesUntold = ClosesUntold;
     OpenFile *Given = Made.get();
     Nodes_.AddOpen(std::move(Made));
     File->fh = reinterpret_cast<uint64_t>(Given);
     File->direct_io = Options_.DirectIo ? 1 : 0;
-    File->noflush = (File->flags & O_ACCMODE) == O_RDONLY ? 1 : 0;
+    File->noflush = ClosesUntold ? 1 : 0;
     const int Sent = NewEntry != nullptr ? fuse_reply_create(Request, NewEntry, File) : fuse_reply_open(Request, File);
     if (Sent == -ENOENT) { // the open was interrupted: nobody will release it
         Nodes_.DropOpen(Given);
@@ -63,12 +65,18 @@ int FileSystem::Open(fuse_req_t Request, fuse_ino_t Inode, fuse_file_info *File)
     const bool Empties = (File->flags & O_TRUNC) != 0;
     Changes_ += Empties;
     std::shared_ptr<Remote> Handle;
-    if (const int Error = OpenNode(Which,
-                                   {.Access = AccessFor(File->flags),
-                                    .Disposition = Empties ? ULONG{FILE_OVERWRITE} : ULONG{FILE_OPEN},
-                                    .Options = FILE_NON_DIRECTORY_FILE},
-                                   &Handle);
-        Error != 0) {
+    const ACCESS_MASK Access = AccessFor(File->flags);
+    int Error = OpenNode(Which,
+                         {.Access = Access,
+                          .Disposition = Empties ? ULONG{FILE_OVERWRITE} : ULONG{FILE_OPEN},
+                          .Options = FILE_NON_DIRECTORY_FILE},
+                         &Handle);
+    if (Error == ESTALE) {
+        // It lost its name since it was looked up, or is opened through a descriptor: what is open of it is shared.
+        Handle = Nodes_.OpenHandle(Which, Access | (Empties ? FILE_WRITE_DATA : 0));
+        Error = !Handle ? ESTALE : Empties ? Handle->SetSize(0) : 0;
+    }
+    if (Error != 0) {
         return Error;
     }
     if (Options_.KeepCache && !Options_.DirectIo) {
@@ -344,8 +352,8 @@ int FileSystem::SetLock(fuse_req_t Request, fuse_ino_t Inode, fuse_file_info *Fi
         fuse_reply_err(Request, 0);
         return 0;
     }
-    if (File->noflush || !FileOf(File).Handle->Has(FILE_WRITE_DATA)) {
-        // Its close is not told: what it locks goes when it is released.
+    if (FileOf(File).ClosesUntold) {
+        // What it locks goes when it is released.
         const std::lock_guard Hold(FileOf(File).OwnersLock);
         FileOf(File).Owners.insert(File->lock_owner);
     }
