@@ -187,7 +187,8 @@ int FileSystem::ReplyAttributes(fuse_req_t Request, Node *Which) {
     if (const int Error = Ask(Which, &Found); Error != 0) {
         return Error;
     }
-    const struct stat Stat = Describe(Which, Found);
+    struct stat Stat = Describe(Which, Found);
+    Stat.st_nlink = Nodes_.IsDeleted(Which) ? 0 : 1;
     fuse_reply_attr(Request, &Stat, Options_.AttributeTimeout);
     return 0;
 }

@@ -357,6 +357,11 @@ bool Nodes::IsOpen(Node *Which) {
     return Which->Kept != 0;
 }
 
+bool Nodes::IsDeleted(Node *Which) {
+    const std::lock_guard Hold(Lock_);
+    return Which->Deleted;
+}
+
 bool Nodes::IsOpenBelow(Node *Directory) {
     const std::lock_guard Hold(Lock_);
     return std::any_of(Known_.begin(), Known_.end(), [Directory](const Node *Each) {

@@ -109,6 +109,8 @@ public:
     // An open handle with that access; null without one.
     std::shared_ptr<Remote> OpenHandle(Node *Which, ACCESS_MASK Access);
     bool IsOpen(Node *Which);
+    // Whether it has lost its name.
+    bool IsDeleted(Node *Which);
     // What the kernel's pages of the file belong to from now on; whether it is what they belonged to before.
     bool SetCached(Node *Which, LONG64 LastWrite, LONG64 Size);
     // Whether a file is open in the directory or below it.
