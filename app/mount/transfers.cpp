@@ -40,7 +40,8 @@ int FileSystem::Opened(fuse_req_t Request, Node *Of, std::shared_ptr<Remote> Han
     Made->Handle = std::move(Handle);
     Made->Of = Of;
     Made->Appends = (File->flags & O_APPEND) != 0;
-    const bool ClosesUntold = (File->flags & O_ACCMODE) == O_RDONLY;
+    // A close frees what its process has locked through any descriptor, so the closes of a locked file are told.
+    const bool ClosesUntold = (File->flags & O_ACCMODE) == O_RDONLY && !Nodes_.LocksOf(Of, false);
     Made->ClosesUntold = ClosesUntold;
     OpenFile *Given = Made.get();
     Nodes_.AddOpen(std::move(Made));
