@@ -169,7 +169,7 @@ int FileSystem::OpenNode(Node *Which, const Remote::Asked &What, std::shared_ptr
 }
 
 int FileSystem::Ask(Node *Which, Facts *Found) {
-    if (Which->In == nullptr) {
+    if (Which->In == nullptr || (Which->Directory && Nodes_.IsDeleted(Which))) {
         *Found = {};
         Found->Attributes = FILE_ATTRIBUTE_DIRECTORY;
         Found->LastAccess = Found->LastWrite = SecondsFrom1601 * UnitsPerSecond;
