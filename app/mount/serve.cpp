@@ -114,8 +114,10 @@ void CheckPoint(const std::string &Point) {
     const int Opened = open(Point.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (Opened < 0) {
         const bool Stale = errno == ENOTCONN || errno == ECONNABORTED;
-        throw UsageError(fmt::format(
-            "{}: {}", Point, Stale ? "a mount whose server has gone; fusermount3 -u removes it" : strerror(errno)));
+        throw UsageError(
+            fmt::format("{}: {}", Point,
+                        Stale ? "a mount whose server has gone; fusermount3 -u removes it, with -z where it is busy"
+                              : strerror(errno)));
     }
     close(Opened);
 }
