@@ -365,25 +365,43 @@ int FileSystem::SetAttributes(fuse_req_t Request, fuse_ino_t Inode, struct stat 
     return ReplyAttributes(Request, Which);
 }
 
+int FileSystem::AskSpace(const Node *Which, Space *Found) {
+    bool Any = false;
+    int Failed = 0;
+    for (const std::unique_ptr<Volume> &Each : Volumes_) {
+        if (Which->In != nullptr && Which->In != Each.get()) {
+            continue;
+        }
+        Remote Handle;
+        Space Of;
+        int Error = Handle.Open(Each->Path, {});
+        if (Error == 0) {
+            Error = Handle.QuerySpace(&Of);
+        }
+        if (Error != 0) {
+            Failed = Error;
+        } else if (!Any || Of.Available * Of.UnitBytes > Found->Available * Found->UnitBytes) {
+            Any = true;
+            *Found = Of;
+        }
+    }
+    return Any ? 0 : Failed;
+}
+
 int FileSystem::StatFs(fuse_req_t Request, fuse_ino_t Inode) {
     struct statvfs Answer = {};
     Answer.f_bsize = Answer.f_frsize = 4096;
     Answer.f_namemax = LongestName;
-    if (Node *Which = NodeOf(Inode); Which->In != nullptr) {
-        Remote Handle;
-        Space Found;
-        int Error = Handle.Open(Which->In->Path, {});
-        if (Error == 0) {
-            Error = Handle.QuerySpace(&Found);
-        }
-        if (Error != 0) {
-            return Error;
-        }
-        Answer.f_bsize = Answer.f_frsize = Found.UnitBytes;
-        Answer.f_blocks = Found.Total;
-        Answer.f_bfree = Found.Free;
-        Answer.f_bavail = Found.Available;
+    Space Found;
+    if (const int Error = AskSpace(NodeOf(Inode), &Found); Error != 0) {
+        return Error;
     }
+    if (Found.UnitBytes != 0) {
+        Answer.f_bsize = Answer.f_frsize = Found.UnitBytes;
+    }
+    Answer.f_blocks = Found.Total;
+    Answer.f_bfree = Found.Free;
+    Answer.f_bavail = Found.Available;
     fuse_reply_statfs(Request, &Answer);
     return 0;
 }

@@ -100,6 +100,8 @@ private:
     // What the server says of the node, by whatever is open or by its path.
     int Ask(Node *Which, Facts *Found);
     int AskPath(const std::u16string &Path, Facts *Found);
+    // The space of the node's volume; above the volumes, of the one that has most available.
+    int AskSpace(const Node *Which, Space *Found);
     // Opens the node by its path and keeps it. ESTALE when it was deleted.
     int OpenNode(Node *Which, const Remote::Asked &What, std::shared_ptr<Remote> *Opened);
     int ReplyAttributes(fuse_req_t Request, Node *Which);
