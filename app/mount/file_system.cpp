@@ -50,8 +50,8 @@ std::u16string VolumeOf(const Session &Running, const std::string &Name) {
 
 } // namespace
 
-FileSystem::FileSystem(Session &Running, MountOptions Options)
-    : Running_(Running), Options_(std::move(Options)),
+FileSystem::FileSystem(Session &Running, MountOptions Options, std::function<void()> Ready)
+    : Running_(Running), Options_(std::move(Options)), Ready_(std::move(Ready)),
       HiddenPrefix_(fmt::format(".rvfsd-deleted-{:x}-{:x}-", getpid(), time(nullptr))) {
     if (Options_.Volume.empty()) {
         for (const Export &Each : Running.Exports()) {
@@ -112,7 +112,9 @@ void FileSystem::Init(fuse_conn_info *Connection) {
     if (Options_.ReadAheadKib != 0) {
         Connection->max_readahead = std::max(Connection->max_readahead, Options_.ReadAheadKib * 1024);
     }
+    Connection->max_read = Options_.MaxRead; // as the mount was told, or libfuse ends it
     Connection->time_gran = 100;
+    Ready_();
 }
 
 int FileSystem::CheckName(std::string_view Name) const {

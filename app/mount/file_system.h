@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -27,8 +28,9 @@ namespace app::mount {
 
 class FileSystem {
 public:
-    // UsageError when the volume of the options is none of the session's.
-    FileSystem(Session &Running, MountOptions Options);
+    // Ready is called by the thread that has agreed with the kernel on what both do, once. UsageError when the volume
+    // of the options is none of the session's.
+    FileSystem(Session &Running, MountOptions Options, std::function<void()> Ready);
     ~FileSystem();
     FileSystem(const FileSystem &) = delete;
     FileSystem &operator=(const FileSystem &) = delete;
@@ -137,6 +139,7 @@ private:
 
     Session &Running_;
     const MountOptions Options_;
+    const std::function<void()> Ready_;
     std::vector<std::unique_ptr<Volume>> Volumes_;
     Nodes Nodes_;
     fuse_session *Kernel_ = nullptr;

@@ -13,7 +13,9 @@ namespace app::mount {
 
 namespace {
 
-enum class Kind { Flag, NotFlag, Number, Octal, Seconds, Text, Kernel, Ignored, Refused };
+enum class Kind { Flag, Number, Octal, Seconds, Text, Kernel, KernelNumber, KernelText, Ignored, Refused };
+
+constexpr unsigned SmallestRead = 4096;
 
 struct Word {
     const char *Name;
@@ -28,6 +30,14 @@ void TakeLocalLocks(MountOptions &To, const std::string &Which) {
     }
     To.LocalRanges = Which == "all" || Which == "posix";
     To.LocalWhole = Which == "all" || Which == "flock";
+}
+
+// The kernel would take a page for less, and the two sides would differ.
+void TakeMaxRead(MountOptions &To, double Bytes) {
+    if (Bytes < SmallestRead) {
+        throw UsageError(fmt::format("-o max_read={}: at least {}", Bytes, SmallestRead));
+    }
+    To.MaxRead = static_cast<unsigned>(Bytes);
 }
 
 #define STORE(Expression)                                                                                              \
@@ -63,9 +73,9 @@ constexpr Word Words[] = {
     {"allow_root", Kind::Refused, nullptr, "use allow_other"},
     {"auto_unmount", Kind::Refused, nullptr,
      "an empty directory would then stand for the files; unmount with fusermount3 -u"},
-    {"fsname", Kind::Kernel, nullptr},
-    {"subtype", Kind::Kernel, nullptr},
-    {"max_read", Kind::Kernel, nullptr},
+    {"fsname", Kind::KernelText, nullptr},
+    {"subtype", Kind::KernelText, nullptr},
+    {"max_read", Kind::KernelNumber, STORE(TakeMaxRead(To, Value))},
     {"nosuid", Kind::Kernel, nullptr},
     {"nodev", Kind::Kernel, nullptr},
     {"noexec", Kind::Kernel, nullptr},
@@ -80,16 +90,36 @@ constexpr Word Words[] = {
     {"writeback_cache", Kind::Refused, nullptr, "writes go to the server before they return"},
     {"kernel_cache", Kind::Refused, nullptr, "other clients change files too; auto_cache is on"},
     {"nonempty", Kind::Refused, nullptr, "nothing to allow: any directory can be mounted on"},
+    {"remount", Kind::Refused, nullptr, "the options of a running mount stay: unmount and mount again"},
+    {"mand", Kind::Refused, nullptr, "the kernel has no mandatory locks any more"},
+    {"context", Kind::Refused, nullptr, "the server keeps no labels"},
+    {"fscontext", Kind::Refused, nullptr, "the server keeps no labels"},
+    {"defcontext", Kind::Refused, nullptr, "the server keeps no labels"},
+    {"rootcontext", Kind::Refused, nullptr, "the server keeps no labels"},
     {"intr", Kind::Ignored, nullptr},
     {"auto", Kind::Ignored, nullptr},
     {"noauto", Kind::Ignored, nullptr},
     {"user", Kind::Ignored, nullptr},
     {"nouser", Kind::Ignored, nullptr},
     {"users", Kind::Ignored, nullptr},
+    {"owner", Kind::Ignored, nullptr},
+    {"group", Kind::Ignored, nullptr},
     {"nofail", Kind::Ignored, nullptr},
     {"_netdev", Kind::Ignored, nullptr},
     {"defaults", Kind::Ignored, nullptr},
     {"relatime", Kind::Ignored, nullptr},
+    {"norelatime", Kind::Ignored, nullptr},
+    {"strictatime", Kind::Ignored, nullptr},
+    {"nostrictatime", Kind::Ignored, nullptr},
+    {"diratime", Kind::Ignored, nullptr},
+    {"nodiratime", Kind::Ignored, nullptr},
+    {"lazytime", Kind::Ignored, nullptr},
+    {"nolazytime", Kind::Ignored, nullptr},
+    {"iversion", Kind::Ignored, nullptr},
+    {"noiversion", Kind::Ignored, nullptr},
+    {"silent", Kind::Ignored, nullptr},
+    {"loud", Kind::Ignored, nullptr},
+    {"nomand", Kind::Ignored, nullptr},
 };
 #undef STORE
 
@@ -134,22 +164,21 @@ void Take(const std::string &One, MountOptions &Options) {
     if (Known == nullptr) {
         throw UsageError(fmt::format("-o {}: no such option", Name));
     }
-    const bool Wants = Known->As == Kind::Number || Known->As == Kind::Octal || Known->As == Kind::Seconds ||
-                       Known->As == Kind::Text || Name == "fsname" || Name == "subtype" || Name == "max_read";
+    const bool IsText = Known->As == Kind::Text || Known->As == Kind::KernelText;
+    const bool IsNumber = Known->As == Kind::Number || Known->As == Kind::KernelNumber || Known->As == Kind::Octal ||
+                          Known->As == Kind::Seconds;
+    const bool Wants = IsText || IsNumber;
     if (Known->As == Kind::Refused) {
         throw UsageError(fmt::format("-o {}: not offered: {}", Name, Known->Why));
     }
     if (Wants != (HasValue && !Text.empty())) {
         throw UsageError(fmt::format("-o {}: {}", One, Wants ? "needs a value" : "takes no value"));
     }
-    double Value = 0;
-    if (Wants && Known->As != Kind::Text && Known->As != Kind::Kernel) {
-        Value = ParseValue(Text, Name, Known->As);
-    }
+    const double Value = IsNumber ? ParseValue(Text, Name, Known->As) : 0;
     if (Known->Store != nullptr) {
         Known->Store(Options, Value, Text);
     }
-    if (Known->As == Kind::Kernel) {
+    if (Known->As == Kind::Kernel || Known->As == Kind::KernelNumber || Known->As == Kind::KernelText) {
         Options.ForKernel.push_back(One);
     }
 }
@@ -157,12 +186,16 @@ void Take(const std::string &One, MountOptions &Options) {
 } // namespace
 
 void ParseMountWords(const std::string &List, MountOptions &Options) {
-    for (size_t At = 0; At <= List.size();) {
-        const size_t Comma = std::min(List.find(',', At), List.size());
-        if (Comma > At) {
-            Take(List.substr(At, Comma - At), Options);
+    std::string One;
+    for (size_t At = 0; At <= List.size(); ++At) {
+        if (At < List.size() && List[At] != ',') {
+            const bool Escape = List.compare(At, 2, "\\,") == 0;
+            At += Escape ? 1 : 0;
+            One += List[At];
+        } else if (!One.empty()) {
+            Take(One, Options);
+            One.clear();
         }
-        At = Comma + 1;
     }
     if (Options.Threads == 0) {
         throw UsageError("-o max_threads=0: at least one");

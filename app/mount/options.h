@@ -32,6 +32,7 @@ struct MountOptions {
     double AttributeTimeout = 1;
     double NegativeTimeout = 1;
     unsigned ReadAheadKib = 1024;
+    unsigned MaxRead = 0;               // bytes of one read; 0: as many as the kernel likes
     unsigned Threads = 10;              // with fewer the kernel wakes one on another processor more often
     std::string FaultFile;              // tests: while this file is there, the server is away
     std::vector<std::string> ForKernel; // for the mount itself
@@ -42,7 +43,8 @@ struct MountOptions {
     bool ComparesModes() const;
 };
 
-// Takes one comma-separated list. UsageError with the word for what is not known, not offered or no number.
+// Takes one comma-separated list, in which "\," is a comma of a value. UsageError with the word for what is not known,
+// not offered or no number.
 void ParseMountWords(const std::string &Words, MountOptions &Options);
 
 // What holds before any word: the caller's user, group and umask.

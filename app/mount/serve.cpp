@@ -70,7 +70,8 @@ void GoIntoBackground() {
     Waiter = Ends[1];
 }
 
-// What waits for the mount is told that it is there: the parent, the service manager.
+// What waits for the mount is told that it is there: the parent, the service manager. Called when the kernel and this
+// side have agreed, so that a mount that fails at that is a failure of the command.
 void TellReady() {
     if (const char *Path = getenv("NOTIFY_SOCKET"); Path != nullptr && *Path != 0) {
         sockaddr_un Address = {};
@@ -144,6 +145,15 @@ void RaiseReadAhead(const MountOptions &Options) {
     }
 }
 
+// libfuse takes a comma for the end of an option, and a backslash from before what follows it.
+std::string Escaped(const std::string &Option) {
+    std::string Out;
+    for (const char Byte : Option) {
+        Out += Byte == ',' || Byte == '\\' ? std::string{'\\', Byte} : std::string{Byte};
+    }
+    return Out;
+}
+
 class KernelSession {
 public:
     KernelSession(FileSystem &Files, const MountOptions &Options) : Files_(Files) {
@@ -153,7 +163,7 @@ public:
         for (const std::string &Each : Options.ForKernel) {
             Named = Named || Each.starts_with("fsname=");
             Typed = Typed || Each.starts_with("subtype=");
-            Words.insert(Words.end(), {"-o", Each});
+            Words.insert(Words.end(), {"-o", Escaped(Each)});
         }
         if (!Named) {
             Words.insert(Words.end(), {"-o", "fsname=rvfsd"});
@@ -233,7 +243,7 @@ int Serve(Session &Running, const MountOptions &Options) {
             return access(File.c_str(), F_OK) == 0 ? RVSTATUS{0xC7E90101} : RVSTATUS::Success;
         });
     }
-    FileSystem Files(Running, Options);
+    FileSystem Files(Running, Options, TellReady);
     int Ended;
     {
         KernelSession Kernel(Files, Options);
@@ -248,7 +258,6 @@ int Serve(Session &Running, const MountOptions &Options) {
         if (!Monitors.Problem().empty()) {
             Complain(fmt::format("monitors cannot attach: {}", Monitors.Problem()));
         }
-        TellReady();
         fuse_loop_config *Loop = fuse_loop_cfg_create();
         fuse_loop_cfg_set_max_threads(Loop, Options.Threads);
         fuse_loop_cfg_set_idle_threads(Loop, Options.Threads);
