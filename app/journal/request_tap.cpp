@@ -163,6 +163,7 @@ void RequestTap::Completed(const embedded::CompletedRequest &Done) noexcept {
         Ended.Status = Done.Status;
         Ended.Information = Done.Information;
         Ended.Ended = Ticks();
+        Ended.EndedAt = std::chrono::system_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
         About = Ended;
         if (About.Returned) {
             UnderWay_.erase(At);

@@ -31,6 +31,7 @@ struct Request {
     NTSTATUS Status = 0;
     uint64_t Information = 0;
     int64_t Ended = 0;
+    int64_t EndedAt = 0;   // nanoseconds since 1970
     bool Returned = false; // the driver's dispatch routine had come back before
 };
 

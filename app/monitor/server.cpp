@@ -4,6 +4,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <map>
 
 #include <poll.h>
@@ -18,6 +19,7 @@
 
 #include "app/monitor/latencies.h"
 #include "app/text.h"
+#include "providers/directory/beneath.h"
 
 namespace app::monitor {
 
@@ -38,6 +40,32 @@ bool IsFailure(NTSTATUS Status) {
 // Only its user may be in it: what passes through names his files.
 bool MakePrivate(const std::string &Directory) {
     return (mkdir(Directory.c_str(), 0700) == 0 || errno == EEXIST) && IsPrivate(Directory);
+}
+
+bool AddressOf(const std::string &Path, sockaddr_un *Address) {
+    *Address = {};
+    Address->sun_family = AF_UNIX;
+    strncpy(Address->sun_path, Path.c_str(), sizeof(Address->sun_path) - 1);
+    return Path.size() < sizeof(Address->sun_path);
+}
+
+// Nobody listens at a socket whose process was killed. One that is being made refuses too for a moment, so that its
+// process must have gone as well.
+void RemoveDead(const std::string &Directory) {
+    std::error_code Error;
+    for (const auto &Entry : std::filesystem::directory_iterator(Directory, Error)) {
+        const std::string Process = Entry.path().stem();
+        sockaddr_un Address;
+        if (Entry.path().extension() != ".sock" || !AddressOf(Entry.path(), &Address) ||
+            access(("/proc/" + Process).c_str(), F_OK) == 0) {
+            continue;
+        }
+        const providers::directory::UniqueFd Socket(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        if (connect(Socket.Get(), reinterpret_cast<const sockaddr *>(&Address), sizeof(Address)) != 0 &&
+            errno == ECONNREFUSED) {
+            unlink(Address.sun_path);
+        }
+    }
 }
 
 } // namespace
@@ -143,6 +171,8 @@ private:
             return;
         }
         json Line = {{"request", About.Id},
+                     {"time_ns", About.EndedAt},
+                     {"process", getpid()},
                      {"thread", About.Thread},
                      {"operation", About.Operation},
                      {"path", About.Path},
@@ -185,14 +215,13 @@ bool Server::Listen(const std::string &Directory) {
         return false;
     }
     Path_ = fmt::format("{}/{}.sock", Directory, getpid());
-    if (Path_.size() >= sizeof(sockaddr_un::sun_path)) {
+    sockaddr_un Address;
+    if (!AddressOf(Path_, &Address)) {
         Problem_ = fmt::format("{}: {}", Path_, strerror(ENAMETOOLONG));
         return false;
     }
+    RemoveDead(Directory);
     unlink(Path_.c_str()); // of a process of the same number that was killed
-    sockaddr_un Address = {};
-    Address.sun_family = AF_UNIX;
-    strncpy(Address.sun_path, Path_.c_str(), sizeof(Address.sun_path) - 1);
     Listening_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (Listening_ < 0 || bind(Listening_, reinterpret_cast<const sockaddr *>(&Address), sizeof(Address)) != 0 ||
         listen(Listening_, 8) != 0) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <ctime>
 #include <memory>
 #include <string>
 #include <vector>
@@ -42,6 +43,29 @@ struct Filter {
     std::string Status;
     uint32_t Slower = 0; // microseconds
 
+    // UsageError for what no request can have: nothing would ever be shown.
+    void Check() const {
+        std::vector<std::string> Known;
+        for (int Major = 0; Major <= IRP_MJ_MAXIMUM_FUNCTION; ++Major) {
+            Known.push_back(Plain(embedded::MajorFunctionName(static_cast<UCHAR>(Major))));
+        }
+        for (const std::string &One : Operations) {
+            if (std::find(Known.begin(), Known.end(), Plain(One)) == Known.end()) {
+                throw UsageError(fmt::format("--operation {}: known are {}", One, fmt::join(Known, ", ")));
+            }
+        }
+        if (Status == "failed" || Status == "success") {
+            return;
+        }
+#define STATUS_NAME(Name, Value) #Name,
+        const std::vector<std::string> Statuses = {NTSTATUS_LIST(STATUS_NAME)};
+#undef STATUS_NAME
+        if (std::none_of(Statuses.begin(), Statuses.end(), [this](const auto &One) { return Holds(One, Status); })) {
+            throw UsageError(fmt::format("--status {}: known are failed, success, and parts of {}", Status,
+                                         fmt::join(Statuses, ", ")));
+        }
+    }
+
     bool Passes(const json &Line) const {
         const std::string Operation = Plain(Line.at("operation"));
         const bool Named = Operations.empty() || std::any_of(Operations.begin(), Operations.end(),
@@ -68,7 +92,17 @@ double Micros(const json &Nanoseconds) {
     return Nanoseconds.get<double>() / 1000;
 }
 
+// Nanoseconds since 1970, as the clock on the wall has them here.
+std::string TimeOfDay(int64_t Nanoseconds) {
+    const time_t Seconds = Nanoseconds / 1'000'000'000;
+    struct tm Local = {};
+    localtime_r(&Seconds, &Local);
+    return fmt::format("{:02}:{:02}:{:02}.{:06}", Local.tm_hour, Local.tm_min, Local.tm_sec,
+                       Nanoseconds / 1000 % 1'000'000);
+}
+
 int Monitor(const std::string &Which, const Filter &Wanted) {
+    Wanted.Check();
     monitor::Client Mount(Which);
     Mount.Ask('m');
     while (const std::optional<json> Line = Mount.Next()) {
@@ -80,9 +114,10 @@ int Monitor(const std::string &Which, const Filter &Wanted) {
         } else if (WantsJson()) {
             fmt::print("{}\n", Line->dump());
         } else {
-            fmt::print("{:>10.1f} us  {:<24} {:<30} {}{}\n", Micros(Line->at("nanoseconds")),
-                       Plain(Line->at("operation")), Line->at("status").get<std::string>(),
-                       Line->at("path").get<std::string>(), Details(*Line));
+            const std::string Path = Line->at("path");
+            fmt::print("{} {:>7} {:>10.1f} us  {:<24} {:<30} {}{}\n", TimeOfDay(Line->at("time_ns")),
+                       Line->at("thread").get<int>(), Micros(Line->at("nanoseconds")), Plain(Line->at("operation")),
+                       Line->at("status").get<std::string>(), Path.empty() ? "(the device)" : Path, Details(*Line));
         }
         fflush(stdout);
     }
@@ -148,7 +183,8 @@ void AddMonitorVerbs(VerbList &List) {
               Parameter{"--status", "only failed, success, or statuses with this in their name", &Wanted->Status}.As(
                   "TEXT"),
               Parameter{"--slower", "only those that took so long", &Wanted->Slower}.As("MICROSECONDS")},
-         .Text = "One line for each completed request: how long it took, the operation, the status, the path, what "
+         .Text = "One line for each completed request: when it ended, the mount's thread that sent it, how long it "
+                 "took, the operation, the status, the path, what "
                  "else tells it from others. Nothing is watched, and nothing slower, while nobody is attached.",
          .Examples = {"monitor --operation create --status failed", "monitor --slower 1000 --path docs /mnt"},
          .Alone = [Which, Wanted] { return Monitor(*Which, *Wanted); }});
