@@ -21,7 +21,7 @@ struct Word {
     const char *Name;
     Kind As;
     void (*Store)(MountOptions &, double Value, const std::string &Text);
-    const char *Why = nullptr;
+    const char *Help = nullptr; // of one that is refused, why; none for one that is ignored
 };
 
 void TakeLocalLocks(MountOptions &To, const std::string &Which) {
@@ -44,47 +44,54 @@ void TakeMaxRead(MountOptions &To, double Bytes) {
     [](MountOptions &To, [[maybe_unused]] double Value, [[maybe_unused]] const std::string &Text) { Expression; }
 
 constexpr Word Words[] = {
-    {"volume", Kind::Text, STORE(To.Volume = Text)},
-    {"ro", Kind::Kernel, STORE(To.ReadOnly = true)},
-    {"rw", Kind::Kernel, STORE(To.ReadOnly = false)},
-    {"foreground", Kind::Flag, STORE(To.Foreground = true)},
-    {"debug", Kind::Flag, STORE(To.Debug = To.Foreground = true)},
-    {"default_permissions", Kind::Flag, STORE(To.DefaultPermissions = true)},
-    {"no_default_permissions", Kind::Flag, STORE(To.DefaultPermissions = false)},
-    {"quiet", Kind::Flag, STORE(To.Quiet = true)},
-    {"nolock", Kind::Flag, STORE(To.Locks = false)},
-    {"local_lock", Kind::Text, STORE(TakeLocalLocks(To, Text))},
-    {"direct_io", Kind::Flag, STORE(To.DirectIo = true)},
-    {"auto_cache", Kind::Flag, STORE(To.KeepCache = true)},
-    {"noauto_cache", Kind::Flag, STORE(To.KeepCache = false)},
-    {"verify", Kind::Flag, STORE(To.Verify = true)},
-    {"uid", Kind::Number, STORE(To.User = static_cast<uid_t>(Value))},
-    {"gid", Kind::Number, STORE(To.Group = static_cast<gid_t>(Value))},
-    {"umask", Kind::Octal, STORE(To.FileMask = To.DirectoryMask = static_cast<mode_t>(Value))},
-    {"fmask", Kind::Octal, STORE(To.FileMask = static_cast<mode_t>(Value))},
-    {"dmask", Kind::Octal, STORE(To.DirectoryMask = static_cast<mode_t>(Value))},
-    {"entry_timeout", Kind::Seconds, STORE(To.EntryTimeout = Value)},
-    {"attr_timeout", Kind::Seconds, STORE(To.AttributeTimeout = Value)},
-    {"negative_timeout", Kind::Seconds, STORE(To.NegativeTimeout = Value)},
-    {"readahead_kib", Kind::Number, STORE(To.ReadAheadKib = static_cast<unsigned>(Value))},
-    {"max_threads", Kind::Number, STORE(To.Threads = static_cast<unsigned>(Value))},
-    {"fault_file", Kind::Text, STORE(To.FaultFile = Text)},
-    {"allow_other", Kind::Kernel, STORE(To.Others = true)},
+    {"volume", Kind::Text, STORE(To.Volume = Text), "this export at the mount's root"},
+    {"ro", Kind::Kernel, STORE(To.ReadOnly = true), "read only"},
+    {"rw", Kind::Kernel, STORE(To.ReadOnly = false), "read and write"},
+    {"foreground", Kind::Flag, STORE(To.Foreground = true), "do not go into the background"},
+    {"debug", Kind::Flag, STORE(To.Debug = To.Foreground = true), "print the kernel's requests, in the foreground"},
+    {"default_permissions", Kind::Flag, STORE(To.DefaultPermissions = true),
+     "the kernel compares the modes that are shown"},
+    {"no_default_permissions", Kind::Flag, STORE(To.DefaultPermissions = false),
+     "all who come in may do what the program rvfsd may"},
+    {"quiet", Kind::Flag, STORE(To.Quiet = true), "changes of modes and owners that cannot be kept are no errors"},
+    {"nolock", Kind::Flag, STORE(To.Locks = false), "locks are refused"},
+    {"local_lock", Kind::Text, STORE(TakeLocalLocks(To, Text)),
+     "none, posix, flock or all: such locks hold in this mount alone"},
+    {"direct_io", Kind::Flag, STORE(To.DirectIo = true), "the kernel keeps no pages"},
+    {"auto_cache", Kind::Flag, STORE(To.KeepCache = true),
+     "the kernel keeps a closed file's pages while size and time stay"},
+    {"noauto_cache", Kind::Flag, STORE(To.KeepCache = false), "the kernel drops a closed file's pages"},
+    {"verify", Kind::Flag, STORE(To.Verify = true), "the driver's conduct is verified"},
+    {"uid", Kind::Number, STORE(To.User = static_cast<uid_t>(Value)), "the owner that is shown"},
+    {"gid", Kind::Number, STORE(To.Group = static_cast<gid_t>(Value)), "the group that is shown"},
+    {"umask", Kind::Octal, STORE(To.FileMask = To.DirectoryMask = static_cast<mode_t>(Value)),
+     "bits that modes do not have"},
+    {"fmask", Kind::Octal, STORE(To.FileMask = static_cast<mode_t>(Value)), "umask for files alone"},
+    {"dmask", Kind::Octal, STORE(To.DirectoryMask = static_cast<mode_t>(Value)), "umask for directories alone"},
+    {"entry_timeout", Kind::Seconds, STORE(To.EntryTimeout = Value), "seconds for which the kernel keeps names"},
+    {"attr_timeout", Kind::Seconds, STORE(To.AttributeTimeout = Value), "seconds for which it keeps attributes"},
+    {"negative_timeout", Kind::Seconds, STORE(To.NegativeTimeout = Value),
+     "seconds for which it keeps that a name is not there"},
+    {"readahead_kib", Kind::Number, STORE(To.ReadAheadKib = static_cast<unsigned>(Value)),
+     "what the kernel reads ahead"},
+    {"max_threads", Kind::Number, STORE(To.Threads = static_cast<unsigned>(Value)), "how many serve"},
+    {"fault_file", Kind::Text, STORE(To.FaultFile = Text), "while this file exists, the server counts as away"},
+    {"allow_other", Kind::Kernel, STORE(To.Others = true), "other users may come in"},
     {"allow_root", Kind::Refused, nullptr, "use allow_other"},
     {"auto_unmount", Kind::Refused, nullptr,
      "an empty directory would then stand for the files; unmount with fusermount3 -u"},
-    {"fsname", Kind::KernelText, nullptr},
-    {"subtype", Kind::KernelText, nullptr},
-    {"max_read", Kind::KernelNumber, STORE(TakeMaxRead(To, Value))},
-    {"nosuid", Kind::Kernel, nullptr},
-    {"nodev", Kind::Kernel, nullptr},
-    {"noexec", Kind::Kernel, nullptr},
-    {"exec", Kind::Kernel, nullptr},
-    {"noatime", Kind::Kernel, nullptr},
-    {"atime", Kind::Kernel, nullptr},
-    {"sync", Kind::Kernel, nullptr},
-    {"async", Kind::Kernel, nullptr},
-    {"dirsync", Kind::Kernel, nullptr},
+    {"fsname", Kind::KernelText, nullptr, "the source in the table of mounts"},
+    {"subtype", Kind::KernelText, nullptr, "the type in the table of mounts, behind fuse."},
+    {"max_read", Kind::KernelNumber, STORE(TakeMaxRead(To, Value)), "bytes of one read, 4096 or more"},
+    {"nosuid", Kind::Kernel, nullptr, "as mount(8) says"},
+    {"nodev", Kind::Kernel, nullptr, "as mount(8) says"},
+    {"noexec", Kind::Kernel, nullptr, "as mount(8) says"},
+    {"exec", Kind::Kernel, nullptr, "as mount(8) says"},
+    {"noatime", Kind::Kernel, nullptr, "as mount(8) says"},
+    {"atime", Kind::Kernel, nullptr, "as mount(8) says"},
+    {"sync", Kind::Kernel, nullptr, "as mount(8) says"},
+    {"async", Kind::Kernel, nullptr, "as mount(8) says"},
+    {"dirsync", Kind::Kernel, nullptr, "as mount(8) says"},
     {"suid", Kind::Refused, nullptr, "the server keeps no such bits"},
     {"dev", Kind::Refused, nullptr, "the server keeps no devices"},
     {"writeback_cache", Kind::Refused, nullptr, "writes go to the server before they return"},
@@ -169,7 +176,7 @@ void Take(const std::string &One, MountOptions &Options) {
                           Known->As == Kind::Seconds;
     const bool Wants = IsText || IsNumber;
     if (Known->As == Kind::Refused) {
-        throw UsageError(fmt::format("-o {}: not offered: {}", Name, Known->Why));
+        throw UsageError(fmt::format("-o {}: not offered: {}", Name, Known->Help));
     }
     if (Wants != (HasValue && !Text.empty())) {
         throw UsageError(fmt::format("-o {}: {}", One, Wants ? "needs a value" : "takes no value"));
@@ -184,6 +191,21 @@ void Take(const std::string &One, MountOptions &Options) {
 }
 
 } // namespace
+
+std::string MountWordsHelp() {
+    std::string Out;
+    std::string Ignored;
+    for (const Word &Each : Words) {
+        if (Each.As == Kind::Ignored) {
+            Ignored += fmt::format("{}{}", Ignored.empty() ? "" : ", ", Each.Name);
+            continue;
+        }
+        const bool Alone = Each.As == Kind::Flag || Each.As == Kind::Kernel || Each.As == Kind::Refused;
+        Out += fmt::format("  {:<24}{}{}\n", fmt::format("{}{}", Each.Name, Alone ? "" : "="),
+                           Each.As == Kind::Refused ? "refused: " : "", Each.Help);
+    }
+    return Out + "  taken and ignored: " + Ignored + ", and what begins with x-";
+}
 
 void ParseMountWords(const std::string &List, MountOptions &Options) {
     std::string One;

@@ -47,6 +47,9 @@ struct MountOptions {
 // not offered or no number.
 void ParseMountWords(const std::string &Words, MountOptions &Options);
 
+// A line for each word, without the last one's end.
+std::string MountWordsHelp();
+
 // What holds before any word: the caller's user, group and umask.
 MountOptions DefaultMountOptions();
 

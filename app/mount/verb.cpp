@@ -35,7 +35,8 @@ void AddMountVerb(VerbList &List) {
              },
          .Text = "Every export is at MOUNTPOINT/server/volume, or one of them at MOUNTPOINT itself with -o "
                  "volume='\\\\server\\volume'. The mount is there when the command returns; fusermount3 -u MOUNTPOINT "
-                 "or SIGTERM ends it.",
+                 "or SIGTERM ends it.\n\nThe words behind -o:\n" +
+                 mount::MountWordsHelp(),
          .Examples = {"--export '\\\\srv\\data=/srv/data' mount -o 'volume=\\\\srv\\data' /mnt"},
          .Before =
              [Given](SessionOptions &Session) {

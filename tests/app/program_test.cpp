@@ -270,6 +270,7 @@ TEST(Program, TellsItsVersionAndItsDriver) {
                 HasSubstr(ImageUnderTest().empty() ? "linked natively\n" : "is the image " + ImageUnderTest()));
     const Ran Help = RunProgram({"--help"});
     EXPECT_EQ(Help.Code, 0);
+    EXPECT_THAT(RunProgram({"help", "mount"}).Out, AllOf(HasSubstr("\n  max_read="), HasSubstr("\n  remount ")));
     for (const char *Verb : {"cat", "put", "cp", "open", "claim", "console", "tour"}) {
         EXPECT_THAT(Help.Out, ContainsRegex(std::string("\n  ") + Verb + "  ")) << Verb;
     }
