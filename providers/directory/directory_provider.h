@@ -68,14 +68,6 @@ public:
     };
     std::vector<OpenHandle> ListOpenHandles() const;
 
-    // Listings that failed since the last call, oldest first. The platform ends such a listing as if the directory had
-    // no more entries, so whoever shows it to people asks here. Only the last hundred are kept.
-    struct ListingFault {
-        std::string Path; // in the local file system
-        int Error;        // an error number
-    };
-    std::vector<ListingFault> TakeListingFaults();
-
     // Raises the process's limit of descriptors as far as it may: every open file needs one. A program calls it when it
     // starts. Returns the limit.
     static size_t RaiseDescriptorLimit();

@@ -197,17 +197,6 @@ RVSTATUS Serve(const FolderObject &Folder, const Listing &From, size_t Position,
     return Status;
 }
 
-// Keeps for the program what the platform does not tell it. The error number stands for the status.
-void NoteFault(State &Provider, const FolderObject &Folder, RVSTATUS Status) {
-    constexpr size_t MaxFaults = 100;
-    const int Error = Status == RVSTATUS::AccessDenied ? EACCES : Status == RVSTATUS::NoMemory ? ENOMEM : EIO;
-    const std::lock_guard Hold(Provider.FaultsMutex);
-    if (Provider.Faults.size() == MaxFaults) {
-        Provider.Faults.erase(Provider.Faults.begin());
-    }
-    Provider.Faults.push_back({(Folder.Volume->Directory / Folder.FromRoot).string(), Error});
-}
-
 RVSTATUS Enumerate(State &Provider, RVHANDLE Directory, PCWSTR Mask, const Request &Wanted) {
     if (Wanted.ResumeKey == nullptr || Wanted.BufferSize == nullptr || Wanted.Buffer == nullptr) {
         return RVSTATUS::InvalidParameter;
@@ -231,7 +220,6 @@ RVSTATUS Enumerate(State &Provider, RVHANDLE Directory, PCWSTR Mask, const Reque
     const std::lock_guard Hold(Folder.ListingMutex);
     if (Key == 0) {
         if (const RVSTATUS Status = BeginListing(Folder, Mask, Wanted.WithShort); RvIsError(Status)) {
-            NoteFault(Provider, Folder, Status);
             return Status;
         }
     }

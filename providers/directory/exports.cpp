@@ -415,11 +415,6 @@ std::vector<DirectoryProvider::OpenHandle> DirectoryProvider::ListOpenHandles() 
     return All;
 }
 
-std::vector<DirectoryProvider::ListingFault> DirectoryProvider::TakeListingFaults() {
-    const std::lock_guard Hold(State_->FaultsMutex);
-    return std::exchange(State_->Faults, {});
-}
-
 size_t DirectoryProvider::RaiseDescriptorLimit() {
     rlimit Limit{};
     if (getrlimit(RLIMIT_NOFILE, &Limit) != 0) {

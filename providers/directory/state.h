@@ -306,8 +306,6 @@ struct DirectoryProvider::State : RVIOM_FSD {
     directory::FileNodes Nodes;                                             // outlives the open files
     directory::Handles Open;                                                // ends before the exports
     std::atomic<uint32_t> References = 0;
-    std::mutex FaultsMutex;
-    std::vector<DirectoryProvider::ListingFault> Faults; // guarded by FaultsMutex
 };
 
 } // namespace providers

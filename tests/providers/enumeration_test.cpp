@@ -36,7 +36,7 @@ TEST_F(DirectoryProviderTest, EntriesThatWillNotBeLookedAtAreListedWithWhatIsKno
     EXPECT_EQ(Table->RVFsdCloseDirectory(Fsd, nullptr, Folder), Done);
 }
 
-TEST_F(DirectoryProviderTest, AListingThatFailsIsToldToTheProgram) {
+TEST_F(DirectoryProviderTest, AListingThatFailsSaysSo) {
     fs::create_directory(Root / "d");
     Write("d/a", "text");
     RVHANDLE Folder = 0;
@@ -50,12 +50,7 @@ TEST_F(DirectoryProviderTest, AListingThatFailsIsToldToTheProgram) {
         EXPECT_EQ(Try(u"d\\A"), Failure(CODE_NO_SUCH_FILE));
     });
     fs::permissions(Root / "d", fs::perms::owner_all);
-    const auto Faults = Provider.TakeListingFaults();
-    ASSERT_EQ(Faults.size(), 1u);
-    EXPECT_EQ(Faults[0].Path, (Root / "d").string());
-    EXPECT_EQ(Faults[0].Error, EACCES);
     EXPECT_EQ(Names(Folder).size(), 1u);
-    EXPECT_TRUE(Provider.TakeListingFaults().empty());
     EXPECT_EQ(Table->RVFsdCloseDirectory(Fsd, nullptr, Folder), Done);
 }
 
