@@ -121,8 +121,7 @@ bool NtFsdLeaveLockRequest(PIRP_CONTEXT IrpContext, bool *Doubtful) {
 }
 
 bool NtFsdIsUnlockForServer(PFCB Fcb, const LOCK_PATTERN &Pattern) {
-    // Requests that a failure ends leave without the Resource: what the first hold finds may be gone under the
-    // second.
+    // Requests that a failure ends leave without the Resource: what the first hold finds may be gone under the second.
     bool AnyUntold = false;
     {
         const SpinLockHold Hold(g_LockRequestsLock);
@@ -141,8 +140,8 @@ bool NtFsdIsUnlockForServer(PFCB Fcb, const LOCK_PATTERN &Pattern) {
     });
     const SpinLockHold Hold(g_LockRequestsLock);
     PIRP_CONTEXT Untold = nullptr;
-    // A request that is being decided may have its lock in the table already. Where we
-    // cannot be sure that the server has a lock of this range, the unlock takes one that the server was never told of.
+    // A request that is being decided may have its lock in the table already. Where we cannot be sure that the server
+    // has a lock of this range, the unlock takes one that the server was never told of.
     VisitRequests(Fcb, Pattern, [&](PIRP_CONTEXT IrpContext, const FILE_LOCK_INFO &) HOLDING(g_LockRequestsLock) {
         if (HasLock(IrpContext)) {
             Untold = IrpContext;
