@@ -41,7 +41,7 @@ void TakeFcbs(PLIST_ENTRY Fcbs) {
     }
 }
 
-void CloseHandles(PINSTANCE_CONTEXT Instance, PRV_SECURITY Security) {
+void CloseHandles(PINSTANCE_CONTEXT Instance, PRV_SECURITY Security) HOLDING(Instance->Fcb->Resource) {
     constexpr PCSTR NOBODY = "nobody is left to be told";
     if (Instance->FileHandle != 0) {
         Ignore(RVFsdCloseFile(Security, Instance->FileHandle), NOBODY);
@@ -146,6 +146,7 @@ bool IsDeviceFcb(const void *FsContext) HOLDING(g_OutlivingLock) {
 // Counts an open of the control device out. Its process record went with teardown; the FCB goes into Fcbs with the last
 // open, or with teardown when that has not come to it yet. g_OutlivingLock held.
 void TakeDeviceOpen(PFCB Fcb, PLIST_ENTRY Fcbs) HOLDING(g_OutlivingLock) {
+    NtFsdNobodyElse(&Fcb->Resource); // counted under g_OutlivingLock from the stop of requests on
     if (--Fcb->OpenCount == 0 && Fcb == OutlivingDevice) {
         OutlivingDevice = nullptr;
         InsertTailList(Fcbs, &Fcb->FcbLinks);
@@ -206,7 +207,9 @@ VOID NtFsdDetachOpens() {
             NtFsdTakeNotifyList(Fcb, &Notifications);
             EndLocks(Fcb);
             for (PLIST_ENTRY Open = Fcb->InstanceList.Flink; Open != &Fcb->InstanceList; Open = Open->Flink) {
-                CloseHandles(InstanceOf(Open), &Context->SecurityContext);
+                const PINSTANCE_CONTEXT Instance = InstanceOf(Open);
+                NtFsdNobodyElse(&Instance->Fcb->Resource);
+                CloseHandles(Instance, &Context->SecurityContext);
             }
         }
     }
@@ -219,6 +222,7 @@ VOID NtFsdDetachOpens() {
 PFCB NtFsdTakeDeviceFcb() {
     {
         const SpinLockHold Hold(g_OutlivingLock);
+        NtFsdNobodyElse(&DriverFcb->Resource); // counted under g_OutlivingLock by now
         if (DriverFcb->OpenCount == 0) {
             const PFCB Fcb = DriverFcb;
             DriverFcb = nullptr;
@@ -233,6 +237,7 @@ PFCB NtFsdTakeDeviceFcb() {
     PFCB Unused = nullptr;
     {
         const SpinLockHold Hold(g_OutlivingLock);
+        NtFsdNobodyElse(&DriverFcb->Resource);
         (DriverFcb->OpenCount == 0 ? Unused : OutlivingDevice) = DriverFcb;
         DriverFcb = nullptr;
     }

@@ -22,11 +22,11 @@ struct CLOSE {
     PRV_SECURITY Security() const {
         return &IrpContext->SecurityContext;
     }
-    bool IsOpenDirectory() const {
-        return Fcb->OpenType == OPEN_TYPE_DIRECTORY && Instance->DirHandle != 0;
+    bool IsOpenDirectory() const HOLDING(Instance->Fcb->Resource) {
+        return NtFsdReadOpenType(Fcb) == OPEN_TYPE_DIRECTORY && Instance->DirHandle != 0;
     }
     // Only the last open deletes.
-    bool Deletes() const {
+    bool Deletes() const HOLDING(Fcb->Resource) {
         return Fcb->OpenCount == 1 && (Fcb->OpenFlags & FCB_STATE_DELETE_ON_CLOSE) != 0;
     }
 };
@@ -76,7 +76,7 @@ void ClearReadOnly(const CLOSE &Close, bool IsDirectory) {
 }
 
 // A read-only object cannot be deleted; the attribute goes while there is still a handle.
-void PrepareDelete(const CLOSE &Close) HOLDING(Close.Fcb->Resource) {
+void PrepareDelete(const CLOSE &Close) HOLDING(Close.Fcb->Resource, Close.Instance->Fcb->Resource) {
     NtFsdDebugPrint(TRACE_GENERAL, 0, "NtFsdCommonClose saw %s for FCB 0x%p (\"%wZ\").\n",
                     (Close.Fcb->OpenFlags & FCB_STATE_DELETE_DISPOSITION) ? "FCB_STATE_DELETE_DISPOSITION"
                                                                           : "FCB_STATE_DELETE_ON_CLOSE",
@@ -92,6 +92,7 @@ void PrepareDelete(const CLOSE &Close) HOLDING(Close.Fcb->Resource) {
 // Goes by the handles, which are of what was opened: the FCB may count as something else by now.
 void CloseObjectHandles(CLOSE &Close) {
     const PINSTANCE_CONTEXT Instance = Close.Instance;
+    Close.Hold.Holds(&Instance->Fcb->Resource);
     if (Instance->FileHandle != 0) {
         NtFsdDebugPrint(TRACE_GENERAL, 0, "Closing File 0x%x\n", LowPart(Instance->FileHandle));
         Close.Status = NtFsdTranslateResult(RVFsdCloseFile(Close.Security(), Instance->FileHandle));
@@ -106,6 +107,7 @@ void CloseObjectHandles(CLOSE &Close) {
 // before it became one.
 bool DeleteObject(CLOSE &Close) HOLDING(Close.Fcb->Resource) {
     const PINSTANCE_CONTEXT Instance = Close.Instance;
+    Close.Hold.Holds(&Instance->Fcb->Resource);
     if (Instance->PathLeft == nullptr || Instance->PathLeft[0] == 0 || NtFsdIsVolumeRoot(Close.Fcb)) {
         return false;
     }
@@ -125,7 +127,7 @@ bool DeleteObject(CLOSE &Close) HOLDING(Close.Fcb->Resource) {
 }
 
 // What the status of the delete means. TRUE: the object is gone.
-bool JudgeDelete(CLOSE &Close) {
+bool JudgeDelete(CLOSE &Close) HOLDING(Close.Fcb->Resource, Close.Instance->Fcb->Resource) {
     switch (Close.Status) {
     case STATUS_SUCCESS:
         return true;
@@ -148,6 +150,7 @@ bool JudgeDelete(CLOSE &Close) {
 void DeleteOnClose(CLOSE &Close) {
     NtFsdDebugPrint(TRACE_GENERAL, 0, "   Deleting file/directory on close.\n");
     Close.Hold.Holds(&Close.Fcb->Resource);
+    Close.Hold.Holds(&Close.Instance->Fcb->Resource);
     if (DeleteObject(Close) && JudgeDelete(Close)) {
         Ignore(NtFsdNotifyChange(Close.IrpContext, Close.Fcb, 1, Close.Hold), "watchers are told if they can be");
         NtFsdSetOpenFlags(Close.Fcb, FCB_STATE_DELETED);
@@ -189,17 +192,18 @@ void Dereference(CLOSE &Close) {
 
 // The work of a close whose resources are held.
 void EndOpen(CLOSE &Close) {
-    const PFCB Fcb = Close.Fcb;
     Close.Hold.Holds(&Close.Fcb->Resource);
-    if (Fcb->OpenCount == 1 && (Fcb->OpenFlags & FCB_STATE_DELETE_DISPOSITION)) {
-        NtFsdSetOpenFlags(Fcb, FCB_STATE_DELETE_ON_CLOSE);
+    Close.Hold.Holds(&Close.Instance->Fcb->Resource);
+    if (Close.Fcb->OpenCount == 1 && (Close.Fcb->OpenFlags & FCB_STATE_DELETE_DISPOSITION)) {
+        NtFsdSetOpenFlags(Close.Fcb, FCB_STATE_DELETE_ON_CLOSE);
     }
     if (Close.Deletes()) {
         PrepareDelete(Close);
     }
     CloseObjectHandles(Close);
-    NtFsdDebugPrint(TRACE_GENERAL, 0, "   FCB Open Count = %d\n", Fcb->OpenCount);
-    NtFsdDebugPrint(TRACE_GENERAL, 0, "   pFcb = 0x%x, pFcb->OpenFlags = 0x%x\n", LowPart(Fcb), Fcb->OpenFlags);
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "   FCB Open Count = %d\n", Close.Fcb->OpenCount);
+    NtFsdDebugPrint(TRACE_GENERAL, 0, "   pFcb = 0x%x, pFcb->OpenFlags = 0x%x\n", LowPart(Close.Fcb),
+                    Close.Fcb->OpenFlags);
     if (Close.Deletes()) {
         DeleteOnClose(Close);
     }

@@ -22,8 +22,8 @@ struct PROCESS_RECORD {
 static_assert(offsetof(PROCESS_RECORD, Process) == 8 && offsetof(PROCESS_RECORD, FileObject) == 16 &&
               offsetof(PROCESS_RECORD, Links) == 24 && offsetof(PROCESS_RECORD, ProcessOpenCount) == 40);
 
-// The device's FCB has no other list of opens: this one belongs to g_OurDeviceResource, and no Resource is taken for
-// it.
+// The list and the count of the device's FCB belong to g_OurDeviceResource: no Resource is taken for them, which the
+// analysis is told in each routine.
 PROCESS_RECORD *FindProcess(PEPROCESS Process) HOLDING(g_OurDeviceResource) {
     NtFsdNobodyElse(&DriverFcb->Resource);
     for (PLIST_ENTRY Link = DriverFcb->InstanceList.Flink; Link != &DriverFcb->InstanceList; Link = Link->Flink) {
@@ -73,6 +73,7 @@ NTSTATUS NtFsdOpenOurDevice(PFILE_OBJECT FileObject) {
     FileObject->FsContext2 = Record;
     FileObject->FsContext = DriverFcb;
     FileObject->SectionObjectPointer = &DriverFcb->SectionObjectPointers;
+    NtFsdNobodyElse(&DriverFcb->Resource);
     ++DriverFcb->OpenCount;
     NtFsdDebugPrint(TRACE_CREATE, 0, "       Instance count for driver FCB: %d\n", DriverFcb->OpenCount);
     Hold.Release();
@@ -96,6 +97,7 @@ NTSTATUS NtFsdCloseOurDevice(PFILE_OBJECT FileObject) {
             TwFreeMemory(Record);
         }
     }
+    NtFsdNobodyElse(&DriverFcb->Resource);
     NtFsdDebugPrint(TRACE_CLOSE, 0, "       Instance count for driver FCB: %d\n", DriverFcb->OpenCount);
     --DriverFcb->OpenCount;
     // The record is shared by the process's opens and may be gone: nothing may find it through this file object.

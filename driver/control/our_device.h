@@ -3,7 +3,8 @@
 
 #include "frame/irp_context.h"
 
-extern ERESOURCE g_OurDeviceResource;
+extern ERESOURCE g_OurDeviceResource BEHIND(BelowSearches) BEFORE(BelowLeaves);
+READ_PLACE(OurDeviceResource, g_OurDeviceResource);
 
 // TRUE for a file object of the control device itself, which is opened without a name. Touches nothing but the file
 // object.

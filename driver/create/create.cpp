@@ -73,6 +73,7 @@ NTSTATUS OpenTarget(CREATE_STATE &Create) {
     const NTSTATUS Status = NtFsdOpenTargetDirectory(Create.IrpContext, Create.IrpSp, &Create.Fcb, &Create.Instance,
                                                      &Create.Information, Create.Hold);
     if (Status == STATUS_SUCCESS) {
+        Create.Hold.Holds(&Create.Fcb->Resource);
         Create.OpenCount = Create.Fcb->OpenCount;
         Create.Shared = Create.DirectoryFile || Create.OpenCount > 1;
         // The option names the target, not the parent that was opened in its place.
@@ -100,6 +101,7 @@ NTSTATUS FindFcb(CREATE_STATE &Create) {
     PFCB Fcb = Create.Fcb;
     PINSTANCE_CONTEXT Instance = Create.Instance;
     Create.Hold.Holds(&Fcb->Resource);
+    NtFsdSameLock(Fcb, Instance);
     NtFsdDebugPrint(TRACE_CREATE, 0, "FCB Open Count         = %d\n", Create.OpenCount);
     NtFsdDebugPrint(TRACE_CREATE, 0, "reference Count        = %d\n", Create.OpenCount);
     NtFsdDebugPrint(TRACE_CREATE, 0, "Instance Dir Handle    = 0x%x\n", LowPart(Instance->DirHandle));
@@ -122,7 +124,7 @@ NTSTATUS FindFcb(CREATE_STATE &Create) {
 }
 
 // What the open has proved to be one of ours must be a directory, once a name is sought below it.
-NTSTATUS CheckRelatedIsDirectory(const CREATE_STATE &Create) {
+NTSTATUS CheckRelatedIsDirectory(const CREATE_STATE &Create) HOLDING(Create.Instance->Fcb->Resource) {
     if (Create.RelatedFileObject != nullptr && Create.Name.Length != 0) {
         const FCB *Related = static_cast<const FCB *>(Create.RelatedFileObject->FsContext);
         if (NtFsdReadOpenType(Related) != OPEN_TYPE_DIRECTORY) {
@@ -134,7 +136,7 @@ NTSTATUS CheckRelatedIsDirectory(const CREATE_STATE &Create) {
 }
 
 // A volume root needs no handle but its volume's, which the instance has.
-NTSTATUS OpenVolumeRoot(CREATE_STATE &Create) {
+NTSTATUS OpenVolumeRoot(CREATE_STATE &Create) HOLDING(Create.Fcb->Resource) {
     if (Create.TrailingSlash && Create.NonDirectoryFile) {
         NtFsdDebugPrint(TRACE_CREATE, 0, "Error : Can not open Directory as a file \n");
         return STATUS_FILE_IS_A_DIRECTORY;
@@ -152,7 +154,7 @@ NTSTATUS OpenVolumeRoot(CREATE_STATE &Create) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS CheckDelete(const CREATE_STATE &Create) {
+NTSTATUS CheckDelete(const CREATE_STATE &Create) HOLDING(Create.Fcb->Resource) {
     if ((Create.Fcb->OpenFlags & FCB_STATE_DELETE_DISPOSITION) != 0) {
         NtFsdDebugPrint(TRACE_CREATE, 0,
                         "[RVFSD] NtFsdCommonCreate STATUS_ACCESS_DENIED on \"%wZ\" due to "
@@ -174,6 +176,8 @@ NTSTATUS OpenPath(CREATE_STATE &Create) {
     if (Status != STATUS_SUCCESS) {
         return Status;
     }
+    Create.Hold.Holds(&Create.Fcb->Resource);
+    Create.Hold.Holds(&Create.Instance->Fcb->Resource);
     Status = CheckRelatedIsDirectory(Create);
     if (Status != STATUS_SUCCESS) {
         return Status;
@@ -223,6 +227,7 @@ void RecordShareAccess(CREATE_STATE &Create) {
 NTSTATUS CompleteSuccess(CREATE_STATE &Create) {
     PFCB Fcb = Create.Fcb;
     Create.Hold.Holds(&Fcb->Resource);
+    Create.Hold.Holds(&Create.Instance->Fcb->Resource);
     Create.Instance->ProviderAccess = Create.ProviderAccess;
     Create.Instance->ShareMode = Create.ShareAccess;
     Create.Instance->ProviderOptions = Create.ProviderOptions;

@@ -43,7 +43,7 @@ NTSTATUS NtFsdGetEntryType(PIRP_CONTEXT IrpContext, RVHANDLE BaseHandle, PCWSTR 
 
 namespace {
 
-NTSTATUS AskEntryType(CREATE_STATE &Create) {
+NTSTATUS AskEntryType(CREATE_STATE &Create) HOLDING(Create.Instance->Fcb->Resource) {
     return NtFsdGetEntryType(Create.IrpContext, Create.Instance->RelatedHandle, Create.Instance->PathLeft,
                              &Create.EntryType);
 }

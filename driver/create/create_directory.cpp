@@ -5,21 +5,22 @@ namespace {
 
 // Marks the FCB as a directory below its volume. A volume root keeps saying that its path was resolved: its listings
 // have no dot entries.
-void MarkDirectory(CREATE_STATE &Create) {
+void MarkDirectory(CREATE_STATE &Create) HOLDING(Create.Fcb->Resource) {
     NtFsdSetOpenType(Create.Fcb, OPEN_TYPE_DIRECTORY);
     if (!NtFsdIsVolumeRoot(Create.Fcb)) {
         NtFsdSetVolumeResolved(Create.Fcb, 0);
     }
 }
 
-void StoreDirectoryHandle(CREATE_STATE &Create, ProviderDirectory &Directory) {
+void StoreDirectoryHandle(CREATE_STATE &Create, ProviderDirectory &Directory) HOLDING(Create.Instance->Fcb->Resource) {
     NtFsdDebugPrint(TRACE_CREATE, 0, "Setting Dir Handle to 0x%x\n", LowPart(Directory.Get()));
     Create.Instance->RelatedHandle = Directory.Get();
     NtFsdSetDirHandle(Create.Instance, Directory.Detach());
 }
 
 // The end of an open that reached its directory.
-NTSTATUS FinishDirectoryOpen(CREATE_STATE &Create, ProviderDirectory &Directory) {
+NTSTATUS FinishDirectoryOpen(CREATE_STATE &Create, ProviderDirectory &Directory)
+    HOLDING(Create.Fcb->Resource, Create.Instance->Fcb->Resource) {
     // The server's object changed its kind under a file that others have open: their FCB stays a file's.
     if (Create.Shared && Create.Fcb->OpenType != OPEN_TYPE_DIRECTORY) {
         Directory.CloseNow();
@@ -61,18 +62,19 @@ bool EraseDeniedByPath(CREATE_STATE &Create) {
            ErasePermissionIsNotAvailableByPath(Create.IrpContext, Create.Instance, &Create.Fcb->FullPath, TRUE);
 }
 
-NTSTATUS OpenDirectoryAtProvider(CREATE_STATE &Create, ProviderDirectory &Directory) {
+NTSTATUS OpenDirectoryAtProvider(CREATE_STATE &Create, ProviderDirectory &Directory)
+    HOLDING(Create.Instance->Fcb->Resource) {
     const RVSTATUS Result = RVFsdOpenDirectory(Create.Security(), Create.Instance->RelatedHandle,
                                                Create.Instance->PathLeft, Directory.Out());
     return OpenResult(Result, Directory.Get());
 }
 
-NTSTATUS CreateDirectoryAtProvider(CREATE_STATE &Create) {
+NTSTATUS CreateDirectoryAtProvider(CREATE_STATE &Create) HOLDING(Create.Instance->Fcb->Resource) {
     return CallResult(
         RVFsdCreateDirectory(Create.Security(), Create.Instance->RelatedHandle, Create.Instance->PathLeft));
 }
 
-NTSTATUS OpenExistingDirectory(CREATE_STATE &Create) {
+NTSTATUS OpenExistingDirectory(CREATE_STATE &Create) HOLDING(Create.Fcb->Resource, Create.Instance->Fcb->Resource) {
     if (Create.NonDirectoryFile) {
         NtFsdDebugPrint(TRACE_CREATE, 0, "ERROR : Trying ACTION_OPEN_DIR on  a file \n");
         return STATUS_FILE_IS_A_DIRECTORY;
@@ -86,7 +88,7 @@ NTSTATUS OpenExistingDirectory(CREATE_STATE &Create) {
 }
 
 // The new directory is not opened; the first request that needs a handle of it opens one.
-NTSTATUS CreateNewDirectory(CREATE_STATE &Create) {
+NTSTATUS CreateNewDirectory(CREATE_STATE &Create) HOLDING(Create.Fcb->Resource, Create.Instance->Fcb->Resource) {
     if (Create.NonDirectoryFile) {
         NtFsdDebugPrint(TRACE_CREATE, 0, "ERROR : Trying ACTION_CREATE_DIR on a file  \n");
         return STATUS_FILE_IS_A_DIRECTORY;
@@ -110,7 +112,7 @@ NTSTATUS CreateNewDirectory(CREATE_STATE &Create) {
     return STATUS_SUCCESS;
 }
 
-NTSTATUS OpenOrCreateDirectory(CREATE_STATE &Create) {
+NTSTATUS OpenOrCreateDirectory(CREATE_STATE &Create) HOLDING(Create.Fcb->Resource, Create.Instance->Fcb->Resource) {
     if (Create.NonDirectoryFile) {
         NtFsdDebugPrint(TRACE_CREATE, 0, "ERROR : Trying ACTION_CREATE_OPEN_DIR on a file as directory \n");
         return STATUS_FILE_IS_A_DIRECTORY;

@@ -145,7 +145,8 @@ NTSTATUS FileOpenFailure(CREATE_STATE &Create, NTSTATUS Status) {
 }
 
 // Removes the file that this open has made: a create that fails leaves none behind. Closes File.
-void RemoveStray(const CREATE_STATE &Create, ProviderFile &File, ULONG Attributes) {
+void RemoveStray(const CREATE_STATE &Create, ProviderFile &File, ULONG Attributes)
+    HOLDING(Create.Instance->Fcb->Resource) {
     ULONG Writable = (Attributes | Create.Attributes) & RV_ATTR_SETTABLE;
     if ((Writable & RV_ATTR_READONLY) != 0) {
         // Being read-only, it could not be deleted.
@@ -160,7 +161,7 @@ void RemoveStray(const CREATE_STATE &Create, ProviderFile &File, ULONG Attribute
 
 // An open with delete-on-close is refused for a file that may not be deleted, or of which that is not known.
 NTSTATUS CheckDeleteOnClose(CREATE_STATE &Create, RVSTATUS Queried, ULONG Attributes, ProviderFile &File,
-                            ULONG CreateAction) {
+                            ULONG CreateAction) HOLDING(Create.Instance->Fcb->Resource) {
     const NTSTATUS Status = CallResult(Queried);
     const bool ReadOnly = (Attributes & RV_ATTR_READONLY) != 0;
     if (!Create.DeleteOnClose || (Status == STATUS_SUCCESS && !ReadOnly)) {
@@ -198,15 +199,14 @@ ULONG_PTR FileInformation(const CREATE_STATE &Create, ULONG CreateAction) {
     }
 }
 
-NTSTATUS OpenFileAtProvider(CREATE_STATE &Create) {
-    PINSTANCE_CONTEXT Instance = Create.Instance;
+NTSTATUS OpenFileAtProvider(CREATE_STATE &Create) HOLDING(Create.Instance->Fcb->Resource) {
     const RV_CREATE_PARAMETERS Parameters = {Create.ProviderAccess, Create.ShareAccess,
                                              RowOf(Create).ProviderDisposition, Create.ProviderOptions,
                                              Create.Attributes};
     ProviderFile File(Create.Security());
     ULONG CreateAction = 0;
-    const RVSTATUS Opened = RVFsdCreateFile(Create.Security(), Instance->RelatedHandle, Instance->PathLeft, Parameters,
-                                            File.Out(), &CreateAction);
+    const RVSTATUS Opened = RVFsdCreateFile(Create.Security(), Create.Instance->RelatedHandle,
+                                            Create.Instance->PathLeft, Parameters, File.Out(), &CreateAction);
     NTSTATUS Status = OpenResult(Opened, File.Get());
     if (Status != STATUS_SUCCESS) {
         // A note whose code is a failure: the Provider made the file all the same.
@@ -232,7 +232,7 @@ NTSTATUS OpenFileAtProvider(CREATE_STATE &Create) {
     Create.EntryCreated = Parameters.Disposition == RV_DISPOSITION_CREATE_NEW;
     Create.Information = FileInformation(Create, CreateAction);
     NtFsdDebugPrint(TRACE_CREATE, 0, "Setting File Handle to 0x%x\n", LowPart(File.Get()));
-    Instance->FileHandle = File.Detach();
+    Create.Instance->FileHandle = File.Detach();
     return STATUS_SUCCESS;
 }
 

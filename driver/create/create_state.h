@@ -119,10 +119,10 @@ inline bool EraseCheckWanted(const CREATE_STATE &Create) {
 }
 
 // Works out Create.Action from the type flags, the disposition and what is at the path.
-NTSTATUS ChooseAction(CREATE_STATE &Create);
+NTSTATUS ChooseAction(CREATE_STATE &Create) HOLDING(Create.Fcb->Resource, Create.Instance->Fcb->Resource);
 
 // Carries out a file action: on success the instance has its FileHandle.
-NTSTATUS PerformFileAction(CREATE_STATE &Create);
+NTSTATUS PerformFileAction(CREATE_STATE &Create) HOLDING(Create.Fcb->Resource, Create.Instance->Fcb->Resource);
 
 // Carries out a directory action: on success the instance has its DirHandle, except where a directory was created only.
-NTSTATUS PerformDirectoryAction(CREATE_STATE &Create);
+NTSTATUS PerformDirectoryAction(CREATE_STATE &Create) HOLDING(Create.Fcb->Resource, Create.Instance->Fcb->Resource);

@@ -66,7 +66,7 @@ NTSTATUS SplitFinalName(PUNICODE_STRING Path, FinalName &Name) {
 }
 
 // Nothing is known of a new parent: it is taken for a directory.
-void TypeNewParent(PIO_STACK_LOCATION IrpSp, PFCB Fcb) {
+void TypeNewParent(PIO_STACK_LOCATION IrpSp, PFCB Fcb) HOLDING(Fcb->Resource) {
     const auto &Parameters = IrpSp->Parameters.Create;
     IoSetShareAccess(Parameters.SecurityContext->DesiredAccess, Parameters.ShareAccess, IrpSp->FileObject,
                      &Fcb->ShareAccess);
@@ -91,6 +91,7 @@ void ReplaceFileName(PUNICODE_STRING FileName, const FinalName &Name) {
 // cannot be opened leaves the instance without a directory handle.
 ULONG_PTR OpenParentHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, bool NewParent,
                            NTSTATUS TargetStatus) HOLDING(Fcb->Resource) {
+    NtFsdSameLock(Fcb, Instance);
     PRV_SECURITY Security = &IrpContext->SecurityContext;
     ProviderDirectory Directory(Security);
     const RVSTATUS Result = RVFsdOpenDirectory(Security, Instance->RelatedHandle, Instance->PathLeft, Directory.Out());

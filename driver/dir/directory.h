@@ -73,4 +73,5 @@ NTSTATUS NtFsdTarnwellDirToNtDir(ULONG InfoClass, const DIR_RECORD *Record, UCHA
 // STATUS_NO_MORE_FILES at the end, STATUS_CONNECTION_DISCONNECTED, STATUS_UNEXPECTED_NETWORK_ERROR when the Provider's
 // batch holds what is no record.
 NTSTATUS NtFsdGetNextDirEntry(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, ULONG InfoClass,
-                              UCHAR *Out, ULONG Available, PULONG EntrySize) HOLDING(Instance->SearchLock);
+                              UCHAR *Out, ULONG Available, PULONG EntrySize) HOLDING(Instance->SearchLock)
+    HOLDING_SHARED(Instance->Fcb->Resource);

@@ -135,7 +135,8 @@ constexpr ULONG RoundUp(ULONG Bytes) {
 }
 
 // Packs entries into Buffer until it is full, one is enough, or there is no more. The result of the last step.
-NTSTATUS PackEntries(QUERY &Query, UCHAR *Buffer) HOLDING(Query.Instance->SearchLock) {
+NTSTATUS PackEntries(QUERY &Query, UCHAR *Buffer) HOLDING(Query.Instance->SearchLock)
+    HOLDING_SHARED(Query.Instance->Fcb->Resource) {
     ULONG Offset = 0;
     ULONG Remaining = Query.Length;
     for (;;) {
@@ -183,7 +184,7 @@ bool IsAnswered(const QUERY &Query) HOLDING(Query.Instance->SearchLock) {
 }
 
 // Begins the search when there is none, and packs what fits into the caller's buffer.
-NTSTATUS ListHeld(QUERY &Query) HOLDING(Query.Instance->SearchLock) {
+NTSTATUS ListHeld(QUERY &Query) HOLDING(Query.Instance->SearchLock) HOLDING_SHARED(Query.Instance->Fcb->Resource) {
     NTSTATUS Status = STATUS_SUCCESS;
     if (!NtFsdIsSearching(Query.Instance) || Query.RestartScan) {
         Status = StartSearch(Query);
@@ -258,6 +259,7 @@ NTSTATUS QueryDirectory(PIRP_CONTEXT IrpContext) {
             Hold.Release();
             return NtFsdPostRequest(IrpContext);
         }
+        Hold.HoldsShared(&Query.Instance->Fcb->Resource);
         Refused = CheckHeld(Query);
         if (Refused == STATUS_SUCCESS && NT_SUCCESS(Status)) {
             Status = ListHeld(Query);

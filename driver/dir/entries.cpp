@@ -93,7 +93,8 @@ ULONG WriteDotRecord(UCHAR *At, const RECORD_HEAD &Head, bool WithShortName, ULO
 }
 
 // "." and ".." with the directory's own attributes and times, whether or not the Provider tells them.
-void FillDotEntries(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) HOLDING(Instance->SearchLock) {
+void FillDotEntries(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) HOLDING(Instance->SearchLock)
+    HOLDING_SHARED(Instance->Fcb->Resource) {
     RECORD_HEAD Head = {};
     Ignore(static_cast<NTSTATUS>(RVFsdGetDirectoryInformation(&IrpContext->SecurityContext, Instance->RelatedHandle,
                                                               &Head.Attributes, &Head.CreationTime, &Head.LastWriteTime,
@@ -162,7 +163,8 @@ bool IsEmptyRecord(PINSTANCE_CONTEXT Instance) HOLDING(Instance->SearchLock) {
     return ParseAt(Instance, 0, &Record) && Record.NameBytes == 0;
 }
 
-NTSTATUS FetchBatch(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) HOLDING(Instance->SearchLock) {
+NTSTATUS FetchBatch(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) HOLDING(Instance->SearchLock)
+    HOLDING_SHARED(Instance->Fcb->Resource) {
     NtFsdDebugPrint(TRACE_DIRECTORY, 0, "We need more retrieve more entries for \"%ws\".\n",
                     static_cast<PCWSTR>(Instance->SearchMask));
     PRV_SECURITY Security = &IrpContext->SecurityContext;
@@ -191,7 +193,8 @@ NTSTATUS FetchBatch(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) HOLDING
 }
 
 // Sees to it that there is a current record.
-NTSTATUS EnsureRecord(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) HOLDING(Instance->SearchLock) {
+NTSTATUS EnsureRecord(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance) HOLDING(Instance->SearchLock)
+    HOLDING_SHARED(Instance->Fcb->Resource) {
     if (Instance->InfoCount != 0) {
         return STATUS_SUCCESS;
     }

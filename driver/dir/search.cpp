@@ -109,7 +109,7 @@ VOID NtFsdAnalyzeSearchMask(PFCB Fcb, PINSTANCE_CONTEXT Instance) {
         }
     }
     // Only a directory below a volume has an entry for itself and its parent.
-    Instance->DotEntries = !HasOrdinary && !Fcb->VolumeResolved ? 3 : 0;
+    Instance->DotEntries = !HasOrdinary && !NtFsdReadVolumeResolved(Fcb) ? 3 : 0;
 }
 
 NTSTATUS NtFsdReadLazyCloseConfig() {

@@ -18,7 +18,8 @@ struct RV_IRP_Q {
 static_assert(sizeof(RV_IRP_Q) == 48 && offsetof(RV_IRP_Q, Irp) == 16 && offsetof(RV_IRP_Q, IrpContext) == 24 &&
               offsetof(RV_IRP_Q, IrpLinks) == 32);
 
-extern KSPIN_LOCK g_AsyncIrpQueueLock;                        // also of the decision to start or end a worker
+extern KSPIN_LOCK g_AsyncIrpQueueLock BEHIND(BelowLeaves)
+    BEFORE(BelowSpinLocks);                                   // also of the decision to start or end a worker
 extern LIST_ENTRY g_AsyncIrpQueue UNDER(g_AsyncIrpQueueLock); // oldest first
 extern IO_CSQ g_AsyncIrpCsq;
 extern ULONG g_uAsyncIrpQueueCount UNDER(g_AsyncIrpQueueLock);

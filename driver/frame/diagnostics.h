@@ -111,7 +111,7 @@ VOID NTAPI NtFsdLogWriter(PVOID Context);
 
 inline constexpr ULONG LOG_BUFFER_BYTES = 0x800000;
 
-extern KSPIN_LOCK g_LogBufferLock;
+extern KSPIN_LOCK g_LogBufferLock BEHIND(BelowSpinLocks);
 extern PCHAR g_pLogBuffer UNDER(g_LogBufferLock);
 extern ULONG g_uLogBufferUsed UNDER(g_LogBufferLock);
 

@@ -41,7 +41,7 @@ enum LOCK_STATE : ULONG {
 
 inline constexpr USHORT NODE_TYPE_IRP_CONTEXT = 0x7700;
 
-extern KSPIN_LOCK g_LockRequestsLock; // io/lock_table.cpp
+extern KSPIN_LOCK g_LockRequestsLock BEHIND(BelowLeaves) BEFORE(BelowSpinLocks); // io/lock_table.cpp
 
 struct IRP_CONTEXT {
     USHORT NodeTypeCode;

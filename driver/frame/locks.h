@@ -11,8 +11,8 @@
 //   5. spin locks, each alone: g_AsyncIrpQueueLock, the cancel spin lock, g_BorrowLock (names/borrow.cpp),
 //      g_LockRequestsLock (io/lock_table.cpp), g_OutlivingLock (close/after_teardown.cpp), and under any of
 //      them g_LogBufferLock, since a trace may be made with a spin lock held
-// Resources are acquired and released by name in locks.cpp alone. What the compiler sees of this order is said where a
-// lock is declared (kernel/lock_rules.h).
+// Resources are acquired and released by name in locks.cpp alone. The compiler checks this order at holds of a scope
+// (kernel/lock_rules.h), but for the event, the class mutex and the cancel spin lock, which are no holds.
 #pragma once
 
 #include "frame/memory.h"
@@ -72,6 +72,10 @@ public:
     }
     // Requires that this hold, which was acquired elsewhere, is one of Resource, and tells the analysis so.
     void Holds(PERESOURCE Resource) const HELD_FROM_HERE(Resource) {
+        NtFsdRequire(Resource_ == Resource);
+    }
+    // The same for a hold that may be shared.
+    void HoldsShared(PERESOURCE Resource) const SHARED_FROM_HERE(Resource) {
         NtFsdRequire(Resource_ == Resource);
     }
     // Takes over a hold that was acquired elsewhere (with its critical region).

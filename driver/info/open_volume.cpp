@@ -23,7 +23,7 @@ NTSTATUS NtFsdVolumeOfOpen(PRV_SECURITY Security, PFCB Fcb, PINSTANCE_CONTEXT In
     }
     OwnedString VolumePath;
     ProviderVolume Handle(Security);
-    const NTSTATUS Status =
-        NtFsdTranslateResult(NtFsdOpenVolumeOfPath(Security, Fcb->FullPath.Buffer, VolumePath.Get(), Handle.Out()));
+    const NTSTATUS Status = NtFsdTranslateResult(
+        NtFsdOpenVolumeOfPath(Security, NtFsdStablePath(Fcb)->Buffer, VolumePath.Get(), Handle.Out()));
     return NT_SUCCESS(Status) ? Ask(Security, Handle.Get(), Volume) : Status;
 }

@@ -29,10 +29,10 @@ struct QUERY {
         return &IrpContext->SecurityContext;
     }
     bool IsFile() const {
-        return Fcb->OpenType == OPEN_TYPE_FILE;
+        return NtFsdReadOpenType(Fcb) == OPEN_TYPE_FILE;
     }
     bool IsDirectory() const {
-        return Fcb->OpenType == OPEN_TYPE_DIRECTORY;
+        return NtFsdReadOpenType(Fcb) == OPEN_TYPE_DIRECTORY;
     }
 };
 
@@ -52,7 +52,7 @@ void GatherFile(QUERY &Query) {
     Ignore(RvFsdUpdateFCBFileSize(Query.Fcb, FALSE, static_cast<LONG64>(Facts.EndOfFile), 0), "it cannot fail");
 }
 
-void GatherDirectory(QUERY &Query) {
+void GatherDirectory(QUERY &Query) HOLDING_SHARED(Query.Instance->Fcb->Resource) {
     FACTS &Facts = Query.Facts;
     NtFsdDebugPrint(TRACE_FILE_INFO, 0, "Dir Handle : 0x%x\n", LowPart(Query.Instance->RelatedHandle));
     if (RvIsError(RVFsdGetDirectoryInformation(Query.Security(), Query.Instance->RelatedHandle, &Facts.Attributes,
@@ -160,7 +160,7 @@ NTSTATUS NtFsdFileInternalInfo(const QUERY &Query, AnswerBuffer &Answer) {
 
 // The full path, with the trailing backslash that the open's name had.
 NTSTATUS FillName(const QUERY &Query, AnswerBuffer &Answer) {
-    const UNICODE_STRING &Path = Query.Fcb->FullPath;
+    const UNICODE_STRING &Path = *NtFsdStablePath(Query.Fcb);
     const bool Slash = Query.Instance->TrailingSlash != 0;
     const ULONG NameBytes = Path.Length + (Slash ? sizeof(WCHAR) : 0);
     if (!Answer.Put(NameBytes) || Answer.Remaining() <= 0) {
@@ -292,7 +292,7 @@ NTSTATUS FillClass(const QUERY &Query, ULONG InfoClass, AnswerBuffer &Answer) {
 }
 
 // The query with the FCB's Resource held.
-NTSTATUS AnswerHeld(QUERY &Query, ULONG InfoClass, AnswerBuffer &Answer) {
+NTSTATUS AnswerHeld(QUERY &Query, ULONG InfoClass, AnswerBuffer &Answer) HOLDING_SHARED(Query.Instance->Fcb->Resource) {
     if (Query.IsFile()) {
         GatherFile(Query);
     } else {
@@ -342,6 +342,7 @@ NTSTATUS NtFsdCommonQueryInformation(PIRP_CONTEXT IrpContext) {
         Hold.Release();
         return Refuse(IrpContext, Acquired);
     }
+    Hold.HoldsShared(&Query.Instance->Fcb->Resource);
     AnswerBuffer Answer(Buffer, Length);
     const NTSTATUS Status = AnswerHeld(Query, InfoClass, Answer);
     Hold.Release();

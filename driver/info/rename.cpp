@@ -16,6 +16,7 @@ struct RENAME {
     PFCB TargetFcb;
     PINSTANCE_CONTEXT TargetInstance;
     bool Replace;
+    RVHANDLE TargetHandle = 0;       // that the new name is relative to
     bool CaseOnly = false;           // the object itself bears the new name, in another case
     bool SameName = false;           // the FCB itself bears the new name, which the server may spell otherwise
     bool HasOpenBelow = false;       // a directory with FCBs below it, but for what the rename itself counts in
@@ -136,10 +137,11 @@ struct MOVE {
 };
 
 MOVE MoveOf(RENAME &Rename) {
-    MOVE Move = {0, nullptr, Rename.TargetInstance->RelatedHandle, Rename.NewName->Buffer};
+    MOVE Move = {0, nullptr, Rename.TargetHandle, Rename.NewName->Buffer};
     const PINSTANCE_CONTEXT Source = Rename.Change.Instance;
+    Rename.Change.Hold.Holds(&Source->Fcb->Resource);
     if (Rename.CaseOnly) {
-        Move.SourceBase = Rename.TargetInstance->RelatedHandle;
+        Move.SourceBase = Rename.TargetHandle;
         Move.SourcePath = Rename.CaseOnlySource->Buffer;
     } else {
         Move.SourceBase = Rename.Change.IsDirectory() ? Source->BaseHandle : Source->RelatedHandle;
@@ -175,6 +177,7 @@ RVSTATUS MoveOnce(SET_INFORMATION &Change, const MOVE &Move) {
 
 // Once more with the read-only attribute off, when that is what stands in the way; it is put back whatever came of it.
 RVSTATUS MoveWritable(SET_INFORMATION &Change, const MOVE &Move, RVSTATUS First) {
+    Change.Hold.Holds(&Change.Instance->Fcb->Resource);
     if (!NT_SUCCESS(Change.NeedHandle())) {
         return First;
     }
@@ -234,9 +237,13 @@ RVSTATUS MoveObject(SET_INFORMATION &Change, const MOVE &Move) {
 
 // ---- The rules
 
-// A target that could not be opened as a directory has no handle that the new name could be relative to.
-bool HasTargetHandle(const RENAME &Rename) {
-    return Rename.TargetInstance->DirHandle != 0 || *Rename.TargetInstance->PathLeft == 0;
+// Reads what the new name is relative to. FALSE for a target that could not be opened as a directory: it has no such
+// handle. No FCB's Resource is held.
+bool ReadTargetHandle(RENAME &Rename) {
+    const PINSTANCE_CONTEXT Target = Rename.TargetInstance;
+    const SharedHold Hold(&Target->Fcb->Resource);
+    Rename.TargetHandle = Target->RelatedHandle;
+    return Target->DirHandle != 0 || *Target->PathLeft == 0;
 }
 
 bool IsInTheWay(const RENAME &Rename) {
@@ -261,7 +268,7 @@ NTSTATUS ClaimNewPath(RENAME &Rename) HOLDING(FcbTableResource) {
 }
 
 // Everything that can be known before something is deleted or moved.
-NTSTATUS CheckRules(const RENAME &Rename) {
+NTSTATUS CheckRules(const RENAME &Rename) HOLDING(Rename.Change.Fcb->Resource) {
     if (NtFsdIsVolumeRoot(Rename.Change.Fcb)) {
         return STATUS_INVALID_PARAMETER; // an open has found it out while the Resource was not held
     }
@@ -277,13 +284,14 @@ NTSTATUS ClearTheWay(RENAME &Rename) {
         return STATUS_SUCCESS;
     }
     bool IsItself;
-    NTSTATUS Status = NtFsdLookAtReplaced(Rename.Change.Security(), Rename.Change.Fcb, Rename.Change.Instance,
-                                          Rename.TargetFcb, Rename.TargetInstance, Rename.NewName->Buffer, &IsItself);
+    NTSTATUS Status =
+        NtFsdLookAtReplaced(Rename.Change.Security(), Rename.Change.Fcb, Rename.Change.Instance, Rename.TargetFcb,
+                            Rename.TargetInstance, Rename.TargetHandle, Rename.NewName->Buffer, &IsItself);
     if (!NT_SUCCESS(Status) || IsItself) {
         return Status; // of the file itself the Provider judges the move from one of its names to another
     }
-    Status = NtFsdTranslateResult(
-        RVFsdDeleteFile(Rename.Change.Security(), Rename.TargetInstance->RelatedHandle, Rename.NewName->Buffer));
+    Status =
+        NtFsdTranslateResult(RVFsdDeleteFile(Rename.Change.Security(), Rename.TargetHandle, Rename.NewName->Buffer));
     return Status == STATUS_NO_SUCH_FILE ? STATUS_SUCCESS : Status;
 }
 
@@ -299,8 +307,7 @@ NTSTATUS JudgeMove(const RENAME &Rename, RVSTATUS Result) {
 
 // The rename with FcbTableResource and the FCB's Resource held.
 NTSTATUS RenameHeld(RENAME &Rename) HOLDING(FcbTableResource) {
-    SET_INFORMATION &Change = Rename.Change;
-    Change.Hold.Holds(&Change.Fcb->Resource);
+    Rename.Change.Hold.Holds(&Rename.Change.Fcb->Resource);
     NTSTATUS Status = CheckRules(Rename);
     if (NT_SUCCESS(Status)) {
         Status = ClearTheWay(Rename);
@@ -309,19 +316,19 @@ NTSTATUS RenameHeld(RENAME &Rename) HOLDING(FcbTableResource) {
         return Status;
     }
     const MOVE Move = MoveOf(Rename);
-    Status = JudgeMove(Rename, MoveObject(Change, Move));
+    Status = JudgeMove(Rename, MoveObject(Rename.Change, Move));
     if (!NT_SUCCESS(Status)) {
         return Status;
     }
     NtFsdDebugPrint(TRACE_FILE_INFO, 0, "NtFsdFileSetRenameInfo built path \"%wZ\" for NtFsdRenameFcb.\n",
                     Rename.NewPath.Path());
-    NtFsdRenameFcb(Change.Fcb, Rename.NewPath);
+    NtFsdRenameFcb(Rename.Change.Fcb, Rename.NewPath);
     return Status;
 }
 
 // The rename with FcbTableResource held: no other rename changes a path of an FCB meanwhile.
 NTSTATUS RenameUnderTable(RENAME &Rename) HOLDING(FcbTableResource) {
-    if (!HasTargetHandle(Rename)) {
+    if (!ReadTargetHandle(Rename)) {
         return STATUS_OBJECT_PATH_NOT_FOUND;
     }
     Rename.HasOpenBelow = Rename.Change.IsDirectory() && NtFsdHasFcbBelow(Rename.Source());
@@ -348,7 +355,7 @@ NTSTATUS RenameUnderTable(RENAME &Rename) HOLDING(FcbTableResource) {
 RVHANDLE TakeTargetHandle(const RENAME &Rename) HOLDING(FcbTableResource) {
     const PINSTANCE_CONTEXT Target = Rename.TargetInstance;
     NtFsdRebaseBorrowers(Target, TRUE);
-    const ExclusiveHold Hold(&Rename.TargetFcb->Resource);
+    const ExclusiveHold Hold(&Target->Fcb->Resource);
     const RVHANDLE Handle = Target->DirHandle;
     if (Handle != 0) {
         NtFsdSetDirHandle(Target, 0);
@@ -375,6 +382,7 @@ NTSTATUS NtFsdFileSetRenameInfo(SET_INFORMATION &Change) {
     if (!TargetInstance->IsTarget) {
         return STATUS_INVALID_PARAMETER; // its handle is its owner's, not the rename's to consume
     }
+    Change.Hold.Holds(&Change.Fcb->Resource);
     if (NtFsdIsVolumeRoot(Change.Fcb)) {
         return STATUS_INVALID_PARAMETER; // the root of a volume has no name of its own
     }

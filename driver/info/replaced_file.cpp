@@ -69,7 +69,7 @@ NTSTATUS CompareFiles(PRV_SECURITY Security, RVHANDLE Source, RVHANDLE TargetDir
 } // namespace
 
 NTSTATUS NtFsdLookAtReplaced(PRV_SECURITY Security, PFCB SourceFcb, PINSTANCE_CONTEXT Source, PFCB TargetFcb,
-                             PINSTANCE_CONTEXT Target, PCWSTR NewName, bool *IsItself) {
+                             PINSTANCE_CONTEXT Target, RVHANDLE TargetHandle, PCWSTR NewName, bool *IsItself) {
     *IsItself = false;
     OPEN_VOLUME SourceVolume;
     NTSTATUS Status = NtFsdVolumeOfOpen(Security, SourceFcb, Source, &SourceVolume);
@@ -91,5 +91,5 @@ NTSTATUS NtFsdLookAtReplaced(PRV_SECURITY Security, PFCB SourceFcb, PINSTANCE_CO
     if (!NT_SUCCESS(Status) || !SourceVolume.HasIdentifier() || !TargetVolume.HasIdentifier()) {
         return Status;
     }
-    return CompareFiles(Security, Source->FileHandle, Target->RelatedHandle, NewName, IsItself);
+    return CompareFiles(Security, Source->FileHandle, TargetHandle, NewName, IsItself);
 }

@@ -31,6 +31,7 @@ NTSTATUS NtFsdFileSetBasicInfo(SET_INFORMATION &Change) {
             Change.Security(), Change.Instance->FileHandle, ChangesAttributes ? &Attributes : nullptr,
             TimeOrNull(Basic.CreationTime), TimeOrNull(Basic.LastWriteTime), TimeOrNull(Basic.LastAccessTime)));
     }
+    Change.Hold.Holds(&Change.Instance->Fcb->Resource);
     if (const NTSTATUS Status = Change.NeedHandle(); !NT_SUCCESS(Status)) {
         return Status;
     }

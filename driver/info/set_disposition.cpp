@@ -46,6 +46,7 @@ RVSTATUS ModifyAccess(SET_INFORMATION &Change, ULONG Options) {
 
 // The open's options say whether the server holds the deletion reserved: the close judges by it.
 RVSTATUS ReserveDelete(SET_INFORMATION &Change) {
+    Change.Hold.Holds(&Change.Instance->Fcb->Resource);
     const ULONG Options = Change.Instance->ProviderOptions | RV_OPTION_RESERVE_DELETE;
     const RVSTATUS Result = ModifyAccess(Change, Options);
     if (Result == RVSTATUS::Success) {
@@ -55,6 +56,7 @@ RVSTATUS ReserveDelete(SET_INFORMATION &Change) {
 }
 
 RVSTATUS UnreserveDelete(SET_INFORMATION &Change) {
+    Change.Hold.Holds(&Change.Instance->Fcb->Resource);
     const ULONG Options = Change.Instance->ProviderOptions & ~static_cast<ULONG>(RV_OPTION_RESERVE_DELETE);
     const RVSTATUS Result = ModifyAccess(Change, Options);
     if (!RvIsError(Result)) {
@@ -79,6 +81,7 @@ NTSTATUS ClearDisposition(SET_INFORMATION &Change) {
             return STATUS_ACCESS_DENIED;
         }
     }
+    Change.Hold.Holds(&Change.Fcb->Resource);
     NtFsdClearOpenFlags(Change.Fcb, FCB_STATE_DELETE_DISPOSITION);
     Change.FileObject->DeletePending = FALSE;
     return STATUS_SUCCESS;
@@ -93,6 +96,8 @@ void MarkDisposition(SET_INFORMATION &Change) {
 }
 
 NTSTATUS SetOnDirectory(SET_INFORMATION &Change) {
+    Change.Hold.Holds(&Change.Instance->Fcb->Resource);
+    Change.Hold.Holds(&Change.Fcb->Resource);
     if (Change.Fcb->OpenCount != 1 || NtFsdIsVolumeRoot(Change.Fcb)) {
         return STATUS_CANNOT_DELETE; // others have it open, or it is the root of its volume
     }

@@ -19,14 +19,14 @@ struct SET_INFORMATION {
         return &IrpContext->SecurityContext;
     }
     // Before the first use of a directory's RelatedHandle: one that was created and not opened has its parent's.
-    NTSTATUS NeedHandle() {
+    NTSTATUS NeedHandle() HOLDING(Instance->Fcb->Resource) {
         return IsDirectory() ? NtFsdEnsureDirectoryHandle(IrpContext, Instance) : STATUS_SUCCESS;
     }
     bool IsFile() const {
-        return Fcb->OpenType == OPEN_TYPE_FILE;
+        return NtFsdReadOpenType(Fcb) == OPEN_TYPE_FILE;
     }
     bool IsDirectory() const {
-        return Fcb->OpenType == OPEN_TYPE_DIRECTORY;
+        return NtFsdReadOpenType(Fcb) == OPEN_TYPE_DIRECTORY;
     }
 };
 
@@ -41,4 +41,5 @@ NTSTATUS NtFsdCommonFileSetFileSize(SET_INFORMATION &Change, LONG64 NewSize);
 NTSTATUS NtFsdFileSetRenameInfo(SET_INFORMATION &Change);
 
 // Counts the entries of the first batch of a directory: 0 only when it is empty.
-NTSTATUS NtFsdCountDirectoryEntries(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance, PULONG Count);
+NTSTATUS NtFsdCountDirectoryEntries(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance, PULONG Count)
+    HOLDING_SHARED(Instance->Fcb->Resource);

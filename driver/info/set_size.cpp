@@ -34,6 +34,7 @@ NTSTATUS CheckSpace(SET_INFORMATION &Change, ULONG64 NewSize) {
         "[RVFSD] NtFsdCommonFileSetFileSize for \"%wZ\" requested size %I64u exceeds available %I64u bytes; "
         "STATUS_DISK_FULL.\n",
         &Change.Fcb->FullPath, NewSize, FreeAfterQuota);
+    Change.Hold.Holds(&Change.Instance->Fcb->Resource);
     Change.Instance->DiskFullLatched = TRUE;
     Change.Instance->DiskFullAvailable = FreeAfterQuota;
     Change.Instance->DiskFullTime = NtFsdSystemTime();

@@ -367,12 +367,14 @@ NTSTATUS NtFsdCommonLockControl(PIRP_CONTEXT IrpContext) {
         NtFsdDebugPrint(TRACE_LOCK, 0, "Unable to acquire pFcb resource. Posting...\n");
         return NtFsdPostRequest(IrpContext);
     }
+    const PINSTANCE_CONTEXT Instance = InstanceOf(IrpContext);
+    Hold.Holds(&Instance->Fcb->Resource);
     switch (IrpContext->MinorFunction) {
     case IRP_MN_LOCK:
-        InstanceOf(IrpContext)->LockKey = IrpSp->Parameters.LockControl.Key;
+        Instance->LockKey = IrpSp->Parameters.LockControl.Key;
         return (IrpSp->Flags & SL_FAIL_IMMEDIATELY) ? DecideHeld(IrpContext, Hold) : LockMayWait(IrpContext, Hold);
     case IRP_MN_UNLOCK_SINGLE:
-        IrpSp->Parameters.LockControl.Key = InstanceOf(IrpContext)->LockKey;
+        IrpSp->Parameters.LockControl.Key = Instance->LockKey;
         return DecideHeld(IrpContext, Hold);
     case IRP_MN_UNLOCK_ALL:
     case IRP_MN_UNLOCK_ALL_BY_KEY:

@@ -55,23 +55,23 @@ NTSTATUS ResolveOffset(WRITE &Write) {
 }
 
 // STATUS_DISK_FULL while a refused size of this open is fresh and the write would end beyond what was free then.
-NTSTATUS TestDiskFullLatch(const WRITE &Write) {
-    const PINSTANCE_CONTEXT Instance = Write.Instance;
-    if (!Instance->DiskFullLatched) {
+NTSTATUS TestDiskFullLatch(const WRITE &Write) HOLDING(Write.Instance->Fcb->Resource) {
+    if (!Write.Instance->DiskFullLatched) {
         return STATUS_SUCCESS;
     }
     // A clock that was set back must not keep it for as long.
     const LONG64 Now = NtFsdSystemTime();
-    if (Now < Instance->DiskFullTime || Now - Instance->DiskFullTime >= DISK_FULL_PERIOD) {
-        Instance->DiskFullTime = 0;
-        Instance->DiskFullAvailable = 0;
-        Instance->DiskFullLatched = FALSE;
+    if (Now < Write.Instance->DiskFullTime || Now - Write.Instance->DiskFullTime >= DISK_FULL_PERIOD) {
+        Write.Instance->DiskFullTime = 0;
+        Write.Instance->DiskFullAvailable = 0;
+        Write.Instance->DiskFullLatched = FALSE;
         return STATUS_SUCCESS;
     }
-    if (static_cast<ULONG64>(Write.Offset) + Write.Length <= Instance->DiskFullAvailable) {
+    if (static_cast<ULONG64>(Write.Offset) + Write.Length <= Write.Instance->DiskFullAvailable) {
         return STATUS_SUCCESS;
     }
-    NtFsdDebugPrint(TRACE_WRITE, 0, "  STATUS_DISK_FULL status for File Handle: 0x%x\n", LowPart(Instance->FileHandle));
+    NtFsdDebugPrint(TRACE_WRITE, 0, "  STATUS_DISK_FULL status for File Handle: 0x%x\n",
+                    LowPart(Write.Instance->FileHandle));
     return STATUS_DISK_FULL;
 }
 
@@ -118,7 +118,7 @@ void MarkWritten(const WRITE &Write) {
 }
 
 // The whole transfer, with the FCB's Resource held exclusive.
-NTSTATUS WriteHeld(WRITE &Write) {
+NTSTATUS WriteHeld(WRITE &Write) HOLDING(Write.Instance->Fcb->Resource) {
     NTSTATUS Status = ResolveOffset(Write);
     if (!NT_SUCCESS(Status)) {
         return Status;
@@ -180,6 +180,7 @@ NTSTATUS NtFsdCommonWrite(PIRP_CONTEXT IrpContext) {
     if (!Hold.AcquireExclusive(&Write.Fcb->Resource, IrpContext->MayWait())) {
         return NtFsdPostRequest(IrpContext);
     }
+    Hold.Holds(&Write.Instance->Fcb->Resource);
     const NTSTATUS Status = WriteHeld(Write);
     Hold.Release();
     IrpContext->Information = Write.Count;

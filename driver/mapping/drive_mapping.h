@@ -8,12 +8,15 @@
 #include "frame/locks.h"
 #include "names/strings.h"
 
+extern ERESOURCE g_MappedDeviceResource BEHIND(BelowSearches) BEFORE(BelowLeaves);
+READ_PLACE(MappedDeviceResource, g_MappedDeviceResource);
+
 struct MAPPED_DEVICE {
-    LIST_ENTRY Links; // in g_MappedDeviceList; guarded by g_MappedDeviceResource, what follows never changes
-    RV_SECURITY_CONTEXT SecurityContext; // of whoever mapped it: the owner
-    ULONG MappingOptions;                // the caller's, returned by a query
-    ULONG ConnectionId;                  // the caller's: what a server is unmapped by
-    RVHANDLE VolumeHandle;               // one of the two is 0
+    LIST_ENTRY Links UNDER(g_MappedDeviceResource); // in g_MappedDeviceList; what follows never changes
+    RV_SECURITY_CONTEXT SecurityContext;            // of whoever mapped it: the owner
+    ULONG MappingOptions;                           // the caller's, returned by a query
+    ULONG ConnectionId;                             // the caller's: what a server is unmapped by
+    RVHANDLE VolumeHandle;                          // one of the two is 0
     RVHANDLE DirHandle;
     ULONG DriveNumber;       // 1 is A:
     ULONG LinkedLogonIdLow;  // with LinkedLogonIdHigh the session of the second link
@@ -50,7 +53,6 @@ static_assert(offsetof(MAP_REQUEST, MappingOptions) == 4 && offsetof(MAP_REQUEST
 static_assert(offsetof(MAP_REQUEST, PathLength) == 12 && offsetof(MAP_REQUEST, Utf8) == 16);
 static_assert(offsetof(MAP_REQUEST, Path) == 20);
 
-extern ERESOURCE g_MappedDeviceResource;
 extern LIST_ENTRY g_MappedDeviceList UNDER(g_MappedDeviceResource);
 extern ULONG g_uMappedDeviceCount UNDER(g_MappedDeviceResource); // of records on the list
 

@@ -74,6 +74,8 @@ PFCB NtFsdAllocFcb(PFILE_OBJECT FileObject, PCUNICODE_STRING Path) {
                          static_cast<ULONG>(sizeof(FCB)));
         return nullptr;
     }
+    NtFsdNobodyElse(&FcbTableResource);
+    NtFsdNobodyElse(&Fcb->Resource);
     Fcb->CurrentPath = &Fcb->FirstPath;
     if (Path != nullptr && !NT_SUCCESS(NtFsdUpdateUnicodeString(&Fcb->FirstPath.Path, Path))) {
         NtFsdFreeFcbMemory(Fcb);
@@ -97,7 +99,6 @@ PFCB NtFsdAllocFcb(PFILE_OBJECT FileObject, PCUNICODE_STRING Path) {
     if (FileObject != nullptr) {
         FileObject->SectionObjectPointer = &Fcb->SectionObjectPointers;
     }
-    NtFsdNobodyElse(&FcbTableResource);
     Fcb->PrefixState = PREFIX_STATE_NEVER_INSERTED;
     InitializeListHead(&Fcb->InstanceList);
     InitializeListHead(&Fcb->NotifyList);
@@ -116,6 +117,7 @@ VOID NtFsdFreeFcbMemory(PFCB Fcb) {
     if (Fcb == nullptr) {
         return;
     }
+    NtFsdNobodyElse(&FcbTableResource);
     for (PATH_RECORD *Record = Fcb->CurrentPath; Record != nullptr;) {
         PATH_RECORD *Older = Record->Older;
         NtFsdFreeUnicodeString(&Record->Path);

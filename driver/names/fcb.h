@@ -11,7 +11,6 @@
 
 extern UNICODE_PREFIX_TABLE FcbPrefixTable UNDER(FcbTableResource);
 extern ULONG FcbPrefixCount UNDER(FcbTableResource);
-extern ERESOURCE FcbListResource BEHIND(FcbTableResource);
 extern LIST_ENTRY FcbList UNDER(FcbListResource);
 extern ULONG FcbCount UNDER(FcbListResource);
 extern PFCB DriverFcb;
@@ -27,13 +26,13 @@ PFCB NtFsdAllocFcb(PFILE_OBJECT FileObject, PCUNICODE_STRING Path);
 inline PATH_RECORD *NtFsdReadCurrentPath(const FCB *Fcb) {
     return __atomic_load_n(&Fcb->CurrentPath, __ATOMIC_ACQUIRE);
 }
-inline VOID NtFsdSetCurrentPath(PFCB Fcb, PATH_RECORD *Record) {
+inline VOID NtFsdSetCurrentPath(PFCB Fcb, PATH_RECORD *Record) HOLDING(FcbTableResource, Fcb->Resource) {
     __atomic_store_n(&Fcb->CurrentPath, Record, __ATOMIC_RELEASE);
 }
 inline ULONG NtFsdReadPathChanges(const FCB *Fcb) {
     return __atomic_load_n(&Fcb->PathChanges, __ATOMIC_ACQUIRE);
 }
-inline VOID NtFsdCountPathChange(PFCB Fcb) {
+inline VOID NtFsdCountPathChange(PFCB Fcb) HOLDING(FcbTableResource, Fcb->Resource) {
     __atomic_store_n(&Fcb->PathChanges, Fcb->PathChanges + 1, __ATOMIC_RELEASE);
 }
 
@@ -81,7 +80,7 @@ NTSTATUS NtFsdUnderCurrentPath(PFCB Related, ATTEMPT &&Attempt) {
 
 // TRUE when Fcb is the root of a volume as far as the driver knows, however its opens name it: such a one is neither
 // renamed nor deleted. Resource held.
-bool NtFsdIsVolumeRoot(const FCB *Fcb) UNCHECKED_LOCKS;
+bool NtFsdIsVolumeRoot(const FCB *Fcb) HOLDING_SHARED(Fcb->Resource);
 
 // Frees the paths and the block of an FCB that is not set up, or not any more; NULL is ignored.
 VOID NtFsdFreeFcbMemory(PFCB Fcb);
@@ -117,7 +116,7 @@ PFCB NtFsdFindFcb(PUNICODE_STRING Path, PUNICODE_STRING Remaining) HOLDING_SHARE
 VOID NtFsdInitializeFcbTable();
 
 // Takes Fcb out of the prefix table if it is in it. FcbTableResource and its Resource held, or no request in flight.
-VOID NtFsdRemovePrefix(PFCB Fcb) HOLDING(FcbTableResource);
+VOID NtFsdRemovePrefix(PFCB Fcb) HOLDING(FcbTableResource, Fcb->Resource);
 
 // Finds the FCB of exactly Path or creates it. On success Hold holds its Resource exclusive and OpenCount is one
 // higher. STATUS_RETRY, with nothing done, when Source, which Path was composed of, has another path by now.
@@ -221,6 +220,12 @@ private:
     RV_SECURITY_CONTEXT Own_;
 };
 
+// Tells the analysis that what is held of Fcb is the lock of Instance, an open of Fcb.
+inline VOID NtFsdSameLock(const FCB *Fcb, const INSTANCE_CONTEXT *Instance) HOLDING(Fcb->Resource)
+    HELD_FROM_HERE(Instance->Fcb->Resource) {
+    NtFsdRequire(Instance->Fcb == Fcb);
+}
+
 // ---- What is also read without the lock that it is written under ---------------------------------------------------
 //
 // Written with the FCB's Resource held exclusively.
@@ -229,7 +234,7 @@ private:
 inline ULONG NtFsdReadOpenType(const FCB *Fcb) {
     return __atomic_load_n(&Fcb->OpenType, __ATOMIC_RELAXED);
 }
-inline VOID NtFsdSetOpenType(PFCB Fcb, ULONG OpenType) {
+inline VOID NtFsdSetOpenType(PFCB Fcb, ULONG OpenType) HOLDING(Fcb->Resource) {
     if (NtFsdReadOpenType(Fcb) != OpenType) {
         __atomic_store_n(&Fcb->OpenType, OpenType, __ATOMIC_RELAXED);
     }
@@ -239,10 +244,10 @@ inline VOID NtFsdSetOpenType(PFCB Fcb, ULONG OpenType) {
 inline ULONG NtFsdReadOpenFlags(const FCB *Fcb) {
     return __atomic_load_n(&Fcb->OpenFlags, __ATOMIC_RELAXED);
 }
-inline VOID NtFsdSetOpenFlags(PFCB Fcb, ULONG Bits) {
+inline VOID NtFsdSetOpenFlags(PFCB Fcb, ULONG Bits) HOLDING(Fcb->Resource) {
     __atomic_store_n(&Fcb->OpenFlags, Fcb->OpenFlags | Bits, __ATOMIC_RELAXED);
 }
-inline VOID NtFsdClearOpenFlags(PFCB Fcb, ULONG Bits) {
+inline VOID NtFsdClearOpenFlags(PFCB Fcb, ULONG Bits) HOLDING(Fcb->Resource) {
     __atomic_store_n(&Fcb->OpenFlags, Fcb->OpenFlags & ~Bits, __ATOMIC_RELAXED);
 }
 
@@ -250,7 +255,7 @@ inline VOID NtFsdClearOpenFlags(PFCB Fcb, ULONG Bits) {
 inline UCHAR NtFsdReadVolumeResolved(const FCB *Fcb) {
     return __atomic_load_n(&Fcb->VolumeResolved, __ATOMIC_RELAXED);
 }
-inline VOID NtFsdSetVolumeResolved(PFCB Fcb, UCHAR Resolved) {
+inline VOID NtFsdSetVolumeResolved(PFCB Fcb, UCHAR Resolved) HOLDING(Fcb->Resource) {
     __atomic_store_n(&Fcb->VolumeResolved, Resolved, __ATOMIC_RELAXED);
 }
 
@@ -258,13 +263,13 @@ inline VOID NtFsdSetVolumeResolved(PFCB Fcb, UCHAR Resolved) {
 inline RVHANDLE NtFsdReadDirHandle(const INSTANCE_CONTEXT *Instance) {
     return __atomic_load_n(&Instance->DirHandle, __ATOMIC_RELAXED);
 }
-inline VOID NtFsdSetDirHandle(PINSTANCE_CONTEXT Instance, RVHANDLE Handle) {
+inline VOID NtFsdSetDirHandle(PINSTANCE_CONTEXT Instance, RVHANDLE Handle) HOLDING(Instance->Fcb->Resource) {
     __atomic_store_n(&Instance->DirHandle, Handle, __ATOMIC_RELAXED);
 }
 inline PWSTR NtFsdReadPathLeft(const INSTANCE_CONTEXT *Instance) {
     return __atomic_load_n(&Instance->PathLeft, __ATOMIC_ACQUIRE);
 }
-inline VOID NtFsdSetPathLeft(PINSTANCE_CONTEXT Instance, PWSTR Path) {
+inline VOID NtFsdSetPathLeft(PINSTANCE_CONTEXT Instance, PWSTR Path) HOLDING(Instance->Fcb->Resource) {
     __atomic_store_n(&Instance->PathLeft, Path, __ATOMIC_RELEASE);
 }
 
@@ -288,7 +293,8 @@ inline bool NtFsdIsFcb(const void *FsContext) {
 // Opens the directory's own handle for an instance that a create made without one (it created the directory but did not
 // open it), so that no request acts on the parent's handle. Resource held exclusive. A no-op when there is a DirHandle
 // or the instance is a volume root. Returns the translated status of the open.
-NTSTATUS NtFsdEnsureDirectoryHandle(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance);
+NTSTATUS NtFsdEnsureDirectoryHandle(PIRP_CONTEXT IrpContext, PINSTANCE_CONTEXT Instance)
+    HOLDING(Instance->Fcb->Resource);
 
 // Acquires Fcb's Resource for a request that uses the open's handle: shared, or exclusive when asked for or when a
 // directory's own handle has to be opened first, which is done. STATUS_CANT_WAIT when it is busy and the request may
@@ -306,8 +312,8 @@ RVHANDLE NtFsdHandleToLend(PINSTANCE_CONTEXT Instance);
 // Lender's file object.
 VOID NtFsdBorrowFrom(PINSTANCE_CONTEXT Lender, PINSTANCE_CONTEXT Borrower);
 
-// Names the object of Instance by the whole FullPath of its FCB, whose Resource is held.
-VOID NtFsdNameByFullPath(PINSTANCE_CONTEXT Instance);
+// Names the object of Instance by the whole FullPath of its FCB.
+VOID NtFsdNameByFullPath(PINSTANCE_CONTEXT Instance) HOLDING(Instance->Fcb->Resource);
 
 // Ends whatever Instance borrows, before it is freed.
 VOID NtFsdEndBorrowing(PINSTANCE_CONTEXT Instance);

@@ -7,7 +7,9 @@
 //                                              InstanceList ---> INSTANCE_CONTEXT (Provider handles, PathLeft)
 //
 // The order of locks stands in frame/locks.h. Here:
-//   FcbTableResource guards FcbPrefixTable and FcbPrefixCount; with the FCB's Resource it guards OpenCount.
+//   FcbTableResource guards FcbPrefixTable and FcbPrefixCount. OpenCount and what a rename changes (FullPath and the
+//   current path, BaseHandle and PathLeft of the opens) are changed with it and the FCB's Resource, both exclusive, so
+//   that either keeps them still.
 //   An FCB's Resource guards its fields, its InstanceList and its instances. The FCB lives while OpenCount is not 0, so
 //   whoever has an instance may drop the Resource and take it again.
 //   FcbListResource guards FcbList and FcbCount.
@@ -23,10 +25,10 @@
 #include "names/strings.h"
 #include "provider/provider_interface.h"
 
-extern ERESOURCE FcbTableResource;
-extern KSPIN_LOCK g_BorrowLock;       // names/borrow.cpp
-extern KSPIN_LOCK g_OutlivingLock;    // close/after_teardown.cpp
-extern KSPIN_LOCK g_LockRequestsLock; // io/lock_table.cpp
+extern ERESOURCE FcbTableResource BEFORE(BelowTable);
+extern ERESOURCE FcbListResource BEHIND(BelowSearches) BEFORE(BelowLeaves);
+extern KSPIN_LOCK g_BorrowLock BEHIND(BelowLeaves) BEFORE(BelowSpinLocks);    // names/borrow.cpp
+extern KSPIN_LOCK g_OutlivingLock BEHIND(BelowLeaves) BEFORE(BelowSpinLocks); // close/after_teardown.cpp
 
 enum OPEN_TYPE : ULONG {
     OPEN_TYPE_DEVICE = 1,
@@ -73,19 +75,19 @@ struct FCB {
     FSRTL_ADVANCED_FCB_HEADER Header; // its sizes: under Resource
     SECTION_OBJECT_POINTERS SectionObjectPointers;
     ULONG NodeTypeCode;
-    LIST_ENTRY FcbLinks; // under FcbListResource
+    LIST_ENTRY FcbLinks UNDER(FcbListResource);
     FAST_MUTEX HeaderMutex;
-    ERESOURCE Resource BEHIND(FcbTableResource);
+    ERESOURCE Resource BEHIND(BelowTable) BEFORE(BelowFcbs);
     ERESOURCE PagingIoResource;
     // Under Resource.
     LIST_ENTRY NotifyList UNDER(Resource);
     PNOTIFY_SYNC NotifySync UNDER(Resource);
-    ULONG OpenType;  // OPEN_TYPE
-    ULONG OpenFlags; // FCB_STATE
-    ULONG OpenCount; // changed under FcbTableResource and Resource
+    ULONG OpenType UNDER(Resource);  // OPEN_TYPE
+    ULONG OpenFlags UNDER(Resource); // FCB_STATE
+    ULONG OpenCount UNDER(Resource); // changed under FcbTableResource and Resource
     ULONG UncleanCount UNDER(Resource);
-    UNICODE_STRING FullPath; // owned; changed under FcbTableResource and Resource
-    UCHAR VolumeResolved;
+    UNICODE_STRING FullPath UNDER(Resource); // owned; changed under FcbTableResource and Resource
+    UCHAR VolumeResolved UNDER(Resource);
     SHARE_ACCESS ShareAccess UNDER(Resource);
     USHORT PrefixState UNDER(FcbTableResource);
     UNICODE_PREFIX_TABLE_ENTRY PrefixEntry UNDER(FcbTableResource);
@@ -93,45 +95,47 @@ struct FCB {
     FILE_LOCK FileLock; // its own lock
     // Ours.
     UCHAR FileLockInitialized UNDER(Resource);
-    UCHAR HasWaiters;                       // whether NotifyList holds anything, for readers without Resource
+    UCHAR HasWaiters UNDER(Resource);       // whether NotifyList holds anything, for readers without Resource
     UCHAR VolumeRoot UNDER(Resource);       // an open found that FullPath is the path of a volume
     LIST_ENTRY *LockGrants UNDER(Resource); // while an unlock is under way: collects the waiting locks that it grants
     LIST_ENTRY LockRequests
         UNDER(g_LockRequestsLock); // locks that may wait, until the server is told of them (io/lock_table.h)
     PATH_RECORD FirstPath;
-    PATH_RECORD *CurrentPath;                      // FullPath is its Path
-    PARENT_RECORD *Parent UNDER(FcbTableResource); // counts it while it is in the prefix table
-    ULONG PathChanges;                             // how often FullPath has changed; written after CurrentPath
-    ULONG OldPathBytes UNDER(FcbTableResource);    // of the paths that FullPath was before
+    PATH_RECORD *CurrentPath UNDER(FcbTableResource); // FullPath is its Path
+    PARENT_RECORD *Parent UNDER(FcbTableResource);    // counts it while it is in the prefix table
+    ULONG PathChanges UNDER(FcbTableResource);        // how often FullPath has changed; written after CurrentPath
+    ULONG OldPathBytes UNDER(FcbTableResource);       // of the paths that FullPath was before
     // Whose wish the pending deletion is, by the flag that asks for it.
     RV_SECURITY_CONTEXT DeleteOnCloseOwner UNDER(Resource);
     RV_SECURITY_CONTEXT DispositionOwner UNDER(Resource);
 };
 typedef FCB *PFCB;
+READ_PLACE(FcbListResource, FcbListResource);
+READ_PLACE(FcbResource, Fcb.Resource, FCB &Fcb);
 
-// One open. Under the FCB's Resource, except where said: which of these fields that is the compiler cannot check, as it
-// does not know an instance's FCB for the one that is held.
+// One open. What stands under no lock is set by the open's create, before its file object can be used, and stays; the
+// close clears VolumeHandle.
 struct INSTANCE_CONTEXT {
     ULONG NodeTypeCode;
     PFILE_OBJECT FileObject UNDER(g_OutlivingLock); // NULL once its close has come
-    LIST_ENTRY Links;
-    RVHANDLE RelatedHandle; // names below this open are relative to it
-    RVHANDLE BaseHandle;    // PathLeft is relative to it; 0: PathLeft is absolute
+    LIST_ENTRY Links UNDER(Fcb->Resource);
+    RVHANDLE RelatedHandle UNDER(Fcb->Resource); // names below this open are relative to it
+    RVHANDLE BaseHandle UNDER(Fcb->Resource);    // PathLeft is relative to it; 0: PathLeft is absolute
     RVHANDLE FileHandle;
-    RVHANDLE DirHandle;
+    RVHANDLE DirHandle UNDER(Fcb->Resource);
     RVHANDLE VolumeHandle;
-    PWSTR PathLeft; // into the FCB's FullPath buffer
-    ULONG LockKey;
+    PWSTR PathLeft UNDER(Fcb->Resource); // into the FCB's FullPath buffer
+    ULONG LockKey UNDER(Fcb->Resource);
     ULONG ProviderAccess;
     ULONG ShareMode;
-    ULONG ProviderOptions;
+    ULONG ProviderOptions UNDER(Fcb->Resource);
     UCHAR TargetMissing;
-    UCHAR DiskFullLatched;
-    LONG64 DiskFullTime;
-    ULONG64 DiskFullAvailable;
+    UCHAR DiskFullLatched UNDER(Fcb->Resource);
+    LONG64 DiskFullTime UNDER(Fcb->Resource);
+    ULONG64 DiskFullAvailable UNDER(Fcb->Resource);
     UCHAR TrailingSlash;
     // Directory listing. EnumBuffer and SearchMask are owned; SearchInitialized is also read without the lock.
-    UCHAR SearchInitialized;
+    UCHAR SearchInitialized UNDER(SearchLock);
     UCHAR Wildcard UNDER(SearchLock);
     ULONG DotEntries UNDER(SearchLock);
     PVOID EnumBuffer UNDER(SearchLock);
@@ -150,13 +154,14 @@ struct INSTANCE_CONTEXT {
     LIST_ENTRY Borrowers UNDER(g_BorrowLock);
     LIST_ENTRY BorrowLinks UNDER(g_BorrowLock);
     // Ours, of the listing. SearchLock serialises the queries of one open, which share the FCB's Resource.
-    KEVENT SearchLock;
+    KEVENT SearchLock BEHIND(BelowFcbs) BEFORE(BelowSearches);
     UCHAR ExactAnswered UNDER(SearchLock); // a search without wildcards has handed out its entry
     UCHAR BatchBroken UNDER(SearchLock);   // what follows the records counted in InfoCount is no record
     UCHAR IsTarget;                        // opened as the directory of a rename's target
     RV_SECURITY_CONTEXT Opener;
 };
 typedef INSTANCE_CONTEXT *PINSTANCE_CONTEXT;
+READ_PLACE(SearchLock, Instance.SearchLock, INSTANCE_CONTEXT &Instance);
 
 // The fields keep the order in which they are listed: each begins after the one before it.
 static_assert(offsetof(FCB, Header) == 0 && offsetof(FCB, SectionObjectPointers) == sizeof(FSRTL_ADVANCED_FCB_HEADER));

@@ -5,7 +5,7 @@
 namespace {
 
 // Puts Fcb into the prefix table under its FullPath, which no FCB there has. FALSE when the table refuses it.
-bool InsertPrefix(PFCB Fcb) HOLDING(FcbTableResource) {
+bool InsertPrefix(PFCB Fcb) HOLDING(FcbTableResource, Fcb->Resource) {
     if (!RtlInsertUnicodePrefix(&FcbPrefixTable, &Fcb->CurrentPath->Path, &Fcb->PrefixEntry)) {
         return false;
     }
@@ -28,7 +28,7 @@ void TraceFind(PUNICODE_STRING Path, PFCB Fcb) HOLDING_SHARED(FcbTableResource) 
     const WideText Sought = {Path->Buffer, Path->Length / 2u};
     NtFsdDebugPrint(TRACE_FCB, 0, "   Trying to find : %ls\n", Sought);
     if (Fcb != nullptr) {
-        NtFsdDebugPrint(TRACE_FCB, 0, "   Found          : %ls\n", static_cast<PCWSTR>(Fcb->FullPath.Buffer));
+        NtFsdDebugPrint(TRACE_FCB, 0, "   Found          : %ls\n", static_cast<PCWSTR>(NtFsdStablePath(Fcb)->Buffer));
     } else {
         NtFsdDebugPrint(TRACE_FCB, 0, "   Didn't find it.\n");
     }
@@ -96,6 +96,7 @@ NTSTATUS AllocateForOpen(PIRP_CONTEXT IrpContext, PUNICODE_STRING Path, PUNICODE
         return STATUS_INSUFFICIENT_RESOURCES;
     }
     (*Fcb)->Parent = Parent;
+    NtFsdNobodyElse(&(*Fcb)->Resource);
     NtFsdSetOpenType(*Fcb, OPEN_TYPE_UNKNOWN);
     return STATUS_SUCCESS;
 }
@@ -157,6 +158,7 @@ namespace {
 void RepointInstances(PFCB Fcb) HOLDING(FcbTableResource, Fcb->Resource) {
     for (PLIST_ENTRY Link = Fcb->InstanceList.Flink; Link != &Fcb->InstanceList; Link = Link->Flink) {
         const auto Instance = CONTAINING_RECORD(Link, INSTANCE_CONTEXT, Links);
+        NtFsdSameLock(Fcb, Instance);
         NtFsdNameByFullPath(Instance);
     }
 }
@@ -252,7 +254,7 @@ VOID NtFsdDumpPrefixTable() {
         // Without the FCB's Resource, under which waiters come and go: for the trace this is good enough.
         if (NtFsdReadHasWaiters(Fcb)) {
             NtFsdDebugPrint(TRACE_PREFIX_DUMP, 0, "%d: FCB: 0x%p - %ws\n", Counter++, Fcb,
-                            static_cast<PCWSTR>(Fcb->FullPath.Buffer));
+                            static_cast<PCWSTR>(NtFsdStablePath(Fcb)->Buffer));
         }
     }
 }

@@ -61,7 +61,8 @@ bool EndsComponent(PCUNICODE_STRING Path, ULONG Units) {
 }
 
 // Opens the volume of the FCB's path and finds how many characters of the path it covers.
-RVSTATUS OpenVolumeOf(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, PULONG VolumeUnits) {
+RVSTATUS OpenVolumeOf(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance, PULONG VolumeUnits)
+    HOLDING(Fcb->Resource) {
     RV_SECURITY_CONTEXT *Security = &IrpContext->SecurityContext;
     if (NtFsdCountPathComponents(&Fcb->FullPath, 3) < 3) {
         *VolumeUnits = Fcb->FullPath.Length / sizeof(WCHAR);
@@ -76,7 +77,8 @@ RVSTATUS OpenVolumeOf(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Insta
 
 // Makes the open relative to its volume. When the volume cannot be opened, or its path is no leading part of the FCB's,
 // the object is named by its full path; create finds out through its own calls.
-void SplitAgainstVolume(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance) HOLDING(Fcb->Resource) {
+void SplitAgainstVolume(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Instance)
+    HOLDING(Fcb->Resource, Instance->Fcb->Resource) {
     ULONG VolumeUnits = 0;
     const RVSTATUS Result = OpenVolumeOf(IrpContext, Fcb, Instance, &VolumeUnits);
     NtFsdDebugPrint(TRACE_FCB, 0, " Open Vol \"%wZ\", handle=0x%x, status=0x%x.\n", &Fcb->FullPath,
@@ -106,7 +108,7 @@ void SplitAgainstVolume(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONTEXT Ins
 // no handle of its own directory (it created it and did not open it, or has been renamed) the full path is right,
 // whatever its other handles name.
 void NameRelative(const RELATED_OPEN &Related, PUNICODE_STRING Name, PFCB Fcb, PINSTANCE_CONTEXT Instance)
-    HOLDING(Fcb->Resource) {
+    HOLDING(Fcb->Resource, Instance->Fcb->Resource) {
     if (!Fcb->VolumeRoot) {
         NtFsdSetVolumeResolved(Fcb, NtFsdReadVolumeResolved(Related.Fcb));
     }
@@ -183,6 +185,7 @@ NTSTATUS OpenOnce(PIRP_CONTEXT IrpContext, const RELATED_OPEN &Related, const PA
         NtFsdSetOpenFlags(Found.Fcb, FCB_STATE_NOT_FOUND_AT_OPEN);
     }
     Found.Instance->Fcb = Found.Fcb;
+    NtFsdSameLock(Found.Fcb, Found.Instance.Get());
     NtFsdSetPathLeft(Found.Instance.Get(), Found.Fcb->FullPath.Buffer);
     if (Related.Fcb == nullptr || Name->Length == 0) {
         SplitAgainstVolume(IrpContext, Found.Fcb, Found.Instance.Get());

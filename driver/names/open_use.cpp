@@ -68,5 +68,6 @@ NTSTATUS NtFsdAcquireForHandle(PIRP_CONTEXT IrpContext, PFCB Fcb, PINSTANCE_CONT
     if (!Hold.AcquireExclusive(&Fcb->Resource, Wait)) {
         return STATUS_CANT_WAIT;
     }
+    Hold.Holds(&Instance->Fcb->Resource);
     return LacksDirectoryHandle(Fcb, Instance) ? NtFsdEnsureDirectoryHandle(IrpContext, Instance) : STATUS_SUCCESS;
 }

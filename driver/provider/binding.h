@@ -12,7 +12,8 @@ extern RVPL_MUTEX g_hClassMutex;
 extern BOOLEAN g_bClassFactoryReady;
 extern LONG g_bFrameworkBound;
 extern LONG g_bFrameworkBindFailed;
-extern ERESOURCE g_FrameworkInitResource;
+extern ERESOURCE g_FrameworkInitResource BEHIND(BelowSearches) BEFORE(BelowLeaves);
+READ_PLACE(FrameworkInitResource, g_FrameworkInitResource);
 
 // STATUS_SUCCESS once the framework is bound, binding it when this is the first request; STATUS_UNSUCCESSFUL before
 // start-up has finished, after a failed attempt (never retried) and after teardown. May wait for another thread that
