@@ -19,6 +19,23 @@ int OpenToRead(int Fd) {
 
 } // namespace
 
+bool IsEmptyDirectory(int Fd) {
+    const UniqueFd Own(OpenToRead(Fd));
+    alignas(dirent64) char Buffer[2048];
+    ssize_t Size = -1;
+    while (Own && (Size = getdents64(Own.Get(), Buffer, sizeof Buffer)) > 0) {
+        for (ssize_t At = 0; At < Size;) {
+            const auto *Item = reinterpret_cast<const dirent64 *>(Buffer + At);
+            const std::string_view Name(Item->d_name);
+            if (Name != "." && Name != "..") {
+                return false;
+            }
+            At += Item->d_reclen;
+        }
+    }
+    return Size == 0;
+}
+
 int ReadDirectory(int Fd, void (*Each)(void *Context, std::string_view Name, unsigned char Type), void *Context) {
     const UniqueFd Own(OpenToRead(Fd));
     if (!Own) {

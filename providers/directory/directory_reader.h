@@ -14,6 +14,9 @@ template <class Visitor>
 int ReadDirectory(int Fd, Visitor Each);
 int ReadDirectory(int Fd, void (*Each)(void *Context, std::string_view Name, unsigned char Type), void *Context);
 
+// Whether the directory open as Fd was read to its end and has no entries.
+bool IsEmptyDirectory(int Fd);
+
 // Whether the directory itself finds names in any case, so that one that it does not find is not there.
 bool FoldsCase(int Fd);
 

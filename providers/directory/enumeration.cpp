@@ -11,6 +11,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 
+#include "providers/directory/directory_reader.h"
 #include "providers/directory/names.h"
 #include "providers/directory/state.h"
 
@@ -211,6 +212,11 @@ RVSTATUS Enumerate(State &Provider, RVHANDLE Directory, PCWSTR Mask, const Reque
     }
     auto &Folder = static_cast<FolderObject &>(*Found);
     if (Key == 0 && Wanted.OneBatch) {
+        // Who removes a directory asks whether it is empty: it is not watched for that, nor its names kept.
+        const bool AllOf = Mask == nullptr || MatchesEverything(Mask);
+        if (AllOf && !Folder.Volume->Names.Knows(Folder.Ref()) && IsEmptyDirectory(Folder.Fd())) {
+            return Serve(Folder, {}, 0, Wanted);
+        }
         // Not kept, so that it costs no running search its place.
         Listing Once;
         Once.Tag = UnkeptTag;

@@ -138,11 +138,8 @@ bool LeadsToDirectory(const Place &At, const Resolved &Found, const struct stat 
 // A file tells by its mode that it is read-only, a directory by what is kept with it.
 RVSTATUS CheckErasable(State &Provider, int Parent, const std::string &Name, const struct stat &Stat) {
     if (S_ISDIR(Stat.st_mode)) {
-        Metadata Data;
-        if (const RVSTATUS Status = ReadEntryMetadata(Parent, Name.c_str(), Data); RvIsError(Status)) {
-            return Status;
-        }
-        return (Data.Attributes & RV_ATTR_READONLY) != 0 ? RVSTATUS::AccessDenied : RVSTATUS::Success;
+        const ULONG Attributes = KeptAttributesOf(Parent, Name.c_str(), Stat);
+        return (Attributes & RV_ATTR_READONLY) != 0 ? RVSTATUS::AccessDenied : RVSTATUS::Success;
     }
     return IsReadOnlyMode(Stat.st_mode) ? RVSTATUS::AccessDenied : Provider.Nodes.CheckDelete(KeyOf(Stat));
 }

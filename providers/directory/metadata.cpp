@@ -104,11 +104,10 @@ Record ReadRecord(int Fd) {
     return Out;
 }
 
-// The record of the object with this status: as it is remembered, or as Read(value, size) reads it.
+// The record of the object that was last changed at that time, in nanoseconds: as it is remembered, or as
+// Read(value, size) reads it.
 template <class Reader>
-Record RecordOf(const struct statx &Stat, Reader Read) {
-    const ObjectKey Key = {makedev(Stat.stx_dev_major, Stat.stx_dev_minor), Stat.stx_ino};
-    const int64_t Changed = Stat.stx_ctime.tv_sec * 1'000'000'000 + Stat.stx_ctime.tv_nsec;
+Record RecordOf(const ObjectKey &Key, int64_t Changed, Reader Read) {
     Record Out;
     if (KeptAttributes Known; Recall(Key, Changed, Known)) {
         Out.Attributes = Known.Attributes;
@@ -126,6 +125,12 @@ Record RecordOf(const struct statx &Stat, Reader Read) {
         Remember(Key, Changed, Began, {Out.Attributes, Out.WriteBits, Out.HasCreation != 0, Out.Creation});
     }
     return Out;
+}
+
+template <class Reader>
+Record RecordOf(const struct statx &Stat, Reader Read) {
+    return RecordOf({makedev(Stat.stx_dev_major, Stat.stx_dev_minor), Stat.stx_ino},
+                    Stat.stx_ctime.tv_sec * 1'000'000'000 + Stat.stx_ctime.tv_nsec, Read);
 }
 
 int WriteRecord(int Fd, const Record &Value) {
@@ -273,6 +278,12 @@ RVSTATUS ReadEntryMetadata(int Fd, const char *Name, Metadata &Out) {
     }
     Fill(Stat, Value, Out);
     return RVSTATUS::Success;
+}
+
+ULONG KeptAttributesOf(int Fd, const char *Name, const struct stat &Stat) {
+    const Record Value = RecordOf(KeyOf(Stat), Stat.st_ctim.tv_sec * 1'000'000'000 + Stat.st_ctim.tv_nsec,
+                                  [&](void *Bytes, size_t Size) { return ReadEntryRecord(Fd, Name, Bytes, Size); });
+    return Value.Attributes & RV_ATTR_SETTABLE;
 }
 
 RVSTATUS ChangeMetadata(int Fd, const MetadataChange &Change) {

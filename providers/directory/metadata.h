@@ -36,6 +36,9 @@ RVSTATUS ReadMetadata(int Fd, bool NamesOnly, Metadata &Out);
 // Of the entry Name of the directory Fd, the entry itself when it is a link.
 RVSTATUS ReadEntryMetadata(int Fd, const char *Name, Metadata &Out);
 
+// The attributes that are kept with that entry, which has just had the status Stat and is no link.
+ULONG KeptAttributesOf(int Fd, const char *Name, const struct stat &Stat);
+
 // Sets through the descriptor, which may be an O_PATH one. CODE_NOT_SUPPORTED when the file system cannot keep an
 // attribute that is asked for, InvalidParameter for a time that is negative or that it cannot keep.
 RVSTATUS ChangeMetadata(int Fd, const MetadataChange &Change);

@@ -77,6 +77,10 @@ public:
 
     // The names of the directory Dir that FoldedMask takes, sorted by their folded form.
     RVSTATUS List(const DirectoryRef &Dir, std::u16string_view FoldedMask, bool WithShort, NameList &Out);
+    // Whether the names of Dir were read and are kept right.
+    bool Knows(const DirectoryRef &Dir) {
+        return KnownIndex(Dir.Key) != nullptr;
+    }
     // Whether Short leads to the entry Native of Dir.
     bool LeadsTo(const DirectoryRef &Dir, std::u16string_view Short, std::string_view Native);
 

@@ -1,6 +1,7 @@
 // Operations on volumes, and those that take a handle of any kind: slots 3 to 7, 27, 48 and 49.
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstring>
 
 #include <fcntl.h>
@@ -118,6 +119,38 @@ RVSTATUS NTAPI GetFileId(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG64 *FileId)
     return RVSTATUS::Success;
 }
 
+// An entry and the directory that holds it, as they can be asked about.
+struct EntryPlace {
+    UniqueFd Opened;
+    int From = -1;
+    std::string Entry; // below From, as is the directory
+    std::string Holder;
+};
+
+// Looks at the entry of that path below the root. Where the way to its directory is known to be plain nothing is opened
+// for it: the path leads to the same, and only questions are asked by it.
+RVSTATUS LookAtErased(Export &In, const std::string &FromRoot, EntryPlace &Out, struct stat &Stat) {
+    const size_t Slash = FromRoot.rfind('/');
+    const std::string Parent = Slash == std::string::npos ? "" : FromRoot.substr(0, Slash);
+    if (Parent.empty() || (FromRoot.size() < PATH_MAX && In.Known.IsPlain(Parent))) {
+        Out.From = In.Root.Get();
+        Out.Entry = FromRoot;
+        Out.Holder = Parent.empty() ? "." : Parent;
+        if (fstatat(Out.From, Out.Entry.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) == 0) {
+            return RVSTATUS::Success;
+        }
+    }
+    Out.Opened = UniqueFd(In.Open(In.RootRef, Parent, O_PATH | O_DIRECTORY));
+    if (!Out.Opened) {
+        return StatusFromLookup(errno);
+    }
+    Out.From = Out.Opened.Get();
+    Out.Entry = FromRoot.substr(Slash + 1);
+    Out.Holder = ".";
+    return fstatat(Out.From, Out.Entry.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) == 0 ? RVSTATUS::Success
+                                                                                 : StatusFromErrno(errno);
+}
+
 // The right to erase is a right on the directory that holds the name. The directory is looked up again; when the name
 // leads to something else by now, the object of the handle is not there to be erased.
 RVSTATUS MayErase(const Object &Item, bool &May) {
@@ -130,17 +163,11 @@ RVSTATUS MayErase(const Object &Item, bool &May) {
         May = faccessat(Item.Fd(), ".", W_OK | X_OK, AT_EACCESS) == 0;
         return May || errno == EACCES || errno == EROFS ? RVSTATUS::Success : StatusFromErrno(errno);
     }
-    const size_t Slash = Item.FromRoot.rfind('/');
-    const std::string Parent = Slash == std::string::npos ? "" : Item.FromRoot.substr(0, Slash);
-    const std::string Name = Item.FromRoot.substr(Slash == std::string::npos ? 0 : Slash + 1);
-    const Export &In = *Item.Volume;
-    const UniqueFd Holder(In.Open(In.RootRef, Parent, O_PATH | O_DIRECTORY));
+    Export &In = *Item.Volume;
+    EntryPlace At;
     struct stat Stat;
-    if (!Holder) {
-        return StatusFromLookup(errno);
-    }
-    if (fstatat(Holder.Get(), Name.c_str(), &Stat, AT_SYMLINK_NOFOLLOW) != 0) {
-        return StatusFromErrno(errno);
+    if (const RVSTATUS Status = LookAtErased(In, Item.FromRoot, At, Stat); RvIsError(Status)) {
+        return Status;
     }
     const uid_t Owner = Stat.st_uid;
     if (S_ISLNK(Stat.st_mode) && !(KeyOf(Stat) == Item.Key)) {
@@ -153,13 +180,13 @@ RVSTATUS MayErase(const Object &Item, bool &May) {
     if (!(KeyOf(Stat) == Item.Key)) {
         return Failure(CODE_NO_SUCH_FILE);
     }
-    if (faccessat(Holder.Get(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
+    if (faccessat(At.From, At.Holder.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
         return errno == EACCES || errno == EROFS ? RVSTATUS::Success : StatusFromErrno(errno);
     }
     // In a sticky directory the names of others stay.
-    const uid_t Me = geteuid();
+    static thread_local const uid_t Me = geteuid(); // a thread does not become another user once it serves
     May = Me == 0 || Me == Owner;
-    if (!May && fstat(Holder.Get(), &Stat) != 0) {
+    if (!May && fstatat(At.From, At.Holder.c_str(), &Stat, 0) != 0) {
         return StatusFromErrno(errno);
     }
     May = May || (Stat.st_mode & S_ISVTX) == 0 || Me == Stat.st_uid;

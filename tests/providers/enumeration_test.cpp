@@ -86,6 +86,24 @@ TEST_F(SearchesOfOneHandle, CountingCostsNoOtherSearchItsPlace) {
     EXPECT_EQ(Entries.size(), 20u);
 }
 
+// Whether a directory is empty is asked of it each time.
+TEST_F(SearchesOfOneHandle, CountingSeesWhatOthersDid) {
+    RVHANDLE Folder = 0;
+    fs::create_directory(Root / "d");
+    ASSERT_EQ(OpenFolder(u"d", Folder), Done);
+    for (const bool IsThere : {false, true, false, true}) {
+        IsThere ? Write("d/file", "") : static_cast<void>(fs::remove(Root / "d/file"));
+        for (const char16_t *Mask : {u"*", u"F*", u"*.*"}) {
+            ULONG Key = 0;
+            Entries.clear();
+            EXPECT_EQ(Batch(Folder, Mask, Key, Entries, false, 576, OneBatch),
+                      IsThere ? Done : Failure(CODE_NO_MORE_FILES));
+            EXPECT_EQ(Entries.size(), IsThere ? 1u : 0u);
+        }
+    }
+    EXPECT_EQ(Table->RVFsdCloseDirectory(Fsd, nullptr, Folder), Done);
+}
+
 TEST_F(SearchesOfOneHandle, OneThatGaveWayIsNotOver) {
     ULONG Key = 0;
     ASSERT_EQ(Ask(Key), Done);

@@ -1,5 +1,6 @@
 // Files that are opened again and again: whatever others do to the name, an open never gets anything but what an
 // ordinary look would have found.
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <fstream>
@@ -15,6 +16,7 @@
 #include "providers/directory/beneath.h"
 #include "providers/directory/known_files.h"
 #include "tests/providers/directory_fixture.h"
+#include "tests/support/without_override.h"
 
 namespace providers::directory {
 namespace {
@@ -80,6 +82,71 @@ TEST_F(KnownFilesTest, AreOpenedOnlyAsWhatTheirNameLeadsTo) {
         EXPECT_EQ(Content(OtherCase), Case.Content) << &Case - Cases;
         EXPECT_EQ(Try(u"a\\b\\missing"), Case.OfMissing) << &Case - Cases;
         for (const fs::path &Each : {Root / "a", Root / "c", Root / "d", Root / "second", Outer / "moved"}) {
+            fs::remove_all(Each);
+        }
+    }
+}
+
+// What happens between the mark and the deletion: only the file that was marked is deleted, under the name that it had,
+// and the right to erase is that of the directory in which the name is by then.
+TEST_F(KnownFilesTest, ADeletionTakesWhatWasMarkedOrNothing) {
+    const RVSTATUS Missing = Failure(CODE_NO_SUCH_FILE);
+    const RVSTATUS Denied = RVSTATUS::AccessDenied;
+    const auto Exchange = [&] {
+        fs::create_directories(Root / "c/b");
+        Write("c/b/file", "second");
+        fs::rename(Root / "a", Root / "d");
+        fs::rename(Root / "c", Root / "a");
+    };
+    enum class WHO : uint8_t { Root, Powerless, Another };
+    const struct {
+        std::function<void()> Change;
+        WHO Who;
+        RVSTATUS Asked; // for the rights
+        bool May;
+        RVSTATUS Deleted;
+    } Cases[] = {
+        {[] {}, WHO::Root, Done, true, Done},
+        {[&] { fs::rename(Root / Holder / "other", Root / Holder / "file"); }, WHO::Root, Missing, false, Missing},
+        {[&] { fs::rename(Root / "a", Root / "d"); }, WHO::Root, Missing, false, Failure(RVFS_PATH_NOT_FOUND)},
+        {Exchange, WHO::Root, Missing, false, Missing},
+        {[&] { MoveOut(Holder); }, WHO::Root, Denied, false, Denied},
+        {[&] { MoveOut("a"); }, WHO::Root, Denied, false, Denied},
+        {[&] { fs::permissions(Root / Holder, fs::perms(0555)); }, WHO::Powerless, Done, false, Denied},
+        {[&] { fs::permissions(Root / Holder, fs::perms(0755)); }, WHO::Another, Done, false, Denied},
+        {[&] { fs::permissions(Root / Holder, fs::perms(01777)); }, WHO::Another, Done, false, Denied},
+    };
+    fs::permissions(Outer, fs::perms(0755));
+    for (const auto &Case : Cases) {
+        if (Case.Who == WHO::Another && geteuid() != 0) {
+            continue; // files of two users are needed
+        }
+        MakeKnown();
+        RVHANDLE Query = 0;
+        RVHANDLE Marked = 0;
+        ASSERT_EQ(Open(Path, Query, RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY), Done);
+        ASSERT_EQ(Open(Path, Marked, RV_ACCESS_DELETE), Done);
+        const ULONG Reserve = RV_OPTION_RESERVE_DELETE;
+        EXPECT_EQ(Table->RVFsdModifyFileAccess(Fsd, nullptr, Marked, RV_ACCESS_DELETE, 7, Reserve), Done);
+        Case.Change();
+        const auto Files = [&] {
+            return std::count_if(fs::recursive_directory_iterator(Outer), fs::recursive_directory_iterator(),
+                                 [](const fs::directory_entry &Each) { return Each.is_regular_file(); });
+        };
+        const auto Before = Files();
+        const auto Finish = [&] {
+            USHORT Rights = 0;
+            EXPECT_EQ(Table->RVFsdGetEffectiveRights(Fsd, nullptr, Query, &Rights), Case.Asked) << &Case - Cases;
+            EXPECT_EQ(Rights != 0, Case.May) << &Case - Cases;
+            Close(Query);
+            Close(Marked);
+            EXPECT_EQ(Delete(Path), Case.Deleted) << &Case - Cases;
+        };
+        Case.Who == WHO::Root        ? Finish()
+        : Case.Who == WHO::Powerless ? test::WithoutOverride(Finish)
+                                     : test::AsAnotherUser(Finish);
+        EXPECT_EQ(Before - Files(), Case.Deleted == Done ? 1 : 0) << &Case - Cases;
+        for (const fs::path &Each : {Root / "a", Root / "c", Root / "d", Outer / "moved"}) {
             fs::remove_all(Each);
         }
     }
