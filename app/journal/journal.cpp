@@ -9,6 +9,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "app/journal/asking_program.h"
 #include "app/text.h"
 
 namespace app {
@@ -33,8 +34,8 @@ std::string Named(const char *Name, const char *Category) {
 
 std::string RequestFields(const Request &About) {
     const std::string Details = Fields(About.Details);
-    return fmt::format(R"("request":"{}","path":{}{}{})", About.Id, Quoted(About.Path), Details.empty() ? "" : ",",
-                       Details);
+    return fmt::format(R"("request":"{}","process":"{}","path":{}{}{})", About.Id, ProgramOf(About.AskedBy).Process,
+                       Quoted(About.Path), Details.empty() ? "" : ",", Details);
 }
 
 std::string ResultFields(const Request &About) {

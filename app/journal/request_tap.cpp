@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include "app/journal/asking_program.h"
 #include "providers/wide_text.h"
 
 namespace app {
@@ -118,6 +119,7 @@ std::string RequestTap::PathOf(PFILE_OBJECT File, bool IsCreate) {
 void RequestTap::Sent(const IRP *Irp, const IO_STACK_LOCATION &Location) noexcept {
     Request About = {};
     About.Thread = ThreadNumber();
+    About.AskedBy = AskingThread();
     About.Operation = embedded::MajorFunctionName(Location.MajorFunction);
     About.Details = DetailsOf(Location);
     {

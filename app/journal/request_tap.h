@@ -21,8 +21,9 @@
 namespace app {
 
 struct Request {
-    uint64_t Id; // counts from 1
-    pid_t Thread;
+    uint64_t Id;           // counts from 1
+    pid_t Thread;          // that sent it
+    pid_t AskedBy;         // the thread of the program that it is sent for, see ProgramOf
     const char *Operation; // "IRP_MJ_READ"
     std::string Path;      // \\server\volume\..., empty when it names none
     std::vector<providers::CallValue> Details;

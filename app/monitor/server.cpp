@@ -17,6 +17,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "app/journal/asking_program.h"
 #include "app/monitor/latencies.h"
 #include "app/text.h"
 #include "providers/directory/beneath.h"
@@ -170,9 +171,11 @@ private:
             Of.Failed += IsFailure(About.Status) ? 1 : 0;
             return;
         }
+        const Program Asking = ProgramOf(About.AskedBy);
         json Line = {{"request", About.Id},
                      {"time_ns", About.EndedAt},
-                     {"process", getpid()},
+                     {"process", Asking.Process},
+                     {"program", Asking.Name},
                      {"thread", About.Thread},
                      {"operation", About.Operation},
                      {"path", About.Path},

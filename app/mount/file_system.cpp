@@ -13,6 +13,7 @@
 
 #include <fmt/format.h>
 
+#include "app/journal/asking_program.h"
 #include "app/text.h"
 
 namespace app::mount {
@@ -427,6 +428,7 @@ int FileSystem::Access(fuse_req_t Request, fuse_ino_t Inode, int Mask) {
 
 template <auto Method, typename... A>
 void FileSystem::Call(fuse_req_t Request, A... Arguments) {
+    const AskedBy Caller(fuse_req_ctx(Request)->pid);
     int Error;
     try {
         Error = (Of(Request).*Method)(Request, Arguments...);
@@ -446,10 +448,12 @@ const fuse_lowlevel_ops &FileSystem::Operations() {
         To.init = [](void *Self, fuse_conn_info *Connection) { static_cast<FileSystem *>(Self)->Init(Connection); };
         To.lookup = Call<&FileSystem::Lookup>;
         To.forget = [](fuse_req_t Request, fuse_ino_t Inode, uint64_t Count) {
+            const AskedBy Caller(0);
             Of(Request).Nodes_.Forget(Of(Request).NodeOf(Inode), Count);
             fuse_reply_none(Request);
         };
         To.forget_multi = [](fuse_req_t Request, size_t Count, fuse_forget_data *All) {
+            const AskedBy Caller(0);
             for (size_t Index = 0; Index < Count; ++Index) {
                 Of(Request).Nodes_.Forget(Of(Request).NodeOf(All[Index].ino), All[Index].nlookup);
             }

@@ -41,6 +41,7 @@ struct Filter {
     std::string Path;
     std::vector<std::string> Operations;
     std::string Status;
+    std::string Process; // its number, or a part of its name
     uint32_t Slower = 0; // microseconds
 
     // UsageError for what no request can have: nothing would ever be shown.
@@ -74,7 +75,8 @@ struct Filter {
         const bool Ended = Status == "failed"    ? Failed
                            : Status == "success" ? !Failed
                                                  : Holds(Line.at("status"), Status);
-        return Named && Ended && Holds(Line.at("path"), Path) &&
+        const bool Asked = Holds(Line.at("program"), Process) || Process == Line.at("process").dump();
+        return Named && Ended && Asked && Holds(Line.at("path"), Path) &&
                Line.at("nanoseconds").get<uint64_t>() >= uint64_t{Slower} * 1000;
     }
 };
@@ -115,9 +117,11 @@ int Monitor(const std::string &Which, const Filter &Wanted) {
             fmt::print("{}\n", Line->dump());
         } else {
             const std::string Path = Line->at("path");
-            fmt::print("{} {:>7} {:>10.1f} us  {:<24} {:<30} {}{}\n", TimeOfDay(Line->at("time_ns")),
-                       Line->at("thread").get<int>(), Micros(Line->at("nanoseconds")), Plain(Line->at("operation")),
-                       Line->at("status").get<std::string>(), Path.empty() ? "(the device)" : Path, Details(*Line));
+            fmt::print("{} {:>7} {:>7} {:<15} {:>10.1f} us  {:<24} {:<30} {}{}\n", TimeOfDay(Line->at("time_ns")),
+                       Line->at("thread").get<int>(), Line->at("process").get<int>(),
+                       Line->at("program").get<std::string>(), Micros(Line->at("nanoseconds")),
+                       Plain(Line->at("operation")), Line->at("status").get<std::string>(),
+                       Path.empty() ? "(the device)" : Path, Details(*Line));
         }
         fflush(stdout);
     }
@@ -182,11 +186,16 @@ void AddMonitorVerbs(VerbList &List) {
                   "NAME"),
               Parameter{"--status", "only failed, success, or statuses with this in their name", &Wanted->Status}.As(
                   "TEXT"),
+              Parameter{"--process", "only those of this process, or of programs with this in their name",
+                        &Wanted->Process}
+                  .As("TEXT"),
               Parameter{"--slower", "only those that took so long", &Wanted->Slower}.As("MICROSECONDS")},
-         .Text = "One line for each completed request: when it ended, the mount's thread that sent it, how long it "
-                 "took, the operation, the status, the path, what "
-                 "else tells it from others. Nothing is watched, and nothing slower, while nobody is attached.",
-         .Examples = {"monitor --operation create --status failed", "monitor --slower 1000 --path docs /mnt"},
+         .Text = "One line for each completed request: when it ended, the mount's thread that sent it, the process "
+                 "that asked for it and its name (0, kernel: the kernel itself), how long it took, the operation, the "
+                 "status, the path, what else tells it from others. Nothing is watched, and nothing slower, while "
+                 "nobody is attached.",
+         .Examples = {"monitor --operation create --status failed", "monitor --slower 1000 --path docs /mnt",
+                      "monitor --process git"},
          .Alone = [Which, Wanted] { return Monitor(*Which, *Wanted); }});
     const auto Of = std::make_shared<std::string>();
     const auto Seconds = std::make_shared<uint32_t>(1);
