@@ -120,7 +120,14 @@ int Main(const std::vector<std::string> &Words) {
         return RunOver(Options, OnTerminal ? FindVerb(List, "console")->Run : Command(RunTour));
     }
     if (Line.Chosen->Before) {
-        Line.Chosen->Before(Options);
+        std::optional<int> Code;
+        const int Failed = Told([&] {
+            Code = Line.Chosen->Before(Options);
+            return Code.value_or(0);
+        });
+        if (Code || Failed != 0) {
+            return Failed;
+        }
     }
     return RunOver(Options, Line.Chosen->Run);
 }

@@ -4,6 +4,7 @@
 // Programs expect a name to be gone at once, and nothing to be lost when a replacement fails. So a file that is open,
 // and one that is to be replaced, is moved aside first, to a name that the mount does not show.
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
@@ -116,8 +117,9 @@ int FileSystem::Delete(const std::u16string &Path, bool Directory) {
 }
 
 // Moves a file aside and leaves it open in Holder, to be read and written too where it can be, for those who still come
-// for it. Into the volume's root, so that its directory can be removed; where nobody may create anything there, within
-// the directory.
+// for it. Into the volume's root, so that its directory can be removed; where nobody may create anything there, into
+// the first directory below where somebody may. Those above cannot be changed then, so that what holds it is not
+// removed.
 int FileSystem::Hide(Node *Parent, const std::string &Name, std::u16string *Hidden, Remote *Holder) {
     int Error = EACCES;
     for (const ACCESS_MASK Data : {FILE_READ_DATA | FILE_WRITE_DATA, FILE_READ_DATA, 0}) {
@@ -130,12 +132,13 @@ int FileSystem::Hide(Node *Parent, const std::string &Name, std::u16string *Hidd
         return Error;
     }
     const std::string Aside = fmt::format("{}{}", HiddenPrefix_, ++Parent->In->HiddenNumber);
-    *Hidden = Parent->In->Path + u"\\" + ServedName(Aside);
-    Error = Holder->Rename(*Hidden, false);
-    if (Error != 0 && !IsVolumeRoot(Parent)) {
-        *Hidden = Nodes_.PathBelow(Parent, Aside);
+    const std::u16string Directory = Nodes_.Path(Parent);
+    size_t End = Parent->In->Path.size();
+    do {
+        *Hidden = Directory.substr(0, End) + u"\\" + ServedName(Aside);
         Error = Holder->Rename(*Hidden, false);
-    }
+        End = End < Directory.size() ? std::min(Directory.find(u'\\', End + 1), Directory.size()) : Directory.npos;
+    } while (Error != 0 && End != Directory.npos);
     return Error;
 }
 

@@ -44,6 +44,7 @@ void TakeMaxRead(MountOptions &To, double Bytes) {
     [](MountOptions &To, [[maybe_unused]] double Value, [[maybe_unused]] const std::string &Text) { Expression; }
 
 constexpr Word Words[] = {
+    {"help", Kind::Flag, STORE(To.Help = true), "print these words and do nothing"},
     {"volume", Kind::Text, STORE(To.Volume = Text), "this export at the mount's root"},
     {"ro", Kind::Kernel, STORE(To.ReadOnly = true), "read only"},
     {"rw", Kind::Kernel, STORE(To.ReadOnly = false), "read and write"},

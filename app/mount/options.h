@@ -13,6 +13,7 @@ struct MountOptions {
     std::string Point;
     std::string Volume; // \\server\volume at the mount's root; empty: all exports, as /server/volume
     bool ReadOnly = false;
+    bool Help = false; // asked for instead of a mount
     bool Foreground = false;
     std::optional<bool> DefaultPermissions;
     bool Quiet = false; // changes of modes and owners that cannot be kept are no errors

@@ -1,6 +1,9 @@
 // mount: the servers' files as ordinary paths.
 
 #include <memory>
+#include <optional>
+
+#include <fmt/format.h>
 
 #include "app/mount/serve.h"
 #include "app/text.h"
@@ -25,7 +28,7 @@ void AddMountVerb(VerbList &List) {
          .Parameters = {{"-o", "options of the mount, comma-separated", &Given->Options},
                         {"-f,--foreground", "do not go into the background", &Given->Foreground},
                         {"-d,--debug", "print the kernel's requests, in the foreground", &Given->Debug},
-                        Parameter{"MOUNTPOINT", "an existing directory", &Given->Point}.Needed()},
+                        {"MOUNTPOINT", "an existing directory", &Given->Point}},
          .Run =
              [Given](Session &Running) {
                  if (!Given->Ready) {
@@ -38,18 +41,25 @@ void AddMountVerb(VerbList &List) {
                  "or SIGTERM ends it.\n\nThe words behind -o:\n" +
                  mount::MountWordsHelp(),
          .Examples = {"--export '\\\\srv\\data=/srv/data' mount -o 'volume=\\\\srv\\data' /mnt"},
-         .Before =
-             [Given](SessionOptions &Session) {
-                 Given->Parsed = mount::DefaultMountOptions();
-                 Given->Parsed.Point = Given->Point;
-                 Given->Parsed.Debug = Given->Debug;
-                 Given->Parsed.Foreground = Given->Foreground || Given->Debug;
-                 for (const std::string &Each : Given->Options) {
-                     mount::ParseMountWords(Each, Given->Parsed);
-                 }
-                 mount::Prepare(Given->Parsed, Session);
-                 Given->Ready = true;
-             }});
+         .Before = [Given](SessionOptions &Session) -> std::optional<int> {
+             Given->Parsed = mount::DefaultMountOptions();
+             Given->Parsed.Point = Given->Point;
+             Given->Parsed.Debug = Given->Debug;
+             Given->Parsed.Foreground = Given->Foreground || Given->Debug;
+             for (const std::string &Each : Given->Options) {
+                 mount::ParseMountWords(Each, Given->Parsed);
+             }
+             if (Given->Parsed.Help) {
+                 fmt::print("{}\n", mount::MountWordsHelp());
+                 return 0;
+             }
+             if (Given->Point.empty()) {
+                 throw UsageError("mount: MOUNTPOINT is required; help mount tells what it takes");
+             }
+             mount::Prepare(Given->Parsed, Session);
+             Given->Ready = true;
+             return std::nullopt;
+         }});
 }
 
 } // namespace app

@@ -68,8 +68,9 @@ struct Verb {
     std::vector<std::string> Examples = {}; // whole command lines behind "rvfsd "
     // Puts words in order that the reader of options would take for something else.
     std::function<void(std::vector<std::string> &Words)> Prepare = {};
-    // Done before the session is started, while there is one thread; not by the console, whose driver is running.
-    std::function<void(SessionOptions &)> Before = {};
+    // Done before the session is started, while there is one thread; not by the console, whose driver is running. The
+    // exit code when that was all.
+    std::function<std::optional<int>(SessionOptions &)> Before = {};
     std::function<int()> Alone = {}; // instead of Run: needs no driver, and none is started
     bool Hidden = false;
 };
