@@ -185,15 +185,10 @@ int FileSystem::Ask(Node *Which, Facts *Found) {
     return AskPath(Nodes_.Path(Which), Found);
 }
 
-int FileSystem::ReplyAttributes(fuse_req_t Request, Node *Which) {
-    Facts Found;
-    if (const int Error = Ask(Which, &Found); Error != 0) {
-        return Error;
-    }
+void FileSystem::ReplyAttributes(fuse_req_t Request, Node *Which, const Facts &Found) {
     struct stat Stat = Describe(Which, Found);
     Stat.st_nlink = Nodes_.IsDeleted(Which) ? 0 : 1;
     fuse_reply_attr(Request, &Stat, Options_.AttributeTimeout);
-    return 0;
 }
 
 fuse_entry_param FileSystem::Entry(Node *Which, const Facts &Found) const {
@@ -267,7 +262,13 @@ int FileSystem::Lookup(fuse_req_t Request, fuse_ino_t ParentInode, const char *N
 }
 
 int FileSystem::GetAttributes(fuse_req_t Request, fuse_ino_t Inode, fuse_file_info *) {
-    return ReplyAttributes(Request, NodeOf(Inode));
+    Node *Which = NodeOf(Inode);
+    Facts Found;
+    if (const int Error = Ask(Which, &Found); Error != 0) {
+        return Error;
+    }
+    ReplyAttributes(Request, Which, Found);
+    return 0;
 }
 
 // Modes and owners can be "changed" to what they are. Of a mode the read-only bit can be kept, as all write bits.
@@ -319,7 +320,6 @@ int FileSystem::SetAttributes(fuse_req_t Request, fuse_ino_t Inode, struct stat 
     if (Which->In == nullptr) {
         return EPERM;
     }
-    ++Changes_;
     Facts Now;
     if (const int Error = Ask(Which, &Now); Error != 0) {
         return Error;
@@ -338,7 +338,15 @@ int FileSystem::SetAttributes(fuse_req_t Request, fuse_ino_t Inode, struct stat 
     if (Times || Writes) {
         return EINVAL;
     }
-    if ((What & FUSE_SET_ATTR_SIZE) != 0) {
+    const bool ReadOnly = (Wanted->st_mode & 0222) == 0;
+    const bool Bit = (What & FUSE_SET_ATTR_MODE) != 0 && !Now.IsDirectory() && ReadOnly != Now.IsReadOnly();
+    const bool Resizes = (What & FUSE_SET_ATTR_SIZE) != 0;
+    if (!Bit && !Resizes && Access == 0 && Modified == 0) {
+        ReplyAttributes(Request, Which, Now);
+        return 0;
+    }
+    ++Changes_;
+    if (Resizes) {
         if (Which->Directory) {
             return EISDIR;
         }
@@ -346,8 +354,6 @@ int FileSystem::SetAttributes(fuse_req_t Request, fuse_ino_t Inode, struct stat 
             return Error;
         }
     }
-    const bool ReadOnly = (Wanted->st_mode & 0222) == 0;
-    const bool Bit = (What & FUSE_SET_ATTR_MODE) != 0 && !Now.IsDirectory() && ReadOnly != Now.IsReadOnly();
     if (Bit || Access != 0 || Modified != 0) {
         std::shared_ptr<Remote> Handle = Nodes_.OpenHandle(Which, FILE_WRITE_ATTRIBUTES);
         if (!Handle) {
@@ -365,7 +371,7 @@ int FileSystem::SetAttributes(fuse_req_t Request, fuse_ino_t Inode, struct stat 
         }
     }
     ++Changes_;
-    return ReplyAttributes(Request, Which);
+    return GetAttributes(Request, Inode, nullptr);
 }
 
 int FileSystem::AskSpace(const Node *Which, Space *Found) {
@@ -470,7 +476,6 @@ const fuse_lowlevel_ops &FileSystem::Operations() {
         To.flush = Call<&FileSystem::Flush>;
         To.release = Call<&FileSystem::Release>;
         To.fsync = Call<&FileSystem::Sync>;
-        To.fsyncdir = Call<&FileSystem::SyncDirectory>;
         To.fallocate = Call<&FileSystem::Allocate>;
         To.getlk = Call<&FileSystem::GetLock>;
         To.setlk = Call<&FileSystem::SetLock>;
@@ -486,7 +491,8 @@ const fuse_lowlevel_ops &FileSystem::Operations() {
         To.rename = Call<&FileSystem::Rename>;
         To.symlink = Call<&FileSystem::SymbolicLink>;
         To.link = Call<&FileSystem::HardLink>;
-        // Extended attributes have no entry: the kernel asks once, and from then on says itself that there are none.
+        // What has no entry the kernel asks for once, and answers itself from then on: that there are no extended
+        // attributes, and that names are with the server when the call that changed them returns.
         return To;
     }();
     return Table;

@@ -1,11 +1,13 @@
 // The file system that the kernel sees: each of its requests becomes requests of the driver's.
 //
 // A method answers its request and returns 0, or returns the errno that it is to be answered with. Any number run at
-// once. Locks, in their order: a file's NodeLocks, a volume's Renaming, then those of Nodes and Spellings, which are
-// leaves. Renaming is held exclusively while names change and shared while a path is built and used.
+// once. Locks, in their order: a file's NodeLocks, or an open directory's and its listing's, a volume's Renaming, then
+// those of Nodes, Spellings and Directories_, which are leaves. Renaming is held exclusively while names change and
+// shared while a path is built and used.
 #pragma once
 
 #include <atomic>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -13,6 +15,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #define FUSE_USE_VERSION 312
@@ -45,6 +48,7 @@ public:
 
 private:
     struct Listing;
+    struct Directory;
 
     // file_system.cpp
     void Init(fuse_conn_info *Connection);
@@ -62,7 +66,6 @@ private:
     int Flush(fuse_req_t Request, fuse_ino_t Inode, fuse_file_info *File);
     int Release(fuse_req_t Request, fuse_ino_t Inode, fuse_file_info *File);
     int Sync(fuse_req_t Request, fuse_ino_t Inode, int DataOnly, fuse_file_info *File);
-    int SyncDirectory(fuse_req_t Request, fuse_ino_t Inode, int DataOnly, fuse_file_info *File);
     int Allocate(fuse_req_t Request, fuse_ino_t Inode, int Mode, off_t Offset, off_t Length, fuse_file_info *File);
     int GetLock(fuse_req_t Request, fuse_ino_t Inode, fuse_file_info *File, struct flock *Lock);
     int SetLock(fuse_req_t Request, fuse_ino_t Inode, fuse_file_info *File, struct flock *Lock, int Sleep);
@@ -106,7 +109,7 @@ private:
     int AskSpace(const Node *Which, Space *Found);
     // Opens the node by its path and keeps it. ESTALE when it was deleted.
     int OpenNode(Node *Which, const Remote::Asked &What, std::shared_ptr<Remote> *Opened);
-    int ReplyAttributes(fuse_req_t Request, Node *Which);
+    void ReplyAttributes(fuse_req_t Request, Node *Which, const Facts &Found);
     fuse_entry_param Entry(Node *Which, const Facts &Found) const;
     int LookupAbove(fuse_req_t Request, Node *Parent, const char *Name);
     int SetSize(Node *Which, uint64_t Size);
@@ -118,11 +121,15 @@ private:
     void Wait(fuse_req_t Request, Node *Which, const LockRange &Wanted);
     static void Interrupted(fuse_req_t Request, void *Self);
 
-    void DropListing(const fuse_file_info *File);
+    void DropDirectory(const fuse_file_info *File);
+    std::shared_ptr<Listing> MakeListing(fuse_ino_t Of);
+    void Keep(const std::shared_ptr<Listing> &Loaded);
+    std::shared_ptr<Listing> Kept(fuse_ino_t Of);
+    std::shared_ptr<Listing> Choose(fuse_ino_t Inode, off_t Offset, Directory &From);
     int Load(Node *Which, Listing &To);
-    void Renew(Node *Which, Listing &Old, off_t Offset);
-    int ReadListing(fuse_req_t Request, Node *Which, size_t Size, off_t Offset, Listing &From, bool Plus);
-    size_t Pack(fuse_req_t Request, Node *Which, off_t Offset, const Listing &From, bool Plus,
+    void Renew(Node *Which, Listing &Old, size_t Index);
+    int ReadListing(fuse_req_t Request, fuse_ino_t Inode, size_t Size, off_t Offset, Directory &From, bool Plus);
+    size_t Pack(fuse_req_t Request, Node *Which, size_t Index, const Listing &From, bool Plus,
                 std::vector<char> &Buffer);
 
     // With Renaming held exclusively.
@@ -133,9 +140,6 @@ private:
     int MakeWay(Node *To, const std::string &NewName, bool Directory, unsigned Flags, struct Displaced *Old);
     void PutBack(Node *To, const std::string &NewName, struct Displaced *Old);
     bool IsHidden(Node *Parent, std::string_view Name);
-    static bool IsVolumeRoot(const Node *Which) {
-        return Which->In != nullptr && (Which->Parent == nullptr || Which->Parent->In == nullptr);
-    }
 
     Session &Running_;
     const MountOptions Options_;
@@ -157,8 +161,13 @@ private:
             return std::to_address(Left) < std::to_address(Right);
         }
     };
-    std::mutex ListingsLock_;
-    std::set<std::shared_ptr<Listing>, ByPlace> Listings_; // of the directories that programs have open
+    std::atomic<uint32_t> ListingNumber_{0};
+    std::mutex DirectoriesLock_;
+    std::set<std::shared_ptr<Directory>, ByPlace> Directories_; // that programs have open
+    // Listings that the kernel may have in its pages, the oldest first, and the last one of each directory.
+    std::deque<std::shared_ptr<Listing>> Kept_;
+    std::unordered_map<fuse_ino_t, std::shared_ptr<Listing>> LastKept_;
+    size_t KeptEntries_ = 0;
     std::unique_ptr<Spellings> Spellings_;
 };
 

@@ -220,12 +220,6 @@ int FileSystem::Sync(fuse_req_t Request, fuse_ino_t Inode, int, fuse_file_info *
     return 0;
 }
 
-// Names are with the server when the call that changed them returns; there is nothing more to ask it for.
-int FileSystem::SyncDirectory(fuse_req_t Request, fuse_ino_t, int, fuse_file_info *) {
-    fuse_reply_err(Request, 0);
-    return 0;
-}
-
 // Space can be had by writing only: what of the range is beyond the end is written with zeros.
 int FileSystem::Allocate(fuse_req_t Request, fuse_ino_t, int Mode, off_t Offset, off_t Length, fuse_file_info *File) {
     if (Mode != 0) {
