@@ -81,7 +81,7 @@ void FileSystem::Keep(const std::shared_ptr<Listing> &Loaded) {
     Kept_.push_back(Loaded);
     LastKept_[Loaded->Of] = Loaded;
     KeptEntries_ += Entries;
-    while (KeptEntries_ > MostKept || IsOlder(Kept_.front()->Named, LongestKept.count())) {
+    while (!Kept_.empty() && (KeptEntries_ > MostKept || IsOlder(Kept_.front()->Named, LongestKept.count()))) {
         const auto Last = LastKept_.find(Kept_.front()->Of);
         if (Last != LastKept_.end() && Last->second == Kept_.front()) {
             LastKept_.erase(Last);
