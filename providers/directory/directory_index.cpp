@@ -31,21 +31,6 @@ bool SameTime(const timespec &Left, const timespec &Right) {
     return Left.tv_sec == Right.tv_sec && Left.tv_nsec == Right.tv_nsec;
 }
 
-uint32_t HashOf(std::u16string_view Folded) {
-    uint64_t Hash = 0x9E3779B97F4A7C15u;
-    const char16_t *At = Folded.data();
-    for (size_t Left = Folded.size(); Left != 0;) {
-        const size_t Count = std::min<size_t>(Left, sizeof Hash / sizeof(char16_t));
-        uint64_t Units = 0;
-        memcpy(&Units, At, Count * sizeof(char16_t));
-        Hash = (Hash ^ Units) * 0xC2B2AE3D27D4EB4Fu;
-        Hash ^= Hash >> 29;
-        At += Count;
-        Left -= Count;
-    }
-    return static_cast<uint32_t>(Hash * 0x9E3779B97F4A7C15u >> 32);
-}
-
 // Whether short names look so: up to two units, four letters or digits, "~" and a digit before the extension. An
 // editor's copies have a "~" too, and cost nothing.
 bool CanBeShort(std::u16string_view Folded) {
@@ -148,7 +133,7 @@ void DirectoryIndex::MakeTable() {
 uint32_t DirectoryIndex::HashOfName(std::string_view Native) {
     Scratch_.clear();
     AppendFolded(Native, Scratch_);
-    return HashOf(Scratch_);
+    return HashOfFolded(Scratch_);
 }
 
 bool DirectoryIndex::HasRoomFor(std::string_view Native) const {
@@ -334,7 +319,7 @@ RVSTATUS DirectoryIndex::Find(int Fd, std::u16string_view Served, std::string_vi
     uint32_t First = None;
     bool Several = false;
     bool Exact = false;
-    ForHash(HashOf(Folded), [&](uint32_t Index) {
+    ForHash(HashOfFolded(Folded), [&](uint32_t Index) {
         Exact = NameOf(Items_[Index]) == Native;
         if (Exact || FoldedOf(Items_[Index]) == Folded) {
             Several = First != None && !Exact;
@@ -357,7 +342,7 @@ RVSTATUS DirectoryIndex::Find(int Fd, std::u16string_view Served, std::string_vi
             }
             return First == None;
         };
-        ForHash(HashOf(Plain), Wanted);
+        ForHash(HashOfFolded(Plain), Wanted);
         // A name that was cut for its mark is not found by what is left of it.
         for (uint32_t Index = 0; Served.size() >= 254 && First == None && Index < Items_.size(); ++Index) {
             Wanted(Index);
@@ -373,7 +358,7 @@ RVSTATUS DirectoryIndex::Find(int Fd, std::u16string_view Served, std::string_vi
 // The place of a short name in its table, or where it would be put.
 size_t DirectoryIndex::PlaceOfShort(std::u16string_view Short) const {
     const size_t Mask = ShortTable_.size() - 1;
-    size_t At = HashOf(Short) & Mask;
+    size_t At = HashOfFolded(Short) & Mask;
     while (ShortTable_[At] != 0 && ShortTexts_[ShortTable_[At] - 1].View() != Short) {
         At = (At + 1) & Mask;
     }
@@ -393,7 +378,7 @@ void DirectoryIndex::NeedShorts() {
         if (Items_[Index].Size == 0) {
             continue;
         }
-        const ShortText Short = ShortName(NameOf(Items_[Index]));
+        const ShortText Short = ShortName(NameOf(Items_[Index]), Items_[Index].Hash);
         if (Short.empty()) {
             continue;
         }
@@ -405,7 +390,10 @@ void DirectoryIndex::NeedShorts() {
             Useless.push_back(Place - 1);
         }
     }
-    for (const Item &Each : Items_) {
+    // Hardly any directory has a name that looks like one that was made.
+    const size_t Looking = Bytes_.find('~') != std::string::npos ? Items_.size() : 0;
+    for (size_t Index = 0; Index < Looking; ++Index) {
+        const Item &Each = Items_[Index];
         if (NameOf(Each).find('~') != std::string_view::npos && CanBeShort(FoldedOf(Each))) {
             if (const uint32_t Place = ShortTable_[PlaceOfShort(Scratch_)]; Place != 0) {
                 Useless.push_back(Place - 1);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <iterator>
 #include <type_traits>
 #include <vector>
@@ -79,9 +80,9 @@ bool IsPlain(View Name) {
            std::all_of(Name.begin(), Name.end(), [](auto Unit) { return PlainUnit(Unit) != 0; });
 }
 
-// The 8.3 name of a served name, or of a plain one in bytes.
+// The 8.3 name of a served name, or of a plain one in bytes, whose folded form has that hash.
 template <class View>
-ShortText ShortOf(View Name) {
+ShortText ShortOf(View Name, uint32_t Hash) {
     using Char = typename View::value_type;
     const size_t Dot = Name.rfind(Char('.'));
     const size_t Stem = Dot == View::npos || Dot == 0 ? Name.size() : Dot;
@@ -105,11 +106,6 @@ ShortText ShortOf(View Name) {
             }
         }
     };
-    uint32_t Hash = 2166136261u;
-    for (const Char Unit : Name) {
-        Hash = (Hash ^ Upcase[static_cast<char16_t>(Unit)]) * 16777619u;
-    }
-    Hash ^= Hash >> 16;
     Keep(Base, 2);
     // Some 15 million endings: of 100,000 names that begin alike a few hundred share theirs.
     for (int Digit = 0; Digit < 4; ++Digit) {
@@ -283,8 +279,29 @@ void AppendFolded(std::string_view Native, std::u16string &Out) {
     }
 }
 
+uint32_t HashOfFolded(std::u16string_view Folded) {
+    uint64_t Hash = 0x9E3779B97F4A7C15u;
+    const char16_t *At = Folded.data();
+    for (size_t Left = Folded.size(); Left != 0;) {
+        const size_t Count = std::min<size_t>(Left, sizeof Hash / sizeof(char16_t));
+        uint64_t Units = 0;
+        memcpy(&Units, At, Count * sizeof(char16_t));
+        Hash = (Hash ^ Units) * 0xC2B2AE3D27D4EB4Fu;
+        Hash ^= Hash >> 29;
+        At += Count;
+        Left -= Count;
+    }
+    return static_cast<uint32_t>(Hash * 0x9E3779B97F4A7C15u >> 32);
+}
+
+ShortText ShortName(std::string_view Native, uint32_t Hash) {
+    return IsPlain(Native) ? ShortOf(Native, Hash) : ShortOf(std::u16string_view(ServedName(Native)), Hash);
+}
+
 ShortText ShortName(std::string_view Native) {
-    return IsPlain(Native) ? ShortOf(Native) : ShortOf(std::u16string_view(ServedName(Native)));
+    std::u16string Folded;
+    AppendFolded(Native, Folded);
+    return ShortName(Native, HashOfFolded(Folded));
 }
 
 bool HasWildcards(std::u16string_view Mask) {

@@ -6,6 +6,7 @@
 // writing are exact inverses.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -54,8 +55,12 @@ private:
     unsigned char Size_ = 0;
 };
 
+// A hash of a folded name.
+uint32_t HashOfFolded(std::u16string_view Folded);
+
 // An 8.3 name made from the entry's served name, upper case; empty for a name that is one already. Two names of a
-// directory may get the same one: it is then of no use to either.
+// directory may get the same one: it is then of no use to either. Hash is that of the folded name, where it is known.
+ShortText ShortName(std::string_view Native, uint32_t Hash);
 ShortText ShortName(std::string_view Native);
 
 // Whether Mask holds one of the wildcards: * and ?, and U+F8FC, U+F8FD, U+F8FF, which stand for the platform's < > ".

@@ -35,8 +35,12 @@ uint64_t NameOf(const ObjectKey &Key, int64_t Changed) {
     return Mix(Mix(Key.Inode) ^ Mix(Key.Device + 0x9E3779B97F4A7C15u) ^ static_cast<uint64_t>(Changed));
 }
 
+// Half of it is the name's, so that most entries of others are told by that alone.
+bool MayBeOf(uint64_t Name, uint64_t Check) {
+    return (Name ^ Check) >> 32 == 0;
+}
 uint64_t CheckOf(uint64_t Name, uint64_t Bits, uint64_t Creation) {
-    return Mix(Name + Mix(Bits + Mix(Creation + 1))) | 1;
+    return (Name & ~uint64_t{UINT32_MAX}) | static_cast<uint32_t>(Mix(Name + Mix(Bits + Mix(Creation + 1)))) | 1;
 }
 
 std::array<Entry, Ways> &SetOf(const ObjectKey &Key) {
@@ -71,9 +75,13 @@ bool KernelKeepsChangesApart() {
 bool Recall(const ObjectKey &Key, int64_t Changed, KeptAttributes &Out) {
     const uint64_t Name = NameOf(Key, Changed);
     for (const Entry &Each : SetOf(Key)) {
+        const uint64_t Check = Each.Check.load(std::memory_order_relaxed);
+        if (!MayBeOf(Name, Check)) {
+            continue;
+        }
         const uint64_t Bits = Each.Bits.load(std::memory_order_relaxed);
         const uint64_t Creation = Each.Creation.load(std::memory_order_relaxed);
-        if (Each.Check.load(std::memory_order_relaxed) == CheckOf(Name, Bits, Creation)) {
+        if (Check == CheckOf(Name, Bits, Creation)) {
             Out.Attributes = static_cast<uint32_t>(Bits);
             Out.WriteBits = static_cast<uint32_t>(Bits >> 32) & MaxWriteBits;
             Out.HasCreation = Bits >> 63 != 0;
