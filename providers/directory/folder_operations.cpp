@@ -145,13 +145,13 @@ RVSTATUS CheckErasable(State &Provider, int Parent, const std::string &Name, con
 }
 
 // What the handle named that this deletion comes from: behind a link what it leads to.
-bool IsMeant(const Place &At, const Resolved &Found, const struct stat &Stat) {
+bool IsMeant(const Place &At, const Resolved &Found, const struct stat &Stat, Kind Wanted) {
     ObjectKey Key = KeyOf(Stat);
     if (S_ISLNK(Stat.st_mode)) {
         Looked Behind;
         Key = LookAt(At, Found.Path(), Behind) == 0 ? KeyOf(Behind.Stat) : Key;
     }
-    return At.Volume->Doomed.Take(PathFromRoot(At, Found), Key);
+    return At.Volume->Doomed.Take(PathFromRoot(At, Found), Key, Wanted == Kind::Directory);
 }
 
 RVSTATUS Delete(State &Provider, RVHANDLE Base, PCWSTR Path, Kind Wanted) {
@@ -180,7 +180,7 @@ RVSTATUS Delete(State &Provider, RVHANDLE Base, PCWSTR Path, Kind Wanted) {
     if (LeadsToDirectory(At, Found, Stat) != (Wanted == Kind::Directory)) {
         return Failure(Wanted == Kind::Directory ? USHORT{RVFS_NOT_A_DIRECTORY} : CODE_IS_A_DIRECTORY);
     }
-    if (!IsMeant(At, Found, Stat)) {
+    if (!IsMeant(At, Found, Stat, Wanted)) {
         // The name leads to another object by now, and that is not to go.
         return Failure(Wanted == Kind::Directory ? USHORT{RVFS_PATH_NOT_FOUND} : CODE_NO_SUCH_FILE);
     }

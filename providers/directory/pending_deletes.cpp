@@ -58,9 +58,10 @@ void PendingDeletes::DirectoryClosed(std::string_view Path, const ObjectKey &Key
     LastClosed = {this, std::string(Path), Key};
 }
 
-bool PendingDeletes::Take(std::string_view Path, const ObjectKey &Key) {
+bool PendingDeletes::Take(std::string_view Path, const ObjectKey &Key, bool AsDirectory) {
+    // A directory that was closed long ago says nothing of a file that has its name by now.
     const Closed Last = std::exchange(LastClosed, {});
-    if (Last.Of == this && Last.Path == Path && !(Last.Key == Key)) {
+    if (AsDirectory && Last.Of == this && Last.Path == Path && !(Last.Key == Key)) {
         return false;
     }
     if (Count_ == 0) {

@@ -27,8 +27,9 @@ public:
     void Moved(std::string_view From, std::string_view To, const ObjectKey &Key);
     void DirectoryClosed(std::string_view Path, const ObjectKey &Key);
 
-    // Whether an entry that is this object may be deleted under this path. What was noted for the path is forgotten.
-    bool Take(std::string_view Path, const ObjectKey &Key);
+    // Whether an entry that is this object may be deleted under this path, as a directory or as a file. What was noted
+    // for the path is forgotten.
+    bool Take(std::string_view Path, const ObjectKey &Key, bool AsDirectory);
 
     // A file of exactly this path was deleted.
     void Deleted(std::string Path);

@@ -47,6 +47,16 @@ TEST_F(DirectoryProviderTest, APendingDeletionTakesTheFileThatWasOpenedOrNone) {
         }
         EXPECT_EQ(Table->RVFsdCloseDirectory(Fsd, nullptr, Folder), Done);
         EXPECT_EQ(DeleteFolder(u"dir"), Replaced ? Failure(RVFS_PATH_NOT_FOUND) : Done);
+        fs::remove(Root / "dir");
+        fs::remove(Root / "away");
+        // A file that has the name of a directory that was closed is no part of that deletion.
+        fs::create_directory(Root / "dir");
+        ASSERT_EQ(OpenFolder(u"dir", Folder), Done);
+        EXPECT_EQ(Table->RVFsdCloseDirectory(Fsd, nullptr, Folder), Done);
+        fs::rename(Root / "dir", Root / "away");
+        Write("dir", "");
+        EXPECT_EQ(Delete(u"dir"), Done);
+        fs::remove(Root / "away");
     }
 }
 
