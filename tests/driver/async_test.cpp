@@ -45,8 +45,6 @@ private:
 
 class Async : public LockFixture {
 protected:
-    static constexpr Open Asynchronous = {.Access = FILE_READ_DATA | FILE_WRITE_DATA, .Options = 0};
-
     HANDLE Handle = nullptr;
     char Bytes[32] = {};
 
@@ -281,6 +279,30 @@ TEST_F(Async, APostThatFailsEndsTheRequestAndLosesNoCleanup) {
         EXPECT_EQ(Workers(), 0u);
     }
     EXPECT_EQ(Fcb(Handle)->UncleanCount, 0u);
+}
+
+// Whoever hears of its end may take any lock.
+TEST_F(Async, AListingThatCannotBePostedEndsUnderNoLock) {
+    const HANDLE Directory =
+        MustOpen(u"\\srv\\vol\\docs", {.Access = FILE_LIST_DIRECTORY, .Options = FILE_DIRECTORY_FILE});
+    IrpBuilder Listing = Plain(IRP_MJ_DIRECTORY_CONTROL, FileObject(Directory));
+    Listing.MinorFunction = IRP_MN_QUERY_DIRECTORY;
+    Listing.Fill = [](PIO_STACK_LOCATION Stack) {
+        Stack->Parameters.QueryDirectory.FileInformationClass = FileNamesInformation;
+    };
+    PKEVENT SearchLock = &Instance(Directory)->SearchLock;
+    KeClearEvent(SearchLock); // another listing of this open is under way
+    std::vector<ULONG> Held;
+    SetIoObserver([&, Resource = &Fcb(Directory)->Resource](const CompletedRequest &) {
+        Held.push_back(ExIsResourceAcquiredSharedLite(Resource));
+    });
+    {
+        const PlannedFaults NoEntry({.Kinds = FaultBit(FaultKind::Pool), .Nth = 2}); // after its context
+        EXPECT_EQ(Send(Listing).Status, STATUS_INSUFFICIENT_RESOURCES);
+    }
+    SetIoObserver({});
+    EXPECT_EQ(Held, std::vector<ULONG>{0});
+    KeSetEvent(SearchLock, IO_NO_INCREMENT, FALSE);
 }
 
 TEST_F(Async, ABufferThatCannotBeLockedNeverReachesAWorker) {

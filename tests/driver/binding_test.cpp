@@ -17,13 +17,6 @@ protected:
     }
     // What a request is answered that reached its common routine.
     static constexpr NTSTATUS Served = STATUS_INVALID_DEVICE_REQUEST;
-    // Only a test lets the driver try again, so that it can shut down; it must not obtain twice what it kept.
-    static void Forget() {
-        NtFsdReleaseSecurityContextInterface();
-        NtFsdReleaseProviderInterfaces();
-        NtFsdReleaseRvplInterface();
-        g_bFrameworkBindFailed = 0;
-    }
 };
 
 TEST_F(Binding, HappensOnceWithTheFirstRequestAfterTheStartInItsOrder) {

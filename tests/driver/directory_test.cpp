@@ -104,7 +104,8 @@ TEST_F(Listing, AnExactNameAnswersOnceUntilRestartedAndIsNotLostByASmallBuffer) 
     EXPECT_EQ(Unpack(First.Buffer, First.Information, FileDirectoryInformation).size(), 1u);
     EXPECT_EQ(Query(Directory, 4096, u"a.txt").Status, STATUS_NO_MORE_FILES);
     EXPECT_EQ(Query(Directory, 4096, u"a.txt", false, false, 4).Status, STATUS_NO_MORE_FILES) << "whatever the class";
-    EXPECT_EQ(Query(Directory, 4096, u"a.txt", true).Status, STATUS_SUCCESS);
+    EXPECT_EQ(Query(Directory, 70, u"a.txt", true).Status, STATUS_BUFFER_OVERFLOW);
+    EXPECT_EQ(Query(Directory, 4096, u"a.txt").Status, STATUS_SUCCESS);
     EXPECT_EQ(Query(Directory, 4096, u"none.txt", true).Status, STATUS_NO_SUCH_FILE);
     EXPECT_EQ(Query(Directory, 4096, u"none.txt").Status, STATUS_NO_MORE_FILES);
 }

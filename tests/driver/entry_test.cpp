@@ -338,7 +338,6 @@ TEST_F(Entry, TheDeviceOpensAndClosesWithoutTheFramework) {
 
 // A request whose context ends with its routine stops the machine on every road that would keep it.
 TEST_F(Entry, AContextInAFrameIsNeverKept) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     Start();
     IO_STACK_LOCATION Stack = {};
     IRP Irp = {};

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "embedded/io/probe.h"
+#include "provider/binding.h"
 #include "tests/support/driver_fixture.h"
 
 namespace test {
@@ -11,6 +12,8 @@ class FrameFixture : public DriverFixture {
 protected:
     using Lines = std::vector<std::string>;
     using Class = FrameworkClass;
+    // Requests over it may not wait.
+    static constexpr Open Asynchronous = {.Access = FILE_READ_DATA | FILE_WRITE_DATA, .Options = 0};
 
     FrameFixture() {
         Provider.AddFile(u"\\srv\\vol\\a.txt", "0123456789");
@@ -27,6 +30,13 @@ protected:
     static ULONG DeviceOpens() {
         EXPECT_EQ(IsListEmpty(&DriverFcb->InstanceList), DriverFcb->OpenCount == 0);
         return DriverFcb->OpenCount;
+    }
+    // Only a test lets the driver bind again, so that it can shut down; it must not obtain twice what it kept.
+    static void Forget() {
+        NtFsdReleaseSecurityContextInterface();
+        NtFsdReleaseProviderInterfaces();
+        NtFsdReleaseRvplInterface();
+        g_bFrameworkBindFailed = 0;
     }
     // Opens the device itself.
     HANDLE OpenDevice() {

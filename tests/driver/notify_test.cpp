@@ -64,10 +64,14 @@ TEST_F(Watching, IsListedByTheDumpOfTheTableWhileItLasts) {
     };
     const HANDLE Directory = Watch(u"\\srv\\vol\\d");
     EXPECT_FALSE(IsListed());
-    const SentIrp Waits = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
-    EXPECT_TRUE(IsListed());
-    MakeFile(u"\\srv\\vol\\d\\new");
-    EXPECT_FALSE(IsListed());
+    const std::function<void()> Ends[] = {[&] { MakeFile(u"\\srv\\vol\\d\\new"); },
+                                          [&] { Close(Watch(u"\\srv\\vol\\d")); }};
+    for (const auto &End : Ends) {
+        const SentIrp Waits = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
+        EXPECT_TRUE(IsListed());
+        End();
+        EXPECT_FALSE(IsListed());
+    }
 }
 
 TEST_F(Watching, WhatIsMadeOrDeletedEndsTheWaitsForFileNamesAndTheTreeBelowIsNotWatched) {
@@ -87,6 +91,9 @@ TEST_F(Watching, WhatIsMadeOrDeletedEndsTheWaitsForFileNamesAndTheTreeBelowIsNot
         EXPECT_EQ(Names.Wait().Information, 0u);
     }
     SentIrp Near = Wait(Directory, FILE_NOTIFY_CHANGE_FILE_NAME);
+    Provider.AddFile(u"\\srv\\vol\\d\\old", "");
+    Provider.OnCall(Slot::DeleteFile).Return(ProviderError(0x0006));
+    Close(MustOpen(Changes[1].first, Changes[1].second)); // which is not deleted
     MakeFile(u"\\srv\\vol\\d\\deep\\far.txt");
     EXPECT_FALSE(Above.IsCompleted() || Near.IsCompleted() || Directories.IsCompleted());
     Close(Directory);

@@ -249,6 +249,14 @@ TEST_F(Asking, WhatIsNotServedIsRefused) {
     for (const ULONG InfoClass : {0u, 6u, 8u, 9u, 10u, 77u}) {
         EXPECT_THAT(Volume(Handle, InfoClass), Ends(STATUS_INVALID_INFO_CLASS, 0)) << InfoClass;
     }
+    for (const UCHAR MajorFunction : {IRP_MJ_QUERY_INFORMATION, IRP_MJ_QUERY_VOLUME_INFORMATION}) {
+        IrpBuilder WithoutBuffer = Plain(MajorFunction, FileObject(Handle));
+        WithoutBuffer.Fill = [](PIO_STACK_LOCATION IrpSp) {
+            IrpSp->Parameters.QueryFile.Length = 8;
+            IrpSp->Parameters.QueryFile.FileInformationClass = 4; // served by both
+        };
+        EXPECT_THAT(SendIrpAndWait(Device(), WithoutBuffer), Ends(STATUS_INVALID_PARAMETER, 0));
+    }
     HANDLE TheDevice = MustOpen(u"", {.Access = SYNCHRONIZE | FILE_READ_ATTRIBUTES});
     EXPECT_EQ(File(TheDevice, FileBasicInformation).Status, STATUS_INVALID_PARAMETER);
     EXPECT_THAT(Volume(TheDevice, FileFsSizeInformation), Ends(STATUS_SUCCESS, 0));

@@ -249,14 +249,11 @@ TEST_F(LockRaces, UnlockAgainstTheTellingOfTheServer) {
 
 class QueueRaces : public Racing<LockFixture> {
 protected:
-    // Requests over it may not wait.
-    static constexpr Open Overlapped = {.Access = FILE_READ_DATA | FILE_WRITE_DATA, .Options = 0};
-
     void StartPosting() {
         Begin({.Switches = {{u"EnableAsyncIo", 1}}});
     }
     void OpenOverlapped() {
-        Handle = MustOpen(u"\\srv\\vol\\a.txt", Overlapped);
+        Handle = MustOpen(u"\\srv\\vol\\a.txt", Asynchronous);
         Irp = nullptr;
         Byte = 0;
     }
@@ -397,11 +394,7 @@ TEST_F(BindingRaces, TwoFirstRequestsShareTheOutcomeOfOneBinding) {
         MustPass(
             "first binding by two requests",
             [&] {
-                // Only a test lets the driver try again.
-                NtFsdReleaseSecurityContextInterface();
-                NtFsdReleaseProviderInterfaces();
-                NtFsdReleaseRvplInterface();
-                g_bFrameworkBindFailed = 0;
+                Forget();
                 g_bFrameworkBound = 0;
                 Frame().ClearLog();
                 if (Fails) {

@@ -13,8 +13,6 @@ constexpr LONGLONG EndOfFileMarker = -1;
 
 class Data : public FrameFixture {
 protected:
-    static constexpr Open Asynchronous = {.Access = FILE_READ_DATA | FILE_WRITE_DATA, .Options = 0};
-
     HANDLE Handle = nullptr;
     char Buffer[64] = {};
 

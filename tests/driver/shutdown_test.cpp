@@ -155,6 +155,7 @@ TEST_F(Shutdown, OpensThatOutliveItHaveNoProviderHandlesAndCloseHarmlessly) {
                  {.Access = DELETE | SYNCHRONIZE, .Options = FILE_DELETE_ON_CLOSE | FILE_SYNCHRONOUS_IO_NONALERT}),
         MustOpen(u""),
     };
+    const HANDLE Below = MustOpen(u"f", {.Disposition = FILE_OPEN_IF, .Related = Handles[2]});
     EXPECT_EQ(ShutDown(), STATUS_NOT_SUPPORTED);
     EXPECT_EQ(Provider.OpenHandles(), Lines{});
     Provider.ClearCalls();
@@ -166,6 +167,7 @@ TEST_F(Shutdown, OpensThatOutliveItHaveNoProviderHandlesAndCloseHarmlessly) {
     for (const HANDLE Each : Handles) {
         EXPECT_EQ(Close(Each), STATUS_SUCCESS);
     }
+    EXPECT_EQ(Close(Below), STATUS_SUCCESS) << "whose handle was lent by one that has gone";
     EXPECT_EQ(Provider.Calls(), Lines{});
     EXPECT_TRUE(Provider.Exists(u"\\srv\\vol\\doomed.txt")) << "no pending delete is carried out";
 }

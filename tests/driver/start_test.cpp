@@ -108,6 +108,8 @@ TEST_F(DriverStart, AServiceValueIsCopiedUpToFourBytesWhateverItsType) {
         EXPECT_EQ(Value, Each.Value);
         EXPECT_EQ(Length, Each.Length);
     }
+    const NoMemoryInTheDriver NoMemory;
+    EXPECT_EQ(NtFsdReadServiceValue(u"four", REG_DWORD, 4, nullptr, nullptr), STATUS_INSUFFICIENT_RESOURCES);
 }
 
 // ---- What stands after the start
@@ -280,14 +282,16 @@ TEST_F(FailedStart, MemoryIsNeededForTheDeviceAndItsFcbAlone) {
 }
 
 TEST_F(FailedStart, SaysWhatFailed) {
+    constexpr const char *Last = "[RVFSD] Failed to initialize our device support, 0xc000009a\n"
+                                 "[RVFSD] DriverEntry NtFsdInitOurDevice returned 0xC000009A.\n";
     struct {
         ULONG64 Nth; // of the resources
         const char *Text;
     } constexpr Cases[] = {
-        {1, "[RVFSD] Failed to initialize our device support, 0xc000009a\n"},
-        {1, "[RVFSD] DriverEntry NtFsdInitOurDevice returned 0xC000009A.\n"},
+        {1, Last},
         {4, "[RVFSD] NtFsdInitOurDevice ExInitializeResourceLite returned 0xC000009A.\n"},
         {5, "[RVFSD] NtFsdInitOurDevice NtFsdAllocFcb returned NULL.\n"},
+        {5, Last},
     };
     for (const auto &Each : Cases) {
         Printed.clear();

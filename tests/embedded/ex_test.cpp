@@ -190,7 +190,6 @@ TEST(PoolTest, BlocksOutliveAChangeOfTheLevel) {
 TEST(PoolDeathTest, OverrunUnderrunAndUseAfterFreeStop) {
     const bool ByPages = PoolGuardsOn();
     SetPoolGuards(false); // pages would stop it earlier
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     auto Block = static_cast<volatile char *>(ExAllocatePoolWithTag(NonPagedPool, 33, Tag));
     auto Free = [&] { ExFreePoolWithTag(const_cast<char *>(Block), Tag); };
     EXPECT_DEATH((Block[33] = 1, Free()), "STOP 0x000000C1.*0000023.: bytes behind the block");
@@ -215,7 +214,6 @@ TEST(PoolDeathTest, OverrunUnderrunAndUseAfterFreeStop) {
 #else
 // What the sanitizer reports at the access itself.
 TEST(PoolDeathTest, OverrunUseAfterFreeOverlapAndUnwoundStackStop) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     auto Block = static_cast<volatile char *>(ExAllocatePoolWithTag(NonPagedPool, 33, Tag));
     const PVOID Start = const_cast<char *>(Block);
     volatile SIZE_T Length = 20;

@@ -83,7 +83,7 @@ TEST(ProbeTest, EachPageOfTheBufferDecides) {
     EXPECT_EQ(std::count(Memory.At(0), Memory.At(PAGE_SIZE), '\xA5'), PAGE_SIZE) << "a probe changes nothing";
 }
 
-TEST(ProbeTest, AddressesThatNoUserHasAreRefused) {
+TEST(ProbeTest, WhatNoUserHasIsRefused) {
     for (ULONG_PTR Address : {0x0ull, 0x10ull, 0xFFFFull, 0x800000000000ull, 0x8000000000000000ull,
                               0xFFFF800000000000ull, 0xFFFFFFFFFFFFF000ull, 0xFFFFFFFFFFFFFFFFull}) {
         SCOPED_TRACE(Address);
@@ -94,9 +94,6 @@ TEST(ProbeTest, AddressesThatNoUserHasAreRefused) {
     }
     EXPECT_FALSE(ProbeUserRange(reinterpret_cast<PVOID>(0x20000), ~SIZE_T{0}, false));
     EXPECT_FALSE(ProbeRange(reinterpret_cast<PVOID>(0x20000), ~SIZE_T{0}, false));
-}
-
-TEST(ProbeTest, PoolIsNoUserMemory) {
     PVOID Block = ExAllocatePoolWithTag(NonPagedPool, 64, MakeTag("User"));
     EXPECT_EQ(LockAndUnlock(Block, 64, KernelMode, IoWriteAccess), STATUS_SUCCESS);
     EXPECT_EQ(LockAndUnlock(Block, 64, UserMode, IoWriteAccess), STATUS_ACCESS_VIOLATION);
@@ -118,7 +115,6 @@ TEST(ProbeTest, ATruncatedFileMappingIsRefusedToo) {
 }
 
 TEST(ProbeDeathTest, OtherFaultsStillEndTheProcess) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(
         {
             ProbeRange(nullptr, 1, false);

@@ -32,7 +32,6 @@ inline std::string StopPattern(ULONG Code, ULONG_PTR Parameter, const char *What
 class PlantedFaults : public testing::TestWithParam<PlantedFault> {
 protected:
     void SetUp() override {
-        GTEST_FLAG_SET(death_test_style, "threadsafe");
         WatchFaults(); // a kernel does so when it boots, and most of these have none
     }
 };

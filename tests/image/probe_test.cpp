@@ -113,21 +113,18 @@ TEST_F(ImageProbe, UserMemoryIsProbedAndRaisesWhatWindowsRaises) {
 }
 
 TEST_F(ImageProbe, AnExceptionThatNobodyTakesStopsWithTheImagesLines) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(Call("ProbeUncaught", 2u, One),
                  "STOP 0x0000001E .0x00000000E0000001.*no handler takes it\n"
                  ".*probe.sys!Deep.*probe.cpp:[^\n]*\n(.*\n)*.*probe.sys!ProbeUncaught.*probe.cpp:");
 }
 
 TEST_F(ImageProbe, AMemoryFaultStopsWithTheImagesLinesToo) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(Call("ProbeTouch", reinterpret_cast<ULONG *>(0x10)),
                  "STOP 0x00000050 .0x0000000000000010.*probe.sys touched memory at 0x10 that it cannot\n"
                  ".*in probe.sys!ProbeTouch.*probe.cpp:[0-9]+");
 }
 
 TEST_F(ImageProbe, PoolThatIsOverrunOrFreedStopsWhereItIsTouched) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     SetPoolGuards(true);
     void *Block = nullptr;
     ASSERT_EQ(Call("ProbeAllocate", &Block), STATUS_SUCCESS); // 24 bytes, so 8 are left to the guard
@@ -141,7 +138,6 @@ TEST_F(ImageProbe, PoolThatIsOverrunOrFreedStopsWhereItIsTouched) {
 }
 
 TEST_F(ImageProbe, AFaultOfAServiceStopsWithTheServiceAndTheImagesLines) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     for (const SIZE_T Bytes : {3u, 4096u}) { // in place, and by the C library
         EXPECT_DEATH(Call("ProbeFill", reinterpret_cast<void *>(0x10), Bytes),
                      "STOP 0x00000050 .0x0000000000000010.*memset touched memory at 0x10 that it cannot, called by "
@@ -154,7 +150,6 @@ TEST_F(ImageProbe, AFaultOfAServiceStopsWithTheServiceAndTheImagesLines) {
 }
 
 TEST_F(ImageProbe, WhateverElseTheProcessorRefusesStopsWithTheImagesLines) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(Call("ProbeDivide", 0u), "STOP 0x0000001E .0x00000000C0000094.*probe.sys divided by zero[^\n]*\n"
                                           ".*in probe.sys!ProbeDivide[^\n]*probe.cpp:[0-9]+");
     EXPECT_DEATH(Call("ProbeTrap"), "STOP 0x0000001E .0x00000000C000001D.*\n.*in probe.sys!ProbeTrap");
@@ -278,7 +273,6 @@ TEST_F(ImageCalls, HaveALineEachWithThreadLevelAndResult) {
 }
 
 TEST_F(ImageCalls, ThatNeverReturnHaveALineToo) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     const auto FreeTwice = [this] {
         SetCallSink([](const std::string &Line) { fprintf(stderr, "%s\n", Line.c_str()); });
         void *Block = nullptr;
@@ -334,7 +328,6 @@ TEST_F(ImageCalls, DoNotHideTheLineThatTookALockOrCompletedARequest) {
     ExDeleteResourceLite(&Shared);
     ExDeleteResourceLite(&Exclusive);
 
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     IrpBlock Block = {};
     Block.Signature = IrpBlock::SignatureValue;
     EXPECT_DEATH(Call("ProbeComplete", &Block.Irp),
