@@ -282,7 +282,7 @@ TEST_F(Async, APostThatFailsEndsTheRequestAndLosesNoCleanup) {
 }
 
 // Whoever hears of its end may take any lock.
-TEST_F(Async, AListingThatCannotBePostedEndsUnderNoLock) {
+TEST_F(Async, AListingEndsUnderNoLockAlsoWhenItCannotBePosted) {
     const HANDLE Directory =
         MustOpen(u"\\srv\\vol\\docs", {.Access = FILE_LIST_DIRECTORY, .Options = FILE_DIRECTORY_FILE});
     IrpBuilder Listing = Plain(IRP_MJ_DIRECTORY_CONTROL, FileObject(Directory));
@@ -300,9 +300,10 @@ TEST_F(Async, AListingThatCannotBePostedEndsUnderNoLock) {
         const PlannedFaults NoEntry({.Kinds = FaultBit(FaultKind::Pool), .Nth = 2}); // after its context
         EXPECT_EQ(Send(Listing).Status, STATUS_INSUFFICIENT_RESOURCES);
     }
-    SetIoObserver({});
-    EXPECT_EQ(Held, std::vector<ULONG>{0});
     KeSetEvent(SearchLock, IO_NO_INCREMENT, FALSE);
+    EXPECT_EQ(Send(Listing).Status, STATUS_BUFFER_OVERFLOW);
+    SetIoObserver({});
+    EXPECT_EQ(Held, (std::vector<ULONG>{0, 0}));
 }
 
 TEST_F(Async, ABufferThatCannotBeLockedNeverReachesAWorker) {

@@ -257,9 +257,18 @@ TEST_F(Creates, FailWhenWhatIsThereCannotBeFoundOutAndNoTypeWasGiven) {
         .Return(ProviderError(0x0102));
     ExpectRefused(u"\\srv\\vol\\no", With({}, FILE_OPEN_IF), STATUS_NETWORK_BUSY);
     ExpectOpened(u"\\srv\\vol\\no", With({}, FILE_OPEN_IF, N), FILE_CREATED);
+    // A success that says nothing of an entry.
+    Provider.OnPath(Slot::CreateFile, u"\\srv\\vol\\a.txt").ReturnAfter(static_cast<RVSTATUS>(0x00000516));
+    ExpectRefused(u"\\srv\\vol\\a.txt", {}, STATUS_UNSUCCESSFUL);
 }
 
 // ---- Directories
+
+TEST_F(Creates, FindADirectoryThatTheProbeDidNotSee) {
+    Provider.OnPath(Slot::CreateFile, u"\\srv\\vol\\docs").Return(ProviderError(0x0506));
+    ExpectOpened(u"\\srv\\vol\\docs", {}, FILE_OPENED);
+    ExpectRefused(u"\\srv\\vol\\docs", With({}, FILE_OPEN, N), IsADirectory);
+}
 
 // Nor has one whose open fails afterwards, or answers a note.
 TEST_F(Creates, ADirectoryThatWasCreatedOnlyHasNoHandleOfItsOwn) {

@@ -391,6 +391,40 @@ TEST_F(Fcbs, ADereferenceWithoutAnFcbFreesTheInstance) {
     }
 }
 
+TEST_F(Fcbs, ADereferenceDeletesByTheWholePathAndAnswersWhatCameOfIt) {
+    constexpr std::tuple<std::u16string_view, USHORT, NTSTATUS> Cases[] = {
+        {u"\\srv\\vol\\docs\\sub", 0x0502, STATUS_SUCCESS}, // somebody else was faster
+        {u"\\srv\\vol\\a.txt", 0x0502, STATUS_NO_SUCH_FILE},  {u"\\srv\\vol\\a.txt", 0x0503, STATUS_SUCCESS},
+        {u"\\srv\\vol\\a.txt", 0x0006, STATUS_ACCESS_DENIED}, {u"\\srv\\vol", 0, STATUS_CANNOT_DELETE},
+    };
+    for (const auto &[Path, Code, Status] : Cases) {
+        const HANDLE Handle = MustOpen(Path);
+        IRP_CONTEXT Request = Context(FileObject(Handle));
+        const PFCB Its = Fcb(Handle);
+        const INSTANCE_CONTEXT Made = *Instance(Handle);
+        const bool IsDirectory = Made.DirHandle != 0;
+        Its->OpenFlags |= FCB_STATE_DELETE_DISPOSITION;
+        Provider.OnCall(IsDirectory ? Slot::DeleteDirectory : Slot::DeleteFile).Return(ProviderError(Code));
+        Provider.ClearCalls();
+        ResourceHold Table, Hold;
+        Table.AcquireExclusive(&FcbTableResource, TRUE);
+        Hold.AcquireExclusive(&Its->Resource, TRUE);
+        BOOLEAN Freed = FALSE;
+        EXPECT_EQ(TwSupDereference(&Request, Its, Instance(Handle), &Freed, Hold), Status);
+        EXPECT_TRUE(Freed);
+        EXPECT_EQ(Provider.CountCalls(), Code != 0 ? 1u : 0u);
+        Table.Release();
+        Close(Handle);
+        for (const auto &[Own, End] : {std::pair{Made.FileHandle, &RVFsdCloseFile},
+                                       {Made.DirHandle, &RVFsdCloseDirectory},
+                                       {Made.VolumeHandle, &RVFsdCloseVolume}}) {
+            EXPECT_TRUE(Own == 0 || End(&Request.SecurityContext, Own) == RVSTATUS::Success);
+        }
+        Provider.ClearScript();
+    }
+    ExpectNothingOpen("the dereferences");
+}
+
 TEST_F(Fcbs, TheFileObjectCheckLooksAtOneThingAfterAnother) {
     Bind();
     auto Record = std::make_unique<FCB>();
