@@ -141,34 +141,12 @@ TEST_F(SharedOpens, OfAFileWhosePathBecameAVolumesAreRefused) {
     ExpectNothingOpen("the close");
 }
 
-TEST_F(SharedOpens, ThatFailAreEndedWithTheTableAndTheFileHeld) {
-    const PFCB Shared = Fcb(MustOpen(u"\\srv\\vol\\a.txt"));
-    std::vector<bool> Held;
-    Provider.OnCall(Slot::CreateFile, IsRealOpen).Return(ProviderError(0x0006));
-    Provider.OnCall(Slot::CloseVolume).Do([&](const Call &) {
-        Held.push_back(ExIsResourceAcquiredExclusiveLite(&FcbTableResource) &&
-                       ExIsResourceAcquiredExclusiveLite(&Shared->Resource));
-    });
-    EXPECT_EQ(Try(u"\\srv\\vol\\a.txt").Status, STATUS_ACCESS_DENIED);
-    EXPECT_EQ(Held, std::vector<bool>{true});
-    Provider.ClearScript();
-}
-
 TEST_F(SharedOpens, OfARootWhoseVolumeCannotBeOpenedLeaveItARoot) {
     const HANDLE Root = MustOpen(u"\\srv\\vol", AsDirectory);
     Provider.OnCall(Slot::OpenVolume).Nth(2).Return(ProviderError(0x0006)); // the first one is the probe's
     const HANDLE Second = MustOpen(u"\\srv\\vol", AsDirectory);
     EXPECT_EQ(Instance(Second)->VolumeHandle, 0u);
     EXPECT_EQ(Fcb(Root)->VolumeResolved, 1) << "its listings have no dot entries";
-}
-
-TEST_F(SharedOpens, OfARefusedSizeDoNotTakeItOver) {
-    const HANDLE First = MustOpen(u"\\srv\\vol\\a.txt");
-    Provider.Edit([](Tree &Tree) { Tree.Find(u"\\srv\\vol\\a.txt")->Attributes = RV_ATTR_READONLY; });
-    Provider.AddFile(u"\\srv\\vol\\a.txt", "longer than before", RV_ATTR_READONLY);
-    ExpectRefused(u"\\srv\\vol\\a.txt", With(ForDelete, FILE_OPEN, FILE_DELETE_ON_CLOSE), STATUS_CANNOT_DELETE,
-                  FILE_SUPERSEDED);
-    EXPECT_EQ(Fcb(First)->Header.FileSize.QuadPart, 10);
 }
 
 // The first create hangs at the Provider and fails; the second has found its FCB and waits for it.

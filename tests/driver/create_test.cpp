@@ -260,15 +260,13 @@ TEST_F(Creates, FailWhenWhatIsThereCannotBeFoundOutAndNoTypeWasGiven) {
     // A success that says nothing of an entry.
     Provider.OnPath(Slot::CreateFile, u"\\srv\\vol\\a.txt").ReturnAfter(static_cast<RVSTATUS>(0x00000516));
     ExpectRefused(u"\\srv\\vol\\a.txt", {}, STATUS_UNSUCCESSFUL);
-}
-
-// ---- Directories
-
-TEST_F(Creates, FindADirectoryThatTheProbeDidNotSee) {
+    Provider.ClearScript(); // the probe sees nothing, the question after it does
     Provider.OnPath(Slot::CreateFile, u"\\srv\\vol\\docs").Return(ProviderError(0x0506));
     ExpectOpened(u"\\srv\\vol\\docs", {}, FILE_OPENED);
     ExpectRefused(u"\\srv\\vol\\docs", With({}, FILE_OPEN, N), IsADirectory);
 }
+
+// ---- Directories
 
 // Nor has one whose open fails afterwards, or answers a note.
 TEST_F(Creates, ADirectoryThatWasCreatedOnlyHasNoHandleOfItsOwn) {

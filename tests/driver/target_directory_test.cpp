@@ -160,16 +160,6 @@ TEST_F(TargetOpens, BelowAFileOpenWithoutADirectoryHandle) {
     ExpectNothingOpen("the closes");
 }
 
-TEST_F(TargetOpens, OfAParentThatCannotBeOpenedTellThatTheTargetIsNotThere) {
-    Provider.OnCall(Slot::OpenDirectory).Return(ProviderError(0x0006));
-    const CreateResult Result = Create(u"\\srv\\vol\\docs\\f.txt", AsTarget);
-    ASSERT_THAT(Result, Ends(STATUS_SUCCESS, FILE_DOES_NOT_EXIST));
-    EXPECT_EQ(Instance(Result.Handle)->DirHandle, 0u);
-    EXPECT_EQ(Instance(Result.Handle)->RelatedHandle, Instance(Result.Handle)->VolumeHandle);
-    EXPECT_EQ(Fcb(Result.Handle)->OpenType, OPEN_TYPE_DIRECTORY + 0u);
-    Close(Result.Handle);
-}
-
 TEST_F(TargetOpens, WithoutTheFrameworksMemoryForTheNameAreRefused) {
     Bind();
     Frame().FailAllocate();
