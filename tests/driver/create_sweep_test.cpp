@@ -29,6 +29,9 @@ Open Sized(Open Request) {
 const Kind Kinds[] = {
     {"OpenFile", u"\\srv\\vol\\a.txt", {}},
     {"OpenFileToDelete", u"\\srv\\vol\\a.txt", With(ForDelete, FILE_OPEN, FILE_DELETE_ON_CLOSE)},
+    {"OpenSharedFileToDelete", u"\\srv\\vol\\a.txt", With(ForDelete, FILE_OPEN, FILE_DELETE_ON_CLOSE), false, true},
+    {"OpenSharedReadOnlyFileToDelete", u"\\srv\\vol\\kept", With(ForDelete, FILE_OPEN, FILE_DELETE_ON_CLOSE), false,
+     true},
     {"OverwriteFile", u"\\srv\\vol\\a.txt", Sized(With({}, FILE_OVERWRITE))},
     {"SupersedeSharedFile", u"\\srv\\vol\\a.txt", With(ForDelete, FILE_SUPERSEDE), false, true},
     {"CreateFile", u"\\srv\\vol\\new", Sized(With(ForDelete, FILE_CREATE, N))},
@@ -92,17 +95,18 @@ protected:
         ExpectNothingOpen("the sweep");
         CreateFixture::TearDown();
     }
-    // The tree as the open finds it.
+    // The tree as the open finds it: files of another size than the last one found, and so than any FCB has.
     void Reset() {
-        Provider.Edit([](Tree &Tree) {
+        ++Size_;
+        Provider.Edit([this](Tree &Tree) {
             Tree.Delete(false, 0, u"\\srv\\vol\\new");
             Tree.Delete(true, 0, u"\\srv\\vol\\new");
-            if (Tree.Find(u"\\srv\\vol\\a.txt") == nullptr) {
-                Tree.AddFile(u"\\srv\\vol\\a.txt", "0123456789");
+            for (const std::u16string_view Path :
+                 {u"\\srv\\vol\\a.txt", u"\\srv\\vol\\docs\\f.txt", u"\\srv\\vol\\kept"}) {
+                Node *const There = Tree.Find(Path);
+                (There != nullptr ? *There : Tree.AddFile(Path)).Content.Resize(Size_);
             }
-            if (Tree.Find(u"\\srv\\vol\\docs\\f.txt") == nullptr) {
-                Tree.AddFile(u"\\srv\\vol\\docs\\f.txt", "inside");
-            }
+            Tree.Find(u"\\srv\\vol\\kept")->Attributes = RV_ATTR_READONLY;
         });
     }
     CreateResult OpenIt() {
@@ -152,6 +156,7 @@ protected:
     HANDLE Other_ = nullptr;
     std::vector<decltype(StateOf(std::declval<FCB>()))> Before_; // of the FCBs that stay
     ULONG Fcbs_ = 0;
+    size_t Size_ = 10;
     Calls Handles_;
 };
 
