@@ -61,6 +61,7 @@ struct _KTHREAD {
     bool StoppedInDelay;                 // ... and did
 
     ULONG HeldCount;
+    ULONG HeldBefore; // when the driver was called last
     embedded::HeldLock Held[embedded::MaximumHeldLocks];
     embedded::SeenEdge Seen[embedded::SeenEdges];
     ULONG_PTR StackLow;

@@ -168,6 +168,15 @@ __attribute__((noinline)) void NTAPI ObserveReturned(const IrpBlock &Block, NTST
     }
 }
 
+// Whoever hears of a request's end may take any lock, or wait for another thread that does.
+void RequireNoLocks(const IrpBlock &Block) {
+    const KThread &Thread = CurrentThread();
+    if (Thread.HeldCount > Thread.HeldBefore) {
+        ReportIrp(bugcheck::OwnRule + 1, Block, Thread.HeldCount,
+                  "a request was completed with locks held:\n" + DescribeHeldLocks(Thread));
+    }
+}
+
 // ---- Return from dispatch ------------------------------------------------------------------------------------
 
 // Both the return and the completion have happened: they must tell the same story.
@@ -377,6 +386,9 @@ VOID NTAPI IofCompleteRequest(PIRP Irp, CCHAR PriorityBoost) noexcept {
     Block.CompletedFrom = Caller;
     if (!IsCompletable(Block)) [[unlikely]] {
         ReportCompletion(Block);
+    }
+    if (Verifying()) {
+        RequireNoLocks(Block);
     }
     for (PMDL Mdl = Block.CallersMdl; Mdl != nullptr; Mdl = Mdl->Next) {
         WriteBack(Mdl); // the sender unlocks it later

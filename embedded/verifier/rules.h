@@ -132,18 +132,21 @@ inline void RequireIrql(const IrqlRule &Rule) {
 }
 
 // Around a call into the driver: the IRQL, the critical-region count and the number of held locks must be the same
-// after the call as before it.
+// after the call as before it, and no request is completed within it while more locks are held.
 enum class DriverCall { Dispatch, FastIo, Completion, Other };
 
 class RequireUnchanged {
 public:
     RequireUnchanged(DriverCall Call, const char *Routine) : Call_(Call), Routine_(Routine) {
-        const KThread &Thread = CurrentThread();
+        KThread &Thread = CurrentThread();
         CriticalRegions_ = Thread.CriticalRegions;
         HeldCount_ = Thread.HeldCount;
+        HeldBefore_ = Thread.HeldBefore;
+        Thread.HeldBefore = HeldCount_;
         Irql_ = Thread.Irql;
     }
     ~RequireUnchanged() {
+        CurrentThread().HeldBefore = HeldBefore_;
         if (Verifying()) {
             Compare();
         }
@@ -158,6 +161,7 @@ private:
     const char *Routine_;
     LONG CriticalRegions_;
     ULONG HeldCount_;
+    ULONG HeldBefore_;
     KIRQL Irql_;
 };
 

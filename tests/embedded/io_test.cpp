@@ -180,6 +180,15 @@ const PlantedFault Planted[] = {
      [] { ReadDoing([](PIRP) { KeRaiseIrql(HighLevel); }); }},
     {"CancelRoutineLeftSet", 0xC9, 0x07, "cancel routine",
      [] { ReadDoing([](PIRP Irp) { Irp->CancelRoutine = NoCancel; }); }},
+    {"CompletedWithALockHeld", 0xC9, bugcheck::OwnRule + 1, "locks held",
+     [] {
+         static ERESOURCE Resource;
+         ExInitializeResourceLite(&Resource);
+         ReadDoing([](PIRP) {
+             KeEnterCriticalRegion();
+             ExAcquireResourceSharedLite(&Resource, TRUE);
+         });
+     }},
     {"MdlLeft", 0xC4, 0xB8, "MDL of the driver",
      [] { ReadDoing([](PIRP Irp) { IoAllocateMdl(Buffer, sizeof(Buffer), FALSE, FALSE, Irp); }); }},
     {"CallersMdlTaken", 0xC4, 0xB8, "without the MDL",
