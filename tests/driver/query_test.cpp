@@ -215,6 +215,7 @@ TEST_F(Asking, AnyQueryRefreshesTheSizesAndOneThatFailsLeavesThemAndTellsZeros) 
 TEST_F(Asking, IdentifiersComeFromVolumesThatHaveThem) {
     const HANDLE Handle = OpenEmptyFile();
     SetVolume(0, 0);
+    EXPECT_EQ(File(Handle, FileInternalInformation).Status, STATUS_SUCCESS);
     EXPECT_EQ(File(Handle, FileInternalInformation).At<ULONG64>(0), 0x00000ABA00000020u);
     Provider.ClearScript();
     SetVolume(RV_VOLUME_IDENTIFIER_VALID, 7);

@@ -92,6 +92,9 @@ TEST_F(Data, AnAppendGoesWhereTheServerSaysTheFileEndsAndWithoutAnAnswerNowhere)
     EXPECT_EQ(Position(), FileSize(Handle));
     Provider.OnCall(Slot::GetFileSize).Return(ProviderError(0x0102));
     EXPECT_THAT(Send(Raw(IRP_MJ_WRITE, 2, EndOfFileMarker)), Ends(STATUS_NETWORK_BUSY, 0));
+    Provider.ClearScript();
+    Provider.OnCall(Slot::GetFileSize).Answer([](Outputs &Out) { *Out.EndOfFile = INT64_MAX - 1; });
+    EXPECT_THAT(Send(Raw(IRP_MJ_WRITE, 2, EndOfFileMarker)), Ends(STATUS_INVALID_PARAMETER, 0));
     EXPECT_EQ(Provider.CountCalls(Slot::WriteFile), 1u);
 }
 
