@@ -5,8 +5,8 @@
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
+#include <sys/epoll.h>
 #include <sys/inotify.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -48,7 +48,7 @@ void Native(benchmark::State &State) {
 }
 
 // What the Provider's calls of an open have to ask the kernel for when they open no pipe that takes the file's place,
-// and nothing else: by the handle of a known file below a watched directory, or by its path.
+// and nothing else: by the handle of a known file in a watched directory, or by its path.
 class NecessaryCalls {
 public:
     // The last three components of Path are below the root.
@@ -58,24 +58,28 @@ public:
         Root_ = open(Root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         Descriptors_ = open("/proc/self/fd", O_PATH | O_DIRECTORY | O_CLOEXEC);
         Events_ = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+        News_ = epoll_create1(EPOLL_CLOEXEC);
+        epoll_event Event{};
+        Event.events = EPOLLIN;
         int Mount = 0;
         Handle()->handle_bytes = sizeof Handle_ - sizeof(file_handle);
-        if (Root_ < 0 || inotify_add_watch(Events_, Root.c_str(), IN_DELETE | IN_MOVED_FROM) < 0 ||
+        if (Root_ < 0 || inotify_add_watch(Events_, Path.parent_path().c_str(), IN_DELETE | IN_MOVED_FROM) < 0 ||
+            epoll_ctl(News_, EPOLL_CTL_ADD, Events_, &Event) != 0 ||
             name_to_handle_at(Root_, Name_.c_str(), Handle(), &Mount, 0) != 0) {
             Fail("no file handles");
         }
     }
     ~NecessaryCalls() {
-        for (const int Each : {Root_, Descriptors_, Events_}) {
+        for (const int Each : {Root_, Descriptors_, Events_, News_}) {
             close(Each);
         }
     }
 
     void ByHandle() {
-        int Waiting;
-        struct statx Stat;
-        ioctl(Events_, FIONREAD, &Waiting);
-        statx(Root_, Name_.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS, &Stat);
+        epoll_event Told;
+        if (epoll_wait(News_, &Told, 1, 0) != 0) {
+            Fail("a name has changed");
+        }
         AskAndClose(open_by_handle_at(Root_, Handle(), Flags));
     }
     void ByPath() const {
@@ -114,6 +118,7 @@ private:
     int Root_ = -1;
     int Descriptors_ = -1;
     int Events_ = -1;
+    int News_ = -1;
     alignas(file_handle) unsigned char Handle_[sizeof(file_handle) + 64] = {};
 };
 

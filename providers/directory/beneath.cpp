@@ -11,6 +11,8 @@
 
 #include <fmt/format.h>
 
+#include "providers/directory/system_calls.h"
+
 namespace providers::directory {
 namespace {
 
@@ -92,7 +94,7 @@ void OpenDescriptors() {
 
 UniqueFd::~UniqueFd() {
     if (Fd_ >= 0) {
-        close(Fd_);
+        CloseDescriptor(Fd_);
     }
 }
 

@@ -16,6 +16,7 @@
 #include "providers/directory/names.h"
 #include "providers/directory/record_memory.h"
 #include "providers/directory/state.h"
+#include "providers/directory/units.h"
 
 namespace providers::directory {
 namespace {
@@ -89,6 +90,14 @@ uint64_t NextSerial() {
     static std::atomic<uint64_t> Last = 0;
     return ++Last;
 }
+
+// The export that the thread has found last, by the beginning of the path that named it.
+struct VolumeFound {
+    uint64_t In = 0; // the ServedVolumes'; 0 = none
+    std::u16string Spelled;
+    Export *Volume = nullptr;
+};
+thread_local VolumeFound LastFound;
 
 RVPSTATUS NTAPI QueryInterface(RVP_OBJECT *Self, const GUID *Iid, PVOID *Out) {
     if (Out == nullptr || Iid == nullptr) {
@@ -239,6 +248,17 @@ std::u16string_view TakeComponent(std::u16string_view &Path) {
     return Component;
 }
 
+std::u16string_view VolumePart(PCWSTR Path) {
+    PCWSTR End = Path;
+    for (int Component = 0; Component < 2; ++Component) {
+        for (; *End == Separator; ++End) {
+        }
+        for (; *End != 0 && *End != Separator; ++End) {
+        }
+    }
+    return {Path, static_cast<size_t>(End - Path)};
+}
+
 std::string FaultOfNames(std::u16string_view Server, std::u16string_view Volume) {
     constexpr std::u16string_view Forbidden = u"\\/:*?\"<>|";
     for (const std::u16string_view Name : {Server, Volume}) {
@@ -268,6 +288,7 @@ DirectoryProvider::State::State() {
 
 void DirectoryProvider::State::PublishVolumes() {
     auto Now = std::make_unique<ServedVolumes>();
+    Now->Serial = NextSerial();
     for (const auto &Each : Exports) {
         Now->Exports.push_back(Each.get());
     }
@@ -279,6 +300,14 @@ void DirectoryProvider::State::PublishVolumes() {
 }
 
 RVSTATUS DirectoryProvider::State::FindVolume(std::u16string_view Path, NamedVolume &Found) const {
+    const ServedVolumes &Now = *Served.load(std::memory_order_acquire);
+    VolumeFound &Mine = LastFound;
+    if (Mine.In == Now.Serial && Same(Path.substr(0, Mine.Spelled.size()), Mine.Spelled) &&
+        (Path.size() == Mine.Spelled.size() || Path[Mine.Spelled.size()] == Separator)) {
+        Found = {Mine.Volume, nullptr, Path.substr(Mine.Spelled.size())};
+        return RVSTATUS::Success;
+    }
+    const PCWSTR Begin = Path.data();
     const std::u16string_view Server = TakeComponent(Path);
     const std::u16string_view Volume = TakeComponent(Path);
     bool KnownServer = false;
@@ -289,10 +318,13 @@ RVSTATUS DirectoryProvider::State::FindVolume(std::u16string_view Path, NamedVol
         KnownServer = true;
         return FoldsTo(Volume, Candidate.FoldedVolume);
     };
-    const ServedVolumes &Now = *Served.load(std::memory_order_acquire);
     for (Export *Candidate : Now.Exports) {
         if (IsNamed(*Candidate)) {
             Found = {Candidate, nullptr, Path};
+            Mine.In = 0;
+            Mine.Spelled.assign(Begin, Path.data());
+            Mine.Volume = Candidate;
+            Mine.In = Now.Serial;
             return RVSTATUS::Success;
         }
     }
@@ -311,7 +343,7 @@ RVSTATUS DirectoryProvider::State::Locate(RVHANDLE Base, PCWSTR Path, Place &Out
     }
     if (Base == 0) {
         NamedVolume Found;
-        if (const RVSTATUS Status = FindVolume(Path, Found); RvIsError(Status)) {
+        if (const RVSTATUS Status = FindVolume({Path, LengthOf(Path)}, Found); RvIsError(Status)) {
             return Status;
         }
         Out.Volume = Found.Volume;
@@ -332,7 +364,7 @@ RVSTATUS DirectoryProvider::State::Locate(RVHANDLE Base, PCWSTR Path, Place &Out
     }
     Out.Volume = Out.Base->Volume;
     Out.Ref = Out.Base->Ref();
-    Out.Path = Path;
+    Out.Path = {Path, LengthOf(Path)};
     return RVSTATUS::Success;
 }
 

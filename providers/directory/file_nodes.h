@@ -47,6 +47,14 @@ public:
                                                                : CheckLocks(Owner, Write, Offset, Length);
     }
 
+    // How often it was written to. Counted when the data are there.
+    uint32_t Writes() const {
+        return Writes_.load(std::memory_order_acquire);
+    }
+    void NoteWrite() {
+        Writes_.fetch_add(1, std::memory_order_release);
+    }
+
     // Held around a change of size where the growth is charged to a quota.
     std::mutex &SizeMutex() {
         return SizeMutex_;
@@ -73,6 +81,7 @@ private:
     ObjectKey Key_;
     size_t References_ = 0; // guarded by the shard's mutex
     std::atomic<uint32_t> LockCount_ = 0;
+    std::atomic<uint32_t> Writes_ = 0;
     std::mutex Mutex_;
     std::mutex SizeMutex_;
     std::vector<ShareEntry> Shares_;

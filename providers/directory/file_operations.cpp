@@ -117,7 +117,7 @@ bool IsLastDescriptor(int Fd) {
 // Makes There's descriptor one with those flags, of the very file. False with errno; a known file whose handle leads to
 // nothing any more is forgotten, and the next look is an ordinary one.
 bool OpenLooked(const Place &At, const std::string &FromRoot, Looked &There, const Request &Wanted, int Flags) {
-    if (There.Handle && !There.Fd) {
+    if (There.IsKnown()) {
         if (Wanted.Query()) {
             return true;
         }
@@ -139,13 +139,32 @@ bool OpenLooked(const Place &At, const std::string &FromRoot, Looked &There, con
     return true;
 }
 
+// A known file was opened and joined by what is remembered of it: what it is by now. The driver asks for the same next.
+RVSTATUS CheckKnown(FileObject &File, const Request &Wanted, Looked &There, Result &Out) {
+    struct statx Now;
+    if (const RVSTATUS Status = ReadAndKeepStatus(File, Now); RvIsError(Status)) {
+        return Status;
+    }
+    if (Now.stx_nlink != 1) {
+        File.Volume->Known.Forget(File.FromRoot);
+        Out.Again = Now.stx_nlink == 0;
+    }
+    There.Stat.st_mode = Now.stx_mode;
+    return Out.Again ? Failure(CODE_NO_SUCH_FILE) : CheckKind(There, Wanted);
+}
+
 // FromRoot is the path of what was looked at.
 RVSTATUS OpenExisting(State &Provider, const Place &At, std::string &&FromRoot, Looked &There, const Request &Wanted,
                       Result &Out) {
     if (Wanted.Disposition == RV_DISPOSITION_CREATE_NEW) {
         return Failure(CODE_EXISTS);
     }
+    const bool IsKnown = There.IsKnown();
     if (const RVSTATUS Status = CheckKind(There, Wanted); RvIsError(Status)) {
+        if (IsKnown) {
+            At.Volume->Known.Forget(FromRoot); // its mode may be another one by now
+            Out.Again = true;
+        }
         if (Wanted.Query() && S_ISDIR(There.Stat.st_mode)) {
             NoteDirectory(At, There, std::move(FromRoot));
         }
@@ -170,6 +189,10 @@ RVSTATUS OpenExisting(State &Provider, const Place &At, std::string &&FromRoot, 
         NoteQuery(At, There, *File);
     } else {
         if (const RVSTATUS Status = Join(*File, Wanted.Uses(), Wanted); RvIsError(Status)) {
+            return Status;
+        }
+        if (const RVSTATUS Status = IsKnown ? CheckKnown(*File, Wanted, There, Out) : RVSTATUS::Success;
+            RvIsError(Status)) {
             return Status;
         }
         File->Access = Wanted.Access;

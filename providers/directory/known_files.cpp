@@ -5,40 +5,48 @@
 #include <climits>
 #include <cstring>
 #include <functional>
+#include <iterator>
 
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/inotify.h>
-#include <sys/ioctl.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include "providers/directory/directory_reader.h"
 #include "providers/directory/event_log.h"
+#include "providers/directory/system_calls.h"
 
 namespace providers::directory {
 namespace {
 
 constexpr size_t MostSteps = 2048;
+constexpr uint8_t MeetingsBefore = 2; // a file that is met but twice costs no watch and no handle
 
 // What is remembered of one name.
 struct Remembered {
     enum class STATE : uint8_t { Free, Met, Known, Hopeless };
 
-    uint64_t Path = 0; // its hash
+    uint64_t Hash = 0; // of the path
+    std::string Path;  // a known name's, if it is not too long to be kept
     ObjectKey Key;
     FileHandle Handle;
+    uint32_t Epoch = 0; // a known name's: since when its directory is watched
+    uint16_t Mode = 0;
     STATE State = STATE::Free;
+    uint8_t Meetings = 0;
 };
+constexpr size_t LongestPath = 143; // with what the heap adds 256 bytes a name
+static_assert(sizeof(Remembered) == 96);
 constexpr size_t Places = 8192;
 std::array<Remembered, Places> Table;
 std::array<std::mutex, 64> TableMutexes;
 
-Remembered &PlaceOf(uint64_t Path) {
-    return Table[Path % Places];
+Remembered &PlaceOf(uint64_t Hash) {
+    return Table[Hash % Places];
 }
-std::mutex &MutexOf(uint64_t Path) {
-    return TableMutexes[Path % Places % TableMutexes.size()];
+std::mutex &MutexOf(uint64_t Hash) {
+    return TableMutexes[Hash % Places % TableMutexes.size()];
 }
 
 std::string_view DirectoryOf(std::string_view Path) {
@@ -46,8 +54,8 @@ std::string_view DirectoryOf(std::string_view Path) {
     return Path.substr(0, Slash == Path.npos ? 0 : Slash);
 }
 
-uint64_t NextSerial() {
-    static std::atomic<uint64_t> Last = 0;
+uint32_t NextEpoch() {
+    static std::atomic<uint32_t> Last = 0;
     return ++Last;
 }
 
@@ -60,23 +68,31 @@ struct KernelHandle {
     }
 };
 
-bool HandleOf(int Fd, FileHandle &Out) {
+// Mount is the number of the mount that it is open under.
+bool HandleOf(int Fd, FileHandle &Out, uint64_t &Mount) {
     KernelHandle Kernel{};
-    int Mount = 0;
+    int Number = 0;
     Kernel.Get()->handle_bytes = FileHandle::MostBytes;
-    if (name_to_handle_at(Fd, "", Kernel.Get(), &Mount, AT_EMPTY_PATH) != 0) {
+    if (name_to_handle_at(Fd, "", Kernel.Get(), &Number, AT_EMPTY_PATH) != 0) {
         return false;
     }
     Out.Bytes = Kernel.Get()->handle_bytes;
     Out.Type = Kernel.Get()->handle_type;
     memcpy(Out.Data.data(), Kernel.Get()->f_handle, Out.Bytes);
+    Mount = static_cast<uint64_t>(Number);
     return true;
+}
+
+bool AddTo(int Epoll, int Fd, uint32_t Events) {
+    epoll_event Event{};
+    Event.events = Events;
+    Event.data.fd = Fd;
+    return epoll_ctl(Epoll, EPOLL_CTL_ADD, Fd, &Event) == 0;
 }
 
 // The directory that the thread has last found to be plain.
 struct Proven {
-    uint64_t Of = 0;
-    uint64_t Epoch = 0;
+    uint32_t Epoch = 0;
     std::string Directory;
 };
 thread_local Proven Last;
@@ -92,19 +108,20 @@ bool NamesOneFile(const FileHandle &Handle) {
     return Handle && (Handle.Type != NumberAndGeneration || Handle.Bytes != 2 * Half || HasGeneration);
 }
 
-KnownFiles::KnownFiles(int Root, bool UseNotifications) : Root_(Root), Serial_(NextSerial()) {
-    struct statx Stat;
+KnownFiles::KnownFiles(int Root, bool UseNotifications) : Root_(Root), Epoch_(NextEpoch()) {
+    struct stat Status;
     FileHandle Own;
-    if (!UseNotifications || !TellsChanges(Root) ||
-        statx(Root, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_MNT_ID, &Stat) != 0 ||
-        (Stat.stx_mask & STATX_MNT_ID) == 0 || !HandleOf(Root, Own) || !UniqueFd(Open(Own, O_PATH))) {
+    if (!UseNotifications || !TellsChanges(Root) || fstat(Root, &Status) != 0 || !HandleOf(Root, Own, Mount_) ||
+        !UniqueFd(Open(Own, O_PATH))) {
         return;
     }
-    struct stat Status;
-    if (fstat(Root, &Status) == 0) {
-        RootKey_ = KeyOf(Status);
-        Mount_ = Stat.stx_mnt_id;
-        Notify_ = UniqueFd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    RootKey_ = KeyOf(Status);
+    UniqueFd Notify(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    Mounts_ = UniqueFd(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+    News_ = UniqueFd(epoll_create1(EPOLL_CLOEXEC));
+    if (Notify && Mounts_ && News_ && AddTo(News_.Get(), Notify.Get(), EPOLLIN) &&
+        AddTo(News_.Get(), Mounts_.Get(), EPOLLPRI)) {
+        Notify_ = std::move(Notify);
     }
 }
 
@@ -117,44 +134,51 @@ int KnownFiles::Open(const FileHandle &Handle, int Flags) const {
     Kernel.Get()->handle_bytes = Handle.Bytes;
     Kernel.Get()->handle_type = Handle.Type;
     memcpy(Kernel.Get()->f_handle, Handle.Data.data(), Handle.Bytes);
-    return open_by_handle_at(Root_, Kernel.Get(), Flags | O_CLOEXEC);
+    return OpenByHandle(Root_, Kernel.Get(), Flags | O_CLOEXEC);
+}
+
+// Whether Path leads to that file now, reached under the root's mount and by no other name. Mode is its mode then.
+bool KnownFiles::IsStill(const std::string &Path, const ObjectKey &Key, mode_t &Mode) const {
+    struct statx Now;
+    if (statx(Root_, Path.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
+              STATX_TYPE | STATX_MODE | STATX_NLINK | STATX_INO | STATX_MNT_ID, &Now) != 0) {
+        return false;
+    }
+    Mode = Now.stx_mode;
+    // A link is followed by an ordinary look alone, which knows where it may lead. Of a file with several names the
+    // kernel might open it by another one, in a directory that someone else watches.
+    return S_ISREG(Now.stx_mode) && Now.stx_nlink == 1 && (Now.stx_mask & STATX_MNT_ID) != 0 &&
+           Now.stx_mnt_id == Mount_ && Now.stx_ino == Key.Inode &&
+           makedev(Now.stx_dev_major, Now.stx_dev_minor) == Key.Device;
 }
 
 bool KnownFiles::Look(const std::string &Path, struct stat &Stat, FileHandle &Handle) {
     if (!Notify_) {
         return false;
     }
+    const uint32_t Forgotten = Forgotten_.load();
     const uint64_t Hash = HashOf(Path);
     ObjectKey Key;
+    uint32_t Epoch = 0;
+    bool IsNamed = false;
     {
         const std::lock_guard Hold(MutexOf(Hash));
         const Remembered &At = PlaceOf(Hash);
-        if (At.Path != Hash || At.State != Remembered::STATE::Known) {
+        if (At.Hash != Hash || At.State != Remembered::STATE::Known) {
             return false;
         }
+        IsNamed = At.Path == Path;
         Key = At.Key;
+        Epoch = At.Epoch;
         Handle = At.Handle;
+        Stat.st_mode = At.Mode;
     }
-    struct statx Now;
-    if (!IsPlain(DirectoryOf(Path)) ||
-        statx(Root_, Path.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT,
-              STATX_TYPE | STATX_MODE | STATX_NLINK | STATX_INO | STATX_MNT_ID, &Now) != 0) {
+    const bool IsSure = TakeNews() && IsNamed;
+    if (Epoch != Epoch_.load() || Forgotten != Forgotten_.load() || (!IsSure && !IsStill(Path, Key, Stat.st_mode))) {
         return false;
     }
-    // A link is followed by an ordinary look alone, which knows where it may lead. Of a file with several names the
-    // kernel might open it by another one, in a directory that someone else watches.
-    if (!S_ISREG(Now.stx_mode) || Now.stx_ino != Key.Inode ||
-        makedev(Now.stx_dev_major, Now.stx_dev_minor) != Key.Device || Now.stx_mnt_id != Mount_ || Now.stx_nlink != 1) {
-        const std::lock_guard Hold(MutexOf(Hash));
-        Remembered &At = PlaceOf(Hash);
-        if (At.Path == Hash && At.Key == Key) {
-            At.State = Remembered::STATE::Hopeless;
-        }
-        return false;
-    }
-    Stat.st_mode = Now.stx_mode;
     Stat.st_dev = Key.Device;
-    Stat.st_ino = Now.stx_ino;
+    Stat.st_ino = Key.Inode;
     return true;
 }
 
@@ -168,58 +192,98 @@ void KnownFiles::Note(const std::string &Path, int Fd, const struct stat &Stat) 
     {
         const std::lock_guard Hold(MutexOf(Hash));
         Remembered &At = PlaceOf(Hash);
-        if (At.Path != Hash || !(At.Key == Key) || At.State == Remembered::STATE::Free) {
-            At = {Hash, Key, {}, Remembered::STATE::Met};
+        if (At.Hash != Hash || !(At.Key == Key) || At.State == Remembered::STATE::Free) {
+            At = {};
+            At.Hash = Hash;
+            At.Key = Key;
+            At.State = Remembered::STATE::Met;
+        }
+        if (At.State == Remembered::STATE::Hopeless || ++At.Meetings <= MeetingsBefore) {
             return;
         }
-        if (At.State == Remembered::STATE::Hopeless) {
-            return;
-        }
+        At.Meetings = MeetingsBefore;
     }
-    const uint64_t Epoch = Epoch_;
-    Remembered Now{Hash, Key, {}, Remembered::STATE::Hopeless};
-    if ((IsPlain(DirectoryOf(Path)) || Prove(DirectoryOf(Path))) && HandleOf(Fd, Now.Handle) &&
-        NamesOneFile(Now.Handle)) {
-        Now.State = Remembered::STATE::Known;
-    } else if (Epoch_ != Epoch) {
-        Now.State = Remembered::STATE::Met; // it may go better the next time
+    FileHandle Handle;
+    uint64_t Mount = 0;
+    if (HandleOf(Fd, Handle, Mount) && NamesOneFile(Handle) && Mount == Mount_) {
+        StoreKnown(Path, Key, Handle);
+        return;
     }
     const std::lock_guard Hold(MutexOf(Hash));
-    PlaceOf(Hash) = Now;
+    if (Remembered &At = PlaceOf(Hash); At.Hash == Hash && At.Key == Key) {
+        At.State = Remembered::STATE::Hopeless;
+    }
 }
 
-void KnownFiles::Forget(const std::string &Path) {
+// The name is looked at once its directory is watched: what becomes of it afterwards is heard of.
+void KnownFiles::StoreKnown(const std::string &Path, const ObjectKey &Key, const FileHandle &Handle) {
+    const std::lock_guard Hold(Mutex_);
+    const uint32_t Epoch = Epoch_;
+    const bool IsWatched = Prove(DirectoryOf(Path));
+    mode_t Mode = 0;
+    if (IsWatched ? !IsStill(Path, Key, Mode) : Epoch_ != Epoch) {
+        return; // it may go better the next time
+    }
+    const uint64_t Hash = HashOf(Path);
+    const std::lock_guard HoldPlace(MutexOf(Hash));
+    using enum Remembered::STATE;
+    PlaceOf(Hash) = {Hash,
+                     Path.size() <= LongestPath ? Path : std::string(),
+                     Key,
+                     Handle,
+                     Epoch_.load(),
+                     static_cast<uint16_t>(Mode),
+                     IsWatched ? Known : Hopeless,
+                     MeetingsBefore};
+}
+
+void KnownFiles::Forget(std::string_view Path) {
     const uint64_t Hash = HashOf(Path);
     const std::lock_guard Hold(MutexOf(Hash));
-    if (PlaceOf(Hash).Path == Hash) {
+    if (PlaceOf(Hash).Hash == Hash) {
         PlaceOf(Hash) = {};
     }
+}
+
+// Works in what the kernel has told. False when another thread is at it at the same moment, so that something may have
+// been heard that is not worked in yet.
+bool KnownFiles::TakeNews() {
+    Taking_.fetch_add(1);
+    epoll_event Told[2];
+    const int Count = ReadyNow(News_.Get(), Told, std::size(Told));
+    if (Count != 0) {
+        const std::lock_guard Hold(Mutex_);
+        const bool Mounted = Count < 0 || std::any_of(Told, Told + Count, [this](const epoll_event &Each) {
+                                 return Each.data.fd == Mounts_.Get();
+                             });
+        if (Mounted) {
+            ForgetDirectories();
+        }
+        ReadEvents();
+    }
+    return Taking_.fetch_sub(1) == 1;
 }
 
 bool KnownFiles::IsPlain(std::string_view Directory) {
     if (!Notify_ || Directory.empty()) {
         return static_cast<bool>(Notify_);
     }
-    int Waiting = 0;
-    if (ioctl(Notify_.Get(), FIONREAD, &Waiting) != 0) {
-        return false;
-    }
-    if (Waiting != 0 || Reading_.load() != 0) {
+    TakeNews();
+    if (Reading_.load() != 0) {
         const std::lock_guard Hold(Mutex_);
         ReadEvents();
     }
-    const uint64_t Epoch = Epoch_.load();
-    if (Last.Of == Serial_ && Last.Epoch == Epoch && Last.Directory == Directory) {
+    const uint32_t Epoch = Epoch_.load();
+    if (Last.Epoch == Epoch && Last.Directory == Directory) {
         return true;
     }
     const std::lock_guard Hold(Mutex_);
     if (Epoch_ != Epoch || !Plain_.contains(Directory)) {
         return false;
     }
-    Last.Of = 0;
+    Last.Epoch = 0;
     Last.Directory = Directory;
     Last.Epoch = Epoch;
-    Last.Of = Serial_;
     return true;
 }
 
@@ -231,10 +295,32 @@ void KnownFiles::ForgetDirectories() {
     Watched_.clear();
     Plain_.clear();
     Steps_ = 0;
-    ++Epoch_;
+    Epoch_ = NextEpoch();
 }
 
-// Takes what the kernel has told. Called with the mutex.
+// What one event says. Returns whether a directory may have gone from its place. Called with the mutex.
+bool KnownFiles::Apply(int Watch, uint32_t Mask, std::string_view Name) {
+    const auto Of = Watched_.find(Watch);
+    if ((Mask & IN_Q_OVERFLOW) != 0) {
+        return true;
+    }
+    if (Of == Watched_.end()) {
+        return false;
+    }
+    if ((Mask & (IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE)) == 0 || Of->second.Steps.contains(Name)) {
+        return true;
+    }
+    const std::string &Directory = Of->second.Directory;
+    const uint64_t Hash = HashOf(Directory.empty() ? std::string(Name) : fmt::format("{}/{}", Directory, Name));
+    const std::lock_guard Hold(MutexOf(Hash));
+    if (Remembered &Known = PlaceOf(Hash); Known.Hash == Hash && Known.State == Remembered::STATE::Known) {
+        Known = {};
+        ++Forgotten_;
+    }
+    return false;
+}
+
+// Takes what the kernel has told of directories. Called with the mutex.
 void KnownFiles::ReadEvents() {
     ++Reading_;
     alignas(inotify_event) char Buffer[16384];
@@ -246,10 +332,8 @@ void KnownFiles::ReadEvents() {
         bool Gone = false;
         for (ssize_t At = 0; At < Size;) {
             const auto *Event = reinterpret_cast<const inotify_event *>(Buffer + At);
-            const auto Of = Watched_.find(Event->wd);
-            const bool IsName = (Event->mask & (IN_MOVED_FROM | IN_DELETE)) != 0;
-            Gone = Gone || (Event->mask & IN_Q_OVERFLOW) != 0 ||
-                   (Of != Watched_.end() && (!IsName || Of->second.contains(std::string_view(Event->name))));
+            // The name is padded with zeros.
+            Gone = Apply(Event->wd, Event->mask, Event->len == 0 ? "" : Event->name) || Gone;
             At += static_cast<ssize_t>(sizeof(inotify_event) + Event->len);
         }
         if (Gone) {
@@ -262,41 +346,54 @@ void KnownFiles::ReadEvents() {
     --Reading_;
 }
 
-// Watches the directory open as Fd for its entry Component. Called with the mutex.
-bool KnownFiles::WatchStep(int Fd, const std::string &Component) {
+// Watches the directory open as Fd, in which Step is on a way, or nothing when that is empty. Called with the mutex.
+bool KnownFiles::WatchDirectory(int Fd, std::string_view Directory, const std::string &Step) {
     if (!TellsChanges(Fd) || FoldsCase(Fd)) {
-        return false; // the entry may go unseen, or under another spelling
+        return false; // an entry may go unseen, or under another spelling
     }
     // The link of a descriptor leads to the very directory that is open, whatever its path is by now.
     const int Watch = inotify_add_watch(Notify_.Get(), fmt::format("/proc/self/fd/{}", Fd).c_str(),
-                                        IN_MOVED_FROM | IN_DELETE | IN_ONLYDIR);
-    if (Watch >= 0) {
-        Steps_ += Watched_[Watch].insert(Component).second ? 1 : 0;
+                                        IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE | IN_ONLYDIR);
+    if (Watch < 0) {
+        return false;
     }
-    return Watch >= 0;
+    const auto [At, IsNew] = Watched_.try_emplace(Watch);
+    if (IsNew) {
+        At->second.Directory = Directory;
+    }
+    if (!Step.empty() && At->second.Steps.insert(Step).second) {
+        ++Steps_;
+    }
+    return At->second.Directory == Directory; // another one where it is mounted a second time
 }
 
-// Goes to the directory step by step, through no link, each step watched before it is taken. False when it is no plain
-// directory, or cannot be watched; what was added for it stays until all is forgotten.
+// Goes to the directory step by step, through no link, each step watched before it is taken, and watches it, too. False
+// when it is no plain directory, or cannot be watched; what was added for it stays until all is forgotten. Called with
+// the mutex.
 bool KnownFiles::Prove(std::string_view Directory) {
-    const std::lock_guard Hold(Mutex_);
+    if (Plain_.contains(Directory)) {
+        return true;
+    }
     if (Steps_ >= MostSteps) {
         ForgetDirectories();
     }
-    const uint64_t Epoch = Epoch_;
+    const uint32_t Epoch = Epoch_;
     UniqueFd Reached;
-    for (std::string_view Rest = Directory; !Rest.empty();) {
-        const std::string Component(Rest.substr(0, Rest.find('/')));
-        Rest.remove_prefix(std::min(Component.size() + 1, Rest.size()));
+    for (size_t Length = 0;;) {
         const int At = Reached ? Reached.Get() : Root_;
-        if (!WatchStep(At, Component)) {
+        const size_t Start = Length == 0 ? 0 : std::min(Length + 1, Directory.size());
+        const std::string Step(Directory.substr(Start, Directory.find('/', Start) - Start));
+        if (!WatchDirectory(At, Directory.substr(0, Length), Step)) {
             return false;
         }
-        UniqueFd Next(openat(At, Component.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-        if (!Next) {
+        if (Step.empty()) {
+            break;
+        }
+        Reached = UniqueFd(openat(At, Step.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+        if (!Reached) {
             return false;
         }
-        Reached = std::move(Next);
+        Length = Start + Step.size();
     }
     ReadEvents();
     if (Epoch_ != Epoch) {

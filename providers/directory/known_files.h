@@ -1,16 +1,18 @@
-// Regular files that are opened again and again: what a name leads to is seen by one call that opens nothing, and the
-// very file is opened by its file handle, which never leads to another one, nor to a pipe in its place.
+// Regular files that are opened again and again: that a name still leads to a file is known without a question about
+// it, and the very file is opened by its file handle, which never leads to another one, nor to a pipe in its place.
 //
-// The kernel does not confine that look as it does an open. It is made only where the directories on the way are known
-// to be no links: each was reached from the one above it, and the kernel tells when one of them goes from there. What
-// is found then has to be the file that was found before, beneath the root, under the same mount.
+// The kernel tells what becomes of names: the directory that holds one is watched, as is each one on the way, which was
+// reached from the one above it and is no link. It tells of mounts, too. One call asks whether there is anything to
+// hear; what is not remembered, or might have changed, gets an ordinary look. All names were seen to be beneath the
+// root, under the root's own mount.
 //
-// A file is remembered when it is met for the second time, in a table of fixed size for the process, 64 bytes a name;
-// another name may take its place. No descriptor is kept for it. Handles are for servers that may search every
-// directory (CAP_DAC_READ_SEARCH), so that nothing is told here that would be refused to a look by path.
+// A file is remembered when it is met for the third time, in a table of fixed size for the process, at most 256 bytes a
+// name; another name may take its place. A path that is too long for that gets a look each time, which opens nothing.
+// No descriptor is kept for a name. Handles are for servers that may search every directory (CAP_DAC_READ_SEARCH), so
+// that nothing is told here that would be refused to a look by path.
 //
-// Locks: a mutex for the directories, one of some for a name's place in the table, all leaves. Safe for concurrent
-// calls.
+// Locks: a mutex for the directories, then one of some for a name's place in the table; nothing is locked after them.
+// Safe for concurrent calls.
 #pragma once
 
 #include <array>
@@ -51,13 +53,14 @@ public:
     // Root: the export's, readable; stays open as long as this lives.
     KnownFiles(int Root, bool UseNotifications);
 
-    // Whether Path, in bytes below the root, still leads to the file that is remembered for it. Of its status the mode,
-    // the device and the inode's number are filled in then. An ordinary look is needed when not.
+    // Whether Path, in bytes below the root, still leads to the file that is remembered for it. Of its status the
+    // device and the inode's number are filled in then, and the mode that it had when it was met last. An ordinary look
+    // is needed when not.
     bool Look(const std::string &Path, struct stat &Stat, FileHandle &Handle);
     // Path has led to the file that is open as Fd, by an ordinary look that followed no link at its end.
     void Note(const std::string &Path, int Fd, const struct stat &Stat);
-    // The file that was remembered for Path could not be opened.
-    void Forget(const std::string &Path);
+    // The file that was remembered for Path could not be opened, or is not as it was.
+    void Forget(std::string_view Path);
 
     // Opens that very file. Returns the descriptor or -1 with errno: ESTALE when it is not there any more.
     int Open(const FileHandle &Handle, int Flags) const;
@@ -67,24 +70,36 @@ public:
     bool IsPlain(std::string_view Directory);
 
 private:
+    struct Watched {
+        std::string Directory;                    // in bytes below the root
+        std::set<std::string, std::less<>> Steps; // its entries that are on a way
+    };
+
+    bool TakeNews();
     void ReadEvents();
+    bool Apply(int Watch, uint32_t Mask, std::string_view Name);
     void ForgetDirectories();
     bool Prove(std::string_view Directory);
-    bool WatchStep(int Fd, const std::string &Component);
+    bool WatchDirectory(int Fd, std::string_view Directory, const std::string &Step);
+    bool IsStill(const std::string &Path, const ObjectKey &Key, mode_t &Mode) const;
+    void StoreKnown(const std::string &Path, const ObjectKey &Key, const FileHandle &Handle);
     uint64_t HashOf(std::string_view Path) const;
 
     const int Root_;
     ObjectKey RootKey_;
     uint64_t Mount_ = 0;
-    const uint64_t Serial_; // of no other one of this process
-    UniqueFd Notify_;       // empty where nothing can be known
+    UniqueFd Notify_; // empty where nothing can be known
+    UniqueFd Mounts_;
+    UniqueFd News_; // readable when one of those two has something to tell
 
-    std::atomic<uint64_t> Epoch_ = 1;   // advanced when directories are forgotten
-    std::atomic<unsigned> Reading_ = 0; // threads that take events
-    std::mutex Mutex_;                  // guards what follows
+    std::atomic<uint32_t> Epoch_; // another one, that nothing else in the process had, once directories are forgotten
+    std::atomic<uint32_t> Forgotten_ = 0; // advanced when a name was taken from the table
+    std::atomic<unsigned> Taking_ = 0;    // threads that ask for news, or work in what they heard
+    std::atomic<unsigned> Reading_ = 0;   // of those, the ones that take events of directories
+    std::mutex Mutex_;                    // guards what follows
     std::set<std::string, std::less<>> Plain_;
-    std::unordered_map<int, std::set<std::string, std::less<>>> Watched_; // directories on the way, by their watch
-    size_t Steps_ = 0;                                                    // names in Watched_
+    std::unordered_map<int, Watched> Watched_; // by their watch
+    size_t Steps_ = 0;                         // in Watched_
 };
 
 } // namespace providers::directory

@@ -1,14 +1,14 @@
 #include "providers/directory/last_look.h"
 
-#include <cstring>
 #include <ctime>
 
 #include "providers/directory/state.h"
+#include "providers/directory/units.h"
 
 namespace providers::directory {
 namespace {
 
-constexpr int64_t LongestUse = 1'000'000; // nanoseconds
+constexpr int64_t LongestUse = 1'000'000; // nanoseconds: less than a tick
 
 struct Seen {
     uint64_t Query = 0; // 0 = nothing is kept
@@ -32,6 +32,15 @@ struct Missed {
 };
 thread_local Missed NotThere;
 
+struct SeenStatus {
+    uint64_t Of = 0; // 0 = nothing is kept
+    uint64_t Changes = 0;
+    uint32_t Writes = 0;
+    int64_t At = 0;
+    struct statx Status {};
+};
+thread_local SeenStatus LastStatus;
+
 // Without separators at its ends.
 std::u16string_view Bare(std::u16string_view Path) {
     while (!Path.empty() && Path.front() == u'\\') {
@@ -43,14 +52,15 @@ std::u16string_view Bare(std::u16string_view Path) {
     return Path;
 }
 
-// The library's own comparison goes unit by unit.
-bool Same(std::u16string_view Left, std::u16string_view Right) {
-    return Left.size() == Right.size() && memcmp(Left.data(), Right.data(), Left.size() * sizeof(char16_t)) == 0;
-}
-
+// Of no other query of any thread, nor 0.
 uint64_t NextQuery() {
-    static std::atomic<uint64_t> Queries = 0;
-    return ++Queries;
+    constexpr uint64_t Block = 1u << 20; // taken at a time, so that threads seldom meet
+    static std::atomic<uint64_t> Taken = 0;
+    static thread_local uint64_t Next = 0;
+    if (Next % Block == 0) {
+        Next = Taken.fetch_add(Block) + 1;
+    }
+    return Next++;
 }
 
 // A file system that is mounted inside the export is not held on to.
@@ -68,11 +78,12 @@ bool MissingHolds(const Place &At) {
 
 int64_t (*LookClock)() = [] {
     timespec Time;
-    clock_gettime(CLOCK_MONOTONIC, &Time);
+    clock_gettime(CLOCK_MONOTONIC_COARSE, &Time);
     return int64_t{Time.tv_sec} * 1'000'000'000 + Time.tv_nsec;
 };
 
 void ForgetLook() {
+    LastStatus.Of = 0;
     Last.There.Fd = {};
     Last.There.Handle = {};
     Last.Query = 0;
@@ -142,6 +153,29 @@ bool TakeLook(const Place &At, bool Again, Looked &There, std::string &FromRoot)
         FromRoot = std::move(Last.FromRoot);
     }
     ForgetLook();
+    return Holds;
+}
+
+RVSTATUS ReadAndKeepStatus(FileObject &File, struct statx &Status) {
+    SeenStatus &Mine = LastStatus;
+    Mine.Changes = File.Volume->ChangeCount.load();
+    Mine.Writes = File.Node->Writes();
+    Mine.At = LookClock();
+    const RVSTATUS Read = ReadStatus(File.Fd(), Mine.Status);
+    Mine.Of = RvIsError(Read) ? 0 : NextQuery();
+    File.Status = Mine.Of;
+    Status = Mine.Status;
+    return Read;
+}
+
+bool TakeStatus(FileObject &File, struct statx &Status) {
+    SeenStatus &Mine = LastStatus;
+    const bool Holds = Mine.Of != 0 && Mine.Of == File.Status && Mine.Changes == File.Volume->ChangeCount.load() &&
+                       Mine.Writes == File.Node->Writes() && LookClock() - Mine.At <= LongestUse;
+    if (Holds) {
+        Status = Mine.Status;
+    }
+    Mine.Of = 0;
     return Holds;
 }
 

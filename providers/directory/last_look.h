@@ -3,7 +3,7 @@
 // next. What was seen first is what is opened. The same goes for what is not there: a name that a query open by its
 // whole path did not find is asked for again below the volume, as a file and as a directory.
 //
-// It is kept for the thread that asked, for the path as it was asked for, for a millisecond at most, and until
+// It is kept for the thread that asked, for the path as it was asked for, for a tick of the kernel's clock, and until
 // something is changed through the export. The descriptor that goes with it is one of the thread's, and names the
 // object only; the thread gives it back when it asks anew, opens, makes, moves or deletes anything, closes a volume, as
 // an open that fails does, or ends. No locks.
@@ -11,6 +11,10 @@
 
 #include <cstdint>
 #include <string>
+
+#include <sys/stat.h>
+
+#include "providers/directory/errno_status.h"
 
 namespace providers::directory {
 
@@ -47,6 +51,13 @@ void KeepLook(FileObject &File);
 
 // The thread does something else than to open what it asked about.
 void ForgetLook();
+
+// ReadStatus of an open that nobody else has denied, kept for the question that comes next: the driver asks for the
+// same.
+RVSTATUS ReadAndKeepStatus(FileObject &File, struct statx &Status);
+// What that look saw, if this is the thread's next question after it and nothing was changed or written through the
+// export since. False when not; in any case it is gone afterwards.
+bool TakeStatus(FileObject &File, struct statx &Status);
 
 // What the thread's last query open of this very path saw, and the path of the object from the root. False when there
 // is none that still holds; in any case it is gone afterwards. Again: for another query open, which must belong to the

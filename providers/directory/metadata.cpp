@@ -254,17 +254,28 @@ RVSTATUS ChangeTimes(int Fd, const MetadataChange &Change) {
 
 } // namespace
 
-RVSTATUS ReadMetadata(int Fd, bool NamesOnly, Metadata &Out) {
-    struct statx Stat;
-    if (statx(Fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &Stat) != 0) {
-        return StatusFromErrno(errno);
-    }
+RVSTATUS ReadStatus(int Fd, struct statx &Out) {
+    return statx(Fd, "", AT_EMPTY_PATH, STATX_BASIC_STATS | STATX_BTIME, &Out) == 0 ? RVSTATUS::Success
+                                                                                    : StatusFromErrno(errno);
+}
+
+Metadata MetadataOf(int Fd, bool NamesOnly, const struct statx &Stat) {
     const auto Read = [&](void *Value, size_t Size) {
         return NamesOnly ? getxattr(LinkOf(Fd).c_str(), RecordName, Value, Size)
                          : fgetxattr(Fd, RecordName, Value, Size);
     };
+    Metadata Out;
     Fill(Stat, RecordOf(Stat, Read), Out);
-    return RVSTATUS::Success;
+    return Out;
+}
+
+RVSTATUS ReadMetadata(int Fd, bool NamesOnly, Metadata &Out) {
+    struct statx Stat;
+    const RVSTATUS Status = ReadStatus(Fd, Stat);
+    if (!RvIsError(Status)) {
+        Out = MetadataOf(Fd, NamesOnly, Stat);
+    }
+    return Status;
 }
 
 RVSTATUS ReadEntryMetadata(int Fd, const char *Name, Metadata &Out) {

@@ -30,7 +30,9 @@ struct MetadataChange {
     const LONG64 *LastAccess = nullptr;
 };
 
-// Of the open object. NamesOnly: Fd is an O_PATH descriptor.
+// Of the open object. NamesOnly: Fd is an O_PATH descriptor. ReadMetadata is one after the other.
+RVSTATUS ReadStatus(int Fd, struct statx &Out);
+Metadata MetadataOf(int Fd, bool NamesOnly, const struct statx &Stat);
 RVSTATUS ReadMetadata(int Fd, bool NamesOnly, Metadata &Out);
 
 // Of the entry Name of the directory Fd, the entry itself when it is a link.

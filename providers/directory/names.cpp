@@ -7,6 +7,7 @@
 #include <type_traits>
 #include <vector>
 
+#include <emmintrin.h>
 #include <unicode/umachine.h>
 #include <unicode/utf16.h>
 #include <unicode/utf8.h>
@@ -196,8 +197,63 @@ std::optional<std::string> NativeName(std::u16string_view Served) {
     return Native;
 }
 
+namespace {
+
+// What of Block is no plain unit, and what is a separator, as masks of 16 bits.
+struct Sorted {
+    __m128i Odd;
+    __m128i Separators;
+
+    explicit Sorted(__m128i Block) : Separators(Is(Block, u'\\')) {
+        const __m128i Unfit =
+            _mm_or_si128(_mm_subs_epu16(Block, _mm_set1_epi16(0x7E)), _mm_subs_epu16(_mm_set1_epi16(0x20), Block));
+        Odd = _mm_xor_si128(_mm_cmpeq_epi16(Unfit, _mm_setzero_si128()), _mm_set1_epi16(-1));
+        for (const char16_t Forbidden : {u'"', u'*', u'/', u':', u'<', u'>', u'?', u'|'}) {
+            Odd = _mm_or_si128(Odd, Is(Block, Forbidden));
+        }
+    }
+    static __m128i Is(__m128i Block, char16_t Unit) {
+        return _mm_cmpeq_epi16(Block, _mm_set1_epi16(static_cast<int16_t>(Unit)));
+    }
+};
+
+// Makes Path of plain components with one separator between two of them, as nearly all are; false for others.
+bool PlainPath(std::u16string_view Served, std::string &Path) {
+    constexpr size_t Units = sizeof(__m128i) / sizeof(char16_t);
+    if (Served.size() < Units || Served.size() > MaxNameBytes || Served.front() == u'\\' || Served.back() == u'\\' ||
+        IsForbiddenAtEnd(Served.back())) {
+        return false;
+    }
+    const auto Load = [&Served](size_t At) {
+        return _mm_loadu_si128(reinterpret_cast<const __m128i *>(Served.data() + At));
+    };
+    Path.resize(Served.size());
+    const size_t Last = Served.size() - Units;
+    __m128i Odd = _mm_setzero_si128();
+    for (size_t At = 0;; At = std::min(At + Units, Last)) {
+        const __m128i Block = Load(At);
+        // What stands before each unit; the first one of all is no separator.
+        const __m128i Before = At == 0 ? _mm_slli_si128(Block, sizeof(char16_t)) : Load(At - 1);
+        const Sorted Now(Block);
+        const __m128i EndsBadly =
+            _mm_or_si128(Sorted::Is(Before, u'\\'), _mm_or_si128(Sorted::Is(Before, u'.'), Sorted::Is(Before, u' ')));
+        Odd = _mm_or_si128(Odd, _mm_or_si128(Now.Odd, _mm_and_si128(Now.Separators, EndsBadly)));
+        const __m128i Made = _mm_xor_si128(Block, _mm_and_si128(Now.Separators, _mm_set1_epi16(u'\\' ^ u'/')));
+        _mm_storel_epi64(reinterpret_cast<__m128i *>(Path.data() + At), _mm_packus_epi16(Made, Made));
+        if (At == Last) {
+            return _mm_movemask_epi8(Odd) == 0;
+        }
+    }
+}
+
+} // namespace
+
 std::optional<std::string> NativePath(std::u16string_view Served) {
+    Served.remove_prefix(std::min(Served.find_first_not_of(u'\\'), Served.size()));
     std::string Path;
+    if (PlainPath(Served, Path)) {
+        return Path;
+    }
     Path.resize(Served.size());
     size_t Size = 0;  // bytes of Path that are made
     size_t Start = 0; // where the component begins in Path

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include <fcntl.h>
+#include "providers/directory/system_calls.h"
 
 namespace providers::directory {
 namespace {
@@ -23,7 +23,7 @@ struct flock Range(short Type, off_t First, off_t Length) {
 
 int Set(int Fd, short Type, off_t First, off_t Length) {
     struct flock Lock = Range(Type, First, Length);
-    while (fcntl(Fd, F_OFD_SETLK, &Lock) != 0) {
+    while (LockDescription(Fd, F_OFD_SETLK, Lock) != 0) {
         if (errno != EINTR) {
             return errno;
         }
@@ -64,13 +64,13 @@ RVSTATUS NoteShares(int Fd, ULONG &Noted, ULONG Access, ULONG ShareMode) {
     }
     // Nearly always nothing is denied, and one question tells.
     struct flock Any = Range(F_WRLCK, DeniedAt, Kinds);
-    if (fcntl(Fd, F_OFD_GETLK, &Any) != 0 || Any.l_type == F_UNLCK) {
+    if (LockDescription(Fd, F_OFD_GETLK, Any) != 0 || Any.l_type == F_UNLCK) {
         return RVSTATUS::Success;
     }
     for (unsigned Kind = 0; Kind < Kinds; ++Kind) {
         struct flock Other = Range(F_WRLCK, DeniedAt + Kind, 1);
         // A program's own lock of the whole file denies nothing.
-        if ((Access & (1u << Kind)) != 0 && fcntl(Fd, F_OFD_GETLK, &Other) == 0 && Other.l_type == F_RDLCK &&
+        if ((Access & (1u << Kind)) != 0 && LockDescription(Fd, F_OFD_GETLK, Other) == 0 && Other.l_type == F_RDLCK &&
             Other.l_start >= DeniedAt && Other.l_len > 0 && Other.l_len <= Kinds) {
             return Failure(CODE_SHARING_VIOLATION);
         }

@@ -90,6 +90,7 @@ struct Link {
 
 // What is served at one time. Exports and links stay until the Provider goes.
 struct ServedVolumes {
+    uint64_t Serial = 0; // of no other one of this process
     std::vector<Export *> Exports;
     std::vector<const Link *> Links;
 };
@@ -177,6 +178,7 @@ struct FileObject final : Object {
     FileNodes &Nodes;
     std::atomic<int> OpenFlags; // that the descriptor was opened with; changed under AccessMutex
     uint64_t Query = 0;         // of a query open whose look is remembered; see last_look.h
+    uint64_t Status = 0;        // of an open whose status is remembered; see there
     FileNode *Node = nullptr;   // null for a query open; unchanged once the handle exists, as is Query
     std::atomic<ULONG> Access = 0;
     std::atomic<bool> DeleteReserved = false;
@@ -224,6 +226,9 @@ void Store(Type *Where, Value What) {
 // The first component behind leading separators; Path becomes what follows it.
 std::u16string_view TakeComponent(std::u16string_view &Path);
 
+// The two first components of an absolute path, and the separators before them.
+std::u16string_view VolumePart(PCWSTR Path);
+
 // Why these cannot be the names of a server and a volume; empty when they can.
 std::string FaultOfNames(std::u16string_view Server, std::u16string_view Volume);
 
@@ -258,6 +263,10 @@ struct Looked {
     FileHandle Handle; // of a known file, of whose status no more than KnownFiles::Look tells is there
     struct stat Stat {};
     int Error = 0;
+
+    bool IsKnown() const {
+        return Handle && !Fd;
+    }
 };
 // What the path leads to. Returns an error number when it leads to nothing.
 int LookThrough(const Place &At, const std::string &Path, Looked &Out);

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "providers/directory/last_look.h"
 #include "providers/directory/state.h"
 
 namespace providers::directory {
@@ -134,8 +135,11 @@ RVSTATUS NTAPI WriteFile(RVIOM_FSD *Self, Sec, RVHANDLE Handle, LONG64 *ByteOffs
         }
         const auto Start = static_cast<ULONG64>(*ByteOffset);
         if (Length == 0) {
-            return Buffer != nullptr ? RVSTATUS::Success
-                                     : WithQuota(File, Start, true, [&] { return SetSize(File, Start); });
+            const RVSTATUS Status = Buffer != nullptr
+                                        ? RVSTATUS::Success
+                                        : WithQuota(File, Start, true, [&] { return SetSize(File, Start); });
+            File.Node->NoteWrite();
+            return Status;
         }
         if (File.Volume->Options.EnforceLocks) {
             if (const RVSTATUS Status = File.Node->CheckTransfer(&File, true, Start, Length); RvIsError(Status)) {
@@ -146,6 +150,7 @@ RVSTATUS NTAPI WriteFile(RVIOM_FSD *Self, Sec, RVHANDLE Handle, LONG64 *ByteOffs
         const RVSTATUS Status = WithQuota(File, Start + Length, false, [&] {
             return WriteAll(File, Start, static_cast<const UCHAR *>(Buffer), Length, Done);
         });
+        File.Node->NoteWrite();
         Store(Bytes, Done);
         return Status;
     });
@@ -165,10 +170,13 @@ RVSTATUS NTAPI GetFileInformation(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG *
                                   LONG64 *LastWrite, LONG64 *LastAccess, ULONG64 *EndOfFile, ULONG64 *Further,
                                   UCHAR *Byte1, UCHAR *Byte2, UCHAR *Byte3, UCHAR *Byte4, UCHAR *Byte5) {
     return WithFile(Self, Handle, [&](FileObject &File) {
-        Metadata Data;
-        if (const RVSTATUS Status = ReadMetadata(File.Fd(), File.NamesOnly(), Data); RvIsError(Status)) {
-            return Status;
+        struct statx Seen;
+        if (!TakeStatus(File, Seen)) {
+            if (const RVSTATUS Status = ReadStatus(File.Fd(), Seen); RvIsError(Status)) {
+                return Status;
+            }
         }
+        const Metadata Data = MetadataOf(File.Fd(), File.NamesOnly(), Seen);
         Store(Attributes, Data.Attributes);
         Store(Creation, Data.Creation);
         Store(LastWrite, Data.LastWrite);

@@ -95,7 +95,7 @@ RVSTATUS NTAPI QueryPathForVolume(RVIOM_FSD *Self, Sec, PCWSTR FullPath, PWSTR B
         }
         Buffer[0] = 0;
         NamedVolume Found;
-        if (const RVSTATUS Status = State::Of(Self).FindVolume(FullPath, Found); RvIsError(Status)) {
+        if (const RVSTATUS Status = State::Of(Self).FindVolume(VolumePart(FullPath), Found); RvIsError(Status)) {
             return Status;
         }
         // At most 2 * (1 + 255) units: always fits. A link's own name: it is as long as what it stands for in FullPath.
@@ -103,7 +103,8 @@ RVSTATUS NTAPI QueryPathForVolume(RVIOM_FSD *Self, Sec, PCWSTR FullPath, PWSTR B
         PWSTR At = Buffer;
         for (const std::u16string *Name : {&Found.Server(), &Found.Name()}) {
             *At++ = u'\\';
-            At = std::copy(Name->begin(), Name->end(), At);
+            memcpy(At, Name->data(), Name->size() * sizeof(WCHAR));
+            At += Name->size();
         }
         *At = 0;
         return RVSTATUS::Success;

@@ -6,6 +6,8 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/mount.h>
@@ -37,6 +39,13 @@ protected:
             ASSERT_EQ(Content(OtherCase), "inside");
             ASSERT_EQ(Try(u"a\\b\\missing"), Failure(CODE_NO_SUCH_FILE));
         }
+    }
+    void Exchange(const fs::path &One, const fs::path &Other) const {
+        ASSERT_EQ(renameat2(AT_FDCWD, (Root / One).c_str(), AT_FDCWD, (Root / Other).c_str(), RENAME_EXCHANGE), 0);
+    }
+    RVSTATUS Ask(RVHANDLE Handle, ULONG64 &Size, ULONG *Attributes = nullptr) {
+        return Table->RVFsdGetFileInformation(Fsd, nullptr, Handle, Attributes, nullptr, nullptr, nullptr, &Size,
+                                              nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
     }
     // Puts a link to where it is then in the place of what is moved out of the export.
     void MoveOut(const fs::path &What) const {
@@ -74,6 +83,20 @@ TEST_F(KnownFilesTest, AreOpenedOnlyAsWhatTheirNameLeadsTo) {
              Write("a/b/missing", "");
          },
          "inside", Done},
+        {[&] { Exchange(Holder / "file", Holder / "other"); }, "other", Failure(CODE_NO_SUCH_FILE)},
+        {[&] {
+             fs::create_hard_link(Root / Holder / "file", Root / "second");
+             fs::rename(Root / Holder / "other", Root / Holder / "file");
+         },
+         "other", Failure(CODE_NO_SUCH_FILE)},
+        {[&] {
+             // Gone and back, but not as it was: nobody watches it meanwhile.
+             fs::rename(Root / "a", Root / "d");
+             EXPECT_TRUE(RvIsError(Try(Path)));
+             fs::rename(Root / "d/b/other", Root / "d/b/file");
+             fs::rename(Root / "d", Root / "a");
+         },
+         "other", Failure(CODE_NO_SUCH_FILE)},
     };
     for (const auto &Case : Cases) {
         MakeKnown();
@@ -178,9 +201,7 @@ TEST_F(KnownFilesTest, AQueryOpenTellsOfTheFileItFound) {
     fs::rename(Root / Holder / "file", Root / "away");
     Write(Holder / "file", "another one");
     ULONG64 Size = 0;
-    EXPECT_EQ(Table->RVFsdGetFileInformation(Fsd, nullptr, Query, nullptr, nullptr, nullptr, nullptr, &Size, nullptr,
-                                             nullptr, nullptr, nullptr, nullptr, nullptr),
-              Done);
+    EXPECT_EQ(Ask(Query, Size), Done);
     EXPECT_EQ(Size, 6u);
     Close(Query);
 }
@@ -202,9 +223,7 @@ TEST_F(KnownFilesTest, ALaterFileOfTheSameNumberIsNotMissing) {
         RVHANDLE Query = 0;
         ASSERT_EQ(Open(Path, Query, RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY), Done);
         ULONG64 Size = 0;
-        EXPECT_EQ(Table->RVFsdGetFileInformation(Fsd, nullptr, Query, nullptr, nullptr, nullptr, nullptr, &Size,
-                                                 nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
-                  Done);
+        EXPECT_EQ(Ask(Query, Size), Done);
         EXPECT_EQ(Size, 5u);
         Close(Query);
         EXPECT_EQ(Content(Path), "later");
@@ -234,6 +253,139 @@ TEST_F(KnownFilesTest, WhatIsMountedOverThemIsSeen) {
     EXPECT_TRUE(RvIsError(Try(Path, RV_ACCESS_WRITE)));
     ASSERT_EQ(umount(Over.c_str()), 0);
     EXPECT_EQ(Try(Path, RV_ACCESS_WRITE), Done);
+    // Another file over it.
+    ASSERT_EQ(mount((Over / "other").c_str(), (Over / "file").c_str(), nullptr, MS_BIND, nullptr), 0);
+    EXPECT_EQ(Content(Path), "other");
+    EXPECT_EQ(Content(OtherCase), "other");
+    ASSERT_EQ(umount((Over / "file").c_str()), 0);
+    EXPECT_EQ(Content(Path), "inside");
+}
+
+// Two exports of one directory watch it each for itself.
+TEST_F(KnownFilesTest, AreKnownByOneExportAlone) {
+    ASSERT_EQ(Provider.AddExport(u"srv", u"again", Root, Options()), "");
+    MakeKnown();
+    const auto OfBoth = [&] {
+        const RVHANDLE Mine = std::exchange(Volume, 0);
+        EXPECT_EQ(Table->RVFsdOpenVolume(Fsd, nullptr, u"\\srv\\again", &Volume), Done);
+        const std::string Text = Content(Path);
+        EXPECT_EQ(Table->RVFsdCloseVolume(Fsd, nullptr, std::exchange(Volume, Mine)), Done);
+        return Text + " " + Content(Path);
+    };
+    Exchange(Holder / "file", Holder / "other");
+    EXPECT_EQ(OfBoth(), "other other");
+    for (int Time = 0; Time < 4; ++Time) {
+        Exchange(Holder / "file", Holder / "other");
+        EXPECT_EQ(OfBoth(), Time % 2 == 0 ? "inside inside" : "other other");
+    }
+}
+
+// What others have made of the file itself shows, although nothing is asked of its name: its mode, its size, its end.
+TEST_F(KnownFilesTest, AreOpenedAsTheyAreByNow) {
+    const fs::path File = Root / Holder / "file";
+    MakeKnown();
+    for (int Time = 0; Time < 3; ++Time) {
+        fs::permissions(File, fs::perms(0444));
+        EXPECT_EQ(Try(Path, RV_ACCESS_WRITE), RVSTATUS::AccessDenied);
+        EXPECT_EQ(Content(Path), "inside");
+        fs::permissions(File, fs::perms(0644));
+        EXPECT_EQ(Try(Path, RV_ACCESS_WRITE), Done);
+    }
+    const struct {
+        std::function<void(RVHANDLE)> Change;
+        ULONG64 Size;
+    } Changes[] = {
+        {[](RVHANDLE) {}, 6},
+        {[&](RVHANDLE Other) { EXPECT_EQ(WriteAt(Other, 9, "!"), Done); }, 10},
+        {[&](RVHANDLE Other) { EXPECT_EQ(SetSize(Other, 10), Done); }, 10},
+        {[&](RVHANDLE) {
+             EXPECT_EQ(Content(Path), "inside"); // another open is what was looked at last
+             fs::resize_file(File, 10);
+         },
+         10},
+    };
+    for (const auto &Case : Changes) {
+        RVHANDLE Writer = 0;
+        RVHANDLE Opened = 0;
+        ULONG64 Size = 0;
+        fs::resize_file(File, 6);
+        ASSERT_EQ(Open(Path, Writer, RV_ACCESS_WRITE), Done);
+        ASSERT_EQ(Open(Path, Opened), Done);
+        Case.Change(Writer);
+        EXPECT_EQ(Ask(Opened, Size), Done);
+        EXPECT_EQ(Size, Case.Size) << &Case - Changes;
+        fs::resize_file(File, 5);
+        EXPECT_EQ(Ask(Opened, Size), Done);
+        EXPECT_EQ(Size, 5u) << &Case - Changes;
+        Close(Opened);
+        Close(Writer);
+        Write(Holder / "file", "inside");
+    }
+}
+
+// A path that is too long to be remembered is looked at each time.
+TEST_F(KnownFilesTest, LongPathsLeadWhereTheyLead) {
+    const std::string Long(140, 'x');
+    const std::u16string Asked(u"d\\" + std::u16string(140, u'x') + u"\\f");
+    fs::create_directories(Root / "d" / Long);
+    for (int Round = 0; Round < 8; ++Round) {
+        Write("d/" + Long + "/new", std::to_string(Round / 4));
+        fs::rename(Root / "d" / Long / "new", Root / "d" / Long / "f");
+        for (int Time = 0; Time < 4; ++Time) {
+            EXPECT_EQ(Content(Asked), std::to_string(Round / 4)) << Round;
+        }
+    }
+}
+
+// Whoever hears of a change has told the others before it is done with it: an open that begins after a change sees it,
+// whatever other threads are about.
+TEST_F(KnownFilesTest, NoThreadOpensWhatAnotherHasHeardTheEndOf) {
+    constexpr int Threads = 4;
+    constexpr int Rounds = 400;
+    MakeKnown();
+    std::vector<std::thread> All;
+    for (int Thread = 0; Thread < Threads; ++Thread) {
+        All.emplace_back([&, Thread] {
+            const std::string Name = (Holder / std::to_string(Thread)).string();
+            const auto OpenNumber = [&](int Number) {
+                const std::u16string Asked = u"a\\b\\" + ServedNumber(Number % Threads);
+                RVHANDLE Handle = 0;
+                ULONG Taken = 0;
+                static_cast<void>(Table->RVFsdCreateFile(Fsd, nullptr, Volume, Asked.c_str(), RV_ACCESS_READ, 7,
+                                                         RV_DISPOSITION_OPEN_EXISTING, 0, 0, &Handle, &Taken));
+                return Handle;
+            };
+            Write(Name, "0");
+            Write(Name + "other", "1");
+            for (int Round = 0; Round < Rounds; ++Round) {
+                Exchange(Name, Name + "other"); // the file that was known stays there
+                for (int Time = 0; Time < 4; ++Time) {
+                    std::string Found;
+                    const RVHANDLE Handle = OpenNumber(Thread);
+                    EXPECT_EQ(ReadAt(Handle, 0, 16, Found), Done);
+                    EXPECT_EQ(Found, std::to_string((Round + 1) % 2)) << Name;
+                    Close(Handle);
+                    if (const RVHANDLE Another = OpenNumber(Thread + 1); Another != 0) {
+                        Close(Another); // its name was exchanged before or after this, or just then
+                    }
+                }
+            }
+        });
+    }
+    // Whoever asks hears of these, too: of names in plenty, and of mounts.
+    fs::create_directory(Root / "mount");
+    Write(Holder / "noise", "");
+    for (int Round = 0; Round < Rounds; ++Round) {
+        for (int Time = 0; Time < 20; ++Time) {
+            Exchange(Holder / "noise", Holder / "other");
+        }
+        if (geteuid() == 0 && mount("none", (Root / "mount").c_str(), "tmpfs", 0, nullptr) == 0) {
+            umount((Root / "mount").c_str());
+        }
+    }
+    for (std::thread &Each : All) {
+        Each.join();
+    }
 }
 
 // Directories whose way leads through a link are watched in vain, and not all of them at a time.
@@ -249,7 +401,7 @@ TEST_F(KnownFilesTest, WatchesStayFew) {
         const std::string Name = std::to_string(Number);
         fs::create_directory(Root / Name);
         fs::create_directory_symlink(".", Root / Name / "link");
-        for (int Time = 0; Time < 2; ++Time) {
+        for (int Time = 0; Time < 3; ++Time) {
             Known.Note(Name + "/link/file", File.Get(), Stat);
         }
     }
@@ -291,9 +443,8 @@ TEST_F(KnownFilesTest, AttributesThatOthersSetAreSeenHoweverSoon) {
             GTEST_SKIP() << "no extended attributes";
         }
         ULONG Attributes = 0;
-        ASSERT_EQ(Table->RVFsdGetFileInformation(Fsd, nullptr, Handle, &Attributes, nullptr, nullptr, nullptr, nullptr,
-                                                 nullptr, nullptr, nullptr, nullptr, nullptr, nullptr),
-                  Done);
+        ULONG64 Size = 0;
+        ASSERT_EQ(Ask(Handle, Size, &Attributes), Done);
         ASSERT_EQ(Attributes, Wanted) << Round;
     }
     Close(Handle);
