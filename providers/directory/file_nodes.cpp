@@ -177,18 +177,28 @@ RVSTATUS FileNode::CheckLocks(const void *Owner, bool Write, ULONG64 Offset, ULO
 FileNode *FileNodes::Acquire(const ObjectKey &Key) {
     Shard &Part = ShardOf(Key);
     const std::lock_guard Hold(Part.Mutex);
-    FileNode &Node = Part.Nodes[Key];
-    if (Node.References_++ == 0) {
-        Node.Key_ = Key; // which Release reads without the lock
+    auto At = Part.Nodes.find(Key);
+    if (At == Part.Nodes.end()) {
+        if (Part.Spare) {
+            Part.Spare.key() = Key;
+            At = Part.Nodes.insert(std::move(Part.Spare)).position;
+        } else {
+            At = Part.Nodes.try_emplace(Key).first;
+        }
+        At->second.Key_ = Key; // which Release reads without the lock
     }
-    return &Node;
+    ++At->second.References_;
+    return &At->second;
 }
 
 void FileNodes::Release(FileNode *Node) {
     Shard &Part = ShardOf(Node->Key_);
     const std::lock_guard Hold(Part.Mutex);
     if (--Node->References_ == 0) {
-        Part.Nodes.erase(ObjectKey(Node->Key_));
+        auto Left = Part.Nodes.extract(ObjectKey(Node->Key_));
+        if (Node->Locks_.capacity() == 0) { // those may be many
+            Part.Spare = std::move(Left);
+        }
     }
 }
 

@@ -99,8 +99,10 @@ public:
 
 private:
     struct Shard {
+        using Table = std::unordered_map<ObjectKey, FileNode, ObjectKeyHash>;
         std::mutex Mutex;
-        std::unordered_map<ObjectKey, FileNode, ObjectKeyHash> Nodes; // stay where they are
+        Table Nodes;            // stay where they are
+        Table::node_type Spare; // of a file that is not open any more, with the memory of its lists
     };
     Shard &ShardOf(const ObjectKey &Key) {
         return Shards_[ObjectKeyHash{}(Key) >> 60];
