@@ -199,50 +199,56 @@ std::optional<std::string> NativeName(std::u16string_view Served) {
 
 namespace {
 
-// What of Block is no plain unit, and what is a separator, as masks of 16 bits.
-struct Sorted {
-    __m128i Odd;
-    __m128i Separators;
+// Sixteen units of a path, as bytes and as what they are. One that is no byte is odd.
+struct PathBlock {
+    __m128i Bytes; // with the other separator
+    unsigned Odd;  // a bit for each: no plain unit and no separator
+    unsigned Separators;
+    unsigned BadEnds; // what no component ends with, as none is empty
 
-    explicit Sorted(__m128i Block) : Separators(Is(Block, u'\\')) {
-        const __m128i Unfit =
-            _mm_or_si128(_mm_subs_epu16(Block, _mm_set1_epi16(0x7E)), _mm_subs_epu16(_mm_set1_epi16(0x20), Block));
-        Odd = _mm_xor_si128(_mm_cmpeq_epi16(Unfit, _mm_setzero_si128()), _mm_set1_epi16(-1));
-        for (const char16_t Forbidden : {u'"', u'*', u'/', u':', u'<', u'>', u'?', u'|'}) {
-            Odd = _mm_or_si128(Odd, Is(Block, Forbidden));
+    explicit PathBlock(const char16_t *From) {
+        const auto *Units = reinterpret_cast<const __m128i *>(From);
+        // Greater ones become 0xFF, and those from 0x8000 on become 0.
+        Bytes = _mm_packus_epi16(_mm_loadu_si128(Units), _mm_loadu_si128(Units + 1));
+        const __m128i IsSeparator = Is('\\');
+        Separators = Bits(IsSeparator);
+        BadEnds = Separators | Bits(_mm_or_si128(Is('.'), Is(' ')));
+        // Compared with their signs: bytes from 0x80 on are less than a blank.
+        __m128i IsOdd = _mm_or_si128(_mm_cmplt_epi8(Bytes, _mm_set1_epi8(0x20)), Is(0x7F));
+        for (const char Forbidden : {'"', '*', '/', ':', '<', '>', '?', '|'}) {
+            IsOdd = _mm_or_si128(IsOdd, Is(Forbidden));
         }
+        Odd = Bits(IsOdd);
+        Bytes = _mm_xor_si128(Bytes, _mm_and_si128(IsSeparator, _mm_set1_epi8('\\' ^ '/')));
     }
-    static __m128i Is(__m128i Block, char16_t Unit) {
-        return _mm_cmpeq_epi16(Block, _mm_set1_epi16(static_cast<int16_t>(Unit)));
+    __m128i Is(char Byte) const {
+        return _mm_cmpeq_epi8(Bytes, _mm_set1_epi8(Byte));
+    }
+    static unsigned Bits(__m128i Each) {
+        return static_cast<unsigned>(_mm_movemask_epi8(Each));
     }
 };
 
 // Makes Path of plain components with one separator between two of them, as nearly all are; false for others.
 bool PlainPath(std::u16string_view Served, std::string &Path) {
-    constexpr size_t Units = sizeof(__m128i) / sizeof(char16_t);
-    if (Served.size() < Units || Served.size() > MaxNameBytes || Served.front() == u'\\' || Served.back() == u'\\' ||
+    constexpr size_t Units = sizeof(__m128i);
+    if (Served.size() < Units || Served.size() > MaxNameBytes || Served.back() == u'\\' ||
         IsForbiddenAtEnd(Served.back())) {
         return false;
     }
-    const auto Load = [&Served](size_t At) {
-        return _mm_loadu_si128(reinterpret_cast<const __m128i *>(Served.data() + At));
-    };
     Path.resize(Served.size());
     const size_t Last = Served.size() - Units;
-    __m128i Odd = _mm_setzero_si128();
+    unsigned Odd = 0;
+    bool AfterBadEnd = true; // before the first component, too
     for (size_t At = 0;; At = std::min(At + Units, Last)) {
-        const __m128i Block = Load(At);
-        // What stands before each unit; the first one of all is no separator.
-        const __m128i Before = At == 0 ? _mm_slli_si128(Block, sizeof(char16_t)) : Load(At - 1);
-        const Sorted Now(Block);
-        const __m128i EndsBadly =
-            _mm_or_si128(Sorted::Is(Before, u'\\'), _mm_or_si128(Sorted::Is(Before, u'.'), Sorted::Is(Before, u' ')));
-        Odd = _mm_or_si128(Odd, _mm_or_si128(Now.Odd, _mm_and_si128(Now.Separators, EndsBadly)));
-        const __m128i Made = _mm_xor_si128(Block, _mm_and_si128(Now.Separators, _mm_set1_epi16(u'\\' ^ u'/')));
-        _mm_storel_epi64(reinterpret_cast<__m128i *>(Path.data() + At), _mm_packus_epi16(Made, Made));
+        const PathBlock Block(Served.data() + At);
+        Odd |= Block.Odd | (Block.Separators & (Block.BadEnds << 1 | static_cast<unsigned>(AfterBadEnd)));
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(Path.data() + At), Block.Bytes);
         if (At == Last) {
-            return _mm_movemask_epi8(Odd) == 0;
+            return Odd == 0;
         }
+        // The last block may begin within this one.
+        AfterBadEnd = (Block.BadEnds >> (std::min(Units, Last - At) - 1) & 1) != 0;
     }
 }
 

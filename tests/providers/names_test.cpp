@@ -104,6 +104,30 @@ TEST(DirectoryNames, AnyAcceptedServedNameComesBackFromItsBytes) {
     EXPECT_GT(Accepted, 10'000);
 }
 
+// A path is its components one by one, however many are taken at a time.
+TEST(DirectoryNames, APathIsMadeOfItsNames) {
+    std::mt19937 Random(11);
+    constexpr char16_t Interesting[] = u"\\\\\\. aZ~/:*?<>|\"\u007F\u001F\u0080\u00FF\u0100\u5C41\u8041\uFF5C\uF02E";
+    for (int Round = 0; Round < 50'000; ++Round) {
+        std::u16string Served(Random() % 70, u'\0');
+        for (char16_t &Unit : Served) {
+            Unit = Random() % 24 != 0 ? static_cast<char16_t>(u'a' + Random() % 26)
+                                      : Interesting[Random() % (std::size(Interesting) - 1)];
+        }
+        std::optional<std::string> Wanted = "";
+        for (std::u16string_view Rest = Served; Wanted && !Rest.empty();) {
+            const std::u16string_view Name = Rest.substr(0, Rest.find(u'\\'));
+            Rest.remove_prefix(std::min(Name.size() + 1, Rest.size()));
+            if (const auto Native = NativeName(Name); !Name.empty() && Native) {
+                *Wanted += (Wanted->empty() ? "" : "/") + *Native;
+            } else if (!Name.empty()) {
+                Wanted.reset();
+            }
+        }
+        ASSERT_EQ(NativePath(Served), Wanted) << testing::PrintToString(Served);
+    }
+}
+
 TEST(DirectoryNames, EveryUnitIsFoldedAsThePlatformFoldsIt) {
     EXPECT_EQ(Fold(u"straße Ärger éÿ ωσς ıſ"), u"STRAßE ÄRGER ÉŸ ΩΣΣ ıſ");
     for (unsigned Unit = 0; Unit < 0x10000; ++Unit) {
