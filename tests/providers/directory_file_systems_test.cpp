@@ -238,7 +238,7 @@ TEST_F(FileSystems, FewDescriptorsCountADeepTreeForItsQuota) {
     rlimit Before{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &Before), 0);
     const UniqueFd Next(dup(0));
-    const rlimit Few{static_cast<rlim_t>(Next.Get()) + 14, Before.rlim_max};
+    const rlimit Few{static_cast<rlim_t>(Next.Get()) + 16, Before.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &Few), 0);
     EXPECT_EQ(Provider.AddExport(u"srv", u"quota", Root, {.QuotaBytes = 5000}), "");
     EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &Before), 0);
@@ -258,7 +258,7 @@ TEST_F(FileSystems, AsManyFilesAreOpenAsThereAreDescriptors) {
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &Before), 0);
     const UniqueFd Next(dup(0));
     // Some are the Provider's own, and the test may have been started with one or two beyond the first that is free.
-    const size_t Tried = Files + 10;
+    const size_t Tried = Files + 12;
     const rlim_t Limit = static_cast<rlim_t>(Next.Get()) + Tried;
     const rlimit Enough{Limit, std::max(Limit, Before.rlim_max)};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &Enough), 0) << Limit << " descriptors are not to be had";
