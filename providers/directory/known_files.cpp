@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <iterator>
 
@@ -83,6 +84,18 @@ bool HandleOf(int Fd, FileHandle &Out, uint64_t &Mount) {
     return true;
 }
 
+// Whether the mount of that number is one of those that File tells of.
+bool IsListed(const char *File, uint64_t Mount) {
+    std::ifstream Lines(File);
+    uint64_t Number = 0;
+    for (std::string Rest; Lines >> Number && std::getline(Lines, Rest);) {
+        if (Number == Mount) {
+            return true;
+        }
+    }
+    return false;
+}
+
 bool AddTo(int Epoll, int Fd, uint32_t Events) {
     epoll_event Event{};
     Event.events = Events;
@@ -117,9 +130,11 @@ KnownFiles::KnownFiles(int Root, bool UseNotifications) : Root_(Root), Epoch_(Ne
     }
     RootKey_ = KeyOf(Status);
     UniqueFd Notify(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    Mounts_ = UniqueFd(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+    constexpr char Mounts[] = "/proc/self/mountinfo";
+    Mounts_ = UniqueFd(open(Mounts, O_RDONLY | O_CLOEXEC));
     News_ = UniqueFd(epoll_create1(EPOLL_CLOEXEC));
-    if (Notify && Mounts_ && News_ && AddTo(News_.Get(), Notify.Get(), EPOLLIN) &&
+    // Of what is mounted in another name space nobody tells.
+    if (Notify && Mounts_ && News_ && IsListed(Mounts, Mount_) && AddTo(News_.Get(), Notify.Get(), EPOLLIN) &&
         AddTo(News_.Get(), Mounts_.Get(), EPOLLPRI)) {
         Notify_ = std::move(Notify);
     }
@@ -299,7 +314,7 @@ void KnownFiles::ForgetDirectories() {
 }
 
 // What one event says. Returns whether a directory may have gone from its place. Called with the mutex.
-bool KnownFiles::Apply(int Watch, uint32_t Mask, std::string_view Name) {
+bool KnownFiles::Apply(int Watch, uint32_t Mask, std::string_view Name) noexcept {
     const auto Of = Watched_.find(Watch);
     if ((Mask & IN_Q_OVERFLOW) != 0) {
         return true;
@@ -310,8 +325,13 @@ bool KnownFiles::Apply(int Watch, uint32_t Mask, std::string_view Name) {
     if ((Mask & (IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE)) == 0 || Of->second.Steps.contains(Name)) {
         return true;
     }
+    char Path[PATH_MAX]; // nothing may fail here
     const std::string &Directory = Of->second.Directory;
-    const uint64_t Hash = HashOf(Directory.empty() ? std::string(Name) : fmt::format("{}/{}", Directory, Name));
+    const auto Made = fmt::format_to_n(Path, sizeof Path, "{}{}{}", Directory, Directory.empty() ? "" : "/", Name);
+    if (Made.size > sizeof Path) {
+        return false; // too long to be known
+    }
+    const uint64_t Hash = HashOf({Path, Made.size});
     const std::lock_guard Hold(MutexOf(Hash));
     if (Remembered &Known = PlaceOf(Hash); Known.Hash == Hash && Known.State == Remembered::STATE::Known) {
         Known = {};

@@ -77,7 +77,7 @@ private:
 
     bool TakeNews();
     void ReadEvents();
-    bool Apply(int Watch, uint32_t Mask, std::string_view Name);
+    bool Apply(int Watch, uint32_t Mask, std::string_view Name) noexcept;
     void ForgetDirectories();
     bool Prove(std::string_view Directory);
     bool WatchDirectory(int Fd, std::string_view Directory, const std::string &Step);
