@@ -20,6 +20,10 @@ struct KeptAttributes {
     bool operator==(const KeptAttributes &) const = default;
 };
 
+// An object is most likely to be asked for next whose inode number is that: what is remembered of it is fetched into
+// the processor's cache meanwhile. A wrong number costs no more than that.
+void Expect(uint64_t Inode);
+
 // Whether it is known what the object with this change time has; it is in Out then.
 bool Recall(const ObjectKey &Key, int64_t Changed, KeptAttributes &Out);
 
