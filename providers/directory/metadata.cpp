@@ -77,8 +77,9 @@ void Parse(const void *Value, ssize_t Size, Record &Out) {
     }
 }
 
-// The record of the entry Name of the directory Fd, or of a link itself. By the kernel's own call where there is one.
-ssize_t ReadEntryRecord(int Fd, const char *Name, void *Value, size_t Size) {
+// The record of the entry Name of the directory Fd, or of a link itself; its size alone when Size is 0. By the kernel's
+// own call where there is one.
+ssize_t CallForEntryRecord(int Fd, const char *Name, void *Value, size_t Size) {
     struct {
         uint64_t Value;
         uint32_t Size;
@@ -94,6 +95,21 @@ ssize_t ReadEntryRecord(int Fd, const char *Name, void *Value, size_t Size) {
         Missing = true;
     }
     return lgetxattr(fmt::format("/proc/self/fd/{}/{}", Fd, Name).c_str(), RecordName, Value, Size);
+}
+
+// As above with Size above 0. Among entries that have none it is cheaper to ask whether there is one: the kernel makes
+// no room for it.
+ssize_t ReadEntryRecord(int Fd, const char *Name, void *Value, size_t Size) {
+    constexpr unsigned Several = 16;
+    static thread_local unsigned Without = 0; // the last ones
+    if (Without >= Several) {
+        if (const ssize_t Found = CallForEntryRecord(Fd, Name, nullptr, 0); Found <= 0) {
+            return Found;
+        }
+    }
+    const ssize_t Read = CallForEntryRecord(Fd, Name, Value, Size);
+    Without = Read > 0 ? 0 : Without + 1;
+    return Read;
 }
 
 // An object without the record, or on a file system that keeps none, has the default one.
