@@ -12,7 +12,6 @@
 #include "providers/directory/directory_reader.h"
 #include "providers/directory/name_order.h"
 #include "providers/directory/names.h"
-#include "text/upcase.h"
 
 namespace providers::directory {
 namespace {
@@ -21,7 +20,6 @@ constexpr uint32_t Gone = 0xFFFFFFFF;
 constexpr uint32_t None = 0xFFFFFFFF;
 // Two changes closer together than this may leave one time stamp, on the coarsest of file systems.
 constexpr int64_t StampGranularity = 2'100'000'000;
-constexpr size_t LongestShort = 12;
 
 int64_t Nanoseconds(const timespec &Time) {
     return static_cast<int64_t>(Time.tv_sec) * 1'000'000'000 + Time.tv_nsec;
@@ -31,27 +29,16 @@ bool SameTime(const timespec &Left, const timespec &Right) {
     return Left.tv_sec == Right.tv_sec && Left.tv_nsec == Right.tv_nsec;
 }
 
-// Whether short names look so: up to two units, four letters or digits, "~" and a digit before the extension. An
-// editor's copies have a "~" too, and cost nothing.
-bool CanBeShort(std::u16string_view Folded) {
-    const std::u16string_view Stem = Folded.substr(0, Folded.find(u'.'));
-    if (Stem.size() < 6 || Stem.size() > 8 || Stem[Stem.size() - 2] != u'~') {
-        return false;
-    }
-    const std::u16string_view Hashed = Stem.substr(Stem.size() - 6, 4);
-    return Stem.back() >= u'1' && Stem.back() <= u'9' && std::all_of(Hashed.begin(), Hashed.end(), [](char16_t Unit) {
-               return (Unit >= u'0' && Unit <= u'9') || (Unit >= u'A' && Unit <= u'Z');
-           });
-}
-
 } // namespace
 
 std::u16string NameList::Served(const Piece &Item) const {
     return Item.Marked ? MarkedName(Native(Item)) : ServedName(Native(Item));
 }
 
-void NameList::Add(std::string_view Name, unsigned char Type, bool Marked, const ShortText &Short) {
-    Pieces.push_back({static_cast<uint32_t>(Bytes.size()), static_cast<uint16_t>(Name.size()), Type, Marked, Short});
+void NameList::Add(std::string_view Name, Piece New) {
+    New.At = static_cast<uint32_t>(Bytes.size());
+    New.Size = static_cast<uint16_t>(Name.size());
+    Pieces.push_back(New);
     Bytes.append(Name);
     Bytes.push_back('\0');
 }
@@ -78,8 +65,7 @@ void DirectoryIndex::Clear() {
     Bytes_.clear();
     Garbage_ = 0;
     Order_.clear();
-    ShortTable_.clear();
-    ShortTexts_.clear();
+    Shorts_.clear();
     KnowsShorts_ = false;
     Known_ = false;
     Changes_.clear();
@@ -96,7 +82,7 @@ const std::u16string &DirectoryIndex::FoldedOf(const Item &Each) {
 template <class Visitor>
 void DirectoryIndex::ForHash(uint32_t Hash, Visitor Visit) const {
     const size_t Mask = Table_.size() - 1;
-    for (size_t At = Hash & Mask; !Table_.empty() && Table_[At] != 0; At = (At + 1) & Mask) {
+    for (size_t At = StartOf(Hash); !Table_.empty() && Table_[At] != 0; At = (At + 1) & Mask) {
         if (Table_[At] != Gone && Items_[Table_[At] - 1].Hash == Hash && !Visit(Table_[At] - 1)) {
             return;
         }
@@ -113,10 +99,14 @@ void DirectoryIndex::MakeTable() {
     TableUsed_ = 0;
     for (uint32_t Index = 0; Index < Items_.size(); ++Index) {
         Item &Each = Items_[Index];
-        size_t At = Each.Hash & (Size - 1);
+        size_t At = StartOf(Each.Hash);
         bool Known = Each.Size == 0;
         for (; !Known && Table_[At] != 0; At = (At + 1) & (Size - 1)) {
-            const Item &Other = Items_[Table_[At] - 1];
+            Item &Other = Items_[Table_[At] - 1];
+            if (ShortEndingOf(Other.Hash) != ShortEndingOf(Each.Hash)) {
+                continue;
+            }
+            Each.SharesHash = Other.SharesHash = true;
             if (Other.Hash == Each.Hash && NameOf(Other) == NameOf(Each)) {
                 Known = true;
                 Each.Size = 0;
@@ -130,10 +120,14 @@ void DirectoryIndex::MakeTable() {
     }
 }
 
-uint32_t DirectoryIndex::HashOfName(std::string_view Native) {
-    Scratch_.clear();
-    AppendFolded(Native, Scratch_);
-    return HashOfFolded(Scratch_);
+// Each is in no table yet.
+void DirectoryIndex::NoteSharing(Item &Each) {
+    const size_t Mask = Table_.size() - 1;
+    for (size_t At = StartOf(Each.Hash); Table_[At] != 0; At = (At + 1) & Mask) {
+        if (Table_[At] != Gone && ShortEndingOf(Items_[Table_[At] - 1].Hash) == ShortEndingOf(Each.Hash)) {
+            Each.SharesHash = Items_[Table_[At] - 1].SharesHash = true;
+        }
+    }
 }
 
 bool DirectoryIndex::HasRoomFor(std::string_view Native) const {
@@ -144,7 +138,8 @@ void DirectoryIndex::Add(std::string_view Native, unsigned char Type) {
     if (!HasRoomFor(Native)) {
         return;
     }
-    const uint32_t Hash = HashOfName(Native);
+    const NameFacts Facts = FactsOf(Native);
+    const uint32_t Hash = Facts.Hash;
     bool Known = false;
     ForHash(Hash, [&](uint32_t Index) {
         Known = NameOf(Items_[Index]) == Native;
@@ -156,7 +151,13 @@ void DirectoryIndex::Add(std::string_view Native, unsigned char Type) {
     if (Known) {
         return;
     }
-    const Item New = {static_cast<uint32_t>(Bytes_.size()), Hash, static_cast<uint16_t>(Native.size()), Type, false};
+    const Item New = {static_cast<uint32_t>(Bytes_.size()),
+                      Hash,
+                      static_cast<uint16_t>(Native.size()),
+                      Type,
+                      Facts.IsPlain,
+                      false,
+                      false};
     Bytes_.append(Native);
     uint32_t Index = static_cast<uint32_t>(Items_.size());
     if (Free_.empty()) {
@@ -173,7 +174,8 @@ void DirectoryIndex::Add(std::string_view Native, unsigned char Type) {
         MakeTable();
         return;
     }
-    size_t At = Hash & (Table_.size() - 1);
+    NoteSharing(Items_[Index]);
+    size_t At = StartOf(Hash);
     while (Table_[At] != 0 && Table_[At] != Gone) {
         At = (At + 1) & (Table_.size() - 1);
     }
@@ -182,9 +184,9 @@ void DirectoryIndex::Add(std::string_view Native, unsigned char Type) {
 }
 
 void DirectoryIndex::Remove(std::string_view Native) {
-    const uint32_t Hash = HashOfName(Native);
+    const uint32_t Hash = FactsOf(Native).Hash;
     const size_t Mask = Table_.size() - 1;
-    for (size_t At = Hash & Mask; !Table_.empty() && Table_[At] != 0; At = (At + 1) & Mask) {
+    for (size_t At = StartOf(Hash); !Table_.empty() && Table_[At] != 0; At = (At + 1) & Mask) {
         if (Table_[At] != Gone && NameOf(Items_[Table_[At] - 1]) == Native) {
             const uint32_t Index = Table_[At] - 1;
             Garbage_ += Native.size();
@@ -219,13 +221,19 @@ void DirectoryIndex::Tidy() {
 // Bytes is the directory's size, which is 20 for each entry or more where it is of any use.
 RVSTATUS DirectoryIndex::Scan(int Fd, off_t Bytes) {
     constexpr off_t MostExpected = 1 << 20;
+    constexpr size_t EnoughToJudge = 256;
     Clear();
     ++Scans_;
     Items_.reserve(static_cast<size_t>(std::clamp<off_t>(Bytes / 20, 0, MostExpected)));
     const int Error = ReadDirectory(Fd, [this](std::string_view Name, unsigned char Type) {
         if (HasRoomFor(Name)) {
-            Items_.push_back({static_cast<uint32_t>(Bytes_.size()), HashOfName(Name),
-                              static_cast<uint16_t>(Name.size()), Type, false});
+            const NameFacts Facts = FactsOf(Name);
+            Items_.push_back({static_cast<uint32_t>(Bytes_.size()), Facts.Hash, static_cast<uint16_t>(Name.size()),
+                              Type, Facts.IsPlain, false, false});
+            if (Bytes_.capacity() - Bytes_.size() < Name.size() && Items_.size() > EnoughToJudge) {
+                // As long as they were so far, all that are expected fit.
+                Bytes_.reserve(std::max(2 * Bytes_.size(), Items_.capacity() * Bytes_.size() / Items_.size()));
+            }
             Bytes_.append(Name);
         }
     });
@@ -235,6 +243,9 @@ RVSTATUS DirectoryIndex::Scan(int Fd, off_t Bytes) {
     }
     if (Items_.capacity() > 2 * Items_.size() + 16) {
         Items_.shrink_to_fit();
+    }
+    if (Bytes_.capacity() > Bytes_.size() + Bytes_.size() / 8 + 64) {
+        Bytes_.shrink_to_fit();
     }
     MakeTable();
     Names_ += Items_.size() - Free_.size();
@@ -351,18 +362,19 @@ RVSTATUS DirectoryIndex::Find(int Fd, std::u16string_view Served, std::string_vi
             return Take(First, true);
         }
     }
-    const uint32_t Short = Folded.size() <= LongestShort ? ByShort(Folded) : None;
+    const uint32_t Short = ByShort(Folded);
     return Short != None ? Take(Short, false) : Failure(CODE_NO_SUCH_FILE);
 }
 
-// The place of a short name in its table, or where it would be put.
-size_t DirectoryIndex::PlaceOfShort(std::u16string_view Short) const {
-    const size_t Mask = ShortTable_.size() - 1;
-    size_t At = HashOfFolded(Short) & Mask;
-    while (ShortTable_[At] != 0 && ShortTexts_[ShortTable_[At] - 1].View() != Short) {
-        At = (At + 1) & Mask;
+// The item that has this short name; None when none has. Right while short names are known.
+uint32_t DirectoryIndex::ItemOfShort(const ShortCode &Short) const {
+    const size_t Mask = Table_.size() - 1;
+    for (size_t At = StartOf(Short.Ending()); Table_[At] != 0; At = (At + 1) & Mask) {
+        if (Table_[At] != Gone && Shorts_[Table_[At] - 1] == Short) {
+            return Table_[At] - 1;
+        }
     }
-    return At;
+    return None;
 }
 
 // Makes the short names, of those that lead to one entry: one that several have, or that is somebody's own name, leads
@@ -371,57 +383,56 @@ void DirectoryIndex::NeedShorts() {
     if (KnowsShorts_) {
         return;
     }
-    ShortTexts_.assign(Items_.size(), {});
-    ShortTable_.assign(Table_.size(), 0);
+    Shorts_.assign(Items_.size(), {});
+    for (size_t Index = 0; Index < Items_.size(); ++Index) {
+        if (const Item &Each = Items_[Index]; Each.Size != 0) {
+            Shorts_[Index] = ShortCodeOf(NameOf(Each), Each.Hash, Each.IsPlain);
+        }
+    }
     std::vector<uint32_t> Useless;
     for (uint32_t Index = 0; Index < Items_.size(); ++Index) {
-        if (Items_[Index].Size == 0) {
-            continue;
-        }
-        const ShortText Short = ShortName(NameOf(Items_[Index]), Items_[Index].Hash);
-        if (Short.empty()) {
-            continue;
-        }
-        uint32_t &Place = ShortTable_[PlaceOfShort(Short)];
-        if (Place == 0) {
-            Place = Index + 1;
-            ShortTexts_[Index] = Short;
-        } else {
-            Useless.push_back(Place - 1);
+        // Names of one ending follow each other in the table. The first of those that share all of it is found.
+        if (Items_[Index].SharesHash && !Shorts_[Index].empty()) {
+            if (const uint32_t First = ItemOfShort(Shorts_[Index]); First != Index) {
+                Useless.push_back(First);
+                Useless.push_back(Index);
+            }
         }
     }
     // Hardly any directory has a name that looks like one that was made.
     const size_t Looking = Bytes_.find('~') != std::string::npos ? Items_.size() : 0;
     for (size_t Index = 0; Index < Looking; ++Index) {
         const Item &Each = Items_[Index];
-        if (NameOf(Each).find('~') != std::string_view::npos && CanBeShort(FoldedOf(Each))) {
-            if (const uint32_t Place = ShortTable_[PlaceOfShort(Scratch_)]; Place != 0) {
-                Useless.push_back(Place - 1);
+        if (NameOf(Each).find('~') != std::string_view::npos) {
+            const ShortCode Own = ShortCode::Of(FoldedOf(Each));
+            if (const uint32_t Other = Own.empty() ? None : ItemOfShort(Own); Other != None) {
+                Useless.push_back(Other);
             }
         }
     }
-    // What one is left without stays in its place, so that those behind are found.
     for (const uint32_t Index : Useless) {
-        ShortTexts_[Index] = {};
+        Shorts_[Index] = {};
     }
     KnowsShorts_ = true;
 }
 
 // The item that this short name leads to.
 uint32_t DirectoryIndex::ByShort(std::u16string_view Short) {
-    if (!CanBeShort(Short)) {
+    const ShortCode Code = ShortCode::Of(Short);
+    if (Code.empty()) {
         return None;
     }
     NeedShorts();
-    return ShortTable_[PlaceOfShort(Short)] - 1; // nothing is None
+    return ItemOfShort(Code);
 }
 
 void DirectoryIndex::Sort() {
     if (!Order_.empty()) {
         return;
     }
-    const auto Sorted = SortNames(static_cast<uint32_t>(Items_.size()), Bytes_.size(),
-                                  [this](uint32_t Index) { return NameOf(Items_[Index]); });
+    const auto Sorted = SortNames(static_cast<uint32_t>(Items_.size()), [this](uint32_t Index) {
+        return NameToSort{NameOf(Items_[Index]), Items_[Index].IsPlain};
+    });
     Order_.reserve(Sorted.size());
     for (const SortedName &Each : Sorted) {
         Items_[Each.Index].IsAlone = Each.IsAlone;
@@ -447,12 +458,12 @@ RVSTATUS DirectoryIndex::List(int Fd, std::u16string_view FoldedMask, bool WithS
     for (const uint32_t Index : Order_) {
         const Item &Each = Items_[Index];
         const std::string_view Native = NameOf(Each);
-        const ShortText Short = WithShort || !Everything ? ShortTexts_[Index] : ShortText();
+        const ShortCode Short = WithShort || !Everything ? Shorts_[Index] : ShortCode();
         if (!Everything && !MatchesMask(FoldedMask, Fold(Each.IsAlone ? ServedName(Native) : MarkedName(Native))) &&
-            (Short.empty() || !MatchesMask(FoldedMask, Short))) {
+            (Short.empty() || !MatchesMask(FoldedMask, Short.Text()))) {
             continue;
         }
-        Out.Add(Native, Each.Type, !Each.IsAlone, Short);
+        Out.Add(Native, {.Short = Short, .Type = Each.Type, .Marked = !Each.IsAlone, .IsPlain = Each.IsPlain});
     }
     return RVSTATUS::Success;
 }

@@ -1,7 +1,7 @@
 // The names of one directory, to be found in any case, and in order.
 //
-// A name costs its bytes, twelve more and a place in a hash table, its place in order once it was listed, and about
-// 36 bytes once short names were asked for; nothing is kept folded. The names are read once and then kept right by what
+// A name costs its bytes, twelve more and a place in a hash table, its place in order once it was listed, and eight
+// bytes once short names were asked for; nothing is kept folded. The names are read once and then kept right by what
 // the event log tells. Where nothing is told they are believed only while the directory's time stamps stand still and
 // are older than any file system's stamps are coarse.
 //
@@ -28,11 +28,12 @@ namespace providers::directory {
 // A set of entries, as a listing wants them.
 struct NameList {
     struct Piece {
-        uint32_t At;
-        uint16_t Size;
+        ShortCode Short;    // empty unless it leads to it alone
         unsigned char Type; // DT_*
-        bool Marked;        // listed under its marked name
-        ShortText Short;    // empty unless it leads to it alone
+        bool Marked : 1;    // listed under its marked name
+        bool IsPlain : 1;   // IsServedAsItIs
+        uint16_t Size = 0;  // of the name
+        uint32_t At = 0;    // in Bytes
     };
     std::string Bytes;
     std::vector<Piece> Pieces;
@@ -43,7 +44,8 @@ struct NameList {
     }
     // The name under which the entry is listed.
     std::u16string Served(const Piece &Item) const;
-    void Add(std::string_view Name, unsigned char Type, bool Marked, const ShortText &Short);
+    // Size and At are filled in.
+    void Add(std::string_view Name, Piece New);
 };
 
 struct FoundName {
@@ -79,8 +81,11 @@ private:
         uint32_t Hash; // of the folded name
         uint16_t Size; // 0 = free
         unsigned char Type;
-        bool IsAlone; // no other name is the same but for its case; right while Order_ is known
+        bool IsPlain : 1;    // IsServedAsItIs
+        bool IsAlone : 1;    // no other name is the same but for its case; right while Order_ is known
+        bool SharesHash : 1; // another one has its ShortEndingOf, or had
     };
+    static_assert(sizeof(Item) == 12);
 
     RVSTATUS Refresh(int Fd);
     bool Apply(int Fd);
@@ -89,12 +94,16 @@ private:
     void Add(std::string_view Native, unsigned char Type);
     void Remove(std::string_view Native);
     bool HasRoomFor(std::string_view Native) const;
-    uint32_t HashOfName(std::string_view Native);
     void MakeTable();
     void Tidy();
     void NeedShorts();
-    size_t PlaceOfShort(std::u16string_view Short) const;
+    uint32_t ItemOfShort(const ShortCode &Short) const;
     uint32_t ByShort(std::u16string_view Short);
+    void NoteSharing(Item &Each);
+    // Where the search for a name with that hash begins in Table_, and that for its short name as well.
+    size_t StartOf(uint32_t Hash) const {
+        return ShortEndingOf(Hash) & (Table_.size() - 1);
+    }
     std::string_view NameOf(const Item &Each) const {
         return std::string_view(Bytes_).substr(Each.At, Each.Size);
     }
@@ -115,10 +124,9 @@ private:
     std::string Bytes_;
     size_t Garbage_ = 0; // bytes of names that went
     std::u16string Scratch_;
-    std::vector<NameChange> Changes_;   // told and not applied yet
-    std::vector<uint32_t> Order_;       // items by their folded names; empty = not known
-    std::vector<uint32_t> ShortTable_;  // item + 1, by its short name, 0 = none; as large as Table_ was
-    std::vector<ShortText> ShortTexts_; // by item; empty for one that its short name does not lead to
+    std::vector<NameChange> Changes_; // told and not applied yet
+    std::vector<uint32_t> Order_;     // items by their folded names; empty = not known
+    std::vector<ShortCode> Shorts_;   // by item; empty for one that its short name does not lead to
     bool KnowsShorts_ = false;
     int Watch_ = -1;
     std::atomic<bool> Known_ = false; // changed under the mutex

@@ -13,6 +13,7 @@
 
 #include "providers/directory/directory_reader.h"
 #include "providers/directory/names.h"
+#include "providers/directory/record_memory.h"
 #include "providers/directory/state.h"
 
 namespace providers::directory {
@@ -27,7 +28,6 @@ constexpr uint8_t UnkeptTag = 255; // of a search that is not kept
 constexpr unsigned PositionBits = 24;
 constexpr ULONG MaxPosition = (1u << PositionBits) - 1;
 constexpr ULONG EndKey = 0xFFFFFFFF; // the search is over; asking again gives the same answer
-constexpr size_t ShortNameUnits = 12;
 constexpr USHORT CodeBufferTooSmall = 0x0007;
 constexpr USHORT CodeSearchGone = 0x0101;
 
@@ -72,9 +72,13 @@ RVSTATUS Collect(FolderObject &Folder, PCWSTR Mask, bool WithShort, NameList &Ou
         return RVSTATUS::Success; // no entry can have this name, or it is not told which has
     }
     if (!RvIsError(Status) && Found.Exists) {
-        const ShortText Short = WithShort ? ShortName(Found.Name) : ShortText();
-        const bool Leads = !Short.empty() && Names.LeadsTo(Folder.Ref(), Short, Found.Name);
-        Out.Add(Found.Name, Found.Type, Found.Marked, Leads ? Short : ShortText());
+        const NameFacts Facts = FactsOf(Found.Name);
+        const ShortCode Short = WithShort ? ShortCodeOf(Found.Name, Facts.Hash, Facts.IsPlain) : ShortCode();
+        const bool Leads = !Short.empty() && Names.LeadsTo(Folder.Ref(), Short.Text(), Found.Name);
+        Out.Add(Found.Name, {.Short = Leads ? Short : ShortCode(),
+                             .Type = Found.Type,
+                             .Marked = Found.Marked,
+                             .IsPlain = Facts.IsPlain});
     }
     return Status;
 }
@@ -101,8 +105,8 @@ bool EntryMetadata(const FolderObject &Folder, const char *Native, unsigned char
     return true;
 }
 
-void WriteRecord(UCHAR *Record, const Metadata &Data, std::u16string_view Served, std::u16string_view Short,
-                 bool WithShort) {
+// All of a record but the name itself, which begins where the answer says.
+UCHAR *WriteRecord(UCHAR *Record, const Metadata &Data, size_t Units, const ShortCode &Short, bool WithShort) {
     const size_t NameOffset = WithShort ? OFFSET_FULL_NAME : OFFSET_BASIC_NAME;
     memset(Record, 0, NameOffset);
     Put(Record, OFFSET_ATTRIBUTES, Data.Attributes);
@@ -111,14 +115,22 @@ void WriteRecord(UCHAR *Record, const Metadata &Data, std::u16string_view Served
     Put(Record, OFFSET_LAST_ACCESS, Data.LastAccess);
     Put(Record, OFFSET_SIZE, Data.EndOfFile);
     if (WithShort) {
-        const size_t Units = std::min(Short.size(), ShortNameUnits);
-        Put(Record, OFFSET_SHORT_LENGTH, static_cast<ULONG>(Units));
-        memcpy(Record + OFFSET_SHORT_NAME, Short.data(), Units * sizeof(WCHAR));
-        Put(Record, OFFSET_FULL_NAME_LENGTH, static_cast<ULONG>(Served.size()));
+        const ShortText Text = Short.Text();
+        const std::u16string_view Made = Text.View();
+        Put(Record, OFFSET_SHORT_LENGTH, static_cast<ULONG>(Made.size()));
+        memcpy(Record + OFFSET_SHORT_NAME, Made.data(), Made.size() * sizeof(WCHAR));
+        Put(Record, OFFSET_FULL_NAME_LENGTH, static_cast<ULONG>(Units));
     } else {
-        Put(Record, OFFSET_BASIC_NAME_LENGTH, static_cast<ULONG>(Served.size()));
+        Put(Record, OFFSET_BASIC_NAME_LENGTH, static_cast<ULONG>(Units));
     }
-    memcpy(Record + NameOffset, Served.data(), Served.size() * sizeof(WCHAR));
+    return Record + NameOffset;
+}
+
+// The units that a plain name is served under, which are its bytes.
+void WritePlainName(UCHAR *To, std::string_view Name) {
+    for (size_t At = 0; At < Name.size(); ++At) {
+        Put(To, At * sizeof(WCHAR), static_cast<WCHAR>(Name[At]));
+    }
 }
 
 // What a caller of both slots asks for, beside the mask.
@@ -137,25 +149,35 @@ RVSTATUS FillBatch(const FolderObject &Folder, const Listing &From, const Reques
     UCHAR *Last = nullptr;
     Filled = 0;
     std::u16string Served;
+    // Files that were made one after another have numbers, and most often names, that follow each other.
+    ULONG64 Likely = 0;
+    ULONG64 Before = 0;
     for (; Position < From.Names.Pieces.size(); ++Position) {
         const NameList::Piece &Item = From.Names.Pieces[Position];
         const std::string_view Native = From.Names.Native(Item);
-        if (!Item.Marked && IsServedAsItIs(Native)) {
-            Served.assign(Native.begin(), Native.end());
-        } else {
+        const bool IsPlain = Item.IsPlain && !Item.Marked;
+        if (!IsPlain) {
             Served = From.Names.Served(Item);
         }
+        const size_t Units = IsPlain ? Native.size() : Served.size();
         const size_t Start = (Filled + 7) & ~size_t{7};
-        const size_t End =
-            Start + (Wanted.WithShort ? OFFSET_FULL_NAME : OFFSET_BASIC_NAME) + Served.size() * sizeof(WCHAR);
+        const size_t End = Start + (Wanted.WithShort ? OFFSET_FULL_NAME : OFFSET_BASIC_NAME) + Units * sizeof(WCHAR);
         if (End > *Wanted.BufferSize) {
             return Last != nullptr ? RVSTATUS::Success : Failure(CodeBufferTooSmall);
         }
+        Expect(Likely);
         Metadata Data;
         if (!Wanted.OneBatch && !EntryMetadata(Folder, Native.data(), Item.Type, Data)) {
             continue;
         }
-        WriteRecord(Buffer + Start, Data, Served, Item.Short, Wanted.WithShort);
+        Likely = 2 * Data.Key.Inode - Before;
+        Before = Data.Key.Inode;
+        UCHAR *const Name = WriteRecord(Buffer + Start, Data, Units, Item.Short, Wanted.WithShort);
+        if (IsPlain) {
+            WritePlainName(Name, Native);
+        } else {
+            memcpy(Name, Served.data(), Units * sizeof(WCHAR));
+        }
         if (Last != nullptr) {
             Put(Last, OFFSET_NEXT, static_cast<ULONG>(Buffer + Start - Last));
         }

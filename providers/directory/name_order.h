@@ -8,24 +8,28 @@
 
 namespace providers::directory {
 
+struct NameToSort {
+    std::string_view Native; // empty for an index that has none
+    bool IsPlain;            // IsServedAsItIs
+};
+
 struct SortedName {
     uint32_t Index;
     bool IsAlone; // no other name is the same but for its case
 };
 
-// The names that NativeOf gives for the indices below Count, empty for one that has none, by their folded forms and, of
-// one folded form, by their bytes. Bytes is about how long they are together.
+// The names that NameOf gives for the indices below Count, by their folded forms and, of one folded form, by their
+// bytes.
 template <class Names>
-std::vector<SortedName> SortNames(uint32_t Count, size_t Bytes, Names NativeOf);
-std::vector<SortedName> SortNames(uint32_t Count, size_t Bytes,
-                                  std::string_view (*NativeOf)(const void *Context, uint32_t Index),
+std::vector<SortedName> SortNames(uint32_t Count, Names NameOf);
+std::vector<SortedName> SortNames(uint32_t Count, NameToSort (*NameOf)(const void *Context, uint32_t Index),
                                   const void *Context);
 
 template <class Names>
-std::vector<SortedName> SortNames(uint32_t Count, size_t Bytes, Names NativeOf) {
+std::vector<SortedName> SortNames(uint32_t Count, Names NameOf) {
     return SortNames(
-        Count, Bytes, [](const void *Context, uint32_t Index) { return (*static_cast<const Names *>(Context))(Index); },
-        &NativeOf);
+        Count, [](const void *Context, uint32_t Index) { return (*static_cast<const Names *>(Context))(Index); },
+        &NameOf);
 }
 
 } // namespace providers::directory

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstring>
 #include <iterator>
 #include <type_traits>
@@ -68,6 +69,16 @@ constexpr auto PlainUnits = [] {
     return Plain;
 }();
 
+// The same by bytes, a bit that no unit has for those that are not plain.
+constexpr uint16_t NotPlain = 0x8000;
+constexpr auto FoldedUnits = [] {
+    std::array<uint16_t, 256> Folded{};
+    for (size_t Byte = 0; Byte < Folded.size(); ++Byte) {
+        Folded[Byte] = PlainUnits[Byte] != 0 ? static_cast<uint16_t>(PlainUnits[Byte]) : NotPlain;
+    }
+    return Folded;
+}();
+
 constexpr char PlainUnit(char16_t Unit) {
     return Unit < PlainUnits.size() ? PlainUnits[Unit] : '\0';
 }
@@ -81,46 +92,64 @@ bool IsPlain(View Name) {
            std::all_of(Name.begin(), Name.end(), [](auto Unit) { return PlainUnit(Unit) != 0; });
 }
 
+template <class Char>
+bool FitsShort(Char Unit) {
+    return static_cast<char16_t>(Unit) < ShortUnits.size() && ShortUnits[static_cast<size_t>(Unit)];
+}
+
+// The first units of From that an 8.3 name keeps, in upper case.
+template <class View, size_t Count>
+void KeepUnits(View From, char (&Out)[Count]) {
+    const char16_t *Upcase = text::UpcaseTable();
+    size_t Kept = 0;
+    for (size_t At = 0; At < From.size() && Kept < Count; ++At) {
+        if (FitsShort(From[At]) && From[At] != '~') {
+            Out[Kept++] = static_cast<char>(Upcase[static_cast<size_t>(From[At])]);
+        }
+    }
+}
+
 // The 8.3 name of a served name, or of a plain one in bytes, whose folded form has that hash.
 template <class View>
-ShortText ShortOf(View Name, uint32_t Hash) {
+ShortCode ShortOf(View Name, uint32_t Hash) {
     using Char = typename View::value_type;
     const size_t Dot = Name.rfind(Char('.'));
     const size_t Stem = Dot == View::npos || Dot == 0 ? Name.size() : Dot;
     const View Base = Name.substr(0, Stem);
     const View Extension = Stem == Name.size() ? View() : Name.substr(Stem + 1);
-    const auto Fits = [](Char Unit) {
-        return static_cast<char16_t>(Unit) < ShortUnits.size() && ShortUnits[static_cast<size_t>(Unit)];
-    };
-    const auto AllFit = [Fits](View Part) { return std::all_of(Part.begin(), Part.end(), Fits); };
+    const auto AllFit = [](View Part) { return std::all_of(Part.begin(), Part.end(), FitsShort<Char>); };
     if (Base.size() <= 8 && Extension.size() <= 3 && (Stem == Name.size() || !Extension.empty()) && AllFit(Base) &&
         AllFit(Extension)) {
         return {};
     }
-    ShortText Short;
-    const char16_t *Upcase = text::UpcaseTable();
-    const auto Keep = [&](View From, size_t Count) {
-        for (size_t At = 0; At < From.size() && Count != 0; ++At) {
-            if (Fits(From[At]) && From[At] != Char('~')) {
-                Short.push_back(Upcase[static_cast<size_t>(From[At])]);
-                --Count;
-            }
-        }
-    };
-    Keep(Base, 2);
-    // Some 15 million endings: of 100,000 names that begin alike a few hundred share theirs.
-    for (int Digit = 0; Digit < 4; ++Digit) {
-        Short.push_back(u"0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ"[Hash % 36]);
-        Hash /= 36;
-    }
-    Short.push_back(u'~');
-    Short.push_back(u"123456789"[Hash % 9]);
-    if (std::any_of(Extension.begin(), Extension.end(), [&](Char Unit) { return Fits(Unit) && Unit != Char('~'); })) {
-        Short.push_back(u'.');
-        Keep(Extension, 3);
-    }
-    return Short;
+    char KeptBase[2] = {};
+    char KeptExtension[3] = {};
+    KeepUnits(Base, KeptBase);
+    KeepUnits(Extension, KeptExtension);
+    return {KeptBase, KeptExtension, ShortEndingOf(Hash)};
 }
+
+constexpr std::u16string_view EndingDigits = u"0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+
+static_assert(std::endian::native == std::endian::little);
+
+// The hash of a folded name, which is given four units at a time.
+class HashState {
+public:
+    static constexpr size_t Units = sizeof(uint64_t) / sizeof(char16_t);
+
+    // The first unit lowest, zeros behind the last one.
+    void Add(uint64_t Next) {
+        Hash_ = (Hash_ ^ Next) * 0xC2B2AE3D27D4EB4Fu;
+        Hash_ ^= Hash_ >> 29;
+    }
+    uint32_t Value() const {
+        return static_cast<uint32_t>(Hash_ * 0x9E3779B97F4A7C15u >> 32);
+    }
+
+private:
+    uint64_t Hash_ = 0x9E3779B97F4A7C15u;
+};
 
 void AppendCharacter(std::u16string &Out, UChar32 Character) {
     if (Character > 0xFFFF) {
@@ -342,28 +371,112 @@ void AppendFolded(std::string_view Native, std::u16string &Out) {
 }
 
 uint32_t HashOfFolded(std::u16string_view Folded) {
-    uint64_t Hash = 0x9E3779B97F4A7C15u;
+    HashState State;
     const char16_t *At = Folded.data();
     for (size_t Left = Folded.size(); Left != 0;) {
-        const size_t Count = std::min<size_t>(Left, sizeof Hash / sizeof(char16_t));
+        const size_t Count = std::min<size_t>(Left, HashState::Units);
         uint64_t Units = 0;
         memcpy(&Units, At, Count * sizeof(char16_t));
-        Hash = (Hash ^ Units) * 0xC2B2AE3D27D4EB4Fu;
-        Hash ^= Hash >> 29;
+        State.Add(Units);
         At += Count;
         Left -= Count;
     }
-    return static_cast<uint32_t>(Hash * 0x9E3779B97F4A7C15u >> 32);
+    return State.Value();
 }
 
-ShortText ShortName(std::string_view Native, uint32_t Hash) {
-    return IsPlain(Native) ? ShortOf(Native, Hash) : ShortOf(std::u16string_view(ServedName(Native)), Hash);
+NameFacts FactsOf(std::string_view Native) {
+    HashState State;
+    uint64_t All = 0;
+    const char *At = Native.data();
+    size_t Left = Native.size();
+    const auto Unit = [&](size_t Which) {
+        return uint64_t{FoldedUnits[static_cast<unsigned char>(At[Which])]} << 16 * Which;
+    };
+    for (; Left >= HashState::Units; Left -= HashState::Units, At += HashState::Units) {
+        const uint64_t Units = Unit(0) | Unit(1) | Unit(2) | Unit(3);
+        All |= Units;
+        State.Add(Units);
+    }
+    if (Left != 0) {
+        const uint64_t Units = Unit(0) | (Left > 1 ? Unit(1) : 0) | (Left > 2 ? Unit(2) : 0);
+        All |= Units;
+        State.Add(Units);
+    }
+    const bool OnlyPlain = (All & uint64_t{NotPlain} * 0x0001000100010001u) == 0;
+    if (OnlyPlain && !Native.empty() && !IsForbiddenAtEnd(Native.back())) {
+        return {State.Value(), true};
+    }
+    return {HashOfFolded(Fold(ServedName(Native))), false};
+}
+
+ShortCode::ShortCode(const char (&Base)[2], const char (&Extension)[3], uint32_t Ending) {
+    memcpy(Base_, Base, sizeof Base_);
+    memcpy(Extension_, Extension, sizeof Extension_);
+    ++Ending;
+    for (unsigned char &Byte : Ending_) {
+        Byte = static_cast<unsigned char>(Ending);
+        Ending >>= 8;
+    }
+}
+
+// Up to two units, four letters or digits, "~" and a digit before the extension. An editor's copies have a "~" too, and
+// are none.
+ShortCode ShortCode::Of(std::u16string_view Folded) {
+    const size_t Dot = std::min(Folded.find(u'.'), Folded.size());
+    const std::u16string_view Stem = Folded.substr(0, Dot);
+    if (Stem.size() < 6 || Stem.size() > 8 || Stem[Stem.size() - 2] != u'~' || Stem.back() < u'1' ||
+        Stem.back() > u'9') {
+        return {};
+    }
+    uint32_t Ending = Stem.back() - u'1';
+    for (size_t Digit = 0; Digit < 4; ++Digit) {
+        const size_t Value = EndingDigits.find(Stem[Stem.size() - 3 - Digit]);
+        if (Value == EndingDigits.npos) {
+            return {};
+        }
+        Ending = Ending * 36 + static_cast<uint32_t>(Value);
+    }
+    char Base[2] = {};
+    char Extension[3] = {};
+    KeepUnits(Stem.substr(0, Stem.size() - 6), Base);
+    KeepUnits(Folded.substr(std::min(Dot + 1, Folded.size())), Extension);
+    const ShortCode Code(Base, Extension, Ending);
+    return Code.Text().View() == Folded ? Code : ShortCode();
+}
+
+ShortText ShortCode::Text() const {
+    ShortText Short;
+    if (empty()) {
+        return Short;
+    }
+    const auto Append = [&Short](char Unit) {
+        if (Unit != 0) {
+            Short.push_back(static_cast<char16_t>(Unit));
+        }
+    };
+    std::for_each(std::begin(Base_), std::end(Base_), Append);
+    // Some 15 million endings: of 100,000 names that begin alike a few hundred share theirs.
+    uint32_t Rest = Ending();
+    for (int Digit = 0; Digit < 4; ++Digit) {
+        Short.push_back(EndingDigits[Rest % 36]);
+        Rest /= 36;
+    }
+    Short.push_back(u'~');
+    Short.push_back(static_cast<char16_t>(u'1' + Rest));
+    if (Extension_[0] != 0) {
+        Short.push_back(u'.');
+        std::for_each(std::begin(Extension_), std::end(Extension_), Append);
+    }
+    return Short;
+}
+
+ShortCode ShortCodeOf(std::string_view Native, uint32_t Hash, bool IsPlain) {
+    return IsPlain ? ShortOf(Native, Hash) : ShortOf(std::u16string_view(ServedName(Native)), Hash);
 }
 
 ShortText ShortName(std::string_view Native) {
-    std::u16string Folded;
-    AppendFolded(Native, Folded);
-    return ShortName(Native, HashOfFolded(Folded));
+    const NameFacts Facts = FactsOf(Native);
+    return ShortCodeOf(Native, Facts.Hash, Facts.IsPlain).Text();
 }
 
 bool HasWildcards(std::u16string_view Mask) {

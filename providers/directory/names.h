@@ -58,9 +58,47 @@ private:
 // A hash of a folded name.
 uint32_t HashOfFolded(std::u16string_view Folded);
 
+// What is found out about an entry's name in one walk over it.
+struct NameFacts {
+    uint32_t Hash; // of its folded form
+    bool IsPlain;  // IsServedAsItIs
+};
+NameFacts FactsOf(std::string_view Native);
+
+// What of a folded name's hash its 8.3 name tells: below 2^24, and as well spread.
+constexpr uint32_t ShortEndingOf(uint32_t Hash) {
+    return Hash % (36u * 36 * 36 * 36 * 9);
+}
+
+// An 8.3 name as ShortName makes it, in eight bytes; or none.
+class ShortCode {
+public:
+    ShortCode() = default;
+    // Base and Extension hold what was kept of them, zeros behind it; Ending is that of the name's hash.
+    ShortCode(const char (&Base)[2], const char (&Extension)[3], uint32_t Ending);
+    // Of a text in upper case; none for one that ShortName never makes.
+    static ShortCode Of(std::u16string_view Folded);
+
+    bool empty() const {
+        return *this == ShortCode();
+    }
+    uint32_t Ending() const {
+        return (Ending_[0] | uint32_t{Ending_[1]} << 8 | uint32_t{Ending_[2]} << 16) - 1;
+    }
+    ShortText Text() const;
+    bool operator==(const ShortCode &) const = default;
+
+private:
+    char Base_[2] = {};
+    char Extension_[3] = {};
+    unsigned char Ending_[3] = {}; // one more than it, so that none is all zeros
+};
+static_assert(sizeof(ShortCode) == 8);
+
 // An 8.3 name made from the entry's served name, upper case; empty for a name that is one already. Two names of a
-// directory may get the same one: it is then of no use to either. Hash is that of the folded name, where it is known.
-ShortText ShortName(std::string_view Native, uint32_t Hash);
+// directory may get the same one: it is then of no use to either. Hash is that of the folded name, IsPlain is
+// IsServedAsItIs.
+ShortCode ShortCodeOf(std::string_view Native, uint32_t Hash, bool IsPlain);
 ShortText ShortName(std::string_view Native);
 
 // Whether Mask holds one of the wildcards: * and ?, and U+F8FC, U+F8FD, U+F8FF, which stand for the platform's < > ".

@@ -224,9 +224,14 @@ TEST_F(DirectoryProviderTest, ListingsAreInTheOrderOfFoldedNames) {
     const std::vector<std::string> Plain = {"a", "A", "b", "Z", "_", "~", "0", "00000000", "same beginning ", ".x"};
     std::vector<std::string> Any = Plain;
     Any.insert(Any.end(), {"\xC3\xA9", "\xC3\x89", "\xF0\x9F\x98\x80", "\xEF\xBF\xBD", ":", "\xFF"});
+    std::vector<std::string> Latin = Plain;
+    Latin.insert(Latin.end(), {"\xC3\xA9", "\xC3\x89", "\xC3\xBE"});
+    std::vector<std::string> Long = Plain;
+    Long.push_back(std::string(33, 'l'));
     const unsigned Seed = testing::UnitTest::GetInstance()->random_seed() + static_cast<unsigned>(time(nullptr));
     std::mt19937 Random(Seed);
-    for (const auto &[Folder, Parts] : {std::pair{u"plain", Plain}, {u"any", Any}, {u"none", {}}}) {
+    for (const auto &[Folder, Parts] :
+         {std::pair{u"plain", Plain}, {u"any", Any}, {u"latin", Latin}, {u"long", Long}, {u"none", {}}}) {
         SCOPED_TRACE(Seed);
         ASSERT_EQ(MakeFolder(Folder), Done);
         std::set<std::string> Natives;

@@ -181,6 +181,24 @@ TEST(DirectoryNames, ShortNamesAreMadeOnlyWhereNeeded) {
         EXPECT_LE(Short.size(), 12u);
         EXPECT_EQ(Short, Fold(Short));
         EXPECT_EQ(ShortName(std::string(Short.begin(), Short.end())).View(), u"") << "a short name must be one itself";
+        EXPECT_EQ(ShortCode::Of(Short).Text().View(), Short);
+    }
+    EXPECT_EQ(ShortName("a long name.html").View(), u"ALCOB6~1.HTM") << "programs keep them";
+    for (const char16_t *None :
+         {u"AB1234~", u"AB1234~0", u"ABC1234~1", u"234~1", u"AB1234~1.", u"AB1234~1.TEXT", u"AB1234~1.A.B", u"AB12.4~1",
+          u"A\u00C41234~1", u"A 1234~1", u"ab1234~1", u"AB12-4~1", u"AB1234~1.\u0100", u""}) {
+        EXPECT_TRUE(ShortCode::Of(None).empty()) << testing::PrintToString(std::u16string(None));
+    }
+}
+
+TEST(DirectoryNames, OneWalkFindsWhatTheFoldedNameSays) {
+    for (const std::string End : {"", "z", "{", "\x7F", ".", "\xC3\xA9", "\xFF", ":"}) {
+        for (size_t Size = 0; Size < 10; ++Size) {
+            const std::string Native = std::string("mixedCase").substr(0, Size) + End;
+            const NameFacts Facts = FactsOf(Native);
+            EXPECT_EQ(Facts.Hash, HashOfFolded(Fold(ServedName(Native)))) << Native;
+            EXPECT_EQ(Facts.IsPlain, !Native.empty() && (End.empty() || End == "z" || End == "{")) << Native;
+        }
     }
 }
 
