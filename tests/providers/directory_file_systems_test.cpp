@@ -238,7 +238,7 @@ TEST_F(FileSystems, FewDescriptorsCountADeepTreeForItsQuota) {
     rlimit Before{};
     ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &Before), 0);
     const UniqueFd Next(dup(0));
-    const rlimit Few{static_cast<rlim_t>(Next.Get()) + 16, Before.rlim_max};
+    const rlimit Few{static_cast<rlim_t>(Next.Get()) + 18, Before.rlim_max};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &Few), 0);
     EXPECT_EQ(Provider.AddExport(u"srv", u"quota", Root, {.QuotaBytes = 5000}), "");
     EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &Before), 0);
