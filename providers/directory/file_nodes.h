@@ -30,6 +30,15 @@ public:
     // Takes back Owner's share and all its locks.
     void Leave(const void *Owner);
 
+    // Calls Visit(Owner) for each open, one call at a time for the file.
+    template <class Visitor>
+    void ForEachOwner(Visitor Visit) {
+        const std::lock_guard Hold(Mutex_);
+        for (const ShareEntry &Each : Shares_) {
+            Visit(Each.Owner);
+        }
+    }
+
     // CODE_SHARING_VIOLATION when an open other than Except does not share deletion.
     RVSTATUS CheckDelete(const void *Except = nullptr);
 
@@ -94,8 +103,16 @@ public:
     FileNode *Acquire(const ObjectKey &Key);
     void Release(FileNode *Node);
 
-    // As FileNode::CheckDelete for a file that may have no node.
+    // As FileNode's for a file that may have no node.
     RVSTATUS CheckDelete(const ObjectKey &Key);
+    template <class Visitor>
+    void ForEachOwner(const ObjectKey &Key, Visitor Visit) {
+        Shard &Part = ShardOf(Key);
+        const std::lock_guard Hold(Part.Mutex);
+        if (const auto Found = Part.Nodes.find(Key); Found != Part.Nodes.end()) {
+            Found->second.ForEachOwner(Visit);
+        }
+    }
 
 private:
     struct Shard {

@@ -19,6 +19,16 @@ FileObject::~FileObject() {
     }
 }
 
+std::string FileObject::PathNow() const {
+    std::string Path;
+    Node->ForEachOwner([&](const void *Owner) {
+        if (Owner == this) {
+            Path = MovedTo.empty() ? FromRoot : MovedTo;
+        }
+    });
+    return Path;
+}
+
 RVSTATUS FileObject::OpenByHandle() {
     const std::lock_guard Hold(AccessMutex);
     if (!Own) {

@@ -466,9 +466,9 @@ RVSTATUS ChangeAccess(FileObject &File, ULONG Access, ULONG Share, ULONG Options
     }
     File.Access = Access;
     if (Reserve) {
-        File.Volume->Doomed.Reserve(File.FromRoot, File.Key);
+        File.Volume->Doomed.Reserve(File.PathNow(), File.Key);
     } else if (File.DeleteReserved) {
-        File.Volume->Doomed.Cancel(File.FromRoot, File.Key);
+        File.Volume->Doomed.Cancel(File.PathNow(), File.Key);
     }
     File.DeleteReserved = Reserve;
     return RVSTATUS::Success;

@@ -356,7 +356,11 @@ RVSTATUS Move(State &Provider, RVHANDLE SourceBase, PCWSTR SourcePath, RVHANDLE 
     }
     Status = Rename(Source, From, Stat, Target, To, New, Wanted);
     if (!RvIsError(Status)) {
-        In.Doomed.Moved(PathFromRoot(Source, From), PathFromRoot(Target, To), KeyOf(Stat));
+        const std::string Old = PathFromRoot(Source, From);
+        const std::string Now = PathFromRoot(Target, To);
+        Provider.Nodes.ForEachOwner(
+            KeyOf(Stat), [&](const void *Owner) { static_cast<const FileObject *>(Owner)->NoteMoved(Old, Now); });
+        In.Doomed.Moved(Old, Now, KeyOf(Stat));
     }
     return Status;
 }

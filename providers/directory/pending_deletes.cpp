@@ -26,6 +26,10 @@ thread_local Gone LastDeleted;
 
 } // namespace
 
+bool SamePath(std::string_view One, std::string_view Other) {
+    return One == Other || FoldedPath(One) == FoldedPath(Other);
+}
+
 void PendingDeletes::Reserve(std::string_view Path, const ObjectKey &Key) {
     const std::lock_guard Hold(Mutex_);
     Reserved_[FoldedPath(Path)] = Key;

@@ -18,7 +18,10 @@
 
 namespace providers::directory {
 
-// Paths are native and from the export's root; they are compared ignoring case.
+// Whether two paths are the same but for the case, as paths are compared here. They are native and from the export's
+// root.
+bool SamePath(std::string_view One, std::string_view Other);
+
 class PendingDeletes {
 public:
     void Reserve(std::string_view Path, const ObjectKey &Key);

@@ -170,6 +170,15 @@ struct FileObject final : Object {
     }
     RVSTATUS OpenByHandle();
 
+    // What is at From goes to To. Called in FileNode::ForEachOwner.
+    void NoteMoved(const std::string &From, const std::string &To) const {
+        if (SamePath(MovedTo.empty() ? FromRoot : MovedTo, From)) {
+            MovedTo = To;
+        }
+    }
+    // Its path from the root by now, as moves through this export have made it.
+    std::string PathNow() const;
+
     // The descriptor that locks are set on, as FileNode takes it.
     int LockFd() const {
         return NamesOnly() ? -1 : Fd();
@@ -182,8 +191,9 @@ struct FileObject final : Object {
     FileNode *Node = nullptr;   // null for a query open; unchanged once the handle exists, as is Query
     std::atomic<ULONG> Access = 0;
     std::atomic<bool> DeleteReserved = false;
-    std::mutex AccessMutex; // one change of access at a time
-    FileHandle Handle;      // of an open that was made without a descriptor
+    std::mutex AccessMutex;      // one change of access at a time
+    FileHandle Handle;           // of an open that was made without a descriptor
+    mutable std::string MovedTo; // empty = it is where it was opened; guarded by its node
     std::atomic<bool> Unopened = false;
 };
 

@@ -20,23 +20,31 @@ namespace {
 // A deletion comes after its handle was closed and by name alone.
 TEST_F(DirectoryProviderTest, APendingDeletionTakesTheFileThatWasOpenedOrNone) {
     for (const bool Replaced : {true, false}) {
-        for (const bool AtOpen : {true, false}) {
+        for (const char *When : {"at the open", "before the move", "after it"}) {
+            const bool AtOpen = When == std::string_view("at the open");
+            const bool After = When == std::string_view("after it");
             Write("file", "opened");
             RVHANDLE Handle = 0;
             const ULONG Reserve = RV_OPTION_RESERVE_DELETE;
             ASSERT_EQ(Open(u"FILE", Handle, RV_ACCESS_DELETE, 3, 7, 0, AtOpen ? Reserve : 0), Done);
-            if (!AtOpen) {
-                EXPECT_EQ(Table->RVFsdModifyFileAccess(Fsd, nullptr, Handle, RV_ACCESS_DELETE, 7, Reserve), Done);
+            for (const bool Moves : {After, !After}) {
+                if (Moves) {
+                    EXPECT_EQ(Move(u"file", u"FILE"), Done);
+                    EXPECT_EQ(Move(u"file", u"moved"), Done);
+                } else if (!AtOpen) {
+                    EXPECT_EQ(Table->RVFsdModifyFileAccess(Fsd, nullptr, Handle, RV_ACCESS_DELETE, 7, Reserve), Done);
+                }
             }
-            EXPECT_EQ(Move(u"file", u"moved"), Done);
             if (Replaced) {
                 Write("other", "other");
                 fs::rename(Root / "other", Root / "moved");
             }
             Close(Handle);
             EXPECT_EQ(Delete(u"Moved"), Replaced ? Failure(CODE_NO_SUCH_FILE) : Done);
-            EXPECT_EQ(fs::exists(Root / "moved"), Replaced);
+            EXPECT_EQ(fs::exists(Root / "moved"), Replaced) << When;
             fs::remove(Root / "moved");
+            Write("file", "another one");
+            EXPECT_EQ(Delete(u"file"), Done) << When;
         }
         fs::create_directory(Root / "dir");
         RVHANDLE Folder = 0;
