@@ -196,7 +196,8 @@ void FileNodes::Release(FileNode *Node) {
     const std::lock_guard Hold(Part.Mutex);
     if (--Node->References_ == 0) {
         auto Left = Part.Nodes.extract(ObjectKey(Node->Key_));
-        if (Node->Locks_.capacity() == 0) { // those may be many
+        constexpr size_t Few = 8;
+        if (Node->Locks_.capacity() == 0 && Node->Shares_.capacity() <= Few) {
             Part.Spare = std::move(Left);
         }
     }

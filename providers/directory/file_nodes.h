@@ -56,7 +56,7 @@ public:
                                                                : CheckLocks(Owner, Write, Offset, Length);
     }
 
-    // How often it was written to. Counted when the data are there.
+    // How often its data, size or attributes were changed by this process. Counted when they are there.
     uint32_t Writes() const {
         return Writes_.load(std::memory_order_acquire);
     }

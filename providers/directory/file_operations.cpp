@@ -91,7 +91,10 @@ RVSTATUS Empty(const FileObject &File, const Request &Wanted) {
     }
     static_cast<void>(File.Volume->Charge(-Stat.st_size));
     const AfterChange Count(*File.Volume);
-    return Wanted.Attributes != 0 ? ChangeMetadata(File.Fd(), {&Wanted.Attributes}) : RVSTATUS::Success;
+    const RVSTATUS Changed =
+        Wanted.Attributes != 0 ? ChangeMetadata(File.Fd(), {&Wanted.Attributes}) : RVSTATUS::Success;
+    File.Node->NoteWrite();
+    return Changed;
 }
 
 // Enters the file among the opens of its inode.
@@ -141,15 +144,15 @@ bool OpenLooked(const Place &At, const std::string &FromRoot, Looked &There, con
 
 // A known file was opened and joined by what is remembered of it: what it is by now. The driver asks for the same next.
 RVSTATUS CheckKnown(FileObject &File, const Request &Wanted, Looked &There, Result &Out) {
-    struct statx Now;
+    const struct statx *Now = nullptr;
     if (const RVSTATUS Status = ReadAndKeepStatus(File, Now); RvIsError(Status)) {
         return Status;
     }
-    if (Now.stx_nlink != 1) {
+    if (Now->stx_nlink != 1) {
         File.Volume->Known.Forget(File.FromRoot);
-        Out.Again = Now.stx_nlink == 0;
+        Out.Again = Now->stx_nlink == 0;
     }
-    There.Stat.st_mode = Now.stx_mode;
+    There.Stat.st_mode = Now->stx_mode;
     return Out.Again ? Failure(CODE_NO_SUCH_FILE) : CheckKind(There, Wanted);
 }
 
@@ -159,7 +162,7 @@ RVSTATUS OpenExisting(State &Provider, const Place &At, std::string &&FromRoot, 
     if (Wanted.Disposition == RV_DISPOSITION_CREATE_NEW) {
         return Failure(CODE_EXISTS);
     }
-    const bool IsKnown = There.IsKnown();
+    const bool IsKnown = static_cast<bool>(There.Handle); // by what is remembered; a query may have opened it since
     if (const RVSTATUS Status = CheckKind(There, Wanted); RvIsError(Status)) {
         if (IsKnown) {
             At.Volume->Known.Forget(FromRoot); // its mode may be another one by now
@@ -324,10 +327,8 @@ RVSTATUS FindEntry(const Place &At, std::optional<std::string> &Exact, bool Crea
 
 // One attempt: what the caller has just asked about, then what there is.
 RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Result &Out) {
-    Resolved Found;
     Looked There;
-    std::string Seen;
-    if (TakeLook(At, Wanted.Query(), There, Seen)) {
+    if (std::string Seen; TakeLook(At, Wanted.Query(), There, Seen)) {
         return OpenExisting(Provider, At, std::move(Seen), There, Wanted, Out);
     }
     if (Wanted.Query() && WasMissing(At)) {
@@ -339,6 +340,7 @@ RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Resul
     if (Wanted.Query()) {
         BeginQuery(At);
     }
+    Resolved Found;
     std::optional<std::string> Exact = NativePath(At.Path);
     if (Exact && Exact->empty()) {
         return Wanted.Disposition == RV_DISPOSITION_CREATE_NEW ? Failure(CODE_EXISTS) : Failure(CODE_IS_A_DIRECTORY);
@@ -362,11 +364,11 @@ RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Resul
 RVSTATUS OpenOrCreate(State &Provider, const Place &At, const Request &Wanted, Result &Out) {
     RVSTATUS Status = Failure(CODE_NO_SUCH_FILE);
     for (int Attempt = 0; Attempt < Attempts; ++Attempt) {
-        Out = {};
         Status = OpenOnce(Provider, At, Wanted, Out);
         if (!Out.Again) {
             return Status;
         }
+        Out = {};
     }
     // The last attempt's answer; a name that comes and goes all the time is in the way of a create.
     return Wanted.Creates() ? Failure(CODE_EXISTS) : Status;

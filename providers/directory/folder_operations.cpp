@@ -358,8 +358,12 @@ RVSTATUS Move(State &Provider, RVHANDLE SourceBase, PCWSTR SourcePath, RVHANDLE 
     if (!RvIsError(Status)) {
         const std::string Old = PathFromRoot(Source, From);
         const std::string Now = PathFromRoot(Target, To);
-        Provider.Nodes.ForEachOwner(
-            KeyOf(Stat), [&](const void *Owner) { static_cast<const FileObject *>(Owner)->NoteMoved(Old, Now); });
+        Provider.Nodes.ForEachOwner(KeyOf(Stat), [&](const void *Owner) {
+            const auto &File = *static_cast<const FileObject *>(Owner);
+            if (File.Volume == &In) {
+                File.NoteMoved(Old, Now);
+            }
+        });
         In.Doomed.Moved(Old, Now, KeyOf(Stat));
     }
     return Status;

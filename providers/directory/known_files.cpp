@@ -42,12 +42,22 @@ static_assert(sizeof(Remembered) == 96);
 constexpr size_t Places = 8192;
 std::array<Remembered, Places> Table;
 std::array<std::mutex, 64> TableMutexes;
+std::atomic<uint32_t> Forgotten = 0; // advanced when a known name has gone from its place, whatever took that
 
 Remembered &PlaceOf(uint64_t Hash) {
     return Table[Hash % Places];
 }
 std::mutex &MutexOf(uint64_t Hash) {
     return TableMutexes[Hash % Places % TableMutexes.size()];
+}
+
+// Takes what is remembered from its place. Called with the place's mutex.
+void Drop(Remembered &At) {
+    const bool WasKnown = At.State == Remembered::STATE::Known;
+    At = {};
+    if (WasKnown) {
+        ++Forgotten;
+    }
 }
 
 std::string_view DirectoryOf(std::string_view Path) {
@@ -96,6 +106,24 @@ bool IsListed(const char *File, uint64_t Mount) {
     return false;
 }
 
+// Whether the entry at the end of Path, below Fd, is found by another spelling, too, so that the kernel may tell of it
+// by one that is not known. True when there is none to try.
+bool IsFoundInOtherCase(int Fd, std::string Path) {
+    const auto IsLetter = [](char Each) { return (Each | 0x20) >= 'a' && (Each | 0x20) <= 'z'; };
+    const auto Name = Path.begin() + static_cast<ptrdiff_t>(Path.rfind('/') + 1);
+    const auto Letter = std::find_if(Name, Path.end(), IsLetter);
+    struct stat Own;
+    struct stat Other;
+    if (Letter == Path.end()) {
+        return std::any_of(Name, Path.end(), [](char Each) { return (Each & 0x80) != 0; });
+    }
+    if (fstatat(Fd, Path.c_str(), &Own, AT_SYMLINK_NOFOLLOW) != 0) {
+        return true;
+    }
+    *Letter = static_cast<char>(*Letter ^ 0x20);
+    return fstatat(Fd, Path.c_str(), &Other, AT_SYMLINK_NOFOLLOW) == 0 && KeyOf(Own) == KeyOf(Other);
+}
+
 bool AddTo(int Epoll, int Fd, uint32_t Events) {
     epoll_event Event{};
     Event.events = Events;
@@ -131,12 +159,14 @@ KnownFiles::KnownFiles(int Root, bool UseNotifications) : Root_(Root), Epoch_(Ne
     RootKey_ = KeyOf(Status);
     UniqueFd Notify(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     constexpr char Mounts[] = "/proc/self/mountinfo";
-    Mounts_ = UniqueFd(open(Mounts, O_RDONLY | O_CLOEXEC));
-    News_ = UniqueFd(epoll_create1(EPOLL_CLOEXEC));
+    UniqueFd OfMounts(open(Mounts, O_RDONLY | O_CLOEXEC));
+    UniqueFd News(epoll_create1(EPOLL_CLOEXEC));
     // Of what is mounted in another name space nobody tells.
-    if (Notify && Mounts_ && News_ && IsListed(Mounts, Mount_) && AddTo(News_.Get(), Notify.Get(), EPOLLIN) &&
-        AddTo(News_.Get(), Mounts_.Get(), EPOLLPRI)) {
+    if (Notify && OfMounts && News && IsListed(Mounts, Mount_) && AddTo(News.Get(), Notify.Get(), EPOLLIN) &&
+        AddTo(News.Get(), OfMounts.Get(), EPOLLPRI)) {
         Notify_ = std::move(Notify);
+        Mounts_ = std::move(OfMounts);
+        News_ = std::move(News);
     }
 }
 
@@ -171,7 +201,7 @@ bool KnownFiles::Look(const std::string &Path, struct stat &Stat, FileHandle &Ha
     if (!Notify_) {
         return false;
     }
-    const uint32_t Forgotten = Forgotten_.load();
+    const uint32_t Before = Forgotten.load();
     const uint64_t Hash = HashOf(Path);
     ObjectKey Key;
     uint32_t Epoch = 0;
@@ -188,8 +218,14 @@ bool KnownFiles::Look(const std::string &Path, struct stat &Stat, FileHandle &Ha
         Handle = At.Handle;
         Stat.st_mode = At.Mode;
     }
-    const bool IsSure = TakeNews() && IsNamed;
-    if (Epoch != Epoch_.load() || Forgotten != Forgotten_.load() || (!IsSure && !IsStill(Path, Key, Stat.st_mode))) {
+    const bool IsSure = TakeNews();
+    if (!IsSure) {
+        // What others have heard of names is worked in afterwards; a mount they heard of is seen below.
+        const std::lock_guard Hold(Mutex_);
+        ReadEvents();
+    }
+    if (Epoch != Epoch_.load() || Before != Forgotten.load() ||
+        ((!IsSure || !IsNamed) && !IsStill(Path, Key, Stat.st_mode))) {
         return false;
     }
     Stat.st_dev = Key.Device;
@@ -208,7 +244,7 @@ void KnownFiles::Note(const std::string &Path, int Fd, const struct stat &Stat) 
         const std::lock_guard Hold(MutexOf(Hash));
         Remembered &At = PlaceOf(Hash);
         if (At.Hash != Hash || !(At.Key == Key) || At.State == Remembered::STATE::Free) {
-            At = {};
+            Drop(At);
             At.Hash = Hash;
             At.Key = Key;
             At.State = Remembered::STATE::Met;
@@ -226,6 +262,9 @@ void KnownFiles::Note(const std::string &Path, int Fd, const struct stat &Stat) 
     }
     const std::lock_guard Hold(MutexOf(Hash));
     if (Remembered &At = PlaceOf(Hash); At.Hash == Hash && At.Key == Key) {
+        Drop(At);
+        At.Hash = Hash;
+        At.Key = Key;
         At.State = Remembered::STATE::Hopeless;
     }
 }
@@ -239,16 +278,18 @@ void KnownFiles::StoreKnown(const std::string &Path, const ObjectKey &Key, const
     if (IsWatched ? !IsStill(Path, Key, Mode) : Epoch_ != Epoch) {
         return; // it may go better the next time
     }
+    const bool MayBeKnown = IsWatched && !IsFoundInOtherCase(Root_, Path);
     const uint64_t Hash = HashOf(Path);
     const std::lock_guard HoldPlace(MutexOf(Hash));
     using enum Remembered::STATE;
+    Drop(PlaceOf(Hash));
     PlaceOf(Hash) = {Hash,
                      Path.size() <= LongestPath ? Path : std::string(),
                      Key,
                      Handle,
                      Epoch_.load(),
                      static_cast<uint16_t>(Mode),
-                     IsWatched ? Known : Hopeless,
+                     MayBeKnown ? Known : Hopeless,
                      MeetingsBefore};
 }
 
@@ -256,7 +297,7 @@ void KnownFiles::Forget(std::string_view Path) {
     const uint64_t Hash = HashOf(Path);
     const std::lock_guard Hold(MutexOf(Hash));
     if (PlaceOf(Hash).Hash == Hash) {
-        PlaceOf(Hash) = {};
+        Drop(PlaceOf(Hash));
     }
 }
 
@@ -283,10 +324,8 @@ bool KnownFiles::IsPlain(std::string_view Directory) {
     if (!Notify_ || Directory.empty()) {
         return static_cast<bool>(Notify_);
     }
-    TakeNews();
-    if (Reading_.load() != 0) {
-        const std::lock_guard Hold(Mutex_);
-        ReadEvents();
+    if (!TakeNews()) {
+        return false;
     }
     const uint32_t Epoch = Epoch_.load();
     if (Last.Epoch == Epoch && Last.Directory == Directory) {
@@ -333,16 +372,15 @@ bool KnownFiles::Apply(int Watch, uint32_t Mask, std::string_view Name) noexcept
     }
     const uint64_t Hash = HashOf({Path, Made.size});
     const std::lock_guard Hold(MutexOf(Hash));
-    if (Remembered &Known = PlaceOf(Hash); Known.Hash == Hash && Known.State == Remembered::STATE::Known) {
-        Known = {};
-        ++Forgotten_;
+    if (PlaceOf(Hash).Hash == Hash && PlaceOf(Hash).State == Remembered::STATE::Known) {
+        Drop(PlaceOf(Hash));
     }
     return false;
 }
 
 // Takes what the kernel has told of directories. Called with the mutex.
 void KnownFiles::ReadEvents() {
-    ++Reading_;
+    Taking_.fetch_add(1);
     alignas(inotify_event) char Buffer[16384];
     for (;;) {
         const ssize_t Size = read(Notify_.Get(), Buffer, sizeof Buffer);
@@ -363,12 +401,12 @@ void KnownFiles::ReadEvents() {
             break;
         }
     }
-    --Reading_;
+    Taking_.fetch_sub(1);
 }
 
 // Watches the directory open as Fd, in which Step is on a way, or nothing when that is empty. Called with the mutex.
 bool KnownFiles::WatchDirectory(int Fd, std::string_view Directory, const std::string &Step) {
-    if (!TellsChanges(Fd) || FoldsCase(Fd)) {
+    if (!TellsChanges(Fd) || FoldsCase(Fd) || (!Step.empty() && IsFoundInOtherCase(Fd, Step))) {
         return false; // an entry may go unseen, or under another spelling
     }
     // The link of a descriptor leads to the very directory that is open, whatever its path is by now.

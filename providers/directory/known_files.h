@@ -3,16 +3,16 @@
 //
 // The kernel tells what becomes of names: the directory that holds one is watched, as is each one on the way, which was
 // reached from the one above it and is no link. It tells of mounts, too. One call asks whether there is anything to
-// hear; what is not remembered, or might have changed, gets an ordinary look. All names were seen to be beneath the
-// root, under the root's own mount.
+// hear. What is not remembered gets an ordinary look, and while another thread works in what it heard the name is
+// looked at. All names were seen to be beneath the root, under the root's own mount.
 //
 // A file is remembered when it is met for the third time, in a table of fixed size for the process, at most 256 bytes a
 // name; another name may take its place. A path that is too long for that gets a look each time, which opens nothing.
 // No descriptor is kept for a name. Handles are for servers that may search every directory (CAP_DAC_READ_SEARCH), so
 // that nothing is told here that would be refused to a look by path.
 //
-// Locks: a mutex for the directories, then one of some for a name's place in the table; nothing is locked after them.
-// Safe for concurrent calls.
+// Locks: a mutex for the directories, held while they are gone to, then one of some for a name's place in the table;
+// nothing is locked after them. Safe for concurrent calls.
 #pragma once
 
 #include <array>
@@ -57,7 +57,7 @@ public:
     // device and the inode's number are filled in then, and the mode that it had when it was met last. An ordinary look
     // is needed when not.
     bool Look(const std::string &Path, struct stat &Stat, FileHandle &Handle);
-    // Path has led to the file that is open as Fd, by an ordinary look that followed no link at its end.
+    // Path has led to the file that is open as Fd, by an ordinary look.
     void Note(const std::string &Path, int Fd, const struct stat &Stat);
     // The file that was remembered for Path could not be opened, or is not as it was.
     void Forget(std::string_view Path);
@@ -93,10 +93,8 @@ private:
     UniqueFd News_; // readable when one of those two has something to tell
 
     std::atomic<uint32_t> Epoch_; // another one, that nothing else in the process had, once directories are forgotten
-    std::atomic<uint32_t> Forgotten_ = 0; // advanced when a name was taken from the table
-    std::atomic<unsigned> Taking_ = 0;    // threads that ask for news, or work in what they heard
-    std::atomic<unsigned> Reading_ = 0;   // of those, the ones that take events of directories
-    std::mutex Mutex_;                    // guards what follows
+    std::atomic<unsigned> Taking_ = 0; // threads that ask for news, or work in what they heard
+    std::mutex Mutex_;                 // guards what follows
     std::set<std::string, std::less<>> Plain_;
     std::unordered_map<int, Watched> Watched_; // by their watch
     size_t Steps_ = 0;                         // in Watched_

@@ -8,7 +8,7 @@
 namespace providers::directory {
 namespace {
 
-constexpr int64_t LongestUse = 1'000'000; // nanoseconds: less than a tick
+constexpr int64_t LongestUse = 500'000; // nanoseconds: less than a tick
 
 struct Seen {
     uint64_t Query = 0; // 0 = nothing is kept
@@ -156,7 +156,7 @@ bool TakeLook(const Place &At, bool Again, Looked &There, std::string &FromRoot)
     return Holds;
 }
 
-RVSTATUS ReadAndKeepStatus(FileObject &File, struct statx &Status) {
+RVSTATUS ReadAndKeepStatus(FileObject &File, const struct statx *&Status) {
     SeenStatus &Mine = LastStatus;
     Mine.Changes = File.Volume->ChangeCount.load();
     Mine.Writes = File.Node->Writes();
@@ -164,19 +164,16 @@ RVSTATUS ReadAndKeepStatus(FileObject &File, struct statx &Status) {
     const RVSTATUS Read = ReadStatus(File.Fd(), Mine.Status);
     Mine.Of = RvIsError(Read) ? 0 : NextQuery();
     File.Status = Mine.Of;
-    Status = Mine.Status;
+    Status = &Mine.Status;
     return Read;
 }
 
-bool TakeStatus(FileObject &File, struct statx &Status) {
+const struct statx *TakeStatus(FileObject &File) {
     SeenStatus &Mine = LastStatus;
     const bool Holds = Mine.Of != 0 && Mine.Of == File.Status && Mine.Changes == File.Volume->ChangeCount.load() &&
                        Mine.Writes == File.Node->Writes() && LookClock() - Mine.At <= LongestUse;
-    if (Holds) {
-        Status = Mine.Status;
-    }
     Mine.Of = 0;
-    return Holds;
+    return Holds ? &Mine.Status : nullptr;
 }
 
 void NoteMissing(const Place &At) {

@@ -52,12 +52,12 @@ void KeepLook(FileObject &File);
 // The thread does something else than to open what it asked about.
 void ForgetLook();
 
-// ReadStatus of an open that nobody else has denied, kept for the question that comes next: the driver asks for the
-// same.
-RVSTATUS ReadAndKeepStatus(FileObject &File, struct statx &Status);
-// What that look saw, if this is the thread's next question after it and nothing was changed or written through the
-// export since. False when not; in any case it is gone afterwards.
-bool TakeStatus(FileObject &File, struct statx &Status);
+// ReadStatus of an open that nobody else has denied, kept for the first question about the file: the driver asks it
+// next. Status stays valid until the thread calls this again.
+RVSTATUS ReadAndKeepStatus(FileObject &File, const struct statx *&Status);
+// What that look saw, if it was the thread's last one, in the same tick, and nothing was changed or written by this
+// process since; valid as long. Null when not, and for every later question.
+const struct statx *TakeStatus(FileObject &File);
 
 // What the thread's last query open of this very path saw, and the path of the object from the root. False when there
 // is none that still holds; in any case it is gone afterwards. Again: for another query open, which must belong to the

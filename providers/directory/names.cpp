@@ -265,20 +265,24 @@ bool PlainPath(std::u16string_view Served, std::string &Path) {
         IsForbiddenAtEnd(Served.back())) {
         return false;
     }
-    Path.resize(Served.size());
+    char Bytes[MaxNameBytes];
     const size_t Last = Served.size() - Units;
     unsigned Odd = 0;
     bool AfterBadEnd = true; // before the first component, too
     for (size_t At = 0;; At = std::min(At + Units, Last)) {
         const PathBlock Block(Served.data() + At);
         Odd |= Block.Odd | (Block.Separators & (Block.BadEnds << 1 | static_cast<unsigned>(AfterBadEnd)));
-        _mm_storeu_si128(reinterpret_cast<__m128i *>(Path.data() + At), Block.Bytes);
+        _mm_storeu_si128(reinterpret_cast<__m128i *>(Bytes + At), Block.Bytes);
         if (At == Last) {
-            return Odd == 0;
+            break;
         }
         // The last block may begin within this one.
         AfterBadEnd = (Block.BadEnds >> (std::min(Units, Last - At) - 1) & 1) != 0;
     }
+    if (Odd == 0) {
+        Path.assign(Bytes, Served.size());
+    }
+    return Odd == 0;
 }
 
 } // namespace

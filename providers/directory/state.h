@@ -3,8 +3,9 @@
 //
 // Lock order: the exports' mutex, then a directory's lock of DirectoryLocks, of which no operation holds two, then
 // a DirectoryIndex's mutex, then the EventLog's. A folder's ListingMutex comes before a DirectoryIndex's, a FileNode's
-// SizeMutex before the rest. All others are leaves. Only a directory's lock and an index's mutex are held while the
-// file system is waited for.
+// SizeMutex before the rest, a KnownFiles' mutex before its table's, a FileNodes' before a node's. All others are
+// leaves. Only a directory's lock, an index's mutex and that of KnownFiles are held while the file system is waited
+// for.
 #pragma once
 
 #include <atomic>

@@ -170,13 +170,15 @@ RVSTATUS NTAPI GetFileInformation(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG *
                                   LONG64 *LastWrite, LONG64 *LastAccess, ULONG64 *EndOfFile, ULONG64 *Further,
                                   UCHAR *Byte1, UCHAR *Byte2, UCHAR *Byte3, UCHAR *Byte4, UCHAR *Byte5) {
     return WithFile(Self, Handle, [&](FileObject &File) {
-        struct statx Seen;
-        if (!TakeStatus(File, Seen)) {
-            if (const RVSTATUS Status = ReadStatus(File.Fd(), Seen); RvIsError(Status)) {
+        struct statx Now;
+        const struct statx *Seen = TakeStatus(File);
+        if (Seen == nullptr) {
+            if (const RVSTATUS Status = ReadStatus(File.Fd(), Now); RvIsError(Status)) {
                 return Status;
             }
+            Seen = &Now;
         }
-        const Metadata Data = MetadataOf(File.Fd(), File.NamesOnly(), Seen);
+        const Metadata Data = MetadataOf(File.Fd(), File.NamesOnly(), *Seen);
         Store(Attributes, Data.Attributes);
         Store(Creation, Data.Creation);
         Store(LastWrite, Data.LastWrite);
@@ -214,7 +216,11 @@ RVSTATUS NTAPI SetFileInformation(RVIOM_FSD *Self, Sec, RVHANDLE Handle, ULONG *
             return RVSTATUS::AccessDenied;
         }
         const AfterChange Count(*File.Volume);
-        return ChangeMetadata(File.Fd(), {Attributes, Creation, LastWrite, LastAccess});
+        const RVSTATUS Status = ChangeMetadata(File.Fd(), {Attributes, Creation, LastWrite, LastAccess});
+        if (File.Node != nullptr) {
+            File.Node->NoteWrite();
+        }
+        return Status;
     });
 }
 

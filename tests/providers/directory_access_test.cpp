@@ -132,7 +132,7 @@ protected:
         LookClock = Real;
     }
 
-    static constexpr int64_t Longest = 1'000'000;
+    static constexpr int64_t Longest = 500'000;
     // What a query open finds: by the whole path, or below the volume.
     RVSTATUS Ask(const std::u16string &Path, bool Whole = true) {
         RVHANDLE Handle = 0;

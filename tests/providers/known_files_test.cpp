@@ -286,7 +286,14 @@ TEST_F(KnownFilesTest, AreOpenedAsTheyAreByNow) {
     MakeKnown();
     for (int Time = 0; Time < 3; ++Time) {
         fs::permissions(File, fs::perms(0444));
-        EXPECT_EQ(Try(Path, RV_ACCESS_WRITE), RVSTATUS::AccessDenied);
+        for (const bool AfterQuestion : {false, true}) {
+            RVHANDLE Query = 0;
+            ULONG64 Size = 0;
+            ASSERT_EQ(Open(Path, Query, RV_ACCESS_ATTRIBUTES, RV_DISPOSITION_QUERY), Done);
+            EXPECT_EQ(AfterQuestion ? this->Ask(Query, Size) : Done, Done);
+            Close(Query);
+            EXPECT_EQ(Try(Path, RV_ACCESS_WRITE), RVSTATUS::AccessDenied);
+        }
         EXPECT_EQ(Content(Path), "inside");
         fs::permissions(File, fs::perms(0644));
         EXPECT_EQ(Try(Path, RV_ACCESS_WRITE), Done);
@@ -372,6 +379,30 @@ TEST_F(KnownFilesTest, NoThreadOpensWhatAnotherHasHeardTheEndOf) {
             }
         });
     }
+    // A directory that goes out of the export, with a link to where it is in its place, and comes back.
+    All.emplace_back([&] {
+        const auto Status = [&] {
+            RVHANDLE Handle = 0;
+            ULONG Taken = 0;
+            const RVSTATUS Opened = Table->RVFsdCreateFile(Fsd, nullptr, Volume, u"c\\d\\file", RV_ACCESS_READ, 7,
+                                                           RV_DISPOSITION_OPEN_EXISTING, 0, 0, &Handle, &Taken);
+            if (Handle != 0) {
+                Close(Handle);
+            }
+            return Opened;
+        };
+        fs::create_directories(Root / "c/d");
+        Write("c/d/file", "");
+        for (int Round = 0; Round < Rounds; ++Round) {
+            for (int Time = 0; Time < 4; ++Time) {
+                EXPECT_EQ(Status(), Done);
+            }
+            MoveOut("c");
+            EXPECT_EQ(Status(), RVSTATUS::AccessDenied);
+            fs::remove(Root / "c");
+            fs::rename(Outer / "moved", Root / "c");
+        }
+    });
     // Whoever asks hears of these, too: of names in plenty, and of mounts.
     fs::create_directory(Root / "mount");
     Write(Holder / "noise", "");
