@@ -11,6 +11,7 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
@@ -220,10 +221,9 @@ bool KnownFiles::Look(const std::string &Path, struct stat &Stat, FileHandle &Ha
     }
     const bool IsSure = TakeNews();
     if (!IsSure) {
-        // What others have heard of names is worked in afterwards; a mount they heard of is seen below.
-        const std::lock_guard Hold(Mutex_);
-        ReadEvents();
+        HearOthers(); // a mount that they heard of is seen below
     }
+    // A name that has gone meanwhile was seen to go, or its directory was.
     if (Epoch != Epoch_.load() || Before != Forgotten.load() ||
         ((!IsSure || !IsNamed) && !IsStill(Path, Key, Stat.st_mode))) {
         return false;
@@ -317,7 +317,16 @@ bool KnownFiles::TakeNews() {
         }
         ReadEvents();
     }
-    return Taking_.fetch_sub(1) == 1;
+    return Taking_.fetch_sub(1) == 1 && Reading_.load() == 0;
+}
+
+// Waits until what others have heard of directories is worked in. Of mounts that is not said.
+void KnownFiles::HearOthers() {
+    int Waiting = 0;
+    if (ioctl(Notify_.Get(), FIONREAD, &Waiting) != 0 || Waiting != 0 || Reading_.load() != 0) {
+        const std::lock_guard Hold(Mutex_);
+        ReadEvents();
+    }
 }
 
 bool KnownFiles::IsPlain(std::string_view Directory) {
@@ -380,7 +389,7 @@ bool KnownFiles::Apply(int Watch, uint32_t Mask, std::string_view Name) noexcept
 
 // Takes what the kernel has told of directories. Called with the mutex.
 void KnownFiles::ReadEvents() {
-    Taking_.fetch_add(1);
+    Reading_.fetch_add(1);
     alignas(inotify_event) char Buffer[16384];
     for (;;) {
         const ssize_t Size = read(Notify_.Get(), Buffer, sizeof Buffer);
@@ -401,7 +410,7 @@ void KnownFiles::ReadEvents() {
             break;
         }
     }
-    Taking_.fetch_sub(1);
+    Reading_.fetch_sub(1);
 }
 
 // Watches the directory open as Fd, in which Step is on a way, or nothing when that is empty. Called with the mutex.

@@ -76,6 +76,7 @@ private:
     };
 
     bool TakeNews();
+    void HearOthers();
     void ReadEvents();
     bool Apply(int Watch, uint32_t Mask, std::string_view Name) noexcept;
     void ForgetDirectories();
@@ -93,8 +94,9 @@ private:
     UniqueFd News_; // readable when one of those two has something to tell
 
     std::atomic<uint32_t> Epoch_; // another one, that nothing else in the process had, once directories are forgotten
-    std::atomic<unsigned> Taking_ = 0; // threads that ask for news, or work in what they heard
-    std::mutex Mutex_;                 // guards what follows
+    std::atomic<unsigned> Taking_ = 0;  // threads that ask for news, or work in what they heard by that
+    std::atomic<unsigned> Reading_ = 0; // threads that take events of directories, or work them in
+    std::mutex Mutex_;                  // guards what follows
     std::set<std::string, std::less<>> Plain_;
     std::unordered_map<int, Watched> Watched_; // by their watch
     size_t Steps_ = 0;                         // in Watched_
