@@ -16,7 +16,7 @@ ulimit -n "$(ulimit -H -n)" # passthrough_ll keeps a descriptor for each name it
 server=
 trap 'fusermount3 -q -u -z "$work/mnt" || true; rm -rf "$work"' EXIT
 
-targets="directory rvfsd rvfsd_local_lock"
+targets="directory rvfsd rvfsd_rings rvfsd_local_lock"
 if command -v bindfs >/dev/null; then targets="$targets bindfs"; else echo "NOT MEASURED: bindfs" >&2; fi
 example=/usr/share/doc/libfuse3-dev/examples/passthrough_ll.c
 if [ -f "$example" ]; then
@@ -33,9 +33,13 @@ serve() {
     directory) root=$work/plain; return ;;
     bindfs) bindfs -f -o big_writes,attr_timeout=1,entry_timeout=1,negative_timeout=1 "$work/plain" "$work/mnt" & ;;
     passthrough_ll) "$work/passthrough_ll" -f -o "source=$work/plain,cache=auto,timeout=1" "$work/mnt" & ;;
-    rvfsd) "$program" --no-config --export "\\\\server\\volume=$work/plain" mount -f -o 'volume=\\server\volume' "$work/mnt" & ;;
-    rvfsd_local_lock)
-        "$program" --no-config --export "\\\\server\\volume=$work/plain" mount -f -o 'volume=\\server\volume,local_lock=all' "$work/mnt" & ;;
+    rvfsd | rvfsd_rings | rvfsd_local_lock)
+        case $1 in
+        rvfsd) how=no_io_uring ;;
+        rvfsd_rings) how=io_uring ;;
+        rvfsd_local_lock) how=no_io_uring,local_lock=all ;;
+        esac
+        "$program" --no-config --export "\\\\server\\volume=$work/plain" mount -f -o "volume=\\\\server\\volume,$how" "$work/mnt" & ;;
     esac
     server=$!
     root=$work/mnt

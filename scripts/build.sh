@@ -2,7 +2,7 @@
 # Sourced by run.sh, test.sh and .ci/run from the repository's root: the Debian packages each of them needs, and the
 # build of one preset. Nothing is installed without being named first.
 
-packages_program="clang lld cmake ninja-build pkg-config libfmt-dev libicu-dev libcli11-dev libedit-dev libfuse3-dev nlohmann-json3-dev"
+packages_program="clang lld cmake ninja-build pkg-config libfmt-dev libicu-dev libcli11-dev libedit-dev libfuse3-dev liburing-dev nlohmann-json3-dev"
 packages_tests="$packages_program libgtest-dev libgmock-dev"
 packages_packaging="lintian file dpkg-dev"
 packages_mount="fuse3 python3 git sqlite3 fio samba smbclient stress-ng"

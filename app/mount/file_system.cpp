@@ -67,8 +67,8 @@ FileSystem::FileSystem(Session &Running, MountOptions Options, std::function<voi
     const double Kept = std::max(Options_.EntryTimeout, Options_.NegativeTimeout);
     Spellings_ = std::make_unique<Spellings>(
         [this](uint64_t Parent, const std::string &Name) {
-            if (Kernel_ != nullptr) {
-                fuse_lowlevel_notify_inval_entry(Kernel_, Parent, Name.c_str(), Name.size());
+            if (fuse_session *To = Kernel_) {
+                fuse_lowlevel_notify_inval_entry(To, Parent, Name.c_str(), Name.size());
             }
         },
         [this] {
@@ -81,6 +81,9 @@ FileSystem::FileSystem(Session &Running, MountOptions Options, std::function<voi
             }
             bool More = false;
             for (const std::shared_ptr<NodeLocks> &Each : All) {
+                if (Kernel_ == nullptr) {
+                    return false;
+                }
                 More = Each->Retry() || More;
             }
             return More;

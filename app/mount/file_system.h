@@ -43,6 +43,11 @@ public:
     void SetSession(fuse_session *To) {
         Kernel_ = To;
     }
+    // Ends the thread that speaks to the kernel on its own. Called when no request is served any more and the kernel
+    // answers nobody, before the session is gone.
+    void EndBackground() {
+        Spellings_.reset();
+    }
     // Closes what programs have left open.
     void CloseAll();
 
@@ -146,7 +151,7 @@ private:
     const std::function<void()> Ready_;
     std::vector<std::unique_ptr<Volume>> Volumes_;
     Nodes Nodes_;
-    fuse_session *Kernel_ = nullptr;
+    std::atomic<fuse_session *> Kernel_{nullptr};
     std::atomic<uint64_t> Changes_{0}; // counts what may make a listing old
     std::string HiddenPrefix_;         // of the names that deleted files have while they are open
     std::mutex WaitLock_;

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <fstream>
 #include <malloc.h>
+#include <optional>
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -18,6 +19,7 @@
 
 #include "app/monitor/server.h"
 #include "app/mount/file_system.h"
+#include "app/mount/request_rings.h"
 #include "app/text.h"
 
 namespace app::mount {
@@ -194,9 +196,13 @@ public:
         Files_.SetSession(Session_);
     }
     ~KernelSession() {
+        if (Rings_) {
+            Rings_->End();
+        }
         Files_.SetSession(nullptr);
         fuse_remove_signal_handlers(Session_);
         fuse_session_unmount(Session_);
+        Files_.EndBackground(); // what it had asked of the kernel has failed with the mount
         fuse_session_destroy(Session_);
     }
     KernelSession(const KernelSession &) = delete;
@@ -205,10 +211,14 @@ public:
     fuse_session *Get() {
         return Session_;
     }
+    void UseRings(unsigned Threads) {
+        Rings_.emplace(Session_, Threads);
+    }
 
 private:
     FileSystem &Files_;
     fuse_session *Session_;
+    std::optional<RequestRings> Rings_;
 };
 
 } // namespace
@@ -221,6 +231,10 @@ void Prepare(MountOptions &Options, SessionOptions &Session) {
     }
     Options.Point = Real;
     free(Real);
+    if (Options.Rings == true && !KernelOffersRings()) {
+        throw UsageError("mount: -o io_uring: the kernel does not offer it; from Linux 6.14 on root allows it with: "
+                         "echo Y >/sys/module/fuse/parameters/enable_uring");
+    }
     Session.Verify = Options.Verify;
     // Names live long, listings do not: from one heap, with what is large outside of it, listings leave no holes that
     // keep growing.
@@ -249,6 +263,9 @@ int Serve(Session &Running, const MountOptions &Options) {
         KernelSession Kernel(Files, Options);
         if (fuse_set_signal_handlers(Kernel.Get()) != 0) {
             throw UsageError("mount: signals cannot be caught");
+        }
+        if (Options.Rings.value_or(KernelOffersRings())) {
+            Kernel.UseRings(Options.Threads);
         }
         RaiseReadAhead(Options);
         if (chdir("/") != 0) {

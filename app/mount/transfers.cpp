@@ -8,6 +8,7 @@
 #include <sys/file.h>
 
 #include "app/mount/file_system.h"
+#include "app/mount/request_rings.h"
 
 namespace app::mount {
 
@@ -142,7 +143,8 @@ int FileSystem::Read(fuse_req_t Request, fuse_ino_t Inode, size_t Size, off_t Of
     }
     // A write to a part of a page may make the kernel read through a file that was opened to be written only.
     Remote &Through = Handle && Handle->Has(FILE_READ_DATA) ? *Handle : *From.Handle;
-    char *Buffer = TransferBuffer(Size);
+    char *Space = RequestRings::AnswerSpace(Size);
+    char *Buffer = Space != nullptr ? Space : TransferBuffer(Size);
     size_t Done = 0;
     if (const int Error = Through.Read(static_cast<ULONG64>(Offset), Buffer, Size, &Done); Error != 0) {
         return Error;
