@@ -2,9 +2,10 @@
 # The mount beside what stands next to it: the same workloads on a directory, on bindfs and on libfuse's passthrough_ll
 # over it, and on the mount, in one run. As root.
 #   bench/mount.sh PROGRAM [ROUNDS [WORKLOAD...]]
-# PROGRAM is an optimised build of rvfsd. Everything lies in /dev/shm. Each round takes every target once, in another
-# order; figures are medians, and ratios are taken inside a round. Without bindfs, fio, dbench or libfuse's examples
-# (packages bindfs, fio, dbench, libfuse3-dev) what they are needed for is left out, and that is said.
+# PROGRAM is an optimised build of rvfsd, served through /dev/fuse and, as rvfsd_io_uring, over rings. Everything lies in
+# /dev/shm. Each round takes every target once, in another order; figures are medians, and ratios are taken inside a
+# round. Without bindfs, fio, dbench or libfuse's examples (packages bindfs, fio, dbench, libfuse3-dev) what they are
+# needed for is left out, and that is said.
 set -eu
 here=$(dirname "$(realpath "$0")")
 program=$(realpath "${1:?usage: $0 PROGRAM [ROUNDS [WORKLOAD...]]}")
@@ -14,9 +15,18 @@ work=$(mktemp -d /dev/shm/rvfsd-bench-XXXXXX)
 mkdir "$work/mnt" "$work/plain"
 ulimit -n "$(ulimit -H -n)" # passthrough_ll keeps a descriptor for each name it knows
 server=
-trap 'fusermount3 -q -u -z "$work/mnt" || true; rm -rf "$work"' EXIT
+switch=/sys/module/fuse/parameters/enable_uring
+before=
+trap 'fusermount3 -q -u -z "$work/mnt" || true; rm -rf "$work"; [ -z "$before" ] || echo "$before" >$switch' EXIT
 
-targets="directory rvfsd rvfsd_rings rvfsd_local_lock"
+targets="directory rvfsd rvfsd_local_lock"
+if [ -w $switch ]; then # only those who ask for it get it: libfuse 3.14 does not
+    before=$(cat $switch)
+    echo Y >$switch
+    targets="$targets rvfsd_io_uring"
+else
+    echo "NOT MEASURED: requests over io_uring, which this kernel does not have" >&2
+fi
 if command -v bindfs >/dev/null; then targets="$targets bindfs"; else echo "NOT MEASURED: bindfs" >&2; fi
 example=/usr/share/doc/libfuse3-dev/examples/passthrough_ll.c
 if [ -f "$example" ]; then
@@ -33,10 +43,10 @@ serve() {
     directory) root=$work/plain; return ;;
     bindfs) bindfs -f -o big_writes,attr_timeout=1,entry_timeout=1,negative_timeout=1 "$work/plain" "$work/mnt" & ;;
     passthrough_ll) "$work/passthrough_ll" -f -o "source=$work/plain,cache=auto,timeout=1" "$work/mnt" & ;;
-    rvfsd | rvfsd_rings | rvfsd_local_lock)
+    rvfsd | rvfsd_io_uring | rvfsd_local_lock)
         case $1 in
         rvfsd) how=no_io_uring ;;
-        rvfsd_rings) how=io_uring ;;
+        rvfsd_io_uring) how=io_uring ;;
         rvfsd_local_lock) how=no_io_uring,local_lock=all ;;
         esac
         "$program" --no-config --export "\\\\server\\volume=$work/plain" mount -f -o "volume=\\\\server\\volume,$how" "$work/mnt" & ;;

@@ -13,6 +13,7 @@
 #include <fmt/format.h>
 
 #include "app/mount/file_system.h"
+#include "app/mount/request_rings.h"
 
 namespace app::mount {
 
@@ -295,6 +296,7 @@ int FileSystem::Rename(fuse_req_t Request, fuse_ino_t ParentInode, const char *N
             break;
         }
         Hold.unlock();
+        const RequestRings::Away Away;
         if (!OpenBelow || !Nodes_.AwaitClose(Closes, Until)) {
             return Error;
         }

@@ -43,10 +43,10 @@ public:
     void SetSession(fuse_session *To) {
         Kernel_ = To;
     }
-    // Ends the thread that speaks to the kernel on its own. Called when no request is served any more and the kernel
-    // answers nobody, before the session is gone.
+    // Ends the thread that speaks to the kernel on its own. The kernel lets it wait for whoever changes the directory
+    // that it names, so requests have to be served meanwhile, unless the connection has ended.
     void EndBackground() {
-        Spellings_.reset();
+        Spellings_->Stop();
     }
     // Closes what programs have left open.
     void CloseAll();

@@ -9,8 +9,10 @@
 #include <csignal>
 #include <cstdint>
 #include <cstring>
+#include <deque>
 #include <fcntl.h>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -62,44 +64,46 @@ struct CommandWords {
 };
 
 constexpr unsigned MostQueues = 256;
+constexpr unsigned LeastFree = 4; // of a queue whose processor is there
+constexpr unsigned ReserveEntries = 32;
+constexpr size_t MostEarly = 64;
 constexpr size_t SmallPayload = 8192; // names, and short writes
 constexpr size_t MostHeaders = sizeof(fuse_in_header) + sizeof(EntryHeaders::OperationHeader);
 // Forgotten names come one by one, and each would wake a thread. After a moment one reading takes all that there are.
 constexpr std::chrono::milliseconds Pace{5};
-constexpr uint64_t ForEntry = 1; // what a completion is of
-constexpr uint64_t ForEnd = 2;
+constexpr uint64_t InterruptBit = 1; // in the number of an interruption, beside that of the request
 
 size_t PageBytes() {
     return static_cast<size_t>(sysconf(_SC_PAGESIZE));
 }
 
-// How many processors there can be; 0 when their numbers have holes.
-unsigned PossibleProcessors() {
-    std::ifstream File("/sys/devices/system/cpu/possible");
-    std::string Text;
-    std::getline(File, Text);
-    if (Text == "0") {
-        return 1;
+// What the system says of its processors in File: by number, whether each is in the list.
+std::vector<bool> Processors(const char *File) {
+    std::ifstream Opened(fmt::format("/sys/devices/system/cpu/{}", File));
+    std::vector<bool> Out;
+    unsigned First = 0;
+    for (char After = ','; After == ',' && Opened >> First;) {
+        unsigned Last = First;
+        if (Opened.get(After) && After == '-') {
+            Opened >> Last;
+            After = ' ';
+            Opened.get(After);
+        }
+        if (Last >= MostQueues) {
+            return {};
+        }
+        Out.resize(std::max<size_t>(Out.size(), Last + 1));
+        std::fill(Out.begin() + First, Out.begin() + Last + 1, true);
     }
-    unsigned Last = 0;
-    if (!Text.starts_with("0-") ||
-        std::from_chars(Text.data() + 2, Text.data() + Text.size(), Last).ptr != Text.data() + Text.size()) {
-        return 0;
-    }
-    return Last + 1;
-}
-
-bool MayRunOn(unsigned Processor) {
-    cpu_set_t Allowed;
-    return sched_getaffinity(0, sizeof(Allowed), &Allowed) == 0 && Processor < CPU_SETSIZE &&
-           CPU_ISSET(Processor, &Allowed);
+    return Out;
 }
 
 } // namespace
 
 class RequestRings::State {
 public:
-    State(fuse_session *Session, unsigned Threads) : Session_(Session), Threads_(Threads) {
+    State(fuse_session *Session, unsigned Threads, std::function<void()> Ready)
+        : Session_(Session), Threads_(Threads), Ready_(std::move(Ready)) {
     }
     ~State();
 
@@ -107,57 +111,97 @@ public:
     ssize_t Write(int To, const iovec *Parts, int Count);
 
 private:
-    enum class Phase { Free, Serving, Answered, Ended };
+    friend class RequestRings;
 
-    struct Worker {
-        uint16_t Queue;
-        io_uring Ring = {};
+    enum class Phase { Free, Serving, PutOff, Answered };
+    struct Worker;
+
+    // What the kernel puts one request into, and takes its answer from.
+    struct Entry {
+        Worker *Of;
         std::unique_ptr<EntryHeaders> Headers = std::make_unique<EntryHeaders>();
         char *Mapped = nullptr; // a page in which a request's headers can be put before its payload, and the payload
         char *Payload = nullptr;
-        std::unique_ptr<char[]> Copy = std::make_unique<char[]>(MostHeaders + SmallPayload);
+        iovec Parts[2] = {};             // as the kernel is told of it
         std::atomic<uint64_t> Unique{0}; // of the request that is not answered yet
+        // Serving becomes Answered by the worker's own thread, or as all other changes with the lock.
         std::atomic<Phase> Now{Phase::Free};
-        bool Waits = false; // for an answer of another thread's
+        std::atomic<bool> GivesUp{false}; // the program that waits cannot be let wait
+    };
+
+    // A thread and its ring: one entry; or for the reserve of a queue many, whose requests other threads serve.
+    struct Worker {
+        uint16_t Queue;
+        bool IsReserve;
+        bool HasServed = false;
+        io_uring Ring = {};
+        int Wake = -1;                              // told of what is in Answered, and of the end
+        std::deque<std::unique_ptr<Entry>> Entries; // grows by its thread, with the lock
+        std::vector<Entry *> Answered;              // that had been put off; with the lock
+        size_t PutOff = 0;                          // entries; with the lock
         std::thread Runs;
     };
 
-    friend class RequestRings;
+    ssize_t Agree(int To, const iovec *Parts, int Count);
     bool Start(const fuse_init_out &Agreed);
-    void Add(unsigned Queue);
-    bool SetUp(Worker &One) const;
+    template <class Starter>
+    void AddThread(Starter Start);
+    void Add(unsigned Queue, bool IsReserve);
+    bool SetUp(Worker &One);
+    bool AddEntries(Worker &One, unsigned Count);
     void Run(Worker &One);
+    void Fail(Worker &One, int Error);
     void Serve(Worker &One);
-    void Process(Worker &One);
-    void AwaitAnswer(Worker &One);
-    void Submit(Worker &One, Command What, uint64_t Commit) const;
-    void Fill(Worker &One, const iovec *Parts, int Count) const;
+    bool HearWake(Worker &One);
+    static uint64_t UniqueOf(const Entry &At);
+    void Give(Entry &At);
+    void Process(Entry &At);
+    bool PutOff(Entry &At);
+    void HandOver(Entry &At);
+    void ServeHandedOver();
+    void Leave(Worker &One);
+    void Return(Worker &One);
+    void Submit(Entry &At, Command What);
+    void AwaitWake(Worker &One);
+    void Fill(Entry &At, const iovec *Parts, int Count) const;
+    void FillForOther(Entry &At, const iovec *Parts, int Count);
+    Entry *FindLocked(uint64_t Unique);
+    void Interrupt(uint64_t Unique);
     void End();
 
     fuse_session *Session_;
     const unsigned Threads_;
+    const std::function<void()> Ready_;
     int Device_ = -1;
-    int EndEvent_ = -1;
     size_t PayloadBytes_ = 0;
-    unsigned FreePerQueue_ = 0;
-    std::atomic<uint64_t> FirstRequest_{0}; // FUSE_INIT, when the kernel offers rings in it
+    std::vector<unsigned> Wanted_;          // by queue: free threads besides the reserve
+    std::atomic<uint64_t> FirstRequest_{0}; // FUSE_INIT
+    std::atomic<bool> Offered_{false};      // rings, by that request
     std::atomic<bool> Running_{false};
+    std::atomic<bool> Stops_{false};
     std::atomic<bool> Slow_{false}; // no program waits for what comes through /dev/fuse
     std::mutex Lock_;               // for all below
     std::condition_variable Changed_;
     std::vector<std::unique_ptr<Worker>> Workers_;
-    std::vector<unsigned> Free_; // by queue: threads that do not wait for an answer of another's
+    std::vector<unsigned> Free_; // by queue: threads that neither wait for an answer of another's nor take long
+    std::deque<Entry *> HandedOver_;
+    std::condition_variable Handed_;
+    std::vector<std::thread> Helpers_; // serve those
+    size_t Idle_ = 0;                  // of them
+    std::deque<uint64_t> Early_;       // requests that were interrupted before libfuse knew them, the last ones
     unsigned SetUp_ = 0;
     bool Complained_ = false;
     bool Failed_ = false;
     bool Ended_ = false;
     std::optional<bool> Go_;
 
-    static thread_local Worker *Mine;
+    static thread_local Entry *Mine;  // whose request this thread serves
+    static thread_local bool IsOwner; // whether its ring is this thread's
     static std::atomic<State *> Only;
 };
 
-thread_local RequestRings::State::Worker *RequestRings::State::Mine = nullptr;
+thread_local RequestRings::State::Entry *RequestRings::State::Mine = nullptr;
+thread_local bool RequestRings::State::IsOwner = false;
 std::atomic<RequestRings::State *> RequestRings::State::Only{nullptr};
 
 // ---- Between libfuse and the kernel -----------------------------------------------------------------------------
@@ -171,9 +215,8 @@ ssize_t RequestRings::State::Read(int From, void *Buffer, size_t Length) {
         static_cast<const fuse_in_header *>(Buffer)->opcode == FUSE_INIT) {
         const auto *Header = static_cast<const fuse_in_header *>(Buffer);
         const auto *Offer = reinterpret_cast<const fuse_init_in *>(Header + 1);
-        if ((Offer->flags & FUSE_INIT_EXT) != 0 && (Offer->flags2 & OverRings) != 0) {
-            FirstRequest_ = Header->unique;
-        }
+        Offered_ = (Offer->flags & FUSE_INIT_EXT) != 0 && (Offer->flags2 & OverRings) != 0;
+        FirstRequest_ = Header->unique;
     }
     return Count;
 }
@@ -181,27 +224,38 @@ ssize_t RequestRings::State::Read(int From, void *Buffer, size_t Length) {
 ssize_t RequestRings::State::Write(int To, const iovec *Parts, int Count) {
     const auto *Header = static_cast<const fuse_out_header *>(Parts[0].iov_base);
     if (Header->unique != 0 && Running_) {
-        if (Mine != nullptr && Mine->Unique == Header->unique) {
+        if (IsOwner && Mine != nullptr && Mine->Unique == Header->unique) {
             Fill(*Mine, Parts, Count);
+            Mine->Now = Phase::Answered;
             return static_cast<ssize_t>(Header->len);
         }
         const std::lock_guard Hold(Lock_);
-        for (const std::unique_ptr<Worker> &Each : Workers_) {
-            if (Each->Unique == Header->unique) {
-                Fill(*Each, Parts, Count);
-                Each->Now.notify_one();
-                return static_cast<ssize_t>(Header->len);
-            }
+        if (Entry *At = FindLocked(Header->unique)) {
+            FillForOther(*At, Parts, Count);
+            return static_cast<ssize_t>(Header->len);
         }
     }
-    if (Header->unique == 0 || Header->unique != FirstRequest_ || Header->error != 0 || Count != 2 ||
-        Parts[1].iov_len < offsetof(fuse_init_out, flags2) + sizeof(uint32_t) ||
-        Parts[1].iov_len > sizeof(fuse_init_out)) {
+    if ((Header->unique & InterruptBit) != 0 && Header->error == -EAGAIN && Running_) {
+        Interrupt(Header->unique & ~InterruptBit); // the kernel would not say it again of a request on a ring
+    }
+    if (Header->unique == 0 || Header->unique != FirstRequest_) {
         return writev(To, Parts, Count);
     }
-    // libfuse agrees with the kernel here. All must be ready before: from then on the kernel has requests wait until
-    // each of its queues is served.
     FirstRequest_ = 0;
+    const ssize_t Sent = Agree(To, Parts, Count);
+    Ready_();
+    return Sent;
+}
+
+// libfuse agrees with the kernel on what both do. All must be ready before: from then on the kernel has requests wait
+// until each of its queues is served.
+ssize_t RequestRings::State::Agree(int To, const iovec *Parts, int Count) {
+    const auto *Header = static_cast<const fuse_out_header *>(Parts[0].iov_base);
+    const bool Fits = Count == 2 && Parts[1].iov_len >= offsetof(fuse_init_out, flags2) + sizeof(uint32_t) &&
+                      Parts[1].iov_len <= sizeof(fuse_init_out);
+    if (!Offered_ || Header->error != 0 || !Fits) {
+        return writev(To, Parts, Count);
+    }
     Device_ = To;
     fuse_init_out Agreed = {};
     memcpy(&Agreed, Parts[1].iov_base, Parts[1].iov_len);
@@ -217,92 +271,138 @@ ssize_t RequestRings::State::Write(int To, const iovec *Parts, int Count) {
     return Sent;
 }
 
-// The answer is in the entry from now on, to be told to the kernel by the entry's own thread.
-void RequestRings::State::Fill(Worker &One, const iovec *Parts, int Count) const {
-    memcpy(One.Headers->Header, Parts[0].iov_base, sizeof(fuse_out_header));
-    size_t At = 0;
-    for (int Index = 1; Index < Count; ++Index) {
-        const size_t Length = std::min(Parts[Index].iov_len, PayloadBytes_ - At);
-        if (Length != 0 && Parts[Index].iov_base != One.Payload + At) {
-            memcpy(One.Payload + At, Parts[Index].iov_base, Length);
+// The entry of a request that is not answered; null when there is none. With the lock held.
+RequestRings::State::Entry *RequestRings::State::FindLocked(uint64_t Unique) {
+    for (const std::unique_ptr<Worker> &Each : Workers_) {
+        for (const std::unique_ptr<Entry> &At : Each->Entries) {
+            if (At->Unique == Unique) {
+                return At.get();
+            }
         }
-        At += Length;
     }
-    One.Headers->Entry.PayloadBytes = static_cast<uint32_t>(At);
-    One.Unique = 0;
-    One.Now = Phase::Answered;
+    return nullptr;
+}
+
+// The answer is in the entry from now on, to be told to the kernel by its own thread.
+void RequestRings::State::Fill(Entry &At, const iovec *Parts, int Count) const {
+    fuse_out_header Header;
+    memcpy(&Header, Parts[0].iov_base, sizeof(Header));
+    if (At.GivesUp && Header.error == -EINTR) {
+        Header.error = -ENOLCK; // there was no signal, and without one no program expects EINTR
+    }
+    memcpy(At.Headers->Header, &Header, sizeof(Header));
+    size_t Used = 0;
+    for (int Index = 1; Index < Count; ++Index) {
+        const size_t Length = std::min(Parts[Index].iov_len, PayloadBytes_ - Used);
+        if (Length != 0 && Parts[Index].iov_base != At.Payload + Used) {
+            memcpy(At.Payload + Used, Parts[Index].iov_base, Length);
+        }
+        Used += Length;
+    }
+    At.Headers->Entry.PayloadBytes = static_cast<uint32_t>(Used);
+    At.Unique = 0;
+}
+
+// By another thread than the entry's, which may be about to put the request off. With the lock held.
+void RequestRings::State::FillForOther(Entry &At, const iovec *Parts, int Count) {
+    Fill(At, Parts, Count);
+    if (At.Now.exchange(Phase::Answered) == Phase::PutOff) {
+        At.Of->Answered.push_back(&At);
+        eventfd_write(At.Of->Wake, 1);
+    }
 }
 
 // ---- Threads ----------------------------------------------------------------------------------------------------
 
 // Starts all threads. Whether each has its ring.
 bool RequestRings::State::Start(const fuse_init_out &Agreed) {
-    const unsigned Queues = PossibleProcessors();
-    EndEvent_ = eventfd(0, EFD_CLOEXEC);
-    if (Queues == 0 || Queues > MostQueues || EndEvent_ < 0) {
+    const std::vector<bool> Possible = Processors("possible");
+    std::vector<bool> Online = Processors("online");
+    if (Possible.empty() || std::count(Possible.begin(), Possible.end(), false) != 0) {
+        Complain(fmt::format("mount: no io_uring: more than {} processors, or numbers with holes", MostQueues));
         return false;
     }
+    Online.resize(Possible.size());
     // As the kernel counts it.
     PayloadBytes_ = std::max({size_t{FUSE_MIN_READ_BUFFER}, size_t{Agreed.max_write},
                               size_t{Agreed.max_pages != 0 ? Agreed.max_pages : 32u} * PageBytes()});
-    unsigned Usable = 0;
-    for (unsigned Queue = 0; Queue < Queues; ++Queue) {
-        Usable += MayRunOn(Queue) ? 1 : 0;
+    const auto There = static_cast<unsigned>(std::count(Online.begin(), Online.end(), true));
+    for (const bool IsThere : Online) { // one that is not there asks for nothing until it is
+        Wanted_.push_back(IsThere ? std::max(LeastFree, Threads_ / std::max(1u, There)) : 0);
     }
-    FreePerQueue_ = std::max(2u, Threads_ / std::max(1u, Usable));
     std::unique_lock Hold(Lock_);
-    Free_.assign(Queues, 0);
-    for (unsigned Queue = 0; Queue < Queues; ++Queue) {
-        // A processor that is not there asks for nothing, and one that is for others little.
-        for (unsigned Index = 0; Index < (MayRunOn(Queue) ? FreePerQueue_ : 1); ++Index) {
-            Add(Queue);
+    Free_.assign(Wanted_.size(), 0);
+    for (unsigned Queue = 0; Queue < Wanted_.size(); ++Queue) {
+        Add(Queue, true); // the first one: the kernel takes the entries that became free last
+        for (unsigned Index = 0; Index < Wanted_[Queue]; ++Index) {
+            Add(Queue, false);
         }
     }
     Changed_.wait(Hold, [this] { return SetUp_ == Workers_.size(); });
     return !Failed_;
 }
 
-// With the lock held.
-void RequestRings::State::Add(unsigned Queue) {
+// Start() starts a thread. With the lock held.
+template <class Starter>
+void RequestRings::State::AddThread(Starter Start) {
     sigset_t All;
     sigset_t Before;
     sigfillset(&All);
     pthread_sigmask(SIG_BLOCK, &All, &Before); // a new thread has this mask: signals end the mount, in another one
     try {
-        auto One = std::make_unique<Worker>();
-        One->Queue = static_cast<uint16_t>(Queue);
-        Workers_.reserve(Workers_.size() + 1);
-        One->Runs = std::thread([this, Which = One.get()] { Run(*Which); });
-        Workers_.push_back(std::move(One));
-        ++Free_[Queue];
+        Start();
     } catch (const std::exception &Error) {
         Failed_ = true;
-        Complain(fmt::format("mount: a thread for requests: {}", Error.what()));
+        if (!std::exchange(Complained_, true)) {
+            Complain(fmt::format("mount: a thread for requests: {}", Error.what()));
+        }
     }
     pthread_sigmask(SIG_SETMASK, &Before, nullptr);
 }
 
-bool RequestRings::State::SetUp(Worker &One) const {
-    if (MayRunOn(One.Queue)) {
-        cpu_set_t Processor;
-        CPU_ZERO(&Processor);
-        CPU_SET(One.Queue, &Processor);
-        pthread_setaffinity_np(pthread_self(), sizeof(Processor), &Processor); // elsewhere it is slower, no more
-    }
+// With the lock held.
+void RequestRings::State::Add(unsigned Queue, bool IsReserve) {
+    AddThread([&] {
+        auto One = std::make_unique<Worker>();
+        One->Queue = static_cast<uint16_t>(Queue);
+        One->IsReserve = IsReserve;
+        Workers_.reserve(Workers_.size() + 1);
+        One->Runs = std::thread([this, Which = One.get()] { Run(*Which); });
+        Workers_.push_back(std::move(One));
+        Free_[Queue] += IsReserve ? 0 : 1;
+    });
+}
+
+bool RequestRings::State::SetUp(Worker &One) {
+    One.Wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     io_uring_params How = {};
     How.flags = IORING_SETUP_SQE128 | IORING_SETUP_SINGLE_ISSUER | IORING_SETUP_DEFER_TASKRUN;
-    if (const int Error = io_uring_queue_init_params(4, &One.Ring, &How); Error != 0) {
+    const unsigned Length = One.IsReserve ? 2 * ReserveEntries : 4;
+    if (const int Error = io_uring_queue_init_params(Length, &One.Ring, &How); Error != 0) {
         One.Ring.ring_fd = -1;
         errno = -Error;
         return false;
     }
-    void *Mapped = mmap(nullptr, PageBytes() + PayloadBytes_, PROT_READ | PROT_WRITE,
-                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-    if (Mapped == MAP_FAILED) {
-        return false;
+    return One.Wake >= 0 && AddEntries(One, One.IsReserve ? ReserveEntries : 1);
+}
+
+// Makes that many entries more, which the kernel is not told of yet. False with errno. By the worker's own thread.
+bool RequestRings::State::AddEntries(Worker &One, unsigned Count) {
+    for (unsigned Index = 0; Index < Count; ++Index) {
+        auto At = std::make_unique<Entry>();
+        At->Of = &One;
+        void *Mapped = mmap(nullptr, PageBytes() + PayloadBytes_, PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+        if (Mapped == MAP_FAILED) {
+            return false;
+        }
+        At->Mapped = static_cast<char *>(Mapped);
+        At->Payload = At->Mapped + PageBytes();
+        At->Parts[0] = {At->Headers.get(), sizeof(EntryHeaders)};
+        At->Parts[1] = {At->Payload, PayloadBytes_};
+        const std::lock_guard Hold(Lock_);
+        One.Entries.push_back(std::move(At));
     }
-    One.Mapped = static_cast<char *>(Mapped);
-    One.Payload = One.Mapped + PageBytes();
     return true;
 }
 
@@ -314,166 +414,307 @@ void RequestRings::State::Run(Worker &One) {
     {
         std::unique_lock Hold(Lock_);
         ++SetUp_;
-        if (!Ready) {
-            Failed_ = true;
-            --Free_[One.Queue];
-            if (!std::exchange(Complained_, true)) {
-                Complain(fmt::format("mount: io_uring: {}", strerror(Error)));
-            }
-        }
+        Failed_ = Failed_ || !Ready;
         Changed_.notify_all();
         Changed_.wait(Hold, [this] { return Go_.has_value() || Ended_; });
-        Go = Ready && Go_.value_or(false);
+        Go = Go_.value_or(false);
     }
-    if (Go) {
-        Mine = &One;
+    if (!Ready) {
+        Fail(One, Error);
+    } else if (Go) {
         Serve(One);
-        Mine = nullptr;
     }
     if (One.Ring.ring_fd >= 0) {
         io_uring_queue_exit(&One.Ring);
     }
 }
 
-void RequestRings::State::Submit(Worker &One, Command What, uint64_t Commit) const {
-    io_uring_sqe *Entry = io_uring_get_sqe(&One.Ring);
-    memset(Entry, 0, 2 * sizeof(*Entry));
-    Entry->opcode = IORING_OP_URING_CMD;
-    Entry->fd = Device_;
-    Entry->cmd_op = static_cast<uint32_t>(What);
-    Entry->user_data = ForEntry;
-    const CommandWords Words = {.Flags = 0, .Commit = Commit, .Queue = One.Queue, .Padding = {}};
-    memcpy(Entry->cmd, &Words, sizeof(Words));
-    const iovec Parts[] = {{One.Headers.get(), sizeof(EntryHeaders)}, {One.Payload, PayloadBytes_}};
-    if (What == Command::Register) { // the kernel takes the two parts while it is told
-        Entry->addr = reinterpret_cast<uint64_t>(Parts);
-        Entry->len = 2;
+// The thread cannot serve, or not any more.
+void RequestRings::State::Fail(Worker &One, int Error) {
+    bool Tells;
+    {
+        const std::lock_guard Hold(Lock_);
+        Free_[One.Queue] -= One.IsReserve ? 0 : 1;
+        Tells = !Ended_ && !std::exchange(Complained_, true);
+    }
+    if (Tells) {
+        Complain(fmt::format("mount: io_uring: {}", strerror(Error)));
+    }
+    if (One.HasServed) {
+        kill(getpid(), SIGTERM); // there is no way back to /dev/fuse: programs would wait for ever
+    }
+    Slow_ = false; // when it is one of the first, all goes on without rings
+}
+
+void RequestRings::State::Submit(Entry &At, Command What) {
+    if (io_uring_sq_space_left(&At.Of->Ring) == 0) {
+        io_uring_submit(&At.Of->Ring);
+    }
+    io_uring_sqe *Words = io_uring_get_sqe(&At.Of->Ring);
+    memset(Words, 0, 2 * sizeof(*Words));
+    Words->opcode = IORING_OP_URING_CMD;
+    Words->fd = Device_;
+    Words->cmd_op = static_cast<uint32_t>(What);
+    Words->user_data = reinterpret_cast<uint64_t>(&At);
+    CommandWords Given = {.Flags = 0, .Commit = 0, .Queue = At.Of->Queue, .Padding = {}};
+    if (What == Command::Register) {
+        Words->addr = reinterpret_cast<uint64_t>(At.Parts);
+        Words->len = 2;
+    } else {
+        Given.Commit = At.Headers->Entry.Commit;
+        At.Now = Phase::Free;
+    }
+    memcpy(Words->cmd, &Given, sizeof(Given));
+}
+
+void RequestRings::State::AwaitWake(Worker &One) {
+    if (io_uring_sq_space_left(&One.Ring) == 0) {
         io_uring_submit(&One.Ring);
     }
+    io_uring_sqe *Words = io_uring_get_sqe(&One.Ring);
+    memset(Words, 0, 2 * sizeof(*Words));
+    io_uring_prep_poll_add(Words, One.Wake, POLLIN);
+    Words->user_data = 0;
 }
 
 void RequestRings::State::Serve(Worker &One) {
-    io_uring_sqe *End = io_uring_get_sqe(&One.Ring);
-    memset(End, 0, 2 * sizeof(*End));
-    io_uring_prep_poll_add(End, EndEvent_, POLLIN);
-    End->user_data = ForEnd;
-    Submit(One, Command::Register, 0);
-    for (;;) {
+    IsOwner = true;
+    AwaitWake(One);
+    for (const std::unique_ptr<Entry> &Each : One.Entries) {
+        Submit(*Each, Command::Register);
+    }
+    for (bool Over = false; !Over;) {
         const int Waited = io_uring_submit_and_wait(&One.Ring, 1);
-        bool Got = false;
-        bool Over = Waited < 0 && Waited != -EINTR && Waited != -EAGAIN;
+        int Error = Waited < 0 && Waited != -EINTR && Waited != -EAGAIN && Waited != -EBUSY ? -Waited : 0;
         io_uring_cqe *Done = nullptr;
         while (io_uring_peek_cqe(&One.Ring, &Done) == 0) {
-            Got = Got || (Done->user_data == ForEntry && Done->res >= 0);
-            Over = Over || Done->user_data == ForEnd;
-            if (Done->user_data == ForEntry && Done->res < 0) {
-                Over = true;
-                Slow_ = false; // as the kernel does without rings from now on
-                if (Done->res != -ENOTCONN && Done->res != -ECONNABORTED && Done->res != -ECANCELED) {
-                    const std::lock_guard Hold(Lock_);
-                    if (!std::exchange(Complained_, true)) {
-                        Complain(fmt::format("mount: io_uring: {}", strerror(-Done->res)));
-                    }
+            auto *At = reinterpret_cast<Entry *>(Done->user_data);
+            const int Result = Done->res;
+            io_uring_cqe_seen(&One.Ring, Done);
+            if (At == nullptr) {
+                Over = !HearWake(One) || Over;
+            } else if (Result < 0) {
+                Error = -Result;
+            } else {
+                One.HasServed = true;
+                One.IsReserve ? HandOver(*At) : Process(*At);
+                if (io_uring_cq_ready(&One.Ring) != 0) {
+                    io_uring_submit(&One.Ring); // nobody waits for the next one
                 }
             }
-            io_uring_cqe_seen(&One.Ring, Done);
         }
-        if (Got) {
-            Process(One);
-            if (One.Now != Phase::Answered) {
-                return;
+        if (Error != 0) {
+            Over = true;
+            // Others than these do not come with the end of the connection.
+            if (Error != ENOTCONN && Error != ECONNABORTED && Error != ECANCELED) {
+                Fail(One, Error);
             }
-            One.Now = Phase::Free;
-            Submit(One, Command::CommitAndFetch, One.Headers->Entry.Commit);
-        }
-        if (Over) {
-            io_uring_submit(&One.Ring);
-            return;
         }
     }
+    io_uring_submit(&One.Ring);
+}
+
+// Tells the kernel what others have answered. False at the end.
+bool RequestRings::State::HearWake(Worker &One) {
+    eventfd_t Count = 0;
+    eventfd_read(One.Wake, &Count);
+    const std::lock_guard Hold(Lock_);
+    for (Entry *Each : One.Answered) {
+        --One.PutOff;
+        Return(One);
+        Submit(*Each, Command::CommitAndFetch);
+    }
+    One.Answered.clear();
+    if (!Stops_) {
+        AwaitWake(One);
+    }
+    return !Stops_;
 }
 
 // Gives libfuse the request of the entry as /dev/fuse would: in one piece. A large payload stays where it is, and its
 // headers are put before it; it is read before it is answered. A small one is copied, since names are looked at after
 // the answer as well.
-void RequestRings::State::Process(Worker &One) {
-    const auto *Header = reinterpret_cast<const fuse_in_header *>(One.Headers->Header);
-    const size_t Length = Header->len;
-    const size_t Payload = One.Headers->Entry.PayloadBytes;
-    const size_t Own = Length - sizeof(fuse_in_header) - Payload;
-    One.Unique = Header->unique;
-    One.Now = Phase::Serving;
-    if (Payload > PayloadBytes_ || Own > sizeof(One.Headers->OperationHeader)) { // no kernel should
+void RequestRings::State::Give(Entry &At) {
+    thread_local const auto Copy = std::make_unique<char[]>(MostHeaders + SmallPayload);
+    const auto *Header = reinterpret_cast<const fuse_in_header *>(At.Headers->Header);
+    const size_t Payload = At.Headers->Entry.PayloadBytes;
+    const size_t Own = Header->len - sizeof(fuse_in_header) - Payload;
+    if (Payload > PayloadBytes_ || Own > sizeof(At.Headers->OperationHeader)) { // no kernel should
         fuse_out_header Answer = {.len = sizeof(Answer), .error = -EIO, .unique = Header->unique};
         const iovec Part = {&Answer, sizeof(Answer)};
-        Fill(One, &Part, 1);
+        Write(Device_, &Part, 1);
         return;
     }
-    char *Start = Payload > SmallPayload ? One.Payload - Own - sizeof(fuse_in_header) : One.Copy.get();
-    memcpy(Start, Header, sizeof(fuse_in_header));
-    memcpy(Start + sizeof(fuse_in_header), One.Headers->OperationHeader, Own);
-    if (Payload <= SmallPayload) {
-        memcpy(Start + sizeof(fuse_in_header) + Own, One.Payload, Payload);
-    }
     fuse_buf Request = {};
-    Request.size = Length;
+    Request.size = Header->len;
+    char *Start = Payload > SmallPayload ? At.Payload - Own - sizeof(fuse_in_header) : Copy.get();
+    memcpy(Start, Header, sizeof(fuse_in_header));
+    memcpy(Start + sizeof(fuse_in_header), At.Headers->OperationHeader, Own);
+    if (Payload <= SmallPayload) {
+        memcpy(Start + sizeof(fuse_in_header) + Own, At.Payload, Payload);
+    }
     Request.mem = Start;
     fuse_session_process_buf(Session_, &Request);
-    if (One.Now == Phase::Serving) {
-        AwaitAnswer(One);
+}
+
+uint64_t RequestRings::State::UniqueOf(const Entry &At) {
+    return reinterpret_cast<const fuse_in_header *>(At.Headers->Header)->unique;
+}
+
+void RequestRings::State::Process(Entry &At) {
+    At.Now = Phase::Serving;
+    At.Unique = UniqueOf(At);
+    Mine = &At;
+    Give(At);
+    Mine = nullptr;
+    if (At.Now == Phase::Answered || !PutOff(At)) {
+        Submit(At, Command::CommitAndFetch);
     }
 }
 
-// Another thread takes this one's place while it waits.
-void RequestRings::State::AwaitAnswer(Worker &One) {
+// The request is answered later, by another thread. False when it has been by now.
+bool RequestRings::State::PutOff(Entry &At) {
+    uint64_t ToInterrupt = 0;
     {
         const std::lock_guard Hold(Lock_);
-        if (Ended_) {
+        if (At.Now == Phase::Answered) {
+            return false;
+        }
+        At.Now = Phase::PutOff;
+        ++At.Of->PutOff;
+        Leave(*At.Of);
+        const auto Early = std::find(Early_.begin(), Early_.end(), At.Unique.load());
+        ToInterrupt = Early != Early_.end() ? At.Unique.load() : 0;
+    }
+    if (ToInterrupt != 0) {
+        Interrupt(ToInterrupt);
+    }
+    return true;
+}
+
+// To a thread that has no ring. The reserve itself has to go on at once: what comes while it has no entry left, the
+// kernel gives to nobody until another request of that queue is answered.
+void RequestRings::State::HandOver(Entry &At) {
+    Worker &One = *At.Of;
+    bool Grows;
+    {
+        const std::lock_guard Hold(Lock_);
+        At.GivesUp = false;
+        At.Now = Phase::PutOff;
+        At.Unique = UniqueOf(At);
+        ++One.PutOff;
+        Grows = One.Entries.size() - One.PutOff < ReserveEntries / 2;
+    }
+    if (Grows) {
+        const size_t Before = One.Entries.size();
+        At.GivesUp = !AddEntries(One, ReserveEntries);
+        for (size_t Index = Before; Index < One.Entries.size(); ++Index) {
+            Submit(*One.Entries[Index], Command::Register);
+        }
+        io_uring_submit(&One.Ring);
+    }
+    const std::lock_guard Hold(Lock_);
+    HandedOver_.push_back(&At);
+    if (Idle_ == 0 && !Ended_ && Helpers_.size() < std::max(LeastFree, Threads_)) {
+        AddThread([this] { Helpers_.emplace_back([this] { ServeHandedOver(); }); });
+    }
+    Handed_.notify_one();
+}
+
+void RequestRings::State::ServeHandedOver() {
+    pthread_setname_np(pthread_self(), "rvfsd-ring-help");
+    std::unique_lock Hold(Lock_);
+    for (;;) {
+        ++Idle_;
+        Handed_.wait(Hold, [this] { return Ended_ || !HandedOver_.empty(); });
+        --Idle_;
+        if (HandedOver_.empty()) {
             return;
         }
-        One.Waits = true;
-        if (--Free_[One.Queue] < (MayRunOn(One.Queue) ? FreePerQueue_ : 1)) {
-            Add(One.Queue);
+        Entry &At = *HandedOver_.front();
+        HandedOver_.pop_front();
+        const uint64_t Unique = At.Unique;
+        Hold.unlock();
+        Mine = &At;
+        Give(At);
+        Mine = nullptr;
+        if (At.GivesUp) {
+            Interrupt(Unique); // if it waits
+        }
+        Hold.lock();
+    }
+}
+
+// This thread is not free for a while: another one takes its place, but for a reserve, which goes on. With the lock
+// held.
+void RequestRings::State::Leave(Worker &One) {
+    if (!One.IsReserve && --Free_[One.Queue] < Wanted_[One.Queue] && !Ended_) {
+        Add(One.Queue, false);
+    }
+}
+
+// With the lock held.
+void RequestRings::State::Return(Worker &One) {
+    Free_[One.Queue] += One.IsReserve ? 0 : 1;
+}
+
+// The program of a request is to go on with EINTR, when it waits for another one or as soon as it does. As the kernel
+// would say it. Without the lock.
+void RequestRings::State::Interrupt(uint64_t Unique) {
+    {
+        const std::lock_guard Hold(Lock_);
+        const Entry *At = FindLocked(Unique);
+        if (At == nullptr || At->Now != Phase::PutOff) {
+            Early_.push_back(Unique);
+            if (Early_.size() > MostEarly) {
+                Early_.pop_front();
+            }
+            return;
         }
     }
-    One.Now.wait(Phase::Serving);
-    const std::lock_guard Hold(Lock_);
-    One.Waits = false;
-    ++Free_[One.Queue];
+    struct {
+        fuse_in_header Header;
+        fuse_interrupt_in Which;
+    } Words = {};
+    Words.Header.len = sizeof(Words);
+    Words.Header.opcode = FUSE_INTERRUPT;
+    Words.Header.unique = Unique | InterruptBit;
+    Words.Which.unique = Unique;
+    fuse_buf Request = {};
+    Request.size = sizeof(Words);
+    Request.mem = &Words;
+    fuse_session_process_buf(Session_, &Request);
 }
 
 // Each finishes the request that it has; what waits for a lock stays without an answer.
 void RequestRings::State::End() {
+    std::vector<std::thread> Helpers;
     {
         const std::lock_guard Hold(Lock_);
-        Ended_ = true;
-        Running_ = false;
+        Ended_ = true; // nothing is added any more
+        Helpers = std::move(Helpers_);
         Changed_.notify_all();
-        for (const std::unique_ptr<Worker> &Each : Workers_) {
-            Phase Serving = Phase::Serving;
-            if (Each->Waits && Each->Now.compare_exchange_strong(Serving, Phase::Ended)) {
-                Each->Now.notify_one();
-            }
-        }
+        Handed_.notify_all();
     }
-    if (EndEvent_ >= 0) {
-        eventfd_write(EndEvent_, 1);
+    for (std::thread &Each : Helpers) {
+        Each.join();
     }
-    for (const std::unique_ptr<Worker> &Each : Workers_) { // no more are added
-        if (Each->Runs.joinable()) {
-            Each->Runs.join();
-        }
+    Stops_ = true; // what they have answered is told to the kernel before
+    for (const std::unique_ptr<Worker> &Each : Workers_) {
+        eventfd_write(Each->Wake, 1);
+        Each->Runs.join();
     }
+    Running_ = false;
 }
 
 RequestRings::State::~State() {
     for (const std::unique_ptr<Worker> &Each : Workers_) {
-        if (Each->Mapped != nullptr) {
-            munmap(Each->Mapped, PageBytes() + PayloadBytes_);
+        for (const std::unique_ptr<Entry> &At : Each->Entries) {
+            munmap(At->Mapped, PageBytes() + PayloadBytes_);
         }
-    }
-    if (EndEvent_ >= 0) {
-        close(EndEvent_);
+        if (Each->Wake >= 0) {
+            close(Each->Wake);
+        }
     }
 }
 
@@ -489,8 +730,8 @@ bool KernelOffersRings() {
     return File >> Answer && Answer == 'Y';
 }
 
-RequestRings::RequestRings(fuse_session *Session, unsigned Threads)
-    : State_(std::make_unique<State>(Session, Threads)) {
+RequestRings::RequestRings(fuse_session *Session, unsigned Threads, std::function<void()> Ready)
+    : State_(std::make_unique<State>(Session, Threads, std::move(Ready))) {
     State::Only = State_.get();
     fuse_custom_io Through = {};
     Through.read = [](int From, void *Buffer, size_t Length, void *) {
@@ -512,10 +753,24 @@ void RequestRings::End() {
     State_->End();
 }
 
+RequestRings::Away::Away() {
+    if (State::IsOwner && State::Mine != nullptr) {
+        const std::lock_guard Hold(State::Only.load()->Lock_);
+        State::Only.load()->Leave(*State::Mine->Of);
+    }
+}
+
+RequestRings::Away::~Away() {
+    if (State::IsOwner && State::Mine != nullptr) {
+        const std::lock_guard Hold(State::Only.load()->Lock_);
+        State::Only.load()->Return(*State::Mine->Of);
+    }
+}
+
 char *RequestRings::AnswerSpace(size_t Length) {
-    const State::Worker *One = State::Mine;
-    const bool Fits = One != nullptr && One->Unique != 0 && Length <= State::Only.load()->PayloadBytes_;
-    return Fits ? One->Payload : nullptr;
+    const State::Entry *At = State::Mine;
+    const bool Fits = At != nullptr && At->Unique != 0 && Length <= State::Only.load()->PayloadBytes_;
+    return Fits ? At->Payload : nullptr;
 }
 
 } // namespace app::mount

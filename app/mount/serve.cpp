@@ -1,18 +1,23 @@
 #include "app/mount/serve.h"
 
 #include <cerrno>
+#include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <functional>
 #include <malloc.h>
+#include <mutex>
 #include <optional>
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -200,9 +205,8 @@ public:
             Rings_->End();
         }
         Files_.SetSession(nullptr);
-        fuse_remove_signal_handlers(Session_);
+        Files_.EndBackground();
         fuse_session_unmount(Session_);
-        Files_.EndBackground(); // what it had asked of the kernel has failed with the mount
         fuse_session_destroy(Session_);
     }
     KernelSession(const KernelSession &) = delete;
@@ -211,14 +215,67 @@ public:
     fuse_session *Get() {
         return Session_;
     }
-    void UseRings(unsigned Threads) {
-        Rings_.emplace(Session_, Threads);
+    void UseRings(unsigned Threads, std::function<void()> Ready) {
+        Rings_.emplace(Session_, Threads, std::move(Ready));
     }
 
 private:
     FileSystem &Files_;
     fuse_session *Session_;
     std::optional<RequestRings> Rings_;
+};
+
+// While it lives, a signal ends the mount: first what speaks to the kernel on its own, as long as requests are served,
+// then the loop that serves them, in the thread that has made this.
+class SignalsEnd {
+public:
+    SignalsEnd(fuse_session *Session, FileSystem &Files) : Session_(Session), Files_(Files), Loop_(pthread_self()) {
+        struct sigaction Nothing = {};
+        Nothing.sa_handler = [](int) {};
+        sigaction(Nudge, &Nothing, nullptr);
+        signal(SIGPIPE, SIG_IGN);
+        Thread_ = std::thread([this] { Run(); });
+    }
+    ~SignalsEnd() {
+        {
+            const std::lock_guard Hold(Lock_);
+            Over_ = true;
+        }
+        Changed_.notify_all();
+        pthread_kill(Thread_.native_handle(), SIGTERM);
+        Thread_.join();
+    }
+    SignalsEnd(const SignalsEnd &) = delete;
+    SignalsEnd &operator=(const SignalsEnd &) = delete;
+
+private:
+    static constexpr int Nudge = SIGUSR2; // interrupts the loop's sleep
+
+    void Run() {
+        const sigset_t Ending = EndingSignals();
+        int Number = 0;
+        sigwait(&Ending, &Number);
+        std::unique_lock Hold(Lock_);
+        if (Over_) {
+            return;
+        }
+        Hold.unlock();
+        Files_.EndBackground();
+        fuse_session_exit(Session_);
+        Hold.lock();
+        while (!Over_) { // it may be about to sleep
+            pthread_kill(Loop_, Nudge);
+            Changed_.wait_for(Hold, std::chrono::milliseconds(10));
+        }
+    }
+
+    fuse_session *Session_;
+    FileSystem &Files_;
+    const pthread_t Loop_;
+    std::mutex Lock_;
+    std::condition_variable Changed_;
+    bool Over_ = false;
+    std::thread Thread_;
 };
 
 } // namespace
@@ -243,11 +300,11 @@ void Prepare(MountOptions &Options, SessionOptions &Session) {
     if (!Options.Foreground) {
         GoIntoBackground();
     }
-    // Only the thread that serves is interrupted by them; all others inherit this.
+    // Every thread inherits this; one waits for them.
     const sigset_t Ending = EndingSignals();
     pthread_sigmask(SIG_BLOCK, &Ending, nullptr);
     for (const int Signal : {SIGINT, SIGTERM, SIGHUP}) {
-        signal(Signal, SIG_DFL); // libfuse takes only those that nobody has
+        signal(Signal, SIG_DFL);
     }
 }
 
@@ -257,15 +314,13 @@ int Serve(Session &Running, const MountOptions &Options) {
             return access(File.c_str(), F_OK) == 0 ? RVSTATUS{0xC7E90101} : RVSTATUS::Success;
         });
     }
-    FileSystem Files(Running, Options, TellReady);
+    const bool OverRings = Options.Rings.value_or(KernelOffersRings());
+    FileSystem Files(Running, Options, OverRings ? std::function<void()>([] {}) : TellReady);
     int Ended;
     {
         KernelSession Kernel(Files, Options);
-        if (fuse_set_signal_handlers(Kernel.Get()) != 0) {
-            throw UsageError("mount: signals cannot be caught");
-        }
-        if (Options.Rings.value_or(KernelOffersRings())) {
-            Kernel.UseRings(Options.Threads);
+        if (OverRings) {
+            Kernel.UseRings(Options.Threads, TellReady);
         }
         RaiseReadAhead(Options);
         if (chdir("/") != 0) {
@@ -278,14 +333,14 @@ int Serve(Session &Running, const MountOptions &Options) {
         fuse_loop_config *Loop = fuse_loop_cfg_create();
         fuse_loop_cfg_set_max_threads(Loop, Options.Threads);
         fuse_loop_cfg_set_idle_threads(Loop, Options.Threads);
-        const sigset_t Ending = EndingSignals();
-        pthread_sigmask(SIG_UNBLOCK, &Ending, nullptr);
-        Ended = fuse_session_loop_mt(Kernel.Get(), Loop);
+        {
+            const SignalsEnd Signals(Kernel.Get(), Files);
+            Ended = fuse_session_loop_mt(Kernel.Get(), Loop);
+        }
         fuse_loop_cfg_destroy(Loop);
     }
     Running.SetFault({});
     Files.CloseAll();
-    // The number of the signal that ended it: as it should.
     if (Ended < 0) {
         Complain(fmt::format("mount: {}", strerror(-Ended)));
         return 1;

@@ -17,12 +17,18 @@ Spellings::Spellings(Tell To, More Also, std::chrono::milliseconds Kept)
 }
 
 Spellings::~Spellings() {
+    Stop();
+}
+
+void Spellings::Stop() {
     {
         const std::lock_guard Hold(Lock_);
         Ending_ = true;
     }
     Something_.notify_one();
-    Thread_.join();
+    if (Thread_.joinable()) {
+        Thread_.join();
+    }
 }
 
 void Spellings::Note(uint64_t Parent, std::string_view Name) {

@@ -36,6 +36,9 @@ public:
     // Name came or went.
     void Changed(uint64_t Parent, std::string_view Name);
     void Wake();
+    // Nothing is told or asked any more; what is under way is waited for, so the kernel has to get its answers
+    // meanwhile.
+    void Stop();
 
 private:
     struct Noted {

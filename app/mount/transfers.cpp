@@ -237,6 +237,7 @@ int FileSystem::Allocate(fuse_req_t Request, fuse_ino_t, int Mode, off_t Offset,
     ++Changes_;
     constexpr int64_t LongAllocation = int64_t{4} << 30; // which a signal ends
     const int64_t Begun = std::max<int64_t>(Found.Size, Offset);
+    const RequestRings::Away Away;
     for (int64_t At = Begun; At < Offset + Length;) {
         const auto Part = std::min<uint64_t>(LargestTransfer, static_cast<uint64_t>(Offset + Length - At));
         size_t Done = 0;

@@ -345,8 +345,15 @@ RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Resul
     if (Exact && Exact->empty()) {
         return Wanted.Disposition == RV_DISPOSITION_CREATE_NEW ? Failure(CODE_EXISTS) : Failure(CODE_IS_A_DIRECTORY);
     }
+    const auto Create = [&] {
+        const RVSTATUS Status = CreateNew(Provider, At, Found, Wanted, Out);
+        if (!RvIsError(Status) && Exact) {
+            At.Volume->Names.NoteOtherwiseSpelled(At.Ref, *Exact, false); // it was missing until now
+        }
+        return Status;
+    };
     if (Exact && Wanted.Creates() && TakeMissing(At) && At.Volume->Names.OpenHolder(At.Ref, *Exact, Found)) {
-        return CreateNew(Provider, At, Found, Wanted, Out);
+        return Create();
     }
     if (const RVSTATUS Status = FindEntry(At, Exact, Wanted.Creates(), Found, There); RvIsError(Status)) {
         Out.Again = Found.Exists && There.Error == ENOENT; // it went just now
@@ -358,7 +365,7 @@ RVSTATUS OpenOnce(State &Provider, const Place &At, const Request &Wanted, Resul
     if (Wanted.Query()) {
         NoteMissing(At);
     }
-    return Wanted.Creates() ? CreateNew(Provider, At, Found, Wanted, Out) : Failure(CODE_NO_SUCH_FILE);
+    return Wanted.Creates() ? Create() : Failure(CODE_NO_SUCH_FILE);
 }
 
 RVSTATUS OpenOrCreate(State &Provider, const Place &At, const Request &Wanted, Result &Out) {
