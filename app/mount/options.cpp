@@ -78,7 +78,7 @@ constexpr Word Words[] = {
     {"max_threads", Kind::Number, STORE(To.Threads = static_cast<unsigned>(Value)), "how many serve"},
     {"io_uring", Kind::Flag, STORE(To.Rings = true),
      "requests come over io_uring; refused where the kernel does not offer it"},
-    {"no_io_uring", Kind::Flag, STORE(To.Rings = false), "requests come through /dev/fuse alone"},
+    {"no_io_uring", Kind::Flag, STORE(To.Rings = false), "requests come through /dev/fuse"},
     {"fault_file", Kind::Text, STORE(To.FaultFile = Text), "while this file exists, the server counts as away"},
     {"allow_other", Kind::Kernel, STORE(To.Others = true), "other users may come in"},
     {"allow_root", Kind::Refused, nullptr, "use allow_other"},

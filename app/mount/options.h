@@ -35,7 +35,7 @@ struct MountOptions {
     unsigned ReadAheadKib = 1024;
     unsigned MaxRead = 0;               // bytes of one read; 0: as many as the kernel likes
     unsigned Threads = 10;              // with fewer the kernel wakes one on another processor more often
-    std::optional<bool> Rings;          // requests over io_uring; else where the kernel offers it
+    bool Rings = false;                 // requests over io_uring
     std::string FaultFile;              // tests: while this file is there, the server is away
     std::vector<std::string> ForKernel; // for the mount itself
 

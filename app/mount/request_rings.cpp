@@ -28,6 +28,7 @@
 #include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -64,7 +65,8 @@ struct CommandWords {
 };
 
 constexpr unsigned MostQueues = 256;
-constexpr unsigned LeastFree = 4; // of a queue whose processor is there
+constexpr unsigned LeastFree = 4;    // of a queue whose processor is there
+constexpr unsigned MostOfQueue = 64; // threads, where programs wait: then its reserve alone grows
 constexpr unsigned ReserveEntries = 32;
 constexpr size_t MostEarly = 64;
 constexpr size_t SmallPayload = 8192; // names, and short writes
@@ -96,6 +98,39 @@ std::vector<bool> Processors(const char *File) {
         std::fill(Out.begin() + First, Out.begin() + Last + 1, true);
     }
     return Out;
+}
+
+// A place in the ring, which is emptied when it is full.
+io_uring_sqe *NextOf(io_uring &Ring) {
+    io_uring_sqe *Words;
+    while ((Words = io_uring_get_sqe(&Ring)) == nullptr) {
+        io_uring_submit(&Ring);
+    }
+    return Words;
+}
+
+#if defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define RVFSD_THREAD_SANITIZER
+extern "C" void __tsan_acquire(void *);
+extern "C" void __tsan_release(void *);
+#endif
+#endif
+
+// A program asks next for what it was told before, on whatever thread that is served: the kernel keeps that order,
+// which the thread sanitizer cannot see.
+[[maybe_unused]] char ThroughKernel;
+
+void TellsKernel() {
+#ifdef RVFSD_THREAD_SANITIZER
+    __tsan_release(&ThroughKernel);
+#endif
+}
+
+void HearsKernel() {
+#ifdef RVFSD_THREAD_SANITIZER
+    __tsan_acquire(&ThroughKernel);
+#endif
 }
 
 } // namespace
@@ -166,6 +201,7 @@ private:
     void Fill(Entry &At, const iovec *Parts, int Count) const;
     void FillForOther(Entry &At, const iovec *Parts, int Count);
     Entry *FindLocked(uint64_t Unique);
+    bool WasInterrupted(uint64_t Unique) const;
     void Interrupt(uint64_t Unique);
     void End();
 
@@ -184,12 +220,14 @@ private:
     std::condition_variable Changed_;
     std::vector<std::unique_ptr<Worker>> Workers_;
     std::vector<unsigned> Free_; // by queue: threads that neither wait for an answer of another's nor take long
+    std::vector<unsigned> All_;  // by queue: threads
     std::deque<Entry *> HandedOver_;
     std::condition_variable Handed_;
     std::vector<std::thread> Helpers_; // serve those
     size_t Idle_ = 0;                  // of them
     std::deque<uint64_t> Early_;       // requests that were interrupted before libfuse knew them, the last ones
     unsigned SetUp_ = 0;
+    size_t Reserves_ = 0; // that the kernel knows: it takes the entry that became free last, so they come first
     bool Complained_ = false;
     bool Failed_ = false;
     bool Ended_ = false;
@@ -211,6 +249,7 @@ ssize_t RequestRings::State::Read(int From, void *Buffer, size_t Length) {
         std::this_thread::sleep_for(Pace);
     }
     const ssize_t Count = read(From, Buffer, Length);
+    HearsKernel();
     if (Count >= static_cast<ssize_t>(sizeof(fuse_in_header) + sizeof(fuse_init_in)) &&
         static_cast<const fuse_in_header *>(Buffer)->opcode == FUSE_INIT) {
         const auto *Header = static_cast<const fuse_in_header *>(Buffer);
@@ -222,9 +261,10 @@ ssize_t RequestRings::State::Read(int From, void *Buffer, size_t Length) {
 }
 
 ssize_t RequestRings::State::Write(int To, const iovec *Parts, int Count) {
+    TellsKernel();
     const auto *Header = static_cast<const fuse_out_header *>(Parts[0].iov_base);
     if (Header->unique != 0 && Running_) {
-        if (IsOwner && Mine != nullptr && Mine->Unique == Header->unique) {
+        if (IsOwner && Mine != nullptr && Mine->Unique == Header->unique && Mine->Now == Phase::Serving) {
             Fill(*Mine, Parts, Count);
             Mine->Now = Phase::Answered;
             return static_cast<ssize_t>(Header->len);
@@ -332,8 +372,9 @@ bool RequestRings::State::Start(const fuse_init_out &Agreed) {
     }
     std::unique_lock Hold(Lock_);
     Free_.assign(Wanted_.size(), 0);
+    All_.assign(Wanted_.size(), 0);
     for (unsigned Queue = 0; Queue < Wanted_.size(); ++Queue) {
-        Add(Queue, true); // the first one: the kernel takes the entries that became free last
+        Add(Queue, true);
         for (unsigned Index = 0; Index < Wanted_[Queue]; ++Index) {
             Add(Queue, false);
         }
@@ -370,6 +411,7 @@ void RequestRings::State::Add(unsigned Queue, bool IsReserve) {
         One->Runs = std::thread([this, Which = One.get()] { Run(*Which); });
         Workers_.push_back(std::move(One));
         Free_[Queue] += IsReserve ? 0 : 1;
+        ++All_[Queue];
     });
 }
 
@@ -447,10 +489,7 @@ void RequestRings::State::Fail(Worker &One, int Error) {
 }
 
 void RequestRings::State::Submit(Entry &At, Command What) {
-    if (io_uring_sq_space_left(&At.Of->Ring) == 0) {
-        io_uring_submit(&At.Of->Ring);
-    }
-    io_uring_sqe *Words = io_uring_get_sqe(&At.Of->Ring);
+    io_uring_sqe *Words = NextOf(At.Of->Ring);
     memset(Words, 0, 2 * sizeof(*Words));
     Words->opcode = IORING_OP_URING_CMD;
     Words->fd = Device_;
@@ -468,10 +507,7 @@ void RequestRings::State::Submit(Entry &At, Command What) {
 }
 
 void RequestRings::State::AwaitWake(Worker &One) {
-    if (io_uring_sq_space_left(&One.Ring) == 0) {
-        io_uring_submit(&One.Ring);
-    }
-    io_uring_sqe *Words = io_uring_get_sqe(&One.Ring);
+    io_uring_sqe *Words = NextOf(One.Ring);
     memset(Words, 0, 2 * sizeof(*Words));
     io_uring_prep_poll_add(Words, One.Wake, POLLIN);
     Words->user_data = 0;
@@ -480,8 +516,18 @@ void RequestRings::State::AwaitWake(Worker &One) {
 void RequestRings::State::Serve(Worker &One) {
     IsOwner = true;
     AwaitWake(One);
+    if (!One.IsReserve) {
+        std::unique_lock Hold(Lock_);
+        Changed_.wait(Hold, [this] { return Reserves_ == Wanted_.size() || Ended_; });
+    }
     for (const std::unique_ptr<Entry> &Each : One.Entries) {
         Submit(*Each, Command::Register);
+    }
+    if (One.IsReserve) {
+        io_uring_submit(&One.Ring);
+        const std::lock_guard Hold(Lock_);
+        ++Reserves_;
+        Changed_.notify_all();
     }
     for (bool Over = false; !Over;) {
         const int Waited = io_uring_submit_and_wait(&One.Ring, 1);
@@ -562,6 +608,8 @@ uint64_t RequestRings::State::UniqueOf(const Entry &At) {
 }
 
 void RequestRings::State::Process(Entry &At) {
+    HearsKernel();
+    At.GivesUp = false;
     At.Now = Phase::Serving;
     At.Unique = UniqueOf(At);
     Mine = &At;
@@ -583,8 +631,7 @@ bool RequestRings::State::PutOff(Entry &At) {
         At.Now = Phase::PutOff;
         ++At.Of->PutOff;
         Leave(*At.Of);
-        const auto Early = std::find(Early_.begin(), Early_.end(), At.Unique.load());
-        ToInterrupt = Early != Early_.end() ? At.Unique.load() : 0;
+        ToInterrupt = WasInterrupted(At.Unique) ? At.Unique.load() : 0;
     }
     if (ToInterrupt != 0) {
         Interrupt(ToInterrupt);
@@ -613,12 +660,20 @@ void RequestRings::State::HandOver(Entry &At) {
         }
         io_uring_submit(&One.Ring);
     }
-    const std::lock_guard Hold(Lock_);
+    std::unique_lock Hold(Lock_);
     HandedOver_.push_back(&At);
-    if (Idle_ == 0 && !Ended_ && Helpers_.size() < std::max(LeastFree, Threads_)) {
+    if (HandedOver_.size() > Idle_ && !Ended_ && Helpers_.size() < std::max(LeastFree, Threads_)) {
         AddThread([this] { Helpers_.emplace_back([this] { ServeHandedOver(); }); });
     }
-    Handed_.notify_one();
+    if (!Helpers_.empty() || Ended_) {
+        Handed_.notify_one();
+        return;
+    }
+    HandedOver_.pop_back(); // no thread can be had
+    Hold.unlock();
+    Mine = &At;
+    Give(At);
+    Mine = nullptr;
 }
 
 void RequestRings::State::ServeHandedOver() {
@@ -635,20 +690,28 @@ void RequestRings::State::ServeHandedOver() {
         HandedOver_.pop_front();
         const uint64_t Unique = At.Unique;
         Hold.unlock();
+        HearsKernel();
         Mine = &At;
         Give(At);
         Mine = nullptr;
-        if (At.GivesUp) {
-            Interrupt(Unique); // if it waits
-        }
         Hold.lock();
+        if (At.GivesUp || WasInterrupted(Unique)) {
+            Hold.unlock();
+            Interrupt(Unique); // if it waits
+            Hold.lock();
+        }
     }
+}
+
+// Before libfuse knew it. With the lock held.
+bool RequestRings::State::WasInterrupted(uint64_t Unique) const {
+    return std::find(Early_.begin(), Early_.end(), Unique) != Early_.end();
 }
 
 // This thread is not free for a while: another one takes its place, but for a reserve, which goes on. With the lock
 // held.
 void RequestRings::State::Leave(Worker &One) {
-    if (!One.IsReserve && --Free_[One.Queue] < Wanted_[One.Queue] && !Ended_) {
+    if (!One.IsReserve && --Free_[One.Queue] < Wanted_[One.Queue] && All_[One.Queue] < MostOfQueue && !Ended_) {
         Add(One.Queue, false);
     }
 }
@@ -733,6 +796,11 @@ bool KernelOffersRings() {
 RequestRings::RequestRings(fuse_session *Session, unsigned Threads, std::function<void()> Ready)
     : State_(std::make_unique<State>(Session, Threads, std::move(Ready))) {
     State::Only = State_.get();
+    rlimit Limit{}; // each thread has a ring and an event
+    if (getrlimit(RLIMIT_NOFILE, &Limit) == 0) {
+        Limit.rlim_cur = Limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &Limit); // or it ends earlier, with a word
+    }
     fuse_custom_io Through = {};
     Through.read = [](int From, void *Buffer, size_t Length, void *) {
         return State::Only.load()->Read(From, Buffer, Length);

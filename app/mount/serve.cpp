@@ -234,6 +234,10 @@ public:
         Nothing.sa_handler = [](int) {};
         sigaction(Nudge, &Nothing, nullptr);
         signal(SIGPIPE, SIG_IGN);
+        sigset_t Nudged;
+        sigemptyset(&Nudged);
+        sigaddset(&Nudged, Nudge);
+        pthread_sigmask(SIG_UNBLOCK, &Nudged, nullptr);
         Thread_ = std::thread([this] { Run(); });
     }
     ~SignalsEnd() {
@@ -288,7 +292,7 @@ void Prepare(MountOptions &Options, SessionOptions &Session) {
     }
     Options.Point = Real;
     free(Real);
-    if (Options.Rings == true && !KernelOffersRings()) {
+    if (Options.Rings && !KernelOffersRings()) {
         throw UsageError("mount: -o io_uring: the kernel does not offer it; from Linux 6.14 on root allows it with: "
                          "echo Y >/sys/module/fuse/parameters/enable_uring");
     }
@@ -314,12 +318,11 @@ int Serve(Session &Running, const MountOptions &Options) {
             return access(File.c_str(), F_OK) == 0 ? RVSTATUS{0xC7E90101} : RVSTATUS::Success;
         });
     }
-    const bool OverRings = Options.Rings.value_or(KernelOffersRings());
-    FileSystem Files(Running, Options, OverRings ? std::function<void()>([] {}) : TellReady);
+    FileSystem Files(Running, Options, Options.Rings ? std::function<void()>([] {}) : TellReady);
     int Ended;
     {
         KernelSession Kernel(Files, Options);
-        if (OverRings) {
+        if (Options.Rings) {
             Kernel.UseRings(Options.Threads, TellReady);
         }
         RaiseReadAhead(Options);
