@@ -26,6 +26,8 @@ namespace app::mount {
 // Whether the kernel offers it to the mounts that are made from now on.
 bool KernelOffersRings();
 
+class RingState;
+
 class RequestRings {
 public:
     // Puts itself between Session, which is mounted and has not seen a request yet, and its descriptor. Threads is how
@@ -54,8 +56,7 @@ public:
     static char *AnswerSpace(size_t Length);
 
 private:
-    class State;
-    std::unique_ptr<State> State_;
+    std::unique_ptr<RingState> State_;
 };
 
 } // namespace app::mount
